@@ -1,0 +1,136 @@
+#pragma once
+
+#include <json/value.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "engine/ScanTypes.h"
+
+namespace agent {
+
+/// What a file was when it was scanned: quarantine and the cache compare it before they trust it.
+struct FileIdentity {
+  std::uint64_t device = 0, inode = 0, size = 0;
+  std::int64_t changeTimeNs = 0, modifyTimeNs = 0;
+  static FileIdentity of(const struct stat& st);
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
+/// Who asks: on the kernel's word.
+struct CallerId {
+  uid_t uid = static_cast<uid_t>(-1);
+  gid_t gid = static_cast<gid_t>(-1);
+  std::vector<gid_t> groups;
+  pid_t pid = 0;
+};
+
+/// The settings documents, one a config type: 0 scan, 1 real-time protection, 2 quarantine, 4 engines.
+/// Documents are whole: every key has a value.
+class Settings {
+ public:
+  virtual ~Settings() = default;
+  /// Nothing for an unknown type.
+  virtual std::optional<Json::Value> document(int configType) const = 0;
+  /// Merges a partial change after checking it against the settings table. False changes nothing and says
+  /// why. A section that is null is a change of nothing.
+  virtual bool change(int configType, const std::string& changeText, std::string* why) = 0;
+};
+
+struct QuarantineRequest {
+  int fd = -1;             ///< of the file as scanned; stays the caller's
+  std::string path;        ///< bytes; how it was reached
+  FileIdentity identity;   ///< as scanned
+  Detection detection;
+  std::string md5;         ///< as scanned; may be empty
+};
+
+/// What became of something asked: ok, or one line that says why not.
+struct Result {
+  bool ok = false;
+  std::string detail;
+};
+
+class Quarantine {
+ public:
+  virtual ~Quarantine() = default;
+  /// Copies in, syncs, records, and only then removes the original, after checking it is the same file.
+  virtual Result add(const QuarantineRequest& request) = 0;
+  /// JSON array of isolation items (JsonReflect::IsolationItem), oldest first. `onlyOwner`: of that uid.
+  virtual Json::Value list(std::optional<uid_t> onlyOwner) const = 0;
+  struct RestoreOutcome { std::string uuid; Result result; };
+  /// trust: add the path to the trust region as well. targetDir empty: where it was.
+  virtual std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool all, bool trust,
+                                              const std::string& targetDir, const CallerId& caller) = 0;
+};
+
+/// Trust (0) and reject (1) regions.
+enum class RegionVerdict { kNone, kTrusted, kRejected };
+class Regions {
+ public:
+  virtual ~Regions() = default;
+  /// items: {"action":0 add|1 del,"type":0..6,"domain":n,"is_all":bool,"items":[…]}. False says why.
+  virtual bool change(int regionType, const Json::Value& items, const CallerId& caller, std::string* why) = 0;
+  /// JSON array of JsonReflect::FilterRegionItem. domain 4: any.
+  virtual Json::Value list(int domain, int itemType, int regionType) const = 0;
+  /// By path, folder, extension and name: before a file is opened. Cheap.
+  virtual RegionVerdict byPath(const std::string& path) const = 0;
+  /// By MD5, SHA1, SHA256. hashesNeeded() says whether any such entry exists.
+  virtual RegionVerdict byHash(const Verdict& hashes) const = 0;
+  virtual bool hashesNeeded() const = 0;
+  /// Something the scan's cached answers depend on: changes with every change of a region.
+  virtual std::uint64_t generation() const = 0;
+};
+
+/// Clean results of earlier scans.
+class ScanCache {
+ public:
+  virtual ~ScanCache() = default;
+  /// key: signature version and options; a match means: known clean.
+  virtual bool isClean(const FileIdentity& file, const std::string& key) const = 0;
+  virtual void remember(const FileIdentity& file, const std::string& key) = 0;
+  virtual void flush() = 0;
+  virtual std::int64_t count() const = 0;
+  virtual void clear() = 0;
+};
+
+/// Tasks under way, so that a restarted agent can tell their owners what became of them.
+struct TaskRecord {
+  std::string token;
+  int scanType = 0;
+  std::string ownerGuid;
+  pid_t ownerPid = 0;
+  uid_t ownerUid = 0;
+  std::uint64_t ownerStartTicks = 0;
+};
+class TaskRecords {
+ public:
+  virtual ~TaskRecords() = default;
+  virtual void put(const TaskRecord& task) = 0;
+  virtual void remove(const std::string& token) = 0;
+  virtual std::vector<TaskRecord> all() const = 0;
+};
+
+/// One SQLite database and the quarantine folder under the agent's state folder. Thread-safe.
+class Store {
+ public:
+  /// Creates the folder (0700) and the schema, settles half-done quarantine work, loads the settings.
+  /// Throws std::runtime_error with one line when the store cannot be used.
+  static std::unique_ptr<Store> open(const std::string& stateDir);
+  virtual ~Store() = default;
+  virtual Settings& settings() = 0;
+  virtual Quarantine& quarantine() = 0;
+  virtual Regions& regions() = 0;
+  virtual ScanCache& cache() = 0;
+  virtual TaskRecords& tasks() = 0;
+  /// One line in the audit record: who did what to what, and what came of it. Never throws.
+  virtual void audit(const CallerId& who, const std::string& action, const std::string& object,
+                     const std::string& outcome) = 0;
+};
+
+}  // namespace agent

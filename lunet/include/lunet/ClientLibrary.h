@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+
+#include "lunet/Lunet.h"
+
+namespace lunet {
+
+/// libLunetClientMgr.so, loaded for the life of this object. Used by every program on the bus; the checks
+/// on the file are made here, once: file and folders up to / belong to root or the caller and are writable
+/// by nobody else (a sticky folder counts as safe), links resolved, before any of its code runs.
+class ClientLibrary {
+ public:
+  ClientLibrary() = default;
+  ~ClientLibrary();  ///< destroys the client, if any, then unloads
+  ClientLibrary(const ClientLibrary&) = delete;
+  ClientLibrary& operator=(const ClientLibrary&) = delete;
+
+  /// What a step came to: empty text for success, else one line fit for a log, which says what failed on
+  /// what and why ("dlopen failed: …." and "dlsym CreateInstance failed: …." among them).
+  [[nodiscard]] std::string load(const std::string& path);
+  [[nodiscard]] std::string createClient();
+  /// Calls DestoryInstance and unloads; "dlsym DestoryInstance failed: …." when the entry is missing (the
+  /// client is then leaked, the library unloaded all the same).
+  [[nodiscard]] std::string unload();
+
+  IClient* client() const { return client_; }
+
+ private:
+  void* handle_ = nullptr;
+  IClient* client_ = nullptr;
+};
+
+/// The folder of the sockets for a tree and the text of its bus configuration (JSON; an empty or
+/// unreadable text counts as {}): "socket_dir", absolute or below runtimePath, default "run/lunet".
+/// The single-instance mark lies in the same folder.
+std::string socketDirectory(const std::string& runtimePath, const std::string& configText);
+
+}  // namespace lunet

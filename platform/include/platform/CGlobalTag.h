@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+
+/// A named mark that one process on the machine can hold: an advisory lock of the kernel's on a file in the
+/// folder that all users of one bus share. It lasts as long as the object, or the process; a crash releases
+/// it. One thread.
+class CGlobalTag {
+ public:
+  struct TagConfig {
+    std::string directory;  ///< where the marks lie
+    /// The configuration of this process: the folder given to setUserDirectory, else a folder of the uid's.
+    static TagConfig getUserConfig();
+    /// Set once at start-up, before the first mark. All consoles of one tree must name the same folder,
+    /// whatever their environment.
+    static void setUserDirectory(std::string directory);
+  };
+
+  CGlobalTag(std::string name, TagConfig config);
+  ~CGlobalTag();
+  CGlobalTag(const CGlobalTag&) = delete;
+  CGlobalTag& operator=(const CGlobalTag&) = delete;
+
+  /// 1: this process holds the mark now; 2: another process does; else the mark cannot be made (why:
+  /// lastError). wait: block until it is free.
+  int trylock(bool wait);
+  /// Writes "key=value" into the mark for others to read ("pid"); while held only. False on failure.
+  bool setAttribute(const std::string& key, const std::string& value);
+  /// What another process has set; empty when absent. Holding the mark is not needed.
+  std::string attribute(const std::string& key) const;
+  const std::string& lastError() const { return lastError_; }
+
+ private:
+  std::string path_;
+  std::string lastError_;
+  int fd_ = -1;
+  bool held_ = false;
+};

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+/// The program's debug log: levels 1 (most verbose) to 4 (error), one file that is rotated by size. Set up by
+/// properties; the file is opened by the first record behind them. A folder that cannot be written costs the
+/// log and nothing else. Control characters in a record are made visible. Any thread.
+class CLogDebug {
+ public:
+  enum Property { kName = 1, kPath = 2, kLevel = 4, kSize = 8, kBackupCount = 16 };
+
+  /// None after Close, until the next SetProperty-er asks with Create.
+  static CLogDebug* Instance();
+  /// The instance, made when there is none.
+  static CLogDebug* Create();
+  /// True when a record of that level would be written.
+  static bool CheckLogLevel(int level);
+  /// Numbers as decimal text. Unknown codes and unreadable numbers change nothing.
+  void SetProperty(int property, const std::string& text);
+  static void LogPrintV(int level, const char* source, const char* function, int line, const char* format, ...)
+      __attribute__((format(printf, 5, 6)));
+  static void LogPrintStr(int level, const char* source, const char* function, int line,
+                          const std::string& text);
+  /// Writes out and forgets the log.
+  static void Close();
+};

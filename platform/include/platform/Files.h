@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// What a path names, links followed.
+class CFileInfo {
+ public:
+  explicit CFileInfo(std::string path);
+  bool exists() const;
+  bool isFile() const;  ///< a regular file
+  bool isDir() const;
+  std::string fileName() const;  ///< the last component
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+/// Whole files. Errors come as errno values: 0 is success.
+class CFile {
+ public:
+  /// Nothing when it cannot be read (*error says why, when given).
+  static std::optional<std::string> readAll(const std::string& path, int* error = nullptr);
+  /// Puts the file in place whole or not at all: a temporary file in the same folder (no link followed, made
+  /// with `mode` from the start), written, synced, renamed, the folder synced. Returns 0 or an errno value;
+  /// then the old file, if any, stands as it was and the temporary file is gone.
+  static int replaceAtomically(const std::string& path, std::string_view content, std::uint32_t mode);
+};
+
+class CDir {
+ public:
+  static std::optional<std::string> current();
+  static bool setCurrent(const std::string& path);
+  /// With parents, mode for each that is made. True when it stands afterwards.
+  static bool make(const std::string& path, std::uint32_t mode);
+  /// Empty when file and every folder up to / (links resolved) belong to root or this process's effective
+  /// user and can be written by nobody else (a sticky folder counts as safe); else one line that says
+  /// which and why.
+  static std::string whyUnsafe(const std::string& path);
+};
+
+namespace utils {
+/// Doubled separators and "." taken out, ".." resolved by text; withSeparator: ends in '/'.
+std::string FormatDir(const std::string& path, bool withSeparator);
+/// The same for a file: never ends in '/'.
+std::string FormatFilePath(const std::string& path);
+}  // namespace utils
