@@ -1,0 +1,52 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/TempDir.h"
+
+namespace testsupport {
+
+/// A program started by a test: its output goes to files, its input comes from a pipe, and it is ended, by
+/// its id, with the object.
+class Process {
+ public:
+  struct Options {
+    std::string workingDir;                         ///< empty: the test's own
+    std::map<std::string, std::string> environment; ///< added to the test's own; an empty value unsets
+    std::optional<uid_t> uid;                       ///< switch to that user before exec
+    std::optional<gid_t> gid;
+    std::vector<gid_t> groups;                      ///< supplementary groups, set when uid or gid is
+  };
+  Process(std::vector<std::string> command, Options options);
+  explicit Process(std::vector<std::string> command) : Process(std::move(command), Options{}) {}
+  ~Process();  ///< SIGKILL if it still runs
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void write(std::string_view text);  ///< to its standard input
+  void closeInput();
+  std::string out() const;  ///< standard output so far
+  std::string err() const;
+  void kill(int signal);
+  bool running();
+  /// The exit status, 128 + signal when a signal ended it; nothing when it still runs at the limit.
+  std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
+  /// Waits until its standard output holds the text.
+  bool waitForOut(std::string_view text, std::chrono::milliseconds limit = std::chrono::seconds(20));
+  bool waitForErr(std::string_view text, std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+ private:
+  TempDir files_;
+  pid_t pid_ = -1;
+  int input_ = -1;
+  std::optional<int> status_;
+};
+
+}  // namespace testsupport

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace testsupport {
+
+/// A private folder (0700) below /tmp, removed with all that is in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  /// path() + "/" + name
+  std::string at(std::string_view name) const;
+  /// Writes a file below the folder, with its parents; returns its path.
+  std::string write(std::string_view name, std::string_view content) const;
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path);  ///< empty when it cannot be read
+
+}  // namespace testsupport
