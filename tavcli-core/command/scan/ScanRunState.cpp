@@ -1,0 +1,46 @@
+#include "command/scan/ScanRunState.h"
+
+ScanRunState& ScanRunState::instance() {
+  // Never destroyed: a notification may still arrive while the process ends.
+  static auto* const state = new ScanRunState;
+  return *state;
+}
+
+std::string ScanRunState::log_path() const {
+  const std::lock_guard lock(mutex_);
+  return log_path_;
+}
+
+void ScanRunState::set_log_path(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  log_path_ = path;
+}
+
+std::string ScanRunState::scan_path() const {
+  const std::lock_guard lock(mutex_);
+  return scan_path_;
+}
+
+void ScanRunState::set_scan_path(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  scan_path_ = path;
+}
+
+Json::Value ScanRunState::result() const {
+  const std::lock_guard lock(mutex_);
+  return result_;
+}
+
+void ScanRunState::updateResult(const std::function<void(Json::Value&)>& change) {
+  const std::lock_guard lock(mutex_);
+  change(result_);
+}
+
+void ScanRunState::reset() {
+  const std::lock_guard lock(mutex_);
+  log_path_.clear();
+  scan_path_.clear();
+  batch_mode_ = 0;
+  fix_handle_ = 0;
+  result_ = Json::Value(Json::objectValue);
+}
