@@ -1,0 +1,197 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "json/Record.h"
+#include "platform/Locks.h"
+
+/// The records of a scan: its request, and what the agent reports while it runs. Texts that are paths hold
+/// the wire form (json::encodePath). Times are seconds since 1970-01-01. Not thread-safe, ScanParams apart.
+namespace JsonReflect {
+
+/// "params" of startScanTask. Any thread, but for what is done with the list that items() returns.
+class ScanParams : public Record<ScanParams> {
+ public:
+  void Serialize(Json::Value& out) const override;
+  void Deserialize(const Json::Value& in) override;
+
+  void set_follow_link(bool value) { set(follow_link_, value); }
+  void set_uid(int value) { set(uid_, value); }
+  void set_custom_stop(bool value) { set(custom_stop_, value); }
+  void set_force_scan(bool value) { set(force_scan_, value); }
+  void set_handle_action(int value) { set(handle_action_, value); }
+  void set_fix_method(int value) { set(fix_method_, value); }
+  void set_scan_type(int value) { set(scan_type_, value); }
+  std::vector<std::string>& items() { return items_; }  ///< for appending; paths
+
+  bool follow_link() const { return get(follow_link_); }
+  int max_scan_sec() const { return get(max_scan_sec_); }
+  int uid() const { return get(uid_); }  ///< of the user who asks, on his own word
+  bool custom_stop() const { return get(custom_stop_); }
+  const std::vector<std::string>& items() const { return items_; }
+  bool force_scan() const { return get(force_scan_); }
+  int handle_action() const { return get(handle_action_); }
+  int fix_method() const { return get(fix_method_); }  ///< 0 handle automatically, 2 report only
+  std::vector<std::string> handle_filter_types() const { return get(handle_filter_types_); }
+  int parallelism() const { return get(parallelism_); }
+  int proc_fix_method() const { return get(proc_fix_method_); }
+  int expire_time() const { return get(expire_time_); }
+  int scan_type() const { return get(scan_type_); }  ///< 0 fast, 1 full, 2 custom; +3 strong scan
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+
+ private:
+  template <class T>
+  void set(T& member, T value) {
+    const CWriteLocker guard(lock_);
+    member = value;
+    loaded_ = true;
+  }
+  template <class T>
+  T get(const T& member) const {
+    const CReadLocker guard(lock_);
+    return member;
+  }
+
+  mutable CRwLock lock_;
+  bool follow_link_ = false;
+  std::int32_t max_scan_sec_ = 0;
+  std::int32_t uid_ = 0;
+  bool custom_stop_ = false;
+  std::vector<std::string> items_;
+  bool force_scan_ = false;
+  std::int32_t handle_action_ = 0;
+  std::int32_t fix_method_ = 0;
+  std::vector<std::string> handle_filter_types_;
+  std::int32_t parallelism_ = 0;
+  std::int32_t proc_fix_method_ = 0;
+  std::int32_t expire_time_ = 0;
+  std::int32_t scan_type_ = 0;
+};
+
+/// A file risk, as reportRiskInfo and reportRiskFixInfo carry it.
+class VirusInfo : public Record<VirusInfo> {
+ public:
+  std::int32_t filesize_src = 0;  ///< bytes
+  std::string filesha1_src;
+  std::int32_t file_trace_source = 0;
+  std::string risk_name;         ///< name of the detection
+  std::int32_t engine_mark = 0;  ///< json::Engine::code
+  std::string filemd5_src;
+  std::int64_t file_create_time = 0;
+  std::string item;          ///< what was scanned; a path
+  std::string filepath_src;  ///< the file; a path
+  std::string risk_id;
+  std::int64_t find_time = 0;
+  std::string risk_type_name;
+  std::int64_t file_modify_time = 0;
+  std::int32_t risk_type = 0;
+  std::int32_t finder = 0;  ///< 2 real-time protection, 3 USB protection, else active scan
+  std::string desc;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+/// A file risk inside a process record: as VirusInfo, without the SHA-1.
+class FileRiskInfo : public Record<FileRiskInfo> {
+ public:
+  std::int32_t filesize_src = 0;
+  std::int32_t file_trace_source = 0;
+  std::string risk_name;
+  std::int32_t engine_mark = 0;
+  std::string filemd5_src;
+  std::int64_t file_create_time = 0;
+  std::string item;
+  std::string filepath_src;
+  std::string risk_id;
+  std::int64_t find_time = 0;
+  std::string risk_type_name;
+  std::int64_t file_modify_time = 0;
+  std::int32_t risk_type = 0;
+  std::int32_t finder = 0;
+  std::string desc;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+/// Counters of a running task.
+class ScanBusOverView : public Record<ScanBusOverView> {
+ public:
+  std::int64_t fixed_risk_count = 0;
+  std::int64_t checkout_risk_count = 0;
+  std::int64_t trusted_risk_count = 0;
+  std::int64_t total_item_count = 0;  ///< all entries met
+  std::int64_t ignore_risk_count = 0;
+  std::int64_t checked_item_count = 0;  ///< clean and infected
+  std::int64_t failed_item_count = 0;   ///< errors
+  std::string cur_item;                 ///< a path
+  std::string token_id;
+  std::int64_t disposed_risk_count = 0;
+  std::int64_t cost_time = 0;  ///< seconds
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+/// What became of a risk.
+class RiskRepairResult : public Record<RiskRepairResult> {
+ public:
+  std::int32_t handle_result = 0;  ///< 1 quarantined, 2 process ended, 3 reported only, 4 failed, 6 trusted
+  std::string handle_detail;
+  std::int64_t handle_time = 0;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+/// One finding in a process.
+class ProcRiskItem : public Record<ProcRiskItem> {
+ public:
+  std::int32_t pid = 0;
+  std::string risk_name;
+  std::string item;  ///< a path
+  std::string risk_id;
+  std::int32_t engine_type = 0;  ///< json::Engine::code
+  std::int64_t find_time = 0;
+  std::string risk_type_name;
+  std::int32_t risk_type = 0;
+  std::int32_t finder = 0;
+  std::string desc;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+class ProcessInfo : public Record<ProcessInfo> {
+ public:
+  std::string exec_file_name;  ///< a path
+  std::string proc_name;
+  std::int32_t pid = 0;
+  bool exec_file_exist = false;
+  std::vector<ProcRiskItem> proc_risks;
+  std::vector<FileRiskInfo> file_risks;
+  std::string user_name;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+/// A process risk, as reportRiskInfo and reportRiskFixInfo carry it.
+class MemoryRiskInfo : public Record<MemoryRiskInfo> {
+ public:
+  std::string risk_type_name;
+  std::string risk_id;
+  std::int32_t risk_type = 0;
+  ProcessInfo process_info;
+  std::string desc;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit);
+};
+
+}  // namespace JsonReflect
