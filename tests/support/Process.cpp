@@ -16,8 +16,8 @@ namespace testsupport {
 
 namespace {
 
-[[noreturn]] void runChild(const std::vector<std::string>& command, const Process::Options& options, int input,
-                           const std::string& outPath, const std::string& errPath) {
+[[noreturn]] void runChild(const std::vector<std::string>& command, const Process::Options& options,
+                           int input, const std::string& outPath, const std::string& errPath) {
   const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   dup2(input, 0);
@@ -96,8 +96,12 @@ void Process::closeInput() {
   }
 }
 
-std::string Process::out() const { return readFile(files_.at("out")); }
-std::string Process::err() const { return readFile(files_.at("err")); }
+std::string Process::out() const {
+  return readFile(files_.at("out"));
+}
+std::string Process::err() const {
+  return readFile(files_.at("err"));
+}
 
 void Process::kill(int signal) {
   if (!status_) {

@@ -17,11 +17,11 @@ namespace testsupport {
 class Process {
  public:
   struct Options {
-    std::string workingDir;                         ///< empty: the test's own
-    std::map<std::string, std::string> environment; ///< added to the test's own; an empty value unsets
-    std::optional<uid_t> uid;                       ///< switch to that user before exec
+    std::string workingDir;                          ///< empty: the test's own
+    std::map<std::string, std::string> environment;  ///< added to the test's own; an empty value unsets
+    std::optional<uid_t> uid;                        ///< switch to that user before exec
     std::optional<gid_t> gid;
-    std::vector<gid_t> groups;                      ///< supplementary groups, set when uid or gid is
+    std::vector<gid_t> groups;  ///< supplementary groups, set when uid or gid is
   };
   Process(std::vector<std::string> command, Options options);
   explicit Process(std::vector<std::string> command) : Process(std::move(command), Options{}) {}

@@ -20,7 +20,9 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-std::string TempDir::at(std::string_view name) const { return path_ + "/" + std::string(name); }
+std::string TempDir::at(std::string_view name) const {
+  return path_ + "/" + std::string(name);
+}
 
 std::string TempDir::write(std::string_view name, std::string_view content) const {
   const std::string path = at(name);

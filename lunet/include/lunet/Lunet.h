@@ -15,18 +15,18 @@ namespace lunet {
 /// Error numbers of the bus. 0 is success; every other value is one of these.
 enum Error : std::uint32_t {
   kOk = 0,
-  kErrNotOpen = 0xE0010001,        ///< the endpoint (or the client) is not open, or was closed meanwhile
-  kErrNoTarget = 0xE0010002,       ///< nobody is at that GUID now
-  kErrPeerLost = 0xE0010003,       ///< the peer went away before it answered
-  kErrTimeout = 0xE0010004,        ///< no answer within the time given
-  kErrTooLarge = 0xE0010005,       ///< the message is larger than kMaxMessageBytes
-  kErrQueueFull = 0xE0010006,      ///< the receiver does not take its messages; nothing was queued
-  kErrInUse = 0xE0010007,          ///< Open: the GUID is alive elsewhere
-  kErrPath = 0xE0010008,           ///< the socket directory is missing, unsafe, or its path too long
-  kErrDenied = 0xE0010009,         ///< who is at the other end may not be talked to
-  kErrArgument = 0xE001000A,       ///< a null pointer, a bad length, an unparsable configuration
-  kErrNotSame = 0xE001000B,        ///< SendToProcess: another process is at that GUID by now
-  kErrSystem = 0xE001000C,         ///< the system refused (no descriptors, no memory, …); see the log
+  kErrNotOpen = 0xE0010001,    ///< the endpoint (or the client) is not open, or was closed meanwhile
+  kErrNoTarget = 0xE0010002,   ///< nobody is at that GUID now
+  kErrPeerLost = 0xE0010003,   ///< the peer went away before it answered
+  kErrTimeout = 0xE0010004,    ///< no answer within the time given
+  kErrTooLarge = 0xE0010005,   ///< the message is larger than kMaxMessageBytes
+  kErrQueueFull = 0xE0010006,  ///< the receiver does not take its messages; nothing was queued
+  kErrInUse = 0xE0010007,      ///< Open: the GUID is alive elsewhere
+  kErrPath = 0xE0010008,       ///< the socket directory is missing, unsafe, or its path too long
+  kErrDenied = 0xE0010009,     ///< who is at the other end may not be talked to
+  kErrArgument = 0xE001000A,   ///< a null pointer, a bad length, an unparsable configuration
+  kErrNotSame = 0xE001000B,    ///< SendToProcess: another process is at that GUID by now
+  kErrSystem = 0xE001000C,     ///< the system refused (no descriptors, no memory, …); see the log
 };
 
 /// Channels carry a number only; the two in use are those of the JSON-RPC plumbing.

@@ -17,8 +17,8 @@ class CLogDebug {
   static bool CheckLogLevel(int level);
   /// Numbers as decimal text. Unknown codes and unreadable numbers change nothing.
   void SetProperty(int property, const std::string& text);
-  static void LogPrintV(int level, const char* source, const char* function, int line, const char* format, ...)
-      __attribute__((format(printf, 5, 6)));
+  static void LogPrintV(int level, const char* source, const char* function, int line, const char* format,
+                        ...) __attribute__((format(printf, 5, 6)));
   static void LogPrintStr(int level, const char* source, const char* function, int line,
                           const std::string& text);
   /// Writes out and forgets the log.

@@ -1,0 +1,100 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "platform/Descriptor.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+
+namespace {
+
+using platform::Descriptor;
+
+/// 0, or the errno of what failed.
+int writeAll(int fd, std::string_view content) {
+  while (!content.empty()) {
+    const ssize_t count = write(fd, content.data(), content.size());
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0) {
+      return errno;
+    }
+    content.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return 0;
+}
+
+int writeAndSync(int fd, std::string_view content, std::uint32_t mode) {
+  if (const int error = writeAll(fd, content); error != 0) {
+    return error;
+  }
+  if (fchmod(fd, mode) != 0 || fsync(fd) != 0) {
+    return errno;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::optional<std::string> CFile::readAll(const std::string& path, int* error) {
+  const auto fail = [error](int number) {
+    if (error != nullptr) {
+      *error = number;
+    }
+    return std::nullopt;
+  };
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) {
+    return fail(errno);
+  }
+  std::string content;
+  char block[16384];
+  for (;;) {
+    const ssize_t count = read(file.get(), block, sizeof block);
+    if (count == 0) {
+      return content;
+    }
+    if (count < 0 && errno != EINTR) {
+      return fail(errno);
+    }
+    if (count > 0) {
+      content.append(block, static_cast<std::size_t>(count));
+    }
+  }
+}
+
+int CFile::replaceAtomically(const std::string& path, std::string_view content, std::uint32_t mode) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (name.empty()) {
+    return EISDIR;
+  }
+  const Descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) {
+    return errno;
+  }
+  std::string unique;
+  if (CUuid::generate(unique) != 0) {
+    return EIO;
+  }
+  const std::string temporary = ".tmp-" + unique;
+  const Descriptor file(openat(directory.get(), temporary.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 0700));
+  if (!file) {
+    return errno;
+  }
+  int error = writeAndSync(file.get(), content, mode);
+  if (error == 0 && renameat(directory.get(), temporary.c_str(), directory.get(), name.c_str()) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    unlinkat(directory.get(), temporary.c_str(), 0);
+    return error;
+  }
+  return fsync(directory.get()) == 0 ? 0 : errno;
+}

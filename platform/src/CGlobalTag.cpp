@@ -1,0 +1,155 @@
+#include "platform/CGlobalTag.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "platform/Descriptor.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+
+namespace {
+
+using platform::Descriptor;
+
+std::mutex gDirectoryLock;
+std::string gUserDirectory;  // guarded by gDirectoryLock
+
+std::string describe(const char* what, const std::string& path) {
+  return std::string(what) + " " + platform::visibleText(path) + ": " + std::strerror(errno);
+}
+
+/// The folder itself is private until the bus opens it to a group; what leads there is not.
+bool makeDirectory(const std::string& directory) {
+  const std::size_t slash = directory.find_last_of('/');
+  if (slash != std::string::npos && slash > 0 && !CDir::make(directory.substr(0, slash), 0755)) {
+    return false;
+  }
+  return mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST;
+}
+
+/// Opens the mark's file, never through a link. In a folder shared by a group (setgid) its members may
+/// write their pid into it too.
+Descriptor openMark(int directory, const std::string& name) {
+  struct stat folder {};
+  const bool shared = fstat(directory, &folder) == 0 && (folder.st_mode & S_ISGID) != 0;
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    // First without O_CREAT: in a sticky folder the kernel refuses O_CREAT on another user's file.
+    Descriptor file(openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (!file && errno == EACCES) {
+      file = Descriptor(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    }
+    if (file || errno != ENOENT) {
+      return file;
+    }
+    const mode_t mode = shared ? 0664 : 0644;
+    file =
+        Descriptor(openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (file) {
+      (void)fchmod(file.get(), mode);
+      return file;
+    }
+    if (errno != EEXIST) {
+      return file;
+    }
+  }
+  return Descriptor();
+}
+
+std::string valueOf(const std::string& content, const std::string& key) {
+  const std::string wanted = key + "=";
+  for (std::size_t begin = 0; begin < content.size();) {
+    const std::size_t end = std::min(content.find('\n', begin), content.size());
+    if (content.compare(begin, wanted.size(), wanted) == 0) {
+      return content.substr(begin + wanted.size(), end - begin - wanted.size());
+    }
+    begin = end + 1;
+  }
+  return {};
+}
+
+}  // namespace
+
+CGlobalTag::TagConfig CGlobalTag::TagConfig::getUserConfig() {
+  const std::lock_guard<std::mutex> guard(gDirectoryLock);
+  if (!gUserDirectory.empty()) {
+    return {gUserDirectory};
+  }
+  return {"/tmp/tavcli-" + std::to_string(geteuid())};
+}
+
+void CGlobalTag::TagConfig::setUserDirectory(std::string directory) {
+  const std::lock_guard<std::mutex> guard(gDirectoryLock);
+  gUserDirectory = std::move(directory);
+}
+
+CGlobalTag::CGlobalTag(std::string name, TagConfig config)
+    : path_(utils::FormatDir(config.directory, true) + name + ".mark") {}
+
+CGlobalTag::~CGlobalTag() {
+  if (held_) {
+    (void)ftruncate(fd_, 0);
+  }
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+int CGlobalTag::trylock(bool wait) {
+  constexpr int kFailed = 0;
+  if (held_) {
+    return 1;
+  }
+  const std::string directory = path_.substr(0, path_.rfind('/'));
+  if (!makeDirectory(directory)) {
+    lastError_ = describe("cannot make the folder", directory);
+    return kFailed;
+  }
+  if (lastError_ = CDir::whyUnsafe(directory); !lastError_.empty()) {
+    return kFailed;
+  }
+  const Descriptor folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Descriptor file = folder ? openMark(folder.get(), path_.substr(directory.size() + 1)) : Descriptor();
+  struct stat st {};
+  if (!file || fstat(file.get(), &st) != 0) {
+    lastError_ = describe("cannot open the mark", path_);
+    return kFailed;
+  }
+  if (!S_ISREG(st.st_mode) || st.st_nlink != 1) {
+    lastError_ = "the mark " + platform::visibleText(path_) + " is not a file of its own";
+    return kFailed;
+  }
+  while (flock(file.get(), wait ? LOCK_EX : LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) {
+      return 2;
+    }
+    if (errno != EINTR) {
+      lastError_ = describe("cannot lock the mark", path_);
+      return kFailed;
+    }
+  }
+  fd_ = file.release();
+  held_ = true;
+  (void)ftruncate(fd_, 0);  // what a crashed holder left
+  return 1;
+}
+
+bool CGlobalTag::setAttribute(const std::string& key, const std::string& value) {
+  if (!held_ || key.empty() || (key + value).find('\n') != std::string::npos) {
+    return false;
+  }
+  const std::string line = key + "=" + value + "\n";
+  return lseek(fd_, 0, SEEK_END) >= 0 &&
+         ::write(fd_, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+}
+
+std::string CGlobalTag::attribute(const std::string& key) const {
+  return valueOf(CFile::readAll(path_).value_or(""), key);
+}

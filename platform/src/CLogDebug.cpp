@@ -1,0 +1,179 @@
+#include "platform/CLogDebug.h"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+
+#include "platform/Files.h"
+#include "platform/Text.h"
+
+namespace {
+
+constexpr int kErrorLevel = 4;
+
+struct State {
+  std::mutex lock;
+  bool active = false;
+  bool tried = false;  ///< the file was opened, or could not be, since the last property
+  int level = 3;
+  std::size_t sizeBytes = 1048576;
+  std::size_t backups = 5;
+  std::string name = "tavcli";
+  std::string path;
+  std::shared_ptr<spdlog::logger> logger;
+};
+
+/// Lives to the end of the process: a thread of a library may log while the program ends.
+State& state() {
+  static State* const instance = new State;
+  return *instance;
+}
+
+/// Only its owner reads the log: it holds paths and detections.
+spdlog::file_event_handlers privateFile() {
+  spdlog::file_event_handlers handlers;
+  handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { (void)fchmod(fileno(file), 0600); };
+  return handlers;
+}
+
+void openLog(State& s) {
+  s.tried = true;
+  s.logger.reset();
+  if (s.path.empty()) {
+    return;
+  }
+  try {
+    CDir::make(utils::FormatDir(s.path, false), 0755);
+    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(
+        utils::FormatDir(s.path, true) + s.name + ".log", s.sizeBytes, s.backups, false, privateFile());
+    s.logger = std::make_shared<spdlog::logger>(s.name, std::move(sink));
+    s.logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %P %t %v");
+    s.logger->set_level(spdlog::level::trace);
+    s.logger->flush_on(spdlog::level::trace);
+    s.logger->set_error_handler([](const std::string&) {});  // a full disk costs the record only
+  } catch (const std::exception&) {
+    s.logger.reset();
+  }
+}
+
+bool readNumber(const std::string& text, long long* number) {
+  if (!CStr::isNum(text)) {
+    return false;
+  }
+  *number = std::atoll(text.c_str());
+  return true;
+}
+
+const char* levelName(int level) {
+  constexpr std::array<const char*, 4> kNames{"DEBUG", "INFO", "WARN", "ERROR"};
+  return kNames[static_cast<std::size_t>(level < 1 ? 1 : level > kErrorLevel ? kErrorLevel : level) - 1];
+}
+
+void write(int level, const char* source, const char* function, int line, const std::string& text) noexcept {
+  try {
+    State& s = state();
+    const std::lock_guard<std::mutex> guard(s.lock);
+    if (!s.active || level < s.level) {
+      return;
+    }
+    if (!s.tried) {
+      openLog(s);
+    }
+    if (s.logger) {
+      s.logger->log(spdlog::level::info, "{} {}:{}:{} {}", levelName(level), source, function, line,
+                    platform::visibleText(text));
+    }
+  } catch (...) {
+    // Nothing may end a caller for the sake of its log.
+  }
+}
+
+}  // namespace
+
+CLogDebug* CLogDebug::Instance() {
+  State& s = state();
+  const std::lock_guard<std::mutex> guard(s.lock);
+  static CLogDebug instance;
+  return s.active ? &instance : nullptr;
+}
+
+CLogDebug* CLogDebug::Create() {
+  {
+    State& s = state();
+    const std::lock_guard<std::mutex> guard(s.lock);
+    s.active = true;
+  }
+  return Instance();
+}
+
+bool CLogDebug::CheckLogLevel(int level) {
+  State& s = state();
+  const std::lock_guard<std::mutex> guard(s.lock);
+  return s.active && level >= s.level;
+}
+
+void CLogDebug::SetProperty(int property, const std::string& text) {
+  State& s = state();
+  const std::lock_guard<std::mutex> guard(s.lock);
+  long long number = 0;
+  switch (property) {
+    case kName:
+      s.name = text;
+      break;
+    case kPath:
+      s.path = text;
+      break;
+    case kLevel:
+      s.level = readNumber(text, &number) ? static_cast<int>(number) : s.level;
+      break;
+    case kSize:
+      s.sizeBytes = readNumber(text, &number) && number > 0 ? static_cast<std::size_t>(number) : s.sizeBytes;
+      break;
+    case kBackupCount:
+      s.backups = readNumber(text, &number) && number >= 0 ? static_cast<std::size_t>(number) : s.backups;
+      break;
+    default:
+      return;
+  }
+  s.tried = false;
+}
+
+void CLogDebug::LogPrintV(int level, const char* source, const char* function, int line, const char* format,
+                          ...) {
+  if (Instance() == nullptr || !CheckLogLevel(level)) {
+    return;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, arguments);
+  va_end(arguments);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  std::vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
+  write(level, source, function, line, text);
+}
+
+void CLogDebug::LogPrintStr(int level, const char* source, const char* function, int line,
+                            const std::string& text) {
+  if (Instance() != nullptr && CheckLogLevel(level)) {
+    write(level, source, function, line, text);
+  }
+}
+
+void CLogDebug::Close() {
+  State& s = state();
+  const std::lock_guard<std::mutex> guard(s.lock);
+  s.logger.reset();
+  s.active = false;
+  s.tried = false;
+}
