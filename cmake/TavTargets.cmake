@@ -11,8 +11,8 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
 
 # "Dev" keeps assertions, builds fast and still gives usable back traces.
-set(CMAKE_C_FLAGS_DEV "-O1 -g1" CACHE STRING "")
-set(CMAKE_CXX_FLAGS_DEV "-O1 -g1" CACHE STRING "")
+set(CMAKE_C_FLAGS_DEV "-O1 -g1")
+set(CMAKE_CXX_FLAGS_DEV "-O1 -g1")
 
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Dev CACHE STRING "" FORCE)

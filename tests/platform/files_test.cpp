@@ -1,0 +1,173 @@
+#include "platform/Files.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "support/TempDir.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testsupport::readFile;
+using testsupport::TempDir;
+
+TEST(FileInfo, TellsFilesFoldersAndNothingApart) {
+  const TempDir dir;
+  const std::string file = dir.write("f", "x");
+  EXPECT_TRUE(CFileInfo(file).exists());
+  EXPECT_TRUE(CFileInfo(file).isFile());
+  EXPECT_FALSE(CFileInfo(file).isDir());
+  EXPECT_TRUE(CFileInfo(dir.path()).isDir());
+  EXPECT_FALSE(CFileInfo(dir.path()).isFile());
+  EXPECT_FALSE(CFileInfo(dir.at("absent")).exists());
+}
+
+struct NameCase {
+  const char* path;
+  const char* name;
+};
+class FileName : public testing::TestWithParam<NameCase> {};
+TEST_P(FileName, IsTheLastComponent) {
+  EXPECT_EQ(CFileInfo(GetParam().path).fileName(), GetParam().name);
+}
+INSTANTIATE_TEST_SUITE_P(Paths, FileName,
+                         testing::Values(NameCase{"/a/b.txt", "b.txt"}, NameCase{"b", "b"},
+                                         NameCase{"/a/b/", "b"}, NameCase{"/", "/"}, NameCase{"", ""},
+                                         NameCase{"/病毒.zip", "病毒.zip"}));
+
+TEST(File, ReplacingPutsTheWholeContentInPlaceWithTheModeGiven) {
+  const TempDir dir;
+  const std::string path = dir.write("f", "old");
+  const std::string content("new\0text", 8);
+  EXPECT_EQ(CFile::replaceAtomically(path, content, 0600), 0);
+  EXPECT_EQ(CFile::readAll(path), content);
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+TEST(File, ReplacingALinkReplacesTheLinkAndNotItsTarget) {
+  const TempDir dir;
+  const std::string victim = dir.write("victim", "precious");
+  ASSERT_EQ(symlink(victim.c_str(), dir.at("f").c_str()), 0);
+  EXPECT_EQ(CFile::replaceAtomically(dir.at("f"), "new", 0600), 0);
+  EXPECT_EQ(readFile(victim), "precious");
+  EXPECT_EQ(readFile(dir.at("f")), "new");
+}
+
+TEST(File, AWriteThatFailsLeavesTheOldFileWholeAndNothingBeside) {
+  const TempDir dir;
+  const std::string path = dir.write("f", "old");
+  const pid_t child = fork();
+  if (child == 0) {  // a full disk, as far as this process can tell
+    const rlimit limit{100, 100};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    _exit(CFile::replaceAtomically(path, std::string(1000, 'x'), 0600));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), EFBIG);
+  EXPECT_EQ(readFile(path), "old");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(File, ReplacingInAMissingFolderFailsWithTheReason) {
+  const TempDir dir;
+  EXPECT_EQ(CFile::replaceAtomically(dir.at("absent/f"), "x", 0600), ENOENT);
+  EXPECT_EQ(CFile::replaceAtomically(dir.path() + "/", "x", 0600), EISDIR);
+}
+
+TEST(File, AMissingFileGivesNothingAndTheReason) {
+  int error = 0;
+  EXPECT_EQ(CFile::readAll("/nonexistent/f", &error), std::nullopt);
+  EXPECT_EQ(error, ENOENT);
+}
+
+TEST(Dir, MakesParentsAndAcceptsWhatStands) {
+  const TempDir dir;
+  EXPECT_TRUE(CDir::make(dir.at("a/b/c"), 0700));
+  EXPECT_TRUE(CDir::make(dir.at("a/b/c"), 0700));
+  dir.write("file", "");
+  EXPECT_FALSE(CDir::make(dir.at("file"), 0700));
+  EXPECT_FALSE(CDir::make(dir.at("file/x"), 0700));
+}
+
+TEST(Dir, ChangesToAFolder) {
+  const TempDir dir;
+  const std::optional<std::string> before = CDir::current();
+  EXPECT_TRUE(CDir::setCurrent(dir.path()));
+  EXPECT_EQ(CDir::current(), dir.path());
+  EXPECT_FALSE(CDir::setCurrent(dir.at("absent")));
+  EXPECT_TRUE(CDir::setCurrent(*before));
+}
+
+TEST(WhyUnsafe, AFileOfTheCallersBelowAStickyFolderIsSafe) {
+  const TempDir dir;  // below /tmp, which anybody can write and which is sticky
+  EXPECT_EQ(CDir::whyUnsafe(dir.write("lib/x.so", "")), "");
+}
+
+TEST(WhyUnsafe, AFileThatOthersCanWriteIsNamed) {
+  const TempDir dir;
+  const std::string path = dir.write("x.so", "");
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("x.so can be written by others"));
+}
+
+TEST(WhyUnsafe, AFolderOnTheWayThatTheGroupCanWriteIsNamed) {
+  const TempDir dir;
+  const std::string path = dir.write("lib/x.so", "");
+  ASSERT_EQ(chmod(dir.at("lib").c_str(), 0775), 0);
+  EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("lib can be written by others"));
+}
+
+TEST(WhyUnsafe, AnotherUsersFileIsNamed) {
+  if (geteuid() != 0) {
+    return;  // needs a second user
+  }
+  const TempDir dir;
+  const std::string path = dir.write("x.so", "");
+  ASSERT_EQ(chown(path.c_str(), 54321, 0), 0);
+  EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("belongs to user 54321"));
+}
+
+TEST(WhyUnsafe, ALinkIsJudgedByWhereItLeads) {
+  const TempDir dir;
+  const std::string target = dir.write("open/x.so", "");
+  ASSERT_EQ(chmod(dir.at("open").c_str(), 0777), 0);
+  ASSERT_EQ(symlink(target.c_str(), dir.at("x.so").c_str()), 0);
+  EXPECT_THAT(CDir::whyUnsafe(dir.at("x.so")), HasSubstr("can be written by others"));
+}
+
+TEST(WhyUnsafe, AMissingFileIsNotSafe) {
+  EXPECT_THAT(CDir::whyUnsafe("/nonexistent/x.so"), HasSubstr("cannot resolve"));
+}
+
+struct FormatCase {
+  const char* path;
+  const char* dir;
+  const char* file;
+};
+class Format : public testing::TestWithParam<FormatCase> {};
+TEST_P(Format, NormalisesByText) {
+  EXPECT_EQ(utils::FormatDir(GetParam().path, true), GetParam().dir);
+  EXPECT_EQ(utils::FormatFilePath(GetParam().path), GetParam().file);
+}
+INSTANTIATE_TEST_SUITE_P(Paths, Format,
+                         testing::Values(FormatCase{"/opt/x/bin/../", "/opt/x/", "/opt/x"},
+                                         FormatCase{"/opt//x/./log/", "/opt/x/log/", "/opt/x/log"},
+                                         FormatCase{"/", "/", "/"}, FormatCase{"/../..", "/", "/"},
+                                         FormatCase{"", "./", ""}, FormatCase{"a/../../b", "../b/", "../b"}));
+
+TEST(Format, ADirectoryWithoutSeparatorEndsInNone) {
+  EXPECT_EQ(utils::FormatDir("/a/b//", false), "/a/b");
+}
+
+}  // namespace

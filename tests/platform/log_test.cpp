@@ -1,0 +1,124 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "platform/CLog.h"
+#include "platform/CLogDebug.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testsupport::readFile;
+using testsupport::TempDir;
+
+class DebugLog : public testing::Test {
+ protected:
+  void configure(const std::string& path, const std::string& level = "1") {
+    CLogDebug* log = CLogDebug::Create();
+    log->SetProperty(CLogDebug::kPath, path);
+    log->SetProperty(CLogDebug::kName, "unit");
+    log->SetProperty(CLogDebug::kLevel, level);
+  }
+  void TearDown() override { CLogDebug::Close(); }
+  std::string content() const { return readFile(dir_.at("unit.log")); }
+  TempDir dir_;
+};
+
+TEST_F(DebugLog, RecordsCarrySourceFunctionAndLine) {
+  configure(dir_.path() + "//");
+  CLogDebug::LogPrintV(4, "here.cpp", "doIt", 42, "cannot %s %d", "open", 7);
+  CLogDebug::LogPrintStr(1, "here.cpp", "doIt", 43, "100% plain");
+  EXPECT_THAT(content(), HasSubstr("ERROR here.cpp:doIt:42 cannot open 7\n"));
+  EXPECT_THAT(content(), HasSubstr("DEBUG here.cpp:doIt:43 100% plain\n"));
+}
+
+TEST_F(DebugLog, RecordsBelowTheLevelAreNotWritten) {
+  configure(dir_.path(), "3");
+  EXPECT_FALSE(CLogDebug::CheckLogLevel(2));
+  EXPECT_TRUE(CLogDebug::CheckLogLevel(3));
+  CLogDebug::LogPrintStr(2, "s", "f", 1, "quiet");
+  CLogDebug::LogPrintStr(3, "s", "f", 1, "loud");
+  EXPECT_THAT(content(), Not(HasSubstr("quiet")));
+  EXPECT_THAT(content(), HasSubstr("loud"));
+}
+
+TEST_F(DebugLog, ARecordCannotForgeASecondLine) {
+  configure(dir_.path());
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "a\nERROR forged\x1b[2J");
+  EXPECT_THAT(content(), HasSubstr("a\\nERROR forged\\x1b[2J\n"));
+}
+
+TEST_F(DebugLog, TheFileIsRotatedAndOnlySoManyBackupsAreKept) {
+  configure(dir_.path());
+  CLogDebug::Instance()->SetProperty(CLogDebug::kSize, "1000");
+  CLogDebug::Instance()->SetProperty(CLogDebug::kBackupCount, "2");
+  for (int i = 0; i < 100; ++i) {
+    CLogDebug::LogPrintStr(4, "s", "f", i, std::string(100, 'x'));
+  }
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+    EXPECT_LE(entry.file_size(), 1000u);
+    ++files;
+  }
+  EXPECT_EQ(files, 3u);
+}
+
+TEST_F(DebugLog, AFolderThatCannotBeWrittenCostsTheLogOnly) {
+  dir_.write("file", "");
+  configure(dir_.at("file/below"));
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+  EXPECT_NE(CLogDebug::Instance(), nullptr);
+}
+
+TEST_F(DebugLog, ThereIsNoInstanceAfterClose) {
+  configure(dir_.path());
+  CLogDebug::Close();
+  EXPECT_EQ(CLogDebug::Instance(), nullptr);
+  EXPECT_FALSE(CLogDebug::CheckLogLevel(4));
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+  EXPECT_EQ(content(), "");
+}
+
+TEST_F(DebugLog, ManyThreadsWriteWholeLines) {
+  configure(dir_.path());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 50; ++i) {
+        CLogDebug::LogPrintStr(4, "s", "f", 1, "whole");
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  const std::string text = content();
+  std::size_t count = 0;
+  for (std::size_t at = text.find("s:f:1 whole\n"); at != std::string::npos;
+       at = text.find("s:f:1 whole\n", at + 1)) {
+    ++count;
+  }
+  EXPECT_EQ(count, 200u);
+}
+
+std::vector<std::pair<int, std::string>> gRecords;
+
+TEST(BaseLog, RecordsBelowTheLevelAreDroppedAndOthersReachTheCallback) {
+  gRecords.clear();
+  CLog::set_log_callback([](int level, const char* text) { gRecords.emplace_back(level, text); });
+  CLog::set_log_level(2);
+  CLog::emit(1, "no");
+  CLog::emit(2, "yes %d", 1);
+  CLog::emit(3, "%s", "too");
+  CLog::set_log_callback(nullptr);
+  CLog::emit(3, "nobody");
+  CLog::set_log_level(3);
+  EXPECT_THAT(gRecords, testing::ElementsAre(testing::Pair(2, "yes 1"), testing::Pair(3, "too")));
+}
+
+}  // namespace
