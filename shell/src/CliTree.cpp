@@ -1,0 +1,94 @@
+#include "shell/CliTree.h"
+
+#include "CompletionWalk.h"
+#include "ParseWalk.h"
+
+namespace {
+
+constexpr std::uint32_t kHintColour = 1800;  // white on cyan
+
+CliTreeNode* findBelow(CliTreeNode* node, const CliNodeInfo* info) {
+  for (; node != nullptr; node = node->nextSibling.get()) {
+    if (node->info == info) {
+      return node;
+    }
+    if (CliTreeNode* found = findBelow(node->firstChild.get(), info)) {
+      return found;
+    }
+  }
+  return nullptr;
+}
+
+void clearMatched(CliTreeNode* node) {
+  for (; node != nullptr; node = node->nextSibling.get()) {
+    node->info->matched = 0;
+    clearMatched(node->firstChild.get());
+  }
+}
+
+/// The marks of a walk go with it, also when a handler throws.
+class MatchedMarks {
+ public:
+  explicit MatchedMarks(CliTreeNode& root) : root_(root) {}
+  ~MatchedMarks() { clearMatched(&root_); }
+  MatchedMarks(const MatchedMarks&) = delete;
+  MatchedMarks& operator=(const MatchedMarks&) = delete;
+
+ private:
+  CliTreeNode& root_;
+};
+
+}  // namespace
+
+CliTree::CliTree() : rootInfo_("root", 1, 1, 0), tree_(&rootInfo_, nullptr), hintColour_(kHintColour) {}
+
+CliTree::~CliTree() = default;
+
+CliTreeNode* CliTree::append(CliNodeInfo* parent, CliNodeInfo* child) {
+  CliTreeNode* const above = findBelow(&tree_, parent);
+  if (above == nullptr || child == nullptr) {
+    return nullptr;
+  }
+  std::unique_ptr<CliTreeNode>* place = &above->firstChild;
+  while (*place) {
+    place = &(*place)->nextSibling;
+  }
+  *place = std::make_unique<CliTreeNode>(child, above);
+  return place->get();
+}
+
+void CliTree::addChild(CliNodeInfo* parent, CliNodeInfo* child) {
+  append(parent, child);
+}
+
+void CliTree::addChild(CliNodeInfo* child) {
+  append(&rootInfo_, child);
+}
+
+void CliTree::addChild(CliNodeInfo* parent, CliNodeInfo* child, std::uint32_t tag) {
+  CliTreeNode* const added = append(parent, child);
+  if (added != nullptr && added->parent->firstChild.get() != added) {
+    added->tag = tag;
+  }
+}
+
+void CliTree::addChild(CliNodeInfo* child, std::uint32_t tag) {
+  addChild(&rootInfo_, child, tag);
+}
+
+const CliTreeNode* CliTree::find(const CliNodeInfo* info) const {
+  return findBelow(const_cast<CliTreeNode*>(&tree_), info);
+}
+
+std::int32_t CliTree::parse(const std::string& line) {
+  const MatchedMarks marks(tree_);
+  shell::ParseWalk walk(line);
+  const std::int32_t result = walk.run(tree_.firstChild.get());
+  return walk.reportMissing() ? -1 : result;
+}
+
+std::int32_t CliTree::complete(const std::string& text, lineeditor::CompletionState* state) {
+  const MatchedMarks marks(tree_);
+  shell::CompletionWalk(text, state, hintColour_).run(tree_.firstChild.get());
+  return 1;
+}

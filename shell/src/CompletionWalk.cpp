@@ -1,0 +1,84 @@
+#include "CompletionWalk.h"
+
+#include <strings.h>
+
+#include <algorithm>
+
+#include "lineeditor/Completion.h"
+
+namespace shell {
+
+namespace {
+
+constexpr std::size_t kFirstNames = 8;  // positions in the first of the two name colours
+constexpr std::uint32_t kFirstNameColour = 132;
+constexpr std::uint32_t kLaterNameColour = 135;
+constexpr std::uint32_t kEvenHelpColour = 7;
+constexpr std::uint32_t kOddHelpColour = 8;
+constexpr std::uint32_t kBareNameColour = 134;
+
+// Matches no keyword and begins none: it stands behind a word that is still being typed, so that the words
+// that would follow it are not offered yet.
+const std::string kStillTyping = " ";
+
+}  // namespace
+
+CompletionWalk::CompletionWalk(const std::string& text, lineeditor::CompletionState* state,
+                               std::uint32_t hintColour)
+    : TreeWalk(text), state_(state), hintColour_(hintColour) {
+  if (words_.empty()) {
+    words_.emplace_back();
+  }
+  if (text.empty() || text.back() != ' ') {
+    words_.push_back(kStillTyping);
+  }
+}
+
+bool CompletionWalk::matched(CliTreeNode& node, std::int32_t* result) {
+  collected_.clear();
+  *result = 1;
+  if (node.info->valueKind == 0) {
+    if (words_.empty()) {
+      words_.emplace_back();
+    }
+    return true;
+  }
+  if (words_.empty()) {
+    lineeditor::setHint(state_, node.info->hint.c_str(), hintColour_);
+    return false;
+  }
+  if (words_.front() == kStillTyping) {
+    return false;
+  }
+  words_.pop_front();
+  if (words_.empty()) {
+    words_.emplace_back();
+  }
+  return true;
+}
+
+void CompletionWalk::missed(CliTreeNode& node) {
+  collected_.push_back(node.info);
+}
+
+std::int32_t CompletionWalk::levelEnded() {
+  const std::string beginning = words_.empty() ? std::string() : words_.front();
+  const bool withHelp = std::any_of(collected_.begin(), collected_.end(),
+                                    [](const CliNodeInfo* info) { return !info->help.empty(); });
+  for (std::size_t position = 0; position < collected_.size(); ++position) {
+    const CliNodeInfo& info = *collected_[position];
+    if (strncasecmp(info.name.c_str(), beginning.c_str(), beginning.size()) != 0) {
+      continue;
+    }
+    if (withHelp) {
+      lineeditor::addCandidate(state_, info.name.c_str(),
+                               position < kFirstNames ? kFirstNameColour : kLaterNameColour,
+                               info.help.c_str(), position % 2 == 0 ? kEvenHelpColour : kOddHelpColour);
+    } else {
+      lineeditor::addCandidate(state_, info.name.c_str(), kBareNameColour, nullptr, 0);
+    }
+  }
+  return 1;
+}
+
+}  // namespace shell

@@ -1,0 +1,68 @@
+#include "ParseWalk.h"
+
+#include "lineeditor/Terminal.h"
+
+namespace shell {
+
+namespace {
+
+constexpr std::uint32_t kHeadingColour = 130;  // bright red
+constexpr std::uint32_t kNameColour = 131;     // bright green
+constexpr std::uint32_t kHelpColour = 132;     // bright yellow
+
+}  // namespace
+
+bool ParseWalk::matched(CliTreeNode& node, std::int32_t* result) {
+  anyMatch_ = true;
+  CliNodeInfo& info = *node.info;
+  if (info.required != 0) {
+    for (const CliTreeNode* sibling = node.parent->firstChild.get(); sibling != nullptr;
+         sibling = sibling->nextSibling.get()) {
+      if (sibling->info->alternative != 0) {
+        satisfied_.insert(sibling->info->name);
+        missing_.erase(sibling->info->name);
+      }
+    }
+    missing_.erase(info.name);
+  }
+  std::string value;
+  if (info.valueKind != 0) {
+    if (words_.empty()) {
+      valueMissing_ = true;
+      *result = -1;
+      return false;
+    }
+    value = std::move(words_.front());
+    words_.pop_front();
+  }
+  if (info.handler) {
+    info.handler(info, value);
+  }
+  return true;
+}
+
+void ParseWalk::missed(CliTreeNode& node) {
+  const CliNodeInfo& info = *node.info;
+  if (info.required == 0) {
+    return;
+  }
+  if (satisfied_.contains(info.name)) {
+    missing_.erase(info.name);
+  } else {
+    missing_.emplace(info.name, info.help);
+  }
+}
+
+bool ParseWalk::reportMissing() const {
+  if (!anyMatch_ || valueMissing_ || missing_.empty()) {
+    return false;
+  }
+  lineeditor::colourPrint(kHeadingColour, "缺少必要选项:");
+  for (const auto& [name, help] : missing_) {
+    lineeditor::colourPrint(kNameColour, "%-30s", name.c_str());
+    lineeditor::colourPrint(kHelpColour, "%-30s\n", help.c_str());
+  }
+  return true;
+}
+
+}  // namespace shell

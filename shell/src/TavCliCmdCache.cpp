@@ -1,0 +1,82 @@
+#include "shell/TavCliCmdCache.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "json/CppJson.h"
+#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/Holders.h"
+#include "lunet/Lunet.h"
+#include "shell/TavCliCompletion.h"
+
+namespace {
+
+using shell::GrammarRow;
+using shell::kChoice;
+using shell::kNoHint;
+using shell::kNoValue;
+
+enum Action : std::uint32_t { kShow = 0, kClean = 1 };
+constexpr std::uint32_t kScanCache = 0;
+
+std::uint8_t startTask(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
+  TavCliCompletion::instance().setPendingTask(std::make_unique<TavCliCmdCacheExec>());
+  return 1;
+}
+
+template <Action action>
+std::uint8_t setScanCacheAction(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
+  auto* const task = TavCliCompletion::instance().pendingTaskAs<TavCliCmdCacheExec>();
+  if (task == nullptr) {
+    return 0;
+  }
+  task->action = action;
+  task->subject = kScanCache;
+  return 1;
+}
+
+const GrammarRow kGrammar[] = {
+    {"CACHE", "缓存管理", kNoHint, kChoice, kNoValue, startTask},
+    {"CACHE SHOW", "显示缓存信息", kNoHint, kChoice, kNoValue, nullptr},
+    {"CACHE SHOW SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<kShow>},
+    {"CACHE CLEAN", "清理缓存", kNoHint, kChoice, kNoValue, nullptr},
+    {"CACHE CLEAN SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<kClean>},
+};
+
+}  // namespace
+
+std::int32_t TavCliCmdCacheExec::execute() {
+  jsonrpchelper::IJsonRpcClientHelper* const client =
+      jsonrpchelper::ClientRegistry::instance().getClient(lunet::kAgentGuid);
+  if (client == nullptr || subject != kScanCache) {
+    return 0;
+  }
+  try {
+    jsonrpchelper::AgentStub agent(*client);
+    if (action == kShow) {
+      std::printf("  当前存在%d项扫描缓存\n", agent.getScanCacheDetail());
+    } else if (action == kClean) {
+      agent.cleanScanCache();
+    }
+  } catch (const jsonrpc::JsonRpcException& exception) {
+    std::printf("Caught exception:\n%s\n", json::visiblePath(exception.GetMessage()).c_str());
+  }
+  return 0;
+}
+
+TavCliCmdCache TavCliCmdCache::module;
+
+TavCliCmdCache::TavCliCmdCache() : TavcliCmdInterface("cache") {
+  registerSelf();
+}
+
+int TavCliCmdCache::load(CObject* /*owner*/) {
+  std::puts("[Load Command] Cache");
+  return 1;
+}
+
+int TavCliCmdCache::buildTree(CliTree* tree) {
+  grammar_.build(*tree, kGrammar);
+  return 1;
+}
