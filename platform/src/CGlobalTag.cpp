@@ -90,7 +90,7 @@ void CGlobalTag::TagConfig::setUserDirectory(std::string directory) {
   gUserDirectory = std::move(directory);
 }
 
-CGlobalTag::CGlobalTag(std::string name, TagConfig config)
+CGlobalTag::CGlobalTag(const std::string& name, const TagConfig& config)
     : path_(utils::FormatDir(config.directory, true) + name + ".mark") {}
 
 CGlobalTag::~CGlobalTag() {

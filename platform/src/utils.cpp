@@ -18,11 +18,10 @@ std::string normalised(const std::string& path) {
     if (part.empty() || part == ".") {
       continue;
     }
-    if (part != "..") {
-      kept.push_back(part);
-    } else if (!kept.empty() && kept.back() != "..") {
+    const bool climbs = part == "..";
+    if (climbs && !kept.empty() && kept.back() != "..") {
       kept.pop_back();
-    } else if (!absolute) {
+    } else if (!climbs || !absolute) {
       kept.push_back(part);
     }
   }

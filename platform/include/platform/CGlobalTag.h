@@ -16,7 +16,7 @@ class CGlobalTag {
     static void setUserDirectory(std::string directory);
   };
 
-  CGlobalTag(std::string name, TagConfig config);
+  CGlobalTag(const std::string& name, const TagConfig& config);
   ~CGlobalTag();
   CGlobalTag(const CGlobalTag&) = delete;
   CGlobalTag& operator=(const CGlobalTag&) = delete;
