@@ -1,0 +1,38 @@
+#include "bin/InstallDir.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "platform/Files.h"
+
+namespace tavcli {
+
+namespace {
+
+constexpr const char* kDefaultDirectory = "/opt/apps/Korvix/";
+
+std::string resolve() {
+  std::string directory = kDefaultDirectory;
+  const std::optional<std::string> current = CDir::current();
+  // Going to the folder one is in tells whether it still can be entered.
+  if (current && CDir::setCurrent(*current)) {
+    directory = *current + "/../";
+  } else {
+    std::printf("failed chdir to %s, %s", current.value_or("").c_str(), std::strerror(errno));
+  }
+  return utils::FormatDir(directory, true);
+}
+
+}  // namespace
+
+const std::string& installDirectory() {
+  static std::string directory;
+  if (directory.empty()) {
+    directory = resolve();
+  }
+  return directory;
+}
+
+}  // namespace tavcli

@@ -1,0 +1,97 @@
+#include "bin/LogSetup.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+
+#include "json/CppJson.h"
+#include "platform/CLog.h"
+#include "platform/CLogDebug.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+
+namespace tavcli {
+
+namespace {
+
+constexpr int kDefaultCLogLevel = 3;
+/// Row: a level of the other library. Value: the debug log's level for it.
+constexpr int kFromCLog[] = {1, 2, 3, 4};
+constexpr int kFromLunet[] = {4, 3, 2, 1, 1};
+constexpr int kFromOtherLunet = 1;
+
+template <std::size_t count>
+std::optional<int> translated(const int (&table)[count], int level) {
+  if (level < 0 || level >= static_cast<int>(count)) {
+    return std::nullopt;
+  }
+  return table[level];
+}
+
+void readNumber(const Json::Value& file, const char* key, int& number) {
+  if (file.isObject() && file[key].isInt()) {
+    number = file[key].asInt();
+  }
+}
+
+bool loadDebugConfig(const std::string& path, Json::Value& file) {
+  const std::optional<std::string> text = CFile::readAll(path);
+  return text && CppJson::LoadJsonString(*text, file);
+}
+
+}  // namespace
+
+DebugLogSettings readDebugLogSettings(const Json::Value& file) {
+  DebugLogSettings settings;
+  readNumber(file, "log_size", settings.sizeBytes);
+  readNumber(file, "log_backup_max_num", settings.backupCount);
+  readNumber(file, "log_level", settings.level);
+  return settings;
+}
+
+int clogLevelFor(const char* text) {
+  if (text == nullptr || !CStr::isNum(text)) {
+    return kDefaultCLogLevel;
+  }
+  const long value = std::strtol(text, nullptr, 10);
+  return value >= 0 && value <= 2 ? static_cast<int>(value) : kDefaultCLogLevel;
+}
+
+bool initCLog() {
+  CLog::set_log_level(clogLevelFor(std::getenv("CKORVIX_CLOG_LEVEL")));
+  CLog::set_log_callback(clogCallback);
+  return true;
+}
+
+bool initLog(const ContainerConfig& config) {
+  Json::Value file;
+  if (!loadDebugConfig(config.debugConfigFile, file)) {
+    std::printf("No valid logdebug configuration file %s\n", config.debugConfigFile.c_str());
+    return false;
+  }
+  const DebugLogSettings settings = readDebugLogSettings(file);
+  const std::string path = config.logDir + "/";
+  const std::string name = config.name.empty() ? "tavcli" : config.name;
+  CLogDebug* log = CLogDebug::Create();
+  log->SetProperty(CLogDebug::kPath, path);
+  log->SetProperty(CLogDebug::kName, name);
+  log->SetProperty(CLogDebug::kSize, std::to_string(settings.sizeBytes));
+  log->SetProperty(CLogDebug::kBackupCount, std::to_string(settings.backupCount));
+  log->SetProperty(CLogDebug::kLevel, std::to_string(settings.level));
+  std::printf("=====initLog=====\nloglevel:%d\nlogSize:%d\nlogName:%s\nlogPath:%s\nlogBackupMaxNum:%d\n",
+              settings.level, settings.sizeBytes, name.c_str(), path.c_str(), settings.backupCount);
+  return true;
+}
+
+void clogCallback(int level, const char* text) {
+  if (const auto own = translated(kFromCLog, level)) {
+    CLogDebug::LogPrintStr(*own, __FILE__, "clogCallback", __LINE__, text);
+  }
+}
+
+void lunetLogCallback(int level, const char* text) {
+  CLogDebug::LogPrintStr(translated(kFromLunet, level).value_or(kFromOtherLunet), __FILE__, "lunetLogCallback",
+                         __LINE__, text);
+}
+
+}  // namespace tavcli
