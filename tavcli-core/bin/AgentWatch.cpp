@@ -1,0 +1,14 @@
+#include "bin/AgentWatch.h"
+
+namespace tavcli {
+
+void AgentWatch::look() {
+  const bool up = reachable_();
+  if (up == up_) {
+    return;
+  }
+  up_ = up;
+  complain_(up ? "tavcli: the agent answers again" : "tavcli: the agent is gone; waiting for its return");
+}
+
+}  // namespace tavcli

@@ -1,0 +1,67 @@
+#include "bin/BatchLoop.h"
+
+#include "bin/BusState.h"
+
+namespace tavcli {
+
+namespace {
+
+constexpr std::chrono::seconds kPollStep{10};
+constexpr std::chrono::seconds kRetryStep{30};
+constexpr std::chrono::seconds kMarkStep{30};
+
+constexpr int kMarkAcquired = 1;
+constexpr int kMarkHeldElsewhere = 2;
+
+/// 64 bits: the time left may pass below what an int holds.
+using SecondsLeft = std::int64_t;
+
+}  // namespace
+
+MarkWait waitForMark(int timeoutSec, const std::function<int()>& tryOnce, IPause& pause) {
+  for (SecondsLeft remaining = timeoutSec; remaining > 0; remaining -= kMarkStep.count()) {
+    const int result = tryOnce();
+    if (result == kMarkAcquired) {
+      return MarkWait::kAcquired;
+    }
+    if (result != kMarkHeldElsewhere) {
+      return MarkWait::kFailed;
+    }
+    if (pause.sleep(kMarkStep) == IPause::End::kSignal) {
+      return MarkWait::kSignal;
+    }
+  }
+  return MarkWait::kTimedOut;
+}
+
+BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pause) {
+  const std::string command = batchCommand(options);
+  host.execute(command.c_str());
+  SecondsLeft remaining = options.timeoutSec;
+  while (remaining > 0) {
+    IPause::End end = IPause::End::kElapsed;
+    std::uint32_t state = g_lastBusState;
+    if (state == kBusStateNone) {
+      end = pause.sleepUntilFinal(kPollStep);
+      // A wait that the task's end cuts short is not charged: the state behind it is read even in the last
+      // step of the timeout.
+      remaining -= end == IPause::End::kFinalState ? 0 : kPollStep.count();
+    } else if (state == kBusStateBusy) {
+      // Unless a newer state has come in between.
+      g_lastBusState.compare_exchange_strong(state, kBusStateNone);
+      host.execute(command.c_str());
+      end = pause.sleep(kRetryStep);
+      remaining -= kRetryStep.count();
+    } else {
+      return {state == kBusStateClean ? 0 : 1, false};
+    }
+    if (end == IPause::End::kSignal) {
+      return {0, true};
+    }
+  }
+  host.complain("tavcli: the scan of " + options.scanPath + " has not ended within " +
+                std::to_string(options.timeoutSec) + " seconds; it may still be running");
+  return {0, false};
+}
+
+}  // namespace tavcli

@@ -1,0 +1,159 @@
+#include "bin/CContainerMgr.h"
+
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include "bin/BusConfig.h"
+#include "bin/LogSetup.h"
+#include "jsonrpchelper/Holders.h"
+#include "platform/CLogDebug.h"
+#include "platform/Text.h"
+
+namespace {
+
+constexpr int kErrorLevel = 4;
+constexpr std::uint32_t kConnectTimeoutSec = 10;
+
+std::string numbered(const std::string& text, std::uint32_t error) {
+  char number[24];
+  std::snprintf(number, sizeof number, " (error 0x%x)", error);
+  return text + number;
+}
+
+/// A step of `init` or `start` has failed.
+bool fail(const char* function, int line, const char* text) {
+  CLogDebug::LogPrintStr(kErrorLevel, __FILE__, function, line, text);
+  std::puts(text);
+  return false;
+}
+
+/// Why it has: for the debug log and the operator's standard error.
+bool explain(const char* function, int line, const std::string& why) {
+  CLogDebug::LogPrintStr(kErrorLevel, __FILE__, function, line, why);
+  std::fprintf(stderr, "tavcli: %s\n", platform::visibleText(why).c_str());
+  return false;
+}
+
+}  // namespace
+
+CContainerMgr::CContainerMgr(tavcli::ContainerConfig config) : config_(std::move(config)) {}
+
+CContainerMgr::~CContainerMgr() { uninit(); }
+
+bool CContainerMgr::init() {
+  const std::lock_guard<CMutex> guard(lock_);
+  if (initialised_) {
+    return false;
+  }
+  if (!tavcli::initCLog()) {
+    return fail("init", __LINE__, "initCLog failed");
+  }
+  if (!tavcli::initLog(config_)) {
+    return fail("init", __LINE__, "initLog failed");
+  }
+  if (!initLunet()) {
+    return fail("init", __LINE__, "initLunet failed");
+  }
+  initialised_ = true;
+  return true;
+}
+
+bool CContainerMgr::initLunet() {
+  if (config_.guid.empty()) {
+    return false;
+  }
+  if (const std::string why = library_.load(config_.busLibraryPath); !why.empty()) {
+    return explain("initLunet", __LINE__, why);
+  }
+  if (const std::string why = library_.createClient(); !why.empty()) {
+    return explain("initLunet", __LINE__, why);
+  }
+  const std::optional<std::string> busConfig = tavcli::readBusConfig(config_);
+  if (!busConfig) {
+    return explain("initLunet", __LINE__, "no JSON object can be read from " + config_.busConfigFile);
+  }
+  if (const std::uint32_t error = library_.client()->Init(busConfig->c_str(), config_.uuid.c_str()); error != 0) {
+    return explain("initLunet", __LINE__, numbered("the bus library refuses its configuration", error));
+  }
+  library_.client()->SetLogCallback(tavcli::lunetLogCallback);
+  return true;
+}
+
+bool CContainerMgr::start() {
+  const std::lock_guard<CMutex> guard(lock_);
+  if (!initialised_) {
+    return false;
+  }
+  if (const std::uint32_t error = library_.client()->Connect(kConnectTimeoutSec); error != 0) {
+    fail("start", __LINE__, "connect to lunet failed");
+    explainMissingAgent(error);
+    return false;
+  }
+  if (!createConEndpoint()) {
+    return fail("start", __LINE__, "createConEndpoint failed");
+  }
+  jsonrpchelper::initJsonRpc();
+  return true;
+}
+
+bool CContainerMgr::createConEndpoint() {
+  endpoint_ = library_.client()->CreateEndpoint();
+  if (endpoint_ == nullptr) {
+    return false;
+  }
+  if (const std::uint32_t error = endpoint_->Open(lunet::parseGuid(config_.guid.c_str())); error != 0) {
+    return explain("createConEndpoint", __LINE__, numbered("the bus gives this console no address", error));
+  }
+  jsonrpchelper::setEndpoint(endpoint_);
+  return true;
+}
+
+void CContainerMgr::explainMissingAgent(std::uint32_t error) const {
+  switch (error) {
+    case lunet::kErrDenied:
+      explain("start", __LINE__,
+              "the agent of " + config_.installDir +
+                  " does not admit this user: run as root, as the agent's user, or in the bus's group");
+      break;
+    case lunet::kErrPath:
+      explain("start", __LINE__,
+              "the bus's socket folder is missing, unsafe, or its path too long; see " + config_.logDir +
+                  config_.name);
+      break;
+    default:
+      explain("start", __LINE__,
+              "no agent answers on " + config_.installDir + ": start it with " + config_.installDir +
+                  "bin/tavagentd --daemon --install-dir " + config_.installDir);
+  }
+}
+
+bool CContainerMgr::agentAnswers() { return library_.client()->Connect(0) == lunet::kOk; }
+
+void CContainerMgr::stop() { jsonrpchelper::stopJsonRpc(); }
+
+bool CContainerMgr::uninit() {
+  const std::lock_guard<CMutex> guard(lock_);
+  if (!initialised_) {
+    return false;
+  }
+  unInitLunet();
+  CLogDebug::Close();
+  initialised_ = false;
+  return true;
+}
+
+void CContainerMgr::unInitLunet() {
+  if (lunet::IClient* client = library_.client()) {
+    jsonrpchelper::setEndpoint(nullptr);
+    if (endpoint_ != nullptr) {
+      endpoint_->Close();
+      client->DestroyEndpoint(std::exchange(endpoint_, nullptr));
+    }
+    client->Disconnect();
+    client->Uninit();
+  }
+  if (const std::string why = library_.unload(); !why.empty()) {
+    CLogDebug::LogPrintStr(kErrorLevel, __FILE__, "unInitLunet", __LINE__, why);
+  }
+}

@@ -1,0 +1,132 @@
+#include "command/scan/BatchReport.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "command/scan/ScanDisplay.h"
+#include "command/scan/ScanRunState.h"
+#include "json/CppJson.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+
+namespace batchreport {
+
+namespace {
+
+constexpr std::uint32_t kReportMode = 0600;
+
+/// Row: what the agent says it did. Every other result counts as failed.
+constexpr std::int32_t kHandleCodes[][2] = {{1, 1}, {2, 2}, {6, 4}, {7, 4}};
+constexpr std::int32_t kHandleCodeFailed = 3;
+
+std::string line(const char* label, const std::string& value) { return label + value + "\n"; }
+
+std::string line(const char* label, std::int64_t value) { return line(label, std::to_string(value)); }
+
+std::string line(const char* label, const Json::Value& document, const char* key) {
+  return line(label, CppJson::readString(document, key, ""));
+}
+
+std::string detectionText(const Json::Value& detection) {
+  const std::string path = json::decodePath(CppJson::readString(detection, "path", ""));
+  return line("染毒文件名：", platform::visibleText(CFileInfo(path).fileName())) +
+         line("染毒文件全路径：", platform::visibleText(path)) +
+         line("文件大小：", CppJson::readInt64(detection, "size", 0)) +
+         line("病毒名称：", json::visiblePath(CppJson::readString(detection, "name", ""))) +
+         line("病毒处理结果：", CppJson::readInt(detection, "handle", 0)) + "\n";
+}
+
+/// Why the report must not be put there; empty when it may.
+std::string whyTaken(const std::string& path) {
+  struct stat entry{};
+  if (lstat(path.c_str(), &entry) == 0 && !S_ISREG(entry.st_mode)) {
+    return "something else than a regular file stands there";
+  }
+  return "";
+}
+
+std::string whyNotWritten(const std::string& path, const std::string& report) {
+  if (std::string why = whyTaken(path); !why.empty()) {
+    return why;
+  }
+  const int error = CFile::replaceAtomically(path, report, kReportMode);
+  return error == 0 ? "" : std::strerror(error);
+}
+
+void complain(const std::string& path, const std::string& why, const Json::Value& document) {
+  const std::string named = std::to_string(document["virus"].size());
+  const std::string complaint =
+      "tavcli: the report cannot be written to \"" + platform::visibleText(path) + "\": " + why + "; files scanned " +
+      std::to_string(CppJson::readInt64(document, "totalnum", 0)) + ", infected " +
+      std::to_string(CppJson::readInt64(document, "virusnum", 0)) + ", detections named " + named + "\n";
+  std::fputs(complaint.c_str(), stderr);
+}
+
+}  // namespace
+
+void addOverview(Json::Value& document, const JsonReflect::ScanBusOverView& overview, const std::string& now) {
+  if (!document.isMember("begintime")) {
+    document["begintime"] = now;
+  }
+  document["endtime"] = now;
+  CppJson::SetInt64(document, "totalnum", overview.checked_item_count);
+  CppJson::SetInt64(document, "virusnum", overview.checkout_risk_count);
+}
+
+std::int32_t handleCode(std::int32_t handleResult) {
+  for (const auto& [result, code] : kHandleCodes) {
+    if (result == handleResult) {
+      return code;
+    }
+  }
+  return kHandleCodeFailed;
+}
+
+void addDetection(Json::Value& document, const JsonReflect::VirusInfo& risk,
+                  const JsonReflect::RiskRepairResult& repair) {
+  Json::Value detection(Json::objectValue);
+  detection["path"] = scandisplay::riskPath(risk);
+  detection["name"] = risk.risk_name;
+  detection["type"] = risk.risk_type_name;
+  detection["size"] = risk.filesize_src;
+  detection["handle"] = handleCode(repair.handle_result);
+  document["virus"].append(std::move(detection));
+}
+
+std::string text(const Json::Value& document, std::int32_t fixHandle, const std::string& scanPath) {
+  std::string report = line("病毒查杀状态：", fixHandle);
+  report += line("查杀路径：", platform::visibleText(scanPath));
+  report += line("本次扫描文件数量：", CppJson::readInt64(document, "totalnum", 0));
+  report += line("染毒文件数量：", CppJson::readInt64(document, "virusnum", 0));
+  report += line("病毒数量：", CppJson::readInt64(document, "virusnum", 0));
+  report += line("查杀时间：", document, "begintime");
+  report += line("结束时间：", document, "endtime");
+  const Json::Value& detections = document["virus"];
+  if (!detections.empty()) {
+    report += "\n";
+  }
+  for (const Json::Value& detection : detections) {
+    report += detectionText(detection);
+  }
+  return report;
+}
+
+bool foundInfected(const Json::Value& document) {
+  return CppJson::readInt64(document, "virusnum", 0) != 0 && !document["virus"].empty();
+}
+
+bool write() {
+  const ScanRunState& state = ScanRunState::instance();
+  const Json::Value document = state.result();
+  const std::string path = state.log_path();
+  const std::string why = whyNotWritten(path, text(document, state.fix_handle(), state.scan_path()));
+  if (!why.empty()) {
+    complain(path, why, document);
+  }
+  return foundInfected(document);
+}
+
+}  // namespace batchreport

@@ -1,0 +1,90 @@
+#include "command/scan/IBusinessCImpl.h"
+
+#include <cstdio>
+
+#include "bin/BusState.h"
+#include "command/scan/BatchReport.h"
+#include "command/scan/ScanDisplay.h"
+#include "command/scan/ScanRunState.h"
+#include "json/CppJson.h"
+#include "lineeditor/Notices.h"
+#include "platform/CLogDebug.h"
+
+namespace {
+
+constexpr int kTypeScan = 0;
+constexpr int kInfoLevel = 2;
+constexpr int kWarningLevel = 3;
+
+std::string stateLine(const char* name, std::uint32_t value) {
+  char line[48];
+  std::snprintf(line, sizeof line, "%s = 0x%x\n", name, value);
+  return line;
+}
+
+/// The report stands in its place before the state changes.
+void reportAndSetState() {
+  g_lastBusState = batchreport::write() ? tavcli::kBusStateInfected : tavcli::kBusStateClean;
+}
+
+/// The end of a scan. Returns the lines that tell of the task state before and behind it.
+std::string endOfTask() {
+  const std::uint32_t before = g_lastBusState;
+  if (before == tavcli::kBusStateNone) {
+    reportAndSetState();
+  }
+  return stateLine("exitvalue1", before) + stateLine("exitvalue2", g_lastBusState);
+}
+
+/// Why a task did not come to its end: the exit code does not tell.
+void complainOf(const scandisplay::State& state, const std::string& detail) {
+  const std::string line =
+      "tavcli: " + std::string(state.text) + (detail.empty() ? "" : ": " + json::visiblePath(detail)) + "\n";
+  std::fputs(line.c_str(), stderr);
+}
+
+void takeEffect(const scandisplay::State& state, const std::string& detail) {
+  switch (state.effect) {
+    case scandisplay::Effect::kNone:
+      lineeditor::printNotice(scandisplay::stateLines(state));
+      break;
+    case scandisplay::Effect::kBusy:
+      lineeditor::printNotice(scandisplay::stateLines(state));
+      g_lastBusState = tavcli::kBusStateBusy;
+      break;
+    case scandisplay::Effect::kReport:
+      lineeditor::printNotice(scandisplay::stateLines(state));
+      complainOf(state, detail);
+      reportAndSetState();
+      break;
+    case scandisplay::Effect::kReportAtEnd:
+      lineeditor::printNotice(scandisplay::stateLines(state) + endOfTask());
+      break;
+  }
+}
+
+}  // namespace
+
+void IBusinessCImpl::reportBusStatus(const Json::Value& /*ctx*/, const std::string& detail,
+                                     const Json::Value& /*params*/, int /*source*/, int state,
+                                     const std::string& token_id, int type) {
+  const scandisplay::State* const row = scandisplay::findState(state);
+  if (token_id.empty() || type != kTypeScan || row == nullptr) {
+    return;
+  }
+  const int level = row->effect == scandisplay::Effect::kReport ? kWarningLevel : kInfoLevel;
+  CLogDebug::LogPrintV(level, __FILE__, "reportBusStatus", __LINE__, "task %s: state %d %s",
+                       token_id.c_str(), state, detail.c_str());
+  if (ScanRunState::instance().batch_mode() == 1) {
+    takeEffect(*row, detail);
+    if (g_lastBusState == tavcli::kBusStateClean || g_lastBusState == tavcli::kBusStateInfected) {
+      tavcli::announceFinalState();
+    }
+  } else {
+    lineeditor::printNotice(scandisplay::stateLines(*row));
+  }
+}
+
+void IBusinessCImpl::reportBusProgress(int progress, const std::string& /*token_id*/) {
+  lineeditor::printNotice(scandisplay::progressLines(progress));
+}
