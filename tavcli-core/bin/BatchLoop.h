@@ -12,8 +12,8 @@ namespace tavcli {
 
 /// What the loop of an unattended run needs of the rest of the program.
 struct BatchHost {
-  std::function<void(const char* line)> execute;           ///< hands a command line to the shell
-  std::function<void(const std::string& line)> complain;   ///< one line for the operator, on standard error
+  std::function<void(const char* line)> execute;          ///< hands a command line to the shell
+  std::function<void(const std::string& line)> complain;  ///< one line for the operator, on standard error
 };
 
 /// How an unattended run ended.

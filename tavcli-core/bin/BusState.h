@@ -8,12 +8,12 @@ namespace tavcli {
 inline constexpr std::uint32_t kBusStateNone = 0;
 inline constexpr std::uint32_t kBusStateClean = 0x20010000;     ///< task over, no infected file
 inline constexpr std::uint32_t kBusStateInfected = 0x20010001;  ///< task over, infected files found
-inline constexpr std::uint32_t kBusStateBusy = 0x20010002;      ///< a scan task of the same type already exists
+inline constexpr std::uint32_t kBusStateBusy = 0x20010002;  ///< a scan task of the same type already exists
 
 }  // namespace tavcli
 
-/// How the task of an unattended run stands. Written on the bus's delivery thread by the display of the task's
-/// state, read and reset by the batch loop.
+/// How the task of an unattended run stands. Written on the bus's delivery thread by the display of the
+/// task's state, read and reset by the batch loop.
 extern std::atomic<std::uint32_t> g_lastBusState;
 
 namespace tavcli {

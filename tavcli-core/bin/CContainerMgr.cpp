@@ -39,7 +39,9 @@ bool explain(const char* function, int line, const std::string& why) {
 
 CContainerMgr::CContainerMgr(tavcli::ContainerConfig config) : config_(std::move(config)) {}
 
-CContainerMgr::~CContainerMgr() { uninit(); }
+CContainerMgr::~CContainerMgr() {
+  uninit();
+}
 
 bool CContainerMgr::init() {
   const std::lock_guard<CMutex> guard(lock_);
@@ -73,7 +75,8 @@ bool CContainerMgr::initLunet() {
   if (!busConfig) {
     return explain("initLunet", __LINE__, "no JSON object can be read from " + config_.busConfigFile);
   }
-  if (const std::uint32_t error = library_.client()->Init(busConfig->c_str(), config_.uuid.c_str()); error != 0) {
+  if (const std::uint32_t error = library_.client()->Init(busConfig->c_str(), config_.uuid.c_str());
+      error != 0) {
     return explain("initLunet", __LINE__, numbered("the bus library refuses its configuration", error));
   }
   library_.client()->SetLogCallback(tavcli::lunetLogCallback);
@@ -128,9 +131,13 @@ void CContainerMgr::explainMissingAgent(std::uint32_t error) const {
   }
 }
 
-bool CContainerMgr::agentAnswers() { return library_.client()->Connect(0) == lunet::kOk; }
+bool CContainerMgr::agentAnswers() {
+  return library_.client()->Connect(0) == lunet::kOk;
+}
 
-void CContainerMgr::stop() { jsonrpchelper::stopJsonRpc(); }
+void CContainerMgr::stop() {
+  jsonrpchelper::stopJsonRpc();
+}
 
 bool CContainerMgr::uninit() {
   const std::lock_guard<CMutex> guard(lock_);

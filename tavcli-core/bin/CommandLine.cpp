@@ -24,13 +24,18 @@ constexpr const char* kBatchPrefix = "tav1";
 
 int clampedNumber(const std::string& text) {
   const long number = std::strtol(text.c_str(), nullptr, 10);
-  return static_cast<int>(std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+  return static_cast<int>(
+      std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 /// The tokeniser's idea of white space.
-bool holdsWhiteSpace(const std::string& text) { return text.find_first_of(" \t\n\v\f\r") != std::string::npos; }
+bool holdsWhiteSpace(const std::string& text) {
+  return text.find_first_of(" \t\n\v\f\r") != std::string::npos;
+}
 
-std::string shown(const std::string& path) { return "\"" + platform::visibleText(path) + "\""; }
+std::string shown(const std::string& path) {
+  return "\"" + platform::visibleText(path) + "\"";
+}
 
 std::string folderOf(const std::string& path) {
   const std::string folder = std::filesystem::path(path).parent_path().string();
@@ -39,10 +44,12 @@ std::string folderOf(const std::string& path) {
 
 std::optional<Refusal> refuseMissing(const BatchOptions& options) {
   if (options.scanPath.empty()) {
-    return Refusal{"get scanpath failed.", "tavcli: -scanpath is missing or empty: name the file or folder to scan"};
+    return Refusal{"get scanpath failed.",
+                   "tavcli: -scanpath is missing or empty: name the file or folder to scan"};
   }
   if (options.logPath.empty()) {
-    return Refusal{"get logpath failed.", "tavcli: -logpath is missing or empty: name a new file for the report"};
+    return Refusal{"get logpath failed.",
+                   "tavcli: -logpath is missing or empty: name a new file for the report"};
   }
   return std::nullopt;
 }
@@ -77,9 +84,10 @@ int tryToWriteIn(const std::string& folder) {
 }
 
 std::optional<Refusal> refuseUnwritable(const std::string& logPath) {
-  struct stat entry{};
+  struct stat entry {};
   if (lstat(logPath.c_str(), &entry) == 0) {
-    return Refusal{"", "tavcli: -logpath " + shown(logPath) + " is a link that leads nowhere: name a new file"};
+    return Refusal{"",
+                   "tavcli: -logpath " + shown(logPath) + " is a link that leads nowhere: name a new file"};
   }
   if (errno != ENOENT) {
     return Refusal{"", "tavcli: -logpath " + shown(logPath) + " cannot be written: " + std::strerror(errno)};

@@ -90,8 +90,8 @@ void clogCallback(int level, const char* text) {
 }
 
 void lunetLogCallback(int level, const char* text) {
-  CLogDebug::LogPrintStr(translated(kFromLunet, level).value_or(kFromOtherLunet), __FILE__, "lunetLogCallback",
-                         __LINE__, text);
+  CLogDebug::LogPrintStr(translated(kFromLunet, level).value_or(kFromOtherLunet), __FILE__,
+                         "lunetLogCallback", __LINE__, text);
 }
 
 }  // namespace tavcli

@@ -22,7 +22,7 @@ sigset_t endingSignals() {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal : kEndingSignals) {
-    struct sigaction action{};
+    struct sigaction action {};
     if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
       sigaddset(&set, signal);
     }

@@ -5,8 +5,8 @@
 
 namespace tavcli {
 
-/// How an unattended run waits. The loop counts in the seconds that it asks for; what passes on a clock is the
-/// implementation's affair.
+/// How an unattended run waits. The loop counts in the seconds that it asks for; what passes on a clock is
+/// the implementation's affair.
 class IPause {
  public:
   enum class End {
@@ -21,9 +21,9 @@ class IPause {
   virtual End sleepUntilFinal(std::chrono::seconds time) = 0;
 };
 
-/// Waits for real, on the monotonic clock. From its making to the end of the process SIGTERM, SIGINT and SIGHUP
-/// are held back for it (one that was ignored stays ignored), in this thread and those that it starts: make it
-/// before the first other thread. Main thread.
+/// Waits for real, on the monotonic clock. From its making to the end of the process SIGTERM, SIGINT and
+/// SIGHUP are held back for it (one that was ignored stays ignored), in this thread and those that it starts:
+/// make it before the first other thread. Main thread.
 class SignalAwarePause : public IPause {
  public:
   SignalAwarePause();

@@ -22,9 +22,13 @@ constexpr std::uint32_t kReportMode = 0600;
 constexpr std::int32_t kHandleCodes[][2] = {{1, 1}, {2, 2}, {6, 4}, {7, 4}};
 constexpr std::int32_t kHandleCodeFailed = 3;
 
-std::string line(const char* label, const std::string& value) { return label + value + "\n"; }
+std::string line(const char* label, const std::string& value) {
+  return label + value + "\n";
+}
 
-std::string line(const char* label, std::int64_t value) { return line(label, std::to_string(value)); }
+std::string line(const char* label, std::int64_t value) {
+  return line(label, std::to_string(value));
+}
 
 std::string line(const char* label, const Json::Value& document, const char* key) {
   return line(label, CppJson::readString(document, key, ""));
@@ -41,7 +45,7 @@ std::string detectionText(const Json::Value& detection) {
 
 /// Why the report must not be put there; empty when it may.
 std::string whyTaken(const std::string& path) {
-  struct stat entry{};
+  struct stat entry {};
   if (lstat(path.c_str(), &entry) == 0 && !S_ISREG(entry.st_mode)) {
     return "something else than a regular file stands there";
   }
@@ -59,15 +63,16 @@ std::string whyNotWritten(const std::string& path, const std::string& report) {
 void complain(const std::string& path, const std::string& why, const Json::Value& document) {
   const std::string named = std::to_string(document["virus"].size());
   const std::string complaint =
-      "tavcli: the report cannot be written to \"" + platform::visibleText(path) + "\": " + why + "; files scanned " +
-      std::to_string(CppJson::readInt64(document, "totalnum", 0)) + ", infected " +
+      "tavcli: the report cannot be written to \"" + platform::visibleText(path) + "\": " + why +
+      "; files scanned " + std::to_string(CppJson::readInt64(document, "totalnum", 0)) + ", infected " +
       std::to_string(CppJson::readInt64(document, "virusnum", 0)) + ", detections named " + named + "\n";
   std::fputs(complaint.c_str(), stderr);
 }
 
 }  // namespace
 
-void addOverview(Json::Value& document, const JsonReflect::ScanBusOverView& overview, const std::string& now) {
+void addOverview(Json::Value& document, const JsonReflect::ScanBusOverView& overview,
+                 const std::string& now) {
   if (!document.isMember("begintime")) {
     document["begintime"] = now;
   }

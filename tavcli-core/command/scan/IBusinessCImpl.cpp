@@ -73,8 +73,8 @@ void IBusinessCImpl::reportBusStatus(const Json::Value& /*ctx*/, const std::stri
     return;
   }
   const int level = row->effect == scandisplay::Effect::kReport ? kWarningLevel : kInfoLevel;
-  CLogDebug::LogPrintV(level, __FILE__, "reportBusStatus", __LINE__, "task %s: state %d %s",
-                       token_id.c_str(), state, detail.c_str());
+  CLogDebug::LogPrintV(level, __FILE__, "reportBusStatus", __LINE__, "task %s: state %d %s", token_id.c_str(),
+                       state, detail.c_str());
   if (ScanRunState::instance().batch_mode() == 1) {
     takeEffect(*row, detail);
     if (g_lastBusState == tavcli::kBusStateClean || g_lastBusState == tavcli::kBusStateInfected) {

@@ -8,7 +8,7 @@ class IBusinessCImpl : public IBusinessCAbstract {
  public:
   using IBusinessCAbstract::IBusinessCAbstract;
 
-  void reportBusStatus(const Json::Value& ctx, const std::string& detail, const Json::Value& params, int source,
-                       int state, const std::string& token_id, int type) override;
+  void reportBusStatus(const Json::Value& ctx, const std::string& detail, const Json::Value& params,
+                       int source, int state, const std::string& token_id, int type) override;
   void reportBusProgress(int progress, const std::string& token_id) override;
 };

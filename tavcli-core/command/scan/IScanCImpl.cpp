@@ -13,7 +13,9 @@ constexpr int kBusinessScan = 0;
 constexpr int kRiskOfFile = 5;
 constexpr int kRiskOfProcess = 3;
 
-bool unattended() { return ScanRunState::instance().batch_mode() == 1; }
+bool unattended() {
+  return ScanRunState::instance().batch_mode() == 1;
+}
 
 void showFileRepair(const Json::Value& riskInfo, const Json::Value& repairResult) {
   JsonReflect::VirusInfo risk;
@@ -74,7 +76,8 @@ void IScanCImpl::reportScanBusOverView(const Json::Value& overview, const std::s
   }
 }
 
-void IScanCImpl::reportScanBusStage(const std::string& /*datail*/, int stage, const std::string& /*token_id*/) {
+void IScanCImpl::reportScanBusStage(const std::string& /*datail*/, int stage,
+                                    const std::string& /*token_id*/) {
   if (const std::string lines = scandisplay::stageLines(stage); !unattended() && !lines.empty()) {
     lineeditor::printNotice(lines);
   }

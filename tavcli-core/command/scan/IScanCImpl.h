@@ -2,8 +2,8 @@
 
 #include "jsonrpchelper/ScanServers.h"
 
-/// Shows what the agent finds while a scan runs; in an unattended run it feeds the report instead. Made once a
-/// process. The operations run on the bus's delivery thread.
+/// Shows what the agent finds while a scan runs; in an unattended run it feeds the report instead. Made once
+/// a process. The operations run on the bus's delivery thread.
 class IScanCImpl : public IScanCAbstract {
  public:
   using IScanCAbstract::IScanCAbstract;

@@ -10,20 +10,17 @@ namespace scandisplay {
 namespace {
 
 constexpr State kStates[] = {
-    {-1, "扫描任务创建失败", Effect::kReport},
-    {0, "扫描任务初始化", Effect::kNone},
-    {1, "扫描任务开始: ", Effect::kNone},
-    {2, "扫描结束", Effect::kReportAtEnd},
-    {3, "扫描任务已暂停", Effect::kReport},
-    {4, "扫描任务已恢复", Effect::kNone},
-    {5, "扫描任务已中止", Effect::kReport},
-    {6, "已存在同种类型扫描任务", Effect::kBusy},
+    {-1, "扫描任务创建失败", Effect::kReport}, {0, "扫描任务初始化", Effect::kNone},
+    {1, "扫描任务开始: ", Effect::kNone},      {2, "扫描结束", Effect::kReportAtEnd},
+    {3, "扫描任务已暂停", Effect::kReport},    {4, "扫描任务已恢复", Effect::kNone},
+    {5, "扫描任务已中止", Effect::kReport},    {6, "已存在同种类型扫描任务", Effect::kBusy},
 };
 
 /// Row: the stage's number.
 constexpr const char* kStages[] = {
-    "系统设置检测开始",   "系统设置检测结束",     "常用软件检测开始",     "常用软件检测结束", "内存活跃程序检测开始",
-    "内存活跃程序检测结束", "开机启动项开始", "开机启动项结束", "系统关键位置检测开始", "系统关键位置检测结束",
+    "系统设置检测开始",     "系统设置检测结束",     "常用软件检测开始", "常用软件检测结束",
+    "内存活跃程序检测开始", "内存活跃程序检测结束", "开机启动项开始",   "开机启动项结束",
+    "系统关键位置检测开始", "系统关键位置检测结束",
 };
 
 constexpr const char* kRule = "----------------------------------------\n";
@@ -31,15 +28,22 @@ constexpr const char* kRule = "----------------------------------------\n";
 constexpr std::int32_t kFinderRealTime = 2;
 constexpr std::int32_t kFinderUsb = 3;
 
-std::string field(const char* label, const std::string& value) { return std::string(label) + " : " + value + "\n"; }
-
-std::string agentField(const char* label, const std::string& wire) { return field(label, json::visiblePath(wire)); }
-
-std::string repairFields(const JsonReflect::RiskRepairResult& repair) {
-  return agentField("处理结果", repair.handle_detail) + field("修复时间", CDateTime::format(repair.handle_time)) + kRule;
+std::string field(const char* label, const std::string& value) {
+  return std::string(label) + " : " + value + "\n";
 }
 
-std::string counter(const char* label, std::int64_t count) { return std::string("\n") + label + std::to_string(count) + "\n"; }
+std::string agentField(const char* label, const std::string& wire) {
+  return field(label, json::visiblePath(wire));
+}
+
+std::string repairFields(const JsonReflect::RiskRepairResult& repair) {
+  return agentField("处理结果", repair.handle_detail) +
+         field("修复时间", CDateTime::format(repair.handle_time)) + kRule;
+}
+
+std::string counter(const char* label, std::int64_t count) {
+  return std::string("\n") + label + std::to_string(count) + "\n";
+}
 
 }  // namespace
 
@@ -52,9 +56,13 @@ const State* findState(std::int32_t number) {
   return nullptr;
 }
 
-std::string stateLines(const State& state) { return std::string("\n") + state.text + "\n"; }
+std::string stateLines(const State& state) {
+  return std::string("\n") + state.text + "\n";
+}
 
-std::string progressLines(std::int32_t progress) { return "\n扫描进度: " + std::to_string(progress) + "%\n"; }
+std::string progressLines(std::int32_t progress) {
+  return "\n扫描进度: " + std::to_string(progress) + "%\n";
+}
 
 std::string stageLines(std::int32_t stage) {
   if (stage < 0 || stage >= static_cast<std::int32_t>(std::size(kStages))) {
@@ -76,7 +84,8 @@ const char* finderName(std::int32_t finder) {
 
 std::string riskLines(const JsonReflect::VirusInfo& risk) {
   return field("发现时间", CDateTime::format(risk.find_time)) + agentField("文件路径", riskPath(risk)) +
-         agentField("风险项名称", risk.risk_name) + field("检出引擎类型", json::engineName(risk.engine_mark)) +
+         agentField("风险项名称", risk.risk_name) +
+         field("检出引擎类型", json::engineName(risk.engine_mark)) +
          agentField("病毒类型", risk.risk_type_name) + field("结果来源", finderName(risk.finder)) + kRule;
 }
 

@@ -6,17 +6,17 @@
 
 #include "json/ScanRecords.h"
 
-/// The agent's scan notifications as the operator sees them: pure functions from what came to whole lines, each
-/// with its line end. Text of the agent's comes out with control characters and broken bytes made visible.
-/// Who prints them, and where, is the receivers' affair.
+/// The agent's scan notifications as the operator sees them: pure functions from what came to whole lines,
+/// each with its line end. Text of the agent's comes out with control characters and broken bytes made
+/// visible. Who prints them, and where, is the receivers' affair.
 namespace scandisplay {
 
 /// What a task state does to an unattended run.
 enum class Effect {
   kNone,
-  kReport,        ///< the report is written; the task counts as over
-  kReportAtEnd,   ///< the same, unless a state stands already
-  kBusy,          ///< the command has to be given again
+  kReport,       ///< the report is written; the task counts as over
+  kReportAtEnd,  ///< the same, unless a state stands already
+  kBusy,         ///< the command has to be given again
 };
 
 /// One row of the task states.

@@ -110,8 +110,8 @@ int CliScanCommunication::get_scanconfig(int& handle) {
   });
 }
 
-int CliScanCommunication::action_startscan(unsigned handle, unsigned mode, const std::vector<std::string>& paths,
-                                           unsigned special) {
+int CliScanCommunication::action_startscan(unsigned handle, unsigned mode,
+                                           const std::vector<std::string>& paths, unsigned special) {
   return withAgent(kStartScan, 0, [&](jsonrpchelper::AgentStub& agent) {
     JsonReflect::ScanParams params;
     params.set_custom_stop(true);

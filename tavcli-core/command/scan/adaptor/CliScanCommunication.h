@@ -4,7 +4,8 @@
 #include <vector>
 
 /// The SCAN command's calls on the agent. Each makes one call and prints nothing when it fails: a JSON-RPC
-/// failure goes to the debug log. What a scan finds does not come back here but as notifications. Main thread.
+/// failure goes to the debug log. What a scan finds does not come back here but as notifications. Main
+/// thread.
 class CliScanCommunication {
  public:
   /// Reads how the agent's settings want detections handled: sets handle to 1 (report only) or 2 (automatic),

@@ -1,0 +1,185 @@
+#include "bin/Console.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <optional>
+
+#include "bin/AgentWatch.h"
+#include "bin/BatchLoop.h"
+#include "bin/CContainerMgr.h"
+#include "bin/CommandLine.h"
+#include "bin/ContainerConfig.h"
+#include "bin/InstallDir.h"
+#include "bin/InteractiveLoop.h"
+#include "bin/MarkDirectory.h"
+#include "bin/Pause.h"
+#include "lineeditor/Signals.h"
+#include "lineeditor/Terminal.h"
+#include "platform/CGlobalTag.h"
+#include "platform/Text.h"
+#include "shell/TavCliCompletion.h"
+
+namespace tavcli {
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitInteractiveFailed = -1;
+constexpr int kExitBatchFailed = 2;
+
+constexpr int kMarkAcquired = 1;
+constexpr int kMarkHeldElsewhere = 2;
+
+void complain(const std::string& line) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "%s\n", platform::visibleText(line).c_str());
+}
+
+/// The link to the agent while it is up; taken down in one place, whichever way the program ends.
+class Link {
+ public:
+  explicit Link(const ContainerConfig& config) : manager_(config) {}
+  ~Link() { down(); }
+  Link(const Link&) = delete;
+  Link& operator=(const Link&) = delete;
+
+  bool up() { return manager_.init() && manager_.start(); }
+  void down() {
+    manager_.stop();
+    manager_.uninit();
+  }
+  bool agentAnswers() { return manager_.agentAnswers(); }
+
+ private:
+  CContainerMgr manager_;
+};
+
+/// The steps that both run modes share once the mark is held. Null when one fails, which has been said.
+std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const char* withoutUuid) {
+  mark.setAttribute("pid", std::to_string(getpid()));
+  if (CUuid::generate(config.uuid) != 0) {
+    if (withoutUuid != nullptr) {
+      std::puts(withoutUuid);
+    }
+    return nullptr;
+  }
+  auto link = std::make_unique<Link>(config);
+  if (!link->up()) {
+    std::puts("init afx failed");
+    return nullptr;
+  }
+  TavCliCompletion::instance().init();
+  std::fflush(stdout);
+  return link;
+}
+
+int runAttended(const ContainerConfig& config) {
+  lineeditor::installSignalHandlers();
+  CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
+  switch (mark.trylock(false)) {
+    case kMarkAcquired:
+      std::printf("Container[%s] single process mark create success\n", containerGuid().c_str());
+      break;
+    case kMarkHeldElsewhere:
+      std::printf("Container[%s] is Running\n", containerGuid().c_str());
+      return kExitOk;
+    default:
+      std::printf("Container[%s] single process mark create failed\n", containerGuid().c_str());
+      complain("tavcli: " + mark.lastError());
+      return kExitInteractiveFailed;
+  }
+  const std::unique_ptr<Link> link = bringUp(mark, config, nullptr);
+  if (!link) {
+    return kExitInteractiveFailed;
+  }
+  TavCliCompletion::instance().setQuitHook([&link] {
+    lineeditor::restoreTerminal();
+    link->down();
+  });
+  runInteractive();
+  TavCliCompletion::instance().setQuitHook(nullptr);
+  lineeditor::restoreTerminal();
+  return kExitOk;
+}
+
+/// Null when the run may go on with the mark held, else the exit code.
+std::optional<int> takeMark(CGlobalTag& mark, int timeoutSec, IPause& pause) {
+  switch (waitForMark(
+      timeoutSec, [&mark] { return mark.trylock(false); }, pause)) {
+    case MarkWait::kAcquired:
+      return std::nullopt;
+    case MarkWait::kFailed:
+      std::puts("singleTag failed");
+      complain("tavcli: " + mark.lastError());
+      return kExitBatchFailed;
+    case MarkWait::kTimedOut:
+      std::puts("bSuccess failed");
+      return kExitNoMark;
+    case MarkWait::kSignal:
+      break;
+  }
+  return kExitBatchFailed;
+}
+
+int runMarked(const BatchOptions& options, const ContainerConfig& config, SignalAwarePause& pause) {
+  CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
+  if (const std::optional<int> ended = takeMark(mark, options.timeoutSec, pause)) {
+    return *ended;
+  }
+  const std::unique_ptr<Link> link = bringUp(mark, config, "uuid gen failed.");
+  if (!link) {
+    return kExitBatchFailed;
+  }
+  AgentWatch watch([&link] { return link->agentAnswers(); }, complain);
+  pause.setEverySecond([&watch] { watch.look(); });
+  const BatchHost host{[](const char* line) {
+                         TavCliCompletion::instance().executeLine(line);
+                         std::fflush(stdout);
+                       },
+                       complain};
+  const BatchEnd end = runBatch(options, host, pause);
+  pause.setEverySecond(nullptr);
+  return end.exitCode;
+}
+
+int runUnattended(const std::vector<std::string>& words, const ContainerConfig& config) {
+  BatchOptions options = parseCommandLine(words);
+  if (const std::optional<Refusal> refusal = checkBatchOptions(options)) {
+    if (!refusal->out.empty()) {
+      std::puts(refusal->out.c_str());
+    }
+    if (!refusal->err.empty()) {
+      complain(refusal->err);
+    }
+    return kExitBatchFailed;
+  }
+  SignalAwarePause pause;
+  const int exitCode = runMarked(options, config, pause);
+  std::fflush(stdout);
+  pause.endBySignal();
+  return exitCode;
+}
+
+}  // namespace
+
+int runConsole(const std::vector<std::string>& arguments) noexcept {
+  try {
+    // A reader of our output that goes away costs the output, not the report.
+    std::signal(SIGPIPE, SIG_IGN);
+    const ContainerConfig config = containerConfigFor(installDirectory());
+    useMarkDirectory(config.installDir, config.busConfigFile);
+    if (arguments.size() < 2) {
+      return runAttended(config);
+    }
+    return runUnattended({arguments.begin() + 1, arguments.end()}, config);
+  } catch (const std::exception& exception) {
+    complain(std::string("tavcli: ") + exception.what());
+  }
+  return arguments.size() < 2 ? kExitInteractiveFailed : kExitBatchFailed;
+}
+
+}  // namespace tavcli

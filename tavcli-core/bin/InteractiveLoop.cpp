@@ -1,0 +1,70 @@
+#include "bin/InteractiveLoop.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <string_view>
+
+#include "bin/CommandLine.h"
+#include "lineeditor/History.h"
+#include "lineeditor/LineEditor.h"
+#include "lineeditor/Terminal.h"
+#include "platform/ConstConfig.h"
+#include "platform/Text.h"
+#include "shell/ErrorTable.h"
+#include "shell/HelpScreens.h"
+#include "shell/TavCliCompletion.h"
+
+namespace tavcli {
+
+namespace {
+
+constexpr const char* kPrompt = "TAV> ";
+
+/// Whatever a command runs into, the prompt comes back.
+std::int32_t executeGuarded(const char* line) {
+  try {
+    return TavCliCompletion::instance().executeLine(line);
+  } catch (const std::exception& exception) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "tavcli: the command failed: %s\n", platform::visibleText(exception.what()).c_str());
+    return 0;
+  }
+}
+
+/// Runs one line. False when it ends the loop.
+bool handleLine(const char* line) {
+  const std::int32_t result = executeGuarded(line);
+  const std::string_view word = line;
+  if (result < 0) {
+    ErrorTable::instance().print(result);
+  } else if (word == "history") {
+    lineeditor::historyShow();
+  } else if (word == "exit") {
+    return false;
+  }
+  std::fflush(stdout);
+  return true;
+}
+
+}  // namespace
+
+void runInteractive() {
+  lineeditor::setCompletionHook([](const char* text, lineeditor::CompletionState* state) {
+    return TavCliCompletion::instance().completionHook(text, state);
+  });
+  lineeditor::setKeyHelp(showKeyHelp);
+  const std::string historyPath = ConstConfig::singleInstance()->getLogDir() + "cli.history";
+  lineeditor::historyLoad(historyPath.c_str());
+  lineeditor::setPromptColour(lineeditor::kBrightGreen);
+  std::array<char, kLineBufferBytes> buffer{};
+  while (const char* line = lineeditor::readLine(kPrompt, buffer.data(), buffer.size())) {
+    if (!handleLine(line)) {
+      break;
+    }
+  }
+  lineeditor::historySave(historyPath.c_str());
+}
+
+}  // namespace tavcli
