@@ -40,14 +40,16 @@ class Settings {
   /// Merges a partial change after checking it against the settings table. False changes nothing and says
   /// why. A section that is null is a change of nothing.
   virtual bool change(int configType, const std::string& changeText, std::string* why) = 0;
+  /// Grows with every change that changed something.
+  virtual std::uint64_t generation() const = 0;
 };
 
 struct QuarantineRequest {
-  int fd = -1;             ///< of the file as scanned; stays the caller's
-  std::string path;        ///< bytes; how it was reached
-  FileIdentity identity;   ///< as scanned
+  int fd = -1;            ///< of the file as scanned; stays the caller's
+  std::string path;       ///< bytes; how it was reached
+  FileIdentity identity;  ///< as scanned
   Detection detection;
-  std::string md5;         ///< as scanned; may be empty
+  std::string md5;  ///< as scanned; may be empty
 };
 
 /// What became of something asked: ok, or one line that says why not.
@@ -63,7 +65,10 @@ class Quarantine {
   virtual Result add(const QuarantineRequest& request) = 0;
   /// JSON array of isolation items (JsonReflect::IsolationItem), oldest first. `onlyOwner`: of that uid.
   virtual Json::Value list(std::optional<uid_t> onlyOwner) const = 0;
-  struct RestoreOutcome { std::string uuid; Result result; };
+  struct RestoreOutcome {
+    std::string uuid;
+    Result result;
+  };
   /// trust: add the path to the trust region as well. targetDir empty: where it was.
   virtual std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool all, bool trust,
                                               const std::string& targetDir, const CallerId& caller) = 0;
@@ -74,7 +79,10 @@ enum class RegionVerdict { kNone, kTrusted, kRejected };
 class Regions {
  public:
   virtual ~Regions() = default;
-  /// items: {"action":0 add|1 del,"type":0..6,"domain":n,"is_all":bool,"items":[…]}. False says why.
+  /// items: {"action":0 add|1 del,"type":0..6,"domain":0|1,"is_all":bool,"items":[…]}, and optionally
+  /// "valid_until": seconds since 1970-01-01, 0 for ever. Texts of items are in wire form (json::encodePath).
+  /// All or nothing: one bad item refuses the change. Adding what is there renews its validity, deleting what
+  /// is not there is done. is_all goes with del: every entry of the type and domain. False says why.
   virtual bool change(int regionType, const Json::Value& items, const CallerId& caller, std::string* why) = 0;
   /// JSON array of JsonReflect::FilterRegionItem. domain 4: any.
   virtual Json::Value list(int domain, int itemType, int regionType) const = 0;
@@ -99,7 +107,8 @@ class ScanCache {
   virtual void clear() = 0;
 };
 
-/// Tasks under way, so that a restarted agent can tell their owners what became of them.
+/// Tasks under way, so that a restarted agent can tell their owners what became of them. put, remove and all
+/// throw std::runtime_error when the database fails.
 struct TaskRecord {
   std::string token;
   int scanType = 0;
@@ -119,7 +128,8 @@ class TaskRecords {
 /// One SQLite database and the quarantine folder under the agent's state folder. Thread-safe.
 class Store {
  public:
-  /// Creates the folder (0700) and the schema, settles half-done quarantine work, loads the settings.
+  /// Creates the folder (0700) and the schema, settles half-done quarantine work, loads the settings. The
+  /// store starts a thread of its own with the first answer that the cache remembers, none before.
   /// Throws std::runtime_error with one line when the store cannot be used.
   static std::unique_ptr<Store> open(const std::string& stateDir);
   virtual ~Store() = default;
@@ -128,6 +138,8 @@ class Store {
   virtual Regions& regions() = 0;
   virtual ScanCache& cache() = 0;
   virtual TaskRecords& tasks() = 0;
+  /// What open() found and settled, one line each, for the log.
+  virtual const std::vector<std::string>& notices() const = 0;
   /// One line in the audit record: who did what to what, and what came of it. Never throws.
   virtual void audit(const CallerId& who, const std::string& action, const std::string& object,
                      const std::string& outcome) = 0;

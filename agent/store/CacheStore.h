@@ -1,0 +1,75 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "store/Sqlite.h"
+#include "store/Store.h"
+
+namespace agent::store {
+
+/// Clean results in a hash table, written behind in batches by a thread of its own, and read back whole by
+/// the first question after a start. Past the limit the oldest sixteenth goes. A disk that fails costs what
+/// was not written, never an answer. Any thread.
+class CacheStore : public ScanCache {
+ public:
+  static constexpr std::size_t kMaxFiles = 1'000'000;
+  explicit CacheStore(Database& database, std::size_t maxFiles = kMaxFiles);
+  ~CacheStore() override;  ///< writes what is not written yet
+
+  bool isClean(const FileIdentity& file, const std::string& key) const override;
+  void remember(const FileIdentity& file, const std::string& key) override;
+  void flush() override;
+  std::int64_t count() const override;
+  void clear() override;
+
+ private:
+  struct Place {
+    std::uint64_t device, inode;
+    friend bool operator==(const Place&, const Place&) = default;
+  };
+  struct PlaceHash {
+    std::size_t operator()(const Place& place) const;
+  };
+  struct Entry {
+    std::uint64_t size;
+    std::int64_t changeNs, modifyNs, keyId, seq;
+  };
+  struct Batch {
+    std::vector<std::pair<Place, Entry>> rows;
+    std::vector<std::pair<std::string, std::int64_t>> keys;
+    std::int64_t evictBelow = 0;
+    bool empty() const { return rows.empty() && keys.empty() && evictBelow == 0; }
+  };
+
+  void load() const;  ///< with mutex_ held
+  void readRows() const;
+  void evictOldest();
+  void forgetAll();
+  std::int64_t keyId(const std::string& key);
+  Batch takeBatch();
+  void write(const Batch& batch);
+  void writeBehind();
+
+  Database& database_;
+  const std::size_t maxFiles_;
+  std::mutex writing_;  ///< taken before mutex_: one batch at a time
+  mutable std::mutex mutex_;
+  mutable bool loaded_ = false;
+  mutable std::unordered_map<Place, Entry, PlaceHash> files_;
+  mutable std::unordered_map<std::string, std::int64_t> keys_;
+  mutable std::int64_t lastSeq_ = 0, lastKey_ = 0;
+  std::vector<Place> unwritten_;
+  std::vector<std::string> unwrittenKeys_;
+  std::int64_t evictBelow_ = 0;  ///< entries before this one went and still stand in the database
+  bool stop_ = false;
+  std::condition_variable wake_;
+  std::thread writer_;
+};
+
+}  // namespace agent::store

@@ -1,0 +1,83 @@
+#include "store/Posix.h"
+
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "platform/Text.h"
+
+namespace agent::store {
+
+void UniqueFd::reset(int fd) {
+  if (fd_ >= 0) {
+    ::close(fd_);
+  }
+  fd_ = fd;
+}
+
+std::string errnoText(int error) {
+  return std::generic_category().message(error);
+}
+
+std::string quoted(std::string_view path) {
+  return "'" + platform::visibleText(path) + "'";
+}
+
+UniqueFd openRegular(const std::string& path, struct stat* st) {
+  const UniqueFd found(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!found || ::fstat(found.get(), st) != 0) {
+    return {};
+  }
+  if (!S_ISREG(st->st_mode)) {
+    errno = EINVAL;
+    return {};
+  }
+  const std::string same = "/proc/self/fd/" + std::to_string(found.get());
+  return UniqueFd(::open(same.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+int writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno != EINTR) {
+      return errno;
+    }
+    if (n > 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+  }
+  return 0;
+}
+
+std::int64_t readFully(int fd, void* buffer, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n = ::read(fd, static_cast<char*>(buffer) + done, size - done);
+    if (n == 0) {
+      break;
+    }
+    if (n < 0 && errno != EINTR) {
+      return -1;
+    }
+    if (n > 0) {
+      done += static_cast<std::size_t>(n);
+    }
+  }
+  return static_cast<std::int64_t>(done);
+}
+
+std::int64_t nowSec() {
+  return nowNs() / 1'000'000'000;
+}
+
+std::int64_t nowNs() {
+  timespec now{};
+  // The clock that the kernel stamps files with; the fine one may run ahead of it.
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+}  // namespace agent::store

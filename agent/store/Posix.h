@@ -1,0 +1,53 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+/// Small things of the system interface that the whole store uses.
+namespace agent::store {
+
+/// Owns one descriptor.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+      reset(std::exchange(other.fd_, -1));
+    }
+    return *this;
+  }
+  ~UniqueFd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset(int fd = -1);
+
+ private:
+  int fd_ = -1;
+};
+
+/// The text of an errno value.
+std::string errnoText(int error);
+/// A path in single quotes, control characters visible: for a reason that people read.
+std::string quoted(std::string_view path);
+
+/// Opens a regular file for reading, the last component not followed when it is a link; nothing else is ever
+/// opened, so that no device or pipe is touched. Empty with errno set: EINVAL when it is no regular file.
+UniqueFd openRegular(const std::string& path, struct stat* st);
+
+/// Writes all of it. 0 or an errno value.
+int writeAll(int fd, std::string_view bytes);
+/// Reads up to `size` bytes, fewer only at the end. -1 with errno set on an error.
+std::int64_t readFully(int fd, void* buffer, std::size_t size);
+
+std::int64_t nowSec();  ///< wall clock, since 1970-01-01
+std::int64_t nowNs();   ///< the same in nanoseconds, with the precision that file times have
+
+}  // namespace agent::store

@@ -1,0 +1,272 @@
+#include "store/RegionStore.h"
+
+#include <sys/stat.h>
+
+#include "json/CppJson.h"
+#include "json/RegionRecords.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+#include "store/Digest.h"
+#include "store/Posix.h"
+
+namespace agent::store {
+namespace {
+
+constexpr int kAnyDomain = 4;
+/// Adding entries reads at most so much of the files that they name, for the MD5 that a list shows.
+constexpr std::int64_t kHashBudgetBytes = 64 << 20;
+
+bool wholeNumber(const Json::Value& object, const char* key, std::int64_t smallest, std::int64_t largest) {
+  const Json::Value& value = object[key];
+  // The type, not isInt64() alone: that takes 1.0 as well.
+  const bool whole = value.type() == Json::intValue || value.type() == Json::uintValue;
+  return whole && value.isInt64() && value.asInt64() >= smallest && value.asInt64() <= largest;
+}
+
+struct FileFacts {
+  std::int64_t size = 0;
+  std::string md5;
+};
+
+FileFacts factsOf(RegionType type, const std::string& item, std::int64_t* budget) {
+  FileFacts facts;
+  if (type == RegionType::kMd5) {
+    facts.md5 = item;
+  }
+  if (type != RegionType::kFile) {
+    return facts;
+  }
+  struct stat st {};
+  const UniqueFd fd = openRegular(item, &st);
+  facts.size = fd ? st.st_size : 0;
+  if (!fd || st.st_size > *budget) {
+    return facts;
+  }
+  *budget -= st.st_size;
+  Digest md5(Digest::Kind::kMd5);
+  std::string buffer(1 << 16, '\0');
+  std::int64_t n = 0;
+  while ((n = readFully(fd.get(), buffer.data(), buffer.size())) > 0) {
+    md5.add(buffer.data(), static_cast<std::size_t>(n));
+  }
+  facts.md5 = n < 0 ? "" : md5.hex();
+  return facts;
+}
+
+/// Paths are looked up as scans write them; what is written otherwise is brought to that form first.
+bool looksNormal(const std::string& path) {
+  for (std::size_t i = path.find('/'); i != std::string::npos; i = path.find('/', i + 1)) {
+    const std::string_view rest = std::string_view(path).substr(i + 1);
+    if (rest.empty() || rest[0] == '/' || rest == "." || rest.starts_with("./") || rest == ".." ||
+        rest.starts_with("../")) {
+      return path.size() == 1;
+    }
+  }
+  return true;
+}
+
+std::int32_t validState(std::int64_t validUntil, std::int64_t now) {
+  if (validUntil == 0) {
+    return 1;
+  }
+  return validUntil > now ? 0 : 2;
+}
+
+bool exists(RegionType type, const std::string& item) {
+  struct stat st {};
+  const bool isPath = type == RegionType::kFile || type == RegionType::kFolder;
+  return isPath && ::lstat(item.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+RegionStore::RegionStore(Database& database) : database_(database) {
+  const std::lock_guard lock(database_.mutex());
+  Statement rows(database_, "SELECT region,type,domain,item,valid_until FROM regions");
+  while (rows.step()) {
+    const std::int64_t region = rows.number(0), type = rows.number(1), domain = rows.number(2);
+    if (region < 0 || region > 1 || type < 0 || type >= kRegionTypes || domain < 0 || domain > 1) {
+      throw StoreError(quoted(database_.path()) + " is damaged: a region entry of an unknown kind");
+    }
+    index_.put(static_cast<int>(region), static_cast<RegionType>(type), static_cast<int>(domain),
+               rows.text(3), rows.number(4));
+  }
+  hashesNeeded_ = index_.holdsHashes();
+  generation_ = static_cast<std::uint64_t>(
+      database_.number("SELECT value FROM counters WHERE name='region_generation'"));
+}
+
+std::string RegionStore::readItems(const Json::Value& items, Change* change) {
+  if (!items.isArray()) {
+    return "\"items\" must be a list";
+  }
+  for (const Json::Value& element : items) {
+    if (!element.isString()) {
+      return "\"items\" must be a list of texts";
+    }
+    std::string item;
+    std::string why = normaliseRegionItem(change->type, json::decodePath(element.asString()), &item);
+    if (!why.empty()) {
+      return why;
+    }
+    change->items.push_back(std::move(item));
+  }
+  return {};
+}
+
+std::string RegionStore::readChange(int regionType, const Json::Value& items, Change* change) {
+  if (regionType < 0 || regionType > 1) {
+    return "there is no region " + std::to_string(regionType);
+  }
+  if (!items.isObject()) {
+    return "the change must be an object";
+  }
+  if (!wholeNumber(items, "action", 0, 1)) {
+    return "\"action\" must be 0 (add) or 1 (delete)";
+  }
+  if (!wholeNumber(items, "type", 0, kRegionTypes - 1)) {
+    return "\"type\" must be 0 to 6";
+  }
+  if (!wholeNumber(items, "domain", 0, 1)) {
+    return "\"domain\" must be 0 (personal) or 1 (global)";
+  }
+  if (items.isMember("valid_until") && !wholeNumber(items, "valid_until", 0, INT64_MAX)) {
+    return "\"valid_until\" must be a time in seconds, or 0";
+  }
+  if (items.isMember("is_all") && !items["is_all"].isBool()) {
+    return "\"is_all\" must be true or false";
+  }
+  change->region = regionType;
+  change->add = items["action"].asInt() == 0;
+  change->type = static_cast<RegionType>(items["type"].asInt());
+  change->domain = items["domain"].asInt();
+  change->all = items["is_all"].isBool() && items["is_all"].asBool();
+  change->validUntil = CppJson::readInt64(items, "valid_until", 0);
+  if (change->all && change->add) {
+    return "\"is_all\" goes with deleting only";
+  }
+  return change->all ? "" : readItems(items["items"], change);
+}
+
+bool RegionStore::change(int regionType, const Json::Value& items, const CallerId& caller, std::string* why) {
+  std::string reason;
+  try {
+    Change change;
+    reason = readChange(regionType, items, &change);
+    if (reason.empty() && (change.all || !change.items.empty())) {
+      store(change, caller.uid);
+    }
+  } catch (const std::exception& error) {
+    reason = error.what();
+  }
+  if (why != nullptr) {
+    *why = reason;
+  }
+  return reason.empty();
+}
+
+void RegionStore::store(const Change& change, uid_t caller) {
+  // Held over both, so that the index changes in the order that the rows do.
+  const std::lock_guard lock(database_.mutex());
+  Transaction transaction(database_);
+  if (change.add) {
+    addRows(change, caller);
+  } else {
+    deleteRows(change);
+  }
+  const std::uint64_t next = generation_ + 1;
+  Statement(database_, "INSERT OR REPLACE INTO counters VALUES ('region_generation',?)").bind(next).run();
+  transaction.commit();
+  const std::unique_lock writing(mutex_);
+  updateIndex(change);
+  hashesNeeded_ = index_.holdsHashes();
+  generation_ = next;
+}
+
+void RegionStore::addRows(const Change& change, uid_t caller) {
+  Statement insert(database_,
+                   "INSERT INTO regions"
+                   " (region,type,domain,item,uuid,add_time,modify_time,valid_until,file_size,md5,added_by)"
+                   " VALUES (?1,?2,?3,?4,?5,?6,?6,?7,?8,?9,?10)"
+                   " ON CONFLICT DO UPDATE SET modify_time=?6,valid_until=?7,file_size=?8,md5=?9");
+  std::int64_t budget = kHashBudgetBytes;
+  for (const std::string& item : change.items) {
+    std::string uuid;
+    if (CUuid::generate(uuid) != 0) {
+      throw StoreError("no random numbers for an entry's id");
+    }
+    const FileFacts facts = factsOf(change.type, item, &budget);
+    insert
+        .bind(change.region, static_cast<int>(change.type), change.domain, item, uuid, nowSec(),
+              change.validUntil, facts.size, facts.md5, caller)
+        .run();
+  }
+}
+
+void RegionStore::deleteRows(const Change& change) {
+  if (change.all) {
+    Statement(database_, "DELETE FROM regions WHERE region=? AND type=? AND domain=?")
+        .bind(change.region, static_cast<int>(change.type), change.domain)
+        .run();
+    return;
+  }
+  Statement remove(database_, "DELETE FROM regions WHERE region=? AND type=? AND domain=? AND item=?");
+  for (const std::string& item : change.items) {
+    remove.bind(change.region, static_cast<int>(change.type), change.domain, item).run();
+  }
+}
+
+void RegionStore::updateIndex(const Change& change) {
+  if (change.all) {
+    index_.eraseAll(change.region, change.type, change.domain);
+  }
+  for (const std::string& item : change.items) {
+    if (change.add) {
+      index_.put(change.region, change.type, change.domain, item, change.validUntil);
+    } else {
+      index_.erase(change.region, change.type, change.domain, item);
+    }
+  }
+}
+
+Json::Value RegionStore::list(int domain, int itemType, int regionType) const {
+  Json::Value entries(Json::arrayValue);
+  const std::int64_t now = nowSec();
+  const auto type = static_cast<RegionType>(itemType);
+  const std::lock_guard lock(database_.mutex());
+  Statement rows(database_,
+                 "SELECT domain,uuid,item,modify_time,file_size,md5,add_time,valid_until FROM regions"
+                 " WHERE region=?1 AND type=?2 AND (domain=?3 OR ?3=?4) ORDER BY id");
+  rows.bind(regionType, itemType, domain, kAnyDomain);
+  while (rows.step()) {
+    JsonReflect::FilterRegionItem entry;
+    const std::string item = rows.text(2);
+    entry.domain = static_cast<std::int32_t>(rows.number(0));
+    entry.uuid = rows.text(1);
+    entry.item_type = itemType;
+    entry.item = json::encodePath(item);
+    entry.modify_time = rows.number(3);
+    entry.file_size = rows.number(4);
+    entry.md5 = rows.text(5);
+    entry.add_time = rows.number(6);
+    entry.valid_statue = validState(rows.number(7), now);
+    entry.exist_state = exists(type, item) ? 1 : 0;
+    Json::Value value;
+    entry.ToValue(value);
+    entries.append(std::move(value));
+  }
+  return entries;
+}
+
+RegionVerdict RegionStore::byPath(const std::string& path) const {
+  const std::shared_lock lock(mutex_);
+  return looksNormal(path) ? index_.byPath(path, nowSec())
+                           : index_.byPath(utils::FormatFilePath(path), nowSec());
+}
+
+RegionVerdict RegionStore::byHash(const Verdict& hashes) const {
+  const std::shared_lock lock(mutex_);
+  return index_.byHash(hashes, nowSec());
+}
+
+}  // namespace agent::store

@@ -1,0 +1,132 @@
+#include "store/SettingsStore.h"
+
+#include "json/CppJson.h"
+#include "platform/Text.h"
+#include "store/SettingsTable.h"
+
+namespace agent::store {
+namespace {
+
+constexpr std::size_t kMaxChangeBytes = 1 << 20;
+
+/// Puts one section's change into the document. Empty, or why the change is refused.
+std::string mergeSection(int configType, const std::string& section, const Json::Value& change,
+                         Json::Value* document) {
+  if (!knownSection(configType, section)) {
+    return "there is no section " + platform::visibleText(section) + " in settings of type " +
+           std::to_string(configType);
+  }
+  if (change.isNull()) {
+    return {};
+  }
+  if (!change.isObject()) {
+    return "section " + section + " must be an object";
+  }
+  for (const std::string& key : change.getMemberNames()) {
+    const Setting* setting = findSetting(configType, section, key);
+    if (setting == nullptr) {
+      return "there is no setting " + section + "." + platform::visibleText(key);
+    }
+    std::string why = whyNotAllowed(*setting, change[key]);
+    if (!why.empty()) {
+      return why;
+    }
+    (*document)[section][key] = change[key];
+  }
+  return {};
+}
+
+std::string merge(int configType, const std::string& text, Json::Value* document) {
+  if (text.size() > kMaxChangeBytes) {
+    return "the change is longer than " + std::to_string(kMaxChangeBytes) + " bytes";
+  }
+  Json::Value change;
+  if (!CppJson::LoadJsonString(text, change) || !change.isObject()) {
+    return "the change is not a JSON object";
+  }
+  for (const std::string& section : change.getMemberNames()) {
+    std::string why = mergeSection(configType, section, change[section], document);
+    if (!why.empty()) {
+      return why;
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+SettingsStore::SettingsStore(Database& database, std::vector<std::string>* notices)
+    : database_(database), save_(database, "INSERT OR REPLACE INTO settings VALUES (?,?)") {
+  for (const Setting& setting : settingsTable()) {
+    documents_[setting.configType][setting.section][setting.key] = standardValue(setting);
+  }
+  const std::lock_guard lock(database_.mutex());
+  Statement stored(database_, "SELECT config_type,document FROM settings");
+  while (stored.step()) {
+    load(static_cast<int>(stored.number(0)), stored.text(1), notices);
+  }
+}
+
+void SettingsStore::load(int configType, const std::string& text, std::vector<std::string>* notices) {
+  const std::string where = "stored settings of type " + std::to_string(configType) + ": ";
+  Json::Value stored;
+  if (!CppJson::LoadJsonString(text, stored) || !stored.isObject()) {
+    notices->push_back(where + "not a JSON object, the defaults hold");
+    return;
+  }
+  for (const Setting& setting : settingsTable()) {
+    if (setting.configType != configType || !stored[setting.section].isObject() ||
+        !stored[setting.section].isMember(setting.key)) {
+      continue;
+    }
+    const Json::Value& value = stored[setting.section][setting.key];
+    const std::string why = whyNotAllowed(setting, value);
+    if (why.empty()) {
+      documents_[configType][setting.section][setting.key] = value;
+    } else {
+      notices->push_back(where + why + "; the default holds");
+    }
+  }
+}
+
+std::optional<Json::Value> SettingsStore::document(int configType) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = documents_.find(configType);
+  return found == documents_.end() ? std::nullopt : std::optional(found->second);
+}
+
+bool SettingsStore::change(int configType, const std::string& changeText, std::string* why) {
+  const std::lock_guard lock(mutex_);
+  const auto found = documents_.find(configType);
+  std::string reason;
+  if (found == documents_.end()) {
+    reason = "there are no settings of type " + std::to_string(configType);
+  } else {
+    Json::Value changed = found->second;
+    reason = merge(configType, changeText, &changed);
+    if (reason.empty() && changed != found->second) {
+      try {
+        save(configType, changed);
+        found->second = std::move(changed);
+        ++generation_;
+      } catch (const std::exception& error) {
+        reason = std::string("cannot be stored: ") + error.what();
+      }
+    }
+  }
+  if (why != nullptr) {
+    *why = reason;
+  }
+  return reason.empty();
+}
+
+void SettingsStore::save(int configType, const Json::Value& document) {
+  std::string text;
+  if (!CppJson::WriteJsonToString(document, text, 1)) {
+    throw StoreError("the settings cannot be written as text");
+  }
+  const std::lock_guard lock(database_.mutex());
+  save_.bind(configType, text).run();
+}
+
+}  // namespace agent::store

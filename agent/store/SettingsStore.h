@@ -1,0 +1,35 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "store/Sqlite.h"
+#include "store/Store.h"
+
+namespace agent::store {
+
+/// The documents as they are in force, in memory, behind them their rows. Any thread.
+class SettingsStore : public Settings {
+ public:
+  /// Reads the stored documents over the defaults. A stored value that the table does not allow (any more)
+  /// gives way to its default, with a line in `notices`.
+  SettingsStore(Database& database, std::vector<std::string>* notices);
+  std::optional<Json::Value> document(int configType) const override;
+  bool change(int configType, const std::string& changeText, std::string* why) override;
+  std::uint64_t generation() const override { return generation_; }
+
+ private:
+  void load(int configType, const std::string& text, std::vector<std::string>* notices);
+  void save(int configType, const Json::Value& document);
+
+  Database& database_;
+  Statement save_;
+  mutable std::mutex mutex_;
+  std::map<int, Json::Value> documents_;
+  std::atomic<std::uint64_t> generation_{1};
+};
+
+}  // namespace agent::store

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace agent::store {
+
+enum class SettingKind {
+  kSwitch,  ///< true or false
+  kNumber,  ///< a whole number in a range
+  kText,    ///< one line, at most `largest` bytes
+  kWords,   ///< a list of words, each at most once
+};
+
+/// One setting: where it stands and what it may be. The whole truth about settings is the table of these.
+struct Setting {
+  int configType;  ///< 0 scan, 1 real-time protection, 2 quarantine, 4 engines
+  const char* section;
+  const char* key;
+  SettingKind kind;
+  std::int64_t smallest, largest;
+  const char* zero;      ///< what 0, or an empty text or list, means; empty: nothing special
+  const char* standard;  ///< the default, as JSON text
+  const char* words;     ///< the words allowed, by spaces; null: not a list
+};
+
+std::span<const Setting> settingsTable();
+const Setting* findSetting(int configType, const std::string& section, const std::string& key);
+bool knownConfigType(int configType);
+bool knownSection(int configType, const std::string& section);
+Json::Value standardValue(const Setting& setting);
+/// Empty when the value fits the setting, else one line that says why not.
+std::string whyNotAllowed(const Setting& setting, const Json::Value& value);
+const char* kindName(SettingKind kind);
+
+}  // namespace agent::store

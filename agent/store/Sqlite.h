@@ -1,0 +1,93 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+/// The few things of SQLite that the store needs, with errors as exceptions: StoreError, one line.
+namespace agent::store {
+
+class StoreError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Whether a committed row must survive a power cut (kFull) or a killed process only (kNormal).
+enum class Durability { kFull, kNormal };
+
+/// One connection in WAL mode. Whoever uses it or a statement of it holds mutex().
+class Database {
+ public:
+  /// Opens or makes the file (0600) and checks that it is whole.
+  Database(std::string path, Durability durability);
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  void run(const char* sql);             ///< one or more statements without results
+  std::int64_t number(const char* sql);  ///< the first column of the first row
+  int changes() const { return sqlite3_changes(handle_); }
+  std::mutex& mutex() { return mutex_; }
+  sqlite3* handle() { return handle_; }
+  const std::string& path() const { return path_; }
+  [[noreturn]] void fail(int code);
+
+ private:
+  std::string path_;
+  sqlite3* handle_ = nullptr;
+  std::mutex mutex_;
+};
+
+/// A prepared statement, used again and again: bind() all parameters, step(), read columns, and it is reset
+/// by the next bind() or reset().
+class Statement {
+ public:
+  Statement(Database& database, const char* sql);
+  ~Statement();
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  /// Parameters in their order; integers, texts (as bytes: no encoding is asked of them).
+  template <class... Values>
+  Statement& bind(const Values&... values) {
+    reset();
+    int index = 0;
+    (bindOne(++index, values), ...);
+    return *this;
+  }
+  bool step();  ///< true: a row stands ready
+  void run();   ///< step to the end, and reset
+  void reset();
+  std::int64_t number(int column) const;
+  std::string text(int column) const;
+
+ private:
+  void bindOne(int index, std::int64_t value);
+  void bindOne(int index, std::uint64_t value) { bindOne(index, static_cast<std::int64_t>(value)); }
+  void bindOne(int index, int value) { bindOne(index, std::int64_t{value}); }
+  void bindOne(int index, unsigned value) { bindOne(index, std::int64_t{value}); }
+  void bindOne(int index, const std::string& value);
+
+  Database& database_;
+  sqlite3_stmt* handle_ = nullptr;
+};
+
+/// Everything between construction and commit() happens, or nothing. Held with the database's mutex.
+class Transaction {
+ public:
+  explicit Transaction(Database& database);
+  ~Transaction();  ///< undoes what was not committed
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  void commit();
+
+ private:
+  Database& database_;
+  bool done_ = false;
+};
+
+}  // namespace agent::store

@@ -1,0 +1,149 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "platform/Files.h"
+#include "store/AuditLog.h"
+#include "store/CacheStore.h"
+#include "store/Posix.h"
+#include "store/RegionStore.h"
+#include "store/Schema.h"
+#include "store/SettingsStore.h"
+#include "store/TaskTable.h"
+
+namespace agent {
+
+FileIdentity FileIdentity::of(const struct stat& st) {
+  constexpr std::int64_t kNs = 1'000'000'000;
+  return {.device = st.st_dev,
+          .inode = st.st_ino,
+          .size = static_cast<std::uint64_t>(st.st_size),
+          .changeTimeNs = st.st_ctim.tv_sec * kNs + st.st_ctim.tv_nsec,
+          .modifyTimeNs = st.st_mtim.tv_sec * kNs + st.st_mtim.tv_nsec};
+}
+
+namespace store {
+namespace {
+
+/// The folder, made when it is not there: ours, closed to everybody else, in a place nobody else can move.
+void prepareFolder(const std::string& path) {
+  if (path.empty() || path.front() != '/') {
+    throw StoreError("the state folder " + quoted(path) + " is not an absolute path");
+  }
+  if (!CDir::make(path, 0700)) {
+    throw StoreError("cannot make the state folder " + quoted(path) + ": " + errnoText(errno));
+  }
+  const std::string unsafe = CDir::whyUnsafe(path);
+  if (!unsafe.empty()) {
+    throw StoreError("the state folder " + quoted(path) + " is not safe: " + unsafe);
+  }
+  if (::chmod(path.c_str(), 0700) != 0) {
+    throw StoreError("cannot close the state folder " + quoted(path) + ": " + errnoText(errno));
+  }
+}
+
+/// Held as long as the process lives (or closes it): two agents on one store would lose files.
+UniqueFd lockFolder(const std::string& path) {
+  const std::string file = path + "/agent.lock";
+  UniqueFd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd) {
+    throw StoreError("cannot open " + quoted(file) + ": " + errnoText(errno));
+  }
+  // A process's own kind of lock: a child that outlives its agent does not keep it.
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  if (::fcntl(fd.get(), F_SETLK, &lock) != 0) {
+    const bool taken = errno == EACCES || errno == EAGAIN;
+    throw StoreError(taken ? "the store in " + quoted(path) + " is in use by another agent"
+                           : "cannot lock " + quoted(file) + ": " + errnoText(errno));
+  }
+  return fd;
+}
+
+std::unique_ptr<Database> openStore(const std::string& path) {
+  auto database = std::make_unique<Database>(path, Durability::kFull);
+  migrate(*database, storeSteps());
+  return database;
+}
+
+std::unique_ptr<Database> openCacheOnce(const std::string& path) {
+  auto database = std::make_unique<Database>(path, Durability::kNormal);
+  migrate(*database, cacheSteps());
+  return database;
+}
+
+/// Nothing in the cache's database is worth a refusal to start: a damaged one is made anew.
+std::unique_ptr<Database> openCache(const std::string& path, std::vector<std::string>* notices) {
+  try {
+    return openCacheOnce(path);
+  } catch (const StoreError& error) {
+    notices->push_back(std::string(error.what()) + "; the scan cache starts anew");
+  }
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    ::unlink((path + suffix).c_str());
+  }
+  return openCacheOnce(path);
+}
+
+class ClosedQuarantine : public Quarantine {
+ public:
+  Result add(const QuarantineRequest&) override { return {false, "the quarantine is closed"}; }
+  Json::Value list(std::optional<uid_t>) const override { return Json::Value(Json::arrayValue); }
+  std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool, bool, const std::string&,
+                                      const CallerId&) override {
+    std::vector<RestoreOutcome> outcomes;
+    for (const std::string& uuid : uuids) {
+      outcomes.push_back({uuid, {false, "the quarantine is closed"}});
+    }
+    return outcomes;
+  }
+};
+
+class StoreImpl : public Store {
+ public:
+  explicit StoreImpl(const std::string& stateDir)
+      : lock_(lockFolder(stateDir)),
+        database_(openStore(stateDir + "/agent.db")),
+        cacheDatabase_(openCache(stateDir + "/cache.db", &notices_)),
+        audit_(stateDir + "/audit.log"),
+        settings_(*database_, &notices_),
+        regions_(*database_),
+        cache_(*cacheDatabase_),
+        tasks_(*cacheDatabase_) {}
+
+  Settings& settings() override { return settings_; }
+  Quarantine& quarantine() override { return quarantine_; }
+  Regions& regions() override { return regions_; }
+  ScanCache& cache() override { return cache_; }
+  TaskRecords& tasks() override { return tasks_; }
+  const std::vector<std::string>& notices() const override { return notices_; }
+  void audit(const CallerId& who, const std::string& action, const std::string& object,
+             const std::string& outcome) override {
+    audit_.add(who, action, object, outcome);
+  }
+
+ private:
+  std::vector<std::string> notices_;
+  UniqueFd lock_;
+  std::unique_ptr<Database> database_, cacheDatabase_;
+  AuditLog audit_;
+  SettingsStore settings_;
+  RegionStore regions_;
+  CacheStore cache_;
+  TaskTable tasks_;
+  ClosedQuarantine quarantine_;
+};
+
+}  // namespace
+}  // namespace store
+
+std::unique_ptr<Store> Store::open(const std::string& stateDir) {
+  store::prepareFolder(stateDir);
+  return std::make_unique<store::StoreImpl>(utils::FormatFilePath(stateDir));
+}
+
+}  // namespace agent

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <memory>
+#include <string>
+
+#include "json/CppJson.h"
+#include "store/Store.h"
+#include "support/TempDir.h"
+
+namespace agent {
+
+/// A store of its own, in a private folder, that can be closed and opened again.
+class StoreTest : public testing::Test {
+ protected:
+  void SetUp() override { reopen(); }
+  void reopen() {
+    store_.reset();
+    store_ = Store::open(stateDir());
+  }
+  std::string stateDir() const { return folder_.at("state"); }
+  Store& store() { return *store_; }
+
+  static Json::Value parsed(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
+    return value;
+  }
+  static CallerId root() { return {.uid = 0, .gid = 0, .groups = {}, .pid = 1}; }
+
+  testsupport::TempDir folder_;
+  std::unique_ptr<Store> store_;
+};
+
+}  // namespace agent

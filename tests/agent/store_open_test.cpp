@@ -1,0 +1,240 @@
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "store/AuditLog.h"
+#include "store/Schema.h"
+#include "store_fixture.h"
+
+namespace agent {
+namespace {
+
+using testing::HasSubstr;
+using testsupport::readFile;
+using testsupport::TempDir;
+
+class OpenTest : public StoreTest {
+ protected:
+  std::string refusal(const std::string& dir) {
+    try {
+      Store::open(dir);
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(std::string(error.what()).find('\n'), std::string::npos);
+      return error.what();
+    }
+    ADD_FAILURE() << dir << " was opened";
+    return {};
+  }
+};
+
+unsigned modeOf(const std::string& path) {
+  struct stat st {};
+  EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+  return st.st_mode & 07777;
+}
+
+void execute(const std::string& path, const char* sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+TEST_F(OpenTest, TheStateFolderAndAllInItIsForTheAgentsUserOnly) {
+  store().audit(root(), "a", "b", "c");
+  EXPECT_EQ(modeOf(stateDir()), 0700U);
+  for (const char* name : {"agent.db", "agent.db-wal", "cache.db", "agent.lock", "audit.log"}) {
+    EXPECT_EQ(modeOf(stateDir() + "/" + name), 0600U) << name;
+  }
+}
+
+TEST_F(OpenTest, AFolderThatOthersCanReadIsClosed) {
+  store_.reset();
+  ASSERT_EQ(::chmod(stateDir().c_str(), 0755), 0);
+  reopen();
+  EXPECT_EQ(modeOf(stateDir()), 0700U);
+}
+
+TEST_F(OpenTest, AFolderThatOthersCanWriteIsRefused) {
+  store_.reset();
+  ASSERT_EQ(::chmod(stateDir().c_str(), 0777), 0);
+  EXPECT_THAT(refusal(stateDir()), HasSubstr("not safe"));
+}
+
+TEST_F(OpenTest, AFolderThatIsALinkAFileOrRelativeIsRefused) {
+  folder_.write("file", "x");
+  refusal(folder_.at("file"));
+  refusal("relative");
+  refusal("");
+}
+
+TEST_F(OpenTest, ADatabaseThatIsALinkIsRefused) {
+  TempDir other;
+  ASSERT_EQ(::symlink(folder_.write("elsewhere", "").c_str(), other.at("agent.db").c_str()), 0);
+  EXPECT_THAT(refusal(other.path()), HasSubstr("agent.db"));
+}
+
+TEST_F(OpenTest, ADamagedStoreFileIsAClearErrorAndNotACrash) {
+  store_.reset();
+  std::ofstream(stateDir() + "/agent.db") << std::string(20000, 'x');
+  EXPECT_THAT(refusal(stateDir()), HasSubstr("agent.db' is damaged"));
+}
+
+TEST_F(OpenTest, AStoreFileDamagedInTheMiddleIsAClearErrorAndNotACrash) {
+  Json::Value items = parsed(R"({"action":0,"type":4,"domain":0,"items":[]})");
+  for (int i = 0; i < 2000; ++i) {
+    items["items"].append("name" + std::to_string(i));
+  }
+  ASSERT_TRUE(store().regions().change(0, items, root(), nullptr));
+  store_.reset();
+  std::fstream file(stateDir() + "/agent.db", std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(8 * 4096);
+  file << std::string(16 * 4096, '\xA5');
+  file.close();
+  EXPECT_THAT(refusal(stateDir()), HasSubstr("agent.db' is damaged"));
+}
+
+TEST_F(OpenTest, ADamagedCacheFileStartsAnewAndIsSaid) {
+  store_.reset();
+  std::ofstream(stateDir() + "/cache.db") << std::string(20000, 'x');
+  reopen();
+  EXPECT_EQ(store().cache().count(), 0);
+  EXPECT_THAT(store().notices(), testing::Contains(HasSubstr("cache.db' is damaged")));
+}
+
+TEST_F(OpenTest, AStoreOfANewerAgentIsRefusedAndLeftAsItIs) {
+  store_.reset();
+  execute(stateDir() + "/agent.db", "PRAGMA user_version=99");
+  EXPECT_THAT(refusal(stateDir()), HasSubstr("made by a newer agent"));
+}
+
+TEST_F(OpenTest, ASecondAgentOnTheSameStoreIsRefused) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    int status = 1;
+    try {
+      Store::open(stateDir());
+    } catch (const std::runtime_error& error) {
+      status = std::string(error.what()).find("in use by another agent") != std::string::npos ? 0 : 2;
+    }
+    ::_exit(status);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(OpenTest, MigrationTakesOnlyTheStepsThatTheFileHasNotSeen) {
+  store::Database database(folder_.at("m.db"), store::Durability::kNormal);
+  const std::vector<const char*> first = {"CREATE TABLE a (x); INSERT INTO a VALUES (1);"};
+  const std::vector<const char*> second = {first[0], "CREATE TABLE b (y); INSERT INTO b SELECT x+1 FROM a;"};
+  store::migrate(database, first);
+  store::migrate(database, second);
+  store::migrate(database, second);
+  EXPECT_EQ(database.number("SELECT y FROM b"), 2);
+  EXPECT_EQ(database.number("SELECT count(*) FROM a"), 1);
+  EXPECT_EQ(database.number("PRAGMA user_version"), 2);
+}
+
+TEST_F(OpenTest, AMigrationThatFailsLeavesTheFileAtItsOldVersion) {
+  store::Database database(folder_.at("m.db"), store::Durability::kNormal);
+  const std::vector<const char*> steps = {"CREATE TABLE a (x);", "CREATE TABLE b (y); nonsense;"};
+  EXPECT_THROW(store::migrate(database, steps), store::StoreError);
+  EXPECT_EQ(database.number("PRAGMA user_version"), 0);
+  EXPECT_EQ(database.number("SELECT count(*) FROM sqlite_schema"), 0);
+}
+
+TEST_F(OpenTest, TasksUnderWayAreThereAfterARestart) {
+  const TaskRecord task{"token-1", 2, "{A4F72BA6}", 4711, 1000, 123456789012};
+  store().tasks().put(task);
+  store().tasks().put({"token-2", 0, "", 1, 0, 0});
+  store().tasks().remove("token-2");
+  store().tasks().remove("never there");
+  reopen();
+  const auto tasks = store().tasks().all();
+  ASSERT_EQ(tasks.size(), 1U);
+  EXPECT_EQ(tasks[0].token, task.token);
+  EXPECT_EQ(tasks[0].scanType, task.scanType);
+  EXPECT_EQ(tasks[0].ownerGuid, task.ownerGuid);
+  EXPECT_EQ(tasks[0].ownerPid, task.ownerPid);
+  EXPECT_EQ(tasks[0].ownerUid, task.ownerUid);
+  EXPECT_EQ(tasks[0].ownerStartTicks, task.ownerStartTicks);
+}
+
+TEST_F(OpenTest, PuttingATaskAgainReplacesIt) {
+  store().tasks().put({"t", 0, "a", 1, 0, 0});
+  store().tasks().put({"t", 1, "b", 2, 0, 0});
+  ASSERT_EQ(store().tasks().all().size(), 1U);
+  EXPECT_EQ(store().tasks().all()[0].ownerGuid, "b");
+}
+
+TEST_F(OpenTest, TheAuditRecordIsOneLineAnEntryWithControlCharactersVisible) {
+  store().audit({.uid = 1000, .gid = 100, .groups = {}, .pid = 42}, "restore", "/tmp/a\n\x1b[31m\"b",
+                "refused: x");
+  store().audit({}, "start", "", "ok");
+  const std::string text = readFile(stateDir() + "/audit.log");
+  EXPECT_THAT(text,
+              HasSubstr(" uid=1000 gid=100 pid=42 action=\"restore\" object=\"/tmp/a\\n\\x1b[31m\\\"b\" "
+                        "outcome=\"refused: x\"\n"));
+  EXPECT_THAT(text, HasSubstr(" agent action=\"start\" object=\"\" outcome=\"ok\"\n"));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+}
+
+TEST_F(OpenTest, TheAuditRecordIsOnlyAppendedToOverRestarts) {
+  store().audit(root(), "one", "", "");
+  reopen();
+  store().audit(root(), "two", "", "");
+  EXPECT_THAT(readFile(stateDir() + "/audit.log"), testing::ContainsRegex("one(.|\n)*two"));
+}
+
+TEST_F(OpenTest, TheAuditRecordRotatesAndKeepsFourOldFiles) {
+  store::AuditLog log(folder_.at("a.log"), 300);
+  for (int i = 0; i < 40; ++i) {
+    log.add(root(), "act", std::to_string(i), "ok");
+  }
+  for (const char* name : {"a.log", "a.log.1", "a.log.2", "a.log.3", "a.log.4"}) {
+    const std::string text = readFile(folder_.at(name));
+    EXPECT_FALSE(text.empty()) << name;
+    EXPECT_LE(text.size(), 300U) << name;
+  }
+  EXPECT_FALSE(std::filesystem::exists(folder_.at("a.log.5")));
+  EXPECT_THAT(readFile(folder_.at("a.log")), HasSubstr("\"39\""));
+}
+
+TEST_F(OpenTest, WhatTheAuditRecordCouldNotTakeIsCountedInTheNextLine) {
+  store::AuditLog log(folder_.at("missing/a.log"));
+  log.add(root(), "lost", "", "");
+  ASSERT_EQ(::mkdir(folder_.at("missing").c_str(), 0700), 0);
+  log.add(root(), "kept", "", "");
+  EXPECT_THAT(readFile(folder_.at("missing/a.log")),
+              HasSubstr("action=\"kept\" object=\"\" outcome=\"\" lost_before=1"));
+}
+
+TEST_F(OpenTest, AuditLinesOfSeveralThreadsDoNotMix) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([this] {
+      for (int i = 0; i < 50; ++i) {
+        store().audit(root(), "act", std::string(100, 'x'), "ok");
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::ifstream log(stateDir() + "/audit.log");
+  std::string line;
+  int count = 0;
+  while (std::getline(log, line)) {
+    ++count;
+    EXPECT_TRUE(line.ends_with("outcome=\"ok\"")) << line;
+  }
+  EXPECT_EQ(count, 200);
+}
+
+}  // namespace
+}  // namespace agent

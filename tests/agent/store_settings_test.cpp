@@ -1,0 +1,323 @@
+#include <sqlite3.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "store/SettingsTable.h"
+#include "store_fixture.h"
+
+namespace agent {
+namespace {
+
+using store::Setting;
+using store::SettingKind;
+
+class SettingsTest : public StoreTest {
+ protected:
+  Settings& settings() { return store().settings(); }
+  Json::Value value(int type, const char* section, const char* key) {
+    return (*settings().document(type))[section][key];
+  }
+  std::string refusal(int type, const std::string& change) {
+    std::string why;
+    EXPECT_FALSE(settings().change(type, change, &why)) << change;
+    EXPECT_FALSE(why.empty());
+    EXPECT_EQ(why.find('\n'), std::string::npos);
+    return why;
+  }
+  void accept(int type, const std::string& change) {
+    std::string why = "untouched";
+    EXPECT_TRUE(settings().change(type, change, &why)) << change << ": " << why;
+    EXPECT_EQ(why, "");
+  }
+};
+
+std::string changeText(const Setting& setting, const Json::Value& value) {
+  Json::Value change;
+  change[setting.section][setting.key] = value;
+  std::string text;
+  CppJson::WriteJsonToString(change, text, 1);
+  return text;
+}
+
+std::string nameOf(const testing::TestParamInfo<Setting>& info) {
+  static const std::map<int, std::string> kTypes = {
+      {0, "Scan"}, {1, "RealTime"}, {2, "Quarantine"}, {4, "Engines"}};
+  return kTypes.at(info.param.configType) + info.param.section + info.param.key;
+}
+
+/// A value that the table allows and that is not the default.
+Json::Value otherValue(const Setting& setting) {
+  switch (setting.kind) {
+    case SettingKind::kSwitch:
+      return !store::standardValue(setting).asBool();
+    case SettingKind::kNumber:
+      return Json::Int64(store::standardValue(setting).asInt64() == setting.largest ? setting.smallest
+                                                                                    : setting.largest);
+    case SettingKind::kText:
+      return "https://cloud.example/a?b=c";
+    case SettingKind::kWords:
+      return Json::Value(Json::arrayValue);
+  }
+  return {};
+}
+
+class EverySettingTest : public SettingsTest, public testing::WithParamInterface<Setting> {};
+INSTANTIATE_TEST_SUITE_P(Table, EverySettingTest,
+                         testing::ValuesIn(store::settingsTable().begin(), store::settingsTable().end()),
+                         nameOf);
+
+TEST_P(EverySettingTest, StartsWithItsDefaultWhichTheTableAllows) {
+  const Setting& setting = GetParam();
+  EXPECT_EQ(value(setting.configType, setting.section, setting.key), store::standardValue(setting));
+  EXPECT_EQ(store::whyNotAllowed(setting, store::standardValue(setting)), "");
+}
+
+TEST_P(EverySettingTest, TakesAnAllowedValueAndKeepsItOverARestart) {
+  const Setting& setting = GetParam();
+  accept(setting.configType, changeText(setting, otherValue(setting)));
+  EXPECT_EQ(value(setting.configType, setting.section, setting.key), otherValue(setting));
+  reopen();
+  EXPECT_EQ(value(setting.configType, setting.section, setting.key), otherValue(setting));
+}
+
+TEST_P(EverySettingTest, RefusesAValueOfEveryOtherKind) {
+  const Setting& setting = GetParam();
+  const std::vector<std::pair<SettingKind, Json::Value>> samples = {
+      {SettingKind::kSwitch, Json::Value(true)},
+      {SettingKind::kNumber, Json::Value(Json::Int64(setting.smallest))},
+      {SettingKind::kNumber, Json::Value(8.0)},
+      {SettingKind::kText, Json::Value("1")},
+      {SettingKind::kWords, Json::Value(Json::arrayValue)}};
+  for (const auto& [kind, sample] : samples) {
+    if (kind != setting.kind || sample.type() == Json::realValue) {
+      refusal(setting.configType, changeText(setting, sample));
+    }
+  }
+  refusal(setting.configType, changeText(setting, Json::Value()));
+  refusal(setting.configType, changeText(setting, Json::Value(Json::objectValue)));
+  EXPECT_EQ(value(setting.configType, setting.section, setting.key), store::standardValue(setting));
+}
+
+TEST_P(EverySettingTest, RefusesANumberOutsideItsRange) {
+  const Setting& setting = GetParam();
+  if (setting.kind == SettingKind::kNumber) {
+    refusal(setting.configType, changeText(setting, Json::Int64(setting.smallest - 1)));
+    refusal(setting.configType, changeText(setting, Json::Int64(setting.largest + 1)));
+    refusal(setting.configType, changeText(setting, Json::Value(Json::UInt64(UINT64_MAX))));
+    accept(setting.configType, changeText(setting, Json::Int64(setting.smallest)));
+    accept(setting.configType, changeText(setting, Json::Int64(setting.largest)));
+  }
+}
+
+TEST_P(EverySettingTest, StandsInTheOperatorsPageAsItIs) {
+  const Setting& setting = GetParam();
+  std::ostringstream row;
+  row << "| " << setting.key << " | " << store::kindName(setting.kind) << " | ";
+  if (setting.kind == SettingKind::kNumber) {
+    row << setting.smallest << " to " << setting.largest;
+  } else if (setting.kind == SettingKind::kText) {
+    row << "at most " << setting.largest << " bytes";
+  } else if (setting.kind == SettingKind::kWords) {
+    row << "of: " << setting.words;
+  }
+  row << " | " << setting.zero << " | " << setting.standard << " |";
+  std::ifstream page(TAV_SOURCE_DIR "/docs/settings.md");
+  std::string line;
+  std::string section;
+  bool found = false;
+  const std::string heading =
+      "### Type " + std::to_string(setting.configType) + ", section \"" + setting.section + "\"";
+  while (std::getline(page, line)) {
+    section = line.starts_with("### ") ? line : section;
+    found = found || (section == heading && line.starts_with(row.str()));
+  }
+  EXPECT_TRUE(found) << heading << "\n" << row.str();
+}
+
+TEST_F(SettingsTest, DocumentsAreThereForTypes0124AndNoOther) {
+  for (const int type : {-1, 3, 5, 100}) {
+    EXPECT_FALSE(settings().document(type).has_value()) << type;
+  }
+  for (const int type : {0, 1, 2, 4}) {
+    ASSERT_TRUE(settings().document(type).has_value()) << type;
+  }
+}
+
+TEST_F(SettingsTest, DocumentsHoldEverySectionAndKeyThatTheDisplayReads) {
+  const std::map<int, std::map<std::string, std::vector<std::string>>> displayed = {
+      {0,
+       {{"Common",
+         {"NetworkmapScan", "AntiInfection", "SkipSystemRepair", "ScanFileType", "FixMethod", "HandleAction",
+          "ScanWithCache", "MemCheck", "FixMethod_MemRisk", "SkipSize", "Parallelism", "CloudScanType"}},
+        {"Compressed", {"Flag", "Layer", "FileSize", "Format"}}}},
+      {1,
+       {{"Common",
+         {"Flag", "AllowDelayStart", "ScanFileType", "FixMethod", "ProtectLevel", "SkipSize", "CloudScanType",
+          "FileTraceSourceType"}},
+        {"Compressed", {"Flag", "SkipPass", "Layer", "FileSize", "Format"}}}},
+      {2,
+       {{"Common", {"SizeLimit"}},
+        {"AutoClean", {"Flag", "CleanType", "CleanTime", "CleanUnit", "CleanRate"}}}},
+      {4,
+       {{"MultiEngines",
+         {"HCengine", "HCengineRP", "UMBengine", "UMBengineRP", "IXOengine", "IXOengineRP", "RDAengine",
+          "RDAengineRP", "RDAOLDengine", "RDAOLDengineRP", "CloudEngine", "CloudEngineRP"}},
+        {"Cloud",
+         {"Type", "PublicCloudUrl", "PublicRdaCloudUrl", "PublicCloudProxyUrl", "PublicRdaCloudProxyUrl",
+          "PrivateCloudUrl"}}}}};
+  for (const auto& [type, sections] : displayed) {
+    for (const auto& [section, keys] : sections) {
+      for (const std::string& key : keys) {
+        EXPECT_TRUE((*settings().document(type))[section].isMember(key)) << type << section << key;
+      }
+    }
+  }
+}
+
+TEST_F(SettingsTest, ThreatsAreReportedOnlyUnlessSetOtherwise) {
+  EXPECT_EQ(value(0, "Common", "FixMethod").asInt(), 2);
+  EXPECT_EQ(value(1, "Common", "FixMethod").asInt(), 2);
+}
+
+TEST_F(SettingsTest, AChangeTouchesOnlyTheKeysItNames) {
+  const Json::Value before = *settings().document(0);
+  accept(0, R"({"Common":{"Parallelism":8,"SkipSize":5}})");
+  Json::Value expected = before;
+  expected["Common"]["Parallelism"] = 8;
+  expected["Common"]["SkipSize"] = 5;
+  EXPECT_EQ(*settings().document(0), expected);
+}
+
+TEST_F(SettingsTest, CommonNullIsAChangeOfNothingAndAnsweredTrue) {
+  const Json::Value before = *settings().document(0);
+  const auto generation = settings().generation();
+  accept(0, R"({"Common":null})");
+  accept(0, "{}");
+  EXPECT_EQ(*settings().document(0), before);
+  EXPECT_EQ(settings().generation(), generation);
+}
+
+TEST_F(SettingsTest, OneWrongValueRefusesTheWholeChange) {
+  const Json::Value before = *settings().document(0);
+  EXPECT_EQ(refusal(0, R"({"Common":{"SkipSize":5,"Parallelism":100}})"),
+            "Common.Parallelism must be 0 to 64, not 100");
+  EXPECT_EQ(refusal(0, R"({"Common":{"SkipSize":-5}})"), "Common.SkipSize must be 0 to 1048576, not -5");
+  EXPECT_EQ(*settings().document(0), before);
+  reopen();
+  EXPECT_EQ(*settings().document(0), before);
+}
+
+TEST_F(SettingsTest, AnUnknownKeySectionOrTypeIsRefused) {
+  EXPECT_EQ(refusal(0, R"({"Common":{"Colour":1}})"), "there is no setting Common.Colour");
+  EXPECT_EQ(refusal(0, R"({"Watcher":{"Flag":true}})"), "there is no section Watcher in settings of type 0");
+  EXPECT_EQ(refusal(0, R"({"MultiEngines":null})"), "there is no section MultiEngines in settings of type 0");
+  EXPECT_EQ(refusal(3, R"({"Common":{"Flag":true}})"), "there are no settings of type 3");
+}
+
+TEST_F(SettingsTest, ATextThatIsNoChangeIsRefused) {
+  for (const char* text : {"", "null", "[]", "3", "\"x\"", "{", R"({"Common":[]})", R"({"Common":3})"}) {
+    refusal(0, text);
+  }
+  refusal(0, std::string(100000, '['));
+  refusal(0, R"({"Common":{"SkipSize":)" + std::string(2 << 20, '1') + "}}");
+}
+
+TEST_F(SettingsTest, ReasonsShowControlCharacters) {
+  EXPECT_EQ(refusal(0, R"({"Common":{"a\u001b[2J\nb":1}})"), "there is no setting Common.a\\x1b[2J\\nb");
+  EXPECT_EQ(refusal(4, R"({"Cloud":{"PublicCloudUrl":"a\nb"}})"),
+            "Cloud.PublicCloudUrl must be one line of plain text");
+}
+
+TEST_F(SettingsTest, ArchiveFormatsAreOfTheKnownOnesEachOnce) {
+  accept(0, R"({"Compressed":{"Format":["zip","rar"]}})");
+  EXPECT_EQ(value(0, "Compressed", "Format"), parsed(R"(["zip","rar"])"));
+  refusal(0, R"({"Compressed":{"Format":["zip","zip"]}})");
+  refusal(0, R"({"Compressed":{"Format":["ZIP"]}})");
+  refusal(0, R"({"Compressed":{"Format":["zip rar"]}})");
+  refusal(0, R"({"Compressed":{"Format":[""]}})");
+  refusal(0, R"({"Compressed":{"Format":[7]}})");
+}
+
+TEST_F(SettingsTest, EveryLineOfTheConsolesGrammarIsAcceptedWithValuesInRange) {
+  const std::vector<std::pair<int, std::string>> changes = {
+      {0, R"({"Common":{"FixMethod":0}})"},
+      {0, R"({"Common":{"FixMethod":2}})"},
+      {0, R"({"Common":{"AntiInfection":true}})"},
+      {0, R"({"Common":{"MemCheck":true}})"},
+      {0, R"({"Common":{"FixMethod_MemRisk":1}})"},
+      {0, R"({"Common":{"ScanWithCache":false}})"},
+      {0, R"({"Common":{"ScanFileType":2}})"},
+      {0, R"({"Common":{"SkipSize":10}})"},
+      {0, R"({"Common":{"Parallelism":8}})"},
+      {0, R"({"Common":{"CloudScanType":1}})"},
+      {0, R"({"Compressed":{"Flag":true,"Layer":3,"FileSize":20}})"},
+      {1, R"({"Common":{"FixMethod":0,"HandleAction":0}})"},
+      {1, R"({"Common":{"FixMethod":2,"HandleAction":3}})"},
+      {1, R"({"Common":{"ProtectLevel":2}})"},
+      {1, R"({"Common":{"ScanFileType":1,"SkipSize":1,"Flag":true,"ScanWithCache":true}})"},
+      {1, R"({"Common":null})"},
+      {1, R"({"Common":{"CloudScanType":0,"FileTraceSourceType":1}})"},
+      {1, R"({"Compressed":{"Flag":true,"Layer":2,"FileSize":3,"SkipPass":true}})"},
+      {4, R"({"MultiEngines":{"IXOengine":false,"IXOengineRP":false}})"},
+      {4, R"({"MultiEngines":{"CloudEngine":true,"CloudEngineRP":true},"Cloud":{"Type":0}})"},
+      {4, R"({"MultiEngines":{"CloudEngine":false,"CloudEngineRP":false}})"}};
+  for (const auto& [type, change] : changes) {
+    accept(type, change);
+  }
+}
+
+TEST_F(SettingsTest, TheGenerationGrowsWithEveryRealChangeOnly) {
+  const auto first = settings().generation();
+  accept(0, R"({"Common":{"SkipSize":5}})");
+  const auto second = settings().generation();
+  EXPECT_GT(second, first);
+  accept(0, R"({"Common":{"SkipSize":5}})");
+  refusal(0, R"({"Common":{"SkipSize":-1}})");
+  EXPECT_EQ(settings().generation(), second);
+}
+
+TEST_F(SettingsTest, AStoredValueThatIsNotAllowedGivesWayToItsDefaultAndIsSaid) {
+  accept(0, R"({"Common":{"SkipSize":5,"Parallelism":8}})");
+  store_.reset();
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         R"(UPDATE settings SET document='{"Common":{"SkipSize":-7,"Parallelism":8,"Old":1}}';
+                            INSERT INTO settings VALUES (2,'garbage'))",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  reopen();
+  EXPECT_EQ(value(0, "Common", "SkipSize").asInt(), 0);
+  EXPECT_EQ(value(0, "Common", "Parallelism").asInt(), 8);
+  EXPECT_FALSE((*settings().document(0))["Common"].isMember("Old"));
+  EXPECT_THAT(store().notices(),
+              testing::Contains(testing::HasSubstr("Common.SkipSize must be 0 to 1048576")));
+  EXPECT_THAT(store().notices(), testing::Contains(testing::HasSubstr("type 2: not a JSON object")));
+}
+
+TEST_F(SettingsTest, ChangesFromSeveralThreadsAllHold) {
+  std::vector<std::thread> threads;
+  const std::vector<std::string> keys = {"NetworkmapScan", "AntiInfection", "MemCheck"};
+  for (const std::string& key : keys) {
+    threads.emplace_back([&, key] {
+      for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(settings().change(
+            0, R"({"Common":{")" + key + R"(":)" + (i % 2 == 0 ? "false" : "true") + "}}", nullptr));
+        EXPECT_TRUE(settings().document(0).has_value());
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const std::string& key : keys) {
+    EXPECT_TRUE(value(0, "Common", key.c_str()).asBool()) << key;
+  }
+}
+
+}  // namespace
+}  // namespace agent
