@@ -6,7 +6,7 @@ namespace shell {
 
 void GrammarTable::build(CliTree& tree, std::span<const GrammarRow> rows) {
   for (const GrammarRow& row : rows) {
-    const std::string path = row.path;
+    const std::string& path = row.path;
     const std::size_t blank = path.rfind(' ');
     CliNodeInfo* parent = tree.root();
     std::string name = path;

@@ -1,14 +1,13 @@
 #include "shell/TavCliCmdCache.h"
 
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include "json/CppJson.h"
 #include "jsonrpchelper/AgentMethods.h"
 #include "jsonrpchelper/Holders.h"
 #include "lunet/Lunet.h"
-#include "shell/TavCliCompletion.h"
+#include "shell/TaskHandlers.h"
 
 namespace {
 
@@ -20,14 +19,9 @@ using shell::kNoValue;
 enum Action : std::uint32_t { kShow = 0, kClean = 1 };
 constexpr std::uint32_t kScanCache = 0;
 
-std::uint8_t startTask(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
-  TavCliCompletion::instance().setPendingTask(std::make_unique<TavCliCmdCacheExec>());
-  return 1;
-}
-
 template <Action action>
 std::uint8_t setScanCacheAction(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
-  auto* const task = TavCliCompletion::instance().pendingTaskAs<TavCliCmdCacheExec>();
+  auto* const task = shell::currentTask<TavCliCmdCacheExec>();
   if (task == nullptr) {
     return 0;
   }
@@ -37,7 +31,7 @@ std::uint8_t setScanCacheAction(const CliNodeInfo& /*node*/, const std::string& 
 }
 
 const GrammarRow kGrammar[] = {
-    {"CACHE", "缓存管理", kNoHint, kChoice, kNoValue, startTask},
+    {"CACHE", "缓存管理", kNoHint, kChoice, kNoValue, shell::startTask<TavCliCmdCacheExec>},
     {"CACHE SHOW", "显示缓存信息", kNoHint, kChoice, kNoValue, nullptr},
     {"CACHE SHOW SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<kShow>},
     {"CACHE CLEAN", "清理缓存", kNoHint, kChoice, kNoValue, nullptr},

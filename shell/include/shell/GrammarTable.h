@@ -26,7 +26,7 @@ inline constexpr const char* kNoHint = "";
 
 /// One node of a command's grammar.
 struct GrammarRow {
-  const char* path;  ///< the keywords from the command down to this one, one blank between them
+  std::string path;  ///< the keywords from the command down to this one, one blank between them
   const char* help;
   const char* hint;
   std::uint32_t flags;

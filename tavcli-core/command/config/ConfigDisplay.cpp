@@ -1,0 +1,313 @@
+#include "command/config/ConfigDisplay.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <span>
+
+#include "json/CppJson.h"
+
+namespace command {
+
+namespace {
+
+constexpr const char* kTitleRule = "------------------------";
+constexpr const char* kOn = "开启";
+constexpr const char* kOff = "关闭";
+
+struct ValueName {
+  std::int32_t value;
+  const char* name;
+};
+
+/// The names of a setting's values, and the one for every other value.
+struct ValueNames {
+  std::span<const ValueName> names;
+  const char* other;
+};
+
+constexpr ValueName kFileTypeNames[] = {{1, "全部文件"}, {2, "仅程序及文档"}};
+constexpr ValueName kFixMethodNames[] = {{0, "自动处理"}, {1, "手动处理"}, {2, "仅上报不处理"}};
+constexpr ValueName kHandleActionNames[] = {{0, "清除"}, {1, "删除"}, {2, "隔离"}};
+constexpr ValueName kMemRiskNames[] = {{0, "忽略"}, {1, "终止"}};
+constexpr ValueName kCloudScanNames[] = {{0, "扫描所有文件"}, {1, "扫描活跃文件"}};
+constexpr ValueName kProtectLevelNames[] = {{0, "高"}, {1, "中"}, {2, "低"}};
+constexpr ValueName kTraceNames[] = {{1, kOn}};
+constexpr ValueName kCleanUnitNames[] = {{0, "年"}, {1, "月"}, {2, "日"}, {3, "周"}};
+
+constexpr ValueNames kFileTypes{kFileTypeNames, "全部文件"};
+constexpr ValueNames kFixMethods{kFixMethodNames, "自动处理"};
+constexpr ValueNames kHandleActions{kHandleActionNames, "不处理"};
+constexpr ValueNames kMemRisks{kMemRiskNames, "未知"};
+constexpr ValueNames kCloudScans{kCloudScanNames, "扫描所有文件"};
+constexpr ValueNames kProtectLevels{kProtectLevelNames, "高"};
+constexpr ValueNames kTraces{kTraceNames, kOff};
+constexpr ValueNames kCleanUnits{kCleanUnitNames, ""};
+
+enum class Kind {
+  Switch,  ///< on or off
+  Named,   ///< by the table of names
+  Count,   ///< a number
+  Megabytes,
+  Gigabytes,
+  Texts,  ///< every element of an array, each with a ';' behind it
+};
+
+struct RowSpec {
+  const char* key;
+  const char* label;
+  Kind kind;
+  const ValueNames* names = nullptr;  ///< of Named
+};
+
+constexpr RowSpec kScanCommon[] = {
+    {"NetworkmapScan", "扫描网络映射驱动器", Kind::Switch},
+    {"AntiInfection", "防感染模式", Kind::Switch},
+    {"SkipSystemRepair", "跳过系统修复项", Kind::Switch},
+    {"ScanFileType", "扫描文件类型", Kind::Named, &kFileTypes},
+    {"FixMethod", "威胁处理方式", Kind::Named, &kFixMethods},
+    {"HandleAction", "威胁处置行为", Kind::Named, &kHandleActions},
+    {"ScanWithCache", "扫描缓存加速", Kind::Switch},
+    {"MemCheck", "活体扫描开关", Kind::Switch},
+    {"FixMethod_MemRisk", "风险进程处理方式", Kind::Named, &kMemRisks},
+    {"SkipSize", "跳过文件大小", Kind::Megabytes},
+    {"Parallelism", "扫描并行度", Kind::Count},
+    {"CloudScanType", "云查杀扫描方式", Kind::Named, &kCloudScans},
+};
+
+constexpr RowSpec kScanCompressed[] = {
+    {"Flag", "扫描压缩包", Kind::Switch},
+    {"Layer", "最大扫描层数", Kind::Count},
+    {"FileSize", "最大压缩包大小", Kind::Megabytes},
+    {"Format", "扫描压缩包格式类型", Kind::Texts},
+};
+
+constexpr RowSpec kQuarantineCommon[] = {
+    {"SizeLimit", "隔离区空间大小", Kind::Gigabytes},
+};
+
+constexpr RowSpec kQuarantineAutoClean[] = {
+    {"Flag", "隔离区自动清理", Kind::Switch},
+};
+
+constexpr RowSpec kMultiEngines[] = {
+    {"HCengine", "鸿隼引擎(病毒查杀)", Kind::Switch},
+    {"HCengineRP", "鸿隼引擎(实时防护)", Kind::Switch},
+    {"UMBengine", "UMB引擎(病毒查杀)", Kind::Switch},
+    {"UMBengineRP", "UMB引擎(实时防护)", Kind::Switch},
+    {"IXOengine", "IXO引擎(病毒查杀)", Kind::Switch},
+    {"IXOengineRP", "IXO引擎(实时防护)", Kind::Switch},
+    {"RDAengine", "RDA引擎(病毒查杀)", Kind::Switch},
+    {"RDAengineRP", "RDA引擎(实时防护)", Kind::Switch},
+    {"RDAOLDengine", "RDA引擎(旧模型)(病毒查杀)", Kind::Switch},
+    {"RDAOLDengineRP", "RDA引擎(旧模型)(实时防护)", Kind::Switch},
+    {"CloudEngine", "云引擎(病毒查杀)", Kind::Switch},
+    {"CloudEngineRP", "云引擎(实时防护)", Kind::Switch},
+};
+
+constexpr RowSpec kRealProtectCommon[] = {
+    {"Flag", "系统实时防护", Kind::Switch},
+    {"AllowDelayStart", "允许开机延时加载文件系统", Kind::Switch},
+    {"ScanFileType", "防护文件类型", Kind::Named, &kFileTypes},
+    {"FixMethod", "威胁处理方式", Kind::Named, &kFixMethods},
+    {"ProtectLevel", "实时防护级别", Kind::Named, &kProtectLevels},
+    {"SkipSize", "跳过文件大小", Kind::Megabytes},
+    {"CloudScanType", "云查杀扫描方式", Kind::Named, &kCloudScans},
+    {"FileTraceSourceType", "文件溯源开关", Kind::Named, &kTraces},
+};
+
+constexpr RowSpec kRealProtectCompressed[] = {
+    {"Flag", "压缩包防护", Kind::Switch},
+    {"SkipPass", "跳过有密码的压缩文件", Kind::Switch},
+    {"Layer", "最大扫描层数", Kind::Count},
+    {"FileSize", "最大压缩包大小", Kind::Megabytes},
+    {"Format", "监控的压缩包格式类型", Kind::Texts},
+};
+
+struct CloudAddress {
+  const char* label;
+  const char* key;
+};
+
+/// What is shown of a kind of cloud: its addresses, then its name.
+struct CloudKind {
+  std::int32_t type;
+  std::span<const CloudAddress> addresses;
+  const char* name;
+};
+
+constexpr CloudAddress kPublicCloud[] = {
+    {"基础云查杀服务地址", "PublicCloudUrl"},
+    {"RDA云查杀服务地址", "PublicRdaCloudUrl"},
+};
+constexpr CloudAddress kProxyCloud[] = {
+    {"基础云查杀服务代理地址", "PublicCloudProxyUrl"},
+    {"RDA云查杀服务代理地址", "PublicRdaCloudProxyUrl"},
+};
+constexpr CloudAddress kPrivateCloud[] = {
+    {"私有云查杀服务代理地址", "PrivateCloudUrl"},
+};
+constexpr CloudKind kCloudKinds[] = {
+    {0, kPublicCloud, "直接连接公有云"},
+    {1, kProxyCloud, "通过代理服务器连接公有云"},
+    {2, kPrivateCloud, "直接连接私有云"},
+    {3, {}, "关闭云查杀"},
+};
+constexpr CloudKind kOtherCloud{-1, {}, "直接连接公有云"};
+
+/// Null when the document has no such section.
+const Json::Value* findSection(const Json::Value& document, const char* name) {
+  const Json::Value* const section = CppJson::findMember(document, name);
+  return section != nullptr && section->isObject() ? section : nullptr;
+}
+
+/// A number, or a switch as 0 and 1; 0 when it is neither or is absent.
+std::int32_t readNumber(const Json::Value& section, const char* key) {
+  const Json::Value* const member = CppJson::findMember(section, key);
+  if (member == nullptr) {
+    return 0;
+  }
+  return member->isBool() ? static_cast<std::int32_t>(member->asBool()) : CppJson::toInt(*member, 0);
+}
+
+const char* nameOf(const ValueNames& names, std::int32_t value) {
+  for (const ValueName& entry : names.names) {
+    if (entry.value == value) {
+      return entry.name;
+    }
+  }
+  return names.other;
+}
+
+std::string joinedTexts(const Json::Value& section, const char* key) {
+  std::string joined;
+  const Json::Value* const list = CppJson::findMember(section, key);
+  if (list == nullptr || !list->isArray()) {
+    return joined;
+  }
+  for (const Json::Value& element : *list) {
+    if (element.isConvertibleTo(Json::stringValue)) {
+      joined += json::visiblePath(element.asString());
+    }
+    joined += ';';
+  }
+  return joined;
+}
+
+std::string valueText(const Json::Value& section, const RowSpec& row) {
+  if (row.kind == Kind::Texts) {
+    return joinedTexts(section, row.key);
+  }
+  const std::int32_t number = readNumber(section, row.key);
+  switch (row.kind) {
+    case Kind::Switch:
+      return number != 0 ? kOn : kOff;
+    case Kind::Named:
+      return nameOf(*row.names, number);
+    case Kind::Megabytes:
+      return std::to_string(number) + "MB";
+    case Kind::Gigabytes:
+      return std::to_string(number) + "GB";
+    default:
+      return std::to_string(number);
+  }
+}
+
+void appendTitle(SettingRows& rows, const char* title) {
+  rows.emplace_back(title, kTitleRule);
+}
+
+void appendSection(SettingRows& rows, const Json::Value& section, std::span<const RowSpec> specs) {
+  for (const RowSpec& spec : specs) {
+    rows.emplace_back(spec.label, valueText(section, spec));
+  }
+}
+
+/// A document of a title, a first section that it stands or falls with, and a second.
+SettingRows titledRows(const Json::Value& document, const char* title, std::span<const RowSpec> common,
+                       std::span<const RowSpec> compressed) {
+  SettingRows rows;
+  if (const Json::Value* section = findSection(document, "Common")) {
+    appendTitle(rows, title);
+    appendSection(rows, *section, common);
+  }
+  if (const Json::Value* section = findSection(document, "Compressed")) {
+    appendSection(rows, *section, compressed);
+  }
+  return rows;
+}
+
+std::string cleaningText(const Json::Value& autoClean) {
+  std::array<char, 256> text{};
+  switch (readNumber(autoClean, "CleanType")) {
+    case 0:
+      std::snprintf(text.data(), text.size(), "使用空间大于90%%时自动清理超过%d%s的文件",
+                    readNumber(autoClean, "CleanTime"),
+                    nameOf(kCleanUnits, readNumber(autoClean, "CleanUnit")));
+      return text.data();
+    case 1:
+      std::snprintf(text.data(), text.size(), "已达上限90%%时，自动清理隔离区文件至存储空间剩余上限的%d",
+                    readNumber(autoClean, "CleanRate"));
+      return text.data();
+    default:
+      return "未知";
+  }
+}
+
+const CloudKind& cloudKind(std::int32_t type) {
+  for (const CloudKind& kind : kCloudKinds) {
+    if (kind.type == type) {
+      return kind;
+    }
+  }
+  return kOtherCloud;
+}
+
+}  // namespace
+
+SettingRows scanSettingRows(const Json::Value& document) {
+  return titledRows(document, "基础扫描配置", kScanCommon, kScanCompressed);
+}
+
+SettingRows quarantineSettingRows(const Json::Value& document) {
+  SettingRows rows;
+  appendTitle(rows, "隔离区配置");
+  if (const Json::Value* section = findSection(document, "Common")) {
+    appendSection(rows, *section, kQuarantineCommon);
+  }
+  if (const Json::Value* section = findSection(document, "AutoClean")) {
+    appendSection(rows, *section, kQuarantineAutoClean);
+    rows.emplace_back("自动清理方式", cleaningText(*section));
+  }
+  return rows;
+}
+
+SettingRows engineSettingRows(const Json::Value& document) {
+  SettingRows rows;
+  if (const Json::Value* section = findSection(document, "MultiEngines")) {
+    appendTitle(rows, "多引擎配置");
+    appendSection(rows, *section, kMultiEngines);
+  }
+  if (const Json::Value* section = findSection(document, "Cloud")) {
+    const CloudKind& kind = cloudKind(readNumber(*section, "Type"));
+    for (const CloudAddress& address : kind.addresses) {
+      rows.emplace_back(address.label, json::visiblePath(CppJson::readString(*section, address.key, "")));
+    }
+    rows.emplace_back("云查杀类型", kind.name);
+  }
+  return rows;
+}
+
+SettingRows realProtectSettingRows(const Json::Value& document) {
+  return titledRows(document, "实时防护", kRealProtectCommon, kRealProtectCompressed);
+}
+
+std::string settingsText(const SettingRows& rows) {
+  std::string text = "\n";
+  for (const auto& [label, value] : rows) {
+    text.append("  ").append(label).append(" : ").append(value).append("\n");
+  }
+  return text;
+}
+
+}  // namespace command

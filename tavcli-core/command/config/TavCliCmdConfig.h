@@ -1,0 +1,17 @@
+#pragma once
+
+#include "shell/GrammarTable.h"
+#include "shell/Modules.h"
+
+/// The CONFIG command: shows the agent's settings and changes single ones.
+class TavCliCmdConfig : public TavcliCmdInterface {
+ public:
+  TavCliCmdConfig();
+  int load(CObject* owner) override;
+  int buildTree(CliTree* tree) override;
+
+  static TavCliCmdConfig module;
+
+ private:
+  shell::GrammarTable grammar_;
+};

@@ -1,0 +1,73 @@
+#include "command/config/TavCliCmdConfigExec.h"
+
+#include <string>
+
+#include "command/config/comm/send/CliConfigCommunication.h"
+#include "json/CppJson.h"
+
+namespace {
+
+using Request = int (*)(const std::string& change);
+
+/// Where the change of a section goes, and under which name.
+struct Destination {
+  TavCliCmdConfigExec::Section section;
+  const char* wrapper;  ///< null: the settings go as they are
+  Request send;
+};
+
+constexpr Destination kDestinations[] = {
+    {TavCliCmdConfigExec::kCommon, nullptr, CliConfigCommunication::action_avconfig_common_set},
+    {TavCliCmdConfigExec::kScan, "Common", CliConfigCommunication::action_avconfig_scan_set},
+    {TavCliCmdConfigExec::kCompressScan, "Compressed", CliConfigCommunication::action_avconfig_scan_set},
+    {TavCliCmdConfigExec::kWatcher, "Common", CliConfigCommunication::action_avconfig_realprotect_set},
+    {TavCliCmdConfigExec::kCompressWatcher, "Compressed",
+     CliConfigCommunication::action_avconfig_realprotect_set},
+    {TavCliCmdConfigExec::kEngine, "MultiEngines", CliConfigCommunication::action_avconfig_engines_set},
+};
+
+constexpr int kCompact = 1;
+constexpr int kPublicCloud = 0;
+
+void showAll() {
+  CliConfigCommunication::action_scanconfig_show();
+  CliConfigCommunication::action_isolationconfig_show();
+  CliConfigCommunication::action_engineconfig_show();
+  CliConfigCommunication::action_realprotectconfig_show();
+}
+
+Json::Value wrapped(const Destination& destination, const Json::Value& settings) {
+  if (destination.wrapper == nullptr) {
+    return settings;
+  }
+  Json::Value change(Json::objectValue);
+  change[destination.wrapper] = settings;
+  // An engine that asks the cloud is of no use without one.
+  if (destination.section == TavCliCmdConfigExec::kEngine &&
+      CppJson::readBool(settings, "CloudEngine", false)) {
+    change["Cloud"]["Type"] = kPublicCloud;
+  }
+  return change;
+}
+
+}  // namespace
+
+std::int32_t TavCliCmdConfigExec::execute() {
+  std::string text;
+  if (section == kShow) {
+    if (!CppJson::WriteJsonToString(settings, text, kCompact)) {
+      return -1;
+    }
+    showAll();
+    return 0;
+  }
+  for (const Destination& destination : kDestinations) {
+    if (destination.section == section) {
+      if (!CppJson::WriteJsonToString(wrapped(destination, settings), text, kCompact)) {
+        return -1;
+      }
+      destination.send(text);
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "shell/GrammarTable.h"
+#include "shell/Modules.h"
+
+/// The ISOLATION command: lists what the agent holds in its quarantine and restores items of it.
+class TavCliCmdIsolation : public TavcliCmdInterface {
+ public:
+  TavCliCmdIsolation();
+  int load(CObject* owner) override;
+  int buildTree(CliTree* tree) override;
+
+  static TavCliCmdIsolation module;
+
+ private:
+  shell::GrammarTable grammar_;
+};

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "shell/GrammarTable.h"
+#include "shell/Modules.h"
+
+/// The SCAN command: starts, stops, pauses, resumes and lists the agent's scans.
+class TavCliCmdScan : public TavcliCmdInterface {
+ public:
+  TavCliCmdScan();
+  /// Also makes the receivers of the agent's notifications, once a process; the agent link must be up.
+  int load(CObject* owner) override;
+  int buildTree(CliTree* tree) override;
+
+  static TavCliCmdScan module;
+
+ private:
+  shell::GrammarTable grammar_;
+};

@@ -1,0 +1,49 @@
+#include "command/scan/TavCliCmdScanExec.h"
+
+#include <cstdio>
+
+#include "command/scan/ScanRunState.h"
+#include "command/scan/adaptor/CliScanCommunication.h"
+
+namespace {
+
+/// Handling of an unattended run, from what the agent's settings gave.
+unsigned handleFromSettings(int setting) {
+  return setting == 2 ? TavCliCmdScanExec::kAutomatic : TavCliCmdScanExec::kReportOnly;
+}
+
+}  // namespace
+
+std::int32_t TavCliCmdScanExec::execute() {
+  switch (action) {
+    case kStart:
+      start();
+      return 0;
+    case kStop:
+    case kPause:
+    case kResume:
+      CliScanCommunication::action_ctlscan(token_id, static_cast<unsigned>(action));
+      return 0;
+    case kShow:
+      CliScanCommunication::action_showscan();
+      return 0;
+    default:
+      std::puts("debug:scan error");
+      return -1;
+  }
+}
+
+void TavCliCmdScanExec::start() const {
+  unsigned usedHandle = static_cast<unsigned>(handle);
+  unsigned usedMode = static_cast<unsigned>(mode);
+  ScanRunState& state = ScanRunState::instance();
+  if (state.batch_mode() != 0) {
+    // Unattended: the agent's settings decide the handling, whatever the line said.
+    int setting = 1;
+    CliScanCommunication::get_scanconfig(setting);
+    state.set_fix_handle(setting);
+    usedHandle = handleFromSettings(setting);
+    usedMode = kCustom;
+  }
+  CliScanCommunication::action_startscan(usedHandle, usedMode, paths, static_cast<unsigned>(special));
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "shell/Modules.h"
+
+/// What one SCAN line asks for. Its outcome is told by the agent's notifications, not by its result.
+class TavCliCmdScanExec : public TavCliCmdExec {
+ public:
+  enum Action : std::int32_t { kStart = 0, kStop = 1, kPause = 2, kResume = 3, kShow = 4 };
+  enum Handle : std::int32_t { kAutomatic = 0, kReportOnly = 1 };
+  enum Special : std::int32_t { kStrongOn = 0, kStrongOff = 1 };
+  enum Mode : std::int32_t { kFast = 0, kFull = 1, kCustom = 2 };
+
+  std::int32_t action = kResume;
+  std::int32_t handle = kAutomatic;
+  std::int32_t special = kStrongOff;
+  std::int32_t mode = kFast;
+  std::vector<std::string> paths;  ///< bytes as typed, in the order given
+  std::string token_id;
+  std::string log_path;  ///< without the mark of an unattended run
+
+  /// 0 whatever the agent answers; -1 for an action outside the table.
+  std::int32_t execute() override;
+
+ private:
+  void start() const;
+};

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "shell/GrammarTable.h"
+#include "shell/Modules.h"
+
+/// The TRUSTREGION command: shows the agent's trust and reject lists, adds to the trust list and takes from
+/// it.
+class TavCliCmdtrustregion : public TavcliCmdInterface {
+ public:
+  TavCliCmdtrustregion();
+  int load(CObject* owner) override;
+  int buildTree(CliTree* tree) override;
+
+  static TavCliCmdtrustregion module;
+
+ private:
+  shell::GrammarTable grammar_;
+};
