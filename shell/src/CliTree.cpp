@@ -2,10 +2,9 @@
 
 #include "CompletionWalk.h"
 #include "ParseWalk.h"
+#include "lineeditor/Terminal.h"
 
 namespace {
-
-constexpr std::uint32_t kHintColour = 1800;  // white on cyan
 
 CliTreeNode* findBelow(CliTreeNode* node, const CliNodeInfo* info) {
   for (; node != nullptr; node = node->nextSibling.get()) {
@@ -40,7 +39,8 @@ class MatchedMarks {
 
 }  // namespace
 
-CliTree::CliTree() : rootInfo_("root", 1, 1, 0), tree_(&rootInfo_, nullptr), hintColour_(kHintColour) {}
+CliTree::CliTree()
+    : rootInfo_("root", 1, 1, 0), tree_(&rootInfo_, nullptr), hintColour_(lineeditor::kWhiteOnCyan) {}
 
 CliTree::~CliTree() = default;
 

@@ -5,17 +5,13 @@
 #include <algorithm>
 
 #include "lineeditor/Completion.h"
+#include "lineeditor/Terminal.h"
 
 namespace shell {
 
 namespace {
 
 constexpr std::size_t kFirstNames = 8;  // positions in the first of the two name colours
-constexpr std::uint32_t kFirstNameColour = 132;
-constexpr std::uint32_t kLaterNameColour = 135;
-constexpr std::uint32_t kEvenHelpColour = 7;
-constexpr std::uint32_t kOddHelpColour = 8;
-constexpr std::uint32_t kBareNameColour = 134;
 
 // Matches no keyword and begins none: it stands behind a word that is still being typed, so that the words
 // that would follow it are not offered yet.
@@ -72,10 +68,10 @@ std::int32_t CompletionWalk::levelEnded() {
     }
     if (withHelp) {
       lineeditor::addCandidate(state_, info.name.c_str(),
-                               position < kFirstNames ? kFirstNameColour : kLaterNameColour,
-                               info.help.c_str(), position % 2 == 0 ? kEvenHelpColour : kOddHelpColour);
+                               position < kFirstNames ? lineeditor::kBrightYellow : lineeditor::kBrightCyan,
+                               info.help.c_str(), position % 2 == 0 ? lineeditor::kCyan : lineeditor::kWhite);
     } else {
-      lineeditor::addCandidate(state_, info.name.c_str(), kBareNameColour, nullptr, 0);
+      lineeditor::addCandidate(state_, info.name.c_str(), lineeditor::kBrightMagenta, nullptr, 0);
     }
   }
   return 1;

@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr std::uint32_t kErrorColour = 130;  // bright red
-
 struct Message {
   std::int32_t code;
   const char* text;
@@ -82,6 +80,6 @@ const std::string* ErrorTable::find(std::int32_t code) const {
 
 void ErrorTable::print(std::int32_t code) const {
   if (const std::string* message = find(code)) {
-    lineeditor::colourPrint(kErrorColour, "ERR: %s \n", message->c_str());
+    lineeditor::colourPrint(lineeditor::kBrightRed, "ERR: %s \n", message->c_str());
   }
 }

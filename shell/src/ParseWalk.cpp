@@ -4,14 +4,6 @@
 
 namespace shell {
 
-namespace {
-
-constexpr std::uint32_t kHeadingColour = 130;  // bright red
-constexpr std::uint32_t kNameColour = 131;     // bright green
-constexpr std::uint32_t kHelpColour = 132;     // bright yellow
-
-}  // namespace
-
 bool ParseWalk::matched(CliTreeNode& node, std::int32_t* result) {
   anyMatch_ = true;
   CliNodeInfo& info = *node.info;
@@ -57,10 +49,10 @@ bool ParseWalk::reportMissing() const {
   if (!anyMatch_ || valueMissing_ || missing_.empty()) {
     return false;
   }
-  lineeditor::colourPrint(kHeadingColour, "缺少必要选项:");
+  lineeditor::colourPrint(lineeditor::kBrightRed, "缺少必要选项:");
   for (const auto& [name, help] : missing_) {
-    lineeditor::colourPrint(kNameColour, "%-30s", name.c_str());
-    lineeditor::colourPrint(kHelpColour, "%-30s\n", help.c_str());
+    lineeditor::colourPrint(lineeditor::kBrightGreen, "%-30s", name.c_str());
+    lineeditor::colourPrint(lineeditor::kBrightYellow, "%-30s\n", help.c_str());
   }
   return true;
 }

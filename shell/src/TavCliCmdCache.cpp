@@ -6,6 +6,8 @@
 #include "json/CppJson.h"
 #include "jsonrpchelper/AgentMethods.h"
 #include "jsonrpchelper/Holders.h"
+#include "jsonrpchelper/IJsonRpcClientHelper.h"
+#include "jsonrpchelper/JsonRpcCpp.h"
 #include "lunet/Lunet.h"
 #include "shell/TaskHandlers.h"
 

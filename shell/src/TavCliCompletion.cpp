@@ -64,6 +64,7 @@ int TavCliCompletion::completionHook(const char* text, lineeditor::CompletionSta
 
 void TavCliCompletion::quit() {
   lineeditor::flushOutput();
+  lineeditor::restoreTerminal();
   if (quitHook_) {
     quitHook_();
   }

@@ -4,6 +4,7 @@
 #include "command/ListText.h"
 #include "command/config/ConfigDisplay.h"
 #include "json/CppJson.h"
+#include "platform/CLogDebug.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include "command/ListText.h"
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
+#include "jsonrpchelper/JsonRpcCpp.h"
 #include "platform/Text.h"
 
 namespace {

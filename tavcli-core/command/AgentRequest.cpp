@@ -1,0 +1,37 @@
+#include "command/AgentRequest.h"
+
+#include "jsonrpchelper/Holders.h"
+#include "jsonrpchelper/IJsonRpcClientHelper.h"
+#include "jsonrpchelper/JsonRpcCpp.h"
+#include "platform/CLogDebug.h"
+
+namespace command {
+
+namespace {
+
+constexpr int kLogError = 4;
+
+}  // namespace
+
+void logCaught(const RequestPlace& place, const jsonrpc::JsonRpcException& exception) {
+  CLogDebug::LogPrintV(kLogError, place.source, place.function, place.line, "Caught exception:\n %s",
+                       exception.what());
+}
+
+int askAgent(const RequestPlace& place, int afterException,
+             const std::function<int(jsonrpchelper::AgentStub& agent)>& body) {
+  jsonrpchelper::IJsonRpcClientHelper* const client =
+      jsonrpchelper::ClientRegistry::instance().getClient(lunet::kAgentGuid);
+  if (client == nullptr) {
+    return 0;
+  }
+  try {
+    jsonrpchelper::AgentStub agent(*client);
+    return body(agent);
+  } catch (const jsonrpc::JsonRpcException& exception) {
+    logCaught(place, exception);
+    return afterException;
+  }
+}
+
+}  // namespace command
