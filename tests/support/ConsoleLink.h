@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "lunet/ClientLibrary.h"
+
+namespace testsupport {
+
+/// The console's end of the agent link inside the test's own process: its endpoint on the bus of a private
+/// tree, and the process-wide holders filled with it. One at a time.
+class ConsoleLink {
+ public:
+  /// timeoutMs: of each call. std::runtime_error when the bus cannot be joined.
+  explicit ConsoleLink(const std::string& runtimePath, std::uint32_t timeoutMs = 30000);
+  ~ConsoleLink();
+  ConsoleLink(const ConsoleLink&) = delete;
+  ConsoleLink& operator=(const ConsoleLink&) = delete;
+
+ private:
+  lunet::ClientLibrary library_;
+  lunet::IEndpoint* endpoint_ = nullptr;
+};
+
+}  // namespace testsupport

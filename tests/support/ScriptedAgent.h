@@ -1,0 +1,67 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lunet/Lunet.h"
+
+namespace testsupport {
+
+/// Plays the agent on the bus of a private tree: records what the console calls, answers as told, sends
+/// notifications. It speaks JSON text of its own making, so it can also answer what no agent should. Any
+/// thread.
+class ScriptedAgent {
+ public:
+  struct Call {
+    std::string method;
+    Json::Value params;
+    std::uint32_t channel = 0;
+    bool wantsReply = false;
+    std::string text;  ///< the whole message
+    lunet::PeerIdentity process;
+  };
+  using Respond = std::function<Json::Value(const Json::Value& params)>;
+
+  /// runtimePath: the install tree whose bus it joins; the folder is made when it is missing. On the bus when
+  /// the constructor returns; std::runtime_error when that fails. config: the text of a cli_lunet.conf,
+  /// for its "socket_dir" and "group".
+  explicit ScriptedAgent(const std::string& runtimePath, const std::string& config = "{}");
+  ~ScriptedAgent();
+  ScriptedAgent(const ScriptedAgent&) = delete;
+  ScriptedAgent& operator=(const ScriptedAgent&) = delete;
+
+  // What it answers to a method; the last word counts. A method without one gets METHOD_NOT_FOUND.
+  void answer(const std::string& method, const Json::Value& result);
+  void answerWith(const std::string& method, Respond respond);  ///< called on the bus's thread
+  void answerError(const std::string& method, int code, const std::string& message);
+  void answerText(const std::string& method, const std::string& reply);  ///< the whole reply, as it is
+  void neverAnswer(const std::string& method);
+  void dieAt(const std::string& method);  ///< leaves the bus instead of answering
+
+  std::vector<Call> calls() const;
+  std::vector<Call> calls(const std::string& method) const;
+  void forgetCalls();
+  bool waitForCall(const std::string& method, std::size_t count = 1,
+                   std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
+
+  /// Sends a notification to the console; the bus's error number.
+  std::uint32_t notify(const std::string& method, const Json::Value& params);
+  /// The same with a text of its own.
+  std::uint32_t notifyText(const std::string& text);
+
+  void leave();  ///< goes off the bus
+  void join();   ///< comes back
+  bool present() const;
+
+ private:
+  class Bus;
+  std::unique_ptr<Bus> bus_;
+};
+
+}  // namespace testsupport
