@@ -18,4 +18,6 @@ void createScanReceivers() {
   }
   gScanReceiver = new IScanCImpl(*server);
   gBusinessReceiver = new IBusinessCImpl(*server);
+  gScanReceiver->StartListening();
+  gBusinessReceiver->StartListening();
 }

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "jsonrpchelper/JsonRpcCpp.h"
+#include "lunet/Lunet.h"
+
+namespace jsonrpchelper {
+
+/// Carries JSON-RPC calls to one endpoint of the bus. Used by whoever calls, through its jsonrpc::Client.
+/// Only jsonrpc::JsonRpcException leaves a send, whatever the other end answers: the library behind it ends
+/// the process for any other. One thread at a time.
+class IJsonRpcClientHelper : public jsonrpc::IClientConnector, public jsonrpc::Client {
+ public:
+  /// target: GUID text. timeoutMs: for each call, monotonic clock. The endpoint may be null and must
+  /// otherwise outlive this object.
+  IJsonRpcClientHelper(lunet::IEndpoint* endpoint, std::string target, std::uint32_t requestChannel,
+                       std::uint32_t onewayChannel, std::uint32_t timeoutMs);
+
+  /// Two-way: sends and gives the answer, once it is known to be an answer to this message that the library
+  /// can take (else ERROR_CLIENT_INVALID_RESPONSE). Without an endpoint the result is empty. A message
+  /// without an "id" is a notification and takes the one-way send.
+  void SendRPCMessage(const std::string& message, std::string& result) override;
+  /// One-way: never waits for an answer.
+  void SendRPCMessage(const std::string& message);
+
+  jsonrpc::Client& client() { return *this; }
+  const std::string& target() const { return target_; }
+  std::uint32_t timeoutMs() const { return timeoutMs_; }
+
+ private:
+  void exchange(const std::string& message, const Json::Value& id, std::string& result);
+
+  lunet::IEndpoint* endpoint_;
+  std::string target_;
+  std::uint32_t requestChannel_;
+  std::uint32_t onewayChannel_;
+  std::uint32_t timeoutMs_;
+};
+
+}  // namespace jsonrpchelper
+
+using jsonrpchelper::IJsonRpcClientHelper;

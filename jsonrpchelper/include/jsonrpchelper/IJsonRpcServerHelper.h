@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "jsonrpchelper/JsonRpcCpp.h"
+#include "lunet/Lunet.h"
+
+namespace jsonrpchelper {
+
+class HandlerList;
+
+/// Who sent the message that is being handled, on the bus's and the kernel's word.
+struct Caller {
+  lunet::Guid guid{};
+  lunet::PeerIdentity process;
+};
+
+/// Inside a handler of a server: the sender. Elsewhere all zero.
+Caller currentCaller();
+
+/// Receives JSON-RPC messages from the bus, lets the servers that listen on it handle them, and sends the
+/// answers back. One a process stands behind the holders of Holders.h; the agent makes its own. Nothing that
+/// a server throws leaves it. Servers come and go from any thread, in any order (BusServer.h).
+class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lunet::IMRReceiveComplete {
+ public:
+  IJsonRpcServerHelper();
+  /// It must be registered nowhere any more. Servers may outlive it.
+  ~IJsonRpcServerHelper() override;
+  IJsonRpcServerHelper(const IJsonRpcServerHelper&) = delete;
+  IJsonRpcServerHelper& operator=(const IJsonRpcServerHelper&) = delete;
+
+  /// Takes both channels of an open endpoint; 0 or the bus's error number.
+  std::uint32_t registerOn(lunet::IEndpoint& endpoint);
+  /// Gives them back; returns when no message is being handled any more.
+  void unregisterFrom(lunet::IEndpoint& endpoint);
+
+  /// Lets the server that declares the method handle the request; the response stays empty when there is
+  /// nothing to answer. What is no request, or meant for nobody, gets an error response. Throws what a
+  /// handler lets out.
+  void ProcessRequest(const std::string& request, std::string& response);
+
+  void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data, std::uint32_t length,
+                       void* replyContext, void* registrationContext) override;
+
+  /// The list that servers put themselves on; shared, because they may outlive this object.
+  const std::shared_ptr<HandlerList>& handlers() const { return handlers_; }
+
+  /// Of the connector's interface: being on the bus is registerOn's and unregisterFrom's business, so
+  /// both have nothing to do.
+  bool StartListening() override { return true; }
+  bool StopListening() override { return true; }
+  /// addInfo: a ReplyTarget.
+  bool SendResponse(const std::string& response, void* addInfo) override;
+
+  struct ReplyTarget {
+    lunet::IEndpoint* endpoint = nullptr;
+    std::uint64_t messageId = 0;
+    void* replyContext = nullptr;
+  };
+
+ private:
+  std::shared_ptr<HandlerList> handlers_;
+};
+
+}  // namespace jsonrpchelper
+
+using jsonrpchelper::IJsonRpcServerHelper;

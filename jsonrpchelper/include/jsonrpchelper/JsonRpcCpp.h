@@ -1,0 +1,33 @@
+#pragma once
+
+// The only place that includes libjson-rpc-cpp. Its headers carry throw(...) specifications, which the
+// language dropped with C++17; while they are read, `throw()` means noexcept(true) and `throw(X)`
+// noexcept(false). All that they include themselves comes first, so that the macro meets nothing else.
+#include <json/json.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wkeyword-macro"
+#endif
+#define throw(...) noexcept(__VA_OPT__(!) true)
+#include <jsonrpccpp/client/client.h>
+#include <jsonrpccpp/client/iclientconnector.h>
+#include <jsonrpccpp/common/errors.h>
+#include <jsonrpccpp/common/exception.h>
+#include <jsonrpccpp/common/procedure.h>
+#include <jsonrpccpp/server/abstractserver.h>
+#include <jsonrpccpp/server/abstractserverconnector.h>
+#include <jsonrpccpp/server/requesthandlerfactory.h>
+#undef throw
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif

@@ -1,0 +1,46 @@
+#include "AnswerCheck.h"
+
+#include "json/CppJson.h"
+
+namespace jsonrpchelper {
+namespace {
+
+std::string whyNoError(const Json::Value& error) {
+  const Json::Value* code = CppJson::findMember(error, "code");
+  const Json::Value* message = CppJson::findMember(error, "message");
+  if (code == nullptr || !code->isInt()) {
+    return "its error has no code of 32 bits";
+  }
+  return message == nullptr || !message->isString() ? "its error has no message" : "";
+}
+
+/// Ids are integers or texts; a 1 and a 1.0 are not the same here.
+bool isSameId(const Json::Value* id, const Json::Value& requestId) {
+  return id != nullptr && *id == requestId;
+}
+
+}  // namespace
+
+std::string whyNoAnswer(const std::string& answer, const Json::Value& requestId) {
+  Json::Value value;
+  if (!CppJson::LoadJsonString(answer, value)) {
+    return "the answer is no JSON, or nested too deep";
+  }
+  const Json::Value* version = CppJson::findMember(value, "jsonrpc");
+  if (version == nullptr || *version != Json::Value("2.0")) {
+    return "the answer is no JSON-RPC 2.0 object";
+  }
+  const Json::Value* result = CppJson::findMember(value, "result");
+  const Json::Value* error = CppJson::findMember(value, "error");
+  const Json::Value* id = CppJson::findMember(value, "id");
+  if ((result == nullptr) == (error == nullptr)) {
+    return "the answer has neither or both of result and error";
+  }
+  const bool unread = error != nullptr && id != nullptr && id->isNull();
+  if (!isSameId(id, requestId) && !unread) {
+    return "the answer belongs to another request";
+  }
+  return error != nullptr ? whyNoError(*error) : "";
+}
+
+}  // namespace jsonrpchelper
