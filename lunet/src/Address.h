@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+
+#include "SocketFolder.h"
+#include "platform/Descriptor.h"
+
+namespace lunet {
+
+/// An address that this process holds: a lock on <GUID>.lock, kept by the kernel until the process ends or
+/// gives it back, and a socket that listens at <GUID>.sock. Whoever has the lock may replace the socket
+/// file, so that what a crash left is taken over by exactly one.
+class Address {
+ public:
+  Address() = default;
+  ~Address() { release(); }
+  Address(const Address&) = delete;
+  Address& operator=(const Address&) = delete;
+
+  /// kErrInUse when another has it, kErrPath or kErrSystem when it cannot be made; *why is one line.
+  Error claim(const SocketFolder& folder, const Guid& guid, std::string* why);
+  /// Removes both files. The listening socket closes with them.
+  void release();
+  int listener() const { return listener_.get(); }
+
+ private:
+  Error lock(const std::string& path, bool agents, std::string* why);
+  Error listen(const SocketFolder& folder, const Guid& guid, std::string* why);
+
+  std::string lockPath_;
+  std::string socketPath_;
+  ino_t socketInode_ = 0;
+  platform::Descriptor lock_;
+  platform::Descriptor listener_;
+};
+
+/// Removes what crashed endpoints left behind and their own users may not have come back to. For root and
+/// the folder's owner, who are the only ones who can.
+void clearLeftovers(const SocketFolder& folder);
+
+}  // namespace lunet

@@ -1,0 +1,196 @@
+#include "Client.h"
+
+#include <grp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "json/CppJson.h"
+#include "lunet/ClientLibrary.h"
+#include "platform/Text.h"
+
+namespace lunet {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+/// Between two attempts to reach the agent.
+constexpr milliseconds kConnectPause{20};
+
+std::optional<gid_t> groupId(const std::string& name) {
+  std::vector<char> buffer(4096);
+  group entry{};
+  group* found = nullptr;
+  int error = 0;
+  while ((error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE) {
+    buffer.resize(buffer.size() * 2);
+  }
+  return error == 0 && found != nullptr ? std::optional<gid_t>(found->gr_gid) : std::nullopt;
+}
+
+/// "group" as it stands in the configuration; empty without one. False when it is not a text.
+bool readGroup(const Json::Value& config, std::string& name) {
+  const Json::Value& member = config["group"];
+  if (!member.isNull() && !member.isString()) {
+    return false;
+  }
+  name = member.isString() ? member.asString() : "";
+  return true;
+}
+
+}  // namespace
+
+IEndpoint* Client::CreateEndpoint() {
+  try {
+    const std::lock_guard lock(mutex_);
+    if (!ready_) {
+      return nullptr;
+    }
+    endpoints_.push_back(std::make_unique<Endpoint>(bus_));
+    return endpoints_.back().get();
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+void Client::DestroyEndpoint(IEndpoint* endpoint) {
+  std::unique_ptr<Endpoint> owned;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find_if(endpoints_.begin(), endpoints_.end(),
+                                    [endpoint](const auto& each) { return each.get() == endpoint; });
+    if (found == endpoints_.end()) {
+      return;
+    }
+    owned = std::move(*found);
+    endpoints_.erase(found);
+  }
+}
+
+std::uint32_t Client::Init(const char* config, const char* uuid) {
+  try {
+    const std::lock_guard lock(mutex_);
+    if (ready_ || config == nullptr) {
+      return kErrArgument;
+    }
+    const Error error = configure(config, uuid);
+    ready_ = error == kOk;
+    if (!ready_) {
+      bus_.log.close();
+    }
+    return error;
+  } catch (const std::exception& error) {
+    bus_.log.write(Log::kError, std::string("the bus cannot be set up: ") + error.what());
+    return kErrSystem;
+  }
+}
+
+Error Client::configure(const char* text, const char* uuid) {
+  Json::Value config;
+  if (!CppJson::LoadJsonString(text, config) || !config.isObject()) {
+    return kErrArgument;
+  }
+  Log::Settings log;
+  log.path = CppJson::readString(config, "log_path", "");
+  log.backupPath = CppJson::readString(config, "log_backup_path", "");
+  log.level = std::clamp(CppJson::readInt(config, "log_level", Log::kError), -1, 3);
+  log.name = uuid != nullptr ? uuid : "";
+  bus_.log.open(std::move(log));
+
+  const std::string runtimePath = CppJson::readString(config, "runtime_path", "");
+  const std::string folder = socketDirectory(runtimePath, text);
+  if (folder.empty() || folder.front() != '/') {
+    bus_.log.write(Log::kError,
+                   "the bus configuration names no absolute \"socket_dir\" and no absolute \"runtime_path\"");
+    return kErrArgument;
+  }
+  std::string groupName;
+  if (!readGroup(config, groupName)) {
+    bus_.log.write(Log::kError, "\"group\" in the bus configuration is not a text");
+    return kErrArgument;
+  }
+  bus_.folder = {folder, std::nullopt};
+  if (!groupName.empty()) {
+    bus_.folder.group = groupId(groupName);
+    if (!bus_.folder.group) {
+      bus_.log.write(Log::kError, "the group \"" + groupName + "\" of the bus configuration does not exist");
+      return kErrArgument;
+    }
+  }
+  bus_.rule = {geteuid(), bus_.folder.group};
+  connectTimeoutMs_ = CppJson::readInt(config, "connect_timeout_ms", -1);
+  return kOk;
+}
+
+std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
+  try {
+    milliseconds limit = std::chrono::seconds(timeoutSec);
+    {
+      const std::lock_guard lock(mutex_);
+      if (!ready_) {
+        return kErrNotOpen;
+      }
+      if (connectTimeoutMs_ >= 0) {
+        limit = std::min(limit, milliseconds(connectTimeoutMs_));
+      }
+    }
+    const Clock::time_point deadline = Clock::now() + limit;
+    for (;;) {
+      std::string why;
+      const Error error = connectOnce(deadline, &why);
+      const bool absent = error == kErrNoTarget || error == kErrTimeout;
+      if (error == kOk || !absent || Clock::now() + kConnectPause >= deadline) {
+        bus_.log.write(error == kOk ? Log::kInfo : Log::kError,
+                       error == kOk ? "the agent accepts" : "the agent is not reached: " + why);
+        return error == kErrTimeout ? kErrNoTarget : error;
+      }
+      std::this_thread::sleep_for(kConnectPause);
+    }
+  } catch (const std::exception& error) {
+    bus_.log.write(Log::kError, std::string("the system refused: ") + error.what());
+    return kErrSystem;
+  }
+}
+
+Error Client::connectOnce(Clock::time_point deadline, std::string* why) const {
+  const FolderCheck folder = checkFolder(bus_.folder);
+  if (folder.error != kOk) {
+    *why = folder.why;
+    return folder.error;
+  }
+  DialRequest request;
+  request.folder = &bus_.folder;
+  request.folderOwner = folder.owner;
+  request.rule = bus_.rule;
+  request.target = parseGuid(kAgentGuid);
+  request.deadline = deadline;
+  const Dialled dialled = dial(request);
+  *why = bus_.folder.socketPath(request.target) + ": " + dialled.why;
+  return dialled.error;
+}
+
+void Client::Disconnect() {
+  const std::lock_guard lock(mutex_);
+  for (const std::unique_ptr<Endpoint>& endpoint : endpoints_) {
+    endpoint->Close();
+  }
+}
+
+void Client::Uninit() {
+  std::vector<std::unique_ptr<Endpoint>> endpoints;
+  {
+    const std::lock_guard lock(mutex_);
+    ready_ = false;
+    endpoints.swap(endpoints_);
+  }
+  endpoints.clear();
+  bus_.log.close();
+}
+
+}  // namespace lunet

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "Endpoint.h"
+#include "lunet/Lunet.h"
+
+namespace lunet {
+
+/// The bus client: its configuration, its log, and the endpoints made with it.
+class Client final : public IClient {
+ public:
+  Client() = default;
+  ~Client() { Uninit(); }
+
+  IEndpoint* CreateEndpoint() override;
+  void DestroyEndpoint(IEndpoint* endpoint) override;
+  std::uint32_t Init(const char* config, const char* uuid) override;
+  void SetLogCallback(LogCallback callback) override { bus_.log.setCallback(callback); }
+  void Reserved() override {}
+  std::uint32_t Connect(std::uint32_t timeoutSec) override;
+  void Uninit() override;
+  void Disconnect() override;
+
+ private:
+  Error configure(const char* config, const char* uuid);
+  Error connectOnce(std::chrono::steady_clock::time_point deadline, std::string* why) const;
+
+  Bus bus_;
+  std::mutex mutex_;  // guards what follows
+  bool ready_ = false;
+  std::int32_t connectTimeoutMs_ = -1;  ///< below 0: only the argument counts
+  std::vector<std::unique_ptr<Endpoint>> endpoints_;
+};
+
+}  // namespace lunet

@@ -1,0 +1,189 @@
+#include "Endpoint.h"
+
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+namespace lunet {
+
+namespace {
+
+Error checkData(const void* data, std::uint32_t length) {
+  if (length > kMaxMessageBytes) {
+    return kErrTooLarge;
+  }
+  return data == nullptr && length > 0 ? kErrArgument : kOk;
+}
+
+}  // namespace
+
+class Endpoint::Use {
+ public:
+  explicit Use(Endpoint& endpoint) : endpoint_(endpoint) {
+    const std::lock_guard lock(endpoint_.mutex_);
+    core_ = endpoint_.core_;
+    ++endpoint_.users_;
+  }
+  ~Use() {
+    const std::lock_guard lock(endpoint_.mutex_);
+    core_.reset();
+    if (--endpoint_.users_ == 0) {
+      endpoint_.unused_.notify_all();
+    }
+  }
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+  Core* core() const { return core_.get(); }
+
+ private:
+  Endpoint& endpoint_;
+  std::shared_ptr<Core> core_;
+};
+
+/// Runs it with the open core; what it throws (no memory, no descriptors) ends here.
+template <class Operation>
+Error Endpoint::run(Operation operation) {
+  try {
+    const Use use(*this);
+    return use.core() == nullptr ? kErrNotOpen : operation(*use.core());
+  } catch (const std::exception& error) {
+    bus_.log.write(Log::kError, std::string("the system refused: ") + error.what());
+    return kErrSystem;
+  }
+}
+
+std::uint32_t Endpoint::Open(const Guid& self) {
+  try {
+    if (self == Guid{}) {
+      return kErrArgument;
+    }
+    const std::lock_guard lock(mutex_);
+    if (core_) {
+      return kErrInUse;
+    }
+    auto core = std::make_shared<Core>(bus_, receivers_);
+    if (const Error error = core->open(self); error != kOk) {
+      return error;
+    }
+    core_ = std::move(core);
+    return kOk;
+  } catch (const std::exception& error) {
+    bus_.log.write(Log::kError, std::string("an address cannot be opened: ") + error.what());
+    return kErrSystem;
+  }
+}
+
+void Endpoint::Close() {
+  std::shared_ptr<Core> core;
+  {
+    const std::lock_guard lock(mutex_);
+    if (core_ && core_->onDeliveryThread()) {
+      bus_.log.write(Log::kError, "an endpoint cannot be closed from its own callback");
+      return;
+    }
+    core = std::exchange(core_, nullptr);
+  }
+  if (core) {
+    core->close();
+  }
+  std::unique_lock lock(mutex_);
+  unused_.wait(lock, [this] { return users_ == 0; });
+}
+
+std::uint32_t Endpoint::OnewaySend(const Guid& target, std::uint32_t channel, const void* data,
+                                   std::uint32_t length) {
+  return sendOneway(target, nullptr, channel, data, length);
+}
+
+std::uint32_t Endpoint::SendToProcess(const Guid& target, const PeerIdentity& process, std::uint32_t channel,
+                                      const void* data, std::uint32_t length) {
+  return sendOneway(target, &process, channel, data, length);
+}
+
+Error Endpoint::sendOneway(const Guid& target, const PeerIdentity* process, std::uint32_t channel,
+                           const void* data, std::uint32_t length) {
+  if (const Error error = checkData(data, length); error != kOk) {
+    return error;
+  }
+  return run([&](Core& core) { return core.send(target, process, channel, data, length); });
+}
+
+std::uint32_t Endpoint::SyncSend(const Guid& target, std::uint32_t channel, const void* data,
+                                 std::uint32_t length, std::uint32_t* error, char** reply,
+                                 std::uint32_t* replyLength, std::uint32_t timeoutMs) {
+  Error result = reply == nullptr || replyLength == nullptr ? kErrArgument : checkData(data, length);
+  if (reply != nullptr) {
+    *reply = nullptr;
+  }
+  if (replyLength != nullptr) {
+    *replyLength = 0;
+  }
+  if (result == kOk) {
+    result = run([&](Core& core) {
+      OutgoingLink::Answer answer = core.call(target, channel, data, length, timeoutMs);
+      if (answer.error == kOk) {
+        *reply = answer.data.release();
+        *replyLength = answer.length;
+      }
+      return answer.error;
+    });
+  }
+  if (error != nullptr) {
+    *error = result;
+  }
+  return result;
+}
+
+void Endpoint::FreeBuffer(char* buffer) {
+  std::free(buffer);
+}
+
+std::uint32_t Endpoint::RegisterReceiver(std::uint32_t channel, IMRReceiveComplete* receiver, void* context) {
+  if (receiver == nullptr) {
+    return kErrArgument;
+  }
+  receivers_.add(channel, {receiver, context});
+  return kOk;
+}
+
+std::uint32_t Endpoint::UnregisterReceiver(std::uint32_t channel) {
+  return receivers_.remove(channel) ? kOk : kErrNoTarget;
+}
+
+std::uint32_t Endpoint::Reply(std::uint32_t reserved, std::uint64_t messageId, const void* data,
+                              std::uint32_t length, void* replyContext) {
+  if (reserved != 0 || replyContext == nullptr || (data == nullptr && length > 0)) {
+    return kErrArgument;
+  }
+  return run([&](Core& core) { return core.reply(messageId, data, length, replyContext); });
+}
+
+void Endpoint::GetPeer(Guid* peer) {
+  if (peer == nullptr) {
+    return;
+  }
+  *peer = Guid{};
+  run([&](Core& core) {
+    if (const IncomingLink* link = core.currentPeer(); link != nullptr) {
+      *peer = link->guid();
+    }
+    return kOk;
+  });
+}
+
+std::uint32_t Endpoint::GetPeerIdentity(PeerIdentity* peer) {
+  if (peer == nullptr) {
+    return kErrArgument;
+  }
+  *peer = PeerIdentity{};
+  return run([&](Core& core) {
+    const IncomingLink* link = core.currentPeer();
+    if (link == nullptr) {
+      return kErrNotOpen;
+    }
+    *peer = link->identity();
+    return kOk;
+  });
+}
+
+}  // namespace lunet

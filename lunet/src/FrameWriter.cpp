@@ -1,0 +1,165 @@
+#include "FrameWriter.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+namespace lunet {
+
+namespace {
+
+constexpr std::size_t kChunkBytes = 64 << 10;
+constexpr std::size_t kChunksAtOnce = 16;
+
+/// One sendmsg: bytes taken, -1 when the socket is full now, -2 when the other side is gone.
+ssize_t sendSome(int fd, iovec* parts, std::size_t count) {
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = count;
+  for (;;) {
+    const ssize_t sent = sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) {
+      return sent;
+    }
+    if (errno == EINTR) {
+      continue;
+    }
+    // No memory for the kernel's buffers passes; the rest does not.
+    return errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM ? -1 : -2;
+  }
+}
+
+}  // namespace
+
+FrameWriter::FrameWriter(int fd, std::function<void(bool)> wantWrite)
+    : fd_(fd), wantWrite_(std::move(wantWrite)) {}
+
+FrameWriter::Result FrameWriter::write(const FrameHeader& header, const void* data) {
+  const std::lock_guard lock(mutex_);
+  if (closed_) {
+    return Result::kGone;
+  }
+  std::size_t sent = 0;
+  if (queuedBytes_ == 0) {
+    switch (sendNow(header, data, sent)) {
+      case Sent::kAll:
+        return Result::kTaken;
+      case Sent::kGone:
+        return Result::kGone;
+      case Sent::kSome:
+        break;
+    }
+  } else if (queuedBytes_ >= kQueueFullBytes) {
+    return Result::kFull;
+  }
+  const bool first = queuedBytes_ == 0;
+  enqueue(header, data, sent);
+  if (first) {
+    wantWrite_(true);
+  }
+  return Result::kTaken;
+}
+
+bool FrameWriter::flush() {
+  const std::lock_guard lock(mutex_);
+  if (closed_) {
+    return false;
+  }
+  switch (sendQueue()) {
+    case Sent::kGone:
+      return false;
+    case Sent::kSome:
+      return true;
+    case Sent::kAll:
+      break;
+  }
+  wantWrite_(false);
+  drained_.notify_all();
+  return true;
+}
+
+void FrameWriter::close() {
+  const std::lock_guard lock(mutex_);
+  closed_ = true;
+  queue_.clear();
+  queuedBytes_ = 0;
+  drained_.notify_all();
+}
+
+void FrameWriter::waitUntilDrained(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  drained_.wait_until(lock, deadline, [this] { return closed_ || queuedBytes_ == 0; });
+}
+
+std::size_t FrameWriter::queuedBytes() {
+  const std::lock_guard lock(mutex_);
+  return queuedBytes_;
+}
+
+FrameWriter::Sent FrameWriter::sendNow(const FrameHeader& header, const void* data, std::size_t& sent) {
+  std::array<iovec, 2> parts{
+      {{const_cast<FrameHeader*>(&header), sizeof header}, {const_cast<void*>(data), header.length}}};
+  const ssize_t count = sendSome(fd_, parts.data(), parts.size());
+  if (count == -2) {
+    return Sent::kGone;
+  }
+  sent = count > 0 ? static_cast<std::size_t>(count) : 0;
+  return sent == sizeof header + header.length ? Sent::kAll : Sent::kSome;
+}
+
+void FrameWriter::enqueue(const FrameHeader& header, const void* data, std::size_t alreadySent) {
+  const std::size_t whole = sizeof header + header.length;
+  if (queue_.empty() || queue_.back().size() + whole > kChunkBytes) {
+    queue_.emplace_back();
+    queue_.back().reserve(std::max(whole - alreadySent, kChunkBytes));
+  }
+  std::string& chunk = queue_.back();
+  if (alreadySent < sizeof header) {
+    chunk.append(reinterpret_cast<const char*>(&header) + alreadySent, sizeof header - alreadySent);
+  }
+  const std::size_t bodySent = alreadySent > sizeof header ? alreadySent - sizeof header : 0;
+  chunk.append(static_cast<const char*>(data) + bodySent, header.length - bodySent);
+  queuedBytes_ += whole - alreadySent;
+}
+
+FrameWriter::Sent FrameWriter::sendQueue() {
+  while (queuedBytes_ > 0) {
+    std::array<iovec, kChunksAtOnce> parts{};
+    const std::size_t count = std::min(queue_.size(), kChunksAtOnce);
+    std::size_t offered = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::size_t offset = i == 0 ? headOffset_ : 0;
+      parts[i] = {queue_[i].data() + offset, queue_[i].size() - offset};
+      offered += parts[i].iov_len;
+    }
+    const ssize_t sent = sendSome(fd_, parts.data(), count);
+    if (sent < 0) {
+      return sent == -2 ? Sent::kGone : Sent::kSome;
+    }
+    consume(static_cast<std::size_t>(sent));
+    if (static_cast<std::size_t>(sent) < offered) {
+      return Sent::kSome;
+    }
+  }
+  return Sent::kAll;
+}
+
+void FrameWriter::consume(std::size_t count) {
+  queuedBytes_ -= count;
+  while (count > 0) {
+    const std::size_t left = queue_.front().size() - headOffset_;
+    if (count < left) {
+      headOffset_ += count;
+      return;
+    }
+    count -= left;
+    queue_.pop_front();
+    headOffset_ = 0;
+  }
+}
+
+}  // namespace lunet

@@ -1,0 +1,289 @@
+#include "OutgoingLink.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+namespace lunet {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+}  // namespace
+
+OutgoingLink::OutgoingLink(Dialled dialled, Watcher& watcher, Log& log, std::string name)
+    : fd_(std::move(dialled.fd)),
+      identity_(dialled.identity),
+      trusted_(dialled.trusted),
+      admitted_(dialled.admitted),
+      watcher_(watcher),
+      log_(log),
+      name_(std::move(name)),
+      writer_(fd_.get(), [this](bool want) {
+        const std::lock_guard lock(watchMutex_);
+        wantWrite_ = want;
+        watch();
+      }) {}
+
+OutgoingLink::~OutgoingLink() {
+  const std::lock_guard lock(watchMutex_);
+  if (watchKey_ != 0) {
+    watcher_.remove(fd_.get(), watchKey_);
+  }
+}
+
+void OutgoingLink::start() {
+  const std::lock_guard lock(watchMutex_);
+  watchKey_ = watcher_.add(fd_.get(), EPOLLRDHUP, weak_from_this());
+}
+
+Error OutgoingLink::send(std::uint32_t channel, const void* data, std::uint32_t length) {
+  FrameHeader header;
+  header.kind = FrameKind::kOneway;
+  header.channel = channel;
+  header.length = length;
+  return writeFrame(header, data);
+}
+
+OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data, std::uint32_t length,
+                                        Clock::time_point deadline, bool* sent) {
+  FrameHeader header;
+  header.kind = FrameKind::kRequest;
+  header.channel = channel;
+  header.length = length;
+  Call call;
+  {
+    const Lock lock(mutex_);
+    header.id = nextId_++;
+    calls_.emplace(header.id, &call);
+    watchForAnswers();
+  }
+  const Error error = writeFrame(header, data);
+  *sent = error == kOk;
+  Lock lock(mutex_);
+  if (error == kOk) {
+    await(lock, call, deadline);
+  }
+  if (!call.done) {
+    calls_.erase(header.id);
+    call.answer.error = error == kOk ? kErrTimeout : error;
+    lateAnswers_ += error == kOk ? 1 : 0;
+  }
+  leave();
+  return std::move(call.answer);
+}
+
+void OutgoingLink::waitUntilDrained(Clock::time_point deadline) {
+  writer_.waitUntilDrained(deadline);
+}
+
+void OutgoingLink::shut(Error error) {
+  const Lock lock(mutex_);
+  fail(error, nullptr);
+}
+
+void OutgoingLink::onReady(std::uint32_t events) {
+  const bool writable = (events & EPOLLOUT) == 0 || writer_.flush();
+  if (!writable || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+    hungUp_ = true;
+    const std::lock_guard watchLock(watchMutex_);
+    if (watchKey_ != 0) {  // told once: the level would keep this thread busy
+      watcher_.remove(fd_.get(), std::exchange(watchKey_, 0));
+    }
+  }
+  const Lock lock(mutex_);
+  drain();
+}
+
+Error OutgoingLink::writeFrame(const FrameHeader& header, const void* data) {
+  switch (writer_.write(header, data)) {
+    case FrameWriter::Result::kTaken:
+      return kOk;
+    case FrameWriter::Result::kFull:
+      return kErrQueueFull;
+    case FrameWriter::Result::kGone:
+      break;
+  }
+  // Answers that arrived before the end are still there: a caller that waits for one reads it, then the end.
+  hungUp_ = true;
+  const Lock lock(mutex_);
+  drain();
+  return kErrPeerLost;
+}
+
+/// Until the call is done or its time is up: as the reader when there is none, else woken by the one.
+void OutgoingLink::await(Lock& lock, Call& call, Clock::time_point deadline) {
+  while (!call.done && Clock::now() < deadline) {
+    if (readerActive_) {
+      call.wake.wait_until(lock, deadline);
+      continue;
+    }
+    readerActive_ = true;
+    lock.unlock();
+    const Read read = waitAndRead(deadline);
+    lock.lock();
+    readerActive_ = false;
+    if (read == Read::kEnd) {
+      fail(kErrPeerLost, nullptr);
+    } else if (read == Read::kSome) {
+      takeFrames();
+    }
+  }
+}
+
+OutgoingLink::Read OutgoingLink::waitAndRead(Clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count() + 1;
+  pollfd waiting{fd_.get(), POLLIN, 0};
+  if (poll(&waiting, 1, static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000))) <= 0) {
+    return Read::kNothing;
+  }
+  return readSome();
+}
+
+OutgoingLink::Read OutgoingLink::readSome() {
+  try {
+    const std::span<char> space = reader_.space();
+    const ssize_t count = recv(fd_.get(), space.data(), space.size(), MSG_DONTWAIT);
+    if (count > 0) {
+      reader_.filled(static_cast<std::size_t>(count));
+      return Read::kSome;
+    }
+    return count < 0 && (errno == EAGAIN || errno == EINTR) ? Read::kNothing : Read::kEnd;
+  } catch (const std::bad_alloc&) {
+    return Read::kEnd;  // an answer too large for this process's memory: the link goes, the process stays
+  }
+}
+
+/// Gives every whole answer to its caller. False when the link had to be ended. mutex_ is held.
+bool OutgoingLink::takeFrames() {
+  try {
+    FrameReader::Next next = reader_.next();
+    for (; next == FrameReader::Next::kFrame; next = reader_.next()) {
+      if (!takeFrame()) {
+        fail(kErrPeerLost, "a frame that a listener does not send");
+        return false;
+      }
+    }
+    if (next == FrameReader::Next::kBad) {
+      fail(kErrPeerLost, reader_.whyBadFrame());
+    }
+    return next == FrameReader::Next::kMore;
+  } catch (const std::bad_alloc&) {
+    fail(kErrSystem, "no memory for an answer");
+    return false;
+  }
+}
+
+bool OutgoingLink::takeFrame() {
+  const FrameHeader& header = reader_.header();
+  Answer answer;
+  if (header.kind == FrameKind::kAnswer) {
+    if (calls_.contains(header.id)) {
+      answer.data = reader_.takeBody();
+      answer.length = header.length;
+    }
+  } else if (header.kind == FrameKind::kRefusal) {
+    answer.error = header.channel == kOk ? kErrSystem : static_cast<Error>(header.channel);
+  } else {
+    return false;
+  }
+  finish(header.id, std::move(answer));
+  return true;
+}
+
+void OutgoingLink::finish(std::uint64_t id, Answer answer) {
+  const auto found = calls_.find(id);
+  if (found == calls_.end()) {
+    lateAnswers_ -= lateAnswers_ > 0 ? 1 : 0;
+    log_.write(Log::kInfo, "an answer of " + name_ + " came too late and is dropped");
+    return;
+  }
+  Call& call = *found->second;
+  calls_.erase(found);
+  call.answer = std::move(answer);
+  call.done = true;
+  call.wake.notify_one();
+}
+
+/// A caller goes. It had the reader's role, or may have been woken to take it: another that waits gets it.
+/// With none left, the io thread reads what may still come. mutex_ is held.
+void OutgoingLink::leave() {
+  if (readerActive_) {
+    return;
+  }
+  if (!calls_.empty()) {
+    calls_.begin()->second->wake.notify_one();
+  } else if (hungUp_) {
+    drain();
+  }
+  watchForAnswers();
+}
+
+/// Reads what is there when no caller does: late answers, or the end after a hang-up. mutex_ is held.
+void OutgoingLink::drain() {
+  while (alive_ && !readerActive_ && calls_.empty()) {
+    const Read read = readSome();
+    if (read == Read::kEnd) {
+      fail(kErrPeerLost, nullptr);
+    }
+    if (read != Read::kSome || !takeFrames()) {
+      break;
+    }
+  }
+  watchForAnswers();
+}
+
+/// mutex_ is held.
+void OutgoingLink::watchForAnswers() {
+  const bool wanted = calls_.empty() && lateAnswers_ > 0;
+  const std::lock_guard lock(watchMutex_);
+  if (wantRead_ != wanted) {
+    wantRead_ = wanted;
+    watch();
+  }
+}
+
+/// watchMutex_ is held.
+void OutgoingLink::watch() {
+  const std::uint32_t events =
+      EPOLLRDHUP | (wantWrite_ ? std::uint32_t{EPOLLOUT} : 0U) | (wantRead_ ? std::uint32_t{EPOLLIN} : 0U);
+  if (watchKey_ != 0) {
+    watcher_.change(fd_.get(), watchKey_, events);
+  }
+}
+
+/// mutex_ is held.
+void OutgoingLink::fail(Error error, const char* why) {
+  if (!alive_.exchange(false)) {
+    return;
+  }
+  if (why != nullptr) {
+    log_.write(Log::kError, "the connection to " + name_ + " is closed: " + why);
+  } else {
+    log_.write(Log::kInfo, "the connection to " + name_ + " has ended");
+  }
+  if (const std::size_t lost = writer_.queuedBytes(); lost > 0) {
+    log_.write(Log::kWarning, std::to_string(lost) + " queued bytes for " + name_ + " are lost");
+  }
+  for (const auto& [id, call] : calls_) {
+    call->answer.error = error;
+    call->done = true;
+    call->wake.notify_one();
+  }
+  calls_.clear();
+  writer_.close();
+  shutdown(fd_.get(), SHUT_RDWR);  // wakes the reader
+  const std::lock_guard lock(watchMutex_);
+  if (watchKey_ != 0) {
+    watcher_.remove(fd_.get(), std::exchange(watchKey_, 0));
+  }
+}
+
+}  // namespace lunet

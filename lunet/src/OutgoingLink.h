@@ -1,0 +1,100 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "Dial.h"
+#include "FrameReader.h"
+#include "FrameWriter.h"
+#include "Log.h"
+#include "Watcher.h"
+
+namespace lunet {
+
+/// A connection from this endpoint to another: messages and requests go out, answers come in.
+///
+/// Nobody's thread waits for answers but the callers themselves: of those that wait, one at a time has the
+/// reader's role, hands the others theirs, and passes the role on when it leaves. So a lone caller's answer
+/// costs no change of threads. The io thread reads only what comes when no caller waits (late answers), and
+/// notices a hang-up then.
+class OutgoingLink final : public Watched, public std::enable_shared_from_this<OutgoingLink> {
+ public:
+  struct Answer {
+    Error error = kOk;
+    MallocBuffer data;  ///< a NUL behind it
+    std::uint32_t length = 0;
+  };
+
+  OutgoingLink(Dialled dialled, Watcher& watcher, Log& log, std::string name);
+  ~OutgoingLink();
+  void start();
+
+  /// False once the other side has hung up: a new connection is needed.
+  bool alive() const { return alive_ && !hungUp_; }
+  bool trusted() const { return trusted_; }
+  bool admitted() const { return admitted_; }
+  const PeerIdentity& identity() const { return identity_; }
+
+  /// kErrPeerLost: it did not reach the other side, which is gone.
+  Error send(std::uint32_t channel, const void* data, std::uint32_t length);
+  /// *sent: whether the request may have reached the other side.
+  Answer call(std::uint32_t channel, const void* data, std::uint32_t length,
+              std::chrono::steady_clock::time_point deadline, bool* sent);
+  void waitUntilDrained(std::chrono::steady_clock::time_point deadline);
+  /// Ends it: calls under way get `error`.
+  void shut(Error error);
+
+  void onReady(std::uint32_t events) override;
+
+ private:
+  struct Call {
+    std::condition_variable wake;
+    bool done = false;
+    Answer answer;
+  };
+  using Lock = std::unique_lock<std::mutex>;
+  enum class Read { kSome, kNothing, kEnd };
+
+  Error writeFrame(const FrameHeader& header, const void* data);
+  void await(Lock& lock, Call& call, std::chrono::steady_clock::time_point deadline);
+  Read waitAndRead(std::chrono::steady_clock::time_point deadline);
+  Read readSome();
+  bool takeFrames();
+  bool takeFrame();
+  void finish(std::uint64_t id, Answer answer);
+  void leave();
+  void drain();
+  void watchForAnswers();
+  void watch();
+  void fail(Error error, const char* why);
+
+  const platform::Descriptor fd_;
+  const PeerIdentity identity_;
+  const bool trusted_;
+  const bool admitted_;
+  Watcher& watcher_;
+  Log& log_;
+  const std::string name_;  ///< of the other side, for the log
+  FrameWriter writer_;
+  std::atomic<bool> alive_{true};
+  std::atomic<bool> hungUp_{false};
+
+  std::mutex watchMutex_;  // taken last; guards the three below
+  std::uint64_t watchKey_ = 0;
+  bool wantWrite_ = false;
+  bool wantRead_ = false;
+
+  // Guards what follows, and, while no caller has the reader's role, reader_.
+  std::mutex mutex_;
+  std::map<std::uint64_t, Call*> calls_;
+  std::uint64_t nextId_ = 1;
+  bool readerActive_ = false;    ///< a caller reads, without mutex_
+  std::size_t lateAnswers_ = 0;  ///< answers that may still come and that nobody waits for
+  FrameReader reader_;
+};
+
+}  // namespace lunet

@@ -1,0 +1,66 @@
+#include "Peer.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include "platform/Files.h"
+
+#ifndef SO_PEERGROUPS
+#define SO_PEERGROUPS 59
+#endif
+
+namespace lunet {
+
+namespace {
+
+/// False when the kernel does not say.
+bool readGroups(int fd, std::vector<gid_t>& groups) {
+  groups.resize(64);
+  for (;;) {
+    socklen_t bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+    const int result = getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes);
+    if (result != 0 && errno == ERANGE && bytes / sizeof(gid_t) > groups.size()) {
+      groups.resize(bytes / sizeof(gid_t));
+      continue;
+    }
+    groups.resize(result == 0 ? bytes / sizeof(gid_t) : 0);
+    return result == 0;
+  }
+}
+
+}  // namespace
+
+std::optional<Peer> peerOf(int fd) {
+  ucred credentials{};
+  socklen_t length = sizeof credentials;
+  Peer peer;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || !readGroups(fd, peer.groups)) {
+    return std::nullopt;
+  }
+  peer.identity = {credentials.pid, credentials.uid, credentials.gid, startTicksOf(credentials.pid)};
+  return peer;
+}
+
+std::uint64_t startTicksOf(pid_t pid) {
+  const std::optional<std::string> stat = CFile::readAll("/proc/" + std::to_string(pid) + "/stat");
+  // Field 2 is the program's name in brackets and may itself hold blanks and brackets: count behind it.
+  std::size_t at = stat ? stat->rfind(')') : std::string::npos;
+  for (int field = 2; field < 22 && at != std::string::npos; ++field) {
+    at = stat->find(' ', at + 1);
+  }
+  return at == std::string::npos ? 0 : std::strtoull(stat->c_str() + at, nullptr, 10);
+}
+
+bool AccessRule::admits(const Peer& peer) const {
+  if (peer.identity.uid == 0 || peer.identity.uid == self) {
+    return true;
+  }
+  return group && (peer.identity.gid == *group ||
+                   std::find(peer.groups.begin(), peer.groups.end(), *group) != peer.groups.end());
+}
+
+}  // namespace lunet

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "lunet/Lunet.h"
+
+namespace lunet {
+
+/// Who takes the messages of each channel. A receiver that has been taken out is not called any more, and
+/// none of its calls is still running, when remove() returns.
+class Receivers {
+ public:
+  struct Entry {
+    IMRReceiveComplete* receiver = nullptr;
+    void* context = nullptr;
+  };
+
+  void add(std::uint32_t channel, Entry entry);
+  /// False when there was none. From a callback it does not wait (for itself).
+  bool remove(std::uint32_t channel);
+
+  /// Runs `call(entry)` for the channel's receiver; false when there is none. The delivery thread.
+  template <class Callable>
+  bool with(std::uint32_t channel, Callable call) {
+    const std::optional<Entry> entry = begin(channel);
+    if (!entry) {
+      return false;
+    }
+    call(*entry);
+    end();
+    return true;
+  }
+
+ private:
+  std::optional<Entry> begin(std::uint32_t channel);
+  void end();
+
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::map<std::uint32_t, Entry> entries_;
+  std::optional<std::uint32_t> running_;  ///< the channel whose receiver is being called
+  std::thread::id runner_;
+};
+
+}  // namespace lunet

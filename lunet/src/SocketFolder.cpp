@@ -1,0 +1,148 @@
+#include "SocketFolder.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "json/CppJson.h"
+#include "lunet/ClientLibrary.h"
+#include "platform/Descriptor.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+
+namespace lunet {
+
+namespace {
+
+constexpr std::size_t kPathLimit = sizeof(sockaddr_un{}.sun_path) - 1;
+constexpr mode_t kPrivateMode = 0700;
+constexpr mode_t kGroupMode = 03770;
+constexpr const char* kDefaultFolder = "run/lunet";
+
+FolderCheck refuse(std::string why) {
+  return {kErrPath, "the socket folder cannot be used: " + std::move(why), 0};
+}
+
+std::string octal(mode_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  return text;
+}
+
+std::string whyTooLong(const SocketFolder& folder) {
+  const std::string longest = folder.socketPath(Guid{});
+  if (longest.size() <= kPathLimit) {
+    return {};
+  }
+  return "the path of a socket in it, " + platform::visibleText(longest) + ", would have " +
+         std::to_string(longest.size()) + " bytes, the system's limit is " + std::to_string(kPathLimit) +
+         "; name a shorter \"socket_dir\" in the bus configuration";
+}
+
+/// Group and mode as they must be; set when they are not and this process may.
+std::string settle(int fd, const SocketFolder& folder, struct stat& st, bool mayChange) {
+  const mode_t mode = folder.group ? kGroupMode : kPrivateMode;
+  if (mayChange && folder.group && st.st_gid != *folder.group &&
+      fchown(fd, static_cast<uid_t>(-1), *folder.group) != 0) {
+    return platform::visibleText(folder.path) + " cannot be given to group " + std::to_string(*folder.group) +
+           ": " + std::strerror(errno);
+  }
+  if (mayChange && (st.st_mode & 07777) != mode && fchmod(fd, mode) != 0) {
+    return platform::visibleText(folder.path) + " cannot be set to mode " + octal(mode) + ": " +
+           std::strerror(errno);
+  }
+  if (fstat(fd, &st) != 0 || (st.st_mode & 07777) != mode || (folder.group && st.st_gid != *folder.group)) {
+    return platform::visibleText(folder.path) + " has group " + std::to_string(st.st_gid) + " and mode " +
+           octal(st.st_mode) + ", it must have " +
+           (folder.group ? "group " + std::to_string(*folder.group) + " and " : "") + "mode " + octal(mode);
+  }
+  return {};
+}
+
+FolderCheck examine(const SocketFolder& folder, bool change) {
+  using platform::visibleText;
+  const platform::Descriptor fd(open(folder.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd && errno == ENOENT) {
+    return {kErrNoTarget, "the socket folder " + visibleText(folder.path) + " does not exist", 0};
+  }
+  struct stat st {};
+  if (!fd || fstat(fd.get(), &st) != 0) {
+    return refuse(visibleText(folder.path) + ": " + std::strerror(errno));
+  }
+  if (std::string why = CDir::whyUnsafe(folder.path); !why.empty()) {
+    return refuse(std::move(why));
+  }
+  platform::Descriptor readable;
+  const bool mine = st.st_uid == geteuid();
+  if (change && mine) {
+    readable =
+        platform::Descriptor(open(folder.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  }
+  if (std::string why = settle(readable ? readable.get() : fd.get(), folder, st, static_cast<bool>(readable));
+      !why.empty()) {
+    return refuse(std::move(why));
+  }
+  return {kOk, "", st.st_uid};
+}
+
+}  // namespace
+
+std::string socketDirectory(const std::string& runtimePath, const std::string& configText) {
+  Json::Value config;
+  CppJson::LoadJsonString(configText, config);
+  std::string folder = CppJson::readString(config, "socket_dir", kDefaultFolder);
+  if (folder.empty()) {
+    folder = kDefaultFolder;
+  }
+  return utils::FormatDir(folder.front() == '/' ? folder : runtimePath + "/" + folder, false);
+}
+
+std::string SocketFolder::socketPath(const Guid& guid) const {
+  return path + "/" + formatGuid(guid) + kSocketSuffix;
+}
+
+std::string SocketFolder::lockPath(const Guid& guid) const {
+  return path + "/" + formatGuid(guid) + kLockSuffix;
+}
+
+std::string SocketFolder::newSocketPath(const Guid& guid) const {
+  return path + "/" + formatGuid(guid) + ".new";
+}
+
+FolderCheck checkFolder(const SocketFolder& folder) {
+  if (std::string why = whyTooLong(folder); !why.empty()) {
+    return refuse(std::move(why));
+  }
+  return examine(folder, false);
+}
+
+FolderCheck prepareFolder(const SocketFolder& folder) {
+  if (std::string why = whyTooLong(folder); !why.empty()) {
+    return refuse(std::move(why));
+  }
+  const std::size_t slash = folder.path.rfind('/');
+  if (slash != std::string::npos && slash > 0) {
+    CDir::make(folder.path.substr(0, slash), 0755);
+  }
+  if (mkdir(folder.path.c_str(), kPrivateMode) != 0 && errno != EEXIST) {
+    return refuse(platform::visibleText(folder.path) + " cannot be made: " + std::strerror(errno));
+  }
+  return examine(folder, true);
+}
+
+std::optional<sockaddr_un> socketAddress(const std::string& path) {
+  if (path.size() > kPathLimit) {
+    return std::nullopt;
+  }
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return address;
+}
+
+}  // namespace lunet

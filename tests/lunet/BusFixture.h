@@ -1,0 +1,116 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lunet/ClientLibrary.h"
+#include "lunet/Lunet.h"
+#include "support/TempDir.h"
+
+namespace lunettest {
+
+/// One received message, as a receiver saw it.
+struct Message {
+  std::uint32_t channel = 0;
+  std::uint64_t id = 0;
+  std::string data;
+  void* replyContext = nullptr;
+  void* context = nullptr;
+  lunet::Guid peer{};
+  lunet::PeerIdentity process;
+  std::thread::id thread;
+};
+
+/// The bus library and one client of it.
+class Client {
+ public:
+  explicit Client(const std::string& config, const char* uuid = "test");
+  ~Client();
+  lunet::IClient* operator->() const { return library_.client(); }
+  std::uint32_t initResult() const { return initResult_; }
+
+ private:
+  lunet::ClientLibrary library_;
+  std::uint32_t initResult_ = 0;
+};
+
+/// An endpoint of that client, with one receiver for both channels that notes each message and then runs
+/// `onMessage` (if any) on the delivery thread.
+class Endpoint final : public lunet::IMRReceiveComplete {
+ public:
+  using Handler = std::function<void(Endpoint&, const Message&)>;
+  explicit Endpoint(Client& client, Handler onMessage = nullptr);
+  Endpoint(Client& client, const lunet::Guid& guid, Handler onMessage = nullptr);
+  ~Endpoint();
+
+  lunet::IEndpoint* operator->() const { return endpoint_; }
+  lunet::IEndpoint* get() const { return endpoint_; }
+  const lunet::Guid& guid() const { return guid_; }
+
+  std::uint32_t send(const lunet::Guid& target, const std::string& text,
+                     std::uint32_t channel = lunet::kOnewayChannel);
+  struct Answer {
+    std::uint32_t error = 0;
+    std::uint32_t errorOut = 0;
+    std::string data;
+    bool terminated = false;  ///< a NUL stood behind the data
+  };
+  Answer call(const lunet::Guid& target, const std::string& text, std::uint32_t timeoutMs = 20000,
+              std::uint32_t channel = lunet::kRequestChannel);
+  std::uint32_t reply(const Message& message, const std::string& text);
+
+  std::size_t count() const;
+  std::vector<Message> messages() const;
+  bool waitForCount(std::size_t count) const;
+  /// Closes and destroys; the object stays for its messages.
+  void destroy();
+
+  void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data, std::uint32_t length,
+                       void* replyContext, void* registrationContext) override;
+
+ private:
+  Client& client_;
+  lunet::IEndpoint* endpoint_;
+  lunet::Guid guid_{};
+  Handler onMessage_;
+  mutable std::mutex mutex_;
+  std::vector<Message> messages_;
+};
+
+/// A fresh address.
+lunet::Guid newGuid();
+/// Answers each request with its own text.
+void echo(Endpoint& endpoint, const Message& message);
+
+/// A private tree for one test; its sockets lie in run/lunet below it.
+class BusTest : public ::testing::Test {
+ protected:
+  /// The bus configuration of the tree, with further members ("\"log_level\":3").
+  std::string config(const std::string& more = "") const;
+  std::string socketFolder() const { return tree.at("run/lunet"); }
+  std::string socketOf(const lunet::Guid& guid) const;
+
+  testsupport::TempDir tree;
+};
+
+/// A gate that a test opens: threads wait in it, with a limit.
+class Gate {
+ public:
+  void open();
+  bool wait();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable opened_;
+  bool open_ = false;
+};
+
+}  // namespace lunettest
