@@ -1,0 +1,186 @@
+#include "Display.h"
+
+#include "Output.h"
+#include "Sequences.h"
+#include "TerminalIo.h"
+#include "lineeditor/Notices.h"
+#include "lineeditor/Terminal.h"
+
+namespace lineeditor {
+
+namespace {
+
+const char* endingText(Ending ending) {
+  switch (ending) {
+    case Ending::NewLine:
+      return "\n";
+    case Ending::Cancelled:
+      return " \b^C\n";
+    default:
+      return "";
+  }
+}
+
+}  // namespace
+
+Display& Display::instance() {
+  static Display display;
+  return display;
+}
+
+void Display::freshRow() {
+  const std::lock_guard guard(outputMutex());
+  if (live_ || !transcriptRows_.empty()) {
+    return;
+  }
+  // As many blanks as a row has: on an empty row they end where they began, else on the next one.
+  outputBuffer.append(static_cast<std::size_t>(terminal().size().cols), ' ');
+  outputBuffer += '\r';
+  outputBuffer += sequence::kEraseBelow;
+  painter_.start();
+  rowLeftOpen_ = false;
+}
+
+void Display::show(Content content) {
+  const std::lock_guard guard(outputMutex());
+  content_ = std::move(content);
+  showLocked();
+}
+
+void Display::showLocked() {
+  const TerminalSize size = terminal().size();
+  if (!live_) {
+    painter_.start();
+    live_ = true;
+  } else if (!painter_.drawnFor(size)) {
+    outputBuffer += painter_.erase(size);
+  }
+  if (!transcript_.empty() && transcriptCols_ != size.cols) {
+    const std::vector<std::string> lines = std::move(transcript_);
+    transcript_.clear();
+    transcriptRows_.clear();
+    for (const std::string& line : lines) {
+      addToTranscript(line);
+    }
+  }
+  outputBuffer += painter_.paint(layout(content_, transcriptRows_, size), size);
+}
+
+void Display::leave(Content content, Ending ending) {
+  content.list = nullptr;
+  content.cursor = content.line.size();
+  const std::lock_guard guard(outputMutex());
+  content_ = std::move(content);
+  if (transcriptOpen_) {
+    addToTranscript(content_.prompt + content_.line + (ending == Ending::Cancelled ? "^C" : ""));
+    content_ = Content{};
+    showLocked();
+    return;
+  }
+  showLocked();
+  outputBuffer += painter_.toEnd();
+  outputBuffer += endingText(ending);
+  live_ = false;
+}
+
+void Display::remove() {
+  const std::lock_guard guard(outputMutex());
+  if (live_ && !transcriptOpen_) {
+    outputBuffer += painter_.erase(terminal().size());
+    live_ = false;
+  }
+}
+
+void Display::forget() {
+  const std::lock_guard guard(outputMutex());
+  live_ = false;
+}
+
+void Display::print(std::string_view lines) {
+  const std::lock_guard guard(outputMutex());
+  if (!transcriptOpen_) {
+    terminal().print(lines);
+    return;
+  }
+  addToTranscript(lines);
+  content_ = Content{};
+  showLocked();
+}
+
+void Display::addToTranscript(std::string_view lines) {
+  transcriptCols_ = terminal().size().cols;
+  while (!lines.empty()) {
+    const std::size_t end = lines.find('\n');
+    const std::string_view line = lines.substr(0, end);
+    transcript_.emplace_back(line);
+    for (Row& row : textRows(line, 0, transcriptCols_)) {
+      transcriptRows_.push_back(std::move(row));
+    }
+    lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+  }
+}
+
+void Display::beginTranscript() {
+  const std::lock_guard guard(outputMutex());
+  transcript_.clear();
+  transcriptRows_.clear();
+  transcriptOpen_ = true;
+}
+
+bool Display::inTranscript() {
+  const std::lock_guard guard(outputMutex());
+  return transcriptOpen_;
+}
+
+void Display::endTranscript() {
+  const std::lock_guard guard(outputMutex());
+  transcriptOpen_ = false;
+}
+
+void Display::dropTranscript() {
+  const std::lock_guard guard(outputMutex());
+  transcript_.clear();
+  transcriptRows_.clear();
+}
+
+void Display::notice(const std::string& block) {
+  const std::lock_guard guard(outputMutex());
+  if (!live_) {
+    terminal().print(block);
+    terminal().write({});
+    rowLeftOpen_ = false;
+    return;
+  }
+  outputBuffer += painter_.erase(terminal().size());
+  outputBuffer += block;
+  if (!block.empty() && block.back() != '\n') {
+    outputBuffer += '\n';
+  }
+  live_ = false;
+  showLocked();
+  flushOutputLocked();
+}
+
+void Display::leaveOpen() {
+  const std::lock_guard guard(outputMutex());
+  rowLeftOpen_ = live_;
+  live_ = false;
+  transcriptOpen_ = false;
+  transcript_.clear();
+  transcriptRows_.clear();
+}
+
+void Display::closeOpenRow() {
+  const std::lock_guard guard(outputMutex());
+  if (rowLeftOpen_) {
+    outputBuffer += painter_.toEnd();
+    outputBuffer += '\n';
+    rowLeftOpen_ = false;
+  }
+}
+
+void printNotice(const std::string& block) {
+  Display::instance().notice(block);
+}
+
+}  // namespace lineeditor

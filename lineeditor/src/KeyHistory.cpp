@@ -1,0 +1,99 @@
+// The keys that bring lines back.
+#include <algorithm>
+
+#include "Display.h"
+#include "HistoryRing.h"
+#include "Input.h"
+#include "KeyLoop.h"
+#include "Output.h"
+#include "lineeditor/History.h"
+
+namespace lineeditor {
+
+namespace {
+
+constexpr const char* kConfirmClear = "!!! Confirm to clear history [y]:";
+
+}  // namespace
+
+/// back: how many entries from the edited line; entries themselves are never changed by editing.
+void KeyLoop::browseTo(std::size_t back) {
+  const std::vector<std::size_t> slots = historySlots();
+  back = std::min(back, slots.size());
+  if (back == back_) {
+    return;
+  }
+  if (back_ == 0) {
+    edited_ = state_.line();
+  }
+  back_ = back;
+  state_.set(back == 0 ? edited_ : historyRing[slots[slots.size() - back]]);
+}
+
+void KeyLoop::previousEntry() {
+  browseTo(back_ + 1);
+}
+void KeyLoop::nextEntry() {
+  if (back_ > 0) {
+    browseTo(back_ - 1);
+  }
+}
+void KeyLoop::firstEntry() {
+  browseTo(kHistorySlots);
+}
+void KeyLoop::lastEntry() {
+  browseTo(1);
+}
+
+void KeyLoop::search(const char* initial) {
+  if (!question_.isMainPrompt) {
+    return;
+  }
+  Display& display = Display::instance();
+  display.beginTranscript();
+  const std::int32_t found = historySearch(initial);
+  display.endTranscript();
+  if (found > 0) {
+    back_ = 0;
+    state_.set(historyRing[static_cast<std::size_t>(found) - 1]);
+  }
+}
+
+void KeyLoop::searchAll() {
+  search(nullptr);
+}
+void KeyLoop::searchCurrent() {
+  search(state_.line().c_str());
+}
+
+void KeyLoop::showHistory() {
+  if (!question_.isMainPrompt) {
+    return;
+  }
+  Display::instance().leave(content(), Ending::NewLine);
+  historyShow();
+  Display::instance().freshRow();
+}
+
+void KeyLoop::confirmClear() {
+  if (!question_.isMainPrompt) {
+    return;
+  }
+  Display& display = Display::instance();
+  display.leave(content(), Ending::SameRow);
+  writeBuffered("\b\n");
+  Content question;
+  question.prompt = kConfirmClear;
+  display.show(question);
+  const Key answer = InputReader::instance().readKeyStandingAlone();
+  display.leave(question, Ending::SameRow);
+  if (answer.code == KeyCode::Text && (answer.text == "y" || answer.text == "Y")) {
+    historyClear();
+    back_ = 0;
+    writeBuffered("\b\nHistory are cleared!");
+  }
+  writeBuffered("\n");
+  display.freshRow();
+}
+
+}  // namespace lineeditor

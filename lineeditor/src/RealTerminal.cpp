@@ -1,0 +1,177 @@
+#include "RealTerminal.h"
+
+#include <poll.h>
+#include <strings.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+#include "SignalState.h"
+#include "lineeditor/Signals.h"
+
+namespace lineeditor {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char* const kDumbTerminals[] = {"dumb", "cons25", "emacs"};
+
+RealTerminal realTerminal;
+TerminalIo* currentTerminal = &realTerminal;
+
+/// Milliseconds until the end, for poll(): never negative unless there is no end.
+int remainingMs(int waitMs, Clock::time_point end) {
+  if (waitMs < 0) {
+    return kForever;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+}  // namespace
+
+TerminalIo& terminal() {
+  return *currentTerminal;
+}
+void useTerminal(TerminalIo* replacement) {
+  currentTerminal = replacement != nullptr ? replacement : &realTerminal;
+}
+
+bool RealTerminal::inputIsTerminal() const {
+  return isatty(STDIN_FILENO) == 1;
+}
+
+bool RealTerminal::usable() const {
+  if (!inputIsTerminal()) {
+    return false;
+  }
+  if (const char* name = std::getenv("TERM"); name != nullptr) {
+    for (const char* dumb : kDumbTerminals) {
+      if (strcasecmp(name, dumb) == 0) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+TerminalSize RealTerminal::size() const {
+  winsize window{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0) {
+    return {};
+  }
+  TerminalSize size;
+  size.rows = window.ws_row < 2 ? size.rows : window.ws_row;
+  size.cols = window.ws_col < 2 ? size.cols : window.ws_col;
+  return size;
+}
+
+/// True when a byte (or the end of input) can be read; else `other` says what happened instead.
+bool RealTerminal::waitForInput(int waitMs, Input& other) {
+  const auto end = Clock::now() + std::chrono::milliseconds(waitMs > 0 ? waitMs : 0);
+  while (true) {
+    if (endRequested() || inputEnded_ || outputEnded_.load()) {
+      other = {InputKind::End};
+      return false;
+    }
+    if (signals::takeContinued() && raw_) {
+      raw_ = false;
+      takeRaw();  // whoever had the terminal meanwhile has set it for itself
+      other = {InputKind::Resized};
+      return false;
+    }
+    if (signals::takeResized()) {
+      other = {InputKind::Resized};
+      return false;
+    }
+    pollfd watched[2] = {{STDIN_FILENO, POLLIN, 0}, {signals::wakeDescriptor(), POLLIN, 0}};
+    const int ready = poll(watched, 2, remainingMs(waitMs, end));
+    if (ready == 0) {
+      other = {InputKind::Timeout};
+      return false;
+    }
+    if (ready > 0 && watched[1].revents != 0) {
+      signals::drainWake();
+    } else if (ready > 0) {
+      return true;
+    }
+  }
+}
+
+Input RealTerminal::read(int waitMs) {
+  while (true) {
+    Input input{InputKind::Byte};
+    if (!waitForInput(waitMs, input)) {
+      return input;
+    }
+    const ssize_t count = ::read(STDIN_FILENO, &input.byte, 1);
+    if (count == 1) {
+      return input;
+    }
+    if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+      inputEnded_ = true;
+    }
+  }
+}
+
+bool RealTerminal::pending() {
+  pollfd watched = {STDIN_FILENO, POLLIN, 0};
+  return poll(&watched, 1, 0) == 1 && (watched.revents & POLLIN) != 0;
+}
+
+void RealTerminal::write(std::string_view bytes) {
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() || std::fflush(stdout) != 0) {
+    outputEnded_.store(true);
+  }
+}
+
+void RealTerminal::print(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void RealTerminal::takeRaw() {
+  if (raw_) {
+    return;
+  }
+  if (tcgetattr(STDIN_FILENO, &saved_) != 0) {
+    std::perror("tcsetattr");
+    return;
+  }
+  signals::setSavedSettings(saved_);
+  termios raw = saved_;
+  raw.c_lflag &= ~static_cast<tcflag_t>(ISIG | ICANON | ECHO);
+  raw.c_iflag &= ~static_cast<tcflag_t>(IXON);  // or Ctrl-S would stop the terminal and never arrive
+  raw.c_cc[VMIN] = 1;
+  raw.c_cc[VTIME] = 0;
+  if (tcsetattr(STDIN_FILENO, TCSANOW, &raw) != 0) {
+    std::perror("tcsetattr");
+  }
+  raw_ = true;
+}
+
+void RealTerminal::restore() {
+  if (!raw_) {
+    return;
+  }
+  raw_ = false;
+  while (tcsetattr(STDIN_FILENO, TCSADRAIN, &saved_) != 0) {
+    if (errno != EINTR) {
+      if (errno != EIO) {  // a terminal that hung up has no settings left to restore
+        std::perror("tcsetattr");
+      }
+      break;
+    }
+  }
+  signals::clearSavedSettings();
+}
+
+bool RealTerminal::runClear() {
+  return std::system("clear") == 0;
+}
+
+}  // namespace lineeditor

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <termios.h>
+
+#include <atomic>
+
+#include "TerminalIo.h"
+
+namespace lineeditor {
+
+/// Standard input and standard output of the process.
+class RealTerminal : public TerminalIo {
+ public:
+  bool inputIsTerminal() const override;
+  bool usable() const override;
+  TerminalSize size() const override;
+  Input read(int waitMs) override;
+  bool pending() override;
+  void write(std::string_view bytes) override;
+  void print(std::string_view text) override;
+  void takeRaw() override;
+  void restore() override;
+  bool runClear() override;
+
+ private:
+  bool waitForInput(int waitMs, Input& other);
+
+  termios saved_{};
+  bool raw_ = false;
+  bool inputEnded_ = false;
+  std::atomic<bool> outputEnded_{false};  ///< notices are written on another thread
+};
+
+}  // namespace lineeditor

@@ -1,0 +1,132 @@
+#include "lineeditor/Signals.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "SignalState.h"
+
+namespace lineeditor {
+
+namespace {
+
+std::atomic<bool> endFlag{false};
+std::atomic<bool> resizedFlag{false};
+std::atomic<bool> continuedFlag{false};
+std::atomic<int> wakeRead{-1};
+std::atomic<int> wakeWrite{-1};
+
+termios savedSettings;  // read by fatal handlers, only while settingsSaved
+std::atomic<bool> settingsSaved{false};
+
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+
+void wake() {
+  const int saved = errno;
+  if (write(wakeWrite.load(), "", 1) < 0) {
+    // full: a wake-up is on its way already
+  }
+  errno = saved;
+}
+
+void onEnd(int /*signal*/) {
+  endFlag.store(true);
+  wake();
+}
+
+void onResize(int /*signal*/) {
+  resizedFlag.store(true);
+  wake();
+}
+
+void onContinue(int /*signal*/) {
+  continuedFlag.store(true);
+  wake();
+}
+
+/// Gives the terminal back, then dies of the signal as if nobody had caught it (SA_RESETHAND).
+void onFatal(int signal) {
+  if (settingsSaved.load()) {
+    tcsetattr(STDIN_FILENO, TCSANOW, &savedSettings);
+  }
+  raise(signal);
+}
+
+struct SignalRow {
+  int signal;
+  void (*handler)(int);
+  unsigned flags;
+};
+
+const SignalRow kSignals[] = {
+    {SIGHUP, onEnd, 0},
+    {SIGTERM, onEnd, 0},
+    {SIGINT, onEnd, 0},
+    {SIGWINCH, onResize, SA_RESTART},
+    {SIGCONT, onContinue, SA_RESTART},
+    {SIGPIPE, SIG_IGN, 0},
+    {SIGQUIT, onFatal, SA_RESETHAND},
+    {SIGABRT, onFatal, SA_RESETHAND},
+#ifndef TAV_SANITIZED  // the sanitizers report these themselves
+    {SIGSEGV, onFatal, SA_RESETHAND},
+    {SIGBUS, onFatal, SA_RESETHAND},
+    {SIGILL, onFatal, SA_RESETHAND},
+    {SIGFPE, onFatal, SA_RESETHAND},
+#endif
+};
+
+}  // namespace
+
+void installSignalHandlers() {
+  int ends[2];
+  if (wakeRead.load() < 0 && pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0) {
+    wakeWrite.store(ends[1]);
+    wakeRead.store(ends[0]);
+  }
+  for (const SignalRow& row : kSignals) {
+    struct sigaction action {};
+    action.sa_handler = row.handler;
+    action.sa_flags = static_cast<int>(row.flags);
+    sigemptyset(&action.sa_mask);
+    sigaction(row.signal, &action, nullptr);
+  }
+}
+
+bool endRequested() {
+  return endFlag.load();
+}
+
+namespace signals {
+
+int wakeDescriptor() {
+  return wakeRead.load();
+}
+
+void drainWake() {
+  char bytes[64];
+  while (read(wakeRead.load(), bytes, sizeof bytes) > 0) {
+  }
+}
+
+bool takeResized() {
+  return resizedFlag.exchange(false);
+}
+bool takeContinued() {
+  return continuedFlag.exchange(false);
+}
+
+void setSavedSettings(const termios& settings) {
+  savedSettings = settings;
+  settingsSaved.store(true);
+}
+
+void clearSavedSettings() {
+  settingsSaved.store(false);
+}
+
+}  // namespace signals
+
+}  // namespace lineeditor

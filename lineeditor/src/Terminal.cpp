@@ -1,0 +1,185 @@
+#include "lineeditor/Terminal.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "Display.h"
+#include "Input.h"
+#include "Output.h"
+#include "Sequences.h"
+#include "TerminalIo.h"
+
+namespace lineeditor {
+
+std::string outputBuffer;
+std::int32_t pagerLines = 0;
+
+namespace {
+
+constexpr int kMaxReplyBytes = 31;
+
+std::string formatted(const char* format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+  return text;
+}
+
+/// Shows the pager's prompt, waits for a key, takes the prompt away. On a usable terminal the display does
+/// it, so that a notice in between finds its way around the prompt.
+Key askPager() {
+  Display& display = Display::instance();
+  const std::string_view prompt = kPagerPrompt;
+  int rows = 0;
+  int cols = 0;
+  screenSize(rows, cols);
+  const bool inPlace = !display.inTranscript() && static_cast<int>(prompt.size()) < cols;
+  if (terminalUsable()) {
+    Content content;
+    content.prompt = prompt;
+    display.show(content);
+  } else {
+    const std::lock_guard guard(outputMutex());
+    outputBuffer += prompt;
+  }
+  const Key key = InputReader::instance().readKeyStandingAlone();
+  if (terminalUsable() && !inPlace) {
+    display.inTranscript() ? display.show(Content{}) : display.remove();
+    return key;
+  }
+  display.forget();
+  const std::lock_guard guard(outputMutex());
+  const std::string back(prompt.size(), '\b');
+  outputBuffer += back + std::string(prompt.size(), ' ') + back;
+  return key;
+}
+
+}  // namespace
+
+void writeBuffered(std::string_view bytes) {
+  if (terminalUsable()) {
+    const std::lock_guard guard(outputMutex());
+    outputBuffer += bytes;
+  }
+}
+
+std::mutex& outputMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+void flushOutputLocked() {
+  terminal().write(outputBuffer);
+  outputBuffer.clear();
+}
+
+void flushOutput() {
+  const std::lock_guard guard(outputMutex());
+  flushOutputLocked();
+}
+
+bool terminalUsable() {
+  return terminal().usable();
+}
+
+int readKey() {
+  return InputReader::instance().readByteStandingAlone();
+}
+
+void screenSize(int& rows, int& cols) {
+  const TerminalSize size = terminal().size();
+  rows = size.rows;
+  cols = size.cols;
+}
+
+int cursorPosition(int& row, int& col) {
+  if (!terminalUsable()) {
+    return -1;
+  }
+  writeBuffered(sequence::kAskCursor);
+  std::string reply;
+  while (reply.size() < kMaxReplyBytes && (reply.empty() || reply.back() != 'R')) {
+    const int byte = readKey();
+    if (byte == 0) {
+      return -1;
+    }
+    reply += static_cast<char>(byte);
+  }
+  int readRow = 0;
+  int readCol = 0;
+  if (std::sscanf(reply.c_str(), "\033[%9d;%9dR", &readRow, &readCol) != 2) {
+    return -1;
+  }
+  row = readRow - 1;
+  col = readCol - 1;
+  return 0;
+}
+
+void setCursor(int row, int col) {
+  writeBuffered(sequence::position(row, col));
+}
+void moveCursor(int rows, int cols) {
+  writeBuffered(sequence::move(rows, cols));
+}
+void showCursor(int hide) {
+  writeBuffered(sequence::cursorShown(hide == 0));
+}
+void setColour(std::uint32_t attribute) {
+  writeBuffered(sequence::colour(attribute));
+}
+
+void colourPrint(std::uint32_t attribute, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = formatted(format, arguments);
+  va_end(arguments);
+  setColour(attribute);
+  terminal().print(text);
+  setColour(0);
+}
+
+void plainPrint(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = formatted(format, arguments);
+  va_end(arguments);
+  terminal().print(text);
+}
+
+void clearScreen() {
+  flushOutput();
+  if (!terminal().runClear()) {
+    writeBuffered(sequence::kClear);
+  }
+}
+
+int pageBreak(int length) {
+  if (!terminal().inputIsTerminal()) {
+    return 0;
+  }
+  int rows = 0;
+  int cols = 0;
+  screenSize(rows, cols);
+  pagerLines += (length + cols - 1) / cols;
+  if (pagerLines < rows - 1) {
+    return 0;
+  }
+  const Key key = askPager();
+  resetPager();
+  return continuesListing(key) ? 0 : 1;
+}
+
+void resetPager() {
+  pagerLines = 0;
+}
+
+void restoreTerminal() {
+  Display::instance().closeOpenRow();
+  flushOutput();
+  terminal().restore();
+}
+
+}  // namespace lineeditor
