@@ -7,27 +7,27 @@
 namespace agent {
 
 /// How one scanned entry ended. Nothing is clean that was not scanned whole.
-enum class Outcome { kClean, kInfected, kError, kSkipped };
+enum class Outcome : std::uint8_t { kClean, kInfected, kError, kSkipped };
 
 struct Detection {
-  std::string name;      ///< of the detection
-  int engineCode = 0;    ///< json::Engine
-  int riskType = 0;      ///< 0 virus, 1 test file, 2 heuristic, 3 rejected by the administrator
+  std::string name;    ///< of the detection
+  int engineCode = 0;  ///< json::Engine
+  int riskType = 0;    ///< 0 virus, 1 test file, 2 heuristic, 3 rejected by the administrator
   std::string riskTypeName;
 };
 
 struct Verdict {
   Outcome outcome = Outcome::kError;
-  std::string reason;                  ///< why, for kError and kSkipped: one line
-  std::vector<Detection> detections;   ///< for kInfected, at least one
-  std::string md5, sha1, sha256;       ///< lower-case hexadecimal, when wanted; of a detection always
+  std::string reason;                 ///< why, for kError and kSkipped: one line
+  std::vector<Detection> detections;  ///< for kInfected, at least one
+  std::string md5, sha1, sha256;      ///< lower-case hexadecimal, when wanted; of a detection always
 };
 
 /// What a scan is told for each file.
 struct ScanOptions {
-  bool archives = true;                     ///< unpack at all
-  std::uint32_t maxLayers = 16;             ///< nested archives
-  std::uint64_t maxArchiveBytes = 0;        ///< larger archives are skipped with a reason; 0: no limit of ours
+  bool archives = true;               ///< unpack at all
+  std::uint32_t maxLayers = 16;       ///< nested archives
+  std::uint64_t maxArchiveBytes = 0;  ///< larger archives are skipped with a reason; 0: no limit of ours
   std::vector<std::string> archiveFormats;  ///< lower-case endings that are unpacked; empty: all
   std::uint32_t enabledEngines = 0x3FF;     ///< bit n: engine code n
   bool hashesWanted = false;                ///< fill md5/sha1/sha256 of clean files too

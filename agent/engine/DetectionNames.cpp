@@ -1,0 +1,129 @@
+#include "engine/DetectionNames.h"
+
+#include <algorithm>
+#include <array>
+
+#include "json/CppJson.h"
+
+namespace agent {
+namespace {
+
+constexpr std::string_view kUnofficial = ".UNOFFICIAL";  // added by libclamav to names from text files
+
+// Alerts that say that something was left out. The first row whose name begins the alert's counts.
+struct NotScannedRow {
+  std::string_view beginning;
+  const char* reason;
+};
+constexpr NotScannedRow kNotScanned[] = {
+    {"Heuristics.Limits.Exceeded.MaxFileSize", "larger than the engine's limit for one file or member"},
+    {"Heuristics.Limits.Exceeded.MaxScanSize", "more data in it than the engine's limit for one scan"},
+    {"Heuristics.Limits.Exceeded.MaxFiles", "more members than the engine's limit"},
+    {"Heuristics.Limits.Exceeded.MaxRecursion", "nested deeper than the engine's limit"},
+    {"Heuristics.Limits.Exceeded.MaxScanTime", "the scan took longer than the engine's limit"},
+    {"Heuristics.Limits.Exceeded.Email", "a mail with more parts or headers than the engine's limit"},
+    {"Heuristics.Limits.Exceeded", "a limit of the engine was reached"},
+    {"Heuristics.Encrypted", "encrypted: its content cannot be scanned"},
+    {"Heuristics.Zip.OverlappingFiles", "its members overlap: they were not all unpacked"},
+    {"Heuristics.XZ.DicSizeLimit", "needs more memory to unpack than the engine's limit"},
+};
+
+// Whose a detection is: the first row that matches. `part`: a whole dotted part of the name, any of the
+// blank-separated ones; empty: the beginning alone decides.
+struct EngineRow {
+  std::string_view beginning;
+  std::string_view parts;
+  int code;
+};
+constexpr EngineRow kEngineRows[] = {
+    {"TAV.Hash.", "", json::kEngineRdaOld},
+    {"TAV.", "", json::kEngineRda},
+    {"Heuristics.", "", json::kEngineUmb},
+    {"BC.", "", json::kEngineBytecode},
+    {"PUA.", "", json::kEngineUnwanted},
+    {"", "Js Vbs Php Ps1 Html Asp Perl Py Sh Script", json::kEngineIxo},
+    {"", "Doc Xls Ppt Pdf Rtf Ole2 Docx Xml Email Hwp", json::kEngineDocument},
+    {"", "", json::kEngineHc},
+};
+
+// What kind of risk a name tells: the first row of which one part stands in the name.
+struct RiskRow {
+  std::string_view parts;
+  int type;
+  const char* name;
+};
+constexpr RiskRow kRiskRows[] = {
+    {"Test TEST Eicar EICAR Eicar-Test-Signature", kRiskTestFile, "测试文件"},
+    {"Heuristics", kRiskHeuristic, "可疑文件"},
+    {"PUA", kRiskHeuristic, "潜在有害程序"},
+    {"Ransomware Ransom", kRiskVirus, "勒索病毒"},
+    {"Trojan Dropper Downloader Spyware Keylogger Infostealer Packed", kRiskVirus, "木马"},
+    {"Backdoor Rootkit Webshell Botnet", kRiskVirus, "后门"},
+    {"Worm", kRiskVirus, "蠕虫"},
+    {"Exploit", kRiskVirus, "漏洞利用程序"},
+    {"Coinminer Miner", kRiskVirus, "挖矿程序"},
+    {"Phishing", kRiskVirus, "钓鱼文件"},
+    {"Adware", kRiskVirus, "广告程序"},
+    {"Macro", kRiskVirus, "宏病毒"},
+    {"", kRiskVirus, "病毒"},
+};
+
+std::string_view nextWord(std::string_view& rest, char separator) {
+  const auto end = rest.find(separator);
+  const auto word = rest.substr(0, end);
+  rest = end == std::string_view::npos ? std::string_view{} : rest.substr(end + 1);
+  return word;
+}
+
+bool hasAnyPart(std::string_view name, std::string_view parts) {
+  while (!parts.empty()) {
+    const auto part = nextWord(parts, ' ');
+    std::string_view rest = name;
+    while (!rest.empty()) {
+      if (nextWord(rest, '.') == part) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+int engineOf(std::string_view name) {
+  const auto* row = std::find_if(std::begin(kEngineRows), std::end(kEngineRows), [&](const EngineRow& r) {
+    return name.starts_with(r.beginning) && (r.parts.empty() || hasAnyPart(name, r.parts));
+  });
+  return row->code;  // the last row takes all
+}
+
+const RiskRow& riskOf(std::string_view name) {
+  return *std::find_if(std::begin(kRiskRows), std::end(kRiskRows),
+                       [&](const RiskRow& r) { return r.parts.empty() || hasAnyPart(name, r.parts); });
+}
+
+}  // namespace
+
+Find readFind(std::string_view libraryName) {
+  Find find;
+  for (const auto& row : kNotScanned) {
+    if (libraryName.starts_with(row.beginning)) {
+      find.kind = FindKind::kNotScanned;
+      find.reason = row.reason;
+      return find;
+    }
+  }
+  std::string_view name = libraryName;
+  if (name.starts_with("TAV.") && name.ends_with(kUnofficial)) {
+    name.remove_suffix(kUnofficial.size());
+  }
+  const auto& risk = riskOf(name);
+  find.detection.name = std::string(name);
+  find.detection.engineCode = engineOf(name);
+  find.detection.riskType = risk.type;
+  find.detection.riskTypeName = risk.name;
+  if (risk.type == kRiskHeuristic) {
+    find.kind = FindKind::kHeuristic;
+  }
+  return find;
+}
+
+}  // namespace agent

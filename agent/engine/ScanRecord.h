@@ -1,0 +1,66 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/ArchiveKinds.h"
+#include "engine/DetectionNames.h"
+#include "engine/ScanTypes.h"
+
+namespace agent {
+
+/// What libclamav lets be known while it scans one file, and what follows from it. The engine's callbacks
+/// report here; nothing here calls libclamav.
+class ScanRecord {
+ public:
+  /// maxFileBytes: as libclamav was told; a member of exactly that size has been cut.
+  ScanRecord(const ScanOptions& options, std::uint64_t maxFileBytes)
+      : options_(options), maxFileBytes_(maxFileBytes) {}
+
+  struct Layer {
+    std::string_view type;  ///< libclamav's file type
+    std::string_view name;
+    std::uint32_t level = 0;  ///< 0: the file itself
+    const char* data = nullptr;
+    std::size_t size = 0;
+  };
+  /// A file, the outer one or one inside, is about to be scanned. False: leave it out.
+  bool onLayer(const Layer& layer);
+  /// A container names a member. realBytes: unpacked, on the container's word.
+  void onMember(std::string_view container, std::string_view name, std::uint64_t realBytes, bool encrypted);
+  void onFind(std::string_view libraryName);
+  /// The library reports that something failed.
+  void onFailure(std::string_view message);
+  /// The scan has ended with libclamav's word on a failure, or an empty text.
+  Verdict finish(std::string_view failure);
+
+  /// A temporary file could not be written: it was larger than allowed or the disk is full.
+  bool tempFull() const { return tempFull_; }
+
+ private:
+  static constexpr std::size_t kLevels = 128;  // above libclamav's own limit
+  struct Open {
+    const ArchiveKind* kind = nullptr;
+    bool entered = false;
+    bool yielded = false;
+    std::string name;
+  };
+
+  void closeFrom(std::size_t level);
+  bool mayUnpack(const ArchiveKind& kind, const Layer& layer);
+  bool counts(const Detection& detection, FindKind kind) const;
+  void leaveOut(std::string_view name, std::uint32_t level, const std::string& why, std::string& into);
+
+  const ScanOptions& options_;
+  std::uint64_t maxFileBytes_;
+  std::array<Open, kLevels> open_;
+  std::vector<Detection> detections_;
+  std::string error_;    // the first reason why the file was not scanned whole
+  std::string skipped_;  // the first reason of the settings' making
+  bool tempFull_ = false;
+};
+
+}  // namespace agent

@@ -1,0 +1,201 @@
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+#include "worker/Messages.h"
+#include "worker/SpawnerImpl.h"
+#include "worker/SpawnerProcess.h"
+
+namespace agent {
+namespace {
+
+constexpr int kMostFailures = 3;
+
+bool waitReadable(const Channel& channel, std::chrono::milliseconds limit) {
+  pollfd waiting{channel.fd(), POLLIN, 0};
+  return poll(&waiting, 1, static_cast<int>(std::max<std::chrono::milliseconds::rep>(limit.count(), 0))) != 0;
+}
+
+}  // namespace
+
+Spawner::Impl::Impl(Config config) : config_(std::move(config)) {
+  auto [ours, theirs] = Channel::pair();
+  if (!ours) {
+    throw std::system_error(errno, std::generic_category(), "no socket pair for the spawner");
+  }
+  const pid_t self = getpid();
+  pid_ = fork();
+  if (pid_ < 0) {
+    throw std::system_error(errno, std::generic_category(), "the spawner cannot be forked");
+  }
+  if (pid_ == 0) {
+    ours.close();
+    runSpawner(config_, std::move(theirs), self);
+  }
+  spawner_ = std::move(ours);
+  restartTemplate();
+}
+
+Spawner::Impl::~Impl() {
+  template_.reset();
+  spawner_.close();
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+Spawner::Impl::Template Spawner::Impl::startTemplate(std::string& problem) {
+  auto [ours, theirs] = Channel::pair();
+  if (!ours) {
+    problem = "no socket pair: " + std::generic_category().message(errno);
+    return nullptr;
+  }
+  if (!spawner_.send(encode(ForkRequest{}), theirs.fd())) {
+    problem = "the spawner process has ended: nothing can be scanned until the agent is started again";
+    return nullptr;
+  }
+  return std::make_shared<const Channel>(std::move(ours));
+}
+
+// With the mutex held, or before anybody else knows of us.
+void Spawner::Impl::restartTemplate() {
+  ++generation_;
+  std::string problem;
+  template_ = startTemplate(problem);
+  state_.loading = template_ != nullptr;
+  if (!template_) {
+    state_ = SignatureState{};
+    state_.detail = problem;
+  }
+}
+
+// Reads what the template has said. With the mutex held.
+void Spawner::Impl::absorb() {
+  while (template_) {
+    Channel::Packet packet;
+    const auto received = template_->receive(packet, false);
+    if (received == Channel::Received::kNothing) {
+      return;
+    }
+    const auto report =
+        received == Channel::Received::kPacket ? decode<StateReport>(packet.bytes) : std::nullopt;
+    if (report) {
+      state_ = report->state;
+      failures_ = 0;
+      continue;
+    }
+    const bool whileLoading = state_.loading;
+    template_.reset();
+    if (!whileLoading && !state_.loaded) {
+      return;  // it ended because there was nothing to load: its report stands
+    }
+    if (whileLoading && ++failures_ >= kMostFailures) {
+      state_ = SignatureState{};
+      state_.detail = "the process that loads the signatures died " + std::to_string(failures_) + " times";
+      return;
+    }
+    restartTemplate();
+  }
+}
+
+SignatureState Spawner::Impl::state() {
+  const std::lock_guard lock(mutex_);
+  absorb();
+  return state_;
+}
+
+SignatureState Spawner::Impl::waitLoaded(std::chrono::milliseconds limit) {
+  const auto end = Clock::now() + limit;
+  for (;;) {
+    Template waiting;
+    {
+      const std::lock_guard lock(mutex_);
+      absorb();
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+      if (!state_.loading || left.count() <= 0) {
+        return state_;
+      }
+      waiting = template_;
+    }
+    waitReadable(*waiting, std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()));
+  }
+}
+
+std::optional<SignatureState> Spawner::Impl::awaitReport(const Template& fresh) {
+  Channel::Packet packet;
+  if (fresh->receive(packet, true) != Channel::Received::kPacket) {
+    return std::nullopt;
+  }
+  const auto report = decode<StateReport>(packet.bytes);
+  return report ? std::optional(report->state) : std::nullopt;
+}
+
+bool Spawner::Impl::reload(std::string* why) {
+  const std::lock_guard oneAtATime(reloadMutex_);
+  std::string problem;
+  Template fresh;
+  {
+    const std::lock_guard lock(mutex_);
+    fresh = startTemplate(problem);
+  }
+  const auto report = fresh ? awaitReport(fresh) : std::nullopt;
+  if (!report || !report->loaded) {
+    if (why != nullptr) {
+      *why = report ? report->detail : fresh ? "the process that loads the signatures died" : problem;
+    }
+    return false;
+  }
+  const std::lock_guard lock(mutex_);
+  template_ = fresh;
+  state_ = *report;
+  failures_ = 0;
+  ++generation_;
+  return true;
+}
+
+Spawner::Impl::Forked Spawner::Impl::forkWorker() {
+  const std::lock_guard lock(mutex_);
+  absorb();
+  Forked forked;
+  if (state_.loading) {
+    forked.loading = template_;
+    return forked;
+  }
+  if (!template_) {
+    forked.problem = state_.detail;
+    return forked;
+  }
+  auto [ours, theirs] = Channel::pair();
+  if (!ours || !template_->send(encode(ForkRequest{}), theirs.fd())) {
+    forked.problem = "no worker can be asked for: " + std::generic_category().message(errno);
+    return forked;
+  }
+  forked.channel = std::move(ours);
+  forked.generation = generation_;
+  return forked;
+}
+
+unsigned Spawner::Impl::generation() {
+  const std::lock_guard lock(mutex_);
+  return generation_;
+}
+
+Spawner::Spawner(Config config) : impl_(std::make_unique<Impl>(std::move(config))) {}
+Spawner::~Spawner() = default;
+
+SignatureState Spawner::signatureState() const {
+  return impl_->state();
+}
+
+SignatureState Spawner::waitLoaded(std::chrono::milliseconds limit) const {
+  return impl_->waitLoaded(limit);
+}
+
+bool Spawner::reload(std::string* why) {
+  return impl_->reload(why);
+}
+
+}  // namespace agent

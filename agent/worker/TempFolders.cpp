@@ -1,0 +1,137 @@
+#include "worker/TempFolders.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+namespace agent {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kMemory = "/dev/shm";
+constexpr const char* kPrefix = "tavagent-";
+
+bool isInMemory(const char* path) {
+  struct statfs status {};
+  return statfs(path, &status) == 0 && status.f_type == TMPFS_MAGIC;
+}
+
+UniqueFd openFolder(const std::string& path) {
+  return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Ours, and locked by nobody: its spawner was killed.
+bool isLeftBehind(const std::string& path) {
+  const UniqueFd folder = openFolder(path);
+  struct stat status {};
+  return folder && fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() &&
+         flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+std::vector<std::string> entriesThatBegin(const std::string& parent, const std::string& beginning) {
+  std::error_code error;
+  std::vector<std::string> found;
+  for (fs::directory_iterator entry(parent, error), end; !error && entry != end; entry.increment(error)) {
+    if (entry->path().filename().string().starts_with(beginning)) {
+      found.push_back(entry->path().string());
+    }
+  }
+  return found;
+}
+
+void removeAll(const std::string& folder) {
+  std::error_code error;  // what cannot be removed is tried again by the next spawner
+  if (!folder.empty()) {
+    fs::remove_all(folder, error);
+  }
+}
+
+void removeLeftBehind(const std::string& parent) {
+  for (const auto& path : entriesThatBegin(parent, kPrefix)) {
+    if (isLeftBehind(path)) {
+      removeAll(path);
+    }
+  }
+}
+
+// Locked, and still the folder of that name: another spawner's clean-up may have come between.
+bool lockFolder(const std::string& path, UniqueFd& lock) {
+  lock = openFolder(path);
+  struct stat held {};
+  struct stat named {};
+  return lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0 && fstat(lock.get(), &held) == 0 &&
+         lstat(path.c_str(), &named) == 0 && held.st_ino == named.st_ino && held.st_dev == named.st_dev;
+}
+
+std::string diskParent(const std::string& wanted) {
+  if (!wanted.empty()) {
+    return wanted;
+  }
+  const char* fromEnvironment = std::getenv("TMPDIR");
+  return fromEnvironment != nullptr && *fromEnvironment == '/' ? fromEnvironment : "/tmp";
+}
+
+}  // namespace
+
+TempFolders::TempFolders(const std::string& disk) {
+  if (isInMemory(kMemory)) {
+    quick_ = make(kMemory, quickLock_);
+    problem_.clear();
+  }
+  disk_ = make(diskParent(disk), diskLock_);
+}
+
+std::string TempFolders::make(const std::string& parent, UniqueFd& lock) {
+  removeLeftBehind(parent);
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    std::string path = parent + "/" + kPrefix + "XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) {
+      problem_ = "no folder for temporary files in " + parent + ": " + std::generic_category().message(errno);
+      return {};
+    }
+    if (lockFolder(path, lock)) {
+      return path;
+    }
+  }
+  problem_ = "no folder for temporary files in " + parent + ": it is taken away as soon as it is made";
+  return {};
+}
+
+void TempFolders::remove() {
+  removeAll(quick_);
+  removeAll(disk_);
+}
+
+WorkerFolders WorkerFolders::make(const TempFolders& parents, unsigned number) {
+  const auto makeBelow = [number](const std::string& parent) -> std::string {
+    const std::string path = parent + "/" + std::to_string(getpid()) + "-" + std::to_string(number);
+    return !parent.empty() && mkdir(path.c_str(), 0700) == 0 ? path : std::string{};
+  };
+  return {makeBelow(parents.quick()), makeBelow(parents.disk())};
+}
+
+void WorkerFolders::remove() const {
+  removeAll(quick);
+  removeAll(disk);
+}
+
+void WorkerFolders::removeOf(const TempFolders& parents, int pid) {
+  for (const auto* parent : {&parents.quick(), &parents.disk()}) {
+    if (!parent->empty()) {
+      for (const auto& path : entriesThatBegin(*parent, std::to_string(pid) + "-")) {
+        removeAll(path);
+      }
+    }
+  }
+}
+
+}  // namespace agent

@@ -1,0 +1,109 @@
+#include "worker/WorkerProcess.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <initializer_list>
+
+#include "worker/Messages.h"
+#include "worker/Pidfd.h"
+
+namespace agent {
+namespace {
+
+// Where memory runs out a worker is the one to end, not the agent.
+void offerToMemoryKiller() {
+  const UniqueFd file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
+  if (file) {
+    [[maybe_unused]] const ssize_t written = write(file.get(), "500", 3);
+  }
+}
+
+ScanAnswer answer(Engine& engine, const ScanRequest& request, int fd) {
+  ScanAnswer result;
+  result.id = request.id;
+  try {
+    result.verdict = engine.scan(fd, request.name, request.options);
+  } catch (const std::exception& error) {
+    result.verdict = Verdict{};
+    result.verdict.reason = std::string("the engine failed: ") + error.what();
+  }
+  return result;
+}
+
+}  // namespace
+
+bool becomeChild(const char* name, int parentPid) {
+  prctl(PR_SET_NAME, name);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGUSR1, SIGUSR2}) {
+    std::signal(signal, SIG_IGN);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  return getppid() == parentPid;
+}
+
+int keepOnly(int fd) {
+  UniqueFd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (nowhere) {
+    dup2(nowhere.get(), STDIN_FILENO);
+    dup2(nowhere.get(), STDOUT_FILENO);
+  }
+  nowhere.reset();
+  constexpr int kKept = 3;
+  if (fd != kKept) {
+    dup3(fd, kKept, O_CLOEXEC);
+  }
+  close_range(kKept + 1, ~0U, 0);
+  return kKept;
+}
+
+void confineWorker(const WorkerStart& start) {
+  offerToMemoryKiller();
+  umask(0077);
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_CORE, &none);  // a core would hold the content of files
+  prctl(PR_SET_DUMPABLE, 0);
+  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  if (chdir(start.folders.disk.c_str()) != 0) {
+    _exit(1);
+  }
+}
+
+void runWorker(Engine& engine, WorkerStart start) {
+  start.agent = Channel(UniqueFd(keepOnly(start.agent.takeFd().release())));
+  WorkerHello hello;
+  hello.pid = getpid();
+  UniqueFd self(pidfd_open(getpid(), 0));
+  confineWorker(start);
+  engine.setTempFolders(start.folders.quick, start.folders.disk);
+  if (!start.agent.send(encode(hello), self.get())) {
+    _exit(1);
+  }
+  self.reset();
+  Channel::Packet packet;
+  while (start.agent.receive(packet, true) == Channel::Received::kPacket) {
+    const auto request = decode<ScanRequest>(packet.bytes);
+    if (!request || !packet.fd) {
+      _exit(1);
+    }
+    if (start.beforeFile) {
+      start.beforeFile(request->name);
+    }
+    const ScanAnswer result = answer(engine, *request, packet.fd.get());
+    packet.fd.reset();
+    if (!start.agent.send(encode(result))) {
+      break;
+    }
+  }
+  _exit(0);
+}
+
+}  // namespace agent

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "engine/Engine.h"
+#include "support/ArchiveMaker.h"
+#include "support/Samples.h"
+#include "support/TempDir.h"
+
+namespace agent::testing {
+
+inline const std::string kShippedSignatures = TAV_SOURCE_DIR "/packaging/etc/agent/signatures";
+
+inline void PrintTo(Outcome outcome, std::ostream* out) {
+  static constexpr const char* kNames[] = {"clean", "infected", "error", "skipped"};
+  *out << kNames[static_cast<int>(outcome)];
+}
+
+/// Everything of a verdict in one text, for messages of failed tests.
+inline std::string describe(const Verdict& verdict) {
+  std::string text = ::testing::PrintToString(static_cast<int>(verdict.outcome)) + " " + verdict.reason;
+  for (const auto& detection : verdict.detections) {
+    text += " [" + detection.name + "]";
+  }
+  return text;
+}
+
+/// An engine with the shipped signatures and limits that small files reach.
+class EngineFixture : public ::testing::Test {
+ protected:
+  static EngineLimits smallLimits() {
+    EngineLimits limits;
+    limits.maxFileBytes = 1U << 20;
+    limits.maxScanBytes = 4U << 20;
+    limits.maxFiles = 50;
+    limits.maxRecursion = 12;
+    limits.maxScanMs = 60000;
+    return limits;
+  }
+
+  Engine& engine() {
+    if (!engine_) {
+      load(smallLimits());
+    }
+    return *engine_;
+  }
+  void load(const EngineLimits& limits, const std::string& systemSignatures = "/nonexistent") {
+    engine_ = Engine::load({kShippedSignatures, systemSignatures, limits}, state_);
+    if (!engine_) {
+      throw std::runtime_error("the engine does not load: " + state_.detail);
+    }
+    mkdir(dir_.at("quick").c_str(), 0700);
+    mkdir(dir_.at("disk").c_str(), 0700);
+    engine_->setTempFolders(dir_.at("quick"), dir_.at("disk"));
+  }
+  const SignatureState& state() const { return state_; }
+
+  Verdict scan(const std::string& content, const ScanOptions& options = {},
+               const std::string& name = "sample") {
+    return scanPath(dir_.write(name, content), options);
+  }
+  Verdict scanPath(const std::string& path, const ScanOptions& options = {}) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    Verdict verdict = engine().scan(fd, path, options);
+    close(fd);
+    return verdict;
+  }
+  const testsupport::TempDir& dir() const { return dir_; }
+
+ private:
+  testsupport::TempDir dir_;
+  SignatureState state_;
+  std::unique_ptr<Engine> engine_;
+};
+
+}  // namespace agent::testing

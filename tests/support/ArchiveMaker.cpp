@@ -1,0 +1,198 @@
+#include "support/ArchiveMaker.h"
+
+#include <zlib.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+namespace testsupport {
+namespace {
+
+std::uint32_t crcOf(std::string_view text) {
+  return static_cast<std::uint32_t>(
+      crc32(0, reinterpret_cast<const Bytef*>(text.data()), static_cast<uInt>(text.size())));
+}
+
+void put16(std::string& out, std::uint64_t value) {
+  out += static_cast<char>(value & 0xFF);
+  out += static_cast<char>((value >> 8) & 0xFF);
+}
+
+void put32(std::string& out, std::uint64_t value) {
+  put16(out, value & 0xFFFF);
+  put16(out, value >> 16 & 0xFFFF);
+}
+
+void put64(std::string& out, std::uint64_t value) {
+  put32(out, value & 0xFFFFFFFF);
+  put32(out, value >> 32);
+}
+
+// windowBits: -15 a bare deflate stream, 31 with a gzip header.
+std::string deflated(std::string_view content, int windowBits) {
+  z_stream stream{};
+  if (deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+    throw std::runtime_error("deflateInit2");
+  }
+  std::string out(deflateBound(&stream, content.size()) + 64, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
+  stream.avail_in = static_cast<uInt>(content.size());
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  const int result = deflate(&stream, Z_FINISH);
+  out.resize(stream.total_out);
+  deflateEnd(&stream);
+  if (result != Z_STREAM_END) {
+    throw std::runtime_error("deflate");
+  }
+  return out;
+}
+
+struct Packed {
+  std::string data;
+  std::uint64_t bytes;
+  std::uint32_t crc;
+  std::uint16_t method;
+};
+
+Packed pack(const ZipMember& member) {
+  Packed packed{member.deflate ? deflated(member.content, -15) : member.content, member.content.size(),
+                crcOf(member.content), static_cast<std::uint16_t>(member.deflate ? 8 : 0)};
+  if (member.encryptedFlag) {
+    packed.data.insert(0, 12, '\x5A');  // where the cipher's header stands
+  }
+  if (member.declaredBytes >= 0) {
+    packed.bytes = static_cast<std::uint64_t>(member.declaredBytes);
+  }
+  if (member.method >= 0) {
+    packed.method = static_cast<std::uint16_t>(member.method);
+  }
+  return packed;
+}
+
+// What local header and directory entry have in common.
+void putCommon(std::string& out, const ZipMember& member, const Packed& packed) {
+  put16(out, member.sizes64 ? 45 : 20);
+  put16(out, member.encryptedFlag ? 1 : 0);
+  put16(out, packed.method);
+  put32(out, 0x5A210000);  // a fixed time
+  put32(out, packed.crc);
+  put32(out, member.sizes64 ? 0xFFFFFFFF : packed.data.size());
+  put32(out, member.sizes64 ? 0xFFFFFFFF : packed.bytes);
+  put16(out, member.name.size());
+  put16(out, member.sizes64 ? 20 : 0);
+}
+
+void putExtra(std::string& out, const ZipMember& member, const Packed& packed) {
+  if (member.sizes64) {
+    put16(out, 1);
+    put16(out, 16);
+    put64(out, packed.bytes);
+    put64(out, packed.data.size());
+  }
+}
+
+}  // namespace
+
+std::string makeZip(const std::vector<ZipMember>& members) {
+  std::string out;
+  std::string directory;
+  for (const auto& member : members) {
+    const Packed packed = pack(member);
+    const std::size_t offset = out.size();
+    put32(out, 0x04034B50);
+    putCommon(out, member, packed);
+    out += member.name;
+    putExtra(out, member, packed);
+    out += packed.data;
+    put32(directory, 0x02014B50);
+    put16(directory, 20);
+    putCommon(directory, member, packed);
+    directory.append(10, '\0');  // comment, disk and attributes
+    put32(directory, offset);
+    directory += member.name;
+    putExtra(directory, member, packed);
+  }
+  const std::size_t start = out.size();
+  out += directory;
+  put32(out, 0x06054B50);
+  put32(out, 0);
+  put16(out, members.size());
+  put16(out, members.size());
+  put32(out, directory.size());
+  put32(out, start);
+  put16(out, 0);
+  return out;
+}
+
+std::string makeGzip(std::string_view content) {
+  return deflated(content, 31);
+}
+
+std::string makeTar(const std::vector<std::pair<std::string, std::string>>& members) {
+  std::string out;
+  for (const auto& [name, content] : members) {
+    std::array<char, 512> header{};
+    std::snprintf(header.data(), 100, "%s", name.c_str());
+    std::snprintf(header.data() + 100, 8, "0000644");
+    std::snprintf(header.data() + 108, 8, "0000000");
+    std::snprintf(header.data() + 116, 8, "0000000");
+    std::snprintf(header.data() + 124, 12, "%011zo", content.size());
+    std::snprintf(header.data() + 136, 12, "00000000000");
+    std::memset(header.data() + 148, ' ', 8);
+    header[156] = '0';
+    std::memcpy(header.data() + 257,
+                "ustar\0"
+                "00",
+                8);
+    unsigned sum = 0;
+    for (const char c : header) {
+      sum += static_cast<unsigned char>(c);
+    }
+    std::snprintf(header.data() + 148, 8, "%06o", sum);
+    out.append(header.data(), header.size());
+    out += content;
+    out.append((512 - content.size() % 512) % 512, '\0');
+  }
+  out.append(1024, '\0');
+  return out;
+}
+
+std::string makeRar(const std::string& name, std::string_view content) {
+  const auto block = [](char type, std::uint16_t flags, const std::string& body) {
+    std::string rest(1, type);
+    put16(rest, flags);
+    put16(rest, 7 + body.size());
+    rest += body;
+    std::string out;
+    put16(out, crcOf(rest) & 0xFFFF);
+    return out + rest;
+  };
+  std::string file;
+  put32(file, content.size());
+  put32(file, content.size());
+  file += '\3';
+  put32(file, crcOf(content));
+  put32(file, 0);
+  file += '\x14';
+  file += '\x30';
+  put16(file, name.size());
+  put32(file, 0x20);
+  file += name;
+  return std::string("Rar!\x1A\x07\0", 7) + block('\x73', 0, std::string(6, '\0')) +
+         block('\x74', 0x8000, file) + std::string(content) + block('\x7B', 0x4000, {});
+}
+
+std::string makeNestedZip(int layers, const std::string& name, const std::string& content) {
+  std::string inner = content;
+  std::string innerName = name;
+  for (int i = 0; i < layers; ++i) {
+    inner = makeZip({{innerName, inner}});
+    innerName = "layer" + std::to_string(i) + ".zip";
+  }
+  return inner;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace testsupport {
+
+/// One member of a zip file to be made. What differs from an honest zip is said field by field.
+struct ZipMember {
+  std::string name;
+  std::string content;
+  bool deflate = true;
+  bool sizes64 = false;             ///< sizes stand in the 64-bit extra field, 0xFFFFFFFF in their place
+  bool encryptedFlag = false;       ///< marked encrypted (the content is then not what it was)
+  std::int64_t declaredBytes = -1;  ///< the unpacked size written in the headers; -1: the true one
+  std::int32_t method = -1;         ///< the method written in the headers; -1: the true one
+};
+
+std::string makeZip(const std::vector<ZipMember>& members);
+std::string makeGzip(std::string_view content);
+/// ustar. Pairs of name and content.
+std::string makeTar(const std::vector<std::pair<std::string, std::string>>& members);
+/// RAR 4, stored.
+std::string makeRar(const std::string& name, std::string_view content);
+/// zip in zip in zip, `layers` of them, around one member.
+std::string makeNestedZip(int layers, const std::string& name, const std::string& content);
+
+}  // namespace testsupport
