@@ -1,0 +1,331 @@
+// The table of methods, row by row, and the stubs made of it.
+#include <gtest/gtest.h>
+
+#include "Recorders.h"
+#include "json/CppJson.h"
+#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/Holders.h"
+#include "support/FakeEndpoint.h"
+
+namespace rpctest {
+namespace {
+
+using enum jsonrpchelper::JsonKind;
+using jsonrpchelper::AgentStub;
+using jsonrpchelper::MethodRow;
+
+// Written out once more, by hand: what both sides of the bus have agreed on.
+const std::vector<MethodRow> kExpectedMethods = {
+    {"startScanTask",
+     {{"ctx", kAny}, {"desc", kString}, {"params", kAny}, {"source", kInteger}, {"token_id", kString}},
+     kObject},
+    {"ctlBus",
+     {{"action", kInteger},
+      {"detail", kString},
+      {"mark", kInteger},
+      {"payload", kAny},
+      {"source", kInteger},
+      {"token_id", kString}},
+     kBoolean},
+    {"getBusList", {}, kArray},
+    {"getAVConfig", {{"config_type", kInteger}, {"request_source", kInteger}}, kString},
+    {"setAVConfig",
+     {{"config_str", kString}, {"config_type", kInteger}, {"request_source", kInteger}},
+     kBoolean},
+    {"startDeIsolate",
+     {{"ctx", kAny}, {"desc", kString}, {"params", kAny}, {"source", kInteger}, {"token_id", kString}},
+     kObject},
+    {"getIsolationInfo", {}, kArray},
+    {"ctlRegion",
+     {{"desc", kString}, {"items", kAny}, {"region_type", kInteger}, {"source", kInteger}},
+     kBoolean},
+    {"getRegionInfo", {{"domain", kInteger}, {"item_type", kInteger}, {"region_type", kInteger}}, kArray},
+    {"cleanScanCache", {}, kNone},
+    {"getScanCacheDetail", {}, kInteger},
+};
+
+const std::vector<MethodRow> kExpectedNotifications = {
+    {"reportRiskInfo",
+     {{"business_type", kInteger},
+      {"fix_method", kInteger},
+      {"risk_info", kObject},
+      {"risk_info_type", kInteger},
+      {"token_id", kString}},
+     kNone},
+    {"reportRiskFixInfo",
+     {{"business_type", kInteger},
+      {"fix_method", kInteger},
+      {"risk_info", kObject},
+      {"risk_info_type", kInteger},
+      {"risk_repair_result", kObject},
+      {"token_id", kString}},
+     kNone},
+    {"reportScanBusOverView", {{"overview", kObject}, {"token_id", kString}}, kNone},
+    {"reportScanBusStage", {{"datail", kString}, {"stage", kInteger}, {"token_id", kString}}, kNone},
+    {"reportScanAttributeInfo", {{"payload", kObject}, {"source", kInteger}, {"token_id", kString}}, kNone},
+    {"reportBusStatus",
+     {{"ctx", kObject},
+      {"detail", kString},
+      {"params", kObject},
+      {"source", kInteger},
+      {"state", kInteger},
+      {"token_id", kString},
+      {"type", kInteger}},
+     kNone},
+    {"reportBusProgress", {{"progress", kInteger}, {"token_id", kString}}, kNone},
+};
+std::string caseName(const testing::TestParamInfo<MethodRow>& testCase) {
+  return rowName(testCase.param);
+}
+
+class MethodTable : public testing::TestWithParam<MethodRow> {};
+TEST_P(MethodTable, RowIsAsAgreed) {
+  EXPECT_EQ(rowNamed(jsonrpchelper::agentMethods(), rowName(GetParam())), GetParam());
+}
+INSTANTIATE_TEST_SUITE_P(AgentMethods, MethodTable, testing::ValuesIn(kExpectedMethods), caseName);
+
+class NotificationTable : public testing::TestWithParam<MethodRow> {};
+TEST_P(NotificationTable, RowIsAsAgreed) {
+  EXPECT_EQ(rowNamed(jsonrpchelper::consoleNotifications(), rowName(GetParam())), GetParam());
+}
+INSTANTIATE_TEST_SUITE_P(ConsoleNotifications, NotificationTable, testing::ValuesIn(kExpectedNotifications),
+                         caseName);
+
+TEST(MethodTables, HoldTheAgreedRowsAndNoOthers) {
+  EXPECT_EQ(jsonrpchelper::agentMethods(), kExpectedMethods);
+  EXPECT_EQ(jsonrpchelper::consoleNotifications(), kExpectedNotifications);
+}
+
+/// Calls a method of the stub with parameters given by name; the result as JSON.
+Json::Value callStub(AgentStub& stub, const std::string& name, const Json::Value& p) {
+  const auto text = [&](const char* key) { return p[key].asString(); };
+  const auto number = [&](const char* key) { return p[key].asInt(); };
+  if (name == "startScanTask") {
+    return stub.startScanTask(p["ctx"], text("desc"), p["params"], number("source"), text("token_id"));
+  }
+  if (name == "ctlBus") {
+    return stub.ctlBus(number("action"), text("detail"), number("mark"), p["payload"], number("source"),
+                       text("token_id"));
+  }
+  if (name == "getBusList") {
+    return stub.getBusList();
+  }
+  if (name == "getAVConfig") {
+    return stub.getAVConfig(number("config_type"), number("request_source"));
+  }
+  if (name == "setAVConfig") {
+    return stub.setAVConfig(text("config_str"), number("config_type"), number("request_source"));
+  }
+  if (name == "startDeIsolate") {
+    return stub.startDeIsolate(p["ctx"], text("desc"), p["params"], number("source"), text("token_id"));
+  }
+  if (name == "getIsolationInfo") {
+    return stub.getIsolationInfo();
+  }
+  if (name == "ctlRegion") {
+    return stub.ctlRegion(text("desc"), p["items"], number("region_type"), number("source"));
+  }
+  if (name == "getRegionInfo") {
+    return stub.getRegionInfo(number("domain"), number("item_type"), number("region_type"));
+  }
+  if (name == "getScanCacheDetail") {
+    return stub.getScanCacheDetail();
+  }
+  EXPECT_EQ(name, "cleanScanCache");
+  stub.cleanScanCache();
+  return {};
+}
+
+/// A stub over a fake endpoint whose other end answers with `result`.
+class Stub : public testing::TestWithParam<MethodRow> {
+ protected:
+  Stub()
+      : client(&endpoint, lunet::kAgentGuid, lunet::kRequestChannel, lunet::kOnewayChannel,
+               jsonrpchelper::kSyncTimeoutMs),
+        stub(client) {
+    endpoint.answer = [this](const std::string& request) {
+      Json::Value answer;
+      answer["jsonrpc"] = "2.0";
+      answer["id"] = parsed(request)["id"];
+      answer["result"] = result;
+      std::string text;
+      CppJson::WriteJsonToString(answer, text, 1);
+      return text;
+    };
+  }
+  bool isNotification() const { return GetParam().result == kNone; }
+
+  testsupport::FakeEndpoint endpoint;
+  jsonrpchelper::IJsonRpcClientHelper client;
+  AgentStub stub;
+  Json::Value result;
+};
+
+TEST_P(Stub, SendsItsParametersByNameAndGivesTheResult) {
+  result = sampleOf(GetParam().result, 3);
+  const Json::Value parameters = sampleParameters(GetParam());
+  EXPECT_EQ(callStub(stub, rowName(GetParam()), parameters), result);
+
+  ASSERT_EQ(endpoint.sent.size(), 1u);
+  EXPECT_EQ(endpoint.last().target, lunet::parseGuid(lunet::kAgentGuid));
+  const Json::Value request = parsed(endpoint.last().text);
+  EXPECT_EQ(request["jsonrpc"], "2.0");
+  EXPECT_EQ(request["method"], rowName(GetParam()));
+  EXPECT_EQ(request["params"], parameters);
+  EXPECT_EQ(request.isMember("id"), !isNotification());
+}
+
+TEST_P(Stub, GoesByTheChannelOfItsKind) {
+  result = sampleOf(GetParam().result, 3);
+  callStub(stub, rowName(GetParam()), sampleParameters(GetParam()));
+  EXPECT_EQ(endpoint.last().operation, isNotification() ? "OnewaySend" : "SyncSend");
+  EXPECT_EQ(endpoint.last().channel, isNotification() ? 20991u : 10990u);
+  EXPECT_EQ(endpoint.last().timeoutMs, isNotification() ? 0u : 30000u);
+}
+
+TEST_P(Stub, RefusesAResultOfAnotherKindWithItsStyledText) {
+  if (isNotification()) {
+    return;
+  }
+  for (const Json::Value& wrong : valuesOfOtherKinds(GetParam().result)) {
+    result = wrong;
+    try {
+      callStub(stub, rowName(GetParam()), sampleParameters(GetParam()));
+      FAIL() << wrong.toStyledString();
+    } catch (const jsonrpc::JsonRpcException& e) {
+      EXPECT_EQ(e.GetCode(), jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE);
+      EXPECT_NE(e.GetMessage().find(wrong.toStyledString()), std::string::npos) << e.GetMessage();
+    }
+  }
+  EXPECT_EQ(endpoint.buffersOut, 0);
+}
+
+TEST_P(Stub, PassesTheAgentsErrorOn) {
+  endpoint.answer = [](const std::string&) {
+    return R"({"jsonrpc":"2.0","id":1,"error":{"code":-7,"message":"no"}})";
+  };
+  if (isNotification()) {
+    return;
+  }
+  try {
+    callStub(stub, rowName(GetParam()), sampleParameters(GetParam()));
+    FAIL();
+  } catch (const jsonrpc::JsonRpcException& e) {
+    EXPECT_EQ(e.GetCode(), -7);
+    EXPECT_EQ(e.GetMessage(), "no");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AgentMethods, Stub, testing::ValuesIn(kExpectedMethods), caseName);
+
+/// The stub against the agent's own server, without a bus between.
+class AgentServer : public testing::TestWithParam<MethodRow> {
+ protected:
+  AgentServer()
+      : client(&endpoint, lunet::kAgentGuid, lunet::kRequestChannel, lunet::kOnewayChannel,
+               jsonrpchelper::kSyncTimeoutMs),
+        stub(client),
+        agent(helper) {
+    helper.registerOn(endpoint);
+    agent.StartListening();
+    endpoint.answer = [this](const std::string& request) {
+      return endpoint.deliver(lunet::kRequestChannel, request, true).reply;
+    };
+  }
+  ~AgentServer() override { helper.unregisterFrom(endpoint); }
+
+  /// What the agent answers to a request with these parameters.
+  Json::Value ask(const Json::Value& parameters) {
+    return parsed(
+        endpoint.deliver(lunet::kRequestChannel, requestText(rowName(GetParam()), parameters, 5), true)
+            .reply);
+  }
+
+  testsupport::FakeEndpoint endpoint;
+  jsonrpchelper::IJsonRpcServerHelper helper;
+  jsonrpchelper::IJsonRpcClientHelper client;
+  AgentStub stub;
+  RecordingAgent agent;
+};
+
+TEST_P(AgentServer, GetsTheArgumentsInTheTablesOrderAndItsResultComesBack) {
+  agent.object = sampleOf(kObject, 1);
+  agent.array = sampleOf(kArray, 2);
+  agent.text = sampleOf(kString, 3).asString();
+  agent.number = 2147483647;
+  const std::map<jsonrpchelper::JsonKind, Json::Value> results = {
+      {kObject, agent.object}, {kArray, agent.array},    {kString, agent.text},
+      {kBoolean, agent.flag},  {kInteger, agent.number}, {kNone, Json::Value()}};
+  const Json::Value parameters = sampleParameters(GetParam());
+  EXPECT_EQ(callStub(stub, rowName(GetParam()), parameters), results.at(GetParam().result));
+  if (GetParam().result == kNone) {
+    EXPECT_FALSE(endpoint.deliver(lunet::kOnewayChannel, endpoint.last().text, false).replied);
+  }
+  ASSERT_EQ(agent.log.size(), 1u);
+  EXPECT_EQ(agent.log.calls()[0], recordedCall(GetParam(), parameters));
+}
+
+TEST_P(AgentServer, RefusesAParameterThatIsMissingOrOfAnotherKind) {
+  for (const auto& parameter : GetParam().parameters) {
+    Json::Value parameters = sampleParameters(GetParam());
+    parameters.removeMember(std::string(parameter.name));
+    EXPECT_EQ(ask(parameters)["error"]["code"], jsonrpc::Errors::ERROR_RPC_INVALID_PARAMS) << parameter.name;
+    if (parameter.kind == kAny) {
+      continue;
+    }
+    for (const Json::Value& wrong : valuesOfOtherKinds(parameter.kind)) {
+      parameters[std::string(parameter.name)] = wrong;
+      EXPECT_EQ(ask(parameters)["error"]["code"], jsonrpc::Errors::ERROR_RPC_INVALID_PARAMS)
+          << parameter.name << " " << wrong.toStyledString();
+    }
+  }
+  EXPECT_EQ(agent.log.size(), 0u);
+}
+
+TEST_P(AgentServer, TakesNullWhereAnyValueMayStand) {
+  Json::Value parameters = sampleParameters(GetParam());
+  bool some = false;
+  for (const auto& parameter : GetParam().parameters) {
+    if (parameter.kind == kAny) {
+      parameters[std::string(parameter.name)] = Json::Value();
+      some = true;
+    }
+  }
+  if (some) {
+    EXPECT_TRUE(ask(parameters).isMember("result"));
+    EXPECT_EQ(agent.log.calls().at(0), recordedCall(GetParam(), parameters));
+  }
+}
+
+TEST_P(AgentServer, AnswersAnExceptionWithAnError) {
+  if (GetParam().result == kNone) {
+    return;
+  }
+  agent.before = [] { throw std::runtime_error("the disk is full"); };
+  Json::Value answer = ask(sampleParameters(GetParam()));
+  EXPECT_EQ(answer["id"], 5);
+  EXPECT_EQ(answer["error"]["code"], jsonrpc::Errors::ERROR_RPC_INTERNAL_ERROR);
+  EXPECT_NE(answer["error"]["message"].asString().find("the disk is full"), std::string::npos);
+
+  agent.before = [] { throw jsonrpc::JsonRpcException(-12, "denied"); };
+  answer = ask(sampleParameters(GetParam()));
+  EXPECT_EQ(answer["error"]["code"], -12);
+  EXPECT_EQ(answer["error"]["message"], "denied");
+}
+
+INSTANTIATE_TEST_SUITE_P(AgentMethods, AgentServer, testing::ValuesIn(kExpectedMethods), caseName);
+
+TEST(Stubs, ACtlBusReplyOfOneInsteadOfTrueIsAnInvalidResponse) {
+  testsupport::FakeEndpoint endpoint;
+  endpoint.answer = [](const std::string&) { return R"({"jsonrpc":"2.0","id":1,"result":1})"; };
+  jsonrpchelper::IJsonRpcClientHelper client(&endpoint, lunet::kAgentGuid, 10990, 20991, 30000);
+  try {
+    AgentStub(client).ctlBus(1, "", 8, Json::Value(), 1, "token");
+    FAIL();
+  } catch (const jsonrpc::JsonRpcException& e) {
+    EXPECT_EQ(e.GetCode(), jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE);
+  }
+}
+
+}  // namespace
+}  // namespace rpctest

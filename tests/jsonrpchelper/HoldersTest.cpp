@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "jsonrpchelper/Holders.h"
+#include "support/FakeEndpoint.h"
+
+namespace {
+
+using jsonrpchelper::ClientRegistry;
+using Steps = std::vector<std::string>;
+
+class Holders : public testing::Test {
+ protected:
+  ~Holders() override {
+    jsonrpchelper::stopJsonRpc();
+    jsonrpchelper::setEndpoint(nullptr);
+  }
+  void start() {
+    jsonrpchelper::setEndpoint(&endpoint);
+    jsonrpchelper::initJsonRpc();
+  }
+  testsupport::FakeEndpoint endpoint;
+};
+
+TEST_F(Holders, ACallBeforeInitFindsNoClient) {
+  jsonrpchelper::setEndpoint(&endpoint);
+  EXPECT_EQ(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
+}
+
+TEST_F(Holders, InitWithoutAnEndpointLeavesTheRegistryWithoutClients) {
+  jsonrpchelper::initJsonRpc();
+  EXPECT_EQ(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
+  EXPECT_NE(jsonrpchelper::serverHelper(), nullptr);
+}
+
+TEST_F(Holders, AnEmptyTargetHasNoClient) {
+  start();
+  EXPECT_EQ(ClientRegistry::instance().getClient(""), nullptr);
+}
+
+TEST_F(Holders, TheSameTargetHasTheSameClientAndAnotherAnother) {
+  start();
+  IJsonRpcClientHelper* const agent = ClientRegistry::instance().getClient(lunet::kAgentGuid);
+  ASSERT_NE(agent, nullptr);
+  EXPECT_EQ(ClientRegistry::instance().getClient(lunet::kAgentGuid), agent);
+  EXPECT_NE(ClientRegistry::instance().getClient(lunet::kConsoleGuid), agent);
+  EXPECT_EQ(agent->target(), lunet::kAgentGuid);
+  EXPECT_EQ(agent->timeoutMs(), 30000u);
+}
+
+TEST_F(Holders, InitRegistersOneServerHelperOnBothChannels) {
+  EXPECT_EQ(jsonrpchelper::serverHelper(), nullptr);
+  start();
+  EXPECT_EQ(endpoint.registrations, (Steps{"+10990", "+20991"}));
+  IJsonRpcServerHelper* const helper = jsonrpchelper::serverHelper();
+  ASSERT_NE(helper, nullptr);
+  jsonrpchelper::initJsonRpc();
+  EXPECT_EQ(jsonrpchelper::serverHelper(), helper) << "there is one a process";
+}
+
+TEST_F(Holders, StopUnregistersTheOneWayChannelFirstAndDestroysTheHelper) {
+  start();
+  endpoint.registrations.clear();
+  jsonrpchelper::stopJsonRpc();
+  EXPECT_EQ(endpoint.registrations, (Steps{"-20991", "-10990"}));
+  EXPECT_EQ(jsonrpchelper::serverHelper(), nullptr);
+  EXPECT_EQ(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
+}
+
+TEST_F(Holders, StopMayBeCalledTwiceAndBeforeInit) {
+  jsonrpchelper::stopJsonRpc();
+  start();
+  jsonrpchelper::stopJsonRpc();
+  jsonrpchelper::stopJsonRpc();
+}
+
+TEST_F(Holders, AfterStopTheLinkCanBeInitialisedAgain) {
+  start();
+  jsonrpchelper::stopJsonRpc();
+  jsonrpchelper::initJsonRpc();
+  EXPECT_NE(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
+}
+
+TEST_F(Holders, RegisteringWithoutAnEndpointGivesItsOwnNumber) {
+  EXPECT_EQ(jsonrpchelper::registerReceiver(10990, nullptr), 0xE0010000u);
+  jsonrpchelper::unregisterReceiver(10990);
+}
+
+TEST_F(Holders, RegisteringForwardsToTheEndpointWithTheEndpointAsContext) {
+  jsonrpchelper::setEndpoint(&endpoint);
+  endpoint.registerResult = 3;
+  IJsonRpcServerHelper helper;
+  EXPECT_EQ(jsonrpchelper::registerReceiver(10990, &helper), 3u);
+  endpoint.registerResult = 0;
+  EXPECT_EQ(jsonrpchelper::registerReceiver(10990, &helper), 0u);
+  EXPECT_TRUE(endpoint.deliver(10990, "{}", true).replied) << "the context is the endpoint to reply by";
+  jsonrpchelper::unregisterReceiver(10990);
+  EXPECT_FALSE(endpoint.isRegistered(10990));
+}
+
+TEST_F(Holders, TheEndpointHolderGivesWhatWasSet) {
+  EXPECT_EQ(jsonrpchelper::endpoint(), nullptr);
+  jsonrpchelper::setEndpoint(&endpoint);
+  EXPECT_EQ(jsonrpchelper::endpoint(), &endpoint);
+}
+
+TEST_F(Holders, TheRegistryMayBeAskedByThreadsAtOnce) {
+  start();
+  std::vector<IJsonRpcClientHelper*> found(4);
+  std::vector<std::thread> threads;
+  for (auto& place : found) {
+    threads.emplace_back([&place] { place = ClientRegistry::instance().getClient(lunet::kAgentGuid); });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const auto* client : found) {
+    EXPECT_EQ(client, found[0]);
+  }
+}
+
+TEST_F(Holders, TheTimeOutOfTheRegistryIsThatOfItsClients) {
+  ClientRegistry::instance().initialise(&endpoint, 1234);
+  EXPECT_EQ(ClientRegistry::instance().getClient(lunet::kAgentGuid)->timeoutMs(), 1234u);
+}
+
+}  // namespace
