@@ -122,31 +122,40 @@ bool IJsonRpcServerHelper::SendResponse(const std::string& response, void* addIn
                                  target->replyContext) == lunet::kOk;
 }
 
+std::string IJsonRpcServerHelper::respond(const std::string& request) {
+  std::string response;
+  try {
+    ProcessRequest(request, response);
+  } catch (const JsonRpcException& e) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    response = e.GetMessage();
+  } catch (const std::exception& e) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    response = errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR, e.what());
+  } catch (...) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", "of no known kind");
+    response = errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR);
+  }
+  return response;
+}
+
 void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data,
                                            std::uint32_t length, void* replyContext,
                                            void* registrationContext) {
   try {
     auto* const endpoint = static_cast<lunet::IEndpoint*>(registrationContext);
     const CallerScope caller(endpoint);
-    ReplyTarget target{endpoint, messageId, replyContext};
-    std::string response;
-    try {
-      const std::string request = data != nullptr ? std::string(static_cast<const char*>(data), length) : "";
-      ProcessRequest(request, response);
-    } catch (const JsonRpcException& e) {
-      CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
-      response = e.GetMessage();
-    } catch (const std::exception& e) {
-      CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
-      response = errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR, e.what());
-    }
+    const std::string request = data != nullptr ? std::string(static_cast<const char*>(data), length) : "";
+    const std::string response = respond(request);
     if (replyContext != nullptr) {
+      ReplyTarget target{endpoint, messageId, replyContext};
       SendResponse(response, &target);
     } else if (!response.empty()) {
       CLog::emit(kLogWarning, "ReceiveCallback: dropped a one-way message: %s", response.c_str());
     }
   } catch (...) {
-    CLog::emit(kLogError, "ReceiveCallback: lost a message");
+    // No memory for the request or the response: the sender learns by its time-out.
+    CLog::emit(kLogError, "ReceiveCallback: lost a message of %u bytes", length);
   }
 }
 

@@ -14,7 +14,7 @@ namespace testsupport {
 
 /// An endpoint without a bus, for what the real one does rarely: it fails, or answers nonsense, as told.
 /// Messages arrive by deliver(), on the caller's thread.
-class FakeEndpoint : public lunet::IEndpoint {
+class FakeEndpoint final : public lunet::IEndpoint {
  public:
   struct Sent {
     std::string operation;  ///< "OnewaySend", "SyncSend" or "SendToProcess"

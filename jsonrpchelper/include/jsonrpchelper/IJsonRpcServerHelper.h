@@ -61,6 +61,9 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   };
 
  private:
+  /// ProcessRequest, with what it throws logged and made the response.
+  std::string respond(const std::string& request);
+
   std::shared_ptr<HandlerList> handlers_;
 };
 
