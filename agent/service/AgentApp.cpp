@@ -1,0 +1,264 @@
+#include "service/AgentApp.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <future>
+#include <memory>
+#include <optional>
+
+#include "platform/CGlobalTag.h"
+#include "platform/CLogDebug.h"
+#include "platform/Files.h"
+#include "platform/Text.h"
+#include "service/AgentService.h"
+#include "service/BusLink.h"
+#include "service/Callers.h"
+#include "service/SignatureWatch.h"
+#include "service/Tree.h"
+#include "task/AgentLog.h"
+#include "worker/WorkerPool.h"
+
+namespace agent {
+
+namespace {
+
+constexpr const char* kName = "tavagentd";
+constexpr std::chrono::seconds kLastWordsLimit{3};  // for consoles to take the end of their tasks
+constexpr time_t kSignatureLookSec = 30;
+constexpr time_t kLoadingLookSec = 1;
+
+/// Why the agent does not serve; ends the start-up.
+struct StartFailure {
+  int exitCode;
+  std::string why;
+};
+
+int say(int exitCode, const std::string& line) {
+  AGENT_LOG(exitCode == kExitOk ? 2 : 4, "%s", line.c_str());
+  std::fprintf(stderr, "%s: %s\n", kName, platform::visibleText(line).c_str());
+  return exitCode;
+}
+
+void openLog(const Tree& tree) {
+  CLogDebug* log = CLogDebug::Create();
+  log->SetProperty(CLogDebug::kPath, tree.log() + "/");
+  log->SetProperty(CLogDebug::kName, kName);
+  log->SetProperty(CLogDebug::kSize, std::to_string(8u << 20));
+  log->SetProperty(CLogDebug::kBackupCount, "5");
+  log->SetProperty(CLogDebug::kLevel, "2");
+}
+
+/// Many open folders and files are an agent's daily work.
+void raiseFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+sigset_t ownSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    sigaddset(&set, number);
+  }
+  return set;
+}
+
+/// A terminal's interrupt goes to the spawner and its workers, too: they ignore it, the agent ends them.
+std::unique_ptr<Spawner> startSpawner(const Tree& tree, const Options& options) {
+  const sigset_t signals = ownSignals();
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);
+  Spawner::Config config;
+  config.shippedSignatures = tree.signatures();
+  config.systemSignatures = options.systemSignatures;
+  config.tempFolder =
+      tree.state() + "/tmp";  // what is unpacked there is closed to others, and no scan meets it
+  CDir::make(config.tempFolder, 0700);
+  auto spawner = std::make_unique<Spawner>(std::move(config));
+  signal(SIGINT, SIG_DFL);
+  signal(SIGHUP, SIG_DFL);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return spawner;
+}
+
+[[noreturn]] void otherRuns(const Tree& tree, const CGlobalTag& mark) {
+  throw StartFailure{kExitOtherRuns,
+                     "another agent (pid " + mark.attribute("pid") + ") serves " + tree.root + " already"};
+}
+
+void takeMark(CGlobalTag& mark, const Tree& tree) {
+  switch (mark.trylock(false)) {
+    case 1:
+      return;
+    case 2:
+      otherRuns(tree, mark);
+    default:
+      throw StartFailure{kExitFailed, "the agent's mark cannot be taken: " + mark.lastError()};
+  }
+}
+
+/// Everything that serves, in the order of its making; unmade in the reverse order.
+class Agent {
+ public:
+  Agent(const Options& options, const Tree& tree, const BusSettings& bus)
+      : options_(options), tree_(tree), mark_(lunet::kAgentGuid, {bus.socketDir}) {
+    {
+      // Known early, and free again: the spawner must not inherit the mark.
+      CGlobalTag probe(lunet::kAgentGuid, {bus.socketDir});
+      takeMark(probe, tree);
+    }
+    spawner_ = startSpawner(tree, options);
+    takeMark(mark_, tree);
+    mark_.setAttribute("pid", std::to_string(getpid()));
+    store_ = Store::open(tree.state());
+    for (const std::string& notice : store_->notices()) {
+      AGENT_LOG(3, "store: %s", notice.c_str());
+    }
+    const std::string failure = bus_.open(tree, bus, lunet::kAgentGuid);
+    if (!failure.empty()) {
+      throw StartFailure{kExitFailed, failure};
+    }
+    openService(bus.group);
+  }
+
+  ~Agent() {
+    if (helper_) {
+      helper_->unregisterFrom(bus_.endpoint());
+      service_->StopListening();
+    }
+    if (tasks_) {
+      tasks_->stopAll("the agent is ending");
+      if (!outbox_->drain(kLastWordsLimit)) {
+        AGENT_LOG(3, "%s", "not every console has taken the end of its task");
+      }
+    }
+    outbox_.reset();
+  }
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  /// Until a signal ends it.
+  void serve() {
+    SignatureWatch watch({tree_.signatures(), options_.systemSignatures});
+    const sigset_t signals = ownSignals();
+    while (true) {
+      const timespec limit{tellOfSignatures() ? kSignatureLookSec : kLoadingLookSec, 0};
+      const int number = sigtimedwait(&signals, nullptr, &limit);
+      if (number == SIGTERM || number == SIGINT) {
+        AGENT_LOG(2, "ending: signal %d", number);
+        return;
+      }
+      if (number == SIGHUP || (number < 0 && watch.changed())) {
+        reloadSignatures();
+      }
+    }
+  }
+
+ private:
+  void openService(const std::string& groupName) {
+    std::string why;
+    const std::optional<gid_t> group = groupByName(groupName, &why);
+    if (!why.empty()) {
+      AGENT_LOG(4, "%s: only root and the agent's user may use it", why.c_str());
+    }
+    outbox_ = std::make_unique<Outbox>();
+    tasks_ = std::make_unique<TaskManager>(
+        TaskManager::Parts{*store_, *spawner_, *outbox_, bus_.endpoint(), {resolved(tree_.state())}});
+    helper_ = std::make_unique<jsonrpchelper::IJsonRpcServerHelper>();
+    service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group);
+    service_->StartListening();
+    const std::uint32_t error = helper_->registerOn(bus_.endpoint());
+    if (error != lunet::kOk) {
+      throw StartFailure{kExitFailed,
+                         "the agent's methods cannot be offered: bus error " + std::to_string(error)};
+    }
+    tasks_->tellOfLostTasks();
+  }
+
+  static std::string resolved(const std::string& path) {
+    const std::unique_ptr<char, void (*)(void*)> real(realpath(path.c_str(), nullptr), free);
+    return real ? real.get() : path;
+  }
+
+  /// Logs what is loaded, once each time it changes. False while a load is under way.
+  bool tellOfSignatures() {
+    const SignatureState state = spawner_->signatureState();
+    if (!state.loading && state.detail != told_) {
+      AGENT_LOG(state.loaded ? 2 : 4, "signatures: %s", state.detail.c_str());
+      told_ = state.detail;
+    }
+    return !state.loading;
+  }
+
+  /// Beside the main thread, which a signal may want meanwhile.
+  void reloadSignatures() {
+    if (reload_.valid() && reload_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+      return;  // one is under way
+    }
+    reload_ = std::async(std::launch::async, [this] {
+      std::string why;
+      if (spawner_->reload(&why)) {
+        AGENT_LOG(2, "%s", "signatures were loaded again");
+      } else {
+        AGENT_LOG(4, "signatures could not be loaded again, the old ones stay in force: %s", why.c_str());
+      }
+    });
+  }
+
+  const Options& options_;
+  const Tree& tree_;
+  std::string told_;
+  std::unique_ptr<Spawner> spawner_;
+  std::future<void> reload_;
+  CGlobalTag mark_;
+  std::unique_ptr<Store> store_;
+  BusLink bus_;
+  std::unique_ptr<Outbox> outbox_;
+  std::unique_ptr<TaskManager> tasks_;
+  std::unique_ptr<jsonrpchelper::IJsonRpcServerHelper> helper_;
+  std::unique_ptr<AgentService> service_;
+};
+
+}  // namespace
+
+int serve(const Options& options, Readiness* readiness) {
+  const Tree tree(options.installDir);
+  umask(022);  // the folder of the sockets is reached by others; what is private is closed by its maker
+  raiseFileLimit();
+  openLog(tree);
+  try {
+    BusSettings bus;
+    std::string why;
+    if (!readBusSettings(tree, kName, &bus, &why)) {
+      return say(kExitFailed, why);
+    }
+    Agent agent(options, tree, bus);
+    AGENT_LOG(2, "serving %s (pid %d)", tree.root.c_str(), getpid());
+    if (readiness != nullptr) {
+      readiness->ready();
+    } else {
+      std::fprintf(stderr, "%s: serving %s (pid %d)\n", kName, platform::visibleText(tree.root).c_str(),
+                   getpid());
+    }
+    agent.serve();
+  } catch (const StartFailure& failure) {
+    return say(failure.exitCode, failure.why);
+  } catch (const std::exception& error) {
+    return say(kExitFailed, error.what());
+  }
+  AGENT_LOG(2, "%s", "ended");
+  return kExitOk;
+}
+
+}  // namespace agent

@@ -1,0 +1,67 @@
+#include "service/BusLink.h"
+
+#include <array>
+#include <cstdio>
+
+#include "platform/CLogDebug.h"
+#include "platform/Text.h"
+
+namespace agent {
+
+namespace {
+
+/// From the library's levels, 0 being errors, to the log's.
+void takeLog(int level, const char* text) {
+  constexpr std::array<int, 5> kLevels{4, 3, 2, 1, 1};
+  const bool known = level >= 0 && level < static_cast<int>(kLevels.size());
+  CLogDebug::LogPrintStr(known ? kLevels[static_cast<std::size_t>(level)] : 1, __FILE_NAME__, "bus", __LINE__,
+                         text);
+}
+
+std::string errorText(const char* what, std::uint32_t error) {
+  char text[96];
+  std::snprintf(text, sizeof text, "%s failed: bus error 0x%08x", what, error);
+  return text;
+}
+
+}  // namespace
+
+std::string BusLink::open(const Tree& tree, const BusSettings& settings, const std::string& guid) {
+  std::string failure = library_.load(tree.busLibrary());
+  if (failure.empty()) {
+    failure = library_.createClient();
+  }
+  if (!failure.empty()) {
+    return "the bus library cannot be used: " + failure;
+  }
+  library_.client()->SetLogCallback(takeLog);
+  std::string uuid;
+  CUuid::generate(uuid);
+  std::uint32_t error = library_.client()->Init(settings.clientConfig.c_str(), uuid.c_str());
+  if (error != lunet::kOk) {
+    return errorText("setting up the bus", error);
+  }
+  initialised_ = true;
+  endpoint_ = library_.client()->CreateEndpoint();
+  error = endpoint_ == nullptr ? static_cast<std::uint32_t>(lunet::kErrNotOpen)
+                               : endpoint_->Open(lunet::parseGuid(guid.c_str()));
+  if (error == lunet::kErrInUse) {
+    return "another process has the agent's address on the bus of this tree";
+  }
+  return error == lunet::kOk ? std::string() : errorText("opening the agent's address", error);
+}
+
+BusLink::~BusLink() {
+  lunet::IClient* client = library_.client();
+  if (client == nullptr) {
+    return;
+  }
+  if (endpoint_ != nullptr) {
+    client->DestroyEndpoint(endpoint_);
+  }
+  if (initialised_) {
+    client->Uninit();
+  }
+}
+
+}  // namespace agent

@@ -1,0 +1,66 @@
+#include "service/Callers.h"
+
+#include <grp.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "task/RunningPrograms.h"
+#include "task/TaskManager.h"
+
+namespace agent {
+
+namespace {
+
+std::vector<gid_t> groupsOf(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::vector<gid_t> groups;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("Groups:", 0) == 0) {
+      std::istringstream numbers(line.substr(7));
+      for (gid_t group = 0; numbers >> group;) {
+        groups.push_back(group);
+      }
+    }
+  }
+  return groups;
+}
+
+}  // namespace
+
+CallerId callerIdOf(const lunet::PeerIdentity& process) {
+  CallerId caller;
+  caller.uid = process.uid;
+  caller.gid = process.gid;
+  caller.pid = process.pid;
+  caller.groups = groupsOf(process.pid);
+  if (processStartTicks(process.pid) != process.startTicks) {
+    caller.groups.clear();  // what was read may have been another process's
+  }
+  return caller;
+}
+
+std::optional<gid_t> groupByName(const std::string& name, std::string* why) {
+  why->clear();
+  if (name.empty()) {
+    return std::nullopt;
+  }
+  std::vector<char> buffer(65536);
+  group entry{};
+  group* found = nullptr;
+  if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
+    *why = "there is no group " + name;
+    return std::nullopt;
+  }
+  return entry.gr_gid;
+}
+
+bool mayChange(const CallerId& caller, std::optional<gid_t> group) {
+  return isAdministrator(caller) ||
+         (group && (caller.gid == *group ||
+                    std::find(caller.groups.begin(), caller.groups.end(), *group) != caller.groups.end()));
+}
+
+}  // namespace agent

@@ -1,0 +1,70 @@
+#include "service/Status.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <system_error>
+
+#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/IJsonRpcClientHelper.h"
+#include "platform/CGlobalTag.h"
+#include "platform/Text.h"
+#include "service/BusLink.h"
+#include "service/Options.h"
+
+namespace agent {
+
+namespace {
+
+constexpr std::uint32_t kAnswerLimitMs = 5000;
+
+int notRunning(const std::string& why) {
+  std::fprintf(stderr, "tavagentd: %s\n", platform::visibleText(why).c_str());
+  return kExitNotRunning;
+}
+
+/// By content: a program that was replaced by an equal one is the same build.
+bool sameProgram(const std::string& one, const std::string& other) {
+  std::ifstream first(one, std::ios::binary);
+  std::ifstream second(other, std::ios::binary);
+  using Bytes = std::istreambuf_iterator<char>;
+  return first && second && std::equal(Bytes(first), Bytes(), Bytes(second), Bytes());
+}
+
+}  // namespace
+
+int printStatus(const Tree& tree) {
+  BusSettings settings;
+  std::string why;
+  if (!readBusSettings(tree, "tavagentd-status", &settings, &why)) {
+    return notRunning(why);
+  }
+  BusLink bus;
+  std::string guid;
+  CUuid::generate(guid);
+  why = bus.open(tree, settings, guid);
+  if (!why.empty()) {
+    return notRunning(why);
+  }
+  Json::Value tasks;
+  try {
+    jsonrpchelper::IJsonRpcClientHelper helper(&bus.endpoint(), lunet::kAgentGuid, lunet::kRequestChannel,
+                                               lunet::kOnewayChannel, kAnswerLimitMs);
+    tasks = jsonrpchelper::AgentStub(helper.client()).getBusList();
+  } catch (const std::exception& error) {
+    return notRunning("no agent answers on " + tree.root + ": " + error.what());
+  }
+  const std::string pid = CGlobalTag(lunet::kAgentGuid, {settings.socketDir}).attribute("pid");
+  const std::string program = "/proc/" + pid + "/exe";
+  std::error_code error;
+  std::printf("pid=%s\nprogram=%s\nbuild=%s\ntasks=%u\n", platform::visibleText(pid).c_str(),
+              platform::visibleText(std::filesystem::read_symlink(program, error).string()).c_str(),
+              sameProgram(program, "/proc/self/exe") ? "same" : "other", tasks.size());
+  return kExitOk;
+}
+
+}  // namespace agent

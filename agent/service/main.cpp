@@ -1,0 +1,54 @@
+#include <cstdio>
+#include <exception>
+#include <memory>
+
+#include "platform/Text.h"
+#include "service/AgentApp.h"
+#include "service/Status.h"
+
+namespace {
+
+int serve(const agent::Options& options) {
+  std::unique_ptr<agent::Daemon> daemon;
+  if (options.daemon) {
+    daemon = std::make_unique<agent::Daemon>();
+  }
+  const int code = agent::serve(options, daemon.get());
+  if (daemon) {
+    daemon->failed(code);
+  }
+  return code;
+}
+
+int run(const std::vector<std::string>& arguments) {
+  agent::Options options;
+  std::string why;
+  if (!agent::parseOptions(arguments, &options, &why)) {
+    std::fprintf(stderr, "tavagentd: %s\n%s", platform::visibleText(why).c_str(), agent::usage().c_str());
+    return agent::kExitUsage;
+  }
+  switch (options.action) {
+    case agent::Options::Action::kVersion:
+      std::printf("tavagentd %s\n", TAV_VERSION);
+      return agent::kExitOk;
+    case agent::Options::Action::kHelp:
+      std::printf("%s", agent::usage().c_str());
+      return agent::kExitOk;
+    case agent::Options::Action::kStatus:
+      return agent::printStatus(agent::Tree(options.installDir));
+    case agent::Options::Action::kServe:
+      break;
+  }
+  return serve(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run({argv + 1, argv + argc});
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "tavagentd: %s\n", error.what());
+    return agent::kExitFailed;
+  }
+}

@@ -1,0 +1,82 @@
+#include "task/Counters.h"
+
+#include "json/CppJson.h"
+
+namespace agent {
+
+void Counters::count(std::int64_t Numbers::*which) {
+  const std::lock_guard guard(mutex_);
+  ++(numbers_.*which);
+}
+
+void Counters::met(const std::string& path) {
+  const std::lock_guard guard(mutex_);
+  ++numbers_.met;
+  current_ = path;
+}
+
+void Counters::clean() {
+  count(&Numbers::clean);
+}
+void Counters::infected() {
+  count(&Numbers::infected);
+}
+void Counters::failed() {
+  count(&Numbers::failed);
+}
+void Counters::skipped() {
+  count(&Numbers::skipped);
+}
+void Counters::fixed() {
+  count(&Numbers::fixed);
+}
+void Counters::leftAlone() {
+  count(&Numbers::leftAlone);
+}
+void Counters::fixFailed() {
+  count(&Numbers::fixFailed);
+}
+
+void Counters::trusted() {
+  count(&Numbers::trusted);
+  count(&Numbers::skipped);
+}
+
+std::int64_t Counters::underWay() const {
+  const std::lock_guard guard(mutex_);
+  return numbers_.met - numbers_.clean - numbers_.infected - numbers_.failed - numbers_.skipped;
+}
+
+std::int64_t Counters::infectedCount() const {
+  const std::lock_guard guard(mutex_);
+  return numbers_.infected;
+}
+
+JsonReflect::ScanBusOverView Counters::overview(const std::string& token) const {
+  const std::lock_guard guard(mutex_);
+  JsonReflect::ScanBusOverView view;
+  view.fixed_risk_count = numbers_.fixed;
+  view.checkout_risk_count = numbers_.infected;
+  view.trusted_risk_count = numbers_.trusted;
+  view.total_item_count = numbers_.met;
+  view.ignore_risk_count = numbers_.leftAlone;
+  view.checked_item_count = numbers_.clean + numbers_.infected;
+  view.failed_item_count = numbers_.failed;
+  view.cur_item = json::encodePath(current_);
+  view.token_id = token;
+  view.disposed_risk_count = numbers_.fixed + numbers_.leftAlone + numbers_.fixFailed;
+  view.cost_time =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin_).count();
+  return view;
+}
+
+std::string Counters::summary() const {
+  const std::lock_guard guard(mutex_);
+  const auto part = [](std::int64_t number, const char* what) { return std::to_string(number) + " " + what; };
+  return part(numbers_.met, "entries: ") + part(numbers_.clean, "clean, ") +
+         part(numbers_.infected, "infected, ") + part(numbers_.failed, "errors, ") +
+         part(numbers_.skipped, "skipped; ") + part(numbers_.fixed, "handled, ") +
+         part(numbers_.fixFailed, "not handled");
+}
+
+}  // namespace agent

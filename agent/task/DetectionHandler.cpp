@@ -1,0 +1,197 @@
+#include "task/DetectionHandler.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <exception>
+#include <system_error>
+
+#include "platform/Text.h"
+#include "task/AgentLog.h"
+
+namespace agent {
+
+namespace {
+
+std::string freshId() {
+  std::string id;
+  CUuid::generate(id);
+  return id;
+}
+
+/// Removes the file for good, after seeing that the name still stands for what was scanned.
+Result removeForGood(const ScanJob& job) {
+  const std::size_t slash = job.path.find_last_of('/');
+  const std::string folder = slash == 0 ? "/" : job.path.substr(0, slash);
+  const std::string name = job.path.substr(slash + 1);
+  const platform::Descriptor parent(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  struct stat status {};
+  if (!parent || fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return {false, std::error_code(errno, std::generic_category()).message()};
+  }
+  if (!(FileIdentity::of(status) == job.identity)) {
+    return {false, "the file was changed since it was scanned"};
+  }
+  if (unlinkat(parent.get(), name.c_str(), 0) != 0) {
+    return {false, std::error_code(errno, std::generic_category()).message()};
+  }
+  return {true, "deleted"};
+}
+
+}  // namespace
+
+DetectionHandler::DetectionHandler(Context context) : context_(context), thread_([this] { run(); }) {}
+
+DetectionHandler::~DetectionHandler() {
+  {
+    const std::lock_guard guard(mutex_);
+    ending_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void DetectionHandler::found(std::shared_ptr<ScanJob> job, Verdict verdict) {
+  const std::lock_guard guard(mutex_);
+  queue_.push_back({std::move(job), std::move(verdict), false});
+  changed_.notify_all();
+}
+
+void DetectionHandler::foundTrusted(std::shared_ptr<ScanJob> job, Verdict verdict) {
+  const std::lock_guard guard(mutex_);
+  queue_.push_back({std::move(job), std::move(verdict), true});
+  changed_.notify_all();
+}
+
+void DetectionHandler::waitBelow(std::size_t most) {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return queue_.size() + (busy_ ? 1 : 0) < most; });
+}
+
+void DetectionHandler::run() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    changed_.wait(lock, [this] { return ending_ || !queue_.empty(); });
+    if (queue_.empty()) {
+      return;
+    }
+    const Found next = std::move(queue_.front());
+    queue_.pop_front();
+    busy_ = true;
+    lock.unlock();
+    try {
+      handle(next);
+    } catch (const std::exception& error) {
+      AGENT_LOG(4, "handling %s: %s", next.job->path.c_str(), error.what());
+    }
+    lock.lock();
+    busy_ = false;
+    changed_.notify_all();
+  }
+}
+
+void DetectionHandler::handle(const Found& found) {
+  context_.events.waitForRoom([this] { return context_.control.stopping(); });
+  FileRisk risk;
+  risk.path = found.job->path;
+  risk.status = found.job->status;
+  risk.createdSec = birthTime(found.job->fd.get());
+  risk.verdict = found.verdict;
+  risk.riskId = freshId();
+  risk.foundSec = std::time(nullptr);
+  const Detection& detection = found.verdict.detections.at(0);
+  AGENT_LOG(3, "%s: %s%s", risk.path.c_str(), detection.name.c_str(), found.trusted ? " (trusted)" : "");
+  if (found.trusted) {
+    context_.counters.trusted();
+    context_.events.repaired(kFileRisk, context_.plan.fixMethod, riskInfo(risk),
+                             repairResult(HandleResult::kTrusted, {}, std::time(nullptr)));
+    return;
+  }
+  context_.counters.infected();
+  context_.events.risk(kFileRisk, context_.plan.fixMethod, riskInfo(risk));
+  if (context_.plan.memoryCheck) {
+    handleProcesses(found, risk);
+  }
+  handleFile(found, risk);
+}
+
+/// The file leaves its place, or stays, as the plan says; either way its owner is told.
+void DetectionHandler::handleFile(const Found& found, const FileRisk& risk) {
+  HandleResult result = HandleResult::kReportedOnly;
+  std::string reason;
+  if (context_.plan.handling == ScanPlan::Handling::kNothing) {
+    context_.counters.leftAlone();
+  } else {
+    const Result outcome = takeAway(found);
+    result = outcome.ok ? HandleResult::kQuarantined : HandleResult::kFailed;
+    reason = outcome.detail;
+    outcome.ok ? context_.counters.fixed() : context_.counters.fixFailed();
+    AGENT_LOG(3, "%s: %s %s", risk.path.c_str(), outcome.ok ? "taken away" : "not handled:", reason.c_str());
+    context_.store.audit(context_.caller, "handle detection", risk.path, outcome.ok ? "taken away" : reason);
+  }
+  context_.events.repaired(kFileRisk, context_.plan.fixMethod, riskInfo(risk),
+                           repairResult(result, reason, std::time(nullptr)));
+}
+
+Result DetectionHandler::takeAway(const Found& found) {
+  const std::string refusal = whyNotAllowed(*found.job);
+  if (!refusal.empty()) {
+    return {false, refusal};
+  }
+  if (context_.plan.handling == ScanPlan::Handling::kDelete) {
+    return removeForGood(*found.job);
+  }
+  QuarantineRequest request;
+  request.fd = found.job->fd.get();
+  request.path = found.job->path;
+  request.identity = found.job->identity;
+  request.detection = found.verdict.detections.at(0);
+  request.md5 = found.verdict.md5;
+  Result result = context_.store.quarantine().add(request);
+  if (result.ok) {
+    result.detail.clear();
+  }
+  return result;
+}
+
+bool DetectionHandler::callerOwnsEverything() const {
+  return context_.caller.uid == 0 || context_.caller.uid == geteuid();
+}
+
+/// A scan must not remove for its caller what he could not remove himself.
+std::string DetectionHandler::whyNotAllowed(const ScanJob& job) const {
+  if (callerOwnsEverything()) {
+    return {};
+  }
+  if (job.status.st_uid != context_.caller.uid) {
+    return "the file belongs to another user than the one who started the scan";
+  }
+  return job.folderWritable ? std::string() : "who started the scan cannot write in the file's folder";
+}
+
+void DetectionHandler::handleProcesses(const Found& found, const FileRisk& risk) {
+  for (const RunningProgram& program : programs_.running(found.job->identity)) {
+    if (!callerOwnsEverything() && program.uid != context_.caller.uid) {
+      continue;
+    }
+    const Json::Value info = processRiskInfo(program, risk, freshId());
+    context_.events.risk(kProcessRisk, context_.plan.fixMethod, info);
+    HandleResult result = HandleResult::kReportedOnly;
+    std::string reason;
+    if (context_.plan.endProcesses) {
+      const Result outcome = endProcess(program);
+      result = outcome.ok ? HandleResult::kProcessEnded : HandleResult::kFailed;
+      reason = outcome.detail;
+      AGENT_LOG(3, "process %d (%s): %s %s", program.pid, program.path.c_str(),
+                outcome.ok ? "ended" : "not ended:", reason.c_str());
+      context_.store.audit(context_.caller, "end process", std::to_string(program.pid) + " " + program.path,
+                           outcome.ok ? "ended" : reason);
+    }
+    context_.events.repaired(kProcessRisk, context_.plan.fixMethod, info,
+                             repairResult(result, reason, std::time(nullptr)));
+  }
+}
+
+}  // namespace agent

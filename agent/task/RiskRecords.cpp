@@ -1,0 +1,132 @@
+#include "task/RiskRecords.h"
+
+#include <fcntl.h>
+
+#include "json/CppJson.h"
+#include "json/ScanRecords.h"
+#include "platform/Text.h"
+
+namespace agent {
+
+namespace {
+
+struct ResultText {
+  HandleResult result;
+  const char* text;
+};
+
+constexpr ResultText kResultTexts[] = {
+    {HandleResult::kQuarantined, "已隔离"},  {HandleResult::kProcessEnded, "已终止进程"},
+    {HandleResult::kReportedOnly, "仅上报"}, {HandleResult::kFailed, "处理失败"},
+    {HandleResult::kTrusted, "已信任"},
+};
+
+std::int32_t asInt32(std::int64_t number) {
+  return number >= 0 && number <= INT32_MAX ? static_cast<std::int32_t>(number) : 0;
+}
+
+std::string otherNames(const Verdict& verdict) {
+  std::string names;
+  for (std::size_t i = 1; i < verdict.detections.size(); ++i) {
+    names += (names.empty() ? "" : ", ") + verdict.detections[i].name;
+  }
+  return names.empty() ? names : "also: " + names;
+}
+
+/// The members that both kinds of file-risk record have.
+template <class Record>
+Record fileRecord(const FileRisk& risk) {
+  const Detection& detection = risk.verdict.detections.at(0);
+  Record record;
+  record.filesize_src = asInt32(risk.status.st_size);
+  record.risk_name = detection.name;
+  record.engine_mark = detection.engineCode;
+  record.filemd5_src = risk.verdict.md5;
+  record.file_create_time = risk.createdSec;
+  record.item = json::encodePath(risk.path);
+  record.filepath_src = record.item;
+  record.risk_id = risk.riskId;
+  record.find_time = risk.foundSec;
+  record.risk_type_name = detection.riskTypeName;
+  record.file_modify_time = risk.status.st_mtim.tv_sec;
+  record.risk_type = detection.riskType;
+  record.desc = otherNames(risk.verdict);
+  return record;
+}
+
+void setWholeSize(Json::Value& record, const FileRisk& risk) {
+  record["filesize_src"] = static_cast<Json::Int64>(risk.status.st_size);
+}
+
+JsonReflect::ProcRiskItem processItem(const RunningProgram& program, const FileRisk& risk,
+                                      const std::string& riskId) {
+  const Detection& detection = risk.verdict.detections.at(0);
+  JsonReflect::ProcRiskItem item;
+  item.pid = program.pid;
+  item.risk_name = detection.name;
+  item.item = json::encodePath(program.path);
+  item.risk_id = riskId;
+  item.engine_type = detection.engineCode;
+  item.find_time = risk.foundSec;
+  item.risk_type_name = detection.riskTypeName;
+  item.risk_type = detection.riskType;
+  return item;
+}
+
+}  // namespace
+
+Json::Value riskInfo(const FileRisk& risk) {
+  JsonReflect::VirusInfo record = fileRecord<JsonReflect::VirusInfo>(risk);
+  record.filesha1_src = risk.verdict.sha1;
+  Json::Value value;
+  record.ToValue(value);
+  setWholeSize(value, risk);
+  return value;
+}
+
+Json::Value processRiskInfo(const RunningProgram& program, const FileRisk& risk, const std::string& riskId) {
+  const Detection& detection = risk.verdict.detections.at(0);
+  JsonReflect::MemoryRiskInfo record;
+  record.risk_type_name = detection.riskTypeName;
+  record.risk_id = riskId;
+  record.risk_type = detection.riskType;
+  JsonReflect::ProcessInfo& process = record.process_info;
+  process.exec_file_name = json::encodePath(program.path);
+  process.proc_name = json::encodePath(program.name);
+  process.pid = program.pid;
+  process.exec_file_exist = program.onDisk;
+  process.user_name = userName(program.uid);
+  process.proc_risks.push_back(processItem(program, risk, riskId));
+  process.file_risks.push_back(fileRecord<JsonReflect::FileRiskInfo>(risk));
+  Json::Value value;
+  record.ToValue(value);
+  setWholeSize(value["process_info"]["file_risks"][0], risk);
+  return value;
+}
+
+Json::Value repairResult(HandleResult result, const std::string& reason, std::int64_t whenSec) {
+  JsonReflect::RiskRepairResult record;
+  record.handle_result = static_cast<int>(result);
+  for (const ResultText& row : kResultTexts) {
+    if (row.result == result) {
+      record.handle_detail = row.text;
+    }
+  }
+  if (!reason.empty()) {
+    record.handle_detail += ": " + platform::visibleText(reason);
+  }
+  record.handle_time = whenSec;
+  Json::Value value;
+  record.ToValue(value);
+  return value;
+}
+
+std::int64_t birthTime(int fd) {
+  struct statx info {};
+  if (statx(fd, "", AT_EMPTY_PATH, STATX_BTIME, &info) != 0 || (info.stx_mask & STATX_BTIME) == 0) {
+    return 0;
+  }
+  return info.stx_btime.tv_sec;
+}
+
+}  // namespace agent

@@ -1,0 +1,197 @@
+#include "task/RunningPrograms.h"
+
+#include <dirent.h>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <system_error>
+
+#include "platform/Descriptor.h"
+
+namespace agent {
+
+namespace {
+
+constexpr std::chrono::seconds kTableAge{1};
+constexpr int kEndWaitMs = 3000;
+
+struct Stat {
+  std::string name;
+  pid_t parent = 0;
+  std::uint64_t startTicks = 0;
+};
+
+std::string procPath(pid_t pid, const char* what) {
+  return "/proc/" + std::to_string(pid) + "/" + what;
+}
+
+std::optional<Stat> readStat(pid_t pid) {
+  std::ifstream in(procPath(pid, "stat"));
+  std::string line;
+  if (!std::getline(in, line)) {
+    return std::nullopt;
+  }
+  // The name stands in parentheses and may hold any character, parentheses too.
+  const std::size_t open = line.find('(');
+  const std::size_t close = line.rfind(')');
+  if (open == std::string::npos || close == std::string::npos || close < open) {
+    return std::nullopt;
+  }
+  Stat result;
+  result.name = line.substr(open + 1, close - open - 1);
+  std::istringstream rest(line.substr(close + 1));
+  std::string field;
+  for (int number = 3; number <= 22 && rest >> field; ++number) {
+    if (number == 4) {
+      result.parent = static_cast<pid_t>(std::stol(field));
+    } else if (number == 22) {
+      result.startTicks = std::stoull(field);
+    }
+  }
+  return result;
+}
+
+std::optional<RunningProgram> readProgram(pid_t pid) {
+  const std::string link = procPath(pid, "exe");
+  struct stat program {};
+  struct stat process {};
+  char text[4096];
+  const ssize_t length = readlink(link.c_str(), text, sizeof text);
+  if (length <= 0 || stat(link.c_str(), &program) != 0 || stat(procPath(pid, "").c_str(), &process) != 0) {
+    return std::nullopt;  // a kernel thread, one that ended, or one we may not look at
+  }
+  const std::optional<Stat> state = readStat(pid);
+  if (!state) {
+    return std::nullopt;
+  }
+  RunningProgram result;
+  result.pid = pid;
+  result.uid = process.st_uid;
+  result.startTicks = state->startTicks;
+  result.name = state->name;
+  result.path.assign(text, static_cast<std::size_t>(length));
+  result.device = program.st_dev;
+  result.inode = program.st_ino;
+  struct stat atPath {};
+  result.onDisk = stat(result.path.c_str(), &atPath) == 0 && atPath.st_ino == program.st_ino &&
+                  atPath.st_dev == program.st_dev;
+  return result;
+}
+
+bool isAncestorOfUs(pid_t pid) {
+  for (pid_t up = getppid(); up > 1;) {
+    if (up == pid) {
+      return true;
+    }
+    const std::optional<Stat> state = readStat(up);
+    if (!state) {
+      return false;
+    }
+    up = state->parent;
+  }
+  return false;
+}
+
+std::string whySpared(const RunningProgram& program) {
+  struct stat own {};
+  if (program.pid <= 1) {
+    return "is the first process of the system";
+  }
+  if (program.pid == getpid() || isAncestorOfUs(program.pid)) {
+    return "is the agent or started it";
+  }
+  if (stat("/proc/self/exe", &own) == 0 && own.st_dev == program.device && own.st_ino == program.inode) {
+    return "runs the agent's own program";
+  }
+  return {};
+}
+
+std::string errorText(int error) {
+  return std::error_code(error, std::generic_category()).message();
+}
+
+}  // namespace
+
+std::vector<RunningProgram> RunningPrograms::all() {
+  std::vector<RunningProgram> result;
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc"), closedir);
+  while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+    const std::string name = entry->d_name;
+    if (!std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      continue;
+    }
+    if (std::optional<RunningProgram> program = readProgram(static_cast<pid_t>(std::stol(name)))) {
+      result.push_back(std::move(*program));
+    }
+  }
+  return result;
+}
+
+std::vector<RunningProgram> RunningPrograms::running(const FileIdentity& file) {
+  const auto now = std::chrono::steady_clock::now();
+  if (byFile_.empty() || now - readAt_ > kTableAge) {
+    byFile_.clear();
+    for (RunningProgram& program : all()) {
+      byFile_.emplace(std::pair(program.device, program.inode), std::move(program));
+    }
+    readAt_ = now;
+  }
+  std::vector<RunningProgram> result;
+  const auto [from, to] = byFile_.equal_range({file.device, file.inode});
+  for (auto it = from; it != to; ++it) {
+    result.push_back(it->second);
+  }
+  return result;
+}
+
+Result endProcess(const RunningProgram& program) {
+  const std::string spared = whySpared(program);
+  if (!spared.empty()) {
+    return {false, "process " + std::to_string(program.pid) + " " + spared};
+  }
+  const platform::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, program.pid, 0)));
+  if (!process) {
+    return errno == ESRCH ? Result{true, "had ended"} : Result{false, errorText(errno)};
+  }
+  // The descriptor names one process for good; now see that it is the one that was meant.
+  const std::optional<RunningProgram> now = readProgram(program.pid);
+  if (!now || now->startTicks != program.startTicks || now->device != program.device ||
+      now->inode != program.inode) {
+    return {false, "the process runs another program by now"};
+  }
+  if (syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0) != 0 && errno != ESRCH) {
+    return {false, errorText(errno)};
+  }
+  pollfd ended{process.get(), POLLIN, 0};
+  if (poll(&ended, 1, kEndWaitMs) <= 0) {
+    return {false, "the process did not end"};
+  }
+  return {true, {}};
+}
+
+std::uint64_t processStartTicks(pid_t pid) {
+  const std::optional<Stat> state = readStat(pid);
+  return state ? state->startTicks : 0;
+}
+
+std::string userName(uid_t uid) {
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+    return found->pw_name;
+  }
+  return std::to_string(uid);
+}
+
+}  // namespace agent

@@ -1,0 +1,147 @@
+#include "task/ScanPlan.h"
+
+#include <algorithm>
+
+#include "json/CppJson.h"
+#include "json/ScanRecords.h"
+
+namespace agent {
+
+namespace {
+
+constexpr std::uint64_t kMegabyte = 1u << 20;
+constexpr int kModes = 3;
+constexpr int kDefaultLayers = 16;
+constexpr int kMostWorkers = 64;
+
+std::uint64_t megabytes(const Json::Value& section, const char* key) {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(CppJson::readInt64(section, key, 0), 0)) *
+         kMegabyte;
+}
+
+/// What is asked and not there is refused: a scan that silently did less would be worse than none.
+std::string whyRefused(const JsonReflect::ScanParams& params) {
+  if (params.scan_type() < 0 || params.scan_type() >= 2 * kModes) {
+    return "unknown scan type " + std::to_string(params.scan_type());
+  }
+  if (params.follow_link()) {
+    return "following symbolic links is not offered";
+  }
+  if (!params.handle_filter_types().empty()) {
+    return "handling by risk type is not offered";
+  }
+  if (params.expire_time() != 0) {
+    return "an expiry time is not offered";
+  }
+  if (params.fix_method() < 0 || params.fix_method() > 2) {
+    return "unknown handling method " + std::to_string(params.fix_method());
+  }
+  if (params.handle_action() < -1 || params.handle_action() > 3) {
+    return "unknown handling action " + std::to_string(params.handle_action());
+  }
+  if (params.proc_fix_method() < 0 || params.proc_fix_method() > 1) {
+    return "unknown handling method for processes " + std::to_string(params.proc_fix_method());
+  }
+  if (params.parallelism() < 0 || params.parallelism() > kMostWorkers) {
+    return "parallelism must be 0 to " + std::to_string(kMostWorkers);
+  }
+  if (params.max_scan_sec() < 0) {
+    return "the time limit is negative";
+  }
+  return {};
+}
+
+ScanOptions engineOptions(const Json::Value& compressed, const Json::Value& engines, bool strong) {
+  ScanOptions options;
+  options.archives = CppJson::readBool(compressed, "Flag", true);
+  const int layers = CppJson::readInt(compressed, "Layer", kDefaultLayers);
+  options.maxLayers = static_cast<std::uint32_t>(layers > 0 ? layers : kDefaultLayers);
+  options.maxArchiveBytes = megabytes(compressed, "FileSize");
+  const Json::Value formats = compressed.isObject() ? compressed["Format"] : Json::Value();
+  if (formats.isArray()) {
+    for (const Json::Value& format : formats) {
+      options.archiveFormats.push_back(format.isString() ? format.asString() : "");
+    }
+  }
+  options.enabledEngines = 0;
+  for (int index = 0; index < json::kEngineCount; ++index) {
+    const json::Engine& engine = json::engineAt(index);
+    if (engine.scanKey == nullptr || CppJson::readBool(engines, engine.scanKey, true)) {
+      options.enabledEngines |= 1u << engine.code;
+    }
+  }
+  options.heuristics = strong;
+  return options;
+}
+
+std::string cacheKeyOf(const ScanOptions& options) {
+  std::string key = std::to_string(options.archives) + "/" + std::to_string(options.maxLayers) + "/" +
+                    std::to_string(options.maxArchiveBytes) + "/" + std::to_string(options.enabledEngines) +
+                    "/" + std::to_string(options.heuristics) + "/";
+  for (const std::string& format : options.archiveFormats) {
+    key += format + ",";
+  }
+  return key;
+}
+
+void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fixMethodAsked,
+                 const Json::Value& common) {
+  // The request decides; the agent's own setting where it says nothing. Only 0 is automatic.
+  const int method = fixMethodAsked ? params.fix_method() : CppJson::readInt(common, "FixMethod", 2);
+  plan.fixMethod = method == 0 ? 0 : 2;
+  if (plan.fixMethod == 0) {
+    const int action =
+        params.handle_action() >= 0 ? params.handle_action() : CppJson::readInt(common, "HandleAction", 2);
+    plan.handling =
+        action >= 0 && action <= 2 ? static_cast<ScanPlan::Handling>(action) : ScanPlan::Handling::kNothing;
+    plan.endProcesses =
+        params.proc_fix_method() == 1 || CppJson::readInt(common, "FixMethod_MemRisk", 0) == 1;
+  }
+}
+
+}  // namespace
+
+std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& settings, std::string* why) {
+  JsonReflect::ScanParams params;
+  params.set_handle_action(-1);
+  if (!request.isObject() || !params.FromValue(request)) {
+    *why = "the scan parameters are no object";
+    return std::nullopt;
+  }
+  *why = whyRefused(params);
+  if (!why->empty()) {
+    return std::nullopt;
+  }
+  const Json::Value scan = settings.document(0).value_or(Json::Value(Json::objectValue));
+  const Json::Value common = scan["Common"];
+  ScanPlan plan;
+  plan.scanType = params.scan_type();
+  plan.mode = static_cast<ScanPlan::Mode>(params.scan_type() % kModes);
+  if (plan.mode == ScanPlan::kCustom) {
+    for (const std::string& item : params.items()) {
+      plan.items.push_back(json::decodePath(item));
+    }
+    if (plan.items.empty()) {
+      *why = "no path was given";
+      return std::nullopt;
+    }
+  }
+  const Json::Value engines = settings.document(4).value_or(Json::Value(Json::objectValue))["MultiEngines"];
+  plan.options = engineOptions(scan["Compressed"], engines, params.scan_type() >= kModes);
+  setHandling(plan, params, request.isMember("fix_method"), common);
+  plan.memoryCheck = CppJson::readBool(common, "MemCheck", false);
+  plan.useCache = CppJson::readBool(common, "ScanWithCache", true);
+  plan.readCache = plan.useCache && !params.force_scan();
+  const int workers =
+      params.parallelism() > 0 ? params.parallelism() : CppJson::readInt(common, "Parallelism", 0);
+  plan.parallelism = static_cast<unsigned>(std::clamp(workers, 0, kMostWorkers));
+  plan.skipBytes = megabytes(common, "SkipSize");
+  plan.programsOnly = CppJson::readInt(common, "ScanFileType", 1) == 2;
+  plan.networkFileSystems =
+      plan.mode == ScanPlan::kCustom || CppJson::readBool(common, "NetworkmapScan", false);
+  plan.limit = std::chrono::seconds(params.max_scan_sec());
+  plan.cacheKey = cacheKeyOf(plan.options);
+  return plan;
+}
+
+}  // namespace agent

@@ -1,0 +1,216 @@
+#include "task/TaskManager.h"
+
+#include <unistd.h>
+
+#include <exception>
+
+#include "platform/Text.h"
+#include "task/AgentLog.h"
+#include "task/BusTaskEvents.h"
+
+namespace agent {
+
+namespace {
+
+constexpr std::chrono::seconds kPrepareLimit{5};  // a path on a dead network mount must not hold up the bus
+constexpr const char* kModeNames[] = {"fast", "full", "custom"};
+
+TaskRecord recordOf(const std::string& token, const TaskManager::StartRequest& request,
+                    const ScanPlan& plan) {
+  TaskRecord record;
+  record.token = token;
+  record.scanType = plan.scanType;
+  record.ownerGuid = lunet::formatGuid(request.owner.guid);
+  record.ownerPid = request.owner.process.pid;
+  record.ownerUid = request.owner.process.uid;
+  record.ownerStartTicks = request.owner.process.startTicks;
+  return record;
+}
+
+}  // namespace
+
+bool isAdministrator(const CallerId& caller) {
+  return caller.uid == 0 || caller.uid == geteuid();
+}
+
+TaskManager::~TaskManager() {
+  stopAll("the agent is ending");
+}
+
+std::shared_ptr<BusTaskEvents> TaskManager::eventsFor(const StartRequest& request, const std::string& token) {
+  return std::make_shared<BusTaskEvents>(parts_.outbox, parts_.endpoint, request.owner,
+                                         BusTaskEvents::Envelope{token, request.ctx, request.source});
+}
+
+TaskManager::Started TaskManager::refuse(const StartRequest& request, const std::string& token, int state,
+                                         const std::string& why) {
+  AGENT_LOG(3, "scan refused to process %d: %s", request.caller.pid, why.c_str());
+  eventsFor(request, token)->state(static_cast<TaskEvents::State>(state), why);
+  return {false, token, why};
+}
+
+TaskManager::Started TaskManager::start(const StartRequest& request) {
+  reap();
+  std::string token;
+  if (CUuid::generate(token) != 0 || token.empty()) {
+    return {false, {}, "no random identifier could be made"};
+  }
+  std::string why;
+  std::optional<ScanPlan> plan = makePlan(request.params, parts_.store.settings(), &why);
+  if (!plan) {
+    return refuse(request, token, TaskEvents::kNotCreated, why);
+  }
+  return launch(request, token, std::move(*plan));
+}
+
+TaskManager::Started TaskManager::launch(const StartRequest& request, const std::string& token,
+                                         ScanPlan plan) {
+  const std::shared_ptr<BusTaskEvents> events = eventsFor(request, token);
+  const TaskRecord record = recordOf(token, request, plan);
+  std::shared_ptr<ScanTask> task;
+  {
+    const std::lock_guard guard(mutex_);
+    if (ending_) {
+      return refuse(request, token, TaskEvents::kNotCreated, "the agent is ending");
+    }
+    for (const auto& [other, running] : running_) {
+      if (running->plan().mode == plan.mode) {
+        return refuse(request, token, TaskEvents::kSameModeExists,
+                      std::string("a ") + kModeNames[plan.mode] + " scan is running already");
+      }
+    }
+    ScanTask::Parts parts{parts_.store, parts_.spawner, parts_.ownFolders};
+    task = std::make_shared<ScanTask>(std::move(parts), token, std::move(plan), request.caller, events);
+    running_.emplace(token, task);
+  }
+  try {
+    parts_.store.tasks().put(record);
+  } catch (const std::exception& error) {
+    release(token);
+    return refuse(request, token, TaskEvents::kNotCreated,
+                  std::string("cannot be recorded: ") + error.what());
+  }
+  task->start({[this, token] { release(token); }, [this, token] { forget(token); }});
+  const std::optional<std::string> failure = task->prepared(kPrepareLimit);
+  return failure && !failure->empty() ? Started{false, token, *failure} : Started{true, token, {}};
+}
+
+void TaskManager::release(const std::string& token) {
+  const std::lock_guard guard(mutex_);
+  const auto found = running_.find(token);
+  if (found != running_.end()) {
+    ended_.push_back(std::move(found->second));
+    running_.erase(found);
+  }
+}
+
+void TaskManager::forget(const std::string& token) {
+  try {
+    parts_.store.tasks().remove(token);
+  } catch (const std::exception& error) {
+    AGENT_LOG(4, "scan %s stays recorded: %s", token.c_str(), error.what());
+  }
+}
+
+/// Joins the threads of ended tasks.
+void TaskManager::reap() {
+  std::vector<std::shared_ptr<ScanTask>> ended;
+  {
+    const std::lock_guard guard(mutex_);
+    ended.swap(ended_);
+  }
+}
+
+bool TaskManager::maySee(const CallerId& caller, const ScanTask& task) {
+  return isAdministrator(caller) || caller.uid == task.caller().uid;
+}
+
+bool TaskManager::control(int action, const std::string& token, const std::string& detail,
+                          const CallerId& caller, std::string* why) {
+  std::shared_ptr<ScanTask> task;
+  {
+    const std::lock_guard guard(mutex_);
+    const auto found = running_.find(token);
+    if (found == running_.end() || !maySee(caller, *found->second)) {
+      *why = "no such task";
+      return false;
+    }
+    task = found->second;
+  }
+  bool done = false;
+  switch (action) {
+    case kStop:
+      done = task->stop(detail.empty() ? "stopped" : detail);
+      break;
+    case kPause:
+      done = task->pause();
+      break;
+    case kResume:
+      done = task->resume();
+      break;
+    default:
+      *why = "unknown action " + std::to_string(action);
+      return false;
+  }
+  *why = done ? "" : "the task is not in a state for that";
+  return done;
+}
+
+Json::Value TaskManager::list(const CallerId& caller) const {
+  Json::Value tasks(Json::arrayValue);
+  const std::lock_guard guard(mutex_);
+  for (const auto& [token, task] : running_) {
+    if (!maySee(caller, *task)) {
+      continue;
+    }
+    Json::Value entry(Json::objectValue);
+    entry["token_id"] = token;
+    entry["type"] = 0;
+    entry["scan_type"] = task->plan().scanType;
+    entry["state"] = static_cast<int>(task->paused() ? TaskEvents::kPaused : TaskEvents::kStarted);
+    entry["progress"] = task->percent();
+    entry["uid"] = task->caller().uid;
+    tasks.append(entry);
+  }
+  return tasks;
+}
+
+std::size_t TaskManager::count() const {
+  const std::lock_guard guard(mutex_);
+  return running_.size();
+}
+
+void TaskManager::tellOfLostTasks() {
+  for (const TaskRecord& record : parts_.store.tasks().all()) {
+    AGENT_LOG(3, "scan %s of process %d was lost with an earlier run of the agent", record.token.c_str(),
+              record.ownerPid);
+    StartRequest request;
+    request.owner.guid = lunet::parseGuid(record.ownerGuid.c_str());
+    request.owner.process.pid = record.ownerPid;
+    request.owner.process.uid = record.ownerUid;
+    request.owner.process.startTicks = record.ownerStartTicks;
+    const std::shared_ptr<BusTaskEvents> events = eventsFor(request, record.token);
+    events->state(TaskEvents::kAborted, "the agent was ended while the scan ran and has been started again");
+    events->whenTold([this, token = record.token] { forget(token); });
+  }
+}
+
+void TaskManager::stopAll(const std::string& reason) {
+  std::vector<std::shared_ptr<ScanTask>> tasks;
+  {
+    const std::lock_guard guard(mutex_);
+    ending_ = true;
+    for (const auto& [token, task] : running_) {
+      tasks.push_back(task);
+    }
+  }
+  for (const std::shared_ptr<ScanTask>& task : tasks) {
+    task->stop(reason);
+  }
+  for (std::shared_ptr<ScanTask>& task : tasks) {
+    task->join();
+  }
+  reap();
+}
+
+}  // namespace agent
