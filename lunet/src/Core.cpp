@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <asio/post.hpp>
 #include <exception>
 #include <utility>
 
@@ -63,7 +62,6 @@ Error Core::open(const Guid& self) {
   watcher_.start();
   reception_.start(address_.listener(), self);
   ioWork_.emplace(io_.get_executor());
-  deliveryWork_.emplace(delivery_.get_executor());
   const SignalsBlocked guard;
   ioThread_ = std::thread([this] { runLoop(io_, "lunet-io"); });
   deliveryThread_ = std::thread([this] {
@@ -237,15 +235,13 @@ void Core::ended(IncomingLink& link) {
 
 /// The io thread hands a caller to the delivery thread.
 void Core::welcome(Guest guest) {
-  asio::post(delivery_, [this, guest = std::move(guest)]() mutable {
-    const auto link = std::make_shared<IncomingLink>(delivery_, std::move(guest), watcher_, bus_.log,
-                                                     static_cast<Recipient&>(*this));
-    {
-      const std::lock_guard lock(guestsMutex_);
-      guests_.insert(link);
-    }
-    link->start();
-  });
+  const auto link = std::make_shared<IncomingLink>(std::move(guest), delivery_, watcher_, bus_.log,
+                                                   static_cast<Recipient&>(*this));
+  {
+    const std::lock_guard lock(guestsMutex_);
+    guests_.insert(link);
+  }
+  link->start();
 }
 
 /// A reply context is the message's number, never a pointer to something that may be gone.
@@ -338,7 +334,8 @@ void Core::forgetDeadLinks() {
 }
 
 /// A handler that throws costs itself, never the thread.
-void Core::runLoop(asio::io_context& loop, const char* name) {
+template <class Loop>
+void Core::runLoop(Loop& loop, const char* name) {
   pthread_setname_np(pthread_self(), name);
   for (;;) {
     try {

@@ -71,7 +71,8 @@ class Core final : private Recipient {
   Error dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
                std::shared_ptr<OutgoingLink>& link);
   void forgetDeadLinks();
-  void runLoop(asio::io_context& loop, const char* name);
+  template <class Loop>
+  void runLoop(Loop& loop, const char* name);
   void drainAll();
 
   Bus& bus_;
@@ -80,9 +81,8 @@ class Core final : private Recipient {
   uid_t folderOwner_ = 0;
   Address address_;
   asio::io_context io_{1};
-  asio::io_context delivery_{1};
+  DeliveryLoop delivery_;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> ioWork_;
-  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> deliveryWork_;
   Watcher watcher_{io_};
   Reception reception_;
   std::thread ioThread_;

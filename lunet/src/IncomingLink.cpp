@@ -1,8 +1,9 @@
 #include "IncomingLink.h"
 
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
-#include <asio/buffer.hpp>
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -13,23 +14,23 @@ std::string describePeer(const Guid& guid, const PeerIdentity& identity) {
          std::to_string(identity.uid) + ")";
 }
 
-IncomingLink::IncomingLink(asio::io_context& delivery, Guest guest, Watcher& watcher, Log& log,
+IncomingLink::IncomingLink(Guest guest, DeliveryLoop& delivery, Watcher& watcher, Log& log,
                            Recipient& recipient)
     : guid_(guest.guid),
       identity_(guest.identity),
-      socket_(delivery, asio::local::stream_protocol(), guest.fd.release()),
-      fd_(socket_.native_handle()),
+      fd_(std::move(guest.fd)),
+      delivery_(delivery),
       watcher_(watcher),
       log_(log),
       recipient_(recipient),
-      writer_(fd_, [this](bool want) { watchForRoom(want); }) {}
+      writer_(fd_.get(), [this](bool want) { watchForRoom(want); }) {}
 
 IncomingLink::~IncomingLink() {
   watchForRoom(false);
 }
 
 void IncomingLink::start() {
-  read();
+  delivery_.add(fd_.get(), EPOLLIN | EPOLLRDHUP, weak_from_this(), deliveryKey_);
 }
 
 void IncomingLink::close() {
@@ -38,8 +39,8 @@ void IncomingLink::close() {
   }
   writer_.close();  // behind this no other thread touches the descriptor
   watchForRoom(false);
-  asio::error_code ignored;
-  socket_.close(ignored);
+  delivery_.remove(fd_.get(), deliveryKey_);
+  fd_.reset();
   recipient_.ended(*this);
 }
 
@@ -55,7 +56,7 @@ Error IncomingLink::answer(const FrameHeader& header, const void* data) {
   return kErrPeerLost;
 }
 
-void IncomingLink::onReady(std::uint32_t events) {
+void IncomingLink::onRoom(std::uint32_t events) {
   const bool gone = (events & (EPOLLHUP | EPOLLERR)) != 0;
   if (gone || !writer_.flush()) {
     writer_.close();  // nobody reads the answers; the delivery thread sees the end when it reads
@@ -63,41 +64,37 @@ void IncomingLink::onReady(std::uint32_t events) {
   }
 }
 
-void IncomingLink::read() {
-  const std::span<char> space = reader_.space();
-  socket_.async_read_some(
-      asio::buffer(space.data(), space.size()),
-      [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
-        if (self->closed_) {
-          return;
-        }
-        if (error) {
-          self->broken(self->reader_.inFrame() ? "it ended in the middle of a frame" : nullptr);
-          return;
-        }
-        self->taken(count);
-      });
-}
-
-void IncomingLink::taken(std::size_t count) {
+/// One read, and whatever frames it completes: other connections have their turn then.
+void IncomingLink::onReady(std::uint32_t) {
+  if (closed_) {
+    return;
+  }
   try {
-    reader_.filled(count);
-    FrameReader::Next next = reader_.next();
-    for (; next == FrameReader::Next::kFrame && !closed_; next = reader_.next()) {
-      const FrameKind kind = reader_.header().kind;
-      if (kind != FrameKind::kRequest && kind != FrameKind::kOneway) {
-        broken("a frame that a caller does not send");
-        return;
-      }
-      recipient_.deliver(*this, reader_.header(), reader_.body());
-    }
-    if (next == FrameReader::Next::kBad) {
-      broken(reader_.whyBadFrame());
-    } else if (!closed_) {
-      read();
+    const std::span<char> space = reader_.space();
+    const ssize_t count = recv(fd_.get(), space.data(), space.size(), MSG_DONTWAIT);
+    if (count > 0) {
+      reader_.filled(static_cast<std::size_t>(count));
+      deliverFrames();
+    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+      broken(reader_.inFrame() ? "it ended in the middle of a frame" : nullptr);
     }
   } catch (const std::bad_alloc&) {
     broken("no memory for a message");
+  }
+}
+
+void IncomingLink::deliverFrames() {
+  FrameReader::Next next = reader_.next();
+  for (; next == FrameReader::Next::kFrame; next = reader_.next()) {
+    const FrameKind kind = reader_.header().kind;
+    if (kind != FrameKind::kRequest && kind != FrameKind::kOneway) {
+      broken("a frame that a caller does not send");
+      return;
+    }
+    recipient_.deliver(*this, reader_.header(), reader_.body());
+  }
+  if (next == FrameReader::Next::kBad) {
+    broken(reader_.whyBadFrame());
   }
 }
 
@@ -112,9 +109,9 @@ void IncomingLink::broken(const char* why) {
 void IncomingLink::watchForRoom(bool want) {
   const std::lock_guard lock(watchMutex_);
   if (want && watchKey_ == 0) {
-    watchKey_ = watcher_.add(fd_, EPOLLOUT, weak_from_this());
+    watcher_.add(fd_.get(), EPOLLOUT, std::shared_ptr<Watched>(shared_from_this(), &room_), watchKey_);
   } else if (!want && watchKey_ != 0) {
-    watcher_.remove(fd_, std::exchange(watchKey_, 0));
+    watcher_.remove(fd_.get(), std::exchange(watchKey_, 0));
   }
 }
 

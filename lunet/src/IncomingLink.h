@@ -1,7 +1,6 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/local/stream_protocol.hpp>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -10,7 +9,7 @@
 #include "FrameWriter.h"
 #include "Log.h"
 #include "Peer.h"
-#include "Watcher.h"
+#include "SocketSet.h"
 #include "platform/Descriptor.h"
 
 namespace lunet {
@@ -40,10 +39,10 @@ struct Guest {
 /// not take stays with its sender. Answers may be written on any thread.
 class IncomingLink final : public Watched, public std::enable_shared_from_this<IncomingLink> {
  public:
-  IncomingLink(asio::io_context& delivery, Guest guest, Watcher& watcher, Log& log, Recipient& recipient);
+  IncomingLink(Guest guest, DeliveryLoop& delivery, Watcher& watcher, Log& log, Recipient& recipient);
   ~IncomingLink();
-  void start();  ///< on the delivery thread, as close()
-  void close();
+  void start();  ///< any thread, once
+  void close();  ///< on the delivery thread, or when it has ended
 
   const Guid& guid() const { return guid_; }
   const PeerIdentity& identity() const { return identity_; }
@@ -57,20 +56,31 @@ class IncomingLink final : public Watched, public std::enable_shared_from_this<I
   void onReady(std::uint32_t events) override;
 
  private:
-  void read();
-  void taken(std::size_t count);
+  /// What the io thread calls when there is room for queued answers.
+  class Room final : public Watched {
+   public:
+    explicit Room(IncomingLink& link) : link_(link) {}
+    void onReady(std::uint32_t events) override { link_.onRoom(events); }
+
+   private:
+    IncomingLink& link_;
+  };
+  void onRoom(std::uint32_t events);
+  void deliverFrames();
   void broken(const char* why);
   void watchForRoom(bool want);
 
   const Guid guid_;
   const PeerIdentity identity_;
-  asio::local::stream_protocol::socket socket_;
-  const int fd_;  // socket_'s, for the writer
+  platform::Descriptor fd_;
+  DeliveryLoop& delivery_;
   Watcher& watcher_;
   Log& log_;
   Recipient& recipient_;
   FrameReader reader_;
+  std::uint64_t deliveryKey_ = 0;
   bool closed_ = false;
+  Room room_{*this};
   std::mutex watchMutex_;  // taken last
   std::uint64_t watchKey_ = 0;
   FrameWriter writer_;

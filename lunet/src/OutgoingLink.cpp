@@ -1,6 +1,5 @@
 #include "OutgoingLink.h"
 
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -14,6 +13,7 @@ namespace lunet {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 }  // namespace
 
@@ -40,7 +40,7 @@ OutgoingLink::~OutgoingLink() {
 
 void OutgoingLink::start() {
   const std::lock_guard lock(watchMutex_);
-  watchKey_ = watcher_.add(fd_.get(), EPOLLRDHUP, weak_from_this());
+  watcher_.add(fd_.get(), EPOLLRDHUP, weak_from_this(), watchKey_);
 }
 
 Error OutgoingLink::send(std::uint32_t channel, const void* data, std::uint32_t length) {
@@ -138,19 +138,31 @@ void OutgoingLink::await(Lock& lock, Call& call, Clock::time_point deadline) {
 }
 
 OutgoingLink::Read OutgoingLink::waitAndRead(Clock::time_point deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count() + 1;
-  pollfd waiting{fd_.get(), POLLIN, 0};
-  if (poll(&waiting, 1, static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000))) <= 0) {
-    return Read::kNothing;
-  }
-  return readSome();
+  return limitWaiting(deadline) ? readSome(0) : Read::kNothing;
 }
 
-OutgoingLink::Read OutgoingLink::readSome() {
+/// Sets how long a receive may wait. The system is told only when that differs by more than a few
+/// milliseconds: callers use one time-out all the time. False when the time is up.
+bool OutgoingLink::limitWaiting(Clock::time_point deadline) {
+  constexpr milliseconds kSlack{5};
+  const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
+  if (left <= milliseconds(0)) {
+    return false;
+  }
+  if (left > receiveLimit_ || receiveLimit_ - left > kSlack) {
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(left.count() / 1000);
+    limit.tv_usec = static_cast<suseconds_t>(left.count() % 1000 * 1000);
+    (void)setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    receiveLimit_ = left;
+  }
+  return true;
+}
+
+OutgoingLink::Read OutgoingLink::readSome(int flags) {
   try {
     const std::span<char> space = reader_.space();
-    const ssize_t count = recv(fd_.get(), space.data(), space.size(), MSG_DONTWAIT);
+    const ssize_t count = recv(fd_.get(), space.data(), space.size(), flags);
     if (count > 0) {
       reader_.filled(static_cast<std::size_t>(count));
       return Read::kSome;
@@ -229,7 +241,7 @@ void OutgoingLink::leave() {
 /// Reads what is there when no caller does: late answers, or the end after a hang-up. mutex_ is held.
 void OutgoingLink::drain() {
   while (alive_ && !readerActive_ && calls_.empty()) {
-    const Read read = readSome();
+    const Read read = readSome(MSG_DONTWAIT);
     if (read == Read::kEnd) {
       fail(kErrPeerLost, nullptr);
     }

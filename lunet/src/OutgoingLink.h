@@ -11,7 +11,7 @@
 #include "FrameReader.h"
 #include "FrameWriter.h"
 #include "Log.h"
-#include "Watcher.h"
+#include "SocketSet.h"
 
 namespace lunet {
 
@@ -62,7 +62,8 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
   Error writeFrame(const FrameHeader& header, const void* data);
   void await(Lock& lock, Call& call, std::chrono::steady_clock::time_point deadline);
   Read waitAndRead(std::chrono::steady_clock::time_point deadline);
-  Read readSome();
+  Read readSome(int flags);
+  bool limitWaiting(std::chrono::steady_clock::time_point deadline);
   bool takeFrames();
   bool takeFrame();
   void finish(std::uint64_t id, Answer answer);
@@ -95,6 +96,7 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
   bool readerActive_ = false;    ///< a caller reads, without mutex_
   std::size_t lateAnswers_ = 0;  ///< answers that may still come and that nobody waits for
   FrameReader reader_;
+  std::chrono::milliseconds receiveLimit_{0};  ///< of a receive on fd_, as last set; the reader's
 };
 
 }  // namespace lunet

@@ -1,0 +1,234 @@
+// The bus beside the least that two processes can do: a bare ping-pong over a SEQPACKET socket pair, in the
+// same run. Prints a table; the ratios are what counts, the times are this machine's today.
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lunet/ClientLibrary.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kBytes = 300;
+constexpr int kRounds = 7;
+constexpr int kRoundTrips = 10000;
+constexpr int kOneway = 200000;
+constexpr const char* kServer = "00000000-0000-4000-8000-000000000001";
+constexpr const char* kCaller = "00000000-0000-4000-8000-000000000002";
+
+double secondsSince(Clock::time_point begin) {
+  return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+[[noreturn]] void fail(const std::string& why) {
+  std::fprintf(stderr, "bus_bench: %s\n", why.c_str());
+  std::exit(1);
+}
+
+/// A child that runs `body` and ends when the parent closes its end of the pair.
+class Child {
+ public:
+  template <class Body>
+  explicit Child(Body body, int type) {
+    std::array<int, 2> pair{};
+    if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, pair.data()) != 0) {
+      fail("socketpair");
+    }
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(pair[0]);
+      body(pair[1]);
+      _exit(0);
+    }
+    close(pair[1]);
+    fd_ = pair[0];
+  }
+  ~Child() {
+    close(fd_);
+    waitpid(pid_, nullptr, 0);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  pid_t pid_ = -1;
+  int fd_ = -1;
+};
+
+void bareEcho(int fd) {
+  std::array<char, kBytes> data{};
+  for (;;) {
+    const ssize_t count = recv(fd, data.data(), data.size(), 0);
+    if (count <= 0 || send(fd, data.data(), static_cast<std::size_t>(count), 0) != count) {
+      return;
+    }
+  }
+}
+
+/// Seconds a round trip.
+double bareRoundTrip(int fd) {
+  std::array<char, kBytes> data{};
+  const Clock::time_point begin = Clock::now();
+  for (int i = 0; i < kRoundTrips; ++i) {
+    if (send(fd, data.data(), data.size(), 0) < 0 || recv(fd, data.data(), data.size(), 0) <= 0) {
+      fail("the bare ping-pong broke");
+    }
+  }
+  return secondsSince(begin) / kRoundTrips;
+}
+
+/// An open endpoint of a bus of its own.
+class Bus {
+ public:
+  Bus(const std::string& tree, const char* guid) {
+    for (const std::string& why :
+         {library_.load(TAV_LIB_DIR "/libLunetClientMgr.so"), library_.createClient()}) {
+      if (!why.empty()) {
+        fail(why);
+      }
+    }
+    const std::string config = "{\"runtime_path\":\"" + tree + "\"}";
+    if (library_.client()->Init(config.c_str(), "bench") != 0) {
+      fail("Init");
+    }
+    endpoint_ = library_.client()->CreateEndpoint();
+    if (endpoint_ == nullptr || endpoint_->Open(lunet::parseGuid(guid)) != 0) {
+      fail("Open");
+    }
+  }
+  ~Bus() { library_.client()->DestroyEndpoint(endpoint_); }
+  Bus(const Bus&) = delete;
+  Bus& operator=(const Bus&) = delete;
+  lunet::IEndpoint* operator->() const { return endpoint_; }
+
+ private:
+  lunet::ClientLibrary library_;
+  lunet::IEndpoint* endpoint_ = nullptr;
+};
+
+class Echo final : public lunet::IMRReceiveComplete {
+ public:
+  explicit Echo(Bus& bus) : bus_(bus) {
+    bus_->RegisterReceiver(lunet::kRequestChannel, this, nullptr);
+    bus_->RegisterReceiver(lunet::kOnewayChannel, this, nullptr);
+  }
+  void ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data, std::uint32_t length,
+                       void* replyContext, void*) override {
+    if (replyContext != nullptr) {
+      bus_->Reply(0, messageId, data, length, replyContext);
+    }
+  }
+
+ private:
+  Bus& bus_;
+};
+
+void busEcho(const std::string& tree, int fd) {
+  Bus bus(tree, kServer);
+  Echo echo(bus);
+  char byte = 1;
+  (void)!write(fd, &byte, 1);
+  (void)!read(fd, &byte, 1);  // until the parent is done
+}
+
+void call(Bus& bus, const lunet::Guid& target, const std::array<char, kBytes>& data) {
+  std::uint32_t error = 0;
+  char* reply = nullptr;
+  std::uint32_t length = 0;
+  if (bus->SyncSend(target, lunet::kRequestChannel, data.data(), kBytes, &error, &reply, &length, 10000) !=
+      0) {
+    fail("SyncSend gave " + std::to_string(error));
+  }
+  bus->FreeBuffer(reply);
+}
+
+double busRoundTrip(Bus& bus, const lunet::Guid& target) {
+  const std::array<char, kBytes> data{};
+  const Clock::time_point begin = Clock::now();
+  for (int i = 0; i < kRoundTrips; ++i) {
+    call(bus, target, data);
+  }
+  return secondsSince(begin) / kRoundTrips;
+}
+
+/// Messages a second, all of them delivered: the call behind them is answered after them.
+double busOneway(Bus& bus, const lunet::Guid& target) {
+  const std::array<char, kBytes> data{};
+  const Clock::time_point begin = Clock::now();
+  for (int i = 0; i < kOneway; ++i) {
+    std::uint32_t error = 0;
+    while ((error = bus->OnewaySend(target, lunet::kOnewayChannel, data.data(), kBytes)) ==
+           lunet::kErrQueueFull) {
+      std::this_thread::yield();
+    }
+    if (error != 0) {
+      fail("OnewaySend gave " + std::to_string(error));
+    }
+  }
+  call(bus, target, data);
+  return kOneway / secondsSince(begin);
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+int run(const std::string& tree) {
+  const lunet::Guid server = lunet::parseGuid(kServer);
+  const Child bareChild([](int fd) { bareEcho(fd); }, SOCK_SEQPACKET);
+  const Child busChild([&](int fd) { busEcho(tree, fd); }, SOCK_STREAM);
+  char byte = 0;
+  if (read(busChild.fd(), &byte, 1) != 1) {
+    fail("the echoing process did not start");
+  }
+  Bus bus(tree, kCaller);
+  std::vector<double> bare;
+  std::vector<double> trip;
+  std::vector<double> oneway;
+  for (int round = 0; round < kRounds; ++round) {  // in turns: what else the machine does hits both
+    bare.push_back(bareRoundTrip(bareChild.fd()));
+    trip.push_back(busRoundTrip(bus, server));
+    oneway.push_back(busOneway(bus, server));
+  }
+  std::vector<double> tripRatio;
+  std::vector<double> onewayRatio;
+  for (std::size_t i = 0; i < bare.size(); ++i) {
+    tripRatio.push_back(trip[i] / bare[i]);
+    onewayRatio.push_back(oneway[i] * bare[i]);
+  }
+  std::printf("%-44s %12s %8s %8s\n", "bus (300 bytes, two processes)", "measured", "ratio", "target");
+  std::printf("%-44s %9.1f us %8s %8s\n", "bare SEQPACKET ping-pong", median(bare) * 1e6, "1.00", "");
+  std::printf("%-44s %9.1f us %8.2f %8s\n", "bus round trip", median(trip) * 1e6, median(tripRatio),
+              "<= 1.3");
+  std::printf("%-44s %7.0f k/s %8.1f %8s\n", "one-way messages, beside ping-pongs a second",
+              median(oneway) / 1e3, median(onewayRatio), ">= 10");
+  return median(tripRatio) <= 1.3 && median(onewayRatio) >= 10 ? 0 : 1;
+}
+
+}  // namespace
+
+int main() {
+  char pattern[] = "/tmp/bus_bench-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) {
+    fail("mkdtemp");
+  }
+  const int result = run(pattern);
+  std::filesystem::remove_all(pattern);
+  return result;
+}

@@ -1,0 +1,117 @@
+#include "SocketSet.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+namespace lunet {
+
+namespace {
+
+/// The descriptor, or what the system says against it.
+int checked(int fd, const char* what) {
+  if (fd < 0) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
+  return fd;
+}
+
+}  // namespace
+
+SocketSet::SocketSet() : set_(checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {}
+
+void SocketSet::add(int fd, std::uint32_t events, std::weak_ptr<Watched> watched, std::uint64_t& key) {
+  {
+    const std::lock_guard lock(mutex_);
+    key = nextKey_++;
+    watched_.emplace(key, std::move(watched));
+  }
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = key;
+  checked(epoll_ctl(set_.get(), EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
+}
+
+void SocketSet::change(int fd, std::uint64_t key, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = key;
+  (void)epoll_ctl(set_.get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void SocketSet::remove(int fd, std::uint64_t key) {
+  epoll_event event{};
+  (void)epoll_ctl(set_.get(), EPOLL_CTL_DEL, fd, &event);
+  const std::lock_guard lock(mutex_);
+  watched_.erase(key);
+}
+
+void SocketSet::dispatch(int timeoutMs) {
+  std::array<epoll_event, 64> events;  // NOLINT: the kernel fills what is looked at
+  const int count = epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
+  for (int i = 0; i < count; ++i) {
+    const epoll_event& event = events[static_cast<std::size_t>(i)];
+    std::shared_ptr<Watched> watched;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto found = watched_.find(event.data.u64);
+      watched = found == watched_.end() ? nullptr : found->second.lock();
+    }
+    if (watched) {
+      watched->onReady(event.events);
+    }
+  }
+}
+
+Watcher::Watcher(asio::io_context& io)
+    : waiting_(io, checked(fcntl(fd(), F_DUPFD_CLOEXEC, 0), "F_DUPFD_CLOEXEC")) {}
+
+void Watcher::start() {
+  wait();
+}
+
+void Watcher::wait() {
+  waiting_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
+    if (!error) {
+      dispatch(0);
+      wait();
+    }
+  });
+}
+
+/// Wakes the loop's thread.
+class DeliveryLoop::Bell final : public Watched {
+ public:
+  Bell() : fd_(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {}
+  int fd() const { return fd_.get(); }
+  void ring() const { (void)eventfd_write(fd_.get(), 1); }
+  void onReady(std::uint32_t) override {
+    eventfd_t ignored = 0;
+    (void)eventfd_read(fd_.get(), &ignored);
+  }
+
+ private:
+  const platform::Descriptor fd_;
+};
+
+DeliveryLoop::DeliveryLoop() : bell_(std::make_shared<Bell>()) {
+  std::uint64_t key = 0;
+  add(bell_->fd(), EPOLLIN, bell_, key);
+}
+
+void DeliveryLoop::run() {
+  while (!stopped_) {
+    dispatch(-1);
+  }
+}
+
+void DeliveryLoop::stop() {
+  stopped_ = true;
+  bell_->ring();
+}
+
+}  // namespace lunet

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "platform/Descriptor.h"
+
+namespace lunet {
+
+/// What is called when a watched socket has something for its thread. Must not throw.
+class Watched {
+ public:
+  virtual void onReady(std::uint32_t events) = 0;
+
+ protected:
+  ~Watched() = default;
+};
+
+/// Sockets that one thread keeps an eye on while others use them too. Not the io context's own set: that
+/// one wakes its thread for every message, and tries each socket once more after every read. Adding,
+/// changing and removing: any thread.
+class SocketSet {
+ public:
+  SocketSet();
+  /// events: EPOLLIN, EPOLLOUT, EPOLLRDHUP, level-triggered. key, for change and remove, is set before the
+  /// first event can be told.
+  void add(int fd, std::uint32_t events, std::weak_ptr<Watched> watched, std::uint64_t& key);
+  void change(int fd, std::uint64_t key, std::uint32_t events);
+  void remove(int fd, std::uint64_t key);
+  /// Waits (-1: for ever) and calls who is ready. The set's own thread.
+  void dispatch(int timeoutMs);
+  int fd() const { return set_.get(); }
+
+ private:
+  const platform::Descriptor set_;
+  std::mutex mutex_;
+  std::uint64_t nextKey_ = 1;
+  std::unordered_map<std::uint64_t, std::weak_ptr<Watched>> watched_;
+};
+
+/// The io thread's set: for a hang-up, for room to write what is queued, for an answer that nobody waits
+/// for any more.
+class Watcher : public SocketSet {
+ public:
+  explicit Watcher(asio::io_context& io);
+  void start();
+
+ private:
+  void wait();
+  asio::posix::stream_descriptor waiting_;
+};
+
+/// The delivery thread's set, and its loop.
+class DeliveryLoop : public SocketSet {
+ public:
+  DeliveryLoop();
+  void run();   ///< until stop()
+  void stop();  ///< any thread
+
+ private:
+  class Bell;
+  std::shared_ptr<Bell> bell_;
+  std::atomic<bool> stopped_{false};
+};
+
+}  // namespace lunet
