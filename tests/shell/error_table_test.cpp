@@ -80,7 +80,7 @@ TEST_P(ErrorTableRow, PrintsItsMessage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Codes, ErrorTableRow, testing::ValuesIn(kRows),
-                         [](const auto& info) { return "Minus" + std::to_string(-info.param.code); });
+                         [](const auto& row) { return "Minus" + std::to_string(-row.param.code); });
 
 TEST(ErrorTable, TheCodeOfTwoMessagesKeepsTheFirst) {
   EXPECT_EQ(printed(-11006), "ERR: config protectlevel empty \n");

@@ -20,6 +20,7 @@ class TavCliCmdCache : public TavcliCmdInterface {
   TavCliCmdCache();
   int load(CObject* owner) override;
   int buildTree(CliTree* tree) override;
+  const shell::GrammarTable& grammar() const { return grammar_; }
 
   static TavCliCmdCache module;
 

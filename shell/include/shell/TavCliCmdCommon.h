@@ -9,6 +9,7 @@ class TavCliCmdCommon : public TavcliCmdInterface {
  public:
   TavCliCmdCommon();
   int buildTree(CliTree* tree) override;
+  const shell::GrammarTable& grammar() const { return grammar_; }
 
   static TavCliCmdCommon module;
 

@@ -9,6 +9,7 @@ class TavCliCmdConfig : public TavcliCmdInterface {
   TavCliCmdConfig();
   int load(CObject* owner) override;
   int buildTree(CliTree* tree) override;
+  const shell::GrammarTable& grammar() const { return grammar_; }
 
   static TavCliCmdConfig module;
 

@@ -9,6 +9,7 @@ class TavCliCmdIsolation : public TavcliCmdInterface {
   TavCliCmdIsolation();
   int load(CObject* owner) override;
   int buildTree(CliTree* tree) override;
+  const shell::GrammarTable& grammar() const { return grammar_; }
 
   static TavCliCmdIsolation module;
 

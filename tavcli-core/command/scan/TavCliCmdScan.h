@@ -10,6 +10,7 @@ class TavCliCmdScan : public TavcliCmdInterface {
   /// Also makes the receivers of the agent's notifications, once a process; the agent link must be up.
   int load(CObject* owner) override;
   int buildTree(CliTree* tree) override;
+  const shell::GrammarTable& grammar() const { return grammar_; }
 
   static TavCliCmdScan module;
 

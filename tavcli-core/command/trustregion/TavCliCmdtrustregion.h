@@ -10,6 +10,7 @@ class TavCliCmdtrustregion : public TavcliCmdInterface {
   TavCliCmdtrustregion();
   int load(CObject* owner) override;
   int buildTree(CliTree* tree) override;
+  const shell::GrammarTable& grammar() const { return grammar_; }
 
   static TavCliCmdtrustregion module;
 

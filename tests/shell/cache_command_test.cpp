@@ -1,0 +1,198 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ProcessShell.h"
+#include "lunet/Lunet.h"
+#include "shell/TavCliCmdCache.h"
+#include "support/ConsoleLink.h"
+#include "support/GrammarRows.h"
+#include "support/ScriptedAgent.h"
+#include "support/TempDir.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+using testsupport::ConsoleLink;
+using testsupport::GrammarRowExpected;
+using testsupport::ScriptedAgent;
+using testsupport::TempDir;
+
+namespace {
+
+const GrammarRowExpected kRows[] = {
+    {"CACHE", "缓存管理", "", 1, 1, 0},
+    {"CACHE SHOW", "显示缓存信息", "", 1, 1, 0},
+    {"CACHE SHOW SCANCACHE", "扫描缓存", "", 1, 1, 0},
+    {"CACHE CLEAN", "清理缓存", "", 1, 1, 0},
+    {"CACHE CLEAN SCANCACHE", "扫描缓存", "", 1, 1, 0},
+};
+
+class CacheGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
+
+class CacheCommand : public testing::Test {
+ protected:
+  TempDir tree_;
+  ScriptedAgent agent_{tree_.path()};
+  ConsoleLink link_{tree_.path(), 500};
+};
+
+}  // namespace
+
+TEST_P(CacheGrammarRow, IsInTheTree) {
+  TavCliCmdCache module;
+  CliTree tree;
+  module.buildTree(&tree);
+  testsupport::expectRow(tree, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, CacheGrammarRow, testing::ValuesIn(kRows),
+                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
+
+TEST(CacheGrammar, StandsInItsOrder) {
+  TavCliCmdCache module;
+  CliTree tree;
+  module.buildTree(&tree);
+  EXPECT_THAT(testsupport::allPaths(tree), ElementsAre("CACHE", "CACHE SHOW", "CACHE SHOW SCANCACHE",
+                                                       "CACHE CLEAN", "CACHE CLEAN SCANCACHE"));
+}
+
+TEST(CacheGrammar, TheTaskStartsAsShow) {
+  const TavCliCmdCacheExec task;
+  EXPECT_EQ(task.action, 0u);
+  EXPECT_EQ(task.subject, 0u);
+}
+
+TEST(CacheGrammar, TheKeywordsSetActionAndSubject) {
+  for (const auto& [line, action] :
+       {std::pair{"CACHE SHOW SCANCACHE", 0u}, std::pair{"CACHE CLEAN SCANCACHE", 1u}}) {
+    TavCliCmdCache module;
+    CliTree tree;
+    module.buildTree(&tree);
+    EXPECT_EQ(tree.parse(line), 0);
+    const auto* const task = TavCliCompletion::instance().pendingTaskAs<TavCliCmdCacheExec>();
+    ASSERT_NE(task, nullptr);
+    EXPECT_EQ(task->action, action);
+    EXPECT_EQ(task->subject, 0u);
+    TavCliCompletion::instance().setPendingTask(nullptr);
+  }
+}
+
+TEST(CacheGrammar, TheHandlersDoNothingAndGiveZeroWithoutATask) {
+  TavCliCmdCache module;
+  CliTree tree;
+  module.buildTree(&tree);
+  TavCliCompletion::instance().setPendingTask(nullptr);
+  for (const char* path : {"CACHE SHOW SCANCACHE", "CACHE CLEAN SCANCACHE"}) {
+    const CliNodeInfo* const node = module.grammar().find(path);
+    EXPECT_EQ(node->handler(*node, ""), 0) << path;
+  }
+  EXPECT_FALSE(module.grammar().find("CACHE SHOW")->handler);
+  EXPECT_FALSE(module.grammar().find("CACHE CLEAN")->handler);
+}
+
+TEST(CacheModule, IsNamedCacheAndPrintsItsLoadMessage) {
+  TavCliCmdCache module;
+  EXPECT_EQ(module.name(), "cache");
+  EXPECT_EQ(testsupport::outputOf([&module] { EXPECT_EQ(module.load(nullptr), 1); }),
+            "[Load Command] Cache\n");
+}
+
+TEST(CacheModule, CommonAndCacheAreLoadedByTheShell) {
+  EXPECT_THAT(loadedShell(), StartsWith("[Load Command] Cache\n"));
+}
+
+TEST(CacheWithoutAgentLink, NothingIsPrintedAndTheResultIsZero) {
+  for (const char* line : {"CACHE SHOW SCANCACHE", "CACHE CLEAN SCANCACHE"}) {
+    const Executed executed = executeLine(line);
+    EXPECT_EQ(executed.result, 0) << line;
+    EXPECT_EQ(executed.printed, "") << line;
+  }
+}
+
+TEST_F(CacheCommand, AlonePrintsWhatIsMissingAndSendsNothing) {
+  const Executed executed = executeLine("CACHE");
+  EXPECT_EQ(executed.result, -1);
+  EXPECT_EQ(executed.printed,
+            "缺少必要选项:"
+            "CLEAN                         清理缓存                  \n"
+            "SHOW                          显示缓存信息            \n");
+  EXPECT_THAT(agent_.calls(), IsEmpty());
+}
+
+TEST_F(CacheCommand, ShowPrintsTheCountInAnyLetterCase) {
+  for (const int count : {0, 1, 123456, 2147483647, -1}) {
+    agent_.answer("getScanCacheDetail", count);
+    for (const char* line : {"CACHE SHOW SCANCACHE", "cache show scancache"}) {
+      const Executed executed = executeLine(line);
+      EXPECT_EQ(executed.result, 0);
+      EXPECT_EQ(executed.printed, "  当前存在" + std::to_string(count) + "项扫描缓存\n");
+    }
+  }
+}
+
+TEST_F(CacheCommand, CleanSendsOneNotificationWithoutWaitingAndPrintsNothing) {
+  const Executed executed = executeLine("CACHE CLEAN SCANCACHE");
+  EXPECT_EQ(executed.result, 0);
+  EXPECT_EQ(executed.printed, "");
+  ASSERT_TRUE(agent_.waitForCall("cleanScanCache"));
+  const std::vector<ScriptedAgent::Call> calls = agent_.calls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].channel, lunet::kOnewayChannel);
+  EXPECT_FALSE(calls[0].wantsReply);
+}
+
+TEST_F(CacheCommand, AnErrorOfTheAgentIsShownWithItsMessage) {
+  agent_.answerError("getScanCacheDetail", -32000, "the cache\x1b[2J is gone");
+  const Executed executed = executeLine("CACHE SHOW SCANCACHE");
+  EXPECT_EQ(executed.result, 0);
+  EXPECT_EQ(executed.printed, "Caught exception:\nthe cache\\x1b[2J is gone\n");
+}
+
+TEST_F(CacheCommand, AnAnswerOfAnotherKindIsShownAsAnException) {
+  agent_.answer("getScanCacheDetail", "many");
+  const Executed executed = executeLine("CACHE SHOW SCANCACHE");
+  EXPECT_EQ(executed.result, 0);
+  EXPECT_THAT(executed.printed, StartsWith("Caught exception:\n\"many\""));
+  EXPECT_EQ(std::count(executed.printed.begin(), executed.printed.end(), '\n'), 2);
+}
+
+TEST_F(CacheCommand, AnAgentThatDiesDuringTheCallIsShownAsAnException) {
+  agent_.dieAt("getScanCacheDetail");
+  const Executed executed = executeLine("CACHE SHOW SCANCACHE");
+  EXPECT_EQ(executed.result, 0);
+  EXPECT_THAT(executed.printed, MatchesRegex("Caught exception:\nlunet SyncSend error ret\\[[0-9-]+\\]\n"));
+}
+
+TEST_F(CacheCommand, AnAgentThatNeverAnswersIsShownAsAnException) {
+  agent_.neverAnswer("getScanCacheDetail");
+  const Executed executed = executeLine("CACHE SHOW SCANCACHE");
+  EXPECT_EQ(executed.result, 0);
+  EXPECT_THAT(executed.printed, MatchesRegex("Caught exception:\nlunet SyncSend error ret\\[[0-9-]+\\]\n"));
+}
+
+TEST_F(CacheCommand, AnAbsentAgentIsShownAsAnException) {
+  agent_.leave();
+  EXPECT_THAT(executeLine("CACHE SHOW SCANCACHE").printed,
+              MatchesRegex("Caught exception:\nlunet SyncSend error ret\\[[0-9-]+\\]\n"));
+  EXPECT_THAT(executeLine("CACHE CLEAN SCANCACHE").printed,
+              MatchesRegex("Caught exception:\nlunet OnewaySend error ret\\[[0-9-]+\\]\n"));
+}
+
+TEST_F(CacheCommand, WorksAgainWithTheAgentThatComesBack) {
+  agent_.answer("getScanCacheDetail", 7);
+  agent_.leave();
+  executeLine("CACHE SHOW SCANCACHE");
+  agent_.join();
+  EXPECT_EQ(executeLine("CACHE SHOW SCANCACHE").printed, "  当前存在7项扫描缓存\n");
+}
+
+TEST_F(CacheCommand, AnotherSubjectOrActionDoesNothing) {
+  TavCliCmdCacheExec task;
+  task.subject = 1;
+  EXPECT_EQ(testsupport::outputOf([&task] { EXPECT_EQ(task.execute(), 0); }), "");
+  task.subject = 0;
+  task.action = 2;
+  EXPECT_EQ(testsupport::outputOf([&task] { EXPECT_EQ(task.execute(), 0); }), "");
+  EXPECT_THAT(agent_.calls(), IsEmpty());
+}

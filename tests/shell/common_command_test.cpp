@@ -1,0 +1,230 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "ProcessShell.h"
+#include "lineeditor/History.h"
+#include "shell/TavCliCmdCommon.h"
+#include "support/GrammarRows.h"
+#include "support/TempDir.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testsupport::GrammarRowExpected;
+using testsupport::readFile;
+
+namespace {
+
+const GrammarRowExpected kRows[] = {
+    {"QUIT", "", "", 1, 1, 0},
+    {"HISTORY", "显示命令历史", "", 1, 1, 0},
+    {"HELP", "显示帮助信息", "", 1, 1, 0},
+    {"HELP CTRL", "显示快捷键说明", "", 1, 1, 0},
+    {"HELP APP", "显示程序说明", "", 1, 1, 0},
+};
+
+class CommonGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
+
+std::string golden(const char* name) {
+  return readFile(std::string(TAV_SOURCE_DIR) + "/tests/shell/data/" + name);
+}
+
+/// Runs a line as a child on a terminal of 24 rows and 80 columns.
+class OnATerminal {
+ public:
+  explicit OnATerminal(const char* line) {
+    loadedShell();
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = 80;
+    child_ = forkpty(&terminal_, nullptr, nullptr, &size);
+    if (child_ == 0) {
+      setenv("TERM", "xterm", 1);
+      const std::int32_t result = TavCliCompletion::instance().executeLine(line);
+      std::fflush(stdout);
+      _exit(result);
+    }
+  }
+  ~OnATerminal() {
+    close(terminal_);
+    int status = 0;
+    waitpid(child_, &status, 0);
+  }
+  OnATerminal(const OnATerminal&) = delete;
+  OnATerminal& operator=(const OnATerminal&) = delete;
+
+  void press(char key) { EXPECT_EQ(write(terminal_, &key, 1), 1); }
+  /// Reads until the output ends with the text, or nothing more comes.
+  std::string readUntil(const std::string& text) {
+    std::string output;
+    char chunk[4096];
+    pollfd wait{terminal_, POLLIN, 0};
+    while (!output.ends_with(text) && poll(&wait, 1, 20000) == 1) {
+      const ssize_t count = read(terminal_, chunk, sizeof chunk);
+      if (count <= 0) {
+        break;
+      }
+      output.append(chunk, static_cast<std::size_t>(count));
+    }
+    return output;
+  }
+  std::string readToTheEnd() { return readUntil(std::string(1, '\x01')); }
+
+ private:
+  int terminal_ = -1;
+  pid_t child_ = -1;
+};
+
+constexpr const char* kPagerPrompt = "*** Press <Space> or <Enter> to continue . . .";
+
+std::ptrdiff_t tableLines(const std::string& output) {
+  return std::count(output.begin(), output.end(), '\n') - 1;  // the first holds a blank and a backspace
+}
+
+}  // namespace
+
+TEST_P(CommonGrammarRow, IsInTheTree) {
+  TavCliCmdCommon module;
+  CliTree tree;
+  module.buildTree(&tree);
+  testsupport::expectRow(tree, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, CommonGrammarRow, testing::ValuesIn(kRows),
+                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
+
+TEST(CommonGrammar, StandsInItsOrder) {
+  TavCliCmdCommon module;
+  CliTree tree;
+  module.buildTree(&tree);
+  EXPECT_THAT(testsupport::allPaths(tree), ElementsAre("QUIT", "HELP", "HELP CTRL", "HELP APP", "HISTORY"));
+}
+
+TEST(CommonCommand, TheModuleIsNamedCommonAndPrintsNoLoadMessage) {
+  TavCliCmdCommon module;
+  EXPECT_EQ(module.name(), "common");
+  EXPECT_EQ(testsupport::outputOf([&module] { EXPECT_EQ(module.load(nullptr), 0); }), "");
+}
+
+TEST(CommonCommand, EachHandlerGivesOne) {
+  TavCliCmdCommon module;
+  CliTree tree;
+  module.buildTree(&tree);
+  for (const char* path : {"HELP CTRL", "HELP APP", "HISTORY"}) {
+    const CliNodeInfo* const node = module.grammar().find(path);
+    testsupport::outputOf([&] { EXPECT_EQ(node->handler(*node, ""), 1) << path; });
+  }
+  EXPECT_FALSE(module.grammar().find("HELP")->handler);
+}
+
+TEST(CommonCommand, HelpAlonePrintsWhatIsMissingAndNoHelpScreen) {
+  const Executed executed = executeLine("HELP");
+  EXPECT_EQ(executed.result, -1);
+  EXPECT_EQ(executed.printed,
+            "缺少必要选项:"
+            "APP                           显示程序说明            \n"
+            "CTRL                          显示快捷键说明         \n");
+}
+
+TEST(CommonCommand, HelpCtrlPrintsTheKeyTableByteForByte) {
+  const std::string table = golden("help_ctrl.txt");
+  ASSERT_EQ(std::count(table.begin(), table.end(), '\n'), 53);
+  for (const char* line : {"HELP CTRL", "help ctrl", "Help Ctrl"}) {
+    const Executed executed = executeLine(line);
+    EXPECT_EQ(executed.result, 0);
+    EXPECT_EQ(executed.printed, table);
+  }
+}
+
+TEST(CommonCommand, HelpAppPrintsTheExampleBoxByteForByte) {
+  const std::string box = golden("help_app.txt");
+  ASSERT_EQ(std::count(box.begin(), box.end(), '\n'), 22);
+  for (const char* line : {"HELP APP", "help app"}) {
+    EXPECT_EQ(executeLine(line).printed, box);
+  }
+}
+
+TEST(CommonCommand, HelpCtrlPausesAfterTwentyThreeLinesInATerminalOfTwentyFour) {
+  OnATerminal console("help ctrl");
+  const std::string page = console.readUntil(kPagerPrompt);
+  ASSERT_THAT(page, HasSubstr(kPagerPrompt));
+  EXPECT_EQ(tableLines(page), 23);
+  console.press('q');
+}
+
+TEST(CommonCommand, ABlankOrEnterShowsTheNextPageOfTheKeyTable) {
+  for (const char key : {' ', '\r', '\n'}) {
+    OnATerminal console("HELP CTRL");
+    console.readUntil(kPagerPrompt);
+    console.press(key);
+    const std::string second = console.readUntil(kPagerPrompt);
+    EXPECT_EQ(std::count(second.begin(), second.end(), '\n'), 23);
+    console.press(key);
+    const std::string rest = console.readToTheEnd();
+    EXPECT_EQ(std::count(rest.begin(), rest.end(), '\n'), 6);
+    EXPECT_THAT(rest, HasSubstr("Alt-R"));
+  }
+}
+
+TEST(CommonCommand, AnyOtherKeyEndsTheKeyTable) {
+  OnATerminal console("HELP CTRL");
+  console.readUntil(kPagerPrompt);
+  console.press('x');
+  const std::string rest = console.readToTheEnd();
+  EXPECT_EQ(std::count(rest.begin(), rest.end(), '\n'), 0);
+}
+
+TEST(CommonCommand, HistoryListsTheLinesNumbered) {
+  const testsupport::TempDir folder;
+  lineeditor::historyClear();
+  ASSERT_EQ(lineeditor::historyLoad(folder.write("history", "SCAN SHOW\nCACHE SHOW SCANCACHE\n").c_str()), 0);
+  for (const char* line : {"HISTORY", "history"}) {
+    const Executed executed = executeLine(line);
+    EXPECT_EQ(executed.result, 0);
+    EXPECT_EQ(executed.printed, "   1  SCAN SHOW\n   2  CACHE SHOW SCANCACHE\n");
+  }
+}
+
+TEST(CommonCommandDeathTest, QuitEndsTheProcessWithStatusZeroAtOnceWhateverFollows) {
+  loadedShell();
+  for (const char* line : {"QUIT", "quit", "QUIT SCAN START", "QUIT bogus"}) {
+    EXPECT_EXIT(TavCliCompletion::instance().executeLine(line), testing::ExitedWithCode(0), "") << line;
+  }
+}
+
+TEST(CommonCommandDeathTest, QuitRunsTheHookBeforeTheEnd) {
+  loadedShell();
+  EXPECT_EXIT(
+      {
+        TavCliCompletion::instance().setQuitHook([] { std::fputs("link stopped", stderr); });
+        TavCliCompletion::instance().executeLine("QUIT");
+      },
+      testing::ExitedWithCode(0), "link stopped");
+}
+
+TEST(CommonCommandDeathTest, QuitWritesOutWhatWasPrinted) {
+  loadedShell();
+  const testsupport::TempDir folder;
+  const std::string path = folder.at("out");
+  EXPECT_EXIT(
+      {
+        dup2(open(path.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
+        std::fputs("half a line", stdout);
+        TavCliCompletion::instance().executeLine("QUIT");
+      },
+      testing::ExitedWithCode(0), "");
+  EXPECT_THAT(readFile(path), HasSubstr("half a line"));
+}
+
+TEST(CommonCommand, QuitInsideAnotherCommandDoesNotEndTheProcess) {
+  const Executed executed = executeLine("HELP QUIT");
+  EXPECT_EQ(executed.result, -1);
+}
