@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "json/CppJson.h"
 #include "jsonrpchelper/AgentMethods.h"
@@ -32,6 +33,15 @@ std::uint8_t setScanCacheAction(const CliNodeInfo& /*node*/, const std::string& 
   return 1;
 }
 
+/// The message as one line: it may quote what the agent sent, with a line end behind it.
+std::string shownMessage(const jsonrpc::JsonRpcException& exception) {
+  std::string_view message = exception.GetMessage();
+  while (message.ends_with('\n')) {
+    message.remove_suffix(1);
+  }
+  return json::visiblePath(message);
+}
+
 const GrammarRow kGrammar[] = {
     {"CACHE", "缓存管理", kNoHint, kChoice, kNoValue, shell::startTask<TavCliCmdCacheExec>},
     {"CACHE SHOW", "显示缓存信息", kNoHint, kChoice, kNoValue, nullptr},
@@ -56,7 +66,7 @@ std::int32_t TavCliCmdCacheExec::execute() {
       agent.cleanScanCache();
     }
   } catch (const jsonrpc::JsonRpcException& exception) {
-    std::printf("Caught exception:\n%s\n", json::visiblePath(exception.GetMessage()).c_str());
+    std::printf("Caught exception:\n%s\n", shownMessage(exception).c_str());
   }
   return 0;
 }

@@ -6,6 +6,15 @@
 #include "shell/TavCliCmdCache.h"
 #include "shell/TavCliCmdCommon.h"
 
+namespace {
+
+// The modules of this folder register themselves before main. Named here so that the linker takes them out of
+// the archive with the shell.
+[[gnu::used]] const TavcliCmdInterface* const kOwnModules[] = {&TavCliCmdCommon::module,
+                                                               &TavCliCmdCache::module};
+
+}  // namespace
+
 TavcliCmdInterface::TavcliCmdInterface(std::string name) {
   name_ = std::move(name);
 }
@@ -32,9 +41,6 @@ TavCliCompletion::TavCliCompletion() : tree_(std::make_unique<CliTree>()) {}
 TavCliCompletion::~TavCliCompletion() = default;
 
 int TavCliCompletion::init() {
-  // Named here so that the linker keeps the modules of this folder: each registers itself before main.
-  registerModule(&TavCliCmdCommon::module);
-  registerModule(&TavCliCmdCache::module);
   load(this);
   forEachModule([this](TavcliCmdInterface& module) { module.attach(tree_.get()); });
   return 1;

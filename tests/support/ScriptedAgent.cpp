@@ -51,7 +51,7 @@ struct Script {
 
 }  // namespace
 
-class ScriptedAgent::Bus : public lunet::IMRReceiveComplete {
+class ScriptedAgent::Bus final : public lunet::IMRReceiveComplete {
  public:
   Bus(std::string runtimePath, const std::string& config);
   ~Bus();
