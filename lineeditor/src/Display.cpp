@@ -81,6 +81,7 @@ void Display::leave(Content content, Ending ending) {
   outputBuffer += painter_.toEnd();
   outputBuffer += endingText(ending);
   live_ = false;
+  flushOutputLocked();  // ordinary output does not wait for the next key
 }
 
 void Display::remove() {

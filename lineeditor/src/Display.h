@@ -19,7 +19,7 @@ enum class Ending {
 
 /// What of the terminal belongs to the prompt. One lock guards it and outputBuffer, so a notice can be
 /// printed from any thread at any time: it takes the prompt away, prints, and puts the prompt back. All other
-/// functions are the main thread's. Nothing is flushed here, except by notice().
+/// functions are the main thread's. Only leave() and notice() flush.
 class Display {
  public:
   static Display& instance();

@@ -28,33 +28,36 @@ std::string formatted(const char* format, va_list arguments) {
   return text;
 }
 
-/// Shows the pager's prompt, waits for a key, takes the prompt away. On a usable terminal the display does
-/// it, so that a notice in between finds its way around the prompt.
-Key askPager() {
+/// On a usable terminal the display shows and removes the prompt, so that a notice in between finds its way around it.
+void showPagerPrompt() {
+  if (terminalUsable()) {
+    Content content;
+    content.prompt = kPagerPrompt;
+    Display::instance().show(content);
+  } else {
+    const std::lock_guard guard(outputMutex());
+    outputBuffer += kPagerPrompt;
+  }
+}
+
+void erasePagerPrompt() {
   Display& display = Display::instance();
-  const std::string_view prompt = kPagerPrompt;
+  if (display.inTranscript()) {
+    display.show(Content{});
+    return;
+  }
   int rows = 0;
   int cols = 0;
   screenSize(rows, cols);
-  const bool inPlace = !display.inTranscript() && static_cast<int>(prompt.size()) < cols;
-  if (terminalUsable()) {
-    Content content;
-    content.prompt = prompt;
-    display.show(content);
+  if (terminalUsable() && static_cast<int>(kPagerPrompt.size()) >= cols) {
+    display.remove();  // backspaces do not get back over the wrap
   } else {
+    display.forget();
     const std::lock_guard guard(outputMutex());
-    outputBuffer += prompt;
+    const std::string back(kPagerPrompt.size(), '\b');
+    outputBuffer += back + std::string(kPagerPrompt.size(), ' ') + back;
   }
-  const Key key = InputReader::instance().readKeyStandingAlone();
-  if (terminalUsable() && !inPlace) {
-    display.inTranscript() ? display.show(Content{}) : display.remove();
-    return key;
-  }
-  display.forget();
-  const std::lock_guard guard(outputMutex());
-  const std::string back(prompt.size(), '\b');
-  outputBuffer += back + std::string(prompt.size(), ' ') + back;
-  return key;
+  flushOutput();  // the next line of the listing goes straight to standard output
 }
 
 }  // namespace
@@ -167,7 +170,9 @@ int pageBreak(int length) {
   if (pagerLines < rows - 1) {
     return 0;
   }
-  const Key key = askPager();
+  showPagerPrompt();
+  const Key key = InputReader::instance().readKeyStandingAlone();
+  erasePagerPrompt();
   resetPager();
   return continuesListing(key) ? 0 : 1;
 }

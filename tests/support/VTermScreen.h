@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct VTerm;
+struct VTermScreen;
+
+namespace testsupport {
+
+/// What a terminal shows for the bytes written to it: an emulator (libvterm) with its rows, its cursor and its answers.
+/// Bytes go in as the terminal's driver hands them on: line feeds need their carriage returns. Not thread-safe.
+class TerminalScreen {
+ public:
+  TerminalScreen(int rows, int cols);
+  ~TerminalScreen();
+  TerminalScreen(const TerminalScreen&) = delete;
+  TerminalScreen& operator=(const TerminalScreen&) = delete;
+
+  void write(std::string_view bytes);
+  void resize(int rows, int cols);
+  int rows() const { return rows_; }
+  int cols() const { return cols_; }
+
+  std::string row(int index) const;  ///< without the blanks at its end
+  std::string text() const;          ///< all rows, line feeds between them, empty ones at the end left out
+  bool contains(std::string_view part) const { return text().find(part) != std::string::npos; }
+  int cursorRow() const;
+  int cursorCol() const;
+  /// Index in the palette (0-7, bright 8-15), -1 for the default.
+  int foreground(int row, int col) const;
+  int background(int row, int col) const;
+  bool underlined(int row, int col) const;
+  bool cursorVisible() const { return cursorVisible_; }
+
+  /// Rows that have left the screen at the top, oldest first.
+  const std::vector<std::string>& scrolledOff() const { return scrolledOff_; }
+  /// What the terminal has answered (a cursor report) since the last call.
+  std::string takeAnswers();
+
+  void pushScrolledOff(std::string row) { scrolledOff_.push_back(std::move(row)); }
+  void setCursorVisible(bool visible) { cursorVisible_ = visible; }
+
+ private:
+  int rows_;
+  int cols_;
+  bool cursorVisible_ = true;
+  VTerm* terminal_;
+  VTermScreen* screen_;
+  std::vector<std::string> scrolledOff_;
+};
+
+}  // namespace testsupport
