@@ -59,9 +59,10 @@ class Link {
 };
 
 /// The steps that both run modes share once the mark is held. Null when one fails, which has been said.
-std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const char* withoutUuid) {
+std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Surroundings& surroundings,
+                              const char* withoutUuid) {
   mark.setAttribute("pid", std::to_string(getpid()));
-  if (CUuid::generate(config.uuid) != 0) {
+  if (surroundings.generateUuid(config.uuid) != 0) {
     if (withoutUuid != nullptr) {
       std::puts(withoutUuid);
     }
@@ -77,7 +78,7 @@ std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const ch
   return link;
 }
 
-int runAttended(const ContainerConfig& config) {
+int runAttended(const ContainerConfig& config, const Surroundings& surroundings) {
   lineeditor::installSignalHandlers();
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
   switch (mark.trylock(false)) {
@@ -92,7 +93,7 @@ int runAttended(const ContainerConfig& config) {
       complain("tavcli: " + mark.lastError());
       return kExitInteractiveFailed;
   }
-  const std::unique_ptr<Link> link = bringUp(mark, config, nullptr);
+  const std::unique_ptr<Link> link = bringUp(mark, config, surroundings, nullptr);
   if (!link) {
     return kExitInteractiveFailed;
   }
@@ -125,12 +126,13 @@ std::optional<int> takeMark(CGlobalTag& mark, int timeoutSec, IPause& pause) {
   return kExitBatchFailed;
 }
 
-int runMarked(const BatchOptions& options, const ContainerConfig& config, SignalAwarePause& pause) {
+int runMarked(const BatchOptions& options, const ContainerConfig& config, const Surroundings& surroundings,
+              IPause& pause) {
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
   if (const std::optional<int> ended = takeMark(mark, options.timeoutSec, pause)) {
     return *ended;
   }
-  const std::unique_ptr<Link> link = bringUp(mark, config, "uuid gen failed.");
+  const std::unique_ptr<Link> link = bringUp(mark, config, surroundings, "uuid gen failed.");
   if (!link) {
     return kExitBatchFailed;
   }
@@ -146,7 +148,8 @@ int runMarked(const BatchOptions& options, const ContainerConfig& config, Signal
   return end.exitCode;
 }
 
-int runUnattended(const std::vector<std::string>& words, const ContainerConfig& config) {
+int runUnattended(const std::vector<std::string>& words, const ContainerConfig& config,
+                  const Surroundings& surroundings) {
   BatchOptions options = parseCommandLine(words);
   if (const std::optional<Refusal> refusal = checkBatchOptions(options)) {
     if (!refusal->out.empty()) {
@@ -157,25 +160,28 @@ int runUnattended(const std::vector<std::string>& words, const ContainerConfig& 
     }
     return kExitBatchFailed;
   }
-  SignalAwarePause pause;
-  const int exitCode = runMarked(options, config, pause);
+  const std::unique_ptr<IPause> pause = surroundings.makePause();
+  const int exitCode = runMarked(options, config, surroundings, *pause);
   std::fflush(stdout);
-  pause.endBySignal();
+  pause->endBySignal();
   return exitCode;
 }
 
 }  // namespace
 
-int runConsole(const std::vector<std::string>& arguments) noexcept {
+Surroundings::Surroundings()
+    : generateUuid(CUuid::generate), makePause([] { return std::make_unique<SignalAwarePause>(); }) {}
+
+int runConsole(const std::vector<std::string>& arguments, const Surroundings& surroundings) noexcept {
   try {
     // A reader of our output that goes away costs the output, not the report.
     std::signal(SIGPIPE, SIG_IGN);
     const ContainerConfig config = containerConfigFor(installDirectory());
     useMarkDirectory(config.installDir, config.busConfigFile);
     if (arguments.size() < 2) {
-      return runAttended(config);
+      return runAttended(config, surroundings);
     }
-    return runUnattended({arguments.begin() + 1, arguments.end()}, config);
+    return runUnattended({arguments.begin() + 1, arguments.end()}, config, surroundings);
   } catch (const std::exception& exception) {
     complain(std::string("tavcli: ") + exception.what());
   }

@@ -49,7 +49,7 @@ SignalAwarePause::~SignalAwarePause() {
   }
 }
 
-void SignalAwarePause::endBySignal() const {
+void SignalAwarePause::endBySignal() {
   if (signalNumber_ == 0) {
     return;
   }
@@ -68,7 +68,7 @@ void SignalAwarePause::takeSignal() {
   }
 }
 
-IPause::End SignalAwarePause::wait(std::chrono::seconds time, bool untilFinal) {
+IPause::End SignalAwarePause::wait(std::chrono::milliseconds time, bool untilFinal) {
   const Clock::time_point end = Clock::now() + time;
   while (Clock::now() < end) {
     pollfd watched[] = {{signals_, POLLIN, 0}, {untilFinal ? finalStateDescriptor() : -1, POLLIN, 0}};

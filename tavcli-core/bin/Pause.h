@@ -19,6 +19,11 @@ class IPause {
   virtual End sleep(std::chrono::seconds time) = 0;
   /// The same, but a final task state ends it too.
   virtual End sleepUntilFinal(std::chrono::seconds time) = 0;
+  /// Called about once a second of waiting; null: nothing is.
+  virtual void setEverySecond(std::function<void()> look) = 0;
+  /// Ends the process as the signal that ended a wait does where nobody catches it, so that a shell or a
+  /// service manager sees it. Does nothing when there was none.
+  virtual void endBySignal() = 0;
 };
 
 /// Waits for real, on the monotonic clock. From its making to the end of the process SIGTERM, SIGINT and
@@ -33,21 +38,17 @@ class SignalAwarePause : public IPause {
 
   End sleep(std::chrono::seconds time) override { return wait(time, false); }
   End sleepUntilFinal(std::chrono::seconds time) override { return wait(time, true); }
+  void setEverySecond(std::function<void()> look) override { everySecond_ = std::move(look); }
+  void endBySignal() override;
 
-  /// Called about once a second of waiting.
-  void setEverySecond(std::function<void()> look) { everySecond_ = std::move(look); }
-  /// The signal that ended a wait; 0 for none.
-  int signalNumber() const { return signalNumber_; }
-  /// Ends the process as that signal does where nobody catches it, so that a shell or a service manager sees
-  /// it. Does nothing when there was none.
-  void endBySignal() const;
+ protected:
+  End wait(std::chrono::milliseconds time, bool untilFinal);
 
  private:
-  End wait(std::chrono::seconds time, bool untilFinal);
   void takeSignal();
 
   int signals_ = -1;
-  int signalNumber_ = 0;
+  int signalNumber_ = 0;  ///< the signal that ended a wait; 0 for none
   std::function<void()> everySecond_;
 };
 

@@ -1,0 +1,104 @@
+#include "bin/Pause.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "bin/BusState.h"
+
+namespace {
+
+using std::chrono::seconds;
+using tavcli::IPause;
+using tavcli::SignalAwarePause;
+
+constexpr seconds kLong{3600};
+
+/// A pause that makes its waits short, so that the end of the time can be seen.
+class ShortPause : public SignalAwarePause {
+ public:
+  End sleep(seconds time) override { return wait(std::chrono::milliseconds(time.count()), false); }
+};
+
+TEST(Pause, EndsWithItsTime) {
+  ShortPause pause;
+  EXPECT_EQ(pause.sleep(seconds(20)), IPause::End::kElapsed);
+}
+
+TEST(Pause, IsEndedByAFinalState) {
+  SignalAwarePause pause;
+  std::thread other([] { tavcli::announceFinalState(); });
+  EXPECT_EQ(pause.sleepUntilFinal(kLong), IPause::End::kFinalState);
+  other.join();
+}
+
+TEST(Pause, IsEndedByAFinalStateThatCameBefore) {
+  SignalAwarePause pause;
+  tavcli::announceFinalState();
+  EXPECT_EQ(pause.sleepUntilFinal(kLong), IPause::End::kFinalState);
+}
+
+TEST(Pause, ThatIsASleepIsNotEndedByAFinalState) {
+  ShortPause pause;
+  tavcli::announceFinalState();
+  EXPECT_EQ(pause.sleep(seconds(20)), IPause::End::kElapsed);
+  EXPECT_TRUE(tavcli::takeFinalState()) << "it waits for the next wait";
+}
+
+TEST(Pause, AnnouncementsCountOnce) {
+  tavcli::announceFinalState();
+  tavcli::announceFinalState();
+  EXPECT_TRUE(tavcli::takeFinalState());
+  EXPECT_FALSE(tavcli::takeFinalState());
+}
+
+class PauseSignal : public testing::TestWithParam<int> {};
+
+TEST_P(PauseSignal, EndsAWait) {
+  SignalAwarePause pause;
+  kill(getpid(), GetParam());
+  EXPECT_EQ(pause.sleep(kLong), IPause::End::kSignal);
+}
+
+TEST_P(PauseSignal, EndsTheProcessAsUncaughtInTheEnd) {
+  EXPECT_EXIT(
+      {
+        SignalAwarePause pause;
+        kill(getpid(), GetParam());
+        pause.sleepUntilFinal(kLong);
+        pause.endBySignal();
+      },
+      testing::KilledBySignal(GetParam()), "");
+}
+
+TEST_P(PauseSignal, ThatWasIgnoredStaysIgnored) {
+  signal(GetParam(), SIG_IGN);
+  ShortPause pause;
+  kill(getpid(), GetParam());
+  EXPECT_EQ(pause.sleep(seconds(20)), IPause::End::kElapsed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Pause, PauseSignal, testing::Values(SIGTERM, SIGINT, SIGHUP),
+                         [](const auto& row) { return std::string("Sig") + sigabbrev_np(row.param); });
+
+TEST(Pause, WithoutASignalDoesNotEndTheProcess) {
+  SignalAwarePause pause;
+  pause.endBySignal();
+}
+
+TEST(Pause, LooksWhileItWaits) {
+  SignalAwarePause pause;
+  int looks = 0;
+  pause.setEverySecond([&] {
+    if (++looks == 1) {
+      tavcli::announceFinalState();
+    }
+  });
+  EXPECT_EQ(pause.sleepUntilFinal(kLong), IPause::End::kFinalState);
+  EXPECT_EQ(looks, 1);
+}
+
+}  // namespace
