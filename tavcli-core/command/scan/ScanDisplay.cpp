@@ -2,6 +2,7 @@
 
 #include <iterator>
 
+#include "command/ListText.h"
 #include "json/CppJson.h"
 #include "platform/Text.h"
 
@@ -23,22 +24,19 @@ constexpr const char* kStages[] = {
     "系统关键位置检测开始", "系统关键位置检测结束",
 };
 
-constexpr const char* kRule = "----------------------------------------\n";
-
 constexpr std::int32_t kFinderRealTime = 2;
 constexpr std::int32_t kFinderUsb = 3;
 
-std::string field(const char* label, const std::string& value) {
-  return std::string(label) + " : " + value + "\n";
+using command::appendField;
+
+void appendAgentField(std::string& lines, const char* label, const std::string& wire) {
+  appendField(lines, label, json::visiblePath(wire));
 }
 
-std::string agentField(const char* label, const std::string& wire) {
-  return field(label, json::visiblePath(wire));
-}
-
-std::string repairFields(const JsonReflect::RiskRepairResult& repair) {
-  return agentField("处理结果", repair.handle_detail) +
-         field("修复时间", CDateTime::format(repair.handle_time)) + kRule;
+void appendRepair(std::string& lines, const JsonReflect::RiskRepairResult& repair) {
+  appendAgentField(lines, "处理结果", repair.handle_detail);
+  appendField(lines, "修复时间", CDateTime::format(repair.handle_time));
+  lines += command::kItemRule;
 }
 
 std::string counter(const char* label, std::int64_t count) {
@@ -83,10 +81,14 @@ const char* finderName(std::int32_t finder) {
 }
 
 std::string riskLines(const JsonReflect::VirusInfo& risk) {
-  return field("发现时间", CDateTime::format(risk.find_time)) + agentField("文件路径", riskPath(risk)) +
-         agentField("风险项名称", risk.risk_name) +
-         field("检出引擎类型", json::engineName(risk.engine_mark)) +
-         agentField("病毒类型", risk.risk_type_name) + field("结果来源", finderName(risk.finder)) + kRule;
+  std::string lines;
+  appendField(lines, "发现时间", CDateTime::format(risk.find_time));
+  appendAgentField(lines, "文件路径", riskPath(risk));
+  appendAgentField(lines, "风险项名称", risk.risk_name);
+  appendField(lines, "检出引擎类型", json::engineName(risk.engine_mark));
+  appendAgentField(lines, "病毒类型", risk.risk_type_name);
+  appendField(lines, "结果来源", finderName(risk.finder));
+  return lines.append(command::kItemRule);
 }
 
 std::string overviewLines(const JsonReflect::ScanBusOverView& overview) {
@@ -102,20 +104,25 @@ std::string overviewLines(const JsonReflect::ScanBusOverView& overview) {
 }
 
 std::string fileRepairLines(const JsonReflect::VirusInfo& risk, const JsonReflect::RiskRepairResult& repair) {
-  return agentField("风险项名称", risk.risk_name) + repairFields(repair);
+  std::string lines;
+  appendAgentField(lines, "风险项名称", risk.risk_name);
+  appendRepair(lines, repair);
+  return lines;
 }
 
 std::string processRepairLines(const JsonReflect::MemoryRiskInfo& risk,
                                const JsonReflect::RiskRepairResult& repair) {
   constexpr const char* kPart = "风险子项";
-  std::string lines = agentField("风险进程名称", risk.process_info.exec_file_name);
+  std::string lines;
+  appendAgentField(lines, "风险进程名称", risk.process_info.exec_file_name);
   for (const JsonReflect::ProcRiskItem& part : risk.process_info.proc_risks) {
-    lines += agentField(kPart, part.item);
+    appendAgentField(lines, kPart, part.item);
   }
   for (const JsonReflect::FileRiskInfo& part : risk.process_info.file_risks) {
-    lines += agentField(kPart, riskPath(part));
+    appendAgentField(lines, kPart, riskPath(part));
   }
-  return lines + repairFields(repair);
+  appendRepair(lines, repair);
+  return lines;
 }
 
 }  // namespace scandisplay

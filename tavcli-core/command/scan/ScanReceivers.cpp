@@ -17,7 +17,9 @@ void createScanReceivers() {
     return;
   }
   gScanReceiver = new IScanCImpl(*server);
+  gScanReceiver->StartListening();
   gBusinessReceiver = new IBusinessCImpl(*server);
+  gBusinessReceiver->StartListening();
   gScanReceiver->StartListening();
   gBusinessReceiver->StartListening();
 }

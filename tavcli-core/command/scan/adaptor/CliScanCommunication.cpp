@@ -3,20 +3,16 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <exception>
-#include <functional>
 #include <optional>
 
+#include "command/AgentRequest.h"
+#include "command/ListText.h"
 #include "json/CppJson.h"
 #include "json/ScanRecords.h"
 #include "jsonrpchelper/AgentMethods.h"
-#include "jsonrpchelper/Holders.h"
-#include "lunet/Lunet.h"
-#include "platform/CLogDebug.h"
 
 namespace {
 
-constexpr int kErrorLevel = 4;
 constexpr int kSource = 1;
 constexpr int kConfigTypeCommon = 0;
 constexpr int kReportOnly = 1;
@@ -27,16 +23,11 @@ constexpr int kHandleActionByAgent = -1;
 constexpr unsigned kModeCustom = 2;
 constexpr int kBusTypeScan = 0;
 
-/// An operation as the debug log names it. The line numbers are fixed, so that a record of one release can be
-/// looked up in the next.
-struct Operation {
-  const char* name;
-  int line;
-};
-constexpr Operation kGetScanConfig{"get_scanconfig", 56};
-constexpr Operation kStartScan{"action_startscan", 133};
-constexpr Operation kShowScan{"action_showscan", 162};
-constexpr Operation kCtlScan{"action_ctlscan", 200};
+// The line numbers that the debug log shows are fixed: a record of one release can be looked up in the next.
+constexpr command::RequestPlace kGetScanConfig{__FILE__, "get_scanconfig", 56};
+constexpr command::RequestPlace kStartScan{__FILE__, "action_startscan", 133};
+constexpr command::RequestPlace kShowScan{__FILE__, "action_showscan", 162};
+constexpr command::RequestPlace kCtlScan{__FILE__, "action_ctlscan", 200};
 
 /// Row: mode. Columns: strong scan off, on.
 constexpr int kScanTypes[][2] = {{0, 3}, {1, 4}, {2, 5}};
@@ -52,23 +43,6 @@ constexpr Control kControls[] = {
     {2, 2, 2, "终端暂停扫描"},
     {3, 3, 0, "终端恢复扫描"},
 };
-
-/// Makes the call, if there is an agent to call; a failure of it is logged and gives onFailure.
-int withAgent(const Operation& operation, int onFailure,
-              const std::function<int(jsonrpchelper::AgentStub& agent)>& call) {
-  auto* client = jsonrpchelper::ClientRegistry::instance().getClient(lunet::kAgentGuid);
-  if (client == nullptr) {
-    return 0;
-  }
-  try {
-    jsonrpchelper::AgentStub agent(*client);
-    return call(agent);
-  } catch (const std::exception& exception) {
-    CLogDebug::LogPrintV(kErrorLevel, __FILE__, operation.name, operation.line, "Caught exception:\n %s",
-                         exception.what());
-    return onFailure;
-  }
-}
 
 std::optional<Control> controlFor(unsigned action) {
   for (const Control& control : kControls) {
@@ -94,7 +68,7 @@ int CliScanCommunication::scanType(unsigned mode, unsigned special) {
 }
 
 int CliScanCommunication::get_scanconfig(int& handle) {
-  return withAgent(kGetScanConfig, 1, [&handle](jsonrpchelper::AgentStub& agent) {
+  return command::askAgent(kGetScanConfig, 1, [&handle](jsonrpchelper::AgentStub& agent) {
     Json::Value settings;
     if (!CppJson::LoadJsonString(agent.getAVConfig(kConfigTypeCommon, kSource), settings)) {
       return 0;
@@ -112,7 +86,7 @@ int CliScanCommunication::get_scanconfig(int& handle) {
 
 int CliScanCommunication::action_startscan(unsigned handle, unsigned mode,
                                            const std::vector<std::string>& paths, unsigned special) {
-  return withAgent(kStartScan, 0, [&](jsonrpchelper::AgentStub& agent) {
+  return command::askAgent(kStartScan, 0, [&](jsonrpchelper::AgentStub& agent) {
     JsonReflect::ScanParams params;
     params.set_custom_stop(true);
     params.set_fix_method(handle != 0 ? kFixMethodSentReportOnly : kFixMethodSentAutomatic);
@@ -136,20 +110,22 @@ int CliScanCommunication::action_startscan(unsigned handle, unsigned mode,
 }
 
 int CliScanCommunication::action_showscan() {
-  return withAgent(kShowScan, 0, [](jsonrpchelper::AgentStub& agent) {
+  return command::askAgent(kShowScan, 0, [](jsonrpchelper::AgentStub& agent) {
     const Json::Value tasks = agent.getBusList();
     if (!tasks.isArray()) {
       return 0;
     }
+    std::string lines;
     for (const Json::Value& task : tasks) {
-      std::fputs(runningTask(task).c_str(), stdout);
+      lines += runningTask(task);
     }
+    command::printText(lines);
     return 1;
   });
 }
 
 int CliScanCommunication::action_ctlscan(const std::string& token_id, unsigned action) {
-  return withAgent(kCtlScan, 0, [&](jsonrpchelper::AgentStub& agent) {
+  return command::askAgent(kCtlScan, 0, [&](jsonrpchelper::AgentStub& agent) {
     const std::optional<Control> control = controlFor(action);
     if (!control) {
       return 0;
