@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kErrorLevel = 4;
 constexpr std::uint32_t kConnectTimeoutSec = 10;
+constexpr std::uint32_t kProbeTimeoutSec = 1;
 
 std::string numbered(const std::string& text, std::uint32_t error) {
   char number[24];
@@ -121,8 +122,8 @@ void CContainerMgr::explainMissingAgent(std::uint32_t error) const {
       break;
     case lunet::kErrPath:
       explain("start", __LINE__,
-              "the bus's socket folder is missing, unsafe, or its path too long; see " + config_.logDir +
-                  config_.name);
+              "the bus's socket folder is unsafe or its path too long; see " + config_.logDir + config_.name +
+                  "/" + config_.name + ".ipc.log");
       break;
     default:
       explain("start", __LINE__,
@@ -132,7 +133,7 @@ void CContainerMgr::explainMissingAgent(std::uint32_t error) const {
 }
 
 bool CContainerMgr::agentAnswers() {
-  return library_.client()->Connect(0) == lunet::kOk;
+  return library_.client()->Connect(kProbeTimeoutSec) == lunet::kOk;
 }
 
 void CContainerMgr::stop() {

@@ -26,7 +26,8 @@ class CContainerMgr {
   /// Gives everything back. False when not initialised.
   bool uninit();
 
-  /// True when the agent's endpoint accepts at this moment; costs one connection on this machine.
+  /// True when the agent's endpoint accepts; costs one connection on this machine, and up to a second when it
+  /// does not.
   bool agentAnswers();
 
  private:

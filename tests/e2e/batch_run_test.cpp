@@ -1,0 +1,284 @@
+// Whole unattended runs against an agent played by hand over the real bus.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "support/InstallTree.h"
+#include "support/LunetctlAgent.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testsupport::InstallTree;
+using testsupport::LunetctlAgent;
+using testsupport::Process;
+
+class BatchRun : public testing::Test {
+ protected:
+  /// Starts a run; the quick console has its waits cut short.
+  void start(const char* program = "tavcli", const std::vector<std::string>& more = {},
+             const std::string& second = "") {
+    std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/" + program, "-scanpath", scanned_,
+                                     "-logpath", report_};
+    command.insert(command.end(), more.begin(), more.end());
+    Process::Options options = tree_.options();
+    options.environment["TAV_TEST_SECOND_MS"] = second;
+    console_ = std::make_unique<Process>(command, options);
+  }
+  int exitCode() { return console_->wait().value_or(-1); }
+  std::string report() const { return testsupport::readFile(report_); }
+
+  InstallTree tree_;
+  std::unique_ptr<LunetctlAgent> agent_ = std::make_unique<LunetctlAgent>(tree_);
+  std::string scanned_ = tree_.path();
+  std::string report_ = tree_.at("report");
+  std::unique_ptr<Process> console_;
+};
+
+TEST_F(BatchRun, OfACleanFolderEnds0AndLeavesAReport) {
+  start();
+  agent_->acceptScan();
+  agent_->overview(12, 0);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(report(),
+              testing::StartsWith("病毒查杀状态：1\n查杀路径：" + scanned_ +
+                                  "\n本次扫描文件数量：12\n染毒文件数量：0\n病毒数量：0\n查杀时间：2"));
+  EXPECT_EQ(console_->err(), "");
+}
+
+TEST_F(BatchRun, WithDetectionsEnds1AndNamesEachFile) {
+  start();
+  agent_->acceptScan();
+  agent_->repair("/data/a/eicar.com", "Eicar", 68, 3);
+  agent_->repair("/data/b.zip", "Other", 1234, 1);
+  agent_->overview(12, 2);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 1);
+  EXPECT_THAT(report(), HasSubstr("染毒文件数量：2\n病毒数量：2\n"));
+  EXPECT_THAT(report(),
+              HasSubstr("\n染毒文件名：eicar.com\n染毒文件全路径：/data/a/eicar.com\n文件大小：68\n"
+                        "病毒名称：Eicar\n病毒处理结果：3\n\n染毒文件名：b.zip\n染毒文件全路径：/data/b.zip\n"
+                        "文件大小：1234\n病毒名称：Other\n病毒处理结果：1\n\n"));
+}
+
+TEST_F(BatchRun, LeavesAPrivateReport) {
+  start();
+  agent_->acceptScan();
+  agent_->state(2);
+  exitCode();
+  struct stat file {};
+  ASSERT_EQ(lstat(report_.c_str(), &file), 0);
+  EXPECT_EQ(file.st_mode & 07777, 0600U);
+}
+
+TEST_F(BatchRun, PrintsStatesProgressAndTheExitValuesOnly) {
+  start();
+  agent_->acceptScan();
+  agent_->state(0);
+  agent_->state(1);
+  agent_->progress(50);
+  agent_->overview(1, 0, "/data/current");
+  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  const std::string out = console_->out();
+  const std::size_t loaded = out.find("[Load Command] Trust\n");
+  ASSERT_NE(loaded, std::string::npos) << out;
+  EXPECT_EQ(out.substr(loaded),
+            "[Load Command] Trust\nFixMethod is 2, handle is 1\n\n扫描任务初始化\n\n扫描任务开始: "
+            "\n\n扫描进度: 50%\n"
+            "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
+}
+
+TEST_F(BatchRun, SendsTheScanThatItsOptionsName) {
+  start();
+  const Json::Value params = agent_->acceptScan();
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_EQ(params["items"].size(), 1U);
+  EXPECT_EQ(params["items"][0].asString(), scanned_);
+  EXPECT_EQ(params["scan_type"].asInt(), 2);
+  EXPECT_EQ(params["fix_method"].asInt(), 2);
+}
+
+TEST_F(BatchRun, HandlesAutomaticallyWhenTheAgentsSettingsSaySo) {
+  start();
+  const Json::Value params = agent_->acceptScan(3);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_EQ(params["fix_method"].asInt(), 0);
+  EXPECT_THAT(report(), HasSubstr("病毒查杀状态：2\n"));
+  EXPECT_THAT(console_->out(), HasSubstr("FixMethod is 3, handle is 2\n"));
+}
+
+TEST_F(BatchRun, OfARelativePathScansTheConsolesFolder) {
+  scanned_ = ".";
+  start();
+  const Json::Value params = agent_->acceptScan();
+  agent_->state(2);
+  exitCode();
+  EXPECT_EQ(std::filesystem::path(params["items"][0].asString()).lexically_normal(), tree_.at("bin") + "/");
+}
+
+TEST_F(BatchRun, OfAPathThatIsNotUtf8NamesTheVeryFolder) {
+  scanned_ = tree_.at("d\xff");
+  std::filesystem::create_directory(scanned_);
+  start();
+  const Json::Value params = agent_->acceptScan();
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_EQ(params["items"][0].asString(), tree_.at("d\xef\x9f\xbf"));  // U+F7FF
+  EXPECT_THAT(report(), HasSubstr("查杀路径：" + tree_.at("d\\xff") + "\n"));
+}
+
+struct Ending {
+  const char* name;
+  int state;
+  const char* text;
+};
+
+/// The states that end a run without the task's regular end.
+class BatchRunEndedBy : public BatchRun, public testing::WithParamInterface<Ending> {};
+
+TEST_P(BatchRunEndedBy, WithoutDetectionsGives0AndAReport) {
+  start();
+  agent_->acceptScan();
+  agent_->overview(3, 0);
+  agent_->state(GetParam().state, "the reason");
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：3\n"));
+  EXPECT_THAT(console_->out(), testing::EndsWith(std::string("\n\n") + GetParam().text + "\n"));
+  EXPECT_THAT(console_->err(), HasSubstr("the reason")) << "the exit status does not tell";
+}
+
+TEST_P(BatchRunEndedBy, WithDetectionsGives1AndAReport) {
+  start();
+  agent_->acceptScan();
+  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->overview(3, 1);
+  agent_->state(GetParam().state);
+  EXPECT_EQ(exitCode(), 1);
+  EXPECT_THAT(report(), HasSubstr("染毒文件全路径：/data/x\n"));
+}
+
+const Ending kEndings[] = {{"StateMinus1", -1, "扫描任务创建失败"},
+                           {"State3", 3, "扫描任务已暂停"},
+                           {"State5", 5, "扫描任务已中止"}};
+INSTANTIATE_TEST_SUITE_P(Batch, BatchRunEndedBy, testing::ValuesIn(kEndings),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(BatchRun, ThatMeetsABusyAgentGivesTheCommandAgainAndSucceeds) {
+  start("tavcli_quick");
+  agent_->acceptScan();
+  agent_->state(6);
+  agent_->acceptScan();
+  agent_->overview(3, 0);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(console_->out(), HasSubstr("\n已存在同种类型扫描任务\n"));
+  EXPECT_THAT(console_->out(), HasSubstr("\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n"));
+  EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：3\n"));
+}
+
+TEST_F(BatchRun, WithoutAnyStateEndsWithItsTimeoutAndGives0) {
+  start("tavcli_quick", {"-timeout", "20"});
+  agent_->acceptScan();
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(console_->err(), HasSubstr("20 seconds"));
+  EXPECT_FALSE(std::filesystem::exists(report_));
+}
+
+TEST_F(BatchRun, ASecondEndDoesNotRewriteTheReportAndPrintsTheSameValueTwice) {
+  // The pause behind a busy agent cannot be cut short: both ends come within it.
+  start("tavcli_quick", {}, "30");
+  agent_->acceptScan();
+  agent_->state(6);
+  agent_->acceptScan();
+  agent_->overview(3, 0);
+  agent_->state(2);
+  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->overview(4, 1);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(console_->out(),
+              testing::EndsWith("exitvalue1 = 0x0\nexitvalue2 = 0x20010000\n"
+                                "\n扫描结束\nexitvalue1 = 0x20010000\nexitvalue2 = 0x20010000\n"));
+  EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：3\n"));
+}
+
+TEST_F(BatchRun, IgnoresStatesThatAreNotItsTasks) {
+  start();
+  agent_->acceptScan();
+  agent_->state(2, "", "");          // no token
+  agent_->state(2, "", "token", 1);  // another kind of task
+  agent_->state(7);
+  agent_->state(-2);
+  agent_->overview(3, 0);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：3\n"));
+}
+
+TEST_F(BatchRun, TellsTheLossOfTheAgentAndItsReturnAndEndsWithState5) {
+  start("tavcli_quick", {}, "200");
+  agent_->acceptScan();
+  agent_->state(1);
+  ASSERT_TRUE(console_->waitForOut("扫描任务开始"));
+  agent_->kill();
+  ASSERT_TRUE(console_->waitForErr("the agent is gone"));
+  agent_ = std::make_unique<LunetctlAgent>(tree_);
+  ASSERT_TRUE(console_->waitForErr("the agent answers again"));
+  agent_->state(5, "the agent was restarted");
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(console_->out(), HasSubstr("扫描任务已中止"));
+  EXPECT_TRUE(std::filesystem::exists(report_));
+}
+
+TEST_F(BatchRun, WhoseReportsPlaceIsTakenMeanwhileTellsTheCounts) {
+  start();
+  agent_->acceptScan();
+  std::filesystem::create_directory(report_);
+  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->overview(3, 1);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 1) << "the outcome stays true";
+  EXPECT_THAT(console_->err(), HasSubstr("files scanned 3, infected 1"));
+}
+
+TEST_F(BatchRun, WithoutAReaderOfItsOutputStillWritesTheReport) {
+  Process::Options options = tree_.options();
+  Process console({"/bin/sh", "-c",
+                   std::string("exec ") + TAV_BIN_DIR + "/tavcli -scanpath " + scanned_ + " -logpath " +
+                       report_ + " 2>/dev/null | true"},
+                  options);
+  agent_->acceptScan();
+  agent_->state(1);
+  agent_->state(2);
+  EXPECT_TRUE(testsupport::waitFor([this] { return std::filesystem::exists(report_); }));
+}
+
+class BatchRunSignal : public BatchRun, public testing::WithParamInterface<int> {};
+
+TEST_P(BatchRunSignal, EndsItAndLeavesTheReportsPlaceAlone) {
+  start();
+  agent_->acceptScan();
+  agent_->state(1);
+  ASSERT_TRUE(console_->waitForOut("扫描任务开始"));
+  console_->kill(GetParam());
+  EXPECT_EQ(exitCode(), 128 + GetParam());
+  EXPECT_FALSE(std::filesystem::exists(report_));
+  // The link was taken down: nothing of the console's is left on the bus.
+  const auto list = tree_.start("lunetctl", {"--runtime", tree_.path(), "list"});
+  EXPECT_EQ(list->wait(), 0);
+  EXPECT_THAT(list->out(), Not(HasSubstr(testsupport::kConsoleAddress)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Batch, BatchRunSignal, testing::Values(SIGTERM, SIGINT, SIGHUP),
+                         [](const auto& row) { return std::string("Sig") + sigabbrev_np(row.param); });
+
+}  // namespace
