@@ -1,6 +1,7 @@
 // The table of methods, row by row, and the stubs made of it.
 #include <gtest/gtest.h>
 
+#include "ByName.h"
 #include "Recorders.h"
 #include "json/CppJson.h"
 #include "jsonrpchelper/AgentMethods.h"
@@ -94,46 +95,6 @@ INSTANTIATE_TEST_SUITE_P(ConsoleNotifications, NotificationTable, testing::Value
 TEST(MethodTables, HoldTheAgreedRowsAndNoOthers) {
   EXPECT_EQ(jsonrpchelper::agentMethods(), kExpectedMethods);
   EXPECT_EQ(jsonrpchelper::consoleNotifications(), kExpectedNotifications);
-}
-
-/// Calls a method of the stub with parameters given by name; the result as JSON.
-Json::Value callStub(AgentStub& stub, const std::string& name, const Json::Value& p) {
-  const auto text = [&](const char* key) { return p[key].asString(); };
-  const auto number = [&](const char* key) { return p[key].asInt(); };
-  if (name == "startScanTask") {
-    return stub.startScanTask(p["ctx"], text("desc"), p["params"], number("source"), text("token_id"));
-  }
-  if (name == "ctlBus") {
-    return stub.ctlBus(number("action"), text("detail"), number("mark"), p["payload"], number("source"),
-                       text("token_id"));
-  }
-  if (name == "getBusList") {
-    return stub.getBusList();
-  }
-  if (name == "getAVConfig") {
-    return stub.getAVConfig(number("config_type"), number("request_source"));
-  }
-  if (name == "setAVConfig") {
-    return stub.setAVConfig(text("config_str"), number("config_type"), number("request_source"));
-  }
-  if (name == "startDeIsolate") {
-    return stub.startDeIsolate(p["ctx"], text("desc"), p["params"], number("source"), text("token_id"));
-  }
-  if (name == "getIsolationInfo") {
-    return stub.getIsolationInfo();
-  }
-  if (name == "ctlRegion") {
-    return stub.ctlRegion(text("desc"), p["items"], number("region_type"), number("source"));
-  }
-  if (name == "getRegionInfo") {
-    return stub.getRegionInfo(number("domain"), number("item_type"), number("region_type"));
-  }
-  if (name == "getScanCacheDetail") {
-    return stub.getScanCacheDetail();
-  }
-  EXPECT_EQ(name, "cleanScanCache");
-  stub.cleanScanCache();
-  return {};
 }
 
 /// A stub over a fake endpoint whose other end answers with `result`.

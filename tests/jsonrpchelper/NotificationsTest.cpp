@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "ByName.h"
 #include "Recorders.h"
 #include "jsonrpchelper/ConsoleNotifier.h"
 #include "support/FakeEndpoint.h"
@@ -13,34 +14,6 @@ namespace {
 using enum jsonrpchelper::JsonKind;
 using jsonrpchelper::ConsoleNotifier;
 using jsonrpchelper::MethodRow;
-
-std::uint32_t notify(ConsoleNotifier& to, const std::string& name, const Json::Value& p) {
-  const auto text = [&](const char* key) { return p[key].asString(); };
-  const auto number = [&](const char* key) { return p[key].asInt(); };
-  if (name == "reportRiskInfo") {
-    return to.reportRiskInfo(number("business_type"), number("fix_method"), p["risk_info"],
-                             number("risk_info_type"), text("token_id"));
-  }
-  if (name == "reportRiskFixInfo") {
-    return to.reportRiskFixInfo(number("business_type"), number("fix_method"), p["risk_info"],
-                                number("risk_info_type"), p["risk_repair_result"], text("token_id"));
-  }
-  if (name == "reportScanBusOverView") {
-    return to.reportScanBusOverView(p["overview"], text("token_id"));
-  }
-  if (name == "reportScanBusStage") {
-    return to.reportScanBusStage(text("datail"), number("stage"), text("token_id"));
-  }
-  if (name == "reportScanAttributeInfo") {
-    return to.reportScanAttributeInfo(p["payload"], number("source"), text("token_id"));
-  }
-  if (name == "reportBusStatus") {
-    return to.reportBusStatus(p["ctx"], text("detail"), p["params"], number("source"), number("state"),
-                              text("token_id"), number("type"));
-  }
-  EXPECT_EQ(name, "reportBusProgress");
-  return to.reportBusProgress(number("progress"), text("token_id"));
-}
 
 class Notification : public testing::TestWithParam<MethodRow> {
  protected:
