@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "lunet/Lunet.h"
@@ -35,5 +36,8 @@ class ClientLibrary {
 /// unreadable text counts as {}): "socket_dir", absolute or below runtimePath, default "run/lunet".
 /// The single-instance mark lies in the same folder.
 std::string socketDirectory(const std::string& runtimePath, const std::string& configText);
+
+/// An error number in words, for a log or a person: "nobody is at that address now (0xE0010002)".
+std::string describeError(std::uint32_t error);
 
 }  // namespace lunet

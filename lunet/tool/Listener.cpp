@@ -1,0 +1,206 @@
+#include "Listener.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "json/CppJson.h"
+#include "lunet/ClientLibrary.h"
+
+namespace lunetctl {
+
+namespace {
+
+constexpr std::uint32_t kDefaultTimeoutMs = 30000;
+
+/// An absent member keeps `value`. False when it is there and no number of 32 bits.
+bool readNumber(const Json::Value& object, const char* key, std::uint32_t& value) {
+  if (!object.isMember(key)) {
+    return true;
+  }
+  const bool good = object[key].isUInt();
+  value = good ? object[key].asUInt() : value;
+  return good;
+}
+
+bool readText(const Json::Value& object, const char* key, std::string& value) {
+  const bool good = object.isMember(key) && object[key].isString();
+  value = good ? object[key].asString() : value;
+  return good;
+}
+
+Json::Value event(const char* name) {
+  Json::Value object(Json::objectValue);
+  object["event"] = name;
+  return object;
+}
+
+}  // namespace
+
+void Listener::run(std::istream& input) {
+  for (const std::uint32_t channel : {lunet::kRequestChannel, lunet::kOnewayChannel}) {
+    endpoint_.RegisterReceiver(channel, this, nullptr);
+  }
+  std::thread worker([this] { workOff(); });
+  print(event("ready"));
+  std::string line;
+  while (std::getline(input, line)) {
+    if (std::all_of(line.begin(), line.end(), [](char c) { return c == ' ' || c == '\t' || c == '\r'; })) {
+      continue;
+    }
+    if (const std::string why = take(line); !why.empty()) {
+      printError(why);
+    }
+  }
+  {
+    const std::lock_guard lock(ordersMutex_);
+    ended_ = true;
+  }
+  changed_.notify_one();
+  worker.join();
+  for (const std::uint32_t channel : {lunet::kRequestChannel, lunet::kOnewayChannel}) {
+    endpoint_.UnregisterReceiver(channel);
+  }
+}
+
+void Listener::ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data,
+                               std::uint32_t length, void* replyContext, void*) {
+  try {
+    lunet::Guid peer{};
+    endpoint_.GetPeer(&peer);
+    if (replyContext != nullptr) {
+      const std::lock_guard lock(repliesMutex_);
+      replies_[messageId] = replyContext;
+    }
+    Json::Value object = event("message");
+    object["id"] = static_cast<Json::UInt64>(messageId);
+    object["channel"] = channel;
+    object["peer"] = lunet::formatGuid(peer);
+    object["data"] = std::string(static_cast<const char*>(data), length);
+    object["wants_reply"] = replyContext != nullptr;
+    print(object);
+  } catch (const std::exception& error) {
+    printError(error.what());
+  }
+}
+
+/// Empty, or why the line cannot be done.
+std::string Listener::take(const std::string& line) {
+  Json::Value object;
+  if (!CppJson::LoadJsonString(line, object) || !object.isObject()) {
+    return "the line is not a JSON object";
+  }
+  const int verbs =
+      int{object.isMember("reply")} + int{object.isMember("send")} + int{object.isMember("call")};
+  if (verbs != 1) {
+    return "the line needs one of \"reply\", \"send\" and \"call\"";
+  }
+  return object.isMember("reply") ? takeReply(object) : takeOrder(object, object.isMember("call"));
+}
+
+std::string Listener::takeReply(const Json::Value& object) {
+  std::string data;
+  if (!object["reply"].isUInt64() || !readText(object, "data", data)) {
+    return "a reply is {\"reply\":N,\"data\":\"TEXT\"}";
+  }
+  const std::uint64_t id = object["reply"].asUInt64();
+  void* context = nullptr;
+  {
+    const std::lock_guard lock(repliesMutex_);
+    const auto found = replies_.find(id);
+    if (found == replies_.end()) {
+      return "no message " + std::to_string(id) + " waits for a reply";
+    }
+    context = found->second;
+    replies_.erase(found);
+  }
+  const std::uint32_t error =
+      endpoint_.Reply(0, id, data.data(), static_cast<std::uint32_t>(data.size()), context);
+  return error == 0 ? ""
+                    : "message " + std::to_string(id) + " is not replied to: " + lunet::describeError(error);
+}
+
+std::string Listener::takeOrder(const Json::Value& object, bool call) {
+  Order order;
+  order.call = call;
+  order.channel = call ? lunet::kRequestChannel : lunet::kOnewayChannel;
+  order.timeoutMs = kDefaultTimeoutMs;
+  std::string guid;
+  if (!readText(object, call ? "call" : "send", guid) ||
+      (order.target = lunet::parseGuid(guid.c_str())) == lunet::Guid{}) {
+    return "the target is not a GUID";
+  }
+  if (!readText(object, "data", order.data) || !readNumber(object, "channel", order.channel) ||
+      !readNumber(object, "timeout_ms", order.timeoutMs)) {
+    return "\"data\" must be a text, \"channel\" and \"timeout_ms\" whole numbers";
+  }
+  {
+    const std::lock_guard lock(ordersMutex_);
+    orders_.push_back(std::move(order));
+  }
+  changed_.notify_one();
+  return {};
+}
+
+void Listener::workOff() {
+  std::unique_lock lock(ordersMutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return ended_ || !orders_.empty(); });
+    if (orders_.empty()) {
+      return;
+    }
+    const Order order = std::move(orders_.front());
+    orders_.pop_front();
+    lock.unlock();
+    try {
+      carryOut(order);
+    } catch (const std::exception& error) {
+      printError(error.what());
+    }
+    lock.lock();
+  }
+}
+
+void Listener::carryOut(const Order& order) {
+  const auto length = static_cast<std::uint32_t>(order.data.size());
+  if (!order.call) {
+    Json::Value object = event("sent");
+    object["error"] = endpoint_.OnewaySend(order.target, order.channel, order.data.data(), length);
+    print(object);
+    return;
+  }
+  std::uint32_t error = 0;
+  char* reply = nullptr;
+  std::uint32_t replyLength = 0;
+  endpoint_.SyncSend(order.target, order.channel, order.data.data(), length, &error, &reply, &replyLength,
+                     order.timeoutMs);
+  Json::Value object = event("answer");
+  object["error"] = error;
+  object["data"] = reply != nullptr ? std::string(reply, replyLength) : std::string();
+  endpoint_.FreeBuffer(reply);
+  print(object);
+}
+
+void Listener::print(const Json::Value& object) {
+  std::string text;
+  if (!CppJson::WriteJsonToString(object, text, 1)) {
+    text = "{\"event\":\"error\",\"message\":\"a text cannot be written\"}\n";
+  }
+  // The one control character that JSON leaves as it is; it can only stand inside a text.
+  for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
+    text.replace(at, 1, "\\u007f");
+  }
+  const std::lock_guard lock(outputMutex_);
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+void Listener::printError(const std::string& why) {
+  Json::Value object = event("error");
+  object["message"] = why;
+  print(object);
+}
+
+}  // namespace lunetctl
