@@ -26,6 +26,24 @@ std::string quoted(std::string_view path) {
   return "'" + platform::visibleText(path) + "'";
 }
 
+namespace {
+
+UniqueFd openQuietly(int folder, const char* name, int flags) {
+  const int all = flags | O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const int fd = ::openat(folder, name, all | O_NOATIME);
+  return UniqueFd(fd < 0 && errno == EPERM ? ::openat(folder, name, all) : fd);
+}
+
+}  // namespace
+
+UniqueFd openReading(int folder, const std::string& name) {
+  return openQuietly(folder, name.c_str(), O_NOFOLLOW);
+}
+
+UniqueFd openAgain(int fd) {
+  return openQuietly(AT_FDCWD, ("/proc/self/fd/" + std::to_string(fd)).c_str(), 0);
+}
+
 UniqueFd openRegular(const std::string& path, struct stat* st) {
   const UniqueFd found(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!found || ::fstat(found.get(), st) != 0) {
@@ -35,8 +53,7 @@ UniqueFd openRegular(const std::string& path, struct stat* st) {
     errno = EINVAL;
     return {};
   }
-  const std::string same = "/proc/self/fd/" + std::to_string(found.get());
-  return UniqueFd(::open(same.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  return openAgain(found.get());
 }
 
 int writeAll(int fd, std::string_view bytes) {

@@ -38,6 +38,13 @@ std::string errnoText(int error);
 /// A path in single quotes, control characters visible: for a reason that people read.
 std::string quoted(std::string_view path);
 
+/// Opens for reading, never waiting for a pipe's other end nor following a link in the last component. The
+/// access time stays as it is where the caller has the right to that. Empty with errno set.
+UniqueFd openReading(int folder, const std::string& name);
+
+/// The same file once more, for reading, with a position of its own.
+UniqueFd openAgain(int fd);
+
 /// Opens a regular file for reading, the last component not followed when it is a link; nothing else is ever
 /// opened, so that no device or pipe is touched. Empty with errno set: EINVAL when it is no regular file.
 UniqueFd openRegular(const std::string& path, struct stat* st);

@@ -9,6 +9,7 @@
 #include "store/AuditLog.h"
 #include "store/CacheStore.h"
 #include "store/Posix.h"
+#include "store/QuarantineStore.h"
 #include "store/RegionStore.h"
 #include "store/Schema.h"
 #include "store/SettingsStore.h"
@@ -89,20 +90,6 @@ std::unique_ptr<Database> openCache(const std::string& path, std::vector<std::st
   return openCacheOnce(path);
 }
 
-class ClosedQuarantine : public Quarantine {
- public:
-  Result add(const QuarantineRequest&) override { return {false, "the quarantine is closed"}; }
-  Json::Value list(std::optional<uid_t>) const override { return Json::Value(Json::arrayValue); }
-  std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool, bool, const std::string&,
-                                      const CallerId&) override {
-    std::vector<RestoreOutcome> outcomes;
-    for (const std::string& uuid : uuids) {
-      outcomes.push_back({uuid, {false, "the quarantine is closed"}});
-    }
-    return outcomes;
-  }
-};
-
 class StoreImpl : public Store {
  public:
   explicit StoreImpl(const std::string& stateDir)
@@ -113,7 +100,8 @@ class StoreImpl : public Store {
         settings_(*database_, &notices_),
         regions_(*database_),
         cache_(*cacheDatabase_),
-        tasks_(*cacheDatabase_) {}
+        tasks_(*cacheDatabase_),
+        quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, &notices_) {}
 
   Settings& settings() override { return settings_; }
   Quarantine& quarantine() override { return quarantine_; }
@@ -135,7 +123,7 @@ class StoreImpl : public Store {
   RegionStore regions_;
   CacheStore cache_;
   TaskTable tasks_;
-  ClosedQuarantine quarantine_;
+  QuarantineStore quarantine_;
 };
 
 }  // namespace

@@ -1,0 +1,151 @@
+#include "store/OriginalFile.h"
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+
+#include "store/FolderWalk.h"
+#include "store/Sqlite.h"
+#include "store/StepHook.h"
+
+namespace agent::store {
+namespace {
+
+constexpr const char* kChanged = "it was changed after it was scanned";
+
+std::string ownPath(int fd) {
+  return "/proc/self/fd/" + std::to_string(fd);
+}
+
+/// Content and place are the same; the change time may differ.
+bool sameContent(const FileIdentity& a, const FileIdentity& b) {
+  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modifyTimeNs == b.modifyTimeNs;
+}
+
+}  // namespace
+
+std::string privateName(const std::string& uuid) {
+  return ".tav-" + uuid;
+}
+
+int renameWithin(int folder, const std::string& from, const std::string& to) {
+  if (::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return 0;
+  }
+  if (errno != EINVAL) {
+    return errno;
+  }
+  // A file system that knows no such flag: a second name can never replace one either.
+  if (::linkat(folder, from.c_str(), folder, to.c_str(), 0) != 0) {
+    return errno;
+  }
+  return ::unlinkat(folder, from.c_str(), 0) == 0 ? 0 : errno;
+}
+
+OriginalFile::OriginalFile(const QuarantineRequest& request) {
+  openFile(request);
+  const FileIdentity now = FileIdentity::of(st_);
+  if (!(now == request.identity)) {
+    if (!sameContent(now, request.identity) || request.md5.empty()) {
+      throw StoreError(kChanged);
+    }
+    needsProof_ = true;
+  }
+  findFolder();
+  struct statvfs place {};
+  if (::fstatvfs(file_.get(), &place) == 0 && (place.f_flag & ST_RDONLY) != 0) {
+    throw StoreError("it is on a read-only file system");
+  }
+}
+
+void OriginalFile::openFile(const QuarantineRequest& request) {
+  if (request.fd < 0) {
+    file_ = openRegular(request.path, &st_);
+  } else if (::fstat(request.fd, &st_) != 0) {
+    throw StoreError("its descriptor is no good: " + errnoText(errno));
+  } else if (!S_ISREG(st_.st_mode)) {
+    throw StoreError("it is not a regular file");
+  } else {
+    file_ = openAgain(request.fd);
+  }
+  if (!file_) {
+    throw StoreError(errno == EINVAL   ? "it is not a regular file"
+                     : errno == ENOENT ? "it is no longer there"
+                                       : "cannot open it: " + errnoText(errno));
+  }
+}
+
+void OriginalFile::findFolder() {
+  // The kernel's own word for where the open file is: without links, and moved folders followed.
+  std::string path(PATH_MAX, '\0');
+  const ssize_t size = ::readlink(ownPath(file_.get()).c_str(), path.data(), path.size());
+  if (size <= 0 || path[0] != '/' || static_cast<std::size_t>(size) >= path.size()) {
+    throw StoreError("where it is cannot be told");
+  }
+  path.resize(static_cast<std::size_t>(size));
+  realPath_ = path;
+  const SplitPath split = splitPath(path);
+  name_ = split.name;
+  folder_ = openFolder(split.folder);
+  checkEntry(name_, "it is no longer there");
+}
+
+void OriginalFile::checkEntry(const std::string& name, const char* otherwise) const {
+  struct stat entry {};
+  if (::fstatat(folder_.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0) {
+    throw StoreError(errno == ENOENT ? "it is no longer there" : "cannot look at it: " + errnoText(errno));
+  }
+  if (entry.st_dev != st_.st_dev || entry.st_ino != st_.st_ino) {
+    throw StoreError(otherwise);
+  }
+  if (!sameContent(FileIdentity::of(entry), FileIdentity::of(st_))) {
+    throw StoreError(kChanged);
+  }
+}
+
+void OriginalFile::checkUnchanged() const {
+  struct stat now {};
+  if (::fstat(file_.get(), &now) != 0 || !(FileIdentity::of(now) == FileIdentity::of(st_))) {
+    throw StoreError("it was changed while it was copied");
+  }
+}
+
+void OriginalFile::setAside(const std::string& privateName) {
+  const int error = renameWithin(folder_.get(), name_, privateName);
+  if (error != 0) {
+    throw StoreError(error == ENOENT ? "it is no longer there" : "cannot remove it: " + errnoText(error));
+  }
+  aside_ = privateName;
+  reached("moved");
+  try {
+    checkEntry(aside_, "another file took its place while it was handled");
+  } catch (const StoreError& error2) {
+    const std::string why = error2.what();
+    putBack();
+    throw StoreError(why);
+  }
+}
+
+void OriginalFile::putBack() {
+  const int error = renameWithin(folder_.get(), aside_, name_);
+  if (error != 0 && error != ENOENT) {
+    throw StoreError("another file took its place while it was handled, and could not be put back (" +
+                     errnoText(error) + "): it stands as " + quoted(aside_));
+  }
+}
+
+void OriginalFile::remove() {
+  if (::unlinkat(folder_.get(), aside_.c_str(), 0) != 0) {
+    const std::string why = "cannot remove it: " + errnoText(errno);
+    putBack();
+    throw StoreError(why);
+  }
+  // Not synced is not undone: the item is whole, and what a power cut brings back is found again.
+  syncFolder(folder_.get(), file_.get());
+}
+
+}  // namespace agent::store

@@ -1,0 +1,132 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "json/CppJson.h"
+#include "platform/Text.h"
+#include "store/Digest.h"
+#include "store/ItemFile.h"
+#include "store/QuarantineStore.h"
+#include "store/Recovery.h"
+#include "store/StepHook.h"
+
+namespace agent::store {
+
+QuarantineStore::QuarantineStore(Database& database, const std::string& folder, Settings& settings,
+                                 Regions& regions, AuditLog& audit, std::vector<std::string>* notices)
+    : settings_(settings), regions_(regions), audit_(audit), table_(database), vault_(folder) {
+  Recovery(table_, vault_, regions_, notices).run();
+  usedBytes_ = table_.totalBytes();
+}
+
+Result QuarantineStore::add(const QuarantineRequest& request) {
+  try {
+    OriginalFile original(request);
+    reached("opened");
+    cleanWhenFull();
+    return take(original, request);
+  } catch (const std::exception& error) {
+    return {false, error.what()};
+  }
+}
+
+ItemMeta QuarantineStore::describe(const OriginalFile& original, const QuarantineRequest& request) const {
+  ItemMeta meta;
+  if (CUuid::generate(meta.uuid) != 0) {
+    throw StoreError("no random numbers for an item's id");
+  }
+  meta.path = request.path.starts_with('/') ? request.path : original.realPath();
+  meta.realPath = original.realPath();
+  meta.isolateTimeSec = nowSec();
+  meta.detection = request.detection;
+  readFileMeta(original.fd(), original.st(), &meta);
+  return meta;
+}
+
+std::uint64_t QuarantineStore::copy(const OriginalFile& original, const QuarantineRequest& request,
+                                    ItemMeta* meta) const {
+  const UniqueFd part = vault_.create(meta->uuid);
+  const std::uint64_t limit = limitBytes(), used = usedBytes_;
+  ItemWriter writer(part.get(), limit > used ? limit - used : 0);
+  Digest md5(Digest::Kind::kMd5), sha256(Digest::Kind::kSha256);
+  std::string buffer(1 << 16, '\0');
+  std::uint64_t total = 0;
+  std::int64_t n = 0;
+  while ((n = readFully(original.fd(), buffer.data(), buffer.size())) > 0) {
+    const auto size = static_cast<std::size_t>(n);
+    if (total == 0) {
+      meta->fileType = fileTypeOf(buffer.substr(0, std::min<std::size_t>(size, 16)), original.name());
+    }
+    total += size;
+    md5.add(buffer.data(), size);
+    sha256.add(buffer.data(), size);
+    writer.add(buffer.data(), size);
+  }
+  if (n < 0) {
+    throw StoreError("cannot read it: " + errnoText(errno));
+  }
+  original.checkUnchanged();
+  meta->md5 = md5.hex();
+  meta->sha256 = sha256.hex();
+  if (total != meta->size || (!request.md5.empty() && request.md5 != meta->md5)) {
+    throw StoreError("it was changed after it was scanned");
+  }
+  writer.finish(*meta);
+  if (::fsync(part.get()) != 0) {
+    throw StoreError("cannot sync the quarantine: " + errnoText(errno));
+  }
+  return writer.written();
+}
+
+Result QuarantineStore::take(OriginalFile& original, const QuarantineRequest& request) {
+  ItemMeta meta = describe(original, request);
+  std::uint64_t stored = 0;
+  try {
+    stored = copy(original, request, &meta);
+    reached("copied");
+    reserve(stored);
+  } catch (...) {
+    vault_.discardPart(meta.uuid);
+    throw;
+  }
+  try {
+    table_.insert(meta, ItemState::kRemoving, stored);
+    reached("recorded");
+    vault_.name(meta.uuid);
+    reached("named");
+    removeOriginal(original, meta.uuid);
+  } catch (...) {
+    erase(meta.uuid, stored);
+    throw;
+  }
+  try {
+    table_.setState(meta.uuid, ItemState::kComplete, "");
+  } catch (const StoreError& error) {
+    return {true, std::string("quarantined; its record is completed at the next start: ") + error.what()};
+  }
+  reached("completed");
+  const std::uint64_t others = meta.links - 1;
+  return {true,
+          others == 0 ? "" : "the same file still stands under " + std::to_string(others) + " other name(s)"};
+}
+
+void QuarantineStore::removeOriginal(OriginalFile& original, const std::string& uuid) {
+  original.setAside(privateName(uuid));
+  reached("set aside");
+  original.remove();
+  reached("removed");
+}
+
+Json::Value QuarantineStore::list(std::optional<uid_t> onlyOwner) const {
+  Json::Value items(Json::arrayValue);
+  table_.forEach(onlyOwner, [&items](const ItemRow& row) {
+    const auto meta = ItemMeta::fromText(row.meta);
+    if (meta) {
+      items.append(meta->listed());
+    }
+  });
+  return items;
+}
+
+}  // namespace agent::store

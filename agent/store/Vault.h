@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "store/Posix.h"
+
+namespace agent::store {
+
+/// The folder that holds the items' files (0700), by names that carry their state: `.part` is being written
+/// and worth nothing without a row, `.item` is whole, `.gone` is about to go and worth nothing without a row.
+/// Throws StoreError.
+class Vault {
+ public:
+  explicit Vault(const std::string& path);
+  UniqueFd create(const std::string& uuid) const;  ///< `.part`, empty, 0600
+  UniqueFd open(const std::string& uuid) const;    ///< `.item`; names it so when it is still `.part`
+  void name(const std::string& uuid) const;        ///< `.part` becomes `.item`, lasting
+  bool has(const std::string& uuid) const;         ///< as `.item` or `.part`
+  bool isWhole(const std::string& uuid) const;     ///< as `.item`
+  void markGone(const std::string& uuid) const;    ///< `.item` becomes `.gone`, lasting
+  void revive(const std::string& uuid) const;      ///< and back
+  void discardPart(const std::string& uuid) const noexcept;
+  void discardGone(const std::string& uuid) const noexcept;
+
+  struct File {
+    std::string uuid;
+    enum class Kind { kPart, kItem, kGone } kind;
+  };
+  std::vector<File> files() const;  ///< others are left alone
+
+  /// Says to the next agent that a child process may outlive this one by a moment. The child's copy of the
+  /// descriptor says so too, until it ends.
+  void setBusy(bool busy) const noexcept;
+  /// Waits until no child of an earlier agent is at work; false when one still is after ten seconds.
+  bool waitIdle() const;
+
+ private:
+  void rename(const std::string& from, const std::string& to) const;
+  UniqueFd folder_;
+};
+
+}  // namespace agent::store

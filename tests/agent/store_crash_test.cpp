@@ -1,0 +1,231 @@
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+
+#include "store/ItemFile.h"
+#include "store/Posix.h"
+#include "store_quarantine_fixture.h"
+
+namespace agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+std::string stepName(const testing::TestParamInfo<const char*>& info) {
+  std::string name = info.param;
+  std::replace(name.begin(), name.end(), ' ', '_');
+  return name;
+}
+
+class CrashTest : public QuarantineTest {
+ protected:
+  /// In a process that dies at the step, with the store closed in this one; then opens the store again.
+  void dieAt(const std::string& step, const std::function<void()>& work) {
+    store_.reset();
+    const int status = inChild([&] {
+      reopen();
+      exitAt(step);
+      work();
+    });
+    ASSERT_EQ(status, 77) << "the step was not reached";
+    reopen();
+  }
+  /// The file is in place or restorable, not both, the same in all; and nothing is left over.
+  void expectExactlyOne(const std::string& path, const FileFacts& before) {
+    const std::string uuid = uuidOf(path);
+    EXPECT_NE(std::filesystem::exists(path), !uuid.empty()) << uuid;
+    EXPECT_EQ(vaultFiles().size(), items().size());
+    if (!uuid.empty()) {
+      const Result result = restore(uuid);
+      EXPECT_TRUE(result.ok) << result.detail;
+    }
+    EXPECT_EQ(FileFacts::of(path), before);
+    EXPECT_THAT(items(), IsEmpty());
+    EXPECT_THAT(vaultFiles(), IsEmpty());
+    EXPECT_THAT(namesIn(at("")), ElementsAre(std::filesystem::path(path).filename()));
+  }
+};
+
+class CrashWhileAddingTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Steps, CrashWhileAddingTest,
+                         testing::Values("opened", "copied", "recorded", "named", "moved", "set aside",
+                                         "removed", "completed"),
+                         stepName);
+
+TEST_P(CrashWhileAddingTest, LeavesTheFileWhereItWasOrACompleteItem) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  dieAt(GetParam(), [&] { add(path); });
+  expectExactlyOne(path, before);
+}
+
+TEST_P(CrashWhileAddingTest, AndAgainWhileThatIsSettledLosesNothing) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  for (const char* second : {"marked gone", "row erased"}) {
+    store_.reset();
+    EXPECT_EQ(inChild([&] {
+                reopen();
+                exitAt(GetParam());
+                add(path);
+              }),
+              77);
+    // Not every step leaves something to erase: then this start simply ends.
+    inChild([&] {
+      exitAt(second);
+      reopen();
+    });
+    reopen();
+    if (!std::filesystem::exists(path)) {
+      EXPECT_TRUE(restore(uuidOf(path)).ok);
+    }
+    EXPECT_EQ(FileFacts::of(path), before);
+    EXPECT_THAT(items(), IsEmpty());
+    EXPECT_THAT(vaultFiles(), IsEmpty());
+  }
+}
+
+class CrashWhileGivingUpTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Steps, CrashWhileGivingUpTest, testing::Values("marked gone", "row erased"),
+                         stepName);
+
+TEST_P(CrashWhileGivingUpTest, LeavesTheFileWhereItWas) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  dieAt(GetParam(), [&] {
+    const auto die = store::stepHook;
+    store::stepHook = [&](const char* step) {
+      if (step == std::string("named")) {
+        // A foreign file in its place makes the removal give up.
+        std::filesystem::rename(path, path + ".moved");
+        write("victim", "another");
+      }
+      die(step);
+    };
+    add(path);
+  });
+  EXPECT_EQ(testsupport::readFile(path), "another");
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim", "victim.moved"));
+  EXPECT_EQ(FileFacts::of(path + ".moved"), before);
+  EXPECT_EQ(vaultFiles().size(), items().size());
+}
+
+class CrashWhileRestoringTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Steps, CrashWhileRestoringTest,
+                         testing::Values("restore recorded", "content sent", "restored", "trusted",
+                                         "marked gone", "row erased"),
+                         stepName);
+
+TEST_P(CrashWhileRestoringTest, LeavesTheFileRestoredOrACompleteItem) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  const std::string uuid = take(path);
+  dieAt(GetParam(), [&] { restore(uuid); });
+  expectExactlyOne(path, before);
+}
+
+TEST_P(CrashWhileRestoringTest, AFileThatCameBackIsTrustedWhenThatWasAsked) {
+  const std::string path = writeRich("victim");
+  const std::string uuid = take(path);
+  dieAt(GetParam(), [&] { restore(uuid, root(), "", true); });
+  EXPECT_EQ(store().regions().byPath(path) == RegionVerdict::kTrusted, std::filesystem::exists(path));
+}
+
+TEST_F(CrashTest, AChildThatOutlivesItsAgentIsWaitedForAndItsFileCounts) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  const std::string uuid = take(path);
+  store_.reset();
+  const int status = inChild([&] {
+    reopen();
+    const pid_t agent = ::getpid();
+    QuarantineTest::before("file placed", [agent] { ::kill(agent, SIGKILL); });
+    restore(uuid);
+  });
+  EXPECT_EQ(status, 128 + SIGKILL);
+  reopen();
+  EXPECT_TRUE(std::filesystem::exists(path));
+  expectExactlyOne(path, before);
+}
+
+TEST_F(CrashTest, AnAgentThatDiesBeforeItsWordLeavesNothingInTheFolder) {
+  const std::string path = writeRich("victim");
+  const std::string uuid = take(path);
+  dieAt("content sent", [&] { restore(uuid); });
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+  EXPECT_EQ(uuidOf(path), uuid);
+}
+
+TEST_F(CrashTest, WhenTheItemIsDamagedWhatWasSetAsideIsPutBack) {
+  const std::string path = writeRich("victim");
+  store_.reset();
+  ASSERT_EQ(inChild([&] {
+              reopen();
+              exitAt("set aside");
+              add(path);
+            }),
+            77);
+  ASSERT_FALSE(std::filesystem::exists(path));
+  const auto files = vaultFiles();
+  ASSERT_EQ(files.size(), 1U);
+  std::filesystem::resize_file(stateDir() + "/quarantine/" + files[0], 100);
+  reopen();
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_THAT(items(), IsEmpty());
+  EXPECT_THAT(vaultFiles(), IsEmpty());
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+}
+
+TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {
+  const std::string path = write("victim", "as scanned");
+  store_.reset();
+  ASSERT_EQ(inChild([&] {
+              reopen();
+              exitAt("named");
+              add(path);
+            }),
+            77);
+  write("victim", "changed since");
+  reopen();
+  EXPECT_EQ(testsupport::readFile(path), "changed since");
+  ASSERT_EQ(items().size(), 1U);
+  EXPECT_TRUE(restore(uuidOf(path), root(), folder_.path()).ok);
+  EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "as scanned");
+}
+
+TEST_F(CrashTest, ItemsWhoseRecordsWereLostAreTakenUpAgainFromTheirFiles) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  const std::string uuid = take(path);
+  const Json::Value listed = items();
+  store_.reset();
+  for (const char* name : {"agent.db", "agent.db-wal", "agent.db-shm"}) {
+    std::filesystem::remove(stateDir() + "/" + name);
+  }
+  reopen();
+  EXPECT_EQ(items(), listed);
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("taken up again")));
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(CrashTest, StrangeFilesInTheStoreAreLeftAlone) {
+  std::ofstream(stateDir() + "/quarantine/readme.txt") << "x";
+  std::ofstream(stateDir() + "/quarantine/garbage.item") << "x";
+  reopen();
+  EXPECT_THAT(vaultFiles(), ElementsAre("garbage.item", "readme.txt"));
+  EXPECT_THAT(items(), IsEmpty());
+}
+
+TEST_F(CrashTest, AnItemThatLostItsFileIsSaidAtTheStartAndRefusedClearly) {
+  const std::string uuid = take(write("victim"));
+  std::filesystem::remove(stateDir() + "/quarantine/" + uuid + ".item");
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("missing")));
+  EXPECT_EQ(restore(uuid).detail, "its file in the quarantine is missing");
+}
+
+}  // namespace
+}  // namespace agent
