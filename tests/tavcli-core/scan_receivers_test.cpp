@@ -1,0 +1,344 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "bin/BatchLoop.h"
+#include "bin/BusState.h"
+#include "bin/Pause.h"
+#include "command/scan/IBusinessCImpl.h"
+#include "command/scan/IScanCImpl.h"
+#include "command/scan/ScanDisplay.h"
+#include "command/scan/ScanReceivers.h"
+#include "command/scan/ScanRunState.h"
+#include "json/CppJson.h"
+#include "jsonrpchelper/Holders.h"
+#include "support/ConsoleLink.h"
+#include "support/ScriptedAgent.h"
+#include "support/TempDir.h"
+#include "support/Wait.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+Json::Value parsed(const std::string& text) {
+  Json::Value value;
+  CppJson::LoadJsonString(text, value);
+  return value;
+}
+
+/// What a step prints.
+template <class Step>
+std::string printed(Step step) {
+  testing::internal::CaptureStdout();
+  step();
+  return testing::internal::GetCapturedStdout();
+}
+
+class Receivers : public testing::Test {
+ protected:
+  Receivers() { reset(); }
+  ~Receivers() override { reset(); }
+
+  void unattended() {
+    ScanRunState& state = ScanRunState::instance();
+    state.set_batch_mode();
+    state.set_log_path(report_);
+    state.set_scan_path("/data");
+    state.set_fix_handle(1);
+  }
+  std::string state(int number, const std::string& token = "token", int type = 0) {
+    return printed([&] {
+      business_.reportBusStatus(Json::objectValue, "detail", Json::objectValue, 1, number, token, type);
+    });
+  }
+  std::string risk(const Json::Value& info, int business = 0, int infoType = 5) {
+    return printed([&] { scan_.reportRiskInfo(business, 2, info, infoType, "token"); });
+  }
+  std::string repair(const Json::Value& info, const Json::Value& result, int business = 0, int infoType = 5) {
+    return printed([&] { scan_.reportRiskFixInfo(business, 2, info, infoType, result, "token"); });
+  }
+  std::string overview(const std::string& counters) {
+    return printed([&] { scan_.reportScanBusOverView(parsed(counters), "token"); });
+  }
+  static Json::Value document() { return ScanRunState::instance().result(); }
+
+  testsupport::TempDir dir_;
+  std::string report_ = dir_.at("report");
+  IJsonRpcServerHelper helper_;
+  IScanCImpl scan_{helper_};
+  IBusinessCImpl business_{helper_};
+
+ private:
+  static void reset() {
+    ScanRunState::instance().reset();
+    g_lastBusState = tavcli::kBusStateNone;
+    tavcli::takeFinalState();
+  }
+};
+
+const Json::Value kRisk =
+    parsed(R"({"item":"/data/a","risk_name":"Eicar","filesize_src":68,"risk_type_name":"t"})");
+const Json::Value kRepair = parsed(R"({"handle_result":1,"handle_detail":"moved","handle_time":1700000000})");
+const Json::Value kProcess =
+    parsed(R"({"process_info":{"exec_file_name":"/bin/x","proc_risks":[{"item":"/bin/x"}]}})");
+
+// What is taken and what is passed over.
+
+TEST_F(Receivers, AStateWithAnEmptyTokenPrintsNothing) {
+  EXPECT_EQ(state(1, ""), "");
+}
+TEST_F(Receivers, AStateOfAnotherTypePrintsNothing) {
+  EXPECT_EQ(state(1, "token", 1), "");
+}
+TEST_F(Receivers, AState7PrintsNothing) {
+  EXPECT_EQ(state(7), "");
+}
+TEST_F(Receivers, AStateMinus2PrintsNothing) {
+  EXPECT_EQ(state(-2), "");
+}
+TEST_F(Receivers, AttributeInfoIsAcceptedAndIgnored) {
+  EXPECT_EQ(printed([&] { scan_.reportScanAttributeInfo(kRisk, 1, "token"); }), "");
+}
+TEST_F(Receivers, ARiskOfAnotherBusinessPrintsNothing) {
+  EXPECT_EQ(risk(kRisk, 1), "");
+}
+TEST_F(Receivers, ARiskOfAnotherKindPrintsNothing) {
+  EXPECT_EQ(risk(kRisk, 0, 3), "");
+}
+TEST_F(Receivers, ARiskThatIsNullPrintsNothing) {
+  EXPECT_EQ(risk(Json::Value()), "");
+}
+TEST_F(Receivers, ARiskWithoutMembersIsPrintedWithInitialValues) {
+  EXPECT_THAT(risk(Json::objectValue), HasSubstr("风险项名称 : \n"));
+}
+TEST_F(Receivers, ARepairOfAnotherBusinessPrintsNothing) {
+  EXPECT_EQ(repair(kRisk, kRepair, 1), "");
+}
+TEST_F(Receivers, ARepairOfAnotherKindPrintsNothing) {
+  EXPECT_EQ(repair(kRisk, kRepair, 0, 4), "");
+}
+TEST_F(Receivers, ARepairWithoutRiskPrintsNothing) {
+  EXPECT_EQ(repair(Json::Value(), kRepair), "");
+  EXPECT_EQ(repair(Json::Value(), kRepair, 0, 3), "");
+}
+TEST_F(Receivers, ARepairWithoutResultPrintsNothing) {
+  EXPECT_EQ(repair(kRisk, Json::Value()), "");
+  EXPECT_EQ(repair(kProcess, Json::Value(), 0, 3), "");
+}
+TEST_F(Receivers, AnOverviewThatIsNullPrintsNothing) {
+  EXPECT_EQ(overview("null"), "");
+}
+TEST_F(Receivers, AnOddMemberDoesNotCostTheRest) {
+  EXPECT_THAT(risk(parsed(R"({"find_time":1e300,"engine_mark":[],"finder":{},"item":5,"risk_name":"kept"})")),
+              HasSubstr("风险项名称 : kept\n"));
+}
+
+// The prompt's mode.
+
+TEST_F(Receivers, AtThePromptAStatePrintsItsLinesOnly) {
+  EXPECT_EQ(state(2), "\n扫描结束\n");
+  EXPECT_EQ(g_lastBusState, tavcli::kBusStateNone);
+}
+TEST_F(Receivers, AtThePromptARiskIsPrinted) {
+  JsonReflect::VirusInfo info;
+  info.FromValue(kRisk);
+  EXPECT_EQ(risk(kRisk), scandisplay::riskLines(info));
+}
+TEST_F(Receivers, AtThePromptAFileRepairIsPrinted) {
+  EXPECT_THAT(repair(kRisk, kRepair),
+              testing::StartsWith("风险项名称 : Eicar\n处理结果 : moved\n修复时间 : "));
+}
+TEST_F(Receivers, AtThePromptAProcessRepairIsPrinted) {
+  EXPECT_THAT(repair(kProcess, kRepair, 0, 3),
+              testing::StartsWith("风险进程名称 : /bin/x\n风险子项 : /bin/x\n处理结果 : moved\n"));
+}
+TEST_F(Receivers, AtThePromptAnOverviewIsPrinted) {
+  EXPECT_EQ(overview(R"({"cur_item":"/a","checked_item_count":2})"), "\n当前检测项: /a\n\n已检测项: 2\n");
+  EXPECT_TRUE(document().empty());
+}
+TEST_F(Receivers, AtThePromptAStageIsPrinted) {
+  EXPECT_EQ(printed([&] { scan_.reportScanBusStage("", 4, "token"); }), scandisplay::stageLines(4));
+}
+TEST_F(Receivers, AtThePromptProgressIsPrinted) {
+  EXPECT_EQ(printed([&] { business_.reportBusProgress(7, "token"); }), "\n扫描进度: 7%\n");
+}
+
+// The unattended run.
+
+TEST_F(Receivers, UnattendedProgressIsPrintedToo) {
+  unattended();
+  EXPECT_EQ(printed([&] { business_.reportBusProgress(7, "token"); }), "\n扫描进度: 7%\n");
+}
+TEST_F(Receivers, UnattendedRiskStageAndRepairsPrintNothing) {
+  unattended();
+  EXPECT_EQ(risk(kRisk), "");
+  EXPECT_EQ(printed([&] { scan_.reportScanBusStage("", 4, "token"); }), "");
+  EXPECT_EQ(repair(kRisk, kRepair), "");
+  EXPECT_EQ(repair(kProcess, kRepair, 0, 3), "");
+}
+TEST_F(Receivers, UnattendedAFileRepairEntersTheReport) {
+  unattended();
+  repair(kRisk, kRepair);
+  EXPECT_EQ(document()["virus"],
+            parsed(R"([{"path":"/data/a","name":"Eicar","type":"t","size":68,"handle":1}])"));
+}
+TEST_F(Receivers, UnattendedAProcessRepairAddsNothingToTheReport) {
+  unattended();
+  repair(kProcess, kRepair, 0, 3);
+  EXPECT_TRUE(document()["virus"].empty());
+}
+TEST_F(Receivers, UnattendedAnOverviewSetsTheCountersAndPrintsNothing) {
+  unattended();
+  EXPECT_EQ(overview(R"({"checked_item_count":5,"checkout_risk_count":2})"), "");
+  EXPECT_EQ(document()["totalnum"].asInt64(), 5);
+  EXPECT_EQ(document()["virusnum"].asInt64(), 2);
+  EXPECT_EQ(document()["begintime"].asString().size(), 19U);
+}
+TEST_F(Receivers, UnattendedTheBeginningIsSetOnce) {
+  unattended();
+  ScanRunState::instance().updateResult([](Json::Value& result) { result["begintime"] = "before"; });
+  overview("{}");
+  EXPECT_EQ(document()["begintime"].asString(), "before");
+  EXPECT_NE(document()["endtime"].asString(), "before");
+}
+
+struct EffectRow {
+  int state;
+  std::uint32_t clean;     ///< g_lastBusState when nothing was found
+  std::uint32_t infected;  ///< and when something was
+  bool report;             ///< the report is written
+};
+
+class StateEffect : public Receivers, public testing::WithParamInterface<EffectRow> {
+ protected:
+  void found() {
+    repair(kRisk, kRepair);
+    overview(R"({"checked_item_count":5,"checkout_risk_count":1})");
+  }
+};
+
+TEST_P(StateEffect, WithoutDetectionsIsAsItsRowSays) {
+  unattended();
+  state(GetParam().state);
+  EXPECT_EQ(g_lastBusState, GetParam().clean);
+  EXPECT_EQ(std::filesystem::exists(report_), GetParam().report);
+  EXPECT_EQ(tavcli::takeFinalState(), GetParam().report) << "only a final state wakes the loop";
+}
+
+TEST_P(StateEffect, WithDetectionsIsAsItsRowSays) {
+  unattended();
+  found();
+  state(GetParam().state);
+  EXPECT_EQ(g_lastBusState, GetParam().infected);
+  EXPECT_EQ(std::filesystem::exists(report_), GetParam().report);
+}
+
+TEST_P(StateEffect, AtThePromptIsNone) {
+  state(GetParam().state);
+  EXPECT_EQ(g_lastBusState, tavcli::kBusStateNone);
+  EXPECT_FALSE(tavcli::takeFinalState());
+}
+
+const EffectRow kEffects[] = {
+    {-1, 0x20010000, 0x20010001, true},
+    {0, 0, 0, false},
+    {1, 0, 0, false},
+    {2, 0x20010000, 0x20010001, true},
+    {3, 0x20010000, 0x20010001, true},
+    {4, 0, 0, false},
+    {5, 0x20010000, 0x20010001, true},
+    {6, 0x20010002, 0x20010002, false},
+};
+INSTANTIATE_TEST_SUITE_P(Receivers, StateEffect, testing::ValuesIn(kEffects), [](const auto& row) {
+  return row.param.state < 0 ? std::string("Minus1") : "State" + std::to_string(row.param.state);
+});
+
+TEST_F(Receivers, UnattendedTheEndPrintsTheStateBeforeAndBehindIt) {
+  unattended();
+  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
+}
+
+TEST_F(Receivers, UnattendedASecondEndDoesNotRewriteTheReportAndPrintsTheSameValueTwice) {
+  unattended();
+  state(2);
+  dir_.write("report", "kept");
+  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x20010000\nexitvalue2 = 0x20010000\n");
+  EXPECT_EQ(testsupport::readFile(report_), "kept");
+}
+
+TEST_F(Receivers, UnattendedAnEndWhileTheAgentCountsAsBusyChangesNothingAndWakesNobody) {
+  unattended();
+  state(6);
+  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x20010002\nexitvalue2 = 0x20010002\n");
+  EXPECT_FALSE(std::filesystem::exists(report_));
+  EXPECT_FALSE(tavcli::takeFinalState());
+}
+
+TEST_F(Receivers, UnattendedAnUnfinishedTaskTellsWhyOnStandardError) {
+  unattended();
+  testing::internal::CaptureStderr();
+  state(5);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: 扫描任务已中止: detail\n");
+}
+
+// Over the bus.
+
+class ReceiversOnTheBus : public testing::Test {
+ protected:
+  ReceiversOnTheBus() {
+    ScanRunState::instance().reset();
+    g_lastBusState = tavcli::kBusStateNone;
+    createScanReceivers();
+  }
+  ~ReceiversOnTheBus() override { ScanRunState::instance().reset(); }
+
+  static Json::Value status(int state) {
+    Json::Value params = parsed(R"({"ctx":{},"detail":"","params":{},"source":1,"token_id":"t","type":0})");
+    params["state"] = state;
+    return params;
+  }
+
+  testsupport::TempDir dir_;
+  testsupport::ScriptedAgent agent_{dir_.path()};
+  testsupport::ConsoleLink link_{dir_.path()};
+};
+
+TEST_F(ReceiversOnTheBus, TakeAWholeUnattendedRun) {
+  // One test for all: the receivers are made once a process.
+  ScanRunState& state = ScanRunState::instance();
+  state.set_batch_mode();
+  state.set_log_path(dir_.at("report"));
+  state.set_scan_path("/data");
+  Json::Value repair = parsed(R"({"business_type":0,"fix_method":2,"risk_info_type":5,"token_id":"t"})");
+  repair["risk_info"] = kRisk;
+  repair["risk_repair_result"] = kRepair;
+  const Json::Value overview =
+      parsed(R"({"overview":{"checked_item_count":200,"checkout_risk_count":200},"token_id":"t"})");
+
+  tavcli::SignalAwarePause pause;
+  const tavcli::BatchHost host{[&](const char*) {
+                                 for (int i = 0; i < 200; ++i) {
+                                   ASSERT_EQ(agent_.notify("reportRiskFixInfo", repair), lunet::kOk);
+                                 }
+                                 ASSERT_EQ(agent_.notify("reportScanBusOverView", overview), lunet::kOk);
+                                 ASSERT_EQ(agent_.notify("reportBusStatus", status(2)), lunet::kOk);
+                               },
+                               [](const std::string&) {}};
+  testing::internal::CaptureStdout();
+  const tavcli::BatchEnd end = tavcli::runBatch({"/data", dir_.at("report"), 100}, host, pause);
+  const std::string report = testsupport::readFile(dir_.at("report"));
+  jsonrpchelper::stopJsonRpc();
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(end.exitCode, 1);
+  EXPECT_THAT(report, HasSubstr("染毒文件数量：200\n")) << "in place before the loop is woken";
+  EXPECT_EQ(out, "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010001\n");
+}
+
+TEST(ScanReceivers, WithoutAServerAreNotMade) {
+  jsonrpchelper::stopJsonRpc();
+  createScanReceivers();
+}
+
+}  // namespace

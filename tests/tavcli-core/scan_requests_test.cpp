@@ -1,0 +1,312 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "command/scan/adaptor/CliScanCommunication.h"
+#include "json/CppJson.h"
+#include "jsonrpchelper/Holders.h"
+#include "platform/CLogDebug.h"
+#include "support/ConsoleLink.h"
+#include "support/ScriptedAgent.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+Json::Value parsed(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
+  return value;
+}
+
+class ScanRequests : public testing::Test {
+ protected:
+  ScanRequests() {
+    CLogDebug* log = CLogDebug::Create();
+    log->SetProperty(CLogDebug::kPath, dir_.at("log"));
+    log->SetProperty(CLogDebug::kName, "t");
+    log->SetProperty(CLogDebug::kLevel, "4");
+    agent_.answer("startScanTask", parsed(R"({"status":true})"));
+    agent_.answer("ctlBus", true);
+  }
+  ~ScanRequests() override { CLogDebug::Close(); }
+
+  template <class Request>
+  int printing(Request request) {
+    testing::internal::CaptureStdout();
+    const int result = request();
+    out_ = testing::internal::GetCapturedStdout();
+    return result;
+  }
+  Json::Value onlyParams(const std::string& method) const {
+    const auto calls = agent_.calls(method);
+    EXPECT_EQ(calls.size(), 1U);
+    return calls.empty() ? Json::Value() : calls.front().params;
+  }
+  std::string log() const { return testsupport::readFile(dir_.at("log/t.log")); }
+
+  testsupport::TempDir dir_;
+  testsupport::ScriptedAgent agent_{dir_.path()};
+  testsupport::ConsoleLink link_{dir_.path()};
+  std::string out_;
+};
+
+// The handling in the agent's settings.
+
+struct Setting {
+  const char* name;
+  const char* document;
+  int result;
+  int handle;  ///< 77: untouched
+  const char* printed;
+};
+
+class ScanConfig : public ScanRequests, public testing::WithParamInterface<Setting> {};
+
+TEST_P(ScanConfig, IsReadAsItsRowSays) {
+  agent_.answer("getAVConfig", GetParam().document);
+  int handle = 77;
+  EXPECT_EQ(printing([&] { return CliScanCommunication::get_scanconfig(handle); }), GetParam().result);
+  EXPECT_EQ(handle, GetParam().handle);
+  EXPECT_EQ(out_, GetParam().printed);
+  EXPECT_EQ(onlyParams("getAVConfig"), parsed(R"({"config_type":0,"request_source":1})"));
+}
+
+const Setting kSettings[] = {
+    {"FixMethod0IsAutomatic", R"({"Common":{"FixMethod":0}})", 1, 2, "FixMethod is 0, handle is 2\n"},
+    {"FixMethod1IsReportOnly", R"({"Common":{"FixMethod":1}})", 1, 1, "FixMethod is 1, handle is 1\n"},
+    {"FixMethod2IsReportOnly", R"({"Common":{"FixMethod":2}})", 1, 1, "FixMethod is 2, handle is 1\n"},
+    {"FixMethod3IsAutomatic", R"({"Common":{"FixMethod":3}})", 1, 2, "FixMethod is 3, handle is 2\n"},
+    {"AMissingFixMethodCountsAs0", R"({"Common":{}})", 1, 2, "FixMethod is 0, handle is 2\n"},
+    {"FixMethodAsTextIsRead", R"({"Common":{"FixMethod":"1"}})", 1, 1, "FixMethod is 1, handle is 1\n"},
+    {"WithoutCommonTheHandleStays", R"({"Other":{}})", 1, 77, ""},
+    {"WithCommonOfAnotherKindTheHandleStays", R"({"Common":[1]})", 1, 77, ""},
+    {"ADocumentThatIsAListKeepsTheHandle", R"([1])", 1, 77, ""},
+    {"ADocumentThatDoesNotParseGives0", R"({"Common")", 0, 77, ""},
+    {"AnEmptyDocumentGives0", "", 0, 77, ""},
+};
+INSTANTIATE_TEST_SUITE_P(ScanRequests, ScanConfig, testing::ValuesIn(kSettings),
+                         [](const auto& row) { return row.param.name; });
+
+// The start.
+
+struct Type {
+  const char* name;
+  unsigned mode;
+  unsigned special;
+  int scanType;
+};
+
+class ScanType : public ScanRequests, public testing::WithParamInterface<Type> {};
+
+TEST_P(ScanType, FollowsModeAndStrongScan) {
+  EXPECT_EQ(CliScanCommunication::action_startscan(0, GetParam().mode, {}, GetParam().special), 1);
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["scan_type"].asInt(), GetParam().scanType);
+}
+
+const Type kTypes[] = {
+    {"Fast", 0, 1, 0},
+    {"Full", 1, 1, 1},
+    {"Custom", 2, 1, 2},
+    {"OtherMode", 3, 1, 0},
+    {"FastStrong", 0, 0, 3},
+    {"FullStrong", 1, 0, 4},
+    {"CustomStrong", 2, 0, 5},
+    {"OtherModeStrong", 3, 0, 0},
+    {"AnyOtherSwitchIsStrong", 0, 2, 3},
+};
+INSTANTIATE_TEST_SUITE_P(ScanRequests, ScanType, testing::ValuesIn(kTypes),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(ScanRequests, AStartSendsEveryMemberAsItsTableSays) {
+  EXPECT_EQ(CliScanCommunication::action_startscan(1, 2, {"/a", "/b"}, 1), 1);
+  Json::Value expected = parsed(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
+      "follow_link":false,"max_scan_sec":0,"custom_stop":true,"items":["/a","/b"],"force_scan":false,
+      "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
+      "expire_time":0,"scan_type":2}})");
+  expected["params"]["uid"] = static_cast<int>(getuid());
+  EXPECT_EQ(onlyParams("startScanTask"), expected);
+}
+
+TEST_F(ScanRequests, AStartWithHandle0HandlesAutomatically) {
+  CliScanCommunication::action_startscan(0, 0, {}, 1);
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["fix_method"].asInt(), 0);
+}
+
+TEST_F(ScanRequests, AStartThatIsNotCustomSendsNoPaths) {
+  CliScanCommunication::action_startscan(0, 1, {"/a"}, 1);
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["items"], Json::Value(Json::arrayValue));
+}
+
+TEST_F(ScanRequests, ACustomStartWithoutPathSendsAnEmptyList) {
+  CliScanCommunication::action_startscan(0, 2, {}, 0);
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["items"], Json::Value(Json::arrayValue));
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["scan_type"].asInt(), 5);
+}
+
+TEST_F(ScanRequests, APathThatIsNotUtf8TravelsUnchanged) {
+  CliScanCommunication::action_startscan(0, 2, {"/d/\xff\xc3"}, 1);
+  EXPECT_EQ(json::decodePath(onlyParams("startScanTask")["params"]["items"][0].asString()), "/d/\xff\xc3");
+}
+
+struct Answer {
+  const char* name;
+  const char* answer;
+  int result;
+};
+class StartAnswer : public ScanRequests, public testing::WithParamInterface<Answer> {};
+TEST_P(StartAnswer, DecidesTheResultAndPrintsNothing) {
+  agent_.answer("startScanTask", parsed(GetParam().answer));
+  EXPECT_EQ(printing([] { return CliScanCommunication::action_startscan(0, 0, {}, 1); }), GetParam().result);
+  EXPECT_EQ(out_, "");
+}
+const Answer kAnswers[] = {{"StatusTrueGives1", R"({"status":true})", 1},
+                           {"StatusFalseGives0", R"({"status":false})", 0},
+                           {"AMissingStatusGives0", "{}", 0},
+                           {"AStatusThatIsNoBooleanGives0", R"({"status":"true"})", 0},
+                           {"AnAnswerOfTheWrongKindGives0", "[true]", 0}};
+INSTANTIATE_TEST_SUITE_P(ScanRequests, StartAnswer, testing::ValuesIn(kAnswers),
+                         [](const auto& row) { return row.param.name; });
+
+// The running tasks.
+
+struct Tasks {
+  const char* name;
+  const char* list;
+  int result;
+  const char* printed;
+};
+class RunningTasks : public ScanRequests, public testing::WithParamInterface<Tasks> {};
+TEST_P(RunningTasks, AreListedAsTheirRowSays) {
+  agent_.answer("getBusList", parsed(GetParam().list));
+  EXPECT_EQ(printing([] { return CliScanCommunication::action_showscan(); }), GetParam().result);
+  EXPECT_EQ(out_, GetParam().printed);
+}
+const Tasks kTasks[] = {
+    {"AnEmptyListPrintsNothing", "[]", 1, ""},
+    {"ScansAreListedInOrder", R"([{"token_id":"b","type":0},{"token_id":"a","type":0}])", 1,
+     "Task: b is running\nTask: a is running\n"},
+    {"OtherTypesAreNotListed", R"([{"token_id":"a","type":1},{"token_id":"b","type":-1}])", 1, ""},
+    {"WithoutATypeATaskIsNotListed", R"([{"token_id":"a"}])", 1, ""},
+    {"WithoutATokenATaskIsNotListed", R"([{"type":0},{"token_id":"","type":0},{"token_id":7,"type":0}])", 1,
+     ""},
+    {"WhatIsNoObjectIsPassedOver", R"([1,null,"x",[],{"token_id":"a","type":0}])", 1, "Task: a is running\n"},
+    {"ATokenCannotDriveTheTerminal", R"([{"token_id":"\u001b[2J\n","type":0}])", 1,
+     "Task: \\x1b[2J\\n is running\n"},
+    {"AnAnswerThatIsNoListGives0", R"({"a":1})", 0, ""},
+};
+INSTANTIATE_TEST_SUITE_P(ScanRequests, RunningTasks, testing::ValuesIn(kTasks),
+                         [](const auto& row) { return row.param.name; });
+
+// The control of a task.
+
+struct ControlRow {
+  const char* name;
+  unsigned action;
+  const char* params;
+};
+class TaskControl : public ScanRequests, public testing::WithParamInterface<ControlRow> {};
+TEST_P(TaskControl, SendsItsRow) {
+  EXPECT_EQ(CliScanCommunication::action_ctlscan("the token", GetParam().action), 1);
+  Json::Value expected = parsed(GetParam().params);
+  expected["payload"] = Json::Value();
+  expected["source"] = 1;
+  expected["token_id"] = "the token";
+  EXPECT_EQ(onlyParams("ctlBus"), expected);
+}
+const ControlRow kControls[] = {
+    {"StopSendsMark8", 1, R"({"action":1,"mark":8,"detail":"终端停止扫描"})"},
+    {"PauseSendsMark2", 2, R"({"action":2,"mark":2,"detail":"终端暂停扫描"})"},
+    {"ResumeSendsMark0", 3, R"({"action":3,"mark":0,"detail":"终端恢复扫描"})"},
+};
+INSTANTIATE_TEST_SUITE_P(ScanRequests, TaskControl, testing::ValuesIn(kControls),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(ScanRequests, AnyOtherControlSendsNothingAndGives0) {
+  for (const unsigned action : {0U, 4U, 99U}) {
+    EXPECT_EQ(CliScanCommunication::action_ctlscan("t", action), 0);
+  }
+  EXPECT_TRUE(agent_.calls().empty());
+}
+
+TEST_F(ScanRequests, AControlWithAnEmptyTokenIsSent) {
+  EXPECT_EQ(CliScanCommunication::action_ctlscan("", 3), 1);
+  EXPECT_EQ(onlyParams("ctlBus")["token_id"].asString(), "");
+}
+
+TEST_F(ScanRequests, ARefusedControlCountsAsMade) {
+  agent_.answer("ctlBus", false);
+  EXPECT_EQ(CliScanCommunication::action_ctlscan("t", 1), 1);
+}
+
+// What goes wrong.
+
+struct Failing {
+  const char* function;
+  const char* place;  ///< as the debug log names it
+  std::function<int()> request;
+  int result;
+};
+const Failing kFailing[] = {
+    {"get_scanconfig", ":get_scanconfig:56 ",
+     [] {
+       int handle = 1;
+       return CliScanCommunication::get_scanconfig(handle);
+     },
+     1},
+    {"action_startscan", ":action_startscan:133 ",
+     [] { return CliScanCommunication::action_startscan(0, 0, {}, 1); }, 0},
+    {"action_showscan", ":action_showscan:162 ", [] { return CliScanCommunication::action_showscan(); }, 0},
+    {"action_ctlscan", ":action_ctlscan:200 ", [] { return CliScanCommunication::action_ctlscan("t", 1); },
+     0},
+};
+
+class FailingRequest : public ScanRequests, public testing::WithParamInterface<Failing> {
+ protected:
+  void expectLoggedAndSilent() {
+    EXPECT_EQ(printing(GetParam().request), GetParam().result);
+    EXPECT_EQ(out_, "");
+    EXPECT_THAT(log(), HasSubstr(std::string(GetParam().place) + "Caught exception:\\n "));
+    EXPECT_THAT(log(), HasSubstr("CliScanCommunication.cpp"));
+  }
+};
+
+TEST_P(FailingRequest, ToAnAgentThatIsGoneIsLoggedAndPrintsNothing) {
+  agent_.leave();
+  expectLoggedAndSilent();
+  EXPECT_THAT(log(), HasSubstr("lunet SyncSend error ret["));
+}
+
+TEST_P(FailingRequest, AnsweredWithAnErrorIsLoggedAndPrintsNothing) {
+  for (const char* method : {"getAVConfig", "startScanTask", "getBusList", "ctlBus"}) {
+    agent_.answerError(method, -32000, "refused");
+  }
+  expectLoggedAndSilent();
+}
+
+TEST_P(FailingRequest, AnsweredWithAnotherKindIsLoggedAndPrintsNothing) {
+  for (const char* method : {"getAVConfig", "startScanTask", "getBusList", "ctlBus"}) {
+    agent_.answer(method, 17);
+  }
+  expectLoggedAndSilent();
+}
+
+TEST_P(FailingRequest, ToAnAgentThatDiesMeanwhileIsLoggedAndPrintsNothing) {
+  for (const char* method : {"getAVConfig", "startScanTask", "getBusList", "ctlBus"}) {
+    agent_.dieAt(method);
+  }
+  expectLoggedAndSilent();
+}
+
+TEST_P(FailingRequest, WithoutALinkGives0AndLogsNothing) {
+  jsonrpchelper::stopJsonRpc();
+  EXPECT_EQ(printing(GetParam().request), 0);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(log(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(ScanRequests, FailingRequest, testing::ValuesIn(kFailing),
+                         [](const auto& row) { return row.param.function; });
+
+}  // namespace
