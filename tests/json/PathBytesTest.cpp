@@ -110,7 +110,7 @@ TEST(PathBytes, RandomByteStringsRoundTrip) {
     for (auto i = random() % 40; i > 0; --i) {
       // Half of the bytes from where sequences of the reserved range are made of.
       path.push_back(
-          static_cast<char>(random() % 2 == 0 ? random() % 256 : "\xef\x9e\x9f\x80"[random() % 4]));
+          random() % 2 == 0 ? static_cast<char>(random() % 256) : "\xef\x9e\x9f\x80"[random() % 4]);
     }
     ASSERT_EQ(decodePath(encodePath(path)), path);
     ASSERT_EQ(acrossTheWire(path), path);
