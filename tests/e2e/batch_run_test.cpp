@@ -193,24 +193,6 @@ TEST_F(BatchRun, WithoutAnyStateEndsWithItsTimeoutAndGives0) {
   EXPECT_FALSE(std::filesystem::exists(report_));
 }
 
-TEST_F(BatchRun, ASecondEndDoesNotRewriteTheReportAndPrintsTheSameValueTwice) {
-  // The pause behind a busy agent cannot be cut short: both ends come within it.
-  start("tavcli_quick", {}, "30");
-  agent_->acceptScan();
-  agent_->state(6);
-  agent_->acceptScan();
-  agent_->overview(3, 0);
-  agent_->state(2);
-  agent_->repair("/data/x", "Eicar", 68, 3);
-  agent_->overview(4, 1);
-  agent_->state(2);
-  EXPECT_EQ(exitCode(), 0);
-  EXPECT_THAT(console_->out(),
-              testing::EndsWith("exitvalue1 = 0x0\nexitvalue2 = 0x20010000\n"
-                                "\n扫描结束\nexitvalue1 = 0x20010000\nexitvalue2 = 0x20010000\n"));
-  EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：3\n"));
-}
-
 TEST_F(BatchRun, IgnoresStatesThatAreNotItsTasks) {
   start();
   agent_->acceptScan();
