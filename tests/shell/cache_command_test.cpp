@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ProcessShell.h"
+#include "support/ProcessShell.h"
 #include "lunet/Lunet.h"
 #include "shell/TavCliCmdCache.h"
 #include "support/ConsoleLink.h"

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "ProcessShell.h"
+#include "support/ProcessShell.h"
 #include "lineeditor/History.h"
 #include "shell/TavCliCmdCommon.h"
 #include "support/GrammarRows.h"

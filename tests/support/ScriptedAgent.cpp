@@ -34,20 +34,13 @@ Json::Value parsed(const std::string& text) {
   return reader->parse(text.data(), text.data() + text.size(), &value, &errors) ? value : Json::Value();
 }
 
-Json::Value errorAnswer(int code, const std::string& message) {
-  Json::Value error;
-  error["code"] = code;
-  error["message"] = message;
-  return error;
+/// An answer to the request, its result or error still missing.
+Json::Value envelope(const Json::Value& request) {
+  Json::Value answer;
+  answer["jsonrpc"] = "2.0";
+  answer["id"] = request.isObject() ? request["id"] : Json::Value();
+  return answer;
 }
-
-/// What is done at a call.
-struct Script {
-  enum class Kind { Result, Error, Text, Nothing, Die };
-  Kind kind = Kind::Error;
-  ScriptedAgent::Respond respond;  ///< of Result and Error
-  std::string text;                ///< of Text
-};
 
 }  // namespace
 
@@ -56,7 +49,7 @@ class ScriptedAgent::Bus final : public lunet::IMRReceiveComplete {
   Bus(std::string runtimePath, const std::string& config);
   ~Bus();
 
-  void setScript(const std::string& method, Script script);
+  void setScript(const std::string& method, Respond respond);
   std::vector<Call> calls() const;
   void forgetCalls();
   std::uint32_t send(const std::string& text);
@@ -68,13 +61,13 @@ class ScriptedAgent::Bus final : public lunet::IMRReceiveComplete {
                        void* replyContext, void* registrationContext) override;
 
  private:
-  Script scriptOf(const std::string& method) const;
+  Respond scriptOf(const std::string& method) const;
   void closeWhenTold();
 
   lunet::ClientLibrary library_;
   mutable std::mutex mutex_;       ///< guards scripts and calls
   mutable std::mutex stateMutex_;  ///< guards joining and leaving
-  std::map<std::string, Script> scripts_;
+  std::map<std::string, Respond> scripts_;
   std::vector<Call> calls_;
   lunet::IEndpoint* endpoint_ = nullptr;
   // An endpoint cannot be closed from its own callback: a thread stands by for it.
@@ -160,19 +153,18 @@ void ScriptedAgent::Bus::closeWhenTold() {
   }
 }
 
-void ScriptedAgent::Bus::setScript(const std::string& method, Script script) {
+void ScriptedAgent::Bus::setScript(const std::string& method, Respond respond) {
   const std::lock_guard lock(mutex_);
-  scripts_[method] = std::move(script);
+  scripts_[method] = std::move(respond);
 }
 
-Script ScriptedAgent::Bus::scriptOf(const std::string& method) const {
+ScriptedAgent::Respond ScriptedAgent::Bus::scriptOf(const std::string& method) const {
   const std::lock_guard lock(mutex_);
   const auto found = scripts_.find(method);
   if (found != scripts_.end()) {
     return found->second;
   }
-  return {Script::Kind::Error,
-          [](const Json::Value&) { return errorAnswer(kMethodNotFound, "METHOD_NOT_FOUND"); }, ""};
+  return [](const Json::Value&) -> Json::Value { throw Error{kMethodNotFound, "METHOD_NOT_FOUND"}; };
 }
 
 std::vector<ScriptedAgent::Call> ScriptedAgent::Bus::calls() const {
@@ -208,30 +200,34 @@ void ScriptedAgent::Bus::ReceiveCallback(std::uint32_t channel, std::uint64_t me
   call.wantsReply = replyContext != nullptr;
   auto* const endpoint = static_cast<lunet::IEndpoint*>(registrationContext);
   endpoint->GetPeerIdentity(&call.process);
-  const Script script = scriptOf(call.method);
+  const Respond respond = scriptOf(call.method);
   {
     const std::lock_guard lock(mutex_);
     calls_.push_back(std::move(call));
   }
-  if (script.kind == Script::Kind::Die) {
+  std::string reply;
+  try {
+    Json::Value answer = envelope(request);
+    answer["result"] = respond(request.isObject() ? request["params"] : Json::Value());
+    reply = compact(answer);
+  } catch (const Error& error) {
+    Json::Value answer = envelope(request);
+    answer["error"]["code"] = error.code;
+    answer["error"]["message"] = error.message;
+    reply = compact(answer);
+  } catch (const Text& text) {
+    reply = text.reply;
+  } catch (const Silence&) {
+    return;
+  } catch (const Death&) {
     const std::lock_guard lock(closerMutex_);
     dieNow_ = true;
     closerWake_.notify_all();
     return;
   }
-  if (replyContext == nullptr || script.kind == Script::Kind::Nothing) {
-    return;
+  if (replyContext != nullptr) {
+    endpoint->Reply(0, messageId, reply.data(), static_cast<std::uint32_t>(reply.size()), replyContext);
   }
-  std::string text = script.text;
-  if (script.kind != Script::Kind::Text) {
-    Json::Value answer;
-    answer["jsonrpc"] = "2.0";
-    answer["id"] = request.isObject() ? request["id"] : Json::Value();
-    answer[script.kind == Script::Kind::Error ? "error" : "result"] =
-        script.respond(request.isObject() ? request["params"] : Json::Value());
-    text = compact(answer);
-  }
-  endpoint->Reply(0, messageId, text.data(), static_cast<std::uint32_t>(text.size()), replyContext);
 }
 
 ScriptedAgent::ScriptedAgent(const std::string& runtimePath, const std::string& config)
@@ -240,28 +236,27 @@ ScriptedAgent::ScriptedAgent(const std::string& runtimePath, const std::string& 
 ScriptedAgent::~ScriptedAgent() = default;
 
 void ScriptedAgent::answer(const std::string& method, const Json::Value& result) {
-  bus_->setScript(method, {Script::Kind::Result, [result](const Json::Value&) { return result; }, ""});
+  answerWith(method, [result](const Json::Value&) { return result; });
 }
 
 void ScriptedAgent::answerWith(const std::string& method, Respond respond) {
-  bus_->setScript(method, {Script::Kind::Result, std::move(respond), ""});
+  bus_->setScript(method, std::move(respond));
 }
 
 void ScriptedAgent::answerError(const std::string& method, int code, const std::string& message) {
-  bus_->setScript(method,
-                  {Script::Kind::Error, [=](const Json::Value&) { return errorAnswer(code, message); }, ""});
+  answerWith(method, [=](const Json::Value&) -> Json::Value { throw Error{code, message}; });
 }
 
 void ScriptedAgent::answerText(const std::string& method, const std::string& reply) {
-  bus_->setScript(method, {Script::Kind::Text, nullptr, reply});
+  answerWith(method, [reply](const Json::Value&) -> Json::Value { throw Text{reply}; });
 }
 
 void ScriptedAgent::neverAnswer(const std::string& method) {
-  bus_->setScript(method, {Script::Kind::Nothing, nullptr, ""});
+  answerWith(method, [](const Json::Value&) -> Json::Value { throw Silence{}; });
 }
 
 void ScriptedAgent::dieAt(const std::string& method) {
-  bus_->setScript(method, {Script::Kind::Die, nullptr, ""});
+  answerWith(method, [](const Json::Value&) -> Json::Value { throw Death{}; });
 }
 
 std::vector<ScriptedAgent::Call> ScriptedAgent::calls() const {

@@ -26,7 +26,17 @@ class ScriptedAgent {
     std::string text;  ///< the whole message
     lunet::PeerIdentity process;
   };
+  /// Gives the result, or throws one of the next four to do something else for once.
   using Respond = std::function<Json::Value(const Json::Value& params)>;
+  struct Error {
+    int code;
+    std::string message;
+  };
+  struct Text {
+    std::string reply;
+  };
+  struct Silence {};
+  struct Death {};
 
   /// runtimePath: the install tree whose bus it joins; the folder is made when it is missing. On the bus when
   /// the constructor returns; std::runtime_error when that fails. config: the text of a cli_lunet.conf,
