@@ -1,0 +1,39 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "json/CppJson.h"
+#include "platform/CLogDebug.h"
+#include "support/ConsoleLink.h"
+#include "support/ProcessShell.h"
+#include "support/ScriptedAgent.h"
+#include "support/TempDir.h"
+
+/// A command line against a scripted agent over the real bus, with the debug log caught.
+class AgentCommand : public testing::Test {
+ protected:
+  AgentCommand() {
+    CLogDebug* const log = CLogDebug::Create();
+    log->SetProperty(CLogDebug::kPath, logs_.path());
+    log->SetProperty(CLogDebug::kLevel, "1");
+  }
+  ~AgentCommand() override { CLogDebug::Close(); }
+
+  std::string debugLog() const { return testsupport::readFile(logs_.at("tavcli.log")); }
+
+  testsupport::TempDir logs_;
+  testsupport::TempDir tree_;
+  testsupport::ScriptedAgent agent_{tree_.path()};
+  testsupport::ConsoleLink link_{tree_.path(), 400};
+};
+
+inline Json::Value jsonOf(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
+  return value;
+}
+
+/// Forty hyphens and a line end, behind each item of a list.
+inline const std::string kItemRule = std::string(40, '-') + "\n";

@@ -1,0 +1,485 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "AgentCommand.h"
+#include "command/scan/ScanRunState.h"
+#include "command/scan/TavCliCmdScan.h"
+#include "command/scan/TavCliCmdScanExec.h"
+#include "support/GrammarRows.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testsupport::GrammarRowExpected;
+using testsupport::outputOf;
+
+namespace {
+
+const GrammarRowExpected kRows[] = {
+    {"SCAN", "杀毒", "", 1, 1, 0},
+    {"SCAN START", "开始杀毒", "", 1, 1, 0},
+    {"SCAN START HANDLE", "病毒默认处理方式", "", 0, 1, 0},
+    {"SCAN START HANDLE AUTO", "自动处理", "", 1, 1, 0},
+    {"SCAN START HANDLE UPLOAD", "仅上报不处理", "", 1, 1, 0},
+    {"SCAN START SPECIALCONFIG", "强力扫描开关", "", 0, 0, 0},
+    {"SCAN START SPECIALCONFIG ON", "开启", "", 1, 1, 0},
+    {"SCAN START SPECIALCONFIG OFF", "关闭", "", 1, 1, 0},
+    {"SCAN START MODE", "查杀模式", "", 0, 1, 0},
+    {"SCAN START MODE FAST", "快速查杀", "", 1, 1, 0},
+    {"SCAN START MODE FULL", "全盘查杀", "", 1, 1, 0},
+    {"SCAN START MODE CUSTOM", "自定义查杀", "", 1, 1, 0},
+    {"SCAN START MODE CUSTOM PATH", "自定义查杀路径", "\"scan path [string]\"", 1, 1, 2},
+    {"SCAN START LOGPATH", "日志导出路径", "\"log path [string]\"", 0, 0, 2},
+    {"SCAN STOP", "停止杀毒", "", 1, 1, 0},
+    {"SCAN STOP TOKENID", "自定义查杀路径", "\"令牌ID 由SCAN SHOW指令查询\"", 1, 1, 2},
+    {"SCAN PARSE", "暂停杀毒", "", 1, 1, 0},
+    {"SCAN PARSE TOKENID", "自定义查杀路径", "\"令牌ID 由SCAN SHOW指令查询\"", 1, 1, 2},
+    {"SCAN RECOVERD", "恢复杀毒", "", 1, 1, 0},
+    {"SCAN RECOVERD TOKENID", "自定义查杀路径", "\"令牌ID 由SCAN SHOW指令查询\"", 1, 1, 2},
+    {"SCAN SHOW", "查看正在进行的查杀任务", "", 1, 1, 0},
+};
+
+class ScanGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
+
+/// The task that the words of a line build, whether or not the line is complete.
+class ScanTask : public testing::Test {
+ protected:
+  ScanTask() {
+    ScanRunState::instance().reset();
+    module_.buildTree(&tree_);
+  }
+  ~ScanTask() override {
+    TavCliCompletion::instance().setPendingTask(nullptr);
+    ScanRunState::instance().reset();
+  }
+  const TavCliCmdScanExec& built(const std::string& line) {
+    outputOf([&] { tree_.parse(line); });
+    return *TavCliCompletion::instance().pendingTaskAs<TavCliCmdScanExec>();
+  }
+  TavCliCmdScan module_;
+  CliTree tree_;
+};
+
+class ScanCommand : public AgentCommand {
+ protected:
+  ScanCommand() {
+    ScanRunState::instance().reset();
+    agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
+    agent_.answer("ctlBus", true);
+  }
+  ~ScanCommand() override { ScanRunState::instance().reset(); }
+
+  /// The one call that a task makes.
+  testsupport::ScriptedAgent::Call callOf(TavCliCmdScanExec& task) {
+    agent_.forgetCalls();
+    EXPECT_EQ(task.execute(), 0);
+    const auto calls = agent_.calls();
+    EXPECT_EQ(calls.size(), 1u);
+    return calls.empty() ? testsupport::ScriptedAgent::Call{} : calls[0];
+  }
+  Json::Value startOf(TavCliCmdScanExec& task) {
+    const auto call = callOf(task);
+    EXPECT_EQ(call.method, "startScanTask");
+    return call.params["params"];
+  }
+  /// What a batch start sends when the agent's settings hold this document.
+  Json::Value batchStart(const std::string& settings) {
+    agent_.answer("getAVConfig", settings);
+    ScanRunState::instance().set_batch_mode();
+    TavCliCmdScanExec task;
+    task.action = TavCliCmdScanExec::kStart;
+    task.handle = TavCliCmdScanExec::kReportOnly;
+    task.mode = TavCliCmdScanExec::kFull;
+    task.paths = {"/data"};
+    agent_.forgetCalls();
+    printed_ = outputOf([&task] { EXPECT_EQ(task.execute(), 0); });
+    const auto starts = agent_.calls("startScanTask");
+    EXPECT_EQ(starts.size(), 1u);
+    return starts.empty() ? Json::Value() : starts[0].params["params"];
+  }
+  std::string printed_;
+};
+
+}  // namespace
+
+TEST_P(ScanGrammarRow, IsInTheTree) {
+  TavCliCmdScan module;
+  CliTree tree;
+  module.buildTree(&tree);
+  testsupport::expectRow(tree, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ScanGrammarRow, testing::ValuesIn(kRows),
+                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
+
+TEST_F(ScanTask, TheGrammarHoldsItsRowsAndNoOther) {
+  EXPECT_EQ(testsupport::allPaths(tree_).size(), std::size(kRows));
+  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN"),
+              ElementsAre("START", "PARSE", "RECOVERD", "STOP", "SHOW"));
+  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START"),
+              ElementsAre("HANDLE", "SPECIALCONFIG", "MODE", "LOGPATH"));
+  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START HANDLE"), ElementsAre("AUTO", "UPLOAD"));
+  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START MODE"), ElementsAre("FAST", "FULL", "CUSTOM"));
+  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START SPECIALCONFIG"), ElementsAre("ON", "OFF"));
+}
+
+TEST_F(ScanTask, StartsAsAResumeOfNothing) {
+  const TavCliCmdScanExec& task = built("SCAN");
+  EXPECT_EQ(task.action, 3);
+  EXPECT_EQ(task.handle, 0);
+  EXPECT_EQ(task.special, 1);
+  EXPECT_EQ(task.mode, 0);
+  EXPECT_THAT(task.paths, IsEmpty());
+  EXPECT_EQ(task.token_id, "");
+  EXPECT_EQ(task.log_path, "");
+}
+
+TEST_F(ScanTask, StopParseAndRecoverdAloneLeaveItAResume) {
+  for (const char* line : {"SCAN STOP", "SCAN PARSE", "SCAN RECOVERD"}) {
+    EXPECT_EQ(built(line).action, 3) << line;
+    EXPECT_EQ(built(line).token_id, "") << line;
+  }
+}
+
+TEST_F(ScanTask, TokenidSetsActionAndToken) {
+  for (const auto& [word, action] : {std::pair{"STOP", 1}, std::pair{"PARSE", 2}, std::pair{"RECOVERD", 3}}) {
+    const TavCliCmdScanExec& task = built(std::string("SCAN ") + word + " TOKENID Abc-1");
+    EXPECT_EQ(task.action, action) << word;
+    EXPECT_EQ(task.token_id, "Abc-1") << word;
+  }
+}
+
+TEST_F(ScanTask, StartAndShowSetTheAction) {
+  EXPECT_EQ(built("SCAN START").action, 0);
+  EXPECT_EQ(built("SCAN SHOW").action, 4);
+}
+
+TEST_F(ScanTask, StartAloneIsAFastScanWithAutomaticHandlingAndStrongScanOff) {
+  const TavCliCmdScanExec& task = built("SCAN START");
+  EXPECT_EQ(task.mode, 0);
+  EXPECT_EQ(task.handle, 0);
+  EXPECT_EQ(task.special, 1);
+}
+
+TEST_F(ScanTask, HandleSetsTheHandling) {
+  EXPECT_EQ(built("SCAN START HANDLE AUTO").handle, 0);
+  EXPECT_EQ(built("SCAN START HANDLE UPLOAD").handle, 1);
+}
+
+TEST_F(ScanTask, SpecialconfigOnIsZeroAndOffIsOne) {
+  EXPECT_EQ(built("SCAN START SPECIALCONFIG ON").special, 0);
+  EXPECT_EQ(built("SCAN START SPECIALCONFIG OFF").special, 1);
+}
+
+TEST_F(ScanTask, ModeSetsTheMode) {
+  EXPECT_EQ(built("SCAN START MODE FAST").mode, 0);
+  EXPECT_EQ(built("SCAN START MODE FULL").mode, 1);
+  EXPECT_EQ(built("SCAN START MODE CUSTOM").mode, 2);
+}
+
+TEST_F(ScanTask, PathIsAppendedAndBecomesTheRunsScanPath) {
+  EXPECT_THAT(built("SCAN START MODE CUSTOM PATH /home").paths, ElementsAre("/home"));
+  EXPECT_EQ(ScanRunState::instance().scan_path(), "/home");
+}
+
+TEST_F(ScanTask, PathMatchedTwiceAppendsBothAndTheRunKeepsTheLast) {
+  built("SCAN START MODE CUSTOM PATH /one");
+  const CliNodeInfo* const node = module_.grammar().find("SCAN START MODE CUSTOM PATH");
+  EXPECT_EQ(node->handler(*node, "/two"), 1);
+  EXPECT_THAT(TavCliCompletion::instance().pendingTaskAs<TavCliCmdScanExec>()->paths,
+              ElementsAre("/one", "/two"));
+  EXPECT_EQ(ScanRunState::instance().scan_path(), "/two");
+}
+
+TEST_F(ScanTask, OnePathALineIsTaken) {
+  EXPECT_THAT(built("SCAN START MODE CUSTOM PATH /one PATH /two").paths, ElementsAre("/one"));
+}
+
+TEST_F(ScanTask, HandlersGiveZeroAndDoNothingWithoutATask) {
+  TavCliCompletion::instance().setPendingTask(nullptr);
+  for (const GrammarRowExpected& row : kRows) {
+    const CliNodeInfo* const node = module_.grammar().find(row.path);
+    if (node->handler && node->name != "SCAN") {
+      EXPECT_EQ(node->handler(*node, "tav1/x"), 0) << row.path;
+    }
+  }
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 0);
+  EXPECT_EQ(ScanRunState::instance().log_path(), "");
+  EXPECT_EQ(ScanRunState::instance().scan_path(), "");
+}
+
+TEST_F(ScanTask, HandlersGiveOneWithATask) {
+  for (const GrammarRowExpected& row : kRows) {
+    built("SCAN");
+    const CliNodeInfo* const node = module_.grammar().find(row.path);
+    if (node->handler) {
+      EXPECT_EQ(node->handler(*node, "/nowhere"), 1) << row.path;
+    }
+  }
+}
+
+TEST_F(ScanTask, ALogpathThatDoesNotExistIsKeptInBoth) {
+  EXPECT_EQ(built("SCAN START LOGPATH /nowhere/report").log_path, "/nowhere/report");
+  EXPECT_EQ(ScanRunState::instance().log_path(), "/nowhere/report");
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 0);
+}
+
+TEST_F(ScanTask, ALogpathThatIsAFileIsKeptInBoth) {
+  const testsupport::TempDir folder;
+  const std::string file = folder.write("report", "");
+  EXPECT_EQ(built("SCAN START LOGPATH " + file).log_path, file);
+  EXPECT_EQ(ScanRunState::instance().log_path(), file);
+}
+
+TEST_F(ScanTask, ALogpathThatIsADirectoryIsKeptInTheTaskOnly) {
+  const testsupport::TempDir folder;
+  EXPECT_EQ(built("SCAN START LOGPATH " + folder.path()).log_path, folder.path());
+  EXPECT_EQ(ScanRunState::instance().log_path(), "");
+}
+
+TEST_F(ScanTask, ALogpathThatIsNoRegularFileIsKeptInTheTaskOnly) {
+  EXPECT_EQ(built("SCAN START LOGPATH /dev/null").log_path, "/dev/null");
+  EXPECT_EQ(ScanRunState::instance().log_path(), "");
+}
+
+TEST_F(ScanTask, ALogpathWithTheMarkSetsBatchModeAndLosesTheMark) {
+  EXPECT_EQ(built("SCAN START LOGPATH tav1/nowhere/report").log_path, "/nowhere/report");
+  EXPECT_EQ(ScanRunState::instance().log_path(), "/nowhere/report");
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 1);
+}
+
+TEST_F(ScanTask, ALogpathOfTheMarkAloneIsEmptySetsBatchModeAndIsStored) {
+  ScanRunState::instance().set_log_path("/before");
+  EXPECT_EQ(built("SCAN START LOGPATH tav1").log_path, "");
+  EXPECT_EQ(ScanRunState::instance().log_path(), "");
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 1);
+}
+
+TEST_F(ScanTask, AMarkedLogpathThatIsADirectorySetsBatchModeAllTheSame) {
+  const testsupport::TempDir folder;
+  EXPECT_EQ(built("SCAN START LOGPATH tav1" + folder.path()).log_path, folder.path());
+  EXPECT_EQ(ScanRunState::instance().log_path(), "");
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 1);
+}
+
+TEST_F(ScanTask, TheMarkAnywhereButAtTheStartIsPartOfThePath) {
+  EXPECT_EQ(built("SCAN START LOGPATH /nowhere/tav1").log_path, "/nowhere/tav1");
+  EXPECT_EQ(built("SCAN START LOGPATH xtav1/report").log_path, "xtav1/report");
+  EXPECT_EQ(built("SCAN START LOGPATH TAV1/report").log_path, "TAV1/report");
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 0);
+}
+
+TEST_F(ScanTask, AnEmptyLogpathDoesNothingAndIsASuccess) {
+  built("SCAN START LOGPATH /nowhere/report");
+  const CliNodeInfo* const node = module_.grammar().find("SCAN START LOGPATH");
+  EXPECT_EQ(node->handler(*node, ""), 1);
+  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<TavCliCmdScanExec>()->log_path, "/nowhere/report");
+}
+
+TEST_F(ScanCommand, ABareTaskRunsAResumeWithAnEmptyToken) {
+  TavCliCmdScanExec task;
+  const auto call = callOf(task);
+  EXPECT_EQ(call.method, "ctlBus");
+  EXPECT_EQ(
+      call.params,
+      jsonOf(R"({"action":3,"detail":"终端恢复扫描","mark":0,"payload":null,"source":1,"token_id":""})"));
+}
+
+TEST_F(ScanCommand, AStartAloneSendsAFastScanWithAutomaticHandling) {
+  TavCliCmdScanExec task;
+  task.action = TavCliCmdScanExec::kStart;
+  Json::Value expected = jsonOf(
+      R"({"follow_link":false,"max_scan_sec":0,"custom_stop":true,"items":[],"force_scan":false,"handle_action":-1,
+          "fix_method":0,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,"expire_time":0,"scan_type":0})");
+  expected["uid"] = static_cast<int>(getuid());
+  EXPECT_EQ(startOf(task), expected);
+}
+
+TEST_F(ScanCommand, ACustomStartWithoutPathSendsAnEmptyList) {
+  TavCliCmdScanExec task;
+  task.action = TavCliCmdScanExec::kStart;
+  task.mode = TavCliCmdScanExec::kCustom;
+  const Json::Value sent = startOf(task);
+  EXPECT_EQ(sent["scan_type"], 2);
+  EXPECT_EQ(sent["items"], Json::Value(Json::arrayValue));
+}
+
+TEST_F(ScanCommand, AFullStartWithStrongScanSendsTypeFour) {
+  TavCliCmdScanExec task;
+  task.action = TavCliCmdScanExec::kStart;
+  task.mode = TavCliCmdScanExec::kFull;
+  task.special = TavCliCmdScanExec::kStrongOn;
+  EXPECT_EQ(startOf(task)["scan_type"], 4);
+}
+
+TEST_F(ScanCommand, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {
+  for (const std::int32_t action : {5, -1, 99}) {
+    TavCliCmdScanExec task;
+    task.action = action;
+    EXPECT_EQ(outputOf([&task] { EXPECT_EQ(task.execute(), -1); }), "debug:scan error\n");
+  }
+  EXPECT_THAT(agent_.calls(), IsEmpty());
+}
+
+TEST_F(ScanCommand, TheResultIsZeroWhateverTheAgentAnswers) {
+  for (const char* status : {"false", "null", "7"}) {
+    agent_.answer("startScanTask", jsonOf(std::string(R"({"status":)") + status + "}"));
+    EXPECT_EQ(executeLine("SCAN START HANDLE AUTO MODE FAST").result, 0);
+  }
+  agent_.answerError("startScanTask", -3, "no");
+  EXPECT_EQ(executeLine("SCAN START HANDLE AUTO MODE FAST").result, 0);
+  agent_.dieAt("startScanTask");
+  EXPECT_EQ(executeLine("SCAN START HANDLE AUTO MODE FAST").result, 0);
+}
+
+TEST_F(ScanCommand, LinesThatLackARequiredWordAreRefusedAndSendNothing) {
+  for (const char* line :
+       {"SCAN", "SCAN START", "SCAN STOP", "SCAN PARSE", "SCAN RECOVERD", "SCAN START HANDLE AUTO",
+        "SCAN START MODE FULL SPECIALCONFIG ON", "SCAN START HANDLE AUTO MODE CUSTOM", "SCAN START MODE FAST",
+        "SCAN START HANDLE AUTO MODE FAST SPECIALCONFIG"}) {
+    const Executed executed = executeLine(line);
+    EXPECT_EQ(executed.result, -1) << line;
+    EXPECT_THAT(executed.printed, StartsWith("缺少必要选项:")) << line;
+  }
+  for (const char* line : {"SCAN STOP TOKENID", "SCAN START HANDLE AUTO MODE CUSTOM PATH"}) {
+    const Executed executed = executeLine(line);
+    EXPECT_EQ(executed.result, -1) << line;
+    EXPECT_EQ(executed.printed, "") << line;
+  }
+  EXPECT_THAT(agent_.calls(), IsEmpty());
+}
+
+TEST_F(ScanCommand, ARefusedStartDoesNotRunOneLineLater) {
+  executeLine("SCAN START HANDLE AUTO");
+  for (const char* line : {"", "   ", "exit", "HELP APP", "SCAN SHOW NOW"}) {
+    agent_.answer("getBusList", Json::Value(Json::arrayValue));
+    EXPECT_EQ(executeLine(line).result, 0) << line;
+  }
+  EXPECT_THAT(agent_.calls("startScanTask"), IsEmpty());
+}
+
+TEST_F(ScanCommand, ScanAlonePrintsEveryKeywordUnderItInNameOrder) {
+  EXPECT_EQ(executeLine("scan").printed,
+            "缺少必要选项:"
+            "PARSE                         暂停杀毒                  \n"
+            "RECOVERD                      恢复杀毒                  \n"
+            "SHOW                          查看正在进行的查杀任务\n"
+            "START                         开始杀毒                  \n"
+            "STOP                          停止杀毒                  \n");
+}
+
+TEST_F(ScanCommand, AWholeLineReachesTheAgentInAnyLetterCase) {
+  executeLine("scan start handle upload specialconfig on mode custom path /Data/木 logpath /nowhere/x");
+  const auto calls = agent_.calls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].params["params"]["fix_method"], 2);
+  EXPECT_EQ(calls[0].params["params"]["scan_type"], 5);
+  EXPECT_EQ(calls[0].params["params"]["items"], jsonOf(R"(["/Data/木"])"));
+  EXPECT_EQ(calls[0].params["ctx"], Json::Value());
+  EXPECT_EQ(calls[0].params["desc"], "");
+  EXPECT_EQ(calls[0].params["source"], 1);
+  EXPECT_EQ(calls[0].params["token_id"], "");
+}
+
+TEST_F(ScanCommand, APathThatIsNotUtf8ReachesTheAgentByteForByte) {
+  executeLine("SCAN START HANDLE AUTO MODE CUSTOM PATH /data/\xff\xfe");
+  ASSERT_EQ(agent_.calls().size(), 1u);
+  EXPECT_EQ(json::decodePath(agent_.calls()[0].params["params"]["items"][0].asString()), "/data/\xff\xfe");
+}
+
+TEST_F(ScanCommand, StopParseAndRecoverdSendTheirControls) {
+  executeLine("SCAN STOP TOKENID t1");
+  executeLine("SCAN PARSE TOKENID t2");
+  executeLine("SCAN RECOVERD TOKENID t3");
+  const auto calls = agent_.calls("ctlBus");
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(
+      calls[0].params,
+      jsonOf(R"({"action":1,"detail":"终端停止扫描","mark":8,"payload":null,"source":1,"token_id":"t1"})"));
+  EXPECT_EQ(
+      calls[1].params,
+      jsonOf(R"({"action":2,"detail":"终端暂停扫描","mark":2,"payload":null,"source":1,"token_id":"t2"})"));
+  EXPECT_EQ(
+      calls[2].params,
+      jsonOf(R"({"action":3,"detail":"终端恢复扫描","mark":0,"payload":null,"source":1,"token_id":"t3"})"));
+}
+
+TEST_F(ScanCommand, ShowListsTheRunningScans) {
+  agent_.answer("getBusList", jsonOf(R"([{"token_id":"a","type":0},{"token_id":"b","type":1}])"));
+  EXPECT_EQ(executeLine("SCAN SHOW").printed, "Task: a is running\n");
+}
+
+TEST_F(ScanCommand, ABatchStartTakesItsHandlingFromTheAgentAndScansCustomPaths) {
+  struct Case {
+    int fixMethodOfAgent;
+    int sent;
+    int handle;
+  };
+  for (const Case& row : {Case{1, 2, 1}, Case{2, 2, 1}, Case{3, 0, 2}, Case{0, 0, 2}}) {
+    const Json::Value sent =
+        batchStart(R"({"Common":{"FixMethod":)" + std::to_string(row.fixMethodOfAgent) + "}}");
+    EXPECT_EQ(sent["fix_method"], row.sent) << row.fixMethodOfAgent;
+    EXPECT_EQ(sent["scan_type"], 2) << row.fixMethodOfAgent;
+    EXPECT_EQ(sent["items"], jsonOf(R"(["/data"])"));
+    EXPECT_EQ(ScanRunState::instance().fix_handle(), row.handle);
+    EXPECT_EQ(printed_, "FixMethod is " + std::to_string(row.fixMethodOfAgent) + ", handle is " +
+                            std::to_string(row.handle) + "\n");
+  }
+}
+
+TEST_F(ScanCommand, ABatchStartWithoutUsableSettingsOnlyReports) {
+  for (const char* settings : {"", "no json", "{}", R"({"Common":7})"}) {
+    const Json::Value sent = batchStart(settings);
+    EXPECT_EQ(sent["fix_method"], 2) << settings;
+    EXPECT_EQ(sent["scan_type"], 2) << settings;
+    EXPECT_EQ(ScanRunState::instance().fix_handle(), 1) << settings;
+    EXPECT_EQ(printed_, "") << settings;
+  }
+}
+
+TEST_F(ScanCommand, TheBatchLineScansItsPathAndSetsTheRunState) {
+  agent_.answer("getAVConfig", R"({"Common":{"FixMethod":2}})");
+  executeLine(
+      "SCAN START HANDLE UPLOAD SPECIALCONFIG OFF MODE CUSTOM PATH /data LOGPATH tav1/nowhere/report");
+  ASSERT_EQ(agent_.calls("startScanTask").size(), 1u);
+  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["items"], jsonOf(R"(["/data"])"));
+  EXPECT_EQ(ScanRunState::instance().batch_mode(), 1);
+  EXPECT_EQ(ScanRunState::instance().scan_path(), "/data");
+  EXPECT_EQ(ScanRunState::instance().log_path(), "/nowhere/report");
+}
+
+TEST_F(ScanCommand, AfterOneBatchLogpathEveryLaterStartIsABatchStart) {
+  agent_.answer("getAVConfig", R"({"Common":{"FixMethod":3}})");
+  executeLine("SCAN START HANDLE UPLOAD MODE FAST LOGPATH tav1/nowhere/report");
+  agent_.forgetCalls();
+  executeLine("SCAN START HANDLE UPLOAD MODE FULL");
+  ASSERT_EQ(agent_.calls("startScanTask").size(), 1u);
+  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["scan_type"], 2);
+  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["fix_method"], 0);
+}
+
+TEST(ScanRunStateRecord, StartsEmptyAndKeepsWhatItIsTold) {
+  ScanRunState state;
+  EXPECT_EQ(state.log_path(), "");
+  EXPECT_EQ(state.scan_path(), "");
+  EXPECT_EQ(state.batch_mode(), 0);
+  EXPECT_EQ(state.fix_handle(), 0);
+  EXPECT_EQ(state.result(), Json::Value(Json::objectValue));
+  state.set_log_path("l");
+  state.set_scan_path("s");
+  state.set_batch_mode();
+  state.set_fix_handle(2);
+  state.updateResult([](Json::Value& result) { result["virusnum"] = 3; });
+  EXPECT_EQ(state.log_path(), "l");
+  EXPECT_EQ(state.scan_path(), "s");
+  EXPECT_EQ(state.batch_mode(), 1);
+  EXPECT_EQ(state.fix_handle(), 2);
+  EXPECT_EQ(state.result()["virusnum"], 3);
+}
+
+TEST(ScanRunStateRecord, IsOneForTheProcess) {
+  EXPECT_EQ(&ScanRunState::instance(), &ScanRunState::instance());
+}
