@@ -17,9 +17,9 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t kMostFound = 32;   // detections waiting to be handled, each with an open file
+constexpr std::size_t kMostFound = 32;  // detections waiting to be handled, each with an open file
 constexpr std::chrono::milliseconds kLoadLook{200};  // between two looks for a stop while signatures load
-constexpr double kWholeDiskShare = 0.9;  // of a full scan, for its last stage
+constexpr double kWholeDiskShare = 0.9;              // of a full scan, for its last stage
 
 std::string internalError(const std::exception& error) {
   return std::string("internal error: ") + error.what();

@@ -15,8 +15,7 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t kOpenFolders = 64;      // of the folders on the way down, the deepest ones
-constexpr std::size_t kEntriesAtOnce = 8192;  // held in memory of one folder
+constexpr std::size_t kOpenFolders = 64;  // of the folders on the way down, the deepest ones
 constexpr int kOpenFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 constexpr const char* kOwnFolder = "kept by the agent itself";
@@ -276,7 +275,7 @@ bool Walker::readEntries(Folder& folder, double share) {
   bool last = false;
   while (!last) {
     batch.clear();
-    while (batch.size() < kEntriesAtOnce) {
+    while (batch.size() < options_.entriesAtOnce) {
       errno = 0;
       const dirent* entry = readdir(directory.get());
       if (entry == nullptr) {

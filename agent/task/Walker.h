@@ -43,6 +43,7 @@ class Walker {
   struct Options {
     std::vector<std::string> excludedFolders;  ///< resolved paths that are never entered
     bool networkFileSystems = true;            ///< enter them; a path that was named is always entered
+    std::size_t entriesAtOnce = 8192;          ///< of one folder, held in memory
   };
   Walker(Options options, WalkSink& sink);
 

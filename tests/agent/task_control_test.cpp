@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/Wait.h"
+#include "task/TaskControl.h"
+
+namespace agent {
+namespace {
+
+using testsupport::waitFor;
+
+/// A thread that works until it is told to end, and counts its pauses.
+class Worker {
+ public:
+  explicit Worker(TaskControl& control)
+      : thread_([this, &control] {
+          const auto quiet = [this] { ++pauses; };
+          const auto again = [this] { ++resumes; };
+          while (control.goOn(quiet, again)) {
+            ++steps;
+            std::this_thread::yield();
+          }
+          ended = true;
+        }) {}
+  ~Worker() { thread_.join(); }
+  std::atomic<long> steps{0}, pauses{0}, resumes{0};
+  std::atomic<bool> ended{false};
+
+ private:
+  std::thread thread_;
+};
+
+TEST(TaskControl, APausedTaskDoesNothingUntilItIsResumed) {
+  TaskControl control;
+  Worker worker(control);
+  ASSERT_TRUE(waitFor([&] { return worker.steps > 10; }));
+  EXPECT_TRUE(control.pause());
+  ASSERT_TRUE(waitFor([&] { return worker.pauses == 1; }));
+  EXPECT_TRUE(control.paused());
+  const long steps = worker.steps;
+  EXPECT_EQ(0, worker.resumes);
+  EXPECT_EQ(steps, worker.steps);
+  EXPECT_TRUE(control.resume());
+  ASSERT_TRUE(waitFor([&] { return worker.steps > steps; }));
+  EXPECT_EQ(1, worker.resumes);
+  control.stop("done");
+}
+
+TEST(TaskControl, APauseThatWasTakenBackBeforeItWasSeenIsToldAllTheSame) {
+  TaskControl control;
+  EXPECT_TRUE(control.pause());
+  EXPECT_TRUE(control.resume());
+  int pauses = 0;
+  int resumes = 0;
+  EXPECT_TRUE(control.goOn([&] { ++pauses; }, [&] { ++resumes; }));
+  EXPECT_EQ(1, pauses);
+  EXPECT_EQ(1, resumes);
+  EXPECT_TRUE(control.goOn([&] { ++pauses; }, [&] { ++resumes; }));
+  EXPECT_EQ(1, pauses);
+}
+
+TEST(TaskControl, StopEndsAPausedTask) {
+  TaskControl control;
+  Worker worker(control);
+  control.pause();
+  ASSERT_TRUE(waitFor([&] { return worker.pauses == 1; }));
+  EXPECT_TRUE(control.stop("why"));
+  EXPECT_TRUE(waitFor([&] { return worker.ended.load(); }));
+  EXPECT_EQ(0, worker.resumes);
+  EXPECT_EQ("why", control.stopReason());
+}
+
+TEST(TaskControl, OnlyTheFirstStopCounts) {
+  TaskControl control;
+  int actions = 0;
+  control.onStop([&] { ++actions; });
+  EXPECT_TRUE(control.stop("first"));
+  EXPECT_FALSE(control.stop("second"));
+  EXPECT_EQ("first", control.stopReason());
+  EXPECT_EQ(1, actions);
+}
+
+TEST(TaskControl, WhatDoesNotFitTheStateIsRefused) {
+  TaskControl control;
+  EXPECT_FALSE(control.resume());
+  EXPECT_TRUE(control.pause());
+  EXPECT_FALSE(control.pause());
+  EXPECT_TRUE(control.stop("end"));
+  EXPECT_FALSE(control.pause());
+  EXPECT_FALSE(control.resume());
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,257 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+#include "lunet/Lunet.h"
+#include "support/Wait.h"
+#include "task/Outbox.h"
+
+namespace agent {
+namespace {
+
+using ::testing::ElementsAre;
+using testsupport::waitFor;
+
+constexpr auto kProgress = NoticeKind::kProgress;
+constexpr auto kOverview = NoticeKind::kOverview;
+constexpr auto kKept = NoticeKind::kKept;
+
+/// A console that takes notices, or does not.
+class Receiver {
+ public:
+  SendNotice notice(const std::string& text) {
+    return [this, text]() -> std::uint32_t {
+      const std::lock_guard guard(mutex_);
+      ++tries_;
+      if (answer_ == lunet::kOk) {
+        taken_.push_back(text);
+      }
+      return answer_;
+    };
+  }
+  void answer(std::uint32_t error) {
+    const std::lock_guard guard(mutex_);
+    answer_ = error;
+  }
+  std::vector<std::string> taken() const {
+    const std::lock_guard guard(mutex_);
+    return taken_;
+  }
+  int tries() const {
+    const std::lock_guard guard(mutex_);
+    return tries_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::uint32_t answer_ = lunet::kOk;
+  std::vector<std::string> taken_;
+  int tries_ = 0;
+};
+
+Outbox::Limits quick() {
+  Outbox::Limits limits;
+  limits.keptBytes = 1000;
+  limits.retry = std::chrono::milliseconds(1);
+  return limits;
+}
+
+std::shared_ptr<Mailbox> box() {
+  return std::make_shared<Mailbox>("a console");
+}
+bool never() {
+  return false;
+}
+
+TEST(Outbox, NoticesLeaveInTheOrderTheyWerePosted) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  std::vector<std::string> expected;
+  for (int i = 0; i < 200; ++i) {
+    outbox.post(mail, kKept, 10, console.notice(std::to_string(i)));
+    expected.push_back(std::to_string(i));
+  }
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_EQ(expected, console.taken());
+}
+
+TEST(Outbox, WhileTheReceiverStallsOnlyTheNewestProgressAndOverviewAreKept) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("risk 1"));
+  ASSERT_TRUE(waitFor([&] { return console.tries() > 1; }));
+  for (int i = 0; i < 50; ++i) {
+    outbox.post(mail, kProgress, 10, console.notice("progress " + std::to_string(i)));
+    outbox.post(mail, kOverview, 10, console.notice("overview " + std::to_string(i)));
+  }
+  outbox.post(mail, kKept, 10, console.notice("risk 2"));
+  outbox.post(mail, kOverview, 10, console.notice("last overview"));
+  outbox.post(mail, kKept, 10, console.notice("state 2"));
+  console.answer(lunet::kOk);
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("risk 1", "progress 49", "risk 2", "last overview", "state 2"));
+}
+
+TEST(Outbox, AStalledReceiverHoldsUpNobodyElse) {
+  Receiver stalled;
+  stalled.answer(lunet::kErrQueueFull);
+  Receiver other;
+  Outbox outbox(quick());
+  outbox.post(box(), kKept, 10, stalled.notice("x"));
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, other.notice("1"));
+  outbox.post(mail, kKept, 10, other.notice("2"));
+  EXPECT_TRUE(waitFor([&] { return other.taken().size() == 2; }));
+}
+
+TEST(Outbox, PostingNeverWaits) {
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  Outbox outbox(quick());
+  const auto mail = box();
+  for (int i = 0; i < 1000; ++i) {
+    outbox.post(mail, kKept, 100, [released]() -> std::uint32_t {
+      released.wait();
+      return lunet::kOk;
+    });
+  }
+  release.set_value();
+  EXPECT_TRUE(outbox.drain(std::chrono::seconds(10)));
+}
+
+class GoneOn : public ::testing::TestWithParam<std::pair<const char*, std::uint32_t>> {};
+
+TEST_P(GoneOn, TheRestIsDroppedAndNothingMoreIsTried) {
+  Receiver console;
+  console.answer(GetParam().second);
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  ASSERT_TRUE(waitFor([&] { return outbox.gone(mail); }));
+  const int tries = console.tries();
+  console.answer(lunet::kOk);
+  outbox.post(mail, kKept, 10, console.notice("2"));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_EQ(tries, console.tries());
+  EXPECT_TRUE(console.taken().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Errors, GoneOn,
+    ::testing::Values(std::pair("NobodyAtTheAddress", std::uint32_t{lunet::kErrNoTarget}),
+                      std::pair("AnotherProcessAtTheAddress", std::uint32_t{lunet::kErrNotSame}),
+                      std::pair("TheEndpointClosed", std::uint32_t{lunet::kErrNotOpen}),
+                      std::pair("ADeniedPeer", std::uint32_t{lunet::kErrDenied})),
+    [](const auto& row) { return std::string(row.param.first); });
+
+TEST(Outbox, ANoticeThatIsTooLargeCostsItselfOnly) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, []() -> std::uint32_t { return lunet::kErrTooLarge; });
+  outbox.post(mail, kKept, 10, console.notice("next"));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("next"));
+}
+
+TEST(Outbox, ANoticeThatThrowsCostsItselfOnly) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, []() -> std::uint32_t { throw std::runtime_error("no"); });
+  outbox.post(mail, kKept, 10, console.notice("next"));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("next"));
+}
+
+TEST(Outbox, AReceiverThatTakesNothingForTheStallLimitCountsAsGone) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox::Limits limits = quick();
+  limits.stall = std::chrono::milliseconds(20);
+  Outbox outbox(limits);
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  EXPECT_TRUE(waitFor([&] { return outbox.gone(mail); }));
+}
+
+TEST(Outbox, WaitForRoomWaitsUntilTheReceiverTakesAgain) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox outbox(quick());
+  const auto mail = box();
+  for (int i = 0; i < 30; ++i) {
+    outbox.post(mail, kKept, 100, console.notice(std::to_string(i)));
+  }
+  std::atomic<bool> room{false};
+  std::thread waiter([&] {
+    outbox.waitForRoom(mail, never);
+    room = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return console.tries() > 3; }));
+  EXPECT_FALSE(room);
+  console.answer(lunet::kOk);
+  EXPECT_TRUE(waitFor([&] { return room.load(); }));
+  waiter.join();
+}
+
+TEST(Outbox, WaitForRoomEndsWhenCancelled) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 5000, console.notice("x"));
+  outbox.waitForRoom(mail, [] { return true; });
+}
+
+TEST(Outbox, WaitForRoomEndsWhenTheReceiverIsGone) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 5000, console.notice("x"));
+  std::thread waiter([&] { outbox.waitForRoom(mail, never); });
+  console.answer(lunet::kErrNotSame);
+  waiter.join();
+  EXPECT_TRUE(outbox.gone(mail));
+}
+
+TEST(Outbox, WhenEmptyRunsBehindTheLastNotice) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  outbox.post(mail, kKept, 10, console.notice("2"));
+  std::promise<std::size_t> taken;
+  outbox.whenEmpty(mail, [&] { taken.set_value(console.taken().size()); });
+  EXPECT_EQ(2U, taken.get_future().get());
+}
+
+TEST(Outbox, WhenEmptyRunsAlsoForAReceiverThatIsGone) {
+  Receiver console;
+  console.answer(lunet::kErrNoTarget);
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  std::promise<void> done;
+  outbox.whenEmpty(mail, [&] { done.set_value(); });
+  EXPECT_EQ(std::future_status::ready, done.get_future().wait_for(std::chrono::seconds(10)));
+}
+
+TEST(Outbox, EndsWhileAReceiverStalls) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox outbox(quick());
+  outbox.post(box(), kKept, 10, console.notice("1"));
+  EXPECT_FALSE(outbox.drain(std::chrono::milliseconds(5)));
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,311 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "json/CppJson.h"
+#include "platform/Descriptor.h"
+#include "support/TempDir.h"
+#include "task/FileFilter.h"
+#include "task/Places.h"
+#include "task/ScanPlan.h"
+
+namespace agent {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Handling = ScanPlan::Handling;
+
+class FixedSettings : public Settings {
+ public:
+  FixedSettings() {
+    CppJson::LoadJsonString(
+        R"({"Common":{"FixMethod":2,"HandleAction":2,"ScanFileType":1,"SkipSize":0,"Parallelism":0,
+            "ScanWithCache":true,"MemCheck":false,"FixMethod_MemRisk":0,"NetworkmapScan":false},
+            "Compressed":{"Flag":true,"Layer":16,"FileSize":1024,"Format":["zip","gz"]}})",
+        scan);
+    CppJson::LoadJsonString(R"({"MultiEngines":{"HCengine":true,"UMBengine":true}})", engines);
+  }
+  std::optional<Json::Value> document(int configType) const override {
+    return configType == 0 ? scan : configType == 4 ? std::optional(engines) : std::nullopt;
+  }
+  bool change(int, const std::string&, std::string*) override { return false; }
+  std::uint64_t generation() const override { return 0; }
+  Json::Value scan, engines;
+};
+
+class PlanTest : public ::testing::Test {
+ protected:
+  PlanTest() {
+    CppJson::LoadJsonString(
+        R"({"follow_link":false,"max_scan_sec":0,"uid":0,"custom_stop":true,"items":["/some/path"],"force_scan":false,
+            "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
+            "expire_time":0,"scan_type":2})",
+        params);
+  }
+  ScanPlan plan() {
+    std::string why;
+    const std::optional<ScanPlan> result = makePlan(params, settings, &why);
+    EXPECT_TRUE(result) << why;
+    return result.value_or(ScanPlan{});
+  }
+  std::string refusal() {
+    std::string why;
+    EXPECT_FALSE(makePlan(params, settings, &why));
+    return why;
+  }
+  FixedSettings settings;
+  Json::Value params;
+};
+
+TEST_F(PlanTest, TheConsolesCustomRequestIsReportOnlyForFixMethodTwo) {
+  const ScanPlan made = plan();
+  EXPECT_EQ(ScanPlan::kCustom, made.mode);
+  EXPECT_THAT(made.items, ElementsAre("/some/path"));
+  EXPECT_EQ(2, made.fixMethod);
+  EXPECT_EQ(Handling::kNothing, made.handling);
+  EXPECT_FALSE(made.options.heuristics);
+}
+
+TEST_F(PlanTest, FixMethodZeroHandlesAsTheSettingsSay) {
+  params["fix_method"] = 0;
+  EXPECT_EQ(Handling::kQuarantine, plan().handling);
+  settings.scan["Common"]["HandleAction"] = 1;
+  EXPECT_EQ(Handling::kDelete, plan().handling);
+  settings.scan["Common"]["HandleAction"] = 0;
+  EXPECT_EQ(Handling::kClean, plan().handling);
+  settings.scan["Common"]["HandleAction"] = 3;
+  EXPECT_EQ(Handling::kNothing, plan().handling);
+}
+
+TEST_F(PlanTest, ARequestedHandlingActionComesBeforeTheSettings) {
+  params["fix_method"] = 0;
+  params["handle_action"] = 1;
+  EXPECT_EQ(Handling::kDelete, plan().handling);
+}
+
+TEST_F(PlanTest, WithoutAFixMethodTheSettingDecidesAndItsDefaultReportsOnly) {
+  params.removeMember("fix_method");
+  EXPECT_EQ(Handling::kNothing, plan().handling);
+  settings.scan["Common"]["FixMethod"] = 0;
+  EXPECT_EQ(Handling::kQuarantine, plan().handling);
+  settings.scan["Common"]["FixMethod"] = 1;
+  EXPECT_EQ(Handling::kNothing, plan().handling);
+}
+
+struct TypeRow {
+  int type;
+  ScanPlan::Mode mode;
+  bool strong;
+};
+class ScanTypes : public PlanTest, public ::testing::WithParamInterface<TypeRow> {};
+TEST_P(ScanTypes, IsAModeAndThreeMoreWithStrongScan) {
+  params["scan_type"] = GetParam().type;
+  const ScanPlan made = plan();
+  EXPECT_EQ(GetParam().mode, made.mode);
+  EXPECT_EQ(GetParam().strong, made.options.heuristics);
+  EXPECT_EQ(GetParam().type, made.scanType);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ScanTypes,
+    ::testing::Values(TypeRow{0, ScanPlan::kFast, false}, TypeRow{1, ScanPlan::kFull, false},
+                      TypeRow{2, ScanPlan::kCustom, false}, TypeRow{3, ScanPlan::kFast, true},
+                      TypeRow{4, ScanPlan::kFull, true}, TypeRow{5, ScanPlan::kCustom, true}),
+    [](const auto& row) { return "Type" + std::to_string(row.param.type); });
+
+struct RefusalRow {
+  const char* name;
+  const char* change;
+  const char* why;
+};
+class Refusals : public PlanTest, public ::testing::WithParamInterface<RefusalRow> {};
+TEST_P(Refusals, IsRefusedWithItsReason) {
+  Json::Value change;
+  ASSERT_TRUE(CppJson::LoadJsonString(GetParam().change, change));
+  for (const std::string& key : change.getMemberNames()) {
+    params[key] = change[key];
+  }
+  EXPECT_THAT(refusal(), HasSubstr(GetParam().why));
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, Refusals,
+    ::testing::Values(RefusalRow{"ScanTypeSix", R"({"scan_type":6})", "scan type 6"},
+                      RefusalRow{"ScanTypeNegative", R"({"scan_type":-1})", "scan type -1"},
+                      RefusalRow{"FollowLink", R"({"follow_link":true})", "symbolic links"},
+                      RefusalRow{"FilterTypes", R"({"handle_filter_types":["x"]})", "risk type"},
+                      RefusalRow{"ExpiryTime", R"({"expire_time":5})", "expiry"},
+                      RefusalRow{"FixMethodSeven", R"({"fix_method":7})", "handling method 7"},
+                      RefusalRow{"HandleActionNine", R"({"handle_action":9})", "handling action 9"},
+                      RefusalRow{"ProcFixMethodTwo", R"({"proc_fix_method":2})", "processes 2"},
+                      RefusalRow{"ParallelismTooHigh", R"({"parallelism":65})", "parallelism"},
+                      RefusalRow{"NegativeLimit", R"({"max_scan_sec":-1})", "time limit"},
+                      RefusalRow{"NoItems", R"({"items":[]})", "no path"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(PlanTest, ParametersThatAreNoObjectAreRefused) {
+  for (const char* text : {"[1]", "[null]", "[\"text\"]"}) {
+    Json::Value wrapped;
+    CppJson::LoadJsonString(text, wrapped);
+    params = wrapped[0];
+    EXPECT_THAT(refusal(), HasSubstr("no object"));
+  }
+}
+
+TEST_F(PlanTest, PathBytesThatAreNoUtf8ComeBackFromTheWire) {
+  params["items"][0] = json::encodePath("/x/\xff\x80y");
+  EXPECT_THAT(plan().items, ElementsAre("/x/\xff\x80y"));
+}
+
+TEST_F(PlanTest, EachSettingChangesThePlan) {
+  Json::Value& common = settings.scan["Common"];
+  Json::Value& compressed = settings.scan["Compressed"];
+  common["ScanFileType"] = 2;
+  common["SkipSize"] = 7;
+  common["Parallelism"] = 5;
+  common["ScanWithCache"] = false;
+  common["MemCheck"] = true;
+  compressed["Flag"] = false;
+  compressed["Layer"] = 3;
+  compressed["FileSize"] = 2;
+  settings.engines["MultiEngines"]["HCengine"] = false;
+  const ScanPlan made = plan();
+  EXPECT_TRUE(made.programsOnly);
+  EXPECT_EQ(7U << 20, made.skipBytes);
+  EXPECT_EQ(5U, made.parallelism);
+  EXPECT_FALSE(made.useCache);
+  EXPECT_FALSE(made.readCache);
+  EXPECT_TRUE(made.memoryCheck);
+  EXPECT_FALSE(made.options.archives);
+  EXPECT_EQ(3U, made.options.maxLayers);
+  EXPECT_EQ(2U << 20, made.options.maxArchiveBytes);
+  EXPECT_THAT(made.options.archiveFormats, ElementsAre("zip", "gz"));
+  EXPECT_EQ(0U, made.options.enabledEngines & (1U << json::kEngineHc));
+  EXPECT_NE(0U, made.options.enabledEngines & (1U << json::kEngineUmb));
+  EXPECT_NE(0U, made.options.enabledEngines & (1U << json::kEngineRejectList));
+}
+
+TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {
+  const std::string key = plan().cacheKey;
+  settings.scan["Common"]["SkipSize"] = 9;
+  EXPECT_EQ(key, plan().cacheKey);
+  settings.scan["Compressed"]["Layer"] = 2;
+  const std::string layered = plan().cacheKey;
+  EXPECT_NE(key, layered);
+  settings.engines["MultiEngines"]["UMBengine"] = false;
+  EXPECT_NE(layered, plan().cacheKey);
+  params["scan_type"] = 5;
+  EXPECT_NE(layered, plan().cacheKey);
+}
+
+TEST_F(PlanTest, AForcedScanWritesTheCacheAndDoesNotReadIt) {
+  params["force_scan"] = true;
+  EXPECT_TRUE(plan().useCache);
+  EXPECT_FALSE(plan().readCache);
+}
+
+TEST_F(PlanTest, ProcessesAreEndedOnlyByAScanThatHandles) {
+  settings.scan["Common"]["FixMethod_MemRisk"] = 1;
+  EXPECT_FALSE(plan().endProcesses);
+  params["fix_method"] = 0;
+  EXPECT_TRUE(plan().endProcesses);
+  settings.scan["Common"]["FixMethod_MemRisk"] = 0;
+  EXPECT_FALSE(plan().endProcesses);
+}
+
+TEST_F(PlanTest, NetworkFileSystemsAreForCustomScansUnlessSet) {
+  EXPECT_TRUE(plan().networkFileSystems);
+  params["scan_type"] = 1;
+  EXPECT_FALSE(plan().networkFileSystems);
+  settings.scan["Common"]["NetworkmapScan"] = true;
+  EXPECT_TRUE(plan().networkFileSystems);
+}
+
+/// A file of a kind; whether a scan of programs and documents takes it.
+struct KindRow {
+  const char* name;
+  const char* file;
+  const char* content;
+  mode_t mode;
+  bool scanned;
+};
+class ProgramsAndDocuments : public ::testing::TestWithParam<KindRow> {};
+TEST_P(ProgramsAndDocuments, AreScannedAndTheRestIsLeftOut) {
+  const testsupport::TempDir dir;
+  const std::string path = dir.write(GetParam().file, GetParam().content);
+  ASSERT_EQ(0, chmod(path.c_str(), GetParam().mode));
+  const platform::Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  ASSERT_EQ(0, fstat(fd.get(), &status));
+  ScanPlan plan;
+  plan.options.archiveFormats = {"zip"};
+  EXPECT_EQ("", whyLeftOut(plan, path, fd.get(), status));
+  plan.programsOnly = true;
+  EXPECT_EQ(GetParam().scanned, whyLeftOut(plan, path, fd.get(), status).empty());
+  EXPECT_EQ(0, lseek(fd.get(), 0, SEEK_CUR));
+}
+INSTANTIATE_TEST_SUITE_P(Kinds, ProgramsAndDocuments,
+                         ::testing::Values(KindRow{"Elf", "x.dat",
+                                                   "\x7f"
+                                                   "ELF...",
+                                                   0600, true},
+                                           KindRow{"Script", "x", "#!/bin/sh\n", 0600, true},
+                                           KindRow{"WindowsProgram", "x.jpg", "MZ...", 0600, true},
+                                           KindRow{"Executable", "x.txt", "text", 0700, true},
+                                           KindRow{"Document", "x.PDF", "text", 0600, true},
+                                           KindRow{"Archive", "x.zip", "PK", 0600, true},
+                                           KindRow{"Text", "x.txt", "text", 0600, false},
+                                           KindRow{"Picture", "x.jpg", "\xff\xd8\xff", 0600, false},
+                                           KindRow{"Empty", "x.log", "", 0600, false}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
+  ScanPlan plan;
+  plan.skipBytes = 1 << 20;
+  struct stat status {};
+  status.st_size = 1 << 20;
+  EXPECT_EQ("", whyLeftOut(plan, "/x", -1, status));
+  status.st_size += 1;
+  EXPECT_THAT(whyLeftOut(plan, "/x", -1, status), HasSubstr("1 MB"));
+}
+
+TEST(Stages, AFastScanTellsEveryStageInOrder) {
+  const std::vector<Stage> stages = stagesOf(ScanPlan::kFast, true, {"/root"});
+  ASSERT_EQ(5U, stages.size());
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(2 * i, stages[static_cast<std::size_t>(i)].begin);
+    EXPECT_EQ(2 * i + 1, stages[static_cast<std::size_t>(i)].end);
+    EXPECT_EQ(i == 2, stages[static_cast<std::size_t>(i)].runningPrograms);
+  }
+}
+
+TEST(Stages, WithoutMemoryCheckTheStageOfRunningProgramsIsLeftOut) {
+  for (const Stage& stage : stagesOf(ScanPlan::kFast, false, {})) {
+    EXPECT_FALSE(stage.runningPrograms);
+    EXPECT_NE(4, stage.begin);
+  }
+}
+
+TEST(Stages, AFullScanEndsWithTheWholeDisk) {
+  EXPECT_THAT(stagesOf(ScanPlan::kFull, true, {}).back().paths, ElementsAre("/"));
+}
+
+TEST(Stages, ACustomScanHasNone) {
+  EXPECT_TRUE(stagesOf(ScanPlan::kCustom, true, {}).empty());
+}
+
+TEST(Stages, OnlyPlacesThatExistAreNamed) {
+  const testsupport::TempDir home;
+  home.write(".bashrc", "x");
+  bool found = false;
+  for (const Stage& stage : stagesOf(ScanPlan::kFast, true, {home.path()})) {
+    for (const std::string& path : stage.paths) {
+      EXPECT_EQ(0, access(path.c_str(), F_OK)) << path;
+      found = found || path == home.at(".bashrc");
+    }
+  }
+  EXPECT_TRUE(found);
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,112 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "support/Process.h"
+#include "support/TempDir.h"
+#include "support/Wait.h"
+#include "task/RunningPrograms.h"
+
+namespace agent {
+namespace {
+
+using ::testing::HasSubstr;
+using testsupport::waitFor;
+
+class RunningProgramsTest : public ::testing::Test {
+ protected:
+  RunningProgramsTest() {
+    // The name in /proc/<pid>/stat may hold anything, parentheses and blanks too.
+    program = dir.at("a) b (c");
+    std::filesystem::copy_file("/bin/sleep", program);
+    process.emplace(std::vector<std::string>{program, "60"});
+    EXPECT_TRUE(waitFor([this] { return !find().empty(); }));
+  }
+  FileIdentity identity() const {
+    struct stat status {};
+    EXPECT_EQ(0, stat(program.c_str(), &status));
+    return FileIdentity::of(status);
+  }
+  std::vector<RunningProgram> find() const {
+    RunningPrograms programs;
+    return programs.running(identity());
+  }
+  testsupport::TempDir dir;
+  std::string program;
+  std::optional<testsupport::Process> process;
+};
+
+TEST_F(RunningProgramsTest, AProcessIsFoundByTheFileItRuns) {
+  const std::vector<RunningProgram> found = find();
+  ASSERT_EQ(1U, found.size());
+  EXPECT_EQ(process->pid(), found[0].pid);
+  EXPECT_EQ(program, found[0].path);
+  EXPECT_EQ("a) b (c", found[0].name);
+  EXPECT_EQ(getuid(), found[0].uid);
+  EXPECT_EQ(processStartTicks(process->pid()), found[0].startTicks);
+  EXPECT_TRUE(found[0].onDisk);
+}
+
+TEST_F(RunningProgramsTest, AProgramThatWasDeletedIsStillFound) {
+  const FileIdentity file = identity();
+  std::filesystem::remove(program);
+  RunningPrograms programs;
+  const std::vector<RunningProgram> found = programs.running(file);
+  ASSERT_EQ(1U, found.size());
+  EXPECT_FALSE(found[0].onDisk);
+  EXPECT_THAT(found[0].path, HasSubstr("(deleted)"));
+}
+
+TEST_F(RunningProgramsTest, AProcessIsEnded) {
+  EXPECT_TRUE(endProcess(find().at(0)).ok);
+  EXPECT_EQ(128 + SIGKILL, process->wait());
+}
+
+TEST_F(RunningProgramsTest, AnIdThatIsAnotherProcessByNowIsLeftAlone) {
+  RunningProgram stale = find().at(0);
+  stale.startTicks -= 1;
+  EXPECT_FALSE(endProcess(stale).ok);
+  stale = find().at(0);
+  stale.inode += 1;
+  EXPECT_FALSE(endProcess(stale).ok);
+  EXPECT_TRUE(process->running());
+}
+
+TEST_F(RunningProgramsTest, AProcessThatHadEndedCountsAsEnded) {
+  const RunningProgram gone = find().at(0);
+  process->kill(SIGKILL);
+  process->wait();
+  EXPECT_TRUE(endProcess(gone).ok);
+}
+
+TEST(EndProcess, TheFirstProcessTheAgentAndItsParentsAreSpared) {
+  for (const pid_t pid : {pid_t{1}, getpid(), getppid()}) {
+    RunningProgram program;
+    program.pid = pid;
+    const Result result = endProcess(program);
+    EXPECT_FALSE(result.ok);
+    EXPECT_THAT(result.detail, HasSubstr("process " + std::to_string(pid)));
+  }
+}
+
+TEST(EndProcess, AProcessThatRunsTheAgentsOwnProgramIsSpared) {
+  struct stat own {};
+  ASSERT_EQ(0, stat("/proc/self/exe", &own));
+  RunningProgram program;
+  program.pid = 999999;
+  program.device = own.st_dev;
+  program.inode = own.st_ino;
+  EXPECT_THAT(endProcess(program).detail, HasSubstr("own program"));
+}
+
+TEST(UserName, IsTheNameOrTheNumber) {
+  EXPECT_EQ("root", userName(0));
+  EXPECT_EQ("60999", userName(60999));
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,152 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "json/CppJson.h"
+#include "json/ScanRecords.h"
+#include "task/Counters.h"
+#include "task/RiskRecords.h"
+
+namespace agent {
+namespace {
+
+using ::testing::HasSubstr;
+
+FileRisk sampleRisk() {
+  FileRisk risk;
+  risk.path =
+      "/some/bad\xff"
+      "file";
+  risk.status.st_size = 123;
+  risk.status.st_mtim.tv_sec = 1000;
+  risk.createdSec = 900;
+  risk.verdict.outcome = Outcome::kInfected;
+  risk.verdict.detections = {{"First.Name", 3, 1, "测试"}, {"Second.Name", 0, 0, "病毒"}};
+  risk.verdict.md5 = "m";
+  risk.verdict.sha1 = "s";
+  risk.riskId = "id";
+  risk.foundSec = 2000;
+  return risk;
+}
+
+TEST(RiskRecords, AFileRiskCarriesEveryMemberOfItsRecord) {
+  const Json::Value info = riskInfo(sampleRisk());
+  Json::Value empty;
+  JsonReflect::VirusInfo().ToValue(empty);
+  EXPECT_EQ(empty.getMemberNames(), info.getMemberNames());
+  EXPECT_EQ(json::encodePath("/some/bad\xff"
+                             "file"),
+            info["item"].asString());
+  EXPECT_EQ(info["item"], info["filepath_src"]);
+  EXPECT_EQ("First.Name", info["risk_name"].asString());
+  EXPECT_EQ(3, info["engine_mark"].asInt());
+  EXPECT_EQ(123, info["filesize_src"].asInt());
+  EXPECT_EQ("m", info["filemd5_src"].asString());
+  EXPECT_EQ("s", info["filesha1_src"].asString());
+  EXPECT_EQ(900, info["file_create_time"].asInt());
+  EXPECT_EQ(1000, info["file_modify_time"].asInt());
+  EXPECT_EQ(2000, info["find_time"].asInt());
+  EXPECT_EQ("测试", info["risk_type_name"].asString());
+  EXPECT_EQ(1, info["risk_type"].asInt());
+  EXPECT_EQ(0, info["finder"].asInt());
+  EXPECT_EQ("id", info["risk_id"].asString());
+  EXPECT_THAT(info["desc"].asString(), HasSubstr("Second.Name"));
+}
+
+TEST(RiskRecords, TheSizeOfAFileOfThreeGigabytesIsNotLost) {
+  FileRisk risk = sampleRisk();
+  risk.status.st_size = 3LL << 30;
+  EXPECT_EQ(3LL << 30, riskInfo(risk)["filesize_src"].asInt64());
+  const Json::Value process = processRiskInfo({}, risk, "p");
+  EXPECT_EQ(3LL << 30, process["process_info"]["file_risks"][0]["filesize_src"].asInt64());
+}
+
+TEST(RiskRecords, AProcessRiskNamesTheProcessItsProgramAndWhatWasFoundInIt) {
+  RunningProgram program;
+  program.pid = 42;
+  program.uid = getuid();
+  program.name = "evil";
+  program.path =
+      "/some/bad\xff"
+      "file";
+  const Json::Value info = processRiskInfo(program, sampleRisk(), "risk");
+  JsonReflect::MemoryRiskInfo record;
+  ASSERT_TRUE(record.FromValue(info));
+  EXPECT_EQ("risk", record.risk_id);
+  EXPECT_EQ(json::encodePath(program.path), record.process_info.exec_file_name);
+  EXPECT_EQ("evil", record.process_info.proc_name);
+  EXPECT_EQ(42, record.process_info.pid);
+  EXPECT_TRUE(record.process_info.exec_file_exist);
+  EXPECT_EQ(userName(getuid()), record.process_info.user_name);
+  ASSERT_EQ(1U, record.process_info.proc_risks.size());
+  EXPECT_EQ("First.Name", record.process_info.proc_risks[0].risk_name);
+  EXPECT_EQ(42, record.process_info.proc_risks[0].pid);
+  ASSERT_EQ(1U, record.process_info.file_risks.size());
+  EXPECT_EQ("m", record.process_info.file_risks[0].filemd5_src);
+}
+
+struct ResultRow {
+  const char* name;
+  HandleResult result;
+  int number;
+  const char* text;
+};
+class HandleResults : public ::testing::TestWithParam<ResultRow> {};
+TEST_P(HandleResults, HasItsNumberAndItsText) {
+  const Json::Value result = repairResult(GetParam().result, "", 77);
+  EXPECT_EQ(GetParam().number, result["handle_result"].asInt());
+  EXPECT_EQ(GetParam().text, result["handle_detail"].asString());
+  EXPECT_EQ(77, result["handle_time"].asInt());
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, HandleResults,
+    ::testing::Values(ResultRow{"Quarantined", HandleResult::kQuarantined, 1, "已隔离"},
+                      ResultRow{"ProcessEnded", HandleResult::kProcessEnded, 2, "已终止进程"},
+                      ResultRow{"ReportedOnly", HandleResult::kReportedOnly, 3, "仅上报"},
+                      ResultRow{"Failed", HandleResult::kFailed, 4, "处理失败"},
+                      ResultRow{"Trusted", HandleResult::kTrusted, 6, "已信任"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(RiskRecords, AReasonIsOneVisibleLine) {
+  EXPECT_EQ("处理失败: no \\x1b[31mspace\\n",
+            repairResult(HandleResult::kFailed, "no \x1b[31mspace\n", 0)["handle_detail"].asString());
+}
+
+TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
+  Counters counters;
+  for (int i = 0; i < 10; ++i) {
+    counters.met("/f" + std::to_string(i));
+  }
+  counters.clean();
+  counters.clean();
+  counters.clean();
+  counters.infected();
+  counters.infected();
+  counters.failed();
+  counters.skipped();
+  counters.skipped();
+  counters.trusted();
+  counters.fixed();
+  counters.leftAlone();
+  const JsonReflect::ScanBusOverView view = counters.overview("token");
+  EXPECT_EQ(10, view.total_item_count);
+  EXPECT_EQ(5, view.checked_item_count);
+  EXPECT_EQ(2, view.checkout_risk_count);
+  EXPECT_EQ(1, view.failed_item_count);
+  EXPECT_EQ(1, view.trusted_risk_count);
+  EXPECT_EQ(1, view.fixed_risk_count);
+  EXPECT_EQ(1, view.ignore_risk_count);
+  EXPECT_EQ(2, view.disposed_risk_count);
+  EXPECT_EQ("/f9", view.cur_item);
+  EXPECT_EQ("token", view.token_id);
+  EXPECT_EQ(1, counters.underWay());
+}
+
+TEST(Counters, TheCurrentItemTravelsInItsWireForm) {
+  Counters counters;
+  counters.met("/\xff");
+  EXPECT_EQ(json::encodePath("/\xff"), counters.overview("").cur_item);
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,112 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <future>
+#include <thread>
+
+#include "platform/Descriptor.h"
+#include "support/TempDir.h"
+#include "task/CallerRights.h"
+
+namespace agent {
+namespace {
+
+constexpr uid_t kUser = 60123;
+constexpr gid_t kGroup = 60124;
+constexpr gid_t kOtherGroup = 60125;
+
+bool readable(const std::string& path) {
+  return static_cast<bool>(platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+}
+
+class CallerRightsTest : public ::testing::Test {
+ protected:
+  CallerRightsTest() {
+    chmod(dir.path().c_str(), 0755);
+    priv = file("private", 0600, 0, 0);
+    own = file("own", 0600, kUser, 0);
+    byGroup = file("group", 0640, 0, kGroup);
+    byOther = file("supplementary", 0640, 0, kOtherGroup);
+  }
+  std::string file(const char* name, mode_t mode, uid_t uid, gid_t gid) {
+    const std::string path = dir.write(name, "x");
+    EXPECT_EQ(0, chown(path.c_str(), uid, gid));
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+  testsupport::TempDir dir;
+  std::string priv, own, byGroup, byOther;
+  const CallerId caller{kUser, kGroup, {kOtherGroup}, getpid()};
+};
+
+TEST_F(CallerRightsTest, WhatTheCallerCannotOpenTheThreadCannotOpen) {
+  const CallerRights rights(caller);
+  EXPECT_EQ("", rights.error());
+  EXPECT_TRUE(rights.reduced());
+  EXPECT_FALSE(readable(priv));
+  EXPECT_TRUE(readable(own));
+  EXPECT_TRUE(readable(byGroup));
+  EXPECT_TRUE(readable(byOther));
+}
+
+TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsRightsAgain) {
+  { const CallerRights rights(caller); }
+  EXPECT_TRUE(readable(priv));
+  EXPECT_EQ(0, setfsuid(static_cast<uid_t>(-1)));
+}
+
+TEST_F(CallerRightsTest, OtherThreadsKeepTheAgentsRights) {
+  std::promise<void> go;
+  std::promise<bool> could;
+  std::thread early([&, ready = go.get_future()] {
+    ready.wait();
+    could.set_value(readable(priv));
+  });
+  const CallerRights rights(caller);
+  go.set_value();
+  EXPECT_TRUE(could.get_future().get());
+  early.join();
+}
+
+TEST_F(CallerRightsTest, SuspendedTheThreadHasTheAgentsRightsForAWhile) {
+  const CallerRights rights(caller);
+  ASSERT_FALSE(readable(priv));
+  {
+    const CallerRights::Suspended agents(&rights);
+    EXPECT_TRUE(readable(priv));
+    dir.write("written", "x");
+    struct stat status {};
+    ASSERT_EQ(0, stat(dir.at("written").c_str(), &status));
+    EXPECT_EQ(0U, status.st_uid);
+    EXPECT_EQ(getegid(), status.st_gid);
+  }
+  EXPECT_FALSE(readable(priv));
+}
+
+TEST_F(CallerRightsTest, ForRootNothingIsChanged) {
+  const CallerRights rights(CallerId{0, 0, {}, getpid()});
+  EXPECT_FALSE(rights.reduced());
+  EXPECT_TRUE(readable(priv));
+}
+
+TEST_F(CallerRightsTest, AnAgentThatIsNotRootRefusesToActForAnotherUser) {
+  std::string error;
+  bool reduced = true;
+  std::thread([&] {
+    // Of this thread alone, as the rights are; the process's other threads stay root.
+    if (syscall(SYS_setresuid, kUser + 1, kUser + 1, kUser + 1) == 0) {
+      const CallerRights rights(caller);
+      error = rights.error();
+      reduced = rights.reduced();
+    }
+  }).join();
+  EXPECT_NE(std::string::npos, error.find("does not run as root"));
+  EXPECT_FALSE(reduced);
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,302 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <map>
+
+#include "support/TempDir.h"
+#include "task/FileSystems.h"
+#include "task/Walker.h"
+
+namespace agent {
+namespace {
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
+
+/// Writes down what a walk meets.
+class Recorder final : public WalkSink {
+ public:
+  void file(MetFile met) override {
+    files.push_back(met.path);
+    sizes[met.path] = met.status.st_size;
+    char text[64] = {};
+    const ssize_t count = read(met.fd.get(), text, sizeof text - 1);
+    contents[met.path] = std::string(text, count > 0 ? static_cast<std::size_t>(count) : 0);
+    writable[met.path] = met.folderWritable;
+    if (onFile) {
+      onFile(met.path);
+    }
+  }
+  void skipped(const std::string& path, const std::string& reason) override { skips[path] = reason; }
+  void failed(const std::string& path, const std::string& reason) override { failures[path] = reason; }
+  bool keepGoing() override { return allowed-- > 0; }
+  void advanced(double share) override {
+    EXPECT_GE(share, 0);
+    progress += share;
+  }
+
+  std::vector<std::string> files;
+  std::map<std::string, off_t> sizes;
+  std::map<std::string, std::string> contents, skips, failures;
+  std::map<std::string, bool> writable;
+  std::function<void(const std::string&)> onFile;
+  long allowed = 1'000'000;
+  double progress = 0;
+};
+
+class WalkerTest : public ::testing::Test {
+ protected:
+  /// The error of opening the path; else what the walk meets is in `met`.
+  std::string walk(const std::string& path, Walker::Options options = {}) {
+    Walker walker(std::move(options), met);
+    std::string error;
+    Walker::Named named = Walker::open(path, &error);
+    if (error.empty()) {
+      walker.walk(std::move(named), 1.0);
+    }
+    return error;
+  }
+
+  testsupport::TempDir dir;
+  Recorder met;
+};
+
+TEST_F(WalkerTest, EveryFileOfATreeIsMetOnceAndOpen) {
+  dir.write("a", "one");
+  dir.write("b/c", "two");
+  dir.write("b/d/e/f", "three");
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("a"), dir.at("b/c"), dir.at("b/d/e/f")));
+  EXPECT_EQ("three", met.contents[dir.at("b/d/e/f")]);
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, ASingleFileIsMetUnderTheNameThatWasGiven) {
+  const std::string path = dir.write("one", "content");
+  EXPECT_EQ("", walk(path));
+  EXPECT_THAT(met.files, UnorderedElementsAre(path));
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, ALinkThatWasNamedIsResolved) {
+  dir.write("real/file", "x");
+  ASSERT_EQ(0, symlink("real", dir.at("link").c_str()));
+  EXPECT_EQ("", walk(dir.at("link")));
+  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("link/file")));
+}
+
+TEST_F(WalkerTest, LinksBelowTheNamedPathAreSkippedAndNotFollowed) {
+  dir.write("outside/file", "x");
+  dir.write("tree/own", "x");
+  ASSERT_EQ(0, symlink("../outside", dir.at("tree/folder").c_str()));
+  ASSERT_EQ(0, symlink("../outside/file", dir.at("tree/file").c_str()));
+  EXPECT_EQ("", walk(dir.at("tree")));
+  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("tree/own")));
+  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/folder")]);
+  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/file")]);
+}
+
+TEST_F(WalkerTest, FifosSocketsAndDevicesAreSkippedWithoutBeingOpened) {
+  ASSERT_EQ(0, mkfifo(dir.at("fifo").c_str(), 0600));
+  const platform::Descriptor server(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  dir.at("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(0, bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  ASSERT_EQ(0, mknod(dir.at("device").c_str(), S_IFCHR | 0600, makedev(1, 3)));
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_EQ("fifo", met.skips[dir.at("fifo")]);
+  EXPECT_EQ("socket", met.skips[dir.at("socket")]);
+  EXPECT_EQ("character device", met.skips[dir.at("device")]);
+  EXPECT_TRUE(met.files.empty());
+}
+
+TEST_F(WalkerTest, ANamedFifoIsSkippedAndNotWaitedFor) {
+  ASSERT_EQ(0, mkfifo(dir.at("fifo").c_str(), 0600));
+  EXPECT_EQ("", walk(dir.at("fifo")));
+  EXPECT_EQ("fifo", met.skips[dir.at("fifo")]);
+}
+
+TEST_F(WalkerTest, NamesThatAreNoUtf8AreMetByteForByte) {
+  const std::string name = "bad\xff\xfe\x80name\n\x1b[31m";
+  const std::string path = dir.write(name, "x");
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_THAT(met.files, UnorderedElementsAre(path));
+}
+
+TEST_F(WalkerTest, AMissingPathIsAnErrorWithItsReason) {
+  EXPECT_THAT(walk(dir.at("absent")), HasSubstr("No such file"));
+}
+
+TEST_F(WalkerTest, ARelativePathIsRefused) {
+  EXPECT_THAT(walk("tmp"), HasSubstr("absolute"));
+}
+
+TEST_F(WalkerTest, TheSizeOfAFileOfThreeGigabytesIsWhole) {
+  const std::string path = dir.write("large", "");
+  ASSERT_EQ(0, truncate(path.c_str(), 3LL << 30));
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_EQ(3LL << 30, met.sizes[path]);
+}
+
+TEST_F(WalkerTest, APseudoFileSystemIsSkippedWithItsName) {
+  EXPECT_EQ("", walk("/proc"));
+  EXPECT_THAT(met.skips["/proc"], HasSubstr("proc"));
+  EXPECT_EQ("", walk("/sys/kernel"));
+  EXPECT_THAT(met.skips["/sys/kernel"], HasSubstr("sysfs"));
+  EXPECT_TRUE(met.files.empty());
+}
+
+TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredFromAbove) {
+  dir.write("state/secret", "x");
+  dir.write("other", "x");
+  EXPECT_EQ("", walk(dir.path(), {{dir.at("state")}, true, 100}));
+  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("other")));
+  EXPECT_THAT(met.skips[dir.at("state")], HasSubstr("agent"));
+}
+
+TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredByName) {
+  dir.write("state/deep/secret", "x");
+  ASSERT_EQ(0, symlink("state/deep", dir.at("link").c_str()));
+  EXPECT_EQ("", walk(dir.at("link"), {{dir.at("state")}, true, 100}));
+  EXPECT_EQ("", walk(dir.at("state/deep/secret"), {{dir.at("state")}, true, 100}));
+  EXPECT_TRUE(met.files.empty());
+}
+
+TEST_F(WalkerTest, ATreeDeeperThanTheOpenFoldersIsWalkedToItsEnds) {
+  std::string path = dir.path();
+  int levels = 300;
+  platform::Descriptor at(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; i < levels; ++i) {
+    ASSERT_EQ(0, mkdirat(at.get(), "deeper", 0700));
+    ASSERT_EQ(0, mkdirat(at.get(), "beside", 0700));
+    const platform::Descriptor beside(openat(at.get(), "beside", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const platform::Descriptor file(openat(beside.get(), "f", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    ASSERT_TRUE(file);
+    at = platform::Descriptor(openat(at.get(), "deeper", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_EQ(static_cast<std::size_t>(levels), met.files.size());
+  EXPECT_TRUE(met.failures.empty());
+  EXPECT_NEAR(1.0, met.progress, 1e-6);
+}
+
+TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
+  std::string deep = "top";
+  for (int i = 0; i < 80; ++i) {
+    deep += "/d";
+    std::filesystem::create_directories(dir.at(deep + "/z"));
+  }
+  dir.write(deep + "/last", "x");
+  std::filesystem::create_directories(dir.at("elsewhere"));
+  const std::string middle = dir.at("top/d/d/d");
+  bool moved = false;
+  met.onFile = [&](const std::string&) {
+    std::filesystem::rename(middle, dir.at("elsewhere/d"));
+    moved = true;
+  };
+  EXPECT_EQ("", walk(dir.at("top")));
+  ASSERT_TRUE(moved);
+  for (const auto& [path, reason] : met.failures) {
+    EXPECT_THAT(reason, HasSubstr("moved"));
+  }
+  for (const std::string& file : met.files) {
+    EXPECT_EQ(0U, file.rfind(dir.at("top"), 0));
+  }
+}
+
+TEST_F(WalkerTest, AFolderMetTwiceIsScannedOnce) {
+  dir.write("a/file", "x");
+  Walker walker({}, met);
+  std::string error;
+  walker.walk(Walker::open(dir.at("a"), &error), 0.5);
+  walker.walk(Walker::open(dir.path(), &error), 0.5);
+  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("a/file")));
+  EXPECT_THAT(met.skips[dir.at("a")], HasSubstr("before"));
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, AWalkThatIsToldToEndEndsAtTheNextEntry) {
+  for (int i = 0; i < 100; ++i) {
+    dir.write("f" + std::to_string(i), "x");
+  }
+  met.allowed = 11;  // the named folder, and ten entries
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_EQ(10U, met.files.size());
+}
+
+TEST_F(WalkerTest, ALargeFolderIsReadInBatchesWithoutLosingAnEntry) {
+  const platform::Descriptor folder(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; i < 250; ++i) {
+    const platform::Descriptor file(
+        openat(folder.get(), std::to_string(i).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    ASSERT_TRUE(file);
+  }
+  EXPECT_EQ("", walk(dir.path(), {{}, true, 100}));
+  EXPECT_EQ(250U, met.files.size());
+  EXPECT_NEAR(1.0, met.progress, 1e-6);
+}
+
+TEST_F(WalkerTest, ScanningLeavesTheAccessTimeAlone) {
+  const std::string path = dir.write("file", "content");
+  const timespec times[2] = {{1000, 0}, {2000, 0}};
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
+  EXPECT_EQ("", walk(dir.path()));
+  struct stat status {};
+  ASSERT_EQ(0, stat(path.c_str(), &status));
+  EXPECT_EQ(1000, status.st_atim.tv_sec);
+}
+
+TEST_F(WalkerTest, AnotherMountIsEntered) {
+  struct stat root {};
+  struct stat shm {};
+  ASSERT_EQ(0, stat("/", &root));
+  ASSERT_EQ(0, stat("/dev/shm", &shm));
+  ASSERT_NE(root.st_dev, shm.st_dev);
+  char pattern[] = "/dev/shm/tavtest-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(pattern));
+  const std::string file = std::string(pattern) + "/file";
+  close(open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+  EXPECT_EQ("", walk("/dev"));
+  std::filesystem::remove_all(pattern);
+  EXPECT_THAT(met.files, Contains(file));
+  EXPECT_THAT(met.skips["/dev/pts"], HasSubstr("devpts"));
+}
+
+struct MagicRow {
+  const char* name;
+  unsigned long magic;
+  FileSystemKind kind;
+};
+class FileSystemTable : public ::testing::TestWithParam<MagicRow> {};
+
+TEST_P(FileSystemTable, IsKnownByItsMagicNumber) {
+  const FileSystem system = fileSystemByMagic(GetParam().magic);
+  EXPECT_EQ(GetParam().kind, system.kind);
+  EXPECT_STREQ(GetParam().kind == FileSystemKind::kOrdinary ? "" : GetParam().name, system.name);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, FileSystemTable,
+                         ::testing::Values(MagicRow{"proc", 0x9fa0, FileSystemKind::kPseudo},
+                                           MagicRow{"sysfs", 0x62656572, FileSystemKind::kPseudo},
+                                           MagicRow{"cgroup2", 0x63677270, FileSystemKind::kPseudo},
+                                           MagicRow{"debugfs", 0x64626720, FileSystemKind::kPseudo},
+                                           MagicRow{"devpts", 0x1cd1, FileSystemKind::kPseudo},
+                                           MagicRow{"nfs", 0x6969, FileSystemKind::kNetwork},
+                                           MagicRow{"cifs", 0xff534d42, FileSystemKind::kNetwork},
+                                           MagicRow{"ext4", 0xef53, FileSystemKind::kOrdinary},
+                                           MagicRow{"tmpfs", 0x01021994, FileSystemKind::kOrdinary}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace agent
