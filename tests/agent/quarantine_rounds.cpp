@@ -1,0 +1,276 @@
+// quarantine_rounds: rounds of kill -9 at random moments while files are being quarantined.
+//
+//   quarantine_rounds [--rounds N] [--files N] [--threads N] [--seed N] [--folder PATH]
+//
+// Each round a child process opens the store and quarantines the files; it is killed at a random moment. Then
+// the store is opened again, and every original must be in place or in the quarantine, never both and never
+// neither; all are restored and must be what they were: content (SHA-256), owner, mode and times. Ends with 0
+// when all rounds went well. Needs no other program.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "json/CppJson.h"
+#include "store/Digest.h"
+#include "store/Posix.h"
+#include "store/Store.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using namespace agent;
+
+struct Options {
+  unsigned rounds = 3, files = 40, threads = 2;
+  unsigned long seed = std::random_device()();
+  std::string folder;  ///< of the state and the files; empty: a private one
+};
+
+/// What must be the same after each round.
+struct Original {
+  std::string path, sha256;
+  mode_t mode = 0;
+  uid_t uid = 0;
+  std::int64_t modifyNs = 0;
+  friend bool operator==(const Original&, const Original&) = default;
+};
+
+Original look(const std::string& path) {
+  Original file;
+  file.path = path;
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) == 0) {
+    const std::string content = testsupport::readFile(path);
+    store::Digest digest(store::Digest::Kind::kSha256);
+    digest.add(content.data(), content.size());
+    file.sha256 = digest.hex();
+    file.mode = st.st_mode;
+    file.uid = st.st_uid;
+    file.modifyNs = FileIdentity::of(st).modifyTimeNs;
+  }
+  return file;
+}
+
+std::vector<Original> makeFiles(const std::string& folder, unsigned count, std::mt19937_64& random) {
+  std::vector<Original> originals;
+  for (unsigned i = 0; i < count; ++i) {
+    const std::string place = folder + "/d" + std::to_string(i % 7);
+    std::filesystem::create_directories(place);
+    const std::string path = place + "/file" + std::to_string(i);
+    std::string content(random() % 60'000, '\0');
+    std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random()); });
+    const store::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    if (!fd || store::writeAll(fd.get(), content) != 0 || ::fchmod(fd.get(), i % 2 == 0 ? 0755 : 0640) != 0) {
+      std::perror(path.c_str());
+      std::exit(2);
+    }
+    originals.push_back(look(path));
+  }
+  return originals;
+}
+
+/// The killed one's work: all files, by several threads, over and over until it is killed or done.
+void quarantineAll(const std::string& state, const std::vector<Original>& originals, unsigned threads) {
+  const auto store = Store::open(state);
+  std::atomic<std::size_t> next{0};
+  const auto work = [&] {
+    for (std::size_t i = next++; i < originals.size(); i = next++) {
+      struct stat st {};
+      if (::lstat(originals[i].path.c_str(), &st) != 0) {
+        continue;
+      }
+      QuarantineRequest request;
+      request.path = originals[i].path;
+      request.identity = FileIdentity::of(st);
+      request.detection.name = "Rounds.Test";
+      store->quarantine().add(request);
+    }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned i = 0; i < threads; ++i) {
+    workers.emplace_back(work);
+  }
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+}
+
+/// Starts what quarantines the files, and is to be killed.
+pid_t startInChild(const std::string& state, const std::vector<Original>& originals, unsigned threads) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    quarantineAll(state, originals, threads);
+    ::_exit(0);
+  }
+  return child;
+}
+
+class Rounds {
+ public:
+  Rounds(const Options& options, const std::string& folder)
+      : options_(options),
+        random_(options.seed),
+        state_(folder + "/state"),
+        originals_(makeFiles(folder + "/files", options.files, random_)) {}
+
+  int run() {
+    for (unsigned round = 1; round <= options_.rounds; ++round) {
+      const pid_t child = startInChild(state_, originals_, options_.threads);
+      const bool killed = killAtRandomMoment(child);
+      const std::size_t quarantined = settleAndCount();
+      restoreAll();
+      checkAll();
+      std::printf("round %u: %s, %zu in quarantine, %zu in place%s\n", round, killed ? "killed" : "ended",
+                  quarantined, originals_.size() - quarantined, failures_ == 0 ? "" : ", FAILED");
+      if (failures_ > 0) {
+        return 1;
+      }
+    }
+    std::printf("%u rounds, %zu files: nothing lost; killed while at work in %u\n", options_.rounds,
+                originals_.size(), killedAtWork_);
+    return 0;
+  }
+
+ private:
+  /// The moment is drawn from the time that a whole run took so far, so that kills fall all over it.
+  bool killAtRandomMoment(pid_t child) {
+    const auto start = std::chrono::steady_clock::now();
+    const auto wait =
+        std::chrono::microseconds(random_() % static_cast<std::uint64_t>(wholeRun_.count() + 1));
+    int status = 0;
+    while (std::chrono::steady_clock::now() - start < wait) {
+      if (::waitpid(child, &status, WNOHANG) == child) {
+        wholeRun_ = since(start);
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+    const bool killed = WIFSIGNALED(status);
+    killedAtWork_ += killed ? 1U : 0U;
+    // Killed with the work nearly untouched: the machine is slower than thought.
+    wholeRun_ = killed ? wholeRun_ + wholeRun_ / 50 : since(start);
+    return killed;
+  }
+
+  static std::chrono::microseconds since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+  }
+
+  std::size_t settleAndCount() {
+    store_ = Store::open(state_);
+    std::multiset<std::string> quarantined;
+    for (const Json::Value& item : store_->quarantine().list(std::nullopt)) {
+      quarantined.insert(json::decodePath(item["filepath_src"].asString()));
+    }
+    for (const Original& original : originals_) {
+      const std::size_t places =
+          quarantined.count(original.path) + (std::filesystem::exists(original.path) ? 1U : 0U);
+      if (places != 1) {
+        fail(original.path, "is in " + std::to_string(places) + " places");
+      }
+    }
+    return quarantined.size();
+  }
+
+  void restoreAll() {
+    const CallerId root{.uid = ::geteuid(), .gid = ::getegid(), .groups = {}, .pid = ::getpid()};
+    for (const auto& outcome : store_->quarantine().restore({}, true, false, "", root)) {
+      if (!outcome.result.ok) {
+        fail(outcome.uuid, outcome.result.detail);
+      }
+    }
+    if (!store_->quarantine().list(std::nullopt).empty()) {
+      fail("the quarantine", "is not empty after all was restored");
+    }
+    store_.reset();
+  }
+
+  void checkAll() {
+    for (const Original& original : originals_) {
+      if (!(look(original.path) == original)) {
+        fail(original.path, "is not what it was");
+      }
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(state_ + "/quarantine")) {
+      fail(entry.path(), "is left over");
+    }
+    std::size_t found = 0;
+    const auto folder = std::filesystem::path(originals_.front().path).parent_path().parent_path();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+      found += entry.is_directory() ? 0U : 1U;
+    }
+    if (found != originals_.size()) {
+      fail(folder, "holds " + std::to_string(found) + " files, not " + std::to_string(originals_.size()));
+    }
+  }
+
+  void fail(const std::string& what, const std::string& why) {
+    std::fprintf(stderr, "%s %s (seed %lu)\n", what.c_str(), why.c_str(), options_.seed);
+    ++failures_;
+  }
+
+  const Options options_;
+  std::mt19937_64 random_;
+  const std::string state_;
+  const std::vector<Original> originals_;
+  std::unique_ptr<Store> store_;
+  std::chrono::microseconds wholeRun_{500'000};
+  unsigned killedAtWork_ = 0, failures_ = 0;
+};
+
+bool readOptions(int argc, char** argv, Options* options) {
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string name = argv[i];
+    const unsigned long number = std::strtoul(argv[i + 1], nullptr, 10);
+    if (name == "--rounds" && number > 0) {
+      options->rounds = static_cast<unsigned>(number);
+    } else if (name == "--files" && number > 0) {
+      options->files = static_cast<unsigned>(number);
+    } else if (name == "--threads" && number > 0) {
+      options->threads = static_cast<unsigned>(number);
+    } else if (name == "--seed") {
+      options->seed = number;
+    } else if (name == "--folder") {
+      options->folder = argv[i + 1];
+    } else {
+      return false;
+    }
+  }
+  return argc % 2 == 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  Options options;
+  if (!readOptions(argc, argv, &options)) {
+    std::fprintf(stderr, "usage: %s [--rounds N] [--files N] [--threads N] [--seed N] [--folder PATH]\n",
+                 argv[0]);
+    return 2;
+  }
+  std::printf("seed %lu\n", options.seed);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  const testsupport::TempDir own;
+  return Rounds(options, options.folder.empty() ? own.path() : options.folder).run();
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 2;
+}

@@ -1,0 +1,441 @@
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <fstream>
+#include <thread>
+
+#include "store/Digest.h"
+#include "store/ItemFile.h"
+#include "store/Posix.h"
+#include "store_quarantine_fixture.h"
+
+namespace agent {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+std::string md5Of(const std::string& content) {
+  store::Digest digest(store::Digest::Kind::kMd5);
+  digest.add(content.data(), content.size());
+  return digest.hex();
+}
+
+class AddTest : public QuarantineTest {
+ protected:
+  /// Not handled, for that reason, and nothing is left in the store.
+  void expectRefused(const Result& result, const std::string& why) {
+    EXPECT_FALSE(result.ok);
+    EXPECT_THAT(result.detail, HasSubstr(why));
+    EXPECT_EQ(result.detail.find('\n'), std::string::npos);
+    EXPECT_THAT(items(), IsEmpty());
+    EXPECT_THAT(vaultFiles(), IsEmpty());
+  }
+};
+
+TEST_F(AddTest, AFileGoesInAndIsListedWithAllFieldsOfItsRecord) {
+  const std::string path = writeRich("a.bin");
+  const std::string content = testsupport::readFile(path);
+  const std::int64_t start = store::nowSec();
+  EXPECT_EQ(add(path).detail, "");
+  EXPECT_FALSE(std::filesystem::exists(path));
+  ASSERT_EQ(items().size(), 1U);
+  const Json::Value item = items()[0];
+  EXPECT_EQ(item["filemd5_repaired"], "");
+  EXPECT_EQ(item["uid"], 1234);
+  EXPECT_EQ(item["gid"], 5678);
+  EXPECT_EQ(item["mode"], 06751);
+  EXPECT_EQ(item["filetype_src"], "bin");
+  EXPECT_EQ(item["filemd5_src"], md5Of(content));
+  EXPECT_EQ(item["filepath_src"], path);
+  EXPECT_EQ(item["size"], Json::Int64(content.size()));
+  EXPECT_EQ(item["virus_name"], "Test.Detection");
+  EXPECT_EQ(item["engine_type"], 3);
+  EXPECT_EQ(item["risk_type"], 1);
+  EXPECT_EQ(item["risk_type_name"], "测试");
+  EXPECT_EQ(item["uuid"].asString().size(), 36U);
+  EXPECT_GE(item["isolate_time"].asInt64(), start);
+  EXPECT_LE(item["isolate_time"].asInt64(), store::nowSec());
+  EXPECT_EQ(item.size(), 14U);
+}
+
+TEST_F(AddTest, ItemsAreListedOldestFirstAndOverARestart) {
+  for (const char* name : {"c", "a", "b"}) {
+    take(write(name));
+  }
+  reopen();
+  ASSERT_EQ(items().size(), 3U);
+  EXPECT_EQ(items()[0]["filepath_src"], at("c"));
+  EXPECT_EQ(items()[2]["filepath_src"], at("b"));
+}
+
+TEST_F(AddTest, OneOwnersItemsAreListedForHim) {
+  const std::string path = write("his");
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+  take(path);
+  take(write("roots"));
+  EXPECT_EQ(store().quarantine().list(kOther).size(), 1U);
+  EXPECT_EQ(store().quarantine().list(kOther)[0]["filepath_src"], path);
+  EXPECT_EQ(store().quarantine().list(4711).size(), 0U);
+}
+
+TEST_F(AddTest, TheStoreHoldsNoPlainContentAndOnlyItsUserCanReadIt) {
+  const std::string secret = "X5-a-text-that-would-be-found-X5";
+  take(write("plain", secret));
+  EXPECT_EQ(std::filesystem::status(stateDir() + "/quarantine").permissions(), std::filesystem::perms(0700));
+  ASSERT_EQ(vaultFiles().size(), 1U);
+  const std::string file = stateDir() + "/quarantine/" + vaultFiles()[0];
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
+  const std::string stored = testsupport::readFile(file);
+  EXPECT_EQ(stored.find(secret), std::string::npos);
+  EXPECT_EQ(stored.find("plain"), std::string::npos);
+  EXPECT_TRUE(stored.starts_with("TAVQITM1"));
+}
+
+TEST_F(AddTest, ContentIsStoredCompressed) {
+  take(write("zeros", std::string(5 << 20, '\0')));
+  EXPECT_LT(std::filesystem::file_size(stateDir() + "/quarantine/" + vaultFiles()[0]), 100'000U);
+}
+
+TEST_F(AddTest, AnEmptyFileGoesInAndComesBack) {
+  const std::string path = write("empty", "");
+  const FileFacts before = FileFacts::of(path);
+  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(AddTest, AFileOfSeveralMegabytesGoesInAndComesBack) {
+  std::string content(7'000'001, '\0');
+  std::uint32_t state = 12345;
+  for (char& c : content) {
+    state = state * 1664525 + 1013904223;
+    c = static_cast<char>(state >> 24);
+  }
+  const std::string path = write("large", content);
+  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_EQ(testsupport::readFile(path), content);
+}
+
+TEST_F(AddTest, ANameOfAnyBytesGoesInIsListedAndComesBack) {
+  const std::string name = "a\xff\n\x1b[2J\xe6\x96\x87 'x";
+  const std::string path = write(name, "content");
+  const std::string uuid = take(path);
+  EXPECT_EQ(uuid, items()[0]["uuid"].asString());
+  EXPECT_EQ(json::decodePath(items()[0]["filepath_src"].asString()), path);
+  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_EQ(testsupport::readFile(path), "content");
+}
+
+TEST_F(AddTest, ADescriptorIsEnoughAndStaysTheCallers) {
+  const std::string path = write("by-descriptor", "content");
+  QuarantineRequest request = requestFor(path);
+  const store::UniqueFd fd(::open(path.c_str(), O_RDONLY));
+  char byte = 0;
+  ASSERT_EQ(::read(fd.get(), &byte, 1), 1);
+  request.fd = fd.get();
+  EXPECT_TRUE(store().quarantine().add(request).ok);
+  EXPECT_EQ(::lseek(fd.get(), 0, SEEK_CUR), 1);
+  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_EQ(testsupport::readFile(path), "content");
+}
+
+TEST_F(AddTest, AFileWithAnotherNameGoesInAndTheOtherNameIsSaidToRemain) {
+  const std::string path = write("one");
+  std::filesystem::create_hard_link(path, at("two"));
+  const Result result = add(path);
+  EXPECT_TRUE(result.ok);
+  EXPECT_EQ(result.detail, "the same file still stands under 1 other name(s)");
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_TRUE(std::filesystem::exists(at("two")));
+}
+
+TEST_F(AddTest, TheOtherNameGoesInTooWhenTheHashProvesTheContent) {
+  const std::string path = write("one", "content");
+  std::filesystem::create_hard_link(path, at("two"));
+  QuarantineRequest second = requestFor(at("two"));
+  add(path);
+  EXPECT_EQ(store().quarantine().add(second).detail, "it was changed after it was scanned");
+  second.md5 = md5Of("content");
+  EXPECT_TRUE(store().quarantine().add(second).ok);
+  EXPECT_EQ(items().size(), 2U);
+}
+
+TEST_F(AddTest, AFileThatIsGoneIsNotHandled) {
+  const std::string path = write("gone");
+  const QuarantineRequest request = requestFor(path);
+  std::filesystem::remove(path);
+  expectRefused(store().quarantine().add(request), "no longer there");
+}
+
+TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotHandled) {
+  const std::string path = write("gone");
+  QuarantineRequest request = requestFor(path);
+  const store::UniqueFd fd(::open(path.c_str(), O_RDONLY));
+  request.fd = fd.get();
+  std::filesystem::remove(path);
+  struct stat st {};
+  ASSERT_EQ(::fstat(fd.get(), &st), 0);
+  request.identity = FileIdentity::of(st);
+  expectRefused(store().quarantine().add(request), "no longer there");
+}
+
+TEST_F(AddTest, AFileThatWasChangedAfterItsScanIsNotHandled) {
+  const std::string path = write("changed", "scanned");
+  const QuarantineRequest request = requestFor(path);
+  std::ofstream(path, std::ios::app) << "!";
+  expectRefused(store().quarantine().add(request), "changed after it was scanned");
+  EXPECT_EQ(testsupport::readFile(path), "scanned!");
+}
+
+TEST_F(AddTest, AFileWhoseHashIsAnotherThanScannedIsNotHandled) {
+  const std::string path = write("changed", "scanned");
+  QuarantineRequest request = requestFor(path);
+  request.md5 = md5Of("something else");
+  expectRefused(store().quarantine().add(request), "changed after it was scanned");
+  EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(AddTest, WhatIsNoRegularFileIsNotHandledNorTouched) {
+  ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(::mkdir(at("folder").c_str(), 0700), 0);
+  ASSERT_EQ(::symlink(write("target").c_str(), at("link").c_str()), 0);
+  for (const char* name : {"pipe", "folder", "link"}) {
+    struct stat st {};
+    ASSERT_EQ(::lstat(at(name).c_str(), &st), 0);
+    QuarantineRequest request;
+    request.path = at(name);
+    request.identity = FileIdentity::of(st);
+    expectRefused(store().quarantine().add(request), "not a regular file");
+  }
+  EXPECT_EQ(testsupport::readFile(at("target")), "a file that was detected");
+}
+
+TEST_F(AddTest, AFileThatCannotBeRemovedStaysAndIsNotHandled) {
+  const std::string path = write("kept");
+  const int status = inChild([&] {
+    // Another user, without rights in the folder, as the agent's user.
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    ASSERT_EQ(::setresuid(kOther, kOther, kOther), 0);
+    testsupport::TempDir own;
+    const auto mine = Store::open(own.at("state"));
+    const Result result = mine->quarantine().add(requestFor(path));
+    EXPECT_FALSE(result.ok);
+    EXPECT_THAT(result.detail, HasSubstr("cannot remove it: Permission denied"));
+    EXPECT_THAT(mine->quarantine().list(std::nullopt), IsEmpty());
+    EXPECT_THAT(namesIn(own.at("state/quarantine")), IsEmpty());
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(AddTest, AFileOnAReadOnlyFileSystemIsNotHandled) {
+  const std::string path = write("readonly");
+  const int status = inChild([&] {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(::mount(at("").c_str(), at("").c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount("none", at("").c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    expectRefused(add(path), "read-only file system");
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(AddTest, AFileThatDoesNotFitOnTheDiskIsNotHandledAndStays) {
+  std::string content(3 << 20, '\0');
+  std::uint32_t state = 1;
+  for (char& c : content) {
+    state = state * 1664525 + 1013904223;
+    c = static_cast<char>(state >> 24);
+  }
+  const std::string path = write("large", content);
+  const std::string small = write("small");
+  store_.reset();
+  const int status = inChild([&] {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(::mount("none", stateDir().c_str(), "tmpfs", 0, "size=2m,mode=0700"), 0);
+    reopen();
+    expectRefused(add(path), "No space left on device");
+    EXPECT_TRUE(add(small).ok);
+    EXPECT_TRUE(restore(uuidOf(small)).ok);
+    store_.reset();
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(testsupport::readFile(path), content);
+  EXPECT_TRUE(std::filesystem::exists(small));
+}
+
+TEST_F(AddTest, SeveralThreadsTakeTheirFilesAndOneOfTwoTheSameFile) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < 12; ++i) {
+    paths.push_back(write("many" + std::to_string(i), "content " + std::to_string(i)));
+  }
+  std::vector<QuarantineRequest> requests;
+  for (const std::string& path : paths) {
+    requests.push_back(requestFor(path));
+  }
+  std::atomic<int> taken{0};
+  const auto work = [&] {
+    for (const QuarantineRequest& request : requests) {
+      taken += store().quarantine().add(request).ok ? 1 : 0;
+    }
+  };
+  std::thread first(work), second(work);
+  first.join();
+  second.join();
+  EXPECT_EQ(taken, 12);
+  EXPECT_EQ(items().size(), 12U);
+  EXPECT_EQ(vaultFiles().size(), 12U);
+  for (const auto& outcome : store().quarantine().restore({}, true, false, "", root())) {
+    EXPECT_TRUE(outcome.result.ok) << outcome.result.detail;
+  }
+  for (int i = 0; i < 12; ++i) {
+    EXPECT_EQ(testsupport::readFile(paths[static_cast<std::size_t>(i)]), "content " + std::to_string(i));
+  }
+}
+
+class LimitTest : public AddTest {
+ protected:
+  void set(const std::string& change) {
+    std::string why;
+    ASSERT_TRUE(store().settings().change(2, change, &why)) << why;
+  }
+  /// Makes the items look as large and as old as that.
+  void pretend(const char* values) {
+    store_.reset();
+    sql(values);
+    reopen();
+  }
+  std::vector<std::string> names() {
+    std::vector<std::string> found;
+    for (const Json::Value& item : items()) {
+      found.push_back(std::filesystem::path(item["filepath_src"].asString()).filename());
+    }
+    return found;
+  }
+};
+
+TEST_F(LimitTest, SizeLimitKeepsWhatWouldPassItOut) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  take(write("a"));
+  pretend("UPDATE items SET stored_bytes=1073741824-100");
+  const std::string path = write("b");
+  const Result result = add(path);
+  EXPECT_FALSE(result.ok);
+  EXPECT_THAT(result.detail, HasSubstr("quarantine is full"));
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_EQ(items().size(), 1U);
+  EXPECT_EQ(vaultFiles().size(), 1U);
+  set(R"({"Common":{"SizeLimit":2}})");
+  EXPECT_TRUE(add(path).ok);
+}
+
+TEST_F(LimitTest, SizeLimitZeroIsNoLimit) {
+  set(R"({"Common":{"SizeLimit":0}})");
+  take(write("a"));
+  pretend("UPDATE items SET stored_bytes=1125899906842624");
+  EXPECT_TRUE(add(write("b")).ok);
+}
+
+TEST_F(LimitTest, ARestoreMakesRoomAgain) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  const std::string uuid = take(write("a"));
+  pretend("UPDATE items SET stored_bytes=1073741824-100");
+  EXPECT_FALSE(add(write("b")).ok);
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(add(at("b")).ok);
+}
+
+TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenMoreThanNineTenthsAreUsed) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
+  take(write("old"));
+  take(write("young"));
+  pretend(
+      "UPDATE items SET stored_bytes=500000000;"
+      "UPDATE items SET isolate_time=isolate_time-31*86400 WHERE id=1;"
+      "UPDATE items SET isolate_time=isolate_time-29*86400 WHERE id=2;");
+  take(write("new"));
+  EXPECT_EQ(names(), (std::vector<std::string>{"young", "new"}));
+  EXPECT_EQ(vaultFiles().size(), 2U);
+  EXPECT_THAT(testsupport::readFile(stateDir() + "/audit.log"),
+              HasSubstr("agent action=\"clean quarantine\""));
+}
+
+TEST_F(LimitTest, NothingIsCleanedBelowNineTenths) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
+  take(write("old"));
+  pretend("UPDATE items SET stored_bytes=900000000,isolate_time=0");
+  take(write("new"));
+  EXPECT_EQ(items().size(), 2U);
+}
+
+TEST_F(LimitTest, NothingIsCleanedWhenCleaningIsOff) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":false,"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
+  take(write("old"));
+  pretend("UPDATE items SET stored_bytes=1000000000,isolate_time=0");
+  take(write("new"));
+  EXPECT_EQ(items().size(), 2U);
+}
+
+TEST_F(LimitTest, CleaningToARateDeletesTheOldestUntilThatMuchIsFree) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":50}})");
+  for (const char* name : {"first", "second", "third", "fourth"}) {
+    take(write(name));
+  }
+  pretend("UPDATE items SET stored_bytes=250000000,isolate_time=1000+id");
+  take(write("new"));
+  EXPECT_EQ(names(), (std::vector<std::string>{"third", "fourth", "new"}));
+}
+
+struct UnitCase {
+  const char* name;
+  int unit;
+  std::int64_t days;
+};
+class CleanUnitTest : public LimitTest, public testing::WithParamInterface<UnitCase> {};
+INSTANTIATE_TEST_SUITE_P(Units, CleanUnitTest,
+                         testing::Values(UnitCase{"Years", 0, 365}, UnitCase{"Months", 1, 30},
+                                         UnitCase{"Days", 2, 1}, UnitCase{"Weeks", 3, 7}),
+                         [](const auto& unit) { return unit.param.name; });
+
+TEST_P(CleanUnitTest, AgeIsCountedInTheUnitThatIsSet) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":2,"CleanUnit":)" +
+      std::to_string(GetParam().unit) + "}}");
+  take(write("older"));
+  take(write("younger"));
+  const std::string border = std::to_string(2 * GetParam().days * 86400);
+  pretend(("UPDATE items SET stored_bytes=500000000;"
+           "UPDATE items SET isolate_time=isolate_time-" +
+           border +
+           "-3600 WHERE id=1;"
+           "UPDATE items SET isolate_time=isolate_time-" +
+           border + "+3600 WHERE id=2;")
+              .c_str());
+  take(write("new"));
+  EXPECT_EQ(names(), (std::vector<std::string>{"younger", "new"}));
+}
+
+struct TypeCase {
+  const char* content;
+  const char* name;
+  const char* type;
+};
+class FileTypeTest : public testing::TestWithParam<TypeCase> {};
+INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
+                         testing::Values(TypeCase{"\x7f"
+                                                  "ELF\x02",
+                                                  "a", "ELF"},
+                                         TypeCase{"MZ\x90", "a.txt", "PE"},
+                                         TypeCase{"#!/bin/sh", "a", "script"},
+                                         TypeCase{"PK\x03\x04", "a", "zip"}, TypeCase{"%PDF-1", "a", "PDF"},
+                                         TypeCase{"", "a.doc", "doc"}, TypeCase{"text", ".profile", ""},
+                                         TypeCase{"text", "noending", ""}));
+
+TEST_P(FileTypeTest, IsToldByTheFirstBytesElseByTheEnding) {
+  EXPECT_EQ(store::fileTypeOf(GetParam().content, GetParam().name), GetParam().type);
+}
+
+}  // namespace
+}  // namespace agent

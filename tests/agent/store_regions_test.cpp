@@ -1,0 +1,418 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "store/Posix.h"
+#include "store_fixture.h"
+
+namespace agent {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr int kFile = 0, kFolder = 1, kExtension = 2, kMd5 = 3, kName = 4, kSha1 = 5, kSha256 = 6;
+constexpr int kTrust = 0, kReject = 1;
+constexpr const char* kSomeMd5 = "44d88612fea8a8f36de82e1278abb02f";
+constexpr const char* kSomeSha1 = "3395856ce81f2b7382dee72602f798b642f14140";
+constexpr const char* kSomeSha256 = "275a021bbfb6489e54d471899f7db9d1663fc695ec2fe2a2c4538aabf651fd0f";
+
+class RegionTest : public StoreTest {
+ protected:
+  Regions& regions() { return store().regions(); }
+  static Json::Value request(int action, int type, const std::vector<std::string>& items, int domain = 0) {
+    Json::Value value;
+    value["action"] = action;
+    value["type"] = type;
+    value["domain"] = domain;
+    value["is_all"] = false;
+    value["items"] = Json::Value(Json::arrayValue);
+    for (const std::string& item : items) {
+      value["items"].append(json::encodePath(item));
+    }
+    return value;
+  }
+  void accept(int region, const Json::Value& change) {
+    std::string why = "untouched";
+    EXPECT_TRUE(regions().change(region, change, root(), &why)) << why;
+    EXPECT_EQ(why, "");
+  }
+  std::string refusal(int region, const Json::Value& change) {
+    std::string why;
+    EXPECT_FALSE(regions().change(region, change, root(), &why)) << change.toStyledString();
+    EXPECT_FALSE(why.empty());
+    EXPECT_EQ(why.find('\n'), std::string::npos);
+    return why;
+  }
+  void add(int type, const std::string& item, int region = kTrust, int domain = 0) {
+    accept(region, request(0, type, {item}, domain));
+  }
+  void del(int type, const std::string& item, int region = kTrust, int domain = 0) {
+    accept(region, request(1, type, {item}, domain));
+  }
+  std::vector<std::string> listed(int type, int region = kTrust, int domain = 4) {
+    std::vector<std::string> items;
+    for (const Json::Value& entry : regions().list(domain, type, region)) {
+      items.push_back(json::decodePath(entry["item"].asString()));
+    }
+    return items;
+  }
+};
+
+using Items = std::vector<std::string>;
+
+TEST_F(RegionTest, AFileEntryTrustsThatPathOnly) {
+  add(kFile, "/a/b/c.txt");
+  EXPECT_EQ(regions().byPath("/a/b/c.txt"), RegionVerdict::kTrusted);
+  for (const char* path : {"/a/b/c.txt2", "/a/b", "/a/b/c.tx", "/x/a/b/c.txt", "/a/b/c.txt/d", "", "/"}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kNone) << path;
+  }
+}
+
+TEST_F(RegionTest, AFolderEntryTrustsTheFolderAndAllBelowIt) {
+  add(kFolder, "/a/b");
+  for (const char* path : {"/a/b", "/a/b/c", "/a/b/c/d/e.txt"}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kTrusted) << path;
+  }
+  for (const char* path : {"/a", "/a/bc", "/a/bc/d", "/x/a/b"}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kNone) << path;
+  }
+}
+
+TEST_F(RegionTest, AnExtensionEntryTrustsFilesOfThatEndingWhateverTheCase) {
+  add(kExtension, ".TXT");
+  add(kExtension, "tar.gz");
+  for (const char* path : {"/a/b.txt", "/a/b.Txt", "/a/x.y.txt", "/b.TAR.gz"}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kTrusted) << path;
+  }
+  for (const char* path : {"/a/txt", "/a/.txt", "/a/b.txt/c", "/a/b.txtx", "/a/b.gz", "/a/b."}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kNone) << path;
+  }
+}
+
+TEST_F(RegionTest, ANameEntryTrustsFilesOfThatNameAnywhere) {
+  add(kName, "setup.bin");
+  EXPECT_EQ(regions().byPath("/any/where/setup.bin"), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byPath("/any/setup.bin/where"), RegionVerdict::kNone);
+  EXPECT_EQ(regions().byPath("/any/Setup.bin"), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, Md5Sha1AndSha256EntriesTrustContent) {
+  Verdict md5, sha1, sha256;
+  md5.md5 = kSomeMd5;
+  sha1.sha1 = kSomeSha1;
+  sha256.sha256 = kSomeSha256;
+  add(kMd5, "44D88612FEA8A8F36DE82E1278ABB02F");
+  EXPECT_EQ(regions().byHash(md5), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byHash(sha1), RegionVerdict::kNone);
+  add(kSha1, kSomeSha1);
+  EXPECT_EQ(regions().byHash(sha1), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byHash(sha256), RegionVerdict::kNone);
+  add(kSha256, kSomeSha256);
+  EXPECT_EQ(regions().byHash(sha256), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byHash(Verdict()), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, HashesAreNeededAsLongAsAHashEntryExists) {
+  EXPECT_FALSE(regions().hashesNeeded());
+  add(kName, "x");
+  EXPECT_FALSE(regions().hashesNeeded());
+  for (const auto& [type, hash] : {std::pair{kMd5, kSomeMd5}, {kSha1, kSomeSha1}, {kSha256, kSomeSha256}}) {
+    add(type, hash, kReject);
+    EXPECT_TRUE(regions().hashesNeeded());
+    reopen();
+    EXPECT_TRUE(regions().hashesNeeded());
+    del(type, hash, kReject);
+    EXPECT_FALSE(regions().hashesNeeded());
+  }
+}
+
+TEST_F(RegionTest, TheRejectRegionRejectsAndIsStrongerThanTrust) {
+  add(kFile, "/a/b", kReject);
+  add(kName, "evil", kReject);
+  add(kMd5, kSomeMd5, kReject);
+  EXPECT_EQ(regions().byPath("/a/b"), RegionVerdict::kRejected);
+  EXPECT_EQ(regions().byPath("/x/evil"), RegionVerdict::kRejected);
+  add(kFolder, "/x");
+  add(kMd5, kSomeMd5);
+  EXPECT_EQ(regions().byPath("/x/evil"), RegionVerdict::kRejected);
+  EXPECT_EQ(regions().byPath("/x/good"), RegionVerdict::kTrusted);
+  Verdict md5;
+  md5.md5 = kSomeMd5;
+  EXPECT_EQ(regions().byHash(md5), RegionVerdict::kRejected);
+}
+
+TEST_F(RegionTest, EntriesHoldOverARestart) {
+  add(kFolder, "/a/b");
+  add(kName, "evil", kReject);
+  reopen();
+  EXPECT_EQ(regions().byPath("/a/b/c"), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byPath("/c/evil"), RegionVerdict::kRejected);
+  EXPECT_EQ(listed(kFolder), Items{"/a/b"});
+}
+
+TEST_F(RegionTest, AddingTwiceMakesNoDuplicate) {
+  add(kFile, "/a/b");
+  const std::string uuid = regions().list(4, kFile, kTrust)[0]["uuid"].asString();
+  add(kFile, "/a/b");
+  accept(kTrust, request(0, kFile, {"/a/b", "/a//b", "/a/b/"}));
+  EXPECT_EQ(listed(kFile), Items{"/a/b"});
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["uuid"], uuid);
+}
+
+TEST_F(RegionTest, DeletingTheAbsentIsDone) {
+  del(kFile, "/never/there");
+  add(kFile, "/a");
+  del(kFile, "/a");
+  del(kFile, "/a");
+  EXPECT_EQ(listed(kFile), Items{});
+  EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, RelativePathsAreRefusedWithAReason) {
+  for (const int type : {kFile, kFolder}) {
+    EXPECT_EQ(refusal(kTrust, request(0, type, {"tmp/x"})), "'tmp/x' is not an absolute path");
+    refusal(kTrust, request(0, type, {"./x"}));
+    refusal(kTrust, request(0, type, {""}));
+    refusal(kTrust, request(1, type, {"x"}));
+  }
+}
+
+TEST_F(RegionTest, TrailingSlashesDoubledSeparatorsAndDotsAreTakenOut) {
+  add(kFolder, "/a//b/");
+  add(kFolder, "/c/./d/../e///");
+  EXPECT_EQ(listed(kFolder), (Items{"/a/b", "/c/e"}));
+  EXPECT_EQ(regions().byPath("/a/b/x"), RegionVerdict::kTrusted);
+  del(kFolder, "/a/b//");
+  EXPECT_EQ(listed(kFolder), Items{"/c/e"});
+}
+
+TEST_F(RegionTest, ALookUpOfAPathThatIsNotNormalFindsTheSame) {
+  add(kFolder, "/a/b");
+  add(kFile, "/c/d");
+  for (const char* path :
+       {"/a//b/c", "/a/./b/c", "/a/x/../b/c", "//c/d", "/c/d/", "/c/e/../d", "/a/b/.", "/a/b/c/.."}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kTrusted) << path;
+  }
+  for (const char* path : {"/a/.b/c", "/a/..b/c", "/a/b/../c"}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kNone) << path;
+  }
+}
+
+TEST_F(RegionTest, TheRootFolderIsRefused) {
+  for (const char* path : {"/", "//", "/a/..", "/."}) {
+    EXPECT_EQ(refusal(kReject, request(0, kFolder, {path})), "'/' would take in everything");
+  }
+}
+
+struct BadItem {
+  const char* name;
+  int type;
+  const char* item;
+  const char* reason;
+};
+class BadItemTest : public RegionTest, public testing::WithParamInterface<BadItem> {};
+INSTANTIATE_TEST_SUITE_P(
+    Items, BadItemTest,
+    testing::Values(BadItem{"EmptyExtension", kExtension, ".", "is not a file extension"},
+                    BadItem{"ExtensionWithSlash", kExtension, "a/b", "is not a file extension"},
+                    BadItem{"ExtensionThatIsAPattern", kExtension, "*", "is not a file extension"},
+                    BadItem{"NameWithSlash", kName, "a/b", "is not a file name"},
+                    BadItem{"NameThatIsDots", kName, "..", "is not a file name"},
+                    BadItem{"EmptyName", kName, "", "is not a file name"},
+                    BadItem{"ShortMd5", kMd5, "abc", "is not a MD5 of 32 hexadecimal digits"},
+                    BadItem{"Md5WithOtherLetters", kMd5, "zzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzz", "is not a MD5"},
+                    BadItem{"Sha1OfAnMd5sLength", kSha1, kSomeMd5, "is not a SHA1 of 40"},
+                    BadItem{"Sha256OfASha1sLength", kSha256, kSomeSha1, "is not a SHA256 of 64"}),
+    [](const auto& bad) { return bad.param.name; });
+
+TEST_P(BadItemTest, IsRefusedWithTheReason) {
+  EXPECT_THAT(refusal(kTrust, request(0, GetParam().type, {GetParam().item})), HasSubstr(GetParam().reason));
+}
+
+TEST_F(RegionTest, OneBadItemRefusesTheWholeChange) {
+  refusal(kTrust, request(0, kFile, {"/good", "bad", "/good2"}));
+  EXPECT_EQ(listed(kFile), Items{});
+  EXPECT_EQ(regions().byPath("/good"), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, AChangeOfTheWrongFormIsRefused) {
+  const Json::Value good = request(0, kFile, {"/a"});
+  EXPECT_EQ(refusal(2, good), "there is no region 2");
+  EXPECT_EQ(refusal(-1, good), "there is no region -1");
+  for (const char* text : {"[]", "3", "null", "\"x\""}) {
+    EXPECT_EQ(refusal(kTrust, parsed(text)), "the change must be an object");
+  }
+  const std::vector<std::pair<const char*, const char*>> members = {
+      {"action", "2"},       {"action", "\"0\""},     {"action", "null"}, {"action", "0.5"},
+      {"type", "7"},         {"type", "-1"},          {"type", "null"},   {"domain", "2"},
+      {"domain", "4"},       {"domain", "null"},      {"is_all", "1"},    {"items", "null"},
+      {"items", "\"/a\""},   {"items", "[1]"},        {"items", "{}"},    {"is_all", "true"},
+      {"valid_until", "-1"}, {"valid_until", "\"x\""}};
+  for (const auto& [member, value] : members) {
+    Json::Value bad = good;
+    bad[member] = parsed("[" + std::string(value) + "]")[0];
+    refusal(kTrust, bad);
+  }
+  EXPECT_EQ(listed(kFile), Items{});
+}
+
+TEST_F(RegionTest, DeletingAllTakesEveryEntryOfTheTypeDomainAndRegion) {
+  add(kFile, "/a");
+  add(kFile, "/b");
+  add(kFile, "/b", kTrust, 1);
+  add(kFile, "/c", kReject);
+  add(kFolder, "/d");
+  Json::Value all = request(1, kFile, {});
+  all["is_all"] = true;
+  accept(kTrust, all);
+  EXPECT_EQ(listed(kFile), Items{"/b"});
+  EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kNone);
+  EXPECT_EQ(regions().byPath("/b"), RegionVerdict::kTrusted);
+  EXPECT_EQ(listed(kFile, kReject), Items{"/c"});
+  EXPECT_EQ(listed(kFolder), Items{"/d"});
+}
+
+TEST_F(RegionTest, PersonalAndGlobalEntriesStandSideBySide) {
+  add(kFile, "/a", kTrust, 0);
+  add(kFile, "/a", kTrust, 1);
+  EXPECT_EQ(regions().list(4, kFile, kTrust).size(), 2U);
+  EXPECT_EQ(regions().list(0, kFile, kTrust)[0]["domain"], 0);
+  EXPECT_EQ(regions().list(1, kFile, kTrust)[0]["domain"], 1);
+  del(kFile, "/a", kTrust, 0);
+  EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kTrusted);
+  del(kFile, "/a", kTrust, 1);
+  EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, EveryTypeIsListedByItselfAndUnknownOnesAreEmpty) {
+  const std::vector<std::string> items = {"/f", "/d", "ext", kSomeMd5, "name", kSomeSha1, kSomeSha256};
+  for (int region : {kTrust, kReject}) {
+    for (int type = 0; type < 7; ++type) {
+      add(type, items[static_cast<std::size_t>(type)], region);
+    }
+    for (int type = 0; type < 7; ++type) {
+      EXPECT_EQ(listed(type, region), Items{items[static_cast<std::size_t>(type)]});
+      EXPECT_EQ(regions().list(4, type, region)[0]["item_type"], type);
+    }
+  }
+  EXPECT_EQ(listed(7), Items{});
+  EXPECT_EQ(listed(-1), Items{});
+  EXPECT_EQ(listed(kFile, 2), Items{});
+  EXPECT_EQ(listed(kFile, kTrust, 3), Items{});
+}
+
+TEST_F(RegionTest, AnEntryIsListedWithAllFieldsOfItsRecord) {
+  const std::int64_t start = store::nowSec();
+  const std::string path = folder_.write("file", "abc");
+  add(kFile, path);
+  const Json::Value entry = regions().list(4, kFile, kTrust)[0];
+  EXPECT_EQ(entry.size(), 10U);
+  EXPECT_EQ(entry["valid_statue"], 1);
+  EXPECT_EQ(entry["domain"], 0);
+  EXPECT_EQ(entry["uuid"].asString().size(), 36U);
+  EXPECT_EQ(entry["item_type"], 0);
+  EXPECT_EQ(entry["exist_state"], 1);
+  EXPECT_EQ(entry["item"], path);
+  EXPECT_EQ(entry["file_size"], 3);
+  EXPECT_EQ(entry["md5"], "900150983cd24fb0d6963f7d28e17f72");
+  EXPECT_GE(entry["add_time"].asInt64(), start);
+  EXPECT_EQ(entry["modify_time"], entry["add_time"]);
+  std::filesystem::remove(path);
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["exist_state"], 0);
+}
+
+TEST_F(RegionTest, WhatIsNoRegularFileIsNotOpenedForItsSizeAndHash) {
+  ASSERT_EQ(::mkfifo(folder_.at("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink(folder_.write("secret", "abc").c_str(), folder_.at("link").c_str()), 0);
+  add(kFile, folder_.at("pipe"));
+  add(kFile, folder_.at("link"));
+  for (const Json::Value& entry : regions().list(4, kFile, kTrust)) {
+    EXPECT_EQ(entry["md5"], "");
+    EXPECT_EQ(entry["file_size"], 0);
+    EXPECT_EQ(entry["exist_state"], 1);
+  }
+}
+
+TEST_F(RegionTest, AnEntryHoldsUntilItsTimeIsOver) {
+  Json::Value change = request(0, kFile, {"/soon"});
+  change["valid_until"] = Json::Int64(store::nowSec() + 3600);
+  accept(kTrust, change);
+  change = request(0, kFile, {"/over"});
+  change["valid_until"] = Json::Int64(store::nowSec() - 1);
+  accept(kTrust, change);
+  EXPECT_EQ(regions().byPath("/soon"), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byPath("/over"), RegionVerdict::kNone);
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["valid_statue"], 0);
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[1]["valid_statue"], 2);
+  add(kFile, "/over");
+  EXPECT_EQ(regions().byPath("/over"), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[1]["valid_statue"], 1);
+}
+
+TEST_F(RegionTest, PathsOfAnyBytesAreKeptAsTheyAre) {
+  const std::string path = "/tmp/\xff\n\xe6\x96\x87\x80";
+  add(kFile, path);
+  EXPECT_EQ(listed(kFile), Items{path});
+  reopen();
+  EXPECT_EQ(regions().byPath(path), RegionVerdict::kTrusted);
+  EXPECT_THAT(refusal(kTrust, request(0, kFile, {"\x1b[2J\n"})), HasSubstr("'\\x1b[2J\\n'"));
+}
+
+TEST_F(RegionTest, TheGenerationChangesWithEveryChangeAndHoldsOverARestart) {
+  const auto first = regions().generation();
+  add(kFile, "/a");
+  const auto second = regions().generation();
+  EXPECT_NE(first, second);
+  del(kFile, "/a");
+  const auto third = regions().generation();
+  EXPECT_NE(second, third);
+  EXPECT_NE(first, third);
+  refusal(kTrust, request(0, kFile, {"x"}));
+  EXPECT_EQ(regions().generation(), third);
+  reopen();
+  EXPECT_EQ(regions().generation(), third);
+}
+
+TEST_F(RegionTest, AHundredThousandEntriesAreAddedListedLookedUpAndReadBack) {
+  Json::Value change = request(0, kFolder, {});
+  for (int i = 0; i < 100'000; ++i) {
+    change["items"].append("/srv/data/" + std::to_string(i));
+  }
+  accept(kTrust, change);
+  accept(kTrust, change);
+  EXPECT_EQ(regions().list(4, kFolder, kTrust).size(), 100'000U);
+  reopen();
+  for (int i = 0; i < 100'000; i += 7) {
+    ASSERT_EQ(regions().byPath("/srv/data/" + std::to_string(i) + "/x/y/z"), RegionVerdict::kTrusted);
+    ASSERT_EQ(regions().byPath("/srv/other/" + std::to_string(i) + "/x/y/z"), RegionVerdict::kNone);
+  }
+}
+
+TEST_F(RegionTest, LookUpsAndChangesFromSeveralThreadsAgree) {
+  add(kFolder, "/stays");
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 2; ++t) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        EXPECT_EQ(regions().byPath("/stays/x"), RegionVerdict::kTrusted);
+        regions().byPath("/comes/x");
+        regions().hashesNeeded();
+      }
+    });
+  }
+  for (int i = 0; i < 10; ++i) {
+    add(kFolder, "/comes");
+    del(kFolder, "/comes");
+  }
+  stop = true;
+  for (std::thread& reader : readers) {
+    reader.join();
+  }
+  EXPECT_EQ(listed(kFolder), Items{"/stays"});
+}
+
+}  // namespace
+}  // namespace agent

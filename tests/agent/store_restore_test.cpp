@@ -1,0 +1,340 @@
+#include <grp.h>
+#include <sys/xattr.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "store_quarantine_fixture.h"
+
+namespace agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class RestoreTest : public QuarantineTest {
+ protected:
+  /// A file of the second user, quarantined.
+  std::string takeHis(const std::string& name, unsigned mode = 0644) {
+    const std::string path = write(name, "his content");
+    EXPECT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+    EXPECT_EQ(::chmod(path.c_str(), mode), 0);
+    return take(path);
+  }
+  void giveFolderToHim(const std::string& name) {
+    std::filesystem::create_directories(at(name));
+    ASSERT_EQ(::chown(at(name).c_str(), kOther, kOther), 0);
+  }
+  void expectKept(const Result& result, const std::string& uuid, const std::string& why) {
+    EXPECT_FALSE(result.ok);
+    EXPECT_THAT(result.detail, HasSubstr(why));
+    ASSERT_EQ(items().size(), 1U);
+    EXPECT_EQ(items()[0]["uuid"], uuid);
+    EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
+  }
+};
+
+TEST_F(RestoreTest, ContentOwnerGroupModeTimesAndAttributesAreAsBefore) {
+  const std::string path = writeRich("rich");
+  const FileFacts before = FileFacts::of(path);
+  ASSERT_EQ(before.attributes.count("security.capability"), 1U);
+  const std::string uuid = take(path);
+  EXPECT_EQ(restore(uuid).detail, "");
+  EXPECT_EQ(FileFacts::of(path), before);
+  EXPECT_THAT(items(), IsEmpty());
+  EXPECT_THAT(vaultFiles(), IsEmpty());
+  EXPECT_THAT(namesIn(at("")), ElementsAre("rich"));
+}
+
+TEST_F(RestoreTest, ItComesBackAfterARestartOfTheAgent) {
+  const std::string path = writeRich("rich");
+  const FileFacts before = FileFacts::of(path);
+  const std::string uuid = take(path);
+  reopen();
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(RestoreTest, AnExistingFileIsNeverOverwritten) {
+  const std::string path = write("a", "old");
+  const std::string uuid = take(path);
+  write("a", "new");
+  expectKept(restore(uuid), uuid, "exists already");
+  EXPECT_EQ(testsupport::readFile(path), "new");
+}
+
+TEST_F(RestoreTest, AFileThatAppearsAtTheLastMomentIsNotOverwritten) {
+  const std::string path = write("a", "old");
+  const std::string uuid = take(path);
+  before("content sent", [&] { write("a", "new"); });
+  expectKept(restore(uuid), uuid, "exists already");
+  EXPECT_EQ(testsupport::readFile(path), "new");
+  EXPECT_THAT(namesIn(at("")), ElementsAre("a"));
+}
+
+TEST_F(RestoreTest, ALinkThatLeadsNowhereIsAnExistingFileToo) {
+  const std::string path = write("a", "old");
+  const std::string uuid = take(path);
+  ASSERT_EQ(::symlink(folder_.at("elsewhere").c_str(), path.c_str()), 0);
+  expectKept(restore(uuid), uuid, "exists already");
+  EXPECT_FALSE(std::filesystem::exists(folder_.at("elsewhere")));
+}
+
+TEST_F(RestoreTest, AnItemIsRestoredOnce) {
+  const std::string uuid = take(write("a"));
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_EQ(restore(uuid).detail, "there is no such item");
+}
+
+TEST_F(RestoreTest, AnUnknownUuidIsRefused) {
+  for (const char* uuid : {"", "x", "../../etc/passwd", "00000000-0000-0000-0000-000000000000"}) {
+    EXPECT_EQ(restore(uuid).detail, "there is no such item");
+  }
+}
+
+TEST_F(RestoreTest, AFolderThatIsGoneIsAClearRefusal) {
+  const std::string uuid = take(write("sub/a"));
+  std::filesystem::remove(at("sub"));
+  expectKept(restore(uuid), uuid, "the folder '" + at("sub") + "' is not there");
+}
+
+TEST_F(RestoreTest, AnotherFolderCanBeGiven) {
+  const std::string path = write("sub/a", "content");
+  const std::string uuid = take(path);
+  std::filesystem::create_directory(at("target"));
+  EXPECT_TRUE(restore(uuid, root(), at("/target//")).ok);
+  EXPECT_EQ(testsupport::readFile(at("target/a")), "content");
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(RestoreTest, AnotherFolderMustBeAbsolute) {
+  const std::string uuid = take(write("a"));
+  expectKept(restore(uuid, root(), "relative/folder"), uuid, "not an absolute path");
+}
+
+TEST_F(RestoreTest, TrustAddsThePathToTheTrustRegion) {
+  const std::string trusted = write("trusted"), other = write("other");
+  EXPECT_TRUE(restore(take(trusted), root(), "", true).ok);
+  EXPECT_TRUE(restore(take(other), root(), "", false).ok);
+  EXPECT_EQ(store().regions().byPath(trusted), RegionVerdict::kTrusted);
+  EXPECT_EQ(store().regions().byPath(other), RegionVerdict::kNone);
+  const Json::Value entries = store().regions().list(4, 0, 0);
+  ASSERT_EQ(entries.size(), 1U);
+  EXPECT_EQ(entries[0]["item"], trusted);
+  EXPECT_EQ(entries[0]["exist_state"], 1);
+}
+
+TEST_F(RestoreTest, TrustWithAnotherFolderTrustsThePathThere) {
+  const std::string path = write("a");
+  std::filesystem::create_directory(at("target"));
+  EXPECT_TRUE(restore(take(path), root(), at("target"), true).ok);
+  EXPECT_EQ(store().regions().byPath(at("target/a")), RegionVerdict::kTrusted);
+  EXPECT_EQ(store().regions().byPath(path), RegionVerdict::kNone);
+}
+
+TEST_F(RestoreTest, ARefusedRestoreTrustsNothing) {
+  const std::string path = write("a");
+  const std::string uuid = take(path);
+  write("a", "new");
+  EXPECT_FALSE(restore(uuid, root(), "", true).ok);
+  EXPECT_EQ(store().regions().byPath(path), RegionVerdict::kNone);
+}
+
+TEST_F(RestoreTest, AFileFoundThroughALinkedFolderGoesBackToItsRealOneAndIsTrustedByBothPaths) {
+  std::filesystem::create_directory(at("real"));
+  ASSERT_EQ(::symlink(at("real").c_str(), at("linked").c_str()), 0);
+  write("real/a", "content");
+  const std::string uuid = take(at("linked/a"));
+  EXPECT_FALSE(std::filesystem::exists(at("real/a")));
+  EXPECT_TRUE(restore(uuid, root(), "", true).ok);
+  EXPECT_EQ(testsupport::readFile(at("real/a")), "content");
+  EXPECT_EQ(store().regions().byPath(at("linked/a")), RegionVerdict::kTrusted);
+  EXPECT_EQ(store().regions().byPath(at("real/a")), RegionVerdict::kTrusted);
+}
+
+TEST_F(RestoreTest, AllRestoresEveryItemAndTellsOfEach) {
+  for (const char* name : {"a", "b", "c"}) {
+    take(write(name));
+  }
+  write("b", "in the way");
+  const auto outcomes = store().quarantine().restore({"ignored"}, true, false, "", root());
+  ASSERT_EQ(outcomes.size(), 3U);
+  EXPECT_TRUE(outcomes[0].result.ok);
+  EXPECT_FALSE(outcomes[1].result.ok);
+  EXPECT_TRUE(outcomes[2].result.ok);
+  EXPECT_EQ(items().size(), 1U);
+}
+
+class DamageTest : public RestoreTest, public testing::WithParamInterface<int> {};
+INSTANTIATE_TEST_SUITE_P(Places, DamageTest, testing::Range(0, 40));
+
+TEST_P(DamageTest, ACorruptedItemIsRefusedClearlyAndWritesNothing) {
+  const std::string uuid = take(write("a", "some content that is long enough to be in several places"));
+  const std::string file = stateDir() + "/quarantine/" + uuid + ".item";
+  std::string bytes = testsupport::readFile(file);
+  const std::size_t place = bytes.size() * static_cast<std::size_t>(GetParam()) / 40;
+  bytes[place] = static_cast<char>(bytes[place] ^ 0x55);
+  std::ofstream(file, std::ios::binary) << bytes;
+  expectKept(restore(uuid), uuid, "is damaged");
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+}
+
+TEST_F(RestoreTest, AnItemCutShortAnywhereIsRefusedClearly) {
+  const std::string uuid = take(write("a", std::string(3000, 'a') + "b"));
+  const std::string file = stateDir() + "/quarantine/" + uuid + ".item";
+  const std::string bytes = testsupport::readFile(file);
+  for (std::size_t size = 0; size < bytes.size(); size += 37) {
+    std::ofstream(file, std::ios::binary) << bytes.substr(0, size);
+    expectKept(restore(uuid), uuid, "is damaged");
+  }
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+  std::ofstream(file, std::ios::binary) << bytes;
+  EXPECT_TRUE(restore(uuid).ok);
+}
+
+TEST_F(RestoreTest, ADamagedRecordIsRefusedClearly) {
+  const std::string uuid = take(write("a"));
+  store_.reset();
+  sql("UPDATE items SET meta='{}'");
+  reopen();
+  EXPECT_EQ(restore(uuid).detail, "is damaged: its record cannot be read");
+  EXPECT_THAT(items(), IsEmpty());
+}
+
+TEST_F(RestoreTest, ARestoringProcessThatDiesLosesNothing) {
+  const std::string uuid = take(write("a"));
+  const pid_t agent = ::getpid();
+  store::stepHook = [agent](const char*) {
+    if (::getpid() != agent) {
+      ::raise(SIGKILL);
+    }
+  };
+  const Result result = restore(uuid);
+  store::stepHook = nullptr;
+  EXPECT_EQ(result.detail, "the restoring process died");
+  EXPECT_EQ(items().size(), 1U);
+}
+
+// A second user.
+
+TEST_F(RestoreTest, AUserGetsHisOwnFileBackIntoHisOwnFolder) {
+  giveFolderToHim("home");
+  const std::string path = write("home/a", "his content");
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+  const FileFacts before = FileFacts::of(path);
+  EXPECT_EQ(restore(take(path), other()).detail, "");
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(RestoreTest, AUserDoesNotGetAnothersFile) {
+  const std::string path = write("a");
+  ASSERT_EQ(::chmod(at("").c_str(), 0777), 0);
+  const std::string uuid = take(path);
+  expectKept(restore(uuid, other()), uuid, "the file was not the caller's");
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(RestoreTest, AllIsForAUserAllOfHis) {
+  ASSERT_EQ(::chmod(at("").c_str(), 0777), 0);
+  take(write("roots"));
+  takeHis("his");
+  const auto outcomes = store().quarantine().restore({}, true, false, "", other());
+  ASSERT_EQ(outcomes.size(), 1U);
+  EXPECT_TRUE(outcomes[0].result.ok) << outcomes[0].result.detail;
+  EXPECT_TRUE(std::filesystem::exists(at("his")));
+  EXPECT_EQ(items().size(), 1U);
+}
+
+TEST_F(RestoreTest, AFolderThatTheUserCannotWriteIsRefusedEvenForHisOwnFile) {
+  const std::string uuid = takeHis("a");
+  expectKept(restore(uuid, other()), uuid,
+             "cannot write in '" + folder_.at("files") + "': Permission denied");
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+}
+
+TEST_F(RestoreTest, ATargetInARootOwnedFolderIsRefused) {
+  giveFolderToHim("home");
+  const std::string uuid = takeHis("home/a");
+  std::filesystem::create_directory(at("roots"));
+  expectKept(restore(uuid, other(), at("roots")), uuid, "Permission denied");
+  EXPECT_THAT(namesIn(at("roots")), IsEmpty());
+}
+
+TEST_F(RestoreTest, AFolderThatTheUserCannotEnterIsRefused) {
+  giveFolderToHim("closed/home");
+  ASSERT_EQ(::chmod(at("closed").c_str(), 0700), 0);
+  const std::string uuid = takeHis("closed/home/a");
+  expectKept(restore(uuid, other()), uuid, "Permission denied");
+}
+
+TEST_F(RestoreTest, AGroupOfTheCallersGivesTheRightToWrite) {
+  const std::string uuid = takeHis("shared/a");
+  ASSERT_EQ(::chown(at("shared").c_str(), 0, 4242), 0);
+  ASSERT_EQ(::chmod(at("shared").c_str(), 0770), 0);
+  expectKept(restore(uuid, other()), uuid, "Permission denied");
+  CallerId member = other();
+  member.groups.push_back(4242);
+  EXPECT_TRUE(restore(uuid, member).ok);
+  EXPECT_EQ(FileFacts::of(at("shared/a")).gid, kOther);
+}
+
+TEST_F(RestoreTest, AGroupThatIsNotTheCallersCannotBeGivenBack) {
+  giveFolderToHim("home");
+  const std::string path = write("home/a");
+  ASSERT_EQ(::chown(path.c_str(), kOther, 4242), 0);
+  const std::string uuid = take(path);
+  expectKept(restore(uuid, other()), uuid, "its group 4242 is none of the caller's");
+  EXPECT_THAT(namesIn(at("home")), IsEmpty());
+  CallerId member = other();
+  member.groups.push_back(4242);
+  EXPECT_TRUE(restore(uuid, member).ok);
+  EXPECT_EQ(FileFacts::of(path).gid, 4242U);
+}
+
+TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {
+  giveFolderToHim("home");
+  const std::string path = writeRich("home/a");
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+  ASSERT_EQ(::chmod(path.c_str(), 06755), 0);
+  const unsigned char capability[] = {1, 0, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  ASSERT_EQ(::setxattr(path.c_str(), "security.capability", capability, sizeof capability, 0), 0);
+  const FileFacts before = FileFacts::of(path);
+  const Result hers = restore(take(path), other());
+  EXPECT_TRUE(hers.ok);
+  EXPECT_EQ(hers.detail, "setuid and setgid were left out; 1 extended attribute(s) could not be given back");
+  EXPECT_EQ(FileFacts::of(path).mode, 0755U);
+  EXPECT_EQ(FileFacts::of(path).attributes.count("security.capability"), 0U);
+  EXPECT_EQ(FileFacts::of(path).attributes.count("user.origin"), 1U);
+
+  std::filesystem::remove(path);
+  writeRich("home/a");
+  const FileFacts again = FileFacts::of(path);
+  EXPECT_EQ(restore(take(path)).detail, "");
+  EXPECT_EQ(FileFacts::of(path), again);
+  EXPECT_EQ(before.attributes, again.attributes);
+}
+
+TEST_F(RestoreTest, AnAgentThatIsNotRootServesItsOwnUserOnly) {
+  testsupport::TempDir place;
+  ASSERT_EQ(::chown(place.path().c_str(), kOther, kOther), 0);
+  const int status = inChild([&] {
+    ASSERT_EQ(::setgroups(0, nullptr), 0);
+    ASSERT_EQ(::setresgid(kOther, kOther, kOther), 0);
+    ASSERT_EQ(::setresuid(kOther, kOther, kOther), 0);
+    const auto mine = Store::open(place.at("state"));
+    const std::string path = place.write("a", "content");
+    const FileFacts facts = FileFacts::of(path);
+    ASSERT_TRUE(mine->quarantine().add(requestFor(path)).ok);
+    const std::string uuid = mine->quarantine().list(std::nullopt)[0]["uuid"].asString();
+    const CallerId stranger{.uid = 4711, .gid = 4711, .groups = {}, .pid = 1};
+    EXPECT_FALSE(mine->quarantine().restore({uuid}, false, false, "", stranger)[0].result.ok);
+    EXPECT_TRUE(mine->quarantine().restore({uuid}, false, false, "", other())[0].result.ok);
+    EXPECT_EQ(FileFacts::of(path), facts);
+  });
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace agent
