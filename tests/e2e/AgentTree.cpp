@@ -1,0 +1,206 @@
+#include "e2e/AgentTree.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+#include "json/CppJson.h"
+#include "lunet/Lunet.h"
+#include "support/Wait.h"
+
+namespace testsupport {
+
+namespace {
+
+constexpr std::chrono::seconds kLimit{20};
+
+std::string oneLine(const Json::Value& value) {
+  std::string text;
+  CppJson::WriteJsonToString(value, text, 1);
+  while (!text.empty() && text.back() == '\n') {
+    text.pop_back();
+  }
+  return text;
+}
+
+}  // namespace
+
+AgentTree::AgentTree(Options options) {
+  namespace fs = std::filesystem;
+  chmod(dir_.path().c_str(), 0755);
+  for (const char* folder : {"bin", "lib/modules", "etc/communication", "etc/agent", "log", "data"}) {
+    fs::create_directories(dir_.at(folder));
+  }
+  fs::create_symlink(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so",
+                     dir_.at("lib/modules/libLunetClientMgr.so"));
+  fs::create_directory_symlink(std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures",
+                               dir_.at("etc/agent/signatures"));
+  Json::Value bus(Json::objectValue);
+  bus["log_level"] = 3;
+  bus["connect_timeout_ms"] = 10000;
+  if (!options.group.empty()) {
+    bus["group"] = options.group;
+  }
+  dir_.write("etc/communication/cli_lunet.conf", oneLine(bus));
+  if (options.start) {
+    start();
+  }
+}
+
+AgentTree::~AgentTree() {
+  if (agent_ && agent_->running()) {
+    agent_->kill(SIGTERM);
+    agent_->wait();
+  }
+}
+
+std::string AgentTree::write(const std::string& name, const std::string& content) const {
+  return dir_.write("data/" + name, content);
+}
+
+void AgentTree::start() {
+  agent_ = run({});
+  if (!waitFor([this] { return agent_->err().find("serving") != std::string::npos || !agent_->running(); },
+               kLimit) ||
+      !agent_->running()) {
+    throw std::runtime_error("the agent does not serve: " + agent_->err());
+  }
+}
+
+void AgentTree::kill(int signal) {
+  agent_->kill(signal);
+}
+
+std::string AgentTree::log() const {
+  return readFile(dir_.at("log/tavagentd.log"));
+}
+
+std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& arguments) const {
+  std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/tavagentd", "--install-dir", dir_.path(),
+                                   "--system-signatures", dir_.at("none")};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return std::make_unique<Process>(std::move(command));
+}
+
+PeerConsole::PeerConsole(const AgentTree& tree, Process::Options options)
+    : process_(
+          {std::string(TAV_BIN_DIR) + "/lunetctl", "--runtime", tree.path(), "listen", lunet::kConsoleGuid},
+          std::move(options)) {
+  if (!process_.waitForOut("\"ready\"", kLimit)) {
+    throw std::runtime_error("the console cannot listen: " + process_.err());
+  }
+}
+
+std::vector<Json::Value> PeerConsole::events(const std::string& kind) const {
+  std::vector<Json::Value> found;
+  std::istringstream lines(process_.out());
+  for (std::string line; std::getline(lines, line) && !lines.eof();) {
+    Json::Value event;
+    if (CppJson::LoadJsonString(line, event) && event["event"].asString() == kind) {
+      found.push_back(std::move(event));
+    }
+  }
+  return found;
+}
+
+Json::Value PeerConsole::call(const std::string& method, const Json::Value& params) {
+  Json::Value request(Json::objectValue);
+  request["jsonrpc"] = "2.0";
+  request["method"] = method;
+  request["id"] = nextId_++;
+  request["params"] = params;
+  Json::Value order(Json::objectValue);
+  order["call"] = lunet::kAgentGuid;
+  order["channel"] = lunet::kRequestChannel;
+  order["data"] = oneLine(request);
+  order["timeout_ms"] = 15000;
+  process_.write(oneLine(order) + "\n");
+  const std::size_t wanted = ++answers_;
+  if (!waitFor([&] { return events("answer").size() >= wanted; }, kLimit)) {
+    throw std::runtime_error("no answer to " + method);
+  }
+  const Json::Value event = events("answer")[wanted - 1];
+  Json::Value answer;
+  if (event["error"].asUInt() != 0 || !CppJson::LoadJsonString(event["data"].asString(), answer)) {
+    throw std::runtime_error(method + ": bus error " + event["error"].asString());
+  }
+  if (answer.isMember("error")) {
+    throw std::runtime_error(method + ": " + oneLine(answer["error"]));
+  }
+  return answer["result"];
+}
+
+Json::Value PeerConsole::startScan(const std::vector<std::string>& items, const Json::Value& changes) {
+  Json::Value params;
+  CppJson::LoadJsonString(
+      R"({"follow_link":false,"max_scan_sec":0,"uid":0,"custom_stop":true,"items":[],"force_scan":false,
+          "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
+          "expire_time":0,"scan_type":2})",
+      params);
+  for (const std::string& item : items) {
+    params["items"].append(json::encodePath(item));
+  }
+  for (const std::string& key : changes.isObject() ? changes.getMemberNames() : Json::Value::Members()) {
+    params[key] = changes[key];
+  }
+  Json::Value request(Json::objectValue);
+  request["ctx"] = Json::Value();
+  request["desc"] = "";
+  request["params"] = params;
+  request["source"] = 1;
+  request["token_id"] = "";
+  return call("startScanTask", request);
+}
+
+bool PeerConsole::control(int action, const std::string& token) {
+  Json::Value request(Json::objectValue);
+  request["action"] = action;
+  request["detail"] = "by the test";
+  request["mark"] = 0;
+  request["payload"] = Json::Value();
+  request["source"] = 1;
+  request["token_id"] = token;
+  return call("ctlBus", request).asBool();
+}
+
+std::vector<PeerConsole::Notice> PeerConsole::notices(const std::string& method) const {
+  std::vector<Notice> found;
+  for (const Json::Value& event : events("message")) {
+    Json::Value text;
+    if (CppJson::LoadJsonString(event["data"].asString(), text) &&
+        (method.empty() || text["method"].asString() == method)) {
+      found.push_back({text["method"].asString(), text["params"]});
+    }
+  }
+  return found;
+}
+
+std::vector<int> PeerConsole::states(const std::string& token) const {
+  std::vector<int> found;
+  for (const Notice& notice : notices("reportBusStatus")) {
+    if (token.empty() || notice.params["token_id"].asString() == token) {
+      found.push_back(notice.params["state"].asInt());
+    }
+  }
+  return found;
+}
+
+bool PeerConsole::waitForState(int state, const std::string& token, std::chrono::milliseconds limit) const {
+  return waitFor(
+      [&] {
+        const std::vector<int> told = states(token);
+        return std::find(told.begin(), told.end(), state) != told.end();
+      },
+      limit);
+}
+
+Json::Value PeerConsole::last(const std::string& method) const {
+  const std::vector<Notice> found = notices(method);
+  return found.empty() ? Json::Value() : found.back().params;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/Process.h"
+#include "support/TempDir.h"
+
+namespace testsupport {
+
+/// A private install tree with the real agent in it, and folders for what is scanned beside it.
+class AgentTree {
+ public:
+  struct Options {
+    std::string group;  ///< of the bus; empty: none
+    bool start = true;
+  };
+  explicit AgentTree(Options options);
+  AgentTree() : AgentTree(Options{}) {}
+  ~AgentTree();  ///< ends the agent
+
+  const std::string& path() const { return dir_.path(); }
+  std::string at(const std::string& name) const { return dir_.at(name); }
+  /// A file below "data/"; its path.
+  std::string write(const std::string& name, const std::string& content) const;
+  std::string data() const { return dir_.at("data"); }
+
+  void start();  ///< returns when the agent serves; throws when it does not
+  void kill(int signal);
+  std::optional<int> wait() { return agent_->wait(); }
+  Process& agent() { return *agent_; }
+  std::string log() const;
+  /// Runs tavagentd with arguments and --install-dir, to its end.
+  std::unique_ptr<Process> run(const std::vector<std::string>& arguments) const;
+
+ private:
+  TempDir dir_;
+  std::unique_ptr<Process> agent_;
+};
+
+/// The console's address, held by a process of its own, played by hand: calls the agent's methods and writes
+/// down what it is told. Notifications are kept in the order they came.
+class PeerConsole {
+ public:
+  struct Notice {
+    std::string method;
+    Json::Value params;
+  };
+  /// With another user, group and supplementary groups when given.
+  explicit PeerConsole(const AgentTree& tree, Process::Options options = {});
+
+  /// The result; throws with the error's text when the call fails.
+  Json::Value call(const std::string& method, const Json::Value& params);
+  /// startScanTask with the console's parameters, changed by `changes`.
+  Json::Value startScan(const std::vector<std::string>& items, const Json::Value& changes = {});
+  bool control(int action, const std::string& token);
+
+  std::vector<Notice> notices(const std::string& method = "") const;
+  /// The states told, in order, of a task; "" for all.
+  std::vector<int> states(const std::string& token = "") const;
+  bool waitForState(int state, const std::string& token = "",
+                    std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
+  /// params of the last notification of that name; null when there is none.
+  Json::Value last(const std::string& method) const;
+  Process& process() { return process_; }
+
+ private:
+  std::vector<Json::Value> events(const std::string& kind) const;
+  Process process_;
+  std::size_t answers_ = 0;
+  int nextId_ = 1;
+};
+
+}  // namespace testsupport

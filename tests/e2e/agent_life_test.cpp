@@ -1,0 +1,518 @@
+// The life of the agent and of its tasks: starting, ending, dying, and who hears what.
+
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+#include "e2e/AgentTree.h"
+#include "json/CppJson.h"
+#include "lunet/Lunet.h"
+#include "support/Samples.h"
+#include "support/Wait.h"
+#include "task/RunningPrograms.h"
+
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using testsupport::AgentTree;
+using testsupport::eicar;
+using testsupport::PeerConsole;
+using testsupport::Process;
+using testsupport::waitFor;
+
+constexpr uid_t kUser = 60321;
+constexpr int kStop = 1;
+constexpr int kPause = 2;
+constexpr int kResume = 3;
+
+Json::Value object(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
+  return value;
+}
+
+/// Files that keep a scan busy for far longer than a test lasts: one large file under many names.
+std::string busyFolder(const AgentTree& tree) {
+  std::string content(8 << 20, '\0');
+  std::uint32_t state = 12345;
+  for (char& byte : content) {
+    state = state * 1664525 + 1013904223;
+    byte = static_cast<char>(state >> 24);
+  }
+  if (std::filesystem::exists(tree.data() + "/busy")) {
+    return tree.data() + "/busy";
+  }
+  const std::string first = tree.write("busy/0", content);
+  for (int i = 1; i < 500; ++i) {
+    std::filesystem::create_hard_link(first, tree.data() + "/busy/" + std::to_string(i));
+  }
+  return tree.data() + "/busy";
+}
+
+/// Without the cache, which would know the file after its first name.
+Json::Value slowly() {
+  return object(R"({"force_scan":true,"parallelism":1})");
+}
+
+/// The agent's program among the running ones: itself, its spawner, its workers.
+std::set<pid_t> processesOf(pid_t agent) {
+  std::set<pid_t> family{agent};
+  for (int round = 0; round < 4; ++round) {
+    for (const auto& program : agent::RunningPrograms::all()) {
+      std::string text = testsupport::readFile("/proc/" + std::to_string(program.pid) + "/stat");
+      const std::size_t close = text.rfind(") ");
+      const pid_t parent = close == std::string::npos ? 0 : std::stoi(text.substr(close + 4));
+      if (family.count(parent) != 0) {
+        family.insert(program.pid);
+      }
+    }
+  }
+  return family;
+}
+
+TEST(AgentProgram, PrintsItsVersionAndItsHelp) {
+  const AgentTree tree({.group = "", .start = false});
+  const auto version = tree.run({"--version"});
+  EXPECT_EQ(0, version->wait());
+  EXPECT_THAT(version->out(), HasSubstr("tavagentd "));
+  const auto help = tree.run({"--help"});
+  EXPECT_EQ(0, help->wait());
+  EXPECT_THAT(help->out(), HasSubstr("--install-dir"));
+}
+
+TEST(AgentProgram, AnUnknownArgumentEndsWithTwoAndNamesIt) {
+  const AgentTree tree({.group = "", .start = false});
+  const auto wrong = tree.run({"--wrong"});
+  EXPECT_EQ(2, wrong->wait());
+  EXPECT_THAT(wrong->err(), HasSubstr("--wrong"));
+}
+
+TEST(AgentProgram, ASecondOneOnTheSameTreeEndsWithAClearLine) {
+  AgentTree tree;
+  const auto second = tree.run({});
+  EXPECT_EQ(4, second->wait());
+  EXPECT_THAT(second->err(), HasSubstr("another agent (pid " + std::to_string(tree.agent().pid()) + ")"));
+  EXPECT_TRUE(tree.agent().running());
+}
+
+TEST(AgentProgram, TwoTreesAreServedBesideEachOther) {
+  AgentTree one;
+  AgentTree other;
+  EXPECT_EQ(0, one.run({"--status"})->wait());
+  EXPECT_EQ(0, other.run({"--status"})->wait());
+}
+
+TEST(AgentProgram, StatusTellsThePidTheProgramAndTheTasks) {
+  AgentTree tree;
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(0, status->wait());
+  EXPECT_THAT(status->out(), HasSubstr("pid=" + std::to_string(tree.agent().pid()) + "\n"));
+  EXPECT_THAT(status->out(),
+              HasSubstr("program=" + std::filesystem::canonical(TAV_BIN_DIR).string() + "/tavagentd\n"));
+  EXPECT_THAT(status->out(), HasSubstr("build=same\n"));
+  EXPECT_THAT(status->out(), HasSubstr("tasks=0\n"));
+}
+
+TEST(AgentProgram, StatusWithoutAnAgentEndsWithThree) {
+  const AgentTree tree({.group = "", .start = false});
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(3, status->wait());
+  EXPECT_THAT(status->err(), HasSubstr("no agent"));
+  EXPECT_THAT(status->out(), IsEmpty());
+}
+
+TEST(AgentProgram, AsADaemonItsCallerEndsWithZeroOnceItServes) {
+  const AgentTree tree({.group = "", .start = false});
+  const auto starter = tree.run({"--daemon"});
+  EXPECT_EQ(0, starter->wait()) << starter->err();
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(0, status->wait()) << status->err();
+  const pid_t pid = std::stoi(status->out().substr(4));
+  EXPECT_NE(starter->pid(), pid);
+  EXPECT_EQ("/", std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/cwd"));
+  EXPECT_EQ("/dev/null", std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/fd/2"));
+  ASSERT_EQ(0, ::kill(pid, SIGTERM));
+  EXPECT_TRUE(waitFor([&] { return tree.run({"--status"})->wait() == 3; }));
+}
+
+TEST(AgentProgram, AsADaemonThatCannotServeItsCallerHearsWhy) {
+  AgentTree tree;
+  const auto second = tree.run({"--daemon"});
+  EXPECT_EQ(4, second->wait());
+  EXPECT_THAT(second->err(), HasSubstr("another agent"));
+}
+
+TEST(AgentProgram, WithoutABusLibraryItEndsWithALineThatNamesIt) {
+  const AgentTree tree({.group = "", .start = false});
+  std::filesystem::remove(tree.at("lib/modules/libLunetClientMgr.so"));
+  const auto agent = tree.run({});
+  EXPECT_EQ(1, agent->wait());
+  EXPECT_THAT(agent->err(), HasSubstr("libLunetClientMgr.so"));
+}
+
+TEST(AgentProgram, WithoutSignaturesItServesAndAScanSaysWhyItCannotBeMade) {
+  AgentTree tree({.group = "", .start = false});
+  std::filesystem::remove(tree.at("etc/agent/signatures"));
+  tree.start();
+  PeerConsole console(tree);
+  const Json::Value answer = console.startScan({tree.data()});
+  EXPECT_FALSE(answer["status"].asBool());
+  EXPECT_THAT(answer["detail"].asString(), HasSubstr("signatures"));
+  EXPECT_TRUE(console.waitForState(-1));
+}
+
+TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
+  AgentTree tree({.group = "", .start = false});
+  const std::string shipped = std::filesystem::canonical(tree.at("etc/agent/signatures"));
+  std::filesystem::remove(tree.at("etc/agent/signatures"));
+  std::filesystem::copy(shipped, tree.at("etc/agent/signatures"));
+  tree.start();
+  PeerConsole console(tree);
+  const std::string path = tree.write("found-later", "a text that is in no database, at first: 5c0ffee5");
+  ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
+  ASSERT_THAT(console.notices("reportRiskInfo"), IsEmpty());
+  std::string hex;
+  for (const unsigned char c : std::string("at first: 5c0ffee5")) {
+    char pair[3];
+    std::snprintf(pair, sizeof pair, "%02x", c);
+    hex += pair;
+  }
+  {
+    const std::string file = tree.at("etc/agent/signatures/extra.ndb");
+    std::FILE* out = std::fopen(file.c_str(), "we");
+    ASSERT_NE(nullptr, out);
+    std::fprintf(out, "TAV.Test.Later:0:*:%s\n", hex.c_str());
+    std::fclose(out);
+  }
+  tree.kill(SIGHUP);
+  ASSERT_TRUE(waitFor([&] { return tree.log().find("loaded again") != std::string::npos; })) << tree.log();
+  ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
+  EXPECT_EQ(1U, console.notices("reportRiskInfo").size());
+}
+
+class AgentTasks : public ::testing::Test {
+ protected:
+  std::string startBusy(PeerConsole& console) {
+    const Json::Value answer = console.startScan({busyFolder(tree)}, slowly());
+    EXPECT_TRUE(answer["status"].asBool()) << answer.toStyledString();
+    const std::string token = answer["token_id"].asString();
+    EXPECT_TRUE(console.waitForState(1, token));
+    return token;
+  }
+  AgentTree tree;
+};
+
+TEST_F(AgentTasks, ASecondScanOfTheSameModeIsStateSixAndAnsweredFalse) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  const Json::Value second = console.startScan({tree.data()}, object(R"({"scan_type":5})"));
+  EXPECT_FALSE(second["status"].asBool());
+  const std::string refused = second["token_id"].asString();
+  EXPECT_NE(token, refused);
+  ASSERT_TRUE(console.waitForState(6, refused));
+  EXPECT_THAT(console.states(refused), ElementsAre(6));
+  EXPECT_TRUE(console.control(kStop, token));
+  EXPECT_TRUE(console.waitForState(5, token));
+}
+
+TEST_F(AgentTasks, AScanCanBePausedResumedAndStopped) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  EXPECT_TRUE(console.control(kPause, token));
+  ASSERT_TRUE(console.waitForState(3, token));
+  const std::size_t quiet = console.notices().size();
+  const Json::Value list = console.call("getBusList", Json::Value());
+  ASSERT_EQ(1U, list.size());
+  EXPECT_EQ(token, list[0]["token_id"].asString());
+  EXPECT_EQ(0, list[0]["type"].asInt());
+  EXPECT_EQ(3, list[0]["state"].asInt());
+  EXPECT_EQ(quiet, console.notices().size());
+  EXPECT_TRUE(console.control(kResume, token));
+  ASSERT_TRUE(console.waitForState(4, token));
+  EXPECT_TRUE(console.control(kStop, token));
+  ASSERT_TRUE(console.waitForState(5, token));
+  EXPECT_THAT(console.states(token), ElementsAre(0, 1, 3, 4, 5));
+  EXPECT_EQ("by the test", console.last("reportBusStatus")["detail"].asString());
+  EXPECT_EQ(0U, console.call("getBusList", Json::Value()).size());
+}
+
+TEST_F(AgentTasks, APausedScanCanBeStopped) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  EXPECT_TRUE(console.control(kPause, token));
+  ASSERT_TRUE(console.waitForState(3, token));
+  EXPECT_TRUE(console.control(kStop, token));
+  EXPECT_TRUE(console.waitForState(5, token));
+}
+
+TEST_F(AgentTasks, WhatNamesNoTaskOrNoActionIsAnsweredFalse) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  EXPECT_FALSE(console.control(kStop, ""));
+  EXPECT_FALSE(console.control(kStop, "no-such-token"));
+  EXPECT_FALSE(console.control(9, token));
+  EXPECT_FALSE(console.control(kResume, token));
+  EXPECT_TRUE(console.control(kStop, token));
+}
+
+TEST_F(AgentTasks, TheTimeLimitOfARequestEndsTheScan) {
+  PeerConsole console(tree);
+  Json::Value changes = slowly();
+  changes["max_scan_sec"] = 1;
+  const std::string token = console.startScan({busyFolder(tree)}, changes)["token_id"].asString();
+  ASSERT_TRUE(console.waitForState(5, token));
+  EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("time limit"));
+}
+
+TEST_F(AgentTasks, ProgressComesWhileAScanRuns) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  EXPECT_TRUE(waitFor([&] { return console.notices("reportBusProgress").size() >= 2; }));
+  EXPECT_TRUE(waitFor([&] { return console.notices("reportScanBusOverView").size() >= 2; }));
+  EXPECT_TRUE(console.control(kStop, token));
+  EXPECT_TRUE(console.waitForState(5, token));
+}
+
+TEST_F(AgentTasks, SigtermEndsTasksWithStateFiveAndLeavesNothingBehind) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  const std::set<pid_t> family = processesOf(tree.agent().pid());
+  ASSERT_GE(family.size(), 2U);
+  tree.kill(SIGTERM);
+  EXPECT_EQ(0, tree.wait());
+  EXPECT_TRUE(console.waitForState(5, token));
+  for (const pid_t pid : family) {
+    // Gone, or dead and not yet collected by whoever inherited it.
+    EXPECT_TRUE(waitFor([&] {
+      const std::string stat = testsupport::readFile("/proc/" + std::to_string(pid) + "/stat");
+      return stat.empty() || stat.find(") Z ") != std::string::npos;
+    })) << pid;
+  }
+  EXPECT_FALSE(std::filesystem::exists(tree.at("run/lunet/FBE54D8E-D8E6-41F8-BE05-A94CE5469587.sock")));
+  EXPECT_TRUE(std::filesystem::is_empty(tree.at("state/tmp")));
+}
+
+TEST_F(AgentTasks, AfterAKillDuringAScanItsOwnerHearsStateFiveAndTheNextCallWorks) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  tree.kill(SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, tree.wait());
+  EXPECT_THROW(console.call("getBusList", Json::Value()), std::runtime_error);
+  tree.start();
+  ASSERT_TRUE(console.waitForState(5, token)) << tree.log();
+  EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("started again"));
+  EXPECT_EQ(0U, console.call("getBusList", Json::Value()).size());
+  tree.kill(SIGTERM);
+  EXPECT_EQ(0, tree.wait());
+  tree.start();
+  tree.write("small/file", "x");
+  const std::string next = console.startScan({tree.data() + "/small"})["token_id"].asString();
+  EXPECT_TRUE(console.waitForState(2, next));
+  const std::vector<int> told = console.states(token);
+  EXPECT_EQ(1, std::count(told.begin(), told.end(), 5));
+}
+
+TEST_F(AgentTasks, AnEndedTaskIsNotToldOfAfterARestart) {
+  PeerConsole console(tree);
+  tree.write("file", "x");
+  const std::string token = console.startScan({tree.data()})["token_id"].asString();
+  ASSERT_TRUE(console.waitForState(2, token));
+  ASSERT_TRUE(waitFor([&] { return console.call("getBusList", Json::Value()).empty(); }));
+  tree.kill(SIGTERM);
+  ASSERT_EQ(0, tree.wait());
+  tree.start();
+  console.call("getBusList", Json::Value());
+  EXPECT_THAT(console.states(token), ElementsAre(0, 1, 2));
+}
+
+TEST_F(AgentTasks, WhenTheOwnerIsGoneNothingReachesTheNextConsole) {
+  std::string token;
+  {
+    PeerConsole first(tree);
+    token = startBusy(first);
+  }
+  PeerConsole second(tree);
+  const std::string file = tree.write("own/eicar.com", eicar());
+  const Json::Value refused = second.startScan({tree.data() + "/own"});
+  EXPECT_TRUE(second.waitForState(6, refused["token_id"].asString()));
+  EXPECT_TRUE(second.control(kStop, token));
+  ASSERT_TRUE(waitFor([&] { return second.call("getBusList", Json::Value()).empty(); }));
+  const std::string own = second.startScan({tree.data() + "/own"})["token_id"].asString();
+  ASSERT_TRUE(second.waitForState(2, own));
+  for (const auto& notice : second.notices()) {
+    EXPECT_NE(token, notice.params["token_id"].asString()) << notice.method;
+  }
+  EXPECT_EQ(file, second.last("reportRiskFixInfo")["risk_info"]["item"].asString());
+}
+
+TEST_F(AgentTasks, AConsoleThatDoesNotReadHoldsUpNeitherItsScanNorAnother) {
+  PeerConsole stalled(tree);
+  for (int i = 0; i < 300; ++i) {
+    tree.write("many/" + std::to_string(i), eicar());
+  }
+  const Json::Value answer = stalled.startScan({tree.data() + "/many"});
+  ASSERT_TRUE(answer["status"].asBool());
+  stalled.process().kill(SIGSTOP);
+  const std::string log = answer["token_id"].asString() + " finished";
+  EXPECT_TRUE(waitFor([&] { return tree.log().find(log) != std::string::npos; }));
+  stalled.process().kill(SIGCONT);
+  EXPECT_TRUE(stalled.waitForState(2, answer["token_id"].asString()));
+  EXPECT_EQ(300U, stalled.notices("reportRiskFixInfo").size());
+}
+
+TEST_F(AgentTasks, AFastScanTellsItsStagesInPairs) {
+  PeerConsole console(tree);
+  const std::string token =
+      console.startScan({}, object(R"({"scan_type":0,"parallelism":1})"))["token_id"].asString();
+  ASSERT_TRUE(waitFor([&] { return !console.notices("reportScanBusStage").empty(); }));
+  EXPECT_EQ(0, console.notices("reportScanBusStage")[0].params["stage"].asInt());
+  EXPECT_TRUE(console.notices("reportScanBusStage")[0].params["datail"].isString());
+  ASSERT_TRUE(waitFor([&] { return console.notices("reportScanBusStage").size() >= 3; }));
+  console.control(kStop, token);
+  EXPECT_TRUE(console.waitForState(5, token) || console.waitForState(2, token));
+  const auto stages = console.notices("reportScanBusStage");
+  EXPECT_EQ(1, stages[1].params["stage"].asInt());
+  EXPECT_EQ(2, stages[2].params["stage"].asInt());
+}
+
+/// A second user on the bus, let in by a supplementary group.
+class AgentSecondUser : public ::testing::Test {
+ protected:
+  static std::string groupName() {
+    // Any group of the system that has a name: what counts is the number.
+    const group* entry = getgrgid(kGroup);
+    return entry == nullptr ? "" : entry->gr_name;
+  }
+  static Process::Options secondUser() {
+    Process::Options options;
+    options.uid = kUser;
+    options.gid = 60322;
+    options.groups = {kGroup};
+    return options;
+  }
+  std::string file(const std::string& name, const std::string& content, uid_t uid, mode_t mode) {
+    const std::string path = tree.write(name, content);
+    EXPECT_EQ(0, chown(path.c_str(), uid, 0));
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+  void scan(PeerConsole& console, const std::vector<std::string>& items, const char* changes) {
+    const Json::Value answer = console.startScan(items, object(changes));
+    ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString() << tree.log();
+    ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
+  }
+  /// By a process of root's own, which is gone behind the call.
+  Json::Value callAsRoot(const std::string& method, const Json::Value& params) {
+    Json::Value request = object(R"({"jsonrpc":"2.0","id":1})");
+    request["method"] = method;
+    request["params"] = params;
+    std::string text;
+    CppJson::WriteJsonToString(request, text, 1);
+    Process process(
+        {std::string(TAV_BIN_DIR) + "/lunetctl", "--runtime", tree.path(), "call", lunet::kAgentGuid, text});
+    EXPECT_EQ(0, process.wait()) << process.err();
+    return object(process.out())["result"];
+  }
+  static constexpr gid_t kGroup = 60;  // "games"
+  AgentTree tree{{.group = groupName(), .start = true}};
+  PeerConsole user{tree, secondUser()};
+};
+
+TEST_F(AgentSecondUser, WhatHeCannotReadIsAnErrorAndNotReadForHim) {
+  const std::string hidden = file("hidden", eicar(), 0, 0600);
+  const std::string open = file("open", eicar(), 0, 0644);
+  scan(user, {tree.data()}, "{}");
+  const auto risks = user.notices("reportRiskInfo");
+  ASSERT_EQ(1U, risks.size());
+  EXPECT_EQ(open, risks[0].params["risk_info"]["item"].asString());
+  EXPECT_EQ(1, user.last("reportScanBusOverView")["overview"]["failed_item_count"].asInt());
+  EXPECT_THAT(tree.log(), HasSubstr(hidden + ": not scanned: Permission denied"));
+}
+
+TEST_F(AgentSecondUser, APathHeCannotOpenIsStateMinusOne) {
+  const std::string hidden = file("hidden", eicar(), 0, 0600);
+  const Json::Value answer = user.startScan({hidden});
+  EXPECT_FALSE(answer["status"].asBool());
+  EXPECT_THAT(answer["detail"].asString(), HasSubstr("Permission denied"));
+}
+
+TEST_F(AgentSecondUser, WhatHeCouldNotRemoveHimselfIsNotQuarantinedForHim) {
+  const std::string foreign = file("foreign", eicar(), 0, 0644);
+  const std::string ownHere = file("own-in-foreign-folder", eicar(), kUser, 0644);
+  const std::string ownThere = file("his/own", eicar(), kUser, 0644);
+  ASSERT_EQ(0, chown((tree.data() + "/his").c_str(), kUser, 0));
+  scan(user, {tree.data()}, R"({"fix_method":0})");
+  EXPECT_TRUE(std::filesystem::exists(foreign));
+  EXPECT_TRUE(std::filesystem::exists(ownHere));
+  EXPECT_FALSE(std::filesystem::exists(ownThere)) << tree.log();
+  std::set<int> results;
+  for (const auto& notice : user.notices("reportRiskFixInfo")) {
+    const bool his = notice.params["risk_info"]["item"].asString() == ownThere;
+    EXPECT_EQ(his ? 1 : 4, notice.params["risk_repair_result"]["handle_result"].asInt());
+  }
+}
+
+TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
+  Json::Value params = slowly();
+  params["scan_type"] = 2;
+  params["fix_method"] = 2;
+  params["items"].append(busyFolder(tree));
+  Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+  request["params"] = params;
+  const std::string token = callAsRoot("startScanTask", request)["token_id"].asString();
+  ASSERT_EQ(1U, callAsRoot("getBusList", Json::Value()).size());
+  EXPECT_EQ(0U, user.call("getBusList", Json::Value()).size());
+  EXPECT_FALSE(user.control(kStop, token));
+  EXPECT_EQ(1U, callAsRoot("getBusList", Json::Value()).size());
+  Json::Value stop = object(R"({"action":1,"detail":"","mark":8,"payload":null,"source":1})");
+  stop["token_id"] = token;
+  EXPECT_TRUE(callAsRoot("ctlBus", stop).asBool());
+  ASSERT_TRUE(waitFor([&] { return callAsRoot("getBusList", Json::Value()).empty(); }));
+
+  const std::string own = user.startScan({busyFolder(tree)}, slowly())["token_id"].asString();
+  EXPECT_EQ(1U, user.call("getBusList", Json::Value()).size());
+  EXPECT_TRUE(user.control(kStop, own));
+  EXPECT_TRUE(user.waitForState(5, own));
+}
+
+TEST_F(AgentSecondUser, MaySeeHisOwnQuarantinedItemsOnly) {
+  file("his/own", eicar(), kUser, 0644);
+  ASSERT_EQ(0, chown((tree.data() + "/his").c_str(), kUser, 0));
+  file("roots/file", eicar(), 0, 0644);
+  Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+  request["params"] = object(R"({"scan_type":2,"fix_method":0})");
+  request["params"]["items"].append(tree.data());
+  callAsRoot("startScanTask", request);
+  ASSERT_TRUE(waitFor([&] { return callAsRoot("getIsolationInfo", Json::Value()).size() == 2; }))
+      << tree.log();
+  EXPECT_EQ(1U, user.call("getIsolationInfo", Json::Value()).size());
+}
+
+TEST_F(AgentSecondUser, AsAMemberOfTheGroupHeMayChangeSettings) {
+  EXPECT_TRUE(
+      user.call("setAVConfig", object(R"({"config_str":"{\"Common\":{\"SkipSize\":3}}","config_type":0,
+                                                 "request_source":1})"))
+          .asBool());
+}
+
+TEST_F(AgentSecondUser, WithoutTheGroupHeIsNotLetIn) {
+  Process::Options options = secondUser();
+  options.groups = {};
+  Process stranger({std::string(TAV_BIN_DIR) + "/lunetctl", "--runtime", tree.path(), "call",
+                    lunet::kAgentGuid, R"({"jsonrpc":"2.0","id":1,"method":"getBusList"})"},
+                   options);
+  EXPECT_NE(0, stranger.wait());
+}
+
+}  // namespace
