@@ -125,13 +125,16 @@ bool RealTerminal::pending() {
 }
 
 void RealTerminal::write(std::string_view bytes) {
-  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() || std::fflush(stdout) != 0) {
+  const bool written = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
+  if (std::fflush(stdout) != 0 || !written) {
     outputEnded_.store(true);
   }
 }
 
 void RealTerminal::print(std::string_view text) {
-  std::fwrite(text.data(), 1, text.size(), stdout);
+  if (!text.empty()) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+  }
 }
 
 void RealTerminal::takeRaw() {
