@@ -87,6 +87,9 @@ struct NumberCase {
   std::int64_t asInt;  ///< with the fallback 77
   std::int64_t asInt64;
 };
+void PrintTo(const NumberCase& row, std::ostream* out) {
+  *out << row.name;
+}
 
 class TolerantNumber : public testing::TestWithParam<NumberCase> {};
 

@@ -109,8 +109,8 @@ TEST(PathBytes, RandomByteStringsRoundTrip) {
     std::string path;
     for (auto i = random() % 40; i > 0; --i) {
       // Half of the bytes from where sequences of the reserved range are made of.
-      path.push_back(
-          random() % 2 == 0 ? static_cast<char>(random() % 256) : "\xef\x9e\x9f\x80"[random() % 4]);
+      path.push_back(random() % 2 == 0 ? static_cast<char>(random() % 256)
+                                       : "\xef\x9e\x9f\x80"[random() % 4]);
     }
     ASSERT_EQ(decodePath(encodePath(path)), path);
     ASSERT_EQ(acrossTheWire(path), path);

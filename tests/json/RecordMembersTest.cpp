@@ -14,6 +14,9 @@ struct Case {
   const RecordTable* record;
   Member member;
 };
+void PrintTo(const Case& row, std::ostream* out) {
+  *out << row.record->name << "." << row.member.key;
+}
 
 std::vector<Case> allMembers() {
   std::vector<Case> cases;

@@ -39,6 +39,9 @@ struct AnswerCase {
   const char* name;
   std::string answer;
 };
+void PrintTo(const AnswerCase& row, std::ostream* out) {
+  *out << row.name;
+}
 
 class NoAnswer : public testing::TestWithParam<AnswerCase> {};
 

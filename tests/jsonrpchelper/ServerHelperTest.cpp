@@ -159,6 +159,9 @@ struct MalformedCase {
   std::string text;
   int code;
 };
+void PrintTo(const MalformedCase& row, std::ostream* out) {
+  *out << row.name;
+}
 
 class Malformed : public ServerHelper, public testing::WithParamInterface<MalformedCase> {};
 
