@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <memory>
@@ -31,6 +32,7 @@ namespace {
 
 constexpr const char* kName = "tavagentd";
 constexpr std::chrono::seconds kLastWordsLimit{3};  // for consoles to take the end of their tasks
+constexpr std::chrono::seconds kEndLimit{20};       // for scans to end
 constexpr time_t kSignatureLookSec = 30;
 constexpr time_t kLoadingLookSec = 1;
 
@@ -46,13 +48,13 @@ int say(int exitCode, const std::string& line) {
   return exitCode;
 }
 
-void openLog(const Tree& tree) {
+void openLog(const Tree& tree, int level) {
   CLogDebug* log = CLogDebug::Create();
   log->SetProperty(CLogDebug::kPath, tree.log() + "/");
   log->SetProperty(CLogDebug::kName, kName);
   log->SetProperty(CLogDebug::kSize, std::to_string(8u << 20));
   log->SetProperty(CLogDebug::kBackupCount, "5");
-  log->SetProperty(CLogDebug::kLevel, "2");
+  log->SetProperty(CLogDebug::kLevel, std::to_string(level));
 }
 
 /// Many open folders and files are an agent's daily work.
@@ -138,9 +140,13 @@ class Agent {
       service_->StopListening();
     }
     if (tasks_) {
-      tasks_->stopAll("the agent is ending");
+      const bool ended = tasks_->stopAll("the agent is ending", kEndLimit);
       if (!outbox_->drain(kLastWordsLimit)) {
         AGENT_LOG(3, "%s", "not every console has taken the end of its task");
+      }
+      if (!ended) {
+        std::_Exit(kExitFailed);  // a thread hangs in a file system; what is left behind is settled at the
+                                  // next start
       }
     }
     outbox_.reset();
@@ -236,7 +242,7 @@ int serve(const Options& options, Readiness* readiness) {
   const Tree tree(options.installDir);
   umask(022);  // the folder of the sockets is reached by others; what is private is closed by its maker
   raiseFileLimit();
-  openLog(tree);
+  openLog(tree, options.logLevel);
   try {
     BusSettings bus;
     std::string why;

@@ -33,6 +33,11 @@ const Row kRows[] = {
        options.systemSignatures = value;
        return !value.empty();
      }},
+    {"--log-level", "N", "1 (every entry that is left out) to 4 (errors only); default 2",
+     [](Options& options, const std::string& value) {
+       options.logLevel = value.size() == 1 ? value[0] - '0' : 0;
+       return options.logLevel >= 1 && options.logLevel <= 4;
+     }},
     {"--daemon", nullptr, "go to the background; ends with 0 once the agent serves",
      [](Options& options, const std::string&) {
        options.daemon = true;

@@ -18,6 +18,7 @@ struct Options {
   enum class Action { kServe, kStatus, kVersion, kHelp };
   Action action = Action::kServe;
   bool daemon = false;
+  int logLevel = 2;                                  ///< 1 (every skipped entry) to 4 (errors)
   std::string installDir;                            ///< absolute
   std::string systemSignatures = "/var/lib/clamav";  ///< may be missing
 };

@@ -4,6 +4,12 @@
 
 namespace agent {
 
+namespace {
+
+constexpr std::size_t kMostReasons = 32;
+
+}  // namespace
+
 void Counters::count(std::int64_t Numbers::*which) {
   const std::lock_guard guard(mutex_);
   ++(numbers_.*which);
@@ -24,8 +30,11 @@ void Counters::infected() {
 void Counters::failed() {
   count(&Numbers::failed);
 }
-void Counters::skipped() {
-  count(&Numbers::skipped);
+void Counters::skipped(const std::string& reason) {
+  const std::lock_guard guard(mutex_);
+  ++numbers_.skipped;
+  const bool room = skipReasons_.size() < kMostReasons || skipReasons_.count(reason) != 0;
+  ++skipReasons_[room ? reason : "other reasons"];
 }
 void Counters::fixed() {
   count(&Numbers::fixed);
@@ -39,7 +48,7 @@ void Counters::fixFailed() {
 
 void Counters::trusted() {
   count(&Numbers::trusted);
-  count(&Numbers::skipped);
+  skipped("trusted");
 }
 
 std::int64_t Counters::underWay() const {
@@ -72,10 +81,17 @@ JsonReflect::ScanBusOverView Counters::overview(const std::string& token) const 
 
 std::string Counters::summary() const {
   const std::lock_guard guard(mutex_);
-  const auto part = [](std::int64_t number, const char* what) { return std::to_string(number) + " " + what; };
+  const auto part = [](std::int64_t number, const std::string& what) {
+    return std::to_string(number) + " " + what;
+  };
+  std::string reasons;
+  for (const auto& [reason, number] : skipReasons_) {
+    reasons += (reasons.empty() ? " (" : ", ") + part(number, reason);
+  }
+  reasons += reasons.empty() ? "" : ")";
   return part(numbers_.met, "entries: ") + part(numbers_.clean, "clean, ") +
          part(numbers_.infected, "infected, ") + part(numbers_.failed, "errors, ") +
-         part(numbers_.skipped, "skipped; ") + part(numbers_.fixed, "handled, ") +
+         part(numbers_.skipped, "skipped") + reasons + "; " + part(numbers_.fixed, "handled, ") +
          part(numbers_.fixFailed, "not handled");
 }
 

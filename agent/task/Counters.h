@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -17,7 +18,7 @@ class Counters {
   void clean();
   void infected();
   void failed();
-  void skipped();
+  void skipped(const std::string& reason);
   void trusted();    ///< a trusted item, left alone: ends as skipped
   void fixed();      ///< a detection that was taken away
   void leftAlone();  ///< a detection that was only reported
@@ -28,7 +29,8 @@ class Counters {
 
   /// The record on the wire: paths encoded, cost_time in whole seconds since the counters were made.
   JsonReflect::ScanBusOverView overview(const std::string& token) const;
-  /// "… clean, … infected, …" for the log and the detail of the last state.
+  /// "… clean, … infected, …" for the log and the detail of the last state; the skipped ones by their
+  /// reasons.
   std::string summary() const;
 
  private:
@@ -40,6 +42,7 @@ class Counters {
 
   mutable std::mutex mutex_;
   Numbers numbers_;
+  std::map<std::string, std::int64_t> skipReasons_;  // a few; what follows goes under "other reasons"
   std::string current_;
   const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
 };

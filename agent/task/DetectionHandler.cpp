@@ -149,11 +149,7 @@ Result DetectionHandler::takeAway(const Found& found) {
   request.identity = found.job->identity;
   request.detection = found.verdict.detections.at(0);
   request.md5 = found.verdict.md5;
-  Result result = context_.store.quarantine().add(request);
-  if (result.ok) {
-    result.detail.clear();
-  }
-  return result;
+  return context_.store.quarantine().add(request);
 }
 
 bool DetectionHandler::callerOwnsEverything() const {

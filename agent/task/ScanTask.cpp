@@ -34,7 +34,8 @@ ScanTask::ScanTask(Parts parts, std::string token, ScanPlan plan, CallerId calle
       plan_(std::move(plan)),
       caller_(std::move(caller)),
       events_(std::move(events)),
-      preparedFuture_(preparedPromise_.get_future()) {
+      preparedFuture_(preparedPromise_.get_future()),
+      over_(overPromise_.get_future()) {
   control_.onStop([this] { cancelWork(); });
   quiet_ = [this] {
     const CallerRights::Suspended own(rights_);
@@ -54,6 +55,10 @@ ScanTask::~ScanTask() {
   join();
 }
 
+bool ScanTask::waitOver(std::chrono::milliseconds limit) const {
+  return over_.wait_for(limit) == std::future_status::ready;
+}
+
 void ScanTask::join() {
   if (thread_.joinable()) {
     thread_.join();
@@ -62,7 +67,10 @@ void ScanTask::join() {
 
 void ScanTask::start(Hooks hooks) {
   hooks_ = std::move(hooks);
-  thread_ = std::thread([this] { run(); });
+  thread_ = std::thread([this] {
+    run();
+    overPromise_.set_value();
+  });
 }
 
 std::optional<std::string> ScanTask::prepared(std::chrono::milliseconds limit) {
@@ -116,6 +124,10 @@ std::string ScanTask::prepare() {
   if (parts_.store.regions().hashesNeeded()) {
     cacheKey_ += "/" + std::to_string(parts_.store.regions().generation());
   }
+  Walker::Options options;
+  options.excludedFolders = parts_.ownFolders;
+  options.networkFileSystems = plan_.networkFileSystems;
+  walker_.emplace(std::move(options), static_cast<WalkSink&>(*this));
   const std::string failure = openItems();
   if (failure.empty()) {
     const std::lock_guard guard(poolMutex_);
@@ -132,6 +144,9 @@ std::string ScanTask::openItems() {
   for (const std::string& item : plan_.items) {
     std::string error;
     Walker::Named named = Walker::open(item, &error);
+    if (error.empty()) {
+      error = walker_->whyNotWalked(named);
+    }
     if (!error.empty()) {
       return json::visiblePath(json::encodePath(item)) + ": " + error;
     }
@@ -311,7 +326,7 @@ void ScanTask::advanced(double share) {
 void ScanTask::skipped(const std::string& path, const std::string& reason) {
   const CallerRights::Suspended own(rights_);
   counters_.met(path);
-  counters_.skipped();
+  counters_.skipped(reason);
   AGENT_LOG(1, "%s: skipped: %s", path.c_str(), reason.c_str());
 }
 
@@ -335,7 +350,7 @@ void ScanTask::file(MetFile met) {
   const std::string leftOut =
       rejected ? std::string() : whyLeftOut(plan_, met.path, met.fd.get(), met.status);
   if (!leftOut.empty()) {
-    counters_.skipped();
+    counters_.skipped(leftOut);
     AGENT_LOG(1, "%s: skipped: %s", met.path.c_str(), leftOut.c_str());
     return;
   }
@@ -404,7 +419,7 @@ void ScanTask::ended(const std::shared_ptr<ScanJob>& job, Verdict verdict) {
       AGENT_LOG(3, "%s: not scanned: %s", job->path.c_str(), verdict.reason.c_str());
       break;
     case Outcome::kSkipped:
-      counters_.skipped();
+      counters_.skipped(verdict.reason);
       AGENT_LOG(1, "%s: skipped: %s", job->path.c_str(), verdict.reason.c_str());
       break;
   }

@@ -48,8 +48,9 @@ class ScanTask final : private WalkSink {
   /// Waits until the task is known to be startable: nothing when that takes longer, else the reason why it is
   /// not, empty when it is.
   std::optional<std::string> prepared(std::chrono::milliseconds limit);
-  /// Waits until it is over. One thread.
-  void join();
+  /// Waits until its thread is about to end. False at the limit: it hangs in a file system that does not
+  /// answer.
+  bool waitOver(std::chrono::milliseconds limit) const;
   bool pause() { return control_.pause(); }
   bool resume() { return control_.resume(); }
   bool stop(const std::string& reason) { return control_.stop(reason); }
@@ -61,6 +62,7 @@ class ScanTask final : private WalkSink {
   int percent() const;
 
  private:
+  void join();
   void run();
   std::string prepare();
   std::string openItems();
@@ -95,6 +97,8 @@ class ScanTask final : private WalkSink {
   Hooks hooks_;
   std::promise<std::string> preparedPromise_;
   std::future<std::string> preparedFuture_;
+  std::promise<void> overPromise_;
+  const std::shared_future<void> over_;
 
   // Of the walking thread.
   std::optional<Walker> walker_;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "platform/Text.h"
@@ -34,7 +35,7 @@ bool isAdministrator(const CallerId& caller) {
 }
 
 TaskManager::~TaskManager() {
-  stopAll("the agent is ending");
+  stopAll("the agent is ending", std::chrono::hours(1));
 }
 
 std::shared_ptr<BusTaskEvents> TaskManager::eventsFor(const StartRequest& request, const std::string& token) {
@@ -195,7 +196,7 @@ void TaskManager::tellOfLostTasks() {
   }
 }
 
-void TaskManager::stopAll(const std::string& reason) {
+bool TaskManager::stopAll(const std::string& reason, std::chrono::milliseconds limit) {
   std::vector<std::shared_ptr<ScanTask>> tasks;
   {
     const std::lock_guard guard(mutex_);
@@ -207,10 +208,16 @@ void TaskManager::stopAll(const std::string& reason) {
   for (const std::shared_ptr<ScanTask>& task : tasks) {
     task->stop(reason);
   }
-  for (std::shared_ptr<ScanTask>& task : tasks) {
-    task->join();
+  const auto end = std::chrono::steady_clock::now() + limit;
+  bool all = true;
+  for (const std::shared_ptr<ScanTask>& task : tasks) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (!task->waitOver(std::max(left, std::chrono::milliseconds(0)))) {
+      AGENT_LOG(4, "scan %s does not end", task->token().c_str());
+      all = false;
+    }
   }
-  reap();
+  return all;
 }
 
 }  // namespace agent

@@ -62,8 +62,9 @@ class TaskManager {
 
   /// Tells the owners of the tasks that an earlier run of the agent left behind, and forgets them.
   void tellOfLostTasks();
-  /// Ends all tasks with state 5 and waits for their threads. None may be starting meanwhile.
-  void stopAll(const std::string& reason);
+  /// Ends all tasks with state 5 and waits for that. None may be starting meanwhile. False at the limit: the
+  /// process can then only be left, not this object.
+  bool stopAll(const std::string& reason, std::chrono::milliseconds limit);
 
  private:
   std::shared_ptr<BusTaskEvents> eventsFor(const StartRequest& request, const std::string& token);

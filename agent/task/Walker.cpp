@@ -131,12 +131,7 @@ void Walker::walk(Named named, double share) {
   if (!sink_.keepGoing()) {
     return;
   }
-  if (!named.fd) {
-    sink_.skipped(named.path, named.skipReason);
-    sink_.advanced(share);
-    return;
-  }
-  const std::string reason = namedRefusal(named.fd.get());
+  const std::string reason = whyNotWalked(named);
   if (!reason.empty()) {
     sink_.skipped(named.path, reason);
     sink_.advanced(share);
@@ -234,15 +229,17 @@ bool Walker::enterNext() {
   return enter(std::move(fd), status, share, false);
 }
 
-/// Why a path that was named is not gone into; empty when it is.
-std::string Walker::namedRefusal(int fd) const {
-  const std::string path = resolvedPath(fd);
+std::string Walker::whyNotWalked(const Named& named) const {
+  if (!named.fd) {
+    return named.skipReason;
+  }
+  const std::string path = resolvedPath(named.fd.get());
   for (const std::string& excluded : options_.excludedFolders) {
     if (isWithin(path, excluded)) {
       return kOwnFolder;
     }
   }
-  return fileSystemRefusal(fd, true);
+  return fileSystemRefusal(named.fd.get(), true);
 }
 
 /// An entry of a folder that could not be opened.

@@ -57,6 +57,10 @@ class Walker {
   /// Empty error when it could be opened.
   static Named open(const std::string& path, std::string* error);
 
+  /// Why nothing of it would be met: it is no file and no folder, or in a place that is not entered. Empty
+  /// when it can be walked.
+  std::string whyNotWalked(const Named& named) const;
+
   /// Walks it; `share` is its part of the whole work.
   void walk(Named named, double share);
 
@@ -76,7 +80,6 @@ class Walker {
   void meetFile(const Folder& folder, const std::string& name, bool writable);
   bool reopenParent(const Folder& child, Folder& parent);
   void setName(const Folder& folder, const std::string& name);
-  std::string namedRefusal(int fd) const;
   void reportUnopened(int error);
   void reportUnreadEnd(const Folder& folder, int error);
   void loseTheRest();

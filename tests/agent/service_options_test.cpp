@@ -25,11 +25,13 @@ TEST(Options, WithoutArgumentsTheTreeAboveTheProgramIsServedInTheForeground) {
 TEST(Options, EachOptionIsRead) {
   Options options;
   std::string why;
-  ASSERT_TRUE(parseOptions({"--install-dir", "/some//tree/", "--daemon", "--system-signatures", "/db"},
-                           &options, &why));
+  ASSERT_TRUE(parseOptions(
+      {"--install-dir", "/some//tree/", "--daemon", "--system-signatures", "/db", "--log-level", "1"},
+      &options, &why));
   EXPECT_EQ("/some/tree", options.installDir);
   EXPECT_TRUE(options.daemon);
   EXPECT_EQ("/db", options.systemSignatures);
+  EXPECT_EQ(1, options.logLevel);
   Options status;
   ASSERT_TRUE(parseOptions({"--status"}, &status, &why));
   EXPECT_EQ(Options::Action::kStatus, status.action);
@@ -56,12 +58,14 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair("ValueMissing", std::vector<std::string>{"--install-dir"}),
                       std::pair("ValueEmpty", std::vector<std::string>{"--install-dir", ""}),
                       std::pair("TwoActions", std::vector<std::string>{"--status", "--version"}),
+                      std::pair("LogLevelFive", std::vector<std::string>{"--log-level", "5"}),
+                      std::pair("LogLevelText", std::vector<std::string>{"--log-level", "all"}),
                       std::pair("Word", std::vector<std::string>{"start"})),
     [](const auto& row) { return std::string(row.param.first); });
 
 TEST(Options, TheHelpNamesEveryOption) {
-  for (const char* name :
-       {"--install-dir DIR", "--system-signatures DIR", "--daemon", "--status", "--version", "--help"}) {
+  for (const char* name : {"--install-dir DIR", "--system-signatures DIR", "--log-level N", "--daemon",
+                           "--status", "--version", "--help"}) {
     EXPECT_THAT(usage(), HasSubstr(name));
   }
 }

@@ -123,8 +123,8 @@ TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
   counters.infected();
   counters.infected();
   counters.failed();
-  counters.skipped();
-  counters.skipped();
+  counters.skipped("fifo");
+  counters.skipped("symbolic link");
   counters.trusted();
   counters.fixed();
   counters.leftAlone();
@@ -140,6 +140,23 @@ TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
   EXPECT_EQ("/f9", view.cur_item);
   EXPECT_EQ("token", view.token_id);
   EXPECT_EQ(1, counters.underWay());
+}
+
+TEST(Counters, TheSummaryTellsWhySomeWereSkipped) {
+  Counters counters;
+  counters.skipped("fifo");
+  counters.skipped("symbolic link");
+  counters.skipped("symbolic link");
+  EXPECT_THAT(counters.summary(), HasSubstr("3 skipped (1 fifo, 2 symbolic link)"));
+}
+
+TEST(Counters, ManyDifferentReasonsAreFewInTheSummary) {
+  Counters counters;
+  for (int i = 0; i < 1000; ++i) {
+    counters.skipped("reason " + std::to_string(i));
+  }
+  EXPECT_THAT(counters.summary(), HasSubstr("968 other reasons"));
+  EXPECT_LT(counters.summary().size(), 1000U);
 }
 
 TEST(Counters, TheCurrentItemTravelsInItsWireForm) {

@@ -176,6 +176,24 @@ TEST_F(AgentScan, AnItemThatCannotBeOpenedIsStateMinusOneWithTheReasonAndAnswere
   EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("No such file"));
 }
 
+TEST_F(AgentScan, AnItemThatIsNeverScannedIsStateMinusOneAndNoEmptySuccess) {
+  const std::string fifo = tree.data() + "/fifo";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  for (const auto& [item, reason] : std::map<std::string, std::string>{
+           {fifo, "fifo"}, {"/proc", "pseudo file system proc"}, {tree.path() + "/state", "agent itself"}}) {
+    const Json::Value answer = console.startScan({item});
+    EXPECT_FALSE(answer["status"].asBool()) << item;
+    EXPECT_THAT(answer["detail"].asString(), HasSubstr(reason));
+    EXPECT_TRUE(console.waitForState(-1, answer["token_id"].asString()));
+  }
+}
+
+TEST_F(AgentScan, TheEndTellsHowManyWereSkippedAndWhy) {
+  ASSERT_EQ(0, symlink("x", (tree.data() + "/link").c_str()));
+  scan({tree.data()});
+  EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("1 skipped (1 symbolic link)"));
+}
+
 TEST_F(AgentScan, ACustomScanWithoutAPathIsStateMinusOne) {
   const Json::Value answer = console.startScan({});
   EXPECT_FALSE(answer["status"].asBool());
