@@ -1,11 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/ProcessShell.h"
 #include "lunet/Lunet.h"
 #include "shell/TavCliCmdCache.h"
 #include "support/ConsoleLink.h"
 #include "support/GrammarRows.h"
+#include "support/ProcessShell.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
 

@@ -3,7 +3,9 @@
 
 #include <stdexcept>
 
+#include "OnATerminal.h"
 #include "TestGrammar.h"
+#include "lineeditor/Terminal.h"
 #include "support/Capture.h"
 
 using testing::ElementsAre;
@@ -247,6 +249,17 @@ TEST(CliTreeParse, MissingOptionsStandInTheByteOrderOfTheirNames) {
   const ParseOutcome outcome = parse(grammar.tree, "RUN");
   EXPECT_EQ(outcome.result, -1);
   EXPECT_EQ(outcome.printed, report({{"HANDLE", "what then"}, {"MODE", "how fast"}}));
+}
+
+TEST(CliTreeParse, OnATerminalTheReportIsInItsColours) {
+  OnATerminal console([] {
+    RunGrammar grammar;
+    grammar.tree.parse("RUN HANDLE AUTO");
+    lineeditor::flushOutput();
+  });
+  EXPECT_EQ(console.readToTheEnd(),
+            "缺少必要选项:MODE                          how fast                      \r\n"
+            "\x1b[m\x1b[91m\x1b[m\x1b[m\x1b[92m\x1b[m\x1b[m\x1b[93m\x1b[m");
 }
 
 TEST(CliTreeParse, AnOptionKeywordWithoutItsChoiceReportsTheChoices) {

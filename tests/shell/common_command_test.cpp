@@ -1,18 +1,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 
-#include "support/ProcessShell.h"
+#include "OnATerminal.h"
 #include "lineeditor/History.h"
 #include "shell/TavCliCmdCommon.h"
 #include "support/GrammarRows.h"
+#include "support/ProcessShell.h"
 #include "support/TempDir.h"
 
 using testing::ElementsAre;
@@ -36,52 +33,6 @@ class CommonGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
 std::string golden(const char* name) {
   return readFile(std::string(TAV_SOURCE_DIR) + "/tests/shell/data/" + name);
 }
-
-/// Runs a line as a child on a terminal of 24 rows and 80 columns.
-class OnATerminal {
- public:
-  explicit OnATerminal(const char* line) {
-    loadedShell();
-    winsize size{};
-    size.ws_row = 24;
-    size.ws_col = 80;
-    child_ = forkpty(&terminal_, nullptr, nullptr, &size);
-    if (child_ == 0) {
-      setenv("TERM", "xterm", 1);
-      const std::int32_t result = TavCliCompletion::instance().executeLine(line);
-      std::fflush(stdout);
-      _exit(result);
-    }
-  }
-  ~OnATerminal() {
-    close(terminal_);
-    int status = 0;
-    waitpid(child_, &status, 0);
-  }
-  OnATerminal(const OnATerminal&) = delete;
-  OnATerminal& operator=(const OnATerminal&) = delete;
-
-  void press(char key) { EXPECT_EQ(write(terminal_, &key, 1), 1); }
-  /// Reads until the output ends with the text, or nothing more comes.
-  std::string readUntil(const std::string& text) {
-    std::string output;
-    char chunk[4096];
-    pollfd wait{terminal_, POLLIN, 0};
-    while (!output.ends_with(text) && poll(&wait, 1, 20000) == 1) {
-      const ssize_t count = read(terminal_, chunk, sizeof chunk);
-      if (count <= 0) {
-        break;
-      }
-      output.append(chunk, static_cast<std::size_t>(count));
-    }
-    return output;
-  }
-  std::string readToTheEnd() { return readUntil(std::string(1, '\x01')); }
-
- private:
-  int terminal_ = -1;
-  pid_t child_ = -1;
-};
 
 constexpr const char* kPagerPrompt = "*** Press <Space> or <Enter> to continue . . .";
 
@@ -153,7 +104,8 @@ TEST(CommonCommand, HelpAppPrintsTheExampleBoxByteForByte) {
 }
 
 TEST(CommonCommand, HelpCtrlPausesAfterTwentyThreeLinesInATerminalOfTwentyFour) {
-  OnATerminal console("help ctrl");
+  loadedShell();
+  OnATerminal console([] { TavCliCompletion::instance().executeLine("help ctrl"); });
   const std::string page = console.readUntil(kPagerPrompt);
   ASSERT_THAT(page, HasSubstr(kPagerPrompt));
   EXPECT_EQ(tableLines(page), 23);
@@ -161,8 +113,9 @@ TEST(CommonCommand, HelpCtrlPausesAfterTwentyThreeLinesInATerminalOfTwentyFour) 
 }
 
 TEST(CommonCommand, ABlankOrEnterShowsTheNextPageOfTheKeyTable) {
+  loadedShell();
   for (const char key : {' ', '\r', '\n'}) {
-    OnATerminal console("HELP CTRL");
+    OnATerminal console([] { TavCliCompletion::instance().executeLine("HELP CTRL"); });
     console.readUntil(kPagerPrompt);
     console.press(key);
     const std::string second = console.readUntil(kPagerPrompt);
@@ -175,7 +128,8 @@ TEST(CommonCommand, ABlankOrEnterShowsTheNextPageOfTheKeyTable) {
 }
 
 TEST(CommonCommand, AnyOtherKeyEndsTheKeyTable) {
-  OnATerminal console("HELP CTRL");
+  loadedShell();
+  OnATerminal console([] { TavCliCompletion::instance().executeLine("HELP CTRL"); });
   console.readUntil(kPagerPrompt);
   console.press('x');
   const std::string rest = console.readToTheEnd();

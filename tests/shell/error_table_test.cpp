@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <ostream>
 
+#include "OnATerminal.h"
+#include "lineeditor/Terminal.h"
 #include "shell/ErrorTable.h"
 #include "support/Capture.h"
 
@@ -104,4 +106,23 @@ TEST(ErrorTable, NoMessageOfAFailedTrustRegionRequestIsStored) {
 
 TEST(ErrorTable, IsOneTable) {
   EXPECT_EQ(&ErrorTable::instance(), &ErrorTable::instance());
+}
+
+TEST(ErrorTable, OnATerminalTheColourIsResetBehindTheMessage) {
+  // The sequences reach the terminal with the next flush, behind the text.
+  OnATerminal console([] {
+    ErrorTable::instance().print(-11006);
+    lineeditor::flushOutput();
+  });
+  EXPECT_EQ(console.readToTheEnd(), "ERR: config protectlevel empty \r\n\x1b[m\x1b[91m\x1b[m");
+}
+
+TEST(ErrorTable, WithoutColoursOnATerminalThatIsNotUsable) {
+  OnATerminal console(
+      [] {
+        ErrorTable::instance().print(-11006);
+        lineeditor::flushOutput();
+      },
+      "DUMB");
+  EXPECT_EQ(console.readToTheEnd(), "ERR: config protectlevel empty \r\n");
 }
