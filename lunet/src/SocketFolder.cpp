@@ -79,6 +79,10 @@ FolderCheck examine(const SocketFolder& folder, bool change) {
   }
   platform::Descriptor readable;
   const bool mine = st.st_uid == geteuid();
+  if (!mine && !folder.group) {
+    return refuse(visibleText(folder.path) + " is private to user " + std::to_string(st.st_uid) +
+                  "; the bus configuration names no \"group\" that may join");
+  }
   if (change && mine) {
     readable =
         platform::Descriptor(open(folder.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -99,7 +103,8 @@ std::string socketDirectory(const std::string& runtimePath, const std::string& c
   if (folder.empty()) {
     folder = kDefaultFolder;
   }
-  return utils::FormatDir(folder.front() == '/' ? folder : runtimePath + "/" + folder, false);
+  const bool standsAlone = folder.front() == '/' || runtimePath.empty();
+  return utils::FormatDir(standsAlone ? folder : runtimePath + "/" + folder, false);
 }
 
 std::string SocketFolder::socketPath(const Guid& guid) const {

@@ -1,8 +1,19 @@
 #include "BusFixture.h"
 
-#include <chrono>
-#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "Frame.h"
+#include "SocketFolder.h"
 #include "platform/Text.h"
 #include "support/Wait.h"
 
@@ -128,6 +139,81 @@ std::string BusTest::config(const std::string& more) const {
 
 std::string BusTest::socketOf(const lunet::Guid& guid) const {
   return socketFolder() + "/" + lunet::formatGuid(guid) + ".sock";
+}
+
+void BusTest::installTree(const std::string& busConfig) const {
+  namespace fs = std::filesystem;
+  for (const char* folder : {"bin", "lib/modules", "etc/communication"}) {
+    fs::create_directories(tree.at(folder));
+  }
+  fs::copy_file(TAV_LIB_DIR "/libLunetClientMgr.so", tree.at("lib/modules/libLunetClientMgr.so"));
+  fs::copy_file(TAV_BIN_DIR "/lunetctl", tree.at("bin/lunetctl"));
+  fs::copy_file(TAV_BIN_DIR "/lunet_intruder", tree.at("bin/lunet_intruder"));
+  tree.write("etc/communication/cli_lunet.conf", busConfig);
+  chmod(tree.path().c_str(), 0755);
+}
+
+std::vector<std::string> BusTest::lunetctl(std::vector<std::string> words) const {
+  words.insert(words.begin(), {tree.at("bin/lunetctl"), "--runtime", tree.path()});
+  return words;
+}
+
+RawConnection::RawConnection(const std::string& socketPath) {
+  const auto address = lunet::socketAddress(socketPath);
+  fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const timeval limit{20, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  if (!address || connect(fd_, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
+    close();
+  }
+}
+
+RawConnection::~RawConnection() {
+  close();
+}
+
+void RawConnection::close() {
+  if (fd_ >= 0) {
+    ::close(std::exchange(fd_, -1));
+  }
+}
+
+void RawConnection::send(const void* data, std::size_t length) const {
+  (void)::send(fd_, data, length, MSG_NOSIGNAL);
+}
+
+std::uint32_t RawConnection::greet(const lunet::Guid& self, const lunet::Guid& target) const {
+  lunet::FrameHeader header;
+  header.kind = lunet::FrameKind::kHello;
+  header.length = sizeof(lunet::HelloBody);
+  send(header);
+  send(lunet::HelloBody{self, target});
+  const std::string welcome = receive(sizeof header + sizeof(lunet::Guid));
+  if (welcome.size() < sizeof header) {
+    return lunet::kErrPeerLost;
+  }
+  std::memcpy(&header, welcome.data(), sizeof header);
+  return header.channel;
+}
+
+std::string RawConnection::receive(std::size_t length) const {
+  std::string data(length, '\0');
+  std::size_t have = 0;
+  while (have < length) {
+    const ssize_t count = recv(fd_, data.data() + have, length - have, 0);
+    if (count <= 0) {
+      break;
+    }
+    have += static_cast<std::size_t>(count);
+  }
+  data.resize(have);
+  return data;
+}
+
+bool RawConnection::waitUntilClosed() const {
+  char byte = 0;
+  const ssize_t count = recv(fd_, &byte, 1, 0);
+  return count == 0 || (count < 0 && errno == ECONNRESET);
 }
 
 void Gate::open() {

@@ -13,6 +13,7 @@
 
 #include "lunet/ClientLibrary.h"
 #include "lunet/Lunet.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace lunettest {
@@ -98,7 +99,48 @@ class BusTest : public ::testing::Test {
   std::string socketFolder() const { return tree.at("run/lunet"); }
   std::string socketOf(const lunet::Guid& guid) const;
 
+  /// Puts the library, lunetctl and lunet_intruder into the tree, and lets other users come that far.
+  void installTree(const std::string& busConfig = "{}") const;
+  std::vector<std::string> lunetctl(std::vector<std::string> words) const;
+
   testsupport::TempDir tree;
+};
+
+/// A process of its own that plays the endpoint of that address with "lunetctl listen".
+class Player {
+ public:
+  Player(const std::vector<std::string>& lunetctl, const testsupport::Process::Options& options = {})
+      : process(lunetctl, options) {}
+  bool ready() { return process.waitForOut("\"event\":\"ready\""); }
+  bool gotMessage(const std::string& data) { return process.waitForOut("\"data\":\"" + data + "\""); }
+
+  testsupport::Process process;
+};
+
+/// A connection made by hand, that may break every rule.
+class RawConnection {
+ public:
+  explicit RawConnection(const std::string& socketPath);
+  ~RawConnection();
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+
+  bool connected() const { return fd_ >= 0; }
+  void send(const void* data, std::size_t length) const;
+  template <class T>
+  void send(const T& object) const {
+    send(&object, sizeof object);
+  }
+  /// The usual greeting; the verdict.
+  std::uint32_t greet(const lunet::Guid& self, const lunet::Guid& target) const;
+  /// Reads exactly that many bytes; shorter when the other side ends the connection.
+  std::string receive(std::size_t length) const;
+  /// True when the other side ends the connection.
+  bool waitUntilClosed() const;
+  void close();
+
+ private:
+  int fd_ = -1;
 };
 
 /// A gate that a test opens: threads wait in it, with a limit.

@@ -1,0 +1,268 @@
+// Who may join: root, the same user, and the members of the configured group, also by a supplementary group
+// only. The tests run as root and start their second users as processes of their own.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "BusFixture.h"
+#include "support/Wait.h"
+
+using namespace lunettest;
+using testsupport::Process;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uid_t kMember = 23456;
+constexpr uid_t kOtherMember = 23457;
+constexpr uid_t kStranger = 23458;
+constexpr const char* kGroupName = "users";
+
+gid_t groupNumber() {
+  const group* entry = getgrnam(kGroupName);
+  return entry != nullptr ? entry->gr_gid : 0;
+}
+
+/// That user; his own group is not the bus's, which he has as a supplementary one, if at all.
+Process::Options as(uid_t uid, bool member) {
+  Process::Options options;
+  options.uid = uid;
+  options.gid = uid;
+  if (member) {
+    options.groups = {groupNumber()};
+  }
+  return options;
+}
+
+}  // namespace
+
+class GroupTest : public BusTest {
+ protected:
+  GroupTest() { installTree("{\"group\":\"users\"}"); }
+
+  static std::string groupMember() { return "\"group\":\"users\""; }
+  std::vector<std::string> words(const char* command, const lunet::Guid& guid) const {
+    return lunetctl({command, lunet::formatGuid(guid)});
+  }
+  std::vector<std::string> words(const char* command, const lunet::Guid& guid, const char* text) const {
+    return lunetctl({command, lunet::formatGuid(guid), text});
+  }
+  std::string intrude(const Process::Options& user, const lunet::Guid& claimed,
+                      const lunet::Guid& target) const {
+    Process process({tree.at("bin/lunet_intruder"), socketOf(target), lunet::formatGuid(claimed),
+                     lunet::formatGuid(target)},
+                    user);
+    process.wait();
+    return process.out();
+  }
+
+  Client client{config(groupMember())};
+  const lunet::Guid address = newGuid();
+};
+
+TEST_F(GroupTest, TheFolderIsForTheGroupAndSticky) {
+  Endpoint server(client, address);
+  struct stat st {};
+  ASSERT_EQ(stat(socketFolder().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777u, 03770u);
+  EXPECT_EQ(st.st_gid, groupNumber());
+  ASSERT_EQ(stat(socketOf(address).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777u, 0660u);
+  EXPECT_EQ(st.st_gid, groupNumber());
+}
+
+TEST_F(GroupTest, AMemberBySupplementaryMembershipOnlyMayJoin) {
+  Endpoint server(client, address, echo);
+  Process process(words("call", address, "let me in"), as(kMember, true));
+  EXPECT_EQ(process.wait(), 0) << process.err();
+  EXPECT_EQ(process.out(), "let me in\n");
+  ASSERT_EQ(server.count(), 1u);
+  EXPECT_EQ(server.messages()[0].process.uid, kMember);
+  EXPECT_EQ(server.messages()[0].process.gid, kMember);
+}
+
+TEST_F(GroupTest, AUserWhoIsNotInTheGroupDoesNotGetNear) {
+  Endpoint server(client, address, echo);
+  Process process(words("call", address, "let me in"), as(kStranger, false));
+  EXPECT_EQ(process.wait(), 1);
+  EXPECT_NE(process.err(), "");
+  EXPECT_EQ(server.count(), 0u);
+  EXPECT_TRUE(intrude(as(kStranger, false), newGuid(), address).starts_with("refused: "));
+}
+
+TEST_F(GroupTest, AUserWhoIsNotInTheGroupIsCutOffAndLoggedEvenWhereTheFilesLetHimIn) {
+  static std::mutex mutex;
+  static std::string log;
+  Client logged(config(groupMember() + ",\"log_level\":0"));
+  logged->SetLogCallback([](int, const char* text) {
+    const std::lock_guard lock(mutex);
+    log += std::string(text) + "\n";
+  });
+  Endpoint server(logged, address, echo);
+  ASSERT_EQ(chmod(socketFolder().c_str(), 0777), 0);
+  ASSERT_EQ(chmod(socketOf(address).c_str(), 0666), 0);
+  EXPECT_EQ(intrude(as(kStranger, false), newGuid(), address), "verdict E0010009\n");
+  const std::lock_guard lock(mutex);
+  EXPECT_NE(log.find("user 23458 is refused"), std::string::npos) << log;
+}
+
+TEST_F(GroupTest, AMemberCannotClaimAnothersAddress) {
+  Endpoint server(client, address, echo);
+  Endpoint console(client, lunet::parseGuid(lunet::kConsoleGuid));
+  EXPECT_EQ(intrude(as(kMember, true), console.guid(), address), "verdict E0010009\n");
+  EXPECT_EQ(intrude(Process::Options{}, console.guid(), address), "verdict 00000000\n");
+}
+
+TEST_F(GroupTest, AMemberCanNeitherRemoveNorReplaceAnothersSocket) {
+  Endpoint server(client, address, echo);
+  Process remove({"/bin/rm", "-f", socketOf(address)}, as(kMember, true));
+  EXPECT_NE(remove.wait(), 0);
+  Process make(
+      {"/bin/sh", "-c",
+       "> '" + socketFolder() + "/mine' && mv -f '" + socketFolder() + "/mine' '" + socketOf(address) + "'"},
+      as(kMember, true));
+  EXPECT_NE(make.wait(), 0);
+  Process open(words("listen", address), as(kMember, true));
+  EXPECT_EQ(open.wait(), 1);
+  EXPECT_NE(open.err().find("in use"), std::string::npos) << open.err();
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(address, "x").data, "x");
+}
+
+TEST_F(GroupTest, AMemberCannotTakeOverWhatAnothersCrashLeft) {
+  {
+    Player player(words("listen", address));
+    ASSERT_TRUE(player.ready());
+    player.process.kill(SIGKILL);
+    player.process.wait();
+  }
+  Process open(words("listen", address), as(kMember, true));
+  EXPECT_EQ(open.wait(), 1);
+  EXPECT_NE(open.err().find("belongs to user 0"), std::string::npos) << open.err();
+}
+
+TEST_F(GroupTest, RootTakesOverWhatAMembersCrashLeft) {
+  { Endpoint endpoint(client, newGuid()); }  // makes the folder
+  {
+    Player player(words("listen", address), as(kMember, true));
+    ASSERT_TRUE(player.ready());
+    player.process.kill(SIGKILL);
+    player.process.wait();
+  }
+  Endpoint server(client, address, echo);
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(address, "x").data, "x");
+}
+
+class SquatterTest : public GroupTest {
+ protected:
+  SquatterTest() {
+    { Endpoint endpoint(client, newGuid()); }  // makes the folder
+    squatter = std::make_unique<Player>(words("listen", agent), as(kMember, true));
+    EXPECT_TRUE(squatter->ready()) << squatter->process.err();
+  }
+  const lunet::Guid agent = lunet::parseGuid(lunet::kAgentGuid);
+  std::unique_ptr<Player> squatter;
+};
+
+TEST_F(SquatterTest, AMemberAtTheAgentsAddressIsNotTalkedTo) {
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.send(agent, "x"), lunet::kErrDenied);
+  EXPECT_EQ(caller.call(agent, "x").error, lunet::kErrDenied);
+  EXPECT_EQ(client->Connect(10), lunet::kErrDenied);
+  EXPECT_EQ(squatter->process.out().find("message"), std::string::npos);
+}
+
+TEST_F(SquatterTest, AnotherMemberDoesNotTalkToHimEither) {
+  Process call(words("call", agent, "secret"), as(kOtherMember, true));
+  EXPECT_EQ(call.wait(), 1);
+  EXPECT_NE(call.err().find("access is denied"), std::string::npos) << call.err();
+  EXPECT_EQ(squatter->process.out().find("secret"), std::string::npos);
+}
+
+TEST_F(SquatterTest, HeHimselfMay) {
+  Process send(words("send", agent, "own"), as(kMember, true));
+  EXPECT_EQ(send.wait(), 0) << send.err();
+  EXPECT_TRUE(squatter->gotMessage("own"));
+}
+
+TEST_F(SquatterTest, HeCannotKeepTheAgentFromItsAddress) {
+  Endpoint server(client, agent, echo);
+  EXPECT_EQ(client->Connect(10), lunet::kOk);
+  Process call(words("call", agent, "x"), as(kOtherMember, true));
+  EXPECT_EQ(call.wait(), 0) << call.err();
+  squatter.reset();
+  EXPECT_EQ(client->Connect(10), lunet::kOk);
+}
+
+TEST_F(SquatterTest, AMembersOtherAddressIsHisAndRootDoesNotTakeIt) {
+  Player player(words("listen", address), as(kMember, true));
+  ASSERT_TRUE(player.ready());
+  Endpoint mine(client);
+  EXPECT_EQ(mine->Open(address), lunet::kErrInUse);
+}
+
+TEST_F(GroupTest, SendToProcessReachesAMemberWhomPlainSendsDoNot) {
+  Endpoint agent(client, address);
+  const lunet::Guid console = newGuid();
+  Player player(words("listen", console), as(kMember, true));
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  player.process.write("{\"send\":\"" + lunet::formatGuid(address) +
+                       "\",\"channel\":20991,\"data\":\"me\"}\n");
+  ASSERT_TRUE(agent.waitForCount(1));
+  const lunet::PeerIdentity process = agent.messages()[0].process;
+  EXPECT_EQ(agent->SendToProcess(console, process, lunet::kOnewayChannel, "hello", 5), lunet::kOk);
+  EXPECT_TRUE(player.gotMessage("hello"));
+  EXPECT_EQ(agent.send(console, "plain"), lunet::kErrDenied);
+}
+
+class PrivateTest : public BusTest {
+ protected:
+  PrivateTest() { installTree(); }
+  Client client{config()};
+};
+
+TEST_F(PrivateTest, WithoutAGroupAnotherUserDoesNotGetNear) {
+  Endpoint server(client, newGuid(), echo);
+  Process process(lunetctl({"call", lunet::formatGuid(server.guid()), "x"}), as(kStranger, true));
+  EXPECT_EQ(process.wait(), 1);
+  EXPECT_NE(process.err().find("is private to user 0"), std::string::npos) << process.err();
+  EXPECT_EQ(server.count(), 0u);
+}
+
+TEST_F(PrivateTest, WithoutAGroupAnotherUserIsCutOffEvenWhereTheFilesLetHimIn) {
+  Endpoint server(client, newGuid(), echo);
+  ASSERT_EQ(chmod(socketFolder().c_str(), 0777), 0);
+  ASSERT_EQ(chmod(socketOf(server.guid()).c_str(), 0666), 0);
+  Process process({tree.at("bin/lunet_intruder"), socketOf(server.guid()), lunet::formatGuid(newGuid()),
+                   lunet::formatGuid(server.guid())},
+                  as(kStranger, true));
+  process.wait();
+  EXPECT_EQ(process.out(), "verdict E0010009\n");
+}
+
+TEST_F(PrivateTest, AUserOtherThanRootHasHisOwnBusInHisOwnTree) {
+  const std::string mine = tree.at("mine");
+  fs::create_directories(mine + "/lib/modules");
+  fs::copy_file(tree.at("lib/modules/libLunetClientMgr.so"), mine + "/lib/modules/libLunetClientMgr.so");
+  for (const auto& entry : fs::recursive_directory_iterator(mine)) {
+    ASSERT_EQ(chown(entry.path().c_str(), kMember, kMember), 0);
+  }
+  ASSERT_EQ(chown(mine.c_str(), kMember, kMember), 0);
+  const std::string guid = lunet::formatGuid(newGuid());
+  const std::vector<std::string> tool{tree.at("bin/lunetctl"), "--runtime", mine};
+  std::vector<std::string> listen = tool;
+  listen.insert(listen.end(), {"listen", guid});
+  std::vector<std::string> send = tool;
+  send.insert(send.end(), {"send", guid, "hello"});
+  Player player(listen, as(kMember, false));
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  Process sender(send, as(kMember, false));
+  EXPECT_EQ(sender.wait(), 0) << sender.err();
+  EXPECT_TRUE(player.gotMessage("hello"));
+}

@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <future>
+
+#include "BusFixture.h"
+#include "support/Wait.h"
+
+using namespace lunettest;
+
+struct BadConfigRow {
+  const char* name;
+  const char* config;
+};
+
+class BadConfigTest : public testing::TestWithParam<BadConfigRow> {};
+
+TEST_P(BadConfigTest, IsRefused) {
+  Client client(GetParam().config);
+  EXPECT_EQ(client.initResult(), lunet::kErrArgument);
+  EXPECT_EQ(client->CreateEndpoint(), nullptr);
+  EXPECT_EQ(client->Connect(0), lunet::kErrNotOpen);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, BadConfigTest,
+    testing::Values(BadConfigRow{"Empty", ""}, BadConfigRow{"NotJson", "{"}, BadConfigRow{"NoObject", "[]"},
+                    BadConfigRow{"NoPlaceForSockets", "{}"},
+                    BadConfigRow{"ARelativeTree", R"({"runtime_path":"here"})"},
+                    BadConfigRow{"AGroupThatDoesNotExist",
+                                 R"({"runtime_path":"/tmp/x","group":"no such group"})"},
+                    BadConfigRow{"AGroupThatIsNoText", R"({"runtime_path":"/tmp/x","group":100})"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+class ClientTest : public BusTest {
+ protected:
+  const lunet::Guid agent = lunet::parseGuid(lunet::kAgentGuid);
+};
+
+TEST_F(ClientTest, ANullConfigurationIsRefusedAndANullUuidIsNot) {
+  lunet::ClientLibrary library;
+  ASSERT_EQ(library.load(TAV_LIB_DIR "/libLunetClientMgr.so"), "");
+  ASSERT_EQ(library.createClient(), "");
+  EXPECT_EQ(library.client()->Init(nullptr, "x"), lunet::kErrArgument);
+  EXPECT_EQ(library.client()->Init(config().c_str(), nullptr), lunet::kOk);
+  EXPECT_EQ(library.client()->Init(config().c_str(), "again"), lunet::kErrArgument);
+}
+
+TEST_F(ClientTest, ConnectSucceedsWhenTheAgentAccepts) {
+  Client client(config());
+  Endpoint server(client, agent);
+  EXPECT_EQ(client->Connect(10), lunet::kOk);
+}
+
+TEST_F(ClientTest, ConnectWaitsForAnAgentThatIsJustStarting) {
+  installTree();
+  Client client(config());
+  auto connected = std::async(std::launch::async, [&] { return client->Connect(60); });
+  Player player(lunetctl({"listen", lunet::kAgentGuid}));
+  ASSERT_TRUE(player.ready());
+  EXPECT_EQ(connected.get(), lunet::kOk);
+}
+
+TEST_F(ClientTest, ConnectGivesUpAfterTheLesserOfTheTwoTimes) {
+  // Neither could pass if the longer one (an hour) counted.
+  Client configured(config("\"connect_timeout_ms\":30"));
+  EXPECT_EQ(configured->Connect(3600), lunet::kErrNoTarget);
+  Client longer(config("\"connect_timeout_ms\":3600000"));
+  EXPECT_EQ(longer->Connect(0), lunet::kErrNoTarget);
+}
+
+TEST_F(ClientTest, AMissingAgentIsNotThereForACrashedOnesFiles) {
+  installTree();
+  Client client(config("\"connect_timeout_ms\":50"));
+  {
+    Player player(lunetctl({"listen", lunet::kAgentGuid}));
+    ASSERT_TRUE(player.ready());
+    EXPECT_EQ(client->Connect(10), lunet::kOk);
+    player.process.kill(SIGKILL);
+    player.process.wait();
+  }
+  EXPECT_EQ(client->Connect(10), lunet::kErrNoTarget);
+}
+
+TEST_F(ClientTest, AnUnsafeFolderEndsConnectAtOnceWithPath) {
+  tree.write("run/lunet", "a file");
+  Client client(config());
+  EXPECT_EQ(client->Connect(3600), lunet::kErrPath);
+}
+
+TEST_F(ClientTest, OperationsOnAnEndpointThatIsNotOpenSaySo) {
+  Client client(config());
+  Endpoint endpoint(client);
+  EXPECT_EQ(endpoint.send(agent, "x"), lunet::kErrNotOpen);
+  EXPECT_EQ(endpoint.call(agent, "x").error, lunet::kErrNotOpen);
+  EXPECT_EQ(endpoint->Reply(0, 1, "x", 1, reinterpret_cast<void*>(1)), lunet::kErrNotOpen);
+  lunet::PeerIdentity identity;
+  EXPECT_EQ(endpoint->GetPeerIdentity(&identity), lunet::kErrNotOpen);
+  lunet::Guid peer = agent;
+  endpoint->GetPeer(&peer);
+  EXPECT_EQ(peer, lunet::Guid{});
+  endpoint->Close();
+}
+
+TEST_F(ClientTest, TwoTreesDoNotMeet) {
+  testsupport::TempDir other;
+  Client here(config());
+  Client there("{\"runtime_path\":\"" + other.path() + "\"}");
+  Endpoint first(here, agent);
+  Endpoint second(there, agent);
+  Endpoint caller(there, newGuid());
+  EXPECT_EQ(caller.send(agent, "x"), lunet::kOk);
+  EXPECT_TRUE(second.waitForCount(1));
+  EXPECT_EQ(first.count(), 0u);
+}
+
+TEST_F(ClientTest, ASocketFolderOfItsOwnIsUsed) {
+  Client client(config("\"socket_dir\":\"" + tree.at("elsewhere") + "\""));
+  Endpoint endpoint(client, agent);
+  EXPECT_TRUE(std::filesystem::exists(tree.at("elsewhere/") + lunet::kAgentGuid + ".sock"));
+}
+
+TEST_F(ClientTest, DisconnectClosesAndUninitDestroysTheEndpoints) {
+  Client client(config());
+  Endpoint endpoint(client, agent);
+  client->Disconnect();
+  EXPECT_EQ(endpoint.send(agent, "x"), lunet::kErrNotOpen);
+  endpoint.destroy();
+  client->Uninit();
+  EXPECT_EQ(client->CreateEndpoint(), nullptr);
+}
+
+TEST_F(ClientTest, TheReservedSlotIsThere) {
+  Client client(config());
+  client->Reserved();
+  EXPECT_EQ(client.initResult(), lunet::kOk);
+}
+
+TEST_F(ClientTest, ItsThreadsTakeNoSignalsOfTheProgram) {
+  Client client(config());
+  Endpoint endpoint(client, agent);
+  const auto check = [] {
+    int checked = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      const std::string name = testsupport::readFile(task.path().string() + "/comm");
+      if (name.starts_with("lunet-")) {
+        const std::string status = testsupport::readFile(task.path().string() + "/status");
+        const std::size_t at = status.find("SigBlk:\t") + 8;
+        const unsigned long long blocked = std::stoull(status.substr(at, 16), nullptr, 16);
+        EXPECT_NE(blocked & (1ull << (SIGTERM - 1)), 0u) << name;
+        ++checked;
+      }
+    }
+    return checked;
+  };
+  EXPECT_TRUE(testsupport::waitFor([&] { return check() == 2; }));  // a thread names itself
+}

@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "FrameReader.h"
+
+using lunet::FrameHeader;
+using lunet::FrameKind;
+using lunet::FrameReader;
+
+namespace {
+
+std::string frame(const std::string& body, std::uint64_t id = 1) {
+  FrameHeader header;
+  header.id = id;
+  header.length = static_cast<std::uint32_t>(body.size());
+  return std::string(reinterpret_cast<const char*>(&header), sizeof header) + body;
+}
+
+/// Feeds at most `step` bytes at a time; returns the bodies that came out.
+std::vector<std::string> feed(FrameReader& reader, std::string_view bytes, std::size_t step) {
+  std::vector<std::string> bodies;
+  while (!bytes.empty()) {
+    const std::span<char> space = reader.space();
+    const std::size_t count = std::min({space.size(), bytes.size(), step});
+    std::memcpy(space.data(), bytes.data(), count);
+    reader.filled(count);
+    bytes.remove_prefix(count);
+    while (reader.next() == FrameReader::Next::kFrame) {
+      bodies.emplace_back(reader.body());
+    }
+  }
+  return bodies;
+}
+
+FrameReader::Next feedHeader(FrameReader& reader, const FrameHeader& header) {
+  const std::span<char> space = reader.space();
+  std::memcpy(space.data(), &header, sizeof header);
+  reader.filled(sizeof header);
+  return reader.next();
+}
+
+}  // namespace
+
+TEST(FrameReaderTest, FramesOfEverySizeSurviveEveryCutting) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  for (int round = 0; round < 20; ++round) {
+    FrameReader reader;
+    std::vector<std::string> sent;
+    std::string bytes;
+    for (int i = 0; i < 30; ++i) {
+      const std::size_t limit = random() % 4 == 0 ? 200000 : 500;
+      sent.emplace_back(random() % limit, static_cast<char>('a' + i % 26));
+      bytes += frame(sent.back());
+    }
+    EXPECT_EQ(feed(reader, bytes, 1 + random() % 70000), sent);
+    EXPECT_FALSE(reader.inFrame());
+  }
+}
+
+TEST(FrameReaderTest, BytewiseArrivalIsNoProblem) {
+  FrameReader reader;
+  EXPECT_EQ(feed(reader, frame("one") + frame("") + frame("three"), 1),
+            (std::vector<std::string>{"one", "", "three"}));
+}
+
+TEST(FrameReaderTest, AHalfFrameIsKnownAsSuch) {
+  FrameReader reader;
+  feed(reader, frame("whole"), 1000);
+  EXPECT_FALSE(reader.inFrame());
+  feed(reader, frame("half").substr(0, 26), 1000);
+  EXPECT_TRUE(reader.inFrame());
+}
+
+TEST(FrameReaderTest, AHalfLargeFrameIsKnownAsSuch) {
+  FrameReader reader;
+  feed(reader, frame(std::string(100000, 'x')).substr(0, sizeof(FrameHeader)), 1000);
+  EXPECT_TRUE(reader.inFrame());
+}
+
+TEST(FrameReaderTest, AnAnnouncedLengthTakesNoMemoryBeforeItsBytesArrive) {
+  FrameReader reader;
+  FrameHeader header;
+  header.length = lunet::kMaxMessageBytes;
+  EXPECT_EQ(feedHeader(reader, header), FrameReader::Next::kMore);
+  EXPECT_LE(reader.space().size(), 1u << 20);
+}
+
+TEST(FrameReaderTest, ATakenBodyIsTheCallersAndEndsInANul) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{5}, std::size_t{100000}}) {
+    FrameReader reader;
+    const std::string bytes = frame(std::string(size, 'b')) + frame("next");
+    std::string_view rest = bytes;
+    FrameReader::Next next = FrameReader::Next::kMore;
+    while (next == FrameReader::Next::kMore) {
+      const std::span<char> space = reader.space();
+      const std::size_t count = std::min({space.size(), rest.size(), std::size_t{1000}});
+      std::memcpy(space.data(), rest.data(), count);
+      reader.filled(count);
+      rest.remove_prefix(count);
+      next = reader.next();
+    }
+    ASSERT_EQ(next, FrameReader::Next::kFrame);
+    const lunet::MallocBuffer body = reader.takeBody();
+    EXPECT_EQ(std::string(body.get()), std::string(size, 'b'));
+    if (rest.empty()) {
+      ASSERT_EQ(reader.next(), FrameReader::Next::kFrame);
+      EXPECT_EQ(reader.body(), "next");
+    } else {
+      EXPECT_EQ(feed(reader, rest, 1000), std::vector<std::string>{"next"});
+    }
+  }
+}
+
+struct BadHeaderRow {
+  const char* name;
+  void (*spoil)(FrameHeader&);
+  const char* why;
+};
+
+class BadHeaderTest : public testing::TestWithParam<BadHeaderRow> {};
+
+TEST_P(BadHeaderTest, EndsTheConnection) {
+  FrameReader reader;
+  FrameHeader header;
+  GetParam().spoil(header);
+  EXPECT_EQ(feedHeader(reader, header), FrameReader::Next::kBad);
+  EXPECT_STREQ(reader.whyBadFrame(), GetParam().why);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, BadHeaderTest,
+    testing::Values(
+        BadHeaderRow{"AWrongMagic", [](FrameHeader& h) { h.magic ^= 1; }, "wrong magic"},
+        BadHeaderRow{"AnUnknownVersion", [](FrameHeader& h) { ++h.version; }, "unknown frame version"},
+        BadHeaderRow{"ALengthOverTheLimit", [](FrameHeader& h) { h.length = lunet::kMaxMessageBytes + 1; },
+                     "announced length over the limit"},
+        BadHeaderRow{"KindZero", [](FrameHeader& h) { h.kind = FrameKind{0}; }, "unknown frame kind"},
+        BadHeaderRow{"KindSeven", [](FrameHeader& h) { h.kind = FrameKind{7}; }, "unknown frame kind"}),
+    [](const auto& row) { return std::string(row.param.name); });

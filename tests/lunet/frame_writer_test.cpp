@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+
+#include "FrameWriter.h"
+#include "platform/Descriptor.h"
+
+using lunet::FrameHeader;
+using lunet::FrameWriter;
+
+class FrameWriterTest : public testing::Test {
+ protected:
+  static std::array<int, 2> makePair() {
+    std::array<int, 2> pair{-1, -1};
+    (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data());
+    return pair;
+  }
+
+  FrameWriter::Result write(std::size_t size) {
+    const std::string body(size, 'w');
+    FrameHeader header;
+    header.length = static_cast<std::uint32_t>(size);
+    return writer.write(header, body.data());
+  }
+
+  /// Everything that is in the socket now.
+  std::size_t drainSocket() const {
+    std::string block(1 << 20, '\0');
+    std::size_t total = 0;
+    for (;;) {
+      const ssize_t count = recv(theirs.get(), block.data(), block.size(), MSG_DONTWAIT);
+      if (count <= 0) {
+        return total;
+      }
+      total += static_cast<std::size_t>(count);
+    }
+  }
+
+  const std::array<int, 2> pair{makePair()};
+  platform::Descriptor ours{pair[0]};
+  platform::Descriptor theirs{pair[1]};
+  bool wanted = false;
+  FrameWriter writer{ours.get(), [this](bool want) { wanted = want; }};
+};
+
+TEST_F(FrameWriterTest, WhatTheSocketTakesGoesOutAtOnce) {
+  EXPECT_EQ(write(300), FrameWriter::Result::kTaken);
+  EXPECT_EQ(writer.queuedBytes(), 0u);
+  EXPECT_FALSE(wanted);
+  EXPECT_EQ(drainSocket(), 300 + sizeof(FrameHeader));
+}
+
+TEST_F(FrameWriterTest, WhatItDoesNotTakeWaitsAndComesWholeAndInOrder) {
+  EXPECT_EQ(write(3 << 20), FrameWriter::Result::kTaken);
+  EXPECT_EQ(write(10), FrameWriter::Result::kTaken);
+  EXPECT_TRUE(wanted);
+  std::size_t received = drainSocket();
+  while (writer.queuedBytes() > 0) {
+    ASSERT_TRUE(writer.flush());
+    received += drainSocket();
+  }
+  EXPECT_FALSE(wanted);
+  EXPECT_EQ(received, (3u << 20) + 10 + 2 * sizeof(FrameHeader));
+}
+
+TEST_F(FrameWriterTest, AFullQueueTakesNoMoreAndKeepsWhatItHas) {
+  while (writer.queuedBytes() < lunet::kQueueFullBytes) {
+    ASSERT_EQ(write(1 << 20), FrameWriter::Result::kTaken);
+  }
+  const std::size_t queued = writer.queuedBytes();
+  EXPECT_EQ(write(1), FrameWriter::Result::kFull);
+  EXPECT_EQ(writer.queuedBytes(), queued);
+}
+
+TEST_F(FrameWriterTest, AnEndedConnectionIsToldAtOnce) {
+  theirs.reset();
+  EXPECT_EQ(write(10), FrameWriter::Result::kGone);
+}
+
+TEST_F(FrameWriterTest, AConnectionThatEndsWithBytesQueuedFailsTheFlush) {
+  write(3 << 20);
+  theirs.reset();
+  EXPECT_FALSE(writer.flush());
+}
+
+TEST_F(FrameWriterTest, AClosedWriterTakesNothing) {
+  writer.close();
+  EXPECT_EQ(write(10), FrameWriter::Result::kGone);
+  EXPECT_FALSE(writer.flush());
+}

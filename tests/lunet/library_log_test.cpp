@@ -1,0 +1,172 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <mutex>
+#include <vector>
+
+#include "BusFixture.h"
+#include "Log.h"
+
+using namespace lunettest;
+using lunet::Log;
+using testsupport::readFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::mutex recordsMutex;
+std::vector<std::pair<int, std::string>> records;
+
+void note(int level, const char* text) {
+  const std::lock_guard lock(recordsMutex);
+  records.emplace_back(level, text);
+}
+
+}  // namespace
+
+class LogTest : public testing::Test {
+ protected:
+  LogTest() {
+    records.clear();
+    settings.path = dir.at("logs//tavcli/tavcli.ipc.log");
+    settings.backupPath = dir.at("logs//tavcli/backup");
+    settings.level = Log::kEverything;
+    settings.name = "uuid-1";
+  }
+  std::string file() const { return readFile(settings.path); }
+
+  testsupport::TempDir dir;
+  Log::Settings settings;
+  Log log;
+};
+
+TEST_F(LogTest, ARecordIsALineWithTimeLevelProcessAndText) {
+  log.open(settings);
+  log.write(Log::kWarning, "something happened");
+  EXPECT_THAT(file(),
+              testing::MatchesRegex("[0-9]+-[0-9]+-[0-9]+ [0-9:]+\\.[0-9]+ \\[1\\] \\[[0-9]+ uuid-1\\] "
+                                    "something happened\n"));
+}
+
+TEST_F(LogTest, BothFoldersAreMade) {
+  log.open(settings);
+  log.write(Log::kError, "x");
+  EXPECT_TRUE(fs::is_directory(dir.at("logs/tavcli")));
+  EXPECT_TRUE(fs::is_directory(dir.at("logs/tavcli/backup")));
+}
+
+class LogLevelTest : public LogTest, public testing::WithParamInterface<int> {};
+
+TEST_P(LogLevelTest, KeepsTheRecordsUpToItselfInFileAndCallbackAlike) {
+  settings.level = GetParam();
+  log.setCallback(note);
+  log.open(settings);
+  for (int level = 0; level <= 3; ++level) {
+    log.write(static_cast<Log::Level>(level), "record of level " + std::to_string(level));
+  }
+  ASSERT_EQ(records.size(), static_cast<std::size_t>(GetParam() + 1));
+  for (int level = 0; level <= 3; ++level) {
+    const std::string text = "record of level " + std::to_string(level);
+    EXPECT_EQ(file().find(text) != std::string::npos, level <= GetParam());
+    if (level <= GetParam()) {
+      EXPECT_EQ(records[static_cast<std::size_t>(level)], std::make_pair(level, text));
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, LogLevelTest, testing::Values(-1, 0, 1, 2, 3), [](const auto& level) {
+  return level.param < 0 ? "Nothing" : "Level" + std::to_string(level.param);
+});
+
+TEST_F(LogTest, AFullFileIsRotatedIntoTheBackupFolderAndFiveAreKept) {
+  log.open(settings);
+  const std::string text(100000, 'r');
+  for (int i = 0; i < 80; ++i) {
+    log.write(Log::kError, text);
+  }
+  EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
+  std::size_t kept = 0;
+  for (const auto& entry : fs::directory_iterator(settings.backupPath)) {
+    EXPECT_LE(static_cast<std::int64_t>(entry.file_size()), Log::kFileBytes);
+    ++kept;
+  }
+  EXPECT_EQ(kept, 5u);
+  EXPECT_TRUE(fs::exists(settings.backupPath + "/tavcli.ipc.log.1"));
+}
+
+TEST_F(LogTest, TwoProcessesOnOneFileRotateItOnce) {
+  Log second;
+  log.open(settings);
+  second.open(settings);
+  second.write(Log::kError, "early");
+  const std::string text(100000, 'r');
+  for (int i = 0; i < 11; ++i) {
+    log.write(Log::kError, text);
+  }
+  second.write(Log::kError, "after the other's rotation " + text);
+  second.write(Log::kError, "late");
+  EXPECT_NE(file().find("late"), std::string::npos);
+  EXPECT_FALSE(fs::exists(settings.backupPath + "/tavcli.ipc.log.2"));
+}
+
+TEST_F(LogTest, ControlCharactersAreMadeVisible) {
+  log.setCallback(note);
+  log.open(settings);
+  log.write(Log::kError, "a\nforged line\x1b[31m");
+  EXPECT_NE(file().find("a\\nforged line\\x1b[31m"), std::string::npos) << file();
+  EXPECT_EQ(records[0].second, "a\\nforged line\\x1b[31m");
+}
+
+TEST_F(LogTest, AFolderThatCannotBeMadeCostsTheFileOnly) {
+  dir.write("logs", "a file in the way");
+  log.setCallback(note);
+  log.open(settings);
+  log.write(Log::kError, "x");
+  EXPECT_EQ(records.size(), 1u);
+}
+
+TEST_F(LogTest, ALinkIsNotFollowed) {
+  fs::create_directories(dir.at("logs/tavcli"));
+  dir.write("precious", "content");
+  fs::create_symlink(dir.at("precious"), dir.at("logs/tavcli/tavcli.ipc.log"));
+  log.open(settings);
+  log.write(Log::kError, "x");
+  EXPECT_EQ(readFile(dir.at("precious")), "content");
+}
+
+TEST_F(LogTest, TheFileIsItsUsersOwn) {
+  log.open(settings);
+  log.write(Log::kError, "x");
+  struct stat st {};
+  ASSERT_EQ(stat(settings.path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777u, 0600u);
+}
+
+class LibraryLogTest : public BusTest {};
+
+TEST_F(LibraryLogTest, TheConfigurationsLogIsWrittenAndGoesToTheCallback) {
+  records.clear();
+  Client client(config("\"log_path\":\"" + tree.at("log//tavcli/tavcli.ipc.log") +
+                       "\",\"log_backup_path\":\"" + tree.at("log//tavcli/backup") + "\",\"log_level\":2"),
+                "container-uuid");
+  client->SetLogCallback(note);
+  { Endpoint endpoint(client, lunet::parseGuid(lunet::kAgentGuid)); }
+  const std::string file = readFile(tree.at("log/tavcli/tavcli.ipc.log"));
+  EXPECT_NE(file.find("container-uuid"), std::string::npos);
+  const std::lock_guard lock(recordsMutex);
+  ASSERT_FALSE(records.empty());
+  for (const auto& [level, text] : records) {
+    EXPECT_LE(level, 2);
+    EXPECT_NE(file.find(text), std::string::npos) << text;
+  }
+}
+
+TEST_F(LibraryLogTest, ALogFolderThatCannotBeWrittenCostsTheLogOnly) {
+  tree.write("log", "a file");
+  Client client(config("\"log_path\":\"" + tree.at("log/x.log") + "\",\"log_level\":3"));
+  Endpoint server(client, newGuid(), echo);
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+}

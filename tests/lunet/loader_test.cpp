@@ -1,0 +1,109 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "lunet/ClientLibrary.h"
+#include "support/TempDir.h"
+
+namespace {
+
+constexpr const char* kLibrary = TAV_LIB_DIR "/libLunetClientMgr.so";
+
+std::string fake(const char* kind) {
+  return std::string(TAV_LIB_DIR "/liblunet_fake_") + kind + ".so";
+}
+
+}  // namespace
+
+TEST(LoaderTest, TheLibraryIsLoadedAndGivesAClient) {
+  lunet::ClientLibrary library;
+  EXPECT_EQ(library.load(kLibrary), "");
+  EXPECT_EQ(library.createClient(), "");
+  EXPECT_NE(library.client(), nullptr);
+  EXPECT_EQ(library.unload(), "");
+  EXPECT_EQ(library.client(), nullptr);
+}
+
+TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
+  lunet::ClientLibrary library;
+  const std::string why = library.load("/nowhere/libLunetClientMgr.so");
+  EXPECT_TRUE(why.starts_with("dlopen failed: ")) << why;
+  EXPECT_TRUE(why.ends_with(".")) << why;
+  EXPECT_NE(why.find("/nowhere/libLunetClientMgr.so"), std::string::npos) << why;
+}
+
+TEST(LoaderTest, ALibraryWithoutCreateInstanceIsNamed) {
+  lunet::ClientLibrary library;
+  ASSERT_EQ(library.load(fake("no_create")), "");
+  const std::string why = library.createClient();
+  EXPECT_TRUE(why.starts_with("dlsym CreateInstance failed: ")) << why;
+}
+
+TEST(LoaderTest, ALibraryThatGivesNoClientIsNamed) {
+  lunet::ClientLibrary library;
+  ASSERT_EQ(library.load(fake("no_client")), "");
+  EXPECT_EQ(library.createClient(), "the bus library gave no client");
+}
+
+TEST(LoaderTest, ALibraryWithoutDestoryInstanceIsNamedAndUnloaded) {
+  lunet::ClientLibrary library;
+  ASSERT_EQ(library.load(fake("no_destory")), "");
+  ASSERT_EQ(library.createClient(), "");
+  const std::string why = library.unload();
+  EXPECT_TRUE(why.starts_with("dlsym DestoryInstance failed: ")) << why;
+  EXPECT_EQ(library.client(), nullptr);
+  EXPECT_EQ(dlopen(fake("no_destory").c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr);
+}
+
+TEST(LoaderTest, ALibraryThatOthersCanWriteIsNotRun) {
+  testsupport::TempDir dir;
+  const std::string copy = dir.at("libLunetClientMgr.so");
+  std::filesystem::copy_file(kLibrary, copy);
+  ASSERT_EQ(chmod(copy.c_str(), 0777), 0);
+  lunet::ClientLibrary library;
+  const std::string why = library.load(copy);
+  EXPECT_TRUE(why.starts_with("the bus library is not loaded: ")) << why;
+  EXPECT_NE(why.find(copy), std::string::npos) << why;
+  EXPECT_NE(library.createClient(), "");
+}
+
+TEST(LoaderTest, ALibraryInAFolderThatOthersCanWriteIsNotRun) {
+  testsupport::TempDir dir;
+  std::filesystem::create_directory(dir.at("modules"));
+  const std::string copy = dir.at("modules/libLunetClientMgr.so");
+  std::filesystem::copy_file(kLibrary, copy);
+  ASSERT_EQ(chmod(dir.at("modules").c_str(), 0777), 0);
+  lunet::ClientLibrary library;
+  EXPECT_NE(library.load(copy).find("can be written by others"), std::string::npos);
+}
+
+TEST(LoaderTest, ALinkToALibraryThatOthersCanWriteIsNotRun) {
+  testsupport::TempDir dir;
+  std::filesystem::create_directory(dir.at("theirs"));
+  std::filesystem::copy_file(kLibrary, dir.at("theirs/lib.so"));
+  ASSERT_EQ(chmod(dir.at("theirs").c_str(), 0777), 0);
+  std::filesystem::create_symlink(dir.at("theirs/lib.so"), dir.at("lib.so"));
+  lunet::ClientLibrary library;
+  EXPECT_NE(library.load(dir.at("lib.so")).find("can be written by others"), std::string::npos);
+}
+
+TEST(LoaderTest, OnlyTheTwoEntryPointsAreVisible) {
+  void* handle = dlopen(kLibrary, RTLD_LAZY);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_NE(dlsym(handle, "CreateInstance"), nullptr);
+  EXPECT_NE(dlsym(handle, "DestoryInstance"), nullptr);
+  EXPECT_EQ(dlsym(handle, "_ZN5lunet6ClientC1Ev"), nullptr);
+  EXPECT_EQ(dlsym(handle, "_ZN5lunet9parseGuidEPKc"), nullptr);
+  dlclose(handle);
+}
+
+TEST(LoaderTest, AnotherInterfaceGetsNoClient) {
+  void* handle = dlopen(kLibrary, RTLD_LAZY);
+  ASSERT_NE(handle, nullptr);
+  const auto create = reinterpret_cast<lunet::CreateInstanceFn>(dlsym(handle, "CreateInstance"));
+  EXPECT_EQ(create(lunet::kAgentGuid), nullptr);
+  EXPECT_EQ(create(nullptr), nullptr);
+  dlclose(handle);
+}

@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <future>
+
+#include "BusFixture.h"
+#include "support/Wait.h"
+
+using namespace lunettest;
+using testsupport::waitFor;
+
+class LossTest : public BusTest {
+ protected:
+  LossTest() { installTree(); }
+  std::vector<std::string> listen(const lunet::Guid& guid) const {
+    return lunetctl({"listen", lunet::formatGuid(guid)});
+  }
+
+  /// Longer than any test may last: a call that ends has ended for another reason.
+  static constexpr std::uint32_t kForEverMs = 3600 * 1000;
+
+  Client client{config()};
+  const lunet::Guid address = newGuid();
+};
+
+TEST_F(LossTest, SendsToAnAbsentEndpointFailAtOnceWithAnErrorNumber) {
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.send(address, "x"), lunet::kErrNoTarget);
+  const Endpoint::Answer answer = caller.call(address, "x", kForEverMs);
+  EXPECT_EQ(answer.error, lunet::kErrNoTarget);
+  EXPECT_EQ(answer.errorOut, lunet::kErrNoTarget);
+}
+
+TEST_F(LossTest, APeerThatIsKilledDuringACallFailsTheCallAtOnce) {
+  Endpoint caller(client, newGuid());
+  Player player(listen(address));
+  ASSERT_TRUE(player.ready());
+  auto call = std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs); });
+  ASSERT_TRUE(player.gotMessage("x"));
+  player.process.kill(SIGKILL);
+  const Endpoint::Answer answer = call.get();
+  EXPECT_EQ(answer.error, lunet::kErrPeerLost);
+  EXPECT_EQ(answer.errorOut, lunet::kErrPeerLost);
+}
+
+TEST_F(LossTest, AKilledPeerFailsEveryCallUnderWay) {
+  Endpoint caller(client, newGuid());
+  Player player(listen(address));
+  ASSERT_TRUE(player.ready());
+  std::vector<std::future<std::uint32_t>> calls;
+  for (int i = 0; i < 5; ++i) {
+    const std::string text = "call" + std::to_string(i);
+    calls.push_back(
+        std::async(std::launch::async, [&, text] { return caller.call(address, text, kForEverMs).error; }));
+    ASSERT_TRUE(player.gotMessage(text));
+  }
+  player.process.kill(SIGKILL);
+  for (std::future<std::uint32_t>& call : calls) {
+    EXPECT_EQ(call.get(), lunet::kErrPeerLost);
+  }
+}
+
+TEST_F(LossTest, APeerThatClosesDuringACallFailsTheCallAtOnce) {
+  auto server = std::make_unique<Endpoint>(client, address);
+  Endpoint caller(client, newGuid());
+  auto call = std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs).error; });
+  ASSERT_TRUE(server->waitForCount(1));
+  server->destroy();
+  EXPECT_EQ(call.get(), lunet::kErrPeerLost);
+}
+
+TEST_F(LossTest, AfterThePeersRestartTheNextCallWorks) {
+  Endpoint caller(client, newGuid());
+  for (int round = 0; round < 3; ++round) {
+    Player player(listen(address));
+    ASSERT_TRUE(player.ready());
+    auto call = std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs); });
+    ASSERT_TRUE(player.gotMessage("x"));
+    player.process.write("{\"reply\":1,\"data\":\"round\"}\n");
+    EXPECT_EQ(call.get().data, "round");
+    player.process.kill(round == 1 ? SIGTERM : SIGKILL);
+    player.process.wait();
+  }
+  EXPECT_EQ(caller.call(address, "x", kForEverMs).error, lunet::kErrNoTarget);
+}
+
+TEST_F(LossTest, AfterThePeersRestartTheNextOnewayMessageArrives) {
+  Endpoint sender(client, newGuid());
+  for (int round = 0; round < 3; ++round) {
+    Endpoint server(client, address);
+    EXPECT_EQ(sender.send(address, "x"), lunet::kOk);
+    EXPECT_TRUE(server.waitForCount(1));
+  }
+}
+
+TEST_F(LossTest, AnAnswerThatArrivedBeforeThePeerEndedIsStillTaken) {
+  for (int round = 0; round < 50; ++round) {
+    auto server = std::make_unique<Endpoint>(client, address, echo);
+    Endpoint caller(client, newGuid());
+    auto call = std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs).data; });
+    ASSERT_TRUE(server->waitForCount(1));
+    server->destroy();  // returns when the callback has, and with it the reply
+    EXPECT_EQ(call.get(), "x");
+  }
+}
+
+TEST_F(LossTest, WhatAnEndedSenderHadSentIsStillDelivered) {
+  Gate gate;
+  Endpoint server(client, address, [&](Endpoint&, const Message&) { gate.wait(); });
+  const lunet::Guid guid = newGuid();
+  {
+    Endpoint sender(client, guid);
+    for (int i = 0; i < 100; ++i) {
+      ASSERT_EQ(sender.send(address, std::to_string(i)), lunet::kOk);
+    }
+  }
+  gate.open();
+  ASSERT_TRUE(server.waitForCount(100));
+  EXPECT_EQ(server.messages()[99].peer, guid);
+}
+
+TEST_F(LossTest, CloseWhileCallsAreUnderWayEndsThemWithNotOpen) {
+  Gate gate;
+  Endpoint server(client, address, [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint caller(client, newGuid());
+  std::vector<std::future<std::uint32_t>> calls;
+  for (int i = 0; i < 4; ++i) {
+    calls.push_back(
+        std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs).error; }));
+  }
+  ASSERT_TRUE(server.waitForCount(1));
+  caller->Close();
+  for (std::future<std::uint32_t>& call : calls) {
+    EXPECT_EQ(call.get(), lunet::kErrNotOpen);
+  }
+  EXPECT_EQ(caller.call(address, "x").error, lunet::kErrNotOpen);
+  EXPECT_EQ(caller.send(address, "x"), lunet::kErrNotOpen);
+  gate.open();
+}
+
+TEST_F(LossTest, CloseReturnsWhenNoCallbackRunsAnyMore) {
+  Gate gate;
+  std::atomic<bool> finished{false};
+  Endpoint server(client, address, [&](Endpoint&, const Message&) {
+    gate.wait();
+    finished = true;
+  });
+  Endpoint sender(client, newGuid());
+  sender.send(address, "x");
+  ASSERT_TRUE(server.waitForCount(1));
+  std::thread opener([&] { gate.open(); });
+  server->Close();
+  EXPECT_TRUE(finished);
+  opener.join();
+}
+
+TEST_F(LossTest, CloseEndsACallThatACallbackIsIn) {
+  Endpoint silent(client, newGuid());
+  std::atomic<std::uint32_t> inside{0};
+  Endpoint server(client, address, [&](Endpoint& self, const Message&) {
+    inside = self.call(silent.guid(), "nested", kForEverMs).error;
+  });
+  Endpoint sender(client, newGuid());
+  sender.send(address, "x");
+  ASSERT_TRUE(silent.waitForCount(1));
+  server->Close();
+  EXPECT_EQ(inside, lunet::kErrNotOpen);
+}
+
+TEST_F(LossTest, CloseFromTheOwnCallbackDoesNothing) {
+  Endpoint server(client, address, [](Endpoint& self, const Message& message) {
+    self->Close();
+    echo(self, message);
+  });
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(address, "x").data, "x");
+}
+
+TEST_F(LossTest, AClosedEndpointMayBeOpenedAgain) {
+  Endpoint server(client, address, echo);
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(address, "1").data, "1");
+  server->Close();
+  EXPECT_EQ(caller.call(address, "2").error, lunet::kErrNoTarget);
+  ASSERT_EQ(server->Open(address), lunet::kOk);
+  EXPECT_EQ(caller.call(address, "3").data, "3");
+}
+
+TEST_F(LossTest, AReplyToACallerWhoIsGoneSaysSo) {
+  Gate gate;
+  std::atomic<std::uint32_t> replied{0};
+  Endpoint server(client, address, [&](Endpoint& self, const Message& message) {
+    gate.wait();
+    replied = self.reply(message, "x");
+  });
+  auto caller = std::make_unique<Endpoint>(client, newGuid());
+  EXPECT_EQ(caller->call(address, "x", 30).error, lunet::kErrTimeout);
+  caller->destroy();
+  gate.open();
+  EXPECT_TRUE(waitFor([&] { return replied == lunet::kErrPeerLost; }));
+}
+
+TEST_F(LossTest, ConnectionsThatHaveEndedDoNotAddUp) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  Endpoint hub(client, newGuid());
+  {
+    Endpoint first(client, newGuid());
+    hub.send(first.guid(), "x");
+    first.send(hub.guid(), "x");
+  }
+  const auto before = descriptors();
+  for (int i = 0; i < 50; ++i) {
+    Endpoint guest(client, newGuid());
+    ASSERT_EQ(hub.send(guest.guid(), "x"), lunet::kOk);
+    ASSERT_EQ(guest.send(hub.guid(), "x"), lunet::kOk);
+  }
+  ASSERT_TRUE(hub.waitForCount(51));
+  EXPECT_TRUE(waitFor([&] { return descriptors() <= before + 2; })) << before << " then " << descriptors();
+}

@@ -1,0 +1,274 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "BusFixture.h"
+#include "json/CppJson.h"
+#include "support/Wait.h"
+
+using namespace lunettest;
+using testsupport::Process;
+using testsupport::waitFor;
+
+class LunetctlTest : public BusTest {
+ protected:
+  LunetctlTest() { installTree("{\"log_level\":3,\"connect_timeout_ms\":10000}"); }
+
+  struct Result {
+    int status;
+    std::string out;
+    std::string err;
+  };
+  static Result run(const std::vector<std::string>& command) {
+    Process process(command);
+    const int status = process.wait().value_or(-1);
+    return {status, process.out(), process.err()};
+  }
+  /// The JSON lines that a listener has printed so far.
+  static std::vector<Json::Value> linesOf(const std::string& out) {
+    std::vector<Json::Value> lines;
+    for (std::size_t begin = 0, end = 0; (end = out.find('\n', begin)) != std::string::npos;
+         begin = end + 1) {
+      lines.emplace_back();
+      EXPECT_TRUE(CppJson::LoadJsonString(out.substr(begin, end - begin), lines.back()));
+    }
+    return lines;
+  }
+  /// The n-th line, waited for.
+  static Json::Value line(Process& process, std::size_t n) {
+    EXPECT_TRUE(waitFor([&] { return linesOf(process.out()).size() > n; })) << process.out() << process.err();
+    const std::vector<Json::Value> lines = linesOf(process.out());
+    return n < lines.size() ? lines[n] : Json::Value(Json::objectValue);
+  }
+
+  const std::string guid = lunet::formatGuid(newGuid());
+};
+
+TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
+  EXPECT_EQ(run(lunetctl({"list"})).out, "");
+  Player first(lunetctl({"listen", guid}));
+  Player second(lunetctl({"listen", lunet::kAgentGuid}));
+  ASSERT_TRUE(first.ready() && second.ready());
+  const Result both = run(lunetctl({"list"}));
+  EXPECT_EQ(both.status, 0);
+  EXPECT_NE(both.out.find(guid + "  " + std::to_string(first.process.pid()) + "  root\n"), std::string::npos)
+      << both.out;
+  EXPECT_NE(both.out.find(std::string(lunet::kAgentGuid) + "  " + std::to_string(second.process.pid())),
+            std::string::npos);
+  first.process.kill(SIGKILL);
+  first.process.wait();
+  EXPECT_EQ(run(lunetctl({"list"})).out.find(guid), std::string::npos);
+}
+
+TEST_F(LunetctlTest, CallPrintsTheAnswer) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  Process call(lunetctl({"call", guid, "how are you"}));
+  const Json::Value message = line(player.process, 1);
+  EXPECT_EQ(message["event"].asString(), "message");
+  EXPECT_EQ(message["channel"].asUInt(), 10990u);
+  EXPECT_EQ(message["data"].asString(), "how are you");
+  EXPECT_TRUE(message["wants_reply"].asBool());
+  player.process.write("{\"reply\":" + message["id"].asString() + ",\"data\":\"fine\"}\n");
+  EXPECT_EQ(call.wait(), 0);
+  EXPECT_EQ(call.out(), "fine\n");
+}
+
+TEST_F(LunetctlTest, SendSendsAndWaitsForNothing) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  const Result sent = run(lunetctl({"send", guid, "news"}));
+  EXPECT_EQ(sent.status, 0);
+  EXPECT_EQ(sent.out + sent.err, "");
+  const Json::Value message = line(player.process, 1);
+  EXPECT_EQ(message["channel"].asUInt(), 20991u);
+  EXPECT_EQ(message["data"].asString(), "news");
+  EXPECT_FALSE(message["wants_reply"].asBool());
+  EXPECT_NE(lunet::parseGuid(message["peer"].asCString()), lunet::Guid{});
+}
+
+TEST_F(LunetctlTest, AnAbsentEndpointIsAnErrorOfOneLine) {
+  for (const char* command : {"call", "send"}) {
+    const Result result = run(lunetctl({command, guid, "x"}));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find("nobody is at that address now (0xE0010002)"), std::string::npos) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+  }
+}
+
+TEST_F(LunetctlTest, ListenSendsAndTellsTheError) {
+  Player peer(lunetctl({"listen", lunet::kAgentGuid}));
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(peer.ready() && player.ready());
+  player.process.write("{\"send\":\"" + std::string(lunet::kAgentGuid) +
+                       "\",\"channel\":20991,\"data\":\"Grüße\"}\n");
+  EXPECT_EQ(line(player.process, 1)["event"].asString(), "sent");
+  EXPECT_EQ(line(player.process, 1)["error"].asUInt(), 0u);
+  EXPECT_EQ(line(peer.process, 1)["data"].asString(), "Grüße");
+  EXPECT_EQ(line(peer.process, 1)["peer"].asString(), guid);
+  player.process.write("{\"send\":\"" + lunet::formatGuid(newGuid()) +
+                       "\",\"channel\":20991,\"data\":\"x\"}\n");
+  EXPECT_EQ(line(player.process, 2)["error"].asUInt(), lunet::kErrNoTarget);
+}
+
+TEST_F(LunetctlTest, ListenCallsAndTellsTheAnswer) {
+  Player peer(lunetctl({"listen", lunet::kAgentGuid}));
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(peer.ready() && player.ready());
+  const std::string call =
+      "{\"call\":\"" + std::string(lunet::kAgentGuid) + "\",\"channel\":10990,\"data\":\"q\",\"timeout_ms\":";
+  player.process.write(call + "20000}\n");
+  EXPECT_EQ(line(peer.process, 1)["data"].asString(), "q");
+  peer.process.write("{\"reply\":" + line(peer.process, 1)["id"].asString() + ",\"data\":\"a\"}\n");
+  EXPECT_EQ(line(player.process, 1)["event"].asString(), "answer");
+  EXPECT_EQ(line(player.process, 1)["error"].asUInt(), 0u);
+  EXPECT_EQ(line(player.process, 1)["data"].asString(), "a");
+  player.process.write(call + "20}\n");
+  EXPECT_EQ(line(player.process, 2)["error"].asUInt(), lunet::kErrTimeout);
+  EXPECT_EQ(line(player.process, 2)["data"].asString(), "");
+}
+
+TEST_F(LunetctlTest, ListenRepliesWhileItsOwnCallIsUnderWay) {
+  Player peer(lunetctl({"listen", lunet::kAgentGuid}));
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(peer.ready() && player.ready());
+  player.process.write("{\"call\":\"" + std::string(lunet::kAgentGuid) + "\",\"data\":\"q\"}\n");
+  const Json::Value question = line(peer.process, 1);
+  Process third(lunetctl({"call", guid, "meanwhile"}));
+  const Json::Value meanwhile = line(player.process, 1);
+  player.process.write("{\"reply\":" + meanwhile["id"].asString() + ",\"data\":\"yes\"}\n");
+  EXPECT_EQ(third.wait(), 0);
+  EXPECT_EQ(third.out(), "yes\n");
+  peer.process.write("{\"reply\":" + question["id"].asString() + ",\"data\":\"a\"}\n");
+  EXPECT_EQ(line(player.process, 2)["data"].asString(), "a");
+}
+
+TEST_F(LunetctlTest, ControlCharactersAreEscapedInEveryLine) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  run(lunetctl({"send", guid, "a\nb\x1b[31m\x7f"}));
+  EXPECT_EQ(line(player.process, 1)["data"].asString(), "a\nb\x1b[31m\x7f");
+  for (const char c : player.process.out()) {
+    EXPECT_TRUE(c == '\n' || (c >= 0x20 && c != 0x7f)) << static_cast<int>(c);
+  }
+}
+
+class UnreadableLineTest : public LunetctlTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(UnreadableLineTest, IsAnsweredWithAnErrorAndTheNextOneIsDone) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  player.process.write(std::string(GetParam()) + "\n");
+  EXPECT_EQ(line(player.process, 1)["event"].asString(), "error");
+  EXPECT_NE(line(player.process, 1)["message"].asString(), "");
+  player.process.write("{\"send\":\"" + guid + "\",\"channel\":20991,\"data\":\"self\"}\n");
+  EXPECT_TRUE(player.gotMessage("self"));
+  player.process.closeInput();
+  EXPECT_EQ(player.process.wait(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, UnreadableLineTest,
+    testing::Values("nonsense", "[]", "{}", "{\"reply\":1}", "{\"reply\":\"1\",\"data\":\"x\"}",
+                    "{\"reply\":99,\"data\":\"nobody waits\"}", "{\"reply\":-1,\"data\":\"x\"}",
+                    "{\"send\":\"no guid\",\"data\":\"x\"}", "{\"send\":5,\"data\":\"x\"}",
+                    "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\"}",
+                    "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\",\"channel\":-1}",
+                    "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\",\"channel\":\"1\"}",
+                    "{\"call\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\",\"timeout_ms\":1.5}",
+                    "{\"reply\":1,\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\"}"));
+
+TEST_F(LunetctlTest, TheEndOfTheInputEndsListenAndLeavesNothingBehind) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  player.process.closeInput();
+  EXPECT_EQ(player.process.wait(), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(socketFolder()));
+}
+
+TEST_F(LunetctlTest, WhatWasAskedBeforeTheEndIsStillDone) {
+  Player peer(lunetctl({"listen", lunet::kAgentGuid}));
+  ASSERT_TRUE(peer.ready());
+  Player player(lunetctl({"listen", guid}));
+  player.process.write("{\"send\":\"" + std::string(lunet::kAgentGuid) + "\",\"data\":\"last words\"}\n");
+  player.process.closeInput();
+  EXPECT_EQ(player.process.wait(), 0);
+  EXPECT_TRUE(peer.gotMessage("last words"));
+  EXPECT_NE(player.process.out().find("\"sent\""), std::string::npos);
+}
+
+TEST_F(LunetctlTest, AnAddressInUseCannotBeListenedAt) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  const Result second = run(lunetctl({"listen", guid}));
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.err.find("the address is in use"), std::string::npos) << second.err;
+}
+
+TEST_F(LunetctlTest, ARelativeTreeIsTakenFromTheWorkingFolder) {
+  Process::Options options;
+  options.workingDir = tree.path();
+  Process list({tree.at("bin/lunetctl"), "--runtime", ".", "send", guid, "x"}, options);
+  EXPECT_EQ(list.wait(), 1);
+  EXPECT_NE(list.err().find("nobody is at that address"), std::string::npos) << list.err();
+}
+
+TEST_F(LunetctlTest, AMissingLibraryIsNamed) {
+  std::filesystem::remove(tree.at("lib/modules/libLunetClientMgr.so"));
+  const Result result = run(lunetctl({"send", guid, "x"}));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("dlopen failed: "), std::string::npos) << result.err;
+}
+
+TEST_F(LunetctlTest, AnUnreadableConfigurationIsNamed) {
+  tree.write("etc/communication/cli_lunet.conf", "{ broken");
+  for (const char* command : {"list", "listen"}) {
+    const Result result =
+        run(command == std::string("list") ? lunetctl({command}) : lunetctl({command, guid}));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("cli_lunet.conf is not a JSON object"), std::string::npos) << result.err;
+  }
+}
+
+TEST_F(LunetctlTest, HelpNamesEveryCommand) {
+  const Result help = run({tree.at("bin/lunetctl"), "--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* word :
+       {"list", "call GUID TEXT", "send GUID TEXT", "listen GUID", "\"event\":\"ready\""}) {
+    EXPECT_NE(help.out.find(word), std::string::npos) << word;
+  }
+}
+
+struct UsageRow {
+  const char* name;
+  std::vector<std::string> words;
+  const char* says;
+};
+
+class UsageTest : public LunetctlTest, public testing::WithParamInterface<UsageRow> {};
+
+TEST_P(UsageTest, IsAnErrorOfOneLineAndStatusTwo) {
+  std::vector<std::string> command = GetParam().words;
+  command.insert(command.begin(), tree.at("bin/lunetctl"));
+  const Result result = run(command);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_NE(result.err.find(GetParam().says), std::string::npos) << result.err;
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, UsageTest,
+    testing::Values(UsageRow{"NoWord", {}, "no command is given"},
+                    UsageRow{"NoTree", {"list"}, "--runtime DIR is missing"},
+                    UsageRow{"ATreeWithoutItsName", {"--runtime"}, "--runtime needs"},
+                    UsageRow{"AnUnknownCommand", {"--runtime", "/", "go\x1b"}, "no command \"go\\x1b\""},
+                    UsageRow{"AnUnknownOption", {"--fast", "list"}, "no option \"--fast\""},
+                    UsageRow{"NoGuid", {"--runtime", "/", "listen"}, "the command is: listen GUID"},
+                    UsageRow{"AWordTooMany", {"--runtime", "/", "list", "x"}, "the command is: list"},
+                    UsageRow{"ABadGuid", {"--runtime", "/", "listen", "123"}, "\"123\" is not a GUID"},
+                    UsageRow{"NoText", {"--runtime", "/", "call", "123"}, "the command is: call GUID TEXT"}),
+    [](const auto& row) { return std::string(row.param.name); });

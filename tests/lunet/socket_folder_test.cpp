@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "SocketFolder.h"
+#include "lunet/ClientLibrary.h"
+#include "support/TempDir.h"
+
+using lunet::checkFolder;
+using lunet::FolderCheck;
+using lunet::prepareFolder;
+using lunet::SocketFolder;
+
+namespace {
+
+constexpr gid_t kGroup = 100;
+
+struct Status {
+  uid_t uid;
+  gid_t gid;
+  unsigned mode;
+};
+
+Status statusOf(const std::string& path) {
+  struct stat st {};
+  stat(path.c_str(), &st);
+  return {st.st_uid, st.st_gid, st.st_mode & 07777u};
+}
+
+}  // namespace
+
+struct DirectoryRow {
+  const char* name;
+  const char* runtime;
+  const char* config;
+  const char* expected;
+};
+
+class SocketDirectoryTest : public testing::TestWithParam<DirectoryRow> {};
+
+TEST_P(SocketDirectoryTest, IsAsConfigured) {
+  EXPECT_EQ(lunet::socketDirectory(GetParam().runtime, GetParam().config), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, SocketDirectoryTest,
+    testing::Values(
+        DirectoryRow{"ByDefaultBelowTheTree", "/opt/tree", "{}", "/opt/tree/run/lunet"},
+        DirectoryRow{"WithoutATreeItIsNotAnAbsolutePath", "", "{}", "run/lunet"},
+        DirectoryRow{"AnEmptyTextCountsAsNoSettings", "/opt/tree", "", "/opt/tree/run/lunet"},
+        DirectoryRow{"AnUnreadableTextCountsAsNoSettings", "/opt/tree", "{", "/opt/tree/run/lunet"},
+        DirectoryRow{"ATextThatIsNoObjectToo", "/opt/tree", "[1]", "/opt/tree/run/lunet"},
+        DirectoryRow{"AnEmptyNameToo", "/opt/tree", R"({"socket_dir":""})", "/opt/tree/run/lunet"},
+        DirectoryRow{"ARelativeNameLiesBelowTheTree", "/opt/tree/", R"({"socket_dir":"s"})", "/opt/tree/s"},
+        DirectoryRow{"AnAbsoluteNameStandsAlone", "/opt/tree", R"({"socket_dir":"/run/x/"})", "/run/x"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+class SocketFolderTest : public testing::Test {
+ protected:
+  testsupport::TempDir dir;
+};
+
+TEST_F(SocketFolderTest, IsMadePrivateWithoutAGroup) {
+  const SocketFolder folder{dir.at("run/lunet"), std::nullopt};
+  EXPECT_EQ(prepareFolder(folder).why, "");
+  EXPECT_EQ(statusOf(folder.path).mode, 0700u);
+  EXPECT_EQ(statusOf(folder.path).uid, geteuid());
+}
+
+TEST_F(SocketFolderTest, IsMadeForItsGroupWithOne) {
+  const SocketFolder folder{dir.at("run/lunet"), kGroup};
+  EXPECT_EQ(prepareFolder(folder).why, "");
+  EXPECT_EQ(statusOf(folder.path).mode, 03770u);
+  EXPECT_EQ(statusOf(folder.path).gid, kGroup);
+}
+
+TEST_F(SocketFolderTest, ThatStandsOtherwiseIsSetRightByItsOwner) {
+  const SocketFolder shared{dir.at("lunet"), kGroup};
+  ASSERT_EQ(prepareFolder(shared).error, lunet::kOk);
+  const SocketFolder closed{dir.at("lunet"), std::nullopt};
+  EXPECT_EQ(checkFolder(closed).error, lunet::kErrPath);
+  EXPECT_EQ(prepareFolder(closed).error, lunet::kOk);
+  EXPECT_EQ(statusOf(closed.path).mode, 0700u);
+}
+
+TEST_F(SocketFolderTest, OfAnotherUserIsRefused) {
+  std::filesystem::create_directory(dir.at("lunet"));
+  ASSERT_EQ(chown(dir.at("lunet").c_str(), 12345, 12345), 0);
+  const FolderCheck check = prepareFolder({dir.at("lunet"), std::nullopt});
+  EXPECT_EQ(check.error, lunet::kErrPath);
+  EXPECT_NE(check.why.find("belongs to user 12345"), std::string::npos) << check.why;
+}
+
+TEST_F(SocketFolderTest, BelowAFolderThatOthersCanWriteIsRefused) {
+  std::filesystem::create_directory(dir.at("open"));
+  ASSERT_EQ(chmod(dir.at("open").c_str(), 0777), 0);
+  const FolderCheck check = prepareFolder({dir.at("open/lunet"), std::nullopt});
+  EXPECT_EQ(check.error, lunet::kErrPath);
+  EXPECT_NE(check.why.find("can be written by others"), std::string::npos) << check.why;
+}
+
+TEST_F(SocketFolderTest, ThatIsALinkIsRefused) {
+  std::filesystem::create_directory(dir.at("real"));
+  std::filesystem::create_symlink(dir.at("real"), dir.at("lunet"));
+  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
+}
+
+TEST_F(SocketFolderTest, ThatIsAFileIsRefused) {
+  dir.write("lunet", "x");
+  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
+}
+
+TEST_F(SocketFolderTest, ThatDoesNotExistMeansThatNobodyIsThere) {
+  EXPECT_EQ(checkFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrNoTarget);
+}
+
+TEST_F(SocketFolderTest, WhosePathsWouldPassTheLimitIsRefusedWithBothNumbers) {
+  const std::size_t room = 107 - (1 + 36 + 5);  // "/<GUID>.sock"
+  std::string path = dir.path() + "/" + std::string(room - dir.path().size() - 1, 'a');
+  EXPECT_EQ(prepareFolder({path, std::nullopt}).why, "");
+  path += 'a';
+  const FolderCheck check = prepareFolder({path, std::nullopt});
+  EXPECT_EQ(check.error, lunet::kErrPath);
+  EXPECT_NE(check.why.find("108 bytes"), std::string::npos) << check.why;
+  EXPECT_NE(check.why.find("107"), std::string::npos) << check.why;
+  EXPECT_NE(check.why.find("socket_dir"), std::string::npos) << check.why;
+}

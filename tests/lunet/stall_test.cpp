@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "BusFixture.h"
+#include "Frame.h"
+#include "support/Wait.h"
+
+using namespace lunettest;
+using testsupport::waitFor;
+
+class StallTest : public BusTest {
+ protected:
+  /// Sends until the bus says that the receiver does not take its messages; how many were taken.
+  static int fill(Endpoint& sender, const lunet::Guid& target, std::uint32_t& error) {
+    const std::string text(1 << 20, 's');
+    for (int count = 0;; ++count) {
+      error = sender.send(target, text);
+      if (error != lunet::kOk) {
+        return count;
+      }
+    }
+  }
+
+  Client client{config()};
+};
+
+TEST_F(StallTest, ASenderToAStalledReceiverSeesQueueFullAndLosesNothingThatWasTaken) {
+  Gate gate;
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint sender(client, newGuid());
+  std::uint32_t error = 0;
+  const int taken = fill(sender, server.guid(), error);
+  EXPECT_EQ(error, lunet::kErrQueueFull);
+  EXPECT_GE(taken, 32);
+  EXPECT_LE(taken, 40);
+  gate.open();
+  EXPECT_TRUE(server.waitForCount(static_cast<std::size_t>(taken)));
+  EXPECT_TRUE(waitFor([&] { return sender.send(server.guid(), "again") == lunet::kOk; }));
+}
+
+TEST_F(StallTest, ACallToAStalledReceiverFailsAtOnceWhenTheQueueIsFull) {
+  Gate gate;
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint sender(client, newGuid());
+  std::uint32_t error = 0;
+  fill(sender, server.guid(), error);
+  EXPECT_EQ(sender.call(server.guid(), "x", 3600 * 1000).error, lunet::kErrQueueFull);
+  gate.open();
+}
+
+TEST_F(StallTest, AStalledReceiverHoldsUpNobodyElse) {
+  Gate gate;
+  Endpoint stalled(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint other(client, newGuid(), echo);
+  Endpoint sender(client, newGuid());
+  std::uint32_t error = 0;
+  fill(sender, stalled.guid(), error);
+  EXPECT_EQ(sender.call(other.guid(), "x").data, "x");
+  gate.open();
+}
+
+TEST_F(StallTest, WhileAReceiverIsBusyConnectionsAreStillAccepted) {
+  Gate gate;
+  Endpoint agent(client, lunet::parseGuid(lunet::kAgentGuid),
+                 [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint sender(client, newGuid());
+  sender.send(agent.guid(), "x");
+  ASSERT_TRUE(agent.waitForCount(1));
+  EXPECT_EQ(client->Connect(10), lunet::kOk);
+  gate.open();
+}
+
+TEST_F(StallTest, AStoppedProcessIsGivenUpAfterAMomentNotForEver) {
+  installTree();
+  const lunet::Guid guid = newGuid();
+  Player player(lunetctl({"listen", lunet::formatGuid(guid)}));
+  ASSERT_TRUE(player.ready());
+  player.process.kill(SIGSTOP);
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(guid, "x", 100).error, lunet::kErrTimeout);
+  player.process.kill(SIGCONT);
+  EXPECT_EQ(caller.send(guid, "y"), lunet::kOk);
+}
+
+TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreToldByTheReplier) {
+  // A caller that sends requests and never reads: its answers pile up at the replier, up to the limit.
+  std::atomic<bool> full{false};
+  const std::string large(4 << 20, 'a');
+  Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
+    if (self.reply(message, large) == lunet::kErrQueueFull) {
+      full = true;
+    }
+  });
+  Endpoint owner(client, newGuid());
+  const RawConnection raw(socketOf(server.guid()));
+  ASSERT_EQ(raw.greet(owner.guid(), server.guid()), lunet::kOk);
+  for (std::uint64_t id = 1; id <= 20; ++id) {
+    lunet::FrameHeader header;
+    header.kind = lunet::FrameKind::kRequest;
+    header.channel = lunet::kRequestChannel;
+    header.id = id;
+    raw.send(header);
+  }
+  EXPECT_TRUE(waitFor([&] { return full.load(); }));
+  Endpoint other(client, newGuid());
+  EXPECT_EQ(other.call(server.guid(), "x").data.size(), large.size());
+}
