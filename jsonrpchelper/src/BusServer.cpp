@@ -1,9 +1,12 @@
 #include "jsonrpchelper/BusServer.h"
 
 #include "json/CppJson.h"
+#include "platform/CLog.h"
 
 namespace jsonrpchelper {
 namespace {
+
+constexpr int kLogError = 3;
 
 /// The library has no kind for "any": such a parameter is left out of its check, and checked on reading.
 jsonrpc::jsontype_t libraryKind(JsonKind kind) {
@@ -63,6 +66,17 @@ jsonrpc::Procedure procedureOf(const MethodRow& row) {
     }
   }
   return procedure;
+}
+
+void runOperation(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const jsonrpc::JsonRpcException&) {
+    throw;
+  } catch (const std::exception& e) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    throw jsonrpc::JsonRpcException(jsonrpc::Errors::ERROR_RPC_INTERNAL_ERROR, e.what());
+  }
 }
 
 }  // namespace jsonrpchelper

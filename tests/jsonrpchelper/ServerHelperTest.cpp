@@ -275,6 +275,15 @@ TEST_F(ServerHelper, ABatchIsHandledRequestByRequestWhoeverTheyAreFor) {
   EXPECT_EQ(business.log.size(), 1u);
 }
 
+TEST_F(ServerHelper, AReceiverThatThrowsIsLoggedAsAnError) {
+  RecordingBusiness business(helper);
+  business.before = [] { throw std::runtime_error("the report is full"); };
+  business.StartListening();
+  send(progress(1));
+  ASSERT_FALSE(logged().empty());
+  EXPECT_EQ(logged()[0], "3ReceiveCallback: Caught exception:\n the report is full");
+}
+
 /// A handler that does what it is told, as no server of ours would.
 struct RawHandler : jsonrpc::IClientConnectionHandler {
   std::function<void(std::string&)> act;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -48,6 +49,10 @@ decltype(auto) invoke(Server& server, Operation operation, const Declaration<kRe
   return (server.*operation)(readParameter<kKinds>(in, declaration.parameters[kIndexes])...);
 }
 
+/// Runs an operation of a server. The library makes answers of JsonRpcException only, so any other exception
+/// is logged and becomes one (ERROR_RPC_INTERNAL_ERROR).
+void runOperation(const std::function<void()>& operation);
+
 /// Base of the servers on a helper. Its constructor binds (in the derived class); nothing is delivered before
 /// StartListening and nothing after StopListening, which the owner calls when the most derived object is
 /// whole, and before it goes. What an operation throws becomes the error answer of a call, and a line in the
@@ -68,10 +73,10 @@ class BusServer : public jsonrpc::AbstractServer<Server> {
 
   void HandleMethodCall(jsonrpc::Procedure& procedure, const Json::Value& input,
                         Json::Value& output) override {
-    guarded([&] { jsonrpc::AbstractServer<Server>::HandleMethodCall(procedure, input, output); });
+    runOperation([&] { jsonrpc::AbstractServer<Server>::HandleMethodCall(procedure, input, output); });
   }
   void HandleNotificationCall(jsonrpc::Procedure& procedure, const Json::Value& input) override {
-    guarded([&] { jsonrpc::AbstractServer<Server>::HandleNotificationCall(procedure, input); });
+    runOperation([&] { jsonrpc::AbstractServer<Server>::HandleNotificationCall(procedure, input); });
   }
 
  protected:
@@ -106,18 +111,6 @@ class BusServer : public jsonrpc::AbstractServer<Server> {
   void onNotification(const Json::Value& in) {
     invoke(static_cast<Server&>(*this), kOperation, kDeclaration, in,
            std::make_index_sequence<kDeclaration.kCount>());
-  }
-
-  /// The library lets JsonRpcException only become an answer.
-  template <class Call>
-  static void guarded(Call call) {
-    try {
-      call();
-    } catch (const jsonrpc::JsonRpcException&) {
-      throw;
-    } catch (const std::exception& e) {
-      throw jsonrpc::JsonRpcException(jsonrpc::Errors::ERROR_RPC_INTERNAL_ERROR, e.what());
-    }
   }
 
   std::shared_ptr<HandlerList> handlers_;

@@ -20,6 +20,4 @@ void createScanReceivers() {
   gScanReceiver->StartListening();
   gBusinessReceiver = new IBusinessCImpl(*server);
   gBusinessReceiver->StartListening();
-  gScanReceiver->StartListening();
-  gBusinessReceiver->StartListening();
 }
