@@ -394,6 +394,9 @@ struct UnitCase {
   int unit;
   std::int64_t days;
 };
+void PrintTo(const UnitCase& unit, std::ostream* out) {
+  *out << unit.name;
+}
 class CleanUnitTest : public LimitTest, public testing::WithParamInterface<UnitCase> {};
 INSTANTIATE_TEST_SUITE_P(Units, CleanUnitTest,
                          testing::Values(UnitCase{"Years", 0, 365}, UnitCase{"Months", 1, 30},
@@ -422,6 +425,9 @@ struct TypeCase {
   const char* name;
   const char* type;
 };
+void PrintTo(const TypeCase& type, std::ostream* out) {
+  *out << type.name << " " << type.type;
+}
 class FileTypeTest : public testing::TestWithParam<TypeCase> {};
 INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
                          testing::Values(TypeCase{"\x7f"

@@ -212,6 +212,9 @@ struct BadItem {
   const char* item;
   const char* reason;
 };
+void PrintTo(const BadItem& bad, std::ostream* out) {
+  *out << bad.name;
+}
 class BadItemTest : public RegionTest, public testing::WithParamInterface<BadItem> {};
 INSTANTIATE_TEST_SUITE_P(
     Items, BadItemTest,

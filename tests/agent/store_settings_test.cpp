@@ -8,6 +8,12 @@
 #include "store/SettingsTable.h"
 #include "store_fixture.h"
 
+namespace agent::store {
+static void PrintTo(const Setting& setting, std::ostream* out) {
+  *out << setting.section << "." << setting.key;
+}
+}  // namespace agent::store
+
 namespace agent {
 namespace {
 
