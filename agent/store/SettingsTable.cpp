@@ -18,9 +18,10 @@ constexpr auto kWords = SettingKind::kWords;
 
 constexpr int kScan = 0, kRealTime = 1, kQuarantine = 2, kEngines = 4;
 
-constexpr const char* kFormats = "zip jar rar 7z tar gz tgz bz2 xz cab arj iso cpio";
+constexpr const char* kFormats =
+    "zip jar rar 7z tar gz tgz bz2 xz cab arj lzh lha alz egg cpio xar iso udf dmg szdd";
 constexpr const char* kFormatsJson =
-    R"(["zip","jar","rar","7z","tar","gz","tgz","bz2","xz","cab","arj","iso","cpio"])";
+    R"(["zip","jar","rar","7z","tar","gz","tgz","bz2","xz","cab","arj","lzh","lha","alz","egg","cpio","xar","iso","udf","dmg","szdd"])";
 constexpr std::int64_t kMegabytes = 1'048'576;  // one terabyte, in megabytes
 
 // clang-format off
