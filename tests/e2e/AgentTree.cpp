@@ -32,7 +32,8 @@ std::string oneLine(const Json::Value& value) {
 AgentTree::AgentTree(Options options) {
   namespace fs = std::filesystem;
   chmod(dir_.path().c_str(), 0755);
-  for (const char* folder : {"bin", "lib/modules", "etc/communication", "etc/agent", "log", "data"}) {
+  for (const char* folder :
+       {"bin", "lib/modules", "etc/communication", "etc/debug", "etc/agent", "log", "data"}) {
     fs::create_directories(dir_.at(folder));
   }
   fs::create_symlink(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so",
@@ -46,6 +47,7 @@ AgentTree::AgentTree(Options options) {
     bus["group"] = options.group;
   }
   dir_.write("etc/communication/cli_lunet.conf", oneLine(bus));
+  dir_.write("etc/debug/cli_debug.conf", R"({"log_size":1048576,"log_backup_max_num":5,"log_level":3})");
   if (options.start) {
     start();
   }
@@ -60,6 +62,24 @@ AgentTree::~AgentTree() {
 
 std::string AgentTree::write(const std::string& name, const std::string& content) const {
   return dir_.write("data/" + name, content);
+}
+
+std::string AgentTree::busyFolder() const {
+  const std::string folder = data() + "/busy";
+  if (std::filesystem::exists(folder)) {
+    return folder;
+  }
+  std::string content(8 << 20, '\0');
+  std::uint32_t state = 12345;
+  for (char& byte : content) {
+    state = state * 1664525 + 1013904223;
+    byte = static_cast<char>(state >> 24);
+  }
+  const std::string first = write("busy/0", content);
+  for (int i = 1; i < 500; ++i) {
+    std::filesystem::create_hard_link(first, folder + "/" + std::to_string(i));
+  }
+  return folder;
 }
 
 void AgentTree::start() {
@@ -84,6 +104,16 @@ std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& argument
                                    "--system-signatures", dir_.at("none")};
   command.insert(command.end(), arguments.begin(), arguments.end());
   return std::make_unique<Process>(std::move(command));
+}
+
+std::unique_ptr<Process> AgentTree::console(const std::string& program,
+                                            const std::vector<std::string>& arguments) const {
+  Process::Options options;
+  options.workingDir = dir_.at("bin");
+  options.environment = {{"XDG_STATE_HOME", dir_.at("home")}, {"TERM", "dumb"}, {"CKORVIX_CLOG_LEVEL", ""}};
+  std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/" + program};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return std::make_unique<Process>(std::move(command), std::move(options));
 }
 
 PeerConsole::PeerConsole(const AgentTree& tree, Process::Options options)

@@ -28,6 +28,9 @@ class AgentTree {
   std::string at(const std::string& name) const { return dir_.at(name); }
   /// A file below "data/"; its path.
   std::string write(const std::string& name, const std::string& content) const;
+  /// A folder that keeps a scan busy for far longer than a test lasts, when the cache is not used: one large
+  /// file under many names.
+  std::string busyFolder() const;
   std::string data() const { return dir_.at("data"); }
 
   void start();  ///< returns when the agent serves; throws when it does not
@@ -35,6 +38,10 @@ class AgentTree {
   std::optional<int> wait() { return agent_->wait(); }
   Process& agent() { return *agent_; }
   std::string log() const;
+  /// A console of this tree, as an operator starts it: in bin/, with a history folder of its own. "tavcli",
+  /// or "tavcli_quick", whose waits are cut short.
+  std::unique_ptr<Process> console(const std::string& program,
+                                   const std::vector<std::string>& arguments) const;
   /// Runs tavagentd with arguments and --install-dir, to its end.
   std::unique_ptr<Process> run(const std::vector<std::string>& arguments) const;
 

@@ -42,24 +42,6 @@ Json::Value object(const std::string& text) {
   return value;
 }
 
-/// Files that keep a scan busy for far longer than a test lasts: one large file under many names.
-std::string busyFolder(const AgentTree& tree) {
-  std::string content(8 << 20, '\0');
-  std::uint32_t state = 12345;
-  for (char& byte : content) {
-    state = state * 1664525 + 1013904223;
-    byte = static_cast<char>(state >> 24);
-  }
-  if (std::filesystem::exists(tree.data() + "/busy")) {
-    return tree.data() + "/busy";
-  }
-  const std::string first = tree.write("busy/0", content);
-  for (int i = 1; i < 500; ++i) {
-    std::filesystem::create_hard_link(first, tree.data() + "/busy/" + std::to_string(i));
-  }
-  return tree.data() + "/busy";
-}
-
 /// Without the cache, which would know the file after its first name.
 Json::Value slowly() {
   return object(R"({"force_scan":true,"parallelism":1})");
@@ -204,7 +186,7 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
 class AgentTasks : public ::testing::Test {
  protected:
   std::string startBusy(PeerConsole& console) {
-    const Json::Value answer = console.startScan({busyFolder(tree)}, slowly());
+    const Json::Value answer = console.startScan({tree.busyFolder()}, slowly());
     EXPECT_TRUE(answer["status"].asBool()) << answer.toStyledString();
     const std::string token = answer["token_id"].asString();
     EXPECT_TRUE(console.waitForState(1, token));
@@ -270,7 +252,7 @@ TEST_F(AgentTasks, TheTimeLimitOfARequestEndsTheScan) {
   PeerConsole console(tree);
   Json::Value changes = slowly();
   changes["max_scan_sec"] = 1;
-  const std::string token = console.startScan({busyFolder(tree)}, changes)["token_id"].asString();
+  const std::string token = console.startScan({tree.busyFolder()}, changes)["token_id"].asString();
   ASSERT_TRUE(console.waitForState(5, token));
   EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("time limit"));
 }
@@ -467,7 +449,7 @@ TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
   Json::Value params = slowly();
   params["scan_type"] = 2;
   params["fix_method"] = 2;
-  params["items"].append(busyFolder(tree));
+  params["items"].append(tree.busyFolder());
   Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
   request["params"] = params;
   const std::string token = callAsRoot("startScanTask", request)["token_id"].asString();
@@ -480,7 +462,7 @@ TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
   EXPECT_TRUE(callAsRoot("ctlBus", stop).asBool());
   ASSERT_TRUE(waitFor([&] { return callAsRoot("getBusList", Json::Value()).empty(); }));
 
-  const std::string own = user.startScan({busyFolder(tree)}, slowly())["token_id"].asString();
+  const std::string own = user.startScan({tree.busyFolder()}, slowly())["token_id"].asString();
   EXPECT_EQ(1U, user.call("getBusList", Json::Value()).size());
   EXPECT_TRUE(user.control(kStop, own));
   EXPECT_TRUE(user.waitForState(5, own));
