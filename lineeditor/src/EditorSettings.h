@@ -2,16 +2,18 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include "lineeditor/LineEditor.h"
 
 namespace lineeditor {
 
-/// What the console has set for every prompt. Main thread only.
+/// What the console has set for every prompt, and what stays from one line to the next. Main thread only.
 struct EditorSettings {
   CompletionHook completionHook;
   std::function<void()> keyHelp;
   std::uint32_t promptColour = 0;
+  std::string lastCut;  ///< what the paste keys give at the next prompt
 };
 EditorSettings& settings();
 

@@ -32,6 +32,7 @@ class KeyLoop {
   explicit KeyLoop(const Question& question);
   Result run();
   const std::string& line() const { return state_.line(); }
+  const std::string& lastCut() const { return cut_; }
 
  private:
   using Action = void (KeyLoop::*)();

@@ -76,8 +76,11 @@ char* readLine(const char* prompt, char* buffer, std::size_t size, bool noHistor
   question.maxBytes = std::min(size - 1, kMaxLineBytes);
   question.help = settings().keyHelp;
   question.isMainPrompt = !noHistory;
+  question.toPaste = settings().lastCut;
   KeyLoop loop(question);
-  switch (loop.run()) {
+  const KeyLoop::Result result = loop.run();
+  settings().lastCut = loop.lastCut();
+  switch (result) {
     case KeyLoop::Result::Accepted:
       break;
     case KeyLoop::Result::Cancelled:

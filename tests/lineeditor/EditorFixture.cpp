@@ -1,6 +1,7 @@
 #include "lineeditor/EditorFixture.h"
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "Display.h"
 
@@ -21,6 +22,9 @@ std::string surrounded(const Surroundings& surroundings, std::string_view text) 
 }
 
 void EditorFixture::SetUp() {
+  for (const char* name : {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"}) {
+    unsetenv(name);  // the emulator here does not rewrap
+  }
   historyClear();
   settings() = EditorSettings{};
   outputBuffer.clear();
