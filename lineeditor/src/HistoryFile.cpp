@@ -45,6 +45,23 @@ void storePiece(std::string_view piece) {
   }
 }
 
+/// Stores what is longer than a slot piece by piece, cut between characters; the rest when the line has
+/// ended.
+void storeLine(std::string& line, bool ended) {
+  constexpr std::size_t kSlotText = kHistorySlotBytes - 1;
+  constexpr std::size_t kRestOfACharacter = 64;
+  while (line.size() > kSlotText + (ended ? 0 : kRestOfACharacter)) {
+    const std::size_t fitting = cutAtCharacter(line, kSlotText).size();
+    const std::size_t taken = fitting == 0 ? kSlotText : fitting;
+    storePiece(std::string_view(line).substr(0, taken));
+    line.erase(0, taken);
+  }
+  if (ended) {
+    storePiece(line);
+    line.clear();
+  }
+}
+
 }  // namespace
 
 int historyLoad(const char* path) {
@@ -52,21 +69,14 @@ int historyLoad(const char* path) {
   if (file == nullptr) {
     return -1;
   }
-  std::string piece;
+  std::string line;
   for (int c = std::getc(file.get()); c != EOF; c = std::getc(file.get())) {
-    piece += static_cast<char>(c);
-    if (c == '\n') {
-      storePiece(piece);
-      piece.clear();
-    } else if (piece.size() ==
-               kHistorySlotBytes) {  // one byte more than fits: cut before it, between characters
-      const std::string_view kept = cutAtCharacter(piece, kHistorySlotBytes - 1);
-      const std::size_t taken = kept.empty() ? kHistorySlotBytes - 1 : kept.size();
-      storePiece(kept);
-      piece.erase(0, taken);
+    if (c != '\n') {
+      line += static_cast<char>(c);
     }
+    storeLine(line, c == '\n');
   }
-  storePiece(piece);
+  storeLine(line, true);
   return 0;
 }
 

@@ -28,7 +28,8 @@ std::string formatted(const char* format, va_list arguments) {
   return text;
 }
 
-/// On a usable terminal the display shows and removes the prompt, so that a notice in between finds its way around it.
+/// On a usable terminal the display shows and removes the prompt, so that a notice in between finds its way
+/// around it.
 void showPagerPrompt() {
   if (terminalUsable()) {
     Content content;

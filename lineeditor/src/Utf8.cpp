@@ -94,7 +94,7 @@ void appendEscape(std::string_view character, std::vector<Glyph>& out) {
     if (byte < 0x20 || byte == 0x7F) {
       std::snprintf(shown, sizeof shown, "^%c", byte ^ 0x40);
     } else {
-      std::snprintf(shown, sizeof shown, "\\x%02X", byte);
+      std::snprintf(shown, sizeof shown, "\\x%02x", byte);
     }
     for (const char* p = shown; *p != '\0'; ++p) {
       out.push_back({std::string(1, *p), 1});

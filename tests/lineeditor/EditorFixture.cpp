@@ -85,9 +85,9 @@ std::optional<std::string> EditorFixture::readKeys(std::string_view keys) {
     const PlainModel::Screen expected = model.screen(prompt, screen.cols());
     const int top = screen.cursorRow() - expected.cursorRow;
     if (screen.cursorCol() != expected.cursorCol) {
-      return ::testing::AssertionFailure() << "cursor in column " << screen.cursorCol() << ", expected "
-                                           << expected.cursorCol << " in\n"
-                                           << screen.text();
+      return ::testing::AssertionFailure()
+             << "cursor in column " << screen.cursorCol() << ", expected " << expected.cursorCol << " in\n"
+             << screen.text();
     }
     for (int i = 0; top + i < screen.rows(); ++i) {
       const auto at = static_cast<std::size_t>(i);

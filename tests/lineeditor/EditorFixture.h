@@ -27,7 +27,7 @@ struct Surroundings {
 const char kLong[] =
     "abcdefghij 扫描中文 0123456789 e\u0301a\u0300 the quick brown fox 跳过了懒惰的狗 and on it goes xyz ";
 inline const Surroundings kSurroundings[] = {
-    {"Ascii", "", "x", 80},          {"Chinese", "扫描中文", "中", 80}, {"WrappedAt20", kLong, "x", 20},
+    {"Ascii", "", "x", 80},           {"Chinese", "扫描中文", "中", 80}, {"WrappedAt20", kLong, "x", 20},
     {"WrappedAt40", kLong, "中", 40}, {"WrappedAt80", kLong, "x", 80},
 };
 

@@ -1,4 +1,5 @@
-// Every line of the key table, each in five surroundings: plain, with Chinese text, and wrapped at three widths.
+// Every line of the key table, each in five surroundings: plain, with Chinese text, and wrapped at three
+// widths.
 #include "Display.h"
 #include "HistoryRing.h"
 #include "lineeditor/EditorFixture.h"
@@ -94,7 +95,8 @@ TEST_P(KeyTable, DoesWhatItsLineSays) {
 INSTANTIATE_TEST_SUITE_P(, KeyTable,
                          ::testing::Combine(::testing::ValuesIn(kKeys), ::testing::ValuesIn(kSurroundings)),
                          [](const auto& test) {
-                           return std::string(std::get<0>(test.param).name) + "_" + std::get<1>(test.param).name;
+                           return std::string(std::get<0>(test.param).name) + "_" +
+                                  std::get<1>(test.param).name;
                          });
 
 /// Keys whose effect is more than an edit.
@@ -176,13 +178,13 @@ TEST_P(Keys, EscUpAndEscDownMoveBetweenScreenLinesOnly) {
   historyStore("from the history");
   startWith("^a~c|");
   const int rows = model("^a~c|").screen("TAV> ", GetParam().cols).cursorRow;
-  typeThen(std::string("\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A"), [this] {
-    EXPECT_EQ(terminal().cursorRow(), 0);
-    EXPECT_EQ(terminal().text().find("from the history"), std::string::npos);
-  });
-  typeThen("\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B", [this, rows] {
-    EXPECT_EQ(terminal().cursorRow(), rows);
-  });
+  typeThen(std::string("\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A\033\033[A"),
+           [this] {
+             EXPECT_EQ(terminal().cursorRow(), 0);
+             EXPECT_EQ(terminal().text().find("from the history"), std::string::npos);
+           });
+  typeThen("\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B\033\033[B",
+           [this, rows] { EXPECT_EQ(terminal().cursorRow(), rows); });
   EXPECT_EQ(accept(), plain("^a~c"));
 }
 
@@ -298,7 +300,8 @@ TEST_P(Keys, F2ShowsTheHistoryAndRedrawsTheLine) {
   historyStore("second");
   startWith("^a|~c");
   typeThen("\033OQ", [this] {
-    EXPECT_NE(terminal().text().find("\n   1  first\n   2  second\nTAV> "), std::string::npos) << terminal().text();
+    EXPECT_NE(terminal().text().find("\n   1  first\n   2  second\nTAV> "), std::string::npos)
+        << terminal().text();
     EXPECT_TRUE(shows(model("^a|~c")));
   });
   EXPECT_EQ(accept(), plain("^a~c"));
@@ -312,7 +315,8 @@ TEST_P(Keys, F3ClearsTheHistoryWhenConfirmed) {
   });
   typeThen("y", [this] {
     EXPECT_NE(terminal().written().find("\b\nHistory are cleared!"), std::string::npos);
-    EXPECT_NE(terminal().text().find("\nHistory are cleared!\nTAV> "), std::string::npos) << terminal().text();
+    EXPECT_NE(terminal().text().find("\nHistory are cleared!\nTAV> "), std::string::npos)
+        << terminal().text();
     EXPECT_TRUE(shows(model("^a|~c")));
     EXPECT_EQ(historyCount, 0U);
   });

@@ -15,7 +15,9 @@ std::size_t codePointLength(std::string_view text) {
 
 }  // namespace
 
-int plainWidth(std::string_view character) { return codePointLength(character) >= 3 ? 2 : 1; }
+int plainWidth(std::string_view character) {
+  return codePointLength(character) >= 3 ? 2 : 1;
+}
 
 PlainModel modelOf(std::string_view text, bool marked) {
   PlainModel model;

@@ -6,8 +6,8 @@
 
 namespace lineeditor {
 
-/// The line as a plain list of characters with a cursor, and what a screen of a given width must show of it. Shares no
-/// code with the editor. Knows ASCII, Chinese and Latin letters with a combining accent.
+/// The line as a plain list of characters with a cursor, and what a screen of a given width must show of it.
+/// Shares no code with the editor. Knows ASCII, Chinese and Latin letters with a combining accent.
 struct PlainModel {
   std::vector<std::string> characters;
   std::size_t cursor = 0;

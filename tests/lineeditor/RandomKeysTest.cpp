@@ -1,5 +1,7 @@
-// Random keys against a plain model: after each key the screen shows what the model says, and the line handed back is
-// the model's. TAV_RANDOM_KEYS and TAV_RANDOM_SEED choose how many and which.
+// Random keys against a plain model: after each key the screen shows what the model says, and the line handed
+// back is the model's. TAV_RANDOM_KEYS and TAV_RANDOM_SEED choose how many and which.
+#include <strings.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -9,8 +11,6 @@
 #include <functional>
 #include <random>
 #include <thread>
-
-#include <strings.h>
 
 #include "lineeditor/EditorFixture.h"
 #include "lineeditor/Notices.h"
@@ -108,7 +108,8 @@ struct EditorModel {
       return;
     }
     for (std::size_t i = 0; i < length; ++i) {
-      if (chars()[start + i] != std::string(1, "SCAN"[i]) && chars()[start + i] != std::string(1, "scan"[i])) {
+      if (chars()[start + i] != std::string(1, "SCAN"[i]) &&
+          chars()[start + i] != std::string(1, "scan"[i])) {
         return;
       }
     }
@@ -116,9 +117,7 @@ struct EditorModel {
     erase(start, line.cursor + (blankFollows ? 1 : 0));
     insert({"S", "C", "A", "N", " "});
   }
-  void show(const std::string& text) {
-    line = modelOf(text, false);
-  }
+  void show(const std::string& text) { line = modelOf(text, false); }
   void browse(std::size_t to) {
     to = std::min(to, history.size());
     if (to == back) {
@@ -174,8 +173,8 @@ struct RandomKey {
 std::vector<RandomKey> makeKeys() {
   using M = EditorModel;
   std::vector<RandomKey> keys;
-  for (const char* c : {"a", "s", "C", "n", "S", "Z", "9", " ", " ", ",", "/", "中", "文", "扫", "\u00E9", "e\u0301",
-                        "i\u0302"}) {
+  for (const char* c : {"a", "s", "C", "n", "S", "Z", "9", " ", " ", ",", "/", "中", "文", "扫", "\u00E9",
+                        "e\u0301", "i\u0302"}) {
     keys.push_back({20, c, [c](M& m, int) { m.insert({c}); }});
   }
   const auto add = [&](int weight, const char* bytes, std::function<void(M&, int)> effect) {
@@ -393,7 +392,8 @@ TEST_P(RandomKeys, TheScreenAndTheLineAreTheModelsAfterEachKey) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(, RandomKeys, ::testing::Combine(::testing::Values(1U, 20U, 333U), ::testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(, RandomKeys,
+                         ::testing::Combine(::testing::Values(1U, 20U, 333U), ::testing::Bool()),
                          [](const auto& test) {
                            return "Seed" + std::to_string(std::get<0>(test.param)) +
                                   (std::get<1>(test.param) ? "WithNoticesThroughout" : "");

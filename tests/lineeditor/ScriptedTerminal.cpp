@@ -9,7 +9,9 @@ ScriptedTerminal::ScriptedTerminal(int rows, int cols) : screen_(rows, cols) {
   useTerminal(this);
 }
 
-ScriptedTerminal::~ScriptedTerminal() { useTerminal(nullptr); }
+ScriptedTerminal::~ScriptedTerminal() {
+  useTerminal(nullptr);
+}
 
 void ScriptedTerminal::type(std::string_view bytes) {
   for (const char c : bytes) {
@@ -17,9 +19,13 @@ void ScriptedTerminal::type(std::string_view bytes) {
   }
 }
 
-void ScriptedTerminal::pause() { steps_.push_back({Step::kPause}); }
+void ScriptedTerminal::pause() {
+  steps_.push_back({Step::kPause});
+}
 
-void ScriptedTerminal::resizeTo(int rows, int cols) { steps_.push_back({Step::kResize, 0, {rows, cols}}); }
+void ScriptedTerminal::resizeTo(int rows, int cols) {
+  steps_.push_back({Step::kResize, 0, {rows, cols}});
+}
 
 std::string ScriptedTerminal::text() const {
   return look([](const auto& screen) { return screen.text(); });
@@ -81,7 +87,9 @@ Input ScriptedTerminal::read(int waitMs) {
   }
 }
 
-bool ScriptedTerminal::pending() { return !steps_.empty() && steps_.front().kind == Step::kByte; }
+bool ScriptedTerminal::pending() {
+  return !steps_.empty() && steps_.front().kind == Step::kByte;
+}
 
 void ScriptedTerminal::write(std::string_view bytes) {
   const std::lock_guard guard(mutex_);

@@ -11,9 +11,10 @@
 
 namespace lineeditor {
 
-/// A terminal with a script at the keyboard: bytes, pauses and changes of the window in a row. When the script is used
-/// up, onIdle (called when the editor waits for a key, so all it has drawn stands on the screen) may type more; else
-/// the input ends. Standing in for the real terminal as long as it lives. Notices may write from another thread.
+/// A terminal with a script at the keyboard: bytes, pauses and changes of the window in a row. When the
+/// script is used up, onIdle (called when the editor waits for a key, so all it has drawn stands on the
+/// screen) may type more; else the input ends. Standing in for the real terminal as long as it lives. Notices
+/// may write from another thread.
 class ScriptedTerminal : public TerminalIo {
  public:
   ScriptedTerminal(int rows, int cols);
@@ -37,7 +38,7 @@ class ScriptedTerminal : public TerminalIo {
   std::string written() const;  ///< every byte so far
   void forgetWritten();
 
-  int timesTaken = 0;     ///< of the terminal's settings
+  int timesTaken = 0;  ///< of the terminal's settings
   int timesRestored = 0;
   int timesCleared = 0;
   bool isUsable = true;

@@ -18,7 +18,8 @@ namespace testsupport {
 
 namespace {
 
-[[noreturn]] void runChild(const std::vector<std::string>& command, const PtyProgram::Options& options, int slave) {
+[[noreturn]] void runChild(const std::vector<std::string>& command, const PtyProgram::Options& options,
+                           int slave) {
   setsid();
   ioctl(slave, TIOCSCTTY, 0);
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
@@ -41,7 +42,8 @@ namespace {
 
 }  // namespace
 
-PtyProgram::PtyProgram(std::vector<std::string> command, Options options) : screen_(options.rows, options.cols) {
+PtyProgram::PtyProgram(std::vector<std::string> command, Options options)
+    : screen_(options.rows, options.cols) {
   winsize window{};
   window.ws_row = static_cast<unsigned short>(options.rows);
   window.ws_col = static_cast<unsigned short>(options.cols);
@@ -122,7 +124,8 @@ bool PtyProgram::waitForPrompt(std::string_view row, std::chrono::milliseconds l
   while (trimmed.ends_with(' ')) {
     trimmed.remove_suffix(1);
   }
-  return waitUntil([&](const TerminalScreen& screen) { return screen.row(screen.cursorRow()) == trimmed; }, limit);
+  return waitUntil([&](const TerminalScreen& screen) { return screen.row(screen.cursorRow()) == trimmed; },
+                   limit);
 }
 
 void PtyProgram::resize(int rows, int cols) {
@@ -184,8 +187,8 @@ std::optional<int> PtyProgram::wait(std::chrono::milliseconds limit) {
 }
 
 bool sameSettings(const termios& a, const termios& b) {
-  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag && a.c_lflag == b.c_lflag &&
-         std::memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0;
+  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+         a.c_lflag == b.c_lflag && std::memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0;
 }
 
 }  // namespace testsupport

@@ -15,9 +15,9 @@
 
 namespace testsupport {
 
-/// A program on a terminal of its own: what it writes goes to an emulator, what the test types goes to it. The test
-/// keeps the terminal's other end open, so that its settings can be looked at after the program has ended. The program
-/// is ended, by its id, with the object. One thread only.
+/// A program on a terminal of its own: what it writes goes to an emulator, what the test types goes to it.
+/// The test keeps the terminal's other end open, so that its settings can be looked at after the program has
+/// ended. The program is ended, by its id, with the object. One thread only.
 class PtyProgram {
  public:
   struct Options {
@@ -35,7 +35,9 @@ class PtyProgram {
   pid_t pid() const { return pid_; }
   void type(std::string_view bytes);
   const TerminalScreen& screen() const { return screen_; }
-  const std::string& written() const { return written_; }  ///< every byte the program wrote, as the terminal got it
+  const std::string& written() const {
+    return written_;
+  }  ///< every byte the program wrote, as the terminal got it
 
   /// Takes what the program writes until the condition holds. False when it does not within the limit.
   bool waitUntil(const std::function<bool(const TerminalScreen&)>& condition,
@@ -45,9 +47,9 @@ class PtyProgram {
   bool waitForPrompt(std::string_view row, std::chrono::milliseconds limit = std::chrono::seconds(20));
 
   void resize(int rows, int cols);
-  termios settings() const;  ///< of the terminal, as they are now
+  termios settings() const;      ///< of the terminal, as they are now
   std::string sttyText() const;  ///< what `stty -a` says of it
-  void closeTerminal();      ///< hangs up
+  void closeTerminal();          ///< hangs up
   void kill(int signal);
   bool running();
   /// The exit status, 128 + signal when a signal ended it; nothing when it still runs at the limit.

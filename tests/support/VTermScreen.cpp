@@ -80,7 +80,8 @@ VTermScreenCell cellAt(const VTermScreen* screen, int row, int col) {
 
 }  // namespace
 
-TerminalScreen::TerminalScreen(int rows, int cols) : rows_(rows), cols_(cols), terminal_(vterm_new(rows, cols)) {
+TerminalScreen::TerminalScreen(int rows, int cols)
+    : rows_(rows), cols_(cols), terminal_(vterm_new(rows, cols)) {
   vterm_set_utf8(terminal_, 1);
   screen_ = vterm_obtain_screen(terminal_);
   vterm_screen_set_callbacks(screen_, &kCallbacks, this);
@@ -88,7 +89,9 @@ TerminalScreen::TerminalScreen(int rows, int cols) : rows_(rows), cols_(cols), t
   vterm_screen_reset(screen_, 1);
 }
 
-TerminalScreen::~TerminalScreen() { vterm_free(terminal_); }
+TerminalScreen::~TerminalScreen() {
+  vterm_free(terminal_);
+}
 
 void TerminalScreen::write(std::string_view bytes) {
   vterm_input_write(terminal_, bytes.data(), bytes.size());
@@ -141,7 +144,9 @@ int TerminalScreen::background(int row, int col) const {
   return paletteIndex(cell.bg, VTERM_COLOR_IS_DEFAULT_BG(&cell.bg));
 }
 
-bool TerminalScreen::underlined(int row, int col) const { return cellAt(screen_, row, col).attrs.underline != 0; }
+bool TerminalScreen::underlined(int row, int col) const {
+  return cellAt(screen_, row, col).attrs.underline != 0;
+}
 
 std::string TerminalScreen::takeAnswers() {
   std::string out;

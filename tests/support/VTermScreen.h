@@ -9,8 +9,9 @@ struct VTermScreen;
 
 namespace testsupport {
 
-/// What a terminal shows for the bytes written to it: an emulator (libvterm) with its rows, its cursor and its answers.
-/// Bytes go in as the terminal's driver hands them on: line feeds need their carriage returns. Not thread-safe.
+/// What a terminal shows for the bytes written to it: an emulator (libvterm) with its rows, its cursor and
+/// its answers. Bytes go in as the terminal's driver hands them on: line feeds need their carriage returns.
+/// Not thread-safe.
 class TerminalScreen {
  public:
   TerminalScreen(int rows, int cols);
