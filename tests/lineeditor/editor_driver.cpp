@@ -5,8 +5,8 @@
 #include <strings.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -56,6 +56,13 @@ void showKeys() {
   }
 }
 
+volatile std::sig_atomic_t goOn = 0;
+
+/// "!busy" runs until SIGUSR1, or until the console is told to end.
+void endBusy(int /*signal*/) {
+  goOn = 1;
+}
+
 void runCommand(const std::string& line) {
   if (line == "!error") {
     lineeditor::colourPrint(lineeditor::kBrightRed, "ERR: %s \n", "parameter error");
@@ -64,7 +71,7 @@ void runCommand(const std::string& line) {
   } else if (line == "!busy") {
     lineeditor::plainPrint("busy\n");
     lineeditor::flushOutput();
-    while (std::getenv("EDITOR_DRIVER_NEVER") == nullptr && !lineeditor::endRequested()) {
+    while (goOn == 0 && !lineeditor::endRequested()) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   } else if (line == "!half") {
@@ -91,6 +98,7 @@ int main(int argc, char** argv) {
       noticeMs = std::atoi(argv[i + 1]);
     }
   }
+  std::signal(SIGUSR1, endBusy);
   lineeditor::installSignalHandlers();
   lineeditor::setCompletionHook(completeWords);
   lineeditor::setKeyHelp(showKeys);

@@ -52,6 +52,8 @@ PtyProgram::PtyProgram(std::vector<std::string> command, Options options)
   }
   fcntl(master_, F_SETFD, FD_CLOEXEC);
   fcntl(slave_, F_SETFD, FD_CLOEXEC);
+  settingsAtStart_ = settings();
+  sttyTextAtStart_ = sttyText();
   options.environment.emplace("TERM", "xterm-256color");
   pid_ = fork();
   if (pid_ < 0) {
@@ -132,10 +134,20 @@ void PtyProgram::resize(int rows, int cols) {
   while (takeOutput(0)) {
   }
   screen_.resize(rows, cols);
+  reportSize(rows, cols);
+}
+
+void PtyProgram::reportSize(int rows, int cols) {
   winsize window{};
   window.ws_row = static_cast<unsigned short>(rows);
   window.ws_col = static_cast<unsigned short>(cols);
   ioctl(master_, TIOCSWINSZ, &window);
+}
+
+void PtyProgram::makeCooked() {
+  termios now = settings();
+  now.c_lflag |= ICANON | ECHO | ISIG;
+  tcsetattr(slave_, TCSANOW, &now);
 }
 
 termios PtyProgram::settings() const {

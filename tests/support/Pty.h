@@ -47,9 +47,13 @@ class PtyProgram {
   bool waitForPrompt(std::string_view row, std::chrono::milliseconds limit = std::chrono::seconds(20));
 
   void resize(int rows, int cols);
-  termios settings() const;      ///< of the terminal, as they are now
-  std::string sttyText() const;  ///< what `stty -a` says of it
-  void closeTerminal();          ///< hangs up
+  void reportSize(int rows, int cols);  ///< says so to the program; the screen stays as it is
+  void makeCooked();                    ///< as a shell does when its job has stopped
+  termios settings() const;             ///< of the terminal, as they are now
+  std::string sttyText() const;         ///< what `stty -a` says of it
+  const termios& settingsAtStart() const { return settingsAtStart_; }  ///< before the program was started
+  const std::string& sttyTextAtStart() const { return sttyTextAtStart_; }
+  void closeTerminal();  ///< hangs up
   void kill(int signal);
   bool running();
   /// The exit status, 128 + signal when a signal ended it; nothing when it still runs at the limit.
@@ -64,6 +68,8 @@ class PtyProgram {
   int master_ = -1;
   int slave_ = -1;
   std::optional<int> status_;
+  termios settingsAtStart_{};
+  std::string sttyTextAtStart_;
 };
 
 bool sameSettings(const termios& a, const termios& b);
