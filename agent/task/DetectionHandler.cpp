@@ -112,9 +112,21 @@ void DetectionHandler::handle(const Found& found) {
   context_.counters.infected();
   context_.events.risk(kFileRisk, context_.plan.fixMethod, riskInfo(risk));
   if (context_.plan.memoryCheck) {
-    handleProcesses(found, risk);
+    guarded([&] {
+      handleProcesses(found, risk);
+      return Result{true, {}};
+    });
   }
   handleFile(found, risk);
+}
+
+/// A store that fails must cost the handling only: the detection is told all the same.
+Result DetectionHandler::guarded(const std::function<Result()>& action) {
+  try {
+    return action();
+  } catch (const std::exception& error) {
+    return {false, error.what()};
+  }
 }
 
 /// The file leaves its place, or stays, as the plan says; either way its owner is told.
@@ -124,7 +136,7 @@ void DetectionHandler::handleFile(const Found& found, const FileRisk& risk) {
   if (context_.plan.handling == ScanPlan::Handling::kNothing) {
     context_.counters.leftAlone();
   } else {
-    const Result outcome = takeAway(found);
+    const Result outcome = guarded([&] { return takeAway(found); });
     result = outcome.ok ? HandleResult::kQuarantined : HandleResult::kFailed;
     reason = outcome.detail;
     outcome.ok ? context_.counters.fixed() : context_.counters.fixFailed();
@@ -177,7 +189,7 @@ void DetectionHandler::handleProcesses(const Found& found, const FileRisk& risk)
     HandleResult result = HandleResult::kReportedOnly;
     std::string reason;
     if (context_.plan.endProcesses) {
-      const Result outcome = endProcess(program);
+      const Result outcome = guarded([&] { return endProcess(program); });
       result = outcome.ok ? HandleResult::kProcessEnded : HandleResult::kFailed;
       reason = outcome.detail;
       AGENT_LOG(3, "process %d (%s): %s %s", program.pid, program.path.c_str(),

@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -64,6 +65,7 @@ class DetectionHandler {
   void handle(const Found& found);
   void handleFile(const Found& found, const FileRisk& risk);
   void handleProcesses(const Found& found, const FileRisk& risk);
+  static Result guarded(const std::function<Result()>& action);
   Result takeAway(const Found& found);
   std::string whyNotAllowed(const ScanJob& job) const;
   bool callerOwnsEverything() const;

@@ -93,26 +93,33 @@ bool Outbox::drain(std::chrono::milliseconds limit) {
 void Outbox::run() {
   std::unique_lock lock(mutex_);
   while (!ending_) {
-    const std::vector<std::shared_ptr<Mailbox>> boxes = listed_;
-    bool sent = false;
-    Clock::time_point next = Clock::time_point::max();
-    for (const std::shared_ptr<Mailbox>& box : boxes) {
-      if (box->notBefore_ <= Clock::now()) {
-        sent = sendOne(lock, box) || sent;
+    try {
+      const bool sent = sendRound(lock);
+      room_.notify_all();
+      if (sent || ending_) {
+        continue;
       }
-      if (box->listed_) {
-        next = std::min(next, box->notBefore_);
-      }
+    } catch (const std::exception& error) {
+      AGENT_LOG(4, "sending notices: %s", error.what());
     }
-    room_.notify_all();
-    if (!sent && !ending_) {
-      if (listed_.empty()) {
-        work_.wait(lock, [this] { return ending_ || !listed_.empty(); });
-      } else {
-        work_.wait_until(lock, std::min(next, Clock::now() + limits_.retry));
-      }
+    if (listed_.empty()) {
+      work_.wait(lock, [this] { return ending_ || !listed_.empty(); });
+    } else {
+      work_.wait_for(lock, limits_.retry);
     }
   }
+}
+
+/// One notice of each mailbox that has any and may be tried. True when one was taken.
+bool Outbox::sendRound(std::unique_lock<std::mutex>& lock) {
+  const std::vector<std::shared_ptr<Mailbox>> boxes = listed_;
+  bool sent = false;
+  for (const std::shared_ptr<Mailbox>& box : boxes) {
+    if (box->notBefore_ <= Clock::now()) {
+      sent = sendOne(lock, box) || sent;
+    }
+  }
+  return sent;
 }
 
 /// True when something was taken. Called with the lock held, given up while sending.
@@ -132,7 +139,10 @@ bool Outbox::sendOne(std::unique_lock<std::mutex>& lock, const std::shared_ptr<M
     box->closed_ = nullptr;
     if (closed) {
       lock.unlock();
-      closed();
+      guarded([&closed]() -> std::uint32_t {
+        closed();
+        return lunet::kOk;
+      });
       lock.lock();
     }
     if (box->waiting_.empty() && !box->closed_) {

@@ -74,6 +74,7 @@ class Outbox {
  private:
   using Clock = std::chrono::steady_clock;
   void run();
+  bool sendRound(std::unique_lock<std::mutex>& lock);
   bool sendOne(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Mailbox>& box);
   void settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error);
   void giveUp(Mailbox& box, const char* why);

@@ -68,7 +68,11 @@ void ScanTask::join() {
 void ScanTask::start(Hooks hooks) {
   hooks_ = std::move(hooks);
   thread_ = std::thread([this] {
-    run();
+    try {
+      run();
+    } catch (const std::exception& error) {
+      AGENT_LOG(4, "scan %s: %s", token_.c_str(), error.what());
+    }
     overPromise_.set_value();
   });
 }
@@ -272,7 +276,11 @@ void ScanTask::end() {
     const std::lock_guard guard(poolMutex_);
     pool_.reset();
   }
-  parts_.store.cache().flush();
+  try {
+    parts_.store.cache().flush();
+  } catch (const std::exception& error) {
+    AGENT_LOG(4, "the scan cache was not written: %s", error.what());
+  }
   const bool aborted = control_.stopping();
   AGENT_LOG(2, "scan %s %s: %s", token_.c_str(), aborted ? "aborted" : "finished",
             counters_.summary().c_str());
@@ -309,8 +317,12 @@ void ScanTask::tellUntil(const std::future<void>& over) {
         std::chrono::steady_clock::now() >= deadline_) {
       control_.stop("the time limit of " + std::to_string(plan_.limit.count()) + " seconds is over");
     }
-    if (!control_.paused() && !control_.stopping()) {
-      tell();
+    try {
+      if (!control_.paused() && !control_.stopping()) {
+        tell();
+      }
+    } catch (const std::exception& error) {
+      AGENT_LOG(4, "scan %s: %s", token_.c_str(), error.what());
     }
   }
 }
