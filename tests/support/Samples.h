@@ -20,7 +20,7 @@ inline std::string eicar() {
 }
 /// Found anywhere in a file. TAV.Test.Generic
 inline std::string genericSample() {
-  return joined({"TAV-HARM", "LESS-GENERIC-TEST-", "STRING-2b8d51c07e"});
+  return joined({"tav-harm", "less-generic-test-", "string-2b8d51c07e"});
 }
 /// Found in text, in whatever case it is written. TAV.Test.Script
 inline std::string scriptSample() {

@@ -1,0 +1,230 @@
+#include <gmock/gmock.h>
+
+#include <random>
+
+#include "EngineFixture.h"
+
+namespace agent {
+namespace {
+
+using testing::describe;
+using ::testing::HasSubstr;
+using testsupport::eicar;
+using testsupport::genericSample;
+using testsupport::makeGzip;
+using testsupport::makeNestedZip;
+using testsupport::makeRar;
+using testsupport::makeTar;
+using testsupport::makeZip;
+using testsupport::ZipMember;
+
+// The limits of the fixture: 1 MiB a file or member, 4 MiB in all, 50 members, 12 levels.
+constexpr std::size_t kFileLimit = 1U << 20;
+
+std::string zerosThenSample(std::size_t zeros) {
+  return std::string(zeros, '\0') + genericSample();
+}
+
+// Bytes that do not compress, the same in every run.
+std::string noise(std::size_t size) {
+  std::mt19937 generator(20240521);
+  std::string text(size, '\0');
+  for (auto& c : text) {
+    c = static_cast<char>(generator() & 0xFF);
+  }
+  return text;
+}
+
+class EngineLimitsTest : public testing::EngineFixture {
+ protected:
+  void expectError(const std::string& content, const std::string& reason) {
+    const Verdict verdict = scan(content);
+    EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
+    EXPECT_THAT(verdict.reason, HasSubstr(reason));
+    EXPECT_TRUE(verdict.detections.empty()) << describe(verdict);
+  }
+};
+
+TEST_F(EngineLimitsTest, AFileAboveTheFileLimitIsAnError) {
+  expectError(zerosThenSample(kFileLimit), "larger than the engine's limit");
+}
+
+TEST_F(EngineLimitsTest, AFileOfExactlyTheFileLimitIsScannedWhole) {
+  const Verdict verdict = scan(zerosThenSample(kFileLimit - genericSample().size()));
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+}
+
+TEST_F(EngineLimitsTest, AGzipThatUnpacksToMoreThanTheFileLimitIsAnError) {
+  expectError(makeGzip(zerosThenSample(kFileLimit)), "larger than the engine's limit");
+}
+
+TEST_F(EngineLimitsTest, AZipMemberCutAtTheFileLimitIsAnError) {
+  expectError(makeZip({{"big", zerosThenSample(kFileLimit + 100000)}}), "cut at the engine's limit");
+}
+
+TEST_F(EngineLimitsTest, AZipMemberWithAFalseDeclaredSizeCutAtTheFileLimitIsAnError) {
+  ZipMember member{"big", zerosThenSample(kFileLimit + 100000)};
+  member.declaredBytes = 1000;
+  expectError(makeZip({member}), "cut at the engine's limit");
+}
+
+TEST_F(EngineLimitsTest, AZipMemberWithAFalseDeclaredSizeBelowTheFileLimitIsScannedWhole) {
+  ZipMember member{"big", zerosThenSample(500000)};
+  member.declaredBytes = 1000;
+  const Verdict verdict = scan(makeZip({member}));
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+}
+
+TEST_F(EngineLimitsTest, AZipMemberOfTheSixtyFourBitFormatIsAnError) {
+  ZipMember member{"zeros", std::string(100000, '\0')};
+  member.sizes64 = true;
+  expectError(makeZip({member}), "64-bit");
+}
+
+TEST_F(EngineLimitsTest, AZipMemberOfTheSixtyFourBitFormatInsideAnotherZipIsAnError) {
+  ZipMember member{"zeros", std::string(100000, '\0')};
+  member.sizes64 = true;
+  expectError(makeZip({{"inner.zip", makeZip({member})}}), "64-bit");
+}
+
+TEST_F(EngineLimitsTest, AStoredZipMemberAboveTheFileLimitIsAnError) {
+  ZipMember member{"big", zerosThenSample(kFileLimit)};
+  member.deflate = false;
+  expectError(makeZip({member}), "limit");
+}
+
+TEST_F(EngineLimitsTest, MoreMembersThanTheLimitAreAnError) {
+  std::vector<ZipMember> members;
+  for (int i = 0; i < 60; ++i) {
+    members.push_back({"member" + std::to_string(i), "some text in member " + std::to_string(i)});
+  }
+  members.push_back({"last", genericSample()});
+  expectError(makeZip(members), "more members");
+}
+
+TEST_F(EngineLimitsTest, MoreDataThanTheScanLimitIsAnError) {
+  std::vector<ZipMember> members;
+  for (int i = 0; i < 8; ++i) {
+    members.push_back({"member" + std::to_string(i), std::string(800000, static_cast<char>('a' + i))});
+  }
+  members.push_back({"last", genericSample()});
+  expectError(makeZip(members), "more data");
+}
+
+TEST_F(EngineLimitsTest, DeeperNestingThanTheRecursionLimitIsAnError) {
+  ScanOptions options;
+  options.maxLayers = 100;
+  const Verdict verdict = scan(makeNestedZip(20, "test.com", eicar()), options);
+  EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
+  EXPECT_THAT(verdict.reason, HasSubstr("nested deeper"));
+}
+
+TEST_F(EngineLimitsTest, AScanLongerThanTheTimeLimitIsAnError) {
+  EngineLimits limits;
+  limits.maxScanMs = 1;
+  load(limits);
+  std::vector<std::pair<std::string, std::string>> members;
+  const std::string content = noise(1000000);
+  for (int i = 0; i < 20; ++i) {
+    members.emplace_back("member" + std::to_string(i), content);
+  }
+  expectError(makeTar(members), "took longer");
+}
+
+TEST_F(EngineLimitsTest, AnEncryptedZipIsAnError) {
+  ZipMember member{"secret.txt", "nobody can read this text here"};
+  member.encryptedFlag = true;
+  expectError(makeZip({member}), "encrypted");
+}
+
+TEST_F(EngineLimitsTest, ARealDetectionInTheSameFileWins) {
+  ZipMember secret{"secret.txt", "nobody can read this text here"};
+  secret.encryptedFlag = true;
+  ZipMember huge{"huge", zerosThenSample(kFileLimit + 100000)};
+  const Verdict verdict = scan(makeZip({secret, {"test.com", eicar()}, huge}));
+  ASSERT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+  for (const auto& detection : verdict.detections) {
+    EXPECT_THAT(detection.name, ::testing::StartsWith("TAV.Test."));
+  }
+}
+
+TEST_F(EngineLimitsTest, AMemberPackedByAnUnknownMethodIsAnError) {
+  ZipMember member{"odd", "some text that is packed by a method nobody here knows"};
+  member.method = 14;
+  expectError(makeZip({member}), "packed by method 14");
+}
+
+TEST_F(EngineLimitsTest, AZipCutOffIsAnError) {
+  const std::string whole = makeZip({{"one", noise(5000)}, {"two", noise(6000)}});
+  expectError(whole.substr(0, whole.size() - 3000), "cut off");
+}
+
+TEST_F(EngineLimitsTest, AZipWhoseDirectoryPointsBeyondItsEndIsAnError) {
+  std::string zip = makeZip({{"one", "some text in a member"}});
+  const std::string whole = zip;
+  zip.erase(10, 12);  // what stands before the directory is now shorter than it says
+  expectError(zip, "cut off");
+}
+
+TEST_F(EngineLimitsTest, AnArchiveThatCannotBeUnpackedIsAnError) {
+  expectError(makeRar("file.txt", "some text that nobody unpacks"), "could not be unpacked");
+}
+
+TEST_F(EngineLimitsTest, AnArchiveThatCannotBeUnpackedInsideAZipIsAnError) {
+  expectError(makeZip({{"x.rar", makeRar("file.txt", "some text that nobody unpacks")}}),
+              "could not be unpacked");
+}
+
+TEST_F(EngineLimitsTest, ALargeHtmlFileIsScannedWhole) {
+  EngineLimits limits;
+  load(limits);
+  std::string page = "<html><body>\n";
+  while (page.size() < (9U << 20)) {  // above the library's own limit for pages without tags
+    page += "<p>some text <a href=\"http://localhost/\">and a link</a></p>\n";
+  }
+  const Verdict verdict = scan(page + genericSample() + "</body></html>");
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+}
+
+TEST_F(EngineLimitsTest, WhatDoesNotFitTheQuickTemporaryFolderIsUnpackedOnDisk) {
+  EngineLimits limits = smallLimits();
+  limits.quickTempBytes = 64U << 10;
+  load(limits);
+  const Verdict found = scan(makeZip({{"big", zerosThenSample(500000)}}));
+  EXPECT_EQ(found.outcome, Outcome::kInfected) << describe(found);
+  const Verdict clean = scan(makeZip({{"big", std::string(500000, '\0')}}));
+  EXPECT_EQ(clean.outcome, Outcome::kClean) << describe(clean);
+}
+
+TEST_F(EngineLimitsTest, TemporarySpaceThatIsFullIsAnError) {
+  engine().setTempFolders("", dir().at("nowhere"));
+  expectError(makeZip({{"one", std::string(50000, 'x')}}), "the engine reports");
+}
+
+TEST_F(EngineLimitsTest, NoTemporaryFileStaysBehind) {
+  scan(makeZip({{"one", std::string(50000, 'x')}, {"test.com", eicar()}}));
+  scan(makeGzip(makeTar({{"one", noise(300000)}})));
+  EXPECT_TRUE(std::filesystem::is_empty(dir().at("quick")));
+  EXPECT_TRUE(std::filesystem::is_empty(dir().at("disk")));
+}
+
+TEST_F(EngineLimitsTest, WhatIsNotARegularFileIsAnError) {
+  const Verdict folder = scanPath(dir().path());
+  EXPECT_EQ(folder.outcome, Outcome::kError);
+  EXPECT_EQ(folder.reason, "not a regular file");
+  const Verdict closed = engine().scan(-1, "closed", {});
+  EXPECT_EQ(closed.outcome, Outcome::kError);
+}
+
+TEST_F(EngineLimitsTest, ReasonsHoldNoRawControlCharacters) {
+  ZipMember member{"a\x1b[31mname\nwith lines", std::string(1000, '\0')};
+  member.method = 14;
+  const Verdict verdict = scan(makeZip({member}));
+  ASSERT_EQ(verdict.outcome, Outcome::kError);
+  EXPECT_THAT(verdict.reason, HasSubstr("\\x1b"));
+  EXPECT_EQ(verdict.reason.find('\x1b'), std::string::npos);
+  EXPECT_EQ(verdict.reason.find('\n'), std::string::npos);
+}
+
+}  // namespace
+}  // namespace agent

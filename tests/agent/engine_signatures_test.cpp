@@ -1,0 +1,100 @@
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "EngineFixture.h"
+#include "engine/SignatureFolder.h"
+
+namespace agent {
+namespace {
+
+using testing::describe;
+using ::testing::HasSubstr;
+
+class Signatures : public testing::EngineFixture {
+ protected:
+  std::string systemFolder() const { return dir().at("system"); }
+  void writeSystem(const std::string& name, const std::string& content) {
+    dir().write("system/" + name, content);
+  }
+};
+
+TEST_F(Signatures, AMissingSystemFolderLeavesOurOwn) {
+  load(smallLimits(), "/nonexistent");
+  EXPECT_TRUE(state().loaded);
+  EXPECT_GT(state().count, 0U);
+  EXPECT_THAT(state().detail, HasSubstr("alone: /nonexistent: No such file or directory"));
+  EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
+}
+
+TEST_F(Signatures, AnEmptySystemFolderLeavesOurOwn) {
+  std::filesystem::create_directory(systemFolder());
+  load(smallLimits(), systemFolder());
+  EXPECT_TRUE(state().loaded);
+  EXPECT_THAT(state().detail, HasSubstr("no signature files"));
+}
+
+TEST_F(Signatures, TheSystemsAreLoadedBesideOurOwn) {
+  writeSystem("test.ndb",
+              "Other.Trojan.Sample:0:*:"
+              "6f6e65206f662074686520737973746d73\n");
+  load(smallLimits(), systemFolder());
+  EXPECT_THAT(state().detail, ::testing::Not(HasSubstr("alone")));
+  const Verdict verdict = scan("this is one of the systms");
+  ASSERT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+  EXPECT_EQ(verdict.detections[0].engineCode, 0);
+  EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
+}
+
+TEST_F(Signatures, ASystemFolderThatDoesNotLoadLeavesOurOwnAndIsNamed) {
+  writeSystem("broken.ndb", "this is no signature\n");
+  load(smallLimits(), systemFolder());
+  EXPECT_TRUE(state().loaded);
+  EXPECT_THAT(state().detail, HasSubstr("alone: " + systemFolder()));
+  EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
+}
+
+TEST_F(Signatures, WithoutOurOwnNothingIsLoaded) {
+  SignatureState none;
+  EXPECT_EQ(Engine::load({dir().at("none"), systemFolder(), smallLimits()}, none), nullptr);
+  EXPECT_FALSE(none.loaded);
+  EXPECT_THAT(none.detail, HasSubstr(dir().at("none")));
+}
+
+TEST_F(Signatures, TheVersionChangesWithTheContentOfAFileOnly) {
+  const std::string line = "Other.Trojan.Sample:0:*:6f6e65206f66207468652073797374656d73\n";
+  writeSystem("test.ndb", line);
+  const auto versionNow = [&] {
+    SignatureState now;
+    EXPECT_TRUE(Engine::load({testing::kShippedSignatures, systemFolder(), smallLimits()}, now));
+    return now.version;
+  };
+  const std::string first = versionNow();
+  EXPECT_FALSE(first.empty());
+  writeSystem("test.ndb", line);  // the same again, with another time
+  EXPECT_EQ(versionNow(), first);
+  writeSystem("test.ndb", line + "# more\n");
+  const std::string second = versionNow();
+  EXPECT_NE(second, first);
+  writeSystem("more.hdb", "");
+  EXPECT_NE(versionNow(), second);
+}
+
+TEST_F(Signatures, PicturesAreComparedOnlyWhereASignatureDoes) {
+  EXPECT_FALSE(SignatureFolder(testing::kShippedSignatures).comparesPictures());
+  writeSystem("a.ldb", "Other.Picture;Engine:150-255,Target:0;0;fuzzy_img#af2ad01ed42993c7\n");
+  EXPECT_TRUE(SignatureFolder(systemFolder()).comparesPictures());
+}
+
+TEST_F(Signatures, NoFileOfOursIsATestFileItself) {
+  for (const auto& entry : std::filesystem::directory_iterator(testing::kShippedSignatures)) {
+    const Verdict verdict = scanPath(entry.path().string());
+    EXPECT_EQ(verdict.outcome, Outcome::kClean) << entry.path() << describe(verdict);
+  }
+  const Verdict program = scanPath("/proc/self/exe");
+  EXPECT_NE(program.outcome, Outcome::kInfected) << describe(program);
+}
+
+}  // namespace
+}  // namespace agent
