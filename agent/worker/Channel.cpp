@@ -74,7 +74,9 @@ Channel::Received Channel::receive(Packet& packet, bool wait) const {
   ssize_t got = -1;
   do {
     got = recvmsg(fd_.get(), &header, MSG_CMSG_CLOEXEC | (wait ? 0 : MSG_DONTWAIT));
-  } while (got < 0 && errno == EINTR);
+    // ECONNRESET: the other end died with packets of ours unread. It is told once; what was sent to us
+    // before is still there, and then the end.
+  } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
     return Received::kNothing;
   }

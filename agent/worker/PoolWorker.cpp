@@ -1,5 +1,6 @@
 #include "worker/PoolWorker.h"
 
+#include <cerrno>
 #include <csignal>
 
 #include "worker/Pidfd.h"
@@ -16,20 +17,25 @@ bool PoolWorker::hasRoomFor(std::uint64_t bytes) const {
   return tasks_.empty() || (tasks_.size() < kMostInFlight && bytes_ + bytes <= kMostBytesInFlight);
 }
 
-bool PoolWorker::begin(PoolTask& task) {
+PoolWorker::Begun PoolWorker::begin(PoolTask& task) {
   ScanRequest request;
   request.id = task.id;
   request.name = task.name;
   request.options = task.options;
-  if (!channel_.send(encode(request), task.fd.get())) {
-    return false;
+  const std::string packet = encode(request);
+  if (!task.fd || packet.size() > kLongestPacket) {
+    errno = task.fd ? EMSGSIZE : EBADF;
+    return Begun::kCannot;
+  }
+  if (!channel_.send(packet, task.fd.get())) {
+    return errno == EPIPE || errno == ECONNRESET ? Begun::kWorkerGone : Begun::kCannot;
   }
   if (tasks_.empty()) {
     since_ = Clock::now();
   }
   bytes_ += task.bytes;
   tasks_.push_back(std::move(task));
-  return true;
+  return Begun::kYes;
 }
 
 PoolWorker::Heard PoolWorker::hear(Answered& answered) {

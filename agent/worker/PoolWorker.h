@@ -41,8 +41,12 @@ class PoolWorker {
   int fd() const { return channel_.fd(); }
   bool greeted() const { return greeted_; }
 
-  /// False, with the task given back, when the worker is gone.
-  bool begin(PoolTask& task);
+  enum class Begun {
+    kYes,         ///< the task has been taken
+    kWorkerGone,  ///< answers may still be there to hear
+    kCannot,      ///< it cannot be handed to any worker: errno says why
+  };
+  Begun begin(PoolTask& task);
   struct Answered {
     PoolTask task;
     Verdict verdict;

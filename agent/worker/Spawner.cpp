@@ -1,9 +1,12 @@
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 
 #include "worker/Messages.h"
@@ -15,12 +18,19 @@ namespace {
 
 constexpr int kMostFailures = 3;
 
-bool waitReadable(const Channel& channel, std::chrono::milliseconds limit) {
-  pollfd waiting{channel.fd(), POLLIN, 0};
-  return poll(&waiting, 1, static_cast<int>(std::max<std::chrono::milliseconds::rep>(limit.count(), 0))) != 0;
+// Until there is something to read, for us or read by another.
+void waitForReport(const TemplateLink& link, std::chrono::milliseconds limit) {
+  std::array<pollfd, 2> waiting{{{link.channel.fd(), POLLIN, 0}, {link.settled.get(), POLLIN, 0}}};
+  poll(waiting.data(), waiting.size(),
+       static_cast<int>(std::max<std::chrono::milliseconds::rep>(limit.count(), 0)));
 }
 
 }  // namespace
+
+void TemplateLink::settle() const {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = write(settled.get(), &one, sizeof one);
+}
 
 Spawner::Impl::Impl(Config config) : config_(std::move(config)) {
   auto [ours, theirs] = Channel::pair();
@@ -48,16 +58,17 @@ Spawner::Impl::~Impl() {
 }
 
 Spawner::Impl::Template Spawner::Impl::startTemplate(std::string& problem) {
+  UniqueFd settled(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   auto [ours, theirs] = Channel::pair();
-  if (!ours) {
-    problem = "no socket pair: " + std::generic_category().message(errno);
+  if (!ours || !settled) {
+    problem = "no way to reach a template: " + std::generic_category().message(errno);
     return nullptr;
   }
   if (!spawner_.send(encode(ForkRequest{}), theirs.fd())) {
     problem = "the spawner process has ended: nothing can be scanned until the agent is started again";
     return nullptr;
   }
-  return std::make_shared<const Channel>(std::move(ours));
+  return std::make_shared<const TemplateLink>(TemplateLink{std::move(ours), std::move(settled)});
 }
 
 // With the mutex held, or before anybody else knows of us.
@@ -76,10 +87,11 @@ void Spawner::Impl::restartTemplate() {
 void Spawner::Impl::absorb() {
   while (template_) {
     Channel::Packet packet;
-    const auto received = template_->receive(packet, false);
+    const auto received = template_->channel.receive(packet, false);
     if (received == Channel::Received::kNothing) {
       return;
     }
+    template_->settle();
     const auto report =
         received == Channel::Received::kPacket ? decode<StateReport>(packet.bytes) : std::nullopt;
     if (report) {
@@ -120,13 +132,13 @@ SignatureState Spawner::Impl::waitLoaded(std::chrono::milliseconds limit) {
       }
       waiting = template_;
     }
-    waitReadable(*waiting, std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()));
+    waitForReport(*waiting, std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()));
   }
 }
 
 std::optional<SignatureState> Spawner::Impl::awaitReport(const Template& fresh) {
   Channel::Packet packet;
-  if (fresh->receive(packet, true) != Channel::Received::kPacket) {
+  if (fresh->channel.receive(packet, true) != Channel::Received::kPacket) {
     return std::nullopt;
   }
   const auto report = decode<StateReport>(packet.bytes);
@@ -169,7 +181,7 @@ Spawner::Impl::Forked Spawner::Impl::forkWorker() {
     return forked;
   }
   auto [ours, theirs] = Channel::pair();
-  if (!ours || !template_->send(encode(ForkRequest{}), theirs.fd())) {
+  if (!ours || !template_->channel.send(encode(ForkRequest{}), theirs.fd())) {
     forked.problem = "no worker can be asked for: " + std::generic_category().message(errno);
     return forked;
   }

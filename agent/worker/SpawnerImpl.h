@@ -11,6 +11,14 @@
 
 namespace agent {
 
+/// The agent's end of a template. Whoever reads its report marks it settled, which stays so: several may wait
+/// for the one report.
+struct TemplateLink {
+  Channel channel;
+  UniqueFd settled;  ///< an eventfd: readable once the report has been read, or the template is gone
+  void settle() const;
+};
+
 /// The agent's side of the spawner. Has no thread: whoever asks reads what has come in.
 class Spawner::Impl {
  public:
@@ -28,8 +36,8 @@ class Spawner::Impl {
   struct Forked {
     Channel channel;          ///< its worker says hello, or the channel ends
     unsigned generation = 0;  ///< of the template it came from
-    std::shared_ptr<const Channel>
-        loading;  ///< when signatures load: try again once there is something to read
+    /// While signatures load: try again once either of its descriptors is readable.
+    std::shared_ptr<const TemplateLink> loading;
     std::string problem;
   };
   Forked forkWorker();
@@ -38,7 +46,7 @@ class Spawner::Impl {
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Template = std::shared_ptr<const Channel>;  // shared with those who wait for it
+  using Template = std::shared_ptr<const TemplateLink>;  // shared with those who wait for it
 
   Template startTemplate(std::string& problem);
   void restartTemplate();

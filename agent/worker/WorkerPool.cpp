@@ -191,10 +191,22 @@ class WorkerPool::Impl {
         }
         return;
       }
-      if (!worker->begin(*task)) {
-        giveBack(std::move(*task));
-        bury(*worker, "the scanning process died while it scanned the file");
-      }
+      hand(*worker, std::move(*task));
+    }
+  }
+
+  void hand(PoolWorker& worker, PoolTask task) {
+    switch (worker.begin(task)) {
+      case PoolWorker::Begun::kYes:
+        return;
+      case PoolWorker::Begun::kWorkerGone:
+        giveBack(std::move(task));
+        hearAll(worker);  // what it said before it died, then its end
+        return;
+      case PoolWorker::Begun::kCannot:
+        const std::string why = std::generic_category().message(errno);
+        finish(std::move(task), verdictOf(Outcome::kError, "cannot be handed to a worker: " + why));
+        return;
     }
   }
 
@@ -244,7 +256,8 @@ class WorkerPool::Impl {
       waited.push_back(&worker);
     }
     if (loading_) {
-      waiting.push_back({loading_->fd(), POLLIN, 0});
+      waiting.push_back({loading_->channel.fd(), POLLIN, 0});
+      waiting.push_back({loading_->settled.get(), POLLIN, 0});
     }
     if (poll(waiting.data(), waiting.size(), pollTimeout()) <= 0) {
       return;
@@ -288,7 +301,7 @@ class WorkerPool::Impl {
         case PoolWorker::Heard::kNothing:
           return;
         case PoolWorker::Heard::kEnded:
-          bury(worker, "the scanning process died while it scanned the file");
+          bury(worker, "the process that scanned the file died");
           return;
       }
     }
@@ -340,7 +353,7 @@ class WorkerPool::Impl {
   bool ending_ = false;
 
   Workers workers_;  // the pool's thread from here on
-  std::shared_ptr<const Channel> loading_;
+  std::shared_ptr<const TemplateLink> loading_;
   std::string startProblem_;
   int startFailures_ = 0;
 

@@ -104,7 +104,8 @@ TEST_F(Pools, ManyDeathsCostAsManyFilesAndNoMore) {
   pool.drain();
   for (int i = 0; i < 100; ++i) {
     const auto expected = i % 10 == 7 ? Outcome::kError : Outcome::kClean;
-    EXPECT_EQ(verdict("file" + std::to_string(i)).outcome, expected) << i;
+    EXPECT_EQ(verdict("file" + std::to_string(i)).outcome, expected)
+        << i << describe(verdict("file" + std::to_string(i)));
   }
 }
 
@@ -212,6 +213,18 @@ TEST_F(Pools, ADescriptorThatCannotBeScannedIsAnError) {
   pool.drain();
   EXPECT_EQ(verdict("folder").outcome, Outcome::kError);
   EXPECT_EQ(verdict("none").outcome, Outcome::kError);
+  EXPECT_EQ(verdict("none").reason, "cannot be handed to a worker: Bad file descriptor");
+  EXPECT_EQ(verdict("behind").outcome, Outcome::kInfected);
+}
+
+TEST_F(Pools, ARequestTooLargeForAPacketIsAnErrorOfItsOwn) {
+  WorkerPool pool(spawner(), 1);
+  ScanOptions options;
+  options.archiveFormats.assign(200, std::string(1000, 'x'));
+  begin(pool, "large", "some text", options);
+  begin(pool, "behind", eicar());
+  pool.drain();
+  EXPECT_EQ(verdict("large").outcome, Outcome::kError) << describe(verdict("large"));
   EXPECT_EQ(verdict("behind").outcome, Outcome::kInfected);
 }
 

@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "worker/Messages.h"
+
+namespace agent {
+namespace {
+
+ScanAnswer fullAnswer() {
+  ScanAnswer answer;
+  answer.id = 0x1122334455667788;
+  answer.verdict.outcome = Outcome::kInfected;
+  answer.verdict.reason = "why";
+  answer.verdict.detections = {{"One.Name", 3, 1, "测试文件"}, {"Two.Name", 0, 0, "病毒"}};
+  answer.verdict.md5 = "m";
+  answer.verdict.sha1 = "s";
+  answer.verdict.sha256 = "h";
+  return answer;
+}
+
+TEST(WorkerMessages, AnAnswerComesBackAsItWas) {
+  const auto sent = fullAnswer();
+  const auto got = decode<ScanAnswer>(encode(sent));
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->id, sent.id);
+  EXPECT_EQ(got->verdict.outcome, sent.verdict.outcome);
+  EXPECT_EQ(got->verdict.reason, sent.verdict.reason);
+  ASSERT_EQ(got->verdict.detections.size(), 2U);
+  EXPECT_EQ(got->verdict.detections[0].name, "One.Name");
+  EXPECT_EQ(got->verdict.detections[0].engineCode, 3);
+  EXPECT_EQ(got->verdict.detections[0].riskType, 1);
+  EXPECT_EQ(got->verdict.detections[1].riskTypeName, "病毒");
+  EXPECT_EQ(got->verdict.sha256, "h");
+}
+
+TEST(WorkerMessages, ARequestComesBackAsItWas) {
+  ScanRequest sent;
+  sent.id = 7;
+  sent.name = "/a/b\n\xFF";
+  sent.options.archives = false;
+  sent.options.maxLayers = 3;
+  sent.options.maxArchiveBytes = 1ULL << 40;
+  sent.options.archiveFormats = {"zip", "7z"};
+  sent.options.enabledEngines = 0x155;
+  sent.options.hashesWanted = true;
+  sent.options.heuristics = true;
+  const auto got = decode<ScanRequest>(encode(sent));
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->name, sent.name);
+  EXPECT_FALSE(got->options.archives);
+  EXPECT_EQ(got->options.maxLayers, 3U);
+  EXPECT_EQ(got->options.maxArchiveBytes, 1ULL << 40);
+  EXPECT_EQ(got->options.archiveFormats, sent.options.archiveFormats);
+  EXPECT_EQ(got->options.enabledEngines, 0x155U);
+  EXPECT_TRUE(got->options.hashesWanted);
+  EXPECT_TRUE(got->options.heuristics);
+}
+
+TEST(WorkerMessages, AStateReportComesBackAsItWas) {
+  StateReport sent;
+  sent.state.loaded = true;
+  sent.state.version = "v";
+  sent.state.detail = "d";
+  sent.state.count = 8700000;
+  const auto got = decode<StateReport>(encode(sent));
+  ASSERT_TRUE(got);
+  EXPECT_TRUE(got->state.loaded);
+  EXPECT_EQ(got->state.version, "v");
+  EXPECT_EQ(got->state.detail, "d");
+  EXPECT_EQ(got->state.count, 8700000U);
+}
+
+TEST(WorkerMessages, ACutMessageIsNone) {
+  const std::string whole = encode(fullAnswer());
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    EXPECT_FALSE(decode<ScanAnswer>(whole.substr(0, size))) << size;
+  }
+  EXPECT_FALSE(decode<ScanAnswer>(whole + "x"));
+}
+
+TEST(WorkerMessages, AMessageOfAnotherKindIsNone) {
+  EXPECT_FALSE(decode<ScanRequest>(encode(fullAnswer())));
+  EXPECT_FALSE(decode<WorkerHello>(encode(ForkRequest{})));
+}
+
+TEST(WorkerMessages, LongTextsAreCutAndLongListsToo) {
+  ScanAnswer answer;
+  answer.verdict.reason.assign(1000000, 'r');
+  answer.verdict.detections.resize(1000);
+  const auto got = decode<ScanAnswer>(encode(answer));
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->verdict.reason.size(), 4096U);
+  EXPECT_EQ(got->verdict.detections.size(), 256U);
+}
+
+TEST(WorkerMessages, AnyBytesAreReadWithoutHarm) {
+  const unsigned seed = 17;
+  RecordProperty("seed", static_cast<int>(seed));
+  std::mt19937 generator(seed);
+  const std::string whole = encode(fullAnswer());
+  for (int round = 0; round < 50000; ++round) {
+    std::string packet = whole;
+    for (int change = 0; change < 3; ++change) {
+      packet[1 + generator() % (packet.size() - 1)] = static_cast<char>(generator() & 0xFF);
+    }
+    if (const auto got = decode<ScanAnswer>(packet)) {
+      EXPECT_LE(got->verdict.outcome, Outcome::kSkipped);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace agent
