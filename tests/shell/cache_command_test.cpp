@@ -34,7 +34,7 @@ class CacheCommand : public testing::Test {
  protected:
   TempDir tree_;
   ScriptedAgent agent_{tree_.path()};
-  ConsoleLink link_{tree_.path(), 500};
+  ConsoleLink link_{tree_.path()};
 };
 
 }  // namespace
@@ -167,6 +167,7 @@ TEST_F(CacheCommand, AnAgentThatDiesDuringTheCallIsShownAsAnException) {
 
 TEST_F(CacheCommand, AnAgentThatNeverAnswersIsShownAsAnException) {
   agent_.neverAnswer("getScanCacheDetail");
+  link_.setTimeout(100);
   const Executed executed = executeLine("CACHE SHOW SCANCACHE");
   EXPECT_EQ(executed.result, 0);
   EXPECT_THAT(

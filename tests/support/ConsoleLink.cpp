@@ -35,6 +35,11 @@ ConsoleLink::ConsoleLink(const std::string& runtimePath, std::uint32_t timeoutMs
   jsonrpchelper::ClientRegistry::instance().initialise(endpoint_, timeoutMs);
 }
 
+void ConsoleLink::setTimeout(std::uint32_t timeoutMs) {
+  jsonrpchelper::ClientRegistry::instance().reset();
+  jsonrpchelper::ClientRegistry::instance().initialise(endpoint_, timeoutMs);
+}
+
 ConsoleLink::~ConsoleLink() {
   jsonrpchelper::stopJsonRpc();
   jsonrpchelper::setEndpoint(nullptr);

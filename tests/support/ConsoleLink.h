@@ -17,6 +17,9 @@ class ConsoleLink {
   ConsoleLink(const ConsoleLink&) = delete;
   ConsoleLink& operator=(const ConsoleLink&) = delete;
 
+  /// From here on; not while a call is under way.
+  void setTimeout(std::uint32_t timeoutMs);
+
  private:
   lunet::ClientLibrary library_;
   lunet::IEndpoint* endpoint_ = nullptr;

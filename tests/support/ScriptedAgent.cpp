@@ -215,6 +215,9 @@ void ScriptedAgent::Bus::ReceiveCallback(std::uint32_t channel, std::uint64_t me
     answer["error"]["code"] = error.code;
     answer["error"]["message"] = error.message;
     reply = compact(answer);
+  } catch (const ResultText& result) {
+    reply = compact(envelope(request));
+    reply.insert(reply.rfind('}'), ",\"result\":" + result.json);
   } catch (const Text& text) {
     reply = text.reply;
   } catch (const Silence&) {

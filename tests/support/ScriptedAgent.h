@@ -26,14 +26,17 @@ class ScriptedAgent {
     std::string text;  ///< the whole message
     lunet::PeerIdentity process;
   };
-  /// Gives the result, or throws one of the next four to do something else for once.
+  /// Gives the result, or throws one of the next five to do something else for once.
   using Respond = std::function<Json::Value(const Json::Value& params)>;
   struct Error {
     int code;
     std::string message;
   };
+  struct ResultText {
+    std::string json;  ///< of the result; for large ones
+  };
   struct Text {
-    std::string reply;
+    std::string reply;  ///< the whole reply, as it is
   };
   struct Silence {};
   struct Death {};

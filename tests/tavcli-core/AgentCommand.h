@@ -16,17 +16,24 @@ class AgentCommand : public testing::Test {
  protected:
   AgentCommand() {
     CLogDebug* const log = CLogDebug::Create();
+    log->SetProperty(CLogDebug::kName, "commands");
     log->SetProperty(CLogDebug::kPath, logs_.path());
     log->SetProperty(CLogDebug::kLevel, "1");
   }
   ~AgentCommand() override { CLogDebug::Close(); }
 
-  std::string debugLog() const { return testsupport::readFile(logs_.at("tavcli.log")); }
+  std::string debugLog() const { return testsupport::readFile(logs_.at("commands.log")); }
+
+  /// The agent never answers that method, and the console waits for less than it does otherwise.
+  void keepSilentAt(const char* method) {
+    agent_.neverAnswer(method);
+    link_.setTimeout(100);
+  }
 
   testsupport::TempDir logs_;
   testsupport::TempDir tree_;
   testsupport::ScriptedAgent agent_{tree_.path()};
-  testsupport::ConsoleLink link_{tree_.path(), 400};
+  testsupport::ConsoleLink link_{tree_.path()};
 };
 
 inline Json::Value jsonOf(const std::string& text) {

@@ -231,7 +231,7 @@ TEST_F(ConfigChange, AChangeGivesWhatTheAgentAnswersAndTheLineGivesZero) {
 }
 
 TEST_F(ConfigChange, AnAgentThatIsSilentOrDiesPrintsNothing) {
-  agent_.neverAnswer("setAVConfig");
+  keepSilentAt("setAVConfig");
   EXPECT_EQ(executeLine("CONFIG MODIFY SCAN INFECTION ON").printed, "");
   agent_.dieAt("setAVConfig");
   EXPECT_EQ(executeLine("CONFIG MODIFY SCAN INFECTION ON").printed, "");

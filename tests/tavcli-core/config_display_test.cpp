@@ -406,7 +406,7 @@ TEST_F(ConfigShow, AnAgentThatDiesHalfWayLeavesWhatWasPrinted) {
 }
 
 TEST_F(ConfigShow, AnAgentThatNeverAnswersPrintsNothing) {
-  agent_.neverAnswer("getAVConfig");
+  keepSilentAt("getAVConfig");
   const Executed executed = executeLine("CONFIG SHOW");
   EXPECT_EQ(executed.result, 0);
   EXPECT_EQ(executed.printed, "");
