@@ -11,7 +11,7 @@ namespace {
 }
 
 template <JsonKind kKind>
-TypeOf<kKind> convert(const Json::Value& result) {
+TypeOf<kKind> convert(Json::Value result) {
   if (!isOfKind(result, kKind)) {
     refuse(result);
   }

@@ -86,7 +86,7 @@ class BusServer : public jsonrpc::AbstractServer<Server> {
         handler_(helper.GetHandler()) {
     helper.SetHandler(nullptr);  // its single place is not used; the list is
   }
-  virtual ~BusServer() { handlers_->remove(*handler_); }
+  ~BusServer() override { handlers_->remove(*handler_); }
 
   template <const auto& kDeclaration, auto kOperation>
   void bindMethod() {
