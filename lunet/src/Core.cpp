@@ -135,7 +135,7 @@ Error Core::send(const Guid& target, const PeerIdentity* process, std::uint32_t 
                  std::uint32_t length) {
   for (int attempt = 0;; ++attempt) {
     std::shared_ptr<OutgoingLink> link;
-    if (const Error error = linkTo(target, process, Clock::now() + kWelcomeTime, link); error != kOk) {
+    if (const Error error = linkTo(target, process, Clock::time_point::max(), link); error != kOk) {
       return error;
     }
     const Error error = link->send(channel, data, length);
@@ -155,7 +155,7 @@ OutgoingLink::Answer Core::call(const Guid& target, std::uint32_t channel, const
   }
   for (int attempt = 0; attempt < 2; ++attempt) {
     std::shared_ptr<OutgoingLink> link;
-    answer.error = linkTo(target, nullptr, std::min(deadline, Clock::now() + kWelcomeTime), link);
+    answer.error = linkTo(target, nullptr, deadline, link);
     if (answer.error != kOk) {
       return answer;
     }
@@ -271,8 +271,11 @@ Error Core::linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_po
                    std::shared_ptr<OutgoingLink>& link) {
   const std::shared_ptr<Target> target = targetAt(guid);
   std::unique_lock lock(target->mutex);
-  if (!target->dialled.wait_until(lock, deadline, [&] { return !target->dialling; })) {
-    return kErrTimeout;
+  if (target->dialling) {  // by another thread
+    deadline = std::min(deadline, Clock::now() + kWelcomeTime);
+    if (!target->dialled.wait_until(lock, deadline, [&] { return !target->dialling; })) {
+      return kErrTimeout;
+    }
   }
   if (closing_) {
     return kErrNotOpen;
@@ -308,7 +311,7 @@ Error Core::dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_po
   request.self = self_;
   request.target = guid;
   request.process = process;
-  request.deadline = deadline;
+  request.deadline = std::min(deadline, Clock::now() + kWelcomeTime);
   request.cancelled = &closing_;
   Dialled dialled = dial(request);
   if (dialled.error != kOk) {

@@ -1,6 +1,5 @@
 #include "Dial.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -146,8 +145,6 @@ Dialled dial(const DialRequest& request) {
   if (const Error error = readWelcome(result.fd.get(), request); error != kOk) {
     return failed(error, error == kErrTimeout ? "it does not answer" : "it does not welcome us");
   }
-  // From here on its reader waits in the receive itself; everybody else asks not to wait each time.
-  (void)fcntl(result.fd.get(), F_SETFL, fcntl(result.fd.get(), F_GETFL) & ~O_NONBLOCK);
   return result;
 }
 

@@ -1,7 +1,9 @@
 #include "Endpoint.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <thread>
 #include <utility>
 
 namespace lunet {
@@ -19,25 +21,18 @@ Error checkData(const void* data, std::uint32_t length) {
 
 class Endpoint::Use {
  public:
-  explicit Use(Endpoint& endpoint) : endpoint_(endpoint) {
-    const std::lock_guard lock(endpoint_.mutex_);
-    core_ = endpoint_.core_;
-    ++endpoint_.users_;
+  explicit Use(Endpoint& endpoint) : users_(endpoint.users_) {
+    ++users_;
+    core_ = endpoint.core_;
   }
-  ~Use() {
-    const std::lock_guard lock(endpoint_.mutex_);
-    core_.reset();
-    if (--endpoint_.users_ == 0) {
-      endpoint_.unused_.notify_all();
-    }
-  }
+  ~Use() { --users_; }  // the last that is touched: the endpoint may be gone behind it
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
-  Core* core() const { return core_.get(); }
+  Core* core() const { return core_; }
 
  private:
-  Endpoint& endpoint_;
-  std::shared_ptr<Core> core_;
+  std::atomic<int>& users_;
+  Core* core_ = nullptr;
 };
 
 /// Runs it with the open core; what it throws (no memory, no descriptors) ends here.
@@ -58,14 +53,15 @@ std::uint32_t Endpoint::Open(const Guid& self) {
       return kErrArgument;
     }
     const std::lock_guard lock(mutex_);
-    if (core_) {
+    if (owned_) {
       return kErrInUse;
     }
-    auto core = std::make_shared<Core>(bus_, receivers_);
+    auto core = std::make_unique<Core>(bus_, receivers_);
     if (const Error error = core->open(self); error != kOk) {
       return error;
     }
-    core_ = std::move(core);
+    owned_ = std::move(core);
+    core_ = owned_.get();
     return kOk;
   } catch (const std::exception& error) {
     bus_.log.write(Log::kError, std::string("an address cannot be opened: ") + error.what());
@@ -74,20 +70,19 @@ std::uint32_t Endpoint::Open(const Guid& self) {
 }
 
 void Endpoint::Close() {
-  std::shared_ptr<Core> core;
-  {
-    const std::lock_guard lock(mutex_);
-    if (core_ && core_->onDeliveryThread()) {
-      bus_.log.write(Log::kError, "an endpoint cannot be closed from its own callback");
-      return;
-    }
-    core = std::exchange(core_, nullptr);
+  if (receivers_.callsHere()) {
+    bus_.log.write(Log::kError, "an endpoint cannot be closed from its own callback");
+    return;
   }
-  if (core) {
-    core->close();
+  const std::lock_guard lock(mutex_);
+  core_ = nullptr;
+  if (owned_) {
+    owned_->close();
   }
-  std::unique_lock lock(mutex_);
-  unused_.wait(lock, [this] { return users_ == 0; });
+  while (users_ != 0) {  // they end at once now; nobody is kept by having to wake us
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  owned_.reset();
 }
 
 std::uint32_t Endpoint::OnewaySend(const Guid& target, std::uint32_t channel, const void* data,

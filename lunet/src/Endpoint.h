@@ -1,6 +1,6 @@
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -44,10 +44,12 @@ class Endpoint final : public IEndpoint {
 
   Bus& bus_;
   Receivers receivers_;
-  std::mutex mutex_;
-  std::condition_variable unused_;
-  std::shared_ptr<Core> core_;  // guarded by mutex_, as users_
-  int users_ = 0;
+  std::mutex mutex_;             // held by Open and Close
+  std::unique_ptr<Core> owned_;  // guarded by mutex_
+  // Every operation counts itself and then looks for the core; Close takes the core away and then waits for
+  // the count. Two atomics instead of a lock: they are on the way of every message.
+  std::atomic<Core*> core_{nullptr};
+  std::atomic<int> users_{0};
 };
 
 }  // namespace lunet

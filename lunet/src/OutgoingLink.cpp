@@ -1,5 +1,6 @@
 #include "OutgoingLink.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -14,6 +15,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+
+constexpr long long kLongestPollMs = 3600 * 1000;
 
 }  // namespace
 
@@ -61,7 +64,8 @@ OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data,
   {
     const Lock lock(mutex_);
     header.id = nextId_++;
-    calls_.emplace(header.id, &call);
+    call.id = header.id;
+    calls_.push_back(&call);
     watchForAnswers();
   }
   const Error error = writeFrame(header, data);
@@ -71,7 +75,7 @@ OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data,
     await(lock, call, deadline);
   }
   if (!call.done) {
-    calls_.erase(header.id);
+    std::erase(calls_, &call);
     call.answer.error = error == kOk ? kErrTimeout : error;
     lateAnswers_ += error == kOk ? 1 : 0;
   }
@@ -119,9 +123,11 @@ Error OutgoingLink::writeFrame(const FrameHeader& header, const void* data) {
 
 /// Until the call is done or its time is up: as the reader when there is none, else woken by the one.
 void OutgoingLink::await(Lock& lock, Call& call, Clock::time_point deadline) {
-  while (!call.done && Clock::now() < deadline) {
+  while (!call.done) {
     if (readerActive_) {
-      call.wake.wait_until(lock, deadline);
+      if (call.wake.wait_until(lock, deadline) == std::cv_status::timeout) {
+        return;
+      }
       continue;
     }
     readerActive_ = true;
@@ -129,6 +135,9 @@ void OutgoingLink::await(Lock& lock, Call& call, Clock::time_point deadline) {
     const Read read = waitAndRead(deadline);
     lock.lock();
     readerActive_ = false;
+    if (read == Read::kTimeout) {
+      return;
+    }
     if (read == Read::kEnd) {
       fail(kErrPeerLost, nullptr);
     } else if (read == Read::kSome) {
@@ -138,31 +147,20 @@ void OutgoingLink::await(Lock& lock, Call& call, Clock::time_point deadline) {
 }
 
 OutgoingLink::Read OutgoingLink::waitAndRead(Clock::time_point deadline) {
-  return limitWaiting(deadline) ? readSome(0) : Read::kNothing;
+  const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
+  if (left <= 0) {
+    return Read::kTimeout;
+  }
+  // Not a receive that waits: one such is woken for nothing when the peer takes our message off the socket.
+  pollfd waiting{fd_.get(), POLLIN, 0};
+  const int ready = poll(&waiting, 1, static_cast<int>(std::min<long long>(left, kLongestPollMs)));
+  return ready > 0 ? readSome() : Read::kNothing;
 }
 
-/// Sets how long a receive may wait. The system is told only when that differs by more than a few
-/// milliseconds: callers use one time-out all the time. False when the time is up.
-bool OutgoingLink::limitWaiting(Clock::time_point deadline) {
-  constexpr milliseconds kSlack{5};
-  const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-  if (left <= milliseconds(0)) {
-    return false;
-  }
-  if (left > receiveLimit_ || receiveLimit_ - left > kSlack) {
-    timeval limit{};
-    limit.tv_sec = static_cast<time_t>(left.count() / 1000);
-    limit.tv_usec = static_cast<suseconds_t>(left.count() % 1000 * 1000);
-    (void)setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    receiveLimit_ = left;
-  }
-  return true;
-}
-
-OutgoingLink::Read OutgoingLink::readSome(int flags) {
+OutgoingLink::Read OutgoingLink::readSome() {
   try {
     const std::span<char> space = reader_.space();
-    const ssize_t count = recv(fd_.get(), space.data(), space.size(), flags);
+    const ssize_t count = recv(fd_.get(), space.data(), space.size(), MSG_DONTWAIT);
     if (count > 0) {
       reader_.filled(static_cast<std::size_t>(count));
       return Read::kSome;
@@ -197,7 +195,7 @@ bool OutgoingLink::takeFrame() {
   const FrameHeader& header = reader_.header();
   Answer answer;
   if (header.kind == FrameKind::kAnswer) {
-    if (calls_.contains(header.id)) {
+    if (callOf(header.id) != calls_.end()) {
       answer.data = reader_.takeBody();
       answer.length = header.length;
     }
@@ -210,14 +208,18 @@ bool OutgoingLink::takeFrame() {
   return true;
 }
 
+std::vector<OutgoingLink::Call*>::iterator OutgoingLink::callOf(std::uint64_t id) {
+  return std::find_if(calls_.begin(), calls_.end(), [id](const Call* call) { return call->id == id; });
+}
+
 void OutgoingLink::finish(std::uint64_t id, Answer answer) {
-  const auto found = calls_.find(id);
+  const auto found = callOf(id);
   if (found == calls_.end()) {
     lateAnswers_ -= lateAnswers_ > 0 ? 1 : 0;
     log_.write(Log::kInfo, "an answer of " + name_ + " came too late and is dropped");
     return;
   }
-  Call& call = *found->second;
+  Call& call = **found;
   calls_.erase(found);
   call.answer = std::move(answer);
   call.done = true;
@@ -231,7 +233,7 @@ void OutgoingLink::leave() {
     return;
   }
   if (!calls_.empty()) {
-    calls_.begin()->second->wake.notify_one();
+    calls_.front()->wake.notify_one();
   } else if (hungUp_) {
     drain();
   }
@@ -241,7 +243,7 @@ void OutgoingLink::leave() {
 /// Reads what is there when no caller does: late answers, or the end after a hang-up. mutex_ is held.
 void OutgoingLink::drain() {
   while (alive_ && !readerActive_ && calls_.empty()) {
-    const Read read = readSome(MSG_DONTWAIT);
+    const Read read = readSome();
     if (read == Read::kEnd) {
       fail(kErrPeerLost, nullptr);
     }
@@ -255,8 +257,8 @@ void OutgoingLink::drain() {
 /// mutex_ is held.
 void OutgoingLink::watchForAnswers() {
   const bool wanted = calls_.empty() && lateAnswers_ > 0;
-  const std::lock_guard lock(watchMutex_);
-  if (wantRead_ != wanted) {
+  if (wantRead_ != wanted) {  // changes under both locks, so one is enough to look
+    const std::lock_guard lock(watchMutex_);
     wantRead_ = wanted;
     watch();
   }
@@ -284,7 +286,7 @@ void OutgoingLink::fail(Error error, const char* why) {
   if (const std::size_t lost = writer_.queuedBytes(); lost > 0) {
     log_.write(Log::kWarning, std::to_string(lost) + " queued bytes for " + name_ + " are lost");
   }
-  for (const auto& [id, call] : calls_) {
+  for (Call* call : calls_) {
     call->answer.error = error;
     call->done = true;
     call->wake.notify_one();

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "Dial.h"
 #include "FrameReader.h"
@@ -52,20 +52,21 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
 
  private:
   struct Call {
+    std::uint64_t id = 0;
     std::condition_variable wake;
     bool done = false;
     Answer answer;
   };
   using Lock = std::unique_lock<std::mutex>;
-  enum class Read { kSome, kNothing, kEnd };
+  enum class Read { kSome, kNothing, kEnd, kTimeout };
 
   Error writeFrame(const FrameHeader& header, const void* data);
   void await(Lock& lock, Call& call, std::chrono::steady_clock::time_point deadline);
   Read waitAndRead(std::chrono::steady_clock::time_point deadline);
-  Read readSome(int flags);
-  bool limitWaiting(std::chrono::steady_clock::time_point deadline);
+  Read readSome();
   bool takeFrames();
   bool takeFrame();
+  std::vector<Call*>::iterator callOf(std::uint64_t id);
   void finish(std::uint64_t id, Answer answer);
   void leave();
   void drain();
@@ -91,12 +92,11 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
 
   // Guards what follows, and, while no caller has the reader's role, reader_.
   std::mutex mutex_;
-  std::map<std::uint64_t, Call*> calls_;
+  std::vector<Call*> calls_;  ///< under way; few
   std::uint64_t nextId_ = 1;
   bool readerActive_ = false;    ///< a caller reads, without mutex_
   std::size_t lateAnswers_ = 0;  ///< answers that may still come and that nobody waits for
   FrameReader reader_;
-  std::chrono::milliseconds receiveLimit_{0};  ///< of a receive on fd_, as last set; the reader's
 };
 
 }  // namespace lunet

@@ -16,6 +16,11 @@ bool Receivers::remove(std::uint32_t channel) {
   return found;
 }
 
+bool Receivers::callsHere() {
+  const std::lock_guard lock(mutex_);
+  return runner_ == std::this_thread::get_id();
+}
+
 std::optional<Receivers::Entry> Receivers::begin(std::uint32_t channel) {
   const std::lock_guard lock(mutex_);
   const auto found = entries_.find(channel);

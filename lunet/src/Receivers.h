@@ -23,6 +23,8 @@ class Receivers {
   void add(std::uint32_t channel, Entry entry);
   /// False when there was none. From a callback it does not wait (for itself).
   bool remove(std::uint32_t channel);
+  /// True in a callback, on the thread that runs it.
+  bool callsHere();
 
   /// Runs `call(entry)` for the channel's receiver; false when there is none. The delivery thread.
   template <class Callable>

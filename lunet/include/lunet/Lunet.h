@@ -69,16 +69,21 @@ class IEndpoint {
  public:
   /// Takes the address: 16 bytes. kErrInUse when a live process has it; what a crash left is taken over.
   virtual std::uint32_t Open(const Guid& self) = 0;
-  /// Gives the address up. Calls under way return kErrNotOpen; returns when no callback runs any more.
+  /// Gives the address up. What is queued for peers has up to a second to go out. Calls under way return
+  /// kErrNotOpen; returns when no callback runs any more.
   virtual void Close() = 0;
   /// Sends without an answer. Returns once the message is queued for the peer; 0 or an Error. Never blocks
-  /// for longer than it takes to connect on this machine.
+  /// for longer than it takes to connect on this machine (three seconds with a peer that was stopped).
+  /// A receiver that stalls is noticed when 32 MiB wait for it in this process: from then on kErrQueueFull,
+  /// at once, until it takes its messages again. What was taken is delivered in order unless one of the two
+  /// processes ends.
   virtual std::uint32_t OnewaySend(const Guid& target, std::uint32_t channel, const void* data,
                                    std::uint32_t length) = 0;
   /// Sends and waits for the answer. timeoutMs: milliseconds on the monotonic clock. 0 on success, and
   /// then *reply is a buffer of *replyLength bytes (NUL-terminated behind them) that the caller gives back
   /// with FreeBuffer; otherwise the Error, also in *error, and *reply null. A peer that dies meanwhile
-  /// ends the wait at once.
+  /// ends the wait at once (kErrPeerLost); a late answer is dropped. kErrQueueFull as with OnewaySend. From a
+  /// callback a call to the own address is refused with kErrArgument: nobody could answer it.
   virtual std::uint32_t SyncSend(const Guid& target, std::uint32_t channel, const void* data,
                                  std::uint32_t length, std::uint32_t* error, char** reply,
                                  std::uint32_t* replyLength, std::uint32_t timeoutMs) = 0;
@@ -91,7 +96,9 @@ class IEndpoint {
                                          void* context) = 0;
   /// Returns when no callback of that channel runs any more, unless called from one.
   virtual std::uint32_t UnregisterReceiver(std::uint32_t channel) = 0;
-  /// Answers one request. `reserved` is 0. The reply context is used up, whatever the result.
+  /// Answers one request. `reserved` is 0. The reply context is used up, whatever the result; a second reply
+  /// gives kErrArgument. kErrPeerLost when the caller is gone, kErrQueueFull when he does not read his
+  /// answers.
   virtual std::uint32_t Reply(std::uint32_t reserved, std::uint64_t messageId, const void* data,
                               std::uint32_t length, void* replyContext) = 0;
   /// The sender's address; inside a receive callback only, elsewhere sixteen zero bytes.
@@ -126,8 +133,8 @@ class IClient {
   virtual void SetLogCallback(LogCallback callback) = 0;
   virtual void Reserved() = 0;
   /// Waits until the agent's endpoint accepts, for `timeoutSec` seconds or "connect_timeout_ms",
-  /// whichever is less. 0 or kErrNoTarget/kErrDenied/kErrPath. A process that serves others and needs
-  /// nobody need not call it.
+  /// whichever is less. 0 or kErrNoTarget/kErrDenied/kErrPath, the last two at once. A process that serves
+  /// others and needs nobody need not call it.
   virtual std::uint32_t Connect(std::uint32_t timeoutSec) = 0;
   virtual void Uninit() = 0;
   virtual void Disconnect() = 0;
