@@ -177,8 +177,6 @@ void ScanTask::scan() {
   std::promise<void> walked;
   std::thread teller([this, over = walked.get_future()] { tellUntil(over); });
   try {
-    walker_.emplace(Walker::Options{parts_.ownFolders, plan_.networkFileSystems},
-                    static_cast<WalkSink&>(*this));
     const CallerRights rights(caller_);
     rights_ = &rights;
     plan_.mode == ScanPlan::kCustom ? walkItems() : walkStages();

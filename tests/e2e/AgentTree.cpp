@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -29,7 +30,7 @@ std::string oneLine(const Json::Value& value) {
 
 }  // namespace
 
-AgentTree::AgentTree(Options options) {
+AgentTree::AgentTree(Options options) : uid_(options.uid) {
   namespace fs = std::filesystem;
   chmod(dir_.path().c_str(), 0755);
   for (const char* folder :
@@ -48,6 +49,16 @@ AgentTree::AgentTree(Options options) {
   }
   dir_.write("etc/communication/cli_lunet.conf", oneLine(bus));
   dir_.write("etc/debug/cli_debug.conf", R"({"log_size":1048576,"log_backup_max_num":5,"log_level":3})");
+  if (uid_) {
+    for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
+      if (lchown(entry.path().c_str(), *uid_, *uid_) != 0) {
+        throw std::runtime_error("cannot give " + entry.path().string() + " away");
+      }
+    }
+    if (chown(dir_.path().c_str(), *uid_, *uid_) != 0) {
+      throw std::runtime_error("cannot give the tree away");
+    }
+  }
   if (options.start) {
     start();
   }
@@ -103,7 +114,10 @@ std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& argument
   std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/tavagentd", "--install-dir", dir_.path(),
                                    "--system-signatures", dir_.at("none")};
   command.insert(command.end(), arguments.begin(), arguments.end());
-  return std::make_unique<Process>(std::move(command));
+  Process::Options options;
+  options.uid = uid_;
+  options.gid = uid_;
+  return std::make_unique<Process>(std::move(command), std::move(options));
 }
 
 std::unique_ptr<Process> AgentTree::console(const std::string& program,

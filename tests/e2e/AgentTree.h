@@ -19,6 +19,7 @@ class AgentTree {
   struct Options {
     std::string group;  ///< of the bus; empty: none
     bool start = true;
+    std::optional<uid_t> uid{};  ///< the agent's user, and the tree's owner; none: root
   };
   explicit AgentTree(Options options);
   AgentTree() : AgentTree(Options{}) {}
@@ -47,6 +48,7 @@ class AgentTree {
 
  private:
   TempDir dir_;
+  std::optional<uid_t> uid_;
   std::unique_ptr<Process> agent_;
 };
 

@@ -64,7 +64,7 @@ std::set<pid_t> processesOf(pid_t agent) {
 }
 
 TEST(AgentProgram, PrintsItsVersionAndItsHelp) {
-  const AgentTree tree({.group = "", .start = false});
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
   const auto version = tree.run({"--version"});
   EXPECT_EQ(0, version->wait());
   EXPECT_THAT(version->out(), HasSubstr("tavagentd "));
@@ -74,7 +74,7 @@ TEST(AgentProgram, PrintsItsVersionAndItsHelp) {
 }
 
 TEST(AgentProgram, AnUnknownArgumentEndsWithTwoAndNamesIt) {
-  const AgentTree tree({.group = "", .start = false});
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
   const auto wrong = tree.run({"--wrong"});
   EXPECT_EQ(2, wrong->wait());
   EXPECT_THAT(wrong->err(), HasSubstr("--wrong"));
@@ -107,7 +107,7 @@ TEST(AgentProgram, StatusTellsThePidTheProgramAndTheTasks) {
 }
 
 TEST(AgentProgram, StatusWithoutAnAgentEndsWithThree) {
-  const AgentTree tree({.group = "", .start = false});
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
   const auto status = tree.run({"--status"});
   EXPECT_EQ(3, status->wait());
   EXPECT_THAT(status->err(), HasSubstr("no agent"));
@@ -115,7 +115,7 @@ TEST(AgentProgram, StatusWithoutAnAgentEndsWithThree) {
 }
 
 TEST(AgentProgram, AsADaemonItsCallerEndsWithZeroOnceItServes) {
-  const AgentTree tree({.group = "", .start = false});
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
   const auto starter = tree.run({"--daemon"});
   EXPECT_EQ(0, starter->wait()) << starter->err();
   const auto status = tree.run({"--status"});
@@ -136,7 +136,7 @@ TEST(AgentProgram, AsADaemonThatCannotServeItsCallerHearsWhy) {
 }
 
 TEST(AgentProgram, WithoutABusLibraryItEndsWithALineThatNamesIt) {
-  const AgentTree tree({.group = "", .start = false});
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
   std::filesystem::remove(tree.at("lib/modules/libLunetClientMgr.so"));
   const auto agent = tree.run({});
   EXPECT_EQ(1, agent->wait());
@@ -144,7 +144,7 @@ TEST(AgentProgram, WithoutABusLibraryItEndsWithALineThatNamesIt) {
 }
 
 TEST(AgentProgram, WithoutSignaturesItServesAndAScanSaysWhyItCannotBeMade) {
-  AgentTree tree({.group = "", .start = false});
+  AgentTree tree({.group = "", .start = false, .uid = {}});
   std::filesystem::remove(tree.at("etc/agent/signatures"));
   tree.start();
   PeerConsole console(tree);
@@ -155,7 +155,7 @@ TEST(AgentProgram, WithoutSignaturesItServesAndAScanSaysWhyItCannotBeMade) {
 }
 
 TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
-  AgentTree tree({.group = "", .start = false});
+  AgentTree tree({.group = "", .start = false, .uid = {}});
   const std::string shipped = std::filesystem::canonical(tree.at("etc/agent/signatures"));
   std::filesystem::remove(tree.at("etc/agent/signatures"));
   std::filesystem::copy(shipped, tree.at("etc/agent/signatures"));
@@ -368,6 +368,22 @@ TEST_F(AgentTasks, AFastScanTellsItsStagesInPairs) {
   EXPECT_EQ(2, stages[2].params["stage"].asInt());
 }
 
+TEST(AgentOfAUser, ServesHimWithHisRights) {
+  AgentTree tree({.group = "", .start = true, .uid = kUser});
+  Process::Options his;
+  his.uid = kUser;
+  his.gid = kUser;
+  PeerConsole console(tree, his);
+  tree.write("readable", eicar());
+  const std::string hidden = tree.write("roots", eicar());
+  ASSERT_EQ(0, chmod(hidden.c_str(), 0600));
+  const Json::Value answer = console.startScan({tree.data()});
+  ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString();
+  ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
+  EXPECT_EQ(1U, console.notices("reportRiskInfo").size());
+  EXPECT_EQ(1, console.last("reportScanBusOverView")["overview"]["failed_item_count"].asInt());
+}
+
 /// A second user on the bus, let in by a supplementary group.
 class AgentSecondUser : public ::testing::Test {
  protected:
@@ -407,7 +423,7 @@ class AgentSecondUser : public ::testing::Test {
     return object(process.out())["result"];
   }
   static constexpr gid_t kGroup = 60;  // "games"
-  AgentTree tree{{.group = groupName(), .start = true}};
+  AgentTree tree{{.group = groupName(), .start = true, .uid = {}}};
   PeerConsole user{tree, secondUser()};
 };
 
