@@ -11,4 +11,10 @@ void AgentWatch::look() {
   complain_(up ? "tavcli: the agent answers again" : "tavcli: the agent is gone; waiting for its return");
 }
 
+void AgentWatch::lookForReturn() {
+  if (!up_) {
+    look();
+  }
+}
+
 }  // namespace tavcli

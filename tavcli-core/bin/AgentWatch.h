@@ -14,6 +14,9 @@ class AgentWatch {
 
   /// Asks whether the agent can be reached; speaks when the answer is another than the last.
   void look();
+  /// Asks only when the agent was away at the last look: its return is told even when what it reports then
+  /// ends the run before the next look.
+  void lookForReturn();
 
  private:
   std::function<bool()> reachable_;

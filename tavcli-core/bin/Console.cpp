@@ -145,6 +145,7 @@ int runMarked(const BatchOptions& options, const ContainerConfig& config, const 
                        complain};
   const BatchEnd end = runBatch(options, host, pause);
   pause.setEverySecond(nullptr);
+  watch.lookForReturn();
   return end.exitCode;
 }
 

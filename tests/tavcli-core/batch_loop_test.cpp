@@ -244,4 +244,19 @@ TEST_F(Watching, ItsReturnIsOneLine) {
   EXPECT_THAT(complaints_[1], testing::HasSubstr("answers again"));
 }
 
+TEST_F(Watching, AReturnThatEndsTheRunIsToldBehindIt) {
+  up_ = false;
+  watch_.look();
+  up_ = true;
+  watch_.lookForReturn();
+  ASSERT_EQ(complaints_.size(), 2U);
+  EXPECT_THAT(complaints_[1], testing::HasSubstr("answers again"));
+}
+
+TEST_F(Watching, BehindARunWithoutALossNobodyAsks) {
+  up_ = false;
+  watch_.lookForReturn();
+  EXPECT_THAT(complaints_, ElementsAre());
+}
+
 }  // namespace
