@@ -1,7 +1,7 @@
 #pragma once
 
-// The only place that includes libjson-rpc-cpp. Its headers carry throw(...) specifications, which the
-// language dropped with C++17; while they are read, `throw()` means noexcept(true) and `throw(X)`
+// The only place that includes libjson-rpc-cpp. Its headers declare what may be thrown by throw(...), which
+// the language dropped with C++17; while they are read, `throw()` means noexcept(true) and `throw(X)`
 // noexcept(false). All that they include themselves comes first, so that the macro meets nothing else.
 #include <json/json.h>
 
