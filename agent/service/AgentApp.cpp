@@ -154,6 +154,15 @@ class Agent {
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
+  /// No scan enters these: what workers unpack, found there once more, would be told as a file of its own.
+  std::vector<std::string> ownFolders() const {
+    std::vector<std::string> folders{resolved(tree_.state())};
+    for (const std::string& folder : spawner_->temporaryFolders()) {
+      folders.push_back(resolved(folder));
+    }
+    return folders;
+  }
+
   /// Until a signal ends it.
   void serve() {
     SignatureWatch watch({tree_.signatures(), options_.systemSignatures});
@@ -180,7 +189,7 @@ class Agent {
     }
     outbox_ = std::make_unique<Outbox>();
     tasks_ = std::make_unique<TaskManager>(
-        TaskManager::Parts{*store_, *spawner_, *outbox_, bus_.endpoint(), {resolved(tree_.state())}});
+        TaskManager::Parts{*store_, *spawner_, *outbox_, bus_.endpoint(), ownFolders()});
     helper_ = std::make_unique<jsonrpchelper::IJsonRpcServerHelper>();
     service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group);
     service_->StartListening();

@@ -32,7 +32,7 @@ void TemplateLink::settle() const {
   [[maybe_unused]] const ssize_t written = write(settled.get(), &one, sizeof one);
 }
 
-Spawner::Impl::Impl(Config config) : config_(std::move(config)) {
+Spawner::Impl::Impl(Config config) : config_(std::move(config)), folders_(config_.tempFolder) {
   auto [ours, theirs] = Channel::pair();
   if (!ours) {
     throw std::system_error(errno, std::generic_category(), "no socket pair for the spawner");
@@ -44,7 +44,7 @@ Spawner::Impl::Impl(Config config) : config_(std::move(config)) {
   }
   if (pid_ == 0) {
     ours.close();
-    runSpawner(config_, std::move(theirs), self);
+    runSpawner(config_, folders_, std::move(theirs), self);
   }
   spawner_ = std::move(ours);
   restartTemplate();
@@ -55,6 +55,7 @@ Spawner::Impl::~Impl() {
   spawner_.close();
   while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
+  folders_.remove();
 }
 
 Spawner::Impl::Template Spawner::Impl::startTemplate(std::string& problem) {
@@ -204,6 +205,16 @@ SignatureState Spawner::signatureState() const {
 
 SignatureState Spawner::waitLoaded(std::chrono::milliseconds limit) const {
   return impl_->waitLoaded(limit);
+}
+
+std::vector<std::string> Spawner::temporaryFolders() const {
+  std::vector<std::string> folders;
+  for (const auto* folder : {&impl_->folders().quick(), &impl_->folders().disk()}) {
+    if (!folder->empty()) {
+      folders.push_back(*folder);
+    }
+  }
+  return folders;
 }
 
 bool Spawner::reload(std::string* why) {

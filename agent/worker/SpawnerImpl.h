@@ -7,6 +7,7 @@
 #include <string>
 
 #include "worker/Channel.h"
+#include "worker/TempFolders.h"
 #include "worker/WorkerPool.h"
 
 namespace agent {
@@ -28,6 +29,7 @@ class Spawner::Impl {
   Impl& operator=(const Impl&) = delete;
 
   const Config& config() const { return config_; }
+  const TempFolders& folders() const { return folders_; }
   SignatureState state();
   SignatureState waitLoaded(std::chrono::milliseconds limit);
   bool reload(std::string* why);
@@ -54,6 +56,7 @@ class Spawner::Impl {
   static std::optional<SignatureState> awaitReport(const Template& fresh);
 
   const Config config_;
+  TempFolders folders_;
   pid_t pid_ = -1;
   Channel spawner_;
   std::mutex mutex_;  // guards all below

@@ -142,13 +142,12 @@ pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Ch
 
 }  // namespace
 
-void runSpawner(const Spawner::Config& config, Channel agent, int agentPid) {
+void runSpawner(const Spawner::Config& config, const TempFolders& folders, Channel agent, int agentPid) {
   if (!becomeChild("tav-spawner", agentPid)) {
     _exit(1);
   }
   agent = Channel(UniqueFd(keepOnly(agent.takeFd().release())));
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // workers whose template has crashed end here
-  TempFolders folders(config.tempFolder);
   std::set<pid_t> templates;
   const auto collect = [&](int options) {
     for (pid_t pid = 0; (pid = waitpid(-1, nullptr, options)) > 0 || (pid < 0 && errno == EINTR);) {
@@ -172,7 +171,6 @@ void runSpawner(const Spawner::Config& config, Channel agent, int agentPid) {
     kill(pid, SIGKILL);
   }
   collect(0);
-  folders.remove();
   _exit(0);
 }
 

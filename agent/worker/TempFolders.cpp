@@ -29,7 +29,7 @@ UniqueFd openFolder(const std::string& path) {
   return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Ours, and locked by nobody: its spawner was killed.
+// Ours, and locked by nobody: its agent was killed.
 bool isLeftBehind(const std::string& path) {
   const UniqueFd folder = openFolder(path);
   struct stat status {};
@@ -49,7 +49,7 @@ std::vector<std::string> entriesThatBegin(const std::string& parent, const std::
 }
 
 void removeAll(const std::string& folder) {
-  std::error_code error;  // what cannot be removed is tried again by the next spawner
+  std::error_code error;  // what cannot be removed is tried again by the next agent
   if (!folder.empty()) {
     fs::remove_all(folder, error);
   }
@@ -63,7 +63,7 @@ void removeLeftBehind(const std::string& parent) {
   }
 }
 
-// Locked, and still the folder of that name: another spawner's clean-up may have come between.
+// Locked, and still the folder of that name: another agent's clean-up may have come between.
 bool lockFolder(const std::string& path, UniqueFd& lock) {
   lock = openFolder(path);
   struct stat held {};

@@ -7,8 +7,8 @@
 namespace agent {
 
 /// The folders under which workers keep what they unpack: one in memory for small files, one on disk. Made by
-/// the spawner, 0700, locked by it while it lives; what a spawner that was killed left behind is removed by
-/// the next one.
+/// the agent before it forks the spawner, 0700, locked while it lives; what an agent that was killed left
+/// behind is removed by the next one.
 class TempFolders {
  public:
   /// disk: a folder to make ours in; empty: $TMPDIR, else /tmp.

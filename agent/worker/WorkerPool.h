@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/EngineLimits.h"
 #include "engine/ScanTypes.h"
@@ -41,6 +42,9 @@ class Spawner {
   /// Loads the signatures again, in a fresh template; workers under way finish their file with the old ones.
   /// Blocks until that is done. False, and all as it was, when they do not load (*why says why, when given).
   bool reload(std::string* why);
+
+  /// Where workers keep what they unpack, for as long as the spawner lives: no scan is to go there.
+  std::vector<std::string> temporaryFolders() const;
 
   class Impl;
   Impl& impl() const { return *impl_; }
