@@ -72,9 +72,11 @@ std::vector<Quarantine::RestoreOutcome> QuarantineStore::restore(const std::vect
                                                                  const CallerId& caller) {
   std::vector<std::string> wanted = uuids;
   if (all) {
-    wanted.clear();
-    table_.forEach(caller.uid == 0 ? std::nullopt : std::optional(caller.uid),
-                   [&wanted](const ItemRow& row) { wanted.push_back(row.uuid); });
+    try {
+      wanted = uuidsFor(caller);
+    } catch (const std::exception& error) {
+      return {{"", {false, error.what()}}};
+    }
   }
   std::vector<RestoreOutcome> outcomes;
   for (const std::string& uuid : wanted) {
@@ -87,6 +89,13 @@ std::vector<Quarantine::RestoreOutcome> QuarantineStore::restore(const std::vect
     outcomes.push_back({uuid, std::move(result)});
   }
   return outcomes;
+}
+
+std::vector<std::string> QuarantineStore::uuidsFor(const CallerId& caller) const {
+  std::vector<std::string> uuids;
+  table_.forEach(caller.uid == 0 ? std::nullopt : std::optional(caller.uid),
+                 [&uuids](const ItemRow& row) { uuids.push_back(row.uuid); });
+  return uuids;
 }
 
 Result QuarantineStore::restoreOne(const std::string& uuid, bool trust, const std::string& targetDir,

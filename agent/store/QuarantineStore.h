@@ -39,6 +39,7 @@ class QuarantineStore : public Quarantine {
   void cleanWhenFull();
   void erase(const std::string& uuid, std::uint64_t storedBytes);
   // QuarantineRestore.cpp
+  std::vector<std::string> uuidsFor(const CallerId& caller) const;
   Result restoreOne(const std::string& uuid, bool trust, const std::string& targetDir,
                     const CallerId& caller);
   Result restoreItem(const ItemRow& row, const ItemMeta& meta, const RestorePlan& plan,

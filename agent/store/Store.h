@@ -45,14 +45,15 @@ class Settings {
 };
 
 struct QuarantineRequest {
-  int fd = -1;            ///< of the file as scanned; stays the caller's
+  int fd = -1;            ///< of the file as scanned; stays the caller's. -1: it is opened by the path
   std::string path;       ///< bytes; how it was reached
   FileIdentity identity;  ///< as scanned
   Detection detection;
-  std::string md5;  ///< as scanned; may be empty
+  std::string md5;  ///< as scanned, lower case; may be empty
 };
 
-/// What became of something asked: ok, or one line that says why not.
+/// What became of something asked: ok (the detail is empty or one line worth knowing), or one line that says
+/// why not.
 struct Result {
   bool ok = false;
   std::string detail;
@@ -61,15 +62,19 @@ struct Result {
 class Quarantine {
  public:
   virtual ~Quarantine() = default;
-  /// Copies in, syncs, records, and only then removes the original, after checking it is the same file.
+  /// Copies in, syncs, records, and only then removes the original, after checking it is the same file. Any
+  /// number of threads at once. Never throws.
   virtual Result add(const QuarantineRequest& request) = 0;
   /// JSON array of isolation items (JsonReflect::IsolationItem), oldest first. `onlyOwner`: of that uid.
+  /// Throws std::runtime_error when the database fails.
   virtual Json::Value list(std::optional<uid_t> onlyOwner) const = 0;
   struct RestoreOutcome {
     std::string uuid;
     Result result;
   };
-  /// trust: add the path to the trust region as well. targetDir empty: where it was.
+  /// trust: add the path to the trust region as well. targetDir (bytes) empty: where it was. all: every item,
+  /// for a caller other than root every item of his; uuids is ignored then. Forks for each item; one restore
+  /// at a time. Never throws.
   virtual std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool all, bool trust,
                                               const std::string& targetDir, const CallerId& caller) = 0;
 };

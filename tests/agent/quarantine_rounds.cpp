@@ -130,6 +130,7 @@ class Rounds {
         originals_(makeFiles(folder + "/files", options.files, random_)) {}
 
   int run() {
+    measureWholeRun();
     for (unsigned round = 1; round <= options_.rounds; ++round) {
       const pid_t child = startInChild(state_, originals_, options_.threads);
       const bool killed = killAtRandomMoment(child);
@@ -148,25 +149,31 @@ class Rounds {
   }
 
  private:
-  /// The moment is drawn from the time that a whole run took so far, so that kills fall all over it.
+  /// A run that nobody kills says how long one takes: the moments of the kills fall all over that.
+  void measureWholeRun() {
+    const auto start = std::chrono::steady_clock::now();
+    int status = 0;
+    ::waitpid(startInChild(state_, originals_, options_.threads), &status, 0);
+    wholeRun_ = since(start);
+    const std::size_t quarantined = settleAndCount();
+    if (quarantined != originals_.size()) {
+      fail("the run that was not killed",
+           "left " + std::to_string(originals_.size() - quarantined) + " files");
+    }
+    restoreAll();
+    checkAll();
+  }
+
   bool killAtRandomMoment(pid_t child) {
     const auto start = std::chrono::steady_clock::now();
     const auto wait =
         std::chrono::microseconds(random_() % static_cast<std::uint64_t>(wholeRun_.count() + 1));
-    int status = 0;
-    while (std::chrono::steady_clock::now() - start < wait) {
-      if (::waitpid(child, &status, WNOHANG) == child) {
-        wholeRun_ = since(start);
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
+    std::this_thread::sleep_for(wait - std::min(wait, since(start)));
     ::kill(child, SIGKILL);
+    int status = 0;
     ::waitpid(child, &status, 0);
     const bool killed = WIFSIGNALED(status);
     killedAtWork_ += killed ? 1U : 0U;
-    // Killed with the work nearly untouched: the machine is slower than thought.
-    wholeRun_ = killed ? wholeRun_ + wholeRun_ / 50 : since(start);
     return killed;
   }
 
@@ -232,7 +239,7 @@ class Rounds {
   const std::string state_;
   const std::vector<Original> originals_;
   std::unique_ptr<Store> store_;
-  std::chrono::microseconds wholeRun_{500'000};
+  std::chrono::microseconds wholeRun_{0};
   unsigned killedAtWork_ = 0, failures_ = 0;
 };
 

@@ -118,7 +118,12 @@ TEST_P(EverySettingTest, RefusesANumberOutsideItsRange) {
   }
 }
 
-TEST_P(EverySettingTest, StandsInTheOperatorsPageAsItIs) {
+class EveryDocumentedSettingTest : public testing::TestWithParam<Setting> {};
+INSTANTIATE_TEST_SUITE_P(Table, EveryDocumentedSettingTest,
+                         testing::ValuesIn(store::settingsTable().begin(), store::settingsTable().end()),
+                         nameOf);
+
+TEST_P(EveryDocumentedSettingTest, StandsInTheOperatorsPageAsItIs) {
   const Setting& setting = GetParam();
   std::ostringstream row;
   row << "| " << setting.key << " | " << store::kindName(setting.kind) << " | ";
