@@ -307,7 +307,7 @@ void Walker::reportUnreadEnd(const Folder& folder, int error) {
 }
 
 void Walker::meet(Folder& folder, const std::string& name, unsigned char type, double share, bool writable) {
-  mode_t mode = DTTOIF(type);
+  mode_t mode = static_cast<mode_t>(DTTOIF(type));
   setName(folder, name);
   if (type == DT_UNKNOWN) {
     struct stat status {};

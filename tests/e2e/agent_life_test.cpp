@@ -165,9 +165,9 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
   ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
   ASSERT_THAT(console.notices("reportRiskInfo"), IsEmpty());
   std::string hex;
-  for (const unsigned char c : std::string("at first: 5c0ffee5")) {
+  for (const char c : std::string("at first: 5c0ffee5")) {
     char pair[3];
-    std::snprintf(pair, sizeof pair, "%02x", c);
+    std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
     hex += pair;
   }
   {
