@@ -61,6 +61,10 @@ bool Channel::send(std::string_view bytes, int fd) const {
   return sent == static_cast<ssize_t>(bytes.size());
 }
 
+void Channel::shutDown() const {
+  shutdown(fd_.get(), SHUT_RDWR);
+}
+
 Channel::Received Channel::receive(Packet& packet, bool wait) const {
   packet.fd.reset();
   std::array<char, kLongestPacket> bytes;  // NOLINT: not filled beforehand, this is on the way of every file

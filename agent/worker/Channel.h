@@ -30,6 +30,9 @@ class Channel {
   /// wait: blocks until something is there. kEnded: the other end is gone, or broke the rules.
   Received receive(Packet& packet, bool wait) const;
 
+  /// Nothing more passes either way; what has arrived can still be received.
+  void shutDown() const;
+
   int fd() const { return fd_.get(); }
   UniqueFd takeFd() { return std::move(fd_); }
   explicit operator bool() const { return static_cast<bool>(fd_); }

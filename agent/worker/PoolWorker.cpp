@@ -76,6 +76,14 @@ std::optional<PoolWorker::Clock::time_point> PoolWorker::deadline(std::chrono::m
 }
 
 void PoolWorker::kill() {
+  if (!greeted_) {
+    // From here on its hello cannot be sent, and it ends; one sent before tells us whom to kill.
+    channel_.shutDown();
+    Channel::Packet packet;
+    if (channel_.receive(packet, false) == Channel::Received::kPacket && decode<WorkerHello>(packet.bytes)) {
+      process_ = std::move(packet.fd);
+    }
+  }
   if (process_) {
     pidfd_send_signal(process_.get(), SIGKILL, nullptr, 0);
   }

@@ -148,9 +148,11 @@ class WorkerPool::Impl {
     }
   }
 
-  std::optional<PoolTask> takeQueued() {
+  enum class Purpose { kScan, kFinish };
+  // For a scan: nothing once the pool is cancelled, even if that came just now.
+  std::optional<PoolTask> takeQueued(Purpose purpose) {
     const std::lock_guard lock(mutex_);
-    if (queue_.empty()) {
+    if (queue_.empty() || (purpose == Purpose::kScan && cancelled_)) {
       return std::nullopt;
     }
     PoolTask task = std::move(queue_.front());
@@ -165,7 +167,7 @@ class WorkerPool::Impl {
   }
 
   void finishQueued(const Verdict& verdict) {
-    while (auto task = takeQueued()) {
+    while (auto task = takeQueued(Purpose::kFinish)) {
       finish(std::move(*task), verdict);
     }
   }
@@ -182,7 +184,7 @@ class WorkerPool::Impl {
 
   void dispatch() {
     retireOld();
-    while (auto task = takeQueued()) {
+    while (auto task = takeQueued(Purpose::kScan)) {
       PoolWorker* worker = workerFor(task->bytes);
       if (worker == nullptr) {
         giveBack(std::move(*task));

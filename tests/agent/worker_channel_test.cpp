@@ -51,6 +51,17 @@ TEST(Channels, WhatWasSentBeforeTheEndIsStillHeard) {
   EXPECT_FALSE(two.send("to nobody"));
 }
 
+TEST(Channels, WhatHadArrivedIsHeardAfterAShutDownAndNothingElse) {
+  auto [one, two] = Channel::pair();
+  ASSERT_TRUE(one.send("early"));
+  two.shutDown();
+  EXPECT_FALSE(one.send("late"));
+  Channel::Packet packet;
+  ASSERT_EQ(two.receive(packet, false), Channel::Received::kPacket);
+  EXPECT_EQ(packet.bytes, "early");
+  EXPECT_EQ(two.receive(packet, false), Channel::Received::kEnded);
+}
+
 TEST(Channels, APacketTooLargeForItsReaderEndsTheTalk) {
   auto [one, two] = Channel::pair();
   ASSERT_TRUE(one.send(std::string(kLongestPacket + 1, 'x')));
