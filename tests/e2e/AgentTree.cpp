@@ -1,5 +1,6 @@
 #include "e2e/AgentTree.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,7 +68,8 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
 AgentTree::~AgentTree() {
   if (agent_ && agent_->running()) {
     agent_->kill(SIGTERM);
-    agent_->wait();
+    // Also how a sanitizer in the agent is heard of.
+    EXPECT_EQ(0, agent_->wait().value_or(-1)) << agent_->err();
   }
 }
 

@@ -23,7 +23,7 @@ class AgentTree {
   };
   explicit AgentTree(Options options);
   AgentTree() : AgentTree(Options{}) {}
-  ~AgentTree();  ///< ends the agent
+  ~AgentTree();  ///< ends the agent; a test failure when it does not end well
 
   const std::string& path() const { return dir_.path(); }
   std::string at(const std::string& name) const { return dir_.at(name); }
