@@ -24,7 +24,7 @@ const char* endingText(Ending ending) {
 }  // namespace
 
 Display& Display::instance() {
-  static Display display;
+  static Display& display = *new Display;  // never destroyed: a notice may come while the program ends
   return display;
 }
 

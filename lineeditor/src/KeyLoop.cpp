@@ -161,6 +161,7 @@ void KeyLoop::endOrEraseAt() {
 void KeyLoop::clearWindow() {
   display().remove();
   clearScreen();
+  display().forget();
 }
 
 void KeyLoop::showHelp() {

@@ -11,7 +11,7 @@
 
 namespace lineeditor {
 
-std::string outputBuffer;
+std::string& outputBuffer = *new std::string;  // never destroyed: a notice may come while the program ends
 std::int32_t pagerLines = 0;
 
 namespace {
@@ -71,7 +71,7 @@ void writeBuffered(std::string_view bytes) {
 }
 
 std::mutex& outputMutex() {
-  static std::mutex mutex;
+  static std::mutex& mutex = *new std::mutex;
   return mutex;
 }
 

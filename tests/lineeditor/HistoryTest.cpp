@@ -415,6 +415,14 @@ TEST_F(Search, ALongListingIsPagedAndLeavesNothingEither) {
   EXPECT_FALSE(scrolled.empty()) << "the operator can scroll back to the first page";
 }
 
+TEST_F(Search, CtrlLInASearchRedrawsIt) {
+  typeThen("typed\x12scan\r\x0c", [this] {
+    EXPECT_EQ(terminal().text(),
+              "Input Patterns <F1> help: scan\n   1  SCAN START\n   2  scan stop\nInput history id: 1");
+  });
+  EXPECT_EQ(readKeys("\r\r"), "SCAN START");
+}
+
 TEST_F(Search, EndOfInputInsideASearchEndsTheLine) {
   typeThen("typed\x12sc", nullptr);
   EXPECT_EQ(read(), std::nullopt);

@@ -44,6 +44,15 @@ TEST_P(LongLine, WrapsAndIsEditedInPlace) {
 
 class Window : public EditorFixture {};
 
+TEST_F(Window, OfTwoColumnsStillShowsEverything) {
+  open(10, 2);
+  typeThen("ab中", [this] {
+    EXPECT_EQ(terminal().text(), "TA\nV>\n a\nb\n中");
+    EXPECT_EQ(terminal().cursorRow(), 5);
+  });
+  EXPECT_EQ(readKeys("\r"), "ab中");
+}
+
 TEST_F(Window, ALineThatFillsItsRowPutsTheCursorOnTheNext) {
   open(24, 20);
   typeThen("123456789012345", [this] {

@@ -399,6 +399,46 @@ INSTANTIATE_TEST_SUITE_P(, RandomKeys,
                                   (std::get<1>(test.param) ? "WithNoticesThroughout" : "");
                          });
 
+class RandomBytes : public EditorFixture, public ::testing::WithParamInterface<unsigned> {};
+
+/// Whatever comes in: no crash, no line over its limit, no line end in a line, the cursor on the screen.
+TEST_P(RandomBytes, NeverUpsetTheEditor) {
+  std::mt19937 random(GetParam());
+  const auto pick = [&random](std::size_t count) { return random() % count; };
+  static const std::string kLikely = "\033\033\033[[O;0123456789~ABCDHFPQRS$^@ \t\x18\x12\x13\r\r yq中";
+  setKeyHelp([] { plainPrint("help\n"); });
+  long left = 20000;
+  terminal().onIdle = [&] {
+    terminal().look([](const auto& screen) {
+      EXPECT_LT(screen.cursorRow(), screen.rows());
+      EXPECT_LT(screen.cursorCol(), screen.cols());
+    });
+    std::string bytes;
+    for (std::size_t i = 0, count = 1 + pick(8); i < count && left > 0; ++i, --left) {
+      bytes += pick(3) == 0 ? static_cast<char>(pick(256)) : kLikely[pick(kLikely.size())];
+    }
+    terminal().type(bytes);
+    if (pick(5) == 0) {
+      terminal().pause();
+    }
+    if (pick(50) == 0) {
+      terminal().resizeTo(static_cast<int>(2 + pick(30)), static_cast<int>(2 + pick(90)));
+    }
+  };
+  char buffer[200];
+  while (left > 0 && !HasFailure()) {
+    const char* line = readLine("TAV> ", buffer, sizeof buffer);
+    if (line != nullptr) {
+      EXPECT_LT(std::string_view(line).size(), sizeof buffer);
+      EXPECT_EQ(std::string_view(line).find_first_of("\r\n"), std::string_view::npos);
+    }
+  }
+  std::printf("20000 bytes, seed %u\n", GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(, RandomBytes, ::testing::Values(1U, 2U, 3U, 4U),
+                         [](const auto& test) { return "Seed" + std::to_string(test.param); });
+
 }  // namespace
 
 }  // namespace lineeditor

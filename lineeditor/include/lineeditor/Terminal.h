@@ -23,7 +23,7 @@ inline constexpr std::uint32_t kBrightCyan = 135;
 inline constexpr std::uint32_t kWhiteOnCyan = 1800;  ///< value hints
 
 /// Editor output on its way to standard output. Written by this library's functions only, under its lock.
-extern std::string outputBuffer;
+extern std::string& outputBuffer;
 /// Screen lines printed since the pager last paused.
 extern std::int32_t pagerLines;
 
