@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "BusFixture.h"
+#include "Dial.h"
 #include "support/Wait.h"
 
 using namespace lunettest;
@@ -219,6 +220,28 @@ TEST_F(GroupTest, SendToProcessReachesAMemberWhomPlainSendsDoNot) {
   EXPECT_EQ(agent->SendToProcess(console, process, lunet::kOnewayChannel, "hello", 5), lunet::kOk);
   EXPECT_TRUE(player.gotMessage("hello"));
   EXPECT_EQ(agent.send(console, "plain"), lunet::kErrDenied);
+}
+
+TEST_F(GroupTest, SendToProcessDoesNotReachOneWhoMayNotJoin) {
+  Endpoint agent(client, address);
+  const lunet::Guid console = newGuid();
+  Player player(words("listen", console), as(kMember, true));
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  player.process.write("{\"send\":\"" + lunet::formatGuid(address) +
+                       "\",\"channel\":20991,\"data\":\"me\"}\n");
+  ASSERT_TRUE(agent.waitForCount(1));
+  const lunet::PeerIdentity process = agent.messages()[0].process;
+  const lunet::SocketFolder folder{socketFolder(), groupNumber()};
+  lunet::DialRequest request;
+  request.folder = &folder;
+  request.self = address;
+  request.target = console;
+  request.process = &process;
+  request.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  request.rule = {geteuid(), groupNumber()};
+  EXPECT_EQ(lunet::dial(request).error, lunet::kOk);
+  request.rule = {geteuid(), std::nullopt};  // as if he had left the group
+  EXPECT_EQ(lunet::dial(request).error, lunet::kErrDenied);
 }
 
 class PrivateTest : public BusTest {

@@ -68,8 +68,8 @@ TEST_F(AddressTest, WhatACrashLeftIsTakenOverByExactlyOne) {
   std::vector<std::future<std::uint32_t>> opened;
   for (int i = 0; i < 8; ++i) {
     endpoints.push_back(std::make_unique<Endpoint>(client, echo));
-    opened.push_back(std::async(std::launch::async,
-                                [&, i] { return (*endpoints[static_cast<std::size_t>(i)])->Open(address); }));
+    lunet::IEndpoint* endpoint = endpoints.back()->get();
+    opened.push_back(std::async(std::launch::async, [this, endpoint] { return endpoint->Open(address); }));
   }
   int winners = 0;
   for (std::future<std::uint32_t>& each : opened) {
