@@ -53,11 +53,13 @@ class Display {
 
  private:
   void showLocked();
+  bool appendsOneCharacter(const Content& content) const;
   void addToTranscript(std::string_view lines);
 
   Painter painter_;
   Content content_;
   bool live_ = false;
+  bool drawnWithTranscript_ = false;
   bool rowLeftOpen_ = false;
   bool transcriptOpen_ = false;
   std::vector<std::string> transcript_;

@@ -20,7 +20,7 @@ class InputReader {
   static InputReader& instance();
 
   Key readKey();  ///< inside a RawScope
-  bool pending() { return decoder_.pending(); }
+  bool drawingCanWait() { return decoder_.drawingCanWait(); }
   Input readByte();             ///< inside a RawScope; as it comes, not decoded
   int readByteStandingAlone();  ///< 0 when the read failed
   Key readKeyStandingAlone();   ///< a change of the window is no key here

@@ -52,6 +52,10 @@ bool KeyDecoder::pending() {
   return !ahead_.empty() || resized_ || terminal().pending();
 }
 
+bool KeyDecoder::drawingCanWait() {
+  return !ahead_.empty() || resized_ || (terminal().hurried() && terminal().pending());
+}
+
 bool KeyDecoder::take(int waitMs, unsigned char& byte) {
   while (true) {
     const Input input = readByte(waitMs);

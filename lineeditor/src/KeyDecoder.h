@@ -14,6 +14,9 @@ class KeyDecoder {
  public:
   Key next();
   bool pending();
+  /// Whether to draw only when more has been read: it lies there, and came in a burst. Does not look without
+  /// need.
+  bool drawingCanWait();
   Input readByte(int waitMs);  ///< one byte, those read ahead first
 
  private:

@@ -47,7 +47,7 @@ KeyLoop::Result KeyLoop::run() {
   display().freshRow();
   writeBuffered(sequence::kPasteMarksOn);
   while (result_ == Result::Running) {
-    if (!InputReader::instance().pending()) {
+    if (!InputReader::instance().drawingCanWait()) {
       refresh();  // while more lies there the line is not drawn: a paste is drawn once
     }
     handle(InputReader::instance().readKey());

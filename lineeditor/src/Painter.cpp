@@ -27,7 +27,7 @@ void Painter::start() {
   available_ = 1;
 }
 
-std::string Painter::paint(const Screen& to, TerminalSize size) {
+std::string Painter::paint(Screen to, TerminalSize size) {
   out_.clear();
   size_ = size;
   if (to.rowsAbove > drawn_.rowsAbove && drawn_.rows.size() == static_cast<std::size_t>(size.rows)) {
@@ -42,8 +42,20 @@ std::string Painter::paint(const Screen& to, TerminalSize size) {
     out_ += sequence::kEraseBelow;
   }
   moveTo(to.cursorRow, to.cursorCol);
-  drawn_ = to;
+  drawn_ = std::move(to);
   return std::move(out_);
+}
+
+bool Painter::append(char character, TerminalSize size, std::string& out) {
+  if (!drawnFor(size) || drawn_.rows.empty() || row_ != static_cast<int>(drawn_.rows.size()) - 1 ||
+      col_ != drawn_.rows.back().width || col_ + 2 > size.cols) {
+    return false;
+  }
+  drawn_.rows.back().cells.push_back({std::string(1, character), 1, 0});
+  ++drawn_.rows.back().width;
+  drawn_.cursorCol = ++col_;
+  out += character;
+  return true;
 }
 
 /// Rows that leave the window at the top go the way all output goes, so that the operator can scroll back to
@@ -107,7 +119,7 @@ void Painter::moveTo(int row, int col) {
   if (row >= available_) {
     out_ += sequence::move(available_ - 1 - row_, 0);
     out_ += '\r';
-    out_.append(static_cast<std::size_t>(row - available_ + 1), '\n');
+    out_.append(static_cast<std::size_t>(row) - static_cast<std::size_t>(available_) + 1, '\n');
     available_ = row + 1;
     col_ = 0;
   } else {

@@ -13,7 +13,10 @@ class Painter {
   /// The cursor stands at the beginning of a row with nothing of ours on it.
   void start();
   /// to: laid out for this size.
-  std::string paint(const Screen& to, TerminalSize size);
+  std::string paint(Screen to, TerminalSize size);
+  /// The same as paint() for a screen that has one plain character more at its end, where the cursor is.
+  /// False when it takes more than that.
+  bool append(char character, TerminalSize size, std::string& out);
   /// Takes all that is drawn away; the cursor is left where its first row began.
   std::string erase(TerminalSize now);
   /// Puts the cursor behind the last cell of the last row drawn.

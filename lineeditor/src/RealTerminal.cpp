@@ -19,6 +19,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr auto kBurst = std::chrono::microseconds(500);
+
 const char* const kDumbTerminals[] = {"dumb", "cons25", "emacs"};
 
 RealTerminal realTerminal;
@@ -60,7 +62,21 @@ bool RealTerminal::usable() const {
   return true;
 }
 
+/// Asked once for each change of the window, where the program hears of them.
 TerminalSize RealTerminal::size() const {
+  if (signals::wakeDescriptor() < 0) {
+    return askSize();
+  }
+  const std::lock_guard guard(sizeMutex_);
+  const unsigned changes = signals::resizes();
+  if (sizeAfter_ != changes) {
+    size_ = askSize();
+    sizeAfter_ = changes;
+  }
+  return size_;
+}
+
+TerminalSize RealTerminal::askSize() {
   winsize window{};
   if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0) {
     return {};
@@ -111,6 +127,9 @@ Input RealTerminal::read(int waitMs) {
     }
     const ssize_t count = ::read(STDIN_FILENO, &input.byte, 1);
     if (count == 1) {
+      const auto now = Clock::now();
+      hurried_ = now - lastByteAt_ < kBurst;
+      lastByteAt_ = now;
       return input;
     }
     if (count == 0 || (errno != EINTR && errno != EAGAIN)) {

@@ -3,6 +3,9 @@
 #include <termios.h>
 
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <optional>
 
 #include "TerminalIo.h"
 
@@ -16,6 +19,7 @@ class RealTerminal : public TerminalIo {
   TerminalSize size() const override;
   Input read(int waitMs) override;
   bool pending() override;
+  bool hurried() override { return hurried_; }
   void write(std::string_view bytes) override;
   void print(std::string_view text) override;
   void takeRaw() override;
@@ -24,10 +28,16 @@ class RealTerminal : public TerminalIo {
 
  private:
   bool waitForInput(int waitMs, Input& other);
+  static TerminalSize askSize();
 
   termios saved_{};
   bool raw_ = false;
   bool inputEnded_ = false;
+  std::chrono::steady_clock::time_point lastByteAt_{};
+  bool hurried_ = false;
+  mutable std::mutex sizeMutex_;
+  mutable TerminalSize size_;  ///< as it was after sizeAfter_ changes of the window
+  mutable std::optional<unsigned> sizeAfter_;
   std::atomic<bool> outputEnded_{false};  ///< notices are written on another thread
 };
 

@@ -23,7 +23,17 @@ LinePlan plan(const Content& content, int cols) {
   LinePlan out;
   builder.put(content.prompt, content.promptColour);
   const std::string_view line = content.line;
+  builder.expect(content.prompt.size() + line.size());
+  out.offsets.reserve(line.size() + 1);
+  out.places.reserve(line.size() + 1);
   for (const Character& character : characters(line)) {
+    if (character.length == 1 && !character.shownAsEscape) {
+      Glyph glyph{std::string(1, line[character.offset]), 1};
+      out.offsets.push_back(character.offset);
+      out.places.push_back(builder.placeFor(glyph));
+      builder.put(std::move(glyph), 0);
+      continue;
+    }
     const std::vector<Glyph> drawn =
         glyphs(line.substr(character.offset, character.length), character.shownAsEscape);
     out.offsets.push_back(character.offset);
@@ -63,6 +73,10 @@ void appendList(const Content& content, std::size_t lineRows, TerminalSize size,
 
 }  // namespace
 
+void RowBuilder::expect(std::size_t cells) {
+  rows_.back().cells.reserve(std::min(cells, static_cast<std::size_t>(cols_)));
+}
+
 void RowBuilder::wrapIfFull() {
   if (rows_.back().width >= cols_) {
     newRow();
@@ -76,10 +90,11 @@ RowBuilder::Place RowBuilder::placeFor(const Glyph& glyph) {
   return place();
 }
 
-void RowBuilder::put(const Glyph& glyph, std::uint32_t attribute) {
+void RowBuilder::put(Glyph glyph, std::uint32_t attribute) {
   placeFor(glyph);
-  rows_.back().cells.push_back({glyph.text, glyph.width, attribute});
-  rows_.back().width += glyph.width;
+  Row& row = rows_.back();
+  row.width += glyph.width;
+  row.cells.push_back({std::move(glyph.text), glyph.width, attribute});
 }
 
 void RowBuilder::put(std::string_view text, std::uint32_t attribute) {
@@ -112,7 +127,11 @@ Screen layout(const Content& content, const std::vector<Row>& above, TerminalSiz
   screen.rowsAbove = std::min(cursorRow, total > windowRows ? total - windowRows : 0);
   const std::size_t end = std::min(total, screen.rowsAbove + windowRows);
   for (std::size_t i = screen.rowsAbove; i < end; ++i) {
-    screen.rows.push_back(i < above.size() ? above[i] : std::move(below[i - above.size()]));
+    if (i < above.size()) {
+      screen.rows.push_back(above[i]);
+    } else {
+      screen.rows.push_back(std::move(below[i - above.size()]));
+    }
   }
   screen.cursorRow = static_cast<int>(cursorRow - screen.rowsAbove);
   screen.cursorCol = cursor.col;

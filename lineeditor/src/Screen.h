@@ -58,8 +58,9 @@ class RowBuilder {
   explicit RowBuilder(int cols) : cols_(cols), rows_(1) {}
 
   Place place() const { return {static_cast<int>(rows_.size()) - 1, rows_.back().width}; }
-  void put(const Glyph& glyph, std::uint32_t attribute);
+  void put(Glyph glyph, std::uint32_t attribute);
   void put(std::string_view text, std::uint32_t attribute);
+  void expect(std::size_t cells);  ///< at most so many will come on this row
   void newRow() { rows_.emplace_back(); }
   void wrapIfFull();                   ///< goes to the next row when nothing more fits on this one
   Place placeFor(const Glyph& glyph);  ///< where it will stand; goes to the next row when it does not fit

@@ -15,6 +15,7 @@ namespace {
 
 std::atomic<bool> endFlag{false};
 std::atomic<bool> resizedFlag{false};
+std::atomic<unsigned> resizeCount{0};
 std::atomic<bool> continuedFlag{false};
 std::atomic<int> wakeRead{-1};
 std::atomic<int> wakeWrite{-1};
@@ -38,6 +39,7 @@ void onEnd(int /*signal*/) {
 }
 
 void onResize(int /*signal*/) {
+  resizeCount.fetch_add(1);
   resizedFlag.store(true);
   wake();
 }
@@ -109,6 +111,10 @@ void drainWake() {
   char bytes[64];
   while (read(wakeRead.load(), bytes, sizeof bytes) > 0) {
   }
+}
+
+unsigned resizes() {
+  return resizeCount.load();
 }
 
 bool takeResized() {

@@ -35,6 +35,8 @@ class TerminalIo {
   /// One byte. waitMs: milliseconds, kForever, or 0 for what lies there already.
   virtual Input read(int waitMs) = 0;
   virtual bool pending() = 0;  ///< a byte lies there
+  /// The last byte came faster than fingers type.
+  virtual bool hurried() { return true; }
   virtual void write(
       std::string_view bytes) = 0;  ///< what was printed before, then these, at once; any thread
   virtual void print(std::string_view text) = 0;  ///< to standard output with its own buffering; any thread
