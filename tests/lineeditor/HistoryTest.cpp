@@ -97,7 +97,7 @@ TEST_F(History, LoadedLinesAreNotCheckedForDuplicates) {
 }
 
 TEST_F(History, ADamagedFileIsLoadedAsFarAsItGoes) {
-  const std::string path = dir_.write("h", std::string("a\0b\nc\x1b[2J\xff\n\0\nlast", 19));
+  const std::string path = dir_.write("h", std::string("a\0b\nc\x1b[2J\xff\n\0\nlast", 17));
   EXPECT_EQ(historyLoad(path.c_str()), 0);
   EXPECT_EQ(historyCount, 3U);
   EXPECT_EQ(listed(false, nullptr), "a\nc\\x1b[2J\\xff\nlast\n") << "nothing raw reaches the terminal";
