@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <filesystem>
+
 #include "platform/Files.h"
 #include "platform/Text.h"
 
@@ -32,13 +34,18 @@ std::string ClientLibrary::load(const std::string& path) {
   if (handle_ != nullptr) {
     return "the bus library is loaded already";
   }
-  // A file that is not there is dlopen's to report; everything that is there is checked before it runs.
-  if (CFileInfo(path).exists()) {
-    if (std::string why = CDir::whyUnsafe(path); !why.empty()) {
-      return "the bus library is not loaded: " + why;
-    }
+  // What is checked is what is loaded: by then a link on the way could lead elsewhere.
+  std::error_code error;
+  const std::string resolved = std::filesystem::canonical(path, error).string();
+  if (error) {
+    // dlopen's words without dlopen: by then the file could be there.
+    return platform::visibleText("dlopen failed: " + path +
+                                 ": cannot open shared object file: " + error.message() + ".");
   }
-  handle_ = dlopen(path.c_str(), RTLD_LAZY);
+  if (std::string why = CDir::whyUnsafe(resolved); !why.empty()) {
+    return "the bus library is not loaded: " + why;
+  }
+  handle_ = dlopen(resolved.c_str(), RTLD_LAZY);
   return handle_ != nullptr ? std::string() : failure("dlopen");
 }
 

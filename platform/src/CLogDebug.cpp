@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 
@@ -44,16 +45,30 @@ spdlog::file_event_handlers privateFile() {
   return handlers;
 }
 
+/// The log's folder, made when it is missing, links resolved. Empty when somebody else could put a link where
+/// the file goes: the log would be written, and made private, wherever that leads. A sticky folder keeps
+/// nobody from that.
+std::string safeFolder(const std::string& path) {
+  const std::string folder = utils::FormatDir(path, false);
+  CDir::make(folder, 0755);
+  std::error_code error;
+  std::string resolved = std::filesystem::canonical(folder, error).string();
+  struct stat st {};
+  const bool safe = !error && CDir::whyUnsafe(resolved).empty() && stat(resolved.c_str(), &st) == 0 &&
+                    (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return safe ? resolved : "";
+}
+
 void openLog(State& s) {
   s.tried = true;
   s.logger.reset();
-  if (s.path.empty()) {
-    return;
-  }
   try {
-    CDir::make(utils::FormatDir(s.path, false), 0755);
+    const std::string folder = s.path.empty() ? "" : safeFolder(s.path);
+    if (folder.empty()) {
+      return;
+    }
     auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(
-        utils::FormatDir(s.path, true) + s.name + ".log", s.sizeBytes, s.backups, false, privateFile());
+        folder + "/" + s.name + ".log", s.sizeBytes, s.backups, false, privateFile());
     s.logger = std::make_shared<spdlog::logger>(s.name, std::move(sink));
     s.logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %P %t %v");
     s.logger->set_level(spdlog::level::trace);

@@ -8,6 +8,7 @@
 #include "bin/LogSetup.h"
 #include "jsonrpchelper/Holders.h"
 #include "platform/CLogDebug.h"
+#include "platform/Files.h"
 #include "platform/Text.h"
 
 namespace {
@@ -15,12 +16,6 @@ namespace {
 constexpr int kErrorLevel = 4;
 constexpr std::uint32_t kConnectTimeoutSec = 10;
 constexpr std::uint32_t kProbeTimeoutSec = 1;
-
-std::string numbered(const std::string& text, std::uint32_t error) {
-  char number[24];
-  std::snprintf(number, sizeof number, " (error 0x%x)", error);
-  return text + number;
-}
 
 /// A step of `init` or `start` has failed.
 bool fail(const char* function, int line, const char* text) {
@@ -72,13 +67,18 @@ bool CContainerMgr::initLunet() {
   if (const std::string why = library_.createClient(); !why.empty()) {
     return explain("initLunet", __LINE__, why);
   }
+  // It says where the bus lies and who may join: whoever can write it decides that.
+  if (const std::string why = CDir::whyUnsafe(config_.busConfigFile); !why.empty()) {
+    return explain("initLunet", __LINE__, "the bus configuration is not used: " + why);
+  }
   const std::optional<std::string> busConfig = tavcli::readBusConfig(config_);
   if (!busConfig) {
     return explain("initLunet", __LINE__, "no JSON object can be read from " + config_.busConfigFile);
   }
   if (const std::uint32_t error = library_.client()->Init(busConfig->c_str(), config_.uuid.c_str());
       error != 0) {
-    return explain("initLunet", __LINE__, numbered("the bus library refuses its configuration", error));
+    return explain("initLunet", __LINE__,
+                   "the bus library refuses its configuration: " + lunet::describeError(error));
   }
   library_.client()->SetLogCallback(tavcli::lunetLogCallback);
   return true;
@@ -107,7 +107,8 @@ bool CContainerMgr::createConEndpoint() {
     return false;
   }
   if (const std::uint32_t error = endpoint_->Open(lunet::parseGuid(config_.guid.c_str())); error != 0) {
-    return explain("createConEndpoint", __LINE__, numbered("the bus gives this console no address", error));
+    return explain("createConEndpoint", __LINE__,
+                   "the bus gives this console no address: " + lunet::describeError(error));
   }
   jsonrpchelper::setEndpoint(endpoint_);
   return true;

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "platform/Files.h"
+#include "platform/Text.h"
 
 namespace tavcli {
 
@@ -20,7 +21,9 @@ std::string resolve() {
   if (current && CDir::setCurrent(*current)) {
     directory = *current + "/../";
   } else {
-    std::printf("failed chdir to %s, %s", current.value_or("").c_str(), std::strerror(errno));
+    const int error = errno;
+    std::printf("failed chdir to %s, %s", platform::visibleText(current.value_or("")).c_str(),
+                std::strerror(error));
   }
   return utils::FormatDir(directory, true);
 }

@@ -66,7 +66,8 @@ bool initCLog() {
 bool initLog(const ContainerConfig& config) {
   Json::Value file;
   if (!loadDebugConfig(config.debugConfigFile, file)) {
-    std::printf("No valid logdebug configuration file %s\n", config.debugConfigFile.c_str());
+    std::printf("No valid logdebug configuration file %s\n",
+                platform::visibleText(config.debugConfigFile).c_str());
     return false;
   }
   const DebugLogSettings settings = readDebugLogSettings(file);
@@ -79,7 +80,8 @@ bool initLog(const ContainerConfig& config) {
   log->SetProperty(CLogDebug::kBackupCount, std::to_string(settings.backupCount));
   log->SetProperty(CLogDebug::kLevel, std::to_string(settings.level));
   std::printf("=====initLog=====\nloglevel:%d\nlogSize:%d\nlogName:%s\nlogPath:%s\nlogBackupMaxNum:%d\n",
-              settings.level, settings.sizeBytes, name.c_str(), path.c_str(), settings.backupCount);
+              settings.level, settings.sizeBytes, name.c_str(), platform::visibleText(path).c_str(),
+              settings.backupCount);
   return true;
 }
 

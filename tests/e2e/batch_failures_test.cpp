@@ -225,6 +225,7 @@ TEST_F(AttendedFailure, ATreeThatOthersCanWriteIsNotUsed) {
   EXPECT_TRUE(out_.ends_with("initLunet failed\ninit afx failed\n")) << out_;
   EXPECT_NE(err_.find(tree_.path()), std::string::npos) << err_;
   EXPECT_FALSE(std::filesystem::exists(tree_.at("run"))) << "nothing is made in such a tree";
+  EXPECT_EQ(tree_.debugLog(), "") << "and nothing written: links in it could lead anywhere";
 }
 
 TEST_F(AttendedFailure, AMissingDebugConfigurationPrintsInitLogFailedAndExits255) {

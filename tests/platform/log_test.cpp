@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <thread>
 #include <vector>
@@ -73,6 +76,43 @@ TEST_F(DebugLog, AFolderThatCannotBeWrittenCostsTheLogOnly) {
   configure(dir_.at("file/below"));
   CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
   EXPECT_NE(CLogDebug::Instance(), nullptr);
+}
+
+/// A folder as somebody else leaves it, with a link where the log goes.
+class PlantedLink : public DebugLog, public testing::WithParamInterface<mode_t> {};
+
+TEST_P(PlantedLink, InAFolderThatOthersCanWriteIsNotFollowed) {
+  const std::string victim = dir_.write("victim", "as it was");
+  ASSERT_EQ(chmod(victim.c_str(), 0644), 0);
+  ASSERT_TRUE(std::filesystem::create_directory(dir_.at("open")));
+  std::filesystem::create_symlink(victim, dir_.at("open/unit.log"));
+  ASSERT_EQ(chmod(dir_.at("open").c_str(), GetParam()), 0);
+  std::filesystem::create_directory_symlink(dir_.at("open"), dir_.at("link"));
+  for (const char* folder : {"open", "link"}) {
+    configure(dir_.at(folder));
+    CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+    CLogDebug::Close();
+    EXPECT_EQ(readFile(victim), "as it was") << folder;
+    struct stat st {};
+    ASSERT_EQ(stat(victim.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644u) << folder;
+  }
+}
+INSTANTIATE_TEST_SUITE_P(Modes, PlantedLink, testing::Values(0777, 0775, 01777), [](const auto& row) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04o", row.param);
+  return std::string("Mode") + text;
+});
+
+TEST_F(DebugLog, AFolderOfAnotherUserCostsTheLogOnly) {
+  if (geteuid() != 0) {
+    return;  // needs a second user
+  }
+  ASSERT_TRUE(std::filesystem::create_directory(dir_.at("theirs")));
+  ASSERT_EQ(chown(dir_.at("theirs").c_str(), 54321, 54321), 0);
+  configure(dir_.at("theirs"));
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.at("theirs")));
 }
 
 TEST_F(DebugLog, ThereIsNoInstanceAfterClose) {

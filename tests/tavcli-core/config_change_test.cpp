@@ -19,6 +19,7 @@ struct Change {
   const char* line;
   int configType;
   const char* text;
+  const char* name = nullptr;  ///< what the line proves; null: the line names itself
 };
 
 void PrintTo(const Change& change, std::ostream* out) {
@@ -99,35 +100,46 @@ const Change kLines[] = {
 };
 
 const Change kMoreLines[] = {
-    {"CONFIG MODIFY SCAN", 0, R"({"Common":null})"},
-    {"CONFIG MODIFY COMPRESS_SCAN", 0, R"({"Compressed":null})"},
-    {"CONFIG MODIFY WATCHER", 1, R"({"Common":null})"},
-    {"CONFIG MODIFY COMPRESS_WATCHER", 1, R"({"Compressed":null})"},
-    {"CONFIG MODIFY ENGINE", 4, R"({"MultiEngines":null})"},
-    {"CONFIG MODIFY ENGINE IXO", 4, R"({"MultiEngines":null})"},
-    {"CONFIG MODIFY COMMON", kNothingSent, ""},
-    {"CONFIG MODIFY COMMON RESMONITOR MEM 4096", kNothingSent, ""},
+    {"CONFIG MODIFY SCAN", 0, R"({"Common":null})", "ScanAloneSendsNull"},
+    {"CONFIG MODIFY COMPRESS_SCAN", 0, R"({"Compressed":null})", "CompressScanAloneSendsNull"},
+    {"CONFIG MODIFY WATCHER", 1, R"({"Common":null})", "WatcherAloneSendsNull"},
+    {"CONFIG MODIFY COMPRESS_WATCHER", 1, R"({"Compressed":null})", "CompressWatcherAloneSendsNull"},
+    {"CONFIG MODIFY ENGINE", 4, R"({"MultiEngines":null})", "EngineAloneSendsNull"},
+    {"CONFIG MODIFY ENGINE IXO", 4, R"({"MultiEngines":null})", "AnEngineWithoutASwitchSendsNull"},
+    {"CONFIG MODIFY COMMON", kNothingSent, "", "CommonAloneSendsNothing"},
+    {"CONFIG MODIFY COMMON RESMONITOR MEM 4096", kNothingSent, "", "ResourceLimitsAreNeverSent"},
     {"CONFIG MODIFY SCAN INFECTION ON SCANCACHE OFF", 0,
-     R"({"Common":{"AntiInfection":true,"ScanWithCache":false}})"},
+     R"({"Common":{"AntiInfection":true,"ScanWithCache":false}})", "TwoOptionsGoInOneChange"},
     {"CONFIG MODIFY SCAN SCANCACHE OFF INFECTION ON", 0,
-     R"({"Common":{"AntiInfection":true,"ScanWithCache":false}})"},
-    {"config modify scan parallelism count 100 skipsize size 12abc handling upload", 0,
-     R"({"Common":{"FixMethod":2,"Parallelism":100,"SkipSize":12}})"},
-    {"CONFIG MODIFY SCAN PARALLELISM COUNT -5", 0, R"({"Common":{"Parallelism":-5}})"},
-    {"CONFIG MODIFY SCAN PARALLELISM COUNT many", 0, R"({"Common":{"Parallelism":0}})"},
-    {"CONFIG MODIFY SCAN INFECTION ON LIVESCANNIING", 0, R"({"Common":{"AntiInfection":true}})"},
-    {"CONFIG MODIFY SCAN INFECTION ON INFECTION OFF", 0, R"({"Common":{"AntiInfection":true}})"},
-    {"CONFIG MODIFY SCAN INFECTION ON BOGUS", 0, R"({"Common":{"AntiInfection":true}})"},
+     R"({"Common":{"AntiInfection":true,"ScanWithCache":false}})", "TheOrderOfOptionsDoesNotMatter"},
+    {"config modify scan parallelism count 8 skipsize size 12 handling upload", 0,
+     R"({"Common":{"FixMethod":2,"Parallelism":8,"SkipSize":12}})", "LetterCaseDoesNotMatter"},
+    {"CONFIG MODIFY SCAN PARALLELISM COUNT 100", 0, R"({"Common":{"Parallelism":100}})",
+     "ANumberOutsideTheRangeOfItsHintIsSent"},
+    {"CONFIG MODIFY SCAN PARALLELISM COUNT -5", 0, R"({"Common":{"Parallelism":-5}})",
+     "ANegativeNumberIsSent"},
+    {"CONFIG MODIFY SCAN SKIPSIZE SIZE 12abc", 0, R"({"Common":{"SkipSize":12}})",
+     "ANumberWithTrailingLettersIsSentAsItsLeadingDigits"},
+    {"CONFIG MODIFY SCAN PARALLELISM COUNT many", 0, R"({"Common":{"Parallelism":0}})",
+     "ANumberWithoutALeadingDigitIsSentAsZero"},
+    {"CONFIG MODIFY SCAN INFECTION ON LIVESCANNIING", 0, R"({"Common":{"AntiInfection":true}})",
+     "AnOptionWhoseChoicesAreSatisfiedByNameIsNotMissed"},
+    {"CONFIG MODIFY SCAN INFECTION ON INFECTION OFF", 0, R"({"Common":{"AntiInfection":true}})",
+     "AnOptionCountsOnceALine"},
+    {"CONFIG MODIFY SCAN INFECTION ON BOGUS", 0, R"({"Common":{"AntiInfection":true}})",
+     "AnUnknownWordIsPassedOver"},
     {"CONFIG MODIFY COMPRESS_SCAN LAYERACTIVE ON LAYER DATA 3 SIZE DATA 100", 0,
-     R"({"Compressed":{"FileSize":100,"Flag":true,"Layer":3}})"},
+     R"({"Compressed":{"FileSize":100,"Flag":true,"Layer":3}})", "ThreeOptionsGoInOneChange"},
     {"CONFIG MODIFY ENGINE IXO SCAN ON RP OFF", 4,
-     R"({"MultiEngines":{"IXOengine":true,"IXOengineRP":false}})"},
+     R"({"MultiEngines":{"IXOengine":true,"IXOengineRP":false}})", "BothSwitchesOfAnEngineGoInOneChange"},
     {"CONFIG MODIFY ENGINE IXO SCAN ON RP OFF UMB SCAN ON", 4,
-     R"({"MultiEngines":{"IXOengine":true,"IXOengineRP":false,"UMBengine":true}})"},
-    // The walk does not leave an engine after one of its two switches.
-    {"CONFIG MODIFY ENGINE IXO SCAN ON UMB SCAN OFF", 4, R"({"MultiEngines":{"IXOengine":true}})"},
+     R"({"MultiEngines":{"IXOengine":true,"IXOengineRP":false,"UMBengine":true}})",
+     "BehindBothSwitchesOfAnEngineAnotherMayFollow"},
+    {"CONFIG MODIFY ENGINE IXO SCAN ON UMB SCAN OFF", 4, R"({"MultiEngines":{"IXOengine":true}})",
+     "TheWalkDoesNotLeaveAnEngineAfterOneOfItsTwoSwitches"},
     {"CONFIG MODIFY ENGINE CLOUD ON HC SCAN OFF", 4,
-     R"({"Cloud":{"Type":0},"MultiEngines":{"CloudEngine":true,"CloudEngineRP":true,"HCengine":false}})"},
+     R"({"Cloud":{"Type":0},"MultiEngines":{"CloudEngine":true,"CloudEngineRP":true,"HCengine":false}})",
+     "BehindTheCloudAnEngineMayFollow"},
 };
 
 class ConfigChangeLine : public AgentCommand, public testing::WithParamInterface<Change> {
@@ -163,7 +175,7 @@ TEST_P(ConfigChangeLine, SendsExactlyThis) {
 INSTANTIATE_TEST_SUITE_P(EndNodes, ConfigChangeLine, testing::ValuesIn(kLines),
                          [](const auto& row) { return testsupport::testNameOf(row.param.line); });
 INSTANTIATE_TEST_SUITE_P(Lines, ConfigChangeLine, testing::ValuesIn(kMoreLines),
-                         [](const auto& row) { return "Line" + std::to_string(row.index); });
+                         [](const auto& row) { return row.param.name; });
 
 TEST_F(ConfigChange, ConfigAloneAndModifyAloneAreRefusedAndSendNothing) {
   EXPECT_EQ(executeLine("CONFIG").printed,
@@ -236,6 +248,16 @@ TEST_F(ConfigChange, AnAgentThatIsSilentOrDiesPrintsNothing) {
   agent_.dieAt("setAVConfig");
   EXPECT_EQ(executeLine("CONFIG MODIFY SCAN INFECTION ON").printed, "");
   EXPECT_EQ(executeLine("CONFIG MODIFY SCAN INFECTION ON").result, 0);
+}
+
+TEST_F(ConfigChange, ScanAndCompressScanDifferInTheWrappingNameOnly) {
+  executeLine("CONFIG MODIFY SCAN SKIPSIZE SIZE 1");
+  executeLine("CONFIG MODIFY COMPRESS_SCAN LAYER DATA 1");
+  const auto calls = agent_.calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].params["config_type"], calls[1].params["config_type"]);
+  EXPECT_THAT(calls[0].params["config_str"].asString(), StartsWith(R"({"Common":)"));
+  EXPECT_THAT(calls[1].params["config_str"].asString(), StartsWith(R"({"Compressed":)"));
 }
 
 TEST_F(ConfigChange, TheCommonChangeReportsSuccessWithoutTraffic) {

@@ -210,6 +210,13 @@ TEST_F(ContainerManager, DoesNotLoadALibraryThatOthersCanWrite) {
   EXPECT_THAT(tree_.debugLog(), HasSubstr(tree_.busLibrary()));
 }
 
+TEST_F(ContainerManager, DoesNotUseABusConfigurationThatOthersCanWrite) {
+  std::filesystem::permissions(config_.busConfigFile, std::filesystem::perms(0646));
+  EXPECT_FALSE(init());
+  EXPECT_THAT(out_, EndsWith("\ninitLunet failed\n"));
+  EXPECT_THAT(err_, HasSubstr("the bus configuration is not used: " + config_.busConfigFile));
+}
+
 TEST_F(ContainerManager, WithoutAGuidFails) {
   config_.guid.clear();
   EXPECT_FALSE(init());

@@ -3,8 +3,8 @@
 #include <string>
 
 /// The program's debug log: levels 1 (most verbose) to 4 (error), one file that is rotated by size. Set up by
-/// properties; the file is opened by the first record behind them. A folder that cannot be written costs the
-/// log and nothing else. Control characters in a record are made visible. Any thread.
+/// properties; the file is opened by the first record behind them. A folder that cannot be written, or
+/// that others can write, costs the log and nothing else. Control characters are made visible. Any thread.
 class CLogDebug {
  public:
   enum Property { kName = 1, kPath = 2, kLevel = 4, kSize = 8, kBackupCount = 16 };

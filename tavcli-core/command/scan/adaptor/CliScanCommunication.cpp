@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr int kSource = 1;
+constexpr const char* kSource = "command/scan/adaptor/CliScanCommunication";
+constexpr int kFromConsole = 1;
 constexpr int kConfigTypeCommon = 0;
 constexpr int kReportOnly = 1;
 constexpr int kAutomatic = 2;
@@ -24,10 +25,10 @@ constexpr unsigned kModeCustom = 2;
 constexpr int kBusTypeScan = 0;
 
 // The line numbers that the debug log shows are fixed: a record of one release can be looked up in the next.
-constexpr command::RequestPlace kGetScanConfig{__FILE__, "get_scanconfig", 56};
-constexpr command::RequestPlace kStartScan{__FILE__, "action_startscan", 133};
-constexpr command::RequestPlace kShowScan{__FILE__, "action_showscan", 162};
-constexpr command::RequestPlace kCtlScan{__FILE__, "action_ctlscan", 200};
+constexpr command::RequestPlace kGetScanConfig{kSource, "get_scanconfig", 56};
+constexpr command::RequestPlace kStartScan{kSource, "action_startscan", 133};
+constexpr command::RequestPlace kShowScan{kSource, "action_showscan", 162};
+constexpr command::RequestPlace kCtlScan{kSource, "action_ctlscan", 200};
 
 /// Row: mode. Columns: strong scan off, on.
 constexpr int kScanTypes[][2] = {{0, 3}, {1, 4}, {2, 5}};
@@ -70,7 +71,7 @@ int CliScanCommunication::scanType(unsigned mode, unsigned special) {
 int CliScanCommunication::get_scanconfig(int& handle) {
   return command::askAgent(kGetScanConfig, 1, [&handle](jsonrpchelper::AgentStub& agent) {
     Json::Value settings;
-    if (!CppJson::LoadJsonString(agent.getAVConfig(kConfigTypeCommon, kSource), settings)) {
+    if (!CppJson::LoadJsonString(agent.getAVConfig(kConfigTypeCommon, kFromConsole), settings)) {
       return 0;
     }
     const Json::Value* common = CppJson::findMember(settings, "Common");
@@ -104,7 +105,7 @@ int CliScanCommunication::action_startscan(unsigned handle, unsigned mode,
     if (!params.ToValue(request)) {
       return 0;
     }
-    const Json::Value answer = agent.startScanTask(Json::Value(), "", request, kSource, "");
+    const Json::Value answer = agent.startScanTask(Json::Value(), "", request, kFromConsole, "");
     return CppJson::readBool(answer, "status", false) ? 1 : 0;
   });
 }
@@ -130,7 +131,7 @@ int CliScanCommunication::action_ctlscan(const std::string& token_id, unsigned a
     if (!control) {
       return 0;
     }
-    agent.ctlBus(control->action, control->detail, control->mark, Json::Value(), kSource, token_id);
+    agent.ctlBus(control->action, control->detail, control->mark, Json::Value(), kFromConsole, token_id);
     return 1;
   });
 }
