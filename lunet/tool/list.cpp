@@ -41,6 +41,10 @@ ucred listenerAt(const std::string& path) {
   return listener;
 }
 
+std::string socketPath(const std::string& folder, const std::string& address) {
+  return folder + "/" + address + kSocketSuffix;
+}
+
 std::string userName(uid_t uid) {
   const passwd* entry = getpwuid(uid);
   return entry != nullptr ? platform::visibleText(entry->pw_name) : std::to_string(uid);
@@ -70,7 +74,7 @@ std::set<std::string> addressesIn(const std::string& folder) {
 void listEndpoints(const std::string& runtime) {
   const std::string folder = lunet::socketDirectory(runtime, readConfig(runtime));
   for (const std::string& address : addressesIn(folder)) {
-    const ucred listener = listenerAt(folder + "/" + address + kSocketSuffix);
+    const ucred listener = listenerAt(socketPath(folder, address));
     if (listener.pid != 0) {
       std::printf("%s  %d  %s\n", address.c_str(), listener.pid, userName(listener.uid).c_str());
     }

@@ -120,6 +120,19 @@ TEST_F(LossTest, WhatAnEndedSenderHadSentIsStillDelivered) {
   EXPECT_EQ(server.messages()[99].peer, guid);
 }
 
+TEST_F(LossTest, WhatIsQueuedWhenTheSenderClosesStillGoesOut) {
+  constexpr std::size_t kCount = 8;
+  const std::string large(1 << 20, 'q');  // more than the socket takes: most of it waits in the sender
+  Endpoint server(client, address);
+  {
+    Endpoint sender(client, newGuid());
+    for (std::size_t i = 0; i < kCount; ++i) {
+      ASSERT_EQ(sender.send(address, large), lunet::kOk);
+    }
+  }
+  EXPECT_TRUE(server.waitForCount(kCount));
+}
+
 TEST_F(LossTest, CloseWhileCallsAreUnderWayEndsThemWithNotOpen) {
   Gate gate;
   Endpoint server(client, address, [&](Endpoint&, const Message&) { gate.wait(); });
