@@ -11,13 +11,6 @@
 
 namespace agent::store {
 
-void UniqueFd::reset(int fd) {
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
-  fd_ = fd;
-}
-
 std::string errnoText(int error) {
   return std::generic_category().message(error);
 }

@@ -5,33 +5,13 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
+
+#include "platform/Descriptor.h"
 
 /// Small things of the system interface that the whole store uses.
 namespace agent::store {
 
-/// Owns one descriptor.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset(std::exchange(other.fd_, -1));
-    }
-    return *this;
-  }
-  ~UniqueFd() { reset(); }
-
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  int release() { return std::exchange(fd_, -1); }
-  void reset(int fd = -1);
-
- private:
-  int fd_ = -1;
-};
+using UniqueFd = platform::Descriptor;
 
 /// The text of an errno value.
 std::string errnoText(int error);

@@ -9,7 +9,8 @@ namespace platform {
 /// Owns a file descriptor.
 class Descriptor {
  public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
   ~Descriptor() { reset(); }
   Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
@@ -25,14 +26,15 @@ class Descriptor {
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
   int release() { return std::exchange(fd_, -1); }
-  void reset() {
+  void reset(int fd = -1) {
     if (fd_ >= 0) {
-      ::close(std::exchange(fd_, -1));
+      ::close(fd_);
     }
+    fd_ = fd;
   }
 
  private:
-  int fd_;
+  int fd_ = -1;
 };
 
 }  // namespace platform
