@@ -7,7 +7,6 @@
 // neither; all are restored and must be what they were: content (SHA-256), owner, mode and times. Ends with 0
 // when all rounds went well. Needs no other program.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <random>
@@ -26,67 +24,24 @@
 #include <thread>
 #include <vector>
 
+#include "agent/RoundsParts.h"
 #include "json/CppJson.h"
-#include "store/Digest.h"
-#include "store/Posix.h"
 #include "store/Store.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using namespace agent;
+using rounds::Original;
 
 struct Options {
-  unsigned rounds = 3, files = 40, threads = 2;
+  unsigned long rounds = 3, files = 40, threads = 2;
   unsigned long seed = std::random_device()();
   std::string folder;  ///< of the state and the files; empty: a private one
 };
 
-/// What must be the same after each round.
-struct Original {
-  std::string path, sha256;
-  mode_t mode = 0;
-  uid_t uid = 0;
-  std::int64_t modifyNs = 0;
-  friend bool operator==(const Original&, const Original&) = default;
-};
-
-Original look(const std::string& path) {
-  Original file;
-  file.path = path;
-  struct stat st {};
-  if (::lstat(path.c_str(), &st) == 0) {
-    const std::string content = testsupport::readFile(path);
-    store::Digest digest(store::Digest::Kind::kSha256);
-    digest.add(content.data(), content.size());
-    file.sha256 = digest.hex();
-    file.mode = st.st_mode;
-    file.uid = st.st_uid;
-    file.modifyNs = FileIdentity::of(st).modifyTimeNs;
-  }
-  return file;
-}
-
-std::vector<Original> makeFiles(const std::string& folder, unsigned count, std::mt19937_64& random) {
-  std::vector<Original> originals;
-  for (unsigned i = 0; i < count; ++i) {
-    const std::string place = folder + "/d" + std::to_string(i % 7);
-    std::filesystem::create_directories(place);
-    const std::string path = place + "/file" + std::to_string(i);
-    std::string content(random() % 60'000, '\0');
-    std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random()); });
-    const store::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    if (!fd || store::writeAll(fd.get(), content) != 0 || ::fchmod(fd.get(), i % 2 == 0 ? 0755 : 0640) != 0) {
-      std::perror(path.c_str());
-      std::exit(2);
-    }
-    originals.push_back(look(path));
-  }
-  return originals;
-}
-
 /// The killed one's work: all files, by several threads, over and over until it is killed or done.
-void quarantineAll(const std::string& state, const std::vector<Original>& originals, unsigned threads) {
+void quarantineAll(const std::string& state, const std::vector<Original>& originals, unsigned long threads) {
   const auto store = Store::open(state);
   std::atomic<std::size_t> next{0};
   const auto work = [&] {
@@ -103,7 +58,7 @@ void quarantineAll(const std::string& state, const std::vector<Original>& origin
     }
   };
   std::vector<std::thread> workers;
-  for (unsigned i = 0; i < threads; ++i) {
+  for (unsigned long i = 0; i < threads; ++i) {
     workers.emplace_back(work);
   }
   for (std::thread& worker : workers) {
@@ -112,7 +67,7 @@ void quarantineAll(const std::string& state, const std::vector<Original>& origin
 }
 
 /// Starts what quarantines the files, and is to be killed.
-pid_t startInChild(const std::string& state, const std::vector<Original>& originals, unsigned threads) {
+pid_t startInChild(const std::string& state, const std::vector<Original>& originals, unsigned long threads) {
   const pid_t child = ::fork();
   if (child == 0) {
     quarantineAll(state, originals, threads);
@@ -127,23 +82,24 @@ class Rounds {
       : options_(options),
         random_(options.seed),
         state_(folder + "/state"),
-        originals_(makeFiles(folder + "/files", options.files, random_)) {}
+        originals_(folder + "/files", options.files,
+                   [this](std::size_t) { return rounds::randomBytes(random_() % 60'000, random_); }) {}
 
   int run() {
     measureWholeRun();
-    for (unsigned round = 1; round <= options_.rounds; ++round) {
-      const pid_t child = startInChild(state_, originals_, options_.threads);
+    for (unsigned long round = 1; round <= options_.rounds; ++round) {
+      const pid_t child = startInChild(state_, originals_.all(), options_.threads);
       const bool killed = killAtRandomMoment(child);
       const std::size_t quarantined = settleAndCount();
       restoreAll();
       checkAll();
-      std::printf("round %u: %s, %zu in quarantine, %zu in place%s\n", round, killed ? "killed" : "ended",
+      std::printf("round %lu: %s, %zu in quarantine, %zu in place%s\n", round, killed ? "killed" : "ended",
                   quarantined, originals_.size() - quarantined, failures_ == 0 ? "" : ", FAILED");
       if (failures_ > 0) {
         return 1;
       }
     }
-    std::printf("%u rounds, %zu files: nothing lost; killed while at work in %u\n", options_.rounds,
+    std::printf("%lu rounds, %zu files: nothing lost; killed while at work in %u\n", options_.rounds,
                 originals_.size(), killedAtWork_);
     return 0;
   }
@@ -153,7 +109,7 @@ class Rounds {
   void measureWholeRun() {
     const auto start = std::chrono::steady_clock::now();
     int status = 0;
-    ::waitpid(startInChild(state_, originals_, options_.threads), &status, 0);
+    ::waitpid(startInChild(state_, originals_.all(), options_.threads), &status, 0);
     wholeRun_ = since(start);
     const std::size_t quarantined = settleAndCount();
     if (quarantined != originals_.size()) {
@@ -187,13 +143,7 @@ class Rounds {
     for (const Json::Value& item : store_->quarantine().list(std::nullopt)) {
       quarantined.insert(json::decodePath(item["filepath_src"].asString()));
     }
-    for (const Original& original : originals_) {
-      const std::size_t places =
-          quarantined.count(original.path) + (std::filesystem::exists(original.path) ? 1U : 0U);
-      if (places != 1) {
-        fail(original.path, "is in " + std::to_string(places) + " places");
-      }
-    }
+    originals_.count(quarantined, fail_);
     return quarantined.size();
   }
 
@@ -211,21 +161,9 @@ class Rounds {
   }
 
   void checkAll() {
-    for (const Original& original : originals_) {
-      if (!(look(original.path) == original)) {
-        fail(original.path, "is not what it was");
-      }
-    }
+    originals_.checkAll(fail_);
     for (const auto& entry : std::filesystem::directory_iterator(state_ + "/quarantine")) {
       fail(entry.path(), "is left over");
-    }
-    std::size_t found = 0;
-    const auto folder = std::filesystem::path(originals_.front().path).parent_path().parent_path();
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-      found += entry.is_directory() ? 0U : 1U;
-    }
-    if (found != originals_.size()) {
-      fail(folder, "holds " + std::to_string(found) + " files, not " + std::to_string(originals_.size()));
     }
   }
 
@@ -237,40 +175,23 @@ class Rounds {
   const Options options_;
   std::mt19937_64 random_;
   const std::string state_;
-  const std::vector<Original> originals_;
+  const rounds::Originals originals_;
+  const rounds::Originals::Fail fail_ = [this](const auto& what, const auto& why) { fail(what, why); };
   std::unique_ptr<Store> store_;
   std::chrono::microseconds wholeRun_{0};
   unsigned killedAtWork_ = 0, failures_ = 0;
 };
 
-bool readOptions(int argc, char** argv, Options* options) {
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string name = argv[i];
-    const unsigned long number = std::strtoul(argv[i + 1], nullptr, 10);
-    if (name == "--rounds" && number > 0) {
-      options->rounds = static_cast<unsigned>(number);
-    } else if (name == "--files" && number > 0) {
-      options->files = static_cast<unsigned>(number);
-    } else if (name == "--threads" && number > 0) {
-      options->threads = static_cast<unsigned>(number);
-    } else if (name == "--seed") {
-      options->seed = number;
-    } else if (name == "--folder") {
-      options->folder = argv[i + 1];
-    } else {
-      return false;
-    }
-  }
-  return argc % 2 == 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) try {
   Options options;
-  if (!readOptions(argc, argv, &options)) {
-    std::fprintf(stderr, "usage: %s [--rounds N] [--files N] [--threads N] [--seed N] [--folder PATH]\n",
-                 argv[0]);
+  if (!rounds::readOptions(argc, argv,
+                           {{"--rounds", &options.rounds, 1},
+                            {"--files", &options.files, 1},
+                            {"--threads", &options.threads, 1},
+                            {"--seed", &options.seed},
+                            {"--folder", &options.folder}})) {
     return 2;
   }
   std::printf("seed %lu\n", options.seed);
