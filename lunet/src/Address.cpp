@@ -143,11 +143,16 @@ Error Address::listen(const SocketFolder& folder, const Guid& guid, std::string*
   return kOk;
 }
 
-void Address::release() {
+void Address::hide() {
   struct stat st {};
   if (listener_ && lstat(socketPath_.c_str(), &st) == 0 && st.st_ino == socketInode_) {
     (void)unlink(socketPath_.c_str());
   }
+}
+
+void Address::release() {
+  struct stat st {};
+  hide();
   listener_.reset();
   if (lock_ && isNamed(lock_.get(), lockPath_, st)) {
     (void)unlink(lockPath_.c_str());

@@ -19,7 +19,9 @@ class Address {
 
   /// kErrInUse when another has it, kErrPath or kErrSystem when it cannot be made; *why is one line.
   Error claim(const SocketFolder& folder, const Guid& guid, std::string* why);
-  /// Removes both files. The listening socket closes with them.
+  /// Takes the socket out of the folder: nobody finds it any more. The address stays held.
+  void hide();
+  /// Gives the address up: removes both files and closes the socket.
   void release();
   int listener() const { return listener_.get(); }
 

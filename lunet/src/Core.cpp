@@ -72,63 +72,51 @@ Error Core::open(const Guid& self) {
   return kOk;
 }
 
+/// Outgoing first, then what callbacks still answer, then the rest: nothing that was accepted is cut off by
+/// the order in which this ends.
 void Core::close() {
   if (closing_.exchange(true)) {
     return;
   }
-  drainAll();
-  {
-    const std::lock_guard lock(targetsMutex_);
-    for (const auto& [guid, target] : targets_) {
-      const std::lock_guard targetLock(target->mutex);
-      if (target->link) {
-        target->link->shut(kErrNotOpen);
-      }
-    }
+  const Clock::time_point deadline = Clock::now() + kLinger;
+  address_.hide();
+  for (const std::shared_ptr<OutgoingLink>& link : links()) {
+    link->waitUntilDrained(deadline);
+    link->shut(kErrNotOpen);
   }
   delivery_.stop();
   if (deliveryThread_.joinable()) {
     deliveryThread_.join();
   }
+  for (const std::shared_ptr<IncomingLink>& guest : guests()) {
+    guest->waitUntilDrained(deadline);
+  }
   io_.stop();
   if (ioThread_.joinable()) {
     ioThread_.join();
   }
-  const std::set<std::shared_ptr<IncomingLink>> guests = [this] {
-    const std::lock_guard lock(guestsMutex_);
-    return std::exchange(guests_, {});
-  }();
-  for (const std::shared_ptr<IncomingLink>& guest : guests) {
+  for (const std::shared_ptr<IncomingLink>& guest : guests()) {
     guest->close();
   }
   address_.release();
   bus_.log.write(Log::kInfo, "address " + formatGuid(self_) + " is closed");
 }
 
-/// What has been accepted for sending reaches those who take it.
-void Core::drainAll() {
-  const Clock::time_point deadline = Clock::now() + kLinger;
-  std::vector<std::shared_ptr<OutgoingLink>> links;
-  {
-    const std::lock_guard lock(targetsMutex_);
-    for (const auto& [guid, target] : targets_) {
-      const std::lock_guard targetLock(target->mutex);
-      if (target->link) {
-        links.push_back(target->link);
-      }
+std::vector<std::shared_ptr<OutgoingLink>> Core::links() {
+  std::vector<std::shared_ptr<OutgoingLink>> found;
+  const std::lock_guard lock(targetsMutex_);
+  for (const auto& [guid, target] : targets_) {
+    const std::lock_guard targetLock(target->mutex);
+    if (target->link) {
+      found.push_back(target->link);
     }
   }
-  for (const std::shared_ptr<OutgoingLink>& link : links) {
-    link->waitUntilDrained(deadline);
-  }
-  std::set<std::shared_ptr<IncomingLink>> guests;
-  {
-    const std::lock_guard lock(guestsMutex_);
-    guests = guests_;
-  }
-  for (const std::shared_ptr<IncomingLink>& guest : guests) {
-    guest->waitUntilDrained(deadline);
-  }
+  return found;
+}
+
+std::set<std::shared_ptr<IncomingLink>> Core::guests() {
+  const std::lock_guard lock(guestsMutex_);
+  return guests_;
 }
 
 Error Core::send(const Guid& target, const PeerIdentity* process, std::uint32_t channel, const void* data,

@@ -10,6 +10,7 @@
 #include <set>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "Address.h"
 #include "OutgoingLink.h"
@@ -34,7 +35,8 @@ class Core final : private Recipient {
   ~Core();
 
   Error open(const Guid& self);
-  /// Ends everything under way with kErrNotOpen; returns when the threads have ended.
+  /// Ends sends and calls with kErrNotOpen; callbacks under way may still reply. Returns when the threads
+  /// have ended.
   void close();
 
   Error send(const Guid& target, const PeerIdentity* process, std::uint32_t channel, const void* data,
@@ -73,7 +75,8 @@ class Core final : private Recipient {
   void forgetDeadLinks();
   template <class Loop>
   void runLoop(Loop& loop, const char* name);
-  void drainAll();
+  std::vector<std::shared_ptr<OutgoingLink>> links();
+  std::set<std::shared_ptr<IncomingLink>> guests();
 
   Bus& bus_;
   Receivers& receivers_;

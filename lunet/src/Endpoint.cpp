@@ -75,10 +75,10 @@ void Endpoint::Close() {
     return;
   }
   const std::lock_guard lock(mutex_);
-  core_ = nullptr;
   if (owned_) {
     owned_->close();
   }
+  core_ = nullptr;
   while (users_ != 0) {  // they end at once now; nobody is kept by having to wake us
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

@@ -181,6 +181,26 @@ TEST_F(LossTest, CloseEndsACallThatACallbackIsIn) {
   EXPECT_EQ(inside, lunet::kErrNotOpen);
 }
 
+TEST_F(LossTest, ACallbackUnderWayWhenItsEndpointClosesMayStillReply) {
+  Gate gate;
+  const std::string large(4 << 20, 'L');
+  Endpoint server(client, address, [&](Endpoint& self, const Message& message) {
+    gate.wait();
+    EXPECT_EQ(self.send(newGuid(), "new"), lunet::kErrNotOpen);
+    EXPECT_EQ(self.reply(message, large), lunet::kOk);
+  });
+  Endpoint caller(client, newGuid());
+  auto call = std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs).data; });
+  ASSERT_TRUE(server.waitForCount(1));
+  std::thread closer([&] { server->Close(); });
+  EXPECT_TRUE(waitFor([&] { return !std::filesystem::exists(socketOf(address)); }));
+  Endpoint late(client, newGuid());
+  EXPECT_EQ(late.send(address, "x"), lunet::kErrNoTarget);
+  gate.open();
+  closer.join();
+  EXPECT_TRUE(call.get() == large);
+}
+
 TEST_F(LossTest, CloseFromTheOwnCallbackDoesNothing) {
   Endpoint server(client, address, [](Endpoint& self, const Message& message) {
     self->Close();

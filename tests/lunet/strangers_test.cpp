@@ -231,7 +231,9 @@ TEST_F(FalseListenerTest, AnAnswerToNothingIsDropped) {
   good.kind = FrameKind::kAnswer;
   good.id = 1;
   good.length = 2;
-  answerWith(guid, bytesOf(stray) + "what" + bytesOf(good) + "ok");
+  std::string bytes = bytesOf(stray);
+  bytes.append("what").append(bytesOf(good)).append("ok");
+  answerWith(guid, std::move(bytes));
   EXPECT_EQ(caller.call(guid, "x").data, "ok");
 }
 

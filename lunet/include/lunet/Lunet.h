@@ -70,7 +70,7 @@ class IEndpoint {
   /// Takes the address: 16 bytes. kErrInUse when a live process has it; what a crash left is taken over.
   virtual std::uint32_t Open(const Guid& self) = 0;
   /// Gives the address up. What is queued for peers has up to a second to go out. Calls under way return
-  /// kErrNotOpen; returns when no callback runs any more.
+  /// kErrNotOpen; a callback under way may still reply. Returns when no callback runs any more.
   virtual void Close() = 0;
   /// Sends without an answer. Returns once the message is queued for the peer; 0 or an Error. Never blocks
   /// for longer than it takes to connect on this machine (three seconds with a peer that was stopped).
