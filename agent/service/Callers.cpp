@@ -14,11 +14,20 @@ namespace agent {
 
 namespace {
 
-std::vector<gid_t> groupsOf(pid_t pid) {
+/// None when the process runs for another user by now: after exec of a setuid program the groups are that
+/// user's, not the caller's.
+std::vector<gid_t> groupsOf(pid_t pid, uid_t uid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
   std::vector<gid_t> groups;
   for (std::string line; std::getline(in, line);) {
-    if (line.rfind("Groups:", 0) == 0) {
+    if (line.rfind("Uid:", 0) == 0) {
+      std::istringstream numbers(line.substr(4));
+      uid_t real = 0;
+      uid_t effective = 0;
+      if (!(numbers >> real >> effective) || real != uid || effective != uid) {
+        return {};
+      }
+    } else if (line.rfind("Groups:", 0) == 0) {
       std::istringstream numbers(line.substr(7));
       for (gid_t group = 0; numbers >> group;) {
         groups.push_back(group);
@@ -35,7 +44,7 @@ CallerId callerIdOf(const lunet::PeerIdentity& process) {
   caller.uid = process.uid;
   caller.gid = process.gid;
   caller.pid = process.pid;
-  caller.groups = groupsOf(process.pid);
+  caller.groups = groupsOf(process.pid, process.uid);
   if (processStartTicks(process.pid) != process.startTicks) {
     caller.groups.clear();  // what was read may have been another process's
   }

@@ -10,13 +10,18 @@
 namespace agent::store {
 namespace {
 
+/// A field's share of a record: one caller's long request must not push what others did out of the log.
+constexpr std::size_t kMaxFieldBytes = 16 << 10;
+
 /// One field's text: control characters visible, and quotes so that no text can pose as another field.
 std::string field(const std::string& text) {
   std::string quotedText = "\"";
-  for (const char c : platform::visibleText(text)) {
+  for (const char c : platform::visibleText(text.substr(0, kMaxFieldBytes))) {
     quotedText += c == '"' ? "\\\"" : std::string(1, c);
   }
-  return quotedText + '"';
+  quotedText += '"';
+  return text.size() <= kMaxFieldBytes ? quotedText
+                                       : quotedText + "...(" + std::to_string(text.size()) + " bytes)";
 }
 
 std::string caller(const CallerId& who) {

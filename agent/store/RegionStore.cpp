@@ -1,6 +1,7 @@
 #include "store/RegionStore.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
@@ -28,7 +29,9 @@ struct FileFacts {
   std::string md5;
 };
 
-FileFacts factsOf(RegionType type, const std::string& item, std::int64_t* budget) {
+/// What a list shows of a file. The agent reads what its callers may not: to others than root and its own
+/// user only their own files are described.
+FileFacts factsOf(RegionType type, const std::string& item, uid_t caller, std::int64_t* budget) {
   FileFacts facts;
   if (type == RegionType::kMd5) {
     facts.md5 = item;
@@ -38,8 +41,11 @@ FileFacts factsOf(RegionType type, const std::string& item, std::int64_t* budget
   }
   struct stat st {};
   const UniqueFd fd = openRegular(item, &st);
-  facts.size = fd ? st.st_size : 0;
-  if (!fd || st.st_size > *budget) {
+  if (!fd || (caller != 0 && caller != ::geteuid() && caller != st.st_uid)) {
+    return facts;
+  }
+  facts.size = st.st_size;
+  if (st.st_size > *budget) {
     return facts;
   }
   *budget -= st.st_size;
@@ -195,7 +201,7 @@ void RegionStore::addRows(const Change& change, uid_t caller) {
     if (CUuid::generate(uuid) != 0) {
       throw StoreError("no random numbers for an entry's id");
     }
-    const FileFacts facts = factsOf(change.type, item, &budget);
+    const FileFacts facts = factsOf(change.type, item, caller, &budget);
     insert
         .bind(change.region, static_cast<int>(change.type), change.domain, item, uuid, nowSec(),
               change.validUntil, facts.size, facts.md5, caller)

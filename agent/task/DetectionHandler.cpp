@@ -1,14 +1,10 @@
 #include "task/DetectionHandler.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <ctime>
 #include <exception>
-#include <system_error>
 
 #include "platform/Text.h"
+#include "store/OriginalFile.h"
 #include "task/AgentLog.h"
 
 namespace agent {
@@ -21,22 +17,20 @@ std::string freshId() {
   return id;
 }
 
-/// Removes the file for good, after seeing that the name still stands for what was scanned.
+QuarantineRequest requestFor(const ScanJob& job) {
+  QuarantineRequest request;
+  request.fd = job.fd.get();
+  request.path = job.path;
+  request.identity = job.identity;
+  return request;
+}
+
+/// Removes the file for good. Its entry is taken aside first: another file that is put in its place at the
+/// last moment is put back and not lost.
 Result removeForGood(const ScanJob& job) {
-  const std::size_t slash = job.path.find_last_of('/');
-  const std::string folder = slash == 0 ? "/" : job.path.substr(0, slash);
-  const std::string name = job.path.substr(slash + 1);
-  const platform::Descriptor parent(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  struct stat status {};
-  if (!parent || fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    return {false, std::error_code(errno, std::generic_category()).message()};
-  }
-  if (!(FileIdentity::of(status) == job.identity)) {
-    return {false, "the file was changed since it was scanned"};
-  }
-  if (unlinkat(parent.get(), name.c_str(), 0) != 0) {
-    return {false, std::error_code(errno, std::generic_category()).message()};
-  }
+  store::OriginalFile original(requestFor(job));
+  original.setAside(store::privateName(freshId()));
+  original.remove();
   return {true, "deleted"};
 }
 
@@ -155,10 +149,7 @@ Result DetectionHandler::takeAway(const Found& found) {
   if (context_.plan.handling == ScanPlan::Handling::kDelete) {
     return removeForGood(*found.job);
   }
-  QuarantineRequest request;
-  request.fd = found.job->fd.get();
-  request.path = found.job->path;
-  request.identity = found.job->identity;
+  QuarantineRequest request = requestFor(*found.job);
   request.detection = found.verdict.detections.at(0);
   request.md5 = found.verdict.md5;
   return context_.store.quarantine().add(request);

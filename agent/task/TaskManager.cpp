@@ -91,7 +91,14 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
     return refuse(request, token, TaskEvents::kNotCreated,
                   std::string("cannot be recorded: ") + error.what());
   }
-  task->start({[this, token] { release(token); }, [this, token] { forget(token); }});
+  try {
+    task->start({[this, token] { release(token); }, [this, token] { forget(token); }});
+  } catch (const std::exception& error) {
+    release(token);
+    forget(token);
+    return refuse(request, token, TaskEvents::kNotCreated,
+                  std::string("no thread for the scan: ") + error.what());
+  }
   const std::optional<std::string> failure = task->prepared(kPrepareLimit);
   return failure && !failure->empty() ? Started{false, token, *failure} : Started{true, token, {}};
 }

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "service/Callers.h"
 #include "service/Options.h"
 #include "service/SignatureWatch.h"
 #include "service/Tree.h"
 #include "support/TempDir.h"
+#include "task/RunningPrograms.h"
 
 namespace agent {
 namespace {
@@ -97,6 +99,18 @@ TEST(MayChange, RootTheAgentsUserAndTheGroupMayOthersMayNot) {
   EXPECT_TRUE(mayChange({60100, 5, {7, group}, 1}, group));
   EXPECT_FALSE(mayChange({60100, 5, {7}, 1}, group));
   EXPECT_FALSE(mayChange({60100, group, {}, 1}, std::nullopt));
+}
+
+TEST(CallerIdOf, AProcessThatRunsForAnotherUserByNowLendsNoGroups) {
+  lunet::PeerIdentity process{};
+  process.pid = getpid();
+  process.uid = geteuid();
+  process.gid = getegid();
+  process.startTicks = processStartTicks(getpid());
+  const CallerId own = callerIdOf(process);
+  EXPECT_EQ(own.groups.size(), static_cast<std::size_t>(getgroups(0, nullptr)));
+  process.uid += 4321;
+  EXPECT_TRUE(callerIdOf(process).groups.empty());
 }
 
 TEST(GroupByName, AnUnknownGroupIsNoneAndSaid) {

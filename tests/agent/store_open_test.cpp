@@ -205,6 +205,14 @@ TEST_F(OpenTest, TheAuditRecordRotatesAndKeepsFourOldFiles) {
   EXPECT_THAT(readFile(folder_.at("a.log")), HasSubstr("\"39\""));
 }
 
+TEST_F(OpenTest, ALongRequestTakesALimitedShareOfTheAuditRecord) {
+  store::AuditLog log(folder_.at("a.log"));
+  log.add(root(), "act", std::string(5 << 20, 'x'), "ok");
+  const std::string text = readFile(folder_.at("a.log"));
+  EXPECT_LT(text.size(), 20000U);
+  EXPECT_THAT(text, HasSubstr("x\"...(5242880 bytes) outcome=\"ok\""));
+}
+
 TEST_F(OpenTest, WhatTheAuditRecordCouldNotTakeIsCountedInTheNextLine) {
   store::AuditLog log(folder_.at("missing/a.log"));
   log.add(root(), "lost", "", "");

@@ -417,5 +417,20 @@ TEST_F(RegionTest, LookUpsAndChangesFromSeveralThreadsAgree) {
   EXPECT_EQ(listed(kFolder), Items{"/stays"});
 }
 
+TEST_F(RegionTest, AFileThatIsNotTheCallersIsListedWithoutSizeAndHash) {
+  const std::string path = folder_.at("secret");
+  std::ofstream(path) << "abc";
+  CallerId other;
+  other.uid = ::geteuid() + 4321;
+  std::string why;
+  ASSERT_TRUE(regions().change(kTrust, request(0, kFile, {path}), other, &why)) << why;
+  const Json::Value entries = regions().list(4, kFile, kTrust);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0]["md5"], "");
+  EXPECT_EQ(entries[0]["file_size"].asInt64(), 0);
+  add(kFile, path);
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["md5"], "900150983cd24fb0d6963f7d28e17f72");
+}
+
 }  // namespace
 }  // namespace agent
