@@ -60,6 +60,14 @@ bool CDir::make(const std::string& path, std::uint32_t mode) {
   return CFileInfo(path).isDir();
 }
 
+std::string CDir::resolveSafe(const std::string& path) {
+  const CText real(realpath(path.c_str(), nullptr), &std::free);
+  struct stat st {};
+  const bool safe = real && whyUnsafe(real.get()).empty() && stat(real.get(), &st) == 0 &&
+                    S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return safe ? real.get() : "";
+}
+
 std::string CDir::whyUnsafe(const std::string& path) {
   const CText real(realpath(path.c_str(), nullptr), &std::free);
   if (!real) {

@@ -38,9 +38,18 @@ int writeAndSync(int fd, std::string_view content, std::uint32_t mode) {
   return 0;
 }
 
+/// 0 or an errno value. What may be written but not read cannot be synced: the file in it still stands whole.
+int syncFolder(int folder) {
+  const Descriptor readable(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!readable) {
+    return errno == EACCES ? 0 : errno;
+  }
+  return fsync(readable.get()) == 0 ? 0 : errno;
+}
+
 }  // namespace
 
-std::optional<std::string> CFile::readAll(const std::string& path, int* error) {
+std::optional<std::string> CFile::readAll(const std::string& path, int* error, std::size_t limitBytes) {
   const auto fail = [error](int number) {
     if (error != nullptr) {
       *error = number;
@@ -48,8 +57,12 @@ std::optional<std::string> CFile::readAll(const std::string& path, int* error) {
     return std::nullopt;
   };
   const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file) {
+  struct stat st {};
+  if (!file || fstat(file.get(), &st) != 0) {
     return fail(errno);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return fail(S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
   }
   std::string content;
   char block[16384];
@@ -62,6 +75,9 @@ std::optional<std::string> CFile::readAll(const std::string& path, int* error) {
       return fail(errno);
     }
     if (count > 0) {
+      if (static_cast<std::size_t>(count) > limitBytes - content.size()) {
+        return fail(EFBIG);
+      }
       content.append(block, static_cast<std::size_t>(count));
     }
   }
@@ -74,7 +90,7 @@ int CFile::replaceAtomically(const std::string& path, std::string_view content, 
   if (name.empty()) {
     return EISDIR;
   }
-  const Descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor directory(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory) {
     return errno;
   }
@@ -96,5 +112,5 @@ int CFile::replaceAtomically(const std::string& path, std::string_view content, 
     unlinkat(directory.get(), temporary.c_str(), 0);
     return error;
   }
-  return fsync(directory.get()) == 0 ? 0 : errno;
+  return syncFolder(directory.get());
 }

@@ -9,7 +9,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 
@@ -45,25 +44,16 @@ spdlog::file_event_handlers privateFile() {
   return handlers;
 }
 
-/// The log's folder, made when it is missing, links resolved. Empty when somebody else could put a link where
-/// the file goes: the log would be written, and made private, wherever that leads. A sticky folder keeps
-/// nobody from that.
-std::string safeFolder(const std::string& path) {
-  const std::string folder = utils::FormatDir(path, false);
-  CDir::make(folder, 0755);
-  std::error_code error;
-  std::string resolved = std::filesystem::canonical(folder, error).string();
-  struct stat st {};
-  const bool safe = !error && CDir::whyUnsafe(resolved).empty() && stat(resolved.c_str(), &st) == 0 &&
-                    (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-  return safe ? resolved : "";
-}
-
 void openLog(State& s) {
   s.tried = true;
   s.logger.reset();
   try {
-    const std::string folder = s.path.empty() ? "" : safeFolder(s.path);
+    if (s.path.empty()) {
+      return;
+    }
+    CDir::make(utils::FormatDir(s.path, false), 0755);
+    // A log is written, and made private, wherever its path leads.
+    const std::string folder = CDir::resolveSafe(utils::FormatDir(s.path, false));
     if (folder.empty()) {
       return;
     }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 
 #include "support/TempDir.h"
@@ -85,6 +86,55 @@ TEST(File, ReplacingInAMissingFolderFailsWithTheReason) {
   EXPECT_EQ(CFile::replaceAtomically(dir.path() + "/", "x", 0600), EISDIR);
 }
 
+TEST(File, ReplacingInAFolderThatMayBeWrittenButNotReadPutsTheFileInPlace) {
+  const TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("drop").c_str(), 0700), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    int error = chdir(dir.at("drop").c_str()) != 0 || chmod(".", 0300) != 0 ? errno : 0;
+    if (error == 0 && geteuid() == 0 && (chown(".", 54321, 54321) != 0 || setuid(54321) != 0)) {
+      error = errno;  // root reads every folder
+    }
+    _exit(error != 0 ? error : CFile::replaceAtomically("f", "new", 0600));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << std::strerror(WEXITSTATUS(status));
+  ASSERT_EQ(chmod(dir.at("drop").c_str(), 0700), 0);
+  EXPECT_EQ(readFile(dir.at("drop/f")), "new");
+}
+
+TEST(File, LargerThanTheLimitIsNotRead) {
+  const TempDir dir;
+  const std::string path = dir.write("f", std::string(40000, 'x'));
+  int error = 0;
+  EXPECT_EQ(CFile::readAll(path, &error, 40000).value_or("").size(), 40000U);
+  EXPECT_EQ(CFile::readAll(path, &error, 39999), std::nullopt);
+  EXPECT_EQ(error, EFBIG);
+}
+
+TEST(File, OfMoreThanSixteenMebibytesIsNotReadUnlessAskedFor) {
+  const TempDir dir;
+  const std::string path = dir.write("f", "");
+  ASSERT_EQ(truncate(path.c_str(), (16 << 20) + 1), 0);
+  int error = 0;
+  EXPECT_EQ(CFile::readAll(path, &error), std::nullopt);
+  EXPECT_EQ(error, EFBIG);
+}
+
+TEST(File, WhatIsNoRegularFileIsNotRead) {
+  const TempDir dir;
+  int error = 0;
+  ASSERT_EQ(symlink("/dev/zero", dir.at("endless").c_str()), 0);
+  EXPECT_EQ(CFile::readAll(dir.at("endless"), &error), std::nullopt);
+  EXPECT_EQ(error, EINVAL);
+  ASSERT_EQ(mkfifo(dir.at("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(CFile::readAll(dir.at("pipe"), &error), std::nullopt);
+  EXPECT_EQ(error, EINVAL);
+  EXPECT_EQ(CFile::readAll(dir.path(), &error), std::nullopt);
+  EXPECT_EQ(error, EISDIR);
+}
+
 TEST(File, AMissingFileGivesNothingAndTheReason) {
   int error = 0;
   EXPECT_EQ(CFile::readAll("/nonexistent/f", &error), std::nullopt);
@@ -148,6 +198,22 @@ TEST(WhyUnsafe, ALinkIsJudgedByWhereItLeads) {
 
 TEST(WhyUnsafe, AMissingFileIsNotSafe) {
   EXPECT_THAT(CDir::whyUnsafe("/nonexistent/x.so"), HasSubstr("cannot resolve"));
+}
+
+TEST(ResolveSafe, LeadsToTheFolderItself) {
+  const TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("real").c_str(), 0700), 0);
+  ASSERT_EQ(symlink("real", dir.at("link").c_str()), 0);
+  EXPECT_EQ(CDir::resolveSafe(dir.at("link")), dir.at("real"));
+}
+
+TEST(ResolveSafe, AStickyFolderOfAllAMissingOneAndAFileAreNone) {
+  const TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("sticky").c_str(), 0700), 0);
+  ASSERT_EQ(chmod(dir.at("sticky").c_str(), 01777), 0);
+  EXPECT_EQ(CDir::resolveSafe(dir.at("sticky")), "");
+  EXPECT_EQ(CDir::resolveSafe(dir.at("absent")), "");
+  EXPECT_EQ(CDir::resolveSafe(dir.write("f", "")), "");
 }
 
 struct FormatCase {

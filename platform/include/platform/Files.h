@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,11 +23,16 @@ class CFileInfo {
 /// Whole files. Errors come as errno values: 0 is success.
 class CFile {
  public:
-  /// Nothing when it cannot be read (*error says why, when given).
-  static std::optional<std::string> readAll(const std::string& path, int* error = nullptr);
+  /// What a whole file may hold: all that is read so is far smaller, and a device never ends.
+  static constexpr std::size_t kReadLimitBytes = 16u << 20;
+  /// Nothing when it cannot be read (*error says why, when given): EFBIG when it holds more than the limit,
+  /// EISDIR when it is a folder, EINVAL when it is a device, pipe or socket.
+  static std::optional<std::string> readAll(const std::string& path, int* error = nullptr,
+                                            std::size_t limitBytes = kReadLimitBytes);
   /// Puts the file in place whole or not at all: a temporary file in the same folder (no link followed, made
-  /// with `mode` from the start), written, synced, renamed, the folder synced. Returns 0 or an errno value;
-  /// then the old file, if any, stands as it was and the temporary file is gone.
+  /// with `mode` from the start), written, synced, renamed, the folder synced (unless this user may write
+  /// but not read it: a folder that cannot be opened for reading cannot be synced). Returns 0 or an errno
+  /// value; then the old file, if any, stands as it was and the temporary file is gone.
   static int replaceAtomically(const std::string& path, std::string_view content, std::uint32_t mode);
 };
 
@@ -40,6 +46,10 @@ class CDir {
   /// user and can be written by nobody else (a sticky folder counts as safe); else one line that says
   /// which and why.
   static std::string whyUnsafe(const std::string& path);
+  /// The folder with its links resolved, for a file that is opened in it by name. Empty when it is missing,
+  /// unsafe, or when somebody else could put a link where the file goes, which a sticky folder keeps nobody
+  /// from: the file would be written wherever that leads.
+  static std::string resolveSafe(const std::string& path);
 };
 
 namespace utils {
