@@ -105,6 +105,15 @@ bool Log::openFile() {
     }
     foldersMade_ = true;
   }
+  // The links on the way are resolved once, and nobody else can plant one afterwards.
+  const std::string folder = CDir::resolveSafe(folderOf(settings_.path));
+  if (folder.empty()) {
+    return false;
+  }
+  settings_.path = folder + "/" + nameOf(settings_.path);
+  if (!settings_.backupPath.empty()) {
+    settings_.backupPath = CDir::resolveSafe(settings_.backupPath);  // none: a full file is emptied instead
+  }
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   platform::Descriptor file(::open(settings_.path.c_str(), flags, kFileMode));
   struct stat st {};

@@ -12,7 +12,8 @@
 namespace lunet {
 
 /// The library's own log: one file, rotated by size into a folder of old ones, and the same records to a
-/// callback. Neither a folder that cannot be written nor a full disk costs more than the records. Any thread.
+/// callback. A folder that cannot be written, or that somebody else could plant links in, and
+/// a full disk cost no more than the records. Any thread.
 class Log {
  public:
   enum Level { kOff = -1, kError = 0, kWarning = 1, kInfo = 2, kEverything = 3 };

@@ -136,6 +136,26 @@ TEST_F(LogTest, ALinkIsNotFollowed) {
   EXPECT_EQ(readFile(dir.at("precious")), "content");
 }
 
+TEST_F(LogTest, AFolderThatOthersMayWriteCostsTheFileOnly) {
+  fs::create_directories(dir.at("logs/tavcli"));
+  ASSERT_EQ(chmod(dir.at("logs").c_str(), 0777), 0);
+  log.setCallback(note);
+  log.open(settings);
+  log.write(Log::kError, "x");
+  EXPECT_FALSE(fs::exists(settings.path));
+  EXPECT_EQ(records.size(), 1u);
+}
+
+TEST_F(LogTest, AFolderThatIsALinkToWhereOthersMayWriteCostsTheFileOnly) {
+  fs::create_directories(dir.at("open"));
+  ASSERT_EQ(chmod(dir.at("open").c_str(), 01777), 0);
+  fs::create_directories(dir.at("logs"));
+  fs::create_symlink(dir.at("open"), dir.at("logs/tavcli"));
+  log.open(settings);
+  log.write(Log::kError, "x");
+  EXPECT_FALSE(fs::exists(dir.at("open/tavcli.ipc.log")));
+}
+
 TEST_F(LogTest, TheFileIsItsUsersOwn) {
   log.open(settings);
   log.write(Log::kError, "x");
