@@ -1,5 +1,6 @@
 #include "SocketFolder.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -8,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <string_view>
 
 #include "json/CppJson.h"
 #include "lunet/ClientLibrary.h"
@@ -44,8 +47,37 @@ std::string whyTooLong(const SocketFolder& folder) {
          "; name a shorter \"socket_dir\" in the bus configuration";
 }
 
-/// Group and mode as they must be; set when they are not and this process may.
-std::string settle(int fd, const SocketFolder& folder, struct stat& st, bool mayChange) {
+/// "<GUID>" with the ending of a file of the bus or of a console's mark.
+bool belongsToABus(std::string_view name) {
+  for (const std::string_view suffix : {kSocketSuffix, kLockSuffix, kNewSuffix, kMarkSuffix}) {
+    if (name.ends_with(suffix)) {
+      const std::string stem(name.substr(0, name.size() - suffix.size()));
+      return parseGuid(stem.c_str()) != Guid{};
+    }
+  }
+  return false;
+}
+
+/// The folder that stands there may be somebody's own (the configuration named /etc): only what holds nothing
+/// but files of a bus may be given another group and mode.
+bool holdsNothingElse(int folder) {
+  const int copy = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(copy < 0 ? nullptr : fdopendir(copy), &closedir);
+  if (!entries) {
+    return false;
+  }
+  while (const dirent* entry = readdir(entries.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != ".." && !belongsToABus(name)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// Group and mode as they must be; set when they are not and this process may. whyLeft: the end of the line
+/// that says that they are not.
+std::string settle(int fd, const SocketFolder& folder, struct stat& st, bool mayChange, const char* whyLeft) {
   const mode_t mode = folder.group ? kGroupMode : kPrivateMode;
   if (mayChange && folder.group && st.st_gid != *folder.group &&
       fchown(fd, static_cast<uid_t>(-1), *folder.group) != 0) {
@@ -59,7 +91,8 @@ std::string settle(int fd, const SocketFolder& folder, struct stat& st, bool may
   if (fstat(fd, &st) != 0 || (st.st_mode & 07777) != mode || (folder.group && st.st_gid != *folder.group)) {
     return platform::visibleText(folder.path) + " has group " + std::to_string(st.st_gid) + " and mode " +
            octal(st.st_mode) + ", it must have " +
-           (folder.group ? "group " + std::to_string(*folder.group) + " and " : "") + "mode " + octal(mode);
+           (folder.group ? "group " + std::to_string(*folder.group) + " and " : "") + "mode " + octal(mode) +
+           whyLeft;
   }
   return {};
 }
@@ -87,7 +120,9 @@ FolderCheck examine(const SocketFolder& folder, bool change) {
     readable =
         platform::Descriptor(open(folder.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   }
-  if (std::string why = settle(readable ? readable.get() : fd.get(), folder, st, static_cast<bool>(readable));
+  const bool mayChange = readable && holdsNothingElse(readable.get());
+  const char* const whyLeft = readable && !mayChange ? "; it holds other files, so it is left as it is" : "";
+  if (std::string why = settle(readable ? readable.get() : fd.get(), folder, st, mayChange, whyLeft);
       !why.empty()) {
     return refuse(std::move(why));
   }
@@ -116,7 +151,7 @@ std::string SocketFolder::lockPath(const Guid& guid) const {
 }
 
 std::string SocketFolder::newSocketPath(const Guid& guid) const {
-  return path + "/" + formatGuid(guid) + ".new";
+  return path + "/" + formatGuid(guid) + kNewSuffix;
 }
 
 FolderCheck checkFolder(const SocketFolder& folder) {

@@ -24,6 +24,8 @@ struct SocketFolder {
 
 inline constexpr const char* kSocketSuffix = ".sock";
 inline constexpr const char* kLockSuffix = ".lock";
+inline constexpr const char* kNewSuffix = ".new";
+inline constexpr const char* kMarkSuffix = ".mark";  ///< not the bus's: a console's single-instance mark
 
 /// What was found out about a folder.
 struct FolderCheck {
@@ -35,7 +37,8 @@ struct FolderCheck {
 /// Looks only: kErrNoTarget when the folder is not there (nobody has opened an endpoint yet), kErrPath when
 /// it is unsafe, wrong, or its sockets' paths would be too long.
 FolderCheck checkFolder(const SocketFolder& folder);
-/// Makes the folder when it is missing, and sets its group and mode when it is this process's to set.
+/// Makes the folder when it is missing, and sets its group and mode when it is this process's to set: it
+/// belongs to its user and holds nothing but files of a bus. Any other must have them already (kErrPath).
 FolderCheck prepareFolder(const SocketFolder& folder);
 
 /// The socket's address; nothing when the path is longer than the system's limit of 107 bytes.

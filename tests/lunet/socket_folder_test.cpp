@@ -85,6 +85,35 @@ TEST_F(SocketFolderTest, ThatStandsOtherwiseIsSetRightByItsOwner) {
   EXPECT_EQ(statusOf(closed.path).mode, 0700u);
 }
 
+TEST_F(SocketFolderTest, ThatHoldsFilesOfABusOnlyIsSetRight) {
+  const std::string name = std::string("lunet/") + lunet::kAgentGuid;
+  for (const char* ending : {".sock", ".lock", ".new", ".mark"}) {
+    dir.write(name + ending, "");
+  }
+  ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0755), 0);
+  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).why, "");
+  EXPECT_EQ(statusOf(dir.at("lunet")).mode, 0700u);
+}
+
+TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsLeftAsItIsAndRefused) {
+  dir.write("lunet/passwd.lock", "");
+  ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0755), 0);
+  const Status before = statusOf(dir.at("lunet"));
+  for (const std::optional<gid_t> group : {std::optional<gid_t>(), std::optional<gid_t>(kGroup)}) {
+    const FolderCheck check = prepareFolder({dir.at("lunet"), group});
+    EXPECT_EQ(check.error, lunet::kErrPath);
+    EXPECT_NE(check.why.find("it holds other files"), std::string::npos) << check.why;
+    EXPECT_EQ(statusOf(dir.at("lunet")).mode, before.mode);
+    EXPECT_EQ(statusOf(dir.at("lunet")).gid, before.gid);
+  }
+}
+
+TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsUsedWhenItIsAsItMustBe) {
+  dir.write("lunet/other", "");
+  ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0700), 0);
+  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).why, "");
+}
+
 TEST_F(SocketFolderTest, OfAnotherUserIsRefused) {
   std::filesystem::create_directory(dir.at("lunet"));
   ASSERT_EQ(chown(dir.at("lunet").c_str(), 12345, 12345), 0);
