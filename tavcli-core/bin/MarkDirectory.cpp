@@ -23,6 +23,9 @@ std::string nearestExisting(const std::string& directory) {
 }  // namespace
 
 std::string markDirectory(const std::string& installDir, const std::string& busConfigFile) {
+  if (CFileInfo(busConfigFile).exists() && !CDir::whyUnsafe(busConfigFile).empty()) {
+    return "";  // whoever may write it must not choose where root makes folders
+  }
   const std::string text = CFile::readAll(busConfigFile).value_or("");
   const std::string directory = utils::FormatFilePath(lunet::socketDirectory(installDir, text));
   return CDir::whyUnsafe(nearestExisting(directory)).empty() ? directory : "";

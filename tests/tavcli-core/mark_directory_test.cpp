@@ -30,6 +30,19 @@ TEST_F(MarkDirectory, OfATreeWithoutBusConfigurationIsTheDefault) {
   EXPECT_EQ(tavcli::markDirectory(dir_.path() + "/", dir_.at("absent.conf")), dir_.at("run/lunet"));
 }
 
+TEST_F(MarkDirectory, OfABusConfigurationThatOthersMayWriteIsNotUsed) {
+  const std::string file = dir_.write("etc/cli_lunet.conf", R"({"socket_dir":"elsewhere"})");
+  ASSERT_EQ(chmod(file.c_str(), 0666), 0);
+  EXPECT_EQ(tavcli::markDirectory(dir_.path() + "/", file), "");
+}
+
+TEST_F(MarkDirectory, OfABusConfigurationLinkedToWhereOthersMayWriteIsNotUsed) {
+  const std::string planted = dir_.write("open/planted.conf", R"({"socket_dir":"elsewhere"})");
+  ASSERT_EQ(chmod(dir_.at("open").c_str(), 0777), 0);
+  std::filesystem::create_symlink(planted, dir_.at("linked.conf"));
+  EXPECT_EQ(tavcli::markDirectory(dir_.path() + "/", dir_.at("linked.conf")), "");
+}
+
 TEST_F(MarkDirectory, IsNotMadeByAsking) {
   directory();
   EXPECT_FALSE(std::filesystem::exists(dir_.at("run")));
