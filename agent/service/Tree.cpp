@@ -21,6 +21,12 @@ int libraryLevel(int level) {
 }  // namespace
 
 bool readBusSettings(const Tree& tree, const std::string& logName, BusSettings* settings, std::string* why) {
+  if (CFileInfo(tree.busConfig()).exists()) {
+    if (const std::string unsafe = CDir::whyUnsafe(tree.busConfig()); !unsafe.empty()) {
+      *why = "the bus configuration is not used: " + unsafe;
+      return false;
+    }
+  }
   int error = 0;
   const std::optional<std::string> text = CFile::readAll(tree.busConfig(), &error);
   settings->fileText = text ? *text : "{}";

@@ -33,6 +33,9 @@ void printLog(int, const char* text) {
 std::string readConfig(const std::string& runtime) {
   int error = 0;
   const std::string path = inTree(runtime, kConfigFile);
+  if (const std::string why = CFileInfo(path).exists() ? CDir::whyUnsafe(path) : ""; !why.empty()) {
+    throw Failure("the bus configuration is not used: " + why);
+  }
   const std::optional<std::string> text = CFile::readAll(path, &error);
   if (!text && error == ENOENT && CFileInfo(runtime).isDir()) {
     return "{}";

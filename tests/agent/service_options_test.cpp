@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "service/Callers.h"
@@ -89,6 +90,16 @@ TEST(Tree, ABusConfigurationThatIsNoJsonIsAnErrorThatNamesIt) {
   std::string why;
   EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
   EXPECT_THAT(why, HasSubstr(file));
+}
+
+TEST(Tree, ABusConfigurationThatOthersMayWriteIsAnErrorThatNamesIt) {
+  const testsupport::TempDir dir;
+  const std::string file = dir.write("etc/communication/cli_lunet.conf", "{}");
+  ASSERT_EQ(0, chmod(file.c_str(), 0666));
+  BusSettings settings;
+  std::string why;
+  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
+  EXPECT_THAT(why, HasSubstr(file + " can be written by others"));
 }
 
 TEST(MayChange, RootTheAgentsUserAndTheGroupMayOthersMayNot) {

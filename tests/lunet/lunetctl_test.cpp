@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -60,6 +61,13 @@ TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
   first.process.kill(SIGKILL);
   first.process.wait();
   EXPECT_EQ(run(lunetctl({"list"})).out.find(guid), std::string::npos);
+}
+
+TEST_F(LunetctlTest, ABusConfigurationThatOthersMayWriteIsRefused) {
+  ASSERT_EQ(chmod(tree.at("etc/communication/cli_lunet.conf").c_str(), 0666), 0);
+  const Result result = run(lunetctl({"list"}));
+  EXPECT_NE(result.status, 0);
+  EXPECT_NE(result.err.find("cli_lunet.conf can be written by others"), std::string::npos) << result.err;
 }
 
 TEST_F(LunetctlTest, CallPrintsTheAnswer) {
