@@ -114,7 +114,7 @@ std::string AgentTree::log() const {
 
 std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& arguments) const {
   std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/tavagentd", "--install-dir", dir_.path(),
-                                   "--system-signatures", dir_.at("none")};
+                                   "--system-signatures", systemSignatures()};
   command.insert(command.end(), arguments.begin(), arguments.end());
   Process::Options options;
   options.uid = uid_;

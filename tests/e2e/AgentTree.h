@@ -33,6 +33,8 @@ class AgentTree {
   /// file under many names.
   std::string busyFolder() const;
   std::string data() const { return dir_.at("data"); }
+  /// Where the agent looks for the system's signatures; absent unless a test makes it.
+  std::string systemSignatures() const { return dir_.at("system-signatures"); }
 
   void start();  ///< returns when the agent serves; throws when it does not
   void kill(int signal);

@@ -12,6 +12,7 @@
 #include <set>
 
 #include "e2e/AgentTree.h"
+#include "e2e/SecondUser.h"
 #include "json/CppJson.h"
 #include "lunet/Lunet.h"
 #include "support/Samples.h"
@@ -29,9 +30,11 @@ using testsupport::AgentTree;
 using testsupport::eicar;
 using testsupport::PeerConsole;
 using testsupport::Process;
+using testsupport::secondUser;
+using testsupport::secondUsersGroup;
 using testsupport::waitFor;
 
-constexpr uid_t kUser = 60321;
+constexpr uid_t kUser = testsupport::kSecondUser;
 constexpr int kStop = 1;
 constexpr int kPause = 2;
 constexpr int kResume = 3;
@@ -387,18 +390,6 @@ TEST(AgentOfAUser, ServesHimWithHisRights) {
 /// A second user on the bus, let in by a supplementary group.
 class AgentSecondUser : public ::testing::Test {
  protected:
-  static std::string groupName() {
-    // Any group of the system that has a name: what counts is the number.
-    const group* entry = getgrgid(kGroup);
-    return entry == nullptr ? "" : entry->gr_name;
-  }
-  static Process::Options secondUser() {
-    Process::Options options;
-    options.uid = kUser;
-    options.gid = 60322;
-    options.groups = {kGroup};
-    return options;
-  }
   std::string file(const std::string& name, const std::string& content, uid_t uid, mode_t mode) {
     const std::string path = tree.write(name, content);
     EXPECT_EQ(0, chown(path.c_str(), uid, 0));
@@ -422,8 +413,7 @@ class AgentSecondUser : public ::testing::Test {
     EXPECT_EQ(0, process.wait()) << process.err();
     return object(process.out())["result"];
   }
-  static constexpr gid_t kGroup = 60;  // "games"
-  AgentTree tree{{.group = groupName(), .start = true, .uid = {}}};
+  AgentTree tree{{.group = secondUsersGroup(), .start = true, .uid = {}}};
   PeerConsole user{tree, secondUser()};
 };
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "shell/CliTree.h"
+#include "support/TestNames.h"
 
 namespace testsupport {
 
@@ -23,21 +24,6 @@ struct GrammarRowExpected {
 
 inline void PrintTo(const GrammarRowExpected& row, std::ostream* out) {
   *out << row.path;
-}
-
-/// "SCAN START HANDLE" -> "ScanStartHandle", as a name of a test.
-inline std::string testNameOf(const std::string& path) {
-  std::string name;
-  bool upper = true;
-  for (const char c : path) {
-    if (c == ' ' || c == '_') {
-      upper = true;
-      continue;
-    }
-    name += upper ? c : static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    upper = false;
-  }
-  return name;
 }
 
 inline const CliTreeNode* findPath(CliTree& tree, const std::string& path) {
