@@ -55,6 +55,11 @@ int keepOnly(int fd) {
   if (nowhere) {
     dup2(nowhere.get(), STDIN_FILENO);
     dup2(nowhere.get(), STDOUT_FILENO);
+#ifndef TAV_SANITIZED
+    // Whoever started the agent may read its output through a pipe to the end; a sanitizer's report needs
+    // one.
+    dup2(nowhere.get(), STDERR_FILENO);
+#endif
   }
   nowhere.reset();
   constexpr int kKept = 3;

@@ -30,7 +30,7 @@ void confineWorker(const WorkerStart& start);
 /// meant for the agent to the agent. False when the parent is already gone.
 bool becomeChild(const char* name, int parentPid);
 
-/// Closes all descriptors but standard error and the one given; standard input and output lead nowhere.
+/// Closes all descriptors but the one given; standard input, output and error lead nowhere.
 /// Returns the descriptor's new number.
 int keepOnly(int fd);
 
