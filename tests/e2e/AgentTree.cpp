@@ -38,10 +38,19 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
        {"bin", "lib/modules", "etc/communication", "etc/debug", "etc/agent", "log", "data"}) {
     fs::create_directories(dir_.at(folder));
   }
-  fs::create_symlink(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so",
-                     dir_.at("lib/modules/libLunetClientMgr.so"));
-  fs::create_directory_symlink(std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures",
-                               dir_.at("etc/agent/signatures"));
+  const std::string library = std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so";
+  const std::string signatures = std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures";
+  if (options.uid || !options.group.empty()) {
+    // Other users run it, who may not be able to enter the folder of the sources.
+    for (const char* program : {"tavagentd", "lunetctl"}) {
+      fs::copy_file(std::string(TAV_BIN_DIR) + "/" + program, dir_.at("bin/") + program);
+    }
+    fs::copy_file(library, dir_.at("lib/modules/libLunetClientMgr.so"));
+    fs::copy(signatures, dir_.at("etc/agent/signatures"));
+  } else {
+    fs::create_symlink(library, dir_.at("lib/modules/libLunetClientMgr.so"));
+    fs::create_directory_symlink(signatures, dir_.at("etc/agent/signatures"));
+  }
   Json::Value bus(Json::objectValue);
   bus["log_level"] = 3;
   bus["connect_timeout_ms"] = 10000;
@@ -113,8 +122,8 @@ std::string AgentTree::log() const {
 }
 
 std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& arguments) const {
-  std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/tavagentd", "--install-dir", dir_.path(),
-                                   "--system-signatures", systemSignatures()};
+  std::vector<std::string> command{program("tavagentd"), "--install-dir", dir_.path(), "--system-signatures",
+                                   systemSignatures()};
   command.insert(command.end(), arguments.begin(), arguments.end());
   Process::Options options;
   options.uid = uid_;
@@ -122,20 +131,24 @@ std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& argument
   return std::make_unique<Process>(std::move(command), std::move(options));
 }
 
-std::unique_ptr<Process> AgentTree::console(const std::string& program,
+std::string AgentTree::program(const std::string& name) const {
+  const std::string own = dir_.at("bin/" + name);
+  return std::filesystem::exists(own) ? own : std::string(TAV_BIN_DIR) + "/" + name;
+}
+
+std::unique_ptr<Process> AgentTree::console(const std::string& name,
                                             const std::vector<std::string>& arguments) const {
   Process::Options options;
   options.workingDir = dir_.at("bin");
   options.environment = {{"XDG_STATE_HOME", dir_.at("home")}, {"TERM", "dumb"}, {"CKORVIX_CLOG_LEVEL", ""}};
-  std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/" + program};
+  std::vector<std::string> command{program(name)};
   command.insert(command.end(), arguments.begin(), arguments.end());
   return std::make_unique<Process>(std::move(command), std::move(options));
 }
 
 PeerConsole::PeerConsole(const AgentTree& tree, Process::Options options)
-    : process_(
-          {std::string(TAV_BIN_DIR) + "/lunetctl", "--runtime", tree.path(), "listen", lunet::kConsoleGuid},
-          std::move(options)) {
+    : process_({tree.program("lunetctl"), "--runtime", tree.path(), "listen", lunet::kConsoleGuid},
+               std::move(options)) {
   if (!process_.waitForOut("\"ready\"", kLimit)) {
     throw std::runtime_error("the console cannot listen: " + process_.err());
   }

@@ -41,10 +41,11 @@ class AgentTree {
   std::optional<int> wait() { return agent_->wait(); }
   Process& agent() { return *agent_; }
   std::string log() const;
+  /// The path of a program of the build: the tree's copy, where other users run it.
+  std::string program(const std::string& name) const;
   /// A console of this tree, as an operator starts it: in bin/, with a history folder of its own. "tavcli",
   /// or "tavcli_quick", whose waits are cut short.
-  std::unique_ptr<Process> console(const std::string& program,
-                                   const std::vector<std::string>& arguments) const;
+  std::unique_ptr<Process> console(const std::string& name, const std::vector<std::string>& arguments) const;
   /// Runs tavagentd with arguments and --install-dir, to its end.
   std::unique_ptr<Process> run(const std::vector<std::string>& arguments) const;
 

@@ -408,8 +408,7 @@ class AgentSecondUser : public ::testing::Test {
     request["params"] = params;
     std::string text;
     CppJson::WriteJsonToString(request, text, 1);
-    Process process(
-        {std::string(TAV_BIN_DIR) + "/lunetctl", "--runtime", tree.path(), "call", lunet::kAgentGuid, text});
+    Process process({tree.program("lunetctl"), "--runtime", tree.path(), "call", lunet::kAgentGuid, text});
     EXPECT_EQ(0, process.wait()) << process.err();
     return object(process.out())["result"];
   }
@@ -497,10 +496,12 @@ TEST_F(AgentSecondUser, AsAMemberOfTheGroupHeMayChangeSettings) {
 TEST_F(AgentSecondUser, WithoutTheGroupHeIsNotLetIn) {
   Process::Options options = secondUser();
   options.groups = {};
-  Process stranger({std::string(TAV_BIN_DIR) + "/lunetctl", "--runtime", tree.path(), "call",
-                    lunet::kAgentGuid, R"({"jsonrpc":"2.0","id":1,"method":"getBusList"})"},
+  Process stranger({tree.program("lunetctl"), "--runtime", tree.path(), "call", lunet::kAgentGuid,
+                    R"({"jsonrpc":"2.0","id":1,"method":"getBusList"})"},
                    options);
   EXPECT_NE(0, stranger.wait());
+  EXPECT_NE("", stranger.err()) << "it ran";
+  EXPECT_EQ("", stranger.out());
 }
 
 }  // namespace
