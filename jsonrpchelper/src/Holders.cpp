@@ -41,12 +41,17 @@ IJsonRpcServerHelper* serverHelper() {
   return serverHelperPlace().get();
 }
 
+bool isAgent(const Caller& caller) {
+  return caller.process.trusted && caller.guid == lunet::parseGuid(lunet::kAgentGuid);
+}
+
 void initJsonRpc() {
   IJsonRpcServerHelper* helper = nullptr;
   {
     const std::lock_guard<std::mutex> guard(gServerHelperLock);
     if (serverHelperPlace() == nullptr) {
       serverHelperPlace() = std::make_unique<IJsonRpcServerHelper>();
+      serverHelperPlace()->acceptOnly(isAgent);
     }
     helper = serverHelperPlace().get();
   }

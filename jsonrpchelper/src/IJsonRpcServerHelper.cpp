@@ -50,6 +50,13 @@ std::string errorResponse(int code) {
   return errorResponse(code, Errors::GetErrorMessage(code));
 }
 
+std::string refuse(const Caller& caller) {
+  CLog::emit(kLogError, "ReceiveCallback: refused a message of %s (pid %d, user %u)",
+             lunet::formatGuid(caller.guid).c_str(), static_cast<int>(caller.process.pid),
+             static_cast<unsigned>(caller.process.uid));
+  return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, "this endpoint does not serve the sender");
+}
+
 void handleOne(HandlerList& handlers, const Json::Value& request, const std::string& text,
                std::string& response) {
   const Json::Value* method = CppJson::findMember(request, "method");
@@ -145,12 +152,13 @@ void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageI
   try {
     auto* const endpoint = static_cast<lunet::IEndpoint*>(registrationContext);
     const CallerScope caller(endpoint);
+    const bool accepted = !accepts_ || accepts_(tCaller);
     const std::string request = data != nullptr ? std::string(static_cast<const char*>(data), length) : "";
-    const std::string response = respond(request);
+    const std::string response = accepted ? respond(request) : refuse(tCaller);
     if (replyContext != nullptr) {
       ReplyTarget target{endpoint, messageId, replyContext};
       SendResponse(response, &target);
-    } else if (!response.empty()) {
+    } else if (accepted && !response.empty()) {
       CLog::emit(kLogWarning, "ReceiveCallback: dropped a one-way message: %s", response.c_str());
     }
   } catch (...) {

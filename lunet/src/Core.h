@@ -46,6 +46,7 @@ class Core final : private Recipient {
   Error reply(std::uint64_t messageId, const void* data, std::uint32_t length, void* replyContext);
   /// The sender of the message that the calling thread is delivering; null outside a callback.
   const IncomingLink* currentPeer() const;
+  bool trusts(uid_t uid) const { return bus_.rule.trusts(uid, folderOwner_); }
   bool onDeliveryThread() const { return std::this_thread::get_id() == deliveryId_; }
 
  private:

@@ -106,9 +106,8 @@ Error readWelcome(int fd, const DialRequest& request) {
 
 /// Whether the process that listens there is one that may be talked to.
 Error judge(const DialRequest& request, const Peer& peer, Dialled& result) {
-  const uid_t uid = peer.identity.uid;
   result.identity = peer.identity;
-  result.trusted = uid == 0 || uid == request.rule.self || uid == request.folderOwner;
+  result.trusted = request.rule.trusts(peer.identity.uid, request.folderOwner);
   result.admitted = request.rule.admits(peer);
   if (request.process == nullptr) {
     return result.trusted ? kOk : kErrDenied;

@@ -27,7 +27,7 @@ struct Dialled {
   const char* why = "";
   platform::Descriptor fd;
   PeerIdentity identity;
-  bool trusted = false;   ///< root, this user, or the folder's owner: whom plain sends may reach
+  bool trusted = false;   ///< whom plain sends may reach (AccessRule)
   bool admitted = false;  ///< may join the bus: whom SendToProcess may reach
 };
 

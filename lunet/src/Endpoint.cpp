@@ -177,6 +177,7 @@ std::uint32_t Endpoint::GetPeerIdentity(PeerIdentity* peer) {
       return kErrNotOpen;
     }
     *peer = link->identity();
+    peer->trusted = core.trusts(peer->uid);
     return kOk;
   });
 }

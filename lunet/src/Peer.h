@@ -20,11 +20,13 @@ std::optional<Peer> peerOf(int fd);
 /// Field 22 of /proc/<pid>/stat, 0 when it cannot be read.
 std::uint64_t startTicksOf(pid_t pid);
 
-/// Who may join the bus: root, this process's own user, and the members of one group, if one is configured.
 struct AccessRule {
   uid_t self = 0;
   std::optional<gid_t> group;
+  /// Who may join the bus: root, this process's own user, and the members of one group, if one is configured.
   bool admits(const Peer& peer) const;
+  /// Whom plain sends may reach: of those, root, this process's own user, and the owner of the socket folder.
+  bool trusts(uid_t uid, uid_t folderOwner) const { return uid == 0 || uid == self || uid == folderOwner; }
 };
 
 }  // namespace lunet

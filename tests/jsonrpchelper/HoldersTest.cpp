@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "Recorders.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/FakeEndpoint.h"
 
@@ -57,6 +58,34 @@ TEST_F(Holders, InitRegistersOneServerHelperOnBothChannels) {
   ASSERT_NE(helper, nullptr);
   jsonrpchelper::initJsonRpc();
   EXPECT_EQ(jsonrpchelper::serverHelper(), helper) << "there is one a process";
+}
+
+TEST_F(Holders, TheServerHelperHandlesWhatTheAgentSendsAndNobodyElse) {
+  start();
+  rpctest::RecordingBusiness business(*jsonrpchelper::serverHelper());
+  business.StartListening();
+  struct Sender {
+    const char* what;
+    const char* guid;
+    bool trusted;
+    std::size_t handled;
+  };
+  const Sender senders[] = {
+      {"a member at another address", lunet::kConsoleGuid, false, 0},
+      {"a member at the agent's address", lunet::kAgentGuid, false, 0},
+      {"one who is trusted at another address", lunet::kConsoleGuid, true, 0},
+      {"the agent", lunet::kAgentGuid, true, 1},
+  };
+  for (const Sender& sender : senders) {
+    endpoint.peer = lunet::parseGuid(sender.guid);
+    endpoint.peerProcess.trusted = sender.trusted;
+    Json::Value parameters;
+    parameters["progress"] = 1;
+    parameters["token_id"] = "t";
+    endpoint.deliver(lunet::kOnewayChannel, rpctest::notificationText("reportBusProgress", parameters),
+                     false);
+    EXPECT_EQ(business.log.size(), sender.handled) << sender.what;
+  }
 }
 
 TEST_F(Holders, StopUnregistersTheOneWayChannelFirstAndDestroysTheHelper) {

@@ -93,6 +93,28 @@ TEST_F(ServerHelper, AStageWithDetailInsteadOfDatailIsRejected) {
   EXPECT_EQ(scan.log.size(), 1u);
 }
 
+TEST_F(ServerHelper, AMessageOfOneWhoIsNotAcceptedIsLoggedAndHandledByNobody) {
+  RecordingBusiness business(helper);
+  business.StartListening();
+  helper.acceptOnly([](const jsonrpchelper::Caller& caller) { return caller.process.uid == 0; });
+  endpoint.peer = lunet::parseGuid(lunet::kAgentGuid);
+  endpoint.peerProcess = {42, 23456, 23456, 4711};
+  send(progress(1));
+  EXPECT_EQ(business.log.size(), 0u);
+  EXPECT_EQ(logged(), (std::vector<std::string>{std::string("3ReceiveCallback: refused a message of ") +
+                                                lunet::kAgentGuid + " (pid 42, user 23456)"}));
+  endpoint.peerProcess = {43, 0, 0, 4712};
+  send(progress(2));
+  EXPECT_EQ(business.log.size(), 1u);
+}
+
+TEST_F(ServerHelper, ARequestOfOneWhoIsNotAcceptedIsAnsweredWithAnError) {
+  helper.acceptOnly([](const jsonrpchelper::Caller&) { return false; });
+  const Json::Value answer = ask(progress(1));
+  EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
+  EXPECT_EQ(answer["error"]["message"].asString(), "this endpoint does not serve the sender");
+}
+
 TEST_F(ServerHelper, NothingIsDeliveredBeforeListeningStartsNorAfterItStops) {
   RecordingBusiness business(helper);
   send(progress(1));

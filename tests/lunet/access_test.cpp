@@ -222,6 +222,17 @@ TEST_F(GroupTest, SendToProcessReachesAMemberWhomPlainSendsDoNot) {
   EXPECT_EQ(agent.send(console, "plain"), lunet::kErrDenied);
 }
 
+TEST_F(GroupTest, AMemberIsHeardButNotTrusted) {
+  Endpoint agent(client, address);
+  Player player(words("listen", newGuid()), as(kMember, true));
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  player.process.write("{\"send\":\"" + lunet::formatGuid(address) +
+                       "\",\"channel\":20991,\"data\":\"me\"}\n");
+  ASSERT_TRUE(agent.waitForCount(1));
+  EXPECT_EQ(agent.messages()[0].process.uid, kMember);
+  EXPECT_FALSE(agent.messages()[0].process.trusted);
+}
+
 TEST_F(GroupTest, SendToProcessDoesNotReachOneWhoMayNotJoin) {
   Endpoint agent(client, address);
   const lunet::Guid console = newGuid();

@@ -240,6 +240,7 @@ TEST_F(MessagesTest, GetPeerIdentityGivesTheSendersProcessInsideACallbackOnly) {
   EXPECT_EQ(process.uid, geteuid());
   EXPECT_EQ(process.gid, getegid());
   EXPECT_GT(process.startTicks, 0u);
+  EXPECT_TRUE(process.trusted) << "the same user";
   lunet::PeerIdentity outside;
   EXPECT_EQ(server->GetPeerIdentity(&outside), lunet::kErrNotOpen);
   EXPECT_EQ(server->GetPeerIdentity(nullptr), lunet::kErrArgument);

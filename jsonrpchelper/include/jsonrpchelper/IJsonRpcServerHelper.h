@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "jsonrpchelper/JsonRpcCpp.h"
 #include "lunet/Lunet.h"
@@ -30,6 +32,10 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   ~IJsonRpcServerHelper() override;
   IJsonRpcServerHelper(const IJsonRpcServerHelper&) = delete;
   IJsonRpcServerHelper& operator=(const IJsonRpcServerHelper&) = delete;
+
+  /// Whose messages are handled; the others' are logged, and their requests answered with an error. Without
+  /// one, everybody's. Before the helper is registered; `accepts` is called on the bus's delivery thread.
+  void acceptOnly(std::function<bool(const Caller&)> accepts) { accepts_ = std::move(accepts); }
 
   /// Takes both channels of an open endpoint; 0 or the bus's error number.
   std::uint32_t registerOn(lunet::IEndpoint& endpoint);
@@ -64,6 +70,7 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   /// ProcessRequest, with what it throws logged and made the response.
   std::string respond(const std::string& request);
 
+  std::function<bool(const Caller&)> accepts_;
   std::shared_ptr<HandlerList> handlers_;
 };
 

@@ -42,6 +42,9 @@ struct PeerIdentity {
   uid_t uid = static_cast<uid_t>(-1);
   gid_t gid = static_cast<gid_t>(-1);
   std::uint64_t startTicks = 0;  ///< field 22 of /proc/<pid>/stat: tells a re-used pid apart
+  /// Set by GetPeerIdentity: root, this process's own user, or the owner of the socket folder, not a mere
+  /// member of the bus's group.
+  bool trusted = false;
 
   friend bool operator==(const PeerIdentity& a, const PeerIdentity& b) {
     return a.pid == b.pid && a.uid == b.uid && a.startTicks == b.startTicks;
