@@ -101,9 +101,9 @@ std::unique_ptr<Spawner> startSpawner(const Tree& tree, const Options& options) 
 
 void takeMark(CGlobalTag& mark, const Tree& tree) {
   switch (mark.trylock(false)) {
-    case 1:
+    case CGlobalTag::kAcquired:
       return;
-    case 2:
+    case CGlobalTag::kHeldElsewhere:
       otherRuns(tree, mark);
     default:
       throw StartFailure{kExitFailed, "the agent's mark cannot be taken: " + mark.lastError()};
@@ -135,6 +135,7 @@ class Agent {
   }
 
   ~Agent() {
+    spawner_->abandonReload();
     if (helper_) {
       helper_->unregisterFrom(bus_.endpoint());
       service_->StopListening();

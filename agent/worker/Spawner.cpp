@@ -152,21 +152,33 @@ bool Spawner::Impl::reload(std::string* why) {
   Template fresh;
   {
     const std::lock_guard lock(mutex_);
-    fresh = startTemplate(problem);
+    fresh = reloading_ = abandoned_ ? nullptr : startTemplate(problem);
   }
   const auto report = fresh ? awaitReport(fresh) : std::nullopt;
+  const std::lock_guard lock(mutex_);
+  reloading_.reset();
   if (!report || !report->loaded) {
     if (why != nullptr) {
-      *why = report ? report->detail : fresh ? "the process that loads the signatures died" : problem;
+      *why = report       ? report->detail
+             : abandoned_ ? "the agent is ending"
+             : fresh      ? "the process that loads the signatures died"
+                          : problem;
     }
     return false;
   }
-  const std::lock_guard lock(mutex_);
   template_ = fresh;
   state_ = *report;
   failures_ = 0;
   ++generation_;
   return true;
+}
+
+void Spawner::Impl::abandonReload() {
+  const std::lock_guard lock(mutex_);
+  abandoned_ = true;
+  if (reloading_) {
+    reloading_->channel.shutDown();
+  }
 }
 
 Spawner::Impl::Forked Spawner::Impl::forkWorker() {
@@ -219,6 +231,10 @@ std::vector<std::string> Spawner::temporaryFolders() const {
 
 bool Spawner::reload(std::string* why) {
   return impl_->reload(why);
+}
+
+void Spawner::abandonReload() {
+  impl_->abandonReload();
 }
 
 }  // namespace agent

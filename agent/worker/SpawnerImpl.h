@@ -33,6 +33,7 @@ class Spawner::Impl {
   SignatureState state();
   SignatureState waitLoaded(std::chrono::milliseconds limit);
   bool reload(std::string* why);
+  void abandonReload();
 
   /// A channel to a fresh worker, or why there is none. Never blocks.
   struct Forked {
@@ -62,6 +63,8 @@ class Spawner::Impl {
   std::mutex mutex_;  // guards all below
   std::mutex reloadMutex_;
   Template template_;
+  Template reloading_;  ///< what a reload waits for
+  bool abandoned_ = false;
   SignatureState state_;
   unsigned generation_ = 0;
   int failures_ = 0;  // templates that ended while they loaded, one after the other

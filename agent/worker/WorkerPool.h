@@ -42,6 +42,8 @@ class Spawner {
   /// Loads the signatures again, in a fresh template; workers under way finish their file with the old ones.
   /// Blocks until that is done. False, and all as it was, when they do not load (*why says why, when given).
   bool reload(std::string* why);
+  /// For the end of the agent: a reload under way fails at once, and so does every later one. Any thread.
+  void abandonReload();
 
   /// Where workers keep what they unpack, for as long as the spawner lives: no scan is to go there.
   std::vector<std::string> temporaryFolders() const;

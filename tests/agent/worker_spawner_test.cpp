@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
+#include <future>
+
 #include "WorkerFixture.h"
 
 namespace agent {
@@ -94,6 +96,25 @@ TEST_F(Spawners, AFailedReloadLeavesAllAsItWas) {
   begin(pool, "file", eicar());
   pool.drain();
   EXPECT_EQ(verdict("file").outcome, Outcome::kInfected);
+}
+
+TEST_F(Spawners, AReloadThatIsAbandonedFailsAtOnceAndLeavesAllAsItWas) {
+  const auto before = spawner().waitLoaded(kLoad);
+  ASSERT_TRUE(before.loaded);
+  const pid_t process = processesNamed("tav-spawner").at(0);
+  kill(process, SIGSTOP);  // a load that takes its time
+  const auto descriptors = openDescriptors();
+  std::string why;
+  auto reload = std::async(std::launch::async, [&] { return spawner().reload(&why); });
+  EXPECT_TRUE(testsupport::waitFor([&] { return openDescriptors() > descriptors; })) << "it waits";
+  spawner().abandonReload();
+  const bool ended = reload.wait_for(kLoad) == std::future_status::ready;
+  kill(process, SIGCONT);
+  EXPECT_TRUE(ended);
+  EXPECT_FALSE(reload.get());
+  EXPECT_EQ(why, "the agent is ending");
+  EXPECT_EQ(spawner().signatureState().version, before.version);
+  EXPECT_FALSE(spawner().reload(nullptr)) << "nor is a new one begun";
 }
 
 TEST_F(Spawners, ATemplateThatDiesIsReplaced) {
