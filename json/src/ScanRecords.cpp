@@ -5,9 +5,8 @@
 namespace JsonReflect {
 
 template <class Self, class Visitor>
-void VirusInfo::members(Self& self, Visitor& visit) {
+void FileRiskMembers::members(Self& self, Visitor& visit) {
   visit("filesize_src", self.filesize_src);
-  visit("filesha1_src", self.filesha1_src);
   visit("file_trace_source", self.file_trace_source);
   visit("risk_name", self.risk_name);
   visit("engine_mark", self.engine_mark);
@@ -25,22 +24,9 @@ void VirusInfo::members(Self& self, Visitor& visit) {
 }
 
 template <class Self, class Visitor>
-void FileRiskInfo::members(Self& self, Visitor& visit) {
-  visit("filesize_src", self.filesize_src);
-  visit("file_trace_source", self.file_trace_source);
-  visit("risk_name", self.risk_name);
-  visit("engine_mark", self.engine_mark);
-  visit("filemd5_src", self.filemd5_src);
-  visit("file_create_time", self.file_create_time);
-  visit("item", self.item);
-  visit("filepath_src", self.filepath_src);
-  visit("risk_id", self.risk_id);
-  visit("find_time", self.find_time);
-  visit("risk_type_name", self.risk_type_name);
-  visit("file_modify_time", self.file_modify_time);
-  visit("risk_type", self.risk_type);
-  visit("finder", self.finder);
-  visit("desc", self.desc);
+void VirusInfo::members(Self& self, Visitor& visit) {
+  FileRiskMembers::members(self, visit);
+  visit("filesha1_src", self.filesha1_src);
 }
 
 template <class Self, class Visitor>

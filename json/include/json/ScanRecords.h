@@ -72,11 +72,9 @@ class ScanParams : public Record<ScanParams> {
   std::int32_t scan_type_ = 0;
 };
 
-/// A file risk, as reportRiskInfo and reportRiskFixInfo carry it.
-class VirusInfo : public Record<VirusInfo> {
- public:
+/// What every record of a file risk tells.
+struct FileRiskMembers {
   std::int32_t filesize_src = 0;  ///< bytes
-  std::string filesha1_src;
   std::int32_t file_trace_source = 0;
   std::string risk_name;         ///< name of the detection
   std::int32_t engine_mark = 0;  ///< json::Engine::code
@@ -96,27 +94,19 @@ class VirusInfo : public Record<VirusInfo> {
   static void members(Self& self, Visitor& visit);
 };
 
-/// A file risk inside a process record: as VirusInfo, without the SHA-1.
-class FileRiskInfo : public Record<FileRiskInfo> {
+/// A file risk, as reportRiskInfo and reportRiskFixInfo carry it.
+class VirusInfo : public Record<VirusInfo>, public FileRiskMembers {
  public:
-  std::int32_t filesize_src = 0;
-  std::int32_t file_trace_source = 0;
-  std::string risk_name;
-  std::int32_t engine_mark = 0;
-  std::string filemd5_src;
-  std::int64_t file_create_time = 0;
-  std::string item;
-  std::string filepath_src;
-  std::string risk_id;
-  std::int64_t find_time = 0;
-  std::string risk_type_name;
-  std::int64_t file_modify_time = 0;
-  std::int32_t risk_type = 0;
-  std::int32_t finder = 0;
-  std::string desc;
+  std::string filesha1_src;
 
   template <class Self, class Visitor>
   static void members(Self& self, Visitor& visit);
+};
+
+/// A file risk inside a process record: without the SHA-1.
+class FileRiskInfo : public Record<FileRiskInfo>, public FileRiskMembers {
+ public:
+  using FileRiskMembers::members;
 };
 
 /// Counters of a running task.
