@@ -105,7 +105,7 @@ CGlobalTag::~CGlobalTag() {
 int CGlobalTag::trylock(bool wait) {
   constexpr int kFailed = 0;
   if (held_) {
-    return 1;
+    return kAcquired;
   }
   const std::string directory = path_.substr(0, path_.rfind('/'));
   if (!makeDirectory(directory)) {
@@ -128,7 +128,7 @@ int CGlobalTag::trylock(bool wait) {
   }
   while (flock(file.get(), wait ? LOCK_EX : LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) {
-      return 2;
+      return kHeldElsewhere;
     }
     if (errno != EINTR) {
       lastError_ = describe("cannot lock the mark", path_);
@@ -138,7 +138,7 @@ int CGlobalTag::trylock(bool wait) {
   fd_ = file.release();
   held_ = true;
   (void)ftruncate(fd_, 0);  // what a crashed holder left
-  return 1;
+  return kAcquired;
 }
 
 bool CGlobalTag::setAttribute(const std::string& key, const std::string& value) {

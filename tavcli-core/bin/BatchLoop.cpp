@@ -1,6 +1,7 @@
 #include "bin/BatchLoop.h"
 
 #include "bin/BusState.h"
+#include "platform/CGlobalTag.h"
 
 namespace tavcli {
 
@@ -10,9 +11,6 @@ constexpr std::chrono::seconds kPollStep{10};
 constexpr std::chrono::seconds kRetryStep{30};
 constexpr std::chrono::seconds kMarkStep{30};
 
-constexpr int kMarkAcquired = 1;
-constexpr int kMarkHeldElsewhere = 2;
-
 /// 64 bits: the time left may pass below what an int holds.
 using SecondsLeft = std::int64_t;
 
@@ -21,10 +19,10 @@ using SecondsLeft = std::int64_t;
 MarkWait waitForMark(int timeoutSec, const std::function<int()>& tryOnce, IPause& pause) {
   for (SecondsLeft remaining = timeoutSec; remaining > 0; remaining -= kMarkStep.count()) {
     const int result = tryOnce();
-    if (result == kMarkAcquired) {
+    if (result == CGlobalTag::kAcquired) {
       return MarkWait::kAcquired;
     }
-    if (result != kMarkHeldElsewhere) {
+    if (result != CGlobalTag::kHeldElsewhere) {
       return MarkWait::kFailed;
     }
     if (pause.sleep(kMarkStep) == IPause::End::kSignal) {

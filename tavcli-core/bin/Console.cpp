@@ -5,8 +5,10 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "bin/AgentWatch.h"
 #include "bin/BatchLoop.h"
@@ -31,9 +33,6 @@ constexpr int kExitOk = 0;
 constexpr int kExitInteractiveFailed = -1;
 constexpr int kExitBatchFailed = 2;
 
-constexpr int kMarkAcquired = 1;
-constexpr int kMarkHeldElsewhere = 2;
-
 void complain(const std::string& line) {
   std::fflush(stdout);
   std::fprintf(stderr, "%s\n", platform::visibleText(line).c_str());
@@ -56,6 +55,19 @@ class Link {
 
  private:
   CContainerMgr manager_;
+};
+
+/// What QUIT does before it ends the process, for as long as the prompt runs; then the terminal is restored,
+/// whichever way the prompt ended.
+class QuitHook {
+ public:
+  explicit QuitHook(std::function<void()> hook) { TavCliCompletion::instance().setQuitHook(std::move(hook)); }
+  ~QuitHook() {
+    TavCliCompletion::instance().setQuitHook(nullptr);
+    lineeditor::restoreTerminal();
+  }
+  QuitHook(const QuitHook&) = delete;
+  QuitHook& operator=(const QuitHook&) = delete;
 };
 
 /// The steps that both run modes share once the mark is held. Null when one fails, which has been said.
@@ -82,10 +94,10 @@ int runAttended(const ContainerConfig& config, const Surroundings& surroundings)
   lineeditor::installSignalHandlers();
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
   switch (mark.trylock(false)) {
-    case kMarkAcquired:
+    case CGlobalTag::kAcquired:
       std::printf("Container[%s] single process mark create success\n", containerGuid().c_str());
       break;
-    case kMarkHeldElsewhere:
+    case CGlobalTag::kHeldElsewhere:
       std::printf("Container[%s] is Running\n", containerGuid().c_str());
       return kExitOk;
     default:
@@ -97,13 +109,11 @@ int runAttended(const ContainerConfig& config, const Surroundings& surroundings)
   if (!link) {
     return kExitInteractiveFailed;
   }
-  TavCliCompletion::instance().setQuitHook([&link] {
+  const QuitHook hook([&link] {
     lineeditor::restoreTerminal();
     link->down();
   });
   runInteractive();
-  TavCliCompletion::instance().setQuitHook(nullptr);
-  lineeditor::restoreTerminal();
   return kExitOk;
 }
 

@@ -21,8 +21,10 @@ class CGlobalTag {
   CGlobalTag(const CGlobalTag&) = delete;
   CGlobalTag& operator=(const CGlobalTag&) = delete;
 
-  /// 1: this process holds the mark now; 2: another process does; else the mark cannot be made (why:
-  /// lastError). wait: block until it is free.
+  static constexpr int kAcquired = 1;       ///< this process holds the mark now
+  static constexpr int kHeldElsewhere = 2;  ///< another process does
+
+  /// One of the two, else the mark cannot be made (why: lastError). wait: block until it is free.
   int trylock(bool wait);
   /// Writes "key=value" into the mark for others to read ("pid"); while held only. False on failure.
   bool setAttribute(const std::string& key, const std::string& value);
