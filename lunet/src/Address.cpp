@@ -8,9 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <thread>
 
 #include "platform/Text.h"
 
@@ -22,6 +25,11 @@ using platform::Descriptor;
 
 constexpr int kBacklog = 128;
 constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+/// How often what stands in the way, or changes hands, is dealt with before that is given up.
+constexpr int kAttempts = 100;
+/// Who clears leftovers has each free lock for a moment: one that is held is tried for 100 ms.
+constexpr int kLockTries = 20;
+constexpr std::chrono::milliseconds kLockPause{5};
 
 std::string because(const std::string& path, const char* what) {
   return platform::visibleText(path) + " " + what + ": " + std::strerror(errno);
@@ -32,6 +40,40 @@ bool isNamed(int fd, const std::string& path, struct stat& st) {
   struct stat named {};
   return fstat(fd, &st) == 0 && lstat(path.c_str(), &named) == 0 && st.st_ino == named.st_ino &&
          st.st_dev == named.st_dev && S_ISREG(st.st_mode);
+}
+
+/// False when it stayed locked by another for all of kLockTries.
+bool lockFile(int fd) {
+  for (int tries = 0; flock(fd, LOCK_EX | LOCK_NB) != 0; ++tries) {
+    if (tries == kLockTries) {
+      return false;
+    }
+    std::this_thread::sleep_for(kLockPause);
+  }
+  return true;
+}
+
+/// Something may stand at a name that the bus does not put there: a member of the group could keep an address
+/// from everybody that way, without a process. It is renamed and removed; a folder that holds something stays
+/// under its new name. Who may rename it, says the kernel: root, the folder's owner and its own user. False
+/// for others (errno). `type`: what belongs there and is left.
+bool clearWay(const std::string& path, const std::string& aside, mode_t type) {
+  struct stat st {};
+  if (lstat(path.c_str(), &st) != 0) {
+    return errno == ENOENT;
+  }
+  if ((st.st_mode & S_IFMT) == type) {
+    return true;
+  }
+  if (rename(path.c_str(), aside.c_str()) != 0) {
+    return errno == ENOENT;
+  }
+  if (lstat(aside.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == type) {  // it came between look and rename
+    (void)renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE);
+  } else {
+    (void)std::remove(aside.c_str());
+  }
+  return true;
 }
 
 /// First without O_CREAT: in a sticky folder the kernel refuses O_CREAT on another user's file, to root too.
@@ -52,7 +94,7 @@ std::string ownerOf(const std::string& path) {
 
 Error Address::claim(const SocketFolder& folder, const Guid& guid, std::string* why) {
   const bool agents = guid == parseGuid(kAgentGuid);
-  Error error = lock(folder.lockPath(guid), agents, why);
+  Error error = lock(folder.lockPath(guid), folder.asidePath(guid), agents, why);
   if (error == kOk) {
     error = listen(folder, guid, why);
   }
@@ -64,14 +106,15 @@ Error Address::claim(const SocketFolder& folder, const Guid& guid, std::string* 
 
 /// agents: the agent's address, which root and the folder's owner take from a mere member: nobody would
 /// talk to him there, and he must not be able to keep the agent from starting.
-Error Address::lock(const std::string& path, bool agents, std::string* why) {
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    Descriptor file = openOrMake(path);
-    if (!file && (errno == ENOENT || errno == EEXIST)) {
-      continue;
+Error Address::lock(const std::string& path, const std::string& aside, bool agents, std::string* why) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (!clearWay(path, aside, S_IFREG)) {
+      *why = because(path, "is no regular file and cannot be renamed");
+      return kErrPath;
     }
-    if (!file && errno == ELOOP && unlink(path.c_str()) == 0) {
-      continue;  // a planted link
+    Descriptor file = openOrMake(path);
+    if (!file && (errno == ENOENT || errno == EEXIST || errno == ELOOP)) {
+      continue;  // another was faster
     }
     if (!file && errno == EACCES) {
       *why = platform::visibleText(path) + " belongs to " + ownerOf(path) +
@@ -83,7 +126,7 @@ Error Address::lock(const std::string& path, bool agents, std::string* why) {
       return kErrPath;
     }
     struct stat st {};
-    const bool held = flock(file.get(), LOCK_EX | LOCK_NB) != 0;
+    const bool held = !lockFile(file.get());
     if (!isNamed(file.get(), path, st)) {
       continue;
     }
@@ -120,6 +163,7 @@ Error Address::listen(const SocketFolder& folder, const Guid& guid, std::string*
     *why = std::string("no socket: ") + std::strerror(errno);
     return kErrSystem;
   }
+  (void)clearWay(made, folder.asidePath(guid), S_IFSOCK);  // what cannot be cleared shows below
   if (unlink(made.c_str()) != 0 && errno != ENOENT) {
     *why = because(made, "is in the way");
     return kErrPath;
@@ -132,6 +176,7 @@ Error Address::listen(const SocketFolder& folder, const Guid& guid, std::string*
     *why = because(made, "cannot be made");
     return kErrPath;
   }
+  (void)clearWay(path, folder.asidePath(guid), S_IFSOCK);
   if (rename(made.c_str(), path.c_str()) != 0) {
     *why = because(path, "cannot be replaced");
     (void)unlink(made.c_str());

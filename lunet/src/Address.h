@@ -26,7 +26,7 @@ class Address {
   int listener() const { return listener_.get(); }
 
  private:
-  Error lock(const std::string& path, bool agents, std::string* why);
+  Error lock(const std::string& path, const std::string& aside, bool agents, std::string* why);
   Error listen(const SocketFolder& folder, const Guid& guid, std::string* why);
 
   std::string lockPath_;

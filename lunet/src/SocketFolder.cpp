@@ -47,8 +47,11 @@ std::string whyTooLong(const SocketFolder& folder) {
          "; name a shorter \"socket_dir\" in the bus configuration";
 }
 
-/// "<GUID>" with the ending of a file of the bus or of a console's mark.
+/// "<GUID>" with the ending of a file of the bus or of a console's mark; "<GUID>.<anything>.bad".
 bool belongsToABus(std::string_view name) {
+  if (name.ends_with(kAsideSuffix)) {
+    return parseGuid(std::string(name.substr(0, name.find('.'))).c_str()) != Guid{};
+  }
   for (const std::string_view suffix : {kSocketSuffix, kLockSuffix, kNewSuffix, kMarkSuffix}) {
     if (name.ends_with(suffix)) {
       const std::string stem(name.substr(0, name.size() - suffix.size()));
@@ -152,6 +155,12 @@ std::string SocketFolder::lockPath(const Guid& guid) const {
 
 std::string SocketFolder::newSocketPath(const Guid& guid) const {
   return path + "/" + formatGuid(guid) + kNewSuffix;
+}
+
+std::string SocketFolder::asidePath(const Guid& guid) const {
+  std::string uuid;
+  CUuid::generate(uuid);
+  return path + "/" + formatGuid(guid) + "." + uuid + kAsideSuffix;
 }
 
 FolderCheck checkFolder(const SocketFolder& folder) {

@@ -20,11 +20,14 @@ struct SocketFolder {
   std::string lockPath(const Guid& guid) const;
   /// Where a socket is made, before it is moved to its name ready to be used.
   std::string newSocketPath(const Guid& guid) const;
+  /// Where something goes that stands in the way of one of these three; another name each time.
+  std::string asidePath(const Guid& guid) const;
 };
 
 inline constexpr const char* kSocketSuffix = ".sock";
 inline constexpr const char* kLockSuffix = ".lock";
 inline constexpr const char* kNewSuffix = ".new";
+inline constexpr const char* kAsideSuffix = ".bad";
 inline constexpr const char* kMarkSuffix = ".mark";  ///< not the bus's: a console's single-instance mark
 
 /// What was found out about a folder.

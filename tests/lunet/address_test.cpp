@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -6,12 +7,37 @@
 
 #include <filesystem>
 #include <future>
+#include <thread>
 
 #include "BusFixture.h"
+#include "platform/Descriptor.h"
 #include "support/Wait.h"
 
 using namespace lunettest;
 namespace fs = std::filesystem;
+
+namespace {
+
+enum class Planted { kFifo, kFolder, kSocket, kLink };
+
+void plant(Planted what, const std::string& path) {
+  switch (what) {
+    case Planted::kFifo:
+      ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+      break;
+    case Planted::kFolder:
+      fs::create_directories(path + "/with/content");
+      break;
+    case Planted::kSocket:
+      ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);
+      break;
+    case Planted::kLink:
+      fs::create_symlink("/etc/passwd", path);
+      break;
+  }
+}
+
+}  // namespace
 
 class AddressTest : public BusTest {
  protected:
@@ -157,4 +183,65 @@ TEST_F(AddressTest, AFolderWhosePathsAreTooLongIsToldWithTheReason) {
   seen.clear();
   EXPECT_EQ(far->Connect(10), lunet::kErrPath);
   EXPECT_NE(seen.find("107"), std::string::npos) << seen;
+}
+
+struct PlantedRow {
+  const char* name;
+  Planted what;
+  const char* suffix;
+};
+
+class PlantedTest : public AddressTest, public testing::WithParamInterface<PlantedRow> {};
+
+TEST_P(PlantedTest, AtOneOfTheNamesOfAnAddressKeepsNobodyFromIt) {
+  { Endpoint endpoint(client, newGuid()); }  // makes the folder
+  const std::string path = socketFolder() + "/" + lunet::formatGuid(address) + GetParam().suffix;
+  plant(GetParam().what, path);
+  // Another user's, as in a folder for a group; the one who opens the address is root.
+  ASSERT_EQ(lchown(path.c_str(), 23456, 23456), 0);
+  {
+    Endpoint server(client, address, echo);
+    Endpoint caller(client, newGuid());
+    EXPECT_EQ(caller.call(address, "x").data, "x");
+  }
+  EXPECT_EQ(filesInFolder(), GetParam().what == Planted::kFolder ? 1u : 0u);  // content is kept for a look
+  Endpoint again(client);
+  EXPECT_EQ(again->Open(address), lunet::kOk);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, PlantedTest,
+                         testing::Values(PlantedRow{"AFifoForTheLock", Planted::kFifo, ".lock"},
+                                         PlantedRow{"AFolderForTheLock", Planted::kFolder, ".lock"},
+                                         PlantedRow{"ASocketForTheLock", Planted::kSocket, ".lock"},
+                                         PlantedRow{"ALinkForTheLock", Planted::kLink, ".lock"},
+                                         PlantedRow{"AFifoForTheNewSocket", Planted::kFifo, ".new"},
+                                         PlantedRow{"AFolderForTheNewSocket", Planted::kFolder, ".new"},
+                                         PlantedRow{"ASocketForTheNewSocket", Planted::kSocket, ".new"},
+                                         PlantedRow{"ALinkForTheNewSocket", Planted::kLink, ".new"},
+                                         PlantedRow{"AFifoForTheSocket", Planted::kFifo, ".sock"},
+                                         PlantedRow{"AFolderForTheSocket", Planted::kFolder, ".sock"},
+                                         PlantedRow{"ASocketForTheSocket", Planted::kSocket, ".sock"},
+                                         PlantedRow{"ALinkForTheSocket", Planted::kLink, ".sock"}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(AddressTest, WhoClearsLeftoversKeepsNobodyFromAFreeAddress) {
+  { Endpoint endpoint(client, newGuid()); }  // makes the folder
+  const std::string lock = socketFolder() + "/" + lunet::formatGuid(address) + ".lock";
+  const std::jthread other([&lock](const std::stop_token& ended) {  // has it half of the time
+    const auto moment = std::chrono::milliseconds(1);
+    while (!ended.stop_requested()) {
+      const platform::Descriptor file(open(lock.c_str(), O_RDWR | O_CLOEXEC));
+      if (file && flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+        std::this_thread::sleep_for(moment);
+        flock(file.get(), LOCK_UN);
+      }
+      std::this_thread::sleep_for(moment);
+    }
+  });
+  Endpoint endpoint(client);
+  for (int i = 0; i < 50; ++i) {
+    tree.write("run/lunet/" + lunet::formatGuid(address) + ".lock", "");  // what a crash left: free
+    ASSERT_EQ(endpoint->Open(address), lunet::kOk) << "attempt " << i;
+    endpoint->Close();
+  }
 }

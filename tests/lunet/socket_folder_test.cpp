@@ -87,7 +87,7 @@ TEST_F(SocketFolderTest, ThatStandsOtherwiseIsSetRightByItsOwner) {
 
 TEST_F(SocketFolderTest, ThatHoldsFilesOfABusOnlyIsSetRight) {
   const std::string name = std::string("lunet/") + lunet::kAgentGuid;
-  for (const char* ending : {".sock", ".lock", ".new", ".mark"}) {
+  for (const char* ending : {".sock", ".lock", ".new", ".mark", ".someone.bad"}) {
     dir.write(name + ending, "");
   }
   ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0755), 0);
