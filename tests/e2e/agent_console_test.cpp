@@ -9,6 +9,7 @@
 
 #include "e2e/AgentTree.h"
 #include "json/CppJson.h"
+#include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 
@@ -64,6 +65,19 @@ TEST_F(ConsoleAndAgent, ABatchOverACleanFolderEndsZero) {
   const auto console = batch(tree.data());
   EXPECT_EQ(0, console->wait()) << console->err();
   EXPECT_THAT(reportText(), HasSubstr("本次扫描文件数量：1\n染毒文件数量：0\n"));
+}
+
+TEST_F(ConsoleAndAgent, ABatchTellsOfAnEncryptedArchiveThatNobodyCouldLookInto) {
+  tree.write("file", "clean");
+  testsupport::ZipMember secret{"secret.txt", "nobody can read this text here"};
+  secret.encryptedFlag = true;
+  const std::string path = tree.write("secret.zip", testsupport::makeZip({secret}));
+  const auto console = batch(tree.data());
+  EXPECT_EQ(0, console->wait());
+  EXPECT_THAT(reportText(), HasSubstr("本次扫描文件数量：1\n染毒文件数量：0\n"));
+  EXPECT_EQ(console->err(),
+            "tavcli: entries that could not be scanned: 1; see " + tree.at("log/tavagentd.log") + "\n");
+  EXPECT_THAT(tree.log(), HasSubstr(path + ": not scanned: "));
 }
 
 TEST_F(ConsoleAndAgent, ABatchQuarantinesWhenTheSettingsSayAutomatic) {

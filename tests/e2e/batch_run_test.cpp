@@ -66,6 +66,18 @@ TEST_F(BatchRun, WithDetectionsEnds1AndNamesEachFile) {
                         "文件大小：1234\n病毒名称：Other\n病毒处理结果：1\n\n"));
 }
 
+TEST_F(BatchRun, TellsHowManyEntriesCouldNotBeScannedOnStandardErrorAlone) {
+  start();
+  agent_->acceptScan();
+  agent_->overview(12, 0, "", 3);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_EQ(console_->err(),
+            "tavcli: entries that could not be scanned: 3; see " + tree_.at("log/tavagentd.log") + "\n");
+  EXPECT_THAT(console_->out(), testing::EndsWith("\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n"));
+  EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：12\n染毒文件数量：0\n病毒数量：0\n"));
+}
+
 TEST_F(BatchRun, LeavesAPrivateReport) {
   start();
   agent_->acceptScan();

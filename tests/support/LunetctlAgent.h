@@ -91,8 +91,9 @@ class LunetctlAgent {
     params["token_id"] = "token";
     notify("reportBusProgress", params);
   }
-  void overview(int checked, int found, const std::string& current = "") {
+  void overview(int checked, int found, const std::string& current = "", int failed = 0) {
     Json::Value params;
+    params["overview"]["failed_item_count"] = failed;
     params["overview"]["checked_item_count"] = checked;
     params["overview"]["checkout_risk_count"] = found;
     params["overview"]["cur_item"] = current;

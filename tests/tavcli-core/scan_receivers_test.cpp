@@ -5,6 +5,7 @@
 
 #include "bin/BatchLoop.h"
 #include "bin/BusState.h"
+#include "bin/InstallDir.h"
 #include "bin/Pause.h"
 #include "command/scan/IBusinessCImpl.h"
 #include "command/scan/IScanCImpl.h"
@@ -281,6 +282,32 @@ TEST_F(Receivers, UnattendedAnUnfinishedTaskTellsWhyOnStandardError) {
   testing::internal::CaptureStderr();
   state(5);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: 扫描任务已中止: detail\n");
+}
+
+TEST_F(Receivers, UnattendedEntriesThatCouldNotBeScannedAreCountedOnStandardErrorOnceAtTheEnd) {
+  unattended();
+  overview(R"({"checked_item_count":5,"failed_item_count":7})");
+  overview(R"({"checked_item_count":6,"failed_item_count":2})");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
+  state(2);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: entries that could not be scanned: 2; see " +
+                                                        tavcli::installDirectory() + "log/tavagentd.log\n");
+}
+
+TEST_F(Receivers, UnattendedAScanOfEveryEntryLeavesStandardErrorEmpty) {
+  unattended();
+  overview(R"({"checked_item_count":5,"failed_item_count":0})");
+  testing::internal::CaptureStderr();
+  state(2);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(Receivers, AtThePromptEntriesThatCouldNotBeScannedAddNothingToTheEnd) {
+  overview(R"({"failed_item_count":2})");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(state(2), "\n扫描结束\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 // Over the bus.

@@ -3,12 +3,14 @@
 #include <cstdio>
 
 #include "bin/BusState.h"
+#include "bin/InstallDir.h"
 #include "command/scan/BatchReport.h"
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
 #include "lineeditor/Notices.h"
 #include "platform/CLogDebug.h"
+#include "platform/Text.h"
 
 namespace {
 
@@ -27,10 +29,23 @@ void reportAndSetState() {
   g_lastBusState = batchreport::write() ? tavcli::kBusStateInfected : tavcli::kBusStateClean;
 }
 
+/// Neither the report nor the exit code tells of entries that were met and not scanned.
+void complainOfUnscanned() {
+  const std::int64_t count = ScanRunState::instance().failed_items();
+  if (count <= 0) {
+    return;
+  }
+  const std::string log = platform::visibleText(tavcli::installDirectory() + "log/tavagentd.log");
+  const std::string line =
+      "tavcli: entries that could not be scanned: " + std::to_string(count) + "; see " + log + "\n";
+  std::fputs(line.c_str(), stderr);
+}
+
 /// The end of a scan. Returns the lines that tell of the task state before and behind it.
 std::string endOfTask() {
   const std::uint32_t before = g_lastBusState;
   if (before == tavcli::kBusStateNone) {
+    complainOfUnscanned();
     reportAndSetState();
   }
   return stateLine("exitvalue1", before) + stateLine("exitvalue2", g_lastBusState);

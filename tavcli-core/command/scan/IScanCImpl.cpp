@@ -71,6 +71,7 @@ void IScanCImpl::reportScanBusOverView(const Json::Value& overview, const std::s
   if (unattended()) {
     ScanRunState::instance().updateResult(
         [&](Json::Value& document) { batchreport::addOverview(document, counters, CDateTime::now()); });
+    ScanRunState::instance().set_failed_items(counters.failed_item_count);
   } else {
     lineeditor::printNotice(scandisplay::overviewLines(counters));
   }

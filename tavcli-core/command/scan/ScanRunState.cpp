@@ -42,5 +42,6 @@ void ScanRunState::reset() {
   scan_path_.clear();
   batch_mode_ = 0;
   fix_handle_ = 0;
+  failed_items_ = 0;
   result_ = Json::Value(Json::objectValue);
 }

@@ -32,6 +32,10 @@ class ScanRunState {
   /// The handling that the agent's settings gave at the last batch start: 1 report only, 2 automatic.
   std::int32_t fix_handle() const { return fix_handle_; }
   void set_fix_handle(std::int32_t handle) { fix_handle_ = handle; }
+  /// How many entries could not be scanned, as the last overview of a batch scan counted them. Stands in no
+  /// report.
+  std::int64_t failed_items() const { return failed_items_; }
+  void set_failed_items(std::int64_t count) { failed_items_ = count; }
 
   /// A copy of the result document of the running batch scan: "begintime", "endtime", "totalnum",
   /// "virusnum" and the array "virus".
@@ -48,5 +52,6 @@ class ScanRunState {
   std::string scan_path_;
   std::atomic<std::int32_t> batch_mode_{0};
   std::atomic<std::int32_t> fix_handle_{0};
+  std::atomic<std::int64_t> failed_items_{0};
   Json::Value result_{Json::objectValue};
 };
