@@ -8,14 +8,25 @@ die() { say "$*"; exit 1; }
 # The words of a file without its comments and blank lines.
 words_of() { sed -e 's/#.*//' "$1" | tr -s ' \t\n' ' '; }
 
-# Configures a preset when it is not, or when its cache came from elsewhere, and builds it. What the build
-# prints is shown only when it fails, unless TAV_VERBOSE is set. $1: preset; the rest: targets.
+# Configures a preset; anew when its cache was made in another folder (a checkout that was moved or copied), which
+# CMake would refuse to use.
+configure_preset() {
+  local cache=$top/build/$1/CMakeCache.txt home fresh=()
+  if [ -f "$cache" ]; then
+    home=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$cache")
+    [ "$home/CMakeLists.txt" -ef "$top/CMakeLists.txt" ] || fresh=(--fresh)
+  fi
+  (cd "$top" && cmake --preset "$1" ${fresh[@]+"${fresh[@]}"})
+}
+
+# Configures a preset and builds it. What the build prints is shown only when it fails, unless TAV_VERBOSE is
+# set. $1: preset; the rest: targets.
 build_preset() {
   local preset=$1 log
   shift
   log=$(mktemp) || die "cannot make a temporary file"
   say "building ($preset)"
-  if ! { cd "$top" && cmake --preset "$preset" && cmake --build "build/$preset" --target "$@"; } >"$log" 2>&1 </dev/null; then
+  if ! { configure_preset "$preset" && cmake --build "$top/build/$preset" --target "$@"; } >"$log" 2>&1 </dev/null; then
     cat "$log" >&2
     rm -f "$log"
     die "the build failed ($preset)"

@@ -44,7 +44,7 @@ const Row kRows[] = {
        return true;
      }},
     {"--status", nullptr,
-     "print what the tree's agent says of itself, one key=value a line; ends with 3 when none answers",
+     "print what the tree's agent says of itself, one key=value a line; ends with 3 when none runs",
      [](Options& options, const std::string&) { return setAction(options, Options::Action::kStatus); }},
     {"--version", nullptr, "print the version",
      [](Options& options, const std::string&) { return setAction(options, Options::Action::kVersion); }},

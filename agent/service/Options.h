@@ -8,9 +8,9 @@ namespace agent {
 /// How the program ends.
 enum ExitCode {
   kExitOk = 0,
-  kExitFailed = 1,
+  kExitFailed = 1,  ///< also --status: it cannot be told whether an agent runs
   kExitUsage = 2,
-  kExitNotRunning = 3,  ///< --status: no agent answers
+  kExitNotRunning = 3,  ///< --status: no agent runs
   kExitOtherRuns = 4    ///< another agent serves the tree
 };
 

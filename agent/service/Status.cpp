@@ -22,9 +22,19 @@ namespace {
 
 constexpr std::uint32_t kAnswerLimitMs = 5000;
 
-int notRunning(const std::string& why) {
+/// Nobody could be asked, which says nothing of whether an agent runs.
+int cannotTell(const std::string& why) {
   std::fprintf(stderr, "tavagentd: %s\n", platform::visibleText(why).c_str());
-  return kExitNotRunning;
+  return kExitFailed;
+}
+
+int noAnswer(const Tree& tree, std::uint32_t busError, const std::string& why) {
+  if (busError == lunet::kErrNoTarget) {
+    std::fprintf(stderr, "tavagentd: no agent answers on %s\n", platform::visibleText(tree.root).c_str());
+    return kExitNotRunning;
+  }
+  return cannotTell("the agent of " + tree.root +
+                    " gives no answer: " + (busError == lunet::kOk ? why : lunet::describeError(busError)));
 }
 
 /// By content: a program that was replaced by an equal one is the same build.
@@ -41,22 +51,22 @@ int printStatus(const Tree& tree) {
   BusSettings settings;
   std::string why;
   if (!readBusSettings(tree, "tavagentd-status", &settings, &why)) {
-    return notRunning(why);
+    return cannotTell(why);
   }
   BusLink bus;
   std::string guid;
   CUuid::generate(guid);
   why = bus.open(tree, settings, guid);
   if (!why.empty()) {
-    return notRunning(why);
+    return cannotTell(why);
   }
+  jsonrpchelper::IJsonRpcClientHelper helper(&bus.endpoint(), lunet::kAgentGuid, lunet::kRequestChannel,
+                                             lunet::kOnewayChannel, kAnswerLimitMs);
   Json::Value tasks;
   try {
-    jsonrpchelper::IJsonRpcClientHelper helper(&bus.endpoint(), lunet::kAgentGuid, lunet::kRequestChannel,
-                                               lunet::kOnewayChannel, kAnswerLimitMs);
     tasks = jsonrpchelper::AgentStub(helper.client()).getBusList();
   } catch (const std::exception& error) {
-    return notRunning("no agent answers on " + tree.root + ": " + error.what());
+    return noAnswer(tree, helper.lastBusError(), error.what());
   }
   const std::string pid = CGlobalTag(lunet::kAgentGuid, {settings.socketDir}).attribute("pid");
   const std::string program = "/proc/" + pid + "/exe";

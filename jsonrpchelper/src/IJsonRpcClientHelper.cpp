@@ -76,8 +76,9 @@ void IJsonRpcClientHelper::exchange(const std::string& message, const Json::Valu
                           lengthOf(message), &error, &reply, &replyLength, timeoutMs_);
   const auto giveBack = [this](char* buffer) { endpoint_->FreeBuffer(buffer); };
   const std::unique_ptr<char, decltype(giveBack)> owner(reply, giveBack);
+  lastBusError_ = sent != lunet::kOk && error != lunet::kOk ? error : sent;
   if (sent != lunet::kOk) {
-    failSend("SyncSend", error != 0 ? error : sent);
+    failSend("SyncSend", lastBusError_);
   }
   if (reply == nullptr) {
     return;
@@ -94,10 +95,10 @@ void IJsonRpcClientHelper::SendRPCMessage(const std::string& message) {
   if (endpoint_ == nullptr) {
     throw JsonRpcException(Errors::ERROR_CLIENT_CONNECTOR, "lunet OnewaySend error LunetEndPoint invaild");
   }
-  const std::uint32_t error = endpoint_->OnewaySend(lunet::parseGuid(target_.c_str()), onewayChannel_,
-                                                    message.data(), lengthOf(message));
-  if (error != lunet::kOk) {
-    failSend("OnewaySend", error);
+  lastBusError_ = endpoint_->OnewaySend(lunet::parseGuid(target_.c_str()), onewayChannel_, message.data(),
+                                        lengthOf(message));
+  if (lastBusError_ != lunet::kOk) {
+    failSend("OnewaySend", lastBusError_);
   }
 }
 

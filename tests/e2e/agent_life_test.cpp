@@ -117,6 +117,15 @@ TEST(AgentProgram, StatusWithoutAnAgentEndsWithThree) {
   EXPECT_THAT(status->out(), IsEmpty());
 }
 
+TEST(AgentProgram, StatusThatCannotAskEndsWithOneAndSaysWhy) {
+  AgentTree tree;
+  ASSERT_EQ(0, chmod(tree.at("etc/communication/cli_lunet.conf").c_str(), 0666));
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(1, status->wait());
+  EXPECT_THAT(status->err(), HasSubstr("the bus configuration is not used"));
+  EXPECT_THAT(status->err(), Not(HasSubstr("no agent")));
+}
+
 TEST(AgentProgram, AsADaemonItsCallerEndsWithZeroOnceItServes) {
   const AgentTree tree({.group = "", .start = false, .uid = {}});
   const auto starter = tree.run({"--daemon"});

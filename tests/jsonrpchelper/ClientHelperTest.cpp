@@ -54,6 +54,19 @@ TEST_F(ClientHelper, ASynchronousSendThatFailsWithNumberFiveThrowsThatNumber) {
   EXPECT_EQ(result, "");
 }
 
+TEST_F(ClientHelper, TheBusErrorOfTheLastSendCanBeAskedFor) {
+  endpoint.syncResult = 1;
+  endpoint.syncError = lunet::kErrNoTarget;
+  std::string result;
+  thrownBy([&] { client.SendRPCMessage(request, result); });
+  EXPECT_EQ(client.lastBusError(), lunet::kErrNoTarget);
+  endpoint.syncResult = lunet::kOk;
+  endpoint.syncError = 0;
+  endpoint.answer = [](const std::string&) { return R"({"jsonrpc":"2.0","id":1,"result":[]})"; };
+  client.SendRPCMessage(request, result);
+  EXPECT_EQ(client.lastBusError(), static_cast<std::uint32_t>(lunet::kOk));
+}
+
 TEST_F(ClientHelper, AFailedSendTellsTheErrorNumberNotTheResult) {
   endpoint.syncResult = 1;
   endpoint.syncError = 77;

@@ -28,6 +28,8 @@ class IJsonRpcClientHelper : public jsonrpc::IClientConnector, public jsonrpc::C
   jsonrpc::Client& client() { return *this; }
   const std::string& target() const { return target_; }
   std::uint32_t timeoutMs() const { return timeoutMs_; }
+  /// The bus's error number (lunet::Error) of the last send; lunet::kOk when the bus carried it.
+  std::uint32_t lastBusError() const { return lastBusError_; }
 
  private:
   void exchange(const std::string& message, const Json::Value& id, std::string& result);
@@ -37,6 +39,7 @@ class IJsonRpcClientHelper : public jsonrpc::IClientConnector, public jsonrpc::C
   std::uint32_t requestChannel_;
   std::uint32_t onewayChannel_;
   std::uint32_t timeoutMs_;
+  std::uint32_t lastBusError_ = lunet::kOk;
 };
 
 }  // namespace jsonrpchelper
