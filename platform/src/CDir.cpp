@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "platform/Files.h"
@@ -58,6 +59,15 @@ bool CDir::make(const std::string& path, std::uint32_t mode) {
     return false;
   }
   return CFileInfo(path).isDir();
+}
+
+std::string CDir::nearestExisting(const std::string& path) {
+  std::filesystem::path step = path;
+  std::error_code error;
+  while (step.has_relative_path() && !std::filesystem::exists(std::filesystem::symlink_status(step, error))) {
+    step = step.parent_path();
+  }
+  return step.string();
 }
 
 std::string CDir::resolveSafe(const std::string& path) {

@@ -23,18 +23,27 @@ std::string homeOf(uid_t uid) {
   return {};
 }
 
-std::string stateHome() {
-  const char* given = std::getenv("XDG_STATE_HOME");
-  if (given != nullptr && given[0] == '/') {
-    return given;
+/// `su` and `sudo -E` hand root another user's environment: that user must not say where root makes folders
+/// and writes, nor find root's folders among his own.
+bool mayWriteBelow(const std::string& folder) {
+  return !CDir::resolveSafe(CDir::nearestExisting(folder)).empty();
+}
+
+std::string logDir() {
+  const std::string name = "/tavcli";
+  if (const char* given = std::getenv("XDG_STATE_HOME"); given != nullptr && given[0] == '/') {
+    if (const std::string folder = utils::FormatDir(given + name, false); mayWriteBelow(folder)) {
+      return folder;
+    }
   }
-  return homeOf(getuid()) + "/.local/state";
+  return utils::FormatDir(homeOf(getuid()) + "/.local/state" + name, false);
 }
 
 }  // namespace
 
-ConstConfig::ConstConfig() : logDir_(utils::FormatDir(stateHome() + "/tavcli", true)) {
-  CDir::make(logDir_.substr(0, logDir_.size() - 1), 0700);
+ConstConfig::ConstConfig() : logDir_(logDir()) {
+  CDir::make(logDir_, 0700);
+  logDir_ += "/";
 }
 
 ConstConfig* ConstConfig::singleInstance() {

@@ -1,37 +1,98 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <string>
 
 #include "platform/ConstConfig.h"
 #include "support/TempDir.h"
 
 namespace {
 
+/// What a process with that environment gets: the configuration is made once a process, so each question has
+/// one of its own. stateHome: null for none.
+std::string logDirWith(const char* stateHome) {
+  int ends[2];
+  if (pipe(ends) != 0) {
+    return "no pipe";
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv("HOME", "/home/of/somebody/else", 1);
+    stateHome == nullptr ? unsetenv("XDG_STATE_HOME") : setenv("XDG_STATE_HOME", stateHome, 1);
+    const std::string& text = ConstConfig::singleInstance()->getLogDir();
+    _exit(write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+  }
+  close(ends[1]);
+  char text[4096];
+  const ssize_t count = read(ends[0], text, sizeof text);
+  close(ends[0]);
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status == 0 && count > 0 ? std::string(text, static_cast<std::size_t>(count)) : "no answer";
+}
+std::string logDirWith(const std::string& stateHome) {
+  return logDirWith(stateHome.c_str());
+}
+
+/// Where it lies when the environment does not count.
+std::string inTheUsersHome() {
+  const passwd* user = getpwuid(getuid());
+  return user == nullptr ? "no user" : std::string(user->pw_dir) + "/.local/state/tavcli/";
+}
+
 TEST(ConstConfig, TheLogFolderLiesUnderTheStateHomeAndEndsInASeparator) {
   const testsupport::TempDir dir;
-  setenv("XDG_STATE_HOME", dir.path().c_str(), 1);
-  EXPECT_EQ(ConstConfig::singleInstance()->getLogDir(), dir.path() + "/tavcli/");
+  EXPECT_EQ(logDirWith(dir.path()), dir.path() + "/tavcli/");
   struct stat st {};
   ASSERT_EQ(stat(dir.at("tavcli").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
 }
 
+TEST(ConstConfig, AStateHomeThatDoesNotStandYetIsMade) {
+  const testsupport::TempDir dir;
+  EXPECT_EQ(logDirWith(dir.at("not/yet")), dir.at("not/yet/tavcli/"));
+  EXPECT_TRUE(std::filesystem::is_directory(dir.at("not/yet/tavcli")));
+}
+
 TEST(ConstConfig, WithoutAStateHomeItLiesUnderTheUsersHomeWhateverTheEnvironmentSays) {
-  unsetenv("XDG_STATE_HOME");
-  setenv("HOME", "/home/of/somebody/else", 1);
-  const passwd* user = getpwuid(getuid());
-  ASSERT_NE(user, nullptr);
-  EXPECT_EQ(ConstConfig::singleInstance()->getLogDir(), std::string(user->pw_dir) + "/.local/state/tavcli/");
+  EXPECT_EQ(logDirWith(nullptr), inTheUsersHome());
 }
 
 TEST(ConstConfig, ARelativeStateHomeIsIgnored) {
-  setenv("XDG_STATE_HOME", "relative/path", 1);
-  const passwd* user = getpwuid(getuid());
-  ASSERT_NE(user, nullptr);
-  EXPECT_EQ(ConstConfig::singleInstance()->getLogDir(), std::string(user->pw_dir) + "/.local/state/tavcli/");
+  EXPECT_EQ(logDirWith("relative/path"), inTheUsersHome());
+}
+
+TEST(ConstConfig, AStateHomeThatOthersMayWriteIsIgnoredAndNothingIsMadeThere) {
+  const testsupport::TempDir dir;
+  for (const mode_t mode : {0777, 0775, 01777}) {
+    ASSERT_EQ(chmod(dir.path().c_str(), mode), 0);
+    EXPECT_EQ(logDirWith(dir.path()), inTheUsersHome());
+    EXPECT_EQ(logDirWith(dir.at("below")), inTheUsersHome());
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  }
+}
+
+TEST(ConstConfig, AStateHomeThroughALinkThatLeadsNowhereIsIgnored) {
+  const testsupport::TempDir dir;
+  std::filesystem::create_symlink(dir.at("nowhere"), dir.at("link"));
+  EXPECT_EQ(logDirWith(dir.at("link")), inTheUsersHome());
+}
+
+TEST(ConstConfig, AnotherUsersStateHomeIsIgnoredAndNothingIsMadeThere) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "needs a second user";
+  }
+  const testsupport::TempDir dir;
+  ASSERT_TRUE(std::filesystem::create_directory(dir.at("state")));
+  ASSERT_EQ(chown(dir.at("state").c_str(), 54321, 54321), 0);
+  EXPECT_EQ(logDirWith(dir.at("state")), inTheUsersHome());
+  EXPECT_EQ(logDirWith(dir.at("state/below")), inTheUsersHome());
+  EXPECT_TRUE(std::filesystem::is_empty(dir.at("state")));
 }
 
 }  // namespace

@@ -159,6 +159,19 @@ TEST(Dir, ChangesToAFolder) {
   EXPECT_TRUE(CDir::setCurrent(*before));
 }
 
+TEST(NearestExisting, IsThePathItselfOrTheFirstFolderAboveItThatStands) {
+  const TempDir dir;
+  EXPECT_EQ(CDir::nearestExisting(dir.path()), dir.path());
+  EXPECT_EQ(CDir::nearestExisting(dir.at("a/b/c")), dir.path());
+  EXPECT_EQ(CDir::nearestExisting("/no-such-folder/below"), "/");
+}
+
+TEST(NearestExisting, CountsALinkThatLeadsNowhere) {
+  const TempDir dir;
+  std::filesystem::create_symlink(dir.at("nowhere"), dir.at("link"));
+  EXPECT_EQ(CDir::nearestExisting(dir.at("link/below")), dir.at("link"));
+}
+
 TEST(WhyUnsafe, AFileOfTheCallersBelowAStickyFolderIsSafe) {
   const TempDir dir;  // below /tmp, which anybody can write and which is sticky
   EXPECT_EQ(CDir::whyUnsafe(dir.write("lib/x.so", "")), "");

@@ -26,6 +26,9 @@ class DebugLog : public testing::Test {
     log->SetProperty(CLogDebug::kPath, path);
     log->SetProperty(CLogDebug::kName, "unit");
     log->SetProperty(CLogDebug::kLevel, level);
+    // Properties outlive Close.
+    log->SetProperty(CLogDebug::kSize, "1048576");
+    log->SetProperty(CLogDebug::kBackupCount, "5");
   }
   void TearDown() override { CLogDebug::Close(); }
   std::string content() const { return readFile(dir_.at("unit.log")); }

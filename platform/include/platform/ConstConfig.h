@@ -6,9 +6,9 @@
 class ConstConfig {
  public:
   static ConstConfig* singleInstance();
-  /// Ends in a separator. "$XDG_STATE_HOME/tavcli/" when that names an absolute path, else
-  /// ~/.local/state/tavcli/ of the uid's home as the user database has it (never $HOME). Created (0700) on
-  /// the first call when it can be.
+  /// Ends in a separator. "$XDG_STATE_HOME/tavcli/" when that is absolute and what stands of it belongs to
+  /// root or the effective user and can be written by nobody else, else ~/.local/state/tavcli/ of the uid's
+  /// home as the user database has it (never $HOME). Created (0700) on the first call when it can be.
   const std::string& getLogDir() const { return logDir_; }
 
  private:

@@ -42,6 +42,8 @@ class CDir {
   static bool setCurrent(const std::string& path);
   /// With parents, mode for each that is made. True when it stands afterwards.
   static bool make(const std::string& path, std::uint32_t mode);
+  /// What stands there, a link that leads nowhere included, or else the nearest folder above it.
+  static std::string nearestExisting(const std::string& path);
   /// Empty when file and every folder up to / (links resolved) belong to root or this process's effective
   /// user and can be written by nobody else (a sticky folder counts as safe); else one line that says
   /// which and why.
