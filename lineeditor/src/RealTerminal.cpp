@@ -96,8 +96,7 @@ bool RealTerminal::waitForInput(int waitMs, Input& other) {
       return false;
     }
     if (signals::takeContinued() && raw_) {
-      raw_ = false;
-      takeRaw();  // whoever had the terminal meanwhile has set it for itself
+      retakeRaw();
       other = {InputKind::Resized};
       return false;
     }
@@ -160,10 +159,26 @@ void RealTerminal::takeRaw() {
   if (raw_) {
     return;
   }
+  signals::takeContinued();  // the settings that follow are newer
   if (tcgetattr(STDIN_FILENO, &saved_) != 0) {
     std::perror("tcsetattr");
     return;
   }
+  setRaw();
+}
+
+/// After a stop: whoever had the terminal meanwhile has set it for itself. Its settings become the saved ones
+/// when they are a shell's for its jobs, not its own for editing, nor ours.
+void RealTerminal::retakeRaw() {
+  termios now{};
+  if (tcgetattr(STDIN_FILENO, &now) == 0 && (now.c_lflag & ICANON) != 0 &&
+      tcgetpgrp(STDIN_FILENO) == getpgrp()) {
+    saved_ = now;
+  }
+  setRaw();
+}
+
+void RealTerminal::setRaw() {
   signals::setSavedSettings(saved_);
   termios raw = saved_;
   raw.c_lflag &= ~static_cast<tcflag_t>(ISIG | ICANON | ECHO);

@@ -28,6 +28,8 @@ class RealTerminal : public TerminalIo {
 
  private:
   bool waitForInput(int waitMs, Input& other);
+  void retakeRaw();
+  void setRaw();
   static TerminalSize askSize();
 
   termios saved_{};

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <string>
 
+#include "Sequences.h"
 #include "SignalState.h"
 
 namespace lineeditor {
@@ -19,6 +21,8 @@ std::atomic<unsigned> resizeCount{0};
 std::atomic<bool> continuedFlag{false};
 std::atomic<int> wakeRead{-1};
 std::atomic<int> wakeWrite{-1};
+
+constexpr std::size_t kPasteMarksOffBytes = std::char_traits<char>::length(sequence::kPasteMarksOff);
 
 termios savedSettings;  // read by fatal handlers, only while settingsSaved
 std::atomic<bool> settingsSaved{false};
@@ -45,6 +49,7 @@ void onResize(int /*signal*/) {
 }
 
 void onContinue(int /*signal*/) {
+  resizeCount.fetch_add(1);  // a job that is stopped is not told of a change of the window
   continuedFlag.store(true);
   wake();
 }
@@ -53,6 +58,9 @@ void onContinue(int /*signal*/) {
 void onFatal(int signal) {
   if (settingsSaved.load()) {
     tcsetattr(STDIN_FILENO, TCSANOW, &savedSettings);
+    if (write(STDOUT_FILENO, sequence::kPasteMarksOff, kPasteMarksOffBytes) < 0) {
+      // the terminal is gone
+    }
   }
   raise(signal);
 }
@@ -90,6 +98,11 @@ void installSignalHandlers() {
   }
   for (const SignalRow& row : kSignals) {
     struct sigaction action {};
+    if (row.handler == onEnd && sigaction(row.signal, nullptr, &action) == 0 &&
+        action.sa_handler == SIG_IGN) {
+      continue;  // nohup, or a script's job in the background
+    }
+    action = {};
     action.sa_handler = row.handler;
     action.sa_flags = static_cast<int>(row.flags);
     sigemptyset(&action.sa_mask);
@@ -125,6 +138,7 @@ bool takeContinued() {
 }
 
 void setSavedSettings(const termios& settings) {
+  settingsSaved.store(false);
   savedSettings = settings;
   settingsSaved.store(true);
 }

@@ -18,10 +18,20 @@ class EditorPty : public ::testing::Test {
  protected:
   void start(std::vector<std::string> arguments = {}, PtyProgram::Options options = {}) {
     arguments.insert(arguments.begin(), {kDriver, "--history", history_});
+    for (const char* name : {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"}) {
+      options.environment.emplace(name, "");  // the emulator here does not wrap lines anew
+    }
     program_ = std::make_unique<PtyProgram>(arguments, options);
   }
   PtyProgram& program() { return *program_; }
   void expectSettingsAsBefore() { EXPECT_EQ(program().sttyText(), program().sttyTextAtStart()); }
+  void stop() {
+    program().kill(SIGSTOP);
+    ASSERT_TRUE(testsupport::waitFor([this] {
+      return testsupport::readFile("/proc/" + std::to_string(program().pid()) + "/stat").find(") T ") !=
+             std::string::npos;
+    }));
+  }
   bool raw() { return (program().settings().c_lflag & ICANON) == 0; }
 
   testsupport::TempDir dir_;
@@ -57,6 +67,20 @@ TEST_F(EditorPty, AKeyIsShownAndALineIsHandedBack) {
   program().type("\r");
   ASSERT_TRUE(program().waitForText("<scan 扫描>"));
 }
+
+/// Starts the console as nohup and the like do: with a signal ignored.
+class IgnoredSignal : public EditorPty, public ::testing::WithParamInterface<int> {};
+TEST_P(IgnoredSignal, StaysIgnored) {
+  const auto before = ::signal(GetParam(), SIG_IGN);
+  start();
+  ::signal(GetParam(), before);
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().kill(GetParam());
+  program().type("still here\r");
+  EXPECT_TRUE(program().waitForText("<still here>"));
+}
+INSTANTIATE_TEST_SUITE_P(, IgnoredSignal, ::testing::Values(SIGHUP, SIGINT, SIGTERM),
+                         [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
 struct EndRow {
   const char* name;
@@ -101,10 +125,9 @@ TEST_P(EditorEnds, LeaveTheTerminalAsItWas) {
   EXPECT_EQ(program().wait(), end.savesHistory ? 0 : 128 + end.signal) << program().screen().text();
   expectSettingsAsBefore();
   EXPECT_EQ(testsupport::readFile(history_).starts_with("kept\n"), end.savesHistory);
+  EXPECT_GT(program().written().rfind("\033[?2004l"), program().written().rfind("\033[?2004h"));
   if (end.savesHistory) {
     EXPECT_EQ(program().screen().cursorCol(), 0) << program().screen().text();
-    EXPECT_TRUE(program().written().ends_with("\033[?2004l") ||
-                program().written().rfind("\033[?2004l") > program().written().rfind("\033[?2004h"));
   }
 }
 
@@ -127,17 +150,47 @@ TEST_F(EditorPty, ASuspendedProgramComesBackWithItsLine) {
   program().type("half");
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
   const termios during = program().settings();
-  program().kill(SIGSTOP);
-  ASSERT_TRUE(testsupport::waitFor([this] {
-    return testsupport::readFile("/proc/" + std::to_string(program().pid()) + "/stat").find(") T ") !=
-           std::string::npos;
-  }));
+  stop();
   program().makeCooked();
   program().kill(SIGCONT);
   ASSERT_TRUE(program().waitUntil(
       [&](const TerminalScreen&) { return testsupport::sameSettings(program().settings(), during); }));
   program().type("!\r");
   EXPECT_TRUE(program().waitForText("<half!>"));
+}
+
+TEST_F(EditorPty, AContinueWithoutAStopLeavesTheSavedSettings) {
+  start();
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().type("half");
+  ASSERT_TRUE(program().waitForPrompt("TAV> half"));
+  program().kill(SIGCONT);
+  program().type("!");
+  ASSERT_TRUE(program().waitForPrompt("TAV> half!"));
+  program().type(
+      "\x15"
+      "exit\r");
+  EXPECT_EQ(program().wait(), 0);
+  expectSettingsAsBefore();
+}
+
+TEST_F(EditorPty, ACommandThatIsStoppedAndContinuedLeavesTheSavedSettings) {
+  start();
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().type("!busy\r");
+  ASSERT_TRUE(program().waitForText("busy\n"));
+  ASSERT_TRUE(program().waitUntil([this](const TerminalScreen&) { return !raw(); }));
+  stop();
+  program().kill(SIGCONT);
+  program().kill(SIGUSR1);
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().type("half");
+  ASSERT_TRUE(program().waitForPrompt("TAV> half"));
+  program().type(
+      "\x15"
+      "exit\r");
+  EXPECT_EQ(program().wait(), 0);
+  expectSettingsAsBefore();
 }
 
 TEST_F(EditorPty, AWindowThatGetsNarrowerRedrawsTheLine) {
