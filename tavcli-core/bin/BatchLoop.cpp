@@ -14,6 +14,10 @@ constexpr std::chrono::seconds kMarkStep{30};
 /// 64 bits: the time left may pass below what an int holds.
 using SecondsLeft = std::int64_t;
 
+BatchEnd endWith(std::uint32_t finalState) {
+  return {finalState == kBusStateClean ? 0 : 1, false};
+}
+
 }  // namespace
 
 MarkWait waitForMark(int timeoutSec, const std::function<int()>& tryOnce, IPause& pause) {
@@ -45,17 +49,21 @@ BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pa
       // step of the timeout.
       remaining -= end == IPause::End::kFinalState ? 0 : kPollStep.count();
     } else if (state == kBusStateBusy) {
-      // Unless a newer state has come in between.
-      g_lastBusState.compare_exchange_strong(state, kBusStateNone);
+      if (!g_lastBusState.compare_exchange_strong(state, kBusStateNone)) {
+        continue;  // a newer state has come in between
+      }
       host.execute(command.c_str());
       end = pause.sleep(kRetryStep);
       remaining -= kRetryStep.count();
     } else {
-      return {state == kBusStateClean ? 0 : 1, false};
+      return endWith(state);
     }
     if (end == IPause::End::kSignal) {
       return {0, true};
     }
+  }
+  if (const std::uint32_t state = g_lastBusState; state != kBusStateNone && state != kBusStateBusy) {
+    return endWith(state);  // it came in the last step
   }
   host.complain("tavcli: the scan of " + options.scanPath + " has not ended within " +
                 std::to_string(options.timeoutSec) + " seconds; it may still be running");

@@ -125,7 +125,12 @@ std::optional<Refusal> checkBatchOptions(BatchOptions& options) {
     return refusal;
   }
   if (options.scanPath.front() != '/') {
-    options.scanPath = CDir::current().value_or("") + "/" + options.scanPath;
+    const std::optional<std::string> current = CDir::current();
+    if (!current) {
+      return Refusal{"", "tavcli: -scanpath " + shown(options.scanPath) +
+                             " is relative, and the current folder is gone: name it from / on"};
+    }
+    options.scanPath = *current + "/" + options.scanPath;
   }
   if (auto refusal = refuseUnspeakable(options)) {
     return refusal;

@@ -19,7 +19,8 @@ void logCaught(const RequestPlace& place, const jsonrpc::JsonRpcException& excep
 }
 
 int askAgent(const RequestPlace& place, int afterException,
-             const std::function<int(jsonrpchelper::AgentStub& agent)>& body) {
+             const std::function<int(jsonrpchelper::AgentStub& agent)>& body,
+             const std::function<void(const std::string& why)>& failed) {
   jsonrpchelper::IJsonRpcClientHelper* const client =
       jsonrpchelper::ClientRegistry::instance().getClient(lunet::kAgentGuid);
   if (client == nullptr) {
@@ -30,6 +31,9 @@ int askAgent(const RequestPlace& place, int afterException,
     return body(agent);
   } catch (const jsonrpc::JsonRpcException& exception) {
     logCaught(place, exception);
+    if (failed) {
+      failed(exception.GetMessage());
+    }
     return afterException;
   }
 }

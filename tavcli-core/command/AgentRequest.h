@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "jsonrpchelper/AgentMethods.h"
 
@@ -21,8 +22,10 @@ struct RequestPlace {
 void logCaught(const RequestPlace& place, const jsonrpc::JsonRpcException& exception);
 
 /// Runs one request: the body gets the agent's stub, and its result is the request's. 0 when there is no way
-/// to the agent; a JsonRpcException of the body is logged and gives afterException. Main thread.
+/// to the agent; a JsonRpcException of the body is logged, told to `failed` and gives afterException. Main
+/// thread.
 int askAgent(const RequestPlace& place, int afterException,
-             const std::function<int(jsonrpchelper::AgentStub& agent)>& body);
+             const std::function<int(jsonrpchelper::AgentStub& agent)>& body,
+             const std::function<void(const std::string& why)>& failed = nullptr);
 
 }  // namespace command

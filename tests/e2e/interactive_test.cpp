@@ -181,6 +181,16 @@ TEST_P(PipedConsoleSignal, EndsTheLoopAsEndOfInputDoes) {
   EXPECT_THAT(list->out(), Not(HasSubstr(testsupport::kConsoleAddress)));
 }
 
+TEST_P(PipedConsoleSignal, EndsAListOfRequestsBehindTheOneThatWaits) {
+  start();
+  console_->write("CONFIG SHOW\n");
+  const LunetctlAgent::Call first = agent_.waitForCall("getAVConfig");
+  console_->kill(GetParam());
+  agent_.answer(first, "{}");
+  EXPECT_EQ(console_->wait(), 0);
+  EXPECT_EQ(agent_.callsSeen(), 1U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Interactive, PipedConsoleSignal, testing::Values(SIGTERM, SIGINT, SIGHUP),
                          [](const auto& row) { return std::string("Sig") + sigabbrev_np(row.param); });
 

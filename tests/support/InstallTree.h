@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +10,17 @@
 #include "support/TempDir.h"
 
 namespace testsupport {
+
+/// A shared object that is no bus library: one that this test has loaded. Empty when it has none.
+inline std::string someSharedObject() {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find("libjsoncpp") != std::string::npos) {
+      return line.substr(line.find('/'));
+    }
+  }
+  return "";
+}
 
 /// An install tree of a test's own, as the console and the agent find it: bin/, the bus library under
 /// lib/modules/, the shipped etc/ files, log/; and a state folder for the history. Sockets and mark lie below

@@ -147,6 +147,24 @@ TEST_F(BatchLoop, ABusyAgentUsesTheTimeoutUpInStepsOf30) {
   EXPECT_EQ(complaints_.size(), 1U);
 }
 
+TEST_F(BatchLoop, ATaskThatEndsInTheLastPauseBehindABusyAgentCounts) {
+  pause_.script = {stateTurns(tavcli::kBusStateBusy), stateTurns(tavcli::kBusStateInfected)};
+  EXPECT_EQ(run(40).exitCode, 1);
+  EXPECT_THAT(complaints_, ElementsAre());
+}
+
+TEST_F(BatchLoop, AStateThatComesAfterTheLastWaitCounts) {
+  pause_.script = {stateTurns(tavcli::kBusStateInfected, IPause::End::kElapsed)};
+  EXPECT_EQ(run(10).exitCode, 1);
+  EXPECT_THAT(complaints_, ElementsAre());
+}
+
+TEST_F(BatchLoop, AnAgentThatIsBusyToTheEndIsATimeout) {
+  pause_.script = {stateTurns(tavcli::kBusStateBusy), stateTurns(tavcli::kBusStateBusy)};
+  EXPECT_EQ(run(40).exitCode, 0);
+  EXPECT_EQ(complaints_.size(), 1u);
+}
+
 TEST_F(BatchLoop, ASignalEndsAWait) {
   pause_.script = {{[] {}, IPause::End::kSignal}};
   EXPECT_TRUE(run(100).signalled);

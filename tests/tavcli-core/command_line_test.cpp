@@ -180,6 +180,23 @@ TEST_F(BatchArguments, WithARelativeScanPathMeanTheConsolesFolder) {
   EXPECT_EQ(accepted_.scanPath, dir_.path() + "/data");
 }
 
+TEST_F(BatchArguments, WithARelativeScanPathAreRefusedWhenTheCurrentFolderIsGone) {
+  EXPECT_EXIT(
+      {
+        const std::string gone = dir_.at("gone");
+        if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0) {
+          _exit(2);
+        }
+        tavcli::BatchOptions options;
+        options.scanPath = "etc";  // there is an /etc
+        options.logPath = dir_.at("report");
+        const auto refusal = tavcli::checkBatchOptions(options);
+        std::fputs(refusal ? refusal->err.c_str() : options.scanPath.c_str(), stderr);
+        _exit(0);
+      },
+      testing::ExitedWithCode(0), "tavcli: -scanpath \"etc\" is relative, and the current folder is gone");
+}
+
 TEST_F(BatchArguments, WithARelativeLogPathStayAsTheyAre) {
   ASSERT_EQ(chdir(dir_.path().c_str()), 0);
   EXPECT_EQ(refusalOf(dir_.path(), "report"), "-");

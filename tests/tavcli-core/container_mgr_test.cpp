@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <memory>
 
 #include "bin/CContainerMgr.h"
@@ -43,16 +42,6 @@ class ContainerManager : public testing::Test {
     return printing([this] { return manager().start(); });
   }
   /// A shared object that is no bus library.
-  static std::string someSharedObject() {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-      if (line.find("libjsoncpp") != std::string::npos) {
-        return line.substr(line.find('/'));
-      }
-    }
-    return "";
-  }
-
   testsupport::InstallTree tree_;
   std::unique_ptr<testsupport::ScriptedAgent> agent_;
   tavcli::ContainerConfig config_;
@@ -193,7 +182,7 @@ TEST_F(ContainerManager, WithoutTheBusLibraryHasTheDlopenLineInTheDebugLog) {
 }
 
 TEST_F(ContainerManager, WithALibraryWithoutCreateInstanceHasTheDlsymLineInTheDebugLog) {
-  const std::string other = someSharedObject();
+  const std::string other = testsupport::someSharedObject();
   ASSERT_NE(other, "");
   std::filesystem::remove(tree_.busLibrary());
   std::filesystem::copy_file(other, tree_.busLibrary());

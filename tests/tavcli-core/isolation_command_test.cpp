@@ -11,9 +11,11 @@
 #include "command/isolation/comm/send/CliIsolationCommunication.h"
 #include "support/GrammarRows.h"
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 using testsupport::GrammarRowExpected;
 using testsupport::outputOf;
@@ -171,11 +173,20 @@ TEST_F(IsolationTask, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {
 }
 
 TEST_F(IsolationTask, WithoutAnAgentLinkNothingIsPrintedAndNothingLogged) {
+  const testsupport::TempDir dir;
+  CLogDebug* const log = CLogDebug::Create();
+  log->SetProperty(CLogDebug::kPath, dir.path());
+  log->SetProperty(CLogDebug::kName, "t");
+  log->SetProperty(CLogDebug::kLevel, "4");
   EXPECT_EQ(outputOf([] {
               EXPECT_EQ(CliIsolationCommunication::action_isolationreport(), 0);
               EXPECT_EQ(CliIsolationCommunication::action_isolationrestore({"u"}, 0), 0);
             }),
             "");
+  CLogDebug::LogPrintStr(4, "", "", 0, "the log works");
+  CLogDebug::Close();
+  EXPECT_THAT(testsupport::readFile(dir.at("t.log")),
+              AllOf(HasSubstr("the log works"), Not(HasSubstr("Caught"))));
 }
 
 TEST_F(IsolationCommand, AnEmptyQuarantinePrintsAnEmptyLineAndTheTotal) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "command/scan/ScanRunState.h"
 #include "command/scan/adaptor/CliScanCommunication.h"
 #include "json/CppJson.h"
 #include "jsonrpchelper/Holders.h"
@@ -12,7 +13,10 @@
 
 namespace {
 
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 Json::Value parsed(const std::string& text) {
   Json::Value value;
@@ -297,6 +301,22 @@ TEST_P(FailingRequest, ToAnAgentThatDiesMeanwhileIsLoggedAndPrintsNothing) {
     agent_.dieAt(method);
   }
   expectLoggedAndSilent();
+}
+
+TEST_F(ScanRequests, AnUnattendedStartThatIsNotConfirmedIsToldToTheOperator) {
+  agent_.answerError("startScanTask", -32000, "the store\nis full");
+  const auto complaint = [] {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(CliScanCommunication::action_startscan(0, 2, {"/data"}, 1), 0);
+    return testing::internal::GetCapturedStderr();
+  };
+  EXPECT_EQ(complaint(), "") << "at the prompt the debug log has it";
+  ScanRunState::instance().set_batch_mode();
+  EXPECT_THAT(complaint(), AllOf(StartsWith("tavcli: the agent has not confirmed the start of the scan: "),
+                                 EndsWith("the store\\nis full\n")));
+  agent_.dieAt("startScanTask");
+  EXPECT_THAT(complaint(), HasSubstr("lunet SyncSend error ret["));
+  ScanRunState::instance().reset();
 }
 
 TEST_P(FailingRequest, WithoutALinkGives0AndLogsNothing) {

@@ -4,6 +4,7 @@
 
 #include "command/config/comm/send/CliConfigCommunication.h"
 #include "json/CppJson.h"
+#include "lineeditor/Signals.h"
 
 namespace {
 
@@ -29,11 +30,20 @@ constexpr Destination kDestinations[] = {
 constexpr int kCompact = 1;
 constexpr int kPublicCloud = 0;
 
+constexpr int (*kPages[])() = {
+    CliConfigCommunication::action_scanconfig_show,
+    CliConfigCommunication::action_isolationconfig_show,
+    CliConfigCommunication::action_engineconfig_show,
+    CliConfigCommunication::action_realprotectconfig_show,
+};
+
+/// Each may wait for its answer until the call times out: a console that is asked to end does not ask on.
 void showAll() {
-  CliConfigCommunication::action_scanconfig_show();
-  CliConfigCommunication::action_isolationconfig_show();
-  CliConfigCommunication::action_engineconfig_show();
-  CliConfigCommunication::action_realprotectconfig_show();
+  for (const auto& show : kPages) {
+    if (!lineeditor::endRequested()) {
+      show();
+    }
+  }
 }
 
 Json::Value wrapped(const Destination& destination, const Json::Value& settings) {

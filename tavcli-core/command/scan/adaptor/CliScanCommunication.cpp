@@ -7,9 +7,11 @@
 
 #include "command/AgentRequest.h"
 #include "command/ListText.h"
+#include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
 #include "json/ScanRecords.h"
 #include "jsonrpchelper/AgentMethods.h"
+#include "platform/Text.h"
 
 namespace {
 
@@ -54,6 +56,14 @@ std::optional<Control> controlFor(unsigned action) {
   return std::nullopt;
 }
 
+/// An unattended run waits on all the same: the agent may have begun the scan before its answer was lost.
+void complainOfUnconfirmedStart(const std::string& why) {
+  if (ScanRunState::instance().batch_mode() == 1) {
+    std::fprintf(stderr, "tavcli: the agent has not confirmed the start of the scan: %s\n",
+                 platform::visibleText(why).c_str());
+  }
+}
+
 std::string runningTask(const Json::Value& task) {
   const std::string token = CppJson::readString(task, "token_id", "");
   if (!task.isObject() || token.empty() || CppJson::readInt(task, "type", -1) != kBusTypeScan) {
@@ -87,7 +97,7 @@ int CliScanCommunication::get_scanconfig(int& handle) {
 
 int CliScanCommunication::action_startscan(unsigned handle, unsigned mode,
                                            const std::vector<std::string>& paths, unsigned special) {
-  return command::askAgent(kStartScan, 0, [&](jsonrpchelper::AgentStub& agent) {
+  const auto start = [&](jsonrpchelper::AgentStub& agent) {
     JsonReflect::ScanParams params;
     params.set_custom_stop(true);
     params.set_fix_method(handle != 0 ? kFixMethodSentReportOnly : kFixMethodSentAutomatic);
@@ -107,7 +117,8 @@ int CliScanCommunication::action_startscan(unsigned handle, unsigned mode,
     }
     const Json::Value answer = agent.startScanTask(Json::Value(), "", request, kFromConsole, "");
     return CppJson::readBool(answer, "status", false) ? 1 : 0;
-  });
+  };
+  return command::askAgent(kStartScan, 0, start, complainOfUnconfirmedStart);
 }
 
 int CliScanCommunication::action_showscan() {
