@@ -14,8 +14,14 @@
 namespace agent::store {
 
 QuarantineStore::QuarantineStore(Database& database, const std::string& folder, Settings& settings,
-                                 Regions& regions, AuditLog& audit, std::vector<std::string>* notices)
-    : settings_(settings), regions_(regions), audit_(audit), table_(database), vault_(folder) {
+                                 Regions& regions, AuditLog& audit, std::chrono::milliseconds restorePatience,
+                                 std::vector<std::string>* notices)
+    : settings_(settings),
+      regions_(regions),
+      audit_(audit),
+      restorePatience_(restorePatience),
+      table_(database),
+      vault_(folder) {
   Recovery(table_, vault_, regions_, notices).run();
   usedBytes_ = table_.totalBytes();
 }

@@ -12,6 +12,10 @@
 namespace agent::store {
 namespace {
 
+struct RestoreStalled : StoreError {
+  using StoreError::StoreError;
+};
+
 /// Empty, or why the caller may not have the item. Root may have all; others what was theirs.
 std::string whyNotHis(const ItemMeta& meta, const CallerId& caller) {
   if (caller.uid == 0) {
@@ -42,7 +46,7 @@ RestorePlan planFor(const ItemMeta& meta, bool trust, const std::string& targetD
   return plan;
 }
 
-RestoreJob jobFor(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller) {
+RestoreJob jobFor(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller, int busyMark) {
   const bool agentIsRoot = ::geteuid() == 0;
   return {.meta = &meta,
           .folder = plan.folder,
@@ -52,7 +56,8 @@ RestoreJob jobFor(const ItemMeta& meta, const RestorePlan& plan, const CallerId&
           .uid = caller.uid,
           .gid = caller.gid,
           .groups = caller.groups,
-          .privileged = agentIsRoot && caller.uid == 0};
+          .privileged = agentIsRoot && caller.uid == 0,
+          .busyMark = busyMark};
 }
 
 std::string remarkOf(const RestoreReport& report) {
@@ -79,10 +84,14 @@ std::vector<Quarantine::RestoreOutcome> QuarantineStore::restore(const std::vect
     }
   }
   std::vector<RestoreOutcome> outcomes;
+  bool stalled = false;  // whoever keeps one restore waiting would keep them all: one wait is enough
   for (const std::string& uuid : wanted) {
-    Result result;
+    Result result{false, "not tried: the restore before it did not get on"};
     try {
-      result = restoreOne(uuid, trust, targetDir, caller);
+      result = stalled ? result : restoreOne(uuid, trust, targetDir, caller);
+    } catch (const RestoreStalled& error) {
+      stalled = true;
+      result = {false, error.what()};
     } catch (const std::exception& error) {
       result = {false, error.what()};
     }
@@ -118,12 +127,15 @@ Result QuarantineStore::restoreItem(const ItemRow& row, const ItemMeta& meta, co
                                     const CallerId& caller) {
   table_.setState(row.uuid, ItemState::kRestoring, plan.toText());
   reached("restore recorded");
-  std::string remark;
+  RestoreReport report;
   vault_.setBusy(true);
-  const std::string why = transfer(meta, plan, caller, &remark);
+  const std::string why = transfer(meta, plan, caller, &report);
   vault_.setBusy(false);
   if (!why.empty()) {
     table_.setState(row.uuid, ItemState::kComplete, "");
+    if (report.stage == RestoreStage::kStalled) {
+      throw RestoreStalled(why);
+    }
     return {false, why};
   }
   reached("restored");
@@ -133,15 +145,15 @@ Result QuarantineStore::restoreItem(const ItemRow& row, const ItemMeta& meta, co
   if (!whyNoTrust.empty()) {
     return {false, "restored, but not trusted: " + whyNoTrust};
   }
-  return {true, remark};
+  return {true, remarkOf(report)};
 }
 
 std::string QuarantineStore::transfer(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller,
-                                      std::string* remark) const try {
+                                      RestoreReport* report) const try {
   const UniqueFd file = vault_.open(meta.uuid);
   ItemReader reader(file.get());
-  const RestoreJob job = jobFor(meta, plan, caller);
-  RestoreChild child(job);
+  const RestoreJob job = jobFor(meta, plan, caller, vault_.busyMark());
+  RestoreChild child(job, restorePatience_);
   Digest digest(Digest::Kind::kSha256);
   std::string buffer(1 << 16, '\0');
   std::size_t n = 0;
@@ -157,9 +169,8 @@ std::string QuarantineStore::transfer(const ItemMeta& meta, const RestorePlan& p
   if (heard) {
     child.commit();
   }
-  const RestoreReport report = child.report();
-  *remark = remarkOf(report);
-  return report.stage == RestoreStage::kDone ? "" : whyNotRestored(job, report);
+  *report = child.report();
+  return report->stage == RestoreStage::kDone ? "" : whyNotRestored(job, *report);
 } catch (const StoreError& error) {
   return error.what();
 }

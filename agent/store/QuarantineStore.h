@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "store/AuditLog.h"
 #include "store/ItemTable.h"
 #include "store/OriginalFile.h"
+#include "store/RestoreChild.h"
 #include "store/RestorePlan.h"
 #include "store/Store.h"
 #include "store/Vault.h"
@@ -21,7 +23,8 @@ class QuarantineStore : public Quarantine {
  public:
   /// Settles what a crash left half-done; what it found goes into `notices`.
   QuarantineStore(Database& database, const std::string& folder, Settings& settings, Regions& regions,
-                  AuditLog& audit, std::vector<std::string>* notices);
+                  AuditLog& audit, std::chrono::milliseconds restorePatience,
+                  std::vector<std::string>* notices);
   Result add(const QuarantineRequest& request) override;
   Json::Value list(std::optional<uid_t> onlyOwner) const override;
   std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool all, bool trust,
@@ -45,11 +48,12 @@ class QuarantineStore : public Quarantine {
   Result restoreItem(const ItemRow& row, const ItemMeta& meta, const RestorePlan& plan,
                      const CallerId& caller);
   std::string transfer(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller,
-                       std::string* remark) const;
+                       RestoreReport* report) const;
 
   Settings& settings_;
   Regions& regions_;
   AuditLog& audit_;
+  const std::chrono::milliseconds restorePatience_;
   mutable ItemTable table_;
   Vault vault_;
   std::mutex items_;  ///< one at a time takes items out, by a restore or by cleaning

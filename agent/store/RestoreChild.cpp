@@ -4,30 +4,54 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <thread>
+#include <utility>
 
 #include "store/FolderWalk.h"
 #include "store/RestoreSteps.h"
 #include "store/Sqlite.h"
 
 namespace agent::store {
+namespace {
 
-RestoreChild::RestoreChild(const RestoreJob& job) {
+constexpr std::uint64_t kBytesPerPatience = 64 << 20;  // a slow disk takes more than that
+constexpr std::chrono::seconds kKillLimit{2};
+
+/// Children that were killed and are still held by a file system. Guarded by there being one restore at a
+/// time.
+std::vector<pid_t> leftBehind;
+
+bool collected(pid_t pid) {
+  return ::waitpid(pid, nullptr, WNOHANG) != 0;
+}
+
+std::chrono::milliseconds limitFor(const RestoreJob& job, std::chrono::milliseconds patience) {
+  return patience * (1 + job.meta->size / kBytesPerPatience);
+}
+
+}  // namespace
+
+RestoreChild::RestoreChild(const RestoreJob& job, std::chrono::milliseconds patience)
+    : patience_(patience), deadline_(Clock::now() + limitFor(job, patience)) {
+  std::erase_if(leftBehind, collected);
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     throw StoreError("no channel for the restore: " + errnoText(errno));
   }
   channel_.reset(ends[0]);
   UniqueFd childEnd(ends[1]);
+  waitAtMost(SO_SNDTIMEO, patience_);
+  const pid_t self = ::getpid();
   // The child must not run handlers that were written for the agent.
   sigset_t all, before;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
   pid_ = ::fork();
   if (pid_ == 0) {
-    ::close(ends[0]);
-    runRestore(job, ends[1]);
+    runRestore(job, ends[1], self);
     ::_exit(0);
   }
   const int error = errno;
@@ -44,29 +68,61 @@ RestoreChild::~RestoreChild() {
 }
 
 bool RestoreChild::send(std::string_view bytes) {
-  while (!bytes.empty()) {
+  while (!bytes.empty() && !stalled_) {
     const ssize_t n = ::send(channel_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (n < 0 && errno != EINTR) {
+      stalled_ = errno == EAGAIN;
       return false;
     }
     if (n > 0) {
       bytes.remove_prefix(static_cast<std::size_t>(n));
     }
+    stalled_ = Clock::now() >= deadline_;
   }
-  return true;
+  return !stalled_;
+}
+
+void RestoreChild::waitAtMost(int option, std::chrono::milliseconds limit) {
+  const auto ms = std::max<std::int64_t>(limit.count(), 1);  // none at all would be no limit
+  const timeval value{ms / 1000, ms % 1000 * 1000};
+  stalled_ = stalled_ || ::setsockopt(channel_.get(), SOL_SOCKET, option, &value, sizeof value) != 0;
 }
 
 RestoreReport RestoreChild::report() {
   ::shutdown(channel_.get(), SHUT_WR);
   RestoreReport report;
-  if (readFully(channel_.get(), &report, sizeof report) != static_cast<std::int64_t>(sizeof report)) {
-    report = {};
+  if (!stalled_) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now());
+    waitAtMost(SO_RCVTIMEO, std::max(patience_, left));
+    const std::int64_t n = readFully(channel_.get(), &report, sizeof report);
+    stalled_ = n < 0 && errno == EAGAIN;
+    if (n != static_cast<std::int64_t>(sizeof report)) {
+      report = {};
+    }
   }
-  // Somebody else in the process may have taken the status: what counts is the report.
-  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  if (stalled_) {
+    report.stage = RestoreStage::kStalled;
   }
-  pid_ = -1;
+  end();
   return report;
+}
+
+/// The child has said all, or never will. One that a file system does not let go even when it is killed is
+/// collected later: it does nothing more of its own.
+void RestoreChild::end() {
+  const pid_t pid = std::exchange(pid_, -1);
+  if (collected(pid)) {
+    return;
+  }
+  ::kill(pid, SIGKILL);
+  const auto limit = Clock::now() + kKillLimit;
+  while (!collected(pid)) {
+    if (Clock::now() >= limit) {
+      leftBehind.push_back(pid);
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report) {
@@ -95,6 +151,9 @@ std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report) {
       return path + " cannot be synced to disk: " + why;
     case RestoreStage::kPlace:
       return "cannot give " + path + " its name: " + why;
+    case RestoreStage::kStalled:
+      return "the restoring process was ended: it had been stopped, or " + quoted(job.folder) +
+             " is on a file system that does not answer";
     case RestoreStage::kAborted:
     case RestoreStage::kDone:
       break;

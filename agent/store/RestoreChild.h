@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -22,6 +23,7 @@ struct RestoreJob {
   gid_t gid = 0;
   std::vector<gid_t> groups;
   bool privileged = false;  ///< owner, setuid, setgid and capabilities come back
+  int busyMark = -1;        ///< the one descriptor of the agent's that the child keeps: see Vault::setBusy
 };
 
 enum class RestoreStage : std::int32_t {
@@ -36,6 +38,7 @@ enum class RestoreStage : std::int32_t {
   kSync,
   kPlace,
   kAborted,
+  kStalled,  ///< said by the parent: it did not get on
   kDone
 };
 
@@ -51,19 +54,32 @@ struct RestoreReport {
 /// A file being restored by a child process that has the caller's rights and nothing else: it walks to the
 /// folder, makes a nameless file, takes the content, gives it owner, mode, attributes and times, syncs it and
 /// gives it its name, all by calls that are safe after a fork. When this process dies before commit(), so
-/// does the attempt, without a trace. One at a time in a process.
+/// does the attempt, without a trace; when it dies later, so does the child at once. One at a time in a
+/// process.
+///
+/// The child can be stopped by its user, and the folder be on a file system of his that never answers. So no
+/// call here waits longer than `patience` without anything being taken, nor all of them together longer than
+/// `patience` and as much again for every 64 MiB: the child is then killed, and the report says kStalled.
 class RestoreChild {
  public:
-  explicit RestoreChild(const RestoreJob& job);  ///< throws StoreError when no process can be made
-  ~RestoreChild();                               ///< without commit(): nothing was restored
+  /// Throws StoreError when no process can be made.
+  RestoreChild(const RestoreJob& job, std::chrono::milliseconds patience);
+  ~RestoreChild();  ///< without commit(): nothing was restored
   RestoreChild(const RestoreChild&) = delete;
   RestoreChild& operator=(const RestoreChild&) = delete;
   bool send(std::string_view bytes);  ///< false: the child has given up; report() says why
   /// All was sent and is as it was: the file may have its name.
   bool commit() { return send("C"); }
-  RestoreReport report();  ///< waits for the child
+  RestoreReport report();  ///< waits for the child, and ends it
 
  private:
+  using Clock = std::chrono::steady_clock;
+  void waitAtMost(int option, std::chrono::milliseconds limit);
+  void end();
+
+  const std::chrono::milliseconds patience_;
+  const Clock::time_point deadline_;
+  bool stalled_ = false;
   UniqueFd channel_;
   pid_t pid_ = -1;
 };

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <string_view>
 
@@ -45,6 +46,37 @@ bool dropCapabilities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   const std::array<__user_cap_data_struct, 2> none{};
   return ::syscall(SYS_capset, &header, none.data()) == 0;
+}
+
+/// A child that hangs must hold nothing that others wait for: marks, sockets, the output of who started the
+/// agent. The copy of the busy mark says that it is at work.
+void letGoOfTheAgent(int channel, int busyMark) {
+  const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+#ifdef TAV_SANITIZED
+  constexpr int kLast = STDOUT_FILENO;  // a sanitizer's report needs the other
+#else
+  constexpr int kLast = STDERR_FILENO;
+#endif
+  for (int fd = 0; nowhere >= 0 && fd <= kLast; ++fd) {
+    if (fd != channel && fd != busyMark) {
+      ::dup2(nowhere, fd);
+    }
+  }
+  unsigned first = STDERR_FILENO + 1;
+  for (const int kept : {std::min(channel, busyMark), std::max(channel, busyMark)}) {
+    const auto next = static_cast<unsigned>(std::max(kept, STDERR_FILENO));
+    if (next > first) {
+      ::close_range(first, next - 1, 0);
+    }
+    first = std::max(first, next + 1);
+  }
+  ::close_range(first, ~0U, 0);
+}
+
+/// Asked for once the user is the caller's: a change of that takes it back.
+bool dieWith(Work& work, pid_t parent) {
+  return (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == parent) ||
+         work.fail(RestoreStage::kAborted, 0);
 }
 
 /// For good: the child never is again what the agent is.
@@ -88,7 +120,11 @@ bool createFile(Work& work) {
                          O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     work.named = work.file >= 0;
   }
-  return work.file >= 0 || work.fail(RestoreStage::kCreate, errno);
+  if (work.file < 0) {
+    return work.fail(RestoreStage::kCreate, errno);
+  }
+  reached("file made");
+  return true;
 }
 
 /// 0 at the end of the stream and on an error.
@@ -190,10 +226,12 @@ bool place(Work& work) {
 
 }  // namespace
 
-void runRestore(const RestoreJob& job, int channel) {
+void runRestore(const RestoreJob& job, int channel, pid_t parent) {
+  letGoOfTheAgent(channel, job.busyMark);
   Work work{.job = job, .channel = channel, .report = {}};
-  const bool done = becomeCaller(work) && findFolder(work) && createFile(work) && takeContent(work) &&
-                    giveOwner(work) && giveModeAndAttributes(work) && giveTimes(work) && place(work);
+  const bool done = becomeCaller(work) && dieWith(work, parent) && findFolder(work) && createFile(work) &&
+                    takeContent(work) && giveOwner(work) && giveModeAndAttributes(work) && giveTimes(work) &&
+                    place(work);
   if (done) {
     work.report.stage = RestoreStage::kDone;
   } else if (work.named) {

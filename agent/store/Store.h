@@ -3,6 +3,7 @@
 #include <json/value.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -74,7 +75,7 @@ class Quarantine {
   };
   /// trust: add the path to the trust region as well. targetDir (bytes) empty: where it was. all: every item,
   /// for a caller other than root every item of his; uuids is ignored then. Forks for each item; one restore
-  /// at a time. Never throws.
+  /// at a time. One that stands still is given up, and those behind it are not tried. Never throws.
   virtual std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool all, bool trust,
                                               const std::string& targetDir, const CallerId& caller) = 0;
 };
@@ -135,8 +136,10 @@ class Store {
  public:
   /// Creates the folder (0700) and the schema, settles half-done quarantine work, loads the settings. The
   /// store starts a thread of its own with the first answer that the cache remembers, none before.
+  /// restorePatience: how long a restore may stand still before it is given up.
   /// Throws std::runtime_error with one line when the store cannot be used.
-  static std::unique_ptr<Store> open(const std::string& stateDir);
+  static std::unique_ptr<Store> open(const std::string& stateDir,
+                                     std::chrono::milliseconds restorePatience = std::chrono::seconds(60));
   virtual ~Store() = default;
   virtual Settings& settings() = 0;
   virtual Quarantine& quarantine() = 0;

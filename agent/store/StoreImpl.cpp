@@ -92,7 +92,7 @@ std::unique_ptr<Database> openCache(const std::string& path, std::vector<std::st
 
 class StoreImpl : public Store {
  public:
-  explicit StoreImpl(const std::string& stateDir)
+  StoreImpl(const std::string& stateDir, std::chrono::milliseconds restorePatience)
       : lock_(lockFolder(stateDir)),
         database_(openStore(stateDir + "/agent.db")),
         cacheDatabase_(openCache(stateDir + "/cache.db", &notices_)),
@@ -101,7 +101,8 @@ class StoreImpl : public Store {
         regions_(*database_),
         cache_(*cacheDatabase_),
         tasks_(*cacheDatabase_),
-        quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, &notices_) {}
+        quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, restorePatience,
+                    &notices_) {}
 
   Settings& settings() override { return settings_; }
   Quarantine& quarantine() override { return quarantine_; }
@@ -129,9 +130,9 @@ class StoreImpl : public Store {
 }  // namespace
 }  // namespace store
 
-std::unique_ptr<Store> Store::open(const std::string& stateDir) {
+std::unique_ptr<Store> Store::open(const std::string& stateDir, std::chrono::milliseconds restorePatience) {
   store::prepareFolder(stateDir);
-  return std::make_unique<store::StoreImpl>(utils::FormatFilePath(stateDir));
+  return std::make_unique<store::StoreImpl>(utils::FormatFilePath(stateDir), restorePatience);
 }
 
 }  // namespace agent

@@ -32,6 +32,7 @@ class Vault {
   /// Says to the next agent that a child process may outlive this one by a moment. The child's copy of the
   /// descriptor says so too, until it ends.
   void setBusy(bool busy) const noexcept;
+  int busyMark() const { return folder_.get(); }  ///< the descriptor that does
   /// Waits until no child of an earlier agent is at work; false when one still is after ten seconds.
   bool waitIdle() const;
 

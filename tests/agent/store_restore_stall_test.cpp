@@ -1,0 +1,133 @@
+// Restores whose child is stopped by its user, or hangs in a file system of his.
+
+#include <sys/file.h>
+
+#include <chrono>
+#include <csignal>
+#include <fstream>
+
+#include "platform/Descriptor.h"
+#include "store_quarantine_fixture.h"
+#include "support/Wait.h"
+
+namespace agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testsupport::waitFor;
+
+std::string noise(std::size_t size) {
+  std::string content(size, '\0');
+  std::uint32_t state = 12345;
+  for (char& byte : content) {
+    state = state * 1664525 + 1013904223;
+    byte = static_cast<char>(state >> 24);
+  }
+  return content;
+}
+
+class StalledRestoreTest : public QuarantineTest {
+ protected:
+  void SetUp() override {
+    QuarantineTest::SetUp();
+    store_.reset();
+    store_ = Store::open(stateDir(), std::chrono::milliseconds(200));
+  }
+  /// A file of the second user, in a folder of his, quarantined.
+  std::string takeHis(const std::string& name, const std::string& content) {
+    std::filesystem::create_directories(at("his"));
+    EXPECT_EQ(::chown(at("his").c_str(), kOther, kOther), 0);
+    const std::string path = write("his/" + name, content);
+    EXPECT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+    return take(path);
+  }
+  static void stopTheChild() {
+    before("file made", [] { ::raise(SIGSTOP); });
+  }
+  static std::string stateOf(const std::string& pid) {
+    const std::string stat = testsupport::readFile("/proc/" + pid + "/stat");
+    const std::size_t close = stat.rfind(") ");
+    return close == std::string::npos ? "" : stat.substr(close + 2, 1);
+  }
+  static bool stopped(const std::string& pid) { return !pid.empty() && stateOf(pid) == "T"; }
+  /// Gone, or dead and not collected by whoever inherited it.
+  static bool dead(const std::string& pid) { return stateOf(pid).empty() || stateOf(pid) == "Z"; }
+};
+
+class StoppedChildTest : public StalledRestoreTest, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(StoppedChildTest, FailsTheRestoreKeepsTheItemAndTheNextRestoreGoesWell) {
+  const std::string content = noise(GetParam());
+  const std::string uuid = takeHis("a", content);
+  stopTheChild();
+  const Result result = restore(uuid, other());
+  EXPECT_FALSE(result.ok);
+  EXPECT_THAT(result.detail, HasSubstr("had been stopped"));
+  EXPECT_EQ(uuidOf(at("his/a")), uuid);
+  EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
+  EXPECT_FALSE(std::filesystem::exists(at("his/a")));
+  store::stepHook = nullptr;
+  EXPECT_TRUE(waitFor([&] { return restore(uuid, other()).ok; }));
+  EXPECT_EQ(testsupport::readFile(at("his/a")), content);
+}
+
+// Smaller and larger than what the channel holds.
+INSTANTIATE_TEST_SUITE_P(Sizes, StoppedChildTest, testing::Values(10, 4 << 20),
+                         [](const auto& size) { return std::to_string(size.param) + "Bytes"; });
+
+TEST_F(StalledRestoreTest, AChildThatStopsBehindItsLastStepIsEndedToo) {
+  const std::string uuid = takeHis("a", "content");
+  before("file placed", [] { ::raise(SIGSTOP); });
+  EXPECT_FALSE(restore(uuid, other()).ok);
+  EXPECT_EQ(uuidOf(at("his/a")), uuid) << "both stand: nobody said that it had come back";
+}
+
+TEST_F(StalledRestoreTest, BehindOneThatStandsStillTheOthersAreNotTried) {
+  const std::string first = takeHis("a", "one"), second = takeHis("b", "two");
+  stopTheChild();
+  const auto outcomes = store().quarantine().restore({first, second}, false, false, "", other());
+  ASSERT_EQ(outcomes.size(), 2U);
+  EXPECT_THAT(outcomes[0].result.detail, HasSubstr("had been stopped"));
+  EXPECT_THAT(outcomes[1].result.detail, HasSubstr("not tried"));
+  EXPECT_EQ(items().size(), 2U);
+}
+
+TEST_F(StalledRestoreTest, AStoppedChildEndsWithItsAgent) {
+  const std::string uuid = takeHis("a", "content");
+  const std::string pidFile = at("his/pid");
+  store_.reset();
+  const pid_t agent = ::fork();
+  if (agent == 0) {
+    reopen();
+    before("file made", [&] {
+      std::ofstream(pidFile) << ::getpid() << std::flush;
+      ::raise(SIGSTOP);
+    });
+    restore(uuid, other());
+    ::_exit(1);
+  }
+  EXPECT_TRUE(waitFor([&] { return stopped(testsupport::readFile(pidFile)); }));
+  ::kill(agent, SIGKILL);
+  ASSERT_EQ(::waitpid(agent, nullptr, 0), agent);
+  const std::string child = testsupport::readFile(pidFile);
+  EXPECT_TRUE(waitFor([&] { return dead(child); }));
+  reopen();
+  EXPECT_EQ(uuidOf(at("his/a")), uuid);
+}
+
+TEST_F(StalledRestoreTest, TheChildHoldsNoDescriptorOfTheAgent) {
+  const std::string uuid = takeHis("a", "content");
+  const platform::Descriptor mark(::open(folder_.at("mark").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(::flock(mark.get(), LOCK_EX), 0);
+  const int held = mark.get();
+  before("file made", [held] {
+    if (::fcntl(held, F_GETFD) >= 0) {
+      ::_exit(1);
+    }
+  });
+  EXPECT_TRUE(waitFor([&] { return restore(uuid, other()).ok; }));
+}
+
+}  // namespace
+}  // namespace agent
