@@ -311,6 +311,9 @@ std::unique_ptr<Engine> Engine::load(const Config& config, SignatureState& state
     return nullptr;
   }
   state.loaded = true;
+  state.system = withSystem         ? SystemDatabase::kInForce
+                 : system.present() ? SystemDatabase::kLeftOut
+                                    : SystemDatabase::kNone;
   state.count = loaded.count;
   state.version = sha256Of(std::string(cl_retver()) + '\n' + shipped.contentKey() +
                            (withSystem ? system.contentKey() : std::string{}));

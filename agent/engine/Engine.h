@@ -20,7 +20,7 @@ class Engine {
     EngineLimits limits;
   };
   /// Loads and compiles. Null when there is nothing to scan with: state.detail says why. Where the system's
-  /// database alone does not load, the engine stands with our own signatures and state.detail says so.
+  /// database alone does not load, the engine stands with our own signatures and state says so.
   static std::unique_ptr<Engine> load(const Config& config, SignatureState& state);
   ~Engine();
   Engine(const Engine&) = delete;

@@ -43,6 +43,7 @@ SignatureFolder::SignatureFolder(std::string path) : path_(std::move(path)) {
   }
   if (error) {
     problem_ = path_ + ": " + error.message();
+    unreadable_ = error != std::errc::no_such_file_or_directory;
   } else if (files_.empty()) {
     problem_ = path_ + ": no signature files";
   }

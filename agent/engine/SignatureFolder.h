@@ -12,6 +12,8 @@ class SignatureFolder {
   explicit SignatureFolder(std::string path);
   const std::string& path() const { return path_; }
   bool empty() const { return files_.empty(); }
+  /// There is something to load, or something that cannot be read.
+  bool present() const { return !empty() || unreadable_; }
   const std::string& problem() const { return problem_; }
   /// Names and content hashes of all signature files, one line each.
   std::string contentKey() const;
@@ -22,6 +24,7 @@ class SignatureFolder {
  private:
   std::string path_;
   std::string problem_;
+  bool unreadable_ = false;
   std::vector<std::string> files_;  // full paths, sorted
 };
 

@@ -211,7 +211,8 @@ class Agent {
   bool tellOfSignatures() {
     const SignatureState state = spawner_->signatureState();
     if (!state.loading && state.detail != told_) {
-      AGENT_LOG(state.loaded ? 2 : 4, "signatures: %s", state.detail.c_str());
+      const bool whole = state.loaded && state.system != SystemDatabase::kLeftOut;
+      AGENT_LOG(whole ? 2 : 4, "signatures: %s", state.detail.c_str());
       told_ = state.detail;
     }
     return !state.loading;

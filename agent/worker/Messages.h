@@ -45,7 +45,7 @@ struct MessageFields<StateReport> {
   static constexpr char kTag = 'S';
   template <class Visitor, class M>
   static void visit(Visitor& v, M& m) {
-    v(m.state.loaded), v(m.state.version), v(m.state.detail), v(m.state.count);
+    v(m.state.loaded), v(m.state.system), v(m.state.version), v(m.state.detail), v(m.state.count);
   }
 };
 template <>

@@ -157,7 +157,10 @@ bool Spawner::Impl::reload(std::string* why) {
   const auto report = fresh ? awaitReport(fresh) : std::nullopt;
   const std::lock_guard lock(mutex_);
   reloading_.reset();
-  if (!report || !report->loaded) {
+  // Our own signatures alone are better than none, and worse than what is in force.
+  const bool lessThanNow =
+      report && state_.system == SystemDatabase::kInForce && report->system == SystemDatabase::kLeftOut;
+  if (!report || !report->loaded || lessThanNow) {
     if (why != nullptr) {
       *why = report       ? report->detail
              : abandoned_ ? "the agent is ending"

@@ -24,6 +24,7 @@ TEST_F(Signatures, AMissingSystemFolderLeavesOurOwn) {
   load(smallLimits(), "/nonexistent");
   EXPECT_TRUE(state().loaded);
   EXPECT_GT(state().count, 0U);
+  EXPECT_EQ(state().system, SystemDatabase::kNone);
   EXPECT_THAT(state().detail, HasSubstr("alone: /nonexistent: No such file or directory"));
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }
@@ -32,6 +33,7 @@ TEST_F(Signatures, AnEmptySystemFolderLeavesOurOwn) {
   std::filesystem::create_directory(systemFolder());
   load(smallLimits(), systemFolder());
   EXPECT_TRUE(state().loaded);
+  EXPECT_EQ(state().system, SystemDatabase::kNone);
   EXPECT_THAT(state().detail, HasSubstr("no signature files"));
 }
 
@@ -40,6 +42,7 @@ TEST_F(Signatures, TheSystemsAreLoadedBesideOurOwn) {
               "Other.Trojan.Sample:0:*:"
               "6f6e65206f662074686520737973746d73\n");
   load(smallLimits(), systemFolder());
+  EXPECT_EQ(state().system, SystemDatabase::kInForce);
   EXPECT_THAT(state().detail, ::testing::Not(HasSubstr("alone")));
   const Verdict verdict = scan("this is one of the systms");
   ASSERT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
@@ -51,6 +54,7 @@ TEST_F(Signatures, ASystemFolderThatDoesNotLoadLeavesOurOwnAndIsNamed) {
   writeSystem("broken.ndb", "this is no signature\n");
   load(smallLimits(), systemFolder());
   EXPECT_TRUE(state().loaded);
+  EXPECT_EQ(state().system, SystemDatabase::kLeftOut);
   EXPECT_THAT(state().detail, HasSubstr("alone: " + systemFolder()));
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }

@@ -98,6 +98,32 @@ TEST_F(Spawners, AFailedReloadLeavesAllAsItWas) {
   EXPECT_EQ(verdict("file").outcome, Outcome::kInfected);
 }
 
+TEST_F(Spawners, AReloadWithASystemDatabaseThatDoesNotLoadLeavesTheGoodOneInForce) {
+  const std::string sample = "a line that only the system's know";
+  dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  const auto before = spawner().waitLoaded(kLoad);
+  ASSERT_EQ(before.system, SystemDatabase::kInForce) << before.detail;
+  dir().write("system/x.ndb", "this is no signature\n");
+  std::string why;
+  EXPECT_FALSE(spawner().reload(&why));
+  EXPECT_THAT(why, HasSubstr(dir().at("system")));
+  EXPECT_EQ(spawner().signatureState().version, before.version);
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", sample);
+  pool.drain();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kInfected) << describe(verdict("file"));
+}
+
+TEST_F(Spawners, AReloadWithoutASystemDatabaseThatWasTakenAwayIsMade) {
+  dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  const auto before = spawner().waitLoaded(kLoad);
+  std::filesystem::remove(dir().at("system/x.ndb"));
+  std::string why;
+  EXPECT_TRUE(spawner().reload(&why)) << why;
+  EXPECT_EQ(spawner().signatureState().system, SystemDatabase::kNone);
+  EXPECT_NE(spawner().signatureState().version, before.version);
+}
+
 TEST_F(Spawners, AReloadThatIsAbandonedFailsAtOnceAndLeavesAllAsItWas) {
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_TRUE(before.loaded);
