@@ -14,10 +14,15 @@ namespace {
 constexpr std::uint32_t kLocalHeader = 0x04034B50;
 constexpr std::uint32_t kDirectoryEntry = 0x02014B50;
 constexpr std::uint32_t kDirectoryEnd = 0x06054B50;
+constexpr std::uint32_t kDirectoryEnd64 = 0x06064B50;
+constexpr std::uint32_t kLocator64 = 0x07064B50;
 constexpr std::uint32_t kSizeElsewhere = 0xFFFFFFFF;  // the real size stands in a 64-bit extra field
 constexpr std::size_t kLocalHeaderBytes = 30;
 constexpr std::size_t kDirectoryEntryBytes = 46;
 constexpr std::size_t kDirectoryEndBytes = 22;
+constexpr std::size_t kDirectoryEnd64Bytes = 56;
+constexpr std::size_t kLocator64Bytes = 20;
+constexpr std::uint32_t kSizesFollow = 1U << 3;  // flag: the local header may leave the sizes out
 constexpr std::size_t kLongestComment = 0xFFFF;
 
 // What libclamav unpacks; any other method is passed over in silence.
@@ -33,6 +38,9 @@ class Bytes {
   }
   std::uint32_t at16(std::uint64_t offset) const { return byte(offset) | byte(offset + 1) << 8; }
   std::uint32_t at32(std::uint64_t offset) const { return at16(offset) | at16(offset + 2) << 16; }
+  std::uint64_t at64(std::uint64_t offset) const {
+    return at32(offset) | std::uint64_t{at32(offset + 4)} << 32;
+  }
   std::string_view text(std::uint64_t offset, std::size_t count) const { return {data_ + offset, count}; }
 
  private:
@@ -64,25 +72,96 @@ std::string member(const Member& entry, const std::string& what) {
   return "member \"" + entry.name + "\" " + what;
 }
 
+bool isUnpacked(std::uint32_t method) {
+  return method == 99 /*encrypted: told by libclamav*/ ||
+         std::find(kMethods.begin(), kMethods.end(), method) != kMethods.end();
+}
+
+// libclamav unpacks by the local header, others by the directory: a member that they describe differently may
+// be another one here than where it is unpacked.
+std::string auditLocalHeader(const Bytes& zip, const Member& entry, std::uint64_t local) {
+  const std::uint32_t flags = zip.at16(local + 6), method = zip.at16(local + 8);
+  const std::uint32_t packedBytes = zip.at32(local + 18), bytes = zip.at32(local + 22);
+  if (packedBytes == kSizeElsewhere || bytes == kSizeElsewhere) {
+    return member(entry, "has a 64-bit size: not unpacked");
+  }
+  const bool sameSizes = packedBytes == entry.packedBytes && bytes == entry.bytes;
+  if (method != entry.method || (!sameSizes && (flags & kSizesFollow) == 0)) {
+    return member(entry, "is described in two ways: the archive is damaged or forged");
+  }
+  return {};
+}
+
 // entry: the directory's word on the member; start: where the archive begins in the file.
 std::string auditMember(const Bytes& zip, const Member& entry, std::uint64_t start) {
   if (entry.bytes == kSizeElsewhere || entry.packedBytes == kSizeElsewhere ||
       entry.localOffset == kSizeElsewhere) {
     return member(entry, "has a 64-bit size: not unpacked");
   }
-  if (std::find(kMethods.begin(), kMethods.end(), entry.method) == kMethods.end() && entry.method != 99) {
+  if (!isUnpacked(entry.method)) {
     return member(entry, "is packed by method " + std::to_string(entry.method) + ": not unpacked");
   }
   const std::uint64_t local = start + entry.localOffset;
   if (!zip.has(local, kLocalHeaderBytes) || zip.at32(local) != kLocalHeader) {
     return member(entry, "is not where the directory says: the archive is damaged or cut off");
   }
-  if (zip.at32(local + 18) == kSizeElsewhere || zip.at32(local + 22) == kSizeElsewhere) {
-    return member(entry, "has a 64-bit size: not unpacked");
+  if (auto problem = auditLocalHeader(zip, entry, local); !problem.empty()) {
+    return problem;
   }
   const std::uint64_t data = local + kLocalHeaderBytes + zip.at16(local + 26) + zip.at16(local + 28);
   if (!zip.has(data, entry.packedBytes)) {
     return member(entry, "ends beyond the end of the file: the archive is damaged or cut off");
+  }
+  return {};
+}
+
+struct Directory {
+  std::uint64_t at = 0, end = 0;  ///< in the file
+  std::uint64_t start = 0;        ///< of the archive, behind what stands before it
+  std::uint64_t count = 0;        ///< of its entries
+  bool countIsWhole = false;      ///< else its low 16 bits: some write no more for many members
+};
+
+// The 64-bit end record stands between the directory and the plain end record; only where it says no more
+// than that but the number of members is it understood.
+std::string readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory) {
+  if (end < kLocator64Bytes || zip.at32(end - kLocator64Bytes) != kLocator64) {
+    return {};
+  }
+  const std::uint64_t both = kLocator64Bytes + kDirectoryEnd64Bytes;
+  const std::uint64_t record = end < both ? 0 : end - both;
+  const bool plain = end >= both && zip.at32(record) == kDirectoryEnd64 &&
+                     zip.at64(record + 4) == kDirectoryEnd64Bytes - 12 &&
+                     zip.at64(record + 40) == zip.at32(end + 12) &&
+                     zip.at64(record + 48) == zip.at32(end + 16);
+  if (!plain) {
+    return "the archive has a 64-bit directory: not unpacked";
+  }
+  directory.end = record;
+  directory.count = zip.at64(record + 32);
+  directory.countIsWhole = true;
+  return {};
+}
+
+std::string readEnd(const Bytes& zip, std::uint64_t end, Directory& directory) {
+  const std::uint32_t bytes = zip.at32(end + 12);
+  const std::uint32_t offset = zip.at32(end + 16);
+  if (bytes == kSizeElsewhere || offset == kSizeElsewhere) {
+    return "the archive has a 64-bit directory: not unpacked";
+  }
+  directory.end = end;
+  directory.count = zip.at16(end + 10);
+  if (auto problem = readEnd64(zip, end, directory); !problem.empty()) {
+    return problem;
+  }
+  if (std::uint64_t{bytes} + offset > directory.end) {
+    return "the archive's directory is not where it says: damaged or cut off";
+  }
+  directory.at = directory.end - bytes;
+  directory.start = directory.at - offset;
+  // libclamav takes the offset as it stands, whatever the size.
+  if (directory.start != 0 && zip.has(offset, 4) && zip.at32(offset) == kDirectoryEntry) {
+    return "the archive has two directories: damaged or forged";
   }
   return {};
 }
@@ -95,19 +174,14 @@ std::string auditZip(const char* data, std::size_t size) {
   if (!end) {
     return "the archive has no directory: damaged or cut off";
   }
-  const std::uint32_t directoryBytes = zip.at32(*end + 12);
-  const std::uint32_t directoryOffset = zip.at32(*end + 16);
-  if (directoryBytes == kSizeElsewhere || directoryOffset == kSizeElsewhere) {
-    return "the archive has a 64-bit directory: not unpacked";
+  Directory directory;
+  if (auto problem = readEnd(zip, *end, directory); !problem.empty()) {
+    return problem;
   }
-  if (std::uint64_t{directoryBytes} + directoryOffset > *end) {
-    return "the archive's directory is not where it says: damaged or cut off";
-  }
-  std::uint64_t at = *end - directoryBytes;
-  const std::uint64_t start = at - directoryOffset;  // of the archive, behind what stands before it
-  while (at < *end) {
+  std::uint64_t walked = 0;
+  for (std::uint64_t at = directory.at; at < directory.end; ++walked) {
     if (!zip.has(at, kDirectoryEntryBytes) || zip.at32(at) != kDirectoryEntry) {
-      break;  // a signature or a 64-bit end record may follow the entries
+      break;  // a signature may follow the entries
     }
     const std::size_t nameBytes = zip.at16(at + 28);
     if (!zip.has(at + kDirectoryEntryBytes, nameBytes)) {
@@ -115,10 +189,17 @@ std::string auditZip(const char* data, std::size_t size) {
     }
     const Member entry{zip.at16(at + 10), zip.at32(at + 20), zip.at32(at + 24), zip.at32(at + 42),
                        platform::visibleText(zip.text(at + kDirectoryEntryBytes, nameBytes))};
-    if (auto problem = auditMember(zip, entry, start); !problem.empty()) {
+    if (auto problem = auditMember(zip, entry, directory.start); !problem.empty()) {
       return problem;
     }
     at += kDirectoryEntryBytes + nameBytes + zip.at16(at + 30) + zip.at16(at + 32);
+  }
+  if ((directory.countIsWhole ? walked : walked & 0xFFFF) != directory.count) {
+    return "the archive's directory has " + std::to_string(walked) + " entries and says " +
+           std::to_string(directory.count) + ": damaged or forged";
+  }
+  if (walked == 0 && zip.at32(0) == kLocalHeader) {
+    return "the archive's directory names none of its members: damaged or forged";
   }
   return {};
 }

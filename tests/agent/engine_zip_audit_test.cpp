@@ -50,6 +50,87 @@ TEST(ZipAudit, ADirectoryOfTheSixtyFourBitFormatIsAProblem) {
   EXPECT_THAT(audit(zip), HasSubstr("64-bit directory"));
 }
 
+TEST(ZipAudit, AStreamedZipHasNoProblem) {
+  EXPECT_EQ(audit(makeZip({{.name = "one", .content = "content of one", .streamed = true},
+                           {.name = "two", .content = "content", .deflate = false, .streamed = true}})),
+            "");
+}
+
+// As tools for programs of telephones make them.
+TEST(ZipAudit, AStreamedZipWithItsSizesInTheLocalHeaderTooHasNoProblem) {
+  EXPECT_EQ(audit(makeZip({{.name = "one",
+                            .content = "content",
+                            .deflate = false,
+                            .streamed = true,
+                            .localPackedBytes = 7,
+                            .localBytes = 7}})),
+            "");
+}
+
+const std::string kNotUnpacked = makeZip({{.name = "hidden.txt", .content = "content", .method = 14}});
+
+TEST(ZipAudit, MembersBeforeARecordOfTheSixtyFourBitFormatAreLookedAt) {
+  EXPECT_EQ(audit(makeZip({{"one.txt", "content of one"}}, true)), "");
+  EXPECT_EQ(audit("#!/bin/sh\nexit\n" + makeZip({{"one.txt", "content of one"}}, true)), "");
+  EXPECT_THAT(audit(makeZip({{.name = "hidden.txt", .content = "content", .method = 14}}, true)),
+              HasSubstr("method 14"));
+}
+
+TEST(ZipAudit, ARecordOfTheSixtyFourBitFormatThatSaysOtherwiseIsAProblem) {
+  const std::string honest = makeZip({{"one.txt", "content of one"}}, true);
+  for (const std::size_t fromEnd : {98U /*its mark*/, 94U /*its length*/, 58U /*size*/, 50U /*offset*/}) {
+    std::string zip = honest;
+    zip[zip.size() - fromEnd] ^= 1;
+    EXPECT_THAT(audit(zip), HasSubstr("64-bit directory")) << fromEnd;
+  }
+}
+
+TEST(ZipAudit, ManyMembersAreCountedWhicheverWayTheirNumberIsWritten) {
+  std::vector<testsupport::ZipMember> many(0x10000 + 5, {.name = "x", .content = "", .deflate = false});
+  EXPECT_EQ(audit(makeZip(many, true)), "");
+  EXPECT_EQ(audit(makeZip(many, false)), "");
+  many.back().method = 14;
+  EXPECT_THAT(audit(makeZip(many, true)), HasSubstr("method 14"));
+  EXPECT_THAT(audit(makeZip(many, false)), HasSubstr("method 14"));
+}
+
+TEST(ZipAudit, ADirectoryThatIsShorterOrLongerThanItsCountIsAProblem) {
+  for (const char* count : {"\2", "\4"}) {
+    std::string zip = kHonest;
+    zip.replace(zip.size() - 12, 1, count);
+    EXPECT_THAT(audit(zip), HasSubstr("has 3 entries and says " + std::to_string(count[0])));
+  }
+}
+
+TEST(ZipAudit, ADirectoryWhoseSizeIsForgedToNothingIsAProblem) {
+  for (const bool countToo : {false, true}) {
+    std::string zip = kNotUnpacked;
+    zip.replace(zip.size() - 10, 4, std::string(4, '\0'));
+    if (countToo) {
+      zip.replace(zip.size() - 14, 4, std::string(4, '\0'));
+    }
+    EXPECT_NE(audit(zip), "") << countToo;
+  }
+}
+
+TEST(ZipAudit, AnEmptyDirectoryBehindMembersIsAProblem) {
+  const std::string zip = kNotUnpacked.substr(0, kNotUnpacked.find("PK\1\2")) + makeZip({});
+  EXPECT_THAT(audit(zip), HasSubstr("names none"));
+}
+
+TEST(ZipAudit, AMemberThatItsOwnHeaderDescribesOtherwiseIsAProblem) {
+  const testsupport::ZipMember honest{.name = "a", .content = "content of a"};
+  auto method = honest, packed = honest, bytes = honest, streamed = honest;
+  method.localMethod = 14;
+  packed.localPackedBytes = 3;
+  bytes.localBytes = 3;
+  streamed.streamed = true;
+  streamed.localMethod = 0;
+  for (const auto& forged : {method, packed, bytes, streamed}) {
+    EXPECT_THAT(audit(makeZip({forged})), HasSubstr("described in two ways"));
+  }
+}
+
 TEST(ZipAudit, AnyBytesAreReadWithinTheirBounds) {
   const unsigned seed = 41;
   RecordProperty("seed", static_cast<int>(seed));

@@ -72,15 +72,41 @@ Packed pack(const ZipMember& member) {
   return packed;
 }
 
+// What a header says of a member's content.
+struct Described {
+  std::uint64_t crc, packedBytes, bytes;
+  std::int32_t method;
+};
+
+Described inDirectory(const ZipMember& member, const Packed& packed) {
+  constexpr std::uint64_t kElsewhere = 0xFFFFFFFF;
+  return {packed.crc, member.sizes64 ? kElsewhere : packed.data.size(),
+          member.sizes64 ? kElsewhere : packed.bytes, packed.method};
+}
+
+Described inLocalHeader(const ZipMember& member, const Packed& packed) {
+  Described local = inDirectory(member, packed);
+  if (member.streamed) {
+    local.crc = local.packedBytes = local.bytes = 0;
+  }
+  const auto orElse = [](std::int64_t wanted, std::uint64_t otherwise) {
+    return wanted >= 0 ? static_cast<std::uint64_t>(wanted) : otherwise;
+  };
+  local.packedBytes = orElse(member.localPackedBytes, local.packedBytes);
+  local.bytes = orElse(member.localBytes, local.bytes);
+  local.method = member.localMethod >= 0 ? member.localMethod : local.method;
+  return local;
+}
+
 // What local header and directory entry have in common.
-void putCommon(std::string& out, const ZipMember& member, const Packed& packed) {
+void putCommon(std::string& out, const ZipMember& member, const Described& described) {
   put16(out, member.sizes64 ? 45 : 20);
-  put16(out, member.encryptedFlag ? 1 : 0);
-  put16(out, packed.method);
+  put16(out, (member.encryptedFlag ? 1U : 0U) | (member.streamed ? 8U : 0U));
+  put16(out, static_cast<std::uint64_t>(described.method));
   put32(out, 0x5A210000);  // a fixed time
-  put32(out, packed.crc);
-  put32(out, member.sizes64 ? 0xFFFFFFFF : packed.data.size());
-  put32(out, member.sizes64 ? 0xFFFFFFFF : packed.bytes);
+  put32(out, described.crc);
+  put32(out, described.packedBytes);
+  put32(out, described.bytes);
   put16(out, member.name.size());
   put16(out, member.sizes64 ? 20 : 0);
 }
@@ -94,22 +120,45 @@ void putExtra(std::string& out, const ZipMember& member, const Packed& packed) {
   }
 }
 
+void putEnd64(std::string& out, std::size_t members, std::size_t directoryBytes, std::size_t start) {
+  const std::size_t record = out.size();
+  put32(out, 0x06064B50);
+  put64(out, 44);
+  put16(out, 45);
+  put16(out, 45);
+  put64(out, 0);  // disks
+  put64(out, members);
+  put64(out, members);
+  put64(out, directoryBytes);
+  put64(out, start);
+  put32(out, 0x07064B50);
+  put32(out, 0);
+  put64(out, record);
+  put32(out, 1);
+}
+
 }  // namespace
 
-std::string makeZip(const std::vector<ZipMember>& members) {
+std::string makeZip(const std::vector<ZipMember>& members, bool end64) {
   std::string out;
   std::string directory;
   for (const auto& member : members) {
     const Packed packed = pack(member);
     const std::size_t offset = out.size();
     put32(out, 0x04034B50);
-    putCommon(out, member, packed);
+    putCommon(out, member, inLocalHeader(member, packed));
     out += member.name;
     putExtra(out, member, packed);
     out += packed.data;
+    if (member.streamed) {
+      put32(out, 0x08074B50);
+      put32(out, packed.crc);
+      put32(out, packed.data.size());
+      put32(out, packed.bytes);
+    }
     put32(directory, 0x02014B50);
     put16(directory, 20);
-    putCommon(directory, member, packed);
+    putCommon(directory, member, inDirectory(member, packed));
     directory.append(10, '\0');  // comment, disk and attributes
     put32(directory, offset);
     directory += member.name;
@@ -117,10 +166,14 @@ std::string makeZip(const std::vector<ZipMember>& members) {
   }
   const std::size_t start = out.size();
   out += directory;
+  if (end64) {
+    putEnd64(out, members.size(), directory.size(), start);
+  }
+  const std::uint64_t count = end64 && members.size() > 0xFFFF ? 0xFFFF : members.size() & 0xFFFF;
   put32(out, 0x06054B50);
   put32(out, 0);
-  put16(out, members.size());
-  put16(out, members.size());
+  put16(out, count);
+  put16(out, count);
   put32(out, directory.size());
   put32(out, start);
   put16(out, 0);

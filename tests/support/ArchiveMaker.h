@@ -16,9 +16,13 @@ struct ZipMember {
   bool encryptedFlag = false;       ///< marked encrypted (the content is then not what it was)
   std::int64_t declaredBytes = -1;  ///< the unpacked size written in the headers; -1: the true one
   std::int32_t method = -1;         ///< the method written in the headers; -1: the true one
+  bool streamed = false;            ///< sizes and sum stand behind the content, zeros in the local header
+  std::int32_t localMethod = -1;    ///< the method in the local header alone
+  std::int64_t localPackedBytes = -1, localBytes = -1;  ///< the sizes in the local header alone
 };
 
-std::string makeZip(const std::vector<ZipMember>& members);
+/// end64: with an end record and locator of the 64-bit format before the plain one, as for many members.
+std::string makeZip(const std::vector<ZipMember>& members, bool end64 = false);
 std::string makeGzip(std::string_view content);
 /// ustar. Pairs of name and content.
 std::string makeTar(const std::vector<std::pair<std::string, std::string>>& members);
