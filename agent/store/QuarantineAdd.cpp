@@ -21,8 +21,10 @@ QuarantineStore::QuarantineStore(Database& database, const std::string& folder, 
       audit_(audit),
       restorePatience_(restorePatience),
       table_(database),
+      deletions_(database),
       vault_(folder) {
   Recovery(table_, vault_, regions_, notices).run();
+  deletions_.settle(notices);
   usedBytes_ = table_.totalBytes();
 }
 
@@ -32,6 +34,15 @@ Result QuarantineStore::add(const QuarantineRequest& request) {
     reached("opened");
     cleanWhenFull();
     return take(original, request);
+  } catch (const std::exception& error) {
+    return {false, error.what()};
+  }
+}
+
+Result QuarantineStore::remove(const QuarantineRequest& request) {
+  try {
+    deletions_.run(request);
+    return {true, "deleted"};
   } catch (const std::exception& error) {
     return {false, error.what()};
   }

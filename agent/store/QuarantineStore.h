@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "store/AuditLog.h"
+#include "store/Deletions.h"
 #include "store/ItemTable.h"
 #include "store/OriginalFile.h"
 #include "store/RestoreChild.h"
@@ -26,6 +27,7 @@ class QuarantineStore : public Quarantine {
                   AuditLog& audit, std::chrono::milliseconds restorePatience,
                   std::vector<std::string>* notices);
   Result add(const QuarantineRequest& request) override;
+  Result remove(const QuarantineRequest& request) override;
   Json::Value list(std::optional<uid_t> onlyOwner) const override;
   std::vector<RestoreOutcome> restore(const std::vector<std::string>& uuids, bool all, bool trust,
                                       const std::string& targetDir, const CallerId& caller) override;
@@ -55,6 +57,7 @@ class QuarantineStore : public Quarantine {
   AuditLog& audit_;
   const std::chrono::milliseconds restorePatience_;
   mutable ItemTable table_;
+  Deletions deletions_;
   Vault vault_;
   std::mutex items_;  ///< one at a time takes items out, by a restore or by cleaning
   std::atomic<std::uint64_t> usedBytes_{0};

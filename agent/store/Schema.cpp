@@ -39,6 +39,13 @@ constexpr std::array kStoreSteps = {
     "  stored_bytes INTEGER NOT NULL,"
     "  meta BLOB NOT NULL,"       // JSON, store::ItemMeta
     "  pending BLOB NOT NULL);",  // JSON, what a half-done removal or restore was about
+    "CREATE TABLE deletions ("    // under way: store::Deletions
+    "  uuid BLOB PRIMARY KEY,"    // of the private name
+    "  path BLOB NOT NULL,"       // without links
+    "  device INTEGER NOT NULL,"
+    "  inode INTEGER NOT NULL,"
+    "  size INTEGER NOT NULL,"
+    "  modify_ns INTEGER NOT NULL);",
 };
 
 constexpr std::array kCacheSteps = {

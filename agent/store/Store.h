@@ -66,6 +66,9 @@ class Quarantine {
   /// Copies in, syncs, records, and only then removes the original, after checking it is the same file. Any
   /// number of threads at once. Never throws.
   virtual Result add(const QuarantineRequest& request) = 0;
+  /// Removes the file for good, nothing is kept of it; after the same checks, and from as many threads.
+  /// request: its detection and md5 are not looked at. Never throws.
+  virtual Result remove(const QuarantineRequest& request) = 0;
   /// JSON array of isolation items (JsonReflect::IsolationItem), oldest first. `onlyOwner`: of that uid.
   /// Throws std::runtime_error when the database fails.
   virtual Json::Value list(std::optional<uid_t> onlyOwner) const = 0;

@@ -4,7 +4,6 @@
 #include <exception>
 
 #include "platform/Text.h"
-#include "store/OriginalFile.h"
 #include "task/AgentLog.h"
 
 namespace agent {
@@ -23,15 +22,6 @@ QuarantineRequest requestFor(const ScanJob& job) {
   request.path = job.path;
   request.identity = job.identity;
   return request;
-}
-
-/// Removes the file for good. Its entry is taken aside first: another file that is put in its place at the
-/// last moment is put back and not lost.
-Result removeForGood(const ScanJob& job) {
-  store::OriginalFile original(requestFor(job));
-  original.setAside(store::privateName(freshId()));
-  original.remove();
-  return {true, "deleted"};
 }
 
 }  // namespace
@@ -147,7 +137,7 @@ Result DetectionHandler::takeAway(const Found& found) {
     return {false, refusal};
   }
   if (context_.plan.handling == ScanPlan::Handling::kDelete) {
-    return removeForGood(*found.job);
+    return context_.store.quarantine().remove(requestFor(*found.job));
   }
   QuarantineRequest request = requestFor(*found.job);
   request.detection = found.verdict.detections.at(0);

@@ -112,6 +112,75 @@ TEST_P(CrashWhileGivingUpTest, LeavesTheFileWhereItWas) {
   EXPECT_EQ(vaultFiles().size(), items().size());
 }
 
+/// Deleting for good: the file is under its own name before it is set aside, and gone ever after.
+struct DeletionStep {
+  const char* step;
+  bool stays;
+  const char* notice;
+};
+class CrashWhileDeletingTest : public CrashTest, public testing::WithParamInterface<DeletionStep> {};
+INSTANTIATE_TEST_SUITE_P(Steps, CrashWhileDeletingTest,
+                         testing::Values(DeletionStep{"deletion recorded", true, "had not begun"},
+                                         DeletionStep{"moved", false, "was ended"},
+                                         DeletionStep{"set aside", false, "was ended"},
+                                         DeletionStep{"removed", false, "had ended"}),
+                         [](const auto& tested) {
+                           return stepName({tested.param.step, tested.index});
+                         });
+
+TEST_P(CrashWhileDeletingTest, NothingStandsUnderAPrivateName) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  dieAt(GetParam().step, [&] { store().quarantine().remove(requestFor(path)); });
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr(GetParam().notice)));
+  if (GetParam().stays) {
+    EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+    EXPECT_EQ(FileFacts::of(path), before);
+  } else {
+    EXPECT_THAT(namesIn(at("")), IsEmpty());
+  }
+  reopen();
+  EXPECT_THAT(store().notices(), IsEmpty()) << "it is settled once";
+}
+
+TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {
+  const std::string path = write("victim", "bad");
+  write("good", "good");
+  store_.reset();
+  ASSERT_EQ(inChild([&] {
+              reopen();
+              exitAt("set aside");
+              store().quarantine().remove(requestFor(path));
+            }),
+            77);
+  const auto names = namesIn(at(""));
+  ASSERT_EQ(names.size(), 2U);
+  std::filesystem::rename(at("good"), at(names[0]));
+  reopen();
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+  EXPECT_EQ(testsupport::readFile(path), "good");
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+}
+
+TEST_F(CrashTest, ADeletionWhoseFolderIsAwayIsSettledByALaterStart) {
+  std::filesystem::create_directory(at("disk"));
+  const std::string path = write("disk/victim", "bad");
+  store_.reset();
+  ASSERT_EQ(inChild([&] {
+              reopen();
+              exitAt("set aside");
+              store().quarantine().remove(requestFor(path));
+            }),
+            77);
+  std::filesystem::rename(at("disk"), at("away"));
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("cannot be reached")));
+  std::filesystem::rename(at("away"), at("disk"));
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("was ended")));
+  EXPECT_THAT(namesIn(at("disk")), IsEmpty());
+}
+
 class CrashWhileRestoringTest : public CrashTest, public testing::WithParamInterface<const char*> {};
 INSTANTIATE_TEST_SUITE_P(Steps, CrashWhileRestoringTest,
                          testing::Values("restore recorded", "content sent", "restored", "trusted",
