@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <future>
 #include <memory>
 #include <optional>
 
@@ -21,7 +20,7 @@
 #include "service/AgentService.h"
 #include "service/BusLink.h"
 #include "service/Callers.h"
-#include "service/SignatureWatch.h"
+#include "service/SignatureKeeper.h"
 #include "service/Tree.h"
 #include "task/AgentLog.h"
 #include "worker/WorkerPool.h"
@@ -114,7 +113,9 @@ void takeMark(CGlobalTag& mark, const Tree& tree) {
 class Agent {
  public:
   Agent(const Options& options, const Tree& tree, const BusSettings& bus)
-      : options_(options), tree_(tree), mark_(lunet::kAgentGuid, {bus.socketDir}) {
+      : tree_(tree),
+        signatures_({tree.signatures(), options.systemSignatures}, [this] { reloadSignatures(); }),
+        mark_(lunet::kAgentGuid, {bus.socketDir}) {
     {
       // Known early, and free again: the spawner must not inherit the mark.
       CGlobalTag probe(lunet::kAgentGuid, {bus.socketDir});
@@ -166,17 +167,19 @@ class Agent {
 
   /// Until a signal ends it.
   void serve() {
-    SignatureWatch watch({tree_.signatures(), options_.systemSignatures});
     const sigset_t signals = ownSignals();
     while (true) {
-      const timespec limit{tellOfSignatures() ? kSignatureLookSec : kLoadingLookSec, 0};
+      const bool loading = signatures_.turn() || !tellOfSignatures();
+      const timespec limit{loading ? kLoadingLookSec : kSignatureLookSec, 0};
       const int number = sigtimedwait(&signals, nullptr, &limit);
       if (number == SIGTERM || number == SIGINT) {
         AGENT_LOG(2, "ending: signal %d", number);
         return;
       }
-      if (number == SIGHUP || (number < 0 && watch.changed())) {
-        reloadSignatures();
+      if (number == SIGHUP) {
+        signatures_.ask();
+      } else if (!loading) {
+        signatures_.look();
       }
     }
   }
@@ -220,24 +223,18 @@ class Agent {
 
   /// Beside the main thread, which a signal may want meanwhile.
   void reloadSignatures() {
-    if (reload_.valid() && reload_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-      return;  // one is under way
+    std::string why;
+    if (spawner_->reload(&why)) {
+      AGENT_LOG(2, "%s", "signatures were loaded again");
+    } else {
+      AGENT_LOG(4, "signatures could not be loaded again, the old ones stay in force: %s", why.c_str());
     }
-    reload_ = std::async(std::launch::async, [this] {
-      std::string why;
-      if (spawner_->reload(&why)) {
-        AGENT_LOG(2, "%s", "signatures were loaded again");
-      } else {
-        AGENT_LOG(4, "signatures could not be loaded again, the old ones stay in force: %s", why.c_str());
-      }
-    });
   }
 
-  const Options& options_;
   const Tree& tree_;
   std::string told_;
   std::unique_ptr<Spawner> spawner_;
-  std::future<void> reload_;
+  SignatureKeeper signatures_;  // made before the body starts the spawner; what it runs needs that
   CGlobalTag mark_;
   std::unique_ptr<Store> store_;
   BusLink bus_;

@@ -9,12 +9,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <future>
 #include <set>
 
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
 #include "json/CppJson.h"
 #include "lunet/Lunet.h"
+#include "store/Store.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 #include "task/RunningPrograms.h"
@@ -193,6 +195,85 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
   ASSERT_TRUE(waitFor([&] { return tree.log().find("loaded again") != std::string::npos; })) << tree.log();
   ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
   EXPECT_EQ(1U, console.notices("reportRiskInfo").size());
+}
+
+std::size_t countOf(const std::string& what, const std::string& text) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) {
+    ++count;
+  }
+  return count;
+}
+
+/// The value of a line of /proc/<pid>/status.
+std::string statusOf(pid_t pid, const std::string& key) {
+  const std::string text = "\n" + testsupport::readFile("/proc/" + std::to_string(pid) + "/status");
+  const std::size_t at = text.find("\n" + key + ":");
+  const std::size_t begin = at == std::string::npos ? at : text.find_first_not_of(" \t", at + key.size() + 2);
+  return begin == std::string::npos ? "" : text.substr(begin, text.find('\n', begin) - begin);
+}
+
+TEST(AgentProgram, AHangupWhileSignaturesAreLoadedLeadsToOneMoreLoad) {
+  AgentTree tree;
+  const pid_t agent = tree.agent().pid();
+  pid_t spawner = 0;
+  for (const pid_t pid : processesOf(agent)) {
+    spawner = statusOf(pid, "Name") == "tav-spawner" ? pid : spawner;
+  }
+  ASSERT_NE(0, spawner);
+  ASSERT_TRUE(waitFor([&] { return tree.log().find("signatures:") != std::string::npos; }));
+  ::kill(spawner, SIGSTOP);  // a load that takes its time
+  const std::string threads = statusOf(agent, "Threads");
+  const std::string none(16, '0');
+  tree.kill(SIGHUP);
+  EXPECT_TRUE(waitFor([&] { return statusOf(agent, "Threads") != threads; }));
+  tree.kill(SIGHUP);
+  EXPECT_TRUE(waitFor([&] { return statusOf(agent, "ShdPnd") == none; }));
+  ::kill(spawner, SIGCONT);
+  EXPECT_TRUE(waitFor([&] { return countOf("loaded again", tree.log()) == 2; })) << tree.log();
+}
+
+TEST(AgentProgram, ALongRequestDoesNotFillItsLog) {
+  AgentTree tree;
+  PeerConsole console(tree);
+  Json::Value request = object(R"({"config_type":0,"request_source":1})");
+  request["config_str"] = std::string(1 << 20, 'x');
+  EXPECT_FALSE(console.call("setAVConfig", request).asBool());
+  const std::string log = tree.log();
+  EXPECT_THAT(log, HasSubstr("change settings by user 0"));
+  EXPECT_LT(log.size(), 100'000U);
+}
+
+TEST(AgentProgram, LostTasksAreToldOfBeforeTheFirstRequestIsServed) {
+  AgentTree tree({.group = "", .start = false, .uid = {}});
+  {
+    const auto store = agent::Store::open(tree.at("state"));
+    agent::TaskRecord lost;
+    lost.scanType = 2;
+    lost.ownerGuid = lunet::kConsoleGuid;
+    lost.ownerPid = 1;
+    for (int i = 0; i < 2000; ++i) {
+      lost.token = "lost-" + std::to_string(i);
+      store->tasks().put(lost);
+    }
+  }
+  PeerConsole console(tree);
+  auto first = std::async(std::launch::async, [&] {
+    return waitFor([&] {
+      try {
+        const Json::Value request = object(R"({"config_str":"{}","config_type":0,"request_source":1})");
+        console.call("setAVConfig", request);
+        return true;
+      } catch (const std::exception&) {
+        return false;  // it does not serve yet
+      }
+    });
+  });
+  tree.start();
+  ASSERT_TRUE(first.get());
+  const std::string log = tree.log();
+  EXPECT_EQ(2000U, countOf("was lost with an earlier run", log));
+  EXPECT_LT(log.rfind("was lost with an earlier run"), log.find("change settings by user 0"));
 }
 
 class AgentTasks : public ::testing::Test {

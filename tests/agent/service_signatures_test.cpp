@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+
+#include "service/SignatureKeeper.h"
+#include "support/TempDir.h"
+#include "support/Wait.h"
+
+namespace agent {
+namespace {
+
+using testsupport::waitFor;
+
+/// Loads that wait for the test.
+class Signatures : public testing::Test {
+ protected:
+  void TearDown() override { goOn(); }
+  void goOn() {
+    if (!open_) {
+      open_ = true;
+      gate_.set_value();
+    }
+  }
+  bool begun(int count) {
+    return waitFor([&] {
+      keeper_.turn();
+      return begun_ >= count;
+    });
+  }
+
+  testsupport::TempDir dir_;
+  std::promise<void> gate_;
+  bool open_ = false;
+  std::atomic<int> begun_{0};
+  SignatureKeeper keeper_{{dir_.path()}, [this, gate = gate_.get_future().share()] {
+                            ++begun_;
+                            gate.wait();
+                          }};
+};
+
+TEST_F(Signatures, AreNotLoadedAgainWhileNothingChanges) {
+  keeper_.look();
+  keeper_.look();
+  EXPECT_FALSE(keeper_.turn());
+  EXPECT_EQ(begun_, 0);
+}
+
+TEST_F(Signatures, ThatChangeAfterTheKeeperWasMadeAreLoadedAgainOnce) {
+  dir_.write("a.ndb", "one");
+  keeper_.look();
+  EXPECT_FALSE(keeper_.turn()) << "still being written, perhaps";
+  keeper_.look();
+  EXPECT_TRUE(keeper_.turn());
+  ASSERT_TRUE(begun(1));
+  goOn();
+  EXPECT_TRUE(waitFor([&] { return !keeper_.turn(); }));
+  EXPECT_EQ(begun_, 1);
+}
+
+TEST_F(Signatures, ThatAreAskedForWhileALoadRunsAreLoadedOnceMoreBehindIt) {
+  keeper_.ask();
+  ASSERT_TRUE(begun(1));
+  keeper_.ask();
+  keeper_.ask();
+  EXPECT_TRUE(keeper_.turn());
+  EXPECT_EQ(begun_, 1);
+  goOn();
+  EXPECT_TRUE(begun(2));
+  EXPECT_TRUE(waitFor([&] { return !keeper_.turn(); }));
+  EXPECT_EQ(begun_, 2);
+}
+
+TEST_F(Signatures, ThatChangeWhileALoadRunsAreLoadedOnceMoreBehindIt) {
+  keeper_.ask();
+  ASSERT_TRUE(begun(1));
+  dir_.write("a.ndb", "one");
+  keeper_.look();
+  keeper_.look();
+  keeper_.look();
+  EXPECT_TRUE(keeper_.turn());
+  goOn();
+  EXPECT_TRUE(begun(2));
+}
+
+}  // namespace
+}  // namespace agent
