@@ -197,12 +197,12 @@ class Agent {
     helper_ = std::make_unique<jsonrpchelper::IJsonRpcServerHelper>();
     service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group);
     service_->StartListening();
+    tasks_->tellOfLostTasks();  // before the first request: a task that it starts is not a lost one
     const std::uint32_t error = helper_->registerOn(bus_.endpoint());
     if (error != lunet::kOk) {
       throw StartFailure{kExitFailed,
                          "the agent's methods cannot be offered: bus error " + std::to_string(error)};
     }
-    tasks_->tellOfLostTasks();
   }
 
   static std::string resolved(const std::string& path) {
