@@ -8,6 +8,7 @@
 #include "json/RegionRecords.h"
 #include "platform/Text.h"
 #include "service/Callers.h"
+#include "store/AuditLog.h"
 #include "task/AgentLog.h"
 
 namespace agent {
@@ -50,8 +51,8 @@ bool AgentService::allowed(const CallerId& caller, const char* action) {
 
 bool AgentService::changed(const CallerId& caller, const char* action, const std::string& object, bool ok,
                            const std::string& why) {
-  AGENT_LOG(ok ? 2 : 4, "%s by user %u (process %d): %s: %s", action, caller.uid, caller.pid, object.c_str(),
-            ok ? "done" : why.c_str());
+  AGENT_LOG(ok ? 2 : 4, "%s by user %u (process %d): %s: %s", action, caller.uid, caller.pid,
+            store::cutField(object).c_str(), ok ? "done" : store::cutField(why).c_str());
   store_.audit(caller, action, object, ok ? "done" : "refused: " + why);
   return ok;
 }

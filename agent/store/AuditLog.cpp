@@ -10,9 +10,6 @@
 namespace agent::store {
 namespace {
 
-/// A field's share of a record: one caller's long request must not push what others did out of the log.
-constexpr std::size_t kMaxFieldBytes = 16 << 10;
-
 /// One field's text: control characters visible, and quotes so that no text can pose as another field.
 std::string field(const std::string& text) {
   std::string quotedText = "\"";
@@ -20,8 +17,7 @@ std::string field(const std::string& text) {
     quotedText += c == '"' ? "\\\"" : std::string(1, c);
   }
   quotedText += '"';
-  return text.size() <= kMaxFieldBytes ? quotedText
-                                       : quotedText + "...(" + std::to_string(text.size()) + " bytes)";
+  return quotedText + cutRemark(text);
 }
 
 std::string caller(const CallerId& who) {
@@ -33,6 +29,14 @@ std::string caller(const CallerId& who) {
 }
 
 }  // namespace
+
+std::string cutRemark(std::string_view text) {
+  return text.size() <= kMaxFieldBytes ? "" : "...(" + std::to_string(text.size()) + " bytes)";
+}
+
+std::string cutField(std::string_view text) {
+  return std::string(text.substr(0, kMaxFieldBytes)) + cutRemark(text);
+}
 
 AuditLog::AuditLog(std::string path, std::int64_t maxBytes) : path_(std::move(path)), maxBytes_(maxBytes) {
   open();

@@ -2,11 +2,20 @@
 
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "store/Posix.h"
 #include "store/Store.h"
 
 namespace agent::store {
+
+/// A field's share of a line in a log or an audit record: one caller's long request must not push what others
+/// did out of it.
+inline constexpr std::size_t kMaxFieldBytes = 16 << 10;
+/// What stands behind a field that was cut to its share: its size. Empty for one that fits.
+std::string cutRemark(std::string_view text);
+/// A text as a field, cut when it must be.
+std::string cutField(std::string_view text);
 
 /// Who did what, one line each, only ever appended to: audit.log in the state folder (0600). At 10 MB it
 /// becomes audit.log.1, and so on up to audit.log.4. Never throws; what cannot be written is counted in the
