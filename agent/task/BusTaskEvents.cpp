@@ -1,5 +1,7 @@
 #include "task/BusTaskEvents.h"
 
+#include <optional>
+
 #include "platform/Text.h"
 
 namespace agent {
@@ -18,6 +20,11 @@ std::string nameOf(const TaskOwner& owner) {
   return "the console of process " + std::to_string(owner.process.pid);
 }
 
+/// The user, when he is not trusted: see Mailbox.
+std::optional<uid_t> memberOf(const TaskOwner& owner) {
+  return owner.process.trusted ? std::nullopt : std::optional<uid_t>(owner.process.uid);
+}
+
 }  // namespace
 
 BusTaskEvents::BusTaskEvents(Outbox& outbox, lunet::IEndpoint& endpoint, const TaskOwner& owner,
@@ -25,7 +32,7 @@ BusTaskEvents::BusTaskEvents(Outbox& outbox, lunet::IEndpoint& endpoint, const T
     : outbox_(outbox),
       envelope_(std::move(envelope)),
       notifier_(endpoint, owner.guid, owner.process),
-      box_(std::make_shared<Mailbox>(nameOf(owner))) {}
+      box_(std::make_shared<Mailbox>(nameOf(owner), memberOf(owner))) {}
 
 /// The notice keeps its sender alive until it has left.
 void BusTaskEvents::post(NoticeKind kind, std::size_t bytes,

@@ -16,6 +16,9 @@ bool worthAnotherTry(std::uint32_t error) {
          error == lunet::kErrSystem;
 }
 
+/// A send that ran out of time kept all others waiting: how much longer the next one is put off.
+constexpr int kTimeoutPause = 10;
+
 /// Errors that say something about the notice and nothing about its receiver.
 bool noticeItself(std::uint32_t error) {
   return error == lunet::kErrTooLarge || error == lunet::kErrArgument;
@@ -115,11 +118,17 @@ bool Outbox::sendRound(std::unique_lock<std::mutex>& lock) {
   const std::vector<std::shared_ptr<Mailbox>> boxes = listed_;
   bool sent = false;
   for (const std::shared_ptr<Mailbox>& box : boxes) {
-    if (box->notBefore_ <= Clock::now()) {
+    if (mayTry(*box)) {
       sent = sendOne(lock, box) || sent;
     }
   }
   return sent;
+}
+
+bool Outbox::mayTry(const Mailbox& box) const {
+  const Clock::time_point now = Clock::now();
+  const auto member = box.member_ ? membersNotBefore_.find(*box.member_) : membersNotBefore_.end();
+  return box.notBefore_ <= now && (member == membersNotBefore_.end() || member->second <= now);
 }
 
 /// True when something was taken. Called with the lock held, given up while sending.
@@ -129,10 +138,12 @@ bool Outbox::sendOne(std::unique_lock<std::mutex>& lock, const std::shared_ptr<M
     Mailbox::Notice notice = std::move(box->waiting_.front());
     box->waiting_.pop_front();
     lock.unlock();
+    const Clock::time_point begun = Clock::now();
     const std::uint32_t error = guarded(notice.send);
+    const Clock::duration took = Clock::now() - begun;
     lock.lock();
     taken = error == lunet::kOk;
-    settle(*box, std::move(notice), error);
+    settle(*box, std::move(notice), error, took);
   }
   if (box->waiting_.empty()) {
     const std::function<void()> closed = std::move(box->closed_);
@@ -154,7 +165,7 @@ bool Outbox::sendOne(std::unique_lock<std::mutex>& lock, const std::shared_ptr<M
 }
 
 /// What the sending of a notice means for its mailbox.
-void Outbox::settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error) {
+void Outbox::settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error, Clock::duration took) {
   const Clock::time_point now = Clock::now();
   if (worthAnotherTry(error)) {
     if (now - box.stalledSince_ >= limits_.stall) {
@@ -167,7 +178,7 @@ void Outbox::settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error) {
     if (!newer) {
       box.waiting_.push_front(std::move(notice));
     }
-    box.notBefore_ = now + limits_.retry;
+    postpone(box, error, took);
     return;
   }
   if (error != lunet::kOk && !noticeItself(error)) {
@@ -180,6 +191,18 @@ void Outbox::settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error) {
   box.stalledSince_ = now;
   if (notice.kind == NoticeKind::kKept) {
     box.bytes_ -= std::min(box.bytes_, notice.bytes);
+  }
+}
+
+/// When that mailbox may be tried again.
+void Outbox::postpone(Mailbox& box, std::uint32_t error, Clock::duration took) {
+  const Clock::time_point now = Clock::now();
+  box.notBefore_ = now + limits_.retry;
+  if (error == lunet::kErrTimeout) {
+    box.notBefore_ += kTimeoutPause * took;
+    if (box.member_) {
+      membersNotBefore_[*box.member_] = box.notBefore_;
+    }
   }
 }
 

@@ -1,13 +1,17 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,7 +28,10 @@ using SendNotice = std::function<std::uint32_t()>;
 /// The notices of one task on their way to the process that started it. Made by Outbox::mailbox; any thread.
 class Mailbox {
  public:
-  explicit Mailbox(std::string name) : name_(std::move(name)) {}
+  /// member: the receiver's user, when he is a mere member of the bus's group: the time that one of his
+  /// endpoints takes from the sender counts against all of them.
+  explicit Mailbox(std::string name, std::optional<uid_t> member = std::nullopt)
+      : name_(std::move(name)), member_(member) {}
 
  private:
   friend class Outbox;
@@ -34,6 +41,7 @@ class Mailbox {
     SendNotice send;
   };
   const std::string name_;  // for the log
+  const std::optional<uid_t> member_;
   // All guarded by the outbox's mutex.
   std::deque<Notice> waiting_;
   std::size_t bytes_ = 0;                              // of the kept ones
@@ -45,7 +53,9 @@ class Mailbox {
 };
 
 /// Sends notices on a thread of its own, so that no receiver, however slow, keeps a task or another receiver
-/// waiting. A receiver that takes nothing for `stallLimit` counts as gone. Any thread.
+/// waiting. A receiver that takes nothing for `stallLimit` counts as gone. One that makes a send wait until
+/// its time is up (it holds its address and welcomes nobody) is left alone for ten times as long: however
+/// many do that, they have a small part of the thread's time. Any thread.
 class Outbox {
  public:
   struct Limits {
@@ -76,7 +86,9 @@ class Outbox {
   void run();
   bool sendRound(std::unique_lock<std::mutex>& lock);
   bool sendOne(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Mailbox>& box);
-  void settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error);
+  bool mayTry(const Mailbox& box) const;
+  void settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error, Clock::duration took);
+  void postpone(Mailbox& box, std::uint32_t error, Clock::duration took);
   void giveUp(Mailbox& box, const char* why);
   void list(const std::shared_ptr<Mailbox>& box);
 
@@ -85,6 +97,7 @@ class Outbox {
   std::condition_variable work_;
   std::condition_variable room_;
   std::vector<std::shared_ptr<Mailbox>> listed_;
+  std::map<uid_t, Clock::time_point> membersNotBefore_;  // after a send that ran out of time
   bool ending_ = false;
   std::thread thread_;
 };

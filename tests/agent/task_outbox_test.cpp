@@ -1,12 +1,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
+#include "lunet/ClientLibrary.h"
 #include "lunet/Lunet.h"
+#include "platform/Descriptor.h"
+#include "platform/Text.h"
+#include "support/TempDir.h"
 #include "support/Wait.h"
 #include "task/Outbox.h"
 
@@ -251,6 +258,112 @@ TEST(Outbox, EndsWhileAReceiverStalls) {
   Outbox outbox(quick());
   outbox.post(box(), kKept, 10, console.notice("1"));
   EXPECT_FALSE(outbox.drain(std::chrono::milliseconds(5)));
+}
+
+/// Posts and waits for each: how many notices of a well-behaved receiver get through.
+int takenOneByOne(Outbox& outbox, Receiver& receiver, int count) {
+  const auto mail = box();
+  for (int i = 0; i < count; ++i) {
+    outbox.post(mail, kKept, 10, receiver.notice("x"));
+    if (!waitFor([&] { return receiver.taken().size() == static_cast<std::size_t>(i) + 1; })) {
+      return i;
+    }
+  }
+  return count;
+}
+
+/// A send that runs out of time, as one to an endpoint that never welcomes.
+SendNotice timesOut(std::atomic<int>& tries) {
+  return [&tries]() -> std::uint32_t {
+    ++tries;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return lunet::kErrTimeout;
+  };
+}
+
+TEST(Outbox, WhatOneEndpointOfAMemberTakesFromTheSenderCountsAgainstAllOfHis) {
+  std::atomic<int> tries{0};
+  Outbox outbox(quick());
+  std::vector<std::shared_ptr<Mailbox>> boxes;
+  for (int i = 0; i < 20; ++i) {
+    boxes.push_back(std::make_shared<Mailbox>("a member's console", 4711));
+    outbox.post(boxes.back(), kKept, 10, timesOut(tries));
+  }
+  ASSERT_TRUE(waitFor([&] { return tries > 0; }));
+  Receiver other;
+  EXPECT_EQ(20, takenOneByOne(outbox, other, 20));
+  EXPECT_EQ(1, tries);
+}
+
+/// Receives on an endpoint of the real bus.
+class BusReceiver final : public lunet::IMRReceiveComplete {
+ public:
+  explicit BusReceiver(lunet::IClient& client) : endpoint(client.CreateEndpoint()), client_(client) {
+    std::string text;
+    CUuid::generate(text);
+    guid = lunet::parseGuid(text.c_str());
+    endpoint->RegisterReceiver(lunet::kOnewayChannel, this, nullptr);
+    EXPECT_EQ(endpoint->Open(guid), lunet::kOk);
+  }
+  ~BusReceiver() { client_.DestroyEndpoint(endpoint); }
+  BusReceiver(const BusReceiver&) = delete;
+  BusReceiver& operator=(const BusReceiver&) = delete;
+
+  void ReceiveCallback(std::uint32_t, std::uint64_t, const void*, std::uint32_t, void*, void*) override {
+    endpoint->GetPeerIdentity(&sender);
+    ++count;
+  }
+
+  lunet::IEndpoint* const endpoint;
+  lunet::Guid guid{};
+  lunet::PeerIdentity sender;  // of the last message; read when count has been
+  std::atomic<int> count{0};
+
+ private:
+  lunet::IClient& client_;
+};
+
+TEST(OutboxOnTheBus, AConsoleThatNeverWelcomesKeepsNoOtherWaiting) {
+  const testsupport::TempDir tree;
+  lunet::ClientLibrary library;
+  ASSERT_EQ("", library.load(TAV_LIB_DIR "/libLunetClientMgr.so"));
+  ASSERT_EQ("", library.createClient());
+  ASSERT_EQ(lunet::kOk,
+            library.client()->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"));
+  BusReceiver agent(*library.client());
+  BusReceiver console(*library.client());
+  ASSERT_EQ(lunet::kOk, console.endpoint->OnewaySend(agent.guid, lunet::kOnewayChannel, "I", 1));
+  ASSERT_TRUE(waitFor([&] { return agent.count == 1; }));
+  const lunet::PeerIdentity process = agent.sender;
+
+  const lunet::Guid deaf{1, 2, 3};
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (tree.at("run/lunet/") + lunet::formatGuid(deaf) + ".sock")
+      .copy(address.sun_path, sizeof address.sun_path - 1);
+  const platform::Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  ASSERT_EQ(0, listen(listener.get(), 5));
+
+  const auto notice = [&agent, &process](const lunet::Guid& target, std::atomic<int>& tries) -> SendNotice {
+    return [&agent, &process, &target, &tries] {
+      ++tries;
+      return agent.endpoint->SendToProcess(target, process, lunet::kOnewayChannel, "x", 1);
+    };
+  };
+  std::atomic<int> deafTries{0};
+  std::atomic<int> tries{0};
+  Outbox outbox(quick());
+  const auto deafBox = box();
+  outbox.post(deafBox, kKept, 10, notice(deaf, deafTries));
+  ASSERT_TRUE(waitFor([&] { return deafTries == 1; }));
+  const auto mail = box();
+  for (int i = 1; i <= 200; ++i) {
+    outbox.post(mail, kKept, 10, notice(console.guid, tries));
+    ASSERT_TRUE(waitFor([&] { return console.count == i; }));
+  }
+  EXPECT_EQ(1, deafTries);
+  EXPECT_FALSE(outbox.gone(deafBox));  // it may come to itself
 }
 
 }  // namespace
