@@ -13,6 +13,8 @@ constexpr std::uint64_t kMegabyte = 1u << 20;
 constexpr int kModes = 3;
 constexpr int kDefaultLayers = 16;
 constexpr int kMostWorkers = 64;
+constexpr std::size_t kMostItems = 1024;  // each is held open from the beginning of its scan
+constexpr int kNotGiven = -1;
 
 std::uint64_t megabytes(const Json::Value& section, const char* key) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(CppJson::readInt64(section, key, 0), 0)) *
@@ -20,7 +22,7 @@ std::uint64_t megabytes(const Json::Value& section, const char* key) {
 }
 
 /// What is asked and not there is refused: a scan that silently did less would be worse than none.
-std::string whyRefused(const JsonReflect::ScanParams& params) {
+std::string whyRefused(const JsonReflect::ScanParams& params, bool fixMethodAsked) {
   if (params.scan_type() < 0 || params.scan_type() >= 2 * kModes) {
     return "unknown scan type " + std::to_string(params.scan_type());
   }
@@ -33,10 +35,10 @@ std::string whyRefused(const JsonReflect::ScanParams& params) {
   if (params.expire_time() != 0) {
     return "an expiry time is not offered";
   }
-  if (params.fix_method() < 0 || params.fix_method() > 2) {
+  if (params.fix_method() < (fixMethodAsked ? 0 : kNotGiven) || params.fix_method() > 2) {
     return "unknown handling method " + std::to_string(params.fix_method());
   }
-  if (params.handle_action() < -1 || params.handle_action() > 3) {
+  if (params.handle_action() < kNotGiven || params.handle_action() > 3) {
     return "unknown handling action " + std::to_string(params.handle_action());
   }
   if (params.proc_fix_method() < 0 || params.proc_fix_method() > 1) {
@@ -49,6 +51,15 @@ std::string whyRefused(const JsonReflect::ScanParams& params) {
     return "the time limit is negative";
   }
   return {};
+}
+
+/// The tolerant reads make a 0, which handles automatically, of 0.7 and of "none"; here nothing else may.
+bool isWholeNumber(const Json::Value& value) {
+  if (!value.isString()) {
+    return value.isInt();
+  }
+  const std::string text = value.asString();
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 ScanOptions engineOptions(const Json::Value& compressed, const Json::Value& engines, bool strong) {
@@ -103,12 +114,18 @@ void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fix
 
 std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& settings, std::string* why) {
   JsonReflect::ScanParams params;
-  params.set_handle_action(-1);
+  params.set_handle_action(kNotGiven);
+  params.set_fix_method(kNotGiven);
   if (!request.isObject() || !params.FromValue(request)) {
     *why = "the scan parameters are no object";
     return std::nullopt;
   }
-  *why = whyRefused(params);
+  const bool fixMethodAsked = request.isMember("fix_method");
+  if (fixMethodAsked && !isWholeNumber(request["fix_method"])) {
+    *why = "the handling method is no number";
+    return std::nullopt;
+  }
+  *why = whyRefused(params, fixMethodAsked);
   if (!why->empty()) {
     return std::nullopt;
   }
@@ -125,10 +142,15 @@ std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& set
       *why = "no path was given";
       return std::nullopt;
     }
+    if (plan.items.size() > kMostItems) {
+      *why = std::to_string(plan.items.size()) + " paths were given, and one scan takes " +
+             std::to_string(kMostItems);
+      return std::nullopt;
+    }
   }
   const Json::Value engines = settings.document(4).value_or(Json::Value(Json::objectValue))["MultiEngines"];
   plan.options = engineOptions(scan["Compressed"], engines, params.scan_type() >= kModes);
-  setHandling(plan, params, request.isMember("fix_method"), common);
+  setHandling(plan, params, fixMethodAsked, common);
   plan.memoryCheck = CppJson::readBool(common, "MemCheck", false);
   plan.useCache = CppJson::readBool(common, "ScanWithCache", true);
   plan.readCache = plan.useCache && !params.force_scan();

@@ -136,6 +136,15 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusalRow{"FilterTypes", R"({"handle_filter_types":["x"]})", "risk type"},
                       RefusalRow{"ExpiryTime", R"({"expire_time":5})", "expiry"},
                       RefusalRow{"FixMethodSeven", R"({"fix_method":7})", "handling method 7"},
+                      RefusalRow{"FixMethodMinusOne", R"({"fix_method":-1})", "handling method"},
+                      RefusalRow{"FixMethodNull", R"({"fix_method":null})", "handling method"},
+                      RefusalRow{"FixMethodTrue", R"({"fix_method":true})", "handling method"},
+                      RefusalRow{"FixMethodFalse", R"({"fix_method":false})", "handling method"},
+                      RefusalRow{"FixMethodList", R"({"fix_method":[]})", "handling method"},
+                      RefusalRow{"FixMethodText", R"({"fix_method":"automatic"})", "handling method"},
+                      RefusalRow{"FixMethodEmptyText", R"({"fix_method":""})", "handling method"},
+                      RefusalRow{"FixMethodHalf", R"({"fix_method":0.5})", "handling method"},
+                      RefusalRow{"FixMethodHuge", R"({"fix_method":4294967296})", "handling method"},
                       RefusalRow{"HandleActionNine", R"({"handle_action":9})", "handling action 9"},
                       RefusalRow{"ProcFixMethodTwo", R"({"proc_fix_method":2})", "processes 2"},
                       RefusalRow{"ParallelismTooHigh", R"({"parallelism":65})", "parallelism"},
@@ -150,6 +159,15 @@ TEST_F(PlanTest, ParametersThatAreNoObjectAreRefused) {
     params = wrapped[0];
     EXPECT_THAT(refusal(), HasSubstr("no object"));
   }
+}
+
+TEST_F(PlanTest, MorePathsThanOneScanMayHoldOpenAreRefused) {
+  for (int i = 1; i < 1024; ++i) {
+    params["items"].append("/some/path");
+  }
+  EXPECT_EQ(1024U, plan().items.size());
+  params["items"].append("/some/path");
+  EXPECT_THAT(refusal(), HasSubstr("1025 paths"));
 }
 
 TEST_F(PlanTest, PathBytesThatAreNoUtf8ComeBackFromTheWire) {
@@ -193,9 +211,10 @@ TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {
   const std::string layered = plan().cacheKey;
   EXPECT_NE(key, layered);
   settings.engines["MultiEngines"]["UMBengine"] = false;
-  EXPECT_NE(layered, plan().cacheKey);
+  const std::string withoutEngine = plan().cacheKey;
+  EXPECT_NE(layered, withoutEngine);
   params["scan_type"] = 5;
-  EXPECT_NE(layered, plan().cacheKey);
+  EXPECT_NE(withoutEngine, plan().cacheKey);
 }
 
 TEST_F(PlanTest, AForcedScanWritesTheCacheAndDoesNotReadIt) {
