@@ -64,6 +64,13 @@ bool isAmong(const ArchiveKind& kind, const std::vector<std::string>& endings) {
          });
 }
 
+bool isEndingAmong(std::string_view ending, const std::vector<std::string>& endings) {
+  return std::any_of(std::begin(kArchiveKinds), std::end(kArchiveKinds), [&](const ArchiveKind& kind) {
+    return anyEnding(kind, [ending](std::string_view one) { return one == ending; }) &&
+           isAmong(kind, endings);
+  });
+}
+
 std::string nameOf(const ArchiveKind& kind) {
   const std::string_view endings = kind.endings;
   return std::string(endings.substr(0, endings.find(' ')));

@@ -18,6 +18,8 @@ struct ArchiveKind {
 const ArchiveKind* archiveKindOf(std::string_view type);
 /// Whether one of the kind's endings is among those named; none named means all.
 bool isAmong(const ArchiveKind& kind, const std::vector<std::string>& endings);
+/// Whether files of that ending (lower case) are archives of a kind that isAmong those named.
+bool isEndingAmong(std::string_view ending, const std::vector<std::string>& endings);
 std::string nameOf(const ArchiveKind& kind);
 
 /// Office documents that are zip files inside.

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "engine/ArchiveKinds.h"
+
 namespace agent {
 
 namespace {
@@ -46,10 +48,6 @@ bool startsAsProgram(int fd) {
   });
 }
 
-bool contains(const std::vector<std::string>& words, const std::string& word) {
-  return std::find(words.begin(), words.end(), word) != words.end();
-}
-
 }  // namespace
 
 std::string endingOf(const std::string& path) {
@@ -73,7 +71,7 @@ std::string whyLeftOut(const ScanPlan& plan, const std::string& path, int fd, co
   }
   const std::string ending = endingOf(path);
   const bool wanted = std::find(std::begin(kEndings), std::end(kEndings), ending) != std::end(kEndings) ||
-                      (plan.options.archives && contains(plan.options.archiveFormats, ending)) ||
+                      (plan.options.archives && isEndingAmong(ending, plan.options.archiveFormats)) ||
                       startsAsProgram(fd);
   return wanted ? std::string() : "neither a program nor a document";
 }

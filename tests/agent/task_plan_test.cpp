@@ -247,6 +247,7 @@ struct KindRow {
   const char* content;
   mode_t mode;
   bool scanned;
+  std::vector<std::string> formats{"zip", "bz2"};  // of archives
 };
 class ProgramsAndDocuments : public ::testing::TestWithParam<KindRow> {};
 TEST_P(ProgramsAndDocuments, AreScannedAndTheRestIsLeftOut) {
@@ -257,26 +258,32 @@ TEST_P(ProgramsAndDocuments, AreScannedAndTheRestIsLeftOut) {
   struct stat status {};
   ASSERT_EQ(0, fstat(fd.get(), &status));
   ScanPlan plan;
-  plan.options.archiveFormats = {"zip"};
+  plan.options.archiveFormats = GetParam().formats;
   EXPECT_EQ("", whyLeftOut(plan, path, fd.get(), status));
   plan.programsOnly = true;
   EXPECT_EQ(GetParam().scanned, whyLeftOut(plan, path, fd.get(), status).empty());
   EXPECT_EQ(0, lseek(fd.get(), 0, SEEK_CUR));
 }
-INSTANTIATE_TEST_SUITE_P(Kinds, ProgramsAndDocuments,
-                         ::testing::Values(KindRow{"Elf", "x.dat",
-                                                   "\x7f"
-                                                   "ELF...",
-                                                   0600, true},
-                                           KindRow{"Script", "x", "#!/bin/sh\n", 0600, true},
-                                           KindRow{"WindowsProgram", "x.jpg", "MZ...", 0600, true},
-                                           KindRow{"Executable", "x.txt", "text", 0700, true},
-                                           KindRow{"Document", "x.PDF", "text", 0600, true},
-                                           KindRow{"Archive", "x.zip", "PK", 0600, true},
-                                           KindRow{"Text", "x.txt", "text", 0600, false},
-                                           KindRow{"Picture", "x.jpg", "\xff\xd8\xff", 0600, false},
-                                           KindRow{"Empty", "x.log", "", 0600, false}),
-                         [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, ProgramsAndDocuments,
+    ::testing::Values(KindRow{"Elf", "x.dat",
+                              "\x7f"
+                              "ELF...",
+                              0600, true},
+                      KindRow{"Script", "x", "#!/bin/sh\n", 0600, true},
+                      KindRow{"WindowsProgram", "x.jpg", "MZ...", 0600, true},
+                      KindRow{"Executable", "x.txt", "text", 0700, true},
+                      KindRow{"Document", "x.PDF", "text", 0600, true},
+                      KindRow{"Archive", "x.zip", "PK", 0600, true},
+                      KindRow{"ArchiveOfTheSameKind", "x.war", "PK", 0600, true},
+                      KindRow{"PackedTar", "x.TBZ2", "BZh", 0600, true},
+                      KindRow{"ArchiveThatIsNotNamed", "x.cab", "MSCF", 0600, false},
+                      KindRow{"AnyArchiveWhenNoneIsNamed", "x.cab", "MSCF", 0600, true, {}},
+                      KindRow{"TextWhenNoArchiveIsNamed", "x.txt", "text", 0600, false, {}},
+                      KindRow{"Text", "x.txt", "text", 0600, false},
+                      KindRow{"Picture", "x.jpg", "\xff\xd8\xff", 0600, false},
+                      KindRow{"Empty", "x.log", "", 0600, false}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
   ScanPlan plan;
