@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <mutex>
 #include <set>
 
 namespace agent {
@@ -124,6 +125,9 @@ std::vector<Stage> stagesOf(ScanPlan::Mode mode, bool memoryCheck, const std::ve
 }
 
 std::vector<std::string> homeFolders() {
+  // The user database is read with one position for the whole process.
+  static std::mutex reading;
+  const std::lock_guard guard(reading);
   std::set<std::string> homes;
   setpwent();
   while (const passwd* entry = getpwent()) {

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "json/CppJson.h"
 #include "platform/Descriptor.h"
 #include "support/TempDir.h"
@@ -331,6 +334,24 @@ TEST(Stages, OnlyPlacesThatExistAreNamed) {
     }
   }
   EXPECT_TRUE(found);
+}
+
+TEST(HomeFolders, SeveralThreadsAskAndEachGetsThemAll) {
+  const std::vector<std::string> all = homeFolders();
+  ASSERT_FALSE(all.empty());
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 100; ++round) {
+        wrong += homeFolders() == all ? 0 : 1;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(0, wrong);
 }
 
 }  // namespace
