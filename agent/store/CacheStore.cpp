@@ -82,8 +82,8 @@ bool CacheStore::isClean(const FileIdentity& file, const std::string& key) const
   return known != keys_.end() && known->second == entry.keyId;
 }
 
-void CacheStore::remember(const FileIdentity& file, const std::string& key) {
-  if (nowNs() - file.changeTimeNs < kTooYoungNs) {
+void CacheStore::remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs) {
+  if (statusNs - file.changeTimeNs < kTooYoungNs) {
     return;
   }
   const std::lock_guard lock(mutex_);

@@ -23,7 +23,7 @@ class CacheStore : public ScanCache {
   ~CacheStore() override;  ///< writes what is not written yet
 
   bool isClean(const FileIdentity& file, const std::string& key) const override;
-  void remember(const FileIdentity& file, const std::string& key) override;
+  void remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs) override;
   void flush() override;
   std::int64_t count() const override;
   void clear() override;

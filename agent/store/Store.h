@@ -110,7 +110,9 @@ class ScanCache {
   virtual ~ScanCache() = default;
   /// key: signature version and options; a match means: known clean.
   virtual bool isClean(const FileIdentity& file, const std::string& key) const = 0;
-  virtual void remember(const FileIdentity& file, const std::string& key) = 0;
+  /// statusNs: the clock (since 1970-01-01) just before the identity was read. Nothing is remembered of a
+  /// file that had changed so shortly before that it could change again and keep its times.
+  virtual void remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs) = 0;
   virtual void flush() = 0;
   virtual std::int64_t count() const = 0;
   virtual void clear() = 0;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -26,7 +27,9 @@ struct ScanJob {
   std::string path;  ///< bytes
   platform::Descriptor fd;
   struct stat status {};
+  std::int64_t statusNs = 0;  ///< when it was read, since 1970-01-01
   FileIdentity identity;
+  bool cacheable = false;       ///< the cache may remember it as clean
   bool rejected = false;        ///< by path, folder, ending or name
   bool folderWritable = false;  ///< by the caller
 };

@@ -44,6 +44,8 @@ constexpr Row kRows[] = {
     {0x5346414f, {FileSystemKind::kNetwork, "afs"}},
     {0x73757245, {FileSystemKind::kNetwork, "coda"}},
     {0x01161970, {FileSystemKind::kNetwork, "gfs2"}},
+    {0x01021994, {FileSystemKind::kOrdinary, "", true}},  // tmpfs, devtmpfs
+    {0x858458f6, {FileSystemKind::kOrdinary, "", true}},  // ramfs
 };
 
 }  // namespace

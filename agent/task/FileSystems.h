@@ -10,6 +10,7 @@ enum class FileSystemKind { kOrdinary, kPseudo, kNetwork };
 struct FileSystem {
   FileSystemKind kind = FileSystemKind::kOrdinary;
   const char* name = "";  ///< "proc", "nfs", …; empty when ordinary
+  bool inMemory = false;  ///< a file there can be written through a mapping and keep its times
 };
 
 /// Of an open descriptor. One that cannot be told counts as ordinary: it is walked, not left out.

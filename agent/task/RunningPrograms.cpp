@@ -10,13 +10,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <system_error>
 
 #include "platform/Descriptor.h"
+#include "platform/Files.h"
 
 namespace agent {
 
@@ -36,20 +36,16 @@ std::string procPath(pid_t pid, const char* what) {
 }
 
 std::optional<Stat> readStat(pid_t pid) {
-  std::ifstream in(procPath(pid, "stat"));
-  std::string line;
-  if (!std::getline(in, line)) {
-    return std::nullopt;
-  }
-  // The name stands in parentheses and may hold any character, parentheses too.
-  const std::size_t open = line.find('(');
-  const std::size_t close = line.rfind(')');
+  const std::string text = CFile::readAll(procPath(pid, "stat")).value_or("");
+  // The name stands in parentheses and may hold any character, parentheses and ends of lines too.
+  const std::size_t open = text.find('(');
+  const std::size_t close = text.rfind(')');
   if (open == std::string::npos || close == std::string::npos || close < open) {
     return std::nullopt;
   }
   Stat result;
-  result.name = line.substr(open + 1, close - open - 1);
-  std::istringstream rest(line.substr(close + 1));
+  result.name = text.substr(open + 1, close - open - 1);
+  std::istringstream rest(text.substr(close + 1));
   std::string field;
   for (int number = 3; number <= 22 && rest >> field; ++number) {
     if (number == 4) {
@@ -70,15 +66,13 @@ std::optional<RunningProgram> readProgram(pid_t pid) {
   if (length <= 0 || stat(link.c_str(), &program) != 0 || stat(procPath(pid, "").c_str(), &process) != 0) {
     return std::nullopt;  // a kernel thread, one that ended, or one we may not look at
   }
-  const std::optional<Stat> state = readStat(pid);
-  if (!state) {
-    return std::nullopt;
-  }
   RunningProgram result;
   result.pid = pid;
   result.uid = process.st_uid;
-  result.startTicks = state->startTicks;
-  result.name = state->name;
+  if (const std::optional<Stat> state = readStat(pid)) {
+    result.startTicks = state->startTicks;
+    result.name = state->name;
+  }
   result.path.assign(text, static_cast<std::size_t>(length));
   result.device = program.st_dev;
   result.inode = program.st_ino;
@@ -122,9 +116,12 @@ std::string errorText(int error) {
 
 }  // namespace
 
-std::vector<RunningProgram> RunningPrograms::all() {
+std::vector<RunningProgram> RunningPrograms::all(std::string* error) {
   std::vector<RunningProgram> result;
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc"), closedir);
+  if (!directory && error != nullptr) {
+    *error = errorText(errno);
+  }
   while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
     const std::string name = entry->d_name;
     if (!std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
@@ -165,8 +162,8 @@ Result endProcess(const RunningProgram& program) {
   }
   // The descriptor names one process for good; now see that it is the one that was meant.
   const std::optional<RunningProgram> now = readProgram(program.pid);
-  if (!now || now->startTicks != program.startTicks || now->device != program.device ||
-      now->inode != program.inode) {
+  if (!now || now->startTicks == 0 || now->startTicks != program.startTicks ||
+      now->device != program.device || now->inode != program.inode) {
     return {false, "the process runs another program by now"};
   }
   if (syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0) != 0 && errno != ESRCH) {

@@ -17,8 +17,8 @@ namespace agent {
 struct RunningProgram {
   pid_t pid = 0;
   uid_t uid = 0;
-  std::uint64_t startTicks = 0;  ///< tells a re-used pid apart
-  std::string name;              ///< short, as the kernel has it
+  std::uint64_t startTicks = 0;  ///< tells a re-used pid apart; 0: could not be read
+  std::string name;              ///< short, as the kernel has it: any bytes
   std::string path;              ///< of its program; " (deleted)" behind it when that is gone
   bool onDisk = true;
   std::uint64_t device = 0, inode = 0;  ///< of its program
@@ -29,8 +29,9 @@ class RunningPrograms {
  public:
   /// The processes whose program is that file. The table is read again when it is older than a second.
   std::vector<RunningProgram> running(const FileIdentity& file);
-  /// Every process with a program, kernel threads left out.
-  static std::vector<RunningProgram> all();
+  /// Every process with a program, kernel threads left out. *error, when given, is set when they cannot be
+  /// listed.
+  static std::vector<RunningProgram> all(std::string* error = nullptr);
 
  private:
   std::multimap<std::pair<std::uint64_t, std::uint64_t>, RunningProgram> byFile_;

@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <exception>
-#include <set>
 
 #include "json/CppJson.h"
 #include "task/AgentLog.h"
 #include "task/FileFilter.h"
+#include "task/FileSystems.h"
 #include "task/Places.h"
-#include "task/RunningPrograms.h"
+#include "task/ProgramWalk.h"
 
 namespace agent {
 
@@ -148,6 +148,7 @@ std::string ScanTask::openItems() {
   for (const std::string& item : plan_.items) {
     std::string error;
     Walker::Named named = Walker::open(item, &error);
+    named.asked = true;
     if (error.empty()) {
       error = walker_->whyNotWalked(named);
     }
@@ -237,26 +238,16 @@ void ScanTask::walkPath(const std::string& path, double share) {
   walker_->walk(std::move(named), share);
 }
 
-/// Every program that some process runs, once, read through the process: also one that is no longer on disk.
 void ScanTask::walkRunningPrograms(double share) {
-  const std::vector<RunningProgram> programs = RunningPrograms::all();
-  std::set<std::pair<std::uint64_t, std::uint64_t>> met;
-  for (const RunningProgram& program : programs) {
-    if (!keepGoing()) {
-      return;
-    }
-    const std::string link = "/proc/" + std::to_string(program.pid) + "/exe";
-    MetFile file{
-        program.path, platform::Descriptor(open(link.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)), {}, false};
-    const bool usable = file.fd && fstat(file.fd.get(), &file.status) == 0 && S_ISREG(file.status.st_mode);
-    if (usable && met.emplace(file.status.st_dev, file.status.st_ino).second) {
-      const std::string folder =
-          program.path.substr(0, std::max<std::size_t>(program.path.find_last_of('/'), 1));
-      file.folderWritable = faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
-      this->file(std::move(file));
-    }
-    advanced(share / static_cast<double>(programs.size()));
+  std::string error;
+  const std::vector<RunningProgram> programs = RunningPrograms::all(&error);
+  if (!error.empty()) {
+    failed("/proc", error);
+    advanced(share);
+    return;
   }
+  const bool ownOnly = rights_ != nullptr && rights_->reduced();
+  walkPrograms(programs, ownOnly ? std::optional(caller_.uid) : std::nullopt, share, *this);
 }
 
 /// Waits until all that was met has ended.
@@ -347,10 +338,21 @@ void ScanTask::failed(const std::string& path, const std::string& reason) {
   AGENT_LOG(3, "%s: not scanned: %s", path.c_str(), reason.c_str());
 }
 
+/// An entry holds for the path that was named and for where its links lead. Rejected under one of them is
+/// rejected.
+RegionVerdict ScanTask::regionOf(const MetFile& met) const {
+  const RegionVerdict asMet = parts_.store.regions().byPath(met.path);
+  if (met.resolved.empty() || asMet == RegionVerdict::kRejected) {
+    return asMet;
+  }
+  const RegionVerdict resolved = parts_.store.regions().byPath(met.resolved);
+  return resolved == RegionVerdict::kNone ? asMet : resolved;
+}
+
 void ScanTask::file(MetFile met) {
   const CallerRights::Suspended own(rights_);
   counters_.met(met.path);
-  const RegionVerdict region = parts_.store.regions().byPath(met.path);
+  const RegionVerdict region = regionOf(met);
   if (region == RegionVerdict::kTrusted) {
     counters_.trusted();
     AGENT_LOG(1, "%s: skipped: trusted", met.path.c_str());
@@ -364,19 +366,31 @@ void ScanTask::file(MetFile met) {
     AGENT_LOG(1, "%s: skipped: %s", met.path.c_str(), leftOut.c_str());
     return;
   }
-  const FileIdentity identity = FileIdentity::of(met.status);
-  if (plan_.readCache && !rejected && parts_.store.cache().isClean(identity, cacheKey_)) {
+  const bool cacheable = plan_.useCache && timesTell(met);
+  if (plan_.readCache && cacheable && !rejected &&
+      parts_.store.cache().isClean(FileIdentity::of(met.status), cacheKey_)) {
     counters_.clean();
     return;
   }
-  submit(std::move(met), rejected, identity);
+  submit(std::move(met), rejected, cacheable);
 }
 
-void ScanTask::submit(MetFile met, bool rejected, const FileIdentity& identity) {
+/// Whether a change of the file's content would change its times: the cache knows files by these.
+bool ScanTask::timesTell(const MetFile& met) {
+  const auto [entry, fresh] = timesTell_.try_emplace(met.status.st_dev, true);
+  if (fresh) {
+    entry->second = !fileSystemOf(met.fd.get()).inMemory;
+  }
+  return entry->second;
+}
+
+void ScanTask::submit(MetFile met, bool rejected, bool cacheable) {
   auto job = std::make_shared<ScanJob>();
   job->path = met.path;
   job->status = met.status;
-  job->identity = identity;
+  job->statusNs = met.statusNs;
+  job->identity = FileIdentity::of(met.status);
+  job->cacheable = cacheable;
   job->rejected = rejected;
   job->folderWritable = met.folderWritable;
   job->fd = platform::Descriptor(fcntl(met.fd.get(), F_DUPFD_CLOEXEC, 0));
@@ -438,8 +452,8 @@ void ScanTask::ended(const std::shared_ptr<ScanJob>& job, Verdict verdict) {
 void ScanTask::endedClean(const ScanJob& job) {
   counters_.clean();
   struct stat now {};
-  if (plan_.useCache && fstat(job.fd.get(), &now) == 0 && FileIdentity::of(now) == job.identity) {
-    parts_.store.cache().remember(job.identity, cacheKey_);
+  if (job.cacheable && fstat(job.fd.get(), &now) == 0 && FileIdentity::of(now) == job.identity) {
+    parts_.store.cache().remember(job.identity, cacheKey_, job.statusNs);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "store/Store.h"
@@ -78,6 +79,8 @@ class ScanTask final : private WalkSink {
   void tellUntil(const std::future<void>& over);
   bool applyRegions(const ScanJob& job, Verdict& verdict);
 
+  RegionVerdict regionOf(const MetFile& met) const;
+
   void file(MetFile met) override;
   void skipped(const std::string& path, const std::string& reason) override;
   void failed(const std::string& path, const std::string& reason) override;
@@ -85,7 +88,8 @@ class ScanTask final : private WalkSink {
   void advanced(double share) override;
   void ended(const std::shared_ptr<ScanJob>& job, Verdict verdict);
   void endedClean(const ScanJob& job);
-  void submit(MetFile met, bool rejected, const FileIdentity& identity);
+  void submit(MetFile met, bool rejected, bool cacheable);
+  bool timesTell(const MetFile& met);
 
   const Parts parts_;
   const std::string token_;
@@ -107,6 +111,7 @@ class ScanTask final : private WalkSink {
   std::chrono::steady_clock::time_point deadline_{};
   std::function<void()> quiet_, again_;
   std::string cacheKey_;
+  std::unordered_map<dev_t, bool> timesTell_;
 
   std::atomic<double> done_{0};  // part of the whole walk that is behind us, 0 to 1
   std::mutex poolMutex_;

@@ -9,7 +9,7 @@
 #include <memory>
 #include <system_error>
 
-#include "task/FileSystems.h"
+#include "store/Posix.h"
 
 namespace agent {
 
@@ -55,17 +55,6 @@ std::string resolvedPath(int fd) {
 bool isWithin(const std::string& path, const std::string& folder) {
   return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
                             path[folder.size()] == '/');
-}
-
-std::string fileSystemRefusal(int fd, bool networkAllowed) {
-  const FileSystem system = fileSystemOf(fd);
-  if (system.kind == FileSystemKind::kPseudo) {
-    return std::string("pseudo file system ") + system.name;
-  }
-  if (system.kind == FileSystemKind::kNetwork && !networkAllowed) {
-    return std::string("network file system ") + system.name;
-  }
-  return {};
 }
 
 }  // namespace
@@ -116,6 +105,7 @@ Walker::Named Walker::open(const std::string& path, std::string* error) {
     return named;
   }
   named.fd = platform::Descriptor(openQuietly(AT_FDCWD, path.c_str(), 0));
+  named.statusNs = store::nowNs();
   if (!named.fd || fstat(named.fd.get(), &named.status) != 0) {
     *error = errorText(errno);
     return named;
@@ -123,7 +113,9 @@ Walker::Named Walker::open(const std::string& path, std::string* error) {
   if (!S_ISREG(named.status.st_mode) && !S_ISDIR(named.status.st_mode)) {
     named.fd.reset();
     named.skipReason = specialKind(named.status.st_mode);
+    return named;
   }
+  named.resolved = resolvedPath(named.fd.get());
   return named;
 }
 
@@ -137,15 +129,38 @@ void Walker::walk(Named named, double share) {
     sink_.advanced(share);
     return;
   }
-  path_ = named.path;
+  begin(named);
   if (S_ISDIR(named.status.st_mode)) {
     walkFolder(std::move(named.fd), named.status, share);
     return;
   }
-  MetFile met{named.path, std::move(named.fd), named.status, false};
-  met.folderWritable = mayWrite(AT_FDCWD, parentOf(named.path).c_str());
+  MetFile met{path_, resolvedName(), std::move(named.fd), named.statusNs, named.status, false};
+  met.folderWritable = mayWrite(AT_FDCWD, parentOf(met.resolved.empty() ? path_ : met.resolved).c_str());
   sink_.file(std::move(met));
   sink_.advanced(share);
+}
+
+void Walker::begin(const Named& named) {
+  path_ = named.path;
+  throughLink_ = !named.resolved.empty() && named.resolved != named.path;
+  namedLength_ = named.path == "/" ? 0 : named.path.size();
+  resolvedBase_ = named.resolved == "/" ? "" : named.resolved;
+}
+
+/// Where the entry path_ is, when the named path led there through a link; else empty.
+std::string Walker::resolvedName() const {
+  return throughLink_ ? resolvedBase_ + path_.substr(namedLength_) : std::string();
+}
+
+std::string Walker::refusal(int fd, bool networkAllowed) const {
+  const FileSystem system = options_.fileSystem(fd);
+  if (system.kind == FileSystemKind::kPseudo) {
+    return std::string("pseudo file system ") + system.name;
+  }
+  if (system.kind == FileSystemKind::kNetwork && !networkAllowed) {
+    return std::string("network file system ") + system.name;
+  }
+  return {};
 }
 
 void Walker::walkFolder(platform::Descriptor fd, const struct stat& status, double share) {
@@ -219,7 +234,7 @@ bool Walker::enterNext() {
   if (excluded_.count({status.st_dev, status.st_ino}) != 0) {
     reason = kOwnFolder;
   } else if (status.st_dev != folder.device) {
-    reason = fileSystemRefusal(fd.get(), options_.networkFileSystems);
+    reason = refusal(fd.get(), options_.networkFileSystems);
   }
   if (!reason.empty()) {
     sink_.skipped(path_, reason);
@@ -233,13 +248,12 @@ std::string Walker::whyNotWalked(const Named& named) const {
   if (!named.fd) {
     return named.skipReason;
   }
-  const std::string path = resolvedPath(named.fd.get());
   for (const std::string& excluded : options_.excludedFolders) {
-    if (isWithin(path, excluded)) {
+    if (isWithin(named.resolved, excluded)) {
       return kOwnFolder;
     }
   }
-  return fileSystemRefusal(named.fd.get(), true);
+  return refusal(named.fd.get(), named.asked || options_.networkFileSystems);
 }
 
 /// An entry of a folder that could not be opened.
@@ -336,7 +350,7 @@ void Walker::meetFile(const Folder& folder, const std::string& name, bool writab
     reportUnopened(errno);
     return;
   }
-  MetFile met{path_, std::move(fd), {}, writable};
+  MetFile met{path_, resolvedName(), std::move(fd), store::nowNs(), {}, writable};
   if (fstat(met.fd.get(), &met.status) != 0) {
     sink_.failed(path_, errorText(errno));
   } else if (!S_ISREG(met.status.st_mode)) {

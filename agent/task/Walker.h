@@ -3,19 +3,23 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "platform/Descriptor.h"
+#include "task/FileSystems.h"
 
 namespace agent {
 
 /// A regular file that a walk met, open for reading. Who holds it is the one who reads it.
 struct MetFile {
-  std::string path;  ///< bytes; how it was reached
+  std::string path;      ///< bytes; how it was reached
+  std::string resolved;  ///< bytes; where it is, when a link led to it; empty: at its path
   platform::Descriptor fd;
+  std::int64_t statusNs = 0;  ///< the clock just before the status was read, since 1970-01-01
   struct stat status {};
   bool folderWritable = false;  ///< its folder can be written with the rights the walk had
 };
@@ -42,17 +46,21 @@ class Walker {
  public:
   struct Options {
     std::vector<std::string> excludedFolders;  ///< resolved paths that are never entered
-    bool networkFileSystems = true;            ///< enter them; a path that was named is always entered
+    bool networkFileSystems = true;            ///< enter them; one that was asked for is always entered
     std::size_t entriesAtOnce = 8192;          ///< of one folder, held in memory
+    std::function<FileSystem(int)> fileSystem = fileSystemOf;  ///< of a descriptor
   };
   Walker(Options options, WalkSink& sink);
 
   /// A path that somebody named, opened: links in it resolved.
   struct Named {
-    std::string path;
+    std::string path;      ///< as it was named
+    std::string resolved;  ///< where the links in it lead; empty when the kernel does not say
     platform::Descriptor fd;
+    std::int64_t statusNs = 0;
     struct stat status {};
     std::string skipReason;  ///< something that is no file and no folder: not opened
+    bool asked = false;      ///< by who started the scan: entered whatever its file system is
   };
   /// Empty error when it could be opened.
   static Named open(const std::string& path, std::string* error);
@@ -79,6 +87,9 @@ class Walker {
   void meet(Folder& folder, const std::string& name, unsigned char type, double share, bool writable);
   void meetFile(const Folder& folder, const std::string& name, bool writable);
   bool reopenParent(const Folder& child, Folder& parent);
+  std::string refusal(int fd, bool networkAllowed) const;
+  void begin(const Named& named);
+  std::string resolvedName() const;
   void setName(const Folder& folder, const std::string& name);
   void reportUnopened(int error);
   void reportUnreadEnd(const Folder& folder, int error);
@@ -87,6 +98,9 @@ class Walker {
   Options options_;
   WalkSink& sink_;
   std::string path_;
+  std::size_t namedLength_ = 0;  // of path_, what stands for the named path
+  std::string resolvedBase_;     // stands in its place when it is resolved
+  bool throughLink_ = false;     // the two differ
   std::vector<Folder> stack_;
   struct PairHash {
     std::size_t operator()(const std::pair<dev_t, ino_t>& key) const {

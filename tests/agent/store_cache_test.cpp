@@ -13,6 +13,8 @@
 namespace agent {
 namespace {
 
+constexpr std::int64_t kMetNs = 3'600'000'000'000;  // when files were met that changed long before
+
 FileIdentity file(std::uint64_t inode) {
   return {.device = 1, .inode = inode, .size = 100, .changeTimeNs = 1000, .modifyTimeNs = 900};
 }
@@ -35,13 +37,13 @@ class CacheTest : public StoreTest {
 
 TEST_F(CacheTest, WhatWasFoundCleanIsCleanAndNothingElse) {
   EXPECT_FALSE(cache().isClean(file(1), "v1"));
-  cache().remember(file(1), "v1");
+  cache().remember(file(1), "v1", kMetNs);
   EXPECT_TRUE(cache().isClean(file(1), "v1"));
   EXPECT_FALSE(cache().isClean(file(2), "v1"));
 }
 
 TEST_F(CacheTest, AFileOfWhichAnythingChangedIsScannedAgain) {
-  cache().remember(file(1), "v1");
+  cache().remember(file(1), "v1", kMetNs);
   for (const auto& member : {&FileIdentity::device, &FileIdentity::inode, &FileIdentity::size}) {
     FileIdentity changed = file(1);
     changed.*member += 1;
@@ -55,10 +57,10 @@ TEST_F(CacheTest, AFileOfWhichAnythingChangedIsScannedAgain) {
 }
 
 TEST_F(CacheTest, NewSignaturesOrOtherOptionsAreScannedAgain) {
-  cache().remember(file(1), "signatures 1, archives");
+  cache().remember(file(1), "signatures 1, archives", kMetNs);
   EXPECT_FALSE(cache().isClean(file(1), "signatures 2, archives"));
   EXPECT_FALSE(cache().isClean(file(1), "signatures 1"));
-  cache().remember(file(1), "signatures 2, archives");
+  cache().remember(file(1), "signatures 2, archives", kMetNs);
   EXPECT_TRUE(cache().isClean(file(1), "signatures 2, archives"));
   EXPECT_FALSE(cache().isClean(file(1), "signatures 1, archives"));
   EXPECT_EQ(cache().count(), 1);
@@ -66,7 +68,7 @@ TEST_F(CacheTest, NewSignaturesOrOtherOptionsAreScannedAgain) {
 
 TEST_F(CacheTest, ItSurvivesARestart) {
   for (std::uint64_t i = 0; i < 10; ++i) {
-    cache().remember(file(i), i % 2 == 0 ? "even" : "odd");
+    cache().remember(file(i), i % 2 == 0 ? "even" : "odd", kMetNs);
   }
   reopen();
   EXPECT_EQ(cache().count(), 10);
@@ -76,7 +78,7 @@ TEST_F(CacheTest, ItSurvivesARestart) {
 }
 
 TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
-  cache().remember(file(1), "v1");
+  cache().remember(file(1), "v1", kMetNs);
   cache().flush();
   EXPECT_EQ(rowsOnDisk(), 1);
   cache().flush();
@@ -85,25 +87,25 @@ TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
 
 TEST_F(CacheTest, AFullBatchIsWrittenWithoutBeingAsked) {
   for (std::uint64_t i = 0; i < 5000; ++i) {
-    cache().remember(file(i), "v1");
+    cache().remember(file(i), "v1", kMetNs);
   }
   EXPECT_TRUE(testsupport::waitFor([this] { return rowsOnDisk() >= 4096; }));
 }
 
 TEST_F(CacheTest, CountIsTheNumberOfFilesAlsoBeforeTheFirstQuestion) {
   EXPECT_EQ(cache().count(), 0);
-  cache().remember(file(1), "v1");
-  cache().remember(file(2), "v1");
-  cache().remember(file(2), "v1");
+  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(2), "v1", kMetNs);
+  cache().remember(file(2), "v1", kMetNs);
   EXPECT_EQ(cache().count(), 2);
   reopen();
   EXPECT_EQ(cache().count(), 2);
 }
 
 TEST_F(CacheTest, ClearEmptiesItForGood) {
-  cache().remember(file(1), "v1");
+  cache().remember(file(1), "v1", kMetNs);
   cache().flush();
-  cache().remember(file(2), "v1");
+  cache().remember(file(2), "v1", kMetNs);
   cache().clear();
   EXPECT_EQ(cache().count(), 0);
   EXPECT_FALSE(cache().isClean(file(1), "v1"));
@@ -111,12 +113,12 @@ TEST_F(CacheTest, ClearEmptiesItForGood) {
   EXPECT_EQ(rowsOnDisk(), 0);
   reopen();
   EXPECT_EQ(cache().count(), 0);
-  cache().remember(file(3), "v1");
+  cache().remember(file(3), "v1", kMetNs);
   EXPECT_TRUE(cache().isClean(file(3), "v1"));
 }
 
 TEST_F(CacheTest, ClearBeforeTheFirstQuestionAfterARestartEmptiesItToo) {
-  cache().remember(file(1), "v1");
+  cache().remember(file(1), "v1", kMetNs);
   reopen();
   cache().clear();
   EXPECT_EQ(cache().count(), 0);
@@ -124,12 +126,26 @@ TEST_F(CacheTest, ClearBeforeTheFirstQuestionAfterARestartEmptiesItToo) {
   EXPECT_EQ(cache().count(), 0);
 }
 
-TEST_F(CacheTest, AFileThatChangedJustNowIsNotRemembered) {
+TEST_F(CacheTest, AFileThatHadChangedJustBeforeItWasMetIsNotRemembered) {
   FileIdentity young = file(1);
-  young.changeTimeNs = store::nowNs();
-  cache().remember(young, "v1");
-  young.changeTimeNs = store::nowNs() + 3'600'000'000'000;
-  cache().remember(young, "v1");
+  for (const std::int64_t agoNs : {0, 9'999'999}) {
+    young.changeTimeNs = kMetNs - agoNs;
+    cache().remember(young, "v1", kMetNs);
+    EXPECT_EQ(cache().count(), 0);
+  }
+  young.changeTimeNs = kMetNs + 3'600'000'000'000;
+  cache().remember(young, "v1", kMetNs);
+  EXPECT_EQ(cache().count(), 0);
+  young.changeTimeNs = kMetNs - 10'000'000;
+  cache().remember(young, "v1", kMetNs);
+  EXPECT_EQ(cache().count(), 1);
+}
+
+TEST_F(CacheTest, AScanThatTookLongMakesNoFileOlderThanItWasWhenMet) {
+  FileIdentity young = file(1);
+  const std::int64_t metNs = store::nowNs() - 3'600'000'000'000;
+  young.changeTimeNs = metNs - 1'000'000;
+  cache().remember(young, "v1", metNs);
   EXPECT_EQ(cache().count(), 0);
 }
 
@@ -161,7 +177,7 @@ class BoundedCacheTest : public testing::Test {
 TEST_F(BoundedCacheTest, PastTheLimitTheOldestGoInMemoryAndOnDisk) {
   open(160);
   for (std::uint64_t i = 0; i < 1000; ++i) {
-    cache_->remember(file(i), "v1");
+    cache_->remember(file(i), "v1", kMetNs);
     ASSERT_LE(cache_->count(), 160);
     if (i % 100 == 0) {
       cache_->flush();
@@ -181,11 +197,11 @@ TEST_F(BoundedCacheTest, PastTheLimitTheOldestGoInMemoryAndOnDisk) {
 TEST_F(BoundedCacheTest, AKeyWhoseFilesAllWentIsNeverTakenForAnother) {
   open(32);
   for (std::uint64_t i = 0; i < 100; ++i) {
-    cache_->remember(file(i), "key " + std::to_string(i));
+    cache_->remember(file(i), "key " + std::to_string(i), kMetNs);
     cache_->flush();
   }
   open(32);
-  cache_->remember(file(1000), "a new key");
+  cache_->remember(file(1000), "a new key", kMetNs);
   for (std::uint64_t i = 0; i < 100; ++i) {
     EXPECT_FALSE(cache_->isClean(file(i), "a new key"));
   }
@@ -196,7 +212,7 @@ TEST_F(BoundedCacheTest, AKeyWhoseFilesAllWentIsNeverTakenForAnother) {
 TEST_F(BoundedCacheTest, MoreKeysThanAnyoneHasStartItAnew) {
   open(100'000);
   for (std::uint64_t i = 0; i < 4100; ++i) {
-    cache_->remember(file(i), "key " + std::to_string(i));
+    cache_->remember(file(i), "key " + std::to_string(i), kMetNs);
   }
   EXPECT_EQ(cache_->count(), 4);
   EXPECT_TRUE(cache_->isClean(file(4099), "key 4099"));
@@ -207,7 +223,7 @@ TEST_F(BoundedCacheTest, MoreKeysThanAnyoneHasStartItAnew) {
 TEST_F(BoundedCacheTest, ADiskThatFailsCostsWhatWasNotWrittenAndNoAnswer) {
   open(1000);
   database_->run("DROP TABLE scanned");
-  cache_->remember(file(1), "v1");
+  cache_->remember(file(1), "v1", kMetNs);
   cache_->flush();
   EXPECT_TRUE(cache_->isClean(file(1), "v1"));
   cache_->clear();
@@ -220,7 +236,7 @@ TEST_F(BoundedCacheTest, SeveralThreadsAskRememberFlushAndClear) {
   for (std::uint64_t t = 0; t < 3; ++t) {
     threads.emplace_back([this, t] {
       for (std::uint64_t i = 0; i < 2000; ++i) {
-        cache_->remember(file(t * 10'000 + i), "v1");
+        cache_->remember(file(t * 10'000 + i), "v1", kMetNs);
         cache_->isClean(file(i), "v1");
         if (i % 500 == 0) {
           cache_->flush();

@@ -61,6 +61,26 @@ TEST_F(RunningProgramsTest, AProgramThatWasDeletedIsStillFound) {
   EXPECT_THAT(found[0].path, HasSubstr("(deleted)"));
 }
 
+TEST_F(RunningProgramsTest, ANameWithAnEndOfLineHidesNoProcess) {
+  const std::string hidden = dir.at("x\ny) z");
+  std::filesystem::copy_file("/bin/sleep", hidden);
+  testsupport::Process other({hidden, "60"});
+  struct stat status {};
+  ASSERT_EQ(0, stat(hidden.c_str(), &status));
+  std::vector<RunningProgram> found;
+  EXPECT_TRUE(waitFor([&] {
+    RunningPrograms programs;
+    found = programs.running(FileIdentity::of(status));
+    return found.size() == 1;
+  }));
+  ASSERT_EQ(1U, found.size());
+  EXPECT_EQ("x\ny) z", found[0].name);
+  EXPECT_NE(0U, found[0].startTicks);
+  EXPECT_EQ(processStartTicks(other.pid()), found[0].startTicks);
+  EXPECT_TRUE(endProcess(found[0]).ok);
+  EXPECT_EQ(128 + SIGKILL, other.wait());
+}
+
 TEST_F(RunningProgramsTest, AProcessIsEnded) {
   EXPECT_TRUE(endProcess(find().at(0)).ok);
   EXPECT_EQ(128 + SIGKILL, process->wait());

@@ -11,8 +11,11 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <thread>
 
+#include "store/Posix.h"
 #include "support/TempDir.h"
+#include "task/CallerRights.h"
 #include "task/FileSystems.h"
 #include "task/Walker.h"
 
@@ -20,6 +23,7 @@ namespace agent {
 namespace {
 
 using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
@@ -28,6 +32,8 @@ class Recorder final : public WalkSink {
  public:
   void file(MetFile met) override {
     files.push_back(met.path);
+    resolved[met.path] = met.resolved;
+    statusNs[met.path] = met.statusNs;
     sizes[met.path] = met.status.st_size;
     char text[64] = {};
     const ssize_t count = read(met.fd.get(), text, sizeof text - 1);
@@ -47,7 +53,8 @@ class Recorder final : public WalkSink {
 
   std::vector<std::string> files;
   std::map<std::string, off_t> sizes;
-  std::map<std::string, std::string> contents, skips, failures;
+  std::map<std::string, std::string> resolved, contents, skips, failures;
+  std::map<std::string, std::int64_t> statusNs;
   std::map<std::string, bool> writable;
   std::function<void(const std::string&)> onFile;
   long allowed = 1'000'000;
@@ -65,6 +72,18 @@ class WalkerTest : public ::testing::Test {
       walker.walk(std::move(named), 1.0);
     }
     return error;
+  }
+
+  Walker::Options excluding(const char* folder) {
+    Walker::Options options;
+    options.excludedFolders = {dir.at(folder)};
+    return options;
+  }
+
+  static Walker::Options inBatchesOf(std::size_t entries) {
+    Walker::Options options;
+    options.entriesAtOnce = entries;
+    return options;
   }
 
   testsupport::TempDir dir;
@@ -93,6 +112,84 @@ TEST_F(WalkerTest, ALinkThatWasNamedIsResolved) {
   ASSERT_EQ(0, symlink("real", dir.at("link").c_str()));
   EXPECT_EQ("", walk(dir.at("link")));
   EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("link/file")));
+}
+
+TEST_F(WalkerTest, WhatALinkLedToIsMetWithThePathWhereItIs) {
+  dir.write("real/a/file", "x");
+  ASSERT_EQ(0, symlink("real", dir.at("link").c_str()));
+  ASSERT_EQ(0, symlink("real/a/file", dir.at("name").c_str()));
+  EXPECT_EQ("", walk(dir.at("link")));
+  EXPECT_EQ("", walk(dir.at("name")));
+  EXPECT_EQ("", walk(dir.at("real/../link/a/")));
+  EXPECT_EQ(dir.at("real/a/file"), met.resolved[dir.at("link/a/file")]);
+  EXPECT_EQ(dir.at("real/a/file"), met.resolved[dir.at("name")]);
+  EXPECT_EQ(dir.at("real/a/file"), met.resolved[dir.at("real/../link/a/file")]);
+}
+
+TEST_F(WalkerTest, WhatWasMetWithoutALinkIsWhereItsPathSays) {
+  const std::string path = dir.write("a/file", "x");
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_EQ("", walk(path));
+  EXPECT_THAT(met.files, ElementsAre(path, path));
+  EXPECT_EQ("", met.resolved[path]);
+}
+
+TEST_F(WalkerTest, ALinkToTheRootGivesPathsBelowIt) {
+  ASSERT_EQ(0, symlink("/", dir.at("root").c_str()));
+  met.allowed = 2000;
+  EXPECT_EQ("", walk(dir.at("root")));
+  for (const auto& [path, resolved] : met.resolved) {
+    EXPECT_EQ(path, dir.at("root") + resolved);
+  }
+  EXPECT_FALSE(met.resolved.empty());
+}
+
+TEST_F(WalkerTest, WhetherANamedFilesFolderIsWritableIsAskedOfTheFolderThatHoldsIt) {
+  dir.write("real/file", "x");
+  ASSERT_EQ(0, mkdir(dir.at("his").c_str(), 0777));
+  ASSERT_EQ(0, symlink("../real/file", dir.at("his/link").c_str()));
+  for (const char* folder : {"", "his", "real"}) {
+    ASSERT_EQ(0, chmod(dir.at(folder).c_str(), folder == std::string("his") ? 0777 : 0755));
+  }
+  std::thread([&] {
+    const CallerRights rights(CallerId{60123, 60124, {}, getpid()});
+    EXPECT_EQ("", walk(dir.at("his/link")));
+  }).join();
+  ASSERT_EQ(1U, met.writable.count(dir.at("his/link")));
+  EXPECT_FALSE(met.writable[dir.at("his/link")]);
+}
+
+TEST_F(WalkerTest, AFileIsMetWithTheTimeJustBeforeItsStatusWasRead) {
+  const std::string path = dir.write("folder/file", "x");
+  const std::int64_t before = store::nowNs();
+  std::int64_t after = 0;
+  met.onFile = [&](const std::string&) { after = store::nowNs(); };
+  for (const std::string& named : {path, dir.at("folder")}) {
+    EXPECT_EQ("", walk(named));
+    EXPECT_LE(before, met.statusNs[path]);
+    EXPECT_GE(after, met.statusNs[path]);
+    met.statusNs.clear();
+  }
+}
+
+TEST_F(WalkerTest, AFolderOrFileOnANetworkFileSystemIsSkippedUnlessItWasAskedFor) {
+  dir.write("home/file", "x");
+  for (const std::string& path : {dir.at("home"), dir.at("home/file")}) {
+    Walker::Options options;
+    options.networkFileSystems = false;
+    options.fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
+    EXPECT_EQ("", walk(path, options));
+    EXPECT_TRUE(met.files.empty());
+    EXPECT_EQ("network file system nfs", met.skips[path]);
+
+    Walker walker(options, met);
+    std::string error;
+    Walker::Named asked = Walker::open(path, &error);
+    asked.asked = true;
+    walker.walk(std::move(asked), 1.0);
+    EXPECT_THAT(met.files, ElementsAre(dir.at("home/file")));
+    met.files.clear();
+  }
 }
 
 TEST_F(WalkerTest, LinksBelowTheNamedPathAreSkippedAndNotFollowed) {
@@ -160,7 +257,7 @@ TEST_F(WalkerTest, APseudoFileSystemIsSkippedWithItsName) {
 TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredFromAbove) {
   dir.write("state/secret", "x");
   dir.write("other", "x");
-  EXPECT_EQ("", walk(dir.path(), {{dir.at("state")}, true, 100}));
+  EXPECT_EQ("", walk(dir.path(), excluding("state")));
   EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("other")));
   EXPECT_THAT(met.skips[dir.at("state")], HasSubstr("agent"));
 }
@@ -168,8 +265,8 @@ TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredFromAbove) {
 TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredByName) {
   dir.write("state/deep/secret", "x");
   ASSERT_EQ(0, symlink("state/deep", dir.at("link").c_str()));
-  EXPECT_EQ("", walk(dir.at("link"), {{dir.at("state")}, true, 100}));
-  EXPECT_EQ("", walk(dir.at("state/deep/secret"), {{dir.at("state")}, true, 100}));
+  EXPECT_EQ("", walk(dir.at("link"), excluding("state")));
+  EXPECT_EQ("", walk(dir.at("state/deep/secret"), excluding("state")));
   EXPECT_TRUE(met.files.empty());
 }
 
@@ -242,7 +339,7 @@ TEST_F(WalkerTest, ALargeFolderIsReadInBatchesWithoutLosingAnEntry) {
         openat(folder.get(), std::to_string(i).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
     ASSERT_TRUE(file);
   }
-  EXPECT_EQ("", walk(dir.path(), {{}, true, 100}));
+  EXPECT_EQ("", walk(dir.path(), inBatchesOf(100)));
   EXPECT_EQ(250U, met.files.size());
   EXPECT_NEAR(1.0, met.progress, 1e-6);
 }
@@ -284,6 +381,12 @@ TEST_P(FileSystemTable, IsKnownByItsMagicNumber) {
   const FileSystem system = fileSystemByMagic(GetParam().magic);
   EXPECT_EQ(GetParam().kind, system.kind);
   EXPECT_STREQ(GetParam().kind == FileSystemKind::kOrdinary ? "" : GetParam().name, system.name);
+}
+
+TEST(FileSystems, ThoseInMemoryAreKnown) {
+  EXPECT_TRUE(fileSystemByMagic(0x01021994).inMemory);
+  EXPECT_TRUE(fileSystemByMagic(0x858458f6).inMemory);
+  EXPECT_FALSE(fileSystemByMagic(0xef53).inMemory);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, FileSystemTable,

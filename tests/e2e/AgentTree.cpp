@@ -38,6 +38,10 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
        {"bin", "lib/modules", "etc/communication", "etc/debug", "etc/agent", "log", "data"}) {
     fs::create_directories(dir_.at(folder));
   }
+  if (options.dataOnDisk && diskFolder() != "/tmp") {
+    dataOnDisk_.emplace(diskFolder());
+    fs::create_directories(data());
+  }
   const std::string library = std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so";
   const std::string signatures = std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures";
   if (options.uid || !options.group.empty()) {
@@ -83,7 +87,7 @@ AgentTree::~AgentTree() {
 }
 
 std::string AgentTree::write(const std::string& name, const std::string& content) const {
-  return dir_.write("data/" + name, content);
+  return (dataOnDisk_ ? *dataOnDisk_ : dir_).write("data/" + name, content);
 }
 
 std::string AgentTree::busyFolder() const {

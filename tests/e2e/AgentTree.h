@@ -20,6 +20,7 @@ class AgentTree {
     std::string group;  ///< of the bus; empty: none
     bool start = true;
     std::optional<uid_t> uid{};  ///< the agent's user, and the tree's owner; none: root
+    bool dataOnDisk = false;     ///< data() is a place of which the scan cache remembers files
   };
   explicit AgentTree(Options options);
   AgentTree() : AgentTree(Options{}) {}
@@ -32,7 +33,7 @@ class AgentTree {
   /// A folder that keeps a scan busy for far longer than a test lasts, when the cache is not used: one large
   /// file under many names.
   std::string busyFolder() const;
-  std::string data() const { return dir_.at("data"); }
+  std::string data() const { return (dataOnDisk_ ? *dataOnDisk_ : dir_).at("data"); }
   /// Where the agent looks for the system's signatures; absent unless a test makes it.
   std::string systemSignatures() const { return dir_.at("system-signatures"); }
 
@@ -51,6 +52,7 @@ class AgentTree {
 
  private:
   TempDir dir_;
+  std::optional<TempDir> dataOnDisk_;
   std::optional<uid_t> uid_;
   std::unique_ptr<Process> agent_;
 };

@@ -38,7 +38,7 @@ class ConsoleAndAgent : public ::testing::Test {
     return console;
   }
 
-  AgentTree tree;
+  AgentTree tree{{.group = "", .start = true, .uid = {}, .dataOnDisk = true}};
   const std::string report = tree.at("report");
 };
 

@@ -68,7 +68,7 @@ class AgentScan : public ::testing::Test {
     EXPECT_TRUE(console.call("setAVConfig", request).asBool()) << tree.log();
   }
 
-  AgentTree tree;
+  AgentTree tree{{.group = "", .start = true, .uid = {}, .dataOnDisk = true}};
   PeerConsole console{tree};
 };
 

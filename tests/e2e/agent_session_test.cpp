@@ -160,7 +160,7 @@ class OperatorsSession : public ::testing::TestWithParam<bool> {
     return path;
   }
 
-  AgentTree tree;
+  AgentTree tree{{.group = "", .start = true, .uid = {}, .dataOnDisk = true}};
   std::unique_ptr<Session> session_;
 };
 

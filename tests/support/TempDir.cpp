@@ -1,5 +1,8 @@
 #include "support/TempDir.h"
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -7,12 +10,10 @@
 
 namespace testsupport {
 
-TempDir::TempDir() {
-  char pattern[] = "/tmp/tavtest-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) {
-    throw std::runtime_error("mkdtemp failed below /tmp");
+TempDir::TempDir(const std::string& parent) : path_(parent + "/tavtest-XXXXXX") {
+  if (mkdtemp(path_.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp failed below " + parent);
   }
-  path_ = pattern;
 }
 
 TempDir::~TempDir() {
@@ -33,6 +34,16 @@ std::string TempDir::write(std::string_view name, std::string_view content) cons
     throw std::runtime_error("cannot write " + path);
   }
   return path;
+}
+
+std::string diskFolder() {
+  for (const std::string folder : {"/tmp", "/var/tmp"}) {
+    struct statfs info {};
+    if (statfs(folder.c_str(), &info) == 0 && info.f_type != TMPFS_MAGIC && info.f_type != RAMFS_MAGIC) {
+      return folder;
+    }
+  }
+  return std::filesystem::current_path();
 }
 
 std::string readFile(const std::string& path) {

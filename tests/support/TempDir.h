@@ -6,10 +6,11 @@
 
 namespace testsupport {
 
-/// A private folder (0700) below /tmp, removed with all that is in it.
+/// A private folder (0700) below /tmp, or another folder, removed with all that is in it.
 class TempDir {
  public:
-  TempDir();
+  TempDir() : TempDir("/tmp") {}
+  explicit TempDir(const std::string& parent);
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -23,6 +24,10 @@ class TempDir {
  private:
   std::string path_;
 };
+
+/// Where temporary folders lie on a disk, also when /tmp is kept in memory: what is there keeps its times
+/// when it is written through a mapping, so that the scan cache takes none of it.
+std::string diskFolder();
 
 std::string readFile(const std::string& path);  ///< empty when it cannot be read
 

@@ -1,0 +1,185 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <thread>
+
+#include "support/Process.h"
+#include "support/TempDir.h"
+#include "support/Wait.h"
+#include "task/CallerRights.h"
+#include "task/ProgramWalk.h"
+
+namespace agent {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
+using ::testing::Not;
+using testsupport::waitFor;
+
+constexpr uid_t kUser = 60123;
+constexpr gid_t kGroup = 60124;
+
+class Recorder final : public WalkSink {
+ public:
+  void file(MetFile met) override {
+    EXPECT_TRUE(met.fd);
+    EXPECT_NE(0, met.statusNs);
+    files.push_back(met.path);
+  }
+  void skipped(const std::string& path, const std::string& reason) override { skips[path] = reason; }
+  void failed(const std::string& path, const std::string& reason) override { failures[path] = reason; }
+  bool keepGoing() override { return true; }
+  void advanced(double share) override { progress += share; }
+  std::vector<std::string> everyPath() const {
+    std::vector<std::string> all = files;
+    for (const auto* map : {&skips, &failures}) {
+      for (const auto& [path, reason] : *map) {
+        all.push_back(path);
+      }
+    }
+    return all;
+  }
+
+  std::vector<std::string> files;
+  std::map<std::string, std::string> skips, failures;
+  double progress = 0;
+};
+
+class ProgramWalkTest : public ::testing::Test {
+ protected:
+  ProgramWalkTest() { chmod(dir.path().c_str(), 0755); }
+
+  /// A copy of a program that sleeps, run by a user; its path.
+  std::string run(const std::string& name, uid_t uid, mode_t mode = 0755) {
+    const std::string path = dir.at(name);
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::filesystem::copy_file("/bin/sleep", path);
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    testsupport::Process::Options options;
+    options.uid = uid;
+    options.gid = uid == 0 ? 0 : kGroup;
+    processes.push_back(
+        std::make_unique<testsupport::Process>(std::vector<std::string>{path, "60"}, std::move(options)));
+    const pid_t pid = processes.back()->pid();
+    EXPECT_TRUE(waitFor([&] {
+      const std::vector<RunningProgram> all = RunningPrograms::all();
+      return std::any_of(all.begin(), all.end(), [&](const RunningProgram& program) {
+        return program.pid == pid && program.path == path && program.uid == uid;
+      });
+    }));
+    return path;
+  }
+  void walkForUser() {
+    std::thread([this] {
+      const CallerRights rights(CallerId{kUser, kGroup, {}, getpid()});
+      EXPECT_EQ("", rights.error());
+      walkPrograms(RunningPrograms::all(), kUser, 1.0, met);
+    }).join();
+  }
+
+  testsupport::TempDir dir;
+  std::vector<std::unique_ptr<testsupport::Process>> processes;
+  Recorder met;
+};
+
+TEST_F(ProgramWalkTest, TheAgentMeetsEveryonesProgramsOnceAlsoThoseThatAreNoLongerOnDisk) {
+  const std::string mine = run("mine", 0);
+  processes.push_back(std::make_unique<testsupport::Process>(std::vector<std::string>{mine, "60"}));
+  const std::string theirs = run("theirs", kUser);
+  const std::string gone = run("gone", kUser);
+  std::filesystem::remove(gone);
+  walkPrograms(RunningPrograms::all(), std::nullopt, 1.0, met);
+  EXPECT_THAT(met.files, IsSupersetOf({mine, theirs, gone + " (deleted)"}));
+  EXPECT_EQ(1, std::count(met.files.begin(), met.files.end(), mine));
+  EXPECT_NEAR(1.0, met.progress, 1e-6);
+}
+
+TEST_F(ProgramWalkTest, AUserMeetsTheProgramsOfHisOwnProcessesAndHearsOfNoOthers) {
+  const std::string theirs = run("theirs", 0);
+  const std::string his = run("his", kUser);
+  walkForUser();
+  EXPECT_THAT(met.files, Contains(his));
+  EXPECT_THAT(met.everyPath(), Not(Contains(theirs)));
+  EXPECT_NEAR(1.0, met.progress, 1e-6);
+}
+
+TEST_F(ProgramWalkTest, AProgramThatAUserMayRunAndNotReadIsAnError) {
+  const std::string path = run("unreadable", kUser, 0711);
+  walkForUser();
+  EXPECT_THAT(met.files, Not(Contains(path)));
+  EXPECT_THAT(met.failures[path], HasSubstr("Permission denied"));
+}
+
+TEST_F(ProgramWalkTest, AProgramBehindAFolderThatIsClosedToTheUserIsAnError) {
+  const std::string path = run("closed/program", kUser);
+  ASSERT_EQ(0, chmod(dir.at("closed").c_str(), 0700));
+  walkForUser();
+  EXPECT_THAT(met.files, Not(Contains(path)));
+  EXPECT_THAT(met.failures[path], HasSubstr("Permission denied"));
+}
+
+TEST_F(ProgramWalkTest, AUsersProgramThatIsNotAtItsPathIsSkippedAndNothingElseIsTakenForIt) {
+  const std::string path = run("exchanged", kUser);
+  std::filesystem::remove(path);
+  walkForUser();
+  EXPECT_THAT(met.skips[path + " (deleted)"], HasSubstr("not at its path"));
+
+  RunningProgram stale;
+  stale.pid = processes.back()->pid();
+  stale.uid = kUser;
+  stale.path = dir.write("exchanged", "another file");
+  walkPrograms({stale}, kUser, 1.0, met);
+  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(met.files, Not(Contains(path)));
+}
+
+TEST_F(ProgramWalkTest, AProcessThatEndedMeanwhileIsSkipped) {
+  RunningProgram program;
+  program.path = "/gone";
+  {
+    testsupport::Process ended({"/bin/true"});
+    ended.wait();
+    program.pid = ended.pid();
+  }
+  walkPrograms({program}, std::nullopt, 1.0, met);
+  EXPECT_THAT(met.skips["/gone"], HasSubstr("had ended"));
+}
+
+TEST_F(ProgramWalkTest, AProgramThatCannotBeOpenedIsAnErrorWithItsReason) {
+  const std::string path = run("program", 0);
+  RunningProgram program;
+  program.pid = processes.back()->pid();
+  program.path = path;
+  rlimit normal{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
+  const rlimit none{0, normal.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  walkPrograms({program}, std::nullopt, 1.0, met);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
+  EXPECT_THAT(met.failures[path], HasSubstr("Too many open files"));
+  EXPECT_THAT(met.files, IsEmpty());
+}
+
+TEST_F(ProgramWalkTest, ProcessesThatCannotBeListedAreSaid) {
+  rlimit normal{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
+  const rlimit none{0, normal.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  std::string error;
+  const std::vector<RunningProgram> programs = RunningPrograms::all(&error);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
+  EXPECT_TRUE(programs.empty());
+  EXPECT_THAT(error, HasSubstr("Too many open files"));
+}
+
+}  // namespace
+}  // namespace agent
