@@ -186,6 +186,7 @@ void ScanTask::scan() {
   }
   rights_ = nullptr;
   settle();
+  control_.finish(quiet_, again_);  // a pause that came while the last files were scanned
   walked.set_value();
   teller.join();
 }

@@ -26,7 +26,7 @@ bool TaskControl::resume() {
 bool TaskControl::stop(const std::string& reason) {
   {
     const std::lock_guard guard(mutex_);
-    if (phase_ == Phase::kStopping) {
+    if (phase_ == Phase::kStopping || phase_ == Phase::kFinished) {
       return false;
     }
     phase_ = Phase::kStopping;
@@ -67,6 +67,17 @@ bool TaskControl::goOn(const std::function<void()>& quiet, const std::function<v
     again();
   }
   return true;
+}
+
+bool TaskControl::finish(const std::function<void()>& quiet, const std::function<void()>& again) {
+  while (goOn(quiet, again)) {
+    const std::lock_guard guard(mutex_);
+    if (phase_ == Phase::kRunning && !pauseUnseen_) {
+      phase_ = Phase::kFinished;
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace agent

@@ -17,7 +17,7 @@ class TaskControl {
   bool pause();
   /// False when it is not paused.
   bool resume();
-  /// The first reason counts. False when it was ending already. Runs onStop once, on the caller's thread.
+  /// The first reason counts. False when it is ending already. Runs onStop once, on the caller's thread.
   bool stop(const std::string& reason);
   bool stopping() const { return phase_.load(std::memory_order_acquire) == Phase::kStopping; }
   bool paused() const { return phase_.load(std::memory_order_acquire) == Phase::kPaused; }
@@ -31,9 +31,12 @@ class TaskControl {
   /// On the task's thread. Waits while paused; `quiet` is called before the wait and `again` behind it, also
   /// for a pause that was taken back before it was seen. False when the task must end.
   bool goOn(const std::function<void()>& quiet, const std::function<void()>& again);
+  /// On the task's thread, when all its work is done. As goOn, until no pause is left to be told; from then
+  /// on the task is ending, and neither a pause nor a stop is taken any more. False when the task must end.
+  bool finish(const std::function<void()>& quiet, const std::function<void()>& again);
 
  private:
-  enum class Phase { kRunning, kPaused, kStopping };
+  enum class Phase { kRunning, kPaused, kStopping, kFinished };
   std::atomic<Phase> phase_{Phase::kRunning};
   std::atomic<bool> pauseUnseen_{false};
   mutable std::mutex mutex_;

@@ -92,5 +92,37 @@ TEST(TaskControl, WhatDoesNotFitTheStateIsRefused) {
   EXPECT_FALSE(control.resume());
 }
 
+TEST(TaskControl, ATaskThatIsPausedAtItsEndFinishesWhenItIsResumed) {
+  TaskControl control;
+  EXPECT_TRUE(control.pause());
+  std::atomic<int> pauses{0};
+  std::atomic<int> resumes{0};
+  std::atomic<bool> finished{false};
+  std::thread task([&] { finished = control.finish([&] { ++pauses; }, [&] { ++resumes; }); });
+  EXPECT_TRUE(waitFor([&] { return pauses == 1; }));
+  EXPECT_FALSE(finished);
+  EXPECT_TRUE(control.paused());
+  EXPECT_TRUE(control.resume());
+  task.join();
+  EXPECT_TRUE(finished);
+  EXPECT_EQ(1, resumes);
+}
+
+TEST(TaskControl, ATaskThatIsStoppedWhilePausedAtItsEndDoesNotFinish) {
+  TaskControl control;
+  control.pause();
+  EXPECT_FALSE(control.finish([&] { control.stop("why"); }, [] {}));
+  EXPECT_TRUE(control.stopping());
+}
+
+TEST(TaskControl, ATaskThatHasFinishedTakesNeitherAPauseNorAStop) {
+  TaskControl control;
+  EXPECT_TRUE(control.finish([] {}, [] {}));
+  EXPECT_FALSE(control.pause());
+  EXPECT_FALSE(control.paused());
+  EXPECT_FALSE(control.stop("late"));
+  EXPECT_FALSE(control.stopping());
+}
+
 }  // namespace
 }  // namespace agent

@@ -117,6 +117,36 @@ class ScanTaskTest : public ::testing::Test {
   bool held = false;
 };
 
+TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsToldAndTheEndWaitsForTheResume) {
+  const std::string file = dir.write("eicar.com", testsupport::eicar());
+  held = true;
+  const std::unique_ptr<ScanTask> task = begin(custom({file}));
+  ASSERT_TRUE(waitFor([&] { return owner->waiting.load(); }));  // the walk of one file is over
+  EXPECT_TRUE(task->pause());
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1));
+  owner->held = false;
+  ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3));
+  EXPECT_THAT(owner->risks(), ElementsAre(file));
+  EXPECT_TRUE(task->paused());
+  EXPECT_TRUE(task->resume());
+  EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 4, 2));
+  EXPECT_FALSE(task->pause());
+}
+
+TEST_F(ScanTaskTest, ATaskThatIsPausedAtItsEndCanBeStopped) {
+  held = true;
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.write("eicar.com", testsupport::eicar())}));
+  ASSERT_TRUE(waitFor([&] { return owner->waiting.load(); }));
+  EXPECT_TRUE(task->pause());
+  owner->held = false;
+  ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
+  EXPECT_TRUE(task->stop("enough"));
+  EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 5));
+}
+
 /// What the lists say of a file under the name of a link that leads to it, and under its own.
 struct RegionRow {
   const char* name;
