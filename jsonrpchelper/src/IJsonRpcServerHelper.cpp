@@ -57,6 +57,12 @@ std::string refuse(const Caller& caller) {
   return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, "this endpoint does not serve the sender");
 }
 
+std::string tooMuch(const char* what, std::size_t size, std::size_t limit) {
+  const std::string why = std::string(what) + " of " + std::to_string(size) + " is over the limit of " +
+                          std::to_string(limit) + " and is not read";
+  return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, why);
+}
+
 void handleOne(HandlerList& handlers, const Json::Value& request, const std::string& text,
                std::string& response) {
   const Json::Value* method = CppJson::findMember(request, "method");
@@ -68,6 +74,10 @@ void handleOne(HandlerList& handlers, const Json::Value& request, const std::str
 
 /// The elements of a batch may be meant for different servers.
 void handleBatch(HandlerList& handlers, const Json::Value& batch, std::string& response) {
+  if (batch.size() > kMaxBatchRequests) {
+    response = tooMuch("a batch", batch.size(), kMaxBatchRequests);
+    return;
+  }
   Json::Value responses(Json::arrayValue);
   for (const Json::Value& request : batch) {
     std::string text;
@@ -146,6 +156,16 @@ std::string IJsonRpcServerHelper::respond(const std::string& request) {
   return response;
 }
 
+std::string IJsonRpcServerHelper::answerTo(const void* data, std::uint32_t length, bool accepted) {
+  if (!accepted) {
+    return refuse(tCaller);
+  }
+  if (length > kMaxRequestBytes) {
+    return tooMuch("a message in bytes", length, kMaxRequestBytes);
+  }
+  return respond(data != nullptr ? std::string(static_cast<const char*>(data), length) : "");
+}
+
 void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data,
                                            std::uint32_t length, void* replyContext,
                                            void* registrationContext) {
@@ -153,8 +173,7 @@ void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageI
     auto* const endpoint = static_cast<lunet::IEndpoint*>(registrationContext);
     const CallerScope caller(endpoint);
     const bool accepted = !accepts_ || accepts_(tCaller);
-    const std::string request = data != nullptr ? std::string(static_cast<const char*>(data), length) : "";
-    const std::string response = accepted ? respond(request) : refuse(tCaller);
+    const std::string response = answerTo(data, length, accepted);
     if (replyContext != nullptr) {
       ReplyTarget target{endpoint, messageId, replyContext};
       SendResponse(response, &target);

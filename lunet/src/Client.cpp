@@ -144,7 +144,7 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
     for (;;) {
       std::string why;
       const Error error = connectOnce(deadline, &why);
-      const bool absent = error == kErrNoTarget || error == kErrTimeout;
+      const bool absent = error == kErrNoTarget || error == kErrTimeout || error == kErrQueueFull;
       if (error == kOk || !absent || Clock::now() + kConnectPause >= deadline) {
         bus_.log.write(error == kOk ? Log::kInfo : Log::kError,
                        error == kOk ? "the agent accepts" : "the agent is not reached: " + why);

@@ -60,7 +60,7 @@ Error Core::open(const Guid& self) {
     return error;
   }
   watcher_.start();
-  reception_.start(address_.listener(), self);
+  reception_.start(address_.listener(), self, folderOwner_);
   ioWork_.emplace(io_.get_executor());
   const SignalsBlocked guard;
   ioThread_ = std::thread([this] { runLoop(io_, "lunet-io"); });

@@ -15,7 +15,8 @@ constexpr std::size_t kFirstLargeBytes = 256 << 10;
 
 }  // namespace
 
-FrameReader::FrameReader() : block_(static_cast<char*>(std::malloc(kBlockBytes))) {
+FrameReader::FrameReader(std::uint32_t maxLength)
+    : maxLength_(maxLength), block_(static_cast<char*>(std::malloc(kBlockBytes))) {
   if (!block_) {
     throw std::bad_alloc();
   }
@@ -45,6 +46,10 @@ FrameReader::Next FrameReader::next() {
     }
     std::memcpy(&header_, block_.get() + begin_, sizeof header_);
     if (why_ = whyBad(header_); why_ != nullptr) {
+      return Next::kBad;
+    }
+    if (header_.length > maxLength_) {
+      why_ = "announced length over the limit for its sender";
       return Next::kBad;
     }
     const std::size_t whole = sizeof(FrameHeader) + header_.length;

@@ -21,7 +21,8 @@ using MallocBuffer = std::unique_ptr<char, FreeDeleter>;
 /// One thread at a time.
 class FrameReader {
  public:
-  FrameReader();
+  /// maxLength: of a frame's body, at most kMaxMessageBytes.
+  explicit FrameReader(std::uint32_t maxLength = kMaxMessageBytes);
 
   /// Where the next bytes go; never empty.
   std::span<char> space();
@@ -46,6 +47,7 @@ class FrameReader {
   void growLarge();
   void beginLarge();
 
+  const std::uint32_t maxLength_;
   MallocBuffer block_;
   std::size_t begin_ = 0;  ///< of the unread bytes in the block
   std::size_t end_ = 0;

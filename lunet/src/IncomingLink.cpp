@@ -25,10 +25,12 @@ IncomingLink::IncomingLink(Guest guest, DeliveryLoop& delivery, Watcher& watcher
     : guid_(guest.guid),
       identity_(guest.identity),
       fd_(std::move(guest.fd)),
+      place_(std::move(guest.place)),
       delivery_(delivery),
       watcher_(watcher),
       log_(log),
       recipient_(recipient),
+      reader_(place_ ? kMaxMemberMessageBytes : kMaxMessageBytes),
       writer_(fd_.get(), [this](bool want) { watchForRoom(want); }) {}
 
 IncomingLink::~IncomingLink() {
@@ -47,6 +49,7 @@ void IncomingLink::close() {
   watchForRoom(false);
   delivery_.remove(fd_.get(), deliveryKey_);
   fd_.reset();
+  place_.reset();
   recipient_.ended(*this);
 }
 

@@ -8,6 +8,7 @@
 #include "FrameReader.h"
 #include "FrameWriter.h"
 #include "Log.h"
+#include "MemberLinks.h"
 #include "Peer.h"
 #include "SocketSet.h"
 #include "platform/Descriptor.h"
@@ -32,6 +33,7 @@ struct Guest {
   platform::Descriptor fd;
   Guid guid{};
   PeerIdentity identity;
+  std::unique_ptr<MemberLinks::Place> place;  ///< null when he is trusted
 };
 
 /// A connection from another endpoint to this one: messages and requests come in, answers go out. The
@@ -73,6 +75,7 @@ class IncomingLink final : public Watched, public std::enable_shared_from_this<I
   const Guid guid_;
   const PeerIdentity identity_;
   platform::Descriptor fd_;
+  std::unique_ptr<MemberLinks::Place> place_;
   DeliveryLoop& delivery_;
   Watcher& watcher_;
   Log& log_;

@@ -39,11 +39,16 @@ void sendWelcome(int fd, const Guid& self, Error verdict) {
 /// A caller from his connection to his welcome.
 class Reception::Visitor : public std::enable_shared_from_this<Visitor> {
  public:
-  Visitor(Reception& reception, platform::Descriptor fd, const PeerIdentity& identity)
+  Visitor(Reception& reception, platform::Descriptor fd, const PeerIdentity& identity,
+          std::unique_ptr<MemberLinks::Place> place)
       : reception_(reception),
         identity_(identity),
-        stream_(reception.io_, fd.release()),
-        timer_(reception.io_, kHelloTime) {}
+        place_(std::move(place)),
+        stream_(reception.io_),
+        timer_(reception.io_, kHelloTime) {
+    stream_.assign(fd.get());  // takes it only when it succeeds
+    (void)fd.release();
+  }
 
   void start() {
     timer_.async_wait([self = shared_from_this()](const asio::error_code& error) {
@@ -81,15 +86,17 @@ class Reception::Visitor : public std::enable_shared_from_this<Visitor> {
       sendWelcome(stream_.native_handle(), reception_.self_, kOk);
     } else if (!reception_.holds(body.caller, identity_.uid)) {
       refuse("the address it claims is not its user's");
+    } else if (place_ && !place_->takeAddress(body.caller)) {
+      refuse("its address has as many connections as a member's may have", kErrQueueFull);
     } else {
       sendWelcome(stream_.native_handle(), reception_.self_, kOk);
-      reception_.admit_({platform::Descriptor(stream_.release()), body.caller, identity_});
+      reception_.admit_({platform::Descriptor(stream_.release()), body.caller, identity_, std::move(place_)});
     }
   }
 
-  void refuse(const char* why) {
+  void refuse(const char* why, Error verdict = kErrDenied) {
     log(why);
-    sendWelcome(stream_.native_handle(), reception_.self_, kErrDenied);
+    sendWelcome(stream_.native_handle(), reception_.self_, verdict);
   }
 
   void log(const char* why) {
@@ -99,6 +106,7 @@ class Reception::Visitor : public std::enable_shared_from_this<Visitor> {
 
   Reception& reception_;
   const PeerIdentity identity_;
+  std::unique_ptr<MemberLinks::Place> place_;
   asio::posix::stream_descriptor stream_;
   asio::steady_timer timer_;
   std::array<char, sizeof(FrameHeader) + sizeof(HelloBody)> hello_{};
@@ -108,8 +116,9 @@ Reception::Reception(asio::io_context& io, const SocketFolder& folder, AccessRul
                      std::function<void(Guest)> admit)
     : io_(io), folder_(folder), rule_(rule), log_(log), admit_(std::move(admit)), listener_(io), pause_(io) {}
 
-void Reception::start(int listener, const Guid& self) {
+void Reception::start(int listener, const Guid& self, uid_t folderOwner) {
   self_ = self;
+  folderOwner_ = folderOwner;
   const int copy = fcntl(listener, F_DUPFD_CLOEXEC, 0);
   if (copy < 0) {
     throw std::system_error(errno, std::generic_category(), "F_DUPFD_CLOEXEC");
@@ -158,16 +167,30 @@ void Reception::pause() {
 
 void Reception::receive(platform::Descriptor fd) {
   const std::optional<Peer> peer = peerOf(fd.get());
-  if (!peer || !rule_.admits(*peer)) {
-    const std::string who =
-        peer ? "pid " + std::to_string(peer->identity.pid) + ", user " + std::to_string(peer->identity.uid)
-             : "an unknown process";
+  if (!peer) {
+    log_.write(Log::kError, "a connection is refused: the system does not say who it is from");
+    sendWelcome(fd.get(), self_, kErrSystem);
+    return;
+  }
+  const std::string who =
+      "pid " + std::to_string(peer->identity.pid) + ", user " + std::to_string(peer->identity.uid);
+  if (!rule_.admits(*peer)) {
     log_.write(Log::kError,
                "a connection from " + who + " is refused: not root, nor this user, nor in the group");
     sendWelcome(fd.get(), self_, kErrDenied);
     return;
   }
-  std::make_shared<Visitor>(*this, std::move(fd), peer->identity)->start();
+  std::unique_ptr<MemberLinks::Place> place;
+  if (!rule_.trusts(peer->identity.uid, folderOwner_)) {
+    place = members_.enter(peer->identity.uid);
+    if (!place) {
+      log_.write(Log::kError,
+                 "a connection from " + who + " is refused: the user has as many as a member may have");
+      sendWelcome(fd.get(), self_, kErrQueueFull);
+      return;
+    }
+  }
+  std::make_shared<Visitor>(*this, std::move(fd), peer->identity, std::move(place))->start();
 }
 
 /// Nobody but its user (and those above him) can have put a socket into the folder, so its owner says whose

@@ -20,8 +20,8 @@ class Reception {
   Reception(asio::io_context& io, const SocketFolder& folder, AccessRule rule, Log& log,
             std::function<void(Guest)> admit);
 
-  /// listener stays the caller's.
-  void start(int listener, const Guid& self);
+  /// listener stays the caller's. folderOwner: of the socket folder, who is trusted.
+  void start(int listener, const Guid& self, uid_t folderOwner);
 
  private:
   class Visitor;
@@ -37,6 +37,8 @@ class Reception {
   Log& log_;
   const std::function<void(Guest)> admit_;
   Guid self_{};
+  uid_t folderOwner_ = 0;
+  MemberLinks members_;
   asio::posix::stream_descriptor listener_;
   asio::steady_timer pause_;
 };

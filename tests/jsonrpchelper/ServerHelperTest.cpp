@@ -73,6 +73,47 @@ TEST_F(ServerHelper, BothReceiversGetTheirsWhenTheScanReceiverIsBuiltFirst) {
   EXPECT_EQ(business.log.size(), 1u);
 }
 
+/// A notification, padded with blanks to that many bytes.
+class ServerHelperLimits : public ServerHelper {
+ protected:
+  static std::string padded(std::string text, std::size_t size) {
+    text.resize(size, ' ');
+    return text;
+  }
+  RecordingBusiness business{helper};
+};
+
+TEST_F(ServerHelperLimits, AMessageAtTheLimitIsHandled) {
+  business.StartListening();
+  send(padded(progress(1), jsonrpchelper::kMaxRequestBytes));
+  EXPECT_EQ(business.log.size(), 1u);
+}
+
+TEST_F(ServerHelperLimits, AOnewayMessageOverTheLimitIsLoggedAndDroppedUnread) {
+  business.StartListening();
+  send(padded(progress(1), jsonrpchelper::kMaxRequestBytes + 1));
+  EXPECT_EQ(business.log.size(), 0u);
+  ASSERT_EQ(logged().size(), 1u);
+  EXPECT_THAT(logged()[0], HasSubstr("8388609 is over the limit of 8388608"));
+}
+
+TEST_F(ServerHelperLimits, ARequestOverTheLimitIsAnsweredWithAnErrorUnread) {
+  const Json::Value answer = ask(std::string(jsonrpchelper::kMaxRequestBytes + 1, '['));
+  EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
+  EXPECT_THAT(answer["error"]["message"].asString(), HasSubstr("8388609 is over the limit of 8388608"));
+}
+
+TEST_F(ServerHelperLimits, ABatchOfTooManyRequestsGetsOneErrorAndNotOneForEach) {
+  std::string batch = "[0";
+  for (std::size_t i = 0; i < jsonrpchelper::kMaxBatchRequests; ++i) {
+    batch += ",0";
+  }
+  const Json::Value answer = ask(batch + "]");
+  ASSERT_TRUE(answer.isObject());
+  EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
+  EXPECT_THAT(answer["error"]["message"].asString(), HasSubstr("1001 is over the limit of 1000"));
+}
+
 TEST_F(ServerHelper, BothReceiversGetTheirsWhenTheBusinessReceiverIsBuiltFirst) {
   RecordingBusiness business(helper);
   RecordingScan scan(helper);

@@ -15,6 +15,7 @@
 
 using namespace lunettest;
 using testsupport::Process;
+using testsupport::waitFor;
 namespace fs = std::filesystem;
 
 namespace {
@@ -253,6 +254,88 @@ TEST_F(GroupTest, SendToProcessDoesNotReachOneWhoMayNotJoin) {
   EXPECT_EQ(lunet::dial(request).error, lunet::kOk);
   request.rule = {geteuid(), std::nullopt};  // as if he had left the group
   EXPECT_EQ(lunet::dial(request).error, lunet::kErrDenied);
+}
+
+/// What one member may cost an endpoint.
+class MemberLimitsTest : public GroupTest {
+ protected:
+  Process::Options member() const { return as(kMember, true); }
+  std::vector<std::string> intruder(const std::string& claimed, int count) const {
+    return {tree.at("bin/lunet_intruder"), socketOf(address), claimed, lunet::formatGuid(address),
+            std::to_string(count)};
+  }
+  static std::string order(const char* what, const lunet::Guid& target, std::size_t size) {
+    const bool call = std::string(what) == "call";
+    return "{\"" + std::string(what) + "\":\"" + lunet::formatGuid(target) +
+           "\",\"channel\":" + (call ? "10990,\"timeout_ms\":20000" : "20991") + ",\"data\":\"" +
+           std::string(size, 'm') + "\"}\n";
+  }
+  bool served(const Process::Options& user) const {
+    Process call(words("call", address, "x"), user);
+    return call.wait() == 0;
+  }
+
+  Endpoint server{client, address, echo};
+};
+
+TEST_F(MemberLimitsTest, AFrameOverTheLimitForMembersClosesHisConnectionAndNoOther) {
+  Player player(words("listen", newGuid()), member());
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  player.process.write(order("call", address, lunet::kMaxMemberMessageBytes + 1));
+  EXPECT_TRUE(player.process.waitForOut("\"error\":" + std::to_string(lunet::kErrPeerLost)))
+      << player.process.out();
+  EXPECT_EQ(server.count(), 0u);
+  player.process.write(order("call", address, 2));  // his next one connects anew
+  EXPECT_TRUE(player.gotMessage("mm")) << player.process.out();
+}
+
+TEST_F(MemberLimitsTest, AFrameAtTheLimitForMembersIsDelivered) {
+  Player player(words("listen", newGuid()), member());
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  player.process.write(order("send", address, lunet::kMaxMemberMessageBytes));
+  ASSERT_TRUE(server.waitForCount(1));
+  EXPECT_EQ(server.messages()[0].data.size(), lunet::kMaxMemberMessageBytes);
+}
+
+TEST_F(MemberLimitsTest, RootsFramesAreNotLimitedAsMembersAre) {
+  Endpoint caller(client, newGuid());
+  const std::string text(lunet::kMaxMemberMessageBytes + 1, 'r');
+  EXPECT_EQ(caller.call(address, text).data.size(), text.size());
+}
+
+TEST_F(MemberLimitsTest, OneAddressOfAMemberHasAFewConnections) {
+  const lunet::Guid own = newGuid();
+  Player player(words("listen", own), member());
+  ASSERT_TRUE(player.ready()) << player.process.err();
+  Process many(intruder(lunet::formatGuid(own), lunet::kMaxMemberLinksOfAddress + 1), member());
+  EXPECT_TRUE(many.waitForOut("verdict E0010006"));
+  EXPECT_EQ(many.out(),
+            "verdict 00000000\nverdict 00000000\nverdict 00000000\nverdict 00000000\n"
+            "verdict E0010006\n");
+  EXPECT_TRUE(served(member()));  // from another address of his
+  many.closeInput();
+  many.wait();
+  EXPECT_TRUE(waitFor([&] { return intrude(member(), own, address) == "verdict 00000000\n"; }));
+}
+
+TEST_F(MemberLimitsTest, OneMemberHasSoManyConnectionsAndTheOthersTheirs) {
+  {
+    Process many(intruder("silent", lunet::kMaxMemberLinks + 1), member());
+    EXPECT_TRUE(many.waitForOut("verdict E0010006")) << many.out();
+    EXPECT_TRUE(served(as(kOtherMember, true)));
+    EXPECT_TRUE(served(Process::Options{}));
+  }
+  EXPECT_TRUE(waitFor([&] { return served(member()); }));
+}
+
+TEST_F(MemberLimitsTest, RootsConnectionsAreNotCounted) {
+  const lunet::Guid own = newGuid();
+  Endpoint endpoint(client, own);
+  Process many(intruder(lunet::formatGuid(own), lunet::kMaxMemberLinks * 2));
+  EXPECT_TRUE(many.waitForOut("verdict"));
+  many.closeInput();
+  many.wait();
+  EXPECT_EQ(many.out().find("E0010006"), std::string::npos);
 }
 
 class PrivateTest : public BusTest {

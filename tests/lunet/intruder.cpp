@@ -1,43 +1,79 @@
 // lunet_intruder SOCKET CLAIMED-GUID TARGET-GUID: connects by hand, claims that address, and prints what the
 // listener says: "verdict N", "closed" or "refused: <reason>".
+// lunet_intruder SOCKET CLAIMED-GUID TARGET-GUID COUNT: that often, and keeps the connections until its input
+// ends. With "silent" for the claimed address it greets nobody and waits for what the last one is told.
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "Frame.h"
 #include "SocketFolder.h"
 
-int main(int count, char** words) {
-  if (count != 4) {
-    return 2;
-  }
-  const auto address = lunet::socketAddress(words[1]);
+namespace {
+
+struct Welcome {
+  lunet::FrameHeader header;
+  lunet::Guid listener;
+};
+
+/// -1 when the listener cannot be reached; says so.
+int connectTo(const char* path) {
+  const auto address = lunet::socketAddress(path);
   const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
   if (!address || connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
     std::printf("refused: %s\n", std::strerror(errno));
-    return 0;
+    return -1;
   }
+  return fd;
+}
+
+void greet(int fd, const char* claimed, const char* target) {
   struct {
     lunet::FrameHeader header;
     lunet::HelloBody body;
   } hello{};
   hello.header.kind = lunet::FrameKind::kHello;
   hello.header.length = sizeof hello.body;
-  hello.body = {lunet::parseGuid(words[2]), lunet::parseGuid(words[3])};
+  hello.body = {lunet::parseGuid(claimed), lunet::parseGuid(target)};
   (void)send(fd, &hello, sizeof hello, MSG_NOSIGNAL);
-  struct {
-    lunet::FrameHeader header;
-    lunet::Guid listener;
-  } welcome{};
+}
+
+void printVerdict(int fd) {
+  Welcome welcome{};
   if (recv(fd, &welcome, sizeof welcome, MSG_WAITALL) == static_cast<ssize_t>(sizeof welcome)) {
     std::printf("verdict %08X\n", welcome.header.channel);
   } else {
     std::printf("closed\n");
   }
-  close(fd);
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  if (count != 4 && count != 5) {
+    return 2;
+  }
+  const int wanted = count == 5 ? std::atoi(words[4]) : 1;
+  const bool silent = std::strcmp(words[2], "silent") == 0;
+  for (int i = 0; i < wanted; ++i) {
+    const int fd = connectTo(words[1]);
+    if (fd < 0) {
+      return 0;
+    }
+    if (!silent) {
+      greet(fd, words[2], words[3]);
+      printVerdict(fd);
+    } else if (i == wanted - 1) {  // the others before it stand
+      printVerdict(fd);
+    }
+  }
+  std::fflush(stdout);
+  while (count == 5 && std::getchar() != EOF) {
+  }
   return 0;
 }

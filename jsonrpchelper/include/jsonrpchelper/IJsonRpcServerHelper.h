@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,6 +14,13 @@ namespace jsonrpchelper {
 
 class HandlerList;
 
+/// The longest message that a server takes to pieces: as values it needs a hundred times its length. What the
+/// agent is asked for is a line of the console or a change of settings of at most 1 MiB, written as a text in
+/// JSON; a notification holds one file's paths. Answers are not meant: they go up to lunet::kMaxMessageBytes.
+inline constexpr std::uint32_t kMaxRequestBytes = lunet::kMaxMemberMessageBytes;
+/// The most requests in one batch. Nobody here sends any; each element gets an answer of its own.
+inline constexpr std::size_t kMaxBatchRequests = 1000;
+
 /// Who sent the message that is being handled, on the bus's and the kernel's word.
 struct Caller {
   lunet::Guid guid{};
@@ -23,8 +31,10 @@ struct Caller {
 Caller currentCaller();
 
 /// Receives JSON-RPC messages from the bus, lets the servers that listen on it handle them, and sends the
-/// answers back. One a process stands behind the holders of Holders.h; the agent makes its own. Nothing that
-/// a server throws leaves it. Servers come and go from any thread, in any order (BusServer.h).
+/// answers back. A longer one than kMaxRequestBytes is not looked at: a request gets an error, a one-way
+/// message is logged and dropped. One a process stands behind the holders of Holders.h; the agent makes its
+/// own. Nothing that a server throws leaves it. Servers come and go from any thread, in any order
+/// (BusServer.h).
 class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lunet::IMRReceiveComplete {
  public:
   IJsonRpcServerHelper();
@@ -69,6 +79,7 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
  private:
   /// ProcessRequest, with what it throws logged and made the response.
   std::string respond(const std::string& request);
+  std::string answerTo(const void* data, std::uint32_t length, bool accepted);
 
   std::function<bool(const Caller&)> accepts_;
   std::shared_ptr<HandlerList> handlers_;

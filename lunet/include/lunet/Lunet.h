@@ -20,7 +20,8 @@ enum Error : std::uint32_t {
   kErrPeerLost = 0xE0010003,   ///< the peer went away before it answered
   kErrTimeout = 0xE0010004,    ///< no answer within the time given
   kErrTooLarge = 0xE0010005,   ///< the message is larger than kMaxMessageBytes
-  kErrQueueFull = 0xE0010006,  ///< the receiver does not take its messages; nothing was queued
+  kErrQueueFull = 0xE0010006,  ///< the receiver does not take its messages, or no more connections of this
+                               ///< user; nothing was queued
   kErrInUse = 0xE0010007,      ///< Open: the GUID is alive elsewhere
   kErrPath = 0xE0010008,       ///< the socket directory is missing, unsafe, or its path too long
   kErrDenied = 0xE0010009,     ///< who is at the other end may not be talked to
@@ -35,6 +36,17 @@ inline constexpr std::uint32_t kOnewayChannel = 20991;
 
 /// The largest message body, both ways.
 inline constexpr std::uint32_t kMaxMessageBytes = 256u << 20;
+
+// What an endpoint lets a mere member of the bus's group cost it (PeerIdentity::trusted is false); answers to
+// him are not meant.
+
+/// The largest message from him. A longer one closes its connection: his calls end with kErrPeerLost, his
+/// one-way messages, which had been taken, are lost (both logs say so); the next send connects anew.
+inline constexpr std::uint32_t kMaxMemberMessageBytes = 8u << 20;
+/// Connections of one user, and of one address of his, at a time. One more is refused with kErrQueueFull. An
+/// endpoint has one to each of its targets; a few more may wait to be noticed as ended.
+inline constexpr std::uint32_t kMaxMemberLinks = 32;
+inline constexpr std::uint32_t kMaxMemberLinksOfAddress = 4;
 
 /// The process at the other end of a connection, on the kernel's word (never the peer's own).
 struct PeerIdentity {
@@ -136,8 +148,8 @@ class IClient {
   virtual void SetLogCallback(LogCallback callback) = 0;
   virtual void Reserved() = 0;
   /// Waits until the agent's endpoint accepts, for `timeoutSec` seconds or "connect_timeout_ms",
-  /// whichever is less. 0 or kErrNoTarget/kErrDenied/kErrPath, the last two at once. A process that serves
-  /// others and needs nobody need not call it.
+  /// whichever is less. 0 or kErrNoTarget/kErrQueueFull/kErrDenied/kErrPath, the last two at once. A process
+  /// that serves others and needs nobody need not call it.
   virtual std::uint32_t Connect(std::uint32_t timeoutSec) = 0;
   virtual void Uninit() = 0;
   virtual void Disconnect() = 0;
