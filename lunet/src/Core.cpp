@@ -229,7 +229,12 @@ void Core::welcome(Guest guest) {
     const std::lock_guard lock(guestsMutex_);
     guests_.insert(link);
   }
-  link->start();
+  try {
+    link->start();
+  } catch (...) {  // nobody would read it: its caller sees the end
+    link->close();
+    throw;
+  }
 }
 
 /// A reply context is the message's number, never a pointer to something that may be gone.
@@ -255,6 +260,26 @@ std::shared_ptr<Core::Target> Core::targetAt(const Guid& guid) {
   return target;
 }
 
+/// Runs it without the lock, while the others wait; whatever comes of it, they go on.
+template <class Dial>
+Error Core::dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial dial) {
+  const auto done = [&] {
+    lock.lock();
+    target.dialling = false;
+    target.dialled.notify_all();
+  };
+  target.dialling = true;
+  lock.unlock();
+  try {
+    const Error error = dial();
+    done();
+    return error;
+  } catch (...) {
+    done();
+    throw;
+  }
+}
+
 /// The connection to that address, made when there is none; one at a time for each address.
 Error Core::linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
                    std::shared_ptr<OutgoingLink>& link) {
@@ -276,12 +301,7 @@ Error Core::linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_po
     }
     return !(*process == link->identity()) ? kErrNotSame : link->admitted() ? kOk : kErrDenied;
   }
-  target->dialling = true;
-  lock.unlock();
-  const Error error = dialTo(guid, process, deadline, link);
-  lock.lock();
-  target->dialling = false;
-  target->dialled.notify_all();
+  const Error error = dialAlone(*target, lock, [&] { return dialTo(guid, process, deadline, link); });
   if (closing_ && link) {
     link->shut(kErrNotOpen);
     return kErrNotOpen;

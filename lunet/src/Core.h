@@ -69,6 +69,8 @@ class Core final : private Recipient {
   std::optional<PendingReply> takePending(void* replyContext);
 
   std::shared_ptr<Target> targetAt(const Guid& guid);
+  template <class Dial>
+  static Error dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial dial);
   Error linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
                std::shared_ptr<OutgoingLink>& link);
   Error dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,

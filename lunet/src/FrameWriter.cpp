@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 namespace lunet {
@@ -85,12 +86,22 @@ FrameWriter::Result FrameWriter::write(const FrameHeader& header, const void* da
   } else if (queuedBytes_ >= kQueueFullBytes) {
     return Result::kFull;
   }
-  const bool first = queuedBytes_ == 0;
-  enqueue(header, data, sent);
-  if (first) {
-    wantWrite_(true);
+  return keep(header, data, sent);
+}
+
+FrameWriter::Result FrameWriter::keep(const FrameHeader& header, const void* data, std::size_t alreadySent) {
+  try {
+    const bool first = queuedBytes_ == 0;
+    enqueue(header, data, alreadySent);
+    if (first) {
+      wantWrite_(true);
+    }
+    return Result::kTaken;
+  } catch (const std::exception&) {
+    dropAll();
+    shutdown(fd_, SHUT_RDWR);  // both sides learn of it where they read
+    return Result::kBroken;
   }
-  return Result::kTaken;
 }
 
 bool FrameWriter::flush() {
@@ -113,6 +124,11 @@ bool FrameWriter::flush() {
 
 void FrameWriter::close() {
   const std::lock_guard lock(mutex_);
+  dropAll();
+}
+
+/// mutex_ is held.
+void FrameWriter::dropAll() {
   closed_ = true;
   queue_.clear();
   queuedBytes_ = 0;
@@ -141,10 +157,11 @@ FrameWriter::Sent FrameWriter::sendNow(const FrameHeader& header, const void* da
 void FrameWriter::enqueue(const FrameHeader& header, const void* data, std::size_t alreadySent) {
   const std::size_t whole = sizeof header + header.length;
   if (queue_.empty() || queue_.back().size() + whole > kChunkBytes) {
-    queue_.emplace_back();
-    queue_.back().reserve(std::max(whole - alreadySent, kChunkBytes));
+    std::string chunk;
+    chunk.reserve(std::max(whole - alreadySent, kChunkBytes));
+    queue_.push_back(std::move(chunk));
   }
-  std::string& chunk = queue_.back();
+  std::string& chunk = queue_.back();  // has room: nothing below can fail
   if (alreadySent < sizeof header) {
     chunk.append(reinterpret_cast<const char*>(&header) + alreadySent, sizeof header - alreadySent);
   }

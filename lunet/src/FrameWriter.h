@@ -21,11 +21,13 @@ inline constexpr std::size_t kQueueFullBytes = 32 << 20;
 /// events calls flush. The descriptor is not owned; nobody touches it here after close().
 class FrameWriter {
  public:
-  enum class Result { kTaken, kFull, kGone };
+  enum class Result { kTaken, kFull, kGone, kBroken };
   /// wantWrite is called under the writer's lock, with true when bytes wait and with false when none do.
   FrameWriter(int fd, std::function<void(bool)> wantWrite);
 
-  /// kGone: the other side has hung up (or close() was called); this frame did not reach it.
+  /// kGone: the other side has hung up (or close() was called); this frame did not reach it. kBroken: no
+  /// memory for what the socket did not take. The other side may have a part of the frame, and would take the
+  /// next one for the rest: the connection is shut and the writer closed.
   Result write(const FrameHeader& header, const void* data);
   /// Writes what the socket takes now. False when the other side is gone.
   bool flush();
@@ -37,6 +39,8 @@ class FrameWriter {
  private:
   enum class Sent { kAll, kSome, kGone };
   Sent sendNow(const FrameHeader& header, const void* data, std::size_t& sent);
+  Result keep(const FrameHeader& header, const void* data, std::size_t alreadySent);
+  void dropAll();
   void enqueue(const FrameHeader& header, const void* data, std::size_t alreadySent);
   Sent sendQueue();
   void consume(std::size_t count);

@@ -59,6 +59,8 @@ Error IncomingLink::answer(const FrameHeader& header, const void* data) {
       return kOk;
     case FrameWriter::Result::kFull:
       return kErrQueueFull;
+    case FrameWriter::Result::kBroken:
+      return kErrSystem;
     case FrameWriter::Result::kGone:
       break;
   }

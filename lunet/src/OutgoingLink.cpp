@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -68,7 +69,12 @@ OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data,
     calls_.push_back(&call);
     watchForAnswers();
   }
-  const Error error = writeFrame(header, data);
+  Error error = kErrSystem;
+  try {
+    error = writeFrame(header, data);
+  } catch (const std::exception&) {  // no memory; this call must not stay among those under way
+    hungUp_ = true;
+  }
   *sent = error == kOk;
   Lock lock(mutex_);
   if (error == kOk) {
@@ -111,6 +117,10 @@ Error OutgoingLink::writeFrame(const FrameHeader& header, const void* data) {
       return kOk;
     case FrameWriter::Result::kFull:
       return kErrQueueFull;
+    case FrameWriter::Result::kBroken:
+      hungUp_ = true;  // the next send connects anew
+      log_.write(Log::kError, "the connection to " + name_ + " is closed: no memory for a message");
+      return kErrSystem;
     case FrameWriter::Result::kGone:
       break;
   }

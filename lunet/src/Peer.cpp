@@ -41,12 +41,20 @@ std::optional<Peer> peerOf(int fd) {
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || !readGroups(fd, peer.groups)) {
     return std::nullopt;
   }
-  peer.identity = {credentials.pid, credentials.uid, credentials.gid, startTicksOf(credentials.pid)};
+  const std::optional<std::uint64_t> startTicks = startTicksOf(credentials.pid);
+  if (!startTicks) {
+    return std::nullopt;
+  }
+  peer.identity = {credentials.pid, credentials.uid, credentials.gid, *startTicks};
   return peer;
 }
 
-std::uint64_t startTicksOf(pid_t pid) {
-  const std::optional<std::string> stat = CFile::readAll("/proc/" + std::to_string(pid) + "/stat");
+std::optional<std::uint64_t> startTicksOf(pid_t pid) {
+  int error = 0;
+  const std::optional<std::string> stat = CFile::readAll("/proc/" + std::to_string(pid) + "/stat", &error);
+  if (!stat && (error == EMFILE || error == ENFILE || error == ENOMEM)) {
+    return std::nullopt;
+  }
   // Field 2 is the program's name in brackets and may itself hold blanks and brackets: count behind it.
   std::size_t at = stat ? stat->rfind(')') : std::string::npos;
   for (int field = 2; field < 22 && at != std::string::npos; ++field) {

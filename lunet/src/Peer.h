@@ -14,11 +14,13 @@ struct Peer {
   std::vector<gid_t> groups;
 };
 
-/// Nothing when the kernel does not say (the socket is not connected).
+/// Nothing when the kernel does not say (the socket is not connected), or when it cannot be found out now (no
+/// descriptors, no memory): without the start time the process would not be known again.
 std::optional<Peer> peerOf(int fd);
 
-/// Field 22 of /proc/<pid>/stat, 0 when it cannot be read.
-std::uint64_t startTicksOf(pid_t pid);
+/// Field 22 of /proc/<pid>/stat; 0 when the process is gone or hidden, nothing when the system is short of
+/// what it takes to read it.
+std::optional<std::uint64_t> startTicksOf(pid_t pid);
 
 struct AccessRule {
   uid_t self = 0;

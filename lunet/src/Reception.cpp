@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -135,25 +136,36 @@ void Reception::wait() {
   });
 }
 
+/// What one caller needs and the system does not have (memory, a descriptor) costs him, and nobody who comes
+/// later.
 void Reception::acceptAll() {
-  for (;;) {
-    platform::Descriptor fd(
-        accept4(listener_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (fd) {
-      receive(std::move(fd));
-      continue;
+  try {
+    while (acceptOne()) {
     }
-    if (errno == EINTR || errno == ECONNABORTED) {
-      continue;
-    }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      wait();
-      return;
-    }
-    log_.write(Log::kError, std::string("a connection cannot be accepted: ") + std::strerror(errno));
+  } catch (const std::exception& error) {
     pause();
-    return;
+    log_.write(Log::kError, std::string("a connection cannot be received: ") + error.what());
   }
+}
+
+/// False when there are no more for now; then what calls acceptAll again is under way.
+bool Reception::acceptOne() {
+  platform::Descriptor fd(accept4(listener_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (fd) {
+    receive(std::move(fd));
+    return true;
+  }
+  if (errno == EINTR || errno == ECONNABORTED) {
+    return true;
+  }
+  if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    wait();
+    return false;
+  }
+  const int reason = errno;
+  pause();
+  log_.write(Log::kError, std::string("a connection cannot be accepted: ") + std::strerror(reason));
+  return false;
 }
 
 void Reception::pause() {

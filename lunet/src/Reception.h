@@ -27,6 +27,7 @@ class Reception {
   class Visitor;
   void wait();
   void acceptAll();
+  bool acceptOne();
   void pause();
   void receive(platform::Descriptor fd);
   bool holds(const Guid& guid, uid_t uid) const;

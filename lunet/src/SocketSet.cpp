@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 namespace lunet {
 
@@ -33,7 +34,12 @@ void SocketSet::add(int fd, std::uint32_t events, std::weak_ptr<Watched> watched
   epoll_event event{};
   event.events = events;
   event.data.u64 = key;
-  checked(epoll_ctl(set_.get(), EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
+  if (epoll_ctl(set_.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+    const std::system_error failure(errno, std::generic_category(), "epoll_ctl");
+    const std::lock_guard lock(mutex_);
+    watched_.erase(std::exchange(key, 0));
+    throw failure;
+  }
 }
 
 void SocketSet::change(int fd, std::uint64_t key, std::uint32_t events) {

@@ -28,7 +28,7 @@ class SocketSet {
  public:
   SocketSet();
   /// events: EPOLLIN, EPOLLOUT, EPOLLRDHUP, level-triggered. key, for change and remove, is set before the
-  /// first event can be told.
+  /// first event can be told; 0 when this throws (no memory, or too many watched sockets).
   void add(int fd, std::uint32_t events, std::weak_ptr<Watched> watched, std::uint64_t& key);
   void change(int fd, std::uint64_t key, std::uint32_t events);
   void remove(int fd, std::uint64_t key);

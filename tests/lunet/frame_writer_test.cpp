@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
+#include <new>
 #include <string>
 
 #include "FrameWriter.h"
@@ -43,7 +45,13 @@ class FrameWriterTest : public testing::Test {
   platform::Descriptor ours{pair[0]};
   platform::Descriptor theirs{pair[1]};
   bool wanted = false;
-  FrameWriter writer{ours.get(), [this](bool want) { wanted = want; }};
+  bool noMemory = false;
+  FrameWriter writer{ours.get(), [this](bool want) {
+                       if (noMemory) {
+                         throw std::bad_alloc();
+                       }
+                       wanted = want;
+                     }};
 };
 
 TEST_F(FrameWriterTest, WhatTheSocketTakesGoesOutAtOnce) {
@@ -90,4 +98,33 @@ TEST_F(FrameWriterTest, AClosedWriterTakesNothing) {
   writer.close();
   EXPECT_EQ(write(10), FrameWriter::Result::kGone);
   EXPECT_FALSE(writer.flush());
+}
+
+TEST_F(FrameWriterTest, AFrameOfWhichOnlyAPartWentOutEndsTheConnection) {
+  noMemory = true;
+  EXPECT_EQ(write(3 << 20), FrameWriter::Result::kBroken);
+  EXPECT_GT(drainSocket(), 0u);
+  char byte = 0;
+  EXPECT_EQ(recv(theirs.get(), &byte, 1, 0), 0);  // the end, and not the next frame
+  EXPECT_EQ(write(10), FrameWriter::Result::kGone);
+  EXPECT_FALSE(writer.flush());
+}
+
+/// The rest of a frame that finds no memory. In a process of its own, whose memory is limited.
+TEST_F(FrameWriterTest, AFrameThatFindsNoMemoryForItsRestEndsTheConnection) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers' memory cannot be limited";
+#else
+  const std::string body(8 << 20, 'w');
+  FrameHeader header;
+  header.length = static_cast<std::uint32_t>(body.size());
+  const auto writeWithoutMemory = [&] {
+    const rlimit limit{1 << 20, 1 << 20};  // less than it has: nothing more
+    setrlimit(RLIMIT_AS, &limit);
+    const bool broken = writer.write(header, body.data()) == FrameWriter::Result::kBroken;
+    const bool gone = writer.write(header, body.data()) == FrameWriter::Result::kGone;
+    _exit(broken && gone ? 0 : 1);
+  };
+  EXPECT_EXIT(writeWithoutMemory(), testing::ExitedWithCode(0), "");
+#endif
 }

@@ -1,0 +1,92 @@
+// A process that has run out of descriptors: what cannot be done then fails, and nothing more than that.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <memory>
+#include <vector>
+
+#include "BusFixture.h"
+#include "Peer.h"
+#include "platform/Descriptor.h"
+
+using namespace lunettest;
+
+namespace {
+
+/// While it lives this process has no descriptor left but `spare`.
+class NoDescriptors {
+ public:
+  explicit NoDescriptors(std::size_t spare) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit low{256, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+    for (int fd = take(); fd >= 0; fd = take()) {
+      taken_.emplace_back(fd);
+    }
+    taken_.resize(taken_.size() - spare);
+  }
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  static int take() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
+
+  rlimit before_{};
+  std::vector<platform::Descriptor> taken_;
+};
+
+}  // namespace
+
+TEST(PeerWithoutDescriptors, IsNotNamedWithoutItsStartTime) {
+  std::array<int, 2> pair{-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const platform::Descriptor one(pair[0]);
+  const platform::Descriptor other(pair[1]);
+  {
+    const NoDescriptors none(0);
+    EXPECT_FALSE(lunet::peerOf(one.get()));
+  }
+  const auto peer = lunet::peerOf(one.get());
+  ASSERT_TRUE(peer);
+  EXPECT_EQ(peer->identity.pid, getpid());
+  EXPECT_NE(peer->identity.startTicks, 0u);
+}
+
+TEST(StartTicks, OfAProcessThatIsGoneAreZero) {
+  EXPECT_EQ(lunet::startTicksOf(0x7FFFFFFF), std::uint64_t{0});
+}
+
+class ShortageTest : public BusTest {
+ protected:
+  Client client{config()};
+  Endpoint server{client, newGuid(), echo};
+};
+
+TEST_F(ShortageTest, ACallerWhoCannotBeToldApartIsTurnedAwayAndTheNextIsServed) {
+  Endpoint own(client, newGuid());
+  {
+    const NoDescriptors none(2);  // one for the caller's end and one for the listener's
+    RawConnection caller(socketOf(server.guid()));
+    ASSERT_TRUE(caller.connected());
+    EXPECT_EQ(caller.greet(own.guid(), server.guid()), lunet::kErrSystem);
+  }
+  RawConnection late(socketOf(server.guid()));
+  EXPECT_EQ(late.greet(own.guid(), server.guid()), lunet::kOk);
+}
+
+TEST_F(ShortageTest, ACallerWhoCannotBeAcceptedIsWhenDescriptorsAreThereAgain) {
+  Endpoint own(client, newGuid());
+  std::unique_ptr<RawConnection> caller;
+  {
+    const NoDescriptors none(1);  // for the caller's end
+    caller = std::make_unique<RawConnection>(socketOf(server.guid()));
+    ASSERT_TRUE(caller->connected());
+  }
+  EXPECT_EQ(caller->greet(own.guid(), server.guid()), lunet::kOk);
+}
