@@ -68,6 +68,11 @@ INSTANTIATE_TEST_SUITE_P(
                     VisibleCase{"Overlong", "\xc0\xaf", "\\xc0\\xaf"},
                     VisibleCase{"Surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
                     VisibleCase{"TooLarge", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+                    VisibleCase{"ArabicLetterMark",
+                                "a\xd8\x9c"
+                                "b",
+                                "a\\xd8\\x9cb"},
+                    VisibleCase{"BesideTheArabicLetterMark", "\xd8\x9b\xd8\x9d", "\xd8\x9b\xd8\x9d"},
                     VisibleCase{"RightToLeftOverride", "\xe2\x80\xae", "\\xe2\\x80\\xae"},
                     VisibleCase{"FourBytes", "\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"}),
     [](const auto& row) { return row.param.name; });

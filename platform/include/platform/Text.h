@@ -32,9 +32,9 @@ namespace platform {
 std::size_t utf8CharacterLength(std::string_view text, char32_t* value);
 
 /// Text from outside, fit for a terminal, a report or a log line: control characters (C0, DEL, C1), the
-/// characters that break a line or turn its direction (U+200E/F, U+2028..202E, U+2066..2069) and bytes that
-/// are not UTF-8 stand as `\n`, `\t`, `\r` or a `\xNN` for each byte; all else is untouched. The result is
-/// valid UTF-8.
+/// characters that break a line or turn its direction (U+061C, U+200E/F, U+2028..202E, U+2066..2069) and
+/// bytes that are not UTF-8 stand as `\n`, `\t`, `\r` or a `\xNN` for each byte; all else is untouched. The
+/// result is valid UTF-8.
 std::string visibleText(std::string_view text);
 
 }  // namespace platform
