@@ -38,13 +38,19 @@ int writeAndSync(int fd, std::string_view content, std::uint32_t mode) {
   return 0;
 }
 
-/// 0 or an errno value. What may be written but not read cannot be synced: the file in it still stands whole.
+/// What may be written but not read cannot be synced, and some network and user-space file systems know no
+/// sync of a folder: the file in it still stands whole.
+bool knowsNoSync(int error) {
+  return error == EACCES || error == EINVAL || error == ENOTSUP;
+}
+
+/// 0 or an errno value.
 int syncFolder(int folder) {
   const Descriptor readable(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!readable) {
-    return errno == EACCES ? 0 : errno;
+  if (readable && fsync(readable.get()) == 0) {
+    return 0;
   }
-  return fsync(readable.get()) == 0 ? 0 : errno;
+  return knowsNoSync(errno) ? 0 : errno;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,20 @@
 #include <filesystem>
 
 #include "support/TempDir.h"
+
+namespace {
+int gFolderSyncError = 0;  ///< what syncing a folder comes to; 0: what the system says
+}
+
+/// Before the C library's own.
+extern "C" int fsync(int fd) {
+  struct stat st {};
+  if (gFolderSyncError != 0 && fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    errno = gFolderSyncError;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
 
 namespace {
 
@@ -104,6 +119,31 @@ TEST(File, ReplacingInAFolderThatMayBeWrittenButNotReadPutsTheFileInPlace) {
   EXPECT_EQ(readFile(dir.at("drop/f")), "new");
 }
 
+/// Some network and user-space file systems answer so when a folder is synced.
+class FolderSync : public testing::TestWithParam<int> {
+ protected:
+  FolderSync() { gFolderSyncError = GetParam(); }
+  ~FolderSync() override { gFolderSyncError = 0; }
+  const TempDir dir_;
+};
+
+class NoFolderSync : public FolderSync {};
+TEST_P(NoFolderSync, OfTheFileSystemIsNoFailureToReplace) {
+  EXPECT_EQ(CFile::replaceAtomically(dir_.at("f"), "new", 0600), 0);
+  EXPECT_EQ(readFile(dir_.at("f")), "new");
+}
+INSTANTIATE_TEST_SUITE_P(Errors, NoFolderSync, testing::Values(EINVAL, ENOTSUP),
+                         [](const auto& row) { return std::string(strerrorname_np(row.param)); });
+
+class FailedFolderSync : public FolderSync {};
+TEST_P(FailedFolderSync, IsToldThoughTheFileIsInPlace) {
+  EXPECT_EQ(CFile::replaceAtomically(dir_.at("f"), "new", 0600), GetParam());
+  EXPECT_EQ(readFile(dir_.at("f")), "new");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 1);
+}
+INSTANTIATE_TEST_SUITE_P(Errors, FailedFolderSync, testing::Values(EIO, ENOSPC),
+                         [](const auto& row) { return std::string(strerrorname_np(row.param)); });
+
 TEST(File, LargerThanTheLimitIsNotRead) {
   const TempDir dir;
   const std::string path = dir.write("f", std::string(40000, 'x'));
@@ -193,7 +233,7 @@ TEST(WhyUnsafe, AFolderOnTheWayThatTheGroupCanWriteIsNamed) {
 
 TEST(WhyUnsafe, AnotherUsersFileIsNamed) {
   if (geteuid() != 0) {
-    return;  // needs a second user
+    GTEST_SKIP() << "only root can give a file to a second user";
   }
   const TempDir dir;
   const std::string path = dir.write("x.so", "");

@@ -31,8 +31,9 @@ class CFile {
                                             std::size_t limitBytes = kReadLimitBytes);
   /// Puts the file in place whole or not at all: a temporary file in the same folder (no link followed, made
   /// with `mode` from the start), written, synced, renamed, the folder synced (unless this user may write
-  /// but not read it: a folder that cannot be opened for reading cannot be synced). Returns 0 or an errno
-  /// value; then the old file, if any, stands as it was and the temporary file is gone.
+  /// but not read it, or its file system syncs no folders). Returns 0 or an errno value; then the temporary
+  /// file is gone and the old file, if any, stands as it was. Only when the sync of the folder fails for
+  /// another reason (EIO) is the new file in its place all the same.
   static int replaceAtomically(const std::string& path, std::string_view content, std::uint32_t mode);
 };
 
