@@ -98,6 +98,8 @@ std::unique_ptr<Spawner> startSpawner(const Tree& tree, const Options& options) 
                      "another agent (pid " + mark.attribute("pid") + ") serves " + tree.root + " already"};
 }
 
+/// The agent's mark lies in its own folder: the one of the sockets is the bus's group's, too, whose members
+/// could hold it or forge its pid.
 void takeMark(CGlobalTag& mark, const Tree& tree) {
   switch (mark.trylock(false)) {
     case CGlobalTag::kAcquired:
@@ -115,10 +117,10 @@ class Agent {
   Agent(const Options& options, const Tree& tree, const BusSettings& bus)
       : tree_(tree),
         signatures_({tree.signatures(), options.systemSignatures}, [this] { reloadSignatures(); }),
-        mark_(lunet::kAgentGuid, {bus.socketDir}) {
+        mark_(lunet::kAgentGuid, {tree.state()}) {
     {
       // Known early, and free again: the spawner must not inherit the mark.
-      CGlobalTag probe(lunet::kAgentGuid, {bus.socketDir});
+      CGlobalTag probe(lunet::kAgentGuid, {tree.state()});
       takeMark(probe, tree);
     }
     spawner_ = startSpawner(tree, options);

@@ -1,17 +1,19 @@
 #include "service/Status.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <system_error>
 
 #include "jsonrpchelper/AgentMethods.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
-#include "platform/CGlobalTag.h"
+#include "lunet/ClientLibrary.h"
 #include "platform/Text.h"
 #include "service/BusLink.h"
 #include "service/Options.h"
@@ -35,6 +37,16 @@ int noAnswer(const Tree& tree, std::uint32_t busError, const std::string& why) {
   }
   return cannotTell("the agent of " + tree.root +
                     " gives no answer: " + (busError == lunet::kOk ? why : lunet::describeError(busError)));
+}
+
+/// On the kernel's word. Nothing when somebody has the address by now whom the bus would not have asked.
+std::optional<pid_t> agentPid(const std::string& socketDir) {
+  struct stat folder {};
+  const std::optional<lunet::Listener> listener =
+      lunet::listenerAt(socketDir, lunet::parseGuid(lunet::kAgentGuid));
+  const bool trusted = listener && stat(socketDir.c_str(), &folder) == 0 &&
+                       (listener->uid == 0 || listener->uid == geteuid() || listener->uid == folder.st_uid);
+  return trusted ? std::optional<pid_t>(listener->pid) : std::nullopt;
 }
 
 /// By content: a program that was replaced by an equal one is the same build.
@@ -68,10 +80,13 @@ int printStatus(const Tree& tree) {
   } catch (const std::exception& error) {
     return noAnswer(tree, helper.lastBusError(), error.what());
   }
-  const std::string pid = CGlobalTag(lunet::kAgentGuid, {settings.socketDir}).attribute("pid");
-  const std::string program = "/proc/" + pid + "/exe";
+  const std::optional<pid_t> pid = agentPid(settings.socketDir);
+  if (!pid) {
+    return cannotTell("the process that serves " + tree.root + " cannot be told");
+  }
+  const std::string program = "/proc/" + std::to_string(*pid) + "/exe";
   std::error_code error;
-  std::printf("pid=%s\nprogram=%s\nbuild=%s\ntasks=%u\n", platform::visibleText(pid).c_str(),
+  std::printf("pid=%d\nprogram=%s\nbuild=%s\ntasks=%u\n", *pid,
               platform::visibleText(std::filesystem::read_symlink(program, error).string()).c_str(),
               sameProgram(program, "/proc/self/exe") ? "same" : "other", tasks.size());
   return kExitOk;

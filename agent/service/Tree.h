@@ -21,8 +21,8 @@ struct Tree {
 struct BusSettings {
   std::string fileText;      ///< of cli_lunet.conf; {} when there is none
   std::string clientConfig;  ///< for IClient::Init
-  std::string socketDir;     ///< also where the marks lie
-  std::string group;         ///< empty: none
+  std::string socketDir;
+  std::string group;  ///< empty: none
 };
 /// False, and one line in *why, for a file that is there and cannot be read as JSON. logName: of the bus
 /// library's own log below the log folder.

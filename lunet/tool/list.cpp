@@ -2,9 +2,7 @@
 
 #include <dirent.h>
 #include <pwd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -14,7 +12,6 @@
 
 #include "Session.h"
 #include "lunet/ClientLibrary.h"
-#include "platform/Descriptor.h"
 #include "platform/Text.h"
 
 namespace lunetctl {
@@ -22,28 +19,6 @@ namespace lunetctl {
 namespace {
 
 constexpr const char* kSocketSuffix = ".sock";
-
-/// Who listens there; pid 0 when nobody does.
-ucred listenerAt(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  ucred listener{};
-  socklen_t length = sizeof listener;
-  if (path.size() >= sizeof address.sun_path) {
-    return {};
-  }
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const platform::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &listener, &length) != 0) {
-    return {};
-  }
-  return listener;
-}
-
-std::string socketPath(const std::string& folder, const std::string& address) {
-  return folder + "/" + address + kSocketSuffix;
-}
 
 std::string userName(uid_t uid) {
   const passwd* entry = getpwuid(uid);
@@ -74,9 +49,8 @@ std::set<std::string> addressesIn(const std::string& folder) {
 void listEndpoints(const std::string& runtime) {
   const std::string folder = lunet::socketDirectory(runtime, readConfig(runtime));
   for (const std::string& address : addressesIn(folder)) {
-    const ucred listener = listenerAt(socketPath(folder, address));
-    if (listener.pid != 0) {
-      std::printf("%s  %d  %s\n", address.c_str(), listener.pid, userName(listener.uid).c_str());
+    if (const auto listener = lunet::listenerAt(folder, lunet::parseGuid(address.c_str()))) {
+      std::printf("%s  %d  %s\n", address.c_str(), listener->pid, userName(listener->uid).c_str());
     }
   }
 }

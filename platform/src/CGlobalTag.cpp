@@ -35,11 +35,11 @@ bool makeDirectory(const std::string& directory) {
   return mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST;
 }
 
-/// Opens the mark's file, never through a link. In a folder shared by a group (setgid) its members may
-/// write their pid into it too.
+/// Opens the mark's file, never through a link. In a folder that a group's members may write, they may write
+/// their pid into the mark too.
 Descriptor openMark(int directory, const std::string& name) {
   struct stat folder {};
-  const bool shared = fstat(directory, &folder) == 0 && (folder.st_mode & S_ISGID) != 0;
+  const bool shared = fstat(directory, &folder) == 0 && (folder.st_mode & S_IWGRP) != 0;
   for (int attempt = 0; attempt < 8; ++attempt) {
     // First without O_CREAT: in a sticky folder the kernel refuses O_CREAT on another user's file.
     Descriptor file(openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
 #include "support/TempDir.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -89,6 +91,34 @@ TEST(StopScript, ThatMayNotEndTheAgentSaysSoAndFails) {
                                      ") cannot be ended: Operation not permitted"));
   EXPECT_TRUE(tree.agent().running());
 }
+
+struct PidRow {
+  std::string name;
+  std::string pid;  ///< N: of a process of the test's
+};
+
+class StopScriptOfAnAgentWithPid : public ::testing::TestWithParam<PidRow> {};
+TEST_P(StopScriptOfAnAgentWithPid, ThatIsNotOneProcessEndsNone) {
+  Process victim({"setsid", "sleep", "300"});  // leads a group of its own: kill -- -N would end it
+  ASSERT_TRUE(testsupport::waitFor([&] { return getpgid(victim.pid()) == victim.pid(); }));
+  std::string pid = GetParam().pid;
+  for (std::size_t at = pid.find('N'); at != std::string::npos; at = pid.find('N')) {
+    pid.replace(at, 1, std::to_string(victim.pid()));
+  }
+  const Checkout checkout;
+  checkout.put("build/stage/bin/tavagentd", "echo 'pid=" + pid + "'\n");
+  const auto stop = checkout.stop();
+  EXPECT_EQ(1, stop->wait());
+  EXPECT_THAT(stop->err(), HasSubstr("does not say which process it is"));
+  EXPECT_TRUE(victim.running());
+}
+const PidRow kPids[] = {{"OfAGroup", "-N"},
+                        {"Empty", ""},
+                        {"WithALeadingZero", "0N"},
+                        {"OfTwo", "N N"},
+                        {"ThatIsAPath", "N/../N"}};
+INSTANTIATE_TEST_SUITE_P(Status, StopScriptOfAnAgentWithPid, ::testing::ValuesIn(kPids),
+                         [](const auto& row) { return row.param.name; });
 
 TEST(TestScript, NotRunAsRootSaysWhatThenCannotPassAndGoesOn) {
   const Checkout checkout;

@@ -107,6 +107,20 @@ TEST(GlobalTag, AFolderThatOthersCanWriteIsRefused) {
   EXPECT_NE(tag.lastError().find("can be written by others"), std::string::npos) << tag.lastError();
 }
 
+TEST(GlobalTag, OnlyInAFolderThatAGroupMayWriteMayItWriteTheMark) {
+  const TempDir dir;
+  const auto modeIn = [&dir](const char* folder, mode_t mode) {
+    EXPECT_EQ(mkdir(dir.at(folder).c_str(), 0700), 0);
+    EXPECT_EQ(chmod(dir.at(folder).c_str(), mode), 0);
+    EXPECT_EQ(CGlobalTag("MARK", {dir.at(folder)}).trylock(false), 1);
+    struct stat st {};
+    EXPECT_EQ(stat(dir.at(std::string(folder) + "/MARK.mark").c_str(), &st), 0);
+    return st.st_mode & 07777;
+  };
+  EXPECT_EQ(modeIn("group", 03770), 0664u);
+  EXPECT_EQ(modeIn("inherited-setgid", 02700), 0644u);
+}
+
 TEST(GlobalTag, AMarkThatCannotBeMadeFailsWithTheReason) {
   const TempDir dir;
   dir.write("run", "a file where the folder should be");
@@ -123,7 +137,7 @@ TEST(GlobalTag, TheUsersConfigurationIsTheFolderThatWasSet) {
 
 TEST(GlobalTag, AGroupsMemberMayTakeTheMarkThatRootMadeAndLeftFree) {
   if (geteuid() != 0) {
-    return;  // needs a second user
+    GTEST_SKIP() << "only root can become a second user";
   }
   const TempDir dir;
   constexpr gid_t kGroup = 54321;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "lunet/Lunet.h"
@@ -34,8 +37,16 @@ class ClientLibrary {
 
 /// The folder of the sockets for a tree and the text of its bus configuration (JSON; an empty or
 /// unreadable text counts as {}): "socket_dir", absolute or below runtimePath, default "run/lunet".
-/// The single-instance mark lies in the same folder.
+/// The console's single-instance mark lies in the same folder.
 std::string socketDirectory(const std::string& runtimePath, const std::string& configText);
+
+/// Who listens at an address, on the kernel's word.
+struct Listener {
+  pid_t pid = 0;  ///< at least 1
+  uid_t uid = static_cast<uid_t>(-1);
+};
+/// Nothing when nobody does, or when it cannot be told.
+std::optional<Listener> listenerAt(const std::string& socketDirectory, const Guid& address);
 
 /// An error number in words, for a log or a person: "nobody is at that address now (0xE0010002)".
 std::string describeError(std::uint32_t error);

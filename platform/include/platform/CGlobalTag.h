@@ -2,17 +2,18 @@
 
 #include <string>
 
-/// A named mark that one process on the machine can hold: an advisory lock of the kernel's on a file in the
-/// folder that all users of one bus share. It lasts as long as the object, or the process; a crash releases
-/// it. One thread.
+/// A named mark that one process on the machine can hold: an advisory lock of the kernel's on a file in a
+/// folder. It lasts as long as the object, or the process; a crash releases it. Who may open the file may
+/// hold the mark and, in a folder that a group may write, choose its attributes: believe no more of them than
+/// of that group. One thread.
 class CGlobalTag {
  public:
   struct TagConfig {
     std::string directory;  ///< where the marks lie
     /// The configuration of this process: the folder given to setUserDirectory, else a folder of the uid's.
     static TagConfig getUserConfig();
-    /// Set once at start-up, before the first mark. All consoles of one tree must name the same folder,
-    /// whatever their environment.
+    /// Set once at start-up, before the first mark; the folder that all users of one bus share. All consoles
+    /// of one tree must name the same folder, whatever their environment.
     static void setUserDirectory(std::string directory);
   };
 
