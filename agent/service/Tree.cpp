@@ -21,14 +21,15 @@ int libraryLevel(int level) {
 }  // namespace
 
 bool readBusSettings(const Tree& tree, const std::string& logName, BusSettings* settings, std::string* why) {
-  if (CFileInfo(tree.busConfig()).exists()) {
-    if (const std::string unsafe = CDir::whyUnsafe(tree.busConfig()); !unsafe.empty()) {
-      *why = "the bus configuration is not used: " + unsafe;
-      return false;
-    }
+  std::string unsafe;
+  const std::string file =
+      CFileInfo(tree.busConfig()).exists() ? CDir::resolveSafe(tree.busConfig(), &unsafe) : tree.busConfig();
+  if (file.empty()) {
+    *why = "the bus configuration is not used: " + unsafe;
+    return false;
   }
   int error = 0;
-  const std::optional<std::string> text = CFile::readAll(tree.busConfig(), &error);
+  const std::optional<std::string> text = CFile::readAll(file, &error);
   settings->fileText = text ? *text : "{}";
   Json::Value config;
   if ((!text && error != ENOENT) || !CppJson::LoadJsonString(settings->fileText, config) ||

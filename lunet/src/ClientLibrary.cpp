@@ -34,15 +34,16 @@ std::string ClientLibrary::load(const std::string& path) {
   if (handle_ != nullptr) {
     return "the bus library is loaded already";
   }
-  // What is checked is what is loaded: by then a link on the way could lead elsewhere.
   std::error_code error;
-  const std::string resolved = std::filesystem::canonical(path, error).string();
+  static_cast<void>(std::filesystem::canonical(path, error));
   if (error) {
     // dlopen's words without dlopen: by then the file could be there.
     return platform::visibleText("dlopen failed: " + path +
                                  ": cannot open shared object file: " + error.message() + ".");
   }
-  if (std::string why = CDir::whyUnsafe(resolved); !why.empty()) {
+  std::string why;  // what is checked is what is loaded
+  const std::string resolved = CDir::resolveSafe(path, &why);
+  if (resolved.empty()) {
     return "the bus library is not loaded: " + why;
   }
   handle_ = dlopen(resolved.c_str(), RTLD_LAZY);

@@ -55,7 +55,6 @@ void Log::open(Settings settings) {
   settings_ = std::move(settings);
   settings_.path = settings_.path.empty() ? "" : utils::FormatFilePath(settings_.path);
   file_.reset();
-  foldersMade_ = false;
   level_.store(settings_.level);
 }
 
@@ -98,21 +97,15 @@ void Log::append(const std::string& line) {
 }
 
 bool Log::openFile() {
-  if (!foldersMade_) {
-    CDir::make(folderOf(settings_.path), kFolderMode);
-    if (!settings_.backupPath.empty()) {
-      CDir::make(utils::FormatFilePath(settings_.backupPath), kFolderMode);
-    }
-    foldersMade_ = true;
-  }
   // The links on the way are resolved once, and nobody else can plant one afterwards.
-  const std::string folder = CDir::resolveSafe(folderOf(settings_.path));
+  const std::string folder = CDir::makeForFiles(folderOf(settings_.path), kFolderMode);
   if (folder.empty()) {
     return false;
   }
   settings_.path = folder + "/" + nameOf(settings_.path);
   if (!settings_.backupPath.empty()) {
-    settings_.backupPath = CDir::resolveSafe(settings_.backupPath);  // none: a full file is emptied instead
+    // None: a full file is emptied instead.
+    settings_.backupPath = CDir::makeForFiles(settings_.backupPath, kFolderMode);
   }
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   platform::Descriptor file(::open(settings_.path.c_str(), flags, kFileMode));

@@ -46,7 +46,6 @@ class Log {
   std::mutex mutex_;
   Settings settings_;  // the rest is guarded by mutex_
   platform::Descriptor file_;
-  bool foldersMade_ = false;
 };
 
 }  // namespace lunet

@@ -25,6 +25,7 @@ namespace {
 constexpr std::size_t kPathLimit = sizeof(sockaddr_un{}.sun_path) - 1;
 constexpr mode_t kPrivateMode = 0700;
 constexpr mode_t kGroupMode = 03770;
+constexpr mode_t kParentMode = 0755;
 constexpr const char* kDefaultFolder = "run/lunet";
 
 FolderCheck refuse(std::string why) {
@@ -102,16 +103,18 @@ std::string settle(int fd, const SocketFolder& folder, struct stat& st, bool may
 
 FolderCheck examine(const SocketFolder& folder, bool change) {
   using platform::visibleText;
-  const platform::Descriptor fd(open(folder.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd && errno == ENOENT) {
+  struct stat st {};
+  if (lstat(folder.path.c_str(), &st) != 0 && errno == ENOENT) {
     return {kErrNoTarget, "the socket folder " + visibleText(folder.path) + " does not exist", 0};
   }
-  struct stat st {};
-  if (!fd || fstat(fd.get(), &st) != 0) {
-    return refuse(visibleText(folder.path) + ": " + std::strerror(errno));
-  }
+  // From here on nobody else can make the path lead elsewhere. It stays as it is written: with its links
+  // resolved it could pass the limit.
   if (std::string why = CDir::whyUnsafe(folder.path); !why.empty()) {
     return refuse(std::move(why));
+  }
+  const platform::Descriptor fd(open(folder.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd || fstat(fd.get(), &st) != 0) {
+    return refuse(visibleText(folder.path) + ": " + std::strerror(errno));
   }
   platform::Descriptor readable;
   const bool mine = st.st_uid == geteuid();
@@ -171,12 +174,13 @@ FolderCheck checkFolder(const SocketFolder& folder) {
 }
 
 FolderCheck prepareFolder(const SocketFolder& folder) {
-  if (std::string why = whyTooLong(folder); !why.empty()) {
-    return refuse(std::move(why));
-  }
+  std::string why = whyTooLong(folder);
   const std::size_t slash = folder.path.rfind('/');
-  if (slash != std::string::npos && slash > 0) {
-    CDir::make(folder.path.substr(0, slash), 0755);
+  if (why.empty() && slash != std::string::npos && slash > 0) {
+    CDir::makeSafe(folder.path.substr(0, slash), kParentMode, &why);
+  }
+  if (!why.empty()) {
+    return refuse(std::move(why));
   }
   if (mkdir(folder.path.c_str(), kPrivateMode) != 0 && errno != EEXIST) {
     return refuse(platform::visibleText(folder.path) + " cannot be made: " + std::strerror(errno));

@@ -33,10 +33,12 @@ void printLog(int, const char* text) {
 std::string readConfig(const std::string& runtime) {
   int error = 0;
   const std::string path = inTree(runtime, kConfigFile);
-  if (const std::string why = CFileInfo(path).exists() ? CDir::whyUnsafe(path) : ""; !why.empty()) {
+  std::string why;
+  const std::string safe = CFileInfo(path).exists() ? CDir::resolveSafe(path, &why) : path;
+  if (safe.empty()) {
     throw Failure("the bus configuration is not used: " + why);
   }
-  const std::optional<std::string> text = CFile::readAll(path, &error);
+  const std::optional<std::string> text = CFile::readAll(safe, &error);
   if (!text && error == ENOENT && CFileInfo(runtime).isDir()) {
     return "{}";
   }

@@ -1,11 +1,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "platform/Files.h"
 #include "platform/Text.h"
@@ -18,21 +22,136 @@ std::string systemError(const std::string& what, const std::string& path, int er
   return what + " " + platform::visibleText(path) + ": " + std::strerror(error);
 }
 
-/// Why that one file or folder could be changed by somebody else; empty when it could not.
-std::string whyWritableByOthers(const std::string& path) {
-  struct stat st {};
-  if (lstat(path.c_str(), &st) != 0) {
-    return systemError("cannot look at", path, errno);
-  }
+/// Why that one file, folder or link could be changed by somebody else; empty when it could not.
+std::string whyOthersDecide(const std::string& path, const struct stat& st) {
   const std::string shown = platform::visibleText(path);
   if (st.st_uid != 0 && st.st_uid != geteuid()) {
     return shown + " belongs to user " + std::to_string(st.st_uid) + ", neither root nor the caller";
   }
+  const bool noMode = S_ISLNK(st.st_mode);  // a link's own says nothing
   const bool stickyFolder = S_ISDIR(st.st_mode) && (st.st_mode & S_ISVTX) != 0;
-  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !stickyFolder) {
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !noMode && !stickyFolder) {
     return shown + " can be written by others than its owner";
   }
   return {};
+}
+
+std::string linkTarget(const std::string& path) {
+  std::string target(PATH_MAX, '\0');
+  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  target.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return target;
+}
+
+/// Goes a path component by component, as the kernel does, and looks at each: what is resolved first and
+/// judged afterwards says nothing of the links that led there.
+class Walk {
+ public:
+  explicit Walk(std::string path) : path_(std::move(path)) {}
+
+  /// Where it leads; empty, and why in *why. mayBeMissing: what is missing at its end stays as it is written.
+  std::string go(bool mayBeMissing, std::string* why) {
+    const std::optional<std::string> from = path_.starts_with('/') ? "" : CDir::current();
+    struct stat st {};
+    if (path_.empty() || !from || lstat("/", &st) != 0) {
+      return fail(path_.empty() ? ENOENT : errno, why);
+    }
+    if (!(*why = whyOthersDecide("/", st)).empty()) {
+      return {};
+    }
+    take(*from + "/" + path_, true);
+    for (int links = 0; !ahead_.empty();) {
+      const Step step = ahead_.front();
+      ahead_.pop_front();
+      if (step.name == "..") {
+        at_.resize(at_.empty() ? 0 : at_.rfind('/'));
+        continue;
+      }
+      const std::string next = at_ + "/" + step.name;
+      if (lstat(next.c_str(), &st) != 0) {
+        const bool missing = errno == ENOENT || errno == ENOTDIR;
+        return missing && mayBeMissing && step.given ? withTheRest(next, why) : fail(errno, why);
+      }
+      if (!(*why = whyOthersDecide(next, st)).empty()) {
+        return {};
+      }
+      if (!S_ISLNK(st.st_mode)) {
+        at_ = next;
+      } else if (++links > kLinkLimit) {
+        return fail(ELOOP, why);
+      } else {
+        follow(linkTarget(next));
+      }
+    }
+    return at_.empty() ? "/" : at_;
+  }
+
+ private:
+  struct Step {
+    std::string name;
+    bool given;  ///< not by a link
+  };
+  static constexpr int kLinkLimit = 40;  // the kernel's
+
+  void follow(const std::string& target) {
+    if (target.starts_with('/')) {
+      at_.clear();
+    }
+    take(target, false);
+  }
+
+  /// Puts the components before what is still ahead.
+  void take(const std::string& path, bool given) {
+    std::deque<Step> steps;
+    for (std::size_t begin = 0; begin < path.size();) {
+      const std::size_t slash = std::min(path.find('/', begin), path.size());
+      if (const std::string name = path.substr(begin, slash - begin); !name.empty() && name != ".") {
+        steps.push_back({name, given});
+      }
+      begin = slash + 1;
+    }
+    ahead_.insert(ahead_.begin(), steps.begin(), steps.end());
+  }
+
+  std::string withTheRest(std::string path, std::string* why) {
+    for (const Step& step : ahead_) {
+      if (step.name == "..") {
+        return fail(ENOENT, why);
+      }
+      path += "/" + step.name;
+    }
+    return path;
+  }
+
+  std::string fail(int error, std::string* why) const {
+    *why = systemError("cannot resolve", path_, error);
+    return {};
+  }
+
+  const std::string path_;
+  std::string at_;  ///< as far as it has come, without a link; empty: /
+  std::deque<Step> ahead_;
+};
+
+/// Makes the folders of a resolved path one by one. In a sticky folder another user may have been faster, and
+/// may have planted a link: each is looked at before anything is made in it. Empty, or why.
+std::string makeOneByOne(const std::string& path, mode_t mode) {
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string step = path.substr(0, end);
+    struct stat st {};
+    if ((mkdir(step.c_str(), mode) != 0 && errno != EEXIST) || lstat(step.c_str(), &st) != 0) {
+      return systemError("cannot make the folder", step, errno);
+    }
+    if (std::string why = whyOthersDecide(step, st); !why.empty()) {
+      return why;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+      return systemError("cannot make the folder", step, ENOTDIR);
+    }
+    if (end == std::string::npos) {
+      return {};
+    }
+  }
 }
 
 }  // namespace
@@ -70,28 +189,49 @@ std::string CDir::nearestExisting(const std::string& path) {
   return step.string();
 }
 
-std::string CDir::resolveSafe(const std::string& path) {
-  const CText real(realpath(path.c_str(), nullptr), &std::free);
-  struct stat st {};
-  const bool safe = real && whyUnsafe(real.get()).empty() && stat(real.get(), &st) == 0 &&
-                    S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-  return safe ? real.get() : "";
+std::string CDir::resolveSafe(const std::string& path, std::string* why) {
+  std::string ignored;
+  return Walk(path).go(false, why != nullptr ? why : &ignored);
+}
+
+std::string CDir::resolveForMaking(const std::string& path, std::string* why) {
+  std::string ignored;
+  return Walk(path).go(true, why != nullptr ? why : &ignored);
 }
 
 std::string CDir::whyUnsafe(const std::string& path) {
-  const CText real(realpath(path.c_str(), nullptr), &std::free);
-  if (!real) {
-    return systemError("cannot resolve", path, errno);
+  std::string why;
+  resolveSafe(path, &why);
+  return why;
+}
+
+std::string CDir::makeSafe(const std::string& path, std::uint32_t mode, std::string* why) {
+  std::string failure;
+  std::string real = resolveForMaking(path, &failure);
+  if (failure.empty()) {
+    failure = makeOneByOne(real, mode);
   }
-  std::string step = real.get();
-  for (;;) {
-    if (std::string why = whyWritableByOthers(step); !why.empty()) {
-      return why;
-    }
-    if (step == "/") {
-      return {};
-    }
-    const std::size_t slash = step.rfind('/');
-    step = slash == 0 ? "/" : step.substr(0, slash);
+  if (why != nullptr) {
+    *why = failure;
   }
+  return failure.empty() ? real : "";
+}
+
+std::string CDir::resolveForFiles(const std::string& path, std::string* why) {
+  std::string real = resolveSafe(path, why);
+  struct stat st {};
+  if (real.empty() ||
+      (stat(real.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0)) {
+    return real;
+  }
+  if (why != nullptr) {
+    *why = platform::visibleText(real) +
+           (S_ISDIR(st.st_mode) ? " can be written by others than its owner" : " is no folder");
+  }
+  return {};
+}
+
+std::string CDir::makeForFiles(const std::string& path, std::uint32_t mode, std::string* why) {
+  const std::string real = makeSafe(path, mode, why);
+  return real.empty() ? "" : resolveForFiles(real, why);
 }

@@ -26,13 +26,18 @@ std::string describe(const char* what, const std::string& path) {
   return std::string(what) + " " + platform::visibleText(path) + ": " + std::strerror(errno);
 }
 
-/// The folder itself is private until the bus opens it to a group; what leads there is not.
-bool makeDirectory(const std::string& directory) {
+/// Empty, or why not. The folder itself is private until the bus opens it to a group; what leads there is
+/// not.
+std::string makeDirectory(const std::string& directory) {
   const std::size_t slash = directory.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !CDir::make(directory.substr(0, slash), 0755)) {
-    return false;
+  std::string why;
+  if (slash != std::string::npos && slash > 0) {
+    CDir::makeSafe(directory.substr(0, slash), 0755, &why);
   }
-  return mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST;
+  if (why.empty() && mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    why = describe("cannot make the folder", directory);
+  }
+  return why.empty() ? CDir::whyUnsafe(directory) : why;
 }
 
 /// Opens the mark's file, never through a link. In a folder that a group's members may write, they may write
@@ -108,11 +113,7 @@ int CGlobalTag::trylock(bool wait) {
     return kAcquired;
   }
   const std::string directory = path_.substr(0, path_.rfind('/'));
-  if (!makeDirectory(directory)) {
-    lastError_ = describe("cannot make the folder", directory);
-    return kFailed;
-  }
-  if (lastError_ = CDir::whyUnsafe(directory); !lastError_.empty()) {
+  if (lastError_ = makeDirectory(directory); !lastError_.empty()) {
     return kFailed;
   }
   const Descriptor folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

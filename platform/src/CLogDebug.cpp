@@ -18,6 +18,7 @@
 namespace {
 
 constexpr int kErrorLevel = 4;
+constexpr std::uint32_t kFolderMode = 0755;
 
 struct State {
   std::mutex lock;
@@ -51,9 +52,8 @@ void openLog(State& s) {
     if (s.path.empty()) {
       return;
     }
-    CDir::make(utils::FormatDir(s.path, false), 0755);
     // A log is written, and made private, wherever its path leads.
-    const std::string folder = CDir::resolveSafe(utils::FormatDir(s.path, false));
+    const std::string folder = CDir::makeForFiles(s.path, kFolderMode);
     if (folder.empty()) {
       return;
     }
@@ -149,6 +149,14 @@ void CLogDebug::SetProperty(int property, const std::string& text) {
       return;
   }
   s.tried = false;
+}
+
+std::string CLogDebug::whyNoFolder() {
+  State& s = state();
+  const std::lock_guard<std::mutex> guard(s.lock);
+  std::string why;
+  CDir::makeForFiles(s.path, kFolderMode, &why);
+  return why;
 }
 
 void CLogDebug::LogPrintV(int level, const char* source, const char* function, int line, const char* format,

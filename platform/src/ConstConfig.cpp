@@ -26,7 +26,7 @@ std::string homeOf(uid_t uid) {
 /// `su` and `sudo -E` hand root another user's environment: that user must not say where root makes folders
 /// and writes, nor find root's folders among his own.
 bool mayWriteBelow(const std::string& folder) {
-  return !CDir::resolveSafe(CDir::nearestExisting(folder)).empty();
+  return !CDir::resolveForFiles(CDir::nearestExisting(folder)).empty();
 }
 
 std::string logDir() {

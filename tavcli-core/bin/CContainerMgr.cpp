@@ -68,10 +68,13 @@ bool CContainerMgr::initLunet() {
     return explain("initLunet", __LINE__, why);
   }
   // It says where the bus lies and who may join: whoever can write it decides that.
-  if (const std::string why = CDir::whyUnsafe(config_.busConfigFile); !why.empty()) {
+  std::string why;
+  tavcli::ContainerConfig checked = config_;
+  checked.busConfigFile = CDir::resolveSafe(config_.busConfigFile, &why);
+  if (checked.busConfigFile.empty()) {
     return explain("initLunet", __LINE__, "the bus configuration is not used: " + why);
   }
-  const std::optional<std::string> busConfig = tavcli::readBusConfig(config_);
+  const std::optional<std::string> busConfig = tavcli::readBusConfig(checked);
   if (!busConfig) {
     return explain("initLunet", __LINE__, "no JSON object can be read from " + config_.busConfigFile);
   }

@@ -7,12 +7,13 @@
 namespace tavcli {
 
 std::string markDirectory(const std::string& installDir, const std::string& busConfigFile) {
-  if (CFileInfo(busConfigFile).exists() && !CDir::whyUnsafe(busConfigFile).empty()) {
+  const bool exists = CFileInfo(busConfigFile).exists();
+  const std::string file = exists ? CDir::resolveSafe(busConfigFile) : "";
+  if (exists && file.empty()) {
     return "";  // whoever may write it must not choose where root makes folders
   }
-  const std::string text = CFile::readAll(busConfigFile).value_or("");
-  const std::string directory = utils::FormatFilePath(lunet::socketDirectory(installDir, text));
-  return CDir::whyUnsafe(CDir::nearestExisting(directory)).empty() ? directory : "";
+  const std::string text = exists ? CFile::readAll(file).value_or("") : "";
+  return CDir::resolveForMaking(lunet::socketDirectory(installDir, text));
 }
 
 void useMarkDirectory(const std::string& installDir, const std::string& busConfigFile) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <mutex>
@@ -154,6 +155,20 @@ TEST_F(LogTest, AFolderThatIsALinkToWhereOthersMayWriteCostsTheFileOnly) {
   log.open(settings);
   log.write(Log::kError, "x");
   EXPECT_FALSE(fs::exists(dir.at("open/tavcli.ipc.log")));
+}
+
+TEST_F(LogTest, AFolderBehindAnotherUsersLinkGetsNoFile) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link to a second user";
+  }
+  fs::create_directories(dir.at("roots"));
+  fs::create_symlink("roots", dir.at("logs"));
+  ASSERT_EQ(lchown(dir.at("logs").c_str(), 12345, 12345), 0);
+  log.setCallback(note);
+  log.open(settings);
+  log.write(Log::kError, "x");
+  EXPECT_TRUE(fs::is_empty(dir.at("roots")));
+  EXPECT_EQ(records.size(), 1u);
 }
 
 TEST_F(LogTest, TheFileIsItsUsersOwn) {

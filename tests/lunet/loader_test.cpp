@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -106,4 +107,16 @@ TEST(LoaderTest, AnotherInterfaceGetsNoClient) {
   EXPECT_EQ(create(lunet::kAgentGuid), nullptr);
   EXPECT_EQ(create(nullptr), nullptr);
   dlclose(handle);
+}
+
+TEST(LoaderTest, AGoodLibraryBehindAnotherUsersLinkIsNotRun) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link to a second user";
+  }
+  testsupport::TempDir dir;
+  std::filesystem::create_directory_symlink(TAV_LIB_DIR, dir.at("lib"));
+  ASSERT_EQ(lchown(dir.at("lib").c_str(), 12345, 12345), 0);
+  lunet::ClientLibrary library;
+  EXPECT_NE(library.load(dir.at("lib/libLunetClientMgr.so")).find("lib belongs to user 12345"),
+            std::string::npos);
 }

@@ -133,6 +133,29 @@ TEST_F(SocketFolderTest, BelowAFolderThatOthersCanWriteIsRefused) {
   EXPECT_NE(check.why.find("can be written by others"), std::string::npos) << check.why;
 }
 
+TEST_F(SocketFolderTest, BelowAnotherUsersLinkIsNeitherMadeNorUsed) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link to a second user";
+  }
+  std::filesystem::create_directory(dir.at("real"));
+  std::filesystem::create_symlink("real", dir.at("run"));
+  ASSERT_EQ(lchown(dir.at("run").c_str(), 12345, 12345), 0);
+  FolderCheck check = prepareFolder({dir.at("run/lunet"), std::nullopt});
+  EXPECT_EQ(check.error, lunet::kErrPath);
+  EXPECT_NE(check.why.find("run belongs to user 12345"), std::string::npos) << check.why;
+  EXPECT_TRUE(std::filesystem::is_empty(dir.at("real")));
+  ASSERT_EQ(prepareFolder({dir.at("real/lunet"), std::nullopt}).why, "");
+  check = checkFolder({dir.at("run/lunet"), std::nullopt});
+  EXPECT_EQ(check.error, lunet::kErrPath);
+}
+
+TEST_F(SocketFolderTest, BelowALinkOfItsUsersIsUsed) {
+  std::filesystem::create_directory(dir.at("real"));
+  std::filesystem::create_symlink("real", dir.at("run"));
+  EXPECT_EQ(prepareFolder({dir.at("run/lunet"), std::nullopt}).why, "");
+  EXPECT_TRUE(std::filesystem::exists(dir.at("real/lunet")));
+}
+
 TEST_F(SocketFolderTest, ThatIsALinkIsRefused) {
   std::filesystem::create_directory(dir.at("real"));
   std::filesystem::create_symlink(dir.at("real"), dir.at("lunet"));

@@ -260,13 +260,154 @@ TEST(ResolveSafe, LeadsToTheFolderItself) {
   EXPECT_EQ(CDir::resolveSafe(dir.at("link")), dir.at("real"));
 }
 
-TEST(ResolveSafe, AStickyFolderOfAllAMissingOneAndAFileAreNone) {
+/// A folder "real" with a file "f" in it, and links to it; some belong to somebody else.
+class LinksOnTheWay : public testing::Test {
+ protected:
+  LinksOnTheWay() {
+    dir_.write("real/f", "");
+    link("real", "own");
+  }
+  void link(const std::string& target, const std::string& name) const {
+    ASSERT_EQ(symlink(target.c_str(), dir_.at(name).c_str()), 0);
+  }
+  void giveAway(const std::string& name) const { ASSERT_EQ(lchown(dir_.at(name).c_str(), 54321, 54321), 0); }
+  const TempDir dir_;
+};
+
+TEST_F(LinksOnTheWay, OfTheCallersOwnAreFollowed) {
+  link("own/f", "file");
+  for (const char* path : {"own/f", "file", "real/../own/./f", "own//f"}) {
+    std::string why;
+    EXPECT_EQ(CDir::resolveSafe(dir_.at(path), &why), dir_.at("real/f")) << path << ": " << why;
+  }
+  EXPECT_EQ(CDir::resolveSafe("/../.."), "/");
+}
+
+TEST_F(LinksOnTheWay, AreWalkedAsTheKernelDoes) {
+  std::filesystem::create_directories(dir_.at("a/b"));
+  link("a/b", "deep");
+  EXPECT_EQ(CDir::resolveSafe(dir_.at("deep/..")), dir_.at("a")) << "not by text";
+}
+
+TEST_F(LinksOnTheWay, MayBeRelativeToTheCurrentFolder) {
+  const std::optional<std::string> before = CDir::current();
+  ASSERT_TRUE(CDir::setCurrent(dir_.path()));
+  EXPECT_EQ(CDir::resolveSafe("own/f"), dir_.at("real/f"));
+  EXPECT_EQ(CDir::resolveSafe(""), "");
+  EXPECT_TRUE(CDir::setCurrent(*before));
+}
+
+TEST_F(LinksOnTheWay, InACircleAreRefused) {
+  link("two", "one");
+  link("one", "two");
+  EXPECT_THAT(CDir::whyUnsafe(dir_.at("one/f")), HasSubstr(std::strerror(ELOOP)));
+}
+
+TEST_F(LinksOnTheWay, InAFolderThatOthersMayWriteAreRefusedWhereverTheyLead) {
+  std::filesystem::create_directory(dir_.at("open"));
+  link("../real", "open/link");
+  ASSERT_EQ(chmod(dir_.at("open").c_str(), 0775), 0);
+  EXPECT_THAT(CDir::whyUnsafe(dir_.at("open/link/f")), HasSubstr("open can be written by others"));
+}
+
+TEST_F(LinksOnTheWay, OfAnotherUserAreRefusedWhereverTheyLead) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link to a second user";
+  }
+  link("real", "theirs");
+  link("theirs", "through-theirs");
+  giveAway("theirs");
+  for (const char* path : {"theirs/f", "theirs", "through-theirs/f", "theirs/../real/f"}) {
+    std::string why;
+    EXPECT_EQ(CDir::resolveSafe(dir_.at(path), &why), "") << path;
+    EXPECT_THAT(why, HasSubstr("theirs belongs to user 54321")) << path;
+    EXPECT_EQ(CDir::resolveForMaking(dir_.at(path) + "/new"), "") << path;
+  }
+}
+
+TEST_F(LinksOnTheWay, InAFolderOfAnotherUserAreRefusedWhereverTheyLead) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a folder to a second user";
+  }
+  std::filesystem::create_directory(dir_.at("home"));
+  link(dir_.at("real"), "home/lib");
+  giveAway("home");
+  EXPECT_THAT(CDir::whyUnsafe(dir_.at("home/lib/f")), HasSubstr("home belongs to user 54321"));
+}
+
+TEST_F(LinksOnTheWay, OfTheSystemAreFollowed) {
+  EXPECT_EQ(CDir::whyUnsafe("/proc/self/cwd/"), CDir::whyUnsafe(*CDir::current()));
+}
+
+TEST_F(LinksOnTheWay, ToWhatIsMissingAreNoPlaceToMakeIt) {
+  link("nowhere", "dangling");
+  std::string why;
+  EXPECT_EQ(CDir::resolveForMaking(dir_.at("dangling"), &why), "");
+  EXPECT_THAT(why, HasSubstr("cannot resolve"));
+  EXPECT_EQ(CDir::makeSafe(dir_.at("dangling/below"), 0700), "");
+  EXPECT_FALSE(std::filesystem::exists(dir_.at("nowhere")));
+}
+
+TEST_F(LinksOnTheWay, AreResolvedBeforeWhatIsToBeMade) {
+  EXPECT_EQ(CDir::resolveForMaking(dir_.at("own/x/y")), dir_.at("real/x/y"));
+  EXPECT_EQ(CDir::resolveForMaking(dir_.at("own/x/../y")), "") << "what is missing leads nowhere";
+  EXPECT_FALSE(std::filesystem::exists(dir_.at("real/x")));
+}
+
+TEST_F(LinksOnTheWay, OfTheCallersOwnLeadToWhatIsMade) {
+  EXPECT_EQ(CDir::makeSafe(dir_.at("own/x/y"), 0700), dir_.at("real/x/y"));
+  EXPECT_TRUE(std::filesystem::is_directory(dir_.at("real/x/y")));
+}
+
+TEST_F(LinksOnTheWay, OfAnotherUserLetNothingBeMade) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link to a second user";
+  }
+  link("real", "theirs");
+  giveAway("theirs");
+  std::string why;
+  EXPECT_EQ(CDir::makeForFiles(dir_.at("theirs/x"), 0700, &why), "");
+  EXPECT_THAT(why, HasSubstr("theirs belongs to user 54321"));
+  EXPECT_FALSE(std::filesystem::exists(dir_.at("real/x")));
+}
+
+TEST(MakeSafe, WhereAFileStandsFailsWithTheReason) {
+  const TempDir dir;
+  dir.write("file", "");
+  std::string why;
+  EXPECT_EQ(CDir::makeSafe(dir.at("file/below"), 0700, &why), "");
+  EXPECT_THAT(why, HasSubstr("cannot make the folder"));
+}
+
+TEST(MakeSafe, BelowAFolderThatOthersMayWriteMakesNothing) {
+  const TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("open").c_str(), 0700), 0);
+  ASSERT_EQ(chmod(dir.at("open").c_str(), 0777), 0);
+  EXPECT_EQ(CDir::makeSafe(dir.at("open/below"), 0700), "");
+  EXPECT_TRUE(std::filesystem::is_empty(dir.at("open")));
+}
+
+TEST(MakeForFiles, LeadsToTheFolderItself) {
+  const TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("real").c_str(), 0700), 0);
+  ASSERT_EQ(symlink("real", dir.at("link").c_str()), 0);
+  EXPECT_EQ(CDir::makeForFiles(dir.at("link"), 0700), dir.at("real"));
+  EXPECT_EQ(CDir::makeForFiles(dir.at("link/new/below"), 0700), dir.at("real/new/below"));
+}
+
+TEST(MakeForFiles, RefusesAStickyFolderOfAllAndAFile) {
   const TempDir dir;
   ASSERT_EQ(mkdir(dir.at("sticky").c_str(), 0700), 0);
   ASSERT_EQ(chmod(dir.at("sticky").c_str(), 01777), 0);
-  EXPECT_EQ(CDir::resolveSafe(dir.at("sticky")), "");
+  std::string why;
+  EXPECT_EQ(CDir::makeForFiles(dir.at("sticky"), 0700, &why), "");
+  EXPECT_THAT(why, HasSubstr("sticky can be written by others"));
+  EXPECT_EQ(CDir::makeForFiles(dir.write("f", ""), 0700), "");
+}
+
+TEST(ResolveSafe, AMissingFolderIsNone) {
+  const TempDir dir;
   EXPECT_EQ(CDir::resolveSafe(dir.at("absent")), "");
-  EXPECT_EQ(CDir::resolveSafe(dir.write("f", "")), "");
 }
 
 struct FormatCase {

@@ -11,8 +11,8 @@
 namespace lunet {
 
 /// libLunetClientMgr.so, loaded for the life of this object. Used by every program on the bus; the checks
-/// on the file are made here, once: file and folders up to / belong to root or the caller and are writable
-/// by nobody else (a sticky folder counts as safe), links resolved, before any of its code runs.
+/// on the file are made here, once, before any of its code runs: nobody but root and the caller can change
+/// the file or make its path lead elsewhere (CDir::resolveSafe).
 class ClientLibrary {
  public:
   ClientLibrary() = default;

@@ -17,6 +17,8 @@ class CLogDebug {
   static bool CheckLogLevel(int level);
   /// Numbers as decimal text. Unknown codes and unreadable numbers change nothing.
   void SetProperty(int property, const std::string& text);
+  /// Makes the folder of the path property. Empty, or one line that says why no log will be written there.
+  static std::string whyNoFolder();
   static void LogPrintV(int level, const char* source, const char* function, int line, const char* format,
                         ...) __attribute__((format(printf, 5, 6)));
   static void LogPrintStr(int level, const char* source, const char* function, int line,

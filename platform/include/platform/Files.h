@@ -45,14 +45,23 @@ class CDir {
   static bool make(const std::string& path, std::uint32_t mode);
   /// What stands there, a link that leads nowhere included, or else the nearest folder above it.
   static std::string nearestExisting(const std::string& path);
-  /// Empty when file and every folder up to / (links resolved) belong to root or this process's effective
-  /// user and can be written by nobody else (a sticky folder counts as safe); else one line that says
-  /// which and why.
+  /// The path with its links resolved, when nobody else can make it lead elsewhere: the file, and every
+  /// folder and link on the way from /, those that links lead through among them, belong to root or this
+  /// process's effective user and can be written by nobody else (a sticky folder counts as safe). Else empty,
+  /// and one line in *why, when given, that says which and why.
+  static std::string resolveSafe(const std::string& path, std::string* why = nullptr);
+  /// The same for what may have to be made yet: what is missing at the end stays as it is written.
+  static std::string resolveForMaking(const std::string& path, std::string* why = nullptr);
+  /// Empty when resolveSafe gives a path; else its line.
   static std::string whyUnsafe(const std::string& path);
-  /// The folder with its links resolved, for a file that is opened in it by name. Empty when it is missing,
-  /// unsafe, or when somebody else could put a link where the file goes, which a sticky folder keeps nobody
-  /// from: the file would be written wherever that leads.
-  static std::string resolveSafe(const std::string& path);
+  /// resolveSafe of a folder, for files that are opened in it by name: none where somebody else could put a
+  /// link where the file goes, which a sticky folder keeps nobody from. The file would be written wherever
+  /// that leads.
+  static std::string resolveForFiles(const std::string& path, std::string* why = nullptr);
+  /// resolveForMaking (makeForFiles: resolveForFiles), having made what is missing: the folder and its
+  /// parents, mode for each that is made. Nothing is made where others decide.
+  static std::string makeSafe(const std::string& path, std::uint32_t mode, std::string* why = nullptr);
+  static std::string makeForFiles(const std::string& path, std::uint32_t mode, std::string* why = nullptr);
 };
 
 namespace utils {
