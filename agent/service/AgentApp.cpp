@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <future>
 #include <memory>
 #include <optional>
 
@@ -114,6 +115,25 @@ void takeMark(CGlobalTag& mark, const Tree& tree) {
   }
 }
 
+/// The agent's methods on its endpoint.
+class Offer {
+ public:
+  Offer(jsonrpchelper::IJsonRpcServerHelper& helper, lunet::IEndpoint& endpoint)
+      : helper_(helper), endpoint_(endpoint) {
+    if (const std::uint32_t error = helper_.registerOn(endpoint_); error != lunet::kOk) {
+      throw StartFailure{kExitFailed,
+                         "the agent's methods cannot be offered: bus error " + std::to_string(error)};
+    }
+  }
+  ~Offer() { helper_.unregisterFrom(endpoint_); }  // returns when none is being called any more
+  Offer(const Offer&) = delete;
+  Offer& operator=(const Offer&) = delete;
+
+ private:
+  jsonrpchelper::IJsonRpcServerHelper& helper_;
+  lunet::IEndpoint& endpoint_;
+};
+
 /// Everything that serves, in the order of its making; unmade in the reverse order.
 class Agent {
  public:
@@ -133,8 +153,7 @@ class Agent {
     for (const std::string& notice : store_->notices()) {
       AGENT_LOG(3, "store: %s", notice.c_str());
     }
-    const std::string failure = bus_.open(tree, bus, lunet::kAgentGuid);
-    if (!failure.empty()) {
+    if (const std::string failure = bus_.prepare(tree, bus); !failure.empty()) {
       throw StartFailure{kExitFailed, failure};
     }
     openService(bus.group);
@@ -142,10 +161,8 @@ class Agent {
 
   ~Agent() {
     spawner_->abandonReload();
-    if (helper_) {
-      helper_->unregisterFrom(bus_.endpoint());
-      service_->StopListening();
-    }
+    offer_.reset();
+    service_->StopListening();
     if (tasks_) {
       const bool ended = tasks_->stopAll("the agent is ending", kEndLimit);
       if (!outbox_->drain(kLastWordsLimit)) {
@@ -202,12 +219,19 @@ class Agent {
     helper_ = std::make_unique<jsonrpchelper::IJsonRpcServerHelper>();
     service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group);
     service_->StartListening();
-    tasks_->tellOfLostTasks();  // before the first request: a task that it starts is not a lost one
-    const std::uint32_t error = helper_->registerOn(bus_.endpoint());
-    if (error != lunet::kOk) {
-      throw StartFailure{kExitFailed,
-                         "the agent's methods cannot be offered: bus error " + std::to_string(error)};
+    // Whoever waits for the address may ask as soon as it is open, and nothing is told before. So the first
+    // request waits until the lost tasks are told of: a task that it starts is not a lost one.
+    std::promise<void> told;
+    helper_->acceptOnly([first = told.get_future().share()](const jsonrpchelper::Caller&) {
+      first.wait();
+      return true;
+    });
+    offer_.emplace(*helper_, bus_.endpoint());
+    if (const std::string failure = bus_.open(lunet::kAgentGuid); !failure.empty()) {
+      throw StartFailure{kExitFailed, failure};
     }
+    tasks_->tellOfLostTasks();
+    told.set_value();
   }
 
   static std::string resolved(const std::string& path) {
@@ -247,6 +271,7 @@ class Agent {
   std::unique_ptr<TaskManager> tasks_;
   std::unique_ptr<jsonrpchelper::IJsonRpcServerHelper> helper_;
   std::unique_ptr<AgentService> service_;
+  std::optional<Offer> offer_;
 };
 
 }  // namespace

@@ -26,7 +26,7 @@ std::string errorText(const char* what, std::uint32_t error) {
 
 }  // namespace
 
-std::string BusLink::open(const Tree& tree, const BusSettings& settings, const std::string& guid) {
+std::string BusLink::prepare(const Tree& tree, const BusSettings& settings) {
   std::string failure = library_.load(tree.busLibrary());
   if (failure.empty()) {
     failure = library_.createClient();
@@ -37,14 +37,17 @@ std::string BusLink::open(const Tree& tree, const BusSettings& settings, const s
   library_.client()->SetLogCallback(takeLog);
   std::string uuid;
   CUuid::generate(uuid);
-  std::uint32_t error = library_.client()->Init(settings.clientConfig.c_str(), uuid.c_str());
+  const std::uint32_t error = library_.client()->Init(settings.clientConfig.c_str(), uuid.c_str());
   if (error != lunet::kOk) {
     return errorText("setting up the bus", error);
   }
   initialised_ = true;
   endpoint_ = library_.client()->CreateEndpoint();
-  error = endpoint_ == nullptr ? static_cast<std::uint32_t>(lunet::kErrNotOpen)
-                               : endpoint_->Open(lunet::parseGuid(guid.c_str()));
+  return endpoint_ != nullptr ? std::string() : "the bus gives no endpoint";
+}
+
+std::string BusLink::open(const std::string& guid) {
+  const std::uint32_t error = endpoint_->Open(lunet::parseGuid(guid.c_str()));
   if (error == lunet::kErrInUse) {
     return "another process has the agent's address on the bus of this tree";
   }

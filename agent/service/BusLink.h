@@ -15,9 +15,12 @@ class BusLink {
   BusLink(const BusLink&) = delete;
   BusLink& operator=(const BusLink&) = delete;
 
-  /// Empty on success, else one line. guid: the address to open.
-  std::string open(const Tree& tree, const BusSettings& settings, const std::string& guid);
-  lunet::IEndpoint& endpoint() { return *endpoint_; }
+  /// Loads the library and makes the endpoint: receivers may be registered on it, and are there when the
+  /// first message comes. Empty on success, else one line.
+  std::string prepare(const Tree& tree, const BusSettings& settings);
+  /// Of the prepared endpoint; from then on it is reached. Empty on success, else one line.
+  std::string open(const std::string& guid);
+  lunet::IEndpoint& endpoint() { return *endpoint_; }  ///< of a prepared link
 
  private:
   lunet::ClientLibrary library_;

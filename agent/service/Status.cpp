@@ -68,7 +68,10 @@ int printStatus(const Tree& tree) {
   BusLink bus;
   std::string guid;
   CUuid::generate(guid);
-  why = bus.open(tree, settings, guid);
+  why = bus.prepare(tree, settings);
+  if (why.empty()) {
+    why = bus.open(guid);
+  }
   if (!why.empty()) {
     return cannotTell(why);
   }

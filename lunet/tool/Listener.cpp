@@ -37,14 +37,45 @@ Json::Value event(const char* name) {
   return object;
 }
 
+/// One line on standard output, at once.
+void write(const Json::Value& object) {
+  std::string text;
+  if (!CppJson::WriteJsonToString(object, text, 1)) {
+    text = "{\"event\":\"error\",\"message\":\"a text cannot be written\"}\n";
+  }
+  // The one control character that JSON leaves as it is; it can only stand inside a text.
+  for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
+    text.replace(at, 1, "\\u007f");
+  }
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
 }  // namespace
 
-void Listener::run(std::istream& input) {
+void Listener::listen(const std::function<void()>& open) {
   for (const std::uint32_t channel : {lunet::kRequestChannel, lunet::kOnewayChannel}) {
     endpoint_.RegisterReceiver(channel, this, nullptr);
   }
+  try {
+    const std::lock_guard lock(outputMutex_);  // a message may come before open() returns
+    open();
+    write(event("ready"));
+  } catch (...) {
+    stopListening();
+    throw;
+  }
+}
+
+void Listener::stopListening() {
+  for (const std::uint32_t channel : {lunet::kRequestChannel, lunet::kOnewayChannel}) {
+    endpoint_.UnregisterReceiver(channel);
+  }
+}
+
+void Listener::run(std::istream& input, const std::function<void()>& open) {
+  listen(open);
   std::thread worker([this] { workOff(); });
-  print(event("ready"));
   std::string line;
   while (std::getline(input, line)) {
     if (std::all_of(line.begin(), line.end(), [](char c) { return c == ' ' || c == '\t' || c == '\r'; })) {
@@ -60,9 +91,7 @@ void Listener::run(std::istream& input) {
   }
   changed_.notify_one();
   worker.join();
-  for (const std::uint32_t channel : {lunet::kRequestChannel, lunet::kOnewayChannel}) {
-    endpoint_.UnregisterReceiver(channel);
-  }
+  stopListening();
 }
 
 void Listener::ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data,
@@ -184,17 +213,8 @@ void Listener::carryOut(const Order& order) {
 }
 
 void Listener::print(const Json::Value& object) {
-  std::string text;
-  if (!CppJson::WriteJsonToString(object, text, 1)) {
-    text = "{\"event\":\"error\",\"message\":\"a text cannot be written\"}\n";
-  }
-  // The one control character that JSON leaves as it is; it can only stand inside a text.
-  for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
-    text.replace(at, 1, "\\u007f");
-  }
   const std::lock_guard lock(outputMutex_);
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
+  write(object);
 }
 
 void Listener::printError(const std::string& why) {

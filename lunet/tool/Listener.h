@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <istream>
 #include <map>
 #include <mutex>
@@ -21,8 +22,9 @@ class Listener final : public lunet::IMRReceiveComplete {
  public:
   explicit Listener(lunet::IEndpoint& endpoint) : endpoint_(endpoint) {}
 
-  /// Takes part until the input ends. The endpoint is open; its receivers are set and taken back here.
-  void run(std::istream& input);
+  /// Takes part until the input ends. `open` opens the endpoint, once its receivers are set; they are taken
+  /// back here. What arrives is printed behind "ready". Throws what `open` does.
+  void run(std::istream& input, const std::function<void()>& open);
 
   void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data, std::uint32_t length,
                        void* replyContext, void* registrationContext) override;
@@ -41,6 +43,8 @@ class Listener final : public lunet::IMRReceiveComplete {
   std::string takeOrder(const Json::Value& object, bool call);
   void workOff();
   void carryOut(const Order& order);
+  void listen(const std::function<void()>& open);
+  void stopListening();
   void print(const Json::Value& object);
   void printError(const std::string& why);
 

@@ -50,8 +50,7 @@ void send(const Arguments& arguments) {
 
 void listen(const Arguments& arguments) {
   Session session(arguments.runtime);
-  session.open(arguments.guid);
-  Listener(session.endpoint()).run(std::cin);
+  Listener(session.endpoint()).run(std::cin, [&] { session.open(arguments.guid); });
 }
 
 void run(const Arguments& arguments) {

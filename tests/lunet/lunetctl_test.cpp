@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 
 #include "BusFixture.h"
@@ -46,6 +47,22 @@ class LunetctlTest : public BusTest {
 
   const std::string guid = lunet::formatGuid(newGuid());
 };
+
+TEST_F(LunetctlTest, AListenerTakesTheFirstMessageThatReachesItAndSaysReadyBefore) {
+  Client client(config());
+  Endpoint caller(client, newGuid());
+  for (int round = 0; round < 30; ++round) {
+    const lunet::Guid address = newGuid();
+    Player player(lunetctl({"listen", lunet::formatGuid(address)}));
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!lunet::listenerAt(socketFolder(), address)) {  // without a pause, to be there first
+      ASSERT_LT(std::chrono::steady_clock::now(), limit) << player.process.err();
+    }
+    ASSERT_EQ(caller.send(address, "first"), lunet::kOk);
+    EXPECT_EQ(line(player.process, 0)["event"], "ready");
+    EXPECT_EQ(line(player.process, 1)["data"], "first") << round;
+  }
+}
 
 TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
   EXPECT_EQ(run(lunetctl({"list"})).out, "");

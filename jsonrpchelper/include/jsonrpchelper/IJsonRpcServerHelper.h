@@ -47,7 +47,8 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   /// one, everybody's. Before the helper is registered; `accepts` is called on the bus's delivery thread.
   void acceptOnly(std::function<bool(const Caller&)> accepts) { accepts_ = std::move(accepts); }
 
-  /// Takes both channels of an open endpoint; 0 or the bus's error number.
+  /// Takes both channels of an endpoint, best before it is opened: a request that comes first is answered
+  /// with "nobody is there". 0 or the bus's error number.
   std::uint32_t registerOn(lunet::IEndpoint& endpoint);
   /// Gives them back; returns when no message is being handled any more.
   void unregisterFrom(lunet::IEndpoint& endpoint);
