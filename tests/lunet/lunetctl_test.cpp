@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -71,7 +73,10 @@ TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
   ASSERT_TRUE(first.ready() && second.ready());
   const Result both = run(lunetctl({"list"}));
   EXPECT_EQ(both.status, 0);
-  EXPECT_NE(both.out.find(guid + "  " + std::to_string(first.process.pid()) + "  root\n"), std::string::npos)
+  const passwd* entry = getpwuid(geteuid());
+  const std::string user = entry != nullptr ? entry->pw_name : std::to_string(geteuid());
+  EXPECT_NE(both.out.find(guid + "  " + std::to_string(first.process.pid()) + "  " + user + "\n"),
+            std::string::npos)
       << both.out;
   EXPECT_NE(both.out.find(std::string(lunet::kAgentGuid) + "  " + std::to_string(second.process.pid())),
             std::string::npos);
