@@ -42,18 +42,14 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
     dataOnDisk_.emplace(diskFolder());
     fs::create_directories(data());
   }
-  const std::string library = std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so";
-  const std::string signatures = std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures";
+  // Copies: other users may not be able to enter the folder of the sources, or it may be another user's.
+  fs::copy_file(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so",
+                dir_.at("lib/modules/libLunetClientMgr.so"));
+  fs::copy(std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures", dir_.at("etc/agent/signatures"));
   if (options.uid || !options.group.empty()) {
-    // Other users run it, who may not be able to enter the folder of the sources.
     for (const char* program : {"tavagentd", "lunetctl"}) {
       fs::copy_file(std::string(TAV_BIN_DIR) + "/" + program, dir_.at("bin/") + program);
     }
-    fs::copy_file(library, dir_.at("lib/modules/libLunetClientMgr.so"));
-    fs::copy(signatures, dir_.at("etc/agent/signatures"));
-  } else {
-    fs::create_symlink(library, dir_.at("lib/modules/libLunetClientMgr.so"));
-    fs::create_directory_symlink(signatures, dir_.at("etc/agent/signatures"));
   }
   Json::Value bus(Json::objectValue);
   bus["log_level"] = 3;
