@@ -69,7 +69,7 @@ TEST(ConstConfig, ARelativeStateHomeIsIgnored) {
 
 TEST(ConstConfig, AStateHomeThatOthersMayWriteIsIgnoredAndNothingIsMadeThere) {
   const testsupport::TempDir dir;
-  for (const mode_t mode : {0777, 0775, 01777}) {
+  for (const mode_t mode : {0777U, 0775U, 01777U}) {
     ASSERT_EQ(chmod(dir.path().c_str(), mode), 0);
     EXPECT_EQ(logDirWith(dir.path()), inTheUsersHome());
     EXPECT_EQ(logDirWith(dir.at("below")), inTheUsersHome());
