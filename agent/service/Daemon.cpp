@@ -25,6 +25,25 @@ void toNull(int target, int flags) {
   }
 }
 
+/// A caller may have closed them: nothing of ours must get their numbers.
+void fillStandardDescriptors() {
+  int fd = -1;
+  do {
+    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) {
+    close(fd);
+  }
+}
+
+/// What else the caller had open would stay open for as long as the agent serves: a pipe without an end, a
+/// file system that cannot be unmounted.
+void keepOnly(int pipe) {
+  const auto kept = static_cast<unsigned>(pipe);
+  close_range(STDERR_FILENO + 1, kept - 1, 0);
+  close_range(kept + 1, ~0U, 0);
+}
+
 /// In the caller's process: never returns.
 [[noreturn]] void waitForWord(int pipe, pid_t child) {
   unsigned char code = kExitFailed;
@@ -39,6 +58,7 @@ void toNull(int target, int flags) {
 }  // namespace
 
 Daemon::Daemon() {
+  fillStandardDescriptors();
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
     fail("pipe2");
@@ -61,6 +81,7 @@ Daemon::Daemon() {
   if (chdir("/") != 0) {
     fail("chdir /");
   }
+  keepOnly(pipe_);
   toNull(STDIN_FILENO, O_RDONLY);
   toNull(STDOUT_FILENO, O_WRONLY);
 }

@@ -12,8 +12,9 @@ class Readiness {
 };
 
 /// Leaves the terminal and the caller behind: from here on the code runs in a grandchild in a session of its
-/// own, at "/", without input or output. The caller's process waits and ends with 0 once ready() is called,
-/// else with the exit code of the grandchild, whose errors still go to the caller's standard error.
+/// own, at "/", without input or output and whatever else the caller had open. The caller's process waits and
+/// ends with 0 once ready() is called, else with the exit code of the grandchild, whose errors still go to
+/// the caller's standard error.
 class Daemon : public Readiness {
  public:
   /// Forks twice. Call while the process has one thread. Throws std::system_error.

@@ -142,6 +142,31 @@ TEST(AgentProgram, AsADaemonItsCallerEndsWithZeroOnceItServes) {
   EXPECT_TRUE(waitFor([&] { return tree.run({"--status"})->wait() == 3; }));
 }
 
+/// How a shell starts the daemon: with something else open, or with less than usual.
+struct Start {
+  const char* name;
+  const char* command;
+};
+class DaemonStartedBy : public ::testing::TestWithParam<Start> {};
+TEST_P(DaemonStartedBy, AShellServesAndHoldsNothingOfIts) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  Process shell({"/bin/sh", "-c", GetParam().command, tree.program("tavagentd"), tree.path()});
+  EXPECT_EQ(0, shell.wait()) << shell.err();
+  EXPECT_EQ("started with 0\n", shell.out());
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(0, status->wait()) << status->err();
+  ::kill(std::stoi(status->out().substr(4)), SIGTERM);
+  EXPECT_TRUE(waitFor([&] { return tree.run({"--status"})->wait() == 3; }));
+}
+INSTANTIATE_TEST_SUITE_P(
+    , DaemonStartedBy,
+    ::testing::Values(
+        Start{"WithAPipeOpen",
+              "{ $0 --daemon --install-dir $1 7>&1 >/dev/null 2>&1; echo started with $?; } | cat"},
+        Start{"WithoutStandardDescriptors",
+              "$0 --daemon --install-dir $1 <&- >&- 2>&-; echo started with $?"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
 TEST(AgentProgram, AsADaemonThatCannotServeItsCallerHearsWhy) {
   AgentTree tree;
   const auto second = tree.run({"--daemon"});
