@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/Inheritance.h"
 #include "service/Options.h"
 
 namespace agent {
@@ -34,14 +35,6 @@ void fillStandardDescriptors() {
   if (fd >= 0) {
     close(fd);
   }
-}
-
-/// What else the caller had open would stay open for as long as the agent serves: a pipe without an end, a
-/// file system that cannot be unmounted.
-void keepOnly(int pipe) {
-  const auto kept = static_cast<unsigned>(pipe);
-  close_range(STDERR_FILENO + 1, kept - 1, 0);
-  close_range(kept + 1, ~0U, 0);
 }
 
 /// In the caller's process: never returns.
@@ -81,7 +74,9 @@ Daemon::Daemon() {
   if (chdir("/") != 0) {
     fail("chdir /");
   }
-  keepOnly(pipe_);
+  // What else the caller had open would stay open for as long as the agent serves: a pipe without an end, a
+  // file system that cannot be unmounted.
+  platform::closeAllBut({pipe_});
   toNull(STDIN_FILENO, O_RDONLY);
   toNull(STDOUT_FILENO, O_WRONLY);
 }

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "platform/Inheritance.h"
 #include "store/FolderWalk.h"
 #include "store/OriginalFile.h"
 #include "store/StepHook.h"
@@ -51,26 +52,8 @@ bool dropCapabilities() {
 /// A child that hangs must hold nothing that others wait for: marks, sockets, the output of who started the
 /// agent. The copy of the busy mark says that it is at work.
 void letGoOfTheAgent(int channel, int busyMark) {
-  const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-#ifdef TAV_SANITIZED
-  constexpr int kLast = STDOUT_FILENO;  // a sanitizer's report needs the other
-#else
-  constexpr int kLast = STDERR_FILENO;
-#endif
-  for (int fd = 0; nowhere >= 0 && fd <= kLast; ++fd) {
-    if (fd != channel && fd != busyMark) {
-      ::dup2(nowhere, fd);
-    }
-  }
-  unsigned first = STDERR_FILENO + 1;
-  for (const int kept : {std::min(channel, busyMark), std::max(channel, busyMark)}) {
-    const auto next = static_cast<unsigned>(std::max(kept, STDERR_FILENO));
-    if (next > first) {
-      ::close_range(first, next - 1, 0);
-    }
-    first = std::max(first, next + 1);
-  }
-  ::close_range(first, ~0U, 0);
+  platform::leaveStandardStreams({channel, busyMark});
+  platform::closeAllBut({channel, busyMark});
 }
 
 /// Asked for once the user is the caller's: a change of that takes it back.

@@ -10,6 +10,7 @@
 #include <exception>
 #include <initializer_list>
 
+#include "platform/Inheritance.h"
 #include "worker/Messages.h"
 #include "worker/Pidfd.h"
 
@@ -51,22 +52,13 @@ bool becomeChild(const char* name, int parentPid) {
 }
 
 int keepOnly(int fd) {
-  UniqueFd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
-  if (nowhere) {
-    dup2(nowhere.get(), STDIN_FILENO);
-    dup2(nowhere.get(), STDOUT_FILENO);
-#ifndef TAV_SANITIZED
-    // Whoever started the agent may read its output through a pipe to the end; a sanitizer's report needs
-    // one.
-    dup2(nowhere.get(), STDERR_FILENO);
-#endif
-  }
-  nowhere.reset();
+  // Whoever started the agent may read its output through a pipe to the end.
+  platform::leaveStandardStreams();
   constexpr int kKept = 3;
   if (fd != kKept) {
     dup3(fd, kKept, O_CLOEXEC);
   }
-  close_range(kKept + 1, ~0U, 0);
+  platform::closeAllBut({kKept});
   return kKept;
 }
 

@@ -21,8 +21,8 @@ std::string stepName(const testing::TestParamInfo<const char*>& info) {
 
 class CrashTest : public QuarantineTest {
  protected:
-  /// In a process that dies at the step, with the store closed in this one; then opens the store again.
-  void dieAt(const std::string& step, const std::function<void()>& work) {
+  /// In a process that dies at the step, with the store closed in this one, and it stays so.
+  void leaveAt(const std::string& step, const std::function<void()>& work) {
     store_.reset();
     const int status = inChild([&] {
       reopen();
@@ -30,6 +30,10 @@ class CrashTest : public QuarantineTest {
       work();
     });
     ASSERT_EQ(status, 77) << "the step was not reached";
+  }
+  /// The same; then opens the store again.
+  void dieAt(const std::string& step, const std::function<void()>& work) {
+    ASSERT_NO_FATAL_FAILURE(leaveAt(step, work));
     reopen();
   }
   /// The file is in place or restorable, not both, the same in all; and nothing is left over.
@@ -146,13 +150,7 @@ TEST_P(CrashWhileDeletingTest, NothingStandsUnderAPrivateName) {
 TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {
   const std::string path = write("victim", "bad");
   write("good", "good");
-  store_.reset();
-  ASSERT_EQ(inChild([&] {
-              reopen();
-              exitAt("set aside");
-              store().quarantine().remove(requestFor(path));
-            }),
-            77);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
   const auto names = namesIn(at(""));
   ASSERT_EQ(names.size(), 2U);
   std::filesystem::rename(at("good"), at(names[0]));
@@ -165,13 +163,7 @@ TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {
 TEST_F(CrashTest, ADeletionWhoseFolderIsAwayIsSettledByALaterStart) {
   std::filesystem::create_directory(at("disk"));
   const std::string path = write("disk/victim", "bad");
-  store_.reset();
-  ASSERT_EQ(inChild([&] {
-              reopen();
-              exitAt("set aside");
-              store().quarantine().remove(requestFor(path));
-            }),
-            77);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
   std::filesystem::rename(at("disk"), at("away"));
   reopen();
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("cannot be reached")));
@@ -229,13 +221,7 @@ TEST_F(CrashTest, AnAgentThatDiesBeforeItsWordLeavesNothingInTheFolder) {
 
 TEST_F(CrashTest, WhenTheItemIsDamagedWhatWasSetAsideIsPutBack) {
   const std::string path = writeRich("victim");
-  store_.reset();
-  ASSERT_EQ(inChild([&] {
-              reopen();
-              exitAt("set aside");
-              add(path);
-            }),
-            77);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
   ASSERT_FALSE(std::filesystem::exists(path));
   const auto files = vaultFiles();
   ASSERT_EQ(files.size(), 1U);
@@ -249,13 +235,7 @@ TEST_F(CrashTest, WhenTheItemIsDamagedWhatWasSetAsideIsPutBack) {
 
 TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {
   const std::string path = write("victim", "as scanned");
-  store_.reset();
-  ASSERT_EQ(inChild([&] {
-              reopen();
-              exitAt("named");
-              add(path);
-            }),
-            77);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("named", [&] { add(path); }));
   write("victim", "changed since");
   reopen();
   EXPECT_EQ(testsupport::readFile(path), "changed since");

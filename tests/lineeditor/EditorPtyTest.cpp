@@ -25,6 +25,14 @@ class EditorPty : public ::testing::Test {
   }
   PtyProgram& program() { return *program_; }
   void expectSettingsAsBefore() { EXPECT_EQ(program().sttyText(), program().sttyTextAtStart()); }
+  /// Whatever stands on the line.
+  void expectSettingsAsBeforeAfterExit() {
+    program().type(
+        "\x15"
+        "exit\r");
+    EXPECT_EQ(program().wait(), 0);
+    expectSettingsAsBefore();
+  }
   void stop() {
     program().kill(SIGSTOP);
     ASSERT_TRUE(testsupport::waitFor([this] {
@@ -167,11 +175,7 @@ TEST_F(EditorPty, AContinueWithoutAStopLeavesTheSavedSettings) {
   program().kill(SIGCONT);
   program().type("!");
   ASSERT_TRUE(program().waitForPrompt("TAV> half!"));
-  program().type(
-      "\x15"
-      "exit\r");
-  EXPECT_EQ(program().wait(), 0);
-  expectSettingsAsBefore();
+  expectSettingsAsBeforeAfterExit();
 }
 
 TEST_F(EditorPty, ACommandThatIsStoppedAndContinuedLeavesTheSavedSettings) {
@@ -186,11 +190,7 @@ TEST_F(EditorPty, ACommandThatIsStoppedAndContinuedLeavesTheSavedSettings) {
   ASSERT_TRUE(program().waitForPrompt("TAV>"));
   program().type("half");
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
-  program().type(
-      "\x15"
-      "exit\r");
-  EXPECT_EQ(program().wait(), 0);
-  expectSettingsAsBefore();
+  expectSettingsAsBeforeAfterExit();
 }
 
 TEST_F(EditorPty, AWindowThatGetsNarrowerRedrawsTheLine) {

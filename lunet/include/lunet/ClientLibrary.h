@@ -44,6 +44,7 @@ std::string socketDirectory(const std::string& runtimePath, const std::string& c
 struct Listener {
   pid_t pid = 0;  ///< at least 1
   uid_t uid = static_cast<uid_t>(-1);
+  bool trusted = false;  ///< root, this process's own user, or the owner of the socket folder
 };
 /// Nothing when nobody does, or when it cannot be told.
 std::optional<Listener> listenerAt(const std::string& socketDirectory, const Guid& address);
