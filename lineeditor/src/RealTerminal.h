@@ -4,8 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
-#include <optional>
 
 #include "TerminalIo.h"
 
@@ -30,16 +28,12 @@ class RealTerminal : public TerminalIo {
   bool waitForInput(int waitMs, Input& other);
   void retakeRaw();
   void setRaw();
-  static TerminalSize askSize();
 
   termios saved_{};
   bool raw_ = false;
   bool inputEnded_ = false;
   std::chrono::steady_clock::time_point lastByteAt_{};
   bool hurried_ = false;
-  mutable std::mutex sizeMutex_;
-  mutable TerminalSize size_;  ///< as it was after sizeAfter_ changes of the window
-  mutable std::optional<unsigned> sizeAfter_;
   std::atomic<bool> outputEnded_{false};  ///< notices are written on another thread
 };
 

@@ -7,7 +7,6 @@ namespace lineeditor::signals {
 
 int wakeDescriptor();  ///< readable when a signal came; -1 when no handlers are installed
 void drainWake();
-unsigned resizes();    ///< changes of the window so far; any thread
 bool takeResized();    ///< true once after the window changed
 bool takeContinued();  ///< true once after SIGCONT
 /// What a signal that kills the process puts back. Async-signal-safe.

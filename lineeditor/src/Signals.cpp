@@ -17,7 +17,6 @@ namespace {
 
 std::atomic<bool> endFlag{false};
 std::atomic<bool> resizedFlag{false};
-std::atomic<unsigned> resizeCount{0};
 std::atomic<bool> continuedFlag{false};
 std::atomic<int> wakeRead{-1};
 std::atomic<int> wakeWrite{-1};
@@ -43,13 +42,11 @@ void onEnd(int /*signal*/) {
 }
 
 void onResize(int /*signal*/) {
-  resizeCount.fetch_add(1);
   resizedFlag.store(true);
   wake();
 }
 
 void onContinue(int /*signal*/) {
-  resizeCount.fetch_add(1);  // a job that is stopped is not told of a change of the window
   continuedFlag.store(true);
   wake();
 }
@@ -124,10 +121,6 @@ void drainWake() {
   char bytes[64];
   while (read(wakeRead.load(), bytes, sizeof bytes) > 0) {
   }
-}
-
-unsigned resizes() {
-  return resizeCount.load();
 }
 
 bool takeResized() {

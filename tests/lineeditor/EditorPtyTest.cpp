@@ -18,6 +18,7 @@ class EditorPty : public ::testing::Test {
  protected:
   void start(std::vector<std::string> arguments = {}, PtyProgram::Options options = {}) {
     arguments.insert(arguments.begin(), {kDriver, "--history", history_});
+    arguments.insert(arguments.begin(), launcher_.begin(), launcher_.end());
     for (const char* name : {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"}) {
       options.environment.emplace(name, "");  // the emulator here does not wrap lines anew
     }
@@ -42,6 +43,7 @@ class EditorPty : public ::testing::Test {
   }
   bool raw() { return (program().settings().c_lflag & ICANON) == 0; }
 
+  std::vector<std::string> launcher_;  ///< stands before the program's name
   testsupport::TempDir dir_;
   const std::string history_ = dir_.at("cli.history");
   std::unique_ptr<PtyProgram> program_;
@@ -207,6 +209,50 @@ TEST_F(EditorPty, AWindowThatGetsNarrowerRedrawsTheLine) {
   EXPECT_TRUE(program().waitUntil([](const TerminalScreen& screen) {
     return screen.text() == "TAV> one two three four five six seven eight nine ten eleven twelve";
   })) << program().screen().text();
+}
+
+/// On a terminal that is not the controlling one: no signal tells of a change of the window.
+class UncontrolledTerminal : public EditorPty {
+ protected:
+  UncontrolledTerminal() { launcher_ = {"setsid", "-w"}; }
+};
+
+TEST_F(UncontrolledTerminal, ARedrawIsMadeForTheWindowAsItIs) {
+  start();
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().type("one two three four five six seven eight nine ten eleven twelve");
+  ASSERT_TRUE(program().waitForText("twelve"));
+  program().resize(24, 40);
+  program().type("!");
+  EXPECT_TRUE(program().waitUntil([](const TerminalScreen& screen) {
+    return screen.row(0) == "TAV> one two three four five six seven e" &&
+           screen.row(1) == "ight nine ten eleven twelve!" && screen.cursorRow() == 1;
+  })) << program().screen().text();
+}
+
+TEST_F(UncontrolledTerminal, ALineIsBegunForTheWindowAsItIs) {
+  start();
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().resize(24, 40);
+  program().type("\r");
+  EXPECT_TRUE(program().waitUntil([](const TerminalScreen& screen) {
+    return screen.text() == "TAV>\n<>\nTAV>";
+  })) << program().screen().text();
+}
+
+TEST_F(UncontrolledTerminal, APageIsCountedForTheWindowAsItIs) {
+  std::string lines;
+  for (int i = 1; i <= 60; ++i) {
+    lines += "line " + std::to_string(i) + "\n";
+  }
+  dir_.write("cli.history", lines);
+  start();
+  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  program().resize(10, 80);
+  program().type("!list\r");
+  ASSERT_TRUE(program().waitForText("*** Press <Space> or <Enter> to continue . . ."));
+  EXPECT_EQ(program().screen().row(0), "   1  line 1") << program().screen().text();
+  EXPECT_EQ(program().screen().row(8), "   9  line 9") << program().screen().text();
 }
 
 TEST_F(EditorPty, ALongPasteArrivesWholeAndIsEchoedByNobodyElse) {
