@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "Key.h"
 #include "KeyDecoder.h"
 
@@ -21,9 +23,10 @@ class InputReader {
 
   Key readKey();  ///< inside a RawScope
   bool drawingCanWait() { return decoder_.drawingCanWait(); }
-  Input readByte();             ///< inside a RawScope; as it comes, not decoded
-  int readByteStandingAlone();  ///< 0 when the read failed
-  Key readKeyStandingAlone();   ///< a change of the window is no key here
+  Input readByte();  ///< inside a RawScope where the terminal is usable; as it comes, not decoded
+  void giveBack(std::string_view bytes) { decoder_.giveBack(bytes); }  ///< the next to be read
+  int readByteStandingAlone();                                         ///< 0 when the read failed
+  Key readKeyStandingAlone();  ///< a change of the window is no key here
   void reset() { decoder_ = KeyDecoder(); }
 
  private:

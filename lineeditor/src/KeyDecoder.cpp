@@ -265,7 +265,7 @@ bool KeyDecoder::endOfPasteIsReal() {
   while (more.size() < kMaxLookAhead && take(kPasteQuietMs, byte)) {
     more += static_cast<char>(byte);
   }
-  ahead_.insert(ahead_.begin(), more.begin(), more.end());
+  giveBack(more);
   if (more.size() >= kMaxLookAhead) {
     return false;
   }

@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <string>
+#include <string_view>
 
 #include "Key.h"
 #include "TerminalIo.h"
@@ -18,6 +19,7 @@ class KeyDecoder {
   /// need.
   bool drawingCanWait();
   Input readByte(int waitMs);  ///< one byte, those read ahead first
+  void giveBack(std::string_view bytes) { ahead_.insert(ahead_.begin(), bytes.begin(), bytes.end()); }
 
  private:
   bool take(int waitMs, unsigned char& byte);  ///< false: nothing came in time, or the input ended

@@ -6,8 +6,8 @@
 
 #include "EditorSettings.h"
 #include "HistoryRing.h"
+#include "Input.h"
 #include "KeyLoop.h"
-#include "TerminalIo.h"
 #include "Utf8.h"
 #include "lineeditor/Signals.h"
 #include "lineeditor/Terminal.h"
@@ -18,13 +18,13 @@ namespace {
 
 constexpr std::size_t kMaxLineBytes = 4095;
 
-/// As fgets: at most maxBytes, up to a line end. Nothing at end of input, and when the console is told to
-/// end.
+/// As fgets: at most maxBytes, up to a line end. A character that does not fit is left for the next line,
+/// unless it would fit into none. Nothing at end of input, and when the console is told to end.
 std::optional<std::string> readPlainly(std::size_t maxBytes) {
-  flushOutput();
+  InputReader& reader = InputReader::instance();
   std::string line;
   while (line.size() < maxBytes && !line.ends_with('\n')) {
-    const Input input = terminal().read(kForever);
+    const Input input = reader.readByte();
     if (input.kind == InputKind::Byte) {
       line += static_cast<char>(input.byte);
     } else if (input.kind == InputKind::End) {
@@ -33,6 +33,11 @@ std::optional<std::string> readPlainly(std::size_t maxBytes) {
       }
       break;
     }
+  }
+  const std::size_t tail = line.size() < maxBytes ? 0 : unfinishedTail(line);
+  if (tail < line.size()) {
+    reader.giveBack(std::string_view(line).substr(line.size() - tail));
+    line.resize(line.size() - tail);
   }
   line.resize(std::strlen(line.c_str()));
   while (line.ends_with('\n') || line.ends_with('\r')) {

@@ -147,6 +147,49 @@ TEST_F(ReadLine, APlainLineLongerThanTheBufferComesInPieces) {
   EXPECT_STREQ(readLine("", buffer, sizeof buffer), "");
 }
 
+TEST_F(ReadLine, APlainLineIsNeverCutThroughACharacter) {
+  for (const std::string character : {"é", "中", "\U0001F600"}) {
+    for (std::size_t before = 4095 - character.size(); before <= 4095; ++before) {
+      open(24, 80);
+      terminal().isTerminal = false;
+      terminal().type(std::string(before, 'x') + character + "文\nnext\n");
+      const bool fits = before + character.size() <= 4095;
+      EXPECT_EQ(read(), std::string(before, 'x') + (fits ? character : "")) << before << character;
+      EXPECT_EQ(read(), (fits ? "" : character) + "文") << before << character;
+      EXPECT_EQ(read(), "next");
+      EXPECT_EQ(read(), std::nullopt);
+    }
+  }
+}
+
+TEST_F(ReadLine, OnADumbTerminalNoPlainLineIsCutThroughACharacterEither) {
+  terminal().isUsable = false;
+  terminal().type("ab中文\n");
+  char buffer[5];
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "ab");
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "中");
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "文");
+}
+
+TEST_F(ReadLine, ABeginningOfACharacterAtTheEndOfAPlainPieceIsNotLost) {
+  terminal().isTerminal = false;
+  terminal().type("abc\xE4\nab\xE4\xB8");
+  char buffer[5];
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "abc");
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "\xE4");
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "ab");
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "\xE4\xB8");
+  EXPECT_EQ(readLine("", buffer, sizeof buffer), nullptr);
+}
+
+TEST_F(ReadLine, APlainCharacterThatNoBufferHoldsComesInPieces) {
+  terminal().isTerminal = false;
+  terminal().type("中\n");
+  char buffer[3];
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "\xE4\xB8");
+  EXPECT_STREQ(readLine("", buffer, sizeof buffer), "\xAD");
+}
+
 TEST_F(ReadLine, ALineNeverGrowsOverTheBufferAndNeverEndsInHalfACharacter) {
   char buffer[8];
   terminal().type("ab中文字\r");
