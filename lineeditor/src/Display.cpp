@@ -10,6 +10,9 @@ namespace lineeditor {
 
 namespace {
 
+/// What a help screen begins with. A terminal shows nothing of it.
+constexpr std::string_view kBlankTakenBack = " \b";
+
 const char* endingText(Ending ending) {
   switch (ending) {
     case Ending::NewLine:
@@ -117,7 +120,7 @@ void Display::print(std::string_view lines) {
     terminal().print(lines);
     return;
   }
-  addToTranscript(lines);
+  addToTranscript(lines.starts_with(kBlankTakenBack) ? lines.substr(kBlankTakenBack.size()) : lines);
   content_ = Content{};
   showLocked();
 }

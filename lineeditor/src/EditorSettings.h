@@ -13,7 +13,7 @@ struct EditorSettings {
   CompletionHook completionHook;
   std::function<void()> keyHelp;
   std::uint32_t promptColour = 0;
-  std::string lastCut;  ///< what the paste keys give at the next prompt
+  std::string lastCut;  ///< at any prompt; what the paste keys give
 };
 EditorSettings& settings();
 

@@ -1,4 +1,5 @@
 // The keys that move the cursor and change the line.
+#include "EditorSettings.h"
 #include "KeyLoop.h"
 #include "TerminalIo.h"
 
@@ -79,7 +80,8 @@ void KeyLoop::emptyLine() {
 /// An empty cut leaves what was cut last.
 void KeyLoop::keepCut(std::string text) {
   if (!text.empty()) {
-    cut_ = std::move(text);
+    settings().lastCut = std::move(text);
+    question_.toPaste.clear();
   }
 }
 
@@ -99,7 +101,7 @@ void KeyLoop::cutWordAfter() {
   keepCut(state_.cut(state_.cursor(), state_.wordEnd()));
 }
 void KeyLoop::pasteCut() {
-  act(state_.insertWhatFits(cut_));
+  act(state_.insertWhatFits(question_.toPaste.empty() ? settings().lastCut : question_.toPaste));
 }
 
 }  // namespace lineeditor

@@ -22,8 +22,7 @@ Display& display() {
 
 }  // namespace
 
-KeyLoop::KeyLoop(const Question& question)
-    : question_(question), state_(question.maxBytes), cut_(question.toPaste) {
+KeyLoop::KeyLoop(const Question& question) : question_(question), state_(question.maxBytes) {
   state_.set(question.initial);
 }
 
@@ -165,13 +164,14 @@ void KeyLoop::clearWindow() {
 }
 
 void KeyLoop::showHelp() {
-  if (!question_.help) {
+  const std::function<void()>& help = question_.help ? question_.help : settings().keyHelp;
+  if (!help) {
     return;
   }
   if (!display().inTranscript()) {
     display().leave(content(), Ending::SameRow);
   }
-  question_.help();
+  help();
   display().freshRow();
 }
 

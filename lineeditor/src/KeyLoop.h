@@ -19,8 +19,8 @@ struct Question {
   std::string prompt;
   std::size_t maxBytes = 0;
   std::string initial;         ///< stands in the line at the start
-  std::string toPaste;         ///< what the paste keys give until something is cut
-  std::function<void()> help;  ///< what F1 shows
+  std::string toPaste;         ///< what the paste keys give until something is cut here; empty: the last cut
+  std::function<void()> help;  ///< what F1 shows; empty: the table of keys
   bool isMainPrompt = false;   ///< completion, the history keys F2 to F4 and the search work here only
 };
 
@@ -32,7 +32,6 @@ class KeyLoop {
   explicit KeyLoop(const Question& question);
   Result run();
   const std::string& line() const { return state_.line(); }
-  const std::string& lastCut() const { return cut_; }
 
  private:
   using Action = void (KeyLoop::*)();
@@ -107,7 +106,6 @@ class KeyLoop {
   Question question_;
   EditorState state_;
   Result result_ = Result::Running;
-  std::string cut_;
   std::shared_ptr<const CompletionState> list_;
   std::size_t listFrom_ = 0;
   std::size_t back_ = 0;  ///< history entries back from the edited line; 0: the edited line itself

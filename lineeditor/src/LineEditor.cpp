@@ -79,13 +79,9 @@ char* readLine(const char* prompt, char* buffer, std::size_t size, bool noHistor
   Question question;
   question.prompt = prompt == nullptr ? "" : prompt;
   question.maxBytes = std::min(size - 1, kMaxLineBytes);
-  question.help = settings().keyHelp;
   question.isMainPrompt = !noHistory;
-  question.toPaste = settings().lastCut;
   KeyLoop loop(question);
-  const KeyLoop::Result result = loop.run();
-  settings().lastCut = loop.lastCut();
-  switch (result) {
+  switch (loop.run()) {
     case KeyLoop::Result::Accepted:
       break;
     case KeyLoop::Result::Cancelled:

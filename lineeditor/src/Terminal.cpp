@@ -150,7 +150,7 @@ void plainPrint(const char* format, ...) {
   va_start(arguments, format);
   const std::string text = formatted(format, arguments);
   va_end(arguments);
-  terminal().print(text);
+  Display::instance().print(text);
 }
 
 void clearScreen() {

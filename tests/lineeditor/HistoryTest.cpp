@@ -374,6 +374,40 @@ TEST_F(Search, TheLastPatternsComeBackWithThePasteKeys) {
   }
 }
 
+TEST_F(Search, WithoutLastPatternsThePasteKeysBringWhatWasCutLast) {
+  for (const char* key : {"\x19", "\x16", "\033[2~"}) {
+    lastPatterns.clear();
+    typeThen("stop\x18\x12", nullptr);
+    typeThen(key, [this] {
+      EXPECT_TRUE(terminal().text().ends_with("Input Patterns <F1> help: stop")) << terminal().text();
+    });
+    EXPECT_EQ(readKeys("\r\r\r"), "scan stop");
+  }
+}
+
+TEST_F(Search, WhatAnEarlierLineCutIsPastedInTheFirstSearchToo) {
+  EXPECT_EQ(readKeys("stop\x18x\r"), "x");
+  EXPECT_EQ(readKeys("\x12\x19\r\r\r"), "scan stop");
+}
+
+TEST_F(Search, LastPatternsComeBeforeWhatWasCut) {
+  lastPatterns = "stop";
+  EXPECT_EQ(readKeys("nothing like it\x18\x12\x19\r\r\r"), "scan stop");
+}
+
+TEST_F(Search, WhatIsCutInAPromptOfTheSearchComesBeforeItsLastPatterns) {
+  lastPatterns = "nothing like it";
+  EXPECT_EQ(readKeys("\x12stop\x18\x19\r\r\r"), "scan stop");
+}
+
+TEST_F(Search, TheIdPromptPastesWhatWasCutLast) {
+  EXPECT_EQ(readKeys("2\x18\x12scan\r\x7f\x19\r\r"), "scan stop");
+}
+
+TEST_F(Search, WhatIsCutInASearchIsPastedAtThePrompt) {
+  EXPECT_EQ(readKeys("older\x18\x12newer\x18\x03\x19\r"), "newer");
+}
+
 TEST_F(Search, F1ShowsThePatternHelp) {
   typeThen("\x12sc\033OP", [this] {
     EXPECT_EQ(terminal().text(),
@@ -392,6 +426,113 @@ TEST_F(Search, F1ShowsThePatternHelp) {
   typeThen("an\r\r", nullptr);
   typeThen("!\x7f", [this] { EXPECT_EQ(terminal().text(), "TAV> SCAN START"); });
   EXPECT_EQ(readKeys("\r"), "SCAN START");
+}
+
+TEST_F(Search, F1InTheIdPromptShowsTheTableOfKeysAndLeavesNothingOfIt) {
+  setKeyHelp([] { plainPrint(" \b\n | F1\n | Ctrl-B\n"); });
+  typeThen("typed\x12scan\r", nullptr);
+  typeThen("\033OP", [this] {
+    EXPECT_EQ(terminal().text(),
+              "Input Patterns <F1> help: scan\n   1  SCAN START\n   2  scan stop\n\n | F1\n | Ctrl-B\n"
+              "Input history id: 1");
+    EXPECT_EQ(terminal().cursorCol(), 19);
+  });
+  typeThen("\r", nullptr);
+  typeThen("!", [this] { EXPECT_EQ(terminal().text(), "TAV> SCAN START!"); });
+  EXPECT_EQ(readKeys("\r"), "SCAN START!");
+}
+
+TEST_F(Search, TheTableOfKeysIsPagedInTheIdPromptToo) {
+  setKeyHelp([] {
+    resetPager();
+    for (int i = 1; i <= 52; ++i) {
+      plainPrint(" | key %d\n", i);
+      if (pageBreak(10) != 0) {
+        return;
+      }
+    }
+  });
+  typeThen("\x12scan\r", nullptr);
+  typeThen("\033OP", [this] {
+    EXPECT_EQ(terminal().row(22), " | key 23");
+    EXPECT_EQ(terminal().row(23), "*** Press <Space> or <Enter> to continue . . .");
+  });
+  typeThen(" ", [this] { EXPECT_EQ(terminal().row(22), " | key 46"); });
+  typeThen("q", [this] {
+    EXPECT_EQ(terminal().row(22), " | key 46");
+    EXPECT_EQ(terminal().row(23), "Input history id: 1");
+  });
+  EXPECT_EQ(readKeys("\r\r"), "SCAN START");
+}
+
+/// From "typed" at the prompt, or from nothing at one of the editor's own, to the prompt that is tested.
+struct OwnPromptRow {
+  const char* name;
+  const char* keys;
+  bool isAnswer;
+};
+const OwnPromptRow kOwnPrompts[] = {
+    {"Patterns", "typed\x12sc", false},
+    {"Id", "typed\x12scan\r", false},
+    {"Answer", "an sc", true},
+};
+struct DeadKeyRow {
+  const char* name;
+  const char* bytes;
+};
+const DeadKeyRow kDeadKeys[] = {
+    {"Tab", "\t"},     {"AltEquals", "\033="}, {"AltQuestionMark", "\033?"},
+    {"F2", "\033OQ"},  {"F3", "\033OR"},       {"F4", "\033OS"},
+    {"CtrlR", "\x12"}, {"CtrlS", "\x13"},      {"CtrlCircumflex", "\x1e"},
+};
+class OwnPrompts : public Search,
+                   public ::testing::WithParamInterface<std::tuple<OwnPromptRow, DeadKeyRow>> {};
+
+TEST_P(OwnPrompts, OpenNoListAndAreNotLeft) {
+  const auto& [prompt, key] = GetParam();
+  bool asked = false;
+  setCompletionHook([&asked](const char*, CompletionState* state) {
+    asked = true;
+    addCandidate(state, "SCAN", "help");
+    addCandidate(state, "SHOW", "help");
+    return 1;
+  });
+  std::string before;
+  int row = -1;
+  int col = -1;
+  typeThen(prompt.keys, [&] {
+    before = terminal().text();
+    row = terminal().cursorRow();
+    col = terminal().cursorCol();
+  });
+  typeThen(key.bytes, [&] {
+    EXPECT_EQ(terminal().text(), before);
+    EXPECT_EQ(terminal().cursorRow(), row);
+    EXPECT_EQ(terminal().cursorCol(), col);
+  });
+  if (prompt.isAnswer) {
+    typeThen("!\r", nullptr);
+    char buffer[16];
+    EXPECT_STREQ(readAnswer("? ", buffer, sizeof buffer), "an sc!");
+  } else {
+    EXPECT_EQ(readKeys("\x03!\r"), "typed!");
+  }
+  EXPECT_FALSE(asked);
+}
+INSTANTIATE_TEST_SUITE_P(, OwnPrompts,
+                         ::testing::Combine(::testing::ValuesIn(kOwnPrompts), ::testing::ValuesIn(kDeadKeys)),
+                         [](const auto& test) {
+                           return std::string(std::get<0>(test.param).name) + "_" +
+                                  std::get<1>(test.param).name;
+                         });
+
+TEST_F(Search, F1ShowsTheTableOfKeysWhileAnAnswerIsTyped) {
+  setKeyHelp([] { plainPrint(" \b\n the table of keys\n"); });
+  typeThen("answer\033OP",
+           [this] { EXPECT_EQ(terminal().text(), "? answer\n the table of keys\n? answer"); });
+  typeThen("!\r", nullptr);
+  char buffer[16];
+  EXPECT_STREQ(readAnswer("? ", buffer, sizeof buffer), "answer!");
 }
 
 TEST_F(Search, ALongListingIsPagedAndLeavesNothingEither) {

@@ -42,6 +42,7 @@ void setColour(std::uint32_t attribute);
 /// The text goes straight to standard output, the colour sequences to outputBuffer: they reach the terminal
 /// with the next flush.
 [[gnu::format(printf, 2, 3)]] void colourPrint(std::uint32_t attribute, const char* format, ...);
+/// Straight to standard output; from a help shown in a search: whole lines, which go with the search.
 [[gnu::format(printf, 1, 2)]] void plainPrint(const char* format, ...);
 /// Runs the shell command "clear".
 void clearScreen();
