@@ -16,18 +16,22 @@ constexpr const char* kConfirmClear = "!!! Confirm to clear history [y]:";
 
 }  // namespace
 
-/// back: how many entries from the edited line; entries themselves are never changed by editing.
+/// back: how many entries from the new line. What was edited is shown as it was left until the line is
+/// accepted; the history itself is never changed by editing.
 void KeyLoop::browseTo(std::size_t back) {
   const std::vector<std::size_t> slots = historySlots();
   back = std::min(back, slots.size());
   if (back == back_) {
     return;
   }
-  if (back_ == 0) {
-    edited_ = state_.line();
-  }
+  leaveLineFor(back);
+  const auto edit = edits_.find(back);
+  state_.set(edit != edits_.end() ? edit->second : historyRing[slots[slots.size() - back]]);
+}
+
+void KeyLoop::leaveLineFor(std::size_t back) {
+  edits_[back_] = state_.line();
   back_ = back;
-  state_.set(back == 0 ? edited_ : historyRing[slots[slots.size() - back]]);
 }
 
 void KeyLoop::previousEntry() {
@@ -54,7 +58,7 @@ void KeyLoop::search(const char* initial) {
   const std::int32_t found = historySearch(initial);
   display.endTranscript();
   if (found > 0) {
-    back_ = 0;
+    leaveLineFor(0);
     state_.set(historyRing[static_cast<std::size_t>(found) - 1]);
   }
 }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,6 +95,7 @@ class KeyLoop {
   void firstEntry();
   void lastEntry();
   void browseTo(std::size_t back);
+  void leaveLineFor(std::size_t back);
   void search(const char* initial);
   void searchAll();
   void searchCurrent();
@@ -108,8 +110,8 @@ class KeyLoop {
   Result result_ = Result::Running;
   std::shared_ptr<const CompletionState> list_;
   std::size_t listFrom_ = 0;
-  std::size_t back_ = 0;  ///< history entries back from the edited line; 0: the edited line itself
-  std::string edited_;    ///< the edited line while an entry is shown
+  std::size_t back_ = 0;  ///< history entries back from the new line; 0: the new line itself
+  std::map<std::size_t, std::string> edits_;  ///< lines that were left, by how far back they stand
   bool escapeBefore_ = false;
   bool carriageReturnBefore_ = false;  ///< the paste's last byte
 };

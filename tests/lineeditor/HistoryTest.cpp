@@ -584,6 +584,67 @@ TEST_F(Browsing, EditingAnEntryDoesNotChangeTheHistory) {
   EXPECT_STREQ(historyRing[1], "one more");
 }
 
+TEST_F(Browsing, AnEditedEntryIsThereAgainAfterUpAndDown) {
+  for (const auto& [up, down] :
+       {std::pair("\033[A", "\033[B"), std::pair("\x10", "\x0e"), std::pair("\033<", "\033>")}) {
+    historyClear();
+    historyStore("one");
+    historyStore("two");
+    typeThen(std::string("\x10 edited") + up, [this] { EXPECT_EQ(terminal().row(0), "TAV> one"); });
+    typeThen(down, [this] { EXPECT_TRUE(shows(modelOf("two edited|", true))); });
+    EXPECT_EQ(readKeys("!\r"), "two edited!");
+    open(24, 80);
+  }
+}
+
+TEST_F(Browsing, EveryLineKeepsItsOwnEdit) {
+  historyStore("one");
+  historyStore("two");
+  typeThen("half\x10 edited\x10\x18", [this] { EXPECT_EQ(terminal().text(), "TAV>"); });
+  typeThen("\x0e", [this] { EXPECT_EQ(terminal().text(), "TAV> two edited"); });
+  typeThen("\x0e", [this] { EXPECT_EQ(terminal().text(), "TAV> half"); });
+  typeThen("\x10\x10", [this] { EXPECT_EQ(terminal().text(), "TAV>") << "emptied is edited, too"; });
+  EXPECT_EQ(readKeys("\x0e\x0e!\r"), "half!");
+}
+
+TEST_F(Browsing, EditsLiveUntilEnterAndTheHistoryKeepsItsLines) {
+  historyStore("one");
+  historyStore("two");
+  EXPECT_EQ(readKeys("\x10 edited\x10 changed\x0e\r"), "two edited");
+  EXPECT_EQ(historyCount, 3U);
+  EXPECT_STREQ(historyRing[0], "one");
+  EXPECT_STREQ(historyRing[1], "two");
+  EXPECT_STREQ(historyRing[2], "two edited");
+  typeThen("\x10", [this] { EXPECT_TRUE(shows(modelOf("two edited|", true))); });
+  typeThen("\x10", [this] { EXPECT_TRUE(shows(modelOf("two|", true))); });
+  typeThen("\x10", [this] { EXPECT_TRUE(shows(modelOf("one|", true))); });
+  read();
+}
+
+TEST_F(Browsing, CtrlCForgetsTheEdits) {
+  historyStore("one");
+  EXPECT_EQ(readKeys("\x10 edited\x0e\x03"), std::nullopt);
+  EXPECT_EQ(readKeys("\x10\r"), "one");
+}
+
+TEST_F(Browsing, AnEntryFoundBySearchLeavesTheEditsOfOthers) {
+  historyStore("one");
+  historyStore("two");
+  typeThen("\x10 edited\x12one\r\r", nullptr);
+  typeThen("!", [this] { EXPECT_TRUE(shows(modelOf("one!|", true))); });
+  typeThen("\x10", [this] { EXPECT_TRUE(shows(modelOf("two edited|", true))); });
+  EXPECT_EQ(readKeys("\x0e\r"), "one!");
+}
+
+TEST_F(Browsing, WhenTheHistoryIsClearedTheLineShownIsTheOnlyOne) {
+  historyStore("one");
+  historyStore("two");
+  typeThen("\x10 edited\x10\033ORy", [this] { EXPECT_TRUE(shows(modelOf("one|", true))); });
+  typeThen("\x10", [this] { EXPECT_TRUE(shows(modelOf("one|", true))); });
+  typeThen("\x0e", [this] { EXPECT_TRUE(shows(modelOf("one|", true))); });
+  EXPECT_EQ(readKeys("\r"), "one");
+}
+
 TEST_F(Browsing, AnEntryTooLongForTheBufferIsCutBetweenCharacters) {
   historyStore("扫描中文");
   char buffer[9];

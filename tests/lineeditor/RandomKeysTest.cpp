@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <random>
 #include <thread>
 
@@ -27,7 +28,7 @@ struct EditorModel {
   std::vector<std::string> cut;
   std::vector<std::string> history;
   std::size_t back = 0;
-  PlainModel edited;
+  std::map<std::size_t, std::string> edits;  // of the line being read; gone with it
 
   using Range = std::vector<std::string>;
   Range& chars() { return line.characters; }
@@ -123,11 +124,12 @@ struct EditorModel {
     if (to == back) {
       return;
     }
-    if (back == 0) {
-      edited = line;
-    }
+    leaveEntry(to);
+    show(edits.contains(to) ? edits[to] : history[history.size() - to]);
+  }
+  void leaveEntry(std::size_t to) {
+    edits[back] = line.text();
     back = to;
-    show(back == 0 ? edited.text() : history[history.size() - back]);
   }
   bool moveRow(int rows, int cols) {
     const int row = place(line.cursor, cols).cursorRow;
@@ -151,6 +153,7 @@ struct EditorModel {
   void start() {
     line = PlainModel{};
     back = 0;
+    edits.clear();
   }
   void accept() {
     std::string text = line.text();
@@ -328,8 +331,8 @@ bool RandomKeys::pressSpecial() {
   } else if (oneIn(100) && !model_.history.empty() && historyFitsOnOnePage()) {
     last_ = "a search";
     terminal().type("\x12\r\r");
+    model_.leaveEntry(0);
     model_.show(model_.history[0]);
-    model_.back = 0;
   } else if (oneIn(100) && historyFitsOnOnePage()) {
     last_ = "F2";
     terminal().type("\033OQ");
