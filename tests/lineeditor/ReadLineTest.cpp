@@ -182,6 +182,13 @@ TEST_F(ReadLine, ABeginningOfACharacterAtTheEndOfAPlainPieceIsNotLost) {
   EXPECT_EQ(readLine("", buffer, sizeof buffer), nullptr);
 }
 
+TEST_F(ReadLine, APlainLineThatEndsInsideACharacterIsOneLine) {
+  terminal().isTerminal = false;
+  terminal().type("ab\xE4\xB8");
+  EXPECT_EQ(read(), "ab\xE4\xB8");
+  EXPECT_EQ(read(), std::nullopt);
+}
+
 TEST_F(ReadLine, APlainCharacterThatNoBufferHoldsComesInPieces) {
   terminal().isTerminal = false;
   terminal().type("中\n");
