@@ -6,14 +6,10 @@
 namespace jsonrpchelper {
 namespace {
 
-[[noreturn]] void refuse(const Json::Value& result) {
-  throw jsonrpc::JsonRpcException(jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE, result.toStyledString());
-}
-
 template <JsonKind kKind>
 TypeOf<kKind> convert(Json::Value result) {
   if (!isOfKind(result, kKind)) {
-    refuse(result);
+    throw ResultOfAnotherKind(result);
   }
   if constexpr (kKind == JsonKind::kString) {
     return result.asString();
@@ -40,6 +36,9 @@ TypeOf<kResult> call(jsonrpc::Client& client, const Declaration<kResult, kKinds.
 }
 
 }  // namespace
+
+ResultOfAnotherKind::ResultOfAnotherKind(const Json::Value& result)
+    : JsonRpcException(jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE, result.toStyledString()) {}
 
 const std::vector<MethodRow>& agentMethods() {
   static const std::vector<MethodRow> kRows = {

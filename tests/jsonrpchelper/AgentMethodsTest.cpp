@@ -153,7 +153,7 @@ TEST_P(Stub, RefusesAResultOfAnotherKindWithItsStyledText) {
     try {
       callStub(stub, rowName(GetParam()), sampleParameters(GetParam()));
       FAIL() << wrong.toStyledString();
-    } catch (const jsonrpc::JsonRpcException& e) {
+    } catch (const jsonrpchelper::ResultOfAnotherKind& e) {
       EXPECT_EQ(e.GetCode(), jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE);
       EXPECT_NE(e.GetMessage().find(wrong.toStyledString()), std::string::npos) << e.GetMessage();
     }
@@ -275,6 +275,25 @@ TEST_P(AgentServer, AnswersAnExceptionWithAnError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AgentMethods, AgentServer, testing::ValuesIn(kExpectedMethods), caseName);
+
+TEST(Stubs, AnErrorOfTheAgentIsNoResultOfAnotherKindWhateverItsNumber) {
+  testsupport::FakeEndpoint endpoint;
+  jsonrpchelper::IJsonRpcClientHelper client(&endpoint, lunet::kAgentGuid, 10990, 20991, 30000);
+  for (const std::string& answer :
+       {R"({"jsonrpc":"2.0","id":1,"error":{"code":)" +
+            std::to_string(jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE) + R"(,"message":"no"}})",
+        std::string("garbled")}) {
+    endpoint.answer = [&](const std::string&) { return answer; };
+    try {
+      AgentStub(client).getBusList();
+      FAIL() << answer;
+    } catch (const jsonrpchelper::ResultOfAnotherKind&) {
+      FAIL() << answer;
+    } catch (const jsonrpc::JsonRpcException& e) {
+      EXPECT_EQ(e.GetCode(), jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE) << answer;
+    }
+  }
+}
 
 TEST(Stubs, ACtlBusReplyOfOneInsteadOfTrueIsAnInvalidResponse) {
   testsupport::FakeEndpoint endpoint;

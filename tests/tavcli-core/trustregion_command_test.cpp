@@ -9,6 +9,7 @@
 #include "command/trustregion/TavCliCmdtrustregion.h"
 #include "command/trustregion/TavCliCmdtrustregionExec.h"
 #include "command/trustregion/comm/send/CliTrustRegionCommunication.h"
+#include "jsonrpchelper/JsonRpcCpp.h"
 #include "support/GrammarRows.h"
 
 using testing::ElementsAre;
@@ -297,6 +298,20 @@ TEST_F(TrustregionCommand, AnErrorStopsTheReportWhereItHappenedWithoutTotals) {
   EXPECT_EQ(std::count(executed.printed.begin(), executed.printed.end(), '\n'), 16);
   EXPECT_THAT(executed.printed, Not(HasSubstr("当前存在")));
   EXPECT_THAT(debugLog(), HasSubstr("store is gone"));
+}
+
+TEST_F(TrustregionCommand, AnErrorWithTheNumberOfAnInvalidResponseStopsTheReportTooWithoutTotals) {
+  agent_.answerError("getRegionInfo", jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE, "refused");
+  EXPECT_EQ(executeLine("TRUSTREGION REPORT").printed, "");
+  EXPECT_EQ(agent_.calls("getRegionInfo").size(), 1u);
+  EXPECT_THAT(debugLog(), HasSubstr("refused"));
+}
+
+TEST_F(TrustregionCommand, AGarbledAnswerStopsTheReportWithoutTotals) {
+  agent_.answerText("getRegionInfo", "[[[");
+  EXPECT_EQ(executeLine("TRUSTREGION REPORT").printed, "");
+  EXPECT_EQ(agent_.calls("getRegionInfo").size(), 1u);
+  EXPECT_THAT(debugLog(), HasSubstr("the answer is no JSON"));
 }
 
 TEST_F(TrustregionCommand, AnAgentThatDiesHalfWayStopsTheReport) {

@@ -61,10 +61,18 @@ inline constexpr auto kReportBusProgress = notification("reportBusProgress",
 const std::vector<MethodRow>& agentMethods();
 const std::vector<MethodRow>& consoleNotifications();
 
+/// What a stub throws for a result of another kind than declared: ERROR_CLIENT_INVALID_RESPONSE with the
+/// result's indented text. The type tells it from an error answer of the agent and from a garbled answer,
+/// which may carry the same number.
+class ResultOfAnotherKind : public jsonrpc::JsonRpcException {
+ public:
+  explicit ResultOfAnotherKind(const Json::Value& result);
+};
+
 /// The agent's methods as the console calls them. Every operation throws jsonrpc::JsonRpcException and
-/// nothing else: for a failure of the link, for the agent's error answer, and (ERROR_CLIENT_INVALID_RESPONSE,
-/// with the result's indented text) for a result of another kind than declared. Blocks up to the client's
-/// time-out, cleanScanCache not at all. As thread-safe as the client.
+/// nothing else: for a failure of the link, for the agent's error answer, and (ResultOfAnotherKind) for a
+/// result of another kind than declared. Blocks up to the client's time-out, cleanScanCache not at all. As
+/// thread-safe as the client.
 class AgentStub {
  public:
   explicit AgentStub(jsonrpc::Client& client) : client_(client) {}

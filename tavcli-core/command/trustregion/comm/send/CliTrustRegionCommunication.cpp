@@ -64,15 +64,13 @@ void printItems(const Json::Value& items, Region region) {
   }
 }
 
-/// An answer that is no list is logged and counts as an empty one; any other failure is the caller's.
+/// An answer that is no list is logged and counts as an empty one; any other failure, the agent's own error
+/// included, ends the report.
 Json::Value askRegion(jsonrpchelper::AgentStub& agent, const Query& query,
                       const command::RequestPlace& place) {
   try {
     return agent.getRegionInfo(kEveryDomain, query.itemType, query.region);
-  } catch (const jsonrpc::JsonRpcException& exception) {
-    if (exception.GetCode() != jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE) {
-      throw;
-    }
+  } catch (const jsonrpchelper::ResultOfAnotherKind& exception) {
     command::logCaught(place, exception);
     return Json::Value(Json::arrayValue);
   }
