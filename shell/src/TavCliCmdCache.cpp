@@ -1,5 +1,6 @@
 #include "shell/TavCliCmdCache.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -33,13 +34,18 @@ std::uint8_t setScanCacheAction(const CliNodeInfo& /*node*/, const std::string& 
   return 1;
 }
 
-/// The message as one line: it may quote what the agent sent, with a line end behind it.
+/// The message as it is, its own line ends and tabs included. It may quote what the agent sent, so other
+/// control characters are made visible.
 std::string shownMessage(const jsonrpc::JsonRpcException& exception) {
-  std::string_view message = exception.GetMessage();
-  while (message.ends_with('\n')) {
-    message.remove_suffix(1);
+  std::string shown;
+  for (std::string_view rest = exception.GetMessage(); !rest.empty();) {
+    const std::string_view text = rest.substr(0, rest.find_first_of("\n\t"));
+    shown += json::visiblePath(text);
+    rest.remove_prefix(text.size());
+    shown += rest.substr(0, 1);
+    rest.remove_prefix(std::min<std::size_t>(rest.size(), 1));
   }
-  return json::visiblePath(message);
+  return shown;
 }
 
 const GrammarRow kGrammar[] = {

@@ -153,7 +153,22 @@ TEST_F(CacheCommand, AnAnswerOfAnotherKindIsShownAsAnException) {
   agent_.answer("getScanCacheDetail", "many");
   const Executed executed = executeLine("CACHE SHOW SCANCACHE");
   EXPECT_EQ(executed.result, 0);
-  EXPECT_THAT(executed.printed, testing::Eq("Caught exception:\nThe response is invalid: \"many\"\n"));
+  EXPECT_EQ(executed.printed, "Caught exception:\nThe response is invalid: \"many\"\n\n")
+      << "the message's own line end, and one behind it";
+}
+
+TEST_F(CacheCommand, AnAnswerOfManyLinesIsShownLineByLine) {
+  Json::Value list(Json::arrayValue);
+  list.append("a long text that does not fit into one line of the indented form of a list of values");
+  list.append("\x1b[2J");
+  agent_.answer("getScanCacheDetail", list);
+  EXPECT_EQ(executeLine("CACHE SHOW SCANCACHE").printed,
+            "Caught exception:\nThe response is invalid: " + list.toStyledString() + "\n");
+}
+
+TEST_F(CacheCommand, LineEndsAndTabsOfAMessageAreShownAsTheyAre) {
+  agent_.answerError("getScanCacheDetail", -7, "\none\n\ttwo\n\n");
+  EXPECT_EQ(executeLine("CACHE SHOW SCANCACHE").printed, "Caught exception:\n\none\n\ttwo\n\n\n");
 }
 
 TEST_F(CacheCommand, AnAgentThatDiesDuringTheCallIsShownAsAnException) {
