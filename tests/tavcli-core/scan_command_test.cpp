@@ -2,16 +2,25 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "AgentCommand.h"
+#include "bin/BusState.h"
+#include "command/scan/IBusinessCImpl.h"
+#include "command/scan/IScanCImpl.h"
 #include "command/scan/ScanRunState.h"
 #include "command/scan/TavCliCmdScan.h"
 #include "command/scan/TavCliCmdScanExec.h"
+#include "jsonrpchelper/Holders.h"
 #include "support/GrammarRows.h"
+#include "support/Wait.h"
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 using testsupport::GrammarRowExpected;
 using testsupport::outputOf;
@@ -101,6 +110,39 @@ class ScanCommand : public AgentCommand {
     return starts.empty() ? Json::Value() : starts[0].params["params"];
   }
   std::string printed_;
+};
+
+/// Batch starts one after the other at one prompt, and what the agent tells between them.
+class BatchStarts : public ScanCommand {
+ protected:
+  BatchStarts() { ScanRunState::instance().set_log_path(report_); }
+  ~BatchStarts() override { g_lastBusState = tavcli::kBusStateNone; }
+
+  void start() { batchStart("{}"); }
+  void told(const char* path) {
+    scan_.reportRiskFixInfo(0, 2, jsonOf(R"({"item":")" + std::string(path) + R"("})"), 5,
+                            jsonOf(R"({"handle_result":3})"), "t");
+    scan_.reportScanBusOverView(jsonOf(R"({"checked_item_count":3,"failed_item_count":2})"), "t");
+  }
+  void state(int number) {
+    outputOf([&] {
+      testing::internal::CaptureStderr();
+      business_.reportBusStatus(Json::objectValue, "", Json::objectValue, 1, number, "t", 0);
+      testing::internal::GetCapturedStderr();
+    });
+  }
+  static std::vector<std::string> paths() {
+    std::vector<std::string> found;
+    const Json::Value document = ScanRunState::instance().result();
+    for (const Json::Value& detection : document["virus"]) {
+      found.push_back(detection["path"].asString());
+    }
+    return found;
+  }
+
+  std::string report_ = tree_.at("report");
+  IScanCImpl scan_{*jsonrpchelper::serverHelper()};
+  IBusinessCImpl business_{*jsonrpchelper::serverHelper()};
 };
 
 }  // namespace
@@ -461,6 +503,71 @@ TEST_F(ScanCommand, AfterOneBatchLogpathEveryLaterStartIsABatchStart) {
   EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["fix_method"], 0);
 }
 
+TEST_F(BatchStarts, AnAcceptedOneBeginsAReportOfItsOwn) {
+  start();
+  told("/data/first");
+  state(5);
+  EXPECT_THAT(testsupport::readFile(report_), HasSubstr("/data/first\n"));
+  start();
+  EXPECT_EQ(ScanRunState::instance().result(), Json::Value(Json::objectValue));
+  EXPECT_EQ(ScanRunState::instance().failed_items(), 0);
+  told("/data/second");
+  state(5);
+  EXPECT_THAT(testsupport::readFile(report_), HasSubstr("/data/second\n"));
+  EXPECT_THAT(testsupport::readFile(report_), Not(HasSubstr("/data/first\n")));
+}
+
+TEST_F(BatchStarts, OneThatTheAgentDoesNotAcceptLeavesTheRunningScansResult) {
+  start();
+  told("/data/first");
+  agent_.answer("startScanTask", jsonOf(R"({"status":false})"));
+  start();
+  EXPECT_THAT(paths(), ElementsAre("/data/first"));
+  agent_.answerError("startScanTask", -3, "no");
+  start();
+  EXPECT_THAT(paths(), ElementsAre("/data/first"));
+}
+
+TEST_F(BatchStarts, WhatTheAgentTellsBeforeItAnswersIsInTheReport) {
+  scan_.StartListening();
+  start();
+  told("/data/first");
+  Json::Value notice = jsonOf(
+      R"({"business_type":0,"fix_method":2,"risk_info_type":5,"token_id":"t","risk_info":{"item":"/data/second"},
+          "risk_repair_result":{"handle_result":3}})");
+  agent_.answerWith("startScanTask", [&](const Json::Value&) {
+    EXPECT_EQ(agent_.notify("reportRiskFixInfo", notice), lunet::kOk);
+    return jsonOf(R"({"status":true})");
+  });
+  start();
+  EXPECT_TRUE(testsupport::waitFor([] { return !paths().empty(); }));
+  EXPECT_THAT(paths(), ElementsAre("/data/second"));
+  scan_.StopListening();
+}
+
+TEST_F(BatchStarts, OneThatIsIssuedAgainAfterABusyAgentGoesOnWithItsResult) {
+  start();
+  told("/data/first");
+  state(6);
+  start();
+  EXPECT_THAT(paths(), ElementsAre("/data/first"));
+  start();
+  EXPECT_THAT(paths(), IsEmpty()) << "the agent was not busy in between";
+}
+
+TEST_F(BatchStarts, OneThatIsAcceptedAfterARefusalAsBusyDoesNotListTheScanBeforeIt) {
+  start();
+  told("/data/first");
+  agent_.answer("startScanTask", jsonOf(R"({"status":false})"));
+  start();
+  state(6);
+  told("/data/late");
+  EXPECT_THAT(paths(), ElementsAre("/data/first", "/data/late"));
+  agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
+  start();
+  EXPECT_THAT(paths(), IsEmpty());
+}
+
 TEST(ScanRunStateRecord, StartsEmptyAndKeepsWhatItIsTold) {
   ScanRunState state;
   EXPECT_EQ(state.log_path(), "");
@@ -478,6 +585,26 @@ TEST(ScanRunStateRecord, StartsEmptyAndKeepsWhatItIsTold) {
   EXPECT_EQ(state.batch_mode(), 1);
   EXPECT_EQ(state.fix_handle(), 2);
   EXPECT_EQ(state.result()["virusnum"], 3);
+}
+
+TEST(ScanRunStateRecord, WhatIsToldBeforeTheAnswerToAStartBelongsToThatScan) {
+  ScanRunState state;
+  state.updateResult([](Json::Value& result) { result["old"] = 1; });
+  std::atomic<bool> begun = false;
+  std::atomic<bool> done = false;
+  std::thread bus;
+  state.start([&] {
+    bus = std::thread([&] {
+      begun = true;
+      state.updateResult([](Json::Value& result) { result["new"] = 1; });
+      done = true;
+    });
+    EXPECT_TRUE(testsupport::waitFor([&] { return begun.load(); }));
+    EXPECT_FALSE(testsupport::waitFor([&] { return done.load(); }, std::chrono::milliseconds(50)));
+    return true;
+  });
+  bus.join();
+  EXPECT_EQ(state.result(), jsonOf(R"({"new":1})"));
 }
 
 TEST(ScanRunStateRecord, IsOneForTheProcess) {

@@ -65,6 +65,7 @@ void takeEffect(const scandisplay::State& state, const std::string& detail) {
       break;
     case scandisplay::Effect::kBusy:
       lineeditor::printNotice(scandisplay::stateLines(state));
+      ScanRunState::instance().noteBusy();
       g_lastBusState = tavcli::kBusStateBusy;
       break;
     case scandisplay::Effect::kReport:

@@ -37,6 +37,14 @@ class ScanRunState {
   std::int64_t failed_items() const { return failed_items_; }
   void set_failed_items(std::int64_t count) { failed_items_ = count; }
 
+  /// Asks the agent to start a scan. `ask` says whether the agent accepted it, and must not come back to the
+  /// result document: what notifications do with it meanwhile waits for the answer, because they may overtake
+  /// it. An accepted scan begins with an empty document, unless it goes on with one that the agent accepted
+  /// and then called busy (noteBusy). One that is not accepted changes nothing. Main thread.
+  void start(const std::function<bool()>& ask);
+  /// The agent has refused the last start because a scan of that type exists. Before the bus state says so.
+  void noteBusy();
+
   /// A copy of the result document of the running batch scan: "begintime", "endtime", "totalnum",
   /// "virusnum" and the array "virus".
   Json::Value result() const;
@@ -47,7 +55,10 @@ class ScanRunState {
   void reset();
 
  private:
-  mutable std::mutex mutex_;  ///< guards the texts and the document
+  mutable std::mutex starting_;  ///< held while the agent is asked; taken before mutex_
+  bool accepted_ = false;        ///< the last start; guarded by starting_
+  bool issuedAgain_ = false;     ///< the next start goes on with the document; guarded by starting_
+  mutable std::mutex mutex_;     ///< guards the texts and the document
   std::string log_path_;
   std::string scan_path_;
   std::atomic<std::int32_t> batch_mode_{0};

@@ -45,5 +45,8 @@ void TavCliCmdScanExec::start() const {
     usedHandle = handleFromSettings(setting);
     usedMode = kCustom;
   }
-  CliScanCommunication::action_startscan(usedHandle, usedMode, paths, static_cast<unsigned>(special));
+  state.start([&] {
+    return CliScanCommunication::action_startscan(usedHandle, usedMode, paths,
+                                                  static_cast<unsigned>(special)) == 1;
+  });
 }
