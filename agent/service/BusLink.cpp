@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 
+#include "platform/CLog.h"
 #include "platform/CLogDebug.h"
 #include "platform/Text.h"
 
@@ -16,6 +17,11 @@ void takeLog(int level, const char* text) {
   const bool known = level >= 0 && level < static_cast<int>(kLevels.size());
   CLogDebug::LogPrintStr(known ? kLevels[static_cast<std::size_t>(level)] : 1, __FILE_NAME__, "bus", __LINE__,
                          text);
+}
+
+/// From the base library's levels, 3 being errors, to the log's: what JSON-RPC over the bus refuses.
+void takeBaseLog(int level, const char* text) {
+  CLogDebug::LogPrintStr(level + 1, __FILE_NAME__, "rpc", __LINE__, text);
 }
 
 std::string errorText(const char* what, std::uint32_t error) {
@@ -35,6 +41,7 @@ std::string BusLink::prepare(const Tree& tree, const BusSettings& settings) {
     return "the bus library cannot be used: " + failure;
   }
   library_.client()->SetLogCallback(takeLog);
+  CLog::set_log_callback(takeBaseLog);
   std::string uuid;
   CUuid::generate(uuid);
   const std::uint32_t error = library_.client()->Init(settings.clientConfig.c_str(), uuid.c_str());

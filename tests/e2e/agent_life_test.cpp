@@ -266,6 +266,16 @@ TEST(AgentProgram, ALongRequestDoesNotFillItsLog) {
   EXPECT_LT(log.size(), 100'000U);
 }
 
+TEST(AgentProgram, AMessageNestedTooDeepIsInItsLog) {
+  AgentTree tree;
+  Process sender({tree.program("lunetctl"), "--runtime", tree.path(), "send", lunet::kAgentGuid,
+                  std::string(3000, '[')});
+  EXPECT_EQ(0, sender.wait()) << sender.err();
+  EXPECT_TRUE(waitFor([&] {
+    return tree.log().find("is not read: it is no JSON, or nested too deep") != std::string::npos;
+  })) << tree.log();
+}
+
 TEST(AgentProgram, LostTasksAreToldOfBeforeTheFirstRequestIsServed) {
   AgentTree tree({.group = "", .start = false, .uid = {}});
   {

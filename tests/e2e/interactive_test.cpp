@@ -67,6 +67,17 @@ TEST_F(PipedConsole, RecordsItsPidInTheMark) {
   EXPECT_EQ(mark, "pid=" + std::to_string(console_->pid()) + "\n");
 }
 
+TEST_F(PipedConsole, AMessageNestedTooDeepIsInTheLogThatTheShippedSettingsGive) {
+  tree_.setDebugConfig(testsupport::readFile(TAV_SOURCE_DIR "/packaging/etc/debug/cli_debug.conf"));
+  start();
+  const auto sender = tree_.start(
+      "lunetctl", {"--runtime", tree_.path(), "send", testsupport::kConsoleAddress, std::string(3000, '[')});
+  EXPECT_EQ(sender->wait(), 0) << sender->err();
+  EXPECT_TRUE(testsupport::waitFor([&] {
+    return tree_.debugLog().find("is not read: it is no JSON, or nested too deep") != std::string::npos;
+  })) << tree_.debugLog();
+}
+
 TEST_F(PipedConsole, EndOfInputSavesTheHistoryAndExits0) {
   tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
   run("");

@@ -60,7 +60,7 @@ TEST_F(Holders, InitRegistersOneServerHelperOnBothChannels) {
   EXPECT_EQ(jsonrpchelper::serverHelper(), helper) << "there is one a process";
 }
 
-TEST_F(Holders, TheServerHelperHandlesWhatTheAgentSendsAndNobodyElse) {
+TEST_F(Holders, TheServerHelperHearsEveryoneWhomTheKernelMakesTrustedAtAnyAddressAndNobodyElse) {
   start();
   rpctest::RecordingBusiness business(*jsonrpchelper::serverHelper());
   business.StartListening();
@@ -73,8 +73,8 @@ TEST_F(Holders, TheServerHelperHandlesWhatTheAgentSendsAndNobodyElse) {
   const Sender senders[] = {
       {"a member at another address", lunet::kConsoleGuid, false, 0},
       {"a member at the agent's address", lunet::kAgentGuid, false, 0},
-      {"one who is trusted at another address", lunet::kConsoleGuid, true, 0},
-      {"the agent", lunet::kAgentGuid, true, 1},
+      {"one who is trusted at another address", lunet::kConsoleGuid, true, 1},
+      {"the agent", lunet::kAgentGuid, true, 2},
   };
   for (const Sender& sender : senders) {
     endpoint.peer = lunet::parseGuid(sender.guid);
@@ -85,6 +85,30 @@ TEST_F(Holders, TheServerHelperHandlesWhatTheAgentSendsAndNobodyElse) {
     endpoint.deliver(lunet::kOnewayChannel, rpctest::notificationText("reportBusProgress", parameters),
                      false);
     EXPECT_EQ(business.log.size(), sender.handled) << sender.what;
+  }
+}
+
+TEST_F(Holders, ARequestOfOneWhoIsTrustedIsAnsweredWithTheServersErrorAndAMembersIsNotRead) {
+  start();
+  rpctest::RecordingBusiness business(*jsonrpchelper::serverHelper());
+  business.StartListening();
+  endpoint.peer = lunet::parseGuid(lunet::kConsoleGuid);
+  const struct {
+    std::string request;
+    bool trusted;
+    int code;
+  } rows[] = {
+      {"{", true, jsonrpc::Errors::ERROR_RPC_JSON_PARSE_ERROR},
+      {"{", false, jsonrpc::Errors::ERROR_RPC_INVALID_REQUEST},
+      {rpctest::requestText("getBusList", Json::Value(), 1), true,
+       jsonrpc::Errors::ERROR_RPC_METHOD_NOT_FOUND},
+      {rpctest::requestText("getBusList", Json::Value(), 1), false,
+       jsonrpc::Errors::ERROR_RPC_INVALID_REQUEST},
+  };
+  for (const auto& row : rows) {
+    endpoint.peerProcess.trusted = row.trusted;
+    const auto delivery = endpoint.deliver(lunet::kRequestChannel, row.request, true);
+    EXPECT_EQ(rpctest::parsed(delivery.reply)["error"]["code"], row.code) << row.request << row.trusted;
   }
 }
 

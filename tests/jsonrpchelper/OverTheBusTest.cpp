@@ -27,10 +27,11 @@ using jsonrpchelper::MethodRow;
 using testing::HasSubstr;
 using testsupport::waitFor;
 
-/// The agent's end: its endpoint, its server helper and a recording server.
+/// The agent's end, or another process's at an address of its own: an endpoint, a server helper and a
+/// recording server.
 class Agent {
  public:
-  explicit Agent(const std::string& runtimePath) {
+  explicit Agent(const std::string& runtimePath, const char* guid = lunet::kAgentGuid) {
     const std::string config = R"({"runtime_path":")" + runtimePath + R"(","log_level":-1})";
     EXPECT_EQ(library_.load(TAV_LIB_DIR "/libLunetClientMgr.so"), "");
     EXPECT_EQ(library_.createClient(), "");
@@ -38,7 +39,7 @@ class Agent {
     endpoint_ = library_.client()->CreateEndpoint();
     EXPECT_EQ(helper_.registerOn(*endpoint_), lunet::kOk);
     server.StartListening();
-    EXPECT_EQ(endpoint_->Open(lunet::parseGuid(lunet::kAgentGuid)), lunet::kOk);
+    EXPECT_EQ(endpoint_->Open(lunet::parseGuid(guid)), lunet::kOk);
   }
   ~Agent() {
     helper_.unregisterFrom(*endpoint_);
@@ -183,6 +184,34 @@ TEST_F(LinkOverTheBus, AHandlerOfTheAgentMayNotifyItsCallerBeforeItAnswers) {
   };
   AgentStub(client()).getBusList();
   EXPECT_TRUE(waitFor([&] { return business->log.size() == 1; }));
+}
+
+TEST_F(LinkOverTheBus, AnotherProcessOfTheOwnUserIsHeardAtAnAddressThatIsNotTheAgents) {
+  Agent other(tree.path(), "5D1C9F0E-3B1B-4B0A-9C55-0C6E0C0A7D11");
+  const lunet::Guid target = lunet::parseGuid(lunet::kConsoleGuid);
+  const std::string notice =
+      notificationText("reportBusProgress", parsed(R"({"progress":7,"token_id":"t"})"));
+  ASSERT_EQ(other.endpoint().OnewaySend(target, lunet::kOnewayChannel, notice.data(),
+                                        static_cast<std::uint32_t>(notice.size())),
+            lunet::kOk);
+  EXPECT_TRUE(waitFor([&] { return business->log.size() == 1; }));
+  IJsonRpcClientHelper asking(&other.endpoint(), lunet::kConsoleGuid, lunet::kRequestChannel,
+                              lunet::kOnewayChannel, 20000);
+  try {
+    asking.CallMethod("getBusList", Json::Value());
+    FAIL();
+  } catch (const jsonrpc::JsonRpcException& e) {
+    EXPECT_EQ(e.GetCode(), jsonrpc::Errors::ERROR_RPC_METHOD_NOT_FOUND);
+  }
+}
+
+TEST_F(LinkOverTheBus, ANotificationOfNineMebibytesReachesItsReceiver) {
+  const jsonrpchelper::Caller caller = greet();
+  ConsoleNotifier notifier(agent.endpoint(), caller.guid, caller.process);
+  const std::string detail(9u << 20, 'd');
+  ASSERT_EQ(notifier.reportBusStatus(Json::objectValue, detail, Json::objectValue, 1, 1, "t", 0), lunet::kOk);
+  ASSERT_TRUE(waitFor([&] { return business->log.size() == 1; }));
+  EXPECT_EQ(business->log.calls()[0][2].asString().size(), detail.size());
 }
 
 TEST_F(LinkOverTheBus, AnAnswerOfSixteenMebibytesPasses) {

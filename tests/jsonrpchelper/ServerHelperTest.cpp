@@ -97,6 +97,50 @@ TEST_F(ServerHelperLimits, AOnewayMessageOverTheLimitIsLoggedAndDroppedUnread) {
   EXPECT_THAT(logged()[0], HasSubstr("8388609 is over the limit of 8388608"));
 }
 
+TEST_F(ServerHelperLimits, ANotificationOfATrustedSenderMayBeAsLongAsTheBusCarries) {
+  business.StartListening();
+  endpoint.peerProcess.trusted = true;
+  send(padded(progress(1), jsonrpchelper::kMaxRequestBytes + 1));
+  EXPECT_EQ(business.log.size(), 1u);
+  EXPECT_THAT(logged(), testing::IsEmpty());
+}
+
+TEST_F(ServerHelperLimits, ARequestOfATrustedSenderHasTheLimitOfAll) {
+  endpoint.peerProcess.trusted = true;
+  const Json::Value answer = ask(std::string(jsonrpchelper::kMaxRequestBytes + 1, '['));
+  EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
+}
+
+TEST_F(ServerHelperLimits, WhatIsNotReadForItsSizeOrNestingIsLoggedOnceAsAnErrorWithItsSender) {
+  business.StartListening();
+  endpoint.peer = lunet::parseGuid(lunet::kAgentGuid);
+  endpoint.peerProcess = {42, 23456, 23456, 4711};
+  std::string batch = "[0";
+  for (std::size_t i = 0; i < jsonrpchelper::kMaxBatchRequests; ++i) {
+    batch += ",0";
+  }
+  const struct {
+    std::string text;
+    const char* why;
+  } rows[] = {
+      {padded(progress(1), jsonrpchelper::kMaxRequestBytes + 1), "8388609 is over the limit of 8388608"},
+      {std::string(2000, '[') + std::string(2000, ']'), "no JSON, or nested too deep"},
+      {batch + "]", "1001 is over the limit of 1000"},
+  };
+  CLog::set_log_level(3);  // what the console shows unless it is told otherwise
+  for (const auto& row : rows) {
+    for (const std::uint32_t channel : {lunet::kOnewayChannel, lunet::kRequestChannel}) {
+      logged().clear();
+      endpoint.deliver(channel, row.text, channel == lunet::kRequestChannel);
+      ASSERT_EQ(logged().size(), 1u) << row.why << channel;
+      EXPECT_THAT(logged()[0], HasSubstr(row.why));
+      EXPECT_THAT(logged()[0], HasSubstr(std::string(lunet::kAgentGuid) + " (pid 42, user 23456)"));
+      EXPECT_THAT(logged()[0], HasSubstr(std::to_string(row.text.size()) + " bytes"));
+    }
+  }
+  EXPECT_EQ(business.log.size(), 0u);
+}
+
 TEST_F(ServerHelperLimits, ARequestOverTheLimitIsAnsweredWithAnErrorUnread) {
   const Json::Value answer = ask(std::string(jsonrpchelper::kMaxRequestBytes + 1, '['));
   EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);

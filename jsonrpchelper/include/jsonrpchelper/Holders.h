@@ -29,12 +29,13 @@ void unregisterReceiver(std::uint32_t channel);
 /// Null before initJsonRpc and after stopJsonRpc.
 IJsonRpcServerHelper* serverHelper();
 
-/// Whether this is the agent: its address, held by a user whom plain sends may reach. A mere member of the
-/// bus's group may call the agent, but tells no console how its scan went.
-bool isAgent(const Caller& caller);
+/// Whom the console hears: root, its own user and the owner of the bus's folder, on the kernel's word. The
+/// sender's address decides nothing. A mere member of the bus's group may call the agent, but tells no
+/// console how its scan went.
+bool isHeard(const Caller& caller);
 
-/// Start: makes the server helper if there is none, which handles what the agent sends and nobody else, puts
-/// it on both channels of the endpoint, and makes the client registry ready.
+/// Start: makes the server helper if there is none, which handles what those send whom isHeard names, puts it
+/// on both channels of the endpoint, and makes the client registry ready.
 void initJsonRpc();
 /// Stop: empties the registry, takes the server helper off the channels and destroys it. Waits for a handler
 /// that runs. May be called again, and without initJsonRpc.

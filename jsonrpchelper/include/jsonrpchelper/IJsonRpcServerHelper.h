@@ -14,9 +14,10 @@ namespace jsonrpchelper {
 
 class HandlerList;
 
-/// The longest message that a server takes to pieces: as values it needs a hundred times its length. What the
-/// agent is asked for is a line of the console or a change of settings of at most 1 MiB, written as a text in
-/// JSON; a notification holds one file's paths. Answers are not meant: they go up to lunet::kMaxMessageBytes.
+/// The longest message that a server takes to pieces: as values a message needs a hundred times its length.
+/// The longest request that is meant is a change of settings of at most 1 MiB, written as a text in JSON. The
+/// limit does not apply to answers, nor to the one-way messages of senders whom the kernel makes trusted
+/// (PeerIdentity::trusted): both have lunet::kMaxMessageBytes.
 inline constexpr std::uint32_t kMaxRequestBytes = lunet::kMaxMemberMessageBytes;
 /// The most requests in one batch. Nobody here sends any; each element gets an answer of its own.
 inline constexpr std::size_t kMaxBatchRequests = 1000;
@@ -31,10 +32,10 @@ struct Caller {
 Caller currentCaller();
 
 /// Receives JSON-RPC messages from the bus, lets the servers that listen on it handle them, and sends the
-/// answers back. A longer one than kMaxRequestBytes is not looked at: a request gets an error, a one-way
-/// message is logged and dropped. One a process stands behind the holders of Holders.h; the agent makes its
-/// own. Nothing that a server throws leaves it. Servers come and go from any thread, in any order
-/// (BusServer.h).
+/// answers back. What is too long (kMaxRequestBytes), a batch of too many or no JSON (or nested too deep) is
+/// not read but logged as an error, with its sender: a request gets an error, a one-way message is dropped.
+/// One a process stands behind the holders of Holders.h; the agent makes its own. Nothing that a server
+/// throws leaves it. Servers come and go from any thread, in any order (BusServer.h).
 class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lunet::IMRReceiveComplete {
  public:
   IJsonRpcServerHelper();
@@ -78,10 +79,6 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   };
 
  private:
-  /// ProcessRequest, with what it throws logged and made the response.
-  std::string respond(const std::string& request);
-  std::string answerTo(const void* data, std::uint32_t length, bool accepted);
-
   std::function<bool(const Caller&)> accepts_;
   std::shared_ptr<HandlerList> handlers_;
 };
