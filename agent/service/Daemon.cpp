@@ -26,17 +26,6 @@ void toNull(int target, int flags) {
   }
 }
 
-/// A caller may have closed them: nothing of ours must get their numbers.
-void fillStandardDescriptors() {
-  int fd = -1;
-  do {
-    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd >= 0) {
-    close(fd);
-  }
-}
-
 /// In the caller's process: never returns.
 [[noreturn]] void waitForWord(int pipe, pid_t child) {
   unsigned char code = kExitFailed;
@@ -51,7 +40,6 @@ void fillStandardDescriptors() {
 }  // namespace
 
 Daemon::Daemon() {
-  fillStandardDescriptors();
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
     fail("pipe2");

@@ -2,6 +2,7 @@
 #include <exception>
 #include <memory>
 
+#include "platform/StandardStreams.h"
 #include "platform/Text.h"
 #include "service/AgentApp.h"
 #include "service/Status.h"
@@ -45,6 +46,7 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::openClosedStandardStreams();
   try {
     return run({argv + 1, argv + argc});
   } catch (const std::exception& error) {

@@ -9,6 +9,7 @@
 #include "Listener.h"
 #include "Session.h"
 #include "list.h"
+#include "platform/StandardStreams.h"
 #include "platform/Text.h"
 
 namespace {
@@ -69,6 +70,7 @@ void run(const Arguments& arguments) {
 }  // namespace
 
 int main(int count, char** words) {
+  platform::openClosedStandardStreams();
   try {
     signal(SIGPIPE, SIG_IGN);
     Arguments arguments;

@@ -8,6 +8,7 @@
 
 #include "bin/Console.h"
 #include "bin/Pause.h"
+#include "platform/StandardStreams.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ class QuickPause : public tavcli::SignalAwarePause {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
+  platform::openClosedStandardStreams();
   const char* second = std::getenv("TAV_TEST_SECOND_MS");
   const int secondMs = second != nullptr ? std::atoi(second) : 10;
   tavcli::Surroundings surroundings;

@@ -263,6 +263,30 @@ TEST_F(LunetctlTest, AnUnreadableConfigurationIsNamed) {
   }
 }
 
+TEST_F(LunetctlTest, AListenerWithoutOutputAndErrorKeepsThemOffItsSockets) {
+  const std::vector<std::string> listen = lunetctl({"listen", guid});
+  std::vector<std::string> command{"/bin/sh", "-c", "exec \"$0\" \"$@\" >&- 2>&-"};
+  command.insert(command.end(), listen.begin(), listen.end());
+  Process listener(command);
+  ASSERT_TRUE(
+      waitFor([&] { return lunet::listenerAt(socketFolder(), lunet::parseGuid(guid.c_str())).has_value(); }));
+  for (const char* fd : {"1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(listener.pid()) + "/fd/" + fd),
+              "/dev/null");
+  }
+  listener.closeInput();
+  EXPECT_EQ(listener.wait(), 0);
+}
+
+TEST_F(LunetctlTest, AListWithoutStandardDescriptorsEndsWith0) {
+  const std::vector<std::string> list = lunetctl({"list"});
+  Player listener(lunetctl({"listen", guid}));
+  ASSERT_TRUE(listener.ready());
+  std::vector<std::string> command{"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-"};
+  command.insert(command.end(), list.begin(), list.end());
+  EXPECT_EQ(run(command).status, 0);
+}
+
 TEST_F(LunetctlTest, HelpNamesEveryCommand) {
   const Result help = run({tree.at("bin/lunetctl"), "--help"});
   EXPECT_EQ(help.status, 0);

@@ -1,0 +1,30 @@
+// The agent started without standard input, output and error: nothing of its own may get their numbers.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "e2e/AgentTree.h"
+#include "support/Wait.h"
+
+namespace {
+
+using testsupport::AgentTree;
+using testsupport::Process;
+using testsupport::waitFor;
+
+TEST(AgentProgram, InTheForegroundWithoutStandardDescriptorsHasNothingOfItsOwnThere) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  Process agent({"/bin/sh", "-c", "exec \"$0\" --install-dir \"$1\" <&- >&- 2>&-", tree.program("tavagentd"),
+                 tree.path()});
+  ASSERT_TRUE(waitFor([&] { return tree.run({"--status"})->wait() == 0; }));
+  for (const char* fd : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(agent.pid()) + "/fd/" + fd),
+              "/dev/null")
+        << fd;
+  }
+  agent.kill(SIGTERM);
+  EXPECT_EQ(0, agent.wait());
+}
+
+}  // namespace
