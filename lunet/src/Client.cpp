@@ -140,15 +140,16 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
         limit = std::min(limit, milliseconds(connectTimeoutMs_));
       }
     }
+    const bool look = limit <= milliseconds(0);
     const Clock::time_point deadline = Clock::now() + limit;
     for (;;) {
       std::string why;
-      const Error error = connectOnce(deadline, &why);
+      const Error error = connectOnce(deadline, !look, &why);
       const bool absent = error == kErrNoTarget || error == kErrTimeout || error == kErrQueueFull;
       if (error == kOk || !absent || Clock::now() + kConnectPause >= deadline) {
-        bus_.log.write(error == kOk ? Log::kInfo : Log::kError,
-                       error == kOk ? "the agent accepts" : "the agent is not reached: " + why);
-        return error == kErrTimeout ? kErrNoTarget : error;
+        const Error found = error == kErrTimeout ? kErrNoTarget : error;
+        noteReached(found, look, why);
+        return found;
       }
       std::this_thread::sleep_for(kConnectPause);
     }
@@ -158,7 +159,22 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
   }
 }
 
-Error Client::connectOnce(Clock::time_point deadline, std::string* why) const {
+/// Of looks, which come often, only those that find a change are logged.
+void Client::noteReached(Error found, bool look, const std::string& why) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::exchange(lastFound_, found) == found && look) {
+      return;
+    }
+  }
+  if (found == kOk) {
+    bus_.log.write(Log::kInfo, "the agent accepts");
+  } else {
+    bus_.log.write(Log::kError, "the agent is not reached: " + why);
+  }
+}
+
+Error Client::connectOnce(Clock::time_point deadline, bool greet, std::string* why) const {
   const FolderCheck folder = checkFolder(bus_.folder);
   if (folder.error != kOk) {
     *why = folder.why;
@@ -170,6 +186,7 @@ Error Client::connectOnce(Clock::time_point deadline, std::string* why) const {
   request.rule = bus_.rule;
   request.target = parseGuid(kAgentGuid);
   request.deadline = deadline;
+  request.greet = greet;
   const Dialled dialled = dial(request);
   *why = bus_.folder.socketPath(request.target) + ": " + dialled.why;
   return dialled.error;
@@ -187,6 +204,7 @@ void Client::Uninit() {
   {
     const std::lock_guard lock(mutex_);
     ready_ = false;
+    lastFound_.reset();
     endpoints.swap(endpoints_);
   }
   endpoints.clear();

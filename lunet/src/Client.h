@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "Endpoint.h"
@@ -26,12 +28,14 @@ class Client final : public IClient {
 
  private:
   Error configure(const char* config, const char* uuid);
-  Error connectOnce(std::chrono::steady_clock::time_point deadline, std::string* why) const;
+  Error connectOnce(std::chrono::steady_clock::time_point deadline, bool greet, std::string* why) const;
+  void noteReached(Error found, bool look, const std::string& why);
 
   Bus bus_;
   std::mutex mutex_;  // guards what follows
   bool ready_ = false;
   std::int32_t connectTimeoutMs_ = -1;  ///< below 0: only the argument counts
+  std::optional<Error> lastFound_;      ///< what the last Connect came to
   std::vector<std::unique_ptr<Endpoint>> endpoints_;
 };
 

@@ -140,6 +140,9 @@ Dialled dial(const DialRequest& request) {
   if (const Error error = judge(request, *peer, result); error != kOk) {
     return failed(error, "the process that listens there is not one that may be talked to");
   }
+  if (!request.greet) {
+    return result;
+  }
   sendHello(result.fd.get(), request);
   if (const Error error = readWelcome(result.fd.get(), request); error != kOk) {
     return failed(error, error == kErrTimeout ? "it does not answer" : "it does not welcome us");

@@ -18,10 +18,12 @@ struct DialRequest {
   Guid target{};
   const PeerIdentity* process = nullptr;  ///< only this one will do, whoever it is; null: the plain rule
   std::chrono::steady_clock::time_point deadline;
+  /// False: only a look whether one that may be talked to listens there.
+  bool greet = true;
   const std::atomic<bool>* cancelled = nullptr;  ///< may be null
 };
 
-/// How it went. Only with kOk is there a connection, welcomed by the listener.
+/// How it went. Only with kOk is there a connection, welcomed by the listener if it was greeted.
 struct Dialled {
   Error error = kOk;
   const char* why = "";

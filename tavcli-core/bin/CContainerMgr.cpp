@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kErrorLevel = 4;
 constexpr std::uint32_t kConnectTimeoutSec = 10;
-constexpr std::uint32_t kProbeTimeoutSec = 1;
+constexpr std::uint32_t kLookWithoutWait = 0;
 
 /// A step of `init` or `start` has failed.
 bool fail(const char* function, int line, const char* text) {
@@ -137,7 +137,7 @@ void CContainerMgr::explainMissingAgent(std::uint32_t error) const {
 }
 
 bool CContainerMgr::agentAnswers() {
-  return library_.client()->Connect(kProbeTimeoutSec) == lunet::kOk;
+  return library_.client()->Connect(kLookWithoutWait) == lunet::kOk;
 }
 
 void CContainerMgr::stop() {

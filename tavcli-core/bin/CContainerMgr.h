@@ -26,8 +26,8 @@ class CContainerMgr {
   /// Gives everything back. False when not initialised.
   bool uninit();
 
-  /// True when the agent's endpoint accepts; costs one connection on this machine, and up to a second when it
-  /// does not.
+  /// True when the agent listens at its address. Costs one connection on this machine and no wait; only a
+  /// change is logged.
   bool agentAnswers();
 
  private:

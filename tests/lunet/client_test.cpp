@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <future>
+#include <sstream>
 
 #include "BusFixture.h"
 #include "support/Wait.h"
@@ -68,6 +69,46 @@ TEST_F(ClientTest, ConnectGivesUpAfterTheLesserOfTheTwoTimes) {
   EXPECT_EQ(configured->Connect(3600), lunet::kErrNoTarget);
   Client longer(config("\"connect_timeout_ms\":3600000"));
   EXPECT_EQ(longer->Connect(0), lunet::kErrNoTarget);
+}
+
+TEST_F(ClientTest, ALookFindsTheAgentWithoutAWait) {
+  installTree();
+  Client client(config());
+  Player player(lunetctl({"listen", lunet::kAgentGuid}));
+  ASSERT_TRUE(player.ready());
+  EXPECT_EQ(client->Connect(0), lunet::kOk);
+  player.process.kill(SIGSTOP);
+  EXPECT_EQ(client->Connect(0), lunet::kOk) << "it listens, though it cannot answer now";
+  player.process.kill(SIGKILL);
+  player.process.wait();
+  EXPECT_EQ(client->Connect(0), lunet::kErrNoTarget);
+}
+
+TEST_F(ClientTest, LooksLogChangesOnly) {
+  Client client(config("\"log_level\":3,\"log_path\":\"" + tree.at("bus.log") + "\""));
+  const auto linesWith = [this](const std::string& part) {
+    std::istringstream log(testsupport::readFile(tree.at("bus.log")));
+    int count = 0;
+    for (std::string line; std::getline(log, line);) {
+      count += line.find(part) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  };
+  const auto lookThrice = [&client] {
+    for (int i = 0; i < 3; ++i) {
+      client->Connect(0);
+    }
+  };
+  lookThrice();
+  EXPECT_EQ(linesWith("the agent is not reached"), 1);
+  {
+    Endpoint server(client, agent);
+    lookThrice();
+    EXPECT_EQ(linesWith("the agent accepts"), 1);
+  }
+  lookThrice();
+  EXPECT_EQ(linesWith("the agent is not reached"), 2);
+  EXPECT_EQ(linesWith("the agent accepts"), 1);
 }
 
 TEST_F(ClientTest, AMissingAgentIsNotThereForACrashedOnesFiles) {

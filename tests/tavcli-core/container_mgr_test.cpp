@@ -257,4 +257,27 @@ TEST_F(ContainerManager, DestroyedTakesEverythingDown) {
   EXPECT_NE(agent_->notifyText("{}"), lunet::kOk);
 }
 
+std::size_t countOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(ContainerManager, LooksAtAnAgentThatIsAwayForNoTimeAndNotesItOnce) {
+  tree_.setBusConfig(R"({"log_level":1})");
+  needAgent();
+  ASSERT_TRUE(init() && start());
+  agent_->leave();
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_FALSE(manager().agentAnswers());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  EXPECT_EQ(countOf(testsupport::readFile(tree_.at("log/tavcli/tavcli.ipc.log")), "is not reached"), 1U);
+  EXPECT_EQ(countOf(tree_.debugLog(), "is not reached"), 1U);
+  manager().stop();
+}
+
 }  // namespace

@@ -150,6 +150,8 @@ class IClient {
   /// Waits until the agent's endpoint accepts, for `timeoutSec` seconds or "connect_timeout_ms",
   /// whichever is less. 0 or kErrNoTarget/kErrQueueFull/kErrDenied/kErrPath, the last two at once. A process
   /// that serves others and needs nobody need not call it.
+  /// A time of 0 is a look that does not wait: 0 when a process that may be talked to listens there, which is
+  /// not asked whether it answers. A look that finds what the last call found is not logged.
   virtual std::uint32_t Connect(std::uint32_t timeoutSec) = 0;
   virtual void Uninit() = 0;
   virtual void Disconnect() = 0;
