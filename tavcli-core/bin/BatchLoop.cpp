@@ -18,6 +18,18 @@ BatchEnd endWith(std::uint32_t finalState) {
   return {finalState == kBusStateClean ? 0 : 1, false};
 }
 
+/// What the exit code of a timeout does not tell.
+std::string timeoutLine(const BatchOptions& options, const BatchHost& host) {
+  const std::string scan = "tavcli: the scan of " + options.scanPath;
+  const std::string seconds = std::to_string(options.timeoutSec) + " seconds";
+  const std::uint32_t state = g_lastBusState;
+  if (state == kBusStateNone || state == kBusStateBusy) {
+    return scan + " has not ended within " + seconds + "; it may still be running";
+  }
+  return scan + " was over in the last wait of the timeout of " + seconds + ": infected files " +
+         std::to_string(host.infectedFiles()) + ", report " + options.logPath;
+}
+
 }  // namespace
 
 MarkWait waitForMark(int timeoutSec, const std::function<int()>& tryOnce, IPause& pause) {
@@ -45,9 +57,7 @@ BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pa
     std::uint32_t state = g_lastBusState;
     if (state == kBusStateNone) {
       end = pause.sleepUntilFinal(kPollStep);
-      // A wait that the task's end cuts short is not charged: the state behind it is read even in the last
-      // step of the timeout.
-      remaining -= end == IPause::End::kFinalState ? 0 : kPollStep.count();
+      remaining -= kPollStep.count();  // in full, also where the task's end cuts the wait short
     } else if (state == kBusStateBusy) {
       if (!g_lastBusState.compare_exchange_strong(state, kBusStateNone)) {
         continue;  // a newer state has come in between
@@ -62,11 +72,7 @@ BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pa
       return {0, true};
     }
   }
-  if (const std::uint32_t state = g_lastBusState; state != kBusStateNone && state != kBusStateBusy) {
-    return endWith(state);  // it came in the last step
-  }
-  host.complain("tavcli: the scan of " + options.scanPath + " has not ended within " +
-                std::to_string(options.timeoutSec) + " seconds; it may still be running");
+  host.complain(timeoutLine(options, host));
   return {0, false};
 }
 

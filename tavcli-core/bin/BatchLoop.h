@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -14,6 +15,7 @@ namespace tavcli {
 struct BatchHost {
   std::function<void(const char* line)> execute;          ///< hands a command line to the shell
   std::function<void(const std::string& line)> complain;  ///< one line for the operator, on standard error
+  std::function<std::int64_t()> infectedFiles;            ///< as the agent has counted them so far
 };
 
 /// How an unattended run ended.
@@ -25,7 +27,9 @@ struct BatchEnd {
 inline constexpr int kExitNoMark = 3;
 
 /// Starts the scan and watches g_lastBusState until the task is over, `options.timeoutSec` is used up, or a
-/// signal comes. Main thread.
+/// signal comes. Each wait uses up its whole length of the timeout, also where the end of the task cuts it
+/// short: a task that is over in the last wait is told to the operator, and the exit code is that of a
+/// timeout. Main thread.
 BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pause);
 
 /// How the wait for the mark ended.

@@ -20,6 +20,8 @@
 #include "bin/MarkDirectory.h"
 #include "bin/Pause.h"
 #include "lineeditor/Signals.h"
+#include "command/scan/ScanRunState.h"
+#include "json/CppJson.h"
 #include "lineeditor/Terminal.h"
 #include "platform/CGlobalTag.h"
 #include "platform/Text.h"
@@ -152,7 +154,8 @@ int runMarked(const BatchOptions& options, const ContainerConfig& config, const 
                          TavCliCompletion::instance().executeLine(line);
                          std::fflush(stdout);
                        },
-                       complain};
+                       complain,
+                       [] { return CppJson::readInt64(ScanRunState::instance().result(), "virusnum", 0); }};
   const BatchEnd end = runBatch(options, host, pause);
   pause.setEverySecond(nullptr);
   watch.lookForReturn();

@@ -205,6 +205,20 @@ TEST_F(BatchRun, WithoutAnyStateEndsWithItsTimeoutAndGives0) {
   EXPECT_FALSE(std::filesystem::exists(report_));
 }
 
+TEST_F(BatchRun, WhoseScanEndsInItsLastWaitGives0AndTellsTheOutcome) {
+  start("tavcli", {"-timeout", "5"});
+  agent_->acceptScan();
+  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->overview(12, 1);
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0) << "the timeout of 5 seconds is used up by the wait of 10";
+  EXPECT_EQ(console_->err(), "tavcli: the scan of " + scanned_ +
+                                 " was over in the last wait of the timeout of 5 seconds: infected files 1, "
+                                 "report " +
+                                 report_ + "\n");
+  EXPECT_THAT(report(), HasSubstr("染毒文件全路径：/data/x\n"));
+}
+
 TEST_F(BatchRun, IgnoresStatesThatAreNotItsTasks) {
   start();
   agent_->acceptScan();

@@ -59,7 +59,8 @@ class BatchLoop : public testing::Test {
 
   BatchEnd run(int timeoutSec) {
     const tavcli::BatchHost host{[this](const char* line) { lines_.emplace_back(line); },
-                                 [this](const std::string& line) { complaints_.push_back(line); }};
+                                 [this](const std::string& line) { complaints_.push_back(line); },
+                                 [] { return 7; }};
     return tavcli::runBatch({"/data", "/tmp/r", timeoutSec}, host, pause_);
   }
 
@@ -95,7 +96,7 @@ TEST_F(BatchLoop, AnyOtherStateGives1) {
 
 TEST_F(BatchLoop, AStateThatStandsAlreadyIsNotWaitedFor) {
   const tavcli::BatchHost host{[](const char*) { g_lastBusState = tavcli::kBusStateInfected; },
-                               [](const std::string&) {}};
+                               [](const std::string&) {}, [] { return 7; }};
   EXPECT_EQ(tavcli::runBatch({"/data", "/tmp/r", 100}, host, pause_).exitCode, 1);
   EXPECT_THAT(pause_.waits, ElementsAre());
 }
@@ -118,9 +119,28 @@ TEST_F(BatchLoop, ATimeoutIsRoundedUpToWholeSteps) {
   EXPECT_THAT(pause_.waits, ElementsAre(-10, -10));
 }
 
-TEST_F(BatchLoop, AStateThatEndsTheLastWaitCounts) {
+/// What is told of a scan that ended while the last of the timeout was waited for.
+std::string endedInTheLastWait(int timeoutSec) {
+  return "tavcli: the scan of /data was over in the last wait of the timeout of " +
+         std::to_string(timeoutSec) + " seconds: infected files 7, report /tmp/r";
+}
+
+TEST_F(BatchLoop, AWaitThatTheEndOfTheTaskCutsShortIsChargedInFull) {
   pause_.script = {stateTurns(tavcli::kBusStateInfected, IPause::End::kFinalState)};
-  EXPECT_EQ(run(10).exitCode, 1);
+  EXPECT_EQ(run(10).exitCode, 0) << "the timeout has run out";
+  EXPECT_THAT(complaints_, ElementsAre(endedInTheLastWait(10)));
+}
+
+TEST_F(BatchLoop, AnInfectedEndWithAWaitLeftGives1) {
+  pause_.script = {stateTurns(tavcli::kBusStateInfected, IPause::End::kFinalState)};
+  EXPECT_EQ(run(11).exitCode, 1);
+  EXPECT_THAT(complaints_, ElementsAre());
+}
+
+TEST_F(BatchLoop, ACleanEndInTheLastWaitIsToldToo) {
+  pause_.script = {{}, stateTurns(tavcli::kBusStateClean, IPause::End::kFinalState)};
+  EXPECT_EQ(run(20).exitCode, 0);
+  EXPECT_THAT(complaints_, ElementsAre(endedInTheLastWait(20)));
 }
 
 TEST_F(BatchLoop, ABusyAgentGetsTheCommandAgainAndTheStateIsReset) {
@@ -147,16 +167,16 @@ TEST_F(BatchLoop, ABusyAgentUsesTheTimeoutUpInStepsOf30) {
   EXPECT_EQ(complaints_.size(), 1U);
 }
 
-TEST_F(BatchLoop, ATaskThatEndsInTheLastPauseBehindABusyAgentCounts) {
+TEST_F(BatchLoop, ATaskThatEndsInTheLastPauseBehindABusyAgentGives0AndOneLine) {
   pause_.script = {stateTurns(tavcli::kBusStateBusy), stateTurns(tavcli::kBusStateInfected)};
-  EXPECT_EQ(run(40).exitCode, 1);
-  EXPECT_THAT(complaints_, ElementsAre());
+  EXPECT_EQ(run(40).exitCode, 0);
+  EXPECT_THAT(complaints_, ElementsAre(endedInTheLastWait(40)));
 }
 
-TEST_F(BatchLoop, AStateThatComesAfterTheLastWaitCounts) {
+TEST_F(BatchLoop, AStateThatComesAsTheLastWaitIsOverGives0AndOneLine) {
   pause_.script = {stateTurns(tavcli::kBusStateInfected, IPause::End::kElapsed)};
-  EXPECT_EQ(run(10).exitCode, 1);
-  EXPECT_THAT(complaints_, ElementsAre());
+  EXPECT_EQ(run(10).exitCode, 0);
+  EXPECT_THAT(complaints_, ElementsAre(endedInTheLastWait(10)));
 }
 
 TEST_F(BatchLoop, AnAgentThatIsBusyToTheEndIsATimeout) {

@@ -352,7 +352,7 @@ TEST_F(ReceiversOnTheBus, TakeAWholeUnattendedRun) {
                                  ASSERT_EQ(agent_.notify("reportScanBusOverView", overview), lunet::kOk);
                                  ASSERT_EQ(agent_.notify("reportBusStatus", status(2)), lunet::kOk);
                                },
-                               [](const std::string&) {}};
+                               [](const std::string&) {}, [] { return 200; }};
   testing::internal::CaptureStdout();
   const tavcli::BatchEnd end = tavcli::runBatch({"/data", dir_.at("report"), 100}, host, pause);
   const std::string report = testsupport::readFile(dir_.at("report"));
