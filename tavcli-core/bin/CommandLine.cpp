@@ -54,6 +54,26 @@ std::optional<Refusal> refuseMissing(const BatchOptions& options) {
   return std::nullopt;
 }
 
+/// The agent has another current folder and would scan something else.
+std::optional<Refusal> makeAbsolute(std::string& scanPath) {
+  if (scanPath.front() == '/') {
+    return std::nullopt;
+  }
+  const std::string relative =
+      "tavcli: -scanpath " + shown(scanPath) + " is relative, and the current folder ";
+  const std::optional<std::string> current = CDir::current();
+  if (!current) {
+    return Refusal{"", relative + "is gone: name it from / on"};
+  }
+  if (holdsWhiteSpace(*current)) {
+    return Refusal{"", relative + shown(*current) +
+                           " holds white space, which a command line cannot carry: name a folder above it, "
+                           "from / on"};
+  }
+  scanPath = *current + "/" + scanPath;
+  return std::nullopt;
+}
+
 std::optional<Refusal> refuseUnspeakable(const BatchOptions& options) {
   if (holdsWhiteSpace(options.scanPath)) {
     return Refusal{"", "tavcli: -scanpath " + shown(options.scanPath) +
@@ -124,19 +144,14 @@ std::optional<Refusal> checkBatchOptions(BatchOptions& options) {
   if (auto refusal = refuseMissing(options)) {
     return refusal;
   }
-  if (options.scanPath.front() != '/') {
-    const std::optional<std::string> current = CDir::current();
-    if (!current) {
-      return Refusal{"", "tavcli: -scanpath " + shown(options.scanPath) +
-                             " is relative, and the current folder is gone: name it from / on"};
-    }
-    options.scanPath = *current + "/" + options.scanPath;
+  if (!CFileInfo(options.scanPath).exists() || CFileInfo(options.logPath).exists()) {
+    return Refusal{};
+  }
+  if (auto refusal = makeAbsolute(options.scanPath)) {
+    return refusal;
   }
   if (auto refusal = refuseUnspeakable(options)) {
     return refusal;
-  }
-  if (!CFileInfo(options.scanPath).exists() || CFileInfo(options.logPath).exists()) {
-    return Refusal{};
   }
   return refuseUnwritable(options.logPath);
 }

@@ -23,8 +23,8 @@ struct Refusal {
   std::string err;  ///< line for standard error; may be empty
 };
 
-/// Looks at the options and at what their paths name. A relative scan path is made absolute: the agent has
-/// another current folder and would scan something else.
+/// Looks at the options and at what their paths name; existence first, which is refused without a line. A
+/// relative scan path is made absolute.
 std::optional<Refusal> checkBatchOptions(BatchOptions& options);
 
 /// The console's command for the run, not cut.

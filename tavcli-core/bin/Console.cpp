@@ -68,6 +68,13 @@ class QuitHook {
     TavCliCompletion::instance().setQuitHook(nullptr);
     lineeditor::restoreTerminal();
   }
+/// The tree that the program runs from; the mark lies in the folder of its bus.
+ContainerConfig useInstallTree() {
+  ContainerConfig config = containerConfigFor(installDirectory());
+  useMarkDirectory(config.installDir, config.busConfigFile);
+  return config;
+}
+
   QuitHook(const QuitHook&) = delete;
   QuitHook& operator=(const QuitHook&) = delete;
 };
@@ -90,9 +97,10 @@ std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Su
   TavCliCompletion::instance().init();
   std::fflush(stdout);
   return link;
+  const ContainerConfig config = useInstallTree();
 }
 
-int runAttended(const ContainerConfig& config, const Surroundings& surroundings) {
+int runAttended(const Surroundings& surroundings) {
   lineeditor::installSignalHandlers();
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
   switch (mark.trylock(false)) {
@@ -162,8 +170,7 @@ int runMarked(const BatchOptions& options, const ContainerConfig& config, const 
   return end.exitCode;
 }
 
-int runUnattended(const std::vector<std::string>& words, const ContainerConfig& config,
-                  const Surroundings& surroundings) {
+int runUnattended(const std::vector<std::string>& words, const Surroundings& surroundings) {
   BatchOptions options = parseCommandLine(words);
   if (const std::optional<Refusal> refusal = checkBatchOptions(options)) {
     if (!refusal->out.empty()) {
@@ -175,7 +182,7 @@ int runUnattended(const std::vector<std::string>& words, const ContainerConfig& 
     return kExitBatchFailed;
   }
   const std::unique_ptr<IPause> pause = surroundings.makePause();
-  const int exitCode = runMarked(options, config, surroundings, *pause);
+  const int exitCode = runMarked(options, useInstallTree(), surroundings, *pause);
   std::fflush(stdout);
   pause->endBySignal();
   return exitCode;
@@ -190,12 +197,10 @@ int runConsole(const std::vector<std::string>& arguments, const Surroundings& su
   try {
     // A reader of our output that goes away costs the output, not the report.
     std::signal(SIGPIPE, SIG_IGN);
-    const ContainerConfig config = containerConfigFor(installDirectory());
-    useMarkDirectory(config.installDir, config.busConfigFile);
     if (arguments.size() < 2) {
-      return runAttended(config, surroundings);
+      return runAttended(surroundings);
     }
-    return runUnattended({arguments.begin() + 1, arguments.end()}, config, surroundings);
+    return runUnattended({arguments.begin() + 1, arguments.end()}, surroundings);
   } catch (const std::exception& exception) {
     complain(std::string("tavcli: ") + exception.what());
   }

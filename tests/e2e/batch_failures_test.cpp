@@ -65,6 +65,39 @@ TEST_F(BatchFailure, ScanPathThatDoesNotExistExits2Silently) {
   EXPECT_EQ(exit_, 2);
 }
 
+TEST_F(BatchFailure, ScanPathThatDoesNotExistAndHoldsABlankExits2Silently) {
+  run({"-scanpath", tree_.at("absent one"), "-logpath", report()});
+  EXPECT_EQ(out_ + err_, "");
+  EXPECT_EQ(exit_, 2);
+}
+
+/// Started in a folder that is gone.
+class WithoutACurrentFolder : public BatchFailure {
+ protected:
+  void runThere(const std::vector<std::string>& words) {
+    std::vector<std::string> command{"/bin/sh", "-c",
+                                     "mkdir ../gone && cd ../gone && rmdir ../gone && exec \"$0\" \"$@\"",
+                                     std::string(TAV_BIN_DIR) + "/tavcli"};
+    command.insert(command.end(), words.begin(), words.end());
+    Process process(command, tree_.options());
+    exit_ = process.wait().value_or(-1);
+    out_ = process.out();
+    err_ = process.err();
+  }
+};
+
+TEST_F(WithoutACurrentFolder, ABadCommandLineIsAllThatIsTold) {
+  runThere({"hello"});
+  EXPECT_EQ(out_, "get scanpath failed.\n");
+  EXPECT_EQ(exit_, 2);
+}
+
+TEST_F(WithoutACurrentFolder, AMissingScanPathExits2Silently) {
+  runThere({"-scanpath", tree_.at("absent"), "-logpath", report()});
+  EXPECT_EQ(out_ + err_, "");
+  EXPECT_EQ(exit_, 2);
+}
+
 TEST_F(BatchFailure, LogPathThatExistsExits2Silently) {
   tree_.write("report", "old");
   run(fullArguments());

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "bin/CommandLine.h"
+#include "platform/Text.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -124,6 +125,27 @@ TEST_P(WhiteSpace, InTheScanPathIsRefusedByName) {
   EXPECT_EQ(complaint.find('\n'), std::string::npos) << "one line";
 }
 
+TEST_P(WhiteSpace, InAScanPathThatDoesNotExistIsRefusedSilently) {
+  EXPECT_EQ(refusalOf(dir_.at(std::string("a") + GetParam() + "b"), dir_.at("report")), "");
+  EXPECT_EQ(out_, "");
+}
+
+TEST_P(WhiteSpace, InALogPathThatExistsIsRefusedSilently) {
+  const std::string name = std::string("a") + GetParam() + "b";
+  dir_.write(name, "old");
+  EXPECT_EQ(refusalOf(dir_.path(), dir_.at(name)), "");
+}
+
+TEST_P(WhiteSpace, InTheCurrentFolderOfARelativeScanPathNamesThatFolder) {
+  const std::string name = std::string("a") + GetParam() + "b";
+  dir_.write(name + "/data/file", "");
+  ASSERT_EQ(chdir(dir_.at(name).c_str()), 0);
+  EXPECT_EQ(refusalOf("data", dir_.at("report")),
+            "tavcli: -scanpath \"data\" is relative, and the current folder \"" +
+                platform::visibleText(dir_.at(name)) +
+                "\" holds white space, which a command line cannot carry: name a folder above it, from / on");
+}
+
 TEST_P(WhiteSpace, InTheLogPathIsRefusedByName) {
   const std::string complaint = refusalOf(dir_.path(), dir_.at(std::string("a") + GetParam() + "b"));
   EXPECT_NE(complaint.find("-logpath"), std::string::npos) << complaint;
@@ -180,21 +202,30 @@ TEST_F(BatchArguments, WithARelativeScanPathMeanTheConsolesFolder) {
   EXPECT_EQ(accepted_.scanPath, dir_.path() + "/data");
 }
 
-TEST_F(BatchArguments, WithARelativeScanPathAreRefusedWhenTheCurrentFolderIsGone) {
-  EXPECT_EXIT(
-      {
-        const std::string gone = dir_.at("gone");
-        if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0) {
-          _exit(2);
-        }
-        tavcli::BatchOptions options;
-        options.scanPath = "etc";  // there is an /etc
-        options.logPath = dir_.at("report");
-        const auto refusal = tavcli::checkBatchOptions(options);
-        std::fputs(refusal ? refusal->err.c_str() : options.scanPath.c_str(), stderr);
-        _exit(0);
-      },
-      testing::ExitedWithCode(0), "tavcli: -scanpath \"etc\" is relative, and the current folder is gone");
+class WithoutACurrentFolder : public BatchArguments {
+ protected:
+  /// Ends the process with the refusal's line on standard error.
+  [[noreturn]] void refuseThere(const char* scanPath) const {
+    const std::string gone = dir_.at("gone");
+    if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0) {
+      _exit(2);
+    }
+    tavcli::BatchOptions options;
+    options.scanPath = scanPath;
+    options.logPath = dir_.at("report");
+    const auto refusal = tavcli::checkBatchOptions(options);
+    std::fputs(refusal ? refusal->err.c_str() : options.scanPath.c_str(), stderr);
+    _exit(0);
+  }
+};
+
+TEST_F(WithoutACurrentFolder, ARelativeScanPathThatIsThereIsRefused) {
+  EXPECT_EXIT(refuseThere("."), testing::ExitedWithCode(0),
+              "^tavcli: -scanpath \"\\.\" is relative, and the current folder is gone: name it from / on$");
+}
+
+TEST_F(WithoutACurrentFolder, ARelativeScanPathThatIsNotThereIsRefusedSilently) {
+  EXPECT_EXIT(refuseThere("etc"), testing::ExitedWithCode(0), "^$");  // there is an /etc
 }
 
 TEST_F(BatchArguments, WithARelativeLogPathStayAsTheyAre) {
