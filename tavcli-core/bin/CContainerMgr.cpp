@@ -5,11 +5,11 @@
 #include <utility>
 
 #include "bin/BusConfig.h"
+#include "bin/Complain.h"
 #include "bin/LogSetup.h"
 #include "jsonrpchelper/Holders.h"
 #include "platform/CLogDebug.h"
 #include "platform/Files.h"
-#include "platform/Text.h"
 
 namespace {
 
@@ -27,8 +27,16 @@ bool fail(const char* function, int line, const char* text) {
 /// Why it has: for the debug log and the operator's standard error.
 bool explain(const char* function, int line, const std::string& why) {
   CLogDebug::LogPrintStr(kErrorLevel, __FILE__, function, line, why);
-  std::fprintf(stderr, "tavcli: %s\n", platform::visibleText(why).c_str());
+  tavcli::complain("tavcli: " + why);
   return false;
+}
+
+/// What the operator can put right about a library that is not used; the loader's own words are for the debug
+/// log.
+std::string adviceOn(const std::string& library) {
+  const std::string unsafe = CDir::whyUnsafe(library);
+  return "the bus library is not loaded: " +
+         (unsafe.empty() ? library + " is damaged or of another version: install the tree again" : unsafe);
 }
 
 }  // namespace
@@ -61,14 +69,16 @@ bool CContainerMgr::initLunet() {
   if (config_.guid.empty()) {
     return false;
   }
-  if (const std::string why = library_.load(config_.busLibraryPath); !why.empty()) {
-    return explain("initLunet", __LINE__, why);
+  std::string why = library_.load(config_.busLibraryPath);
+  if (why.empty()) {
+    why = library_.createClient();
   }
-  if (const std::string why = library_.createClient(); !why.empty()) {
-    return explain("initLunet", __LINE__, why);
+  if (!why.empty()) {
+    CLogDebug::LogPrintStr(kErrorLevel, __FILE__, "initLunet", __LINE__, why);
+    tavcli::complain("tavcli: " + adviceOn(config_.busLibraryPath));
+    return false;
   }
   // It says where the bus lies and who may join: whoever can write it decides that.
-  std::string why;
   tavcli::ContainerConfig checked = config_;
   checked.busConfigFile = CDir::resolveSafe(config_.busConfigFile, &why);
   if (checked.busConfigFile.empty()) {

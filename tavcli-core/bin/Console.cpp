@@ -14,14 +14,15 @@
 #include "bin/BatchLoop.h"
 #include "bin/CContainerMgr.h"
 #include "bin/CommandLine.h"
+#include "bin/Complain.h"
 #include "bin/ContainerConfig.h"
 #include "bin/InstallDir.h"
 #include "bin/InteractiveLoop.h"
 #include "bin/MarkDirectory.h"
 #include "bin/Pause.h"
-#include "lineeditor/Signals.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
+#include "lineeditor/Signals.h"
 #include "lineeditor/Terminal.h"
 #include "platform/CGlobalTag.h"
 #include "platform/Text.h"
@@ -34,11 +35,6 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitInteractiveFailed = -1;
 constexpr int kExitBatchFailed = 2;
-
-void complain(const std::string& line) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "%s\n", platform::visibleText(line).c_str());
-}
 
 /// The link to the agent while it is up; taken down in one place, whichever way the program ends.
 class Link {
@@ -68,16 +64,16 @@ class QuitHook {
     TavCliCompletion::instance().setQuitHook(nullptr);
     lineeditor::restoreTerminal();
   }
+  QuitHook(const QuitHook&) = delete;
+  QuitHook& operator=(const QuitHook&) = delete;
+};
+
 /// The tree that the program runs from; the mark lies in the folder of its bus.
 ContainerConfig useInstallTree() {
   ContainerConfig config = containerConfigFor(installDirectory());
   useMarkDirectory(config.installDir, config.busConfigFile);
   return config;
 }
-
-  QuitHook(const QuitHook&) = delete;
-  QuitHook& operator=(const QuitHook&) = delete;
-};
 
 /// The steps that both run modes share once the mark is held. Null when one fails, which has been said.
 std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Surroundings& surroundings,
@@ -97,11 +93,11 @@ std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Su
   TavCliCompletion::instance().init();
   std::fflush(stdout);
   return link;
-  const ContainerConfig config = useInstallTree();
 }
 
 int runAttended(const Surroundings& surroundings) {
   lineeditor::installSignalHandlers();
+  const ContainerConfig config = useInstallTree();
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
   switch (mark.trylock(false)) {
     case CGlobalTag::kAcquired:

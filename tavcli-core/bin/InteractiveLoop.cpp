@@ -7,11 +7,11 @@
 #include <string_view>
 
 #include "bin/CommandLine.h"
+#include "bin/Complain.h"
 #include "lineeditor/History.h"
 #include "lineeditor/LineEditor.h"
 #include "lineeditor/Terminal.h"
 #include "platform/ConstConfig.h"
-#include "platform/Text.h"
 #include "shell/ErrorTable.h"
 #include "shell/HelpScreens.h"
 #include "shell/TavCliCompletion.h"
@@ -27,8 +27,7 @@ std::int32_t executeGuarded(const char* line) {
   try {
     return TavCliCompletion::instance().executeLine(line);
   } catch (const std::exception& exception) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "tavcli: the command failed: %s\n", platform::visibleText(exception.what()).c_str());
+    complain(std::string("tavcli: the command failed: ") + exception.what());
     return 0;
   }
 }

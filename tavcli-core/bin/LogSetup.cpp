@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "bin/Complain.h"
 #include "json/CppJson.h"
 #include "platform/CLog.h"
 #include "platform/CLogDebug.h"
@@ -80,7 +81,7 @@ bool initLog(const ContainerConfig& config) {
   log->SetProperty(CLogDebug::kBackupCount, std::to_string(settings.backupCount));
   log->SetProperty(CLogDebug::kLevel, std::to_string(settings.level));
   if (const std::string why = CLogDebug::whyNoFolder(); !why.empty()) {
-    std::fprintf(stderr, "tavcli: no debug log is written: %s\n", why.c_str());
+    complain("tavcli: no debug log is written: " + why);
   }
   std::printf("=====initLog=====\nloglevel:%d\nlogSize:%d\nlogName:%s\nlogPath:%s\nlogBackupMaxNum:%d\n",
               settings.level, settings.sizeBytes, name.c_str(), platform::visibleText(path).c_str(),

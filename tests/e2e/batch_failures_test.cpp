@@ -173,6 +173,23 @@ TEST_F(BatchFailure, AMissingAgentPrintsInitAfxFailedAndExits2AndSaysHowToStartI
   EXPECT_EQ(exit_, 2);
 }
 
+TEST_F(BatchFailure, ABusLibraryThatCannotBeLoadedIsToldBehindWhatWasPrintedBefore) {
+  std::filesystem::remove(tree_.busLibrary());
+  std::vector<std::string> command{"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1",
+                                   std::string(TAV_BIN_DIR) + "/tavcli"};
+  for (const std::string& word : fullArguments()) {
+    command.push_back(word);
+  }
+  Process process(command, tree_.options());
+  EXPECT_EQ(process.wait(), 2);
+  const std::string all = process.out();
+  const std::size_t summary = all.find("=====initLog=====");
+  const std::size_t why = all.find("\ntavcli: the bus library is not loaded: ");
+  EXPECT_LT(summary, why) << all;
+  EXPECT_LT(why, all.find("\ninitLunet failed\ninit afx failed\n")) << all;
+  EXPECT_EQ(all.find("dlopen"), std::string::npos) << all;
+}
+
 TEST_F(BatchFailure, AMissingBusLibraryPrintsInitLunetFailedAndExits2) {
   std::filesystem::remove(tree_.busLibrary());
   run(fullArguments());

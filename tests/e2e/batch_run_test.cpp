@@ -219,6 +219,20 @@ TEST_F(BatchRun, WhoseScanEndsInItsLastWaitGives0AndTellsTheOutcome) {
   EXPECT_THAT(report(), HasSubstr("染毒文件全路径：/data/x\n"));
 }
 
+TEST_F(BatchRun, WithoutAPlaceForItsDebugLogSaysSoInALineThatThePagesTellOf) {
+  std::filesystem::permissions(tree_.at("log"), std::filesystem::perms(0777));
+  start();
+  agent_->acceptScan();
+  agent_->state(2);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(console_->err(), testing::StartsWith("tavcli: no debug log is written: "));
+  for (const char* page : {"/docs/batch.md", "/docs/console.md"}) {
+    EXPECT_THAT(testsupport::readFile(std::string(TAV_SOURCE_DIR) + page),
+                HasSubstr("`no debug log is written: …`"))
+        << page;
+  }
+}
+
 TEST_F(BatchRun, IgnoresStatesThatAreNotItsTasks) {
   start();
   agent_->acceptScan();

@@ -179,6 +179,8 @@ TEST_F(ContainerManager, WithoutTheBusLibraryHasTheDlopenLineInTheDebugLog) {
   EXPECT_THAT(out_, EndsWith("\ninitLunet failed\n"));
   EXPECT_THAT(tree_.debugLog(), HasSubstr("dlopen failed: "));
   EXPECT_THAT(tree_.debugLog(), HasSubstr("initLunet failed"));
+  EXPECT_EQ(err_, "tavcli: the bus library is not loaded: cannot resolve " + tree_.busLibrary() +
+                      ": No such file or directory\n");
 }
 
 TEST_F(ContainerManager, WithALibraryWithoutCreateInstanceHasTheDlsymLineInTheDebugLog) {
@@ -189,6 +191,16 @@ TEST_F(ContainerManager, WithALibraryWithoutCreateInstanceHasTheDlsymLineInTheDe
   EXPECT_FALSE(init());
   EXPECT_THAT(out_, EndsWith("\ninitLunet failed\n"));
   EXPECT_THAT(tree_.debugLog(), HasSubstr("dlsym CreateInstance failed: "));
+  EXPECT_EQ(err_, "tavcli: the bus library is not loaded: " + tree_.busLibrary() +
+                      " is damaged or of another version: install the tree again\n");
+}
+
+TEST_F(ContainerManager, WithALibraryThatIsNoneHasTheDlopenLineInTheDebugLogOnly) {
+  tree_.write("lib/modules/libLunetClientMgr.so", "no shared object");
+  EXPECT_FALSE(init());
+  EXPECT_THAT(tree_.debugLog(), HasSubstr("dlopen failed: "));
+  EXPECT_EQ(err_, "tavcli: the bus library is not loaded: " + tree_.busLibrary() +
+                      " is damaged or of another version: install the tree again\n");
 }
 
 TEST_F(ContainerManager, DoesNotLoadALibraryThatOthersCanWrite) {
@@ -245,18 +257,6 @@ TEST_F(ContainerManager, SeesTheAgentGoAndComeBack) {
   manager().stop();
 }
 
-TEST_F(ContainerManager, DestroyedTakesEverythingDown) {
-  needAgent();
-  {
-    CContainerMgr manager(config_);
-    testing::internal::CaptureStdout();
-    ASSERT_TRUE(manager.init() && manager.start());
-    testing::internal::GetCapturedStdout();
-    manager.stop();
-  }
-  EXPECT_NE(agent_->notifyText("{}"), lunet::kOk);
-}
-
 std::size_t countOf(const std::string& text, const std::string& part) {
   std::size_t count = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
@@ -278,6 +278,18 @@ TEST_F(ContainerManager, LooksAtAnAgentThatIsAwayForNoTimeAndNotesItOnce) {
   EXPECT_EQ(countOf(testsupport::readFile(tree_.at("log/tavcli/tavcli.ipc.log")), "is not reached"), 1U);
   EXPECT_EQ(countOf(tree_.debugLog(), "is not reached"), 1U);
   manager().stop();
+}
+
+TEST_F(ContainerManager, DestroyedTakesEverythingDown) {
+  needAgent();
+  {
+    CContainerMgr manager(config_);
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(manager.init() && manager.start());
+    testing::internal::GetCapturedStdout();
+    manager.stop();
+  }
+  EXPECT_NE(agent_->notifyText("{}"), lunet::kOk);
 }
 
 }  // namespace
