@@ -217,7 +217,19 @@ TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {
   const std::string withoutEngine = plan().cacheKey;
   EXPECT_NE(layered, withoutEngine);
   params["scan_type"] = 5;
-  EXPECT_NE(withoutEngine, plan().cacheKey);
+  const std::string strong = plan().cacheKey;
+  EXPECT_NE(withoutEngine, strong);
+  settings.scan["Compressed"]["FileSize"] = 7;
+  const std::string smallArchives = plan().cacheKey;
+  EXPECT_NE(strong, smallArchives);
+  settings.scan["Compressed"]["Format"].append("cab");
+  const std::string oneFormatMore = plan().cacheKey;
+  EXPECT_NE(smallArchives, oneFormatMore);
+  settings.scan["Compressed"]["Format"] = Json::Value(Json::arrayValue);
+  const std::string everyFormat = plan().cacheKey;
+  EXPECT_NE(oneFormatMore, everyFormat);
+  settings.scan["Compressed"]["Flag"] = false;
+  EXPECT_NE(everyFormat, plan().cacheKey);
 }
 
 TEST_F(PlanTest, AForcedScanWritesTheCacheAndDoesNotReadIt) {

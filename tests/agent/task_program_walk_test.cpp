@@ -142,6 +142,39 @@ TEST_F(ProgramWalkTest, AUsersProgramThatIsNotAtItsPathIsSkippedAndNothingElseIs
   EXPECT_THAT(met.files, Not(Contains(path)));
 }
 
+TEST_F(ProgramWalkTest, AFileThatCameToAUsersProgramsPathMeanwhileIsNotMet) {
+  const std::string path = run("program", kUser);
+  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  std::filesystem::rename(dir.write("another", "another file"), path);
+  walkPrograms(listed, kUser, 1.0, met);
+  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(met.files, Not(Contains(path)));
+}
+
+TEST_F(ProgramWalkTest, AFileOfTheSameNumberOnAnotherDiskIsNotAUsersProgram) {
+  const std::string path = run("program", kUser);
+  struct stat status {};
+  ASSERT_EQ(0, stat(path.c_str(), &status));
+  RunningProgram program;
+  program.uid = kUser;
+  program.path = path;
+  program.inode = status.st_ino;
+  program.device = status.st_dev + 1;
+  walkPrograms({program}, kUser, 1.0, met);
+  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(met.files, IsEmpty());
+}
+
+TEST_F(ProgramWalkTest, ALinkThatCameToAUsersProgramsPathIsNotFollowed) {
+  const std::string path = run("program", kUser);
+  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  std::filesystem::rename(path, dir.at("moved"));
+  std::filesystem::create_symlink("moved", path);
+  walkPrograms(listed, kUser, 1.0, met);
+  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(met.files, Not(Contains(path)));
+}
+
 TEST_F(ProgramWalkTest, AProcessThatEndedMeanwhileIsSkipped) {
   RunningProgram program;
   program.path = "/gone";

@@ -59,6 +59,22 @@ TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsRightsAgain) {
   EXPECT_EQ(0, setfsuid(static_cast<uid_t>(-1)));
 }
 
+std::vector<gid_t> groupsOfThisThread() {
+  std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
+  EXPECT_EQ(static_cast<int>(groups.size()), getgroups(static_cast<int>(groups.size()), groups.data()));
+  return groups;
+}
+
+TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsGroupsAgain) {
+  const std::vector<gid_t> before = groupsOfThisThread();
+  {
+    const CallerRights rights(caller);
+    EXPECT_EQ(std::vector{kOtherGroup}, groupsOfThisThread());
+  }
+  EXPECT_EQ(before, groupsOfThisThread());
+  EXPECT_EQ(getegid(), static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))));
+}
+
 TEST_F(CallerRightsTest, OtherThreadsKeepTheAgentsRights) {
   std::promise<void> go;
   std::promise<bool> could;

@@ -1,5 +1,3 @@
-// A whole scan in this process: real store, real workers; only who hears of it is played.
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,15 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
-
-#include "json/CppJson.h"
+#include "TaskFixture.h"
 #include "support/Samples.h"
-#include "support/TempDir.h"
 #include "support/Wait.h"
 #include "task/FileSystems.h"
-#include "task/ScanTask.h"
 
 namespace agent {
 namespace {
@@ -23,99 +16,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::waitFor;
-
-/// Writes down what a task tells; detections can be held up on their way.
-class Owner final : public TaskEvents {
- public:
-  void state(State state, const std::string&) override {
-    const std::lock_guard guard(mutex_);
-    states_.push_back(state);
-  }
-  void progress(int) override {}
-  void overview(const Json::Value& overview) override {
-    const std::lock_guard guard(mutex_);
-    overview_ = overview;
-  }
-  void stage(int, const std::string&) override {}
-  void attributes(const Json::Value&) override {}
-  void risk(int, int, const Json::Value& info) override {
-    const std::lock_guard guard(mutex_);
-    risks_.push_back(info["item"].asString());
-  }
-  void repaired(int, int, const Json::Value&, const Json::Value&) override {}
-  void waitForRoom(const std::function<bool()>& cancelled) override {
-    waiting = true;
-    EXPECT_TRUE(waitFor([&] { return !held || cancelled(); }));
-  }
-  void whenTold(std::function<void()> action) override { action(); }
-
-  std::vector<int> states() const {
-    const std::lock_guard guard(mutex_);
-    return states_;
-  }
-  std::vector<std::string> risks() const {
-    const std::lock_guard guard(mutex_);
-    return risks_;
-  }
-  int counted(const char* what) const {
-    const std::lock_guard guard(mutex_);
-    return overview_[what].asInt();
-  }
-  std::atomic<bool> held{false}, waiting{false};
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<int> states_;
-  std::vector<std::string> risks_;
-  Json::Value overview_;
-};
-
-class ScanTaskTest : public ::testing::Test {
- protected:
-  static Spawner::Config config(const testsupport::TempDir& dir) {
-    Spawner::Config config;
-    config.shippedSignatures = TAV_SOURCE_DIR "/packaging/etc/agent/signatures";
-    config.systemSignatures = dir.at("system");
-    config.tempFolder = dir.path();
-    return config;
-  }
-  static ScanPlan custom(const std::vector<std::string>& items) {
-    ScanPlan plan;
-    plan.mode = ScanPlan::kCustom;
-    plan.scanType = 2;
-    plan.items = items;
-    plan.parallelism = 1;
-    plan.useCache = plan.readCache = true;
-    return plan;
-  }
-  std::unique_ptr<ScanTask> begin(const ScanPlan& plan) {
-    owner = std::make_shared<Owner>();
-    owner->held = held;
-    auto task =
-        std::make_unique<ScanTask>(ScanTask::Parts{*store, spawner, {}, std::chrono::milliseconds(20)},
-                                   "token", plan, CallerId{geteuid(), getegid(), {}, getpid()}, owner);
-    task->start({[] {}, [] {}});
-    return task;
-  }
-  void scan(const std::vector<std::string>& items) {
-    const std::unique_ptr<ScanTask> task = begin(custom(items));
-    EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-    EXPECT_THAT(owner->states(), ElementsAre(0, 1, 2));
-  }
-  void list(int region, const std::string& path) {
-    Json::Value items;
-    CppJson::LoadJsonString(R"({"action":0,"type":0,"domain":0,"is_all":false})", items);
-    items["items"].append(json::encodePath(path));
-    std::string why;
-    EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}, &why)) << why;
-  }
-
-  testsupport::TempDir dir{testsupport::diskFolder()};
-  Spawner spawner{config(dir)};
-  std::unique_ptr<Store> store = Store::open(dir.at("state"));
-  std::shared_ptr<Owner> owner;
-  bool held = false;
-};
 
 TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsToldAndTheEndWaitsForTheResume) {
   const std::string file = dir.write("eicar.com", testsupport::eicar());
@@ -207,13 +107,29 @@ TEST_F(ScanTaskTest, AFileInMemoryIsNeverTakenFromTheCacheForItCanChangeAndKeepI
   EXPECT_THAT(owner->risks(), ElementsAre(inMemory));
 }
 
+TEST_F(ScanTaskTest, AFileThatIsKnownCleanIsScannedAgainWhenItsHashJoinsAListOfHashes) {
+  const std::string path = dir.write("file", "abc");
+  list(1, "0123456789abcdef0123456789abcdef", kMd5);
+  ASSERT_TRUE(becomesKnownClean(path));
+  EXPECT_THAT(owner->risks(), IsEmpty());
+  list(1, "900150983cd24fb0d6963f7d28e17f72", kMd5);
+  scan({path});
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
+}
+
+TEST_F(ScanTaskTest, AFileThatIsKnownCleanIsADetectionWhenItsPathIsRejected) {
+  const std::string path = dir.write("file", "abc");
+  ASSERT_TRUE(becomesKnownClean(path));
+  EXPECT_THAT(owner->risks(), IsEmpty());
+  list(1, path);
+  scan({path});
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
+}
+
 TEST_F(ScanTaskTest, AFileOnDiskThatIsChangedThroughAMappingIsScannedAgain) {
   const std::string sample = testsupport::eicar();
   const std::string path = dir.write("file", std::string(sample.size(), 'x'));
-  ASSERT_TRUE(waitFor([&] {
-    scan({path});
-    return store->cache().count() == 1;
-  }));
+  ASSERT_TRUE(becomesKnownClean(path));
   EXPECT_THAT(owner->risks(), IsEmpty());
   overwrite(path, sample);
   scan({path});

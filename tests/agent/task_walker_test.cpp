@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <thread>
@@ -289,28 +290,120 @@ TEST_F(WalkerTest, ATreeDeeperThanTheOpenFoldersIsWalkedToItsEnds) {
 }
 
 TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
-  std::string deep = "top";
-  for (int i = 0; i < 80; ++i) {
-    deep += "/d";
-    std::filesystem::create_directories(dir.at(deep + "/z"));
+  constexpr int kLevels = 80;      // more than the walk keeps open
+  constexpr int kMovedLevels = 6;  // below the top, of those whose parents are closed by then
+  std::vector<std::string> folders{dir.at("top")};
+  for (int i = 0; i < kLevels; ++i) {
+    dir.write(folders.back().substr(dir.path().size() + 1) + "/beside" + std::to_string(i) + "/f", "x");
+    folders.push_back(folders.back() + "/d");
+    std::filesystem::create_directories(folders.back());
   }
-  dir.write(deep + "/last", "x");
-  std::filesystem::create_directories(dir.at("elsewhere"));
-  const std::string middle = dir.at("top/d/d/d");
-  bool moved = false;
-  met.onFile = [&](const std::string&) {
-    std::filesystem::rename(middle, dir.at("elsewhere/d"));
-    moved = true;
+  dir.write(folders.back().substr(dir.path().size() + 1) + "/last", "x");
+  std::string left;
+  met.onFile = [&](const std::string& path) {
+    if (path != folders.back() + "/last") {
+      return;
+    }
+    // A folder whose neighbour is still to be met, so that the walk has a reason to come back to its parent.
+    for (int i = kMovedLevels; i > 0 && left.empty(); --i) {
+      const std::string name = "/beside" + std::to_string(i);
+      const std::string neighbour = folders[static_cast<std::size_t>(i)] + name;
+      if (met.contents.count(neighbour + "/f") == 0) {
+        left = neighbour;
+        dir.write("elsewhere" + name + "/f", "not below the named folder");
+        std::filesystem::rename(folders[static_cast<std::size_t>(i) + 1], dir.at("elsewhere/d"));
+      }
+    }
   };
   EXPECT_EQ("", walk(dir.at("top")));
-  ASSERT_TRUE(moved);
-  for (const auto& [path, reason] : met.failures) {
-    EXPECT_THAT(reason, HasSubstr("moved"));
+  ASSERT_NE("", left) << "no neighbour was left over";
+  EXPECT_THAT(met.failures[left], HasSubstr("moved while it was scanned"));
+  for (const auto& [path, content] : met.contents) {
+    EXPECT_EQ("x", content) << path;
   }
-  for (const std::string& file : met.files) {
-    EXPECT_EQ(0U, file.rfind(dir.at("top"), 0));
-  }
+  EXPECT_NEAR(1.0, met.progress, 1e-6);
 }
+
+/// What stands in an entry's place by the time the walk comes to it.
+struct ExchangeRow {
+  const char* name;
+  std::function<void(const testsupport::TempDir&, const std::string& path)> put;
+};
+class Exchanged : public WalkerTest, public ::testing::WithParamInterface<ExchangeRow> {
+ protected:
+  /// Puts the row's entry in the place of the one that was there.
+  void exchange(const std::string& path) {
+    std::filesystem::remove_all(path);
+    GetParam().put(dir, path);
+  }
+  void expectSkipped(const std::string& path) {
+    EXPECT_EQ("was exchanged while its folder was read", met.skips[path]);
+    EXPECT_EQ(0U, met.contents.count(path));
+    for (const auto& [file, content] : met.contents) {
+      EXPECT_EQ("x", content) << file;
+    }
+    EXPECT_NEAR(1.0, met.progress, 1e-9);
+  }
+};
+
+class ExchangedFile : public Exchanged {};
+TEST_P(ExchangedFile, IsSkippedWhateverCameInItsPlace) {
+  dir.write("tree/a", "x");
+  dir.write("tree/b", "x");
+  std::string other;
+  met.onFile = [&](const std::string& path) {
+    if (other.empty()) {
+      other = path == dir.at("tree/a") ? dir.at("tree/b") : dir.at("tree/a");
+      exchange(other);
+    }
+  };
+  EXPECT_EQ("", walk(dir.at("tree")));
+  expectSkipped(other);
+}
+
+class ExchangedFolder : public Exchanged {};
+TEST_P(ExchangedFolder, IsSkippedWhateverCameInItsPlace) {
+  dir.write("tree/a", "x");
+  dir.write("tree/sub/file", "x");
+  met.onFile = [&](const std::string& path) {
+    if (path == dir.at("tree/a")) {
+      exchange(dir.at("tree/sub"));
+    }
+  };
+  EXPECT_EQ("", walk(dir.at("tree")));
+  expectSkipped(dir.at("tree/sub"));
+}
+
+const ExchangeRow kLinkToAFile{"LinkToAFile", [](const testsupport::TempDir& dir, const std::string& path) {
+                                 dir.write("outside/file", "not below the named folder");
+                                 std::filesystem::create_symlink(dir.at("outside/file"), path);
+                               }};
+const ExchangeRow kLinkToAFolder{"LinkToAFolder",
+                                 [](const testsupport::TempDir& dir, const std::string& path) {
+                                   dir.write("outside/file", "not below the named folder");
+                                   std::filesystem::create_directory_symlink(dir.at("outside"), path);
+                                 }};
+const ExchangeRow kFifo{"Fifo", [](const testsupport::TempDir&, const std::string& path) {
+                          EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
+                        }};
+const ExchangeRow kSocket{"Socket", [](const testsupport::TempDir&, const std::string& path) {
+                            EXPECT_EQ(0, mknod(path.c_str(), S_IFSOCK | 0600, 0));
+                          }};
+const ExchangeRow kDevice{"Device", [](const testsupport::TempDir&, const std::string& path) {
+                            EXPECT_EQ(0, mknod(path.c_str(), S_IFCHR | 0600, makedev(1, 3)));
+                          }};
+const ExchangeRow kFolder{"Folder", [](const testsupport::TempDir&, const std::string& path) {
+                            EXPECT_TRUE(std::filesystem::create_directory(path));
+                          }};
+const ExchangeRow kFile{"File", [](const testsupport::TempDir&, const std::string& path) {
+                          std::ofstream(path) << "another file";
+                        }};
+INSTANTIATE_TEST_SUITE_P(By, ExchangedFile,
+                         ::testing::Values(kLinkToAFile, kLinkToAFolder, kFifo, kSocket, kDevice, kFolder),
+                         [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(By, ExchangedFolder,
+                         ::testing::Values(kLinkToAFile, kLinkToAFolder, kFifo, kSocket, kDevice, kFile),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(WalkerTest, AFolderMetTwiceIsScannedOnce) {
   dir.write("a/file", "x");

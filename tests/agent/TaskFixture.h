@@ -1,0 +1,81 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "TaskListener.h"
+#include "support/TempDir.h"
+#include "task/ScanTask.h"
+
+namespace agent {
+
+/// A whole scan in this process: real store, real workers; only who hears of it is played.
+class ScanTaskTest : public ::testing::Test {
+ protected:
+  static Spawner::Config config(const testsupport::TempDir& dir) {
+    Spawner::Config config;
+    config.shippedSignatures = TAV_SOURCE_DIR "/packaging/etc/agent/signatures";
+    config.systemSignatures = dir.at("system");
+    config.tempFolder = dir.path();
+    return config;
+  }
+  static ScanPlan custom(const std::vector<std::string>& items) {
+    ScanPlan plan;
+    plan.mode = ScanPlan::kCustom;
+    plan.scanType = 2;
+    plan.items = items;
+    plan.parallelism = 1;
+    plan.useCache = plan.readCache = true;
+    return plan;
+  }
+  std::unique_ptr<ScanTask> begin(const ScanPlan& plan) {
+    owner = std::make_shared<TaskListener>();
+    owner->held = held;
+    owner->onStage = onStage;
+    auto task = std::make_unique<ScanTask>(
+        ScanTask::Parts{*store, spawner, ownFolders, std::chrono::milliseconds(20)}, "token", plan, caller,
+        owner);
+    task->start({[] {}, [] {}});
+    return task;
+  }
+  void scan(const ScanPlan& plan) {
+    const std::unique_ptr<ScanTask> task = begin(plan);
+    EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+    EXPECT_THAT(owner->states(), ::testing::ElementsAre(0, 1, 2));
+  }
+  void scan(const std::vector<std::string>& items) { scan(custom(items)); }
+  /// Scans the file until the cache knows it, as the first file: one that changed a moment ago is not
+  /// remembered yet.
+  bool becomesKnownClean(const std::string& path) {
+    return testsupport::waitFor([&] {
+      scan({path});
+      return store->cache().count() == 1;
+    });
+  }
+  enum ListType { kFile = 0, kMd5 = 3 };
+  /// Puts one entry on a list: region 0 trusts, 1 rejects.
+  void list(int region, const std::string& item, ListType type = kFile) {
+    Json::Value items;
+    CppJson::LoadJsonString(R"({"action":0,"domain":0,"is_all":false})", items);
+    items["type"] = type;
+    items["items"].append(json::encodePath(item));
+    std::string why;
+    EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}, &why)) << why;
+  }
+
+  testsupport::TempDir dir{testsupport::diskFolder()};
+  Spawner spawner{config(dir)};
+  std::unique_ptr<Store> store = Store::open(dir.at("state"));
+  std::vector<std::string> ownFolders;
+  CallerId caller{geteuid(), getegid(), {}, getpid()};
+  std::shared_ptr<TaskListener> owner;  ///< of the last scan
+  std::function<void(int)> onStage;
+  bool held = false;
+};
+
+}  // namespace agent

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "json/CppJson.h"
+#include "support/Wait.h"
+#include "task/RiskRecords.h"
+#include "task/TaskEvents.h"
+
+namespace agent {
+
+/// Writes down what a task tells; detections can be held up on their way. Any thread.
+class TaskListener final : public TaskEvents {
+ public:
+  void state(State state, const std::string& detail) override {
+    const std::lock_guard guard(mutex_);
+    states_.push_back(state);
+    detail_ = detail;
+  }
+  void progress(int percent) override {
+    const std::lock_guard guard(mutex_);
+    percents_.push_back(percent);
+  }
+  void overview(const Json::Value& overview) override {
+    const std::lock_guard guard(mutex_);
+    overview_ = overview;
+  }
+  void stage(int stage, const std::string&) override {
+    {
+      const std::lock_guard guard(mutex_);
+      stages_.push_back(stage);
+    }
+    if (onStage) {
+      onStage(stage);
+    }
+  }
+  void attributes(const Json::Value& payload) override {
+    const std::lock_guard guard(mutex_);
+    attributes_ = payload;
+  }
+  void risk(int kind, int, const Json::Value& info) override {
+    const std::lock_guard guard(mutex_);
+    kind == kFileRisk ? risks_.push_back(json::decodePath(info["item"].asString()))
+                      : processes_.push_back(info["process_info"]["pid"].asInt());
+  }
+  void repaired(int kind, int, const Json::Value& info, const Json::Value& result) override {
+    const std::lock_guard guard(mutex_);
+    kind == kFileRisk ? files_[json::decodePath(info["item"].asString())] = result
+                      : ofProcesses_[info["process_info"]["pid"].asInt()] = result;
+  }
+  void waitForRoom(const std::function<bool()>& cancelled) override {
+    waiting = true;
+    EXPECT_TRUE(testsupport::waitFor([&] { return !held || cancelled(); }));
+  }
+  void whenTold(std::function<void()> action) override { action(); }
+
+  std::vector<int> states() const { return copied(states_); }
+  std::string detail() const { return copied(detail_); }  ///< of the last state
+  std::vector<int> percents() const { return copied(percents_); }
+  std::vector<int> stages() const { return copied(stages_); }
+  Json::Value attributes() const { return copied(attributes_); }
+  std::vector<std::string> risks() const { return copied(risks_); }  ///< files, as they were told
+  std::vector<int> processes() const { return copied(processes_); }  ///< by pid
+  int counted(const char* what) const { return copied(overview_)[what].asInt(); }
+  /// What became of a file: 0 when nothing was told.
+  int handled(const std::string& path) const { return result(files_, path, "handle_result").asInt(); }
+  std::string handledHow(const std::string& path) const {
+    return result(files_, path, "handle_detail").asString();
+  }
+  int handled(pid_t pid) const { return result(ofProcesses_, pid, "handle_result").asInt(); }
+
+  std::function<void(int)> onStage;  ///< on the task's thread
+  std::atomic<bool> held{false}, waiting{false};
+
+ private:
+  template <class Value>
+  Value copied(const Value& value) const {
+    const std::lock_guard guard(mutex_);
+    return value;
+  }
+  template <class Key>
+  Json::Value result(const std::map<Key, Json::Value>& results, const Key& key, const char* member) const {
+    const std::lock_guard guard(mutex_);
+    const auto found = results.find(key);
+    return found == results.end() ? Json::Value() : found->second[member];
+  }
+
+  mutable std::mutex mutex_;
+  std::vector<int> states_, percents_, stages_, processes_;
+  std::string detail_;
+  std::vector<std::string> risks_;
+  std::map<std::string, Json::Value> files_;
+  std::map<pid_t, Json::Value> ofProcesses_;
+  Json::Value overview_, attributes_;
+};
+
+}  // namespace agent

@@ -1,0 +1,97 @@
+// What becomes of a detection: real files, real store.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "TaskListener.h"
+#include "store/StepHook.h"
+#include "support/TempDir.h"
+#include "task/DetectionHandler.h"
+
+namespace agent {
+namespace {
+
+using ::testing::HasSubstr;
+
+class Handling : public testing::Test {
+ protected:
+  Handling() {
+    plan_.fixMethod = 0;
+    plan_.handling = ScanPlan::Handling::kDelete;
+  }
+  void TearDown() override { store::stepHook = nullptr; }
+
+  static std::shared_ptr<ScanJob> scanned(const std::string& path) {
+    auto job = std::make_shared<ScanJob>();
+    job->path = path;
+    job->fd = platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    fstat(job->fd.get(), &job->status);
+    job->identity = FileIdentity::of(job->status);
+    job->folderWritable = true;
+    return job;
+  }
+  static Verdict infected() {
+    Verdict verdict;
+    verdict.outcome = Outcome::kInfected;
+    verdict.detections.push_back(Detection{"Test", 0, 1, "test"});
+    return verdict;
+  }
+  int handle(std::shared_ptr<ScanJob> job, Verdict verdict = infected()) {
+    const std::string path = job->path;
+    DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
+    handler.found(std::move(job), std::move(verdict));
+    handler.waitBelow(1);
+    return told_.handled(path);
+  }
+
+  testsupport::TempDir folder_;
+  std::unique_ptr<Store> store_ = Store::open(folder_.at("state"));
+  ScanPlan plan_;
+  CallerId caller_{.uid = geteuid(), .gid = getegid(), .groups = {}, .pid = getpid()};
+  Counters counters_;
+  TaskControl control_;
+  TaskListener told_;
+};
+
+TEST_F(Handling, TheScannedFileIsRemovedAndNothingIsLeft) {
+  std::filesystem::create_directory(folder_.at("d"));
+  const std::string path = folder_.write("d/file", "bad");
+  EXPECT_EQ(handle(scanned(path)), 1);
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.at("d")));
+}
+
+TEST_F(Handling, AnotherFileThatWasTakenAtTheLastMomentIsPutBack) {
+  std::filesystem::create_directory(folder_.at("d"));
+  const std::string path = folder_.write("d/file", "bad");
+  const std::string good = folder_.write("good", "good");
+  store::stepHook = [&](const std::string& step) {
+    if (step == "moved") {
+      for (const auto& entry : std::filesystem::directory_iterator(folder_.at("d"))) {
+        std::filesystem::rename(good, entry.path());
+      }
+    }
+  };
+  EXPECT_EQ(handle(scanned(path)), 4);
+  EXPECT_EQ(testsupport::readFile(path), "good");
+}
+
+TEST_F(Handling, AFileWhoseBytesAreNotTheScannedOnesIsNotQuarantined) {
+  plan_.handling = ScanPlan::Handling::kQuarantine;
+  const std::string path = folder_.write("d/file", "bad");
+  Verdict verdict = infected();
+  verdict.md5 = "900150983cd24fb0d6963f7d28e17f72";  // of "abc"
+  EXPECT_EQ(handle(scanned(path), verdict), 4);
+  EXPECT_THAT(told_.handledHow(path), HasSubstr("changed after it was scanned"));
+  EXPECT_EQ(testsupport::readFile(path), "bad");
+  EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
+
+  verdict.md5 = "bae60998ffe4923b131e3d6e4c19993e";
+  EXPECT_EQ(handle(scanned(path), verdict), 1);
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+}  // namespace
+}  // namespace agent
