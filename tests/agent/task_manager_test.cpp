@@ -1,0 +1,309 @@
+// The scans under way and who may see and steer them: real store, real workers, an endpoint without a bus.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "json/CppJson.h"
+#include "support/FakeEndpoint.h"
+#include "support/TempDir.h"
+#include "support/Wait.h"
+#include "task/TaskManager.h"
+
+namespace agent {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+using testsupport::waitFor;
+
+constexpr uid_t kUser = 60123;
+constexpr uid_t kThird = 60124;
+constexpr std::chrono::seconds kLimit{20};
+
+CallerId callerOf(uid_t uid) {
+  return {uid, uid, {}, getpid()};
+}
+
+/// The workers begin no file before release() is called, so that each scan of a file is under way until then.
+class Tasks : public ::testing::Test {
+ protected:
+  Tasks() {
+    EXPECT_EQ(0, chmod(dir.path().c_str(), 0755));
+    file = dir.write("file", "clean");
+    EXPECT_EQ(0, chmod(file.c_str(), 0644));
+  }
+  void TearDown() override {
+    EXPECT_TRUE(tasks.stopAll("the test ends", kLimit));
+    EXPECT_TRUE(outbox.drain(kLimit));
+  }
+  static Spawner::Config config(const testsupport::TempDir& dir) {
+    Spawner::Config config;
+    config.shippedSignatures = TAV_SOURCE_DIR "/packaging/etc/agent/signatures";
+    config.systemSignatures = dir.at("system");
+    config.tempFolder = dir.path();
+    config.beforeFile = [release = dir.at("release")](const std::string&) {
+      waitFor([&] { return access(release.c_str(), F_OK) == 0; }, std::chrono::minutes(5));
+    };
+    return config;
+  }
+  void release() const { dir.write("release", ""); }
+
+  TaskManager::Started start(uid_t uid, int scanType = 2) {
+    TaskManager::StartRequest request;
+    CppJson::LoadJsonString(R"({"some":"context"})", request.ctx);
+    CppJson::LoadJsonString(R"({"fix_method":2})", request.params);
+    request.params["scan_type"] = scanType;
+    request.params["items"].append(file);
+    request.source = 7;
+    request.owner.guid = {1, 2, 3};
+    request.owner.process.pid = 4711;
+    request.owner.process.uid = uid;
+    request.owner.process.startTicks = 99;
+    request.caller = callerOf(uid);
+    return tasks.start(request);
+  }
+  std::vector<std::string> seenBy(uid_t uid) const {
+    std::vector<std::string> tokens;
+    for (const Json::Value& task : tasks.list(callerOf(uid))) {
+      tokens.push_back(task["token_id"].asString());
+    }
+    return tokens;
+  }
+  bool control(int action, const std::string& token, uid_t uid) {
+    return tasks.control(action, token, "", callerOf(uid), &why);
+  }
+  /// The states that a task's owner was told. Only when no task is under way.
+  std::vector<int> statesTold(const std::string& token) {
+    EXPECT_EQ(0U, tasks.count());
+    // Forgotten once its owner has been told all.
+    EXPECT_TRUE(waitFor([&] { return store->tasks().all().empty(); }));
+    EXPECT_TRUE(outbox.drain(kLimit));
+    std::vector<int> states;
+    for (const testsupport::FakeEndpoint::Sent& sent : endpoint.sent) {
+      Json::Value message;
+      EXPECT_TRUE(CppJson::LoadJsonString(sent.text, message));
+      if (message["method"] == "reportBusStatus" && message["params"]["token_id"] == token) {
+        states.push_back(message["params"]["state"].asInt());
+        last = message["params"];
+        lastTo = sent.process;
+      }
+    }
+    return states;
+  }
+
+  testsupport::TempDir dir;
+  Spawner spawner{config(dir)};
+  std::unique_ptr<Store> store = Store::open(dir.at("state"));
+  testsupport::FakeEndpoint endpoint;
+  Outbox outbox;
+  TaskManager tasks{{*store, spawner, outbox, endpoint, {}}};
+  std::string file, why;
+  Json::Value last;            ///< the parameters of the state that was told last
+  lunet::PeerIdentity lastTo;  ///< and who was told
+};
+
+TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
+  const TaskManager::Started users = start(kUser);
+  ASSERT_TRUE(users.ok) << users.detail;
+  const TaskManager::Started roots = start(0, 0);
+  ASSERT_TRUE(roots.ok) << roots.detail;
+  EXPECT_THAT(seenBy(kUser), ElementsAre(users.token));
+  EXPECT_THAT(seenBy(0), UnorderedElementsAre(users.token, roots.token));
+  EXPECT_THAT(seenBy(kThird), IsEmpty());
+}
+
+TEST_F(Tasks, AreListedWithWhatTheyDo) {
+  ASSERT_TRUE(start(kUser, 5).ok);
+  const Json::Value entry = tasks.list(callerOf(0))[0];
+  EXPECT_EQ(5, entry["scan_type"].asInt());
+  EXPECT_EQ(0, entry["type"].asInt());
+  EXPECT_EQ(1, entry["state"].asInt());
+  EXPECT_EQ(kUser, entry["uid"].asUInt());
+  EXPECT_EQ(0, entry["progress"].asInt());
+}
+
+class TasksOfAnother : public Tasks, public ::testing::WithParamInterface<std::pair<const char*, uid_t>> {};
+
+TEST_P(TasksOfAnother, AreUnknownToAUserWhoWouldSteerThem) {
+  const TaskManager::Started task = start(GetParam().second);
+  ASSERT_TRUE(task.ok) << task.detail;
+  for (const int action : {TaskManager::kPause, TaskManager::kStop}) {
+    EXPECT_FALSE(control(action, task.token, kThird));
+    EXPECT_EQ("no such task", why);
+  }
+  EXPECT_FALSE(tasks.list(callerOf(0)).empty());
+  EXPECT_EQ(1, tasks.list(callerOf(0))[0]["state"].asInt());
+  ASSERT_TRUE(control(TaskManager::kPause, task.token, 0));
+  EXPECT_FALSE(control(TaskManager::kResume, task.token, kThird));
+  EXPECT_EQ("no such task", why);
+  EXPECT_EQ(3, tasks.list(callerOf(0))[0]["state"].asInt());
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, TasksOfAnother,
+                         ::testing::Values(std::pair("Root", uid_t{0}), std::pair("AUser", kUser)),
+                         [](const auto& row) { return std::string(row.param.first); });
+
+class SteeredBy : public Tasks, public ::testing::WithParamInterface<std::pair<const char*, uid_t>> {};
+
+TEST_P(SteeredBy, ThoseWhoSeeATaskItIsPausedResumedAndStopped) {
+  const TaskManager::Started task = start(kUser);
+  ASSERT_TRUE(task.ok) << task.detail;
+  const uid_t by = GetParam().second;
+  EXPECT_FALSE(control(TaskManager::kResume, task.token, by));
+  EXPECT_EQ("the task is not in a state for that", why);
+  EXPECT_TRUE(control(TaskManager::kPause, task.token, by)) << why;
+  EXPECT_FALSE(control(TaskManager::kPause, task.token, by));
+  EXPECT_TRUE(control(TaskManager::kResume, task.token, by)) << why;
+  EXPECT_EQ("", why);
+  EXPECT_TRUE(control(TaskManager::kStop, task.token, by)) << why;
+  ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
+  EXPECT_EQ(5, statesTold(task.token).back());
+  EXPECT_EQ("stopped", last["detail"].asString());
+}
+
+INSTANTIATE_TEST_SUITE_P(Callers, SteeredBy,
+                         ::testing::Values(std::pair("Root", uid_t{0}), std::pair("TheirUser", kUser)),
+                         [](const auto& row) { return std::string(row.param.first); });
+
+TEST_F(Tasks, AnUnknownTokenAndAnUnknownActionAreRefused) {
+  const TaskManager::Started task = start(0);
+  EXPECT_FALSE(control(TaskManager::kStop, "none", 0));
+  EXPECT_EQ("no such task", why);
+  for (const int action : {0, 4}) {
+    EXPECT_FALSE(control(action, task.token, 0));
+    EXPECT_EQ("unknown action " + std::to_string(action), why);
+  }
+  EXPECT_EQ(1U, tasks.count());
+}
+
+TEST_F(Tasks, AReasonGivenWithAStopIsTold) {
+  const TaskManager::Started task = start(0);
+  EXPECT_TRUE(tasks.control(TaskManager::kStop, task.token, "for a reason", callerOf(0), &why));
+  ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
+  EXPECT_EQ(5, statesTold(task.token).back());
+  EXPECT_EQ("for a reason", last["detail"].asString());
+}
+
+struct SecondRow {
+  const char* name;
+  uid_t uid;
+  int scanType;
+  bool started;
+};
+class SecondScan : public Tasks, public ::testing::WithParamInterface<SecondRow> {};
+
+TEST_P(SecondScan, OfAModeThatIsRunningIsRefusedWithStateSixAndOfAnotherIsNot) {
+  const TaskManager::Started first = start(kUser, 2);
+  ASSERT_TRUE(first.ok) << first.detail;
+  const TaskManager::Started second = start(GetParam().uid, GetParam().scanType);
+  EXPECT_EQ(GetParam().started, second.ok) << second.detail;
+  EXPECT_NE(first.token, second.token);
+  const std::size_t expected = GetParam().started ? 2 : 1;
+  EXPECT_EQ(expected, tasks.count());
+  EXPECT_EQ(expected, store->tasks().all().size());
+  EXPECT_TRUE(tasks.stopAll("enough", kLimit));
+  ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
+  EXPECT_THAT(statesTold(first.token), ElementsAre(0, 1, 5));
+  if (!GetParam().started) {
+    EXPECT_THAT(second.detail, HasSubstr("a custom scan is running already"));
+    EXPECT_THAT(statesTold(second.token), ElementsAre(6));
+    EXPECT_EQ(second.detail, last["detail"].asString());
+    EXPECT_EQ(GetParam().uid, lastTo.uid);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, SecondScan,
+                         ::testing::Values(SecondRow{"SameMode", kUser, 2, false},
+                                           SecondRow{"SameModeStrong", kUser, 5, false},
+                                           SecondRow{"SameModeOfAnotherUser", kThird, 2, false},
+                                           SecondRow{"SameModeOfRoot", 0, 2, false},
+                                           SecondRow{"FastMode", 0, 0, true},
+                                           SecondRow{"FullModeStrong", 0, 4, true}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
+  const TaskManager::Started first = start(kUser);
+  ASSERT_TRUE(first.ok) << first.detail;
+  release();
+  ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
+  const TaskManager::Started second = start(kUser);
+  EXPECT_TRUE(second.ok) << second.detail;
+  ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
+  EXPECT_THAT(statesTold(first.token), ElementsAre(0, 1, 2));
+  EXPECT_EQ("context", last["ctx"]["some"].asString());
+  EXPECT_EQ(7, last["source"].asInt());
+  EXPECT_EQ(4711, lastTo.pid);
+  EXPECT_EQ(99U, lastTo.startTicks);
+}
+
+TEST_F(Tasks, AScanThatCannotBeMadeIsToldLeavesNoRecordAndItsModeFree) {
+  file = dir.at("absent");
+  const TaskManager::Started task = start(kUser);
+  EXPECT_FALSE(task.ok);
+  EXPECT_THAT(task.detail, HasSubstr("No such file"));
+  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
+  EXPECT_EQ(task.detail, last["detail"].asString());
+  file = dir.at("file");
+  EXPECT_TRUE(start(kUser).ok);
+}
+
+TEST_F(Tasks, ARequestThatIsRefusedIsToldAndNotRecorded) {
+  const TaskManager::Started task = start(kUser, 6);
+  EXPECT_FALSE(task.ok);
+  EXPECT_THAT(task.detail, HasSubstr("scan type"));
+  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
+  EXPECT_TRUE(store->tasks().all().empty());
+}
+
+TEST_F(Tasks, NoneIsStartedWhileTheAgentEnds) {
+  EXPECT_TRUE(tasks.stopAll("the agent is ending", kLimit));
+  const TaskManager::Started task = start(0);
+  EXPECT_FALSE(task.ok);
+  EXPECT_THAT(task.detail, HasSubstr("the agent is ending"));
+  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
+  EXPECT_TRUE(store->tasks().all().empty());
+}
+
+TEST_F(Tasks, AreRecordedWithTheirOwnerWhileTheyRun) {
+  const TaskManager::Started task = start(kUser, 5);
+  const std::vector<TaskRecord> records = store->tasks().all();
+  ASSERT_EQ(1U, records.size());
+  EXPECT_EQ(task.token, records[0].token);
+  EXPECT_EQ(5, records[0].scanType);
+  EXPECT_EQ(lunet::formatGuid({1, 2, 3}), records[0].ownerGuid);
+  EXPECT_EQ(4711, records[0].ownerPid);
+  EXPECT_EQ(kUser, records[0].ownerUid);
+  EXPECT_EQ(99U, records[0].ownerStartTicks);
+}
+
+TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreToldTheirOwnersAndForgotten) {
+  store->tasks().put({"lost", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
+  tasks.tellOfLostTasks();
+  EXPECT_THAT(statesTold("lost"), ElementsAre(5));
+  EXPECT_EQ(4711, lastTo.pid);
+  EXPECT_EQ(kUser, lastTo.uid);
+  EXPECT_EQ(99U, lastTo.startTicks);
+}
+
+TEST(Administrator, IsRootAndTheAgentsOwnUserAndNobodyElse) {
+  EXPECT_TRUE(isAdministrator(callerOf(0)));
+  EXPECT_FALSE(isAdministrator(callerOf(kUser)));
+  std::thread([] {
+    // Of this thread alone; the process's other threads stay root.
+    if (syscall(SYS_setresuid, kUser, kUser, kUser) == 0) {
+      EXPECT_TRUE(isAdministrator(callerOf(kUser)));
+      EXPECT_TRUE(isAdministrator(callerOf(0)));
+      EXPECT_FALSE(isAdministrator(callerOf(kThird)));
+    }
+  }).join();
+}
+
+}  // namespace
+}  // namespace agent
