@@ -93,5 +93,75 @@ TEST_F(Handling, AFileWhoseBytesAreNotTheScannedOnesIsNotQuarantined) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+TEST_F(Handling, ADetectionWithATrustedHashIsToldAsTrustedAndLeftAlone) {
+  const std::string path = folder_.write("d/file", "bad");
+  {
+    DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
+    handler.foundTrusted(scanned(path), infected());
+  }
+  EXPECT_EQ(told_.handled(path), 6);
+  EXPECT_TRUE(told_.risks().empty());
+  EXPECT_EQ(testsupport::readFile(path), "bad");
+  EXPECT_EQ(counters_.overview("").trusted_risk_count, 1);
+  EXPECT_EQ(counters_.overview("").checkout_risk_count, 0);
+}
+
+TEST_F(Handling, ADetectionThatIsOnlyReportedStaysAndCountsAsLeftAlone) {
+  plan_.handling = ScanPlan::Handling::kNothing;
+  const std::string path = folder_.write("d/file", "bad");
+  EXPECT_EQ(handle(scanned(path)), 3);
+  EXPECT_EQ(testsupport::readFile(path), "bad");
+  const JsonReflect::ScanBusOverView view = counters_.overview("");
+  EXPECT_EQ(view.checkout_risk_count, 1);
+  EXPECT_EQ(view.ignore_risk_count, 1);
+  EXPECT_EQ(view.fixed_risk_count, 0);
+}
+
+TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
+  handle(scanned(folder_.write("d/file", "bad")));
+  EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
+  const std::shared_ptr<ScanJob> gone = scanned(folder_.write("d/gone", "bad"));
+  std::filesystem::remove(gone->path);
+  EXPECT_EQ(handle(gone), 4);
+  EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
+  EXPECT_EQ(counters_.overview("").disposed_risk_count, 2);
+  const std::string audit = testsupport::readFile(folder_.at("state/audit.log"));
+  EXPECT_THAT(audit, HasSubstr("handle detection"));
+  EXPECT_THAT(audit, HasSubstr(folder_.at("d/file")));
+  EXPECT_THAT(audit, HasSubstr(folder_.at("d/gone")));
+}
+
+TEST_F(Handling, TheQuarantineIsToldTheDetection) {
+  plan_.handling = ScanPlan::Handling::kQuarantine;
+  EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), 1);
+  EXPECT_EQ("Test", store_->quarantine().list(std::nullopt)[0]["virus_name"].asString());
+}
+
+TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {
+  constexpr int kMany = 200;
+  plan_.handling = ScanPlan::Handling::kNothing;
+  const std::shared_ptr<ScanJob> job = scanned(folder_.write("d/file", "bad"));
+  told_.held = true;
+  {
+    DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
+    for (int i = 0; i < kMany; ++i) {
+      handler.found(job, infected());
+    }
+    told_.held = false;
+  }
+  EXPECT_EQ(kMany, counters_.infectedCount());
+}
+
+TEST_F(Handling, AStopEndsTheWaitForAnOwnerWhoTakesNothing) {
+  const std::string path = folder_.write("d/file", "bad");
+  told_.held = true;
+  DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
+  handler.found(scanned(path), infected());
+  ASSERT_TRUE(testsupport::waitFor([this] { return told_.waiting.load(); }));
+  control_.stop("enough");
+  handler.waitBelow(1);
+  EXPECT_EQ(told_.handled(path), 1);
+}
+
 }  // namespace
 }  // namespace agent

@@ -128,6 +128,7 @@ TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
   counters.trusted();
   counters.fixed();
   counters.leftAlone();
+  counters.fixFailed();
   const JsonReflect::ScanBusOverView view = counters.overview("token");
   EXPECT_EQ(10, view.total_item_count);
   EXPECT_EQ(5, view.checked_item_count);
@@ -136,7 +137,7 @@ TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
   EXPECT_EQ(1, view.trusted_risk_count);
   EXPECT_EQ(1, view.fixed_risk_count);
   EXPECT_EQ(1, view.ignore_risk_count);
-  EXPECT_EQ(2, view.disposed_risk_count);
+  EXPECT_EQ(3, view.disposed_risk_count);
   EXPECT_EQ("/f9", view.cur_item);
   EXPECT_EQ("token", view.token_id);
   EXPECT_EQ(1, counters.underWay());
@@ -157,6 +158,15 @@ TEST(Counters, ManyDifferentReasonsAreFewInTheSummary) {
   }
   EXPECT_THAT(counters.summary(), HasSubstr("968 other reasons"));
   EXPECT_LT(counters.summary().size(), 1000U);
+}
+
+TEST(Counters, AReasonThatIsKnownCountsUnderItsNameWhateverCameMeanwhile) {
+  Counters counters;
+  for (int i = 0; i < 100; ++i) {
+    counters.skipped("reason " + std::to_string(i));
+  }
+  counters.skipped("reason 0");
+  EXPECT_THAT(counters.summary(), HasSubstr("2 reason 0"));
 }
 
 TEST(Counters, TheCurrentItemTravelsInItsWireForm) {

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -66,14 +67,46 @@ std::vector<gid_t> groupsOfThisThread() {
 }
 
 TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsGroupsAgain) {
-  const std::vector<gid_t> before = groupsOfThisThread();
-  {
-    const CallerRights rights(caller);
-    EXPECT_EQ(std::vector{kOtherGroup}, groupsOfThisThread());
-  }
-  EXPECT_EQ(before, groupsOfThisThread());
-  EXPECT_EQ(getegid(), static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))));
+  std::thread([this] {
+    const std::vector<gid_t> agents{60201, 60202};  // of this thread alone
+    ASSERT_EQ(0, syscall(SYS_setgroups, agents.size(), agents.data()));
+    {
+      const CallerRights rights(caller);
+      EXPECT_EQ(std::vector{kOtherGroup}, groupsOfThisThread());
+    }
+    EXPECT_EQ(agents, groupsOfThisThread());
+    EXPECT_EQ(getegid(), static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))));
+  }).join();
 }
+
+/// Takes a capability from the calling thread.
+void giveUp(unsigned capability) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  ASSERT_EQ(0, syscall(SYS_capget, &header, data));
+  data[CAP_TO_INDEX(capability)].effective &= ~CAP_TO_MASK(capability);
+  ASSERT_EQ(0, syscall(SYS_capset, &header, data));
+}
+
+class WithoutCapability : public CallerRightsTest,
+                          public ::testing::WithParamInterface<std::pair<const char*, unsigned>> {};
+
+TEST_P(WithoutCapability, RightsThatTheKernelDoesNotChangeAreAnErrorAndNothingIsTaken) {
+  std::thread([this] {
+    const std::vector<gid_t> before = groupsOfThisThread();
+    giveUp(GetParam().second);
+    const CallerRights rights(caller);
+    EXPECT_NE(std::string::npos, rights.error().find("cannot take")) << rights.error();
+    EXPECT_FALSE(rights.reduced());
+    EXPECT_TRUE(readable(priv));
+    EXPECT_EQ(before, groupsOfThisThread());
+  }).join();
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, WithoutCapability,
+                         ::testing::Values(std::pair("Users", unsigned{CAP_SETUID}),
+                                           std::pair("Groups", unsigned{CAP_SETGID})),
+                         [](const auto& row) { return std::string(row.param.first); });
 
 TEST_F(CallerRightsTest, OtherThreadsKeepTheAgentsRights) {
   std::promise<void> go;
@@ -107,6 +140,19 @@ TEST_F(CallerRightsTest, ForRootNothingIsChanged) {
   const CallerRights rights(CallerId{0, 0, {}, getpid()});
   EXPECT_FALSE(rights.reduced());
   EXPECT_TRUE(readable(priv));
+}
+
+TEST_F(CallerRightsTest, AnAgentThatIsNotRootChangesNothingForItsOwnUserAndForRoot) {
+  std::thread([] {
+    ASSERT_EQ(0, syscall(SYS_setresuid, kUser, kUser, kUser));
+    for (const uid_t uid : {kUser, uid_t{0}}) {
+      const CallerRights rights(CallerId{uid, kGroup, {}, getpid()});
+      EXPECT_EQ("", rights.error());
+      EXPECT_FALSE(rights.reduced());
+      const CallerRights::Suspended agents(&rights);
+      EXPECT_EQ(kUser, static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))));
+    }
+  }).join();
 }
 
 TEST_F(CallerRightsTest, AnAgentThatIsNotRootRefusesToActForAnotherUser) {

@@ -1,0 +1,157 @@
+// A task's words on their way to its owner: real outbox, an endpoint without a bus.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "json/CppJson.h"
+#include "support/FakeEndpoint.h"
+#include "task/BusTaskEvents.h"
+#include "task/RiskRecords.h"
+
+namespace agent {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr uid_t kUser = 60123;
+
+/// The outbox sends nothing before sendAll(): what is posted until then is on its way together.
+class TaskWords : public ::testing::Test {
+ protected:
+  TaskWords() {
+    outbox.post(std::make_shared<Mailbox>("the gate"), NoticeKind::kKept, 0,
+                [opened = gate.get_future().share()]() -> std::uint32_t {
+                  opened.wait();
+                  return lunet::kOk;
+                });
+  }
+  static Outbox::Limits limits() {
+    Outbox::Limits limits;
+    limits.keptBytes = 10'000;
+    limits.retry = std::chrono::hours(1);
+    return limits;
+  }
+  std::shared_ptr<BusTaskEvents> wordsTo(uid_t uid, bool trusted, const std::string& token = "token") {
+    TaskOwner owner;
+    owner.guid = {1, 2, 3};
+    owner.process.pid = 4711;
+    owner.process.uid = uid;
+    owner.process.trusted = trusted;
+    return std::make_shared<BusTaskEvents>(outbox, endpoint, owner, BusTaskEvents::Envelope{token, {}, 7});
+  }
+  void sendAll() {
+    gate.set_value();
+    EXPECT_TRUE(outbox.drain(std::chrono::seconds(20)));
+  }
+  std::vector<Json::Value> sent() const {
+    std::vector<Json::Value> messages;
+    for (const testsupport::FakeEndpoint::Sent& sent : endpoint.sent) {
+      EXPECT_TRUE(CppJson::LoadJsonString(sent.text, messages.emplace_back()));
+    }
+    return messages;
+  }
+
+  testsupport::FakeEndpoint endpoint;
+  std::promise<void> gate;
+  Outbox outbox{limits()};
+};
+
+TEST_F(TaskWords, ThatWaitAreAllKeptButForOldProgressAndOldOverviews) {
+  const auto words = wordsTo(0, true);
+  Json::Value overview;
+  for (int i = 1; i <= 2; ++i) {
+    words->progress(i);
+    overview["number"] = i;
+    words->overview(overview);
+    words->state(TaskEvents::kPaused, {});
+    words->stage(i, "a stage");
+    words->attributes(overview);
+    words->risk(kFileRisk, 0, overview);
+    words->repaired(kFileRisk, 0, overview, overview);
+  }
+  sendAll();
+  std::vector<std::string> methods;
+  for (const Json::Value& message : sent()) {
+    methods.push_back(message["method"].asString());
+    if (methods.back() == "reportBusProgress") {
+      EXPECT_EQ(2, message["params"]["progress"].asInt());
+    } else if (methods.back() == "reportScanBusOverView") {
+      EXPECT_EQ(2, message["params"]["overview"]["number"].asInt());
+    }
+  }
+  EXPECT_THAT(methods, ElementsAre("reportBusStatus", "reportScanBusStage", "reportScanAttributeInfo",
+                                   "reportRiskInfo", "reportRiskFixInfo", "reportBusProgress",
+                                   "reportScanBusOverView", "reportBusStatus", "reportScanBusStage",
+                                   "reportScanAttributeInfo", "reportRiskInfo", "reportRiskFixInfo"));
+}
+
+TEST_F(TaskWords, OfAStateAreOneVisibleLineWithTheEnvelopeOfTheTask) {
+  wordsTo(0, true)->state(TaskEvents::kAborted, "two\nlines\x1b[31m");
+  sendAll();
+  const Json::Value params = sent().at(0)["params"];
+  EXPECT_EQ("two\\nlines\\x1b[31m", params["detail"].asString());
+  EXPECT_EQ(5, params["state"].asInt());
+  EXPECT_EQ("token", params["token_id"].asString());
+  EXPECT_EQ(7, params["source"].asInt());
+  EXPECT_EQ(4711, endpoint.last().process.pid);
+}
+
+TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheRoomOfTheirOwner) {
+  const auto words = wordsTo(0, true);
+  int asked = 0;
+  const auto cancelled = [&asked] {
+    ++asked;
+    return true;
+  };
+  words->state(TaskEvents::kAborted, "a word");
+  words->waitForRoom(cancelled);
+  EXPECT_EQ(0, asked);
+  words->state(TaskEvents::kAborted, std::string(10'000, 'x'));
+  words->waitForRoom(cancelled);
+  EXPECT_EQ(1, asked);
+  sendAll();
+}
+
+TEST_F(TaskWords, AreFollowedByTheActionOfTheirEnd) {
+  const auto words = wordsTo(0, true);
+  std::size_t sentBefore = 0;
+  words->state(TaskEvents::kFinished, {});
+  words->whenTold([&] { sentBefore = endpoint.sent.size(); });
+  sendAll();
+  EXPECT_EQ(1U, sentBefore);
+}
+
+/// Two owners, and whether a send to the first that ran out of time puts off the second one's words.
+struct OwnersRow {
+  const char* name;
+  uid_t first, second;
+  bool trusted;
+  std::size_t tries;
+};
+class WordsToTwo : public TaskWords, public ::testing::WithParamInterface<OwnersRow> {};
+
+TEST_P(WordsToTwo, ATimeoutPutsOffAllOwnersOfThatUserWhenNotTrusted) {
+  endpoint.onewayResult = lunet::kErrTimeout;
+  const auto first = wordsTo(GetParam().first, GetParam().trusted, "first");
+  const auto second = wordsTo(GetParam().second, GetParam().trusted, "second");
+  first->state(TaskEvents::kCreated, {});
+  second->state(TaskEvents::kCreated, {});
+  std::promise<std::size_t> tried;
+  outbox.post(std::make_shared<Mailbox>("the last"), NoticeKind::kKept, 0, [&]() -> std::uint32_t {
+    tried.set_value(endpoint.sent.size());
+    return lunet::kOk;
+  });
+  gate.set_value();
+  EXPECT_EQ(GetParam().tries, tried.get_future().get());
+}
+
+INSTANTIATE_TEST_SUITE_P(Owners, WordsToTwo,
+                         ::testing::Values(OwnersRow{"OneMember", kUser, kUser, false, 1},
+                                           OwnersRow{"TwoMembers", kUser, kUser + 1, false, 2},
+                                           OwnersRow{"OneTrustedUser", kUser, kUser, true, 2}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace agent
