@@ -2,13 +2,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "TaskListener.h"
+#include "support/Process.h"
+#include "support/Samples.h"
 #include "support/TempDir.h"
 #include "task/ScanTask.h"
 
@@ -40,7 +46,10 @@ class ScanTaskTest : public ::testing::Test {
     auto task = std::make_unique<ScanTask>(
         ScanTask::Parts{*store, spawner, ownFolders, std::chrono::milliseconds(20)}, "token", plan, caller,
         owner);
-    task->start({[] {}, [] {}});
+    if (pausedAtFirst) {
+      EXPECT_TRUE(task->pause());
+    }
+    task->start({[this] { ++released; }, [this] { ++told; }});
     return task;
   }
   void scan(const ScanPlan& plan) {
@@ -67,6 +76,28 @@ class ScanTaskTest : public ::testing::Test {
     std::string why;
     EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}, &why)) << why;
   }
+  /// A program that sleeps and carries a detection behind its own bytes.
+  std::string program(const char* name) {
+    const std::string path = dir.at(name);
+    std::filesystem::copy_file("/bin/sleep", path);
+    std::ofstream(path, std::ios::binary | std::ios::app) << testsupport::genericSample();
+    EXPECT_EQ(0, chmod(path.c_str(), 0755));
+    return path;
+  }
+  static std::unique_ptr<testsupport::Process> run(const std::string& path, uid_t uid, gid_t gid) {
+    testsupport::Process::Options options;
+    options.uid = uid;
+    options.gid = gid;
+    auto process =
+        std::make_unique<testsupport::Process>(std::vector<std::string>{path, "600"}, std::move(options));
+    EXPECT_TRUE(testsupport::waitFor([&] {
+      const std::vector<RunningProgram> all = RunningPrograms::all();
+      return std::any_of(all.begin(), all.end(), [&](const RunningProgram& program) {
+        return program.pid == process->pid() && program.path == path && program.uid == uid;
+      });
+    }));
+    return process;
+  }
 
   testsupport::TempDir dir{testsupport::diskFolder()};
   Spawner spawner{config(dir)};
@@ -75,7 +106,9 @@ class ScanTaskTest : public ::testing::Test {
   CallerId caller{geteuid(), getegid(), {}, getpid()};
   std::shared_ptr<TaskListener> owner;  ///< of the last scan
   std::function<void(int)> onStage;
+  std::atomic<int> released{0}, told{0};  ///< how often the tasks' hooks ran
   bool held = false;
+  bool pausedAtFirst = false;
 };
 
 }  // namespace agent

@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "TaskListener.h"
 #include "store/StepHook.h"
@@ -61,6 +64,43 @@ TEST_F(Handling, TheScannedFileIsRemovedAndNothingIsLeft) {
   const std::string path = folder_.write("d/file", "bad");
   EXPECT_EQ(handle(scanned(path)), 1);
   EXPECT_TRUE(std::filesystem::is_empty(folder_.at("d")));
+  EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
+}
+
+class HandledBy : public Handling,
+                  public testing::WithParamInterface<std::pair<const char*, ScanPlan::Handling>> {};
+
+TEST_P(HandledBy, AFileThatCameInThePlaceOfTheScannedOneStays) {
+  plan_.handling = GetParam().second;
+  const std::string path = folder_.write("d/file", "bad");
+  const std::shared_ptr<ScanJob> job = scanned(path);
+  std::filesystem::rename(folder_.write("good", "good"), path);
+  EXPECT_EQ(handle(job), 4);
+  EXPECT_EQ(testsupport::readFile(path), "good");
+  EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Actions, HandledBy,
+                         testing::Values(std::pair("Deletion", ScanPlan::Handling::kDelete),
+                                         std::pair("Quarantine", ScanPlan::Handling::kQuarantine)),
+                         [](const auto& row) { return std::string(row.param.first); });
+
+TEST_F(Handling, AnAgentThatIsNotRootMindsNoOwnerForItsOwnUserAndForRoot) {
+  constexpr uid_t kUser = 60123;
+  const std::string path = folder_.write("d/file", "bad");
+  const std::shared_ptr<ScanJob> job = scanned(path);
+  job->folderWritable = false;
+  for (const uid_t uid : {kUser, uid_t{0}, kUser + 1}) {
+    caller_.uid = uid;
+    std::thread([&] {
+      // Of this thread and the handler's, which it starts.
+      ASSERT_EQ(0, syscall(SYS_setresuid, kUser, kUser, kUser));
+      EXPECT_EQ(handle(job), 4);  // the kernel minds them
+    }).join();
+    const bool minded = told_.handledHow(path).find("belongs to another user") != std::string::npos;
+    EXPECT_EQ(uid == kUser + 1, minded) << told_.handledHow(path);
+  }
+  EXPECT_EQ(testsupport::readFile(path), "bad");
 }
 
 TEST_F(Handling, AnotherFileThatWasTakenAtTheLastMomentIsPutBack) {

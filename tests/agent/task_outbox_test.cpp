@@ -140,13 +140,21 @@ TEST_P(GoneOn, TheRestIsDroppedAndNothingMoreIsTried) {
   console.answer(GetParam().second);
   Outbox outbox(quick());
   const auto mail = box();
+  // Both are on their way before the first is tried.
+  std::promise<void> gate;
+  outbox.post(box(), kKept, 0, [opened = gate.get_future().share()]() -> std::uint32_t {
+    opened.wait();
+    return lunet::kOk;
+  });
   outbox.post(mail, kKept, 10, console.notice("1"));
-  ASSERT_TRUE(waitFor([&] { return outbox.gone(mail); }));
-  const int tries = console.tries();
-  console.answer(lunet::kOk);
   outbox.post(mail, kKept, 10, console.notice("2"));
+  gate.set_value();
+  ASSERT_TRUE(waitFor([&] { return outbox.gone(mail); }));
   ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
-  EXPECT_EQ(tries, console.tries());
+  console.answer(lunet::kOk);
+  outbox.post(mail, kKept, 10, console.notice("3"));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_EQ(1, console.tries());
   EXPECT_TRUE(console.taken().empty());
 }
 
@@ -157,6 +165,107 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair("TheEndpointClosed", std::uint32_t{lunet::kErrNotOpen}),
                       std::pair("ADeniedPeer", std::uint32_t{lunet::kErrDenied})),
     [](const auto& row) { return std::string(row.param.first); });
+
+class RetriedOn : public ::testing::TestWithParam<std::pair<const char*, std::uint32_t>> {};
+
+TEST_P(RetriedOn, TheNoticeIsTriedAgainAndLeavesBeforeThoseBehindIt) {
+  Receiver console;
+  console.answer(GetParam().second);
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  outbox.post(mail, kKept, 10, console.notice("2"));
+  ASSERT_TRUE(waitFor([&] { return console.tries() > 1; }));
+  EXPECT_FALSE(outbox.gone(mail));
+  console.answer(lunet::kOk);
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, RetriedOn,
+                         ::testing::Values(std::pair("AFullQueue", std::uint32_t{lunet::kErrQueueFull}),
+                                           std::pair("ATimeout", std::uint32_t{lunet::kErrTimeout}),
+                                           std::pair("ALostPeer", std::uint32_t{lunet::kErrPeerLost}),
+                                           std::pair("WantOfMemory", std::uint32_t{lunet::kErrSystem})),
+                         [](const auto& row) { return std::string(row.param.first); });
+
+TEST(Outbox, AProgressThatWasNotTakenGivesWayToANewerOneThatCameMeanwhile) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  std::atomic<int> tries{0};
+  outbox.post(mail, kProgress, 10, [&]() -> std::uint32_t {
+    if (++tries == 1) {
+      outbox.post(mail, kProgress, 10, console.notice("newer"));
+    }
+    return tries == 1 ? lunet::kErrQueueFull : lunet::kOk;
+  });
+  ASSERT_TRUE(waitFor([&] { return !console.taken().empty(); }));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_EQ(1, tries);
+  EXPECT_THAT(console.taken(), ElementsAre("newer"));
+}
+
+TEST(Outbox, WhatIsPostedByTheActionBehindTheLastNoticeLeavesToo) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  std::promise<void> second;
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  outbox.whenEmpty(mail, [&] {
+    outbox.post(mail, kKept, 10, console.notice("2"));
+    outbox.whenEmpty(mail, [&] { second.set_value(); });
+  });
+  EXPECT_EQ(std::future_status::ready, second.get_future().wait_for(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
+}
+
+TEST(Outbox, AnActionThatIsSetByTheActionBeforeItRunsToo) {
+  Outbox outbox(quick());
+  const auto mail = box();
+  std::promise<void> second;
+  std::atomic<int> first{0};
+  outbox.whenEmpty(mail, [&] {
+    ++first;
+    outbox.whenEmpty(mail, [&] { second.set_value(); });
+  });
+  EXPECT_EQ(std::future_status::ready, second.get_future().wait_for(std::chrono::seconds(10)));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_EQ(1, first);
+}
+
+TEST(Outbox, AStalledReceiverIsGivenUpAlsoWhileMoreIsPosted) {
+  Receiver console;
+  console.answer(lunet::kErrQueueFull);
+  Outbox::Limits limits = quick();
+  limits.stall = std::chrono::milliseconds(100);
+  Outbox outbox(limits);
+  const auto mail = box();
+  EXPECT_TRUE(waitFor([&] {
+    outbox.post(mail, kKept, 10, console.notice("x"));
+    return outbox.gone(mail);
+  }));
+}
+
+TEST(Outbox, AReceiverThatTakesItsNoticesSlowlyIsNotStalled) {
+  Receiver console;
+  Outbox::Limits limits = quick();
+  limits.stall = std::chrono::seconds(1);
+  Outbox outbox(limits);
+  const auto mail = box();
+  for (int i = 0; i < 12; ++i) {
+    outbox.post(mail, kKept, 10, [] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the receiver's own time
+      return std::uint32_t{lunet::kOk};
+    });
+  }
+  std::atomic<int> tries{0};
+  outbox.post(mail, kKept, 10,
+              [&]() -> std::uint32_t { return ++tries == 1 ? lunet::kErrQueueFull : lunet::kOk; });
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(20)));
+  EXPECT_FALSE(outbox.gone(mail));
+  EXPECT_EQ(2, tries);
+}
 
 TEST(Outbox, ANoticeThatIsTooLargeCostsItselfOnly) {
   Receiver console;

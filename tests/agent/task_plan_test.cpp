@@ -1,9 +1,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
+#include <set>
 #include <thread>
 
 #include "json/CppJson.h"
@@ -16,8 +22,10 @@
 namespace agent {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using Handling = ScanPlan::Handling;
 
 class FixedSettings : public Settings {
@@ -64,6 +72,8 @@ class PlanTest : public ::testing::Test {
 
 TEST_F(PlanTest, TheConsolesCustomRequestIsReportOnlyForFixMethodTwo) {
   const ScanPlan made = plan();
+  EXPECT_FALSE(made.programsOnly);
+  EXPECT_EQ(std::chrono::seconds(0), made.limit);
   EXPECT_EQ(ScanPlan::kCustom, made.mode);
   EXPECT_THAT(made.items, ElementsAre("/some/path"));
   EXPECT_EQ(2, made.fixMethod);
@@ -149,11 +159,54 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusalRow{"FixMethodHalf", R"({"fix_method":0.5})", "handling method"},
                       RefusalRow{"FixMethodHuge", R"({"fix_method":4294967296})", "handling method"},
                       RefusalRow{"HandleActionNine", R"({"handle_action":9})", "handling action 9"},
+                      RefusalRow{"HandleActionFour", R"({"handle_action":4})", "handling action 4"},
+                      RefusalRow{"HandleActionMinusTwo", R"({"handle_action":-2})", "handling action -2"},
+                      RefusalRow{"FixMethodThree", R"({"fix_method":3})", "handling method 3"},
                       RefusalRow{"ProcFixMethodTwo", R"({"proc_fix_method":2})", "processes 2"},
+                      RefusalRow{"ProcFixMethodMinusOne", R"({"proc_fix_method":-1})", "processes -1"},
+                      RefusalRow{"ParallelismNegative", R"({"parallelism":-1})", "parallelism"},
                       RefusalRow{"ParallelismTooHigh", R"({"parallelism":65})", "parallelism"},
                       RefusalRow{"NegativeLimit", R"({"max_scan_sec":-1})", "time limit"},
                       RefusalRow{"NoItems", R"({"items":[]})", "no path"}),
     [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(PlanTest, TheLargestNumbersOfARequestAreTaken) {
+  params["fix_method"] = 0;
+  params["handle_action"] = 3;
+  params["proc_fix_method"] = 1;
+  params["parallelism"] = 64;
+  params["max_scan_sec"] = 5;
+  const ScanPlan made = plan();
+  EXPECT_EQ(0, made.fixMethod);
+  EXPECT_EQ(Handling::kNothing, made.handling);
+  EXPECT_TRUE(made.endProcesses);
+  EXPECT_EQ(64U, made.parallelism);
+  EXPECT_EQ(std::chrono::seconds(5), made.limit);
+}
+
+TEST_F(PlanTest, ARequestsParallelismComesBeforeTheSetting) {
+  settings.scan["Common"]["Parallelism"] = 5;
+  params["parallelism"] = 3;
+  EXPECT_EQ(3U, plan().parallelism);
+}
+
+TEST_F(PlanTest, SettingsOutsideTheirRangeDoNoHarm) {
+  Json::Value& common = settings.scan["Common"];
+  common["Parallelism"] = -3;
+  common["SkipSize"] = -1;
+  settings.scan["Compressed"]["Layer"] = 0;
+  const ScanPlan made = plan();
+  EXPECT_EQ(0U, made.parallelism);
+  EXPECT_EQ(0U, made.skipBytes);
+  EXPECT_EQ(16U, made.options.maxLayers);
+  common["Parallelism"] = 100;
+  EXPECT_EQ(64U, plan().parallelism);
+  params["fix_method"] = 0;
+  for (const int action : {-1, 4, 7}) {
+    common["HandleAction"] = action;
+    EXPECT_EQ(Handling::kNothing, plan().handling);
+  }
+}
 
 TEST_F(PlanTest, ParametersThatAreNoObjectAreRefused) {
   for (const char* text : {"[1]", "[null]", "[\"text\"]"}) {
@@ -300,6 +353,23 @@ INSTANTIATE_TEST_SUITE_P(
                       KindRow{"Empty", "x.log", "", 0600, false}),
     [](const auto& row) { return std::string(row.param.name); });
 
+TEST(ProgramsOnly, AnArchiveIsLeftOutWhenArchivesAreNotUnpacked) {
+  struct stat status {};
+  ScanPlan plan;
+  plan.programsOnly = true;
+  EXPECT_EQ("", whyLeftOut(plan, "/x.zip", -1, status));
+  plan.options.archives = false;
+  EXPECT_THAT(whyLeftOut(plan, "/x.zip", -1, status), HasSubstr("neither"));
+}
+
+TEST(Ending, IsTheLowerCaseOneOfTheNameAndNotOfItsFolder) {
+  EXPECT_EQ("exe", endingOf("/a/b.EXE"));
+  EXPECT_EQ("gz", endingOf("/a/b.tar.gz"));
+  EXPECT_EQ("", endingOf("/a.exe/b"));
+  EXPECT_EQ("", endingOf("/a/b"));
+  EXPECT_EQ("exe", endingOf("b.exe"));
+}
+
 TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
   ScanPlan plan;
   plan.skipBytes = 1 << 20;
@@ -346,6 +416,66 @@ TEST(Stages, OnlyPlacesThatExistAreNamed) {
     }
   }
   EXPECT_TRUE(found);
+}
+
+TEST(Stages, EachPlaceBelongsToOneOfThem) {
+  std::set<std::string> seen;
+  for (const Stage& stage : stagesOf(ScanPlan::kFast, true, {})) {
+    for (const std::string& path : stage.paths) {
+      EXPECT_TRUE(seen.insert(path).second) << path;
+    }
+  }
+  EXPECT_FALSE(seen.empty());
+}
+
+TEST(Stages, TheWholeDiskIsWalkedByTheLastStageOfAFullScanAlone) {
+  const std::vector<Stage> full = stagesOf(ScanPlan::kFull, true, {});
+  for (std::size_t i = 0; i + 1 < full.size(); ++i) {
+    EXPECT_THAT(full[i].paths, Not(Contains("/")));
+  }
+  for (const Stage& stage : stagesOf(ScanPlan::kFast, true, {})) {
+    EXPECT_THAT(stage.paths, Not(Contains("/")));
+  }
+}
+
+/// Runs it in a child process that has a user database of its own; its exit status, 77 without the rights.
+int withUsers(const std::string& database, const std::function<bool()>& what) {
+  const testsupport::TempDir dir;
+  const std::string own = dir.write("passwd", database);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(own.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) {
+      _exit(77);
+    }
+    _exit(what() ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(HomeFolders, AreThoseOfRootAndOfPeopleThatAreThereEachOnce) {
+  const testsupport::TempDir homes;
+  for (const char* name : {"root", "person", "shared", "system"}) {
+    std::filesystem::create_directory(homes.at(name));
+  }
+  const auto line = [](const char* user, int uid, const std::string& home) {
+    return std::string(user) + ":x:" + std::to_string(uid) + ":0::" + home + ":/bin/sh\n";
+  };
+  const std::string database = line("root", 0, homes.at("root")) + line("daemon", 1, homes.at("system")) +
+                               line("service", 999, homes.at("system")) +
+                               line("person", 1000, homes.at("person")) +
+                               line("one", 1001, homes.at("shared")) + line("two", 1002, homes.at("shared")) +
+                               line("absent", 1003, homes.at("absent")) + line("slash", 1004, "/") +
+                               line("relative", 1005, "etc") + line("none", 1006, "");
+  const std::vector<std::string> expected{homes.at("person"), homes.at("root"), homes.at("shared")};
+  const int result = withUsers(
+      database, [&] { return chdir("/") == 0 && homeFolders() == expected && homeFolders() == expected; });
+  if (result == 77) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_EQ(0, result);
 }
 
 TEST(HomeFolders, SeveralThreadsAskAndEachGetsThemAll) {

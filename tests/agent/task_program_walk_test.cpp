@@ -34,10 +34,11 @@ class Recorder final : public WalkSink {
     EXPECT_TRUE(met.fd);
     EXPECT_NE(0, met.statusNs);
     files.push_back(met.path);
+    writable[met.path] = met.folderWritable;
   }
   void skipped(const std::string& path, const std::string& reason) override { skips[path] = reason; }
   void failed(const std::string& path, const std::string& reason) override { failures[path] = reason; }
-  bool keepGoing() override { return true; }
+  bool keepGoing() override { return allowed-- > 0; }
   void advanced(double share) override { progress += share; }
   std::vector<std::string> everyPath() const {
     std::vector<std::string> all = files;
@@ -51,6 +52,8 @@ class Recorder final : public WalkSink {
 
   std::vector<std::string> files;
   std::map<std::string, std::string> skips, failures;
+  std::map<std::string, bool> writable;
+  long allowed = 1'000'000;
   double progress = 0;
 };
 
@@ -173,6 +176,54 @@ TEST_F(ProgramWalkTest, ALinkThatCameToAUsersProgramsPathIsNotFollowed) {
   walkPrograms(listed, kUser, 1.0, met);
   EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
   EXPECT_THAT(met.files, Not(Contains(path)));
+}
+
+TEST_F(ProgramWalkTest, AFifoThatCameToAUsersProgramsPathIsNotWaitedFor) {
+  const std::string path = run("program", kUser);
+  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  std::filesystem::remove(path);
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0644));
+  walkPrograms(listed, kUser, 1.0, met);
+  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+}
+
+TEST_F(ProgramWalkTest, AUsersProgramWhoseFolderGaveWayToAFileIsSkipped) {
+  const std::string path = run("folder/program", kUser);
+  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  std::filesystem::remove_all(dir.at("folder"));
+  dir.write("folder", "a file");
+  walkPrograms(listed, kUser, 1.0, met);
+  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+}
+
+TEST_F(ProgramWalkTest, WhetherAProgramsFolderIsWritableIsAskedForTheUser) {
+  const std::string own = run("own/program", kUser);
+  const std::string foreign = run("foreign/program", kUser);
+  ASSERT_EQ(0, chown(dir.at("own").c_str(), kUser, kGroup));
+  ASSERT_EQ(0, chmod(dir.at("own").c_str(), 0755));
+  ASSERT_EQ(0, chmod(dir.at("foreign").c_str(), 0755));
+  walkForUser();
+  EXPECT_THAT(met.files, IsSupersetOf({own, foreign}));
+  EXPECT_TRUE(met.writable[own]);
+  EXPECT_FALSE(met.writable[foreign]);
+}
+
+TEST_F(ProgramWalkTest, OfAProgramInTheRootFolderThatFolderIsAsked) {
+  run("program", 0);
+  RunningProgram program;
+  program.pid = processes.back()->pid();
+  program.path = "/program";
+  walkPrograms({program}, std::nullopt, 1.0, met);
+  EXPECT_THAT(met.files, ElementsAre("/program"));
+  EXPECT_EQ(access("/", W_OK) == 0, met.writable["/program"]);
+}
+
+TEST_F(ProgramWalkTest, AWalkThatIsToldToEndMeetsNoMorePrograms) {
+  run("one", 0);
+  run("two", 0);
+  met.allowed = 1;
+  walkPrograms(RunningPrograms::all(), std::nullopt, 1.0, met);
+  EXPECT_EQ(1U, met.everyPath().size());
 }
 
 TEST_F(ProgramWalkTest, AProcessThatEndedMeanwhileIsSkipped) {

@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "support/Process.h"
 #include "support/TempDir.h"
@@ -81,9 +83,41 @@ TEST_F(RunningProgramsTest, ANameWithAnEndOfLineHidesNoProcess) {
   EXPECT_EQ(128 + SIGKILL, other.wait());
 }
 
-TEST_F(RunningProgramsTest, AProcessIsEnded) {
-  EXPECT_TRUE(endProcess(find().at(0)).ok);
-  EXPECT_EQ(128 + SIGKILL, process->wait());
+TEST_F(RunningProgramsTest, AFileThatHasTheNameOfADeletedProgramIsNotThatProgram) {
+  const FileIdentity file = identity();
+  std::filesystem::remove(program);
+  dir.write("a) b (c (deleted)", "another file");
+  RunningPrograms programs;
+  const std::vector<RunningProgram> found = programs.running(file);
+  ASSERT_EQ(1U, found.size());
+  EXPECT_EQ(program + " (deleted)", found[0].path);
+  EXPECT_FALSE(found[0].onDisk);
+}
+
+TEST_F(RunningProgramsTest, ProcessesThatBeginAndEndAreSeenByTheSameTable) {
+  RunningPrograms programs;
+  EXPECT_EQ(1U, programs.running(identity()).size());
+  testsupport::Process second({program, "60"});
+  EXPECT_TRUE(waitFor([&] { return programs.running(identity()).size() == 2; }));
+  second.kill(SIGKILL);
+  second.wait();
+  EXPECT_TRUE(waitFor([&] { return programs.running(identity()).size() == 1; }));
+}
+
+TEST_F(RunningProgramsTest, AProcessIsEndedAndGoneByThen) {
+  for (int i = 0; i < 5; ++i) {
+    testsupport::Process one({program, "60"});
+    std::vector<RunningProgram> found;
+    ASSERT_TRUE(waitFor([&] {
+      found = find();
+      std::erase_if(found, [&](const RunningProgram& other) { return other.pid != one.pid(); });
+      return !found.empty();
+    }));
+    EXPECT_TRUE(endProcess(found[0]).ok);
+    EXPECT_FALSE(one.running());
+    EXPECT_EQ(128 + SIGKILL, one.wait());
+  }
+  EXPECT_TRUE(process->running());
 }
 
 TEST_F(RunningProgramsTest, AnIdThatIsAnotherProcessByNowIsLeftAlone) {
@@ -92,6 +126,9 @@ TEST_F(RunningProgramsTest, AnIdThatIsAnotherProcessByNowIsLeftAlone) {
   EXPECT_FALSE(endProcess(stale).ok);
   stale = find().at(0);
   stale.inode += 1;
+  EXPECT_FALSE(endProcess(stale).ok);
+  stale = find().at(0);
+  stale.device += 1;
   EXPECT_FALSE(endProcess(stale).ok);
   EXPECT_TRUE(process->running());
 }
@@ -121,6 +158,39 @@ TEST(EndProcess, AProcessThatRunsTheAgentsOwnProgramIsSpared) {
   program.device = own.st_dev;
   program.inode = own.st_ino;
   EXPECT_THAT(endProcess(program).detail, HasSubstr("own program"));
+  program.inode += 1;
+  EXPECT_EQ("had ended", endProcess(program).detail);
+  program.inode = own.st_ino;
+  program.device += 1;
+  EXPECT_EQ("had ended", endProcess(program).detail);
+}
+
+/// Runs it in a child of a child process, with the id of the first; its exit status.
+int belowTwoParents(const std::function<int(pid_t)>& what) {
+  const auto statusOf = [](pid_t child) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  const pid_t first = fork();
+  if (first == 0) {
+    const pid_t me = getpid();
+    const pid_t second = fork();
+    if (second == 0) {
+      const pid_t third = fork();
+      _exit(third == 0 ? what(me) : statusOf(third));
+    }
+    _exit(statusOf(second));
+  }
+  return statusOf(first);
+}
+
+TEST(EndProcess, AlsoTheParentOfItsParentIsSpared) {
+  EXPECT_EQ(0, belowTwoParents([](pid_t ancestor) {
+              RunningProgram program;
+              program.pid = ancestor;
+              return endProcess(program).detail.find("started it") == std::string::npos ? 1 : 0;
+            }));
 }
 
 TEST(UserName, IsTheNameOrTheNumber) {

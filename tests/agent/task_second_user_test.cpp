@@ -2,12 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 #include "TaskFixture.h"
-#include "support/Process.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 
@@ -49,28 +46,6 @@ class ScanForASecondUser : public ScanTaskTest {
     plan.fixMethod = 0;
     plan.handling = how;
     return plan;
-  }
-  /// A program that sleeps and carries a detection behind its own bytes.
-  std::string program(const char* name) {
-    const std::string path = dir.at(name);
-    std::filesystem::copy_file("/bin/sleep", path);
-    std::ofstream(path, std::ios::binary | std::ios::app) << testsupport::genericSample();
-    EXPECT_EQ(0, chmod(path.c_str(), 0755));
-    return path;
-  }
-  static std::unique_ptr<testsupport::Process> run(const std::string& path, uid_t uid) {
-    testsupport::Process::Options options;
-    options.uid = uid;
-    options.gid = uid == 0 ? 0 : kGroup;
-    auto process =
-        std::make_unique<testsupport::Process>(std::vector<std::string>{path, "600"}, std::move(options));
-    EXPECT_TRUE(waitFor([&] {
-      const std::vector<RunningProgram> all = RunningPrograms::all();
-      return std::any_of(all.begin(), all.end(), [&](const RunningProgram& program) {
-        return program.pid == process->pid() && program.path == path && program.uid == uid;
-      });
-    }));
-    return process;
   }
 };
 
@@ -119,9 +94,9 @@ TEST_F(ScanForASecondUser, AFileOfTheCallersInAFolderThatTheCallerCannotWriteIsN
 
 TEST_F(ScanForASecondUser, OfTheProcessesThatRunADetectionTheCallersAloneAreToldAndEnded) {
   const std::string path = program("running");
-  const auto roots = run(path, 0);
-  const auto thirds = run(path, kThird);
-  const auto own = run(path, kUser);
+  const auto roots = run(path, 0, 0);
+  const auto thirds = run(path, kThird, kGroup);
+  const auto own = run(path, kUser, kGroup);
   ScanPlan plan = handling({path}, ScanPlan::Handling::kNothing);
   plan.memoryCheck = plan.endProcesses = true;
   scan(plan);
@@ -135,8 +110,8 @@ TEST_F(ScanForASecondUser, OfTheProcessesThatRunADetectionTheCallersAloneAreTold
 TEST_F(ScanForASecondUser, OfTheRunningProgramsTheCallersAloneAreScanned) {
   const std::string theirs = program("theirs");
   const std::string own = program("own");
-  const auto roots = run(theirs, 0);
-  const auto callers = run(own, kUser);
+  const auto roots = run(theirs, 0, 0);
+  const auto callers = run(own, kUser, kGroup);
   ScanPlan plan;
   plan.mode = ScanPlan::kFast;
   plan.memoryCheck = true;
