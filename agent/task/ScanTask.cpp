@@ -131,6 +131,7 @@ std::string ScanTask::prepare() {
   Walker::Options options;
   options.excludedFolders = parts_.ownFolders;
   options.networkFileSystems = plan_.networkFileSystems;
+  options.fileSystem = parts_.fileSystem;
   walker_.emplace(std::move(options), static_cast<WalkSink&>(*this));
   const std::string failure = openItems();
   if (failure.empty()) {

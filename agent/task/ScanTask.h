@@ -31,8 +31,9 @@ class ScanTask final : private WalkSink {
   struct Parts {
     Store& store;
     Spawner& spawner;
-    std::vector<std::string> ownFolders;  ///< resolved paths that no scan enters
-    std::chrono::milliseconds tick{500};  ///< between two tellings of progress
+    std::vector<std::string> ownFolders;                       ///< resolved paths that no scan enters
+    std::chrono::milliseconds tick{500};                       ///< between two tellings of progress
+    std::function<FileSystem(int)> fileSystem = fileSystemOf;  ///< of a descriptor, for the walk
   };
   ScanTask(Parts parts, std::string token, ScanPlan plan, CallerId caller,
            std::shared_ptr<TaskEvents> events);

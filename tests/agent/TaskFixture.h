@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,11 +24,20 @@ namespace agent {
 /// A whole scan in this process: real store, real workers; only who hears of it is played.
 class ScanTaskTest : public ::testing::Test {
  protected:
+  ScanTaskTest() { EXPECT_EQ(0, chmod(dir.path().c_str(), 0755)); }
   static Spawner::Config config(const testsupport::TempDir& dir) {
     Spawner::Config config;
     config.shippedSignatures = TAV_SOURCE_DIR "/packaging/etc/agent/signatures";
     config.systemSignatures = dir.at("system");
     config.tempFolder = dir.path();
+    config.beforeFile = [dir = dir.path()](const std::string& name) {
+      std::ofstream(dir + "/begun", std::ios::app) << name << "\n";
+      testsupport::waitFor([&] { return access((dir + "/hold").c_str(), F_OK) != 0; },
+                           std::chrono::minutes(5));
+      if (name.ends_with("deadly")) {
+        _exit(1);
+      }
+    };
     return config;
   }
   static ScanPlan custom(const std::vector<std::string>& items) {
@@ -44,8 +54,8 @@ class ScanTaskTest : public ::testing::Test {
     owner->held = held;
     owner->onStage = onStage;
     auto task = std::make_unique<ScanTask>(
-        ScanTask::Parts{*store, spawner, ownFolders, std::chrono::milliseconds(20)}, "token", plan, caller,
-        owner);
+        ScanTask::Parts{*store, *scanner, ownFolders, std::chrono::milliseconds(20), fileSystem}, "token",
+        plan, caller, owner);
     if (pausedAtFirst) {
       EXPECT_TRUE(task->pause());
     }
@@ -65,6 +75,30 @@ class ScanTaskTest : public ::testing::Test {
       scan({path});
       return store->cache().count() == 1;
     });
+  }
+  /// How often a worker has begun that file.
+  long begun(const std::string& path) const {
+    std::istringstream names(testsupport::readFile(dir.at("begun")));
+    long count = 0;
+    for (std::string name; std::getline(names, name);) {
+      count += name == path ? 1 : 0;
+    }
+    return count;
+  }
+  /// The workers begin no file and end none until release().
+  void hold() const { dir.write("hold", ""); }
+  void release() const { std::filesystem::remove(dir.at("hold")); }
+  /// A plan of stages whose places all lie on a file system that is left out: programs alone are met.
+  ScanPlan programsOf(ScanPlan::Mode mode) {
+    fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
+    ScanPlan plan;
+    plan.mode = mode;
+    plan.scanType = mode;
+    plan.parallelism = 1;
+    plan.networkFileSystems = false;
+    plan.memoryCheck = true;
+    plan.skipBytes = 1 << 20;
+    return plan;
   }
   enum ListType { kFile = 0, kMd5 = 3 };
   /// Puts one entry on a list: region 0 trusts, 1 rejects.
@@ -102,7 +136,9 @@ class ScanTaskTest : public ::testing::Test {
   testsupport::TempDir dir{testsupport::diskFolder()};
   Spawner spawner{config(dir)};
   std::unique_ptr<Store> store = Store::open(dir.at("state"));
+  Spawner* scanner = &spawner;
   std::vector<std::string> ownFolders;
+  std::function<FileSystem(int)> fileSystem = fileSystemOf;
   CallerId caller{geteuid(), getegid(), {}, getpid()};
   std::shared_ptr<TaskListener> owner;  ///< of the last scan
   std::function<void(int)> onStage;

@@ -1,12 +1,17 @@
 // Scans for a user who is neither root nor the agent's own: what the agent can do and that user cannot.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "TaskFixture.h"
+#include "platform/CLogDebug.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
+#include "task/Places.h"
 
 namespace agent {
 namespace {
@@ -24,10 +29,7 @@ const uid_t kThird = kUser + 1;
 
 class ScanForASecondUser : public ScanTaskTest {
  protected:
-  ScanForASecondUser() {
-    caller = CallerId{kUser, kGroup, {}, getpid()};
-    EXPECT_EQ(0, chmod(dir.path().c_str(), 0755));
-  }
+  ScanForASecondUser() { caller = CallerId{kUser, kGroup, {}, getpid()}; }
   std::string folder(const char* name, uid_t uid, mode_t mode) {
     const std::string path = dir.at(name);
     EXPECT_TRUE(std::filesystem::create_directory(path));
@@ -112,23 +114,106 @@ TEST_F(ScanForASecondUser, OfTheRunningProgramsTheCallersAloneAreScanned) {
   const std::string own = program("own");
   const auto roots = run(theirs, 0, 0);
   const auto callers = run(own, kUser, kGroup);
-  ScanPlan plan;
-  plan.mode = ScanPlan::kFast;
-  plan.memoryCheck = true;
-  std::atomic<ScanTask*> task{nullptr};
-  constexpr int kMemoryStageEnds = 5;
-  onStage = [&](int stage) {
-    if (stage == kMemoryStageEnds) {
-      EXPECT_TRUE(waitFor([&] { return task.load() != nullptr; }));
-      task.load()->stop("seen enough");
-    }
-  };
-  const std::unique_ptr<ScanTask> whole = begin(plan);
-  task = whole.get();
-  EXPECT_TRUE(whole->waitOver(std::chrono::minutes(2)));
-  EXPECT_THAT(owner->stages(), Contains(kMemoryStageEnds));
+  scan(programsOf(ScanPlan::kFast));
   EXPECT_THAT(owner->risks(), ElementsAre(own));
   EXPECT_THAT(owner->processes(), ElementsAre(callers->pid()));
+}
+
+TEST_F(ScanForASecondUser, APathThatTheCallerCannotOpenStartsNoScan) {
+  const std::string path = infected("hidden", 0);
+  ASSERT_EQ(0, chmod(path.c_str(), 0600));
+  const std::unique_ptr<ScanTask> task = begin(custom({path}));
+  EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->detail(), HasSubstr("Permission denied"));
+}
+
+TEST_F(ScanForASecondUser, AnAgentThatIsNotRootStartsNoScan) {
+  const std::string path = infected("file", kUser);
+  std::thread([&] {
+    // Of this thread and the task's, which it starts.
+    ASSERT_EQ(0, syscall(SYS_setresuid, kThird, kThird, kThird));
+    const std::unique_ptr<ScanTask> task = begin(custom({path}));
+    EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+  }).join();
+  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->detail(), HasSubstr("does not run as root"));
+}
+
+TEST_F(ScanForASecondUser, WhatTheCallerCannotReadIsAnErrorAndTheRestIsScanned) {
+  folder("d", 0, 0755);
+  const std::string hidden = infected("d/hidden", 0);
+  ASSERT_EQ(0, chmod(hidden.c_str(), 0600));
+  const std::string open = infected("d/open", 0);
+  scan({dir.at("d")});
+  EXPECT_THAT(owner->risks(), ElementsAre(open));
+  EXPECT_EQ(2, owner->counted("total_item_count"));
+  EXPECT_EQ(1, owner->counted("failed_item_count"));
+}
+
+TEST_F(ScanForASecondUser, AStagesPathThatTheCallerCannotOpenIsAnError) {
+  const ScanPlan plan = programsOf(ScanPlan::kFast);
+  const std::unique_ptr<ScanTask> task = begin(plan);
+  EXPECT_TRUE(task->waitOver(std::chrono::seconds(60)));
+  int closed = 0;
+  std::thread([&] {
+    const CallerRights rights(caller);
+    for (const Stage& stage : stagesOf(plan.mode, true, homeFolders())) {
+      for (const std::string& path : stage.paths) {
+        closed += platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) ? 0 : 1;
+      }
+    }
+  }).join();
+  EXPECT_EQ(closed, owner->counted("failed_item_count"));
+  EXPECT_EQ(99, task->percent());  // what could not be opened is behind it, too
+}
+
+/// A log that only root can write, and that goes to a new file with each record.
+class LogOfRoot {
+ public:
+  explicit LogOfRoot(std::string folder) : folder_(std::move(folder)) {
+    EXPECT_TRUE(std::filesystem::create_directory(folder_));
+    EXPECT_EQ(0, chmod(folder_.c_str(), 0700));
+    CLogDebug* const log = CLogDebug::Create();
+    log->SetProperty(CLogDebug::kPath, folder_);
+    log->SetProperty(CLogDebug::kLevel, "1");
+    log->SetProperty(CLogDebug::kSize, "1");
+    log->SetProperty(CLogDebug::kBackupCount, "200");
+  }
+  ~LogOfRoot() { CLogDebug::Instance()->Close(); }
+  LogOfRoot(const LogOfRoot&) = delete;
+  LogOfRoot& operator=(const LogOfRoot&) = delete;
+  std::string text() const {
+    std::string text;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+      text += testsupport::readFile(entry.path());
+    }
+    return text;
+  }
+
+ private:
+  const std::string folder_;
+};
+
+TEST_F(ScanForASecondUser, TheAgentsLogIsWrittenWithTheAgentsRights) {
+  const LogOfRoot log(dir.at("log"));
+  folder("d", 0, 0755);
+  const std::string hidden = infected("d/hidden", 0);
+  ASSERT_EQ(0, chmod(hidden.c_str(), 0600));
+  const std::string trusted = infected("d/trusted", 0);
+  list(0, trusted);
+  ASSERT_EQ(0, symlink("trusted", dir.at("d/link").c_str()));
+  pausedAtFirst = true;
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.at("d")}));
+  ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
+  EXPECT_TRUE(task->resume());
+  EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 4, 2));
+  EXPECT_THAT(log.text(), HasSubstr("scan token paused"));
+  EXPECT_THAT(log.text(), HasSubstr("scan token resumed"));
+  EXPECT_THAT(log.text(), HasSubstr(hidden + ": not scanned: Permission denied"));
+  EXPECT_THAT(log.text(), HasSubstr(trusted + ": skipped: trusted"));
+  EXPECT_THAT(log.text(), HasSubstr(dir.at("d/link") + ": skipped: symbolic link"));
 }
 
 }  // namespace

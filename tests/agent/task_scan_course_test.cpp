@@ -1,0 +1,442 @@
+// The course of a scan: how it begins, what it counts, remembers and tells, how it ends.
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "TaskFixture.h"
+#include "support/ArchiveMaker.h"
+#include "support/Samples.h"
+#include "support/Wait.h"
+
+namespace agent {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using testsupport::waitFor;
+
+constexpr const char* kMd5OfEicar = "44d88612fea8a8f36de82e1278abb02f";
+constexpr std::chrono::seconds kLimit{20};
+
+using ScanCourse = ScanTaskTest;
+
+// The beginning.
+
+TEST_F(ScanCourse, AScanThatIsStoppedBeforeItBeganIsNotMade) {
+  owner = std::make_shared<TaskListener>();
+  ScanTask task({*store, spawner, {}}, "token", custom({dir.path()}), caller, owner);
+  EXPECT_EQ(std::nullopt, task.prepared(std::chrono::milliseconds(1)));
+  EXPECT_TRUE(task.stop("no longer wanted"));
+  task.start({[this] { ++released; }, [this] { ++told; }});
+  EXPECT_TRUE(task.waitOver(kLimit));
+  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_EQ("no longer wanted", owner->detail());
+  EXPECT_EQ("no longer wanted", task.prepared(kLimit));
+  EXPECT_EQ(1, released);
+  EXPECT_EQ(1, told);
+}
+
+TEST_F(ScanCourse, WithoutSignaturesAScanIsNotMade) {
+  Spawner::Config without = config(dir);
+  without.shippedSignatures = dir.at("none");
+  Spawner none(without);
+  scanner = &none;
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->detail(), HasSubstr("no signatures are loaded"));
+}
+
+/// The spawner's process, held up; it goes on with the object's end.
+class StoppedSpawner {
+ public:
+  explicit StoppedSpawner(pid_t pid) : pid_(pid) { ::kill(pid_, SIGSTOP); }
+  ~StoppedSpawner() { ::kill(pid_, SIGCONT); }
+  StoppedSpawner(const StoppedSpawner&) = delete;
+  StoppedSpawner& operator=(const StoppedSpawner&) = delete;
+
+ private:
+  const pid_t pid_;
+};
+
+std::set<pid_t> ownChildren() {
+  std::istringstream text(testsupport::readFile("/proc/self/task/" + std::to_string(getpid()) + "/children"));
+  return {std::istream_iterator<pid_t>(text), {}};
+}
+
+TEST_F(ScanCourse, AStopEndsTheWaitForSignaturesThatLoad) {
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    const std::set<pid_t> before = ownChildren();
+    Spawner slow(config(dir));
+    std::set<pid_t> now = ownChildren();
+    std::erase_if(now, [&](pid_t pid) { return before.count(pid) != 0; });
+    ASSERT_EQ(1U, now.size());
+    const StoppedSpawner stopped(*now.begin());
+    if (!slow.signatureState().loading) {
+      continue;  // it was quicker
+    }
+    scanner = &slow;
+    const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
+    EXPECT_TRUE(task->stop("no longer wanted"));
+    EXPECT_TRUE(task->waitOver(kLimit));
+    EXPECT_THAT(owner->states(), ElementsAre(-1));
+    EXPECT_EQ("no longer wanted", owner->detail());
+    return;
+  }
+  ADD_FAILURE() << "the signatures were loaded at once each time";
+}
+
+struct ItemRow {
+  const char* name;
+  const char* item;  // below the test's folder, or absolute
+  const char* why;
+};
+class ItemThatIsNeverScanned : public ScanCourse, public ::testing::WithParamInterface<ItemRow> {};
+
+TEST_P(ItemThatIsNeverScanned, StartsNoScanWhateverTheOthersAre) {
+  ownFolders = {dir.at("own")};
+  dir.write("own/file", "x");
+  ASSERT_EQ(0, mkfifo(dir.at("fifo").c_str(), 0600));
+  const std::string item = GetParam().item;
+  const std::unique_ptr<ScanTask> task =
+      begin(custom({dir.write("file", testsupport::eicar()), item.front() == '/' ? item : dir.at(item)}));
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->detail(), HasSubstr(GetParam().why));
+  EXPECT_THAT(owner->risks(), IsEmpty());
+  EXPECT_EQ(1, released);
+  EXPECT_EQ(1, told);
+}
+
+INSTANTIATE_TEST_SUITE_P(Items, ItemThatIsNeverScanned,
+                         ::testing::Values(ItemRow{"Absent", "ab\nsent", "ab\\nsent: No such file"},
+                                           ItemRow{"Fifo", "fifo", "fifo: fifo"},
+                                           ItemRow{"PseudoFileSystem", "/proc", "/proc: pseudo"},
+                                           ItemRow{"OwnFolder", "own/file", "kept by the agent itself"}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(ScanCourse, TheAgentsOwnFoldersAreNotEnteredFromAbove) {
+  ownFolders = {dir.at("d/own")};
+  dir.write("d/own/file", testsupport::eicar());
+  const std::string other = dir.write("d/other", testsupport::eicar());
+  scan({dir.at("d")});
+  EXPECT_THAT(owner->risks(), ElementsAre(other));
+}
+
+TEST_F(ScanCourse, ItsAttributesNameTheKindTheWorkersAndTheSignatures) {
+  ScanPlan plan = custom({dir.write("file", "clean")});
+  plan.parallelism = 3;
+  plan.scanType = 5;
+  scan(plan);
+  EXPECT_EQ(3, owner->attributes()["parallelism"].asInt());
+  EXPECT_EQ(5, owner->attributes()["scan_type"].asInt());
+  EXPECT_EQ(spawner.signatureState().version, owner->attributes()["signature_version"].asString());
+  EXPECT_EQ(1, released);
+  EXPECT_EQ(1, told);
+}
+
+TEST_F(ScanCourse, OnANetworkFileSystemWhatWasAskedForIsScannedAndAStageIsNot) {
+  ScanPlan plan = programsOf(ScanPlan::kFast);
+  plan.memoryCheck = false;
+  scan(plan);
+  EXPECT_EQ(0, owner->counted("checked_item_count"));
+  EXPECT_NE(0, owner->counted("total_item_count"));
+  plan.networkFileSystems = true;
+  onStage = [this](int) { release(); };
+  const std::string path = dir.write("file", testsupport::eicar());
+  ScanPlan asked = custom({path});
+  asked.networkFileSystems = false;
+  scan(asked);
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
+}
+
+// The stages.
+
+TEST_F(ScanCourse, RootMeetsTheProgramsOfEverybody) {
+  const std::string path = program("theirs");
+  const auto process = run(path, 60123, 60124);
+  scan(programsOf(ScanPlan::kFast));
+  EXPECT_THAT(owner->risks(), Contains(path));
+  EXPECT_THAT(owner->processes(), Contains(process->pid()));
+}
+
+TEST_F(ScanCourse, ProcessesThatRunADetectionAreLeftOutWithoutMemoryCheck) {
+  const std::string path = program("running");
+  const auto process = run(path, 60123, 60124);
+  ScanPlan plan = custom({path});
+  plan.fixMethod = 0;
+  plan.endProcesses = true;
+  scan(plan);
+  EXPECT_THAT(owner->processes(), IsEmpty());
+  plan.memoryCheck = true;
+  plan.endProcesses = false;
+  scan(plan);
+  EXPECT_THAT(owner->processes(), ElementsAre(process->pid()));
+  EXPECT_EQ(3, owner->handled(process->pid()));
+  EXPECT_TRUE(process->running());
+  plan.endProcesses = true;
+  scan(plan);
+  EXPECT_EQ(2, owner->handled(process->pid()));
+  EXPECT_EQ(128 + SIGKILL, process->wait());
+  EXPECT_THAT(testsupport::readFile(dir.at("state/audit.log")),
+              AllOf(HasSubstr("end process"), HasSubstr(std::to_string(process->pid()) + " " + path)));
+}
+
+TEST_F(ScanCourse, EachStageIsToldWithItsBeginAndItsEnd) {
+  const ScanPlan plan = programsOf(ScanPlan::kFast);
+  const std::unique_ptr<ScanTask> task = begin(plan);
+  EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
+  EXPECT_THAT(owner->stages(), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
+  EXPECT_EQ(99, task->percent());  // the shares of all stages are behind it
+}
+
+TEST_F(ScanCourse, TheLastStageOfAFullScanHasNineTenthsOfTheWork) {
+  const ScanPlan plan = programsOf(ScanPlan::kFull);
+  std::atomic<ScanTask*> running{nullptr};
+  int atLast = -1;
+  onStage = [&](int stage) {
+    if (stage == 8) {
+      EXPECT_TRUE(waitFor([&] { return running.load() != nullptr; }));
+      atLast = running.load()->percent();
+    }
+  };
+  const std::unique_ptr<ScanTask> task = begin(plan);
+  running = task.get();
+  EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
+  EXPECT_GE(atLast, 7);
+  EXPECT_LE(atLast, 10);
+  EXPECT_EQ(99, task->percent());
+}
+
+TEST_F(ScanCourse, BehindAStopNoStageEndsAndNoneBegins) {
+  std::atomic<ScanTask*> running{nullptr};
+  onStage = [&](int) {
+    EXPECT_TRUE(waitFor([&] { return running.load() != nullptr; }));
+    running.load()->stop("enough");
+  };
+  const std::unique_ptr<ScanTask> task = begin(programsOf(ScanPlan::kFast));
+  running = task.get();
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(owner->stages(), ElementsAre(0));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 5));
+  EXPECT_EQ("enough", owner->detail());
+  EXPECT_THAT(owner->percents(), Not(Contains(100)));
+}
+
+TEST_F(ScanCourse, TheEndOfAStageIsToldBehindWhatItFound) {
+  const std::string path = program("running");
+  const auto process = run(path, 60123, 60124);
+  std::vector<std::string> foundByThen;
+  onStage = [&](int stage) {
+    if (stage == 5) {
+      foundByThen = owner->risks();
+    }
+  };
+  scan(programsOf(ScanPlan::kFast));
+  EXPECT_THAT(foundByThen, Contains(path));
+}
+
+// What is counted.
+
+TEST_F(ScanCourse, EveryEntryIsMetAndEndsOnce) {
+  dir.write("d/clean", "clean");
+  dir.write("d/infected", testsupport::eicar());
+  dir.write("d/deadly", "its worker dies");
+  dir.write("d/large", std::string(3 << 20, 'x'));
+  list(0, dir.write("d/trusted", testsupport::eicar()));
+  ASSERT_EQ(0, symlink("clean", dir.at("d/link").c_str()));
+  dir.write("d/archive", testsupport::makeZip({{.name = "member", .content = std::string(2000, 'x')}}));
+  ScanPlan plan = custom({dir.at("d")});
+  plan.skipBytes = 2 << 20;
+  plan.options.maxArchiveBytes = 100;
+  for (int known = 0; known < 2; ++known) {  // the second time from the cache
+    scan(plan);
+    EXPECT_EQ(7, owner->counted("total_item_count"));
+    EXPECT_EQ(2, owner->counted("checked_item_count"));
+    EXPECT_EQ(1, owner->counted("checkout_risk_count"));
+    EXPECT_EQ(1, owner->counted("failed_item_count"));
+    EXPECT_EQ(1, owner->counted("trusted_risk_count"));
+    EXPECT_THAT(owner->detail(), HasSubstr("7 entries: 1 clean, 1 infected, 1 errors, 4 skipped"));
+    ASSERT_TRUE(waitFor([&] {
+      scan(plan);
+      return store->cache().count() == 1;
+    }));
+  }
+  EXPECT_EQ(100, owner->percents().back());
+}
+
+TEST_F(ScanCourse, ProgressIsToldWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd) {
+  hold();
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
+  ASSERT_TRUE(waitFor([&] { return task->percent() == 99; }));
+  ASSERT_TRUE(waitFor([&] { return !owner->percents().empty() && owner->percents().back() == 99; }));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1));
+  EXPECT_EQ(0, released);
+  release();
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_EQ(100, owner->percents().back());
+  EXPECT_EQ(1, owner->counted("checked_item_count"));
+}
+
+TEST_F(ScanCourse, APauseIsToldBehindAnOverviewAndThenNothingUntilTheResume) {
+  pausedAtFirst = true;
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
+  ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
+  EXPECT_THAT(owner->percents(), ElementsAre(0));
+  const std::shared_ptr<TaskListener> paused = owner;
+  pausedAtFirst = false;
+  scan({dir.at("file")});
+  scan({dir.at("file")});  // longer than the time between two tellings of progress
+  EXPECT_THAT(paused->percents(), ElementsAre(0));
+  EXPECT_TRUE(task->resume());
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(paused->states(), ElementsAre(0, 1, 3, 4, 2));
+}
+
+TEST_F(ScanCourse, TheTimeLimitEndsAScanWhateverItsFileDoes) {
+  hold();
+  ScanPlan plan = custom({dir.write("file", "clean")});
+  plan.limit = std::chrono::seconds(1);
+  const std::unique_ptr<ScanTask> task = begin(plan);
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 5));
+  EXPECT_THAT(owner->detail(), HasSubstr("the time limit of 1 seconds is over"));
+}
+
+TEST_F(ScanCourse, DetectionsThatWaitForTheirOwnerAreFew) {
+  constexpr long kFiles = 80;
+  for (int i = 0; i < kFiles; ++i) {
+    dir.write("d/" + std::to_string(i), testsupport::eicar());
+  }
+  held = true;
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.at("d")}));
+  ASSERT_TRUE(waitFor([&] { return owner->waiting.load(); }));
+  const auto filesBegun = [&] {
+    const std::string names = testsupport::readFile(dir.at("begun"));
+    return std::count(names.begin(), names.end(), '\n');
+  };
+  EXPECT_TRUE(waitFor([&] { return filesBegun() >= 32; }));
+  EXPECT_FALSE(waitFor([&] { return filesBegun() > 60; }, std::chrono::milliseconds(300)));
+  owner->held = false;
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_EQ(kFiles, static_cast<long>(owner->risks().size()));
+}
+
+// What is remembered.
+
+TEST_F(ScanCourse, AFileThatIsKnownCleanIsNotReadAgainUnlessTheScanIsForced) {
+  const std::string path = dir.write("file", "clean");
+  ASSERT_TRUE(becomesKnownClean(path));
+  const long before = begun(path);
+  scan({path});
+  EXPECT_EQ(before, begun(path));
+  list(0, "/some/other/path");  // no list of hashes is concerned
+  scan({path});
+  EXPECT_EQ(before, begun(path));
+  ScanPlan forced = custom({path});
+  forced.readCache = false;
+  scan(forced);
+  EXPECT_EQ(before + 1, begun(path));
+}
+
+TEST_F(ScanCourse, WithoutTheCacheNothingIsRemembered) {
+  const std::string path = dir.write("unknown", "clean");
+  ASSERT_TRUE(becomesKnownClean(dir.write("file", "clean")));  // by then the first one is old enough
+  ScanPlan plan = custom({path});
+  plan.useCache = plan.readCache = false;
+  scan(plan);
+  EXPECT_EQ(1, store->cache().count());
+}
+
+TEST_F(ScanCourse, AFileThatChangedJustNowIsNotRemembered) {
+  EXPECT_TRUE(waitFor([&] {
+    store->cache().clear();
+    scan({dir.write("file", "clean")});
+    return store->cache().count() == 0;
+  }));
+}
+
+TEST_F(ScanCourse, AFileThatChangesDuringItsScanIsNotRemembered) {
+  const std::string path = dir.write("file", "clean");
+  ASSERT_TRUE(becomesKnownClean(path));
+  store->cache().clear();
+  hold();
+  const std::unique_ptr<ScanTask> task = begin(custom({path}));
+  ASSERT_TRUE(waitFor([&] { return task->percent() == 99; }));  // its status was read
+  dir.write("file", "clean too");
+  release();
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_EQ(0, store->cache().count());
+}
+
+TEST_F(ScanCourse, WhatIsKnownCleanIsWrittenByTheEndOfTheScan) {
+  ASSERT_TRUE(becomesKnownClean(dir.write("file", "clean")));
+  std::filesystem::copy(dir.at("state"), dir.at("copy"), std::filesystem::copy_options::recursive);
+  EXPECT_EQ(1, Store::open(dir.at("copy"))->cache().count());
+}
+
+TEST_F(ScanCourse, CleanInOneWayOfScanningIsNotKnownCleanInAnother) {
+  const std::string path = dir.write("file", testsupport::eicar());
+  ScanPlan plan = custom({path});
+  plan.options.enabledEngines = 0;
+  plan.cacheKey = "no engine";
+  ASSERT_TRUE(waitFor([&] {
+    scan(plan);
+    return store->cache().count() == 1;
+  }));
+  EXPECT_THAT(owner->risks(), IsEmpty());
+  plan.options = {};
+  plan.cacheKey = "every engine";
+  scan(plan);
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
+}
+
+TEST_F(ScanCourse, CleanForOldSignaturesIsNotKnownCleanForNewOnes) {
+  const std::string path = dir.write("file", "no database knows this: 5c0ffee5");
+  ASSERT_TRUE(becomesKnownClean(path));
+  dir.write("system/new.ndb", "TAV.Test.Later:0:*:3563306666656535\n");
+  std::string why;
+  ASSERT_TRUE(spawner.reload(&why)) << why;
+  scan({path});
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
+}
+
+// The lists.
+
+TEST_F(ScanCourse, ARejectedFileIsADetectionAlsoWhenItWouldBeLeftOutOrCannotBeScanned) {
+  const std::string large = dir.write("d/large", std::string(3 << 20, 'x'));
+  const std::string deadly = dir.write("d/deadly", "its worker dies");
+  const std::string archive =
+      dir.write("d/archive", testsupport::makeZip({{.name = "member", .content = std::string(2000, 'x')}}));
+  for (const std::string& path : {large, deadly, archive}) {
+    list(1, path);
+  }
+  ScanPlan plan = custom({dir.at("d")});
+  plan.skipBytes = 2 << 20;
+  plan.options.maxArchiveBytes = 100;
+  scan(plan);
+  EXPECT_THAT(owner->risks(), ::testing::UnorderedElementsAre(large, deadly, archive));
+}
+
+TEST_F(ScanCourse, ATrustedHashIsToldAsTrustedAndARejectedPathComesBeforeIt) {
+  const std::string path = dir.write("file", testsupport::eicar());
+  list(0, kMd5OfEicar, kMd5);
+  scan({path});
+  EXPECT_THAT(owner->risks(), IsEmpty());
+  EXPECT_EQ(6, owner->handled(path));
+  EXPECT_EQ(1, owner->counted("trusted_risk_count"));
+  list(1, path);
+  scan({path});
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
+  EXPECT_EQ(3, owner->handled(path));
+}
+
+}  // namespace
+}  // namespace agent
