@@ -50,6 +50,7 @@ class TaskListener final : public TaskEvents {
     const std::lock_guard guard(mutex_);
     kind == kFileRisk ? risks_.push_back(json::decodePath(info["item"].asString()))
                       : processes_.push_back(info["process_info"]["pid"].asInt());
+    lastName_ = info["risk_name"].asString();
   }
   void repaired(int kind, int, const Json::Value& info, const Json::Value& result) override {
     const std::lock_guard guard(mutex_);
@@ -69,6 +70,7 @@ class TaskListener final : public TaskEvents {
   Json::Value attributes() const { return copied(attributes_); }
   std::vector<std::string> risks() const { return copied(risks_); }  ///< files, as they were told
   std::vector<int> processes() const { return copied(processes_); }  ///< by pid
+  std::string lastName() const { return copied(lastName_); }         ///< of the last detection in a file
   int counted(const char* what) const { return copied(overview_)[what].asInt(); }
   /// What became of a file: 0 when nothing was told.
   int handled(const std::string& path) const { return result(files_, path, "handle_result").asInt(); }
@@ -95,7 +97,7 @@ class TaskListener final : public TaskEvents {
 
   mutable std::mutex mutex_;
   std::vector<int> states_, percents_, stages_, processes_;
-  std::string detail_;
+  std::string detail_, lastName_;
   std::vector<std::string> risks_;
   std::map<std::string, Json::Value> files_;
   std::map<pid_t, Json::Value> ofProcesses_;

@@ -72,6 +72,24 @@ TEST(TaskControl, StopEndsAPausedTask) {
   EXPECT_EQ("why", control.stopReason());
 }
 
+TEST(TaskControl, AStopThatCameBeforeAPauseWasSeenIsNotToldAsAPause) {
+  TaskControl control;
+  control.pause();
+  control.stop("why");
+  int calls = 0;
+  EXPECT_FALSE(control.goOn([&] { ++calls; }, [&] { ++calls; }));
+  EXPECT_EQ(0, calls);
+}
+
+TEST(TaskControl, WaitForStopWaitsForThatAlone) {
+  TaskControl control;
+  EXPECT_FALSE(control.waitForStop(std::chrono::milliseconds(1)));
+  control.pause();
+  EXPECT_FALSE(control.waitForStop(std::chrono::milliseconds(1)));
+  control.stop("why");
+  EXPECT_TRUE(control.waitForStop(std::chrono::milliseconds(1)));
+}
+
 TEST(TaskControl, OnlyTheFirstStopCounts) {
   TaskControl control;
   int actions = 0;

@@ -17,6 +17,7 @@
 namespace agent {
 namespace {
 
+using ::testing::Contains;
 using ::testing::HasSubstr;
 
 class Handling : public testing::Test {
@@ -80,6 +81,16 @@ TEST_P(HandledBy, AFileThatCameInThePlaceOfTheScannedOneStays) {
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
 
+TEST_P(HandledBy, AFileThatWasWrittenAfterItsScanStays) {
+  plan_.handling = GetParam().second;
+  const std::string path = folder_.write("d/file", "bad");
+  const std::shared_ptr<ScanJob> job = scanned(path);
+  folder_.write("d/file", "good by now");
+  EXPECT_EQ(handle(job), 4);
+  EXPECT_EQ(testsupport::readFile(path), "good by now");
+  EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Actions, HandledBy,
                          testing::Values(std::pair("Deletion", ScanPlan::Handling::kDelete),
                                          std::pair("Quarantine", ScanPlan::Handling::kQuarantine)),
@@ -88,6 +99,7 @@ INSTANTIATE_TEST_SUITE_P(Actions, HandledBy,
 TEST_F(Handling, AnAgentThatIsNotRootMindsNoOwnerForItsOwnUserAndForRoot) {
   constexpr uid_t kUser = 60123;
   const std::string path = folder_.write("d/file", "bad");
+  ASSERT_EQ(0, chown(path.c_str(), kUser + 2, 0));
   const std::shared_ptr<ScanJob> job = scanned(path);
   job->folderWritable = false;
   for (const uid_t uid : {kUser, uid_t{0}, kUser + 1}) {
@@ -175,6 +187,14 @@ TEST_F(Handling, TheQuarantineIsToldTheDetection) {
   plan_.handling = ScanPlan::Handling::kQuarantine;
   EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), 1);
   EXPECT_EQ("Test", store_->quarantine().list(std::nullopt)[0]["virus_name"].asString());
+}
+
+TEST_F(Handling, AProcessThatIsNotEndedIsToldAsThat) {
+  plan_.handling = ScanPlan::Handling::kNothing;
+  plan_.memoryCheck = plan_.endProcesses = true;
+  handle(scanned("/proc/self/exe"));  // what runs the agent's own program is spared
+  EXPECT_THAT(told_.processes(), Contains(getpid()));
+  EXPECT_EQ(told_.handled(getpid()), 4);
 }
 
 TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -268,6 +269,27 @@ TEST_F(Tasks, NoneIsStartedWhileTheAgentEnds) {
   EXPECT_THAT(task.detail, HasSubstr("the agent is ending"));
   EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
   EXPECT_TRUE(store->tasks().all().empty());
+}
+
+TEST_F(Tasks, AScanThatCannotBeRecordedIsNotMadeAndItsModeIsFree) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(dir.at("state/cache.db").c_str(), &db));
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "ALTER TABLE tasks RENAME TO aside", nullptr, nullptr, nullptr))
+      << sqlite3_errmsg(db);
+  const TaskManager::Started task = start(kUser);
+  EXPECT_FALSE(task.ok);
+  EXPECT_THAT(task.detail, HasSubstr("cannot be recorded"));
+  EXPECT_EQ(0U, tasks.count());
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "ALTER TABLE aside RENAME TO tasks", nullptr, nullptr, nullptr));
+  sqlite3_close(db);
+  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
+  EXPECT_TRUE(start(kUser).ok);
+}
+
+TEST_F(Tasks, ThatDoNotEndWithinTheLimitAreSaid) {
+  ASSERT_TRUE(start(kUser).ok);
+  EXPECT_FALSE(tasks.stopAll("the agent is ending", std::chrono::milliseconds(0)));
+  EXPECT_TRUE(tasks.stopAll("the agent is ending", kLimit));
 }
 
 TEST_F(Tasks, AreRecordedWithTheirOwnerWhileTheyRun) {

@@ -283,6 +283,12 @@ TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {
   EXPECT_NE(oneFormatMore, everyFormat);
   settings.scan["Compressed"]["Flag"] = false;
   EXPECT_NE(everyFormat, plan().cacheKey);
+  settings.scan["Compressed"]["Format"].append("tar");
+  settings.scan["Compressed"]["Format"].append("gz");
+  const std::string twoFormats = plan().cacheKey;
+  settings.scan["Compressed"]["Format"] = Json::Value(Json::arrayValue);
+  settings.scan["Compressed"]["Format"].append("targz");
+  EXPECT_NE(twoFormats, plan().cacheKey);
 }
 
 TEST_F(PlanTest, AForcedScanWritesTheCacheAndDoesNotReadIt) {

@@ -1,6 +1,10 @@
+#include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -12,6 +16,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <set>
 #include <thread>
 
 #include "store/Posix.h"
@@ -20,12 +25,27 @@
 #include "task/FileSystems.h"
 #include "task/Walker.h"
 
+namespace {
+
+/// What becomes of an answer of readdir(); null: nothing.
+std::function<dirent*(dirent*)> onReaddir;
+
+}  // namespace
+
+/// In place of the library's own, for this whole program.
+extern "C" dirent* readdir(DIR* directory) {
+  static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+  dirent* const entry = real(directory);
+  return onReaddir ? onReaddir(entry) : entry;
+}
+
 namespace agent {
 namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
 /// Writes down what a walk meets.
@@ -232,6 +252,82 @@ TEST_F(WalkerTest, NamesThatAreNoUtf8AreMetByteForByte) {
   EXPECT_THAT(met.files, UnorderedElementsAre(path));
 }
 
+TEST_F(WalkerTest, TheRootFolderGivesPathsBelowIt) {
+  met.allowed = 2000;
+  EXPECT_EQ("", walk("/"));
+  ASSERT_FALSE(met.files.empty());
+  for (const std::string& path : met.files) {
+    EXPECT_EQ('/', path[0]);
+    EXPECT_NE('/', path[1]);
+    EXPECT_EQ("", met.resolved[path]);
+  }
+}
+
+TEST_F(WalkerTest, AFileInTheRootFolderIsMetWithThatFolder) {
+  std::string path = "/tavtest-XXXXXX";
+  const platform::Descriptor file(mkstemp(path.data()));
+  if (!file) {
+    GTEST_SKIP() << "the root folder cannot be written";
+  }
+  EXPECT_EQ("", walk(path));
+  EXPECT_EQ(0, unlink(path.c_str()));
+  EXPECT_THAT(met.files, ElementsAre(path));
+  EXPECT_TRUE(met.writable[path]);
+}
+
+TEST_F(WalkerTest, APathWhoseResolvedNameIsUnknownIsMetAsItWasNamed) {
+  const std::string path = dir.write("d/file", "x");
+  Walker walker({}, met);
+  std::string error;
+  Walker::Named named = Walker::open(dir.at("d"), &error);
+  named.resolved.clear();
+  walker.walk(std::move(named), 1.0);
+  EXPECT_THAT(met.files, ElementsAre(path));
+  EXPECT_EQ("", met.resolved[path]);
+}
+
+TEST_F(WalkerTest, AnEntryThatIsRemovedBeforeItsTurnIsSkipped) {
+  dir.write("tree/a", "x");
+  dir.write("tree/b", "x");
+  dir.write("tree/sub/file", "x");
+  std::string other;
+  met.onFile = [&](const std::string& path) {
+    other = path == dir.at("tree/a") ? dir.at("tree/b") : dir.at("tree/a");
+    std::filesystem::remove(other);
+    std::filesystem::remove_all(dir.at("tree/sub"));
+  };
+  EXPECT_EQ("", walk(dir.at("tree")));
+  EXPECT_EQ("was removed while its folder was read", met.skips[other]);
+  EXPECT_EQ("was removed while its folder was read", met.skips[dir.at("tree/sub")]);
+  EXPECT_THAT(met.failures, IsEmpty());
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, WhatAUserCannotOpenIsAnErrorEach) {
+  dir.write("tree/hidden", "x");
+  dir.write("tree/closed/file", "x");
+  const std::string open = dir.write("tree/open", "x");
+  for (const auto& [name, mode] : {std::pair("", 0755), {"tree", 0755}, {"tree/open", 0644}}) {
+    ASSERT_EQ(0, chmod(dir.at(name).c_str(), static_cast<mode_t>(mode)));
+  }
+  ASSERT_EQ(0, chmod(dir.at("tree/hidden").c_str(), 0600));
+  ASSERT_EQ(0, chmod(dir.at("tree/closed").c_str(), 0700));
+  std::thread([&] {
+    const CallerRights rights(CallerId{60123, 60124, {}, getpid()});
+    EXPECT_EQ("", walk(dir.at("tree")));
+  }).join();
+  EXPECT_THAT(met.files, ElementsAre(open));
+  EXPECT_EQ("Permission denied", met.failures[dir.at("tree/hidden")]);
+  EXPECT_EQ("Permission denied", met.failures[dir.at("tree/closed")]);
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, AnEmptyFolderIsWalked) {
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(met.failures, IsEmpty());
+}
+
 TEST_F(WalkerTest, AMissingPathIsAnErrorWithItsReason) {
   EXPECT_THAT(walk(dir.at("absent")), HasSubstr("No such file"));
 }
@@ -253,6 +349,7 @@ TEST_F(WalkerTest, APseudoFileSystemIsSkippedWithItsName) {
   EXPECT_EQ("", walk("/sys/kernel"));
   EXPECT_THAT(met.skips["/sys/kernel"], HasSubstr("sysfs"));
   EXPECT_TRUE(met.files.empty());
+  EXPECT_NEAR(2.0, met.progress, 1e-9);
 }
 
 TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredFromAbove) {
@@ -260,6 +357,16 @@ TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredFromAbove) {
   dir.write("other", "x");
   EXPECT_EQ("", walk(dir.path(), excluding("state")));
   EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("other")));
+  EXPECT_THAT(met.skips[dir.at("state")], HasSubstr("agent"));
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, ANeighbourWhoseNameBeginsAsTheAgentsOwnFolderIsWalked) {
+  dir.write("state/secret", "x");
+  const std::string file = dir.write("state2/file", "x");
+  EXPECT_EQ("", walk(dir.at("state2"), excluding("state")));
+  EXPECT_EQ("", walk(dir.at("state"), excluding("state")));
+  EXPECT_THAT(met.files, ElementsAre(file));
   EXPECT_THAT(met.skips[dir.at("state")], HasSubstr("agent"));
 }
 
@@ -425,6 +532,32 @@ TEST_F(WalkerTest, AWalkThatIsToldToEndEndsAtTheNextEntry) {
   EXPECT_EQ(10U, met.files.size());
 }
 
+TEST_F(WalkerTest, AWalkThatIsToldToEndEntersNoFolderMore) {
+  dir.write("state/secret", "x");
+  met.allowed = 2;  // the named folder, and the entry of the other one
+  EXPECT_EQ("", walk(dir.path(), excluding("state")));
+  EXPECT_THAT(met.skips, IsEmpty());
+}
+
+TEST_F(WalkerTest, AWalkThatIsToldToEndAtOnceOpensNothing) {
+  dir.write("file", "x");
+  met.allowed = 0;
+  EXPECT_EQ("", walk(dir.at("file")));
+  EXPECT_THAT(met.files, IsEmpty());
+}
+
+TEST_F(WalkerTest, AFolderOfUnknownSizeDealsItsShareOutByBatches) {
+  for (int i = 0; i < 250; ++i) {
+    dir.write(std::to_string(i), "");
+  }
+  std::vector<double> progressAt;
+  met.onFile = [&](const std::string&) { progressAt.push_back(met.progress); };
+  EXPECT_EQ("", walk(dir.path(), inBatchesOf(100)));
+  ASSERT_EQ(250U, progressAt.size());
+  EXPECT_NEAR(0.5, progressAt[100], 1e-6);
+  EXPECT_NEAR(0.75, progressAt[200], 1e-6);
+}
+
 TEST_F(WalkerTest, ALargeFolderIsReadInBatchesWithoutLosingAnEntry) {
   const platform::Descriptor folder(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (int i = 0; i < 250; ++i) {
@@ -445,6 +578,123 @@ TEST_F(WalkerTest, ScanningLeavesTheAccessTimeAlone) {
   struct stat status {};
   ASSERT_EQ(0, stat(path.c_str(), &status));
   EXPECT_EQ(1000, status.st_atim.tv_sec);
+}
+
+TEST_F(WalkerTest, BelowWhatWasAskedForOtherMountsAloneAreAskedWhatTheyAre) {
+  struct stat shm {};
+  ASSERT_EQ(0, stat("/dev/shm", &shm));
+  const testsupport::TempDir memory("/dev/shm");
+  const std::string far = memory.write("far", "x");
+  Walker::Options options;
+  options.networkFileSystems = false;
+  options.fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
+  for (const char* path : {"/dev", "/dev/shm"}) {
+    Walker walker(options, met);
+    std::string error;
+    Walker::Named asked = Walker::open(path, &error);
+    asked.asked = true;
+    walker.walk(std::move(asked), 1.0);
+    EXPECT_EQ(path == std::string("/dev/shm"), met.contents.count(far) == 1) << path;
+  }
+  EXPECT_EQ("network file system nfs", met.skips["/dev/shm"]);
+}
+
+TEST_F(WalkerTest, AFolderThatCannotBeReadIsAnErrorWithItsReason) {
+#ifdef TAV_SANITIZED
+  GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
+#endif
+  Walker walker({}, met);
+  std::string error;
+  Walker::Named named = Walker::open(dir.path(), &error);
+  rlimit normal{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
+  const rlimit none{1, normal.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  walker.walk(std::move(named), 1.0);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
+  EXPECT_THAT(met.failures[dir.path()], HasSubstr("Too many open files"));
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+/// readdir() as the test says it: file systems that tell no kinds of entries, or fail, are rare.
+class ReaddirPlayed : public WalkerTest {
+ protected:
+  void TearDown() override { onReaddir = nullptr; }
+};
+
+TEST_F(ReaddirPlayed, WhereTheFolderTellsNoKindsEachEntryIsAskedForItsOwn) {
+  onReaddir = [](dirent* entry) {
+    if (entry != nullptr) {
+      entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+  };
+  dir.write("outside/secret", "x");
+  dir.write("tree/file", "x");
+  dir.write("tree/sub/file", "x");
+  ASSERT_EQ(0, symlink("../outside", dir.at("tree/link").c_str()));
+  ASSERT_EQ(0, symlink("../outside/secret", dir.at("tree/sub/link").c_str()));
+  ASSERT_EQ(0, mkfifo(dir.at("tree/fifo").c_str(), 0600));
+  EXPECT_EQ("", walk(dir.at("tree")));
+  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("tree/file"), dir.at("tree/sub/file")));
+  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/link")]);
+  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/sub/link")]);
+  EXPECT_EQ("fifo", met.skips[dir.at("tree/fifo")]);
+  EXPECT_NEAR(1.0, met.progress, 1e-9);
+}
+
+TEST_F(ReaddirPlayed, AFolderThatFailsHalfWayIsAnErrorAndWhatWasReadIsMet) {
+  int calls = 0;
+  onReaddir = [&calls](dirent* entry) -> dirent* {
+    if (++calls <= 3) {
+      return entry;
+    }
+    errno = EIO;
+    return nullptr;
+  };
+  for (int i = 0; i < 10; ++i) {
+    dir.write(std::to_string(i), "x");
+  }
+  calls = 0;
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_THAT(met.failures[dir.path()], HasSubstr("cannot be read to its end: Input/output error"));
+  EXPECT_FALSE(met.files.empty());
+  EXPECT_LT(met.files.size(), 10U);
+}
+
+/// Says which entries of a folder are opened.
+class OpenWatch {
+ public:
+  explicit OpenWatch(const std::string& folder) : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    EXPECT_LE(0, inotify_add_watch(fd_.get(), folder.c_str(), IN_OPEN));
+  }
+  std::set<std::string> opened() {
+    std::set<std::string> names;
+    alignas(inotify_event) char buffer[4096];
+    for (ssize_t size = 0; (size = read(fd_.get(), buffer, sizeof buffer)) > 0;) {
+      for (const char* at = buffer; at < buffer + size;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(at);
+        names.insert(event->len > 0 ? event->name : "");
+        at += sizeof(inotify_event) + event->len;
+      }
+    }
+    return names;
+  }
+
+ private:
+  platform::Descriptor fd_;
+};
+
+TEST_F(WalkerTest, OfANamedFolderOrFifoWhatIsNoFileIsNotOpened) {
+  ASSERT_EQ(0, mkfifo(dir.at("fifo").c_str(), 0600));
+  ASSERT_EQ(0, mknod(dir.at("device").c_str(), S_IFCHR | 0600, makedev(1, 3)));
+  dir.write("file", "x");
+  OpenWatch watch(dir.path());
+  EXPECT_EQ("", walk(dir.at("fifo")));
+  EXPECT_EQ("", walk(dir.at("device")));
+  EXPECT_THAT(watch.opened(), IsEmpty());
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_THAT(watch.opened(), UnorderedElementsAre("", "file"));
 }
 
 TEST_F(WalkerTest, AnotherMountIsEntered) {
