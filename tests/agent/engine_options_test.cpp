@@ -56,6 +56,19 @@ TEST_F(EngineOptions, AnArchiveInsideThatIsNotUnpackedIsSaidByName) {
   EXPECT_THAT(verdict.reason, HasSubstr("inner.gz"));
 }
 
+TEST_F(EngineOptions, AnArchiveOfWhichPartWasLeftOutAndPartCouldNotBeScannedIsAnError) {
+  ScanOptions options;
+  options.archiveFormats = {"zip"};
+  const testsupport::ZipMember leftOut{"inner.gz", makeGzip("left out by the setting")};
+  testsupport::ZipMember odd{"odd", "some text that is packed by a method nobody here knows"};
+  odd.method = 14;
+  for (const auto& members : {std::vector{leftOut, odd}, {odd, leftOut}}) {
+    const Verdict verdict = scan(makeZip(members), options);
+    EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
+    EXPECT_THAT(verdict.reason, HasSubstr("packed by method 14"));
+  }
+}
+
 TEST_F(EngineOptions, AnArchiveLargerThanTheSettingIsSkippedWithAReason) {
   ScanOptions options;
   options.maxArchiveBytes = 1000;

@@ -131,6 +131,39 @@ TEST(ZipAudit, AMemberThatItsOwnHeaderDescribesOtherwiseIsAProblem) {
   }
 }
 
+// Where the directory of a zip made here begins.
+std::size_t directoryOf(const std::string& zip) {
+  return zip.find("PK\1\2");
+}
+
+// The library reads the directory at the offset as it stands, others the one before the end record.
+TEST(ZipAudit, AnArchiveWithTwoDirectoriesIsAProblem) {
+  const std::size_t offset = directoryOf(kHonest);
+  const std::string decoy = kHonest.substr(0, kHonest.size() - 22);
+  ASSERT_EQ(directoryOf(decoy + kHonest), offset);
+  EXPECT_THAT(audit(decoy + kHonest), HasSubstr("two directories"));
+  std::string otherwise = decoy + kHonest;
+  otherwise[offset] = 'Q';
+  EXPECT_EQ(audit(otherwise), "") << "what stands there is no directory";
+}
+
+TEST(ZipAudit, AMemberThatEndsBeyondTheEndOfTheFileIsAProblem) {
+  const std::string honest = makeZip({{.name = "a", .content = "content", .deflate = false}});
+  const std::size_t data = 30 + 1;
+  for (const auto& [packedBytes, problem] : {std::pair{honest.size() - data, ""},
+                                             {honest.size() - data + 1, "ends beyond the end of the file"},
+                                             {std::size_t{0xFFFFFF}, "ends beyond the end of the file"}}) {
+    std::string zip = honest;
+    for (const std::size_t at : {std::size_t{18}, directoryOf(honest) + 20}) {
+      for (std::size_t i = 0; i < 4; ++i) {
+        zip[at + i] = static_cast<char>(packedBytes >> (8 * i) & 0xFF);
+      }
+    }
+    EXPECT_THAT(audit(zip), HasSubstr(problem)) << packedBytes;
+    EXPECT_EQ(audit(zip).empty(), std::string(problem).empty()) << packedBytes << audit(zip);
+  }
+}
+
 TEST(ZipAudit, AnyBytesAreReadWithinTheirBounds) {
   const unsigned seed = 41;
   RecordProperty("seed", static_cast<int>(seed));

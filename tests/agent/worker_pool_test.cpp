@@ -91,6 +91,53 @@ TEST_F(Pools, AWorkersDeathCostsOneFileAnError) {
   }
 }
 
+/// The names of the files that a worker began, in the order of their beginning.
+class PoolsThatRecord : public Pools {
+ protected:
+  /// Notes each file, and kills the worker at each one named so, but only the first time: a second try of it
+  /// would go well.
+  void dieOnceAt(const std::string& poison) {
+    config().beforeFile = [log = dir().at("begun"), died = dir().at("died"),
+                           poison](const std::string& path) {
+      const std::string name = path.substr(path.rfind('/') + 1);
+      const int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+      const std::string line = name + "\n";
+      [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
+      close(fd);
+      if (name.starts_with(poison) &&
+          mkdir((died + name).c_str(), 0700) == 0) {  // fails where it has died before
+        std::raise(SIGKILL);
+      }
+    };
+  }
+  std::string begun() const { return testsupport::readFile(dir().at("begun")); }
+};
+
+TEST_F(PoolsThatRecord, AFileUnderWhichAWorkerDiedIsNotTriedAgainAlsoWhenItStandsAlone) {
+  dieOnceAt("poison");
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "poison", "some text");
+  pool.drain();
+  EXPECT_EQ(verdict("poison").outcome, Outcome::kError) << describe(verdict("poison"));
+  EXPECT_EQ(begun(), "poison\n");
+  begin(pool, "next", eicar());
+  pool.drain();
+  EXPECT_EQ(verdict("next").outcome, Outcome::kInfected);
+  EXPECT_EQ(begun(), "poison\nnext\n");
+}
+
+TEST_F(PoolsThatRecord, BehindAFileUnderWhichAWorkerDiedTheOthersAreBegunOnceAndInTheirOrder) {
+  dieOnceAt("poison");
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "poison", "some text");
+  for (const char* name : {"a", "b", "c", "d", "e"}) {
+    begin(pool, name, "some text");
+  }
+  pool.drain();
+  EXPECT_EQ(verdict("poison").outcome, Outcome::kError) << describe(verdict("poison"));
+  EXPECT_EQ(begun(), "poison\na\nb\nc\nd\ne\n");
+}
+
 TEST_F(Pools, ManyDeathsCostAsManyFilesAndNoMore) {
   config().beforeFile = [](const std::string& name) {
     if (name.ends_with("7")) {
