@@ -17,16 +17,25 @@ union ControlBuffer {
   std::array<char, CMSG_SPACE(sizeof(int))> bytes;
 };
 
-void keepDescriptor(msghdr& header, UniqueFd& kept) {
+// Keeps the one descriptor that a packet may bring. False when it brings more, which are then closed.
+bool keepDescriptor(msghdr& header, UniqueFd& kept) {
+  std::size_t count = 0;
   for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr;
        control = CMSG_NXTHDR(&header, control)) {
-    if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_RIGHTS &&
-        control->cmsg_len == CMSG_LEN(sizeof(int))) {
+    if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_RIGHTS) {
+      continue;
+    }
+    for (std::size_t at = CMSG_LEN(0); at + sizeof(int) <= control->cmsg_len; at += sizeof(int)) {
       int fd = -1;
-      std::memcpy(&fd, CMSG_DATA(control), sizeof fd);
+      std::memcpy(&fd, CMSG_DATA(control) + (at - CMSG_LEN(0)), sizeof fd);
       kept.reset(fd);
+      ++count;
     }
   }
+  if (count > 1) {
+    kept.reset();
+  }
+  return count <= 1;
 }
 
 }  // namespace
@@ -87,8 +96,9 @@ Channel::Received Channel::receive(Packet& packet, bool wait) const {
   if (got <= 0) {
     return Received::kEnded;
   }
-  keepDescriptor(header, packet.fd);
-  if ((header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+  const bool atMostOne = keepDescriptor(header, packet.fd);
+  if (!atMostOne || (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+    packet.fd.reset();
     return Received::kEnded;
   }
   packet.bytes.assign(bytes.data(), static_cast<std::size_t>(got));

@@ -1,14 +1,19 @@
 #pragma once
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <csignal>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "EngineFixture.h"
 #include "support/Wait.h"
+#include "worker/UniqueFd.h"
 #include "worker/WorkerPool.h"
 
 namespace agent::testing {
@@ -32,7 +37,7 @@ class WorkerFixture : public ::testing::Test {
   }
   void endSpawner() { spawner_.reset(); }
 
-  static int openFile(const std::string& path) { return open(path.c_str(), O_RDONLY | O_CLOEXEC); }
+  static int openFile(const std::string& path) { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }
   WorkerPool::Done keep(const std::string& name) {
     return [this, name](Verdict verdict) {
       const std::lock_guard lock(mutex_);
@@ -65,6 +70,56 @@ class WorkerFixture : public ::testing::Test {
     }
     return found;
   }
+  /// A worker holds each file whose name begins so until open(). Before the first use of the spawner.
+  void holdFilesNamed(const std::string& beginning) {
+    config_.beforeFile = [this, before = config_.beforeFile, gate = dir_.at("gate"),
+                          beginning](const std::string& path) {
+      if (before) {
+        before(path);
+      }
+      const std::string name = path.substr(path.rfind('/') + 1);
+      note(name);
+      while (name.starts_with(beginning) && access(gate.c_str(), F_OK) != 0) {
+        usleep(1000);
+      }
+    };
+  }
+  /// Lets what is held go on. Needs no descriptor.
+  void open() const { mkdir(dir_.at("gate").c_str(), 0700); }
+  /// In a worker: one line for a file that it begins, "process name".
+  void note(const std::string& name) const {
+    const UniqueFd log(::open(dir_.at("begun").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    const std::string line = std::to_string(getpid()) + " " + name + "\n";
+    [[maybe_unused]] const ssize_t written = write(log.get(), line.data(), line.size());
+  }
+  struct Begun {
+    std::string process, name;
+  };
+  /// What the workers have noted, in order.
+  std::vector<Begun> begun() const {
+    std::vector<Begun> all;
+    std::istringstream lines(testsupport::readFile(dir_.at("begun")));
+    for (Begun one; lines >> one.process >> one.name;) {
+      all.push_back(one);
+    }
+    return all;
+  }
+  std::vector<std::string> namesBegun() const {
+    std::vector<std::string> names;
+    for (const Begun& one : begun()) {
+      names.push_back(one.name);
+    }
+    return names;
+  }
+  /// The processes that have begun files, with the number of them.
+  std::map<std::string, int> filesOfProcesses() const {
+    std::map<std::string, int> count;
+    for (const Begun& one : begun()) {
+      ++count[one.process];
+    }
+    return count;
+  }
+
   static int workerCount() { return static_cast<int>(processesNamed("tav-worker").size()); }
   static std::ptrdiff_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -103,6 +158,41 @@ class WorkerFixture : public ::testing::Test {
   std::mutex mutex_;
   std::map<std::string, Verdict> verdicts_;
   std::unique_ptr<Spawner> spawner_;
+};
+
+/// A file that nobody can open as long as the object lives: whoever tries waits.
+class HeldFile {
+ public:
+  explicit HeldFile(const std::string& path) : file_(::open(path.c_str(), O_RDWR | O_CLOEXEC)) {
+    std::signal(SIGIO, SIG_IGN);  // tells of those who try
+    held_ = fcntl(file_.get(), F_SETLEASE, F_WRLCK) == 0;
+    EXPECT_TRUE(held_) << path;
+  }
+  ~HeldFile() { release(); }
+  HeldFile(const HeldFile&) = delete;
+  HeldFile& operator=(const HeldFile&) = delete;
+  void release() { file_.reset(); }
+
+ private:
+  UniqueFd file_;
+  bool held_ = false;
+};
+
+/// No new descriptors for this process while the object lives, unless others are closed.
+class NoMoreDescriptors {
+ public:
+  NoMoreDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const UniqueFd firstFree(dup(STDERR_FILENO));
+    const rlimit none{static_cast<rlim_t>(firstFree.get()), before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+  NoMoreDescriptors(const NoMoreDescriptors&) = delete;
+  NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
 };
 
 }  // namespace agent::testing

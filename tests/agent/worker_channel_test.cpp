@@ -1,11 +1,18 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include "EngineFixture.h"
+#include "support/Wait.h"
 #include "worker/Channel.h"
 #include "worker/Messages.h"
 #include "worker/TempFolders.h"
@@ -69,6 +76,142 @@ TEST(Channels, APacketTooLargeForItsReaderEndsTheTalk) {
   EXPECT_EQ(two.receive(packet, true), Channel::Received::kEnded);
 }
 
+// As a process may send that does not keep to the rules.
+void sendWithDescriptors(const Channel& channel, std::size_t count) {
+  std::string bytes = "packet";
+  iovec part{bytes.data(), bytes.size()};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(8 * sizeof(int))> buffer{};
+  msghdr header{};
+  header.msg_iov = &part;
+  header.msg_iovlen = 1;
+  header.msg_control = buffer.data();
+  header.msg_controllen = CMSG_SPACE(count * sizeof(int));
+  cmsghdr* control = CMSG_FIRSTHDR(&header);
+  control->cmsg_level = SOL_SOCKET;
+  control->cmsg_type = SCM_RIGHTS;
+  control->cmsg_len = CMSG_LEN(count * sizeof(int));
+  for (std::size_t i = 0; i < count; ++i) {
+    const int fd = STDERR_FILENO;
+    std::memcpy(CMSG_DATA(control) + i * sizeof fd, &fd, sizeof fd);
+  }
+  ASSERT_EQ(sendmsg(channel.fd(), &header, 0), static_cast<ssize_t>(bytes.size()));
+}
+
+TEST(Channels, APacketWithMoreDescriptorsThanOneEndsTheTalkAndNoneOfThemStaysOpen) {
+  auto [one, two] = Channel::pair();
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = open();
+  for (const std::size_t count : {2U, 3U, 8U}) {
+    sendWithDescriptors(one, count);
+    Channel::Packet packet;
+    EXPECT_EQ(two.receive(packet, true), Channel::Received::kEnded) << count;
+    EXPECT_FALSE(packet.fd);
+    EXPECT_EQ(open(), before) << count;
+  }
+  sendWithDescriptors(one, 1);
+  Channel::Packet packet;
+  EXPECT_EQ(two.receive(packet, true), Channel::Received::kPacket);
+  EXPECT_TRUE(packet.fd);
+}
+
+TEST(Channels, NeitherEndNorAReceivedDescriptorIsInheritedByAProgram) {
+  auto [one, two] = Channel::pair();
+  EXPECT_NE(fcntl(one.fd(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_NE(fcntl(two.fd(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST(Channels, APacketWithoutADescriptorHasNotThatOfTheOneBefore) {
+  auto [one, two] = Channel::pair();
+  ASSERT_TRUE(one.send("first", STDERR_FILENO));
+  Channel::Packet packet;
+  ASSERT_EQ(two.receive(packet, true), Channel::Received::kPacket);
+  ASSERT_TRUE(packet.fd);
+  EXPECT_EQ(two.receive(packet, false), Channel::Received::kNothing);
+  EXPECT_FALSE(packet.fd);
+}
+
+TEST(Channels, AnEndThatWasShutDownSendsNothingMore) {
+  auto [one, two] = Channel::pair();
+  one.shutDown();
+  EXPECT_FALSE(one.send("late"));
+}
+
+std::atomic<int> signalsSeen{0};
+
+// A signal that interrupts system calls, sent to one thread until it has been there so often.
+void interrupt(pthread_t thread, int times) {
+  signalsSeen = 0;
+  for (int i = 1; i <= times; ++i) {
+    pthread_kill(thread, SIGUSR1);
+    ASSERT_TRUE(testsupport::waitFor([&] { return signalsSeen >= i; }));
+  }
+}
+
+class InterruptedChannels : public ::testing::Test {
+ protected:
+  InterruptedChannels() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++signalsSeen; };
+    sigaction(SIGUSR1, &action, &before_);
+  }
+  ~InterruptedChannels() override { sigaction(SIGUSR1, &before_, nullptr); }
+  /// Whether the thread sleeps in the kernel.
+  static bool sleeps(pid_t thread) {
+    return testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
+           std::string::npos;
+  }
+
+ private:
+  struct sigaction before_ {};
+};
+
+TEST_F(InterruptedChannels, GoOnReceiving) {
+  auto [one, two] = Channel::pair();
+  std::atomic<pid_t> id{0};
+  Channel::Packet packet;
+  auto received = Channel::Received::kNothing;
+  std::thread reader([&, &two = two] {
+    id = gettid();
+    received = two.receive(packet, true);
+  });
+  EXPECT_TRUE(testsupport::waitFor([&] { return sleeps(id); }));
+  interrupt(reader.native_handle(), 5);
+  ASSERT_TRUE(one.send("at last"));
+  reader.join();
+  EXPECT_EQ(received, Channel::Received::kPacket);
+  EXPECT_EQ(packet.bytes, "at last");
+}
+
+TEST_F(InterruptedChannels, GoOnSending) {
+  auto [one, two] = Channel::pair();
+  const std::string packet(kLongestPacket, 'x');
+  std::atomic<pid_t> id{0};
+  std::atomic<int> sent{0};
+  std::atomic<bool> failed{false};
+  std::thread writer([&, &one = one] {
+    id = gettid();
+    for (int i = 0; i < 50; ++i) {
+      failed = failed || !one.send(packet);
+      ++sent;
+    }
+  });
+  EXPECT_TRUE(testsupport::waitFor([&] { return sleeps(id); })) << "nobody reads";
+  EXPECT_LT(sent, 50);
+  interrupt(writer.native_handle(), 5);
+  for (int i = 0; i < 50; ++i) {
+    Channel::Packet got;
+    if (two.receive(got, false) != Channel::Received::kPacket) {
+      ASSERT_TRUE(testsupport::waitFor(
+          [&] { return failed || two.receive(got, false) == Channel::Received::kPacket; }));
+    }
+  }
+  writer.join();
+  EXPECT_FALSE(failed);
+}
+
 class Temporaries : public ::testing::Test {
  protected:
   testsupport::TempDir dir_;
@@ -108,7 +251,71 @@ TEST_F(Temporaries, ALinkWithTheirNameIsNotFollowed) {
   std::filesystem::create_directory_symlink(other.path(), dir_.at("tavagent-BBBBBB"));
   TempFolders folders(dir_.path());
   EXPECT_TRUE(std::filesystem::exists(other.at("kept")));
+  EXPECT_TRUE(std::filesystem::is_symlink(dir_.at("tavagent-BBBBBB"))) << "nor is it ours to remove";
   folders.remove();
+}
+
+TEST_F(Temporaries, AFileOrAnotherUsersFolderWithTheirNameStays) {
+  dir_.write("tavagent-file", "content");
+  dir_.write("tavagent-foreign/kept", "content");
+  ASSERT_EQ(chown(dir_.at("tavagent-foreign").c_str(), 60123, 60123), 0);
+  dir_.write("another/kept", "content");
+  TempFolders folders(dir_.path());
+  EXPECT_TRUE(std::filesystem::exists(dir_.at("tavagent-file")));
+  EXPECT_TRUE(std::filesystem::exists(dir_.at("tavagent-foreign/kept")));
+  EXPECT_TRUE(std::filesystem::exists(dir_.at("another/kept")));
+  folders.remove();
+}
+
+TEST_F(Temporaries, LieWhereTheEnvironmentSaysWhenNothingElseIsNamed) {
+  const char* before = std::getenv("TMPDIR");
+  const std::string kept = before == nullptr ? "" : before;
+  setenv("TMPDIR", dir_.path().c_str(), 1);
+  TempFolders there("");
+  EXPECT_EQ(there.disk().rfind(dir_.path() + "/tavagent-", 0), 0U) << there.disk();
+  setenv("TMPDIR", "relative", 1);
+  TempFolders elsewhere("");
+  EXPECT_EQ(elsewhere.disk().rfind("/tmp/tavagent-", 0), 0U) << elsewhere.disk();
+  before == nullptr ? unsetenv("TMPDIR") : setenv("TMPDIR", kept.c_str(), 1);
+  there.remove();
+  elsewhere.remove();
+}
+
+TEST_F(Temporaries, AreRemovedFromMemoryTooAndTheirLocksAreInheritedByNoProgram) {
+  TempFolders folders(dir_.path());
+  ASSERT_FALSE(folders.quick().empty()) << "/dev/shm is no memory here";
+  int locks = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(entry, error).string();
+    if (target == folders.disk() || target == folders.quick()) {
+      ++locks;
+      EXPECT_NE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0) << target;
+    }
+  }
+  EXPECT_EQ(locks, 2);
+  folders.remove();
+  EXPECT_FALSE(std::filesystem::exists(folders.quick()));
+  EXPECT_FALSE(std::filesystem::exists(folders.disk()));
+}
+
+// What one makes another may take for left behind before it is locked.
+TEST_F(Temporaries, OfAgentsThatStartAtOnceAreThereAndTheirOwn) {
+  std::vector<std::thread> agents;
+  std::atomic<int> missing{0};
+  for (int agent = 0; agent < 4; ++agent) {
+    agents.emplace_back([&] {
+      for (int round = 0; round < 200; ++round) {
+        TempFolders folders(dir_.path());
+        missing += folders.disk().empty() || std::filesystem::is_directory(folders.disk()) ? 0 : 1;
+        folders.remove();
+      }
+    });
+  }
+  for (auto& agent : agents) {
+    agent.join();
+  }
+  EXPECT_EQ(missing, 0);
 }
 
 TEST_F(Temporaries, OfAnEndedTemplateAreRemovedAlone) {

@@ -60,12 +60,14 @@ TEST(WorkerMessages, ARequestComesBackAsItWas) {
 TEST(WorkerMessages, AStateReportComesBackAsItWas) {
   StateReport sent;
   sent.state.loaded = true;
+  sent.state.system = SystemDatabase::kLeftOut;
   sent.state.version = "v";
   sent.state.detail = "d";
   sent.state.count = 8700000;
   const auto got = decode<StateReport>(encode(sent));
   ASSERT_TRUE(got);
   EXPECT_TRUE(got->state.loaded);
+  EXPECT_EQ(got->state.system, SystemDatabase::kLeftOut);
   EXPECT_EQ(got->state.version, "v");
   EXPECT_EQ(got->state.detail, "d");
   EXPECT_EQ(got->state.count, 8700000U);
@@ -92,6 +94,57 @@ TEST(WorkerMessages, LongTextsAreCutAndLongListsToo) {
   ASSERT_TRUE(got);
   EXPECT_EQ(got->verdict.reason.size(), 4096U);
   EXPECT_EQ(got->verdict.detections.size(), 256U);
+}
+
+// A message as another sender could write it, who cuts nothing.
+class LongMessage {
+ public:
+  LongMessage() : text_("A") {
+    put(std::uint64_t{7});
+    put(static_cast<std::uint8_t>(Outcome::kInfected));
+  }
+  template <class T>
+  void put(T value) {
+    text_.append(reinterpret_cast<const char*>(&value), sizeof value);
+  }
+  void putText(std::size_t size) {
+    put(static_cast<std::uint32_t>(size));
+    text_.append(size, 'x');
+  }
+  void putDetections(std::size_t count) {
+    put(static_cast<std::uint32_t>(count));
+    for (std::size_t i = 0; i < count; ++i) {
+      putText(1);
+      put(3);
+      put(1);
+      putText(1);
+    }
+  }
+  std::string end() {
+    putText(0), putText(0), putText(0);
+    return text_;
+  }
+
+ private:
+  std::string text_;
+};
+
+TEST(WorkerMessages, ATextOrAListLongerThanIsEverSentIsNoMessage) {
+  const auto message = [](std::size_t reason, std::size_t detections) {
+    LongMessage answer;
+    answer.putText(reason);
+    answer.putDetections(detections);
+    return decode<ScanAnswer>(answer.end());
+  };
+  ASSERT_TRUE(message(4096, 256));
+  EXPECT_EQ(message(4096, 256)->verdict.reason.size(), 4096U);
+  EXPECT_EQ(message(4096, 256)->verdict.detections.size(), 256U);
+  EXPECT_FALSE(message(4097, 0));
+  EXPECT_FALSE(message(0, 257));
+}
+
+TEST(WorkerMessages, AnEmptyPacketIsNone) {
+  EXPECT_FALSE(decode<ForkRequest>(""));
 }
 
 TEST(WorkerMessages, AnyBytesAreReadWithoutHarm) {

@@ -1,11 +1,14 @@
 #include <gmock/gmock.h>
 
 #include "WorkerFixture.h"
+#include "worker/Channel.h"
+#include "worker/Messages.h"
 
 namespace agent {
 namespace {
 
 using testing::describe;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using testsupport::eicar;
 using testsupport::makeZip;
@@ -91,26 +94,19 @@ TEST_F(Pools, AWorkersDeathCostsOneFileAnError) {
   }
 }
 
-/// The names of the files that a worker began, in the order of their beginning.
 class PoolsThatRecord : public Pools {
  protected:
-  /// Notes each file, and kills the worker at each one named so, but only the first time: a second try of it
-  /// would go well.
+  /// Notes each file, and kills the worker at those whose name begins so, each once: a second try would go
+  /// well.
   void dieOnceAt(const std::string& poison) {
-    config().beforeFile = [log = dir().at("begun"), died = dir().at("died"),
-                           poison](const std::string& path) {
+    config().beforeFile = [this, died = dir().at("died-"), poison](const std::string& path) {
       const std::string name = path.substr(path.rfind('/') + 1);
-      const int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-      const std::string line = name + "\n";
-      [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
-      close(fd);
-      if (name.starts_with(poison) &&
-          mkdir((died + name).c_str(), 0700) == 0) {  // fails where it has died before
+      note(name);
+      if (name.starts_with(poison) && mkdir((died + name).c_str(), 0700) == 0) {
         std::raise(SIGKILL);
       }
     };
   }
-  std::string begun() const { return testsupport::readFile(dir().at("begun")); }
 };
 
 TEST_F(PoolsThatRecord, AFileUnderWhichAWorkerDiedIsNotTriedAgainAlsoWhenItStandsAlone) {
@@ -119,11 +115,11 @@ TEST_F(PoolsThatRecord, AFileUnderWhichAWorkerDiedIsNotTriedAgainAlsoWhenItStand
   begin(pool, "poison", "some text");
   pool.drain();
   EXPECT_EQ(verdict("poison").outcome, Outcome::kError) << describe(verdict("poison"));
-  EXPECT_EQ(begun(), "poison\n");
+  EXPECT_THAT(namesBegun(), ElementsAre("poison"));
   begin(pool, "next", eicar());
   pool.drain();
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected);
-  EXPECT_EQ(begun(), "poison\nnext\n");
+  EXPECT_THAT(namesBegun(), ElementsAre("poison", "next"));
 }
 
 TEST_F(PoolsThatRecord, BehindAFileUnderWhichAWorkerDiedTheOthersAreBegunOnceAndInTheirOrder) {
@@ -135,7 +131,278 @@ TEST_F(PoolsThatRecord, BehindAFileUnderWhichAWorkerDiedTheOthersAreBegunOnceAnd
   }
   pool.drain();
   EXPECT_EQ(verdict("poison").outcome, Outcome::kError) << describe(verdict("poison"));
-  EXPECT_EQ(begun(), "poison\na\nb\nc\nd\ne\n");
+  EXPECT_THAT(namesBegun(), ElementsAre("poison", "a", "b", "c", "d", "e"));
+}
+
+const std::string kLarge(3U << 20, 'x');  // nothing waits behind a file of that size but in the queue
+
+TEST_F(PoolsThatRecord, NoMoreWorkersAreMadeThanAskedForAndNoneWhereOneIsIdle) {
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 2);
+  for (int i = 0; i < 3; ++i) {
+    begin(pool, "one-by-one", "some text");
+    pool.drain();
+  }
+  EXPECT_EQ(filesOfProcesses().size(), 1U);
+  for (int i = 0; i < 5; ++i) {
+    begin(pool, "held" + std::to_string(i), kLarge);
+  }
+  ASSERT_TRUE(testsupport::waitFor([&] { return filesOfProcesses().size() == 2; }));
+  open();
+  pool.drain();
+  EXPECT_EQ(filesOfProcesses().size(), 2U);
+}
+
+TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewest) {
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 2);
+  for (const char* name : {"held1", "held2"}) {
+    begin(pool, name, "some text");
+  }
+  ASSERT_TRUE(testsupport::waitFor([&] { return filesOfProcesses().size() == 2; }));
+  for (int i = 3; i <= 6; ++i) {
+    begin(pool, "held" + std::to_string(i), "some text");
+  }
+  open();
+  pool.drain();
+  for (const auto& [process, files] : filesOfProcesses()) {
+    EXPECT_EQ(files, 3) << process;
+  }
+}
+
+TEST_F(PoolsThatRecord, NothingWaitsBehindALargeFileWhileAnotherWorkerMayBeFree) {
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 2);
+  begin(pool, "held", kLarge);
+  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+  for (int i = 0; i < 8; ++i) {
+    begin(pool, "small" + std::to_string(i), "some text");
+  }
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_TRUE(testsupport::waitFor([&] { return known("small" + std::to_string(i)); })) << i;
+  }
+  EXPECT_FALSE(known("held"));
+  open();
+  pool.drain();
+}
+
+TEST_F(PoolsThatRecord, WhoHandsFilesOverWaitsWhileFourForEachWorkerAreQueued) {
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "held", kLarge);
+  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+  std::atomic<int> handed{0};
+  std::atomic<pid_t> thread{0};
+  std::thread caller([&] {
+    thread = gettid();
+    for (int i = 0; i < 5; ++i) {
+      begin(pool, "queued" + std::to_string(i), kLarge);
+      ++handed;
+    }
+  });
+  const auto sleeps = [&] {
+    return testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
+           std::string::npos;
+  };
+  EXPECT_TRUE(testsupport::waitFor([&] { return handed == 4 && sleeps(); })) << handed;
+  EXPECT_EQ(handed, 4);
+  open();
+  caller.join();
+  pool.drain();
+  EXPECT_EQ(handed, 5);
+}
+
+TEST_F(PoolsThatRecord, TheEndOfAPoolBeginsNothingMoreAndWaitsForWhatRuns) {
+  holdFilesNamed("held");
+  std::thread opener;
+  {
+    WorkerPool pool(spawner(), 1);
+    begin(pool, "held", kLarge);
+    ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+    begin(pool, "queued", kLarge);
+    opener = std::thread([&] {
+      EXPECT_TRUE(testsupport::waitFor([&] { return known("queued"); }));
+      open();
+    });
+  }
+  opener.join();
+  EXPECT_EQ(verdict("queued").reason, "cancelled");
+  EXPECT_EQ(verdict("held").outcome, Outcome::kClean);
+  EXPECT_THAT(namesBegun(), ElementsAre("held"));
+}
+
+TEST_F(PoolsThatRecord, AnEndBehindACancelThatKillsTakesNothingOfItBack) {
+  holdFilesNamed("held");
+  for (int round = 0; round < 20; ++round) {
+    WorkerPool pool(spawner(), 1);
+    begin(pool, "held", "some text");
+    ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == static_cast<std::size_t>(round) + 1; }));
+    pool.cancel(true);
+    pool.cancel(false);
+  }
+  EXPECT_EQ(verdict("held").reason, "cancelled");
+}
+
+TEST_F(PoolsThatRecord, AFileBehindAReloadIsScannedWithTheNewSignaturesAlsoWhereAnOldWorkerHasRoom) {
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 2);
+  begin(pool, "held", "some text");
+  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+  dir().write("system/new.ndb", "New.Trojan.Sample:0:*:6f6e6c7920746865206e6577206f6e6573\n");
+  std::string why;
+  ASSERT_TRUE(spawner().reload(&why)) << why;
+  const std::string sample = "a line that only the new ones know";
+  begin(pool, "next", sample);
+  begin(pool, "after", sample);
+  EXPECT_TRUE(testsupport::waitFor([&] { return known("next") && known("after"); }));
+  open();
+  pool.drain();
+  EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
+  EXPECT_EQ(verdict("after").outcome, Outcome::kInfected) << describe(verdict("after"));
+  EXPECT_EQ(verdict("held").outcome, Outcome::kClean);
+}
+
+TEST_F(PoolsThatRecord, WithoutDescriptorsForAnotherWorkerFilesWaitForTheOneThereIs) {
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 2);
+  begin(pool, "held", kLarge);
+  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+  const std::string next = dir().write("next", kLarge);
+  const int file = openFile(next);
+  {
+    const testing::NoMoreDescriptors none;
+    pool.scan(file, next, {}, keep("next"));
+    open();
+    pool.drain();
+  }
+  EXPECT_EQ(verdict("next").outcome, Outcome::kClean) << describe(verdict("next"));
+  EXPECT_EQ(filesOfProcesses().size(), 1U);
+}
+
+TEST_F(Pools, WithoutDescriptorsForAnyWorkerFilesAreErrorsThatSaySoAndLaterOnesAreScanned) {
+  ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
+  WorkerPool pool(spawner(), 1);
+  const std::string file = dir().write("file", "some text");
+  const int fd = openFile(file);
+  {
+    const testing::NoMoreDescriptors none;
+    pool.scan(fd, file, {}, keep("file"));
+    pool.drain();
+  }
+  EXPECT_EQ(verdict("file").outcome, Outcome::kError);
+  EXPECT_THAT(verdict("file").reason, HasSubstr("no worker can be asked for: Too many open files"));
+  begin(pool, "later", eicar());
+  pool.drain();
+  EXPECT_EQ(verdict("later").outcome, Outcome::kInfected) << describe(verdict("later"));
+}
+
+TEST_F(Pools, WithoutDescriptorsThereIsNoPool) {
+  spawner();
+  const testing::NoMoreDescriptors none;
+  EXPECT_THROW(WorkerPool(spawner(), 1), std::system_error);
+}
+
+/// A template makes a folder for each worker, named by itself and a number that counts up: one that is there
+/// already keeps that worker from being made.
+class PoolsWhoseWorkersCannotStart : public PoolsThatRecord {
+ protected:
+  void SetUp() override {
+    dieOnceAt("poison");
+    ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
+    templatePid_ = std::to_string(processesNamed("tav-template").at(0));
+  }
+  void failStarts(int first, int last) {
+    for (int number = first; number <= last; ++number) {
+      std::filesystem::create_directory(spawner().temporaryFolders().back() + "/" + templatePid_ + "-" +
+                                        std::to_string(number));
+    }
+  }
+  std::string templatePid_;
+};
+
+TEST_F(PoolsWhoseWorkersCannotStart, GiveUpAfterThreeThatEndedAtOnceAndSaySo) {
+  failStarts(1, 3);
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  begin(pool, "behind", "some text");
+  pool.drain();
+  for (const char* name : {"file", "behind"}) {
+    EXPECT_EQ(verdict(name).outcome, Outcome::kError);
+    EXPECT_THAT(verdict(name).reason, HasSubstr("no scanning process can be started")) << name;
+  }
+  EXPECT_TRUE(begun().empty());
+}
+
+TEST_F(PoolsWhoseWorkersCannotStart, LoseNoFileWhenTheThirdStands) {
+  failStarts(1, 2);
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  begin(pool, "behind", "some text");
+  pool.drain();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kClean) << describe(verdict("file"));
+  EXPECT_EQ(verdict("behind").outcome, Outcome::kClean) << describe(verdict("behind"));
+}
+
+TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyThoseThatFailInARow) {
+  failStarts(1, 2);
+  failStarts(4, 5);
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "poison", "some text");  // scanned by the third worker, which dies of it
+  pool.drain();
+  EXPECT_THAT(verdict("poison").reason, HasSubstr("died"));
+  begin(pool, "file", "some text");
+  pool.drain();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kClean) << describe(verdict("file"));
+}
+
+TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
+  for (int round = 0; round < 5; ++round) {
+    {
+      WorkerPool pool(spawner(), 1);
+      begin(pool, "file", "some text");
+      while (spawner().signatureState().loading) {  // without a pause, so as to be there first
+      }
+      pool.drain();
+    }
+    EXPECT_EQ(verdict("file").outcome, Outcome::kClean);
+    endSpawner();
+  }
+}
+
+/// Says to the agent, from within a worker, that a file is clean.
+void forgeAnswer(std::uint64_t id) {
+  constexpr int kChannelOfAWorker = 3;
+  Channel channel{UniqueFd(kChannelOfAWorker)};
+  ScanAnswer answer;
+  answer.id = id;
+  answer.verdict.outcome = Outcome::kClean;
+  channel.send(encode(answer));
+  channel.takeFd().release();
+}
+
+TEST_F(Pools, AnAnswerThatNamesAnEarlierFileIsNotTakenForALaterOne) {
+  config().beforeFile = [](const std::string& name) {
+    if (name.ends_with("second")) {
+      forgeAnswer(1);
+    }
+  };
+  WorkerPool pool(spawner(), 1);
+  for (const char* name : {"first", "second", "third"}) {
+    begin(pool, name, eicar());
+    pool.drain();
+  }
+  EXPECT_EQ(verdict("first").outcome, Outcome::kInfected);
+  EXPECT_EQ(verdict("second").outcome, Outcome::kError) << describe(verdict("second"));
+  EXPECT_EQ(verdict("third").outcome, Outcome::kInfected);
+}
+
+TEST_F(Pools, ADescriptorIsClosedBeforeItsCallback) {
+  WorkerPool pool(spawner(), 1);
+  const int file = openFile(dir().write("file", "some text"));
+  bool open = true;
+  pool.scan(file, "file", {}, [&](const Verdict&) { open = fcntl(file, F_GETFD) >= 0; });
+  pool.drain();
+  EXPECT_FALSE(open);
 }
 
 TEST_F(Pools, ManyDeathsCostAsManyFilesAndNoMore) {

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <future>
@@ -16,6 +17,39 @@ constexpr std::chrono::seconds kLoad(20);
 
 class Spawners : public testing::WorkerFixture {
  protected:
+  /// A signature database of the system's with one signature; its path.
+  std::string writeSystem() const {
+    return dir().write("system/x.ndb",
+                       "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  }
+  /// Kills the template, which there must be, and waits for the next one.
+  void replaceTemplate() {
+    const pid_t process = templates().at(0);
+    kill(process, SIGKILL);
+    ASSERT_TRUE(testsupport::waitFor([&] {
+      spawner().signatureState();
+      return templates().size() == 1 && templates()[0] != process;
+    }));
+  }
+  static std::vector<pid_t> templates() { return processesNamed("tav-template"); }
+  /// What the process's descriptors lead to, by number.
+  static std::map<int, std::string> descriptorsOf(pid_t process) {
+    std::map<int, std::string> found;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+      found[std::stoi(entry.path().filename())] = std::filesystem::read_symlink(entry).string();
+    }
+    return found;
+  }
+  static std::string statusOf(pid_t process, const std::string& key) {
+    std::istringstream lines(testsupport::readFile("/proc/" + std::to_string(process) + "/status"));
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with(key + ":\t")) {
+        return line.substr(key.size() + 2);
+      }
+    }
+    return {};
+  }
 };
 
 TEST_F(Spawners, TellWhatIsLoaded) {
@@ -198,6 +232,225 @@ TEST_F(Spawners, NothingStaysBehindAtTheEnd) {
   EXPECT_EQ(workerCount(), 0);
   for (const std::string& folder : folders) {
     EXPECT_FALSE(std::filesystem::exists(folder)) << folder;
+  }
+}
+
+TEST_F(Spawners, WithoutSignaturesTheTemplateIsGoneAndNoneComesUntilTheNextReload) {
+  const std::string own = dir().at("own");
+  config().shippedSignatures = own;
+  const auto state = spawner().waitLoaded(kLoad);
+  ASSERT_FALSE(state.loaded);
+  ASSERT_TRUE(testsupport::waitFor([&] { return templates().empty(); }));
+  for (int look = 0; look < 20; ++look) {
+    EXPECT_FALSE(spawner().signatureState().loading);
+    EXPECT_EQ(spawner().signatureState().detail, state.detail);
+  }
+  std::filesystem::copy(testing::kShippedSignatures, own);
+  std::string why;
+  EXPECT_TRUE(spawner().reload(&why)) << why;
+  EXPECT_TRUE(spawner().signatureState().loaded);
+}
+
+TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) {
+  testing::HeldFile held(writeSystem());
+  spawner();
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", eicar());
+  ASSERT_TRUE(testsupport::waitFor([&] { return templates().size() == 1; }));
+  replaceTemplate();
+  replaceTemplate();
+  EXPECT_TRUE(spawner().signatureState().loading) << "two are not enough";
+  kill(templates().at(0), SIGKILL);
+  ASSERT_TRUE(testsupport::waitFor([&] { return !spawner().signatureState().loading; }));
+  EXPECT_FALSE(spawner().signatureState().loaded);
+  EXPECT_THAT(spawner().signatureState().detail, HasSubstr("died 3 times"));
+  pool.drain();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kError);
+  EXPECT_THAT(verdict("file").reason, HasSubstr("died 3 times"));
+
+  held.release();
+  std::string why;
+  ASSERT_TRUE(spawner().reload(&why)) << why;
+  begin(pool, "next", eicar());
+  pool.drain();
+  EXPECT_EQ(verdict("next").outcome, Outcome::kInfected);
+
+  const testing::HeldFile again(dir().at("system/x.ndb"));
+  replaceTemplate();
+  replaceTemplate();
+  EXPECT_TRUE(spawner().signatureState().loading) << "behind a reload they are counted anew";
+}
+
+TEST_F(Spawners, OnlyDeathsInARowAndWhileLoadingAreCounted) {
+  const std::string file = writeSystem();
+  {
+    const testing::HeldFile held(file);
+    spawner();
+    ASSERT_TRUE(testsupport::waitFor([&] { return templates().size() == 1; }));
+    replaceTemplate();
+    replaceTemplate();
+  }
+  ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
+  const testing::HeldFile held(file);
+  replaceTemplate();  // one that had loaded
+  replaceTemplate();
+  replaceTemplate();
+  EXPECT_TRUE(spawner().signatureState().loading) << spawner().signatureState().detail;
+}
+
+TEST_F(Spawners, AWaitForALoadEndsAtItsLimit) {
+  const testing::HeldFile held(writeSystem());
+  const auto state = spawner().waitLoaded(std::chrono::milliseconds(20));
+  EXPECT_TRUE(state.loading);
+  EXPECT_FALSE(state.loaded);
+}
+
+TEST_F(Spawners, OneReloadIsMadeAtATime) {
+  const std::string file = writeSystem();
+  ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
+  testing::HeldFile held(file);
+  const auto descriptors = openDescriptors();
+  auto first = std::async(std::launch::async, [&] { return spawner().reload(nullptr); });
+  ASSERT_TRUE(testsupport::waitFor([&] { return openDescriptors() == descriptors + 2; })) << "it waits";
+  std::atomic<pid_t> thread{0};
+  auto second = std::async(std::launch::async, [&] {
+    thread = gettid();
+    return spawner().reload(nullptr);
+  });
+  ASSERT_TRUE(testsupport::waitFor([&] {
+    const std::string stat = testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+    return stat.find(") S ") != std::string::npos;
+  }));
+  EXPECT_EQ(openDescriptors(), descriptors + 2) << "the second has asked for no template";
+  held.release();
+  EXPECT_TRUE(first.get());
+  EXPECT_TRUE(second.get());
+}
+
+TEST_F(Spawners, AReloadThatLeavesTheSystemsOutIsMadeWhereNoneWereInForce) {
+  dir().write("system/x.ndb", "this is no signature\n");
+  const std::string own = dir().at("own");
+  std::filesystem::copy(testing::kShippedSignatures, own);
+  config().shippedSignatures = own;
+  const auto before = spawner().waitLoaded(kLoad);
+  ASSERT_EQ(before.system, SystemDatabase::kLeftOut);
+  dir().write("own/more.ndb", "TAV.Test.More:0:*:6d6f7265\n");
+  std::string why;
+  EXPECT_TRUE(spawner().reload(&why)) << why;
+  EXPECT_EQ(spawner().signatureState().count, before.count + 1);
+}
+
+TEST_F(Spawners, WithoutDescriptorsThereIsNoneAndNoReload) {
+  {
+    const testing::NoMoreDescriptors none;
+    EXPECT_THROW(Spawner{config()}, std::system_error);
+  }
+  const auto before = spawner().waitLoaded(kLoad);
+  std::string why;
+  {
+    const testing::NoMoreDescriptors none;
+    EXPECT_FALSE(spawner().reload(&why));
+  }
+  EXPECT_THAT(why, HasSubstr("no way to reach a template: Too many open files"));
+  EXPECT_TRUE(spawner().signatureState().loaded);
+  EXPECT_EQ(spawner().signatureState().version, before.version);
+}
+
+TEST_F(Spawners, EachProcessHasItsOneSocketAndNothingThatTheAgentHadOpen) {
+  const UniqueFd secret(openFile(dir().write("secret", "not for them")));
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  for (const char* name : {"tav-spawner", "tav-template", "tav-worker"}) {
+    const auto found = processesNamed(name);
+    ASSERT_EQ(found.size(), 1U) << name;
+    int sockets = 0;
+    for (const auto& [number, target] : descriptorsOf(found[0])) {
+      sockets += target.starts_with("socket:") ? 1 : 0;
+      if (number > STDERR_FILENO) {
+        EXPECT_TRUE(target.starts_with("socket:") || target == "anon_inode:[signalfd]") << name << target;
+      } else if (number != STDERR_FILENO) {
+        EXPECT_EQ(target, "/dev/null") << name << number;
+      }
+    }
+    EXPECT_EQ(sockets, 1) << name;
+  }
+}
+
+TEST_F(Spawners, TheProcessesLeaveTheAgentsSignalsToTheAgent) {
+  sigset_t blocked;
+  sigset_t before;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  WorkerPool pool(spawner(), 1);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  begin(pool, "file", "some text");
+  pool.drain();
+  const auto bit = [](int signal) { return std::uint64_t{1} << (signal - 1); };
+  for (const char* name : {"tav-spawner", "tav-template", "tav-worker"}) {
+    const pid_t process = processesNamed(name).at(0);
+    const std::uint64_t ignored = std::stoull(statusOf(process, "SigIgn"), nullptr, 16);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGUSR1, SIGUSR2}) {
+      EXPECT_NE(ignored & bit(signal), 0U) << name << signal;
+    }
+    EXPECT_EQ(std::stoull(statusOf(process, "SigBlk"), nullptr, 16) & bit(SIGTERM), 0U) << name;
+  }
+}
+
+TEST_F(Spawners, AWorkerGivesUpWhatItDoesNotNeed) {
+  config().beforeFile = [this](const std::string&) {
+    rlimit core{1, 1};
+    getrlimit(RLIMIT_CORE, &core);
+    note("dumpable=" + std::to_string(prctl(PR_GET_DUMPABLE)) + ",core=" + std::to_string(core.rlim_cur) +
+         "/" + std::to_string(core.rlim_max) + ",folder=" + std::filesystem::current_path().string());
+  };
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  const pid_t process = processesNamed("tav-worker").at(0);
+  EXPECT_EQ(statusOf(process, "NoNewPrivs"), "1");
+  EXPECT_EQ(statusOf(process, "Umask"), "0077");
+  EXPECT_EQ(testsupport::readFile("/proc/" + std::to_string(process) + "/oom_score_adj"), "500\n");
+  const std::string own =
+      spawner().temporaryFolders().back() + "/" + std::to_string(templates().at(0)) + "-1";
+  EXPECT_EQ(namesBegun().at(0), "dumpable=0,core=0/0,folder=" + own);
+}
+
+TEST_F(Spawners, TheFoldersOfAWorkerGoWithIt) {
+  holdFilesNamed("held");
+  std::vector<std::string> folders;
+  {
+    WorkerPool pool(spawner(), 1);
+    begin(pool, "held", "some text");
+    ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+    for (const std::string& parent : spawner().temporaryFolders()) {
+      folders.push_back(parent + "/" + std::to_string(templates().at(0)) + "-1");
+      struct stat status {};
+      ASSERT_EQ(stat(folders.back().c_str(), &status), 0) << folders.back();
+      EXPECT_EQ(status.st_mode & 0777U, 0700U);
+    }
+    open();
+  }
+  for (const std::string& folder : folders) {
+    EXPECT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(folder); })) << folder;
+  }
+}
+
+TEST_F(Spawners, TheFoldersOfAKilledTemplatesWorkersGoBehindIt) {
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  std::vector<std::string> folders;
+  for (const std::string& parent : spawner().temporaryFolders()) {
+    folders.push_back(parent + "/" + std::to_string(templates().at(0)) + "-1");
+    ASSERT_TRUE(std::filesystem::exists(folders.back()));
+  }
+  replaceTemplate();
+  ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
+  ASSERT_TRUE(spawner().reload(nullptr));  // what has ended is collected when the next one is asked for
+  for (const std::string& folder : folders) {
+    EXPECT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(folder); })) << folder;
   }
 }
 

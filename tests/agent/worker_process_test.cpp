@@ -1,0 +1,185 @@
+// The bodies of the child processes, each in a child of the test's own that speaks to it directly.
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+#include "EngineFixture.h"
+#include "worker/Messages.h"
+#include "worker/SpawnerProcess.h"
+#include "worker/WorkerProcess.h"
+
+namespace agent {
+namespace {
+
+class Children : public testing::EngineFixture {
+ protected:
+  ~Children() override {
+    if (child_ > 0) {
+      kill(child_, SIGKILL);
+      waitpid(child_, nullptr, 0);
+    }
+  }
+  /// Runs the body, with the other end of ours_, in a child.
+  template <class Body>
+  void start(Body body) {
+    auto [ours, theirs] = Channel::pair();
+    const pid_t parent = getpid();
+    child_ = fork();
+    if (child_ == 0) {
+      ours.close();
+      body(std::move(theirs), parent);
+      _exit(99);
+    }
+    ours_ = std::move(ours);
+  }
+  int exitStatus() {
+    int status = -1;
+    EXPECT_EQ(waitpid(child_, &status, 0), child_);
+    child_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  UniqueFd file() const { return UniqueFd(open(dir().write("file", "some text").c_str(), O_RDONLY)); }
+  template <class M>
+  std::optional<M> hear(const Channel& channel) const {
+    Channel::Packet packet;
+    return channel.receive(packet, true) == Channel::Received::kPacket ? decode<M>(packet.bytes)
+                                                                       : std::nullopt;
+  }
+
+  pid_t child_ = -1;
+  Channel ours_;
+};
+
+TEST_F(Children, HaveTheirNameDieWithTheirParentAndBlockNoSignal) {
+  sigset_t blocked;
+  sigset_t before;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &blocked, &before);
+  start([](Channel, pid_t parent) {
+    const bool alive = becomeChild("tav-name", parent);
+    char name[17] = {};
+    prctl(PR_GET_NAME, name);
+    int deathSignal = 0;
+    prctl(PR_GET_PDEATHSIG, &deathSignal);
+    sigset_t now;
+    sigprocmask(SIG_SETMASK, nullptr, &now);
+    _exit((alive ? 1 : 0) | (name == std::string("tav-name") ? 2 : 0) | (deathSignal == SIGKILL ? 4 : 0) |
+          (sigismember(&now, SIGUSR1) == 0 ? 8 : 0));
+  });
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(exitStatus(), 15);
+}
+
+TEST_F(Children, OfAnotherParentThanExpectedAreTold) {
+  start([](Channel, pid_t parent) { _exit(becomeChild("tav-name", parent + 1) ? 1 : 0); });
+  EXPECT_EQ(exitStatus(), 0);
+}
+
+class WorkerProcesses : public Children {
+ protected:
+  void startWorker(const std::string& disk) {
+    Engine& loaded = engine();
+    const WorkerFolders folders{dir().at("quick"), disk};
+    start([&](Channel channel, pid_t) { runWorker(loaded, WorkerStart{std::move(channel), folders, {}}); });
+  }
+  std::string disk() {
+    engine();
+    return dir().at("disk");
+  }
+};
+
+TEST_F(WorkerProcesses, SayHelloWithADescriptorOfThemselvesAndEndWithTheirChannel) {
+  startWorker(disk());
+  Channel::Packet packet;
+  ASSERT_EQ(ours_.receive(packet, true), Channel::Received::kPacket);
+  const auto hello = decode<WorkerHello>(packet.bytes);
+  ASSERT_TRUE(hello);
+  EXPECT_EQ(hello->pid, child_);
+  EXPECT_TRUE(packet.fd);
+  ours_.close();
+  EXPECT_EQ(exitStatus(), 0);
+}
+
+TEST_F(WorkerProcesses, EndAtWhatIsNoRequest) {
+  startWorker(disk());
+  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ASSERT_TRUE(ours_.send("nonsense", file().get()));
+  EXPECT_FALSE(hear<ScanAnswer>(ours_));
+  EXPECT_EQ(exitStatus(), 1);
+}
+
+TEST_F(WorkerProcesses, EndAtARequestWithoutAFile) {
+  startWorker(disk());
+  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ASSERT_TRUE(ours_.send(encode(ScanRequest{})));
+  EXPECT_FALSE(hear<ScanAnswer>(ours_));
+  EXPECT_EQ(exitStatus(), 1);
+}
+
+TEST_F(WorkerProcesses, EndBeforeTheyScanAnythingWithoutAFolderOfTheirOwn) {
+  startWorker(dir().at("nowhere"));
+  EXPECT_FALSE(hear<WorkerHello>(ours_));
+  EXPECT_EQ(exitStatus(), 1);
+}
+
+TEST_F(WorkerProcesses, AnswerWithTheNumberOfTheRequest) {
+  startWorker(disk());
+  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ScanRequest request;
+  request.id = 77;
+  ASSERT_TRUE(ours_.send(encode(request), file().get()));
+  const auto answer = hear<ScanAnswer>(ours_);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->id, 77U);
+  EXPECT_EQ(answer->verdict.outcome, Outcome::kClean) << testing::describe(answer->verdict);
+}
+
+class SpawnerProcesses : public Children {
+ protected:
+  void startSpawner(pid_t wrongBy) {
+    config_.shippedSignatures = testing::kShippedSignatures;
+    config_.systemSignatures = dir().at("none");
+    start([&](Channel channel, pid_t parent) {
+      runSpawner(config_, folders_, std::move(channel), parent + wrongBy);
+    });
+  }
+  void TearDown() override { folders_.remove(); }
+  /// Sends the other end of a fresh channel along; what then is heard on ours.
+  Channel sendWithChannel(const Channel& to, const std::string& packet) const {
+    auto [ours, theirs] = Channel::pair();
+    EXPECT_TRUE(to.send(packet, theirs.fd()));
+    return std::move(ours);
+  }
+
+  Spawner::Config config_;
+  TempFolders folders_{dir().path()};
+};
+
+TEST_F(SpawnerProcesses, OfAnAgentThatHasEndedEndAtOnce) {
+  startSpawner(1);
+  EXPECT_EQ(exitStatus(), 1);
+}
+
+TEST_F(SpawnerProcesses, ForkNothingForWhatIsNoRequest) {
+  startSpawner(0);
+  EXPECT_FALSE(hear<StateReport>(sendWithChannel(ours_, "nonsense")));
+  ASSERT_TRUE(ours_.send(encode(ForkRequest{})));
+  const Channel toTemplate = sendWithChannel(ours_, encode(ForkRequest{}));
+  const auto report = hear<StateReport>(toTemplate);
+  ASSERT_TRUE(report) << "it goes on";
+  EXPECT_TRUE(report->state.loaded) << report->state.detail;
+
+  EXPECT_FALSE(hear<WorkerHello>(sendWithChannel(toTemplate, "nonsense")));
+  ASSERT_TRUE(toTemplate.send(encode(ForkRequest{})));
+  EXPECT_TRUE(hear<WorkerHello>(sendWithChannel(toTemplate, encode(ForkRequest{}))));
+  ours_.close();
+  EXPECT_EQ(exitStatus(), 0);
+}
+
+}  // namespace
+}  // namespace agent
