@@ -1,0 +1,439 @@
+// Who may call what: the agent's methods as the bus calls them, with real processes of several users as
+// callers. Only the bus is played.
+
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <filesystem>
+#include <functional>
+
+#include "json/CppJson.h"
+#include "service/AgentService.h"
+#include "service/Callers.h"
+#include "support/FakeEndpoint.h"
+#include "support/Process.h"
+#include "support/TempDir.h"
+#include "support/Wait.h"
+#include "task/RunningPrograms.h"
+
+namespace agent {
+namespace {
+
+using ::testing::HasSubstr;
+using testsupport::Process;
+using testsupport::readFile;
+using testsupport::waitFor;
+
+constexpr uid_t kUser = 60100;
+constexpr uid_t kOtherUser = 60101;
+constexpr gid_t kOwnGroup = 60102;
+constexpr gid_t kGroup = 60200;  ///< whose members may change what the agent keeps
+
+/// A process of a user, which waits.
+class CallingProcess {
+ public:
+  CallingProcess(uid_t uid, gid_t gid, std::vector<gid_t> groups)
+      : process_({"/bin/sleep", "600"},
+                 {.workingDir = "", .environment = {}, .uid = uid, .gid = gid, .groups = std::move(groups)}) {
+    const std::string folder = "/proc/" + std::to_string(process_.pid());
+    EXPECT_TRUE(waitFor([&] { return readFile(folder + "/comm") == "sleep\n"; }))
+        << "it is that user's by now";
+    identity_.pid = process_.pid();
+    identity_.uid = uid;
+    identity_.gid = gid;
+    identity_.startTicks = processStartTicks(process_.pid());
+  }
+  /// As the bus knows it.
+  const lunet::PeerIdentity& identity() const { return identity_; }
+  void end() {
+    process_.kill(SIGKILL);
+    process_.wait();
+  }
+
+ private:
+  Process process_;
+  lunet::PeerIdentity identity_;
+};
+
+lunet::PeerIdentity changed(lunet::PeerIdentity identity,
+                            const std::function<void(lunet::PeerIdentity&)>& change) {
+  change(identity);
+  return identity;
+}
+
+lunet::PeerIdentity rootsIdentity() {
+  lunet::PeerIdentity own;
+  own.pid = getpid();
+  own.uid = 0;
+  own.gid = 0;
+  own.startTicks = processStartTicks(getpid());
+  return own;
+}
+
+TEST(CallerIdOf, AMembersSupplementaryGroupsAreHisAsLongAsTheProcessIsTheOneThatCalled) {
+  CallingProcess member(kUser, kOwnGroup, {kGroup, 7});
+  const CallerId caller = callerIdOf(member.identity());
+  EXPECT_EQ(caller.uid, kUser);
+  EXPECT_EQ(caller.gid, kOwnGroup);
+  EXPECT_EQ(caller.pid, member.identity().pid);
+  EXPECT_THAT(caller.groups, ::testing::UnorderedElementsAre(kGroup, 7));
+  EXPECT_THAT(callerIdOf(changed(member.identity(), [](auto& id) { ++id.startTicks; })).groups,
+              ::testing::IsEmpty())
+      << "the pid is another process's by now";
+  EXPECT_THAT(callerIdOf(changed(member.identity(), [](auto& id) { id.uid = kOtherUser; })).groups,
+              ::testing::IsEmpty())
+      << "the process runs for another user by now";
+  member.end();
+  EXPECT_THAT(callerIdOf(member.identity()).groups, ::testing::IsEmpty());
+}
+
+// One of real and effective user is another's: what exec of a setuid program leaves.
+TEST(CallerIdOf, AProcessWithTwoUsersLendsNoGroups) {
+  for (const bool realIsAnothers : {true, false}) {
+    int ready[2];
+    int end[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(end), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      close(end[1]);
+      const gid_t group = kGroup;
+      const bool set =
+          setgroups(1, &group) == 0 &&
+          setresuid(realIsAnothers ? kOtherUser : kUser, realIsAnothers ? kUser : kOtherUser, kUser) == 0;
+      char byte = set ? 'y' : 'n';
+      [[maybe_unused]] ssize_t count = write(ready[1], &byte, 1);
+      count = read(end[0], &byte, 1);  // until the test closes its end
+      _exit(0);
+    }
+    close(end[0]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+    lunet::PeerIdentity identity;
+    identity.pid = child;
+    identity.uid = kUser;
+    identity.startTicks = processStartTicks(child);
+    EXPECT_THAT(callerIdOf(identity).groups, ::testing::IsEmpty()) << realIsAnothers;
+    close(end[1]);
+    waitpid(child, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+  }
+}
+
+/// The service on a played endpoint; store and tasks are real.
+class Service : public ::testing::Test {
+ protected:
+  Service() {
+    chmod(dir_.path().c_str(), 0755);
+    serve(kGroup);
+  }
+  ~Service() override {
+    open();
+    helper_.unregisterFrom(endpoint_);
+  }
+  void serve(std::optional<gid_t> group) {
+    service_.reset();
+    helper_.unregisterFrom(endpoint_);
+    service_ = std::make_unique<AgentService>(helper_, *store_, tasks_, group);
+    service_->StartListening();
+    ASSERT_EQ(helper_.registerOn(endpoint_), lunet::kOk);
+  }
+  static Spawner::Config config(const testsupport::TempDir& dir) {
+    Spawner::Config config;
+    config.shippedSignatures = TAV_SOURCE_DIR "/packaging/etc/agent/signatures";
+    config.systemSignatures = dir.at("system");
+    config.tempFolder = dir.path();
+    config.beforeFile = [gate = dir.at("gate")](const std::string& name) {
+      while (name.ends_with("held") && access(gate.c_str(), F_OK) != 0) {
+        usleep(1000);
+      }
+    };
+    return config;
+  }
+  /// Lets files go on that are held in a worker.
+  void open() const { mkdir(dir_.at("gate").c_str(), 0700); }
+
+  /// The whole answer to a call of that process.
+  Json::Value answer(const lunet::PeerIdentity& caller, const std::string& method,
+                     const Json::Value& params) {
+    endpoint_.peerProcess = caller;
+    endpoint_.peer = lunet::parseGuid(lunet::kConsoleGuid);
+    Json::Value request(Json::objectValue);
+    request["jsonrpc"] = "2.0";
+    request["id"] = 1;
+    request["method"] = method;
+    if (!params.isNull()) {
+      request["params"] = params;
+    }
+    std::string text;
+    CppJson::WriteJsonToString(request, text, 1);
+    const auto delivery = endpoint_.deliver(lunet::kRequestChannel, text, true);
+    return object(delivery.reply);
+  }
+  Json::Value call(const lunet::PeerIdentity& caller, const std::string& method,
+                   const Json::Value& params = {}) {
+    const Json::Value whole = answer(caller, method, params);
+    EXPECT_TRUE(whole.isMember("result")) << method << whole.toStyledString();
+    return whole["result"];
+  }
+  static Json::Value object(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
+    return value;
+  }
+
+  // The changes that not everybody may make. Each says whether it was let through, and sees that nothing came
+  // of one that was not.
+  bool changesSettings(const lunet::PeerIdentity& caller) {
+    const int before = store_->settings().document(0)->get("Common", {})["SkipSize"].asInt();
+    Json::Value params = object(R"({"config_type":0,"request_source":1})");
+    params["config_str"] = R"({"Common":{"SkipSize":)" + std::to_string(before + 1) + "}}";
+    const bool done = call(caller, "setAVConfig", params).asBool();
+    EXPECT_EQ(store_->settings().document(0)->get("Common", {})["SkipSize"].asInt(), before + (done ? 1 : 0));
+    return done;
+  }
+  bool changesRegion(const lunet::PeerIdentity& caller) {
+    Json::Value params = object(R"({"desc":"d","region_type":0,"source":1,
+                                    "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
+    params["items"]["items"].append(json::encodePath("/trusted/" + std::to_string(++count_)));
+    const auto before = store_->regions().list(4, 0, 0).size();
+    const bool done = call(caller, "ctlRegion", params).asBool();
+    EXPECT_EQ(store_->regions().list(4, 0, 0).size(), before + (done ? 1 : 0));
+    return done;
+  }
+  bool emptiesCache(const lunet::PeerIdentity& caller) {
+    const FileIdentity file{1, static_cast<std::uint64_t>(++count_), 3, 0, 0};
+    store_->cache().remember(file, "key", std::time(nullptr) * 1'000'000'000LL);
+    EXPECT_TRUE(store_->cache().isClean(file, "key"));
+    endpoint_.peerProcess = caller;
+    endpoint_.deliver(lunet::kOnewayChannel, R"({"jsonrpc":"2.0","method":"cleanScanCache"})", false);
+    return !store_->cache().isClean(file, "key");
+  }
+  bool restores(const lunet::PeerIdentity& caller) {
+    const Json::Value result = call(caller, "startDeIsolate", restoreOf("no-such-item"));
+    EXPECT_FALSE(result["status"].asBool());
+    EXPECT_NE(result["token_id"].asString(), "");
+    EXPECT_EQ(result["detail"].size(), 1U);
+    const Json::Value reason = result["detail"][0];
+    EXPECT_EQ(reason["uuid"].asString() == "no-such-item", reason["reason"].asString() != "not allowed");
+    return reason["reason"].asString() != "not allowed";
+  }
+  static Json::Value restoreOf(const std::string& uuid) {
+    Json::Value params = object(R"({"ctx":null,"desc":"","source":1,"token_id":"",
+        "params":{"action":1,"item_number":1,"is_all":false,"custom_path":"","items":[]}})");
+    params["params"]["items"].append(uuid);
+    return params;
+  }
+  void expectAll(bool expected, const lunet::PeerIdentity& caller, const char* who) {
+    EXPECT_EQ(changesSettings(caller), expected) << who;
+    EXPECT_EQ(changesRegion(caller), expected) << who;
+    EXPECT_EQ(emptiesCache(caller), expected) << who;
+    EXPECT_EQ(restores(caller), expected) << who;
+  }
+  /// Lines of the audit record that hold the text.
+  int audited(const std::string& text) const {
+    std::istringstream lines(readFile(dir_.at("state/audit.log")));
+    int count = 0;
+    for (std::string line; std::getline(lines, line);) {
+      count += line.find(text) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+  /// Quarantines a file of that user; its path.
+  std::string quarantine(const std::string& name, uid_t owner) {
+    const std::string path = dir_.write("files/" + name, "a file that was detected");
+    EXPECT_EQ(chown(path.c_str(), owner, owner), 0);
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    QuarantineRequest request;
+    request.path = path;
+    request.identity = FileIdentity::of(status);
+    request.detection.name = "Test";
+    EXPECT_TRUE(store_->quarantine().add(request).ok);
+    return path;
+  }
+  Json::Value scanOf(const std::string& path) {
+    Json::Value params = object(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
+        "follow_link":false,"max_scan_sec":0,"uid":0,"custom_stop":true,"items":[],"force_scan":true,
+        "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":1,"proc_fix_method":0,
+        "expire_time":0,"scan_type":2}})");
+    params["params"]["items"].append(json::encodePath(path));
+    return params;
+  }
+  static Json::Value orderTo(int action, const std::string& token) {
+    Json::Value params = object(R"({"detail":"","mark":0,"payload":null,"source":1})");
+    params["action"] = action;
+    params["token_id"] = token;
+    return params;
+  }
+
+  testsupport::TempDir dir_;
+  Spawner spawner_{config(dir_)};
+  std::unique_ptr<Store> store_ = Store::open(dir_.at("state"));
+  testsupport::FakeEndpoint endpoint_;
+  Outbox outbox_;
+  TaskManager tasks_{TaskManager::Parts{*store_, spawner_, outbox_, endpoint_, {}}};
+  jsonrpchelper::IJsonRpcServerHelper helper_;
+  std::unique_ptr<AgentService> service_;
+  int count_ = 0;
+};
+
+TEST_F(Service, LetsRootAndMembersOfTheGroupChangeWhatItKeeps) {
+  expectAll(true, rootsIdentity(), "root");
+  const CallingProcess byItsGroup(kUser, kGroup, {});
+  expectAll(true, byItsGroup.identity(), "a member by the group of the process");
+  const CallingProcess bySupplementary(kUser, kOwnGroup, {7, kGroup});
+  expectAll(true, bySupplementary.identity(), "a member by a supplementary group");
+  EXPECT_EQ(audited("refused: not allowed"), 0);
+}
+
+TEST_F(Service, LetsNobodyElseChangeAnythingAndRecordsWhoTried) {
+  const CallingProcess stranger(kUser, kOwnGroup, {7});
+  expectAll(false, stranger.identity(), "a stranger");
+  const std::string who = "uid=60100 gid=60102 pid=" + std::to_string(stranger.identity().pid);
+  for (const char* action : {"change settings", "change region", "clean scan cache", "restore"}) {
+    EXPECT_EQ(audited(who + " action=\"" + action + "\" object=\"\" outcome=\"refused: not allowed\""), 1)
+        << action;
+  }
+  CallingProcess member(kUser, kOwnGroup, {kGroup});
+  expectAll(false, changed(member.identity(), [](auto& id) { --id.startTicks; }), "another's pid by now");
+  expectAll(false, changed(member.identity(), [](auto& id) { id.uid = kOtherUser; }), "another's by now");
+  member.end();
+  expectAll(false, member.identity(), "a member that is gone");
+  expectAll(false, lunet::PeerIdentity{}, "a caller whom the kernel does not know");
+}
+
+TEST_F(Service, WithoutAGroupLetsRootAloneChangeWhatItKeeps) {
+  serve(std::nullopt);
+  expectAll(true, rootsIdentity(), "root");
+  const CallingProcess member(kUser, kGroup, {kGroup});
+  expectAll(false, member.identity(), "a member of what is no group of the agent's");
+}
+
+TEST_F(Service, RecordsAChangeWithWhoMadeItAndWhatCameOfIt) {
+  const CallingProcess member(kUser, kGroup, {});
+  ASSERT_TRUE(changesSettings(member.identity()));
+  EXPECT_EQ(audited("uid=60100 gid=60200 pid=" + std::to_string(member.identity().pid) +
+                    " action=\"change settings\" object=\"type 0 {"),
+            1);
+  EXPECT_EQ(audited("outcome=\"done\""), 1);
+  Json::Value wrong = object(R"({"config_str":"{\"NoSuchSection\":{}}","config_type":0,"request_source":1})");
+  EXPECT_FALSE(call(member.identity(), "setAVConfig", wrong).asBool());
+  EXPECT_EQ(audited("outcome=\"refused: "), 1);
+}
+
+TEST_F(Service, AnswersEverybodyWhatItKeeps) {
+  const CallingProcess stranger(kUser, kOwnGroup, {});
+  EXPECT_THAT(
+      call(stranger.identity(), "getAVConfig", object(R"({"config_type":0,"request_source":1})")).asString(),
+      HasSubstr("SkipSize"));
+  EXPECT_TRUE(
+      call(stranger.identity(), "getRegionInfo", object(R"({"domain":4,"item_type":0,"region_type":0})"))
+          .isArray());
+  EXPECT_EQ(call(stranger.identity(), "getScanCacheDetail").asInt(), 0);
+}
+
+TEST_F(Service, ListsTheWholeQuarantineToRootAndToOthersWhatWasTheirs) {
+  quarantine("roots", 0);
+  quarantine("users", kUser);
+  quarantine("others", kOtherUser);
+  EXPECT_EQ(call(rootsIdentity(), "getIsolationInfo").size(), 3U);
+  const CallingProcess member(kUser, kGroup, {});
+  const Json::Value own = call(member.identity(), "getIsolationInfo");
+  ASSERT_EQ(own.size(), 1U) << own.toStyledString();
+  EXPECT_EQ(json::decodePath(own[0]["filepath_src"].asString()), dir_.at("files/users"));
+  EXPECT_EQ(call(lunet::PeerIdentity{}, "getIsolationInfo").size(), 0U);
+}
+
+TEST_F(Service, RestoresForTheCallerAndSaysWhatItCouldNot) {
+  const std::string path = quarantine("roots", 0);
+  const std::string uuid = call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString();
+  const CallingProcess member(kUser, kGroup, {});
+  const Json::Value refused = call(member.identity(), "startDeIsolate", restoreOf(uuid));
+  EXPECT_FALSE(refused["status"].asBool()) << "what is root's comes back for root";
+  EXPECT_EQ(refused["detail"][0]["uuid"].asString(), uuid);
+  EXPECT_FALSE(std::filesystem::exists(path));
+  Json::Value both = restoreOf(uuid);
+  both["params"]["items"].append("no-such-item");
+  const Json::Value half = call(rootsIdentity(), "startDeIsolate", both);
+  EXPECT_FALSE(half["status"].asBool()) << "one of two is not all";
+  ASSERT_EQ(half["detail"].size(), 1U);
+  EXPECT_EQ(half["detail"][0]["uuid"].asString(), "no-such-item");
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_EQ(audited("action=\"restore\" object=\"" + uuid + "\" outcome=\"done\""), 1);
+  EXPECT_EQ(store_->regions().list(4, 0, 0).size(), 0U) << "action 1 trusts nothing";
+
+  const std::string second = quarantine("second", 0);
+  Json::Value trusting = restoreOf(call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString());
+  trusting["params"]["action"] = 2;
+  EXPECT_TRUE(call(rootsIdentity(), "startDeIsolate", trusting)["status"].asBool());
+  EXPECT_TRUE(std::filesystem::exists(second));
+  EXPECT_EQ(store_->regions().list(4, 0, 0).size(), 1U);
+}
+
+TEST_F(Service, RefusesARestoreThatNamesNoActionOrNoItem) {
+  const std::string path = quarantine("kept", 0);
+  const std::string uuid = call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString();
+  for (const auto& [change, what] : std::vector<std::pair<std::function<void(Json::Value&)>, const char*>>{
+           {[](auto& params) { params["action"] = 0; }, "action 0"},
+           {[](auto& params) { params["action"] = 3; }, "action 3"},
+           {[](auto& params) { params["items"] = Json::Value(Json::arrayValue); }, "no item"},
+           {[](auto& params) { params["items"] = "text"; }, "items that are none"},
+           {[](auto& params) { params = Json::Value(Json::arrayValue); }, "no record"}}) {
+    Json::Value request = restoreOf(uuid);
+    change(request["params"]);
+    const Json::Value result = call(rootsIdentity(), "startDeIsolate", request);
+    EXPECT_FALSE(result["status"].asBool()) << what;
+    ASSERT_EQ(result["detail"].size(), 1U) << what;
+    EXPECT_THAT(result["detail"][0]["reason"].asString(), HasSubstr("names no action")) << what;
+    EXPECT_FALSE(std::filesystem::exists(path)) << what;
+  }
+  Json::Value all = restoreOf(uuid);
+  all["params"]["items"] = Json::Value(Json::arrayValue);
+  all["params"]["is_all"] = true;
+  EXPECT_TRUE(call(rootsIdentity(), "startDeIsolate", all)["status"].asBool());
+  EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(Service, ShowsAndObeysAsToATaskItsStarterAndRootAlone) {
+  const std::string path = dir_.write("files/held", "some text");
+  ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+  ASSERT_EQ(chmod(dir_.at("files").c_str(), 0755), 0);
+  const CallingProcess starter(kUser, kOwnGroup, {});
+  const CallingProcess other(kOtherUser, kGroup, {kGroup});
+  const Json::Value started = call(starter.identity(), "startScanTask", scanOf(path));
+  ASSERT_TRUE(started["status"].asBool()) << started.toStyledString();
+  const std::string token = started["token_id"].asString();
+  EXPECT_EQ(call(other.identity(), "getBusList").size(), 0U);
+  const Json::Value own = call(starter.identity(), "getBusList");
+  ASSERT_EQ(own.size(), 1U);
+  EXPECT_EQ(own[0]["uid"].asUInt(), kUser) << "on the kernel's word, not on the request's";
+  EXPECT_EQ(call(rootsIdentity(), "getBusList").size(), 1U);
+
+  EXPECT_FALSE(call(other.identity(), "ctlBus", orderTo(TaskManager::kStop, token)).asBool());
+  EXPECT_EQ(call(rootsIdentity(), "getBusList").size(), 1U);
+  EXPECT_EQ(
+      audited("uid=60101 gid=60200 pid=" + std::to_string(other.identity().pid) +
+              " action=\"control scan\" object=\"" + token + " action 1\" outcome=\"refused: no such task\""),
+      1);
+  EXPECT_TRUE(call(starter.identity(), "ctlBus", orderTo(TaskManager::kStop, token)).asBool());
+  open();
+  EXPECT_TRUE(waitFor([&] { return call(rootsIdentity(), "getBusList").empty(); }));
+}
+
+TEST_F(Service, AnUnknownKindOfSettingsIsAnErrorAnswer) {
+  const Json::Value whole =
+      answer(rootsIdentity(), "getAVConfig", object(R"({"config_type":3,"request_source":1})"));
+  EXPECT_THAT(whole["error"]["message"].asString() + whole["error"]["data"].asString(),
+              HasSubstr("no settings of type 3"));
+}
+
+}  // namespace
+}  // namespace agent
