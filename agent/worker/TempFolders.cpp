@@ -29,12 +29,14 @@ UniqueFd openFolder(const std::string& path) {
   return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Ours, and locked by nobody: its agent was killed.
-bool isLeftBehind(const std::string& path) {
-  const UniqueFd folder = openFolder(path);
+// A folder of ours that nobody has locked: its agent was killed. Locked from here on, so that nobody takes it
+// while it is removed: whoever has just made it does without it.
+UniqueFd lockLeftBehind(const std::string& path) {
+  UniqueFd folder = openFolder(path);
   struct stat status {};
-  return folder && fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() &&
-         flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
+  const bool leftBehind = folder && fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() &&
+                          flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
+  return leftBehind ? std::move(folder) : UniqueFd();
 }
 
 std::vector<std::string> entriesThatBegin(const std::string& parent, const std::string& beginning) {
@@ -57,7 +59,7 @@ void removeAll(const std::string& folder) {
 
 void removeLeftBehind(const std::string& parent) {
   for (const auto& path : entriesThatBegin(parent, kPrefix)) {
-    if (isLeftBehind(path)) {
+    if (const UniqueFd locked = lockLeftBehind(path)) {
       removeAll(path);
     }
   }

@@ -166,10 +166,18 @@ class WorkerPool::Impl {
     queue_.push_front(std::move(task));
   }
 
+  // What is queued by now. What comes meanwhile is looked at anew: its chances may be better.
   void finishQueued(const Verdict& verdict) {
-    while (auto task = takeQueued(Purpose::kFinish)) {
-      finish(std::move(*task), verdict);
+    for (std::size_t left = queued(); left > 0; --left) {
+      if (auto task = takeQueued(Purpose::kFinish)) {
+        finish(std::move(*task), verdict);
+      }
     }
+  }
+
+  std::size_t queued() {
+    const std::lock_guard lock(mutex_);
+    return queue_.size();
   }
 
   void killWorkers() {

@@ -11,8 +11,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "EngineFixture.h"
-#include "support/Wait.h"
+#include "WorkerFixture.h"
 #include "worker/Channel.h"
 #include "worker/Messages.h"
 #include "worker/TempFolders.h"
@@ -117,7 +116,15 @@ TEST(Channels, APacketWithMoreDescriptorsThanOneEndsTheTalkAndNoneOfThemStaysOpe
   EXPECT_TRUE(packet.fd);
 }
 
-TEST(Channels, NeitherEndNorAReceivedDescriptorIsInheritedByAProgram) {
+TEST(Channels, APacketWhoseDescriptorDoesNotArriveEndsTheTalk) {
+  auto [one, two] = Channel::pair();
+  ASSERT_TRUE(one.send("packet", STDERR_FILENO));
+  const testing::NoMoreDescriptors none;
+  Channel::Packet packet;
+  EXPECT_EQ(two.receive(packet, true), Channel::Received::kEnded);
+}
+
+TEST(Channels, NeitherEndIsInheritedByAProgram) {
   auto [one, two] = Channel::pair();
   EXPECT_NE(fcntl(one.fd(), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_NE(fcntl(two.fd(), F_GETFD) & FD_CLOEXEC, 0);
@@ -299,15 +306,19 @@ TEST_F(Temporaries, AreRemovedFromMemoryTooAndTheirLocksAreInheritedByNoProgram)
   EXPECT_FALSE(std::filesystem::exists(folders.disk()));
 }
 
-// What one makes another may take for left behind before it is locked.
-TEST_F(Temporaries, OfAgentsThatStartAtOnceAreThereAndTheirOwn) {
+// What one has just made, another may take for left behind before it is locked.
+TEST_F(Temporaries, OfAgentsThatStartAtOnceAreTheirOwnAndStay) {
   std::vector<std::thread> agents;
-  std::atomic<int> missing{0};
+  std::atomic<int> taken{0};
   for (int agent = 0; agent < 4; ++agent) {
     agents.emplace_back([&] {
-      for (int round = 0; round < 200; ++round) {
+      for (int round = 0; round < 50; ++round) {
         TempFolders folders(dir_.path());
-        missing += folders.disk().empty() || std::filesystem::is_directory(folders.disk()) ? 0 : 1;
+        TempFolders more(dir_.path());
+        for (const auto* one : {&folders, &more}) {
+          taken += one->disk().empty() || std::filesystem::is_directory(one->disk()) ? 0 : 1;
+        }
+        more.remove();
         folders.remove();
       }
     });
@@ -315,7 +326,7 @@ TEST_F(Temporaries, OfAgentsThatStartAtOnceAreThereAndTheirOwn) {
   for (auto& agent : agents) {
     agent.join();
   }
-  EXPECT_EQ(missing, 0);
+  EXPECT_EQ(taken, 0);
 }
 
 TEST_F(Temporaries, OfAnEndedTemplateAreRemovedAlone) {

@@ -84,6 +84,9 @@ TEST(WorkerMessages, ACutMessageIsNone) {
 TEST(WorkerMessages, AMessageOfAnotherKindIsNone) {
   EXPECT_FALSE(decode<ScanRequest>(encode(fullAnswer())));
   EXPECT_FALSE(decode<WorkerHello>(encode(ForkRequest{})));
+  std::string otherKind = encode(fullAnswer());  // of the same shape
+  otherKind[0] = 'X';
+  EXPECT_FALSE(decode<ScanAnswer>(otherKind));
 }
 
 TEST(WorkerMessages, LongTextsAreCutAndLongListsToo) {

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <future>
+
 #include "WorkerFixture.h"
 #include "worker/Channel.h"
 #include "worker/Messages.h"
@@ -265,8 +267,10 @@ TEST_F(PoolsThatRecord, AFileBehindAReloadIsScannedWithTheNewSignaturesAlsoWhere
 TEST_F(PoolsThatRecord, WithoutDescriptorsForAnotherWorkerFilesWaitForTheOneThereIs) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 2);
+  begin(pool, "first", "some text");  // its worker is known to the pool
+  pool.drain();
   begin(pool, "held", kLarge);
-  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 2; }));
   const std::string next = dir().write("next", kLarge);
   const int file = openFile(next);
   {
@@ -294,6 +298,27 @@ TEST_F(Pools, WithoutDescriptorsForAnyWorkerFilesAreErrorsThatSaySoAndLaterOnesA
   begin(pool, "later", eicar());
   pool.drain();
   EXPECT_EQ(verdict("later").outcome, Outcome::kInfected) << describe(verdict("later"));
+}
+
+// The pool's own thread is kept in a callback meanwhile, so that it cannot have heard of the end.
+TEST_F(Pools, AFileHandedToAWorkerThatHasJustDiedGoesToAnother) {
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "first", "some text");
+  pool.drain();
+  const pid_t worker = processesNamed("tav-worker").at(0);
+  std::promise<void> inCallback;
+  std::promise<void> goOn;
+  pool.scan(-1, "none", {}, [&](const Verdict&) {
+    inCallback.set_value();
+    goOn.get_future().wait();
+  });
+  inCallback.get_future().wait();
+  begin(pool, "next", eicar());
+  kill(worker, SIGKILL);
+  EXPECT_TRUE(testsupport::waitFor([] { return workerCount() == 0; }));
+  goOn.set_value();
+  pool.drain();
+  EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
 }
 
 TEST_F(Pools, WithoutDescriptorsThereIsNoPool) {

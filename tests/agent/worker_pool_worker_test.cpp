@@ -157,6 +157,14 @@ TEST_F(PoolWorkers, WhatCannotBeHandedToAnyWorkerIsToldApartFromAWorkerThatIsGon
   EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
 }
 
+TEST_F(PoolWorkers, AWorkerThatDiedWithFilesUnreadIsGoneToo) {
+  ASSERT_EQ(begin(1), PoolWorker::Begun::kYes);
+  other_.close();
+  EXPECT_EQ(begin(2), PoolWorker::Begun::kWorkerGone);
+  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
+  EXPECT_EQ(worker_->takeTasks().size(), 1U);
+}
+
 /// A process that waits, to be killed as a worker.
 class PoolWorkerProcess : public PoolWorkers {
  protected:
@@ -176,6 +184,12 @@ TEST_F(PoolWorkerProcess, IsKilledWhenItsHelloHasNotBeenReadYet) {
   sayHello(pidfd_.get());
   worker_->kill();
   EXPECT_EQ(process_.wait(), 128 + SIGKILL);
+}
+
+TEST_F(PoolWorkerProcess, IsNotKilledForWhatIsNoHello) {
+  ASSERT_TRUE(other_.send(encode(ScanAnswer{}), pidfd_.get()));
+  worker_->kill();
+  EXPECT_TRUE(process_.running());
 }
 
 TEST_F(PoolWorkerProcess, CannotSayHelloAnyMoreOnceItIsToBeKilled) {

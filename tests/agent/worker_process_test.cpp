@@ -139,6 +139,18 @@ TEST_F(WorkerProcesses, AnswerWithTheNumberOfTheRequest) {
   EXPECT_EQ(answer->verdict.outcome, Outcome::kClean) << testing::describe(answer->verdict);
 }
 
+TEST_F(WorkerProcesses, UnpackNowhereButInTheirOwnFolders) {
+  startWorker(disk());
+  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  std::filesystem::remove_all(dir().at("quick"));
+  std::filesystem::remove_all(dir().at("disk"));
+  const std::string zip = dir().write("zip", testsupport::makeZip({{"test.com", testsupport::eicar()}}));
+  ASSERT_TRUE(ours_.send(encode(ScanRequest{}), UniqueFd(open(zip.c_str(), O_RDONLY)).get()));
+  const auto answer = hear<ScanAnswer>(ours_);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->verdict.outcome, Outcome::kError) << testing::describe(answer->verdict);
+}
+
 class SpawnerProcesses : public Children {
  protected:
   void startSpawner(pid_t wrongBy) {

@@ -28,7 +28,8 @@ class Spawners : public testing::WorkerFixture {
     kill(process, SIGKILL);
     ASSERT_TRUE(testsupport::waitFor([&] {
       spawner().signatureState();
-      return templates().size() == 1 && templates()[0] != process;
+      const auto now = templates();
+      return now.size() == 1 && now[0] != process;
     }));
   }
   static std::vector<pid_t> templates() { return processesNamed("tav-template"); }
