@@ -17,7 +17,7 @@ union ControlBuffer {
   std::array<char, CMSG_SPACE(sizeof(int))> bytes;
 };
 
-// Keeps the one descriptor that a packet may bring. False when it brings more, which are then closed.
+// Keeps the one descriptor that a packet may bring; of several the last, the others are closed, and false.
 bool keepDescriptor(msghdr& header, UniqueFd& kept) {
   std::size_t count = 0;
   for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr;
@@ -31,9 +31,6 @@ bool keepDescriptor(msghdr& header, UniqueFd& kept) {
       kept.reset(fd);
       ++count;
     }
-  }
-  if (count > 1) {
-    kept.reset();
   }
   return count <= 1;
 }

@@ -1,7 +1,12 @@
 #include <gtest/gtest.h>
+#include <linux/magic.h>
+#include <sched.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
 
 #include <array>
 #include <atomic>
@@ -304,6 +309,35 @@ TEST_F(Temporaries, AreRemovedFromMemoryTooAndTheirLocksAreInheritedByNoProgram)
   folders.remove();
   EXPECT_FALSE(std::filesystem::exists(folders.quick()));
   EXPECT_FALSE(std::filesystem::exists(folders.disk()));
+}
+
+// In a mount namespace of its own, where /dev/shm is a folder on a disk.
+TEST_F(Temporaries, AllLieOnTheDiskWhereNoFolderIsInMemory) {
+  const testsupport::TempDir disk(testsupport::diskFolder());
+  const pid_t child = fork();
+  if (child == 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(disk.path().c_str(), "/dev/shm", nullptr, MS_BIND, nullptr) != 0) {
+      _exit(2);
+    }
+    struct statfs status {};
+    if (statfs("/dev/shm", &status) != 0 || status.f_type == TMPFS_MAGIC) {
+      _exit(3);
+    }
+    TempFolders folders(dir_.path());
+    const bool onDiskAlone = folders.quick().empty() && !folders.disk().empty() && folders.problem().empty();
+    folders.remove();
+    _exit(onDiskAlone ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (WEXITSTATUS(status) == 2) {
+    GTEST_SKIP() << "no mount namespace of its own is granted here";
+  }
+  if (WEXITSTATUS(status) == 3) {
+    GTEST_SKIP() << "no folder here is on a disk";
+  }
+  EXPECT_EQ(status, 0);
 }
 
 // What one has just made, another may take for left behind before it is locked.

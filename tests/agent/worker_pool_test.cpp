@@ -283,7 +283,33 @@ TEST_F(PoolsThatRecord, WithoutDescriptorsForAnotherWorkerFilesWaitForTheOneTher
   EXPECT_EQ(filesOfProcesses().size(), 1U);
 }
 
-TEST_F(Pools, WithoutDescriptorsForAnyWorkerFilesAreErrorsThatSaySoAndLaterOnesAreScanned) {
+TEST_F(Pools, WithoutDescriptorsForAnyWorkerWhatIsQueuedFailsAndWhatComesLaterIsScanned) {
+  ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
+  WorkerPool pool(spawner(), 1);
+  const std::string file = dir().write("file", "some text");
+  const int fd = openFile(file);
+  std::promise<void> failing;
+  std::promise<void> goOn;
+  {
+    const testing::NoMoreDescriptors none;
+    pool.scan(fd, file, {}, [&](Verdict verdict) {
+      keep("file")(std::move(verdict));
+      failing.set_value();
+      goOn.get_future().wait();
+    });
+    failing.get_future().wait();
+  }
+  begin(pool, "later", eicar());  // while those before it are still being failed
+  goOn.set_value();
+  pool.drain();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kError);
+  EXPECT_THAT(verdict("file").reason, HasSubstr("no worker can be asked for: Too many open files"));
+  EXPECT_EQ(verdict("later").outcome, Outcome::kInfected) << describe(verdict("later"));
+}
+
+TEST_F(Pools, AnEarlierReasonWhyThereWasNoWorkerFailsNoFileThatWaitsForSignatures) {
+  const std::string system =
+      dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
   WorkerPool pool(spawner(), 1);
   const std::string file = dir().write("file", "some text");
@@ -293,11 +319,14 @@ TEST_F(Pools, WithoutDescriptorsForAnyWorkerFilesAreErrorsThatSaySoAndLaterOnesA
     pool.scan(fd, file, {}, keep("file"));
     pool.drain();
   }
-  EXPECT_EQ(verdict("file").outcome, Outcome::kError);
-  EXPECT_THAT(verdict("file").reason, HasSubstr("no worker can be asked for: Too many open files"));
-  begin(pool, "later", eicar());
+  ASSERT_EQ(verdict("file").outcome, Outcome::kError);
+  testing::HeldFile held(system);
+  kill(processesNamed("tav-template").at(0), SIGKILL);
+  ASSERT_TRUE(testsupport::waitFor([&] { return spawner().signatureState().loading; }));
+  begin(pool, "next", eicar());
+  held.release();
   pool.drain();
-  EXPECT_EQ(verdict("later").outcome, Outcome::kInfected) << describe(verdict("later"));
+  EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
 }
 
 // The pool's own thread is kept in a callback meanwhile, so that it cannot have heard of the end.
@@ -381,11 +410,23 @@ TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyThoseThatFailInARow) {
 }
 
 TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
+  const std::string system =
+      dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   for (int round = 0; round < 5; ++round) {
     {
+      testing::HeldFile held(system);
       WorkerPool pool(spawner(), 1);
       begin(pool, "file", "some text");
-      while (spawner().signatureState().loading) {  // without a pause, so as to be there first
+      std::vector<std::thread> readers;
+      for (int i = 0; i < 3; ++i) {
+        readers.emplace_back([&] {
+          while (spawner().signatureState().loading) {  // without a pause, so as to be there first
+          }
+        });
+      }
+      held.release();
+      for (auto& reader : readers) {
+        reader.join();
       }
       pool.drain();
     }

@@ -73,6 +73,7 @@ TEST_F(Spawners, SayWhyThereIsNoPlaceForTemporaryFiles) {
   const auto state = spawner().waitLoaded(kLoad);
   EXPECT_FALSE(state.loaded);
   EXPECT_THAT(state.detail, HasSubstr(dir().at("nowhere")));
+  EXPECT_THAT(spawner().temporaryFolders(), ::testing::Each(::testing::Not(::testing::IsEmpty())));
 }
 
 TEST_F(Spawners, TheAgentItselfHasNoSignatures) {
@@ -436,6 +437,26 @@ TEST_F(Spawners, TheFoldersOfAWorkerGoWithIt) {
   for (const std::string& folder : folders) {
     EXPECT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(folder); })) << folder;
   }
+}
+
+TEST_F(Spawners, TheFoldersOfWorkersThatEndAtOnceAllGo) {
+  holdFilesNamed("held");
+  const std::string parent = spawner().temporaryFolders().back() + "/";
+  pid_t process = 0;
+  {
+    WorkerPool pool(spawner(), 2);
+    for (const char* name : {"held1", "held2"}) {
+      begin(pool, name, "some text");
+    }
+    ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 2; }));
+    process = templates().at(0);
+    ASSERT_TRUE(std::filesystem::exists(parent + std::to_string(process) + "-2"));
+    kill(process, SIGSTOP);  // both have ended before it looks
+    open();
+  }
+  EXPECT_TRUE(testsupport::waitFor([] { return workerCount() == 0; }));
+  kill(process, SIGCONT);
+  EXPECT_TRUE(testsupport::waitFor([&] { return std::filesystem::is_empty(parent); }));
 }
 
 TEST_F(Spawners, TheFoldersOfAKilledTemplatesWorkersGoBehindIt) {
