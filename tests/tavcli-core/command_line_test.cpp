@@ -58,6 +58,8 @@ TEST(BatchCommand, CarriesBothPathsAndTheBatchMark) {
 
 class BatchArguments : public testing::Test {
  protected:
+  ~BatchArguments() override { std::filesystem::current_path(before_); }
+
   /// What stands on standard error; "-" when the options are accepted.
   std::string refusalOf(const std::string& scanPath, const std::string& logPath) {
     BatchOptions options{scanPath, logPath, 5};
@@ -70,6 +72,9 @@ class BatchArguments : public testing::Test {
   testsupport::TempDir dir_;
   std::string out_;
   BatchOptions accepted_;
+
+ private:
+  const std::filesystem::path before_ = std::filesystem::current_path();
 };
 
 TEST_F(BatchArguments, WithAPathToScanAndANewReportAreAccepted) {

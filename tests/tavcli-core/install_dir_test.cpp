@@ -9,7 +9,12 @@
 
 namespace {
 
-// The directory is resolved once a process: each of these runs in a process of its own.
+// The directory is resolved once a process: each of these runs in a process that is started for it. Its
+// folders are made there, too.
+class InstallDirectory : public testing::Test {
+ protected:
+  InstallDirectory() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
 
 std::string resolvedIn(const std::string& directory) {
   if (chdir(directory.c_str()) != 0) {
@@ -18,39 +23,45 @@ std::string resolvedIn(const std::string& directory) {
   return tavcli::installDirectory();
 }
 
-TEST(InstallDirectory, IsTheFolderAboveTheCurrentOneWithASeparator) {
-  testsupport::TempDir dir;
+bool isTheFolderAboveTheCurrentOne() {
+  const testsupport::TempDir dir;
   dir.write("bin/file", "");
-  EXPECT_EXIT(_exit(resolvedIn(dir.at("bin")) == dir.path() + "/" ? 0 : 1), testing::ExitedWithCode(0), "");
+  return resolvedIn(dir.at("bin")) == dir.path() + "/";
 }
 
-TEST(InstallDirectory, IsResolvedOnceAndKept) {
-  testsupport::TempDir dir;
+TEST_F(InstallDirectory, IsTheFolderAboveTheCurrentOneWithASeparator) {
+  EXPECT_EXIT(_exit(isTheFolderAboveTheCurrentOne() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+bool isKept() {
+  const testsupport::TempDir dir;
   dir.write("one/bin/file", "");
   dir.write("two/bin/file", "");
-  EXPECT_EXIT(
-      {
-        const std::string first = resolvedIn(dir.at("one/bin"));
-        _exit(first == dir.at("one/") && resolvedIn(dir.at("two/bin")) == first ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
+  const std::string first = resolvedIn(dir.at("one/bin"));
+  return first == dir.at("one/") && resolvedIn(dir.at("two/bin")) == first;
 }
 
-TEST(InstallDirectory, StaysTheDefaultWhenTheCurrentFolderCannotBeEntered) {
-  testsupport::TempDir dir;
-  dir.write("gone/bin/file", "");
-  EXPECT_EXIT(
-      {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-        if (chdir(dir.at("gone/bin").c_str()) != 0 || unlink("file") != 0 ||
-            rmdir(dir.at("gone/bin").c_str()) != 0) {
-          _exit(2);
-        }
-        const std::string directory = tavcli::installDirectory();
-        fflush(stdout);
-        _exit(directory == "/opt/apps/Korvix/" ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "^failed chdir to , No such file or directory$");
+TEST_F(InstallDirectory, IsResolvedOnceAndKept) {
+  EXPECT_EXIT(_exit(isKept() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+bool isTheDefaultInAFolderThatIsGone() {
+  {
+    const testsupport::TempDir dir;
+    if (chdir(dir.path().c_str()) != 0) {
+      return false;
+    }
+  }
+  fflush(stdout);
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  const std::string directory = tavcli::installDirectory();
+  fflush(stdout);
+  return directory == "/opt/apps/Korvix/";
+}
+
+TEST_F(InstallDirectory, StaysTheDefaultWhenTheCurrentFolderCannotBeEntered) {
+  EXPECT_EXIT(_exit(isTheDefaultInAFolderThatIsGone() ? 0 : 1), testing::ExitedWithCode(0),
+              "^failed chdir to , No such file or directory$");
 }
 
 TEST(ContainerConfiguration, IsFilledAsItsTableSays) {

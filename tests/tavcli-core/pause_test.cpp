@@ -55,7 +55,29 @@ TEST(Pause, AnnouncementsCountOnce) {
   EXPECT_FALSE(tavcli::takeFinalState());
 }
 
-class PauseSignal : public testing::TestWithParam<int> {};
+/// The signal has its default effect, whatever the caller of the tests or a test before has made of it, and a
+/// test leaves neither an effect nor a signal behind.
+class PauseSignal : public testing::TestWithParam<int> {
+ protected:
+  PauseSignal() {
+    before_ = signal(GetParam(), SIG_IGN);  // drops one that is pending
+    pthread_sigmask(SIG_SETMASK, nullptr, &maskBefore_);
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, GetParam());
+    pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+    signal(GetParam(), SIG_DFL);
+  }
+  ~PauseSignal() override {
+    signal(GetParam(), SIG_IGN);
+    pthread_sigmask(SIG_SETMASK, &maskBefore_, nullptr);
+    signal(GetParam(), before_);
+  }
+
+ private:
+  sighandler_t before_ = SIG_DFL;
+  sigset_t maskBefore_{};
+};
 
 TEST_P(PauseSignal, EndsAWait) {
   SignalAwarePause pause;

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 
 #include "bin/BatchLoop.h"
@@ -312,31 +314,21 @@ TEST_F(Receivers, AtThePromptEntriesThatCouldNotBeScannedAddNothingToTheEnd) {
 
 // Over the bus.
 
-class ReceiversOnTheBus : public testing::Test {
- protected:
-  ReceiversOnTheBus() {
-    ScanRunState::instance().reset();
-    g_lastBusState = tavcli::kBusStateNone;
-    createScanReceivers();
-  }
-  ~ReceiversOnTheBus() override { ScanRunState::instance().reset(); }
+Json::Value status(int state) {
+  Json::Value params = parsed(R"({"ctx":{},"detail":"","params":{},"source":1,"token_id":"t","type":0})");
+  params["state"] = state;
+  return params;
+}
 
-  static Json::Value status(int state) {
-    Json::Value params = parsed(R"({"ctx":{},"detail":"","params":{},"source":1,"token_id":"t","type":0})");
-    params["state"] = state;
-    return params;
-  }
-
-  testsupport::TempDir dir_;
-  testsupport::ScriptedAgent agent_{dir_.path()};
-  testsupport::ConsoleLink link_{dir_.path()};
-};
-
-TEST_F(ReceiversOnTheBus, TakeAWholeUnattendedRun) {
-  // One test for all: the receivers are made once a process.
+/// The exit code; the report and then standard output, in angle brackets, go to standard error.
+int wholeUnattendedRun() {
+  const testsupport::TempDir dir;
+  testsupport::ScriptedAgent agent{dir.path()};
+  const testsupport::ConsoleLink link{dir.path()};
+  createScanReceivers();
   ScanRunState& state = ScanRunState::instance();
   state.set_batch_mode();
-  state.set_log_path(dir_.at("report"));
+  state.set_log_path(dir.at("report"));
   state.set_scan_path("/data");
   Json::Value repair = parsed(R"({"business_type":0,"fix_method":2,"risk_info_type":5,"token_id":"t"})");
   repair["risk_info"] = kRisk;
@@ -347,20 +339,25 @@ TEST_F(ReceiversOnTheBus, TakeAWholeUnattendedRun) {
   tavcli::SignalAwarePause pause;
   const tavcli::BatchHost host{[&](const char*) {
                                  for (int i = 0; i < 200; ++i) {
-                                   ASSERT_EQ(agent_.notify("reportRiskFixInfo", repair), lunet::kOk);
+                                   agent.notify("reportRiskFixInfo", repair);
                                  }
-                                 ASSERT_EQ(agent_.notify("reportScanBusOverView", overview), lunet::kOk);
-                                 ASSERT_EQ(agent_.notify("reportBusStatus", status(2)), lunet::kOk);
+                                 agent.notify("reportScanBusOverView", overview);
+                                 agent.notify("reportBusStatus", status(2));
                                },
                                [](const std::string&) {}, [] { return 200; }};
   testing::internal::CaptureStdout();
-  const tavcli::BatchEnd end = tavcli::runBatch({"/data", dir_.at("report"), 100}, host, pause);
-  const std::string report = testsupport::readFile(dir_.at("report"));
+  const tavcli::BatchEnd end = tavcli::runBatch({"/data", dir.at("report"), 100}, host, pause);
+  const std::string report = testsupport::readFile(dir.at("report"));
   jsonrpchelper::stopJsonRpc();
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(end.exitCode, 1);
-  EXPECT_THAT(report, HasSubstr("染毒文件数量：200\n")) << "in place before the loop is woken";
-  EXPECT_EQ(out, "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010001\n");
+  std::fprintf(stderr, "<%s><%s>", report.c_str(), testing::internal::GetCapturedStdout().c_str());
+  return end.exitCode;
+}
+
+TEST(ReceiversOnTheBus, TakeAWholeUnattendedRunWithTheReportInPlaceBeforeTheLoopIsWoken) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the receivers are made once a process: in one of its own
+  EXPECT_EXIT(_exit(wholeUnattendedRun()), testing::ExitedWithCode(1),
+              testing::AllOf(HasSubstr("染毒文件数量：200\n"),
+                             HasSubstr("<\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010001\n>")));
 }
 
 TEST(ScanReceivers, WithoutAServerAreNotMade) {
