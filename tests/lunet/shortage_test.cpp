@@ -58,10 +58,6 @@ TEST(PeerWithoutDescriptors, IsNotNamedWithoutItsStartTime) {
   EXPECT_NE(peer->identity.startTicks, 0u);
 }
 
-TEST(StartTicks, OfAProcessThatIsGoneAreZero) {
-  EXPECT_EQ(lunet::startTicksOf(0x7FFFFFFF), std::uint64_t{0});
-}
-
 class ShortageTest : public BusTest {
  protected:
   void SetUp() override {

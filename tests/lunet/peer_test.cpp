@@ -1,0 +1,58 @@
+#include "Peer.h"
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <string>
+
+#include "support/Process.h"
+
+using lunet::startTicksOf;
+
+namespace {
+
+/// Since boot, in the unit of a process's start time.
+std::uint64_t ticksNow() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  const auto perSecond = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
+  return static_cast<std::uint64_t>(now.tv_sec) * perSecond +
+         static_cast<std::uint64_t>(now.tv_nsec) * perSecond / 1000000000;
+}
+
+}  // namespace
+
+TEST(StartTicks, AreTheMomentAtWhichTheProcessBegan) {
+  const std::uint64_t before = ticksNow();
+  const testsupport::Process process({"cat"});
+  const std::uint64_t after = ticksNow();
+  const std::uint64_t ticks = startTicksOf(process.pid()).value_or(0);
+  EXPECT_GE(ticks, before);
+  EXPECT_LE(ticks, after);
+}
+
+TEST(StartTicks, OfAProcessThatIsGoneAreZero) {
+  EXPECT_EQ(startTicksOf(0x7FFFFFFF), std::uint64_t{0});
+}
+
+/// The name stands in brackets before the start time, and its process chooses it.
+class StartTicksOfAName : public testing::TestWithParam<const char*> {
+ protected:
+  StartTicksOfAName() { prctl(PR_GET_NAME, before_); }
+  ~StartTicksOfAName() override { prctl(PR_SET_NAME, before_); }
+
+ private:
+  char before_[16] = {};
+};
+
+TEST_P(StartTicksOfAName, AreThoseBeforeItWasTaken) {
+  const std::optional<std::uint64_t> ticks = startTicksOf(getpid());
+  ASSERT_NE(ticks.value_or(0), 0u);
+  ASSERT_EQ(prctl(PR_SET_NAME, GetParam()), 0);
+  EXPECT_EQ(startTicksOf(getpid()), ticks);
+}
+
+INSTANTIATE_TEST_SUITE_P(, StartTicksOfAName,
+                         testing::Values("two words", "a) S 1 2 3 4", ")", ") ) ) )", "((x", ""));
