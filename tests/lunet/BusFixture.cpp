@@ -182,6 +182,10 @@ void RawConnection::send(const void* data, std::size_t length) const {
   (void)::send(fd_, data, length, MSG_NOSIGNAL);
 }
 
+bool RawConnection::sendNow(const void* data, std::size_t length) const {
+  return ::send(fd_, data, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
+}
+
 std::uint32_t RawConnection::greet(const lunet::Guid& self, const lunet::Guid& target) const {
   lunet::FrameHeader header;
   header.kind = lunet::FrameKind::kHello;

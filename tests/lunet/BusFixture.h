@@ -131,6 +131,8 @@ class RawConnection {
   void send(const T& object) const {
     send(&object, sizeof object);
   }
+  /// False when the socket does not take the whole at once.
+  bool sendNow(const void* data, std::size_t length) const;
   /// The usual greeting; the verdict.
   std::uint32_t greet(const lunet::Guid& self, const lunet::Guid& target) const;
   /// Reads exactly that many bytes; shorter when the other side ends the connection.

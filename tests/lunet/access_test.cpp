@@ -99,6 +99,24 @@ TEST_F(GroupTest, AMemberBySupplementaryMembershipOnlyMayJoin) {
   EXPECT_EQ(server.messages()[0].process.gid, kMember);
 }
 
+TEST_F(GroupTest, AMemberByPrimaryMembershipOnlyMayJoin) {
+  Endpoint server(client, address, echo);
+  Process::Options user = as(kMember, false);
+  user.gid = groupNumber();
+  Process process(words("call", address, "x"), user);
+  EXPECT_EQ(process.wait(), 0) << process.err();
+}
+
+TEST_F(GroupTest, AMemberOfManyGroupsMayJoin) {
+  Endpoint server(client, address, echo);
+  Process::Options user = as(kMember, true);
+  for (gid_t other = 30000; other < 30200; ++other) {
+    user.groups.push_back(other);
+  }
+  Process process(words("call", address, "x"), user);
+  EXPECT_EQ(process.wait(), 0) << process.err();
+}
+
 TEST_F(GroupTest, AUserWhoIsNotInTheGroupDoesNotGetNear) {
   Endpoint server(client, address, echo);
   Process process(words("call", address, "let me in"), as(kStranger, false));
@@ -247,6 +265,27 @@ TEST_F(GroupTest, AMemberIsHeardButNotTrusted) {
   ASSERT_TRUE(agent.waitForCount(1));
   EXPECT_EQ(agent.messages()[0].process.uid, kMember);
   EXPECT_FALSE(agent.messages()[0].process.trusted);
+}
+
+TEST_F(SquatterTest, WhoListensThereIsToldWithHisTrust) {
+  Endpoint own(client, address);
+  const auto squatting = lunet::listenerAt(socketFolder(), agent);
+  ASSERT_TRUE(squatting);
+  EXPECT_EQ(squatting->pid, squatter->process.pid());
+  EXPECT_EQ(squatting->uid, kMember);
+  EXPECT_FALSE(squatting->trusted);
+  const auto mine = lunet::listenerAt(socketFolder(), address);
+  ASSERT_TRUE(mine);
+  EXPECT_EQ(mine->pid, getpid());
+  EXPECT_TRUE(mine->trusted);
+}
+
+TEST_F(GroupTest, ASocketThatTheSystemKeepsOneFromIsAnAccessDenied) {
+  Endpoint server(client, address, echo);
+  ASSERT_EQ(chmod(socketOf(address).c_str(), 0600), 0);
+  Process call(words("call", address, "x"), as(kMember, true));
+  EXPECT_EQ(call.wait(), 1);
+  EXPECT_NE(call.err().find("access is denied"), std::string::npos) << call.err();
 }
 
 TEST_F(GroupTest, SendToProcessDoesNotReachOneWhoMayNotJoin) {
@@ -404,4 +443,14 @@ TEST_F(PrivateTest, AUserOtherThanRootHasHisOwnBusInHisOwnTree) {
   Process sender(send, as(kMember, false));
   EXPECT_EQ(sender.wait(), 0) << sender.err();
   EXPECT_TRUE(player.gotMessage("hello"));
+  const auto listener = lunet::listenerAt(mine + "/run/lunet", lunet::parseGuid(guid.c_str()));
+  ASSERT_TRUE(listener);
+  EXPECT_TRUE(listener->trusted) << "the folder is his";
+  player.process.kill(SIGKILL);
+  player.process.wait();
+  const std::string left = mine + "/run/lunet/" + guid + ".sock";
+  EXPECT_TRUE(fs::exists(left));
+  Process next(send, as(kMember, false));  // opens an address of its own
+  EXPECT_EQ(next.wait(), 1);
+  EXPECT_FALSE(fs::exists(left)) << "the folder's owner clears what a crash left";
 }

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <future>
 #include <sstream>
 
 #include "BusFixture.h"
+#include "support/Mounts.h"
 #include "support/Wait.h"
 
 using namespace lunettest;
@@ -170,6 +173,48 @@ TEST_F(ClientTest, DisconnectClosesAndUninitDestroysTheEndpoints) {
   endpoint.destroy();
   client->Uninit();
   EXPECT_EQ(client->CreateEndpoint(), nullptr);
+}
+
+TEST_F(ClientTest, AnEndpointThatIsNotTheClientsIsNotDestroyedByIt) {
+  Client other(config());
+  Client client(config());
+  Endpoint endpoint(other, agent);
+  client->DestroyEndpoint(endpoint.get());
+  client->DestroyEndpoint(nullptr);
+  EXPECT_EQ(client->Connect(10), lunet::kOk);
+}
+
+TEST_F(ClientTest, AnInitThatFailsLeavesTheLogClosed) {
+  const std::string log = tree.at("log/ipc.log");
+  Client client("{\"log_path\":\"" + log + "\"}");
+  EXPECT_EQ(client.initResult(), lunet::kErrArgument);
+  EXPECT_NE(testsupport::readFile(log), "");
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    EXPECT_NE(std::filesystem::read_symlink(entry.path(), gone), log);
+  }
+}
+
+/// A group whose entry is longer than what is first made room for. In a process with an /etc/group of its
+/// own.
+TEST_F(ClientTest, AGroupOfManyMembersIsFound) {
+  if (const std::string why = testsupport::whyNoOwnMounts(); !why.empty()) {
+    GTEST_SKIP() << "needs mounts of its own: " << why;
+  }
+  std::string members = "member0";
+  for (int i = 1; i < 5000; ++i) {
+    members += ",member" + std::to_string(i);
+  }
+  const std::string groups =
+      tree.write("group", "root:x:0:\nmany:x:" + std::to_string(getegid()) + ":" + members + "\n");
+  const auto initResult = [&] {
+    if (!testsupport::enterOwnMounts().empty() ||
+        mount(groups.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+      return 2;
+    }
+    return Client(config("\"group\":\"many\"")).initResult() == lunet::kOk ? 0 : 1;
+  };
+  EXPECT_EXIT(_exit(initResult()), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ClientTest, TheReservedSlotIsThere) {

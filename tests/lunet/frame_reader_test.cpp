@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstring>
@@ -93,6 +94,7 @@ TEST(FrameReaderTest, AnAnnouncedLengthTakesNoMemoryBeforeItsBytesArrive) {
 }
 
 TEST(FrameReaderTest, ATakenBodyIsTheCallersAndEndsInANul) {
+  mallopt(M_PERTURB, 0x5A);  // new memory holds no zeroes by chance
   for (const std::size_t size : {std::size_t{0}, std::size_t{5}, std::size_t{100000}}) {
     FrameReader reader;
     const std::string bytes = frame(std::string(size, 'b')) + frame("next");
@@ -116,6 +118,16 @@ TEST(FrameReaderTest, ATakenBodyIsTheCallersAndEndsInANul) {
       EXPECT_EQ(feed(reader, rest, 1000), std::vector<std::string>{"next"});
     }
   }
+  mallopt(M_PERTURB, 0);
+}
+
+TEST(FrameReaderTest, ABodyAtTheLimitForItsSenderIsReadAndALongerOneEndsTheConnection) {
+  FrameReader reader(5);
+  EXPECT_EQ(feed(reader, frame("limit"), 1000), std::vector<std::string>{"limit"});
+  FrameHeader header;
+  header.length = 6;
+  EXPECT_EQ(feedHeader(reader, header), FrameReader::Next::kBad);
+  EXPECT_STREQ(reader.whyBadFrame(), "announced length over the limit for its sender");
 }
 
 struct BadHeaderRow {

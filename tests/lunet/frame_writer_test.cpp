@@ -74,6 +74,18 @@ TEST_F(FrameWriterTest, WhatItDoesNotTakeWaitsAndComesWholeAndInOrder) {
   EXPECT_EQ(received, (3u << 20) + 10 + 2 * sizeof(FrameHeader));
 }
 
+TEST_F(FrameWriterTest, ASocketWithoutRoomIsNoEnd) {
+  const std::string block(1 << 20, 'f');
+  while (send(ours.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
+  }
+  while (send(ours.get(), block.data(), 1, MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ(write(10), FrameWriter::Result::kTaken);
+  EXPECT_TRUE(wanted);
+  EXPECT_TRUE(writer.flush());
+  EXPECT_EQ(writer.queuedBytes(), 10 + sizeof(FrameHeader));
+}
+
 TEST_F(FrameWriterTest, AFullQueueTakesNoMoreAndKeepsWhatItHas) {
   while (writer.queuedBytes() < lunet::kQueueFullBytes) {
     ASSERT_EQ(write(1 << 20), FrameWriter::Result::kTaken);
@@ -94,8 +106,10 @@ TEST_F(FrameWriterTest, AConnectionThatEndsWithBytesQueuedFailsTheFlush) {
   EXPECT_FALSE(writer.flush());
 }
 
-TEST_F(FrameWriterTest, AClosedWriterTakesNothing) {
+TEST_F(FrameWriterTest, AClosedWriterTakesNothingAndHasNothing) {
+  write(3 << 20);
   writer.close();
+  EXPECT_EQ(writer.queuedBytes(), 0u);
   EXPECT_EQ(write(10), FrameWriter::Result::kGone);
   EXPECT_FALSE(writer.flush());
 }

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -51,11 +52,14 @@ TEST_F(LogTest, ARecordIsALineWithTimeLevelProcessAndText) {
                                     "something happened\n"));
 }
 
-TEST_F(LogTest, BothFoldersAreMade) {
+TEST_F(LogTest, BothFoldersAreMadeForItsUserOnly) {
   log.open(settings);
   log.write(Log::kError, "x");
-  EXPECT_TRUE(fs::is_directory(dir.at("logs/tavcli")));
-  EXPECT_TRUE(fs::is_directory(dir.at("logs/tavcli/backup")));
+  for (const char* folder : {"logs/tavcli", "logs/tavcli/backup"}) {
+    struct stat st {};
+    ASSERT_EQ(stat(dir.at(folder).c_str(), &st), 0) << folder;
+    EXPECT_EQ(st.st_mode & 07777u, 0700u) << folder;
+  }
 }
 
 class LogLevelTest : public LogTest, public testing::WithParamInterface<int> {};
@@ -112,6 +116,53 @@ TEST_F(LogTest, TwoProcessesOnOneFileRotateItOnce) {
   EXPECT_FALSE(fs::exists(settings.backupPath + "/tavcli.ipc.log.2"));
 }
 
+TEST_F(LogTest, TwoProcessesOnOneFileOverwriteNothing) {
+  Log second;
+  log.open(settings);
+  second.open(settings);
+  log.write(Log::kError, "one");
+  second.write(Log::kError, "two");
+  log.write(Log::kError, "three");
+  EXPECT_THAT(file(), testing::ContainsRegex("one\n.* two\n.* three\n$"));
+}
+
+TEST_F(LogTest, AFullFileWithoutAFolderOfOldOnesIsEmptied) {
+  settings.backupPath = "";
+  log.open(settings);
+  log.write(Log::kError, "the first record");
+  const std::string text(100000, 'r');
+  for (int i = 0; i < 15; ++i) {
+    log.write(Log::kError, text);
+  }
+  EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
+  EXPECT_EQ(file().find("the first record"), std::string::npos);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.at("logs/tavcli")), {}), 1);
+}
+
+TEST_F(LogTest, AFullFileThatCannotBeMovedIsEmptied) {
+  for (int number = 1; number <= Log::kBackups; ++number) {
+    dir.write("logs/tavcli/backup/tavcli.ipc.log." + std::to_string(number) + "/file", "");
+  }
+  log.open(settings);
+  const std::string text(100000, 'r');
+  for (int i = 0; i < 15; ++i) {
+    log.write(Log::kError, text);
+  }
+  EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
+}
+
+TEST_F(LogTest, AFifoIsNeitherWaitedForNorWritten) {
+  fs::create_directories(dir.at("logs/tavcli"));
+  ASSERT_EQ(mkfifo(dir.at("logs/tavcli/tavcli.ipc.log").c_str(), 0600), 0);
+  log.open(settings);
+  log.write(Log::kError, "nobody reads");
+  const platform::Descriptor reader(
+      open(dir.at("logs/tavcli/tavcli.ipc.log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  log.write(Log::kError, "somebody reads");
+  char byte = 0;
+  EXPECT_EQ(read(reader.get(), &byte, 1), 0);
+}
+
 TEST_F(LogTest, ControlCharactersAreMadeVisible) {
   log.setCallback(note);
   log.open(settings);
@@ -144,6 +195,7 @@ TEST_F(LogTest, AFolderThatOthersMayWriteCostsTheFileOnly) {
   log.open(settings);
   log.write(Log::kError, "x");
   EXPECT_FALSE(fs::exists(settings.path));
+  EXPECT_FALSE(fs::exists("/tavcli.ipc.log"));
   EXPECT_EQ(records.size(), 1u);
 }
 

@@ -27,6 +27,37 @@ TEST(LoaderTest, TheLibraryIsLoadedAndGivesAClient) {
   EXPECT_EQ(library.client(), nullptr);
 }
 
+TEST(LoaderTest, EachStepIsTakenOnceAndInOrder) {
+  lunet::ClientLibrary library;
+  EXPECT_EQ(library.createClient(), "the bus library is not loaded");
+  ASSERT_EQ(library.load(kLibrary), "");
+  EXPECT_EQ(library.load(kLibrary), "the bus library is loaded already");
+  ASSERT_EQ(library.createClient(), "");
+  EXPECT_EQ(library.createClient(), "the bus client exists already");
+}
+
+TEST(LoaderTest, ANameWithoutAFolderIsTheFileInTheCurrentFolder) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(TAV_LIB_DIR);
+  lunet::ClientLibrary library;
+  EXPECT_EQ(library.load("libLunetClientMgr.so"), "");
+  std::filesystem::current_path(before);
+}
+
+TEST(LoaderTest, UnloadingEndsTheClientAndGivesItsAddressesUp) {
+  testsupport::TempDir tree;
+  const std::string socket = tree.at(std::string("run/lunet/") + lunet::kAgentGuid + ".sock");
+  lunet::ClientLibrary library;
+  ASSERT_EQ(library.load(kLibrary), "");
+  ASSERT_EQ(library.createClient(), "");
+  ASSERT_EQ(library.client()->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"),
+            lunet::kOk);
+  ASSERT_EQ(library.client()->CreateEndpoint()->Open(lunet::parseGuid(lunet::kAgentGuid)), lunet::kOk);
+  EXPECT_TRUE(std::filesystem::exists(socket));
+  EXPECT_EQ(library.unload(), "");
+  EXPECT_FALSE(std::filesystem::exists(socket));
+}
+
 TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
   lunet::ClientLibrary library;
   const std::string why = library.load("/nowhere/libLunetClientMgr.so");
@@ -106,6 +137,23 @@ TEST(LoaderTest, AnotherInterfaceGetsNoClient) {
   const auto create = reinterpret_cast<lunet::CreateInstanceFn>(dlsym(handle, "CreateInstance"));
   EXPECT_EQ(create(lunet::kAgentGuid), nullptr);
   EXPECT_EQ(create(nullptr), nullptr);
+  dlclose(handle);
+}
+
+TEST(LoaderTest, AClientIsNotDestroyedAsAnotherInterface) {
+  testsupport::TempDir tree;
+  void* handle = dlopen(kLibrary, RTLD_LAZY);
+  ASSERT_NE(handle, nullptr);
+  const auto create = reinterpret_cast<lunet::CreateInstanceFn>(dlsym(handle, "CreateInstance"));
+  const auto destroy = reinterpret_cast<lunet::DestoryInstanceFn>(dlsym(handle, "DestoryInstance"));
+  lunet::IClient* const client = create(lunet::kInterfaceGuid);
+  ASSERT_EQ(client->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"), lunet::kOk);
+  lunet::IEndpoint* const endpoint = client->CreateEndpoint();
+  ASSERT_EQ(endpoint->Open(lunet::parseGuid(lunet::kAgentGuid)), lunet::kOk);
+  destroy(lunet::kAgentGuid, client);
+  destroy(nullptr, client);
+  EXPECT_EQ(client->Connect(10), lunet::kOk);
+  destroy(lunet::kInterfaceGuid, client);
   dlclose(handle);
 }
 

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <signal.h>
 
 #include <filesystem>
 #include <future>
 
 #include "BusFixture.h"
+#include "Frame.h"
 #include "support/Wait.h"
 
 using namespace lunettest;
@@ -92,6 +94,63 @@ TEST_F(LossTest, AfterThePeersRestartTheNextOnewayMessageArrives) {
     EXPECT_EQ(sender.send(address, "x"), lunet::kOk);
     EXPECT_TRUE(server.waitForCount(1));
   }
+}
+
+/// The thread that would notice a peer's end is kept in the log callback by a caller that makes no sense.
+class UnnoticedLossTest : public LossTest {
+ protected:
+  UnnoticedLossTest() {
+    noticing.emplace();
+    logged->SetLogCallback([](int, const char* text) {
+      if (std::string_view(text).find("no greeting") != std::string_view::npos) {
+        kept = true;
+        noticing->wait();
+        kept = false;
+      }
+    });
+  }
+  ~UnnoticedLossTest() override {
+    noticing->open();
+    sender.destroy();
+    waitFor([] { return !kept; });
+  }
+  /// The sender has a connection to the address, whose end it does not notice.
+  void lose() {
+    auto first = std::make_unique<Endpoint>(client, address, echo);
+    ASSERT_EQ(sender.call(address, "x").data, "x");
+    lunet::FrameHeader header;
+    header.length = sizeof(lunet::HelloBody);
+    strange = std::make_unique<RawConnection>(socketOf(sender.guid()));
+    strange->send(header);
+    strange->send(lunet::HelloBody{});
+    ASSERT_TRUE(waitFor([] { return kept.load(); }));
+    first.reset();
+  }
+
+  static inline std::optional<Gate> noticing;
+  static inline std::atomic<bool> kept{false};
+  Client logged{config("\"log_level\":0")};
+  Endpoint sender{logged, newGuid()};
+  std::unique_ptr<RawConnection> strange;
+};
+
+TEST_F(UnnoticedLossTest, TheNextCallGoesToWhoIsThereNow) {
+  ASSERT_NO_FATAL_FAILURE(lose());
+  Endpoint second(client, address, echo);
+  EXPECT_EQ(sender.call(address, "y").data, "y");
+}
+
+TEST_F(UnnoticedLossTest, TheNextOnewayMessageGoesToWhoIsThereNow) {
+  ASSERT_NO_FATAL_FAILURE(lose());
+  Endpoint second(client, address);
+  EXPECT_EQ(sender.send(address, "y"), lunet::kOk);
+  EXPECT_TRUE(second.waitForCount(1));
+}
+
+TEST_F(UnnoticedLossTest, WithNobodyThereNowTheSenderIsToldSo) {
+  ASSERT_NO_FATAL_FAILURE(lose());
+  EXPECT_EQ(sender.send(address, "y"), lunet::kErrNoTarget);
+  EXPECT_EQ(sender.call(address, "y").error, lunet::kErrNoTarget);
 }
 
 TEST_F(LossTest, AnAnswerThatArrivedBeforeThePeerEndedIsStillTaken) {
@@ -238,6 +297,22 @@ TEST_F(LossTest, AReplyToACallerWhoIsGoneSaysSo) {
   EXPECT_TRUE(waitFor([&] { return replied == lunet::kErrPeerLost; }));
 }
 
+TEST_F(LossTest, AConnectionThatIsIdleStaysWhenOthersAreMade) {
+  static std::atomic<int> made{0};
+  made = 0;
+  Client logged(config("\"log_level\":2"));
+  logged->SetLogCallback(
+      [](int, const char* text) { made += std::string_view(text).starts_with("connected to ") ? 1 : 0; });
+  Endpoint hub(logged, newGuid());
+  Endpoint one(client, newGuid());
+  Endpoint other(client, newGuid());
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(hub.send(one.guid(), "x"), lunet::kOk);
+    ASSERT_EQ(hub.send(other.guid(), "x"), lunet::kOk);
+  }
+  EXPECT_EQ(made, 2);
+}
+
 TEST_F(LossTest, ConnectionsThatHaveEndedDoNotAddUp) {
   const auto descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -249,6 +324,7 @@ TEST_F(LossTest, ConnectionsThatHaveEndedDoNotAddUp) {
     first.send(hub.guid(), "x");
   }
   const auto before = descriptors();
+  const std::size_t memory = mallinfo2().uordblks;
   for (int i = 0; i < 50; ++i) {
     Endpoint guest(client, newGuid());
     ASSERT_EQ(hub.send(guest.guid(), "x"), lunet::kOk);
@@ -256,4 +332,9 @@ TEST_F(LossTest, ConnectionsThatHaveEndedDoNotAddUp) {
   }
   ASSERT_TRUE(hub.waitForCount(51));
   EXPECT_TRUE(waitFor([&] { return descriptors() <= before + 2; })) << before << " then " << descriptors();
+#ifndef TAV_SANITIZED
+  // Each had a block of 64 KiB at both ends.
+  EXPECT_TRUE(waitFor([&] { return mallinfo2().uordblks < memory + (2 << 20); }))
+      << memory << " then " << mallinfo2().uordblks;
+#endif
 }

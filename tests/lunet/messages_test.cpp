@@ -246,6 +246,20 @@ TEST_F(MessagesTest, GetPeerIdentityGivesTheSendersProcessInsideACallbackOnly) {
   EXPECT_EQ(server->GetPeerIdentity(nullptr), lunet::kErrArgument);
 }
 
+TEST_F(MessagesTest, WhileACallbackRunsItsSenderIsNotToldToOtherThreads) {
+  Gate gate;
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint caller(client, newGuid());
+  ASSERT_EQ(caller.send(server.guid(), "x"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  lunet::Guid peer = caller.guid();
+  server->GetPeer(&peer);
+  EXPECT_EQ(peer, lunet::Guid{});
+  lunet::PeerIdentity process;
+  EXPECT_EQ(server->GetPeerIdentity(&process), lunet::kErrNotOpen);
+  gate.open();
+}
+
 TEST_F(MessagesTest, AReceiveCallbackMaySend) {
   Endpoint sink(client, newGuid());
   Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
@@ -317,6 +331,23 @@ TEST_F(MessagesTest, ALateLargeAnswerWithNobodyCallingIsTakenOffTheLine) {
   EXPECT_TRUE(caller.call(server.guid(), "x").data == large);
 }
 
+TEST_F(MessagesTest, ALateAnswerIsTakenOffTheLineWhileNobodyCalls) {
+  static std::atomic<bool> dropped{false};
+  Gate gate;
+  Client logged(config("\"log_level\":2"));
+  logged->SetLogCallback([](int, const char* text) {
+    dropped = dropped || std::string_view(text).find("came too late") != std::string_view::npos;
+  });
+  Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
+    gate.wait();
+    echo(self, message);
+  });
+  Endpoint caller(logged, newGuid());
+  EXPECT_EQ(caller.call(server.guid(), "slow", 30).error, lunet::kErrTimeout);
+  gate.open();
+  EXPECT_TRUE(waitFor([] { return dropped.load(); }));
+}
+
 TEST_F(MessagesTest, ACallThatNobodyAnswersEndsWithItsTimeout) {
   Endpoint server(client, newGuid());
   Endpoint caller(client, newGuid());
@@ -354,4 +385,26 @@ TEST_F(MessagesTest, NullPointersAreRefused) {
   EXPECT_EQ(caller->Reply(0, 1, "x", 1, nullptr), lunet::kErrArgument);
   EXPECT_EQ(caller->Open(lunet::Guid{}), lunet::kErrArgument);
   caller->FreeBuffer(nullptr);
+  caller->Close();
+  EXPECT_EQ(caller->Reply(0, 1, "x", 1, nullptr), lunet::kErrArgument);
+}
+
+TEST_F(MessagesTest, AReplyWithABadArgumentIsRefusedAndTheRequestCanStillBeAnswered) {
+  Endpoint server(client, newGuid(), [](Endpoint& self, const Message& message) {
+    EXPECT_EQ(self->Reply(1, message.id, "x", 1, message.replyContext), lunet::kErrArgument);
+    EXPECT_EQ(self->Reply(0, message.id, nullptr, 1, message.replyContext), lunet::kErrArgument);
+    echo(self, message);
+  });
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+}
+
+TEST_F(MessagesTest, ACallThatFailsLeavesNoReply) {
+  Endpoint caller(client, newGuid());
+  char stale = 0;
+  char* reply = &stale;
+  std::uint32_t length = 5;
+  EXPECT_EQ(caller->SyncSend(newGuid(), 1, "x", 1, nullptr, &reply, &length, 10), lunet::kErrNoTarget);
+  EXPECT_EQ(reply, nullptr);
+  EXPECT_EQ(length, 0u);
 }

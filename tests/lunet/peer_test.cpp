@@ -9,6 +9,9 @@
 
 #include "support/Process.h"
 
+using lunet::AccessRule;
+using lunet::Peer;
+using lunet::PeerIdentity;
 using lunet::startTicksOf;
 
 namespace {
@@ -56,3 +59,43 @@ TEST_P(StartTicksOfAName, AreThoseBeforeItWasTaken) {
 
 INSTANTIATE_TEST_SUITE_P(, StartTicksOfAName,
                          testing::Values("two words", "a) S 1 2 3 4", ")", ") ) ) )", "((x", ""));
+
+TEST(PeerIdentityTest, IsTheSameProcessWhenNumberUserAndStartAreThoseOnly) {
+  const PeerIdentity one{1, 2, 3, 4, false};
+  EXPECT_EQ(one, (PeerIdentity{1, 2, 9, 4, true}));
+  EXPECT_FALSE((one == PeerIdentity{9, 2, 3, 4, false}));
+  EXPECT_FALSE((one == PeerIdentity{1, 9, 3, 4, false}));
+  EXPECT_FALSE((one == PeerIdentity{1, 2, 3, 9, false}));
+}
+
+/// Who may join, of a bus of user 1000.
+class AccessRuleTest : public testing::Test {
+ protected:
+  static Peer user(uid_t uid, gid_t gid = 5000, std::vector<gid_t> groups = {}) {
+    return {{1, uid, gid, 1, false}, std::move(groups)};
+  }
+  const AccessRule closed{1000, std::nullopt};
+  const AccessRule shared{1000, 100};
+};
+
+TEST_F(AccessRuleTest, RootAndTheSameUserAreAdmittedAlways) {
+  for (const AccessRule& rule : {closed, shared}) {
+    EXPECT_TRUE(rule.admits(user(0)));
+    EXPECT_TRUE(rule.admits(user(1000)));
+    EXPECT_FALSE(rule.admits(user(1001)));
+  }
+}
+
+TEST_F(AccessRuleTest, AMemberIsAdmittedByEitherKindOfMembership) {
+  EXPECT_TRUE(shared.admits(user(1001, 100)));
+  EXPECT_TRUE(shared.admits(user(1001, 5000, {7, 100, 8})));
+  EXPECT_FALSE(shared.admits(user(1001, 5000, {7, 8})));
+  EXPECT_FALSE(closed.admits(user(1001, 100, {100})));
+}
+
+TEST_F(AccessRuleTest, RootTheSameUserAndTheFoldersOwnerAreTrustedAndNobodyElse) {
+  EXPECT_TRUE(shared.trusts(0, 1002));
+  EXPECT_TRUE(shared.trusts(1000, 1002));
+  EXPECT_TRUE(shared.trusts(1002, 1002));
+  EXPECT_FALSE(shared.trusts(1001, 1002));
+}

@@ -121,10 +121,14 @@ TEST_F(ReceiversTest, AReceiverThatThrowsHarmsNobody) {
     if (message.data == "throw") {
       throw std::runtime_error("thrown by a test");
     }
+    if (message.data == "throw a number") {
+      throw 5;
+    }
     echo(self, message);
   });
   Endpoint caller(client, newGuid());
   caller.send(server.guid(), "throw");
+  caller.send(server.guid(), "throw a number");
   EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
 }
 

@@ -82,6 +82,15 @@ TEST_F(ShortageTest, ACallerWhoCannotBeToldApartIsTurnedAwayAndTheNextIsServed) 
   EXPECT_EQ(late.greet(own.guid(), server.guid()), lunet::kOk);
 }
 
+TEST_F(ShortageTest, AListenerWhoCannotBeToldApartIsNotTalkedTo) {
+  Endpoint caller(client, newGuid());
+  {
+    const NoDescriptors none(1);  // for the caller's end
+    EXPECT_EQ(caller.call(server.guid(), "x").error, lunet::kErrSystem);
+  }
+  EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+}
+
 TEST_F(ShortageTest, ACallerWhoCannotBeAcceptedIsWhenDescriptorsAreThereAgain) {
   Endpoint own(client, newGuid());
   std::unique_ptr<RawConnection> caller;

@@ -62,9 +62,12 @@ class SocketFolderTest : public testing::Test {
   testsupport::TempDir dir;
 };
 
-TEST_F(SocketFolderTest, IsMadePrivateWithoutAGroup) {
+TEST_F(SocketFolderTest, IsMadePrivateWithoutAGroupWhateverTheUmask) {
   const SocketFolder folder{dir.at("run/lunet"), std::nullopt};
+  const mode_t before = umask(0);
   EXPECT_EQ(prepareFolder(folder).why, "");
+  umask(before);
+  EXPECT_EQ(statusOf(dir.at("run")).mode, 0755u);
   EXPECT_EQ(statusOf(folder.path).mode, 0700u);
   EXPECT_EQ(statusOf(folder.path).uid, geteuid());
 }
@@ -112,6 +115,47 @@ TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsLeftAsItIsAndRefused) {
     EXPECT_EQ(statusOf(dir.at("lunet")).mode, before.mode);
     EXPECT_EQ(statusOf(dir.at("lunet")).gid, before.gid);
   }
+}
+
+TEST_F(SocketFolderTest, OfAFileThatOnlyLooksLikeOneOfABusIsLeftAsItIs) {
+  for (const char* name : {"x.sock", "x.new", "x.mark", "notes.bad", ".bad", "README"}) {
+    testsupport::TempDir own;
+    own.write(std::string("lunet/") + name, "");
+    ASSERT_EQ(chmod(own.at("lunet").c_str(), 0755), 0);
+    EXPECT_EQ(prepareFolder({own.at("lunet"), std::nullopt}).error, lunet::kErrPath) << name;
+    EXPECT_EQ(statusOf(own.at("lunet")).mode, 0755u) << name;
+  }
+}
+
+TEST_F(SocketFolderTest, OfAnotherGroupThatHoldsOtherFilesIsRefused) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a folder to a group that is not its own";
+  }
+  dir.write("lunet/other", "");
+  ASSERT_EQ(chown(dir.at("lunet").c_str(), 0, kGroup + 1), 0);
+  ASSERT_EQ(chmod(dir.at("lunet").c_str(), 03770), 0);
+  const FolderCheck check = prepareFolder({dir.at("lunet"), kGroup});
+  EXPECT_EQ(check.error, lunet::kErrPath);
+  EXPECT_NE(check.why.find("has group 101"), std::string::npos) << check.why;
+  EXPECT_EQ(statusOf(dir.at("lunet")).gid, kGroup + 1);
+}
+
+TEST_F(SocketFolderTest, ThatCannotBeMadeIsRefused) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can become a second user";
+  }
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const auto refused = [this] {
+    const bool other = setresuid(12345, 12345, 12345) == 0;
+    return other && prepareFolder({dir.at("lunet"), std::nullopt}).error == lunet::kErrPath;
+  };
+  EXPECT_EXIT(_exit(refused() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+TEST(SocketAddressTest, HasRoomForTheSystemsLimitAndNotMore) {
+  ASSERT_TRUE(lunet::socketAddress(std::string(107, 'a')));
+  EXPECT_EQ(std::string(lunet::socketAddress(std::string(107, 'a'))->sun_path), std::string(107, 'a'));
+  EXPECT_FALSE(lunet::socketAddress(std::string(108, 'a')));
 }
 
 TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsUsedWhenItIsAsItMustBe) {
@@ -164,7 +208,9 @@ TEST_F(SocketFolderTest, BelowALinkOfItsUsersIsUsed) {
 
 TEST_F(SocketFolderTest, ThatIsALinkIsRefused) {
   std::filesystem::create_directory(dir.at("real"));
+  ASSERT_EQ(chmod(dir.at("real").c_str(), 0700), 0);  // as it must be
   std::filesystem::create_symlink(dir.at("real"), dir.at("lunet"));
+  EXPECT_EQ(checkFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
   EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
 }
 

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <future>
+
 #include "BusFixture.h"
 #include "Frame.h"
 #include "support/Wait.h"
@@ -36,6 +38,17 @@ TEST_F(StallTest, ASenderToAStalledReceiverSeesQueueFullAndLosesNothingThatWasTa
   gate.open();
   EXPECT_TRUE(server.waitForCount(static_cast<std::size_t>(taken)));
   EXPECT_TRUE(waitFor([&] { return sender.send(server.guid(), "again") == lunet::kOk; }));
+}
+
+TEST_F(StallTest, CloseGivesUpOnAReceiverThatTakesNothing) {
+  Gate gate;
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint sender(client, newGuid());
+  std::uint32_t error = 0;
+  fill(sender, server.guid(), error);
+  auto closed = std::async(std::launch::async, [&] { sender->Close(); });
+  EXPECT_EQ(closed.wait_for(std::chrono::seconds(15)), std::future_status::ready);
+  gate.open();
 }
 
 TEST_F(StallTest, ACallToAStalledReceiverFailsAtOnceWhenTheQueueIsFull) {
@@ -80,6 +93,59 @@ TEST_F(StallTest, AStoppedProcessIsGivenUpAfterAMomentNotForEver) {
   EXPECT_EQ(caller.call(guid, "x", 100).error, lunet::kErrTimeout);
   player.process.kill(SIGCONT);
   EXPECT_EQ(caller.send(guid, "y"), lunet::kOk);
+}
+
+TEST_F(StallTest, WhatWasQueuedForAPeerThatDiedIsLogged) {
+  static std::atomic<bool> told{false};
+  installTree();
+  Client logged(config("\"log_level\":1"));
+  logged->SetLogCallback([](int, const char* text) {
+    told = told || std::string_view(text).find("queued bytes for ") != std::string_view::npos;
+  });
+  const lunet::Guid guid = newGuid();
+  Player player(lunetctl({"listen", lunet::formatGuid(guid)}));
+  ASSERT_TRUE(player.ready());
+  Endpoint sender(logged, newGuid());
+  ASSERT_EQ(sender.send(guid, "connects"), lunet::kOk);
+  ASSERT_TRUE(player.gotMessage("connects"));
+  player.process.kill(SIGSTOP);
+  std::uint32_t error = 0;
+  fill(sender, guid, error);
+  EXPECT_FALSE(told);
+  player.process.kill(SIGKILL);
+  EXPECT_TRUE(waitFor([] { return told.load(); }));
+}
+
+TEST_F(StallTest, OneConnectionThatAlwaysHasMoreDoesNotKeepTheOthersWaiting) {
+  constexpr int kLimit = 20000;
+  Gate gate;
+  Endpoint owner(client, newGuid());
+  std::unique_ptr<RawConnection> raw;
+  lunet::FrameHeader frame;
+  frame.channel = lunet::kOnewayChannel;
+  std::atomic<int> toppedUp{0};
+  std::atomic<int> toppedUpBefore{kLimit};
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message& message) {
+    gate.wait();
+    if (message.data == "other") {
+      toppedUpBefore = toppedUp.load();
+    } else if (toppedUp < kLimit && toppedUpBefore == kLimit) {
+      ++toppedUp;  // as much as it reads: the connection is never empty
+      while (raw->sendNow(&frame, sizeof frame)) {
+      }
+    }
+  });
+  raw = std::make_unique<RawConnection>(socketOf(server.guid()));
+  ASSERT_EQ(raw->greet(owner.guid(), server.guid()), lunet::kOk);
+  raw->send(frame);
+  ASSERT_TRUE(server.waitForCount(1));
+  while (raw->sendNow(&frame, sizeof frame)) {
+  }
+  Endpoint other(client, newGuid());
+  ASSERT_EQ(other.send(server.guid(), "other"), lunet::kOk);
+  gate.open();
+  EXPECT_TRUE(waitFor([&] { return toppedUpBefore < kLimit || toppedUp == kLimit; }));
+  EXPECT_LT(toppedUpBefore, kLimit);
 }
 
 TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreToldByTheReplier) {

@@ -1,10 +1,13 @@
 // What a peer that breaks the rules of the wire can do: end its own connection, and nothing else.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
+#include <future>
 
 #include "BusFixture.h"
 #include "Frame.h"
@@ -106,6 +109,69 @@ TEST_F(StrangersTest, MessagesBeforeABadFrameAreDelivered) {
   EXPECT_EQ(server.messages()[0].data, "good");
 }
 
+TEST_F(StrangersTest, AnEndThatIsToldTogetherWithAMessageIsNoticed) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  Gate gate;
+  Endpoint busy(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  ASSERT_EQ(friendly.send(busy.guid(), "x"), lunet::kOk);
+  ASSERT_TRUE(busy.waitForCount(1));
+  const auto before = descriptors();
+  RawConnection raw(socketOf(busy.guid()));
+  ASSERT_EQ(raw.greet(owner.guid(), busy.guid()), lunet::kOk);
+  raw.send(oneway(0));
+  raw.close();
+  gate.open();
+  EXPECT_TRUE(busy.waitForCount(2));
+  EXPECT_TRUE(waitFor([&] { return descriptors() <= before; })) << before << " then " << descriptors();
+}
+
+TEST_F(StrangersTest, AOnewayMessageOnAChannelWithoutAReceiverGetsNoAnswer) {
+  const auto raw = guest();
+  FrameHeader frame;
+  frame.channel = 777;
+  raw->send(frame);
+  frame.kind = FrameKind::kRequest;
+  frame.id = 4711;
+  raw->send(frame);
+  const std::string bytes = raw->receive(sizeof frame);
+  ASSERT_EQ(bytes.size(), sizeof frame);
+  std::memcpy(&frame, bytes.data(), sizeof frame);
+  EXPECT_EQ(frame.id, 4711u);
+  EXPECT_EQ(frame.channel, lunet::kErrNoTarget);
+}
+
+TEST_F(StrangersTest, ACallerWhoHangsUpWhileItsAnswersWaitIsToldToTheReplier) {
+  std::vector<Message> requests;
+  std::atomic<bool> told{false};
+  Gate gate;
+  Endpoint replier(client, newGuid(), [&](Endpoint& self, const Message& message) {
+    requests.push_back(message);
+    if (message.data != "last") {
+      return;
+    }
+    EXPECT_EQ(self.reply(requests.front(), std::string(4 << 20, 'a')), lunet::kOk);  // more than is read
+    gate.open();
+    std::size_t next = 1;
+    told = waitFor([&] { return self.reply(requests.at(next++), "x") == lunet::kErrPeerLost; });
+  });
+  RawConnection raw(socketOf(replier.guid()));
+  ASSERT_EQ(raw.greet(owner.guid(), replier.guid()), lunet::kOk);
+  FrameHeader request;
+  request.kind = FrameKind::kRequest;
+  request.channel = lunet::kRequestChannel;
+  for (request.id = 1; request.id <= 11000; ++request.id) {
+    raw.send(request);
+  }
+  request.length = 4;
+  raw.send(request);
+  raw.send("last", 4);
+  ASSERT_TRUE(gate.wait());
+  raw.close();
+  EXPECT_TRUE(waitFor([&] { return told.load(); }));
+}
+
 TEST_F(StrangersTest, AGreetingThatMakesNoSenseEndsTheConnection) {
   const RawConnection raw(socketOf(server.guid()));
   raw.send(std::string(100, '?').data(), 100);
@@ -121,6 +187,30 @@ TEST_F(StrangersTest, AMessageBeforeTheGreetingEndsTheConnection) {
   EXPECT_EQ(server.count(), 0u);
 }
 
+TEST_F(StrangersTest, AGreetingOfAnotherLengthEndsTheConnection) {
+  const RawConnection raw(socketOf(server.guid()));
+  FrameHeader hello;
+  hello.kind = FrameKind::kHello;
+  hello.length = sizeof(lunet::HelloBody) + 1;
+  raw.send(hello);
+  raw.send(lunet::HelloBody{owner.guid(), server.guid()});
+  EXPECT_TRUE(raw.waitUntilClosed());
+}
+
+TEST_F(StrangersTest, AGreetingThatIsAMessageByItsKindEndsTheConnection) {
+  const RawConnection raw(socketOf(server.guid()));
+  raw.send(oneway(sizeof(lunet::HelloBody)));
+  raw.send(lunet::HelloBody{owner.guid(), server.guid()});
+  EXPECT_TRUE(raw.waitUntilClosed());
+}
+
+/// After five seconds.
+TEST_F(StrangersTest, ACallerThatDoesNotGreetIsCutOff) {
+  const RawConnection raw(socketOf(server.guid()));
+  raw.send("half", 4);
+  EXPECT_TRUE(raw.waitUntilClosed());
+}
+
 TEST_F(StrangersTest, AGreetingMeantForAnotherAddressIsRefused) {
   const RawConnection raw(socketOf(server.guid()));
   EXPECT_EQ(raw.greet(owner.guid(), newGuid()), lunet::kErrDenied);
@@ -130,6 +220,13 @@ TEST_F(StrangersTest, AGreetingMeantForAnotherAddressIsRefused) {
 TEST_F(StrangersTest, AnAddressThatNobodyHasCannotBeClaimed) {
   const RawConnection raw(socketOf(server.guid()));
   EXPECT_EQ(raw.greet(newGuid(), server.guid()), lunet::kErrDenied);
+}
+
+TEST_F(StrangersTest, AnAddressAtWhichNoSocketStandsCannotBeClaimed) {
+  const lunet::Guid guid = newGuid();
+  tree.write("run/lunet/" + lunet::formatGuid(guid) + ".sock", "");
+  const RawConnection raw(socketOf(server.guid()));
+  EXPECT_EQ(raw.greet(guid, server.guid()), lunet::kErrDenied);
 }
 
 TEST_F(StrangersTest, AProbeIsWelcomedAndCanSendNothing) {
@@ -172,6 +269,31 @@ class FalseListenerTest : public BusTest {
       thread.join();
     }
   }
+  /// Greets one caller after the other with these, and ends each connection when its caller does.
+  void welcomeEach(std::vector<FrameHeader> welcomes) {
+    thread = std::thread([this, welcomes = std::move(welcomes)] {
+      for (const FrameHeader& welcome : welcomes) {
+        const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
+        char block[4096];
+        (void)!recv(peer.get(), block, sizeof(FrameHeader) + sizeof(lunet::HelloBody), MSG_WAITALL);
+        (void)send(peer.get(), &welcome, sizeof welcome, MSG_NOSIGNAL);
+        (void)send(peer.get(), &guid, sizeof guid, MSG_NOSIGNAL);
+        while (recv(peer.get(), block, sizeof block, 0) > 0) {
+        }
+      }
+    });
+  }
+  static FrameHeader welcome() {
+    FrameHeader header;
+    header.kind = FrameKind::kWelcome;
+    header.length = sizeof(lunet::Guid);
+    return header;
+  }
+  bool somebodyCalls() const {
+    pollfd waiting{listener.get(), POLLIN, 0};
+    return poll(&waiting, 1, 20000) == 1;
+  }
+
   /// Welcomes one caller as `claimed`, reads one request and answers with these bytes.
   void answerWith(const lunet::Guid& claimed, std::string bytes) {
     thread = std::thread([this, claimed, bytes = std::move(bytes)] {
@@ -194,7 +316,7 @@ class FalseListenerTest : public BusTest {
 
   Client client{config()};
   Endpoint caller;
-  const lunet::Guid guid = newGuid();
+  const lunet::Guid guid = lunet::parseGuid(lunet::kAgentGuid);
   platform::Descriptor listener;
   std::thread thread;
 };
@@ -236,6 +358,101 @@ TEST_F(FalseListenerTest, AnAnswerToNothingIsDropped) {
   answerWith(guid, std::move(bytes));
   EXPECT_EQ(caller.call(guid, "x").data, "ok");
 }
+
+TEST_F(FalseListenerTest, ARefusalThatGivesNoReasonIsNoSuccess) {
+  FrameHeader header;
+  header.kind = FrameKind::kRefusal;
+  header.id = 1;
+  answerWith(guid, bytesOf(header));
+  EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrSystem);
+}
+
+TEST_F(FalseListenerTest, AListenerThatHangsUpInsteadOfAWelcomeIsNoTarget) {
+  thread = std::thread([this] { const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr)); });
+  EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrNoTarget);
+}
+
+TEST_F(FalseListenerTest, ConnectTakesAnAgentThatGivesNoWelcomeForAbsent) {
+  Client hasty(config("\"connect_timeout_ms\":50"));
+  EXPECT_EQ(hasty->Connect(10), lunet::kErrNoTarget);
+}
+
+TEST_F(FalseListenerTest, ConnectWaitsForAnAgentThatHasTooManyConnections) {
+  FrameHeader full = welcome();
+  full.channel = lunet::kErrQueueFull;
+  welcomeEach({full, full, welcome()});
+  EXPECT_EQ(client->Connect(60), lunet::kOk);
+}
+
+TEST_F(FalseListenerTest, CloseEndsACallThatWaitsForAWelcome) {
+  auto call = std::async(std::launch::async, [&] { return caller.call(guid, "x").error; });
+  ASSERT_TRUE(somebodyCalls());
+  caller->Close();
+  EXPECT_EQ(call.get(), lunet::kErrNotOpen);
+}
+
+TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsIsFullIsTriedAgain) {
+  ASSERT_EQ(listen(listener.get(), 0), 0);
+  const auto address = lunet::socketAddress(socketOf(guid));
+  std::vector<platform::Descriptor> others;
+  do {
+    others.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  } while (connect(others.back().get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0);
+  ASSERT_EQ(errno, EAGAIN);
+  auto call = std::async(std::launch::async, [&] { return caller.call(guid, "x").data; });
+  for (std::size_t i = 1; i < others.size(); ++i) {
+    const platform::Descriptor other(accept(listener.get(), nullptr, nullptr));
+  }
+  FrameHeader good;
+  good.kind = FrameKind::kAnswer;
+  good.id = 1;
+  good.length = 2;
+  answerWith(guid, bytesOf(good) + "ok");
+  EXPECT_EQ(call.get(), "ok");
+}
+
+/// Three seconds, and a caller that has less time has its own.
+TEST_F(FalseListenerTest, AListenerThatGivesNoWelcomeIsGivenUp) {
+  const lunet::Guid other = newGuid();
+  const auto address = lunet::socketAddress(socketOf(other));
+  const platform::Descriptor silent(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(silent.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address), 0);
+  ASSERT_EQ(listen(silent.get(), 5), 0);
+  auto send = std::async(std::launch::async, [&] { return caller.send(guid, "x"); });
+  ASSERT_TRUE(somebodyCalls());
+  EXPECT_EQ(caller.call(other, "x", 1).error, lunet::kErrTimeout);
+  EXPECT_NE(send.wait_for(std::chrono::seconds(0)), std::future_status::ready) << "the call came first";
+  EXPECT_EQ(send.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  caller->Close();  // also ends one that would wait for ever
+  EXPECT_EQ(send.get(), lunet::kErrTimeout);
+}
+
+struct FalseWelcomeRow {
+  const char* name;
+  void (*spoil)(FrameHeader&);
+  std::uint32_t error;
+};
+
+class FalseWelcomeTest : public FalseListenerTest, public testing::WithParamInterface<FalseWelcomeRow> {};
+
+TEST_P(FalseWelcomeTest, EndsTheCall) {
+  FrameHeader header = welcome();
+  GetParam().spoil(header);
+  welcomeEach({header});
+  EXPECT_EQ(caller.call(guid, "x").error, GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, FalseWelcomeTest,
+    testing::Values(
+        FalseWelcomeRow{"AWrongMagic", [](FrameHeader& h) { h.magic ^= 1; }, lunet::kErrDenied},
+        FalseWelcomeRow{"AnotherKind", [](FrameHeader& h) { h.kind = FrameKind::kAnswer; },
+                        lunet::kErrDenied},
+        FalseWelcomeRow{"AnotherLength", [](FrameHeader& h) { h.length += 1; }, lunet::kErrDenied},
+        FalseWelcomeRow{"ADenial", [](FrameHeader& h) { h.channel = lunet::kErrDenied; }, lunet::kErrDenied},
+        FalseWelcomeRow{"TooManyConnections", [](FrameHeader& h) { h.channel = lunet::kErrQueueFull; },
+                        lunet::kErrQueueFull}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(FalseListenerTest, AListenerThatServesAnotherAddressIsNotTalkedTo) {
   answerWith(newGuid(), "");

@@ -1,0 +1,233 @@
+// Who gets an address when its files are another's, or move while it is claimed.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "Address.h"
+#include "BusFixture.h"
+#include "support/Wait.h"
+
+using lunet::Address;
+using lunet::Guid;
+using lunettest::newGuid;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uid_t kMember = 23456;
+
+struct stat statusOf(const std::string& path) {
+  struct stat st {};
+  EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+  return st;
+}
+
+/// What it says, in a process of its own as that user.
+std::string saidBy(uid_t user, const std::function<std::string()>& what) {
+  int ends[2];
+  if (pipe(ends) != 0) {
+    return "no pipe";
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool other =
+        setgroups(0, nullptr) == 0 && setresgid(user, user, user) == 0 && setresuid(user, user, user) == 0;
+    const std::string text = other ? what() : "no second user";
+    _exit(write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+  }
+  close(ends[1]);
+  char text[1024];
+  const ssize_t size = read(ends[0], text, sizeof text);
+  close(ends[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return {text, size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+}  // namespace
+
+class ClaimTest : public testing::Test {
+ protected:
+  ClaimTest() {
+    chmod(dir.path().c_str(), 0755);
+    fs::create_directory(folder.path);
+  }
+  /// Empty, or the error's words and why.
+  std::string claim(Address& address, const Guid& wanted) const {
+    std::string why;
+    const lunet::Error error = address.claim(folder, wanted, &why);
+    return error == lunet::kOk ? "" : lunet::describeError(error) + ": " + why;
+  }
+  std::string lockPath() const { return folder.lockPath(guid); }
+  std::string socketPath() const { return folder.socketPath(guid); }
+  std::size_t files() const {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path), {}));
+  }
+
+  testsupport::TempDir dir;
+  const lunet::SocketFolder folder{dir.at("bus"), std::nullopt};
+  const Guid guid = newGuid();
+  const Guid agent = lunet::parseGuid(lunet::kAgentGuid);
+};
+
+TEST_F(ClaimTest, LockAndSocketAreItsUsersOwnWhateverTheUmask) {
+  const mode_t before = umask(0);
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  umask(before);
+  EXPECT_EQ(statusOf(lockPath()).st_mode & 07777u, 0600u);
+  EXPECT_EQ(statusOf(socketPath()).st_mode & 07777u, 0600u);
+}
+
+TEST_F(ClaimTest, ALockThatLosesItsNameWhileItIsWaitedForIsNoLock) {
+  for (int round = 0; round < 5; ++round) {
+    platform::Descriptor held(open(lockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(held.get(), LOCK_EX | LOCK_NB), 0);
+    Address first;
+    std::string said;
+    std::thread claiming([&] { said = claim(first, guid); });
+    EXPECT_TRUE(testsupport::waitFor([&] {  // it has opened the file, or has given up
+      std::size_t users = 0;
+      for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        users += fs::read_symlink(entry.path(), gone) == lockPath() ? 1 : 0;
+      }
+      return users != 1;
+    }));
+    fs::remove(lockPath());
+    held.reset();
+    claiming.join();
+    if (said.empty()) {
+      Address second;
+      EXPECT_THAT(claim(second, guid), HasSubstr("is in use"));
+    }
+  }
+}
+
+TEST_F(ClaimTest, ASocketThatIsAnothersByNowIsNotTakenOutOfTheFolder) {
+  Address address;
+  ASSERT_EQ(claim(address, guid), "");
+  fs::remove(socketPath());
+  ASSERT_EQ(mknod(socketPath().c_str(), S_IFSOCK | 0600, 0), 0);
+  address.hide();
+  EXPECT_TRUE(fs::exists(socketPath()));
+}
+
+TEST_F(ClaimTest, ALockThatIsAnothersByNowIsNotRemoved) {
+  Address address;
+  ASSERT_EQ(claim(address, guid), "");
+  fs::remove(lockPath());
+  dir.write("bus/" + lunet::formatGuid(guid) + ".lock", "another's");
+  address.release();
+  EXPECT_TRUE(fs::exists(lockPath()));
+}
+
+/// With a second user.
+class ForeignClaimTest : public ClaimTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root can start a process of a second user";
+    }
+  }
+  void giveFolderTo(uid_t user) const { ASSERT_EQ(chown(folder.path.c_str(), user, user), 0); }
+  void openFolderToAll() const { ASSERT_EQ(chmod(folder.path.c_str(), 01777), 0); }
+};
+
+TEST_F(ForeignClaimTest, TheAgentsAddressIsNotTakenFromTheOwnUser) {
+  giveFolderTo(kMember);
+  EXPECT_THAT(saidBy(kMember,
+                     [this] {
+                       Address first;
+                       Address second;
+                       return claim(first, agent) + claim(second, agent);
+                     }),
+              HasSubstr("is held by a live process of user 23456"));
+}
+
+TEST_F(ForeignClaimTest, TheAgentsAddressIsNotTakenFromRootNotEvenByTheFoldersOwner) {
+  giveFolderTo(kMember);
+  Address roots;
+  ASSERT_EQ(claim(roots, agent), "");
+  ASSERT_EQ(chmod(folder.lockPath(agent).c_str(), 0666), 0);
+  EXPECT_THAT(saidBy(kMember,
+                     [this] {
+                       Address own;
+                       return claim(own, agent);
+                     }),
+              HasSubstr("is held by a live process of user 0"));
+}
+
+TEST_F(ForeignClaimTest, AnotherUsersFreeLockIsReplacedNotKept) {
+  dir.write("bus/" + lunet::formatGuid(guid) + ".lock", "");
+  ASSERT_EQ(chown(lockPath().c_str(), kMember, kMember), 0);
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  EXPECT_EQ(statusOf(lockPath()).st_uid, 0u);
+}
+
+TEST_F(ForeignClaimTest, AnotherUsersFreeLockThatCannotBeRemovedIsNamed) {
+  openFolderToAll();
+  dir.write("bus/" + lunet::formatGuid(guid) + ".lock", "");
+  ASSERT_EQ(chmod(lockPath().c_str(), 0666), 0);
+  EXPECT_THAT(saidBy(kMember,
+                     [this] {
+                       Address address;
+                       return claim(address, guid);
+                     }),
+              testing::AllOf(HasSubstr("is in use"), HasSubstr("cannot be removed")));
+}
+
+TEST_F(ForeignClaimTest, AnotherUsersSocketThatCannotBeReplacedIsInUseAndNothingIsLeftBesideIt) {
+  openFolderToAll();
+  ASSERT_EQ(mknod(socketPath().c_str(), S_IFSOCK | 0600, 0), 0);
+  EXPECT_THAT(saidBy(kMember,
+                     [this] {
+                       Address address;
+                       return claim(address, guid) + " with " + std::to_string(files()) + " file";
+                     }),
+              testing::AllOf(HasSubstr("is in use"), HasSubstr("cannot be replaced"),
+                             testing::EndsWith("with 1 file")));
+}
+
+/// Seen from another pid namespace the listener has no number.
+TEST(ListenerAtTest, AListenerOfAnotherPidNamespaceIsNotTold) {
+  testsupport::TempDir tree;
+  lunettest::Client client("{\"runtime_path\":\"" + tree.path() + "\"}");
+  lunettest::Endpoint server(client, newGuid());
+  const std::string folder = tree.at("run/lunet");
+  EXPECT_TRUE(lunet::listenerAt(folder, server.guid()));
+  const auto inAnother = [&] {
+    if (unshare(CLONE_NEWPID) != 0) {
+      return 2;
+    }
+    const pid_t inside = fork();
+    if (inside == 0) {
+      _exit(lunet::listenerAt(folder, server.guid()) ? 1 : 0);
+    }
+    int status = 0;
+    return waitpid(inside, &status, 0) == inside && WIFEXITED(status) ? WEXITSTATUS(status) : 3;
+  };
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(inAnother());
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (WEXITSTATUS(status) == 2) {
+    GTEST_SKIP() << "a pid namespace is not granted";
+  }
+  EXPECT_EQ(status, 0);
+}
