@@ -194,6 +194,24 @@ TEST_P(CrashWhileRestoringTest, AFileThatCameBackIsTrustedWhenThatWasAsked) {
   EXPECT_EQ(store().regions().byPath(path) == RegionVerdict::kTrusted, std::filesystem::exists(path));
 }
 
+class AnotherFileAtARestoresPlaceTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Contents, AnotherFileAtARestoresPlaceTest,
+                         testing::Values("as long", "of another length", ""));
+
+TEST_P(AnotherFileAtARestoresPlaceTest, AtTheNextStartLeavesTheItem) {
+  const std::string path = write("victim", "content");
+  const std::string uuid = take(path);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("restored", [&] { restore(uuid, root(), "", true); }));
+  write("victim", GetParam());
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its restore had not ended")));
+  EXPECT_EQ(store().regions().byPath(path), RegionVerdict::kNone);
+  EXPECT_EQ(testsupport::readFile(path), GetParam());
+  EXPECT_EQ(uuidOf(path), uuid);
+  EXPECT_TRUE(restore(uuid, root(), folder_.path()).ok);
+  EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "content");
+}
+
 TEST_F(CrashTest, AChildThatOutlivesItsAgentIsWaitedForAndItsFileCounts) {
   const std::string path = writeRich("victim");
   const FileFacts before = FileFacts::of(path);
@@ -231,6 +249,59 @@ TEST_F(CrashTest, WhenTheItemIsDamagedWhatWasSetAsideIsPutBack) {
   EXPECT_THAT(items(), IsEmpty());
   EXPECT_THAT(vaultFiles(), IsEmpty());
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+}
+
+/// A removal that was under way, and another file where it had set the original aside.
+TEST_F(CrashTest, AnotherFileUnderThePrivateNameOfARemovalIsPutBackAndTheItemStays) {
+  const std::string path = writeRich("victim");
+  const FileFacts before = FileFacts::of(path);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
+  const auto names = namesIn(at(""));
+  ASSERT_EQ(names.size(), 1U);
+  write("good", before.content);
+  std::filesystem::rename(at("good"), at(names[0]));
+  reopen();
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+  EXPECT_EQ(FileFacts::of(path).uid, 0U) << "the other file";
+  ASSERT_EQ(items().size(), 1U);
+  std::filesystem::remove(path);
+  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(CrashTest, AFileThatGrewUnderItsPrivateNameIsPutBack) {
+  const std::string path = write("victim", "as scanned");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
+  const auto names = namesIn(at(""));
+  ASSERT_EQ(names.size(), 1U);
+  std::ofstream(at(names[0]), std::ios::app) << " and more";
+  reopen();
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+  EXPECT_EQ(testsupport::readFile(path), "as scanned and more");
+}
+
+TEST_F(CrashTest, AFileThatCannotBePutBackSinceAnotherHasItsNameIsSaidAndItsItemStays) {
+  const std::string path = write("victim", "as scanned");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
+  const auto names = namesIn(at(""));
+  ASSERT_EQ(names.size(), 1U);
+  std::ofstream(at(names[0]), std::ios::app) << " and more";
+  write("victim", "another file");
+  reopen();
+  EXPECT_EQ(testsupport::readFile(path), "another file");
+  EXPECT_EQ(testsupport::readFile(at(names[0])), "as scanned and more");
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("could not be put back (File exists)")));
+  EXPECT_TRUE(restore(uuidOf(path), root(), folder_.path()).ok);
+  EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "as scanned");
+}
+
+TEST_F(CrashTest, AFileWithTheSameContentInThePlaceOfTheOriginalIsNotTakenForIt) {
+  const std::string path = write("victim", "as scanned");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
+  write("victim", "as scanned");
+  reopen();
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim")) << "what was set aside is gone";
+  EXPECT_EQ(items().size(), 1U) << "its removal had begun";
 }
 
 TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {

@@ -188,6 +188,26 @@ TEST_F(AddTest, AFileThatWasChangedAfterItsScanIsNotHandled) {
   EXPECT_EQ(testsupport::readFile(path), "scanned!");
 }
 
+TEST_F(AddTest, AFileThatIsChangedWhileItIsCopiedIsNotHandled) {
+  const std::string path = write("changed", "scanned");
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  before("opened", [&] {
+    std::ofstream(path) << "another";
+    const timespec times[2] = {st.st_atim, st.st_mtim};
+    ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+  });
+  expectRefused(add(path), "it was changed while it was copied");
+  EXPECT_EQ(testsupport::readFile(path), "another");
+}
+
+TEST_F(AddTest, AFileWhoseModeIsChangedWhileItIsCopiedIsNotHandled) {
+  const std::string path = write("changed");
+  before("opened", [&] { ::chmod(path.c_str(), 0611); });
+  expectRefused(add(path), "it was changed while it was copied");
+  EXPECT_EQ(FileFacts::of(path).mode, 0611U);
+}
+
 TEST_F(AddTest, AFileWhoseHashIsAnotherThanScannedIsNotHandled) {
   const std::string path = write("changed", "scanned");
   QuarantineRequest request = requestFor(path);

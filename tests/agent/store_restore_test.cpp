@@ -193,6 +193,52 @@ TEST_F(RestoreTest, AnItemCutShortAnywhereIsRefusedClearly) {
   EXPECT_TRUE(restore(uuid).ok);
 }
 
+/// The item is as it was packed; its record is of another content.
+TEST_F(RestoreTest, ContentThatIsNotWhatTheRecordSaysIsRefusedAndWritesNothing) {
+  const std::string uuid = take(write("a", "content"));
+  store_.reset();
+  sql("UPDATE items SET meta=CAST(json_set(CAST(meta AS TEXT),'$.sha256',printf('%064d',0)) AS BLOB)");
+  reopen();
+  expectKept(restore(uuid), uuid, "is damaged: its content was changed");
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+}
+
+TEST_F(RestoreTest, ContentThatIsLongerThanTheRecordSaysIsRefusedAndWritesNothing) {
+  const std::string uuid = take(write("a", "content"));
+  store_.reset();
+  sql("UPDATE items SET meta=CAST(json_set(CAST(meta AS TEXT),'$.size',3) AS BLOB)");
+  reopen();
+  EXPECT_FALSE(restore(uuid).ok);
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+  EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
+}
+
+TEST_F(RestoreTest, AnItemWhoseFileIsStillBeingRemovedIsNotThereYet) {
+  const std::string path = write("a");
+  std::filesystem::create_directory(at("target"));
+  for (const char* step : {"recorded", "named", "removed"}) {
+    before(step, [&] {
+      const std::string file = vaultFiles().at(0);
+      const std::string uuid = file.substr(0, file.rfind('.'));
+      EXPECT_EQ(restore(uuid, root(), at("target")).detail, "there is no such item") << step;
+      EXPECT_THAT(items(), IsEmpty()) << step;
+    });
+    const std::string uuid = take(path);
+    EXPECT_THAT(namesIn(at("target")), IsEmpty()) << step;
+    EXPECT_TRUE(restore(uuid).ok) << step;
+  }
+}
+
+TEST_F(RestoreTest, ARefusedRestoreIsOverAndTheNextStartDoesNotSettleIt) {
+  const std::string path = write("a", "content");
+  const std::string uuid = take(path);
+  write("a", "content");
+  expectKept(restore(uuid), uuid, "exists already");
+  reopen();
+  EXPECT_THAT(store().notices(), IsEmpty());
+  EXPECT_EQ(uuidOf(path), uuid) << "the file that stood there is not the one that was restored";
+}
+
 TEST_F(RestoreTest, ADamagedRecordIsRefusedClearly) {
   const std::string uuid = take(write("a"));
   store_.reset();

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,25 +11,14 @@
 #include <cstring>
 #include <filesystem>
 
+#include "support/FileCalls.h"
 #include "support/TempDir.h"
 
 namespace {
-int gFolderSyncError = 0;  ///< what syncing a folder comes to; 0: what the system says
-}
 
-/// Before the C library's own.
-extern "C" int fsync(int fd) {
-  struct stat st {};
-  if (gFolderSyncError != 0 && fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-    errno = gFolderSyncError;
-    return -1;
-  }
-  return static_cast<int>(syscall(SYS_fsync, fd));
-}
-
-namespace {
-
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testsupport::FileCalls;
 using testsupport::readFile;
 using testsupport::TempDir;
 
@@ -68,6 +56,36 @@ TEST(File, ReplacingPutsTheWholeContentInPlaceWithTheModeGiven) {
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
 }
+
+TEST(File, ReplacingSyncsTheContentBeforeTheNameAndTheFolderBehindIt) {
+  const TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("folder").c_str(), 0700), 0);
+  const FileCalls calls;
+  EXPECT_EQ(CFile::replaceAtomically(dir.at("folder/f"), "new", 0600), 0);
+  EXPECT_THAT(calls.seen(),
+              ElementsAre("write .tmp-ID", "sync .tmp-ID", "rename .tmp-ID to f", "sync folder"));
+}
+
+struct FailingCall {
+  const char* name;
+  const char* begin;
+  int error;
+};
+class FailedReplacing : public testing::TestWithParam<FailingCall> {};
+TEST_P(FailedReplacing, LeavesTheOldFileAndNothingBesideAndTellsWhy) {
+  const TempDir dir;
+  const std::string path = dir.write("f", "old");
+  FileCalls calls;
+  calls.fail(GetParam().begin, "", GetParam().error);
+  EXPECT_EQ(CFile::replaceAtomically(path, "new", 0600), GetParam().error);
+  EXPECT_EQ(readFile(path), "old");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+INSTANTIATE_TEST_SUITE_P(Calls, FailedReplacing,
+                         testing::Values(FailingCall{"Write", "write .tmp-", ENOSPC},
+                                         FailingCall{"Sync", "sync .tmp-", EIO},
+                                         FailingCall{"Rename", "rename .tmp-", EXDEV}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST(File, ReplacingALinkReplacesTheLinkAndNotItsTarget) {
   const TempDir dir;
@@ -122,9 +140,9 @@ TEST(File, ReplacingInAFolderThatMayBeWrittenButNotReadPutsTheFileInPlace) {
 /// Some network and user-space file systems answer so when a folder is synced.
 class FolderSync : public testing::TestWithParam<int> {
  protected:
-  FolderSync() { gFolderSyncError = GetParam(); }
-  ~FolderSync() override { gFolderSyncError = 0; }
+  FolderSync() { calls_.fail("sync tavtest-", "", GetParam()); }
   const TempDir dir_;
+  FileCalls calls_;
 };
 
 class NoFolderSync : public FolderSync {};

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+/// What this process and the children that it forks do to files while one of these stands: syncs, writes,
+/// renames, links and unlinks, in their order. A program that uses it has these calls of the C library
+/// replaced, for its libraries too. One at a time.
+class FileCalls {
+ public:
+  FileCalls();
+  ~FileCalls();
+  FileCalls(const FileCalls&) = delete;
+  FileCalls& operator=(const FileCalls&) = delete;
+
+  /// Calls that went well: "sync a", "write a" (one line for several in a row), "rename a to b", "link a to
+  /// b", "unlink a". Names stand without their folder, each UUID as "ID", a file without a name as
+  /// "nameless".
+  std::vector<std::string> seen() const;
+  /// From here on calls whose line begins and ends so fail with this errno value; "create nameless" is one
+  /// too. Replaces the call that failed so far.
+  void fail(const std::string& begin, const std::string& end, int error);
+};
+
+}  // namespace testsupport
