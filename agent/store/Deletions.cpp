@@ -26,6 +26,9 @@ bool isFile(const struct stat& st, const FileIdentity& file) {
 
 void Deletions::run(const QuarantineRequest& request) {
   OriginalFile original(request);
+  if (original.needsProof()) {
+    throw StoreError("it was changed after it was scanned");  // it is not read again here
+  }
   Row row{.uuid = {}, .path = original.realPath(), .file = FileIdentity::of(original.st())};
   if (CUuid::generate(row.uuid) != 0) {
     throw StoreError("no random numbers for a private name");

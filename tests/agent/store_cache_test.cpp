@@ -22,11 +22,12 @@ FileIdentity file(std::uint64_t inode) {
 class CacheTest : public StoreTest {
  protected:
   ScanCache& cache() { return store().cache(); }
-  std::int64_t rowsOnDisk() {
+  std::int64_t rowsOnDisk(const std::string& table = "scanned") {
     sqlite3* db = nullptr;
     EXPECT_EQ(sqlite3_open((stateDir() + "/cache.db").c_str(), &db), SQLITE_OK);
     sqlite3_stmt* statement = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT count(*) FROM scanned", -1, &statement, nullptr), SQLITE_OK);
+    EXPECT_EQ(sqlite3_prepare_v2(db, ("SELECT count(*) FROM " + table).c_str(), -1, &statement, nullptr),
+              SQLITE_OK);
     EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
     const std::int64_t rows = sqlite3_column_int64(statement, 0);
     sqlite3_finalize(statement);
@@ -111,6 +112,7 @@ TEST_F(CacheTest, ClearEmptiesItForGood) {
   EXPECT_FALSE(cache().isClean(file(1), "v1"));
   cache().flush();
   EXPECT_EQ(rowsOnDisk(), 0);
+  EXPECT_EQ(rowsOnDisk("scan_keys"), 0);
   reopen();
   EXPECT_EQ(cache().count(), 0);
   cache().remember(file(3), "v1", kMetNs);
@@ -207,12 +209,93 @@ TEST_F(BoundedCacheTest, AKeyWhoseFilesAllWentIsNeverTakenForAnother) {
   }
   EXPECT_FALSE(cache_->isClean(file(0), "key 0"));
   EXPECT_TRUE(cache_->isClean(file(99), "key 99"));
+  EXPECT_LE(database_->number("SELECT count(*) FROM scan_keys"), 33) << "keys go with their files";
+}
+
+TEST_F(BoundedCacheTest, AKeyThatNoFileHasAnyMoreIsNotTakenForANewOne) {
+  open(32);
+  cache_->remember(file(1), "a", kMetNs);
+  cache_->remember(file(2), "b", kMetNs);
+  cache_->flush();
+  cache_->remember(file(2), "a", kMetNs);
+  open(32);
+  cache_->remember(file(3), "c", kMetNs);
+  EXPECT_FALSE(cache_->isClean(file(3), "b"));
+  EXPECT_TRUE(cache_->isClean(file(3), "c"));
+}
+
+TEST_F(BoundedCacheTest, AFileWhoseKeyWasLostIsNotTakenForOneOfANewKey) {
+  open(32);
+  cache_->remember(file(1), "a", kMetNs);
+  cache_->flush();
+  database_->run("DELETE FROM scan_keys");
+  open(32);
+  cache_->remember(file(2), "b", kMetNs);
+  EXPECT_FALSE(cache_->isClean(file(1), "b"));
+  EXPECT_FALSE(cache_->isClean(file(1), "a"));
+}
+
+TEST_F(BoundedCacheTest, WhatWasRememberedAfterARestartIsTheYoungest) {
+  open(160);
+  for (std::uint64_t i = 0; i < 160; ++i) {
+    cache_->remember(file(i), "v1", kMetNs);
+  }
+  open(160);
+  cache_->remember(file(1000), "v1", kMetNs);
+  EXPECT_TRUE(cache_->isClean(file(1000), "v1"));
+  EXPECT_FALSE(cache_->isClean(file(0), "v1"));
+}
+
+TEST_F(BoundedCacheTest, OneFileTooManyTakesTheOldestSixteenth) {
+  open(160);
+  for (std::uint64_t i = 0; i < 161; ++i) {
+    cache_->remember(file(i), "v1", kMetNs);
+  }
+  EXPECT_EQ(cache_->count(), 150);
+  EXPECT_FALSE(cache_->isClean(file(10), "v1"));
+  EXPECT_TRUE(cache_->isClean(file(11), "v1"));
+  cache_->flush();
+  EXPECT_EQ(database_->number("SELECT count(*) FROM scanned"), 150);
+}
+
+TEST_F(BoundedCacheTest, RowsThatCannotBeReadToTheEndAreNone) {
+  open(1000);
+  for (std::uint64_t i = 0; i < 1000; ++i) {
+    cache_->remember(file(i), "v1", kMetNs);
+  }
+  open(1000);
+  int calls = 0;
+  sqlite3_progress_handler(
+      database_->handle(), 1000, [](void* count) { return ++*static_cast<int*>(count) > 5 ? 1 : 0; }, &calls);
+  EXPECT_EQ(cache_->count(), 0);
+  EXPECT_GT(calls, 5) << "some rows were read";
+  sqlite3_progress_handler(database_->handle(), 0, nullptr, nullptr);
+}
+
+TEST_F(BoundedCacheTest, AClearThatTheDiskRefusesHoldsAndIsMadeUpForWithTheNextBatch) {
+  open(1000);
+  cache_->remember(file(1), "v1", kMetNs);
+  open(1000);
+  database_->run("CREATE TRIGGER refuse BEFORE DELETE ON scanned BEGIN SELECT RAISE(ABORT,'refused'); END");
+  cache_->clear();
+  EXPECT_EQ(cache_->count(), 0) << "before the first question, too";
+  database_->run("DROP TRIGGER refuse");
+  open(1000);
+  EXPECT_EQ(cache_->count(), 1) << "nothing was written in between";
+  database_->run("CREATE TRIGGER refuse BEFORE DELETE ON scanned BEGIN SELECT RAISE(ABORT,'refused'); END");
+  cache_->clear();
+  database_->run("DROP TRIGGER refuse");
+  cache_->flush();
+  EXPECT_EQ(database_->number("SELECT count(*) FROM scanned"), 0);
 }
 
 TEST_F(BoundedCacheTest, MoreKeysThanAnyoneHasStartItAnew) {
   open(100'000);
   for (std::uint64_t i = 0; i < 4100; ++i) {
     cache_->remember(file(i), "key " + std::to_string(i), kMetNs);
+    if (i == 4000) {
+      cache_->flush();
+    }
   }
   EXPECT_EQ(cache_->count(), 4);
   EXPECT_TRUE(cache_->isClean(file(4099), "key 4099"));

@@ -5,6 +5,7 @@
 #include "store/ItemFile.h"
 #include "store/Posix.h"
 #include "store_quarantine_fixture.h"
+#include "support/FileCalls.h"
 
 namespace agent {
 namespace {
@@ -158,6 +159,88 @@ TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {
   EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
   EXPECT_EQ(testsupport::readFile(path), "good");
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+}
+
+/// Of the file that stands under the name of a deletion, one thing is not as recorded.
+class OtherFileOfADeletionTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Columns, OtherFileOfADeletionTest,
+                         testing::Values("device", "inode", "size", "modify_ns"), stepName);
+
+TEST_P(OtherFileOfADeletionTest, IsPutBack) {
+  const std::string path = write("victim", "good");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
+  const std::string column = GetParam();
+  sql(("UPDATE deletions SET " + column + "=" + column + "+1").c_str());
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+}
+
+TEST_F(CrashTest, WhatIsNoRegularFileUnderTheNameOfADeletionIsPutBack) {
+  const std::string path = write("victim", "bad");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
+  const auto names = namesIn(at(""));
+  ASSERT_EQ(names.size(), 1U);
+  std::filesystem::remove(at(names[0]));
+  ASSERT_EQ(::mkfifo(at(names[0]).c_str(), 0600), 0);
+  struct stat st {};
+  ASSERT_EQ(::lstat(at(names[0]).c_str(), &st), 0);
+  const FileIdentity pipe = FileIdentity::of(st);
+  sql(("UPDATE deletions SET inode=" + std::to_string(pipe.inode) +
+       ",size=0,modify_ns=" + std::to_string(pipe.modifyTimeNs))
+          .c_str());
+  reopen();
+  EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+  EXPECT_TRUE(std::filesystem::is_fifo(path));
+}
+
+TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsNotPutOverAThird) {
+  const std::string path = write("victim", "bad");
+  write("good", "good");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
+  const std::string aside = namesIn(at("")).at(0);
+  std::filesystem::rename(at("good"), at(aside));
+  write("victim", "third");
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("could not be put back (File exists): it stands as")));
+  EXPECT_EQ(testsupport::readFile(path), "third");
+  EXPECT_EQ(testsupport::readFile(at(aside)), "good");
+}
+
+TEST_F(CrashTest, ADeletionThatEndedIsSaidToHaveThoughAnotherFileHasTheName) {
+  const std::string path = write("victim", "bad");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("removed", [&] { store().quarantine().remove(requestFor(path)); }));
+  write("victim", "good");
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("had ended")));
+  EXPECT_EQ(testsupport::readFile(path), "good");
+}
+
+TEST_F(CrashTest, ADeletionThatCannotBeEndedIsTriedAgainByALaterStart) {
+  const std::string path = write("victim", "bad");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
+  {
+    testsupport::FileCalls calls;
+    calls.fail("unlink .tav-", "", EPERM);
+    reopen();
+  }
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("could not be ended (Operation not permitted)")));
+  EXPECT_EQ(namesIn(at("")).size(), 1U);
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("was ended")));
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+}
+
+TEST_F(CrashTest, ADeletionThatWasGivenUpIsForgotten) {
+  const std::string path = write("victim", "bad");
+  before("deletion recorded", [&] {
+    std::filesystem::remove(path);
+    write("victim", "another file");
+  });
+  EXPECT_FALSE(store().quarantine().remove(requestFor(path)).ok);
+  EXPECT_EQ(testsupport::readFile(path), "another file");
+  reopen();
+  EXPECT_THAT(store().notices(), IsEmpty());
 }
 
 TEST_F(CrashTest, ADeletionWhoseFolderIsAwayIsSettledByALaterStart) {

@@ -99,6 +99,21 @@ TEST_F(DurabilityTest, WhereNamelessFilesCannotBeTheRestoredFileIsSyncedUnderIts
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
+TEST_F(DurabilityTest, AFolderThatItsUserMayNotReadIsSyncedWithItsFileSystem) {
+  std::filesystem::create_directory(at("drop"));
+  const std::string path = write("drop/victim");
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+  const std::string uuid = take(path);
+  ASSERT_EQ(::chown(at("drop").c_str(), kOther, kOther), 0);
+  ASSERT_EQ(::chmod(at("drop").c_str(), 0300), 0);
+  FileCalls calls;
+  EXPECT_TRUE(restore(uuid, other()).ok);
+  EXPECT_THAT(calls.seen(), ElementsAre(kRowWritten, kRowSynced, "write nameless", "sync nameless",
+                                        "link nameless to victim", testing::StartsWith("syncfs "),
+                                        "rename ID.item to ID.gone", "sync quarantine", kRowWritten,
+                                        kRowSynced, "unlink ID.gone"));
+}
+
 TEST_F(DurabilityTest, ADeletionIsRecordedOnTheDiskBeforeItBeginsAndForgottenWhenItsFolderIsSynced) {
   const std::string path = write("victim");
   const FileCalls calls;

@@ -174,8 +174,28 @@ TEST_F(LinkTest, ALinkAnywhereInThePathIsFoundAndNamed) {
   EXPECT_TRUE(store::openFolder(at("x//y/z/")));
 }
 
+TEST_F(LinkTest, WalkTakesANameAsLongAsNamesMayBe) {
+  std::filesystem::create_directory(at(std::string(255, 'x')));
+  EXPECT_TRUE(store::openFolder(at(std::string(255, 'x'))));
+}
+
+struct Split {
+  const char* path;
+  const char* folder;
+  const char* name;
+};
+class SplitPathTest : public testing::TestWithParam<Split> {};
+INSTANTIATE_TEST_SUITE_P(Paths, SplitPathTest,
+                         testing::Values(Split{"/a/b/c", "/a/b", "c"}, Split{"/a", "/", "a"},
+                                         Split{"a", "", "a"}));
+TEST_P(SplitPathTest, GivesFolderAndName) {
+  EXPECT_EQ(store::splitPath(GetParam().path).folder, GetParam().folder);
+  EXPECT_EQ(store::splitPath(GetParam().path).name, GetParam().name);
+}
+
 TEST_F(LinkTest, WalkRefusesDotsRelativePathsFilesAndEndlessNames) {
   folder_.write("file", "");
+  std::filesystem::create_directory(at("x"));
   for (const std::string& path : {std::string("relative"), std::string(""), at("../files"), at("./x"),
                                   folder_.at("file"), at(std::string(300, 'x'))}) {
     EXPECT_THROW(store::openFolder(path), store::StoreError) << path;

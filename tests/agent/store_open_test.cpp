@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,6 +10,7 @@
 #include "store/AuditLog.h"
 #include "store/Schema.h"
 #include "store_fixture.h"
+#include "support/FileCalls.h"
 
 namespace agent {
 namespace {
@@ -203,6 +205,56 @@ TEST_F(OpenTest, TheAuditRecordRotatesAndKeepsFourOldFiles) {
   }
   EXPECT_FALSE(std::filesystem::exists(folder_.at("a.log.5")));
   EXPECT_THAT(readFile(folder_.at("a.log")), HasSubstr("\"39\""));
+}
+
+TEST_F(OpenTest, TheAuditRecordCountsWhatStoodInItBeforeItWasOpened) {
+  const std::string path = folder_.at("a.log");
+  store::AuditLog(path, 300).add(root(), "one", std::string(150, 'x'), "");
+  store::AuditLog(path, 300).add(root(), "two", std::string(150, 'x'), "");
+  EXPECT_THAT(readFile(path), HasSubstr("two"));
+  EXPECT_THAT(readFile(path + ".1"), HasSubstr("one"));
+}
+
+TEST_F(OpenTest, ALineLongerThanTheAuditRecordMayBeStandsAlone) {
+  store::AuditLog log(folder_.at("a.log"), 100);
+  log.add(root(), "one", std::string(150, 'x'), "");
+  EXPECT_THAT(readFile(folder_.at("a.log")), HasSubstr("one"));
+  EXPECT_FALSE(std::filesystem::exists(folder_.at("a.log.1"))) << "an empty file is not kept";
+}
+
+TEST_F(OpenTest, TheAuditRecordIsNotWrittenThroughALink) {
+  const std::string victim = folder_.write("victim", "precious");
+  ASSERT_EQ(::symlink(victim.c_str(), folder_.at("a.log").c_str()), 0);
+  store::AuditLog(folder_.at("a.log")).add(root(), "one", "", "");
+  EXPECT_EQ(readFile(victim), "precious");
+}
+
+TEST_F(OpenTest, ALineThatTheDiskRefusesIsCountedOnce) {
+  store::AuditLog log(folder_.at("a.log"));
+  {
+    testsupport::FileCalls calls;
+    calls.fail("write a.log", "", ENOSPC);
+    log.add(root(), "lost", "", "");
+  }
+  log.add(root(), "kept", "", "");
+  log.add(root(), "last", "", "");
+  const std::string text = readFile(folder_.at("a.log"));
+  EXPECT_THAT(text, HasSubstr("action=\"kept\" object=\"\" outcome=\"\" lost_before=1\n"));
+  EXPECT_THAT(text, HasSubstr("action=\"last\" object=\"\" outcome=\"\"\n"));
+}
+
+TEST_F(OpenTest, NothingThatTheStoreHasOpenIsInherited) {
+  store().cache().count();
+  int seen = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+    if (target.starts_with(stateDir())) {
+      ++seen;
+      EXPECT_NE(::fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0) << target;
+    }
+  }
+  EXPECT_GE(seen, 5) << "two databases, the lock, the audit record, the quarantine";
 }
 
 TEST_F(OpenTest, ALongRequestTakesALimitedShareOfTheAuditRecord) {

@@ -161,6 +161,34 @@ TEST_F(AddTest, TheOtherNameGoesInTooWhenTheHashProvesTheContent) {
   EXPECT_EQ(items().size(), 2U);
 }
 
+TEST_F(AddTest, AnotherFileThanScannedIsNotHandledThoughItsHashIsTheSame) {
+  const std::string path = write("one", "content");
+  for (const auto& member : {&FileIdentity::device, &FileIdentity::inode, &FileIdentity::size}) {
+    QuarantineRequest request = requestFor(path);
+    request.md5 = md5Of("content");
+    request.identity.*member += 1;
+    expectRefused(store().quarantine().add(request), "changed after it was scanned");
+  }
+  QuarantineRequest request = requestFor(path);
+  request.md5 = md5Of("content");
+  request.identity.modifyTimeNs += 1;
+  expectRefused(store().quarantine().add(request), "changed after it was scanned");
+}
+
+/// What is deleted for good is not read again: nothing would prove its content.
+TEST_F(AddTest, AFileOfWhichOnlyTheChangeTimeDiffersIsNotDeletedWhateverHashIsGiven) {
+  const std::string path = write("one", "scanned");
+  QuarantineRequest request = requestFor(path);
+  request.md5 = md5Of("scanned");
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  std::ofstream(path) << "another";
+  const timespec times[2] = {st.st_atim, st.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  EXPECT_EQ(store().quarantine().remove(request).detail, "it was changed after it was scanned");
+  EXPECT_EQ(testsupport::readFile(path), "another");
+}
+
 TEST_F(AddTest, AFileThatIsGoneIsNotHandled) {
   const std::string path = write("gone");
   const QuarantineRequest request = requestFor(path);
@@ -462,6 +490,15 @@ INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
                                          TypeCase{"PK\x03\x04", "a", "zip"}, TypeCase{"%PDF-1", "a", "PDF"},
                                          TypeCase{"", "a.doc", "doc"}, TypeCase{"text", ".profile", ""},
                                          TypeCase{"text", "noending", ""}));
+
+TEST(Hex, OfAnOddLengthOrWithOtherLettersIsNone) {
+  std::string bytes;
+  EXPECT_TRUE(store::fromHex("00ff7a", &bytes));
+  EXPECT_EQ(bytes, std::string("\0\xff\x7a", 3));
+  for (const char* text : {"abc", "0g", "g0", "AB", " 1"}) {
+    EXPECT_FALSE(store::fromHex(text, &bytes)) << text;
+  }
+}
 
 TEST_P(FileTypeTest, IsToldByTheFirstBytesElseByTheEnding) {
   EXPECT_EQ(store::fileTypeOf(GetParam().content, GetParam().name), GetParam().type);

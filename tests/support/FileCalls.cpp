@@ -122,6 +122,11 @@ int fdatasync(int fd) {
   return observedSync(fd, SYS_fdatasync);
 }
 
+int syncfs(int fd) noexcept {
+  return observed([fd] { return "syncfs " + nameOf(fd); },
+                  [=] { return static_cast<int>(::syscall(SYS_syncfs, fd)); });
+}
+
 ssize_t write(int fd, const void* bytes, size_t size) {
   return observed([fd] { return "write " + nameOf(fd); },
                   [=] { return static_cast<ssize_t>(::syscall(SYS_write, fd, bytes, size)); });

@@ -15,8 +15,8 @@ class FileCalls {
   FileCalls(const FileCalls&) = delete;
   FileCalls& operator=(const FileCalls&) = delete;
 
-  /// Calls that went well: "sync a", "write a" (one line for several in a row), "rename a to b", "link a to
-  /// b", "unlink a". Names stand without their folder, each UUID as "ID", a file without a name as
+  /// Calls that went well: "sync a", "syncfs a", "write a" (one line for several in a row), "rename a to b",
+  /// "link a to b", "unlink a". Names stand without their folder, each UUID as "ID", a file without a name as
   /// "nameless".
   std::vector<std::string> seen() const;
   /// From here on calls whose line begins and ends so fail with this errno value; "create nameless" is one
