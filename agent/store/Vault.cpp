@@ -80,8 +80,8 @@ void Vault::setBusy(bool busy) const noexcept {
   ::flock(folder_.get(), busy ? LOCK_SH : LOCK_UN);
 }
 
-bool Vault::waitIdle() const {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+bool Vault::waitIdle(std::chrono::milliseconds limit) const {
+  const auto end = std::chrono::steady_clock::now() + limit;
   while (::flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) {
     if (std::chrono::steady_clock::now() >= end) {
       return false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,8 @@ class Vault {
   /// descriptor says so too, until it ends.
   void setBusy(bool busy) const noexcept;
   int busyMark() const { return folder_.get(); }  ///< the descriptor that does
-  /// Waits until no child of an earlier agent is at work; false when one still is after ten seconds.
-  bool waitIdle() const;
+  /// Waits until no child of an earlier agent is at work; false when one still is after that time.
+  bool waitIdle(std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
  private:
   void rename(const std::string& from, const std::string& to) const;

@@ -4,6 +4,8 @@
 
 #include "store/ItemFile.h"
 #include "store/Posix.h"
+#include "store/Sqlite.h"
+#include "store/Vault.h"
 #include "store_quarantine_fixture.h"
 #include "support/FileCalls.h"
 
@@ -387,15 +389,181 @@ TEST_F(CrashTest, AFileWithTheSameContentInThePlaceOfTheOriginalIsNotTakenForIt)
   EXPECT_EQ(items().size(), 1U) << "its removal had begun";
 }
 
-TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {
+TEST_F(CrashTest, APipeInThePlaceOfTheOriginalIsNotWaitedFor) {
   const std::string path = write("victim", "as scanned");
   ASSERT_NO_FATAL_FAILURE(leaveAt("named", [&] { add(path); }));
-  write("victim", "changed since");
+  std::filesystem::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  ::alarm(20);
   reopen();
-  EXPECT_EQ(testsupport::readFile(path), "changed since");
+  ::alarm(0);
+  EXPECT_TRUE(std::filesystem::is_fifo(path));
+  EXPECT_EQ(items().size(), 1U);
+}
+
+TEST_F(CrashTest, ALinkInThePlaceOfARestoredFileIsNotTheFile) {
+  const std::string path = write("victim", "content");
+  const std::string uuid = take(path);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("restored", [&] { restore(uuid); }));
+  std::filesystem::rename(path, at("moved"));
+  std::filesystem::create_symlink(at("moved"), path);
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its restore had not ended")));
+  EXPECT_EQ(uuidOf(path), uuid);
+}
+
+TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {
+  for (const char* step : {"recorded", "named"}) {
+    const std::string path = write("victim", "as scanned");
+    ASSERT_NO_FATAL_FAILURE(leaveAt(step, [&] { add(path); }));
+    write("victim", "changed since");
+    reopen();
+    EXPECT_EQ(testsupport::readFile(path), "changed since") << step;
+    const std::string uuid = uuidOf(path);
+    EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item")) << step;
+    EXPECT_TRUE(restore(uuid, root(), folder_.path()).ok) << step;
+    EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "as scanned") << step;
+    std::filesystem::remove(folder_.at("victim"));
+  }
+}
+
+/// What the row says of the file is not so of the file under its name.
+class OtherInodeTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Members, OtherInodeTest, testing::Values("device", "inode"), stepName);
+
+TEST_P(OtherInodeTest, UnderTheNameOfARemovalKeepsTheItem) {
+  const std::string path = write("victim", "content");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("named", [&] { add(path); }));
+  const std::string member = "$." + std::string(GetParam());
+  sql(("UPDATE items SET meta=CAST(json_set(CAST(meta AS TEXT),'" + member +
+       "',1+json_extract(CAST(meta AS TEXT),'" + member + "')) AS BLOB)")
+          .c_str());
+  reopen();
+  EXPECT_EQ(testsupport::readFile(path), "content");
+  EXPECT_EQ(items().size(), 1U);
+}
+
+TEST_F(CrashTest, AFolderThatBecameALinkIsNotFollowedToWhatWasSetAside) {
+  const std::string path = write("sub/victim", "content");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
+  std::filesystem::rename(at("sub"), at("moved"));
+  std::filesystem::create_symlink(at("moved"), at("sub"));
+  reopen();
+  EXPECT_EQ(items().size(), 1U);
+  EXPECT_EQ(namesIn(at("moved")).size(), 1U);
+}
+
+TEST_F(CrashTest, AFolderThatBecameALinkIsNotFollowedToWhatWasRestored) {
+  const std::string uuid = take(write("sub/victim", "content"));
+  ASSERT_NO_FATAL_FAILURE(leaveAt("restored", [&] { restore(uuid); }));
+  std::filesystem::rename(at("sub"), at("moved"));
+  std::filesystem::create_symlink(at("moved"), at("sub"));
+  reopen();
+  EXPECT_EQ(items().size(), 1U);
+}
+
+TEST_F(CrashTest, APipeInThePlaceOfAnEmptyFileIsNotTheFile) {
+  const std::string path = write("victim", "");
+  const std::string uuid = take(path);
+  ASSERT_NO_FATAL_FAILURE(leaveAt("restored", [&] { restore(uuid); }));
+  std::filesystem::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  reopen();
+  EXPECT_EQ(uuidOf(path), uuid);
+}
+
+TEST_F(CrashTest, TheTemporaryFileOfARestoreIsTakenAwayAndWhatElseHasItsNameIsNot) {
+  const std::string uuid = take(write("victim", "content"));
+  store_.reset();
+  EXPECT_EQ(inChild([&] {
+              reopen();
+              const pid_t agent = ::getpid();
+              QuarantineTest::before("file made", [agent] {
+                ::kill(agent, SIGKILL);
+                ::pause();  // it dies with its agent
+              });
+              testsupport::FileCalls calls;
+              calls.fail("create nameless", "", EOPNOTSUPP);
+              restore(uuid);
+            }),
+            128 + SIGKILL);
+  reopen();
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+
+  ASSERT_NO_FATAL_FAILURE(leaveAt("restore recorded", [&] { restore(uuid); }));
+  ASSERT_EQ(::mkfifo(at(".tav-" + uuid).c_str(), 0600), 0);
+  reopen();
+  EXPECT_EQ(namesIn(at("")).size(), 1U);
+}
+
+TEST_F(CrashTest, AnItemThatIsKeptThoughItIsDamagedIsSaid) {
+  const std::string path = write("victim");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("removed", [&] { add(path); }));
+  std::filesystem::resize_file(stateDir() + "/quarantine/" + vaultFiles().at(0), 100);
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("is damaged")));
+  EXPECT_EQ(items().size(), 1U);
+}
+
+TEST_F(CrashTest, TrustThatACrashHeldUpIsAddedInTheCallersName) {
+  std::filesystem::create_directory(at("his"));
+  const std::string path = write("his/victim");
+  ASSERT_EQ(::chown(at("his").c_str(), kOther, kOther), 0);
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+  const std::string uuid = take(path);
+  dieAt("restored", [&] { restore(uuid, other(), "", true); });
+  EXPECT_EQ(store::Database(stateDir() + "/agent.db", store::Durability::kFull)
+                .number("SELECT added_by FROM regions"),
+            std::int64_t{kOther});
+}
+
+TEST_F(CrashTest, AnItemUnderTheNameOfAnotherIsLeftAsItIs) {
+  const std::string uuid = take(write("victim"));
+  const std::string folder = stateDir() + "/quarantine/";
+  const std::string other = "00000000-0000-4000-8000-000000000000";
+  std::filesystem::copy_file(folder + uuid + ".item", folder + other + ".item");
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("belongs to another item: left as it is")));
   ASSERT_EQ(items().size(), 1U);
-  EXPECT_TRUE(restore(uuidOf(path), root(), folder_.path()).ok);
-  EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "as scanned");
+  EXPECT_EQ(items()[0]["uuid"], uuid);
+  EXPECT_EQ(vaultFiles().size(), 2U);
+}
+
+TEST_F(CrashTest, TheFolderOfTheItemsIsNoLinkAndClosedToOthers) {
+  const std::string folder = stateDir() + "/quarantine";
+  ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
+  reopen();
+  EXPECT_EQ(FileFacts::of(folder).mode, 0700U);
+  store_.reset();
+  std::filesystem::rename(folder, folder_.at("moved"));
+  std::filesystem::create_symlink(folder_.at("moved"), folder);
+  EXPECT_THROW(reopen(), store::StoreError);
+}
+
+TEST(VaultTest, AnItemIsMadeOnce) {
+  const testsupport::TempDir folder;
+  const store::Vault vault(folder.at("vault"));
+  vault.create("uuid");
+  EXPECT_THROW(vault.create("uuid"), store::StoreError);
+}
+
+TEST(VaultTest, IsNotIdleWhileAnotherIsBusyAndIsNotWaitedForWithoutEnd) {
+  const testsupport::TempDir folder;
+  const store::Vault vault(folder.at("vault")), another(folder.at("vault"));
+  another.setBusy(true);
+  EXPECT_FALSE(vault.waitIdle(std::chrono::milliseconds(20)));
+  another.setBusy(false);
+  EXPECT_TRUE(vault.waitIdle());
+  EXPECT_TRUE(another.waitIdle(std::chrono::milliseconds(20))) << "who waited holds nothing";
+}
+
+TEST(VaultTest, FilesAreThoseWithANameBeforeTheEnding) {
+  const testsupport::TempDir folder;
+  const store::Vault vault(folder.at("vault"));
+  for (const char* name : {"a.part", "b.item", "c.gone", ".item", "d.txt", "item"}) {
+    folder.write("vault/" + std::string(name), "");
+  }
+  EXPECT_EQ(vault.files().size(), 3U);
 }
 
 TEST_F(CrashTest, ItemsWhoseRecordsWereLostAreTakenUpAgainFromTheirFiles) {

@@ -1,6 +1,8 @@
 // What stands on the disk before what else happens: the file calls of the quarantine in their order, and
 // calls that fail.
 
+#include <algorithm>
+
 #include "store_quarantine_fixture.h"
 #include "support/FileCalls.h"
 
@@ -125,27 +127,40 @@ TEST_F(DurabilityTest, ADeletionIsRecordedOnTheDiskBeforeItBeginsAndForgottenWhe
 TEST_F(DurabilityTest, AStartThatEndsARemovalSyncsTheFolderBeforeTheRow) {
   const std::string path = write("victim");
   ASSERT_NO_FATAL_FAILURE(dieAt("set aside", [&] { add(path); }));
-  EXPECT_THAT(callsOfAStart(), ElementsAre("unlink .tav-ID", "sync files", kRowSynced));
+  EXPECT_THAT(callsOfAStart(), ElementsAre("lock quarantine", "unlink .tav-ID", "sync files", kRowSynced));
 }
 
 TEST_F(DurabilityTest, AStartThatEndsADeletionSyncsTheFolderBeforeTheRow) {
   const std::string path = write("victim");
   ASSERT_NO_FATAL_FAILURE(dieAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
-  EXPECT_THAT(callsOfAStart(), ElementsAre("unlink .tav-ID", "sync files", kRowSynced));
+  EXPECT_THAT(callsOfAStart(), ElementsAre("lock quarantine", "unlink .tav-ID", "sync files", kRowSynced));
 }
 
 TEST_F(DurabilityTest, AStartThatFindsARestoreEndedSyncsTheFolderBeforeTheItemGoes) {
   const std::string uuid = take(write("victim"));
   ASSERT_NO_FATAL_FAILURE(dieAt("restored", [&] { restore(uuid); }));
-  EXPECT_THAT(callsOfAStart(), ElementsAre("sync files", "rename ID.item to ID.gone", "sync quarantine",
-                                           kRowSynced, "unlink ID.gone"));
+  EXPECT_THAT(callsOfAStart(), ElementsAre("lock quarantine", "sync files", "rename ID.item to ID.gone",
+                                           "sync quarantine", kRowSynced, "unlink ID.gone"));
 }
 
 TEST_F(DurabilityTest, AStartThatRevivesAnItemSyncsItsName) {
   const std::string uuid = take(write("victim"));
   ASSERT_NO_FATAL_FAILURE(dieAt("marked gone", [&] { restore(uuid); }));
   std::filesystem::remove(at("victim"));
-  EXPECT_THAT(callsOfAStart(), ElementsAre("rename ID.gone to ID.item", "sync quarantine", kRowSynced));
+  EXPECT_THAT(callsOfAStart(),
+              ElementsAre("lock quarantine", "rename ID.gone to ID.item", "sync quarantine", kRowSynced));
+}
+
+TEST_F(DurabilityTest, AStartWaitsForTheChildOfAnEarlierAgentBeforeItLooksAtAnything) {
+  const std::string uuid = take(write("victim"));
+  ASSERT_NO_FATAL_FAILURE(dieAt("restored", [&] { restore(uuid); }));
+  FileCalls calls;
+  calls.fail("lock quarantine", "", EWOULDBLOCK, 3);
+  reopen();
+  const auto seen = calls.seen();
+  const auto lock = std::find(seen.begin(), seen.end(), "lock quarantine");
+  EXPECT_LT(lock, std::find(seen.begin(), seen.end(), "sync files"));
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its restore had ended")));
 }
 
 // Calls that fail.
@@ -185,6 +200,7 @@ TEST_F(DurabilityTest, AnItemThatCannotGetItsNameLeavesTheOriginalAlone) {
     EXPECT_THAT(result.detail, HasSubstr("cannot rename in the quarantine: Input/output error"));
     EXPECT_EQ(testsupport::readFile(path), "a file that was detected");
     EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
+    EXPECT_EQ(vaultFiles().empty(), begin == std::string("rename "));
   }
 }
 
@@ -238,6 +254,15 @@ TEST_F(DurabilityTest, ARestoreUnderAPrivateNameThatFailsTakesTheNameAway) {
   EXPECT_THAT(restore(uuid, root(), at("target")).detail, HasSubstr("exists already"));
   EXPECT_THAT(namesIn(at("target")), ElementsAre("victim"));
   EXPECT_EQ(testsupport::readFile(at("target/victim")), "another file");
+}
+
+TEST_F(DurabilityTest, AFilePlantedUnderThePrivateNameOfARestoreIsNotWritten) {
+  const std::string uuid = take(write("victim"));
+  const std::string planted = write(".tav-" + uuid, "planted");
+  FileCalls calls;
+  calls.fail("create nameless", "", EOPNOTSUPP);
+  EXPECT_THAT(restore(uuid).detail, HasSubstr("cannot write in"));
+  EXPECT_EQ(testsupport::readFile(planted), "planted");
 }
 
 TEST_F(DurabilityTest, WhereARenameCannotSpareAnotherFileALinkDoesTheSame) {

@@ -70,6 +70,9 @@ TEST_F(LinkTest, AFileExchangedBetweenScanAndRemovalIsLeftAlone) {
     });
     const Result result = add(path);
     EXPECT_FALSE(result.ok) << step;
+    EXPECT_EQ(result.detail, step == std::string("opened")
+                                 ? "it was changed while it was copied"
+                                 : "another file took its place while it was handled");
     EXPECT_EQ(testsupport::readFile(path), "another file") << step << ": " << result.detail;
     EXPECT_EQ(testsupport::readFile(at("moved")), "detected") << step;
     EXPECT_THAT(namesIn(at("")), ElementsAre("a", "moved")) << step;
@@ -172,6 +175,16 @@ TEST_F(LinkTest, ALinkAnywhereInThePathIsFoundAndNamed) {
     EXPECT_EQ(std::string(error.what()), "'" + at("x/link") + "' is a symbolic link");
   }
   EXPECT_TRUE(store::openFolder(at("x//y/z/")));
+}
+
+TEST_F(LinkTest, WalkLeavesOneDescriptorOpen) {
+  const auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  std::filesystem::create_directories(at("x/y/z"));
+  const auto before = open();
+  const store::UniqueFd folder = store::openFolder(at("x/y/z"));
+  EXPECT_EQ(open(), before + 1);
+  EXPECT_THROW(store::openFolder(at("x/y/absent")), store::StoreError);
+  EXPECT_EQ(open(), before + 1);
 }
 
 TEST_F(LinkTest, WalkTakesANameAsLongAsNamesMayBe) {

@@ -8,6 +8,7 @@
 #include "store/ItemFile.h"
 #include "store/Posix.h"
 #include "store_quarantine_fixture.h"
+#include "support/FileCalls.h"
 #include "support/Mounts.h"
 
 namespace agent {
@@ -96,6 +97,28 @@ TEST_F(AddTest, TheStoreHoldsNoPlainContentAndOnlyItsUserCanReadIt) {
 TEST_F(AddTest, ContentIsStoredCompressed) {
   take(write("zeros", std::string(5 << 20, '\0')));
   EXPECT_LT(std::filesystem::file_size(stateDir() + "/quarantine/" + vaultFiles()[0]), 100'000U);
+}
+
+TEST_F(AddTest, TheTypeIsToldByTheBeginningOfALongFile) {
+  std::string content =
+      "\x7f"
+      "ELF" +
+      std::string((1 << 16) - 4, 'x') + "MZ";
+  take(write("long", content));
+  EXPECT_EQ(items()[0]["filetype_src"], "ELF");
+}
+
+TEST_F(AddTest, AnItemWhoseRowCannotBeCompletedIsCompletedAtTheNextStart) {
+  const std::string path = write("file", "content");
+  sql("CREATE TRIGGER refuse BEFORE UPDATE ON items BEGIN SELECT RAISE(ABORT,'refused'); END");
+  const Result result = add(path);
+  EXPECT_TRUE(result.ok);
+  EXPECT_THAT(result.detail, HasSubstr("its record is completed at the next start"));
+  EXPECT_FALSE(std::filesystem::exists(path));
+  sql("DROP TRIGGER refuse");
+  reopen();
+  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_EQ(testsupport::readFile(path), "content");
 }
 
 TEST_F(AddTest, AnEmptyFileGoesInAndComesBack) {
@@ -206,6 +229,97 @@ TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotHandled) {
   ASSERT_EQ(::fstat(fd.get(), &st), 0);
   request.identity = FileIdentity::of(st);
   expectRefused(store().quarantine().add(request), "no longer there");
+}
+
+TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotCopiedFirst) {
+  const std::string path = write("gone");
+  const store::UniqueFd fd(::open(path.c_str(), O_RDONLY));
+  std::filesystem::rename(write("another"), path);
+  QuarantineRequest request;
+  request.path = path;
+  request.fd = fd.get();
+  struct stat st {};
+  ASSERT_EQ(::fstat(fd.get(), &st), 0);
+  request.identity = FileIdentity::of(st);
+  bool opened = false;
+  before("opened", [&] { opened = true; });
+  expectRefused(store().quarantine().add(request), "no longer there");
+  EXPECT_FALSE(opened);
+}
+
+TEST_F(AddTest, ADescriptorOfNoRegularFileIsNotHandled) {
+  ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+  for (const std::string& path : {at("pipe"), at("")}) {
+    const store::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    QuarantineRequest request = requestFor(path);
+    request.fd = fd.get();
+    expectRefused(store().quarantine().add(request), "it is not a regular file");
+  }
+  QuarantineRequest request = requestFor(at("pipe"));
+  request.fd = 9999;
+  expectRefused(store().quarantine().add(request), "its descriptor is no good");
+}
+
+TEST_F(AddTest, AFileWhosePathIsLongerThanTheKernelTellsIsNotHandled) {
+  std::filesystem::create_directory(at("deep"));
+  store::UniqueFd folder(::open(at("deep").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; i < 17; ++i) {
+    const std::string name(250, 'd');
+    ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0700), 0);
+    folder.reset(::openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  }
+  const store::UniqueFd fd(::openat(folder.get(), "file", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  struct stat st {};
+  ASSERT_EQ(::fstat(fd.get(), &st), 0);
+  QuarantineRequest request;
+  request.fd = fd.get();
+  request.identity = FileIdentity::of(st);
+  expectRefused(store().quarantine().add(request), "where it is cannot be told");
+}
+
+TEST_F(AddTest, WhatIsOpenWhileAFileIsHandledIsNotInherited) {
+  const std::string path = write("file");
+  int seen = 0;
+  before("copied", [&] {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+      if (target.starts_with(folder_.path())) {
+        ++seen;
+        EXPECT_NE(::fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0) << target;
+      }
+    }
+  });
+  take(path);
+  EXPECT_GE(seen, 7) << "the file and its folder beside what the store has open";
+}
+
+TEST_F(AddTest, ASignalDuringAReadOrWriteCostsNothing) {
+  for (const auto& [begin, end] : {std::pair{"read interrupted", ""}, std::pair{"write", ".part"}}) {
+    const std::string path = write("interrupted", "content");
+    testsupport::FileCalls calls;
+    calls.fail(begin, end, EINTR, 1);
+    EXPECT_TRUE(restore(take(path)).ok);
+    EXPECT_EQ(testsupport::readFile(path), "content");
+  }
+}
+
+TEST_F(AddTest, AFileThatCannotBeReadIsNotHandled) {
+  const std::string path = write("unreadable");
+  testsupport::FileCalls calls;
+  calls.fail("read unreadable", "", EIO);
+  expectRefused(add(path), "cannot read it: Input/output error");
+  EXPECT_THAT(namesIn(at("")), testing::ElementsAre("unreadable"));
+}
+
+TEST(Clock, IsNeverAheadOfWhatTheKernelStampsFilesWith) {
+  const testsupport::TempDir folder;
+  for (int i = 0; i < 200; ++i) {
+    const std::int64_t now = store::nowNs();
+    struct stat st {};
+    ASSERT_EQ(::stat(folder.write("file" + std::to_string(i), "").c_str(), &st), 0);
+    ASSERT_LE(now, FileIdentity::of(st).modifyTimeNs);
+  }
 }
 
 TEST_F(AddTest, AFileThatWasChangedAfterItsScanIsNotHandled) {
@@ -374,7 +488,10 @@ TEST_F(LimitTest, SizeLimitKeepsWhatWouldPassItOut) {
   take(write("a"));
   pretend("UPDATE items SET stored_bytes=1073741824-100");
   const std::string path = write("b");
+  bool copied = false;
+  before("copied", [&] { copied = true; });
   const Result result = add(path);
+  EXPECT_FALSE(copied) << "the limit holds for the copy under way";
   EXPECT_FALSE(result.ok);
   EXPECT_THAT(result.detail, HasSubstr("quarantine is full"));
   EXPECT_TRUE(std::filesystem::exists(path));
@@ -382,6 +499,20 @@ TEST_F(LimitTest, SizeLimitKeepsWhatWouldPassItOut) {
   EXPECT_EQ(vaultFiles().size(), 1U);
   set(R"({"Common":{"SizeLimit":2}})");
   EXPECT_TRUE(add(path).ok);
+}
+
+TEST_F(LimitTest, OfTwoFilesThatAreCopiedAtOnceTheOneThatPassesTheLimitIsKeptOut) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  take(write("a"));
+  pretend("UPDATE items SET stored_bytes=1073741824-1000");
+  const std::string path = write("b"), other = write("c");
+  before("copied", [&] { take(other); });
+  const Result result = add(path);
+  EXPECT_FALSE(result.ok);
+  EXPECT_THAT(result.detail, HasSubstr("quarantine is full"));
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_TRUE(restore(uuidOf(other)).ok);
+  EXPECT_TRUE(add(path).ok) << "what was refused takes no room";
 }
 
 TEST_F(LimitTest, SizeLimitZeroIsNoLimit) {
@@ -439,6 +570,16 @@ TEST_F(LimitTest, CleaningToARateDeletesTheOldestUntilThatMuchIsFree) {
   pretend("UPDATE items SET stored_bytes=250000000,isolate_time=1000+id");
   take(write("new"));
   EXPECT_EQ(names(), (std::vector<std::string>{"third", "fourth", "new"}));
+}
+
+TEST_F(LimitTest, TheRateIsWhatIsToBeFree) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":75}})");
+  for (const char* name : {"first", "second", "third", "fourth"}) {
+    take(write(name));
+  }
+  pretend("UPDATE items SET stored_bytes=250000000,isolate_time=1000+id");
+  take(write("new"));
+  EXPECT_EQ(names(), (std::vector<std::string>{"fourth", "new"}));
 }
 
 struct UnitCase {

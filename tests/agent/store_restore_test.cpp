@@ -1,9 +1,15 @@
 #include <grp.h>
+#include <linux/securebits.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/xattr.h>
 
 #include <csignal>
 #include <fstream>
 
+#include "store/Posix.h"
+#include "store/RestorePlan.h"
+#include "store/Sqlite.h"
 #include "store_quarantine_fixture.h"
 
 namespace agent {
@@ -110,7 +116,63 @@ TEST_F(RestoreTest, AnotherFolderCanBeGiven) {
 
 TEST_F(RestoreTest, AnotherFolderMustBeAbsolute) {
   const std::string uuid = take(write("a"));
-  expectKept(restore(uuid, root(), "relative/folder"), uuid, "not an absolute path");
+  expectKept(restore(uuid, root(), "relative/folder"), uuid, "'relative/folder' is not an absolute path");
+  EXPECT_EQ(restore(uuid, root(), "relative").detail, "'relative' is not an absolute path");
+}
+
+TEST_F(RestoreTest, AnotherFolderIsTakenByItsText) {
+  const std::string uuid = take(write("a", "content"));
+  std::filesystem::create_directory(at("target"));
+  EXPECT_TRUE(restore(uuid, root(), at("/./target/absent/.."), true).ok);
+  EXPECT_EQ(testsupport::readFile(at("target/a")), "content");
+  EXPECT_EQ(store().regions().byPath(at("target/a")), RegionVerdict::kTrusted);
+}
+
+TEST_F(RestoreTest, AFileThatCouldNotBeTrustedIsRestoredAndThatIsSaid) {
+  const std::string path = write("a", "content");
+  const std::string uuid = take(path);
+  sql("CREATE TRIGGER refuse BEFORE INSERT ON regions BEGIN SELECT RAISE(ABORT,'refused'); END");
+  const Result result = restore(uuid, root(), "", true);
+  EXPECT_FALSE(result.ok);
+  EXPECT_THAT(result.detail, testing::StartsWith("restored, but not trusted: "));
+  EXPECT_EQ(testsupport::readFile(path), "content");
+  EXPECT_THAT(items(), IsEmpty());
+}
+
+TEST_F(RestoreTest, TheQuarantineIsMarkedBusyWhileAChildIsAtWorkAndNoLonger) {
+  const std::string uuid = take(write("a"));
+  const std::string vault = stateDir() + "/quarantine";
+  const auto isFree = [vault] {
+    const store::UniqueFd folder(::open(vault.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
+  };
+  EXPECT_TRUE(isFree());
+  before("file made", [isFree] {
+    if (isFree()) {
+      ::_exit(1);
+    }
+  });
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(isFree());
+}
+
+TEST_F(RestoreTest, TimesBefore1970AreAsBefore) {
+  const std::string path = write("a");
+  const timespec times[2] = {{-1'000'000'001, 123'456'789}, {-5, 1}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  const FileFacts before = FileFacts::of(path);
+  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(RestoreTest, AnAccessListThatTheFolderGivesIsTakenOff) {
+  std::filesystem::create_directory(at("sub"));
+  const std::string uuid = take(write("sub/a"));
+  // Version 2; owner, user 4242, group, mask, others: tag, rights, id.
+  const std::uint32_t list[] = {2, 0x70001, ~0U, 0x60002, 4242, 0x50004, ~0U, 0x70010, ~0U, 0x40020, ~0U};
+  ASSERT_EQ(::setxattr(at("sub").c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_THAT(FileFacts::of(at("sub/a")).attributes, IsEmpty());
 }
 
 TEST_F(RestoreTest, TrustAddsThePathToTheTrustRegion) {
@@ -239,6 +301,27 @@ TEST_F(RestoreTest, ARefusedRestoreIsOverAndTheNextStartDoesNotSettleIt) {
   EXPECT_EQ(uuidOf(path), uuid) << "the file that stood there is not the one that was restored";
 }
 
+TEST_F(RestoreTest, AnItemThatBecameALinkIsNotFollowed) {
+  const std::string uuid = take(write("a"));
+  const std::string file = stateDir() + "/quarantine/" + uuid + ".item";
+  std::filesystem::rename(file, folder_.at("elsewhere"));
+  std::filesystem::create_symlink(folder_.at("elsewhere"), file);
+  EXPECT_THAT(restore(uuid).detail, HasSubstr("cannot be opened"));
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+}
+
+TEST(RestorePlan, WithoutAnAbsoluteFolderOrANameIsNone) {
+  store::RestorePlan plan{.folder = "/folder", .name = "name", .trusted = {"/a"}, .caller = 7};
+  const auto read = store::RestorePlan::fromText(plan.toText());
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->path(), "/folder/name");
+  EXPECT_EQ(read->caller, 7U);
+  plan.name.clear();
+  EXPECT_FALSE(store::RestorePlan::fromText(plan.toText()));
+  plan = {.folder = "folder", .name = "name", .trusted = {}, .caller = 0};
+  EXPECT_FALSE(store::RestorePlan::fromText(plan.toText()));
+}
+
 TEST_F(RestoreTest, ADamagedRecordIsRefusedClearly) {
   const std::string uuid = take(write("a"));
   store_.reset();
@@ -280,6 +363,15 @@ TEST_F(RestoreTest, AUserDoesNotGetAnothersFile) {
   const std::string uuid = take(path);
   expectKept(restore(uuid, other()), uuid, "the file was not the caller's");
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(RestoreTest, WhatAUserTrustsIsAddedInHisName) {
+  giveFolderToHim("home");
+  const std::string uuid = takeHis("home/a");
+  EXPECT_TRUE(restore(uuid, other(), "", true).ok);
+  EXPECT_EQ(store::Database(stateDir() + "/agent.db", store::Durability::kFull)
+                .number("SELECT added_by FROM regions"),
+            std::int64_t{kOther});
 }
 
 TEST_F(RestoreTest, AllIsForAUserAllOfHis) {
@@ -339,6 +431,42 @@ TEST_F(RestoreTest, AGroupThatIsNotTheCallersCannotBeGivenBack) {
   EXPECT_EQ(FileFacts::of(path).gid, 4242U);
 }
 
+TEST_F(RestoreTest, TheGroupThatACallerActsInIsHisOwn) {
+  giveFolderToHim("home");
+  const std::string path = write("home/a");
+  ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
+  const std::string uuid = take(path);
+  std::filesystem::create_directory(at("roots"));
+  ASSERT_EQ(::chmod(at("roots").c_str(), 0775), 0);
+  const CallerId alone{.uid = kOther, .gid = kOther, .groups = {}, .pid = 2};
+  expectKept(restore(uuid, alone, at("roots")), uuid, "Permission denied");
+  EXPECT_TRUE(restore(uuid, alone).ok);
+  EXPECT_EQ(FileFacts::of(path).gid, kOther);
+}
+
+TEST_F(RestoreTest, TheGroupsOfTheAgentAreNotTheCallers) {
+  const std::string uuid = takeHis("shared/a");
+  ASSERT_EQ(::chown(at("shared").c_str(), 0, 4242), 0);
+  ASSERT_EQ(::chmod(at("shared").c_str(), 0770), 0);
+  EXPECT_EQ(inChild([&] {
+              const gid_t group = 4242;
+              ASSERT_EQ(::setgroups(1, &group), 0);
+              expectKept(restore(uuid, other()), uuid, "Permission denied");
+            }),
+            0);
+}
+
+/// Where a change of the user leaves a process its capabilities.
+TEST_F(RestoreTest, TheCapabilitiesOfTheAgentAreNotTheCallers) {
+  const std::string uuid = takeHis("closed/a");
+  ASSERT_EQ(::chmod(at("closed").c_str(), 0755), 0);
+  EXPECT_EQ(inChild([&] {
+              ASSERT_EQ(::prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP), 0);
+              expectKept(restore(uuid, other()), uuid, "Permission denied");
+            }),
+            0);
+}
+
 TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {
   giveFolderToHim("home");
   const std::string path = writeRich("home/a");
@@ -365,6 +493,7 @@ TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {
 TEST_F(RestoreTest, AnAgentThatIsNotRootServesItsOwnUserOnly) {
   testsupport::TempDir place;
   ASSERT_EQ(::chown(place.path().c_str(), kOther, kOther), 0);
+  ASSERT_EQ(::chown(place.write("strangers", "content").c_str(), 4711, 4711), 0);
   const int status = inChild([&] {
     ASSERT_EQ(::setgroups(0, nullptr), 0);
     ASSERT_EQ(::setresgid(kOther, kOther, kOther), 0);
@@ -378,6 +507,11 @@ TEST_F(RestoreTest, AnAgentThatIsNotRootServesItsOwnUserOnly) {
     EXPECT_FALSE(mine->quarantine().restore({uuid}, false, false, "", stranger)[0].result.ok);
     EXPECT_TRUE(mine->quarantine().restore({uuid}, false, false, "", other())[0].result.ok);
     EXPECT_EQ(FileFacts::of(path), facts);
+    // Another user's file in a folder of its own: the agent can take it, and can not give it back to him.
+    ASSERT_TRUE(mine->quarantine().add(requestFor(place.at("strangers"))).ok);
+    const std::string his = mine->quarantine().list(4711)[0]["uuid"].asString();
+    EXPECT_EQ(mine->quarantine().restore({his}, false, false, "", stranger)[0].result.detail,
+              "the agent does not run as root and cannot act for another user");
   });
   EXPECT_EQ(status, 0);
 }

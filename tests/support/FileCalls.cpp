@@ -1,6 +1,7 @@
 #include "support/FileCalls.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -35,7 +36,7 @@ struct Record {
   std::size_t count = 0;
   std::array<std::array<char, kLineBytes>, kLines> lines;
   std::array<char, kLineBytes> failBegin, failEnd;
-  int failError = 0;
+  int failError = 0, failTimes = 0;
 };
 
 std::atomic<Record*> gRecord{nullptr};
@@ -64,10 +65,11 @@ std::string nameOf(const char* path) {
 bool refused(const std::string& line) {
   Record* record = gRecord;
   const std::lock_guard lock(record->lock);
-  if (record->failError == 0 || !line.starts_with(record->failBegin.data()) ||
+  if (record->failTimes == 0 || !line.starts_with(record->failBegin.data()) ||
       !line.ends_with(record->failEnd.data())) {
     return false;
   }
+  --record->failTimes;
   errno = record->failError;
   return true;
 }
@@ -125,6 +127,18 @@ int fdatasync(int fd) {
 int syncfs(int fd) noexcept {
   return observed([fd] { return "syncfs " + nameOf(fd); },
                   [=] { return static_cast<int>(::syscall(SYS_syncfs, fd)); });
+}
+
+int flock(int fd, int operation) noexcept {
+  const auto call = [=] { return static_cast<int>(::syscall(SYS_flock, fd, operation)); };
+  return (operation & LOCK_EX) == 0 ? call() : observed([fd] { return "lock " + nameOf(fd); }, call);
+}
+
+ssize_t read(int fd, void* bytes, size_t size) {
+  if (gRecord != nullptr && refused("read " + nameOf(fd))) {
+    return -1;
+  }
+  return static_cast<ssize_t>(::syscall(SYS_read, fd, bytes, size));
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {
@@ -203,12 +217,13 @@ std::vector<std::string> FileCalls::seen() const {
   return lines;
 }
 
-void FileCalls::fail(const std::string& begin, const std::string& end, int error) {
+void FileCalls::fail(const std::string& begin, const std::string& end, int error, int times) {
   Record* record = gRecord;
   const std::lock_guard lock(record->lock);
   put(&record->failBegin, begin);
   put(&record->failEnd, end);
   record->failError = error;
+  record->failTimes = times;
 }
 
 }  // namespace testsupport
