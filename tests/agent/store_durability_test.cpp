@@ -246,9 +246,8 @@ TEST_F(DurabilityTest, ARestoredFileWhoseFolderCannotBeSyncedStandsBesideItsItem
 
 TEST_F(DurabilityTest, ARestoreUnderAPrivateNameThatFailsTakesTheNameAway) {
   const std::string uuid = take(write("victim"));
-  write("victim", "another file");
   std::filesystem::create_directory(at("target"));
-  before("content sent", [&] { write("target/victim", "another file"); });
+  before("file made", [&] { write("target/victim", "another file"); });
   FileCalls calls;
   calls.fail("create nameless", "", EOPNOTSUPP);
   EXPECT_THAT(restore(uuid, root(), at("target")).detail, HasSubstr("exists already"));

@@ -80,6 +80,66 @@ TEST_F(OpenTest, ADatabaseThatIsALinkIsRefused) {
   EXPECT_THAT(refusal(other.path()), HasSubstr("agent.db"));
 }
 
+TEST_F(OpenTest, ADatabaseThatIsALinkToNothingMakesNothing) {
+  TempDir other;
+  ASSERT_EQ(::symlink(folder_.at("elsewhere").c_str(), other.at("agent.db").c_str()), 0);
+  EXPECT_THAT(refusal(other.path()), HasSubstr("agent.db"));
+  EXPECT_FALSE(std::filesystem::exists(folder_.at("elsewhere")));
+}
+
+TEST_F(OpenTest, ALockThatIsALinkIsRefused) {
+  TempDir other;
+  ASSERT_EQ(::symlink(folder_.write("elsewhere", "").c_str(), other.at("agent.lock").c_str()), 0);
+  EXPECT_THAT(refusal(other.path()), HasSubstr("agent.lock"));
+}
+
+TEST_F(OpenTest, WhatOnlyACheckOfTheWholeDatabaseFindsIsDamageToo) {
+  const std::string path = folder_.at("some.db");
+  execute(path,
+          "CREATE TABLE t (x); INSERT INTO t VALUES (NULL); PRAGMA writable_schema=ON;"
+          "UPDATE sqlite_schema SET sql='CREATE TABLE t (x NOT NULL)' WHERE name='t'");
+  try {
+    store::Database database(path, store::Durability::kFull);
+    ADD_FAILURE() << "it was opened";
+  } catch (const store::StoreError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("some.db' is damaged: NULL value in t.x"));
+  }
+}
+
+TEST_F(OpenTest, ADatabaseThatCannotBeReadAtAllIsDamageToo) {
+  const std::string path = folder_.at("some.db");
+  execute(path, "CREATE TABLE t (x)");
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(100);
+  file << "\xff";
+  file.close();
+  try {
+    store::Database database(path, store::Durability::kFull);
+    ADD_FAILURE() << "it was opened";
+  } catch (const store::StoreError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("some.db' is damaged"));
+  }
+}
+
+TEST_F(OpenTest, AFunctionInTheSchemaOfADatabaseIsNotTrusted) {
+  store::Database database(folder_.at("some.db"), store::Durability::kFull);
+  EXPECT_EQ(database.number("PRAGMA trusted_schema"), 0);
+}
+
+TEST_F(OpenTest, ADatabaseThatIsBusyForAMomentIsWaitedFor) {
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  bool changed = false;
+  std::thread change(
+      [&] { changed = store().settings().change(0, R"({"Common":{"SkipSize":5}})", nullptr); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
+  change.join();
+  EXPECT_TRUE(changed);
+  sqlite3_close(other);
+}
+
 TEST_F(OpenTest, ADamagedStoreFileIsAClearErrorAndNotACrash) {
   store_.reset();
   std::ofstream(stateDir() + "/agent.db") << std::string(20000, 'x');

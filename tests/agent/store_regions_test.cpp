@@ -1,10 +1,14 @@
+#include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <thread>
 
 #include "store/Posix.h"
+#include "store/RegionIndex.h"
+#include "store/Sqlite.h"
 #include "store_fixture.h"
 
 namespace agent {
@@ -223,6 +227,9 @@ INSTANTIATE_TEST_SUITE_P(
                     BadItem{"ExtensionThatIsAPattern", kExtension, "*", "is not a file extension"},
                     BadItem{"NameWithSlash", kName, "a/b", "is not a file name"},
                     BadItem{"NameThatIsDots", kName, "..", "is not a file name"},
+                    BadItem{"NameThatIsADot", kName, ".", "is not a file name"},
+                    BadItem{"ExtensionThatBeginsWithADot", kExtension, "..txt", "is not a file extension"},
+                    BadItem{"ExtensionThatEndsWithADot", kExtension, "txt.", "is not a file extension"},
                     BadItem{"EmptyName", kName, "", "is not a file name"},
                     BadItem{"ShortMd5", kMd5, "abc", "is not a MD5 of 32 hexadecimal digits"},
                     BadItem{"Md5WithOtherLetters", kMd5, "zzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzz", "is not a MD5"},
@@ -232,6 +239,101 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(BadItemTest, IsRefusedWithTheReason) {
   EXPECT_THAT(refusal(kTrust, request(0, GetParam().type, {GetParam().item})), HasSubstr(GetParam().reason));
+}
+
+struct Length {
+  const char* name;
+  int type;
+  const char* begin;
+  std::size_t largest;
+};
+void PrintTo(const Length& length, std::ostream* out) {
+  *out << length.name;
+}
+class ItemLengthTest : public RegionTest, public testing::WithParamInterface<Length> {};
+INSTANTIATE_TEST_SUITE_P(Items, ItemLengthTest,
+                         testing::Values(Length{"Path", kFile, "/", 4096}, Length{"Name", kName, "", 255},
+                                         Length{"Extension", kExtension, "", 255}),
+                         [](const auto& length) { return std::string(length.param.name); });
+
+TEST_P(ItemLengthTest, IsTakenUpToTheLargestAndNotAbove) {
+  std::string item = GetParam().begin;
+  item.resize(GetParam().largest, 'x');
+  add(GetParam().type, item);
+  EXPECT_EQ(listed(GetParam().type), Items{item});
+  refusal(kTrust, request(0, GetParam().type, {item + "x"}));
+}
+
+TEST_F(RegionTest, AnExtensionMayBeWrittenAsAPatternOfIt) {
+  add(kExtension, "*.TXT");
+  EXPECT_EQ(listed(kExtension), Items{"txt"});
+}
+
+TEST_F(RegionTest, AnItemWithAZeroByteIsRefused) {
+  for (const int type : {kFile, kName, kExtension}) {
+    EXPECT_EQ(refusal(kTrust, request(0, type, {std::string("/a\0b", 4)})), "an item holds a zero byte");
+  }
+}
+
+TEST_F(RegionTest, AnItemThatIsNoTextIsRefused) {
+  Json::Value change = request(0, kName, {});
+  change["items"].append(1);
+  EXPECT_EQ(refusal(kTrust, change), "\"items\" must be a list of texts");
+}
+
+TEST_F(RegionTest, AChangeOfNothingIsNone) {
+  const auto before = regions().generation();
+  accept(kTrust, request(0, kFile, {}));
+  EXPECT_EQ(regions().generation(), before);
+}
+
+TEST(RegionIndex, AnEntryHoldsToTheSecondBeforeItsTime) {
+  store::RegionIndex index;
+  index.put(kTrust, store::RegionType::kFile, 0, "/a", 100);
+  EXPECT_EQ(index.byPath("/a", 99), RegionVerdict::kTrusted);
+  EXPECT_EQ(index.byPath("/a", 100), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, AnEntryWhoseTimeIsNowIsOver) {
+  Json::Value change = request(0, kFile, {"/now"});
+  change["valid_until"] = Json::Int64(store::nowSec());
+  accept(kTrust, change);
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["valid_statue"], 2);
+}
+
+TEST_F(RegionTest, AStoredEntryOfAnUnknownKindIsADamagedStore) {
+  const char* const columns[] = {"region", "type", "domain"};
+  for (const char* column : columns) {
+    for (const char* value : {"-1", "7"}) {
+      add(kFile, "/a");
+      store_.reset();
+      const auto run = [this](const std::string& sql) {
+        store::Database(stateDir() + "/agent.db", store::Durability::kFull).run(sql.c_str());
+      };
+      run("UPDATE regions SET " + std::string(column) + "=" + value);
+      EXPECT_THROW(Store::open(stateDir()), std::runtime_error) << column << " " << value;
+      run("DELETE FROM regions");
+      reopen();
+    }
+  }
+}
+
+TEST_F(RegionTest, FilesOfMoreThanSixtyFourMebibytesInAllAreNotHashed) {
+  const auto sparse = [this](const char* name, std::uint64_t size) {
+    const std::string path = folder_.write(name, "");
+    EXPECT_EQ(::truncate(path.c_str(), static_cast<off_t>(size)), 0);
+    return path;
+  };
+  constexpr std::uint64_t kMebibyte = 1 << 20;
+  accept(kTrust, request(0, kFile,
+                         {sparse("large", 64 * kMebibyte + 1), sparse("first", 40 * kMebibyte),
+                          sparse("second", 40 * kMebibyte), sparse("small", 24 * kMebibyte)}));
+  const Json::Value entries = regions().list(4, kFile, kTrust);
+  ASSERT_EQ(entries.size(), 4U);
+  for (const auto& [index, hashed] : {std::pair{0U, false}, {1U, true}, {2U, false}, {3U, true}}) {
+    EXPECT_EQ(!entries[index]["md5"].asString().empty(), hashed) << index;
+    EXPECT_GT(entries[index]["file_size"].asInt64(), 0) << index;
+  }
 }
 
 TEST_F(RegionTest, OneBadItemRefusesTheWholeChange) {
@@ -248,11 +350,11 @@ TEST_F(RegionTest, AChangeOfTheWrongFormIsRefused) {
     EXPECT_EQ(refusal(kTrust, parsed(text)), "the change must be an object");
   }
   const std::vector<std::pair<const char*, const char*>> members = {
-      {"action", "2"},       {"action", "\"0\""},     {"action", "null"}, {"action", "0.5"},
-      {"type", "7"},         {"type", "-1"},          {"type", "null"},   {"domain", "2"},
-      {"domain", "4"},       {"domain", "null"},      {"is_all", "1"},    {"items", "null"},
-      {"items", "\"/a\""},   {"items", "[1]"},        {"items", "{}"},    {"is_all", "true"},
-      {"valid_until", "-1"}, {"valid_until", "\"x\""}};
+      {"action", "2"},    {"type", "1.0"},       {"action", "\"0\""},     {"action", "null"},
+      {"action", "0.5"},  {"type", "7"},         {"type", "-1"},          {"type", "null"},
+      {"domain", "2"},    {"domain", "4"},       {"domain", "null"},      {"is_all", "1"},
+      {"items", "null"},  {"items", "\"/a\""},   {"items", "[1]"},        {"items", "{}"},
+      {"is_all", "true"}, {"valid_until", "-1"}, {"valid_until", "\"x\""}};
   for (const auto& [member, value] : members) {
     Json::Value bad = good;
     bad[member] = parsed("[" + std::string(value) + "]")[0];
@@ -430,6 +532,35 @@ TEST_F(RegionTest, AFileThatIsNotTheCallersIsListedWithoutSizeAndHash) {
   EXPECT_EQ(entries[0]["file_size"].asInt64(), 0);
   add(kFile, path);
   EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["md5"], "900150983cd24fb0d6963f7d28e17f72");
+}
+
+TEST_F(RegionTest, AFileOfTheCallersIsListedWithSizeAndHash) {
+  const std::string path = folder_.write("his", "abc");
+  ASSERT_EQ(::chown(path.c_str(), 4711, 4711), 0) << "these tests act as two users: run them as root";
+  const CallerId owner{.uid = 4711, .gid = 4711, .groups = {}, .pid = 1};
+  ASSERT_TRUE(regions().change(kTrust, request(0, kFile, {path}), owner, nullptr));
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["file_size"], 3);
+}
+
+TEST_F(RegionTest, ToTheAgentsOwnUserFilesOfOthersAreDescribed) {
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
+  const std::string path = folder_.write("roots", "abc");
+  ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    bool described = false;
+    if (::setresuid(4711, 4711, 4711) == 0) {
+      const testsupport::TempDir own;
+      const auto mine = Store::open(own.at("state"));
+      const CallerId itself{.uid = 4711, .gid = 0, .groups = {}, .pid = 1};
+      mine->regions().change(kTrust, request(0, kFile, {path}), itself, nullptr);
+      described = mine->regions().list(4, kFile, kTrust)[0]["file_size"] == 3;
+    }
+    ::_exit(described ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ TEST_F(RestoreTest, AnExistingFileIsNeverOverwritten) {
 TEST_F(RestoreTest, AFileThatAppearsAtTheLastMomentIsNotOverwritten) {
   const std::string path = write("a", "old");
   const std::string uuid = take(path);
-  before("content sent", [&] { write("a", "new"); });
+  before("file made", [&] { write("a", "new"); });
   expectKept(restore(uuid), uuid, "exists already");
   EXPECT_EQ(testsupport::readFile(path), "new");
   EXPECT_THAT(namesIn(at("")), ElementsAre("a"));

@@ -236,6 +236,36 @@ TEST_F(SettingsTest, ATextThatIsNoChangeIsRefused) {
   refusal(0, R"({"Common":{"SkipSize":)" + std::string(2 << 20, '1') + "}}");
 }
 
+TEST_F(SettingsTest, AChangeOfMoreThanAMebibyteIsRefused) {
+  const std::string change = R"({"Common":{"SkipSize":5}})";
+  EXPECT_EQ(refusal(0, change + std::string((1 << 20) + 1 - change.size(), ' ')),
+            "the change is longer than 1048576 bytes");
+  accept(0, change + std::string((1 << 20) - change.size(), ' '));
+}
+
+TEST_F(SettingsTest, ATextLongerThanItMayBeIsRefused) {
+  const auto change = [](std::size_t size) {
+    return R"({"Cloud":{"PublicCloudUrl":")" + std::string(size, 'x') + R"("}})";
+  };
+  accept(4, change(2048));
+  EXPECT_EQ(refusal(4, change(2049)), "Cloud.PublicCloudUrl must be at most 2048 bytes long");
+}
+
+TEST_F(SettingsTest, AChangeThatCannotBeStoredIsNone) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(
+      sqlite3_exec(db,
+                   "CREATE TRIGGER refuse BEFORE INSERT ON settings BEGIN SELECT RAISE(ABORT,'refused'); END",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK);
+  sqlite3_close(db);
+  const auto generation = settings().generation();
+  EXPECT_THAT(refusal(0, R"({"Common":{"SkipSize":5}})"), testing::StartsWith("cannot be stored: "));
+  EXPECT_EQ(value(0, "Common", "SkipSize").asInt(), 0);
+  EXPECT_EQ(settings().generation(), generation);
+}
+
 TEST_F(SettingsTest, ReasonsShowControlCharacters) {
   EXPECT_EQ(refusal(0, R"({"Common":{"a\u001b[2J\nb":1}})"), "there is no setting Common.a\\x1b[2J\\nb");
   EXPECT_EQ(refusal(4, R"({"Cloud":{"PublicCloudUrl":"a\nb"}})"),
