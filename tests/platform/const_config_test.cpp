@@ -65,6 +65,22 @@ TEST(ConstConfig, WithoutAStateHomeItLiesUnderTheUsersHomeWhateverTheEnvironment
 
 TEST(ConstConfig, ARelativeStateHomeIsIgnored) {
   EXPECT_EQ(logDirWith("relative/path"), inTheUsersHome());
+  const testsupport::TempDir dir;
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  std::filesystem::create_directory("state");
+  EXPECT_EQ(logDirWith("state"), inTheUsersHome()) << "though it stands";
+  std::filesystem::current_path(before);
+}
+
+TEST(ConstConfig, WhoActsForAnotherUserForAMomentKeepsItsOwnFolder) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "needs a second user";
+  }
+  ASSERT_EQ(seteuid(54321), 0);
+  const std::string folder = logDirWith(nullptr);
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(folder, inTheUsersHome());
 }
 
 TEST(ConstConfig, AStateHomeThatOthersMayWriteIsIgnoredAndNothingIsMadeThere) {

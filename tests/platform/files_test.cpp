@@ -4,15 +4,30 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <utility>
 
 #include "support/FileCalls.h"
 #include "support/TempDir.h"
+
+namespace {
+std::function<void(const std::string&)> gBeforeMkdir;  ///< what somebody else does at that moment; else empty
+}
+
+/// Before the C library's own.
+extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+  if (const auto then = std::exchange(gBeforeMkdir, nullptr)) {
+    then(path);
+  }
+  return static_cast<int>(syscall(SYS_mkdir, path, mode));
+}
 
 namespace {
 
@@ -64,6 +79,54 @@ TEST(File, ReplacingSyncsTheContentBeforeTheNameAndTheFolderBehindIt) {
   EXPECT_EQ(CFile::replaceAtomically(dir.at("folder/f"), "new", 0600), 0);
   EXPECT_THAT(calls.seen(),
               ElementsAre("write .tmp-ID", "sync .tmp-ID", "rename .tmp-ID to f", "sync folder"));
+}
+
+TEST(File, ReplacingGivesTheModeWhateverTheMask) {
+  const TempDir dir;
+  const mode_t before = umask(077);
+  EXPECT_EQ(CFile::replaceAtomically(dir.at("f"), "new", 0644), 0);
+  umask(before);
+  struct stat st {};
+  ASSERT_EQ(stat(dir.at("f").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+}
+
+TEST(File, ReplacingLetsNobodyElseReadWhatIsNotWholeYet) {
+  const TempDir dir;
+  const pid_t child = fork();
+  if (child == 0) {
+    umask(0);
+    FileCalls calls;
+    const rlimit none{0, 0};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &none);
+    calls.fail("unlink .tmp-", "", EPERM);  // so that it can be looked at
+    _exit(CFile::replaceAtomically(dir.at("f"), "new", 0644));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), EFBIG);
+  const auto left = *std::filesystem::directory_iterator(dir.path());
+  EXPECT_EQ(left.status().permissions(), std::filesystem::perms(0600));
+}
+
+TEST(File, ASignalDuringAReadOrWriteCostsNothing) {
+  const TempDir dir;
+  FileCalls calls;
+  calls.fail("write .tmp-", "", EINTR, 1);
+  EXPECT_EQ(CFile::replaceAtomically(dir.at("f"), "new", 0600), 0);
+  calls.fail("read f", "", EINTR, 1);
+  EXPECT_EQ(CFile::readAll(dir.at("f")), "new");
+}
+
+TEST(File, AReadThatFailsTellsWhy) {
+  const TempDir dir;
+  const std::string path = dir.write("f", "content");
+  FileCalls calls;
+  calls.fail("read f", "", EIO);
+  int error = 0;
+  EXPECT_EQ(CFile::readAll(path, &error), std::nullopt);
+  EXPECT_EQ(error, EIO);
 }
 
 struct FailingCall {
@@ -242,6 +305,63 @@ TEST(WhyUnsafe, AFileThatOthersCanWriteIsNamed) {
   EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("x.so can be written by others"));
 }
 
+TEST(WhyUnsafe, AFileThatTheGroupOrOthersCanWriteIsNamedThoughItIsSticky) {
+  const TempDir dir;
+  const std::string path = dir.write("x.so", "");
+  for (const mode_t mode : {0620U, 0602U, 01666U}) {
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("x.so can be written by others")) << mode;
+  }
+}
+
+/// What a process that is another user, or has another root, says; "" for nothing.
+std::string saidBy(const std::function<std::string()>& asked) {
+  int ends[2];
+  if (pipe(ends) != 0) {
+    return "no pipe";
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    const std::string said = asked();
+    _exit(write(ends[1], said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 1);
+  }
+  close(ends[1]);
+  char text[4096];
+  const ssize_t count = read(ends[0], text, sizeof text);
+  close(ends[0]);
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status == 0 && count >= 0 ? std::string(text, static_cast<std::size_t>(count)) : "no answer";
+}
+
+TEST(WhyUnsafe, ForAnOrdinaryUserItsOwnAndRootsFilesAreSafe) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can become a second user";
+  }
+  const TempDir dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const std::string own = dir.write("own", ""), theirs = dir.write("theirs", "");
+  ASSERT_EQ(chown(own.c_str(), 54321, 54321), 0);
+  ASSERT_EQ(chown(theirs.c_str(), 54322, 54322), 0);
+  const auto asUser = [](const std::string& path) {
+    return saidBy([&] { return setuid(54321) == 0 ? CDir::whyUnsafe(path) : "no other user"; });
+  };
+  EXPECT_EQ(asUser(own), "");
+  EXPECT_EQ(asUser(dir.path()), "");
+  EXPECT_THAT(asUser(theirs), HasSubstr("belongs to user 54322"));
+}
+
+TEST(WhyUnsafe, ARootFolderThatOthersCanWriteIsNamed) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can change the root folder";
+  }
+  const TempDir dir;
+  dir.write("x.so", "");
+  ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
+  EXPECT_EQ(saidBy([&] { return chroot(dir.path().c_str()) == 0 ? CDir::whyUnsafe("/x.so") : "no chroot"; }),
+            "/ can be written by others than its owner");
+}
+
 TEST(WhyUnsafe, AFolderOnTheWayThatTheGroupCanWriteIsNamed) {
   const TempDir dir;
   const std::string path = dir.write("lib/x.so", "");
@@ -321,6 +441,16 @@ TEST_F(LinksOnTheWay, InACircleAreRefused) {
   EXPECT_THAT(CDir::whyUnsafe(dir_.at("one/f")), HasSubstr(std::strerror(ELOOP)));
 }
 
+TEST_F(LinksOnTheWay, AreFollowedAsManyTimesAsTheKernelFollowsThem) {
+  link("real", "link1");
+  for (int i = 2; i <= 41; ++i) {
+    link("link" + std::to_string(i - 1), "link" + std::to_string(i));
+  }
+  EXPECT_TRUE(std::filesystem::exists(dir_.at("link40/f")));
+  EXPECT_EQ(CDir::resolveSafe(dir_.at("link40/f")), dir_.at("real/f"));
+  EXPECT_THAT(CDir::whyUnsafe(dir_.at("link41/f")), HasSubstr(std::strerror(ELOOP)));
+}
+
 TEST_F(LinksOnTheWay, InAFolderThatOthersMayWriteAreRefusedWhereverTheyLead) {
   std::filesystem::create_directory(dir_.at("open"));
   link("../real", "open/link");
@@ -397,6 +527,52 @@ TEST(MakeSafe, WhereAFileStandsFailsWithTheReason) {
   EXPECT_THAT(why, HasSubstr("cannot make the folder"));
 }
 
+/// Somebody makes what is to be made, between the look and the making.
+class PlantedMeanwhile : public testing::Test {
+ protected:
+  PlantedMeanwhile() { dir_.write("real/f", ""); }
+  ~PlantedMeanwhile() override { gBeforeMkdir = nullptr; }
+  std::string why() const {
+    std::string why;
+    EXPECT_EQ(CDir::makeSafe(dir_.at("new/below"), 0700, &why), "");
+    return why;
+  }
+  const TempDir dir_;
+};
+
+TEST_F(PlantedMeanwhile, ALinkIsNotFollowed) {
+  gBeforeMkdir = [this](const std::string&) {
+    std::filesystem::create_symlink(dir_.at("real"), dir_.at("new"));
+  };
+  EXPECT_THAT(why(), HasSubstr("new: " + std::string(std::strerror(ENOTDIR))));
+  EXPECT_FALSE(std::filesystem::exists(dir_.at("real/below")));
+}
+
+TEST_F(PlantedMeanwhile, AnotherUsersFolderIsRefused) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a folder to a second user";
+  }
+  gBeforeMkdir = [this](const std::string&) {
+    ASSERT_TRUE(std::filesystem::create_directory(dir_.at("new")));
+    ASSERT_EQ(chown(dir_.at("new").c_str(), 54321, 54321), 0);
+  };
+  EXPECT_THAT(why(), HasSubstr("new belongs to user 54321"));
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.at("new")));
+}
+
+TEST(ResolveForFiles, RefusesAFileAndWhatGroupOrOthersMayWriteThoughItIsSticky) {
+  const TempDir dir;
+  std::string why;
+  EXPECT_EQ(CDir::resolveForFiles(dir.write("f", ""), &why), "");
+  EXPECT_THAT(why, HasSubstr("f is no folder"));
+  ASSERT_EQ(mkdir(dir.at("folder").c_str(), 0700), 0);
+  EXPECT_EQ(CDir::resolveForFiles(dir.at("folder")), dir.at("folder"));
+  for (const mode_t mode : {01770U, 01707U}) {
+    ASSERT_EQ(chmod(dir.at("folder").c_str(), mode), 0);
+    EXPECT_EQ(CDir::resolveForFiles(dir.at("folder")), "") << mode;
+  }
+}
+
 TEST(MakeSafe, BelowAFolderThatOthersMayWriteMakesNothing) {
   const TempDir dir;
   ASSERT_EQ(mkdir(dir.at("open").c_str(), 0700), 0);
@@ -442,7 +618,8 @@ INSTANTIATE_TEST_SUITE_P(Paths, Format,
                          testing::Values(FormatCase{"/opt/x/bin/../", "/opt/x/", "/opt/x"},
                                          FormatCase{"/opt//x/./log/", "/opt/x/log/", "/opt/x/log"},
                                          FormatCase{"/", "/", "/"}, FormatCase{"/../..", "/", "/"},
-                                         FormatCase{"", "./", ""}, FormatCase{"a/../../b", "../b/", "../b"}));
+                                         FormatCase{"", "./", ""}, FormatCase{"a/../../b", "../b/", "../b"},
+                                         FormatCase{"../../b", "../../b/", "../../b"}));
 
 TEST(Format, ADirectoryWithoutSeparatorEndsInNone) {
   EXPECT_EQ(utils::FormatDir("/a/b//", false), "/a/b");

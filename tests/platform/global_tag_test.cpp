@@ -1,13 +1,22 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <barrier>
 #include <csignal>
+#include <filesystem>
+#include <memory>
+#include <thread>
 
 #include "platform/CGlobalTag.h"
 #include "platform/Files.h"
+#include "support/FileCalls.h"
 #include "support/TempDir.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -75,6 +84,131 @@ TEST(GlobalTag, ThePidCanBeReadByOthersAndIsGoneWithTheHolder) {
     EXPECT_EQ(st.st_mode & 0777, 0644u);
   }
   EXPECT_EQ(other.attribute("pid"), "");
+}
+
+TEST(GlobalTag, WhatAHolderThatWasKilledHadSetIsGoneForTheNext) {
+  const TempDir dir;
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    CGlobalTag tag("MARK", in(dir));
+    const bool set = tag.trylock(false) == 1 && tag.setAttribute("pid", "7") && tag.setAttribute("x", "8");
+    (void)!write(ready[1], set ? "1" : "0", 1);
+    pause();
+    _exit(0);
+  }
+  char set = 0;
+  ASSERT_EQ(read(ready[0], &set, 1), 1);
+  EXPECT_EQ(set, '1');
+  CGlobalTag tag("MARK", in(dir));
+  EXPECT_EQ(tag.attribute("pid"), "7");
+  EXPECT_EQ(tag.attribute("x"), "8");
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(tag.trylock(false), 1);
+  EXPECT_EQ(tag.attribute("pid"), "");
+  EXPECT_FALSE(tag.setAttribute("", "x"));
+  close(ready[0]);
+  close(ready[1]);
+}
+
+TEST(GlobalTag, WhoWaitsGetsTheMarkWhenItsHolderLetsGo) {
+  const TempDir dir;
+  auto holder = std::make_unique<CGlobalTag>("MARK", in(dir));
+  ASSERT_EQ(holder->trylock(false), 1);
+  std::atomic<int> result{-1};
+  std::atomic<pid_t> waiter{0};
+  std::thread other([&] {
+    waiter = static_cast<pid_t>(syscall(SYS_gettid));
+    CGlobalTag tag("MARK", in(dir));
+    result = tag.trylock(true);
+  });
+  const auto asleepOrDone = [&] {
+    const std::string stat = testsupport::readFile("/proc/self/task/" + std::to_string(waiter) + "/stat");
+    return result != -1 || (waiter != 0 && stat.find(") S ") != std::string::npos);
+  };
+  EXPECT_TRUE(testsupport::waitFor(asleepOrDone));
+  EXPECT_EQ(result, -1) << "it waits";
+  holder.reset();
+  other.join();
+  EXPECT_EQ(result, 1);
+}
+
+TEST(GlobalTag, ASignalWhileItWaitsCostsNothing) {
+  const TempDir dir;
+  testsupport::FileCalls calls;
+  calls.fail("lock MARK.mark", "", EINTR, 2);
+  EXPECT_EQ(CGlobalTag("MARK", in(dir)).trylock(true), 1);
+}
+
+TEST(GlobalTag, OfTwoThatMakeTheMarkAtOnceOneHoldsIt) {
+  const TempDir dir;
+  for (int i = 0; i < 300; ++i) {
+    const std::string name = "MARK" + std::to_string(i);
+    CGlobalTag first(name, in(dir)), second(name, in(dir));
+    int firstGot = -1, secondGot = -1;
+    std::barrier together(2);
+    std::thread other([&] {
+      together.arrive_and_wait();
+      secondGot = second.trylock(false);
+    });
+    together.arrive_and_wait();
+    firstGot = first.trylock(false);
+    other.join();
+    ASSERT_EQ(firstGot + secondGot, 3) << first.lastError() << second.lastError();
+  }
+}
+
+TEST(GlobalTag, ItsFolderAndItsMarkAreThisProcesssAlone) {
+  const TempDir dir;
+  CGlobalTag tag("MARK", in(dir));
+  ASSERT_EQ(tag.trylock(false), 1);
+  struct stat st {};
+  ASSERT_EQ(stat(dir.at("run/lunet").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  int seen = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) == dir.at("run/lunet/MARK.mark")) {
+      ++seen;
+      EXPECT_NE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0);
+    }
+  }
+  EXPECT_EQ(seen, 1);
+}
+
+TEST(GlobalTag, WhatIsNoFileIsNoMark) {
+  const TempDir dir;
+  ASSERT_TRUE(CDir::make(dir.at("run/lunet"), 0700));
+  ASSERT_EQ(mkfifo(dir.at("run/lunet/MARK.mark").c_str(), 0600), 0);
+  CGlobalTag tag("MARK", in(dir));
+  EXPECT_EQ(tag.trylock(false), 0);
+  EXPECT_NE(tag.lastError().find("is not a file of its own"), std::string::npos) << tag.lastError();
+}
+
+TEST(GlobalTag, AMarkThatMayOnlyBeReadCanBeHeldAndTellsItsHolder) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can become a second user";
+  }
+  const TempDir dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  ASSERT_TRUE(CDir::make(dir.at("run/lunet"), 0755));
+  const auto byAnother = [&dir] {
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(setresuid(54322, 54322, 54322) == 0 ? CGlobalTag("MARK", in(dir)).trylock(false) : 9);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WEXITSTATUS(status);
+  };
+  {
+    CGlobalTag tag("MARK", in(dir));
+    ASSERT_EQ(tag.trylock(false), 1);
+    EXPECT_EQ(byAnother(), 2);
+  }
+  EXPECT_EQ(byAnother(), 1);
 }
 
 TEST(GlobalTag, APlantedSymbolicLinkIsNotFollowed) {

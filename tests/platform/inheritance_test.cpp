@@ -56,6 +56,32 @@ TEST(ClosingDescriptors, WithNothingToKeepClosesAll) {
             }));
 }
 
+TEST(StandardStreams, LeadNowhereAllThree) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto target = [](int fd) {
+      return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
+    };
+    platform::leaveStandardStreams();
+#ifdef TAV_SANITIZED
+    const bool error = true;  // the sanitizer's report goes there
+#else
+    const bool error = target(STDERR_FILENO) == "/dev/null";
+#endif
+    _exit(error && target(STDIN_FILENO) == "/dev/null" && target(STDOUT_FILENO) == "/dev/null" ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, status);
+}
+
+TEST(StandardStreams, NothingElseIsOpenFromThereOn) {
+  EXPECT_EQ(0, childHas({0, 1, 2}, [] {
+              platform::closeAllBut({});
+              platform::leaveStandardStreams();
+            }));
+}
+
 TEST(StandardStreams, LeadNowhereUnlessTheyAreKept) {
   int ends[2];
   ASSERT_EQ(0, pipe(ends));

@@ -74,11 +74,48 @@ TEST_F(DebugLog, TheFileIsRotatedAndOnlySoManyBackupsAreKept) {
   EXPECT_EQ(files, 3u);
 }
 
+TEST_F(DebugLog, OnlyItsOwnerReadsTheFile) {
+  const mode_t before = umask(0);
+  configure(dir_.path());
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "private");
+  umask(before);
+  struct stat st {};
+  ASSERT_EQ(stat(dir_.at("unit.log").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(DebugLog, PropertiesThatAreNoNumbersOrOutOfRangeChangeNothing) {
+  configure(dir_.path(), "3");
+  CLogDebug* log = CLogDebug::Instance();
+  for (const char* text : {"", "x", "1x"}) {
+    log->SetProperty(CLogDebug::kLevel, text);
+    log->SetProperty(CLogDebug::kSize, text);
+    log->SetProperty(CLogDebug::kBackupCount, text);
+  }
+  for (const char* text : {"0", "-5"}) {
+    log->SetProperty(CLogDebug::kSize, text);
+  }
+  log->SetProperty(CLogDebug::kBackupCount, "-1");
+  EXPECT_FALSE(CLogDebug::CheckLogLevel(2));
+  CLogDebug::LogPrintStr(3, "s", "f", 1, "written");
+  EXPECT_THAT(content(), HasSubstr("written"));
+}
+
+TEST_F(DebugLog, ANewPropertyHoldsFromTheNextRecordOn) {
+  configure(dir_.path());
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "first");
+  CLogDebug::Instance()->SetProperty(CLogDebug::kName, "second");
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "second");
+  EXPECT_THAT(content(), Not(HasSubstr("second")));
+  EXPECT_THAT(readFile(dir_.at("second.log")), HasSubstr("second"));
+}
+
 TEST_F(DebugLog, AFolderThatCannotBeWrittenCostsTheLogOnly) {
   dir_.write("file", "");
   configure(dir_.at("file/below"));
   CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
   EXPECT_NE(CLogDebug::Instance(), nullptr);
+  EXPECT_FALSE(std::filesystem::exists("/unit.log")) << "nor is it written elsewhere";
 }
 
 /// A folder as somebody else leaves it, with a link where the log goes.

@@ -44,6 +44,23 @@ TEST(Uuid, IsAFreshRandomVersionFourEachTime) {
   }
 }
 
+/// UTF-8 of a character of two or three bytes.
+std::string utf8(unsigned code) {
+  if (code < 0x800) {
+    return {static_cast<char>(0xC0 | code >> 6), static_cast<char>(0x80 | (code & 0x3F))};
+  }
+  return {static_cast<char>(0xE0 | code >> 12), static_cast<char>(0x80 | (code >> 6 & 0x3F)),
+          static_cast<char>(0x80 | (code & 0x3F))};
+}
+
+TEST(VisibleText, HidesWhatBreaksOrTurnsALineAndNotItsNeighbours) {
+  for (unsigned code = 0x80; code < 0x3000; ++code) {
+    const bool hidden = code < 0xA0 || code == 0x061C || code == 0x200E || code == 0x200F ||
+                        (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+    EXPECT_EQ(platform::visibleText(utf8(code)) != utf8(code), hidden) << std::hex << code;
+  }
+}
+
 struct VisibleCase {
   const char* name;
   std::string text;
@@ -74,6 +91,11 @@ INSTANTIATE_TEST_SUITE_P(
                                 "a\\xd8\\x9cb"},
                     VisibleCase{"BesideTheArabicLetterMark", "\xd8\x9b\xd8\x9d", "\xd8\x9b\xd8\x9d"},
                     VisibleCase{"RightToLeftOverride", "\xe2\x80\xae", "\\xe2\\x80\\xae"},
+                    VisibleCase{"OverlongThreeBytes", "\xe0\x80\xaf", "\\xe0\\x80\\xaf"},
+                    VisibleCase{"OverlongFourBytes", "\xf0\x80\x80\xaf", "\\xf0\\x80\\x80\\xaf"},
+                    VisibleCase{"LeadOfNoCharacter", "\xf9\x81\x80\x80", "\\xf9\\x81\\x80\\x80"},
+                    VisibleCase{"LetterForAFollowingByte", "\xc3\x41", "\\xc3\x41"},
+                    VisibleCase{"LeadForAFollowingByte", "\xc3\xc3\xa4", "\\xc3\xc3\xa4"},
                     VisibleCase{"FourBytes", "\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"}),
     [](const auto& row) { return row.param.name; });
 
