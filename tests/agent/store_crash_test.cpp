@@ -68,6 +68,12 @@ TEST_P(CrashWhileAddingTest, LeavesTheFileWhereItWasOrACompleteItem) {
   expectExactlyOne(path, before);
 }
 
+TEST_F(CrashTest, AnItemWithoutItsNameYetIsNotSaidToBeMissing) {
+  const std::string path = write("victim");
+  dieAt("recorded", [&] { add(path); });
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its removal had not begun")));
+}
+
 TEST_P(CrashWhileAddingTest, AndAgainWhileThatIsSettledLosesNothing) {
   const std::string path = writeRich("victim");
   const FileFacts before = FileFacts::of(path);

@@ -1,4 +1,5 @@
 #include <sys/mount.h>
+#include <sys/xattr.h>
 
 #include <algorithm>
 #include <fstream>
@@ -106,6 +107,42 @@ TEST_F(AddTest, TheTypeIsToldByTheBeginningOfALongFile) {
       std::string((1 << 16) - 4, 'x') + "MZ";
   take(write("long", content));
   EXPECT_EQ(items()[0]["filetype_src"], "ELF");
+}
+
+TEST_F(AddTest, AttributesOfAnyNumberAndLengthComeBack) {
+  const std::string path = write("many");
+  for (int i = 0; i < 12; ++i) {
+    const std::string name = "user." + std::string(95, 'n') + std::to_string(i);
+    ASSERT_EQ(::setxattr(path.c_str(), name.c_str(), "v", 1, 0), 0);
+  }
+  ASSERT_EQ(::setxattr(path.c_str(), "user.long", std::string(1000, 'v').data(), 1000, 0), 0);
+  const FileFacts before = FileFacts::of(path);
+  ASSERT_EQ(before.attributes.size(), 13U);
+  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_EQ(FileFacts::of(path), before);
+}
+
+TEST_F(AddTest, AFileSystemWithoutAttributesIsNoReasonToRefuse) {
+  const std::string path = write("plain", "content");
+  testsupport::FileCalls calls;
+  calls.fail("list attributes", "", ENOTSUP);
+  EXPECT_TRUE(restore(take(path)).ok);
+}
+
+TEST_F(AddTest, AttributesThatCannotBeReadAreAReasonToRefuse) {
+  const std::string path = write("plain", "content");
+  testsupport::FileCalls calls;
+  calls.fail("list attributes", "", EIO);
+  expectRefused(add(path), "cannot read its attributes: Input/output error");
+}
+
+TEST_F(AddTest, AnItemInAnUnknownStateIsADamagedStore) {
+  take(write("file"));
+  store_.reset();
+  for (const char* state : {"-1", "3"}) {
+    sql(("UPDATE items SET state=" + std::string(state)).c_str());
+    EXPECT_THROW(reopen(), std::runtime_error) << state;
+  }
 }
 
 TEST_F(AddTest, AnItemWhoseRowCannotBeCompletedIsCompletedAtTheNextStart) {
@@ -572,6 +609,21 @@ TEST_F(LimitTest, CleaningToARateDeletesTheOldestUntilThatMuchIsFree) {
   EXPECT_EQ(names(), (std::vector<std::string>{"third", "fourth", "new"}));
 }
 
+TEST_F(LimitTest, CleaningLeavesWhatIsJustBeingTaken) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  take(write("old"));
+  pretend("UPDATE items SET stored_bytes=1000000000");
+  const std::string path = write("under way", "content");
+  before("named", [&] {
+    set(R"({"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":100}})");
+    take(write("new"));
+  });
+  EXPECT_TRUE(add(path).ok);
+  EXPECT_EQ(names(), (std::vector<std::string>{"under way", "new"}));
+  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_EQ(testsupport::readFile(path), "content");
+}
+
 TEST_F(LimitTest, TheRateIsWhatIsToBeFree) {
   set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":75}})");
   for (const char* name : {"first", "second", "third", "fourth"}) {
@@ -629,7 +681,8 @@ INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
                                          TypeCase{"MZ\x90", "a.txt", "PE"},
                                          TypeCase{"#!/bin/sh", "a", "script"},
                                          TypeCase{"PK\x03\x04", "a", "zip"}, TypeCase{"%PDF-1", "a", "PDF"},
-                                         TypeCase{"", "a.doc", "doc"}, TypeCase{"text", ".profile", ""},
+                                         TypeCase{"", "a.doc", "doc"}, TypeCase{"", "a.12345678", "12345678"},
+                                         TypeCase{"", "a.123456789", ""}, TypeCase{"text", ".profile", ""},
                                          TypeCase{"text", "noending", ""}));
 
 TEST(Hex, OfAnOddLengthOrWithOtherLettersIsNone) {

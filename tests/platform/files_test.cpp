@@ -31,8 +31,10 @@ extern "C" int mkdir(const char* path, mode_t mode) noexcept {
 
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testsupport::FileCalls;
 using testsupport::readFile;
 using testsupport::TempDir;
@@ -117,6 +119,7 @@ TEST(File, ASignalDuringAReadOrWriteCostsNothing) {
   EXPECT_EQ(CFile::replaceAtomically(dir.at("f"), "new", 0600), 0);
   calls.fail("read f", "", EINTR, 1);
   EXPECT_EQ(CFile::readAll(dir.at("f")), "new");
+  EXPECT_THAT(calls.seen(), Not(Contains(HasSubstr("open for children"))));
 }
 
 TEST(File, AReadThatFailsTellsWhy) {

@@ -111,6 +111,25 @@ int observedRename(int fromFolder, const char* from, int toFolder, const char* t
       [=] { return static_cast<int>(::syscall(SYS_renameat2, fromFolder, from, toFolder, to, flags)); });
 }
 
+bool isNameless(int flags) {
+  return (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+bool takesMode(int flags) {
+  return isNameless(flags) || (flags & O_CREAT) != 0;
+}
+
+int observedOpen(int folder, const char* name, int flags, mode_t mode) {
+  if (gRecord != nullptr && isNameless(flags) && refused("create nameless")) {
+    return -1;
+  }
+  const int fd = static_cast<int>(::syscall(SYS_openat, folder, name, flags, mode));
+  if (gRecord != nullptr && fd >= 0 && (flags & O_CLOEXEC) == 0) {
+    note("open for children " + nameOf(name));
+  }
+  return fd;
+}
+
 }  // namespace
 
 // Before the C library's own.
@@ -179,15 +198,26 @@ int unlinkat(int folder, const char* name, int flags) noexcept {
 }
 
 int openat(int folder, const char* name, int flags, ...) {
-  const bool nameless = (flags & O_TMPFILE) == O_TMPFILE;
   va_list rest;
   va_start(rest, flags);
-  const mode_t mode = nameless || (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+  const mode_t mode = takesMode(flags) ? va_arg(rest, mode_t) : 0;
   va_end(rest);
-  if (nameless && gRecord != nullptr && refused("create nameless")) {
+  return observedOpen(folder, name, flags, mode);
+}
+
+int open(const char* name, int flags, ...) {
+  va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = takesMode(flags) ? va_arg(rest, mode_t) : 0;
+  va_end(rest);
+  return observedOpen(AT_FDCWD, name, flags, mode);
+}
+
+ssize_t flistxattr(int fd, char* list, size_t size) noexcept {
+  if (gRecord != nullptr && refused("list attributes of " + nameOf(fd))) {
     return -1;
   }
-  return static_cast<int>(::syscall(SYS_openat, folder, name, flags, mode));
+  return static_cast<ssize_t>(::syscall(SYS_flistxattr, fd, list, size));
 }
 
 }  // extern "C"
