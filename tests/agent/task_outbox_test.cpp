@@ -168,7 +168,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 class RetriedOn : public ::testing::TestWithParam<std::pair<const char*, std::uint32_t>> {};
 
-TEST_P(RetriedOn, TheNoticeIsTriedAgainAndLeavesBeforeThoseBehindIt) {
+TEST_P(RetriedOn, TheNoticeIsTriedAgainAndNotLost) {
   Receiver console;
   console.answer(GetParam().second);
   Outbox outbox(quick());
@@ -189,6 +189,20 @@ INSTANTIATE_TEST_SUITE_P(Errors, RetriedOn,
                                            std::pair("WantOfMemory", std::uint32_t{lunet::kErrSystem})),
                          [](const auto& row) { return std::string(row.param.first); });
 
+TEST(Outbox, ANoticeThatIsTriedAgainLeavesBeforeThoseBehindIt) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  std::atomic<int> tries{0};
+  outbox.post(mail, kKept, 10, [&, first = console.notice("1")]() -> std::uint32_t {
+    return ++tries == 1 ? lunet::kErrQueueFull : first();
+  });
+  outbox.post(mail, kKept, 10, console.notice("2"));
+  outbox.post(mail, kKept, 10, console.notice("3"));
+  ASSERT_TRUE(outbox.drain(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("1", "2", "3"));
+}
+
 TEST(Outbox, AProgressThatWasNotTakenGivesWayToANewerOneThatCameMeanwhile) {
   Receiver console;
   Outbox outbox(quick());
@@ -206,7 +220,7 @@ TEST(Outbox, AProgressThatWasNotTakenGivesWayToANewerOneThatCameMeanwhile) {
   EXPECT_THAT(console.taken(), ElementsAre("newer"));
 }
 
-TEST(Outbox, WhatIsPostedByTheActionBehindTheLastNoticeLeavesToo) {
+TEST(Outbox, WhatIsPostedByTheActionLeavesBeforeTheActionThatIsSetThen) {
   Receiver console;
   Outbox outbox(quick());
   const auto mail = box();
@@ -217,6 +231,16 @@ TEST(Outbox, WhatIsPostedByTheActionBehindTheLastNoticeLeavesToo) {
     outbox.whenEmpty(mail, [&] { second.set_value(); });
   });
   EXPECT_EQ(std::future_status::ready, second.get_future().wait_for(std::chrono::seconds(10)));
+  EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
+}
+
+TEST(Outbox, ANoticeThatIsPostedByTheActionBehindTheLastOneLeavesToo) {
+  Receiver console;
+  Outbox outbox(quick());
+  const auto mail = box();
+  outbox.post(mail, kKept, 10, console.notice("1"));
+  outbox.whenEmpty(mail, [&] { outbox.post(mail, kKept, 10, console.notice("2")); });
+  EXPECT_TRUE(waitFor([&] { return console.taken().size() == 2; }));
   EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
 }
 

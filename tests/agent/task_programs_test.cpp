@@ -104,6 +104,22 @@ TEST_F(RunningProgramsTest, ProcessesThatBeginAndEndAreSeenByTheSameTable) {
   EXPECT_TRUE(waitFor([&] { return programs.running(identity()).size() == 1; }));
 }
 
+TEST_F(RunningProgramsTest, WithinASecondTheTableIsNotReadAgain) {
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    RunningPrograms programs;
+    const auto begin = std::chrono::steady_clock::now();
+    programs.running(identity());
+    testsupport::Process second({program, "60"});
+    ASSERT_TRUE(waitFor([&] { return find().size() == 2; }));
+    const std::size_t found = programs.running(identity()).size();
+    if (std::chrono::steady_clock::now() - begin < std::chrono::seconds(1)) {
+      EXPECT_EQ(1U, found);
+      return;
+    }
+  }
+  ADD_FAILURE() << "a process took more than a second to begin each time";
+}
+
 TEST_F(RunningProgramsTest, AProcessIsEndedAndGoneByThen) {
   for (int i = 0; i < 5; ++i) {
     testsupport::Process one({program, "60"});
