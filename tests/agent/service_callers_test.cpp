@@ -428,6 +428,42 @@ TEST_F(Service, ShowsAndObeysAsToATaskItsStarterAndRootAlone) {
   EXPECT_TRUE(waitFor([&] { return call(rootsIdentity(), "getBusList").empty(); }));
 }
 
+TEST_F(Service, TellsTheProcessThatStartedATaskAndNoOther) {
+  const CallingProcess starter(kUser, kOwnGroup, {});
+  const std::string path = dir_.write("files/file", "some text");
+  ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+  ASSERT_EQ(chmod(dir_.at("files").c_str(), 0755), 0);
+  ASSERT_TRUE(call(starter.identity(), "startScanTask", scanOf(path))["status"].asBool());
+  EXPECT_TRUE(waitFor([&] { return tasks_.count() == 0; }));
+  ASSERT_TRUE(outbox_.drain(std::chrono::seconds(20)));
+  ASSERT_FALSE(endpoint_.sent.empty());
+  for (const auto& notice : endpoint_.sent) {
+    EXPECT_EQ(notice.operation, "SendToProcess");
+    EXPECT_EQ(notice.process, starter.identity());
+    EXPECT_EQ(lunet::formatGuid(notice.target), lunet::formatGuid(lunet::parseGuid(lunet::kConsoleGuid)));
+  }
+}
+
+TEST_F(Service, DescribesAFileInAListOnlyToTheEyesOfWhoMayReadIt) {
+  const CallingProcess member(kUser, kGroup, {});
+  for (const auto& [owner, described] : {std::pair{uid_t{0}, false}, {kUser, true}}) {
+    const std::string path = dir_.write("files/of-" + std::to_string(owner), "content");
+    ASSERT_EQ(chown(path.c_str(), owner, owner), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    Json::Value params = object(R"({"desc":"d","region_type":1,"source":1,
+                                    "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
+    params["items"]["items"].append(json::encodePath(path));
+    ASSERT_TRUE(call(member.identity(), "ctlRegion", params).asBool());
+    for (const Json::Value& item : store_->regions().list(4, 0, 1)) {
+      if (json::decodePath(item["item"].asString()) == path) {
+        EXPECT_EQ(item["md5"].asString() != "", described) << owner;
+        EXPECT_EQ(item["file_size"].asInt() != 0, described) << owner;
+      }
+    }
+    EXPECT_EQ(store_->regions().list(4, 0, 1).size(), described ? 2U : 1U);
+  }
+}
+
 TEST_F(Service, AnUnknownKindOfSettingsIsAnErrorAnswer) {
   const Json::Value whole =
       answer(rootsIdentity(), "getAVConfig", object(R"({"config_type":3,"request_source":1})"));

@@ -1,7 +1,12 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <optional>
 
 #include "service/Callers.h"
 #include "service/Options.h"
@@ -60,11 +65,29 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(std::pair("Unknown", std::vector<std::string>{"--nonsense"}),
                       std::pair("ValueMissing", std::vector<std::string>{"--install-dir"}),
                       std::pair("ValueEmpty", std::vector<std::string>{"--install-dir", ""}),
+                      std::pair("NoSignatures", std::vector<std::string>{"--system-signatures", ""}),
                       std::pair("TwoActions", std::vector<std::string>{"--status", "--version"}),
                       std::pair("LogLevelFive", std::vector<std::string>{"--log-level", "5"}),
+                      std::pair("LogLevelZero", std::vector<std::string>{"--log-level", "0"}),
+                      std::pair("LogLevelOfTwoDigits", std::vector<std::string>{"--log-level", "22"}),
                       std::pair("LogLevelText", std::vector<std::string>{"--log-level", "all"}),
                       std::pair("Word", std::vector<std::string>{"start"})),
     [](const auto& row) { return std::string(row.param.first); });
+
+TEST(Options, ARelativeTreeIsRefusedWhereTheFolderItIsSeenFromIsGone) {
+  const testsupport::TempDir dir;
+  const pid_t child = fork();
+  if (child == 0) {
+    const std::string gone = dir.at("gone");
+    Options options;
+    std::string why;
+    const bool there = mkdir(gone.c_str(), 0700) == 0 && chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
+    _exit(!there ? 2 : parseOptions({"--install-dir", "tree"}, &options, &why) || why.empty() ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
 
 TEST(Options, TheHelpNamesEveryOption) {
   for (const char* name : {"--install-dir DIR", "--system-signatures DIR", "--log-level N", "--daemon",
@@ -100,6 +123,40 @@ TEST(Tree, ABusConfigurationThatOthersMayWriteIsAnErrorThatNamesIt) {
   std::string why;
   EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
   EXPECT_THAT(why, HasSubstr(file + " can be written by others"));
+}
+
+TEST(Tree, ABusConfigurationThatCannotBeReadOrIsNoObjectIsAnError) {
+  const testsupport::TempDir dir;
+  const std::string file = dir.write("etc/communication/cli_lunet.conf", "[]");
+  BusSettings settings;
+  std::string why;
+  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
+  EXPECT_THAT(why, HasSubstr(file));
+  std::filesystem::remove(file);
+  std::filesystem::create_directory(file);
+  why.clear();
+  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
+  EXPECT_THAT(why, HasSubstr(file));
+}
+
+TEST(Tree, TheFilesLogLevelIsTurnedIntoTheLibrarys) {
+  const testsupport::TempDir dir;
+  for (const auto& [level, librarys] : {std::pair{0, "-1"},
+                                        {1, "3"},
+                                        {2, "2"},
+                                        {3, "1"},
+                                        {4, "0"},
+                                        {6, "0"},
+                                        {7, "-1"},
+                                        {1000, "-1"},
+                                        {-1, "-1"},
+                                        {-1000000, "-1"}}) {
+    dir.write("etc/communication/cli_lunet.conf", "{\"log_level\":" + std::to_string(level) + "}");
+    BusSettings settings;
+    std::string why;
+    ASSERT_TRUE(readBusSettings(Tree(dir.path()), "name", &settings, &why)) << why;
+    EXPECT_THAT(settings.clientConfig, HasSubstr(std::string("\"log_level\":") + librarys)) << level;
+  }
 }
 
 TEST(MayChange, RootTheAgentsUserAndTheGroupMayOthersMayNot) {
@@ -147,6 +204,60 @@ TEST(SignatureWatch, AChangeIsToldOnceWhenItHasSettled) {
   dir.write("b.ndb", "and longer still");
   EXPECT_FALSE(watch.changed());
   EXPECT_TRUE(watch.changed());
+}
+
+/// One file, of which one thing changes at a time.
+class WatchedFile : public ::testing::Test {
+ protected:
+  WatchedFile() {
+    dir_.write("a.ndb", "content");
+    setTime(file_, 1000, 5);
+    std::filesystem::create_hard_link(file_, other_);  // keeps the inode from being used again
+    watch_.emplace(std::vector<std::string>{dir_.path()});
+  }
+  static void setTime(const std::string& path, time_t seconds, long nanoseconds) {
+    const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  }
+  bool seen() {
+    watch_->changed();
+    return watch_->changed();
+  }
+  testsupport::TempDir dir_;
+  testsupport::TempDir elsewhere_;
+  const std::string file_ = dir_.at("a.ndb");
+  const std::string other_ = elsewhere_.at("kept");
+  std::optional<SignatureWatch> watch_;
+};
+
+TEST_F(WatchedFile, OfAnotherSizeIsSeen) {
+  dir_.write("a.ndb", "longer content");
+  setTime(file_, 1000, 5);
+  EXPECT_TRUE(seen());
+}
+
+TEST_F(WatchedFile, OfAnotherSecondOrNanosecondIsSeen) {
+  setTime(file_, 1001, 5);
+  EXPECT_TRUE(seen());
+  setTime(file_, 1001, 6);
+  EXPECT_TRUE(seen());
+}
+
+TEST_F(WatchedFile, ThatIsAnotherOneIsSeen) {
+  dir_.write("new", "content");
+  setTime(dir_.at("new"), 1000, 5);
+  std::filesystem::rename(dir_.at("new"), file_);
+  EXPECT_TRUE(seen());
+}
+
+TEST_F(WatchedFile, OfAnotherNameIsSeen) {
+  std::filesystem::rename(file_, dir_.at("b.ndb"));
+  EXPECT_TRUE(seen());
+}
+
+TEST_F(WatchedFile, BesideWhichAFolderAppearsHasNotChanged) {
+  std::filesystem::create_directory(dir_.at("folder"));
+  EXPECT_FALSE(seen());
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The bodies of the child processes, each in a child of the test's own that speaks to it directly.
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -84,12 +84,14 @@ class WorkerProcesses : public Children {
  protected:
   void startWorker(const std::string& disk) {
     Engine& loaded = engine();
-    const WorkerFolders folders{dir().at("quick"), disk};
+    const WorkerFolders folders{dir().at("worker-quick"), disk};
     start([&](Channel channel, pid_t) { runWorker(loaded, WorkerStart{std::move(channel), folders, {}}); });
   }
-  std::string disk() {
-    engine();
-    return dir().at("disk");
+  /// Other ones than those that the engine had until then.
+  std::string disk() const {
+    mkdir(dir().at("worker-quick").c_str(), 0700);
+    mkdir(dir().at("worker-disk").c_str(), 0700);
+    return dir().at("worker-disk");
   }
 };
 
@@ -142,8 +144,8 @@ TEST_F(WorkerProcesses, AnswerWithTheNumberOfTheRequest) {
 TEST_F(WorkerProcesses, UnpackNowhereButInTheirOwnFolders) {
   startWorker(disk());
   ASSERT_TRUE(hear<WorkerHello>(ours_));
-  std::filesystem::remove_all(dir().at("quick"));
-  std::filesystem::remove_all(dir().at("disk"));
+  std::filesystem::remove_all(dir().at("worker-quick"));
+  std::filesystem::remove_all(dir().at("worker-disk"));
   const std::string zip = dir().write("zip", testsupport::makeZip({{"test.com", testsupport::eicar()}}));
   ASSERT_TRUE(ours_.send(encode(ScanRequest{}), UniqueFd(open(zip.c_str(), O_RDONLY)).get()));
   const auto answer = hear<ScanAnswer>(ours_);
