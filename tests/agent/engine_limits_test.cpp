@@ -46,7 +46,7 @@ class EngineLimitsTest : public testing::EngineFixture {
 };
 
 TEST_F(EngineLimitsTest, AFileAboveTheFileLimitIsAnError) {
-  expectError(zerosThenSample(kFileLimit), "larger than the engine's limit");
+  expectError(zerosThenSample(kFileLimit), "larger than the engine's limit of 1048576 bytes for one file");
 }
 
 TEST_F(EngineLimitsTest, AFileOfExactlyTheFileLimitIsScannedWhole) {
@@ -114,7 +114,8 @@ TEST_F(EngineLimitsTest, MoreDataThanTheScanLimitIsAnError) {
 TEST_F(EngineLimitsTest, DeeperNestingThanTheRecursionLimitIsAnError) {
   ScanOptions options;
   options.maxLayers = 100;
-  const Verdict verdict = scan(makeNestedZip(20, "test.com", eicar()), options);
+  EXPECT_EQ(scan(makeNestedZip(10, "test.com", eicar()), options).outcome, Outcome::kInfected);
+  const Verdict verdict = scan(makeNestedZip(14, "test.com", eicar()), options);  // below the library's own
   EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
   EXPECT_THAT(verdict.reason, HasSubstr("nested deeper"));
 }
@@ -196,6 +197,34 @@ TEST_F(EngineLimitsTest, WhatDoesNotFitTheQuickTemporaryFolderIsUnpackedOnDisk) 
   EXPECT_EQ(clean.outcome, Outcome::kClean) << describe(clean);
 }
 
+TEST_F(EngineLimitsTest, NoFileInTheQuickTemporaryFolderIsLargerThanItsLimit) {
+  EngineLimits limits = smallLimits();
+  limits.quickTempBytes = 64U << 10;
+  load(limits);
+  engine().setTempFolders(dir().at("quick"), dir().at("nowhere"));
+  expectError(makeZip({{"big", zerosThenSample(500000)}}), "the engine reports");
+  EXPECT_EQ(scan(makeZip({{"small", zerosThenSample(50000)}})).outcome, Outcome::kInfected);
+}
+
+TEST_F(EngineLimitsTest, AFileOfMoreThanHalfTheQuickLimitIsUnpackedOnDiskFromTheBeginning) {
+  EngineLimits limits = smallLimits();
+  limits.quickTempBytes = 64U << 10;
+  load(limits);
+  engine().setTempFolders(dir().at("nowhere"), dir().at("disk"));
+  ZipMember stored{"noise", noise(32U << 10)};
+  stored.deflate = false;
+  const Verdict verdict = scan(makeZip({stored, {"test.com", eicar()}}));
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+  stored.content.resize(30U << 10);
+  expectError(makeZip({stored, {"test.com", eicar()}}), "the engine reports");
+}
+
+TEST_F(EngineLimitsTest, AnArchiveFarBehindTheBeginningOfAFileIsUnpacked) {
+  load(EngineLimits{});
+  const Verdict verdict = scan(noise(1500000) + makeZip({{"test.com", eicar()}}));  // above the library's own
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+}
+
 TEST_F(EngineLimitsTest, TemporarySpaceThatIsFullIsAnError) {
   engine().setTempFolders("", dir().at("nowhere"));
   expectError(makeZip({{"one", std::string(50000, 'x')}}), "the engine reports");
@@ -214,6 +243,18 @@ TEST_F(EngineLimitsTest, WhatIsNotARegularFileIsAnError) {
   EXPECT_EQ(folder.reason, "not a regular file");
   const Verdict closed = engine().scan(-1, "closed", {});
   EXPECT_EQ(closed.outcome, Outcome::kError);
+  EXPECT_EQ(closed.reason, "cannot be examined: Bad file descriptor");
+}
+
+TEST_F(EngineLimitsTest, WhatCannotBeReadIsAnError) {
+  ScanOptions hashes;
+  hashes.hashesWanted = true;
+  for (const char* content : {"", "some text"}) {
+    const int fd = open(dir().write("file", content).c_str(), O_WRONLY | O_CLOEXEC);
+    const Verdict verdict = engine().scan(fd, "file", hashes);
+    close(fd);
+    EXPECT_EQ(verdict.outcome, Outcome::kError) << content << describe(verdict);
+  }
 }
 
 TEST_F(EngineLimitsTest, ReasonsHoldNoRawControlCharacters) {

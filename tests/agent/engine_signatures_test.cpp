@@ -59,6 +59,56 @@ TEST_F(Signatures, ASystemFolderThatDoesNotLoadLeavesOurOwnAndIsNamed) {
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }
 
+TEST_F(Signatures, TheReasonWhyAFolderDoesNotLoadIsThatOfThisLoad) {
+  writeSystem("broken.ndb", "this is no signature\n");
+  const auto detailNow = [&] {
+    SignatureState now;
+    EXPECT_TRUE(Engine::load({testing::kShippedSignatures, systemFolder(), smallLimits()}, now));
+    return now.detail;
+  };
+  const std::string first = detailNow();
+  EXPECT_THAT(first, HasSubstr("(")) << "the library's own word on it";
+  load(smallLimits(), systemFolder());
+  scan(testsupport::makeZip({{"test.com", testsupport::eicar()}}));
+  EXPECT_EQ(detailNow(), first) << "also behind a scan";
+}
+
+TEST_F(Signatures, AFolderThatCannotBeListedIsLeftOutAndNotNone) {
+  const std::string file = dir().write("no-folder", "x");
+  load(smallLimits(), file);
+  EXPECT_EQ(state().system, SystemDatabase::kLeftOut);
+  EXPECT_THAT(state().detail, HasSubstr("alone: " + file));
+}
+
+TEST_F(Signatures, OnlyFilesOfTheLibrarysKindsAreSignatureFiles) {
+  writeSystem("README.txt", "this is no signature\n");
+  writeSystem("folder.ndb/file", "this is no signature\n");
+  EXPECT_TRUE(SignatureFolder(systemFolder()).empty());
+  EXPECT_FALSE(SignatureFolder(systemFolder()).present());
+}
+
+TEST_F(Signatures, TheVersionIsTheSameWhateverTheOrderOfTheFilesAndAnotherOneWithAnotherName) {
+  for (const char* name : {"a.hdb", "b.hdb", "c.hdb"}) {
+    writeSystem(name, name);
+    dir().write(std::string("other/") + name, name);
+  }
+  const std::string key = SignatureFolder(systemFolder()).contentKey();
+  std::string expected;
+  for (const char* name : {"a.hdb", "b.hdb", "c.hdb"}) {
+    expected += systemFolder() + "/" + name;
+    EXPECT_THAT(key, ::testing::StartsWith(expected)) << name;
+    expected = key.substr(0, key.find('\n', expected.size()) + 1);
+  }
+  std::filesystem::rename(systemFolder() + "/a.hdb", systemFolder() + "/d.hdb");
+  EXPECT_NE(SignatureFolder(systemFolder()).contentKey(), key);
+}
+
+TEST_F(Signatures, APackedDatabaseMayComparePictures) {
+  EXPECT_FALSE(SignatureFolder(systemFolder()).comparesPictures());
+  writeSystem("main.cvd", "packed");
+  EXPECT_TRUE(SignatureFolder(systemFolder()).comparesPictures());
+}
+
 TEST_F(Signatures, WithoutOurOwnNothingIsLoaded) {
   SignatureState none;
   EXPECT_EQ(Engine::load({dir().at("none"), systemFolder(), smallLimits()}, none), nullptr);

@@ -147,18 +147,80 @@ TEST(ZipAudit, AnArchiveWithTwoDirectoriesIsAProblem) {
   EXPECT_EQ(audit(otherwise), "") << "what stands there is no directory";
 }
 
+// A number of two or four bytes of a zip.
+std::string changed(std::string zip, std::size_t at, std::size_t bytes, std::uint64_t value) {
+  for (std::size_t i = 0; i < bytes; ++i) {
+    zip[at + i] = static_cast<char>(value >> (8 * i) & 0xFF);
+  }
+  return zip;
+}
+
+TEST(ZipAudit, EachNumberThatStandsElsewhereIsAProblem) {
+  const std::string zip = makeZip({{.name = "a", .content = "content", .streamed = true}});
+  const std::size_t entry = directoryOf(zip);
+  for (const std::size_t at :
+       {std::size_t{18} /*packed, in the local header*/, std::size_t{22} /*size there*/,
+        entry + 20 /*packed, in the directory*/, entry + 24 /*size there*/, entry + 42 /*place*/}) {
+    EXPECT_THAT(audit(changed(zip, at, 4, 0xFFFFFFFF)), HasSubstr("has a 64-bit size")) << at;
+  }
+  for (const std::size_t fromEnd : {10U /*size*/, 6U /*place*/}) {
+    EXPECT_THAT(audit(changed(zip, zip.size() - fromEnd, 4, 0xFFFFFFFF)), HasSubstr("64-bit directory"))
+        << fromEnd;
+  }
+}
+
+TEST(ZipAudit, ADirectoryOutsideTheFileIsAProblemAlsoOfAZipBehindAProgramThatSaysItHasNoMembers) {
+  const std::string zip = "#!/bin/sh\nexit\n" + kHonest;
+  const std::string empty = changed(changed(zip, zip.size() - 14, 4, 0), zip.size() - 12, 2, 0);
+  for (const std::uint64_t bytes : {std::uint64_t{0xFFFFFF}, std::uint64_t{0xFFFFFFFE}}) {
+    EXPECT_THAT(audit(changed(empty, zip.size() - 10, 4, bytes)), HasSubstr("not where it says"));
+  }
+}
+
+TEST(ZipAudit, AMemberWithoutItsLocalHeaderIsAProblem) {
+  EXPECT_THAT(audit(changed(kHonest, 0, 1, 'Q')), HasSubstr("not where the directory says"));
+}
+
+TEST(ZipAudit, AMemberWhoseNameOrExtraFieldReachesBeyondTheEndIsAProblem) {
+  for (const std::size_t at : {std::size_t{26} /*name*/, std::size_t{28} /*extra field*/}) {
+    EXPECT_THAT(audit(changed(kHonest, at, 2, 0xFFFF)), HasSubstr("ends beyond the end")) << at;
+  }
+  EXPECT_THAT(audit(changed(kHonest, directoryOf(kHonest) + 28, 2, 0xFFFF)),
+              HasSubstr("directory is damaged"));
+}
+
+TEST(ZipAudit, ExtraFieldsAndCommentsOfEntriesAndASignatureBehindThemAreNoProblem) {
+  std::string zip = kHonest;
+  const std::size_t entry = directoryOf(zip);
+  const std::string behindName = zip.substr(entry + 46 + 7);
+  zip = zip.substr(0, entry + 46 + 7) + "extra" + "comment" + behindName;
+  zip = changed(changed(zip, entry + 30, 2, 5), entry + 32, 2, 7);
+  const std::size_t end = zip.size() - 22;
+  zip = changed(zip, end + 12, 4, end - entry);
+  EXPECT_EQ(audit(zip), "");
+  for (const std::string& signature : {std::string(100, 's'), std::string("PK\1\2")}) {
+    const std::string with = zip.substr(0, end) + signature + zip.substr(end);
+    EXPECT_EQ(audit(changed(with, with.size() - 10, 4, end - entry + signature.size())), "");
+  }
+}
+
+TEST(ZipAudit, TheEndRecordIsFoundBeforeTheLongestCommentThereIs) {
+  EXPECT_EQ(audit(kHonest + std::string(0xFFFF, 'c')), "");
+  EXPECT_THAT(audit(kHonest + std::string(0x10000, 'c')), HasSubstr("no directory"));
+}
+
+TEST(ZipAudit, AnEncryptedMemberIsLeftToTheLibraryToTell) {
+  EXPECT_EQ(audit(makeZip({{.name = "a", .content = "content", .method = 99}})), "");
+}
+
 TEST(ZipAudit, AMemberThatEndsBeyondTheEndOfTheFileIsAProblem) {
   const std::string honest = makeZip({{.name = "a", .content = "content", .deflate = false}});
   const std::size_t data = 30 + 1;
   for (const auto& [packedBytes, problem] : {std::pair{honest.size() - data, ""},
                                              {honest.size() - data + 1, "ends beyond the end of the file"},
                                              {std::size_t{0xFFFFFF}, "ends beyond the end of the file"}}) {
-    std::string zip = honest;
-    for (const std::size_t at : {std::size_t{18}, directoryOf(honest) + 20}) {
-      for (std::size_t i = 0; i < 4; ++i) {
-        zip[at + i] = static_cast<char>(packedBytes >> (8 * i) & 0xFF);
-      }
-    }
+    const std::string zip =
+        changed(changed(honest, 18, 4, packedBytes), directoryOf(honest) + 20, 4, packedBytes);
     EXPECT_THAT(audit(zip), HasSubstr(problem)) << packedBytes;
     EXPECT_EQ(audit(zip).empty(), std::string(problem).empty()) << packedBytes << audit(zip);
   }
