@@ -88,6 +88,16 @@ class ScanTaskTest : public ::testing::Test {
   /// The workers begin no file and end none until release().
   void hold() const { dir.write("hold", ""); }
   void release() const { std::filesystem::remove(dir.at("hold")); }
+  /// Waits for as long as another scan takes to tell its progress many times.
+  void waitForManyTicks() {
+    const std::shared_ptr<TaskListener> before = owner;
+    hold();
+    const std::unique_ptr<ScanTask> beside = begin(custom({dir.write("beside", "clean")}));
+    EXPECT_TRUE(testsupport::waitFor([&] { return owner->percents().size() >= 20; }));
+    release();
+    EXPECT_TRUE(beside->waitOver(std::chrono::seconds(20)));
+    owner = before;
+  }
   /// A plan of stages whose places all lie on a file system that is left out: programs alone are met.
   ScanPlan programsOf(ScanPlan::Mode mode) {
     fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };

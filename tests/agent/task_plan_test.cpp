@@ -1,17 +1,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <functional>
 #include <set>
 #include <thread>
 
+#include "OwnMounts.h"
 #include "json/CppJson.h"
 #include "platform/Descriptor.h"
 #include "support/TempDir.h"
@@ -444,23 +441,6 @@ TEST(Stages, TheWholeDiskIsWalkedByTheLastStageOfAFullScanAlone) {
   }
 }
 
-/// Runs it in a child process that has a user database of its own; its exit status, 77 without the rights.
-int withUsers(const std::string& database, const std::function<bool()>& what) {
-  const testsupport::TempDir dir;
-  const std::string own = dir.write("passwd", database);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount(own.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) {
-      _exit(77);
-    }
-    _exit(what() ? 0 : 1);
-  }
-  int status = -1;
-  EXPECT_EQ(child, waitpid(child, &status, 0));
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(HomeFolders, AreThoseOfRootAndOfPeopleThatAreThereEachOnce) {
   const testsupport::TempDir homes;
   for (const char* name : {"root", "person", "shared", "system"}) {
@@ -476,12 +456,17 @@ TEST(HomeFolders, AreThoseOfRootAndOfPeopleThatAreThereEachOnce) {
                                line("absent", 1003, homes.at("absent")) + line("slash", 1004, "/") +
                                line("relative", 1005, "etc") + line("none", 1006, "");
   const std::vector<std::string> expected{homes.at("person"), homes.at("root"), homes.at("shared")};
-  const int result = withUsers(
-      database, [&] { return chdir("/") == 0 && homeFolders() == expected && homeFolders() == expected; });
-  if (result == 77) {
+  std::vector<std::string> first, second;
+  const testsupport::TempDir dir;
+  if (!withOwnMounts(userDatabase(dir.write("passwd", database)), [&] {
+        ASSERT_EQ(0, chdir("/"));  // where the relative one would be
+        first = homeFolders();
+        second = homeFolders();
+      })) {
     GTEST_SKIP() << "this process may not make a mount namespace";
   }
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(expected, first);
+  EXPECT_EQ(expected, second);
 }
 
 TEST(HomeFolders, SeveralThreadsAskAndEachGetsThemAll) {
