@@ -8,6 +8,7 @@
 #include "store/Posix.h"
 #include "store/Schema.h"
 #include "store_fixture.h"
+#include "support/FileCalls.h"
 #include "support/Wait.h"
 
 namespace agent {
@@ -82,8 +83,15 @@ TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
   cache().remember(file(1), "v1", kMetNs);
   cache().flush();
   EXPECT_EQ(rowsOnDisk(), 1);
+  const testsupport::FileCalls calls;
   cache().flush();
-  EXPECT_EQ(rowsOnDisk(), 1);
+  EXPECT_THAT(calls.seen(), testing::IsEmpty()) << "there is nothing new";
+}
+
+TEST_F(CacheTest, TheFirstQuestionAfterARestartIsAnsweredFromTheDisk) {
+  cache().remember(file(1), "v1", kMetNs);
+  reopen();
+  EXPECT_TRUE(cache().isClean(file(1), "v1"));
 }
 
 TEST_F(CacheTest, AFullBatchIsWrittenWithoutBeingAsked) {

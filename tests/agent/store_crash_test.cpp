@@ -239,6 +239,16 @@ TEST_F(CrashTest, ADeletionThatCannotBeEndedIsTriedAgainByALaterStart) {
   EXPECT_THAT(namesIn(at("")), IsEmpty());
 }
 
+TEST_F(CrashTest, ADeletionThroughALinkedFolderIsSettledWhereTheFileIs) {
+  const std::string path = write("real/victim", "bad");
+  std::filesystem::create_symlink(at("real"), at("linked"));
+  ASSERT_NO_FATAL_FAILURE(
+      leaveAt("set aside", [&] { store().quarantine().remove(requestFor(at("linked/victim"))); }));
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("was ended")));
+  EXPECT_THAT(namesIn(at("real")), IsEmpty());
+}
+
 TEST_F(CrashTest, ADeletionThatWasGivenUpIsForgotten) {
   const std::string path = write("victim", "bad");
   before("deletion recorded", [&] {

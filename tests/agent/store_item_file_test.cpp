@@ -57,7 +57,13 @@ class ItemFileTest : public testing::Test {
 };
 
 TEST_F(ItemFileTest, AnItemAsItWasWrittenIsWhole) {
-  for (const std::string& content : {std::string(), std::string("x"), std::string(200'000, 'x')}) {
+  std::string noise(300'000, '\0');
+  std::uint32_t state = 1;
+  for (char& byte : noise) {
+    state = state * 1664525 + 1013904223;
+    byte = static_cast<char>(state >> 24);
+  }
+  for (const std::string& content : {std::string(), std::string("x"), std::string(200'000, 'x'), noise}) {
     EXPECT_EQ(whyDamaged(itemOf(content)), "");
   }
 }

@@ -115,7 +115,7 @@ TEST_F(AddTest, AttributesOfAnyNumberAndLengthComeBack) {
     const std::string name = "user." + std::string(95, 'n') + std::to_string(i);
     ASSERT_EQ(::setxattr(path.c_str(), name.c_str(), "v", 1, 0), 0);
   }
-  ASSERT_EQ(::setxattr(path.c_str(), "user.long", std::string(1000, 'v').data(), 1000, 0), 0);
+  ASSERT_EQ(::setxattr(path.c_str(), "user.\xff\n\x80", std::string(1000, 'v').data(), 1000, 0), 0);
   const FileFacts before = FileFacts::of(path);
   ASSERT_EQ(before.attributes.size(), 13U);
   EXPECT_TRUE(restore(take(path)).ok);
@@ -550,6 +550,19 @@ TEST_F(LimitTest, OfTwoFilesThatAreCopiedAtOnceTheOneThatPassesTheLimitIsKeptOut
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_TRUE(restore(uuidOf(other)).ok);
   EXPECT_TRUE(add(path).ok) << "what was refused takes no room";
+}
+
+TEST_F(LimitTest, AFileThatStaysTakesNoRoom) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  take(write("a"));
+  pretend("UPDATE items SET stored_bytes=1073741824-1000");
+  const std::string path = write("b");
+  before("named", [&] {
+    std::filesystem::remove(path);
+    write("b");
+  });
+  EXPECT_THAT(add(path).detail, HasSubstr("another file took its place"));
+  EXPECT_TRUE(add(path).ok);
 }
 
 TEST_F(LimitTest, SizeLimitZeroIsNoLimit) {

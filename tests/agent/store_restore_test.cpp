@@ -291,6 +291,13 @@ TEST_F(RestoreTest, AnItemWhoseFileIsStillBeingRemovedIsNotThereYet) {
   }
 }
 
+TEST_F(RestoreTest, AnItemIsListedUntilItsFileIsBack) {
+  const std::string uuid = take(write("a"));
+  before("content sent", [&] { EXPECT_EQ(uuidOf(at("a")), uuid); });
+  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_EQ(uuidOf(at("a")), "");
+}
+
 TEST_F(RestoreTest, ARefusedRestoreIsOverAndTheNextStartDoesNotSettleIt) {
   const std::string path = write("a", "content");
   const std::string uuid = take(path);
