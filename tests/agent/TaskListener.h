@@ -51,6 +51,7 @@ class TaskListener final : public TaskEvents {
     kind == kFileRisk ? risks_.push_back(json::decodePath(info["item"].asString()))
                       : processes_.push_back(info["process_info"]["pid"].asInt());
     lastName_ = info["risk_name"].asString();
+    lastMd5_ = info["filemd5_src"].asString();
   }
   void repaired(int kind, int, const Json::Value& info, const Json::Value& result) override {
     const std::lock_guard guard(mutex_);
@@ -71,6 +72,7 @@ class TaskListener final : public TaskEvents {
   std::vector<std::string> risks() const { return copied(risks_); }  ///< files, as they were told
   std::vector<int> processes() const { return copied(processes_); }  ///< by pid
   std::string lastName() const { return copied(lastName_); }         ///< of the last detection in a file
+  std::string lastMd5() const { return copied(lastMd5_); }
   int counted(const char* what) const { return copied(overview_)[what].asInt(); }
   /// What became of a file: 0 when nothing was told.
   int handled(const std::string& path) const { return result(files_, path, "handle_result").asInt(); }
@@ -97,7 +99,7 @@ class TaskListener final : public TaskEvents {
 
   mutable std::mutex mutex_;
   std::vector<int> states_, percents_, stages_, processes_;
-  std::string detail_, lastName_;
+  std::string detail_, lastName_, lastMd5_;
   std::vector<std::string> risks_;
   std::map<std::string, Json::Value> files_;
   std::map<pid_t, Json::Value> ofProcesses_;

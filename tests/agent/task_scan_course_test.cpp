@@ -426,6 +426,18 @@ TEST_F(ScanCourse, ARejectedFileIsADetectionAlsoWhenItWouldBeLeftOutOrCannotBeSc
   EXPECT_THAT(owner->risks(), ::testing::UnorderedElementsAre(large, deadly, archive));
 }
 
+TEST_F(ScanCourse, ARejectedFileThatAStopLeftUnscannedIsNoDetection) {
+  const std::string path = dir.write("file", "clean");
+  list(1, path);
+  hold();
+  const std::unique_ptr<ScanTask> task = begin(custom({path}));
+  ASSERT_TRUE(waitFor([&] { return begun(path) == 1; }));
+  EXPECT_TRUE(task->stop("enough"));
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 5));
+  EXPECT_THAT(owner->risks(), IsEmpty());
+}
+
 TEST_F(ScanCourse, ATrustedHashIsToldAsTrustedAndARejectedPathComesBeforeIt) {
   const std::string path = dir.write("file", testsupport::eicar());
   list(0, kMd5OfEicar, kMd5);

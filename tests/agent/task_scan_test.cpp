@@ -124,6 +124,7 @@ TEST_F(ScanTaskTest, AFileThatIsKnownCleanIsADetectionWhenItsPathIsRejected) {
   list(1, path);
   scan({path});
   EXPECT_THAT(owner->risks(), ElementsAre(path));
+  EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", owner->lastMd5());
 }
 
 TEST_F(ScanTaskTest, AFileOnDiskThatIsChangedThroughAMappingIsScannedAgain) {
