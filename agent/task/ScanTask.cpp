@@ -415,11 +415,10 @@ void ScanTask::submit(MetFile met, bool rejected, bool cacheable) {
 }
 
 /// What the lists of hashes and the rejection of its path make of a file's verdict. True when it is trusted.
+/// A file that the engine could not look into has its hashes all the same.
 bool ScanTask::applyRegions(const ScanJob& job, Verdict& verdict) {
-  const bool scanned = verdict.outcome == Outcome::kClean || verdict.outcome == Outcome::kInfected;
-  const RegionVerdict byHash = scanned && parts_.store.regions().hashesNeeded()
-                                   ? parts_.store.regions().byHash(verdict)
-                                   : RegionVerdict::kNone;
+  const RegionVerdict byHash =
+      parts_.store.regions().hashesNeeded() ? parts_.store.regions().byHash(verdict) : RegionVerdict::kNone;
   const bool cancelled = verdict.outcome == Outcome::kSkipped && control_.stopping();
   if (byHash == RegionVerdict::kRejected || (job.rejected && !cancelled)) {
     verdict.outcome = Outcome::kInfected;

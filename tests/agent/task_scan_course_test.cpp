@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "TaskFixture.h"
+#include "store/Digest.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -424,6 +425,20 @@ TEST_F(ScanCourse, ARejectedFileIsADetectionAlsoWhenItWouldBeLeftOutOrCannotBeSc
   plan.options.maxArchiveBytes = 100;
   scan(plan);
   EXPECT_THAT(owner->risks(), ::testing::UnorderedElementsAre(large, deadly, archive));
+}
+
+TEST_F(ScanCourse, ARejectedHashIsADetectionAlsoOfAFileThatCannotBeLookedInto) {
+  const std::string archive = testsupport::makeZip({{.name = "member", .content = std::string(2000, 'x')}});
+  store::Digest md5(store::Digest::Kind::kMd5);
+  md5.add(archive.data(), archive.size());
+  const std::string path = dir.write("archive", archive);
+  ScanPlan plan = custom({path});
+  plan.options.maxArchiveBytes = 100;
+  scan(plan);
+  EXPECT_THAT(owner->detail(), HasSubstr("1 skipped"));
+  list(1, md5.hex(), kMd5);
+  scan(plan);
+  EXPECT_THAT(owner->risks(), ElementsAre(path));
 }
 
 TEST_F(ScanCourse, ARejectedFileThatAStopLeftUnscannedIsNoDetection) {
