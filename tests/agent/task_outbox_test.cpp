@@ -274,12 +274,12 @@ TEST(Outbox, AStalledReceiverIsGivenUpAlsoWhileMoreIsPosted) {
 TEST(Outbox, AReceiverThatTakesItsNoticesSlowlyIsNotStalled) {
   Receiver console;
   Outbox::Limits limits = quick();
-  limits.stall = std::chrono::seconds(1);
+  limits.stall = std::chrono::milliseconds(1500);
   Outbox outbox(limits);
   const auto mail = box();
   for (int i = 0; i < 12; ++i) {
     outbox.post(mail, kKept, 10, [] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the receiver's own time
+      std::this_thread::sleep_for(std::chrono::milliseconds(140));  // the receiver's own time
       return std::uint32_t{lunet::kOk};
     });
   }

@@ -149,8 +149,6 @@ TEST_F(ScanCourse, OnANetworkFileSystemWhatWasAskedForIsScannedAndAStageIsNot) {
   scan(plan);
   EXPECT_EQ(0, owner->counted("checked_item_count"));
   EXPECT_NE(0, owner->counted("total_item_count"));
-  plan.networkFileSystems = true;
-  onStage = [this](int) { release(); };
   const std::string path = dir.write("file", testsupport::eicar());
   ScanPlan asked = custom({path});
   asked.networkFileSystems = false;
