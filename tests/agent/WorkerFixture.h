@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "EngineFixture.h"
+#include "support/HeldFile.h"
 #include "support/Wait.h"
 #include "worker/UniqueFd.h"
 #include "worker/WorkerPool.h"
@@ -158,24 +159,6 @@ class WorkerFixture : public ::testing::Test {
   std::mutex mutex_;
   std::map<std::string, Verdict> verdicts_;
   std::unique_ptr<Spawner> spawner_;
-};
-
-/// A file that nobody can open as long as the object lives: whoever tries waits.
-class HeldFile {
- public:
-  explicit HeldFile(const std::string& path) : file_(::open(path.c_str(), O_RDWR | O_CLOEXEC)) {
-    std::signal(SIGIO, SIG_IGN);  // tells of those who try
-    held_ = fcntl(file_.get(), F_SETLEASE, F_WRLCK) == 0;
-    EXPECT_TRUE(held_) << path;
-  }
-  ~HeldFile() { release(); }
-  HeldFile(const HeldFile&) = delete;
-  HeldFile& operator=(const HeldFile&) = delete;
-  void release() { file_.reset(); }
-
- private:
-  UniqueFd file_;
-  bool held_ = false;
 };
 
 /// No new descriptors for this process while the object lives, unless others are closed.

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "platform/CLogDebug.h"
 #include "service/BusLink.h"
 #include "support/InstallTree.h"
 
@@ -59,6 +60,23 @@ TEST_F(BusLinks, AtAnAddressThatIsTakenSaySoAndGetItOnceItIsFree) {
   }
   EXPECT_FALSE(lunet::listenerAt(settings().socketDir, lunet::parseGuid(lunet::kAgentGuid)));
   EXPECT_EQ(second.open(lunet::kAgentGuid), "");
+}
+
+TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
+  tree_.setBusConfig(R"({"log_level":1})");
+  CLogDebug* log = CLogDebug::Create();
+  log->SetProperty(CLogDebug::kPath, tree_.at("log") + "/");
+  log->SetProperty(CLogDebug::kName, "agent");
+  log->SetProperty(CLogDebug::kSize, "1000000");
+  log->SetProperty(CLogDebug::kBackupCount, "1");
+  log->SetProperty(CLogDebug::kLevel, "1");
+  {
+    BusLink link;
+    ASSERT_EQ(link.prepare(Tree(tree_.path()), settings()), "");
+    ASSERT_EQ(link.open(lunet::kAgentGuid), "");
+  }
+  CLogDebug::Close();
+  EXPECT_THAT(testsupport::readFile(tree_.at("log/agent.log")), HasSubstr(":bus:"));
 }
 
 TEST_F(BusLinks, WhereThereCanBeNoAddressSaySo) {

@@ -32,6 +32,9 @@ class Daemons : public ::testing::Test {
   int start(const std::function<void(Daemon&)>& body) {
     caller_ = fork();
     if (caller_ == 0) {
+      const int streams = open(dir_.write("streams", "the caller's").c_str(), O_RDWR);
+      dup2(streams, STDIN_FILENO);
+      dup2(streams, STDOUT_FILENO);
       Daemon daemon;
       // Under another name first, so that it is there whole.
       dir_.write("facts.new", facts());

@@ -320,7 +320,7 @@ TEST_F(Pools, AnEarlierReasonWhyThereWasNoWorkerFailsNoFileThatWaitsForSignature
     pool.drain();
   }
   ASSERT_EQ(verdict("file").outcome, Outcome::kError);
-  testing::HeldFile held(system);
+  testsupport::HeldFile held(system);
   kill(processesNamed("tav-template").at(0), SIGKILL);
   ASSERT_TRUE(testsupport::waitFor([&] { return spawner().signatureState().loading; }));
   begin(pool, "next", eicar());
@@ -414,7 +414,7 @@ TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
       dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   for (int round = 0; round < 5; ++round) {
     {
-      testing::HeldFile held(system);
+      testsupport::HeldFile held(system);
       WorkerPool pool(spawner(), 1);
       begin(pool, "file", "some text");
       std::vector<std::thread> readers;

@@ -254,7 +254,7 @@ TEST_F(Spawners, WithoutSignaturesTheTemplateIsGoneAndNoneComesUntilTheNextReloa
 }
 
 TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) {
-  testing::HeldFile held(writeSystem());
+  testsupport::HeldFile held(writeSystem());
   spawner();
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", eicar());
@@ -277,7 +277,7 @@ TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) 
   pool.drain();
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected);
 
-  const testing::HeldFile again(dir().at("system/x.ndb"));
+  const testsupport::HeldFile again(dir().at("system/x.ndb"));
   replaceTemplate();
   replaceTemplate();
   EXPECT_TRUE(spawner().signatureState().loading) << "behind a reload they are counted anew";
@@ -286,14 +286,14 @@ TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) 
 TEST_F(Spawners, OnlyDeathsInARowAndWhileLoadingAreCounted) {
   const std::string file = writeSystem();
   {
-    const testing::HeldFile held(file);
+    const testsupport::HeldFile held(file);
     spawner();
     ASSERT_TRUE(testsupport::waitFor([&] { return templates().size() == 1; }));
     replaceTemplate();
     replaceTemplate();
   }
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
-  const testing::HeldFile held(file);
+  const testsupport::HeldFile held(file);
   replaceTemplate();  // one that had loaded
   replaceTemplate();
   replaceTemplate();
@@ -301,7 +301,7 @@ TEST_F(Spawners, OnlyDeathsInARowAndWhileLoadingAreCounted) {
 }
 
 TEST_F(Spawners, AWaitForALoadEndsAtItsLimit) {
-  const testing::HeldFile held(writeSystem());
+  const testsupport::HeldFile held(writeSystem());
   const auto state = spawner().waitLoaded(std::chrono::milliseconds(20));
   EXPECT_TRUE(state.loading);
   EXPECT_FALSE(state.loaded);
@@ -310,7 +310,7 @@ TEST_F(Spawners, AWaitForALoadEndsAtItsLimit) {
 TEST_F(Spawners, OneReloadIsMadeAtATime) {
   const std::string file = writeSystem();
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
-  testing::HeldFile held(file);
+  testsupport::HeldFile held(file);
   const auto descriptors = openDescriptors();
   auto first = std::async(std::launch::async, [&] { return spawner().reload(nullptr); });
   ASSERT_TRUE(testsupport::waitFor([&] { return openDescriptors() == descriptors + 2; })) << "it waits";

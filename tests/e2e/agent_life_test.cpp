@@ -4,19 +4,23 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <set>
+#include <sstream>
 
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
 #include "json/CppJson.h"
 #include "lunet/Lunet.h"
 #include "store/Store.h"
+#include "support/HeldFile.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 #include "task/RunningPrograms.h"
@@ -126,6 +130,30 @@ TEST(AgentProgram, StatusThatCannotAskEndsWithOneAndSaysWhy) {
   EXPECT_EQ(1, status->wait());
   EXPECT_THAT(status->err(), HasSubstr("the bus configuration is not used"));
   EXPECT_THAT(status->err(), Not(HasSubstr("no agent")));
+}
+
+TEST(AgentProgram, StatusWithoutABusEndsWithOneAndSaysWhy) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  std::filesystem::remove(tree.at("lib/modules/libLunetClientMgr.so"));
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(1, status->wait());
+  EXPECT_THAT(status->err(), HasSubstr("libLunetClientMgr.so"));
+  EXPECT_THAT(status->out(), IsEmpty());
+}
+
+TEST(AgentProgram, WhoseAddressAnotherProcessHasDoesNotServeAndSaysSo) {
+  AgentTree tree({.group = "", .start = false, .uid = {}});
+  Process other({tree.program("lunetctl"), "--runtime", tree.path(), "listen", lunet::kAgentGuid});
+  ASSERT_TRUE(other.waitForOut("ready")) << other.err();
+  const auto agent = tree.run({});
+  EXPECT_EQ(1, agent->wait());
+  EXPECT_THAT(agent->err(), HasSubstr("another process has the agent's address"));
+}
+
+TEST(AgentProgram, EndsWellAtAnInterruptToo) {
+  AgentTree tree;
+  tree.kill(SIGINT);
+  EXPECT_EQ(0, tree.wait());
 }
 
 TEST(AgentProgram, AsADaemonItsCallerEndsWithZeroOnceItServes) {
@@ -253,6 +281,75 @@ TEST(AgentProgram, AHangupWhileSignaturesAreLoadedLeadsToOneMoreLoad) {
   EXPECT_TRUE(waitFor([&] { return statusOf(agent, "ShdPnd") == none; }));
   ::kill(spawner, SIGCONT);
   EXPECT_TRUE(waitFor([&] { return countOf("loaded again", tree.log()) == 2; })) << tree.log();
+}
+
+TEST(AgentProgram, ThatIsEndedWhileSignaturesAreLoadedAgainDoesNotWaitForThem) {
+  AgentTree tree;
+  ASSERT_TRUE(waitFor([&] { return tree.log().find("signatures:") != std::string::npos; }));
+  std::filesystem::path file;
+  for (const auto& entry : std::filesystem::directory_iterator(tree.at("etc/agent/signatures"))) {
+    file = entry.path();
+  }
+  const testsupport::HeldFile held(file.string());
+  const std::string threads = statusOf(tree.agent().pid(), "Threads");
+  tree.kill(SIGHUP);
+  EXPECT_TRUE(waitFor([&] { return statusOf(tree.agent().pid(), "Threads") != threads; }));
+  tree.kill(SIGTERM);
+  EXPECT_EQ(0, tree.wait());
+  EXPECT_THAT(tree.log(), HasSubstr("the agent is ending"));
+}
+
+TEST(AgentProgram, DoesNotScanWhereItsWorkersUnpack) {
+  AgentTree tree;
+  PeerConsole console(tree);
+  int found = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(tree.agent().pid()) + "/fd")) {
+    std::error_code error;
+    const std::string folder = std::filesystem::read_symlink(entry, error).string();
+    if (folder.find("/tavagent-") != std::string::npos) {  // its lock
+      ++found;
+      const Json::Value answer = console.startScan({folder});
+      EXPECT_FALSE(answer["status"].asBool()) << folder;
+      EXPECT_THAT(answer["detail"].asString(), HasSubstr("agent itself")) << folder;
+    }
+  }
+  EXPECT_EQ(2, found);
+  struct stat status {};
+  ASSERT_EQ(0, stat(tree.at("state/tmp").c_str(), &status));
+  EXPECT_EQ(0700U, status.st_mode & 0777U);
+}
+
+TEST(AgentProgram, TakesWhatItNeedsWhateverItsCallersLimitsAre) {
+  AgentTree tree({.group = "", .start = false, .uid = {}});
+  rlimit before{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit few{100, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &few);
+  const mode_t mask = umask(077);
+  tree.start();
+  umask(mask);
+  setrlimit(RLIMIT_NOFILE, &before);
+  rlimit agents{};
+  ASSERT_EQ(0, prlimit(tree.agent().pid(), RLIMIT_NOFILE, nullptr, &agents));
+  EXPECT_EQ(agents.rlim_max, agents.rlim_cur);
+  EXPECT_EQ("0022", statusOf(tree.agent().pid(), "Umask"));
+  const std::uint64_t ignored = std::stoull(statusOf(tree.agent().pid(), "SigIgn"), nullptr, 16);
+  EXPECT_NE(0U, ignored >> (SIGPIPE - 1) & 1U);
+}
+
+TEST(AgentProgram, ASystemDatabaseThatDoesNotLoadIsAnErrorInItsLog) {
+  AgentTree tree({.group = "", .start = false, .uid = {}});
+  std::filesystem::create_directory(tree.systemSignatures());
+  std::ofstream(tree.systemSignatures() + "/broken.ndb") << "this is no signature\n";
+  tree.start();
+  ASSERT_TRUE(waitFor([&] { return tree.log().find("signatures:") != std::string::npos; }));
+  std::istringstream lines(tree.log());
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("signatures:") != std::string::npos) {
+      EXPECT_THAT(line, HasSubstr("ERROR"));
+    }
+  }
 }
 
 TEST(AgentProgram, ALongRequestDoesNotFillItsLog) {
