@@ -219,12 +219,6 @@ TEST_F(EngineLimitsTest, AFileOfMoreThanHalfTheQuickLimitIsUnpackedOnDiskFromThe
   expectError(makeZip({stored, {"test.com", eicar()}}), "the engine reports");
 }
 
-TEST_F(EngineLimitsTest, AnArchiveFarBehindTheBeginningOfAFileIsUnpacked) {
-  load(EngineLimits{});
-  const Verdict verdict = scan(noise(1500000) + makeZip({{"test.com", eicar()}}));  // above the library's own
-  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
-}
-
 TEST_F(EngineLimitsTest, TemporarySpaceThatIsFullIsAnError) {
   engine().setTempFolders("", dir().at("nowhere"));
   expectError(makeZip({{"one", std::string(50000, 'x')}}), "the engine reports");
@@ -249,12 +243,11 @@ TEST_F(EngineLimitsTest, WhatIsNotARegularFileIsAnError) {
 TEST_F(EngineLimitsTest, WhatCannotBeReadIsAnError) {
   ScanOptions hashes;
   hashes.hashesWanted = true;
-  for (const char* content : {"", "some text"}) {
-    const int fd = open(dir().write("file", content).c_str(), O_WRONLY | O_CLOEXEC);
-    const Verdict verdict = engine().scan(fd, "file", hashes);
-    close(fd);
-    EXPECT_EQ(verdict.outcome, Outcome::kError) << content << describe(verdict);
-  }
+  const int fd = open(dir().write("file", "").c_str(), O_WRONLY | O_CLOEXEC);
+  const Verdict verdict = engine().scan(fd, "file", hashes);
+  close(fd);
+  EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
+  EXPECT_EQ(verdict.reason, "cannot be read to its end");
 }
 
 TEST_F(EngineLimitsTest, ReasonsHoldNoRawControlCharacters) {

@@ -97,6 +97,14 @@ TEST(ArchiveKinds, DocumentsMailsAndProgramsAreNone) {
   EXPECT_TRUE(isZipDocument("CL_TYPE_OOXML_WORD"));
 }
 
+TEST(ArchiveKinds, AnEndingIsOfThemWhenOneOfItsKindsIsNamed) {
+  EXPECT_TRUE(isEndingAmong("tgz", {"gz"}));
+  EXPECT_TRUE(isEndingAmong("rar", {}));
+  EXPECT_FALSE(isEndingAmong("rar", {"zip", "gz"}));
+  EXPECT_FALSE(isEndingAmong("txt", {}));
+  EXPECT_FALSE(isEndingAmong("", {}));
+}
+
 TEST(ArchiveKinds, AnEndingIsMatchedWhole) {
   const auto* gz = archiveKindOf("CL_TYPE_GZ");
   ASSERT_NE(gz, nullptr);

@@ -1,0 +1,223 @@
+// What the library is told, and what is made of its answers. Its functions are these here, which note what
+// they get, answer as a test says, and else pass all on to the real ones.
+
+#include <clamav.h>
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+
+#include "EngineFixture.h"
+#include "json/CppJson.h"
+
+namespace {
+
+struct Library {
+  std::map<cl_engine_field, long long> numbers;  ///< as set last
+  cl_scan_options options{};                     ///< of the last scan
+  std::string name;
+  clcb_msg say = nullptr;                       ///< the engine's ear for messages
+  std::function<void()> duringScan;             ///< runs before the real scan
+  std::function<cl_error_t(cl_error_t)> ended;  ///< what the scan ends with instead
+  cl_error_t compiled = CL_SUCCESS;
+  std::string version;  ///< empty: the real one
+};
+Library library;
+
+template <class Function>
+Function* realOne(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" cl_error_t cl_engine_set_num(cl_engine* engine, cl_engine_field field, long long number) {
+  library.numbers[field] = number;
+  return realOne<decltype(cl_engine_set_num)>("cl_engine_set_num")(engine, field, number);
+}
+
+extern "C" cl_error_t cl_engine_compile(cl_engine* engine) {
+  return library.compiled != CL_SUCCESS ? library.compiled
+                                        : realOne<decltype(cl_engine_compile)>("cl_engine_compile")(engine);
+}
+
+extern "C" const char* cl_retver() {
+  return library.version.empty() ? realOne<decltype(cl_retver)>("cl_retver")() : library.version.c_str();
+}
+
+extern "C" void cl_set_clcb_msg(clcb_msg callback) {
+  library.say = callback;
+  realOne<decltype(cl_set_clcb_msg)>("cl_set_clcb_msg")(callback);
+}
+
+extern "C" cl_error_t cl_scandesc_callback(int desc, const char* filename, const char** virname,
+                                           unsigned long* scanned, const cl_engine* engine,
+                                           cl_scan_options* options, void* context) {
+  library.options = *options;
+  library.name = filename;
+  if (library.duringScan) {
+    library.duringScan();
+  }
+  const cl_error_t result = realOne<decltype(cl_scandesc_callback)>("cl_scandesc_callback")(
+      desc, filename, virname, scanned, engine, options, context);
+  return library.ended ? library.ended(result) : result;
+}
+
+namespace agent {
+namespace {
+
+using testing::describe;
+using ::testing::HasSubstr;
+
+class EngineAndLibrary : public testing::EngineFixture {
+ protected:
+  EngineAndLibrary() { forget(); }
+  ~EngineAndLibrary() override { forget(); }
+  static void forget() {
+    library = Library{.numbers = {},
+                      .options = {},
+                      .name = "",
+                      .say = library.say,
+                      .duringScan = {},
+                      .ended = {},
+                      .compiled = CL_SUCCESS,
+                      .version = ""};
+  }
+  std::string versionNow(const std::string& shipped = testing::kShippedSignatures) const {
+    SignatureState now;
+    EXPECT_TRUE(Engine::load({shipped, "/nonexistent", smallLimits()}, now)) << now.detail;
+    return now.version;
+  }
+};
+
+TEST_F(EngineAndLibrary, EveryLimitThatTheLibraryAppliesInSilenceStandsAtThatOfAFile) {
+  const EngineLimits limits = smallLimits();
+  load(limits);
+  EXPECT_EQ(library.numbers[CL_ENGINE_MAX_SCANSIZE], static_cast<long long>(limits.maxScanBytes));
+  EXPECT_EQ(library.numbers[CL_ENGINE_MAX_FILES], limits.maxFiles);
+  EXPECT_EQ(library.numbers[CL_ENGINE_MAX_RECURSION], limits.maxRecursion);
+  EXPECT_EQ(library.numbers[CL_ENGINE_MAX_SCANTIME], limits.maxScanMs);
+  for (const cl_engine_field field :
+       {CL_ENGINE_MAX_FILESIZE, CL_ENGINE_MAX_EMBEDDEDPE, CL_ENGINE_MAX_HTMLNORMALIZE,
+        CL_ENGINE_MAX_HTMLNOTAGS, CL_ENGINE_MAX_SCRIPTNORMALIZE, CL_ENGINE_MAX_ZIPTYPERCG,
+        CL_ENGINE_PCRE_MAX_FILESIZE}) {
+    EXPECT_EQ(library.numbers[field], static_cast<long long>(limits.maxFileBytes)) << field;
+  }
+  EXPECT_EQ(library.numbers[CL_ENGINE_MAX_PARTITIONS], 1024);
+  EXPECT_EQ(library.numbers[CL_ENGINE_MAX_RECHWP3], 64);
+  EXPECT_EQ(library.numbers[CL_ENGINE_DISABLE_CACHE], 1);
+}
+
+TEST_F(EngineAndLibrary, TheLimitOfAFileIsOfWholeBlocksOneAtLeastAndBelowTwoGibibytes) {
+  constexpr std::uint64_t kBlock = 64 * 1024;
+  for (const auto& [wanted, kept] : {std::pair{std::uint64_t{0}, kBlock},
+                                     {kBlock - 1, kBlock},
+                                     {kBlock, kBlock},
+                                     {2 * kBlock - 1, kBlock},
+                                     {2 * kBlock, 2 * kBlock},
+                                     {std::uint64_t{1} << 40, std::uint64_t{0x7FFF0000}}}) {
+    EngineLimits limits = smallLimits();
+    limits.maxFileBytes = wanted;
+    load(limits);
+    EXPECT_EQ(library.numbers[CL_ENGINE_MAX_FILESIZE], static_cast<long long>(kept)) << wanted;
+    const std::string sparse = dir().write("sparse", "");
+    std::filesystem::resize_file(sparse, kept + 1);
+    EXPECT_EQ(scanPath(sparse).reason,
+              "larger than the engine's limit of " + std::to_string(kept) + " bytes for one file");
+  }
+}
+
+TEST_F(EngineAndLibrary, AllMatchesAreAskedForAndAlertsOfWhatIsLeftOut) {
+  scan("some text");
+  EXPECT_EQ(library.options.general, unsigned{CL_SCAN_GENERAL_ALLMATCHES | CL_SCAN_GENERAL_HEURISTICS});
+  EXPECT_EQ(library.options.heuristic,
+            unsigned{CL_SCAN_HEURISTIC_EXCEEDS_MAX | CL_SCAN_HEURISTIC_ENCRYPTED_ARCHIVE |
+                     CL_SCAN_HEURISTIC_ENCRYPTED_DOC});
+  EXPECT_EQ(library.options.parse, ~unsigned{CL_SCAN_PARSE_IMAGE_FUZZY_HASH});
+}
+
+TEST_F(EngineAndLibrary, ChecksThatCostTimeAreMadeInStrongScansWithTheirEngineAlone) {
+  for (const bool strong : {false, true}) {
+    for (const bool engineOn : {false, true}) {
+      ScanOptions options;
+      options.heuristics = strong;
+      options.enabledEngines = engineOn ? ~0U : ~(1U << json::kEngineUmb);
+      scan("some text", options);
+      EXPECT_EQ((library.options.heuristic & CL_SCAN_HEURISTIC_BROKEN) != 0, strong && engineOn)
+          << strong << engineOn;
+    }
+  }
+}
+
+TEST_F(EngineAndLibrary, WithArchivesOffTheLibraryUnpacksNone) {
+  ScanOptions off;
+  off.archives = false;
+  scan("some text", off);
+  EXPECT_EQ(library.options.parse & CL_SCAN_PARSE_ARCHIVE, 0U);
+}
+
+TEST_F(EngineAndLibrary, PicturesAreDecodedWhereASignatureInForceComparesThem) {
+  const std::string line = "Other.Picture;Engine:150-255,Target:0;0;fuzzy_img#af2ad01ed42993c7\n";
+  const auto decoded = [&] {
+    scan("some text");
+    return (library.options.parse & CL_SCAN_PARSE_IMAGE_FUZZY_HASH) != 0;
+  };
+  load(smallLimits());
+  EXPECT_FALSE(decoded());
+  dir().write("system/a.ldb", line);
+  load(smallLimits(), dir().at("system"));
+  EXPECT_TRUE(decoded());
+  dir().write("system/broken.ndb", "this is no signature\n");
+  load(smallLimits(), dir().at("system"));
+  EXPECT_FALSE(decoded()) << "it is not in force";
+}
+
+TEST_F(EngineAndLibrary, OfAPathTheLibraryIsToldTheLastPartAlone) {
+  scan("some text", {}, "folder/sub/name.txt");
+  EXPECT_EQ(library.name, "name.txt");
+}
+
+TEST_F(EngineAndLibrary, AMessageDuringAScanIsAnErrorOnlyWhenItIsOne) {
+  load(smallLimits());
+  ASSERT_NE(library.say, nullptr);
+  library.duringScan = [] { library.say(CL_MSG_WARN, "all", "a warning\n", nullptr); };
+  EXPECT_EQ(scan("some text").outcome, Outcome::kClean);
+  library.duringScan = [] { library.say(CL_MSG_ERROR, "all", "an error \n", nullptr); };
+  const Verdict verdict = scan("some text");
+  EXPECT_EQ(verdict.outcome, Outcome::kError);
+  EXPECT_EQ(verdict.reason, "the engine reports: an error");
+}
+
+TEST_F(EngineAndLibrary, AScanThatEndsInAFailureIsAnErrorWithoutAMessageToo) {
+  library.ended = [](cl_error_t) { return CL_EMEM; };
+  const Verdict verdict = scan("some text");
+  EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
+  EXPECT_THAT(verdict.reason, HasSubstr("the engine reports: "));
+}
+
+TEST_F(EngineAndLibrary, SignaturesThatDoNotCompileAreNotInForce) {
+  library.compiled = CL_EMALFDB;
+  SignatureState state;
+  EXPECT_EQ(Engine::load({testing::kShippedSignatures, "/nonexistent", smallLimits()}, state), nullptr);
+  EXPECT_FALSE(state.loaded);
+  EXPECT_THAT(state.detail, HasSubstr("cannot be compiled"));
+}
+
+TEST_F(EngineAndLibrary, TheVersionIsAnotherOneWithAnotherLibraryAndWithOtherSignaturesOfOurs) {
+  const std::string first = versionNow();
+  library.version = "another version";
+  EXPECT_NE(versionNow(), first);
+  library.version.clear();
+  EXPECT_EQ(versionNow(), first);
+  const std::string own = dir().at("own");
+  std::filesystem::copy(testing::kShippedSignatures, own);
+  const std::string copied = versionNow(own);
+  dir().write("own/more.ndb", "TAV.Test.More:0:*:6d6f7265\n");
+  EXPECT_NE(versionNow(own), copied);
+}
+
+}  // namespace
+}  // namespace agent
