@@ -23,7 +23,8 @@ struct Library {
   std::function<void()> duringScan;             ///< runs before the real scan
   std::function<cl_error_t(cl_error_t)> ended;  ///< what the scan ends with instead
   cl_error_t compiled = CL_SUCCESS;
-  std::string version;  ///< empty: the real one
+  std::string doesNotLoad;  ///< a folder that fails without a message
+  std::string version;      ///< empty: the real one
 };
 Library library;
 
@@ -42,6 +43,11 @@ extern "C" cl_error_t cl_engine_set_num(cl_engine* engine, cl_engine_field field
 extern "C" cl_error_t cl_engine_compile(cl_engine* engine) {
   return library.compiled != CL_SUCCESS ? library.compiled
                                         : realOne<decltype(cl_engine_compile)>("cl_engine_compile")(engine);
+}
+
+extern "C" cl_error_t cl_load(const char* path, cl_engine* engine, unsigned* count, unsigned options) {
+  return library.doesNotLoad == path ? CL_EOPEN
+                                     : realOne<decltype(cl_load)>("cl_load")(path, engine, count, options);
 }
 
 extern "C" const char* cl_retver() {
@@ -77,14 +83,9 @@ class EngineAndLibrary : public testing::EngineFixture {
   EngineAndLibrary() { forget(); }
   ~EngineAndLibrary() override { forget(); }
   static void forget() {
-    library = Library{.numbers = {},
-                      .options = {},
-                      .name = "",
-                      .say = library.say,
-                      .duringScan = {},
-                      .ended = {},
-                      .compiled = CL_SUCCESS,
-                      .version = ""};
+    const clcb_msg say = library.say;
+    library = {};
+    library.say = say;
   }
   std::string versionNow(const std::string& shipped = testing::kShippedSignatures) const {
     SignatureState now;
@@ -173,6 +174,16 @@ TEST_F(EngineAndLibrary, PicturesAreDecodedWhereASignatureInForceComparesThem) {
   dir().write("system/broken.ndb", "this is no signature\n");
   load(smallLimits(), dir().at("system"));
   EXPECT_FALSE(decoded()) << "it is not in force";
+  SignatureState state;
+  const std::string own = dir().at("own");
+  std::filesystem::copy(testing::kShippedSignatures, own);
+  dir().write("own/a.ldb", line);
+  const auto ours = Engine::load({own, "/nonexistent", smallLimits()}, state);
+  ASSERT_TRUE(ours) << state.detail;
+  const int fd = open(dir().write("file", "some text").c_str(), O_RDONLY | O_CLOEXEC);
+  ours->scan(fd, "file", {});
+  close(fd);
+  EXPECT_NE(library.options.parse & CL_SCAN_PARSE_IMAGE_FUZZY_HASH, 0U) << "one of ours does";
 }
 
 TEST_F(EngineAndLibrary, OfAPathTheLibraryIsToldTheLastPartAlone) {
@@ -204,6 +215,16 @@ TEST_F(EngineAndLibrary, SignaturesThatDoNotCompileAreNotInForce) {
   EXPECT_EQ(Engine::load({testing::kShippedSignatures, "/nonexistent", smallLimits()}, state), nullptr);
   EXPECT_FALSE(state.loaded);
   EXPECT_THAT(state.detail, HasSubstr("cannot be compiled"));
+}
+
+TEST_F(EngineAndLibrary, AFailureWithoutAMessageHasNotThatOfTheLoadBefore) {
+  dir().write("system/broken.ndb", "this is no signature\n");
+  load(smallLimits(), dir().at("system"));
+  EXPECT_THAT(state().detail, HasSubstr("("));
+  library.doesNotLoad = dir().at("system");
+  load(smallLimits(), dir().at("system"));
+  EXPECT_EQ(state().system, SystemDatabase::kLeftOut);
+  EXPECT_THAT(state().detail, ::testing::Not(HasSubstr("(")));
 }
 
 TEST_F(EngineAndLibrary, TheVersionIsAnotherOneWithAnotherLibraryAndWithOtherSignaturesOfOurs) {
