@@ -594,6 +594,10 @@ TEST_F(CrashTest, ItemsWhoseRecordsWereLostAreTakenUpAgainFromTheirFiles) {
   reopen();
   EXPECT_EQ(items(), listed);
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("taken up again")));
+  EXPECT_EQ(
+      store::Database(stateDir() + "/agent.db", store::Durability::kFull)
+          .number("SELECT stored_bytes FROM items"),
+      static_cast<std::int64_t>(std::filesystem::file_size(stateDir() + "/quarantine/" + uuid + ".item")));
   EXPECT_TRUE(restore(uuid).ok);
   EXPECT_EQ(FileFacts::of(path), before);
 }

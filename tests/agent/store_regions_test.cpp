@@ -10,6 +10,7 @@
 #include "store/RegionIndex.h"
 #include "store/Sqlite.h"
 #include "store_fixture.h"
+#include "support/FileCalls.h"
 
 namespace agent {
 namespace {
@@ -438,6 +439,27 @@ TEST_F(RegionTest, WhatIsNoRegularFileIsNotOpenedForItsSizeAndHash) {
     EXPECT_EQ(entry["file_size"], 0);
     EXPECT_EQ(entry["exist_state"], 1);
   }
+}
+
+TEST_F(RegionTest, WhatIsThereIsToldOfPathsOnlyAndOfALinkThatLeadsNowhereToo) {
+  std::filesystem::create_symlink(folder_.at("nowhere"), folder_.at("link"));
+  add(kFile, folder_.at("link"));
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["exist_state"], 1);
+  add(kName, "link");
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder_.path());
+  EXPECT_EQ(regions().list(4, kName, kTrust)[0]["exist_state"], 0);
+  std::filesystem::current_path(before);
+}
+
+TEST_F(RegionTest, AFileThatCannotBeReadIsListedWithoutHash) {
+  const std::string path = folder_.write("unreadable", "abc");
+  {
+    testsupport::FileCalls calls;
+    calls.fail("read unreadable", "", EIO);
+    add(kFile, path);
+  }
+  EXPECT_EQ(regions().list(4, kFile, kTrust)[0]["md5"], "");
 }
 
 TEST_F(RegionTest, AnEntryHoldsUntilItsTimeIsOver) {
