@@ -115,6 +115,18 @@ TEST(AgentProgram, StatusTellsThePidTheProgramAndTheTasks) {
   EXPECT_THAT(status->out(), HasSubstr("tasks=0\n"));
 }
 
+TEST(AgentProgram, StatusTellsByContentWhetherTheRunningProgramIsTheOneAsked) {
+  AgentTree tree;
+  const std::string copy = tree.at("bin/copy");
+  std::filesystem::copy_file(tree.program("tavagentd"), copy);
+  for (const char* build : {"build=same\n", "build=other\n"}) {
+    Process status({copy, "--install-dir", tree.path(), "--status"});
+    EXPECT_EQ(0, status.wait()) << status.err();
+    EXPECT_THAT(status.out(), HasSubstr(build));
+    std::ofstream(copy, std::ios::app) << "x";
+  }
+}
+
 TEST(AgentProgram, StatusWithoutAnAgentEndsWithThree) {
   const AgentTree tree({.group = "", .start = false, .uid = {}});
   const auto status = tree.run({"--status"});
@@ -336,6 +348,9 @@ TEST(AgentProgram, TakesWhatItNeedsWhateverItsCallersLimitsAre) {
   EXPECT_EQ("0022", statusOf(tree.agent().pid(), "Umask"));
   const std::uint64_t ignored = std::stoull(statusOf(tree.agent().pid(), "SigIgn"), nullptr, 16);
   EXPECT_NE(0U, ignored >> (SIGPIPE - 1) & 1U);
+  for (const int signal : {SIGINT, SIGHUP, SIGTERM}) {
+    EXPECT_EQ(0U, ignored >> (signal - 1) & 1U) << signal;
+  }
 }
 
 TEST(AgentProgram, ASystemDatabaseThatDoesNotLoadIsAnErrorInItsLog) {
