@@ -324,7 +324,7 @@ TEST_F(LossTest, ConnectionsThatHaveEndedDoNotAddUp) {
     first.send(hub.guid(), "x");
   }
   const auto before = descriptors();
-  const std::size_t memory = mallinfo2().uordblks;
+  [[maybe_unused]] const std::size_t memory = mallinfo2().uordblks;
   for (int i = 0; i < 50; ++i) {
     Endpoint guest(client, newGuid());
     ASSERT_EQ(hub.send(guest.guid(), "x"), lunet::kOk);
