@@ -162,14 +162,20 @@ TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewest) {
     begin(pool, name, "some text");
   }
   ASSERT_TRUE(testsupport::waitFor([&] { return filesOfProcesses().size() == 2; }));
-  for (int i = 3; i <= 6; ++i) {
-    begin(pool, "held" + std::to_string(i), "some text");
+  for (const char* name : {"held3", "held4"}) {
+    begin(pool, name, "some text");
+  }
+  for (int i = 0; i < 8; ++i) {  // what is taken of these has no room with a worker: those before it have
+    begin(pool, "large", kLarge);
   }
   open();
   pool.drain();
-  for (const auto& [process, files] : filesOfProcesses()) {
-    EXPECT_EQ(files, 3) << process;
+  std::map<std::string, std::string> processOf;
+  for (const auto& one : begun()) {
+    processOf[one.name] = one.process;
   }
+  EXPECT_NE(processOf["held1"], processOf["held2"]);
+  EXPECT_NE(processOf["held3"], processOf["held4"]);
 }
 
 TEST_F(PoolsThatRecord, NothingWaitsBehindALargeFileWhileAnotherWorkerMayBeFree) {
