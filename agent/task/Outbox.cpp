@@ -45,6 +45,10 @@ Outbox::~Outbox() {
   work_.notify_all();
   room_.notify_all();
   thread_.join();
+  // A notice keeps its sender alive, and the sender keeps the mailbox: neither would ever be freed.
+  for (const std::shared_ptr<Mailbox>& box : listed_) {
+    box->waiting_.clear();
+  }
 }
 
 void Outbox::list(const std::shared_ptr<Mailbox>& box) {
