@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <stdexcept>
 
 #include "support/Wait.h"
@@ -53,6 +54,29 @@ namespace {
   _exit(127);
 }
 
+/// A program that is gone must not end the test's process: the signal of a write to it is dropped. It is not
+/// ignored, which the programs of the test would inherit.
+class SigpipeHeld {
+ public:
+  SigpipeHeld() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
+  }
+  ~SigpipeHeld() {
+    const timespec atOnce{};
+    while (sigtimedwait(&pipe_, nullptr, &atOnce) == SIGPIPE) {
+    }
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  SigpipeHeld(const SigpipeHeld&) = delete;
+  SigpipeHeld& operator=(const SigpipeHeld&) = delete;
+
+ private:
+  sigset_t pipe_{};
+  sigset_t before_{};
+};
+
 }  // namespace
 
 Process::Process(std::vector<std::string> command, Options options) {
@@ -80,6 +104,7 @@ Process::~Process() {
 }
 
 void Process::write(std::string_view text) {
+  const SigpipeHeld held;
   while (!text.empty()) {
     const ssize_t count = ::write(input_, text.data(), text.size());
     if (count < 0 && errno != EINTR) {
