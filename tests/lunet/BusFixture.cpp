@@ -186,6 +186,10 @@ bool RawConnection::sendNow(const void* data, std::size_t length) const {
   return ::send(fd_, data, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
 }
 
+bool RawConnection::growBuffer(int bytes) const {
+  return setsockopt(fd_, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) == 0;
+}
+
 std::uint32_t RawConnection::greet(const lunet::Guid& self, const lunet::Guid& target) const {
   lunet::FrameHeader header;
   header.kind = lunet::FrameKind::kHello;

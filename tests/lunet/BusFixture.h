@@ -133,6 +133,8 @@ class RawConnection {
   }
   /// False when the socket does not take the whole at once.
   bool sendNow(const void* data, std::size_t length) const;
+  /// Room for that many bytes on the way; false when the system does not give it.
+  bool growBuffer(int bytes) const;
   /// The usual greeting; the verdict.
   std::uint32_t greet(const lunet::Guid& self, const lunet::Guid& target) const;
   /// Reads exactly that many bytes; shorter when the other side ends the connection.

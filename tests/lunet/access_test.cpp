@@ -446,6 +446,12 @@ TEST_F(PrivateTest, AUserOtherThanRootHasHisOwnBusInHisOwnTree) {
   const auto listener = lunet::listenerAt(mine + "/run/lunet", lunet::parseGuid(guid.c_str()));
   ASSERT_TRUE(listener);
   EXPECT_TRUE(listener->trusted) << "the folder is his";
+  std::vector<std::string> list = tool;
+  list.push_back("list");
+  Process listing(list, as(kMember, false));
+  listing.wait();
+  EXPECT_NE(listing.out().find(guid), std::string::npos) << listing.out();
+  EXPECT_TRUE(listing.out().ends_with("  23456\n")) << "a user who has no name: " << listing.out();
   player.process.kill(SIGKILL);
   player.process.wait();
   const std::string left = mine + "/run/lunet/" + guid + ".sock";

@@ -196,7 +196,8 @@ TEST_F(ForeignClaimTest, AnotherUsersSocketThatCannotBeReplacedIsInUseAndNothing
   EXPECT_THAT(saidBy(kMember,
                      [this] {
                        Address address;
-                       return claim(address, guid) + " with " + std::to_string(files()) + " file";
+                       const std::string said = claim(address, guid);
+                       return said + " with " + std::to_string(files()) + " file";
                      }),
               testing::AllOf(HasSubstr("is in use"), HasSubstr("cannot be replaced"),
                              testing::EndsWith("with 1 file")));

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <future>
 #include <new>
 #include <string>
 
@@ -84,6 +86,20 @@ TEST_F(FrameWriterTest, ASocketWithoutRoomIsNoEnd) {
   EXPECT_TRUE(wanted);
   EXPECT_TRUE(writer.flush());
   EXPECT_EQ(writer.queuedBytes(), 10 + sizeof(FrameHeader));
+}
+
+TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenWhenItIsEmpty) {
+  write(3 << 20);
+  auto waiting = std::async(std::launch::async, [this] {
+    writer.waitUntilDrained(std::chrono::steady_clock::now() + std::chrono::hours(1));
+  });
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
+  while (writer.queuedBytes() > 0) {
+    drainSocket();
+    ASSERT_TRUE(writer.flush());
+  }
+  EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  writer.close();  // ends the wait in any case
 }
 
 TEST_F(FrameWriterTest, AFullQueueTakesNoMoreAndKeepsWhatItHas) {

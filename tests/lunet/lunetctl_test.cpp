@@ -10,6 +10,7 @@
 
 #include "BusFixture.h"
 #include "json/CppJson.h"
+#include "support/Pty.h"
 #include "support/Wait.h"
 
 using namespace lunettest;
@@ -83,6 +84,19 @@ TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
   first.process.kill(SIGKILL);
   first.process.wait();
   EXPECT_EQ(run(lunetctl({"list"})).out.find(guid), std::string::npos);
+}
+
+TEST_F(LunetctlTest, ATreeThatIsNotThereIsNamed) {
+  const Result result = run({tree.at("bin/lunetctl"), "--runtime", tree.at("absent"), "list"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("absent"), std::string::npos) << result.err;
+}
+
+TEST_F(LunetctlTest, AFolderThatCannotBeReadIsNamed) {
+  tree.write("run/lunet", "a file");
+  const Result result = run(lunetctl({"list"}));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("run/lunet cannot be read: Not a directory"), std::string::npos) << result.err;
 }
 
 TEST_F(LunetctlTest, ABusConfigurationThatOthersMayWriteIsRefused) {
@@ -209,7 +223,71 @@ INSTANTIATE_TEST_SUITE_P(
                     "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\",\"channel\":-1}",
                     "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\",\"channel\":\"1\"}",
                     "{\"call\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\",\"timeout_ms\":1.5}",
+                    "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":5}",
+                    "{\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\","
+                    "\"call\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\"}",
                     "{\"reply\":1,\"send\":\"FBE54D8E-D8E6-41F8-BE05-A94CE5469587\",\"data\":\"x\"}"));
+
+TEST_F(LunetctlTest, BlankLinesArePassedOver) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  player.process.write("\n \t\r\n{\"send\":\"" + guid + "\",\"data\":\"self\"}\n");
+  EXPECT_TRUE(player.gotMessage("self"));
+  EXPECT_EQ(player.process.out().find("\"event\":\"error\""), std::string::npos) << player.process.out();
+}
+
+TEST_F(LunetctlTest, ASecondReplyToAMessageIsAnError) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  Process call(lunetctl({"call", guid, "x"}));
+  const std::string id = line(player.process, 1)["id"].asString();
+  player.process.write("{\"reply\":" + id + ",\"data\":\"one\"}\n{\"reply\":" + id + ",\"data\":\"two\"}\n");
+  EXPECT_EQ(line(player.process, 2)["message"].asString(), "no message " + id + " waits for a reply");
+  EXPECT_EQ(call.wait(), 0);
+  EXPECT_EQ(call.out(), "one\n");
+}
+
+TEST_F(LunetctlTest, AReplyToACallerWhoIsGoneIsAnError) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  Process call(lunetctl({"call", guid, "x"}));
+  const std::string id = line(player.process, 1)["id"].asString();
+  call.kill(SIGKILL);
+  call.wait();
+  player.process.write("{\"reply\":" + id + ",\"data\":\"late\"}\n");
+  const std::string why = line(player.process, 2)["message"].asString();
+  EXPECT_TRUE(why.starts_with("message " + id + " is not replied to: ")) << why;
+}
+
+TEST_F(LunetctlTest, ATextMayBeginAsAnOptionDoes) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  EXPECT_EQ(run(lunetctl({"send", guid, "--text"})).status, 0);
+  EXPECT_TRUE(player.gotMessage("--text"));
+}
+
+TEST_F(LunetctlTest, OnATerminalAnAnswersControlCharactersAreVisible) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  testsupport::PtyProgram call(lunetctl({"call", guid, "x"}));
+  const std::string id = line(player.process, 1)["id"].asString();
+  player.process.write("{\"reply\":" + id + ",\"data\":\"\\u001b[2Jgone\"}\n");
+  EXPECT_TRUE(call.waitForText("\\x1b[2Jgone"));
+}
+
+TEST_F(LunetctlTest, OutputThatCannotBeWrittenIsAFailureOfOneLine) {
+  const std::string help = "'" + tree.at("bin/lunetctl") + "' --help";
+  const Result full = run({"/bin/sh", "-c", help + " > /dev/full"});
+  EXPECT_EQ(full.status, 1);
+  EXPECT_EQ(full.err, "lunetctl: standard output cannot be written\n");
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);  // the writing end goes to the shell
+  close(ends[0]);
+  const Result gone = run({"/bin/bash", "-c", help + " >&" + std::to_string(ends[1])});
+  close(ends[1]);
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_EQ(gone.err, "lunetctl: standard output cannot be written\n");
+}
 
 TEST_F(LunetctlTest, TheEndOfTheInputEndsListenAndLeavesNothingBehind) {
   Player player(lunetctl({"listen", guid}));
@@ -287,6 +365,20 @@ TEST_F(LunetctlTest, AListWithoutStandardDescriptorsEndsWith0) {
   EXPECT_EQ(run(command).status, 0);
 }
 
+TEST_F(LunetctlTest, AConfigurationThatIsNoObjectIsNamed) {
+  tree.write("etc/communication/cli_lunet.conf", "[]");
+  const Result result = run(lunetctl({"list"}));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("cli_lunet.conf is not a JSON object"), std::string::npos) << result.err;
+}
+
+TEST_F(LunetctlTest, ABusThatCannotBeSetUpIsAFailure) {
+  tree.write("etc/communication/cli_lunet.conf", "{\"group\":\"no such group\"}");
+  const Result result = run(lunetctl({"send", guid, "x"}));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("the bus cannot be set up: a wrong argument"), std::string::npos) << result.err;
+}
+
 TEST_F(LunetctlTest, HelpNamesEveryCommand) {
   const Result help = run({tree.at("bin/lunetctl"), "--help"});
   EXPECT_EQ(help.status, 0);
@@ -319,6 +411,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(UsageRow{"NoWord", {}, "no command is given"},
                     UsageRow{"NoTree", {"list"}, "--runtime DIR is missing"},
                     UsageRow{"ATreeWithoutItsName", {"--runtime"}, "--runtime needs"},
+                    UsageRow{"ATreeWithAnEmptyName", {"--runtime", "", "list"}, "--runtime needs"},
                     UsageRow{"AnUnknownCommand", {"--runtime", "/", "go\x1b"}, "no command \"go\\x1b\""},
                     UsageRow{"AnUnknownOption", {"--fast", "list"}, "no option \"--fast\""},
                     UsageRow{"NoGuid", {"--runtime", "/", "listen"}, "the command is: listen GUID"},

@@ -360,7 +360,7 @@ TEST_F(MessagesTest, ACallThatNobodyAnswersEndsWithItsTimeout) {
 TEST_F(MessagesTest, TimeoutsOfCallsAtOnceAreEachTheirOwn) {
   Gate gate;
   Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
-    gate.wait();
+    EXPECT_TRUE(gate.wait()) << "the hasty one must not wait for the patient one's answer";
     echo(self, message);
   });
   Endpoint caller(client, newGuid());
