@@ -204,4 +204,16 @@ TEST(ScanParams, MayBeReadWrittenAndSetByThreadsAtOnce) {
   EXPECT_TRUE(params.loaded());
 }
 
+TEST(RecordsInRecords, AreReadFromAnObjectOnly) {
+  for (const char* text :
+       {R"({"process_info":5})", R"({"process_info":"x"})", R"({"process_info":[]})", "{}"}) {
+    JsonReflect::MemoryRiskInfo risk;
+    ASSERT_TRUE(risk.FromString(text));
+    EXPECT_FALSE(risk.process_info.loaded()) << text;
+  }
+  JsonReflect::MemoryRiskInfo risk;
+  ASSERT_TRUE(risk.FromString(R"({"process_info":{}})"));
+  EXPECT_TRUE(risk.process_info.loaded());
+}
+
 }  // namespace

@@ -295,6 +295,25 @@ TEST(Stubs, AnErrorOfTheAgentIsNoResultOfAnotherKindWhateverItsNumber) {
   }
 }
 
+TEST(Kinds, AreToldApart) {
+  const std::vector<std::pair<jsonrpchelper::JsonKind, Json::Value>> samples = {
+      {kNone, Json::Value()},
+      {kString, "5"},
+      {kInteger, 5},
+      {kBoolean, true},
+      {kObject, Json::objectValue},
+      {kArray, Json::arrayValue},
+  };
+  for (const auto& [kind, own] : samples) {
+    EXPECT_TRUE(jsonrpchelper::isOfKind(own, kAny));
+    for (const auto& [other, sample] : samples) {
+      EXPECT_EQ(jsonrpchelper::isOfKind(sample, kind), kind == other)
+          << static_cast<int>(kind) << " " << sample;
+    }
+  }
+  EXPECT_FALSE(jsonrpchelper::isOfKind(Json::Value(Json::Int64{1} << 40), kInteger));
+}
+
 TEST(Stubs, ACtlBusReplyOfOneInsteadOfTrueIsAnInvalidResponse) {
   testsupport::FakeEndpoint endpoint;
   endpoint.answer = [](const std::string&) { return R"({"jsonrpc":"2.0","id":1,"result":1})"; };

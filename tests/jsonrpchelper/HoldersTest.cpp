@@ -178,4 +178,14 @@ TEST_F(Holders, TheTimeOutOfTheRegistryIsThatOfItsClients) {
   EXPECT_EQ(ClientRegistry::instance().getClient(lunet::kAgentGuid)->timeoutMs(), 1234u);
 }
 
+TEST_F(Holders, AClientOfAnEarlierEndpointIsNotGivenOutAnyMore) {
+  start();
+  ASSERT_NE(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
+  testsupport::FakeEndpoint later;
+  ClientRegistry::instance().initialise(&later, 1000);
+  ClientRegistry::instance().getClient(lunet::kAgentGuid)->SendRPCMessage("{}");
+  EXPECT_EQ(later.sent.size(), 1u);
+  EXPECT_TRUE(endpoint.sent.empty());
+}
+
 }  // namespace
