@@ -147,6 +147,16 @@ TEST_F(ServerHelperLimits, ARequestOverTheLimitIsAnsweredWithAnErrorUnread) {
   EXPECT_THAT(answer["error"]["message"].asString(), HasSubstr("8388609 is over the limit of 8388608"));
 }
 
+TEST_F(ServerHelperLimits, ABatchOfAsManyRequestsAsMayBeIsHandledOneByOne) {
+  std::string batch = "[0";
+  for (std::size_t i = 1; i < jsonrpchelper::kMaxBatchRequests; ++i) {
+    batch += ",0";
+  }
+  const Json::Value answer = ask(batch + "]");
+  ASSERT_TRUE(answer.isArray());
+  EXPECT_EQ(answer.size(), jsonrpchelper::kMaxBatchRequests);
+}
+
 TEST_F(ServerHelperLimits, ABatchOfTooManyRequestsGetsOneErrorAndNotOneForEach) {
   std::string batch = "[0";
   for (std::size_t i = 0; i < jsonrpchelper::kMaxBatchRequests; ++i) {
