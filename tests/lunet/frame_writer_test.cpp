@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <new>
@@ -11,6 +12,7 @@
 
 #include "FrameWriter.h"
 #include "platform/Descriptor.h"
+#include "support/Wait.h"
 
 using lunet::FrameHeader;
 using lunet::FrameWriter;
@@ -109,6 +111,23 @@ TEST_F(FrameWriterTest, AFullQueueTakesNoMoreAndKeepsWhatItHas) {
   const std::size_t queued = writer.queuedBytes();
   EXPECT_EQ(write(1), FrameWriter::Result::kFull);
   EXPECT_EQ(writer.queuedBytes(), queued);
+}
+
+TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenOnceItIsEmpty) {
+  while (writer.queuedBytes() < (4U << 20)) {
+    ASSERT_EQ(write(1 << 20), FrameWriter::Result::kTaken);
+  }
+  std::atomic<bool> waits{false};
+  const auto waiting = std::async(std::launch::async, [&] {
+    waits = true;
+    writer.waitUntilDrained(std::chrono::steady_clock::now() + std::chrono::seconds(40));
+  });
+  ASSERT_TRUE(testsupport::waitFor([&] { return waits.load(); }));
+  while (writer.queuedBytes() > 0) {
+    drainSocket();
+    ASSERT_TRUE(writer.flush());
+  }
+  EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 }
 
 TEST_F(FrameWriterTest, AnEndedConnectionIsToldAtOnce) {

@@ -371,6 +371,20 @@ TEST_F(MessagesTest, TimeoutsOfCallsAtOnceAreEachTheirOwn) {
   patient.join();
 }
 
+/// The call that came first reads for both; what comes of it, the other has somebody who reads its answer.
+TEST_F(MessagesTest, ACallWhoseReaderHasItsAnswerAndGoesGetsItsOwn) {
+  Endpoint server(client, newGuid());
+  Endpoint caller(client, newGuid());
+  auto first = std::async(std::launch::async, [&] { return caller.call(server.guid(), "first").data; });
+  ASSERT_TRUE(server.waitForCount(1));
+  auto second = std::async(std::launch::async, [&] { return caller.call(server.guid(), "second").data; });
+  ASSERT_TRUE(server.waitForCount(2));
+  EXPECT_EQ(server.reply(server.messages()[0], "to the first"), lunet::kOk);
+  EXPECT_EQ(first.get(), "to the first");
+  EXPECT_EQ(server.reply(server.messages()[1], "to the second"), lunet::kOk);
+  EXPECT_EQ(second.get(), "to the second");
+}
+
 TEST_F(MessagesTest, NullPointersAreRefused) {
   Endpoint server(client, newGuid(), echo);
   Endpoint caller(client, newGuid());

@@ -1,0 +1,60 @@
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <functional>
+#include <memory>
+
+#include "SocketSet.h"
+#include "platform/Descriptor.h"
+
+namespace {
+
+/// Something that is ready from the beginning, and takes itself or another out of the set when it is told.
+class Ready final : public lunet::Watched {
+ public:
+  void onReady(std::uint32_t) override {
+    ++told;
+    if (onTold) {
+      onTold();
+    }
+  }
+
+  const platform::Descriptor fd{eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)};
+  std::uint64_t key = 0;
+  int told = 0;
+  std::function<void()> onTold;
+};
+
+class SocketSetTest : public testing::Test {
+ protected:
+  std::shared_ptr<Ready> addOne() {
+    auto one = std::make_shared<Ready>();
+    set.add(one->fd.get(), EPOLLIN, one, one->key);
+    return one;
+  }
+  void remove(const std::shared_ptr<Ready>& one) { set.remove(one->fd.get(), one->key); }
+
+  lunet::SocketSet set;
+};
+
+TEST_F(SocketSetTest, WhatIsReadyIsToldUntilItIsRemoved) {
+  const auto one = addOne();
+  set.dispatch(0);
+  set.dispatch(0);
+  EXPECT_EQ(one->told, 2);
+  remove(one);
+  set.dispatch(0);
+  EXPECT_EQ(one->told, 2);
+}
+
+TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotToldAnyMore) {
+  const auto one = addOne();
+  const auto other = addOne();
+  one->onTold = [&] { remove(other); };
+  other->onTold = [&] { remove(one); };
+  set.dispatch(0);
+  EXPECT_EQ(one->told + other->told, 1);
+}
+
+}  // namespace
