@@ -118,6 +118,22 @@ TEST_F(ItemFileTest, ContentThatIsNotAsLongAsItsRecordSaysIsRefused) {
   }
 }
 
+TEST_F(ItemFileTest, ContentThatGoesOnBehindItsLengthIsRefusedBeforeItsEnd) {
+  const std::string content(200'000, 'x');
+  store::ItemMeta meta = metaOf(content);
+  meta.size = 10;
+  itemOf(content, meta);
+  const store::UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  store::ItemReader reader(fd.get());
+  char buffer[100];
+  try {
+    reader.read(buffer, sizeof buffer);
+    ADD_FAILURE() << "it was read";
+  } catch (const store::StoreError& error) {
+    EXPECT_STREQ(error.what(), "is damaged: its content is not as long as the file was");
+  }
+}
+
 TEST_F(ItemFileTest, ContentOfAnotherDigestThanItsRecordSaysIsRefused) {
   EXPECT_EQ(whyDamaged(itemOf("content", metaOf("CONTENT"))), "is damaged: its content was changed");
 }
@@ -149,6 +165,20 @@ TEST_F(ItemFileTest, NoMoreIsWrittenThanIsAllowed) {
   struct stat st {};
   ASSERT_EQ(::fstat(fd.get(), &st), 0);
   EXPECT_LE(st.st_size, 100);
+}
+
+TEST_F(ItemFileTest, AnItemMayBeAsLongAsIsAllowedAndNotAByteLonger) {
+  const std::string content = "a text of thirty bytes, or so";
+  const std::uint64_t size = itemOf(content).size();
+  const auto writeWithin = [&](std::uint64_t allowed) {
+    const store::UniqueFd fd(::open(path_.c_str(), O_RDWR | O_TRUNC | O_CLOEXEC));
+    store::ItemWriter writer(fd.get(), allowed);
+    writer.add(content.data(), content.size());
+    writer.finish(metaOf(content));
+    return writer.written();
+  };
+  EXPECT_EQ(writeWithin(size), size);
+  EXPECT_THROW(writeWithin(size - 1), store::StoreError);
 }
 
 // The record.

@@ -170,8 +170,10 @@ TEST_F(OpenTest, ADamagedCacheFileStartsAnewAndIsSaid) {
 
 TEST_F(OpenTest, AStoreOfANewerAgentIsRefusedAndLeftAsItIs) {
   store_.reset();
-  execute(stateDir() + "/agent.db", "PRAGMA user_version=99");
-  EXPECT_THAT(refusal(stateDir()), HasSubstr("made by a newer agent"));
+  for (const std::size_t newer : {store::storeSteps().size() + 1, std::size_t{99}}) {
+    execute(stateDir() + "/agent.db", ("PRAGMA user_version=" + std::to_string(newer)).c_str());
+    EXPECT_THAT(refusal(stateDir()), HasSubstr("made by a newer agent")) << newer;
+  }
 }
 
 TEST_F(OpenTest, ASecondAgentOnTheSameStoreIsRefused) {

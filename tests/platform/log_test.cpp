@@ -74,6 +74,18 @@ TEST_F(DebugLog, TheFileIsRotatedAndOnlySoManyBackupsAreKept) {
   EXPECT_EQ(files, 3u);
 }
 
+TEST_F(DebugLog, WithNoBackupsTheFileAloneIsKept) {
+  configure(dir_.path());
+  CLogDebug::Instance()->SetProperty(CLogDebug::kSize, "1000");
+  CLogDebug::Instance()->SetProperty(CLogDebug::kBackupCount, "0");
+  for (int i = 0; i < 100; ++i) {
+    CLogDebug::LogPrintStr(4, "s", "f", i, std::string(100, 'x'));
+  }
+  EXPECT_LE(content().size(), 1000u);
+  const std::filesystem::directory_iterator files(dir_.path());
+  EXPECT_EQ(std::distance(begin(files), end(files)), 1);
+}
+
 TEST_F(DebugLog, OnlyItsOwnerReadsTheFile) {
   const mode_t before = umask(0);
   configure(dir_.path());
