@@ -7,8 +7,8 @@ bool TaskControl::pause() {
   if (phase_ != Phase::kRunning) {
     return false;
   }
+  pauseUnseen_ = true;  // first: a pause that is seen by its phase is not told a second time
   phase_ = Phase::kPaused;
-  pauseUnseen_ = true;
   changed_.notify_all();
   return true;
 }

@@ -126,6 +126,26 @@ TEST(TaskControl, ATaskThatIsPausedAtItsEndFinishesWhenItIsResumed) {
   EXPECT_EQ(1, resumes);
 }
 
+TEST(TaskControl, APauseThatWasTakenIsToldOnceHoweverNearTheEndItCame) {
+  for (int round = 0; round < 2000; ++round) {
+    TaskControl control;
+    std::atomic<bool> begun{false};
+    bool taken = false;
+    std::thread owner([&] {
+      begun = true;
+      taken = control.pause();
+      control.resume();
+    });
+    while (!begun) {
+      std::this_thread::yield();
+    }
+    int pauses = 0;
+    EXPECT_TRUE(control.finish([&] { ++pauses; }, [] {}));
+    owner.join();
+    ASSERT_EQ(taken ? 1 : 0, pauses) << "round " << round;
+  }
+}
+
 TEST(TaskControl, ATaskThatIsStoppedWhilePausedAtItsEndDoesNotFinish) {
   TaskControl control;
   control.pause();
