@@ -1,0 +1,142 @@
+// What --status says of an agent that is asked over a real bus in a private tree.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "json/CppJson.h"
+#include "service/BusLink.h"
+#include "service/Options.h"
+#include "service/Status.h"
+#include "support/InstallTree.h"
+
+namespace agent {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+/// Answers every request with an empty list, and does something before it does so.
+class ListAnswerer final : public lunet::IMRReceiveComplete {
+ public:
+  ListAnswerer(lunet::IEndpoint& endpoint, std::function<void()> before)
+      : endpoint_(endpoint), before_(std::move(before)) {
+    endpoint_.RegisterReceiver(lunet::kRequestChannel, this, nullptr);
+  }
+  ~ListAnswerer() { endpoint_.UnregisterReceiver(lunet::kRequestChannel); }
+  ListAnswerer(const ListAnswerer&) = delete;
+  ListAnswerer& operator=(const ListAnswerer&) = delete;
+
+  void ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data, std::uint32_t length,
+                       void* replyContext, void*) override {
+    before_();
+    Json::Value request;
+    Json::Value answer;
+    CppJson::LoadJsonString({static_cast<const char*>(data), length}, request);
+    answer["jsonrpc"] = "2.0";
+    answer["id"] = request["id"];
+    answer["result"] = Json::Value(Json::arrayValue);
+    std::string text;
+    CppJson::WriteJsonToString(answer, text, 1);
+    endpoint_.Reply(0, messageId, text.data(), static_cast<std::uint32_t>(text.size()), replyContext);
+  }
+
+ private:
+  lunet::IEndpoint& endpoint_;
+  std::function<void()> before_;
+};
+
+/// A process of another user that listens at a path, on the kernel's word, until it is ended with the object.
+class OtherUsersListener {
+ public:
+  explicit OtherUsersListener(const std::string& path) {
+    int ready[2];
+    EXPECT_EQ(pipe(ready), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+      const bool listens = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                           setuid(65534) == 0 && listen(fd, 8) == 0 && write(ready[1], "1", 1) == 1;
+      while (listens) {
+        pause();
+      }
+      _exit(1);
+    }
+    close(ready[1]);
+    char word = 0;
+    EXPECT_EQ(read(ready[0], &word, 1), 1) << "it does not listen";
+    close(ready[0]);
+  }
+  ~OtherUsersListener() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  OtherUsersListener(const OtherUsersListener&) = delete;
+  OtherUsersListener& operator=(const OtherUsersListener&) = delete;
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+class StatusOfAnAgent : public ::testing::Test {
+ protected:
+  StatusOfAnAgent() {
+    std::string why;
+    EXPECT_TRUE(readBusSettings(Tree(tree_.path()), "test", &settings_, &why)) << why;
+    EXPECT_EQ(link_.prepare(Tree(tree_.path()), settings_), "");
+    EXPECT_EQ(link_.open(lunet::kAgentGuid), "");
+  }
+  std::string socketPath() const {
+    return settings_.socketDir + "/" + lunet::formatGuid(lunet::parseGuid(lunet::kAgentGuid)) + ".sock";
+  }
+  /// The exit code; what is printed is in out and err.
+  int print() {
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    const int code = printStatus(Tree(tree_.path()));
+    out = ::testing::internal::GetCapturedStdout();
+    err = ::testing::internal::GetCapturedStderr();
+    return code;
+  }
+
+  testsupport::InstallTree tree_;
+  BusSettings settings_;
+  BusLink link_;
+  std::string out, err;
+};
+
+TEST_F(StatusOfAnAgent, NamesTheProcessThatAnswers) {
+  const ListAnswerer agent(link_.endpoint(), [] {});
+  EXPECT_EQ(print(), kExitOk) << err;
+  EXPECT_THAT(out, HasSubstr("pid=" + std::to_string(getpid()) + "\n"));
+}
+
+// The answer came from the agent, and by then its address is another user's.
+TEST_F(StatusOfAnAgent, NamesNoProcessWhereAnotherUserHasTakenTheAddress) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "needs a second user";
+  }
+  ASSERT_TRUE(std::filesystem::is_socket(socketPath()));
+  const OtherUsersListener other(tree_.at("other.sock"));
+  const ListAnswerer agent(link_.endpoint(),
+                           [&] { std::filesystem::rename(tree_.at("other.sock"), socketPath()); });
+  EXPECT_EQ(print(), kExitFailed);
+  EXPECT_THAT(out, IsEmpty()) << other.pid();
+  EXPECT_THAT(err, HasSubstr("cannot be told"));
+}
+
+}  // namespace
+}  // namespace agent
