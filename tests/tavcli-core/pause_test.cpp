@@ -120,7 +120,7 @@ TEST(Pause, LooksWhileItWaits) {
     }
   });
   EXPECT_EQ(pause.sleepUntilFinal(kLong), IPause::End::kFinalState);
-  EXPECT_EQ(looks, 1);
+  EXPECT_GE(looks, 1);
 }
 
 }  // namespace
