@@ -18,6 +18,7 @@ class OnATerminal {
     winsize size{};
     size.ws_row = 24;
     size.ws_col = 80;
+    std::fflush(stdout);  // the child must not write what earlier tests have left in the buffer
     child_ = forkpty(&terminal_, nullptr, nullptr, &size);
     if (child_ == 0) {
       setenv("TERM", term, 1);
