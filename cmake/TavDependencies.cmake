@@ -11,6 +11,7 @@ pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)
 pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(CLAMAV REQUIRED IMPORTED_TARGET libclamav)
 pkg_check_modules(GCRYPT REQUIRED IMPORTED_TARGET libgcrypt)
+find_package(tl-expected REQUIRED)
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 
 add_library(tav_asio INTERFACE)

@@ -1,46 +1,25 @@
-// Any bytes as the agent's answer to any method: a result, or jsonrpc::JsonRpcException; nothing else.
+// Any bytes as the agent's answer to any method: a result, or jsonrpc::JsonRpcException; nothing else. The
+// methods are those of the table.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
-#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
 #include "support/FakeEndpoint.h"
 
 namespace {
 
+using jsonrpchelper::AgentMethods;
 using jsonrpchelper::AgentStub;
+using jsonrpchelper::MethodList;
 
-void callMethod(AgentStub& agent, std::size_t which) {
-  switch (which % 9) {
-    case 0:
-      agent.startScanTask(Json::Value(), "", Json::Value(), 1, "");
-      break;
-    case 1:
-      agent.ctlBus(1, "", 8, Json::Value(), 1, "t");
-      break;
-    case 2:
-      agent.getBusList();
-      break;
-    case 3:
-      agent.getAVConfig(0, 1);
-      break;
-    case 4:
-      agent.setAVConfig("{}", 0, 1);
-      break;
-    case 5:
-      agent.getIsolationInfo();
-      break;
-    case 6:
-      agent.getRegionInfo(4, 0, 0);
-      break;
-    case 7:
-      agent.cleanScanCache();
-      break;
-    default:
-      agent.getScanCacheDetail();
-  }
+template <class... Methods>
+void callMethod(MethodList<Methods...>, AgentStub& agent, std::size_t which) {
+  which %= sizeof...(Methods);
+  std::size_t index = 0;
+  ((index++ == which ? static_cast<void>(agent.call(Methods{})) : void()), ...);
 }
 
 }  // namespace
@@ -62,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                              lunet::kOnewayChannel, 1000);
   AgentStub agent(client);
   try {
-    callMethod(agent, data[0]);
+    callMethod(AgentMethods(), agent, data[0]);
   } catch (const jsonrpc::JsonRpcException&) {
   }
   if (endpoint.buffersOut != 0) {

@@ -3,80 +3,83 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
 #include "json/ScanRecords.h"
-#include "jsonrpchelper/AgentServer.h"
+#include "jsonrpchelper/IAgentAbstract.h"
+#include "jsonrpchelper/IBusinessCAbstract.h"
 #include "jsonrpchelper/IJsonRpcServerHelper.h"
-#include "jsonrpchelper/ScanServers.h"
+#include "jsonrpchelper/IScanCAbstract.h"
 #include "support/FakeEndpoint.h"
 
 namespace {
 
+using namespace jsonrpchelper;
+
+// Each server overrides every operation: a method or notification of the table that is left out does not
+// compile.
+
 class Scan : public IScanCAbstract {
  public:
   using IScanCAbstract::IScanCAbstract;
-  void reportRiskInfo(int, int, const Json::Value& risk, int, const std::string&) override {
-    JsonReflect::VirusInfo().FromValue(risk);
-    JsonReflect::MemoryRiskInfo().FromValue(risk);
+  void reportRiskInfo(const ReportRiskInfo& report) override {
+    JsonReflect::VirusInfo().FromValue(report.risk_info);
+    JsonReflect::MemoryRiskInfo().FromValue(report.risk_info);
   }
-  void reportRiskFixInfo(int, int, const Json::Value& risk, int, const Json::Value& result,
-                         const std::string&) override {
-    JsonReflect::VirusInfo().FromValue(risk);
-    JsonReflect::RiskRepairResult().FromValue(result);
+  void reportRiskFixInfo(const ReportRiskFixInfo& report) override {
+    JsonReflect::VirusInfo().FromValue(report.risk_info);
+    JsonReflect::RiskRepairResult().FromValue(report.risk_repair_result);
   }
-  void reportScanBusOverView(const Json::Value& overview, const std::string&) override {
-    JsonReflect::ScanBusOverView().FromValue(overview);
+  void reportScanBusOverView(const ReportScanBusOverView& report) override {
+    JsonReflect::ScanBusOverView().FromValue(report.overview);
   }
-  void reportScanBusStage(const std::string&, int, const std::string&) override {}
-  void reportScanAttributeInfo(const Json::Value&, int, const std::string&) override {}
+  void reportScanBusStage(const ReportScanBusStage&) override {}
+  void reportScanAttributeInfo(const ReportScanAttributeInfo&) override {}
 };
 
 class Business : public IBusinessCAbstract {
  public:
   using IBusinessCAbstract::IBusinessCAbstract;
-  void reportBusStatus(const Json::Value&, const std::string&, const Json::Value&, int, int,
-                       const std::string&, int) override {}
-  void reportBusProgress(int, const std::string&) override { throw std::runtime_error("no"); }
+  void reportBusStatus(const ReportBusStatus&) override {}
+  void reportBusProgress(const ReportBusProgress&) override { throw std::runtime_error("no"); }
 };
 
 class Agent : public IAgentAbstract {
  public:
   using IAgentAbstract::IAgentAbstract;
-  Json::Value startScanTask(const Json::Value& ctx, const std::string&, const Json::Value& params, int,
-                            const std::string&) override {
-    JsonReflect::ScanParams().FromValue(params);
-    return ctx;
+  std::optional<Json::Value> refusal(Access, const std::string&) override { return std::nullopt; }
+  JsonObject startScanTask(const StartScanTask& request) override {
+    JsonReflect::ScanParams().FromValue(request.params);
+    return request.ctx;
   }
-  bool ctlBus(int, const std::string&, int, const Json::Value&, int, const std::string&) override {
-    throw jsonrpc::JsonRpcException(-1, "no");
-  }
-  Json::Value getBusList() override { return Json::arrayValue; }
-  std::string getAVConfig(int, int) override { return "{}"; }
-  bool setAVConfig(const std::string& text, int, int) override {
+  bool ctlBus(const CtlBus&) override { throw jsonrpc::JsonRpcException(-1, "no"); }
+  JsonArray getBusList(const GetBusList&) override { return {}; }
+  std::string getAVConfig(const GetAVConfig&) override { return "{}"; }
+  bool setAVConfig(const SetAVConfig& request) override {
     Json::Value settings;
-    return CppJson::LoadJsonString(text, settings);
+    return CppJson::LoadJsonString(request.config_str, settings);
   }
-  Json::Value startDeIsolate(const Json::Value&, const std::string&, const Json::Value& params, int,
-                             const std::string&) override {
-    JsonReflect::DeIsolateParams().FromValue(params);
-    return params;
+  JsonObject startDeIsolate(const StartDeIsolate& request) override {
+    JsonReflect::DeIsolateParams().FromValue(request.params);
+    return request.params;
   }
-  Json::Value getIsolationInfo() override { return Json::arrayValue; }
-  bool ctlRegion(const std::string&, const Json::Value& items, int, int) override {
-    return JsonReflect::FilterRegionItem().FromValue(items);
+  JsonArray getIsolationInfo(const GetIsolationInfo&) override { return {}; }
+  bool ctlRegion(const CtlRegion& request) override {
+    return JsonReflect::FilterRegionItem().FromValue(request.items);
   }
-  Json::Value getRegionInfo(int, int, int) override { return Json::arrayValue; }
-  void cleanScanCache() override {}
-  int getScanCacheDetail() override { throw 5; }
+  JsonArray getRegionInfo(const GetRegionInfo&) override { return {}; }
+  void cleanScanCache(const CleanScanCache&) override {}
+  std::int32_t getScanCacheDetail(const GetScanCacheDetail&) override { throw 5; }
 };
 
 /// One helper with everything on it, for all inputs.
 struct World {
   testsupport::FakeEndpoint endpoint;
-  jsonrpchelper::IJsonRpcServerHelper helper;
+  IJsonRpcServerHelper helper;
   Scan scan{helper};
   Business business{helper};
   Agent agent{helper};

@@ -49,23 +49,23 @@ constexpr EngineRow kEngineRows[] = {
 // What kind of risk a name tells: the first row of which one part stands in the name.
 struct RiskRow {
   std::string_view parts;
-  int type;
+  json::RiskType type;
   const char* name;
 };
 constexpr RiskRow kRiskRows[] = {
-    {"Test TEST Eicar EICAR Eicar-Test-Signature", kRiskTestFile, "测试文件"},
-    {"Heuristics", kRiskHeuristic, "可疑文件"},
-    {"PUA", kRiskHeuristic, "潜在有害程序"},
-    {"Ransomware Ransom", kRiskVirus, "勒索病毒"},
-    {"Trojan Dropper Downloader Spyware Keylogger Infostealer Packed", kRiskVirus, "木马"},
-    {"Backdoor Rootkit Webshell Botnet", kRiskVirus, "后门"},
-    {"Worm", kRiskVirus, "蠕虫"},
-    {"Exploit", kRiskVirus, "漏洞利用程序"},
-    {"Coinminer Miner", kRiskVirus, "挖矿程序"},
-    {"Phishing", kRiskVirus, "钓鱼文件"},
-    {"Adware", kRiskVirus, "广告程序"},
-    {"Macro", kRiskVirus, "宏病毒"},
-    {"", kRiskVirus, "病毒"},
+    {"Test TEST Eicar EICAR Eicar-Test-Signature", json::RiskType::kTestFile, "测试文件"},
+    {"Heuristics", json::RiskType::kHeuristic, "可疑文件"},
+    {"PUA", json::RiskType::kHeuristic, "潜在有害程序"},
+    {"Ransomware Ransom", json::RiskType::kVirus, "勒索病毒"},
+    {"Trojan Dropper Downloader Spyware Keylogger Infostealer Packed", json::RiskType::kVirus, "木马"},
+    {"Backdoor Rootkit Webshell Botnet", json::RiskType::kVirus, "后门"},
+    {"Worm", json::RiskType::kVirus, "蠕虫"},
+    {"Exploit", json::RiskType::kVirus, "漏洞利用程序"},
+    {"Coinminer Miner", json::RiskType::kVirus, "挖矿程序"},
+    {"Phishing", json::RiskType::kVirus, "钓鱼文件"},
+    {"Adware", json::RiskType::kVirus, "广告程序"},
+    {"Macro", json::RiskType::kVirus, "宏病毒"},
+    {"", json::RiskType::kVirus, "病毒"},
 };
 
 std::string_view nextWord(std::string_view& rest, char separator) {
@@ -120,7 +120,7 @@ Find readFind(std::string_view libraryName) {
   find.detection.engineCode = engineOf(name);
   find.detection.riskType = risk.type;
   find.detection.riskTypeName = risk.name;
-  if (risk.type == kRiskHeuristic) {
+  if (risk.type == json::RiskType::kHeuristic) {
     find.kind = FindKind::kHeuristic;
   }
   return find;

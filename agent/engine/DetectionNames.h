@@ -23,9 +23,4 @@ struct Find {
 /// Reads a find's name as libclamav gives it: what it means, whose engine it is, and what kind of risk.
 Find readFind(std::string_view libraryName);
 
-inline constexpr int kRiskVirus = 0;
-inline constexpr int kRiskTestFile = 1;
-inline constexpr int kRiskHeuristic = 2;
-inline constexpr int kRiskRejected = 3;
-
 }  // namespace agent

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "json/Values.h"
+
 namespace agent {
 
 /// How one scanned entry ended. Nothing is clean that was not scanned whole.
@@ -12,7 +14,7 @@ enum class Outcome : std::uint8_t { kClean, kInfected, kError, kSkipped };
 struct Detection {
   std::string name;    ///< of the detection
   int engineCode = 0;  ///< json::Engine
-  int riskType = 0;    ///< 0 virus, 1 test file, 2 heuristic, 3 rejected by the administrator
+  json::RiskType riskType = json::RiskType::kVirus;
   std::string riskTypeName;
 };
 

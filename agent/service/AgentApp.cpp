@@ -43,7 +43,7 @@ struct StartFailure {
 };
 
 int say(int exitCode, const std::string& line) {
-  AGENT_LOG(exitCode == kExitOk ? 2 : 4, "%s", line.c_str());
+  AGENT_LOG(exitCode == kExitOk ? LogLevel::kInfo : LogLevel::kError, "%s", line.c_str());
   std::fprintf(stderr, "%s: %s\n", kName, platform::visibleText(line).c_str());
   return exitCode;
 }
@@ -151,7 +151,7 @@ class Agent {
     mark_.setAttribute("pid", std::to_string(getpid()));
     store_ = Store::open(tree.state());
     for (const std::string& notice : store_->notices()) {
-      AGENT_LOG(3, "store: %s", notice.c_str());
+      AGENT_LOG(LogLevel::kWarning, "store: %s", notice.c_str());
     }
     if (const std::string failure = bus_.prepare(tree, bus); !failure.empty()) {
       throw StartFailure{kExitFailed, failure};
@@ -166,7 +166,7 @@ class Agent {
     if (tasks_) {
       const bool ended = tasks_->stopAll("the agent is ending", kEndLimit);
       if (!outbox_->drain(kLastWordsLimit)) {
-        AGENT_LOG(3, "%s", "not every console has taken the end of its task");
+        AGENT_LOG(LogLevel::kWarning, "%s", "not every console has taken the end of its task");
       }
       if (!ended) {
         std::_Exit(kExitFailed);  // a thread hangs in a file system; what is left behind is settled at the
@@ -195,7 +195,7 @@ class Agent {
       const timespec limit{loading ? kLoadingLookSec : kSignatureLookSec, 0};
       const int number = sigtimedwait(&signals, nullptr, &limit);
       if (number == SIGTERM || number == SIGINT) {
-        AGENT_LOG(2, "ending: signal %d", number);
+        AGENT_LOG(LogLevel::kInfo, "ending: signal %d", number);
         return;
       }
       if (number == SIGHUP) {
@@ -211,7 +211,7 @@ class Agent {
     std::string why;
     const std::optional<gid_t> group = groupByName(groupName, &why);
     if (!why.empty()) {
-      AGENT_LOG(4, "%s: only root and the agent's user may use it", why.c_str());
+      AGENT_LOG(LogLevel::kError, "%s: only root and the agent's user may use it", why.c_str());
     }
     outbox_ = std::make_unique<Outbox>();
     tasks_ = std::make_unique<TaskManager>(
@@ -244,7 +244,7 @@ class Agent {
     const SignatureState state = spawner_->signatureState();
     if (!state.loading && state.detail != told_) {
       const bool whole = state.loaded && state.system != SystemDatabase::kLeftOut;
-      AGENT_LOG(whole ? 2 : 4, "signatures: %s", state.detail.c_str());
+      AGENT_LOG(whole ? LogLevel::kInfo : LogLevel::kError, "signatures: %s", state.detail.c_str());
       told_ = state.detail;
     }
     return !state.loading;
@@ -254,9 +254,10 @@ class Agent {
   void reloadSignatures() {
     std::string why;
     if (spawner_->reload(&why)) {
-      AGENT_LOG(2, "%s", "signatures were loaded again");
+      AGENT_LOG(LogLevel::kInfo, "%s", "signatures were loaded again");
     } else {
-      AGENT_LOG(4, "signatures could not be loaded again, the old ones stay in force: %s", why.c_str());
+      AGENT_LOG(LogLevel::kError, "signatures could not be loaded again, the old ones stay in force: %s",
+                why.c_str());
     }
   }
 
@@ -288,7 +289,7 @@ int serve(const Options& options, Readiness* readiness) {
       return say(kExitFailed, why);
     }
     Agent agent(options, tree, bus);
-    AGENT_LOG(2, "serving %s (pid %d)", tree.root.c_str(), getpid());
+    AGENT_LOG(LogLevel::kInfo, "serving %s (pid %d)", tree.root.c_str(), getpid());
     if (readiness != nullptr) {
       readiness->ready();
     } else {
@@ -301,7 +302,7 @@ int serve(const Options& options, Readiness* readiness) {
   } catch (const std::exception& error) {
     return say(kExitFailed, error.what());
   }
-  AGENT_LOG(2, "%s", "ended");
+  AGENT_LOG(LogLevel::kInfo, "%s", "ended");
   return kExitOk;
 }
 

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
+#include "json/Values.h"
 #include "platform/Text.h"
 #include "service/Callers.h"
 #include "store/AuditLog.h"
@@ -15,8 +19,25 @@ namespace agent {
 
 namespace {
 
+using namespace jsonrpchelper;
+
+/// Methods as the log and the audit record name them.
+constexpr std::pair<std::string_view, const char*> kActions[] = {
+    {CtlBus::kName, "control scan"},
+    {SetAVConfig::kName, "change settings"},
+    {StartDeIsolate::kName, "restore"},
+    {CtlRegion::kName, "change region"},
+    {CleanScanCache::kName, "clean scan cache"},
+};
+
+std::string actionOf(std::string_view method) {
+  const auto* const row = std::find_if(std::begin(kActions), std::end(kActions),
+                                       [method](const auto& action) { return action.first == method; });
+  return row != std::end(kActions) ? row->second : std::string(method);
+}
+
 CallerId whoAsks() {
-  return callerIdOf(jsonrpchelper::currentCaller().process);
+  return callerIdOf(currentCaller().process);
 }
 
 std::string compact(const Json::Value& value) {
@@ -28,41 +49,71 @@ std::string compact(const Json::Value& value) {
   return text;
 }
 
+std::string noSettings(int configType) {
+  return "there are no settings of type " + std::to_string(configType);
+}
+
 std::string freshToken() {
   std::string token;
   CUuid::generate(token);
   return token;
 }
 
+/// The answer to a restore, so far without a refused item.
+Json::Value restoreAnswer() {
+  Json::Value answer(Json::objectValue);
+  answer["status"] = false;
+  answer["token_id"] = freshToken();
+  answer["detail"] = Json::Value(Json::arrayValue);
+  return answer;
+}
+
+void addRefusedItem(Json::Value& answer, const std::string& uuid, const std::string& reason) {
+  Json::Value entry(Json::objectValue);
+  entry["uuid"] = uuid;
+  entry["reason"] = platform::visibleText(reason);
+  answer["detail"].append(entry);
+}
+
 }  // namespace
 
-AgentService::AgentService(jsonrpchelper::IJsonRpcServerHelper& helper, Store& store, TaskManager& tasks,
+AgentService::AgentService(IJsonRpcServerHelper& helper, Store& store, TaskManager& tasks,
                            std::optional<gid_t> group)
     : IAgentAbstract(helper), store_(store), tasks_(tasks), group_(group) {}
 
-bool AgentService::allowed(const CallerId& caller, const char* action) {
-  if (mayChange(caller, group_)) {
-    return true;
+std::optional<Json::Value> AgentService::refusal(Access access, const std::string& method) {
+  if (access == Access::kEverybody) {
+    return std::nullopt;
   }
-  AGENT_LOG(4, "%s refused to user %u (process %d)", action, caller.uid, caller.pid);
+  const CallerId caller = whoAsks();
+  if (mayChange(caller, group_)) {
+    return std::nullopt;
+  }
+  const std::string action = actionOf(method);
+  AGENT_LOG(LogLevel::kError, "%s refused to user %u (process %d)", action.c_str(), caller.uid, caller.pid);
   store_.audit(caller, action, "", "refused: not allowed");
-  return false;
+  if (method != StartDeIsolate::kName) {
+    return Json::Value(false);
+  }
+  Json::Value answer = restoreAnswer();
+  addRefusedItem(answer, "", "not allowed");
+  return answer;
 }
 
-bool AgentService::changed(const CallerId& caller, const char* action, const std::string& object, bool ok,
+bool AgentService::changed(const CallerId& caller, const char* method, const std::string& object, bool ok,
                            const std::string& why) {
-  AGENT_LOG(ok ? 2 : 4, "%s by user %u (process %d): %s: %s", action, caller.uid, caller.pid,
-            store::cutField(object).c_str(), ok ? "done" : store::cutField(why).c_str());
+  const std::string action = actionOf(method);
+  AGENT_LOG(ok ? LogLevel::kInfo : LogLevel::kError, "%s by user %u (process %d): %s: %s", action.c_str(),
+            caller.uid, caller.pid, store::cutField(object).c_str(),
+            ok ? "done" : store::cutField(why).c_str());
   store_.audit(caller, action, object, ok ? "done" : "refused: " + why);
   return ok;
 }
 
-Json::Value AgentService::startScanTask(const Json::Value& ctx, const std::string&, const Json::Value& params,
-                                        int source, const std::string&) {
-  const jsonrpchelper::Caller from = jsonrpchelper::currentCaller();
-  const TaskManager::StartRequest request{
-      ctx, params, source, {from.guid, from.process}, callerIdOf(from.process)};
-  const TaskManager::Started started = tasks_.start(request);
+JsonObject AgentService::startScanTask(const StartScanTask& request) {
+  const Caller from = currentCaller();
+  const TaskManager::Started started = tasks_.start(
+      {request.ctx, request.params, request.source, {from.guid, from.process}, callerIdOf(from.process)});
   Json::Value answer(Json::objectValue);
   answer["status"] = started.ok;
   answer["token_id"] = started.token;
@@ -70,104 +121,90 @@ Json::Value AgentService::startScanTask(const Json::Value& ctx, const std::strin
   return answer;
 }
 
-bool AgentService::ctlBus(int action, const std::string& detail, int, const Json::Value&, int,
-                          const std::string& token_id) {
+bool AgentService::ctlBus(const CtlBus& request) {
   const CallerId caller = whoAsks();
   std::string why;
-  const bool done = tasks_.control(action, token_id, detail, caller, &why);
-  return changed(caller, "control scan", token_id + " action " + std::to_string(action), done, why);
-}
-
-Json::Value AgentService::getBusList() {
-  return tasks_.list(whoAsks());
-}
-
-std::string AgentService::getAVConfig(int config_type, int) {
-  const std::optional<Json::Value> document = store_.settings().document(config_type);
-  if (!document) {
-    throw std::runtime_error("there are no settings of type " + std::to_string(config_type));
-  }
-  return compact(*document);
-}
-
-bool AgentService::setAVConfig(const std::string& config_str, int config_type, int) {
-  const CallerId caller = whoAsks();
-  if (!allowed(caller, "change settings")) {
-    return false;
-  }
-  std::string why;
-  const bool done = store_.settings().change(config_type, config_str, &why);
-  return changed(caller, "change settings", "type " + std::to_string(config_type) + " " + config_str, done,
+  const bool done = tasks_.control(request.action, request.token_id, request.detail, caller, &why);
+  return changed(caller, request.kName, request.token_id + " action " + std::to_string(request.action), done,
                  why);
 }
 
-Json::Value AgentService::startDeIsolate(const Json::Value&, const std::string&, const Json::Value& params,
-                                         int, const std::string&) {
+JsonArray AgentService::getBusList(const GetBusList& /*request*/) {
+  return tasks_.list(whoAsks());
+}
+
+std::string AgentService::getAVConfig(const GetAVConfig& request) {
+  const auto known = json::fromNumber<json::ConfigType>(request.config_type);
+  if (!known) {
+    throw std::runtime_error(noSettings(request.config_type));
+  }
+  return compact(store_.settings().document(*known));
+}
+
+bool AgentService::setAVConfig(const SetAVConfig& request) {
+  const auto known = json::fromNumber<json::ConfigType>(request.config_type);
+  std::string why = noSettings(request.config_type);
+  const bool done = known && store_.settings().change(*known, request.config_str, &why);
+  return changed(whoAsks(), request.kName,
+                 "type " + std::to_string(request.config_type) + " " + request.config_str, done, why);
+}
+
+JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
   const CallerId caller = whoAsks();
-  Json::Value answer(Json::objectValue);
-  answer["status"] = false;
-  answer["token_id"] = freshToken();
-  answer["detail"] = Json::Value(Json::arrayValue);
-  const auto refuse = [&](const std::string& uuid, const std::string& reason) {
-    Json::Value entry(Json::objectValue);
-    entry["uuid"] = uuid;
-    entry["reason"] = platform::visibleText(reason);
-    answer["detail"].append(entry);
-  };
-  JsonReflect::DeIsolateParams request;
-  if (!allowed(caller, "restore")) {
-    refuse("", "not allowed");
+  Json::Value answer = restoreAnswer();
+  JsonReflect::DeIsolateParams params;
+  const bool readable = request.params.isObject() && params.FromValue(request.params);
+  const auto action = json::fromNumber<json::RestoreAction>(params.action);
+  if (!readable || !action || (params.items.empty() && !params.is_all)) {
+    addRefusedItem(answer, "", "the request names no action (1 restore, 2 restore and trust) or no item");
     return answer;
   }
-  if (!params.isObject() || !request.FromValue(params) || request.action < 1 || request.action > 2 ||
-      (request.items.empty() && !request.is_all)) {
-    refuse("", "the request names no action (1 restore, 2 restore and trust) or no item");
-    return answer;
-  }
-  const auto outcomes = store_.quarantine().restore(request.items, request.is_all, request.action == 2,
-                                                    json::decodePath(request.custom_path), caller);
+  const auto outcomes = store_.quarantine().restore(params.items, params.is_all,
+                                                    *action == json::RestoreAction::kRestoreAndTrust,
+                                                    json::decodePath(params.custom_path), caller);
   bool all = true;
   for (const Quarantine::RestoreOutcome& outcome : outcomes) {
-    changed(caller, "restore", outcome.uuid, outcome.result.ok, outcome.result.detail);
+    changed(caller, request.kName, outcome.uuid, outcome.result.ok, outcome.result.detail);
     if (!outcome.result.ok) {
       all = false;
-      refuse(outcome.uuid, outcome.result.detail);
+      addRefusedItem(answer, outcome.uuid, outcome.result.detail);
     }
   }
   answer["status"] = all;
   return answer;
 }
 
-Json::Value AgentService::getIsolationInfo() {
+JsonArray AgentService::getIsolationInfo(const GetIsolationInfo& /*request*/) {
   const CallerId caller = whoAsks();
   return store_.quarantine().list(isAdministrator(caller) ? std::nullopt : std::optional<uid_t>(caller.uid));
 }
 
-bool AgentService::ctlRegion(const std::string& desc, const Json::Value& items, int region_type, int) {
+bool AgentService::ctlRegion(const CtlRegion& request) {
   const CallerId caller = whoAsks();
-  if (!allowed(caller, "change region")) {
-    return false;
-  }
-  std::string why;
-  const bool done = store_.regions().change(region_type, items, caller, &why);
-  return changed(caller, "change region",
-                 "type " + std::to_string(region_type) + " " + compact(items) + " " + desc, done, why);
+  const auto region = json::fromNumber<json::Region>(request.region_type);
+  std::string why = "there is no region " + std::to_string(request.region_type);
+  const bool done = region && store_.regions().change(*region, request.items, caller, &why);
+  return changed(
+      caller, request.kName,
+      "type " + std::to_string(request.region_type) + " " + compact(request.items) + " " + request.desc, done,
+      why);
 }
 
-Json::Value AgentService::getRegionInfo(int domain, int item_type, int region_type) {
-  return store_.regions().list(domain, item_type, region_type);
+JsonArray AgentService::getRegionInfo(const GetRegionInfo& request) {
+  const auto domain = json::fromNumber<json::RegionDomain>(request.domain);
+  const auto type = json::fromNumber<json::RegionItemType>(request.item_type);
+  const auto region = json::fromNumber<json::Region>(request.region_type);
+  return domain && type && region ? store_.regions().list(*domain, *type, *region)
+                                  : Json::Value(Json::arrayValue);
 }
 
-void AgentService::cleanScanCache() {
-  const CallerId caller = whoAsks();
-  if (allowed(caller, "clean scan cache")) {
-    store_.cache().clear();
-    changed(caller, "clean scan cache", "", true, "");
-  }
+void AgentService::cleanScanCache(const CleanScanCache& request) {
+  store_.cache().clear();
+  changed(whoAsks(), request.kName, "", true, "");
 }
 
-int AgentService::getScanCacheDetail() {
-  return static_cast<int>(std::min<std::int64_t>(store_.cache().count(), INT32_MAX));
+std::int32_t AgentService::getScanCacheDetail(const GetScanCacheDetail& /*request*/) {
+  return static_cast<std::int32_t>(std::min<std::int64_t>(store_.cache().count(), INT32_MAX));
 }
 
 }  // namespace agent

@@ -1,8 +1,8 @@
 #include "service/BusLink.h"
 
-#include <array>
 #include <cstdio>
 
+#include "lunet/LogLevels.h"
 #include "platform/CLog.h"
 #include "platform/CLogDebug.h"
 #include "platform/Text.h"
@@ -11,17 +11,15 @@ namespace agent {
 
 namespace {
 
-/// From the library's levels, 0 being errors, to the log's.
 void takeLog(int level, const char* text) {
-  constexpr std::array<int, 5> kLevels{4, 3, 2, 1, 1};
-  const bool known = level >= 0 && level < static_cast<int>(kLevels.size());
-  CLogDebug::LogPrintStr(known ? kLevels[static_cast<std::size_t>(level)] : 1, __FILE_NAME__, "bus", __LINE__,
-                         text);
+  CLogDebug::LogPrintStr(lunet::fromBus(level), __FILE_NAME__, "bus", __LINE__, text);
 }
 
-/// From the base library's levels, 3 being errors, to the log's: what JSON-RPC over the bus refuses.
+/// What JSON-RPC over the bus refuses.
 void takeBaseLog(int level, const char* text) {
-  CLogDebug::LogPrintStr(level + 1, __FILE_NAME__, "rpc", __LINE__, text);
+  if (const std::optional<LogLevel> own = platform::fromCLog(level)) {
+    CLogDebug::LogPrintStr(*own, __FILE_NAME__, "rpc", __LINE__, text);
+  }
 }
 
 std::string errorText(const char* what, std::uint32_t error) {

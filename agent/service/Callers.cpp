@@ -1,12 +1,11 @@
 #include "service/Callers.h"
 
-#include <grp.h>
-
 #include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <vector>
 
+#include "platform/Users.h"
 #include "task/RunningPrograms.h"
 #include "task/TaskManager.h"
 
@@ -56,14 +55,11 @@ std::optional<gid_t> groupByName(const std::string& name, std::string* why) {
   if (name.empty()) {
     return std::nullopt;
   }
-  std::vector<char> buffer(65536);
-  group entry{};
-  group* found = nullptr;
-  if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
+  const std::optional<gid_t> group = platform::groupId(name);
+  if (!group) {
     *why = "there is no group " + name;
-    return std::nullopt;
   }
-  return entry.gr_gid;
+  return group;
 }
 
 bool mayChange(const CallerId& caller, std::optional<gid_t> group) {

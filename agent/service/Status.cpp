@@ -8,7 +8,7 @@
 #include <string>
 #include <system_error>
 
-#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
 #include "lunet/ClientLibrary.h"
 #include "platform/Text.h"
@@ -73,7 +73,7 @@ int printStatus(const Tree& tree) {
                                              lunet::kOnewayChannel, kAnswerLimitMs);
   Json::Value tasks;
   try {
-    tasks = jsonrpchelper::AgentStub(helper.client()).getBusList();
+    tasks = jsonrpchelper::AgentStub(helper).call(jsonrpchelper::GetBusList{});
   } catch (const std::exception& error) {
     return noAnswer(tree, helper.lastBusError(), error.what());
   }

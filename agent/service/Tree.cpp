@@ -4,21 +4,10 @@
 
 #include "json/CppJson.h"
 #include "lunet/ClientLibrary.h"
+#include "lunet/LogLevels.h"
 #include "platform/Files.h"
 
 namespace agent {
-
-namespace {
-
-/// The file counts from the most verbose level upwards, the library the other way round.
-constexpr int kLibraryLevels[] = {-1, 3, 2, 1, 0, 0, 0};
-constexpr int kDefaultLevel = 3;
-
-int libraryLevel(int level) {
-  return level >= 0 && level < static_cast<int>(std::size(kLibraryLevels)) ? kLibraryLevels[level] : -1;
-}
-
-}  // namespace
 
 bool readBusSettings(const Tree& tree, const std::string& logName, BusSettings* settings, std::string* why) {
   std::string unsafe;
@@ -42,7 +31,8 @@ bool readBusSettings(const Tree& tree, const std::string& logName, BusSettings* 
   config["runtime_path"] = tree.root;
   config["log_path"] = tree.log() + "/" + logName + "/" + logName + ".ipc.log";
   config["log_backup_path"] = tree.log() + "/" + logName + "/backup";
-  config["log_level"] = libraryLevel(CppJson::readInt(config, "log_level", kDefaultLevel));
+  config["log_level"] = static_cast<int>(
+      lunet::busLevelOfFile(CppJson::readInt(config, "log_level", lunet::kDefaultFileLevel)));
   return CppJson::WriteJsonToString(config, settings->clientConfig, 1);
 }
 

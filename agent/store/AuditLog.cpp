@@ -64,7 +64,7 @@ bool AuditLog::append(const std::string& line) {
   if (!file_ && !open()) {
     return false;
   }
-  if (writeAll(file_.get(), line) != 0) {
+  if (platform::writeAll(file_.get(), line) != 0) {
     return false;
   }
   size_ += static_cast<std::int64_t>(line.size());

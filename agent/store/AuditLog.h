@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 #include "store/Store.h"
 
 namespace agent::store {
@@ -36,7 +36,7 @@ class AuditLog {
   const std::string path_;
   const std::int64_t maxBytes_;
   std::mutex mutex_;
-  UniqueFd file_;
+  platform::Descriptor file_;
   std::int64_t size_ = 0;
   unsigned long lost_ = 0;
 };

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent::store {
 namespace {

@@ -53,17 +53,17 @@ void Deletions::settle(std::vector<std::string>* notices) {
     if (settleOne(row, &notice)) {
       forget(row.uuid);
     }
-    notices->push_back("deletion of " + quoted(row.path) + ": " + notice);
+    notices->push_back("deletion of " + platform::quoted(row.path) + ": " + notice);
   }
 }
 
 /// False: nothing can be done about it now.
 bool Deletions::settleOne(const Row& row, std::string* notice) {
-  const SplitPath was = splitPath(row.path);
+  const platform::SplitPath was = platform::splitPath(row.path);
   const std::string aside = privateName(row.uuid);
-  const std::string asidePath = quoted(was.folder + (was.folder == "/" ? "" : "/") + aside);
+  const std::string asidePath = platform::quoted(was.folder + (was.folder == "/" ? "" : "/") + aside);
   std::size_t failedEnd = 0;
-  const UniqueFd folder(std::max(walkToFolder(was.folder.c_str(), &failedEnd), -1));
+  const platform::Descriptor folder(std::max(walkToFolder(was.folder.c_str(), &failedEnd), -1));
   struct stat st {};
   if (!folder) {
     *notice = "its folder cannot be reached: it may stand there as " + asidePath;
@@ -78,15 +78,15 @@ bool Deletions::settleOne(const Row& row, std::string* notice) {
   if (!isFile(st, row.file)) {
     const int error = renameWithin(folder.get(), aside, was.name);
     *notice = error == 0 ? "another file had taken its place: put back"
-                         : "another file had taken its place and could not be put back (" + errnoText(error) +
-                               "): it stands as " + asidePath;
+                         : "another file had taken its place and could not be put back (" +
+                               platform::errnoText(error) + "): it stands as " + asidePath;
     return true;
   }
   if (::unlinkat(folder.get(), aside.c_str(), 0) != 0) {
-    *notice = "could not be ended (" + errnoText(errno) + "): it stands as " + asidePath;
+    *notice = "could not be ended (" + platform::errnoText(errno) + "): it stands as " + asidePath;
     return false;
   }
-  syncFolder(folder.get(), -1);
+  platform::syncFolder(folder.get(), -1);
   *notice = "was ended";
   return true;
 }

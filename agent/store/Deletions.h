@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 #include "store/Sqlite.h"
 #include "store/Store.h"
 

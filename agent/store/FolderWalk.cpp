@@ -61,44 +61,26 @@ int walkToFolder(const char* path, std::size_t* failedEnd) {
 }
 
 std::string whyNoFolder(const std::string& path, int error, std::size_t failedEnd) {
-  const std::string where = quoted(std::string_view(path).substr(0, failedEnd));
+  const std::string where = platform::quoted(std::string_view(path).substr(0, failedEnd));
   switch (error) {
     case ELOOP:
       return where + " is a symbolic link";
     case ENOENT:
       return "the folder " + where + " is not there";
     case EINVAL:
-      return quoted(path) + " is not an absolute path without . and ..";
+      return platform::quoted(path) + " is not an absolute path without . and ..";
     default:
-      return where + ": " + errnoText(error);
+      return where + ": " + platform::errnoText(error);
   }
 }
 
-UniqueFd openFolder(const std::string& path) {
+platform::Descriptor openFolder(const std::string& path) {
   std::size_t failedEnd = 0;
   const int folder = walkToFolder(path.c_str(), &failedEnd);
   if (folder < 0) {
     throw StoreError(whyNoFolder(path, -folder, failedEnd));
   }
-  return UniqueFd(folder);
-}
-
-int syncFolder(int folder, int file) {
-  const int readable = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (readable < 0) {
-    return file >= 0 && ::syncfs(file) == 0 ? 0 : errno;
-  }
-  const int error = ::fsync(readable) == 0 ? 0 : errno;
-  ::close(readable);
-  return error;
-}
-
-SplitPath splitPath(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
-    return {"", path};
-  }
-  return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+  return platform::Descriptor(folder);
 }
 
 }  // namespace agent::store

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent::store {
 
@@ -14,18 +14,8 @@ namespace agent::store {
 int walkToFolder(const char* path, std::size_t* failedEnd);
 
 /// The same for other callers. Throws StoreError that says which component failed and why.
-UniqueFd openFolder(const std::string& path);
+platform::Descriptor openFolder(const std::string& path);
 /// What openFolder would say.
 std::string whyNoFolder(const std::string& path, int error, std::size_t failedEnd);
-
-/// Makes what happened in the folder last over a power cut. 0 or an errno value. `file`: any descriptor on
-/// the same file system, for a folder that may not be read. Allocates nothing.
-int syncFolder(int folder, int file);
-
-/// "/a/b" and "c" of "/a/b/c".
-struct SplitPath {
-  std::string folder, name;
-};
-SplitPath splitPath(const std::string& path);
 
 }  // namespace agent::store

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/Posix.h"
 #include "store/Digest.h"
-#include "store/Posix.h"
 #include "store/Sqlite.h"
 
 namespace agent::store {
@@ -46,11 +46,11 @@ std::string hashOf(const std::string& text) {
 std::string readAt(int fd, std::uint64_t offset, std::size_t size) {
   std::string bytes(size, '\0');
   if (::lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
-    throw StoreError("is damaged: " + errnoText(errno));
+    throw StoreError("is damaged: " + platform::errnoText(errno));
   }
-  const std::int64_t n = readFully(fd, bytes.data(), size);
+  const std::int64_t n = platform::readFully(fd, bytes.data(), size);
   if (n < 0) {
-    throw StoreError("is damaged: " + errnoText(errno));
+    throw StoreError("is damaged: " + platform::errnoText(errno));
   }
   bytes.resize(static_cast<std::size_t>(n));
   return bytes;
@@ -106,9 +106,9 @@ void ItemWriter::put(std::string_view bytes) {
   if (written_ + bytes.size() > maxBytes_) {
     throw StoreError("the quarantine is full: its limit would be passed");
   }
-  const int error = writeAll(fd_, bytes);
+  const int error = platform::writeAll(fd_, bytes);
   if (error != 0) {
-    throw StoreError("cannot write into the quarantine: " + errnoText(error));
+    throw StoreError("cannot write into the quarantine: " + platform::errnoText(error));
   }
   written_ += bytes.size();
 }
@@ -183,7 +183,7 @@ void ItemReader::readFrame() {
 
 bool ItemReader::refill() {
   const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left_, buffer_.size()));
-  const std::int64_t n = readFully(fd_, buffer_.data(), wanted);
+  const std::int64_t n = platform::readFully(fd_, buffer_.data(), wanted);
   if (n != static_cast<std::int64_t>(wanted)) {
     throw StoreError("is damaged: its file cannot be read");
   }

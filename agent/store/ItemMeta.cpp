@@ -52,7 +52,8 @@ std::string readAttribute(int fd, const char* name) {
       return value;
     }
     if (errno != ERANGE || value.size() > (1U << 20)) {
-      throw StoreError("cannot read its attribute " + quoted(name) + ": " + errnoText(errno));
+      throw StoreError("cannot read its attribute " + platform::quoted(name) + ": " +
+                       platform::errnoText(errno));
     }
     value.resize(value.size() * 4);
   }
@@ -70,7 +71,7 @@ std::string attributeNames(int fd) {
       return {};
     }
     if (errno != ERANGE || names.size() > (1U << 20)) {
-      throw StoreError("cannot read its attributes: " + errnoText(errno));
+      throw StoreError("cannot read its attributes: " + platform::errnoText(errno));
     }
     names.resize(names.size() * 4);
   }
@@ -102,7 +103,7 @@ std::string ItemMeta::toText() const {
   out["sha256"] = sha256;
   out["file_type"] = fileType;
   out["risk_name"] = detection.name;
-  out["risk_type"] = detection.riskType;
+  out["risk_type"] = json::toNumber(detection.riskType);
   out["risk_type_name"] = detection.riskTypeName;
   out["engine"] = detection.engineCode;
   out["xattrs"] = xattrsToJson(xattrs);
@@ -139,7 +140,8 @@ std::optional<ItemMeta> ItemMeta::fromText(const std::string& text) {
   meta.sha256 = word("sha256");
   meta.fileType = word("file_type");
   meta.detection.name = word("risk_name");
-  meta.detection.riskType = CppJson::readInt(in, "risk_type", 0);
+  meta.detection.riskType =
+      json::fromNumber<json::RiskType>(CppJson::readInt(in, "risk_type", 0)).value_or(json::RiskType::kVirus);
   meta.detection.riskTypeName = word("risk_type_name");
   meta.detection.engineCode = CppJson::readInt(in, "engine", 0);
   const bool whole = xattrsFromJson(in["xattrs"], &meta.xattrs) && !meta.uuid.empty() &&
@@ -159,7 +161,7 @@ Json::Value ItemMeta::listed() const {
   item.risk_type_name = detection.riskTypeName;
   item.filepath_src = json::encodePath(path);
   item.size = static_cast<std::int64_t>(size);
-  item.risk_type = detection.riskType;
+  item.risk_type = json::toNumber(detection.riskType);
   item.engine_type = detection.engineCode;
   item.virus_name = detection.name;
   Json::Value value;

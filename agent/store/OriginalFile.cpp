@@ -64,18 +64,18 @@ OriginalFile::OriginalFile(const QuarantineRequest& request) {
 
 void OriginalFile::openFile(const QuarantineRequest& request) {
   if (request.fd < 0) {
-    file_ = openRegular(request.path, &st_);
+    file_ = platform::openRegular(request.path, &st_);
   } else if (::fstat(request.fd, &st_) != 0) {
-    throw StoreError("its descriptor is no good: " + errnoText(errno));
+    throw StoreError("its descriptor is no good: " + platform::errnoText(errno));
   } else if (!S_ISREG(st_.st_mode)) {
     throw StoreError("it is not a regular file");
   } else {
-    file_ = openAgain(request.fd);
+    file_ = platform::openAgain(request.fd);
   }
   if (!file_) {
     throw StoreError(errno == EINVAL   ? "it is not a regular file"
                      : errno == ENOENT ? "it is no longer there"
-                                       : "cannot open it: " + errnoText(errno));
+                                       : "cannot open it: " + platform::errnoText(errno));
   }
 }
 
@@ -88,7 +88,7 @@ void OriginalFile::findFolder() {
   }
   path.resize(static_cast<std::size_t>(size));
   realPath_ = path;
-  const SplitPath split = splitPath(path);
+  const platform::SplitPath split = platform::splitPath(path);
   name_ = split.name;
   folder_ = openFolder(split.folder);
   checkEntry(name_, "it is no longer there");
@@ -97,7 +97,8 @@ void OriginalFile::findFolder() {
 void OriginalFile::checkEntry(const std::string& name, const char* otherwise) const {
   struct stat entry {};
   if (::fstatat(folder_.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0) {
-    throw StoreError(errno == ENOENT ? "it is no longer there" : "cannot look at it: " + errnoText(errno));
+    throw StoreError(errno == ENOENT ? "it is no longer there"
+                                     : "cannot look at it: " + platform::errnoText(errno));
   }
   if (entry.st_dev != st_.st_dev || entry.st_ino != st_.st_ino) {
     throw StoreError(otherwise);
@@ -117,7 +118,8 @@ void OriginalFile::checkUnchanged() const {
 void OriginalFile::setAside(const std::string& privateName) {
   const int error = renameWithin(folder_.get(), name_, privateName);
   if (error != 0) {
-    throw StoreError(error == ENOENT ? "it is no longer there" : "cannot remove it: " + errnoText(error));
+    throw StoreError(error == ENOENT ? "it is no longer there"
+                                     : "cannot remove it: " + platform::errnoText(error));
   }
   aside_ = privateName;
   reached("moved");
@@ -134,18 +136,18 @@ void OriginalFile::putBack() {
   const int error = renameWithin(folder_.get(), aside_, name_);
   if (error != 0 && error != ENOENT) {
     throw StoreError("another file took its place while it was handled, and could not be put back (" +
-                     errnoText(error) + "): it stands as " + quoted(aside_));
+                     platform::errnoText(error) + "): it stands as " + platform::quoted(aside_));
   }
 }
 
 void OriginalFile::remove() {
   if (::unlinkat(folder_.get(), aside_.c_str(), 0) != 0) {
-    const std::string why = "cannot remove it: " + errnoText(errno);
+    const std::string why = "cannot remove it: " + platform::errnoText(errno);
     putBack();
     throw StoreError(why);
   }
   // Not synced is not undone: the item is whole, and what a power cut brings back is found again.
-  syncFolder(folder_.get(), file_.get());
+  platform::syncFolder(folder_.get(), file_.get());
 }
 
 }  // namespace agent::store

@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "platform/Posix.h"
 #include "store/ItemMeta.h"
-#include "store/Posix.h"
 #include "store/Store.h"
 
 namespace agent::store {
@@ -40,7 +40,7 @@ class OriginalFile {
   void checkEntry(const std::string& name, const char* otherwise) const;
   void putBack();
 
-  UniqueFd file_, folder_;
+  platform::Descriptor file_, folder_;
   struct stat st_ {};
   std::string realPath_, name_, aside_;
   bool needsProof_ = false;

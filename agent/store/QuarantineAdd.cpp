@@ -55,7 +55,7 @@ ItemMeta QuarantineStore::describe(const OriginalFile& original, const Quarantin
   }
   meta.path = request.path.starts_with('/') ? request.path : original.realPath();
   meta.realPath = original.realPath();
-  meta.isolateTimeSec = nowSec();
+  meta.isolateTimeSec = platform::nowSec();
   meta.detection = request.detection;
   readFileMeta(original.fd(), original.st(), &meta);
   return meta;
@@ -63,14 +63,14 @@ ItemMeta QuarantineStore::describe(const OriginalFile& original, const Quarantin
 
 std::uint64_t QuarantineStore::copy(const OriginalFile& original, const QuarantineRequest& request,
                                     ItemMeta* meta) const {
-  const UniqueFd part = vault_.create(meta->uuid);
+  const platform::Descriptor part = vault_.create(meta->uuid);
   const std::uint64_t limit = limitBytes(), used = usedBytes_;
   ItemWriter writer(part.get(), limit > used ? limit - used : 0);
   Digest md5(Digest::Kind::kMd5), sha256(Digest::Kind::kSha256);
   std::string buffer(1 << 16, '\0');
   std::uint64_t total = 0;
   std::int64_t n = 0;
-  while ((n = readFully(original.fd(), buffer.data(), buffer.size())) > 0) {
+  while ((n = platform::readFully(original.fd(), buffer.data(), buffer.size())) > 0) {
     const auto size = static_cast<std::size_t>(n);
     if (total == 0) {
       meta->fileType = fileTypeOf(buffer.substr(0, std::min<std::size_t>(size, 16)), original.name());
@@ -81,7 +81,7 @@ std::uint64_t QuarantineStore::copy(const OriginalFile& original, const Quaranti
     writer.add(buffer.data(), size);
   }
   if (n < 0) {
-    throw StoreError("cannot read it: " + errnoText(errno));
+    throw StoreError("cannot read it: " + platform::errnoText(errno));
   }
   original.checkUnchanged();
   meta->md5 = md5.hex();
@@ -91,7 +91,7 @@ std::uint64_t QuarantineStore::copy(const OriginalFile& original, const Quaranti
   }
   writer.finish(*meta);
   if (::fsync(part.get()) != 0) {
-    throw StoreError("cannot sync the quarantine: " + errnoText(errno));
+    throw StoreError("cannot sync the quarantine: " + platform::errnoText(errno));
   }
   return writer.written();
 }

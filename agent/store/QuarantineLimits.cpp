@@ -7,7 +7,6 @@
 namespace agent::store {
 namespace {
 
-constexpr int kQuarantineSettings = 2;
 constexpr std::uint64_t kGigabyte = 1U << 30;
 constexpr std::int64_t kDay = 86400;
 
@@ -31,7 +30,7 @@ CleanRule readRule(const Json::Value& document) {
 }  // namespace
 
 std::uint64_t QuarantineStore::limitBytes() const {
-  const Json::Value document = settings_.document(kQuarantineSettings).value_or(Json::Value());
+  const Json::Value document = settings_.document(json::ConfigType::kQuarantine);
   const std::int64_t gigabytes = CppJson::readInt64(document["Common"], "SizeLimit", 0);
   return gigabytes <= 0 ? std::numeric_limits<std::uint64_t>::max()
                         : static_cast<std::uint64_t>(gigabytes) * kGigabyte;
@@ -48,13 +47,13 @@ void QuarantineStore::reserve(std::uint64_t bytes) {
 
 void QuarantineStore::cleanWhenFull() {
   const std::uint64_t limit = limitBytes();
-  const CleanRule rule = readRule(settings_.document(kQuarantineSettings).value_or(Json::Value()));
+  const CleanRule rule = readRule(settings_.document(json::ConfigType::kQuarantine));
   if (!rule.on || limit == std::numeric_limits<std::uint64_t>::max() || usedBytes_ / 9 < limit / 10) {
     return;
   }
   const std::lock_guard lock(items_);
   const std::uint64_t goal = limit / 100 * (100 - rule.freePercent);
-  const std::int64_t oldest = nowSec() - rule.ageSec;
+  const std::int64_t oldest = platform::nowSec() - rule.ageSec;
   for (const ItemTable::Aged& item : table_.byAge()) {
     const bool goes = rule.type == 0 ? item.isolateTimeSec < oldest : usedBytes_ > goal;
     if (!goes) {

@@ -29,11 +29,11 @@ std::string whyNotHis(const ItemMeta& meta, const CallerId& caller) {
 }
 
 RestorePlan planFor(const ItemMeta& meta, bool trust, const std::string& targetDir, uid_t caller) {
-  const SplitPath was = splitPath(meta.realPath);
+  const platform::SplitPath was = platform::splitPath(meta.realPath);
   RestorePlan plan{.folder = was.folder, .name = was.name, .trusted = {}, .caller = caller};
   if (!targetDir.empty()) {
     if (targetDir.front() != '/') {
-      throw StoreError(quoted(targetDir) + " is not an absolute path");
+      throw StoreError(platform::quoted(targetDir) + " is not an absolute path");
     }
     plan.folder = utils::FormatFilePath(targetDir);
   }
@@ -150,7 +150,7 @@ Result QuarantineStore::restoreItem(const ItemRow& row, const ItemMeta& meta, co
 
 std::string QuarantineStore::transfer(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller,
                                       RestoreReport* report) const try {
-  const UniqueFd file = vault_.open(meta.uuid);
+  const platform::Descriptor file = vault_.open(meta.uuid);
   ItemReader reader(file.get());
   const RestoreJob job = jobFor(meta, plan, caller, vault_.busyMark());
   RestoreChild child(job, restorePatience_);

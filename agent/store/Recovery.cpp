@@ -14,17 +14,17 @@ namespace agent::store {
 namespace {
 
 /// The folder, or none when it cannot be reached without a link.
-UniqueFd tryFolder(const std::string& path) {
+platform::Descriptor tryFolder(const std::string& path) {
   std::size_t failedEnd = 0;
   const int folder = walkToFolder(path.c_str(), &failedEnd);
-  return UniqueFd(folder < 0 ? -1 : folder);
+  return platform::Descriptor(folder < 0 ? -1 : folder);
 }
 
 /// An entry of a folder when it is a regular file, opened for reading without following a link.
-UniqueFd openEntry(int folder, const std::string& name, struct stat* st) {
-  UniqueFd file = openReading(folder, name);
+platform::Descriptor openEntry(int folder, const std::string& name, struct stat* st) {
+  platform::Descriptor file = platform::openReading(folder, name);
   const bool regular = file && ::fstat(file.get(), st) == 0 && S_ISREG(st->st_mode);
-  return regular ? std::move(file) : UniqueFd();
+  return regular ? std::move(file) : platform::Descriptor();
 }
 
 bool hasContent(int file, const struct stat& st, const ItemMeta& meta) {
@@ -34,7 +34,7 @@ bool hasContent(int file, const struct stat& st, const ItemMeta& meta) {
   Digest digest(Digest::Kind::kSha256);
   std::string buffer(1 << 16, '\0');
   std::int64_t n = 0;
-  while ((n = readFully(file, buffer.data(), buffer.size())) > 0) {
+  while ((n = platform::readFully(file, buffer.data(), buffer.size())) > 0) {
     digest.add(buffer.data(), static_cast<std::size_t>(n));
   }
   return n == 0 && digest.hex() == meta.sha256;
@@ -102,7 +102,7 @@ void Recovery::settleFiles() {
 }
 
 void Recovery::adopt(const std::string& uuid) try {
-  const UniqueFd file = vault_.open(uuid);
+  const platform::Descriptor file = vault_.open(uuid);
   struct stat st {};
   ::fstat(file.get(), &st);
   const ItemReader reader(file.get());
@@ -117,10 +117,11 @@ void Recovery::adopt(const std::string& uuid) try {
 }
 
 void Recovery::settleRemoval(const ItemRow& row, const ItemMeta& meta) {
-  const SplitPath was = splitPath(meta.realPath);
-  const UniqueFd folder = tryFolder(was.folder);
+  const platform::SplitPath was = platform::splitPath(meta.realPath);
+  const platform::Descriptor folder = tryFolder(was.folder);
   struct stat st {};
-  const UniqueFd original = folder ? openEntry(folder.get(), was.name, &st) : UniqueFd();
+  const platform::Descriptor original =
+      folder ? openEntry(folder.get(), was.name, &st) : platform::Descriptor();
   if (original && isInode(st, meta) && hasContent(original.get(), st, meta)) {
     drop(row);
     notice(row.uuid, "its removal had not begun: the file stays where it was");
@@ -142,19 +143,19 @@ bool Recovery::finishRemoval(const ItemMeta& meta, int folder) {
   if (::fstatat(folder, aside.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     return true;
   }
-  const std::string name = splitPath(meta.realPath).name;
+  const std::string name = platform::splitPath(meta.realPath).name;
   const std::string why = whyNoItem(meta.uuid);
   if (why.empty() && isInode(st, meta) && static_cast<std::uint64_t>(st.st_size) == meta.size) {
     ::unlinkat(folder, aside.c_str(), 0);
-    syncFolder(folder, -1);
+    platform::syncFolder(folder, -1);
     notice(meta.uuid, "its removal was ended");
     return true;
   }
   const int error = renameWithin(folder, aside, name);
   if (error != 0) {
-    notice(meta.uuid, "the file that was set aside could not be put back (" + errnoText(error) +
-                          "): it stands as " + quoted(aside) + " in " +
-                          quoted(splitPath(meta.realPath).folder));
+    notice(meta.uuid, "the file that was set aside could not be put back (" + platform::errnoText(error) +
+                          "): it stands as " + platform::quoted(aside) + " in " +
+                          platform::quoted(platform::splitPath(meta.realPath).folder));
   }
   // Another file than ours stood there: ours is gone, the item all that is left of it.
   return error != 0 || !isInode(st, meta);
@@ -162,19 +163,20 @@ bool Recovery::finishRemoval(const ItemMeta& meta, int folder) {
 
 void Recovery::settleRestore(const ItemRow& row, const ItemMeta& meta) {
   const auto plan = RestorePlan::fromText(row.pending);
-  const UniqueFd folder = plan ? tryFolder(plan->folder) : UniqueFd();
+  const platform::Descriptor folder = plan ? tryFolder(plan->folder) : platform::Descriptor();
   struct stat st {};
   if (folder && ::fstatat(folder.get(), privateName(meta.uuid).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
       S_ISREG(st.st_mode)) {
     ::unlinkat(folder.get(), privateName(meta.uuid).c_str(), 0);
   }
-  const UniqueFd restored = folder ? openEntry(folder.get(), plan->name, &st) : UniqueFd();
+  const platform::Descriptor restored =
+      folder ? openEntry(folder.get(), plan->name, &st) : platform::Descriptor();
   if (!restored || !hasContent(restored.get(), st, meta)) {
     keep(row);
     notice(row.uuid, "its restore had not ended: it stays in the quarantine");
     return;
   }
-  syncFolder(folder.get(), restored.get());
+  platform::syncFolder(folder.get(), restored.get());
   const std::string why = plan->applyTrust(regions_);
   drop(row);
   notice(row.uuid, "its restore had ended" + (why.empty() ? "" : ", but it is not trusted: " + why));
@@ -204,7 +206,7 @@ std::string Recovery::whyNoItem(const std::string& uuid) const try {
 }
 
 void Recovery::notice(const std::string& uuid, const std::string& what) {
-  notices_.push_back("quarantine: item " + quoted(uuid) + ": " + what);
+  notices_.push_back("quarantine: item " + platform::quoted(uuid) + ": " + what);
 }
 
 }  // namespace agent::store

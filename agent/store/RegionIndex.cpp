@@ -5,7 +5,10 @@
 namespace agent::store {
 namespace {
 
-constexpr int kTrust = 0, kReject = 1;
+/// An entry belongs to one of two domains.
+std::size_t slotOf(json::RegionDomain domain) {
+  return domain == json::RegionDomain::kPersonal ? 0 : 1;
+}
 
 std::string lowerCase(std::string_view text) {
   std::string lower(text);
@@ -16,27 +19,28 @@ std::string lowerCase(std::string_view text) {
 
 }  // namespace
 
-void RegionIndex::put(int region, RegionType type, int domain, const std::string& item,
-                      std::int64_t validUntil) {
-  entries(region, type)[item].until.at(static_cast<std::size_t>(domain)) = validUntil;
+void RegionIndex::put(json::Region region, RegionItemType type, json::RegionDomain domain,
+                      const std::string& item, std::int64_t validUntil) {
+  entries(region, type)[item].until.at(slotOf(domain)) = validUntil;
 }
 
-void RegionIndex::erase(int region, RegionType type, int domain, const std::string& item) {
+void RegionIndex::erase(json::Region region, RegionItemType type, json::RegionDomain domain,
+                        const std::string& item) {
   Entries& all = entries(region, type);
   const auto found = all.find(item);
   if (found == all.end()) {
     return;
   }
-  found->second.until.at(static_cast<std::size_t>(domain)) = kAbsent;
+  found->second.until.at(slotOf(domain)) = kAbsent;
   if (found->second.until == Validity().until) {
     all.erase(found);
   }
 }
 
-void RegionIndex::eraseAll(int region, RegionType type, int domain) {
+void RegionIndex::eraseAll(json::Region region, RegionItemType type, json::RegionDomain domain) {
   Entries& all = entries(region, type);
   for (auto entry = all.begin(); entry != all.end();) {
-    entry->second.until.at(static_cast<std::size_t>(domain)) = kAbsent;
+    entry->second.until.at(slotOf(domain)) = kAbsent;
     entry = entry->second.until == Validity().until ? all.erase(entry) : std::next(entry);
   }
 }
@@ -51,11 +55,11 @@ bool RegionIndex::matches(const Entries& entries, std::string_view item, std::in
                      [now](std::int64_t until) { return until == 0 || until > now; });
 }
 
-bool RegionIndex::nameIn(int region, std::string_view name, std::int64_t now) const {
-  if (matches(entries(region, RegionType::kName), name, now)) {
+bool RegionIndex::nameIn(json::Region region, std::string_view name, std::int64_t now) const {
+  if (matches(entries(region, RegionItemType::kName), name, now)) {
     return true;
   }
-  const Entries& extensions = entries(region, RegionType::kExtension);
+  const Entries& extensions = entries(region, RegionItemType::kExtension);
   if (extensions.empty()) {
     return false;
   }
@@ -69,11 +73,11 @@ bool RegionIndex::nameIn(int region, std::string_view name, std::int64_t now) co
   return false;
 }
 
-bool RegionIndex::pathIn(int region, std::string_view path, std::int64_t now) const {
-  if (matches(entries(region, RegionType::kFile), path, now)) {
+bool RegionIndex::pathIn(json::Region region, std::string_view path, std::int64_t now) const {
+  if (matches(entries(region, RegionItemType::kFile), path, now)) {
     return true;
   }
-  const Entries& folders = entries(region, RegionType::kFolder);
+  const Entries& folders = entries(region, RegionItemType::kFolder);
   for (std::size_t end = path.size(); !folders.empty() && end > 0 && end != std::string_view::npos;
        end = path.rfind('/', end - 1)) {
     if (matches(folders, path.substr(0, end), now)) {
@@ -84,31 +88,31 @@ bool RegionIndex::pathIn(int region, std::string_view path, std::int64_t now) co
   return nameIn(region, slash == std::string_view::npos ? path : path.substr(slash + 1), now);
 }
 
-bool RegionIndex::hashIn(int region, const Verdict& hashes, std::int64_t now) const {
-  return matches(entries(region, RegionType::kMd5), hashes.md5, now) ||
-         matches(entries(region, RegionType::kSha1), hashes.sha1, now) ||
-         matches(entries(region, RegionType::kSha256), hashes.sha256, now);
+bool RegionIndex::hashIn(json::Region region, const Verdict& hashes, std::int64_t now) const {
+  return matches(entries(region, RegionItemType::kMd5), hashes.md5, now) ||
+         matches(entries(region, RegionItemType::kSha1), hashes.sha1, now) ||
+         matches(entries(region, RegionItemType::kSha256), hashes.sha256, now);
 }
 
 RegionVerdict RegionIndex::byPath(std::string_view path, std::int64_t now) const {
-  if (pathIn(kReject, path, now)) {
+  if (pathIn(json::Region::kReject, path, now)) {
     return RegionVerdict::kRejected;
   }
-  return pathIn(kTrust, path, now) ? RegionVerdict::kTrusted : RegionVerdict::kNone;
+  return pathIn(json::Region::kTrust, path, now) ? RegionVerdict::kTrusted : RegionVerdict::kNone;
 }
 
 RegionVerdict RegionIndex::byHash(const Verdict& hashes, std::int64_t now) const {
-  if (hashIn(kReject, hashes, now)) {
+  if (hashIn(json::Region::kReject, hashes, now)) {
     return RegionVerdict::kRejected;
   }
-  return hashIn(kTrust, hashes, now) ? RegionVerdict::kTrusted : RegionVerdict::kNone;
+  return hashIn(json::Region::kTrust, hashes, now) ? RegionVerdict::kTrusted : RegionVerdict::kNone;
 }
 
 bool RegionIndex::holdsHashes() const {
   return std::any_of(entries_.begin(), entries_.end(), [](const auto& region) {
-    constexpr std::array kHashes = {RegionType::kMd5, RegionType::kSha1, RegionType::kSha256};
+    constexpr std::array kHashes = {RegionItemType::kMd5, RegionItemType::kSha1, RegionItemType::kSha256};
     return std::any_of(kHashes.begin(), kHashes.end(),
-                       [&](RegionType type) { return !region[static_cast<std::size_t>(type)].empty(); });
+                       [&](RegionItemType type) { return !region[static_cast<std::size_t>(type)].empty(); });
   });
 }
 

@@ -16,9 +16,10 @@ namespace agent::store {
 class RegionIndex {
  public:
   /// validUntil: seconds since 1970-01-01, 0 for ever. Replaces the validity of the same entry.
-  void put(int region, RegionType type, int domain, const std::string& item, std::int64_t validUntil);
-  void erase(int region, RegionType type, int domain, const std::string& item);
-  void eraseAll(int region, RegionType type, int domain);
+  void put(json::Region region, RegionItemType type, json::RegionDomain domain, const std::string& item,
+           std::int64_t validUntil);
+  void erase(json::Region region, RegionItemType type, json::RegionDomain domain, const std::string& item);
+  void eraseAll(json::Region region, RegionItemType type, json::RegionDomain domain);
 
   RegionVerdict byPath(std::string_view path, std::int64_t now) const;
   RegionVerdict byHash(const Verdict& hashes, std::int64_t now) const;
@@ -35,18 +36,20 @@ class RegionIndex {
   };
   using Entries = std::unordered_map<std::string, Validity, Hash, std::equal_to<>>;
 
-  const Entries& entries(int region, RegionType type) const {
+  const Entries& entries(json::Region region, RegionItemType type) const {
     return entries_[static_cast<std::size_t>(region)][static_cast<std::size_t>(type)];
   }
-  Entries& entries(int region, RegionType type) {
+  Entries& entries(json::Region region, RegionItemType type) {
     return entries_[static_cast<std::size_t>(region)][static_cast<std::size_t>(type)];
   }
   static bool matches(const Entries& entries, std::string_view item, std::int64_t now);
-  bool pathIn(int region, std::string_view path, std::int64_t now) const;
-  bool nameIn(int region, std::string_view name, std::int64_t now) const;
-  bool hashIn(int region, const Verdict& hashes, std::int64_t now) const;
+  bool pathIn(json::Region region, std::string_view path, std::int64_t now) const;
+  bool nameIn(json::Region region, std::string_view name, std::int64_t now) const;
+  bool hashIn(json::Region region, const Verdict& hashes, std::int64_t now) const;
 
-  std::array<std::array<Entries, kRegionTypes>, 2> entries_;
+  std::array<std::array<Entries, json::kValuesOf<RegionItemType>.size()>,
+             json::kValuesOf<json::Region>.size()>
+      entries_;
 };
 
 }  // namespace agent::store

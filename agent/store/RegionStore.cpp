@@ -6,22 +6,27 @@
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 #include "store/Digest.h"
-#include "store/Posix.h"
 
 namespace agent::store {
 namespace {
 
-constexpr int kAnyDomain = 4;
 /// Adding entries reads at most so much of the files that they name, for the MD5 that a list shows.
 constexpr std::int64_t kHashBudgetBytes = 64 << 20;
 
-bool wholeNumber(const Json::Value& object, const char* key, std::int64_t smallest, std::int64_t largest) {
+std::optional<std::int64_t> wholeNumber(const Json::Value& object, const char* key) {
   const Json::Value& value = object[key];
   // The type, not isInt64() alone: that takes 1.0 as well.
   const bool whole = value.type() == Json::intValue || value.type() == Json::uintValue;
-  return whole && value.isInt64() && value.asInt64() >= smallest && value.asInt64() <= largest;
+  return whole && value.isInt64() ? std::optional(value.asInt64()) : std::nullopt;
+}
+
+template <class E>
+std::optional<E> readValue(const Json::Value& object, const char* key) {
+  const std::optional<std::int64_t> number = wholeNumber(object, key);
+  return number ? json::fromNumber<E>(*number) : std::nullopt;
 }
 
 struct FileFacts {
@@ -31,16 +36,16 @@ struct FileFacts {
 
 /// What a list shows of a file. The agent reads what its callers may not: to others than root and its own
 /// user only their own files are described.
-FileFacts factsOf(RegionType type, const std::string& item, uid_t caller, std::int64_t* budget) {
+FileFacts factsOf(RegionItemType type, const std::string& item, uid_t caller, std::int64_t* budget) {
   FileFacts facts;
-  if (type == RegionType::kMd5) {
+  if (type == RegionItemType::kMd5) {
     facts.md5 = item;
   }
-  if (type != RegionType::kFile) {
+  if (type != RegionItemType::kFile) {
     return facts;
   }
   struct stat st {};
-  const UniqueFd fd = openRegular(item, &st);
+  const platform::Descriptor fd = platform::openRegular(item, &st);
   if (!fd || (caller != 0 && caller != ::geteuid() && caller != st.st_uid)) {
     return facts;
   }
@@ -52,7 +57,7 @@ FileFacts factsOf(RegionType type, const std::string& item, uid_t caller, std::i
   Digest md5(Digest::Kind::kMd5);
   std::string buffer(1 << 16, '\0');
   std::int64_t n = 0;
-  while ((n = readFully(fd.get(), buffer.data(), buffer.size())) > 0) {
+  while ((n = platform::readFully(fd.get(), buffer.data(), buffer.size())) > 0) {
     md5.add(buffer.data(), static_cast<std::size_t>(n));
   }
   facts.md5 = n < 0 ? "" : md5.hex();
@@ -72,15 +77,13 @@ bool looksNormal(const std::string& path) {
 }
 
 std::int32_t validState(std::int64_t validUntil, std::int64_t now) {
-  if (validUntil == 0) {
-    return 1;
-  }
-  return validUntil > now ? 0 : 2;
+  using enum json::RegionValidity;
+  return json::toNumber(validUntil == 0 ? kForEver : validUntil > now ? kValid : kExpired);
 }
 
-bool exists(RegionType type, const std::string& item) {
+bool exists(RegionItemType type, const std::string& item) {
   struct stat st {};
-  const bool isPath = type == RegionType::kFile || type == RegionType::kFolder;
+  const bool isPath = type == RegionItemType::kFile || type == RegionItemType::kFolder;
   return isPath && ::lstat(item.c_str(), &st) == 0;
 }
 
@@ -90,12 +93,13 @@ RegionStore::RegionStore(Database& database) : database_(database) {
   const std::lock_guard lock(database_.mutex());
   Statement rows(database_, "SELECT region,type,domain,item,valid_until FROM regions");
   while (rows.step()) {
-    const std::int64_t region = rows.number(0), type = rows.number(1), domain = rows.number(2);
-    if (region < 0 || region > 1 || type < 0 || type >= kRegionTypes || domain < 0 || domain > 1) {
-      throw StoreError(quoted(database_.path()) + " is damaged: a region entry of an unknown kind");
+    const auto region = json::fromNumber<json::Region>(rows.number(0));
+    const auto type = json::fromNumber<RegionItemType>(rows.number(1));
+    const auto domain = json::fromNumber<json::RegionDomain>(rows.number(2));
+    if (!region || !type || !domain || *domain == json::RegionDomain::kEvery) {
+      throw StoreError(platform::quoted(database_.path()) + " is damaged: a region entry of an unknown kind");
     }
-    index_.put(static_cast<int>(region), static_cast<RegionType>(type), static_cast<int>(domain),
-               rows.text(3), rows.number(4));
+    index_.put(*region, *type, *domain, rows.text(3), rows.number(4));
   }
   hashesNeeded_ = index_.holdsHashes();
   generation_ = static_cast<std::uint64_t>(
@@ -120,32 +124,32 @@ std::string RegionStore::readItems(const Json::Value& items, Change* change) {
   return {};
 }
 
-std::string RegionStore::readChange(int regionType, const Json::Value& items, Change* change) {
-  if (regionType < 0 || regionType > 1) {
-    return "there is no region " + std::to_string(regionType);
-  }
+std::string RegionStore::readChange(json::Region region, const Json::Value& items, Change* change) {
   if (!items.isObject()) {
     return "the change must be an object";
   }
-  if (!wholeNumber(items, "action", 0, 1)) {
+  const auto action = readValue<json::RegionAction>(items, "action");
+  if (!action) {
     return "\"action\" must be 0 (add) or 1 (delete)";
   }
-  if (!wholeNumber(items, "type", 0, kRegionTypes - 1)) {
+  const auto type = readValue<RegionItemType>(items, "type");
+  if (!type) {
     return "\"type\" must be 0 to 6";
   }
-  if (!wholeNumber(items, "domain", 0, 1)) {
+  const auto domain = readValue<json::RegionDomain>(items, "domain");
+  if (!domain || *domain == json::RegionDomain::kEvery) {
     return "\"domain\" must be 0 (personal) or 1 (global)";
   }
-  if (items.isMember("valid_until") && !wholeNumber(items, "valid_until", 0, INT64_MAX)) {
+  if (items.isMember("valid_until") && wholeNumber(items, "valid_until").value_or(-1) < 0) {
     return "\"valid_until\" must be a time in seconds, or 0";
   }
   if (items.isMember("is_all") && !items["is_all"].isBool()) {
     return "\"is_all\" must be true or false";
   }
-  change->region = regionType;
-  change->add = items["action"].asInt() == 0;
-  change->type = static_cast<RegionType>(items["type"].asInt());
-  change->domain = items["domain"].asInt();
+  change->region = region;
+  change->add = *action == json::RegionAction::kAdd;
+  change->type = *type;
+  change->domain = *domain;
   change->all = items["is_all"].isBool() && items["is_all"].asBool();
   change->validUntil = CppJson::readInt64(items, "valid_until", 0);
   if (change->all && change->add) {
@@ -154,11 +158,12 @@ std::string RegionStore::readChange(int regionType, const Json::Value& items, Ch
   return change->all ? "" : readItems(items["items"], change);
 }
 
-bool RegionStore::change(int regionType, const Json::Value& items, const CallerId& caller, std::string* why) {
+bool RegionStore::change(json::Region region, const Json::Value& items, const CallerId& caller,
+                         std::string* why) {
   std::string reason;
   try {
     Change change;
-    reason = readChange(regionType, items, &change);
+    reason = readChange(region, items, &change);
     if (reason.empty() && (change.all || !change.items.empty())) {
       store(change, caller.uid);
     }
@@ -203,8 +208,8 @@ void RegionStore::addRows(const Change& change, uid_t caller) {
     }
     const FileFacts facts = factsOf(change.type, item, caller, &budget);
     insert
-        .bind(change.region, static_cast<int>(change.type), change.domain, item, uuid, nowSec(),
-              change.validUntil, facts.size, facts.md5, caller)
+        .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain), item,
+              uuid, platform::nowSec(), change.validUntil, facts.size, facts.md5, caller)
         .run();
   }
 }
@@ -212,13 +217,15 @@ void RegionStore::addRows(const Change& change, uid_t caller) {
 void RegionStore::deleteRows(const Change& change) {
   if (change.all) {
     Statement(database_, "DELETE FROM regions WHERE region=? AND type=? AND domain=?")
-        .bind(change.region, static_cast<int>(change.type), change.domain)
+        .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain))
         .run();
     return;
   }
   Statement remove(database_, "DELETE FROM regions WHERE region=? AND type=? AND domain=? AND item=?");
   for (const std::string& item : change.items) {
-    remove.bind(change.region, static_cast<int>(change.type), change.domain, item).run();
+    remove
+        .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain), item)
+        .run();
   }
 }
 
@@ -235,28 +242,29 @@ void RegionStore::updateIndex(const Change& change) {
   }
 }
 
-Json::Value RegionStore::list(int domain, int itemType, int regionType) const {
+Json::Value RegionStore::list(json::RegionDomain domain, json::RegionItemType itemType,
+                              json::Region region) const {
   Json::Value entries(Json::arrayValue);
-  const std::int64_t now = nowSec();
-  const auto type = static_cast<RegionType>(itemType);
+  const std::int64_t now = platform::nowSec();
   const std::lock_guard lock(database_.mutex());
   Statement rows(database_,
                  "SELECT domain,uuid,item,modify_time,file_size,md5,add_time,valid_until FROM regions"
                  " WHERE region=?1 AND type=?2 AND (domain=?3 OR ?3=?4) ORDER BY id");
-  rows.bind(regionType, itemType, domain, kAnyDomain);
+  rows.bind(json::toNumber(region), json::toNumber(itemType), json::toNumber(domain),
+            json::toNumber(json::RegionDomain::kEvery));
   while (rows.step()) {
     JsonReflect::FilterRegionItem entry;
     const std::string item = rows.text(2);
     entry.domain = static_cast<std::int32_t>(rows.number(0));
     entry.uuid = rows.text(1);
-    entry.item_type = itemType;
+    entry.item_type = json::toNumber(itemType);
     entry.item = json::encodePath(item);
     entry.modify_time = rows.number(3);
     entry.file_size = rows.number(4);
     entry.md5 = rows.text(5);
     entry.add_time = rows.number(6);
     entry.valid_statue = validState(rows.number(7), now);
-    entry.exist_state = exists(type, item) ? 1 : 0;
+    entry.exist_state = exists(itemType, item) ? 1 : 0;
     Json::Value value;
     entry.ToValue(value);
     entries.append(std::move(value));
@@ -266,13 +274,13 @@ Json::Value RegionStore::list(int domain, int itemType, int regionType) const {
 
 RegionVerdict RegionStore::byPath(const std::string& path) const {
   const std::shared_lock lock(mutex_);
-  return looksNormal(path) ? index_.byPath(path, nowSec())
-                           : index_.byPath(utils::FormatFilePath(path), nowSec());
+  return looksNormal(path) ? index_.byPath(path, platform::nowSec())
+                           : index_.byPath(utils::FormatFilePath(path), platform::nowSec());
 }
 
 RegionVerdict RegionStore::byHash(const Verdict& hashes) const {
   const std::shared_lock lock(mutex_);
-  return index_.byHash(hashes, nowSec());
+  return index_.byHash(hashes, platform::nowSec());
 }
 
 }  // namespace agent::store

@@ -16,8 +16,10 @@ namespace agent::store {
 class RegionStore : public Regions {
  public:
   explicit RegionStore(Database& database);
-  bool change(int regionType, const Json::Value& items, const CallerId& caller, std::string* why) override;
-  Json::Value list(int domain, int itemType, int regionType) const override;
+  bool change(json::Region region, const Json::Value& items, const CallerId& caller,
+              std::string* why) override;
+  Json::Value list(json::RegionDomain domain, json::RegionItemType itemType,
+                   json::Region region) const override;
   RegionVerdict byPath(const std::string& path) const override;
   RegionVerdict byHash(const Verdict& hashes) const override;
   bool hashesNeeded() const override { return hashesNeeded_; }
@@ -25,13 +27,14 @@ class RegionStore : public Regions {
 
  private:
   struct Change {
-    int region = 0, domain = 0;
-    RegionType type = RegionType::kFile;
+    json::Region region = json::Region::kTrust;
+    json::RegionDomain domain = json::RegionDomain::kPersonal;
+    RegionItemType type = RegionItemType::kFile;
     bool add = false, all = false;
     std::int64_t validUntil = 0;
     std::vector<std::string> items;  ///< normalised
   };
-  static std::string readChange(int regionType, const Json::Value& items, Change* change);
+  static std::string readChange(json::Region region, const Json::Value& items, Change* change);
   static std::string readItems(const Json::Value& items, Change* change);
   void store(const Change& change, uid_t caller);
   void addRows(const Change& change, uid_t caller);

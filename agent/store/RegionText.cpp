@@ -4,7 +4,7 @@
 #include <array>
 
 #include "platform/Files.h"
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent::store {
 namespace {
@@ -19,7 +19,7 @@ std::string lowerCase(std::string text) {
 
 std::string normalisePath(const std::string& text, std::string* item) {
   if (text.empty() || text.front() != '/') {
-    return quoted(text) + " is not an absolute path";
+    return platform::quoted(text) + " is not an absolute path";
   }
   if (text.size() > kMaxPathBytes) {
     return "the path is longer than " + std::to_string(kMaxPathBytes) + " bytes";
@@ -30,7 +30,7 @@ std::string normalisePath(const std::string& text, std::string* item) {
 
 std::string normaliseName(const std::string& text, std::string* item) {
   if (text.empty() || text == "." || text == ".." || text.find('/') != std::string::npos) {
-    return quoted(text) + " is not a file name";
+    return platform::quoted(text) + " is not a file name";
   }
   if (text.size() > kMaxNameBytes) {
     return "the name is longer than " + std::to_string(kMaxNameBytes) + " bytes";
@@ -49,36 +49,37 @@ std::string normaliseExtension(const std::string& text, std::string* item) {
   const bool bad = extension.empty() || extension.size() > kMaxNameBytes || extension.starts_with('.') ||
                    extension.ends_with('.') || extension.find_first_of("/*?") != std::string::npos;
   *item = extension;
-  return bad ? quoted(text) + " is not a file extension" : "";
+  return bad ? platform::quoted(text) + " is not a file extension" : "";
 }
 
 std::string normaliseHash(const std::string& text, std::size_t digits, const char* name, std::string* item) {
   *item = lowerCase(text);
   if (item->size() != digits || item->find_first_not_of("0123456789abcdef") != std::string::npos) {
-    return quoted(text) + " is not a " + name + " of " + std::to_string(digits) + " hexadecimal digits";
+    return platform::quoted(text) + " is not a " + name + " of " + std::to_string(digits) +
+           " hexadecimal digits";
   }
   return {};
 }
 
 }  // namespace
 
-std::string normaliseRegionItem(RegionType type, const std::string& text, std::string* item) {
+std::string normaliseRegionItem(RegionItemType type, const std::string& text, std::string* item) {
   if (text.find('\0') != std::string::npos) {
     return "an item holds a zero byte";
   }
   switch (type) {
-    case RegionType::kFile:
-    case RegionType::kFolder:
+    case RegionItemType::kFile:
+    case RegionItemType::kFolder:
       return normalisePath(text, item);
-    case RegionType::kExtension:
+    case RegionItemType::kExtension:
       return normaliseExtension(text, item);
-    case RegionType::kName:
+    case RegionItemType::kName:
       return normaliseName(text, item);
-    case RegionType::kMd5:
+    case RegionItemType::kMd5:
       return normaliseHash(text, 32, "MD5", item);
-    case RegionType::kSha1:
+    case RegionItemType::kSha1:
       return normaliseHash(text, 40, "SHA1", item);
-    case RegionType::kSha256:
+    case RegionItemType::kSha256:
       return normaliseHash(text, 64, "SHA256", item);
   }
   return "unknown kind of item";

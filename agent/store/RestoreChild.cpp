@@ -39,10 +39,10 @@ RestoreChild::RestoreChild(const RestoreJob& job, std::chrono::milliseconds pati
   std::erase_if(leftBehind, collected);
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw StoreError("no channel for the restore: " + errnoText(errno));
+    throw StoreError("no channel for the restore: " + platform::errnoText(errno));
   }
   channel_.reset(ends[0]);
-  UniqueFd childEnd(ends[1]);
+  platform::Descriptor childEnd(ends[1]);
   waitAtMost(SO_SNDTIMEO, patience_);
   const pid_t self = ::getpid();
   // The child must not run handlers that were written for the agent.
@@ -57,7 +57,7 @@ RestoreChild::RestoreChild(const RestoreJob& job, std::chrono::milliseconds pati
   const int error = errno;
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (pid_ < 0) {
-    throw StoreError("no process for the restore: " + errnoText(error));
+    throw StoreError("no process for the restore: " + platform::errnoText(error));
   }
 }
 
@@ -94,7 +94,7 @@ RestoreReport RestoreChild::report() {
   if (!stalled_) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now());
     waitAtMost(SO_RCVTIMEO, std::max(patience_, left));
-    const std::int64_t n = readFully(channel_.get(), &report, sizeof report);
+    const std::int64_t n = platform::readFully(channel_.get(), &report, sizeof report);
     stalled_ = n < 0 && errno == EAGAIN;
     if (n != static_cast<std::int64_t>(sizeof report)) {
       report = {};
@@ -126,8 +126,8 @@ void RestoreChild::end() {
 }
 
 std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report) {
-  const std::string path = quoted(job.folder + (job.folder == "/" ? "" : "/") + job.name);
-  const std::string why = errnoText(report.error);
+  const std::string path = platform::quoted(job.folder + (job.folder == "/" ? "" : "/") + job.name);
+  const std::string why = platform::errnoText(report.error);
   switch (report.stage) {
     case RestoreStage::kUser:
       return "cannot act for user " + std::to_string(job.uid) + ": " + why;
@@ -136,7 +136,7 @@ std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report) {
     case RestoreStage::kExists:
       return path + " exists already: it is not overwritten";
     case RestoreStage::kCreate:
-      return "cannot write in " + quoted(job.folder) + ": " + why;
+      return "cannot write in " + platform::quoted(job.folder) + ": " + why;
     case RestoreStage::kWrite:
       return "cannot write " + path + ": " + why;
     case RestoreStage::kOwner:
@@ -152,7 +152,7 @@ std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report) {
     case RestoreStage::kPlace:
       return "cannot give " + path + " its name: " + why;
     case RestoreStage::kStalled:
-      return "the restoring process was ended: it had been stopped, or " + quoted(job.folder) +
+      return "the restoring process was ended: it had been stopped, or " + platform::quoted(job.folder) +
              " is on a file system that does not answer";
     case RestoreStage::kAborted:
     case RestoreStage::kDone:

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Posix.h"
 #include "store/ItemMeta.h"
-#include "store/Posix.h"
 
 namespace agent::store {
 
@@ -80,7 +80,7 @@ class RestoreChild {
   const std::chrono::milliseconds patience_;
   const Clock::time_point deadline_;
   bool stalled_ = false;
-  UniqueFd channel_;
+  platform::Descriptor channel_;
   pid_t pid_ = -1;
 };
 

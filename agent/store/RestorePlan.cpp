@@ -51,13 +51,14 @@ std::string RestorePlan::applyTrust(Regions& regions) const {
     return {};
   }
   Json::Value change;
-  change["action"] = 0;
-  change["type"] = 0;
-  change["domain"] = 0;
+  change["action"] = json::toNumber(json::RegionAction::kAdd);
+  change["type"] = json::toNumber(json::RegionItemType::kFile);
+  change["domain"] = json::toNumber(json::RegionDomain::kPersonal);
   change["is_all"] = false;
   change["items"] = encoded(trusted);
   std::string why;
-  regions.change(0, change, CallerId{.uid = caller, .gid = 0, .groups = {}, .pid = 0}, &why);
+  regions.change(json::Region::kTrust, change, CallerId{.uid = caller, .gid = 0, .groups = {}, .pid = 0},
+                 &why);
   return why;
 }
 

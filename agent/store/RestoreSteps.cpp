@@ -128,7 +128,7 @@ bool takeContent(Work& work) {
     if (n == 0) {
       return work.fail(RestoreStage::kAborted, 0);
     }
-    const int error = writeAll(work.file, {buffer.data(), n});
+    const int error = platform::writeAll(work.file, {buffer.data(), n});
     if (error != 0) {
       return work.fail(RestoreStage::kWrite, error);
     }
@@ -203,7 +203,7 @@ bool place(Work& work) {
   }
   work.named = false;
   reached("file placed");
-  error = syncFolder(work.folder, work.file);
+  error = platform::syncFolder(work.folder, work.file);
   return error == 0 || work.fail(RestoreStage::kSync, error);
 }
 

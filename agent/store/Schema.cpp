@@ -3,7 +3,7 @@
 #include <array>
 #include <string>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent::store {
 namespace {
@@ -85,7 +85,7 @@ void migrate(Database& database, std::span<const char* const> steps) {
   const std::int64_t version = database.number("PRAGMA user_version");
   const auto known = static_cast<std::int64_t>(steps.size());
   if (version > known) {
-    throw StoreError(quoted(database.path()) + " is of version " + std::to_string(version) +
+    throw StoreError(platform::quoted(database.path()) + " is of version " + std::to_string(version) +
                      ", made by a newer agent: this one knows " + std::to_string(known));
   }
   if (version == known) {

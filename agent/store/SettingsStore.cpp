@@ -10,11 +10,11 @@ namespace {
 constexpr std::size_t kMaxChangeBytes = 1 << 20;
 
 /// Puts one section's change into the document. Empty, or why the change is refused.
-std::string mergeSection(int configType, const std::string& section, const Json::Value& change,
+std::string mergeSection(json::ConfigType configType, const std::string& section, const Json::Value& change,
                          Json::Value* document) {
   if (!knownSection(configType, section)) {
     return "there is no section " + platform::visibleText(section) + " in settings of type " +
-           std::to_string(configType);
+           std::to_string(json::toNumber(configType));
   }
   if (change.isNull()) {
     return {};
@@ -36,7 +36,7 @@ std::string mergeSection(int configType, const std::string& section, const Json:
   return {};
 }
 
-std::string merge(int configType, const std::string& text, Json::Value* document) {
+std::string merge(json::ConfigType configType, const std::string& text, Json::Value* document) {
   if (text.size() > kMaxChangeBytes) {
     return "the change is longer than " + std::to_string(kMaxChangeBytes) + " bytes";
   }
@@ -63,12 +63,15 @@ SettingsStore::SettingsStore(Database& database, std::vector<std::string>* notic
   const std::lock_guard lock(database_.mutex());
   Statement stored(database_, "SELECT config_type,document FROM settings");
   while (stored.step()) {
-    load(static_cast<int>(stored.number(0)), stored.text(1), notices);
+    if (const auto configType = json::fromNumber<json::ConfigType>(stored.number(0))) {
+      load(*configType, stored.text(1), notices);
+    }
   }
 }
 
-void SettingsStore::load(int configType, const std::string& text, std::vector<std::string>* notices) {
-  const std::string where = "stored settings of type " + std::to_string(configType) + ": ";
+void SettingsStore::load(json::ConfigType configType, const std::string& text,
+                         std::vector<std::string>* notices) {
+  const std::string where = "stored settings of type " + std::to_string(json::toNumber(configType)) + ": ";
   Json::Value stored;
   if (!CppJson::LoadJsonString(text, stored) || !stored.isObject()) {
     notices->push_back(where + "not a JSON object, the defaults hold");
@@ -89,29 +92,23 @@ void SettingsStore::load(int configType, const std::string& text, std::vector<st
   }
 }
 
-std::optional<Json::Value> SettingsStore::document(int configType) const {
+Json::Value SettingsStore::document(json::ConfigType configType) const {
   const std::lock_guard lock(mutex_);
-  const auto found = documents_.find(configType);
-  return found == documents_.end() ? std::nullopt : std::optional(found->second);
+  return documents_.at(configType);
 }
 
-bool SettingsStore::change(int configType, const std::string& changeText, std::string* why) {
+bool SettingsStore::change(json::ConfigType configType, const std::string& changeText, std::string* why) {
   const std::lock_guard lock(mutex_);
-  const auto found = documents_.find(configType);
-  std::string reason;
-  if (found == documents_.end()) {
-    reason = "there are no settings of type " + std::to_string(configType);
-  } else {
-    Json::Value changed = found->second;
-    reason = merge(configType, changeText, &changed);
-    if (reason.empty() && changed != found->second) {
-      try {
-        save(configType, changed);
-        found->second = std::move(changed);
-        ++generation_;
-      } catch (const std::exception& error) {
-        reason = std::string("cannot be stored: ") + error.what();
-      }
+  Json::Value& current = documents_.at(configType);
+  Json::Value changed = current;
+  std::string reason = merge(configType, changeText, &changed);
+  if (reason.empty() && changed != current) {
+    try {
+      save(configType, changed);
+      current = std::move(changed);
+      ++generation_;
+    } catch (const std::exception& error) {
+      reason = std::string("cannot be stored: ") + error.what();
     }
   }
   if (why != nullptr) {
@@ -120,13 +117,13 @@ bool SettingsStore::change(int configType, const std::string& changeText, std::s
   return reason.empty();
 }
 
-void SettingsStore::save(int configType, const Json::Value& document) {
+void SettingsStore::save(json::ConfigType configType, const Json::Value& document) {
   std::string text;
   if (!CppJson::WriteJsonToString(document, text, 1)) {
     throw StoreError("the settings cannot be written as text");
   }
   const std::lock_guard lock(database_.mutex());
-  save_.bind(configType, text).run();
+  save_.bind(json::toNumber(configType), text).run();
 }
 
 }  // namespace agent::store

@@ -17,18 +17,18 @@ class SettingsStore : public Settings {
   /// Reads the stored documents over the defaults. A stored value that the table does not allow (any more)
   /// gives way to its default, with a line in `notices`.
   SettingsStore(Database& database, std::vector<std::string>* notices);
-  std::optional<Json::Value> document(int configType) const override;
-  bool change(int configType, const std::string& changeText, std::string* why) override;
+  Json::Value document(json::ConfigType configType) const override;
+  bool change(json::ConfigType configType, const std::string& changeText, std::string* why) override;
   std::uint64_t generation() const override { return generation_; }
 
  private:
-  void load(int configType, const std::string& text, std::vector<std::string>* notices);
-  void save(int configType, const Json::Value& document);
+  void load(json::ConfigType configType, const std::string& text, std::vector<std::string>* notices);
+  void save(json::ConfigType configType, const Json::Value& document);
 
   Database& database_;
   Statement save_;
   mutable std::mutex mutex_;
-  std::map<int, Json::Value> documents_;
+  std::map<json::ConfigType, Json::Value> documents_;
   std::atomic<std::uint64_t> generation_{1};
 };
 

@@ -16,7 +16,10 @@ constexpr auto kNumber = SettingKind::kNumber;
 constexpr auto kText = SettingKind::kText;
 constexpr auto kWords = SettingKind::kWords;
 
-constexpr int kScan = 0, kRealTime = 1, kQuarantine = 2, kEngines = 4;
+constexpr auto kScan = json::ConfigType::kScan;
+constexpr auto kRealTime = json::ConfigType::kRealTime;
+constexpr auto kQuarantine = json::ConfigType::kQuarantine;
+constexpr auto kEngines = json::ConfigType::kEngines;
 
 constexpr const char* kFormats =
     "zip jar rar 7z tar gz tgz bz2 xz cab arj lzh lha alz egg cpio xar iso udf dmg szdd";
@@ -149,19 +152,14 @@ std::span<const Setting> settingsTable() {
   return kTable;
 }
 
-const Setting* findSetting(int configType, const std::string& section, const std::string& key) {
+const Setting* findSetting(json::ConfigType configType, const std::string& section, const std::string& key) {
   const auto* found = std::find_if(kTable.begin(), kTable.end(), [&](const Setting& setting) {
     return setting.configType == configType && section == setting.section && key == setting.key;
   });
   return found == kTable.end() ? nullptr : found;
 }
 
-bool knownConfigType(int configType) {
-  return std::any_of(kTable.begin(), kTable.end(),
-                     [&](const Setting& setting) { return setting.configType == configType; });
-}
-
-bool knownSection(int configType, const std::string& section) {
+bool knownSection(json::ConfigType configType, const std::string& section) {
   return std::any_of(kTable.begin(), kTable.end(), [&](const Setting& setting) {
     return setting.configType == configType && section == setting.section;
   });

@@ -6,6 +6,8 @@
 #include <span>
 #include <string>
 
+#include "json/Values.h"
+
 namespace agent::store {
 
 enum class SettingKind {
@@ -17,7 +19,7 @@ enum class SettingKind {
 
 /// One setting: where it stands and what it may be. The whole truth about settings is the table of these.
 struct Setting {
-  int configType;  ///< 0 scan, 1 real-time protection, 2 quarantine, 4 engines
+  json::ConfigType configType;
   const char* section;
   const char* key;
   SettingKind kind;
@@ -28,9 +30,8 @@ struct Setting {
 };
 
 std::span<const Setting> settingsTable();
-const Setting* findSetting(int configType, const std::string& section, const std::string& key);
-bool knownConfigType(int configType);
-bool knownSection(int configType, const std::string& section);
+const Setting* findSetting(json::ConfigType configType, const std::string& section, const std::string& key);
+bool knownSection(json::ConfigType configType, const std::string& section);
 Json::Value standardValue(const Setting& setting);
 /// Empty when the value fits the setting, else one line that says why not.
 std::string whyNotAllowed(const Setting& setting, const Json::Value& value);

@@ -4,17 +4,17 @@
 
 #include <cerrno>
 
+#include "platform/Posix.h"
 #include "platform/Text.h"
-#include "store/Posix.h"
 
 namespace agent::store {
 namespace {
 
 /// Made by us with a mode of our own: the journal files take theirs from it.
 void makeFile(const std::string& path) {
-  const UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  const platform::Descriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!fd) {
-    throw StoreError("cannot open " + quoted(path) + ": " + errnoText(errno));
+    throw StoreError("cannot open " + platform::quoted(path) + ": " + platform::errnoText(errno));
   }
 }
 
@@ -36,7 +36,7 @@ Database::Database(std::string path, Durability durability) : path_(std::move(pa
     Statement check(*this, "PRAGMA quick_check(1)");
     const std::string state = check.step() ? check.text(0) : "no answer";
     if (state != "ok") {
-      throw StoreError(quoted(path_) + " is damaged: " + platform::visibleText(state));
+      throw StoreError(platform::quoted(path_) + " is damaged: " + platform::visibleText(state));
     }
   } catch (...) {
     sqlite3_close_v2(handle_);
@@ -52,9 +52,9 @@ void Database::fail(int code) {
   const std::string what = handle_ != nullptr ? sqlite3_errmsg(handle_) : sqlite3_errstr(code);
   const int primary = code & 0xFF;
   if (primary == SQLITE_NOTADB || primary == SQLITE_CORRUPT) {
-    throw StoreError(quoted(path_) + " is damaged: " + what);
+    throw StoreError(platform::quoted(path_) + " is damaged: " + what);
   }
-  throw StoreError(quoted(path_) + ": " + what);
+  throw StoreError(platform::quoted(path_) + ": " + what);
 }
 
 void Database::run(const char* sql) {

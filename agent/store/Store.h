@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "engine/ScanTypes.h"
+#include "json/Values.h"
 
 namespace agent {
 
@@ -31,16 +32,14 @@ struct CallerId {
   pid_t pid = 0;
 };
 
-/// The settings documents, one a config type: 0 scan, 1 real-time protection, 2 quarantine, 4 engines.
-/// Documents are whole: every key has a value.
+/// The settings documents, one a config type. Documents are whole: every key has a value.
 class Settings {
  public:
   virtual ~Settings() = default;
-  /// Nothing for an unknown type.
-  virtual std::optional<Json::Value> document(int configType) const = 0;
+  virtual Json::Value document(json::ConfigType configType) const = 0;
   /// Merges a partial change after checking it against the settings table. False changes nothing and says
   /// why. A section that is null is a change of nothing.
-  virtual bool change(int configType, const std::string& changeText, std::string* why) = 0;
+  virtual bool change(json::ConfigType configType, const std::string& changeText, std::string* why) = 0;
   /// Grows with every change that changed something.
   virtual std::uint64_t generation() const = 0;
 };
@@ -83,18 +82,20 @@ class Quarantine {
                                               const std::string& targetDir, const CallerId& caller) = 0;
 };
 
-/// Trust (0) and reject (1) regions.
 enum class RegionVerdict { kNone, kTrusted, kRejected };
 class Regions {
  public:
   virtual ~Regions() = default;
-  /// items: {"action":0 add|1 del,"type":0..6,"domain":0|1,"is_all":bool,"items":[…]}, and optionally
+  /// items: {"action":json::RegionAction,"type":json::RegionItemType,"domain":json::RegionDomain but kEvery,
+  /// "is_all":bool,"items":[…]}, and optionally
   /// "valid_until": seconds since 1970-01-01, 0 for ever. Texts of items are in wire form (json::encodePath).
   /// All or nothing: one bad item refuses the change. Adding what is there renews its validity, deleting what
   /// is not there is done. is_all goes with del: every entry of the type and domain. False says why.
-  virtual bool change(int regionType, const Json::Value& items, const CallerId& caller, std::string* why) = 0;
-  /// JSON array of JsonReflect::FilterRegionItem. domain 4: any.
-  virtual Json::Value list(int domain, int itemType, int regionType) const = 0;
+  virtual bool change(json::Region region, const Json::Value& items, const CallerId& caller,
+                      std::string* why) = 0;
+  /// JSON array of JsonReflect::FilterRegionItem.
+  virtual Json::Value list(json::RegionDomain domain, json::RegionItemType itemType,
+                           json::Region region) const = 0;
   /// By path, folder, extension and name: before a file is opened. Cheap.
   virtual RegionVerdict byPath(const std::string& path) const = 0;
   /// By MD5, SHA1, SHA256. hashesNeeded() says whether any such entry exists.

@@ -6,9 +6,9 @@
 #include <cstdio>
 
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "store/AuditLog.h"
 #include "store/CacheStore.h"
-#include "store/Posix.h"
 #include "store/QuarantineStore.h"
 #include "store/RegionStore.h"
 #include "store/Schema.h"
@@ -32,26 +32,28 @@ namespace {
 /// The folder, made when it is not there: ours, closed to everybody else, in a place nobody else can move.
 void prepareFolder(const std::string& path) {
   if (path.empty() || path.front() != '/') {
-    throw StoreError("the state folder " + quoted(path) + " is not an absolute path");
+    throw StoreError("the state folder " + platform::quoted(path) + " is not an absolute path");
   }
   if (!CDir::make(path, 0700)) {
-    throw StoreError("cannot make the state folder " + quoted(path) + ": " + errnoText(errno));
+    throw StoreError("cannot make the state folder " + platform::quoted(path) + ": " +
+                     platform::errnoText(errno));
   }
   const std::string unsafe = CDir::whyUnsafe(path);
   if (!unsafe.empty()) {
-    throw StoreError("the state folder " + quoted(path) + " is not safe: " + unsafe);
+    throw StoreError("the state folder " + platform::quoted(path) + " is not safe: " + unsafe);
   }
   if (::chmod(path.c_str(), 0700) != 0) {
-    throw StoreError("cannot close the state folder " + quoted(path) + ": " + errnoText(errno));
+    throw StoreError("cannot close the state folder " + platform::quoted(path) + ": " +
+                     platform::errnoText(errno));
   }
 }
 
 /// Held as long as the process lives (or closes it): two agents on one store would lose files.
-UniqueFd lockFolder(const std::string& path) {
+platform::Descriptor lockFolder(const std::string& path) {
   const std::string file = path + "/agent.lock";
-  UniqueFd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  platform::Descriptor fd(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!fd) {
-    throw StoreError("cannot open " + quoted(file) + ": " + errnoText(errno));
+    throw StoreError("cannot open " + platform::quoted(file) + ": " + platform::errnoText(errno));
   }
   // A process's own kind of lock: a child that outlives its agent does not keep it.
   struct flock lock {};
@@ -59,8 +61,8 @@ UniqueFd lockFolder(const std::string& path) {
   lock.l_whence = SEEK_SET;
   if (::fcntl(fd.get(), F_SETLK, &lock) != 0) {
     const bool taken = errno == EACCES || errno == EAGAIN;
-    throw StoreError(taken ? "the store in " + quoted(path) + " is in use by another agent"
-                           : "cannot lock " + quoted(file) + ": " + errnoText(errno));
+    throw StoreError(taken ? "the store in " + platform::quoted(path) + " is in use by another agent"
+                           : "cannot lock " + platform::quoted(file) + ": " + platform::errnoText(errno));
   }
   return fd;
 }
@@ -117,7 +119,7 @@ class StoreImpl : public Store {
 
  private:
   std::vector<std::string> notices_;
-  UniqueFd lock_;
+  platform::Descriptor lock_;
   std::unique_ptr<Database> database_, cacheDatabase_;
   AuditLog audit_;
   SettingsStore settings_;

@@ -25,34 +25,36 @@ constexpr const char* kGone = ".gone";
 
 Vault::Vault(const std::string& path) {
   if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    throw StoreError("cannot make " + quoted(path) + ": " + errnoText(errno));
+    throw StoreError("cannot make " + platform::quoted(path) + ": " + platform::errnoText(errno));
   }
   folder_.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folder_ || ::fchmod(folder_.get(), 0700) != 0) {
-    throw StoreError("cannot open " + quoted(path) + ": " + errnoText(errno));
+    throw StoreError("cannot open " + platform::quoted(path) + ": " + platform::errnoText(errno));
   }
 }
 
-UniqueFd Vault::create(const std::string& uuid) const {
-  UniqueFd file(::openat(folder_.get(), (uuid + kPart).c_str(),
-                         O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+platform::Descriptor Vault::create(const std::string& uuid) const {
+  platform::Descriptor file(::openat(folder_.get(), (uuid + kPart).c_str(),
+                                     O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file) {
-    throw StoreError("cannot write into the quarantine: " + errnoText(errno));
+    throw StoreError("cannot write into the quarantine: " + platform::errnoText(errno));
   }
   return file;
 }
 
-UniqueFd Vault::open(const std::string& uuid) const {
+platform::Descriptor Vault::open(const std::string& uuid) const {
   const auto tryOpen = [&](const char* ending) {
-    return UniqueFd(::openat(folder_.get(), (uuid + ending).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    return platform::Descriptor(
+        ::openat(folder_.get(), (uuid + ending).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   };
-  UniqueFd file = tryOpen(kItem);
+  platform::Descriptor file = tryOpen(kItem);
   if (!file && errno == ENOENT && (file = tryOpen(kPart))) {
     name(uuid);
   }
   if (!file) {
-    throw StoreError(errno == ENOENT ? "its file in the quarantine is missing"
-                                     : "its file in the quarantine cannot be opened: " + errnoText(errno));
+    throw StoreError(errno == ENOENT
+                         ? "its file in the quarantine is missing"
+                         : "its file in the quarantine cannot be opened: " + platform::errnoText(errno));
   }
   return file;
 }
@@ -60,7 +62,7 @@ UniqueFd Vault::open(const std::string& uuid) const {
 void Vault::rename(const std::string& from, const std::string& to) const {
   if (::renameat(folder_.get(), from.c_str(), folder_.get(), to.c_str()) != 0 ||
       ::fsync(folder_.get()) != 0) {
-    throw StoreError("cannot rename in the quarantine: " + errnoText(errno));
+    throw StoreError("cannot rename in the quarantine: " + platform::errnoText(errno));
   }
 }
 
@@ -109,10 +111,10 @@ void Vault::discardGone(const std::string& uuid) const noexcept {
 }
 
 std::vector<Vault::File> Vault::files() const {
-  UniqueFd again(::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  platform::Descriptor again(::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(again ? ::fdopendir(again.get()) : nullptr, ::closedir);
   if (!folder) {
-    throw StoreError("cannot read the quarantine's folder: " + errnoText(errno));
+    throw StoreError("cannot read the quarantine's folder: " + platform::errnoText(errno));
   }
   again.release();
   std::vector<File> files;

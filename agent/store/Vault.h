@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent::store {
 
@@ -14,13 +14,14 @@ namespace agent::store {
 class Vault {
  public:
   explicit Vault(const std::string& path);
-  UniqueFd create(const std::string& uuid) const;  ///< `.part`, empty, 0600
-  UniqueFd open(const std::string& uuid) const;    ///< `.item`; names it so when it is still `.part`
-  void name(const std::string& uuid) const;        ///< `.part` becomes `.item`, lasting
-  bool has(const std::string& uuid) const;         ///< as `.item` or `.part`
-  bool isWhole(const std::string& uuid) const;     ///< as `.item`
-  void markGone(const std::string& uuid) const;    ///< `.item` becomes `.gone`, lasting
-  void revive(const std::string& uuid) const;      ///< and back
+  platform::Descriptor create(const std::string& uuid) const;  ///< `.part`, empty, 0600
+  platform::Descriptor open(
+      const std::string& uuid) const;            ///< `.item`; names it so when it is still `.part`
+  void name(const std::string& uuid) const;      ///< `.part` becomes `.item`, lasting
+  bool has(const std::string& uuid) const;       ///< as `.item` or `.part`
+  bool isWhole(const std::string& uuid) const;   ///< as `.item`
+  void markGone(const std::string& uuid) const;  ///< `.item` becomes `.gone`, lasting
+  void revive(const std::string& uuid) const;    ///< and back
   void discardPart(const std::string& uuid) const noexcept;
   void discardGone(const std::string& uuid) const noexcept;
 
@@ -39,7 +40,7 @@ class Vault {
 
  private:
   void rename(const std::string& from, const std::string& to) const;
-  UniqueFd folder_;
+  platform::Descriptor folder_;
 };
 
 }  // namespace agent::store

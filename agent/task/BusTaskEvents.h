@@ -16,18 +16,19 @@ class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<Bus
   /// What its owner gave along and gets back with every state.
   struct Envelope {
     std::string token;
-    Json::Value ctx;  ///< what is no object is told as {}
+    Json::Value ctx;  ///< sent as {} when it is no object
     int source = 0;
   };
   BusTaskEvents(Outbox& outbox, lunet::IEndpoint& endpoint, const TaskOwner& owner, Envelope envelope);
 
-  void state(State state, const std::string& detail) override;
+  void state(json::TaskState state, const std::string& detail) override;
   void progress(int percent) override;
   void overview(const Json::Value& overview) override;
   void stage(int stage, const std::string& what) override;
   void attributes(const Json::Value& payload) override;
-  void risk(int kind, int fixMethod, const Json::Value& info) override;
-  void repaired(int kind, int fixMethod, const Json::Value& info, const Json::Value& result) override;
+  void risk(json::RiskInfoType kind, json::Handling handling, const Json::Value& info) override;
+  void repaired(json::RiskInfoType kind, json::Handling handling, const Json::Value& info,
+                const Json::Value& result) override;
   void waitForRoom(const std::function<bool()>& cancelled) override;
   void whenTold(std::function<void()> action) override;
 

@@ -68,7 +68,7 @@ void DetectionHandler::run() {
     try {
       handle(next);
     } catch (const std::exception& error) {
-      AGENT_LOG(4, "handling %s: %s", next.job->path.c_str(), error.what());
+      AGENT_LOG(LogLevel::kError, "handling %s: %s", next.job->path.c_str(), error.what());
     }
     lock.lock();
     busy_ = false;
@@ -86,15 +86,16 @@ void DetectionHandler::handle(const Found& found) {
   risk.riskId = freshId();
   risk.foundSec = std::time(nullptr);
   const Detection& detection = found.verdict.detections.at(0);
-  AGENT_LOG(3, "%s: %s%s", risk.path.c_str(), detection.name.c_str(), found.trusted ? " (trusted)" : "");
+  AGENT_LOG(LogLevel::kWarning, "%s: %s%s", risk.path.c_str(), detection.name.c_str(),
+            found.trusted ? " (trusted)" : "");
   if (found.trusted) {
     context_.counters.trusted();
-    context_.events.repaired(kFileRisk, context_.plan.fixMethod, riskInfo(risk),
-                             repairResult(HandleResult::kTrusted, {}, std::time(nullptr)));
+    context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk),
+                             repairResult(json::HandleResult::kTrusted, {}, std::time(nullptr)));
     return;
   }
   context_.counters.infected();
-  context_.events.risk(kFileRisk, context_.plan.fixMethod, riskInfo(risk));
+  context_.events.risk(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk));
   if (context_.plan.memoryCheck) {
     guarded([&] {
       handleProcesses(found, risk);
@@ -115,19 +116,20 @@ Result DetectionHandler::guarded(const std::function<Result()>& action) {
 
 /// The file leaves its place, or stays, as the plan says; either way its owner is told.
 void DetectionHandler::handleFile(const Found& found, const FileRisk& risk) {
-  HandleResult result = HandleResult::kReportedOnly;
+  json::HandleResult result = json::HandleResult::kReportedOnly;
   std::string reason;
-  if (context_.plan.handling == ScanPlan::Handling::kNothing) {
+  if (context_.plan.action == json::HandleAction::kNothing) {
     context_.counters.leftAlone();
   } else {
     const Result outcome = guarded([&] { return takeAway(found); });
-    result = outcome.ok ? HandleResult::kQuarantined : HandleResult::kFailed;
+    result = outcome.ok ? json::HandleResult::kQuarantined : json::HandleResult::kFailed;
     reason = outcome.detail;
     outcome.ok ? context_.counters.fixed() : context_.counters.fixFailed();
-    AGENT_LOG(3, "%s: %s %s", risk.path.c_str(), outcome.ok ? "taken away" : "not handled:", reason.c_str());
+    AGENT_LOG(LogLevel::kWarning, "%s: %s %s", risk.path.c_str(),
+              outcome.ok ? "taken away" : "not handled:", reason.c_str());
     context_.store.audit(context_.caller, "handle detection", risk.path, outcome.ok ? "taken away" : reason);
   }
-  context_.events.repaired(kFileRisk, context_.plan.fixMethod, riskInfo(risk),
+  context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk),
                            repairResult(result, reason, std::time(nullptr)));
 }
 
@@ -136,7 +138,7 @@ Result DetectionHandler::takeAway(const Found& found) {
   if (!refusal.empty()) {
     return {false, refusal};
   }
-  if (context_.plan.handling == ScanPlan::Handling::kDelete) {
+  if (context_.plan.action == json::HandleAction::kDelete) {
     return context_.store.quarantine().remove(requestFor(*found.job));
   }
   QuarantineRequest request = requestFor(*found.job);
@@ -166,19 +168,19 @@ void DetectionHandler::handleProcesses(const Found& found, const FileRisk& risk)
       continue;
     }
     const Json::Value info = processRiskInfo(program, risk, freshId());
-    context_.events.risk(kProcessRisk, context_.plan.fixMethod, info);
-    HandleResult result = HandleResult::kReportedOnly;
+    context_.events.risk(json::RiskInfoType::kProcess, context_.plan.handling, info);
+    json::HandleResult result = json::HandleResult::kReportedOnly;
     std::string reason;
     if (context_.plan.endProcesses) {
       const Result outcome = guarded([&] { return endProcess(program); });
-      result = outcome.ok ? HandleResult::kProcessEnded : HandleResult::kFailed;
+      result = outcome.ok ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
       reason = outcome.detail;
-      AGENT_LOG(3, "process %d (%s): %s %s", program.pid, program.path.c_str(),
+      AGENT_LOG(LogLevel::kWarning, "process %d (%s): %s %s", program.pid, program.path.c_str(),
                 outcome.ok ? "ended" : "not ended:", reason.c_str());
       context_.store.audit(context_.caller, "end process", std::to_string(program.pid) + " " + program.path,
                            outcome.ok ? "ended" : reason);
     }
-    context_.events.repaired(kProcessRisk, context_.plan.fixMethod, info,
+    context_.events.repaired(json::RiskInfoType::kProcess, context_.plan.handling, info,
                              repairResult(result, reason, std::time(nullptr)));
   }
 }

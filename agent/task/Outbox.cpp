@@ -28,7 +28,7 @@ std::uint32_t guarded(const SendNotice& send) {
   try {
     return send();
   } catch (const std::exception& error) {
-    AGENT_LOG(4, "a notice could not be made: %s", error.what());
+    AGENT_LOG(LogLevel::kError, "a notice could not be made: %s", error.what());
     return lunet::kErrArgument;
   }
 }
@@ -107,7 +107,7 @@ void Outbox::run() {
         continue;
       }
     } catch (const std::exception& error) {
-      AGENT_LOG(4, "sending notices: %s", error.what());
+      AGENT_LOG(LogLevel::kError, "sending notices: %s", error.what());
     }
     if (listed_.empty()) {
       work_.wait(lock, [this] { return ending_ || !listed_.empty(); });
@@ -190,7 +190,7 @@ void Outbox::settle(Mailbox& box, Mailbox::Notice notice, std::uint32_t error, C
     return;
   }
   if (error != lunet::kOk) {
-    AGENT_LOG(4, "a notice to %s was dropped: bus error 0x%08x", box.name_.c_str(), error);
+    AGENT_LOG(LogLevel::kError, "a notice to %s was dropped: bus error 0x%08x", box.name_.c_str(), error);
   }
   box.stalledSince_ = now;
   if (notice.kind == NoticeKind::kKept) {
@@ -211,7 +211,7 @@ void Outbox::postpone(Mailbox& box, std::uint32_t error, Clock::duration took) {
 }
 
 void Outbox::giveUp(Mailbox& box, const char* why) {
-  AGENT_LOG(3, "%s %s; %zu notices and what follows are dropped", box.name_.c_str(), why,
+  AGENT_LOG(LogLevel::kWarning, "%s %s; %zu notices and what follows are dropped", box.name_.c_str(), why,
             box.waiting_.size() + 1);
   box.gone_ = true;
   box.waiting_.clear();

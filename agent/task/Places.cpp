@@ -93,9 +93,9 @@ void addPlace(std::vector<std::string>& paths, const std::string& path) {
 
 }  // namespace
 
-std::vector<Stage> stagesOf(ScanPlan::Mode mode, bool memoryCheck, const std::vector<std::string>& homes) {
+std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::vector<std::string>& homes) {
   std::vector<Stage> stages;
-  if (mode == ScanPlan::kCustom) {
+  if (mode == json::ScanMode::kCustom) {
     return stages;
   }
   for (int index = 0; index < kStageCount; ++index) {
@@ -116,7 +116,7 @@ std::vector<Stage> stagesOf(ScanPlan::Mode mode, bool memoryCheck, const std::ve
         addPlace(stage.paths, home + path.substr(1));
       }
     }
-    if (index == kKeyPlaces && mode == ScanPlan::kFull) {
+    if (index == kKeyPlaces && mode == json::ScanMode::kFull) {
       stage.paths = {"/"};  // all that is left: folders met before are not entered twice
     }
     stages.push_back(std::move(stage));

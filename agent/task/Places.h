@@ -17,7 +17,7 @@ struct Stage {
 };
 
 /// The stages of a mode, in their order; none for a custom scan. `homes`: the home folders of all users.
-std::vector<Stage> stagesOf(ScanPlan::Mode mode, bool memoryCheck, const std::vector<std::string>& homes);
+std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::vector<std::string>& homes);
 /// As the user database has them, each once; those of users without one left out. Any thread.
 std::vector<std::string> homeFolders();
 

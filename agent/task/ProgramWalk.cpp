@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent {
 
@@ -28,7 +28,7 @@ Opened openFile(const std::string& path, int flags) {
   Opened result;
   result.file.fd =
       platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
-  result.file.statusNs = store::nowNs();
+  result.file.statusNs = platform::nowNs();
   if (!result.file.fd || fstat(result.file.fd.get(), &result.file.status) != 0) {
     const int error = errno;
     result.file.fd.reset();

@@ -5,20 +5,21 @@
 #include "json/CppJson.h"
 #include "json/ScanRecords.h"
 #include "platform/Text.h"
+#include "platform/Users.h"
 
 namespace agent {
 
 namespace {
 
 struct ResultText {
-  HandleResult result;
+  json::HandleResult result;
   const char* text;
 };
 
 constexpr ResultText kResultTexts[] = {
-    {HandleResult::kQuarantined, "已隔离"},  {HandleResult::kProcessEnded, "已终止进程"},
-    {HandleResult::kReportedOnly, "仅上报"}, {HandleResult::kFailed, "处理失败"},
-    {HandleResult::kTrusted, "已信任"},
+    {json::HandleResult::kQuarantined, "已隔离"},  {json::HandleResult::kProcessEnded, "已终止进程"},
+    {json::HandleResult::kReportedOnly, "仅上报"}, {json::HandleResult::kFailed, "处理失败"},
+    {json::HandleResult::kTrusted, "已信任"},
 };
 
 std::int32_t asInt32(std::int64_t number) {
@@ -49,7 +50,7 @@ Record fileRecord(const FileRisk& risk) {
   record.find_time = risk.foundSec;
   record.risk_type_name = detection.riskTypeName;
   record.file_modify_time = risk.status.st_mtim.tv_sec;
-  record.risk_type = detection.riskType;
+  record.risk_type = json::toNumber(detection.riskType);
   record.desc = otherNames(risk.verdict);
   return record;
 }
@@ -69,7 +70,7 @@ JsonReflect::ProcRiskItem processItem(const RunningProgram& program, const FileR
   item.engine_type = detection.engineCode;
   item.find_time = risk.foundSec;
   item.risk_type_name = detection.riskTypeName;
-  item.risk_type = detection.riskType;
+  item.risk_type = json::toNumber(detection.riskType);
   return item;
 }
 
@@ -89,13 +90,13 @@ Json::Value processRiskInfo(const RunningProgram& program, const FileRisk& risk,
   JsonReflect::MemoryRiskInfo record;
   record.risk_type_name = detection.riskTypeName;
   record.risk_id = riskId;
-  record.risk_type = detection.riskType;
+  record.risk_type = json::toNumber(detection.riskType);
   JsonReflect::ProcessInfo& process = record.process_info;
   process.exec_file_name = json::encodePath(program.path);
   process.proc_name = json::encodePath(program.name);
   process.pid = program.pid;
   process.exec_file_exist = program.onDisk;
-  process.user_name = userName(program.uid);
+  process.user_name = platform::userName(program.uid);
   process.proc_risks.push_back(processItem(program, risk, riskId));
   process.file_risks.push_back(fileRecord<JsonReflect::FileRiskInfo>(risk));
   Json::Value value;
@@ -104,9 +105,9 @@ Json::Value processRiskInfo(const RunningProgram& program, const FileRisk& risk,
   return value;
 }
 
-Json::Value repairResult(HandleResult result, const std::string& reason, std::int64_t whenSec) {
+Json::Value repairResult(json::HandleResult result, const std::string& reason, std::int64_t whenSec) {
   JsonReflect::RiskRepairResult record;
-  record.handle_result = static_cast<int>(result);
+  record.handle_result = json::toNumber(result);
   for (const ResultText& row : kResultTexts) {
     if (row.result == result) {
       record.handle_detail = row.text;

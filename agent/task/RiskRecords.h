@@ -11,13 +11,6 @@
 
 namespace agent {
 
-/// What became of a detection, as "handle_result" tells it.
-enum class HandleResult { kQuarantined = 1, kProcessEnded = 2, kReportedOnly = 3, kFailed = 4, kTrusted = 6 };
-
-/// "risk_info_type" on the wire.
-inline constexpr int kProcessRisk = 3;
-inline constexpr int kFileRisk = 5;
-
 /// A detection in a file, as it is told.
 struct FileRisk {
   std::string path;  ///< bytes
@@ -33,7 +26,7 @@ Json::Value riskInfo(const FileRisk& risk);
 /// JsonReflect::MemoryRiskInfo on the wire: a process whose program is that detection.
 Json::Value processRiskInfo(const RunningProgram& program, const FileRisk& risk, const std::string& riskId);
 /// JsonReflect::RiskRepairResult. `reason`: one line, for kFailed and where there is more to say.
-Json::Value repairResult(HandleResult result, const std::string& reason, std::int64_t whenSec);
+Json::Value repairResult(json::HandleResult result, const std::string& reason, std::int64_t whenSec);
 
 /// When the file was made, seconds since 1970-01-01; 0 when the file system does not say.
 std::int64_t birthTime(int fd);

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <poll.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -12,11 +11,11 @@
 #include <cerrno>
 #include <memory>
 #include <optional>
-#include <sstream>
-#include <system_error>
 
 #include "platform/Descriptor.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
+#include "platform/ProcessStat.h"
 
 namespace agent {
 
@@ -25,36 +24,8 @@ namespace {
 constexpr std::chrono::seconds kTableAge{1};
 constexpr int kEndWaitMs = 3000;
 
-struct Stat {
-  std::string name;
-  pid_t parent = 0;
-  std::uint64_t startTicks = 0;
-};
-
 std::string procPath(pid_t pid, const char* what) {
   return "/proc/" + std::to_string(pid) + "/" + what;
-}
-
-std::optional<Stat> readStat(pid_t pid) {
-  const std::string text = CFile::readAll(procPath(pid, "stat")).value_or("");
-  // The name stands in parentheses and may hold any character, parentheses and ends of lines too.
-  const std::size_t open = text.find('(');
-  const std::size_t close = text.rfind(')');
-  if (open == std::string::npos || close == std::string::npos || close < open) {
-    return std::nullopt;
-  }
-  Stat result;
-  result.name = text.substr(open + 1, close - open - 1);
-  std::istringstream rest(text.substr(close + 1));
-  std::string field;
-  for (int number = 3; number <= 22 && rest >> field; ++number) {
-    if (number == 4) {
-      result.parent = static_cast<pid_t>(std::stol(field));
-    } else if (number == 22) {
-      result.startTicks = std::stoull(field);
-    }
-  }
-  return result;
 }
 
 std::optional<RunningProgram> readProgram(pid_t pid) {
@@ -69,7 +40,7 @@ std::optional<RunningProgram> readProgram(pid_t pid) {
   RunningProgram result;
   result.pid = pid;
   result.uid = process.st_uid;
-  if (const std::optional<Stat> state = readStat(pid)) {
+  if (const auto state = platform::processStat(pid)) {
     result.startTicks = state->startTicks;
     result.name = state->name;
   }
@@ -87,7 +58,7 @@ bool isAncestorOfUs(pid_t pid) {
     if (up == pid) {
       return true;
     }
-    const std::optional<Stat> state = readStat(up);
+    const auto state = platform::processStat(up);
     if (!state) {
       return false;
     }
@@ -110,17 +81,13 @@ std::string whySpared(const RunningProgram& program) {
   return {};
 }
 
-std::string errorText(int error) {
-  return std::error_code(error, std::generic_category()).message();
-}
-
 }  // namespace
 
 std::vector<RunningProgram> RunningPrograms::all(std::string* error) {
   std::vector<RunningProgram> result;
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc"), closedir);
   if (!directory && error != nullptr) {
-    *error = errorText(errno);
+    *error = platform::errnoText(errno);
   }
   while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
     const std::string name = entry->d_name;
@@ -158,7 +125,7 @@ Result endProcess(const RunningProgram& program) {
   }
   const platform::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, program.pid, 0)));
   if (!process) {
-    return errno == ESRCH ? Result{true, "had ended"} : Result{false, errorText(errno)};
+    return errno == ESRCH ? Result{true, "had ended"} : Result{false, platform::errnoText(errno)};
   }
   // The descriptor names one process for good; now see that it is the one that was meant.
   const std::optional<RunningProgram> now = readProgram(program.pid);
@@ -167,7 +134,7 @@ Result endProcess(const RunningProgram& program) {
     return {false, "the process runs another program by now"};
   }
   if (syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0) != 0 && errno != ESRCH) {
-    return {false, errorText(errno)};
+    return {false, platform::errnoText(errno)};
   }
   pollfd ended{process.get(), POLLIN, 0};
   if (poll(&ended, 1, kEndWaitMs) <= 0) {
@@ -177,18 +144,8 @@ Result endProcess(const RunningProgram& program) {
 }
 
 std::uint64_t processStartTicks(pid_t pid) {
-  const std::optional<Stat> state = readStat(pid);
+  const auto state = platform::processStat(pid);
   return state ? state->startTicks : 0;
-}
-
-std::string userName(uid_t uid) {
-  std::vector<char> buffer(16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
-    return found->pw_name;
-  }
-  return std::to_string(uid);
 }
 
 }  // namespace agent

@@ -45,7 +45,4 @@ Result endProcess(const RunningProgram& program);
 /// Field 22 of the process's stat; 0 when there is no such process.
 std::uint64_t processStartTicks(pid_t pid);
 
-/// The name of a user, or his number as text.
-std::string userName(uid_t uid);
-
 }  // namespace agent

@@ -10,11 +10,11 @@ namespace agent {
 namespace {
 
 constexpr std::uint64_t kMegabyte = 1u << 20;
-constexpr int kModes = 3;
 constexpr int kDefaultLayers = 16;
 constexpr int kMostWorkers = 64;
 constexpr std::size_t kMostItems = 1024;  // each is held open from the beginning of its scan
 constexpr int kNotGiven = -1;
+static_assert(kNotGiven == json::toNumber(json::HandleAction::kByAgent));
 
 std::uint64_t megabytes(const Json::Value& section, const char* key) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(CppJson::readInt64(section, key, 0), 0)) *
@@ -23,7 +23,7 @@ std::uint64_t megabytes(const Json::Value& section, const char* key) {
 
 /// What is asked and not there is refused: a scan that silently did less would be worse than none.
 std::string whyRefused(const JsonReflect::ScanParams& params, bool fixMethodAsked) {
-  if (params.scan_type() < 0 || params.scan_type() >= 2 * kModes) {
+  if (params.scan_type() < 0 || params.scan_type() >= 2 * json::kStrongScan) {
     return "unknown scan type " + std::to_string(params.scan_type());
   }
   if (params.follow_link()) {
@@ -98,13 +98,15 @@ std::string cacheKeyOf(const ScanOptions& options) {
 void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fixMethodAsked,
                  const Json::Value& common) {
   // The request decides; the agent's own setting where it says nothing. Only 0 is automatic.
-  const int method = fixMethodAsked ? params.fix_method() : CppJson::readInt(common, "FixMethod", 2);
-  plan.fixMethod = method == 0 ? 0 : 2;
-  if (plan.fixMethod == 0) {
-    const int action =
-        params.handle_action() >= 0 ? params.handle_action() : CppJson::readInt(common, "HandleAction", 2);
-    plan.handling =
-        action >= 0 && action <= 2 ? static_cast<ScanPlan::Handling>(action) : ScanPlan::Handling::kNothing;
+  const int fromSettings =
+      CppJson::readInt(common, "FixMethod", json::toFixMethod(json::Handling::kReportOnly));
+  plan.handling = json::handlingInForce(fixMethodAsked ? params.fix_method() : fromSettings);
+  if (plan.handling == json::Handling::kAutomatic) {
+    const auto asked = json::fromNumber<json::HandleAction>(params.handle_action());
+    const auto own = json::fromNumber<json::HandleAction>(
+        CppJson::readInt(common, "HandleAction", json::toNumber(json::HandleAction::kQuarantine)));
+    const auto action = asked == json::HandleAction::kByAgent ? own : asked;
+    plan.action = action && action != json::HandleAction::kByAgent ? *action : json::HandleAction::kNothing;
     plan.endProcesses =
         params.proc_fix_method() == 1 || CppJson::readInt(common, "FixMethod_MemRisk", 0) == 1;
   }
@@ -129,12 +131,12 @@ std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& set
   if (!why->empty()) {
     return std::nullopt;
   }
-  const Json::Value scan = settings.document(0).value_or(Json::Value(Json::objectValue));
+  const Json::Value scan = settings.document(json::ConfigType::kScan);
   const Json::Value common = scan["Common"];
   ScanPlan plan;
   plan.scanType = params.scan_type();
-  plan.mode = static_cast<ScanPlan::Mode>(params.scan_type() % kModes);
-  if (plan.mode == ScanPlan::kCustom) {
+  plan.mode = static_cast<json::ScanMode>(params.scan_type() % json::kStrongScan);
+  if (plan.mode == json::ScanMode::kCustom) {
     for (const std::string& item : params.items()) {
       plan.items.push_back(json::decodePath(item));
     }
@@ -148,8 +150,8 @@ std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& set
       return std::nullopt;
     }
   }
-  const Json::Value engines = settings.document(4).value_or(Json::Value(Json::objectValue))["MultiEngines"];
-  plan.options = engineOptions(scan["Compressed"], engines, params.scan_type() >= kModes);
+  const Json::Value engines = settings.document(json::ConfigType::kEngines)["MultiEngines"];
+  plan.options = engineOptions(scan["Compressed"], engines, params.scan_type() >= json::kStrongScan);
   setHandling(plan, params, fixMethodAsked, common);
   plan.memoryCheck = CppJson::readBool(common, "MemCheck", false);
   plan.useCache = CppJson::readBool(common, "ScanWithCache", true);
@@ -160,7 +162,7 @@ std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& set
   plan.skipBytes = megabytes(common, "SkipSize");
   plan.programsOnly = CppJson::readInt(common, "ScanFileType", 1) == 2;
   plan.networkFileSystems =
-      plan.mode == ScanPlan::kCustom || CppJson::readBool(common, "NetworkmapScan", false);
+      plan.mode == json::ScanMode::kCustom || CppJson::readBool(common, "NetworkmapScan", false);
   plan.limit = std::chrono::seconds(params.max_scan_sec());
   plan.cacheKey = cacheKeyOf(plan.options);
   return plan;

@@ -9,23 +9,21 @@
 #include <vector>
 
 #include "engine/ScanTypes.h"
+#include "json/Values.h"
 #include "store/Store.h"
 
 namespace agent {
 
 /// What one scan is to do: its request and the settings as they stood when it began, read and checked.
 struct ScanPlan {
-  enum Mode { kFast = 0, kFull = 1, kCustom = 2 };
-  /// "HandleAction": what automatic handling does to a file. There is nothing that cleans a file in place:
-  /// kClean quarantines, too.
-  enum class Handling { kClean = 0, kDelete = 1, kQuarantine = 2, kNothing = 3 };
-
-  Mode mode = kFast;
-  int scanType = 0;                ///< as asked: the mode, 3 more with strong scan
+  json::ScanMode mode = json::ScanMode::kFast;
+  int scanType = 0;                ///< as asked: json::toScanType
   std::vector<std::string> items;  ///< bytes; custom scans
   ScanOptions options;
-  int fixMethod = 2;                       ///< in force: 0 automatic, 2 report only
-  Handling handling = Handling::kNothing;  ///< kNothing unless automatic
+  json::Handling handling = json::Handling::kReportOnly;
+  /// What automatic handling does to a file; kNothing when only reporting. Nothing here cleans a file in
+  /// place: kClean quarantines, too.
+  json::HandleAction action = json::HandleAction::kNothing;
   bool memoryCheck = false;
   bool endProcesses = false;  ///< that run a detection; never when only reporting
   bool useCache = false;

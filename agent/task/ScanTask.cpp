@@ -41,13 +41,13 @@ ScanTask::ScanTask(Parts parts, std::string token, ScanPlan plan, CallerId calle
     const CallerRights::Suspended own(rights_);
     settle();
     tell();
-    AGENT_LOG(2, "scan %s paused", token_.c_str());
-    events_->state(TaskEvents::kPaused, {});
+    AGENT_LOG(LogLevel::kInfo, "scan %s paused", token_.c_str());
+    events_->state(json::TaskState::kPaused, {});
   };
   again_ = [this] {
     const CallerRights::Suspended own(rights_);
-    AGENT_LOG(2, "scan %s resumed", token_.c_str());
-    events_->state(TaskEvents::kResumed, {});
+    AGENT_LOG(LogLevel::kInfo, "scan %s resumed", token_.c_str());
+    events_->state(json::TaskState::kResumed, {});
   };
 }
 
@@ -71,7 +71,7 @@ void ScanTask::start(Hooks hooks) {
     try {
       run();
     } catch (const std::exception& error) {
-      AGENT_LOG(4, "scan %s: %s", token_.c_str(), error.what());
+      AGENT_LOG(LogLevel::kError, "scan %s: %s", token_.c_str(), error.what());
     }
     overPromise_.set_value();
   });
@@ -96,9 +96,9 @@ void ScanTask::run() {
     failure = internalError(error);
   }
   if (!failure.empty()) {
-    AGENT_LOG(4, "scan %s not started: %s", token_.c_str(), failure.c_str());
+    AGENT_LOG(LogLevel::kError, "scan %s not started: %s", token_.c_str(), failure.c_str());
     hooks_.released();
-    events_->state(TaskEvents::kNotCreated, failure);
+    events_->state(json::TaskState::kNotCreated, failure);
     events_->whenTold(hooks_.told);
     preparedPromise_.set_value(failure);
     return;
@@ -162,10 +162,11 @@ std::string ScanTask::openItems() {
 }
 
 void ScanTask::scan() {
-  AGENT_LOG(2, "scan %s started: type %d, user %u, pid %d, %s", token_.c_str(), plan_.scanType, caller_.uid,
-            caller_.pid, plan_.fixMethod == 0 ? "automatic handling" : "report only");
-  events_->state(TaskEvents::kCreated, {});
-  events_->state(TaskEvents::kStarted, {});
+  AGENT_LOG(LogLevel::kInfo, "scan %s started: type %d, user %u, pid %d, %s", token_.c_str(), plan_.scanType,
+            caller_.uid, caller_.pid,
+            plan_.handling == json::Handling::kAutomatic ? "automatic handling" : "report only");
+  events_->state(json::TaskState::kCreated, {});
+  events_->state(json::TaskState::kStarted, {});
   Json::Value attributes(Json::objectValue);
   attributes["scan_type"] = plan_.scanType;
   attributes["parallelism"] = pool_->size();
@@ -181,7 +182,7 @@ void ScanTask::scan() {
   try {
     const CallerRights rights(caller_);
     rights_ = &rights;
-    plan_.mode == ScanPlan::kCustom ? walkItems() : walkStages();
+    plan_.mode == json::ScanMode::kCustom ? walkItems() : walkStages();
   } catch (const std::exception& error) {
     control_.stop(internalError(error));
   }
@@ -205,7 +206,7 @@ void ScanTask::walkStages() {
   for (std::size_t i = 0; i < stages.size() && keepGoing(); ++i) {
     const Stage& stage = stages[i];
     const bool last = i + 1 == stages.size();
-    const double forOthers = plan_.mode == ScanPlan::kFull ? 1 - kWholeDiskShare : 1.0;
+    const double forOthers = plan_.mode == json::ScanMode::kFull ? 1 - kWholeDiskShare : 1.0;
     const double share = last ? left : forOthers / static_cast<double>(stages.size());
     left -= share;
     events_->stage(stage.begin, stage.what);
@@ -270,10 +271,10 @@ void ScanTask::end() {
   try {
     parts_.store.cache().flush();
   } catch (const std::exception& error) {
-    AGENT_LOG(4, "the scan cache was not written: %s", error.what());
+    AGENT_LOG(LogLevel::kError, "the scan cache was not written: %s", error.what());
   }
   const bool aborted = control_.stopping();
-  AGENT_LOG(2, "scan %s %s: %s", token_.c_str(), aborted ? "aborted" : "finished",
+  AGENT_LOG(LogLevel::kInfo, "scan %s %s: %s", token_.c_str(), aborted ? "aborted" : "finished",
             counters_.summary().c_str());
   hooks_.released();
   Json::Value overview;
@@ -282,7 +283,7 @@ void ScanTask::end() {
     events_->progress(100);
   }
   events_->overview(overview);
-  events_->state(aborted ? TaskEvents::kAborted : TaskEvents::kFinished,
+  events_->state(aborted ? json::TaskState::kAborted : json::TaskState::kFinished,
                  aborted ? control_.stopReason() : counters_.summary());
   events_->whenTold(hooks_.told);
 }
@@ -313,7 +314,7 @@ void ScanTask::tellUntil(const std::future<void>& over) {
         tell();
       }
     } catch (const std::exception& error) {
-      AGENT_LOG(4, "scan %s: %s", token_.c_str(), error.what());
+      AGENT_LOG(LogLevel::kError, "scan %s: %s", token_.c_str(), error.what());
     }
   }
 }
@@ -330,14 +331,14 @@ void ScanTask::skipped(const std::string& path, const std::string& reason) {
   const CallerRights::Suspended own(rights_);
   counters_.met(path);
   counters_.skipped(reason);
-  AGENT_LOG(1, "%s: skipped: %s", path.c_str(), reason.c_str());
+  AGENT_LOG(LogLevel::kDebug, "%s: skipped: %s", path.c_str(), reason.c_str());
 }
 
 void ScanTask::failed(const std::string& path, const std::string& reason) {
   const CallerRights::Suspended own(rights_);
   counters_.met(path);
   counters_.failed();
-  AGENT_LOG(3, "%s: not scanned: %s", path.c_str(), reason.c_str());
+  AGENT_LOG(LogLevel::kWarning, "%s: not scanned: %s", path.c_str(), reason.c_str());
 }
 
 /// An entry holds for the path that was named and for where its links lead. Rejected under one of them is
@@ -357,7 +358,7 @@ void ScanTask::file(MetFile met) {
   const RegionVerdict region = regionOf(met);
   if (region == RegionVerdict::kTrusted) {
     counters_.trusted();
-    AGENT_LOG(1, "%s: skipped: trusted", met.path.c_str());
+    AGENT_LOG(LogLevel::kDebug, "%s: skipped: trusted", met.path.c_str());
     return;
   }
   const bool rejected = region == RegionVerdict::kRejected;
@@ -365,7 +366,7 @@ void ScanTask::file(MetFile met) {
       rejected ? std::string() : whyLeftOut(plan_, met.path, met.fd.get(), met.status);
   if (!leftOut.empty()) {
     counters_.skipped(leftOut);
-    AGENT_LOG(1, "%s: skipped: %s", met.path.c_str(), leftOut.c_str());
+    AGENT_LOG(LogLevel::kDebug, "%s: skipped: %s", met.path.c_str(), leftOut.c_str());
     return;
   }
   const bool cacheable = plan_.useCache && timesTell(met);
@@ -398,7 +399,7 @@ void ScanTask::submit(MetFile met, bool rejected, bool cacheable) {
   job->fd = platform::Descriptor(fcntl(met.fd.get(), F_DUPFD_CLOEXEC, 0));
   if (!job->fd) {
     counters_.failed();
-    AGENT_LOG(4, "%s: not scanned: the agent has too many open files", met.path.c_str());
+    AGENT_LOG(LogLevel::kError, "%s: not scanned: the agent has too many open files", met.path.c_str());
     return;
   }
   ScanOptions options = plan_.options;
@@ -409,7 +410,7 @@ void ScanTask::submit(MetFile met, bool rejected, bool cacheable) {
       ended(job, std::move(verdict));
     } catch (const std::exception& error) {
       counters_.failed();
-      AGENT_LOG(4, "%s: %s", job->path.c_str(), error.what());
+      AGENT_LOG(LogLevel::kError, "%s: %s", job->path.c_str(), error.what());
     }
   });
 }
@@ -422,8 +423,9 @@ bool ScanTask::applyRegions(const ScanJob& job, Verdict& verdict) {
   const bool cancelled = verdict.outcome == Outcome::kSkipped && control_.stopping();
   if (byHash == RegionVerdict::kRejected || (job.rejected && !cancelled)) {
     verdict.outcome = Outcome::kInfected;
-    verdict.detections.insert(verdict.detections.begin(),
-                              Detection{"Rejected.ByAdministrator", json::kEngineRejectList, 3, "否决项"});
+    verdict.detections.insert(
+        verdict.detections.begin(),
+        Detection{"Rejected.ByAdministrator", json::kEngineRejectList, json::RiskType::kRejected, "否决项"});
     return false;
   }
   return byHash == RegionVerdict::kTrusted;
@@ -441,11 +443,11 @@ void ScanTask::ended(const std::shared_ptr<ScanJob>& job, Verdict verdict) {
       break;
     case Outcome::kError:
       counters_.failed();
-      AGENT_LOG(3, "%s: not scanned: %s", job->path.c_str(), verdict.reason.c_str());
+      AGENT_LOG(LogLevel::kWarning, "%s: not scanned: %s", job->path.c_str(), verdict.reason.c_str());
       break;
     case Outcome::kSkipped:
       counters_.skipped(verdict.reason);
-      AGENT_LOG(1, "%s: skipped: %s", job->path.c_str(), verdict.reason.c_str());
+      AGENT_LOG(LogLevel::kDebug, "%s: skipped: %s", job->path.c_str(), verdict.reason.c_str());
       break;
   }
 }

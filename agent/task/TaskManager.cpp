@@ -43,10 +43,10 @@ std::shared_ptr<BusTaskEvents> TaskManager::eventsFor(const StartRequest& reques
                                          BusTaskEvents::Envelope{token, request.ctx, request.source});
 }
 
-TaskManager::Started TaskManager::refuse(const StartRequest& request, const std::string& token, int state,
-                                         const std::string& why) {
-  AGENT_LOG(3, "scan refused to process %d: %s", request.caller.pid, why.c_str());
-  eventsFor(request, token)->state(static_cast<TaskEvents::State>(state), why);
+TaskManager::Started TaskManager::refuse(const StartRequest& request, const std::string& token,
+                                         json::TaskState state, const std::string& why) {
+  AGENT_LOG(LogLevel::kWarning, "scan refused to process %d: %s", request.caller.pid, why.c_str());
+  eventsFor(request, token)->state(state, why);
   return {false, token, why};
 }
 
@@ -59,7 +59,7 @@ TaskManager::Started TaskManager::start(const StartRequest& request) {
   std::string why;
   std::optional<ScanPlan> plan = makePlan(request.params, parts_.store.settings(), &why);
   if (!plan) {
-    return refuse(request, token, TaskEvents::kNotCreated, why);
+    return refuse(request, token, json::TaskState::kNotCreated, why);
   }
   return launch(request, token, std::move(*plan));
 }
@@ -72,12 +72,12 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
   {
     const std::lock_guard guard(mutex_);
     if (ending_) {
-      return refuse(request, token, TaskEvents::kNotCreated, "the agent is ending");
+      return refuse(request, token, json::TaskState::kNotCreated, "the agent is ending");
     }
     for (const auto& [other, running] : running_) {
       if (running->plan().mode == plan.mode) {
-        return refuse(request, token, TaskEvents::kSameModeExists,
-                      std::string("a ") + kModeNames[plan.mode] + " scan is running already");
+        return refuse(request, token, json::TaskState::kSameModeExists,
+                      std::string("a ") + kModeNames[json::toNumber(plan.mode)] + " scan is running already");
       }
     }
     ScanTask::Parts parts{parts_.store, parts_.spawner, parts_.ownFolders};
@@ -88,7 +88,7 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
     parts_.store.tasks().put(record);
   } catch (const std::exception& error) {
     release(token);
-    return refuse(request, token, TaskEvents::kNotCreated,
+    return refuse(request, token, json::TaskState::kNotCreated,
                   std::string("cannot be recorded: ") + error.what());
   }
   try {
@@ -96,7 +96,7 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
   } catch (const std::exception& error) {
     release(token);
     forget(token);
-    return refuse(request, token, TaskEvents::kNotCreated,
+    return refuse(request, token, json::TaskState::kNotCreated,
                   std::string("no thread for the scan: ") + error.what());
   }
   const std::optional<std::string> failure = task->prepared(kPrepareLimit);
@@ -116,7 +116,7 @@ void TaskManager::forget(const std::string& token) {
   try {
     parts_.store.tasks().remove(token);
   } catch (const std::exception& error) {
-    AGENT_LOG(4, "scan %s stays recorded: %s", token.c_str(), error.what());
+    AGENT_LOG(LogLevel::kError, "scan %s stays recorded: %s", token.c_str(), error.what());
   }
 }
 
@@ -133,7 +133,7 @@ bool TaskManager::maySee(const CallerId& caller, const ScanTask& task) {
   return isAdministrator(caller) || caller.uid == task.caller().uid;
 }
 
-bool TaskManager::control(int action, const std::string& token, const std::string& detail,
+bool TaskManager::control(std::int32_t action, const std::string& token, const std::string& detail,
                           const CallerId& caller, std::string* why) {
   std::shared_ptr<ScanTask> task;
   {
@@ -145,20 +145,22 @@ bool TaskManager::control(int action, const std::string& token, const std::strin
     }
     task = found->second;
   }
+  const auto known = json::fromNumber<json::ControlAction>(action);
+  if (!known) {
+    *why = "unknown action " + std::to_string(action);
+    return false;
+  }
   bool done = false;
-  switch (action) {
-    case kStop:
+  switch (*known) {
+    case json::ControlAction::kStop:
       done = task->stop(detail.empty() ? "stopped" : detail);
       break;
-    case kPause:
+    case json::ControlAction::kPause:
       done = task->pause();
       break;
-    case kResume:
+    case json::ControlAction::kResume:
       done = task->resume();
       break;
-    default:
-      *why = "unknown action " + std::to_string(action);
-      return false;
   }
   *why = done ? "" : "the task is not in a state for that";
   return done;
@@ -173,9 +175,9 @@ Json::Value TaskManager::list(const CallerId& caller) const {
     }
     Json::Value entry(Json::objectValue);
     entry["token_id"] = token;
-    entry["type"] = 0;
+    entry["type"] = json::toNumber(json::BusinessType::kScan);
     entry["scan_type"] = task->plan().scanType;
-    entry["state"] = static_cast<int>(task->paused() ? TaskEvents::kPaused : TaskEvents::kStarted);
+    entry["state"] = json::toNumber(task->paused() ? json::TaskState::kPaused : json::TaskState::kStarted);
     entry["progress"] = task->percent();
     entry["uid"] = task->caller().uid;
     tasks.append(entry);
@@ -190,15 +192,16 @@ std::size_t TaskManager::count() const {
 
 void TaskManager::tellOfLostTasks() {
   for (const TaskRecord& record : parts_.store.tasks().all()) {
-    AGENT_LOG(3, "scan %s of process %d was lost with an earlier run of the agent", record.token.c_str(),
-              record.ownerPid);
+    AGENT_LOG(LogLevel::kWarning, "scan %s of process %d was lost with an earlier run of the agent",
+              record.token.c_str(), record.ownerPid);
     StartRequest request;
     request.owner.guid = lunet::parseGuid(record.ownerGuid.c_str());
     request.owner.process.pid = record.ownerPid;
     request.owner.process.uid = record.ownerUid;
     request.owner.process.startTicks = record.ownerStartTicks;
     const std::shared_ptr<BusTaskEvents> events = eventsFor(request, record.token);
-    events->state(TaskEvents::kAborted, "the agent was ended while the scan ran and has been started again");
+    events->state(json::TaskState::kAborted,
+                  "the agent was ended while the scan ran and has been started again");
     events->whenTold([this, token = record.token] { forget(token); });
   }
 }
@@ -220,7 +223,7 @@ bool TaskManager::stopAll(const std::string& reason, std::chrono::milliseconds l
   for (const std::shared_ptr<ScanTask>& task : tasks) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     if (!task->waitOver(std::max(left, std::chrono::milliseconds(0)))) {
-      AGENT_LOG(4, "scan %s does not end", task->token().c_str());
+      AGENT_LOG(LogLevel::kError, "scan %s does not end", task->token().c_str());
       all = false;
     }
   }

@@ -51,11 +51,10 @@ class TaskManager {
   /// not made is told to its owner with state -1 or 6.
   Started start(const StartRequest& request);
 
-  enum Action { kStop = 1, kPause = 2, kResume = 3 };
-  /// False, with one line in *why, for a token that is unknown to that caller and for what cannot be done
-  /// now.
-  bool control(int action, const std::string& token, const std::string& detail, const CallerId& caller,
-               std::string* why);
+  /// action: the number of a json::ControlAction. False, with one line in *why, for a token that is unknown
+  /// to that caller, for another number, and for what cannot be done now.
+  bool control(std::int32_t action, const std::string& token, const std::string& detail,
+               const CallerId& caller, std::string* why);
   /// An array of the tasks under way that the caller may see.
   Json::Value list(const CallerId& caller) const;
   std::size_t count() const;
@@ -68,7 +67,8 @@ class TaskManager {
 
  private:
   std::shared_ptr<BusTaskEvents> eventsFor(const StartRequest& request, const std::string& token);
-  Started refuse(const StartRequest& request, const std::string& token, int state, const std::string& why);
+  Started refuse(const StartRequest& request, const std::string& token, json::TaskState state,
+                 const std::string& why);
   Started launch(const StartRequest& request, const std::string& token, ScanPlan plan);
   void release(const std::string& token);
   void forget(const std::string& token);

@@ -7,43 +7,23 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <system_error>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 
 namespace agent {
 
 namespace {
 
 constexpr std::size_t kOpenFolders = 64;  // of the folders on the way down, the deepest ones
-constexpr int kOpenFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 constexpr const char* kOwnFolder = "kept by the agent itself";
-
-std::string errorText(int error) {
-  return std::error_code(error, std::generic_category()).message();
-}
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }
 };
 
-/// Opens without leaving a trace in the access time where we may (owner or root).
-int openQuietly(int folder, const char* name, int flags) {
-  int fd = openat(folder, name, kOpenFlags | O_NOATIME | flags);
-  if (fd < 0 && errno == EPERM) {
-    fd = openat(folder, name, kOpenFlags | flags);
-  }
-  return fd;
-}
-
 bool mayWrite(int folder, const char* name) {
   return faccessat(folder, name, W_OK | X_OK, AT_EACCESS) == 0;
-}
-
-std::string parentOf(const std::string& path) {
-  const std::size_t slash = path.find_last_of('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
 }
 
 std::string resolvedPath(int fd) {
@@ -97,17 +77,17 @@ Walker::Named Walker::open(const std::string& path, std::string* error) {
     named.path.pop_back();
   }
   if (stat(path.c_str(), &named.status) != 0) {
-    *error = errorText(errno);
+    *error = platform::errnoText(errno);
     return named;
   }
   if (!S_ISREG(named.status.st_mode) && !S_ISDIR(named.status.st_mode)) {
     named.skipReason = specialKind(named.status.st_mode);
     return named;
   }
-  named.fd = platform::Descriptor(openQuietly(AT_FDCWD, path.c_str(), 0));
-  named.statusNs = store::nowNs();
+  named.fd = platform::openQuietly(AT_FDCWD, path.c_str(), 0);
+  named.statusNs = platform::nowNs();
   if (!named.fd || fstat(named.fd.get(), &named.status) != 0) {
-    *error = errorText(errno);
+    *error = platform::errnoText(errno);
     return named;
   }
   if (!S_ISREG(named.status.st_mode) && !S_ISDIR(named.status.st_mode)) {
@@ -135,7 +115,8 @@ void Walker::walk(Named named, double share) {
     return;
   }
   MetFile met{path_, resolvedName(), std::move(named.fd), named.statusNs, named.status, false};
-  met.folderWritable = mayWrite(AT_FDCWD, parentOf(met.resolved.empty() ? path_ : met.resolved).c_str());
+  met.folderWritable =
+      mayWrite(AT_FDCWD, platform::splitPath(met.resolved.empty() ? path_ : met.resolved).folder.c_str());
   sink_.file(std::move(met));
   sink_.advanced(share);
 }
@@ -222,7 +203,7 @@ bool Walker::enterNext() {
   const auto [name, share] = std::move(folder.subfolders.back());
   folder.subfolders.pop_back();
   setName(folder, name);
-  platform::Descriptor fd(openQuietly(folder.fd.get(), name.c_str(), O_DIRECTORY | O_NOFOLLOW));
+  platform::Descriptor fd = platform::openQuietly(folder.fd.get(), name.c_str(), O_DIRECTORY | O_NOFOLLOW);
   struct stat status {};
   if (!fd || fstat(fd.get(), &status) != 0) {
     const int error = errno;
@@ -263,7 +244,7 @@ void Walker::reportUnopened(int error) {
   } else if (error == ELOOP || error == ENXIO) {
     sink_.skipped(path_, "was exchanged while its folder was read");
   } else {
-    sink_.failed(path_, errorText(error));
+    sink_.failed(path_, platform::errnoText(error));
   }
 }
 
@@ -278,7 +259,7 @@ bool Walker::readEntries(Folder& folder, double share) {
     if (copy >= 0) {
       close(copy);
     }
-    sink_.failed(path_, errorText(error));
+    sink_.failed(path_, platform::errnoText(error));
     sink_.advanced(share);
     return true;
   }
@@ -316,7 +297,7 @@ bool Walker::readEntries(Folder& folder, double share) {
 void Walker::reportUnreadEnd(const Folder& folder, int error) {
   if (error != 0) {
     path_.resize(folder.pathLength);
-    sink_.failed(path_, "cannot be read to its end: " + errorText(error));
+    sink_.failed(path_, "cannot be read to its end: " + platform::errnoText(error));
   }
 }
 
@@ -345,14 +326,14 @@ void Walker::meet(Folder& folder, const std::string& name, unsigned char type, d
 }
 
 void Walker::meetFile(const Folder& folder, const std::string& name, bool writable) {
-  platform::Descriptor fd(openQuietly(folder.fd.get(), name.c_str(), O_NOFOLLOW));
+  platform::Descriptor fd = platform::openQuietly(folder.fd.get(), name.c_str(), O_NOFOLLOW);
   if (!fd) {
     reportUnopened(errno);
     return;
   }
-  MetFile met{path_, resolvedName(), std::move(fd), store::nowNs(), {}, writable};
+  MetFile met{path_, resolvedName(), std::move(fd), platform::nowNs(), {}, writable};
   if (fstat(met.fd.get(), &met.status) != 0) {
-    sink_.failed(path_, errorText(errno));
+    sink_.failed(path_, platform::errnoText(errno));
   } else if (!S_ISREG(met.status.st_mode)) {
     sink_.skipped(path_, "was exchanged while its folder was read");
   } else {
@@ -362,7 +343,7 @@ void Walker::meetFile(const Folder& folder, const std::string& name, bool writab
 
 /// Finds the parent of a folder again by "..", and makes sure that it is the one we came from.
 bool Walker::reopenParent(const Folder& child, Folder& parent) {
-  platform::Descriptor fd(openQuietly(child.fd.get(), "..", O_DIRECTORY));
+  platform::Descriptor fd = platform::openQuietly(child.fd.get(), "..", O_DIRECTORY);
   struct stat status {};
   if (!fd || fstat(fd.get(), &status) != 0 || status.st_dev != parent.device ||
       status.st_ino != parent.inode) {

@@ -18,7 +18,7 @@ union ControlBuffer {
 };
 
 // Keeps the one descriptor that a packet may bring; of several the last, the others are closed, and false.
-bool keepDescriptor(msghdr& header, UniqueFd& kept) {
+bool keepDescriptor(msghdr& header, platform::Descriptor& kept) {
   std::size_t count = 0;
   for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr;
        control = CMSG_NXTHDR(&header, control)) {
@@ -42,7 +42,7 @@ std::pair<Channel, Channel> Channel::pair() {
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     return {};
   }
-  return {Channel(UniqueFd(ends[0])), Channel(UniqueFd(ends[1]))};
+  return {Channel(platform::Descriptor(ends[0])), Channel(platform::Descriptor(ends[1]))};
 }
 
 bool Channel::send(std::string_view bytes, int fd) const {

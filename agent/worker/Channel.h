@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "worker/UniqueFd.h"
+#include "platform/Descriptor.h"
 
 namespace agent {
 
@@ -14,14 +14,14 @@ namespace agent {
 class Channel {
  public:
   Channel() = default;
-  explicit Channel(UniqueFd fd) : fd_(std::move(fd)) {}
+  explicit Channel(platform::Descriptor fd) : fd_(std::move(fd)) {}
 
   /// Both ends close-on-exec. Empty channels when the system refuses (errno tells).
   static std::pair<Channel, Channel> pair();
 
   struct Packet {
     std::string bytes;
-    UniqueFd fd;
+    platform::Descriptor fd;
   };
   enum class Received { kPacket, kNothing, kEnded };
 
@@ -34,12 +34,12 @@ class Channel {
   void shutDown() const;
 
   int fd() const { return fd_.get(); }
-  UniqueFd takeFd() { return std::move(fd_); }
+  platform::Descriptor takeFd() { return std::move(fd_); }
   explicit operator bool() const { return static_cast<bool>(fd_); }
   void close() { fd_.reset(); }
 
  private:
-  UniqueFd fd_;
+  platform::Descriptor fd_;
 };
 
 }  // namespace agent

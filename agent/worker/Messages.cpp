@@ -77,6 +77,13 @@ class Reader {
     good_ = good_ && number <= static_cast<std::uint8_t>(Outcome::kSkipped);
     value = good_ ? static_cast<Outcome>(number) : Outcome::kError;
   }
+  void operator()(json::RiskType& value) {
+    std::int32_t number = 0;
+    (*this)(number);
+    const auto known = json::fromNumber<json::RiskType>(number);
+    good_ = good_ && known;
+    value = known.value_or(json::RiskType::kVirus);
+  }
   template <class T>
   void operator()(T& value) {
     if constexpr (kIsPlain<T>) {

@@ -18,7 +18,7 @@ namespace agent {
 /// worker die, the files behind the one it died of go to another.
 struct PoolTask {
   std::uint64_t id = 0;
-  UniqueFd fd;
+  platform::Descriptor fd;
   std::string name;
   ScanOptions options;
   WorkerPool::Done done;
@@ -63,7 +63,7 @@ class PoolWorker {
  private:
   Channel channel_;
   unsigned generation_;
-  UniqueFd process_;  // a pidfd: a pid alone might be another process by now
+  platform::Descriptor process_;  // a pidfd: a pid alone might be another process by now
   bool greeted_ = false;
   std::deque<PoolTask> tasks_;
   std::uint64_t bytes_ = 0;  // of all its tasks

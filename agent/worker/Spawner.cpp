@@ -59,7 +59,7 @@ Spawner::Impl::~Impl() {
 }
 
 Spawner::Impl::Template Spawner::Impl::startTemplate(std::string& problem) {
-  UniqueFd settled(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  platform::Descriptor settled(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   auto [ours, theirs] = Channel::pair();
   if (!ours || !settled) {
     problem = "no way to reach a template: " + std::generic_category().message(errno);

@@ -16,7 +16,8 @@ namespace agent {
 /// for the one report.
 struct TemplateLink {
   Channel channel;
-  UniqueFd settled;  ///< an eventfd: readable once the report has been read, or the template is gone
+  platform::Descriptor
+      settled;  ///< an eventfd: readable once the report has been read, or the template is gone
   void settle() const;
 };
 

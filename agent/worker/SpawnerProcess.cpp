@@ -35,7 +35,7 @@ class Template {
     sigemptyset(&childEnds);
     sigaddset(&childEnds, SIGCHLD);
     sigprocmask(SIG_BLOCK, &childEnds, nullptr);
-    childEnds_ = UniqueFd(signalfd(-1, &childEnds, SFD_CLOEXEC | SFD_NONBLOCK));
+    childEnds_ = platform::Descriptor(signalfd(-1, &childEnds, SFD_CLOEXEC | SFD_NONBLOCK));
     while (agent_ || !workers_.empty()) {
       waitAndServe();
     }
@@ -120,7 +120,7 @@ class Template {
   const Spawner::Config& config_;
   const TempFolders& folders_;
   Channel agent_;
-  UniqueFd childEnds_;
+  platform::Descriptor childEnds_;
   std::unique_ptr<Engine> engine_;
   std::map<pid_t, WorkerFolders> workers_;
   unsigned number_ = 0;
@@ -146,7 +146,7 @@ void runSpawner(const Spawner::Config& config, const TempFolders& folders, Chann
   if (!becomeChild("tav-spawner", agentPid)) {
     _exit(1);
   }
-  agent = Channel(UniqueFd(keepOnly(agent.takeFd().release())));
+  agent = Channel(platform::Descriptor(keepOnly(agent.takeFd().release())));
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // workers whose template has crashed end here
   std::set<pid_t> templates;
   const auto collect = [&](int options) {

@@ -25,18 +25,18 @@ bool isInMemory(const char* path) {
   return statfs(path, &status) == 0 && status.f_type == TMPFS_MAGIC;
 }
 
-UniqueFd openFolder(const std::string& path) {
-  return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+platform::Descriptor openFolder(const std::string& path) {
+  return platform::Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // A folder of ours that nobody has locked: its agent was killed. Locked from here on, so that nobody takes it
 // while it is removed: whoever has just made it does without it.
-UniqueFd lockLeftBehind(const std::string& path) {
-  UniqueFd folder = openFolder(path);
+platform::Descriptor lockLeftBehind(const std::string& path) {
+  platform::Descriptor folder = openFolder(path);
   struct stat status {};
   const bool leftBehind = folder && fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() &&
                           flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
-  return leftBehind ? std::move(folder) : UniqueFd();
+  return leftBehind ? std::move(folder) : platform::Descriptor();
 }
 
 std::vector<std::string> entriesThatBegin(const std::string& parent, const std::string& beginning) {
@@ -59,14 +59,14 @@ void removeAll(const std::string& folder) {
 
 void removeLeftBehind(const std::string& parent) {
   for (const auto& path : entriesThatBegin(parent, kPrefix)) {
-    if (const UniqueFd locked = lockLeftBehind(path)) {
+    if (const platform::Descriptor locked = lockLeftBehind(path)) {
       removeAll(path);
     }
   }
 }
 
 // Locked, and still the folder of that name: another agent's clean-up may have come between.
-bool lockFolder(const std::string& path, UniqueFd& lock) {
+bool lockFolder(const std::string& path, platform::Descriptor& lock) {
   lock = openFolder(path);
   struct stat held {};
   struct stat named {};
@@ -92,7 +92,7 @@ TempFolders::TempFolders(const std::string& disk) {
   disk_ = make(diskParent(disk), diskLock_);
 }
 
-std::string TempFolders::make(const std::string& parent, UniqueFd& lock) {
+std::string TempFolders::make(const std::string& parent, platform::Descriptor& lock) {
   removeLeftBehind(parent);
   for (int attempt = 0; attempt < 5; ++attempt) {
     std::string path = parent + "/" + kPrefix + "XXXXXX";

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "worker/UniqueFd.h"
+#include "platform/Descriptor.h"
 
 namespace agent {
 
@@ -24,10 +24,10 @@ class TempFolders {
   void remove();
 
  private:
-  std::string make(const std::string& parent, UniqueFd& lock);
+  std::string make(const std::string& parent, platform::Descriptor& lock);
 
   std::string quick_, disk_, problem_;
-  UniqueFd quickLock_, diskLock_;
+  platform::Descriptor quickLock_, diskLock_;
 };
 
 /// The two folders of one worker.

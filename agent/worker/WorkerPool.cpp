@@ -70,7 +70,7 @@ class WorkerPool::Impl {
   Impl& operator=(const Impl&) = delete;
 
   void scan(int fd, std::string name, const ScanOptions& options, Done done) {
-    PoolTask task{0, UniqueFd(fd), std::move(name), options, std::move(done), sizeOf(fd)};
+    PoolTask task{0, platform::Descriptor(fd), std::move(name), options, std::move(done), sizeOf(fd)};
     {
       std::unique_lock lock(mutex_);
       roomMade_.wait(lock, [this] { return queue_.size() < std::size_t{kQueuedPerWorker} * count_; });
@@ -350,7 +350,7 @@ class WorkerPool::Impl {
 
   Spawner::Impl& spawner_;
   const unsigned count_;
-  const UniqueFd wake_;
+  const platform::Descriptor wake_;
 
   std::mutex mutex_;  // guards up to the blank line
   std::condition_variable roomMade_;

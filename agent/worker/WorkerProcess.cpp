@@ -19,7 +19,7 @@ namespace {
 
 // Where memory runs out a worker is the one to end, not the agent.
 void offerToMemoryKiller() {
-  const UniqueFd file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
+  const platform::Descriptor file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
   if (file) {
     [[maybe_unused]] const ssize_t written = write(file.get(), "500", 3);
   }
@@ -75,10 +75,10 @@ void confineWorker(const WorkerStart& start) {
 }
 
 void runWorker(Engine& engine, WorkerStart start) {
-  start.agent = Channel(UniqueFd(keepOnly(start.agent.takeFd().release())));
+  start.agent = Channel(platform::Descriptor(keepOnly(start.agent.takeFd().release())));
   WorkerHello hello;
   hello.pid = getpid();
-  UniqueFd self(pidfd_open(getpid(), 0));
+  platform::Descriptor self(pidfd_open(getpid(), 0));
   confineWorker(start);
   engine.setTempFolders(start.folders.quick, start.folders.disk);
   if (!start.agent.send(encode(hello), self.get())) {

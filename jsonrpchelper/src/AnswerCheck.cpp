@@ -5,7 +5,7 @@
 namespace jsonrpchelper {
 namespace {
 
-std::string whyNoError(const Json::Value& error) {
+std::string reasonNoError(const Json::Value& error) {
   const Json::Value* code = CppJson::findMember(error, "code");
   const Json::Value* message = CppJson::findMember(error, "message");
   if (code == nullptr || !code->isInt()) {
@@ -14,14 +14,14 @@ std::string whyNoError(const Json::Value& error) {
   return message == nullptr || !message->isString() ? "its error has no message" : "";
 }
 
-/// Ids are integers or texts; a 1 and a 1.0 are not the same here.
+/// Ids are integers or texts; 1 and 1.0 are different ids.
 bool isSameId(const Json::Value* id, const Json::Value& requestId) {
   return id != nullptr && *id == requestId;
 }
 
 }  // namespace
 
-std::string whyNoAnswer(const std::string& answer, const Json::Value& requestId) {
+std::string reasonNoAnswer(const std::string& answer, const Json::Value& requestId) {
   Json::Value value;
   if (!CppJson::LoadJsonString(answer, value)) {
     return "the answer is no JSON, or nested too deep";
@@ -40,7 +40,7 @@ std::string whyNoAnswer(const std::string& answer, const Json::Value& requestId)
   if (!isSameId(id, requestId) && !unread) {
     return "the answer belongs to another request";
   }
-  return error != nullptr ? whyNoError(*error) : "";
+  return error != nullptr ? reasonNoError(*error) : "";
 }
 
 }  // namespace jsonrpchelper

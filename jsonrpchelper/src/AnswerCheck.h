@@ -6,9 +6,9 @@
 
 namespace jsonrpchelper {
 
-/// Whether a text is an answer to the request with this id that the library's client takes without throwing
-/// anything it may not: empty for yes, else one line that says what is wrong. An error answer may carry a
-/// null id: that is how a server answers what it could not read.
-std::string whyNoAnswer(const std::string& answer, const Json::Value& requestId);
+/// Checks an answer before the library's client reads it, because some texts end the process there. Empty
+/// when the text is an answer to the request with this id, else one line with the fault. An error answer may
+/// carry a null id: a server answers so when it could not read the request.
+std::string reasonNoAnswer(const std::string& answer, const Json::Value& requestId);
 
 }  // namespace jsonrpchelper

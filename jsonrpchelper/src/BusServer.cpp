@@ -1,14 +1,11 @@
 #include "jsonrpchelper/BusServer.h"
 
-#include "json/CppJson.h"
 #include "platform/CLog.h"
 
 namespace jsonrpchelper {
 namespace {
 
-constexpr int kLogError = 3;
-
-/// The library has no kind for "any": such a parameter is left out of its check, and checked on reading.
+/// The library has no kind for "any": procedureOf leaves such a parameter out, and requestOf checks it.
 jsonrpc::jsontype_t libraryKind(JsonKind kind) {
   switch (kind) {
     case JsonKind::kString:
@@ -25,34 +22,6 @@ jsonrpc::jsontype_t libraryKind(JsonKind kind) {
 }
 
 }  // namespace
-
-bool isOfKind(const Json::Value& value, JsonKind kind) {
-  switch (kind) {
-    case JsonKind::kNone:
-      return value.isNull();
-    case JsonKind::kAny:
-      return true;
-    case JsonKind::kString:
-      return value.isString();
-    case JsonKind::kInteger:
-      return value.isInt();
-    case JsonKind::kBoolean:
-      return value.isBool();
-    case JsonKind::kObject:
-      return value.isObject();
-    case JsonKind::kArray:
-      return value.isArray();
-  }
-  return false;
-}
-
-const Json::Value& requiredParameter(const Json::Value& parameters, const char* name, JsonKind kind) {
-  const Json::Value* value = CppJson::findMember(parameters, name);
-  if (value == nullptr || !isOfKind(*value, kind)) {
-    throw jsonrpc::JsonRpcException(jsonrpc::Errors::ERROR_RPC_INVALID_PARAMS, name);
-  }
-  return *value;
-}
 
 jsonrpc::Procedure procedureOf(const MethodRow& row) {
   jsonrpc::Procedure procedure;
@@ -74,7 +43,7 @@ void runOperation(const std::function<void()>& operation) {
   } catch (const jsonrpc::JsonRpcException&) {
     throw;
   } catch (const std::exception& e) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    CLog::emit(CLogLevel::kError, "ReceiveCallback: Caught exception:\n %s", e.what());
     throw jsonrpc::JsonRpcException(jsonrpc::Errors::ERROR_RPC_INTERNAL_ERROR, e.what());
   }
 }

@@ -41,17 +41,13 @@ IJsonRpcServerHelper* serverHelper() {
   return serverHelperPlace().get();
 }
 
-bool isHeard(const Caller& caller) {
-  return caller.process.trusted;
-}
-
 void initJsonRpc() {
   IJsonRpcServerHelper* helper = nullptr;
   {
     const std::lock_guard<std::mutex> guard(gServerHelperLock);
     if (serverHelperPlace() == nullptr) {
       serverHelperPlace() = std::make_unique<IJsonRpcServerHelper>();
-      serverHelperPlace()->acceptOnly(isHeard);
+      serverHelperPlace()->acceptOnly([](const Caller& caller) { return caller.process.trusted; });
     }
     helper = serverHelperPlace().get();
   }
@@ -75,7 +71,7 @@ ClientRegistry& ClientRegistry::instance() {
 
 void ClientRegistry::initialise(lunet::IEndpoint* endpoint, std::uint32_t timeoutMs) {
   const std::lock_guard<CMutex> guard(mutex_);
-  // Clients of an earlier endpoint would send through it.
+  // Clients of an earlier endpoint would still send through that endpoint.
   clients_.clear();
   endpoint_ = endpoint;
   timeoutMs_ = timeoutMs;

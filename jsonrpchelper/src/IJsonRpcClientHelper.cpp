@@ -15,18 +15,18 @@ using jsonrpc::Errors;
 using jsonrpc::JsonRpcException;
 
 [[noreturn]] void failSend(const char* what, std::uint32_t error) {
-  // Error numbers are shown signed, as they always were.
+  // Users and scripts know the error numbers as signed ones.
   throw JsonRpcException(Errors::ERROR_CLIENT_CONNECTOR, std::string("lunet ") + what + " error ret[" +
                                                              std::to_string(static_cast<int>(error)) + "]");
 }
 
-/// What is too long for the argument is too long for the bus, which says so.
+/// Cut to what the bus's argument holds. The bus refuses a message of that length.
 std::uint32_t lengthOf(const std::string& message) {
   return static_cast<std::uint32_t>(
       std::min<std::size_t>(message.size(), std::numeric_limits<std::uint32_t>::max()));
 }
 
-/// Runs a step of which only JsonRpcException may escape.
+/// Runs a step; any exception of the step becomes a JsonRpcException.
 template <class Step>
 void guarded(int code, Step step) {
   try {
@@ -84,7 +84,7 @@ void IJsonRpcClientHelper::exchange(const std::string& message, const Json::Valu
     return;
   }
   std::string answer(reply, replyLength);
-  const std::string wrong = whyNoAnswer(answer, id);
+  const std::string wrong = reasonNoAnswer(answer, id);
   if (!wrong.empty()) {
     throw JsonRpcException(Errors::ERROR_CLIENT_INVALID_RESPONSE, wrong);
   }

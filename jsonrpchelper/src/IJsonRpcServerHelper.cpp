@@ -13,12 +13,9 @@ namespace {
 using jsonrpc::Errors;
 using jsonrpc::JsonRpcException;
 
-constexpr int kLogWarning = 2;
-constexpr int kLogError = 3;
-
 thread_local Caller tCaller;
 
-/// Who sent a message, for as long as it is being handled.
+/// Makes the sender of a message the current caller while the message is being handled.
 class CallerScope {
  public:
   explicit CallerScope(lunet::IEndpoint* endpoint) : before_(std::exchange(tCaller, Caller{})) {
@@ -50,21 +47,21 @@ std::string errorResponse(int code) {
   return errorResponse(code, Errors::GetErrorMessage(code));
 }
 
-/// "<GUID> (pid 12, user 0)": who sent what is being handled.
+/// The current caller as "<GUID> (pid 12, user 0)".
 std::string sender() {
   return lunet::formatGuid(tCaller.guid) + " (pid " + std::to_string(tCaller.process.pid) + ", user " +
          std::to_string(tCaller.process.uid) + ")";
 }
 
 std::string refuse() {
-  CLog::emit(kLogError, "ReceiveCallback: refused a message of %s", sender().c_str());
+  CLog::emit(CLogLevel::kError, "ReceiveCallback: refused a message of %s", sender().c_str());
   return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, "this endpoint does not serve the sender");
 }
 
-/// What becomes of a message.
+/// What handling a message gives.
 struct Outcome {
   std::string response;  ///< empty when there is nothing to answer
-  std::string unread;    ///< why the message was not read; empty when a server had it
+  std::string unread;    ///< why no server got the message; empty when a server did
 };
 
 Outcome tooMuch(const char* what, std::size_t size, std::size_t limit) {
@@ -86,7 +83,7 @@ void handleOne(HandlerList& handlers, const Json::Value& request, const std::str
   }
 }
 
-/// The elements of a batch may be meant for different servers.
+/// The requests of a batch may be for different servers.
 Outcome handleBatch(HandlerList& handlers, const Json::Value& batch) {
   Outcome outcome;
   if (batch.size() > kMaxBatchRequests) {
@@ -122,18 +119,18 @@ Outcome process(HandlerList& handlers, const std::string& request) {
   return outcome;
 }
 
-/// process, with what it throws logged and made the response.
+/// As process, but an exception is logged and becomes the response.
 Outcome respond(HandlerList& handlers, const std::string& request) {
   try {
     return process(handlers, request);
   } catch (const JsonRpcException& e) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    CLog::emit(CLogLevel::kError, "ReceiveCallback: Caught exception:\n %s", e.what());
     return {e.GetMessage(), ""};
   } catch (const std::exception& e) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", e.what());
+    CLog::emit(CLogLevel::kError, "ReceiveCallback: Caught exception:\n %s", e.what());
     return {errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR, e.what()), ""};
   } catch (...) {
-    CLog::emit(kLogError, "ReceiveCallback: Caught exception:\n %s", "of no known kind");
+    CLog::emit(CLogLevel::kError, "ReceiveCallback: Caught exception:\n %s", "of no known kind");
     return {errorResponse(Errors::ERROR_RPC_INTERNAL_ERROR), ""};
   }
 }
@@ -193,18 +190,19 @@ void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageI
     const bool accepted = !accepts_ || accepts_(tCaller);
     const Outcome outcome = accepted ? answerTo(*handlers_, data, length, oneway) : Outcome{refuse(), ""};
     if (!outcome.unread.empty()) {
-      CLog::emit(kLogError, "ReceiveCallback: a message of %u bytes from %s is not read: %s", length,
+      CLog::emit(CLogLevel::kError, "ReceiveCallback: a message of %u bytes from %s is not read: %s", length,
                  sender().c_str(), outcome.unread.c_str());
     } else if (oneway && accepted && !outcome.response.empty()) {
-      CLog::emit(kLogWarning, "ReceiveCallback: dropped a one-way message: %s", outcome.response.c_str());
+      CLog::emit(CLogLevel::kWarning, "ReceiveCallback: dropped a one-way message: %s",
+                 outcome.response.c_str());
     }
     if (!oneway) {
       ReplyTarget target{endpoint, messageId, replyContext};
       SendResponse(outcome.response, &target);
     }
   } catch (...) {
-    // No memory for the request or the response: the sender learns by its time-out.
-    CLog::emit(kLogError, "ReceiveCallback: lost a message of %u bytes", length);
+    // There is no memory for the request or the response. The sender's time-out ends its wait.
+    CLog::emit(CLogLevel::kError, "ReceiveCallback: lost a message of %u bytes", length);
   }
 }
 

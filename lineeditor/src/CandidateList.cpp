@@ -1,6 +1,7 @@
+#include "CandidateList.h"
+
 #include <algorithm>
 
-#include "Screen.h"
 #include "lineeditor/Terminal.h"
 
 namespace lineeditor {
@@ -28,17 +29,14 @@ Columns measure(const std::vector<Candidate>& candidates, int cols) {
   return columns;
 }
 
-/// Puts what fits into maxWidth columns on one row.
+/// Puts as much of the text on the row as fits into maxWidth columns.
 void putCut(RowBuilder& row, std::string_view text, std::uint32_t attribute, int maxWidth) {
-  for (const Character& character : characters(text)) {
-    for (const Glyph& glyph :
-         glyphs(text.substr(character.offset, character.length), character.shownAsEscape)) {
-      if (glyph.width > maxWidth) {
-        return;
-      }
-      maxWidth -= glyph.width;
-      row.put(glyph, attribute);
+  for (Glyph& glyph : glyphs(text)) {
+    if (glyph.width > maxWidth) {
+      return;
     }
+    maxWidth -= glyph.width;
+    row.put(std::move(glyph), attribute);
   }
 }
 

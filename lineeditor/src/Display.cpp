@@ -3,21 +3,20 @@
 #include "Output.h"
 #include "Sequences.h"
 #include "TerminalIo.h"
-#include "lineeditor/Notices.h"
 #include "lineeditor/Terminal.h"
 
 namespace lineeditor {
 
 namespace {
 
-/// What a help screen begins with. A terminal shows nothing of it.
+/// The first bytes of a help screen. A terminal shows nothing for these bytes.
 constexpr std::string_view kBlankTakenBack = " \b";
 
 const char* endingText(Ending ending) {
   switch (ending) {
-    case Ending::NewLine:
+    case Ending::kNewLine:
       return "\n";
-    case Ending::Cancelled:
+    case Ending::kCancelled:
       return " \b^C\n";
     default:
       return "";
@@ -27,16 +26,16 @@ const char* endingText(Ending ending) {
 }  // namespace
 
 Display& Display::instance() {
-  static Display& display = *new Display;  // never destroyed: a notice may come while the program ends
+  static Display& display = *new Display;  // never destroyed: notices may come while the program ends
   return display;
 }
 
 void Display::freshRow() {
   const std::lock_guard guard(outputMutex());
-  if (live_ || !transcriptRows_.empty()) {
+  if (promptShown_ || !transcriptRows_.empty()) {
     return;
   }
-  // As many blanks as a row has: on an empty row they end where they began, else on the next one.
+  // A full row of blanks ends on the same row where the row was empty, and on the next row otherwise.
   outputBuffer.append(static_cast<std::size_t>(terminal().size().cols), ' ');
   outputBuffer += '\r';
   outputBuffer += sequence::kEraseBelow;
@@ -53,28 +52,27 @@ void Display::show(Content content) {
   }
 }
 
-/// What happens with most keys, and is worth its own way: laying the line out again is some 5 % of the time
-/// from key to echo (bench/editor_bench).
+/// Most keys append one character. Skipping the layout for these keys saves about 5 % of the time from key to
+/// echo (bench/editor_bench).
 bool Display::appendsOneCharacter(const Content& content) const {
   const std::string& before = content_.line;
-  return live_ && !drawnWithTranscript_ && transcriptRows_.empty() && !content.list && !content_.list &&
-         content.line.size() == before.size() + 1 && content_.cursor == before.size() &&
+  return promptShown_ && !drawnWithTranscript_ && transcriptRows_.empty() && !content.list &&
+         !content_.list && content.line.size() == before.size() + 1 && content_.cursor == before.size() &&
          content.cursor == content.line.size() && content.line.back() >= ' ' && content.line.back() <= '~' &&
          content.prompt == content_.prompt && content.line.starts_with(before);
 }
 
 void Display::showLocked() {
   const TerminalSize size = terminal().size();
-  if (!live_) {
+  if (!promptShown_) {
     painter_.start();
-    live_ = true;
+    promptShown_ = true;
   } else if (!painter_.drawnFor(size)) {
     outputBuffer += painter_.erase(size);
   }
   if (!transcript_.empty() && transcriptCols_ != size.cols) {
     const std::vector<std::string> lines = std::move(transcript_);
-    transcript_.clear();
-    transcriptRows_.clear();
+    clearTranscript();
     for (const std::string& line : lines) {
       addToTranscript(line);
     }
@@ -89,7 +87,7 @@ void Display::leave(Content content, Ending ending) {
   const std::lock_guard guard(outputMutex());
   content_ = std::move(content);
   if (transcriptOpen_) {
-    addToTranscript(content_.prompt + content_.line + (ending == Ending::Cancelled ? "^C" : ""));
+    addToTranscript(content_.prompt + content_.line + (ending == Ending::kCancelled ? "^C" : ""));
     content_ = Content{};
     showLocked();
     return;
@@ -97,21 +95,21 @@ void Display::leave(Content content, Ending ending) {
   showLocked();
   outputBuffer += painter_.toEnd();
   outputBuffer += endingText(ending);
-  live_ = false;
-  flushOutputLocked();  // ordinary output does not wait for the next key
+  promptShown_ = false;
+  flushOutputLocked();  // the commands that follow print straight to standard output
 }
 
 void Display::remove() {
   const std::lock_guard guard(outputMutex());
-  if (live_ && !transcriptOpen_) {
+  if (promptShown_ && !transcriptOpen_) {
     outputBuffer += painter_.erase(terminal().size());
-    live_ = false;
+    promptShown_ = false;
   }
 }
 
 void Display::forget() {
   const std::lock_guard guard(outputMutex());
-  live_ = false;
+  promptShown_ = false;
 }
 
 void Display::print(std::string_view lines) {
@@ -138,10 +136,14 @@ void Display::addToTranscript(std::string_view lines) {
   }
 }
 
-void Display::beginTranscript() {
-  const std::lock_guard guard(outputMutex());
+void Display::clearTranscript() {
   transcript_.clear();
   transcriptRows_.clear();
+}
+
+void Display::beginTranscript() {
+  const std::lock_guard guard(outputMutex());
+  clearTranscript();
   transcriptOpen_ = true;
 }
 
@@ -157,13 +159,12 @@ void Display::endTranscript() {
 
 void Display::dropTranscript() {
   const std::lock_guard guard(outputMutex());
-  transcript_.clear();
-  transcriptRows_.clear();
+  clearTranscript();
 }
 
 void Display::notice(const std::string& block) {
   const std::lock_guard guard(outputMutex());
-  if (!live_) {
+  if (!promptShown_) {
     terminal().print(block);
     terminal().write({});
     rowLeftOpen_ = false;
@@ -174,18 +175,17 @@ void Display::notice(const std::string& block) {
   if (!block.empty() && block.back() != '\n') {
     outputBuffer += '\n';
   }
-  live_ = false;
+  promptShown_ = false;
   showLocked();
   flushOutputLocked();
 }
 
 void Display::leaveOpen() {
   const std::lock_guard guard(outputMutex());
-  rowLeftOpen_ = live_;
-  live_ = false;
+  rowLeftOpen_ = promptShown_;
+  promptShown_ = false;
   transcriptOpen_ = false;
-  transcript_.clear();
-  transcriptRows_.clear();
+  clearTranscript();
 }
 
 void Display::closeOpenRow() {
@@ -195,10 +195,6 @@ void Display::closeOpenRow() {
     outputBuffer += '\n';
     rowLeftOpen_ = false;
   }
-}
-
-void printNotice(const std::string& block) {
-  Display::instance().notice(block);
 }
 
 }  // namespace lineeditor

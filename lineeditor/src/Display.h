@@ -10,60 +10,62 @@
 
 namespace lineeditor {
 
-/// How a prompt is left.
+/// The text behind the line when its prompt is left.
 enum class Ending {
-  NewLine,
-  Cancelled,  ///< marked ^C
-  SameRow,    ///< the cursor stays behind the line
+  kNewLine,    ///< a line end
+  kCancelled,  ///< "^C" and a line end
+  kSameRow,    ///< no text; the cursor stays behind the line
 };
 
-/// What of the terminal belongs to the prompt. One lock guards it and outputBuffer, so a notice can be
-/// printed from any thread at any time: it takes the prompt away, prints, and puts the prompt back. All other
-/// functions are the main thread's. Only leave() and notice() flush.
+/// The rows of the terminal that belong to the prompt. outputMutex() guards these rows and outputBuffer. Any
+/// thread may call notice(): the call erases the prompt, prints the block and draws the prompt again. Only
+/// the main thread calls the other functions. Only leave() and notice() flush the output.
 class Display {
  public:
   static Display& instance();
 
-  /// Makes sure that the prompt starts on a row of its own, whatever a command has left on the last one.
+  /// Starts a new row for the prompt, unless the cursor stands on an empty row.
   void freshRow();
-  /// Shows the content in place of what is shown.
+  /// Draws the content in place of the content drawn before.
   void show(Content content);
-  /// The content for the last time, with the cursor behind it. What comes next is ordinary output (in a
-  /// transcript: the next thing shown).
+  /// Draws the content for the last time, with the cursor behind the line. Later output is ordinary output.
+  /// In a transcript, the content becomes a line of the transcript.
   void leave(Content content, Ending ending);
-  /// Takes what is shown away.
+  /// Erases the prompt.
   void remove();
-  /// What is shown is ordinary output from here on, the cursor where it is.
+  /// Turns the rows drawn into ordinary output; the cursor stays where it is.
   void forget();
-  /// Whole lines of a listing: straight to standard output, or into the transcript.
+  /// Prints whole lines of a listing to standard output, or adds the lines to the open transcript.
   void print(std::string_view lines);
 
-  /// From here on what is printed belongs to the prompt: it stands above it and goes with dropTranscript().
+  /// Opens a transcript: rows above the prompt that are redrawn with the prompt. A search prints into its
+  /// transcript.
   void beginTranscript();
   bool inTranscript();
-  void endTranscript();   ///< still shown, no longer added to
-  void dropTranscript();  ///< gone with the next show()
+  void endTranscript();   ///< the rows stay; later output is not added
+  void dropTranscript();  ///< the next show() erases the rows
 
-  void notice(const std::string& block);
+  void notice(const std::string& block);  ///< see printNotice()
 
-  /// An end of input leaves the prompt standing with the cursor behind it.
+  /// Leaves the prompt as it stands at end of input, with the cursor behind the line.
   void leaveOpen();
-  /// Ends the row of a prompt left open.
+  /// Ends the row of a prompt that leaveOpen() has left.
   void closeOpenRow();
 
  private:
   void showLocked();
   bool appendsOneCharacter(const Content& content) const;
   void addToTranscript(std::string_view lines);
+  void clearTranscript();
 
   Painter painter_;
   Content content_;
-  bool live_ = false;
+  bool promptShown_ = false;
   bool drawnWithTranscript_ = false;
   bool rowLeftOpen_ = false;
   bool transcriptOpen_ = false;
   std::vector<std::string> transcript_;
-  std::vector<Row> transcriptRows_;  ///< laid out for transcriptCols_
+  std::vector<Row> transcriptRows_;  ///< transcript_, laid out in transcriptCols_ columns
   int transcriptCols_ = 0;
 };
 

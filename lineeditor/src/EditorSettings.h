@@ -8,12 +8,13 @@
 
 namespace lineeditor {
 
-/// What the console has set for every prompt, and what stays from one line to the next. Main thread only.
+/// The settings of every prompt, and the text that is kept from one line to the next. Main thread only.
 struct EditorSettings {
   CompletionHook completionHook;
   std::function<void()> keyHelp;
   std::uint32_t promptColour = 0;
-  std::string lastCut;  ///< at any prompt; what the paste keys give
+  std::string wordDelimiters = " !\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
+  std::string lastCut;  ///< the text cut last, at any prompt; the paste keys insert this text
 };
 EditorSettings& settings();
 

@@ -1,29 +1,17 @@
 #include "EditorState.h"
 
-#include <cstring>
-
+#include "EditorSettings.h"
 #include "Utf8.h"
-#include "lineeditor/History.h"
 
 namespace lineeditor {
 
 namespace {
 
-constexpr std::size_t kDelimiterArea = 64;
-char wordDelimiters[kDelimiterArea] = " !\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
+bool isWordDelimiter(char c) {
+  return settings().wordDelimiters.find(c) != std::string::npos;
+}
 
 }  // namespace
-
-bool isWordDelimiter(char c) {
-  return c != '\0' && std::strchr(wordDelimiters, c) != nullptr;
-}
-
-void setWordDelimiters(const char* text) {
-  if (text != nullptr) {
-    std::strncpy(wordDelimiters, text, kDelimiterArea - 1);
-    wordDelimiters[kDelimiterArea - 1] = '\0';
-  }
-}
 
 void EditorState::set(std::string_view text) {
   line_ = cutAtCharacter(text, maxBytes_);

@@ -6,9 +6,8 @@
 
 namespace lineeditor {
 
-/// The line being edited and the cursor in it. The cursor always stands at a character boundary and the line
-/// never grows over its limit; a function that returns false has changed nothing because there was nothing to
-/// do or no room.
+/// The line being edited, with its cursor. The cursor always stands between two characters. The line never
+/// grows over its limit. A function that returns false has changed nothing.
 class EditorState {
  public:
   explicit EditorState(std::size_t maxBytes) : maxBytes_(maxBytes) {}
@@ -17,12 +16,12 @@ class EditorState {
   std::size_t cursor() const { return cursor_; }
   std::string_view beforeCursor() const { return std::string_view(line_).substr(0, cursor_); }
 
-  void set(std::string_view text);             ///< cut to the limit; the cursor goes to the end
-  void moveTo(std::size_t offset);             ///< a boundary, or inside a character: then to its end
-  bool insert(std::string_view text);          ///< whole or not at all
-  bool insertWhatFits(std::string_view text);  ///< whole characters; false when something was left out
+  void set(std::string_view text);     ///< cuts the text to the limit; the cursor goes to the end
+  void moveTo(std::size_t offset);     ///< an offset inside a character means the end of the character
+  bool insert(std::string_view text);  ///< all of the text, or nothing
+  bool insertWhatFits(std::string_view text);  ///< as many whole characters as fit; false when not all fit
   bool replace(std::size_t from, std::size_t to, std::string_view text);  ///< the cursor goes behind the text
-  /// What was between the two offsets.
+  /// Removes the text between the two offsets and returns the text.
   std::string cut(std::size_t from, std::size_t to);
 
   bool left();
@@ -45,8 +44,5 @@ class EditorState {
   std::string line_;
   std::size_t cursor_ = 0;
 };
-
-/// Of the word operations; set by setWordDelimiters().
-bool isWordDelimiter(char c);
 
 }  // namespace lineeditor

@@ -21,7 +21,7 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-/// A regular file only: a pipe in its place must not hold the console up.
+/// Opens regular files only. Reading from a pipe could block the console.
 File openForReading(const char* path) {
   const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) {
@@ -45,8 +45,8 @@ void storePiece(std::string_view piece) {
   }
 }
 
-/// Stores what is longer than a slot piece by piece, cut between characters; the rest when the line has
-/// ended.
+/// Stores a line longer than a slot in pieces, cut between characters. ended: the line is complete, so the
+/// rest is stored too.
 void storeLine(std::string& line, bool ended) {
   constexpr std::size_t kSlotText = kHistorySlotBytes - 1;
   constexpr std::size_t kRestOfACharacter = 64;

@@ -3,7 +3,7 @@
 
 #include "Display.h"
 #include "HistoryRing.h"
-#include "KeyLoop.h"
+#include "Question.h"
 #include "lineeditor/History.h"
 #include "lineeditor/Terminal.h"
 #include "platform/Text.h"
@@ -12,7 +12,7 @@ namespace lineeditor {
 
 namespace {
 
-constexpr int kNumberColumns = 7;  ///< "%4d  " and the line end
+constexpr int kNumberColumns = 7;  ///< the columns of "%4d  ", plus one for the line end
 constexpr std::size_t kMaxPatternBytes = 4095;
 constexpr std::size_t kMaxIdBytes = 7;
 
@@ -116,7 +116,7 @@ std::int32_t historySearch(const char* initialText) {
   }
   const std::int32_t found =
       historyList(stdout, true, patterns->c_str(), static_cast<std::int32_t>(number), false);
-  return id->empty() ? 0 : found;  // an empty id has listed the matches once more
+  return id->empty() ? 0 : found;  // for an empty id, historyList() has listed the matches once more
 }
 
 }  // namespace lineeditor

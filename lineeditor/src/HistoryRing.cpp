@@ -38,7 +38,7 @@ void historyAdd(std::string_view line) {
 
 void historyClear() {
   for (auto& slot : historyRing) {
-    if (slot[0] != '\0') {  // an untouched slot costs no memory and stays so
+    if (slot[0] != '\0') {  // writing to an unused slot would take memory
       std::memset(slot, 0, sizeof slot);
     }
   }

@@ -6,18 +6,18 @@
 namespace lineeditor {
 
 namespace {
-int rawDepth = 0;  // main thread only
+int rawDepth = 0;  // open RawScopes; main thread only
 }
 
 RawScope::RawScope() {
   if (rawDepth++ == 0) {
-    terminal().takeRaw();
+    terminal().enterRawMode();
   }
 }
 
 RawScope::~RawScope() {
   if (--rawDepth == 0) {
-    terminal().restore();
+    terminal().leaveRawMode();
   }
 }
 
@@ -36,23 +36,23 @@ Input InputReader::readByte() {
   return decoder_.readByte(kForever);
 }
 
-int InputReader::readByteStandingAlone() {
+int InputReader::readSingleByte() {
   const RawScope raw;
   while (true) {
     const Input input = readByte();
-    if (input.kind == InputKind::Byte) {
+    if (input.kind == InputKind::kByte) {
       return input.byte;
     }
-    if (input.kind != InputKind::Resized) {
+    if (input.kind != InputKind::kResized) {
       return 0;
     }
   }
 }
 
-Key InputReader::readKeyStandingAlone() {
+Key InputReader::readSingleKey() {
   const RawScope raw;
   Key key = readKey();
-  while (key.code == KeyCode::Resized) {
+  while (key.code == KeyCode::kResized) {
     key = readKey();
   }
   return key;

@@ -7,7 +7,8 @@
 
 namespace lineeditor {
 
-/// The terminal's settings are taken when the outermost scope begins and put back when it ends.
+/// Puts the terminal into raw mode. Scopes may nest: the outermost scope saves the settings and restores
+/// them.
 class RawScope {
  public:
   RawScope();
@@ -16,17 +17,17 @@ class RawScope {
   RawScope& operator=(const RawScope&) = delete;
 };
 
-/// What is typed, as keys or as bytes. Flushes the output before it waits.
+/// Reads the keyboard, key by key or byte by byte. Each read flushes the output before waiting.
 class InputReader {
  public:
   static InputReader& instance();
 
-  Key readKey();  ///< inside a RawScope
+  Key readKey();  ///< the caller holds a RawScope
   bool drawingCanWait() { return decoder_.drawingCanWait(); }
-  Input readByte();  ///< inside a RawScope where the terminal is usable; as it comes, not decoded
-  void giveBack(std::string_view bytes) { decoder_.giveBack(bytes); }  ///< the next to be read
-  int readByteStandingAlone();                                         ///< 0 when the read failed
-  Key readKeyStandingAlone();  ///< a change of the window is no key here
+  Input readByte();  ///< not decoded; the caller holds a RawScope where the terminal is usable
+  void pushBack(std::string_view bytes) { decoder_.pushBack(bytes); }  ///< the next read gets these bytes
+  int readSingleByte();  ///< enters raw mode for one byte; 0 when the read failed
+  Key readSingleKey();   ///< enters raw mode for one key; ignores changes of the window's size
   void reset() { decoder_ = KeyDecoder(); }
 
  private:

@@ -1,4 +1,4 @@
-// TAB and the keys that list what may come next.
+// The keys that complete a word or list the candidates.
 #include <algorithm>
 #include <cctype>
 
@@ -14,7 +14,7 @@ bool sameLetter(char a, char b) {
   return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
 }
 
-/// The longest beginning that all names share, in the first one's spelling.
+/// The longest common beginning of all names, spelled as in the first name.
 std::string commonBeginning(const std::vector<Candidate>& candidates) {
   std::string_view common = candidates.front().name;
   for (const Candidate& candidate : candidates) {
@@ -37,15 +37,15 @@ CompletionState KeyLoop::askHook() {
 
 void KeyLoop::showList(CompletionState found) {
   if (found.candidates.empty() && found.hint.empty()) {
-    act(false);
+    beepUnless(false);
     return;
   }
   list_ = std::make_shared<const CompletionState>(std::move(found));
   listFrom_ = 0;
 }
 
-/// The word before the cursor becomes what all candidates begin with; one alone stands whole, a blank behind
-/// it.
+/// Replaces the word before the cursor with the common beginning of the candidates. A single candidate is
+/// inserted whole, with a blank behind the name.
 void KeyLoop::insertCandidate(const CompletionState& found) {
   const std::string_view before = state_.beforeCursor();
   const std::size_t blank = before.find_last_of(" \t");
@@ -58,10 +58,11 @@ void KeyLoop::insertCandidate(const CompletionState& found) {
   std::size_t to = state_.cursor();
   if (found.candidates.size() == 1) {
     text += ' ';
-    to +=
-        to < state_.line().size() && state_.line()[to] == ' ' ? 1 : 0;  // the blank that stands there serves
+    if (to < state_.line().size() && state_.line()[to] == ' ') {
+      ++to;  // the blank already in the line is reused
+    }
   }
-  act(state_.replace(wordStart, to, text));
+  beepUnless(state_.replace(wordStart, to, text));
 }
 
 void KeyLoop::complete() {

@@ -4,19 +4,17 @@
 #include <cctype>
 #include <string_view>
 
-#include "KeyTable.h"
+#include "KeySequences.h"
 #include "Utf8.h"
 
 namespace lineeditor {
 
 namespace {
 
-constexpr unsigned char kEscape = 27;
-constexpr unsigned char kBackspaceByte = 127;
-constexpr int kEscapeWaitMs = 50;  ///< after ESC: a sequence's next byte comes at once, a finger's does not
-constexpr int kSequenceWaitMs = 200;  ///< inside a sequence that has begun
-constexpr int kPasteQuietMs = 50;     ///< after a paste's end mark
-constexpr int kPasteIdleMs = 1000;    ///< then Ctrl-C gets out of a paste whose end mark never came
+constexpr int kEscapeWaitMs = 50;     ///< after ESC: a later byte belongs to the next key
+constexpr int kSequenceWaitMs = 200;  ///< inside a sequence: a later byte belongs to the next key
+constexpr int kPasteQuietMs = 50;     ///< after an end mark; see endOfPasteIsReal()
+constexpr int kPasteIdleMs = 1000;    ///< after this wait, Ctrl-C ends a paste without an end mark
 constexpr std::size_t kMaxParameters = 64;
 constexpr std::size_t kMaxLookAhead = 65536;
 constexpr std::string_view kPasteStart = "\033[200~";
@@ -26,8 +24,8 @@ bool isControl(unsigned char byte) {
   return byte < 0x20 || byte == kBackspaceByte;
 }
 
-/// Bytes at the end of a paste's text that must wait for the next ones: part of an end mark, a line end's
-/// first half, a character's beginning.
+/// The number of bytes at the end of a paste's text that the next bytes may change: the beginning of an end
+/// mark, of a line end or of a character.
 std::size_t undecidedTail(std::string_view text) {
   for (std::size_t length = std::min(kPasteEnd.size() - 1, text.size()); length > 0; --length) {
     if (text.ends_with(kPasteEnd.substr(0, length))) {
@@ -40,56 +38,56 @@ std::size_t undecidedTail(std::string_view text) {
 }  // namespace
 
 Input KeyDecoder::readByte(int waitMs) {
-  if (!ahead_.empty()) {
-    const unsigned char byte = ahead_.front();
-    ahead_.pop_front();
-    return {InputKind::Byte, byte};
+  if (!readAhead_.empty()) {
+    const unsigned char byte = readAhead_.front();
+    readAhead_.pop_front();
+    return {InputKind::kByte, byte};
   }
   return terminal().read(waitMs);
 }
 
 bool KeyDecoder::pending() {
-  return !ahead_.empty() || resized_ || terminal().pending();
+  return !readAhead_.empty() || resized_ || terminal().pending();
 }
 
 bool KeyDecoder::drawingCanWait() {
-  return !ahead_.empty() || resized_ || (terminal().hurried() && terminal().pending());
+  return !readAhead_.empty() || resized_ || (terminal().inBurst() && terminal().pending());
 }
 
 bool KeyDecoder::take(int waitMs, unsigned char& byte) {
   while (true) {
     const Input input = readByte(waitMs);
-    if (input.kind == InputKind::Resized) {
+    if (input.kind == InputKind::kResized) {
       resized_ = true;
       continue;
     }
     byte = input.byte;
-    return input.kind == InputKind::Byte;
+    return input.kind == InputKind::kByte;
   }
 }
 
 Key KeyDecoder::next() {
   if (resized_) {
     resized_ = false;
-    return {KeyCode::Resized};
+    return {KeyCode::kResized};
   }
   if (inPaste_) {
     return fromPaste();
   }
   const Input input = readByte(kForever);
   switch (input.kind) {
-    case InputKind::Byte:
+    case InputKind::kByte:
       break;
-    case InputKind::Resized:
-      return {KeyCode::Resized};
+    case InputKind::kResized:
+      return {KeyCode::kResized};
     default:
-      return {KeyCode::EndOfInput};
+      return {KeyCode::kEndOfInput};
   }
-  if (input.byte == kEscape) {
+  if (input.byte == kEscapeByte) {
     return fromEscape();
   }
   if (isControl(input.byte)) {
-    return {KeyCode::Control, input.byte};
+    return {KeyCode::kControl, input.byte};
   }
   return fromText(input.byte);
 }
@@ -99,18 +97,18 @@ Key KeyDecoder::fromEscape() {
   unsigned char byte = 0;
   while (true) {
     if (!take(kEscapeWaitMs, byte)) {
-      return {KeyCode::Escape};
+      return {KeyCode::kEscape};
     }
-    if (byte != kEscape) {
+    if (byte != kEscapeByte) {
       break;
     }
     alt = true;
   }
   switch (byte) {
     case '[':
-      return fromControlSequence(alt);
+      return fromSequence(true, alt);
     case 'O':
-      return fromSingleShift(alt);
+      return fromSequence(false, alt);
     case ']':
     case 'P':
     case 'X':
@@ -121,96 +119,74 @@ Key KeyDecoder::fromEscape() {
       break;
   }
   if (isControl(byte)) {
-    return {KeyCode::Control, byte, true};
+    return {KeyCode::kControl, byte, true};
   }
   if (byte >= 0x80) {
     fromText(byte);
     return {};
   }
-  return {KeyCode::Alt, static_cast<unsigned char>(std::tolower(byte)), true};
+  return {KeyCode::kAlt, static_cast<unsigned char>(std::tolower(byte)), true};
 }
 
-Key KeyDecoder::fromControlSequence(bool alt) {
+Key KeyDecoder::fromSequence(bool isControlSequence, bool alt) {
   std::string parameters;
   unsigned char byte = 0;
   while (true) {
     if (!take(kSequenceWaitMs, byte)) {
       return {};
     }
-    if (byte == kEscape) {
-      return fromEscape();  // the half one before it is given up
+    if (byte == kEscapeByte) {
+      return fromEscape();  // the unfinished sequence before this ESC is dropped
     }
     if (isControl(byte) || byte >= 0x80) {
-      ahead_.push_front(byte);
+      readAhead_.push_front(byte);
       return {};
     }
-    if (byte == '[' && parameters.empty()) {
-      parameters = "[";  // the Linux console's function keys: one more byte
+    if (isControlSequence && byte == '[' && parameters.empty()) {
+      parameters = "[";  // a function key of the Linux console: one more byte follows
       continue;
     }
-    if (byte >= 0x40 || (byte == '$' && isNumber(parameters))) {
+    if (byte >= 0x40 || (isControlSequence && byte == '$' && isNumber(parameters))) {
       break;
     }
     if (parameters.size() < kMaxParameters) {
       parameters += static_cast<char>(byte);
     }
   }
-  if (byte == 'M' && parameters.empty()) {  // a mouse report: three bytes more
+  if (isControlSequence && byte == 'M' && parameters.empty()) {  // a mouse report: three more bytes follow
     for (int i = 0; i < 3 && take(kSequenceWaitMs, byte); ++i) {
     }
     return {};
   }
-  if (byte == '~' && parameters == "200") {
+  if (isControlSequence && byte == '~' && parameters == "200") {
     inPaste_ = true;
     return fromPaste();
   }
-  Key key = controlSequenceKey(parameters, static_cast<char>(byte));
+  const char final = static_cast<char>(byte);
+  Key key = isControlSequence ? controlSequenceKey(parameters, final) : singleShiftKey(parameters, final);
   key.alt = key.alt || alt;
   return key;
 }
 
-Key KeyDecoder::fromSingleShift(bool alt) {
-  std::string parameters;
-  unsigned char byte = 0;
-  do {
-    if (!take(kSequenceWaitMs, byte)) {
-      return {};
-    }
-    if (byte == kEscape) {
-      return fromEscape();
-    }
-    if (isControl(byte) || byte >= 0x80) {
-      ahead_.push_front(byte);
-      return {};
-    }
-    if (byte < 0x40 && parameters.size() < kMaxParameters) {
-      parameters += static_cast<char>(byte);
-    }
-  } while (byte < 0x40);
-  Key key = singleShiftKey(parameters, static_cast<char>(byte));
-  key.alt = key.alt || alt;
-  return key;
-}
-
-/// A terminal's answer as a string: up to BEL or ESC \.
+/// Drops a string that the terminal has sent, up to BEL or ESC \.
 Key KeyDecoder::swallowString() {
   constexpr unsigned char kBell = 7;
   unsigned char byte = 0;
   unsigned char before = 0;
-  while (take(kEscapeWaitMs, byte) && byte != kBell && !(before == kEscape && byte == '\\')) {
+  while (take(kEscapeWaitMs, byte) && byte != kBell && !(before == kEscapeByte && byte == '\\')) {
     before = byte;
   }
   return {};
 }
 
 Key KeyDecoder::fromText(unsigned char lead) {
-  Key key{KeyCode::Text};
+  Key key{KeyCode::kText};
   key.text += static_cast<char>(lead);
   const std::size_t length = sequenceLength(lead);
   unsigned char byte = 0;
   while (key.text.size() < length && take(kSequenceWaitMs, byte)) {
     if ((byte & 0xC0) != 0x80) {
-      ahead_.push_front(byte);
+      readAhead_.push_front(byte);
       break;
     }
     key.text += static_cast<char>(byte);
@@ -219,7 +195,7 @@ Key KeyDecoder::fromText(unsigned char lead) {
 }
 
 Key KeyDecoder::fromPaste() {
-  Key key{KeyCode::Paste};
+  Key key{KeyCode::kPaste};
   key.text = std::move(pasteRest_);
   pasteRest_.clear();
   bool idle = false;
@@ -227,22 +203,22 @@ Key KeyDecoder::fromPaste() {
     const std::size_t undecided = undecidedTail(key.text);
     const bool deliverable = key.text.size() > undecided;
     const Input input = readByte(deliverable ? 0 : (idle ? kForever : kPasteIdleMs));
-    if (input.kind == InputKind::Timeout && !deliverable) {
+    if (input.kind == InputKind::kTimeout && !deliverable) {
       idle = true;
-    } else if (input.kind == InputKind::Timeout || (input.kind == InputKind::Resized && deliverable)) {
-      resized_ = resized_ || input.kind == InputKind::Resized;
+    } else if (input.kind == InputKind::kTimeout || (input.kind == InputKind::kResized && deliverable)) {
+      resized_ = resized_ || input.kind == InputKind::kResized;
       pasteRest_ = key.text.substr(key.text.size() - undecided);
       key.text.resize(key.text.size() - undecided);
       return key;
-    } else if (input.kind == InputKind::Resized) {
+    } else if (input.kind == InputKind::kResized) {
       pasteRest_ = std::move(key.text);
-      return {KeyCode::Resized};
-    } else if (input.kind == InputKind::End) {
+      return {KeyCode::kResized};
+    } else if (input.kind == InputKind::kEnd) {
       inPaste_ = false;
       return key;
     } else if (idle && input.byte == control('C') && !pending()) {
       inPaste_ = false;
-      return {KeyCode::Control, input.byte};
+      return {KeyCode::kControl, input.byte};
     } else {
       idle = false;
       key.text += static_cast<char>(input.byte);
@@ -257,15 +233,15 @@ Key KeyDecoder::fromPaste() {
   }
 }
 
-/// The terminal sends nothing behind its mark until a key is pressed. Where more follows at once and holds
-/// another end mark, this one was part of what was pasted.
+/// The terminal sends no byte after its end mark until the user presses a key. Bytes that follow at once and
+/// hold another end mark show that the first mark was pasted text.
 bool KeyDecoder::endOfPasteIsReal() {
   std::string more;
   unsigned char byte = 0;
   while (more.size() < kMaxLookAhead && take(kPasteQuietMs, byte)) {
     more += static_cast<char>(byte);
   }
-  giveBack(more);
+  pushBack(more);
   if (more.size() >= kMaxLookAhead) {
     return false;
   }

@@ -5,12 +5,6 @@
 
 namespace lineeditor {
 
-void KeyLoop::left() {
-  state_.left();
-}
-void KeyLoop::right() {
-  state_.right();
-}
 void KeyLoop::wordLeft() {
   state_.moveTo(state_.wordStart());
 }
@@ -24,60 +18,36 @@ void KeyLoop::lineEnd() {
   state_.moveTo(state_.line().size());
 }
 
+bool KeyLoop::moveRows(int rows) {
+  const std::optional<std::size_t> offset = offsetInOtherRow(content(), terminal().size().cols, rows);
+  if (offset) {
+    state_.moveTo(*offset);
+  }
+  return offset.has_value();
+}
+
 void KeyLoop::rowUp() {
-  if (const auto offset = otherRow(content(), terminal().size().cols, -1)) {
-    state_.moveTo(*offset);
-  }
+  moveRows(-1);
 }
-
 void KeyLoop::rowDown() {
-  if (const auto offset = otherRow(content(), terminal().size().cols, 1)) {
-    state_.moveTo(*offset);
-  }
+  moveRows(1);
 }
-
 void KeyLoop::upOrPrevious() {
-  if (const auto offset = otherRow(content(), terminal().size().cols, -1)) {
-    state_.moveTo(*offset);
-  } else {
+  if (!moveRows(-1)) {
     previousEntry();
   }
 }
-
 void KeyLoop::downOrNext() {
-  if (const auto offset = otherRow(content(), terminal().size().cols, 1)) {
-    state_.moveTo(*offset);
-  } else {
+  if (!moveRows(1)) {
     nextEntry();
   }
 }
 
-void KeyLoop::eraseBefore() {
-  state_.eraseBefore();
-}
-void KeyLoop::eraseAt() {
-  state_.eraseAt();
-}
-void KeyLoop::upperWord() {
-  state_.upperWord();
-}
-void KeyLoop::lowerWord() {
-  state_.lowerWord();
-}
-void KeyLoop::capitalise() {
-  state_.capitalise();
-}
-void KeyLoop::eraseBlanksAround() {
-  state_.eraseBlanksAround();
-}
-void KeyLoop::transpose() {
-  state_.transposeBefore();
-}
 void KeyLoop::emptyLine() {
   state_.set({});
 }
 
-/// An empty cut leaves what was cut last.
+/// An empty cut does not replace the text cut last.
 void KeyLoop::keepCut(std::string text) {
   if (!text.empty()) {
     settings().lastCut = std::move(text);
@@ -101,7 +71,7 @@ void KeyLoop::cutWordAfter() {
   keepCut(state_.cut(state_.cursor(), state_.wordEnd()));
 }
 void KeyLoop::pasteCut() {
-  act(state_.insertWhatFits(question_.toPaste.empty() ? settings().lastCut : question_.toPaste));
+  beepUnless(state_.insertWhatFits(question_.toPaste.empty() ? settings().lastCut : question_.toPaste));
 }
 
 }  // namespace lineeditor

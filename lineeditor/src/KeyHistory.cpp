@@ -1,4 +1,4 @@
-// The keys that bring lines back.
+// The keys that step through the history, search it, show it or clear it.
 #include <algorithm>
 
 #include "Display.h"
@@ -16,20 +16,20 @@ constexpr const char* kConfirmClear = "!!! Confirm to clear history [y]:";
 
 }  // namespace
 
-/// back: how many entries from the new line. What was edited is shown as it was left until the line is
-/// accepted; the history itself is never changed by editing.
+/// Shows the entry with this number, counted back from the newest; 0 is the new line. An edited entry keeps
+/// its edit until a line is accepted. Editing never changes the history.
 void KeyLoop::browseTo(std::size_t back) {
   const std::vector<std::size_t> slots = historySlots();
   back = std::min(back, slots.size());
   if (back == back_) {
     return;
   }
-  leaveLineFor(back);
+  saveEditAndGoTo(back);
   const auto edit = edits_.find(back);
   state_.set(edit != edits_.end() ? edit->second : historyRing[slots[slots.size() - back]]);
 }
 
-void KeyLoop::leaveLineFor(std::size_t back) {
+void KeyLoop::saveEditAndGoTo(std::size_t back) {
   edits_[back_] = state_.line();
   back_ = back;
 }
@@ -50,15 +50,12 @@ void KeyLoop::lastEntry() {
 }
 
 void KeyLoop::search(const char* initial) {
-  if (!question_.isMainPrompt) {
-    return;
-  }
   Display& display = Display::instance();
   display.beginTranscript();
   const std::int32_t found = historySearch(initial);
   display.endTranscript();
   if (found > 0) {
-    leaveLineFor(0);
+    saveEditAndGoTo(0);
     state_.set(historyRing[static_cast<std::size_t>(found) - 1]);
   }
 }
@@ -71,27 +68,21 @@ void KeyLoop::searchCurrent() {
 }
 
 void KeyLoop::showHistory() {
-  if (!question_.isMainPrompt) {
-    return;
-  }
-  Display::instance().leave(content(), Ending::NewLine);
+  Display::instance().leave(content(), Ending::kNewLine);
   historyShow();
   Display::instance().freshRow();
 }
 
 void KeyLoop::confirmClear() {
-  if (!question_.isMainPrompt) {
-    return;
-  }
   Display& display = Display::instance();
-  display.leave(content(), Ending::SameRow);
+  display.leave(content(), Ending::kSameRow);
   writeBuffered("\b\n");
   Content question;
   question.prompt = kConfirmClear;
   display.show(question);
-  const Key answer = InputReader::instance().readKeyStandingAlone();
-  display.leave(question, Ending::SameRow);
-  if (answer.code == KeyCode::Text && (answer.text == "y" || answer.text == "Y")) {
+  const Key answer = InputReader::instance().readSingleKey();
+  display.leave(question, Ending::kSameRow);
+  if (answer.code == KeyCode::kText && (answer.text == "y" || answer.text == "Y")) {
     historyClear();
     back_ = 0;
     writeBuffered("\b\nHistory are cleared!");

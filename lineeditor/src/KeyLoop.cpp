@@ -45,13 +45,13 @@ KeyLoop::Result KeyLoop::run() {
   const RawScope raw;
   display().freshRow();
   writeBuffered(sequence::kPasteMarksOn);
-  while (result_ == Result::Running) {
+  while (result_ == Result::kRunning) {
     if (!InputReader::instance().drawingCanWait()) {
-      refresh();  // while more lies there the line is not drawn: a paste is drawn once
+      refresh();
     }
     handle(InputReader::instance().readKey());
   }
-  if (result_ == Result::EndOfInput && !display().inTranscript()) {
+  if (result_ == Result::kEndOfInput && !display().inTranscript()) {
     display().leaveOpen();
   }
   if (!display().inTranscript()) {
@@ -62,11 +62,11 @@ KeyLoop::Result KeyLoop::run() {
 }
 
 void KeyLoop::handle(Key key) {
-  if (key.code == KeyCode::EndOfInput) {
-    result_ = Result::EndOfInput;
+  if (key.code == KeyCode::kEndOfInput) {
+    result_ = Result::kEndOfInput;
     return;
   }
-  if (key.code == KeyCode::Resized) {
+  if (key.code == KeyCode::kResized) {
     refresh();
     return;
   }
@@ -78,22 +78,23 @@ void KeyLoop::handle(Key key) {
     display().dropTranscript();
   }
   const bool afterEscape = escapeBefore_;
-  escapeBefore_ = key.code == KeyCode::Escape;
-  if (afterEscape && (key.code == KeyCode::Up || key.code == KeyCode::Down || key.code == KeyCode::Home ||
-                      key.code == KeyCode::End)) {
-    key.alt = true;  // ESC pressed by hand before the key
+  escapeBefore_ = key.code == KeyCode::kEscape;
+  if (afterEscape && (key.code == KeyCode::kUp || key.code == KeyCode::kDown || key.code == KeyCode::kHome ||
+                      key.code == KeyCode::kEnd)) {
+    key.alt = true;  // the user has pressed ESC before the key
   }
-  if (key.code == KeyCode::Text) {
+  if (key.code == KeyCode::kText) {
     type(key.text);
-  } else if (key.code == KeyCode::Paste) {
+  } else if (key.code == KeyCode::kPaste) {
     paste(key.text);
-  } else if (const Action action = actionFor(key)) {
-    (this->*action)();
+  } else if (const Binding* const binding = bindingFor(key);
+             binding != nullptr && (question_.isMainPrompt || !binding->mainPromptOnly)) {
+    (this->*binding->action)();
   }
 }
 
-/// A list that does not fit is turned like a page of the pager; any other key closes it and does what it
-/// does.
+/// Blank and Enter show the next page of a list that does not fit into the window. Any other key closes the
+/// list and has its usual effect.
 bool KeyLoop::turnsListPage(const Key& key) {
   if (!list_ || !continuesListing(key)) {
     return false;
@@ -106,17 +107,17 @@ bool KeyLoop::turnsListPage(const Key& key) {
   return true;
 }
 
-void KeyLoop::act(bool changed) {
+void KeyLoop::beepUnless(bool changed) {
   if (!changed) {
     writeBuffered("\a");
   }
 }
 
 void KeyLoop::type(const std::string& text) {
-  act(state_.insert(text));
+  beepUnless(state_.insert(text));
 }
 
-/// A line end in a paste becomes a blank and waits for Enter like the rest of it.
+/// A line end in a paste becomes a blank, so a paste never accepts the line.
 void KeyLoop::paste(const std::string& bytes) {
   std::string text;
   for (const char c : bytes) {
@@ -127,7 +128,7 @@ void KeyLoop::paste(const std::string& bytes) {
     }
     carriageReturnBefore_ = c == '\r';
   }
-  act(state_.insertWhatFits(text));
+  beepUnless(state_.insertWhatFits(text));
 }
 
 void KeyLoop::accept() {
@@ -135,23 +136,23 @@ void KeyLoop::accept() {
   if (line.ends_with(' ')) {
     line.pop_back();
   }
-  display().leave(content(), Ending::NewLine);
+  display().leave(content(), Ending::kNewLine);
   state_.set(line);
-  result_ = Result::Accepted;
+  result_ = Result::kAccepted;
 }
 
 void KeyLoop::cancel() {
-  display().leave(content(), Ending::Cancelled);
+  display().leave(content(), Ending::kCancelled);
   state_.set({});
-  result_ = Result::Cancelled;
+  result_ = Result::kCancelled;
 }
 
 void KeyLoop::endOrEraseAt() {
   if (!state_.line().empty()) {
-    act(state_.eraseAt());
+    beepUnless(state_.eraseAt());
   } else if (question_.isMainPrompt || !display().inTranscript()) {
     refresh();
-    result_ = Result::EndOfInput;
+    result_ = Result::kEndOfInput;
   } else {
     cancel();
   }
@@ -169,21 +170,18 @@ void KeyLoop::showHelp() {
     return;
   }
   if (!display().inTranscript()) {
-    display().leave(content(), Ending::SameRow);
+    display().leave(content(), Ending::kSameRow);
   }
   help();
   display().freshRow();
 }
 
 void KeyLoop::debugKeys() {
-  if (!question_.isMainPrompt) {
-    return;
-  }
-  display().leave(content(), Ending::SameRow);
+  display().leave(content(), Ending::kSameRow);
   writeBuffered("\b\nEnter keyboard debug mode, <Ctrl-C> to exit debug\n");
   Input input = InputReader::instance().readByte();
-  while (input.kind != InputKind::End && !(input.kind == InputKind::Byte && input.byte == control('C'))) {
-    if (input.kind == InputKind::Byte) {
+  while (input.kind != InputKind::kEnd && !(input.kind == InputKind::kByte && input.byte == control('C'))) {
+    if (input.kind == InputKind::kByte) {
       char shown[32];
       std::snprintf(shown, sizeof shown, "%3d 0x%02x (%c)\n", input.byte, input.byte,
                     input.byte < 0x80 && std::isprint(input.byte) != 0 ? input.byte : ' ');

@@ -11,24 +11,17 @@
 
 #include "EditorState.h"
 #include "Key.h"
+#include "Question.h"
 #include "Screen.h"
 
 namespace lineeditor {
 
-/// What one line is read with.
-struct Question {
-  std::string prompt;
-  std::size_t maxBytes = 0;
-  std::string initial;         ///< stands in the line at the start
-  std::string toPaste;         ///< what the paste keys give until something is cut here; empty: the last cut
-  std::function<void()> help;  ///< what F1 shows; empty: the table of keys
-  bool isMainPrompt = false;   ///< completion, the history keys F2 to F4 and the search work here only
-};
-
-/// Reads one line on the usable terminal: from keys to edits, one table row each. One object a line.
+/// Reads one line on a usable terminal. A table maps each key to the function that acts on the line. One
+/// object reads one line. The loop is in KeyLoop.cpp, the table in KeyBindings.cpp. The functions of the keys
+/// are in KeyEdits.cpp, KeyCompletion.cpp, KeyHistory.cpp and KeyLoop.cpp.
 class KeyLoop {
  public:
-  enum class Result { Running, Accepted, Cancelled, EndOfInput };
+  enum class Result { kRunning, kAccepted, kCancelled, kEndOfInput };
 
   explicit KeyLoop(const Question& question);
   Result run();
@@ -39,9 +32,10 @@ class KeyLoop {
   struct Binding {
     Key key;
     Action action;
+    bool mainPromptOnly = false;
   };
   static const Binding kBindings[];
-  static Action actionFor(const Key& key);
+  static const Binding* bindingFor(const Key& key);
 
   Content content() const;
   void refresh();
@@ -49,32 +43,30 @@ class KeyLoop {
   bool turnsListPage(const Key& key);
   void type(const std::string& text);
   void paste(const std::string& bytes);
-  void act(bool changed);
+  void beepUnless(bool changed);  ///< beeps when a key could not change the line
   void keepCut(std::string text);
 
   void accept();
   void cancel();
   void endOrEraseAt();
 
-  void left();
-  void right();
+  /// The action of a key that calls a function of the line.
+  template <auto function>
+  void edit() {
+    (state_.*function)();
+  }
+
   void wordLeft();
   void wordRight();
   void lineStart();
   void lineEnd();
+  bool moveRows(int rows);  ///< false when the line has no such row
   void rowUp();
   void rowDown();
   void upOrPrevious();
   void downOrNext();
   void clearWindow();
 
-  void eraseBefore();
-  void eraseAt();
-  void upperWord();
-  void lowerWord();
-  void capitalise();
-  void eraseBlanksAround();
-  void transpose();
   void emptyLine();
 
   void cutToEnd();
@@ -95,7 +87,7 @@ class KeyLoop {
   void firstEntry();
   void lastEntry();
   void browseTo(std::size_t back);
-  void leaveLineFor(std::size_t back);
+  void saveEditAndGoTo(std::size_t back);
   void search(const char* initial);
   void searchAll();
   void searchCurrent();
@@ -107,17 +99,13 @@ class KeyLoop {
 
   Question question_;
   EditorState state_;
-  Result result_ = Result::Running;
+  Result result_ = Result::kRunning;
   std::shared_ptr<const CompletionState> list_;
   std::size_t listFrom_ = 0;
-  std::size_t back_ = 0;  ///< history entries back from the new line; 0: the new line itself
-  std::map<std::size_t, std::string> edits_;  ///< lines that were left, by how far back they stand
+  std::size_t back_ = 0;  ///< the number of the entry shown, counted back from the newest; 0: the new line
+  std::map<std::size_t, std::string> edits_;  ///< edited entries that are not shown now, by the same number
   bool escapeBefore_ = false;
-  bool carriageReturnBefore_ = false;  ///< the paste's last byte
+  bool carriageReturnBefore_ = false;  ///< the last byte of a paste was a carriage return
 };
-
-/// Asks a question of the editor's own: nothing when it was cancelled. Reads plainly where the terminal is
-/// not usable.
-std::optional<std::string> ask(const Question& question);
 
 }  // namespace lineeditor

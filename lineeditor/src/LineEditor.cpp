@@ -6,10 +6,7 @@
 
 #include "EditorSettings.h"
 #include "HistoryRing.h"
-#include "Input.h"
 #include "KeyLoop.h"
-#include "Utf8.h"
-#include "lineeditor/Signals.h"
 #include "lineeditor/Terminal.h"
 
 namespace lineeditor {
@@ -18,45 +15,12 @@ namespace {
 
 constexpr std::size_t kMaxLineBytes = 4095;
 
-/// As fgets: at most maxBytes, up to a line end. A character that does not fit is left for the next line,
-/// unless it would fit into none. Nothing at end of input, and when the console is told to end.
-std::optional<std::string> readPlainly(std::size_t maxBytes) {
-  InputReader& reader = InputReader::instance();
-  std::string line;
-  while (line.size() < maxBytes && !line.ends_with('\n')) {
-    const Input input = reader.readByte();
-    if (input.kind == InputKind::Byte) {
-      line += static_cast<char>(input.byte);
-    } else if (input.kind == InputKind::End) {
-      if (line.empty() || endRequested()) {
-        return std::nullopt;
-      }
-      break;
-    }
-  }
-  const std::size_t tail = line.size() < maxBytes ? 0 : unfinishedTail(line);
-  if (tail < line.size()) {
-    reader.giveBack(std::string_view(line).substr(line.size() - tail));
-    line.resize(line.size() - tail);
-  }
-  line.resize(std::strlen(line.c_str()));
-  while (line.ends_with('\n') || line.ends_with('\r')) {
-    line.pop_back();
-  }
-  return line;
-}
-
 char* give(const std::string& line, char* buffer) {
   std::memcpy(buffer, line.c_str(), line.size() + 1);
   return buffer;
 }
 
 }  // namespace
-
-EditorSettings& settings() {
-  static EditorSettings instance;
-  return instance;
-}
 
 void setCompletionHook(CompletionHook hook) {
   settings().completionHook = std::move(hook);
@@ -66,6 +30,12 @@ void setKeyHelp(std::function<void()> show) {
 }
 void setPromptColour(std::uint32_t attribute) {
   settings().promptColour = attribute;
+}
+void setWordDelimiters(const char* text) {
+  constexpr std::size_t kMaxDelimiters = 63;
+  if (text != nullptr) {
+    settings().wordDelimiters = std::string(text, strnlen(text, kMaxDelimiters));
+  }
 }
 
 char* readLine(const char* prompt, char* buffer, std::size_t size, bool noHistory) {
@@ -82,9 +52,9 @@ char* readLine(const char* prompt, char* buffer, std::size_t size, bool noHistor
   question.isMainPrompt = !noHistory;
   KeyLoop loop(question);
   switch (loop.run()) {
-    case KeyLoop::Result::Accepted:
+    case KeyLoop::Result::kAccepted:
       break;
-    case KeyLoop::Result::Cancelled:
+    case KeyLoop::Result::kCancelled:
       buffer[0] = '\0';
       errno = EAGAIN;
       return nullptr;
@@ -102,17 +72,6 @@ char* readLine(const char* prompt, char* buffer, std::size_t size) {
 }
 char* readAnswer(const char* prompt, char* buffer, std::size_t size) {
   return readLine(prompt, buffer, size, true);
-}
-
-std::optional<std::string> ask(const Question& question) {
-  if (!terminalUsable()) {
-    return readPlainly(question.maxBytes);
-  }
-  KeyLoop loop(question);
-  if (loop.run() != KeyLoop::Result::Accepted) {
-    return std::nullopt;
-  }
-  return loop.line();
 }
 
 }  // namespace lineeditor

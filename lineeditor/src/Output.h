@@ -5,12 +5,12 @@
 
 namespace lineeditor {
 
-/// Guards outputBuffer and what Display knows of the terminal.
+/// Guards outputBuffer and the members of Display.
 std::mutex& outputMutex();
-/// Like flushOutput(), for who holds outputMutex().
+/// The same as flushOutput(). The caller holds outputMutex().
 void flushOutputLocked();
 
-/// Appends to outputBuffer, where the terminal is usable.
+/// Appends the bytes to outputBuffer. Does nothing where the terminal is not usable.
 void writeBuffered(std::string_view bytes);
 
 }  // namespace lineeditor

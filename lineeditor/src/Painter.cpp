@@ -9,8 +9,8 @@ namespace lineeditor {
 
 namespace {
 
-/// Terminals that rewrap what stands on them when the window gets narrower, by what they put into the
-/// environment. All others cut or keep the rows.
+/// A terminal that sets one of these variables wraps its rows anew when the window gets narrower. All other
+/// terminals cut or keep their rows.
 const char* const kRewrappingTerminals[] = {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"};
 
 bool terminalRewraps() {
@@ -58,8 +58,7 @@ bool Painter::append(char character, TerminalSize size, std::string& out) {
   return true;
 }
 
-/// Rows that leave the window at the top go the way all output goes, so that the operator can scroll back to
-/// them.
+/// Scrolls rows out at the top of the window, so that the user can scroll back to them.
 void Painter::scrollOff(std::size_t rows) {
   rows = std::min(rows, drawn_.rows.size());
   moveTo(static_cast<int>(drawn_.rows.size()) - 1, 0);
@@ -80,11 +79,11 @@ void Painter::paintRow(int index, const Row* old, const Row& row) {
     }
   }
   if (same == row.cells.size() && old == nullptr && index < available_) {
-    return;  // an empty row where nothing stands
+    return;  // the row is empty, and so is the row of the terminal
   }
   const bool continuesWrap = same == 0 && !row.cells.empty() && index == row_ + 1 && col_ == size_.cols;
   if (continuesWrap) {
-    row_ = index;  // the terminal wraps by itself, and knows then that the rows are one line
+    row_ = index;  // the terminal wraps by itself, and so treats both rows as one line
     col_ = 0;
     available_ = std::max(available_, index + 1);
   } else {
@@ -139,7 +138,7 @@ int Painter::rowsUpAfterResize(TerminalSize now) const {
     return row_;
   }
   int rows = 0;
-  int run = 0;  // columns since the last row that did not run on into the next
+  int run = 0;  // columns since the last row that ended before the edge of the window
   for (int i = 0; i < row_ && i < static_cast<int>(drawn_.rows.size()); ++i) {
     run += drawn_.rows[static_cast<std::size_t>(i)].width;
     if (drawn_.rows[static_cast<std::size_t>(i)].width < size_.cols) {

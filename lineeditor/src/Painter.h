@@ -6,23 +6,22 @@
 
 namespace lineeditor {
 
-/// Turns the screen that stands into the screen wanted, as bytes for the terminal. Rows and columns count
-/// from the first row of what it has drawn. Not thread-safe; Display guards it.
+/// Makes the bytes that turn the screen drawn before into the screen wanted. Rows are counted from the first
+/// row that the painter has drawn. Not thread-safe: Display holds the lock.
 class Painter {
  public:
-  /// The cursor stands at the beginning of a row with nothing of ours on it.
+  /// Begins anew: the cursor stands at the beginning of a row, and nothing is drawn.
   void start();
-  /// to: laid out for this size.
+  /// to: laid out for a window of this size.
   std::string paint(Screen to, TerminalSize size);
-  /// The same as paint() for a screen that has one plain character more at its end, where the cursor is.
-  /// False when it takes more than that.
+  /// The same as paint() for a screen with one more plain character, at the cursor and at the end of the
+  /// line. False when the change needs paint().
   bool append(char character, TerminalSize size, std::string& out);
-  /// Takes all that is drawn away; the cursor is left where its first row began.
+  /// Erases all rows; the cursor goes to the beginning of the first row.
   std::string erase(TerminalSize now);
-  /// Puts the cursor behind the last cell of the last row drawn.
+  /// Moves the cursor behind the last cell of the last row.
   std::string toEnd();
 
-  const Screen& drawn() const { return drawn_; }
   bool drawnFor(TerminalSize size) const { return size == size_; }
 
  private:
@@ -35,8 +34,8 @@ class Painter {
   Screen drawn_;
   TerminalSize size_;
   int row_ = 0;
-  int col_ = 0;        ///< equal to the width of the window: the next character wraps
-  int available_ = 1;  ///< rows that exist on the terminal from our first one on
+  int col_ = 0;        ///< the width of the window here means that the next character wraps
+  int available_ = 1;  ///< rows of the terminal from the first row drawn on
   std::string out_;
 };
 

@@ -23,10 +23,7 @@ constexpr auto kBurst = std::chrono::microseconds(500);
 
 const char* const kDumbTerminals[] = {"dumb", "cons25", "emacs"};
 
-RealTerminal realTerminal;
-TerminalIo* currentTerminal = &realTerminal;
-
-/// Milliseconds until the end, for poll(): never negative unless there is no end.
+/// The timeout for poll(): the milliseconds left until the end, or kForever.
 int remainingMs(int waitMs, Clock::time_point end) {
   if (waitMs < 0) {
     return kForever;
@@ -36,13 +33,6 @@ int remainingMs(int waitMs, Clock::time_point end) {
 }
 
 }  // namespace
-
-TerminalIo& terminal() {
-  return *currentTerminal;
-}
-void useTerminal(TerminalIo* replacement) {
-  currentTerminal = replacement != nullptr ? replacement : &realTerminal;
-}
 
 bool RealTerminal::inputIsTerminal() const {
   return isatty(STDIN_FILENO) == 1;
@@ -62,8 +52,8 @@ bool RealTerminal::usable() const {
   return true;
 }
 
-/// Asked each time, which takes less than a microsecond: a terminal that is not the controlling one changes
-/// its size without a signal.
+/// Asks the terminal each time, in less than a microsecond. A terminal that is not the controlling terminal
+/// changes its size without a signal.
 TerminalSize RealTerminal::size() const {
   winsize window{};
   if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0) {
@@ -75,27 +65,27 @@ TerminalSize RealTerminal::size() const {
   return size;
 }
 
-/// True when a byte (or the end of input) can be read; else `other` says what happened instead.
+/// True when a byte or the end of input can be read. Otherwise, other holds the event that came instead.
 bool RealTerminal::waitForInput(int waitMs, Input& other) {
   const auto end = Clock::now() + std::chrono::milliseconds(waitMs > 0 ? waitMs : 0);
   while (true) {
     if (endRequested() || inputEnded_ || outputEnded_.load()) {
-      other = {InputKind::End};
+      other = {InputKind::kEnd};
       return false;
     }
     if (signals::takeContinued() && raw_) {
-      retakeRaw();
-      other = {InputKind::Resized};
+      reenterRawMode();
+      other = {InputKind::kResized};
       return false;
     }
     if (signals::takeResized()) {
-      other = {InputKind::Resized};
+      other = {InputKind::kResized};
       return false;
     }
     pollfd watched[2] = {{STDIN_FILENO, POLLIN, 0}, {signals::wakeDescriptor(), POLLIN, 0}};
     const int ready = poll(watched, 2, remainingMs(waitMs, end));
     if (ready == 0) {
-      other = {InputKind::Timeout};
+      other = {InputKind::kTimeout};
       return false;
     }
     if (ready > 0 && watched[1].revents != 0) {
@@ -108,14 +98,14 @@ bool RealTerminal::waitForInput(int waitMs, Input& other) {
 
 Input RealTerminal::read(int waitMs) {
   while (true) {
-    Input input{InputKind::Byte};
+    Input input{InputKind::kByte};
     if (!waitForInput(waitMs, input)) {
       return input;
     }
     const ssize_t count = ::read(STDIN_FILENO, &input.byte, 1);
     if (count == 1) {
       const auto now = Clock::now();
-      hurried_ = now - lastByteAt_ < kBurst;
+      inBurst_ = now - lastByteAt_ < kBurst;
       lastByteAt_ = now;
       return input;
     }
@@ -143,11 +133,11 @@ void RealTerminal::print(std::string_view text) {
   }
 }
 
-void RealTerminal::takeRaw() {
+void RealTerminal::enterRawMode() {
   if (raw_) {
     return;
   }
-  signals::takeContinued();  // the settings that follow are newer
+  signals::takeContinued();  // the settings are read below, after any stop so far
   if (tcgetattr(STDIN_FILENO, &saved_) != 0) {
     std::perror("tcsetattr");
     return;
@@ -155,9 +145,10 @@ void RealTerminal::takeRaw() {
   setRaw();
 }
 
-/// After a stop: whoever had the terminal meanwhile has set it for itself. Its settings become the saved ones
-/// when they are a shell's for its jobs, not its own for editing, nor ours.
-void RealTerminal::retakeRaw() {
+/// Another program may have changed the settings while this process was stopped. Settings with canonical
+/// input are those of a shell for its jobs, and become the saved settings. Other settings belong to an
+/// editor.
+void RealTerminal::reenterRawMode() {
   termios now{};
   if (tcgetattr(STDIN_FILENO, &now) == 0 && (now.c_lflag & ICANON) != 0 &&
       tcgetpgrp(STDIN_FILENO) == getpgrp()) {
@@ -170,7 +161,7 @@ void RealTerminal::setRaw() {
   signals::setSavedSettings(saved_);
   termios raw = saved_;
   raw.c_lflag &= ~static_cast<tcflag_t>(ISIG | ICANON | ECHO);
-  raw.c_iflag &= ~static_cast<tcflag_t>(IXON);  // or Ctrl-S would stop the terminal and never arrive
+  raw.c_iflag &= ~static_cast<tcflag_t>(IXON);  // otherwise Ctrl-S would stop the terminal
   raw.c_cc[VMIN] = 1;
   raw.c_cc[VTIME] = 0;
   if (tcsetattr(STDIN_FILENO, TCSANOW, &raw) != 0) {
@@ -179,14 +170,14 @@ void RealTerminal::setRaw() {
   raw_ = true;
 }
 
-void RealTerminal::restore() {
+void RealTerminal::leaveRawMode() {
   if (!raw_) {
     return;
   }
   raw_ = false;
   while (tcsetattr(STDIN_FILENO, TCSADRAIN, &saved_) != 0) {
     if (errno != EINTR) {
-      if (errno != EIO) {  // a terminal that hung up has no settings left to restore
+      if (errno != EIO) {  // a terminal that hung up has no settings to restore
         std::perror("tcsetattr");
       }
       break;

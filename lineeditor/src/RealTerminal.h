@@ -17,24 +17,24 @@ class RealTerminal : public TerminalIo {
   TerminalSize size() const override;
   Input read(int waitMs) override;
   bool pending() override;
-  bool hurried() override { return hurried_; }
+  bool inBurst() override { return inBurst_; }
   void write(std::string_view bytes) override;
   void print(std::string_view text) override;
-  void takeRaw() override;
-  void restore() override;
+  void enterRawMode() override;
+  void leaveRawMode() override;
   bool runClear() override;
 
  private:
   bool waitForInput(int waitMs, Input& other);
-  void retakeRaw();
+  void reenterRawMode();
   void setRaw();
 
   termios saved_{};
   bool raw_ = false;
   bool inputEnded_ = false;
   std::chrono::steady_clock::time_point lastByteAt_{};
-  bool hurried_ = false;
-  std::atomic<bool> outputEnded_{false};  ///< notices are written on another thread
+  bool inBurst_ = false;
+  std::atomic<bool> outputEnded_{false};  ///< other threads write notices
 };
 
 }  // namespace lineeditor

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 
+#include "CandidateList.h"
+
 namespace lineeditor {
 
 namespace {
 
-/// Rows of the prompt and the line, and where each character boundary stands.
+/// The rows of the prompt and the line, and the place of each character.
 struct LinePlan {
   std::vector<Row> rows;
   std::vector<std::size_t> offsets;
@@ -23,7 +25,7 @@ LinePlan plan(const Content& content, int cols) {
   LinePlan out;
   builder.put(content.prompt, content.promptColour);
   const std::string_view line = content.line;
-  builder.expect(content.prompt.size() + line.size());
+  builder.reserve(content.prompt.size() + line.size());
   out.offsets.reserve(line.size() + 1);
   out.places.reserve(line.size() + 1);
   for (const Character& character : characters(line)) {
@@ -73,7 +75,7 @@ void appendList(const Content& content, std::size_t lineRows, TerminalSize size,
 
 }  // namespace
 
-void RowBuilder::expect(std::size_t cells) {
+void RowBuilder::reserve(std::size_t cells) {
   rows_.back().cells.reserve(std::min(cells, static_cast<std::size_t>(cols_)));
 }
 
@@ -98,11 +100,8 @@ void RowBuilder::put(Glyph glyph, std::uint32_t attribute) {
 }
 
 void RowBuilder::put(std::string_view text, std::uint32_t attribute) {
-  for (const Character& character : characters(text)) {
-    for (const Glyph& glyph :
-         glyphs(text.substr(character.offset, character.length), character.shownAsEscape)) {
-      put(glyph, attribute);
-    }
+  for (Glyph& glyph : glyphs(text)) {
+    put(std::move(glyph), attribute);
   }
 }
 
@@ -138,7 +137,7 @@ Screen layout(const Content& content, const std::vector<Row>& above, TerminalSiz
   return screen;
 }
 
-std::optional<std::size_t> otherRow(const Content& content, int cols, int rows) {
+std::optional<std::size_t> offsetInOtherRow(const Content& content, int cols, int rows) {
   const LinePlan line = plan(content, cols);
   const RowBuilder::Place from = line.places[line.indexOf(content.cursor)];
   const int target = from.row + rows;

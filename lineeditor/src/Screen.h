@@ -12,8 +12,8 @@
 #include "Utf8.h"
 #include "lineeditor/Completion.h"
 
-/// What stands on the screen at the prompt, as a value: from what is being edited and the window's size to
-/// rows of cells and the cursor's place. Nothing here writes.
+/// The screen at the prompt as a value. layout() turns the line, its list and the window's size into rows of
+/// cells and the cursor's place. No function here writes to the terminal.
 namespace lineeditor {
 
 struct Cell {
@@ -30,25 +30,25 @@ struct Row {
 };
 
 struct Screen {
-  std::vector<Row> rows;  ///< never more than the window has
+  std::vector<Row> rows;  ///< at most as many rows as the window has
   int cursorRow = 0;
   int cursorCol = 0;
-  std::size_t rowsAbove = 0;  ///< rows that no longer fit, above the first one here
+  std::size_t rowsAbove = 0;  ///< rows that did not fit into the window, above rows[0]
 };
 
-/// What is being edited, and what is shown with it.
+/// The line being edited, its prompt and its list.
 struct Content {
   std::string prompt;
   std::uint32_t promptColour = 0;
   std::string line;
   std::size_t cursor = 0;                       ///< byte offset, at a character boundary
-  std::shared_ptr<const CompletionState> list;  ///< candidates and hint below the line, if any
+  std::shared_ptr<const CompletionState> list;  ///< candidates and hint below the line, or null
   std::size_t listFrom = 0;                     ///< first row of the list that is shown
 };
 
 inline constexpr std::string_view kPagerPrompt = "*** Press <Space> or <Enter> to continue . . .";
 
-/// Puts text into rows of at most cols columns; wide characters are never torn.
+/// Puts text into rows of at most cols columns. A wide character is never split.
 class RowBuilder {
  public:
   struct Place {
@@ -60,10 +60,10 @@ class RowBuilder {
   Place place() const { return {static_cast<int>(rows_.size()) - 1, rows_.back().width}; }
   void put(Glyph glyph, std::uint32_t attribute);
   void put(std::string_view text, std::uint32_t attribute);
-  void expect(std::size_t cells);  ///< at most so many will come on this row
+  void reserve(std::size_t cells);  ///< memory for this many cells on the current row
   void newRow() { rows_.emplace_back(); }
-  void wrapIfFull();                   ///< goes to the next row when nothing more fits on this one
-  Place placeFor(const Glyph& glyph);  ///< where it will stand; goes to the next row when it does not fit
+  void wrapIfFull();                   ///< starts a new row when the current row is full
+  Place placeFor(const Glyph& glyph);  ///< starts a new row when the glyph does not fit
   std::vector<Row>& rows() { return rows_; }
 
  private:
@@ -73,21 +73,19 @@ class RowBuilder {
 
 std::vector<Row> textRows(std::string_view text, std::uint32_t attribute, int cols);
 
-/// above: rows that stand over the prompt and belong to it.
+/// above: the rows of the transcript, which stand above the prompt.
 Screen layout(const Content& content, const std::vector<Row>& above, TerminalSize size);
 
-/// The place in the line one screen row up (-1) or down (1), as near to the cursor's column as there is one;
-/// nothing when the cursor is on the first or last row.
-std::optional<std::size_t> otherRow(const Content& content, int cols, int rows);
+/// The offset in the line that is the given number of screen rows below the cursor; a negative number means
+/// above. The last offset that is not right of the cursor's column is preferred. Nothing when the line has no
+/// such row.
+std::optional<std::size_t> offsetInOtherRow(const Content& content, int cols, int rows);
 
-/// Rows of the candidate list that fit under the line at once, and of how many.
+/// The rows of the candidate list: how many fit below the line, and how many there are.
 struct ListPage {
   std::size_t shown;
   std::size_t total;
 };
 ListPage listPage(const Content& content, TerminalSize size);
-
-/// The candidates in columns (down first), then the hint.
-std::vector<Row> listRows(const CompletionState& list, int cols);
 
 }  // namespace lineeditor

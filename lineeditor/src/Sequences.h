@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-/// The sequences that the editor writes, as text.
+/// The escape sequences that the editor writes.
 namespace lineeditor::sequence {
 
 std::string colour(std::uint32_t attribute);

@@ -2,14 +2,14 @@
 
 #include <termios.h>
 
-/// What signal handlers leave for the reader of the terminal, and what they need of it.
+/// The state shared by the signal handlers and the reader of the terminal. Defined in Signals.cpp.
 namespace lineeditor::signals {
 
-int wakeDescriptor();  ///< readable when a signal came; -1 when no handlers are installed
+int wakeDescriptor();  ///< readable after a signal; -1 when no handlers are installed
 void drainWake();
-bool takeResized();    ///< true once after the window changed
+bool takeResized();    ///< true once after a change of the window's size
 bool takeContinued();  ///< true once after SIGCONT
-/// What a signal that kills the process puts back. Async-signal-safe.
+/// A signal that kills the process restores these settings.
 void setSavedSettings(const termios& settings);
 void clearSavedSettings();
 

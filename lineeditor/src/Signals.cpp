@@ -23,7 +23,7 @@ std::atomic<int> wakeWrite{-1};
 
 constexpr std::size_t kPasteMarksOffBytes = std::char_traits<char>::length(sequence::kPasteMarksOff);
 
-termios savedSettings;  // read by fatal handlers, only while settingsSaved
+termios savedSettings;  // fatal handlers read the settings while settingsSaved is true
 std::atomic<bool> settingsSaved{false};
 
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
@@ -31,7 +31,7 @@ static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_alw
 void wake() {
   const int saved = errno;
   if (write(wakeWrite.load(), "", 1) < 0) {
-    // full: a wake-up is on its way already
+    // the pipe is full, so the reader wakes up anyway
   }
   errno = saved;
 }
@@ -51,12 +51,13 @@ void onContinue(int /*signal*/) {
   wake();
 }
 
-/// Gives the terminal back, then dies of the signal as if nobody had caught it (SA_RESETHAND).
+/// Restores the terminal, then raises the signal again. SA_RESETHAND has restored the default action, so the
+/// signal ends the process.
 void onFatal(int signal) {
   if (settingsSaved.load()) {
     tcsetattr(STDIN_FILENO, TCSANOW, &savedSettings);
     if (write(STDOUT_FILENO, sequence::kPasteMarksOff, kPasteMarksOffBytes) < 0) {
-      // the terminal is gone
+      // nothing is left to restore
     }
   }
   raise(signal);
@@ -77,7 +78,7 @@ const SignalRow kSignals[] = {
     {SIGPIPE, SIG_IGN, 0},
     {SIGQUIT, onFatal, SA_RESETHAND},
     {SIGABRT, onFatal, SA_RESETHAND},
-#ifndef TAV_SANITIZED  // the sanitizers report these themselves
+#ifndef TAV_SANITIZED  // the sanitizers handle these signals
     {SIGSEGV, onFatal, SA_RESETHAND},
     {SIGBUS, onFatal, SA_RESETHAND},
     {SIGILL, onFatal, SA_RESETHAND},
@@ -97,7 +98,7 @@ void installSignalHandlers() {
     struct sigaction action {};
     if (row.handler == onEnd && sigaction(row.signal, nullptr, &action) == 0 &&
         action.sa_handler == SIG_IGN) {
-      continue;  // nohup, or a script's job in the background
+      continue;  // started by nohup, or as a background job of a script
     }
     action = {};
     action.sa_handler = row.handler;

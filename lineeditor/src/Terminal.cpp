@@ -8,10 +8,10 @@
 #include "Output.h"
 #include "Sequences.h"
 #include "TerminalIo.h"
+#include "Utf8.h"
 
 namespace lineeditor {
 
-std::string& outputBuffer = *new std::string;  // never destroyed: a notice may come while the program ends
 std::int32_t pagerLines = 0;
 
 namespace {
@@ -28,8 +28,7 @@ std::string formatted(const char* format, va_list arguments) {
   return text;
 }
 
-/// On a usable terminal the display shows and removes the prompt, so that a notice in between finds its way
-/// around it.
+/// On a usable terminal, Display draws the prompt, so that a notice appears above the prompt.
 void showPagerPrompt() {
   if (terminalUsable()) {
     Content content;
@@ -51,46 +50,24 @@ void erasePagerPrompt() {
   int cols = 0;
   screenSize(rows, cols);
   if (terminalUsable() && static_cast<int>(kPagerPrompt.size()) >= cols) {
-    display.remove();  // backspaces do not get back over the wrap
+    display.remove();  // backspaces do not move up to the row above
   } else {
     display.forget();
     const std::lock_guard guard(outputMutex());
     const std::string back(kPagerPrompt.size(), '\b');
     outputBuffer += back + std::string(kPagerPrompt.size(), ' ') + back;
   }
-  flushOutput();  // the next line of the listing goes straight to standard output
+  flushOutput();  // the next line of the listing is printed without the buffer
 }
 
 }  // namespace
-
-void writeBuffered(std::string_view bytes) {
-  if (terminalUsable()) {
-    const std::lock_guard guard(outputMutex());
-    outputBuffer += bytes;
-  }
-}
-
-std::mutex& outputMutex() {
-  static std::mutex& mutex = *new std::mutex;
-  return mutex;
-}
-
-void flushOutputLocked() {
-  terminal().write(outputBuffer);
-  outputBuffer.clear();
-}
-
-void flushOutput() {
-  const std::lock_guard guard(outputMutex());
-  flushOutputLocked();
-}
 
 bool terminalUsable() {
   return terminal().usable();
 }
 
 int readKey() {
-  return InputReader::instance().readByteStandingAlone();
+  return InputReader::instance().readSingleByte();
 }
 
 void screenSize(int& rows, int& cols) {
@@ -172,7 +149,7 @@ int pageBreak(int length) {
     return 0;
   }
   showPagerPrompt();
-  const Key key = InputReader::instance().readKeyStandingAlone();
+  const Key key = InputReader::instance().readSingleKey();
   erasePagerPrompt();
   resetPager();
   return continuesListing(key) ? 0 : 1;
@@ -182,10 +159,18 @@ void resetPager() {
   pagerLines = 0;
 }
 
+int displayWidth(std::string_view text) {
+  int width = 0;
+  for (const Glyph& glyph : glyphs(text)) {
+    width += glyph.width;
+  }
+  return width;
+}
+
 void restoreTerminal() {
   Display::instance().closeOpenRow();
   flushOutput();
-  terminal().restore();
+  terminal().leaveRawMode();
 }
 
 }  // namespace lineeditor

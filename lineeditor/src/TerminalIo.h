@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-/// The one place where the editor meets the world: bytes in, bytes out, the window's size, the terminal's
-/// settings. The real one is standard input and output; tests put a scripted one in its place.
+/// All access of the editor to its terminal: input, output, the window's size and the terminal's settings.
+/// RealTerminal uses standard input and output. Tests use a scripted terminal instead.
 namespace lineeditor {
 
 struct TerminalSize {
@@ -13,10 +13,10 @@ struct TerminalSize {
 };
 
 enum class InputKind {
-  Byte,
-  Timeout,  ///< nothing came in the time given
-  End,      ///< hang-up, a signal that ends the console, or a failed read: stays so
-  Resized,  ///< the window changed, or the program was continued after a stop
+  kByte,
+  kTimeout,  ///< no byte came in the time given
+  kEnd,      ///< a hang-up, a signal that ends the console, or a failed read; final
+  kResized,  ///< the window has a new size, or the process was continued after a stop
 };
 
 struct Input {
@@ -32,21 +32,22 @@ class TerminalIo {
   virtual bool inputIsTerminal() const = 0;
   virtual bool usable() const = 0;
   virtual TerminalSize size() const = 0;  ///< any thread
-  /// One byte. waitMs: milliseconds, kForever, or 0 for what lies there already.
+  /// Reads one byte. waitMs: milliseconds, kForever, or 0 for a byte that has already arrived.
   virtual Input read(int waitMs) = 0;
-  virtual bool pending() = 0;  ///< a byte lies there
-  /// The last byte came faster than fingers type.
-  virtual bool hurried() { return true; }
-  virtual void write(
-      std::string_view bytes) = 0;  ///< what was printed before, then these, at once; any thread
-  virtual void print(std::string_view text) = 0;  ///< to standard output with its own buffering; any thread
-  virtual void takeRaw() = 0;
-  virtual void restore() = 0;
-  virtual bool runClear() = 0;  ///< the shell command "clear"; false when it failed
+  virtual bool pending() = 0;  ///< a byte has already arrived
+  /// True when the last byte came faster than a user types.
+  virtual bool inBurst() { return true; }
+  /// Writes the bytes, after all text printed before, without delay. Any thread.
+  virtual void write(std::string_view bytes) = 0;
+  /// Adds the text to the buffer of standard output. Any thread.
+  virtual void print(std::string_view text) = 0;
+  virtual void enterRawMode() = 0;
+  virtual void leaveRawMode() = 0;
+  virtual bool runClear() = 0;  ///< runs the shell command "clear"; false when the command failed
 };
 
 TerminalIo& terminal();
-/// Null: the real one again. Only while no other thread prints.
+/// For tests. Null means the real terminal. Call only while no other thread prints.
 void useTerminal(TerminalIo* replacement);
 
 }  // namespace lineeditor

@@ -6,8 +6,6 @@
 #include <array>
 #include <cstdio>
 
-#include "lineeditor/Terminal.h"
-
 namespace lineeditor {
 
 namespace {
@@ -32,8 +30,8 @@ CodePoint decode(std::string_view text, std::size_t offset) {
   return point;
 }
 
-/// Controls, bidirectional overrides, separators of lines and unassigned code points would move the cursor,
-/// turn the text around or take a width that nobody knows.
+/// False for control characters, bidirectional overrides, line separators and unassigned code points. Such
+/// code points would move the cursor, change the direction of the text or have an unknown width.
 bool drawable(utf8proc_int32_t value) {
   if (value < 0 || value == kZeroWidthJoiner || value == kZeroWidthNonJoiner) {
     return value >= 0;
@@ -55,7 +53,7 @@ int columnsOf(utf8proc_int32_t value) {
   return std::clamp(utf8proc_charwidth(value), 0, 2);
 }
 
-/// The cluster that starts at offset with a drawable code point: its length and its columns.
+/// Length and columns of the cluster that starts at offset with a drawable code point.
 std::pair<std::size_t, int> cluster(std::string_view text, std::size_t offset) {
   CodePoint point = decode(text, offset);
   std::size_t end = offset + point.length;
@@ -77,7 +75,7 @@ Character characterAt(std::string_view text, std::size_t offset) {
   const auto byte = static_cast<unsigned char>(text[offset]);
   if (byte >= 0x20 && byte < 0x7F &&
       (offset + 1 >= text.size() || static_cast<unsigned char>(text[offset + 1]) < 0x80)) {
-    return {offset, 1, false};  // plain ASCII: nothing can combine with it
+    return {offset, 1, false};  // plain ASCII, followed by no combining mark
   }
   const CodePoint point = decode(text, offset);
   if (!drawable(point.value)) {
@@ -152,6 +150,16 @@ std::vector<Glyph> glyphs(std::string_view character, bool shownAsEscape) {
   return out;
 }
 
+std::vector<Glyph> glyphs(std::string_view text) {
+  std::vector<Glyph> out;
+  for (const Character& character : characters(text)) {
+    for (Glyph& glyph : glyphs(text.substr(character.offset, character.length), character.shownAsEscape)) {
+      out.push_back(std::move(glyph));
+    }
+  }
+  return out;
+}
+
 std::size_t boundaryAtOrAfter(std::string_view text, std::size_t offset) {
   std::size_t at = 0;
   while (at < offset && at < text.size()) {
@@ -216,17 +224,6 @@ std::string upperCase(std::string_view text) {
 }
 std::string lowerCase(std::string_view text) {
   return convertCase(text, utf8proc_tolower);
-}
-
-int displayWidth(std::string_view text) {
-  int width = 0;
-  for (const Character& character : characters(text)) {
-    for (const Glyph& glyph :
-         glyphs(text.substr(character.offset, character.length), character.shownAsEscape)) {
-      width += glyph.width;
-    }
-  }
-  return width;
 }
 
 }  // namespace lineeditor

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace lunet {
@@ -32,7 +33,7 @@ constexpr int kLockTries = 20;
 constexpr std::chrono::milliseconds kLockPause{5};
 
 std::string because(const std::string& path, const char* what) {
-  return platform::visibleText(path) + " " + what + ": " + std::strerror(errno);
+  return platform::visibleText(path) + " " + what + ": " + platform::errnoText(errno);
 }
 
 /// Still the file of that name: a holder that gives its lock back removes the file first.
@@ -160,7 +161,7 @@ Error Address::listen(const SocketFolder& folder, const Guid& guid, std::string*
   }
   Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) {
-    *why = std::string("no socket: ") + std::strerror(errno);
+    *why = std::string("no socket: ") + platform::errnoText(errno);
     return kErrSystem;
   }
   (void)clearWay(made, folder.asidePath(guid), S_IFSOCK);  // what cannot be cleared shows below

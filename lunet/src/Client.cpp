@@ -1,6 +1,5 @@
 #include "Client.h"
 
-#include <grp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include "json/CppJson.h"
 #include "lunet/ClientLibrary.h"
 #include "platform/Text.h"
+#include "platform/Users.h"
 
 namespace lunet {
 
@@ -22,17 +22,6 @@ using std::chrono::milliseconds;
 
 /// Between two attempts to reach the agent.
 constexpr milliseconds kConnectPause{20};
-
-std::optional<gid_t> groupId(const std::string& name) {
-  std::vector<char> buffer(4096);
-  group entry{};
-  group* found = nullptr;
-  int error = 0;
-  while ((error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  return error == 0 && found != nullptr ? std::optional<gid_t>(found->gr_gid) : std::nullopt;
-}
 
 /// "group" as it stands in the configuration; empty without one. False when it is not a text.
 bool readGroup(const Json::Value& config, std::string& name) {
@@ -86,7 +75,7 @@ std::uint32_t Client::Init(const char* config, const char* uuid) {
     }
     return error;
   } catch (const std::exception& error) {
-    bus_.log.write(Log::kError, std::string("the bus cannot be set up: ") + error.what());
+    bus_.log.write(BusLogLevel::kError, std::string("the bus cannot be set up: ") + error.what());
     return kErrSystem;
   }
 }
@@ -99,27 +88,32 @@ Error Client::configure(const char* text, const char* uuid) {
   Log::Settings log;
   log.path = CppJson::readString(config, "log_path", "");
   log.backupPath = CppJson::readString(config, "log_backup_path", "");
-  log.level = std::clamp(CppJson::readInt(config, "log_level", Log::kError), -1, 3);
+  constexpr int kOff = static_cast<int>(BusLogLevel::kOff);
+  constexpr int kEverything = static_cast<int>(BusLogLevel::kEverything);
+  constexpr int kError = static_cast<int>(BusLogLevel::kError);
+  log.level =
+      static_cast<BusLogLevel>(std::clamp(CppJson::readInt(config, "log_level", kError), kOff, kEverything));
   log.name = uuid != nullptr ? uuid : "";
   bus_.log.open(std::move(log));
 
   const std::string runtimePath = CppJson::readString(config, "runtime_path", "");
   const std::string folder = socketDirectory(runtimePath, text);
   if (folder.empty() || folder.front() != '/') {
-    bus_.log.write(Log::kError,
+    bus_.log.write(BusLogLevel::kError,
                    "the bus configuration names no absolute \"socket_dir\" and no absolute \"runtime_path\"");
     return kErrArgument;
   }
   std::string groupName;
   if (!readGroup(config, groupName)) {
-    bus_.log.write(Log::kError, "\"group\" in the bus configuration is not a text");
+    bus_.log.write(BusLogLevel::kError, "\"group\" in the bus configuration is not a text");
     return kErrArgument;
   }
   bus_.folder = {folder, std::nullopt};
   if (!groupName.empty()) {
-    bus_.folder.group = groupId(groupName);
+    bus_.folder.group = platform::groupId(groupName);
     if (!bus_.folder.group) {
-      bus_.log.write(Log::kError, "the group \"" + groupName + "\" of the bus configuration does not exist");
+      bus_.log.write(BusLogLevel::kError,
+                     "the group \"" + groupName + "\" of the bus configuration does not exist");
       return kErrArgument;
     }
   }
@@ -154,7 +148,7 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
       std::this_thread::sleep_for(kConnectPause);
     }
   } catch (const std::exception& error) {
-    bus_.log.write(Log::kError, std::string("the system refused: ") + error.what());
+    bus_.log.write(BusLogLevel::kError, std::string("the system refused: ") + error.what());
     return kErrSystem;
   }
 }
@@ -168,9 +162,9 @@ void Client::noteReached(Error found, bool look, const std::string& why) {
     }
   }
   if (found == kOk) {
-    bus_.log.write(Log::kInfo, "the agent accepts");
+    bus_.log.write(BusLogLevel::kInfo, "the agent accepts");
   } else {
-    bus_.log.write(Log::kError, "the agent is not reached: " + why);
+    bus_.log.write(BusLogLevel::kError, "the agent is not reached: " + why);
   }
 }
 

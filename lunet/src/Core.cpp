@@ -46,7 +46,7 @@ Core::~Core() {
 Error Core::open(const Guid& self) {
   const FolderCheck folder = prepareFolder(bus_.folder);
   if (folder.error != kOk) {
-    bus_.log.write(Log::kError, folder.why);
+    bus_.log.write(BusLogLevel::kError, folder.why);
     return folder.error;
   }
   self_ = self;
@@ -56,7 +56,7 @@ Error Core::open(const Guid& self) {
   }
   std::string why;
   if (const Error error = address_.claim(bus_.folder, self, &why); error != kOk) {
-    bus_.log.write(Log::kError, "address " + formatGuid(self) + " cannot be opened: " + why);
+    bus_.log.write(BusLogLevel::kError, "address " + formatGuid(self) + " cannot be opened: " + why);
     return error;
   }
   watcher_.start();
@@ -68,7 +68,7 @@ Error Core::open(const Guid& self) {
     deliveryId_ = std::this_thread::get_id();
     runLoop(delivery_, "lunet-deliver");
   });
-  bus_.log.write(Log::kInfo, "address " + formatGuid(self) + " is open");
+  bus_.log.write(BusLogLevel::kInfo, "address " + formatGuid(self) + " is open");
   return kOk;
 }
 
@@ -99,7 +99,7 @@ void Core::close() {
     guest->close();
   }
   address_.release();
-  bus_.log.write(Log::kInfo, "address " + formatGuid(self_) + " is closed");
+  bus_.log.write(BusLogLevel::kInfo, "address " + formatGuid(self_) + " is closed");
 }
 
 std::vector<std::shared_ptr<OutgoingLink>> Core::links() {
@@ -192,17 +192,17 @@ void Core::deliver(IncomingLink& link, const FrameHeader& header, std::string_vi
       entry.receiver->ReceiveCallback(header.channel, messageId, body.data(), header.length, context,
                                       entry.context);
     } catch (const std::exception& error) {
-      bus_.log.write(Log::kError, std::string("a receiver threw: ") + error.what());
+      bus_.log.write(BusLogLevel::kError, std::string("a receiver threw: ") + error.what());
     } catch (...) {
-      bus_.log.write(Log::kError, "a receiver threw");
+      bus_.log.write(BusLogLevel::kError, "a receiver threw");
     }
   });
   delivering_ = nullptr;
   if (taken) {
     return;
   }
-  bus_.log.write(Log::kWarning, "a message on channel " + std::to_string(header.channel) + " from " +
-                                    describePeer(link.guid(), link.identity()) + " has no receiver");
+  bus_.log.write(BusLogLevel::kWarning, "a message on channel " + std::to_string(header.channel) + " from " +
+                                            describePeer(link.guid(), link.identity()) + " has no receiver");
   if (request) {
     FrameHeader refusal;
     refusal.kind = FrameKind::kRefusal;
@@ -324,14 +324,14 @@ Error Core::dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_po
   request.cancelled = &closing_;
   Dialled dialled = dial(request);
   if (dialled.error != kOk) {
-    const Log::Level level = dialled.error == kErrNoTarget ? Log::kInfo : Log::kError;
+    const Log::Level level = dialled.error == kErrNoTarget ? BusLogLevel::kInfo : BusLogLevel::kError;
     bus_.log.write(level, "address " + formatGuid(guid) + " is not reached: " + dialled.why);
     return dialled.error;
   }
   const std::string name = describePeer(guid, dialled.identity);
   link = std::make_shared<OutgoingLink>(std::move(dialled), watcher_, bus_.log, name);
   link->start();
-  bus_.log.write(Log::kInfo, "connected to " + name);
+  bus_.log.write(BusLogLevel::kInfo, "connected to " + name);
   return kOk;
 }
 
@@ -354,7 +354,7 @@ void Core::runLoop(Loop& loop, const char* name) {
       loop.run();
       return;
     } catch (const std::exception& error) {
-      bus_.log.write(Log::kError, std::string(name) + ": " + error.what());
+      bus_.log.write(BusLogLevel::kError, std::string(name) + ": " + error.what());
     }
   }
 }

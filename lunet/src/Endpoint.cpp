@@ -42,7 +42,7 @@ Error Endpoint::run(Operation operation) {
     const Use use(*this);
     return use.core() == nullptr ? kErrNotOpen : operation(*use.core());
   } catch (const std::exception& error) {
-    bus_.log.write(Log::kError, std::string("the system refused: ") + error.what());
+    bus_.log.write(BusLogLevel::kError, std::string("the system refused: ") + error.what());
     return kErrSystem;
   }
 }
@@ -64,14 +64,14 @@ std::uint32_t Endpoint::Open(const Guid& self) {
     core_ = owned_.get();
     return kOk;
   } catch (const std::exception& error) {
-    bus_.log.write(Log::kError, std::string("an address cannot be opened: ") + error.what());
+    bus_.log.write(BusLogLevel::kError, std::string("an address cannot be opened: ") + error.what());
     return kErrSystem;
   }
 }
 
 void Endpoint::Close() {
   if (receivers_.callsHere()) {
-    bus_.log.write(Log::kError, "an endpoint cannot be closed from its own callback");
+    bus_.log.write(BusLogLevel::kError, "an endpoint cannot be closed from its own callback");
     return;
   }
   const std::lock_guard lock(mutex_);

@@ -123,7 +123,8 @@ void IncomingLink::deliverFrames() {
 /// why: null for an orderly end.
 void IncomingLink::broken(const char* why) {
   if (why != nullptr) {
-    log_.write(Log::kError, "the connection from " + describePeer(guid_, identity_) + " is closed: " + why);
+    log_.write(BusLogLevel::kError,
+               "the connection from " + describePeer(guid_, identity_) + " is closed: " + why);
   }
   close();
 }

@@ -60,7 +60,7 @@ void Log::open(Settings settings) {
 
 void Log::close() {
   const std::lock_guard lock(mutex_);
-  level_.store(kOff);
+  level_.store(Level::kOff);
   file_.reset();
   settings_ = Settings();
 }
@@ -71,12 +71,12 @@ void Log::write(Level level, std::string_view text) {
   }
   const std::string visible = platform::visibleText(text);
   if (const LogCallback callback = callback_.load(); callback != nullptr) {
-    callback(level, visible.c_str());
+    callback(static_cast<int>(level), visible.c_str());
   }
   const std::lock_guard lock(mutex_);
   if (!settings_.path.empty()) {
-    append(timeStamp() + " [" + std::to_string(level) + "] [" + std::to_string(getpid()) + " " +
-           platform::visibleText(settings_.name) + "] " + visible + "\n");
+    append(timeStamp() + " [" + std::to_string(static_cast<int>(level)) + "] [" + std::to_string(getpid()) +
+           " " + platform::visibleText(settings_.name) + "] " + visible + "\n");
   }
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "lunet/LogLevels.h"
 #include "lunet/Lunet.h"
 #include "platform/Descriptor.h"
 
@@ -16,13 +17,13 @@ namespace lunet {
 /// a full disk cost no more than the records. Any thread.
 class Log {
  public:
-  enum Level { kOff = -1, kError = 0, kWarning = 1, kInfo = 2, kEverything = 3 };
+  using Level = BusLogLevel;
 
   struct Settings {
-    std::string path;        ///< empty: no file
-    std::string backupPath;  ///< empty: a full file is emptied instead of kept
-    int level = kError;      ///< records above it are dropped; kOff drops all
-    std::string name;        ///< names this process in each record
+    std::string path;             ///< empty: no file
+    std::string backupPath;       ///< empty: a full file is emptied instead of kept
+    Level level = Level::kError;  ///< records above it are dropped; kOff drops all
+    std::string name;             ///< names this process in each record
   };
 
   /// Files of this size are moved away; that many are kept.
@@ -41,7 +42,7 @@ class Log {
   bool openFile();
   void rotate();
 
-  std::atomic<int> level_{kOff};
+  std::atomic<Level> level_{Level::kOff};
   std::atomic<LogCallback> callback_{nullptr};
   std::mutex mutex_;
   Settings settings_;  // the rest is guarded by mutex_

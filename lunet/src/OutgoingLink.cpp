@@ -119,7 +119,7 @@ Error OutgoingLink::writeFrame(const FrameHeader& header, const void* data) {
       return kErrQueueFull;
     case FrameWriter::Result::kBroken:
       hungUp_ = true;  // the next send connects anew
-      log_.write(Log::kError, "the connection to " + name_ + " is closed: no memory for a message");
+      log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: no memory for a message");
       return kErrSystem;
     case FrameWriter::Result::kGone:
       break;
@@ -226,7 +226,7 @@ void OutgoingLink::finish(std::uint64_t id, Answer answer) {
   const auto found = callOf(id);
   if (found == calls_.end()) {
     lateAnswers_ -= lateAnswers_ > 0 ? 1 : 0;
-    log_.write(Log::kInfo, "an answer of " + name_ + " came too late and is dropped");
+    log_.write(BusLogLevel::kInfo, "an answer of " + name_ + " came too late and is dropped");
     return;
   }
   Call& call = **found;
@@ -289,12 +289,12 @@ void OutgoingLink::fail(Error error, const char* why) {
     return;
   }
   if (why != nullptr) {
-    log_.write(Log::kError, "the connection to " + name_ + " is closed: " + why);
+    log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: " + why);
   } else {
-    log_.write(Log::kInfo, "the connection to " + name_ + " has ended");
+    log_.write(BusLogLevel::kInfo, "the connection to " + name_ + " has ended");
   }
   if (const std::size_t lost = writer_.queuedBytes(); lost > 0) {
-    log_.write(Log::kWarning, std::to_string(lost) + " queued bytes for " + name_ + " are lost");
+    log_.write(BusLogLevel::kWarning, std::to_string(lost) + " queued bytes for " + name_ + " are lost");
   }
   for (Call* call : calls_) {
     call->answer.error = error;

@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <string>
 
-#include "platform/Files.h"
+#include "platform/ProcessStat.h"
 
 #ifndef SO_PEERGROUPS
 #define SO_PEERGROUPS 59
@@ -50,17 +48,11 @@ std::optional<Peer> peerOf(int fd) {
 }
 
 std::optional<std::uint64_t> startTicksOf(pid_t pid) {
-  int error = 0;
-  const std::optional<std::string> stat = CFile::readAll("/proc/" + std::to_string(pid) + "/stat", &error);
-  if (!stat && (error == EMFILE || error == ENFILE || error == ENOMEM)) {
+  const auto stat = platform::processStat(pid);
+  if (!stat && stat.error() == platform::NoProcessStat::kShortage) {
     return std::nullopt;
   }
-  // Field 2 is the program's name in brackets and may itself hold blanks and brackets: count behind it.
-  std::size_t at = stat ? stat->rfind(')') : std::string::npos;
-  for (int field = 2; field < 22 && at != std::string::npos; ++field) {
-    at = stat->find(' ', at + 1);
-  }
-  return at == std::string::npos ? 0 : std::strtoull(stat->c_str() + at, nullptr, 10);
+  return stat ? stat->startTicks : 0;
 }
 
 bool AccessRule::admits(const Peer& peer) const {

@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/Posix.h"
+
 namespace lunet {
 
 namespace {
@@ -101,8 +103,9 @@ class Reception::Visitor : public std::enable_shared_from_this<Visitor> {
   }
 
   void log(const char* why) {
-    reception_.log_.write(Log::kError, "a connection from pid " + std::to_string(identity_.pid) + ", user " +
-                                           std::to_string(identity_.uid) + " is closed: " + why);
+    reception_.log_.write(BusLogLevel::kError, "a connection from pid " + std::to_string(identity_.pid) +
+                                                   ", user " + std::to_string(identity_.uid) +
+                                                   " is closed: " + why);
   }
 
   Reception& reception_;
@@ -144,7 +147,7 @@ void Reception::acceptAll() {
     }
   } catch (const std::exception& error) {
     pause();
-    log_.write(Log::kError, std::string("a connection cannot be received: ") + error.what());
+    log_.write(BusLogLevel::kError, std::string("a connection cannot be received: ") + error.what());
   }
 }
 
@@ -164,7 +167,8 @@ bool Reception::acceptOne() {
   }
   const int reason = errno;
   pause();
-  log_.write(Log::kError, std::string("a connection cannot be accepted: ") + std::strerror(reason));
+  log_.write(BusLogLevel::kError,
+             std::string("a connection cannot be accepted: ") + platform::errnoText(reason));
   return false;
 }
 
@@ -180,14 +184,14 @@ void Reception::pause() {
 void Reception::receive(platform::Descriptor fd) {
   const std::optional<Peer> peer = peerOf(fd.get());
   if (!peer) {
-    log_.write(Log::kError, "a connection is refused: the system does not say who it is from");
+    log_.write(BusLogLevel::kError, "a connection is refused: the system does not say who it is from");
     sendWelcome(fd.get(), self_, kErrSystem);
     return;
   }
   const std::string who =
       "pid " + std::to_string(peer->identity.pid) + ", user " + std::to_string(peer->identity.uid);
   if (!rule_.admits(*peer)) {
-    log_.write(Log::kError,
+    log_.write(BusLogLevel::kError,
                "a connection from " + who + " is refused: not root, nor this user, nor in the group");
     sendWelcome(fd.get(), self_, kErrDenied);
     return;
@@ -196,7 +200,7 @@ void Reception::receive(platform::Descriptor fd) {
   if (!rule_.trusts(peer->identity.uid, folderOwner_)) {
     place = members_.enter(peer->identity.uid);
     if (!place) {
-      log_.write(Log::kError,
+      log_.write(BusLogLevel::kError,
                  "a connection from " + who + " is refused: the user has as many as a member may have");
       sendWelcome(fd.get(), self_, kErrQueueFull);
       return;

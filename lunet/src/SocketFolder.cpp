@@ -16,6 +16,7 @@
 #include "lunet/ClientLibrary.h"
 #include "platform/Descriptor.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace lunet {
@@ -86,11 +87,11 @@ std::string settle(int fd, const SocketFolder& folder, struct stat& st, bool may
   if (mayChange && folder.group && st.st_gid != *folder.group &&
       fchown(fd, static_cast<uid_t>(-1), *folder.group) != 0) {
     return platform::visibleText(folder.path) + " cannot be given to group " + std::to_string(*folder.group) +
-           ": " + std::strerror(errno);
+           ": " + platform::errnoText(errno);
   }
   if (mayChange && (st.st_mode & 07777) != mode && fchmod(fd, mode) != 0) {
     return platform::visibleText(folder.path) + " cannot be set to mode " + octal(mode) + ": " +
-           std::strerror(errno);
+           platform::errnoText(errno);
   }
   if (fstat(fd, &st) != 0 || (st.st_mode & 07777) != mode || (folder.group && st.st_gid != *folder.group)) {
     return platform::visibleText(folder.path) + " has group " + std::to_string(st.st_gid) + " and mode " +
@@ -114,7 +115,7 @@ FolderCheck examine(const SocketFolder& folder, bool change) {
   }
   const platform::Descriptor fd(open(folder.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd || fstat(fd.get(), &st) != 0) {
-    return refuse(visibleText(folder.path) + ": " + std::strerror(errno));
+    return refuse(visibleText(folder.path) + ": " + platform::errnoText(errno));
   }
   platform::Descriptor readable;
   const bool mine = st.st_uid == geteuid();
@@ -183,7 +184,7 @@ FolderCheck prepareFolder(const SocketFolder& folder) {
     return refuse(std::move(why));
   }
   if (mkdir(folder.path.c_str(), kPrivateMode) != 0 && errno != EEXIST) {
-    return refuse(platform::visibleText(folder.path) + " cannot be made: " + std::strerror(errno));
+    return refuse(platform::visibleText(folder.path) + " cannot be made: " + platform::errnoText(errno));
   }
   return examine(folder, true);
 }

@@ -7,6 +7,7 @@
 
 #include "json/CppJson.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace lunetctl {
@@ -43,7 +44,7 @@ std::string readConfig(const std::string& runtime) {
     return "{}";
   }
   if (!text) {
-    throw Failure(platform::visibleText(path) + " cannot be read: " + std::strerror(error));
+    throw Failure(platform::visibleText(path) + " cannot be read: " + platform::errnoText(error));
   }
   Json::Value config;
   if (!CppJson::LoadJsonString(*text, config) || !config.isObject()) {

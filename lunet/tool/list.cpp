@@ -1,7 +1,6 @@
 #include "list.h"
 
 #include <dirent.h>
-#include <pwd.h>
 #include <sys/types.h>
 
 #include <cerrno>
@@ -12,7 +11,9 @@
 
 #include "Session.h"
 #include "lunet/ClientLibrary.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
+#include "platform/Users.h"
 
 namespace lunetctl {
 
@@ -20,17 +21,12 @@ namespace {
 
 constexpr const char* kSocketSuffix = ".sock";
 
-std::string userName(uid_t uid) {
-  const passwd* entry = getpwuid(uid);
-  return entry != nullptr ? platform::visibleText(entry->pw_name) : std::to_string(uid);
-}
-
 /// The addresses that have a socket in the folder, in order.
 std::set<std::string> addressesIn(const std::string& folder) {
   std::set<std::string> found;
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), &closedir);
   if (!entries && errno != ENOENT) {
-    throw Failure(platform::visibleText(folder) + " cannot be read: " + std::strerror(errno));
+    throw Failure(platform::visibleText(folder) + " cannot be read: " + platform::errnoText(errno));
   }
   while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
     const std::string name = entry->d_name;
@@ -50,7 +46,8 @@ void listEndpoints(const std::string& runtime) {
   const std::string folder = lunet::socketDirectory(runtime, readConfig(runtime));
   for (const std::string& address : addressesIn(folder)) {
     if (const auto listener = lunet::listenerAt(folder, lunet::parseGuid(address.c_str()))) {
-      std::printf("%s  %d  %s\n", address.c_str(), listener->pid, userName(listener->uid).c_str());
+      std::printf("%s  %d  %s\n", address.c_str(), listener->pid,
+                  platform::visibleText(platform::userName(listener->uid)).c_str());
     }
   }
 }

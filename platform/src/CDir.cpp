@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace {
@@ -19,7 +20,7 @@ namespace {
 using CText = std::unique_ptr<char, decltype(&std::free)>;
 
 std::string systemError(const std::string& what, const std::string& path, int error) {
-  return what + " " + platform::visibleText(path) + ": " + std::strerror(error);
+  return what + " " + platform::visibleText(path) + ": " + platform::errnoText(error);
 }
 
 /// Why that one file, folder or link could be changed by somebody else; empty when it could not.

@@ -7,29 +7,15 @@
 
 #include "platform/Descriptor.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace {
 
 using platform::Descriptor;
 
-/// 0, or the errno of what failed.
-int writeAll(int fd, std::string_view content) {
-  while (!content.empty()) {
-    const ssize_t count = write(fd, content.data(), content.size());
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count < 0) {
-      return errno;
-    }
-    content.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return 0;
-}
-
 int writeAndSync(int fd, std::string_view content, std::uint32_t mode) {
-  if (const int error = writeAll(fd, content); error != 0) {
+  if (const int error = platform::writeAll(fd, content); error != 0) {
     return error;
   }
   if (fchmod(fd, mode) != 0 || fsync(fd) != 0) {
@@ -45,12 +31,9 @@ bool knowsNoSync(int error) {
 }
 
 /// 0 or an errno value.
-int syncFolder(int folder) {
-  const Descriptor readable(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (readable && fsync(readable.get()) == 0) {
-    return 0;
-  }
-  return knowsNoSync(errno) ? 0 : errno;
+int syncIfPossible(int folder) {
+  const int error = platform::syncFolder(folder, -1);
+  return knowsNoSync(error) ? 0 : error;
 }
 
 }  // namespace
@@ -118,5 +101,5 @@ int CFile::replaceAtomically(const std::string& path, std::string_view content, 
     unlinkat(directory.get(), temporary.c_str(), 0);
     return error;
   }
-  return syncFolder(directory.get());
+  return syncIfPossible(directory.get());
 }

@@ -13,6 +13,7 @@
 
 #include "platform/Descriptor.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace {
@@ -23,7 +24,7 @@ std::mutex gDirectoryLock;
 std::string gUserDirectory;  // guarded by gDirectoryLock
 
 std::string describe(const char* what, const std::string& path) {
-  return std::string(what) + " " + platform::visibleText(path) + ": " + std::strerror(errno);
+  return std::string(what) + " " + platform::visibleText(path) + ": " + platform::errnoText(errno);
 }
 
 /// Empty, or why not. The folder itself is private until the bus opens it to a group; what leads there is

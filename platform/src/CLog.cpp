@@ -7,22 +7,22 @@
 
 namespace {
 
-std::atomic<int> gLevel{3};
+std::atomic<CLogLevel> gLevel{CLogLevel::kError};
 std::atomic<CLog::Callback> gCallback{nullptr};
 
 }  // namespace
 
-void CLog::set_log_level(int level) {
+void CLog::set_log_level(CLogLevel level) {
   gLevel = level;
 }
-int CLog::log_level() {
+CLogLevel CLog::log_level() {
   return gLevel;
 }
 void CLog::set_log_callback(Callback callback) {
   gCallback = callback;
 }
 
-void CLog::emit(int level, const char* format, ...) {
+void CLog::emit(CLogLevel level, const char* format, ...) {
   const Callback callback = gCallback;
   if (callback == nullptr || level < gLevel) {
     return;
@@ -32,5 +32,5 @@ void CLog::emit(int level, const char* format, ...) {
   va_start(arguments, format);
   std::vsnprintf(text.data(), text.size(), format, arguments);
   va_end(arguments);
-  callback(level, text.data());
+  callback(static_cast<int>(level), text.data());
 }

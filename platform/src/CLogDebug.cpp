@@ -17,14 +17,13 @@
 
 namespace {
 
-constexpr int kErrorLevel = 4;
 constexpr std::uint32_t kFolderMode = 0755;
 
 struct State {
   std::mutex lock;
   bool active = false;
   bool tried = false;  ///< the file was opened, or could not be, since the last property
-  int level = 3;
+  int level = static_cast<int>(LogLevel::kWarning);  ///< of records that are written; any number
   std::size_t sizeBytes = 1048576;
   std::size_t backups = 5;
   std::string name = "tavcli";
@@ -77,16 +76,26 @@ bool readNumber(const std::string& text, long long* number) {
   return true;
 }
 
-const char* levelName(int level) {
-  constexpr std::array<const char*, 4> kNames{"DEBUG", "INFO", "WARN", "ERROR"};
-  return kNames[static_cast<std::size_t>(level < 1 ? 1 : level > kErrorLevel ? kErrorLevel : level) - 1];
+const char* levelName(LogLevel level) {
+  switch (level) {
+    case LogLevel::kDebug:
+      return "DEBUG";
+    case LogLevel::kInfo:
+      return "INFO";
+    case LogLevel::kWarning:
+      return "WARN";
+    case LogLevel::kError:
+      break;
+  }
+  return "ERROR";
 }
 
-void write(int level, const char* source, const char* function, int line, const std::string& text) noexcept {
+void write(LogLevel level, const char* source, const char* function, int line,
+           const std::string& text) noexcept {
   try {
     State& s = state();
     const std::lock_guard<std::mutex> guard(s.lock);
-    if (!s.active || level < s.level) {
+    if (!s.active || static_cast<int>(level) < s.level) {
       return;
     }
     if (!s.tried) {
@@ -119,10 +128,10 @@ CLogDebug* CLogDebug::Create() {
   return Instance();
 }
 
-bool CLogDebug::CheckLogLevel(int level) {
+bool CLogDebug::CheckLogLevel(LogLevel level) {
   State& s = state();
   const std::lock_guard<std::mutex> guard(s.lock);
-  return s.active && level >= s.level;
+  return s.active && static_cast<int>(level) >= s.level;
 }
 
 void CLogDebug::SetProperty(int property, const std::string& text) {
@@ -159,8 +168,8 @@ std::string CLogDebug::whyNoFolder() {
   return why;
 }
 
-void CLogDebug::LogPrintV(int level, const char* source, const char* function, int line, const char* format,
-                          ...) {
+void CLogDebug::LogPrintV(LogLevel level, const char* source, const char* function, int line,
+                          const char* format, ...) {
   if (Instance() == nullptr || !CheckLogLevel(level)) {
     return;
   }
@@ -176,7 +185,7 @@ void CLogDebug::LogPrintV(int level, const char* source, const char* function, i
   write(level, source, function, line, text);
 }
 
-void CLogDebug::LogPrintStr(int level, const char* source, const char* function, int line,
+void CLogDebug::LogPrintStr(LogLevel level, const char* source, const char* function, int line,
                             const std::string& text) {
   if (Instance() != nullptr && CheckLogLevel(level)) {
     write(level, source, function, line, text);

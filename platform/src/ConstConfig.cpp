@@ -1,27 +1,13 @@
 #include "platform/ConstConfig.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <vector>
 
 #include "platform/Files.h"
+#include "platform/Users.h"
 
 namespace {
-
-/// As the user database has it; never $HOME, which root may have inherited from another user. Empty when
-/// the user is not known.
-std::string homeOf(uid_t uid) {
-  std::vector<char> buffer(16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr &&
-      found->pw_dir != nullptr && found->pw_dir[0] == '/') {
-    return found->pw_dir;
-  }
-  return {};
-}
 
 /// `su` and `sudo -E` hand root another user's environment: that user must not say where root makes folders
 /// and writes, nor find root's folders among his own.
@@ -36,7 +22,7 @@ std::string logDir() {
       return folder;
     }
   }
-  return utils::FormatDir(homeOf(getuid()) + "/.local/state" + name, false);
+  return utils::FormatDir(platform::homeFolder(getuid()) + "/.local/state" + name, false);
 }
 
 }  // namespace

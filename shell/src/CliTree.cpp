@@ -25,7 +25,7 @@ void clearMatched(CliTreeNode* node) {
   }
 }
 
-/// The marks of a walk go with it, also when a handler throws.
+/// Clears the marks of a walk at its end, even when a handler throws.
 class MatchedMarks {
  public:
   explicit MatchedMarks(CliTreeNode& root) : root_(root) {}

@@ -11,10 +11,10 @@ namespace shell {
 
 namespace {
 
-constexpr std::size_t kFirstNames = 8;  // positions in the first of the two name colours
+constexpr std::size_t kFirstNames = 8;  // the number of names in the first colour
 
-// Matches no keyword and begins none: it stands behind a word that is still being typed, so that the words
-// that would follow it are not offered yet.
+// A word that no keyword begins with. Behind an unfinished word, this word keeps the walk from offering the
+// keywords that would follow.
 const std::string kStillTyping = " ";
 
 }  // namespace
@@ -22,11 +22,15 @@ const std::string kStillTyping = " ";
 CompletionWalk::CompletionWalk(const std::string& text, lineeditor::CompletionState* state,
                                std::uint32_t hintColour)
     : TreeWalk(text), state_(state), hintColour_(hintColour) {
-  if (words_.empty()) {
-    words_.emplace_back();
-  }
+  expectAWord();
   if (text.empty() || text.back() != ' ') {
     words_.push_back(kStillTyping);
+  }
+}
+
+void CompletionWalk::expectAWord() {
+  if (words_.empty()) {
+    words_.emplace_back();
   }
 }
 
@@ -34,9 +38,7 @@ bool CompletionWalk::matched(CliTreeNode& node, std::int32_t* result) {
   collected_.clear();
   *result = 1;
   if (node.info->valueKind == 0) {
-    if (words_.empty()) {
-      words_.emplace_back();
-    }
+    expectAWord();
     return true;
   }
   if (words_.empty()) {
@@ -47,13 +49,11 @@ bool CompletionWalk::matched(CliTreeNode& node, std::int32_t* result) {
     return false;
   }
   words_.pop_front();
-  if (words_.empty()) {
-    words_.emplace_back();
-  }
+  expectAWord();
   return true;
 }
 
-void CompletionWalk::missed(CliTreeNode& node) {
+void CompletionWalk::unmatched(CliTreeNode& node) {
   collected_.push_back(node.info);
 }
 

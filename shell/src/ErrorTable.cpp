@@ -9,8 +9,8 @@ struct Message {
   const char* text;
 };
 
-// In the order of insertion: of two messages of one code the first stays, so "trustlation failed" is never
-// shown.
+// The rows are inserted in this order, and the first message of a code stays. So "trustlation failed" is
+// never shown.
 constexpr Message kMessages[] = {
     {-10001, "parameter error"},
     {-10002, "scan func error,input start,stop,parse"},

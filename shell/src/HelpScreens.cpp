@@ -12,7 +12,7 @@ constexpr std::string_view kKeyRule =
 constexpr std::string_view kExampleRule =
     " +----------------------------------------------------------------------------+";
 
-// What the line editor does at each key; it must do what its line says.
+// The line editor must do for each key what the line of the key says.
 constexpr std::string_view kKeyHelp[] = {
     " 快捷指令",
     kKeyRule,
@@ -92,7 +92,7 @@ constexpr std::string_view kExamples[] = {
     kExampleRule,
 };
 
-/// Stops where the reader of a page asks it to.
+/// Stops when the user ends the listing at a page break.
 void printScreen(std::span<const std::string_view> lines) {
   lineeditor::resetPager();
   lineeditor::plainPrint("%s", " \b\n");

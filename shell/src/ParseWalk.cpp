@@ -33,7 +33,7 @@ bool ParseWalk::matched(CliTreeNode& node, std::int32_t* result) {
   return true;
 }
 
-void ParseWalk::missed(CliTreeNode& node) {
+void ParseWalk::unmatched(CliTreeNode& node) {
   const CliNodeInfo& info = *node.info;
   if (info.required == 0) {
     return;

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "json/CppJson.h"
-#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/Holders.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
 #include "jsonrpchelper/JsonRpcCpp.h"
@@ -20,22 +20,18 @@ using shell::kChoice;
 using shell::kNoHint;
 using shell::kNoValue;
 
-enum Action : std::uint32_t { kShow = 0, kClean = 1 };
-constexpr std::uint32_t kScanCache = 0;
+using Exec = TavCliCmdCacheExec;
 
-template <Action action>
+template <Exec::Action action>
 std::uint8_t setScanCacheAction(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
-  auto* const task = shell::currentTask<TavCliCmdCacheExec>();
-  if (task == nullptr) {
-    return 0;
-  }
-  task->action = action;
-  task->subject = kScanCache;
-  return 1;
+  return shell::changeTask<Exec>([](Exec& task) {
+    task.action = action;
+    task.subject = Exec::kScanCache;
+  });
 }
 
-/// The message as it is, its own line ends and tabs included. It may quote what the agent sent, so other
-/// control characters are made visible.
+/// The message with its line ends and tabs. A message may quote an answer of the agent, so other control
+/// characters are made visible.
 std::string shownMessage(const jsonrpc::JsonRpcException& exception) {
   std::string shown;
   for (std::string_view rest = exception.GetMessage(); !rest.empty();) {
@@ -49,11 +45,11 @@ std::string shownMessage(const jsonrpc::JsonRpcException& exception) {
 }
 
 const GrammarRow kGrammar[] = {
-    {"CACHE", "缓存管理", kNoHint, kChoice, kNoValue, shell::startTask<TavCliCmdCacheExec>},
+    {"CACHE", "缓存管理", kNoHint, kChoice, kNoValue, shell::startTask<Exec>},
     {"CACHE SHOW", "显示缓存信息", kNoHint, kChoice, kNoValue, nullptr},
-    {"CACHE SHOW SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<kShow>},
+    {"CACHE SHOW SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<Exec::kShow>},
     {"CACHE CLEAN", "清理缓存", kNoHint, kChoice, kNoValue, nullptr},
-    {"CACHE CLEAN SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<kClean>},
+    {"CACHE CLEAN SCANCACHE", "扫描缓存", kNoHint, kChoice, kNoValue, setScanCacheAction<Exec::kClean>},
 };
 
 }  // namespace
@@ -67,9 +63,9 @@ std::int32_t TavCliCmdCacheExec::execute() {
   try {
     jsonrpchelper::AgentStub agent(*client);
     if (action == kShow) {
-      std::printf("  当前存在%d项扫描缓存\n", agent.getScanCacheDetail());
+      std::printf("  当前存在%d项扫描缓存\n", agent.call(jsonrpchelper::GetScanCacheDetail{}));
     } else if (action == kClean) {
-      agent.cleanScanCache();
+      agent.call(jsonrpchelper::CleanScanCache{});
     }
   } catch (const jsonrpc::JsonRpcException& exception) {
     std::printf("Caught exception:\n%s\n", shownMessage(exception).c_str());

@@ -8,33 +8,12 @@
 
 namespace {
 
-// The modules of this folder register themselves before main. Named here so that the linker takes them out of
-// the archive with the shell.
+// The modules of this folder register themselves before main. These references make the linker take the
+// modules out of the archive.
 [[gnu::used]] const TavcliCmdInterface* const kOwnModules[] = {&TavCliCmdCommon::module,
                                                                &TavCliCmdCache::module};
 
 }  // namespace
-
-TavcliCmdInterface::TavcliCmdInterface(std::string name) {
-  name_ = std::move(name);
-}
-
-TavcliCmdInterface::~TavcliCmdInterface() {
-  TavCliCompletion::instance().unregisterModule(this);
-}
-
-int TavcliCmdInterface::load(CObject* owner) {
-  owner_ = owner;
-  return 0;
-}
-
-int TavcliCmdInterface::attach(CliTree* tree) {
-  return buildTree(tree);
-}
-
-int TavcliCmdInterface::registerSelf() {
-  return TavCliCompletion::instance().registerModule(this);
-}
 
 TavCliCompletion::TavCliCompletion() : tree_(std::make_unique<CliTree>()) {}
 

@@ -9,8 +9,8 @@ namespace shell {
 namespace {
 
 enum class Mode {
-  Try,   ///< reached as a first child, or behind a node that did not match
-  Skip,  ///< reached by passing a node over, or by climbing
+  kTry,   ///< the node is a first child, or stands behind a node that did not match
+  kSkip,  ///< the walk came from a skipped node, or from a level below
 };
 
 }  // namespace
@@ -29,36 +29,36 @@ bool TreeWalk::matchesFront(const CliTreeNode& node) const {
 std::int32_t TreeWalk::run(CliTreeNode* first) {
   CliTreeNode* node = first;
   CliTreeNode* cameFrom = nullptr;
-  Mode mode = Mode::Try;
-  bool missedAtThisLevel = false;
+  Mode mode = Mode::kTry;
+  bool triedAtThisLevel = false;
   for (;;) {
     if (node == nullptr) {
-      if (missedAtThisLevel) {
+      if (triedAtThisLevel) {
         return levelEnded();
       }
-      // Back to the level that holds the parent, so that further options can follow in any order.
+      // Goes back to the level of the parent, so that further options may follow in any order.
       CliTreeNode* const parent = cameFrom == nullptr ? nullptr : cameFrom->parent;
       if (parent == nullptr || parent->parent == nullptr) {
         return 0;
       }
       node = parent->parent->firstChild.get();
-      mode = Mode::Skip;
+      mode = Mode::kSkip;
       continue;
     }
     cameFrom = node;
-    if ((mode == Mode::Skip && node->info->alternative != 0) || node->info->matched != 0) {
+    if ((mode == Mode::kSkip && node->info->alternative != 0) || node->info->matched != 0) {
       node = node->nextSibling.get();
-      mode = Mode::Skip;
+      mode = Mode::kSkip;
       continue;
     }
-    mode = Mode::Try;
+    mode = Mode::kTry;
     if (!matchesFront(*node)) {
-      missedAtThisLevel = true;
-      missed(*node);
+      triedAtThisLevel = true;
+      unmatched(*node);
       node = node->nextSibling.get();
       continue;
     }
-    missedAtThisLevel = false;
+    triedAtThisLevel = false;
     node->info->matched = 1;
     words_.pop_front();
     std::int32_t result = 0;

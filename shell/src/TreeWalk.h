@@ -8,25 +8,27 @@
 
 namespace shell {
 
-/// The way through the tree that execution and completion share: which node is tried next, and where the walk
-/// ends. What a match and a miss mean is the derived walk's. Every node that a walk matches stays marked.
+/// The walk through the tree, which execution and completion share. The base class decides which node is
+/// tried next and where the walk ends. The derived classes act on matched and unmatched nodes. The walk
+/// leaves each matched node marked.
 class TreeWalk {
  public:
   virtual ~TreeWalk() = default;
   TreeWalk(const TreeWalk&) = delete;
   TreeWalk& operator=(const TreeWalk&) = delete;
 
-  /// From the first node of the top level. The walk's result.
+  /// first: the first node of the top level. Returns the result of the walk.
   std::int32_t run(CliTreeNode* first);
 
  protected:
   explicit TreeWalk(const std::string& line);
 
-  /// The front word is this node's. It has been taken off the queue. False ends the walk with *result.
+  /// Called when the front word matches the node; the word has been removed. False ends the walk with
+  /// *result.
   virtual bool matched(CliTreeNode& node, std::int32_t* result) = 0;
-  /// The node was visited without a match.
-  virtual void missed(CliTreeNode& node) = 0;
-  /// The end of a level was reached with words tried in vain: the walk ends here.
+  /// Called when the front word does not match the node.
+  virtual void unmatched(CliTreeNode& node) = 0;
+  /// Called when no node of a level has matched. The walk ends with the result.
   virtual std::int32_t levelEnded() = 0;
 
   std::deque<std::string> words_;

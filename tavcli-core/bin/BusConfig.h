@@ -9,10 +9,6 @@
 
 namespace tavcli {
 
-/// The bus library's log level for the configuration file's: the file counts from the most verbose level
-/// upwards, the library the other way round.
-int busLogLevel(int fileLevel);
-
 /// The bus library's configuration: what the file says, with where to log, the tree, and the level put in.
 Json::Value completeBusConfig(Json::Value file, const ContainerConfig& config);
 

@@ -13,20 +13,19 @@
 
 namespace {
 
-constexpr int kErrorLevel = 4;
 constexpr std::uint32_t kConnectTimeoutSec = 10;
 constexpr std::uint32_t kLookWithoutWait = 0;
 
 /// A step of `init` or `start` has failed.
 bool fail(const char* function, int line, const char* text) {
-  CLogDebug::LogPrintStr(kErrorLevel, __FILE__, function, line, text);
+  CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, function, line, text);
   std::puts(text);
   return false;
 }
 
 /// Why it has: for the debug log and the operator's standard error.
 bool explain(const char* function, int line, const std::string& why) {
-  CLogDebug::LogPrintStr(kErrorLevel, __FILE__, function, line, why);
+  CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, function, line, why);
   tavcli::complain("tavcli: " + why);
   return false;
 }
@@ -74,7 +73,7 @@ bool CContainerMgr::initLunet() {
     why = library_.createClient();
   }
   if (!why.empty()) {
-    CLogDebug::LogPrintStr(kErrorLevel, __FILE__, "initLunet", __LINE__, why);
+    CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, "initLunet", __LINE__, why);
     tavcli::complain("tavcli: " + adviceOn(config_.busLibraryPath));
     return false;
   }
@@ -176,6 +175,6 @@ void CContainerMgr::unInitLunet() {
     client->Uninit();
   }
   if (const std::string why = library_.unload(); !why.empty()) {
-    CLogDebug::LogPrintStr(kErrorLevel, __FILE__, "unInitLunet", __LINE__, why);
+    CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, "unInitLunet", __LINE__, why);
   }
 }

@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace tavcli {
@@ -110,11 +111,12 @@ std::optional<Refusal> refuseUnwritable(const std::string& logPath) {
                    "tavcli: -logpath " + shown(logPath) + " is a link that leads nowhere: name a new file"};
   }
   if (errno != ENOENT) {
-    return Refusal{"", "tavcli: -logpath " + shown(logPath) + " cannot be written: " + std::strerror(errno)};
+    return Refusal{
+        "", "tavcli: -logpath " + shown(logPath) + " cannot be written: " + platform::errnoText(errno)};
   }
   if (const int error = tryToWriteIn(folderOf(logPath)); error != 0) {
     return Refusal{"", "tavcli: -logpath " + shown(logPath) + ": the folder " + shown(folderOf(logPath)) +
-                           " cannot be written: " + std::strerror(error)};
+                           " cannot be written: " + platform::errnoText(error)};
   }
   return std::nullopt;
 }

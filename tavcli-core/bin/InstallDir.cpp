@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace tavcli {
@@ -23,7 +24,7 @@ std::string resolve() {
   } else {
     const int error = errno;
     std::printf("failed chdir to %s, %s", platform::visibleText(current.value_or("")).c_str(),
-                std::strerror(error));
+                platform::errnoText(error).c_str());
   }
   return utils::FormatDir(directory, true);
 }

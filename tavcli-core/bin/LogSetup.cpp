@@ -6,6 +6,7 @@
 
 #include "bin/Complain.h"
 #include "json/CppJson.h"
+#include "lunet/LogLevels.h"
 #include "platform/CLog.h"
 #include "platform/CLogDebug.h"
 #include "platform/Files.h"
@@ -15,20 +16,7 @@ namespace tavcli {
 
 namespace {
 
-constexpr int kDefaultCLogLevel = 3;
-/// Row: a level of the other library. Value: the debug log's level for it.
-constexpr int kFromCLog[] = {1, 2, 3, 4};
-constexpr int kFromLunet[] = {4, 3, 2, 1, 1};
-constexpr int kFromOtherLunet = 1;
-
-template <std::size_t count>
-std::optional<int> translated(const int (&table)[count], int level) {
-  if (level < 0 || level >= static_cast<int>(count)) {
-    return std::nullopt;
-  }
-  return table[level];
-}
-
+constexpr CLogLevel kDefaultCLogLevel = CLogLevel::kError;
 void readNumber(const Json::Value& file, const char* key, int& number) {
   if (file.isObject() && file[key].isInt()) {
     number = file[key].asInt();
@@ -50,12 +38,12 @@ DebugLogSettings readDebugLogSettings(const Json::Value& file) {
   return settings;
 }
 
-int clogLevelFor(const char* text) {
+CLogLevel clogLevelFor(const char* text) {
   if (text == nullptr || !CStr::isNum(text)) {
     return kDefaultCLogLevel;
   }
   const long value = std::strtol(text, nullptr, 10);
-  return value >= 0 && value <= 2 ? static_cast<int>(value) : kDefaultCLogLevel;
+  return value >= 0 && value <= 2 ? static_cast<CLogLevel>(value) : kDefaultCLogLevel;
 }
 
 bool initCLog() {
@@ -90,14 +78,13 @@ bool initLog(const ContainerConfig& config) {
 }
 
 void clogCallback(int level, const char* text) {
-  if (const auto own = translated(kFromCLog, level)) {
+  if (const auto own = platform::fromCLog(level)) {
     CLogDebug::LogPrintStr(*own, __FILE__, "clogCallback", __LINE__, text);
   }
 }
 
 void lunetLogCallback(int level, const char* text) {
-  CLogDebug::LogPrintStr(translated(kFromLunet, level).value_or(kFromOtherLunet), __FILE__,
-                         "lunetLogCallback", __LINE__, text);
+  CLogDebug::LogPrintStr(lunet::fromBus(level), __FILE__, "lunetLogCallback", __LINE__, text);
 }
 
 }  // namespace tavcli

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "bin/ContainerConfig.h"
+#include "platform/LogLevel.h"
 
 namespace tavcli {
 
@@ -18,7 +19,7 @@ struct DebugLogSettings {
 DebugLogSettings readDebugLogSettings(const Json::Value& file);
 
 /// The base library's log level for a value of CKORVIX_CLOG_LEVEL; null when the variable is not set.
-int clogLevelFor(const char* text);
+CLogLevel clogLevelFor(const char* text);
 
 /// Sets the base library's log up: level from the environment, records to the debug log. Always true.
 bool initCLog();

@@ -7,14 +7,8 @@
 
 namespace command {
 
-namespace {
-
-constexpr int kLogError = 4;
-
-}  // namespace
-
 void logCaught(const RequestPlace& place, const jsonrpc::JsonRpcException& exception) {
-  CLogDebug::LogPrintV(kLogError, place.source, place.function, place.line, "Caught exception:\n %s",
+  CLogDebug::LogPrintV(LogLevel::kError, place.source, place.function, place.line, "Caught exception:\n %s",
                        exception.what());
 }
 

@@ -3,13 +3,17 @@
 #include <functional>
 #include <string>
 
-#include "jsonrpchelper/AgentMethods.h"
+#include "json/Values.h"
+#include "jsonrpchelper/AgentStub.h"
 
 namespace jsonrpc {
 class JsonRpcException;
 }
 
 namespace command {
+
+/// "source" and "request_source" of every request.
+inline constexpr std::int32_t kFromConsole = json::toNumber(json::RequestSource::kConsole);
 
 /// Where a request stands, for the debug log.
 struct RequestPlace {

@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/Posix.h"
 #include "store/Digest.h"
-#include "store/Posix.h"
 #include "store/Store.h"
 #include "support/TempDir.h"
 
@@ -50,8 +50,8 @@ Original look(const std::string& path) {
 }
 
 void write(const std::string& path, const std::string& content, mode_t mode) {
-  const store::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-  if (!fd || store::writeAll(fd.get(), content) != 0 || ::fchmod(fd.get(), mode) != 0) {
+  const platform::Descriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+  if (!fd || platform::writeAll(fd.get(), content) != 0 || ::fchmod(fd.get(), mode) != 0) {
     throw std::system_error(errno, std::generic_category(), path);
   }
 }

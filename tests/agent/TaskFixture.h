@@ -42,7 +42,7 @@ class ScanTaskTest : public ::testing::Test {
   }
   static ScanPlan custom(const std::vector<std::string>& items) {
     ScanPlan plan;
-    plan.mode = ScanPlan::kCustom;
+    plan.mode = json::ScanMode::kCustom;
     plan.scanType = 2;
     plan.items = items;
     plan.parallelism = 1;
@@ -65,7 +65,8 @@ class ScanTaskTest : public ::testing::Test {
   void scan(const ScanPlan& plan) {
     const std::unique_ptr<ScanTask> task = begin(plan);
     EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-    EXPECT_THAT(owner->states(), ::testing::ElementsAre(0, 1, 2));
+    EXPECT_THAT(owner->states(), ::testing::ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted,
+                                                        json::TaskState::kFinished));
   }
   void scan(const std::vector<std::string>& items) { scan(custom(items)); }
   /// Scans the file until the cache knows it, as the first file: one that changed a moment ago is not
@@ -99,23 +100,23 @@ class ScanTaskTest : public ::testing::Test {
     owner = before;
   }
   /// A plan of stages whose places all lie on a file system that is left out: programs alone are met.
-  ScanPlan programsOf(ScanPlan::Mode mode) {
+  ScanPlan programsOf(json::ScanMode mode) {
     fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
     ScanPlan plan;
     plan.mode = mode;
-    plan.scanType = mode;
+    plan.scanType = json::toScanType(mode, false);
     plan.parallelism = 1;
     plan.networkFileSystems = false;
     plan.memoryCheck = true;
     plan.skipBytes = 1 << 20;
     return plan;
   }
-  enum ListType { kFile = 0, kMd5 = 3 };
-  /// Puts one entry on a list: region 0 trusts, 1 rejects.
-  void list(int region, const std::string& item, ListType type = kFile) {
+  /// Puts one entry on a list.
+  void list(json::Region region, const std::string& item,
+            json::RegionItemType type = json::RegionItemType::kFile) {
     Json::Value items;
     CppJson::LoadJsonString(R"({"action":0,"domain":0,"is_all":false})", items);
-    items["type"] = type;
+    items["type"] = json::toNumber(type);
     items["items"].append(json::encodePath(item));
     std::string why;
     EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}, &why)) << why;

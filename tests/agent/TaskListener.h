@@ -7,10 +7,12 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/Wait.h"
 #include "task/RiskRecords.h"
 #include "task/TaskEvents.h"
@@ -20,7 +22,7 @@ namespace agent {
 /// Writes down what a task tells; detections can be held up on their way. Any thread.
 class TaskListener final : public TaskEvents {
  public:
-  void state(State state, const std::string& detail) override {
+  void state(json::TaskState state, const std::string& detail) override {
     const std::lock_guard guard(mutex_);
     states_.push_back(state);
     detail_ = detail;
@@ -46,17 +48,18 @@ class TaskListener final : public TaskEvents {
     const std::lock_guard guard(mutex_);
     attributes_ = payload;
   }
-  void risk(int kind, int, const Json::Value& info) override {
+  void risk(json::RiskInfoType kind, json::Handling, const Json::Value& info) override {
     const std::lock_guard guard(mutex_);
-    kind == kFileRisk ? risks_.push_back(json::decodePath(info["item"].asString()))
-                      : processes_.push_back(info["process_info"]["pid"].asInt());
+    kind == json::RiskInfoType::kFile ? risks_.push_back(json::decodePath(info["item"].asString()))
+                                      : processes_.push_back(info["process_info"]["pid"].asInt());
     lastName_ = info["risk_name"].asString();
     lastMd5_ = info["filemd5_src"].asString();
   }
-  void repaired(int kind, int, const Json::Value& info, const Json::Value& result) override {
+  void repaired(json::RiskInfoType kind, json::Handling, const Json::Value& info,
+                const Json::Value& result) override {
     const std::lock_guard guard(mutex_);
-    kind == kFileRisk ? files_[json::decodePath(info["item"].asString())] = result
-                      : ofProcesses_[info["process_info"]["pid"].asInt()] = result;
+    kind == json::RiskInfoType::kFile ? files_[json::decodePath(info["item"].asString())] = result
+                                      : ofProcesses_[info["process_info"]["pid"].asInt()] = result;
   }
   void waitForRoom(const std::function<bool()>& cancelled) override {
     waiting = true;
@@ -64,7 +67,7 @@ class TaskListener final : public TaskEvents {
   }
   void whenTold(std::function<void()> action) override { action(); }
 
-  std::vector<int> states() const { return copied(states_); }
+  std::vector<json::TaskState> states() const { return copied(states_); }
   std::string detail() const { return copied(detail_); }  ///< of the last state
   std::vector<int> percents() const { return copied(percents_); }
   std::vector<int> stages() const { return copied(stages_); }
@@ -74,12 +77,16 @@ class TaskListener final : public TaskEvents {
   std::string lastName() const { return copied(lastName_); }         ///< of the last detection in a file
   std::string lastMd5() const { return copied(lastMd5_); }
   int counted(const char* what) const { return copied(overview_)[what].asInt(); }
-  /// What became of a file: 0 when nothing was told.
-  int handled(const std::string& path) const { return result(files_, path, "handle_result").asInt(); }
+  /// What became of a file: nullopt when nothing was told.
+  std::optional<json::HandleResult> handled(const std::string& path) const {
+    return json::fromNumber<json::HandleResult>(result(files_, path, "handle_result").asInt());
+  }
   std::string handledHow(const std::string& path) const {
     return result(files_, path, "handle_detail").asString();
   }
-  int handled(pid_t pid) const { return result(ofProcesses_, pid, "handle_result").asInt(); }
+  std::optional<json::HandleResult> handled(pid_t pid) const {
+    return json::fromNumber<json::HandleResult>(result(ofProcesses_, pid, "handle_result").asInt());
+  }
 
   std::function<void(int)> onStage;  ///< on the task's thread
   std::atomic<bool> held{false}, waiting{false};
@@ -98,7 +105,8 @@ class TaskListener final : public TaskEvents {
   }
 
   mutable std::mutex mutex_;
-  std::vector<int> states_, percents_, stages_, processes_;
+  std::vector<json::TaskState> states_;
+  std::vector<int> percents_, stages_, processes_;
   std::string detail_, lastName_, lastMd5_;
   std::vector<std::string> risks_;
   std::map<std::string, Json::Value> files_;

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "EngineFixture.h"
+#include "platform/Descriptor.h"
 #include "support/HeldFile.h"
 #include "support/Wait.h"
-#include "worker/UniqueFd.h"
 #include "worker/WorkerPool.h"
 
 namespace agent::testing {
@@ -89,7 +89,8 @@ class WorkerFixture : public ::testing::Test {
   void open() const { mkdir(dir_.at("gate").c_str(), 0700); }
   /// In a worker: one line for a file that it begins, "process name".
   void note(const std::string& name) const {
-    const UniqueFd log(::open(dir_.at("begun").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    const platform::Descriptor log(
+        ::open(dir_.at("begun").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
     const std::string line = std::to_string(getpid()) + " " + name + "\n";
     [[maybe_unused]] const ssize_t written = write(log.get(), line.data(), line.size());
   }
@@ -166,7 +167,7 @@ class NoMoreDescriptors {
  public:
   NoMoreDescriptors() {
     getrlimit(RLIMIT_NOFILE, &before_);
-    const UniqueFd firstFree(dup(STDERR_FILENO));
+    const platform::Descriptor firstFree(dup(STDERR_FILENO));
     const rlimit none{static_cast<rlim_t>(firstFree.get()), before_.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
   }

@@ -35,7 +35,7 @@ TEST_F(EngineDetection, TheTestFileIsFoundWithItsKindAndEngine) {
   ASSERT_GE(verdict.detections.size(), 1U);
   EXPECT_EQ(verdict.detections[0].name, "TAV.Test.EICAR");
   EXPECT_EQ(verdict.detections[0].engineCode, json::kEngineRda);
-  EXPECT_EQ(verdict.detections[0].riskType, 1);
+  EXPECT_EQ(verdict.detections[0].riskType, json::RiskType::kTestFile);
   EXPECT_EQ(verdict.detections[0].riskTypeName, "测试文件");
 }
 

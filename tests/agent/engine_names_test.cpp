@@ -31,7 +31,7 @@ TEST_P(DetectionNames, TellKindEngineAndRisk) {
   }
   EXPECT_EQ(find.detection.name, row.name);
   EXPECT_EQ(find.detection.engineCode, row.engine);
-  EXPECT_EQ(find.detection.riskType, row.risk);
+  EXPECT_EQ(json::toNumber(find.detection.riskType), row.risk);
   EXPECT_EQ(find.detection.riskTypeName, row.riskName);
 }
 

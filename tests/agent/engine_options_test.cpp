@@ -137,7 +137,7 @@ TEST_F(EngineOptions, AHeuristicAlertCountsInAStrongScanOnly) {
   const Verdict strong = scan(broken, options);
   ASSERT_EQ(strong.outcome, Outcome::kInfected) << describe(strong);
   EXPECT_EQ(strong.detections[0].engineCode, json::kEngineUmb);
-  EXPECT_EQ(strong.detections[0].riskType, 2);
+  EXPECT_EQ(strong.detections[0].riskType, json::RiskType::kHeuristic);
   options.enabledEngines = ~(1U << json::kEngineUmb);
   EXPECT_NE(scan(broken, options).outcome, Outcome::kInfected);
 }

@@ -192,20 +192,28 @@ class Service : public ::testing::Test {
   // The changes that not everybody may make. Each says whether it was let through, and sees that nothing came
   // of one that was not.
   bool changesSettings(const lunet::PeerIdentity& caller) {
-    const int before = store_->settings().document(0)->get("Common", {})["SkipSize"].asInt();
+    const int before =
+        store_->settings().document(json::ConfigType::kScan).get("Common", {})["SkipSize"].asInt();
     Json::Value params = object(R"({"config_type":0,"request_source":1})");
     params["config_str"] = R"({"Common":{"SkipSize":)" + std::to_string(before + 1) + "}}";
     const bool done = call(caller, "setAVConfig", params).asBool();
-    EXPECT_EQ(store_->settings().document(0)->get("Common", {})["SkipSize"].asInt(), before + (done ? 1 : 0));
+    EXPECT_EQ(store_->settings().document(json::ConfigType::kScan).get("Common", {})["SkipSize"].asInt(),
+              before + (done ? 1 : 0));
     return done;
   }
   bool changesRegion(const lunet::PeerIdentity& caller) {
     Json::Value params = object(R"({"desc":"d","region_type":0,"source":1,
                                     "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
     params["items"]["items"].append(json::encodePath("/trusted/" + std::to_string(++count_)));
-    const auto before = store_->regions().list(4, 0, 0).size();
+    const auto before =
+        store_->regions()
+            .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
+            .size();
     const bool done = call(caller, "ctlRegion", params).asBool();
-    EXPECT_EQ(store_->regions().list(4, 0, 0).size(), before + (done ? 1 : 0));
+    EXPECT_EQ(store_->regions()
+                  .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
+                  .size(),
+              before + (done ? 1 : 0));
     return done;
   }
   bool emptiesCache(const lunet::PeerIdentity& caller) {
@@ -267,9 +275,9 @@ class Service : public ::testing::Test {
     params["params"]["items"].append(json::encodePath(path));
     return params;
   }
-  static Json::Value orderTo(int action, const std::string& token) {
+  static Json::Value orderTo(json::ControlAction action, const std::string& token) {
     Json::Value params = object(R"({"detail":"","mark":0,"payload":null,"source":1})");
-    params["action"] = action;
+    params["action"] = json::toNumber(action);
     params["token_id"] = token;
     return params;
   }
@@ -368,14 +376,21 @@ TEST_F(Service, RestoresForTheCallerAndSaysWhatItCouldNot) {
   EXPECT_EQ(half["detail"][0]["uuid"].asString(), "no-such-item");
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(audited("action=\"restore\" object=\"" + uuid + "\" outcome=\"done\""), 1);
-  EXPECT_EQ(store_->regions().list(4, 0, 0).size(), 0U) << "action 1 trusts nothing";
+  EXPECT_EQ(store_->regions()
+                .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
+                .size(),
+            0U)
+      << "action 1 trusts nothing";
 
   const std::string second = quarantine("second", 0);
   Json::Value trusting = restoreOf(call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString());
   trusting["params"]["action"] = 2;
   EXPECT_TRUE(call(rootsIdentity(), "startDeIsolate", trusting)["status"].asBool());
   EXPECT_TRUE(std::filesystem::exists(second));
-  EXPECT_EQ(store_->regions().list(4, 0, 0).size(), 1U);
+  EXPECT_EQ(store_->regions()
+                .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
+                .size(),
+            1U);
 }
 
 TEST_F(Service, RefusesARestoreThatNamesNoActionOrNoItem) {
@@ -417,13 +432,13 @@ TEST_F(Service, ShowsAndObeysAsToATaskItsStarterAndRootAlone) {
   EXPECT_EQ(own[0]["uid"].asUInt(), kUser) << "on the kernel's word, not on the request's";
   EXPECT_EQ(call(rootsIdentity(), "getBusList").size(), 1U);
 
-  EXPECT_FALSE(call(other.identity(), "ctlBus", orderTo(TaskManager::kStop, token)).asBool());
+  EXPECT_FALSE(call(other.identity(), "ctlBus", orderTo(json::ControlAction::kStop, token)).asBool());
   EXPECT_EQ(call(rootsIdentity(), "getBusList").size(), 1U);
   EXPECT_EQ(
       audited("uid=60101 gid=60200 pid=" + std::to_string(other.identity().pid) +
               " action=\"control scan\" object=\"" + token + " action 1\" outcome=\"refused: no such task\""),
       1);
-  EXPECT_TRUE(call(starter.identity(), "ctlBus", orderTo(TaskManager::kStop, token)).asBool());
+  EXPECT_TRUE(call(starter.identity(), "ctlBus", orderTo(json::ControlAction::kStop, token)).asBool());
   open();
   EXPECT_TRUE(waitFor([&] { return call(rootsIdentity(), "getBusList").empty(); }));
 }
@@ -454,13 +469,17 @@ TEST_F(Service, DescribesAFileInAListOnlyToTheEyesOfWhoMayReadIt) {
                                     "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
     params["items"]["items"].append(json::encodePath(path));
     ASSERT_TRUE(call(member.identity(), "ctlRegion", params).asBool());
-    for (const Json::Value& item : store_->regions().list(4, 0, 1)) {
+    for (const Json::Value& item : store_->regions().list(
+             json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kReject)) {
       if (json::decodePath(item["item"].asString()) == path) {
         EXPECT_EQ(item["md5"].asString() != "", described) << owner;
         EXPECT_EQ(item["file_size"].asInt() != 0, described) << owner;
       }
     }
-    EXPECT_EQ(store_->regions().list(4, 0, 1).size(), described ? 2U : 1U);
+    EXPECT_EQ(store_->regions()
+                  .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kReject)
+                  .size(),
+              described ? 2U : 1U);
   }
 }
 
@@ -469,6 +488,35 @@ TEST_F(Service, AnUnknownKindOfSettingsIsAnErrorAnswer) {
       answer(rootsIdentity(), "getAVConfig", object(R"({"config_type":3,"request_source":1})"));
   EXPECT_THAT(whole["error"]["message"].asString() + whole["error"]["data"].asString(),
               HasSubstr("no settings of type 3"));
+}
+
+TEST_F(Service, AChangeOfAnUnknownKindIsRefusedAndRecordedWithItsNumber) {
+  EXPECT_FALSE(
+      call(rootsIdentity(), "setAVConfig",
+           object(R"({"config_str":"{\"Common\":{\"Flag\":true}}","config_type":3,"request_source":1})"))
+          .asBool());
+  EXPECT_EQ(audited("there are no settings of type 3"), 1);
+  Json::Value change = object(R"({"desc":"","region_type":2,"source":1})");
+  change["items"] = object(R"({"action":0,"type":0,"domain":0,"is_all":false,"items":["/a"]})");
+  EXPECT_FALSE(call(rootsIdentity(), "ctlRegion", change).asBool());
+  EXPECT_EQ(audited("there is no region 2"), 1);
+  change["region_type"] = -1;
+  EXPECT_FALSE(call(rootsIdentity(), "ctlRegion", change).asBool());
+  EXPECT_EQ(audited("there is no region -1"), 1);
+}
+
+TEST_F(Service, AListOfAnUnknownKindIsEmpty) {
+  Json::Value change = object(R"({"desc":"","region_type":0,"source":1})");
+  change["items"] = object(R"({"action":0,"type":0,"domain":0,"is_all":false,"items":["/a"]})");
+  ASSERT_TRUE(call(rootsIdentity(), "ctlRegion", change).asBool());
+  for (const char* query :
+       {R"({"domain":4,"item_type":7,"region_type":0})", R"({"domain":4,"item_type":-1,"region_type":0})",
+        R"({"domain":4,"item_type":0,"region_type":2})", R"({"domain":3,"item_type":0,"region_type":0})"}) {
+    EXPECT_TRUE(call(rootsIdentity(), "getRegionInfo", object(query)).empty()) << query;
+  }
+  EXPECT_EQ(
+      call(rootsIdentity(), "getRegionInfo", object(R"({"domain":4,"item_type":0,"region_type":0})")).size(),
+      1U);
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "platform/Posix.h"
 #include "store/CacheStore.h"
-#include "store/Posix.h"
 #include "store/Schema.h"
 #include "store_fixture.h"
 #include "support/FileCalls.h"
@@ -153,7 +153,7 @@ TEST_F(CacheTest, AFileThatHadChangedJustBeforeItWasMetIsNotRemembered) {
 
 TEST_F(CacheTest, AScanThatTookLongMakesNoFileOlderThanItWasWhenMet) {
   FileIdentity young = file(1);
-  const std::int64_t metNs = store::nowNs() - 3'600'000'000'000;
+  const std::int64_t metNs = platform::nowNs() - 3'600'000'000'000;
   young.changeTimeNs = metNs - 1'000'000;
   cache().remember(young, "v1", metNs);
   EXPECT_EQ(cache().count(), 0);

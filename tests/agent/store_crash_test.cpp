@@ -2,8 +2,8 @@
 #include <csignal>
 #include <fstream>
 
+#include "platform/Posix.h"
 #include "store/ItemFile.h"
-#include "store/Posix.h"
 #include "store/Sqlite.h"
 #include "store/Vault.h"
 #include "store_quarantine_fixture.h"

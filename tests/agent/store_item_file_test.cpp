@@ -5,9 +5,9 @@
 
 #include <fstream>
 
+#include "platform/Posix.h"
 #include "store/Digest.h"
 #include "store/ItemFile.h"
-#include "store/Posix.h"
 #include "store/Sqlite.h"
 #include "store_fixture.h"
 
@@ -32,7 +32,7 @@ class ItemFileTest : public testing::Test {
   }
   /// The bytes of an item of that content; its record may say something else.
   std::string itemOf(const std::string& content, const store::ItemMeta& meta) const {
-    const store::UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const platform::Descriptor fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     store::ItemWriter writer(fd.get(), UINT64_MAX);
     writer.add(content.data(), content.size());
     writer.finish(meta);
@@ -41,7 +41,7 @@ class ItemFileTest : public testing::Test {
   std::string itemOf(const std::string& content) const { return itemOf(content, metaOf(content)); }
   std::string whyDamaged(const std::string& bytes) const {
     std::ofstream(path_, std::ios::binary) << bytes;
-    const store::UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    const platform::Descriptor fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
     return store::whyDamaged(fd.get());
   }
   static std::string littleEndian(std::uint64_t number) {
@@ -123,7 +123,7 @@ TEST_F(ItemFileTest, ContentThatGoesOnBehindItsLengthIsRefusedBeforeItsEnd) {
   store::ItemMeta meta = metaOf(content);
   meta.size = 10;
   itemOf(content, meta);
-  const store::UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  const platform::Descriptor fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
   store::ItemReader reader(fd.get());
   char buffer[100];
   try {
@@ -140,7 +140,7 @@ TEST_F(ItemFileTest, ContentOfAnotherDigestThanItsRecordSaysIsRefused) {
 
 TEST_F(ItemFileTest, AFileThatIsCutWhileItIsReadIsRefused) {
   itemOf(std::string(1000, 'x'));
-  const store::UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
+  const platform::Descriptor fd(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
   store::ItemReader reader(fd.get());
   ASSERT_EQ(::ftruncate(fd.get(), kHeaderBytes), 0);
   char buffer[100];
@@ -153,7 +153,7 @@ TEST_F(ItemFileTest, AFileThatIsCutWhileItIsReadIsRefused) {
 }
 
 TEST_F(ItemFileTest, NoMoreIsWrittenThanIsAllowed) {
-  const store::UniqueFd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const platform::Descriptor fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   store::ItemWriter writer(fd.get(), 100);
   const std::string content = "a text of thirty bytes, or so";
   EXPECT_THROW(
@@ -171,7 +171,7 @@ TEST_F(ItemFileTest, AnItemMayBeAsLongAsIsAllowedAndNotAByteLonger) {
   const std::string content = "a text of thirty bytes, or so";
   const std::uint64_t size = itemOf(content).size();
   const auto writeWithin = [&](std::uint64_t allowed) {
-    const store::UniqueFd fd(::open(path_.c_str(), O_RDWR | O_TRUNC | O_CLOEXEC));
+    const platform::Descriptor fd(::open(path_.c_str(), O_RDWR | O_TRUNC | O_CLOEXEC));
     store::ItemWriter writer(fd.get(), allowed);
     writer.add(content.data(), content.size());
     writer.finish(metaOf(content));

@@ -181,7 +181,7 @@ TEST_F(LinkTest, WalkLeavesOneDescriptorOpen) {
   const auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   std::filesystem::create_directories(at("x/y/z"));
   const auto before = open();
-  const store::UniqueFd folder = store::openFolder(at("x/y/z"));
+  const platform::Descriptor folder = store::openFolder(at("x/y/z"));
   EXPECT_EQ(open(), before + 1);
   EXPECT_THROW(store::openFolder(at("x/y/absent")), store::StoreError);
   EXPECT_EQ(open(), before + 1);
@@ -202,8 +202,8 @@ INSTANTIATE_TEST_SUITE_P(Paths, SplitPathTest,
                          testing::Values(Split{"/a/b/c", "/a/b", "c"}, Split{"/a", "/", "a"},
                                          Split{"a", "", "a"}));
 TEST_P(SplitPathTest, GivesFolderAndName) {
-  EXPECT_EQ(store::splitPath(GetParam().path).folder, GetParam().folder);
-  EXPECT_EQ(store::splitPath(GetParam().path).name, GetParam().name);
+  EXPECT_EQ(platform::splitPath(GetParam().path).folder, GetParam().folder);
+  EXPECT_EQ(platform::splitPath(GetParam().path).name, GetParam().name);
 }
 
 TEST_F(LinkTest, WalkRefusesDotsRelativePathsFilesAndEndlessNames) {

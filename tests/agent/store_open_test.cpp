@@ -131,8 +131,9 @@ TEST_F(OpenTest, ADatabaseThatIsBusyForAMomentIsWaitedFor) {
   ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &other), SQLITE_OK);
   ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
   bool changed = false;
-  std::thread change(
-      [&] { changed = store().settings().change(0, R"({"Common":{"SkipSize":5}})", nullptr); });
+  std::thread change([&] {
+    changed = store().settings().change(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})", nullptr);
+  });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
   change.join();
@@ -151,7 +152,7 @@ TEST_F(OpenTest, AStoreFileDamagedInTheMiddleIsAClearErrorAndNotACrash) {
   for (int i = 0; i < 2000; ++i) {
     items["items"].append("name" + std::to_string(i));
   }
-  ASSERT_TRUE(store().regions().change(0, items, root(), nullptr));
+  ASSERT_TRUE(store().regions().change(json::Region::kTrust, items, root(), nullptr));
   store_.reset();
   std::fstream file(stateDir() + "/agent.db", std::ios::in | std::ios::out | std::ios::binary);
   file.seekp(8 * 4096);

@@ -86,7 +86,10 @@ QuarantineRequest QuarantineTest::requestFor(const std::string& path) {
   QuarantineRequest request;
   request.path = path;
   request.identity = FileIdentity::of(st);
-  request.detection = {.name = "Test.Detection", .engineCode = 3, .riskType = 1, .riskTypeName = "测试"};
+  request.detection = {.name = "Test.Detection",
+                       .engineCode = 3,
+                       .riskType = json::RiskType::kTestFile,
+                       .riskTypeName = "测试"};
   return request;
 }
 

@@ -5,9 +5,9 @@
 #include <fstream>
 #include <thread>
 
+#include "platform/Posix.h"
 #include "store/Digest.h"
 #include "store/ItemFile.h"
-#include "store/Posix.h"
 #include "store_quarantine_fixture.h"
 #include "support/FileCalls.h"
 #include "support/Mounts.h"
@@ -39,7 +39,7 @@ class AddTest : public QuarantineTest {
 TEST_F(AddTest, AFileGoesInAndIsListedWithAllFieldsOfItsRecord) {
   const std::string path = writeRich("a.bin");
   const std::string content = testsupport::readFile(path);
-  const std::int64_t start = store::nowSec();
+  const std::int64_t start = platform::nowSec();
   EXPECT_EQ(add(path).detail, "");
   EXPECT_FALSE(std::filesystem::exists(path));
   ASSERT_EQ(items().size(), 1U);
@@ -58,7 +58,7 @@ TEST_F(AddTest, AFileGoesInAndIsListedWithAllFieldsOfItsRecord) {
   EXPECT_EQ(item["risk_type_name"], "测试");
   EXPECT_EQ(item["uuid"].asString().size(), 36U);
   EXPECT_GE(item["isolate_time"].asInt64(), start);
-  EXPECT_LE(item["isolate_time"].asInt64(), store::nowSec());
+  EXPECT_LE(item["isolate_time"].asInt64(), platform::nowSec());
   EXPECT_EQ(item.size(), 14U);
 }
 
@@ -190,7 +190,7 @@ TEST_F(AddTest, ANameOfAnyBytesGoesInIsListedAndComesBack) {
 TEST_F(AddTest, ADescriptorIsEnoughAndStaysTheCallers) {
   const std::string path = write("by-descriptor", "content");
   QuarantineRequest request = requestFor(path);
-  const store::UniqueFd fd(::open(path.c_str(), O_RDONLY));
+  const platform::Descriptor fd(::open(path.c_str(), O_RDONLY));
   char byte = 0;
   ASSERT_EQ(::read(fd.get(), &byte, 1), 1);
   request.fd = fd.get();
@@ -259,7 +259,7 @@ TEST_F(AddTest, AFileThatIsGoneIsNotHandled) {
 TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotHandled) {
   const std::string path = write("gone");
   QuarantineRequest request = requestFor(path);
-  const store::UniqueFd fd(::open(path.c_str(), O_RDONLY));
+  const platform::Descriptor fd(::open(path.c_str(), O_RDONLY));
   request.fd = fd.get();
   std::filesystem::remove(path);
   struct stat st {};
@@ -270,7 +270,7 @@ TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotHandled) {
 
 TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotCopiedFirst) {
   const std::string path = write("gone");
-  const store::UniqueFd fd(::open(path.c_str(), O_RDONLY));
+  const platform::Descriptor fd(::open(path.c_str(), O_RDONLY));
   std::filesystem::rename(write("another"), path);
   QuarantineRequest request;
   request.path = path;
@@ -287,7 +287,7 @@ TEST_F(AddTest, AFileThatIsGoneButStillOpenIsNotCopiedFirst) {
 TEST_F(AddTest, ADescriptorOfNoRegularFileIsNotHandled) {
   ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
   for (const std::string& path : {at("pipe"), at("")}) {
-    const store::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const platform::Descriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     QuarantineRequest request = requestFor(path);
     request.fd = fd.get();
     expectRefused(store().quarantine().add(request), "it is not a regular file");
@@ -299,13 +299,13 @@ TEST_F(AddTest, ADescriptorOfNoRegularFileIsNotHandled) {
 
 TEST_F(AddTest, AFileWhosePathIsLongerThanTheKernelTellsIsNotHandled) {
   std::filesystem::create_directory(at("deep"));
-  store::UniqueFd folder(::open(at("deep").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  platform::Descriptor folder(::open(at("deep").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   for (int i = 0; i < 17; ++i) {
     const std::string name(250, 'd');
     ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0700), 0);
     folder.reset(::openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   }
-  const store::UniqueFd fd(::openat(folder.get(), "file", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const platform::Descriptor fd(::openat(folder.get(), "file", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   struct stat st {};
   ASSERT_EQ(::fstat(fd.get(), &st), 0);
   QuarantineRequest request;
@@ -352,7 +352,7 @@ TEST_F(AddTest, AFileThatCannotBeReadIsNotHandled) {
 TEST(Clock, IsNeverAheadOfWhatTheKernelStampsFilesWith) {
   const testsupport::TempDir folder;
   for (int i = 0; i < 200; ++i) {
-    const std::int64_t now = store::nowNs();
+    const std::int64_t now = platform::nowNs();
     struct stat st {};
     ASSERT_EQ(::stat(folder.write("file" + std::to_string(i), "").c_str(), &st), 0);
     ASSERT_LE(now, FileIdentity::of(st).modifyTimeNs);
@@ -503,7 +503,7 @@ class LimitTest : public AddTest {
  protected:
   void set(const std::string& change) {
     std::string why;
-    ASSERT_TRUE(store().settings().change(2, change, &why)) << why;
+    ASSERT_TRUE(store().settings().change(json::ConfigType::kQuarantine, change, &why)) << why;
   }
   /// Makes the items look as large and as old as that.
   void pretend(const char* values) {

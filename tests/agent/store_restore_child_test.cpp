@@ -242,7 +242,7 @@ TEST_F(RestoreChildTest, HasNoneOfTheAgentsStreamsAndHoldsItsBusyMark) {
 TEST_F(RestoreChildTest, WhoseAgentDiedBeforeItBeganRestoresNothing) {
   int ends[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  const store::UniqueFd agents(ends[0]);
+  const platform::Descriptor agents(ends[0]);
   const pid_t another = ::getppid();
   ASSERT_EQ(::write(agents.get(), "xC", 2), 2);
   EXPECT_EQ(inChild([&] { store::runRestore(job_, ends[1], another); }), 0);

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <fstream>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 #include "store/RestorePlan.h"
 #include "store/Sqlite.h"
 #include "store_quarantine_fixture.h"
@@ -143,7 +143,7 @@ TEST_F(RestoreTest, TheQuarantineIsMarkedBusyWhileAChildIsAtWorkAndNoLonger) {
   const std::string uuid = take(write("a"));
   const std::string vault = stateDir() + "/quarantine";
   const auto isFree = [vault] {
-    const store::UniqueFd folder(::open(vault.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const platform::Descriptor folder(::open(vault.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
   };
   EXPECT_TRUE(isFree());
@@ -181,7 +181,8 @@ TEST_F(RestoreTest, TrustAddsThePathToTheTrustRegion) {
   EXPECT_TRUE(restore(take(other), root(), "", false).ok);
   EXPECT_EQ(store().regions().byPath(trusted), RegionVerdict::kTrusted);
   EXPECT_EQ(store().regions().byPath(other), RegionVerdict::kNone);
-  const Json::Value entries = store().regions().list(4, 0, 0);
+  const Json::Value entries =
+      store().regions().list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust);
   ASSERT_EQ(entries.size(), 1U);
   EXPECT_EQ(entries[0]["item"], trusted);
   EXPECT_EQ(entries[0]["exist_state"], 1);

@@ -23,17 +23,17 @@ using store::SettingKind;
 class SettingsTest : public StoreTest {
  protected:
   Settings& settings() { return store().settings(); }
-  Json::Value value(int type, const char* section, const char* key) {
-    return (*settings().document(type))[section][key];
+  Json::Value value(json::ConfigType type, const char* section, const char* key) {
+    return settings().document(type)[section][key];
   }
-  std::string refusal(int type, const std::string& change) {
+  std::string refusal(json::ConfigType type, const std::string& change) {
     std::string why;
     EXPECT_FALSE(settings().change(type, change, &why)) << change;
     EXPECT_FALSE(why.empty());
     EXPECT_EQ(why.find('\n'), std::string::npos);
     return why;
   }
-  void accept(int type, const std::string& change) {
+  void accept(json::ConfigType type, const std::string& change) {
     std::string why = "untouched";
     EXPECT_TRUE(settings().change(type, change, &why)) << change << ": " << why;
     EXPECT_EQ(why, "");
@@ -49,8 +49,11 @@ std::string changeText(const Setting& setting, const Json::Value& value) {
 }
 
 std::string nameOf(const testing::TestParamInfo<Setting>& info) {
-  static const std::map<int, std::string> kTypes = {
-      {0, "Scan"}, {1, "RealTime"}, {2, "Quarantine"}, {4, "Engines"}};
+  static const std::map<json::ConfigType, std::string> kTypes = {
+      {json::ConfigType::kScan, "Scan"},
+      {json::ConfigType::kRealTime, "RealTime"},
+      {json::ConfigType::kQuarantine, "Quarantine"},
+      {json::ConfigType::kEngines, "Engines"}};
   return kTypes.at(info.param.configType) + info.param.section + info.param.key;
 }
 
@@ -139,8 +142,8 @@ TEST_P(EveryDocumentedSettingTest, StandsInTheOperatorsPageAsItIs) {
   std::string line;
   std::string section;
   bool found = false;
-  const std::string heading =
-      "### Type " + std::to_string(setting.configType) + ", section \"" + setting.section + "\"";
+  const std::string heading = "### Type " + std::to_string(json::toNumber(setting.configType)) +
+                              ", section \"" + setting.section + "\"";
   while (std::getline(page, line)) {
     section = line.starts_with("### ") ? line : section;
     found = found || (section == heading && line.starts_with(row.str()));
@@ -148,31 +151,28 @@ TEST_P(EveryDocumentedSettingTest, StandsInTheOperatorsPageAsItIs) {
   EXPECT_TRUE(found) << heading << "\n" << row.str();
 }
 
-TEST_F(SettingsTest, DocumentsAreThereForTypes0124AndNoOther) {
-  for (const int type : {-1, 3, 5, 100}) {
-    EXPECT_FALSE(settings().document(type).has_value()) << type;
-  }
-  for (const int type : {0, 1, 2, 4}) {
-    ASSERT_TRUE(settings().document(type).has_value()) << type;
+TEST_F(SettingsTest, EveryTypeHasADocument) {
+  for (const json::ConfigType type : json::kValuesOf<json::ConfigType>) {
+    EXPECT_TRUE(settings().document(type).isObject()) << json::toNumber(type);
   }
 }
 
 TEST_F(SettingsTest, DocumentsHoldEverySectionAndKeyThatTheDisplayReads) {
-  const std::map<int, std::map<std::string, std::vector<std::string>>> displayed = {
-      {0,
+  const std::map<json::ConfigType, std::map<std::string, std::vector<std::string>>> displayed = {
+      {json::ConfigType::kScan,
        {{"Common",
          {"NetworkmapScan", "AntiInfection", "SkipSystemRepair", "ScanFileType", "FixMethod", "HandleAction",
           "ScanWithCache", "MemCheck", "FixMethod_MemRisk", "SkipSize", "Parallelism", "CloudScanType"}},
         {"Compressed", {"Flag", "Layer", "FileSize", "Format"}}}},
-      {1,
+      {json::ConfigType::kRealTime,
        {{"Common",
          {"Flag", "AllowDelayStart", "ScanFileType", "FixMethod", "ProtectLevel", "SkipSize", "CloudScanType",
           "FileTraceSourceType"}},
         {"Compressed", {"Flag", "SkipPass", "Layer", "FileSize", "Format"}}}},
-      {2,
+      {json::ConfigType::kQuarantine,
        {{"Common", {"SizeLimit"}},
         {"AutoClean", {"Flag", "CleanType", "CleanTime", "CleanUnit", "CleanRate"}}}},
-      {4,
+      {json::ConfigType::kEngines,
        {{"MultiEngines",
          {"HCengine", "HCengineRP", "UMBengine", "UMBengineRP", "IXOengine", "IXOengineRP", "RDAengine",
           "RDAengineRP", "RDAOLDengine", "RDAOLDengineRP", "CloudEngine", "CloudEngineRP"}},
@@ -182,73 +182,78 @@ TEST_F(SettingsTest, DocumentsHoldEverySectionAndKeyThatTheDisplayReads) {
   for (const auto& [type, sections] : displayed) {
     for (const auto& [section, keys] : sections) {
       for (const std::string& key : keys) {
-        EXPECT_TRUE((*settings().document(type))[section].isMember(key)) << type << section << key;
+        EXPECT_TRUE(settings().document(type)[section].isMember(key))
+            << json::toNumber(type) << section << key;
       }
     }
   }
 }
 
 TEST_F(SettingsTest, ThreatsAreReportedOnlyUnlessSetOtherwise) {
-  EXPECT_EQ(value(0, "Common", "FixMethod").asInt(), 2);
-  EXPECT_EQ(value(1, "Common", "FixMethod").asInt(), 2);
+  EXPECT_EQ(value(json::ConfigType::kScan, "Common", "FixMethod").asInt(), 2);
+  EXPECT_EQ(value(json::ConfigType::kRealTime, "Common", "FixMethod").asInt(), 2);
 }
 
 TEST_F(SettingsTest, AChangeTouchesOnlyTheKeysItNames) {
-  const Json::Value before = *settings().document(0);
-  accept(0, R"({"Common":{"Parallelism":8,"SkipSize":5}})");
+  const Json::Value before = settings().document(json::ConfigType::kScan);
+  accept(json::ConfigType::kScan, R"({"Common":{"Parallelism":8,"SkipSize":5}})");
   Json::Value expected = before;
   expected["Common"]["Parallelism"] = 8;
   expected["Common"]["SkipSize"] = 5;
-  EXPECT_EQ(*settings().document(0), expected);
+  EXPECT_EQ(settings().document(json::ConfigType::kScan), expected);
 }
 
 TEST_F(SettingsTest, CommonNullIsAChangeOfNothingAndAnsweredTrue) {
-  const Json::Value before = *settings().document(0);
+  const Json::Value before = settings().document(json::ConfigType::kScan);
   const auto generation = settings().generation();
-  accept(0, R"({"Common":null})");
-  accept(0, "{}");
-  EXPECT_EQ(*settings().document(0), before);
+  accept(json::ConfigType::kScan, R"({"Common":null})");
+  accept(json::ConfigType::kScan, "{}");
+  EXPECT_EQ(settings().document(json::ConfigType::kScan), before);
   EXPECT_EQ(settings().generation(), generation);
 }
 
 TEST_F(SettingsTest, OneWrongValueRefusesTheWholeChange) {
-  const Json::Value before = *settings().document(0);
-  EXPECT_EQ(refusal(0, R"({"Common":{"SkipSize":5,"Parallelism":100}})"),
+  const Json::Value before = settings().document(json::ConfigType::kScan);
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":5,"Parallelism":100}})"),
             "Common.Parallelism must be 0 to 64, not 100");
-  EXPECT_EQ(refusal(0, R"({"Common":{"SkipSize":-5}})"), "Common.SkipSize must be 0 to 1048576, not -5");
-  EXPECT_EQ(*settings().document(0), before);
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":-5}})"),
+            "Common.SkipSize must be 0 to 1048576, not -5");
+  EXPECT_EQ(settings().document(json::ConfigType::kScan), before);
   reopen();
-  EXPECT_EQ(*settings().document(0), before);
+  EXPECT_EQ(settings().document(json::ConfigType::kScan), before);
 }
 
 TEST_F(SettingsTest, AnUnknownKeySectionOrTypeIsRefused) {
-  EXPECT_EQ(refusal(0, R"({"Common":{"Colour":1}})"), "there is no setting Common.Colour");
-  EXPECT_EQ(refusal(0, R"({"Watcher":{"Flag":true}})"), "there is no section Watcher in settings of type 0");
-  EXPECT_EQ(refusal(0, R"({"MultiEngines":null})"), "there is no section MultiEngines in settings of type 0");
-  EXPECT_EQ(refusal(3, R"({"Common":{"Flag":true}})"), "there are no settings of type 3");
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"Colour":1}})"),
+            "there is no setting Common.Colour");
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Watcher":{"Flag":true}})"),
+            "there is no section Watcher in settings of type 0");
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"MultiEngines":null})"),
+            "there is no section MultiEngines in settings of type 0");
 }
 
 TEST_F(SettingsTest, ATextThatIsNoChangeIsRefused) {
   for (const char* text : {"", "null", "[]", "3", "\"x\"", "{", R"({"Common":[]})", R"({"Common":3})"}) {
-    refusal(0, text);
+    refusal(json::ConfigType::kScan, text);
   }
-  refusal(0, std::string(100000, '['));
-  refusal(0, R"({"Common":{"SkipSize":)" + std::string(2 << 20, '1') + "}}");
+  refusal(json::ConfigType::kScan, std::string(100000, '['));
+  refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":)" + std::string(2 << 20, '1') + "}}");
 }
 
 TEST_F(SettingsTest, AChangeOfMoreThanAMebibyteIsRefused) {
   const std::string change = R"({"Common":{"SkipSize":5}})";
-  EXPECT_EQ(refusal(0, change + std::string((1 << 20) + 1 - change.size(), ' ')),
+  EXPECT_EQ(refusal(json::ConfigType::kScan, change + std::string((1 << 20) + 1 - change.size(), ' ')),
             "the change is longer than 1048576 bytes");
-  accept(0, change + std::string((1 << 20) - change.size(), ' '));
+  accept(json::ConfigType::kScan, change + std::string((1 << 20) - change.size(), ' '));
 }
 
 TEST_F(SettingsTest, ATextLongerThanItMayBeIsRefused) {
   const auto change = [](std::size_t size) {
     return R"({"Cloud":{"PublicCloudUrl":")" + std::string(size, 'x') + R"("}})";
   };
-  accept(4, change(2048));
-  EXPECT_EQ(refusal(4, change(2049)), "Cloud.PublicCloudUrl must be at most 2048 bytes long");
+  accept(json::ConfigType::kEngines, change(2048));
+  EXPECT_EQ(refusal(json::ConfigType::kEngines, change(2049)),
+            "Cloud.PublicCloudUrl must be at most 2048 bytes long");
 }
 
 TEST_F(SettingsTest, AChangeThatCannotBeStoredIsNone) {
@@ -261,50 +266,54 @@ TEST_F(SettingsTest, AChangeThatCannotBeStoredIsNone) {
       SQLITE_OK);
   sqlite3_close(db);
   const auto generation = settings().generation();
-  EXPECT_THAT(refusal(0, R"({"Common":{"SkipSize":5}})"), testing::StartsWith("cannot be stored: "));
-  EXPECT_EQ(value(0, "Common", "SkipSize").asInt(), 0);
+  EXPECT_THAT(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})"),
+              testing::StartsWith("cannot be stored: "));
+  EXPECT_EQ(value(json::ConfigType::kScan, "Common", "SkipSize").asInt(), 0);
   EXPECT_EQ(settings().generation(), generation);
 }
 
 TEST_F(SettingsTest, ReasonsShowControlCharacters) {
-  EXPECT_EQ(refusal(0, R"({"Common":{"a\u001b[2J\nb":1}})"), "there is no setting Common.a\\x1b[2J\\nb");
-  EXPECT_EQ(refusal(4, R"({"Cloud":{"PublicCloudUrl":"a\nb"}})"),
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"a\u001b[2J\nb":1}})"),
+            "there is no setting Common.a\\x1b[2J\\nb");
+  EXPECT_EQ(refusal(json::ConfigType::kEngines, R"({"Cloud":{"PublicCloudUrl":"a\nb"}})"),
             "Cloud.PublicCloudUrl must be one line of plain text");
 }
 
 TEST_F(SettingsTest, ArchiveFormatsAreOfTheKnownOnesEachOnce) {
-  accept(0, R"({"Compressed":{"Format":["zip","rar"]}})");
-  EXPECT_EQ(value(0, "Compressed", "Format"), parsed(R"(["zip","rar"])"));
-  refusal(0, R"({"Compressed":{"Format":["zip","zip"]}})");
-  refusal(0, R"({"Compressed":{"Format":["ZIP"]}})");
-  refusal(0, R"({"Compressed":{"Format":["zip rar"]}})");
-  refusal(0, R"({"Compressed":{"Format":[""]}})");
-  refusal(0, R"({"Compressed":{"Format":[7]}})");
+  accept(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip","rar"]}})");
+  EXPECT_EQ(value(json::ConfigType::kScan, "Compressed", "Format"), parsed(R"(["zip","rar"])"));
+  refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip","zip"]}})");
+  refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["ZIP"]}})");
+  refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip rar"]}})");
+  refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":[""]}})");
+  refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":[7]}})");
 }
 
 TEST_F(SettingsTest, EveryLineOfTheConsolesGrammarIsAcceptedWithValuesInRange) {
-  const std::vector<std::pair<int, std::string>> changes = {
-      {0, R"({"Common":{"FixMethod":0}})"},
-      {0, R"({"Common":{"FixMethod":2}})"},
-      {0, R"({"Common":{"AntiInfection":true}})"},
-      {0, R"({"Common":{"MemCheck":true}})"},
-      {0, R"({"Common":{"FixMethod_MemRisk":1}})"},
-      {0, R"({"Common":{"ScanWithCache":false}})"},
-      {0, R"({"Common":{"ScanFileType":2}})"},
-      {0, R"({"Common":{"SkipSize":10}})"},
-      {0, R"({"Common":{"Parallelism":8}})"},
-      {0, R"({"Common":{"CloudScanType":1}})"},
-      {0, R"({"Compressed":{"Flag":true,"Layer":3,"FileSize":20}})"},
-      {1, R"({"Common":{"FixMethod":0,"HandleAction":0}})"},
-      {1, R"({"Common":{"FixMethod":2,"HandleAction":3}})"},
-      {1, R"({"Common":{"ProtectLevel":2}})"},
-      {1, R"({"Common":{"ScanFileType":1,"SkipSize":1,"Flag":true,"ScanWithCache":true}})"},
-      {1, R"({"Common":null})"},
-      {1, R"({"Common":{"CloudScanType":0,"FileTraceSourceType":1}})"},
-      {1, R"({"Compressed":{"Flag":true,"Layer":2,"FileSize":3,"SkipPass":true}})"},
-      {4, R"({"MultiEngines":{"IXOengine":false,"IXOengineRP":false}})"},
-      {4, R"({"MultiEngines":{"CloudEngine":true,"CloudEngineRP":true},"Cloud":{"Type":0}})"},
-      {4, R"({"MultiEngines":{"CloudEngine":false,"CloudEngineRP":false}})"}};
+  const std::vector<std::pair<json::ConfigType, std::string>> changes = {
+      {json::ConfigType::kScan, R"({"Common":{"FixMethod":0}})"},
+      {json::ConfigType::kScan, R"({"Common":{"FixMethod":2}})"},
+      {json::ConfigType::kScan, R"({"Common":{"AntiInfection":true}})"},
+      {json::ConfigType::kScan, R"({"Common":{"MemCheck":true}})"},
+      {json::ConfigType::kScan, R"({"Common":{"FixMethod_MemRisk":1}})"},
+      {json::ConfigType::kScan, R"({"Common":{"ScanWithCache":false}})"},
+      {json::ConfigType::kScan, R"({"Common":{"ScanFileType":2}})"},
+      {json::ConfigType::kScan, R"({"Common":{"SkipSize":10}})"},
+      {json::ConfigType::kScan, R"({"Common":{"Parallelism":8}})"},
+      {json::ConfigType::kScan, R"({"Common":{"CloudScanType":1}})"},
+      {json::ConfigType::kScan, R"({"Compressed":{"Flag":true,"Layer":3,"FileSize":20}})"},
+      {json::ConfigType::kRealTime, R"({"Common":{"FixMethod":0,"HandleAction":0}})"},
+      {json::ConfigType::kRealTime, R"({"Common":{"FixMethod":2,"HandleAction":3}})"},
+      {json::ConfigType::kRealTime, R"({"Common":{"ProtectLevel":2}})"},
+      {json::ConfigType::kRealTime,
+       R"({"Common":{"ScanFileType":1,"SkipSize":1,"Flag":true,"ScanWithCache":true}})"},
+      {json::ConfigType::kRealTime, R"({"Common":null})"},
+      {json::ConfigType::kRealTime, R"({"Common":{"CloudScanType":0,"FileTraceSourceType":1}})"},
+      {json::ConfigType::kRealTime, R"({"Compressed":{"Flag":true,"Layer":2,"FileSize":3,"SkipPass":true}})"},
+      {json::ConfigType::kEngines, R"({"MultiEngines":{"IXOengine":false,"IXOengineRP":false}})"},
+      {json::ConfigType::kEngines,
+       R"({"MultiEngines":{"CloudEngine":true,"CloudEngineRP":true},"Cloud":{"Type":0}})"},
+      {json::ConfigType::kEngines, R"({"MultiEngines":{"CloudEngine":false,"CloudEngineRP":false}})"}};
   for (const auto& [type, change] : changes) {
     accept(type, change);
   }
@@ -312,16 +321,16 @@ TEST_F(SettingsTest, EveryLineOfTheConsolesGrammarIsAcceptedWithValuesInRange) {
 
 TEST_F(SettingsTest, TheGenerationGrowsWithEveryRealChangeOnly) {
   const auto first = settings().generation();
-  accept(0, R"({"Common":{"SkipSize":5}})");
+  accept(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})");
   const auto second = settings().generation();
   EXPECT_GT(second, first);
-  accept(0, R"({"Common":{"SkipSize":5}})");
-  refusal(0, R"({"Common":{"SkipSize":-1}})");
+  accept(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})");
+  refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":-1}})");
   EXPECT_EQ(settings().generation(), second);
 }
 
 TEST_F(SettingsTest, AStoredValueThatIsNotAllowedGivesWayToItsDefaultAndIsSaid) {
-  accept(0, R"({"Common":{"SkipSize":5,"Parallelism":8}})");
+  accept(json::ConfigType::kScan, R"({"Common":{"SkipSize":5,"Parallelism":8}})");
   store_.reset();
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &db), SQLITE_OK);
@@ -332,9 +341,9 @@ TEST_F(SettingsTest, AStoredValueThatIsNotAllowedGivesWayToItsDefaultAndIsSaid) 
             SQLITE_OK);
   sqlite3_close(db);
   reopen();
-  EXPECT_EQ(value(0, "Common", "SkipSize").asInt(), 0);
-  EXPECT_EQ(value(0, "Common", "Parallelism").asInt(), 8);
-  EXPECT_FALSE((*settings().document(0))["Common"].isMember("Old"));
+  EXPECT_EQ(value(json::ConfigType::kScan, "Common", "SkipSize").asInt(), 0);
+  EXPECT_EQ(value(json::ConfigType::kScan, "Common", "Parallelism").asInt(), 8);
+  EXPECT_FALSE(settings().document(json::ConfigType::kScan)["Common"].isMember("Old"));
   EXPECT_THAT(store().notices(),
               testing::Contains(testing::HasSubstr("Common.SkipSize must be 0 to 1048576")));
   EXPECT_THAT(store().notices(), testing::Contains(testing::HasSubstr("type 2: not a JSON object")));
@@ -347,8 +356,9 @@ TEST_F(SettingsTest, ChangesFromSeveralThreadsAllHold) {
     threads.emplace_back([&, key] {
       for (int i = 0; i < 10; ++i) {
         EXPECT_TRUE(settings().change(
-            0, R"({"Common":{")" + key + R"(":)" + (i % 2 == 0 ? "false" : "true") + "}}", nullptr));
-        EXPECT_TRUE(settings().document(0).has_value());
+            json::ConfigType::kScan,
+            R"({"Common":{")" + key + R"(":)" + (i % 2 == 0 ? "false" : "true") + "}}", nullptr));
+        EXPECT_TRUE(settings().document(json::ConfigType::kScan).isObject());
       }
     });
   }
@@ -356,7 +366,7 @@ TEST_F(SettingsTest, ChangesFromSeveralThreadsAllHold) {
     thread.join();
   }
   for (const std::string& key : keys) {
-    EXPECT_TRUE(value(0, "Common", key.c_str()).asBool()) << key;
+    EXPECT_TRUE(value(json::ConfigType::kScan, "Common", key.c_str()).asBool()) << key;
   }
 }
 

@@ -65,11 +65,11 @@ TEST_F(TaskWords, ThatWaitAreAllKeptButForOldProgressAndOldOverviews) {
     words->progress(i);
     overview["number"] = i;
     words->overview(overview);
-    words->state(TaskEvents::kPaused, {});
+    words->state(json::TaskState::kPaused, {});
     words->stage(i, "a stage");
     words->attributes(overview);
-    words->risk(kFileRisk, 0, overview);
-    words->repaired(kFileRisk, 0, overview, overview);
+    words->risk(json::RiskInfoType::kFile, json::Handling::kAutomatic, overview);
+    words->repaired(json::RiskInfoType::kFile, json::Handling::kAutomatic, overview, overview);
   }
   sendAll();
   std::vector<std::string> methods;
@@ -88,7 +88,7 @@ TEST_F(TaskWords, ThatWaitAreAllKeptButForOldProgressAndOldOverviews) {
 }
 
 TEST_F(TaskWords, OfAStateAreOneVisibleLineWithTheEnvelopeOfTheTask) {
-  wordsTo(0, true)->state(TaskEvents::kAborted, "two\nlines\x1b[31m");
+  wordsTo(0, true)->state(json::TaskState::kAborted, "two\nlines\x1b[31m");
   sendAll();
   const Json::Value params = sent().at(0)["params"];
   EXPECT_EQ("two\\nlines\\x1b[31m", params["detail"].asString());
@@ -105,10 +105,10 @@ TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheRoomOfTheirOwner) {
     ++asked;
     return true;
   };
-  words->state(TaskEvents::kAborted, "a word");
+  words->state(json::TaskState::kAborted, "a word");
   words->waitForRoom(cancelled);
   EXPECT_EQ(0, asked);
-  words->state(TaskEvents::kAborted, std::string(10'000, 'x'));
+  words->state(json::TaskState::kAborted, std::string(10'000, 'x'));
   words->waitForRoom(cancelled);
   EXPECT_EQ(1, asked);
   sendAll();
@@ -117,7 +117,7 @@ TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheRoomOfTheirOwner) {
 TEST_F(TaskWords, AreFollowedByTheActionOfTheirEnd) {
   const auto words = wordsTo(0, true);
   std::size_t sentBefore = 0;
-  words->state(TaskEvents::kFinished, {});
+  words->state(json::TaskState::kFinished, {});
   words->whenTold([&] { sentBefore = endpoint.sent.size(); });
   sendAll();
   EXPECT_EQ(1U, sentBefore);
@@ -136,8 +136,8 @@ TEST_P(WordsToTwo, ATimeoutPutsOffAllOwnersOfThatUserWhenNotTrusted) {
   endpoint.onewayResult = lunet::kErrTimeout;
   const auto first = wordsTo(GetParam().first, GetParam().trusted, "first");
   const auto second = wordsTo(GetParam().second, GetParam().trusted, "second");
-  first->state(TaskEvents::kCreated, {});
-  second->state(TaskEvents::kCreated, {});
+  first->state(json::TaskState::kCreated, {});
+  second->state(json::TaskState::kCreated, {});
   std::promise<std::size_t> tried;
   outbox.post(std::make_shared<Mailbox>("the last"), NoticeKind::kKept, 0, [&]() -> std::uint32_t {
     tried.set_value(endpoint.sent.size());

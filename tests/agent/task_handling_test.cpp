@@ -23,8 +23,8 @@ using ::testing::HasSubstr;
 class Handling : public testing::Test {
  protected:
   Handling() {
-    plan_.fixMethod = 0;
-    plan_.handling = ScanPlan::Handling::kDelete;
+    plan_.handling = json::Handling::kAutomatic;
+    plan_.action = json::HandleAction::kDelete;
   }
   void TearDown() override { store::stepHook = nullptr; }
 
@@ -40,10 +40,10 @@ class Handling : public testing::Test {
   static Verdict infected() {
     Verdict verdict;
     verdict.outcome = Outcome::kInfected;
-    verdict.detections.push_back(Detection{"Test", 0, 1, "test"});
+    verdict.detections.push_back(Detection{"Test", 0, json::RiskType::kTestFile, "test"});
     return verdict;
   }
-  int handle(std::shared_ptr<ScanJob> job, Verdict verdict = infected()) {
+  std::optional<json::HandleResult> handle(std::shared_ptr<ScanJob> job, Verdict verdict = infected()) {
     const std::string path = job->path;
     DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
     handler.found(std::move(job), std::move(verdict));
@@ -63,37 +63,37 @@ class Handling : public testing::Test {
 TEST_F(Handling, TheScannedFileIsRemovedAndNothingIsLeft) {
   std::filesystem::create_directory(folder_.at("d"));
   const std::string path = folder_.write("d/file", "bad");
-  EXPECT_EQ(handle(scanned(path)), 1);
+  EXPECT_EQ(handle(scanned(path)), json::HandleResult::kQuarantined);
   EXPECT_TRUE(std::filesystem::is_empty(folder_.at("d")));
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
 
 class HandledBy : public Handling,
-                  public testing::WithParamInterface<std::pair<const char*, ScanPlan::Handling>> {};
+                  public testing::WithParamInterface<std::pair<const char*, json::HandleAction>> {};
 
 TEST_P(HandledBy, AFileThatCameInThePlaceOfTheScannedOneStays) {
-  plan_.handling = GetParam().second;
+  plan_.action = GetParam().second;
   const std::string path = folder_.write("d/file", "bad");
   const std::shared_ptr<ScanJob> job = scanned(path);
   std::filesystem::rename(folder_.write("good", "good"), path);
-  EXPECT_EQ(handle(job), 4);
+  EXPECT_EQ(handle(job), json::HandleResult::kFailed);
   EXPECT_EQ(testsupport::readFile(path), "good");
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
 
 TEST_P(HandledBy, AFileThatWasWrittenAfterItsScanStays) {
-  plan_.handling = GetParam().second;
+  plan_.action = GetParam().second;
   const std::string path = folder_.write("d/file", "bad");
   const std::shared_ptr<ScanJob> job = scanned(path);
   folder_.write("d/file", "good by now");
-  EXPECT_EQ(handle(job), 4);
+  EXPECT_EQ(handle(job), json::HandleResult::kFailed);
   EXPECT_EQ(testsupport::readFile(path), "good by now");
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Actions, HandledBy,
-                         testing::Values(std::pair("Deletion", ScanPlan::Handling::kDelete),
-                                         std::pair("Quarantine", ScanPlan::Handling::kQuarantine)),
+                         testing::Values(std::pair("Deletion", json::HandleAction::kDelete),
+                                         std::pair("Quarantine", json::HandleAction::kQuarantine)),
                          [](const auto& row) { return std::string(row.param.first); });
 
 TEST_F(Handling, AnAgentThatIsNotRootMindsNoOwnerForItsOwnUserAndForRoot) {
@@ -107,7 +107,7 @@ TEST_F(Handling, AnAgentThatIsNotRootMindsNoOwnerForItsOwnUserAndForRoot) {
     std::thread([&] {
       // Of this thread and the handler's, which it starts.
       ASSERT_EQ(0, syscall(SYS_setresuid, kUser, kUser, kUser));
-      EXPECT_EQ(handle(job), 4);  // the kernel minds them
+      EXPECT_EQ(handle(job), json::HandleResult::kFailed);  // the kernel minds them
     }).join();
     const bool minded = told_.handledHow(path).find("belongs to another user") != std::string::npos;
     EXPECT_EQ(uid == kUser + 1, minded) << told_.handledHow(path);
@@ -126,22 +126,22 @@ TEST_F(Handling, AnotherFileThatWasTakenAtTheLastMomentIsPutBack) {
       }
     }
   };
-  EXPECT_EQ(handle(scanned(path)), 4);
+  EXPECT_EQ(handle(scanned(path)), json::HandleResult::kFailed);
   EXPECT_EQ(testsupport::readFile(path), "good");
 }
 
 TEST_F(Handling, AFileWhoseBytesAreNotTheScannedOnesIsNotQuarantined) {
-  plan_.handling = ScanPlan::Handling::kQuarantine;
+  plan_.action = json::HandleAction::kQuarantine;
   const std::string path = folder_.write("d/file", "bad");
   Verdict verdict = infected();
   verdict.md5 = "900150983cd24fb0d6963f7d28e17f72";  // of "abc"
-  EXPECT_EQ(handle(scanned(path), verdict), 4);
+  EXPECT_EQ(handle(scanned(path), verdict), json::HandleResult::kFailed);
   EXPECT_THAT(told_.handledHow(path), HasSubstr("changed after it was scanned"));
   EXPECT_EQ(testsupport::readFile(path), "bad");
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 
   verdict.md5 = "bae60998ffe4923b131e3d6e4c19993e";
-  EXPECT_EQ(handle(scanned(path), verdict), 1);
+  EXPECT_EQ(handle(scanned(path), verdict), json::HandleResult::kQuarantined);
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
@@ -151,7 +151,7 @@ TEST_F(Handling, ADetectionWithATrustedHashIsToldAsTrustedAndLeftAlone) {
     DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
     handler.foundTrusted(scanned(path), infected());
   }
-  EXPECT_EQ(told_.handled(path), 6);
+  EXPECT_EQ(told_.handled(path), json::HandleResult::kTrusted);
   EXPECT_TRUE(told_.risks().empty());
   EXPECT_EQ(testsupport::readFile(path), "bad");
   EXPECT_EQ(counters_.overview("").trusted_risk_count, 1);
@@ -159,9 +159,9 @@ TEST_F(Handling, ADetectionWithATrustedHashIsToldAsTrustedAndLeftAlone) {
 }
 
 TEST_F(Handling, ADetectionThatIsOnlyReportedStaysAndCountsAsLeftAlone) {
-  plan_.handling = ScanPlan::Handling::kNothing;
+  plan_.action = json::HandleAction::kNothing;
   const std::string path = folder_.write("d/file", "bad");
-  EXPECT_EQ(handle(scanned(path)), 3);
+  EXPECT_EQ(handle(scanned(path)), json::HandleResult::kReportedOnly);
   EXPECT_EQ(testsupport::readFile(path), "bad");
   const JsonReflect::ScanBusOverView view = counters_.overview("");
   EXPECT_EQ(view.checkout_risk_count, 1);
@@ -174,7 +174,7 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
   EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
   const std::shared_ptr<ScanJob> gone = scanned(folder_.write("d/gone", "bad"));
   std::filesystem::remove(gone->path);
-  EXPECT_EQ(handle(gone), 4);
+  EXPECT_EQ(handle(gone), json::HandleResult::kFailed);
   EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
   EXPECT_EQ(counters_.overview("").disposed_risk_count, 2);
   const std::string audit = testsupport::readFile(folder_.at("state/audit.log"));
@@ -184,22 +184,22 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
 }
 
 TEST_F(Handling, TheQuarantineIsToldTheDetection) {
-  plan_.handling = ScanPlan::Handling::kQuarantine;
-  EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), 1);
+  plan_.action = json::HandleAction::kQuarantine;
+  EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), json::HandleResult::kQuarantined);
   EXPECT_EQ("Test", store_->quarantine().list(std::nullopt)[0]["virus_name"].asString());
 }
 
 TEST_F(Handling, AProcessThatIsNotEndedIsToldAsThat) {
-  plan_.handling = ScanPlan::Handling::kNothing;
+  plan_.action = json::HandleAction::kNothing;
   plan_.memoryCheck = plan_.endProcesses = true;
   handle(scanned("/proc/self/exe"));  // what runs the agent's own program is spared
   EXPECT_THAT(told_.processes(), Contains(getpid()));
-  EXPECT_EQ(told_.handled(getpid()), 4);
+  EXPECT_EQ(told_.handled(getpid()), json::HandleResult::kFailed);
 }
 
 TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {
   constexpr int kMany = 200;
-  plan_.handling = ScanPlan::Handling::kNothing;
+  plan_.action = json::HandleAction::kNothing;
   const std::shared_ptr<ScanJob> job = scanned(folder_.write("d/file", "bad"));
   told_.held = true;
   {
@@ -220,7 +220,7 @@ TEST_F(Handling, AStopEndsTheWaitForAnOwnerWhoTakesNothing) {
   ASSERT_TRUE(testsupport::waitFor([this] { return told_.waiting.load(); }));
   control_.stop("enough");
   handler.waitBelow(1);
-  EXPECT_EQ(told_.handled(path), 1);
+  EXPECT_EQ(told_.handled(path), json::HandleResult::kQuarantined);
 }
 
 }  // namespace

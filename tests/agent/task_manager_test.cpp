@@ -77,8 +77,8 @@ class Tasks : public ::testing::Test {
     }
     return tokens;
   }
-  bool control(int action, const std::string& token, uid_t uid) {
-    return tasks.control(action, token, "", callerOf(uid), &why);
+  bool control(json::ControlAction action, const std::string& token, uid_t uid) {
+    return tasks.control(json::toNumber(action), token, "", callerOf(uid), &why);
   }
   /// The states that a task's owner was told. Only when no task is under way.
   std::vector<int> statesTold(const std::string& token) {
@@ -134,14 +134,14 @@ class TasksOfAnother : public Tasks, public ::testing::WithParamInterface<std::p
 TEST_P(TasksOfAnother, AreUnknownToAUserWhoWouldSteerThem) {
   const TaskManager::Started task = start(GetParam().second);
   ASSERT_TRUE(task.ok) << task.detail;
-  for (const int action : {TaskManager::kPause, TaskManager::kStop}) {
+  for (const json::ControlAction action : {json::ControlAction::kPause, json::ControlAction::kStop}) {
     EXPECT_FALSE(control(action, task.token, kThird));
     EXPECT_EQ("no such task", why);
   }
   EXPECT_FALSE(tasks.list(callerOf(0)).empty());
   EXPECT_EQ(1, tasks.list(callerOf(0))[0]["state"].asInt());
-  ASSERT_TRUE(control(TaskManager::kPause, task.token, 0));
-  EXPECT_FALSE(control(TaskManager::kResume, task.token, kThird));
+  ASSERT_TRUE(control(json::ControlAction::kPause, task.token, 0));
+  EXPECT_FALSE(control(json::ControlAction::kResume, task.token, kThird));
   EXPECT_EQ("no such task", why);
   EXPECT_EQ(3, tasks.list(callerOf(0))[0]["state"].asInt());
 }
@@ -156,13 +156,13 @@ TEST_P(SteeredBy, ThoseWhoSeeATaskItIsPausedResumedAndStopped) {
   const TaskManager::Started task = start(kUser);
   ASSERT_TRUE(task.ok) << task.detail;
   const uid_t by = GetParam().second;
-  EXPECT_FALSE(control(TaskManager::kResume, task.token, by));
+  EXPECT_FALSE(control(json::ControlAction::kResume, task.token, by));
   EXPECT_EQ("the task is not in a state for that", why);
-  EXPECT_TRUE(control(TaskManager::kPause, task.token, by)) << why;
-  EXPECT_FALSE(control(TaskManager::kPause, task.token, by));
-  EXPECT_TRUE(control(TaskManager::kResume, task.token, by)) << why;
+  EXPECT_TRUE(control(json::ControlAction::kPause, task.token, by)) << why;
+  EXPECT_FALSE(control(json::ControlAction::kPause, task.token, by));
+  EXPECT_TRUE(control(json::ControlAction::kResume, task.token, by)) << why;
   EXPECT_EQ("", why);
-  EXPECT_TRUE(control(TaskManager::kStop, task.token, by)) << why;
+  EXPECT_TRUE(control(json::ControlAction::kStop, task.token, by)) << why;
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
   EXPECT_EQ(5, statesTold(task.token).back());
   EXPECT_EQ("stopped", last["detail"].asString());
@@ -174,10 +174,10 @@ INSTANTIATE_TEST_SUITE_P(Callers, SteeredBy,
 
 TEST_F(Tasks, AnUnknownTokenAndAnUnknownActionAreRefused) {
   const TaskManager::Started task = start(0);
-  EXPECT_FALSE(control(TaskManager::kStop, "none", 0));
+  EXPECT_FALSE(control(json::ControlAction::kStop, "none", 0));
   EXPECT_EQ("no such task", why);
   for (const int action : {0, 4}) {
-    EXPECT_FALSE(control(action, task.token, 0));
+    EXPECT_FALSE(tasks.control(action, task.token, "", callerOf(0), &why));
     EXPECT_EQ("unknown action " + std::to_string(action), why);
   }
   EXPECT_EQ(1U, tasks.count());
@@ -185,7 +185,8 @@ TEST_F(Tasks, AnUnknownTokenAndAnUnknownActionAreRefused) {
 
 TEST_F(Tasks, AReasonGivenWithAStopIsTold) {
   const TaskManager::Started task = start(0);
-  EXPECT_TRUE(tasks.control(TaskManager::kStop, task.token, "for a reason", callerOf(0), &why));
+  EXPECT_TRUE(tasks.control(json::toNumber(json::ControlAction::kStop), task.token, "for a reason",
+                            callerOf(0), &why));
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
   EXPECT_EQ(5, statesTold(task.token).back());
   EXPECT_EQ("for a reason", last["detail"].asString());

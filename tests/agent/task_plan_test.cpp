@@ -23,7 +23,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using Handling = ScanPlan::Handling;
+using Handling = json::HandleAction;
 
 class FixedSettings : public Settings {
  public:
@@ -35,10 +35,10 @@ class FixedSettings : public Settings {
         scan);
     CppJson::LoadJsonString(R"({"MultiEngines":{"HCengine":true,"UMBengine":true}})", engines);
   }
-  std::optional<Json::Value> document(int configType) const override {
-    return configType == 0 ? scan : configType == 4 ? std::optional(engines) : std::nullopt;
+  Json::Value document(json::ConfigType type) const override {
+    return type == json::ConfigType::kScan ? scan : engines;
   }
-  bool change(int, const std::string&, std::string*) override { return false; }
+  bool change(json::ConfigType, const std::string&, std::string*) override { return false; }
   std::uint64_t generation() const override { return 0; }
   Json::Value scan, engines;
 };
@@ -71,42 +71,42 @@ TEST_F(PlanTest, TheConsolesCustomRequestIsReportOnlyForFixMethodTwo) {
   const ScanPlan made = plan();
   EXPECT_FALSE(made.programsOnly);
   EXPECT_EQ(std::chrono::seconds(0), made.limit);
-  EXPECT_EQ(ScanPlan::kCustom, made.mode);
+  EXPECT_EQ(json::ScanMode::kCustom, made.mode);
   EXPECT_THAT(made.items, ElementsAre("/some/path"));
-  EXPECT_EQ(2, made.fixMethod);
-  EXPECT_EQ(Handling::kNothing, made.handling);
+  EXPECT_EQ(json::Handling::kReportOnly, made.handling);
+  EXPECT_EQ(Handling::kNothing, made.action);
   EXPECT_FALSE(made.options.heuristics);
 }
 
 TEST_F(PlanTest, FixMethodZeroHandlesAsTheSettingsSay) {
   params["fix_method"] = 0;
-  EXPECT_EQ(Handling::kQuarantine, plan().handling);
+  EXPECT_EQ(Handling::kQuarantine, plan().action);
   settings.scan["Common"]["HandleAction"] = 1;
-  EXPECT_EQ(Handling::kDelete, plan().handling);
+  EXPECT_EQ(Handling::kDelete, plan().action);
   settings.scan["Common"]["HandleAction"] = 0;
-  EXPECT_EQ(Handling::kClean, plan().handling);
+  EXPECT_EQ(Handling::kClean, plan().action);
   settings.scan["Common"]["HandleAction"] = 3;
-  EXPECT_EQ(Handling::kNothing, plan().handling);
+  EXPECT_EQ(Handling::kNothing, plan().action);
 }
 
 TEST_F(PlanTest, ARequestedHandlingActionComesBeforeTheSettings) {
   params["fix_method"] = 0;
   params["handle_action"] = 1;
-  EXPECT_EQ(Handling::kDelete, plan().handling);
+  EXPECT_EQ(Handling::kDelete, plan().action);
 }
 
 TEST_F(PlanTest, WithoutAFixMethodTheSettingDecidesAndItsDefaultReportsOnly) {
   params.removeMember("fix_method");
-  EXPECT_EQ(Handling::kNothing, plan().handling);
+  EXPECT_EQ(Handling::kNothing, plan().action);
   settings.scan["Common"]["FixMethod"] = 0;
-  EXPECT_EQ(Handling::kQuarantine, plan().handling);
+  EXPECT_EQ(Handling::kQuarantine, plan().action);
   settings.scan["Common"]["FixMethod"] = 1;
-  EXPECT_EQ(Handling::kNothing, plan().handling);
+  EXPECT_EQ(Handling::kNothing, plan().action);
 }
 
 struct TypeRow {
   int type;
-  ScanPlan::Mode mode;
+  json::ScanMode mode;
   bool strong;
 };
 class ScanTypes : public PlanTest, public ::testing::WithParamInterface<TypeRow> {};
@@ -119,9 +119,9 @@ TEST_P(ScanTypes, IsAModeAndThreeMoreWithStrongScan) {
 }
 INSTANTIATE_TEST_SUITE_P(
     Rows, ScanTypes,
-    ::testing::Values(TypeRow{0, ScanPlan::kFast, false}, TypeRow{1, ScanPlan::kFull, false},
-                      TypeRow{2, ScanPlan::kCustom, false}, TypeRow{3, ScanPlan::kFast, true},
-                      TypeRow{4, ScanPlan::kFull, true}, TypeRow{5, ScanPlan::kCustom, true}),
+    ::testing::Values(TypeRow{0, json::ScanMode::kFast, false}, TypeRow{1, json::ScanMode::kFull, false},
+                      TypeRow{2, json::ScanMode::kCustom, false}, TypeRow{3, json::ScanMode::kFast, true},
+                      TypeRow{4, json::ScanMode::kFull, true}, TypeRow{5, json::ScanMode::kCustom, true}),
     [](const auto& row) { return "Type" + std::to_string(row.param.type); });
 
 struct RefusalRow {
@@ -174,8 +174,8 @@ TEST_F(PlanTest, TheLargestNumbersOfARequestAreTaken) {
   params["parallelism"] = 64;
   params["max_scan_sec"] = 5;
   const ScanPlan made = plan();
-  EXPECT_EQ(0, made.fixMethod);
-  EXPECT_EQ(Handling::kNothing, made.handling);
+  EXPECT_EQ(json::Handling::kAutomatic, made.handling);
+  EXPECT_EQ(Handling::kNothing, made.action);
   EXPECT_TRUE(made.endProcesses);
   EXPECT_EQ(64U, made.parallelism);
   EXPECT_EQ(std::chrono::seconds(5), made.limit);
@@ -201,7 +201,7 @@ TEST_F(PlanTest, SettingsOutsideTheirRangeDoNoHarm) {
   params["fix_method"] = 0;
   for (const int action : {-1, 4, 7}) {
     common["HandleAction"] = action;
-    EXPECT_EQ(Handling::kNothing, plan().handling);
+    EXPECT_EQ(Handling::kNothing, plan().action);
   }
 }
 
@@ -384,7 +384,7 @@ TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
 }
 
 TEST(Stages, AFastScanTellsEveryStageInOrder) {
-  const std::vector<Stage> stages = stagesOf(ScanPlan::kFast, true, {"/root"});
+  const std::vector<Stage> stages = stagesOf(json::ScanMode::kFast, true, {"/root"});
   ASSERT_EQ(5U, stages.size());
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(2 * i, stages[static_cast<std::size_t>(i)].begin);
@@ -394,25 +394,25 @@ TEST(Stages, AFastScanTellsEveryStageInOrder) {
 }
 
 TEST(Stages, WithoutMemoryCheckTheStageOfRunningProgramsIsLeftOut) {
-  for (const Stage& stage : stagesOf(ScanPlan::kFast, false, {})) {
+  for (const Stage& stage : stagesOf(json::ScanMode::kFast, false, {})) {
     EXPECT_FALSE(stage.runningPrograms);
     EXPECT_NE(4, stage.begin);
   }
 }
 
 TEST(Stages, AFullScanEndsWithTheWholeDisk) {
-  EXPECT_THAT(stagesOf(ScanPlan::kFull, true, {}).back().paths, ElementsAre("/"));
+  EXPECT_THAT(stagesOf(json::ScanMode::kFull, true, {}).back().paths, ElementsAre("/"));
 }
 
 TEST(Stages, ACustomScanHasNone) {
-  EXPECT_TRUE(stagesOf(ScanPlan::kCustom, true, {}).empty());
+  EXPECT_TRUE(stagesOf(json::ScanMode::kCustom, true, {}).empty());
 }
 
 TEST(Stages, OnlyPlacesThatExistAreNamed) {
   const testsupport::TempDir home;
   home.write(".bashrc", "x");
   bool found = false;
-  for (const Stage& stage : stagesOf(ScanPlan::kFast, true, {home.path()})) {
+  for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {home.path()})) {
     for (const std::string& path : stage.paths) {
       EXPECT_EQ(0, access(path.c_str(), F_OK)) << path;
       found = found || path == home.at(".bashrc");
@@ -423,7 +423,7 @@ TEST(Stages, OnlyPlacesThatExistAreNamed) {
 
 TEST(Stages, EachPlaceBelongsToOneOfThem) {
   std::set<std::string> seen;
-  for (const Stage& stage : stagesOf(ScanPlan::kFast, true, {})) {
+  for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {})) {
     for (const std::string& path : stage.paths) {
       EXPECT_TRUE(seen.insert(path).second) << path;
     }
@@ -432,11 +432,11 @@ TEST(Stages, EachPlaceBelongsToOneOfThem) {
 }
 
 TEST(Stages, TheWholeDiskIsWalkedByTheLastStageOfAFullScanAlone) {
-  const std::vector<Stage> full = stagesOf(ScanPlan::kFull, true, {});
+  const std::vector<Stage> full = stagesOf(json::ScanMode::kFull, true, {});
   for (std::size_t i = 0; i + 1 < full.size(); ++i) {
     EXPECT_THAT(full[i].paths, Not(Contains("/")));
   }
-  for (const Stage& stage : stagesOf(ScanPlan::kFast, true, {})) {
+  for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {})) {
     EXPECT_THAT(stage.paths, Not(Contains("/")));
   }
 }

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "platform/Users.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
@@ -210,8 +211,8 @@ TEST(EndProcess, AlsoTheParentOfItsParentIsSpared) {
 }
 
 TEST(UserName, IsTheNameOrTheNumber) {
-  EXPECT_EQ("root", userName(0));
-  EXPECT_EQ("60999", userName(60999));
+  EXPECT_EQ("root", platform::userName(0));
+  EXPECT_EQ("60999", platform::userName(60999));
 }
 
 }  // namespace

@@ -21,8 +21,9 @@ FileRisk sampleRisk() {
   risk.status.st_mtim.tv_sec = 1000;
   risk.createdSec = 900;
   risk.verdict.outcome = Outcome::kInfected;
-  risk.verdict.detections = {
-      {"First.Name", 3, 1, "测试"}, {"Second.Name", 0, 0, "病毒"}, {"Third.Name", 0, 0, "病毒"}};
+  risk.verdict.detections = {{"First.Name", 3, json::RiskType::kTestFile, "测试"},
+                             {"Second.Name", 0, json::RiskType::kVirus, "病毒"},
+                             {"Third.Name", 0, json::RiskType::kVirus, "病毒"}};
   risk.verdict.md5 = "m";
   risk.verdict.sha1 = "s";
   risk.riskId = "id";
@@ -88,7 +89,7 @@ TEST(RiskRecords, AProcessRiskNamesTheProcessItsProgramAndWhatWasFoundInIt) {
 
 struct ResultRow {
   const char* name;
-  HandleResult result;
+  json::HandleResult result;
   int number;
   const char* text;
 };
@@ -101,16 +102,16 @@ TEST_P(HandleResults, HasItsNumberAndItsText) {
 }
 INSTANTIATE_TEST_SUITE_P(
     Rows, HandleResults,
-    ::testing::Values(ResultRow{"Quarantined", HandleResult::kQuarantined, 1, "已隔离"},
-                      ResultRow{"ProcessEnded", HandleResult::kProcessEnded, 2, "已终止进程"},
-                      ResultRow{"ReportedOnly", HandleResult::kReportedOnly, 3, "仅上报"},
-                      ResultRow{"Failed", HandleResult::kFailed, 4, "处理失败"},
-                      ResultRow{"Trusted", HandleResult::kTrusted, 6, "已信任"}),
+    ::testing::Values(ResultRow{"Quarantined", json::HandleResult::kQuarantined, 1, "已隔离"},
+                      ResultRow{"ProcessEnded", json::HandleResult::kProcessEnded, 2, "已终止进程"},
+                      ResultRow{"ReportedOnly", json::HandleResult::kReportedOnly, 3, "仅上报"},
+                      ResultRow{"Failed", json::HandleResult::kFailed, 4, "处理失败"},
+                      ResultRow{"Trusted", json::HandleResult::kTrusted, 6, "已信任"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(RiskRecords, AReasonIsOneVisibleLine) {
   EXPECT_EQ("处理失败: no \\x1b[31mspace\\n",
-            repairResult(HandleResult::kFailed, "no \x1b[31mspace\n", 0)["handle_detail"].asString());
+            repairResult(json::HandleResult::kFailed, "no \x1b[31mspace\n", 0)["handle_detail"].asString());
 }
 
 TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {

@@ -37,7 +37,7 @@ TEST_F(ScanCourse, AScanThatIsStoppedBeforeItBeganIsNotMade) {
   EXPECT_TRUE(task.stop("no longer wanted"));
   task.start({[this] { ++released; }, [this] { ++told; }});
   EXPECT_TRUE(task.waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
   EXPECT_EQ("no longer wanted", owner->detail());
   EXPECT_EQ("no longer wanted", task.prepared(kLimit));
   EXPECT_EQ(1, released);
@@ -51,7 +51,7 @@ TEST_F(ScanCourse, WithoutSignaturesAScanIsNotMade) {
   scanner = &none;
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr("no signatures are loaded"));
 }
 
@@ -87,7 +87,7 @@ TEST_F(ScanCourse, AStopEndsTheWaitForSignaturesThatLoad) {
     const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
     EXPECT_TRUE(task->stop("no longer wanted"));
     EXPECT_TRUE(task->waitOver(kLimit));
-    EXPECT_THAT(owner->states(), ElementsAre(-1));
+    EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
     EXPECT_EQ("no longer wanted", owner->detail());
     return;
   }
@@ -109,7 +109,7 @@ TEST_P(ItemThatIsNeverScanned, StartsNoScanWhateverTheOthersAre) {
   const std::unique_ptr<ScanTask> task =
       begin(custom({dir.write("file", testsupport::eicar()), item.front() == '/' ? item : dir.at(item)}));
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr(GetParam().why));
   EXPECT_THAT(owner->risks(), IsEmpty());
   EXPECT_EQ(1, released);
@@ -144,7 +144,7 @@ TEST_F(ScanCourse, ItsAttributesNameTheKindTheWorkersAndTheSignatures) {
 }
 
 TEST_F(ScanCourse, OnANetworkFileSystemWhatWasAskedForIsScannedAndAStageIsNot) {
-  ScanPlan plan = programsOf(ScanPlan::kFast);
+  ScanPlan plan = programsOf(json::ScanMode::kFast);
   plan.memoryCheck = false;
   scan(plan);
   EXPECT_EQ(0, owner->counted("checked_item_count"));
@@ -161,7 +161,7 @@ TEST_F(ScanCourse, OnANetworkFileSystemWhatWasAskedForIsScannedAndAStageIsNot) {
 TEST_F(ScanCourse, RootMeetsTheProgramsOfEverybody) {
   const std::string path = program("theirs");
   const auto process = run(path, 60123, 60124);
-  scan(programsOf(ScanPlan::kFast));
+  scan(programsOf(json::ScanMode::kFast));
   EXPECT_THAT(owner->risks(), Contains(path));
   EXPECT_THAT(owner->processes(), Contains(process->pid()));
 }
@@ -170,7 +170,7 @@ TEST_F(ScanCourse, ProcessesThatRunADetectionAreLeftOutWithoutMemoryCheck) {
   const std::string path = program("running");
   const auto process = run(path, 60123, 60124);
   ScanPlan plan = custom({path});
-  plan.fixMethod = 0;
+  plan.handling = json::Handling::kAutomatic;
   plan.endProcesses = true;
   scan(plan);
   EXPECT_THAT(owner->processes(), IsEmpty());
@@ -178,18 +178,18 @@ TEST_F(ScanCourse, ProcessesThatRunADetectionAreLeftOutWithoutMemoryCheck) {
   plan.endProcesses = false;
   scan(plan);
   EXPECT_THAT(owner->processes(), ElementsAre(process->pid()));
-  EXPECT_EQ(3, owner->handled(process->pid()));
+  EXPECT_EQ(json::HandleResult::kReportedOnly, owner->handled(process->pid()));
   EXPECT_TRUE(process->running());
   plan.endProcesses = true;
   scan(plan);
-  EXPECT_EQ(2, owner->handled(process->pid()));
+  EXPECT_EQ(json::HandleResult::kProcessEnded, owner->handled(process->pid()));
   EXPECT_EQ(128 + SIGKILL, process->wait());
   EXPECT_THAT(testsupport::readFile(dir.at("state/audit.log")),
               AllOf(HasSubstr("end process"), HasSubstr(std::to_string(process->pid()) + " " + path)));
 }
 
 TEST_F(ScanCourse, EachStageIsToldWithItsBeginAndItsEnd) {
-  const ScanPlan plan = programsOf(ScanPlan::kFast);
+  const ScanPlan plan = programsOf(json::ScanMode::kFast);
   const std::unique_ptr<ScanTask> task = begin(plan);
   EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
   EXPECT_THAT(owner->stages(), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
@@ -197,7 +197,7 @@ TEST_F(ScanCourse, EachStageIsToldWithItsBeginAndItsEnd) {
 }
 
 TEST_F(ScanCourse, TheLastStageOfAFullScanHasNineTenthsOfTheWork) {
-  const ScanPlan plan = programsOf(ScanPlan::kFull);
+  const ScanPlan plan = programsOf(json::ScanMode::kFull);
   std::atomic<ScanTask*> running{nullptr};
   int atLast = -1;
   onStage = [&](int stage) {
@@ -223,11 +223,12 @@ TEST_F(ScanCourse, BehindAStopNoStageEndsAndNoneBegins) {
     waitForManyTicks();
     EXPECT_LE(owner->percents().size(), toldBefore + 1);  // one may have been on its way
   };
-  const std::unique_ptr<ScanTask> task = begin(programsOf(ScanPlan::kFast));
+  const std::unique_ptr<ScanTask> task = begin(programsOf(json::ScanMode::kFast));
   running = task.get();
   EXPECT_TRUE(task->waitOver(kLimit));
   EXPECT_THAT(owner->stages(), ElementsAre(0));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 5));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kAborted));
   EXPECT_EQ("enough", owner->detail());
   EXPECT_THAT(owner->percents(), Not(Contains(100)));
 }
@@ -241,7 +242,7 @@ TEST_F(ScanCourse, TheEndOfAStageIsToldBehindWhatItFound) {
       foundByThen = owner->risks();
     }
   };
-  scan(programsOf(ScanPlan::kFast));
+  scan(programsOf(json::ScanMode::kFast));
   EXPECT_THAT(foundByThen, Contains(path));
 }
 
@@ -252,7 +253,7 @@ TEST_F(ScanCourse, EveryEntryIsMetAndEndsOnce) {
   dir.write("d/infected", testsupport::eicar());
   dir.write("d/deadly", "its worker dies");
   dir.write("d/large", std::string(3 << 20, 'x'));
-  list(0, dir.write("d/trusted", testsupport::eicar()));
+  list(json::Region::kTrust, dir.write("d/trusted", testsupport::eicar()));
   ASSERT_EQ(0, symlink("clean", dir.at("d/link").c_str()));
   dir.write("d/archive", testsupport::makeZip({{.name = "member", .content = std::string(2000, 'x')}}));
   ScanPlan plan = custom({dir.at("d")});
@@ -279,7 +280,7 @@ TEST_F(ScanCourse, ProgressIsToldWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
   ASSERT_TRUE(waitFor([&] { return task->percent() == 99; }));
   ASSERT_TRUE(waitFor([&] { return !owner->percents().empty() && owner->percents().back() == 99; }));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted));
   EXPECT_EQ(0, released);
   release();
   EXPECT_TRUE(task->waitOver(kLimit));
@@ -297,7 +298,9 @@ TEST_F(ScanCourse, APauseIsToldBehindAnOverviewAndThenNothingUntilTheResume) {
   EXPECT_THAT(owner->percents(), ElementsAre(0));
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 4, 2));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused,
+                          json::TaskState::kResumed, json::TaskState::kFinished));
 }
 
 TEST_F(ScanCourse, TheTimeLimitEndsAScanWhateverItsFileDoes) {
@@ -306,7 +309,8 @@ TEST_F(ScanCourse, TheTimeLimitEndsAScanWhateverItsFileDoes) {
   plan.limit = std::chrono::seconds(1);
   const std::unique_ptr<ScanTask> task = begin(plan);
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 5));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kAborted));
   EXPECT_THAT(owner->detail(), HasSubstr("the time limit of 1 seconds is over"));
 }
 
@@ -337,7 +341,7 @@ TEST_F(ScanCourse, AFileThatIsKnownCleanIsNotReadAgainUnlessTheScanIsForced) {
   const long before = begun(path);
   scan({path});
   EXPECT_EQ(before, begun(path));
-  list(0, "/some/other/path");  // no list of hashes is concerned
+  list(json::Region::kTrust, "/some/other/path");  // no list of hashes is concerned
   scan({path});
   EXPECT_EQ(before, begun(path));
   ScanPlan forced = custom({path});
@@ -416,7 +420,7 @@ TEST_F(ScanCourse, ARejectedFileIsADetectionAlsoWhenItWouldBeLeftOutOrCannotBeSc
   const std::string archive =
       dir.write("d/archive", testsupport::makeZip({{.name = "member", .content = std::string(2000, 'x')}}));
   for (const std::string& path : {large, deadly, archive}) {
-    list(1, path);
+    list(json::Region::kReject, path);
   }
   ScanPlan plan = custom({dir.at("d")});
   plan.skipBytes = 2 << 20;
@@ -434,34 +438,35 @@ TEST_F(ScanCourse, ARejectedHashIsADetectionAlsoOfAFileThatCannotBeLookedInto) {
   plan.options.maxArchiveBytes = 100;
   scan(plan);
   EXPECT_THAT(owner->detail(), HasSubstr("1 skipped"));
-  list(1, md5.hex(), kMd5);
+  list(json::Region::kReject, md5.hex(), json::RegionItemType::kMd5);
   scan(plan);
   EXPECT_THAT(owner->risks(), ElementsAre(path));
 }
 
 TEST_F(ScanCourse, ARejectedFileThatAStopLeftUnscannedIsNoDetection) {
   const std::string path = dir.write("file", "clean");
-  list(1, path);
+  list(json::Region::kReject, path);
   hold();
   const std::unique_ptr<ScanTask> task = begin(custom({path}));
   ASSERT_TRUE(waitFor([&] { return begun(path) == 1; }));
   EXPECT_TRUE(task->stop("enough"));
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 5));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kAborted));
   EXPECT_THAT(owner->risks(), IsEmpty());
 }
 
 TEST_F(ScanCourse, ATrustedHashIsToldAsTrustedAndARejectedPathComesBeforeIt) {
   const std::string path = dir.write("file", testsupport::eicar());
-  list(0, kMd5OfEicar, kMd5);
+  list(json::Region::kTrust, kMd5OfEicar, json::RegionItemType::kMd5);
   scan({path});
   EXPECT_THAT(owner->risks(), IsEmpty());
-  EXPECT_EQ(6, owner->handled(path));
+  EXPECT_EQ(json::HandleResult::kTrusted, owner->handled(path));
   EXPECT_EQ(1, owner->counted("trusted_risk_count"));
-  list(1, path);
+  list(json::Region::kReject, path);
   scan({path});
   EXPECT_THAT(owner->risks(), ElementsAre(path));
-  EXPECT_EQ(3, owner->handled(path));
+  EXPECT_EQ(json::HandleResult::kReportedOnly, owner->handled(path));
   EXPECT_EQ("Rejected.ByAdministrator", owner->lastName());
 }
 

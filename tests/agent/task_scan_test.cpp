@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <optional>
+
 #include "TaskFixture.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -23,15 +25,18 @@ TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsToldAndTheEndWaitsForTheR
   const std::unique_ptr<ScanTask> task = begin(custom({file}));
   ASSERT_TRUE(waitFor([&] { return owner->waiting.load(); }));  // the walk of one file is over
   EXPECT_TRUE(task->pause());
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted));
   owner->held = false;
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused));
   EXPECT_THAT(owner->risks(), ElementsAre(file));
   EXPECT_TRUE(task->paused());
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 4, 2));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused,
+                          json::TaskState::kResumed, json::TaskState::kFinished));
   EXPECT_FALSE(task->pause());
 }
 
@@ -44,13 +49,14 @@ TEST_F(ScanTaskTest, ATaskThatIsPausedAtItsEndCanBeStopped) {
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
   EXPECT_TRUE(task->stop("enough"));
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 5));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted,
+                                           json::TaskState::kPaused, json::TaskState::kAborted));
 }
 
 /// What the lists say of a file under the name of a link that leads to it, and under its own.
 struct RegionRow {
   const char* name;
-  int asNamed, whereItIs;  // 0 trusted, 1 rejected, -1 not listed
+  std::optional<json::Region> asNamed, whereItIs;  ///< nullopt: not listed
   bool infected, detected;
 };
 class RegionsThroughALink : public ScanTaskTest, public ::testing::WithParamInterface<RegionRow> {};
@@ -58,11 +64,11 @@ class RegionsThroughALink : public ScanTaskTest, public ::testing::WithParamInte
 TEST_P(RegionsThroughALink, HoldUnderBothNamesAndRejectedUnderOneIsRejected) {
   dir.write("real/file", GetParam().infected ? testsupport::eicar() : "clean");
   ASSERT_EQ(0, symlink("real", dir.at("link").c_str()));
-  if (GetParam().asNamed >= 0) {
-    list(GetParam().asNamed, dir.at("link/file"));
+  if (GetParam().asNamed) {
+    list(*GetParam().asNamed, dir.at("link/file"));
   }
-  if (GetParam().whereItIs >= 0) {
-    list(GetParam().whereItIs, dir.at("real/file"));
+  if (GetParam().whereItIs) {
+    list(*GetParam().whereItIs, dir.at("real/file"));
   }
   scan({dir.at("link")});
   EXPECT_EQ(GetParam().detected ? std::vector{dir.at("link/file")} : std::vector<std::string>{},
@@ -70,15 +76,18 @@ TEST_P(RegionsThroughALink, HoldUnderBothNamesAndRejectedUnderOneIsRejected) {
   EXPECT_EQ(GetParam().infected && !GetParam().detected ? 1 : 0, owner->counted("trusted_risk_count"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, RegionsThroughALink,
-                         ::testing::Values(RegionRow{"NotListed", -1, -1, true, true},
-                                           RegionRow{"TrustedWhereItIs", -1, 0, true, false},
-                                           RegionRow{"TrustedAsNamed", 0, -1, true, false},
-                                           RegionRow{"RejectedWhereItIs", -1, 1, false, true},
-                                           RegionRow{"RejectedAsNamed", 1, -1, false, true},
-                                           RegionRow{"TrustedAsNamedRejectedWhereItIs", 0, 1, false, true},
-                                           RegionRow{"RejectedAsNamedTrustedWhereItIs", 1, 0, false, true}),
-                         [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Rows, RegionsThroughALink,
+    ::testing::Values(RegionRow{"NotListed", std::nullopt, std::nullopt, true, true},
+                      RegionRow{"TrustedWhereItIs", std::nullopt, json::Region::kTrust, true, false},
+                      RegionRow{"TrustedAsNamed", json::Region::kTrust, std::nullopt, true, false},
+                      RegionRow{"RejectedWhereItIs", std::nullopt, json::Region::kReject, false, true},
+                      RegionRow{"RejectedAsNamed", json::Region::kReject, std::nullopt, false, true},
+                      RegionRow{"TrustedAsNamedRejectedWhereItIs", json::Region::kTrust,
+                                json::Region::kReject, false, true},
+                      RegionRow{"RejectedAsNamedTrustedWhereItIs", json::Region::kReject,
+                                json::Region::kTrust, false, true}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 /// Writes through a mapping that is shared with the file.
 void overwrite(const std::string& path, const std::string& content) {
@@ -109,10 +118,10 @@ TEST_F(ScanTaskTest, AFileInMemoryIsNeverTakenFromTheCacheForItCanChangeAndKeepI
 
 TEST_F(ScanTaskTest, AFileThatIsKnownCleanIsScannedAgainWhenItsHashJoinsAListOfHashes) {
   const std::string path = dir.write("file", "abc");
-  list(1, "0123456789abcdef0123456789abcdef", kMd5);
+  list(json::Region::kReject, "0123456789abcdef0123456789abcdef", json::RegionItemType::kMd5);
   ASSERT_TRUE(becomesKnownClean(path));
   EXPECT_THAT(owner->risks(), IsEmpty());
-  list(1, "900150983cd24fb0d6963f7d28e17f72", kMd5);
+  list(json::Region::kReject, "900150983cd24fb0d6963f7d28e17f72", json::RegionItemType::kMd5);
   scan({path});
   EXPECT_THAT(owner->risks(), ElementsAre(path));
 }
@@ -121,7 +130,7 @@ TEST_F(ScanTaskTest, AFileThatIsKnownCleanIsADetectionWhenItsPathIsRejected) {
   const std::string path = dir.write("file", "abc");
   ASSERT_TRUE(becomesKnownClean(path));
   EXPECT_THAT(owner->risks(), IsEmpty());
-  list(1, path);
+  list(json::Region::kReject, path);
   scan({path});
   EXPECT_THAT(owner->risks(), ElementsAre(path));
   EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", owner->lastMd5());

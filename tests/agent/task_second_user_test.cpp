@@ -44,10 +44,10 @@ class ScanForASecondUser : public ScanTaskTest {
     EXPECT_EQ(0, chmod(path.c_str(), 0644));
     return path;
   }
-  static ScanPlan handling(const std::vector<std::string>& items, ScanPlan::Handling how) {
+  static ScanPlan handling(const std::vector<std::string>& items, json::HandleAction how) {
     ScanPlan plan = custom(items);
-    plan.fixMethod = 0;
-    plan.handling = how;
+    plan.handling = json::Handling::kAutomatic;
+    plan.action = how;
     return plan;
   }
 };
@@ -56,7 +56,7 @@ struct FolderRow {
   const char* name;
   bool callers;
   mode_t mode;
-  ScanPlan::Handling handling;
+  json::HandleAction handling;
 };
 class InAFolderThatTheCallerWrites : public ScanForASecondUser,
                                      public ::testing::WithParamInterface<FolderRow> {};
@@ -67,10 +67,10 @@ TEST_P(InAFolderThatTheCallerWrites, AFileOfAnotherUserIsNotTakenAwayAndOneOfThe
   const std::string thirds = infected("d/thirds", kThird);
   const std::string own = infected("d/own", kUser);
   scan(handling({place}, GetParam().handling));
-  EXPECT_EQ(1, owner->handled(own)) << owner->handledHow(own);
+  EXPECT_EQ(json::HandleResult::kQuarantined, owner->handled(own)) << owner->handledHow(own);
   EXPECT_FALSE(std::filesystem::exists(own));
   for (const std::string& path : {roots, thirds}) {
-    EXPECT_EQ(4, owner->handled(path));
+    EXPECT_EQ(json::HandleResult::kFailed, owner->handled(path));
     EXPECT_THAT(owner->handledHow(path), HasSubstr("belongs to another user"));
     EXPECT_EQ(testsupport::eicar(), testsupport::readFile(path));
   }
@@ -78,18 +78,18 @@ TEST_P(InAFolderThatTheCallerWrites, AFileOfAnotherUserIsNotTakenAwayAndOneOfThe
 
 INSTANTIATE_TEST_SUITE_P(
     Folders, InAFolderThatTheCallerWrites,
-    ::testing::Values(FolderRow{"TheCallersOwnQuarantine", true, 0755, ScanPlan::Handling::kQuarantine},
-                      FolderRow{"TheCallersOwnDelete", true, 0755, ScanPlan::Handling::kDelete},
-                      FolderRow{"EverybodysQuarantine", false, 01777, ScanPlan::Handling::kQuarantine},
-                      FolderRow{"EverybodysDelete", false, 01777, ScanPlan::Handling::kDelete}),
+    ::testing::Values(FolderRow{"TheCallersOwnQuarantine", true, 0755, json::HandleAction::kQuarantine},
+                      FolderRow{"TheCallersOwnDelete", true, 0755, json::HandleAction::kDelete},
+                      FolderRow{"EverybodysQuarantine", false, 01777, json::HandleAction::kQuarantine},
+                      FolderRow{"EverybodysDelete", false, 01777, json::HandleAction::kDelete}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(ScanForASecondUser, AFileOfTheCallersInAFolderThatTheCallerCannotWriteIsNotTakenAway) {
   folder("d", 0, 0755);
   const std::string own = infected("d/own", kUser);
   for (const std::string& named : {dir.at("d"), own}) {
-    scan(handling({named}, ScanPlan::Handling::kQuarantine));
-    EXPECT_EQ(4, owner->handled(own));
+    scan(handling({named}, json::HandleAction::kQuarantine));
+    EXPECT_EQ(json::HandleResult::kFailed, owner->handled(own));
     EXPECT_THAT(owner->handledHow(own), HasSubstr("cannot write in the file's folder"));
     EXPECT_TRUE(std::filesystem::exists(own));
   }
@@ -100,11 +100,11 @@ TEST_F(ScanForASecondUser, OfTheProcessesThatRunADetectionTheCallersAloneAreTold
   const auto roots = run(path, 0, 0);
   const auto thirds = run(path, kThird, kGroup);
   const auto own = run(path, kUser, kGroup);
-  ScanPlan plan = handling({path}, ScanPlan::Handling::kNothing);
+  ScanPlan plan = handling({path}, json::HandleAction::kNothing);
   plan.memoryCheck = plan.endProcesses = true;
   scan(plan);
   EXPECT_THAT(owner->processes(), ElementsAre(own->pid()));
-  EXPECT_EQ(2, owner->handled(own->pid()));
+  EXPECT_EQ(json::HandleResult::kProcessEnded, owner->handled(own->pid()));
   EXPECT_EQ(128 + SIGKILL, own->wait());
   EXPECT_TRUE(roots->running());
   EXPECT_TRUE(thirds->running());
@@ -115,7 +115,7 @@ TEST_F(ScanForASecondUser, OfTheRunningProgramsTheCallersAloneAreScanned) {
   const std::string own = program("own");
   const auto roots = run(theirs, 0, 0);
   const auto callers = run(own, kUser, kGroup);
-  scan(programsOf(ScanPlan::kFast));
+  scan(programsOf(json::ScanMode::kFast));
   EXPECT_THAT(owner->risks(), ElementsAre(own));
   EXPECT_THAT(owner->processes(), ElementsAre(callers->pid()));
 }
@@ -125,7 +125,7 @@ TEST_F(ScanForASecondUser, APathThatTheCallerCannotOpenStartsNoScan) {
   ASSERT_EQ(0, chmod(path.c_str(), 0600));
   const std::unique_ptr<ScanTask> task = begin(custom({path}));
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr("Permission denied"));
 }
 
@@ -137,7 +137,7 @@ TEST_F(ScanForASecondUser, AnAgentThatIsNotRootStartsNoScan) {
     const std::unique_ptr<ScanTask> task = begin(custom({path}));
     EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
   }).join();
-  EXPECT_THAT(owner->states(), ElementsAre(-1));
+  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr("does not run as root"));
 }
 
@@ -157,11 +157,12 @@ class StagesForASecondUser : public ScanForASecondUser {
  protected:
   /// How many entries could not be scanned; -1 when the mounts cannot be made.
   int failures(const std::function<bool()>& mounts) {
-    const ScanPlan plan = programsOf(ScanPlan::kFast);
+    const ScanPlan plan = programsOf(json::ScanMode::kFast);
     const bool ran = withOwnMounts(mounts, [&] {
       const std::unique_ptr<ScanTask> task = begin(plan);
       EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
-      EXPECT_THAT(owner->states(), ElementsAre(0, 1, 2));
+      EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted,
+                                               json::TaskState::kFinished));
       EXPECT_EQ(99, task->percent());  // what failed is behind it, too
     });
     return ran ? owner->counted("failed_item_count") : -1;
@@ -191,7 +192,7 @@ TEST_F(StagesForASecondUser, ProcessesThatCannotBeListedAreAnError) {
 TEST_F(StagesForASecondUser, AStageWithoutAPlaceIsBehindItsScanToo) {
   const auto emptyEtc = [] {
     return mount("none", "/etc", "tmpfs", 0, "mode=0755") == 0 &&
-           stagesOf(ScanPlan::kFast, true, {}).front().paths.empty();
+           stagesOf(json::ScanMode::kFast, true, {}).front().paths.empty();
   };
   if (failures(emptyEtc) < 0) {
     GTEST_SKIP() << "this process may not make a mount namespace";
@@ -231,14 +232,16 @@ TEST_F(ScanForASecondUser, TheAgentsLogIsWrittenWithTheAgentsRights) {
   const std::string hidden = infected("d/hidden", 0);
   ASSERT_EQ(0, chmod(hidden.c_str(), 0600));
   const std::string trusted = infected("d/trusted", 0);
-  list(0, trusted);
+  list(json::Region::kTrust, trusted);
   ASSERT_EQ(0, symlink("trusted", dir.at("d/link").c_str()));
   pausedAtFirst = true;
   const std::unique_ptr<ScanTask> task = begin(custom({dir.at("d")}));
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(), ElementsAre(0, 1, 3, 4, 2));
+  EXPECT_THAT(owner->states(),
+              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused,
+                          json::TaskState::kResumed, json::TaskState::kFinished));
   EXPECT_THAT(log.text(), HasSubstr("scan token paused"));
   EXPECT_THAT(log.text(), HasSubstr("scan token resumed"));
   EXPECT_THAT(log.text(), HasSubstr(hidden + ": not scanned: Permission denied"));

@@ -19,7 +19,7 @@
 #include <set>
 #include <thread>
 
-#include "store/Posix.h"
+#include "platform/Posix.h"
 #include "support/TempDir.h"
 #include "task/CallerRights.h"
 #include "task/FileSystems.h"
@@ -182,9 +182,9 @@ TEST_F(WalkerTest, WhetherANamedFilesFolderIsWritableIsAskedOfTheFolderThatHolds
 
 TEST_F(WalkerTest, AFileIsMetWithTheTimeJustBeforeItsStatusWasRead) {
   const std::string path = dir.write("folder/file", "x");
-  const std::int64_t before = store::nowNs();
+  const std::int64_t before = platform::nowNs();
   std::int64_t after = 0;
-  met.onFile = [&](const std::string&) { after = store::nowNs(); };
+  met.onFile = [&](const std::string&) { after = platform::nowNs(); };
   for (const std::string& named : {path, dir.at("folder")}) {
     EXPECT_EQ("", walk(named));
     EXPECT_LE(before, met.statusNs[path]);

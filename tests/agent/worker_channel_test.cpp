@@ -27,7 +27,7 @@ namespace {
 TEST(Channels, APacketArrivesWholeWithItsDescriptor) {
   const testsupport::TempDir dir;
   auto [one, two] = Channel::pair();
-  const UniqueFd file(open(dir.write("file", "content").c_str(), O_RDONLY | O_CLOEXEC));
+  const platform::Descriptor file(open(dir.write("file", "content").c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_TRUE(one.send("first", file.get()));
   ASSERT_TRUE(one.send("second"));
   Channel::Packet packet;

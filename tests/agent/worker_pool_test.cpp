@@ -450,7 +450,7 @@ TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
 /// Says to the agent, from within a worker, that a file is clean.
 void forgeAnswer(std::uint64_t id) {
   constexpr int kChannelOfAWorker = 3;
-  Channel channel{UniqueFd(kChannelOfAWorker)};
+  Channel channel{platform::Descriptor(kChannelOfAWorker)};
   ScanAnswer answer;
   answer.id = id;
   answer.verdict.outcome = Outcome::kClean;

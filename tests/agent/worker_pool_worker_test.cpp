@@ -26,7 +26,7 @@ class PoolWorkers : public ::testing::Test {
   PoolTask task(std::uint64_t id, std::uint64_t bytes = 10) const {
     PoolTask task;
     task.id = id;
-    task.fd = UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    task.fd = platform::Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
     task.name = "file" + std::to_string(id);
     task.bytes = bytes;
     return task;
@@ -169,7 +169,7 @@ TEST_F(PoolWorkers, AWorkerThatDiedWithFilesUnreadIsGoneToo) {
 class PoolWorkerProcess : public PoolWorkers {
  protected:
   testsupport::Process process_{{"/bin/sleep", "600"}};
-  const UniqueFd pidfd_{pidfd_open(process_.pid(), 0)};
+  const platform::Descriptor pidfd_{pidfd_open(process_.pid(), 0)};
 };
 
 TEST_F(PoolWorkerProcess, IsKilledOnceItHasSaidHello) {

@@ -42,7 +42,9 @@ class Children : public testing::EngineFixture {
     child_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  UniqueFd file() const { return UniqueFd(open(dir().write("file", "some text").c_str(), O_RDONLY)); }
+  platform::Descriptor file() const {
+    return platform::Descriptor(open(dir().write("file", "some text").c_str(), O_RDONLY));
+  }
   template <class M>
   std::optional<M> hear(const Channel& channel) const {
     Channel::Packet packet;
@@ -147,7 +149,7 @@ TEST_F(WorkerProcesses, UnpackNowhereButInTheirOwnFolders) {
   std::filesystem::remove_all(dir().at("worker-quick"));
   std::filesystem::remove_all(dir().at("worker-disk"));
   const std::string zip = dir().write("zip", testsupport::makeZip({{"test.com", testsupport::eicar()}}));
-  ASSERT_TRUE(ours_.send(encode(ScanRequest{}), UniqueFd(open(zip.c_str(), O_RDONLY)).get()));
+  ASSERT_TRUE(ours_.send(encode(ScanRequest{}), platform::Descriptor(open(zip.c_str(), O_RDONLY)).get()));
   const auto answer = hear<ScanAnswer>(ours_);
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->verdict.outcome, Outcome::kError) << testing::describe(answer->verdict);

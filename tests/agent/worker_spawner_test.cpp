@@ -362,7 +362,7 @@ TEST_F(Spawners, WithoutDescriptorsThereIsNoneAndNoReload) {
 }
 
 TEST_F(Spawners, EachProcessHasItsOneSocketAndNothingThatTheAgentHadOpen) {
-  const UniqueFd secret(openFile(dir().write("secret", "not for them")));
+  const platform::Descriptor secret(openFile(dir().write("secret", "not for them")));
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", "some text");
   pool.drain();

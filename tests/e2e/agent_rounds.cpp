@@ -26,7 +26,7 @@
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
 #include "json/ScanRecords.h"
-#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/ConsoleLink.h"
 #include "support/Samples.h"
@@ -104,7 +104,8 @@ class AgentRounds {
     params.set_handle_action(-1);
     params.set_fix_method(0);
     params.set_scan_type(2);
-    const Json::Value answer = agent().startScanTask(Json::Value(), "", toJson(params), kBySource, "");
+    const Json::Value answer = agent().call(jsonrpchelper::StartScanTask{
+        .ctx = {}, .desc = "", .params = toJson(params), .source = kBySource, .token_id = ""});
     if (!answer["status"].asBool()) {
       throw std::runtime_error("the scan was refused: " + answer["detail"].asString());
     }
@@ -114,7 +115,7 @@ class AgentRounds {
   void measureWholeRun() {
     const auto start = Clock::now();
     startScan();
-    if (!testsupport::waitFor([] { return agent().getBusList().empty(); }, kLimit)) {
+    if (!testsupport::waitFor([] { return agent().call(jsonrpchelper::GetBusList{}).empty(); }, kLimit)) {
       throw std::runtime_error("the scan does not end: " + tree_.log());
     }
     wholeRun_ = std::chrono::duration_cast<microseconds>(Clock::now() - start);
@@ -140,7 +141,7 @@ class AgentRounds {
 
   rounds::Originals::Places count() {
     std::multiset<std::string> quarantined;
-    for (const Json::Value& item : agent().getIsolationInfo()) {
+    for (const Json::Value& item : agent().call(jsonrpchelper::GetIsolationInfo{})) {
       quarantined.insert(json::decodePath(item["filepath_src"].asString()));
     }
     return originals_.count(quarantined, fail_);
@@ -165,14 +166,15 @@ class AgentRounds {
     JsonReflect::DeIsolateParams params;
     params.action = kRestoreOnly;
     params.is_all = true;
-    const Json::Value answer = agent().startDeIsolate(Json::Value(), "", toJson(params), kBySource, "");
+    const Json::Value answer = agent().call(jsonrpchelper::StartDeIsolate{
+        .ctx = {}, .desc = "", .params = toJson(params), .source = kBySource, .token_id = ""});
     for (const Json::Value& refused : answer["detail"]) {
       fail(refused["uuid"].asString(), refused["reason"].asString());
     }
     if (!answer["status"].asBool()) {
       fail("the restore", "was not done");
     }
-    if (!agent().getIsolationInfo().empty()) {
+    if (!agent().call(jsonrpchelper::GetIsolationInfo{}).empty()) {
       fail("the quarantine", "is not empty after all was restored");
     }
     for (const auto& entry : std::filesystem::directory_iterator(tree_.at("state/quarantine"))) {

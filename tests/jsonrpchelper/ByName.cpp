@@ -2,76 +2,51 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 namespace rpctest {
+namespace {
 
-using jsonrpchelper::AgentStub;
-using jsonrpchelper::ConsoleNotifier;
+using namespace jsonrpchelper;
 
-Json::Value callStub(AgentStub& stub, const std::string& name, const Json::Value& p) {
-  const auto text = [&](const char* key) { return p[key].asString(); };
-  const auto number = [&](const char* key) { return p[key].asInt(); };
-  if (name == "startScanTask") {
-    return stub.startScanTask(p["ctx"], text("desc"), p["params"], number("source"), text("token_id"));
-  }
-  if (name == "ctlBus") {
-    return stub.ctlBus(number("action"), text("detail"), number("mark"), p["payload"], number("source"),
-                       text("token_id"));
-  }
-  if (name == "getBusList") {
-    return stub.getBusList();
-  }
-  if (name == "getAVConfig") {
-    return stub.getAVConfig(number("config_type"), number("request_source"));
-  }
-  if (name == "setAVConfig") {
-    return stub.setAVConfig(text("config_str"), number("config_type"), number("request_source"));
-  }
-  if (name == "startDeIsolate") {
-    return stub.startDeIsolate(p["ctx"], text("desc"), p["params"], number("source"), text("token_id"));
-  }
-  if (name == "getIsolationInfo") {
-    return stub.getIsolationInfo();
-  }
-  if (name == "ctlRegion") {
-    return stub.ctlRegion(text("desc"), p["items"], number("region_type"), number("source"));
-  }
-  if (name == "getRegionInfo") {
-    return stub.getRegionInfo(number("domain"), number("item_type"), number("region_type"));
-  }
-  if (name == "getScanCacheDetail") {
-    return stub.getScanCacheDetail();
-  }
-  EXPECT_EQ(name, "cleanScanCache");
-  stub.cleanScanCache();
-  return {};
+/// As requestOf, with objects of any kind.
+template <class Method>
+Method uncheckedRequestOf(const Json::Value& parameters) {
+  Method request{};
+  const auto read = [&parameters]<class T>(const char* name, T& member) {
+    member = valueAs<T>(parameters[name]);
+  };
+  Method::members(request, read);
+  return request;
 }
 
-std::uint32_t notify(ConsoleNotifier& to, const std::string& name, const Json::Value& p) {
-  const auto text = [&](const char* key) { return p[key].asString(); };
-  const auto number = [&](const char* key) { return p[key].asInt(); };
-  if (name == "reportRiskInfo") {
-    return to.reportRiskInfo(number("business_type"), number("fix_method"), p["risk_info"],
-                             number("risk_info_type"), text("token_id"));
-  }
-  if (name == "reportRiskFixInfo") {
-    return to.reportRiskFixInfo(number("business_type"), number("fix_method"), p["risk_info"],
-                                number("risk_info_type"), p["risk_repair_result"], text("token_id"));
-  }
-  if (name == "reportScanBusOverView") {
-    return to.reportScanBusOverView(p["overview"], text("token_id"));
-  }
-  if (name == "reportScanBusStage") {
-    return to.reportScanBusStage(text("datail"), number("stage"), text("token_id"));
-  }
-  if (name == "reportScanAttributeInfo") {
-    return to.reportScanAttributeInfo(p["payload"], number("source"), text("token_id"));
-  }
-  if (name == "reportBusStatus") {
-    return to.reportBusStatus(p["ctx"], text("detail"), p["params"], number("source"), number("state"),
-                              text("token_id"), number("type"));
-  }
-  EXPECT_EQ(name, "reportBusProgress");
-  return to.reportBusProgress(number("progress"), text("token_id"));
+/// Makes the request of that name from the parameters, for `send`.
+template <class... Methods, class Send>
+void withRequest(MethodList<Methods...>, const std::string& name, const Json::Value& parameters, Send send) {
+  const bool known =
+      ((name == Methods::kName ? (send(uncheckedRequestOf<Methods>(parameters)), true) : false) || ...);
+  EXPECT_TRUE(known) << name;
+}
+
+}  // namespace
+
+Json::Value callStub(AgentStub& stub, const std::string& name, const Json::Value& parameters) {
+  Json::Value result;
+  withRequest(AgentMethods(), name, parameters, [&]<class Method>(const Method& request) {
+    if constexpr (std::is_void_v<typename Method::Result>) {
+      stub.call(request);
+    } else {
+      result = stub.call(request);
+    }
+  });
+  return result;
+}
+
+std::uint32_t notify(ConsoleNotifier& notifier, const std::string& name, const Json::Value& parameters) {
+  std::uint32_t error = lunet::kErrArgument;
+  withRequest(ConsoleNotifications(), name, parameters,
+              [&](const auto& notification) { error = notifier.send(notification); });
+  return error;
 }
 
 }  // namespace rpctest

@@ -5,14 +5,16 @@
 #include <cstdint>
 #include <string>
 
-#include "jsonrpchelper/AgentMethods.h"
+#include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/ConsoleNotifier.h"
 
 namespace rpctest {
 
-/// Calls a method of the stub with parameters given by name; the result as JSON, null for none.
-Json::Value callStub(jsonrpchelper::AgentStub& stub, const std::string& name, const Json::Value& p);
+/// Calls a method of the table through the stub, with parameters given by name. The result as JSON, null for
+/// none.
+Json::Value callStub(jsonrpchelper::AgentStub& stub, const std::string& name, const Json::Value& parameters);
 /// The same for a notification; the bus's error number.
-std::uint32_t notify(jsonrpchelper::ConsoleNotifier& to, const std::string& name, const Json::Value& p);
+std::uint32_t notify(jsonrpchelper::ConsoleNotifier& notifier, const std::string& name,
+                     const Json::Value& parameters);
 
 }  // namespace rpctest

@@ -2,112 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 #include "json/CppJson.h"
 
 namespace rpctest {
-
-using jsonrpchelper::JsonKind;
-using jsonrpchelper::MethodRow;
-
-void RecordingScan::reportRiskInfo(int business_type, int fix_method, const Json::Value& risk_info,
-                                   int risk_info_type, const std::string& token_id) {
-  before();
-  log.add("reportRiskInfo", business_type, fix_method, risk_info, risk_info_type, token_id);
-}
-void RecordingScan::reportRiskFixInfo(int business_type, int fix_method, const Json::Value& risk_info,
-                                      int risk_info_type, const Json::Value& risk_repair_result,
-                                      const std::string& token_id) {
-  before();
-  log.add("reportRiskFixInfo", business_type, fix_method, risk_info, risk_info_type, risk_repair_result,
-          token_id);
-}
-void RecordingScan::reportScanBusOverView(const Json::Value& overview, const std::string& token_id) {
-  before();
-  log.add("reportScanBusOverView", overview, token_id);
-}
-void RecordingScan::reportScanBusStage(const std::string& datail, int stage, const std::string& token_id) {
-  before();
-  log.add("reportScanBusStage", datail, stage, token_id);
-}
-void RecordingScan::reportScanAttributeInfo(const Json::Value& payload, int source,
-                                            const std::string& token_id) {
-  before();
-  log.add("reportScanAttributeInfo", payload, source, token_id);
-}
-
-void RecordingBusiness::reportBusStatus(const Json::Value& ctx, const std::string& detail,
-                                        const Json::Value& params, int source, int state,
-                                        const std::string& token_id, int type) {
-  before();
-  log.add("reportBusStatus", ctx, detail, params, source, state, token_id, type);
-}
-void RecordingBusiness::reportBusProgress(int progress, const std::string& token_id) {
-  before();
-  log.add("reportBusProgress", progress, token_id);
-}
-
-Json::Value RecordingAgent::startScanTask(const Json::Value& ctx, const std::string& desc,
-                                          const Json::Value& params, int source,
-                                          const std::string& token_id) {
-  before();
-  log.add("startScanTask", ctx, desc, params, source, token_id);
-  return object;
-}
-bool RecordingAgent::ctlBus(int action, const std::string& detail, int mark, const Json::Value& payload,
-                            int source, const std::string& token_id) {
-  before();
-  log.add("ctlBus", action, detail, mark, payload, source, token_id);
-  return flag;
-}
-Json::Value RecordingAgent::getBusList() {
-  before();
-  log.add("getBusList");
-  return array;
-}
-std::string RecordingAgent::getAVConfig(int config_type, int request_source) {
-  before();
-  log.add("getAVConfig", config_type, request_source);
-  return text;
-}
-bool RecordingAgent::setAVConfig(const std::string& config_str, int config_type, int request_source) {
-  before();
-  log.add("setAVConfig", config_str, config_type, request_source);
-  return flag;
-}
-Json::Value RecordingAgent::startDeIsolate(const Json::Value& ctx, const std::string& desc,
-                                           const Json::Value& params, int source,
-                                           const std::string& token_id) {
-  before();
-  log.add("startDeIsolate", ctx, desc, params, source, token_id);
-  return object;
-}
-Json::Value RecordingAgent::getIsolationInfo() {
-  before();
-  log.add("getIsolationInfo");
-  return array;
-}
-bool RecordingAgent::ctlRegion(const std::string& desc, const Json::Value& items, int region_type,
-                               int source) {
-  before();
-  log.add("ctlRegion", desc, items, region_type, source);
-  return flag;
-}
-Json::Value RecordingAgent::getRegionInfo(int domain, int item_type, int region_type) {
-  before();
-  log.add("getRegionInfo", domain, item_type, region_type);
-  return array;
-}
-void RecordingAgent::cleanScanCache() {
-  before();
-  log.add("cleanScanCache");
-}
-int RecordingAgent::getScanCacheDetail() {
-  before();
-  log.add("getScanCacheDetail");
-  return number;
-}
 
 Json::Value sampleOf(JsonKind kind, int seed) {
   Json::Value object(Json::objectValue);
@@ -201,15 +98,6 @@ Json::Value parsed(const std::string& text) {
   Json::Value value;
   EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
   return value;
-}
-
-const MethodRow& rowNamed(const std::vector<MethodRow>& rows, const std::string& name) {
-  for (const MethodRow& row : rows) {
-    if (row.name == name) {
-      return row;
-    }
-  }
-  throw std::invalid_argument(name);
 }
 
 std::string rowName(const MethodRow& row) {

@@ -4,22 +4,29 @@
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
-#include "jsonrpchelper/AgentServer.h"
-#include "jsonrpchelper/ScanServers.h"
+#include "jsonrpchelper/IAgentAbstract.h"
+#include "jsonrpchelper/IBusinessCAbstract.h"
+#include "jsonrpchelper/IScanCAbstract.h"
 
 namespace rpctest {
 
-/// Calls that reached a server: the name, then the arguments in their order, as a JSON array.
+using namespace jsonrpchelper;
+
+/// Calls that reached a server: the name, then the arguments in the table's order, as a JSON array.
 class CallLog {
  public:
-  template <class... Arguments>
-  void add(const char* name, const Arguments&... arguments) {
+  template <class Method>
+  void add(const Method& request) {
     Json::Value call(Json::arrayValue);
-    call.append(name);
-    (call.append(Json::Value(arguments)), ...);
+    call.append(Method::kName);
+    const auto append = [&call](const char*, const auto& argument) { call.append(Json::Value(argument)); };
+    Method::members(request, append);
     const std::lock_guard<std::mutex> guard(lock_);
     calls_.push_back(call);
   }
@@ -34,78 +41,89 @@ class CallLog {
   std::vector<Json::Value> calls_;
 };
 
-/// Runs first in every operation of the recorders: may throw.
-using Before = std::function<void()>;
-
-class RecordingScan : public IScanCAbstract {
+/// The parts that all recorders share.
+class Recorder {
  public:
-  using IScanCAbstract::IScanCAbstract;
   CallLog log;
-  Before before = [] {};
+  std::function<void()> before = [] {};  ///< runs first in every operation; may throw
 
-  void reportRiskInfo(int business_type, int fix_method, const Json::Value& risk_info, int risk_info_type,
-                      const std::string& token_id) override;
-  void reportRiskFixInfo(int business_type, int fix_method, const Json::Value& risk_info, int risk_info_type,
-                         const Json::Value& risk_repair_result, const std::string& token_id) override;
-  void reportScanBusOverView(const Json::Value& overview, const std::string& token_id) override;
-  void reportScanBusStage(const std::string& datail, int stage, const std::string& token_id) override;
-  void reportScanAttributeInfo(const Json::Value& payload, int source, const std::string& token_id) override;
+ protected:
+  template <class Method>
+  void record(const Method& request) {
+    before();
+    log.add(request);
+  }
 };
 
-class RecordingBusiness : public IBusinessCAbstract {
+class RecordingScan : public IScanCAbstract, public Recorder {
+ public:
+  using IScanCAbstract::IScanCAbstract;
+
+  void reportRiskInfo(const ReportRiskInfo& r) override { record(r); }
+  void reportRiskFixInfo(const ReportRiskFixInfo& r) override { record(r); }
+  void reportScanBusOverView(const ReportScanBusOverView& r) override { record(r); }
+  void reportScanBusStage(const ReportScanBusStage& r) override { record(r); }
+  void reportScanAttributeInfo(const ReportScanAttributeInfo& r) override { record(r); }
+};
+
+class RecordingBusiness : public IBusinessCAbstract, public Recorder {
  public:
   using IBusinessCAbstract::IBusinessCAbstract;
-  CallLog log;
-  Before before = [] {};
 
-  void reportBusStatus(const Json::Value& ctx, const std::string& detail, const Json::Value& params,
-                       int source, int state, const std::string& token_id, int type) override;
-  void reportBusProgress(int progress, const std::string& token_id) override;
+  void reportBusStatus(const ReportBusStatus& r) override { record(r); }
+  void reportBusProgress(const ReportBusProgress& r) override { record(r); }
 };
 
 /// Answers every method with what is set; the defaults are of the right kind.
-class RecordingAgent : public IAgentAbstract {
+class RecordingAgent : public IAgentAbstract, public Recorder {
  public:
   using IAgentAbstract::IAgentAbstract;
-  CallLog log;
-  Before before = [] {};
-  Json::Value object{Json::objectValue};
-  Json::Value array{Json::arrayValue};
+  JsonObject object;
+  JsonArray array;
   std::string text;
   bool flag = true;
-  int number = 0;
+  std::int32_t number = 0;
+  /// The answer to a caller who may not change anything; none: the caller may.
+  std::optional<Json::Value> refused;
 
-  Json::Value startScanTask(const Json::Value& ctx, const std::string& desc, const Json::Value& params,
-                            int source, const std::string& token_id) override;
-  bool ctlBus(int action, const std::string& detail, int mark, const Json::Value& payload, int source,
-              const std::string& token_id) override;
-  Json::Value getBusList() override;
-  std::string getAVConfig(int config_type, int request_source) override;
-  bool setAVConfig(const std::string& config_str, int config_type, int request_source) override;
-  Json::Value startDeIsolate(const Json::Value& ctx, const std::string& desc, const Json::Value& params,
-                             int source, const std::string& token_id) override;
-  Json::Value getIsolationInfo() override;
-  bool ctlRegion(const std::string& desc, const Json::Value& items, int region_type, int source) override;
-  Json::Value getRegionInfo(int domain, int item_type, int region_type) override;
-  void cleanScanCache() override;
-  int getScanCacheDetail() override;
+  std::optional<Json::Value> refusal(Access access, const std::string& /*method*/) override {
+    return access == Access::kWhoMayChange ? refused : std::nullopt;
+  }
+  JsonObject startScanTask(const StartScanTask& r) override { return answer(r); }
+  bool ctlBus(const CtlBus& r) override { return answer(r); }
+  JsonArray getBusList(const GetBusList& r) override { return answer(r); }
+  std::string getAVConfig(const GetAVConfig& r) override { return answer(r); }
+  bool setAVConfig(const SetAVConfig& r) override { return answer(r); }
+  JsonObject startDeIsolate(const StartDeIsolate& r) override { return answer(r); }
+  JsonArray getIsolationInfo(const GetIsolationInfo& r) override { return answer(r); }
+  bool ctlRegion(const CtlRegion& r) override { return answer(r); }
+  JsonArray getRegionInfo(const GetRegionInfo& r) override { return answer(r); }
+  void cleanScanCache(const CleanScanCache& r) override { return answer(r); }
+  std::int32_t getScanCacheDetail(const GetScanCacheDetail& r) override { return answer(r); }
+
+ private:
+  template <class Method>
+  typename Method::Result answer(const Method& request) {
+    record(request);
+    if constexpr (!std::is_void_v<typename Method::Result>) {
+      return std::get<typename Method::Result&>(std::tie(object, array, text, flag, number));
+    }
+  }
 };
 
 /// A value of each kind, different for every `seed`.
-Json::Value sampleOf(jsonrpchelper::JsonKind kind, int seed);
+Json::Value sampleOf(JsonKind kind, int seed);
 /// A sample for every parameter, by name.
-Json::Value sampleParameters(const jsonrpchelper::MethodRow& row);
+Json::Value sampleParameters(const MethodRow& row);
 /// The call as a recorder logs it for those parameters.
-Json::Value recordedCall(const jsonrpchelper::MethodRow& row, const Json::Value& parameters);
+Json::Value recordedCall(const MethodRow& row, const Json::Value& parameters);
 /// One value of every JSON kind that is not the given one.
-std::vector<Json::Value> valuesOfOtherKinds(jsonrpchelper::JsonKind kind);
+std::vector<Json::Value> valuesOfOtherKinds(JsonKind kind);
 std::string requestText(const std::string& method, const Json::Value& params, const Json::Value& id);
 std::string notificationText(const std::string& method, const Json::Value& params);
 /// Parses; a test failure and null when it does not.
 Json::Value parsed(const std::string& text);
-const jsonrpchelper::MethodRow& rowNamed(const std::vector<jsonrpchelper::MethodRow>& rows,
-                                         const std::string& name);
-std::string rowName(const jsonrpchelper::MethodRow& row);
+std::string rowName(const MethodRow& row);
 
 }  // namespace rpctest
 

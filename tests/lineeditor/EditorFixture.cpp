@@ -1,9 +1,12 @@
 #include "lineeditor/EditorFixture.h"
 
+#include <strings.h>
+
 #include <cerrno>
 #include <cstdlib>
 
 #include "Display.h"
+#include "HistoryRing.h"
 
 namespace lineeditor {
 
@@ -21,9 +24,23 @@ std::string surrounded(const Surroundings& surroundings, std::string_view text) 
   return out;
 }
 
+std::string keysFor(const PlainModel& model) {
+  std::string keys = model.text();
+  for (std::size_t i = model.cursor; i < model.characters.size(); ++i) {
+    keys += "\033[D";
+  }
+  return keys;
+}
+
+void storeLines(int count) {
+  for (int i = 1; i <= count; ++i) {
+    historyStore("line " + std::to_string(i));
+  }
+}
+
 void EditorFixture::SetUp() {
-  for (const char* name : {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"}) {
-    unsetenv(name);  // the emulator here does not rewrap
+  for (const char* name : testsupport::kRewrapVariables) {
+    unsetenv(name);
   }
   historyClear();
   settings() = EditorSettings{};
@@ -65,6 +82,20 @@ void EditorFixture::nextTurn() {
 
 void EditorFixture::typeThen(std::string_view keys, std::function<void()> then) {
   turns_.push_back({std::string(keys), std::move(then)});
+}
+
+void EditorFixture::offer(std::vector<Offer> offers) {
+  setCompletionHook([this, offers = std::move(offers)](const char* text, CompletionState* state) {
+    asked = text;
+    const std::string word = asked->substr(asked->find_last_of(' ') + 1);
+    for (std::size_t i = 0; i < offers.size(); ++i) {
+      if (strncasecmp(offers[i].name.c_str(), word.c_str(), word.size()) == 0) {
+        addCandidate(state, offers[i].name.c_str(), i < 8 ? kBrightYellow : kBrightCyan,
+                     offers[i].help.empty() ? nullptr : offers[i].help.c_str(), i % 2 == 0 ? kCyan : kWhite);
+      }
+    }
+    return 1;
+  });
 }
 
 std::optional<std::string> EditorFixture::read() {

@@ -16,11 +16,11 @@
 
 namespace lineeditor {
 
-/// How the text around a key's effect looks, and in which window.
+/// The text around the effect of a key, and the width of the window.
 struct Surroundings {
   const char* name;
-  const char* prefix;  ///< stands before what the test types
-  const char* letter;  ///< stands for '~' in the test's text
+  const char* prefix;  ///< the text of '^'
+  const char* letter;  ///< the text of '~'
   int cols;
 };
 
@@ -31,9 +31,22 @@ inline const Surroundings kSurroundings[] = {
     {"WrappedAt40", kLong, "中", 40}, {"WrappedAt80", kLong, "x", 80},
 };
 
-/// '^' becomes the prefix, '~' the letter.
+/// The text with the prefix for each '^' and the letter for each '~'.
 std::string surrounded(const Surroundings& surroundings, std::string_view text);
 
+/// One offer of a completion hook. help may be empty.
+struct Offer {
+  std::string name;
+  std::string help;
+};
+
+/// The keys that type the line of the model and move the cursor to its place.
+std::string keysFor(const PlainModel& model);
+
+/// Stores "line 1" to "line <count>" in the history.
+void storeLines(int count);
+
+/// The editor on a scripted terminal, with an empty history and default settings.
 class EditorFixture : public ::testing::Test {
  protected:
   void open(int rows, int cols);
@@ -41,17 +54,21 @@ class EditorFixture : public ::testing::Test {
 
   /// Reads one line of up to 4095 bytes at "TAV> ".
   std::optional<std::string> read();
-  /// Types into the line being read; `then` looks at the screen when all of it has been drawn.
+  /// Types the keys into the line being read. `then` is called when the editor has drawn the result.
   void typeThen(std::string_view keys, std::function<void()> then);
   std::optional<std::string> readKeys(std::string_view keys);
 
-  /// The rows that end with the cursor's show exactly this and nothing stands below them.
+  /// Installs a completion hook that offers the names that begin with the last word.
+  void offer(std::vector<Offer> offers);
+
+  /// True when the screen shows exactly this line at the cursor, with nothing below the line.
   ::testing::AssertionResult shows(const PlainModel& model, std::string_view prompt = "TAV> ");
 
   void SetUp() override;
   void TearDown() override;
 
   int readErrno = 0;
+  std::optional<std::string> asked;  ///< the text of the last call of the hook
 
  private:
   struct Turn {

@@ -6,8 +6,8 @@
 
 namespace lineeditor {
 
-/// The line as a plain list of characters with a cursor, and what a screen of a given width must show of it.
-/// Shares no code with the editor. Knows ASCII, Chinese and Latin letters with a combining accent.
+/// The line as a plain list of characters with a cursor. screen() gives the rows that a screen must show. The
+/// model shares no code with the editor. The characters are ASCII, Chinese, and Latin letters with an accent.
 struct PlainModel {
   std::vector<std::string> characters;
   std::size_t cursor = 0;
@@ -22,7 +22,7 @@ struct PlainModel {
   Screen screen(std::string_view prompt, int cols) const;
 };
 
-/// Cuts text into characters. '|' marks the cursor, when `marked`.
+/// Cuts text into characters. When `marked`, the first '|' is the cursor.
 PlainModel modelOf(std::string_view text, bool marked);
 int plainWidth(std::string_view character);
 

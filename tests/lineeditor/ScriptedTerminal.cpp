@@ -58,13 +58,13 @@ Input ScriptedTerminal::read(int waitMs) {
   while (true) {
     if (steps_.empty()) {
       if (waitMs != kForever) {
-        return {InputKind::Timeout};
+        return {InputKind::kTimeout};
       }
       if (onIdle) {
         onIdle();
       }
       if (steps_.empty()) {
-        return {InputKind::End};
+        return {InputKind::kEnd};
       }
     }
     const Step step = steps_.front();
@@ -73,17 +73,17 @@ Input ScriptedTerminal::read(int waitMs) {
         steps_.pop_front();
       }
       if (waitMs != kForever) {
-        return {InputKind::Timeout};
+        return {InputKind::kTimeout};
       }
       continue;
     }
     steps_.pop_front();
     if (step.kind == Step::kByte) {
-      return {InputKind::Byte, step.byte};
+      return {InputKind::kByte, step.byte};
     }
     const std::lock_guard guard(mutex_);
     screen_.resize(step.size.rows, step.size.cols);
-    return {InputKind::Resized};
+    return {InputKind::kResized};
   }
 }
 
@@ -115,7 +115,7 @@ bool ScriptedTerminal::runClear() {
   return clearWorks;
 }
 
-/// Line feeds as the terminal's driver passes them on.
+/// The terminal's driver sends a carriage return before each line feed.
 void ScriptedTerminal::put(std::string_view bytes) {
   written_ += bytes;
   std::string out;

@@ -11,10 +11,10 @@
 
 namespace lineeditor {
 
-/// A terminal with a script at the keyboard: bytes, pauses and changes of the window in a row. When the
-/// script is used up, onIdle (called when the editor waits for a key, so all it has drawn stands on the
-/// screen) may type more; else the input ends. Standing in for the real terminal as long as it lives. Notices
-/// may write from another thread.
+/// A terminal with a script at its keyboard. The script is a row of bytes, pauses and changes of the window's
+/// size. At the end of the script, onIdle may type more; otherwise the input ends. The editor has drawn all
+/// of its output when onIdle is called. The object replaces the real terminal during its life. Other threads
+/// may write notices.
 class ScriptedTerminal : public TerminalIo {
  public:
   ScriptedTerminal(int rows, int cols);
@@ -25,7 +25,7 @@ class ScriptedTerminal : public TerminalIo {
   void resizeTo(int rows, int cols);
   std::function<void()> onIdle;
 
-  /// Looks at the screen while nobody writes to it.
+  /// Calls look with the screen, under the lock of the screen.
   template <class Look>
   auto look(Look look) const {
     const std::lock_guard guard(mutex_);
@@ -38,7 +38,7 @@ class ScriptedTerminal : public TerminalIo {
   std::string written() const;  ///< every byte so far
   void forgetWritten();
 
-  int timesTaken = 0;  ///< of the terminal's settings
+  int timesTaken = 0;  ///< calls of enterRawMode()
   int timesRestored = 0;
   int timesCleared = 0;
   bool isUsable = true;
@@ -52,8 +52,8 @@ class ScriptedTerminal : public TerminalIo {
   bool pending() override;
   void write(std::string_view bytes) override;
   void print(std::string_view text) override;
-  void takeRaw() override { ++timesTaken; }
-  void restore() override { ++timesRestored; }
+  void enterRawMode() override { ++timesTaken; }
+  void leaveRawMode() override { ++timesRestored; }
   bool runClear() override;
 
  private:

@@ -1,5 +1,5 @@
-// The editor on a real terminal, without the console around it: what the pty tests and the look by eye drive.
-// Each accepted line is printed as "<line>"; a line that starts with "!" asks for something.
+// The editor on a real terminal, without the console: a program for the pty tests and for a look by eye. The
+// program prints each accepted line as "<line>". A line that starts with "!" is a command of runCommand().
 //
 //   editor_driver [--history FILE] [--notices MS]
 #include <strings.h>
@@ -58,7 +58,7 @@ void showKeys() {
 
 volatile std::sig_atomic_t goOn = 0;
 
-/// "!busy" runs until SIGUSR1, or until the console is told to end.
+/// SIGUSR1 ends "!busy", and so does a signal that ends the console.
 void endBusy(int /*signal*/) {
   goOn = 1;
 }
@@ -74,8 +74,6 @@ void runCommand(const std::string& line) {
     while (goOn == 0 && !lineeditor::endRequested()) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-  } else if (line == "!half") {
-    lineeditor::plainPrint("no line end");
   } else if (line == "!where") {
     int row = -1;
     int col = -1;

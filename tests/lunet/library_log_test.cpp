@@ -12,6 +12,7 @@
 #include "Log.h"
 
 using namespace lunettest;
+using lunet::BusLogLevel;
 using lunet::Log;
 using testsupport::readFile;
 namespace fs = std::filesystem;
@@ -34,7 +35,7 @@ class LogTest : public testing::Test {
     records.clear();
     settings.path = dir.at("logs//tavcli/tavcli.ipc.log");
     settings.backupPath = dir.at("logs//tavcli/backup");
-    settings.level = Log::kEverything;
+    settings.level = BusLogLevel::kEverything;
     settings.name = "uuid-1";
   }
   std::string file() const { return readFile(settings.path); }
@@ -46,7 +47,7 @@ class LogTest : public testing::Test {
 
 TEST_F(LogTest, ARecordIsALineWithTimeLevelProcessAndText) {
   log.open(settings);
-  log.write(Log::kWarning, "something happened");
+  log.write(BusLogLevel::kWarning, "something happened");
   EXPECT_THAT(file(),
               testing::MatchesRegex("[0-9]+-[0-9]+-[0-9]+ [0-9:]+\\.[0-9]+ \\[1\\] \\[[0-9]+ uuid-1\\] "
                                     "something happened\n"));
@@ -54,7 +55,7 @@ TEST_F(LogTest, ARecordIsALineWithTimeLevelProcessAndText) {
 
 TEST_F(LogTest, BothFoldersAreMadeForItsUserOnly) {
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   for (const char* folder : {"logs/tavcli", "logs/tavcli/backup"}) {
     struct stat st {};
     ASSERT_EQ(stat(dir.at(folder).c_str(), &st), 0) << folder;
@@ -65,7 +66,7 @@ TEST_F(LogTest, BothFoldersAreMadeForItsUserOnly) {
 class LogLevelTest : public LogTest, public testing::WithParamInterface<int> {};
 
 TEST_P(LogLevelTest, KeepsTheRecordsUpToItselfInFileAndCallbackAlike) {
-  settings.level = GetParam();
+  settings.level = static_cast<Log::Level>(GetParam());
   log.setCallback(note);
   log.open(settings);
   for (int level = 0; level <= 3; ++level) {
@@ -89,7 +90,7 @@ TEST_F(LogTest, AFullFileIsRotatedIntoTheBackupFolderAndFiveAreKept) {
   log.open(settings);
   const std::string text(100000, 'r');
   for (int i = 0; i < 80; ++i) {
-    log.write(Log::kError, text);
+    log.write(BusLogLevel::kError, text);
   }
   EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
   std::size_t kept = 0;
@@ -105,13 +106,13 @@ TEST_F(LogTest, TwoProcessesOnOneFileRotateItOnce) {
   Log second;
   log.open(settings);
   second.open(settings);
-  second.write(Log::kError, "early");
+  second.write(BusLogLevel::kError, "early");
   const std::string text(100000, 'r');
   for (int i = 0; i < 11; ++i) {
-    log.write(Log::kError, text);
+    log.write(BusLogLevel::kError, text);
   }
-  second.write(Log::kError, "after the other's rotation " + text);
-  second.write(Log::kError, "late");
+  second.write(BusLogLevel::kError, "after the other's rotation " + text);
+  second.write(BusLogLevel::kError, "late");
   EXPECT_NE(file().find("late"), std::string::npos);
   EXPECT_FALSE(fs::exists(settings.backupPath + "/tavcli.ipc.log.2"));
 }
@@ -120,21 +121,21 @@ TEST_F(LogTest, TwoProcessesOnOneFileOverwriteNothing) {
   Log second;
   log.open(settings);
   second.open(settings);
-  log.write(Log::kError, "one");
-  second.write(Log::kError, "two");
-  log.write(Log::kError, "three");
+  log.write(BusLogLevel::kError, "one");
+  second.write(BusLogLevel::kError, "two");
+  log.write(BusLogLevel::kError, "three");
   EXPECT_THAT(file(), testing::ContainsRegex("one\n.* two\n.* three\n$"));
 }
 
 TEST_F(LogTest, AFullFileWithoutAFolderOfOldOnesIsEmptied) {
   settings.backupPath = "";
   log.open(settings);
-  log.write(Log::kError, "the first record");
+  log.write(BusLogLevel::kError, "the first record");
   struct stat first {};
   ASSERT_EQ(stat(settings.path.c_str(), &first), 0);
   const std::string text(100000, 'r');
   for (int i = 0; i < 15; ++i) {
-    log.write(Log::kError, text);
+    log.write(BusLogLevel::kError, text);
   }
   EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
   EXPECT_EQ(file().find("the first record"), std::string::npos);
@@ -150,7 +151,7 @@ TEST_F(LogTest, AFullFileThatCannotBeMovedIsEmptied) {
   log.open(settings);
   const std::string text(100000, 'r');
   for (int i = 0; i < 15; ++i) {
-    log.write(Log::kError, text);
+    log.write(BusLogLevel::kError, text);
   }
   EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
 }
@@ -159,10 +160,10 @@ TEST_F(LogTest, AFifoIsNeitherWaitedForNorWritten) {
   fs::create_directories(dir.at("logs/tavcli"));
   ASSERT_EQ(mkfifo(dir.at("logs/tavcli/tavcli.ipc.log").c_str(), 0600), 0);
   log.open(settings);
-  log.write(Log::kError, "nobody reads");
+  log.write(BusLogLevel::kError, "nobody reads");
   const platform::Descriptor reader(
       open(dir.at("logs/tavcli/tavcli.ipc.log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  log.write(Log::kError, "somebody reads");
+  log.write(BusLogLevel::kError, "somebody reads");
   char byte = 0;
   EXPECT_EQ(read(reader.get(), &byte, 1), 0);
 }
@@ -170,7 +171,7 @@ TEST_F(LogTest, AFifoIsNeitherWaitedForNorWritten) {
 TEST_F(LogTest, ControlCharactersAreMadeVisible) {
   log.setCallback(note);
   log.open(settings);
-  log.write(Log::kError, "a\nforged line\x1b[31m");
+  log.write(BusLogLevel::kError, "a\nforged line\x1b[31m");
   EXPECT_NE(file().find("a\\nforged line\\x1b[31m"), std::string::npos) << file();
   EXPECT_EQ(records[0].second, "a\\nforged line\\x1b[31m");
 }
@@ -179,7 +180,7 @@ TEST_F(LogTest, AFolderThatCannotBeMadeCostsTheFileOnly) {
   dir.write("logs", "a file in the way");
   log.setCallback(note);
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   EXPECT_EQ(records.size(), 1u);
 }
 
@@ -188,7 +189,7 @@ TEST_F(LogTest, ALinkIsNotFollowed) {
   dir.write("precious", "content");
   fs::create_symlink(dir.at("precious"), dir.at("logs/tavcli/tavcli.ipc.log"));
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   EXPECT_EQ(readFile(dir.at("precious")), "content");
 }
 
@@ -199,7 +200,7 @@ TEST_F(LogTest, AFolderThatOthersMayWriteCostsTheFileOnly) {
   ASSERT_EQ(chmod(dir.at("logs").c_str(), 0777), 0);
   log.setCallback(note);
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   EXPECT_FALSE(fs::exists(settings.path));
   EXPECT_FALSE(fs::exists("/" + name));
   EXPECT_EQ(records.size(), 1u);
@@ -211,7 +212,7 @@ TEST_F(LogTest, AFolderThatIsALinkToWhereOthersMayWriteCostsTheFileOnly) {
   fs::create_directories(dir.at("logs"));
   fs::create_symlink(dir.at("open"), dir.at("logs/tavcli"));
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   EXPECT_FALSE(fs::exists(dir.at("open/tavcli.ipc.log")));
 }
 
@@ -224,14 +225,14 @@ TEST_F(LogTest, AFolderBehindAnotherUsersLinkGetsNoFile) {
   ASSERT_EQ(lchown(dir.at("logs").c_str(), 12345, 12345), 0);
   log.setCallback(note);
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   EXPECT_TRUE(fs::is_empty(dir.at("roots")));
   EXPECT_EQ(records.size(), 1u);
 }
 
 TEST_F(LogTest, TheFileIsItsUsersOwn) {
   log.open(settings);
-  log.write(Log::kError, "x");
+  log.write(BusLogLevel::kError, "x");
   struct stat st {};
   ASSERT_EQ(stat(settings.path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777u, 0600u);

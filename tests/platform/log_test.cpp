@@ -37,25 +37,25 @@ class DebugLog : public testing::Test {
 
 TEST_F(DebugLog, RecordsCarrySourceFunctionAndLine) {
   configure(dir_.path() + "//");
-  CLogDebug::LogPrintV(4, "here.cpp", "doIt", 42, "cannot %s %d", "open", 7);
-  CLogDebug::LogPrintStr(1, "here.cpp", "doIt", 43, "100% plain");
+  CLogDebug::LogPrintV(LogLevel::kError, "here.cpp", "doIt", 42, "cannot %s %d", "open", 7);
+  CLogDebug::LogPrintStr(LogLevel::kDebug, "here.cpp", "doIt", 43, "100% plain");
   EXPECT_THAT(content(), HasSubstr("ERROR here.cpp:doIt:42 cannot open 7\n"));
   EXPECT_THAT(content(), HasSubstr("DEBUG here.cpp:doIt:43 100% plain\n"));
 }
 
 TEST_F(DebugLog, RecordsBelowTheLevelAreNotWritten) {
   configure(dir_.path(), "3");
-  EXPECT_FALSE(CLogDebug::CheckLogLevel(2));
-  EXPECT_TRUE(CLogDebug::CheckLogLevel(3));
-  CLogDebug::LogPrintStr(2, "s", "f", 1, "quiet");
-  CLogDebug::LogPrintStr(3, "s", "f", 1, "loud");
+  EXPECT_FALSE(CLogDebug::CheckLogLevel(LogLevel::kInfo));
+  EXPECT_TRUE(CLogDebug::CheckLogLevel(LogLevel::kWarning));
+  CLogDebug::LogPrintStr(LogLevel::kInfo, "s", "f", 1, "quiet");
+  CLogDebug::LogPrintStr(LogLevel::kWarning, "s", "f", 1, "loud");
   EXPECT_THAT(content(), Not(HasSubstr("quiet")));
   EXPECT_THAT(content(), HasSubstr("loud"));
 }
 
 TEST_F(DebugLog, ARecordCannotForgeASecondLine) {
   configure(dir_.path());
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "a\nERROR forged\x1b[2J");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "a\nERROR forged\x1b[2J");
   EXPECT_THAT(content(), HasSubstr("a\\nERROR forged\\x1b[2J\n"));
 }
 
@@ -64,7 +64,7 @@ TEST_F(DebugLog, TheFileIsRotatedAndOnlySoManyBackupsAreKept) {
   CLogDebug::Instance()->SetProperty(CLogDebug::kSize, "1000");
   CLogDebug::Instance()->SetProperty(CLogDebug::kBackupCount, "2");
   for (int i = 0; i < 100; ++i) {
-    CLogDebug::LogPrintStr(4, "s", "f", i, std::string(100, 'x'));
+    CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", i, std::string(100, 'x'));
   }
   std::size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
@@ -79,7 +79,7 @@ TEST_F(DebugLog, WithNoBackupsTheFileAloneIsKept) {
   CLogDebug::Instance()->SetProperty(CLogDebug::kSize, "1000");
   CLogDebug::Instance()->SetProperty(CLogDebug::kBackupCount, "0");
   for (int i = 0; i < 100; ++i) {
-    CLogDebug::LogPrintStr(4, "s", "f", i, std::string(100, 'x'));
+    CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", i, std::string(100, 'x'));
   }
   EXPECT_LE(content().size(), 1000u);
   const std::filesystem::directory_iterator files(dir_.path());
@@ -89,7 +89,7 @@ TEST_F(DebugLog, WithNoBackupsTheFileAloneIsKept) {
 TEST_F(DebugLog, OnlyItsOwnerReadsTheFile) {
   const mode_t before = umask(0);
   configure(dir_.path());
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "private");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "private");
   umask(before);
   struct stat st {};
   ASSERT_EQ(stat(dir_.at("unit.log").c_str(), &st), 0);
@@ -108,16 +108,16 @@ TEST_F(DebugLog, PropertiesThatAreNoNumbersOrOutOfRangeChangeNothing) {
     log->SetProperty(CLogDebug::kSize, text);
   }
   log->SetProperty(CLogDebug::kBackupCount, "-1");
-  EXPECT_FALSE(CLogDebug::CheckLogLevel(2));
-  CLogDebug::LogPrintStr(3, "s", "f", 1, "written");
+  EXPECT_FALSE(CLogDebug::CheckLogLevel(LogLevel::kInfo));
+  CLogDebug::LogPrintStr(LogLevel::kWarning, "s", "f", 1, "written");
   EXPECT_THAT(content(), HasSubstr("written"));
 }
 
 TEST_F(DebugLog, ANewPropertyHoldsFromTheNextRecordOn) {
   configure(dir_.path());
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "first");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "first");
   CLogDebug::Instance()->SetProperty(CLogDebug::kName, "second");
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "second");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "second");
   EXPECT_THAT(content(), Not(HasSubstr("second")));
   EXPECT_THAT(readFile(dir_.at("second.log")), HasSubstr("second"));
 }
@@ -125,7 +125,7 @@ TEST_F(DebugLog, ANewPropertyHoldsFromTheNextRecordOn) {
 TEST_F(DebugLog, AFolderThatCannotBeWrittenCostsTheLogOnly) {
   dir_.write("file", "");
   configure(dir_.at("file/below"));
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "lost");
   EXPECT_NE(CLogDebug::Instance(), nullptr);
   EXPECT_FALSE(std::filesystem::exists("/unit.log")) << "nor is it written elsewhere";
 }
@@ -142,7 +142,7 @@ TEST_P(PlantedLink, InAFolderThatOthersCanWriteIsNotFollowed) {
   std::filesystem::create_directory_symlink(dir_.at("open"), dir_.at("link"));
   for (const char* folder : {"open", "link"}) {
     configure(dir_.at(folder));
-    CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+    CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "lost");
     CLogDebug::Close();
     EXPECT_EQ(readFile(victim), "as it was") << folder;
     struct stat st {};
@@ -163,7 +163,7 @@ TEST_F(DebugLog, AFolderOfAnotherUserCostsTheLogOnly) {
   ASSERT_TRUE(std::filesystem::create_directory(dir_.at("theirs")));
   ASSERT_EQ(chown(dir_.at("theirs").c_str(), 54321, 54321), 0);
   configure(dir_.at("theirs"));
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "lost");
   EXPECT_TRUE(std::filesystem::is_empty(dir_.at("theirs")));
 }
 
@@ -171,8 +171,8 @@ TEST_F(DebugLog, ThereIsNoInstanceAfterClose) {
   configure(dir_.path());
   CLogDebug::Close();
   EXPECT_EQ(CLogDebug::Instance(), nullptr);
-  EXPECT_FALSE(CLogDebug::CheckLogLevel(4));
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "lost");
+  EXPECT_FALSE(CLogDebug::CheckLogLevel(LogLevel::kError));
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "lost");
   EXPECT_EQ(content(), "");
 }
 
@@ -182,7 +182,7 @@ TEST_F(DebugLog, ManyThreadsWriteWholeLines) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
       for (int i = 0; i < 50; ++i) {
-        CLogDebug::LogPrintStr(4, "s", "f", 1, "whole");
+        CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "whole");
       }
     });
   }
@@ -203,13 +203,13 @@ std::vector<std::pair<int, std::string>> gRecords;
 TEST(BaseLog, RecordsBelowTheLevelAreDroppedAndOthersReachTheCallback) {
   gRecords.clear();
   CLog::set_log_callback([](int level, const char* text) { gRecords.emplace_back(level, text); });
-  CLog::set_log_level(2);
-  CLog::emit(1, "no");
-  CLog::emit(2, "yes %d", 1);
-  CLog::emit(3, "%s", "too");
+  CLog::set_log_level(CLogLevel::kWarning);
+  CLog::emit(CLogLevel::kInfo, "no");
+  CLog::emit(CLogLevel::kWarning, "yes %d", 1);
+  CLog::emit(CLogLevel::kError, "%s", "too");
   CLog::set_log_callback(nullptr);
-  CLog::emit(3, "nobody");
-  CLog::set_log_level(3);
+  CLog::emit(CLogLevel::kError, "nobody");
+  CLog::set_log_level(CLogLevel::kError);
   EXPECT_THAT(gRecords, testing::ElementsAre(testing::Pair(2, "yes 1"), testing::Pair(3, "too")));
 }
 

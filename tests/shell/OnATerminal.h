@@ -37,7 +37,8 @@ class OnATerminal {
 
   void press(char key) { EXPECT_EQ(write(terminal_, &key, 1), 1); }
 
-  /// Reads until the output ends with the text, or nothing more comes.
+  /// Reads until the output ends with the text. Stops at the end of the output and after 20 seconds of
+  /// silence.
   std::string readUntil(const std::string& text) {
     std::string output;
     char chunk[4096];

@@ -6,14 +6,14 @@
 
 #include "shell/CliTree.h"
 
-/// A grammar made by a test: its handlers note what they were called with, "NAME" or "NAME=value".
+/// A grammar made by a test. The handlers note each call as "NAME" or "NAME=value".
 class TestGrammar {
  public:
   CliTree tree;
   std::vector<std::string> handled;
   std::uint8_t handlerResult = 1;
 
-  /// Below the root when parent is null.
+  /// flags: alternative and required, each "0" or "1". A null parent means the root.
   CliNodeInfo* add(CliNodeInfo* parent, const std::string& name, const std::string& flags,
                    std::int32_t valueKind = 0, const std::string& help = "", const std::string& hint = "") {
     CliNodeInfo& info = records_.emplace_back(name, static_cast<std::uint8_t>(flags.at(0) == '1'),
@@ -32,8 +32,8 @@ class TestGrammar {
   std::deque<CliNodeInfo> records_;
 };
 
-/// A command in the shape of the console's own: two required options in any order, one of them with a value
-/// choice, an optional one, and other commands beside it.
+/// A command like those of the console, with two required options and an optional one, in any order. One
+/// choice takes a value. Two other commands stand beside the command.
 ///   RUN MODE FAST | SLOW | AT <value>   (required)
 ///       HANDLE AUTO | ASK               (required)
 ///       EXTRA ON | OFF

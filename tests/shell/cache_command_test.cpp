@@ -3,32 +3,37 @@
 
 #include "lunet/Lunet.h"
 #include "shell/TavCliCmdCache.h"
+#include "support/BuiltGrammar.h"
 #include "support/ConsoleLink.h"
-#include "support/GrammarRows.h"
 #include "support/ProcessShell.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
 using testsupport::ConsoleLink;
-using testsupport::GrammarRowExpected;
 using testsupport::ScriptedAgent;
 using testsupport::TempDir;
 
 namespace {
 
-const GrammarRowExpected kRows[] = {
-    {"CACHE", "缓存管理", "", 1, 1, 0},
-    {"CACHE SHOW", "显示缓存信息", "", 1, 1, 0},
-    {"CACHE SHOW SCANCACHE", "扫描缓存", "", 1, 1, 0},
-    {"CACHE CLEAN", "清理缓存", "", 1, 1, 0},
-    {"CACHE CLEAN SCANCACHE", "扫描缓存", "", 1, 1, 0},
-};
+const char kGrammar[] = "shell/data/grammar_cache.txt";
 
-class CacheGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
+/// The output of a failed call, with any error number of the bus library.
+testing::Matcher<std::string> failedCall(const char* operation) {
+  return MatchesRegex(std::string("Caught exception:\nClient connector error: lunet ") + operation +
+                      " error ret\\[[0-9-]+\\]\n");
+}
+
+class CacheGrammarRow : public testsupport::GrammarRow<TavCliCmdCache> {};
+
+/// The grammar without the shell around it; its handlers write into the shell's pending task.
+class CacheGrammar : public testing::Test {
+ protected:
+  ~CacheGrammar() override { TavCliCompletion::instance().setPendingTask(nullptr); }
+  testsupport::BuiltGrammar<TavCliCmdCache> built_;
+};
 
 class CacheCommand : public testing::Test {
  protected:
@@ -40,55 +45,41 @@ class CacheCommand : public testing::Test {
 }  // namespace
 
 TEST_P(CacheGrammarRow, IsInTheTree) {
-  TavCliCmdCache module;
-  CliTree tree;
-  module.buildTree(&tree);
-  testsupport::expectRow(tree, GetParam());
+  expectInTree();
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, CacheGrammarRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
+INSTANTIATE_TEST_SUITE_P(Rows, CacheGrammarRow, testing::ValuesIn(testsupport::goldenLines(kGrammar)),
+                         testsupport::grammarRowName);
 
-TEST(CacheGrammar, StandsInItsOrder) {
-  TavCliCmdCache module;
-  CliTree tree;
-  module.buildTree(&tree);
-  EXPECT_THAT(testsupport::allPaths(tree), ElementsAre("CACHE", "CACHE SHOW", "CACHE SHOW SCANCACHE",
-                                                       "CACHE CLEAN", "CACHE CLEAN SCANCACHE"));
+TEST_F(CacheGrammar, StandsInItsOrder) {
+  testsupport::expectGolden(kGrammar, testsupport::grammarText(built_.tree));
 }
 
-TEST(CacheGrammar, TheTaskStartsAsShow) {
+TEST_F(CacheGrammar, TheTaskStartsAsShow) {
   const TavCliCmdCacheExec task;
-  EXPECT_EQ(task.action, 0u);
-  EXPECT_EQ(task.subject, 0u);
+  EXPECT_EQ(task.action, TavCliCmdCacheExec::kShow);
+  EXPECT_EQ(task.subject, TavCliCmdCacheExec::kScanCache);
 }
 
-TEST(CacheGrammar, TheKeywordsSetActionAndSubject) {
-  for (const auto& [line, action] :
-       {std::pair{"CACHE SHOW SCANCACHE", 0u}, std::pair{"CACHE CLEAN SCANCACHE", 1u}}) {
-    TavCliCmdCache module;
-    CliTree tree;
-    module.buildTree(&tree);
-    EXPECT_EQ(tree.parse(line), 0);
+TEST_F(CacheGrammar, TheKeywordsSetActionAndSubject) {
+  for (const auto& [line, action] : {std::pair{"CACHE SHOW SCANCACHE", TavCliCmdCacheExec::kShow},
+                                     std::pair{"CACHE CLEAN SCANCACHE", TavCliCmdCacheExec::kClean}}) {
+    EXPECT_EQ(built_.tree.parse(line), 0);
     const auto* const task = TavCliCompletion::instance().pendingTaskAs<TavCliCmdCacheExec>();
     ASSERT_NE(task, nullptr);
     EXPECT_EQ(task->action, action);
-    EXPECT_EQ(task->subject, 0u);
-    TavCliCompletion::instance().setPendingTask(nullptr);
+    EXPECT_EQ(task->subject, TavCliCmdCacheExec::kScanCache);
   }
 }
 
-TEST(CacheGrammar, TheHandlersDoNothingAndGiveZeroWithoutATask) {
-  TavCliCmdCache module;
-  CliTree tree;
-  module.buildTree(&tree);
-  TavCliCompletion::instance().setPendingTask(nullptr);
+TEST_F(CacheGrammar, TheHandlersDoNothingAndGiveZeroWithoutATask) {
+  const shell::GrammarTable& grammar = built_.module.grammar();
   for (const char* path : {"CACHE SHOW SCANCACHE", "CACHE CLEAN SCANCACHE"}) {
-    const CliNodeInfo* const node = module.grammar().find(path);
+    const CliNodeInfo* const node = grammar.find(path);
     EXPECT_EQ(node->handler(*node, ""), 0) << path;
   }
-  EXPECT_FALSE(module.grammar().find("CACHE SHOW")->handler);
-  EXPECT_FALSE(module.grammar().find("CACHE CLEAN")->handler);
+  EXPECT_FALSE(grammar.find("CACHE SHOW")->handler);
+  EXPECT_FALSE(grammar.find("CACHE CLEAN")->handler);
 }
 
 TEST(CacheModule, IsNamedCacheAndPrintsItsLoadMessage) {
@@ -175,9 +166,7 @@ TEST_F(CacheCommand, AnAgentThatDiesDuringTheCallIsShownAsAnException) {
   agent_.dieAt("getScanCacheDetail");
   const Executed executed = executeLine("CACHE SHOW SCANCACHE");
   EXPECT_EQ(executed.result, 0);
-  EXPECT_THAT(
-      executed.printed,
-      MatchesRegex("Caught exception:\nClient connector error: lunet SyncSend error ret\\[[0-9-]+\\]\n"));
+  EXPECT_THAT(executed.printed, failedCall("SyncSend"));
 }
 
 TEST_F(CacheCommand, AnAgentThatNeverAnswersIsShownAsAnException) {
@@ -185,19 +174,13 @@ TEST_F(CacheCommand, AnAgentThatNeverAnswersIsShownAsAnException) {
   link_.setTimeout(100);
   const Executed executed = executeLine("CACHE SHOW SCANCACHE");
   EXPECT_EQ(executed.result, 0);
-  EXPECT_THAT(
-      executed.printed,
-      MatchesRegex("Caught exception:\nClient connector error: lunet SyncSend error ret\\[[0-9-]+\\]\n"));
+  EXPECT_THAT(executed.printed, failedCall("SyncSend"));
 }
 
 TEST_F(CacheCommand, AnAbsentAgentIsShownAsAnException) {
   agent_.leave();
-  EXPECT_THAT(
-      executeLine("CACHE SHOW SCANCACHE").printed,
-      MatchesRegex("Caught exception:\nClient connector error: lunet SyncSend error ret\\[[0-9-]+\\]\n"));
-  EXPECT_THAT(
-      executeLine("CACHE CLEAN SCANCACHE").printed,
-      MatchesRegex("Caught exception:\nClient connector error: lunet OnewaySend error ret\\[[0-9-]+\\]\n"));
+  EXPECT_THAT(executeLine("CACHE SHOW SCANCACHE").printed, failedCall("SyncSend"));
+  EXPECT_THAT(executeLine("CACHE CLEAN SCANCACHE").printed, failedCall("OnewaySend"));
 }
 
 TEST_F(CacheCommand, WorksAgainWithTheAgentThatComesBack) {

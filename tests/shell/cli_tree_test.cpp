@@ -14,7 +14,7 @@ using testsupport::outputOf;
 
 namespace {
 
-/// The report of a line on the plain path: heading, then name and help in columns of thirty.
+/// The report of missing options, without colours: the heading, then name and help in columns of thirty.
 std::string report(const std::vector<std::pair<std::string, std::string>>& missing) {
   std::string text = "缺少必要选项:";
   for (const auto& [name, help] : missing) {

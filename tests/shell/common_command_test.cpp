@@ -8,31 +8,20 @@
 #include "OnATerminal.h"
 #include "lineeditor/History.h"
 #include "shell/TavCliCmdCommon.h"
-#include "support/GrammarRows.h"
+#include "support/BuiltGrammar.h"
 #include "support/ProcessShell.h"
 #include "support/TempDir.h"
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-using testsupport::GrammarRowExpected;
+using testsupport::goldenText;
 using testsupport::readFile;
 
 namespace {
 
-const GrammarRowExpected kRows[] = {
-    {"QUIT", "", "", 1, 1, 0},
-    {"HISTORY", "显示命令历史", "", 1, 1, 0},
-    {"HELP", "显示帮助信息", "", 1, 1, 0},
-    {"HELP CTRL", "显示快捷键说明", "", 1, 1, 0},
-    {"HELP APP", "显示程序说明", "", 1, 1, 0},
-};
+const char kGrammar[] = "shell/data/grammar_common.txt";
 
-class CommonGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
-
-std::string golden(const char* name) {
-  return readFile(std::string(TAV_SOURCE_DIR) + "/tests/shell/data/" + name);
-}
+class CommonGrammarRow : public testsupport::GrammarRow<TavCliCmdCommon> {};
 
 constexpr const char* kPagerPrompt = "*** Press <Space> or <Enter> to continue . . .";
 
@@ -43,20 +32,15 @@ std::ptrdiff_t tableLines(const std::string& output) {
 }  // namespace
 
 TEST_P(CommonGrammarRow, IsInTheTree) {
-  TavCliCmdCommon module;
-  CliTree tree;
-  module.buildTree(&tree);
-  testsupport::expectRow(tree, GetParam());
+  expectInTree();
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, CommonGrammarRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
+INSTANTIATE_TEST_SUITE_P(Rows, CommonGrammarRow, testing::ValuesIn(testsupport::goldenLines(kGrammar)),
+                         testsupport::grammarRowName);
 
 TEST(CommonGrammar, StandsInItsOrder) {
-  TavCliCmdCommon module;
-  CliTree tree;
-  module.buildTree(&tree);
-  EXPECT_THAT(testsupport::allPaths(tree), ElementsAre("QUIT", "HELP", "HELP CTRL", "HELP APP", "HISTORY"));
+  testsupport::BuiltGrammar<TavCliCmdCommon> built;
+  testsupport::expectGolden(kGrammar, testsupport::grammarText(built.tree));
 }
 
 TEST(CommonCommand, TheModuleIsNamedCommonAndPrintsNoLoadMessage) {
@@ -66,14 +50,13 @@ TEST(CommonCommand, TheModuleIsNamedCommonAndPrintsNoLoadMessage) {
 }
 
 TEST(CommonCommand, EachHandlerGivesOne) {
-  TavCliCmdCommon module;
-  CliTree tree;
-  module.buildTree(&tree);
+  const testsupport::BuiltGrammar<TavCliCmdCommon> built;
+  const shell::GrammarTable& grammar = built.module.grammar();
   for (const char* path : {"HELP CTRL", "HELP APP", "HISTORY"}) {
-    const CliNodeInfo* const node = module.grammar().find(path);
+    const CliNodeInfo* const node = grammar.find(path);
     testsupport::outputOf([&] { EXPECT_EQ(node->handler(*node, ""), 1) << path; });
   }
-  EXPECT_FALSE(module.grammar().find("HELP")->handler);
+  EXPECT_FALSE(grammar.find("HELP")->handler);
 }
 
 TEST(CommonCommand, HelpAlonePrintsWhatIsMissingAndNoHelpScreen) {
@@ -86,7 +69,7 @@ TEST(CommonCommand, HelpAlonePrintsWhatIsMissingAndNoHelpScreen) {
 }
 
 TEST(CommonCommand, HelpCtrlPrintsTheKeyTableByteForByte) {
-  const std::string table = golden("help_ctrl.txt");
+  const std::string table = goldenText("shell/data/help_ctrl.txt");
   ASSERT_EQ(std::count(table.begin(), table.end(), '\n'), 53);
   for (const char* line : {"HELP CTRL", "help ctrl", "Help Ctrl"}) {
     const Executed executed = executeLine(line);
@@ -96,7 +79,7 @@ TEST(CommonCommand, HelpCtrlPrintsTheKeyTableByteForByte) {
 }
 
 TEST(CommonCommand, HelpAppPrintsTheExampleBoxByteForByte) {
-  const std::string box = golden("help_app.txt");
+  const std::string box = goldenText("shell/data/help_app.txt");
   ASSERT_EQ(std::count(box.begin(), box.end(), '\n'), 22);
   for (const char* line : {"HELP APP", "help app"}) {
     EXPECT_EQ(executeLine(line).printed, box);

@@ -1,88 +1,48 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <ostream>
+#include <string>
 
 #include "OnATerminal.h"
 #include "lineeditor/Terminal.h"
 #include "shell/ErrorTable.h"
 #include "support/Capture.h"
+#include "support/Golden.h"
 
+using testsupport::goldenLines;
 using testsupport::outputOf;
 
 namespace {
 
-struct Row {
-  std::int32_t code;
-  const char* message;
-};
-
-void PrintTo(const Row& row, std::ostream* out) {
-  *out << row.code << " " << row.message;
-}
+const char kGolden[] = "shell/data/error_table.txt";
 
 std::string printed(std::int32_t code) {
   return outputOf([code] { ErrorTable::instance().print(code); });
 }
 
-const Row kRows[] = {
-    {-10001, "parameter error"},
-    {-10002, "scan func error,input start,stop,parse"},
-    {-10003, "scan module empty"},
-    {-10004, "scan func unknow"},
-    {-10005, "scan module unknow"},
-    {-10006, "scan handle empty"},
-    {-10007, "scan handle unknow"},
-    {-10008, "scan specialconfig empty"},
-    {-10009, "scan specialconfig unknow"},
-    {-10010, "scan path empty"},
-    {-10011, "scan failed"},
-    {-11001, "config func error"},
-    {-11002, "config scanmodule unknow"},
-    {-11003, "config scanmodule empty"},
-    {-11004, "config scanhandle empty"},
-    {-11005, "config scanhandle unknow"},
-    {-11006, "config protectlevel empty"},
-    {-11007, "config protectlevel unknow"},
-    {-11008, "config archivefilesize empty"},
-    {-11009, "config archivefilesize unknow"},
-    {-11010, "config archivelayer empty"},
-    {-11011, "config archivelayer unknow"},
-    {-11012, "config loglevel empty"},
-    {-11013, "config loglevel unknow"},
-    {-11014, "config sw_switcher empty"},
-    {-11015, "config sw_switcher unknow"},
-    {-11016, "config failed"},
-    {-12001, "trustlation func error"},
-    {-12002, "trustlation method unknow"},
-    {-12003, "trustlation method empty"},
-    {-12004, "trustlation trustpath empty"},
-    {-12005, "trustlation trustext unknow"},
-    {-13001, "isolation func error"},
-    {-13003, "isolation trust empty"},
-    {-13004, "isolation trust unknow"},
-    {-13005, "isolation itemid empty"},
-    {-13002, "isolation failed"},
-    {-14001, "updateaddr func error"},
-    {-14002, "updateaddr failed"},
-    {-14003, "updateaddr addr empty"},
-    {-14004, "updateaddr port empty"},
-    {-14005, "updateaddr port format error"},
-    {-14006, "updateaddr port defect"},
-    {-14007, "updateaddr addr defect"},
-    {-14008, "updateaddr addr format error"},
-};
-
-class ErrorTableRow : public testing::TestWithParam<Row> {};
+/// A line of the golden file: "code message".
+class ErrorTableRow : public testing::TestWithParam<std::string> {};
 
 }  // namespace
 
 TEST_P(ErrorTableRow, PrintsItsMessage) {
-  EXPECT_EQ(printed(GetParam().code), std::string("ERR: ") + GetParam().message + " \n");
+  const std::size_t blank = GetParam().find(' ');
+  EXPECT_EQ(printed(std::stoi(GetParam())), "ERR: " + GetParam().substr(blank + 1) + " \n");
 }
 
-INSTANTIATE_TEST_SUITE_P(Codes, ErrorTableRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return "Minus" + std::to_string(-row.param.code); });
+INSTANTIATE_TEST_SUITE_P(Codes, ErrorTableRow, testing::ValuesIn(goldenLines(kGolden)),
+                         [](const auto& row) { return "Minus" + std::to_string(-std::stoi(row.param)); });
+
+TEST(ErrorTable, HoldsTheMessagesOfItsGoldenFileAndNoOthers) {
+  std::string table;
+  for (std::int32_t code = 20000; code >= -20000; --code) {
+    if (const std::string* const message = ErrorTable::instance().find(code)) {
+      table += std::to_string(code) + " " + *message + "\n";
+    }
+  }
+  testsupport::expectGolden(kGolden, table);
+}
 
 TEST(ErrorTable, TheCodeOfTwoMessagesKeepsTheFirst) {
   EXPECT_EQ(printed(-11006), "ERR: config protectlevel empty \n");
@@ -99,9 +59,7 @@ TEST(ErrorTable, PrintsNothingForACodeWithoutAMessage) {
 }
 
 TEST(ErrorTable, NoMessageOfAFailedTrustRegionRequestIsStored) {
-  for (const Row& row : kRows) {
-    EXPECT_NE(*ErrorTable::instance().find(row.code), "trustlation failed");
-  }
+  EXPECT_THAT(testsupport::goldenText(kGolden), testing::Not(testing::HasSubstr("trustlation failed")));
 }
 
 TEST(ErrorTable, IsOneTable) {

@@ -19,7 +19,7 @@ using testsupport::outputOf;
 
 namespace {
 
-/// A shell of the test's own, beside the process's.
+/// A shell beside the one shell of the process.
 class OwnShell : public TavCliCompletion {};
 
 std::vector<std::string> happened;
@@ -37,7 +37,7 @@ class NotedModule : public TavcliCmdInterface {
   }
 };
 
-/// A command JOB TAKE <value> NOW, whose tasks note their life.
+/// The task of the command JOB TAKE <value>. The task notes its construction, its execution and its end.
 class JobTask : public TavCliCmdExec {
  public:
   JobTask() { happened.push_back("made"); }
@@ -57,8 +57,6 @@ class JobTask : public TavCliCmdExec {
 class JobShell {
  public:
   JobShell() {
-    happened.clear();
-    JobTask::result = 0;
     job_.handler = shell::startTask<JobTask>;
     take_.handler = [](const CliNodeInfo&, const std::string& value) {
       auto* const task = shell::currentTask<JobTask>();
@@ -81,10 +79,9 @@ class JobShell {
   static inline CliNodeInfo plain_{"PLAIN", 1, 1, 0};
 };
 
-/// The grammar stands once a process.
+/// Builds the grammar once in the process and empties the notes.
 JobShell& jobShell() {
   static JobShell shell;
-  happened.clear();
   JobTask::result = 0;
   TavCliCompletion::instance().setPendingTask(nullptr);
   happened.clear();
@@ -183,14 +180,14 @@ TEST_F(ExecuteLine, AnEmptyLineGivesZeroAtOnce) {
 
 TEST_F(ExecuteLine, ABlankLineGivesZeroWithoutATask) {
   EXPECT_EQ(execute("    "), 0);
-  EXPECT_EQ(TavCliCompletion::instance().pendingTask(), nullptr);
+  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<TavCliCmdExec>(), nullptr);
   EXPECT_THAT(happened, IsEmpty());
 }
 
 TEST_F(ExecuteLine, RunsTheTaskOfAWholeLineThenDeletesIt) {
   EXPECT_EQ(execute("JOB TAKE this"), 0);
   EXPECT_THAT(happened, ElementsAre("made", "run this", "gone"));
-  EXPECT_EQ(TavCliCompletion::instance().pendingTask(), nullptr);
+  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<TavCliCmdExec>(), nullptr);
 }
 
 TEST_F(ExecuteLine, GivesTheTasksCode) {
@@ -243,7 +240,7 @@ TEST_F(ExecuteLine, ATaskThatThrowsIsDeletedAllTheSame) {
   JobTask::result = JobTask::kThrow;
   EXPECT_THROW(execute("JOB TAKE this"), std::runtime_error);
   EXPECT_THAT(happened, ElementsAre("made", "run this", "gone"));
-  EXPECT_EQ(TavCliCompletion::instance().pendingTask(), nullptr);
+  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<TavCliCmdExec>(), nullptr);
 }
 
 TEST_F(ExecuteLine, ATaskOfAnotherCommandIsNotTaken) {

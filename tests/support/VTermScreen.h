@@ -9,6 +9,10 @@ struct VTermScreen;
 
 namespace testsupport {
 
+/// Terminals that wrap their rows anew in a changed window set one of these in the environment. The emulator
+/// leaves its rows as they are, so the tests of the editor unset all of them.
+inline constexpr const char* kRewrapVariables[] = {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"};
+
 /// What a terminal shows for the bytes written to it: an emulator (libvterm) with its rows, its cursor and
 /// its answers. Bytes go in as the terminal's driver hands them on: line feeds need their carriage returns.
 /// Not thread-safe.

@@ -2,6 +2,7 @@
 
 #include "bin/BusConfig.h"
 #include "json/CppJson.h"
+#include "lunet/LogLevels.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -13,7 +14,7 @@ struct Level {
 
 class BusLogLevel : public testing::TestWithParam<Level> {};
 TEST_P(BusLogLevel, IsTurnedRound) {
-  EXPECT_EQ(tavcli::busLogLevel(GetParam().file), GetParam().library);
+  EXPECT_EQ(static_cast<int>(lunet::busLevelOfFile(GetParam().file)), GetParam().library);
 }
 const Level kLevels[] = {{1, 3}, {2, 2},  {3, 1},  {4, 0},   {5, 0},
                          {6, 0}, {0, -1}, {7, -1}, {-1, -1}, {1000, -1}};

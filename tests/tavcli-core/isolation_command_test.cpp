@@ -183,7 +183,7 @@ TEST_F(IsolationTask, WithoutAnAgentLinkNothingIsPrintedAndNothingLogged) {
               EXPECT_EQ(CliIsolationCommunication::action_isolationrestore({"u"}, 0), 0);
             }),
             "");
-  CLogDebug::LogPrintStr(4, "", "", 0, "the log works");
+  CLogDebug::LogPrintStr(LogLevel::kError, "", "", 0, "the log works");
   CLogDebug::Close();
   EXPECT_THAT(testsupport::readFile(dir.at("t.log")),
               AllOf(HasSubstr("the log works"), Not(HasSubstr("Caught"))));

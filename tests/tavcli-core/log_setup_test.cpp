@@ -25,7 +25,7 @@ TEST_P(CLogLevel, ComesFromTheEnvironment) {
     setenv("CKORVIX_CLOG_LEVEL", GetParam().text, 1);
   }
   EXPECT_TRUE(tavcli::initCLog());
-  EXPECT_EQ(CLog::log_level(), GetParam().level);
+  EXPECT_EQ(static_cast<int>(CLog::log_level()), GetParam().level);
 }
 
 const LevelRow kLevels[] = {
@@ -69,7 +69,7 @@ class DebugLog : public testing::Test {
 TEST_F(DebugLog, IsSetUpAsTheFileSaysAndTellsIt) {
   EXPECT_EQ(initWith(R"({"log_size":2000,"log_backup_max_num":2,"log_level":1})"), summary(1, 2000, 2));
   EXPECT_TRUE(result_);
-  CLogDebug::LogPrintStr(1, "file", "function", 7, "a record");
+  CLogDebug::LogPrintStr(LogLevel::kDebug, "file", "function", 7, "a record");
   EXPECT_NE(log().find("a record"), std::string::npos);
 }
 
@@ -123,7 +123,7 @@ TEST_F(DebugLog, InAFolderThatCannotBeMadeCostsTheLogOnly) {
   config_.debugConfigFile = dir_.write("cli_debug.conf", "{}");
   init();
   EXPECT_TRUE(result_);
-  CLogDebug::LogPrintStr(4, "file", "function", 7, "lost");
+  CLogDebug::LogPrintStr(LogLevel::kError, "file", "function", 7, "lost");
 }
 
 struct Forward {
@@ -187,7 +187,7 @@ TEST(BaseLibraryRecords, ReachTheDebugLog) {
   log->SetProperty(CLogDebug::kPath, dir.path());
   log->SetProperty(CLogDebug::kName, "t");
   tavcli::initCLog();
-  CLog::emit(3, "disk %d", 42);
+  CLog::emit(::CLogLevel::kError, "disk %d", 42);
   CLogDebug::Close();
   EXPECT_NE(testsupport::readFile(dir.at("t.log")).find("disk 42"), std::string::npos);
 }

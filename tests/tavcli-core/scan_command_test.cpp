@@ -120,14 +120,20 @@ class BatchStarts : public ScanCommand {
 
   void start() { batchStart("{}"); }
   void told(const char* path) {
-    scan_.reportRiskFixInfo(0, 2, jsonOf(R"({"item":")" + std::string(path) + R"("})"), 5,
-                            jsonOf(R"({"handle_result":3})"), "t");
-    scan_.reportScanBusOverView(jsonOf(R"({"checked_item_count":3,"failed_item_count":2})"), "t");
+    scan_.reportRiskFixInfo({.business_type = 0,
+                             .fix_method = 2,
+                             .risk_info = jsonOf(R"({"item":")" + std::string(path) + R"("})"),
+                             .risk_info_type = 5,
+                             .risk_repair_result = jsonOf(R"({"handle_result":3})"),
+                             .token_id = "t"});
+    scan_.reportScanBusOverView(
+        {.overview = jsonOf(R"({"checked_item_count":3,"failed_item_count":2})"), .token_id = "t"});
   }
   void state(int number) {
     outputOf([&] {
       testing::internal::CaptureStderr();
-      business_.reportBusStatus(Json::objectValue, "", Json::objectValue, 1, number, "t", 0);
+      business_.reportBusStatus(
+          {.ctx = {}, .detail = "", .params = {}, .source = 1, .state = number, .token_id = "t", .type = 0});
       testing::internal::GetCapturedStderr();
     });
   }

@@ -53,17 +53,36 @@ class Receivers : public testing::Test {
   }
   std::string state(int number, const std::string& token = "token", int type = 0) {
     return printed([&] {
-      business_.reportBusStatus(Json::objectValue, "detail", Json::objectValue, 1, number, token, type);
+      business_.reportBusStatus({.ctx = {},
+                                 .detail = "detail",
+                                 .params = {},
+                                 .source = 1,
+                                 .state = number,
+                                 .token_id = token,
+                                 .type = type});
     });
   }
   std::string risk(const Json::Value& info, int business = 0, int infoType = 5) {
-    return printed([&] { scan_.reportRiskInfo(business, 2, info, infoType, "token"); });
+    return printed([&] {
+      scan_.reportRiskInfo({.business_type = business,
+                            .fix_method = 2,
+                            .risk_info = info,
+                            .risk_info_type = infoType,
+                            .token_id = "token"});
+    });
   }
   std::string repair(const Json::Value& info, const Json::Value& result, int business = 0, int infoType = 5) {
-    return printed([&] { scan_.reportRiskFixInfo(business, 2, info, infoType, result, "token"); });
+    return printed([&] {
+      scan_.reportRiskFixInfo({.business_type = business,
+                               .fix_method = 2,
+                               .risk_info = info,
+                               .risk_info_type = infoType,
+                               .risk_repair_result = result,
+                               .token_id = "token"});
+    });
   }
   std::string overview(const std::string& counters) {
-    return printed([&] { scan_.reportScanBusOverView(parsed(counters), "token"); });
+    return printed([&] { scan_.reportScanBusOverView({.overview = parsed(counters), .token_id = "token"}); });
   }
   static Json::Value document() { return ScanRunState::instance().result(); }
 
@@ -102,7 +121,9 @@ TEST_F(Receivers, AStateMinus2PrintsNothing) {
   EXPECT_EQ(state(-2), "");
 }
 TEST_F(Receivers, AttributeInfoIsAcceptedAndIgnored) {
-  EXPECT_EQ(printed([&] { scan_.reportScanAttributeInfo(kRisk, 1, "token"); }), "");
+  EXPECT_EQ(
+      printed([&] { scan_.reportScanAttributeInfo({.payload = kRisk, .source = 1, .token_id = "token"}); }),
+      "");
 }
 TEST_F(Receivers, ARiskOfAnotherBusinessPrintsNothing) {
   EXPECT_EQ(risk(kRisk, 1), "");
@@ -162,22 +183,25 @@ TEST_F(Receivers, AtThePromptAnOverviewIsPrinted) {
   EXPECT_TRUE(document().empty());
 }
 TEST_F(Receivers, AtThePromptAStageIsPrinted) {
-  EXPECT_EQ(printed([&] { scan_.reportScanBusStage("", 4, "token"); }), scandisplay::stageLines(4));
+  EXPECT_EQ(printed([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }),
+            scandisplay::stageLines(4));
 }
 TEST_F(Receivers, AtThePromptProgressIsPrinted) {
-  EXPECT_EQ(printed([&] { business_.reportBusProgress(7, "token"); }), "\n扫描进度: 7%\n");
+  EXPECT_EQ(printed([&] { business_.reportBusProgress({.progress = 7, .token_id = "token"}); }),
+            "\n扫描进度: 7%\n");
 }
 
 // The unattended run.
 
 TEST_F(Receivers, UnattendedProgressIsPrintedToo) {
   unattended();
-  EXPECT_EQ(printed([&] { business_.reportBusProgress(7, "token"); }), "\n扫描进度: 7%\n");
+  EXPECT_EQ(printed([&] { business_.reportBusProgress({.progress = 7, .token_id = "token"}); }),
+            "\n扫描进度: 7%\n");
 }
 TEST_F(Receivers, UnattendedRiskStageAndRepairsPrintNothing) {
   unattended();
   EXPECT_EQ(risk(kRisk), "");
-  EXPECT_EQ(printed([&] { scan_.reportScanBusStage("", 4, "token"); }), "");
+  EXPECT_EQ(printed([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }), "");
   EXPECT_EQ(repair(kRisk, kRepair), "");
   EXPECT_EQ(repair(kProcess, kRepair, 0, 3), "");
 }

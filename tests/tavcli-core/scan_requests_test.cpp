@@ -105,7 +105,9 @@ struct Type {
 class ScanType : public ScanRequests, public testing::WithParamInterface<Type> {};
 
 TEST_P(ScanType, FollowsModeAndStrongScan) {
-  EXPECT_EQ(CliScanCommunication::action_startscan(0, GetParam().mode, {}, GetParam().special), 1);
+  EXPECT_EQ(CliScanCommunication::action_startscan(json::Handling::kAutomatic, GetParam().mode, {},
+                                                   GetParam().special),
+            1);
   EXPECT_EQ(onlyParams("startScanTask")["params"]["scan_type"].asInt(), GetParam().scanType);
 }
 
@@ -124,7 +126,7 @@ INSTANTIATE_TEST_SUITE_P(ScanRequests, ScanType, testing::ValuesIn(kTypes),
                          [](const auto& row) { return row.param.name; });
 
 TEST_F(ScanRequests, AStartSendsEveryMemberAsItsTableSays) {
-  EXPECT_EQ(CliScanCommunication::action_startscan(1, 2, {"/a", "/b"}, 1), 1);
+  EXPECT_EQ(CliScanCommunication::action_startscan(json::Handling::kReportOnly, 2, {"/a", "/b"}, 1), 1);
   Json::Value expected = parsed(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
       "follow_link":false,"max_scan_sec":0,"custom_stop":true,"items":["/a","/b"],"force_scan":false,
       "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
@@ -134,23 +136,23 @@ TEST_F(ScanRequests, AStartSendsEveryMemberAsItsTableSays) {
 }
 
 TEST_F(ScanRequests, AStartWithHandle0HandlesAutomatically) {
-  CliScanCommunication::action_startscan(0, 0, {}, 1);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1);
   EXPECT_EQ(onlyParams("startScanTask")["params"]["fix_method"].asInt(), 0);
 }
 
 TEST_F(ScanRequests, AStartThatIsNotCustomSendsNoPaths) {
-  CliScanCommunication::action_startscan(0, 1, {"/a"}, 1);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 1, {"/a"}, 1);
   EXPECT_EQ(onlyParams("startScanTask")["params"]["items"], Json::Value(Json::arrayValue));
 }
 
 TEST_F(ScanRequests, ACustomStartWithoutPathSendsAnEmptyList) {
-  CliScanCommunication::action_startscan(0, 2, {}, 0);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 2, {}, 0);
   EXPECT_EQ(onlyParams("startScanTask")["params"]["items"], Json::Value(Json::arrayValue));
   EXPECT_EQ(onlyParams("startScanTask")["params"]["scan_type"].asInt(), 5);
 }
 
 TEST_F(ScanRequests, APathThatIsNotUtf8TravelsUnchanged) {
-  CliScanCommunication::action_startscan(0, 2, {"/d/\xff\xc3"}, 1);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 2, {"/d/\xff\xc3"}, 1);
   EXPECT_EQ(json::decodePath(onlyParams("startScanTask")["params"]["items"][0].asString()), "/d/\xff\xc3");
 }
 
@@ -162,7 +164,9 @@ struct Answer {
 class StartAnswer : public ScanRequests, public testing::WithParamInterface<Answer> {};
 TEST_P(StartAnswer, DecidesTheResultAndPrintsNothing) {
   agent_.answer("startScanTask", parsed(GetParam().answer));
-  EXPECT_EQ(printing([] { return CliScanCommunication::action_startscan(0, 0, {}, 1); }), GetParam().result);
+  EXPECT_EQ(
+      printing([] { return CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1); }),
+      GetParam().result);
   EXPECT_EQ(out_, "");
 }
 const Answer kAnswers[] = {{"StatusTrueGives1", R"({"status":true})", 1},
@@ -260,7 +264,7 @@ const Failing kFailing[] = {
      },
      1},
     {"action_startscan", ":action_startscan:133 ",
-     [] { return CliScanCommunication::action_startscan(0, 0, {}, 1); }, 0},
+     [] { return CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1); }, 0},
     {"action_showscan", ":action_showscan:162 ", [] { return CliScanCommunication::action_showscan(); }, 0},
     {"action_ctlscan", ":action_ctlscan:200 ", [] { return CliScanCommunication::action_ctlscan("t", 1); },
      0},
@@ -307,7 +311,7 @@ TEST_F(ScanRequests, AnUnattendedStartThatIsNotConfirmedIsToldToTheOperator) {
   agent_.answerError("startScanTask", -32000, "the store\nis full");
   const auto complaint = [] {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(CliScanCommunication::action_startscan(0, 2, {"/data"}, 1), 0);
+    EXPECT_EQ(CliScanCommunication::action_startscan(json::Handling::kAutomatic, 2, {"/data"}, 1), 0);
     return testing::internal::GetCapturedStderr();
   };
   EXPECT_EQ(complaint(), "") << "at the prompt the debug log has it";

@@ -2,98 +2,193 @@
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "jsonrpchelper/Declarations.h"
-#include "jsonrpchelper/JsonRpcCpp.h"
+#include "jsonrpchelper/MethodTable.h"
 
-/// The wire protocol between console and agent: the one table of the agent's methods and of the notifications
-/// it sends. Client stubs (AgentStub, ConsoleNotifier) and servers (AgentServer.h, ScanServers.h) of both
-/// sides are made from it. The order of the parameters is that of the C++ arguments; on the wire they go by
-/// name.
+/// The wire protocol from console to agent: every method of the agent is declared here and nowhere else. The
+/// console calls through AgentStub; the agent serves through IAgentAbstract. MethodTable.h explains a row.
+///
+/// The texts and numbers that several methods share: ctx is the caller's context object, which comes back in
+/// reportBusStatus; desc and detail are free descriptions; source and request_source say who asks; token_id
+/// names a task.
 namespace jsonrpchelper {
 
-// clang-format off
+/// Starts a scan. params: JsonReflect::ScanParams.
+struct StartScanTask {
+  static constexpr const char* kName = "startScanTask";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = JsonObject;
 
-/// Console to agent.
-inline constexpr auto kStartScanTask = method<JsonKind::kObject>("startScanTask",
-    any("ctx"), string("desc"), any("params"), integer("source"), string("token_id"));
-inline constexpr auto kCtlBus = method<JsonKind::kBoolean>("ctlBus",
-    integer("action"), string("detail"), integer("mark"), any("payload"), integer("source"), string("token_id"));
-inline constexpr auto kGetBusList = method<JsonKind::kArray>("getBusList");
-inline constexpr auto kGetAVConfig = method<JsonKind::kString>("getAVConfig",
-    integer("config_type"), integer("request_source"));
-inline constexpr auto kSetAVConfig = method<JsonKind::kBoolean>("setAVConfig",
-    string("config_str"), integer("config_type"), integer("request_source"));
-inline constexpr auto kStartDeIsolate = method<JsonKind::kObject>("startDeIsolate",
-    any("ctx"), string("desc"), any("params"), integer("source"), string("token_id"));
-inline constexpr auto kGetIsolationInfo = method<JsonKind::kArray>("getIsolationInfo");
-inline constexpr auto kCtlRegion = method<JsonKind::kBoolean>("ctlRegion",
-    string("desc"), any("items"), integer("region_type"), integer("source"));
-inline constexpr auto kGetRegionInfo = method<JsonKind::kArray>("getRegionInfo",
-    integer("domain"), integer("item_type"), integer("region_type"));
-inline constexpr auto kCleanScanCache = notification("cleanScanCache");
-inline constexpr auto kGetScanCacheDetail = method<JsonKind::kInteger>("getScanCacheDetail");
+  Json::Value ctx;
+  std::string desc;
+  Json::Value params;
+  std::int32_t source;
+  std::string token_id;
 
-/// Agent to console. "datail" is the protocol's own spelling.
-inline constexpr auto kReportRiskInfo = notification("reportRiskInfo",
-    integer("business_type"), integer("fix_method"), object("risk_info"), integer("risk_info_type"),
-    string("token_id"));
-inline constexpr auto kReportRiskFixInfo = notification("reportRiskFixInfo",
-    integer("business_type"), integer("fix_method"), object("risk_info"), integer("risk_info_type"),
-    object("risk_repair_result"), string("token_id"));
-inline constexpr auto kReportScanBusOverView = notification("reportScanBusOverView",
-    object("overview"), string("token_id"));
-inline constexpr auto kReportScanBusStage = notification("reportScanBusStage",
-    string("datail"), integer("stage"), string("token_id"));
-inline constexpr auto kReportScanAttributeInfo = notification("reportScanAttributeInfo",
-    object("payload"), integer("source"), string("token_id"));
-inline constexpr auto kReportBusStatus = notification("reportBusStatus",
-    object("ctx"), string("detail"), object("params"), integer("source"), integer("state"), string("token_id"),
-    integer("type"));
-inline constexpr auto kReportBusProgress = notification("reportBusProgress",
-    integer("progress"), string("token_id"));
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("ctx", self.ctx);
+    visit("desc", self.desc);
+    visit("params", self.params);
+    visit("source", self.source);
+    visit("token_id", self.token_id);
+  }
+};
 
-// clang-format on
+/// Stops, pauses or resumes a scan that the caller may see.
+struct CtlBus {
+  static constexpr const char* kName = "ctlBus";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = bool;
 
-/// The same tables as data, in their order.
+  std::int32_t action;
+  std::string detail;
+  std::int32_t mark;
+  Json::Value payload;
+  std::int32_t source;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("action", self.action);
+    visit("detail", self.detail);
+    visit("mark", self.mark);
+    visit("payload", self.payload);
+    visit("source", self.source);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// The scans that the caller may see.
+struct GetBusList : NoParameters {
+  static constexpr const char* kName = "getBusList";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = JsonArray;
+};
+
+/// A settings document, as JSON text.
+struct GetAVConfig {
+  static constexpr const char* kName = "getAVConfig";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = std::string;
+
+  std::int32_t config_type;
+  std::int32_t request_source;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("config_type", self.config_type);
+    visit("request_source", self.request_source);
+  }
+};
+
+/// Changes settings. config_str: JSON text.
+struct SetAVConfig {
+  static constexpr const char* kName = "setAVConfig";
+  static constexpr Access kAccess = Access::kWhoMayChange;
+  using Result = bool;
+
+  std::string config_str;
+  std::int32_t config_type;
+  std::int32_t request_source;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("config_str", self.config_str);
+    visit("config_type", self.config_type);
+    visit("request_source", self.request_source);
+  }
+};
+
+/// Restores from the quarantine. params: JsonReflect::DeIsolateParams.
+struct StartDeIsolate {
+  static constexpr const char* kName = "startDeIsolate";
+  static constexpr Access kAccess = Access::kWhoMayChange;
+  using Result = JsonObject;
+
+  Json::Value ctx;
+  std::string desc;
+  Json::Value params;
+  std::int32_t source;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("ctx", self.ctx);
+    visit("desc", self.desc);
+    visit("params", self.params);
+    visit("source", self.source);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// The quarantined items that the caller may see: JsonReflect::IsolationItem.
+struct GetIsolationInfo : NoParameters {
+  static constexpr const char* kName = "getIsolationInfo";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = JsonArray;
+};
+
+/// Changes the trust or the reject list.
+struct CtlRegion {
+  static constexpr const char* kName = "ctlRegion";
+  static constexpr Access kAccess = Access::kWhoMayChange;
+  using Result = bool;
+
+  std::string desc;
+  Json::Value items;
+  std::int32_t region_type;
+  std::int32_t source;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("desc", self.desc);
+    visit("items", self.items);
+    visit("region_type", self.region_type);
+    visit("source", self.source);
+  }
+};
+
+/// Entries of the trust or the reject list: JsonReflect::FilterRegionItem.
+struct GetRegionInfo {
+  static constexpr const char* kName = "getRegionInfo";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = JsonArray;
+
+  std::int32_t domain;
+  std::int32_t item_type;
+  std::int32_t region_type;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("domain", self.domain);
+    visit("item_type", self.item_type);
+    visit("region_type", self.region_type);
+  }
+};
+
+/// Empties the scan cache. The caller gets no answer.
+struct CleanScanCache : NoParameters {
+  static constexpr const char* kName = "cleanScanCache";
+  static constexpr Access kAccess = Access::kWhoMayChange;
+  using Result = void;
+};
+
+/// The number of entries in the scan cache.
+struct GetScanCacheDetail : NoParameters {
+  static constexpr const char* kName = "getScanCacheDetail";
+  static constexpr Access kAccess = Access::kEverybody;
+  using Result = std::int32_t;
+};
+
+using AgentMethods =
+    MethodList<StartScanTask, CtlBus, GetBusList, GetAVConfig, SetAVConfig, StartDeIsolate, GetIsolationInfo,
+               CtlRegion, GetRegionInfo, CleanScanCache, GetScanCacheDetail>;
+
+/// The same table as data, in its order.
 const std::vector<MethodRow>& agentMethods();
-const std::vector<MethodRow>& consoleNotifications();
-
-/// What a stub throws for a result of another kind than declared: ERROR_CLIENT_INVALID_RESPONSE with the
-/// result's indented text. The type tells it from an error answer of the agent and from a garbled answer,
-/// which may carry the same number.
-class ResultOfAnotherKind : public jsonrpc::JsonRpcException {
- public:
-  explicit ResultOfAnotherKind(const Json::Value& result);
-};
-
-/// The agent's methods as the console calls them. Every operation throws jsonrpc::JsonRpcException and
-/// nothing else: for a failure of the link, for the agent's error answer, and (ResultOfAnotherKind) for a
-/// result of another kind than declared. Blocks up to the client's time-out, cleanScanCache not at all. As
-/// thread-safe as the client.
-class AgentStub {
- public:
-  explicit AgentStub(jsonrpc::Client& client) : client_(client) {}
-
-  Json::Value startScanTask(const Json::Value& ctx, const std::string& desc, const Json::Value& params,
-                            int source, const std::string& token_id);
-  bool ctlBus(int action, const std::string& detail, int mark, const Json::Value& payload, int source,
-              const std::string& token_id);
-  Json::Value getBusList();
-  std::string getAVConfig(int config_type, int request_source);
-  bool setAVConfig(const std::string& config_str, int config_type, int request_source);
-  Json::Value startDeIsolate(const Json::Value& ctx, const std::string& desc, const Json::Value& params,
-                             int source, const std::string& token_id);
-  Json::Value getIsolationInfo();
-  bool ctlRegion(const std::string& desc, const Json::Value& items, int region_type, int source);
-  Json::Value getRegionInfo(int domain, int item_type, int region_type);
-  void cleanScanCache();
-  int getScanCacheDetail();
-
- private:
-  jsonrpc::Client& client_;
-};
 
 }  // namespace jsonrpchelper

@@ -2,61 +2,34 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
-#include <utility>
+#include <type_traits>
 
-#include "jsonrpchelper/Declarations.h"
 #include "jsonrpchelper/HandlerList.h"
 #include "jsonrpchelper/IJsonRpcServerHelper.h"
 #include "jsonrpchelper/JsonRpcCpp.h"
+#include "jsonrpchelper/MethodTable.h"
+#include "jsonrpchelper/Parameters.h"
 
 namespace jsonrpchelper {
 
-bool isOfKind(const Json::Value& value, JsonKind kind);
-
-/// One parameter of a request; JsonRpcException (ERROR_RPC_INVALID_PARAMS) when it is missing or of another
-/// kind. What the library has checked already is checked again: it takes numbers for integers that are none.
-const Json::Value& requiredParameter(const Json::Value& parameters, const char* name, JsonKind kind);
-template <JsonKind kKind>
-TypeOf<kKind> readParameter(const Json::Value& parameters, const char* name) {
-  const Json::Value& value = requiredParameter(parameters, name, kKind);
-  if constexpr (kKind == JsonKind::kString) {
-    return value.asString();
-  } else if constexpr (kKind == JsonKind::kInteger) {
-    return value.asInt();
-  } else if constexpr (kKind == JsonKind::kBoolean) {
-    return value.asBool();
-  } else {
-    return value;
-  }
-}
-
-/// The library's description of a declaration, made without its variadic constructors.
+/// The library's description of a method, made without the library's variadic constructors.
 jsonrpc::Procedure procedureOf(const MethodRow& row);
-template <JsonKind kResult, JsonKind... kKinds>
-MethodRow rowOf(const Declaration<kResult, kKinds...>& declaration) {
-  MethodRow row{declaration.name, {}, kResult};
-  std::size_t i = 0;
-  (row.parameters.push_back({declaration.parameters[i++], kKinds}), ...);
-  return row;
-}
-
-/// Calls the operation with the parameters in the declaration's order.
-template <class Server, class Operation, JsonKind kResult, JsonKind... kKinds, std::size_t... kIndexes>
-decltype(auto) invoke(Server& server, Operation operation, const Declaration<kResult, kKinds...>& declaration,
-                      [[maybe_unused]] const Json::Value& in, std::index_sequence<kIndexes...>) {
-  return (server.*operation)(readParameter<kKinds>(in, declaration.parameters[kIndexes])...);
-}
 
 /// Runs an operation of a server. The library makes answers of JsonRpcException only, so any other exception
 /// is logged and becomes one (ERROR_RPC_INTERNAL_ERROR).
 void runOperation(const std::function<void()>& operation);
 
-/// Base of the servers on a helper. Its constructor binds (in the derived class); nothing is delivered before
-/// StartListening and nothing after StopListening, which the owner calls when the most derived object is
-/// whole, and before it goes. What an operation throws becomes the error answer of a call, and a line in the
-/// log for a notification.
+/// The method that an operation of a server serves.
+template <class Server, class Result, class Method>
+Method methodServedBy(Result (Server::*)(const Method&));
+
+/// Base of the servers on a helper; `Server` is the derived class. Its constructor binds. Nothing is
+/// delivered before StartListening and nothing after StopListening. The owner calls the first when the most
+/// derived object is whole, and the second before that object goes. An exception of an operation becomes the
+/// error answer of a call, and a line in the log for a notification.
 template <class Server>
 class BusServer : public jsonrpc::AbstractServer<Server> {
  public:
@@ -65,7 +38,7 @@ class BusServer : public jsonrpc::AbstractServer<Server> {
     handlers_->add(*handler_, procedures_);
     return true;
   }
-  /// Returns when no operation runs any more, unless called from one.
+  /// Returns when no operation runs any more, unless called from an operation.
   bool StopListening() {
     handlers_->remove(*handler_);
     return true;
@@ -84,33 +57,50 @@ class BusServer : public jsonrpc::AbstractServer<Server> {
       : jsonrpc::AbstractServer<Server>(helper, jsonrpc::JSONRPC_SERVER_V2),
         handlers_(helper.handlers()),
         handler_(helper.GetHandler()) {
-    helper.SetHandler(nullptr);  // its single place is not used; the list is
+    helper.SetHandler(nullptr);  // the library's place for one server stays unused
   }
   ~BusServer() override { handlers_->remove(*handler_); }
 
-  template <const auto& kDeclaration, auto kOperation>
-  void bindMethod() {
-    this->bindAndAddMethod(procedureOf(rowOf(kDeclaration)),
-                           &BusServer::template onCall<kDeclaration, kOperation>);
-    procedures_.insert(kDeclaration.name);
-  }
-  template <const auto& kDeclaration, auto kOperation>
-  void bindNotification() {
-    this->bindAndAddNotification(procedureOf(rowOf(kDeclaration)),
-                                 &BusServer::template onNotification<kDeclaration, kOperation>);
-    procedures_.insert(kDeclaration.name);
+  /// Binds one operation to each method of the table. Does not compile when a method is left out or when an
+  /// operation's result is not the declared one.
+  template <class Table, auto... kOperations>
+  void bindAll() {
+    static_assert(std::is_same_v<Table, MethodList<decltype(methodServedBy(kOperations))...>>,
+                  "one operation for each method, in the table's order");
+    (bind<decltype(methodServedBy(kOperations)), kOperations>(), ...);
   }
 
  private:
-  template <const auto& kDeclaration, auto kOperation>
-  void onCall(const Json::Value& in, Json::Value& out) {
-    out = invoke(static_cast<Server&>(*this), kOperation, kDeclaration, in,
-                 std::make_index_sequence<kDeclaration.kCount>());
+  template <class Method, typename Method::Result (Server::*kOperation)(const Method&)>
+  void bind() {
+    if constexpr (std::is_void_v<typename Method::Result>) {
+      this->bindAndAddNotification(procedureOf(rowOf<Method>()),
+                                   &BusServer::template onNotification<Method, kOperation>);
+    } else {
+      this->bindAndAddMethod(procedureOf(rowOf<Method>()), &BusServer::template onCall<Method, kOperation>);
+    }
+    procedures_.insert(Method::kName);
   }
-  template <const auto& kDeclaration, auto kOperation>
+  template <class Method, auto kOperation>
+  void onCall(const Json::Value& in, Json::Value& out) {
+    Server& server = static_cast<Server&>(*this);
+    const Method request = requestOf<Method>(in);
+    if constexpr (requires { Method::kAccess; }) {
+      if (const std::optional<Json::Value> refusal = server.refusal(Method::kAccess, Method::kName)) {
+        out = *refusal;
+        return;
+      }
+    }
+    if constexpr (std::is_void_v<typename Method::Result>) {
+      (server.*kOperation)(request);
+    } else {
+      out = (server.*kOperation)(request);
+    }
+  }
+  template <class Method, auto kOperation>
   void onNotification(const Json::Value& in) {
-    invoke(static_cast<Server&>(*this), kOperation, kDeclaration, in,
-           std::make_index_sequence<kDeclaration.kCount>());
+    Json::Value noAnswer;
+    onCall<Method, kOperation>(in, noAnswer);
   }
 
   std::shared_ptr<HandlerList> handlers_;

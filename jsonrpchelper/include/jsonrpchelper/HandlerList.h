@@ -10,17 +10,18 @@
 
 namespace jsonrpchelper {
 
-/// The servers that listen on one connector, each with the names of its procedures. The library's connector
-/// has room for a single one, the last built. Any thread.
+/// The servers that listen on one connector, each with the names of its procedures. The library's own
+/// connector holds one server only, the last built. Any thread.
 class HandlerList {
  public:
   /// The handler must live until remove has returned. Adding it again replaces its names.
   void add(jsonrpc::IClientConnectionHandler& handler, std::set<std::string> procedures);
-  /// Returns when the handler handles nothing any more, unless called from inside it.
+  /// Returns when the handler handles no request any more, unless called from inside the handler.
   void remove(jsonrpc::IClientConnectionHandler& handler);
 
-  /// Lets the handler that has the procedure handle the request; any one when none has it, so that the
-  /// error is the library's own. False when there is no handler at all. One request at a time a handler.
+  /// Gives the request to the handler that has the procedure. A request that no handler has goes to any
+  /// handler, for the library's own error answer. False when there is no handler at all. Each handler handles
+  /// one request at a time.
   bool handle(const std::string& procedure, const std::string& request, std::string& response);
 
  private:

@@ -8,9 +8,9 @@
 
 namespace jsonrpchelper {
 
-/// Carries JSON-RPC calls to one endpoint of the bus. Used by whoever calls, through its jsonrpc::Client.
-/// Only jsonrpc::JsonRpcException leaves a send, whatever the other end answers: the library behind it ends
-/// the process for any other. One thread at a time.
+/// Carries JSON-RPC calls to one endpoint of the bus; AgentStub calls through this class. A send throws
+/// jsonrpc::JsonRpcException and nothing else, whatever the other end answers: any other exception would end
+/// the process inside the library. One thread at a time.
 class IJsonRpcClientHelper : public jsonrpc::IClientConnector, public jsonrpc::Client {
  public:
   /// target: GUID text. timeoutMs: for each call, monotonic clock. The endpoint may be null and must
@@ -18,16 +18,13 @@ class IJsonRpcClientHelper : public jsonrpc::IClientConnector, public jsonrpc::C
   IJsonRpcClientHelper(lunet::IEndpoint* endpoint, std::string target, std::uint32_t requestChannel,
                        std::uint32_t onewayChannel, std::uint32_t timeoutMs);
 
-  /// Two-way: sends and gives the answer, once it is known to be an answer to this message that the library
-  /// can take (else ERROR_CLIENT_INVALID_RESPONSE). Without an endpoint the result is empty. A message
-  /// without an "id" is a notification and takes the one-way send.
+  /// Two-way: sends a request and gives its answer. Throws ERROR_CLIENT_INVALID_RESPONSE for an answer to
+  /// another request, and for an answer that the library cannot take. Without an endpoint the result is
+  /// empty. A message without an "id" is a notification and takes the one-way send.
   void SendRPCMessage(const std::string& message, std::string& result) override;
   /// One-way: never waits for an answer.
   void SendRPCMessage(const std::string& message);
 
-  jsonrpc::Client& client() { return *this; }
-  const std::string& target() const { return target_; }
-  std::uint32_t timeoutMs() const { return timeoutMs_; }
   /// The bus's error number (lunet::Error) of the last send; lunet::kOk when the bus carried it.
   std::uint32_t lastBusError() const { return lastBusError_; }
 

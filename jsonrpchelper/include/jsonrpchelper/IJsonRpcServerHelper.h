@@ -14,59 +14,61 @@ namespace jsonrpchelper {
 
 class HandlerList;
 
-/// The longest message that a server takes to pieces: as values a message needs a hundred times its length.
-/// The longest request that is meant is a change of settings of at most 1 MiB, written as a text in JSON. The
-/// limit does not apply to answers, nor to the one-way messages of senders whom the kernel makes trusted
-/// (PeerIdentity::trusted): both have lunet::kMaxMessageBytes.
+/// The longest message that a server parses: parsed, a message takes a hundred times its length. The longest
+/// useful request is a change of settings of at most 1 MiB, written as a text in JSON. The limit does not
+/// apply to answers, nor to one-way messages of trusted senders (PeerIdentity::trusted). Both may be as long
+/// as lunet::kMaxMessageBytes.
 inline constexpr std::uint32_t kMaxRequestBytes = lunet::kMaxMemberMessageBytes;
-/// The most requests in one batch. Nobody here sends any; each element gets an answer of its own.
+/// The most requests in one batch. No program of this project sends batches. Each request of a batch gets an
+/// answer of its own.
 inline constexpr std::size_t kMaxBatchRequests = 1000;
 
-/// Who sent the message that is being handled, on the bus's and the kernel's word.
+/// The sender of the message that is being handled: the address by the bus, the process by the kernel.
 struct Caller {
   lunet::Guid guid{};
   lunet::PeerIdentity process;
 };
 
-/// Inside a handler of a server: the sender. Elsewhere all zero.
+/// The sender, inside an operation of a server. Elsewhere all zero.
 Caller currentCaller();
 
-/// Receives JSON-RPC messages from the bus, lets the servers that listen on it handle them, and sends the
-/// answers back. What is too long (kMaxRequestBytes), a batch of too many or no JSON (or nested too deep) is
-/// not read but logged as an error, with its sender: a request gets an error, a one-way message is dropped.
-/// One a process stands behind the holders of Holders.h; the agent makes its own. Nothing that a server
-/// throws leaves it. Servers come and go from any thread, in any order (BusServer.h).
+/// Receives JSON-RPC messages from the bus, gives them to the servers that listen on it, and sends the
+/// answers back. Three kinds of message are not read: a message over kMaxRequestBytes, a batch over
+/// kMaxBatchRequests, and text that is no JSON or nested too deep. Each is logged as an error, with its
+/// sender. A request of that kind gets an error answer, a one-way message none. The console's helper is in
+/// the holders of Holders.h; the agent makes its own. No exception of a server leaves the helper. Servers
+/// come and go from any thread, in any order (BusServer.h).
 class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lunet::IMRReceiveComplete {
  public:
   IJsonRpcServerHelper();
-  /// It must be registered nowhere any more. Servers may outlive it.
+  /// The helper must be registered nowhere any more. Servers may outlive the helper.
   ~IJsonRpcServerHelper() override;
   IJsonRpcServerHelper(const IJsonRpcServerHelper&) = delete;
   IJsonRpcServerHelper& operator=(const IJsonRpcServerHelper&) = delete;
 
-  /// Whose messages are handled; the others' are logged, and their requests answered with an error. Without
-  /// one, everybody's. Before the helper is registered; `accepts` is called on the bus's delivery thread.
+  /// Messages of a sender for whom `accepts` is false are logged and not handled; a request gets an error
+  /// answer. A helper without this call accepts every sender. Call before the helper is registered. `accepts`
+  /// runs on the bus's delivery thread.
   void acceptOnly(std::function<bool(const Caller&)> accepts) { accepts_ = std::move(accepts); }
 
-  /// Takes both channels of an endpoint, best before it is opened: a request that comes first is answered
-  /// with "nobody is there". 0 or the bus's error number.
+  /// Takes both channels of an endpoint. The endpoint should not be open yet: the bus answers a request that
+  /// comes before the receiver with "nobody is there". 0 or the bus's error number.
   std::uint32_t registerOn(lunet::IEndpoint& endpoint);
-  /// Gives them back; returns when no message is being handled any more.
+  /// Gives both channels back; returns when no message is being handled any more.
   void unregisterFrom(lunet::IEndpoint& endpoint);
 
-  /// Lets the server that declares the method handle the request; the response stays empty when there is
-  /// nothing to answer. What is no request, or meant for nobody, gets an error response. Throws what a
-  /// handler lets out.
+  /// Gives the request to the server that declares the method. The response stays empty when there is nothing
+  /// to answer. Text that is no request, and a method that no server declares, give an error response. Throws
+  /// the exceptions of the handlers.
   void ProcessRequest(const std::string& request, std::string& response);
 
   void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data, std::uint32_t length,
                        void* replyContext, void* registrationContext) override;
 
-  /// The list that servers put themselves on; shared, because they may outlive this object.
+  /// The list of servers, for BusServer. Shared, because servers may outlive this object.
   const std::shared_ptr<HandlerList>& handlers() const { return handlers_; }
 
-  /// Of the connector's interface: being on the bus is registerOn's and unregisterFrom's business, so
-  /// both have nothing to do.
+  /// Part of the connector's interface, with nothing to do: registerOn and unregisterFrom do the work.
   bool StartListening() override { return true; }
   bool StopListening() override { return true; }
   /// addInfo: a ReplyTarget.

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-/// What may come next on a line: filled by the completion hook, shown by the editor.
+/// The words that may come next on a line. The completion hook fills the state; the editor shows the state.
 namespace lineeditor {
 
 struct Candidate {
@@ -21,12 +21,12 @@ struct CompletionState {
   static constexpr std::size_t kMaxHintBytes = 127;
 
   std::vector<Candidate> candidates;
-  std::string hint;
+  std::string hint;  ///< at most 127 bytes
   std::uint32_t hintColour = 0;
 };
 
-/// Texts over the limits are cut between characters; the 513th candidate and later ones are ignored. help may
-/// be null.
+/// Longer texts are cut between two characters. The 513th candidate and later ones are ignored. help may be
+/// null.
 void addCandidate(CompletionState* state, const char* name, std::uint32_t nameColour, const char* help,
                   std::uint32_t helpColour);
 void addCandidate(CompletionState* state, const char* name, const char* help);

@@ -3,25 +3,26 @@
 #include <cstdint>
 #include <cstdio>
 
-/// The lines accepted at the prompt: a ring of 256 entries of at most 4095 bytes, its file, its listing and
-/// its search. Main thread only.
+/// The lines accepted at the prompt: a ring of 256 entries of at most 4095 bytes (HistoryRing.cpp), the file
+/// of the ring (HistoryFile.cpp), the listing and the search (HistoryList.cpp). Main thread only.
 namespace lineeditor {
 
-/// One entry a line; a line over 4095 bytes becomes several. -1 when the file cannot be read; nothing changes
-/// then.
+/// Adds each line of the file as an entry; a line over 4095 bytes becomes several entries. Returns 0. When
+/// the file cannot be read, the function returns -1 and the ring stays as it was.
 int historyLoad(const char* path);
-/// Oldest first, mode 0600. The new file stands whole or the old one stays. -1 when it cannot be written.
+/// Writes all entries, oldest first, to a file of mode 0600. Returns 0. When the file cannot be written, the
+/// function returns -1 and the old file stays whole.
 int historySave(const char* path);
 void historyClear();
-/// All entries, numbered; paged when standard input is a terminal.
+/// Prints all entries with their numbers, page by page when standard input is a terminal.
 void historyShow();
-/// Lists the entries that match the patterns (null: all), oldest first. select below 1: prints them and
-/// returns how many; else prints nothing and returns the slot number plus one of the select-th match.
+/// Visits the entries that match the patterns, oldest first; null patterns match every entry.
+/// select below 1: prints the entries and returns their number.
+/// select of 1 or more: prints nothing. Returns the slot number plus one of the select-th match; with fewer
+/// matches, returns their number.
 std::int32_t historyList(std::FILE* stream, bool numbered, const char* patterns, std::int32_t select,
                          bool paged);
-/// Asks for patterns and an id. The chosen entry's slot number plus one, or 0.
+/// Asks the user for patterns and for an id. Returns the slot number plus one of the entry chosen, or 0.
 std::int32_t historySearch(const char* initialText);
-/// At most 63 characters; null changes nothing.
-void setWordDelimiters(const char* text);
 
 }  // namespace lineeditor

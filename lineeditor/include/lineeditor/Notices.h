@@ -4,9 +4,9 @@
 
 namespace lineeditor {
 
-/// Prints whole lines from any thread. While a prompt stands on a terminal the block goes above it and the
-/// prompt with its half-typed line comes back beneath, cursor where it was; otherwise the bytes go to
-/// standard output as they are. The caller has made the text fit for a terminal.
+/// Prints whole lines; any thread may call. While a prompt is shown on a terminal, the block appears above
+/// the prompt. The prompt, the half-typed line and the cursor stay as they were. Without a prompt, the block
+/// goes unchanged to standard output. The caller has made control characters in the block visible.
 void printNotice(const std::string& block);
 
 }  // namespace lineeditor

@@ -2,13 +2,15 @@
 
 namespace lineeditor {
 
-/// From here on SIGHUP, SIGTERM and SIGINT, unless the process was started with them ignored, end the current
-/// and every later readLine as end of input does, a change of the window redraws, a broken pipe is an error
-/// of the write, and a signal that kills the process gives the terminal back first. Call once, before threads
-/// that must not see the default actions.
+/// Installs the signal handlers of the console. Call once, before any other thread starts.
+/// - SIGHUP, SIGTERM and SIGINT end the current and every later readLine like end of input. A signal that was
+///   ignored when the process started stays ignored.
+/// - A change of the window's size redraws the prompt.
+/// - SIGPIPE is ignored, so a write to a broken pipe fails with an error.
+/// - A signal that kills the process restores the terminal's settings first.
 void installSignalHandlers();
 
-/// True once one of the three has come. Any thread.
+/// True once SIGHUP, SIGTERM or SIGINT has arrived. Any thread.
 bool endRequested();
 
 }  // namespace lineeditor

@@ -2,7 +2,9 @@
 
 #include <string>
 
-/// The program's debug log: levels 1 (most verbose) to 4 (error), one file that is rotated by size. Set up by
+#include "platform/LogLevel.h"
+
+/// The program's debug log: one file that is rotated by size. Set up by
 /// properties; the file is opened by the first record behind them. A folder that cannot be written, or
 /// that others can write, costs the log and nothing else. Control characters are made visible. Any thread.
 class CLogDebug {
@@ -14,14 +16,14 @@ class CLogDebug {
   /// The instance, made when there is none.
   static CLogDebug* Create();
   /// True when a record of that level would be written.
-  static bool CheckLogLevel(int level);
+  static bool CheckLogLevel(LogLevel level);
   /// Numbers as decimal text. Unknown codes and unreadable numbers change nothing.
   void SetProperty(int property, const std::string& text);
   /// Makes the folder of the path property. Empty, or one line that says why no log will be written there.
   static std::string whyNoFolder();
-  static void LogPrintV(int level, const char* source, const char* function, int line, const char* format,
-                        ...) __attribute__((format(printf, 5, 6)));
-  static void LogPrintStr(int level, const char* source, const char* function, int line,
+  static void LogPrintV(LogLevel level, const char* source, const char* function, int line,
+                        const char* format, ...) __attribute__((format(printf, 5, 6)));
+  static void LogPrintStr(LogLevel level, const char* source, const char* function, int line,
                           const std::string& text);
   /// Writes out and forgets the log.
   static void Close();

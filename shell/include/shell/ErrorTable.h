@@ -4,12 +4,12 @@
 #include <map>
 #include <string>
 
-/// The messages behind the negative results of commands, in blocks of a thousand a command family. Made on
-/// first use, never freed. Main thread only.
+/// The messages for the negative results of commands. Each command family has a block of a thousand codes.
+/// The table is made on first use and never freed. Main thread only.
 class ErrorTable {
  public:
   static ErrorTable& instance();
-  /// Prints the code's message in the error colour; nothing for a code without one.
+  /// Prints the message of the code in the error colour. Prints nothing for a code without a message.
   void print(std::int32_t code) const;
   /// Null for a code without a message.
   const std::string* find(std::int32_t code) const;

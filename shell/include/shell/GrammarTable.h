@@ -10,13 +10,13 @@
 
 namespace shell {
 
-/// Flags of a row; the rest of an option keyword's meaning is in CliNodeInfo.
+/// Flags of a row. CliNodeInfo explains alternative and required.
 enum GrammarFlags : std::uint32_t {
   kOption = 0,
   kAlternative = 1,
   kRequired = 2,
   kChoice = kAlternative | kRequired,
-  kDetached = 4,  ///< built, but not attached: it cannot be typed
+  kDetached = 4,  ///< the record is made but not attached, so nobody can type the keyword
 };
 
 enum ValueKind : std::int32_t { kNoValue = 0, kIntValue = 1, kStringValue = 2 };
@@ -24,9 +24,9 @@ enum ValueKind : std::int32_t { kNoValue = 0, kIntValue = 1, kStringValue = 2 };
 inline constexpr const char* kNoHelp = "";
 inline constexpr const char* kNoHint = "";
 
-/// One node of a command's grammar.
+/// One node of the grammar of a command.
 struct GrammarRow {
-  std::string path;  ///< the keywords from the command down to this one, one blank between them
+  std::string path;  ///< the keywords from the command to this node, one blank between them
   const char* help;
   const char* hint;
   std::uint32_t flags;
@@ -34,13 +34,14 @@ struct GrammarRow {
   CliNodeInfo::Handler handler;
 };
 
-/// A module's grammar: makes a record of each row, attaches them in the order of the rows, and owns them.
+/// The grammar of a module. The table makes a record for each row, attaches the records in the order of the
+/// rows, and owns the records.
 class GrammarTable {
  public:
-  /// A row whose parent does not stand before it, or a second row of the same path, is a bug:
-  /// std::logic_error names it.
+  /// Throws std::logic_error with the path of a row that stands before its parent, or that stands twice. Such
+  /// a row is a bug.
   void build(CliTree& tree, std::span<const GrammarRow> rows);
-  /// The record of a row; null when there is none.
+  /// The record of the row with this path; null when no row has the path.
   const CliNodeInfo* find(const std::string& path) const;
 
  private:

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Prints the editor's key bindings through the pager: for HELP CTRL, and for the editor's F1.
+/// Prints the table of keys through the pager. HELP CTRL and F1 call this function.
 void showKeyHelp();
-/// Prints the box of example commands through the pager.
+/// Prints the box of example commands through the pager. HELP APP calls this function.
 void showApplicationHelp();

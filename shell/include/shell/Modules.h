@@ -9,7 +9,10 @@
 
 class CliTree;
 
-/// Root of the module framework.
+// The framework of the command modules. A module registers itself before main; the shell (TavCliCompletion)
+// loads the modules and attaches their grammars to its tree.
+
+/// The root class of the framework.
 class CObject {
  public:
   virtual ~CObject() = default;
@@ -22,10 +25,10 @@ class CObject {
 
 namespace utils {
 
-/// Stands for a parameter that an instantiation has no use for.
+/// The argument for a template parameter that an instantiation does not use.
 struct unuse {};
 
-/// The contract of a module: found by its name, loaded by its owner, attached to a target.
+/// The interface of a module. A module has a name, an owner that loads the module, and a target to attach to.
 template <class Name, class Target, class Unused>
 class TaskInterface : public CObject {
  public:
@@ -44,8 +47,8 @@ class TaskInterface : public CObject {
   Name description_;
 };
 
-/// A registry of modules by name. The modules are their makers' and leave before they die. Registration and
-/// loading may come from different threads.
+/// A registry of modules by name. The registry does not own the modules: each module leaves the registry in
+/// its destructor. Registration and loading may run on different threads.
 template <class Owner, class Module>
 class ModuleAbstract : public CObject {
  public:
@@ -57,7 +60,7 @@ class ModuleAbstract : public CObject {
   }
   virtual void reserved() {}
 
-  /// 0 for a null module, else 1. A second module of the same name does not replace the first.
+  /// Returns 0 for a null module, otherwise 1. A second module of the same name does not replace the first.
   int registerModule(Module* module) {
     if (module == nullptr) {
       return 0;
@@ -89,7 +92,7 @@ class ModuleAbstract : public CObject {
   CRwLock modulesLock_;
 };
 
-/// One object a process, built on first use.
+/// One object in the process, built on first use.
 template <class T>
 class SingletonAbstract {
  public:
@@ -101,8 +104,8 @@ class SingletonAbstract {
 
 }  // namespace utils
 
-/// Base of every command module. A module registers itself under its name when it is built, and owns the
-/// grammar records it adds to the tree.
+/// Base of every command module. The constructor of a module registers the module under its name. A module
+/// owns its grammar records.
 class TavcliCmdInterface : public utils::TaskInterface<std::string, CliTree*, utils::unuse> {
  public:
   ~TavcliCmdInterface() override;
@@ -113,20 +116,20 @@ class TavcliCmdInterface : public utils::TaskInterface<std::string, CliTree*, ut
   int load(CObject* owner) override;
   int attach(CliTree* tree) override;
   int registerSelf() override;
-  /// Creates the module's grammar records and appends them to the tree.
+  /// Makes the grammar records of the module and appends the records to the tree.
   virtual int buildTree(CliTree* tree) = 0;
 
  protected:
   explicit TavcliCmdInterface(std::string name);
 };
 
-/// Base of the task objects: what one command line asks for, built by the handlers of its keywords.
+/// Base of the task objects. The handlers of a command line's keywords build a task; the shell executes it.
 class TavCliCmdExec {
  public:
   TavCliCmdExec() = default;
   virtual ~TavCliCmdExec() = default;
   TavCliCmdExec(const TavCliCmdExec&) = delete;
   TavCliCmdExec& operator=(const TavCliCmdExec&) = delete;
-  /// 0 for success, else a code of the error table.
+  /// Returns 0 for success, otherwise a code of the error table.
   virtual std::int32_t execute() = 0;
 };

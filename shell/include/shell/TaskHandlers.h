@@ -6,8 +6,9 @@
 
 #include "shell/TavCliCompletion.h"
 
-/// The handlers that command grammars share: one makes the command's task, the others write into the task of
-/// the line being executed. Each gives 1, or 0 where no such task is pending.
+/// The handlers that command grammars share. startTask() makes the task of a command; the other handlers
+/// write into the task of the line being executed. Each handler returns 1, or 0 when no task of its type is
+/// pending.
 namespace shell {
 
 namespace detail {
@@ -22,39 +23,42 @@ struct MemberOf<Field Task::*> {
 
 }  // namespace detail
 
-/// The task that a handler writes into; null when none of that kind is pending.
+/// The pending task; null when no task of this type is pending.
 template <class Task>
 Task* currentTask() {
   return TavCliCompletion::instance().pendingTaskAs<Task>();
 }
 
-/// Of a command's own keyword: makes the task and hands it to the shell.
+/// The handler of a command's first keyword. Makes the task and passes the task to the shell.
 template <class Task>
 std::uint8_t startTask(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
   TavCliCompletion::instance().setPendingTask(std::make_unique<Task>());
   return 1;
 }
 
-/// Sets the field to the number.
-template <auto field, std::int32_t number>
-std::uint8_t setField(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
-  auto* const task = currentTask<typename detail::MemberOf<decltype(field)>::Owner>();
+/// For the handlers of later keywords: applies the change to the pending task.
+template <class Task, class Change>
+std::uint8_t changeTask(Change change) {
+  Task* const task = currentTask<Task>();
   if (task == nullptr) {
     return 0;
   }
-  task->*field = number;
+  change(*task);
   return 1;
 }
 
-/// Appends the value to the list.
+/// The handler that sets a field of the task to a number.
+template <auto field, std::int32_t number>
+std::uint8_t setField(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
+  using Task = typename detail::MemberOf<decltype(field)>::Owner;
+  return changeTask<Task>([](Task& task) { task.*field = number; });
+}
+
+/// The handler that appends the value to a list of the task.
 template <auto field>
 std::uint8_t appendValue(const CliNodeInfo& /*node*/, const std::string& value) {
-  auto* const task = currentTask<typename detail::MemberOf<decltype(field)>::Owner>();
-  if (task == nullptr) {
-    return 0;
-  }
-  (task->*field).push_back(value);
-  return 1;
+  using Task = typename detail::MemberOf<decltype(field)>::Owner;
+  return changeTask<Task>([&value](Task& task) { (task.*field).push_back(value); });
 }
 
 }  // namespace shell

@@ -5,13 +5,16 @@
 #include "shell/GrammarTable.h"
 #include "shell/Modules.h"
 
-/// Shows how many entries the agent's scan cache holds, or has it emptied.
+/// The task of CACHE: prints the number of entries in the agent's scan cache, or empties the cache.
 class TavCliCmdCacheExec : public TavCliCmdExec {
  public:
-  std::uint32_t action = 0;   ///< 0 show, 1 clean
-  std::uint32_t subject = 0;  ///< 0: the scan cache; there is no other
+  enum Action : std::uint32_t { kShow = 0, kClean = 1 };
+  enum Subject : std::uint32_t { kScanCache = 0 };
 
-  /// Always 0: what the agent says is printed, not returned.
+  std::uint32_t action = kShow;
+  std::uint32_t subject = kScanCache;
+
+  /// Returns 0 in all cases. An error of the agent is printed.
   std::int32_t execute() override;
 };
 

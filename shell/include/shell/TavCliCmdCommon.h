@@ -3,8 +3,8 @@
 #include "shell/GrammarTable.h"
 #include "shell/Modules.h"
 
-/// The console's own commands: QUIT, HISTORY, HELP CTRL, HELP APP. Their handlers act at once, while the line
-/// is parsed; there is no task.
+/// The commands of the console itself: QUIT, HISTORY, HELP CTRL and HELP APP. Their handlers act during the
+/// parse of the line, without a task.
 class TavCliCmdCommon : public TavcliCmdInterface {
  public:
   TavCliCmdCommon();

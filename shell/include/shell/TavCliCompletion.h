@@ -7,39 +7,39 @@
 #include "shell/CliTree.h"
 #include "shell/Modules.h"
 
-/// The shell: holds the command modules, their one grammar tree and the task of the line being executed, and
-/// is the line editor's completion hook. The line's handlers build the task; the shell runs it when the whole
-/// line has been accepted. Main thread only, but for the registry.
+/// The shell. The shell holds the command modules, their common grammar tree and the task of the line being
+/// executed. The handlers of a line build the task; the shell executes the task of an accepted line. The line
+/// editor calls completionHook(). Main thread only, except the registry of modules.
 class TavCliCompletion : public utils::ModuleAbstract<TavCliCompletion, TavcliCmdInterface>,
                          public utils::SingletonAbstract<TavCliCompletion> {
  public:
   ~TavCliCompletion() override;
 
-  /// Loads every registered module, then attaches each to the tree, in name order. Once, before the first
-  /// line. Returns 1.
+  /// Loads every registered module, then attaches every module to the tree, both in name order. Call once,
+  /// before the first line. Returns 1.
   int init();
 
-  /// The task of the line being executed; the shell runs it at most once, then deletes it.
+  /// Stores the task of the line being executed. The shell executes the task at most once, then deletes the
+  /// task.
   void setPendingTask(std::unique_ptr<TavCliCmdExec> task);
-  TavCliCmdExec* pendingTask() const { return pendingTask_.get(); }
-  /// The pending task when it is one of that kind; else null.
+  /// The pending task; null when no task of this type is pending.
   template <class Task>
   Task* pendingTaskAs() const {
     return dynamic_cast<Task*>(pendingTask_.get());
   }
 
-  /// Parses the line and, when it is complete, runs the task it built. Returns the task's code, or the
-  /// parse's result where there is no task to run. A refused line's task never runs: it is dropped before
-  /// the next line that is not empty.
+  /// Parses the line and executes the task that a complete line has built. Returns the code of the task, or
+  /// the result of the parse when no task was executed. The task of a refused line is never executed: the
+  /// next line that is not empty deletes the task.
   std::int32_t executeLine(const char* line);
 
-  /// For the line editor: the text before the cursor, and the candidates to fill.
+  /// For the line editor. text: the text before the cursor. Fills the candidates and the hint. Returns 1.
   int completionHook(const char* text, lineeditor::CompletionState* state);
 
-  /// What has to be done before the process ends at QUIT: restore the terminal, stop the agent link, give
-  /// the mark back.
+  /// QUIT calls the hook before the process ends. The console's hook stops the agent link and releases the
+  /// single-instance lock.
   void setQuitHook(std::function<void()> hook) { quitHook_ = std::move(hook); }
-  /// Ends the process with exit status 0; the history is not saved.
+  /// Ends the process with exit status 0, without saving the history.
   [[noreturn]] void quit();
 
   CliTree& tree() { return *tree_; }
@@ -50,7 +50,7 @@ class TavCliCompletion : public utils::ModuleAbstract<TavCliCompletion, TavcliCm
 
  private:
   std::unique_ptr<TavCliCmdExec> pendingTask_;
-  lineeditor::CompletionState* completionState_ = nullptr;  ///< of the completion in progress
+  lineeditor::CompletionState* completionState_ = nullptr;  ///< the state of the completion in progress
   std::unique_ptr<CliTree> tree_;
   std::function<void()> quitHook_;
 };

@@ -9,7 +9,9 @@
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace batchreport {
@@ -18,9 +20,20 @@ namespace {
 
 constexpr std::uint32_t kReportMode = 0600;
 
-/// Row: what the agent says it did. Every other result counts as failed.
-constexpr std::int32_t kHandleCodes[][2] = {{1, 1}, {2, 2}, {6, 4}, {7, 4}};
-constexpr std::int32_t kHandleCodeFailed = 3;
+/// "病毒处理结果" of the report for what the agent says became of a detection.
+enum class ReportCode : std::int32_t { kQuarantined = 1, kProcessEnded = 2, kFailed = 3, kLeft = 4 };
+
+struct HandleCode {
+  json::HandleResult result;
+  ReportCode code;
+};
+/// Every other result counts as failed.
+constexpr HandleCode kHandleCodes[] = {
+    {json::HandleResult::kQuarantined, ReportCode::kQuarantined},
+    {json::HandleResult::kProcessEnded, ReportCode::kProcessEnded},
+    {json::HandleResult::kTrusted, ReportCode::kLeft},
+    {json::HandleResult::kIgnored, ReportCode::kLeft},
+};
 
 std::string line(const char* label, const std::string& value) {
   return label + value + "\n";
@@ -57,7 +70,7 @@ std::string whyNotWritten(const std::string& path, const std::string& report) {
     return why;
   }
   const int error = CFile::replaceAtomically(path, report, kReportMode);
-  return error == 0 ? "" : std::strerror(error);
+  return error == 0 ? "" : platform::errnoText(error);
 }
 
 void complain(const std::string& path, const std::string& why, const Json::Value& document) {
@@ -83,11 +96,11 @@ void addOverview(Json::Value& document, const JsonReflect::ScanBusOverView& over
 
 std::int32_t handleCode(std::int32_t handleResult) {
   for (const auto& [result, code] : kHandleCodes) {
-    if (result == handleResult) {
-      return code;
+    if (json::fromNumber<json::HandleResult>(handleResult) == result) {
+      return static_cast<std::int32_t>(code);
     }
   }
-  return kHandleCodeFailed;
+  return static_cast<std::int32_t>(ReportCode::kFailed);
 }
 
 void addDetection(Json::Value& document, const JsonReflect::VirusInfo& risk,

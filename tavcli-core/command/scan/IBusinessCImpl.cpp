@@ -8,15 +8,12 @@
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "lineeditor/Notices.h"
 #include "platform/CLogDebug.h"
 #include "platform/Text.h"
 
 namespace {
-
-constexpr int kTypeScan = 0;
-constexpr int kInfoLevel = 2;
-constexpr int kWarningLevel = 3;
 
 std::string stateLine(const char* name, std::uint32_t value) {
   char line[48];
@@ -81,18 +78,17 @@ void takeEffect(const scandisplay::State& state, const std::string& detail) {
 
 }  // namespace
 
-void IBusinessCImpl::reportBusStatus(const Json::Value& /*ctx*/, const std::string& detail,
-                                     const Json::Value& /*params*/, int /*source*/, int state,
-                                     const std::string& token_id, int type) {
-  const scandisplay::State* const row = scandisplay::findState(state);
-  if (token_id.empty() || type != kTypeScan || row == nullptr) {
+void IBusinessCImpl::reportBusStatus(const jsonrpchelper::ReportBusStatus& report) {
+  const scandisplay::State* const row = scandisplay::findState(report.state);
+  const auto type = json::fromNumber<json::BusinessType>(report.type);
+  if (report.token_id.empty() || type != json::BusinessType::kScan || row == nullptr) {
     return;
   }
-  const int level = row->effect == scandisplay::Effect::kReport ? kWarningLevel : kInfoLevel;
-  CLogDebug::LogPrintV(level, __FILE__, "reportBusStatus", __LINE__, "task %s: state %d %s", token_id.c_str(),
-                       state, detail.c_str());
+  const LogLevel level = row->effect == scandisplay::Effect::kReport ? LogLevel::kWarning : LogLevel::kInfo;
+  CLogDebug::LogPrintV(level, __FILE__, "reportBusStatus", __LINE__, "task %s: state %d %s",
+                       report.token_id.c_str(), report.state, report.detail.c_str());
   if (ScanRunState::instance().batch_mode() == 1) {
-    takeEffect(*row, detail);
+    takeEffect(*row, report.detail);
     if (g_lastBusState == tavcli::kBusStateClean || g_lastBusState == tavcli::kBusStateInfected) {
       tavcli::announceFinalState();
     }
@@ -101,6 +97,6 @@ void IBusinessCImpl::reportBusStatus(const Json::Value& /*ctx*/, const std::stri
   }
 }
 
-void IBusinessCImpl::reportBusProgress(int progress, const std::string& /*token_id*/) {
-  lineeditor::printNotice(scandisplay::progressLines(progress));
+void IBusinessCImpl::reportBusProgress(const jsonrpchelper::ReportBusProgress& report) {
+  lineeditor::printNotice(scandisplay::progressLines(report.progress));
 }

@@ -1,17 +1,23 @@
 #include "command/scan/IScanCImpl.h"
 
+#include <optional>
+
 #include "command/scan/BatchReport.h"
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanRunState.h"
 #include "json/ScanRecords.h"
+#include "json/Values.h"
 #include "lineeditor/Notices.h"
 #include "platform/Text.h"
 
 namespace {
 
-constexpr int kBusinessScan = 0;
-constexpr int kRiskOfFile = 5;
-constexpr int kRiskOfProcess = 3;
+/// Nothing for what is not the business of a scan.
+std::optional<json::RiskInfoType> riskTypeOf(int businessType, int riskInfoType) {
+  return json::fromNumber<json::BusinessType>(businessType) == json::BusinessType::kScan
+             ? json::fromNumber<json::RiskInfoType>(riskInfoType)
+             : std::nullopt;
+}
 
 bool unattended() {
   return ScanRunState::instance().batch_mode() == 1;
@@ -41,31 +47,26 @@ void showProcessRepair(const Json::Value& riskInfo, const Json::Value& repairRes
 
 }  // namespace
 
-void IScanCImpl::reportRiskInfo(int business_type, int /*fix_method*/, const Json::Value& risk_info,
-                                int risk_info_type, const std::string& /*token_id*/) {
+void IScanCImpl::reportRiskInfo(const jsonrpchelper::ReportRiskInfo& report) {
   JsonReflect::VirusInfo risk;
-  if (!unattended() && business_type == kBusinessScan && risk_info_type == kRiskOfFile &&
-      risk.FromValue(risk_info)) {
+  if (!unattended() && riskTypeOf(report.business_type, report.risk_info_type) == json::RiskInfoType::kFile &&
+      risk.FromValue(report.risk_info)) {
     lineeditor::printNotice(scandisplay::riskLines(risk));
   }
 }
 
-void IScanCImpl::reportRiskFixInfo(int business_type, int /*fix_method*/, const Json::Value& risk_info,
-                                   int risk_info_type, const Json::Value& risk_repair_result,
-                                   const std::string& /*token_id*/) {
-  if (business_type != kBusinessScan) {
-    return;
-  }
-  if (risk_info_type == kRiskOfFile) {
-    showFileRepair(risk_info, risk_repair_result);
-  } else if (risk_info_type == kRiskOfProcess) {
-    showProcessRepair(risk_info, risk_repair_result);
+void IScanCImpl::reportRiskFixInfo(const jsonrpchelper::ReportRiskFixInfo& report) {
+  const auto type = riskTypeOf(report.business_type, report.risk_info_type);
+  if (type == json::RiskInfoType::kFile) {
+    showFileRepair(report.risk_info, report.risk_repair_result);
+  } else if (type == json::RiskInfoType::kProcess) {
+    showProcessRepair(report.risk_info, report.risk_repair_result);
   }
 }
 
-void IScanCImpl::reportScanBusOverView(const Json::Value& overview, const std::string& /*token_id*/) {
+void IScanCImpl::reportScanBusOverView(const jsonrpchelper::ReportScanBusOverView& report) {
   JsonReflect::ScanBusOverView counters;
-  if (!counters.FromValue(overview)) {
+  if (!counters.FromValue(report.overview)) {
     return;
   }
   if (unattended()) {
@@ -77,12 +78,10 @@ void IScanCImpl::reportScanBusOverView(const Json::Value& overview, const std::s
   }
 }
 
-void IScanCImpl::reportScanBusStage(const std::string& /*datail*/, int stage,
-                                    const std::string& /*token_id*/) {
-  if (const std::string lines = scandisplay::stageLines(stage); !unattended() && !lines.empty()) {
+void IScanCImpl::reportScanBusStage(const jsonrpchelper::ReportScanBusStage& report) {
+  if (const std::string lines = scandisplay::stageLines(report.stage); !unattended() && !lines.empty()) {
     lineeditor::printNotice(lines);
   }
 }
 
-void IScanCImpl::reportScanAttributeInfo(const Json::Value& /*payload*/, int /*source*/,
-                                         const std::string& /*token_id*/) {}
+void IScanCImpl::reportScanAttributeInfo(const jsonrpchelper::ReportScanAttributeInfo& /*report*/) {}

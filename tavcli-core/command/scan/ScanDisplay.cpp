@@ -11,10 +11,14 @@ namespace scandisplay {
 namespace {
 
 constexpr State kStates[] = {
-    {-1, "扫描任务创建失败", Effect::kReport}, {0, "扫描任务初始化", Effect::kNone},
-    {1, "扫描任务开始: ", Effect::kNone},      {2, "扫描结束", Effect::kReportAtEnd},
-    {3, "扫描任务已暂停", Effect::kReport},    {4, "扫描任务已恢复", Effect::kNone},
-    {5, "扫描任务已中止", Effect::kReport},    {6, "已存在同种类型扫描任务", Effect::kBusy},
+    {json::TaskState::kNotCreated, "扫描任务创建失败", Effect::kReport},
+    {json::TaskState::kCreated, "扫描任务初始化", Effect::kNone},
+    {json::TaskState::kStarted, "扫描任务开始: ", Effect::kNone},
+    {json::TaskState::kFinished, "扫描结束", Effect::kReportAtEnd},
+    {json::TaskState::kPaused, "扫描任务已暂停", Effect::kReport},
+    {json::TaskState::kResumed, "扫描任务已恢复", Effect::kNone},
+    {json::TaskState::kAborted, "扫描任务已中止", Effect::kReport},
+    {json::TaskState::kSameModeExists, "已存在同种类型扫描任务", Effect::kBusy},
 };
 
 /// Row: the stage's number.
@@ -23,9 +27,6 @@ constexpr const char* kStages[] = {
     "内存活跃程序检测开始", "内存活跃程序检测结束", "开机启动项开始",   "开机启动项结束",
     "系统关键位置检测开始", "系统关键位置检测结束",
 };
-
-constexpr std::int32_t kFinderRealTime = 2;
-constexpr std::int32_t kFinderUsb = 3;
 
 using command::appendField;
 
@@ -47,7 +48,7 @@ std::string counter(const char* label, std::int64_t count) {
 
 const State* findState(std::int32_t number) {
   for (const State& state : kStates) {
-    if (state.number == number) {
+    if (json::fromNumber<json::TaskState>(number) == state.state) {
       return &state;
     }
   }
@@ -70,14 +71,15 @@ std::string stageLines(std::int32_t stage) {
 }
 
 const char* finderName(std::int32_t finder) {
-  switch (finder) {
-    case kFinderRealTime:
+  switch (json::fromNumber<json::Finder>(finder).value_or(json::Finder::kScan)) {
+    case json::Finder::kRealTime:
       return "实时防护";
-    case kFinderUsb:
+    case json::Finder::kUsb:
       return "USB防护";
-    default:
-      return "主动扫描";
+    case json::Finder::kScan:
+      break;
   }
+  return "主动扫描";
 }
 
 std::string riskLines(const JsonReflect::VirusInfo& risk) {

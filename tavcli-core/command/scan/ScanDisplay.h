@@ -5,6 +5,7 @@
 #include <string>
 
 #include "json/ScanRecords.h"
+#include "json/Values.h"
 
 /// The agent's scan notifications as the operator sees them: pure functions from what came to whole lines,
 /// each with its line end. Text of the agent's comes out with control characters and broken bytes made
@@ -21,7 +22,7 @@ enum class Effect {
 
 /// One row of the task states.
 struct State {
-  std::int32_t number;
+  json::TaskState state;
   const char* text;
   Effect effect;
 };

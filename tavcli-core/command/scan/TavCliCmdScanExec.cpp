@@ -8,8 +8,9 @@
 namespace {
 
 /// Handling of an unattended run, from what the agent's settings gave.
-unsigned handleFromSettings(int setting) {
-  return setting == 2 ? TavCliCmdScanExec::kAutomatic : TavCliCmdScanExec::kReportOnly;
+json::Handling handlingFromSettings(int fixHandle) {
+  return fixHandle == json::toFixHandle(json::Handling::kAutomatic) ? json::Handling::kAutomatic
+                                                                    : json::Handling::kReportOnly;
 }
 
 }  // namespace
@@ -34,19 +35,19 @@ std::int32_t TavCliCmdScanExec::execute() {
 }
 
 void TavCliCmdScanExec::start() const {
-  unsigned usedHandle = static_cast<unsigned>(handle);
+  json::Handling handling = handle == kAutomatic ? json::Handling::kAutomatic : json::Handling::kReportOnly;
   unsigned usedMode = static_cast<unsigned>(mode);
   ScanRunState& state = ScanRunState::instance();
   if (state.batch_mode() != 0) {
     // Unattended: the agent's settings decide the handling, whatever the line said.
-    int setting = 1;
+    int setting = json::toFixHandle(json::Handling::kReportOnly);
     CliScanCommunication::get_scanconfig(setting);
     state.set_fix_handle(setting);
-    usedHandle = handleFromSettings(setting);
+    handling = handlingFromSettings(setting);
     usedMode = kCustom;
   }
   state.start([&] {
-    return CliScanCommunication::action_startscan(usedHandle, usedMode, paths,
+    return CliScanCommunication::action_startscan(handling, usedMode, paths,
                                                   static_cast<unsigned>(special)) == 1;
   });
 }

@@ -4,22 +4,22 @@
 #include "command/ListText.h"
 #include "command/config/ConfigDisplay.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "platform/CLogDebug.h"
 
 namespace {
 
 constexpr const char* kSource = "command/config/comm/send/CliConfigCommunication";
-constexpr int kFromConsole = 1;
-constexpr int kLogInfo = 2;
 
-enum ConfigType : int { kScan = 0, kRealProtect = 1, kQuarantine = 2, kEngines = 4 };
+using json::ConfigType;
 
 using BuildRows = command::SettingRows (*)(const Json::Value& document);
 
 int show(const command::RequestPlace& place, ConfigType type, BuildRows build) {
   return command::askAgent(place, 1, [&](jsonrpchelper::AgentStub& agent) {
-    const std::string text = agent.getAVConfig(type, kFromConsole);
-    CLogDebug::LogPrintStr(kLogInfo, place.source, place.function, place.line, "get config " + text);
+    const std::string text = agent.call(jsonrpchelper::GetAVConfig{.config_type = json::toNumber(type),
+                                                                   .request_source = command::kFromConsole});
+    CLogDebug::LogPrintStr(LogLevel::kInfo, place.source, place.function, place.line, "get config " + text);
     Json::Value document;
     if (!CppJson::LoadJsonString(text, document)) {
       return 0;
@@ -31,38 +31,42 @@ int show(const command::RequestPlace& place, ConfigType type, BuildRows build) {
 
 int change(const command::RequestPlace& place, ConfigType type, const std::string& text) {
   return command::askAgent(place, 0, [&](jsonrpchelper::AgentStub& agent) {
-    return agent.setAVConfig(text, type, kFromConsole) ? 1 : 0;
+    return agent.call(jsonrpchelper::SetAVConfig{.config_str = text,
+                                                 .config_type = json::toNumber(type),
+                                                 .request_source = command::kFromConsole})
+               ? 1
+               : 0;
   });
 }
 
 }  // namespace
 
 int CliConfigCommunication::action_scanconfig_show() {
-  return show({kSource, __func__, __LINE__}, kScan, command::scanSettingRows);
+  return show({kSource, __func__, __LINE__}, ConfigType::kScan, command::scanSettingRows);
 }
 
 int CliConfigCommunication::action_isolationconfig_show() {
-  return show({kSource, __func__, __LINE__}, kQuarantine, command::quarantineSettingRows);
+  return show({kSource, __func__, __LINE__}, ConfigType::kQuarantine, command::quarantineSettingRows);
 }
 
 int CliConfigCommunication::action_engineconfig_show() {
-  return show({kSource, __func__, __LINE__}, kEngines, command::engineSettingRows);
+  return show({kSource, __func__, __LINE__}, ConfigType::kEngines, command::engineSettingRows);
 }
 
 int CliConfigCommunication::action_realprotectconfig_show() {
-  return show({kSource, __func__, __LINE__}, kRealProtect, command::realProtectSettingRows);
+  return show({kSource, __func__, __LINE__}, ConfigType::kRealTime, command::realProtectSettingRows);
 }
 
 int CliConfigCommunication::action_avconfig_scan_set(const std::string& text) {
-  return change({kSource, __func__, __LINE__}, kScan, text);
+  return change({kSource, __func__, __LINE__}, ConfigType::kScan, text);
 }
 
 int CliConfigCommunication::action_avconfig_realprotect_set(const std::string& text) {
-  return change({kSource, __func__, __LINE__}, kRealProtect, text);
+  return change({kSource, __func__, __LINE__}, ConfigType::kRealTime, text);
 }
 
 int CliConfigCommunication::action_avconfig_engines_set(const std::string& text) {
-  return change({kSource, __func__, __LINE__}, kEngines, text);
+  return change({kSource, __func__, __LINE__}, ConfigType::kEngines, text);
 }
 
 int CliConfigCommunication::action_avconfig_common_set(const std::string& /*text*/) {

@@ -4,14 +4,12 @@
 #include "command/ListText.h"
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
+#include "json/Values.h"
 #include "platform/Text.h"
 
 namespace {
 
 constexpr const char* kSource = "command/isolation/comm/send/CliIsolationCommunication";
-constexpr int kFromConsole = 1;
-constexpr std::int32_t kRestoreOnly = 1;
-constexpr std::int32_t kRestoreAndTrust = 2;
 
 std::string itemText(const JsonReflect::IsolationItem& item) {
   std::string text;
@@ -29,7 +27,7 @@ std::string itemText(const JsonReflect::IsolationItem& item) {
 
 int CliIsolationCommunication::action_isolationreport() {
   return command::askAgent({kSource, __func__, __LINE__}, 0, [](jsonrpchelper::AgentStub& agent) {
-    const Json::Value items = agent.getIsolationInfo();
+    const Json::Value items = agent.call(jsonrpchelper::GetIsolationInfo{});
     for (const Json::Value& element : items) {
       JsonReflect::IsolationItem item;
       if (element.isObject() && item.FromValue(element)) {
@@ -46,7 +44,8 @@ int CliIsolationCommunication::action_isolationrestore(const std::vector<std::st
                                                        std::int32_t notrust) {
   return command::askAgent({kSource, __func__, __LINE__}, 0, [&](jsonrpchelper::AgentStub& agent) {
     JsonReflect::DeIsolateParams params;
-    params.action = notrust != 0 ? kRestoreOnly : kRestoreAndTrust;
+    params.action =
+        json::toNumber(notrust != 0 ? json::RestoreAction::kRestore : json::RestoreAction::kRestoreAndTrust);
     params.is_all = false;
     for (const std::string& id : item_ids) {
       params.items.push_back(json::encodePath(id));
@@ -55,7 +54,8 @@ int CliIsolationCommunication::action_isolationrestore(const std::vector<std::st
     if (!params.ToValue(request)) {
       return 0;
     }
-    const Json::Value answer = agent.startDeIsolate(Json::Value(), "", request, kFromConsole, "");
+    const Json::Value answer = agent.call(jsonrpchelper::StartDeIsolate{
+        .ctx = {}, .desc = "", .params = request, .source = command::kFromConsole, .token_id = ""});
     return CppJson::readBool(answer, "status", false) ? 1 : 0;
   });
 }

@@ -4,6 +4,7 @@
 #include "command/ListText.h"
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
+#include "json/Values.h"
 #include "jsonrpchelper/JsonRpcCpp.h"
 #include "platform/Text.h"
 
@@ -11,36 +12,55 @@ namespace {
 
 constexpr const char* kSource = "command/trustregion/comm/send/CliTrustRegionCommunication";
 constexpr const char* kUnknown = "未知";
-constexpr int kFromConsole = 1;
-constexpr int kEveryDomain = 4;
-constexpr int kPersonalDomain = 0;
+using json::Region;
+using json::RegionDomain;
+using ItemType = json::RegionItemType;
 
-enum Region : std::int32_t { kTrust = 0, kReject = 1 };
+/// Row: the region.
 constexpr const char* kBehaviours[] = {"信任", "否决"};
-
-constexpr std::int32_t kItemTypeCount = 7;
-constexpr const char* kItemTypes[kItemTypeCount] = {"文件路径", "文件夹",   "后缀名",    "文件MD5",
-                                                    "文件名",   "文件SHA1", "文件SHA256"};
+/// Row: the item type.
+constexpr const char* kItemTypes[] = {"文件路径", "文件夹",   "后缀名",    "文件MD5",
+                                      "文件名",   "文件SHA1", "文件SHA256"};
 
 struct Query {
   Region region;
-  std::int32_t itemType;
+  ItemType itemType;
 };
 constexpr Query kQueries[] = {
-    {kTrust, 0}, {kTrust, 1},  {kTrust, 2},  {kTrust, 3},  {kTrust, 6},  {kTrust, 4},
-    {kTrust, 5}, {kReject, 3}, {kReject, 5}, {kReject, 6}, {kReject, 4},
+    {Region::kTrust, ItemType::kFile},      {Region::kTrust, ItemType::kFolder},
+    {Region::kTrust, ItemType::kExtension}, {Region::kTrust, ItemType::kMd5},
+    {Region::kTrust, ItemType::kSha256},    {Region::kTrust, ItemType::kName},
+    {Region::kTrust, ItemType::kSha1},      {Region::kReject, ItemType::kMd5},
+    {Region::kReject, ItemType::kSha1},     {Region::kReject, ItemType::kSha256},
+    {Region::kReject, ItemType::kName},
 };
 
 const char* stateName(std::int32_t state) {
-  return state == 0 ? "有效" : state == 1 ? "永久有效" : "无效";
+  switch (json::fromNumber<json::RegionValidity>(state).value_or(json::RegionValidity::kExpired)) {
+    case json::RegionValidity::kValid:
+      return "有效";
+    case json::RegionValidity::kForEver:
+      return "永久有效";
+    case json::RegionValidity::kExpired:
+      break;
+  }
+  return "无效";
 }
 
 const char* domainName(std::int32_t domain) {
-  return domain == 0 ? "个人" : domain == 1 ? "全局" : kUnknown;
+  switch (json::fromNumber<RegionDomain>(domain).value_or(RegionDomain::kEvery)) {
+    case RegionDomain::kPersonal:
+      return "个人";
+    case RegionDomain::kGlobal:
+      return "全局";
+    case RegionDomain::kEvery:
+      break;
+  }
+  return kUnknown;
 }
 
 const char* itemTypeName(std::int32_t type) {
-  return type >= 0 && type < kItemTypeCount ? kItemTypes[type] : kUnknown;
+  return json::fromNumber<ItemType>(type) ? kItemTypes[type] : kUnknown;
 }
 
 std::string itemText(const JsonReflect::FilterRegionItem& item, Region region) {
@@ -51,7 +71,7 @@ std::string itemText(const JsonReflect::FilterRegionItem& item, Region region) {
   command::appendField(text, "状态", stateName(item.valid_statue));
   command::appendField(text, "属性", domainName(item.domain));
   command::appendField(text, "类型", itemTypeName(item.item_type));
-  command::appendField(text, "行为", kBehaviours[region]);
+  command::appendField(text, "行为", kBehaviours[json::toNumber(region)]);
   return text.append(command::kItemRule);
 }
 
@@ -69,7 +89,9 @@ void printItems(const Json::Value& items, Region region) {
 Json::Value askRegion(jsonrpchelper::AgentStub& agent, const Query& query,
                       const command::RequestPlace& place) {
   try {
-    return agent.getRegionInfo(kEveryDomain, query.itemType, query.region);
+    return agent.call(jsonrpchelper::GetRegionInfo{.domain = json::toNumber(RegionDomain::kEvery),
+                                                   .item_type = json::toNumber(query.itemType),
+                                                   .region_type = json::toNumber(query.region)});
   } catch (const jsonrpchelper::ResultOfAnotherKind& exception) {
     command::logCaught(place, exception);
     return Json::Value(Json::arrayValue);
@@ -78,13 +100,13 @@ Json::Value askRegion(jsonrpchelper::AgentStub& agent, const Query& query,
 
 Json::Value changeOf(std::int32_t action, std::int32_t itemType, const std::vector<std::string>& items) {
   Json::Value change(Json::objectValue);
-  if (action == 0 || action == 1) {
+  if (json::fromNumber<json::RegionAction>(action)) {
     change["action"] = action;
   }
-  if (itemType >= 0 && itemType < kItemTypeCount) {
+  if (json::fromNumber<ItemType>(itemType)) {
     change["type"] = itemType;
   }
-  change["domain"] = kPersonalDomain;
+  change["domain"] = json::toNumber(RegionDomain::kPersonal);
   change["is_all"] = false;
   Json::Value& list = change["items"] = Json::Value(Json::arrayValue);
   for (const std::string& item : items) {
@@ -102,10 +124,12 @@ int CliTrustRegionCommunication::action_trustregionreport() {
     for (const Query& query : kQueries) {
       const Json::Value items = askRegion(agent, query, place);
       printItems(items, query.region);
-      totals[query.region] += items.size();
+      totals[json::toNumber(query.region)] += items.size();
     }
-    command::printText("\n信任区当前存在 " + std::to_string(totals[kTrust]) + " 项\n");
-    command::printText("\n否决区当前存在 " + std::to_string(totals[kReject]) + " 项\n");
+    command::printText("\n信任区当前存在 " + std::to_string(totals[json::toNumber(Region::kTrust)]) +
+                       " 项\n");
+    command::printText("\n否决区当前存在 " + std::to_string(totals[json::toNumber(Region::kReject)]) +
+                       " 项\n");
     return 1;
   });
 }
@@ -114,6 +138,11 @@ int CliTrustRegionCommunication::action_trustregionmodify(std::int32_t action, s
                                                           const std::vector<std::string>& items) {
   const Json::Value change = changeOf(action, item_type, items);
   return command::askAgent({kSource, __func__, __LINE__}, 0, [&](jsonrpchelper::AgentStub& agent) {
-    return agent.ctlRegion("命令行修改了本地信任区", change, kTrust, kFromConsole) ? 1 : 0;
+    return agent.call(jsonrpchelper::CtlRegion{.desc = "命令行修改了本地信任区",
+                                               .items = change,
+                                               .region_type = json::toNumber(Region::kTrust),
+                                               .source = command::kFromConsole})
+               ? 1
+               : 0;
   });
 }

@@ -10,7 +10,8 @@ class CliTrustRegionCommunication {
  public:
   /// Prints the trust list, then the reject list. 1 when both were printed to the end, else 0.
   static int action_trustregionreport();
-  /// action: 0 add, 1 delete. 1 when the agent took the change, else 0.
+  /// action, item_type: the numbers of a json::RegionAction and a json::RegionItemType. 1 when the agent took
+  /// the change, else 0.
   static int action_trustregionmodify(std::int32_t action, std::int32_t item_type,
                                       const std::vector<std::string>& items);
 };

@@ -1,0 +1,189 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <optional>
+
+/// The numbers with a meaning that cross the bus or stand in the settings, each list once, as a type. Both
+/// sides use the enumerators; toNumber and fromNumber are the one way between an enumerator and its number.
+/// All functions here are pure.
+namespace json {
+
+/// "config_type": which settings document is meant.
+enum class ConfigType : std::int32_t { kScan = 0, kRealTime = 1, kQuarantine = 2, kEngines = 4 };
+
+/// "source" and "request_source": who asks.
+enum class RequestSource : std::int32_t { kConsole = 1 };
+
+/// "type" of a task, and "business_type" of a notification about a risk.
+enum class BusinessType : std::int32_t { kScan = 0 };
+
+/// "state" of reportBusStatus.
+enum class TaskState : std::int32_t {
+  kNotCreated = -1,
+  kCreated = 0,
+  kStarted = 1,
+  kFinished = 2,
+  kPaused = 3,
+  kResumed = 4,
+  kAborted = 5,
+  kSameModeExists = 6
+};
+
+/// "action" of ctlBus.
+enum class ControlAction : std::int32_t { kStop = 1, kPause = 2, kResume = 3 };
+
+/// "scan_type" without strong scan; strong scan adds kStrongScan.
+enum class ScanMode : std::int32_t { kFast = 0, kFull = 1, kCustom = 2 };
+inline constexpr std::int32_t kStrongScan = 3;
+
+/// "risk_info_type" of a notification about a risk.
+enum class RiskInfoType : std::int32_t { kProcess = 3, kFile = 5 };
+
+/// "risk_type" of a detection.
+enum class RiskType : std::int32_t { kVirus = 0, kTestFile = 1, kHeuristic = 2, kRejected = 3 };
+
+/// "finder" of a risk. Every other number counts as kScan.
+enum class Finder : std::int32_t { kScan = 0, kRealTime = 2, kUsb = 3 };
+
+/// "handle_result": what became of a detection.
+enum class HandleResult : std::int32_t {
+  kQuarantined = 1,
+  kProcessEnded = 2,
+  kReportedOnly = 3,
+  kFailed = 4,
+  kTrusted = 6,
+  kIgnored = 7
+};
+
+/// "handle_action" of a scan request and "HandleAction" of the settings: what automatic handling does to a
+/// file. kByAgent stands in requests only: the agent's settings decide.
+enum class HandleAction : std::int32_t {
+  kByAgent = -1,
+  kClean = 0,
+  kDelete = 1,
+  kQuarantine = 2,
+  kNothing = 3
+};
+
+/// "region_type": the trust list or the reject list.
+enum class Region : std::int32_t { kTrust = 0, kReject = 1 };
+
+/// "action" of a change of a region.
+enum class RegionAction : std::int32_t { kAdd = 0, kDelete = 1 };
+
+/// "domain" of a region's entry. kEvery stands in queries only.
+enum class RegionDomain : std::int32_t { kPersonal = 0, kGlobal = 1, kEvery = 4 };
+
+/// "item_type" of a region's entry, and "type" of a change.
+enum class RegionItemType : std::int32_t {
+  kFile = 0,
+  kFolder = 1,
+  kExtension = 2,
+  kMd5 = 3,
+  kName = 4,
+  kSha1 = 5,
+  kSha256 = 6
+};
+
+/// "valid_statue" of a region's entry. Every other number counts as kExpired.
+enum class RegionValidity : std::int32_t { kValid = 0, kForEver = 1, kExpired = 2 };
+
+/// "action" of startDeIsolate.
+enum class RestoreAction : std::int32_t { kRestore = 1, kRestoreAndTrust = 2 };
+
+/// The enumerators of E, in the order of their numbers.
+template <class E>
+inline constexpr std::array<E, 0> kValuesOf{};
+template <>
+inline constexpr std::array kValuesOf<ConfigType>{ConfigType::kScan, ConfigType::kRealTime,
+                                                  ConfigType::kQuarantine, ConfigType::kEngines};
+template <>
+inline constexpr std::array kValuesOf<RequestSource>{RequestSource::kConsole};
+template <>
+inline constexpr std::array kValuesOf<BusinessType>{BusinessType::kScan};
+template <>
+inline constexpr std::array kValuesOf<TaskState>{
+    TaskState::kNotCreated, TaskState::kCreated, TaskState::kStarted, TaskState::kFinished,
+    TaskState::kPaused,     TaskState::kResumed, TaskState::kAborted, TaskState::kSameModeExists};
+template <>
+inline constexpr std::array kValuesOf<ControlAction>{ControlAction::kStop, ControlAction::kPause,
+                                                     ControlAction::kResume};
+template <>
+inline constexpr std::array kValuesOf<ScanMode>{ScanMode::kFast, ScanMode::kFull, ScanMode::kCustom};
+template <>
+inline constexpr std::array kValuesOf<RiskInfoType>{RiskInfoType::kProcess, RiskInfoType::kFile};
+template <>
+inline constexpr std::array kValuesOf<RiskType>{RiskType::kVirus, RiskType::kTestFile, RiskType::kHeuristic,
+                                                RiskType::kRejected};
+template <>
+inline constexpr std::array kValuesOf<Finder>{Finder::kScan, Finder::kRealTime, Finder::kUsb};
+template <>
+inline constexpr std::array kValuesOf<HandleResult>{HandleResult::kQuarantined,  HandleResult::kProcessEnded,
+                                                    HandleResult::kReportedOnly, HandleResult::kFailed,
+                                                    HandleResult::kTrusted,      HandleResult::kIgnored};
+template <>
+inline constexpr std::array kValuesOf<HandleAction>{HandleAction::kByAgent, HandleAction::kClean,
+                                                    HandleAction::kDelete, HandleAction::kQuarantine,
+                                                    HandleAction::kNothing};
+template <>
+inline constexpr std::array kValuesOf<Region>{Region::kTrust, Region::kReject};
+template <>
+inline constexpr std::array kValuesOf<RegionAction>{RegionAction::kAdd, RegionAction::kDelete};
+template <>
+inline constexpr std::array kValuesOf<RegionDomain>{RegionDomain::kPersonal, RegionDomain::kGlobal,
+                                                    RegionDomain::kEvery};
+template <>
+inline constexpr std::array kValuesOf<RegionItemType>{
+    RegionItemType::kFile, RegionItemType::kFolder, RegionItemType::kExtension, RegionItemType::kMd5,
+    RegionItemType::kName, RegionItemType::kSha1,   RegionItemType::kSha256};
+template <>
+inline constexpr std::array kValuesOf<RegionValidity>{RegionValidity::kValid, RegionValidity::kForEver,
+                                                      RegionValidity::kExpired};
+template <>
+inline constexpr std::array kValuesOf<RestoreAction>{RestoreAction::kRestore,
+                                                     RestoreAction::kRestoreAndTrust};
+
+template <class E>
+constexpr std::int32_t toNumber(E value) {
+  static_assert(!kValuesOf<E>.empty());
+  return static_cast<std::int32_t>(value);
+}
+
+/// Nothing for a number that is no enumerator: the caller decides what an unknown number means.
+template <class E>
+constexpr std::optional<E> fromNumber(std::int64_t number) {
+  static_assert(!kValuesOf<E>.empty());
+  const auto found = std::find_if(kValuesOf<E>.begin(), kValuesOf<E>.end(),
+                                  [number](E value) { return toNumber(value) == number; });
+  return found == kValuesOf<E>.end() ? std::nullopt : std::optional<E>(*found);
+}
+
+/// What a scan does with a detection: handle the file, or only report the detection. Four lists of numbers
+/// stand for these two words; the functions below are the only places that know the numbers.
+enum class Handling { kAutomatic, kReportOnly };
+
+/// "fix_method" of a scan request and of the notifications: 0 automatic, 2 report only.
+constexpr std::int32_t toFixMethod(Handling handling) {
+  return handling == Handling::kAutomatic ? 0 : 2;
+}
+/// What the agent does for a "fix_method" or a "FixMethod": only 0 is automatic.
+constexpr Handling handlingInForce(std::int64_t fixMethod) {
+  return fixMethod == 0 ? Handling::kAutomatic : Handling::kReportOnly;
+}
+/// How the console reads the setting "FixMethod": 1 and 2 are report only, every other number automatic.
+constexpr Handling handlingOfSetting(std::int64_t fixMethod) {
+  return fixMethod == 1 || fixMethod == 2 ? Handling::kReportOnly : Handling::kAutomatic;
+}
+/// "fix_handle", which the batch report shows: 1 report only, 2 automatic.
+constexpr std::int32_t toFixHandle(Handling handling) {
+  return handling == Handling::kReportOnly ? 1 : 2;
+}
+
+/// "scan_type" of a request.
+constexpr std::int32_t toScanType(ScanMode mode, bool strong) {
+  return toNumber(mode) + (strong ? kStrongScan : 0);
+}
+
+}  // namespace json

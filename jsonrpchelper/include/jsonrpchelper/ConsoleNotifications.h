@@ -1,0 +1,157 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "jsonrpchelper/MethodTable.h"
+
+/// The wire protocol from agent to console: every notification is declared here and nowhere else. The agent
+/// sends through ConsoleNotifier; the console receives through IScanCAbstract and IBusinessCAbstract.
+/// MethodTable.h explains a row. token_id names the task.
+namespace jsonrpchelper {
+
+/// A risk was found. risk_info: JsonReflect::VirusInfo or MemoryRiskInfo.
+struct ReportRiskInfo {
+  static constexpr const char* kName = "reportRiskInfo";
+  using Result = void;
+
+  std::int32_t business_type;
+  std::int32_t fix_method;
+  JsonObject risk_info;
+  std::int32_t risk_info_type;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("business_type", self.business_type);
+    visit("fix_method", self.fix_method);
+    visit("risk_info", self.risk_info);
+    visit("risk_info_type", self.risk_info_type);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// A risk was handled. risk_repair_result: JsonReflect::RiskRepairResult.
+struct ReportRiskFixInfo {
+  static constexpr const char* kName = "reportRiskFixInfo";
+  using Result = void;
+
+  std::int32_t business_type;
+  std::int32_t fix_method;
+  JsonObject risk_info;
+  std::int32_t risk_info_type;
+  JsonObject risk_repair_result;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("business_type", self.business_type);
+    visit("fix_method", self.fix_method);
+    visit("risk_info", self.risk_info);
+    visit("risk_info_type", self.risk_info_type);
+    visit("risk_repair_result", self.risk_repair_result);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// The counters of a scan: JsonReflect::ScanBusOverView.
+struct ReportScanBusOverView {
+  static constexpr const char* kName = "reportScanBusOverView";
+  using Result = void;
+
+  JsonObject overview;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("overview", self.overview);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// A scan begins a stage. "datail" is the protocol's own spelling.
+struct ReportScanBusStage {
+  static constexpr const char* kName = "reportScanBusStage";
+  using Result = void;
+
+  std::string datail;
+  std::int32_t stage;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("datail", self.datail);
+    visit("stage", self.stage);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// The attributes of a scan.
+struct ReportScanAttributeInfo {
+  static constexpr const char* kName = "reportScanAttributeInfo";
+  using Result = void;
+
+  JsonObject payload;
+  std::int32_t source;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("payload", self.payload);
+    visit("source", self.source);
+    visit("token_id", self.token_id);
+  }
+};
+
+/// A task has another state. ctx and source: those of the request that started the task.
+struct ReportBusStatus {
+  static constexpr const char* kName = "reportBusStatus";
+  using Result = void;
+
+  JsonObject ctx;
+  std::string detail;
+  JsonObject params;
+  std::int32_t source;
+  std::int32_t state;
+  std::string token_id;
+  std::int32_t type;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("ctx", self.ctx);
+    visit("detail", self.detail);
+    visit("params", self.params);
+    visit("source", self.source);
+    visit("state", self.state);
+    visit("token_id", self.token_id);
+    visit("type", self.type);
+  }
+};
+
+/// How far a task is, in percent.
+struct ReportBusProgress {
+  static constexpr const char* kName = "reportBusProgress";
+  using Result = void;
+
+  std::int32_t progress;
+  std::string token_id;
+
+  template <class Self, class Visitor>
+  static void members(Self& self, Visitor& visit) {
+    visit("progress", self.progress);
+    visit("token_id", self.token_id);
+  }
+};
+
+using ScanNotifications = MethodList<ReportRiskInfo, ReportRiskFixInfo, ReportScanBusOverView,
+                                     ReportScanBusStage, ReportScanAttributeInfo>;
+using BusinessNotifications = MethodList<ReportBusStatus, ReportBusProgress>;
+using ConsoleNotifications = decltype(ScanNotifications() + BusinessNotifications());
+
+/// The same table as data, in its order.
+const std::vector<MethodRow>& consoleNotifications();
+
+}  // namespace jsonrpchelper

@@ -1,0 +1,6 @@
+#include "jsonrpchelper/IBusinessCAbstract.h"
+
+IBusinessCAbstract::IBusinessCAbstract(jsonrpchelper::IJsonRpcServerHelper& helper) : BusServer(helper) {
+  bindAll<jsonrpchelper::BusinessNotifications, &IBusinessCAbstract::reportBusStatus,
+          &IBusinessCAbstract::reportBusProgress>();
+}
