@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 
 namespace {
 
@@ -98,29 +98,21 @@ double bareRoundTrip(int fd) {
 class Bus {
  public:
   Bus(const std::string& tree, const char* guid) {
-    for (const std::string& why :
-         {library_.load(TAV_LIB_DIR "/libLunetClientMgr.so"), library_.createClient()}) {
-      if (!why.empty()) {
-        fail(why);
-      }
+    if (const auto loaded = bus_.load(TAV_LIB_DIR "/libLunetClientMgr.so"); !loaded) {
+      fail(loaded.error());
     }
     const std::string config = "{\"runtime_path\":\"" + tree + "\"}";
-    if (library_.client()->Init(config.c_str(), "bench") != 0) {
+    if (bus_.init(config, "bench") != lunet::kOk) {
       fail("Init");
     }
-    endpoint_ = library_.client()->CreateEndpoint();
-    if (endpoint_ == nullptr || endpoint_->Open(lunet::parseGuid(guid)) != 0) {
+    if (!bus_.createEndpoint() || bus_.open(lunet::parseGuid(guid)) != lunet::kOk) {
       fail("Open");
     }
   }
-  ~Bus() { library_.client()->DestroyEndpoint(endpoint_); }
-  Bus(const Bus&) = delete;
-  Bus& operator=(const Bus&) = delete;
-  lunet::IEndpoint* operator->() const { return endpoint_; }
+  lunet::IEndpoint* operator->() const { return bus_.endpoint(); }
 
  private:
-  lunet::ClientLibrary library_;
-  lunet::IEndpoint* endpoint_ = nullptr;
+  lunet::BusClient bus_;
 };
 
 class Echo final : public lunet::IMRReceiveComplete {

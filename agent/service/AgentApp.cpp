@@ -22,7 +22,6 @@
 #include "service/BusLink.h"
 #include "service/Callers.h"
 #include "service/SignatureKeeper.h"
-#include "service/Tree.h"
 #include "task/AgentLog.h"
 #include "worker/WorkerPool.h"
 
@@ -48,7 +47,7 @@ int say(int exitCode, const std::string& line) {
   return exitCode;
 }
 
-void openLog(const Tree& tree, int level) {
+void openLog(const platform::InstallTree& tree, int level) {
   CLogDebug* log = CLogDebug::Create();
   log->SetProperty(CLogDebug::kPath, tree.log() + "/");
   log->SetProperty(CLogDebug::kName, kName);
@@ -79,7 +78,7 @@ sigset_t ownSignals() {
 }
 
 /// A terminal's interrupt goes to the spawner and its workers, too: they ignore it, the agent ends them.
-std::unique_ptr<Spawner> startSpawner(const Tree& tree, const Options& options) {
+std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const Options& options) {
   const sigset_t signals = ownSignals();
   signal(SIGPIPE, SIG_IGN);
   signal(SIGINT, SIG_IGN);
@@ -97,14 +96,14 @@ std::unique_ptr<Spawner> startSpawner(const Tree& tree, const Options& options) 
   return spawner;
 }
 
-[[noreturn]] void otherRuns(const Tree& tree, const CGlobalTag& mark) {
+[[noreturn]] void otherRuns(const platform::InstallTree& tree, const CGlobalTag& mark) {
   throw StartFailure{kExitOtherRuns,
                      "another agent (pid " + mark.attribute("pid") + ") serves " + tree.root + " already"};
 }
 
 /// The agent's mark lies in its own folder: the one of the sockets is the bus's group's, too, whose members
 /// could hold it or forge its pid.
-void takeMark(CGlobalTag& mark, const Tree& tree) {
+void takeMark(CGlobalTag& mark, const platform::InstallTree& tree) {
   switch (mark.trylock(false)) {
     case CGlobalTag::kAcquired:
       return;
@@ -137,7 +136,7 @@ class Offer {
 /// Everything that serves, in the order of its making; unmade in the reverse order.
 class Agent {
  public:
-  Agent(const Options& options, const Tree& tree, const BusSettings& bus)
+  Agent(const Options& options, const platform::InstallTree& tree, const BusSettings& bus)
       : tree_(tree),
         signatures_({tree.signatures(), options.systemSignatures}, [this] { reloadSignatures(); }),
         mark_(lunet::kAgentGuid, {tree.state()}) {
@@ -153,8 +152,8 @@ class Agent {
     for (const std::string& notice : store_->notices()) {
       AGENT_LOG(LogLevel::kWarning, "store: %s", notice.c_str());
     }
-    if (const std::string failure = bus_.prepare(tree, bus); !failure.empty()) {
-      throw StartFailure{kExitFailed, failure};
+    if (const auto prepared = bus_.prepare(tree, bus); !prepared) {
+      throw StartFailure{kExitFailed, prepared.error()};
     }
     openService(bus.group);
   }
@@ -227,8 +226,8 @@ class Agent {
       return true;
     });
     offer_.emplace(*helper_, bus_.endpoint());
-    if (const std::string failure = bus_.open(lunet::kAgentGuid); !failure.empty()) {
-      throw StartFailure{kExitFailed, failure};
+    if (const auto opened = bus_.open(lunet::kAgentGuid); !opened) {
+      throw StartFailure{kExitFailed, opened.error()};
     }
     tasks_->tellOfLostTasks();
     told.set_value();
@@ -261,7 +260,7 @@ class Agent {
     }
   }
 
-  const Tree& tree_;
+  const platform::InstallTree& tree_;
   std::string told_;
   std::unique_ptr<Spawner> spawner_;
   SignatureKeeper signatures_;  // made before the body starts the spawner; what it runs needs that
@@ -278,17 +277,16 @@ class Agent {
 }  // namespace
 
 int serve(const Options& options, Readiness* readiness) {
-  const Tree tree(options.installDir);
+  const platform::InstallTree tree(options.installDir);
   umask(022);  // the folder of the sockets is reached by others; what is private is closed by its maker
   raiseFileLimit();
   openLog(tree, options.logLevel);
   try {
-    BusSettings bus;
-    std::string why;
-    if (!readBusSettings(tree, kName, &bus, &why)) {
-      return say(kExitFailed, why);
+    const auto bus = readBusSettings(tree, kName);
+    if (!bus) {
+      return say(kExitFailed, bus.error());
     }
-    Agent agent(options, tree, bus);
+    Agent agent(options, tree, *bus);
     AGENT_LOG(LogLevel::kInfo, "serving %s (pid %d)", tree.root.c_str(), getpid());
     if (readiness != nullptr) {
       readiness->ready();

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "json/CppJson.h"
+#include "lunet/BusConfig.h"
 #include "lunet/LogLevels.h"
 #include "platform/CLog.h"
 #include "platform/CLogDebug.h"
@@ -15,61 +17,63 @@ void takeLog(int level, const char* text) {
   CLogDebug::LogPrintStr(lunet::fromBus(level), __FILE_NAME__, "bus", __LINE__, text);
 }
 
-/// What JSON-RPC over the bus refuses.
+/// For the messages that JSON-RPC over the bus refuses.
 void takeBaseLog(int level, const char* text) {
   if (const std::optional<LogLevel> own = platform::fromCLog(level)) {
     CLogDebug::LogPrintStr(*own, __FILE_NAME__, "rpc", __LINE__, text);
   }
 }
 
-std::string errorText(const char* what, std::uint32_t error) {
+tl::unexpected<std::string> busFailure(const char* what, std::uint32_t error) {
   char text[96];
   std::snprintf(text, sizeof text, "%s failed: bus error 0x%08x", what, error);
-  return text;
+  return platform::failure(text);
 }
 
 }  // namespace
 
-std::string BusLink::prepare(const Tree& tree, const BusSettings& settings) {
-  std::string failure = library_.load(tree.busLibrary());
-  if (failure.empty()) {
-    failure = library_.createClient();
+platform::Expected<BusSettings> readBusSettings(const platform::InstallTree& tree,
+                                                const std::string& logName) {
+  using Kind = lunet::BusConfigFailure::Kind;
+  const auto read = lunet::readBusConfig(tree.busConfig());
+  if (!read && read.error().kind == Kind::kUnsafe) {
+    return platform::failure("the bus configuration is not used: " + read.error().reason);
   }
-  if (!failure.empty()) {
-    return "the bus library cannot be used: " + failure;
+  if (!read && read.error().kind != Kind::kMissing) {
+    return platform::failure(tree.busConfig() + " cannot be read as a JSON object");
   }
-  library_.client()->SetLogCallback(takeLog);
+  const Json::Value file = read.value_or(Json::objectValue);
+  const Json::Value config = lunet::completeBusConfig(file, tree.root, {tree.log() + "/" + logName, logName});
+  return BusSettings{lunet::compactText(config), lunet::socketDirectory(tree.root, file),
+                     CppJson::readString(file, "group", "")};
+}
+
+platform::Expected<void> BusLink::prepare(const platform::InstallTree& tree, const BusSettings& settings) {
+  if (const auto loaded = bus_.load(tree.busLibrary()); !loaded) {
+    return platform::failure("the bus library cannot be used: " + loaded.error());
+  }
+  bus_.client()->SetLogCallback(takeLog);
   CLog::set_log_callback(takeBaseLog);
   std::string uuid;
   CUuid::generate(uuid);
-  const std::uint32_t error = library_.client()->Init(settings.clientConfig.c_str(), uuid.c_str());
-  if (error != lunet::kOk) {
-    return errorText("setting up the bus", error);
+  if (const std::uint32_t error = bus_.init(settings.clientConfig, uuid); error != lunet::kOk) {
+    return busFailure("setting up the bus", error);
   }
-  initialised_ = true;
-  endpoint_ = library_.client()->CreateEndpoint();
-  return endpoint_ != nullptr ? std::string() : "the bus gives no endpoint";
+  if (!bus_.createEndpoint()) {
+    return platform::failure("the bus gives no endpoint");
+  }
+  return {};
 }
 
-std::string BusLink::open(const std::string& guid) {
-  const std::uint32_t error = endpoint_->Open(lunet::parseGuid(guid.c_str()));
+platform::Expected<void> BusLink::open(const std::string& guid) {
+  const std::uint32_t error = bus_.open(lunet::parseGuid(guid.c_str()));
   if (error == lunet::kErrInUse) {
-    return "another process has the agent's address on the bus of this tree";
+    return platform::failure("another process has the agent's address on the bus of this tree");
   }
-  return error == lunet::kOk ? std::string() : errorText("opening the agent's address", error);
-}
-
-BusLink::~BusLink() {
-  lunet::IClient* client = library_.client();
-  if (client == nullptr) {
-    return;
+  if (error != lunet::kOk) {
+    return busFailure("opening the agent's address", error);
   }
-  if (endpoint_ != nullptr) {
-    client->DestroyEndpoint(endpoint_);
-  }
-  if (initialised_) {
-    client->Uninit();
-  }
+  return {};
 }
 
 }  // namespace agent

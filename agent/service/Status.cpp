@@ -10,7 +10,8 @@
 
 #include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/ErrorText.h"
+#include "lunet/ListenerAt.h"
 #include "platform/Text.h"
 #include "service/BusLink.h"
 #include "service/Options.h"
@@ -27,7 +28,7 @@ int cannotTell(const std::string& why) {
   return kExitFailed;
 }
 
-int noAnswer(const Tree& tree, std::uint32_t busError, const std::string& why) {
+int noAnswer(const platform::InstallTree& tree, std::uint32_t busError, const std::string& why) {
   if (busError == lunet::kErrNoTarget) {
     std::fprintf(stderr, "tavagentd: no agent answers on %s\n", platform::visibleText(tree.root).c_str());
     return kExitNotRunning;
@@ -53,21 +54,16 @@ bool sameProgram(const std::string& one, const std::string& other) {
 
 }  // namespace
 
-int printStatus(const Tree& tree) {
-  BusSettings settings;
-  std::string why;
-  if (!readBusSettings(tree, "tavagentd-status", &settings, &why)) {
-    return cannotTell(why);
+int printStatus(const platform::InstallTree& tree) {
+  const auto settings = readBusSettings(tree, "tavagentd-status");
+  if (!settings) {
+    return cannotTell(settings.error());
   }
   BusLink bus;
   std::string guid;
   CUuid::generate(guid);
-  why = bus.prepare(tree, settings);
-  if (why.empty()) {
-    why = bus.open(guid);
-  }
-  if (!why.empty()) {
-    return cannotTell(why);
+  if (const auto opened = bus.prepare(tree, *settings).and_then([&] { return bus.open(guid); }); !opened) {
+    return cannotTell(opened.error());
   }
   jsonrpchelper::IJsonRpcClientHelper helper(&bus.endpoint(), lunet::kAgentGuid, lunet::kRequestChannel,
                                              lunet::kOnewayChannel, kAnswerLimitMs);
@@ -77,7 +73,7 @@ int printStatus(const Tree& tree) {
   } catch (const std::exception& error) {
     return noAnswer(tree, helper.lastBusError(), error.what());
   }
-  const std::optional<pid_t> pid = agentPid(settings.socketDir);
+  const std::optional<pid_t> pid = agentPid(settings->socketDir);
   if (!pid) {
     return cannotTell("the process that serves " + tree.root + " cannot be told");
   }

@@ -2,6 +2,7 @@
 #include <exception>
 #include <memory>
 
+#include "platform/InstallTree.h"
 #include "platform/StandardStreams.h"
 #include "platform/Text.h"
 #include "service/AgentApp.h"
@@ -36,7 +37,7 @@ int run(const std::vector<std::string>& arguments) {
       std::printf("%s", agent::usage().c_str());
       return agent::kExitOk;
     case agent::Options::Action::kStatus:
-      return agent::printStatus(agent::Tree(options.installDir));
+      return agent::printStatus(platform::InstallTree(options.installDir));
     case agent::Options::Action::kServe:
       break;
   }

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "json/CppJson.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusConfig.h"
 #include "platform/Text.h"
 #include "platform/Users.h"
 
@@ -97,7 +97,7 @@ Error Client::configure(const char* text, const char* uuid) {
   bus_.log.open(std::move(log));
 
   const std::string runtimePath = CppJson::readString(config, "runtime_path", "");
-  const std::string folder = socketDirectory(runtimePath, text);
+  const std::string folder = socketDirectory(runtimePath, config);
   if (folder.empty() || folder.front() != '/') {
     bus_.log.write(BusLogLevel::kError,
                    "the bus configuration names no absolute \"socket_dir\" and no absolute \"runtime_path\"");

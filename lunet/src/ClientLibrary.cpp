@@ -11,11 +11,11 @@ namespace lunet {
 
 namespace {
 
-/// dlerror's text as the given sentence; it names files, so it is made fit for a log.
-std::string failure(const char* step) {
+/// dlerror's text as the given sentence, control characters visible.
+tl::unexpected<std::string> loaderFailure(const char* step) {
   const char* why = dlerror();
-  return platform::visibleText(std::string(step) + " failed: " + (why != nullptr ? why : "unknown error") +
-                               ".");
+  return platform::failure(platform::visibleText(
+      std::string(step) + " failed: " + (why != nullptr ? why : "unknown error") + "."));
 }
 
 template <class Function>
@@ -26,49 +26,52 @@ Function entry(void* library, const char* name) {
 
 }  // namespace
 
-ClientLibrary::~ClientLibrary() {
-  (void)unload();
-}
-
-std::string ClientLibrary::load(const std::string& path) {
+platform::Expected<void> ClientLibrary::load(const std::string& path) {
   if (handle_ != nullptr) {
-    return "the bus library is loaded already";
+    return platform::failure("the bus library is loaded already");
   }
   std::error_code error;
   static_cast<void>(std::filesystem::canonical(path, error));
   if (error) {
     // dlopen's words without dlopen: by then the file could be there.
-    return platform::visibleText("dlopen failed: " + path +
-                                 ": cannot open shared object file: " + error.message() + ".");
+    return platform::failure(platform::visibleText(
+        "dlopen failed: " + path + ": cannot open shared object file: " + error.message() + "."));
   }
   std::string why;  // what is checked is what is loaded
   const std::string resolved = CDir::resolveSafe(path, &why);
   if (resolved.empty()) {
-    return "the bus library is not loaded: " + why;
+    return platform::failure("the bus library is not loaded: " + why);
   }
   handle_ = dlopen(resolved.c_str(), RTLD_LAZY);
-  return handle_ != nullptr ? std::string() : failure("dlopen");
+  if (handle_ == nullptr) {
+    return loaderFailure("dlopen");
+  }
+  return {};
 }
 
-std::string ClientLibrary::createClient() {
+platform::Expected<void> ClientLibrary::createClient() {
   if (handle_ == nullptr || client_ != nullptr) {
-    return handle_ == nullptr ? "the bus library is not loaded" : "the bus client exists already";
+    return platform::failure(handle_ == nullptr ? "the bus library is not loaded"
+                                                : "the bus client exists already");
   }
   const auto create = entry<CreateInstanceFn>(handle_, "CreateInstance");
   if (create == nullptr) {
-    return failure("dlsym CreateInstance");
+    return loaderFailure("dlsym CreateInstance");
   }
   client_ = create(kInterfaceGuid);
-  return client_ != nullptr ? std::string() : "the bus library gave no client";
+  if (client_ == nullptr) {
+    return platform::failure("the bus library gave no client");
+  }
+  return {};
 }
 
-std::string ClientLibrary::unload() {
-  std::string why;
+platform::Expected<void> ClientLibrary::unload() {
+  platform::Expected<void> result;
   if (client_ != nullptr) {
     if (const auto destroy = entry<DestoryInstanceFn>(handle_, "DestoryInstance"); destroy != nullptr) {
       destroy(kInterfaceGuid, client_);
     } else {
-      why = failure("dlsym DestoryInstance");
+      result = loaderFailure("dlsym DestoryInstance");
     }
     client_ = nullptr;
   }
@@ -76,7 +79,7 @@ std::string ClientLibrary::unload() {
     dlclose(handle_);
     handle_ = nullptr;
   }
-  return why;
+  return result;
 }
 
 }  // namespace lunet

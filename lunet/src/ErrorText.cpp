@@ -1,8 +1,10 @@
+#include "lunet/ErrorText.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/Lunet.h"
 
 namespace lunet {
 

@@ -1,10 +1,11 @@
+#include "lunet/ListenerAt.h"
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Peer.h"
 #include "SocketFolder.h"
-#include "lunet/ClientLibrary.h"
 #include "platform/Descriptor.h"
 
 namespace lunet {

@@ -12,8 +12,6 @@
 #include <memory>
 #include <string_view>
 
-#include "json/CppJson.h"
-#include "lunet/ClientLibrary.h"
 #include "platform/Descriptor.h"
 #include "platform/Files.h"
 #include "platform/Posix.h"
@@ -27,7 +25,6 @@ constexpr std::size_t kPathLimit = sizeof(sockaddr_un{}.sun_path) - 1;
 constexpr mode_t kPrivateMode = 0700;
 constexpr mode_t kGroupMode = 03770;
 constexpr mode_t kParentMode = 0755;
-constexpr const char* kDefaultFolder = "run/lunet";
 
 FolderCheck refuse(std::string why) {
   return {kErrPath, "the socket folder cannot be used: " + std::move(why), 0};
@@ -137,17 +134,6 @@ FolderCheck examine(const SocketFolder& folder, bool change) {
 }
 
 }  // namespace
-
-std::string socketDirectory(const std::string& runtimePath, const std::string& configText) {
-  Json::Value config;
-  CppJson::LoadJsonString(configText, config);
-  std::string folder = CppJson::readString(config, "socket_dir", kDefaultFolder);
-  if (folder.empty()) {
-    folder = kDefaultFolder;
-  }
-  const bool standsAlone = folder.front() == '/' || runtimePath.empty();
-  return utils::FormatDir(standsAlone ? folder : runtimePath + "/" + folder, false);
-}
 
 std::string SocketFolder::socketPath(const Guid& guid) const {
   return path + "/" + formatGuid(guid) + kSocketSuffix;

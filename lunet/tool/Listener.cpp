@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "json/CppJson.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/ErrorText.h"
 
 namespace lunetctl {
 

@@ -1,24 +1,20 @@
 #include "Session.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <optional>
 
-#include "json/CppJson.h"
+#include "lunet/BusConfig.h"
+#include "lunet/ErrorText.h"
+#include "lunet/LogLevels.h"
 #include "platform/Files.h"
-#include "platform/Posix.h"
+#include "platform/InstallTree.h"
 #include "platform/Text.h"
 
 namespace lunetctl {
 
 namespace {
 
-constexpr const char* kConfigFile = "etc/communication/cli_lunet.conf";
-constexpr const char* kLibraryFile = "lib/modules/libLunetClientMgr.so";
-
-std::string inTree(const std::string& runtime, const char* name) {
-  return utils::FormatDir(runtime, true) + name;
+platform::InstallTree treeAt(const std::string& runtime) {
+  return platform::InstallTree(utils::FormatDir(runtime, true));
 }
 
 std::string absolute(const std::string& path) {
@@ -31,59 +27,47 @@ void printLog(int, const char* text) {
 
 }  // namespace
 
-std::string readConfig(const std::string& runtime) {
-  int error = 0;
-  const std::string path = inTree(runtime, kConfigFile);
-  std::string why;
-  const std::string safe = CFileInfo(path).exists() ? CDir::resolveSafe(path, &why) : path;
-  if (safe.empty()) {
-    throw Failure("the bus configuration is not used: " + why);
+Json::Value readConfig(const std::string& runtime) {
+  using Kind = lunet::BusConfigFailure::Kind;
+  const std::string path = treeAt(runtime).busConfig();
+  const auto config = lunet::readBusConfig(path);
+  if (config) {
+    return *config;
   }
-  const std::optional<std::string> text = CFile::readAll(safe, &error);
-  if (!text && error == ENOENT && CFileInfo(runtime).isDir()) {
-    return "{}";
+  switch (config.error().kind) {
+    case Kind::kUnsafe:
+      throw Failure("the bus configuration is not used: " + config.error().reason);
+    case Kind::kNoObject:
+      throw Failure(platform::visibleText(path) + " is not a JSON object");
+    case Kind::kMissing:
+      if (CFileInfo(runtime).isDir()) {
+        return Json::objectValue;
+      }
+      break;
+    case Kind::kUnreadable:
+      break;
   }
-  if (!text) {
-    throw Failure(platform::visibleText(path) + " cannot be read: " + platform::errnoText(error));
-  }
-  Json::Value config;
-  if (!CppJson::LoadJsonString(*text, config) || !config.isObject()) {
-    throw Failure(platform::visibleText(path) + " is not a JSON object");
-  }
-  return *text;
+  throw Failure(platform::visibleText(path) + " cannot be read: " + config.error().reason);
 }
 
 Session::Session(const std::string& runtime) {
-  Json::Value config;
-  CppJson::LoadJsonString(readConfig(runtime), config);
+  Json::Value config = readConfig(runtime);
   config["runtime_path"] = absolute(runtime);
-  config["log_level"] = 0;  // errors, to standard error; no file
-  std::string text;
-  CppJson::WriteJsonToString(config, text, 1);
-  for (const std::string& why :
-       {library_.load(inTree(absolute(runtime), kLibraryFile)), library_.createClient()}) {
-    if (!why.empty()) {
-      throw Failure(why);
-    }
+  config["log_level"] = static_cast<int>(lunet::BusLogLevel::kError);  // to standard error; no file
+  if (const auto loaded = bus_.load(treeAt(absolute(runtime)).busLibrary()); !loaded) {
+    throw Failure(loaded.error());
   }
-  library_.client()->SetLogCallback(printLog);
-  if (const std::uint32_t error = library_.client()->Init(text.c_str(), "lunetctl"); error != 0) {
+  bus_.client()->SetLogCallback(printLog);
+  if (const std::uint32_t error = bus_.init(lunet::compactText(config), "lunetctl"); error != lunet::kOk) {
     throw Failure("the bus cannot be set up: " + lunet::describeError(error));
   }
-  endpoint_ = library_.client()->CreateEndpoint();
-  if (endpoint_ == nullptr) {
+  if (!bus_.createEndpoint()) {
     throw Failure("no endpoint can be made");
   }
 }
 
-Session::~Session() {
-  if (endpoint_ != nullptr) {
-    library_.client()->DestroyEndpoint(endpoint_);
-  }
-}
-
 void Session::open(const lunet::Guid& guid) {
-  if (const std::uint32_t error = endpoint_->Open(guid); error != 0) {
+  if (const std::uint32_t error = bus_.open(guid); error != lunet::kOk) {
     throw Failure("address " + lunet::formatGuid(guid) + " cannot be opened: " + lunet::describeError(error));
   }
 }

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <stdexcept>
 #include <string>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 
 namespace lunetctl {
 
@@ -13,26 +15,22 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The bus configuration of a tree; "{}" when it has none. Throws Failure when it cannot be read.
-std::string readConfig(const std::string& runtime);
+/// The bus configuration of a tree; an empty object when the tree has none. Throws Failure.
+Json::Value readConfig(const std::string& runtime);
 
 /// This program on the bus of a tree, with one endpoint. The library's errors go to standard error.
 class Session {
  public:
   /// Throws Failure.
   explicit Session(const std::string& runtime);
-  ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
 
-  lunet::IEndpoint& endpoint() { return *endpoint_; }
+  lunet::IEndpoint& endpoint() { return *bus_.endpoint(); }
   /// Throws Failure.
   void open(const lunet::Guid& guid);
   void openAnywhere();  ///< at a fresh address
 
  private:
-  lunet::ClientLibrary library_;
-  lunet::IEndpoint* endpoint_ = nullptr;
+  lunet::BusClient bus_;
 };
 
 }  // namespace lunetctl

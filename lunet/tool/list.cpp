@@ -10,7 +10,8 @@
 #include <set>
 
 #include "Session.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusConfig.h"
+#include "lunet/ListenerAt.h"
 #include "platform/Posix.h"
 #include "platform/Text.h"
 #include "platform/Users.h"

@@ -9,6 +9,7 @@
 #include "Listener.h"
 #include "Session.h"
 #include "list.h"
+#include "lunet/ErrorText.h"
 #include "platform/StandardStreams.h"
 #include "platform/Text.h"
 

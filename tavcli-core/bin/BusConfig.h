@@ -2,17 +2,17 @@
 
 #include <json/value.h>
 
-#include <optional>
 #include <string>
 
 #include "bin/ContainerConfig.h"
+#include "platform/Expected.h"
 
 namespace tavcli {
 
-/// The bus library's configuration: what the file says, with where to log, the tree, and the level put in.
+/// The bus library's configuration: the file's content, completed for this console.
 Json::Value completeBusConfig(Json::Value file, const ContainerConfig& config);
 
-/// The same from the configuration file, as compact text; nothing when it cannot be read as a JSON object.
-std::optional<std::string> readBusConfig(const ContainerConfig& config);
+/// The same from the configuration file, which must be there, as compact text.
+platform::Expected<std::string> readBusConfig(const ContainerConfig& config);
 
 }  // namespace tavcli

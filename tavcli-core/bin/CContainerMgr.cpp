@@ -8,6 +8,7 @@
 #include "bin/Complain.h"
 #include "bin/LogSetup.h"
 #include "jsonrpchelper/Holders.h"
+#include "lunet/ErrorText.h"
 #include "platform/CLogDebug.h"
 #include "platform/Files.h"
 
@@ -68,31 +69,20 @@ bool CContainerMgr::initLunet() {
   if (config_.guid.empty()) {
     return false;
   }
-  std::string why = library_.load(config_.busLibraryPath);
-  if (why.empty()) {
-    why = library_.createClient();
-  }
-  if (!why.empty()) {
-    CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, "initLunet", __LINE__, why);
+  if (const auto loaded = bus_.load(config_.busLibraryPath); !loaded) {
+    CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, "initLunet", __LINE__, loaded.error());
     tavcli::complain("tavcli: " + adviceOn(config_.busLibraryPath));
     return false;
   }
-  // It says where the bus lies and who may join: whoever can write it decides that.
-  tavcli::ContainerConfig checked = config_;
-  checked.busConfigFile = CDir::resolveSafe(config_.busConfigFile, &why);
-  if (checked.busConfigFile.empty()) {
-    return explain("initLunet", __LINE__, "the bus configuration is not used: " + why);
-  }
-  const std::optional<std::string> busConfig = tavcli::readBusConfig(checked);
+  const auto busConfig = tavcli::readBusConfig(config_);
   if (!busConfig) {
-    return explain("initLunet", __LINE__, "no JSON object can be read from " + config_.busConfigFile);
+    return explain("initLunet", __LINE__, busConfig.error());
   }
-  if (const std::uint32_t error = library_.client()->Init(busConfig->c_str(), config_.uuid.c_str());
-      error != 0) {
+  if (const std::uint32_t error = bus_.init(*busConfig, config_.uuid); error != lunet::kOk) {
     return explain("initLunet", __LINE__,
                    "the bus library refuses its configuration: " + lunet::describeError(error));
   }
-  library_.client()->SetLogCallback(tavcli::lunetLogCallback);
+  bus_.client()->SetLogCallback(tavcli::lunetLogCallback);
   return true;
 }
 
@@ -101,7 +91,7 @@ bool CContainerMgr::start() {
   if (!initialised_) {
     return false;
   }
-  if (const std::uint32_t error = library_.client()->Connect(kConnectTimeoutSec); error != 0) {
+  if (const std::uint32_t error = bus_.client()->Connect(kConnectTimeoutSec); error != 0) {
     fail("start", __LINE__, "connect to lunet failed");
     explainMissingAgent(error);
     return false;
@@ -114,15 +104,14 @@ bool CContainerMgr::start() {
 }
 
 bool CContainerMgr::createConEndpoint() {
-  endpoint_ = library_.client()->CreateEndpoint();
-  if (endpoint_ == nullptr) {
+  if (!bus_.createEndpoint()) {
     return false;
   }
-  if (const std::uint32_t error = endpoint_->Open(lunet::parseGuid(config_.guid.c_str())); error != 0) {
+  if (const std::uint32_t error = bus_.open(lunet::parseGuid(config_.guid.c_str())); error != lunet::kOk) {
     return explain("createConEndpoint", __LINE__,
                    "the bus gives this console no address: " + lunet::describeError(error));
   }
-  jsonrpchelper::setEndpoint(endpoint_);
+  jsonrpchelper::setEndpoint(bus_.endpoint());
   return true;
 }
 
@@ -146,7 +135,7 @@ void CContainerMgr::explainMissingAgent(std::uint32_t error) const {
 }
 
 bool CContainerMgr::agentAnswers() {
-  return library_.client()->Connect(kLookWithoutWait) == lunet::kOk;
+  return bus_.client()->Connect(kLookWithoutWait) == lunet::kOk;
 }
 
 void CContainerMgr::stop() {
@@ -165,16 +154,8 @@ bool CContainerMgr::uninit() {
 }
 
 void CContainerMgr::unInitLunet() {
-  if (lunet::IClient* client = library_.client()) {
-    jsonrpchelper::setEndpoint(nullptr);
-    if (endpoint_ != nullptr) {
-      endpoint_->Close();
-      client->DestroyEndpoint(std::exchange(endpoint_, nullptr));
-    }
-    client->Disconnect();
-    client->Uninit();
-  }
-  if (const std::string why = library_.unload(); !why.empty()) {
-    CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, "unInitLunet", __LINE__, why);
+  jsonrpchelper::setEndpoint(nullptr);
+  if (const auto closed = bus_.close(); !closed) {
+    CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, "unInitLunet", __LINE__, closed.error());
   }
 }

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "bin/ContainerConfig.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 #include "platform/Locks.h"
 
 /// Owns the console's link to the agent: the logs, the bus library, the console's endpoint, and the JSON-RPC
@@ -39,6 +39,5 @@ class CContainerMgr {
   tavcli::ContainerConfig config_;
   CMutex lock_;
   bool initialised_ = false;
-  lunet::ClientLibrary library_;
-  lunet::IEndpoint* endpoint_ = nullptr;
+  lunet::BusClient bus_;
 };

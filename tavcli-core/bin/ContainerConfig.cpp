@@ -2,6 +2,7 @@
 
 #include "lunet/Lunet.h"
 #include "platform/Files.h"
+#include "platform/InstallTree.h"
 
 namespace tavcli {
 
@@ -11,15 +12,16 @@ const std::string& containerGuid() {
 }
 
 ContainerConfig containerConfigFor(const std::string& installDir) {
+  const platform::InstallTree tree(installDir);
   ContainerConfig config;
   config.name = "tavcli";
   config.guid = containerGuid();
   config.version = "1.0.0";
   config.installDir = installDir;
-  config.debugConfigFile = installDir + "etc/debug/cli_debug.conf";
-  config.logDir = utils::FormatDir(installDir + "/log/", true);
-  config.busLibraryPath = utils::FormatFilePath(installDir + "/lib/modules/libLunetClientMgr.so");
-  config.busConfigFile = installDir + "etc/communication/cli_lunet.conf";
+  config.debugConfigFile = tree.debugConfig();
+  config.logDir = utils::FormatDir(tree.log(), true);
+  config.busLibraryPath = utils::FormatFilePath(tree.busLibrary());
+  config.busConfigFile = tree.busConfig();
   return config;
 }
 

@@ -1,19 +1,17 @@
 #include "bin/MarkDirectory.h"
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusConfig.h"
 #include "platform/CGlobalTag.h"
 #include "platform/Files.h"
 
 namespace tavcli {
 
 std::string markDirectory(const std::string& installDir, const std::string& busConfigFile) {
-  const bool exists = CFileInfo(busConfigFile).exists();
-  const std::string file = exists ? CDir::resolveSafe(busConfigFile) : "";
-  if (exists && file.empty()) {
-    return "";  // whoever may write it must not choose where root makes folders
+  const auto config = lunet::readBusConfig(busConfigFile);
+  if (!config && config.error().kind == lunet::BusConfigFailure::Kind::kUnsafe) {
+    return "";  // a user who may write the file must not choose where root makes folders
   }
-  const std::string text = exists ? CFile::readAll(file).value_or("") : "";
-  return CDir::resolveForMaking(lunet::socketDirectory(installDir, text));
+  return CDir::resolveForMaking(lunet::socketDirectory(installDir, config.value_or(Json::objectValue)));
 }
 
 void useMarkDirectory(const std::string& installDir, const std::string& busConfigFile) {

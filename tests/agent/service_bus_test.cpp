@@ -5,23 +5,23 @@
 
 #include <filesystem>
 
+#include "lunet/ListenerAt.h"
 #include "platform/CLogDebug.h"
 #include "service/BusLink.h"
 #include "support/InstallTree.h"
+#include "support/Reason.h"
 
 namespace agent {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
+using ::testsupport::reasonOf;
 
 class BusLinks : public ::testing::Test {
  protected:
   BusSettings settings() const {
-    BusSettings read;
-    std::string why;
-    EXPECT_TRUE(readBusSettings(Tree(tree_.path()), "test", &read, &why)) << why;
-    return read;
+    return readBusSettings(platform::InstallTree(tree_.path()), "test").value();
   }
   testsupport::InstallTree tree_;
 };
@@ -29,7 +29,8 @@ class BusLinks : public ::testing::Test {
 TEST_F(BusLinks, WithoutTheLibrarySayWhich) {
   std::filesystem::remove(tree_.busLibrary());
   BusLink link;
-  EXPECT_THAT(link.prepare(Tree(tree_.path()), settings()), HasSubstr(tree_.busLibrary()));
+  EXPECT_THAT(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())),
+              HasSubstr(tree_.busLibrary()));
 }
 
 TEST_F(BusLinks, WithALibraryThatIsNoneSaySo) {
@@ -37,29 +38,31 @@ TEST_F(BusLinks, WithALibraryThatIsNoneSaySo) {
   std::filesystem::copy_file(testsupport::someSharedObject(), tree_.busLibrary());
   std::filesystem::permissions(tree_.busLibrary(), std::filesystem::perms(0644));
   BusLink link;
-  EXPECT_THAT(link.prepare(Tree(tree_.path()), settings()), StartsWith("the bus library cannot be used: "));
+  EXPECT_THAT(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())),
+              StartsWith("the bus library cannot be used: "));
 }
 
 TEST_F(BusLinks, WithSettingsThatTheLibraryDoesNotTakeSaySo) {
   BusSettings wrong = settings();
   wrong.clientConfig = "{broken";
   BusLink link;
-  EXPECT_EQ(link.prepare(Tree(tree_.path()), wrong), "setting up the bus failed: bus error 0xe001000a");
+  EXPECT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), wrong)),
+            "setting up the bus failed: bus error 0xe001000a");
 }
 
 TEST_F(BusLinks, AtAnAddressThatIsTakenSaySoAndGetItOnceItIsFree) {
   BusLink second;
   {
     BusLink first;
-    ASSERT_EQ(first.prepare(Tree(tree_.path()), settings()), "");
-    ASSERT_EQ(first.open(lunet::kAgentGuid), "");
-    ASSERT_EQ(second.prepare(Tree(tree_.path()), settings()), "");
-    EXPECT_EQ(second.open(lunet::kAgentGuid),
+    ASSERT_EQ(reasonOf(first.prepare(platform::InstallTree(tree_.path()), settings())), "");
+    ASSERT_EQ(reasonOf(first.open(lunet::kAgentGuid)), "");
+    ASSERT_EQ(reasonOf(second.prepare(platform::InstallTree(tree_.path()), settings())), "");
+    EXPECT_EQ(reasonOf(second.open(lunet::kAgentGuid)),
               "another process has the agent's address on the bus of this tree");
     EXPECT_TRUE(lunet::listenerAt(settings().socketDir, lunet::parseGuid(lunet::kAgentGuid)));
   }
   EXPECT_FALSE(lunet::listenerAt(settings().socketDir, lunet::parseGuid(lunet::kAgentGuid)));
-  EXPECT_EQ(second.open(lunet::kAgentGuid), "");
+  EXPECT_EQ(reasonOf(second.open(lunet::kAgentGuid)), "");
 }
 
 TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
@@ -72,8 +75,8 @@ TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
   log->SetProperty(CLogDebug::kLevel, "1");
   {
     BusLink link;
-    ASSERT_EQ(link.prepare(Tree(tree_.path()), settings()), "");
-    ASSERT_EQ(link.open(lunet::kAgentGuid), "");
+    ASSERT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())), "");
+    ASSERT_EQ(reasonOf(link.open(lunet::kAgentGuid)), "");
   }
   CLogDebug::Close();
   EXPECT_THAT(testsupport::readFile(tree_.at("log/agent.log")), HasSubstr(":bus:"));
@@ -81,10 +84,10 @@ TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
 
 TEST_F(BusLinks, WhereThereCanBeNoAddressSaySo) {
   BusLink link;
-  ASSERT_EQ(link.prepare(Tree(tree_.path()), settings()), "");
+  ASSERT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())), "");
   std::filesystem::remove_all(settings().socketDir);
   tree_.write(settings().socketDir.substr(tree_.path().size() + 1), "a file in the folder's place");
-  EXPECT_THAT(link.open(lunet::kAgentGuid),
+  EXPECT_THAT(reasonOf(link.open(lunet::kAgentGuid)),
               StartsWith("opening the agent's address failed: bus error 0xe001"));
 }
 

@@ -8,10 +8,11 @@
 #include <filesystem>
 #include <optional>
 
+#include "service/BusLink.h"
 #include "service/Callers.h"
 #include "service/Options.h"
 #include "service/SignatureWatch.h"
-#include "service/Tree.h"
+#include "support/Reason.h"
 #include "support/TempDir.h"
 #include "task/RunningPrograms.h"
 
@@ -19,6 +20,7 @@ namespace agent {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testsupport::reasonOf;
 
 TEST(Options, WithoutArgumentsTheTreeAboveTheProgramIsServedInTheForeground) {
   Options options;
@@ -98,9 +100,7 @@ TEST(Options, TheHelpNamesEveryOption) {
 
 TEST(Tree, ATreeWithoutABusConfigurationHasTheDefaults) {
   const testsupport::TempDir dir;
-  BusSettings settings;
-  std::string why;
-  ASSERT_TRUE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
+  const BusSettings settings = readBusSettings(platform::InstallTree(dir.path()), "name").value();
   EXPECT_EQ("", settings.group);
   EXPECT_EQ(0U, settings.socketDir.rfind(dir.path(), 0));
   EXPECT_THAT(settings.clientConfig, HasSubstr("\"runtime_path\":\"" + dir.path()));
@@ -109,34 +109,24 @@ TEST(Tree, ATreeWithoutABusConfigurationHasTheDefaults) {
 TEST(Tree, ABusConfigurationThatIsNoJsonIsAnErrorThatNamesIt) {
   const testsupport::TempDir dir;
   const std::string file = dir.write("etc/communication/cli_lunet.conf", "{broken");
-  BusSettings settings;
-  std::string why;
-  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
-  EXPECT_THAT(why, HasSubstr(file));
+  EXPECT_THAT(reasonOf(readBusSettings(platform::InstallTree(dir.path()), "name")), HasSubstr(file));
 }
 
 TEST(Tree, ABusConfigurationThatOthersMayWriteIsAnErrorThatNamesIt) {
   const testsupport::TempDir dir;
   const std::string file = dir.write("etc/communication/cli_lunet.conf", "{}");
   ASSERT_EQ(0, chmod(file.c_str(), 0666));
-  BusSettings settings;
-  std::string why;
-  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
-  EXPECT_THAT(why, HasSubstr(file + " can be written by others"));
+  EXPECT_THAT(reasonOf(readBusSettings(platform::InstallTree(dir.path()), "name")),
+              HasSubstr(file + " can be written by others"));
 }
 
 TEST(Tree, ABusConfigurationThatCannotBeReadOrIsNoObjectIsAnError) {
   const testsupport::TempDir dir;
   const std::string file = dir.write("etc/communication/cli_lunet.conf", "[]");
-  BusSettings settings;
-  std::string why;
-  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
-  EXPECT_THAT(why, HasSubstr(file));
+  EXPECT_THAT(reasonOf(readBusSettings(platform::InstallTree(dir.path()), "name")), HasSubstr(file));
   std::filesystem::remove(file);
   std::filesystem::create_directory(file);
-  why.clear();
-  EXPECT_FALSE(readBusSettings(Tree(dir.path()), "name", &settings, &why));
-  EXPECT_THAT(why, HasSubstr(file));
+  EXPECT_THAT(reasonOf(readBusSettings(platform::InstallTree(dir.path()), "name")), HasSubstr(file));
 }
 
 TEST(Tree, TheFilesLogLevelIsTurnedIntoTheLibrarys) {
@@ -152,9 +142,7 @@ TEST(Tree, TheFilesLogLevelIsTurnedIntoTheLibrarys) {
                                         {-1, "-1"},
                                         {-1000000, "-1"}}) {
     dir.write("etc/communication/cli_lunet.conf", "{\"log_level\":" + std::to_string(level) + "}");
-    BusSettings settings;
-    std::string why;
-    ASSERT_TRUE(readBusSettings(Tree(dir.path()), "name", &settings, &why)) << why;
+    const BusSettings settings = readBusSettings(platform::InstallTree(dir.path()), "name").value();
     EXPECT_THAT(settings.clientConfig, HasSubstr(std::string("\"log_level\":") + librarys)) << level;
   }
 }

@@ -18,12 +18,14 @@
 #include "service/Options.h"
 #include "service/Status.h"
 #include "support/InstallTree.h"
+#include "support/Reason.h"
 
 namespace agent {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testsupport::reasonOf;
 
 /// Answers every request with an empty list, and does something before it does so.
 class ListAnswerer final : public lunet::IMRReceiveComplete {
@@ -94,10 +96,8 @@ class OtherUsersListener {
 class StatusOfAnAgent : public ::testing::Test {
  protected:
   StatusOfAnAgent() {
-    std::string why;
-    EXPECT_TRUE(readBusSettings(Tree(tree_.path()), "test", &settings_, &why)) << why;
-    EXPECT_EQ(link_.prepare(Tree(tree_.path()), settings_), "");
-    EXPECT_EQ(link_.open(lunet::kAgentGuid), "");
+    EXPECT_EQ(reasonOf(link_.prepare(platform::InstallTree(tree_.path()), settings_)), "");
+    EXPECT_EQ(reasonOf(link_.open(lunet::kAgentGuid)), "");
   }
   std::string socketPath() const {
     return settings_.socketDir + "/" + lunet::formatGuid(lunet::parseGuid(lunet::kAgentGuid)) + ".sock";
@@ -106,14 +106,14 @@ class StatusOfAnAgent : public ::testing::Test {
   int print() {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    const int code = printStatus(Tree(tree_.path()));
+    const int code = printStatus(platform::InstallTree(tree_.path()));
     out = ::testing::internal::GetCapturedStdout();
     err = ::testing::internal::GetCapturedStderr();
     return code;
   }
 
   testsupport::InstallTree tree_;
-  BusSettings settings_;
+  const BusSettings settings_ = readBusSettings(platform::InstallTree(tree_.path()), "test").value();
   BusLink link_;
   std::string out, err;
 };

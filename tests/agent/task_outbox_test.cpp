@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 #include "lunet/Lunet.h"
 #include "platform/Descriptor.h"
 #include "platform/Text.h"
@@ -458,13 +458,11 @@ class BusReceiver final : public lunet::IMRReceiveComplete {
 
 TEST(OutboxOnTheBus, AConsoleThatNeverWelcomesKeepsNoOtherWaiting) {
   const testsupport::TempDir tree;
-  lunet::ClientLibrary library;
-  ASSERT_EQ("", library.load(TAV_LIB_DIR "/libLunetClientMgr.so"));
-  ASSERT_EQ("", library.createClient());
-  ASSERT_EQ(lunet::kOk,
-            library.client()->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"));
-  BusReceiver agent(*library.client());
-  BusReceiver console(*library.client());
+  lunet::BusClient bus;
+  ASSERT_TRUE(bus.load(TAV_LIB_DIR "/libLunetClientMgr.so"));
+  ASSERT_EQ(lunet::kOk, bus.init("{\"runtime_path\":\"" + tree.path() + "\"}", "test"));
+  BusReceiver agent(*bus.client());
+  BusReceiver console(*bus.client());
   ASSERT_EQ(lunet::kOk, console.endpoint->OnewaySend(agent.guid, lunet::kOnewayChannel, "I", 1));
   ASSERT_TRUE(waitFor([&] { return agent.count == 1; }));
   const lunet::PeerIdentity process = agent.sender;

@@ -6,7 +6,8 @@
 #include <chrono>
 
 #include "e2e/AgentTree.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
+#include "lunet/ListenerAt.h"
 
 namespace {
 
@@ -25,13 +26,12 @@ bool waitForListener(const AgentTree& tree, const lunet::Guid& address) {
 
 TEST(AgentAddress, AnswersTheFirstRequestThatReachesIt) {
   const AgentTree tree({.group = "", .start = false, .uid = {}});
-  lunet::ClientLibrary library;
-  ASSERT_EQ("", library.load(tree.at("lib/modules/libLunetClientMgr.so")));
-  ASSERT_EQ("", library.createClient());
-  ASSERT_EQ(lunet::kOk,
-            library.client()->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"));
-  lunet::IEndpoint* endpoint = library.client()->CreateEndpoint();
-  ASSERT_EQ(lunet::kOk, endpoint->Open(lunet::parseGuid(lunet::kConsoleGuid)));
+  lunet::BusClient bus;
+  ASSERT_TRUE(bus.load(tree.at("lib/modules/libLunetClientMgr.so")));
+  ASSERT_EQ(lunet::kOk, bus.init("{\"runtime_path\":\"" + tree.path() + "\"}", "test"));
+  ASSERT_TRUE(bus.createEndpoint());
+  lunet::IEndpoint* const endpoint = bus.endpoint();
+  ASSERT_EQ(lunet::kOk, bus.open(lunet::parseGuid(lunet::kConsoleGuid)));
   const lunet::Guid agentAddress = lunet::parseGuid(lunet::kAgentGuid);
   const std::string request = R"({"jsonrpc":"2.0","id":1,"method":"getBusList"})";
   for (int round = 0; round < 10; ++round) {
@@ -47,7 +47,6 @@ TEST(AgentAddress, AnswersTheFirstRequestThatReachesIt) {
     agent->kill(SIGTERM);
     EXPECT_EQ(0, agent->wait()) << agent->err();
   }
-  library.client()->DestroyEndpoint(endpoint);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include "Recorders.h"
 #include "json/CppJson.h"
 #include "jsonrpchelper/Holders.h"
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 #include "support/ConsoleLink.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
@@ -29,24 +29,18 @@ class Agent {
  public:
   explicit Agent(const std::string& runtimePath, const char* guid = lunet::kAgentGuid) {
     const std::string config = R"({"runtime_path":")" + runtimePath + R"(","log_level":-1})";
-    EXPECT_EQ(library_.load(TAV_LIB_DIR "/libLunetClientMgr.so"), "");
-    EXPECT_EQ(library_.createClient(), "");
-    EXPECT_EQ(library_.client()->Init(config.c_str(), "agent"), lunet::kOk);
-    endpoint_ = library_.client()->CreateEndpoint();
-    EXPECT_EQ(helper_.registerOn(*endpoint_), lunet::kOk);
+    EXPECT_TRUE(bus_.load(TAV_LIB_DIR "/libLunetClientMgr.so"));
+    EXPECT_EQ(bus_.init(config, "agent"), lunet::kOk);
+    EXPECT_TRUE(bus_.createEndpoint());
+    EXPECT_EQ(helper_.registerOn(endpoint()), lunet::kOk);
     server.StartListening();
-    EXPECT_EQ(endpoint_->Open(lunet::parseGuid(guid)), lunet::kOk);
+    EXPECT_EQ(bus_.open(lunet::parseGuid(guid)), lunet::kOk);
   }
-  ~Agent() {
-    helper_.unregisterFrom(*endpoint_);
-    library_.client()->DestroyEndpoint(endpoint_);
-    library_.client()->Uninit();
-  }
-  lunet::IEndpoint& endpoint() { return *endpoint_; }
+  ~Agent() { helper_.unregisterFrom(endpoint()); }
+  lunet::IEndpoint& endpoint() { return *bus_.endpoint(); }
 
  private:
-  lunet::ClientLibrary library_;
-  lunet::IEndpoint* endpoint_ = nullptr;
+  lunet::BusClient bus_;
   IJsonRpcServerHelper helper_;
 
  public:

@@ -20,18 +20,10 @@
 namespace lunettest {
 
 Client::Client(const std::string& config, const char* uuid) {
-  if (const std::string why = library_.load(TAV_LIB_DIR "/libLunetClientMgr.so"); !why.empty()) {
-    throw std::runtime_error(why);
+  if (const auto loaded = bus_.load(TAV_LIB_DIR "/libLunetClientMgr.so"); !loaded) {
+    throw std::runtime_error(loaded.error());
   }
-  if (const std::string why = library_.createClient(); !why.empty()) {
-    throw std::runtime_error(why);
-  }
-  initResult_ = library_.client()->Init(config.c_str(), uuid);
-}
-
-Client::~Client() {
-  library_.client()->Disconnect();
-  library_.client()->Uninit();
+  initResult_ = bus_.init(config, uuid);
 }
 
 Endpoint::Endpoint(Client& client, Handler onMessage)

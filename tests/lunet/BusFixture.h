@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 #include "lunet/Lunet.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
@@ -34,12 +34,11 @@ struct Message {
 class Client {
  public:
   explicit Client(const std::string& config, const char* uuid = "test");
-  ~Client();
-  lunet::IClient* operator->() const { return library_.client(); }
+  lunet::IClient* operator->() const { return bus_.client(); }
   std::uint32_t initResult() const { return initResult_; }
 
  private:
-  lunet::ClientLibrary library_;
+  lunet::BusClient bus_;
   std::uint32_t initResult_ = 0;
 };
 

@@ -12,6 +12,7 @@
 
 #include "BusFixture.h"
 #include "Dial.h"
+#include "lunet/ListenerAt.h"
 #include "support/Wait.h"
 
 using namespace lunettest;

@@ -16,6 +16,8 @@
 
 #include "Address.h"
 #include "BusFixture.h"
+#include "lunet/ErrorText.h"
+#include "lunet/ListenerAt.h"
 #include "support/Wait.h"
 
 using lunet::Address;

@@ -2,7 +2,8 @@
 
 #include <set>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/ErrorText.h"
+#include "lunet/Lunet.h"
 
 TEST(ErrorTextTest, EveryErrorHasATextOfItsOwn) {
   std::set<std::string> texts;

@@ -6,9 +6,12 @@
 #include <filesystem>
 
 #include "lunet/ClientLibrary.h"
+#include "support/Reason.h"
 #include "support/TempDir.h"
 
 namespace {
+
+using testsupport::reasonOf;
 
 constexpr const char* kLibrary = TAV_LIB_DIR "/libLunetClientMgr.so";
 
@@ -20,27 +23,27 @@ std::string fake(const char* kind) {
 
 TEST(LoaderTest, TheLibraryIsLoadedAndGivesAClient) {
   lunet::ClientLibrary library;
-  EXPECT_EQ(library.load(kLibrary), "");
-  EXPECT_EQ(library.createClient(), "");
+  EXPECT_EQ(reasonOf(library.load(kLibrary)), "");
+  EXPECT_EQ(reasonOf(library.createClient()), "");
   EXPECT_NE(library.client(), nullptr);
-  EXPECT_EQ(library.unload(), "");
+  EXPECT_EQ(reasonOf(library.unload()), "");
   EXPECT_EQ(library.client(), nullptr);
 }
 
 TEST(LoaderTest, EachStepIsTakenOnceAndInOrder) {
   lunet::ClientLibrary library;
-  EXPECT_EQ(library.createClient(), "the bus library is not loaded");
-  ASSERT_EQ(library.load(kLibrary), "");
-  EXPECT_EQ(library.load(kLibrary), "the bus library is loaded already");
-  ASSERT_EQ(library.createClient(), "");
-  EXPECT_EQ(library.createClient(), "the bus client exists already");
+  EXPECT_EQ(reasonOf(library.createClient()), "the bus library is not loaded");
+  ASSERT_EQ(reasonOf(library.load(kLibrary)), "");
+  EXPECT_EQ(reasonOf(library.load(kLibrary)), "the bus library is loaded already");
+  ASSERT_EQ(reasonOf(library.createClient()), "");
+  EXPECT_EQ(reasonOf(library.createClient()), "the bus client exists already");
 }
 
 TEST(LoaderTest, ANameWithoutAFolderIsTheFileInTheCurrentFolder) {
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(TAV_LIB_DIR);
   lunet::ClientLibrary library;
-  EXPECT_EQ(library.load("libLunetClientMgr.so"), "");
+  EXPECT_EQ(reasonOf(library.load("libLunetClientMgr.so")), "");
   std::filesystem::current_path(before);
 }
 
@@ -48,19 +51,19 @@ TEST(LoaderTest, UnloadingEndsTheClientAndGivesItsAddressesUp) {
   testsupport::TempDir tree;
   const std::string socket = tree.at(std::string("run/lunet/") + lunet::kAgentGuid + ".sock");
   lunet::ClientLibrary library;
-  ASSERT_EQ(library.load(kLibrary), "");
-  ASSERT_EQ(library.createClient(), "");
+  ASSERT_EQ(reasonOf(library.load(kLibrary)), "");
+  ASSERT_EQ(reasonOf(library.createClient()), "");
   ASSERT_EQ(library.client()->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"),
             lunet::kOk);
   ASSERT_EQ(library.client()->CreateEndpoint()->Open(lunet::parseGuid(lunet::kAgentGuid)), lunet::kOk);
   EXPECT_TRUE(std::filesystem::exists(socket));
-  EXPECT_EQ(library.unload(), "");
+  EXPECT_EQ(reasonOf(library.unload()), "");
   EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
 TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
   lunet::ClientLibrary library;
-  const std::string why = library.load("/nowhere/libLunetClientMgr.so");
+  const std::string why = reasonOf(library.load("/nowhere/libLunetClientMgr.so"));
   EXPECT_TRUE(why.starts_with("dlopen failed: ")) << why;
   EXPECT_TRUE(why.ends_with(".")) << why;
   EXPECT_NE(why.find("/nowhere/libLunetClientMgr.so"), std::string::npos) << why;
@@ -68,22 +71,22 @@ TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
 
 TEST(LoaderTest, ALibraryWithoutCreateInstanceIsNamed) {
   lunet::ClientLibrary library;
-  ASSERT_EQ(library.load(fake("no_create")), "");
-  const std::string why = library.createClient();
+  ASSERT_EQ(reasonOf(library.load(fake("no_create"))), "");
+  const std::string why = reasonOf(library.createClient());
   EXPECT_TRUE(why.starts_with("dlsym CreateInstance failed: ")) << why;
 }
 
 TEST(LoaderTest, ALibraryThatGivesNoClientIsNamed) {
   lunet::ClientLibrary library;
-  ASSERT_EQ(library.load(fake("no_client")), "");
-  EXPECT_EQ(library.createClient(), "the bus library gave no client");
+  ASSERT_EQ(reasonOf(library.load(fake("no_client"))), "");
+  EXPECT_EQ(reasonOf(library.createClient()), "the bus library gave no client");
 }
 
 TEST(LoaderTest, ALibraryWithoutDestoryInstanceIsNamedAndUnloaded) {
   lunet::ClientLibrary library;
-  ASSERT_EQ(library.load(fake("no_destory")), "");
-  ASSERT_EQ(library.createClient(), "");
-  const std::string why = library.unload();
+  ASSERT_EQ(reasonOf(library.load(fake("no_destory"))), "");
+  ASSERT_EQ(reasonOf(library.createClient()), "");
+  const std::string why = reasonOf(library.unload());
   EXPECT_TRUE(why.starts_with("dlsym DestoryInstance failed: ")) << why;
   EXPECT_EQ(library.client(), nullptr);
   EXPECT_EQ(dlopen(fake("no_destory").c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr);
@@ -95,10 +98,10 @@ TEST(LoaderTest, ALibraryThatOthersCanWriteIsNotRun) {
   std::filesystem::copy_file(kLibrary, copy);
   ASSERT_EQ(chmod(copy.c_str(), 0777), 0);
   lunet::ClientLibrary library;
-  const std::string why = library.load(copy);
+  const std::string why = reasonOf(library.load(copy));
   EXPECT_TRUE(why.starts_with("the bus library is not loaded: ")) << why;
   EXPECT_NE(why.find(copy), std::string::npos) << why;
-  EXPECT_NE(library.createClient(), "");
+  EXPECT_NE(reasonOf(library.createClient()), "");
 }
 
 TEST(LoaderTest, ALibraryInAFolderThatOthersCanWriteIsNotRun) {
@@ -108,7 +111,7 @@ TEST(LoaderTest, ALibraryInAFolderThatOthersCanWriteIsNotRun) {
   std::filesystem::copy_file(kLibrary, copy);
   ASSERT_EQ(chmod(dir.at("modules").c_str(), 0777), 0);
   lunet::ClientLibrary library;
-  EXPECT_NE(library.load(copy).find("can be written by others"), std::string::npos);
+  EXPECT_NE(reasonOf(library.load(copy)).find("can be written by others"), std::string::npos);
 }
 
 TEST(LoaderTest, ALinkToALibraryThatOthersCanWriteIsNotRun) {
@@ -118,7 +121,7 @@ TEST(LoaderTest, ALinkToALibraryThatOthersCanWriteIsNotRun) {
   ASSERT_EQ(chmod(dir.at("theirs").c_str(), 0777), 0);
   std::filesystem::create_symlink(dir.at("theirs/lib.so"), dir.at("lib.so"));
   lunet::ClientLibrary library;
-  EXPECT_NE(library.load(dir.at("lib.so")).find("can be written by others"), std::string::npos);
+  EXPECT_NE(reasonOf(library.load(dir.at("lib.so"))).find("can be written by others"), std::string::npos);
 }
 
 TEST(LoaderTest, OnlyTheTwoEntryPointsAreVisible) {
@@ -165,6 +168,6 @@ TEST(LoaderTest, AGoodLibraryBehindAnotherUsersLinkIsNotRun) {
   std::filesystem::create_directory_symlink(TAV_LIB_DIR, dir.at("lib"));
   ASSERT_EQ(lchown(dir.at("lib").c_str(), 12345, 12345), 0);
   lunet::ClientLibrary library;
-  EXPECT_NE(library.load(dir.at("lib/libLunetClientMgr.so")).find("lib belongs to user 12345"),
+  EXPECT_NE(reasonOf(library.load(dir.at("lib/libLunetClientMgr.so"))).find("lib belongs to user 12345"),
             std::string::npos);
 }

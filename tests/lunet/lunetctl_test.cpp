@@ -10,6 +10,7 @@
 
 #include "BusFixture.h"
 #include "json/CppJson.h"
+#include "lunet/ListenerAt.h"
 #include "support/Pty.h"
 #include "support/Wait.h"
 

@@ -5,7 +5,8 @@
 #include <filesystem>
 
 #include "SocketFolder.h"
-#include "lunet/ClientLibrary.h"
+#include "json/CppJson.h"
+#include "lunet/BusConfig.h"
 #include "support/TempDir.h"
 
 using lunet::checkFolder;
@@ -41,7 +42,9 @@ struct DirectoryRow {
 class SocketDirectoryTest : public testing::TestWithParam<DirectoryRow> {};
 
 TEST_P(SocketDirectoryTest, IsAsConfigured) {
-  EXPECT_EQ(lunet::socketDirectory(GetParam().runtime, GetParam().config), GetParam().expected);
+  Json::Value config;
+  CppJson::LoadJsonString(GetParam().config, config);
+  EXPECT_EQ(lunet::socketDirectory(GetParam().runtime, config), GetParam().expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(

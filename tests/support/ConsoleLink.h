@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 
 namespace testsupport {
 
@@ -21,8 +21,7 @@ class ConsoleLink {
   void setTimeout(std::uint32_t timeoutMs);
 
  private:
-  lunet::ClientLibrary library_;
-  lunet::IEndpoint* endpoint_ = nullptr;
+  lunet::BusClient bus_;
 };
 
 }  // namespace testsupport

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 #include "support/Wait.h"
 
 namespace testsupport {
@@ -64,7 +64,7 @@ class ScriptedAgent::Bus final : public lunet::IMRReceiveComplete {
   Respond scriptOf(const std::string& method) const;
   void closeWhenTold();
 
-  lunet::ClientLibrary library_;
+  lunet::BusClient bus_;
   mutable std::mutex mutex_;       ///< guards scripts and calls
   mutable std::mutex stateMutex_;  ///< guards joining and leaving
   std::map<std::string, Respond> scripts_;
@@ -80,16 +80,13 @@ class ScriptedAgent::Bus final : public lunet::IMRReceiveComplete {
 
 ScriptedAgent::Bus::Bus(std::string runtimePath, const std::string& config) {
   std::filesystem::create_directories(runtimePath);
-  for (const std::string& failure :
-       {library_.load(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so"), library_.createClient()}) {
-    if (!failure.empty()) {
-      throw std::runtime_error("scripted agent: " + failure);
-    }
+  if (const auto loaded = bus_.load(TAV_LIB_DIR "/libLunetClientMgr.so"); !loaded) {
+    throw std::runtime_error("scripted agent: " + loaded.error());
   }
   Json::Value settings = parsed(config);
   settings["runtime_path"] = runtimePath;
   settings["log_level"] = -1;
-  const std::uint32_t error = library_.client()->Init(compact(settings).c_str(), "scripted-agent");
+  const std::uint32_t error = bus_.init(compact(settings), "scripted-agent");
   if (error != lunet::kOk) {
     throw std::runtime_error("scripted agent: Init failed with " + std::to_string(error));
   }
@@ -105,7 +102,6 @@ ScriptedAgent::Bus::~Bus() {
   closerWake_.notify_all();
   closer_.join();
   leave();
-  library_.client()->Uninit();
 }
 
 void ScriptedAgent::Bus::join() {
@@ -113,7 +109,7 @@ void ScriptedAgent::Bus::join() {
   if (endpoint_ != nullptr) {
     return;
   }
-  lunet::IEndpoint* const endpoint = library_.client()->CreateEndpoint();
+  lunet::IEndpoint* const endpoint = bus_.client()->CreateEndpoint();
   if (endpoint == nullptr) {
     throw std::runtime_error("scripted agent: no endpoint");
   }
@@ -121,7 +117,7 @@ void ScriptedAgent::Bus::join() {
   endpoint->RegisterReceiver(lunet::kOnewayChannel, this, endpoint);
   const std::uint32_t error = endpoint->Open(lunet::parseGuid(lunet::kAgentGuid));
   if (error != lunet::kOk) {
-    library_.client()->DestroyEndpoint(endpoint);
+    bus_.client()->DestroyEndpoint(endpoint);
     throw std::runtime_error("scripted agent: Open failed with " + std::to_string(error));
   }
   endpoint_ = endpoint;
@@ -130,7 +126,7 @@ void ScriptedAgent::Bus::join() {
 void ScriptedAgent::Bus::leave() {
   const std::lock_guard lock(stateMutex_);
   if (endpoint_ != nullptr) {
-    library_.client()->DestroyEndpoint(endpoint_);
+    bus_.client()->DestroyEndpoint(endpoint_);
     endpoint_ = nullptr;
   }
 }
