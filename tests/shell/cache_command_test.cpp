@@ -28,12 +28,7 @@ testing::Matcher<std::string> failedCall(const char* operation) {
 
 class CacheGrammarRow : public testsupport::GrammarRow<TavCliCmdCache> {};
 
-/// The grammar without the shell around it; its handlers write into the shell's pending task.
-class CacheGrammar : public testing::Test {
- protected:
-  ~CacheGrammar() override { TavCliCompletion::instance().setPendingTask(nullptr); }
-  testsupport::BuiltGrammar<TavCliCmdCache> built_;
-};
+class CacheGrammar : public testsupport::GrammarTask<TavCliCmdCache, TavCliCmdCacheExec> {};
 
 class CacheCommand : public testing::Test {
  protected:
@@ -52,7 +47,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, CacheGrammarRow, testing::ValuesIn(testsupport::g
                          testsupport::grammarRowName);
 
 TEST_F(CacheGrammar, StandsInItsOrder) {
-  testsupport::expectGolden(kGrammar, testsupport::grammarText(built_.tree));
+  testsupport::expectGolden(kGrammar, testsupport::grammarText(tree_));
 }
 
 TEST_F(CacheGrammar, TheTaskStartsAsShow) {
@@ -64,8 +59,8 @@ TEST_F(CacheGrammar, TheTaskStartsAsShow) {
 TEST_F(CacheGrammar, TheKeywordsSetActionAndSubject) {
   for (const auto& [line, action] : {std::pair{"CACHE SHOW SCANCACHE", TavCliCmdCacheExec::kShow},
                                      std::pair{"CACHE CLEAN SCANCACHE", TavCliCmdCacheExec::kClean}}) {
-    EXPECT_EQ(built_.tree.parse(line), 0);
-    const auto* const task = TavCliCompletion::instance().pendingTaskAs<TavCliCmdCacheExec>();
+    EXPECT_EQ(tree_.parse(line), 0);
+    const auto* const task = pending();
     ASSERT_NE(task, nullptr);
     EXPECT_EQ(task->action, action);
     EXPECT_EQ(task->subject, TavCliCmdCacheExec::kScanCache);
@@ -73,13 +68,9 @@ TEST_F(CacheGrammar, TheKeywordsSetActionAndSubject) {
 }
 
 TEST_F(CacheGrammar, TheHandlersDoNothingAndGiveZeroWithoutATask) {
-  const shell::GrammarTable& grammar = built_.module.grammar();
-  for (const char* path : {"CACHE SHOW SCANCACHE", "CACHE CLEAN SCANCACHE"}) {
-    const CliNodeInfo* const node = grammar.find(path);
-    EXPECT_EQ(node->handler(*node, ""), 0) << path;
-  }
-  EXPECT_FALSE(grammar.find("CACHE SHOW")->handler);
-  EXPECT_FALSE(grammar.find("CACHE CLEAN")->handler);
+  expectHandlersGiveZeroWithoutATask("");
+  EXPECT_FALSE(row("CACHE SHOW")->handler);
+  EXPECT_FALSE(row("CACHE CLEAN")->handler);
 }
 
 TEST(CacheModule, IsNamedCacheAndPrintsItsLoadMessage) {

@@ -3,19 +3,26 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <vector>
 
-#include "shell/CliTree.h"
 #include "shell/GrammarTable.h"
+#include "shell/TavCliCompletion.h"
+#include "support/Capture.h"
 #include "support/Golden.h"
 #include "support/TestNames.h"
 
 namespace testsupport {
 
-/// A command module whose grammar stands alone in a tree.
-template <class Module>
+/// Command modules whose grammars stand alone in a tree.
+template <class Module, class... More>
 struct BuiltGrammar {
-  BuiltGrammar() { module.buildTree(&tree); }
+  BuiltGrammar() {
+    module.buildTree(&tree);
+    std::apply([this](auto&... others) { (others.buildTree(&tree), ...); }, more);
+  }
   Module module;
+  std::tuple<More...> more;
   CliTree tree;
 };
 
@@ -47,11 +54,11 @@ inline std::string grammarText(CliTree& tree) {
 }
 
 /// One line of a grammar's golden file; the rows' test names are their paths.
-template <class Module>
+template <class... Modules>
 class GrammarRow : public testing::TestWithParam<std::string> {
  protected:
   void expectInTree() {
-    BuiltGrammar<Module> built;
+    BuiltGrammar<Modules...> built;
     EXPECT_NE(("\n" + grammarText(built.tree)).find("\n" + GetParam() + "\n"), std::string::npos)
         << GetParam();
   }
@@ -60,5 +67,46 @@ class GrammarRow : public testing::TestWithParam<std::string> {
 inline std::string grammarRowName(const testing::TestParamInfo<std::string>& row) {
   return testNameOf(row.param.substr(0, row.param.find(" |")));
 }
+
+/// The grammar of a module without the shell around the grammar, and the task that the words of a line build.
+/// The handlers write into the shell's pending task.
+template <class Module, class Task>
+class GrammarTask : public testing::Test {
+ protected:
+  ~GrammarTask() override { TavCliCompletion::instance().setPendingTask(nullptr); }
+
+  static Task* pending() { return TavCliCompletion::instance().pendingTaskAs<Task>(); }
+  /// The task of the line, whether or not the line is complete.
+  const Task& built(const std::string& line) {
+    outputOf([&] { tree_.parse(line); });
+    return *pending();
+  }
+  const CliNodeInfo* row(const std::string& path) { return built_.module.grammar().find(path); }
+  /// Visits the row of each keyword behind the command's name that has a handler.
+  template <class Visit>
+  void forEachHandler(Visit visit) {
+    visitBelow(tree_.find(tree_.root())->firstChild->firstChild.get(), visit);
+  }
+  void expectHandlersGiveZeroWithoutATask(const std::string& value) {
+    TavCliCompletion::instance().setPendingTask(nullptr);
+    forEachHandler([&](const CliNodeInfo& node) { EXPECT_EQ(node.handler(node, value), 0) << node.name; });
+  }
+
+ private:
+  template <class Visit>
+  static void visitBelow(const CliTreeNode* node, Visit visit) {
+    for (; node != nullptr; node = node->nextSibling.get()) {
+      if (node->info->handler) {
+        visit(*node->info);
+      }
+      visitBelow(node->firstChild.get(), visit);
+    }
+  }
+
+  BuiltGrammar<Module> built_;
+
+ protected:
+  CliTree& tree_ = built_.tree;
+};
 
 }  // namespace testsupport

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "json/CppJson.h"
 #include "platform/CLogDebug.h"
 #include "support/ConsoleLink.h"
+#include "support/Json.h"
 #include "support/ProcessShell.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
@@ -36,11 +36,7 @@ class AgentCommand : public testing::Test {
   testsupport::ConsoleLink link_{tree_.path()};
 };
 
-inline Json::Value jsonOf(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
-}
+using testsupport::jsonOf;
 
 /// Forty hyphens and a line end, behind each item of a list.
 inline const std::string kItemRule = std::string(40, '-') + "\n";

@@ -8,13 +8,18 @@
 #include "command/scan/TavCliCmdScan.h"
 #include "command/trustregion/TavCliCmdtrustregion.h"
 #include "lineeditor/Completion.h"
-#include "support/GrammarRows.h"
+#include "support/BuiltGrammar.h"
 #include "support/ProcessShell.h"
 
 using testing::ElementsAre;
 using testsupport::outputOf;
 
 namespace {
+
+const char kGrammar[] = "tavcli-core/data/grammar.txt";
+
+class CommandGrammarRow : public testsupport::GrammarRow<TavCliCmdConfig, TavCliCmdIsolation, TavCliCmdScan,
+                                                         TavCliCmdtrustregion> {};
 
 template <class Module>
 void expectModule(const std::string& name, const std::string& message) {
@@ -35,7 +40,30 @@ std::vector<std::string> offered(const std::string& text) {
   return names;
 }
 
+std::vector<std::string> topLevelKeywords() {
+  loadedShell();
+  CliTree& tree = TavCliCompletion::instance().tree();
+  std::vector<std::string> names;
+  for (const CliTreeNode* node = tree.find(tree.root())->firstChild.get(); node != nullptr;
+       node = node->nextSibling.get()) {
+    names.push_back(node->info->name);
+  }
+  return names;
+}
+
 }  // namespace
+
+TEST_P(CommandGrammarRow, IsInTheTree) {
+  expectInTree();
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, CommandGrammarRow, testing::ValuesIn(testsupport::goldenLines(kGrammar)),
+                         testsupport::grammarRowName);
+
+TEST(CommandGrammars, StandInTheirOrder) {
+  testsupport::BuiltGrammar<TavCliCmdConfig, TavCliCmdIsolation, TavCliCmdScan, TavCliCmdtrustregion> built;
+  testsupport::expectGolden(kGrammar, testsupport::grammarText(built.tree));
+}
 
 TEST(CommandModules, ScanIsNamedAndSaysThatItIsLoaded) {
   expectModule<TavCliCmdScan>("scan", "[Load Command] Scan");
@@ -57,8 +85,7 @@ TEST(CommandModules, AllAreThereBeforeMainAndAreLoadedInNameOrder) {
 }
 
 TEST(CommandModules, TopLevelKeywordsStandInTheOrderOfTheModules) {
-  loadedShell();
-  EXPECT_THAT(testsupport::childrenOf(TavCliCompletion::instance().tree(), ""),
+  EXPECT_THAT(topLevelKeywords(),
               ElementsAre("CACHE", "QUIT", "HELP", "HISTORY", "CONFIG", "ISOLATION", "SCAN", "TRUSTREGION"));
 }
 

@@ -5,7 +5,7 @@
 #include "command/config/TavCliCmdConfigExec.h"
 #include "command/config/comm/send/CliConfigCommunication.h"
 #include "support/ConfigLines.h"
-#include "support/GrammarRows.h"
+#include "support/TestNames.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;

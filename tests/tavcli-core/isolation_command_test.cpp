@@ -9,7 +9,8 @@
 #include "command/isolation/TavCliCmdIsolation.h"
 #include "command/isolation/TavCliCmdIsolationExec.h"
 #include "command/isolation/comm/send/CliIsolationCommunication.h"
-#include "support/GrammarRows.h"
+#include "json/CppJson.h"
+#include "support/BuiltGrammar.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -17,36 +18,12 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-using testsupport::GrammarRowExpected;
 using testsupport::outputOf;
 using testsupport::ScriptedAgent;
 
 namespace {
 
-const GrammarRowExpected kRows[] = {
-    {"ISOLATION", "隔离区", "", 1, 1, 0},
-    {"ISOLATION REPORT", "获取隔离区信息", "", 1, 1, 0},
-    {"ISOLATION RESTORE", "恢复隔离数据", "", 1, 1, 0},
-    {"ISOLATION RESTORE TRUST", "恢复并信任", "", 0, 1, 0},
-    {"ISOLATION RESTORE TRUST ON", "是", "", 1, 1, 0},
-    {"ISOLATION RESTORE TRUST OFF", "否", "", 1, 1, 0},
-    {"ISOLATION RESTORE ITEMID", "要恢复的隔离项UID", "", 0, 1, 0},
-    {"ISOLATION RESTORE ITEMID UID", "UID值", "\" [string]\"", 1, 1, 2},
-};
-
-class IsolationGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
-
-class IsolationTask : public testing::Test {
- protected:
-  IsolationTask() { module_.buildTree(&tree_); }
-  ~IsolationTask() override { TavCliCompletion::instance().setPendingTask(nullptr); }
-  const TavCliCmdIsolationExec& built(const std::string& line) {
-    outputOf([&] { tree_.parse(line); });
-    return *TavCliCompletion::instance().pendingTaskAs<TavCliCmdIsolationExec>();
-  }
-  TavCliCmdIsolation module_;
-  CliTree tree_;
-};
+class IsolationTask : public testsupport::GrammarTask<TavCliCmdIsolation, TavCliCmdIsolationExec> {};
 
 class IsolationCommand : public AgentCommand {
  protected:
@@ -114,23 +91,6 @@ std::string withEngineNames(std::string line) {
 
 }  // namespace
 
-TEST_P(IsolationGrammarRow, IsInTheTree) {
-  TavCliCmdIsolation module;
-  CliTree tree;
-  module.buildTree(&tree);
-  testsupport::expectRow(tree, GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, IsolationGrammarRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
-
-TEST_F(IsolationTask, TheGrammarHoldsItsRowsInTheirOrder) {
-  std::vector<std::string> paths;
-  std::transform(std::begin(kRows), std::end(kRows), std::back_inserter(paths),
-                 [](const GrammarRowExpected& row) { return row.path; });
-  EXPECT_EQ(testsupport::allPaths(tree_), paths);
-}
-
 TEST_F(IsolationTask, StartsAsAReport) {
   const TavCliCmdIsolationExec& task = built("ISOLATION");
   EXPECT_EQ(task.action, 1);
@@ -150,20 +110,13 @@ TEST_F(IsolationTask, TrustSetsWhetherToTrust) {
 
 TEST_F(IsolationTask, UidIsAppended) {
   EXPECT_THAT(built("ISOLATION RESTORE ITEMID UID u-1").item_ids, ElementsAre("u-1"));
-  const CliNodeInfo* const node = module_.grammar().find("ISOLATION RESTORE ITEMID UID");
+  const CliNodeInfo* const node = row("ISOLATION RESTORE ITEMID UID");
   EXPECT_EQ(node->handler(*node, "u-2"), 1);
-  EXPECT_THAT(TavCliCompletion::instance().pendingTaskAs<TavCliCmdIsolationExec>()->item_ids,
-              ElementsAre("u-1", "u-2"));
+  EXPECT_THAT(pending()->item_ids, ElementsAre("u-1", "u-2"));
 }
 
 TEST_F(IsolationTask, HandlersGiveZeroAndDoNothingWithoutATask) {
-  TavCliCompletion::instance().setPendingTask(nullptr);
-  for (const GrammarRowExpected& row : kRows) {
-    const CliNodeInfo* const node = module_.grammar().find(row.path);
-    if (node->handler && node->name != "ISOLATION") {
-      EXPECT_EQ(node->handler(*node, "x"), 0) << row.path;
-    }
-  }
+  expectHandlersGiveZeroWithoutATask("x");
 }
 
 TEST_F(IsolationTask, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {

@@ -13,8 +13,9 @@
 #include "command/scan/ScanRunState.h"
 #include "command/scan/TavCliCmdScan.h"
 #include "command/scan/TavCliCmdScanExec.h"
+#include "json/CppJson.h"
 #include "jsonrpchelper/Holders.h"
-#include "support/GrammarRows.h"
+#include "support/BuiltGrammar.h"
 #include "support/Wait.h"
 
 using testing::ElementsAre;
@@ -22,54 +23,14 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-using testsupport::GrammarRowExpected;
 using testsupport::outputOf;
 
 namespace {
 
-const GrammarRowExpected kRows[] = {
-    {"SCAN", "杀毒", "", 1, 1, 0},
-    {"SCAN START", "开始杀毒", "", 1, 1, 0},
-    {"SCAN START HANDLE", "病毒默认处理方式", "", 0, 1, 0},
-    {"SCAN START HANDLE AUTO", "自动处理", "", 1, 1, 0},
-    {"SCAN START HANDLE UPLOAD", "仅上报不处理", "", 1, 1, 0},
-    {"SCAN START SPECIALCONFIG", "强力扫描开关", "", 0, 0, 0},
-    {"SCAN START SPECIALCONFIG ON", "开启", "", 1, 1, 0},
-    {"SCAN START SPECIALCONFIG OFF", "关闭", "", 1, 1, 0},
-    {"SCAN START MODE", "查杀模式", "", 0, 1, 0},
-    {"SCAN START MODE FAST", "快速查杀", "", 1, 1, 0},
-    {"SCAN START MODE FULL", "全盘查杀", "", 1, 1, 0},
-    {"SCAN START MODE CUSTOM", "自定义查杀", "", 1, 1, 0},
-    {"SCAN START MODE CUSTOM PATH", "自定义查杀路径", "\"scan path [string]\"", 1, 1, 2},
-    {"SCAN START LOGPATH", "日志导出路径", "\"log path [string]\"", 0, 0, 2},
-    {"SCAN STOP", "停止杀毒", "", 1, 1, 0},
-    {"SCAN STOP TOKENID", "自定义查杀路径", "\"令牌ID 由SCAN SHOW指令查询\"", 1, 1, 2},
-    {"SCAN PARSE", "暂停杀毒", "", 1, 1, 0},
-    {"SCAN PARSE TOKENID", "自定义查杀路径", "\"令牌ID 由SCAN SHOW指令查询\"", 1, 1, 2},
-    {"SCAN RECOVERD", "恢复杀毒", "", 1, 1, 0},
-    {"SCAN RECOVERD TOKENID", "自定义查杀路径", "\"令牌ID 由SCAN SHOW指令查询\"", 1, 1, 2},
-    {"SCAN SHOW", "查看正在进行的查杀任务", "", 1, 1, 0},
-};
-
-class ScanGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
-
-/// The task that the words of a line build, whether or not the line is complete.
-class ScanTask : public testing::Test {
+class ScanTask : public testsupport::GrammarTask<TavCliCmdScan, TavCliCmdScanExec> {
  protected:
-  ScanTask() {
-    ScanRunState::instance().reset();
-    module_.buildTree(&tree_);
-  }
-  ~ScanTask() override {
-    TavCliCompletion::instance().setPendingTask(nullptr);
-    ScanRunState::instance().reset();
-  }
-  const TavCliCmdScanExec& built(const std::string& line) {
-    outputOf([&] { tree_.parse(line); });
-    return *TavCliCompletion::instance().pendingTaskAs<TavCliCmdScanExec>();
-  }
-  TavCliCmdScan module_;
-  CliTree tree_;
+  ScanTask() { ScanRunState::instance().reset(); }
+  ~ScanTask() override { ScanRunState::instance().reset(); }
 };
 
 class ScanCommand : public AgentCommand {
@@ -153,27 +114,6 @@ class BatchStarts : public ScanCommand {
 
 }  // namespace
 
-TEST_P(ScanGrammarRow, IsInTheTree) {
-  TavCliCmdScan module;
-  CliTree tree;
-  module.buildTree(&tree);
-  testsupport::expectRow(tree, GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, ScanGrammarRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
-
-TEST_F(ScanTask, TheGrammarHoldsItsRowsAndNoOther) {
-  EXPECT_EQ(testsupport::allPaths(tree_).size(), std::size(kRows));
-  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN"),
-              ElementsAre("START", "PARSE", "RECOVERD", "STOP", "SHOW"));
-  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START"),
-              ElementsAre("HANDLE", "SPECIALCONFIG", "MODE", "LOGPATH"));
-  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START HANDLE"), ElementsAre("AUTO", "UPLOAD"));
-  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START MODE"), ElementsAre("FAST", "FULL", "CUSTOM"));
-  EXPECT_THAT(testsupport::childrenOf(tree_, "SCAN START SPECIALCONFIG"), ElementsAre("ON", "OFF"));
-}
-
 TEST_F(ScanTask, StartsAsAResumeOfNothing) {
   const TavCliCmdScanExec& task = built("SCAN");
   EXPECT_EQ(task.action, 3);
@@ -235,10 +175,9 @@ TEST_F(ScanTask, PathIsAppendedAndBecomesTheRunsScanPath) {
 
 TEST_F(ScanTask, PathMatchedTwiceAppendsBothAndTheRunKeepsTheLast) {
   built("SCAN START MODE CUSTOM PATH /one");
-  const CliNodeInfo* const node = module_.grammar().find("SCAN START MODE CUSTOM PATH");
+  const CliNodeInfo* const node = row("SCAN START MODE CUSTOM PATH");
   EXPECT_EQ(node->handler(*node, "/two"), 1);
-  EXPECT_THAT(TavCliCompletion::instance().pendingTaskAs<TavCliCmdScanExec>()->paths,
-              ElementsAre("/one", "/two"));
+  EXPECT_THAT(pending()->paths, ElementsAre("/one", "/two"));
   EXPECT_EQ(ScanRunState::instance().scan_path(), "/two");
 }
 
@@ -247,26 +186,17 @@ TEST_F(ScanTask, OnePathALineIsTaken) {
 }
 
 TEST_F(ScanTask, HandlersGiveZeroAndDoNothingWithoutATask) {
-  TavCliCompletion::instance().setPendingTask(nullptr);
-  for (const GrammarRowExpected& row : kRows) {
-    const CliNodeInfo* const node = module_.grammar().find(row.path);
-    if (node->handler && node->name != "SCAN") {
-      EXPECT_EQ(node->handler(*node, "tav1/x"), 0) << row.path;
-    }
-  }
+  expectHandlersGiveZeroWithoutATask("tav1/x");
   EXPECT_EQ(ScanRunState::instance().batch_mode(), 0);
   EXPECT_EQ(ScanRunState::instance().log_path(), "");
   EXPECT_EQ(ScanRunState::instance().scan_path(), "");
 }
 
 TEST_F(ScanTask, HandlersGiveOneWithATask) {
-  for (const GrammarRowExpected& row : kRows) {
+  forEachHandler([this](const CliNodeInfo& node) {
     built("SCAN");
-    const CliNodeInfo* const node = module_.grammar().find(row.path);
-    if (node->handler) {
-      EXPECT_EQ(node->handler(*node, "/nowhere"), 1) << row.path;
-    }
-  }
+    EXPECT_EQ(node.handler(node, "/nowhere"), 1) << node.name;
+  });
 }
 
 TEST_F(ScanTask, ALogpathThatDoesNotExistIsKeptInBoth) {
@@ -322,9 +252,9 @@ TEST_F(ScanTask, TheMarkAnywhereButAtTheStartIsPartOfThePath) {
 
 TEST_F(ScanTask, AnEmptyLogpathDoesNothingAndIsASuccess) {
   built("SCAN START LOGPATH /nowhere/report");
-  const CliNodeInfo* const node = module_.grammar().find("SCAN START LOGPATH");
+  const CliNodeInfo* const node = row("SCAN START LOGPATH");
   EXPECT_EQ(node->handler(*node, ""), 1);
-  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<TavCliCmdScanExec>()->log_path, "/nowhere/report");
+  EXPECT_EQ(pending()->log_path, "/nowhere/report");
 }
 
 TEST_F(ScanCommand, ABareTaskRunsAResumeWithAnEmptyToken) {

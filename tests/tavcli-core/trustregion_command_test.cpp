@@ -9,48 +9,21 @@
 #include "command/trustregion/TavCliCmdtrustregion.h"
 #include "command/trustregion/TavCliCmdtrustregionExec.h"
 #include "command/trustregion/comm/send/CliTrustRegionCommunication.h"
+#include "json/CppJson.h"
 #include "jsonrpchelper/JsonRpcCpp.h"
-#include "support/GrammarRows.h"
+#include "support/BuiltGrammar.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-using testsupport::GrammarRowExpected;
 using testsupport::outputOf;
 using testsupport::ScriptedAgent;
 
 namespace {
 
-const GrammarRowExpected kRows[] = {
-    {"TRUSTREGION", "信任区", "", 1, 1, 0},
-    {"TRUSTREGION REPORT", "获取信任区信息", "", 1, 1, 0},
-    {"TRUSTREGION MODIFY", "修改信任区", "", 0, 1, 0},
-    {"TRUSTREGION MODIFY ACTION", "操作", "", 0, 1, 0},
-    {"TRUSTREGION MODIFY ACTION ADD", "添加", "", 1, 1, 0},
-    {"TRUSTREGION MODIFY ACTION DEL", "删除", "", 1, 1, 0},
-    {"TRUSTREGION MODIFY TYPE", "信任项类型", "", 0, 1, 0},
-    {"TRUSTREGION MODIFY TYPE EXT", "文件扩展名", "", 1, 1, 0},
-    {"TRUSTREGION MODIFY TYPE FILE", "文件", "", 1, 1, 0},
-    {"TRUSTREGION MODIFY TYPE DIR", "文件夹", "", 1, 1, 0},
-    {"TRUSTREGION MODIFY ITEM", "信任项", "", 0, 1, 0},
-    {"TRUSTREGION MODIFY ITEM NAME", "名称", "\" Trust Files or Dirs or Extension [string]\"", 1, 1, 2},
-};
-
-class TrustregionGrammarRow : public testing::TestWithParam<GrammarRowExpected> {};
-
-class TrustregionTask : public testing::Test {
- protected:
-  TrustregionTask() { module_.buildTree(&tree_); }
-  ~TrustregionTask() override { TavCliCompletion::instance().setPendingTask(nullptr); }
-  const TavCliCmdtrustregionExec& built(const std::string& line) {
-    outputOf([&] { tree_.parse(line); });
-    return *TavCliCompletion::instance().pendingTaskAs<TavCliCmdtrustregionExec>();
-  }
-  TavCliCmdtrustregion module_;
-  CliTree tree_;
-};
+class TrustregionTask : public testsupport::GrammarTask<TavCliCmdtrustregion, TavCliCmdtrustregionExec> {};
 
 constexpr const char* kNoTotals = "\n信任区当前存在 0 项\n\n否决区当前存在 0 项\n";
 
@@ -132,25 +105,8 @@ class TrustregionItemShown : public TrustregionCommand, public testing::WithPara
 
 }  // namespace
 
-TEST_P(TrustregionGrammarRow, IsInTheTree) {
-  TavCliCmdtrustregion module;
-  CliTree tree;
-  module.buildTree(&tree);
-  testsupport::expectRow(tree, GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, TrustregionGrammarRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return testsupport::testNameOf(row.param.path); });
-
-TEST_F(TrustregionTask, TheGrammarHoldsItsRowsInTheirOrder) {
-  std::vector<std::string> paths;
-  std::transform(std::begin(kRows), std::end(kRows), std::back_inserter(paths),
-                 [](const GrammarRowExpected& row) { return row.path; });
-  EXPECT_EQ(testsupport::allPaths(tree_), paths);
-}
-
 TEST_F(TrustregionTask, TypeMd5IsBuiltButCannotBeTyped) {
-  const CliNodeInfo* const node = module_.grammar().find("TRUSTREGION MODIFY TYPE MD5");
+  const CliNodeInfo* const node = row("TRUSTREGION MODIFY TYPE MD5");
   ASSERT_NE(node, nullptr);
   EXPECT_EQ(node->help, "文件指纹");
   EXPECT_EQ(node->alternative, 1);
@@ -159,7 +115,7 @@ TEST_F(TrustregionTask, TypeMd5IsBuiltButCannotBeTyped) {
   EXPECT_EQ(tree_.find(node), nullptr);
   EXPECT_EQ(built("TRUSTREGION MODIFY TYPE MD5").item_type, 0);
   EXPECT_EQ(node->handler(*node, ""), 1);
-  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<TavCliCmdtrustregionExec>()->item_type, 3);
+  EXPECT_EQ(pending()->item_type, 3);
 }
 
 TEST_F(TrustregionTask, StartsAsAReport) {
@@ -187,13 +143,7 @@ TEST_F(TrustregionTask, NameIsAppended) {
 }
 
 TEST_F(TrustregionTask, HandlersGiveZeroAndDoNothingWithoutATask) {
-  TavCliCompletion::instance().setPendingTask(nullptr);
-  for (const GrammarRowExpected& row : kRows) {
-    const CliNodeInfo* const node = module_.grammar().find(row.path);
-    if (node->handler && node->name != "TRUSTREGION") {
-      EXPECT_EQ(node->handler(*node, "x"), 0) << row.path;
-    }
-  }
+  expectHandlersGiveZeroWithoutATask("x");
 }
 
 TEST_F(TrustregionTask, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {
