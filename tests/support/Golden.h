@@ -33,6 +33,19 @@ inline std::vector<std::string> goldenLines(const std::string& name) {
   return lines;
 }
 
+/// The fields of each line, parted by " | ".
+inline std::vector<std::vector<std::string>> goldenFields(const std::string& name) {
+  std::vector<std::vector<std::string>> rows;
+  for (std::string line : goldenLines(name)) {
+    std::vector<std::string>& row = rows.emplace_back();
+    for (std::size_t bar = 0; (bar = line.find(" | ")) != std::string::npos; line.erase(0, bar + 3)) {
+      row.push_back(line.substr(0, bar));
+    }
+    row.push_back(line);
+  }
+  return rows;
+}
+
 inline void expectGolden(const std::string& name, const std::string& printed) {
   if (std::getenv("TAV_WRITE_GOLDEN") != nullptr) {
     std::ofstream(goldenPath(name)) << printed;

@@ -13,48 +13,53 @@ using testing::StartsWith;
 
 namespace {
 
+using json::ConfigType;
 using testsupport::Change;
-using testsupport::kNothingSent;
+
+constexpr std::nullopt_t kNothingSent = std::nullopt;
 
 const Change kMoreLines[] = {
-    {"CONFIG MODIFY SCAN", 0, R"({"Common":null})", "ScanAloneSendsNull"},
-    {"CONFIG MODIFY COMPRESS_SCAN", 0, R"({"Compressed":null})", "CompressScanAloneSendsNull"},
-    {"CONFIG MODIFY WATCHER", 1, R"({"Common":null})", "WatcherAloneSendsNull"},
-    {"CONFIG MODIFY COMPRESS_WATCHER", 1, R"({"Compressed":null})", "CompressWatcherAloneSendsNull"},
-    {"CONFIG MODIFY ENGINE", 4, R"({"MultiEngines":null})", "EngineAloneSendsNull"},
-    {"CONFIG MODIFY ENGINE IXO", 4, R"({"MultiEngines":null})", "AnEngineWithoutASwitchSendsNull"},
+    {"CONFIG MODIFY SCAN", ConfigType::kScan, R"({"Common":null})", "ScanAloneSendsNull"},
+    {"CONFIG MODIFY COMPRESS_SCAN", ConfigType::kScan, R"({"Compressed":null})",
+     "CompressScanAloneSendsNull"},
+    {"CONFIG MODIFY WATCHER", ConfigType::kRealTime, R"({"Common":null})", "WatcherAloneSendsNull"},
+    {"CONFIG MODIFY COMPRESS_WATCHER", ConfigType::kRealTime, R"({"Compressed":null})",
+     "CompressWatcherAloneSendsNull"},
+    {"CONFIG MODIFY ENGINE", ConfigType::kEngines, R"({"MultiEngines":null})", "EngineAloneSendsNull"},
+    {"CONFIG MODIFY ENGINE IXO", ConfigType::kEngines, R"({"MultiEngines":null})",
+     "AnEngineWithoutASwitchSendsNull"},
     {"CONFIG MODIFY COMMON", kNothingSent, "", "CommonAloneSendsNothing"},
     {"CONFIG MODIFY COMMON RESMONITOR MEM 4096", kNothingSent, "", "ResourceLimitsAreNeverSent"},
-    {"CONFIG MODIFY SCAN INFECTION ON SCANCACHE OFF", 0,
+    {"CONFIG MODIFY SCAN INFECTION ON SCANCACHE OFF", ConfigType::kScan,
      R"({"Common":{"AntiInfection":true,"ScanWithCache":false}})", "TwoOptionsGoInOneChange"},
-    {"CONFIG MODIFY SCAN SCANCACHE OFF INFECTION ON", 0,
+    {"CONFIG MODIFY SCAN SCANCACHE OFF INFECTION ON", ConfigType::kScan,
      R"({"Common":{"AntiInfection":true,"ScanWithCache":false}})", "TheOrderOfOptionsDoesNotMatter"},
-    {"config modify scan parallelism count 8 skipsize size 12 handling upload", 0,
+    {"config modify scan parallelism count 8 skipsize size 12 handling upload", ConfigType::kScan,
      R"({"Common":{"FixMethod":2,"Parallelism":8,"SkipSize":12}})", "LetterCaseDoesNotMatter"},
-    {"CONFIG MODIFY SCAN PARALLELISM COUNT 100", 0, R"({"Common":{"Parallelism":100}})",
+    {"CONFIG MODIFY SCAN PARALLELISM COUNT 100", ConfigType::kScan, R"({"Common":{"Parallelism":100}})",
      "ANumberOutsideTheRangeOfItsHintIsSent"},
-    {"CONFIG MODIFY SCAN PARALLELISM COUNT -5", 0, R"({"Common":{"Parallelism":-5}})",
+    {"CONFIG MODIFY SCAN PARALLELISM COUNT -5", ConfigType::kScan, R"({"Common":{"Parallelism":-5}})",
      "ANegativeNumberIsSent"},
-    {"CONFIG MODIFY SCAN SKIPSIZE SIZE 12abc", 0, R"({"Common":{"SkipSize":12}})",
+    {"CONFIG MODIFY SCAN SKIPSIZE SIZE 12abc", ConfigType::kScan, R"({"Common":{"SkipSize":12}})",
      "ANumberWithTrailingLettersIsSentAsItsLeadingDigits"},
-    {"CONFIG MODIFY SCAN PARALLELISM COUNT many", 0, R"({"Common":{"Parallelism":0}})",
+    {"CONFIG MODIFY SCAN PARALLELISM COUNT many", ConfigType::kScan, R"({"Common":{"Parallelism":0}})",
      "ANumberWithoutALeadingDigitIsSentAsZero"},
-    {"CONFIG MODIFY SCAN INFECTION ON LIVESCANNIING", 0, R"({"Common":{"AntiInfection":true}})",
-     "AnOptionWhoseChoicesAreSatisfiedByNameIsNotMissed"},
-    {"CONFIG MODIFY SCAN INFECTION ON INFECTION OFF", 0, R"({"Common":{"AntiInfection":true}})",
-     "AnOptionCountsOnceALine"},
-    {"CONFIG MODIFY SCAN INFECTION ON BOGUS", 0, R"({"Common":{"AntiInfection":true}})",
+    {"CONFIG MODIFY SCAN INFECTION ON LIVESCANNIING", ConfigType::kScan,
+     R"({"Common":{"AntiInfection":true}})", "AnOptionWhoseChoicesAreSatisfiedByNameIsNotMissed"},
+    {"CONFIG MODIFY SCAN INFECTION ON INFECTION OFF", ConfigType::kScan,
+     R"({"Common":{"AntiInfection":true}})", "AnOptionCountsOnceALine"},
+    {"CONFIG MODIFY SCAN INFECTION ON BOGUS", ConfigType::kScan, R"({"Common":{"AntiInfection":true}})",
      "AnUnknownWordIsPassedOver"},
-    {"CONFIG MODIFY COMPRESS_SCAN LAYERACTIVE ON LAYER DATA 3 SIZE DATA 100", 0,
+    {"CONFIG MODIFY COMPRESS_SCAN LAYERACTIVE ON LAYER DATA 3 SIZE DATA 100", ConfigType::kScan,
      R"({"Compressed":{"FileSize":100,"Flag":true,"Layer":3}})", "ThreeOptionsGoInOneChange"},
-    {"CONFIG MODIFY ENGINE IXO SCAN ON RP OFF", 4,
+    {"CONFIG MODIFY ENGINE IXO SCAN ON RP OFF", ConfigType::kEngines,
      R"({"MultiEngines":{"IXOengine":true,"IXOengineRP":false}})", "BothSwitchesOfAnEngineGoInOneChange"},
-    {"CONFIG MODIFY ENGINE IXO SCAN ON RP OFF UMB SCAN ON", 4,
+    {"CONFIG MODIFY ENGINE IXO SCAN ON RP OFF UMB SCAN ON", ConfigType::kEngines,
      R"({"MultiEngines":{"IXOengine":true,"IXOengineRP":false,"UMBengine":true}})",
      "BehindBothSwitchesOfAnEngineAnotherMayFollow"},
-    {"CONFIG MODIFY ENGINE IXO SCAN ON UMB SCAN OFF", 4, R"({"MultiEngines":{"IXOengine":true}})",
-     "TheWalkDoesNotLeaveAnEngineAfterOneOfItsTwoSwitches"},
-    {"CONFIG MODIFY ENGINE CLOUD ON HC SCAN OFF", 4,
+    {"CONFIG MODIFY ENGINE IXO SCAN ON UMB SCAN OFF", ConfigType::kEngines,
+     R"({"MultiEngines":{"IXOengine":true}})", "TheWalkDoesNotLeaveAnEngineAfterOneOfItsTwoSwitches"},
+    {"CONFIG MODIFY ENGINE CLOUD ON HC SCAN OFF", ConfigType::kEngines,
      R"({"Cloud":{"Type":0},"MultiEngines":{"CloudEngine":true,"CloudEngineRP":true,"HCengine":false}})",
      "BehindTheCloudAnEngineMayFollow"},
 };
@@ -69,6 +74,20 @@ class ConfigChange : public AgentCommand {
   ConfigChange() { agent_.answer("setAVConfig", true); }
 };
 
+/// The command lines that lead to an end of the grammar below CONFIG MODIFY, with 8 where a number is typed.
+std::vector<std::string> endsOfModify() {
+  std::vector<std::string> lines;
+  const auto rows = testsupport::goldenFields("tavcli-core/data/grammar.txt");
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const std::string& path = rows[i][0];
+    const bool isEnd = i + 1 == rows.size() || !rows[i + 1][0].starts_with(path + " ");
+    if (isEnd && path.starts_with("CONFIG MODIFY ")) {
+      lines.push_back(path + (rows[i][2] == "int" ? " 8" : ""));
+    }
+  }
+  return lines;
+}
+
 }  // namespace
 
 TEST_P(ConfigChangeLine, SendsExactlyThis) {
@@ -77,22 +96,40 @@ TEST_P(ConfigChangeLine, SendsExactlyThis) {
   EXPECT_EQ(executed.result, 0);
   EXPECT_EQ(executed.printed, "");
   const auto calls = agent_.calls();
-  if (change.configType == kNothingSent) {
+  if (!change.document) {
     EXPECT_THAT(calls, IsEmpty());
     return;
   }
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_EQ(calls[0].method, "setAVConfig");
-  EXPECT_EQ(calls[0].params["config_type"], change.configType);
+  EXPECT_EQ(calls[0].params["config_type"], json::toNumber(*change.document));
   EXPECT_EQ(calls[0].params["request_source"], 1);
-  EXPECT_EQ(calls[0].params["config_str"], std::string(change.text) + "\n");
+  EXPECT_EQ(calls[0].params["config_str"], change.text + "\n");
   EXPECT_EQ(calls[0].params.size(), 3u);
 }
 
-INSTANTIATE_TEST_SUITE_P(EndNodes, ConfigChangeLine, testing::ValuesIn(testsupport::kConfigLines),
+INSTANTIATE_TEST_SUITE_P(EndNodes, ConfigChangeLine, testing::ValuesIn(testsupport::configLines()),
                          [](const auto& row) { return testsupport::testNameOf(row.param.line); });
 INSTANTIATE_TEST_SUITE_P(Lines, ConfigChangeLine, testing::ValuesIn(kMoreLines),
                          [](const auto& row) { return row.param.name; });
+
+TEST_F(ConfigChange, EveryEndOfTheGrammarSendsItsLineOfTheGoldenFile) {
+  std::string sent;
+  for (const std::string& line : endsOfModify()) {
+    agent_.forgetCalls();
+    executeLine(line);
+    const auto calls = agent_.calls();
+    sent += line + " | ";
+    if (calls.empty()) {
+      sent += std::string(testsupport::nameOf(kNothingSent)) + "\n";
+      continue;
+    }
+    const Json::Value& params = calls[0].params;
+    sent += std::string(testsupport::nameOf(json::fromNumber<ConfigType>(params["config_type"].asInt()))) +
+            " | " + params["config_str"].asString();
+  }
+  testsupport::expectGolden(testsupport::kConfigChanges, sent);
+}
 
 TEST_F(ConfigChange, ConfigAloneAndModifyAloneAreRefusedAndSendNothing) {
   EXPECT_EQ(executeLine("CONFIG").printed,

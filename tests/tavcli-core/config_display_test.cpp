@@ -1,18 +1,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <deque>
+#include <algorithm>
 #include <map>
 
 #include "AgentCommand.h"
 #include "command/config/ConfigDisplay.h"
 #include "command/config/comm/send/CliConfigCommunication.h"
+#include "support/ConfigLines.h"
 
 using command::SettingRows;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testsupport::ScriptedAgent;
+using testsupport::ShownSetting;
+using testsupport::ShownValue;
+using testsupport::shownValues;
 
 namespace {
 
@@ -22,126 +26,30 @@ constexpr Build kQuarantine = command::quarantineSettingRows;
 constexpr Build kEngine = command::engineSettingRows;
 constexpr Build kRealProtect = command::realProtectSettingRows;
 
-/// The key's value as JSON ("" for an absent key), and what is shown of it.
-struct Value {
-  const char* json;
-  const char* shown;
-};
-using Values = std::vector<Value>;
-
-const Values kSwitch = {
-    {"true", "开启"},  {"false", "关闭"}, {"1", "开启"},      {"0", "关闭"},           {"-1", "开启"},
-    {"7", "开启"},     {"", "关闭"},      {"null", "关闭"},   {"[]", "关闭"},          {"{}", "关闭"},
-    {"\"1\"", "开启"}, {"\"0\"", "关闭"}, {"\"on\"", "关闭"}, {"99999999999", "关闭"},
-};
-const Values kCount = {
-    {"0", "0"},           {"8", "8"},
-    {"-5", "-5"},         {"", "0"},
-    {"null", "0"},        {"\"12\"", "12"},
-    {"\"12MB\"", "12"},   {"\"x\"", "0"},
-    {"[1]", "0"},         {"{}", "0"},
-    {"99999999999", "0"}, {"\"99999999999\"", "2147483647"},
-    {"true", "1"},        {"2147483647", "2147483647"},
-};
-const Values kFileType = {{"1", "全部文件"}, {"2", "仅程序及文档"},     {"0", "全部文件"}, {"3", "全部文件"},
-                          {"", "全部文件"},  {"\"2\"", "仅程序及文档"}, {"[]", "全部文件"}};
-const Values kFixMethod = {{"0", "自动处理"}, {"1", "手动处理"}, {"2", "仅上报不处理"},
-                           {"3", "自动处理"}, {"", "自动处理"},  {"\"2\"", "仅上报不处理"},
-                           {"-1", "自动处理"}};
-const Values kHandleAction = {{"0", "清除"},   {"1", "删除"}, {"2", "隔离"},     {"3", "不处理"},
-                              {"7", "不处理"}, {"", "清除"},  {"\"1\"", "删除"}, {"-1", "不处理"}};
-const Values kMemRisk = {{"0", "忽略"}, {"1", "终止"}, {"5", "未知"}, {"", "忽略"}, {"\"1\"", "终止"}};
-const Values kCloudScan = {{"0", "扫描所有文件"},
-                           {"1", "扫描活跃文件"},
-                           {"2", "扫描所有文件"},
-                           {"", "扫描所有文件"},
-                           {"\"1\"", "扫描活跃文件"}};
-const Values kLevel = {{"0", "高"}, {"1", "中"}, {"2", "低"}, {"3", "高"}, {"", "高"}, {"\"2\"", "低"}};
-const Values kTrace = {{"1", "开启"}, {"0", "关闭"},    {"2", "关闭"},
-                       {"", "关闭"},  {"true", "开启"}, {"\"1\"", "开启"}};
-const Values kFormats = {{R"(["zip","rar"])", "zip;rar;"},
-                         {"[]", ""},
-                         {"", ""},
-                         {"\"zip\"", ""},
-                         {"null", ""},
-                         {"{}", ""},
-                         {"7", ""},
-                         {R"(["zip",7,{},null])", "zip;7;;;"},
-                         {R"(["a\u001b[2J\nb"])", "a\\x1b[2J\\nb;"}};
-
-Values withUnit(const Values& counts, const char* unit) {
-  static std::deque<std::string> texts;
-  Values values;
-  for (const Value& count : counts) {
-    texts.push_back(std::string(count.shown) + unit);
-    values.push_back({count.json, texts.back().c_str()});
-  }
-  return values;
-}
-
-struct Row {
-  const char* name;
+/// What a page of CONFIG SHOW holds: its title, the rows of the golden file, and more rows.
+struct Page {
+  json::ConfigType document;
   Build build;
-  const char* section;
-  const char* key;
-  const char* label;
-  Values values;
+  const char* title;
+  std::vector<std::string> more;
 };
 
-void PrintTo(const Row& row, std::ostream* out) {
-  *out << row.section << "/" << row.key;
+const Page kPages[] = {
+    {json::ConfigType::kScan, kScan, "基础扫描配置", {}},
+    {json::ConfigType::kQuarantine, kQuarantine, "隔离区配置", {"自动清理方式"}},
+    {json::ConfigType::kEngines,
+     kEngine,
+     "多引擎配置",
+     {"基础云查杀服务地址", "RDA云查杀服务地址", "云查杀类型"}},
+    {json::ConfigType::kRealTime, kRealProtect, "实时防护", {}},
+};
+
+const Page& pageOf(json::ConfigType document) {
+  return *std::find_if(std::begin(kPages), std::end(kPages),
+                       [document](const Page& page) { return page.document == document; });
 }
 
-const Row kRows[] = {
-    {"ScanNetworkmapScan", kScan, "Common", "NetworkmapScan", "扫描网络映射驱动器", kSwitch},
-    {"ScanAntiInfection", kScan, "Common", "AntiInfection", "防感染模式", kSwitch},
-    {"ScanSkipSystemRepair", kScan, "Common", "SkipSystemRepair", "跳过系统修复项", kSwitch},
-    {"ScanScanFileType", kScan, "Common", "ScanFileType", "扫描文件类型", kFileType},
-    {"ScanFixMethod", kScan, "Common", "FixMethod", "威胁处理方式", kFixMethod},
-    {"ScanHandleAction", kScan, "Common", "HandleAction", "威胁处置行为", kHandleAction},
-    {"ScanScanWithCache", kScan, "Common", "ScanWithCache", "扫描缓存加速", kSwitch},
-    {"ScanMemCheck", kScan, "Common", "MemCheck", "活体扫描开关", kSwitch},
-    {"ScanFixMethodMemRisk", kScan, "Common", "FixMethod_MemRisk", "风险进程处理方式", kMemRisk},
-    {"ScanSkipSize", kScan, "Common", "SkipSize", "跳过文件大小", withUnit(kCount, "MB")},
-    {"ScanParallelism", kScan, "Common", "Parallelism", "扫描并行度", kCount},
-    {"ScanCloudScanType", kScan, "Common", "CloudScanType", "云查杀扫描方式", kCloudScan},
-    {"ScanCompressedFlag", kScan, "Compressed", "Flag", "扫描压缩包", kSwitch},
-    {"ScanCompressedLayer", kScan, "Compressed", "Layer", "最大扫描层数", kCount},
-    {"ScanCompressedFileSize", kScan, "Compressed", "FileSize", "最大压缩包大小", withUnit(kCount, "MB")},
-    {"ScanCompressedFormat", kScan, "Compressed", "Format", "扫描压缩包格式类型", kFormats},
-    {"QuarantineSizeLimit", kQuarantine, "Common", "SizeLimit", "隔离区空间大小", withUnit(kCount, "GB")},
-    {"QuarantineAutoClean", kQuarantine, "AutoClean", "Flag", "隔离区自动清理", kSwitch},
-    {"EngineHc", kEngine, "MultiEngines", "HCengine", "鸿隼引擎(病毒查杀)", kSwitch},
-    {"EngineHcRp", kEngine, "MultiEngines", "HCengineRP", "鸿隼引擎(实时防护)", kSwitch},
-    {"EngineUmb", kEngine, "MultiEngines", "UMBengine", "UMB引擎(病毒查杀)", kSwitch},
-    {"EngineUmbRp", kEngine, "MultiEngines", "UMBengineRP", "UMB引擎(实时防护)", kSwitch},
-    {"EngineIxo", kEngine, "MultiEngines", "IXOengine", "IXO引擎(病毒查杀)", kSwitch},
-    {"EngineIxoRp", kEngine, "MultiEngines", "IXOengineRP", "IXO引擎(实时防护)", kSwitch},
-    {"EngineRda", kEngine, "MultiEngines", "RDAengine", "RDA引擎(病毒查杀)", kSwitch},
-    {"EngineRdaRp", kEngine, "MultiEngines", "RDAengineRP", "RDA引擎(实时防护)", kSwitch},
-    {"EngineRdaOld", kEngine, "MultiEngines", "RDAOLDengine", "RDA引擎(旧模型)(病毒查杀)", kSwitch},
-    {"EngineRdaOldRp", kEngine, "MultiEngines", "RDAOLDengineRP", "RDA引擎(旧模型)(实时防护)", kSwitch},
-    {"EngineCloud", kEngine, "MultiEngines", "CloudEngine", "云引擎(病毒查杀)", kSwitch},
-    {"EngineCloudRp", kEngine, "MultiEngines", "CloudEngineRP", "云引擎(实时防护)", kSwitch},
-    {"RealProtectFlag", kRealProtect, "Common", "Flag", "系统实时防护", kSwitch},
-    {"RealProtectAllowDelayStart", kRealProtect, "Common", "AllowDelayStart", "允许开机延时加载文件系统",
-     kSwitch},
-    {"RealProtectScanFileType", kRealProtect, "Common", "ScanFileType", "防护文件类型", kFileType},
-    {"RealProtectFixMethod", kRealProtect, "Common", "FixMethod", "威胁处理方式", kFixMethod},
-    {"RealProtectProtectLevel", kRealProtect, "Common", "ProtectLevel", "实时防护级别", kLevel},
-    {"RealProtectSkipSize", kRealProtect, "Common", "SkipSize", "跳过文件大小", withUnit(kCount, "MB")},
-    {"RealProtectCloudScanType", kRealProtect, "Common", "CloudScanType", "云查杀扫描方式", kCloudScan},
-    {"RealProtectFileTraceSourceType", kRealProtect, "Common", "FileTraceSourceType", "文件溯源开关", kTrace},
-    {"RealProtectCompressedFlag", kRealProtect, "Compressed", "Flag", "压缩包防护", kSwitch},
-    {"RealProtectCompressedSkipPass", kRealProtect, "Compressed", "SkipPass", "跳过有密码的压缩文件",
-     kSwitch},
-    {"RealProtectCompressedLayer", kRealProtect, "Compressed", "Layer", "最大扫描层数", kCount},
-    {"RealProtectCompressedFileSize", kRealProtect, "Compressed", "FileSize", "最大压缩包大小",
-     withUnit(kCount, "MB")},
-    {"RealProtectCompressedFormat", kRealProtect, "Compressed", "Format", "监控的压缩包格式类型", kFormats},
-};
-
-class SettingRow : public testing::TestWithParam<Row> {};
+class SettingRow : public testing::TestWithParam<ShownSetting> {};
 
 std::vector<std::string> labelsOf(const SettingRows& rows) {
   std::vector<std::string> labels;
@@ -185,56 +93,43 @@ class ConfigShow : public AgentCommand {
 }  // namespace
 
 TEST_P(SettingRow, ShowsEachValue) {
-  const Row& row = GetParam();
-  for (const Value& value : row.values) {
+  const ShownSetting& row = GetParam();
+  int values = 0;
+  for (const ShownValue& value : shownValues()) {
+    if (value.kind != row.kind) {
+      continue;
+    }
+    ++values;
     Json::Value document;
     document[row.section] = Json::Value(Json::objectValue);
-    if (*value.json != '\0') {
-      Json::Value wrapped = jsonOf(std::string("{\"v\":") + value.json + "}");
-      document[row.section][row.key] = wrapped["v"];
+    if (value.json != "(absent)") {
+      document[row.section][row.key] = jsonOf(value.json);
     }
-    EXPECT_EQ(shown(row.build(document), row.label), value.shown) << row.key << " = " << value.json;
+    EXPECT_EQ(shown(pageOf(row.document).build(document), row.label), value.text)
+        << row.key << " = " << value.json;
   }
+  EXPECT_NE(values, 0) << row.kind;
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, SettingRow, testing::ValuesIn(kRows),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Rows, SettingRow, testing::ValuesIn(testsupport::shownSettings()),
+                         [](const auto& row) {
+                           return testsupport::nameOf(row.param.document) + row.param.section + row.param.key;
+                         });
 
-TEST(SettingsDisplay, ScanRowsStandInTheirOrder) {
-  EXPECT_THAT(labelsOf(kScan(jsonOf(R"({"Compressed":{},"Common":{}})"))),
-              ElementsAre("基础扫描配置", "扫描网络映射驱动器", "防感染模式", "跳过系统修复项",
-                          "扫描文件类型", "威胁处理方式", "威胁处置行为", "扫描缓存加速", "活体扫描开关",
-                          "风险进程处理方式", "跳过文件大小", "扫描并行度", "云查杀扫描方式", "扫描压缩包",
-                          "最大扫描层数", "最大压缩包大小", "扫描压缩包格式类型"));
-}
-
-TEST(SettingsDisplay, QuarantineRowsStandInTheirOrder) {
-  EXPECT_THAT(labelsOf(kQuarantine(jsonOf(R"({"AutoClean":{},"Common":{}})"))),
-              ElementsAre("隔离区配置", "隔离区空间大小", "隔离区自动清理", "自动清理方式"));
-}
-
-TEST(SettingsDisplay, EngineRowsStandInTheirOrder) {
-  EXPECT_THAT(labelsOf(kEngine(jsonOf(R"({"MultiEngines":{},"Cloud":{}})"))),
-              ElementsAre("多引擎配置", "鸿隼引擎(病毒查杀)", "鸿隼引擎(实时防护)", "UMB引擎(病毒查杀)",
-                          "UMB引擎(实时防护)", "IXO引擎(病毒查杀)", "IXO引擎(实时防护)", "RDA引擎(病毒查杀)",
-                          "RDA引擎(实时防护)", "RDA引擎(旧模型)(病毒查杀)", "RDA引擎(旧模型)(实时防护)",
-                          "云引擎(病毒查杀)", "云引擎(实时防护)", "基础云查杀服务地址", "RDA云查杀服务地址",
-                          "云查杀类型"));
-}
-
-TEST(SettingsDisplay, RealProtectRowsStandInTheirOrder) {
-  EXPECT_THAT(
-      labelsOf(kRealProtect(jsonOf(R"({"Compressed":{},"Common":{}})"))),
-      ElementsAre("实时防护", "系统实时防护", "允许开机延时加载文件系统", "防护文件类型", "威胁处理方式",
-                  "实时防护级别", "跳过文件大小", "云查杀扫描方式", "文件溯源开关", "压缩包防护",
-                  "跳过有密码的压缩文件", "最大扫描层数", "最大压缩包大小", "监控的压缩包格式类型"));
-}
-
-TEST(SettingsDisplay, TheTitleStandsBesideTwentyFourHyphens) {
-  EXPECT_EQ(shown(kScan(jsonOf(R"({"Common":{}})")), "基础扫描配置"), kTitleRule);
-  EXPECT_EQ(shown(kQuarantine(jsonOf("{}")), "隔离区配置"), kTitleRule);
-  EXPECT_EQ(shown(kEngine(jsonOf(R"({"MultiEngines":{}})")), "多引擎配置"), kTitleRule);
-  EXPECT_EQ(shown(kRealProtect(jsonOf(R"({"Common":{}})")), "实时防护"), kTitleRule);
+TEST(SettingsDisplay, RowsStandInTheOrderOfTheGoldenFile) {
+  const Json::Value document =
+      jsonOf(R"({"Compressed":{},"Common":{},"AutoClean":{},"MultiEngines":{},"Cloud":{}})");
+  for (const Page& page : kPages) {
+    std::vector<std::string> labels{page.title};
+    for (const ShownSetting& row : testsupport::shownSettings()) {
+      if (row.document == page.document) {
+        labels.push_back(row.label);
+      }
+    }
+    labels.insert(labels.end(), page.more.begin(), page.more.end());
+    EXPECT_EQ(labelsOf(page.build(document)), labels);
+    EXPECT_EQ(shown(page.build(document), page.title), kTitleRule);
+  }
 }
 
 TEST(SettingsDisplay, WithoutTheFirstSectionThereIsNoTitleButForTheQuarantine) {
