@@ -8,10 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <limits>
+#include <optional>
 
+#include "platform/Descriptor.h"
 #include "platform/Files.h"
 #include "platform/Posix.h"
 #include "platform/Text.h"
@@ -29,7 +30,7 @@ int clampedNumber(const std::string& text) {
       std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
-/// The tokeniser's idea of white space.
+/// White space as the shell's tokeniser knows it.
 bool holdsWhiteSpace(const std::string& text) {
   return text.find_first_of(" \t\n\v\f\r") != std::string::npos;
 }
@@ -43,82 +44,90 @@ std::string folderOf(const std::string& path) {
   return folder.empty() ? "." : folder;
 }
 
-std::optional<Refusal> refuseMissing(const BatchOptions& options) {
+using Check = tl::expected<void, Refusal>;
+
+tl::unexpected<Refusal> refuse(const std::string& err, const std::string& out = "") {
+  return tl::unexpected<Refusal>(Refusal{out, err.empty() ? "" : "tavcli: " + err});
+}
+
+Check checkGiven(const BatchOptions& options) {
   if (options.scanPath.empty()) {
-    return Refusal{"get scanpath failed.",
-                   "tavcli: -scanpath is missing or empty: name the file or folder to scan"};
+    return refuse("-scanpath is missing or empty: name the file or folder to scan", "get scanpath failed.");
   }
   if (options.logPath.empty()) {
-    return Refusal{"get logpath failed.",
-                   "tavcli: -logpath is missing or empty: name a new file for the report"};
+    return refuse("-logpath is missing or empty: name a new file for the report", "get logpath failed.");
   }
-  return std::nullopt;
+  return {};
 }
 
-/// The agent has another current folder and would scan something else.
-std::optional<Refusal> makeAbsolute(std::string& scanPath) {
-  if (scanPath.front() == '/') {
-    return std::nullopt;
+Check checkExistence(const BatchOptions& options) {
+  if (!CFileInfo(options.scanPath).exists() || CFileInfo(options.logPath).exists()) {
+    return refuse("");
   }
-  const std::string relative =
-      "tavcli: -scanpath " + shown(scanPath) + " is relative, and the current folder ";
+  return {};
+}
+
+/// The agent would look for a relative path in its own current folder.
+Check makeAbsolute(std::string& scanPath) {
+  if (scanPath.front() == '/') {
+    return {};
+  }
+  const std::string relative = "-scanpath " + shown(scanPath) + " is relative, and the current folder ";
   const std::optional<std::string> current = CDir::current();
   if (!current) {
-    return Refusal{"", relative + "is gone: name it from / on"};
+    return refuse(relative + "is gone: name it from / on");
   }
   if (holdsWhiteSpace(*current)) {
-    return Refusal{"", relative + shown(*current) +
-                           " holds white space, which a command line cannot carry: name a folder above it, "
-                           "from / on"};
+    return refuse(relative + shown(*current) +
+                  " holds white space, which a command line cannot carry: name a folder above it, from / on");
   }
   scanPath = *current + "/" + scanPath;
-  return std::nullopt;
+  return {};
 }
 
-std::optional<Refusal> refuseUnspeakable(const BatchOptions& options) {
+/// The options become a command line, and a command line has no quoting.
+Check checkCommandLine(const BatchOptions& options) {
   if (holdsWhiteSpace(options.scanPath)) {
-    return Refusal{"", "tavcli: -scanpath " + shown(options.scanPath) +
-                           " holds white space, which a command line cannot carry: scan a folder above it"};
+    return refuse("-scanpath " + shown(options.scanPath) +
+                  " holds white space, which a command line cannot carry: scan a folder above it");
   }
   if (holdsWhiteSpace(options.logPath)) {
-    return Refusal{"", "tavcli: -logpath " + shown(options.logPath) +
-                           " holds white space, which a command line cannot carry: name another file"};
+    return refuse("-logpath " + shown(options.logPath) +
+                  " holds white space, which a command line cannot carry: name another file");
   }
   if (batchCommand(options).size() >= kLineBufferBytes) {
-    return Refusal{"", "tavcli: -scanpath and -logpath make a command line of more than " +
-                           std::to_string(kLineBufferBytes - 1) +
-                           " characters: scan a folder above, or write the report to a shorter path"};
+    return refuse("-scanpath and -logpath make a command line of more than " +
+                  std::to_string(kLineBufferBytes - 1) +
+                  " characters: scan a folder above, or write the report to a shorter path");
   }
-  return std::nullopt;
+  return {};
 }
 
-/// Makes and removes a file beside the report-to-be: what permissions, a read-only mount or a full disk
-/// would spoil after hours is found out now. Returns 0 or an errno value.
-int tryToWriteIn(const std::string& folder) {
+/// Makes and removes a file in the folder of the report. Missing rights, a read-only mount and a full disk
+/// are found before the scan, not hours later.
+platform::Expected<void> tryToWriteIn(const std::string& folder) {
   std::string probe = folder + "/.tavcli-XXXXXX";
-  const int fd = mkostemp(probe.data(), O_CLOEXEC);
-  if (fd < 0) {
-    return errno;
+  const platform::Descriptor file(mkostemp(probe.data(), O_CLOEXEC));
+  if (!file || unlink(probe.c_str()) != 0) {
+    return platform::failure(platform::errnoText(errno));
   }
-  close(fd);
-  return unlink(probe.c_str()) == 0 ? 0 : errno;
+  return {};
 }
 
-std::optional<Refusal> refuseUnwritable(const std::string& logPath) {
+Check checkWritable(const std::string& logPath) {
+  const std::string named = "-logpath " + shown(logPath);
   struct stat entry {};
   if (lstat(logPath.c_str(), &entry) == 0) {
-    return Refusal{"",
-                   "tavcli: -logpath " + shown(logPath) + " is a link that leads nowhere: name a new file"};
+    return refuse(named + " is a link that leads nowhere: name a new file");
   }
   if (errno != ENOENT) {
-    return Refusal{
-        "", "tavcli: -logpath " + shown(logPath) + " cannot be written: " + platform::errnoText(errno)};
+    return refuse(named + " cannot be written: " + platform::errnoText(errno));
   }
-  if (const int error = tryToWriteIn(folderOf(logPath)); error != 0) {
-    return Refusal{"", "tavcli: -logpath " + shown(logPath) + ": the folder " + shown(folderOf(logPath)) +
-                           " cannot be written: " + platform::errnoText(error)};
+  const std::string folder = folderOf(logPath);
+  if (const auto written = tryToWriteIn(folder); !written) {
+    return refuse(named + ": the folder " + shown(folder) + " cannot be written: " + written.error());
   }
-  return std::nullopt;
+  return {};
 }
 
 }  // namespace
@@ -142,20 +151,13 @@ std::string batchCommand(const BatchOptions& options) {
          kBatchPrefix + options.logPath;
 }
 
-std::optional<Refusal> checkBatchOptions(BatchOptions& options) {
-  if (auto refusal = refuseMissing(options)) {
-    return refusal;
-  }
-  if (!CFileInfo(options.scanPath).exists() || CFileInfo(options.logPath).exists()) {
-    return Refusal{};
-  }
-  if (auto refusal = makeAbsolute(options.scanPath)) {
-    return refusal;
-  }
-  if (auto refusal = refuseUnspeakable(options)) {
-    return refusal;
-  }
-  return refuseUnwritable(options.logPath);
+tl::expected<BatchOptions, Refusal> checkBatchOptions(BatchOptions options) {
+  return checkGiven(options)
+      .and_then([&] { return checkExistence(options); })
+      .and_then([&] { return makeAbsolute(options.scanPath); })
+      .and_then([&] { return checkCommandLine(options); })
+      .and_then([&] { return checkWritable(options.logPath); })
+      .map([&] { return options; });
 }
 
 }  // namespace tavcli

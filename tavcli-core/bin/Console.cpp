@@ -7,7 +7,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "bin/AgentWatch.h"
@@ -25,6 +24,7 @@
 #include "lineeditor/Signals.h"
 #include "lineeditor/Terminal.h"
 #include "platform/CGlobalTag.h"
+#include "platform/Expected.h"
 #include "platform/Text.h"
 #include "shell/TavCliCompletion.h"
 
@@ -36,7 +36,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitInteractiveFailed = -1;
 constexpr int kExitBatchFailed = 2;
 
-/// The link to the agent while it is up; taken down in one place, whichever way the program ends.
+/// The link to the agent. The destructor takes the link down, whichever way the program ends.
 class Link {
  public:
   explicit Link(const ContainerConfig& config) : manager_(config) {}
@@ -55,8 +55,8 @@ class Link {
   CContainerMgr manager_;
 };
 
-/// What QUIT does before it ends the process, for as long as the prompt runs; then the terminal is restored,
-/// whichever way the prompt ended.
+/// Tells the shell what QUIT does before QUIT ends the process. The destructor restores the terminal,
+/// whichever way the prompt ends.
 class QuitHook {
  public:
   explicit QuitHook(std::function<void()> hook) { TavCliCompletion::instance().setQuitHook(std::move(hook)); }
@@ -68,14 +68,15 @@ class QuitHook {
   QuitHook& operator=(const QuitHook&) = delete;
 };
 
-/// The tree that the program runs from; the mark lies in the folder of its bus.
+/// The configuration of the tree that the program runs from. The mark then lies in the folder of the tree's
+/// bus.
 ContainerConfig useInstallTree() {
   ContainerConfig config = containerConfigFor(installDirectory());
   useMarkDirectory(config.installDir, config.busConfigFile);
   return config;
 }
 
-/// The steps that both run modes share once the mark is held. Null when one fails, which has been said.
+/// The steps that both run modes share once the mark is held. Null when a step fails; the user has been told.
 std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Surroundings& surroundings,
                               const char* withoutUuid) {
   mark.setAttribute("pid", std::to_string(getpid()));
@@ -123,30 +124,30 @@ int runAttended(const Surroundings& surroundings) {
   return kExitOk;
 }
 
-/// Null when the run may go on with the mark held, else the exit code.
-std::optional<int> takeMark(CGlobalTag& mark, int timeoutSec, IPause& pause) {
+/// Takes the mark. The error is the exit code.
+tl::expected<void, int> takeMark(CGlobalTag& mark, int timeoutSec, IPause& pause) {
   switch (waitForMark(
       timeoutSec, [&mark] { return mark.trylock(false); }, pause)) {
     case MarkWait::kAcquired:
-      return std::nullopt;
+      return {};
     case MarkWait::kFailed:
       std::puts("singleTag failed");
       complain("tavcli: " + mark.lastError());
-      return kExitBatchFailed;
+      return tl::unexpected<int>(kExitBatchFailed);
     case MarkWait::kTimedOut:
       std::puts("bSuccess failed");
-      return kExitNoMark;
+      return tl::unexpected<int>(kExitNoMark);
     case MarkWait::kSignal:
       break;
   }
-  return kExitBatchFailed;
+  return tl::unexpected<int>(kExitBatchFailed);
 }
 
 int runMarked(const BatchOptions& options, const ContainerConfig& config, const Surroundings& surroundings,
               IPause& pause) {
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
-  if (const std::optional<int> ended = takeMark(mark, options.timeoutSec, pause)) {
-    return *ended;
+  if (const auto taken = takeMark(mark, options.timeoutSec, pause); !taken) {
+    return taken.error();
   }
   const std::unique_ptr<Link> link = bringUp(mark, config, surroundings, "uuid gen failed.");
   if (!link) {
@@ -167,18 +168,18 @@ int runMarked(const BatchOptions& options, const ContainerConfig& config, const 
 }
 
 int runUnattended(const std::vector<std::string>& words, const Surroundings& surroundings) {
-  BatchOptions options = parseCommandLine(words);
-  if (const std::optional<Refusal> refusal = checkBatchOptions(options)) {
-    if (!refusal->out.empty()) {
-      std::puts(refusal->out.c_str());
+  const auto options = checkBatchOptions(parseCommandLine(words));
+  if (!options) {
+    if (!options.error().out.empty()) {
+      std::puts(options.error().out.c_str());
     }
-    if (!refusal->err.empty()) {
-      complain(refusal->err);
+    if (!options.error().err.empty()) {
+      complain(options.error().err);
     }
     return kExitBatchFailed;
   }
   const std::unique_ptr<IPause> pause = surroundings.makePause();
-  const int exitCode = runMarked(options, useInstallTree(), surroundings, *pause);
+  const int exitCode = runMarked(*options, useInstallTree(), surroundings, *pause);
   std::fflush(stdout);
   pause->endBySignal();
   return exitCode;
@@ -191,7 +192,7 @@ Surroundings::Surroundings()
 
 int runConsole(const std::vector<std::string>& arguments, const Surroundings& surroundings) noexcept {
   try {
-    // A reader of our output that goes away costs the output, not the report.
+    // When the reader of the output goes away, the output is lost, but not the report.
     std::signal(SIGPIPE, SIG_IGN);
     if (arguments.size() < 2) {
       return runAttended(surroundings);

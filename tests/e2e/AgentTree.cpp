@@ -7,11 +7,11 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
 #include "json/CppJson.h"
 #include "lunet/Lunet.h"
+#include "support/Json.h"
 #include "support/Wait.h"
 
 namespace testsupport {
@@ -19,15 +19,6 @@ namespace testsupport {
 namespace {
 
 constexpr std::chrono::seconds kLimit{20};
-
-std::string oneLine(const Json::Value& value) {
-  std::string text;
-  CppJson::WriteJsonToString(value, text, 1);
-  while (!text.empty() && text.back() == '\n') {
-    text.pop_back();
-  }
-  return text;
-}
 
 }  // namespace
 
@@ -57,7 +48,7 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
   if (!options.group.empty()) {
     bus["group"] = options.group;
   }
-  dir_.write("etc/communication/cli_lunet.conf", oneLine(bus));
+  dir_.write("etc/communication/cli_lunet.conf", jsonText(bus));
   dir_.write("etc/debug/cli_debug.conf", R"({"log_size":1048576,"log_backup_max_num":5,"log_level":3})");
   if (uid_) {
     for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
@@ -146,60 +137,11 @@ std::unique_ptr<Process> AgentTree::console(const std::string& name,
   return std::make_unique<Process>(std::move(command), std::move(options));
 }
 
-PeerConsole::PeerConsole(const AgentTree& tree, Process::Options options)
-    : process_({tree.program("lunetctl"), "--runtime", tree.path(), "listen", lunet::kConsoleGuid},
-               std::move(options)) {
-  if (!process_.waitForOut("\"ready\"", kLimit)) {
-    throw std::runtime_error("the console cannot listen: " + process_.err());
-  }
-}
-
-std::vector<Json::Value> PeerConsole::events(const std::string& kind) const {
-  std::vector<Json::Value> found;
-  std::istringstream lines(process_.out());
-  for (std::string line; std::getline(lines, line) && !lines.eof();) {
-    Json::Value event;
-    if (CppJson::LoadJsonString(line, event) && event["event"].asString() == kind) {
-      found.push_back(std::move(event));
-    }
-  }
-  return found;
-}
-
-Json::Value PeerConsole::call(const std::string& method, const Json::Value& params) {
-  Json::Value request(Json::objectValue);
-  request["jsonrpc"] = "2.0";
-  request["method"] = method;
-  request["id"] = nextId_++;
-  request["params"] = params;
-  Json::Value order(Json::objectValue);
-  order["call"] = lunet::kAgentGuid;
-  order["channel"] = lunet::kRequestChannel;
-  order["data"] = oneLine(request);
-  order["timeout_ms"] = 15000;
-  process_.write(oneLine(order) + "\n");
-  const std::size_t wanted = ++answers_;
-  if (!waitFor([&] { return events("answer").size() >= wanted; }, kLimit)) {
-    throw std::runtime_error("no answer to " + method);
-  }
-  const Json::Value event = events("answer")[wanted - 1];
-  Json::Value answer;
-  if (event["error"].asUInt() != 0 || !CppJson::LoadJsonString(event["data"].asString(), answer)) {
-    throw std::runtime_error(method + ": bus error " + event["error"].asString());
-  }
-  if (answer.isMember("error")) {
-    throw std::runtime_error(method + ": " + oneLine(answer["error"]));
-  }
-  return answer["result"];
-}
-
 Json::Value PeerConsole::startScan(const std::vector<std::string>& items, const Json::Value& changes) {
-  Json::Value params;
-  CppJson::LoadJsonString(
+  Json::Value params = jsonOf(
       R"({"follow_link":false,"max_scan_sec":0,"uid":0,"custom_stop":true,"items":[],"force_scan":false,
           "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
-          "expire_time":0,"scan_type":2})",
-      params);
+          "expire_time":0,"scan_type":2})");
   for (const std::string& item : items) {
     params["items"].append(json::encodePath(item));
   }
@@ -226,21 +168,9 @@ bool PeerConsole::control(int action, const std::string& token) {
   return call("ctlBus", request).asBool();
 }
 
-std::vector<PeerConsole::Notice> PeerConsole::notices(const std::string& method) const {
-  std::vector<Notice> found;
-  for (const Json::Value& event : events("message")) {
-    Json::Value text;
-    if (CppJson::LoadJsonString(event["data"].asString(), text) &&
-        (method.empty() || text["method"].asString() == method)) {
-      found.push_back({text["method"].asString(), text["params"]});
-    }
-  }
-  return found;
-}
-
 std::vector<int> PeerConsole::states(const std::string& token) const {
   std::vector<int> found;
-  for (const Notice& notice : notices("reportBusStatus")) {
+  for (const Message& notice : messages("reportBusStatus")) {
     if (token.empty() || notice.params["token_id"].asString() == token) {
       found.push_back(notice.params["state"].asInt());
     }
@@ -258,7 +188,7 @@ bool PeerConsole::waitForState(int state, const std::string& token, std::chrono:
 }
 
 Json::Value PeerConsole::last(const std::string& method) const {
-  const std::vector<Notice> found = notices(method);
+  const std::vector<Message> found = messages(method);
   return found.empty() ? Json::Value() : found.back().params;
 }
 

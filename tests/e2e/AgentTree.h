@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/LunetctlPeer.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 
@@ -57,37 +58,28 @@ class AgentTree {
   std::unique_ptr<Process> agent_;
 };
 
-/// The console's address, held by a process of its own, played by hand: calls the agent's methods and writes
-/// down what it is told. Notifications are kept in the order they came.
-class PeerConsole {
+/// The console of a tree, played by hand at the console's address: calls the agent's methods and keeps its
+/// notifications.
+class PeerConsole : public LunetctlPeer {
  public:
-  struct Notice {
-    std::string method;
-    Json::Value params;
-  };
   /// With another user, group and supplementary groups when given.
-  explicit PeerConsole(const AgentTree& tree, Process::Options options = {});
+  explicit PeerConsole(const AgentTree& tree, Process::Options options = {})
+      : LunetctlPeer(tree.program("lunetctl"), tree.path(), kConsoleAddress, std::move(options)) {}
 
-  /// The result; throws with the error's text when the call fails.
-  Json::Value call(const std::string& method, const Json::Value& params);
+  /// The result. Throws the error's text when the call fails.
+  Json::Value call(const std::string& method, const Json::Value& params) {
+    return LunetctlPeer::call(kAgentAddress, method, params);
+  }
   /// startScanTask with the console's parameters, changed by `changes`.
   Json::Value startScan(const std::vector<std::string>& items, const Json::Value& changes = {});
   bool control(int action, const std::string& token);
 
-  std::vector<Notice> notices(const std::string& method = "") const;
-  /// The states told, in order, of a task; "" for all.
+  /// The states of a task in the order of their notifications; "" for all tasks.
   std::vector<int> states(const std::string& token = "") const;
   bool waitForState(int state, const std::string& token = "",
                     std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
   /// params of the last notification of that name; null when there is none.
   Json::Value last(const std::string& method) const;
-  Process& process() { return process_; }
-
- private:
-  std::vector<Json::Value> events(const std::string& kind) const;
-  Process process_;
-  std::size_t answers_ = 0;
-  int nextId_ = 1;
 };
 
 }  // namespace testsupport

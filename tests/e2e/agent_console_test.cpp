@@ -8,7 +8,6 @@
 #include <filesystem>
 
 #include "e2e/AgentTree.h"
-#include "json/CppJson.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -109,7 +108,7 @@ TEST_F(ConsoleAndAgent, AfterSomebodyElsesScanABatchHasItsOwnOutcomeAndReport) {
     // Its end would come while the batch waits: it finds something, the batch must not.
     PeerConsole other(tree);
     Json::Value changes;
-    CppJson::LoadJsonString(R"({"force_scan":true,"parallelism":1,"max_scan_sec":1})", changes);
+    changes = testsupport::jsonOf(R"({"force_scan":true,"parallelism":1,"max_scan_sec":1})");
     const Json::Value answer = other.startScan({tree.data() + "/infected", tree.busyFolder()}, changes);
     ASSERT_TRUE(other.waitForState(1, answer["token_id"].asString()));
   }

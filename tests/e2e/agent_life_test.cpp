@@ -21,6 +21,7 @@
 #include "lunet/Lunet.h"
 #include "store/Store.h"
 #include "support/HeldFile.h"
+#include "support/Json.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 #include "task/RunningPrograms.h"
@@ -34,6 +35,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using testsupport::AgentTree;
 using testsupport::eicar;
+using testsupport::jsonOf;
 using testsupport::PeerConsole;
 using testsupport::Process;
 using testsupport::secondUser;
@@ -45,15 +47,9 @@ constexpr int kStop = 1;
 constexpr int kPause = 2;
 constexpr int kResume = 3;
 
-Json::Value object(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
-}
-
 /// Without the cache, which would know the file after its first name.
 Json::Value slowly() {
-  return object(R"({"force_scan":true,"parallelism":1})");
+  return jsonOf(R"({"force_scan":true,"parallelism":1})");
 }
 
 /// The agent's program among the running ones: itself, its spawner, its workers.
@@ -239,7 +235,7 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
   PeerConsole console(tree);
   const std::string path = tree.write("found-later", "a text that is in no database, at first: 5c0ffee5");
   ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
-  ASSERT_THAT(console.notices("reportRiskInfo"), IsEmpty());
+  ASSERT_THAT(console.messages("reportRiskInfo"), IsEmpty());
   std::string hex;
   for (const char c : std::string("at first: 5c0ffee5")) {
     char pair[3];
@@ -256,7 +252,7 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
   tree.kill(SIGHUP);
   ASSERT_TRUE(waitFor([&] { return tree.log().find("loaded again") != std::string::npos; })) << tree.log();
   ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
-  EXPECT_EQ(1U, console.notices("reportRiskInfo").size());
+  EXPECT_EQ(1U, console.messages("reportRiskInfo").size());
 }
 
 std::size_t countOf(const std::string& what, const std::string& text) {
@@ -370,7 +366,7 @@ TEST(AgentProgram, ASystemDatabaseThatDoesNotLoadIsAnErrorInItsLog) {
 TEST(AgentProgram, ALongRequestDoesNotFillItsLog) {
   AgentTree tree;
   PeerConsole console(tree);
-  Json::Value request = object(R"({"config_type":0,"request_source":1})");
+  Json::Value request = jsonOf(R"({"config_type":0,"request_source":1})");
   request["config_str"] = std::string(1 << 20, 'x');
   EXPECT_FALSE(console.call("setAVConfig", request).asBool());
   const std::string log = tree.log();
@@ -405,7 +401,7 @@ TEST(AgentProgram, LostTasksAreToldOfBeforeTheFirstRequestIsServed) {
   auto first = std::async(std::launch::async, [&] {
     return waitFor([&] {
       try {
-        const Json::Value request = object(R"({"config_str":"{}","config_type":0,"request_source":1})");
+        const Json::Value request = jsonOf(R"({"config_str":"{}","config_type":0,"request_source":1})");
         console.call("setAVConfig", request);
         return true;
       } catch (const std::exception&) {
@@ -435,7 +431,7 @@ class AgentTasks : public ::testing::Test {
 TEST_F(AgentTasks, ASecondScanOfTheSameModeIsStateSixAndAnsweredFalse) {
   PeerConsole console(tree);
   const std::string token = startBusy(console);
-  const Json::Value second = console.startScan({tree.data()}, object(R"({"scan_type":5})"));
+  const Json::Value second = console.startScan({tree.data()}, jsonOf(R"({"scan_type":5})"));
   EXPECT_FALSE(second["status"].asBool());
   const std::string refused = second["token_id"].asString();
   EXPECT_NE(token, refused);
@@ -450,13 +446,13 @@ TEST_F(AgentTasks, AScanCanBePausedResumedAndStopped) {
   const std::string token = startBusy(console);
   EXPECT_TRUE(console.control(kPause, token));
   ASSERT_TRUE(console.waitForState(3, token));
-  const std::size_t quiet = console.notices().size();
+  const std::size_t quiet = console.messages().size();
   const Json::Value list = console.call("getBusList", Json::Value());
   ASSERT_EQ(1U, list.size());
   EXPECT_EQ(token, list[0]["token_id"].asString());
   EXPECT_EQ(0, list[0]["type"].asInt());
   EXPECT_EQ(3, list[0]["state"].asInt());
-  EXPECT_EQ(quiet, console.notices().size());
+  EXPECT_EQ(quiet, console.messages().size());
   EXPECT_TRUE(console.control(kResume, token));
   ASSERT_TRUE(console.waitForState(4, token));
   EXPECT_TRUE(console.control(kStop, token));
@@ -497,8 +493,8 @@ TEST_F(AgentTasks, TheTimeLimitOfARequestEndsTheScan) {
 TEST_F(AgentTasks, ProgressComesWhileAScanRuns) {
   PeerConsole console(tree);
   const std::string token = startBusy(console);
-  EXPECT_TRUE(waitFor([&] { return console.notices("reportBusProgress").size() >= 2; }));
-  EXPECT_TRUE(waitFor([&] { return console.notices("reportScanBusOverView").size() >= 2; }));
+  EXPECT_TRUE(waitFor([&] { return console.messages("reportBusProgress").size() >= 2; }));
+  EXPECT_TRUE(waitFor([&] { return console.messages("reportScanBusOverView").size() >= 2; }));
   EXPECT_TRUE(console.control(kStop, token));
   EXPECT_TRUE(console.waitForState(5, token));
 }
@@ -569,7 +565,7 @@ TEST_F(AgentTasks, WhenTheOwnerIsGoneNothingReachesTheNextConsole) {
   ASSERT_TRUE(waitFor([&] { return second.call("getBusList", Json::Value()).empty(); }));
   const std::string own = second.startScan({tree.data() + "/own"})["token_id"].asString();
   ASSERT_TRUE(second.waitForState(2, own));
-  for (const auto& notice : second.notices()) {
+  for (const auto& notice : second.messages()) {
     EXPECT_NE(token, notice.params["token_id"].asString()) << notice.method;
   }
   EXPECT_EQ(file, second.last("reportRiskFixInfo")["risk_info"]["item"].asString());
@@ -587,20 +583,20 @@ TEST_F(AgentTasks, AConsoleThatDoesNotReadHoldsUpNeitherItsScanNorAnother) {
   EXPECT_TRUE(waitFor([&] { return tree.log().find(log) != std::string::npos; }));
   stalled.process().kill(SIGCONT);
   EXPECT_TRUE(stalled.waitForState(2, answer["token_id"].asString()));
-  EXPECT_EQ(300U, stalled.notices("reportRiskFixInfo").size());
+  EXPECT_EQ(300U, stalled.messages("reportRiskFixInfo").size());
 }
 
 TEST_F(AgentTasks, AFastScanTellsItsStagesInPairs) {
   PeerConsole console(tree);
   const std::string token =
-      console.startScan({}, object(R"({"scan_type":0,"parallelism":1})"))["token_id"].asString();
-  ASSERT_TRUE(waitFor([&] { return !console.notices("reportScanBusStage").empty(); }));
-  EXPECT_EQ(0, console.notices("reportScanBusStage")[0].params["stage"].asInt());
-  EXPECT_TRUE(console.notices("reportScanBusStage")[0].params["datail"].isString());
-  ASSERT_TRUE(waitFor([&] { return console.notices("reportScanBusStage").size() >= 3; }));
+      console.startScan({}, jsonOf(R"({"scan_type":0,"parallelism":1})"))["token_id"].asString();
+  ASSERT_TRUE(waitFor([&] { return !console.messages("reportScanBusStage").empty(); }));
+  EXPECT_EQ(0, console.messages("reportScanBusStage")[0].params["stage"].asInt());
+  EXPECT_TRUE(console.messages("reportScanBusStage")[0].params["datail"].isString());
+  ASSERT_TRUE(waitFor([&] { return console.messages("reportScanBusStage").size() >= 3; }));
   console.control(kStop, token);
   EXPECT_TRUE(console.waitForState(5, token) || console.waitForState(2, token));
-  const auto stages = console.notices("reportScanBusStage");
+  const auto stages = console.messages("reportScanBusStage");
   EXPECT_EQ(1, stages[1].params["stage"].asInt());
   EXPECT_EQ(2, stages[2].params["stage"].asInt());
 }
@@ -617,7 +613,7 @@ TEST(AgentOfAUser, ServesHimWithHisRights) {
   const Json::Value answer = console.startScan({tree.data()});
   ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString();
   ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
-  EXPECT_EQ(1U, console.notices("reportRiskInfo").size());
+  EXPECT_EQ(1U, console.messages("reportRiskInfo").size());
   EXPECT_EQ(1, console.last("reportScanBusOverView")["overview"]["failed_item_count"].asInt());
 }
 
@@ -631,20 +627,19 @@ class AgentSecondUser : public ::testing::Test {
     return path;
   }
   void scan(PeerConsole& console, const std::vector<std::string>& items, const char* changes) {
-    const Json::Value answer = console.startScan(items, object(changes));
+    const Json::Value answer = console.startScan(items, jsonOf(changes));
     ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString() << tree.log();
     ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
   }
   /// By a process of root's own, which is gone behind the call.
   Json::Value callAsRoot(const std::string& method, const Json::Value& params) {
-    Json::Value request = object(R"({"jsonrpc":"2.0","id":1})");
+    Json::Value request = jsonOf(R"({"jsonrpc":"2.0","id":1})");
     request["method"] = method;
     request["params"] = params;
-    std::string text;
-    CppJson::WriteJsonToString(request, text, 1);
+    const std::string text = testsupport::jsonText(request);
     Process process({tree.program("lunetctl"), "--runtime", tree.path(), "call", lunet::kAgentGuid, text});
     EXPECT_EQ(0, process.wait()) << process.err();
-    return object(process.out())["result"];
+    return jsonOf(process.out())["result"];
   }
   AgentTree tree{{.group = secondUsersGroup(), .start = true, .uid = {}}};
   PeerConsole user{tree, secondUser()};
@@ -654,7 +649,7 @@ TEST_F(AgentSecondUser, WhatHeCannotReadIsAnErrorAndNotReadForHim) {
   const std::string hidden = file("hidden", eicar(), 0, 0600);
   const std::string open = file("open", eicar(), 0, 0644);
   scan(user, {tree.data()}, "{}");
-  const auto risks = user.notices("reportRiskInfo");
+  const auto risks = user.messages("reportRiskInfo");
   ASSERT_EQ(1U, risks.size());
   EXPECT_EQ(open, risks[0].params["risk_info"]["item"].asString());
   EXPECT_EQ(1, user.last("reportScanBusOverView")["overview"]["failed_item_count"].asInt());
@@ -678,7 +673,7 @@ TEST_F(AgentSecondUser, WhatHeCouldNotRemoveHimselfIsNotQuarantinedForHim) {
   EXPECT_TRUE(std::filesystem::exists(ownHere));
   EXPECT_FALSE(std::filesystem::exists(ownThere)) << tree.log();
   std::set<int> results;
-  for (const auto& notice : user.notices("reportRiskFixInfo")) {
+  for (const auto& notice : user.messages("reportRiskFixInfo")) {
     const bool his = notice.params["risk_info"]["item"].asString() == ownThere;
     EXPECT_EQ(his ? 1 : 4, notice.params["risk_repair_result"]["handle_result"].asInt());
   }
@@ -689,14 +684,14 @@ TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
   params["scan_type"] = 2;
   params["fix_method"] = 2;
   params["items"].append(tree.busyFolder());
-  Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+  Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
   request["params"] = params;
   const std::string token = callAsRoot("startScanTask", request)["token_id"].asString();
   ASSERT_EQ(1U, callAsRoot("getBusList", Json::Value()).size());
   EXPECT_EQ(0U, user.call("getBusList", Json::Value()).size());
   EXPECT_FALSE(user.control(kStop, token));
   EXPECT_EQ(1U, callAsRoot("getBusList", Json::Value()).size());
-  Json::Value stop = object(R"({"action":1,"detail":"","mark":8,"payload":null,"source":1})");
+  Json::Value stop = jsonOf(R"({"action":1,"detail":"","mark":8,"payload":null,"source":1})");
   stop["token_id"] = token;
   EXPECT_TRUE(callAsRoot("ctlBus", stop).asBool());
   ASSERT_TRUE(waitFor([&] { return callAsRoot("getBusList", Json::Value()).empty(); }));
@@ -711,8 +706,8 @@ TEST_F(AgentSecondUser, MaySeeHisOwnQuarantinedItemsOnly) {
   file("his/own", eicar(), kUser, 0644);
   ASSERT_EQ(0, chown((tree.data() + "/his").c_str(), kUser, 0));
   file("roots/file", eicar(), 0, 0644);
-  Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
-  request["params"] = object(R"({"scan_type":2,"fix_method":0})");
+  Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+  request["params"] = jsonOf(R"({"scan_type":2,"fix_method":0})");
   request["params"]["items"].append(tree.data());
   callAsRoot("startScanTask", request);
   ASSERT_TRUE(waitFor([&] { return callAsRoot("getIsolationInfo", Json::Value()).size() == 2; }))
@@ -722,7 +717,7 @@ TEST_F(AgentSecondUser, MaySeeHisOwnQuarantinedItemsOnly) {
 
 TEST_F(AgentSecondUser, AsAMemberOfTheGroupHeMayChangeSettings) {
   EXPECT_TRUE(
-      user.call("setAVConfig", object(R"({"config_str":"{\"Common\":{\"SkipSize\":3}}","config_type":0,
+      user.call("setAVConfig", jsonOf(R"({"config_str":"{\"Common\":{\"SkipSize\":3}}","config_type":0,
                                                  "request_source":1})"))
           .asBool());
 }

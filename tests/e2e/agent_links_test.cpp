@@ -13,7 +13,7 @@
 
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
-#include "json/CppJson.h"
+#include "support/Json.h"
 #include "support/Samples.h"
 
 namespace {
@@ -21,15 +21,10 @@ namespace {
 using ::testing::HasSubstr;
 using testsupport::AgentTree;
 using testsupport::eicar;
+using testsupport::jsonOf;
 using testsupport::kSecondUser;
 using testsupport::PeerConsole;
 using testsupport::readFile;
-
-Json::Value object(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
-}
 
 class PlantedByASecondUser : public ::testing::Test {
  protected:
@@ -50,7 +45,7 @@ class PlantedByASecondUser : public ::testing::Test {
     return path;
   }
   void scan(PeerConsole& console) {
-    const Json::Value answer = console.startScan({tree.data()}, object(R"({"fix_method":0})"));
+    const Json::Value answer = console.startScan({tree.data()}, jsonOf(R"({"fix_method":0})"));
     EXPECT_TRUE(console.waitForState(2, answer["token_id"].asString())) << tree.log();
   }
   /// A detection of his own, taken away; its id.
@@ -63,8 +58,8 @@ class PlantedByASecondUser : public ::testing::Test {
   }
   /// What became of the item's restore: "" when it was done, else the reason.
   std::string restore(PeerConsole& console, const std::string& uuid, const std::string& where = "") {
-    Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
-    request["params"] = object(R"({"action":1,"item_number":0,"is_all":false,"items":[]})");
+    Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+    request["params"] = jsonOf(R"({"action":1,"item_number":0,"is_all":false,"items":[]})");
     request["params"]["custom_path"] = where;
     request["params"]["items"].append(uuid);
     const Json::Value answer = console.call("startDeIsolate", request);

@@ -12,6 +12,7 @@
 #include "e2e/AgentTree.h"
 #include "json/CppJson.h"
 #include "support/ArchiveMaker.h"
+#include "support/Json.h"
 #include "support/Samples.h"
 
 namespace {
@@ -19,18 +20,13 @@ namespace {
 using ::testing::HasSubstr;
 using testsupport::AgentTree;
 using testsupport::eicar;
+using testsupport::jsonOf;
 using testsupport::PeerConsole;
 
 constexpr int kScanSettings = 0;
 constexpr int kQuarantineSettings = 2;
 constexpr int kEngineSettings = 4;
 constexpr int kStrongCustomScan = 5;
-
-Json::Value object(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
-}
 
 class ObeyedSetting : public ::testing::Test {
  protected:
@@ -53,16 +49,16 @@ class ObeyedSetting : public ::testing::Test {
   }
   /// Scans all files; how many detections were told of.
   std::size_t scan(const std::string& changes = "{}") {
-    const std::size_t before = console->notices("reportRiskInfo").size();
-    const Json::Value answer = console->startScan({tree.data()}, object(changes));
+    const std::size_t before = console->messages("reportRiskInfo").size();
+    const Json::Value answer = console->startScan({tree.data()}, jsonOf(changes));
     EXPECT_TRUE(answer["status"].asBool()) << answer["detail"].asString();
     EXPECT_TRUE(console->waitForState(2, answer["token_id"].asString())) << tree.log();
-    return console->notices("reportRiskInfo").size() - before;
+    return console->messages("reportRiskInfo").size() - before;
   }
   /// Scans with the word on handling left to the settings.
   void scanAsSet() {
-    Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
-    request["params"] = object(R"({"scan_type":2})");
+    Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+    request["params"] = jsonOf(R"({"scan_type":2})");
     request["params"]["items"].append(tree.data());
     const Json::Value answer = console->call("startScanTask", request);
     EXPECT_TRUE(console->waitForState(2, answer["token_id"].asString())) << tree.log();
@@ -234,9 +230,9 @@ class EngineSwitch : public ObeyedSetting, public ::testing::WithParamInterface<
   }
   std::set<int> engines() {
     std::set<int> codes;
-    const std::size_t before = console->notices("reportRiskInfo").size();
+    const std::size_t before = console->messages("reportRiskInfo").size();
     scan(R"({"scan_type":)" + std::to_string(kStrongCustomScan) + "}");
-    const auto told = console->notices("reportRiskInfo");
+    const auto told = console->messages("reportRiskInfo");
     for (std::size_t i = before; i < told.size(); ++i) {
       codes.insert(told[i].params["risk_info"]["engine_mark"].asInt());
     }

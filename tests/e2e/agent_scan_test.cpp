@@ -13,6 +13,7 @@
 
 #include "e2e/AgentTree.h"
 #include "json/CppJson.h"
+#include "support/Json.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 
@@ -24,14 +25,9 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using testsupport::AgentTree;
 using testsupport::eicar;
+using testsupport::jsonOf;
 using testsupport::PeerConsole;
 using testsupport::waitFor;
-
-Json::Value object(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
-}
 
 class AgentScan : public ::testing::Test {
  protected:
@@ -45,7 +41,7 @@ class AgentScan : public ::testing::Test {
   }
   std::set<std::string> risks() const {
     std::set<std::string> paths;
-    for (const auto& notice : console.notices("reportRiskFixInfo")) {
+    for (const auto& notice : console.messages("reportRiskFixInfo")) {
       paths.insert(json::decodePath(notice.params["risk_info"]["item"].asString()));
     }
     return paths;
@@ -95,10 +91,10 @@ TEST_F(AgentScan, EveryNotificationCarriesTheFreshTokenAndObjects) {
   tree.write("eicar.com", eicar());
   const std::string token = scan({tree.data()});
   ASSERT_FALSE(token.empty());
-  for (const auto& notice : console.notices()) {
+  for (const auto& notice : console.messages()) {
     EXPECT_EQ(token, notice.params["token_id"].asString()) << notice.method;
   }
-  for (const auto& notice : console.notices("reportBusStatus")) {
+  for (const auto& notice : console.messages("reportBusStatus")) {
     EXPECT_TRUE(notice.params["ctx"].isObject());
     EXPECT_TRUE(notice.params["params"].isObject());
     EXPECT_EQ(0, notice.params["type"].asInt());
@@ -110,7 +106,7 @@ TEST_F(AgentScan, TheLastOverviewAndProgressOneHundredComeBeforeTheEnd) {
   tree.write("file", "x");
   scan({tree.data()});
   std::vector<std::string> order;
-  for (const auto& notice : console.notices()) {
+  for (const auto& notice : console.messages()) {
     order.push_back(notice.method);
   }
   ASSERT_GE(order.size(), 3U);
@@ -123,8 +119,8 @@ TEST_F(AgentScan, TheLastOverviewAndProgressOneHundredComeBeforeTheEnd) {
 TEST_F(AgentScan, ARiskIsToldAndThenWhatBecameOfIt) {
   const std::string path = tree.write("eicar.com", eicar());
   scan({tree.data()});
-  const auto risk = console.notices("reportRiskInfo");
-  const auto fix = console.notices("reportRiskFixInfo");
+  const auto risk = console.messages("reportRiskInfo");
+  const auto fix = console.messages("reportRiskFixInfo");
   ASSERT_EQ(1U, risk.size());
   ASSERT_EQ(1U, fix.size());
   EXPECT_EQ(5, risk[0].params["risk_info_type"].asInt());
@@ -140,7 +136,7 @@ TEST_F(AgentScan, ARiskIsToldAndThenWhatBecameOfIt) {
 
 TEST_F(AgentScan, AutomaticHandlingQuarantinesWhatItFinds) {
   const std::string path = tree.write("eicar.com", eicar());
-  scan({tree.data()}, object(R"({"fix_method":0})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   const Json::Value fix = console.last("reportRiskFixInfo");
   EXPECT_EQ(1, fix["risk_repair_result"]["handle_result"].asInt())
       << fix["risk_repair_result"]["handle_detail"].asString();
@@ -154,7 +150,7 @@ TEST_F(AgentScan, AutomaticHandlingQuarantinesWhatItFinds) {
 TEST_F(AgentScan, HandleActionDeleteRemovesForGoodAndNothingIsKept) {
   set("Common", R"({"FixMethod":0,"HandleAction":1})");
   const std::string path = tree.write("eicar.com", eicar());
-  scan({tree.data()}, object(R"({"fix_method":0})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(0U, console.call("getIsolationInfo", Json::Value()).size());
   EXPECT_EQ(1, console.last("reportRiskFixInfo")["risk_repair_result"]["handle_result"].asInt());
@@ -218,7 +214,7 @@ TEST_F(AgentScan, SpecialFilesAreSkippedAndCounted) {
 
 TEST_F(AgentScan, TheAgentsOwnStoreIsNotScanned) {
   tree.write("eicar.com", eicar());
-  scan({tree.data()}, object(R"({"fix_method":0})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   const std::size_t before = risks().size();
   scan({tree.path()});
   EXPECT_EQ(before, risks().size());
@@ -230,12 +226,12 @@ TEST_F(AgentScan, AnEmptyFolderIsFinishedWithNothing) {
 }
 
 TEST_F(AgentScan, TheContextGivenAlongComesBackWithEveryState) {
-  Json::Value request = object(R"({"ctx":{"mine":7},"desc":"","source":1,"token_id":""})");
-  request["params"] = object(R"({"scan_type":2,"fix_method":2})");
+  Json::Value request = jsonOf(R"({"ctx":{"mine":7},"desc":"","source":1,"token_id":""})");
+  request["params"] = jsonOf(R"({"scan_type":2,"fix_method":2})");
   request["params"]["items"].append(tree.data());
   const std::string token = console.call("startScanTask", request)["token_id"].asString();
   ASSERT_TRUE(console.waitForState(2, token));
-  for (const auto& notice : console.notices("reportBusStatus")) {
+  for (const auto& notice : console.messages("reportBusStatus")) {
     EXPECT_EQ(7, notice.params["ctx"]["mine"].asInt());
   }
 }
@@ -294,16 +290,16 @@ TEST_F(AgentScan, AnEngineThatIsSwitchedOffFindsNothing) {
   ASSERT_EQ(1U, risks().size());
   const int mark = console.last("reportRiskInfo")["risk_info"]["engine_mark"].asInt();
   set("MultiEngines", std::string("{\"") + (mark == 3 ? "RDAengine" : "RDAOLDengine") + "\":false}", 4);
-  const std::size_t before = console.notices("reportRiskInfo").size();
+  const std::size_t before = console.messages("reportRiskInfo").size();
   scan({tree.data()});
-  EXPECT_EQ(before, console.notices("reportRiskInfo").size());
+  EXPECT_EQ(before, console.messages("reportRiskInfo").size());
 }
 
 // Trust and reject.
 
 Json::Value region(int action, int type, const std::string& item) {
-  Json::Value request = object(R"({"desc":"","region_type":0,"source":1})");
-  request["items"] = object(R"({"domain":0,"is_all":false})");
+  Json::Value request = jsonOf(R"({"desc":"","region_type":0,"source":1})");
+  request["items"] = jsonOf(R"({"domain":0,"is_all":false})");
   request["items"]["action"] = action;
   request["items"]["type"] = type;
   request["items"]["items"].append(item);
@@ -324,9 +320,9 @@ TEST_F(AgentScan, ATrustedFileIsSkippedAndCountedUntilItIsTrustedNoMore) {
 TEST_F(AgentScan, ATrustedHashIsToldAsTrustedAndLeftAlone) {
   const std::string path = tree.write("eicar.com", eicar());
   ASSERT_TRUE(console.call("ctlRegion", region(0, 3, "44d88612fea8a8f36de82e1278abb02f")).asBool());
-  scan({tree.data()}, object(R"({"fix_method":0})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   EXPECT_TRUE(std::filesystem::exists(path));
-  EXPECT_THAT(console.notices("reportRiskInfo"), IsEmpty());
+  EXPECT_THAT(console.messages("reportRiskInfo"), IsEmpty());
   EXPECT_EQ(6, console.last("reportRiskFixInfo")["risk_repair_result"]["handle_result"].asInt());
   EXPECT_EQ(0, overview()["checkout_risk_count"].asInt());
   EXPECT_EQ(1, overview()["trusted_risk_count"].asInt());
@@ -375,9 +371,9 @@ TEST_F(AgentScan, AProcessThatRunsADetectionIsToldAndEndedWhenSoSet) {
   }));
 
   set("Common", R"({"MemCheck":true})");
-  scan({tree.data()}, object(R"({"fix_method":0,"handle_action":3})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0,"handle_action":3})"));
   Json::Value told;
-  for (const auto& notice : console.notices("reportRiskFixInfo")) {
+  for (const auto& notice : console.messages("reportRiskFixInfo")) {
     if (notice.params["risk_info_type"].asInt() == 3) {
       told = notice.params;
     }
@@ -388,10 +384,10 @@ TEST_F(AgentScan, AProcessThatRunsADetectionIsToldAndEndedWhenSoSet) {
   EXPECT_TRUE(victim.running());
 
   set("Common", R"({"FixMethod_MemRisk":1})");
-  scan({tree.data()}, object(R"({"fix_method":0})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   EXPECT_EQ(128 + SIGKILL, victim.wait());
   bool ended = false;
-  for (const auto& notice : console.notices("reportRiskFixInfo")) {
+  for (const auto& notice : console.messages("reportRiskFixInfo")) {
     ended = ended || (notice.params["risk_info_type"].asInt() == 3 &&
                       notice.params["risk_repair_result"]["handle_result"].asInt() == 2);
   }
@@ -408,30 +404,30 @@ TEST_P(ConfigTypes, AreAnsweredAsTheTextOfADocument) {
   request["request_source"] = 1;
   const Json::Value answer = console.call("getAVConfig", request);
   ASSERT_TRUE(answer.isString());
-  EXPECT_TRUE(object(answer.asString()).isObject());
+  EXPECT_TRUE(jsonOf(answer.asString()).isObject());
 }
 INSTANTIATE_TEST_SUITE_P(Types, ConfigTypes, ::testing::Values(0, 1, 2, 4),
                          [](const auto& row) { return "Type" + std::to_string(row.param); });
 
 TEST_F(AgentScan, AnUnknownConfigTypeIsAnErrorAnswer) {
-  EXPECT_THROW(console.call("getAVConfig", object(R"({"config_type":9,"request_source":1})")),
+  EXPECT_THROW(console.call("getAVConfig", jsonOf(R"({"config_type":9,"request_source":1})")),
                std::runtime_error);
 }
 
 TEST_F(AgentScan, AWrongSettingIsAnsweredFalseAndChangesNothing) {
-  const Json::Value before = console.call("getAVConfig", object(R"({"config_type":0,"request_source":1})"));
-  Json::Value request = object(R"({"config_type":0,"request_source":1})");
+  const Json::Value before = console.call("getAVConfig", jsonOf(R"({"config_type":0,"request_source":1})"));
+  Json::Value request = jsonOf(R"({"config_type":0,"request_source":1})");
   request["config_str"] = R"({"Common":{"Parallelism":100000}})";
   EXPECT_FALSE(console.call("setAVConfig", request).asBool());
-  EXPECT_EQ(before, console.call("getAVConfig", object(R"({"config_type":0,"request_source":1})")));
+  EXPECT_EQ(before, console.call("getAVConfig", jsonOf(R"({"config_type":0,"request_source":1})")));
 }
 
 // Restore.
 
 TEST_F(AgentScan, ARestoreOfAnUnknownItemIsStatusFalseWithItsReason) {
-  Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+  Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
   request["params"] =
-      object(R"({"action":1,"item_number":0,"is_all":false,"custom_path":"","items":["no-such"]})");
+      jsonOf(R"({"action":1,"item_number":0,"is_all":false,"custom_path":"","items":["no-such"]})");
   const Json::Value answer = console.call("startDeIsolate", request);
   EXPECT_FALSE(answer["status"].asBool());
   ASSERT_EQ(1U, answer["detail"].size());
@@ -441,17 +437,17 @@ TEST_F(AgentScan, ARestoreOfAnUnknownItemIsStatusFalseWithItsReason) {
 
 TEST_F(AgentScan, ARestoredItemIsBackAndWithTrustItIsNotFoundAgain) {
   const std::string path = tree.write("eicar.com", eicar());
-  scan({tree.data()}, object(R"({"fix_method":0})"));
+  scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   const std::string uuid = console.call("getIsolationInfo", Json::Value())[0]["uuid"].asString();
-  Json::Value request = object(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
-  request["params"] = object(R"({"action":2,"item_number":0,"is_all":false,"custom_path":"","items":[]})");
+  Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
+  request["params"] = jsonOf(R"({"action":2,"item_number":0,"is_all":false,"custom_path":"","items":[]})");
   request["params"]["items"].append(uuid);
   const Json::Value answer = console.call("startDeIsolate", request);
   EXPECT_TRUE(answer["status"].asBool()) << answer["detail"].toStyledString();
   EXPECT_EQ(eicar(), testsupport::readFile(path));
-  const std::size_t before = console.notices("reportRiskInfo").size();
+  const std::size_t before = console.messages("reportRiskInfo").size();
   scan({tree.data()});
-  EXPECT_EQ(before, console.notices("reportRiskInfo").size());
+  EXPECT_EQ(before, console.messages("reportRiskInfo").size());
 }
 
 }  // namespace

@@ -226,7 +226,7 @@ TEST_F(ConsolePty, ANotificationInASearchComesAboveIt) {
 TEST_F(ConsolePty, KeysTypedWhileACommandWaitsForTheAgentArriveAtTheNextPrompt) {
   startToPrompt();
   program().type("CACHE SHOW SCANCACHE\r");
-  const LunetctlAgent::Call call = agent_.waitForCall("getScanCacheDetail");
+  const LunetctlAgent::Message call = agent_.waitForCall("getScanCacheDetail");
   program().type("half a line");
   agent_.answer(call, 42);
   ASSERT_TRUE(program().waitForText("  当前存在42项扫描缓存"));

@@ -146,8 +146,8 @@ TEST_F(PipedConsole, QuitEndsAtOnceWithoutSavingTheHistory) {
 TEST_F(PipedConsole, StartsAScanAndShowsItsNotifications) {
   start();
   console_->write("scan start handle auto mode fast\n");
-  const LunetctlAgent::Call call = agent_.waitForCall("startScanTask");
-  EXPECT_EQ(call.params()["params"]["scan_type"].asInt(), 0);
+  const LunetctlAgent::Message call = agent_.waitForCall("startScanTask");
+  EXPECT_EQ(call.params["params"]["scan_type"].asInt(), 0);
   Json::Value accepted;
   accepted["status"] = true;
   agent_.answer(call, accepted);
@@ -195,11 +195,11 @@ TEST_P(PipedConsoleSignal, EndsTheLoopAsEndOfInputDoes) {
 TEST_P(PipedConsoleSignal, EndsAListOfRequestsBehindTheOneThatWaits) {
   start();
   console_->write("CONFIG SHOW\n");
-  const LunetctlAgent::Call first = agent_.waitForCall("getAVConfig");
+  const LunetctlAgent::Message first = agent_.waitForCall("getAVConfig");
   console_->kill(GetParam());
   agent_.answer(first, "{}");
   EXPECT_EQ(console_->wait(), 0);
-  EXPECT_EQ(agent_.callsSeen(), 1U);
+  EXPECT_EQ(agent_.callsTaken(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Interactive, PipedConsoleSignal, testing::Values(SIGTERM, SIGINT, SIGHUP),

@@ -1,9 +1,5 @@
 #include "Recorders.h"
 
-#include <gtest/gtest.h>
-
-#include "json/CppJson.h"
-
 namespace rpctest {
 
 Json::Value sampleOf(JsonKind kind, int seed) {
@@ -67,14 +63,6 @@ std::vector<Json::Value> valuesOfOtherKinds(JsonKind kind) {
   return others;
 }
 
-namespace {
-std::string written(const Json::Value& value) {
-  std::string text;
-  CppJson::WriteJsonToString(value, text, 1);
-  return text;
-}
-}  // namespace
-
 std::string requestText(const std::string& method, const Json::Value& params, const Json::Value& id) {
   Json::Value request;
   request["jsonrpc"] = "2.0";
@@ -83,7 +71,7 @@ std::string requestText(const std::string& method, const Json::Value& params, co
   if (!params.isNull()) {
     request["params"] = params;
   }
-  return written(request);
+  return jsonText(request);
 }
 
 std::string notificationText(const std::string& method, const Json::Value& params) {
@@ -91,13 +79,7 @@ std::string notificationText(const std::string& method, const Json::Value& param
   request["jsonrpc"] = "2.0";
   request["method"] = method;
   request["params"] = params;
-  return written(request);
-}
-
-Json::Value parsed(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
+  return jsonText(request);
 }
 
 std::string rowName(const MethodRow& row) {

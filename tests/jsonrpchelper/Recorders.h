@@ -13,8 +13,12 @@
 #include "jsonrpchelper/IAgentAbstract.h"
 #include "jsonrpchelper/IBusinessCAbstract.h"
 #include "jsonrpchelper/IScanCAbstract.h"
+#include "support/Json.h"
 
 namespace rpctest {
+
+using testsupport::jsonOf;
+using testsupport::jsonText;
 
 using namespace jsonrpchelper;
 
@@ -121,8 +125,6 @@ Json::Value recordedCall(const MethodRow& row, const Json::Value& parameters);
 std::vector<Json::Value> valuesOfOtherKinds(JsonKind kind);
 std::string requestText(const std::string& method, const Json::Value& params, const Json::Value& id);
 std::string notificationText(const std::string& method, const Json::Value& params);
-/// Parses; a test failure and null when it does not.
-Json::Value parsed(const std::string& text);
 std::string rowName(const MethodRow& row);
 
 }  // namespace rpctest

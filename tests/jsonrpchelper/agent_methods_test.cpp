@@ -7,7 +7,6 @@
 
 #include "ByName.h"
 #include "Recorders.h"
-#include "json/CppJson.h"
 #include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/FakeEndpoint.h"
@@ -98,28 +97,28 @@ TEST(MethodTables, AMemberTravelsUnderItsOwnNameAndNoOther) {
       {parametersOf(GetScanCacheDetail{}), "null"},
       {parametersOf(ReportRiskInfo{.business_type = 1,
                                    .fix_method = 2,
-                                   .risk_info = parsed(R"({"a":1})"),
+                                   .risk_info = jsonOf(R"({"a":1})"),
                                    .risk_info_type = 3,
                                    .token_id = "token_id"}),
        R"({"business_type":1,"fix_method":2,"risk_info":{"a":1},"risk_info_type":3,"token_id":"token_id"})"},
       {parametersOf(ReportRiskFixInfo{.business_type = 1,
                                       .fix_method = 2,
-                                      .risk_info = parsed(R"({"a":1})"),
+                                      .risk_info = jsonOf(R"({"a":1})"),
                                       .risk_info_type = 3,
-                                      .risk_repair_result = parsed(R"({"b":1})"),
+                                      .risk_repair_result = jsonOf(R"({"b":1})"),
                                       .token_id = "token_id"}),
        R"({"business_type":1,"fix_method":2,"risk_info":{"a":1},"risk_info_type":3,
            "risk_repair_result":{"b":1},"token_id":"token_id"})"},
-      {parametersOf(ReportScanBusOverView{.overview = parsed(R"({"a":1})"), .token_id = "token_id"}),
+      {parametersOf(ReportScanBusOverView{.overview = jsonOf(R"({"a":1})"), .token_id = "token_id"}),
        R"({"overview":{"a":1},"token_id":"token_id"})"},
       {parametersOf(ReportScanBusStage{.datail = "datail", .stage = 1, .token_id = "token_id"}),
        R"({"datail":"datail","stage":1,"token_id":"token_id"})"},
       {parametersOf(
-           ReportScanAttributeInfo{.payload = parsed(R"({"a":1})"), .source = 1, .token_id = "token_id"}),
+           ReportScanAttributeInfo{.payload = jsonOf(R"({"a":1})"), .source = 1, .token_id = "token_id"}),
        R"({"payload":{"a":1},"source":1,"token_id":"token_id"})"},
-      {parametersOf(ReportBusStatus{.ctx = parsed(R"({"a":1})"),
+      {parametersOf(ReportBusStatus{.ctx = jsonOf(R"({"a":1})"),
                                     .detail = "detail",
-                                    .params = parsed(R"({"b":1})"),
+                                    .params = jsonOf(R"({"b":1})"),
                                     .source = 1,
                                     .state = 2,
                                     .token_id = "token_id",
@@ -131,7 +130,7 @@ TEST(MethodTables, AMemberTravelsUnderItsOwnNameAndNoOther) {
   };
   EXPECT_EQ(std::size(rows), agentMethods().size() + consoleNotifications().size());
   for (const auto& [parameters, text] : rows) {
-    EXPECT_EQ(parameters, parsed(text));
+    EXPECT_EQ(parameters, jsonOf(text));
   }
 }
 
@@ -145,11 +144,9 @@ class Stub : public testing::TestWithParam<MethodRow> {
     endpoint.answer = [this](const std::string& request) {
       Json::Value answer;
       answer["jsonrpc"] = "2.0";
-      answer["id"] = parsed(request)["id"];
+      answer["id"] = jsonOf(request)["id"];
       answer["result"] = result;
-      std::string text;
-      CppJson::WriteJsonToString(answer, text, 1);
-      return text;
+      return jsonText(answer);
     };
   }
   bool isNotification() const { return GetParam().result == kNone; }
@@ -167,7 +164,7 @@ TEST_P(Stub, SendsItsParametersByNameAndGivesTheResult) {
 
   ASSERT_EQ(endpoint.sent.size(), 1u);
   EXPECT_EQ(endpoint.last().target, lunet::parseGuid(lunet::kAgentGuid));
-  const Json::Value request = parsed(endpoint.last().text);
+  const Json::Value request = jsonOf(endpoint.last().text);
   EXPECT_EQ(request["jsonrpc"], "2.0");
   EXPECT_EQ(request["method"], rowName(GetParam()));
   EXPECT_EQ(request["params"], parameters);
@@ -235,7 +232,7 @@ class AgentServer : public testing::TestWithParam<MethodRow> {
 
   /// What the agent answers to a request with these parameters.
   Json::Value ask(const Json::Value& parameters) {
-    return parsed(
+    return jsonOf(
         endpoint.deliver(lunet::kRequestChannel, requestText(rowName(GetParam()), parameters, 5), true)
             .reply);
   }

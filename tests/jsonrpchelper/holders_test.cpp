@@ -113,7 +113,7 @@ TEST_F(Holders, ARequestOfOneWhoIsTrustedIsAnsweredWithTheServersErrorAndAMember
   for (const auto& row : rows) {
     endpoint.peerProcess.trusted = row.trusted;
     const auto delivery = endpoint.deliver(lunet::kRequestChannel, row.request, true);
-    EXPECT_EQ(rpctest::parsed(delivery.reply)["error"]["code"], row.code) << row.request << row.trusted;
+    EXPECT_EQ(rpctest::jsonOf(delivery.reply)["error"]["code"], row.code) << row.request << row.trusted;
   }
 }
 

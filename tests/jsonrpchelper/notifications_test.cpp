@@ -63,7 +63,7 @@ TEST_P(Notification, GoesToOneProcessOnTheOneWayChannel) {
   EXPECT_EQ(agent.last().channel, 20991u);
   EXPECT_EQ(agent.last().target, target);
   EXPECT_EQ(agent.last().process, process);
-  const Json::Value message = parsed(agent.last().text);
+  const Json::Value message = jsonOf(agent.last().text);
   EXPECT_EQ(message["jsonrpc"], "2.0");
   EXPECT_EQ(message["method"], name());
   EXPECT_EQ(message["params"], parameters);
@@ -83,7 +83,7 @@ TEST_P(Notification, SendsWhatIsNoObjectAsAnEmptyOne) {
     }
   }
   notify(notifier, name(), parameters);
-  const Json::Value message = parsed(agent.last().text);
+  const Json::Value message = jsonOf(agent.last().text);
   for (const auto& parameter : GetParam().parameters) {
     if (parameter.kind == kObject) {
       EXPECT_EQ(message["params"][std::string(parameter.name)], Json::Value(Json::objectValue));

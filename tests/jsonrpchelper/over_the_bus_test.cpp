@@ -180,7 +180,7 @@ TEST_F(LinkOverTheBus, AnotherProcessOfTheOwnUserIsHeardAtAnAddressThatIsNotTheA
   Agent other(tree.path(), "5D1C9F0E-3B1B-4B0A-9C55-0C6E0C0A7D11");
   const lunet::Guid target = lunet::parseGuid(lunet::kConsoleGuid);
   const std::string notice =
-      notificationText("reportBusProgress", parsed(R"({"progress":7,"token_id":"t"})"));
+      notificationText("reportBusProgress", jsonOf(R"({"progress":7,"token_id":"t"})"));
   ASSERT_EQ(other.endpoint().OnewaySend(target, lunet::kOnewayChannel, notice.data(),
                                         static_cast<std::uint32_t>(notice.size())),
             lunet::kOk);

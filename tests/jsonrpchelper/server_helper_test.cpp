@@ -39,7 +39,7 @@ class ServerHelper : public testing::Test {
   Json::Value ask(const std::string& text) {
     const auto delivery = endpoint.deliver(lunet::kRequestChannel, text, true);
     EXPECT_TRUE(delivery.replied);
-    return parsed(delivery.reply);
+    return jsonOf(delivery.reply);
   }
   void send(const std::string& text) {
     EXPECT_FALSE(endpoint.deliver(lunet::kOnewayChannel, text, false).replied);
@@ -334,7 +334,7 @@ TEST_F(ServerHelper, AMessageIsReadByItsLengthNotUpToAZero) {
   RecordingAgent agent(helper);
   agent.StartListening();
   agent.text = "ok";
-  std::string request = requestText("getAVConfig", parsed(R"({"config_type":0,"request_source":1})"), 1);
+  std::string request = requestText("getAVConfig", jsonOf(R"({"config_type":0,"request_source":1})"), 1);
   EXPECT_EQ(ask(request)["result"], "ok") << "the bytes behind it are no part of it";
   request.insert(request.size() - 2, std::string(1, '\0'));
   EXPECT_EQ(ask(request)["error"]["code"], Errors::ERROR_RPC_JSON_PARSE_ERROR);
@@ -343,7 +343,7 @@ TEST_F(ServerHelper, AMessageIsReadByItsLengthNotUpToAZero) {
 TEST_F(ServerHelper, AnEmptyMessageWithoutBytesIsAnswered) {
   testsupport::FakeEndpoint::Delivery delivery;
   helper.ReceiveCallback(lunet::kRequestChannel, 1, nullptr, 0, &delivery, &endpoint);
-  EXPECT_EQ(parsed(delivery.reply)["error"]["code"], Errors::ERROR_RPC_JSON_PARSE_ERROR);
+  EXPECT_EQ(jsonOf(delivery.reply)["error"]["code"], Errors::ERROR_RPC_JSON_PARSE_ERROR);
 }
 
 TEST_F(ServerHelper, WithoutARegistrationContextNothingIsSentBack) {

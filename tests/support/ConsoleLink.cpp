@@ -1,11 +1,9 @@
 #include "support/ConsoleLink.h"
 
-#include <json/value.h>
-
 #include <stdexcept>
 
 #include "jsonrpchelper/Holders.h"
-#include "lunet/BusConfig.h"
+#include "support/Json.h"
 
 namespace testsupport {
 
@@ -16,7 +14,7 @@ ConsoleLink::ConsoleLink(const std::string& runtimePath, std::uint32_t timeoutMs
   Json::Value settings;
   settings["runtime_path"] = runtimePath;
   settings["log_level"] = -1;
-  std::uint32_t error = bus_.init(lunet::compactText(settings), "console-link");
+  std::uint32_t error = bus_.init(jsonText(settings), "console-link");
   if (error == lunet::kOk) {
     error = bus_.createEndpoint() ? bus_.open(lunet::parseGuid(lunet::kConsoleGuid)) : lunet::kErrSystem;
   }

@@ -1,8 +1,5 @@
 #include "support/ScriptedAgent.h"
 
-#include <json/reader.h>
-#include <json/writer.h>
-
 #include <condition_variable>
 #include <filesystem>
 #include <map>
@@ -11,6 +8,7 @@
 #include <thread>
 
 #include "lunet/BusClient.h"
+#include "support/Json.h"
 #include "support/Wait.h"
 
 namespace testsupport {
@@ -18,21 +16,6 @@ namespace testsupport {
 namespace {
 
 constexpr int kMethodNotFound = -32601;
-
-std::string compact(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
-}
-
-Json::Value parsed(const std::string& text) {
-  Json::Value value;
-  Json::CharReaderBuilder builder;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text.data(), text.data() + text.size(), &value, &errors) ? value : Json::Value();
-}
 
 /// An answer to the request, its result or error still missing.
 Json::Value envelope(const Json::Value& request) {
@@ -83,10 +66,10 @@ ScriptedAgent::Bus::Bus(std::string runtimePath, const std::string& config) {
   if (const auto loaded = bus_.load(TAV_LIB_DIR "/libLunetClientMgr.so"); !loaded) {
     throw std::runtime_error("scripted agent: " + loaded.error());
   }
-  Json::Value settings = parsed(config);
+  Json::Value settings = jsonOf(config);
   settings["runtime_path"] = runtimePath;
   settings["log_level"] = -1;
-  const std::uint32_t error = bus_.init(compact(settings), "scripted-agent");
+  const std::uint32_t error = bus_.init(jsonText(settings), "scripted-agent");
   if (error != lunet::kOk) {
     throw std::runtime_error("scripted agent: Init failed with " + std::to_string(error));
   }
@@ -187,7 +170,7 @@ void ScriptedAgent::Bus::ReceiveCallback(std::uint32_t channel, std::uint64_t me
                                          void* registrationContext) {
   Call call;
   call.text.assign(static_cast<const char*>(data), length);
-  const Json::Value request = parsed(call.text);
+  const Json::Value request = tryJson(call.text).value_or(Json::Value());
   if (request.isObject()) {
     call.method = request["method"].isString() ? request["method"].asString() : "";
     call.params = request["params"];
@@ -205,14 +188,14 @@ void ScriptedAgent::Bus::ReceiveCallback(std::uint32_t channel, std::uint64_t me
   try {
     Json::Value answer = envelope(request);
     answer["result"] = respond(request.isObject() ? request["params"] : Json::Value());
-    reply = compact(answer);
+    reply = jsonText(answer);
   } catch (const Error& error) {
     Json::Value answer = envelope(request);
     answer["error"]["code"] = error.code;
     answer["error"]["message"] = error.message;
-    reply = compact(answer);
+    reply = jsonText(answer);
   } catch (const ResultText& result) {
-    reply = compact(envelope(request));
+    reply = jsonText(envelope(request));
     reply.insert(reply.rfind('}'), ",\"result\":" + result.json);
   } catch (const Text& text) {
     reply = text.reply;
@@ -286,7 +269,7 @@ std::uint32_t ScriptedAgent::notify(const std::string& method, const Json::Value
   message["jsonrpc"] = "2.0";
   message["method"] = method;
   message["params"] = params;
-  return notifyText(compact(message));
+  return notifyText(jsonText(message));
 }
 
 std::uint32_t ScriptedAgent::notifyText(const std::string& text) {

@@ -10,6 +10,7 @@
 #include "command/scan/BatchReport.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
+#include "support/Json.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -82,9 +83,8 @@ TEST_F(BatchReport, DetectionWithoutItemNamesItsFilepathSrc) {
 
 TEST_F(BatchReport, DetectionInAFileOf3GigabytesIsNotLost) {
   JsonReflect::VirusInfo info;
-  Json::Value wire;
-  ASSERT_TRUE(CppJson::LoadJsonString(R"({"item":"/big","filesize_src":3221225472,"risk_name":"n"})", wire));
-  ASSERT_TRUE(info.FromValue(wire));
+  ASSERT_TRUE(
+      info.FromValue(testsupport::jsonOf(R"({"item":"/big","filesize_src":3221225472,"risk_name":"n"})")));
   batchreport::addDetection(document_, info, result(1));
   EXPECT_NE(batchreport::text(document_, 1, "/data").find("染毒文件全路径：/big\n文件大小：0\n病毒名称：n\n"),
             std::string::npos);

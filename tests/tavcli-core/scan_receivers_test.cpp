@@ -14,9 +14,9 @@
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanReceivers.h"
 #include "command/scan/ScanRunState.h"
-#include "json/CppJson.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/ConsoleLink.h"
+#include "support/Json.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
@@ -24,12 +24,7 @@
 namespace {
 
 using testing::HasSubstr;
-
-Json::Value parsed(const std::string& text) {
-  Json::Value value;
-  CppJson::LoadJsonString(text, value);
-  return value;
-}
+using testsupport::jsonOf;
 
 /// What a step prints.
 template <class Step>
@@ -82,7 +77,7 @@ class Receivers : public testing::Test {
     });
   }
   std::string overview(const std::string& counters) {
-    return printed([&] { scan_.reportScanBusOverView({.overview = parsed(counters), .token_id = "token"}); });
+    return printed([&] { scan_.reportScanBusOverView({.overview = jsonOf(counters), .token_id = "token"}); });
   }
   static Json::Value document() { return ScanRunState::instance().result(); }
 
@@ -101,10 +96,10 @@ class Receivers : public testing::Test {
 };
 
 const Json::Value kRisk =
-    parsed(R"({"item":"/data/a","risk_name":"Eicar","filesize_src":68,"risk_type_name":"t"})");
-const Json::Value kRepair = parsed(R"({"handle_result":1,"handle_detail":"moved","handle_time":1700000000})");
+    jsonOf(R"({"item":"/data/a","risk_name":"Eicar","filesize_src":68,"risk_type_name":"t"})");
+const Json::Value kRepair = jsonOf(R"({"handle_result":1,"handle_detail":"moved","handle_time":1700000000})");
 const Json::Value kProcess =
-    parsed(R"({"process_info":{"exec_file_name":"/bin/x","proc_risks":[{"item":"/bin/x"}]}})");
+    jsonOf(R"({"process_info":{"exec_file_name":"/bin/x","proc_risks":[{"item":"/bin/x"}]}})");
 
 // What is taken and what is passed over.
 
@@ -155,7 +150,7 @@ TEST_F(Receivers, AnOverviewThatIsNullPrintsNothing) {
   EXPECT_EQ(overview("null"), "");
 }
 TEST_F(Receivers, AnOddMemberDoesNotCostTheRest) {
-  EXPECT_THAT(risk(parsed(R"({"find_time":1e300,"engine_mark":[],"finder":{},"item":5,"risk_name":"kept"})")),
+  EXPECT_THAT(risk(jsonOf(R"({"find_time":1e300,"engine_mark":[],"finder":{},"item":5,"risk_name":"kept"})")),
               HasSubstr("风险项名称 : kept\n"));
 }
 
@@ -209,7 +204,7 @@ TEST_F(Receivers, UnattendedAFileRepairEntersTheReport) {
   unattended();
   repair(kRisk, kRepair);
   EXPECT_EQ(document()["virus"],
-            parsed(R"([{"path":"/data/a","name":"Eicar","type":"t","size":68,"handle":1}])"));
+            jsonOf(R"([{"path":"/data/a","name":"Eicar","type":"t","size":68,"handle":1}])"));
 }
 TEST_F(Receivers, UnattendedAProcessRepairAddsNothingToTheReport) {
   unattended();
@@ -339,7 +334,7 @@ TEST_F(Receivers, AtThePromptEntriesThatCouldNotBeScannedAddNothingToTheEnd) {
 // Over the bus.
 
 Json::Value status(int state) {
-  Json::Value params = parsed(R"({"ctx":{},"detail":"","params":{},"source":1,"token_id":"t","type":0})");
+  Json::Value params = jsonOf(R"({"ctx":{},"detail":"","params":{},"source":1,"token_id":"t","type":0})");
   params["state"] = state;
   return params;
 }
@@ -354,11 +349,11 @@ int wholeUnattendedRun() {
   state.set_batch_mode();
   state.set_log_path(dir.at("report"));
   state.set_scan_path("/data");
-  Json::Value repair = parsed(R"({"business_type":0,"fix_method":2,"risk_info_type":5,"token_id":"t"})");
+  Json::Value repair = jsonOf(R"({"business_type":0,"fix_method":2,"risk_info_type":5,"token_id":"t"})");
   repair["risk_info"] = kRisk;
   repair["risk_repair_result"] = kRepair;
   const Json::Value overview =
-      parsed(R"({"overview":{"checked_item_count":200,"checkout_risk_count":200},"token_id":"t"})");
+      jsonOf(R"({"overview":{"checked_item_count":200,"checkout_risk_count":200},"token_id":"t"})");
 
   tavcli::SignalAwarePause pause;
   const tavcli::BatchHost host{[&](const char*) {

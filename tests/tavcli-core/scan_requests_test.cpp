@@ -8,6 +8,7 @@
 #include "jsonrpchelper/Holders.h"
 #include "platform/CLogDebug.h"
 #include "support/ConsoleLink.h"
+#include "support/Json.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
 
@@ -17,12 +18,7 @@ using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-Json::Value parsed(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-  return value;
-}
+using testsupport::jsonOf;
 
 class ScanRequests : public testing::Test {
  protected:
@@ -31,7 +27,7 @@ class ScanRequests : public testing::Test {
     log->SetProperty(CLogDebug::kPath, dir_.at("log"));
     log->SetProperty(CLogDebug::kName, "t");
     log->SetProperty(CLogDebug::kLevel, "4");
-    agent_.answer("startScanTask", parsed(R"({"status":true})"));
+    agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
     agent_.answer("ctlBus", true);
   }
   ~ScanRequests() override { CLogDebug::Close(); }
@@ -74,7 +70,7 @@ TEST_P(ScanConfig, IsReadAsItsRowSays) {
   EXPECT_EQ(printing([&] { return CliScanCommunication::get_scanconfig(handle); }), GetParam().result);
   EXPECT_EQ(handle, GetParam().handle);
   EXPECT_EQ(out_, GetParam().printed);
-  EXPECT_EQ(onlyParams("getAVConfig"), parsed(R"({"config_type":0,"request_source":1})"));
+  EXPECT_EQ(onlyParams("getAVConfig"), jsonOf(R"({"config_type":0,"request_source":1})"));
 }
 
 const Setting kSettings[] = {
@@ -127,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(ScanRequests, ScanType, testing::ValuesIn(kTypes),
 
 TEST_F(ScanRequests, AStartSendsEveryMemberAsItsTableSays) {
   EXPECT_EQ(CliScanCommunication::action_startscan(json::Handling::kReportOnly, 2, {"/a", "/b"}, 1), 1);
-  Json::Value expected = parsed(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
+  Json::Value expected = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
       "follow_link":false,"max_scan_sec":0,"custom_stop":true,"items":["/a","/b"],"force_scan":false,
       "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
       "expire_time":0,"scan_type":2}})");
@@ -163,7 +159,7 @@ struct Answer {
 };
 class StartAnswer : public ScanRequests, public testing::WithParamInterface<Answer> {};
 TEST_P(StartAnswer, DecidesTheResultAndPrintsNothing) {
-  agent_.answer("startScanTask", parsed(GetParam().answer));
+  agent_.answer("startScanTask", jsonOf(GetParam().answer));
   EXPECT_EQ(
       printing([] { return CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1); }),
       GetParam().result);
@@ -187,7 +183,7 @@ struct Tasks {
 };
 class RunningTasks : public ScanRequests, public testing::WithParamInterface<Tasks> {};
 TEST_P(RunningTasks, AreListedAsTheirRowSays) {
-  agent_.answer("getBusList", parsed(GetParam().list));
+  agent_.answer("getBusList", jsonOf(GetParam().list));
   EXPECT_EQ(printing([] { return CliScanCommunication::action_showscan(); }), GetParam().result);
   EXPECT_EQ(out_, GetParam().printed);
 }
@@ -217,7 +213,7 @@ struct ControlRow {
 class TaskControl : public ScanRequests, public testing::WithParamInterface<ControlRow> {};
 TEST_P(TaskControl, SendsItsRow) {
   EXPECT_EQ(CliScanCommunication::action_ctlscan("the token", GetParam().action), 1);
-  Json::Value expected = parsed(GetParam().params);
+  Json::Value expected = jsonOf(GetParam().params);
   expected["payload"] = Json::Value();
   expected["source"] = 1;
   expected["token_id"] = "the token";

@@ -20,7 +20,7 @@ struct ValueName {
   const char* name;
 };
 
-/// The names of a setting's values, and the one for every other value.
+/// The names of a setting's values, and the name of every other value.
 struct ValueNames {
   std::span<const ValueName> names;
   const char* other;
@@ -45,83 +45,83 @@ constexpr ValueNames kTraces{kTraceNames, kOff};
 constexpr ValueNames kCleanUnits{kCleanUnitNames, ""};
 
 enum class Kind {
-  Switch,  ///< on or off
-  Named,   ///< by the table of names
-  Count,   ///< a number
-  Megabytes,
-  Gigabytes,
-  Texts,  ///< every element of an array, each with a ';' behind it
+  kSwitch,  ///< on or off
+  kNamed,   ///< a name from the table of names
+  kCount,
+  kMegabytes,
+  kGigabytes,
+  kTexts,  ///< every element of an array, each with a ';' behind it
 };
 
 struct RowSpec {
   const char* key;
   const char* label;
   Kind kind;
-  const ValueNames* names = nullptr;  ///< of Named
+  const ValueNames* names = nullptr;  ///< of kNamed
 };
 
 constexpr RowSpec kScanCommon[] = {
-    {"NetworkmapScan", "扫描网络映射驱动器", Kind::Switch},
-    {"AntiInfection", "防感染模式", Kind::Switch},
-    {"SkipSystemRepair", "跳过系统修复项", Kind::Switch},
-    {"ScanFileType", "扫描文件类型", Kind::Named, &kFileTypes},
-    {"FixMethod", "威胁处理方式", Kind::Named, &kFixMethods},
-    {"HandleAction", "威胁处置行为", Kind::Named, &kHandleActions},
-    {"ScanWithCache", "扫描缓存加速", Kind::Switch},
-    {"MemCheck", "活体扫描开关", Kind::Switch},
-    {"FixMethod_MemRisk", "风险进程处理方式", Kind::Named, &kMemRisks},
-    {"SkipSize", "跳过文件大小", Kind::Megabytes},
-    {"Parallelism", "扫描并行度", Kind::Count},
-    {"CloudScanType", "云查杀扫描方式", Kind::Named, &kCloudScans},
+    {"NetworkmapScan", "扫描网络映射驱动器", Kind::kSwitch},
+    {"AntiInfection", "防感染模式", Kind::kSwitch},
+    {"SkipSystemRepair", "跳过系统修复项", Kind::kSwitch},
+    {"ScanFileType", "扫描文件类型", Kind::kNamed, &kFileTypes},
+    {"FixMethod", "威胁处理方式", Kind::kNamed, &kFixMethods},
+    {"HandleAction", "威胁处置行为", Kind::kNamed, &kHandleActions},
+    {"ScanWithCache", "扫描缓存加速", Kind::kSwitch},
+    {"MemCheck", "活体扫描开关", Kind::kSwitch},
+    {"FixMethod_MemRisk", "风险进程处理方式", Kind::kNamed, &kMemRisks},
+    {"SkipSize", "跳过文件大小", Kind::kMegabytes},
+    {"Parallelism", "扫描并行度", Kind::kCount},
+    {"CloudScanType", "云查杀扫描方式", Kind::kNamed, &kCloudScans},
 };
 
 constexpr RowSpec kScanCompressed[] = {
-    {"Flag", "扫描压缩包", Kind::Switch},
-    {"Layer", "最大扫描层数", Kind::Count},
-    {"FileSize", "最大压缩包大小", Kind::Megabytes},
-    {"Format", "扫描压缩包格式类型", Kind::Texts},
+    {"Flag", "扫描压缩包", Kind::kSwitch},
+    {"Layer", "最大扫描层数", Kind::kCount},
+    {"FileSize", "最大压缩包大小", Kind::kMegabytes},
+    {"Format", "扫描压缩包格式类型", Kind::kTexts},
 };
 
 constexpr RowSpec kQuarantineCommon[] = {
-    {"SizeLimit", "隔离区空间大小", Kind::Gigabytes},
+    {"SizeLimit", "隔离区空间大小", Kind::kGigabytes},
 };
 
 constexpr RowSpec kQuarantineAutoClean[] = {
-    {"Flag", "隔离区自动清理", Kind::Switch},
+    {"Flag", "隔离区自动清理", Kind::kSwitch},
 };
 
 constexpr RowSpec kMultiEngines[] = {
-    {"HCengine", "鸿隼引擎(病毒查杀)", Kind::Switch},
-    {"HCengineRP", "鸿隼引擎(实时防护)", Kind::Switch},
-    {"UMBengine", "UMB引擎(病毒查杀)", Kind::Switch},
-    {"UMBengineRP", "UMB引擎(实时防护)", Kind::Switch},
-    {"IXOengine", "IXO引擎(病毒查杀)", Kind::Switch},
-    {"IXOengineRP", "IXO引擎(实时防护)", Kind::Switch},
-    {"RDAengine", "RDA引擎(病毒查杀)", Kind::Switch},
-    {"RDAengineRP", "RDA引擎(实时防护)", Kind::Switch},
-    {"RDAOLDengine", "RDA引擎(旧模型)(病毒查杀)", Kind::Switch},
-    {"RDAOLDengineRP", "RDA引擎(旧模型)(实时防护)", Kind::Switch},
-    {"CloudEngine", "云引擎(病毒查杀)", Kind::Switch},
-    {"CloudEngineRP", "云引擎(实时防护)", Kind::Switch},
+    {"HCengine", "鸿隼引擎(病毒查杀)", Kind::kSwitch},
+    {"HCengineRP", "鸿隼引擎(实时防护)", Kind::kSwitch},
+    {"UMBengine", "UMB引擎(病毒查杀)", Kind::kSwitch},
+    {"UMBengineRP", "UMB引擎(实时防护)", Kind::kSwitch},
+    {"IXOengine", "IXO引擎(病毒查杀)", Kind::kSwitch},
+    {"IXOengineRP", "IXO引擎(实时防护)", Kind::kSwitch},
+    {"RDAengine", "RDA引擎(病毒查杀)", Kind::kSwitch},
+    {"RDAengineRP", "RDA引擎(实时防护)", Kind::kSwitch},
+    {"RDAOLDengine", "RDA引擎(旧模型)(病毒查杀)", Kind::kSwitch},
+    {"RDAOLDengineRP", "RDA引擎(旧模型)(实时防护)", Kind::kSwitch},
+    {"CloudEngine", "云引擎(病毒查杀)", Kind::kSwitch},
+    {"CloudEngineRP", "云引擎(实时防护)", Kind::kSwitch},
 };
 
 constexpr RowSpec kRealProtectCommon[] = {
-    {"Flag", "系统实时防护", Kind::Switch},
-    {"AllowDelayStart", "允许开机延时加载文件系统", Kind::Switch},
-    {"ScanFileType", "防护文件类型", Kind::Named, &kFileTypes},
-    {"FixMethod", "威胁处理方式", Kind::Named, &kFixMethods},
-    {"ProtectLevel", "实时防护级别", Kind::Named, &kProtectLevels},
-    {"SkipSize", "跳过文件大小", Kind::Megabytes},
-    {"CloudScanType", "云查杀扫描方式", Kind::Named, &kCloudScans},
-    {"FileTraceSourceType", "文件溯源开关", Kind::Named, &kTraces},
+    {"Flag", "系统实时防护", Kind::kSwitch},
+    {"AllowDelayStart", "允许开机延时加载文件系统", Kind::kSwitch},
+    {"ScanFileType", "防护文件类型", Kind::kNamed, &kFileTypes},
+    {"FixMethod", "威胁处理方式", Kind::kNamed, &kFixMethods},
+    {"ProtectLevel", "实时防护级别", Kind::kNamed, &kProtectLevels},
+    {"SkipSize", "跳过文件大小", Kind::kMegabytes},
+    {"CloudScanType", "云查杀扫描方式", Kind::kNamed, &kCloudScans},
+    {"FileTraceSourceType", "文件溯源开关", Kind::kNamed, &kTraces},
 };
 
 constexpr RowSpec kRealProtectCompressed[] = {
-    {"Flag", "压缩包防护", Kind::Switch},
-    {"SkipPass", "跳过有密码的压缩文件", Kind::Switch},
-    {"Layer", "最大扫描层数", Kind::Count},
-    {"FileSize", "最大压缩包大小", Kind::Megabytes},
-    {"Format", "监控的压缩包格式类型", Kind::Texts},
+    {"Flag", "压缩包防护", Kind::kSwitch},
+    {"SkipPass", "跳过有密码的压缩文件", Kind::kSwitch},
+    {"Layer", "最大扫描层数", Kind::kCount},
+    {"FileSize", "最大压缩包大小", Kind::kMegabytes},
+    {"Format", "监控的压缩包格式类型", Kind::kTexts},
 };
 
 struct CloudAddress {
@@ -129,7 +129,7 @@ struct CloudAddress {
   const char* key;
 };
 
-/// What is shown of a kind of cloud: its addresses, then its name.
+/// The display of a kind of cloud: its addresses, then its name.
 struct CloudKind {
   std::int32_t type;
   std::span<const CloudAddress> addresses;
@@ -161,7 +161,7 @@ const Json::Value* findSection(const Json::Value& document, const char* name) {
   return section != nullptr && section->isObject() ? section : nullptr;
 }
 
-/// A number, or a switch as 0 and 1; 0 when it is neither or is absent.
+/// A number, or a switch as 0 and 1. Every other value, and an absent key, give 0.
 std::int32_t readNumber(const Json::Value& section, const char* key) {
   const Json::Value* const member = CppJson::findMember(section, key);
   if (member == nullptr) {
@@ -195,18 +195,18 @@ std::string joinedTexts(const Json::Value& section, const char* key) {
 }
 
 std::string valueText(const Json::Value& section, const RowSpec& row) {
-  if (row.kind == Kind::Texts) {
+  if (row.kind == Kind::kTexts) {
     return joinedTexts(section, row.key);
   }
   const std::int32_t number = readNumber(section, row.key);
   switch (row.kind) {
-    case Kind::Switch:
+    case Kind::kSwitch:
       return number != 0 ? kOn : kOff;
-    case Kind::Named:
+    case Kind::kNamed:
       return nameOf(*row.names, number);
-    case Kind::Megabytes:
+    case Kind::kMegabytes:
       return std::to_string(number) + "MB";
-    case Kind::Gigabytes:
+    case Kind::kGigabytes:
       return std::to_string(number) + "GB";
     default:
       return std::to_string(number);
@@ -223,7 +223,7 @@ void appendSection(SettingRows& rows, const Json::Value& section, std::span<cons
   }
 }
 
-/// A document of a title, a first section that it stands or falls with, and a second.
+/// The rows of a document with two sections. The title stands only above the first section.
 SettingRows titledRows(const Json::Value& document, const char* title, std::span<const RowSpec> common,
                        std::span<const RowSpec> compressed) {
   SettingRows rows;

@@ -35,26 +35,23 @@ const GrammarRow kUpperRows[] = {
     {"CONFIG MODIFY ENGINE", "多引擎设置", kNoHint, kChoice, kNoValue, kSetSection<Exec::kEngine>},
 };
 
-/// Writes what an end node stands for, or its typed number.
+/// Writes the settings of an end node, or the typed number.
 CliNodeInfo::Handler handlerOf(const EndNode& end) {
   if (end.writes.empty() && end.typedKey == nullptr) {
     return nullptr;
   }
-  return [&end](const CliNodeInfo& /*node*/, const std::string& value) -> std::uint8_t {
-    Exec* const task = shell::currentTask<Exec>();
-    if (task == nullptr) {
-      return 0;
-    }
-    for (const Setting& setting : end.writes) {
-      task->settings[setting.key] = setting.value;
-    }
-    if (end.typedKey != nullptr) {
-      // As typed: the range in the hint is advice, what is no number counts as 0.
-      const std::int32_t number = CppJson::toInt(Json::Value(value), 0);
-      task->settings[end.typedKey] =
-          end.typedAs == Typed::Real ? Json::Value(static_cast<double>(number)) : Json::Value(number);
-    }
-    return 1;
+  return [&end](const CliNodeInfo& /*node*/, const std::string& value) {
+    return shell::changeTask<Exec>([&](Exec& task) {
+      for (const Setting& setting : end.writes) {
+        task.settings[setting.key] = setting.value;
+      }
+      if (end.typedKey != nullptr) {
+        // The range in the hint is advice. A text without a number counts as 0.
+        const std::int32_t number = CppJson::toInt(Json::Value(value), 0);
+        task.settings[end.typedKey] =
+            end.typedAs == Typed::kReal ? Json::Value(static_cast<double>(number)) : Json::Value(number);
+      }
+    });
   };
 }
 

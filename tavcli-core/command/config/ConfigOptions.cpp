@@ -4,13 +4,13 @@ namespace command {
 
 namespace {
 
-EndNode typed(const char* name, const char* help, const char* hint, const char* key, Typed as = Typed::Int) {
+EndNode typed(const char* name, const char* help, const char* hint, const char* key, Typed as = Typed::kInt) {
   return {name, help, {}, hint, key, as, false};
 }
 
 /// Kept for the agent's third way of handling, which this console does not offer.
 EndNode detached(const char* name, const char* help, std::vector<Setting> writes) {
-  return {name, help, std::move(writes), shell::kNoHint, nullptr, Typed::Int, true};
+  return {name, help, std::move(writes), shell::kNoHint, nullptr, Typed::kInt, true};
 }
 
 std::vector<EndNode> onOff(const char* key) {
@@ -25,9 +25,9 @@ const std::vector<ConfigOption>& configOptions() {
       {"COMMON RESMONITOR",
        "资源管理",
        {
-           typed("APP", "程序资源阈值", "\"[int](5-100)\"", "PerformanceLocal", Typed::Real),
-           typed("SYS", "系统资源阈值", "\"[int](5-100)\"", "PerformanceGlobal", Typed::Real),
-           typed("MEM", "程序内存资源阈值", "\"[int](5-4096)\"", "MemoryLimitLocal", Typed::Real),
+           typed("APP", "程序资源阈值", "\"[int](5-100)\"", "PerformanceLocal", Typed::kReal),
+           typed("SYS", "系统资源阈值", "\"[int](5-100)\"", "PerformanceGlobal", Typed::kReal),
+           typed("MEM", "程序内存资源阈值", "\"[int](5-4096)\"", "MemoryLimitLocal", Typed::kReal),
        },
        shell::kAlternative},
 

@@ -15,7 +15,7 @@ struct Setting {
 };
 
 /// What a typed number becomes.
-enum class Typed { Int, Real };
+enum class Typed { kInt, kReal };
 
 /// The last keyword of a settings change.
 struct EndNode {
@@ -24,7 +24,7 @@ struct EndNode {
   std::vector<Setting> writes;  ///< empty, and no typed key: accepted, changes nothing
   const char* hint = shell::kNoHint;
   const char* typedKey = nullptr;  ///< not null: a number follows, and is written under this key
-  Typed typedAs = Typed::Int;
+  Typed typedAs = Typed::kInt;
   bool detached = false;  ///< kept, but cannot be typed
 };
 

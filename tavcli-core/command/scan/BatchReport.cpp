@@ -2,14 +2,12 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-
+#include "bin/Complain.h"
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
 #include "json/Values.h"
+#include "platform/Expected.h"
 #include "platform/Files.h"
 #include "platform/Posix.h"
 #include "platform/Text.h"
@@ -20,7 +18,7 @@ namespace {
 
 constexpr std::uint32_t kReportMode = 0600;
 
-/// "病毒处理结果" of the report for what the agent says became of a detection.
+/// "病毒处理结果" of the report.
 enum class ReportCode : std::int32_t { kQuarantined = 1, kProcessEnded = 2, kFailed = 3, kLeft = 4 };
 
 struct HandleCode {
@@ -56,30 +54,22 @@ std::string detectionText(const Json::Value& detection) {
          line("病毒处理结果：", CppJson::readInt(detection, "handle", 0)) + "\n";
 }
 
-/// Why the report must not be put there; empty when it may.
-std::string whyTaken(const std::string& path) {
+platform::Expected<void> putReport(const std::string& path, const std::string& report) {
   struct stat entry {};
   if (lstat(path.c_str(), &entry) == 0 && !S_ISREG(entry.st_mode)) {
-    return "something else than a regular file stands there";
+    return platform::failure("something else than a regular file stands there");
   }
-  return "";
+  if (const int error = CFile::replaceAtomically(path, report, kReportMode); error != 0) {
+    return platform::failure(platform::errnoText(error));
+  }
+  return {};
 }
 
-std::string whyNotWritten(const std::string& path, const std::string& report) {
-  if (std::string why = whyTaken(path); !why.empty()) {
-    return why;
-  }
-  const int error = CFile::replaceAtomically(path, report, kReportMode);
-  return error == 0 ? "" : platform::errnoText(error);
-}
-
-void complain(const std::string& path, const std::string& why, const Json::Value& document) {
-  const std::string named = std::to_string(document["virus"].size());
-  const std::string complaint =
-      "tavcli: the report cannot be written to \"" + platform::visibleText(path) + "\": " + why +
-      "; files scanned " + std::to_string(CppJson::readInt64(document, "totalnum", 0)) + ", infected " +
-      std::to_string(CppJson::readInt64(document, "virusnum", 0)) + ", detections named " + named + "\n";
-  std::fputs(complaint.c_str(), stderr);
+void complain(const std::string& path, const std::string& reason, const Json::Value& document) {
+  tavcli::complain("tavcli: the report cannot be written to \"" + platform::visibleText(path) + "\": " +
+                   reason + "; files scanned " + std::to_string(CppJson::readInt64(document, "totalnum", 0)) +
+                   ", infected " + std::to_string(CppJson::readInt64(document, "virusnum", 0)) +
+                   ", detections named " + std::to_string(document["virus"].size()));
 }
 
 }  // namespace
@@ -140,9 +130,9 @@ bool write() {
   const ScanRunState& state = ScanRunState::instance();
   const Json::Value document = state.result();
   const std::string path = state.log_path();
-  const std::string why = whyNotWritten(path, text(document, state.fix_handle(), state.scan_path()));
-  if (!why.empty()) {
-    complain(path, why, document);
+  const auto put = putReport(path, text(document, state.fix_handle(), state.scan_path()));
+  if (!put) {
+    complain(path, put.error(), document);
   }
   return foundInfected(document);
 }

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "bin/BusState.h"
+#include "bin/Complain.h"
 #include "bin/InstallDir.h"
 #include "command/scan/BatchReport.h"
 #include "command/scan/ScanDisplay.h"
@@ -11,7 +12,6 @@
 #include "json/Values.h"
 #include "lineeditor/Notices.h"
 #include "platform/CLogDebug.h"
-#include "platform/Text.h"
 
 namespace {
 
@@ -21,24 +21,21 @@ std::string stateLine(const char* name, std::uint32_t value) {
   return line;
 }
 
-/// The report stands in its place before the state changes.
+/// Writes the report first: who sees the state finds the report.
 void reportAndSetState() {
   g_lastBusState = batchreport::write() ? tavcli::kBusStateInfected : tavcli::kBusStateClean;
 }
 
-/// Neither the report nor the exit code tells of entries that were met and not scanned.
+/// Entries that could not be scanned stand neither in the report nor in the exit code.
 void complainOfUnscanned() {
   const std::int64_t count = ScanRunState::instance().failed_items();
-  if (count <= 0) {
-    return;
+  if (count > 0) {
+    tavcli::complain("tavcli: entries that could not be scanned: " + std::to_string(count) + "; see " +
+                     tavcli::installDirectory() + "log/tavagentd.log");
   }
-  const std::string log = platform::visibleText(tavcli::installDirectory() + "log/tavagentd.log");
-  const std::string line =
-      "tavcli: entries that could not be scanned: " + std::to_string(count) + "; see " + log + "\n";
-  std::fputs(line.c_str(), stderr);
 }
 
-/// The end of a scan. Returns the lines that tell of the task state before and behind it.
+/// Ends the scan. Returns two lines: the state before the end and the state behind the end.
 std::string endOfTask() {
   const std::uint32_t before = g_lastBusState;
   if (before == tavcli::kBusStateNone) {
@@ -48,11 +45,10 @@ std::string endOfTask() {
   return stateLine("exitvalue1", before) + stateLine("exitvalue2", g_lastBusState);
 }
 
-/// Why a task did not come to its end: the exit code does not tell.
+/// Names the reason why a task did not reach its end. The exit code does not carry the reason.
 void complainOf(const scandisplay::State& state, const std::string& detail) {
-  const std::string line =
-      "tavcli: " + std::string(state.text) + (detail.empty() ? "" : ": " + json::visiblePath(detail)) + "\n";
-  std::fputs(line.c_str(), stderr);
+  tavcli::complain("tavcli: " + std::string(state.text) +
+                   (detail.empty() ? "" : ": " + json::visiblePath(detail)));
 }
 
 void takeEffect(const scandisplay::State& state, const std::string& detail) {

@@ -21,53 +21,45 @@ using shell::setField;
 using shell::startTask;
 using Exec = TavCliCmdScanExec;
 
-/// Before a LOGPATH: the run is unattended.
+/// Stands before a LOGPATH: the run is unattended.
 constexpr std::string_view kBatchMark = "tav1";
 
-/// An action on the task with the token given.
+/// Sets an action on the task of the agent with the given token.
 template <std::int32_t action>
 std::uint8_t control(const CliNodeInfo& /*node*/, const std::string& value) {
-  Exec* const task = shell::currentTask<Exec>();
-  if (task == nullptr) {
-    return 0;
-  }
-  task->action = action;
-  task->token_id = value;
-  return 1;
+  return shell::changeTask<Exec>([&value](Exec& task) {
+    task.action = action;
+    task.token_id = value;
+  });
 }
 
 std::uint8_t addPath(const CliNodeInfo& /*node*/, const std::string& value) {
-  Exec* const task = shell::currentTask<Exec>();
-  if (task == nullptr) {
-    return 0;
-  }
-  task->paths.push_back(value);
-  ScanRunState::instance().set_scan_path(value);
-  return 1;
+  return shell::changeTask<Exec>([&value](Exec& task) {
+    task.paths.push_back(value);
+    ScanRunState::instance().set_scan_path(value);
+  });
 }
 
-std::uint8_t setLogPath(const CliNodeInfo& /*node*/, const std::string& value) {
-  Exec* const task = shell::currentTask<Exec>();
-  if (task == nullptr) {
-    return 0;
-  }
+void keepLogPath(Exec& task, const std::string& value) {
   if (value.empty()) {
-    return 1;
+    return;
   }
   const bool batch = value.starts_with(kBatchMark);
-  const std::string path = batch ? value.substr(kBatchMark.size()) : value;
-  const CFileInfo file(path);
+  task.log_path = batch ? value.substr(kBatchMark.size()) : value;
+  const CFileInfo file(task.log_path);
   if (!file.exists() || file.isFile()) {
-    ScanRunState::instance().set_log_path(path);
+    ScanRunState::instance().set_log_path(task.log_path);
   }
   if (batch) {
     ScanRunState::instance().set_batch_mode();
   }
-  task->log_path = path;
-  return 1;
 }
 
-// Rows stand in the order in which the nodes are attached. The help text of the TOKENID rows is that of PATH.
+std::uint8_t setLogPath(const CliNodeInfo& /*node*/, const std::string& value) {
+  return shell::changeTask<Exec>([&value](Exec& task) { keepLogPath(task, value); });
+}
+
+// The rows stand in the order of their attachment. The TOKENID rows have the help text of PATH.
 const GrammarRow kGrammar[] = {
     {"SCAN", "杀毒", kNoHint, kChoice, kNoValue, startTask<Exec>},
     {"SCAN START", "开始杀毒", kNoHint, kChoice, kNoValue, setField<&Exec::action, Exec::kStart>},

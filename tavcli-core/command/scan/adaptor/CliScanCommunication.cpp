@@ -5,26 +5,26 @@
 #include <cstdio>
 #include <optional>
 
+#include "bin/Complain.h"
 #include "command/AgentRequest.h"
 #include "command/ListText.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
 #include "json/ScanRecords.h"
 #include "json/Values.h"
-#include "platform/Text.h"
 
 namespace {
 
 constexpr const char* kSource = "command/scan/adaptor/CliScanCommunication";
 
-// The line numbers that the debug log shows are fixed: a record of one release can be looked up in the next.
+// The debug log shows fixed line numbers, so that its records mean the same in every release.
 constexpr command::RequestPlace kGetScanConfig{kSource, "get_scanconfig", 56};
 constexpr command::RequestPlace kStartScan{kSource, "action_startscan", 133};
 constexpr command::RequestPlace kShowScan{kSource, "action_showscan", 162};
 constexpr command::RequestPlace kCtlScan{kSource, "action_ctlscan", 200};
 
 struct Control {
-  json::ControlAction action;  ///< the number is the command's own, too
+  json::ControlAction action;  ///< has the number of the command's own action
   int mark;
   const char* detail;
 };
@@ -43,11 +43,10 @@ std::optional<Control> controlFor(unsigned action) {
   return std::nullopt;
 }
 
-/// An unattended run waits on all the same: the agent may have begun the scan before its answer was lost.
+/// An unattended run waits on: the agent may have begun the scan before its answer was lost.
 void complainOfUnconfirmedStart(const std::string& why) {
   if (ScanRunState::instance().batch_mode() == 1) {
-    std::fprintf(stderr, "tavcli: the agent has not confirmed the start of the scan: %s\n",
-                 platform::visibleText(why).c_str());
+    tavcli::complain("tavcli: the agent has not confirmed the start of the scan: " + why);
   }
 }
 
