@@ -5,17 +5,17 @@
 
 namespace tavcli {
 
-/// Tells the operator of an unattended run when the agent goes away and when it is back, one line each.
+/// Tells the user of an unattended run, in one line each, that the agent is gone and that the agent is back.
 /// One thread.
 class AgentWatch {
  public:
   AgentWatch(std::function<bool()> reachable, std::function<void(const std::string&)> complain)
       : reachable_(std::move(reachable)), complain_(std::move(complain)) {}
 
-  /// Asks whether the agent can be reached; speaks when the answer is another than the last.
+  /// Asks whether the agent can be reached, and writes a line when the answer has changed.
   void look();
-  /// Asks only when the agent was away at the last look: its return is told even when what it reports then
-  /// ends the run before the next look.
+  /// The same, but asks only when the agent was gone at the last look. For the end of a run: the run may have
+  /// ended between the agent's return and the next look.
   void lookForReturn();
 
  private:

@@ -11,14 +11,14 @@ constexpr std::chrono::seconds kPollStep{10};
 constexpr std::chrono::seconds kRetryStep{30};
 constexpr std::chrono::seconds kMarkStep{30};
 
-/// 64 bits: the time left may pass below what an int holds.
+/// 64 bits: the last step may lead below the range of an int.
 using SecondsLeft = std::int64_t;
 
 BatchEnd endWith(std::uint32_t finalState) {
   return {finalState == kBusStateClean ? 0 : 1, false};
 }
 
-/// What the exit code of a timeout does not tell.
+/// Says how the scan stands, because the exit code of a timeout does not.
 std::string timeoutLine(const BatchOptions& options, const BatchHost& host) {
   const std::string scan = "tavcli: the scan of " + options.scanPath;
   const std::string seconds = std::to_string(options.timeoutSec) + " seconds";
@@ -57,10 +57,10 @@ BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pa
     std::uint32_t state = g_lastBusState;
     if (state == kBusStateNone) {
       end = pause.sleepUntilFinal(kPollStep);
-      remaining -= kPollStep.count();  // in full, also where the task's end cuts the wait short
+      remaining -= kPollStep.count();  // the whole step, even when the task ended early
     } else if (state == kBusStateBusy) {
       if (!g_lastBusState.compare_exchange_strong(state, kBusStateNone)) {
-        continue;  // a newer state has come in between
+        continue;  // a newer state has arrived
       }
       host.execute(command.c_str());
       end = pause.sleep(kRetryStep);

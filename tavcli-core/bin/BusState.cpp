@@ -14,7 +14,7 @@ int finalStateDescriptor() {
 
 void announceFinalState() {
   const std::uint64_t one = 1;
-  // Fails only when the counter is full of announcements already.
+  // Fails only when the counter is full; then the descriptor is readable already.
   (void)!write(finalStateDescriptor(), &one, sizeof one);
 }
 

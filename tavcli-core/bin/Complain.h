@@ -4,7 +4,7 @@
 
 namespace tavcli {
 
-/// One line for the operator, on standard error, behind all that was printed before on standard output.
+/// Writes one line for the user to standard error, after everything that was printed to standard output.
 /// Control characters are made visible. Any thread.
 void complain(const std::string& line);
 

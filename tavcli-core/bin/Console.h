@@ -9,15 +9,15 @@
 
 namespace tavcli {
 
-/// What a run takes from its surroundings. The program runs with the initial values.
+/// What a run takes from outside, so that tests can replace it. The program uses the initial values.
 struct Surroundings {
   std::function<int(std::string& uuid)> generateUuid;  ///< 0 on success
-  std::function<std::unique_ptr<IPause>()> makePause;  ///< called before the first other thread
+  std::function<std::unique_ptr<IPause>()> makePause;  ///< called before any other thread starts
 
   Surroundings();
 };
 
-/// The whole program: `arguments` as main gets them; the result is the exit status. Nothing is thrown.
+/// Runs the whole program with main's arguments. Returns the exit status.
 int runConsole(const std::vector<std::string>& arguments, const Surroundings& surroundings = {}) noexcept;
 
 }  // namespace tavcli

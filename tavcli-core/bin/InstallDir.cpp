@@ -18,7 +18,7 @@ constexpr const char* kDefaultDirectory = "/opt/apps/Korvix/";
 std::string resolve() {
   std::string directory = kDefaultDirectory;
   const std::optional<std::string> current = CDir::current();
-  // Going to the folder one is in tells whether it still can be entered.
+  // A change to the current folder fails when the folder cannot be entered any more.
   if (current && CDir::setCurrent(*current)) {
     directory = *current + "/../";
   } else {

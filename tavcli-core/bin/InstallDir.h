@@ -4,8 +4,8 @@
 
 namespace tavcli {
 
-/// The tree that the console runs from: the folder above the current one when the first caller asks, ending
-/// in a separator. Resolved once a process; every path below it is built from this text. Main thread.
+/// The install tree of the console: the folder above the current folder, with a separator at the end. The
+/// first call resolves the tree for the whole process. Main thread.
 const std::string& installDirectory();
 
 }  // namespace tavcli

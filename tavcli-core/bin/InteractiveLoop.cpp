@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char* kPrompt = "TAV> ";
 
-/// Whatever a command runs into, the prompt comes back.
+/// Runs a command. An exception of the command becomes a line for the user, and the prompt goes on.
 std::int32_t executeGuarded(const char* line) {
   try {
     return TavCliCompletion::instance().executeLine(line);
@@ -32,7 +32,7 @@ std::int32_t executeGuarded(const char* line) {
   }
 }
 
-/// Runs one line. False when it ends the loop.
+/// Runs one line. False when the line ends the prompt.
 bool handleLine(const char* line) {
   const std::int32_t result = executeGuarded(line);
   const std::string_view word = line;

@@ -2,9 +2,9 @@
 
 namespace tavcli {
 
-/// The prompt: reads lines, hands each to the shell and prints what it refuses, until end of input, "exit",
-/// or a signal that ends the console; the history is loaded before and saved behind. Main thread, agent link
-/// up.
+/// Runs the prompt until end of input, "exit", or a signal that ends the console. Each line goes to the
+/// shell; the message of a refused line is printed. Loads the history first and saves the history last. The
+/// agent link must be up. Main thread.
 void runInteractive();
 
 }  // namespace tavcli

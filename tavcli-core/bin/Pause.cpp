@@ -17,7 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kEndingSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
-/// Those that the caller of the program has not had ignored (nohup, a job in the background).
+/// Without the signals that the program's caller ignores: nohup, a job in the background.
 sigset_t endingSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -40,13 +40,7 @@ int millisecondsUntil(Clock::time_point end) {
 SignalAwarePause::SignalAwarePause() {
   const sigset_t set = endingSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
-SignalAwarePause::~SignalAwarePause() {
-  if (signals_ >= 0) {
-    close(signals_);
-  }
+  signals_.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 void SignalAwarePause::endBySignal() {
@@ -63,7 +57,7 @@ void SignalAwarePause::endBySignal() {
 
 void SignalAwarePause::takeSignal() {
   signalfd_siginfo info{};
-  if (read(signals_, &info, sizeof info) == sizeof info) {
+  if (read(signals_.get(), &info, sizeof info) == sizeof info) {
     signalNumber_ = static_cast<int>(info.ssi_signo);
   }
 }
@@ -71,7 +65,7 @@ void SignalAwarePause::takeSignal() {
 IPause::End SignalAwarePause::wait(std::chrono::milliseconds time, bool untilFinal) {
   const Clock::time_point end = Clock::now() + time;
   while (Clock::now() < end) {
-    pollfd watched[] = {{signals_, POLLIN, 0}, {untilFinal ? finalStateDescriptor() : -1, POLLIN, 0}};
+    pollfd watched[] = {{signals_.get(), POLLIN, 0}, {untilFinal ? finalStateDescriptor() : -1, POLLIN, 0}};
     poll(watched, std::size(watched), millisecondsUntil(end));
     takeSignal();
     if (signalNumber_ != 0) {

@@ -3,38 +3,37 @@
 #include <chrono>
 #include <functional>
 
+#include "platform/Descriptor.h"
+
 namespace tavcli {
 
-/// How an unattended run waits. The loop counts in the seconds that it asks for; what passes on a clock is
-/// the implementation's affair.
+/// The waits of an unattended run. The batch loop counts the seconds that it asks for, never a clock; tests
+/// therefore wait for no time.
 class IPause {
  public:
   enum class End {
-    kElapsed,     ///< the time is up
+    kElapsed,     ///< the time has passed
     kFinalState,  ///< announceFinalState was called
-    kSignal,      ///< the program is asked to end
+    kSignal,      ///< a signal asks the program to end
   };
   virtual ~IPause() = default;
-  /// Waits for the whole time, unless a signal ends it.
+  /// Waits for the whole time. A signal ends the wait.
   virtual End sleep(std::chrono::seconds time) = 0;
-  /// The same, but a final task state ends it too.
+  /// The same. A final task state ends the wait, too.
   virtual End sleepUntilFinal(std::chrono::seconds time) = 0;
-  /// Called about once a second of waiting; null: nothing is.
+  /// The function is called about once a second of waiting; null: no function.
   virtual void setEverySecond(std::function<void()> look) = 0;
-  /// Ends the process as the signal that ended a wait does where nobody catches it, so that a shell or a
-  /// service manager sees it. Does nothing when there was none.
+  /// Ends the process by the signal that ended a wait, so that a shell or a service manager sees the signal.
+  /// Does nothing when no signal came.
   virtual void endBySignal() = 0;
 };
 
-/// Waits for real, on the monotonic clock. From its making to the end of the process SIGTERM, SIGINT and
-/// SIGHUP are held back for it (one that was ignored stays ignored), in this thread and those that it starts:
-/// make it before the first other thread. Main thread.
+/// Waits on the monotonic clock. The constructor blocks SIGTERM, SIGINT and SIGHUP for the calling thread and
+/// the threads that this thread starts; an ignored signal stays ignored. Create the object before any other
+/// thread. Main thread.
 class SignalAwarePause : public IPause {
  public:
   SignalAwarePause();
-  ~SignalAwarePause() override;
-  SignalAwarePause(const SignalAwarePause&) = delete;
-  SignalAwarePause& operator=(const SignalAwarePause&) = delete;
 
   End sleep(std::chrono::seconds time) override { return wait(time, false); }
   End sleepUntilFinal(std::chrono::seconds time) override { return wait(time, true); }
@@ -47,7 +46,7 @@ class SignalAwarePause : public IPause {
  private:
   void takeSignal();
 
-  int signals_ = -1;
+  platform::Descriptor signals_;
   int signalNumber_ = 0;  ///< the signal that ended a wait; 0 for none
   std::function<void()> everySecond_;
 };

@@ -15,19 +15,19 @@ namespace command {
 /// "source" and "request_source" of every request.
 inline constexpr std::int32_t kFromConsole = json::toNumber(json::RequestSource::kConsole);
 
-/// Where a request stands, for the debug log.
+/// The place of a request in the code, for the debug log.
 struct RequestPlace {
   const char* source;
   const char* function;
   int line;
 };
 
-/// What the RPC layer says went wrong, as an error record of the debug log.
+/// Writes the exception of the RPC layer to the debug log, as an error.
 void logCaught(const RequestPlace& place, const jsonrpc::JsonRpcException& exception);
 
-/// Runs one request: the body gets the agent's stub, and its result is the request's. 0 when there is no way
-/// to the agent; a JsonRpcException of the body is logged, told to `failed` and gives afterException. Main
-/// thread.
+/// Runs one request: calls the body with the agent's stub and returns the body's result. Returns 0 without a
+/// link to the agent. A JsonRpcException of the body is logged and passed to `failed`; the result is then
+/// afterException. Main thread.
 int askAgent(const RequestPlace& place, int afterException,
              const std::function<int(jsonrpchelper::AgentStub& agent)>& body,
              const std::function<void(const std::string& why)>& failed = nullptr);

@@ -62,11 +62,10 @@ class BatchArguments : public testing::Test {
 
   /// What stands on standard error; "-" when the options are accepted.
   std::string refusalOf(const std::string& scanPath, const std::string& logPath) {
-    BatchOptions options{scanPath, logPath, 5};
-    const auto refusal = checkBatchOptions(options);
-    out_ = refusal ? refusal->out : "";
-    accepted_ = options;
-    return refusal ? refusal->err : "-";
+    const auto checked = checkBatchOptions({scanPath, logPath, 5});
+    out_ = checked ? "" : checked.error().out;
+    accepted_ = checked.value_or(BatchOptions{});
+    return checked ? "-" : checked.error().err;
   }
 
   testsupport::TempDir dir_;
@@ -215,11 +214,8 @@ class WithoutACurrentFolder : public BatchArguments {
     if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0) {
       _exit(2);
     }
-    tavcli::BatchOptions options;
-    options.scanPath = scanPath;
-    options.logPath = dir_.at("report");
-    const auto refusal = tavcli::checkBatchOptions(options);
-    std::fputs(refusal ? refusal->err.c_str() : options.scanPath.c_str(), stderr);
+    const auto checked = checkBatchOptions({scanPath, dir_.at("report"), 5});
+    std::fputs(checked ? checked->scanPath.c_str() : checked.error().err.c_str(), stderr);
     _exit(0);
   }
 };

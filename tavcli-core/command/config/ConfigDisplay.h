@@ -8,17 +8,17 @@
 
 namespace command {
 
-/// Label and value, in the order of printing.
+/// Labels and values, in the order of printing.
 using SettingRows = std::list<std::pair<std::string, std::string>>;
 
-/// The rows of each settings document. Any JSON will do: an absent section gives no rows, an absent or
-/// mistyped key reads as 0, and what the agent wrote is made fit for a terminal.
+/// The rows of each settings document. Every JSON value is accepted: an absent section gives no rows, and an
+/// absent or mistyped key counts as 0. Control characters of the agent's texts are made visible.
 SettingRows scanSettingRows(const Json::Value& document);
 SettingRows quarantineSettingRows(const Json::Value& document);
 SettingRows engineSettingRows(const Json::Value& document);
 SettingRows realProtectSettingRows(const Json::Value& document);
 
-/// As printed: an empty line, then a line a row.
+/// The text as printed: an empty line, then one line for each row.
 std::string settingsText(const SettingRows& rows);
 
 }  // namespace command

@@ -6,7 +6,7 @@
 
 namespace command {
 
-/// The rows of the CONFIG command, in the order of their attachment. Their handlers write into the pending
+/// The rows of the CONFIG command, in the order of their attachment. The handlers write into the pending
 /// TavCliCmdConfigExec.
 std::vector<shell::GrammarRow> configGrammar();
 

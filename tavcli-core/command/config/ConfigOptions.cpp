@@ -8,7 +8,7 @@ EndNode typed(const char* name, const char* help, const char* hint, const char* 
   return {name, help, {}, hint, key, as, false};
 }
 
-/// Kept for the agent's third way of handling, which this console does not offer.
+/// For the agent's third way of handling, which this console does not offer.
 EndNode detached(const char* name, const char* help, std::vector<Setting> writes) {
   return {name, help, std::move(writes), shell::kNoHint, nullptr, Typed::kInt, true};
 }
@@ -21,7 +21,7 @@ std::vector<EndNode> onOff(const char* key) {
 
 const std::vector<ConfigOption>& configOptions() {
   static const auto* const options = new std::vector<ConfigOption>{
-      // Resource limits: collected, never sent.
+      // Resource limits are collected and never sent.
       {"COMMON RESMONITOR",
        "资源管理",
        {

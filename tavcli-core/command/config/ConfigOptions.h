@@ -14,21 +14,21 @@ struct Setting {
   Json::Value value;
 };
 
-/// What a typed number becomes.
+/// The JSON type of a typed number.
 enum class Typed { kInt, kReal };
 
-/// The last keyword of a settings change.
+/// The last keyword of a change of settings.
 struct EndNode {
   const char* name;
   const char* help;
-  std::vector<Setting> writes;  ///< empty, and no typed key: accepted, changes nothing
+  std::vector<Setting> writes;  ///< empty without a typed key: the keyword changes nothing
   const char* hint = shell::kNoHint;
-  const char* typedKey = nullptr;  ///< not null: a number follows, and is written under this key
+  const char* typedKey = nullptr;  ///< not null: a number follows; its value goes under this key
   Typed typedAs = Typed::kInt;
-  bool detached = false;  ///< kept, but cannot be typed
+  bool detached = false;  ///< has a record, but cannot be typed
 };
 
-/// An option keyword below CONFIG MODIFY with its end nodes.
+/// An option keyword below CONFIG MODIFY, with its last keywords.
 struct ConfigOption {
   const char* path;
   const char* help;
@@ -36,7 +36,7 @@ struct ConfigOption {
   std::uint32_t flags = shell::kOption;
 };
 
-/// All options, sections in the order of the grammar. Lives to the end of the process.
+/// All options, in the order of the grammar. The list lives to the end of the process.
 const std::vector<ConfigOption>& configOptions();
 
 }  // namespace command

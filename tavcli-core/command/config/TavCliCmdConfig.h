@@ -3,7 +3,7 @@
 #include "shell/GrammarTable.h"
 #include "shell/Modules.h"
 
-/// The CONFIG command: shows the agent's settings and changes single ones.
+/// The CONFIG command: shows the agent's settings and changes single settings.
 class TavCliCmdConfig : public TavcliCmdInterface {
  public:
   TavCliCmdConfig();

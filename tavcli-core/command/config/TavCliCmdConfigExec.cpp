@@ -10,10 +10,10 @@ namespace {
 
 using Request = int (*)(const std::string& change);
 
-/// Where the change of a section goes, and under which name.
+/// The request that carries the change of a section.
 struct Destination {
   TavCliCmdConfigExec::Section section;
-  const char* wrapper;  ///< null: the settings go as they are
+  const char* wrapper;  ///< the member around the settings; null: none
   Request send;
 };
 
@@ -37,7 +37,7 @@ constexpr int (*kPages[])() = {
     CliConfigCommunication::action_realprotectconfig_show,
 };
 
-/// Each may wait for its answer until the call times out: a console that is asked to end does not ask on.
+/// Each page may wait for its answer until the call times out. A console that is asked to end stops asking.
 void showAll() {
   for (const auto& show : kPages) {
     if (!lineeditor::endRequested()) {
@@ -52,7 +52,7 @@ Json::Value wrapped(const Destination& destination, const Json::Value& settings)
   }
   Json::Value change(Json::objectValue);
   change[destination.wrapper] = settings;
-  // An engine that asks the cloud is of no use without one.
+  // The cloud engine needs a cloud.
   if (destination.section == TavCliCmdConfigExec::kEngine &&
       CppJson::readBool(settings, "CloudEngine", false)) {
     change["Cloud"]["Type"] = kPublicCloud;

@@ -6,7 +6,7 @@
 
 #include "shell/Modules.h"
 
-/// What one CONFIG line asks for: to show all settings, or a change of one section's.
+/// The task of one CONFIG line: show all settings, or change settings of one section.
 class TavCliCmdConfigExec : public TavCliCmdExec {
  public:
   enum Section : std::int32_t {
@@ -21,8 +21,8 @@ class TavCliCmdConfigExec : public TavCliCmdExec {
   };
 
   std::int32_t section = kNone;
-  Json::Value settings;  ///< the keys that the line changes; null when it names none
+  Json::Value settings;  ///< the keys that the line changes; null without a key
 
-  /// 0 whatever the agent answers; -1 when the change cannot be written as text.
+  /// Returns 0, whatever the agent answers; -1 when the change cannot be written as text.
   std::int32_t execute() override;
 };

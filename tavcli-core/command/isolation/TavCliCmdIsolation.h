@@ -3,7 +3,7 @@
 #include "shell/GrammarTable.h"
 #include "shell/Modules.h"
 
-/// The ISOLATION command: lists what the agent holds in its quarantine and restores items of it.
+/// The ISOLATION command: lists the agent's quarantine and restores its items.
 class TavCliCmdIsolation : public TavcliCmdInterface {
  public:
   TavCliCmdIsolation();

@@ -2,8 +2,8 @@
 
 #include "jsonrpchelper/IBusinessCAbstract.h"
 
-/// Shows how a scan task stands and how far it is; in an unattended run it has the report written and sets
-/// g_lastBusState. Made once a process. The operations run on the bus's delivery thread.
+/// Shows the state and the progress of a scan task. In an unattended run, writes the report and sets
+/// g_lastBusState. One a process. The operations run on the bus's delivery thread.
 class IBusinessCImpl : public IBusinessCAbstract {
  public:
   using IBusinessCAbstract::IBusinessCAbstract;

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Nothing for what is not the business of a scan.
+/// Nothing for a notification of another business than scans.
 std::optional<json::RiskInfoType> riskTypeOf(int businessType, int riskInfoType) {
   return json::fromNumber<json::BusinessType>(businessType) == json::BusinessType::kScan
              ? json::fromNumber<json::RiskInfoType>(riskInfoType)

@@ -2,8 +2,8 @@
 
 #include "jsonrpchelper/IScanCAbstract.h"
 
-/// Shows what the agent finds while a scan runs; in an unattended run it feeds the report instead. Made once
-/// a process. The operations run on the bus's delivery thread.
+/// Shows the agent's detections while a scan runs. In an unattended run, the detections go into the report
+/// instead. One a process. The operations run on the bus's delivery thread.
 class IScanCImpl : public IScanCAbstract {
  public:
   using IScanCAbstract::IScanCAbstract;
@@ -12,6 +12,6 @@ class IScanCImpl : public IScanCAbstract {
   void reportRiskFixInfo(const jsonrpchelper::ReportRiskFixInfo& report) override;
   void reportScanBusOverView(const jsonrpchelper::ReportScanBusOverView& report) override;
   void reportScanBusStage(const jsonrpchelper::ReportScanBusStage& report) override;
-  /// Accepted and ignored.
+  /// The notification is ignored.
   void reportScanAttributeInfo(const jsonrpchelper::ReportScanAttributeInfo& report) override;
 };

@@ -21,7 +21,7 @@ constexpr State kStates[] = {
     {json::TaskState::kSameModeExists, "已存在同种类型扫描任务", Effect::kBusy},
 };
 
-/// Row: the stage's number.
+/// The index is the number of the stage.
 constexpr const char* kStages[] = {
     "系统设置检测开始",     "系统设置检测结束",     "常用软件检测开始", "常用软件检测结束",
     "内存活跃程序检测开始", "内存活跃程序检测结束", "开机启动项开始",   "开机启动项结束",

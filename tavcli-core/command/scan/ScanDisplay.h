@@ -7,17 +7,17 @@
 #include "json/ScanRecords.h"
 #include "json/Values.h"
 
-/// The agent's scan notifications as the operator sees them: pure functions from what came to whole lines,
-/// each with its line end. Text of the agent's comes out with control characters and broken bytes made
-/// visible. Who prints them, and where, is the receivers' affair.
+/// The agent's scan notifications as text: pure functions from a notification to whole lines with their line
+/// ends. Control characters and broken bytes of the agent's texts are made visible. The receivers print the
+/// lines.
 namespace scandisplay {
 
-/// What a task state does to an unattended run.
+/// The effect of a task state on an unattended run.
 enum class Effect {
   kNone,
-  kReport,       ///< the report is written; the task counts as over
-  kReportAtEnd,  ///< the same, unless a state stands already
-  kBusy,         ///< the command has to be given again
+  kReport,       ///< the report is written and the task counts as over
+  kReportAtEnd,  ///< the same, unless the run has a state already
+  kBusy,         ///< the command must be given again
 };
 
 /// One row of the task states.
@@ -26,12 +26,12 @@ struct State {
   const char* text;
   Effect effect;
 };
-/// Null for a number that is no state.
+/// Null for a number without a row.
 const State* findState(std::int32_t number);
 
 std::string stateLines(const State& state);
 std::string progressLines(std::int32_t progress);
-/// Empty for a number that is no stage.
+/// Empty for a number without a stage.
 std::string stageLines(std::int32_t stage);
 std::string riskLines(const JsonReflect::VirusInfo& risk);
 std::string overviewLines(const JsonReflect::ScanBusOverView& overview);
@@ -39,13 +39,13 @@ std::string fileRepairLines(const JsonReflect::VirusInfo& risk, const JsonReflec
 std::string processRepairLines(const JsonReflect::MemoryRiskInfo& risk,
                                const JsonReflect::RiskRepairResult& repair);
 
-/// The path of a risk, in wire form: what was scanned, or else the file.
+/// The path of a risk in wire form: the scanned item, or the file where the item is empty.
 template <class Risk>
 const std::string& riskPath(const Risk& risk) {
   return risk.item.empty() ? risk.filepath_src : risk.item;
 }
 
-/// Who found a risk.
+/// The name of the component that found a risk.
 const char* finderName(std::int32_t finder);
 
 }  // namespace scandisplay

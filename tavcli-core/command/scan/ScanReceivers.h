@@ -1,6 +1,6 @@
 #pragma once
 
-/// Makes the receivers of the agent's notifications, IScanCImpl and then IBusinessCImpl, on the process-wide
-/// JSON-RPC server. Once a process: further calls do nothing, nor does one before there is a server. They
-/// live to the end of the process. Main thread.
+/// Creates the receivers of the agent's notifications on the process-wide JSON-RPC server: IScanCImpl, then
+/// IBusinessCImpl. The receivers live to the end of the process. Further calls, and calls without a server,
+/// do nothing. Main thread.
 void createScanReceivers();

@@ -3,7 +3,7 @@
 #include <utility>
 
 ScanRunState& ScanRunState::instance() {
-  // Never destroyed: a notification may still arrive while the process ends.
+  // Never destroyed: a notification may arrive while the process ends.
   static auto* const state = new ScanRunState;
   return *state;
 }

@@ -7,7 +7,7 @@
 class TavCliCmdScan : public TavcliCmdInterface {
  public:
   TavCliCmdScan();
-  /// Also makes the receivers of the agent's notifications, once a process; the agent link must be up.
+  /// Also creates the receivers of the agent's notifications. The agent link must be up.
   int load(CObject* owner) override;
   int buildTree(CliTree* tree) override;
   const shell::GrammarTable& grammar() const { return grammar_; }

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Handling of an unattended run, from what the agent's settings gave.
+/// The handling of an unattended run, from the agent's settings.
 json::Handling handlingFromSettings(int fixHandle) {
   return fixHandle == json::toFixHandle(json::Handling::kAutomatic) ? json::Handling::kAutomatic
                                                                     : json::Handling::kReportOnly;
@@ -39,7 +39,7 @@ void TavCliCmdScanExec::start() const {
   unsigned usedMode = static_cast<unsigned>(mode);
   ScanRunState& state = ScanRunState::instance();
   if (state.batch_mode() != 0) {
-    // Unattended: the agent's settings decide the handling, whatever the line said.
+    // Unattended: the agent's settings decide the handling, not the command line.
     int setting = json::toFixHandle(json::Handling::kReportOnly);
     CliScanCommunication::get_scanconfig(setting);
     state.set_fix_handle(setting);

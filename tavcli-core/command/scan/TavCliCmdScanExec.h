@@ -6,7 +6,7 @@
 
 #include "shell/Modules.h"
 
-/// What one SCAN line asks for. Its outcome is told by the agent's notifications, not by its result.
+/// The task of one SCAN line. The agent reports the outcome of a scan by notifications.
 class TavCliCmdScanExec : public TavCliCmdExec {
  public:
   enum Action : std::int32_t { kStart = 0, kStop = 1, kPause = 2, kResume = 3, kShow = 4 };
@@ -20,9 +20,9 @@ class TavCliCmdScanExec : public TavCliCmdExec {
   std::int32_t mode = kFast;
   std::vector<std::string> paths;  ///< bytes as typed, in the order given
   std::string token_id;
-  std::string log_path;  ///< without the mark of an unattended run
+  std::string log_path;  ///< without the prefix of an unattended run
 
-  /// 0 whatever the agent answers; -1 for an action outside the table.
+  /// Returns 0, whatever the agent answers; -1 for an action outside the list.
   std::int32_t execute() override;
 
  private:

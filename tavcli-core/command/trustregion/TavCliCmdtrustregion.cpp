@@ -19,7 +19,7 @@ using shell::setField;
 using shell::startTask;
 using Exec = TavCliCmdtrustregionExec;
 
-// Entries by MD5 cannot be typed: that row is not attached.
+// The row of entries by MD5 is not attached, so nobody can type the keyword.
 const GrammarRow kGrammar[] = {
     {"TRUSTREGION", "信任区", kNoHint, kChoice, kNoValue, startTask<Exec>},
     {"TRUSTREGION REPORT", "获取信任区信息", kNoHint, kChoice, kNoValue,

@@ -3,8 +3,7 @@
 #include "shell/GrammarTable.h"
 #include "shell/Modules.h"
 
-/// The TRUSTREGION command: shows the agent's trust and reject lists, adds to the trust list and takes from
-/// it.
+/// The TRUSTREGION command: shows the agent's trust and reject lists, and changes the trust list.
 class TavCliCmdtrustregion : public TavcliCmdInterface {
  public:
   TavCliCmdtrustregion();

@@ -6,7 +6,7 @@
 
 #include "shell/Modules.h"
 
-/// What one TRUSTREGION line asks for.
+/// The task of one TRUSTREGION line.
 class TavCliCmdtrustregionExec : public TavCliCmdExec {
  public:
   enum Action : std::int32_t { kAdd = 0, kDelete = 1, kReport = 2 };
@@ -16,6 +16,6 @@ class TavCliCmdtrustregionExec : public TavCliCmdExec {
   std::int32_t item_type = kFile;
   std::vector<std::string> items;  ///< bytes as typed, in the order given
 
-  /// 0 whatever the agent answers; -1 for an action outside the table.
+  /// Returns 0, whatever the agent answers; -1 for an action outside the list.
   std::int32_t execute() override;
 };

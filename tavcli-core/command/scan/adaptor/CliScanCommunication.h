@@ -5,21 +5,22 @@
 
 #include "json/Values.h"
 
-/// The SCAN command's calls on the agent. Each makes one call and prints nothing when it fails: a JSON-RPC
-/// failure goes to the debug log. What a scan finds does not come back here but as notifications. Main
-/// thread.
+/// The SCAN command's requests to the agent. Each request makes one call and prints nothing on failure;
+/// failures go to the debug log. Detections come as notifications, not as results. Main thread.
 class CliScanCommunication {
  public:
-  /// Reads how the agent's settings want detections handled: sets handle to json::toFixHandle, or leaves it.
-  /// 0 when there is no agent or its answer is no JSON, else 1.
+  /// Reads the handling of detections from the agent's settings. Sets `handle` to json::toFixHandle, or keeps
+  /// `handle` when the settings hold no handling. Returns 0 without an agent and for an answer that is no
+  /// JSON, otherwise 1.
   static int get_scanconfig(int& handle);
   /// mode: the number of a json::ScanMode. special: kStrongScanOff, or any other number for a strong scan.
-  /// 1 when the agent accepted the task.
+  /// Returns 1 when the agent accepts the task.
   static int action_startscan(json::Handling handling, unsigned mode, const std::vector<std::string>& paths,
                               unsigned special);
-  /// Prints the running scan tasks. 1 when the list was read.
+  /// Prints the running scan tasks. Returns 1 when the agent gave a list.
   static int action_showscan();
-  /// action: the number of a json::ControlAction; others send nothing. 1 when the call was made.
+  /// action: the number of a json::ControlAction; other numbers send nothing. Returns 1 when the call was
+  /// made.
   static int action_ctlscan(const std::string& token_id, unsigned action);
 
   static constexpr unsigned kStrongScanOff = 1;

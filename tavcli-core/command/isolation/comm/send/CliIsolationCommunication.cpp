@@ -34,7 +34,7 @@ int CliIsolationCommunication::action_isolationreport() {
         command::printText(itemText(item));
       }
     }
-    // What was skipped counts, too: it is in the quarantine.
+    // Elements that were not printed count, too: they are in the quarantine.
     command::printText("\n隔离区当前存在 " + std::to_string(items.size()) + " 项\n");
     return 1;
   });

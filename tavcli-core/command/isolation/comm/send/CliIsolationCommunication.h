@@ -4,12 +4,12 @@
 #include <string>
 #include <vector>
 
-/// The ISOLATION command's requests to the agent. Nothing but the list is printed; what fails is in the debug
-/// log. Main thread.
+/// The ISOLATION command's requests to the agent. Only the list is printed; failures go to the debug log.
+/// Main thread.
 class CliIsolationCommunication {
  public:
-  /// Prints what the quarantine holds. 1 when the list was printed, else 0.
+  /// Prints the items of the quarantine. Returns 1 when the list was printed, otherwise 0.
   static int action_isolationreport();
-  /// notrust: 0 restores and trusts, else restores only. 1 when the agent answered that all went well.
+  /// notrust: 0 restores and trusts, otherwise restores only. Returns 1 when the agent reports success.
   static int action_isolationrestore(const std::vector<std::string>& item_ids, std::int32_t notrust);
 };
