@@ -17,22 +17,21 @@ namespace {
 constexpr std::uint32_t kConnectTimeoutSec = 10;
 constexpr std::uint32_t kLookWithoutWait = 0;
 
-/// A step of `init` or `start` has failed.
+/// Names a failed step of `init` or `start`.
 bool fail(const char* function, int line, const char* text) {
   CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, function, line, text);
   std::puts(text);
   return false;
 }
 
-/// Why it has: for the debug log and the operator's standard error.
+/// Gives the reason, for the debug log and for the user on standard error.
 bool explain(const char* function, int line, const std::string& why) {
   CLogDebug::LogPrintStr(LogLevel::kError, __FILE__, function, line, why);
   tavcli::complain("tavcli: " + why);
   return false;
 }
 
-/// What the operator can put right about a library that is not used; the loader's own words are for the debug
-/// log.
+/// What the user can do about a library that was not loaded. The loader's own words go to the debug log.
 std::string adviceOn(const std::string& library) {
   const std::string unsafe = CDir::whyUnsafe(library);
   return "the bus library is not loaded: " +

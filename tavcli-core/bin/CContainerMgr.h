@@ -6,10 +6,10 @@
 #include "lunet/BusClient.h"
 #include "platform/Locks.h"
 
-/// Owns the console's link to the agent: the logs, the bus library, the console's endpoint, and the JSON-RPC
-/// plumbing on it. The entry routine builds one. Every step that fails says so on standard output and in the
-/// debug log, why on standard error, and leaves the steps before it in place for `uninit`. Main thread;
-/// `init`, `start` and `uninit` hold the manager's lock.
+/// Owns the console's link to the agent: the logs, the bus library, the console's endpoint, and JSON-RPC on
+/// this endpoint. A failed step writes its name to standard output and the debug log, and its reason to
+/// standard error. The earlier steps stay until `uninit`. Main thread; `init`, `start` and `uninit` hold the
+/// manager's lock.
 class CContainerMgr {
  public:
   explicit CContainerMgr(tavcli::ContainerConfig config);
@@ -17,17 +17,17 @@ class CContainerMgr {
   CContainerMgr(const CContainerMgr&) = delete;
   CContainerMgr& operator=(const CContainerMgr&) = delete;
 
-  /// Logs and bus library. False on failure, and when done already.
+  /// Sets up the logs and the bus library. False on failure, and after an earlier `init`.
   bool init();
-  /// Connects and serves. False on failure, and when not initialised.
+  /// Connects to the agent and serves notifications. False on failure, and without `init`.
   bool start();
-  /// Ends the JSON-RPC plumbing; returns when no notification is being handled any more.
+  /// Ends JSON-RPC. Returns when no notification is being handled.
   void stop();
-  /// Gives everything back. False when not initialised.
+  /// Releases everything. False without `init`.
   bool uninit();
 
-  /// True when the agent listens at its address. Costs one connection on this machine and no wait; only a
-  /// change is logged.
+  /// True when the agent listens at its address. Costs one local connection and no wait. Only a change is
+  /// logged.
   bool agentAnswers();
 
  private:

@@ -4,10 +4,10 @@
 
 namespace tavcli {
 
-/// What the container manager is built from. Folders end in a separator.
+/// The configuration of the container manager. Folders end in a separator.
 struct ContainerConfig {
   std::string name;
-  std::string uuid;  ///< fresh for every run
+  std::string uuid;  ///< new for every run
   std::string guid;
   std::string version;
   std::string installDir;
@@ -17,10 +17,10 @@ struct ContainerConfig {
   std::string busConfigFile;
 };
 
-/// The console's GUID: names the single-instance mark and the console's endpoint.
+/// The console's GUID: the name of the single-instance mark and the address of the console's endpoint.
 const std::string& containerGuid();
 
-/// All fields but the uuid, for a tree.
+/// The configuration for an install tree, without the uuid.
 ContainerConfig containerConfigFor(const std::string& installDir);
 
 }  // namespace tavcli

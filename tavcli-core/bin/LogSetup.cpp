@@ -17,18 +17,19 @@ namespace tavcli {
 namespace {
 
 constexpr CLogLevel kDefaultCLogLevel = CLogLevel::kError;
+
+/// The settings of etc/debug/cli_debug.conf. A key that is missing or no integer keeps its initial value.
+struct DebugLogSettings {
+  int sizeBytes = 1048576;
+  int backupCount = 5;
+  int level = 3;
+};
+
 void readNumber(const Json::Value& file, const char* key, int& number) {
   if (file.isObject() && file[key].isInt()) {
     number = file[key].asInt();
   }
 }
-
-bool loadDebugConfig(const std::string& path, Json::Value& file) {
-  const std::optional<std::string> text = CFile::readAll(path);
-  return text && CppJson::LoadJsonString(*text, file);
-}
-
-}  // namespace
 
 DebugLogSettings readDebugLogSettings(const Json::Value& file) {
   DebugLogSettings settings;
@@ -38,6 +39,7 @@ DebugLogSettings readDebugLogSettings(const Json::Value& file) {
   return settings;
 }
 
+/// text: the value of CKORVIX_CLOG_LEVEL; null when the variable is not set.
 CLogLevel clogLevelFor(const char* text) {
   if (text == nullptr || !CStr::isNum(text)) {
     return kDefaultCLogLevel;
@@ -46,6 +48,17 @@ CLogLevel clogLevelFor(const char* text) {
   return value >= 0 && value <= 2 ? static_cast<CLogLevel>(value) : kDefaultCLogLevel;
 }
 
+std::optional<DebugLogSettings> loadDebugLogSettings(const std::string& path) {
+  const std::optional<std::string> text = CFile::readAll(path);
+  Json::Value file;
+  if (!text || !CppJson::LoadJsonString(*text, file)) {
+    return std::nullopt;
+  }
+  return readDebugLogSettings(file);
+}
+
+}  // namespace
+
 bool initCLog() {
   CLog::set_log_level(clogLevelFor(std::getenv("CKORVIX_CLOG_LEVEL")));
   CLog::set_log_callback(clogCallback);
@@ -53,27 +66,26 @@ bool initCLog() {
 }
 
 bool initLog(const ContainerConfig& config) {
-  Json::Value file;
-  if (!loadDebugConfig(config.debugConfigFile, file)) {
+  const std::optional<DebugLogSettings> settings = loadDebugLogSettings(config.debugConfigFile);
+  if (!settings) {
     std::printf("No valid logdebug configuration file %s\n",
                 platform::visibleText(config.debugConfigFile).c_str());
     return false;
   }
-  const DebugLogSettings settings = readDebugLogSettings(file);
   const std::string path = config.logDir + "/";
   const std::string name = config.name.empty() ? "tavcli" : config.name;
   CLogDebug* log = CLogDebug::Create();
   log->SetProperty(CLogDebug::kPath, path);
   log->SetProperty(CLogDebug::kName, name);
-  log->SetProperty(CLogDebug::kSize, std::to_string(settings.sizeBytes));
-  log->SetProperty(CLogDebug::kBackupCount, std::to_string(settings.backupCount));
-  log->SetProperty(CLogDebug::kLevel, std::to_string(settings.level));
+  log->SetProperty(CLogDebug::kSize, std::to_string(settings->sizeBytes));
+  log->SetProperty(CLogDebug::kBackupCount, std::to_string(settings->backupCount));
+  log->SetProperty(CLogDebug::kLevel, std::to_string(settings->level));
   if (const std::string why = CLogDebug::whyNoFolder(); !why.empty()) {
     complain("tavcli: no debug log is written: " + why);
   }
   std::printf("=====initLog=====\nloglevel:%d\nlogSize:%d\nlogName:%s\nlogPath:%s\nlogBackupMaxNum:%d\n",
-              settings.level, settings.sizeBytes, name.c_str(), platform::visibleText(path).c_str(),
-              settings.backupCount);
+              settings->level, settings->sizeBytes, name.c_str(), platform::visibleText(path).c_str(),
+              settings->backupCount);
   return true;
 }
 

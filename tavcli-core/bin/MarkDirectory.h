@@ -4,13 +4,12 @@
 
 namespace tavcli {
 
-/// Where the single-instance mark of a tree lies: beside the bus's sockets, so that all who share a bus share
-/// the mark, whatever their environment. Empty when somebody else could plant things on the way there or may
-/// write the bus configuration: nothing is made then, and the bus, which lies in the same folder, refuses the
-/// tree with its reason.
+/// The folder of a tree's single-instance mark: the bus's socket folder, so that consoles on one bus share
+/// the mark. Empty when another user may write in a folder on the way or may write the bus configuration. The
+/// bus then refuses the tree and gives the reason.
 std::string markDirectory(const std::string& installDir, const std::string& busConfigFile);
 
-/// Puts it into force for the marks of this process.
+/// Makes this process keep its marks in that folder, unless the folder is empty.
 void useMarkDirectory(const std::string& installDir, const std::string& busConfigFile);
 
 }  // namespace tavcli
