@@ -1,11 +1,13 @@
 #pragma once
 
+#include <cstdint>
+#include <initializer_list>
 #include <string>
 
 namespace testsupport {
 
-/// Content that the shipped signatures find. Put together here piece by piece, so that neither the sources
-/// nor the test programs are test files themselves.
+/// Content that the shipped signatures find. The content is joined from pieces, so that no engine finds the
+/// sources or the test programs.
 inline std::string joined(std::initializer_list<const char*> pieces) {
   std::string text;
   for (const char* piece : pieces) {
@@ -29,6 +31,17 @@ inline std::string scriptSample() {
 /// A whole file, found by its hash. TAV.Hash.Test
 inline std::string hashSample() {
   return joined({"TAV harm", "less file for tests of ", "hash signatures 2b8d51c07e\n"});
+}
+
+/// Bytes that do not compress and that no signature finds. The same size gives the same bytes.
+inline std::string noise(std::size_t size) {
+  std::string bytes(size, '\0');
+  std::uint32_t state = 12345;
+  for (char& byte : bytes) {
+    state = state * 1664525 + 1013904223;
+    byte = static_cast<char>(state >> 24);
+  }
+  return bytes;
 }
 
 }  // namespace testsupport

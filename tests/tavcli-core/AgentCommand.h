@@ -4,33 +4,25 @@
 
 #include <string>
 
-#include "platform/CLogDebug.h"
 #include "support/ConsoleLink.h"
+#include "support/DebugLogFile.h"
 #include "support/Json.h"
 #include "support/ProcessShell.h"
 #include "support/ScriptedAgent.h"
 #include "support/TempDir.h"
 
-/// A command line against a scripted agent over the real bus, with the debug log caught.
+/// A command line against a scripted agent on the real bus, with the debug log in a file of the test.
 class AgentCommand : public testing::Test {
  protected:
-  AgentCommand() {
-    CLogDebug* const log = CLogDebug::Create();
-    log->SetProperty(CLogDebug::kName, "commands");
-    log->SetProperty(CLogDebug::kPath, logs_.path());
-    log->SetProperty(CLogDebug::kLevel, "1");
-  }
-  ~AgentCommand() override { CLogDebug::Close(); }
+  std::string debugLog() const { return log_.text(); }
 
-  std::string debugLog() const { return testsupport::readFile(logs_.at("commands.log")); }
-
-  /// The agent never answers that method, and the console waits for less than it does otherwise.
+  /// The agent never answers the method, and the console's timeout is short.
   void keepSilentAt(const char* method) {
     agent_.neverAnswer(method);
     link_.setTimeout(100);
   }
 
-  testsupport::TempDir logs_;
+  testsupport::DebugLogFile log_;
   testsupport::TempDir tree_;
   testsupport::ScriptedAgent agent_{tree_.path()};
   testsupport::ConsoleLink link_{tree_.path()};

@@ -15,7 +15,7 @@ using tavcli::IPause;
 using tavcli::MarkWait;
 using testing::ElementsAre;
 
-/// Waits for no time: counts the waits and plays what happens in each.
+/// Waits for no time: records each wait and runs the script's step for the wait.
 class ScriptedPause : public IPause {
  public:
   struct Step {
@@ -33,7 +33,7 @@ class ScriptedPause : public IPause {
   void setEverySecond(std::function<void()>) override {}
   void endBySignal() override {}
 
-  std::vector<int> waits;  ///< seconds; negative where a final state may end the wait
+  std::vector<int> waits;  ///< seconds; negative for a wait that a final state may end
   std::deque<Step> script;
 
  private:
@@ -119,7 +119,7 @@ TEST_F(BatchLoop, ATimeoutIsRoundedUpToWholeSteps) {
   EXPECT_THAT(pause_.waits, ElementsAre(-10, -10));
 }
 
-/// What is told of a scan that ended while the last of the timeout was waited for.
+/// The line about a scan that ended in the last wait.
 std::string endedInTheLastWait(int timeoutSec) {
   return "tavcli: the scan of /data was over in the last wait of the timeout of " +
          std::to_string(timeoutSec) + " seconds: infected files 7, report /tmp/r";

@@ -200,8 +200,8 @@ TEST_F(WrittenReport, WithoutAPathTellsTheCounts) {
   expectTheCounts();
 }
 
-/// No file of this process may grow beyond 16 bytes: the write fails as on a full disk. Standard error goes
-/// to a pipe meanwhile, which is no file.
+/// Limits the files of this process to 16 bytes, so a write fails as on a full disk. Standard error goes to a
+/// pipe, because a pipe is no file.
 class FullDisk {
  public:
   FullDisk() {
@@ -215,7 +215,7 @@ class FullDisk {
       dup2(pipe_[1], STDERR_FILENO);
     }
   }
-  /// Ends it; what standard error got.
+  /// Lifts the limit. Returns the text of standard error.
   std::string end() {
     setrlimit(RLIMIT_FSIZE, &before_);
     dup2(stderr_, STDERR_FILENO);

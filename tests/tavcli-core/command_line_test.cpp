@@ -60,7 +60,7 @@ class BatchArguments : public testing::Test {
  protected:
   ~BatchArguments() override { std::filesystem::current_path(before_); }
 
-  /// What stands on standard error; "-" when the options are accepted.
+  /// The line for standard error; "-" for accepted options.
   std::string refusalOf(const std::string& scanPath, const std::string& logPath) {
     const auto checked = checkBatchOptions({scanPath, logPath, 5});
     out_ = checked ? "" : checked.error().out;

@@ -41,7 +41,6 @@ class ContainerManager : public testing::Test {
   bool start() {
     return printing([this] { return manager().start(); });
   }
-  /// A shared object that is no bus library.
   testsupport::InstallTree tree_;
   std::unique_ptr<testsupport::ScriptedAgent> agent_;
   tavcli::ContainerConfig config_;

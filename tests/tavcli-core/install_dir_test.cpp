@@ -9,8 +9,8 @@
 
 namespace {
 
-// The directory is resolved once a process: each of these runs in a process that is started for it. Its
-// folders are made there, too.
+// The directory is resolved once a process, so each test runs in a process of its own and makes its folders
+// there.
 class InstallDirectory : public testing::Test {
  protected:
   InstallDirectory() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

@@ -39,7 +39,7 @@ class IsolationCommand : public AgentCommand {
   }
 };
 
-/// A member of an item, the line it is shown on, and what stands there.
+/// A member of an item, and the line that shows the member.
 struct Shown {
   const char* name;
   const char* item;
@@ -126,20 +126,14 @@ TEST_F(IsolationTask, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {
 }
 
 TEST_F(IsolationTask, WithoutAnAgentLinkNothingIsPrintedAndNothingLogged) {
-  const testsupport::TempDir dir;
-  CLogDebug* const log = CLogDebug::Create();
-  log->SetProperty(CLogDebug::kPath, dir.path());
-  log->SetProperty(CLogDebug::kName, "t");
-  log->SetProperty(CLogDebug::kLevel, "4");
+  const testsupport::DebugLogFile log(LogLevel::kError);
   EXPECT_EQ(outputOf([] {
               EXPECT_EQ(CliIsolationCommunication::action_isolationreport(), 0);
               EXPECT_EQ(CliIsolationCommunication::action_isolationrestore({"u"}, 0), 0);
             }),
             "");
   CLogDebug::LogPrintStr(LogLevel::kError, "", "", 0, "the log works");
-  CLogDebug::Close();
-  EXPECT_THAT(testsupport::readFile(dir.at("t.log")),
-              AllOf(HasSubstr("the log works"), Not(HasSubstr("Caught"))));
+  EXPECT_THAT(log.text(), AllOf(HasSubstr("the log works"), Not(HasSubstr("Caught"))));
 }
 
 TEST_F(IsolationCommand, AnEmptyQuarantinePrintsAnEmptyLineAndTheTotal) {

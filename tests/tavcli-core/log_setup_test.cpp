@@ -6,6 +6,7 @@
 #include "json/CppJson.h"
 #include "platform/CLog.h"
 #include "platform/CLogDebug.h"
+#include "support/DebugLogFile.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -42,7 +43,7 @@ class DebugLog : public testing::Test {
  protected:
   ~DebugLog() override { CLogDebug::Close(); }
 
-  /// initLog with that configuration file; its standard output comes back.
+  /// Runs initLog with that configuration file. Returns the standard output.
   std::string initWith(const std::string& file) {
     config_.name = "tavcli";
     config_.logDir = dir_.at("log/");
@@ -132,18 +133,13 @@ struct Forward {
   int to;  ///< 0: dropped
 };
 
-/// The debug log's level of the one record that a callback wrote, seen by raising the threshold.
+/// The level of the record that a callback wrote: the highest threshold that lets the record pass.
 int writtenAt(void (*callback)(int, const char*), int level) {
   int written = 0;
   for (int threshold = 1; threshold <= 4; ++threshold) {
-    testsupport::TempDir dir;
-    CLogDebug* log = CLogDebug::Create();
-    log->SetProperty(CLogDebug::kPath, dir.path());
-    log->SetProperty(CLogDebug::kName, "t");
-    log->SetProperty(CLogDebug::kLevel, std::to_string(threshold));
+    const testsupport::DebugLogFile log(static_cast<LogLevel>(threshold));
     callback(level, "forwarded text");
-    CLogDebug::Close();
-    if (testsupport::readFile(dir.at("t.log")).find("forwarded text") != std::string::npos) {
+    if (log.text().find("forwarded text") != std::string::npos) {
       written = threshold;
     }
   }
@@ -169,27 +165,19 @@ INSTANTIATE_TEST_SUITE_P(LogSetup, FromLunet, testing::ValuesIn(kFromLunet),
                          [](const auto& row) { return row.param.name; });
 
 TEST(ForwardedRecords, NameTheirCallbackAsTheFunction) {
-  testsupport::TempDir dir;
-  CLogDebug* log = CLogDebug::Create();
-  log->SetProperty(CLogDebug::kPath, dir.path());
-  log->SetProperty(CLogDebug::kName, "t");
+  const testsupport::DebugLogFile log;
   tavcli::clogCallback(3, "one");
   tavcli::lunetLogCallback(0, "two");
-  CLogDebug::Close();
-  const std::string text = testsupport::readFile(dir.at("t.log"));
+  const std::string text = log.text();
   EXPECT_NE(text.find("clogCallback"), std::string::npos);
   EXPECT_NE(text.find("lunetLogCallback"), std::string::npos);
 }
 
 TEST(BaseLibraryRecords, ReachTheDebugLog) {
-  testsupport::TempDir dir;
-  CLogDebug* log = CLogDebug::Create();
-  log->SetProperty(CLogDebug::kPath, dir.path());
-  log->SetProperty(CLogDebug::kName, "t");
+  const testsupport::DebugLogFile log;
   tavcli::initCLog();
   CLog::emit(::CLogLevel::kError, "disk %d", 42);
-  CLogDebug::Close();
-  EXPECT_NE(testsupport::readFile(dir.at("t.log")).find("disk 42"), std::string::npos);
+  EXPECT_NE(log.text().find("disk 42"), std::string::npos);
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ using tavcli::SignalAwarePause;
 
 constexpr seconds kLong{3600};
 
-/// A pause that makes its waits short, so that the end of the time can be seen.
+/// A pause with short waits, so that a test reaches the end of a wait.
 class ShortPause : public SignalAwarePause {
  public:
   End sleep(seconds time) override { return wait(std::chrono::milliseconds(time.count()), false); }
@@ -55,12 +55,12 @@ TEST(Pause, AnnouncementsCountOnce) {
   EXPECT_FALSE(tavcli::takeFinalState());
 }
 
-/// The signal has its default effect, whatever the caller of the tests or a test before has made of it, and a
-/// test leaves neither an effect nor a signal behind.
+/// Gives the signal its default effect for the test, and restores the effect and the mask afterwards. No
+/// signal stays pending.
 class PauseSignal : public testing::TestWithParam<int> {
  protected:
   PauseSignal() {
-    before_ = signal(GetParam(), SIG_IGN);  // drops one that is pending
+    before_ = signal(GetParam(), SIG_IGN);  // drops a pending signal
     pthread_sigmask(SIG_SETMASK, nullptr, &maskBefore_);
     sigset_t one;
     sigemptyset(&one);

@@ -42,7 +42,7 @@ class ScanCommand : public AgentCommand {
   }
   ~ScanCommand() override { ScanRunState::instance().reset(); }
 
-  /// The one call that a task makes.
+  /// Executes the task. Returns its one call.
   testsupport::ScriptedAgent::Call callOf(TavCliCmdScanExec& task) {
     agent_.forgetCalls();
     EXPECT_EQ(task.execute(), 0);
@@ -55,7 +55,7 @@ class ScanCommand : public AgentCommand {
     EXPECT_EQ(call.method, "startScanTask");
     return call.params["params"];
   }
-  /// What a batch start sends when the agent's settings hold this document.
+  /// The request of an unattended start for these settings of the agent.
   Json::Value batchStart(const std::string& settings) {
     agent_.answer("getAVConfig", settings);
     ScanRunState::instance().set_batch_mode();
@@ -73,14 +73,14 @@ class ScanCommand : public AgentCommand {
   std::string printed_;
 };
 
-/// Batch starts one after the other at one prompt, and what the agent tells between them.
+/// Unattended starts one after the other, with the agent's notifications between them.
 class BatchStarts : public ScanCommand {
  protected:
   BatchStarts() { ScanRunState::instance().set_log_path(report_); }
   ~BatchStarts() override { g_lastBusState = tavcli::kBusStateNone; }
 
   void start() { batchStart("{}"); }
-  void told(const char* path) {
+  void detect(const char* path) {
     scan_.reportRiskFixInfo({.business_type = 0,
                              .fix_method = 2,
                              .risk_info = jsonOf(R"({"item":")" + std::string(path) + R"("})"),
@@ -441,13 +441,13 @@ TEST_F(ScanCommand, AfterOneBatchLogpathEveryLaterStartIsABatchStart) {
 
 TEST_F(BatchStarts, AnAcceptedOneBeginsAReportOfItsOwn) {
   start();
-  told("/data/first");
+  detect("/data/first");
   state(5);
   EXPECT_THAT(testsupport::readFile(report_), HasSubstr("/data/first\n"));
   start();
   EXPECT_EQ(ScanRunState::instance().result(), Json::Value(Json::objectValue));
   EXPECT_EQ(ScanRunState::instance().failed_items(), 0);
-  told("/data/second");
+  detect("/data/second");
   state(5);
   EXPECT_THAT(testsupport::readFile(report_), HasSubstr("/data/second\n"));
   EXPECT_THAT(testsupport::readFile(report_), Not(HasSubstr("/data/first\n")));
@@ -455,7 +455,7 @@ TEST_F(BatchStarts, AnAcceptedOneBeginsAReportOfItsOwn) {
 
 TEST_F(BatchStarts, OneThatTheAgentDoesNotAcceptLeavesTheRunningScansResult) {
   start();
-  told("/data/first");
+  detect("/data/first");
   agent_.answer("startScanTask", jsonOf(R"({"status":false})"));
   start();
   EXPECT_THAT(paths(), ElementsAre("/data/first"));
@@ -467,7 +467,7 @@ TEST_F(BatchStarts, OneThatTheAgentDoesNotAcceptLeavesTheRunningScansResult) {
 TEST_F(BatchStarts, WhatTheAgentTellsBeforeItAnswersIsInTheReport) {
   scan_.StartListening();
   start();
-  told("/data/first");
+  detect("/data/first");
   Json::Value notice = jsonOf(
       R"({"business_type":0,"fix_method":2,"risk_info_type":5,"token_id":"t","risk_info":{"item":"/data/second"},
           "risk_repair_result":{"handle_result":3}})");
@@ -483,7 +483,7 @@ TEST_F(BatchStarts, WhatTheAgentTellsBeforeItAnswersIsInTheReport) {
 
 TEST_F(BatchStarts, OneThatIsIssuedAgainAfterABusyAgentGoesOnWithItsResult) {
   start();
-  told("/data/first");
+  detect("/data/first");
   state(6);
   start();
   EXPECT_THAT(paths(), ElementsAre("/data/first"));
@@ -493,11 +493,11 @@ TEST_F(BatchStarts, OneThatIsIssuedAgainAfterABusyAgentGoesOnWithItsResult) {
 
 TEST_F(BatchStarts, OneThatIsAcceptedAfterARefusalAsBusyDoesNotListTheScanBeforeIt) {
   start();
-  told("/data/first");
+  detect("/data/first");
   agent_.answer("startScanTask", jsonOf(R"({"status":false})"));
   start();
   state(6);
-  told("/data/late");
+  detect("/data/late");
   EXPECT_THAT(paths(), ElementsAre("/data/first", "/data/late"));
   agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
   start();

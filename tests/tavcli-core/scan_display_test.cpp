@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <tuple>
+
 #include "command/scan/ScanDisplay.h"
 #include "json/CppJson.h"
 #include "platform/Text.h"
+#include "support/Golden.h"
 
 namespace {
 
@@ -28,67 +32,51 @@ JsonReflect::RiskRepairResult repaired() {
   return repair;
 }
 
-struct StateRow {
-  int number;
-  const char* text;
-};
-class TaskState : public testing::TestWithParam<StateRow> {};
-TEST_P(TaskState, IsAnEmptyLineAndItsText) {
-  const scandisplay::State* state = scandisplay::findState(GetParam().number);
-  ASSERT_NE(state, nullptr);
-  EXPECT_EQ(scandisplay::stateLines(*state), std::string("\n") + GetParam().text + "\n");
-}
-const StateRow kStates[] = {{-1, "扫描任务创建失败"}, {0, "扫描任务初始化"},        {1, "扫描任务开始: "},
-                            {2, "扫描结束"},          {3, "扫描任务已暂停"},        {4, "扫描任务已恢复"},
-                            {5, "扫描任务已中止"},    {6, "已存在同种类型扫描任务"}};
-INSTANTIATE_TEST_SUITE_P(ScanDisplay, TaskState, testing::ValuesIn(kStates), [](const auto& row) {
-  return row.param.number < 0 ? std::string("Minus1") : "State" + std::to_string(row.param.number);
-});
+const char kGolden[] = "tavcli-core/data/scan_texts.txt";
 
-TEST(ScanDisplay, StatesOutsideTheTableAreNone) {
-  EXPECT_EQ(scandisplay::findState(7), nullptr);
-  EXPECT_EQ(scandisplay::findState(-2), nullptr);
+/// The lines for a number of "state", "stage" or "finder"; empty for a number without a text.
+std::string linesOf(const std::string& list, int number) {
+  if (list == "finder") {
+    return "\n" + std::string(scandisplay::finderName(number)) + "\n";
+  }
+  if (list == "stage") {
+    return scandisplay::stageLines(number);
+  }
+  const scandisplay::State* const state = scandisplay::findState(number);
+  return state == nullptr ? "" : scandisplay::stateLines(*state);
 }
 
-struct StageRow {
-  int number;
-  const char* text;
-};
-class Stage : public testing::TestWithParam<StageRow> {};
-TEST_P(Stage, IsAnEmptyLineAndItsText) {
-  EXPECT_EQ(scandisplay::stageLines(GetParam().number), std::string("\n") + GetParam().text + "\n");
-}
-const StageRow kStages[] = {{0, "系统设置检测开始"},     {1, "系统设置检测结束"},
-                            {2, "常用软件检测开始"},     {3, "常用软件检测结束"},
-                            {4, "内存活跃程序检测开始"}, {5, "内存活跃程序检测结束"},
-                            {6, "开机启动项开始"},       {7, "开机启动项结束"},
-                            {8, "系统关键位置检测开始"}, {9, "系统关键位置检测结束"}};
-INSTANTIATE_TEST_SUITE_P(ScanDisplay, Stage, testing::ValuesIn(kStages),
-                         [](const auto& row) { return "Stage" + std::to_string(row.param.number); });
+/// A line of the golden file: "list | number | text".
+class ScanText : public testing::TestWithParam<std::vector<std::string>> {};
 
-TEST(ScanDisplay, StagesOutsideTheTablePrintNothing) {
-  EXPECT_EQ(scandisplay::stageLines(10), "");
-  EXPECT_EQ(scandisplay::stageLines(-1), "");
+TEST_P(ScanText, IsAnEmptyLineAndItsText) {
+  EXPECT_EQ(linesOf(GetParam()[0], std::stoi(GetParam()[1])), "\n" + GetParam()[2] + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(ScanDisplay, ScanText, testing::ValuesIn(testsupport::goldenFields(kGolden)),
+                         [](const auto& row) {
+                           const int number = std::stoi(row.param[1]);
+                           return row.param[0] + (number < 0 ? "Minus" : "") +
+                                  std::to_string(std::abs(number));
+                         });
+
+TEST(ScanDisplay, HasTheTextsOfItsGoldenFileAndNoOthers) {
+  std::string texts;
+  for (const auto& [list, first, last] :
+       {std::tuple{"state", -2, 20}, std::tuple{"stage", -2, 20}, std::tuple{"finder", -1, 4}}) {
+    for (int number = first; number <= last; ++number) {
+      if (const std::string lines = linesOf(list, number); !lines.empty()) {
+        texts += std::string(list) + " | " + std::to_string(number) + " | " + lines.substr(1);
+      }
+    }
+  }
+  testsupport::expectGolden(kGolden, texts);
 }
 
 TEST(ScanDisplay, ProgressIsAnEmptyLineAndThePercentage) {
   EXPECT_EQ(scandisplay::progressLines(0), "\n扫描进度: 0%\n");
   EXPECT_EQ(scandisplay::progressLines(100), "\n扫描进度: 100%\n");
 }
-
-struct FinderRow {
-  int finder;
-  const char* name;
-};
-class Finder : public testing::TestWithParam<FinderRow> {};
-TEST_P(Finder, HasItsName) {
-  EXPECT_STREQ(scandisplay::finderName(GetParam().finder), GetParam().name);
-}
-const FinderRow kFinders[] = {{2, "实时防护"}, {3, "USB防护"},  {0, "主动扫描"},
-                              {1, "主动扫描"}, {4, "主动扫描"}, {-1, "主动扫描"}};
-INSTANTIATE_TEST_SUITE_P(ScanDisplay, Finder, testing::ValuesIn(kFinders), [](const auto& row) {
-  return row.param.finder < 0 ? std::string("Minus1") : "Finder" + std::to_string(row.param.finder);
-});
 
 TEST(ScanDisplay, ARiskIsItsSixFieldsAndARule) {
   EXPECT_EQ(scandisplay::riskLines(fileRisk()),

@@ -15,6 +15,7 @@
 #include "command/scan/ScanReceivers.h"
 #include "command/scan/ScanRunState.h"
 #include "jsonrpchelper/Holders.h"
+#include "support/Capture.h"
 #include "support/ConsoleLink.h"
 #include "support/Json.h"
 #include "support/ScriptedAgent.h"
@@ -25,14 +26,7 @@ namespace {
 
 using testing::HasSubstr;
 using testsupport::jsonOf;
-
-/// What a step prints.
-template <class Step>
-std::string printed(Step step) {
-  testing::internal::CaptureStdout();
-  step();
-  return testing::internal::GetCapturedStdout();
-}
+using testsupport::outputOf;
 
 class Receivers : public testing::Test {
  protected:
@@ -47,7 +41,7 @@ class Receivers : public testing::Test {
     state.set_fix_handle(1);
   }
   std::string state(int number, const std::string& token = "token", int type = 0) {
-    return printed([&] {
+    return outputOf([&] {
       business_.reportBusStatus({.ctx = {},
                                  .detail = "detail",
                                  .params = {},
@@ -58,7 +52,7 @@ class Receivers : public testing::Test {
     });
   }
   std::string risk(const Json::Value& info, int business = 0, int infoType = 5) {
-    return printed([&] {
+    return outputOf([&] {
       scan_.reportRiskInfo({.business_type = business,
                             .fix_method = 2,
                             .risk_info = info,
@@ -67,7 +61,7 @@ class Receivers : public testing::Test {
     });
   }
   std::string repair(const Json::Value& info, const Json::Value& result, int business = 0, int infoType = 5) {
-    return printed([&] {
+    return outputOf([&] {
       scan_.reportRiskFixInfo({.business_type = business,
                                .fix_method = 2,
                                .risk_info = info,
@@ -77,7 +71,8 @@ class Receivers : public testing::Test {
     });
   }
   std::string overview(const std::string& counters) {
-    return printed([&] { scan_.reportScanBusOverView({.overview = jsonOf(counters), .token_id = "token"}); });
+    return outputOf(
+        [&] { scan_.reportScanBusOverView({.overview = jsonOf(counters), .token_id = "token"}); });
   }
   static Json::Value document() { return ScanRunState::instance().result(); }
 
@@ -101,7 +96,7 @@ const Json::Value kRepair = jsonOf(R"({"handle_result":1,"handle_detail":"moved"
 const Json::Value kProcess =
     jsonOf(R"({"process_info":{"exec_file_name":"/bin/x","proc_risks":[{"item":"/bin/x"}]}})");
 
-// What is taken and what is passed over.
+// Accepted and ignored notifications.
 
 TEST_F(Receivers, AStateWithAnEmptyTokenPrintsNothing) {
   EXPECT_EQ(state(1, ""), "");
@@ -117,7 +112,7 @@ TEST_F(Receivers, AStateMinus2PrintsNothing) {
 }
 TEST_F(Receivers, AttributeInfoIsAcceptedAndIgnored) {
   EXPECT_EQ(
-      printed([&] { scan_.reportScanAttributeInfo({.payload = kRisk, .source = 1, .token_id = "token"}); }),
+      outputOf([&] { scan_.reportScanAttributeInfo({.payload = kRisk, .source = 1, .token_id = "token"}); }),
       "");
 }
 TEST_F(Receivers, ARiskOfAnotherBusinessPrintsNothing) {
@@ -154,7 +149,7 @@ TEST_F(Receivers, AnOddMemberDoesNotCostTheRest) {
               HasSubstr("风险项名称 : kept\n"));
 }
 
-// The prompt's mode.
+// At the prompt.
 
 TEST_F(Receivers, AtThePromptAStatePrintsItsLinesOnly) {
   EXPECT_EQ(state(2), "\n扫描结束\n");
@@ -178,11 +173,11 @@ TEST_F(Receivers, AtThePromptAnOverviewIsPrinted) {
   EXPECT_TRUE(document().empty());
 }
 TEST_F(Receivers, AtThePromptAStageIsPrinted) {
-  EXPECT_EQ(printed([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }),
+  EXPECT_EQ(outputOf([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }),
             scandisplay::stageLines(4));
 }
 TEST_F(Receivers, AtThePromptProgressIsPrinted) {
-  EXPECT_EQ(printed([&] { business_.reportBusProgress({.progress = 7, .token_id = "token"}); }),
+  EXPECT_EQ(outputOf([&] { business_.reportBusProgress({.progress = 7, .token_id = "token"}); }),
             "\n扫描进度: 7%\n");
 }
 
@@ -190,13 +185,13 @@ TEST_F(Receivers, AtThePromptProgressIsPrinted) {
 
 TEST_F(Receivers, UnattendedProgressIsPrintedToo) {
   unattended();
-  EXPECT_EQ(printed([&] { business_.reportBusProgress({.progress = 7, .token_id = "token"}); }),
+  EXPECT_EQ(outputOf([&] { business_.reportBusProgress({.progress = 7, .token_id = "token"}); }),
             "\n扫描进度: 7%\n");
 }
 TEST_F(Receivers, UnattendedRiskStageAndRepairsPrintNothing) {
   unattended();
   EXPECT_EQ(risk(kRisk), "");
-  EXPECT_EQ(printed([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }), "");
+  EXPECT_EQ(outputOf([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }), "");
   EXPECT_EQ(repair(kRisk, kRepair), "");
   EXPECT_EQ(repair(kProcess, kRepair, 0, 3), "");
 }
@@ -230,7 +225,7 @@ struct EffectRow {
   int state;
   std::uint32_t clean;     ///< g_lastBusState when nothing was found
   std::uint32_t infected;  ///< and when something was
-  bool report;             ///< the report is written
+  bool report;             ///< whether the report is written
 };
 
 class StateEffect : public Receivers, public testing::WithParamInterface<EffectRow> {
@@ -339,7 +334,7 @@ Json::Value status(int state) {
   return params;
 }
 
-/// The exit code; the report and then standard output, in angle brackets, go to standard error.
+/// Returns the exit code. Writes the report and standard output, in angle brackets, to standard error.
 int wholeUnattendedRun() {
   const testsupport::TempDir dir;
   testsupport::ScriptedAgent agent{dir.path()};

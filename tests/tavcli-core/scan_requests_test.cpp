@@ -2,15 +2,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "AgentCommand.h"
 #include "command/scan/ScanRunState.h"
 #include "command/scan/adaptor/CliScanCommunication.h"
 #include "json/CppJson.h"
 #include "jsonrpchelper/Holders.h"
-#include "platform/CLogDebug.h"
-#include "support/ConsoleLink.h"
-#include "support/Json.h"
-#include "support/ScriptedAgent.h"
-#include "support/TempDir.h"
 
 namespace {
 
@@ -18,25 +14,19 @@ using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
-using testsupport::jsonOf;
 
-class ScanRequests : public testing::Test {
+class ScanRequests : public AgentCommand {
  protected:
   ScanRequests() {
-    CLogDebug* log = CLogDebug::Create();
-    log->SetProperty(CLogDebug::kPath, dir_.at("log"));
-    log->SetProperty(CLogDebug::kName, "t");
-    log->SetProperty(CLogDebug::kLevel, "4");
+    CLogDebug::Instance()->SetProperty(CLogDebug::kLevel, "4");  // errors only
     agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
     agent_.answer("ctlBus", true);
   }
-  ~ScanRequests() override { CLogDebug::Close(); }
 
   template <class Request>
   int printing(Request request) {
-    testing::internal::CaptureStdout();
-    const int result = request();
-    out_ = testing::internal::GetCapturedStdout();
+    int result = 0;
+    out_ = testsupport::outputOf([&] { result = request(); });
     return result;
   }
   Json::Value onlyParams(const std::string& method) const {
@@ -44,11 +34,7 @@ class ScanRequests : public testing::Test {
     EXPECT_EQ(calls.size(), 1U);
     return calls.empty() ? Json::Value() : calls.front().params;
   }
-  std::string log() const { return testsupport::readFile(dir_.at("log/t.log")); }
 
-  testsupport::TempDir dir_;
-  testsupport::ScriptedAgent agent_{dir_.path()};
-  testsupport::ConsoleLink link_{dir_.path()};
   std::string out_;
 };
 
@@ -244,7 +230,7 @@ TEST_F(ScanRequests, ARefusedControlCountsAsMade) {
   EXPECT_EQ(CliScanCommunication::action_ctlscan("t", 1), 1);
 }
 
-// What goes wrong.
+// Failures.
 
 struct Failing {
   const char* function;
@@ -271,15 +257,15 @@ class FailingRequest : public ScanRequests, public testing::WithParamInterface<F
   void expectLoggedAndSilent() {
     EXPECT_EQ(printing(GetParam().request), GetParam().result);
     EXPECT_EQ(out_, "");
-    EXPECT_THAT(log(), HasSubstr(std::string("ERROR command/scan/adaptor/CliScanCommunication") +
-                                 GetParam().place + "Caught exception:\\n "));
+    EXPECT_THAT(debugLog(), HasSubstr(std::string("ERROR command/scan/adaptor/CliScanCommunication") +
+                                      GetParam().place + "Caught exception:\\n "));
   }
 };
 
 TEST_P(FailingRequest, ToAnAgentThatIsGoneIsLoggedAndPrintsNothing) {
   agent_.leave();
   expectLoggedAndSilent();
-  EXPECT_THAT(log(), HasSubstr("lunet SyncSend error ret["));
+  EXPECT_THAT(debugLog(), HasSubstr("lunet SyncSend error ret["));
 }
 
 TEST_P(FailingRequest, AnsweredWithAnErrorIsLoggedAndPrintsNothing) {
@@ -323,7 +309,7 @@ TEST_P(FailingRequest, WithoutALinkGives0AndLogsNothing) {
   jsonrpchelper::stopJsonRpc();
   EXPECT_EQ(printing(GetParam().request), 0);
   EXPECT_EQ(out_, "");
-  EXPECT_EQ(log(), "");
+  EXPECT_EQ(debugLog(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(ScanRequests, FailingRequest, testing::ValuesIn(kFailing),

@@ -34,7 +34,7 @@ class TrustregionCommand : public AgentCommand {
     tzset();
     agent_.answer("ctlRegion", true);
   }
-  /// The report where the query of that region and type has these items, and the others none.
+  /// The report when the query of that region and type gives these items, and every other query no item.
   std::string reportOf(const std::string& items, int region = 0, int type = 0) {
     const Json::Value list = jsonOf(items);
     agent_.answerWith("getRegionInfo", [=](const Json::Value& params) {
