@@ -76,7 +76,7 @@ ContainerConfig useInstallTree() {
   return config;
 }
 
-/// The steps that both run modes share once the mark is held. Null when a step fails; the user has been told.
+/// The steps that both run modes share once the mark is held. Null after a failed step, which has its line.
 std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Surroundings& surroundings,
                               const char* withoutUuid) {
   mark.setAttribute("pid", std::to_string(getpid()));

@@ -9,7 +9,7 @@
 
 namespace tavcli {
 
-/// What a run takes from outside, so that tests can replace it. The program uses the initial values.
+/// What a run takes from outside. The program uses the initial values; tests replace members.
 struct Surroundings {
   std::function<int(std::string& uuid)> generateUuid;  ///< 0 on success
   std::function<std::unique_ptr<IPause>()> makePause;  ///< called before any other thread starts

@@ -12,6 +12,7 @@
 #include "json/CppJson.h"
 #include "lunet/Lunet.h"
 #include "support/Json.h"
+#include "support/Samples.h"
 #include "support/Wait.h"
 
 namespace testsupport {
@@ -24,22 +25,18 @@ constexpr std::chrono::seconds kLimit{20};
 
 AgentTree::AgentTree(Options options) : uid_(options.uid) {
   namespace fs = std::filesystem;
-  chmod(dir_.path().c_str(), 0755);
-  for (const char* folder :
-       {"bin", "lib/modules", "etc/communication", "etc/debug", "etc/agent", "log", "data"}) {
-    fs::create_directories(dir_.at(folder));
-  }
+  chmod(path().c_str(), 0755);
+  fs::create_directories(at("etc/agent"));
+  fs::create_directories(at("data"));
   if (options.dataOnDisk && diskFolder() != "/tmp") {
     dataOnDisk_.emplace(diskFolder());
     fs::create_directories(data());
   }
-  // Copies: other users may not be able to enter the folder of the sources, or it may be another user's.
-  fs::copy_file(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so",
-                dir_.at("lib/modules/libLunetClientMgr.so"));
-  fs::copy(std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures", dir_.at("etc/agent/signatures"));
+  // Copies, because other users may not be able to enter the folder of the sources.
+  fs::copy(std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures", at("etc/agent/signatures"));
   if (options.uid || !options.group.empty()) {
     for (const char* program : {"tavagentd", "lunetctl"}) {
-      fs::copy_file(std::string(TAV_BIN_DIR) + "/" + program, dir_.at("bin/") + program);
+      fs::copy_file(std::string(TAV_BIN_DIR) + "/" + program, at("bin/") + program);
     }
   }
   Json::Value bus(Json::objectValue);
@@ -48,15 +45,15 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
   if (!options.group.empty()) {
     bus["group"] = options.group;
   }
-  dir_.write("etc/communication/cli_lunet.conf", jsonText(bus));
-  dir_.write("etc/debug/cli_debug.conf", R"({"log_size":1048576,"log_backup_max_num":5,"log_level":3})");
+  tree_.setBusConfig(jsonText(bus));
+  tree_.setDebugConfig(R"({"log_size":1048576,"log_backup_max_num":5,"log_level":3})");
   if (uid_) {
-    for (const auto& entry : fs::recursive_directory_iterator(dir_.path())) {
+    for (const auto& entry : fs::recursive_directory_iterator(path())) {
       if (lchown(entry.path().c_str(), *uid_, *uid_) != 0) {
         throw std::runtime_error("cannot give " + entry.path().string() + " away");
       }
     }
-    if (chown(dir_.path().c_str(), *uid_, *uid_) != 0) {
+    if (chown(path().c_str(), *uid_, *uid_) != 0) {
       throw std::runtime_error("cannot give the tree away");
     }
   }
@@ -68,13 +65,13 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
 AgentTree::~AgentTree() {
   if (agent_ && agent_->running()) {
     agent_->kill(SIGTERM);
-    // Also how a sanitizer in the agent is heard of.
+    // A sanitizer that finds an error in the agent changes the exit status.
     EXPECT_EQ(0, agent_->wait().value_or(-1)) << agent_->err();
   }
 }
 
 std::string AgentTree::write(const std::string& name, const std::string& content) const {
-  return (dataOnDisk_ ? *dataOnDisk_ : dir_).write("data/" + name, content);
+  return dataOnDisk_ ? dataOnDisk_->write("data/" + name, content) : tree_.write("data/" + name, content);
 }
 
 std::string AgentTree::busyFolder() const {
@@ -82,13 +79,7 @@ std::string AgentTree::busyFolder() const {
   if (std::filesystem::exists(folder)) {
     return folder;
   }
-  std::string content(8 << 20, '\0');
-  std::uint32_t state = 12345;
-  for (char& byte : content) {
-    state = state * 1664525 + 1013904223;
-    byte = static_cast<char>(state >> 24);
-  }
-  const std::string first = write("busy/0", content);
+  const std::string first = write("busy/0", noise(8 << 20));
   for (int i = 1; i < 500; ++i) {
     std::filesystem::create_hard_link(first, folder + "/" + std::to_string(i));
   }
@@ -109,11 +100,11 @@ void AgentTree::kill(int signal) {
 }
 
 std::string AgentTree::log() const {
-  return readFile(dir_.at("log/tavagentd.log"));
+  return readFile(at("log/tavagentd.log"));
 }
 
 std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& arguments) const {
-  std::vector<std::string> command{program("tavagentd"), "--install-dir", dir_.path(), "--system-signatures",
+  std::vector<std::string> command{program("tavagentd"), "--install-dir", path(), "--system-signatures",
                                    systemSignatures()};
   command.insert(command.end(), arguments.begin(), arguments.end());
   Process::Options options;
@@ -123,18 +114,15 @@ std::unique_ptr<Process> AgentTree::run(const std::vector<std::string>& argument
 }
 
 std::string AgentTree::program(const std::string& name) const {
-  const std::string own = dir_.at("bin/" + name);
+  const std::string own = at("bin/" + name);
   return std::filesystem::exists(own) ? own : std::string(TAV_BIN_DIR) + "/" + name;
 }
 
 std::unique_ptr<Process> AgentTree::console(const std::string& name,
                                             const std::vector<std::string>& arguments) const {
-  Process::Options options;
-  options.workingDir = dir_.at("bin");
-  options.environment = {{"XDG_STATE_HOME", dir_.at("home")}, {"TERM", "dumb"}, {"CKORVIX_CLOG_LEVEL", ""}};
   std::vector<std::string> command{program(name)};
   command.insert(command.end(), arguments.begin(), arguments.end());
-  return std::make_unique<Process>(std::move(command), std::move(options));
+  return std::make_unique<Process>(std::move(command), tree_.options());
 }
 
 Json::Value PeerConsole::startScan(const std::vector<std::string>& items, const Json::Value& changes) {
@@ -181,8 +169,8 @@ std::vector<int> PeerConsole::states(const std::string& token) const {
 bool PeerConsole::waitForState(int state, const std::string& token, std::chrono::milliseconds limit) const {
   return waitFor(
       [&] {
-        const std::vector<int> told = states(token);
-        return std::find(told.begin(), told.end(), state) != told.end();
+        const std::vector<int> seen = states(token);
+        return std::find(seen.begin(), seen.end(), state) != seen.end();
       },
       limit);
 }

@@ -8,51 +8,51 @@
 #include <string>
 #include <vector>
 
+#include "support/InstallTree.h"
 #include "support/LunetctlPeer.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace testsupport {
 
-/// A private install tree with the real agent in it, and folders for what is scanned beside it.
+/// A private install tree with the real agent, and folders with files to scan.
 class AgentTree {
  public:
   struct Options {
     std::string group;  ///< of the bus; empty: none
     bool start = true;
-    std::optional<uid_t> uid{};  ///< the agent's user, and the tree's owner; none: root
-    bool dataOnDisk = false;     ///< data() is a place of which the scan cache remembers files
+    std::optional<uid_t> uid{};  ///< the user of the agent and owner of the tree; nothing: root
+    bool dataOnDisk = false;     ///< data() lies where the scan cache remembers files
   };
   explicit AgentTree(Options options);
   AgentTree() : AgentTree(Options{}) {}
-  ~AgentTree();  ///< ends the agent; a test failure when it does not end well
+  ~AgentTree();  ///< ends the agent; a test failure for another exit status than 0
 
-  const std::string& path() const { return dir_.path(); }
-  std::string at(const std::string& name) const { return dir_.at(name); }
-  /// A file below "data/"; its path.
+  const std::string& path() const { return tree_.path(); }
+  std::string at(const std::string& name) const { return tree_.at(name); }
+  /// Writes a file below "data/". Returns the path.
   std::string write(const std::string& name, const std::string& content) const;
-  /// A folder that keeps a scan busy for far longer than a test lasts, when the cache is not used: one large
-  /// file under many names.
+  /// A folder whose scan without the cache lasts far longer than a test: one large file under many names.
   std::string busyFolder() const;
-  std::string data() const { return (dataOnDisk_ ? *dataOnDisk_ : dir_).at("data"); }
-  /// Where the agent looks for the system's signatures; absent unless a test makes it.
-  std::string systemSignatures() const { return dir_.at("system-signatures"); }
+  std::string data() const { return dataOnDisk_ ? dataOnDisk_->at("data") : at("data"); }
+  /// The folder of the system's signatures for the agent. Only a test makes the folder.
+  std::string systemSignatures() const { return at("system-signatures"); }
 
-  void start();  ///< returns when the agent serves; throws when it does not
+  void start();  ///< returns when the agent serves; throws when the agent does not serve
   void kill(int signal);
   std::optional<int> wait() { return agent_->wait(); }
   Process& agent() { return *agent_; }
   std::string log() const;
-  /// The path of a program of the build: the tree's copy, where other users run it.
+  /// The path of a program: the tree's copy if other users run the program, otherwise the build's.
   std::string program(const std::string& name) const;
-  /// A console of this tree, as an operator starts it: in bin/, with a history folder of its own. "tavcli",
-  /// or "tavcli_quick", whose waits are cut short.
+  /// Starts a console in bin/, with a history folder of its own. name: "tavcli", or "tavcli_quick" with short
+  /// waits.
   std::unique_ptr<Process> console(const std::string& name, const std::vector<std::string>& arguments) const;
-  /// Runs tavagentd with arguments and --install-dir, to its end.
+  /// Starts tavagentd with the arguments and --install-dir.
   std::unique_ptr<Process> run(const std::vector<std::string>& arguments) const;
 
  private:
-  TempDir dir_;
+  InstallTree tree_;
   std::optional<TempDir> dataOnDisk_;
   std::optional<uid_t> uid_;
   std::unique_ptr<Process> agent_;
@@ -62,7 +62,7 @@ class AgentTree {
 /// notifications.
 class PeerConsole : public LunetctlPeer {
  public:
-  /// With another user, group and supplementary groups when given.
+  /// options: may name another user, group and supplementary groups.
   explicit PeerConsole(const AgentTree& tree, Process::Options options = {})
       : LunetctlPeer(tree.program("lunetctl"), tree.path(), kConsoleAddress, std::move(options)) {}
 
@@ -70,7 +70,7 @@ class PeerConsole : public LunetctlPeer {
   Json::Value call(const std::string& method, const Json::Value& params) {
     return LunetctlPeer::call(kAgentAddress, method, params);
   }
-  /// startScanTask with the console's parameters, changed by `changes`.
+  /// startScanTask with the console's parameters. `changes` replaces members.
   Json::Value startScan(const std::vector<std::string>& items, const Json::Value& changes = {});
   bool control(int action, const std::string& token);
 
@@ -78,7 +78,7 @@ class PeerConsole : public LunetctlPeer {
   std::vector<int> states(const std::string& token = "") const;
   bool waitForState(int state, const std::string& token = "",
                     std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
-  /// params of the last notification of that name; null when there is none.
+  /// The params of the last notification with this name; null without a notification.
   Json::Value last(const std::string& method) const;
 };
 

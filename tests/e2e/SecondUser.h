@@ -9,7 +9,7 @@
 
 namespace testsupport {
 
-/// A user who is neither root nor the agent's, let in as a member of a group that the system names ("games").
+/// A user who is neither root nor the agent's user. The bus admits the user as a member of the group "games".
 inline constexpr uid_t kSecondUser = 60321;
 inline constexpr gid_t kSecondUsersOwnGroup = 60322;
 inline constexpr gid_t kSecondUsersGroup = 60;

@@ -1,4 +1,4 @@
-// Every line of CONFIG MODIFY, from the console as it is installed to the agent, and back on CONFIG SHOW.
+// Every line of CONFIG MODIFY, from the installed console to the agent, and back by CONFIG SHOW.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -96,7 +96,7 @@ class ConfigLineToTheAgent : public ::testing::TestWithParam<Change> {
     }
     return found;
   }
-  /// Gives each key that the line changes another value, so that there is something to change.
+  /// Gives each key of the line another value first, so that the line changes the key.
   void prepareFor(const Change& line) {
     PeerConsole peer(tree);
     for (const ChangedKey& key : changedBy(line)) {

@@ -1,4 +1,4 @@
-// The console and the agent as they are installed, together.
+// The installed console and the installed agent together.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The life of the agent and of its tasks: starting, ending, dying, and who hears what.
+// The life of the agent and of its tasks: start, end, death, and the receivers of notifications.
 
 #include <gmock/gmock.h>
 #include <grp.h>
@@ -47,12 +47,12 @@ constexpr int kStop = 1;
 constexpr int kPause = 2;
 constexpr int kResume = 3;
 
-/// Without the cache, which would know the file after its first name.
+/// A scan without the cache: the cache would know the file after its first name.
 Json::Value slowly() {
   return jsonOf(R"({"force_scan":true,"parallelism":1})");
 }
 
-/// The agent's program among the running ones: itself, its spawner, its workers.
+/// The running processes of the agent's program: the agent, the spawner and the workers.
 std::set<pid_t> processesOf(pid_t agent) {
   std::set<pid_t> family{agent};
   for (int round = 0; round < 4; ++round) {
@@ -178,7 +178,7 @@ TEST(AgentProgram, AsADaemonItsCallerEndsWithZeroOnceItServes) {
   EXPECT_TRUE(waitFor([&] { return tree.run({"--status"})->wait() == 3; }));
 }
 
-/// How a shell starts the daemon: with something else open, or with less than usual.
+/// The descriptors that a shell gives to the daemon: more than usual, or fewer.
 struct Start {
   const char* name;
   const char* command;
@@ -534,8 +534,8 @@ TEST_F(AgentTasks, AfterAKillDuringAScanItsOwnerHearsStateFiveAndTheNextCallWork
   tree.write("small/file", "x");
   const std::string next = console.startScan({tree.data() + "/small"})["token_id"].asString();
   EXPECT_TRUE(console.waitForState(2, next));
-  const std::vector<int> told = console.states(token);
-  EXPECT_EQ(1, std::count(told.begin(), told.end(), 5));
+  const std::vector<int> seen = console.states(token);
+  EXPECT_EQ(1, std::count(seen.begin(), seen.end(), 5));
 }
 
 TEST_F(AgentTasks, AnEndedTaskIsNotToldOfAfterARestart) {
@@ -601,12 +601,12 @@ TEST_F(AgentTasks, AFastScanTellsItsStagesInPairs) {
   EXPECT_EQ(2, stages[2].params["stage"].asInt());
 }
 
-TEST(AgentOfAUser, ServesHimWithHisRights) {
+TEST(AgentOfAUser, ServesThatUserWithThatUsersRights) {
   AgentTree tree({.group = "", .start = true, .uid = kUser});
-  Process::Options his;
-  his.uid = kUser;
-  his.gid = kUser;
-  PeerConsole console(tree, his);
+  Process::Options user;
+  user.uid = kUser;
+  user.gid = kUser;
+  PeerConsole console(tree, user);
   tree.write("readable", eicar());
   const std::string hidden = tree.write("roots", eicar());
   ASSERT_EQ(0, chmod(hidden.c_str(), 0600));
@@ -617,7 +617,7 @@ TEST(AgentOfAUser, ServesHimWithHisRights) {
   EXPECT_EQ(1, console.last("reportScanBusOverView")["overview"]["failed_item_count"].asInt());
 }
 
-/// A second user on the bus, let in by a supplementary group.
+/// A second user on the bus, admitted by a supplementary group.
 class AgentSecondUser : public ::testing::Test {
  protected:
   std::string file(const std::string& name, const std::string& content, uid_t uid, mode_t mode) {
@@ -631,7 +631,7 @@ class AgentSecondUser : public ::testing::Test {
     ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString() << tree.log();
     ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
   }
-  /// By a process of root's own, which is gone behind the call.
+  /// A process of root makes the call and then ends.
   Json::Value callAsRoot(const std::string& method, const Json::Value& params) {
     Json::Value request = jsonOf(R"({"jsonrpc":"2.0","id":1})");
     request["method"] = method;
@@ -666,16 +666,16 @@ TEST_F(AgentSecondUser, APathHeCannotOpenIsStateMinusOne) {
 TEST_F(AgentSecondUser, WhatHeCouldNotRemoveHimselfIsNotQuarantinedForHim) {
   const std::string foreign = file("foreign", eicar(), 0, 0644);
   const std::string ownHere = file("own-in-foreign-folder", eicar(), kUser, 0644);
-  const std::string ownThere = file("his/own", eicar(), kUser, 0644);
-  ASSERT_EQ(0, chown((tree.data() + "/his").c_str(), kUser, 0));
+  const std::string ownThere = file("user/own", eicar(), kUser, 0644);
+  ASSERT_EQ(0, chown((tree.data() + "/user").c_str(), kUser, 0));
   scan(user, {tree.data()}, R"({"fix_method":0})");
   EXPECT_TRUE(std::filesystem::exists(foreign));
   EXPECT_TRUE(std::filesystem::exists(ownHere));
   EXPECT_FALSE(std::filesystem::exists(ownThere)) << tree.log();
   std::set<int> results;
   for (const auto& notice : user.messages("reportRiskFixInfo")) {
-    const bool his = notice.params["risk_info"]["item"].asString() == ownThere;
-    EXPECT_EQ(his ? 1 : 4, notice.params["risk_repair_result"]["handle_result"].asInt());
+    const bool own = notice.params["risk_info"]["item"].asString() == ownThere;
+    EXPECT_EQ(own ? 1 : 4, notice.params["risk_repair_result"]["handle_result"].asInt());
   }
 }
 
@@ -703,8 +703,8 @@ TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
 }
 
 TEST_F(AgentSecondUser, MaySeeHisOwnQuarantinedItemsOnly) {
-  file("his/own", eicar(), kUser, 0644);
-  ASSERT_EQ(0, chown((tree.data() + "/his").c_str(), kUser, 0));
+  file("user/own", eicar(), kUser, 0644);
+  ASSERT_EQ(0, chown((tree.data() + "/user").c_str(), kUser, 0));
   file("roots/file", eicar(), 0, 0644);
   Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
   request["params"] = jsonOf(R"({"scan_type":2,"fix_method":0})");

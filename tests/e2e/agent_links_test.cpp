@@ -1,5 +1,4 @@
-// Links and foreign folders, planted by a second user while the agent, as root, takes files away and puts
-// them back.
+// Links and foreign folders, planted by a second user while the agent as root quarantines and restores files.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,7 +28,7 @@ using testsupport::readFile;
 class PlantedByASecondUser : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder("his", kSecondUser);
+    folder("user", kSecondUser);
     folder("roots", 0);
   }
   std::string folder(const std::string& name, uid_t owner) {
@@ -48,15 +47,15 @@ class PlantedByASecondUser : public ::testing::Test {
     const Json::Value answer = console.startScan({tree.data()}, jsonOf(R"({"fix_method":0})"));
     EXPECT_TRUE(console.waitForState(2, answer["token_id"].asString())) << tree.log();
   }
-  /// A detection of his own, taken away; its id.
+  /// Quarantines a detection of the second user. Returns its id.
   std::string quarantined(PeerConsole& console) {
-    file("his/own", kSecondUser);
+    file("user/own", kSecondUser);
     scan(console);
     const Json::Value items = console.call("getIsolationInfo", Json::Value());
     EXPECT_EQ(1U, items.size()) << tree.log();
     return items[0]["uuid"].asString();
   }
-  /// What became of the item's restore: "" when it was done, else the reason.
+  /// Restores the item. Returns "", or the reason of a failure.
   std::string restore(PeerConsole& console, const std::string& uuid, const std::string& where = "") {
     Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
     request["params"] = jsonOf(R"({"action":1,"item_number":0,"is_all":false,"items":[]})");
@@ -69,7 +68,7 @@ class PlantedByASecondUser : public ::testing::Test {
   static bool isEmpty(const std::string& path) { return std::filesystem::is_empty(path); }
 
   AgentTree tree{{.group = testsupport::secondUsersGroup(), .start = true, .uid = {}}};
-  const std::string his = tree.data() + "/his";
+  const std::string userFolder = tree.data() + "/user";
   const std::string roots = tree.data() + "/roots";
 };
 
@@ -79,15 +78,15 @@ TEST_F(PlantedByASecondUser, HisOwnItemComesBackIntoHisFolderAndIntoNoneOfRoots)
   EXPECT_THAT(restore(user, uuid, roots), HasSubstr("Permission denied"));
   EXPECT_TRUE(isEmpty(roots));
   EXPECT_EQ("", restore(user, uuid));
-  EXPECT_EQ(eicar(), readFile(his + "/own"));
+  EXPECT_EQ(eicar(), readFile(userFolder + "/own"));
 }
 
 TEST_F(PlantedByASecondUser, AFolderThatBecameRootsIsNotWrittenFor) {
   PeerConsole user(tree, testsupport::secondUser());
   const std::string uuid = quarantined(user);
-  ASSERT_EQ(0, chown(his.c_str(), 0, 0));
+  ASSERT_EQ(0, chown(userFolder.c_str(), 0, 0));
   EXPECT_THAT(restore(user, uuid), HasSubstr("Permission denied"));
-  EXPECT_TRUE(isEmpty(his));
+  EXPECT_TRUE(isEmpty(userFolder));
   EXPECT_EQ(1U, user.call("getIsolationInfo", Json::Value()).size());
 }
 
@@ -96,9 +95,9 @@ TEST_F(PlantedByASecondUser, ALinkInPlaceOfTheFolderIsNotRestoredThroughForAnybo
   {
     PeerConsole user(tree, testsupport::secondUser());
     uuid = quarantined(user);
-    std::filesystem::rename(his, his + "-moved");
-    ASSERT_EQ(0, symlink(roots.c_str(), his.c_str()));
-    ASSERT_EQ(0, lchown(his.c_str(), kSecondUser, 0));
+    std::filesystem::rename(userFolder, userFolder + "-moved");
+    ASSERT_EQ(0, symlink(roots.c_str(), userFolder.c_str()));
+    ASSERT_EQ(0, lchown(userFolder.c_str(), kSecondUser, 0));
     EXPECT_NE("", restore(user, uuid));
   }
   PeerConsole root(tree);
@@ -110,10 +109,10 @@ TEST_F(PlantedByASecondUser, ALinkInPlaceOfTheFolderIsNotRestoredThroughForAnybo
 TEST_F(PlantedByASecondUser, ALinkInPlaceOfTheFileIsAnExistingFileAndStays) {
   PeerConsole user(tree, testsupport::secondUser());
   const std::string uuid = quarantined(user);
-  ASSERT_EQ(0, symlink((roots + "/new").c_str(), (his + "/own").c_str()));
+  ASSERT_EQ(0, symlink((roots + "/new").c_str(), (userFolder + "/own").c_str()));
   EXPECT_NE("", restore(user, uuid));
   EXPECT_TRUE(isEmpty(roots));
-  EXPECT_TRUE(std::filesystem::is_symlink(his + "/own"));
+  EXPECT_TRUE(std::filesystem::is_symlink(userFolder + "/own"));
 }
 
 TEST_F(PlantedByASecondUser, AFolderExchangedForALinkAllTheTimeCostsRootNothingWhileRootScans) {
@@ -122,10 +121,10 @@ TEST_F(PlantedByASecondUser, AFolderExchangedForALinkAllTheTimeCostsRootNothingW
   std::filesystem::create_directories(outside);
   constexpr int kFiles = 60;
   for (int i = 0; i < kFiles; ++i) {
-    file("his/sub/" + std::to_string(i), kSecondUser);
+    file("user/sub/" + std::to_string(i), kSecondUser);
     std::ofstream(outside + "/" + std::to_string(i)) << "root's " << i;
   }
-  const std::string sub = his + "/sub";
+  const std::string sub = userFolder + "/sub";
   PeerConsole root(tree);
   std::atomic<bool> over{false};
   std::thread exchanger([&] {

@@ -1,5 +1,5 @@
-// Which process is a tree's agent: nobody else holds its mark, and nobody else chooses the pid that is told,
-// and in the end given to kill.
+// The process that is a tree's agent: only the agent holds the mark, and nobody else chooses the pid that the
+// mark names and that scripts give to kill.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -45,7 +45,7 @@ class MarkBesideTheSockets : public ::testing::Test {
         AgentTree::Options{.group = secondUsersGroup(), .start = true, .uid = {}});
   }
   std::string mark() const { return tree_->at("run/lunet/" + kMark); }
-  /// A shell command of a member of the bus's group.
+  /// Runs a shell command as a member of the bus's group.
   std::unique_ptr<Process> member(const std::string& command) const {
     return std::make_unique<Process>(std::vector<std::string>{"/bin/sh", "-c", command}, secondUser());
   }

@@ -1,4 +1,4 @@
-// Settings that the agent obeys: the same scan behaves otherwise once one is changed.
+// Settings that the agent obeys: the same scan behaves differently after a change.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -47,7 +47,7 @@ class ObeyedSetting : public ::testing::Test {
     request["request_source"] = 1;
     EXPECT_TRUE(console->call("setAVConfig", request).asBool()) << change << tree.log();
   }
-  /// Scans all files; how many detections were told of.
+  /// Scans all files. Returns the number of notified detections.
   std::size_t scan(const std::string& changes = "{}") {
     const std::size_t before = console->messages("reportRiskInfo").size();
     const Json::Value answer = console->startScan({tree.data()}, jsonOf(changes));
@@ -55,7 +55,7 @@ class ObeyedSetting : public ::testing::Test {
     EXPECT_TRUE(console->waitForState(2, answer["token_id"].asString())) << tree.log();
     return console->messages("reportRiskInfo").size() - before;
   }
-  /// Scans with the word on handling left to the settings.
+  /// Scans; the settings decide the handling.
   void scanAsSet() {
     Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
     request["params"] = jsonOf(R"({"scan_type":2})");
@@ -65,7 +65,7 @@ class ObeyedSetting : public ::testing::Test {
   }
   Json::Value result() { return console->last("reportRiskFixInfo")["risk_repair_result"]; }
   std::size_t isolated() { return console->call("getIsolationInfo", Json::Value()).size(); }
-  /// With the agent not running: its items look otherwise than they are.
+  /// Changes the agent's store by SQL while the agent is not running.
   void pretend(const char* sql) {
     stopAgent();
     sqlite3* database = nullptr;
@@ -79,7 +79,7 @@ class ObeyedSetting : public ::testing::Test {
   std::unique_ptr<PeerConsole> console;
 };
 
-// What becomes of a detection.
+// The handling of a detection.
 
 struct HandlingRow {
   const char* name;
@@ -159,7 +159,7 @@ TEST_F(ObeyedSetting, CompressedFormatNamesTheArchivesThatAreOpened) {
   EXPECT_THAT(console->last("reportRiskInfo")["risk_info"]["item"].asString(), HasSubstr("a.gz"));
 }
 
-// Engines. One detection of each that has any.
+// Engines: one detection of each engine that detects.
 
 std::string hex(const std::string& text) {
   std::string digits;
@@ -175,7 +175,7 @@ struct EngineRow {
   const char* name;
   int code;
   const char* setting;
-  const char* signature;  ///< in the system's database; null: shipped or built in
+  const char* signature;  ///< of the system's database; null: shipped or built in
 };
 void PrintTo(const EngineRow& row, std::ostream* out) {
   *out << row.name;
@@ -192,7 +192,7 @@ const EngineRow kEngineRows[] = {
     {"UnwantedPrograms", json::kEngineUnwanted, "HCengine", "PUA.Unix.Tool.Check"},
 };
 
-/// A program whose header promises what is not there.
+/// A program whose header names missing parts.
 std::string brokenProgram() {
   return std::string(
              "\x7F"
@@ -232,9 +232,9 @@ class EngineSwitch : public ObeyedSetting, public ::testing::WithParamInterface<
     std::set<int> codes;
     const std::size_t before = console->messages("reportRiskInfo").size();
     scan(R"({"scan_type":)" + std::to_string(kStrongCustomScan) + "}");
-    const auto told = console->messages("reportRiskInfo");
-    for (std::size_t i = before; i < told.size(); ++i) {
-      codes.insert(told[i].params["risk_info"]["engine_mark"].asInt());
+    const auto risks = console->messages("reportRiskInfo");
+    for (std::size_t i = before; i < risks.size(); ++i) {
+      codes.insert(risks[i].params["risk_info"]["engine_mark"].asInt());
     }
     return codes;
   }

@@ -1,5 +1,5 @@
-// Programs started by root in a folder of a second user, who has laid an install tree out there with links:
-// it is theirs to lead elsewhere, so nothing is read, written, made or loaded through it.
+// Programs that root starts in an install tree of a second user. The tree is made of links, and the second
+// user may change the links. So the programs read, write, make and load nothing there.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ using testsupport::kSecondUser;
 using testsupport::Process;
 namespace fs = std::filesystem;
 
-/// Every link leads to what root may use by itself: only whose they are speaks against them.
+/// Every link leads to a file that root may use. Only the owner of the links makes them unsafe.
 class TreeOfASecondUser : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -1,4 +1,4 @@
-// The agent's address from the moment on at which it is open.
+// The agent's address from its first moment on.
 
 #include <gtest/gtest.h>
 #include <signal.h>

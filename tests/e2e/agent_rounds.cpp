@@ -2,11 +2,10 @@
 //
 //   agent_rounds [--rounds N] [--files N] [--seed N]
 //
-// One private install tree with the real agent. Each round starts a scan with automatic handling of a folder
-// full of detections, kills the agent at a random moment of that, starts it again, and asks it what it holds:
-// every original must be in place or in the quarantine, never both and never neither. All are restored over
-// the bus and must be what they were: content (SHA-256), owner, mode and time. Ends with 0 when all rounds
-// went well.
+// The program uses one private install tree with the real agent. Each round starts a scan with automatic
+// handling of a folder full of detections, kills the agent at a random moment, and starts the agent again.
+// Then every original must be either in place or in the quarantine. The round restores all files over the bus
+// and compares content (SHA-256), owner, mode and time. The exit status is 0 when all rounds went well.
 
 #include <gtest/gtest.h>
 
@@ -46,8 +45,8 @@ struct Options {
   unsigned long seed = std::random_device()();
 };
 
-/// No two alike, all detected: the standard test file with a line of its own behind it, or a sample somewhere
-/// in random bytes.
+/// A detection, different for every call: the standard test file with a line of its own, or a sample in
+/// random bytes.
 std::string detection(std::size_t number, std::mt19937_64& random) {
   if (number % 3 == 0) {
     return testsupport::eicar() + "\n" + std::to_string(number) + " " +
@@ -111,7 +110,7 @@ class AgentRounds {
     }
   }
 
-  /// A run that nobody kills: it must take all files, and says how long one takes.
+  /// Measures a scan without a kill. The scan must quarantine all files.
   void measureWholeRun() {
     const auto start = Clock::now();
     startScan();

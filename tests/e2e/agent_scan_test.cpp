@@ -1,4 +1,4 @@
-// The agent as it is installed, asked over the real bus by a console in a process of its own.
+// The installed agent, called over the real bus by a console in a process of its own.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -31,7 +31,7 @@ using testsupport::waitFor;
 
 class AgentScan : public ::testing::Test {
  protected:
-  /// Scans and waits for the end; the token.
+  /// Scans and waits for the end. Returns the token.
   std::string scan(const std::vector<std::string>& items, const Json::Value& changes = {}) {
     const Json::Value answer = console.startScan(items, changes);
     EXPECT_TRUE(answer["status"].asBool()) << answer["detail"].asString();
@@ -47,7 +47,7 @@ class AgentScan : public ::testing::Test {
     return paths;
   }
   int remembered() { return console.call("getScanCacheDetail", Json::Value()).asInt(); }
-  /// Scans until the cache knows that many files: those written a moment ago are not remembered yet.
+  /// Scans until the cache knows so many files: the cache does not remember files of the last moment.
   void scanUntilRemembered(int files) {
     EXPECT_TRUE(waitFor([&] {
       scan({tree.data()});
@@ -55,7 +55,7 @@ class AgentScan : public ::testing::Test {
     }));
   }
   Json::Value overview() const { return console.last("reportScanBusOverView")["overview"]; }
-  /// Values of CONFIG in a section.
+  /// Changes settings of a section.
   void set(const std::string& section, const std::string& values, int type = 0) {
     Json::Value request(Json::objectValue);
     request["config_str"] = "{\"" + section + "\":" + values + "}";
@@ -236,7 +236,7 @@ TEST_F(AgentScan, TheContextGivenAlongComesBackWithEveryState) {
   }
 }
 
-// Settings: each changes what the same scan does.
+// Settings that change the same scan.
 
 TEST_F(AgentScan, SkipSizeLeavesLargerFilesOut) {
   tree.write("small", eicar());
@@ -372,15 +372,15 @@ TEST_F(AgentScan, AProcessThatRunsADetectionIsToldAndEndedWhenSoSet) {
 
   set("Common", R"({"MemCheck":true})");
   scan({tree.data()}, jsonOf(R"({"fix_method":0,"handle_action":3})"));
-  Json::Value told;
+  Json::Value repair;
   for (const auto& notice : console.messages("reportRiskFixInfo")) {
     if (notice.params["risk_info_type"].asInt() == 3) {
-      told = notice.params;
+      repair = notice.params;
     }
   }
-  ASSERT_TRUE(told.isObject()) << tree.log();
-  EXPECT_EQ(victim.pid(), told["risk_info"]["process_info"]["pid"].asInt());
-  EXPECT_EQ(3, told["risk_repair_result"]["handle_result"].asInt());
+  ASSERT_TRUE(repair.isObject()) << tree.log();
+  EXPECT_EQ(victim.pid(), repair["risk_info"]["process_info"]["pid"].asInt());
+  EXPECT_EQ(3, repair["risk_repair_result"]["handle_result"].asInt());
   EXPECT_TRUE(victim.running());
 
   set("Common", R"({"FixMethod_MemRisk":1})");

@@ -1,5 +1,5 @@
-// The scripts of a checkout: what scripts/run --stop says of an agent that it must not or cannot end, and
-// what scripts/test and the configuring of a build do where they do not find what they expect.
+// The scripts of a checkout: scripts/run --stop with an agent that it must not or cannot end, and
+// scripts/test and the configuration of a build where something is missing.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,14 +29,14 @@ class Checkout {
     std::filesystem::copy(std::string(TAV_SOURCE_DIR) + "/scripts", at("scripts"));
     EXPECT_EQ(0, chmod(folder_.path().c_str(), 0755));
   }
-  /// One whose staged tree is a test's.
+  /// A checkout whose staged tree is the test's.
   explicit Checkout(const AgentTree& tree) : Checkout() {
     std::filesystem::create_directories(at("build"));
     std::filesystem::create_directory_symlink(tree.path(), at("build/stage"));
   }
 
   std::string at(const std::string& name) const { return folder_.at(name); }
-  /// A script of ours in place of the project's, or of a program that it calls.
+  /// Puts a script in place of the project's script, or of a program that the script calls.
   void put(const std::string& name, const std::string& text) const {
     EXPECT_EQ(0, chmod(folder_.write(name, "#!/bin/bash\n" + text).c_str(), 0755));
   }
@@ -94,7 +94,7 @@ TEST(StopScript, ThatMayNotEndTheAgentSaysSoAndFails) {
 
 struct PidRow {
   std::string name;
-  std::string pid;  ///< N: of a process of the test's
+  std::string pid;  ///< N: the pid of a process of the test
 };
 
 class StopScriptOfAnAgentWithPid : public ::testing::TestWithParam<PidRow> {};

@@ -1,5 +1,5 @@
-// What an operator does in a session, once by lines through a pipe and once at the prompt of a terminal, with
-// the programs as they are installed.
+// A user's session with the installed programs, once with lines through a pipe and once at the prompt of a
+// terminal.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -31,12 +31,12 @@ using testsupport::Process;
 using testsupport::PtyProgram;
 using testsupport::waitFor;
 
-/// A console with lines going in and text coming out.
+/// A console that takes lines and gives text.
 class Session {
  public:
   virtual ~Session() = default;
   virtual void type(const std::string& line) = 0;
-  virtual std::string text() = 0;  ///< all it wrote so far, with plain line ends
+  virtual std::string text() = 0;  ///< the output so far, with plain line ends
   virtual std::optional<int> end() = 0;
 };
 
@@ -83,7 +83,7 @@ class PromptSession : public Session {
   std::unique_ptr<PtyProgram> program_;
 };
 
-/// What must come back with a file.
+/// The attributes that a restore brings back.
 struct FileState {
   std::string sha256;
   mode_t mode;
@@ -122,7 +122,7 @@ class OperatorsSession : public ::testing::TestWithParam<bool> {
     session_ = GetParam() ? std::unique_ptr<Session>(std::make_unique<PromptSession>(tree))
                           : std::make_unique<PipedSession>(tree);
   }
-  /// What the console wrote from the line on, once it holds `awaited`.
+  /// Waits until the console has written `awaited`. Returns the output from the line on.
   std::string run(const std::string& line, const std::string& awaited) {
     const std::size_t mark = session_->text().size();
     session_->type(line);
@@ -139,14 +139,14 @@ class OperatorsSession : public ::testing::TestWithParam<bool> {
   std::string isolated(int count) {
     return run("ISOLATION REPORT", "隔离区当前存在 " + std::to_string(count) + " 项");
   }
-  /// The id under which the report lists a path.
+  /// The id of a path in the report.
   static std::string uidOf(const std::string& report, const std::string& path) {
     const std::size_t at = report.find("文件路径 : " + path + "\n");
     const std::string label = "UID标识 : ";
     const std::size_t begin = report.rfind(label, at) + label.size();
     return at == std::string::npos ? "" : report.substr(begin, report.find('\n', begin) - begin);
   }
-  /// A detection of its own content, mode, owner and times.
+  /// Writes a detection with content, mode, owner and times of its own.
   std::string writeTestFile(int number) {
     const std::string path =
         tree.write("a" + std::to_string(number % 5) + "/b" + std::to_string(number % 3) + "/文件" +
@@ -215,7 +215,7 @@ TEST_P(OperatorsSession,
 INSTANTIATE_TEST_SUITE_P(, OperatorsSession, ::testing::Bool(),
                          [](const auto& row) { return row.param ? "AtThePrompt" : "ByPipedLines"; });
 
-/// Which files of a folder were read since it was asked last.
+/// Tells the files of a folder that were read since the last question.
 class ReadFiles {
  public:
   explicit ReadFiles(const std::string& folder) : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
@@ -246,7 +246,7 @@ class ReadFiles {
 
 class ScanCacheSession : public OperatorsSession {
  protected:
-  /// Scans until the console shows that many: files written a moment ago are not remembered yet.
+  /// Scans until the console shows so many: the cache does not remember files of the last moment.
   bool scanUntilShown(int files) {
     const std::string wanted = "当前存在" + std::to_string(files) + "项扫描缓存";
     return waitFor([&] {

@@ -1,4 +1,4 @@
-// The agent started without standard input, output and error: nothing of its own may get their numbers.
+// The agent without standard input, output and error: no other descriptor may get their numbers.
 #include <gtest/gtest.h>
 
 #include <csignal>

@@ -1,4 +1,4 @@
-// How an unattended run that cannot start ends: what stands on standard output, and the exit status.
+// The end of an unattended run that cannot start: its standard output and its exit status.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -26,7 +26,7 @@ class BatchFailure : public testing::Test {
   std::vector<std::string> fullArguments() const { return {"-scanpath", tree_.path(), "-logpath", report()}; }
   std::string report() const { return tree_.at("report"); }
 
-  /// A console that holds the mark until the end of the test.
+  /// Starts a console that holds the mark until the end of the test.
   void holdTheMark() {
     agent_ = std::make_unique<LunetctlAgent>(tree_);
     holder_ = tree_.console();
@@ -71,7 +71,7 @@ TEST_F(BatchFailure, ScanPathThatDoesNotExistAndHoldsABlankExits2Silently) {
   EXPECT_EQ(exit_, 2);
 }
 
-/// Started in a folder that is gone.
+/// A run that is started in a removed folder.
 class WithoutACurrentFolder : public BatchFailure {
  protected:
   void runThere(const std::vector<std::string>& words) {

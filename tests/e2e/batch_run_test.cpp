@@ -1,4 +1,4 @@
-// Whole unattended runs against an agent played by hand over the real bus.
+// Whole unattended runs on the real bus, with an agent that the test plays.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -19,7 +19,7 @@ using testsupport::Process;
 
 class BatchRun : public testing::Test {
  protected:
-  /// Starts a run; the quick console has its waits cut short.
+  /// Starts a run; the quick console has short waits.
   void start(const char* program = "tavcli", const std::vector<std::string>& more = {},
              const std::string& second = "") {
     std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/" + program, "-scanpath", scanned_,
@@ -154,7 +154,7 @@ struct Ending {
   const char* text;
 };
 
-/// The states that end a run without the task's regular end.
+/// The states that end a run before the regular end of its task.
 class BatchRunEndedBy : public BatchRun, public testing::WithParamInterface<Ending> {};
 
 TEST_P(BatchRunEndedBy, WithoutDetectionsGives0AndAReport) {

@@ -1,4 +1,4 @@
-// The console started without standard input, output or error: nothing of its own may get their numbers.
+// The console without standard input, output or error: no other descriptor may get their numbers.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -15,7 +15,7 @@ using testsupport::Process;
 
 class ConsoleWithout : public testing::Test {
  protected:
-  /// redirections: as a shell has them.
+  /// redirections: in the shell's syntax.
   std::unique_ptr<Process> start(const std::string& redirections,
                                  const std::vector<std::string>& words = {}) const {
     std::vector<std::string> command{"/bin/sh", "-c", "exec \"$0\" \"$@\" " + redirections,

@@ -1,5 +1,4 @@
-// The console on a terminal, as an operator meets it: a real pty, a terminal emulator, an agent played by
-// hand.
+// The console on a terminal: a real pty, a terminal emulator, and an agent that the test plays.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -23,7 +22,7 @@ class ConsolePty : public ::testing::Test {
     PtyProgram::Options options;
     options.cols = cols;
     options.workingDir = tree_.at("bin");
-    options.environment = {{"XDG_STATE_HOME", tree_.at("state")},
+    options.environment = {{"XDG_STATE_HOME", tree_.at("home")},
                            {"TERM", term},
                            {"CKORVIX_CLOG_LEVEL", ""},
                            {"TMUX", ""},
@@ -40,7 +39,7 @@ class ConsolePty : public ::testing::Test {
   }
   PtyProgram& program() { return *program_; }
   const TerminalScreen& screen() { return program_->screen(); }
-  std::string historyFile() const { return testsupport::readFile(tree_.at("state/tavcli/cli.history")); }
+  std::string historyFile() const { return testsupport::readFile(tree_.at("home/tavcli/cli.history")); }
   /// Runs a line whose answer ends with the next prompt.
   void run(const std::string& line) {
     program().type(line);

@@ -1,4 +1,4 @@
-// The prompt's loop without a terminal: lines come through a pipe.
+// The prompt without a terminal: the lines come through a pipe.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -23,7 +23,7 @@ class PipedConsole : public testing::Test {
     console_ = tree_.console();
     ASSERT_TRUE(console_->waitForOut(kLastLoaded)) << console_->out() << console_->err();
   }
-  /// Everything behind the start-up's lines.
+  /// The output after the lines of the start.
   std::string answer() const {
     const std::string out = console_->out();
     return out.substr(out.find(kLastLoaded) + std::string_view(kLastLoaded).size());
@@ -36,7 +36,7 @@ class PipedConsole : public testing::Test {
     exit_ = console_->wait().value_or(-1);
     return answer();
   }
-  std::string historyFile() const { return tree_.at("state/tavcli/cli.history"); }
+  std::string historyFile() const { return tree_.at("home/tavcli/cli.history"); }
 
   static constexpr const char* kLastLoaded = "[Load Command] Trust\n";
   InstallTree tree_;

@@ -1,5 +1,5 @@
-// The console with its waits cut short, for the tests of what takes minutes: it is the same program in all
-// else. TAV_TEST_SECOND_MS: what a second of the unattended run's waits takes, in milliseconds.
+// The console with short waits, for tests of runs that take minutes. All else is the same program.
+// TAV_TEST_SECOND_MS: the length of a second in the waits of an unattended run, in milliseconds.
 // TAV_TEST_NO_UUID: when set, the UUID generator fails.
 #include <cstdlib>
 #include <memory>

@@ -10,10 +10,10 @@
 
 namespace rpctest {
 
-/// Calls a method of the table through the stub, with parameters given by name. The result as JSON, null for
-/// none.
+/// Calls a method of the table through the stub, with parameters given by name. Returns the result as JSON,
+/// or null for a method without a result.
 Json::Value callStub(jsonrpchelper::AgentStub& stub, const std::string& name, const Json::Value& parameters);
-/// The same for a notification; the bus's error number.
+/// The same for a notification. Returns the bus's error number.
 std::uint32_t notify(jsonrpchelper::ConsoleNotifier& notifier, const std::string& name,
                      const Json::Value& parameters);
 

@@ -78,7 +78,7 @@ class RecordingBusiness : public IBusinessCAbstract, public Recorder {
   void reportBusProgress(const ReportBusProgress& r) override { record(r); }
 };
 
-/// Answers every method with what is set; the defaults are of the right kind.
+/// Answers every method with the member of the right kind.
 class RecordingAgent : public IAgentAbstract, public Recorder {
  public:
   using IAgentAbstract::IAgentAbstract;
@@ -87,7 +87,7 @@ class RecordingAgent : public IAgentAbstract, public Recorder {
   std::string text;
   bool flag = true;
   std::int32_t number = 0;
-  /// The answer to a caller who may not change anything; none: the caller may.
+  /// The answer to a caller who may change nothing; nothing: the caller may change everything.
   std::optional<Json::Value> refused;
 
   std::optional<Json::Value> refusal(Access access, const std::string& /*method*/) override {

@@ -72,7 +72,7 @@ Packed pack(const ZipMember& member) {
   return packed;
 }
 
-// What a header says of a member's content.
+// The data of a header about a member's content.
 struct Described {
   std::uint64_t crc, packedBytes, bytes;
   std::int32_t method;
@@ -98,7 +98,7 @@ Described inLocalHeader(const ZipMember& member, const Packed& packed) {
   return local;
 }
 
-// What local header and directory entry have in common.
+// The common part of a local header and a directory entry.
 void putCommon(std::string& out, const ZipMember& member, const Described& described) {
   put16(out, member.sizes64 ? 45 : 20);
   put16(out, (member.encryptedFlag ? 1U : 0U) | (member.streamed ? 8U : 0U));

@@ -11,7 +11,7 @@
 
 namespace testsupport {
 
-/// Catches what the process writes to standard output while the object lives, through stdio or not.
+/// Catches the standard output of the process while the object lives, with or without stdio.
 class StdoutCapture {
  public:
   StdoutCapture() {
@@ -31,7 +31,7 @@ class StdoutCapture {
   StdoutCapture(const StdoutCapture&) = delete;
   StdoutCapture& operator=(const StdoutCapture&) = delete;
 
-  /// All that was written so far.
+  /// The output so far.
   std::string text() const {
     std::fflush(stdout);
     return readFile(path_);
@@ -43,7 +43,7 @@ class StdoutCapture {
   int saved_ = -1;
 };
 
-/// What the action writes to standard output.
+/// The action's standard output.
 template <class Action>
 std::string outputOf(Action action) {
   const StdoutCapture capture;

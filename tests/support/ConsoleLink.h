@@ -11,13 +11,13 @@ namespace testsupport {
 /// tree, and the process-wide holders filled with it. One at a time.
 class ConsoleLink {
  public:
-  /// timeoutMs: of each call. std::runtime_error when the bus cannot be joined.
+  /// timeoutMs: of each call. Throws std::runtime_error when the console cannot join the bus.
   explicit ConsoleLink(const std::string& runtimePath, std::uint32_t timeoutMs = 30000);
   ~ConsoleLink();
   ConsoleLink(const ConsoleLink&) = delete;
   ConsoleLink& operator=(const ConsoleLink&) = delete;
 
-  /// From here on; not while a call is under way.
+  /// For the next calls; not during a call.
   void setTimeout(std::uint32_t timeoutMs);
 
  private:

@@ -12,8 +12,8 @@
 
 namespace testsupport {
 
-/// An endpoint without a bus, for what the real one does rarely: it fails, or answers nonsense, as told.
-/// Messages arrive by deliver(), on the caller's thread.
+/// An endpoint without a bus, for failures and wrong answers that the real bus makes rarely. deliver() brings
+/// a message, on the caller's thread.
 class FakeEndpoint final : public lunet::IEndpoint {
  public:
   struct Sent {
@@ -29,14 +29,14 @@ class FakeEndpoint final : public lunet::IEndpoint {
     std::string reply;
   };
 
-  /// What SyncSend answers to a request; nothing: success without a buffer.
+  /// The answer of SyncSend to a request; nothing: success without a buffer.
   std::function<std::optional<std::string>(const std::string& request)> answer;
-  std::uint32_t syncResult = lunet::kOk;    ///< what SyncSend returns
-  std::uint32_t syncError = lunet::kOk;     ///< what it puts into *error
+  std::uint32_t syncResult = lunet::kOk;    ///< the result of SyncSend
+  std::uint32_t syncError = lunet::kOk;     ///< SyncSend's *error
   bool bufferOnFailure = false;             ///< SyncSend gives a buffer even when it fails
   std::uint32_t onewayResult = lunet::kOk;  ///< of OnewaySend and SendToProcess
   std::uint32_t registerResult = lunet::kOk;
-  lunet::Guid peer{};  ///< who sends what is delivered
+  lunet::Guid peer{};  ///< the sender of delivered messages
   lunet::PeerIdentity peerProcess;
   std::vector<Sent> sent;
   std::vector<std::string> registrations;  ///< "+10990", "-20991", … in order
@@ -47,7 +47,7 @@ class FakeEndpoint final : public lunet::IEndpoint {
     Delivery delivery;
     const auto found = receivers_.find(channel);
     if (found != receivers_.end()) {
-      // Bytes past the length must not be looked at.
+      // The receiver must not read past the length.
       const std::string bytes = text + "}garbage";
       found->second.first->ReceiveCallback(channel, 7, bytes.data(), static_cast<std::uint32_t>(text.size()),
                                            wantsReply ? &delivery : nullptr, found->second.second);

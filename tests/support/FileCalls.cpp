@@ -30,7 +30,7 @@ struct SpinLock {
   void unlock() { taken.clear(); }
 };
 
-/// Lies in memory that children share.
+/// The record; lies in memory that children share.
 struct Record {
   SpinLock lock;
   std::size_t count = 0;
@@ -83,7 +83,7 @@ void note(const std::string& line) {
   }
 }
 
-/// lineOf: called before the call, since that may take the name away.
+/// lineOf: runs before the call, because the call may remove the name.
 template <class LineOf, class Call>
 auto observed(const LineOf& lineOf, const Call& call) -> decltype(call()) {
   if (gRecord == nullptr) {
@@ -132,7 +132,7 @@ int observedOpen(int folder, const char* name, int flags, mode_t mode) {
 
 }  // namespace
 
-// Before the C library's own.
+// These functions stand before the C library's.
 extern "C" {
 
 int fsync(int fd) {

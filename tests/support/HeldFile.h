@@ -10,11 +10,11 @@
 
 namespace testsupport {
 
-/// A file that nobody can open as long as the object lives: whoever tries waits. It must be open nowhere.
+/// A file that nobody can open while the object lives: an open waits. Nobody may have the file open before.
 class HeldFile {
  public:
   explicit HeldFile(const std::string& path) : file_(open(path.c_str(), O_RDWR | O_CLOEXEC)) {
-    std::signal(SIGIO, SIG_IGN);  // tells of those who try
+    std::signal(SIGIO, SIG_IGN);  // arrives for each open that waits
     EXPECT_EQ(fcntl(file_.get(), F_SETLEASE, F_WRLCK), 0) << path;
   }
   HeldFile(const HeldFile&) = delete;

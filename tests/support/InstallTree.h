@@ -11,7 +11,7 @@
 
 namespace testsupport {
 
-/// A shared object that is no bus library: one that this test has loaded. Empty when it has none.
+/// The path of a shared object that is no bus library: JsonCpp's. Empty when this process has not loaded it.
 inline std::string someSharedObject() {
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
@@ -22,14 +22,14 @@ inline std::string someSharedObject() {
   return "";
 }
 
-/// An install tree of a test's own, as the console and the agent find it: bin/, the bus library under
-/// lib/modules/, the shipped etc/ files, log/; and a state folder for the history. Sockets and mark lie below
-/// it, so two tests never meet. Needs the LunetClientMgr target built.
+/// A private install tree: bin/, the bus library in lib/modules/, etc/ and log/. The history lies in
+/// home/. Sockets and mark lie in the tree, so tests do not disturb each other. Needs the LunetClientMgr
+/// target built.
 class InstallTree {
  public:
   InstallTree() {
     namespace fs = std::filesystem;
-    for (const char* folder : {"bin", "lib/modules", "log", "state"}) {
+    for (const char* folder : {"bin", "lib/modules", "log"}) {
       fs::create_directories(at(folder));
     }
     fs::copy_file(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so", busLibrary());
@@ -49,14 +49,14 @@ class InstallTree {
   void setDebugConfig(std::string_view json) const { write("etc/debug/cli_debug.conf", json); }
   std::string debugLog() const { return readFile(at("log/tavcli.log")); }
 
-  /// How a program of this tree is started: in bin/, with a private state folder and a plain terminal.
+  /// The options of a program of this tree: the folder bin/, a private state folder and a plain terminal.
   Process::Options options() const {
     Process::Options options;
     options.workingDir = at("bin");
-    options.environment = {{"XDG_STATE_HOME", at("state")}, {"TERM", "dumb"}, {"CKORVIX_CLOG_LEVEL", ""}};
+    options.environment = {{"XDG_STATE_HOME", at("home")}, {"TERM", "dumb"}, {"CKORVIX_CLOG_LEVEL", ""}};
     return options;
   }
-  /// A program of the build, started so. name: as in its bin folder.
+  /// Starts a program of the build with these options. name: a name in the build's bin folder.
   std::unique_ptr<Process> start(const std::string& name,
                                  const std::vector<std::string>& arguments = {}) const {
     std::vector<std::string> command{std::string(TAV_BIN_DIR) + "/" + name};

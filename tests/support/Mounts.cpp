@@ -31,8 +31,8 @@ bool isTop() {
          (here.st_dev == above.st_dev && here.st_ino == above.st_ino);
 }
 
-/// The mount that a chroot lies in has no name there. From a current folder that lies above the root ".."
-/// leads to that mount; afterwards root and current folder are what they were.
+/// Inside a chroot, the mount around the chroot has no name. From a current folder above the root, ".." leads
+/// to this mount. Root and current folder are restored.
 std::string makeAllPrivateFromAbove() {
   const int root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
   const int current = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);

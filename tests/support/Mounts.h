@@ -4,12 +4,12 @@
 
 namespace testsupport {
 
-/// Gives this process mounts that no other sees, also in a chroot whose "/" is no mount point. For a child of
-/// the test, which has one thread and whose end takes the mounts away. Empty, or what the system says.
+/// Gives this process mounts of its own, even in a chroot whose "/" is no mount point. For a child of the
+/// test with one thread; the mounts end with the child. Empty on success, otherwise the system's reason.
 std::string enterOwnMounts();
 
-/// Why a child of this process could not have and make mounts of its own; empty when it could. What a test
-/// that needs them is skipped with.
+/// The reason why a child of this process cannot have mounts of its own, for GTEST_SKIP. Empty when a child
+/// can.
 std::string whyNoOwnMounts();
 
 }  // namespace testsupport

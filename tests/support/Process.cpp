@@ -54,8 +54,8 @@ namespace {
   _exit(127);
 }
 
-/// A program that is gone must not end the test's process: the signal of a write to it is dropped. It is not
-/// ignored, which the programs of the test would inherit.
+/// A write to a program that is gone must not end the test's process, so SIGPIPE is dropped. SIGPIPE is not
+/// ignored, because the programs of the test would inherit that.
 class SigpipeHeld {
  public:
   SigpipeHeld() {

@@ -12,14 +12,14 @@
 
 namespace testsupport {
 
-/// A program started by a test: its output goes to files, its input comes from a pipe, and it is ended, by
-/// its id, with the object.
+/// A program started by a test. The output goes to files, and the input comes from a pipe. The destructor
+/// ends the program by its id.
 class Process {
  public:
   struct Options {
     std::string workingDir;                          ///< empty: the test's own
     std::map<std::string, std::string> environment;  ///< added to the test's own; an empty value unsets
-    std::optional<uid_t> uid;                        ///< switch to that user before exec
+    std::optional<uid_t> uid;                        ///< the program's user
     std::optional<gid_t> gid;
     std::vector<gid_t> groups;  ///< supplementary groups, set when uid or gid is
   };
@@ -30,15 +30,15 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   pid_t pid() const { return pid_; }
-  void write(std::string_view text);  ///< to its standard input
+  void write(std::string_view text);  ///< to the standard input
   void closeInput();
   std::string out() const;  ///< standard output so far
   std::string err() const;
   void kill(int signal);
   bool running();
-  /// The exit status, 128 + signal when a signal ended it; nothing when it still runs at the limit.
+  /// The exit status, or 128 + the signal that ended the program; nothing at the limit.
   std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
-  /// Waits until its standard output holds the text.
+  /// Waits until the standard output holds the text. False at the limit.
   bool waitForOut(std::string_view text, std::chrono::milliseconds limit = std::chrono::seconds(20));
   bool waitForErr(std::string_view text, std::chrono::milliseconds limit = std::chrono::seconds(20));
 

@@ -5,7 +5,7 @@
 #include "shell/TavCliCompletion.h"
 #include "support/Capture.h"
 
-/// The process's shell with its modules loaded, once; what loading printed.
+/// Loads the modules of the process's shell once. Returns the output of the loading.
 inline const std::string& loadedShell() {
   static const std::string printed = testsupport::outputOf([] { TavCliCompletion::instance().init(); });
   return printed;

@@ -15,9 +15,9 @@
 
 namespace testsupport {
 
-/// A program on a terminal of its own: what it writes goes to an emulator, what the test types goes to it.
-/// The test keeps the terminal's other end open, so that its settings can be looked at after the program has
-/// ended. The program is ended, by its id, with the object. One thread only.
+/// A program on a terminal of its own. The program's output goes to an emulator; the test types. The test
+/// keeps the terminal open, so its settings can be read after the program's end. The destructor ends the
+/// program by its id. One thread only.
 class PtyProgram {
  public:
   struct Options {
@@ -35,28 +35,27 @@ class PtyProgram {
   pid_t pid() const { return pid_; }
   void type(std::string_view bytes);
   const TerminalScreen& screen() const { return screen_; }
-  const std::string& written() const {
-    return written_;
-  }  ///< every byte the program wrote, as the terminal got it
+  /// Every byte that the terminal got from the program.
+  const std::string& written() const { return written_; }
 
-  /// Takes what the program writes until the condition holds. False when it does not within the limit.
+  /// Reads the program's output until the condition holds. False at the limit.
   bool waitUntil(const std::function<bool(const TerminalScreen&)>& condition,
                  std::chrono::milliseconds limit = std::chrono::seconds(20));
   bool waitForText(std::string_view text, std::chrono::milliseconds limit = std::chrono::seconds(20));
-  /// The row with the cursor reads so and the cursor stands behind it.
+  /// Waits until the cursor stands behind a row with this text.
   bool waitForPrompt(std::string_view row, std::chrono::milliseconds limit = std::chrono::seconds(20));
 
   void resize(int rows, int cols);
-  void reportSize(int rows, int cols);  ///< says so to the program; the screen stays as it is
+  void reportSize(int rows, int cols);  ///< tells the program a size; the screen stays as it is
   void makeCooked();                    ///< as a shell does when its job has stopped
-  termios settings() const;             ///< of the terminal, as they are now
-  std::string sttyText() const;         ///< what `stty -a` says of it
+  termios settings() const;             ///< the terminal's settings now
+  std::string sttyText() const;         ///< the output of `stty -a`
   const termios& settingsAtStart() const { return settingsAtStart_; }  ///< before the program was started
   const std::string& sttyTextAtStart() const { return sttyTextAtStart_; }
   void closeTerminal();  ///< hangs up
   void kill(int signal);
   bool running();
-  /// The exit status, 128 + signal when a signal ended it; nothing when it still runs at the limit.
+  /// The exit status, or 128 + the signal that ended the program; nothing at the limit.
   std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(20));
 
  private:

@@ -13,9 +13,8 @@
 
 namespace testsupport {
 
-/// Plays the agent on the bus of a private tree: records what the console calls, answers as told, sends
-/// notifications. It speaks JSON text of its own making, so it can also answer what no agent should. Any
-/// thread.
+/// Plays the agent on the bus of a private tree: records the console's calls, gives the answers of the test,
+/// and sends notifications. An answer may be any text, even text that no agent should send. Any thread.
 class ScriptedAgent {
  public:
   struct Call {
@@ -26,7 +25,7 @@ class ScriptedAgent {
     std::string text;  ///< the whole message
     lunet::PeerIdentity process;
   };
-  /// Gives the result, or throws one of the next five to do something else for once.
+  /// Returns the result, or throws one of the next five structs.
   using Respond = std::function<Json::Value(const Json::Value& params)>;
   struct Error {
     int code;
@@ -36,24 +35,23 @@ class ScriptedAgent {
     std::string json;  ///< of the result; for large ones
   };
   struct Text {
-    std::string reply;  ///< the whole reply, as it is
+    std::string reply;  ///< the whole reply
   };
   struct Silence {};
   struct Death {};
 
-  /// runtimePath: the install tree whose bus it joins; the folder is made when it is missing. On the bus when
-  /// the constructor returns; std::runtime_error when that fails. config: the text of a cli_lunet.conf,
-  /// for its "socket_dir" and "group".
+  /// Joins the bus of an install tree; throws std::runtime_error when the agent cannot join. runtimePath: the
+  /// tree's folder, which is made when missing. config: a cli_lunet.conf, for its "socket_dir" and "group".
   explicit ScriptedAgent(const std::string& runtimePath, const std::string& config = "{}");
   ~ScriptedAgent();
   ScriptedAgent(const ScriptedAgent&) = delete;
   ScriptedAgent& operator=(const ScriptedAgent&) = delete;
 
-  // What it answers to a method; the last word counts. A method without one gets METHOD_NOT_FOUND.
+  // The answer to a method; the last setting counts. A method without an answer gets METHOD_NOT_FOUND.
   void answer(const std::string& method, const Json::Value& result);
   void answerWith(const std::string& method, Respond respond);  ///< called on the bus's thread
   void answerError(const std::string& method, int code, const std::string& message);
-  void answerText(const std::string& method, const std::string& reply);  ///< the whole reply, as it is
+  void answerText(const std::string& method, const std::string& reply);  ///< the whole reply
   void neverAnswer(const std::string& method);
   void dieAt(const std::string& method);  ///< leaves the bus instead of answering
 
@@ -63,13 +61,13 @@ class ScriptedAgent {
   bool waitForCall(const std::string& method, std::size_t count = 1,
                    std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
 
-  /// Sends a notification to the console; the bus's error number.
+  /// Sends a notification to the console. Returns the bus's error number.
   std::uint32_t notify(const std::string& method, const Json::Value& params);
-  /// The same with a text of its own.
+  /// The same with any text.
   std::uint32_t notifyText(const std::string& text);
 
-  void leave();  ///< goes off the bus
-  void join();   ///< comes back
+  void leave();
+  void join();  ///< again
   bool present() const;
 
  private:

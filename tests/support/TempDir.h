@@ -6,7 +6,7 @@
 
 namespace testsupport {
 
-/// A private folder (0700) below /tmp, or another folder, removed with all that is in it.
+/// A private folder (0700) below /tmp or below another folder. The destructor removes the folder.
 class TempDir {
  public:
   TempDir() : TempDir("/tmp") {}
@@ -18,17 +18,17 @@ class TempDir {
   const std::string& path() const { return path_; }
   /// path() + "/" + name
   std::string at(std::string_view name) const;
-  /// Writes a file below the folder, with its parents; returns its path.
+  /// Writes a file below the folder and makes its parents. Returns the path.
   std::string write(std::string_view name, std::string_view content) const;
 
  private:
   std::string path_;
 };
 
-/// Where temporary folders lie on a disk, also when /tmp is kept in memory: what is there keeps its times
-/// when it is written through a mapping, so that the scan cache takes none of it.
+/// A place for temporary folders on a disk, even where /tmp is kept in memory. Files of /tmp in memory keep
+/// their times when a mapping writes them, so the scan cache remembers no such file.
 std::string diskFolder();
 
-std::string readFile(const std::string& path);  ///< empty when it cannot be read
+std::string readFile(const std::string& path);  ///< empty for a file that cannot be read
 
 }  // namespace testsupport

@@ -144,10 +144,6 @@ int TerminalScreen::background(int row, int col) const {
   return paletteIndex(cell.bg, VTERM_COLOR_IS_DEFAULT_BG(&cell.bg));
 }
 
-bool TerminalScreen::underlined(int row, int col) const {
-  return cellAt(screen_, row, col).attrs.underline != 0;
-}
-
 std::string TerminalScreen::takeAnswers() {
   std::string out;
   char bytes[256];

@@ -9,13 +9,12 @@ struct VTermScreen;
 
 namespace testsupport {
 
-/// Terminals that wrap their rows anew in a changed window set one of these in the environment. The emulator
-/// leaves its rows as they are, so the tests of the editor unset all of them.
+/// Terminals that wrap their rows anew in a changed window set one of these variables. The emulator does not
+/// wrap its rows anew, so the tests of the editor unset the variables.
 inline constexpr const char* kRewrapVariables[] = {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"};
 
-/// What a terminal shows for the bytes written to it: an emulator (libvterm) with its rows, its cursor and
-/// its answers. Bytes go in as the terminal's driver hands them on: line feeds need their carriage returns.
-/// Not thread-safe.
+/// A terminal emulator (libvterm): the rows, the cursor and the answers for the bytes written. A line feed
+/// needs its carriage return, as from a terminal's driver. Not thread-safe.
 class TerminalScreen {
  public:
   TerminalScreen(int rows, int cols);
@@ -29,19 +28,18 @@ class TerminalScreen {
   int cols() const { return cols_; }
 
   std::string row(int index) const;  ///< without the blanks at its end
-  std::string text() const;          ///< all rows, line feeds between them, empty ones at the end left out
+  std::string text() const;          ///< all rows with line feeds between them, without empty rows at the end
   bool contains(std::string_view part) const { return text().find(part) != std::string::npos; }
   int cursorRow() const;
   int cursorCol() const;
-  /// Index in the palette (0-7, bright 8-15), -1 for the default.
+  /// An index of the palette (0-7, bright 8-15), -1 for the default.
   int foreground(int row, int col) const;
   int background(int row, int col) const;
-  bool underlined(int row, int col) const;
   bool cursorVisible() const { return cursorVisible_; }
 
   /// Rows that have left the screen at the top, oldest first.
   const std::vector<std::string>& scrolledOff() const { return scrolledOff_; }
-  /// What the terminal has answered (a cursor report) since the last call.
+  /// The terminal's answers (cursor reports) since the last call.
   std::string takeAnswers();
 
   void pushScrolledOff(std::string row) { scrolledOff_.push_back(std::move(row)); }

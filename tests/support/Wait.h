@@ -5,8 +5,8 @@
 
 namespace testsupport {
 
-/// Waits until the condition holds, looking every few milliseconds, up to the limit. The result is the
-/// condition's last value: tests wait for what they expect, never for time.
+/// Checks the condition every few milliseconds until the condition holds or the limit is reached. Returns the
+/// condition's last value. Tests wait for conditions, never for time.
 template <class Condition>
 bool waitFor(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
   const auto end = std::chrono::steady_clock::now() + limit;

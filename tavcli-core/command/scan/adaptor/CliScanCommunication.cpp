@@ -50,6 +50,12 @@ void complainOfUnconfirmedStart(const std::string& why) {
   }
 }
 
+/// 0 for an unknown mode.
+int scanType(unsigned mode, unsigned special) {
+  const auto known = json::fromNumber<json::ScanMode>(mode);
+  return known ? json::toScanType(*known, special != CliScanCommunication::kStrongScanOff) : 0;
+}
+
 std::string runningTask(const Json::Value& task) {
   const std::string token = CppJson::readString(task, "token_id", "");
   if (!task.isObject() || token.empty() ||
@@ -60,11 +66,6 @@ std::string runningTask(const Json::Value& task) {
 }
 
 }  // namespace
-
-int CliScanCommunication::scanType(unsigned mode, unsigned special) {
-  const auto known = json::fromNumber<json::ScanMode>(mode);
-  return known ? json::toScanType(*known, special != kStrongScanOff) : 0;
-}
 
 int CliScanCommunication::get_scanconfig(int& handle) {
   return command::askAgent(kGetScanConfig, 1, [&handle](jsonrpchelper::AgentStub& agent) {

@@ -24,7 +24,4 @@ class CliScanCommunication {
   static int action_ctlscan(const std::string& token_id, unsigned action);
 
   static constexpr unsigned kStrongScanOff = 1;
-
-  /// The "scan_type" of a start request; 0 for an unknown mode.
-  static int scanType(unsigned mode, unsigned special);
 };

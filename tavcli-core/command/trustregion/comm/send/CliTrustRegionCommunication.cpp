@@ -16,9 +16,9 @@ using json::Region;
 using json::RegionDomain;
 using ItemType = json::RegionItemType;
 
-/// Row: the region.
+/// The index is the number of the region.
 constexpr const char* kBehaviours[] = {"信任", "否决"};
-/// Row: the item type.
+/// The index is the number of the item type.
 constexpr const char* kItemTypes[] = {"文件路径", "文件夹",   "后缀名",    "文件MD5",
                                       "文件名",   "文件SHA1", "文件SHA256"};
 
@@ -84,8 +84,8 @@ void printItems(const Json::Value& items, Region region) {
   }
 }
 
-/// An answer that is no list is logged and counts as an empty one; any other failure, the agent's own error
-/// included, ends the report.
+/// Asks for one list. An answer that is no list is logged and counts as an empty list. Every other failure
+/// ends the report.
 Json::Value askRegion(jsonrpchelper::AgentStub& agent, const Query& query,
                       const command::RequestPlace& place) {
   try {
