@@ -71,11 +71,11 @@ void scanAll(const Arguments& arguments, agent::Spawner& spawner, const std::vec
   {
     agent::WorkerPool pool(spawner, count);
     for (const auto& file : files) {
-      const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-      if (fd < 0) {
+      platform::Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+      if (!opened) {
         continue;
       }
-      pool.scan(fd, file, {}, [&, file](const agent::Verdict& verdict) {
+      pool.scan(std::move(opened), file, {}, [&, file](const agent::Verdict& verdict) {
         ++outcomes.at(static_cast<std::size_t>(verdict.outcome));
         if (arguments.showErrors && verdict.outcome == agent::Outcome::kError) {
           std::printf("  %s: %s\n", file.c_str(), verdict.reason.c_str());

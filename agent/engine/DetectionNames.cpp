@@ -8,9 +8,9 @@
 namespace agent {
 namespace {
 
-constexpr std::string_view kUnofficial = ".UNOFFICIAL";  // added by libclamav to names from text files
+constexpr std::string_view kUnofficial = ".UNOFFICIAL";  // libclamav adds it to names from text files
 
-// Alerts that say that something was left out. The first row whose name begins the alert's counts.
+// Alerts for content that libclamav left out. The first row with the beginning of the alert's name counts.
 struct NotScannedRow {
   std::string_view beginning;
   const char* reason;
@@ -28,8 +28,8 @@ constexpr NotScannedRow kNotScanned[] = {
     {"Heuristics.XZ.DicSizeLimit", "needs more memory to unpack than the engine's limit"},
 };
 
-// Whose a detection is: the first row that matches. `part`: a whole dotted part of the name, any of the
-// blank-separated ones; empty: the beginning alone decides.
+// The engine of a detection: the first row that matches. `parts`: one of them must be a whole dotted part of
+// the name; empty: the beginning alone decides.
 struct EngineRow {
   std::string_view beginning;
   std::string_view parts;
@@ -46,7 +46,7 @@ constexpr EngineRow kEngineRows[] = {
     {"", "", json::kEngineHc},
 };
 
-// What kind of risk a name tells: the first row of which one part stands in the name.
+// The kind of risk: the first row of which one part is a dotted part of the name.
 struct RiskRow {
   std::string_view parts;
   json::RiskType type;
@@ -92,7 +92,7 @@ int engineOf(std::string_view name) {
   const auto* row = std::find_if(std::begin(kEngineRows), std::end(kEngineRows), [&](const EngineRow& r) {
     return name.starts_with(r.beginning) && (r.parts.empty() || hasAnyPart(name, r.parts));
   });
-  return row->code;  // the last row takes all
+  return row->code;  // the last row matches every name
 }
 
 const RiskRow& riskOf(std::string_view name) {

@@ -7,11 +7,11 @@
 
 namespace agent {
 
-/// What libclamav's name for a find means here.
+/// The meaning of a name that libclamav reports.
 enum class FindKind {
   kDetection,   ///< a signature matched
-  kHeuristic,   ///< suspicion or unwanted: a detection in a strong scan only
-  kNotScanned,  ///< the file was not scanned whole: no detection, an error
+  kHeuristic,   ///< suspicious or unwanted: a detection in a strong scan only
+  kNotScanned,  ///< the file was not scanned whole: an error
 };
 
 struct Find {
@@ -20,7 +20,7 @@ struct Find {
   std::string reason;   ///< for kNotScanned
 };
 
-/// Reads a find's name as libclamav gives it: what it means, whose engine it is, and what kind of risk.
+/// Reads a name that libclamav reports: its meaning, the engine it belongs to, and the kind of risk.
 Find readFind(std::string_view libraryName);
 
 }  // namespace agent

@@ -9,12 +9,12 @@
 #include <csignal>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 
 #include "engine/FileHashes.h"
 #include "engine/ScanRecord.h"
 #include "engine/SignatureFolder.h"
 #include "json/CppJson.h"
+#include "platform/Posix.h"
 
 namespace agent {
 namespace {
@@ -28,9 +28,9 @@ struct FreeEngine {
 };
 using EngineHandle = std::unique_ptr<cl_engine, FreeEngine>;
 
-// The record of the scan under way, for messages, which come without a context. Null between scans.
+// The record of the current scan: libclamav's messages come without a context. Null between scans.
 ScanRecord* currentRecord = nullptr;
-// What libclamav said last outside a scan: the reason when a load fails.
+// The last error message outside a scan: the reason when a load fails.
 std::string lastLoadMessage;
 
 std::string_view orEmpty(const char* text) {
@@ -68,17 +68,20 @@ void onFind(int, const char* name, void* context) {
   static_cast<ScanRecord*>(context)->onFind(orEmpty(name));
 }
 
-std::string initialiseLibrary() {
+platform::Expected<void> initialiseLibrary() {
   static const cl_error_t result = [] {
     cl_set_clcb_msg(onMessage);
     std::signal(SIGXFSZ, SIG_IGN);  // a temporary file that grows too large is an error of its write
     return cl_init(CL_INIT_DEFAULT);
   }();
-  return result == CL_SUCCESS ? std::string{} : cl_strerror(result);
+  if (result != CL_SUCCESS) {
+    return platform::failure(std::string("the engine cannot start: ") + cl_strerror(result));
+  }
+  return {};
 }
 
-// The limits as rows: what libclamav calls it, and what it gets. Everything that libclamav leaves out
-// without a word when a file is larger than some limit of its own stands at the file limit here.
+// libclamav's limits, one a row. libclamav silently skips data above some of them: each of those is set to
+// the file limit.
 void setLimits(cl_engine* engine, const EngineLimits& limits, std::uint64_t fileBytes) {
   const struct {
     cl_engine_field field;
@@ -97,7 +100,7 @@ void setLimits(cl_engine* engine, const EngineLimits& limits, std::uint64_t file
       {CL_ENGINE_PCRE_MAX_FILESIZE, fileBytes},
       {CL_ENGINE_MAX_PARTITIONS, 1024},
       {CL_ENGINE_MAX_RECHWP3, 64},
-      // Its cache of clean content knows neither the options of a scan nor what was left out of it.
+      // libclamav's cache of clean content ignores the options of a scan and the data that a scan left out.
       {CL_ENGINE_DISABLE_CACHE, 1},
   };
   for (const auto& row : rows) {
@@ -105,7 +108,7 @@ void setLimits(cl_engine* engine, const EngineLimits& limits, std::uint64_t file
   }
 }
 
-// A soft limit on the size of any file this process writes, for as long as the object lives.
+// Limits the size of each file this process writes, while the object lives.
 class WriteLimit {
  public:
   explicit WriteLimit(rlim_t bytes) {
@@ -123,31 +126,28 @@ class WriteLimit {
 };
 
 Verdict errorVerdict(std::string reason) {
-  Verdict verdict;
-  verdict.outcome = Outcome::kError;
-  verdict.reason = std::move(reason);
-  return verdict;
+  return notScanned(Outcome::kError, std::move(reason));
 }
 
 }  // namespace
 
 class Engine::Impl {
  public:
-  Impl(EngineHandle engine, const EngineLimits& limits, std::uint64_t fileBytes, bool comparesPictures)
-      : engine_(std::move(engine)),
+  Impl(EngineHandle engine, const EngineLimits& limits, std::uint64_t fileBytes, bool comparesPictures,
+       SignatureState loaded)
+      : signatures(std::move(loaded)),
+        engine_(std::move(engine)),
         limits_(limits),
         fileBytes_(fileBytes),
         comparesPictures_(comparesPictures) {}
 
-  void setTempFolders(const std::string& quick, const std::string& disk) {
-    quickTemp_ = quick;
-    diskTemp_ = disk;
-  }
+  const SignatureState signatures;
+  std::string quickTemp, diskTemp;
 
   Verdict scan(int fd, const std::string& name, const ScanOptions& options) {
     struct stat status {};
     if (fstat(fd, &status) != 0) {
-      return errorVerdict("cannot be examined: " + std::generic_category().message(errno));
+      return errorVerdict("cannot be examined: " + platform::errnoText(errno));
     }
     if (!S_ISREG(status.st_mode)) {
       return errorVerdict("not a regular file");
@@ -168,10 +168,9 @@ class Engine::Impl {
       return errorVerdict("larger than the engine's limit of " + std::to_string(fileBytes_) +
                           " bytes for one file");
     }
-    const auto slash = name.rfind('/');
-    const std::string lastPart = slash == std::string::npos ? name : name.substr(slash + 1);
-    if (!quickTemp_.empty() && size <= limits_.quickTempBytes / 2) {
-      useTemp(quickTemp_);
+    const std::string lastPart = platform::splitPath(name).name;
+    if (!quickTemp.empty() && size <= limits_.quickTempBytes / 2) {
+      useTemp(quickTemp);
       const WriteLimit limit(limits_.quickTempBytes);
       ScanRecord record(options, fileBytes_);
       Verdict verdict = run(record, fd, lastPart, options);
@@ -179,7 +178,7 @@ class Engine::Impl {
         return verdict;
       }
     }
-    useTemp(diskTemp_);
+    useTemp(diskTemp);
     ScanRecord record(options, fileBytes_);
     return run(record, fd, lastPart, options);
   }
@@ -228,46 +227,38 @@ class Engine::Impl {
   EngineLimits limits_;
   std::uint64_t fileBytes_;
   bool comparesPictures_;
-  std::string quickTemp_, diskTemp_, tempNow_;
+  std::string tempNow_;
 };
 
 namespace {
 
 struct Loaded {
   EngineHandle engine;
-  unsigned long count = 0;
-  std::string problem;
+  unsigned int count = 0;  // of signatures
 };
 
-Loaded loadFolders(const Engine::Config& config, std::uint64_t fileBytes,
-                   const std::vector<std::string>& folders) {
-  Loaded loaded;
-  loaded.engine.reset(cl_engine_new());
-  if (!loaded.engine) {
-    loaded.problem = "no memory for the engine";
-    return loaded;
+platform::Expected<Loaded> loadFolders(const Engine::Config& config, std::uint64_t fileBytes,
+                                       const std::vector<std::string>& folders) {
+  Loaded loaded{EngineHandle(cl_engine_new())};
+  cl_engine* engine = loaded.engine.get();
+  if (engine == nullptr) {
+    return platform::failure("no memory for the engine");
   }
-  setLimits(loaded.engine.get(), config.limits, fileBytes);
-  unsigned int count = 0;
-  cl_error_t result = CL_SUCCESS;
+  setLimits(engine, config.limits, fileBytes);
   lastLoadMessage.clear();
   for (const auto& folder : folders) {
-    result = cl_load(folder.c_str(), loaded.engine.get(), &count, kDatabaseOptions);
+    const cl_error_t result = cl_load(folder.c_str(), engine, &loaded.count, kDatabaseOptions);
     if (result != CL_SUCCESS) {
-      loaded.problem = folder + ": " + cl_strerror(result) +
-                       (lastLoadMessage.empty() ? std::string{} : " (" + lastLoadMessage + ")");
-      return loaded;
+      return platform::failure(folder + ": " + cl_strerror(result) +
+                               (lastLoadMessage.empty() ? std::string{} : " (" + lastLoadMessage + ")"));
     }
   }
-  result = cl_engine_compile(loaded.engine.get());
-  if (result != CL_SUCCESS) {
-    loaded.problem = std::string("the signatures cannot be compiled: ") + cl_strerror(result);
-    return loaded;
+  if (const cl_error_t result = cl_engine_compile(engine); result != CL_SUCCESS) {
+    return platform::failure(std::string("the signatures cannot be compiled: ") + cl_strerror(result));
   }
-  cl_engine_set_clcb_file_inspection(loaded.engine.get(), onLayer);
-  cl_engine_set_clcb_meta(loaded.engine.get(), onMember);
-  cl_engine_set_clcb_virus_found(loaded.engine.get(), onFind);
-  loaded.count = count;
+  cl_engine_set_clcb_file_inspection(engine, onLayer);
+  cl_engine_set_clcb_meta(engine, onMember);
+  cl_engine_set_clcb_virus_found(engine, onFind);
   return loaded;
 }
 
@@ -280,53 +271,49 @@ std::uint64_t wholeUnits(std::uint64_t bytes) {
 Engine::Engine(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Engine::~Engine() = default;
 
-std::unique_ptr<Engine> Engine::load(const Config& config, SignatureState& state) {
-  state = SignatureState{};
-  if (const auto problem = initialiseLibrary(); !problem.empty()) {
-    state.detail = "the engine cannot start: " + problem;
-    return nullptr;
+platform::Expected<std::unique_ptr<Engine>> Engine::load(const Config& config) {
+  if (const auto ready = initialiseLibrary(); !ready) {
+    return platform::failure(ready.error());
   }
   const SignatureFolder shipped(config.shippedSignatures);
   const SignatureFolder system(config.systemSignatures);
   if (shipped.empty()) {
-    state.detail = shipped.problem();
-    return nullptr;
+    return platform::failure(shipped.problem());
   }
-  std::string remark = system.problem();
   const std::uint64_t fileBytes = wholeUnits(config.limits.maxFileBytes);
-  Loaded loaded;
-  bool withSystem = !system.empty();
-  if (withSystem) {
-    loaded = loadFolders(config, fileBytes, {system.path(), shipped.path()});
-    if (!loaded.problem.empty()) {
-      remark = loaded.problem;
-      withSystem = false;
-    }
-  }
+  auto loaded = system.empty() ? platform::failure(system.problem())
+                               : loadFolders(config, fileBytes, {system.path(), shipped.path()});
+  const bool withSystem = loaded.has_value();
+  const std::string leftOut = withSystem ? std::string{} : loaded.error();
   if (!withSystem) {
     loaded = loadFolders(config, fileBytes, {shipped.path()});
   }
-  if (!loaded.problem.empty()) {
-    state.detail = loaded.problem;
-    return nullptr;
+  if (!loaded) {
+    return platform::failure(loaded.error());
   }
+  SignatureState state;
   state.loaded = true;
   state.system = withSystem         ? SystemDatabase::kInForce
                  : system.present() ? SystemDatabase::kLeftOut
                                     : SystemDatabase::kNone;
-  state.count = loaded.count;
+  state.count = loaded->count;
   state.version = sha256Of(std::string(cl_retver()) + '\n' + shipped.contentKey() +
                            (withSystem ? system.contentKey() : std::string{}));
-  state.detail = std::to_string(loaded.count) + " signatures" +
+  state.detail = std::to_string(state.count) + " signatures" +
                  (withSystem ? " from " + system.path() + " and " + shipped.path()
-                             : " from " + shipped.path() + " alone: " + remark);
+                             : " from " + shipped.path() + " alone: " + leftOut);
   const bool pictures = shipped.comparesPictures() || (withSystem && system.comparesPictures());
-  return std::unique_ptr<Engine>(
-      new Engine(std::make_unique<Impl>(std::move(loaded.engine), config.limits, fileBytes, pictures)));
+  return std::unique_ptr<Engine>(new Engine(std::make_unique<Impl>(std::move(loaded->engine), config.limits,
+                                                                   fileBytes, pictures, std::move(state))));
+}
+
+const SignatureState& Engine::signatures() const {
+  return impl_->signatures;
 }
 
 void Engine::setTempFolders(const std::string& quick, const std::string& disk) {
-  impl_->setTempFolders(quick, disk);
+  impl_->quickTemp = quick;
+  impl_->diskTemp = disk;
 }
 
 Verdict Engine::scan(int fd, const std::string& name, const ScanOptions& options) {

@@ -6,12 +6,12 @@
 #include "engine/EngineLimits.h"
 #include "engine/ScanTypes.h"
 #include "engine/SignatureState.h"
+#include "platform/Expected.h"
 
 namespace agent {
 
-/// libclamav with its signatures loaded, for the worker processes. Scans by descriptor; what it answers is
-/// clean only where the whole file was scanned. One thread at a time, and one engine scanning in a process
-/// at a time.
+/// libclamav with its signatures loaded, for the worker processes. A file is clean only when it was scanned
+/// whole. One thread at a time; only one engine of a process scans at a time.
 class Engine {
  public:
   struct Config {
@@ -19,19 +19,21 @@ class Engine {
     std::string systemSignatures;   ///< folder of the system's database; may be missing or empty
     EngineLimits limits;
   };
-  /// Loads and compiles. Null when there is nothing to scan with: state.detail says why. Where the system's
-  /// database alone does not load, the engine stands with our own signatures and state says so.
-  static std::unique_ptr<Engine> load(const Config& config, SignatureState& state);
+  /// Loads and compiles. When only the system's database does not load, the engine works with our own
+  /// signatures, and signatures() says so.
+  static platform::Expected<std::unique_ptr<Engine>> load(const Config& config);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  /// Where temporary files go: folders of this process alone. quick: in memory, for small ones; may be empty.
-  /// disk: for all others.
+  const SignatureState& signatures() const;
+
+  /// The folders for temporary files, used by this process only. quick: in memory, for small files; may be
+  /// empty. disk: for all others.
   void setTempFolders(const std::string& quick, const std::string& disk);
 
-  /// The descriptor stays the caller's; its position may change. name: how people know the file; only its
-  /// last component is used, for type hints. Never throws for what is in a file.
+  /// The descriptor stays the caller's; its position may change. name: the file's path; its last component is
+  /// a hint of the file's type. Never throws for the content of a file.
   Verdict scan(int fd, const std::string& name, const ScanOptions& options);
 
  private:

@@ -4,8 +4,8 @@
 
 namespace agent {
 
-/// Fills the three hashes of the whole file in one reading. The descriptor's position is left alone. False,
-/// with the hashes empty, when the file cannot be read to its end.
+/// Fills the three hashes of the whole file in one reading, and keeps the descriptor's position. False, with
+/// empty hashes, when the file cannot be read to its end.
 bool fillHashes(int fd, Verdict& verdict);
 /// Lower-case hexadecimal SHA-256 of a text.
 std::string sha256Of(const std::string& text);

@@ -8,7 +8,7 @@
 namespace agent {
 namespace {
 
-constexpr std::uint64_t kSizeUnknown = 0xFFFFFFFF;  // what libclamav reports for a 64-bit member
+constexpr std::uint64_t kSizeUnknown = 0xFFFFFFFF;  // reported by libclamav for a 64-bit member
 constexpr std::size_t kMostDetections = 32;
 
 }  // namespace
@@ -61,7 +61,7 @@ bool ScanRecord::onLayer(const Layer& layer) {
   }
   closeFrom(layer.level);
   for (std::size_t i = 0; i < layer.level; ++i) {
-    open_[i].entered = true;  // a level may be passed over: an archive behind a program's code
+    open_[i].entered = true;  // libclamav skips a level for an archive behind a program's code
     open_[i].yielded = true;
   }
   const ArchiveKind* kind = archiveKindOf(layer.type);
@@ -75,8 +75,8 @@ bool ScanRecord::onLayer(const Layer& layer) {
     return false;
   }
   if (layer.data != nullptr && ((kind != nullptr && kind->zip) || isZipDocument(layer.type))) {
-    if (const auto problem = auditZip(layer.data, layer.size); !problem.empty()) {
-      leaveOut(layer.name, layer.level, problem, error_);
+    if (const auto audited = auditZip(layer.data, layer.size); !audited) {
+      leaveOut(layer.name, layer.level, audited.error(), error_);
     }
   }
   return true;
@@ -122,20 +122,16 @@ Verdict ScanRecord::finish(std::string_view failure) {
   if (!failure.empty()) {
     leaveOut({}, 0, "the engine reports: " + platform::visibleText(failure), error_);
   }
-  Verdict verdict;
   if (!detections_.empty()) {
-    verdict.outcome = Outcome::kInfected;
-    verdict.detections = detections_;
-  } else if (!error_.empty()) {
-    verdict.outcome = Outcome::kError;
-    verdict.reason = error_;
-  } else if (!skipped_.empty()) {
-    verdict.outcome = Outcome::kSkipped;
-    verdict.reason = skipped_;
-  } else {
-    verdict.outcome = Outcome::kClean;
+    return {Outcome::kInfected, {}, detections_, {}, {}, {}};
   }
-  return verdict;
+  if (!error_.empty()) {
+    return notScanned(Outcome::kError, error_);
+  }
+  if (!skipped_.empty()) {
+    return notScanned(Outcome::kSkipped, skipped_);
+  }
+  return {Outcome::kClean, {}, {}, {}, {}, {}};
 }
 
 }  // namespace agent

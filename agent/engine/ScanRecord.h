@@ -12,11 +12,11 @@
 
 namespace agent {
 
-/// What libclamav lets be known while it scans one file, and what follows from it. The engine's callbacks
-/// report here; nothing here calls libclamav.
+/// Collects the reports of libclamav's callbacks during the scan of one file, and makes the verdict of them.
+/// Never calls libclamav.
 class ScanRecord {
  public:
-  /// maxFileBytes: as libclamav was told; a member of exactly that size has been cut.
+  /// maxFileBytes: libclamav's limit; a member of exactly this size has been cut.
   ScanRecord(const ScanOptions& options, std::uint64_t maxFileBytes)
       : options_(options), maxFileBytes_(maxFileBytes) {}
 
@@ -27,21 +27,21 @@ class ScanRecord {
     const char* data = nullptr;
     std::size_t size = 0;
   };
-  /// A file, the outer one or one inside, is about to be scanned. False: leave it out.
+  /// A file, the outer one or a member, is about to be scanned. False: leave it out.
   bool onLayer(const Layer& layer);
-  /// A container names a member. realBytes: unpacked, on the container's word.
+  /// A container lists a member. realBytes: the unpacked size, as the container gives it.
   void onMember(std::string_view container, std::string_view name, std::uint64_t realBytes, bool encrypted);
   void onFind(std::string_view libraryName);
-  /// The library reports that something failed.
+  /// libclamav reports a failure.
   void onFailure(std::string_view message);
-  /// The scan has ended with libclamav's word on a failure, or an empty text.
+  /// The scan has ended. failure: libclamav's text; empty after a success.
   Verdict finish(std::string_view failure);
 
-  /// A temporary file could not be written: it was larger than allowed or the disk is full.
+  /// A temporary file could not be written: too large, or the disk is full.
   bool tempFull() const { return tempFull_; }
 
  private:
-  static constexpr std::size_t kLevels = 128;  // above libclamav's own limit
+  static constexpr std::size_t kLevels = 128;  // more than libclamav's own limit
   struct Open {
     const ArchiveKind* kind = nullptr;
     bool entered = false;
@@ -58,8 +58,8 @@ class ScanRecord {
   std::uint64_t maxFileBytes_;
   std::array<Open, kLevels> open_;
   std::vector<Detection> detections_;
-  std::string error_;    // the first reason why the file was not scanned whole
-  std::string skipped_;  // the first reason of the settings' making
+  std::string error_;    // the first reason why the file was not scanned whole; empty: none
+  std::string skipped_;  // the first reason from the settings; empty: none
   bool tempFull_ = false;
 };
 

@@ -2,17 +2,18 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "json/Values.h"
 
 namespace agent {
 
-/// How one scanned entry ended. Nothing is clean that was not scanned whole.
+/// The result of one file's scan. Only a file that was scanned whole is clean.
 enum class Outcome : std::uint8_t { kClean, kInfected, kError, kSkipped };
 
 struct Detection {
-  std::string name;    ///< of the detection
+  std::string name;
   int engineCode = 0;  ///< json::Engine
   json::RiskType riskType = json::RiskType::kVirus;
   std::string riskTypeName;
@@ -20,19 +21,24 @@ struct Detection {
 
 struct Verdict {
   Outcome outcome = Outcome::kError;
-  std::string reason;                 ///< why, for kError and kSkipped: one line
+  std::string reason;                 ///< one line, for kError and kSkipped
   std::vector<Detection> detections;  ///< for kInfected, at least one
-  std::string md5, sha1, sha256;      ///< lower-case hexadecimal, when wanted; of a detection always
+  std::string md5, sha1, sha256;      ///< lower-case hexadecimal; when wanted, and always for kInfected
 };
 
-/// What a scan is told for each file.
+/// The verdict on a file that was not scanned whole: kError or kSkipped.
+inline Verdict notScanned(Outcome outcome, std::string reason) {
+  return {outcome, std::move(reason), {}, {}, {}, {}};
+}
+
+/// The settings of the scan of one file.
 struct ScanOptions {
-  bool archives = true;               ///< unpack at all
-  std::uint32_t maxLayers = 16;       ///< nested archives
-  std::uint64_t maxArchiveBytes = 0;  ///< larger archives are skipped with a reason; 0: no limit of ours
+  bool archives = true;                     ///< unpack archives
+  std::uint32_t maxLayers = 16;             ///< nested archives
+  std::uint64_t maxArchiveBytes = 0;        ///< larger archives are skipped; 0: no limit
   std::vector<std::string> archiveFormats;  ///< lower-case endings that are unpacked; empty: all
   std::uint32_t enabledEngines = 0x3FF;     ///< bit n: engine code n
-  bool hashesWanted = false;                ///< fill md5/sha1/sha256 of clean files too
+  bool hashesWanted = false;                ///< also for files without a detection
   bool heuristics = false;                  ///< strong scan: heuristic alerts count as detections
 };
 

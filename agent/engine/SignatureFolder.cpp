@@ -1,7 +1,6 @@
 #include "engine/SignatureFolder.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,6 +10,7 @@
 #include <system_error>
 
 #include "engine/FileHashes.h"
+#include "platform/Posix.h"
 
 namespace agent {
 namespace {
@@ -53,12 +53,8 @@ SignatureFolder::SignatureFolder(std::string path) : path_(std::move(path)) {
 std::string SignatureFolder::contentKey() const {
   std::string key;
   for (const auto& file : files_) {
-    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
     Verdict hashes;
-    if (fd >= 0) {
-      fillHashes(fd, hashes);
-      close(fd);
-    }
+    fillHashes(platform::openQuietly(AT_FDCWD, file.c_str(), 0).get(), hashes);
     key += file + ' ' + hashes.sha256 + '\n';
   }
   return key;

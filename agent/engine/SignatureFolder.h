@@ -5,20 +5,21 @@
 
 namespace agent {
 
-/// A folder of signature files as it stands now.
+/// The signature files of a folder at the time of construction.
 class SignatureFolder {
  public:
-  /// A folder that is missing or cannot be read is one without files; problem() says why.
+  /// A missing or unreadable folder has no files.
   explicit SignatureFolder(std::string path);
   const std::string& path() const { return path_; }
   bool empty() const { return files_.empty(); }
-  /// There is something to load, or something that cannot be read.
+  /// The folder has files, or cannot be read.
   bool present() const { return !empty() || unreadable_; }
+  /// Why the folder has no files, or not all.
   const std::string& problem() const { return problem_; }
   /// Names and content hashes of all signature files, one line each.
   std::string contentKey() const;
-  /// Whether any signature compares pictures: only then are pictures decoded, which is dear. Packed
-  /// databases count as if one did.
+  /// Whether any signature compares pictures; always true with a packed database. Decoding pictures is slow,
+  /// and left out otherwise.
   bool comparesPictures() const;
 
  private:

@@ -11,6 +11,9 @@
 namespace agent {
 namespace {
 
+using platform::Expected;
+using platform::failure;
+
 constexpr std::uint32_t kLocalHeader = 0x04034B50;
 constexpr std::uint32_t kDirectoryEntry = 0x02014B50;
 constexpr std::uint32_t kDirectoryEnd = 0x06054B50;
@@ -25,7 +28,7 @@ constexpr std::size_t kLocator64Bytes = 20;
 constexpr std::uint32_t kSizesFollow = 1U << 3;  // flag: the local header may leave the sizes out
 constexpr std::size_t kLongestComment = 0xFFFF;
 
-// What libclamav unpacks; any other method is passed over in silence.
+// The methods that libclamav unpacks. libclamav silently skips members of any other method.
 constexpr std::array<std::uint16_t, 5> kMethods = {0 /*stored*/, 6 /*imploded*/, 8 /*deflated*/,
                                                    9 /*deflated, 64 KiB window*/, 12 /*bzip2*/};
 
@@ -68,63 +71,63 @@ struct Member {
   std::string name;
 };
 
-std::string member(const Member& entry, const std::string& what) {
-  return "member \"" + entry.name + "\" " + what;
+tl::unexpected<std::string> memberFails(const Member& entry, const std::string& how) {
+  return failure("member \"" + entry.name + "\" " + how);
 }
 
 bool isUnpacked(std::uint32_t method) {
-  return method == 99 /*encrypted: told by libclamav*/ ||
+  return method == 99 /*encrypted: libclamav reports it*/ ||
          std::find(kMethods.begin(), kMethods.end(), method) != kMethods.end();
 }
 
-// libclamav unpacks by the local header, others by the directory: a member that they describe differently may
-// be another one here than where it is unpacked.
-std::string auditLocalHeader(const Bytes& zip, const Member& entry, std::uint64_t local) {
+// libclamav unpacks by the local header, other programs by the directory. When the two differ, another
+// program may unpack content that libclamav has not seen.
+Expected<void> auditLocalHeader(const Bytes& zip, const Member& entry, std::uint64_t local) {
   const std::uint32_t flags = zip.at16(local + 6), method = zip.at16(local + 8);
   const std::uint32_t packedBytes = zip.at32(local + 18), bytes = zip.at32(local + 22);
   if (packedBytes == kSizeElsewhere || bytes == kSizeElsewhere) {
-    return member(entry, "has a 64-bit size: not unpacked");
+    return memberFails(entry, "has a 64-bit size: not unpacked");
   }
   const bool sameSizes = packedBytes == entry.packedBytes && bytes == entry.bytes;
   if (method != entry.method || (!sameSizes && (flags & kSizesFollow) == 0)) {
-    return member(entry, "is described in two ways: the archive is damaged or forged");
+    return memberFails(entry, "is described in two ways: the archive is damaged or forged");
   }
   return {};
 }
 
-// entry: the directory's word on the member; start: where the archive begins in the file.
-std::string auditMember(const Bytes& zip, const Member& entry, std::uint64_t start) {
+// entry: as the directory describes the member; start: where the archive begins in the file.
+Expected<void> auditMember(const Bytes& zip, const Member& entry, std::uint64_t start) {
   if (entry.bytes == kSizeElsewhere || entry.packedBytes == kSizeElsewhere ||
       entry.localOffset == kSizeElsewhere) {
-    return member(entry, "has a 64-bit size: not unpacked");
+    return memberFails(entry, "has a 64-bit size: not unpacked");
   }
   if (!isUnpacked(entry.method)) {
-    return member(entry, "is packed by method " + std::to_string(entry.method) + ": not unpacked");
+    return memberFails(entry, "is packed by method " + std::to_string(entry.method) + ": not unpacked");
   }
   const std::uint64_t local = start + entry.localOffset;
   if (!zip.has(local, kLocalHeaderBytes) || zip.at32(local) != kLocalHeader) {
-    return member(entry, "is not where the directory says: the archive is damaged or cut off");
+    return memberFails(entry, "is not where the directory says: the archive is damaged or cut off");
   }
-  if (auto problem = auditLocalHeader(zip, entry, local); !problem.empty()) {
-    return problem;
+  if (auto audited = auditLocalHeader(zip, entry, local); !audited) {
+    return audited;
   }
   const std::uint64_t data = local + kLocalHeaderBytes + zip.at16(local + 26) + zip.at16(local + 28);
   if (!zip.has(data, entry.packedBytes)) {
-    return member(entry, "ends beyond the end of the file: the archive is damaged or cut off");
+    return memberFails(entry, "ends beyond the end of the file: the archive is damaged or cut off");
   }
   return {};
 }
 
 struct Directory {
   std::uint64_t at = 0, end = 0;  ///< in the file
-  std::uint64_t start = 0;        ///< of the archive, behind what stands before it
+  std::uint64_t start = 0;        ///< of the archive: other data may precede it
   std::uint64_t count = 0;        ///< of its entries
-  bool countIsWhole = false;      ///< else its low 16 bits: some write no more for many members
+  bool countIsWhole = false;      ///< else `count` holds only the low 16 bits
 };
 
-// The 64-bit end record stands between the directory and the plain end record; only where it says no more
-// than that but the number of members is it understood.
-std::string readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory) {
+// The 64-bit end record stands between the directory and the plain end record. It is accepted only when it
+// repeats the plain one, except for the number of members.
+Expected<void> readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory) {
   if (end < kLocator64Bytes || zip.at32(end - kLocator64Bytes) != kLocator64) {
     return {};
   }
@@ -135,7 +138,7 @@ std::string readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory)
                      zip.at64(record + 40) == zip.at32(end + 12) &&
                      zip.at64(record + 48) == zip.at32(end + 16);
   if (!plain) {
-    return "the archive has a 64-bit directory: not unpacked";
+    return failure("the archive has a 64-bit directory: not unpacked");
   }
   directory.end = record;
   directory.count = zip.at64(record + 32);
@@ -143,40 +146,40 @@ std::string readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory)
   return {};
 }
 
-std::string readEnd(const Bytes& zip, std::uint64_t end, Directory& directory) {
+Expected<void> readEnd(const Bytes& zip, std::uint64_t end, Directory& directory) {
   const std::uint32_t bytes = zip.at32(end + 12);
   const std::uint32_t offset = zip.at32(end + 16);
   if (bytes == kSizeElsewhere || offset == kSizeElsewhere) {
-    return "the archive has a 64-bit directory: not unpacked";
+    return failure("the archive has a 64-bit directory: not unpacked");
   }
   directory.end = end;
   directory.count = zip.at16(end + 10);
-  if (auto problem = readEnd64(zip, end, directory); !problem.empty()) {
-    return problem;
+  if (auto read = readEnd64(zip, end, directory); !read) {
+    return read;
   }
   if (std::uint64_t{bytes} + offset > directory.end) {
-    return "the archive's directory is not where it says: damaged or cut off";
+    return failure("the archive's directory is not where it says: damaged or cut off");
   }
   directory.at = directory.end - bytes;
   directory.start = directory.at - offset;
-  // libclamav takes the offset as it stands, whatever the size.
+  // libclamav trusts the offset, whatever the size says.
   if (directory.start != 0 && zip.has(offset, 4) && zip.at32(offset) == kDirectoryEntry) {
-    return "the archive has two directories: damaged or forged";
+    return failure("the archive has two directories: damaged or forged");
   }
   return {};
 }
 
 }  // namespace
 
-std::string auditZip(const char* data, std::size_t size) {
+platform::Expected<void> auditZip(const char* data, std::size_t size) {
   const Bytes zip(data, size);
   const auto end = findDirectoryEnd(zip);
   if (!end) {
-    return "the archive has no directory: damaged or cut off";
+    return failure("the archive has no directory: damaged or cut off");
   }
   Directory directory;
-  if (auto problem = readEnd(zip, *end, directory); !problem.empty()) {
-    return problem;
+  if (auto read = readEnd(zip, *end, directory); !read) {
+    return read;
   }
   std::uint64_t walked = 0;
   for (std::uint64_t at = directory.at; at < directory.end; ++walked) {
@@ -185,21 +188,21 @@ std::string auditZip(const char* data, std::size_t size) {
     }
     const std::size_t nameBytes = zip.at16(at + 28);
     if (!zip.has(at + kDirectoryEntryBytes, nameBytes)) {
-      return "the archive's directory is damaged";
+      return failure("the archive's directory is damaged");
     }
     const Member entry{zip.at16(at + 10), zip.at32(at + 20), zip.at32(at + 24), zip.at32(at + 42),
                        platform::visibleText(zip.text(at + kDirectoryEntryBytes, nameBytes))};
-    if (auto problem = auditMember(zip, entry, directory.start); !problem.empty()) {
-      return problem;
+    if (auto audited = auditMember(zip, entry, directory.start); !audited) {
+      return audited;
     }
     at += kDirectoryEntryBytes + nameBytes + zip.at16(at + 30) + zip.at16(at + 32);
   }
   if ((directory.countIsWhole ? walked : walked & 0xFFFF) != directory.count) {
-    return "the archive's directory has " + std::to_string(walked) + " entries and says " +
-           std::to_string(directory.count) + ": damaged or forged";
+    return failure("the archive's directory has " + std::to_string(walked) + " entries and says " +
+                   std::to_string(directory.count) + ": damaged or forged");
   }
   if (walked == 0 && zip.at32(0) == kLocalHeader) {
-    return "the archive's directory names none of its members: damaged or forged";
+    return failure("the archive's directory names none of its members: damaged or forged");
   }
   return {};
 }

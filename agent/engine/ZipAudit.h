@@ -1,14 +1,15 @@
 #pragma once
 
 #include <cstddef>
-#include <string>
+
+#include "platform/Expected.h"
 
 namespace agent {
 
-/// Reads the directory of a zip file and says what libclamav will leave out without a word: sizes of the
-/// 64-bit format, methods it cannot unpack, members or a directory that lie beyond the end of the file, a
-/// directory that is not whole, and members that their own header describes otherwise than the directory.
-/// Empty when there is nothing of the kind. Never reads outside the buffer.
-std::string auditZip(const char* data, std::size_t size);
+/// Reads the directory of a zip file. Fails, with the reason, when libclamav would silently leave content
+/// out: sizes of the 64-bit format, methods that it cannot unpack, members or a directory beyond the end of
+/// the file, an incomplete directory, members whose local header differs from the directory. Never reads
+/// outside the buffer.
+platform::Expected<void> auditZip(const char* data, std::size_t size);
 
 }  // namespace agent

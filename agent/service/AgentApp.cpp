@@ -251,12 +251,11 @@ class Agent {
 
   /// Beside the main thread, which a signal may want meanwhile.
   void reloadSignatures() {
-    std::string why;
-    if (spawner_->reload(&why)) {
+    if (const auto loaded = spawner_->reload()) {
       AGENT_LOG(LogLevel::kInfo, "%s", "signatures were loaded again");
     } else {
       AGENT_LOG(LogLevel::kError, "signatures could not be loaded again, the old ones stay in force: %s",
-                why.c_str());
+                loaded.error().c_str());
     }
   }
 

@@ -405,7 +405,7 @@ void ScanTask::submit(MetFile met, bool rejected, bool cacheable) {
   ScanOptions options = plan_.options;
   options.hashesWanted = rejected || parts_.store.regions().hashesNeeded();
   handler_->waitBelow(kMostFound);
-  pool_->scan(met.fd.release(), met.path, options, [this, job](Verdict verdict) {
+  pool_->scan(std::move(met.fd), met.path, options, [this, job](Verdict verdict) {
     try {
       ended(job, std::move(verdict));
     } catch (const std::exception& error) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/Posix.h"
 #include "worker/Messages.h"
 
 namespace agent {
@@ -17,8 +18,8 @@ union ControlBuffer {
   std::array<char, CMSG_SPACE(sizeof(int))> bytes;
 };
 
-// Keeps the one descriptor that a packet may bring; of several the last, the others are closed, and false.
-bool keepDescriptor(msghdr& header, platform::Descriptor& kept) {
+// Takes the packet's descriptor. False for several: all but the last are closed.
+bool takeDescriptor(msghdr& header, platform::Descriptor& taken) {
   std::size_t count = 0;
   for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr;
        control = CMSG_NXTHDR(&header, control)) {
@@ -28,7 +29,7 @@ bool keepDescriptor(msghdr& header, platform::Descriptor& kept) {
     for (std::size_t at = CMSG_LEN(0); at + sizeof(int) <= control->cmsg_len; at += sizeof(int)) {
       int fd = -1;
       std::memcpy(&fd, CMSG_DATA(control) + (at - CMSG_LEN(0)), sizeof fd);
-      kept.reset(fd);
+      taken.reset(fd);
       ++count;
     }
   }
@@ -37,15 +38,15 @@ bool keepDescriptor(msghdr& header, platform::Descriptor& kept) {
 
 }  // namespace
 
-std::pair<Channel, Channel> Channel::pair() {
+platform::Expected<std::pair<Channel, Channel>> Channel::pair() {
   std::array<int, 2> ends{-1, -1};
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-    return {};
+    return platform::failure(platform::errnoText(errno));
   }
-  return {Channel(platform::Descriptor(ends[0])), Channel(platform::Descriptor(ends[1]))};
+  return std::pair(Channel(platform::Descriptor(ends[0])), Channel(platform::Descriptor(ends[1])));
 }
 
-bool Channel::send(std::string_view bytes, int fd) const {
+tl::expected<void, NotSent> Channel::send(std::string_view bytes, int fd) const {
   iovec part{const_cast<char*>(bytes.data()), bytes.size()};
   ControlBuffer buffer{};
   msghdr header{};
@@ -64,7 +65,10 @@ bool Channel::send(std::string_view bytes, int fd) const {
   do {
     sent = sendmsg(fd_.get(), &header, MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
-  return sent == static_cast<ssize_t>(bytes.size());
+  if (sent != static_cast<ssize_t>(bytes.size())) {
+    return tl::unexpected(NotSent{errno == EPIPE || errno == ECONNRESET, platform::errnoText(errno)});
+  }
+  return {};
 }
 
 void Channel::shutDown() const {
@@ -73,7 +77,7 @@ void Channel::shutDown() const {
 
 Channel::Received Channel::receive(Packet& packet, bool wait) const {
   packet.fd.reset();
-  std::array<char, kLongestPacket> bytes;  // NOLINT: not filled beforehand, this is on the way of every file
+  std::array<char, kLongestPacket> bytes;  // NOLINT: left unfilled, because every file passes here
   iovec part{bytes.data(), bytes.size()};
   ControlBuffer buffer{};
   msghdr header{};
@@ -84,8 +88,8 @@ Channel::Received Channel::receive(Packet& packet, bool wait) const {
   ssize_t got = -1;
   do {
     got = recvmsg(fd_.get(), &header, MSG_CMSG_CLOEXEC | (wait ? 0 : MSG_DONTWAIT));
-    // ECONNRESET: the other end died with packets of ours unread. It is told once; what was sent to us
-    // before is still there, and then the end.
+    // ECONNRESET: the other end died with unread packets. The kernel reports it once; packets sent by the
+    // other end before can still be received.
   } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
     return Received::kNothing;
@@ -93,7 +97,7 @@ Channel::Received Channel::receive(Packet& packet, bool wait) const {
   if (got <= 0) {
     return Received::kEnded;
   }
-  const bool atMostOne = keepDescriptor(header, packet.fd);
+  const bool atMostOne = takeDescriptor(header, packet.fd);
   if (!atMostOne || (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
     packet.fd.reset();
     return Received::kEnded;

@@ -1,23 +1,30 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
+#include <tl/expected.hpp>
 #include <utility>
 
 #include "platform/Descriptor.h"
+#include "platform/Expected.h"
 
 namespace agent {
 
-/// One end of a packet socket between two of our processes. Packets arrive whole, in order, each with at most
-/// one descriptor.
+/// Why a packet was not sent.
+struct NotSent {
+  bool peerGone = false;  ///< the other end is closed; packets from it may still be there to receive
+  std::string reason;
+};
+
+/// One end of a packet socket between two processes of the agent. A packet arrives whole, in order, with at
+/// most one descriptor.
 class Channel {
  public:
   Channel() = default;
   explicit Channel(platform::Descriptor fd) : fd_(std::move(fd)) {}
 
-  /// Both ends close-on-exec. Empty channels when the system refuses (errno tells).
-  static std::pair<Channel, Channel> pair();
+  /// Two connected ends, both close-on-exec.
+  static platform::Expected<std::pair<Channel, Channel>> pair();
 
   struct Packet {
     std::string bytes;
@@ -25,12 +32,13 @@ class Channel {
   };
   enum class Received { kPacket, kNothing, kEnded };
 
-  /// fd: handed over as a copy; -1 for none. False when the other end is gone or the packet cannot be sent.
-  bool send(std::string_view bytes, int fd = -1) const;
-  /// wait: blocks until something is there. kEnded: the other end is gone, or broke the rules.
+  /// fd: the receiver gets a copy; -1 sends no descriptor.
+  tl::expected<void, NotSent> send(std::string_view bytes, int fd = -1) const;
+  /// wait: blocks until a packet or the end arrives. kEnded: the other end is gone, or sent a packet that is
+  /// too long or has several descriptors.
   Received receive(Packet& packet, bool wait) const;
 
-  /// Nothing more passes either way; what has arrived can still be received.
+  /// Stops both directions; packets that have arrived can still be received.
   void shutDown() const;
 
   int fd() const { return fd_.get(); }

@@ -10,17 +10,21 @@
 
 namespace agent {
 
-/// What agent, template and workers say to each other: one message a packet, never across machines or
-/// versions. Descriptors travel beside the packet.
-struct ForkRequest {
-};                    ///< agent to spawner: a template, to template: a worker; with its end of a socket pair
-struct StateReport {  ///< template to agent, once it has loaded
+// The messages between agent, spawner, worker template and workers: one message a packet, both ends of the
+// same build. A descriptor travels beside the packet.
+
+/// Agent to spawner: fork a worker template. Agent to template: fork a worker. With one end of a Channel.
+struct ForkRequest {};
+/// Template to agent, after loading.
+struct StateReport {
   SignatureState state;
 };
-struct WorkerHello {  ///< worker to agent, first of all; with a pidfd of itself
+/// Worker to agent, the first message; with a pidfd of the worker.
+struct WorkerHello {
   std::int32_t pid = 0;
 };
-struct ScanRequest {  ///< agent to worker; with the open file
+/// Agent to worker; with the open file.
+struct ScanRequest {
   std::uint64_t id = 0;
   std::string name;
   ScanOptions options;
@@ -30,7 +34,7 @@ struct ScanAnswer {
   Verdict verdict;
 };
 
-// Each message's first byte, and its fields, once for both directions.
+// The first byte and the fields of each message, listed once for both directions.
 template <class M>
 struct MessageFields;
 
@@ -83,10 +87,10 @@ struct MessageFields<ScanAnswer> {
   }
 };
 
-/// Texts are cut to what a packet holds.
+/// Long texts and lists are cut.
 template <class M>
 std::string encode(const M& message);
-/// Nothing for any other message, or one that is cut or too long: the sender is not to be trusted then.
+/// Nothing for a message of another kind, a cut one, or one that is too long: do not trust its sender.
 template <class M>
 std::optional<M> decode(std::string_view packet);
 

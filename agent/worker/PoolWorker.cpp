@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "platform/Posix.h"
 #include "worker/Pidfd.h"
 
 namespace agent {
@@ -13,57 +14,52 @@ constexpr std::uint64_t kMostBytesInFlight = 2U << 20;
 
 }  // namespace
 
-bool PoolWorker::hasRoomFor(std::uint64_t bytes) const {
+bool PoolWorker::accepts(std::uint64_t bytes) const {
   return tasks_.empty() || (tasks_.size() < kMostInFlight && bytes_ + bytes <= kMostBytesInFlight);
 }
 
-PoolWorker::Begun PoolWorker::begin(PoolTask& task) {
-  ScanRequest request;
-  request.id = task.id;
-  request.name = task.name;
-  request.options = task.options;
-  const std::string packet = encode(request);
+tl::expected<void, NotSent> PoolWorker::begin(PoolTask& task) {
+  const std::string packet = encode(ScanRequest{task.id, task.name, task.options});
   if (!task.fd || packet.size() > kLongestPacket) {
-    errno = task.fd ? EMSGSIZE : EBADF;
-    return Begun::kCannot;
+    return tl::unexpected(NotSent{false, platform::errnoText(task.fd ? EMSGSIZE : EBADF)});
   }
-  if (!channel_.send(packet, task.fd.get())) {
-    return errno == EPIPE || errno == ECONNRESET ? Begun::kWorkerGone : Begun::kCannot;
+  if (const auto sent = channel_.send(packet, task.fd.get()); !sent) {
+    return sent;
   }
   if (tasks_.empty()) {
     since_ = Clock::now();
   }
   bytes_ += task.bytes;
   tasks_.push_back(std::move(task));
-  return Begun::kYes;
+  return {};
 }
 
-PoolWorker::Heard PoolWorker::hear(Answered& answered) {
+PoolWorker::Received PoolWorker::receive(Answered& answered) {
   Channel::Packet packet;
   switch (channel_.receive(packet, false)) {
     case Channel::Received::kNothing:
-      return Heard::kNothing;
+      return Received::kNothing;
     case Channel::Received::kEnded:
-      return Heard::kEnded;
+      return Received::kEnded;
     case Channel::Received::kPacket:
       break;
   }
-  if (!greeted_ && decode<WorkerHello>(packet.bytes)) {
+  if (!helloReceived_ && decode<WorkerHello>(packet.bytes)) {
     process_ = std::move(packet.fd);
-    greeted_ = true;
-    since_ = Clock::now();  // what was sent ahead begins only now
-    return Heard::kHello;
+    helloReceived_ = true;
+    since_ = Clock::now();  // files sent before the hello begin only now
+    return Received::kHello;
   }
   auto answer = decode<ScanAnswer>(packet.bytes);
   if (!answer || tasks_.empty() || answer->id != tasks_.front().id) {
-    return Heard::kEnded;  // it no longer speaks our language: not to be trusted with another file
+    return Received::kEnded;  // the worker broke the protocol: do not trust it with another file
   }
   answered.task = std::move(tasks_.front());
   answered.verdict = std::move(answer->verdict);
   tasks_.pop_front();
   bytes_ -= answered.task.bytes;
   since_ = Clock::now();
-  return Heard::kAnswer;
+  return Received::kAnswer;
 }
 
 std::deque<PoolTask> PoolWorker::takeTasks() {
@@ -76,8 +72,8 @@ std::optional<PoolWorker::Clock::time_point> PoolWorker::deadline(std::chrono::m
 }
 
 void PoolWorker::kill() {
-  if (!greeted_) {
-    // From here on its hello cannot be sent, and it ends; one sent before tells us whom to kill.
+  if (!helloReceived_) {
+    // The worker cannot send its hello any more, and ends. A hello sent before names the process to kill.
     channel_.shutDown();
     Channel::Packet packet;
     if (channel_.receive(packet, false) == Channel::Received::kPacket && decode<WorkerHello>(packet.bytes)) {

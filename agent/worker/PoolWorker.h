@@ -14,8 +14,8 @@
 
 namespace agent {
 
-/// One file that the pool has been handed. The descriptor is kept until the answer is there: should the
-/// worker die, the files behind the one it died of go to another.
+/// One file of the pool. The descriptor is kept until the answer arrives: if the worker dies, the files
+/// queued behind the current one go to another worker.
 struct PoolTask {
   std::uint64_t id = 0;
   platform::Descriptor fd;
@@ -25,49 +25,46 @@ struct PoolTask {
   std::uint64_t bytes = 0;
 };
 
-/// A worker as its pool sees it. Used by the pool's thread only.
+/// The pool's end of one worker. Used by the pool's thread only.
 class PoolWorker {
  public:
   using Clock = std::chrono::steady_clock;
 
   PoolWorker(Channel channel, unsigned generation) : channel_(std::move(channel)), generation_(generation) {}
 
-  /// Whether one more file may wait behind what it has: small ones only, so that none waits long while
-  /// another worker is idle.
-  bool hasRoomFor(std::uint64_t bytes) const;
+  /// Whether one more file may be sent. Only small files queue behind another, so that no file waits long
+  /// while another worker is idle.
+  bool accepts(std::uint64_t bytes) const;
   bool idle() const { return tasks_.empty(); }
   std::size_t load() const { return tasks_.size(); }
   unsigned generation() const { return generation_; }
   int fd() const { return channel_.fd(); }
-  bool greeted() const { return greeted_; }
+  bool helloReceived() const { return helloReceived_; }
 
-  enum class Begun {
-    kYes,         ///< the task has been taken
-    kWorkerGone,  ///< answers may still be there to hear
-    kCannot,      ///< it cannot be handed to any worker: errno says why
-  };
-  Begun begin(PoolTask& task);
+  /// Sends the file and takes the task. On failure the task stays the caller's; without NotSent::peerGone no
+  /// worker can take it.
+  tl::expected<void, NotSent> begin(PoolTask& task);
   struct Answered {
     PoolTask task;
     Verdict verdict;
   };
-  enum class Heard { kAnswer, kHello, kNothing, kEnded };
-  /// Takes one message.
-  Heard hear(Answered& answered);
-  /// All that it has not answered, the one under way first.
+  enum class Received { kAnswer, kHello, kNothing, kEnded };
+  /// Receives one message, without waiting. kEnded: the worker is gone or broke the protocol.
+  Received receive(Answered& answered);
+  /// All unanswered tasks, the current one first.
   std::deque<PoolTask> takeTasks();
-  /// When the file under way has taken too long; nothing while idle.
+  /// When the current file has taken longer than `limit`; nothing while idle.
   std::optional<Clock::time_point> deadline(std::chrono::milliseconds limit) const;
   void kill();
 
  private:
   Channel channel_;
   unsigned generation_;
-  platform::Descriptor process_;  // a pidfd: a pid alone might be another process by now
-  bool greeted_ = false;
+  platform::Descriptor process_;  // a pidfd: the pid may belong to another process by now
+  bool helloReceived_ = false;
   std::deque<PoolTask> tasks_;
-  std::uint64_t bytes_ = 0;  // of all its tasks
-  Clock::time_point since_{};
+  std::uint64_t bytes_ = 0;    // of all tasks
+  Clock::time_point since_{};  // start of the current file
 };
 
 }  // namespace agent

@@ -1,3 +1,5 @@
+#include "worker/Spawner.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
@@ -7,10 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <system_error>
+#include <stdexcept>
 
+#include "platform/Posix.h"
 #include "worker/Messages.h"
-#include "worker/SpawnerImpl.h"
 #include "worker/SpawnerProcess.h"
 
 namespace agent {
@@ -18,7 +20,7 @@ namespace {
 
 constexpr int kMostFailures = 3;
 
-// Until there is something to read, for us or read by another.
+// Waits until a report arrives, or another thread has read it.
 void waitForReport(const TemplateLink& link, std::chrono::milliseconds limit) {
   std::array<pollfd, 2> waiting{{{link.channel.fd(), POLLIN, 0}, {link.settled.get(), POLLIN, 0}}};
   poll(waiting.data(), waiting.size(),
@@ -32,15 +34,16 @@ void TemplateLink::settle() const {
   [[maybe_unused]] const ssize_t written = write(settled.get(), &one, sizeof one);
 }
 
-Spawner::Impl::Impl(Config config) : config_(std::move(config)), folders_(config_.tempFolder) {
-  auto [ours, theirs] = Channel::pair();
-  if (!ours) {
-    throw std::system_error(errno, std::generic_category(), "no socket pair for the spawner");
+Spawner::Spawner(Config config) : config_(std::move(config)), folders_(config_.tempFolder) {
+  auto ends = Channel::pair();
+  if (!ends) {
+    throw std::runtime_error("no socket pair for the spawner: " + ends.error());
   }
+  auto& [ours, theirs] = *ends;
   const pid_t self = getpid();
   pid_ = fork();
   if (pid_ < 0) {
-    throw std::system_error(errno, std::generic_category(), "the spawner cannot be forked");
+    throw std::runtime_error("the spawner cannot be forked: " + platform::errnoText(errno));
   }
   if (pid_ == 0) {
     ours.close();
@@ -50,7 +53,7 @@ Spawner::Impl::Impl(Config config) : config_(std::move(config)), folders_(config
   restartTemplate();
 }
 
-Spawner::Impl::~Impl() {
+Spawner::~Spawner() {
   template_.reset();
   spawner_.close();
   while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
@@ -58,34 +61,35 @@ Spawner::Impl::~Impl() {
   folders_.remove();
 }
 
-Spawner::Impl::Template Spawner::Impl::startTemplate(std::string& problem) {
+platform::Expected<Spawner::Template> Spawner::startTemplate() {
   platform::Descriptor settled(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  auto [ours, theirs] = Channel::pair();
-  if (!ours || !settled) {
-    problem = "no way to reach a template: " + std::generic_category().message(errno);
-    return nullptr;
+  auto ends = settled ? Channel::pair() : platform::failure(platform::errnoText(errno));
+  if (!ends) {
+    return platform::failure("no way to reach a template: " + ends.error());
   }
+  auto& [ours, theirs] = *ends;
   if (!spawner_.send(encode(ForkRequest{}), theirs.fd())) {
-    problem = "the spawner process has ended: nothing can be scanned until the agent is started again";
-    return nullptr;
+    return platform::failure(
+        "the spawner process has ended: nothing can be scanned until the agent is started again");
   }
   return std::make_shared<const TemplateLink>(TemplateLink{std::move(ours), std::move(settled)});
 }
 
-// With the mutex held, or before anybody else knows of us.
-void Spawner::Impl::restartTemplate() {
+// With the mutex held, or in the constructor.
+void Spawner::restartTemplate() {
   ++generation_;
-  std::string problem;
-  template_ = startTemplate(problem);
-  state_.loading = template_ != nullptr;
-  if (!template_) {
+  const auto fresh = startTemplate();
+  template_ = fresh.value_or(nullptr);
+  if (fresh) {
+    state_.loading = true;
+  } else {
     state_ = SignatureState{};
-    state_.detail = problem;
+    state_.detail = fresh.error();
   }
 }
 
-// Reads what the template has said. With the mutex held.
-void Spawner::Impl::absorb() {
+// Takes what the template has sent, or its end. With the mutex held.
+void Spawner::readReports() {
   while (template_) {
     Channel::Packet packet;
     const auto received = template_->channel.receive(packet, false);
@@ -103,7 +107,7 @@ void Spawner::Impl::absorb() {
     const bool whileLoading = state_.loading;
     template_.reset();
     if (!whileLoading && !state_.loaded) {
-      return;  // it ended because there was nothing to load: its report stands
+      return;  // the template ended because it loaded nothing: its report stands
     }
     if (whileLoading && ++failures_ >= kMostFailures) {
       state_ = SignatureState{};
@@ -114,19 +118,19 @@ void Spawner::Impl::absorb() {
   }
 }
 
-SignatureState Spawner::Impl::state() {
+SignatureState Spawner::signatureState() {
   const std::lock_guard lock(mutex_);
-  absorb();
+  readReports();
   return state_;
 }
 
-SignatureState Spawner::Impl::waitLoaded(std::chrono::milliseconds limit) {
+SignatureState Spawner::waitLoaded(std::chrono::milliseconds limit) {
   const auto end = Clock::now() + limit;
   for (;;) {
     Template waiting;
     {
       const std::lock_guard lock(mutex_);
-      absorb();
+      readReports();
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
       if (!state_.loading || left.count() <= 0) {
         return state_;
@@ -137,7 +141,7 @@ SignatureState Spawner::Impl::waitLoaded(std::chrono::milliseconds limit) {
   }
 }
 
-std::optional<SignatureState> Spawner::Impl::awaitReport(const Template& fresh) {
+std::optional<SignatureState> Spawner::awaitReport(const Template& fresh) {
   Channel::Packet packet;
   if (fresh->channel.receive(packet, true) != Channel::Received::kPacket) {
     return std::nullopt;
@@ -146,37 +150,36 @@ std::optional<SignatureState> Spawner::Impl::awaitReport(const Template& fresh) 
   return report ? std::optional(report->state) : std::nullopt;
 }
 
-bool Spawner::Impl::reload(std::string* why) {
+platform::Expected<void> Spawner::reload() {
   const std::lock_guard oneAtATime(reloadMutex_);
-  std::string problem;
-  Template fresh;
+  platform::Expected<Template> fresh;
   {
     const std::lock_guard lock(mutex_);
-    fresh = reloading_ = abandoned_ ? nullptr : startTemplate(problem);
+    fresh = abandoned_ ? platform::failure("the agent is ending") : startTemplate();
+    reloading_ = fresh.value_or(nullptr);
   }
-  const auto report = fresh ? awaitReport(fresh) : std::nullopt;
+  const auto report = fresh ? awaitReport(*fresh) : std::nullopt;
   const std::lock_guard lock(mutex_);
   reloading_.reset();
-  // Our own signatures alone are better than none, and worse than what is in force.
-  const bool lessThanNow =
-      report && state_.system == SystemDatabase::kInForce && report->system == SystemDatabase::kLeftOut;
-  if (!report || !report->loaded || lessThanNow) {
-    if (why != nullptr) {
-      *why = report       ? report->detail
-             : abandoned_ ? "the agent is ending"
-             : fresh      ? "the process that loads the signatures died"
-                          : problem;
-    }
-    return false;
+  if (!report) {
+    return platform::failure(abandoned_ ? "the agent is ending"
+                             : fresh    ? "the process that loads the signatures died"
+                                        : fresh.error());
   }
-  template_ = fresh;
+  // Our own signatures alone are better than none, but worse than ours with the system's.
+  const bool lessThanNow =
+      state_.system == SystemDatabase::kInForce && report->system == SystemDatabase::kLeftOut;
+  if (!report->loaded || lessThanNow) {
+    return platform::failure(report->detail);
+  }
+  template_ = *fresh;
   state_ = *report;
   failures_ = 0;
   ++generation_;
-  return true;
+  return {};
 }
 
-void Spawner::Impl::abandonReload() {
+void Spawner::abandonReload() {
   const std::lock_guard lock(mutex_);
   abandoned_ = true;
   if (reloading_) {
@@ -184,60 +187,37 @@ void Spawner::Impl::abandonReload() {
   }
 }
 
-Spawner::Impl::Forked Spawner::Impl::forkWorker() {
+platform::Expected<Spawner::Forked> Spawner::forkWorker() {
   const std::lock_guard lock(mutex_);
-  absorb();
-  Forked forked;
+  readReports();
   if (state_.loading) {
-    forked.loading = template_;
-    return forked;
+    return Forked{{}, 0, template_};
   }
   if (!template_) {
-    forked.problem = state_.detail;
-    return forked;
+    return platform::failure(state_.detail);
   }
-  auto [ours, theirs] = Channel::pair();
-  if (!ours || !template_->channel.send(encode(ForkRequest{}), theirs.fd())) {
-    forked.problem = "no worker can be asked for: " + std::generic_category().message(errno);
-    return forked;
+  const auto failed = [](const std::string& reason) {
+    return platform::failure("no worker can be asked for: " + reason);
+  };
+  auto ends = Channel::pair();
+  if (!ends) {
+    return failed(ends.error());
   }
-  forked.channel = std::move(ours);
-  forked.generation = generation_;
-  return forked;
+  if (const auto sent = template_->channel.send(encode(ForkRequest{}), ends->second.fd()); !sent) {
+    return failed(sent.error().reason);
+  }
+  return Forked{std::move(ends->first), generation_, nullptr};
 }
 
-unsigned Spawner::Impl::generation() {
+unsigned Spawner::generation() {
   const std::lock_guard lock(mutex_);
   return generation_;
 }
 
-Spawner::Spawner(Config config) : impl_(std::make_unique<Impl>(std::move(config))) {}
-Spawner::~Spawner() = default;
-
-SignatureState Spawner::signatureState() const {
-  return impl_->state();
-}
-
-SignatureState Spawner::waitLoaded(std::chrono::milliseconds limit) const {
-  return impl_->waitLoaded(limit);
-}
-
 std::vector<std::string> Spawner::temporaryFolders() const {
-  std::vector<std::string> folders;
-  for (const auto* folder : {&impl_->folders().quick(), &impl_->folders().disk()}) {
-    if (!folder->empty()) {
-      folders.push_back(*folder);
-    }
-  }
+  std::vector<std::string> folders{folders_.quick(), folders_.disk().value_or("")};
+  std::erase(folders, "");
   return folders;
-}
-
-bool Spawner::reload(std::string* why) {
-  return impl_->reload(why);
-}
-
-void Spawner::abandonReload() {
-  impl_->abandonReload();
 }
 
 }  // namespace agent

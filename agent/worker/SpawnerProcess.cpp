@@ -21,7 +21,7 @@
 namespace agent {
 namespace {
 
-// Holds the signatures. Its workers share its memory until they write to it.
+// The worker template: holds the signatures. Its workers share its memory until they write to it.
 class Template {
  public:
   Template(const Spawner::Config& config, const TempFolders& folders, Channel agent)
@@ -44,12 +44,15 @@ class Template {
 
  private:
   bool load() {
+    auto engine = folders_.disk().and_then([this](const std::string&) {
+      return Engine::load({config_.shippedSignatures, config_.systemSignatures, config_.limits});
+    });
     StateReport report;
-    if (folders_.disk().empty()) {
-      report.state.detail = folders_.problem();
+    if (engine) {
+      engine_ = std::move(*engine);
+      report.state = engine_->signatures();
     } else {
-      engine_ =
-          Engine::load({config_.shippedSignatures, config_.systemSignatures, config_.limits}, report.state);
+      report.state.detail = engine.error();
     }
     return agent_.send(encode(report)) && engine_ != nullptr;
   }
@@ -76,18 +79,17 @@ class Template {
         }
         break;
       case Channel::Received::kEnded:
-        agent_.close();  // another template took over: the workers under way finish their file
+        agent_.close();  // another template took over; the workers finish their files
         break;
       case Channel::Received::kNothing:
         break;
     }
   }
 
-  // A worker that cannot be made is seen by the agent as one that ends before its first word.
+  // When no worker can be forked, the agent sees its channel end before a hello.
   void forkWorker(Channel toAgent) {
-    const WorkerFolders folders = WorkerFolders::make(folders_, ++number_);
-    if (folders.disk.empty()) {
-      folders.remove();
+    const auto folders = WorkerFolders::make(folders_, ++number_);
+    if (!folders) {
       return;
     }
     const pid_t self = getpid();
@@ -96,12 +98,12 @@ class Template {
       if (!becomeChild("tav-worker", self)) {
         _exit(1);
       }
-      runWorker(*engine_, WorkerStart{std::move(toAgent), folders, config_.beforeFile});
+      runWorker(*engine_, WorkerStart{std::move(toAgent), *folders, config_.beforeFile});
     }
     if (pid < 0) {
-      folders.remove();
+      folders->remove();
     } else {
-      workers_.emplace(pid, folders);
+      workers_.emplace(pid, *folders);
     }
   }
 
@@ -146,8 +148,8 @@ void runSpawner(const Spawner::Config& config, const TempFolders& folders, Chann
   if (!becomeChild("tav-spawner", agentPid)) {
     _exit(1);
   }
-  agent = Channel(platform::Descriptor(keepOnly(agent.takeFd().release())));
-  prctl(PR_SET_CHILD_SUBREAPER, 1);  // workers whose template has crashed end here
+  agent = Channel(keepOnly(agent.takeFd()));
+  prctl(PR_SET_CHILD_SUBREAPER, 1);  // collects the workers of a crashed template
   std::set<pid_t> templates;
   const auto collect = [&](int options) {
     for (pid_t pid = 0; (pid = waitpid(-1, nullptr, options)) > 0 || (pid < 0 && errno == EINTR);) {

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/Posix.h"
+
 namespace agent {
 namespace {
 
@@ -26,11 +28,11 @@ bool isInMemory(const char* path) {
 }
 
 platform::Descriptor openFolder(const std::string& path) {
-  return platform::Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return platform::openQuietly(AT_FDCWD, path.c_str(), O_DIRECTORY | O_NOFOLLOW);
 }
 
-// A folder of ours that nobody has locked: its agent was killed. Locked from here on, so that nobody takes it
-// while it is removed: whoever has just made it does without it.
+// Locks the folder of an agent that was killed: ours, and not locked. Empty for any other folder. The lock
+// keeps an agent that has just made the folder from using it.
 platform::Descriptor lockLeftBehind(const std::string& path) {
   platform::Descriptor folder = openFolder(path);
   struct stat status {};
@@ -39,7 +41,7 @@ platform::Descriptor lockLeftBehind(const std::string& path) {
   return leftBehind ? std::move(folder) : platform::Descriptor();
 }
 
-std::vector<std::string> entriesThatBegin(const std::string& parent, const std::string& beginning) {
+std::vector<std::string> entriesBeginningWith(const std::string& parent, const std::string& beginning) {
   std::error_code error;
   std::vector<std::string> found;
   for (fs::directory_iterator entry(parent, error), end; !error && entry != end; entry.increment(error)) {
@@ -51,21 +53,21 @@ std::vector<std::string> entriesThatBegin(const std::string& parent, const std::
 }
 
 void removeAll(const std::string& folder) {
-  std::error_code error;  // what cannot be removed is tried again by the next agent
+  std::error_code error;  // the next agent tries again
   if (!folder.empty()) {
     fs::remove_all(folder, error);
   }
 }
 
 void removeLeftBehind(const std::string& parent) {
-  for (const auto& path : entriesThatBegin(parent, kPrefix)) {
+  for (const auto& path : entriesBeginningWith(parent, kPrefix)) {
     if (const platform::Descriptor locked = lockLeftBehind(path)) {
       removeAll(path);
     }
   }
 }
 
-// Locked, and still the folder of that name: another agent's clean-up may have come between.
+// False when another agent's clean-up took the folder before it was locked.
 bool lockFolder(const std::string& path, platform::Descriptor& lock) {
   lock = openFolder(path);
   struct stat held {};
@@ -82,43 +84,46 @@ std::string diskParent(const std::string& wanted) {
   return fromEnvironment != nullptr && *fromEnvironment == '/' ? fromEnvironment : "/tmp";
 }
 
-}  // namespace
-
-TempFolders::TempFolders(const std::string& disk) {
-  if (isInMemory(kMemory)) {
-    quick_ = make(kMemory, quickLock_);
-    problem_.clear();
-  }
-  disk_ = make(diskParent(disk), diskLock_);
-}
-
-std::string TempFolders::make(const std::string& parent, platform::Descriptor& lock) {
+platform::Expected<std::string> makeLocked(const std::string& parent, platform::Descriptor& lock) {
+  const std::string failed = "no folder for temporary files in " + parent + ": ";
   removeLeftBehind(parent);
   for (int attempt = 0; attempt < 5; ++attempt) {
     std::string path = parent + "/" + kPrefix + "XXXXXX";
     if (mkdtemp(path.data()) == nullptr) {
-      problem_ = "no folder for temporary files in " + parent + ": " + std::generic_category().message(errno);
-      return {};
+      return platform::failure(failed + platform::errnoText(errno));
     }
     if (lockFolder(path, lock)) {
       return path;
     }
   }
-  problem_ = "no folder for temporary files in " + parent + ": it is taken away as soon as it is made";
-  return {};
+  return platform::failure(failed + "it is taken away as soon as it is made");
+}
+
+}  // namespace
+
+TempFolders::TempFolders(const std::string& disk) {
+  if (isInMemory(kMemory)) {
+    quick_ = makeLocked(kMemory, quickLock_).value_or("");
+  }
+  disk_ = makeLocked(diskParent(disk), diskLock_);
 }
 
 void TempFolders::remove() {
   removeAll(quick_);
-  removeAll(disk_);
+  removeAll(disk_.value_or(""));
 }
 
-WorkerFolders WorkerFolders::make(const TempFolders& parents, unsigned number) {
+std::optional<WorkerFolders> WorkerFolders::make(const TempFolders& parents, unsigned number) {
   const auto makeBelow = [number](const std::string& parent) -> std::string {
     const std::string path = parent + "/" + std::to_string(getpid()) + "-" + std::to_string(number);
     return !parent.empty() && mkdir(path.c_str(), 0700) == 0 ? path : std::string{};
   };
-  return {makeBelow(parents.quick()), makeBelow(parents.disk())};
+  const WorkerFolders made{makeBelow(parents.quick()), makeBelow(parents.disk().value_or(""))};
+  if (made.disk.empty()) {
+    made.remove();
+    return std::nullopt;
+  }
+  return made;
 }
 
 void WorkerFolders::remove() const {
@@ -127,9 +132,9 @@ void WorkerFolders::remove() const {
 }
 
 void WorkerFolders::removeOf(const TempFolders& parents, int pid) {
-  for (const auto* parent : {&parents.quick(), &parents.disk()}) {
-    if (!parent->empty()) {
-      for (const auto& path : entriesThatBegin(*parent, std::to_string(pid) + "-")) {
+  for (const std::string& parent : {parents.quick(), parents.disk().value_or("")}) {
+    if (!parent.empty()) {
+      for (const auto& path : entriesBeginningWith(parent, std::to_string(pid) + "-")) {
         removeAll(path);
       }
     }

@@ -1,42 +1,41 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "platform/Descriptor.h"
+#include "platform/Expected.h"
 
 namespace agent {
 
-/// The folders under which workers keep what they unpack: one in memory for small files, one on disk. Made by
-/// the agent before it forks the spawner, 0700, locked while it lives; what an agent that was killed left
-/// behind is removed by the next one.
+/// The parent folders of everything that workers unpack: one in memory for small files, one on disk. The
+/// agent makes both before forking the spawner, 0700 and locked until it ends. The next agent removes the
+/// folders of a killed one.
 class TempFolders {
  public:
-  /// disk: a folder to make ours in; empty: $TMPDIR, else /tmp.
+  /// disk: parent of the folder on disk; empty: $TMPDIR, else /tmp.
   explicit TempFolders(const std::string& disk);
-  TempFolders() = default;
 
-  /// Empty when there is none: then all goes to disk.
+  /// The folder in memory; empty when there is none: then the disk is used for all files.
   const std::string& quick() const { return quick_; }
-  /// Empty when it could not be made: problem() says why, and nothing can be scanned.
-  const std::string& disk() const { return disk_; }
-  const std::string& problem() const { return problem_; }
-  /// Removes both with all that is in them.
+  /// The folder on disk; without one no file can be scanned.
+  const platform::Expected<std::string>& disk() const { return disk_; }
+  /// Removes both with their content.
   void remove();
 
  private:
-  std::string make(const std::string& parent, platform::Descriptor& lock);
-
-  std::string quick_, disk_, problem_;
+  std::string quick_;
+  platform::Expected<std::string> disk_;
   platform::Descriptor quickLock_, diskLock_;
 };
 
-/// The two folders of one worker.
+/// The two folders of one worker; quick may be empty.
 struct WorkerFolders {
   std::string quick, disk;
-  /// Makes them below the others, with this number in their name. disk empty: it could not be made.
-  static WorkerFolders make(const TempFolders& parents, unsigned number);
+  /// Makes them in `parents`, named by this process and the number. Nothing when `disk` cannot be made.
+  static std::optional<WorkerFolders> make(const TempFolders& parents, unsigned number);
   void remove() const;
-  /// Removes those that a process made which has ended.
+  /// Removes all folders that the ended process made.
   static void removeOf(const TempFolders& parents, int pid);
 };
 

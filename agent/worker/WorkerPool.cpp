@@ -9,12 +9,12 @@
 #include <condition_variable>
 #include <list>
 #include <mutex>
-#include <system_error>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "platform/Posix.h"
 #include "worker/PoolWorker.h"
-#include "worker/SpawnerImpl.h"
 
 namespace agent {
 namespace {
@@ -22,15 +22,8 @@ namespace {
 constexpr unsigned kQueuedPerWorker = 4;
 constexpr int kMostStartFailures = 3;
 
-Verdict verdictOf(Outcome outcome, std::string reason) {
-  Verdict verdict;
-  verdict.outcome = outcome;
-  verdict.reason = std::move(reason);
-  return verdict;
-}
-
 Verdict cancelled() {
-  return verdictOf(Outcome::kSkipped, "cancelled");
+  return notScanned(Outcome::kSkipped, "cancelled");
 }
 
 unsigned coreCount() {
@@ -46,12 +39,12 @@ std::uint64_t sizeOf(int fd) {
 
 class WorkerPool::Impl {
  public:
-  Impl(Spawner::Impl& spawner, unsigned count)
+  Impl(Spawner& spawner, unsigned count)
       : spawner_(spawner),
         count_(count == 0 ? coreCount() : count),
         wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!wake_) {
-      throw std::system_error(errno, std::generic_category(), "no eventfd for the pool");
+      throw std::runtime_error("no eventfd for the pool: " + platform::errnoText(errno));
     }
     thread_ = std::thread([this] { run(); });
   }
@@ -69,11 +62,12 @@ class WorkerPool::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  void scan(int fd, std::string name, const ScanOptions& options, Done done) {
-    PoolTask task{0, platform::Descriptor(fd), std::move(name), options, std::move(done), sizeOf(fd)};
+  void scan(platform::Descriptor file, std::string name, const ScanOptions& options, Done done) {
+    const std::uint64_t bytes = sizeOf(file.get());
+    PoolTask task{0, std::move(file), std::move(name), options, std::move(done), bytes};
     {
       std::unique_lock lock(mutex_);
-      roomMade_.wait(lock, [this] { return queue_.size() < std::size_t{kQueuedPerWorker} * count_; });
+      queueHasRoom_.wait(lock, [this] { return queue_.size() < std::size_t{kQueuedPerWorker} * count_; });
       task.id = ++lastId_;
       queue_.push_back(std::move(task));
       ++pending_;
@@ -105,7 +99,7 @@ class WorkerPool::Impl {
     [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
   }
 
-  // All below: the pool's thread.
+  // The functions below run on the pool's thread.
 
   void run() {
     for (;;) {
@@ -129,7 +123,7 @@ class WorkerPool::Impl {
         killWorkers();
       }
       dispatch();
-      waitForNews();
+      waitForEvents();
       killOverdue();
     }
   }
@@ -140,7 +134,7 @@ class WorkerPool::Impl {
       if (task.done) {
         task.done(std::move(verdict));
       }
-    } catch (...) {  // NOLINT(bugprone-empty-catch): the caller's own; the pool must go on
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the caller's failure must not stop the pool
     }
     const std::lock_guard lock(mutex_);
     if (--pending_ == 0) {
@@ -149,7 +143,7 @@ class WorkerPool::Impl {
   }
 
   enum class Purpose { kScan, kFinish };
-  // For a scan: nothing once the pool is cancelled, even if that came just now.
+  // For a scan: nothing once the pool is cancelled.
   std::optional<PoolTask> takeQueued(Purpose purpose) {
     const std::lock_guard lock(mutex_);
     if (queue_.empty() || (purpose == Purpose::kScan && cancelled_)) {
@@ -157,7 +151,7 @@ class WorkerPool::Impl {
     }
     PoolTask task = std::move(queue_.front());
     queue_.pop_front();
-    roomMade_.notify_one();
+    queueHasRoom_.notify_one();
     return task;
   }
 
@@ -166,7 +160,7 @@ class WorkerPool::Impl {
     queue_.push_front(std::move(task));
   }
 
-  // What is queued by now. What comes meanwhile is looked at anew: its chances may be better.
+  // Finishes the files queued by now. Files that come meanwhile get a new try.
   void finishQueued(const Verdict& verdict) {
     for (std::size_t left = queued(); left > 0; --left) {
       if (auto task = takeQueued(Purpose::kFinish)) {
@@ -196,42 +190,41 @@ class WorkerPool::Impl {
       PoolWorker* worker = workerFor(task->bytes);
       if (worker == nullptr) {
         giveBack(std::move(*task));
-        if (!startProblem_.empty() && workers_.empty()) {
-          finishQueued(verdictOf(Outcome::kError, startProblem_));
+        if (startProblem_ && workers_.empty()) {
+          finishQueued(notScanned(Outcome::kError, *startProblem_));
         }
         return;
       }
-      hand(*worker, std::move(*task));
+      assign(*worker, std::move(*task));
     }
   }
 
-  void hand(PoolWorker& worker, PoolTask task) {
-    switch (worker.begin(task)) {
-      case PoolWorker::Begun::kYes:
-        return;
-      case PoolWorker::Begun::kWorkerGone:
-        giveBack(std::move(task));
-        hearAll(worker);  // what it said before it died, then its end
-        return;
-      case PoolWorker::Begun::kCannot:
-        const std::string why = std::generic_category().message(errno);
-        finish(std::move(task), verdictOf(Outcome::kError, "cannot be handed to a worker: " + why));
-        return;
+  void assign(PoolWorker& worker, PoolTask task) {
+    const auto begun = worker.begin(task);
+    if (begun) {
+      return;
+    }
+    if (begun.error().peerGone) {
+      giveBack(std::move(task));
+      receiveAll(worker);  // the last messages of the dead worker, then its end
+    } else {
+      finish(std::move(task),
+             notScanned(Outcome::kError, "cannot be handed to a worker: " + begun.error().reason));
     }
   }
 
-  // Signatures were loaded again: a worker with the old ones ends when it has nothing under way.
+  // Ends the idle workers that have older signatures than the current ones.
   void retireOld() {
     const unsigned generation = spawner_.generation();
     workers_.remove_if([&](const PoolWorker& w) { return w.generation() != generation && w.idle(); });
   }
 
-  // An idle worker; else a new one while there are fewer than wanted; else room behind a small file.
+  // An idle worker; else a new one while there are fewer than `count_`; else one that accepts another file.
   PoolWorker* workerFor(std::uint64_t bytes) {
     PoolWorker* best = nullptr;
     const unsigned generation = spawner_.generation();
     for (auto& worker : workers_) {
-      if (worker.generation() == generation && worker.hasRoomFor(bytes) &&
+      if (worker.generation() == generation && worker.accepts(bytes) &&
           (best == nullptr || worker.load() < best->load())) {
         best = &worker;
       }
@@ -250,15 +243,15 @@ class WorkerPool::Impl {
       return nullptr;
     }
     auto forked = spawner_.forkWorker();
-    loading_ = forked.loading;
-    startProblem_ = forked.problem;
-    if (!forked.channel) {
+    loading_ = forked ? forked->loading : nullptr;
+    startProblem_ = forked ? std::nullopt : std::optional(forked.error());
+    if (!forked || !forked->channel) {
       return nullptr;
     }
-    return &workers_.emplace_back(std::move(forked.channel), forked.generation);
+    return &workers_.emplace_back(std::move(forked->channel), forked->generation);
   }
 
-  void waitForNews() {
+  void waitForEvents() {
     std::vector<pollfd> waiting{{wake_.get(), POLLIN, 0}};
     std::vector<PoolWorker*> waited;
     for (auto& worker : workers_) {
@@ -278,7 +271,7 @@ class WorkerPool::Impl {
     }
     for (std::size_t i = 0; i < waited.size(); ++i) {
       if (waiting[i + 1].revents != 0) {
-        hearAll(*waited[i]);
+        receiveAll(*waited[i]);
       }
     }
   }
@@ -298,20 +291,20 @@ class WorkerPool::Impl {
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, 60000));
   }
 
-  void hearAll(PoolWorker& worker) {
+  void receiveAll(PoolWorker& worker) {
     PoolWorker::Answered answered;
     for (;;) {
-      switch (worker.hear(answered)) {
-        case PoolWorker::Heard::kAnswer:
+      switch (worker.receive(answered)) {
+        case PoolWorker::Received::kAnswer:
           finish(std::move(answered.task), std::move(answered.verdict));
           break;
-        case PoolWorker::Heard::kHello:
+        case PoolWorker::Received::kHello:
           startFailures_ = 0;
           break;
-        case PoolWorker::Heard::kNothing:
+        case PoolWorker::Received::kNothing:
           return;
-        case PoolWorker::Heard::kEnded:
-          bury(worker, "the process that scanned the file died");
+        case PoolWorker::Received::kEnded:
+          endWorker(worker, "the process that scanned the file died");
           return;
       }
     }
@@ -324,22 +317,22 @@ class WorkerPool::Impl {
       auto& worker = *next++;
       const auto deadline = worker.deadline(limit);
       if (deadline && *deadline <= now) {
-        bury(worker,
-             "the scan took longer than " + std::to_string(limit.count() / 1000) + " seconds and was ended");
+        endWorker(worker, "the scan took longer than " + std::to_string(limit.count() / 1000) +
+                              " seconds and was ended");
       }
     }
   }
 
-  // The file under way, the first, ends in an error; what was queued behind it goes to another worker.
-  void bury(PoolWorker& worker, const std::string& reason) {
+  // The worker's current file, its first, ends in an error; the files behind it go back to the queue.
+  void endWorker(PoolWorker& worker, const std::string& reason) {
     worker.kill();
     auto tasks = worker.takeTasks();
-    const bool begun = worker.greeted();
+    const bool begun = worker.helloReceived();
     workers_.remove_if([&](const PoolWorker& w) { return &w == &worker; });
     if (!begun) {
       ++startFailures_;
     } else if (!tasks.empty()) {
-      finish(std::move(tasks.front()), verdictOf(Outcome::kError, reason));
+      finish(std::move(tasks.front()), notScanned(Outcome::kError, reason));
       tasks.pop_front();
     }
     while (!tasks.empty()) {
@@ -348,34 +341,33 @@ class WorkerPool::Impl {
     }
   }
 
-  Spawner::Impl& spawner_;
+  Spawner& spawner_;
   const unsigned count_;
   const platform::Descriptor wake_;
 
-  std::mutex mutex_;  // guards up to the blank line
-  std::condition_variable roomMade_;
+  std::mutex mutex_;  // guards the members up to the blank line
+  std::condition_variable queueHasRoom_;
   std::condition_variable allDone_;
   std::deque<PoolTask> queue_;
-  std::size_t pending_ = 0;  // taken, and its callback has not run
+  std::size_t pending_ = 0;  // files whose callback has not run
   std::uint64_t lastId_ = 0;
   bool cancelled_ = false;
   bool killed_ = false;
   bool ending_ = false;
 
-  Workers workers_;  // the pool's thread from here on
+  Workers workers_;  // used by the pool's thread only, as are the next three
   std::shared_ptr<const TemplateLink> loading_;
-  std::string startProblem_;
+  std::optional<std::string> startProblem_;  // why the last worker could not be started
   int startFailures_ = 0;
 
   std::thread thread_;
 };
 
-WorkerPool::WorkerPool(Spawner& spawner, unsigned count)
-    : impl_(std::make_unique<Impl>(spawner.impl(), count)) {}
+WorkerPool::WorkerPool(Spawner& spawner, unsigned count) : impl_(std::make_unique<Impl>(spawner, count)) {}
 WorkerPool::~WorkerPool() = default;
 
-void WorkerPool::scan(int fd, std::string name, const ScanOptions& options, Done done) {
-  impl_->scan(fd, std::move(name), options, std::move(done));
+void WorkerPool::scan(platform::Descriptor file, std::string name, const ScanOptions& options, Done done) {
+  impl_->scan(std::move(file), std::move(name), options, std::move(done));
 }
 
 void WorkerPool::drain() {

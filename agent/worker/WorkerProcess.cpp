@@ -17,8 +17,8 @@
 namespace agent {
 namespace {
 
-// Where memory runs out a worker is the one to end, not the agent.
-void offerToMemoryKiller() {
+// When memory runs out, the kernel ends a worker before the agent.
+void preferForMemoryKiller() {
   const platform::Descriptor file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
   if (file) {
     [[maybe_unused]] const ssize_t written = write(file.get(), "500", 3);
@@ -26,15 +26,11 @@ void offerToMemoryKiller() {
 }
 
 ScanAnswer answer(Engine& engine, const ScanRequest& request, int fd) {
-  ScanAnswer result;
-  result.id = request.id;
   try {
-    result.verdict = engine.scan(fd, request.name, request.options);
+    return {request.id, engine.scan(fd, request.name, request.options)};
   } catch (const std::exception& error) {
-    result.verdict = Verdict{};
-    result.verdict.reason = std::string("the engine failed: ") + error.what();
+    return {request.id, notScanned(Outcome::kError, std::string("the engine failed: ") + error.what())};
   }
-  return result;
 }
 
 }  // namespace
@@ -51,22 +47,23 @@ bool becomeChild(const char* name, int parentPid) {
   return getppid() == parentPid;
 }
 
-int keepOnly(int fd) {
-  // Whoever started the agent may read its output through a pipe to the end.
+platform::Descriptor keepOnly(platform::Descriptor fd) {
+  // A reader of the agent's output pipe must not wait for this process.
   platform::leaveStandardStreams();
   constexpr int kKept = 3;
-  if (fd != kKept) {
-    dup3(fd, kKept, O_CLOEXEC);
+  if (fd.get() != kKept) {
+    dup3(fd.get(), kKept, O_CLOEXEC);
   }
+  fd.release();
   platform::closeAllBut({kKept});
-  return kKept;
+  return platform::Descriptor(kKept);
 }
 
 void confineWorker(const WorkerStart& start) {
-  offerToMemoryKiller();
+  preferForMemoryKiller();
   umask(0077);
   const rlimit none{0, 0};
-  setrlimit(RLIMIT_CORE, &none);  // a core would hold the content of files
+  setrlimit(RLIMIT_CORE, &none);  // a core dump would hold the content of files
   prctl(PR_SET_DUMPABLE, 0);
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   if (chdir(start.folders.disk.c_str()) != 0) {
@@ -75,13 +72,11 @@ void confineWorker(const WorkerStart& start) {
 }
 
 void runWorker(Engine& engine, WorkerStart start) {
-  start.agent = Channel(platform::Descriptor(keepOnly(start.agent.takeFd().release())));
-  WorkerHello hello;
-  hello.pid = getpid();
+  start.agent = Channel(keepOnly(start.agent.takeFd()));
   platform::Descriptor self(pidfd_open(getpid(), 0));
   confineWorker(start);
   engine.setTempFolders(start.folders.quick, start.folders.disk);
-  if (!start.agent.send(encode(hello), self.get())) {
+  if (!start.agent.send(encode(WorkerHello{getpid()}), self.get())) {
     _exit(1);
   }
   self.reset();

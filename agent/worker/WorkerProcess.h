@@ -9,29 +9,27 @@
 
 namespace agent {
 
-/// What a worker keeps of the process it was forked from.
 struct WorkerStart {
-  Channel agent;          ///< to the agent, the worker's only way out
-  WorkerFolders folders;  ///< the only places it writes to
+  Channel agent;          ///< to the agent, the worker's only connection
+  WorkerFolders folders;  ///< the only places the worker writes to
   std::function<void(const std::string&)> beforeFile;
 };
 
-/// The body of a worker process: scans what it is handed, one file at a time, until the agent's end of the
-/// channel closes. Never returns.
+/// The body of a worker process: scans one requested file at a time until the agent's end of the channel
+/// closes. Never returns.
 [[noreturn]] void runWorker(Engine& engine, WorkerStart start);
 
-/// Gives up what a worker does not need before it meets the first file: descriptors but its channel and
-/// standard error, core dumps, new privileges; its working folder is its own. This is the place for a
-/// sandbox: behind it the process needs its channel, its folders, memory, and to read the descriptors it is
-/// handed.
+/// Gives up core dumps and new privileges, and makes the worker's folder its working folder, before the first
+/// file. A sandbox belongs here: afterwards the worker needs only its channel, its folders, memory, and
+/// reading the descriptors it receives.
 void confineWorker(const WorkerStart& start);
 
-/// For each of our child processes, first of all: named for ps, dies with its parent, leaves signals that are
-/// meant for the agent to the agent. False when the parent is already gone.
+/// The first call of each child process: sets the name that ps shows, makes the kernel end the child with its
+/// parent, ignores the agent's signals. False when the parent is already gone.
 bool becomeChild(const char* name, int parentPid);
 
-/// Closes all descriptors but the one given; standard input, output and error lead nowhere.
-/// Returns the descriptor's new number.
-int keepOnly(int fd);
+/// Closes all other descriptors; standard input, output and error lead nowhere. Returns the descriptor under
+/// its new number.
+platform::Descriptor keepOnly(platform::Descriptor fd);
 
 }  // namespace agent

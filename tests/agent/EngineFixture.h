@@ -10,6 +10,7 @@
 #include <string>
 
 #include "engine/Engine.h"
+#include "platform/Descriptor.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/TempDir.h"
@@ -51,32 +52,35 @@ class EngineFixture : public ::testing::Test {
     }
     return *engine_;
   }
-  void load(const EngineLimits& limits, const std::string& systemSignatures = "/nonexistent") {
-    engine_ = Engine::load({kShippedSignatures, systemSignatures, limits}, state_);
-    if (!engine_) {
-      throw std::runtime_error("the engine does not load: " + state_.detail);
+  /// Throws when the engine does not load.
+  static std::unique_ptr<Engine> newEngine(const std::string& shipped, const std::string& system,
+                                           const EngineLimits& limits = smallLimits()) {
+    auto engine = Engine::load({shipped, system, limits});
+    if (!engine) {
+      throw std::runtime_error("the engine does not load: " + engine.error());
     }
+    return std::move(*engine);
+  }
+  void load(const EngineLimits& limits, const std::string& system = "/nonexistent") {
+    engine_ = newEngine(kShippedSignatures, system, limits);
     mkdir(dir_.at("quick").c_str(), 0700);
     mkdir(dir_.at("disk").c_str(), 0700);
     engine_->setTempFolders(dir_.at("quick"), dir_.at("disk"));
   }
-  const SignatureState& state() const { return state_; }
+  const SignatureState& state() const { return engine_->signatures(); }
 
   Verdict scan(const std::string& content, const ScanOptions& options = {},
                const std::string& name = "sample") {
     return scanPath(dir_.write(name, content), options);
   }
   Verdict scanPath(const std::string& path, const ScanOptions& options = {}) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    Verdict verdict = engine().scan(fd, path, options);
-    close(fd);
-    return verdict;
+    const platform::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return engine().scan(file.get(), path, options);
   }
   const testsupport::TempDir& dir() const { return dir_; }
 
  private:
   testsupport::TempDir dir_;
-  SignatureState state_;
   std::unique_ptr<Engine> engine_;
 };
 

@@ -13,14 +13,27 @@
 
 #include "EngineFixture.h"
 #include "platform/Descriptor.h"
+#include "platform/ProcessStat.h"
 #include "support/HeldFile.h"
 #include "support/Wait.h"
 #include "worker/WorkerPool.h"
 
 namespace agent::testing {
 
-/// A spawner with the shipped signatures, made at its first use so that a test can change its configuration,
-/// and the verdicts of files by name.
+/// The number of this process's descriptors.
+inline std::ptrdiff_t openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       std::filesystem::directory_iterator());
+}
+
+/// Whether this process's thread sleeps in the kernel.
+inline bool sleeps(pid_t thread) {
+  return testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
+         std::string::npos;
+}
+
+/// A spawner with the shipped signatures, and the verdicts of files by name. The spawner is made at its first
+/// use: a test can change the configuration before.
 class WorkerFixture : public ::testing::Test {
  protected:
   WorkerFixture() {
@@ -38,7 +51,9 @@ class WorkerFixture : public ::testing::Test {
   }
   void endSpawner() { spawner_.reset(); }
 
-  static int openFile(const std::string& path) { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }
+  static platform::Descriptor openFile(const std::string& path) {
+    return platform::Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  }
   WorkerPool::Done keep(const std::string& name) {
     return [this, name](Verdict verdict) {
       const std::lock_guard lock(mutex_);
@@ -59,19 +74,19 @@ class WorkerFixture : public ::testing::Test {
     return verdicts_.at(name);
   }
 
-  /// Processes of that name below this test's own.
+  /// The test's descendant processes of that name.
   static std::vector<pid_t> processesNamed(const std::string& name) {
     std::vector<pid_t> found;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
       const auto pid = static_cast<pid_t>(std::strtol(entry.path().filename().c_str(), nullptr, 10));
-      const Status status = statusOf(pid);
-      if (pid > 0 && status.name == name && status.state != 'Z' && isOurs(pid)) {
+      const auto stat = platform::processStat(pid);
+      if (stat && stat->name == name && !isZombie(pid) && isDescendant(pid)) {
         found.push_back(pid);
       }
     }
     return found;
   }
-  /// A worker holds each file whose name begins so until open(). Before the first use of the spawner.
+  /// A worker waits at each file whose name begins so until open(). Call before the first use of the spawner.
   void holdFilesNamed(const std::string& beginning) {
     config_.beforeFile = [this, before = config_.beforeFile, gate = dir_.at("gate"),
                           beginning](const std::string& path) {
@@ -85,9 +100,9 @@ class WorkerFixture : public ::testing::Test {
       }
     };
   }
-  /// Lets what is held go on. Needs no descriptor.
+  /// Lets the waiting workers go on. Needs no descriptor.
   void open() const { mkdir(dir_.at("gate").c_str(), 0700); }
-  /// In a worker: one line for a file that it begins, "process name".
+  /// In a worker: writes one line, "process name", for a file that the worker begins.
   void note(const std::string& name) const {
     const platform::Descriptor log(
         ::open(dir_.at("begun").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
@@ -97,7 +112,7 @@ class WorkerFixture : public ::testing::Test {
   struct Begun {
     std::string process, name;
   };
-  /// What the workers have noted, in order.
+  /// The workers' lines, in order.
   std::vector<Begun> begun() const {
     std::vector<Begun> all;
     std::istringstream lines(testsupport::readFile(dir_.at("begun")));
@@ -113,7 +128,7 @@ class WorkerFixture : public ::testing::Test {
     }
     return names;
   }
-  /// The processes that have begun files, with the number of them.
+  /// The number of files that each process has begun.
   std::map<std::string, int> filesOfProcesses() const {
     std::map<std::string, int> count;
     for (const Begun& one : begun()) {
@@ -123,36 +138,19 @@ class WorkerFixture : public ::testing::Test {
   }
 
   static int workerCount() { return static_cast<int>(processesNamed("tav-worker").size()); }
-  static std::ptrdiff_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  }
   const testsupport::TempDir& dir() const { return dir_; }
 
  private:
-  struct Status {
-    std::string name;
-    char state = ' ';
-    pid_t parent = 0;
-  };
-  static Status statusOf(pid_t pid) {
-    const std::string line = testsupport::readFile("/proc/" + std::to_string(pid) + "/stat");
-    const auto open = line.find('(');
-    const auto close = line.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close + 4 > line.size()) {
-      return {};
-    }
-    return {line.substr(open + 1, close - open - 1), line[close + 2],
-            static_cast<pid_t>(std::strtol(line.c_str() + close + 4, nullptr, 10))};
+  static bool isZombie(pid_t pid) {
+    const std::string stat = testsupport::readFile("/proc/" + std::to_string(pid) + "/stat");
+    return stat.find(") Z ") != std::string::npos;
   }
-  static bool isOurs(pid_t pid) {
-    for (int steps = 0; pid > 1 && steps < 10; ++steps) {
-      if (pid == getpid()) {
-        return true;
-      }
-      pid = statusOf(pid).parent;
+  static bool isDescendant(pid_t pid) {
+    for (int steps = 0; pid > 1 && pid != getpid() && steps < 10; ++steps) {
+      const auto stat = platform::processStat(pid);
+      pid = stat ? stat->parent : 0;
     }
-    return false;
+    return pid == getpid();
   }
 
   testsupport::TempDir dir_;
@@ -162,7 +160,7 @@ class WorkerFixture : public ::testing::Test {
   std::unique_ptr<Spawner> spawner_;
 };
 
-/// No new descriptors for this process while the object lives, unless others are closed.
+/// While the object lives, this process can open no more descriptors than it has.
 class NoMoreDescriptors {
  public:
   NoMoreDescriptors() {

@@ -67,7 +67,7 @@ TEST_F(EngineDetection, TheGenericStringIsFoundAnywhere) {
   expectFound("before " + genericSample() + " behind", "TAV.Test.Generic");
 }
 
-TEST_F(EngineDetection, TheScriptStringIsFoundInWhateverCase) {
+TEST_F(EngineDetection, TheScriptStringIsFoundInUpperAndLowerCase) {
   expectFound("#!/bin/sh\n" + scriptSample() + "\n", "TAV.Test.Script");
 }
 

@@ -1,5 +1,5 @@
-// What the library is told, and what is made of its answers. Its functions are these here, which note what
-// they get, answer as a test says, and else pass all on to the real ones.
+// The engine's calls of libclamav, and its use of the results. The functions here replace libclamav's: they
+// record their arguments, answer as a test says, or call the real ones.
 
 #include <clamav.h>
 #include <dlfcn.h>
@@ -16,12 +16,12 @@
 namespace {
 
 struct Library {
-  std::map<cl_engine_field, long long> numbers;  ///< as set last
+  std::map<cl_engine_field, long long> numbers;  ///< the last value of each
   cl_scan_options options{};                     ///< of the last scan
   std::string name;
-  clcb_msg say = nullptr;                       ///< the engine's ear for messages
+  clcb_msg say = nullptr;                       ///< the engine's message callback
   std::function<void()> duringScan;             ///< runs before the real scan
-  std::function<cl_error_t(cl_error_t)> ended;  ///< what the scan ends with instead
+  std::function<cl_error_t(cl_error_t)> ended;  ///< replaces the result of the scan
   cl_error_t compiled = CL_SUCCESS;
   std::string doesNotLoad;  ///< a folder that fails without a message
   std::string version;      ///< empty: the real one
@@ -87,14 +87,12 @@ class EngineAndLibrary : public testing::EngineFixture {
     library = {};
     library.say = say;
   }
-  std::string versionNow(const std::string& shipped = testing::kShippedSignatures) const {
-    SignatureState now;
-    EXPECT_TRUE(Engine::load({shipped, "/nonexistent", smallLimits()}, now)) << now.detail;
-    return now.version;
+  static std::string versionNow(const std::string& shipped = testing::kShippedSignatures) {
+    return newEngine(shipped, "/nonexistent")->signatures().version;
   }
 };
 
-TEST_F(EngineAndLibrary, EveryLimitThatTheLibraryAppliesInSilenceStandsAtThatOfAFile) {
+TEST_F(EngineAndLibrary, EveryLimitThatTheLibraryAppliesSilentlyIsTheFileLimit) {
   const EngineLimits limits = smallLimits();
   load(limits);
   EXPECT_EQ(library.numbers[CL_ENGINE_MAX_SCANSIZE], static_cast<long long>(limits.maxScanBytes));
@@ -112,7 +110,7 @@ TEST_F(EngineAndLibrary, EveryLimitThatTheLibraryAppliesInSilenceStandsAtThatOfA
   EXPECT_EQ(library.numbers[CL_ENGINE_DISABLE_CACHE], 1);
 }
 
-TEST_F(EngineAndLibrary, TheLimitOfAFileIsOfWholeBlocksOneAtLeastAndBelowTwoGibibytes) {
+TEST_F(EngineAndLibrary, TheFileLimitIsOneOrMoreWholeBlocksBelowTwoGibibytes) {
   constexpr std::uint64_t kBlock = 64 * 1024;
   for (const auto& [wanted, kept] : {std::pair{std::uint64_t{0}, kBlock},
                                      {kBlock - 1, kBlock},
@@ -131,7 +129,7 @@ TEST_F(EngineAndLibrary, TheLimitOfAFileIsOfWholeBlocksOneAtLeastAndBelowTwoGibi
   }
 }
 
-TEST_F(EngineAndLibrary, AllMatchesAreAskedForAndAlertsOfWhatIsLeftOut) {
+TEST_F(EngineAndLibrary, AllMatchesAndAlertsForLeftOutContentAreRequested) {
   scan("some text");
   EXPECT_EQ(library.options.general, unsigned{CL_SCAN_GENERAL_ALLMATCHES | CL_SCAN_GENERAL_HEURISTICS});
   EXPECT_EQ(library.options.heuristic,
@@ -140,7 +138,7 @@ TEST_F(EngineAndLibrary, AllMatchesAreAskedForAndAlertsOfWhatIsLeftOut) {
   EXPECT_EQ(library.options.parse, ~unsigned{CL_SCAN_PARSE_IMAGE_FUZZY_HASH});
 }
 
-TEST_F(EngineAndLibrary, ChecksThatCostTimeAreMadeInStrongScansWithTheirEngineAlone) {
+TEST_F(EngineAndLibrary, SlowChecksRunOnlyInStrongScansWithTheHeuristicEngine) {
   for (const bool strong : {false, true}) {
     for (const bool engineOn : {false, true}) {
       ScanOptions options;
@@ -153,14 +151,14 @@ TEST_F(EngineAndLibrary, ChecksThatCostTimeAreMadeInStrongScansWithTheirEngineAl
   }
 }
 
-TEST_F(EngineAndLibrary, WithArchivesOffTheLibraryUnpacksNone) {
+TEST_F(EngineAndLibrary, WithArchivesOffTheLibraryUnpacksNoArchive) {
   ScanOptions off;
   off.archives = false;
   scan("some text", off);
   EXPECT_EQ(library.options.parse & CL_SCAN_PARSE_ARCHIVE, 0U);
 }
 
-TEST_F(EngineAndLibrary, PicturesAreDecodedWhereASignatureInForceComparesThem) {
+TEST_F(EngineAndLibrary, PicturesAreDecodedWhenALoadedSignatureComparesPictures) {
   const std::string line = "Other.Picture;Engine:150-255,Target:0;0;fuzzy_img#af2ad01ed42993c7\n";
   const auto decoded = [&] {
     scan("some text");
@@ -173,25 +171,22 @@ TEST_F(EngineAndLibrary, PicturesAreDecodedWhereASignatureInForceComparesThem) {
   EXPECT_TRUE(decoded());
   dir().write("system/broken.ndb", "this is no signature\n");
   load(smallLimits(), dir().at("system"));
-  EXPECT_FALSE(decoded()) << "it is not in force";
-  SignatureState state;
+  EXPECT_FALSE(decoded()) << "the system's database is left out";
   const std::string own = dir().at("own");
   std::filesystem::copy(testing::kShippedSignatures, own);
   dir().write("own/a.ldb", line);
-  const auto ours = Engine::load({own, "/nonexistent", smallLimits()}, state);
-  ASSERT_TRUE(ours) << state.detail;
-  const int fd = open(dir().write("file", "some text").c_str(), O_RDONLY | O_CLOEXEC);
-  ours->scan(fd, "file", {});
-  close(fd);
-  EXPECT_NE(library.options.parse & CL_SCAN_PARSE_IMAGE_FUZZY_HASH, 0U) << "one of ours does";
+  const platform::Descriptor file(open(dir().write("file", "some text").c_str(), O_RDONLY | O_CLOEXEC));
+  newEngine(own, "/nonexistent")->scan(file.get(), "file", {});
+  EXPECT_NE(library.options.parse & CL_SCAN_PARSE_IMAGE_FUZZY_HASH, 0U)
+      << "a signature of ours compares pictures";
 }
 
-TEST_F(EngineAndLibrary, OfAPathTheLibraryIsToldTheLastPartAlone) {
+TEST_F(EngineAndLibrary, TheLibraryGetsOnlyTheLastComponentOfAPath) {
   scan("some text", {}, "folder/sub/name.txt");
   EXPECT_EQ(library.name, "name.txt");
 }
 
-TEST_F(EngineAndLibrary, AMessageDuringAScanIsAnErrorOnlyWhenItIsOne) {
+TEST_F(EngineAndLibrary, OnlyAnErrorMessageDuringAScanMakesAnError) {
   load(smallLimits());
   ASSERT_NE(library.say, nullptr);
   library.duringScan = [] { library.say(CL_MSG_WARN, "all", "a warning\n", nullptr); };
@@ -202,22 +197,21 @@ TEST_F(EngineAndLibrary, AMessageDuringAScanIsAnErrorOnlyWhenItIsOne) {
   EXPECT_EQ(verdict.reason, "the engine reports: an error");
 }
 
-TEST_F(EngineAndLibrary, AScanThatEndsInAFailureIsAnErrorWithoutAMessageToo) {
+TEST_F(EngineAndLibrary, AFailedScanIsAnErrorEvenWithoutAMessage) {
   library.ended = [](cl_error_t) { return CL_EMEM; };
   const Verdict verdict = scan("some text");
   EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
   EXPECT_THAT(verdict.reason, HasSubstr("the engine reports: "));
 }
 
-TEST_F(EngineAndLibrary, SignaturesThatDoNotCompileAreNotInForce) {
+TEST_F(EngineAndLibrary, SignaturesThatDoNotCompileAreNotLoaded) {
   library.compiled = CL_EMALFDB;
-  SignatureState state;
-  EXPECT_EQ(Engine::load({testing::kShippedSignatures, "/nonexistent", smallLimits()}, state), nullptr);
-  EXPECT_FALSE(state.loaded);
-  EXPECT_THAT(state.detail, HasSubstr("cannot be compiled"));
+  const auto loaded = Engine::load({testing::kShippedSignatures, "/nonexistent", smallLimits()});
+  ASSERT_FALSE(loaded);
+  EXPECT_THAT(loaded.error(), HasSubstr("cannot be compiled"));
 }
 
-TEST_F(EngineAndLibrary, AFailureWithoutAMessageHasNotThatOfTheLoadBefore) {
+TEST_F(EngineAndLibrary, AFailureWithoutAMessageDoesNotShowTheMessageOfAnEarlierLoad) {
   dir().write("system/broken.ndb", "this is no signature\n");
   load(smallLimits(), dir().at("system"));
   EXPECT_THAT(state().detail, HasSubstr("("));
@@ -227,7 +221,7 @@ TEST_F(EngineAndLibrary, AFailureWithoutAMessageHasNotThatOfTheLoadBefore) {
   EXPECT_THAT(state().detail, ::testing::Not(HasSubstr("(")));
 }
 
-TEST_F(EngineAndLibrary, TheVersionIsAnotherOneWithAnotherLibraryAndWithOtherSignaturesOfOurs) {
+TEST_F(EngineAndLibrary, TheVersionChangesWithTheLibraryAndWithOurSignatures) {
   const std::string first = versionNow();
   library.version = "another version";
   EXPECT_NE(versionNow(), first);

@@ -25,7 +25,7 @@ std::string zerosThenSample(std::size_t zeros) {
   return std::string(zeros, '\0') + genericSample();
 }
 
-// Bytes that do not compress, the same in every run.
+// Bytes that do not compress; the same in every run.
 std::string noise(std::size_t size) {
   std::mt19937 generator(20240521);
   std::string text(size, '\0');
@@ -115,7 +115,8 @@ TEST_F(EngineLimitsTest, DeeperNestingThanTheRecursionLimitIsAnError) {
   ScanOptions options;
   options.maxLayers = 100;
   EXPECT_EQ(scan(makeNestedZip(10, "test.com", eicar()), options).outcome, Outcome::kInfected);
-  const Verdict verdict = scan(makeNestedZip(14, "test.com", eicar()), options);  // below the library's own
+  const Verdict verdict =
+      scan(makeNestedZip(14, "test.com", eicar()), options);  // below the library's own limit
   EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
   EXPECT_THAT(verdict.reason, HasSubstr("nested deeper"));
 }
@@ -163,7 +164,7 @@ TEST_F(EngineLimitsTest, AZipCutOffIsAnError) {
 TEST_F(EngineLimitsTest, AZipWhoseDirectoryPointsBeyondItsEndIsAnError) {
   std::string zip = makeZip({{"one", "some text in a member"}});
   const std::string whole = zip;
-  zip.erase(10, 12);  // what stands before the directory is now shorter than it says
+  zip.erase(10, 12);  // the data before the directory is now too short
   expectError(zip, "cut off");
 }
 
@@ -187,7 +188,7 @@ TEST_F(EngineLimitsTest, ALargeHtmlFileIsScannedWhole) {
   EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
 }
 
-TEST_F(EngineLimitsTest, WhatDoesNotFitTheQuickTemporaryFolderIsUnpackedOnDisk) {
+TEST_F(EngineLimitsTest, ContentTooLargeForTheFolderInMemoryIsUnpackedOnDisk) {
   EngineLimits limits = smallLimits();
   limits.quickTempBytes = 64U << 10;
   load(limits);
@@ -197,7 +198,7 @@ TEST_F(EngineLimitsTest, WhatDoesNotFitTheQuickTemporaryFolderIsUnpackedOnDisk) 
   EXPECT_EQ(clean.outcome, Outcome::kClean) << describe(clean);
 }
 
-TEST_F(EngineLimitsTest, NoFileInTheQuickTemporaryFolderIsLargerThanItsLimit) {
+TEST_F(EngineLimitsTest, NoFileInTheFolderInMemoryIsLargerThanItsLimit) {
   EngineLimits limits = smallLimits();
   limits.quickTempBytes = 64U << 10;
   load(limits);
@@ -206,7 +207,7 @@ TEST_F(EngineLimitsTest, NoFileInTheQuickTemporaryFolderIsLargerThanItsLimit) {
   EXPECT_EQ(scan(makeZip({{"small", zerosThenSample(50000)}})).outcome, Outcome::kInfected);
 }
 
-TEST_F(EngineLimitsTest, AFileOfMoreThanHalfTheQuickLimitIsUnpackedOnDiskFromTheBeginning) {
+TEST_F(EngineLimitsTest, AFileOfMoreThanHalfTheMemoryLimitIsUnpackedOnDiskOnly) {
   EngineLimits limits = smallLimits();
   limits.quickTempBytes = 64U << 10;
   load(limits);
@@ -231,7 +232,7 @@ TEST_F(EngineLimitsTest, NoTemporaryFileStaysBehind) {
   EXPECT_TRUE(std::filesystem::is_empty(dir().at("disk")));
 }
 
-TEST_F(EngineLimitsTest, WhatIsNotARegularFileIsAnError) {
+TEST_F(EngineLimitsTest, AFileThatIsNotRegularIsAnError) {
   const Verdict folder = scanPath(dir().path());
   EXPECT_EQ(folder.outcome, Outcome::kError);
   EXPECT_EQ(folder.reason, "not a regular file");
@@ -240,7 +241,7 @@ TEST_F(EngineLimitsTest, WhatIsNotARegularFileIsAnError) {
   EXPECT_EQ(closed.reason, "cannot be examined: Bad file descriptor");
 }
 
-TEST_F(EngineLimitsTest, WhatCannotBeReadIsAnError) {
+TEST_F(EngineLimitsTest, AnUnreadableFileIsAnError) {
   ScanOptions hashes;
   hashes.hashesWanted = true;
   const int fd = open(dir().write("file", "").c_str(), O_WRONLY | O_CLOEXEC);

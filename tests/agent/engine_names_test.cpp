@@ -21,7 +21,7 @@ struct NameRow {
 
 class DetectionNames : public ::testing::TestWithParam<NameRow> {};
 
-TEST_P(DetectionNames, TellKindEngineAndRisk) {
+TEST_P(DetectionNames, GiveKindEngineAndRisk) {
   const auto& row = GetParam();
   const Find find = readFind(row.library);
   ASSERT_EQ(find.kind, row.kind);
@@ -89,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
         NameRow{"XzDictionary", "Heuristics.XZ.DicSizeLimit", kPart, "", 0, 0, ""}),
     [](const auto& tested) { return std::string(tested.param.test); });
 
-TEST(ArchiveKinds, DocumentsMailsAndProgramsAreNone) {
+TEST(ArchiveKinds, DocumentsMailsAndProgramsAreNoArchives) {
   for (const char* type :
        {"CL_TYPE_OOXML_WORD", "CL_TYPE_MAIL", "CL_TYPE_ELF", "CL_TYPE_PDF", "CL_TYPE_MSEXE", ""}) {
     EXPECT_EQ(archiveKindOf(type), nullptr) << type;
@@ -97,7 +97,7 @@ TEST(ArchiveKinds, DocumentsMailsAndProgramsAreNone) {
   EXPECT_TRUE(isZipDocument("CL_TYPE_OOXML_WORD"));
 }
 
-TEST(ArchiveKinds, AnEndingIsOfThemWhenOneOfItsKindsIsNamed) {
+TEST(ArchiveKinds, AnEndingIsAmongTheListWhenOneOfItsKindsIs) {
   EXPECT_TRUE(isEndingAmong("tgz", {"gz"}));
   EXPECT_TRUE(isEndingAmong("rar", {}));
   EXPECT_FALSE(isEndingAmong("rar", {"zip", "gz"}));

@@ -26,14 +26,14 @@ TEST_F(EngineOptions, WithArchivesOffAnArchiveIsSkippedWithAReason) {
   EXPECT_THAT(verdict.reason, HasSubstr("archives are not unpacked"));
 }
 
-TEST_F(EngineOptions, WithArchivesOffOtherFilesAreScannedAsEver) {
+TEST_F(EngineOptions, WithArchivesOffOtherFilesAreStillScanned) {
   ScanOptions options;
   options.archives = false;
   EXPECT_EQ(scan(eicar(), options).outcome, Outcome::kInfected);
   EXPECT_EQ(scan("plain text of no interest", options).outcome, Outcome::kClean);
 }
 
-TEST_F(EngineOptions, AnArchiveOfAKindThatIsNotNamedIsSkippedWithAReason) {
+TEST_F(EngineOptions, AnArchiveOfAnUnlistedKindIsSkippedWithAReason) {
   ScanOptions options;
   options.archiveFormats = {"zip", "rar"};
   const Verdict verdict = scan(makeGzip(eicar()), options);
@@ -42,13 +42,13 @@ TEST_F(EngineOptions, AnArchiveOfAKindThatIsNotNamedIsSkippedWithAReason) {
   EXPECT_EQ(scan(makeZip({{"test.com", eicar()}}), options).outcome, Outcome::kInfected);
 }
 
-TEST_F(EngineOptions, AnyEndingOfAKindNamesIt) {
+TEST_F(EngineOptions, AnyEndingOfAKindSelectsTheKind) {
   ScanOptions options;
   options.archiveFormats = {"tgz", "tar"};
   EXPECT_EQ(scan(makeGzip(makeTar({{"x", eicar()}})), options).outcome, Outcome::kInfected);
 }
 
-TEST_F(EngineOptions, AnArchiveInsideThatIsNotUnpackedIsSaidByName) {
+TEST_F(EngineOptions, TheReasonNamesAnInnerArchiveThatIsNotUnpacked) {
   ScanOptions options;
   options.archiveFormats = {"zip"};
   const Verdict verdict = scan(makeZip({{"inner.gz", makeGzip(eicar())}}), options);
@@ -56,7 +56,7 @@ TEST_F(EngineOptions, AnArchiveInsideThatIsNotUnpackedIsSaidByName) {
   EXPECT_THAT(verdict.reason, HasSubstr("inner.gz"));
 }
 
-TEST_F(EngineOptions, AnArchiveOfWhichPartWasLeftOutAndPartCouldNotBeScannedIsAnError) {
+TEST_F(EngineOptions, AnArchiveWithALeftOutAndAnUnscannableMemberIsAnError) {
   ScanOptions options;
   options.archiveFormats = {"zip"};
   const testsupport::ZipMember leftOut{"inner.gz", makeGzip("left out by the setting")};
@@ -80,7 +80,7 @@ TEST_F(EngineOptions, AnArchiveLargerThanTheSettingIsSkippedWithAReason) {
   EXPECT_EQ(scan(makeZip({{"test.com", eicar()}}), options).outcome, Outcome::kInfected);
 }
 
-TEST_F(EngineOptions, AFileThatIsNoArchiveIsNotBoundByTheArchiveSize) {
+TEST_F(EngineOptions, TheArchiveSizeLimitDoesNotApplyToOtherFiles) {
   ScanOptions options;
   options.maxArchiveBytes = 1000;
   EXPECT_EQ(scan(std::string(5000, 'x') + genericSample(), options).outcome, Outcome::kInfected);
@@ -114,7 +114,7 @@ TEST_F(EngineOptions, AnEngineThatIsOffHidesNoDetectionOfAnother) {
   EXPECT_EQ(verdict.detections[0].name, "TAV.Test.EICAR");
 }
 
-TEST_F(EngineOptions, EachDetectionOfAFileIsToldOnce) {
+TEST_F(EngineOptions, EachDetectionOfAFileIsReportedOnce) {
   const std::string twice = genericSample() + " and " + genericSample();
   const Verdict verdict = scan(makeZip({{"one", twice}, {"two", twice}, {"test.com", eicar()}}));
   ASSERT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
@@ -122,7 +122,7 @@ TEST_F(EngineOptions, EachDetectionOfAFileIsToldOnce) {
 }
 
 TEST_F(EngineOptions, AHeuristicAlertCountsInAStrongScanOnly) {
-  // A program file whose header promises what is not there: broken, and suspicious for that.
+  // A program file whose header describes missing data: broken, and therefore suspicious.
   std::string broken = std::string(
                            "\x7F"
                            "ELF\x02\x01\x01",
@@ -142,7 +142,7 @@ TEST_F(EngineOptions, AHeuristicAlertCountsInAStrongScanOnly) {
   EXPECT_NE(scan(broken, options).outcome, Outcome::kInfected);
 }
 
-TEST_F(EngineOptions, HashesComeWithADetectionAndElseWhenWanted) {
+TEST_F(EngineOptions, HashesComeWithADetectionAndOtherwiseOnlyWhenWanted) {
   const Verdict found = scan(eicar());
   EXPECT_EQ(found.md5, "44d88612fea8a8f36de82e1278abb02f");
   EXPECT_EQ(found.sha1, "3395856ce81f2b7382dee72602f798b642f14140");
@@ -154,7 +154,7 @@ TEST_F(EngineOptions, HashesComeWithADetectionAndElseWhenWanted) {
   EXPECT_EQ(scan("", options).md5, "d41d8cd98f00b204e9800998ecf8427e");
 }
 
-TEST_F(EngineOptions, TheSameFileScannedTwiceGivesTheSameAnswerWhateverWasAskedBefore) {
+TEST_F(EngineOptions, AVerdictDoesNotDependOnEarlierScansOfTheFile) {
   ScanOptions off;
   off.archives = false;
   const std::string zip = makeZip({{"test.com", eicar()}});

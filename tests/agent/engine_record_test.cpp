@@ -1,4 +1,4 @@
-// What follows from what the library lets be known of a file; the library itself is played.
+// The verdict from the callbacks of a scan. The tests make the library's calls.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,24 +30,24 @@ class ScanRecords : public ::testing::Test {
   ScanRecord record_{options_, kFileLimit};
 };
 
-TEST_F(ScanRecords, AnArchiveThatOughtToYieldAndOfWhichNothingComesOutIsAnError) {
+TEST_F(ScanRecords, AnArchiveThatMustYieldButYieldsNothingIsAnError) {
   EXPECT_TRUE(layer("CL_TYPE_7Z", "outer", 0));
   expect(Outcome::kError, "a 7z archive that could not be unpacked");
 }
 
-TEST_F(ScanRecords, OneInsideAnotherIsNamed) {
+TEST_F(ScanRecords, TheReasonNamesAnArchiveInsideAnother) {
   layer("CL_TYPE_ZIP", "outer", 0);
   layer("CL_TYPE_7Z", "inner.7z", 1);
   expect(Outcome::kError, "\"inner.7z\" inside: a 7z archive that could not be unpacked");
 }
 
-TEST_F(ScanRecords, OneOfWhichSomethingComesOutIsWhole) {
+TEST_F(ScanRecords, AnArchiveThatYieldsAMemberIsWhole) {
   layer("CL_TYPE_7Z", "outer", 0);
   layer("CL_TYPE_TEXT_ASCII", "a", 1);
   expect(Outcome::kClean);
 }
 
-TEST_F(ScanRecords, OneOfWhichSomethingComesOutDeeperThanItsNextLevelIsWholeToo) {
+TEST_F(ScanRecords, AnArchiveThatYieldsOnlyADeeperMemberIsWhole) {
   layer("CL_TYPE_7Z", "outer", 0);
   layer("CL_TYPE_TEXT_ASCII", "a", 2);
   expect(Outcome::kClean);
@@ -58,7 +58,7 @@ TEST_F(ScanRecords, AnArchiveThatMayBeEmptyNeedNotYield) {
   expect(Outcome::kClean);
 }
 
-TEST_F(ScanRecords, EachOfSeveralArchivesBesideEachOtherMustYield) {
+TEST_F(ScanRecords, EachOfSeveralSiblingArchivesMustYield) {
   layer("CL_TYPE_ZIP", "outer", 0);
   layer("CL_TYPE_7Z", "first.7z", 1);
   layer("CL_TYPE_7Z", "second.7z", 1);
@@ -66,13 +66,13 @@ TEST_F(ScanRecords, EachOfSeveralArchivesBesideEachOtherMustYield) {
   expect(Outcome::kError, "\"first.7z\" inside: a 7z archive that could not be unpacked");
 }
 
-TEST_F(ScanRecords, AnArchiveBehindALevelThatWasPassedOverMustYieldToo) {
+TEST_F(ScanRecords, AnArchiveBelowASkippedLevelMustYield) {
   layer("CL_TYPE_MSEXE", "program", 0);
   layer("CL_TYPE_7Z", "behind.7z", 2);
   expect(Outcome::kError, "\"behind.7z\" inside: a 7z archive that could not be unpacked");
 }
 
-TEST_F(ScanRecords, AnArchiveThatEndedIsNoLayerOfThoseBehindIt) {
+TEST_F(ScanRecords, AnEndedArchiveIsNoLayerOfLaterFiles) {
   options_.maxLayers = 2;
   EXPECT_TRUE(layer("CL_TYPE_ZIP", "outer", 0));
   layer("CL_TYPE_MSEXE", "a", 1);
@@ -83,13 +83,13 @@ TEST_F(ScanRecords, AnArchiveThatEndedIsNoLayerOfThoseBehindIt) {
   expect(Outcome::kError, "\"deeper.gz\" inside: archives nested deeper than 2 layers");
 }
 
-TEST_F(ScanRecords, AsManyLevelsAsCanBeFollowedAreAndOneMoreIsAnError) {
+TEST_F(ScanRecords, TheDeepestLevelIsScannedAndOneMoreIsAnError) {
   EXPECT_TRUE(layer("CL_TYPE_TEXT_ASCII", "last", 127));
   EXPECT_FALSE(layer("CL_TYPE_TEXT_ASCII", "deep", 128));
   expect(Outcome::kError, "\"deep\" inside: nested deeper than can be followed");
 }
 
-TEST_F(ScanRecords, AMemberOfTheSizeAtWhichMembersAreCutIsAnErrorAndOneBelowIsNot) {
+TEST_F(ScanRecords, AMemberOfTheCutSizeIsAnErrorAndASmallerOneIsNot) {
   layer("CL_TYPE_ZIP", "outer", 0, kFileLimit);
   layer("CL_TYPE_TEXT_ASCII", "whole", 1, kFileLimit - 1);
   EXPECT_EQ(ScanRecord(record_).finish("").outcome, Outcome::kClean) << "the file itself may have that size";
@@ -97,7 +97,7 @@ TEST_F(ScanRecords, AMemberOfTheSizeAtWhichMembersAreCutIsAnErrorAndOneBelowIsNo
   expect(Outcome::kError, "\"cut\" inside: cut at the engine's limit of 1000 bytes");
 }
 
-TEST_F(ScanRecords, AnArchiveOfJustTheSizeThatIsUnpackedIsAndALargerOneIsLeftOut) {
+TEST_F(ScanRecords, AnArchiveOfTheLargestSizeIsUnpackedAndALargerOneIsLeftOut) {
   EXPECT_TRUE(layer("CL_TYPE_ZIP", "any", 0, 900)) << "no limit";
   options_.maxArchiveBytes = 100;
   EXPECT_TRUE(layer("CL_TYPE_ZIP", "outer", 0, 100));
@@ -106,13 +106,13 @@ TEST_F(ScanRecords, AnArchiveOfJustTheSizeThatIsUnpackedIsAndALargerOneIsLeftOut
   expect(Outcome::kSkipped, "an archive larger than the 100 bytes that are unpacked");
 }
 
-TEST_F(ScanRecords, AnArchiveThatIsLeftOutNeedNotYield) {
+TEST_F(ScanRecords, ALeftOutArchiveNeedNotYield) {
   options_.archives = false;
   EXPECT_FALSE(layer("CL_TYPE_7Z", "outer", 0));
   expect(Outcome::kSkipped, "an archive (7z), and archives are not unpacked");
 }
 
-TEST_F(ScanRecords, TheDirectoryOfEveryKindOfZipIsLookedAt) {
+TEST_F(ScanRecords, TheDirectoryOfEveryKindOfZipIsAudited) {
   const std::string cutOff = "PK\3\4 and no directory";
   for (const char* type : {"CL_TYPE_ZIP", "CL_TYPE_ZIPSFX", "CL_TYPE_OOXML_WORD", "CL_TYPE_OOXML_XL"}) {
     ScanRecord record(options_, kFileLimit);
@@ -126,14 +126,14 @@ TEST_F(ScanRecords, TheDirectoryOfEveryKindOfZipIsLookedAt) {
   }
 }
 
-TEST_F(ScanRecords, AMemberWhoseSizeIsToldAsUnknownIsAnError) {
+TEST_F(ScanRecords, AMemberOfUnknownSizeIsAnError) {
   record_.onMember("CL_TYPE_ZIP", "large", 0xFFFFFFFE, false);
   EXPECT_EQ(ScanRecord(record_).finish("").outcome, Outcome::kClean);
   record_.onMember("CL_TYPE_ZIP", "larger", 0xFFFFFFFF, false);
   expect(Outcome::kError, "\"larger\" inside: has a 64-bit size: not unpacked");
 }
 
-TEST_F(ScanRecords, AnEncryptedMemberIsAnErrorUnlessTheLibrarySaysSoItself) {
+TEST_F(ScanRecords, AnEncryptedMemberIsAnErrorUnlessTheLibraryReportsIt) {
   record_.onMember("CL_TYPE_ZIP", "in-zip", 5, true);
   record_.onMember("CL_TYPE_OOXML_WORD", "in-document", 5, true);
   EXPECT_EQ(ScanRecord(record_).finish("").outcome, Outcome::kClean);
@@ -141,7 +141,7 @@ TEST_F(ScanRecords, AnEncryptedMemberIsAnErrorUnlessTheLibrarySaysSoItself) {
   expect(Outcome::kError, "\"in-rar\" inside: encrypted: its content cannot be scanned");
 }
 
-TEST_F(ScanRecords, AGuessCountsInAStrongScanOnlyAndOnlyWithItsEngine) {
+TEST_F(ScanRecords, AHeuristicDetectionCountsOnlyInAStrongScanWithItsEngine) {
   for (const char* name : {"Heuristics.Broken.Executable", "PUA.Win.Tool.Foo-1"}) {
     const std::uint32_t engine =
         1U << (std::string(name)[0] == 'H' ? json::kEngineUmb : json::kEngineUnwanted);
@@ -159,7 +159,7 @@ TEST_F(ScanRecords, AGuessCountsInAStrongScanOnlyAndOnlyWithItsEngine) {
   }
 }
 
-TEST_F(ScanRecords, ThirtyTwoDetectionsOfAFileAreToldAndEachOnce) {
+TEST_F(ScanRecords, UpToThirtyTwoDetectionsOfAFileAreReportedEachOnce) {
   for (int i = 0; i < 40; ++i) {
     record_.onFind("Win.Virus.Sample-" + std::to_string(i));
     record_.onFind("Win.Virus.Sample-" + std::to_string(i));
@@ -169,24 +169,24 @@ TEST_F(ScanRecords, ThirtyTwoDetectionsOfAFileAreToldAndEachOnce) {
   EXPECT_EQ(verdict.detections.back().name, "Win.Virus.Sample-31");
 }
 
-TEST_F(ScanRecords, OfSeveralReasonsTheFirstIsTold) {
+TEST_F(ScanRecords, OfSeveralReasonsTheFirstIsReported) {
   record_.onFind("Heuristics.Limits.Exceeded.MaxFiles");
   record_.onFailure("something failed");
   expect(Outcome::kError, "more members than the engine's limit", "the end");
 }
 
-TEST_F(ScanRecords, WhatTheLibraryEndsWithIsAnError) {
+TEST_F(ScanRecords, AFailureAtTheEndOfTheScanIsAnError) {
   expect(Outcome::kError, "the engine reports: no\\x1bmemory", "no\x1bmemory");
 }
 
-TEST_F(ScanRecords, OnlyAWriteThatFailsMeansThatTemporarySpaceIsFull) {
+TEST_F(ScanRecords, OnlyAFailedWriteMeansFullTemporarySpace) {
   record_.onFailure("cannot open something");
   EXPECT_FALSE(record_.tempFull());
   record_.onFailure("write error on a file");
   EXPECT_TRUE(record_.tempFull());
 }
 
-TEST_F(ScanRecords, ADetectionComesBeforeAnErrorAndAnErrorBeforeWhatWasLeftOut) {
+TEST_F(ScanRecords, ADetectionOutranksAnErrorAndAnErrorOutranksALeftOutMember) {
   options_.archiveFormats = {"zip"};
   layer("CL_TYPE_GZ", "outer", 0);
   EXPECT_EQ(ScanRecord(record_).finish("").outcome, Outcome::kSkipped);

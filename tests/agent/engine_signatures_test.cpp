@@ -21,7 +21,7 @@ class Signatures : public testing::EngineFixture {
   }
 };
 
-TEST_F(Signatures, AMissingSystemFolderLeavesOurOwn) {
+TEST_F(Signatures, WithoutASystemFolderOurSignaturesAreLoaded) {
   load(smallLimits(), "/nonexistent");
   EXPECT_TRUE(state().loaded);
   EXPECT_GT(state().count, 0U);
@@ -30,7 +30,7 @@ TEST_F(Signatures, AMissingSystemFolderLeavesOurOwn) {
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }
 
-TEST_F(Signatures, AnEmptySystemFolderLeavesOurOwn) {
+TEST_F(Signatures, WithAnEmptySystemFolderOurSignaturesAreLoaded) {
   std::filesystem::create_directory(systemFolder());
   load(smallLimits(), systemFolder());
   EXPECT_TRUE(state().loaded);
@@ -38,7 +38,7 @@ TEST_F(Signatures, AnEmptySystemFolderLeavesOurOwn) {
   EXPECT_THAT(state().detail, HasSubstr("no signature files"));
 }
 
-TEST_F(Signatures, TheSystemsAreLoadedBesideOurOwn) {
+TEST_F(Signatures, TheSystemsSignaturesAreLoadedWithOurs) {
   writeSystem("test.ndb",
               "Other.Trojan.Sample:0:*:"
               "6f6e65206f662074686520737973746d73\n");
@@ -51,7 +51,7 @@ TEST_F(Signatures, TheSystemsAreLoadedBesideOurOwn) {
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }
 
-TEST_F(Signatures, ASystemFolderThatDoesNotLoadLeavesOurOwnAndIsNamed) {
+TEST_F(Signatures, ASystemFolderThatDoesNotLoadIsNamedAndOurSignaturesAreLoaded) {
   writeSystem("broken.ndb", "this is no signature\n");
   load(smallLimits(), systemFolder());
   EXPECT_TRUE(state().loaded);
@@ -60,28 +60,26 @@ TEST_F(Signatures, ASystemFolderThatDoesNotLoadLeavesOurOwnAndIsNamed) {
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }
 
-TEST_F(Signatures, TheReasonWhyAFolderDoesNotLoadIsThatOfThisLoad) {
+TEST_F(Signatures, TheReasonOfAFailedLoadComesFromThatLoad) {
   writeSystem("broken.ndb", "this is no signature\n");
   const auto detailNow = [&] {
-    SignatureState now;
-    EXPECT_TRUE(Engine::load({testing::kShippedSignatures, systemFolder(), smallLimits()}, now));
-    return now.detail;
+    return newEngine(testing::kShippedSignatures, systemFolder())->signatures().detail;
   };
   const std::string first = detailNow();
-  EXPECT_THAT(first, HasSubstr("(")) << "the library's own word on it";
+  EXPECT_THAT(first, HasSubstr("(")) << "the library's message";
   load(smallLimits(), systemFolder());
   scan(testsupport::makeZip({{"test.com", testsupport::eicar()}}));
-  EXPECT_EQ(detailNow(), first) << "also behind a scan";
+  EXPECT_EQ(detailNow(), first) << "also after a scan";
 }
 
-TEST_F(Signatures, AFolderThatCannotBeListedIsLeftOutAndNotNone) {
+TEST_F(Signatures, AnUnreadableSystemFolderCountsAsLeftOut) {
   const std::string file = dir().write("no-folder", "x");
   load(smallLimits(), file);
   EXPECT_EQ(state().system, SystemDatabase::kLeftOut);
   EXPECT_THAT(state().detail, HasSubstr("alone: " + file));
 }
 
-TEST_F(Signatures, OnlyFilesOfTheLibrarysKindsAreSignatureFiles) {
+TEST_F(Signatures, OnlyFilesWithTheLibrarysEndingsAreSignatureFiles) {
   writeSystem("README.txt", "this is no signature\n");
   writeSystem("folder.ndb/file", "this is no signature\n");
   EXPECT_TRUE(SignatureFolder(systemFolder()).empty());
@@ -109,24 +107,21 @@ TEST_F(Signatures, APackedDatabaseMayComparePictures) {
   EXPECT_TRUE(SignatureFolder(systemFolder()).comparesPictures());
 }
 
-TEST_F(Signatures, WithoutOurOwnNothingIsLoaded) {
-  SignatureState none;
-  EXPECT_EQ(Engine::load({dir().at("none"), systemFolder(), smallLimits()}, none), nullptr);
-  EXPECT_FALSE(none.loaded);
-  EXPECT_THAT(none.detail, HasSubstr(dir().at("none")));
+TEST_F(Signatures, WithoutOurSignaturesNothingIsLoaded) {
+  const auto loaded = Engine::load({dir().at("none"), systemFolder(), smallLimits()});
+  ASSERT_FALSE(loaded);
+  EXPECT_THAT(loaded.error(), HasSubstr(dir().at("none")));
 }
 
 TEST_F(Signatures, TheVersionChangesWithTheContentOfAFileOnly) {
   const std::string line = "Other.Trojan.Sample:0:*:6f6e65206f66207468652073797374656d73\n";
   writeSystem("test.ndb", line);
   const auto versionNow = [&] {
-    SignatureState now;
-    EXPECT_TRUE(Engine::load({testing::kShippedSignatures, systemFolder(), smallLimits()}, now));
-    return now.version;
+    return newEngine(testing::kShippedSignatures, systemFolder())->signatures().version;
   };
   const std::string first = versionNow();
   EXPECT_FALSE(first.empty());
-  writeSystem("test.ndb", line);  // the same again, with another time
+  writeSystem("test.ndb", line);  // the same content with another time
   EXPECT_EQ(versionNow(), first);
   writeSystem("test.ndb", line + "# more\n");
   const std::string second = versionNow();
@@ -135,13 +130,13 @@ TEST_F(Signatures, TheVersionChangesWithTheContentOfAFileOnly) {
   EXPECT_NE(versionNow(), second);
 }
 
-TEST_F(Signatures, PicturesAreComparedOnlyWhereASignatureDoes) {
+TEST_F(Signatures, PicturesAreComparedOnlyWhenASignatureComparesThem) {
   EXPECT_FALSE(SignatureFolder(testing::kShippedSignatures).comparesPictures());
   writeSystem("a.ldb", "Other.Picture;Engine:150-255,Target:0;0;fuzzy_img#af2ad01ed42993c7\n");
   EXPECT_TRUE(SignatureFolder(systemFolder()).comparesPictures());
 }
 
-TEST_F(Signatures, NoFileOfOursIsATestFileItself) {
+TEST_F(Signatures, NoFileOfOurSignaturesIsATestFile) {
   for (const auto& entry : std::filesystem::directory_iterator(testing::kShippedSignatures)) {
     const Verdict verdict = scanPath(entry.path().string());
     EXPECT_EQ(verdict.outcome, Outcome::kClean) << entry.path() << describe(verdict);

@@ -4,7 +4,7 @@
 
 #include "EngineFixture.h"
 
-// The limits at their real size: too slow for every run, so this program is built but not part of ctest.
+// The limits at their real size. Too slow for ctest: the program is only built.
 
 namespace agent {
 namespace {
@@ -24,7 +24,7 @@ TEST_F(EngineRealLimits, ASignatureAtTheEndOfAZipMemberOf150MegabytesIsFound) {
   EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
 }
 
-TEST_F(EngineRealLimits, ASignatureAtTheEndOfSuchAMemberWithAFalseDeclaredSizeIsFound) {
+TEST_F(EngineRealLimits, ASignatureAtTheEndOfALargeMemberWithAFalseSizeIsFound) {
   ZipMember member{"big", std::string(150U << 20, '\0') + genericSample()};
   member.declaredBytes = 1000;
   const Verdict verdict = scan(makeZip({member}));

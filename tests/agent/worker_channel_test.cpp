@@ -26,7 +26,7 @@ namespace {
 
 TEST(Channels, APacketArrivesWholeWithItsDescriptor) {
   const testsupport::TempDir dir;
-  auto [one, two] = Channel::pair();
+  auto [one, two] = Channel::pair().value();
   const platform::Descriptor file(open(dir.write("file", "content").c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_TRUE(one.send("first", file.get()));
   ASSERT_TRUE(one.send("second"));
@@ -44,14 +44,14 @@ TEST(Channels, APacketArrivesWholeWithItsDescriptor) {
   EXPECT_FALSE(packet.fd);
 }
 
-TEST(Channels, NothingThereIsToldWithoutWaiting) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, AnEmptyChannelGivesNothingWithoutWaiting) {
+  auto [one, two] = Channel::pair().value();
   Channel::Packet packet;
   EXPECT_EQ(two.receive(packet, false), Channel::Received::kNothing);
 }
 
-TEST(Channels, WhatWasSentBeforeTheEndIsStillHeard) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, PacketsSentBeforeTheEndAreStillReceived) {
+  auto [one, two] = Channel::pair().value();
   ASSERT_TRUE(two.send("unread by the other end"));
   ASSERT_TRUE(one.send("last words"));
   one.close();
@@ -62,8 +62,8 @@ TEST(Channels, WhatWasSentBeforeTheEndIsStillHeard) {
   EXPECT_FALSE(two.send("to nobody"));
 }
 
-TEST(Channels, WhatHadArrivedIsHeardAfterAShutDownAndNothingElse) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, OnlyPacketsFromBeforeAShutDownAreReceived) {
+  auto [one, two] = Channel::pair().value();
   ASSERT_TRUE(one.send("early"));
   two.shutDown();
   EXPECT_FALSE(one.send("late"));
@@ -73,14 +73,14 @@ TEST(Channels, WhatHadArrivedIsHeardAfterAShutDownAndNothingElse) {
   EXPECT_EQ(two.receive(packet, false), Channel::Received::kEnded);
 }
 
-TEST(Channels, APacketTooLargeForItsReaderEndsTheTalk) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, APacketTooLargeForTheReceiverEndsTheChannel) {
+  auto [one, two] = Channel::pair().value();
   ASSERT_TRUE(one.send(std::string(kLongestPacket + 1, 'x')));
   Channel::Packet packet;
   EXPECT_EQ(two.receive(packet, true), Channel::Received::kEnded);
 }
 
-// As a process may send that does not keep to the rules.
+// Sends as a process that breaks the protocol.
 void sendWithDescriptors(const Channel& channel, std::size_t count) {
   std::string bytes = "packet";
   iovec part{bytes.data(), bytes.size()};
@@ -101,19 +101,15 @@ void sendWithDescriptors(const Channel& channel, std::size_t count) {
   ASSERT_EQ(sendmsg(channel.fd(), &header, 0), static_cast<ssize_t>(bytes.size()));
 }
 
-TEST(Channels, APacketWithMoreDescriptorsThanOneEndsTheTalkAndNoneOfThemStaysOpen) {
-  auto [one, two] = Channel::pair();
-  const auto open = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  };
-  const auto before = open();
+TEST(Channels, APacketWithSeveralDescriptorsEndsTheChannelAndAllAreClosed) {
+  auto [one, two] = Channel::pair().value();
+  const auto before = testing::openDescriptors();
   for (const std::size_t count : {2U, 3U, 8U}) {
     sendWithDescriptors(one, count);
     Channel::Packet packet;
     EXPECT_EQ(two.receive(packet, true), Channel::Received::kEnded) << count;
     EXPECT_FALSE(packet.fd);
-    EXPECT_EQ(open(), before) << count;
+    EXPECT_EQ(testing::openDescriptors(), before) << count;
   }
   sendWithDescriptors(one, 1);
   Channel::Packet packet;
@@ -121,22 +117,22 @@ TEST(Channels, APacketWithMoreDescriptorsThanOneEndsTheTalkAndNoneOfThemStaysOpe
   EXPECT_TRUE(packet.fd);
 }
 
-TEST(Channels, APacketWhoseDescriptorDoesNotArriveEndsTheTalk) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, APacketWhoseDescriptorDoesNotArriveEndsTheChannel) {
+  auto [one, two] = Channel::pair().value();
   ASSERT_TRUE(one.send("packet", STDERR_FILENO));
   const testing::NoMoreDescriptors none;
   Channel::Packet packet;
   EXPECT_EQ(two.receive(packet, true), Channel::Received::kEnded);
 }
 
-TEST(Channels, NeitherEndIsInheritedByAProgram) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, BothEndsAreCloseOnExec) {
+  auto [one, two] = Channel::pair().value();
   EXPECT_NE(fcntl(one.fd(), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_NE(fcntl(two.fd(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
-TEST(Channels, APacketWithoutADescriptorHasNotThatOfTheOneBefore) {
-  auto [one, two] = Channel::pair();
+TEST(Channels, APacketWithoutADescriptorDoesNotKeepAnEarlierOne) {
+  auto [one, two] = Channel::pair().value();
   ASSERT_TRUE(one.send("first", STDERR_FILENO));
   Channel::Packet packet;
   ASSERT_EQ(two.receive(packet, true), Channel::Received::kPacket);
@@ -146,14 +142,14 @@ TEST(Channels, APacketWithoutADescriptorHasNotThatOfTheOneBefore) {
 }
 
 TEST(Channels, AnEndThatWasShutDownSendsNothingMore) {
-  auto [one, two] = Channel::pair();
+  auto [one, two] = Channel::pair().value();
   one.shutDown();
   EXPECT_FALSE(one.send("late"));
 }
 
 std::atomic<int> signalsSeen{0};
 
-// A signal that interrupts system calls, sent to one thread until it has been there so often.
+// Interrupts the thread's system calls by a signal, the given number of times.
 void interrupt(pthread_t thread, int times) {
   signalsSeen = 0;
   for (int i = 1; i <= times; ++i) {
@@ -170,18 +166,13 @@ class InterruptedChannels : public ::testing::Test {
     sigaction(SIGUSR1, &action, &before_);
   }
   ~InterruptedChannels() override { sigaction(SIGUSR1, &before_, nullptr); }
-  /// Whether the thread sleeps in the kernel.
-  static bool sleeps(pid_t thread) {
-    return testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
-           std::string::npos;
-  }
 
  private:
   struct sigaction before_ {};
 };
 
 TEST_F(InterruptedChannels, GoOnReceiving) {
-  auto [one, two] = Channel::pair();
+  auto [one, two] = Channel::pair().value();
   std::atomic<pid_t> id{0};
   Channel::Packet packet;
   auto received = Channel::Received::kNothing;
@@ -189,7 +180,7 @@ TEST_F(InterruptedChannels, GoOnReceiving) {
     id = gettid();
     received = two.receive(packet, true);
   });
-  EXPECT_TRUE(testsupport::waitFor([&] { return sleeps(id); }));
+  EXPECT_TRUE(testsupport::waitFor([&] { return testing::sleeps(id); }));
   interrupt(reader.native_handle(), 5);
   ASSERT_TRUE(one.send("at last"));
   reader.join();
@@ -198,7 +189,7 @@ TEST_F(InterruptedChannels, GoOnReceiving) {
 }
 
 TEST_F(InterruptedChannels, GoOnSending) {
-  auto [one, two] = Channel::pair();
+  auto [one, two] = Channel::pair().value();
   const std::string packet(kLongestPacket, 'x');
   std::atomic<pid_t> id{0};
   std::atomic<int> sent{0};
@@ -210,7 +201,7 @@ TEST_F(InterruptedChannels, GoOnSending) {
       ++sent;
     }
   });
-  EXPECT_TRUE(testsupport::waitFor([&] { return sleeps(id); })) << "nobody reads";
+  EXPECT_TRUE(testsupport::waitFor([&] { return testing::sleeps(id); })) << "nobody reads";
   EXPECT_LT(sent, 50);
   interrupt(writer.native_handle(), 5);
   for (int i = 0; i < 50; ++i) {
@@ -231,28 +222,29 @@ class Temporaries : public ::testing::Test {
 
 TEST_F(Temporaries, AreForTheirOwnerOnlyAndRemovedWithTheirContent) {
   TempFolders folders(dir_.path());
-  ASSERT_FALSE(folders.disk().empty()) << folders.problem();
+  ASSERT_TRUE(folders.disk()) << folders.disk().error();
   struct stat status {};
-  ASSERT_EQ(stat(folders.disk().c_str(), &status), 0);
+  ASSERT_EQ(stat(folders.disk()->c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0700U);
   const auto worker = WorkerFolders::make(folders, 1);
-  std::filesystem::create_directory(worker.disk + "/inner");
+  ASSERT_TRUE(worker);
+  std::filesystem::create_directory(worker->disk + "/inner");
   folders.remove();
   EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
 }
 
-TEST_F(Temporaries, WhatAKilledAgentLeftBehindIsRemoved) {
+TEST_F(Temporaries, TheFolderOfAKilledAgentIsRemoved) {
   dir_.write("tavagent-AAAAAA/12-1/unpacked", "content");
   TempFolders folders(dir_.path());
   EXPECT_FALSE(std::filesystem::exists(dir_.at("tavagent-AAAAAA")));
   folders.remove();
 }
 
-TEST_F(Temporaries, ThoseOfALivingAgentStay) {
+TEST_F(Temporaries, TheFoldersOfALivingAgentStay) {
   TempFolders first(dir_.path());
   TempFolders second(dir_.path());
-  EXPECT_TRUE(std::filesystem::exists(first.disk()));
-  EXPECT_NE(first.disk(), second.disk());
+  EXPECT_TRUE(std::filesystem::exists(*first.disk()));
+  EXPECT_NE(*first.disk(), *second.disk());
   first.remove();
   second.remove();
 }
@@ -263,7 +255,7 @@ TEST_F(Temporaries, ALinkWithTheirNameIsNotFollowed) {
   std::filesystem::create_directory_symlink(other.path(), dir_.at("tavagent-BBBBBB"));
   TempFolders folders(dir_.path());
   EXPECT_TRUE(std::filesystem::exists(other.at("kept")));
-  EXPECT_TRUE(std::filesystem::is_symlink(dir_.at("tavagent-BBBBBB"))) << "nor is it ours to remove";
+  EXPECT_TRUE(std::filesystem::is_symlink(dir_.at("tavagent-BBBBBB"))) << "the link is not removed";
   folders.remove();
 }
 
@@ -279,28 +271,28 @@ TEST_F(Temporaries, AFileOrAnotherUsersFolderWithTheirNameStays) {
   folders.remove();
 }
 
-TEST_F(Temporaries, LieWhereTheEnvironmentSaysWhenNothingElseIsNamed) {
+TEST_F(Temporaries, LieInTmpdirWhenNoFolderIsGiven) {
   const char* before = std::getenv("TMPDIR");
   const std::string kept = before == nullptr ? "" : before;
   setenv("TMPDIR", dir_.path().c_str(), 1);
   TempFolders there("");
-  EXPECT_EQ(there.disk().rfind(dir_.path() + "/tavagent-", 0), 0U) << there.disk();
+  EXPECT_EQ(there.disk()->rfind(dir_.path() + "/tavagent-", 0), 0U) << *there.disk();
   setenv("TMPDIR", "relative", 1);
   TempFolders elsewhere("");
-  EXPECT_EQ(elsewhere.disk().rfind("/tmp/tavagent-", 0), 0U) << elsewhere.disk();
+  EXPECT_EQ(elsewhere.disk()->rfind("/tmp/tavagent-", 0), 0U) << *elsewhere.disk();
   before == nullptr ? unsetenv("TMPDIR") : setenv("TMPDIR", kept.c_str(), 1);
   there.remove();
   elsewhere.remove();
 }
 
-TEST_F(Temporaries, AreRemovedFromMemoryTooAndTheirLocksAreInheritedByNoProgram) {
+TEST_F(Temporaries, AreRemovedFromMemoryAndTheirLocksAreCloseOnExec) {
   TempFolders folders(dir_.path());
   ASSERT_FALSE(folders.quick().empty()) << "/dev/shm is no memory here";
   int locks = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code error;
     const auto target = std::filesystem::read_symlink(entry, error).string();
-    if (target == folders.disk() || target == folders.quick()) {
+    if (target == *folders.disk() || target == folders.quick()) {
       ++locks;
       EXPECT_NE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0) << target;
     }
@@ -308,11 +300,11 @@ TEST_F(Temporaries, AreRemovedFromMemoryTooAndTheirLocksAreInheritedByNoProgram)
   EXPECT_EQ(locks, 2);
   folders.remove();
   EXPECT_FALSE(std::filesystem::exists(folders.quick()));
-  EXPECT_FALSE(std::filesystem::exists(folders.disk()));
+  EXPECT_FALSE(std::filesystem::exists(*folders.disk()));
 }
 
 // In a mount namespace of its own, where /dev/shm is a folder on a disk.
-TEST_F(Temporaries, AllLieOnTheDiskWhereNoFolderIsInMemory) {
+TEST_F(Temporaries, LieOnlyOnDiskWhenNoFolderIsInMemory) {
   const testsupport::TempDir disk(testsupport::diskFolder());
   const pid_t child = fork();
   if (child == 0) {
@@ -325,7 +317,7 @@ TEST_F(Temporaries, AllLieOnTheDiskWhereNoFolderIsInMemory) {
       _exit(3);
     }
     TempFolders folders(dir_.path());
-    const bool onDiskAlone = folders.quick().empty() && !folders.disk().empty() && folders.problem().empty();
+    const bool onDiskAlone = folders.quick().empty() && folders.disk();
     folders.remove();
     _exit(onDiskAlone ? 0 : 1);
   }
@@ -340,8 +332,8 @@ TEST_F(Temporaries, AllLieOnTheDiskWhereNoFolderIsInMemory) {
   EXPECT_EQ(status, 0);
 }
 
-// What one has just made, another may take for left behind before it is locked.
-TEST_F(Temporaries, OfAgentsThatStartAtOnceAreTheirOwnAndStay) {
+// Between making and locking, another agent may take the folder for a left-behind one.
+TEST_F(Temporaries, OfAgentsThatStartTogetherStay) {
   std::vector<std::thread> agents;
   std::atomic<int> taken{0};
   for (int agent = 0; agent < 4; ++agent) {
@@ -350,7 +342,7 @@ TEST_F(Temporaries, OfAgentsThatStartAtOnceAreTheirOwnAndStay) {
         TempFolders folders(dir_.path());
         TempFolders more(dir_.path());
         for (const auto* one : {&folders, &more}) {
-          taken += one->disk().empty() || std::filesystem::is_directory(one->disk()) ? 0 : 1;
+          taken += !one->disk() || std::filesystem::is_directory(*one->disk()) ? 0 : 1;
         }
         more.remove();
         folders.remove();
@@ -363,13 +355,13 @@ TEST_F(Temporaries, OfAgentsThatStartAtOnceAreTheirOwnAndStay) {
   EXPECT_EQ(taken, 0);
 }
 
-TEST_F(Temporaries, OfAnEndedTemplateAreRemovedAlone) {
+TEST_F(Temporaries, OnlyThoseOfTheEndedTemplateAreRemoved) {
   TempFolders folders(dir_.path());
-  std::filesystem::create_directory(folders.disk() + "/77-1");
-  std::filesystem::create_directory(folders.disk() + "/777-1");
+  std::filesystem::create_directory(*folders.disk() + "/77-1");
+  std::filesystem::create_directory(*folders.disk() + "/777-1");
   WorkerFolders::removeOf(folders, 77);
-  EXPECT_FALSE(std::filesystem::exists(folders.disk() + "/77-1"));
-  EXPECT_TRUE(std::filesystem::exists(folders.disk() + "/777-1"));
+  EXPECT_FALSE(std::filesystem::exists(*folders.disk() + "/77-1"));
+  EXPECT_TRUE(std::filesystem::exists(*folders.disk() + "/777-1"));
   folders.remove();
 }
 

@@ -20,7 +20,7 @@ ScanAnswer fullAnswer() {
   return answer;
 }
 
-TEST(WorkerMessages, AnAnswerComesBackAsItWas) {
+TEST(WorkerMessages, ADecodedAnswerEqualsTheEncodedOne) {
   const auto sent = fullAnswer();
   const auto got = decode<ScanAnswer>(encode(sent));
   ASSERT_TRUE(got);
@@ -35,7 +35,7 @@ TEST(WorkerMessages, AnAnswerComesBackAsItWas) {
   EXPECT_EQ(got->verdict.sha256, "h");
 }
 
-TEST(WorkerMessages, ARequestComesBackAsItWas) {
+TEST(WorkerMessages, ADecodedRequestEqualsTheEncodedOne) {
   ScanRequest sent;
   sent.id = 7;
   sent.name = "/a/b\n\xFF";
@@ -58,7 +58,7 @@ TEST(WorkerMessages, ARequestComesBackAsItWas) {
   EXPECT_TRUE(got->options.heuristics);
 }
 
-TEST(WorkerMessages, AStateReportComesBackAsItWas) {
+TEST(WorkerMessages, ADecodedStateReportEqualsTheEncodedOne) {
   StateReport sent;
   sent.state.loaded = true;
   sent.state.system = SystemDatabase::kLeftOut;
@@ -74,7 +74,7 @@ TEST(WorkerMessages, AStateReportComesBackAsItWas) {
   EXPECT_EQ(got->state.count, 8700000U);
 }
 
-TEST(WorkerMessages, ACutMessageIsNone) {
+TEST(WorkerMessages, ACutMessageIsRefused) {
   const std::string whole = encode(fullAnswer());
   for (std::size_t size = 0; size < whole.size(); ++size) {
     EXPECT_FALSE(decode<ScanAnswer>(whole.substr(0, size))) << size;
@@ -82,15 +82,15 @@ TEST(WorkerMessages, ACutMessageIsNone) {
   EXPECT_FALSE(decode<ScanAnswer>(whole + "x"));
 }
 
-TEST(WorkerMessages, AMessageOfAnotherKindIsNone) {
+TEST(WorkerMessages, AMessageOfAnotherKindIsRefused) {
   EXPECT_FALSE(decode<ScanRequest>(encode(fullAnswer())));
   EXPECT_FALSE(decode<WorkerHello>(encode(ForkRequest{})));
-  std::string otherKind = encode(fullAnswer());  // of the same shape
+  std::string otherKind = encode(fullAnswer());  // with the same fields
   otherKind[0] = 'X';
   EXPECT_FALSE(decode<ScanAnswer>(otherKind));
 }
 
-TEST(WorkerMessages, LongTextsAreCutAndLongListsToo) {
+TEST(WorkerMessages, LongTextsAndListsAreCut) {
   ScanAnswer answer;
   answer.verdict.reason.assign(1000000, 'r');
   answer.verdict.detections.resize(1000);
@@ -100,7 +100,7 @@ TEST(WorkerMessages, LongTextsAreCutAndLongListsToo) {
   EXPECT_EQ(got->verdict.detections.size(), 256U);
 }
 
-// A message as another sender could write it, who cuts nothing.
+// A message of a sender that does not cut.
 class LongMessage {
  public:
   LongMessage() : text_("A") {
@@ -133,7 +133,7 @@ class LongMessage {
   std::string text_;
 };
 
-TEST(WorkerMessages, ATextOrAListLongerThanIsEverSentIsNoMessage) {
+TEST(WorkerMessages, ATextOrListAboveTheLimitIsRefused) {
   const auto message = [](std::size_t reason, std::size_t detections) {
     LongMessage answer;
     answer.putText(reason);
@@ -147,7 +147,7 @@ TEST(WorkerMessages, ATextOrAListLongerThanIsEverSentIsNoMessage) {
   EXPECT_FALSE(message(0, 257));
 }
 
-TEST(WorkerMessages, AnEmptyPacketIsNone) {
+TEST(WorkerMessages, AnEmptyPacketIsRefused) {
   EXPECT_FALSE(decode<ForkRequest>(""));
 }
 

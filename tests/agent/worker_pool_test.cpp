@@ -68,12 +68,12 @@ TEST_F(Pools, OptionsReachTheWorker) {
   EXPECT_EQ(verdict("hashes").md5, "900150983cd24fb0d6963f7d28e17f72");
 }
 
-TEST_F(Pools, CountNoughtIsAsManyAsCores) {
+TEST_F(Pools, CountZeroMeansOneWorkerForEachCore) {
   const WorkerPool pool(spawner(), 0);
   EXPECT_EQ(pool.size(), std::thread::hardware_concurrency());
 }
 
-TEST_F(Pools, AWorkersDeathCostsOneFileAnError) {
+TEST_F(Pools, TheDeathOfAWorkerMakesOneFileAnError) {
   config().beforeFile = [](const std::string& name) {
     if (name.find("poison") != std::string::npos) {
       std::raise(SIGKILL);
@@ -98,8 +98,7 @@ TEST_F(Pools, AWorkersDeathCostsOneFileAnError) {
 
 class PoolsThatRecord : public Pools {
  protected:
-  /// Notes each file, and kills the worker at those whose name begins so, each once: a second try would go
-  /// well.
+  /// Notes each file. A file whose name begins so kills its worker once: a second try would succeed.
   void dieOnceAt(const std::string& poison) {
     config().beforeFile = [this, died = dir().at("died-"), poison](const std::string& path) {
       const std::string name = path.substr(path.rfind('/') + 1);
@@ -111,7 +110,7 @@ class PoolsThatRecord : public Pools {
   }
 };
 
-TEST_F(PoolsThatRecord, AFileUnderWhichAWorkerDiedIsNotTriedAgainAlsoWhenItStandsAlone) {
+TEST_F(PoolsThatRecord, AFileThatKilledItsWorkerIsNotTriedAgain) {
   dieOnceAt("poison");
   WorkerPool pool(spawner(), 1);
   begin(pool, "poison", "some text");
@@ -124,7 +123,7 @@ TEST_F(PoolsThatRecord, AFileUnderWhichAWorkerDiedIsNotTriedAgainAlsoWhenItStand
   EXPECT_THAT(namesBegun(), ElementsAre("poison", "next"));
 }
 
-TEST_F(PoolsThatRecord, BehindAFileUnderWhichAWorkerDiedTheOthersAreBegunOnceAndInTheirOrder) {
+TEST_F(PoolsThatRecord, FilesBehindOneThatKilledItsWorkerAreBegunOnceAndInOrder) {
   dieOnceAt("poison");
   WorkerPool pool(spawner(), 1);
   begin(pool, "poison", "some text");
@@ -136,9 +135,9 @@ TEST_F(PoolsThatRecord, BehindAFileUnderWhichAWorkerDiedTheOthersAreBegunOnceAnd
   EXPECT_THAT(namesBegun(), ElementsAre("poison", "a", "b", "c", "d", "e"));
 }
 
-const std::string kLarge(3U << 20, 'x');  // nothing waits behind a file of that size but in the queue
+const std::string kLarge(3U << 20, 'x');  // no file is sent to a worker behind one of this size
 
-TEST_F(PoolsThatRecord, NoMoreWorkersAreMadeThanAskedForAndNoneWhereOneIsIdle) {
+TEST_F(PoolsThatRecord, NoWorkerIsForkedAboveTheCountOrWhileOneIsIdle) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 2);
   for (int i = 0; i < 3; ++i) {
@@ -155,7 +154,7 @@ TEST_F(PoolsThatRecord, NoMoreWorkersAreMadeThanAskedForAndNoneWhereOneIsIdle) {
   EXPECT_EQ(filesOfProcesses().size(), 2U);
 }
 
-TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewest) {
+TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewestFiles) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 2);
   for (const char* name : {"held1", "held2"}) {
@@ -165,7 +164,8 @@ TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewest) {
   for (const char* name : {"held3", "held4"}) {
     begin(pool, name, "some text");
   }
-  for (int i = 0; i < 8; ++i) {  // what is taken of these has no room with a worker: those before it have
+  for (int i = 0; i < 8;
+       ++i) {  // no worker accepts these while it has a file; the files before them are accepted
     begin(pool, "large", kLarge);
   }
   open();
@@ -178,7 +178,7 @@ TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewest) {
   EXPECT_NE(processOf["held3"], processOf["held4"]);
 }
 
-TEST_F(PoolsThatRecord, NothingWaitsBehindALargeFileWhileAnotherWorkerMayBeFree) {
+TEST_F(PoolsThatRecord, NoFileWaitsBehindALargeOneWhileAnotherWorkerIsFree) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 2);
   begin(pool, "held", kLarge);
@@ -194,7 +194,7 @@ TEST_F(PoolsThatRecord, NothingWaitsBehindALargeFileWhileAnotherWorkerMayBeFree)
   pool.drain();
 }
 
-TEST_F(PoolsThatRecord, WhoHandsFilesOverWaitsWhileFourForEachWorkerAreQueued) {
+TEST_F(PoolsThatRecord, ScanBlocksWhileFourFilesForEachWorkerAreQueued) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 1);
   begin(pool, "held", kLarge);
@@ -208,11 +208,7 @@ TEST_F(PoolsThatRecord, WhoHandsFilesOverWaitsWhileFourForEachWorkerAreQueued) {
       ++handed;
     }
   });
-  const auto sleeps = [&] {
-    return testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
-           std::string::npos;
-  };
-  EXPECT_TRUE(testsupport::waitFor([&] { return handed == 4 && sleeps(); })) << handed;
+  EXPECT_TRUE(testsupport::waitFor([&] { return handed == 4 && testing::sleeps(thread); })) << handed;
   EXPECT_EQ(handed, 4);
   open();
   caller.join();
@@ -220,7 +216,7 @@ TEST_F(PoolsThatRecord, WhoHandsFilesOverWaitsWhileFourForEachWorkerAreQueued) {
   EXPECT_EQ(handed, 5);
 }
 
-TEST_F(PoolsThatRecord, TheEndOfAPoolBeginsNothingMoreAndWaitsForWhatRuns) {
+TEST_F(PoolsThatRecord, TheDestructorWaitsForRunningFilesAndBeginsNoMore) {
   holdFilesNamed("held");
   std::thread opener;
   {
@@ -239,7 +235,7 @@ TEST_F(PoolsThatRecord, TheEndOfAPoolBeginsNothingMoreAndWaitsForWhatRuns) {
   EXPECT_THAT(namesBegun(), ElementsAre("held"));
 }
 
-TEST_F(PoolsThatRecord, AnEndBehindACancelThatKillsTakesNothingOfItBack) {
+TEST_F(PoolsThatRecord, ACancelWithoutKillDoesNotUndoOneWithKill) {
   holdFilesNamed("held");
   for (int round = 0; round < 20; ++round) {
     WorkerPool pool(spawner(), 1);
@@ -251,14 +247,13 @@ TEST_F(PoolsThatRecord, AnEndBehindACancelThatKillsTakesNothingOfItBack) {
   EXPECT_EQ(verdict("held").reason, "cancelled");
 }
 
-TEST_F(PoolsThatRecord, AFileBehindAReloadIsScannedWithTheNewSignaturesAlsoWhereAnOldWorkerHasRoom) {
+TEST_F(PoolsThatRecord, AFileAfterAReloadIsNeverSentToAnOldWorker) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 2);
   begin(pool, "held", "some text");
   ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
   dir().write("system/new.ndb", "New.Trojan.Sample:0:*:6f6e6c7920746865206e6577206f6e6573\n");
-  std::string why;
-  ASSERT_TRUE(spawner().reload(&why)) << why;
+  ASSERT_TRUE(spawner().reload());
   const std::string sample = "a line that only the new ones know";
   begin(pool, "next", sample);
   begin(pool, "after", sample);
@@ -270,18 +265,18 @@ TEST_F(PoolsThatRecord, AFileBehindAReloadIsScannedWithTheNewSignaturesAlsoWhere
   EXPECT_EQ(verdict("held").outcome, Outcome::kClean);
 }
 
-TEST_F(PoolsThatRecord, WithoutDescriptorsForAnotherWorkerFilesWaitForTheOneThereIs) {
+TEST_F(PoolsThatRecord, WithoutDescriptorsForAnotherWorkerFilesWaitForTheExistingOne) {
   holdFilesNamed("held");
   WorkerPool pool(spawner(), 2);
-  begin(pool, "first", "some text");  // its worker is known to the pool
+  begin(pool, "first", "some text");  // starts the worker
   pool.drain();
   begin(pool, "held", kLarge);
   ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 2; }));
   const std::string next = dir().write("next", kLarge);
-  const int file = openFile(next);
+  platform::Descriptor file = openFile(next);
   {
     const testing::NoMoreDescriptors none;
-    pool.scan(file, next, {}, keep("next"));
+    pool.scan(std::move(file), next, {}, keep("next"));
     open();
     pool.drain();
   }
@@ -289,26 +284,26 @@ TEST_F(PoolsThatRecord, WithoutDescriptorsForAnotherWorkerFilesWaitForTheOneTher
   EXPECT_EQ(filesOfProcesses().size(), 1U);
 }
 
-TEST_F(Pools, WithoutDescriptorsForAnyWorkerWhatIsQueuedFailsAndWhatComesLaterIsScanned) {
+TEST_F(Pools, WithoutDescriptorsForAnyWorkerQueuedFilesFailAndLaterOnesAreScanned) {
 #ifdef TAV_SANITIZED
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
 #endif
   ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
   WorkerPool pool(spawner(), 1);
   const std::string file = dir().write("file", "some text");
-  const int fd = openFile(file);
+  platform::Descriptor opened = openFile(file);
   std::promise<void> failing;
   std::promise<void> goOn;
   {
     const testing::NoMoreDescriptors none;
-    pool.scan(fd, file, {}, [&](Verdict verdict) {
+    pool.scan(std::move(opened), file, {}, [&](Verdict verdict) {
       keep("file")(std::move(verdict));
       failing.set_value();
       goOn.get_future().wait();
     });
     failing.get_future().wait();
   }
-  begin(pool, "later", eicar());  // while those before it are still being failed
+  begin(pool, "later", eicar());  // while the earlier files are being failed
   goOn.set_value();
   pool.drain();
   EXPECT_EQ(verdict("file").outcome, Outcome::kError);
@@ -316,16 +311,16 @@ TEST_F(Pools, WithoutDescriptorsForAnyWorkerWhatIsQueuedFailsAndWhatComesLaterIs
   EXPECT_EQ(verdict("later").outcome, Outcome::kInfected) << describe(verdict("later"));
 }
 
-TEST_F(Pools, AnEarlierReasonWhyThereWasNoWorkerFailsNoFileThatWaitsForSignatures) {
+TEST_F(Pools, AnEarlierForkFailureFailsNoFileThatWaitsForSignatures) {
   const std::string system =
       dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
   WorkerPool pool(spawner(), 1);
   const std::string file = dir().write("file", "some text");
-  const int fd = openFile(file);
+  platform::Descriptor opened = openFile(file);
   {
     const testing::NoMoreDescriptors none;
-    pool.scan(fd, file, {}, keep("file"));
+    pool.scan(std::move(opened), file, {}, keep("file"));
     pool.drain();
   }
   ASSERT_EQ(verdict("file").outcome, Outcome::kError);
@@ -338,15 +333,15 @@ TEST_F(Pools, AnEarlierReasonWhyThereWasNoWorkerFailsNoFileThatWaitsForSignature
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
 }
 
-// The pool's own thread is kept in a callback meanwhile, so that it cannot have heard of the end.
-TEST_F(Pools, AFileHandedToAWorkerThatHasJustDiedGoesToAnother) {
+// A callback keeps the pool's thread busy: the pool cannot notice the worker's end before.
+TEST_F(Pools, AFileSentToADeadWorkerGoesToAnother) {
   WorkerPool pool(spawner(), 1);
   begin(pool, "first", "some text");
   pool.drain();
   const pid_t worker = processesNamed("tav-worker").at(0);
   std::promise<void> inCallback;
   std::promise<void> goOn;
-  pool.scan(-1, "none", {}, [&](const Verdict&) {
+  pool.scan(platform::Descriptor(), "none", {}, [&](const Verdict&) {
     inCallback.set_value();
     goOn.get_future().wait();
   });
@@ -359,17 +354,16 @@ TEST_F(Pools, AFileHandedToAWorkerThatHasJustDiedGoesToAnother) {
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
 }
 
-TEST_F(Pools, WithoutDescriptorsThereIsNoPool) {
+TEST_F(Pools, TheConstructorThrowsWithoutDescriptors) {
 #ifdef TAV_SANITIZED
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
 #endif
   spawner();
   const testing::NoMoreDescriptors none;
-  EXPECT_THROW(WorkerPool(spawner(), 1), std::system_error);
+  EXPECT_THROW(WorkerPool(spawner(), 1), std::runtime_error);
 }
 
-/// A template makes a folder for each worker, named by itself and a number that counts up: one that is there
-/// already keeps that worker from being made.
+/// A template makes a numbered folder for each worker. A folder that exists before prevents that worker.
 class PoolsWhoseWorkersCannotStart : public PoolsThatRecord {
  protected:
   void SetUp() override {
@@ -386,7 +380,7 @@ class PoolsWhoseWorkersCannotStart : public PoolsThatRecord {
   std::string templatePid_;
 };
 
-TEST_F(PoolsWhoseWorkersCannotStart, GiveUpAfterThreeThatEndedAtOnceAndSaySo) {
+TEST_F(PoolsWhoseWorkersCannotStart, GiveUpAfterThreeFailedStartsWithAReason) {
   failStarts(1, 3);
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", "some text");
@@ -399,7 +393,7 @@ TEST_F(PoolsWhoseWorkersCannotStart, GiveUpAfterThreeThatEndedAtOnceAndSaySo) {
   EXPECT_TRUE(begun().empty());
 }
 
-TEST_F(PoolsWhoseWorkersCannotStart, LoseNoFileWhenTheThirdStands) {
+TEST_F(PoolsWhoseWorkersCannotStart, LoseNoFileWhenTheThirdStartSucceeds) {
   failStarts(1, 2);
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", "some text");
@@ -409,11 +403,11 @@ TEST_F(PoolsWhoseWorkersCannotStart, LoseNoFileWhenTheThirdStands) {
   EXPECT_EQ(verdict("behind").outcome, Outcome::kClean) << describe(verdict("behind"));
 }
 
-TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyThoseThatFailInARow) {
+TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyFailedStartsInARow) {
   failStarts(1, 2);
   failStarts(4, 5);
   WorkerPool pool(spawner(), 1);
-  begin(pool, "poison", "some text");  // scanned by the third worker, which dies of it
+  begin(pool, "poison", "some text");  // kills the third worker
   pool.drain();
   EXPECT_THAT(verdict("poison").reason, HasSubstr("died"));
   begin(pool, "file", "some text");
@@ -421,7 +415,7 @@ TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyThoseThatFailInARow) {
   EXPECT_EQ(verdict("file").outcome, Outcome::kClean) << describe(verdict("file"));
 }
 
-TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
+TEST_F(Pools, AReportReadByAnotherThreadWakesTheWaitingPool) {
   const std::string system =
       dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   for (int round = 0; round < 5; ++round) {
@@ -432,7 +426,7 @@ TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
       std::vector<std::thread> readers;
       for (int i = 0; i < 3; ++i) {
         readers.emplace_back([&] {
-          while (spawner().signatureState().loading) {  // without a pause, so as to be there first
+          while (spawner().signatureState().loading) {  // without a pause: reads the report before the pool
           }
         });
       }
@@ -447,7 +441,7 @@ TEST_F(Pools, AReportThatAnotherThreadReadsWakesThePoolThatWaitsForIt) {
   }
 }
 
-/// Says to the agent, from within a worker, that a file is clean.
+/// Sends, from within a worker, the verdict that a file is clean.
 void forgeAnswer(std::uint64_t id) {
   constexpr int kChannelOfAWorker = 3;
   Channel channel{platform::Descriptor(kChannelOfAWorker)};
@@ -458,7 +452,7 @@ void forgeAnswer(std::uint64_t id) {
   channel.takeFd().release();
 }
 
-TEST_F(Pools, AnAnswerThatNamesAnEarlierFileIsNotTakenForALaterOne) {
+TEST_F(Pools, AnAnswerWithTheIdOfAnEarlierFileEndsTheWorker) {
   config().beforeFile = [](const std::string& name) {
     if (name.ends_with("second")) {
       forgeAnswer(1);
@@ -476,14 +470,15 @@ TEST_F(Pools, AnAnswerThatNamesAnEarlierFileIsNotTakenForALaterOne) {
 
 TEST_F(Pools, ADescriptorIsClosedBeforeItsCallback) {
   WorkerPool pool(spawner(), 1);
-  const int file = openFile(dir().write("file", "some text"));
+  platform::Descriptor file = openFile(dir().write("file", "some text"));
   bool open = true;
-  pool.scan(file, "file", {}, [&](const Verdict&) { open = fcntl(file, F_GETFD) >= 0; });
+  pool.scan(std::move(file), "file", {},
+            [&, fd = file.get()](const Verdict&) { open = fcntl(fd, F_GETFD) >= 0; });
   pool.drain();
   EXPECT_FALSE(open);
 }
 
-TEST_F(Pools, ManyDeathsCostAsManyFilesAndNoMore) {
+TEST_F(Pools, EachDeathOfAWorkerMakesOnlyItsFileAnError) {
   config().beforeFile = [](const std::string& name) {
     if (name.ends_with("7")) {
       std::raise(SIGKILL);
@@ -501,7 +496,7 @@ TEST_F(Pools, ManyDeathsCostAsManyFilesAndNoMore) {
   }
 }
 
-TEST_F(Pools, AHungWorkerIsKilledAndItsFileAnError) {
+TEST_F(Pools, AHungWorkerIsKilledAndItsFileIsAnError) {
   config().fileTimeout = std::chrono::milliseconds(300);
   config().beforeFile = [](const std::string& name) {
     while (name.find("hang") != std::string::npos) {
@@ -518,7 +513,7 @@ TEST_F(Pools, AHungWorkerIsKilledAndItsFileAnError) {
   EXPECT_TRUE(testsupport::waitFor([&] { return workerCount() <= 1; }));
 }
 
-TEST_F(Pools, WhatIsQueuedWhenCancelledIsSkipped) {
+TEST_F(Pools, CancelSkipsQueuedFiles) {
   const std::string gate = dir().at("gate");
   config().beforeFile = [gate](const std::string& name) {
     while (name.find("slow") != std::string::npos && access(gate.c_str(), F_OK) != 0) {
@@ -526,8 +521,7 @@ TEST_F(Pools, WhatIsQueuedWhenCancelledIsSkipped) {
     }
   };
   WorkerPool pool(spawner(), 1);
-  begin(pool, "slow",
-        std::string(3U << 20, 'x'));  // nothing waits behind a file of that size but in the queue
+  begin(pool, "slow", std::string(3U << 20, 'x'));  // no file is sent to a worker behind one of this size
   begin(pool, "second", "some text");
   begin(pool, "third", "some text");
   ASSERT_TRUE(testsupport::waitFor([&] { return workerCount() == 1; }));
@@ -544,7 +538,7 @@ TEST_F(Pools, WhatIsQueuedWhenCancelledIsSkipped) {
   EXPECT_EQ(verdict("late").reason, "cancelled");
 }
 
-TEST_F(Pools, CancelWithKillEndsWhatRuns) {
+TEST_F(Pools, CancelWithKillEndsRunningFiles) {
   config().beforeFile = [](const std::string&) {
     for (;;) {
       pause();
@@ -588,7 +582,7 @@ TEST_F(Pools, SeveralPoolsWorkAtOnce) {
   }
 }
 
-TEST_F(Pools, AThrowingCallbackHarmsNothing) {
+TEST_F(Pools, AnExceptionFromACallbackIsDropped) {
   WorkerPool pool(spawner(), 1);
   const std::string path = dir().write("file", "some text");
   pool.scan(openFile(path), path, {}, [](const Verdict&) { throw std::runtime_error("from a callback"); });
@@ -600,7 +594,7 @@ TEST_F(Pools, AThrowingCallbackHarmsNothing) {
 TEST_F(Pools, ADescriptorThatCannotBeScannedIsAnError) {
   WorkerPool pool(spawner(), 1);
   pool.scan(openFile(dir().path()), "folder", {}, keep("folder"));
-  pool.scan(-1, "none", {}, keep("none"));
+  pool.scan(platform::Descriptor(), "none", {}, keep("none"));
   begin(pool, "behind", eicar());
   pool.drain();
   EXPECT_EQ(verdict("folder").outcome, Outcome::kError);
@@ -609,7 +603,7 @@ TEST_F(Pools, ADescriptorThatCannotBeScannedIsAnError) {
   EXPECT_EQ(verdict("behind").outcome, Outcome::kInfected);
 }
 
-TEST_F(Pools, ARequestTooLargeForAPacketIsAnErrorOfItsOwn) {
+TEST_F(Pools, ARequestTooLargeForAPacketIsAnErrorOfItsFileOnly) {
   WorkerPool pool(spawner(), 1);
   ScanOptions options;
   options.archiveFormats.assign(200, std::string(1000, 'x'));
@@ -624,12 +618,12 @@ TEST_F(Pools, DescriptorsAreClosedOnceScanned) {
   WorkerPool pool(spawner(), 2);
   begin(pool, "first", "some text");
   pool.drain();
-  const auto before = openDescriptors();
+  const auto before = testing::openDescriptors();
   for (int i = 0; i < 200; ++i) {
     begin(pool, "file", "some text");
   }
   pool.drain();
-  EXPECT_LE(openDescriptors(), before + 2);  // a second worker may have come
+  EXPECT_LE(testing::openDescriptors(), before + 2);  // a second worker may have come
 }
 
 TEST_F(Pools, WithoutSignaturesEveryFileIsAnErrorWithTheReason) {
@@ -641,8 +635,8 @@ TEST_F(Pools, WithoutSignaturesEveryFileIsAnErrorWithTheReason) {
   EXPECT_THAT(verdict("file").reason, HasSubstr(dir().at("none")));
 }
 
-TEST_F(Pools, AWorkerHasNoDescriptorsButItsOwn) {
-  const int secret = openFile(dir().write("secret", "not for workers"));
+TEST_F(Pools, AWorkerHasOnlyItsOwnDescriptors) {
+  const platform::Descriptor secret = openFile(dir().write("secret", "not for workers"));
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", "some text");
   pool.drain();
@@ -653,7 +647,6 @@ TEST_F(Pools, AWorkerHasNoDescriptorsButItsOwn) {
        std::filesystem::directory_iterator("/proc/" + std::to_string(workers[0]) + "/fd")) {
     targets.push_back(std::filesystem::read_symlink(entry).string());
   }
-  close(secret);
   EXPECT_LE(targets.size(), 4U) << ::testing::PrintToString(targets);
   EXPECT_THAT(targets, ::testing::Each(::testing::Not(HasSubstr("secret"))));
 }

@@ -1,9 +1,7 @@
-// A worker as its pool sees it, its other end played by the test.
+// The pool's end of a worker. The test plays the worker.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-
-#include <cerrno>
 
 #include "EngineFixture.h"
 #include "support/Process.h"
@@ -18,7 +16,7 @@ using Clock = PoolWorker::Clock;
 class PoolWorkers : public ::testing::Test {
  protected:
   PoolWorkers() {
-    auto [ours, theirs] = Channel::pair();
+    auto [ours, theirs] = Channel::pair().value();
     worker_.emplace(std::move(ours), 1);
     other_ = std::move(theirs);
   }
@@ -31,7 +29,7 @@ class PoolWorkers : public ::testing::Test {
     task.bytes = bytes;
     return task;
   }
-  PoolWorker::Begun begin(std::uint64_t id, std::uint64_t bytes = 10) {
+  tl::expected<void, NotSent> begin(std::uint64_t id, std::uint64_t bytes = 10) {
     PoolTask one = task(id, bytes);
     return worker_->begin(one);
   }
@@ -42,8 +40,13 @@ class PoolWorkers : public ::testing::Test {
     answer.verdict.reason = "answer " + std::to_string(id);
     ASSERT_TRUE(other_.send(encode(answer)));
   }
-  PoolWorker::Heard hear() { return worker_->hear(answered_); }
-  /// Since when the file under way counts.
+  static void expectNotSent(const tl::expected<void, NotSent>& sent, bool peerGone, const char* reason) {
+    ASSERT_FALSE(sent);
+    EXPECT_EQ(sent.error().peerGone, peerGone);
+    EXPECT_EQ(sent.error().reason, reason);
+  }
+  PoolWorker::Received receive() { return worker_->receive(answered_); }
+  /// The start of the current file.
   Clock::time_point since() const { return worker_->deadline(std::chrono::milliseconds(0)).value(); }
 
   std::optional<PoolWorker> worker_;
@@ -51,149 +54,147 @@ class PoolWorkers : public ::testing::Test {
   PoolWorker::Answered answered_;
 };
 
-TEST_F(PoolWorkers, TheTimeLimitBeginsWithTheHelloAndAnewWithEachAnswer) {
-  EXPECT_FALSE(worker_->deadline(std::chrono::milliseconds(0))) << "nothing is under way";
+TEST_F(PoolWorkers, TheTimeLimitStartsAtTheHelloAndAgainAtEachAnswer) {
+  EXPECT_FALSE(worker_->deadline(std::chrono::milliseconds(0))) << "the worker has no file";
   const auto begun = Clock::now();
-  ASSERT_EQ(begin(1), PoolWorker::Begun::kYes);
+  ASSERT_TRUE(begin(1));
   EXPECT_GE(since(), begun);
   const auto hello = Clock::now();
   sayHello();
-  ASSERT_EQ(hear(), PoolWorker::Heard::kHello);
-  EXPECT_GE(since(), hello) << "what was sent ahead begins with the hello";
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  EXPECT_GE(since(), hello) << "a file sent before starts at the hello";
   const auto first = since();
-  ASSERT_EQ(begin(2), PoolWorker::Begun::kYes);
-  EXPECT_EQ(since(), first) << "one more behind it gives the file under way no more time";
+  ASSERT_TRUE(begin(2));
+  EXPECT_EQ(since(), first) << "a queued file gives the current file no more time";
   const auto answer = Clock::now();
   sayAnswer(1);
-  ASSERT_EQ(hear(), PoolWorker::Heard::kAnswer);
-  EXPECT_GE(since(), answer) << "the next file has the whole of its time";
+  ASSERT_EQ(receive(), PoolWorker::Received::kAnswer);
+  EXPECT_GE(since(), answer) << "the next file has its full time";
   sayAnswer(2);
-  ASSERT_EQ(hear(), PoolWorker::Heard::kAnswer);
+  ASSERT_EQ(receive(), PoolWorker::Received::kAnswer);
   EXPECT_FALSE(worker_->deadline(std::chrono::milliseconds(0)));
   const auto third = Clock::now();
-  ASSERT_EQ(begin(3), PoolWorker::Begun::kYes);
-  EXPECT_GE(since(), third) << "time without a file is no file's";
+  ASSERT_TRUE(begin(3));
+  EXPECT_GE(since(), third) << "idle time does not count";
   EXPECT_EQ(*worker_->deadline(std::chrono::milliseconds(5)), since() + std::chrono::milliseconds(5));
 }
 
-TEST_F(PoolWorkers, AnAnswerIsTheFirstFilesAndBringsItBack) {
-  ASSERT_EQ(begin(1), PoolWorker::Begun::kYes);
-  ASSERT_EQ(begin(2), PoolWorker::Begun::kYes);
-  EXPECT_FALSE(worker_->greeted());
-  EXPECT_EQ(hear(), PoolWorker::Heard::kNothing);
+TEST_F(PoolWorkers, AnAnswerBelongsToTheFirstFileAndReturnsItsTask) {
+  ASSERT_TRUE(begin(1));
+  ASSERT_TRUE(begin(2));
+  EXPECT_FALSE(worker_->helloReceived());
+  EXPECT_EQ(receive(), PoolWorker::Received::kNothing);
   sayHello();
-  ASSERT_EQ(hear(), PoolWorker::Heard::kHello);
-  EXPECT_TRUE(worker_->greeted());
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  EXPECT_TRUE(worker_->helloReceived());
   sayAnswer(1);
-  ASSERT_EQ(hear(), PoolWorker::Heard::kAnswer);
+  ASSERT_EQ(receive(), PoolWorker::Received::kAnswer);
   EXPECT_EQ(answered_.task.id, 1U);
   EXPECT_EQ(answered_.verdict.reason, "answer 1");
   EXPECT_EQ(worker_->load(), 1U);
   EXPECT_FALSE(worker_->idle());
 }
 
-TEST_F(PoolWorkers, AnAnswerToAnotherFileThanTheOneUnderWayIsTheEndOfIt) {
+TEST_F(PoolWorkers, AnAnswerToAnotherFileEndsTheWorker) {
   sayHello();
-  ASSERT_EQ(hear(), PoolWorker::Heard::kHello);
-  ASSERT_EQ(begin(1), PoolWorker::Begun::kYes);
-  ASSERT_EQ(begin(2), PoolWorker::Begun::kYes);
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  ASSERT_TRUE(begin(1));
+  ASSERT_TRUE(begin(2));
   sayAnswer(2);
-  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
-  EXPECT_EQ(worker_->takeTasks().size(), 2U) << "neither is answered";
+  EXPECT_EQ(receive(), PoolWorker::Received::kEnded);
+  EXPECT_EQ(worker_->takeTasks().size(), 2U) << "neither file is answered";
 }
 
-TEST_F(PoolWorkers, AnAnswerToNothingIsTheEndOfIt) {
+TEST_F(PoolWorkers, AnAnswerWithoutAFileEndsTheWorker) {
   sayHello();
-  ASSERT_EQ(hear(), PoolWorker::Heard::kHello);
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
   sayAnswer(0);
-  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
+  EXPECT_EQ(receive(), PoolWorker::Received::kEnded);
 }
 
-TEST_F(PoolWorkers, ASecondHelloAndWhatIsNoMessageAreTheEndOfIt) {
+TEST_F(PoolWorkers, ASecondHelloOrAnUnknownMessageEndsTheWorker) {
   sayHello();
-  ASSERT_EQ(hear(), PoolWorker::Heard::kHello);
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
   sayHello();
-  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
+  EXPECT_EQ(receive(), PoolWorker::Received::kEnded);
   ASSERT_TRUE(other_.send("nonsense"));
-  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
+  EXPECT_EQ(receive(), PoolWorker::Received::kEnded);
 }
 
-TEST_F(PoolWorkers, UpToFourFilesAndTwoMebibytesWaitInOneAndAnIdleOneTakesAnyFile) {
+TEST_F(PoolWorkers, AWorkerTakesUpToFourFilesOfTwoMebibytesAndAnIdleOneAnyFile) {
   constexpr std::uint64_t kMost = 2U << 20;
-  EXPECT_TRUE(worker_->hasRoomFor(kMost * 1000));
-  ASSERT_EQ(begin(1, 10), PoolWorker::Begun::kYes);
-  EXPECT_TRUE(worker_->hasRoomFor(kMost - 10));
-  EXPECT_FALSE(worker_->hasRoomFor(kMost - 9));
+  EXPECT_TRUE(worker_->accepts(kMost * 1000));
+  ASSERT_TRUE(begin(1, 10));
+  EXPECT_TRUE(worker_->accepts(kMost - 10));
+  EXPECT_FALSE(worker_->accepts(kMost - 9));
   for (std::uint64_t id = 2; id <= 4; ++id) {
-    EXPECT_TRUE(worker_->hasRoomFor(0)) << id;
-    ASSERT_EQ(begin(id, 10), PoolWorker::Begun::kYes);
+    EXPECT_TRUE(worker_->accepts(0)) << id;
+    ASSERT_TRUE(begin(id, 10));
   }
-  EXPECT_FALSE(worker_->hasRoomFor(0)) << "four are there";
+  EXPECT_FALSE(worker_->accepts(0)) << "the worker has four files";
   sayAnswer(1);
-  ASSERT_EQ(hear(), PoolWorker::Heard::kAnswer);
-  EXPECT_TRUE(worker_->hasRoomFor(kMost - 30)) << "the answered one counts no more";
-  EXPECT_FALSE(worker_->hasRoomFor(kMost - 29));
+  ASSERT_EQ(receive(), PoolWorker::Received::kAnswer);
+  EXPECT_TRUE(worker_->accepts(kMost - 30)) << "the answered file does not count";
+  EXPECT_FALSE(worker_->accepts(kMost - 29));
   EXPECT_EQ(worker_->takeTasks().size(), 3U);
   EXPECT_TRUE(worker_->idle());
-  ASSERT_EQ(begin(5, 10), PoolWorker::Begun::kYes);
-  EXPECT_TRUE(worker_->hasRoomFor(kMost - 10)) << "nor do those that were taken back";
+  ASSERT_TRUE(begin(5, 10));
+  EXPECT_TRUE(worker_->accepts(kMost - 10)) << "files that were taken back do not count";
 }
 
-TEST_F(PoolWorkers, WhatCannotBeHandedToAnyWorkerIsToldApartFromAWorkerThatIsGone) {
+TEST_F(PoolWorkers, AFileThatNoWorkerCanTakeDiffersFromAGoneWorker) {
   PoolTask none = task(1);
   none.fd.reset();
-  EXPECT_EQ(worker_->begin(none), PoolWorker::Begun::kCannot);
-  EXPECT_EQ(errno, EBADF);
+  expectNotSent(worker_->begin(none), false, "Bad file descriptor");
   PoolTask large = task(2);
   large.options.archiveFormats.assign(200, std::string(1000, 'x'));
-  EXPECT_EQ(worker_->begin(large), PoolWorker::Begun::kCannot);
-  EXPECT_EQ(errno, EMSGSIZE);
-  EXPECT_TRUE(large.fd) << "a file that was not taken stays the caller's";
+  expectNotSent(worker_->begin(large), false, "Message too long");
+  EXPECT_TRUE(large.fd) << "a refused file stays the caller's";
   EXPECT_TRUE(worker_->idle());
   other_.close();
   PoolTask one = task(3);
-  EXPECT_EQ(worker_->begin(one), PoolWorker::Begun::kWorkerGone);
+  expectNotSent(worker_->begin(one), true, "Broken pipe");
   EXPECT_TRUE(one.fd);
-  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
+  EXPECT_EQ(receive(), PoolWorker::Received::kEnded);
 }
 
-TEST_F(PoolWorkers, AWorkerThatDiedWithFilesUnreadIsGoneToo) {
-  ASSERT_EQ(begin(1), PoolWorker::Begun::kYes);
+TEST_F(PoolWorkers, AWorkerThatDiedWithUnreadFilesIsGone) {
+  ASSERT_TRUE(begin(1));
   other_.close();
-  EXPECT_EQ(begin(2), PoolWorker::Begun::kWorkerGone);
-  EXPECT_EQ(hear(), PoolWorker::Heard::kEnded);
+  expectNotSent(begin(2), true, "Connection reset by peer");
+  EXPECT_EQ(receive(), PoolWorker::Received::kEnded);
   EXPECT_EQ(worker_->takeTasks().size(), 1U);
 }
 
-/// A process that waits, to be killed as a worker.
+/// A waiting process, killed in the place of a worker.
 class PoolWorkerProcess : public PoolWorkers {
  protected:
   testsupport::Process process_{{"/bin/sleep", "600"}};
   const platform::Descriptor pidfd_{pidfd_open(process_.pid(), 0)};
 };
 
-TEST_F(PoolWorkerProcess, IsKilledOnceItHasSaidHello) {
+TEST_F(PoolWorkerProcess, IsKilledAfterItsHello) {
   sayHello(pidfd_.get());
-  ASSERT_EQ(hear(), PoolWorker::Heard::kHello);
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
   worker_->kill();
   EXPECT_EQ(process_.wait(), 128 + SIGKILL);
   EXPECT_FALSE(other_.send("to nobody"));
 }
 
-TEST_F(PoolWorkerProcess, IsKilledWhenItsHelloHasNotBeenReadYet) {
+TEST_F(PoolWorkerProcess, IsKilledBeforeItsHelloIsRead) {
   sayHello(pidfd_.get());
   worker_->kill();
   EXPECT_EQ(process_.wait(), 128 + SIGKILL);
 }
 
-TEST_F(PoolWorkerProcess, IsNotKilledForWhatIsNoHello) {
+TEST_F(PoolWorkerProcess, IsNotKilledForAnotherMessage) {
   ASSERT_TRUE(other_.send(encode(ScanAnswer{}), pidfd_.get()));
   worker_->kill();
   process_.kill(SIGTERM);
-  EXPECT_EQ(process_.wait(), 128 + SIGTERM) << "no other signal came before";
+  EXPECT_EQ(process_.wait(), 128 + SIGTERM) << "no other signal came earlier";
 }
 
-TEST_F(PoolWorkerProcess, CannotSayHelloAnyMoreOnceItIsToBeKilled) {
+TEST_F(PoolWorkerProcess, CannotSendItsHelloAfterAKill) {
   worker_->kill();
   EXPECT_FALSE(other_.send(encode(WorkerHello{}), pidfd_.get()));
 }

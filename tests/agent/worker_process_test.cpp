@@ -1,4 +1,4 @@
-// The bodies of the child processes, each in a child of the test's own that speaks to it directly.
+// The bodies of the agent's child processes, each run in a child of the test.
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -26,7 +26,7 @@ class Children : public testing::EngineFixture {
   /// Runs the body, with the other end of ours_, in a child.
   template <class Body>
   void start(Body body) {
-    auto [ours, theirs] = Channel::pair();
+    auto [ours, theirs] = Channel::pair().value();
     const pid_t parent = getpid();
     child_ = fork();
     if (child_ == 0) {
@@ -56,7 +56,7 @@ class Children : public testing::EngineFixture {
   Channel ours_;
 };
 
-TEST_F(Children, HaveTheirNameDieWithTheirParentAndBlockNoSignal) {
+TEST_F(Children, HaveTheirNameEndWithTheirParentAndBlockNoSignal) {
   sigset_t blocked;
   sigset_t before;
   sigemptyset(&blocked);
@@ -77,7 +77,7 @@ TEST_F(Children, HaveTheirNameDieWithTheirParentAndBlockNoSignal) {
   EXPECT_EQ(exitStatus(), 15);
 }
 
-TEST_F(Children, OfAnotherParentThanExpectedAreTold) {
+TEST_F(Children, NoticeAnUnexpectedParent) {
   start([](Channel, pid_t parent) { _exit(becomeChild("tav-name", parent + 1) ? 1 : 0); });
   EXPECT_EQ(exitStatus(), 0);
 }
@@ -89,7 +89,7 @@ class WorkerProcesses : public Children {
     const WorkerFolders folders{dir().at("worker-quick"), disk};
     start([&](Channel channel, pid_t) { runWorker(loaded, WorkerStart{std::move(channel), folders, {}}); });
   }
-  /// Other ones than those that the engine had until then.
+  /// Not the engine's folders.
   std::string disk() const {
     mkdir(dir().at("worker-quick").c_str(), 0700);
     mkdir(dir().at("worker-disk").c_str(), 0700);
@@ -97,7 +97,7 @@ class WorkerProcesses : public Children {
   }
 };
 
-TEST_F(WorkerProcesses, SayHelloWithADescriptorOfThemselvesAndEndWithTheirChannel) {
+TEST_F(WorkerProcesses, SendHelloWithTheirPidfdAndEndWithTheirChannel) {
   startWorker(disk());
   Channel::Packet packet;
   ASSERT_EQ(ours_.receive(packet, true), Channel::Received::kPacket);
@@ -109,7 +109,7 @@ TEST_F(WorkerProcesses, SayHelloWithADescriptorOfThemselvesAndEndWithTheirChanne
   EXPECT_EQ(exitStatus(), 0);
 }
 
-TEST_F(WorkerProcesses, EndAtWhatIsNoRequest) {
+TEST_F(WorkerProcesses, EndWhenTheyReceiveAnUnknownMessage) {
   startWorker(disk());
   ASSERT_TRUE(hear<WorkerHello>(ours_));
   ASSERT_TRUE(ours_.send("nonsense", file().get()));
@@ -125,13 +125,13 @@ TEST_F(WorkerProcesses, EndAtARequestWithoutAFile) {
   EXPECT_EQ(exitStatus(), 1);
 }
 
-TEST_F(WorkerProcesses, EndBeforeTheyScanAnythingWithoutAFolderOfTheirOwn) {
+TEST_F(WorkerProcesses, EndBeforeTheirHelloWithoutAFolder) {
   startWorker(dir().at("nowhere"));
   EXPECT_FALSE(hear<WorkerHello>(ours_));
   EXPECT_EQ(exitStatus(), 1);
 }
 
-TEST_F(WorkerProcesses, AnswerWithTheNumberOfTheRequest) {
+TEST_F(WorkerProcesses, AnswerWithTheIdOfTheRequest) {
   startWorker(disk());
   ASSERT_TRUE(hear<WorkerHello>(ours_));
   ScanRequest request;
@@ -143,7 +143,7 @@ TEST_F(WorkerProcesses, AnswerWithTheNumberOfTheRequest) {
   EXPECT_EQ(answer->verdict.outcome, Outcome::kClean) << testing::describe(answer->verdict);
 }
 
-TEST_F(WorkerProcesses, UnpackNowhereButInTheirOwnFolders) {
+TEST_F(WorkerProcesses, UnpackOnlyInTheirFolders) {
   startWorker(disk());
   ASSERT_TRUE(hear<WorkerHello>(ours_));
   std::filesystem::remove_all(dir().at("worker-quick"));
@@ -165,9 +165,9 @@ class SpawnerProcesses : public Children {
     });
   }
   void TearDown() override { folders_.remove(); }
-  /// Sends the other end of a fresh channel along; what then is heard on ours.
+  /// Sends one end of a fresh channel with the packet; returns the other end.
   Channel sendWithChannel(const Channel& to, const std::string& packet) const {
-    auto [ours, theirs] = Channel::pair();
+    auto [ours, theirs] = Channel::pair().value();
     EXPECT_TRUE(to.send(packet, theirs.fd()));
     return std::move(ours);
   }
@@ -176,18 +176,18 @@ class SpawnerProcesses : public Children {
   TempFolders folders_{dir().path()};
 };
 
-TEST_F(SpawnerProcesses, OfAnAgentThatHasEndedEndAtOnce) {
+TEST_F(SpawnerProcesses, EndAtOnceWhenTheAgentHasEnded) {
   startSpawner(1);
   EXPECT_EQ(exitStatus(), 1);
 }
 
-TEST_F(SpawnerProcesses, ForkNothingForWhatIsNoRequest) {
+TEST_F(SpawnerProcesses, ForkNothingForAnUnknownMessage) {
   startSpawner(0);
   EXPECT_FALSE(hear<StateReport>(sendWithChannel(ours_, "nonsense")));
   ASSERT_TRUE(ours_.send(encode(ForkRequest{})));
   const Channel toTemplate = sendWithChannel(ours_, encode(ForkRequest{}));
   const auto report = hear<StateReport>(toTemplate);
-  ASSERT_TRUE(report) << "it goes on";
+  ASSERT_TRUE(report) << "the spawner goes on";
   EXPECT_TRUE(report->state.loaded) << report->state.detail;
 
   EXPECT_FALSE(hear<WorkerHello>(sendWithChannel(toTemplate, "nonsense")));

@@ -17,12 +17,12 @@ constexpr std::chrono::seconds kLoad(20);
 
 class Spawners : public testing::WorkerFixture {
  protected:
-  /// A signature database of the system's with one signature; its path.
+  /// Writes a system database with one signature; returns its path.
   std::string writeSystem() const {
     return dir().write("system/x.ndb",
                        "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   }
-  /// Kills the template, which there must be, and waits for the next one.
+  /// Kills the template and waits for the next one.
   void replaceTemplate() {
     const pid_t process = templates().at(0);
     kill(process, SIGKILL);
@@ -32,8 +32,14 @@ class Spawners : public testing::WorkerFixture {
       return now.size() == 1 && now[0] != process;
     }));
   }
+  /// Reloads, which must fail.
+  std::string reasonNotReloaded() {
+    const auto reloaded = spawner().reload();
+    EXPECT_FALSE(reloaded);
+    return reloaded ? "" : reloaded.error();
+  }
   static std::vector<pid_t> templates() { return processesNamed("tav-template"); }
-  /// What the process's descriptors lead to, by number.
+  /// The targets of the process's descriptors, by number.
   static std::map<int, std::string> descriptorsOf(pid_t process) {
     std::map<int, std::string> found;
     for (const auto& entry :
@@ -53,7 +59,7 @@ class Spawners : public testing::WorkerFixture {
   }
 };
 
-TEST_F(Spawners, TellWhatIsLoaded) {
+TEST_F(Spawners, GiveTheStateOfTheLoadedSignatures) {
   const auto state = spawner().waitLoaded(kLoad);
   EXPECT_TRUE(state.loaded) << state.detail;
   EXPECT_FALSE(state.loading);
@@ -61,14 +67,14 @@ TEST_F(Spawners, TellWhatIsLoaded) {
   EXPECT_EQ(state.version.size(), 64U);
 }
 
-TEST_F(Spawners, SayWhyNothingIsLoaded) {
+TEST_F(Spawners, GiveTheReasonWhenNothingIsLoaded) {
   config().shippedSignatures = dir().at("none");
   const auto state = spawner().waitLoaded(kLoad);
   EXPECT_FALSE(state.loaded);
   EXPECT_THAT(state.detail, HasSubstr(dir().at("none")));
 }
 
-TEST_F(Spawners, SayWhyThereIsNoPlaceForTemporaryFiles) {
+TEST_F(Spawners, GiveTheReasonWhenThereIsNoTemporaryFolder) {
   config().tempFolder = dir().at("nowhere");
   const auto state = spawner().waitLoaded(kLoad);
   EXPECT_FALSE(state.loaded);
@@ -76,13 +82,13 @@ TEST_F(Spawners, SayWhyThereIsNoPlaceForTemporaryFiles) {
   EXPECT_THAT(spawner().temporaryFolders(), ::testing::Each(::testing::Not(::testing::IsEmpty())));
 }
 
-TEST_F(Spawners, TheAgentItselfHasNoSignatures) {
+TEST_F(Spawners, OneSpawnerAndOneTemplateRun) {
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
   EXPECT_EQ(processesNamed("tav-spawner").size(), 1U);
   EXPECT_EQ(processesNamed("tav-template").size(), 1U);
 }
 
-TEST_F(Spawners, AReloadBringsNewSignaturesToAPoolAtWork) {
+TEST_F(Spawners, AReloadBringsNewSignaturesToAPool) {
   const std::string sample = "a line that only the new ones know";
   WorkerPool pool(spawner(), 1);
   begin(pool, "before", sample);
@@ -90,8 +96,7 @@ TEST_F(Spawners, AReloadBringsNewSignaturesToAPoolAtWork) {
   EXPECT_EQ(verdict("before").outcome, Outcome::kClean);
   const auto old = spawner().signatureState().version;
   dir().write("system/new.ndb", "New.Trojan.Sample:0:*:6f6e6c7920746865206e6577206f6e6573\n");
-  std::string why;
-  ASSERT_TRUE(spawner().reload(&why)) << why;
+  ASSERT_TRUE(spawner().reload());
   EXPECT_NE(spawner().signatureState().version, old);
   begin(pool, "after", sample);
   pool.drain();
@@ -99,7 +104,7 @@ TEST_F(Spawners, AReloadBringsNewSignaturesToAPoolAtWork) {
   EXPECT_TRUE(testsupport::waitFor([&] { return processesNamed("tav-template").size() == 1; }));
 }
 
-TEST_F(Spawners, AFileUnderWayDuringAReloadIsFinished) {
+TEST_F(Spawners, ARunningFileIsFinishedDuringAReload) {
   const std::string gate = dir().at("gate");
   config().beforeFile = [gate](const std::string& name) {
     while (name.find("slow") != std::string::npos && access(gate.c_str(), F_OK) != 0) {
@@ -109,7 +114,7 @@ TEST_F(Spawners, AFileUnderWayDuringAReloadIsFinished) {
   WorkerPool pool(spawner(), 1);
   begin(pool, "slow", eicar());
   ASSERT_TRUE(testsupport::waitFor([&] { return workerCount() == 1; }));
-  ASSERT_TRUE(spawner().reload(nullptr));
+  ASSERT_TRUE(spawner().reload());
   begin(pool, "next", eicar());
   dir().write("gate", "");
   pool.drain();
@@ -117,16 +122,14 @@ TEST_F(Spawners, AFileUnderWayDuringAReloadIsFinished) {
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
 }
 
-TEST_F(Spawners, AFailedReloadLeavesAllAsItWas) {
+TEST_F(Spawners, AFailedReloadKeepsTheOldSignatures) {
   const std::string own = dir().at("own");
   std::filesystem::copy(testing::kShippedSignatures, own);
   config().shippedSignatures = own;
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_TRUE(before.loaded);
   std::filesystem::remove_all(own);
-  std::string why;
-  EXPECT_FALSE(spawner().reload(&why));
-  EXPECT_THAT(why, HasSubstr(own));
+  EXPECT_THAT(reasonNotReloaded(), HasSubstr(own));
   EXPECT_EQ(spawner().signatureState().version, before.version);
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", eicar());
@@ -134,15 +137,13 @@ TEST_F(Spawners, AFailedReloadLeavesAllAsItWas) {
   EXPECT_EQ(verdict("file").outcome, Outcome::kInfected);
 }
 
-TEST_F(Spawners, AReloadWithASystemDatabaseThatDoesNotLoadLeavesTheGoodOneInForce) {
+TEST_F(Spawners, AReloadWithABrokenSystemDatabaseKeepsTheGoodOne) {
   const std::string sample = "a line that only the system's know";
   dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_EQ(before.system, SystemDatabase::kInForce) << before.detail;
   dir().write("system/x.ndb", "this is no signature\n");
-  std::string why;
-  EXPECT_FALSE(spawner().reload(&why));
-  EXPECT_THAT(why, HasSubstr(dir().at("system")));
+  EXPECT_THAT(reasonNotReloaded(), HasSubstr(dir().at("system")));
   EXPECT_EQ(spawner().signatureState().version, before.version);
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", sample);
@@ -150,33 +151,33 @@ TEST_F(Spawners, AReloadWithASystemDatabaseThatDoesNotLoadLeavesTheGoodOneInForc
   EXPECT_EQ(verdict("file").outcome, Outcome::kInfected) << describe(verdict("file"));
 }
 
-TEST_F(Spawners, AReloadWithoutASystemDatabaseThatWasTakenAwayIsMade) {
+TEST_F(Spawners, AReloadSucceedsAfterTheSystemDatabaseWasRemoved) {
   dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
   const auto before = spawner().waitLoaded(kLoad);
   std::filesystem::remove(dir().at("system/x.ndb"));
-  std::string why;
-  EXPECT_TRUE(spawner().reload(&why)) << why;
+  EXPECT_TRUE(spawner().reload());
   EXPECT_EQ(spawner().signatureState().system, SystemDatabase::kNone);
   EXPECT_NE(spawner().signatureState().version, before.version);
 }
 
-TEST_F(Spawners, AReloadThatIsAbandonedFailsAtOnceAndLeavesAllAsItWas) {
+TEST_F(Spawners, AnAbandonedReloadFailsAtOnceAndKeepsTheOldSignatures) {
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_TRUE(before.loaded);
   const pid_t process = processesNamed("tav-spawner").at(0);
-  kill(process, SIGSTOP);  // a load that takes its time
-  const auto descriptors = openDescriptors();
-  std::string why;
-  auto reload = std::async(std::launch::async, [&] { return spawner().reload(&why); });
-  EXPECT_TRUE(testsupport::waitFor([&] { return openDescriptors() > descriptors; })) << "it waits";
+  kill(process, SIGSTOP);  // a slow load
+  const auto descriptors = testing::openDescriptors();
+  auto reload = std::async(std::launch::async, [&] { return spawner().reload(); });
+  EXPECT_TRUE(testsupport::waitFor([&] { return testing::openDescriptors() > descriptors; }))
+      << "the reload waits";
   spawner().abandonReload();
   const bool ended = reload.wait_for(kLoad) == std::future_status::ready;
   kill(process, SIGCONT);
   EXPECT_TRUE(ended);
-  EXPECT_FALSE(reload.get());
-  EXPECT_EQ(why, "the agent is ending");
+  const auto reloaded = reload.get();
+  ASSERT_FALSE(reloaded);
+  EXPECT_EQ(reloaded.error(), "the agent is ending");
   EXPECT_EQ(spawner().signatureState().version, before.version);
-  EXPECT_FALSE(spawner().reload(nullptr)) << "nor is a new one begun";
+  EXPECT_FALSE(spawner().reload()) << "later reloads fail, too";
 }
 
 TEST_F(Spawners, ATemplateThatDiesIsReplaced) {
@@ -195,7 +196,7 @@ TEST_F(Spawners, ATemplateThatDiesIsReplaced) {
   EXPECT_EQ(verdict("file").outcome, Outcome::kInfected) << describe(verdict("file"));
 }
 
-TEST_F(Spawners, ATemplateThatDiesUnderAPoolCostsNoMoreThanTheFilesUnderWay) {
+TEST_F(Spawners, APoolGoesOnAfterTheDeathOfTheTemplate) {
   WorkerPool pool(spawner(), 1);
   begin(pool, "first", eicar());
   pool.drain();
@@ -216,10 +217,10 @@ TEST_F(Spawners, WithoutTheSpawnerFilesAreErrorsAndNothingHangs) {
   EXPECT_EQ(verdict("file").outcome, Outcome::kError);
   EXPECT_THAT(verdict("file").reason, HasSubstr("spawner"));
   EXPECT_FALSE(spawner().signatureState().loaded);
-  EXPECT_FALSE(spawner().reload(nullptr));
+  EXPECT_FALSE(spawner().reload());
 }
 
-TEST_F(Spawners, NothingStaysBehindAtTheEnd) {
+TEST_F(Spawners, TheDestructorLeavesNoProcessAndNoFolder) {
   std::vector<std::string> folders;
   {
     WorkerPool pool(spawner(), 2);
@@ -237,7 +238,7 @@ TEST_F(Spawners, NothingStaysBehindAtTheEnd) {
   }
 }
 
-TEST_F(Spawners, WithoutSignaturesTheTemplateIsGoneAndNoneComesUntilTheNextReload) {
+TEST_F(Spawners, WithoutSignaturesThereIsNoTemplateUntilAReload) {
   const std::string own = dir().at("own");
   config().shippedSignatures = own;
   const auto state = spawner().waitLoaded(kLoad);
@@ -248,12 +249,11 @@ TEST_F(Spawners, WithoutSignaturesTheTemplateIsGoneAndNoneComesUntilTheNextReloa
     EXPECT_EQ(spawner().signatureState().detail, state.detail);
   }
   std::filesystem::copy(testing::kShippedSignatures, own);
-  std::string why;
-  EXPECT_TRUE(spawner().reload(&why)) << why;
+  EXPECT_TRUE(spawner().reload());
   EXPECT_TRUE(spawner().signatureState().loaded);
 }
 
-TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) {
+TEST_F(Spawners, AfterThreeTemplatesDiedDuringTheirLoadNoneIsForkedUntilAReload) {
   testsupport::HeldFile held(writeSystem());
   spawner();
   WorkerPool pool(spawner(), 1);
@@ -261,7 +261,7 @@ TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) 
   ASSERT_TRUE(testsupport::waitFor([&] { return templates().size() == 1; }));
   replaceTemplate();
   replaceTemplate();
-  EXPECT_TRUE(spawner().signatureState().loading) << "two are not enough";
+  EXPECT_TRUE(spawner().signatureState().loading) << "two deaths are not enough";
   kill(templates().at(0), SIGKILL);
   ASSERT_TRUE(testsupport::waitFor([&] { return !spawner().signatureState().loading; }));
   EXPECT_FALSE(spawner().signatureState().loaded);
@@ -271,8 +271,7 @@ TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) 
   EXPECT_THAT(verdict("file").reason, HasSubstr("died 3 times"));
 
   held.release();
-  std::string why;
-  ASSERT_TRUE(spawner().reload(&why)) << why;
+  ASSERT_TRUE(spawner().reload());
   begin(pool, "next", eicar());
   pool.drain();
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected);
@@ -280,10 +279,10 @@ TEST_F(Spawners, ThreeTemplatesThatDieWhileTheyLoadAreEnoughUntilTheNextReload) 
   const testsupport::HeldFile again(dir().at("system/x.ndb"));
   replaceTemplate();
   replaceTemplate();
-  EXPECT_TRUE(spawner().signatureState().loading) << "behind a reload they are counted anew";
+  EXPECT_TRUE(spawner().signatureState().loading) << "a reload resets the count";
 }
 
-TEST_F(Spawners, OnlyDeathsInARowAndWhileLoadingAreCounted) {
+TEST_F(Spawners, OnlyDeathsInARowDuringALoadAreCounted) {
   const std::string file = writeSystem();
   {
     const testsupport::HeldFile held(file);
@@ -294,7 +293,7 @@ TEST_F(Spawners, OnlyDeathsInARowAndWhileLoadingAreCounted) {
   }
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
   const testsupport::HeldFile held(file);
-  replaceTemplate();  // one that had loaded
+  replaceTemplate();  // this template had loaded
   replaceTemplate();
   replaceTemplate();
   EXPECT_TRUE(spawner().signatureState().loading) << spawner().signatureState().detail;
@@ -307,29 +306,27 @@ TEST_F(Spawners, AWaitForALoadEndsAtItsLimit) {
   EXPECT_FALSE(state.loaded);
 }
 
-TEST_F(Spawners, OneReloadIsMadeAtATime) {
+TEST_F(Spawners, ReloadsRunOneAtATime) {
   const std::string file = writeSystem();
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
   testsupport::HeldFile held(file);
-  const auto descriptors = openDescriptors();
-  auto first = std::async(std::launch::async, [&] { return spawner().reload(nullptr); });
-  ASSERT_TRUE(testsupport::waitFor([&] { return openDescriptors() == descriptors + 2; })) << "it waits";
+  const auto descriptors = testing::openDescriptors();
+  auto first = std::async(std::launch::async, [&] { return spawner().reload(); });
+  ASSERT_TRUE(testsupport::waitFor([&] { return testing::openDescriptors() == descriptors + 2; }))
+      << "the reload waits";
   std::atomic<pid_t> thread{0};
   auto second = std::async(std::launch::async, [&] {
     thread = gettid();
-    return spawner().reload(nullptr);
+    return spawner().reload();
   });
-  ASSERT_TRUE(testsupport::waitFor([&] {
-    const std::string stat = testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat");
-    return stat.find(") S ") != std::string::npos;
-  }));
-  EXPECT_EQ(openDescriptors(), descriptors + 2) << "the second has asked for no template";
+  ASSERT_TRUE(testsupport::waitFor([&] { return testing::sleeps(thread); }));
+  EXPECT_EQ(testing::openDescriptors(), descriptors + 2) << "the second reload has started no template";
   held.release();
   EXPECT_TRUE(first.get());
   EXPECT_TRUE(second.get());
 }
 
-TEST_F(Spawners, AReloadThatLeavesTheSystemsOutIsMadeWhereNoneWereInForce) {
+TEST_F(Spawners, AReloadWithABrokenSystemDatabaseSucceedsWhenNoneWasLoaded) {
   dir().write("system/x.ndb", "this is no signature\n");
   const std::string own = dir().at("own");
   std::filesystem::copy(testing::kShippedSignatures, own);
@@ -337,32 +334,29 @@ TEST_F(Spawners, AReloadThatLeavesTheSystemsOutIsMadeWhereNoneWereInForce) {
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_EQ(before.system, SystemDatabase::kLeftOut);
   dir().write("own/more.ndb", "TAV.Test.More:0:*:6d6f7265\n");
-  std::string why;
-  EXPECT_TRUE(spawner().reload(&why)) << why;
+  EXPECT_TRUE(spawner().reload());
   EXPECT_EQ(spawner().signatureState().count, before.count + 1);
 }
 
-TEST_F(Spawners, WithoutDescriptorsThereIsNoneAndNoReload) {
+TEST_F(Spawners, WithoutDescriptorsConstructionAndReloadFail) {
 #ifdef TAV_SANITIZED
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
 #endif
   {
     const testing::NoMoreDescriptors none;
-    EXPECT_THROW(Spawner{config()}, std::system_error);
+    EXPECT_THROW(Spawner{config()}, std::runtime_error);
   }
   const auto before = spawner().waitLoaded(kLoad);
-  std::string why;
   {
     const testing::NoMoreDescriptors none;
-    EXPECT_FALSE(spawner().reload(&why));
+    EXPECT_THAT(reasonNotReloaded(), HasSubstr("no way to reach a template: Too many open files"));
   }
-  EXPECT_THAT(why, HasSubstr("no way to reach a template: Too many open files"));
   EXPECT_TRUE(spawner().signatureState().loaded);
   EXPECT_EQ(spawner().signatureState().version, before.version);
 }
 
-TEST_F(Spawners, EachProcessHasItsOneSocketAndNothingThatTheAgentHadOpen) {
-  const platform::Descriptor secret(openFile(dir().write("secret", "not for them")));
+TEST_F(Spawners, EachProcessHasOneSocketAndNoDescriptorOfTheAgent) {
+  const platform::Descriptor secret = openFile(dir().write("secret", "not for the child processes"));
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", "some text");
   pool.drain();
@@ -382,7 +376,7 @@ TEST_F(Spawners, EachProcessHasItsOneSocketAndNothingThatTheAgentHadOpen) {
   }
 }
 
-TEST_F(Spawners, TheProcessesLeaveTheAgentsSignalsToTheAgent) {
+TEST_F(Spawners, TheProcessesIgnoreTheAgentsSignals) {
   sigset_t blocked;
   sigset_t before;
   sigemptyset(&blocked);
@@ -403,7 +397,7 @@ TEST_F(Spawners, TheProcessesLeaveTheAgentsSignalsToTheAgent) {
   }
 }
 
-TEST_F(Spawners, AWorkerGivesUpWhatItDoesNotNeed) {
+TEST_F(Spawners, AWorkerIsConfined) {
   config().beforeFile = [this](const std::string&) {
     rlimit core{1, 1};
     getrlimit(RLIMIT_CORE, &core);
@@ -422,7 +416,7 @@ TEST_F(Spawners, AWorkerGivesUpWhatItDoesNotNeed) {
   EXPECT_EQ(namesBegun().at(0), "dumpable=0,core=0/0,folder=" + own);
 }
 
-TEST_F(Spawners, TheFoldersOfAWorkerGoWithIt) {
+TEST_F(Spawners, TheFoldersOfAWorkerAreRemovedAtItsEnd) {
   holdFilesNamed("held");
   std::vector<std::string> folders;
   {
@@ -442,7 +436,7 @@ TEST_F(Spawners, TheFoldersOfAWorkerGoWithIt) {
   }
 }
 
-TEST_F(Spawners, TheFoldersOfWorkersThatEndAtOnceAllGo) {
+TEST_F(Spawners, TheFoldersOfWorkersThatEndTogetherAreRemoved) {
   holdFilesNamed("held");
   const std::string parent = spawner().temporaryFolders().back() + "/";
   pid_t process = 0;
@@ -454,7 +448,7 @@ TEST_F(Spawners, TheFoldersOfWorkersThatEndAtOnceAllGo) {
     ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 2; }));
     process = templates().at(0);
     ASSERT_TRUE(std::filesystem::exists(parent + std::to_string(process) + "-2"));
-    kill(process, SIGSTOP);  // both have ended before it looks
+    kill(process, SIGSTOP);  // both workers end before the template sees either
     open();
   }
   EXPECT_TRUE(testsupport::waitFor([] { return workerCount() == 0; }));
@@ -462,7 +456,7 @@ TEST_F(Spawners, TheFoldersOfWorkersThatEndAtOnceAllGo) {
   EXPECT_TRUE(testsupport::waitFor([&] { return std::filesystem::is_empty(parent); }));
 }
 
-TEST_F(Spawners, TheFoldersOfAKilledTemplatesWorkersGoBehindIt) {
+TEST_F(Spawners, TheFoldersOfAKilledTemplatesWorkersAreRemoved) {
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", "some text");
   pool.drain();
@@ -473,13 +467,13 @@ TEST_F(Spawners, TheFoldersOfAKilledTemplatesWorkersGoBehindIt) {
   }
   replaceTemplate();
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
-  ASSERT_TRUE(spawner().reload(nullptr));  // what has ended is collected when the next one is asked for
+  ASSERT_TRUE(spawner().reload());  // the next fork request collects ended templates
   for (const std::string& folder : folders) {
     EXPECT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(folder); })) << folder;
   }
 }
 
-// An agent that is killed, in a process of its own.
+// The killed agent is a process of its own.
 TEST_F(Spawners, AllEndWithAnAgentThatIsKilled) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -519,7 +513,7 @@ TEST_F(Spawners, AllEndWithAnAgentThatIsKilled) {
     return stat.empty() || stat.find(") Z ") != std::string::npos || stat.find("tav-") == std::string::npos;
   };
   EXPECT_TRUE(testsupport::waitFor([&] { return gone(workers[0]) && gone(spawners[0]); }));
-  // What it left behind the next spawner takes away.
+  // The next spawner removes the killed one's folder.
   EXPECT_TRUE(spawner().waitLoaded(kLoad).loaded);
   EXPECT_EQ(std::count_if(
                 std::filesystem::directory_iterator(dir().path()), std::filesystem::directory_iterator(),

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/EngineLimits.h"
+#include "engine/SignatureState.h"
+#include "worker/Channel.h"
+#include "worker/TempFolders.h"
+
+namespace agent {
+
+/// The agent's end of a worker template. The thread that reads the template's report settles the link for all
+/// threads that wait for the report.
+struct TemplateLink {
+  Channel channel;
+  platform::Descriptor
+      settled;  ///< an eventfd: stays readable once the report was read or the template ended
+  void settle() const;
+};
+
+/// The agent's end of the scanning processes. The constructor forks the spawner process before the agent's
+/// first thread. The spawner forks a worker template, which loads the signatures once and forks the workers.
+/// A template that dies is forked again. All processes end with the agent, however the agent ends.
+/// Has no thread: each call first reads the reports that have arrived. Any thread, except construction.
+class Spawner {
+ public:
+  struct Config {
+    std::string shippedSignatures;  ///< folder of our own signatures; must be there
+    std::string systemSignatures;   ///< folder of the system's database; may be missing or empty
+    EngineLimits limits{};
+    std::string tempFolder{};  ///< where large unpacked content goes; empty: $TMPDIR, else /tmp
+    std::chrono::milliseconds fileTimeout{360000};  ///< wall clock; a worker that takes longer is killed
+    /// Runs in the worker before each file, with its name. For tests that make a worker die or hang.
+    std::function<void(const std::string&)> beforeFile{};
+  };
+  /// Call while the process has one thread, the longest-lived one: its end ends the spawner. Throws
+  /// std::runtime_error when the fork fails. Returns at once; signatures load meanwhile.
+  explicit Spawner(Config config);
+  ~Spawner();  ///< ends the spawner and its workers; destroy all pools before
+  Spawner(const Spawner&) = delete;
+  Spawner& operator=(const Spawner&) = delete;
+
+  const Config& config() const { return config_; }
+  /// The state now, without waiting.
+  SignatureState signatureState();
+  /// Waits up to the limit for the current load.
+  SignatureState waitLoaded(std::chrono::milliseconds limit);
+  /// Loads the signatures again in a fresh template, and waits for the load. Busy workers finish their file
+  /// with the old signatures. When the new ones do not load, the old ones stay.
+  platform::Expected<void> reload();
+  /// For the end of the agent: the current reload and all later ones fail at once.
+  void abandonReload();
+
+  /// The parent folders of what workers unpack, while the spawner lives: scans leave them out.
+  std::vector<std::string> temporaryFolders() const;
+
+  struct Forked {
+    Channel channel;          ///< brings the worker's hello, or ends; empty while signatures load
+    unsigned generation = 0;  ///< of the worker's template
+    /// Set while signatures load: try again once one of its descriptors is readable.
+    std::shared_ptr<const TemplateLink> loading;
+  };
+  /// Asks for a fresh worker. Never blocks.
+  platform::Expected<Forked> forkWorker();
+  /// Changes with each reload and each new template.
+  unsigned generation();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Template = std::shared_ptr<const TemplateLink>;  // shared with the threads that wait for its report
+
+  platform::Expected<Template> startTemplate();
+  void restartTemplate();
+  void readReports();
+  static std::optional<SignatureState> awaitReport(const Template& fresh);
+
+  const Config config_;
+  TempFolders folders_;
+  pid_t pid_ = -1;
+  Channel spawner_;
+  std::mutex reloadMutex_;  // held for a whole reload, before mutex_
+  std::mutex mutex_;        // guards the members below
+  Template template_;
+  Template reloading_;  // of the current reload
+  bool abandoned_ = false;
+  SignatureState state_;
+  unsigned generation_ = 0;
+  int failures_ = 0;  // templates in a row that ended during their load
+};
+
+}  // namespace agent
