@@ -5,13 +5,16 @@
 namespace jsonrpchelper {
 namespace {
 
-std::string reasonNoError(const Json::Value& error) {
+platform::Expected<void> checkError(const Json::Value& error) {
   const Json::Value* code = CppJson::findMember(error, "code");
   const Json::Value* message = CppJson::findMember(error, "message");
   if (code == nullptr || !code->isInt()) {
-    return "its error has no code of 32 bits";
+    return platform::failure("its error has no code of 32 bits");
   }
-  return message == nullptr || !message->isString() ? "its error has no message" : "";
+  if (message == nullptr || !message->isString()) {
+    return platform::failure("its error has no message");
+  }
+  return {};
 }
 
 /// Ids are integers or texts; 1 and 1.0 are different ids.
@@ -21,26 +24,26 @@ bool isSameId(const Json::Value* id, const Json::Value& requestId) {
 
 }  // namespace
 
-std::string reasonNoAnswer(const std::string& answer, const Json::Value& requestId) {
+platform::Expected<void> checkAnswer(const std::string& answer, const Json::Value& requestId) {
   Json::Value value;
   if (!CppJson::LoadJsonString(answer, value)) {
-    return "the answer is no JSON, or nested too deep";
+    return platform::failure("the answer is no JSON, or nested too deep");
   }
   const Json::Value* version = CppJson::findMember(value, "jsonrpc");
   if (version == nullptr || *version != Json::Value("2.0")) {
-    return "the answer is no JSON-RPC 2.0 object";
+    return platform::failure("the answer is no JSON-RPC 2.0 object");
   }
   const Json::Value* result = CppJson::findMember(value, "result");
   const Json::Value* error = CppJson::findMember(value, "error");
   const Json::Value* id = CppJson::findMember(value, "id");
   if ((result == nullptr) == (error == nullptr)) {
-    return "the answer has neither or both of result and error";
+    return platform::failure("the answer has neither or both of result and error");
   }
   const bool unread = error != nullptr && id != nullptr && id->isNull();
   if (!isSameId(id, requestId) && !unread) {
-    return "the answer belongs to another request";
+    return platform::failure("the answer belongs to another request");
   }
-  return error != nullptr ? reasonNoError(*error) : "";
+  return error != nullptr ? checkError(*error) : platform::Expected<void>();
 }
 
 }  // namespace jsonrpchelper

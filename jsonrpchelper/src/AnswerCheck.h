@@ -4,11 +4,13 @@
 
 #include <string>
 
+#include "platform/Expected.h"
+
 namespace jsonrpchelper {
 
-/// Checks an answer before the library's client reads it, because some texts end the process there. Empty
-/// when the text is an answer to the request with this id, else one line with the fault. An error answer may
-/// carry a null id: a server answers so when it could not read the request.
-std::string reasonNoAnswer(const std::string& answer, const Json::Value& requestId);
+/// Checks an answer to the request with this id before the library's client reads the answer, because some
+/// texts end the process there. An error answer may carry a null id: a server sends one when it could not
+/// read the request.
+platform::Expected<void> checkAnswer(const std::string& answer, const Json::Value& requestId);
 
 }  // namespace jsonrpchelper

@@ -84,9 +84,8 @@ void IJsonRpcClientHelper::exchange(const std::string& message, const Json::Valu
     return;
   }
   std::string answer(reply, replyLength);
-  const std::string wrong = reasonNoAnswer(answer, id);
-  if (!wrong.empty()) {
-    throw JsonRpcException(Errors::ERROR_CLIENT_INVALID_RESPONSE, wrong);
+  if (const auto checked = checkAnswer(answer, id); !checked) {
+    throw JsonRpcException(Errors::ERROR_CLIENT_INVALID_RESPONSE, checked.error());
   }
   result = std::move(answer);
 }

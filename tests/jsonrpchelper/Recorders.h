@@ -22,7 +22,7 @@ using testsupport::jsonText;
 
 using namespace jsonrpchelper;
 
-/// Calls that reached a server: the name, then the arguments in the table's order, as a JSON array.
+/// A call that reached a server, as a JSON array: the name, then the arguments in the table's order.
 class CallLog {
  public:
   template <class Method>

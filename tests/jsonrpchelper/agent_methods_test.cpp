@@ -41,7 +41,7 @@ std::string tableText(const std::vector<MethodRow>& rows) {
   return text;
 }
 
-// What both sides of the bus have agreed on.
+// The agreed rows.
 const std::string kAgreedMethods = testsupport::readFile(TAV_SOURCE_DIR "/tests/data/agent_methods.txt");
 const std::string kAgreedNotifications =
     testsupport::readFile(TAV_SOURCE_DIR "/tests/data/console_notifications.txt");
@@ -68,7 +68,7 @@ TEST(MethodTables, HoldTheAgreedRowsAndNoOthers) {
   EXPECT_EQ(tableText(consoleNotifications()), kAgreedNotifications);
 }
 
-TEST(MethodTables, AMemberTravelsUnderItsOwnNameAndNoOther) {
+TEST(MethodTables, AMemberIsSentUnderItsOwnName) {
   const std::pair<Json::Value, const char*> rows[] = {
       {parametersOf(StartScanTask{
            .ctx = "ctx", .desc = "desc", .params = "params", .source = 1, .token_id = "token_id"}),
@@ -278,7 +278,7 @@ TEST_P(AgentServer, RefusesAParameterThatIsMissingOrOfAnotherKind) {
   EXPECT_EQ(agent.log.size(), 0u);
 }
 
-TEST_P(AgentServer, TakesNullWhereAnyValueMayStand) {
+TEST_P(AgentServer, AcceptsNullForAParameterOfAnyKind) {
   Json::Value parameters = sampleParameters(GetParam());
   bool some = false;
   for (const auto& parameter : GetParam().parameters) {
@@ -293,7 +293,7 @@ TEST_P(AgentServer, TakesNullWhereAnyValueMayStand) {
   }
 }
 
-TEST_P(AgentServer, AsksForARefusalBeforeAMethodThatIsNotForEverybody) {
+TEST_P(AgentServer, AsksForARefusalBeforeARestrictedMethod) {
   const bool forEverybody = GetParam().access == Access::kEverybody;
   const Json::Value parameters = sampleParameters(GetParam());
   const auto arrive = [&] {
@@ -331,7 +331,7 @@ TEST_P(AgentServer, AnswersAnExceptionWithAnError) {
 
 INSTANTIATE_TEST_SUITE_P(AgentMethods, AgentServer, testing::ValuesIn(agentMethods()), caseName);
 
-TEST(Stubs, AnErrorOfTheAgentIsNoResultOfAnotherKindWhateverItsNumber) {
+TEST(Stubs, AnErrorOfTheAgentIsNeverAResultOfAnotherKind) {
   testsupport::FakeEndpoint endpoint;
   jsonrpchelper::IJsonRpcClientHelper client(&endpoint, lunet::kAgentGuid, 10990, 20991, 30000);
   for (const std::string& answer :
@@ -350,7 +350,7 @@ TEST(Stubs, AnErrorOfTheAgentIsNoResultOfAnotherKindWhateverItsNumber) {
   }
 }
 
-TEST(Kinds, AreToldApart) {
+TEST(Kinds, AreDistinguished) {
   const std::vector<std::pair<jsonrpchelper::JsonKind, Json::Value>> samples = {
       {kNone, Json::Value()},
       {kString, "5"},

@@ -1,5 +1,4 @@
-// Answers of an agent: no answer ends the console, and a text that is no answer counts as an invalid
-// response.
+// Answers of an agent: no answer ends the console, and any other text is an invalid response.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -92,11 +91,11 @@ INSTANTIATE_TEST_SUITE_P(
         AnswerCase{"OnlyOpeningBrackets", std::string(1000000, '[')}),
     [](const auto& testCase) { return std::string(testCase.param.name); });
 
-TEST(Answers, WithAResultAreTaken) {
+TEST(Answers, WithAResultAreAccepted) {
   EXPECT_EQ(codeOf(withResult("[]")), 0);
 }
 
-TEST(Answers, NestedAsDeepAsTheLibraryReadsAreTaken) {
+TEST(Answers, NestedAsDeepAsTheLibraryReadsAreAccepted) {
   EXPECT_EQ(codeOf(withResult(nested(900))), 0);
 }
 

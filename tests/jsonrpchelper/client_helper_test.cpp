@@ -53,7 +53,7 @@ TEST_F(ClientHelper, ASynchronousSendThatFailsWithNumberFiveThrowsThatNumber) {
   EXPECT_EQ(result, "");
 }
 
-TEST_F(ClientHelper, TheBusErrorOfTheLastSendCanBeAskedFor) {
+TEST_F(ClientHelper, TheBusErrorOfTheLastSendIsAvailable) {
   endpoint.syncResult = 1;
   endpoint.syncError = lunet::kErrNoTarget;
   std::string result;
@@ -66,7 +66,7 @@ TEST_F(ClientHelper, TheBusErrorOfTheLastSendCanBeAskedFor) {
   EXPECT_EQ(client.lastBusError(), static_cast<std::uint32_t>(lunet::kOk));
 }
 
-TEST_F(ClientHelper, AFailedSendTellsTheErrorNumberNotTheResult) {
+TEST_F(ClientHelper, AFailedSendThrowsTheErrorNumber) {
   endpoint.syncResult = 1;
   endpoint.syncError = 77;
   std::string result;
@@ -82,7 +82,7 @@ TEST_F(ClientHelper, AFailedSendGivesItsReplyBufferBack) {
   EXPECT_EQ(endpoint.buffersOut, 0);
 }
 
-TEST_F(ClientHelper, WithoutAReplyBufferTheResultStaysAsItWas) {
+TEST_F(ClientHelper, WithoutAReplyBufferTheResultIsUnchanged) {
   std::string result = "before";
   client.SendRPCMessage(request, result);
   EXPECT_EQ(result, "before");
@@ -95,7 +95,7 @@ TEST_F(ClientHelper, WithoutAnEndpointTheResultIsEmpty) {
   EXPECT_EQ(result, "");
 }
 
-TEST_F(ClientHelper, WithoutAnEndpointACallThrowsAndNothingElse) {
+TEST_F(ClientHelper, WithoutAnEndpointACallThrows) {
   IJsonRpcClientHelper nowhere(nullptr, lunet::kAgentGuid, 10990, 20991, 30000);
   EXPECT_THROW(nowhere.CallMethod("getBusList", Json::Value()), JsonRpcException);
 }
@@ -134,7 +134,7 @@ TEST_F(ClientHelper, ANotificationThatCannotBeSentThrows) {
   EXPECT_EQ(e.GetCode(), Errors::ERROR_CLIENT_CONNECTOR);
 }
 
-TEST_F(ClientHelper, WhatIsNoSingleRequestIsNotSent) {
+TEST_F(ClientHelper, OnlyASingleRequestIsSent) {
   for (const char* message : {"", "text", "[]", "[{\"id\":1}]", "5"}) {
     std::string result;
     EXPECT_EQ(thrownBy([&] { client.SendRPCMessage(message, result); }).GetCode(),

@@ -34,7 +34,7 @@ class Handler final : public jsonrpc::IClientConnectionHandler {
 
 class Handlers : public testing::Test {
  protected:
-  /// The name of the handler that got the request; "-" without a handler.
+  /// The name of the handler that handled the request; "-" for none.
   std::string handlerOf(const std::string& procedure) {
     std::string response;
     return list.handle(procedure, "{}", response) ? response : "-";
@@ -45,7 +45,7 @@ class Handlers : public testing::Test {
   Handler other{"other"};
 };
 
-TEST_F(Handlers, GetTheirProceduresAndOneOfThemWhatNobodyHas) {
+TEST_F(Handlers, GetTheirProceduresAndOneOfThemGetsUnknownOnes) {
   EXPECT_EQ(handlerOf("a"), "-");
   list.add(one, {"a"});
   list.add(other, {"b"});
@@ -64,7 +64,7 @@ TEST_F(Handlers, ThatAreAddedAgainHaveTheirNewNamesOnly) {
   EXPECT_EQ(handlerOf("c"), "other");
 }
 
-TEST_F(Handlers, ThatAreNotOnTheListAreRemovedWithoutHarm) {
+TEST_F(Handlers, ThatAreNotOnTheListMayBeRemoved) {
   list.add(other, {"b"});
   list.remove(one);
   EXPECT_EQ(handlerOf("b"), "other");

@@ -65,7 +65,7 @@ TEST_F(Holders, InitRegistersOneServerHelperOnBothChannels) {
   EXPECT_EQ(jsonrpchelper::serverHelper(), helper) << "there is one a process";
 }
 
-TEST_F(Holders, TheServerHelperHearsEveryoneWhomTheKernelMakesTrustedAtAnyAddressAndNobodyElse) {
+TEST_F(Holders, TheServerHelperHandlesOnlyTrustedSendersAtAnyAddress) {
   start();
   rpctest::RecordingBusiness business(*jsonrpchelper::serverHelper());
   business.StartListening();
@@ -93,7 +93,7 @@ TEST_F(Holders, TheServerHelperHearsEveryoneWhomTheKernelMakesTrustedAtAnyAddres
   }
 }
 
-TEST_F(Holders, ARequestOfOneWhoIsTrustedIsAnsweredWithTheServersErrorAndAMembersIsNotRead) {
+TEST_F(Holders, ARequestOfATrustedSenderIsAnsweredAndAGroupMembersIsNotRead) {
   start();
   rpctest::RecordingBusiness business(*jsonrpchelper::serverHelper());
   business.StartListening();
@@ -140,7 +140,7 @@ TEST_F(Holders, AfterStopTheLinkCanBeInitialisedAgain) {
   EXPECT_NE(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
 }
 
-TEST_F(Holders, RegisteringWithoutAnEndpointGivesItsOwnNumber) {
+TEST_F(Holders, RegisteringWithoutAnEndpointGivesErrNoEndpoint) {
   EXPECT_EQ(jsonrpchelper::registerReceiver(10990, nullptr), 0xE0010000u);
   jsonrpchelper::unregisterReceiver(10990);
 }
@@ -163,7 +163,7 @@ TEST_F(Holders, TheEndpointHolderGivesWhatWasSet) {
   EXPECT_EQ(jsonrpchelper::endpoint(), &endpoint);
 }
 
-TEST_F(Holders, TheRegistryMayBeAskedByThreadsAtOnce) {
+TEST_F(Holders, TheRegistryServesSeveralThreads) {
   start();
   std::vector<IJsonRpcClientHelper*> found(4);
   std::vector<std::thread> threads;
@@ -178,14 +178,14 @@ TEST_F(Holders, TheRegistryMayBeAskedByThreadsAtOnce) {
   }
 }
 
-TEST_F(Holders, TheTimeOutOfTheRegistryIsThatOfItsClients) {
+TEST_F(Holders, TheClientsHaveTheTimeOutOfTheRegistry) {
   ClientRegistry::instance().initialise(&endpoint, 1234);
   std::string result;
   ClientRegistry::instance().getClient(lunet::kAgentGuid)->SendRPCMessage(kRequest, result);
   EXPECT_EQ(endpoint.last().timeoutMs, 1234u);
 }
 
-TEST_F(Holders, AClientOfAnEarlierEndpointIsNotGivenOutAnyMore) {
+TEST_F(Holders, AClientOfAnEarlierEndpointIsReplaced) {
   start();
   ASSERT_NE(ClientRegistry::instance().getClient(lunet::kAgentGuid), nullptr);
   testsupport::FakeEndpoint later;

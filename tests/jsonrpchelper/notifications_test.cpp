@@ -75,7 +75,7 @@ TEST_P(Notification, ThatCannotBeSentGivesTheBussError) {
   EXPECT_EQ(notify(notifier, name(), sampleParameters(GetParam())), lunet::kErrNotSame);
 }
 
-TEST_P(Notification, SendsWhatIsNoObjectAsAnEmptyOne) {
+TEST_P(Notification, SendsAnEmptyObjectForAnotherValue) {
   Json::Value parameters = sampleParameters(GetParam());
   for (const auto& parameter : GetParam().parameters) {
     if (parameter.kind == kObject) {
@@ -113,14 +113,14 @@ TEST_P(Notification, WithAParameterOfAnotherKindNeverReachesTheReceiver) {
   EXPECT_TRUE(received().empty());
 }
 
-TEST_P(Notification, WithAParameterMoreStillReachesTheReceiver) {
+TEST_P(Notification, WithAnExtraParameterReachesTheReceiver) {
   Json::Value parameters = sampleParameters(GetParam());
   parameters["of a later agent"] = true;
   arrive(parameters);
   EXPECT_EQ(received().size(), 1u);
 }
 
-TEST_P(Notification, WhoseReceiverThrowsIsLostAndNothingElse) {
+TEST_P(Notification, WhoseReceiverThrowsIsLostAlone) {
   const auto fail = [] { throw std::runtime_error("the report is full"); };
   scan.before = fail;
   business.before = fail;

@@ -176,7 +176,7 @@ TEST_F(LinkOverTheBus, AHandlerOfTheAgentMayNotifyItsCallerBeforeItAnswers) {
   EXPECT_TRUE(waitFor([&] { return business->log.size() == 1; }));
 }
 
-TEST_F(LinkOverTheBus, AnotherProcessOfTheOwnUserIsHeardAtAnAddressThatIsNotTheAgents) {
+TEST_F(LinkOverTheBus, AProcessOfTheSameUserReachesTheConsoleFromAnotherAddress) {
   Agent other(tree.path(), "5D1C9F0E-3B1B-4B0A-9C55-0C6E0C0A7D11");
   const lunet::Guid target = lunet::parseGuid(lunet::kConsoleGuid);
   const std::string notice =
@@ -236,7 +236,7 @@ TEST_F(LinkOverTheBus, AnErrorOfTheAgentIsThrownWithItsCodeAndMessage) {
   }
 }
 
-/// A console whose agent is a script.
+/// A console with a scripted agent.
 class OddAgent : public testing::Test {
  protected:
   static AgentStub stub() {
@@ -283,7 +283,7 @@ TEST_F(OddAgent, ThatDiesDuringACallEndsTheCallAndWorksAgainWhenItIsBack) {
   EXPECT_EQ(failure(), "none");
 }
 
-TEST_F(OddAgent, ThatIsAwayMakesANotificationFailAtOnce) {
+TEST_F(OddAgent, ThatIsGoneMakesANotificationFailAtOnce) {
   agent.leave();
   try {
     stub().call(CleanScanCache{});
@@ -293,7 +293,7 @@ TEST_F(OddAgent, ThatIsAwayMakesANotificationFailAtOnce) {
   }
 }
 
-TEST_F(OddAgent, ThatAnswersNothingIsNotWaitedForByCleanScanCache) {
+TEST_F(OddAgent, ThatAnswersNothingDoesNotDelayCleanScanCache) {
   agent.neverAnswer("cleanScanCache");
   stub().call(CleanScanCache{});
   ASSERT_TRUE(agent.waitForCall("cleanScanCache"));

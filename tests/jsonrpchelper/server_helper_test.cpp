@@ -62,7 +62,7 @@ class ServerHelper : public testing::Test {
   IJsonRpcServerHelper helper;
 };
 
-TEST_F(ServerHelper, BothReceiversGetTheirsWhenTheScanReceiverIsBuiltFirst) {
+TEST_F(ServerHelper, BothReceiversGetTheirMessagesWhenTheScanReceiverIsBuiltFirst) {
   RecordingScan scan(helper);
   RecordingBusiness business(helper);
   scan.StartListening();
@@ -89,7 +89,7 @@ TEST_F(ServerHelperLimits, AMessageAtTheLimitIsHandled) {
   EXPECT_EQ(business.log.size(), 1u);
 }
 
-TEST_F(ServerHelperLimits, AOnewayMessageOverTheLimitIsLoggedAndDroppedUnread) {
+TEST_F(ServerHelperLimits, AnOnewayMessageOverTheLimitIsLoggedAndDropped) {
   business.StartListening();
   send(padded(progress(1), jsonrpchelper::kMaxRequestBytes + 1));
   EXPECT_EQ(business.log.size(), 0u);
@@ -97,7 +97,7 @@ TEST_F(ServerHelperLimits, AOnewayMessageOverTheLimitIsLoggedAndDroppedUnread) {
   EXPECT_THAT(logged()[0], HasSubstr("8388609 is over the limit of 8388608"));
 }
 
-TEST_F(ServerHelperLimits, ANotificationOfATrustedSenderMayBeAsLongAsTheBusCarries) {
+TEST_F(ServerHelperLimits, ANotificationOfATrustedSenderMayHaveTheLongestSizeOfTheBus) {
   business.StartListening();
   endpoint.peerProcess.trusted = true;
   send(padded(progress(1), jsonrpchelper::kMaxRequestBytes + 1));
@@ -105,13 +105,13 @@ TEST_F(ServerHelperLimits, ANotificationOfATrustedSenderMayBeAsLongAsTheBusCarri
   EXPECT_THAT(logged(), testing::IsEmpty());
 }
 
-TEST_F(ServerHelperLimits, ARequestOfATrustedSenderHasTheLimitOfAll) {
+TEST_F(ServerHelperLimits, ARequestOfATrustedSenderHasTheCommonLimit) {
   endpoint.peerProcess.trusted = true;
   const Json::Value answer = ask(std::string(jsonrpchelper::kMaxRequestBytes + 1, '['));
   EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
 }
 
-TEST_F(ServerHelperLimits, WhatIsNotReadForItsSizeOrNestingIsLoggedOnceAsAnErrorWithItsSender) {
+TEST_F(ServerHelperLimits, AMessageRefusedForItsSizeOrNestingIsLoggedOnceWithItsSender) {
   business.StartListening();
   endpoint.peer = lunet::parseGuid(lunet::kAgentGuid);
   endpoint.peerProcess = {42, 23456, 23456, 4711};
@@ -141,13 +141,13 @@ TEST_F(ServerHelperLimits, WhatIsNotReadForItsSizeOrNestingIsLoggedOnceAsAnError
   EXPECT_EQ(business.log.size(), 0u);
 }
 
-TEST_F(ServerHelperLimits, ARequestOverTheLimitIsAnsweredWithAnErrorUnread) {
+TEST_F(ServerHelperLimits, ARequestOverTheLimitIsAnsweredWithAnError) {
   const Json::Value answer = ask(std::string(jsonrpchelper::kMaxRequestBytes + 1, '['));
   EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
   EXPECT_THAT(answer["error"]["message"].asString(), HasSubstr("8388609 is over the limit of 8388608"));
 }
 
-TEST_F(ServerHelperLimits, ABatchOfAsManyRequestsAsMayBeIsHandledOneByOne) {
+TEST_F(ServerHelperLimits, ABatchOfTheLargestSizeIsHandledOneByOne) {
   std::string batch = "[0";
   for (std::size_t i = 1; i < jsonrpchelper::kMaxBatchRequests; ++i) {
     batch += ",0";
@@ -157,7 +157,7 @@ TEST_F(ServerHelperLimits, ABatchOfAsManyRequestsAsMayBeIsHandledOneByOne) {
   EXPECT_EQ(answer.size(), jsonrpchelper::kMaxBatchRequests);
 }
 
-TEST_F(ServerHelperLimits, ABatchOfTooManyRequestsGetsOneErrorAndNotOneForEach) {
+TEST_F(ServerHelperLimits, ABatchOfTooManyRequestsGetsOneError) {
   std::string batch = "[0";
   for (std::size_t i = 0; i < jsonrpchelper::kMaxBatchRequests; ++i) {
     batch += ",0";
@@ -168,7 +168,7 @@ TEST_F(ServerHelperLimits, ABatchOfTooManyRequestsGetsOneErrorAndNotOneForEach) 
   EXPECT_THAT(answer["error"]["message"].asString(), HasSubstr("1001 is over the limit of 1000"));
 }
 
-TEST_F(ServerHelper, BothReceiversGetTheirsWhenTheBusinessReceiverIsBuiltFirst) {
+TEST_F(ServerHelper, BothReceiversGetTheirMessagesWhenTheBusinessReceiverIsBuiltFirst) {
   RecordingBusiness business(helper);
   RecordingScan scan(helper);
   business.StartListening();
@@ -188,7 +188,7 @@ TEST_F(ServerHelper, AStageWithDetailInsteadOfDatailIsRejected) {
   EXPECT_EQ(scan.log.size(), 1u);
 }
 
-TEST_F(ServerHelper, AMessageOfOneWhoIsNotAcceptedIsLoggedAndHandledByNobody) {
+TEST_F(ServerHelper, AMessageOfARefusedSenderIsLoggedAndNotHandled) {
   RecordingBusiness business(helper);
   business.StartListening();
   helper.acceptOnly([](const jsonrpchelper::Caller& caller) { return caller.process.uid == 0; });
@@ -203,14 +203,14 @@ TEST_F(ServerHelper, AMessageOfOneWhoIsNotAcceptedIsLoggedAndHandledByNobody) {
   EXPECT_EQ(business.log.size(), 1u);
 }
 
-TEST_F(ServerHelper, ARequestOfOneWhoIsNotAcceptedIsAnsweredWithAnError) {
+TEST_F(ServerHelper, ARequestOfARefusedSenderIsAnsweredWithAnError) {
   helper.acceptOnly([](const jsonrpchelper::Caller&) { return false; });
   const Json::Value answer = ask(progress(1));
   EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
   EXPECT_EQ(answer["error"]["message"].asString(), "this endpoint does not serve the sender");
 }
 
-TEST_F(ServerHelper, NothingIsDeliveredBeforeListeningStartsNorAfterItStops) {
+TEST_F(ServerHelper, MessagesAreDeliveredOnlyWhileTheServerListens) {
   RecordingBusiness business(helper);
   send(progress(1));
   EXPECT_EQ(business.log.size(), 0u);
@@ -223,7 +223,7 @@ TEST_F(ServerHelper, NothingIsDeliveredBeforeListeningStartsNorAfterItStops) {
   EXPECT_EQ(business.log.size(), 1u);
 }
 
-TEST_F(ServerHelper, AReceiverThatGoesTakesItselfOffTheList) {
+TEST_F(ServerHelper, ADestroyedReceiverLeavesTheList) {
   {
     RecordingBusiness business(helper);
     business.StartListening();
@@ -239,7 +239,7 @@ TEST_F(ServerHelper, AReceiverMayOutliveTheHelper) {
   business.StopListening();
 }
 
-TEST_F(ServerHelper, StoppingWaitsForAHandlerThatRuns) {
+TEST_F(ServerHelper, StoppingWaitsForARunningHandler) {
   RecordingBusiness business(helper);
   std::atomic<bool> inside = false;
   std::atomic<bool> release = false;
@@ -302,7 +302,7 @@ TEST_P(Malformed, IsDroppedOnTheOneWayChannel) {
   EXPECT_EQ(agent.log.size() + scan.log.size(), 0u);
 }
 
-TEST_P(Malformed, IsAnsweredWithAnErrorWhereNobodyListens) {
+TEST_P(Malformed, IsAnsweredWithAnErrorWithoutAServer) {
   EXPECT_TRUE(ask(GetParam().text)["error"]["code"].isInt());
 }
 
@@ -330,7 +330,7 @@ INSTANTIATE_TEST_SUITE_P(
         MalformedCase{"ParamsMissing", R"({"jsonrpc":"2.0","id":1,"method":"getAVConfig"})", -32602}),
     [](const auto& testCase) { return std::string(testCase.param.name); });
 
-TEST_F(ServerHelper, AMessageIsReadByItsLengthNotUpToAZero) {
+TEST_F(ServerHelper, AMessageMayHoldZeroBytes) {
   RecordingAgent agent(helper);
   agent.StartListening();
   agent.text = "ok";
@@ -373,7 +373,7 @@ TEST_F(ServerHelper, ARequestOnTheOneWayChannelIsHandledWithoutAReply) {
   EXPECT_EQ(agent.log.size(), 1u);
 }
 
-TEST_F(ServerHelper, ABatchIsHandledRequestByRequestWhoeverTheyAreFor) {
+TEST_F(ServerHelper, ARequestOfABatchGoesToItsOwnServer) {
   RecordingScan scan(helper);
   RecordingBusiness business(helper);
   RecordingAgent agent(helper);
@@ -401,7 +401,7 @@ TEST_F(ServerHelper, AReceiverThatThrowsIsLoggedAsAnError) {
   EXPECT_EQ(logged()[0], "3ReceiveCallback: Caught exception:\n the report is full");
 }
 
-/// A handler that runs `act`, as no server of this project would.
+/// A handler that runs `act`.
 struct RawHandler : jsonrpc::IClientConnectionHandler {
   std::function<void(std::string&)> act;
   void HandleRequest(const std::string&, std::string& response) override { act(response); }
@@ -435,19 +435,19 @@ TEST_F(RawHandlerOnTheHelper, AnyOtherExceptionIsAnsweredWithAnInternalError) {
   EXPECT_THAT(logged().at(0), HasSubstr("Caught exception:\n broken"));
 }
 
-TEST_F(RawHandlerOnTheHelper, WhatIsNoExceptionAtAllDoesNotLeaveTheCallback) {
+TEST_F(RawHandlerOnTheHelper, AThrownNumberDoesNotLeaveTheCallback) {
   handler.act = [](std::string&) { throw 5; };
   EXPECT_EQ(ask("{}")["error"]["code"], Errors::ERROR_RPC_INTERNAL_ERROR);
   send("{}");
 }
 
-TEST_F(RawHandlerOnTheHelper, AReplyThatCannotBeSentIsNoFailure) {
+TEST_F(RawHandlerOnTheHelper, AReplyThatCannotBeSentIsIgnored) {
   handler.act = [](std::string& response) { response = "x"; };
   endpoint.failReplies = true;
   EXPECT_FALSE(endpoint.deliver(lunet::kRequestChannel, "{}", true).replied);
 }
 
-TEST_F(ServerHelper, AHandlerCanAskWhoCalls) {
+TEST_F(ServerHelper, AHandlerCanGetTheCaller) {
   RecordingAgent agent(helper);
   agent.StartListening();
   endpoint.peer = lunet::parseGuid(lunet::kConsoleGuid);
@@ -461,7 +461,7 @@ TEST_F(ServerHelper, AHandlerCanAskWhoCalls) {
   EXPECT_EQ(jsonrpchelper::currentCaller().guid, lunet::Guid{});
 }
 
-TEST_F(ServerHelper, TheCallerIsThatOfTheMessageAlsoWhenOneIsHandledInsideAnother) {
+TEST_F(ServerHelper, ANestedMessageHasItsOwnCaller) {
   RecordingAgent agent(helper);
   agent.StartListening();
   std::vector<pid_t> seen;

@@ -28,8 +28,7 @@ struct StartScanTask {
   std::int32_t source;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("ctx", self.ctx);
     visit("desc", self.desc);
     visit("params", self.params);
@@ -51,8 +50,7 @@ struct CtlBus {
   std::int32_t source;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("action", self.action);
     visit("detail", self.detail);
     visit("mark", self.mark);
@@ -78,8 +76,7 @@ struct GetAVConfig {
   std::int32_t config_type;
   std::int32_t request_source;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("config_type", self.config_type);
     visit("request_source", self.request_source);
   }
@@ -95,8 +92,7 @@ struct SetAVConfig {
   std::int32_t config_type;
   std::int32_t request_source;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("config_str", self.config_str);
     visit("config_type", self.config_type);
     visit("request_source", self.request_source);
@@ -115,8 +111,7 @@ struct StartDeIsolate {
   std::int32_t source;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("ctx", self.ctx);
     visit("desc", self.desc);
     visit("params", self.params);
@@ -143,8 +138,7 @@ struct CtlRegion {
   std::int32_t region_type;
   std::int32_t source;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("desc", self.desc);
     visit("items", self.items);
     visit("region_type", self.region_type);
@@ -162,8 +156,7 @@ struct GetRegionInfo {
   std::int32_t item_type;
   std::int32_t region_type;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("domain", self.domain);
     visit("item_type", self.item_type);
     visit("region_type", self.region_type);

@@ -24,8 +24,7 @@ struct ReportRiskInfo {
   std::int32_t risk_info_type;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("business_type", self.business_type);
     visit("fix_method", self.fix_method);
     visit("risk_info", self.risk_info);
@@ -46,8 +45,7 @@ struct ReportRiskFixInfo {
   JsonObject risk_repair_result;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("business_type", self.business_type);
     visit("fix_method", self.fix_method);
     visit("risk_info", self.risk_info);
@@ -65,8 +63,7 @@ struct ReportScanBusOverView {
   JsonObject overview;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("overview", self.overview);
     visit("token_id", self.token_id);
   }
@@ -81,8 +78,7 @@ struct ReportScanBusStage {
   std::int32_t stage;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("datail", self.datail);
     visit("stage", self.stage);
     visit("token_id", self.token_id);
@@ -98,8 +94,7 @@ struct ReportScanAttributeInfo {
   std::int32_t source;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("payload", self.payload);
     visit("source", self.source);
     visit("token_id", self.token_id);
@@ -119,8 +114,7 @@ struct ReportBusStatus {
   std::string token_id;
   std::int32_t type;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("ctx", self.ctx);
     visit("detail", self.detail);
     visit("params", self.params);
@@ -139,8 +133,7 @@ struct ReportBusProgress {
   std::int32_t progress;
   std::string token_id;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit) {
+  static void members(auto& self, auto& visit) {
     visit("progress", self.progress);
     visit("token_id", self.token_id);
   }

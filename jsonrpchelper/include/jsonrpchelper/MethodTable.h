@@ -18,8 +18,7 @@
 ///     using Result = std::string;                             // void: a notification, no answer
 ///     std::int32_t config_type;                               // the parameters, in the agreed order
 ///     std::int32_t request_source;
-///     template <class Self, class Visitor>
-///     static void members(Self& self, Visitor& visit) {       // their keys, in the same order
+///     static void members(auto& self, auto& visit) {          // their keys, in the same order
 ///       visit("config_type", self.config_type);
 ///       visit("request_source", self.request_source);
 ///     }
@@ -60,8 +59,7 @@ class JsonArray : public Json::Value {
 };
 
 struct NoParameters {
-  template <class Self, class Visitor>
-  static void members(Self& /*self*/, Visitor& /*visit*/) {}
+  static void members(auto& /*self*/, auto& /*visit*/) {}
 };
 
 /// The JSON kind of a C++ type. No other types may be parameters or results.
