@@ -16,6 +16,9 @@ struct EditorSettings {
   std::string wordDelimiters = " !\"#$%&'()*+,-./:;<=>?@[\\]^_`{|}~";
   std::string lastCut;  ///< the text cut last, at any prompt; the paste keys insert this text
 };
-EditorSettings& settings();
+inline EditorSettings& settings() {
+  static EditorSettings instance;
+  return instance;
+}
 
 }  // namespace lineeditor

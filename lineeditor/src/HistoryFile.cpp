@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
@@ -9,6 +8,7 @@
 #include "Utf8.h"
 #include "lineeditor/History.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 
 namespace lineeditor {
 
@@ -23,16 +23,10 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 /// Opens regular files only. Reading from a pipe could block the console.
 File openForReading(const char* path) {
-  const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    return nullptr;
-  }
+  platform::Descriptor file = platform::openQuietly(AT_FDCWD, path, 0);
   struct stat status {};
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-    close(descriptor);
-    return nullptr;
-  }
-  return File(fdopen(descriptor, "r"));
+  const bool regular = file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+  return File(regular ? fdopen(file.release(), "r") : nullptr);
 }
 
 void storePiece(std::string_view piece) {

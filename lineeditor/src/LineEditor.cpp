@@ -51,15 +51,13 @@ char* readLine(const char* prompt, char* buffer, std::size_t size, bool noHistor
   question.maxBytes = std::min(size - 1, kMaxLineBytes);
   question.isMainPrompt = !noHistory;
   KeyLoop loop(question);
-  switch (loop.run()) {
-    case KeyLoop::Result::kAccepted:
-      break;
-    case KeyLoop::Result::kCancelled:
-      buffer[0] = '\0';
-      errno = EAGAIN;
-      return nullptr;
-    default:
-      return nullptr;
+  const KeyLoop::Result result = loop.run();
+  if (result == KeyLoop::Result::kCancelled) {
+    buffer[0] = '\0';
+    errno = EAGAIN;
+  }
+  if (result != KeyLoop::Result::kAccepted) {
+    return nullptr;
   }
   if (!noHistory) {
     historyAdd(loop.line());

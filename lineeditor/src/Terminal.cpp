@@ -46,10 +46,7 @@ void erasePagerPrompt() {
     display.show(Content{});
     return;
   }
-  int rows = 0;
-  int cols = 0;
-  screenSize(rows, cols);
-  if (terminalUsable() && static_cast<int>(kPagerPrompt.size()) >= cols) {
+  if (terminalUsable() && static_cast<int>(kPagerPrompt.size()) >= terminal().size().cols) {
     display.remove();  // backspaces do not move up to the row above
   } else {
     display.forget();
@@ -141,11 +138,9 @@ int pageBreak(int length) {
   if (!terminal().inputIsTerminal()) {
     return 0;
   }
-  int rows = 0;
-  int cols = 0;
-  screenSize(rows, cols);
-  pagerLines += (length + cols - 1) / cols;
-  if (pagerLines < rows - 1) {
+  const TerminalSize size = terminal().size();
+  pagerLines += (length + size.cols - 1) / size.cols;
+  if (pagerLines < size.rows - 1) {
     return 0;
   }
   showPagerPrompt();

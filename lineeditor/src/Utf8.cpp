@@ -174,11 +174,7 @@ std::size_t nextBoundary(std::string_view text, std::size_t offset) {
 
 std::size_t previousBoundary(std::string_view text, std::size_t offset) {
   std::size_t at = 0;
-  while (at < offset) {
-    const std::size_t next = at + characterAt(text, at).length;
-    if (next >= offset) {
-      break;
-    }
+  for (std::size_t next = 0; next < offset; next = nextBoundary(text, at)) {
     at = next;
   }
   return at;
@@ -190,13 +186,10 @@ std::string_view cutAtCharacter(std::string_view text, std::size_t maxBytes) {
     return text;
   }
   std::size_t at = 0;
-  while (true) {
-    const std::size_t next = at + characterAt(text, at).length;
-    if (next > maxBytes) {
-      return text.substr(0, at);
-    }
+  for (std::size_t next = 0; next <= maxBytes; next = nextBoundary(text, at)) {
     at = next;
   }
+  return text.substr(0, at);
 }
 
 std::size_t sequenceLength(unsigned char lead) {

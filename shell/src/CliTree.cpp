@@ -42,8 +42,6 @@ class MatchedMarks {
 CliTree::CliTree()
     : rootInfo_("root", 1, 1, 0), tree_(&rootInfo_, nullptr), hintColour_(lineeditor::kWhiteOnCyan) {}
 
-CliTree::~CliTree() = default;
-
 CliTreeNode* CliTree::append(CliNodeInfo* parent, CliNodeInfo* child) {
   CliTreeNode* const above = findBelow(&tree_, parent);
   if (above == nullptr || child == nullptr) {
@@ -57,23 +55,11 @@ CliTreeNode* CliTree::append(CliNodeInfo* parent, CliNodeInfo* child) {
   return place->get();
 }
 
-void CliTree::addChild(CliNodeInfo* parent, CliNodeInfo* child) {
-  append(parent, child);
-}
-
-void CliTree::addChild(CliNodeInfo* child) {
-  append(&rootInfo_, child);
-}
-
 void CliTree::addChild(CliNodeInfo* parent, CliNodeInfo* child, std::uint32_t tag) {
   CliTreeNode* const added = append(parent, child);
   if (added != nullptr && added->parent->firstChild.get() != added) {
     added->tag = tag;
   }
-}
-
-void CliTree::addChild(CliNodeInfo* child, std::uint32_t tag) {
-  addChild(&rootInfo_, child, tag);
 }
 
 const CliTreeNode* CliTree::find(const CliNodeInfo* info) const {

@@ -17,8 +17,6 @@ namespace {
 
 TavCliCompletion::TavCliCompletion() : tree_(std::make_unique<CliTree>()) {}
 
-TavCliCompletion::~TavCliCompletion() = default;
-
 int TavCliCompletion::init() {
   load(this);
   forEachModule([this](TavcliCmdInterface& module) { module.attach(tree_.get()); });

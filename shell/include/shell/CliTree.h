@@ -49,7 +49,7 @@ struct CliTreeNode {
 class CliTree {
  public:
   CliTree();
-  virtual ~CliTree();
+  virtual ~CliTree() = default;
   CliTree(const CliTree&) = delete;
   CliTree& operator=(const CliTree&) = delete;
 
@@ -58,11 +58,11 @@ class CliTree {
 
   /// Appends the child behind the other children of the parent. The parent is found by identity, not by name.
   /// Nothing happens when the parent is not in the tree.
-  void addChild(CliNodeInfo* parent, CliNodeInfo* child);
-  void addChild(CliNodeInfo* child);
+  void addChild(CliNodeInfo* parent, CliNodeInfo* child) { append(parent, child); }
+  void addChild(CliNodeInfo* child) { append(&rootInfo_, child); }
   /// The same with a tag. A first child does not keep the tag: its tag is 0.
   void addChild(CliNodeInfo* parent, CliNodeInfo* child, std::uint32_t tag);
-  void addChild(CliNodeInfo* child, std::uint32_t tag);
+  void addChild(CliNodeInfo* child, std::uint32_t tag) { addChild(&rootInfo_, child, tag); }
 
   /// Walks the line and calls the handler of each node matched. Returns 0 at the end of the walk, even when
   /// some words were not used. Returns -1 when a value or a required option is missing. Missing options are

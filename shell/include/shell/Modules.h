@@ -113,8 +113,11 @@ class TavcliCmdInterface : public utils::TaskInterface<std::string, CliTree*, ut
   TavcliCmdInterface& operator=(const TavcliCmdInterface&) = delete;
 
   /// Stores the owner; returns 0.
-  int load(CObject* owner) override;
-  int attach(CliTree* tree) override;
+  int load(CObject* owner) override {
+    owner_ = owner;
+    return 0;
+  }
+  int attach(CliTree* tree) override { return buildTree(tree); }
   int registerSelf() override;
   /// Makes the grammar records of the module and appends the records to the tree.
   virtual int buildTree(CliTree* tree) = 0;

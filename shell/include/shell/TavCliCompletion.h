@@ -13,8 +13,6 @@
 class TavCliCompletion : public utils::ModuleAbstract<TavCliCompletion, TavcliCmdInterface>,
                          public utils::SingletonAbstract<TavCliCompletion> {
  public:
-  ~TavCliCompletion() override;
-
   /// Loads every registered module, then attaches every module to the tree, both in name order. Call once,
   /// before the first line. Returns 1.
   int init();
