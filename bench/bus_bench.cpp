@@ -1,5 +1,5 @@
-// The bus beside the least that two processes can do: a bare ping-pong over a SEQPACKET socket pair, in the
-// same run. Prints a table; the ratios are what counts, the times are this machine's today.
+// Compares the bus with a bare ping-pong over a SEQPACKET socket pair in the same run. Prints a table:
+// compare the ratios, because the times depend on the machine.
 
 #include <sched.h>
 #include <sys/socket.h>
@@ -160,7 +160,7 @@ double busRoundTrip(Bus& bus, const lunet::Guid& target) {
   return secondsSince(begin) / kRoundTrips;
 }
 
-/// Messages a second, all of them delivered: the call behind them is answered after them.
+/// Messages a second. The call after the messages is answered when all are delivered.
 double busOneway(Bus& bus, const lunet::Guid& target) {
   const std::array<char, kBytes> data{};
   const Clock::time_point begin = Clock::now();
@@ -183,8 +183,8 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-/// All threads of a process on one processor: where the scheduler puts two processes changes a ping-pong by
-/// a factor of eight, and it decides anew for each pair.
+/// Puts all threads of a process on one processor. The scheduler's placement of two processes changes a
+/// ping-pong by a factor of eight.
 void pin(pid_t pid, int cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);
@@ -221,7 +221,7 @@ struct Figures {
 Figures measure(Bus& bus, int bareFd) {
   const lunet::Guid server = lunet::parseGuid(kServer);
   Figures figures;
-  for (int round = 0; round < kRounds; ++round) {  // in turns: what else the machine does hits both
+  for (int round = 0; round < kRounds; ++round) {  // in turns: other load on the machine affects both
     figures.bare.push_back(bareRoundTrip(bareFd));
     figures.trip.push_back(busRoundTrip(bus, server));
     figures.oneway.push_back(busOneway(bus, server));

@@ -1,5 +1,5 @@
-// The prompt as the operator feels it, beside bash (readline) in the same run: from a key's byte to its echo
-// on the pty, from exec to prompt with the agent up, and resident memory at the prompt.
+// Compares the prompt with bash (readline) in the same run: the time from a key's byte to its echo on the
+// pty, the time from exec to the prompt with a running agent, and the resident memory at the prompt.
 //
 //   editor_bench STAGE        an install tree whose agent is running
 #include <fcntl.h>
@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,7 @@ constexpr int kKeys = 2000;
 constexpr int kKeysPerLine = 40;
 constexpr int kStarts = 21;
 constexpr int kLimitMs = 10000;
+constexpr const char* kEraseLine = "\x15";  // Ctrl-U
 
 struct Program {
   std::vector<std::string> command;
@@ -58,7 +60,7 @@ class Session {
     type(program_.end);
     for (pollfd watched = {master_, POLLIN, 0}; poll(&watched, 1, kLimitMs) == 1 && take();) {
     }
-    kill(pid_, SIGKILL);  // it has ended already, unless something is wrong
+    kill(pid_, SIGKILL);  // the program has ended before, unless it hangs
     waitpid(pid_, nullptr, 0);
     close(master_);
   }
@@ -75,7 +77,7 @@ class Session {
     waitFor(std::string(1, key));
     return Clock::now() - begin;
   }
-  /// A key whose effect is not timed; waits until the program is quiet again.
+  /// Types keys without timing, and waits until the program is quiet.
   void press(const std::string& keys) {
     type(keys);
     for (pollfd watched = {master_, POLLIN, 0}; poll(&watched, 1, 20) == 1 && take();) {
@@ -147,14 +149,14 @@ void row(const char* what, double here, double beside, const char* note) {
   std::printf("%-58s %14.1f %14.1f %8.2f  %s\n", what, here, beside, here / beside, note);
 }
 
-/// Key by key, by turns the one and the other first, so that both meet the same machine.
+/// Types key by key; the two programs take turns in being first, so that load affects both.
 void measureEcho(Session& console, Session& bash) {
   std::vector<double> consoleTimes;
   std::vector<double> bashTimes;
   for (int i = 0; i < kKeys; ++i) {
     if (i % kKeysPerLine == 0) {
-      console.press("\x15");
-      bash.press("\x15");
+      console.press(kEraseLine);
+      bash.press(kEraseLine);
     }
     const char key = static_cast<char>('a' + i % 26);
     if (i % 2 == 0) {
@@ -193,18 +195,11 @@ int main(int argc, char** argv) {
     std::perror("mkdtemp");
     return 1;
   }
-  setenv("XDG_STATE_HOME", state, 1);  // the operator's own history stays as it is
+  setenv("XDG_STATE_HOME", state, 1);  // keeps the user's history unchanged
   const std::string bin = std::string(argv[1]) + "/bin";
-  const Program console{{bin + "/tavcli"},
-                        bin,
-                        "TAV> ",
-                        "\x15"
-                        "exit\r"};
-  const Program bash{{"bash", "--norc", "--noprofile", "-i"},
-                     "",
-                     "PROMPT> ",
-                     "\x15"
-                     "exit\r"};
+  const std::string end = std::string(kEraseLine) + "exit\r";
+  const Program console{{bin + "/tavcli"}, bin, "TAV> ", end};
+  const Program bash{{"bash", "--norc", "--noprofile", "-i"}, "", "PROMPT> ", end};
   int result = 0;
   try {
     measureStart(console, bash);
@@ -217,6 +212,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "editor_bench: %s\n", error.what());
     result = 1;
   }
-  const std::string cleanUp = std::string("rm -rf '") + state + "'";
-  return std::system(cleanUp.c_str()) == 0 ? result : 1;
+  std::filesystem::remove_all(state);
+  return result;
 }

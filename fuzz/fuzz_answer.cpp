@@ -1,5 +1,5 @@
-// Any bytes as the agent's answer to any method: a result, or jsonrpc::JsonRpcException; nothing else. The
-// methods are those of the table.
+// Any bytes as the agent's answer to each method of the table. The call gives a result or throws
+// jsonrpc::JsonRpcException, and gives every buffer back.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const std::string bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
   testsupport::FakeEndpoint endpoint;
-  // Half of the inputs are put where the result or the error stands, so that the rest need not be guessed.
+  // Half of the inputs stand in for the result or the error of a valid answer.
   endpoint.answer = [&](const std::string&) {
     const std::string head = R"({"jsonrpc":"2.0","id":1,)";
     return data[0] < 64    ? head + R"("result":)" + bytes + "}"

@@ -1,5 +1,5 @@
-// Any text as a record: reading never fails badly, and what was read is written and read back the same. Any
-// bytes as a path: they come back, and travel as UTF-8.
+// Any text as a record: a record that was read is the same after writing and reading. Any bytes as a path:
+// decoding gives the same bytes, and the encoded path is UTF-8.
 #include <utf8proc.h>
 
 #include <cstddef>
@@ -48,7 +48,7 @@ void readAsRecord(const std::string& text, std::size_t which) {
     require(record->ToString(written, style));
     const auto again = kRecords[which % std::size(kRecords)]();
     require(again->FromString(written));
-    // Once written, broken UTF-8 has been replaced; from then on nothing changes any more.
+    // The first writing replaces broken UTF-8. Later writings change nothing.
     std::string rewritten;
     require(again->ToString(rewritten, style) && rewritten == written);
     require(valueOf(*again).size() == valueOf(*record).size());

@@ -1,5 +1,5 @@
-// Any bytes on either channel, with all three servers listening: nothing leaves the callback, a request gets
-// an answer that is JSON (or, a notification, an empty one), a one-way message none.
+// Any bytes on either channel, with all three servers listening. No exception leaves the callback. A request
+// gets a JSON answer, or an empty one when it is a notification. A one-way message gets no answer.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -20,8 +20,7 @@ namespace {
 
 using namespace jsonrpchelper;
 
-// Each server overrides every operation: a method or notification of the table that is left out does not
-// compile.
+// Each server overrides every operation: a missing method or notification of the table does not compile.
 
 class Scan : public IScanCAbstract {
  public:
@@ -76,7 +75,7 @@ class Agent : public IAgentAbstract {
   std::int32_t getScanCacheDetail(const GetScanCacheDetail&) override { throw 5; }
 };
 
-/// One helper with everything on it, for all inputs.
+/// One helper with all servers, for all inputs.
 struct World {
   testsupport::FakeEndpoint endpoint;
   IJsonRpcServerHelper helper;
