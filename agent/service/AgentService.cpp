@@ -100,14 +100,14 @@ std::optional<Json::Value> AgentService::refusal(Access access, const std::strin
   return answer;
 }
 
-bool AgentService::changed(const CallerId& caller, const char* method, const std::string& object, bool ok,
-                           const std::string& why) {
+bool AgentService::changed(const CallerId& caller, const char* method, const std::string& object,
+                           const platform::Expected<void>& outcome) {
   const std::string action = actionOf(method);
-  AGENT_LOG(ok ? LogLevel::kInfo : LogLevel::kError, "%s by user %u (process %d): %s: %s", action.c_str(),
-            caller.uid, caller.pid, store::cutField(object).c_str(),
-            ok ? "done" : store::cutField(why).c_str());
-  store_.audit(caller, action, object, ok ? "done" : "refused: " + why);
-  return ok;
+  AGENT_LOG(outcome ? LogLevel::kInfo : LogLevel::kError, "%s by user %u (process %d): %s: %s",
+            action.c_str(), caller.uid, caller.pid, store::cutField(object).c_str(),
+            outcome ? "done" : store::cutField(outcome.error()).c_str());
+  store_.audit(caller, action, object, outcome ? "done" : "refused: " + outcome.error());
+  return outcome.has_value();
 }
 
 JsonObject AgentService::startScanTask(const StartScanTask& request) {
@@ -123,10 +123,11 @@ JsonObject AgentService::startScanTask(const StartScanTask& request) {
 
 bool AgentService::ctlBus(const CtlBus& request) {
   const CallerId caller = whoAsks();
-  std::string why;
-  const bool done = tasks_.control(request.action, request.token_id, request.detail, caller, &why);
-  return changed(caller, request.kName, request.token_id + " action " + std::to_string(request.action), done,
-                 why);
+  const auto action = json::fromNumber<json::ControlAction>(request.action);
+  std::string why = "unknown action " + std::to_string(request.action);
+  const bool done = action && tasks_.control(*action, request.token_id, request.detail, caller, &why);
+  return changed(caller, request.kName, request.token_id + " action " + std::to_string(request.action),
+                 done ? platform::Expected<void>() : platform::failure(why));
 }
 
 JsonArray AgentService::getBusList(const GetBusList& /*request*/) {
@@ -143,10 +144,10 @@ std::string AgentService::getAVConfig(const GetAVConfig& request) {
 
 bool AgentService::setAVConfig(const SetAVConfig& request) {
   const auto known = json::fromNumber<json::ConfigType>(request.config_type);
-  std::string why = noSettings(request.config_type);
-  const bool done = known && store_.settings().change(*known, request.config_str, &why);
+  const platform::Expected<void> done = known ? store_.settings().change(*known, request.config_str)
+                                              : platform::failure(noSettings(request.config_type));
   return changed(whoAsks(), request.kName,
-                 "type " + std::to_string(request.config_type) + " " + request.config_str, done, why);
+                 "type " + std::to_string(request.config_type) + " " + request.config_str, done);
 }
 
 JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
@@ -163,11 +164,10 @@ JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
                                                     *action == json::RestoreAction::kRestoreAndTrust,
                                                     json::decodePath(params.custom_path), caller);
   bool all = true;
-  for (const Quarantine::RestoreOutcome& outcome : outcomes) {
-    changed(caller, request.kName, outcome.uuid, outcome.result.ok, outcome.result.detail);
-    if (!outcome.result.ok) {
+  for (const store::Quarantine::RestoreOutcome& outcome : outcomes) {
+    if (!changed(caller, request.kName, outcome.uuid, outcome.result.map([](const Remark&) {}))) {
       all = false;
-      addRefusedItem(answer, outcome.uuid, outcome.result.detail);
+      addRefusedItem(answer, outcome.uuid, outcome.result.error());
     }
   }
   answer["status"] = all;
@@ -182,12 +182,13 @@ JsonArray AgentService::getIsolationInfo(const GetIsolationInfo& /*request*/) {
 bool AgentService::ctlRegion(const CtlRegion& request) {
   const CallerId caller = whoAsks();
   const auto region = json::fromNumber<json::Region>(request.region_type);
-  std::string why = "there is no region " + std::to_string(request.region_type);
-  const bool done = region && store_.regions().change(*region, request.items, caller, &why);
+  const platform::Expected<void> done =
+      region ? store_.regions().change(*region, request.items, caller)
+             : platform::failure("there is no region " + std::to_string(request.region_type));
   return changed(
       caller, request.kName,
-      "type " + std::to_string(request.region_type) + " " + compact(request.items) + " " + request.desc, done,
-      why);
+      "type " + std::to_string(request.region_type) + " " + compact(request.items) + " " + request.desc,
+      done);
 }
 
 JsonArray AgentService::getRegionInfo(const GetRegionInfo& request) {
@@ -200,7 +201,7 @@ JsonArray AgentService::getRegionInfo(const GetRegionInfo& request) {
 
 void AgentService::cleanScanCache(const CleanScanCache& request) {
   store_.cache().clear();
-  changed(whoAsks(), request.kName, "", true, "");
+  changed(whoAsks(), request.kName, "", {});
 }
 
 std::int32_t AgentService::getScanCacheDetail(const GetScanCacheDetail& /*request*/) {

@@ -31,8 +31,8 @@ class AgentService : public IAgentAbstract {
   std::int32_t getScanCacheDetail(const jsonrpchelper::GetScanCacheDetail& request) override;
 
  private:
-  bool changed(const CallerId& caller, const char* method, const std::string& object, bool ok,
-               const std::string& why);
+  bool changed(const CallerId& caller, const char* method, const std::string& object,
+               const platform::Expected<void>& outcome);
 
   Store& store_;
   TaskManager& tasks_;

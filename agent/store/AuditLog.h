@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "platform/Posix.h"
-#include "store/Store.h"
+#include "store/StoreTypes.h"
 
 namespace agent::store {
 

@@ -15,11 +15,8 @@
 namespace agent::store {
 namespace {
 
-/// All but the change time, which the new name moved.
 bool isFile(const struct stat& st, const FileIdentity& file) {
-  const FileIdentity now = FileIdentity::of(st);
-  return S_ISREG(st.st_mode) && now.device == file.device && now.inode == file.inode &&
-         now.size == file.size && now.modifyTimeNs == file.modifyTimeNs;
+  return S_ISREG(st.st_mode) && FileIdentity::of(st).sameContent(file);
 }
 
 }  // namespace

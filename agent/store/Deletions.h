@@ -5,7 +5,7 @@
 
 #include "platform/Posix.h"
 #include "store/Sqlite.h"
-#include "store/Store.h"
+#include "store/StoreTypes.h"
 
 namespace agent::store {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "store/Store.h"
+#include "store/StoreTypes.h"
 
 namespace agent::store {
 

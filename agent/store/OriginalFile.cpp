@@ -21,11 +21,6 @@ std::string ownPath(int fd) {
   return "/proc/self/fd/" + std::to_string(fd);
 }
 
-/// Content and place are the same; the change time may differ.
-bool sameContent(const FileIdentity& a, const FileIdentity& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modifyTimeNs == b.modifyTimeNs;
-}
-
 }  // namespace
 
 std::string privateName(const std::string& uuid) {
@@ -50,7 +45,7 @@ OriginalFile::OriginalFile(const QuarantineRequest& request) {
   openFile(request);
   const FileIdentity now = FileIdentity::of(st_);
   if (!(now == request.identity)) {
-    if (!sameContent(now, request.identity) || request.md5.empty()) {
+    if (!now.sameContent(request.identity) || request.md5.empty()) {
       throw StoreError(kChanged);
     }
     needsProof_ = true;
@@ -103,7 +98,7 @@ void OriginalFile::checkEntry(const std::string& name, const char* otherwise) co
   if (entry.st_dev != st_.st_dev || entry.st_ino != st_.st_ino) {
     throw StoreError(otherwise);
   }
-  if (!sameContent(FileIdentity::of(entry), FileIdentity::of(st_))) {
+  if (!FileIdentity::of(entry).sameContent(FileIdentity::of(st_))) {
     throw StoreError(kChanged);
   }
 }

@@ -6,7 +6,7 @@
 
 #include "platform/Posix.h"
 #include "store/ItemMeta.h"
-#include "store/Store.h"
+#include "store/StoreTypes.h"
 
 namespace agent::store {
 

@@ -7,15 +7,15 @@
 #include "platform/Text.h"
 #include "store/Digest.h"
 #include "store/ItemFile.h"
-#include "store/QuarantineStore.h"
+#include "store/Quarantine.h"
 #include "store/Recovery.h"
 #include "store/StepHook.h"
 
 namespace agent::store {
 
-QuarantineStore::QuarantineStore(Database& database, const std::string& folder, Settings& settings,
-                                 Regions& regions, AuditLog& audit, std::chrono::milliseconds restorePatience,
-                                 std::vector<std::string>* notices)
+Quarantine::Quarantine(Database& database, const std::string& folder, Settings& settings, Regions& regions,
+                       AuditLog& audit, std::chrono::milliseconds restorePatience,
+                       std::vector<std::string>* notices)
     : settings_(settings),
       regions_(regions),
       audit_(audit),
@@ -28,27 +28,27 @@ QuarantineStore::QuarantineStore(Database& database, const std::string& folder, 
   usedBytes_ = table_.totalBytes();
 }
 
-Result QuarantineStore::add(const QuarantineRequest& request) {
+platform::Expected<Remark> Quarantine::add(const QuarantineRequest& request) {
   try {
     OriginalFile original(request);
     reached("opened");
     cleanWhenFull();
     return take(original, request);
   } catch (const std::exception& error) {
-    return {false, error.what()};
+    return platform::failure(error.what());
   }
 }
 
-Result QuarantineStore::remove(const QuarantineRequest& request) {
+platform::Expected<Remark> Quarantine::remove(const QuarantineRequest& request) {
   try {
     deletions_.run(request);
-    return {true, "deleted"};
+    return "deleted";
   } catch (const std::exception& error) {
-    return {false, error.what()};
+    return platform::failure(error.what());
   }
 }
 
-ItemMeta QuarantineStore::describe(const OriginalFile& original, const QuarantineRequest& request) const {
+ItemMeta Quarantine::describe(const OriginalFile& original, const QuarantineRequest& request) const {
   ItemMeta meta;
   if (CUuid::generate(meta.uuid) != 0) {
     throw StoreError("no random numbers for an item's id");
@@ -61,8 +61,8 @@ ItemMeta QuarantineStore::describe(const OriginalFile& original, const Quarantin
   return meta;
 }
 
-std::uint64_t QuarantineStore::copy(const OriginalFile& original, const QuarantineRequest& request,
-                                    ItemMeta* meta) const {
+std::uint64_t Quarantine::copy(const OriginalFile& original, const QuarantineRequest& request,
+                               ItemMeta* meta) const {
   const platform::Descriptor part = vault_.create(meta->uuid);
   const std::uint64_t limit = limitBytes(), used = usedBytes_;
   ItemWriter writer(part.get(), limit > used ? limit - used : 0);
@@ -96,7 +96,7 @@ std::uint64_t QuarantineStore::copy(const OriginalFile& original, const Quaranti
   return writer.written();
 }
 
-Result QuarantineStore::take(OriginalFile& original, const QuarantineRequest& request) {
+platform::Expected<Remark> Quarantine::take(OriginalFile& original, const QuarantineRequest& request) {
   ItemMeta meta = describe(original, request);
   std::uint64_t stored = 0;
   try {
@@ -120,22 +120,21 @@ Result QuarantineStore::take(OriginalFile& original, const QuarantineRequest& re
   try {
     table_.setState(meta.uuid, ItemState::kComplete, "");
   } catch (const StoreError& error) {
-    return {true, std::string("quarantined; its record is completed at the next start: ") + error.what()};
+    return std::string("quarantined; its record is completed at the next start: ") + error.what();
   }
   reached("completed");
   const std::uint64_t others = meta.links - 1;
-  return {true,
-          others == 0 ? "" : "the same file still stands under " + std::to_string(others) + " other name(s)"};
+  return others == 0 ? "" : "the same file still stands under " + std::to_string(others) + " other name(s)";
 }
 
-void QuarantineStore::removeOriginal(OriginalFile& original, const std::string& uuid) {
+void Quarantine::removeOriginal(OriginalFile& original, const std::string& uuid) {
   original.setAside(privateName(uuid));
   reached("set aside");
   original.remove();
   reached("removed");
 }
 
-Json::Value QuarantineStore::list(std::optional<uid_t> onlyOwner) const {
+Json::Value Quarantine::list(std::optional<uid_t> onlyOwner) const {
   Json::Value items(Json::arrayValue);
   table_.forEach(onlyOwner, [&items](const ItemRow& row) {
     const auto meta = ItemMeta::fromText(row.meta);

@@ -1,7 +1,7 @@
 #include <limits>
 
 #include "json/CppJson.h"
-#include "store/QuarantineStore.h"
+#include "store/Quarantine.h"
 #include "store/StepHook.h"
 
 namespace agent::store {
@@ -29,14 +29,14 @@ CleanRule readRule(const Json::Value& document) {
 
 }  // namespace
 
-std::uint64_t QuarantineStore::limitBytes() const {
+std::uint64_t Quarantine::limitBytes() const {
   const Json::Value document = settings_.document(json::ConfigType::kQuarantine);
   const std::int64_t gigabytes = CppJson::readInt64(document["Common"], "SizeLimit", 0);
   return gigabytes <= 0 ? std::numeric_limits<std::uint64_t>::max()
                         : static_cast<std::uint64_t>(gigabytes) * kGigabyte;
 }
 
-void QuarantineStore::reserve(std::uint64_t bytes) {
+void Quarantine::reserve(std::uint64_t bytes) {
   const std::uint64_t before = usedBytes_.fetch_add(bytes);
   const std::uint64_t limit = limitBytes();
   if (before > limit || bytes > limit - before) {
@@ -45,7 +45,7 @@ void QuarantineStore::reserve(std::uint64_t bytes) {
   }
 }
 
-void QuarantineStore::cleanWhenFull() {
+void Quarantine::cleanWhenFull() {
   const std::uint64_t limit = limitBytes();
   const CleanRule rule = readRule(settings_.document(json::ConfigType::kQuarantine));
   if (!rule.on || limit == std::numeric_limits<std::uint64_t>::max() || usedBytes_ / 9 < limit / 10) {
@@ -64,7 +64,7 @@ void QuarantineStore::cleanWhenFull() {
   }
 }
 
-void QuarantineStore::erase(const std::string& uuid, std::uint64_t storedBytes) {
+void Quarantine::erase(const std::string& uuid, std::uint64_t storedBytes) {
   if (vault_.isWhole(uuid)) {
     vault_.markGone(uuid);
     reached("marked gone");

@@ -5,35 +5,34 @@
 #include "store/Digest.h"
 #include "store/FolderWalk.h"
 #include "store/ItemFile.h"
-#include "store/QuarantineStore.h"
+#include "store/Quarantine.h"
 #include "store/RestoreChild.h"
 #include "store/StepHook.h"
 
 namespace agent::store {
 namespace {
 
-struct RestoreStalled : StoreError {
-  using StoreError::StoreError;
-};
-
-/// Empty, or why the caller may not have the item. Root may have all; others what was theirs.
-std::string whyNotHis(const ItemMeta& meta, const CallerId& caller) {
+/// Root may have every item, another user the items of files that were that user's.
+platform::Expected<void> checkCaller(const ItemMeta& meta, const CallerId& caller) {
   if (caller.uid == 0) {
     return {};
   }
   if (caller.uid != meta.uid) {
-    return "the file was not the caller's";
+    return platform::failure("the file was not the caller's");
   }
-  const bool able = ::geteuid() == 0 || ::geteuid() == caller.uid;
-  return able ? "" : "the agent does not run as root and cannot act for another user";
+  if (::geteuid() != 0 && ::geteuid() != caller.uid) {
+    return platform::failure("the agent does not run as root and cannot act for another user");
+  }
+  return {};
 }
 
-RestorePlan planFor(const ItemMeta& meta, bool trust, const std::string& targetDir, uid_t caller) {
+platform::Expected<RestorePlan> planFor(const ItemMeta& meta, bool trust, const std::string& targetDir,
+                                        uid_t caller) {
   const platform::SplitPath was = platform::splitPath(meta.realPath);
   RestorePlan plan{.folder = was.folder, .name = was.name, .trusted = {}, .caller = caller};
   if (!targetDir.empty()) {
     if (targetDir.front() != '/') {
-      throw StoreError(platform::quoted(targetDir) + " is not an absolute path");
+      return platform::failure(platform::quoted(targetDir) + " is not an absolute path");
     }
     plan.folder = utils::FormatFilePath(targetDir);
   }
@@ -71,85 +70,78 @@ std::string remarkOf(const RestoreReport& report) {
 
 }  // namespace
 
-std::vector<Quarantine::RestoreOutcome> QuarantineStore::restore(const std::vector<std::string>& uuids,
-                                                                 bool all, bool trust,
-                                                                 const std::string& targetDir,
-                                                                 const CallerId& caller) {
+std::vector<Quarantine::RestoreOutcome> Quarantine::restore(const std::vector<std::string>& uuids, bool all,
+                                                            bool trust, const std::string& targetDir,
+                                                            const CallerId& caller) {
   std::vector<std::string> wanted = uuids;
   if (all) {
     try {
       wanted = uuidsFor(caller);
     } catch (const std::exception& error) {
-      return {{"", {false, error.what()}}};
+      return {{"", platform::failure(error.what())}};
     }
   }
   std::vector<RestoreOutcome> outcomes;
-  bool stalled = false;  // whoever keeps one restore waiting would keep them all: one wait is enough
+  bool stalled = false;  // the cause of one stalled restore would stall all: one wait is enough
   for (const std::string& uuid : wanted) {
-    Result result{false, "not tried: the restore before it did not get on"};
-    try {
-      result = stalled ? result : restoreOne(uuid, trust, targetDir, caller);
-    } catch (const RestoreStalled& error) {
-      stalled = true;
-      result = {false, error.what()};
-    } catch (const std::exception& error) {
-      result = {false, error.what()};
-    }
-    outcomes.push_back({uuid, std::move(result)});
+    RestoreReport report;
+    outcomes.push_back({uuid, stalled ? platform::failure("not tried: the restore before it did not get on")
+                                      : restoreOne(uuid, trust, targetDir, caller, &report)});
+    stalled = stalled || report.stage == RestoreStage::kStalled;
   }
   return outcomes;
 }
 
-std::vector<std::string> QuarantineStore::uuidsFor(const CallerId& caller) const {
+std::vector<std::string> Quarantine::uuidsFor(const CallerId& caller) const {
   std::vector<std::string> uuids;
   table_.forEach(caller.uid == 0 ? std::nullopt : std::optional(caller.uid),
                  [&uuids](const ItemRow& row) { uuids.push_back(row.uuid); });
   return uuids;
 }
 
-Result QuarantineStore::restoreOne(const std::string& uuid, bool trust, const std::string& targetDir,
-                                   const CallerId& caller) {
+platform::Expected<Remark> Quarantine::restoreOne(const std::string& uuid, bool trust,
+                                                  const std::string& targetDir, const CallerId& caller,
+                                                  RestoreReport* report) try {
   const std::lock_guard lock(items_);
   const auto row = table_.find(uuid);
   if (!row || row->state == ItemState::kRemoving) {
-    return {false, "there is no such item"};
+    return platform::failure("there is no such item");
   }
   const auto meta = ItemMeta::fromText(row->meta);
   if (!meta) {
-    return {false, "is damaged: its record cannot be read"};
+    return platform::failure("is damaged: its record cannot be read");
   }
-  const std::string why = whyNotHis(*meta, caller);
-  return why.empty() ? restoreItem(*row, *meta, planFor(*meta, trust, targetDir, caller.uid), caller)
-                     : Result{false, why};
+  return checkCaller(*meta, caller)
+      .and_then([&] { return planFor(*meta, trust, targetDir, caller.uid); })
+      .and_then([&](const RestorePlan& plan) { return restoreItem(*row, *meta, plan, caller, report); });
+} catch (const std::exception& error) {
+  return platform::failure(error.what());
 }
 
-Result QuarantineStore::restoreItem(const ItemRow& row, const ItemMeta& meta, const RestorePlan& plan,
-                                    const CallerId& caller) {
+platform::Expected<Remark> Quarantine::restoreItem(const ItemRow& row, const ItemMeta& meta,
+                                                   const RestorePlan& plan, const CallerId& caller,
+                                                   RestoreReport* report) {
   table_.setState(row.uuid, ItemState::kRestoring, plan.toText());
   reached("restore recorded");
-  RestoreReport report;
   vault_.setBusy(true);
-  const std::string why = transfer(meta, plan, caller, &report);
+  const platform::Expected<void> restored = transfer(meta, plan, caller, report);
   vault_.setBusy(false);
-  if (!why.empty()) {
+  if (!restored) {
     table_.setState(row.uuid, ItemState::kComplete, "");
-    if (report.stage == RestoreStage::kStalled) {
-      throw RestoreStalled(why);
-    }
-    return {false, why};
+    return platform::failure(restored.error());
   }
   reached("restored");
-  const std::string whyNoTrust = plan.applyTrust(regions_);
+  const platform::Expected<void> trusted = plan.applyTrust(regions_);
   reached("trusted");
   erase(row.uuid, row.storedBytes);
-  if (!whyNoTrust.empty()) {
-    return {false, "restored, but not trusted: " + whyNoTrust};
+  if (!trusted) {
+    return platform::failure("restored, but not trusted: " + trusted.error());
   }
-  return {true, remarkOf(report)};
+  return remarkOf(*report);
 }
 
-std::string QuarantineStore::transfer(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller,
-                                      RestoreReport* report) const try {
+platform::Expected<void> Quarantine::transfer(const ItemMeta& meta, const RestorePlan& plan,
+                                              const CallerId& caller, RestoreReport* report) const try {
   const platform::Descriptor file = vault_.open(meta.uuid);
   ItemReader reader(file.get());
   const RestoreJob job = jobFor(meta, plan, caller, vault_.busyMark());
@@ -163,16 +155,19 @@ std::string QuarantineStore::transfer(const ItemMeta& meta, const RestorePlan& p
     heard = child.send({buffer.data(), n});
   }
   if (heard && digest.hex() != meta.sha256) {
-    return "is damaged: its content was changed";
+    return platform::failure("is damaged: its content was changed");
   }
   reached("content sent");
   if (heard) {
     child.commit();
   }
   *report = child.report();
-  return report->stage == RestoreStage::kDone ? "" : whyNotRestored(job, *report);
+  if (report->stage != RestoreStage::kDone) {
+    return platform::failure(whyNotRestored(job, *report));
+  }
+  return {};
 } catch (const StoreError& error) {
-  return error.what();
+  return platform::failure(error.what());
 }
 
 }  // namespace agent::store

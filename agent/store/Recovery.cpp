@@ -177,9 +177,9 @@ void Recovery::settleRestore(const ItemRow& row, const ItemMeta& meta) {
     return;
   }
   platform::syncFolder(folder.get(), restored.get());
-  const std::string why = plan->applyTrust(regions_);
+  const platform::Expected<void> trusted = plan->applyTrust(regions_);
   drop(row);
-  notice(row.uuid, "its restore had ended" + (why.empty() ? "" : ", but it is not trusted: " + why));
+  notice(row.uuid, "its restore had ended" + (trusted ? "" : ", but it is not trusted: " + trusted.error()));
 }
 
 void Recovery::drop(const ItemRow& row) {

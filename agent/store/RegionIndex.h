@@ -7,7 +7,7 @@
 #include <unordered_map>
 
 #include "store/RegionText.h"
-#include "store/Store.h"
+#include "store/StoreTypes.h"
 
 namespace agent::store {
 

@@ -17,72 +17,75 @@ std::string lowerCase(std::string text) {
   return text;
 }
 
-std::string normalisePath(const std::string& text, std::string* item) {
+platform::Expected<std::string> normalisePath(const std::string& text) {
   if (text.empty() || text.front() != '/') {
-    return platform::quoted(text) + " is not an absolute path";
+    return platform::failure(platform::quoted(text) + " is not an absolute path");
   }
   if (text.size() > kMaxPathBytes) {
-    return "the path is longer than " + std::to_string(kMaxPathBytes) + " bytes";
+    return platform::failure("the path is longer than " + std::to_string(kMaxPathBytes) + " bytes");
   }
-  *item = utils::FormatFilePath(text);
-  return *item == "/" ? "'/' would take in everything" : "";
+  std::string path = utils::FormatFilePath(text);
+  if (path == "/") {
+    return platform::failure("'/' would take in everything");
+  }
+  return path;
 }
 
-std::string normaliseName(const std::string& text, std::string* item) {
+platform::Expected<std::string> normaliseName(const std::string& text) {
   if (text.empty() || text == "." || text == ".." || text.find('/') != std::string::npos) {
-    return platform::quoted(text) + " is not a file name";
+    return platform::failure(platform::quoted(text) + " is not a file name");
   }
   if (text.size() > kMaxNameBytes) {
-    return "the name is longer than " + std::to_string(kMaxNameBytes) + " bytes";
+    return platform::failure("the name is longer than " + std::to_string(kMaxNameBytes) + " bytes");
   }
-  *item = text;
-  return {};
+  return text;
 }
 
-std::string normaliseExtension(const std::string& text, std::string* item) {
+platform::Expected<std::string> normaliseExtension(const std::string& text) {
   std::string extension = lowerCase(text);
   if (extension.starts_with("*.")) {
     extension.erase(0, 2);
   } else if (extension.starts_with('.')) {
     extension.erase(0, 1);
   }
-  const bool bad = extension.empty() || extension.size() > kMaxNameBytes || extension.starts_with('.') ||
-                   extension.ends_with('.') || extension.find_first_of("/*?") != std::string::npos;
-  *item = extension;
-  return bad ? platform::quoted(text) + " is not a file extension" : "";
+  if (extension.empty() || extension.size() > kMaxNameBytes || extension.starts_with('.') ||
+      extension.ends_with('.') || extension.find_first_of("/*?") != std::string::npos) {
+    return platform::failure(platform::quoted(text) + " is not a file extension");
+  }
+  return extension;
 }
 
-std::string normaliseHash(const std::string& text, std::size_t digits, const char* name, std::string* item) {
-  *item = lowerCase(text);
-  if (item->size() != digits || item->find_first_not_of("0123456789abcdef") != std::string::npos) {
-    return platform::quoted(text) + " is not a " + name + " of " + std::to_string(digits) +
-           " hexadecimal digits";
+platform::Expected<std::string> normaliseHash(const std::string& text, std::size_t digits, const char* name) {
+  std::string hash = lowerCase(text);
+  if (hash.size() != digits || hash.find_first_not_of("0123456789abcdef") != std::string::npos) {
+    return platform::failure(platform::quoted(text) + " is not a " + name + " of " + std::to_string(digits) +
+                             " hexadecimal digits");
   }
-  return {};
+  return hash;
 }
 
 }  // namespace
 
-std::string normaliseRegionItem(RegionItemType type, const std::string& text, std::string* item) {
+platform::Expected<std::string> normaliseRegionItem(RegionItemType type, const std::string& text) {
   if (text.find('\0') != std::string::npos) {
-    return "an item holds a zero byte";
+    return platform::failure("an item holds a zero byte");
   }
   switch (type) {
     case RegionItemType::kFile:
     case RegionItemType::kFolder:
-      return normalisePath(text, item);
+      return normalisePath(text);
     case RegionItemType::kExtension:
-      return normaliseExtension(text, item);
+      return normaliseExtension(text);
     case RegionItemType::kName:
-      return normaliseName(text, item);
+      return normaliseName(text);
     case RegionItemType::kMd5:
-      return normaliseHash(text, 32, "MD5", item);
+      return normaliseHash(text, 32, "MD5");
     case RegionItemType::kSha1:
-      return normaliseHash(text, 40, "SHA1", item);
+      return normaliseHash(text, 40, "SHA1");
     case RegionItemType::kSha256:
-      return normaliseHash(text, 64, "SHA256", item);
+      return normaliseHash(text, 64, "SHA256");
   }
-  return "unknown kind of item";
+  return platform::failure("unknown kind of item");
 }
 
 }  // namespace agent::store

@@ -46,7 +46,7 @@ std::optional<RestorePlan> RestorePlan::fromText(const std::string& text) {
   return plan.folder.starts_with('/') && !plan.name.empty() ? std::optional(plan) : std::nullopt;
 }
 
-std::string RestorePlan::applyTrust(Regions& regions) const {
+platform::Expected<void> RestorePlan::applyTrust(Regions& regions) const {
   if (trusted.empty()) {
     return {};
   }
@@ -56,10 +56,8 @@ std::string RestorePlan::applyTrust(Regions& regions) const {
   change["domain"] = json::toNumber(json::RegionDomain::kPersonal);
   change["is_all"] = false;
   change["items"] = encoded(trusted);
-  std::string why;
-  regions.change(json::Region::kTrust, change, CallerId{.uid = caller, .gid = 0, .groups = {}, .pid = 0},
-                 &why);
-  return why;
+  return regions.change(json::Region::kTrust, change,
+                        CallerId{.uid = caller, .gid = 0, .groups = {}, .pid = 0});
 }
 
 }  // namespace agent::store

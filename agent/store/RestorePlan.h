@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "store/Store.h"
+#include "store/Regions.h"
 
 namespace agent::store {
 
@@ -18,8 +18,8 @@ struct RestorePlan {
   std::string toText() const;
   static std::optional<RestorePlan> fromText(const std::string& text);
   std::string path() const { return folder == "/" ? "/" + name : folder + "/" + name; }
-  /// Adds the paths to the trust region. Empty, or why not.
-  std::string applyTrust(Regions& regions) const;
+  /// Adds the paths to the trust region.
+  platform::Expected<void> applyTrust(Regions& regions) const;
 };
 
 }  // namespace agent::store

@@ -9,45 +9,43 @@ namespace {
 
 constexpr std::size_t kMaxChangeBytes = 1 << 20;
 
-/// Puts one section's change into the document. Empty, or why the change is refused.
-std::string mergeSection(json::ConfigType configType, const std::string& section, const Json::Value& change,
-                         Json::Value* document) {
+/// Puts one section's change into the document.
+platform::Expected<void> mergeSection(json::ConfigType configType, const std::string& section,
+                                      const Json::Value& change, Json::Value* document) {
   if (!knownSection(configType, section)) {
-    return "there is no section " + platform::visibleText(section) + " in settings of type " +
-           std::to_string(json::toNumber(configType));
+    return platform::failure("there is no section " + platform::visibleText(section) +
+                             " in settings of type " + std::to_string(json::toNumber(configType)));
   }
   if (change.isNull()) {
     return {};
   }
   if (!change.isObject()) {
-    return "section " + section + " must be an object";
+    return platform::failure("section " + section + " must be an object");
   }
   for (const std::string& key : change.getMemberNames()) {
     const Setting* setting = findSetting(configType, section, key);
     if (setting == nullptr) {
-      return "there is no setting " + section + "." + platform::visibleText(key);
+      return platform::failure("there is no setting " + section + "." + platform::visibleText(key));
     }
-    std::string why = whyNotAllowed(*setting, change[key]);
-    if (!why.empty()) {
-      return why;
+    if (auto allowed = checkValue(*setting, change[key]); !allowed) {
+      return allowed;
     }
     (*document)[section][key] = change[key];
   }
   return {};
 }
 
-std::string merge(json::ConfigType configType, const std::string& text, Json::Value* document) {
+platform::Expected<void> merge(json::ConfigType configType, const std::string& text, Json::Value* document) {
   if (text.size() > kMaxChangeBytes) {
-    return "the change is longer than " + std::to_string(kMaxChangeBytes) + " bytes";
+    return platform::failure("the change is longer than " + std::to_string(kMaxChangeBytes) + " bytes");
   }
   Json::Value change;
   if (!CppJson::LoadJsonString(text, change) || !change.isObject()) {
-    return "the change is not a JSON object";
+    return platform::failure("the change is not a JSON object");
   }
   for (const std::string& section : change.getMemberNames()) {
-    std::string why = mergeSection(configType, section, change[section], document);
-    if (!why.empty()) {
-      return why;
+    if (auto merged = mergeSection(configType, section, change[section], document); !merged) {
+      return merged;
     }
   }
   return {};
@@ -83,11 +81,10 @@ void SettingsStore::load(json::ConfigType configType, const std::string& text,
       continue;
     }
     const Json::Value& value = stored[setting.section][setting.key];
-    const std::string why = whyNotAllowed(setting, value);
-    if (why.empty()) {
+    if (const auto allowed = checkValue(setting, value); allowed) {
       documents_[configType][setting.section][setting.key] = value;
     } else {
-      notices->push_back(where + why + "; the default holds");
+      notices->push_back(where + allowed.error() + "; the default holds");
     }
   }
 }
@@ -97,24 +94,20 @@ Json::Value SettingsStore::document(json::ConfigType configType) const {
   return documents_.at(configType);
 }
 
-bool SettingsStore::change(json::ConfigType configType, const std::string& changeText, std::string* why) {
+platform::Expected<void> SettingsStore::change(json::ConfigType configType, const std::string& changeText) {
   const std::lock_guard lock(mutex_);
   Json::Value& current = documents_.at(configType);
   Json::Value changed = current;
-  std::string reason = merge(configType, changeText, &changed);
-  if (reason.empty() && changed != current) {
-    try {
-      save(configType, changed);
-      current = std::move(changed);
-      ++generation_;
-    } catch (const std::exception& error) {
-      reason = std::string("cannot be stored: ") + error.what();
-    }
+  if (auto merged = merge(configType, changeText, &changed); !merged || changed == current) {
+    return merged;
   }
-  if (why != nullptr) {
-    *why = reason;
+  try {
+    save(configType, changed);
+  } catch (const std::exception& error) {
+    return platform::failure(std::string("cannot be stored: ") + error.what());
   }
-  return reason.empty();
+  current = std::move(changed);
+  return {};
 }
 
 void SettingsStore::save(json::ConfigType configType, const Json::Value& document) {

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "store/Settings.h"
 #include "store/Sqlite.h"
-#include "store/Store.h"
 
 namespace agent::store {
 
@@ -18,8 +17,7 @@ class SettingsStore : public Settings {
   /// gives way to its default, with a line in `notices`.
   SettingsStore(Database& database, std::vector<std::string>* notices);
   Json::Value document(json::ConfigType configType) const override;
-  bool change(json::ConfigType configType, const std::string& changeText, std::string* why) override;
-  std::uint64_t generation() const override { return generation_; }
+  platform::Expected<void> change(json::ConfigType configType, const std::string& changeText) override;
 
  private:
   void load(json::ConfigType configType, const std::string& text, std::vector<std::string>* notices);
@@ -29,7 +27,6 @@ class SettingsStore : public Settings {
   Statement save_;
   mutable std::mutex mutex_;
   std::map<json::ConfigType, Json::Value> documents_;
-  std::atomic<std::uint64_t> generation_{1};
 };
 
 }  // namespace agent::store

@@ -91,28 +91,37 @@ constexpr std::array kTable = {
 };
 // clang-format on
 
-std::string whyNotNumber(const Setting& setting, const Json::Value& value) {
-  // The type, not isInt64(): that takes 8.0 as well.
-  const bool whole = value.type() == Json::intValue || value.type() == Json::uintValue;
-  if (!whole) {
-    return "must be a whole number";
-  }
-  if (!value.isInt64() || value.asInt64() < setting.smallest || value.asInt64() > setting.largest) {
-    return "must be " + std::to_string(setting.smallest) + " to " + std::to_string(setting.largest) +
-           ", not " + value.asString();
+platform::Expected<void> checkSwitch(const Json::Value& value) {
+  if (!value.isBool()) {
+    return platform::failure("must be true or false");
   }
   return {};
 }
 
-std::string whyNotText(const Setting& setting, const Json::Value& value) {
+platform::Expected<void> checkNumber(const Setting& setting, const Json::Value& value) {
+  // The type, not isInt64(): that takes 8.0 as well.
+  if (value.type() != Json::intValue && value.type() != Json::uintValue) {
+    return platform::failure("must be a whole number");
+  }
+  if (!value.isInt64() || value.asInt64() < setting.smallest || value.asInt64() > setting.largest) {
+    return platform::failure("must be " + std::to_string(setting.smallest) + " to " +
+                             std::to_string(setting.largest) + ", not " + value.asString());
+  }
+  return {};
+}
+
+platform::Expected<void> checkText(const Setting& setting, const Json::Value& value) {
   if (!value.isString()) {
-    return "must be a text";
+    return platform::failure("must be a text");
   }
   const std::string text = value.asString();
   if (static_cast<std::int64_t>(text.size()) > setting.largest) {
-    return "must be at most " + std::to_string(setting.largest) + " bytes long";
+    return platform::failure("must be at most " + std::to_string(setting.largest) + " bytes long");
   }
-  return platform::visibleText(text) == text ? "" : "must be one line of plain text";
+  if (platform::visibleText(text) != text) {
+    return platform::failure("must be one line of plain text");
+  }
+  return {};
 }
 
 bool wordAllowed(std::string_view words, std::string_view word) {
@@ -126,22 +135,35 @@ bool wordAllowed(std::string_view words, std::string_view word) {
   return false;
 }
 
-std::string whyNotWords(const Setting& setting, const Json::Value& value) {
-  if (!value.isArray()) {
-    return "must be a list of texts";
-  }
+platform::Expected<void> checkWords(const Setting& setting, const Json::Value& value) {
   std::set<std::string> seen;
+  if (!value.isArray() || !std::all_of(value.begin(), value.end(),
+                                       [](const Json::Value& element) { return element.isString(); })) {
+    return platform::failure("must be a list of texts");
+  }
   for (const Json::Value& element : value) {
-    if (!element.isString()) {
-      return "must be a list of texts";
-    }
     const std::string word = element.asString();
     if (word.empty() || !wordAllowed(setting.words, word)) {
-      return "must be of: " + std::string(setting.words) + "; not " + platform::visibleText(word);
+      return platform::failure("must be of: " + std::string(setting.words) + "; not " +
+                               platform::visibleText(word));
     }
     if (!seen.insert(word).second) {
-      return "names " + word + " twice";
+      return platform::failure("names " + word + " twice");
     }
+  }
+  return {};
+}
+
+platform::Expected<void> checkKind(const Setting& setting, const Json::Value& value) {
+  switch (setting.kind) {
+    case SettingKind::kSwitch:
+      return checkSwitch(value);
+    case SettingKind::kNumber:
+      return checkNumber(setting, value);
+    case SettingKind::kText:
+      return checkText(setting, value);
+    case SettingKind::kWords:
+      return checkWords(setting, value);
   }
   return {};
 }
@@ -172,37 +194,10 @@ Json::Value standardValue(const Setting& setting) {
   return wrapped[0];
 }
 
-std::string whyNotAllowed(const Setting& setting, const Json::Value& value) {
-  std::string why;
-  switch (setting.kind) {
-    case SettingKind::kSwitch:
-      why = value.isBool() ? "" : "must be true or false";
-      break;
-    case SettingKind::kNumber:
-      why = whyNotNumber(setting, value);
-      break;
-    case SettingKind::kText:
-      why = whyNotText(setting, value);
-      break;
-    case SettingKind::kWords:
-      why = whyNotWords(setting, value);
-      break;
-  }
-  return why.empty() ? why : std::string(setting.section) + "." + setting.key + " " + why;
-}
-
-const char* kindName(SettingKind kind) {
-  switch (kind) {
-    case SettingKind::kSwitch:
-      return "switch";
-    case SettingKind::kNumber:
-      return "number";
-    case SettingKind::kText:
-      return "text";
-    case SettingKind::kWords:
-      return "words";
-  }
-  return "";
+platform::Expected<void> checkValue(const Setting& setting, const Json::Value& value) {
+  return checkKind(setting, value).map_error([&setting](const std::string& reason) {
+    return std::string(setting.section) + "." + setting.key + " " + reason;
+  });
 }
 
 }  // namespace agent::store

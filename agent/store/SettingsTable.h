@@ -7,6 +7,7 @@
 #include <string>
 
 #include "json/Values.h"
+#include "platform/Expected.h"
 
 namespace agent::store {
 
@@ -33,8 +34,7 @@ std::span<const Setting> settingsTable();
 const Setting* findSetting(json::ConfigType configType, const std::string& section, const std::string& key);
 bool knownSection(json::ConfigType configType, const std::string& section);
 Json::Value standardValue(const Setting& setting);
-/// Empty when the value fits the setting, else one line that says why not.
-std::string whyNotAllowed(const Setting& setting, const Json::Value& value);
-const char* kindName(SettingKind kind);
+/// Whether the value fits the setting.
+platform::Expected<void> checkValue(const Setting& setting, const Json::Value& value);
 
 }  // namespace agent::store

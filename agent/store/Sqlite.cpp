@@ -1,6 +1,7 @@
 #include "store/Sqlite.h"
 
 #include <fcntl.h>
+#include <sqlite3.h>
 
 #include <cerrno>
 

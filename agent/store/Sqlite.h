@@ -1,12 +1,13 @@
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
 
 /// The few things of SQLite that the store needs, with errors as exceptions: StoreError, one line.
 namespace agent::store {
@@ -30,7 +31,6 @@ class Database {
 
   void run(const char* sql);             ///< one or more statements without results
   std::int64_t number(const char* sql);  ///< the first column of the first row
-  int changes() const { return sqlite3_changes(handle_); }
   std::mutex& mutex() { return mutex_; }
   sqlite3* handle() { return handle_; }
   const std::string& path() const { return path_; }

@@ -70,10 +70,6 @@ void Vault::name(const std::string& uuid) const {
   rename(uuid + kPart, uuid + kItem);
 }
 
-bool Vault::has(const std::string& uuid) const {
-  return isWhole(uuid) || ::faccessat(folder_.get(), (uuid + kPart).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
 bool Vault::isWhole(const std::string& uuid) const {
   return ::faccessat(folder_.get(), (uuid + kItem).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }

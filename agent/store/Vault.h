@@ -18,7 +18,6 @@ class Vault {
   platform::Descriptor open(
       const std::string& uuid) const;            ///< `.item`; names it so when it is still `.part`
   void name(const std::string& uuid) const;      ///< `.part` becomes `.item`, lasting
-  bool has(const std::string& uuid) const;       ///< as `.item` or `.part`
   bool isWhole(const std::string& uuid) const;   ///< as `.item`
   void markGone(const std::string& uuid) const;  ///< `.item` becomes `.gone`, lasting
   void revive(const std::string& uuid) const;    ///< and back

@@ -99,18 +99,19 @@ void DetectionHandler::handle(const Found& found) {
   if (context_.plan.memoryCheck) {
     guarded([&] {
       handleProcesses(found, risk);
-      return Result{true, {}};
+      return platform::Expected<Remark>();
     });
   }
   handleFile(found, risk);
 }
 
 /// A store that fails must cost the handling only: the detection is told all the same.
-Result DetectionHandler::guarded(const std::function<Result()>& action) {
+platform::Expected<Remark> DetectionHandler::guarded(
+    const std::function<platform::Expected<Remark>()>& action) {
   try {
     return action();
   } catch (const std::exception& error) {
-    return {false, error.what()};
+    return platform::failure(error.what());
   }
 }
 
@@ -121,22 +122,22 @@ void DetectionHandler::handleFile(const Found& found, const FileRisk& risk) {
   if (context_.plan.action == json::HandleAction::kNothing) {
     context_.counters.leftAlone();
   } else {
-    const Result outcome = guarded([&] { return takeAway(found); });
-    result = outcome.ok ? json::HandleResult::kQuarantined : json::HandleResult::kFailed;
-    reason = outcome.detail;
-    outcome.ok ? context_.counters.fixed() : context_.counters.fixFailed();
+    const platform::Expected<Remark> outcome = guarded([&] { return takeAway(found); });
+    result = outcome ? json::HandleResult::kQuarantined : json::HandleResult::kFailed;
+    reason = outcome ? *outcome : outcome.error();
+    outcome ? context_.counters.fixed() : context_.counters.fixFailed();
     AGENT_LOG(LogLevel::kWarning, "%s: %s %s", risk.path.c_str(),
-              outcome.ok ? "taken away" : "not handled:", reason.c_str());
-    context_.store.audit(context_.caller, "handle detection", risk.path, outcome.ok ? "taken away" : reason);
+              outcome ? "taken away" : "not handled:", reason.c_str());
+    context_.store.audit(context_.caller, "handle detection", risk.path, outcome ? "taken away" : reason);
   }
   context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk),
                            repairResult(result, reason, std::time(nullptr)));
 }
 
-Result DetectionHandler::takeAway(const Found& found) {
+platform::Expected<Remark> DetectionHandler::takeAway(const Found& found) {
   const std::string refusal = whyNotAllowed(*found.job);
   if (!refusal.empty()) {
-    return {false, refusal};
+    return platform::failure(refusal);
   }
   if (context_.plan.action == json::HandleAction::kDelete) {
     return context_.store.quarantine().remove(requestFor(*found.job));
@@ -172,13 +173,13 @@ void DetectionHandler::handleProcesses(const Found& found, const FileRisk& risk)
     json::HandleResult result = json::HandleResult::kReportedOnly;
     std::string reason;
     if (context_.plan.endProcesses) {
-      const Result outcome = guarded([&] { return endProcess(program); });
-      result = outcome.ok ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
-      reason = outcome.detail;
+      const platform::Expected<Remark> outcome = guarded([&] { return endProcess(program); });
+      result = outcome ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
+      reason = outcome ? *outcome : outcome.error();
       AGENT_LOG(LogLevel::kWarning, "process %d (%s): %s %s", program.pid, program.path.c_str(),
-                outcome.ok ? "ended" : "not ended:", reason.c_str());
+                outcome ? "ended" : "not ended:", reason.c_str());
       context_.store.audit(context_.caller, "end process", std::to_string(program.pid) + " " + program.path,
-                           outcome.ok ? "ended" : reason);
+                           outcome ? "ended" : reason);
     }
     context_.events.repaired(json::RiskInfoType::kProcess, context_.plan.handling, info,
                              repairResult(result, reason, std::time(nullptr)));

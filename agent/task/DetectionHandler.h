@@ -68,8 +68,8 @@ class DetectionHandler {
   void handle(const Found& found);
   void handleFile(const Found& found, const FileRisk& risk);
   void handleProcesses(const Found& found, const FileRisk& risk);
-  static Result guarded(const std::function<Result()>& action);
-  Result takeAway(const Found& found);
+  static platform::Expected<Remark> guarded(const std::function<platform::Expected<Remark>()>& action);
+  platform::Expected<Remark> takeAway(const Found& found);
   std::string whyNotAllowed(const ScanJob& job) const;
   bool callerOwnsEverything() const;
 

@@ -118,29 +118,30 @@ std::vector<RunningProgram> RunningPrograms::running(const FileIdentity& file) {
   return result;
 }
 
-Result endProcess(const RunningProgram& program) {
+platform::Expected<Remark> endProcess(const RunningProgram& program) {
   const std::string spared = whySpared(program);
   if (!spared.empty()) {
-    return {false, "process " + std::to_string(program.pid) + " " + spared};
+    return platform::failure("process " + std::to_string(program.pid) + " " + spared);
   }
   const platform::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, program.pid, 0)));
   if (!process) {
-    return errno == ESRCH ? Result{true, "had ended"} : Result{false, platform::errnoText(errno)};
+    return errno == ESRCH ? platform::Expected<Remark>("had ended")
+                          : platform::failure(platform::errnoText(errno));
   }
   // The descriptor names one process for good; now see that it is the one that was meant.
   const std::optional<RunningProgram> now = readProgram(program.pid);
   if (!now || now->startTicks == 0 || now->startTicks != program.startTicks ||
       now->device != program.device || now->inode != program.inode) {
-    return {false, "the process runs another program by now"};
+    return platform::failure("the process runs another program by now");
   }
   if (syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0) != 0 && errno != ESRCH) {
-    return {false, platform::errnoText(errno)};
+    return platform::failure(platform::errnoText(errno));
   }
   pollfd ended{process.get(), POLLIN, 0};
   if (poll(&ended, 1, kEndWaitMs) <= 0) {
-    return {false, "the process did not end"};
+    return platform::failure("the process did not end");
   }
-  return {true, {}};
+  return Remark();
 }
 
 std::uint64_t processStartTicks(pid_t pid) {

@@ -39,8 +39,8 @@ class RunningPrograms {
 };
 
 /// Ends a process (SIGKILL) and waits until it is gone. Never pid 1, this process, its ancestors, or one that
-/// runs this process's own program. ok, or why not.
-Result endProcess(const RunningProgram& program);
+/// runs this process's own program.
+platform::Expected<Remark> endProcess(const RunningProgram& program);
 
 /// Field 22 of the process's stat; 0 when there is no such process.
 std::uint64_t processStartTicks(pid_t pid);

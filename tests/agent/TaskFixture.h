@@ -118,8 +118,7 @@ class ScanTaskTest : public ::testing::Test {
     CppJson::LoadJsonString(R"({"action":0,"domain":0,"is_all":false})", items);
     items["type"] = json::toNumber(type);
     items["items"].append(json::encodePath(item));
-    std::string why;
-    EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}, &why)) << why;
+    EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}));
   }
   /// A program that sleeps and carries a detection behind its own bytes.
   std::string program(const char* name) {

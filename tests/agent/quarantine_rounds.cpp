@@ -150,8 +150,8 @@ class Rounds {
   void restoreAll() {
     const CallerId root{.uid = ::geteuid(), .gid = ::getegid(), .groups = {}, .pid = ::getpid()};
     for (const auto& outcome : store_->quarantine().restore({}, true, false, "", root)) {
-      if (!outcome.result.ok) {
-        fail(outcome.uuid, outcome.result.detail);
+      if (!outcome.result) {
+        fail(outcome.uuid, outcome.result.error());
       }
     }
     if (!store_->quarantine().list(std::nullopt).empty()) {

@@ -264,7 +264,7 @@ class Service : public ::testing::Test {
     request.path = path;
     request.identity = FileIdentity::of(status);
     request.detection.name = "Test";
-    EXPECT_TRUE(store_->quarantine().add(request).ok);
+    EXPECT_TRUE(store_->quarantine().add(request));
     return path;
   }
   Json::Value scanOf(const std::string& path) {

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "platform/Posix.h"
-#include "store/CacheStore.h"
+#include "store/ScanCache.h"
 #include "store/Schema.h"
 #include "store_fixture.h"
 #include "support/FileCalls.h"
@@ -22,7 +22,7 @@ FileIdentity file(std::uint64_t inode) {
 
 class CacheTest : public StoreTest {
  protected:
-  ScanCache& cache() { return store().cache(); }
+  store::ScanCache& cache() { return store().cache(); }
   std::int64_t rowsOnDisk(const std::string& table = "scanned") {
     sqlite3* db = nullptr;
     EXPECT_EQ(sqlite3_open((stateDir() + "/cache.db").c_str(), &db), SQLITE_OK);
@@ -177,11 +177,11 @@ class BoundedCacheTest : public testing::Test {
     cache_.reset();
     database_ = std::make_unique<store::Database>(folder_.at("cache.db"), store::Durability::kNormal);
     store::migrate(*database_, store::cacheSteps());
-    cache_ = std::make_unique<store::CacheStore>(*database_, limit);
+    cache_ = std::make_unique<store::ScanCache>(*database_, limit);
   }
   testsupport::TempDir folder_;
   std::unique_ptr<store::Database> database_;
-  std::unique_ptr<store::CacheStore> cache_;
+  std::unique_ptr<store::ScanCache> cache_;
 };
 
 TEST_F(BoundedCacheTest, PastTheLimitTheOldestGoInMemoryAndOnDisk) {

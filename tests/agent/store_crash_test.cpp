@@ -45,8 +45,8 @@ class CrashTest : public QuarantineTest {
     EXPECT_NE(std::filesystem::exists(path), !uuid.empty()) << uuid;
     EXPECT_EQ(vaultFiles().size(), items().size());
     if (!uuid.empty()) {
-      const Result result = restore(uuid);
-      EXPECT_TRUE(result.ok) << result.detail;
+      const auto result = restore(uuid);
+      EXPECT_TRUE(result) << lineOf(result);
     }
     EXPECT_EQ(FileFacts::of(path), before);
     EXPECT_THAT(items(), IsEmpty());
@@ -92,7 +92,7 @@ TEST_P(CrashWhileAddingTest, AndAgainWhileThatIsSettledLosesNothing) {
     });
     reopen();
     if (!std::filesystem::exists(path)) {
-      EXPECT_TRUE(restore(uuidOf(path)).ok);
+      EXPECT_TRUE(restore(uuidOf(path)));
     }
     EXPECT_EQ(FileFacts::of(path), before);
     EXPECT_THAT(items(), IsEmpty());
@@ -255,7 +255,7 @@ TEST_F(CrashTest, ADeletionThatWasGivenUpIsForgotten) {
     std::filesystem::remove(path);
     write("victim", "another file");
   });
-  EXPECT_FALSE(store().quarantine().remove(requestFor(path)).ok);
+  EXPECT_FALSE(store().quarantine().remove(requestFor(path)));
   EXPECT_EQ(testsupport::readFile(path), "another file");
   reopen();
   EXPECT_THAT(store().notices(), IsEmpty());
@@ -309,7 +309,7 @@ TEST_P(AnotherFileAtARestoresPlaceTest, AtTheNextStartLeavesTheItem) {
   EXPECT_EQ(store().regions().byPath(path), RegionVerdict::kNone);
   EXPECT_EQ(testsupport::readFile(path), GetParam());
   EXPECT_EQ(uuidOf(path), uuid);
-  EXPECT_TRUE(restore(uuid, root(), folder_.path()).ok);
+  EXPECT_TRUE(restore(uuid, root(), folder_.path()));
   EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "content");
 }
 
@@ -366,7 +366,7 @@ TEST_F(CrashTest, AnotherFileUnderThePrivateNameOfARemovalIsPutBackAndTheItemSta
   EXPECT_EQ(FileFacts::of(path).uid, 0U) << "the other file";
   ASSERT_EQ(items().size(), 1U);
   std::filesystem::remove(path);
-  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_TRUE(restore(uuidOf(path)));
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -392,7 +392,7 @@ TEST_F(CrashTest, AFileThatCannotBePutBackSinceAnotherHasItsNameIsSaidAndItsItem
   EXPECT_EQ(testsupport::readFile(path), "another file");
   EXPECT_EQ(testsupport::readFile(at(names[0])), "as scanned and more");
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("could not be put back (File exists)")));
-  EXPECT_TRUE(restore(uuidOf(path), root(), folder_.path()).ok);
+  EXPECT_TRUE(restore(uuidOf(path), root(), folder_.path()));
   EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "as scanned");
 }
 
@@ -437,7 +437,7 @@ TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {
     EXPECT_EQ(testsupport::readFile(path), "changed since") << step;
     const std::string uuid = uuidOf(path);
     EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item")) << step;
-    EXPECT_TRUE(restore(uuid, root(), folder_.path()).ok) << step;
+    EXPECT_TRUE(restore(uuid, root(), folder_.path())) << step;
     EXPECT_EQ(testsupport::readFile(folder_.at("victim")), "as scanned") << step;
     std::filesystem::remove(folder_.at("victim"));
   }
@@ -598,7 +598,7 @@ TEST_F(CrashTest, ItemsWhoseRecordsWereLostAreTakenUpAgainFromTheirFiles) {
       store::Database(stateDir() + "/agent.db", store::Durability::kFull)
           .number("SELECT stored_bytes FROM items"),
       static_cast<std::int64_t>(std::filesystem::file_size(stateDir() + "/quarantine/" + uuid + ".item")));
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -615,7 +615,7 @@ TEST_F(CrashTest, AnItemThatLostItsFileIsSaidAtTheStartAndRefusedClearly) {
   std::filesystem::remove(stateDir() + "/quarantine/" + uuid + ".item");
   reopen();
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("missing")));
-  EXPECT_EQ(restore(uuid).detail, "its file in the quarantine is missing");
+  EXPECT_EQ(lineOf(restore(uuid)), "its file in the quarantine is missing");
 }
 
 }  // namespace

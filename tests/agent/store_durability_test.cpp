@@ -22,7 +22,7 @@ class DurabilityTest : public QuarantineTest {
  protected:
   void SetUp() override {
     QuarantineTest::SetUp();
-    EXPECT_TRUE(restore(take(write("first"))).ok);  // from here on the database's log stands
+    EXPECT_TRUE(restore(take(write("first"))));  // from here on the database's log stands
     std::filesystem::remove(at("first"));
   }
   /// Dies at the step, in a process of its own; the store stays closed.
@@ -46,9 +46,10 @@ class DurabilityTest : public QuarantineTest {
     return seen;
   }
   /// Not handled, for that reason; the file stands alone as it was, and nothing is in the store.
-  void expectLeftAlone(const std::string& path, const Result& result, const std::string& why) {
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr(why));
+  void expectLeftAlone(const std::string& path, const platform::Expected<Remark>& result,
+                       const std::string& why) {
+    EXPECT_FALSE(result);
+    EXPECT_THAT(lineOf(result), HasSubstr(why));
     EXPECT_EQ(testsupport::readFile(path), "a file that was detected");
     EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
     EXPECT_THAT(items(), IsEmpty());
@@ -59,7 +60,7 @@ class DurabilityTest : public QuarantineTest {
 TEST_F(DurabilityTest, AnItemAndItsRowAreOnTheDiskBeforeTheOriginalIsTouched) {
   const std::string path = write("victim");
   const FileCalls calls;
-  EXPECT_TRUE(add(path).ok);
+  EXPECT_TRUE(add(path));
   EXPECT_THAT(calls.seen(),
               ElementsAre("write ID.part", "sync ID.part", kRowWritten, kRowSynced,
                           "rename ID.part to ID.item", "sync quarantine", "rename victim to .tav-ID",
@@ -69,7 +70,7 @@ TEST_F(DurabilityTest, AnItemAndItsRowAreOnTheDiskBeforeTheOriginalIsTouched) {
 TEST_F(DurabilityTest, ARestoredFileAndItsFolderAreOnTheDiskBeforeTheItemGoes) {
   const std::string uuid = take(write("victim"));
   const FileCalls calls;
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
   EXPECT_THAT(calls.seen(), ElementsAre(kRowWritten, kRowSynced, "write nameless", "sync nameless",
                                         "link nameless to victim", "sync files", "rename ID.item to ID.gone",
                                         "sync quarantine", kRowWritten, kRowSynced, "unlink ID.gone"));
@@ -78,7 +79,7 @@ TEST_F(DurabilityTest, ARestoredFileAndItsFolderAreOnTheDiskBeforeTheItemGoes) {
 TEST_F(DurabilityTest, TrustIsOnTheDiskBeforeTheItemGoes) {
   const std::string uuid = take(write("victim"));
   const FileCalls calls;
-  EXPECT_TRUE(restore(uuid, root(), "", true).ok);
+  EXPECT_TRUE(restore(uuid, root(), "", true));
   EXPECT_THAT(calls.seen(), ElementsAre(kRowWritten, kRowSynced, "write nameless", "sync nameless",
                                         "link nameless to victim", "sync files", kRowWritten, kRowSynced,
                                         "rename ID.item to ID.gone", "sync quarantine", kRowWritten,
@@ -92,7 +93,7 @@ TEST_F(DurabilityTest, WhereNamelessFilesCannotBeTheRestoredFileIsSyncedUnderIts
   {
     FileCalls calls;
     calls.fail("create nameless", "", EOPNOTSUPP);
-    EXPECT_TRUE(restore(uuid).ok);
+    EXPECT_TRUE(restore(uuid));
     EXPECT_THAT(calls.seen(),
                 ElementsAre(kRowWritten, kRowSynced, "write .tav-ID", "sync .tav-ID",
                             "rename .tav-ID to victim", "sync files", "rename ID.item to ID.gone",
@@ -109,7 +110,7 @@ TEST_F(DurabilityTest, AFolderThatItsUserMayNotReadIsSyncedWithItsFileSystem) {
   ASSERT_EQ(::chown(at("drop").c_str(), kOther, kOther), 0);
   ASSERT_EQ(::chmod(at("drop").c_str(), 0300), 0);
   FileCalls calls;
-  EXPECT_TRUE(restore(uuid, other()).ok);
+  EXPECT_TRUE(restore(uuid, other()));
   EXPECT_THAT(calls.seen(), ElementsAre(kRowWritten, kRowSynced, "write nameless", "sync nameless",
                                         "link nameless to victim", testing::StartsWith("syncfs "),
                                         "rename ID.item to ID.gone", "sync quarantine", kRowWritten,
@@ -119,7 +120,7 @@ TEST_F(DurabilityTest, AFolderThatItsUserMayNotReadIsSyncedWithItsFileSystem) {
 TEST_F(DurabilityTest, ADeletionIsRecordedOnTheDiskBeforeItBeginsAndForgottenWhenItsFolderIsSynced) {
   const std::string path = write("victim");
   const FileCalls calls;
-  EXPECT_TRUE(store().quarantine().remove(requestFor(path)).ok);
+  EXPECT_TRUE(store().quarantine().remove(requestFor(path)));
   EXPECT_THAT(calls.seen(), ElementsAre(kRowWritten, kRowSynced, "rename victim to .tav-ID", "unlink .tav-ID",
                                         "sync files", kRowWritten, kRowSynced));
 }
@@ -184,7 +185,7 @@ TEST_F(DurabilityTest, ARowThatCannotBeSyncedLeavesTheOriginalAlone) {
   {
     FileCalls calls;
     calls.fail("sync", "agent.db-wal", EIO);
-    EXPECT_FALSE(add(path).ok);
+    EXPECT_FALSE(add(path));
     EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
   }
   EXPECT_EQ(testsupport::readFile(path), "a file that was detected");
@@ -195,9 +196,9 @@ TEST_F(DurabilityTest, AnItemThatCannotGetItsNameLeavesTheOriginalAlone) {
   for (const auto& [begin, end] : {std::pair{"rename ", ".item"}, std::pair{"sync quarantine", ""}}) {
     FileCalls calls;
     calls.fail(begin, end, EIO);
-    const Result result = add(path);
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr("cannot rename in the quarantine: Input/output error"));
+    const auto result = add(path);
+    EXPECT_FALSE(result);
+    EXPECT_THAT(lineOf(result), HasSubstr("cannot rename in the quarantine: Input/output error"));
     EXPECT_EQ(testsupport::readFile(path), "a file that was detected");
     EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
     EXPECT_EQ(vaultFiles().empty(), begin == std::string("rename "));
@@ -226,20 +227,20 @@ TEST_P(FailingRestoreTest, LeavesTheItemAndNoFile) {
   {
     FileCalls calls;
     calls.fail(GetParam().begin, GetParam().end, EIO);
-    const Result result = restore(uuid);
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr(GetParam().why));
+    const auto result = restore(uuid);
+    EXPECT_FALSE(result);
+    EXPECT_THAT(lineOf(result), HasSubstr(GetParam().why));
   }
   EXPECT_THAT(namesIn(at("")), IsEmpty());
   EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
 }
 
 TEST_F(DurabilityTest, ARestoredFileWhoseFolderCannotBeSyncedStandsBesideItsItem) {
   const std::string uuid = take(write("victim"));
   FileCalls calls;
   calls.fail("sync files", "", EIO);
-  EXPECT_THAT(restore(uuid).detail, HasSubstr("cannot be synced to disk: Input/output error"));
+  EXPECT_THAT(lineOf(restore(uuid)), HasSubstr("cannot be synced to disk: Input/output error"));
   EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
   EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
 }
@@ -250,7 +251,7 @@ TEST_F(DurabilityTest, ARestoreUnderAPrivateNameThatFailsTakesTheNameAway) {
   before("file made", [&] { write("target/victim", "another file"); });
   FileCalls calls;
   calls.fail("create nameless", "", EOPNOTSUPP);
-  EXPECT_THAT(restore(uuid, root(), at("target")).detail, HasSubstr("exists already"));
+  EXPECT_THAT(lineOf(restore(uuid, root(), at("target"))), HasSubstr("exists already"));
   EXPECT_THAT(namesIn(at("target")), ElementsAre("victim"));
   EXPECT_EQ(testsupport::readFile(at("target/victim")), "another file");
 }
@@ -260,7 +261,7 @@ TEST_F(DurabilityTest, AFilePlantedUnderThePrivateNameOfARestoreIsNotWritten) {
   const std::string planted = write(".tav-" + uuid, "planted");
   FileCalls calls;
   calls.fail("create nameless", "", EOPNOTSUPP);
-  EXPECT_THAT(restore(uuid).detail, HasSubstr("cannot write in"));
+  EXPECT_THAT(lineOf(restore(uuid)), HasSubstr("cannot write in"));
   EXPECT_EQ(testsupport::readFile(planted), "planted");
 }
 
@@ -268,7 +269,7 @@ TEST_F(DurabilityTest, WhereARenameCannotSpareAnotherFileALinkDoesTheSame) {
   const std::string path = write("victim");
   FileCalls calls;
   calls.fail("rename victim", "", EINVAL);
-  EXPECT_TRUE(add(path).ok);
+  EXPECT_TRUE(add(path));
   EXPECT_THAT(calls.seen(),
               testing::IsSupersetOf({"link victim to .tav-ID", "unlink victim", "unlink .tav-ID"}));
   EXPECT_THAT(namesIn(at("")), IsEmpty());

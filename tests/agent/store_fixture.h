@@ -13,6 +13,20 @@
 
 namespace agent {
 
+/// The remark of a success, or the reason of a failure.
+inline std::string lineOf(const platform::Expected<Remark>& result) {
+  return result ? *result : result.error();
+}
+
+/// The reason of a failure: one line.
+inline std::string reasonOf(const platform::Expected<void>& result) {
+  EXPECT_FALSE(result);
+  const std::string reason = result ? "" : result.error();
+  EXPECT_FALSE(reason.empty());
+  EXPECT_EQ(reason.find('\n'), std::string::npos);
+  return reason;
+}
+
 /// A store of its own, in a private folder, that can be closed and opened again.
 class StoreTest : public testing::Test {
  protected:

@@ -35,8 +35,8 @@ TEST_F(LinkTest, AFolderThatBecameALinkBeforeTheFileIsOpenedLeadsToNoOtherFile) 
   const std::string path = write("sub/a", "detected");
   const QuarantineRequest request = requestFor(path);
   replaceByLink(at("sub"));
-  const Result result = store().quarantine().add(request);
-  EXPECT_FALSE(result.ok);
+  const auto result = store().quarantine().add(request);
+  EXPECT_FALSE(result);
   expectUntouched();
   EXPECT_EQ(testsupport::readFile(at("sub.real/a")), "detected");
 }
@@ -48,15 +48,15 @@ INSTANTIATE_TEST_SUITE_P(Steps, LinkWhileAddingTest,
 TEST_P(LinkWhileAddingTest, AFolderThatBecomesALinkLosesNothingAndTouchesNothingElse) {
   const std::string path = write("sub/a", "detected");
   before(GetParam(), [&] { replaceByLink(at("sub")); });
-  const Result result = add(path);
-  EXPECT_TRUE(result.ok) << result.detail;
+  const auto result = add(path);
+  EXPECT_TRUE(result) << lineOf(result);
   expectUntouched();
   EXPECT_THAT(namesIn(at("sub.real")), IsEmpty());
   EXPECT_EQ(items().size(), 1U);
   // Back where it was is now through a link: refused, and elsewhere it can be had.
   const std::string uuid = uuidOf(path);
-  EXPECT_EQ(restore(uuid).detail, "'" + at("sub") + "' is a symbolic link");
-  EXPECT_TRUE(restore(uuid, root(), at("sub.real")).ok);
+  EXPECT_EQ(lineOf(restore(uuid)), "'" + at("sub") + "' is a symbolic link");
+  EXPECT_TRUE(restore(uuid, root(), at("sub.real")));
   EXPECT_EQ(testsupport::readFile(at("sub.real/a")), "detected");
   expectUntouched();
 }
@@ -68,12 +68,12 @@ TEST_F(LinkTest, AFileExchangedBetweenScanAndRemovalIsLeftAlone) {
       std::filesystem::rename(path, at("moved"));
       write("a", "another file");
     });
-    const Result result = add(path);
-    EXPECT_FALSE(result.ok) << step;
-    EXPECT_EQ(result.detail, step == std::string("opened")
-                                 ? "it was changed while it was copied"
-                                 : "another file took its place while it was handled");
-    EXPECT_EQ(testsupport::readFile(path), "another file") << step << ": " << result.detail;
+    const auto result = add(path);
+    EXPECT_FALSE(result) << step;
+    EXPECT_EQ(lineOf(result), step == std::string("opened")
+                                  ? "it was changed while it was copied"
+                                  : "another file took its place while it was handled");
+    EXPECT_EQ(testsupport::readFile(path), "another file") << step << ": " << lineOf(result);
     EXPECT_EQ(testsupport::readFile(at("moved")), "detected") << step;
     EXPECT_THAT(namesIn(at("")), ElementsAre("a", "moved")) << step;
     EXPECT_THAT(items(), IsEmpty());
@@ -87,7 +87,7 @@ TEST_F(LinkTest, AFileExchangedForALinkIsLeftAloneAndSoIsWhereItLeads) {
     std::filesystem::remove(path);
     std::filesystem::create_symlink(victim_, path);
   });
-  EXPECT_FALSE(add(path).ok);
+  EXPECT_FALSE(add(path));
   EXPECT_TRUE(std::filesystem::is_symlink(path));
   expectUntouched();
 }
@@ -97,7 +97,7 @@ TEST_F(LinkTest, AFileWrittenToAfterItWasCopiedIsPutBack) {
     const std::string path = write("a", "detected");
     std::ofstream writer(path, std::ios::app);
     before(step, [&] { writer << "more" << std::flush; });
-    EXPECT_FALSE(add(path).ok) << step;
+    EXPECT_FALSE(add(path)) << step;
     EXPECT_EQ(testsupport::readFile(path), "detectedmore") << step;
     EXPECT_THAT(items(), IsEmpty());
     EXPECT_THAT(namesIn(at("")), ElementsAre("a"));
@@ -107,7 +107,7 @@ TEST_F(LinkTest, AFileWrittenToAfterItWasCopiedIsPutBack) {
 TEST_F(LinkTest, AFileThatTakesTheNameWhileTheOriginalIsRemovedStays) {
   const std::string path = write("a", "detected");
   before("moved", [&] { write("a", "another file"); });
-  EXPECT_TRUE(add(path).ok);
+  EXPECT_TRUE(add(path));
   EXPECT_EQ(testsupport::readFile(path), "another file");
   EXPECT_EQ(items().size(), 1U);
 }
@@ -122,10 +122,10 @@ TEST_F(LinkTest, AnotherFileThatCannotBePutBackIsSaidAndNotLost) {
       write("a", "third");
     }
   };
-  const Result result = add(path);
+  const auto result = add(path);
   store::stepHook = nullptr;
-  EXPECT_FALSE(result.ok);
-  EXPECT_THAT(result.detail, HasSubstr("it stands as '.tav-"));
+  EXPECT_FALSE(result);
+  EXPECT_THAT(lineOf(result), HasSubstr("it stands as '.tav-"));
   EXPECT_EQ(testsupport::readFile(path), "third");
   ASSERT_EQ(namesIn(at("")).size(), 3U);
   EXPECT_EQ(testsupport::readFile(at(namesIn(at(""))[0])), "second");
@@ -139,14 +139,14 @@ TEST_F(LinkTest, AFolderThatBecameALinkIsNotRestoredThrough) {
     const std::string uuid = take(path);
     std::filesystem::remove(victim_);
     replaceByLink(at("sub"));
-    EXPECT_EQ(restore(uuid, caller).detail, "'" + at("sub") + "' is a symbolic link");
-    EXPECT_EQ(restore(uuid, caller, at("sub")).detail, "'" + at("sub") + "' is a symbolic link");
+    EXPECT_EQ(lineOf(restore(uuid, caller)), "'" + at("sub") + "' is a symbolic link");
+    EXPECT_EQ(lineOf(restore(uuid, caller, at("sub"))), "'" + at("sub") + "' is a symbolic link");
     EXPECT_THAT(namesIn(folder_.at("precious")), IsEmpty());
     std::filesystem::remove(at("sub"));
     std::filesystem::remove(at("sub.real"));
     victim_ = folder_.write("precious/a", "precious");
     std::filesystem::create_directory(at("sub"));
-    EXPECT_TRUE(restore(uuid).ok);
+    EXPECT_TRUE(restore(uuid));
     std::filesystem::remove_all(at("sub"));
   }
 }

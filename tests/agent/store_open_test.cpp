@@ -132,7 +132,7 @@ TEST_F(OpenTest, ADatabaseThatIsBusyForAMomentIsWaitedFor) {
   ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
   bool changed = false;
   std::thread change([&] {
-    changed = store().settings().change(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})", nullptr);
+    changed = store().settings().change(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})").has_value();
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -152,7 +152,7 @@ TEST_F(OpenTest, AStoreFileDamagedInTheMiddleIsAClearErrorAndNotACrash) {
   for (int i = 0; i < 2000; ++i) {
     items["items"].append("name" + std::to_string(i));
   }
-  ASSERT_TRUE(store().regions().change(json::Region::kTrust, items, root(), nullptr));
+  ASSERT_TRUE(store().regions().change(json::Region::kTrust, items, root()));
   store_.reset();
   std::fstream file(stateDir() + "/agent.db", std::ios::in | std::ios::out | std::ios::binary);
   file.seekp(8 * 4096);

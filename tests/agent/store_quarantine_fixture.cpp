@@ -93,12 +93,12 @@ QuarantineRequest QuarantineTest::requestFor(const std::string& path) {
   return request;
 }
 
-Result QuarantineTest::restore(const std::string& uuid, const CallerId& caller, const std::string& target,
-                               bool trust) {
+platform::Expected<Remark> QuarantineTest::restore(const std::string& uuid, const CallerId& caller,
+                                                   const std::string& target, bool trust) {
   const auto outcomes = store().quarantine().restore({uuid}, false, trust, target, caller);
   EXPECT_EQ(outcomes.size(), 1U);
   EXPECT_EQ(outcomes.at(0).uuid, uuid);
-  EXPECT_EQ(outcomes.at(0).result.detail.find('\n'), std::string::npos);
+  EXPECT_EQ(lineOf(outcomes.at(0).result).find('\n'), std::string::npos);
   return outcomes.at(0).result;
 }
 
@@ -112,8 +112,8 @@ std::string QuarantineTest::uuidOf(const std::string& path) {
 }
 
 std::string QuarantineTest::take(const std::string& path) {
-  const Result result = add(path);
-  EXPECT_TRUE(result.ok) << result.detail;
+  const auto result = add(path);
+  EXPECT_TRUE(result) << lineOf(result);
   EXPECT_FALSE(std::filesystem::exists(path));
   return uuidOf(path);
 }

@@ -44,9 +44,11 @@ class QuarantineTest : public StoreTest {
   /// A file with everything a file can have.
   std::string writeRich(const std::string& name) const;
   static QuarantineRequest requestFor(const std::string& path);
-  Result add(const std::string& path) { return store().quarantine().add(requestFor(path)); }
-  Result restore(const std::string& uuid, const CallerId& caller = root(), const std::string& target = "",
-                 bool trust = false);
+  platform::Expected<Remark> add(const std::string& path) {
+    return store().quarantine().add(requestFor(path));
+  }
+  platform::Expected<Remark> restore(const std::string& uuid, const CallerId& caller = root(),
+                                     const std::string& target = "", bool trust = false);
   Json::Value items() { return store().quarantine().list(std::nullopt); }
   std::string uuidOf(const std::string& path);
   /// Quarantines the file, which must go well.

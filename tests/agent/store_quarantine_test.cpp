@@ -27,10 +27,10 @@ std::string md5Of(const std::string& content) {
 class AddTest : public QuarantineTest {
  protected:
   /// Not handled, for that reason, and nothing is left in the store.
-  void expectRefused(const Result& result, const std::string& why) {
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr(why));
-    EXPECT_EQ(result.detail.find('\n'), std::string::npos);
+  void expectRefused(const platform::Expected<Remark>& result, const std::string& why) {
+    EXPECT_FALSE(result);
+    EXPECT_THAT(lineOf(result), HasSubstr(why));
+    EXPECT_EQ(lineOf(result).find('\n'), std::string::npos);
     EXPECT_THAT(items(), IsEmpty());
     EXPECT_THAT(vaultFiles(), IsEmpty());
   }
@@ -40,7 +40,7 @@ TEST_F(AddTest, AFileGoesInAndIsListedWithAllFieldsOfItsRecord) {
   const std::string path = writeRich("a.bin");
   const std::string content = testsupport::readFile(path);
   const std::int64_t start = platform::nowSec();
-  EXPECT_EQ(add(path).detail, "");
+  EXPECT_EQ(lineOf(add(path)), "");
   EXPECT_FALSE(std::filesystem::exists(path));
   ASSERT_EQ(items().size(), 1U);
   const Json::Value item = items()[0];
@@ -118,7 +118,7 @@ TEST_F(AddTest, AttributesOfAnyNumberAndLengthComeBack) {
   ASSERT_EQ(::setxattr(path.c_str(), "user.\xff\n\x80", std::string(1000, 'v').data(), 1000, 0), 0);
   const FileFacts before = FileFacts::of(path);
   ASSERT_EQ(before.attributes.size(), 13U);
-  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_TRUE(restore(take(path)));
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -126,7 +126,7 @@ TEST_F(AddTest, AFileSystemWithoutAttributesIsNoReasonToRefuse) {
   const std::string path = write("plain", "content");
   testsupport::FileCalls calls;
   calls.fail("list attributes", "", ENOTSUP);
-  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_TRUE(restore(take(path)));
 }
 
 TEST_F(AddTest, AttributesThatCannotBeReadAreAReasonToRefuse) {
@@ -148,20 +148,20 @@ TEST_F(AddTest, AnItemInAnUnknownStateIsADamagedStore) {
 TEST_F(AddTest, AnItemWhoseRowCannotBeCompletedIsCompletedAtTheNextStart) {
   const std::string path = write("file", "content");
   sql("CREATE TRIGGER refuse BEFORE UPDATE ON items BEGIN SELECT RAISE(ABORT,'refused'); END");
-  const Result result = add(path);
-  EXPECT_TRUE(result.ok);
-  EXPECT_THAT(result.detail, HasSubstr("its record is completed at the next start"));
+  const auto result = add(path);
+  EXPECT_TRUE(result);
+  EXPECT_THAT(lineOf(result), HasSubstr("its record is completed at the next start"));
   EXPECT_FALSE(std::filesystem::exists(path));
   sql("DROP TRIGGER refuse");
   reopen();
-  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_TRUE(restore(uuidOf(path)));
   EXPECT_EQ(testsupport::readFile(path), "content");
 }
 
 TEST_F(AddTest, AnEmptyFileGoesInAndComesBack) {
   const std::string path = write("empty", "");
   const FileFacts before = FileFacts::of(path);
-  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_TRUE(restore(take(path)));
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -173,7 +173,7 @@ TEST_F(AddTest, AFileOfSeveralMegabytesGoesInAndComesBack) {
     c = static_cast<char>(state >> 24);
   }
   const std::string path = write("large", content);
-  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_TRUE(restore(take(path)));
   EXPECT_EQ(testsupport::readFile(path), content);
 }
 
@@ -183,7 +183,7 @@ TEST_F(AddTest, ANameOfAnyBytesGoesInIsListedAndComesBack) {
   const std::string uuid = take(path);
   EXPECT_EQ(uuid, items()[0]["uuid"].asString());
   EXPECT_EQ(json::decodePath(items()[0]["filepath_src"].asString()), path);
-  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_TRUE(restore(uuidOf(path)));
   EXPECT_EQ(testsupport::readFile(path), "content");
 }
 
@@ -194,18 +194,18 @@ TEST_F(AddTest, ADescriptorIsEnoughAndStaysTheCallers) {
   char byte = 0;
   ASSERT_EQ(::read(fd.get(), &byte, 1), 1);
   request.fd = fd.get();
-  EXPECT_TRUE(store().quarantine().add(request).ok);
+  EXPECT_TRUE(store().quarantine().add(request));
   EXPECT_EQ(::lseek(fd.get(), 0, SEEK_CUR), 1);
-  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_TRUE(restore(uuidOf(path)));
   EXPECT_EQ(testsupport::readFile(path), "content");
 }
 
 TEST_F(AddTest, AFileWithAnotherNameGoesInAndTheOtherNameIsSaidToRemain) {
   const std::string path = write("one");
   std::filesystem::create_hard_link(path, at("two"));
-  const Result result = add(path);
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.detail, "the same file still stands under 1 other name(s)");
+  const auto result = add(path);
+  EXPECT_TRUE(result);
+  EXPECT_EQ(lineOf(result), "the same file still stands under 1 other name(s)");
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_TRUE(std::filesystem::exists(at("two")));
 }
@@ -215,9 +215,9 @@ TEST_F(AddTest, TheOtherNameGoesInTooWhenTheHashProvesTheContent) {
   std::filesystem::create_hard_link(path, at("two"));
   QuarantineRequest second = requestFor(at("two"));
   add(path);
-  EXPECT_EQ(store().quarantine().add(second).detail, "it was changed after it was scanned");
+  EXPECT_EQ(lineOf(store().quarantine().add(second)), "it was changed after it was scanned");
   second.md5 = md5Of("content");
-  EXPECT_TRUE(store().quarantine().add(second).ok);
+  EXPECT_TRUE(store().quarantine().add(second));
   EXPECT_EQ(items().size(), 2U);
 }
 
@@ -245,7 +245,7 @@ TEST_F(AddTest, AFileOfWhichOnlyTheChangeTimeDiffersIsNotDeletedWhateverHashIsGi
   std::ofstream(path) << "another";
   const timespec times[2] = {st.st_atim, st.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  EXPECT_EQ(store().quarantine().remove(request).detail, "it was changed after it was scanned");
+  EXPECT_EQ(lineOf(store().quarantine().remove(request)), "it was changed after it was scanned");
   EXPECT_EQ(testsupport::readFile(path), "another");
 }
 
@@ -336,7 +336,7 @@ TEST_F(AddTest, ASignalDuringAReadOrWriteCostsNothing) {
     const std::string path = write("interrupted", "content");
     testsupport::FileCalls calls;
     calls.fail(begin, end, EINTR, 1);
-    EXPECT_TRUE(restore(take(path)).ok);
+    EXPECT_TRUE(restore(take(path)));
     EXPECT_EQ(testsupport::readFile(path), "content");
   }
 }
@@ -418,9 +418,9 @@ TEST_F(AddTest, AFileThatCannotBeRemovedStaysAndIsNotHandled) {
     ASSERT_EQ(::setresuid(kOther, kOther, kOther), 0);
     testsupport::TempDir own;
     const auto mine = Store::open(own.at("state"));
-    const Result result = mine->quarantine().add(requestFor(path));
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr("cannot remove it: Permission denied"));
+    const auto result = mine->quarantine().add(requestFor(path));
+    EXPECT_FALSE(result);
+    EXPECT_THAT(lineOf(result), HasSubstr("cannot remove it: Permission denied"));
     EXPECT_THAT(mine->quarantine().list(std::nullopt), IsEmpty());
     EXPECT_THAT(namesIn(own.at("state/quarantine")), IsEmpty());
   });
@@ -461,8 +461,8 @@ TEST_F(AddTest, AFileThatDoesNotFitOnTheDiskIsNotHandledAndStays) {
     ASSERT_EQ(::mount("none", stateDir().c_str(), "tmpfs", 0, "size=2m,mode=0700"), 0);
     reopen();
     expectRefused(add(path), "No space left on device");
-    EXPECT_TRUE(add(small).ok);
-    EXPECT_TRUE(restore(uuidOf(small)).ok);
+    EXPECT_TRUE(add(small));
+    EXPECT_TRUE(restore(uuidOf(small)));
     store_.reset();
   });
   EXPECT_EQ(status, 0);
@@ -482,7 +482,7 @@ TEST_F(AddTest, SeveralThreadsTakeTheirFilesAndOneOfTwoTheSameFile) {
   std::atomic<int> taken{0};
   const auto work = [&] {
     for (const QuarantineRequest& request : requests) {
-      taken += store().quarantine().add(request).ok ? 1 : 0;
+      taken += store().quarantine().add(request).has_value() ? 1 : 0;
     }
   };
   std::thread first(work), second(work);
@@ -492,7 +492,7 @@ TEST_F(AddTest, SeveralThreadsTakeTheirFilesAndOneOfTwoTheSameFile) {
   EXPECT_EQ(items().size(), 12U);
   EXPECT_EQ(vaultFiles().size(), 12U);
   for (const auto& outcome : store().quarantine().restore({}, true, false, "", root())) {
-    EXPECT_TRUE(outcome.result.ok) << outcome.result.detail;
+    EXPECT_TRUE(outcome.result) << lineOf(outcome.result);
   }
   for (int i = 0; i < 12; ++i) {
     EXPECT_EQ(testsupport::readFile(paths[static_cast<std::size_t>(i)]), "content " + std::to_string(i));
@@ -502,8 +502,7 @@ TEST_F(AddTest, SeveralThreadsTakeTheirFilesAndOneOfTwoTheSameFile) {
 class LimitTest : public AddTest {
  protected:
   void set(const std::string& change) {
-    std::string why;
-    ASSERT_TRUE(store().settings().change(json::ConfigType::kQuarantine, change, &why)) << why;
+    ASSERT_TRUE(store().settings().change(json::ConfigType::kQuarantine, change));
   }
   /// Makes the items look as large and as old as that.
   void pretend(const char* values) {
@@ -527,15 +526,15 @@ TEST_F(LimitTest, SizeLimitKeepsWhatWouldPassItOut) {
   const std::string path = write("b");
   bool copied = false;
   before("copied", [&] { copied = true; });
-  const Result result = add(path);
+  const auto result = add(path);
   EXPECT_FALSE(copied) << "the limit holds for the copy under way";
-  EXPECT_FALSE(result.ok);
-  EXPECT_THAT(result.detail, HasSubstr("quarantine is full"));
+  EXPECT_FALSE(result);
+  EXPECT_THAT(lineOf(result), HasSubstr("quarantine is full"));
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(items().size(), 1U);
   EXPECT_EQ(vaultFiles().size(), 1U);
   set(R"({"Common":{"SizeLimit":2}})");
-  EXPECT_TRUE(add(path).ok);
+  EXPECT_TRUE(add(path));
 }
 
 TEST_F(LimitTest, OfTwoFilesThatAreCopiedAtOnceTheOneThatPassesTheLimitIsKeptOut) {
@@ -544,12 +543,12 @@ TEST_F(LimitTest, OfTwoFilesThatAreCopiedAtOnceTheOneThatPassesTheLimitIsKeptOut
   pretend("UPDATE items SET stored_bytes=1073741824-1000");
   const std::string path = write("b"), other = write("c");
   before("copied", [&] { take(other); });
-  const Result result = add(path);
-  EXPECT_FALSE(result.ok);
-  EXPECT_THAT(result.detail, HasSubstr("quarantine is full"));
+  const auto result = add(path);
+  EXPECT_FALSE(result);
+  EXPECT_THAT(lineOf(result), HasSubstr("quarantine is full"));
   EXPECT_TRUE(std::filesystem::exists(path));
-  EXPECT_TRUE(restore(uuidOf(other)).ok);
-  EXPECT_TRUE(add(path).ok) << "what was refused takes no room";
+  EXPECT_TRUE(restore(uuidOf(other)));
+  EXPECT_TRUE(add(path)) << "what was refused takes no room";
 }
 
 TEST_F(LimitTest, AFileThatStaysTakesNoRoom) {
@@ -561,24 +560,24 @@ TEST_F(LimitTest, AFileThatStaysTakesNoRoom) {
     std::filesystem::remove(path);
     write("b");
   });
-  EXPECT_THAT(add(path).detail, HasSubstr("another file took its place"));
-  EXPECT_TRUE(add(path).ok);
+  EXPECT_THAT(lineOf(add(path)), HasSubstr("another file took its place"));
+  EXPECT_TRUE(add(path));
 }
 
 TEST_F(LimitTest, SizeLimitZeroIsNoLimit) {
   set(R"({"Common":{"SizeLimit":0}})");
   take(write("a"));
   pretend("UPDATE items SET stored_bytes=1125899906842624");
-  EXPECT_TRUE(add(write("b")).ok);
+  EXPECT_TRUE(add(write("b")));
 }
 
 TEST_F(LimitTest, ARestoreMakesRoomAgain) {
   set(R"({"Common":{"SizeLimit":1}})");
   const std::string uuid = take(write("a"));
   pretend("UPDATE items SET stored_bytes=1073741824-100");
-  EXPECT_FALSE(add(write("b")).ok);
-  EXPECT_TRUE(restore(uuid).ok);
-  EXPECT_TRUE(add(at("b")).ok);
+  EXPECT_FALSE(add(write("b")));
+  EXPECT_TRUE(restore(uuid));
+  EXPECT_TRUE(add(at("b")));
 }
 
 TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenMoreThanNineTenthsAreUsed) {
@@ -631,9 +630,9 @@ TEST_F(LimitTest, CleaningLeavesWhatIsJustBeingTaken) {
     set(R"({"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":100}})");
     take(write("new"));
   });
-  EXPECT_TRUE(add(path).ok);
+  EXPECT_TRUE(add(path));
   EXPECT_EQ(names(), (std::vector<std::string>{"under way", "new"}));
-  EXPECT_TRUE(restore(uuidOf(path)).ok);
+  EXPECT_TRUE(restore(uuidOf(path)));
   EXPECT_EQ(testsupport::readFile(path), "content");
 }
 

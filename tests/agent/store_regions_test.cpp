@@ -31,7 +31,7 @@ constexpr const char* kSomeSha256 = "275a021bbfb6489e54d471899f7db9d1663fc695ec2
 
 class RegionTest : public StoreTest {
  protected:
-  Regions& regions() { return store().regions(); }
+  store::Regions& regions() { return store().regions(); }
   static Json::Value request(RegionAction action, ItemType type, const std::vector<std::string>& items,
                              RegionDomain domain = kPersonal) {
     Json::Value value;
@@ -46,16 +46,12 @@ class RegionTest : public StoreTest {
     return value;
   }
   void accept(Region region, const Json::Value& change) {
-    std::string why = "untouched";
-    EXPECT_TRUE(regions().change(region, change, root(), &why)) << why;
-    EXPECT_EQ(why, "");
+    const auto done = regions().change(region, change, root());
+    EXPECT_TRUE(done) << done.error();
   }
   std::string refusal(Region region, const Json::Value& change) {
-    std::string why;
-    EXPECT_FALSE(regions().change(region, change, root(), &why)) << change.toStyledString();
-    EXPECT_FALSE(why.empty());
-    EXPECT_EQ(why.find('\n'), std::string::npos);
-    return why;
+    SCOPED_TRACE(change.toStyledString());
+    return reasonOf(regions().change(region, change, root()));
   }
   void add(ItemType type, const std::string& item, Region region = kTrust, RegionDomain domain = kPersonal) {
     accept(region, request(kAdd, type, {item}, domain));
@@ -548,8 +544,7 @@ TEST_F(RegionTest, AFileThatIsNotTheCallersIsListedWithoutSizeAndHash) {
   std::ofstream(path) << "abc";
   CallerId other;
   other.uid = ::geteuid() + 4321;
-  std::string why;
-  ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), other, &why)) << why;
+  ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), other));
   const Json::Value entries = regions().list(kEvery, kFile, kTrust);
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0]["md5"], "");
@@ -562,7 +557,7 @@ TEST_F(RegionTest, AFileOfTheCallersIsListedWithSizeAndHash) {
   const std::string path = folder_.write("his", "abc");
   ASSERT_EQ(::chown(path.c_str(), 4711, 4711), 0) << "these tests act as two users: run them as root";
   const CallerId owner{.uid = 4711, .gid = 4711, .groups = {}, .pid = 1};
-  ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), owner, nullptr));
+  ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), owner));
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["file_size"], 3);
 }
 
@@ -577,7 +572,7 @@ TEST_F(RegionTest, ToTheAgentsOwnUserFilesOfOthersAreDescribed) {
       const testsupport::TempDir own;
       const auto mine = Store::open(own.at("state"));
       const CallerId itself{.uid = 4711, .gid = 0, .groups = {}, .pid = 1};
-      mine->regions().change(kTrust, request(kAdd, kFile, {path}), itself, nullptr);
+      mine->regions().change(kTrust, request(kAdd, kFile, {path}), itself);
       described = mine->regions().list(kEvery, kFile, kTrust)[0]["file_size"] == 3;
     }
     ::_exit(described ? 0 : 1);

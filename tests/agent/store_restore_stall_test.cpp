@@ -61,15 +61,15 @@ TEST_P(StoppedChildTest, FailsTheRestoreKeepsTheItemAndTheNextRestoreGoesWell) {
   const std::string content = noise(GetParam());
   const std::string uuid = takeHis("a", content);
   stopTheChild();
-  const Result result = restore(uuid, other());
-  EXPECT_FALSE(result.ok);
-  EXPECT_THAT(result.detail, HasSubstr("had been stopped"));
+  const auto result = restore(uuid, other());
+  EXPECT_FALSE(result);
+  EXPECT_THAT(lineOf(result), HasSubstr("had been stopped"));
   EXPECT_EQ(uuidOf(at("his/a")), uuid);
   EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
   EXPECT_FALSE(std::filesystem::exists(at("his/a")));
   store::stepHook = nullptr;
   reopen();  // with the patience that agents have
-  EXPECT_TRUE(restore(uuid, other()).ok);
+  EXPECT_TRUE(restore(uuid, other()));
   EXPECT_EQ(testsupport::readFile(at("his/a")), content);
 }
 
@@ -80,7 +80,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, StoppedChildTest, testing::Values(10, 4 << 20),
 TEST_F(StalledRestoreTest, AChildThatStopsBehindItsLastStepIsEndedToo) {
   const std::string uuid = takeHis("a", "content");
   before("file placed", [] { ::raise(SIGSTOP); });
-  EXPECT_FALSE(restore(uuid, other()).ok);
+  EXPECT_FALSE(restore(uuid, other()));
   EXPECT_EQ(uuidOf(at("his/a")), uuid) << "both stand: nobody said that it had come back";
 }
 
@@ -89,8 +89,8 @@ TEST_F(StalledRestoreTest, BehindOneThatStandsStillTheOthersAreNotTried) {
   stopTheChild();
   const auto outcomes = store().quarantine().restore({first, second}, false, false, "", other());
   ASSERT_EQ(outcomes.size(), 2U);
-  EXPECT_THAT(outcomes[0].result.detail, HasSubstr("had been stopped"));
-  EXPECT_THAT(outcomes[1].result.detail, HasSubstr("not tried"));
+  EXPECT_THAT(lineOf(outcomes[0].result), HasSubstr("had been stopped"));
+  EXPECT_THAT(lineOf(outcomes[1].result), HasSubstr("not tried"));
   EXPECT_EQ(items().size(), 2U);
 }
 
@@ -131,7 +131,7 @@ TEST_F(StalledRestoreTest, TheChildHoldsNoDescriptorOfTheAgent) {
       ::_exit(1);
     }
   });
-  EXPECT_TRUE(waitFor([&] { return restore(uuid, other()).ok; }));
+  EXPECT_TRUE(waitFor([&] { return restore(uuid, other()).has_value(); }));
 }
 
 }  // namespace

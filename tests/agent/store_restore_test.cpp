@@ -32,9 +32,9 @@ class RestoreTest : public QuarantineTest {
     std::filesystem::create_directories(at(name));
     ASSERT_EQ(::chown(at(name).c_str(), kOther, kOther), 0);
   }
-  void expectKept(const Result& result, const std::string& uuid, const std::string& why) {
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr(why));
+  void expectKept(const platform::Expected<Remark>& result, const std::string& uuid, const std::string& why) {
+    EXPECT_FALSE(result);
+    EXPECT_THAT(lineOf(result), HasSubstr(why));
     ASSERT_EQ(items().size(), 1U);
     EXPECT_EQ(items()[0]["uuid"], uuid);
     EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
@@ -46,7 +46,7 @@ TEST_F(RestoreTest, ContentOwnerGroupModeTimesAndAttributesAreAsBefore) {
   const FileFacts before = FileFacts::of(path);
   ASSERT_EQ(before.attributes.count("security.capability"), 1U);
   const std::string uuid = take(path);
-  EXPECT_EQ(restore(uuid).detail, "");
+  EXPECT_EQ(lineOf(restore(uuid)), "");
   EXPECT_EQ(FileFacts::of(path), before);
   EXPECT_THAT(items(), IsEmpty());
   EXPECT_THAT(vaultFiles(), IsEmpty());
@@ -58,7 +58,7 @@ TEST_F(RestoreTest, ItComesBackAfterARestartOfTheAgent) {
   const FileFacts before = FileFacts::of(path);
   const std::string uuid = take(path);
   reopen();
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -89,13 +89,13 @@ TEST_F(RestoreTest, ALinkThatLeadsNowhereIsAnExistingFileToo) {
 
 TEST_F(RestoreTest, AnItemIsRestoredOnce) {
   const std::string uuid = take(write("a"));
-  EXPECT_TRUE(restore(uuid).ok);
-  EXPECT_EQ(restore(uuid).detail, "there is no such item");
+  EXPECT_TRUE(restore(uuid));
+  EXPECT_EQ(lineOf(restore(uuid)), "there is no such item");
 }
 
 TEST_F(RestoreTest, AnUnknownUuidIsRefused) {
   for (const char* uuid : {"", "x", "../../etc/passwd", "00000000-0000-0000-0000-000000000000"}) {
-    EXPECT_EQ(restore(uuid).detail, "there is no such item");
+    EXPECT_EQ(lineOf(restore(uuid)), "there is no such item");
   }
 }
 
@@ -109,7 +109,7 @@ TEST_F(RestoreTest, AnotherFolderCanBeGiven) {
   const std::string path = write("sub/a", "content");
   const std::string uuid = take(path);
   std::filesystem::create_directory(at("target"));
-  EXPECT_TRUE(restore(uuid, root(), at("/target//")).ok);
+  EXPECT_TRUE(restore(uuid, root(), at("/target//")));
   EXPECT_EQ(testsupport::readFile(at("target/a")), "content");
   EXPECT_FALSE(std::filesystem::exists(path));
 }
@@ -117,13 +117,13 @@ TEST_F(RestoreTest, AnotherFolderCanBeGiven) {
 TEST_F(RestoreTest, AnotherFolderMustBeAbsolute) {
   const std::string uuid = take(write("a"));
   expectKept(restore(uuid, root(), "relative/folder"), uuid, "'relative/folder' is not an absolute path");
-  EXPECT_EQ(restore(uuid, root(), "relative").detail, "'relative' is not an absolute path");
+  EXPECT_EQ(lineOf(restore(uuid, root(), "relative")), "'relative' is not an absolute path");
 }
 
 TEST_F(RestoreTest, AnotherFolderIsTakenByItsText) {
   const std::string uuid = take(write("a", "content"));
   std::filesystem::create_directory(at("target"));
-  EXPECT_TRUE(restore(uuid, root(), at("/./target/absent/.."), true).ok);
+  EXPECT_TRUE(restore(uuid, root(), at("/./target/absent/.."), true));
   EXPECT_EQ(testsupport::readFile(at("target/a")), "content");
   EXPECT_EQ(store().regions().byPath(at("target/a")), RegionVerdict::kTrusted);
 }
@@ -132,9 +132,9 @@ TEST_F(RestoreTest, AFileThatCouldNotBeTrustedIsRestoredAndThatIsSaid) {
   const std::string path = write("a", "content");
   const std::string uuid = take(path);
   sql("CREATE TRIGGER refuse BEFORE INSERT ON regions BEGIN SELECT RAISE(ABORT,'refused'); END");
-  const Result result = restore(uuid, root(), "", true);
-  EXPECT_FALSE(result.ok);
-  EXPECT_THAT(result.detail, testing::StartsWith("restored, but not trusted: "));
+  const auto result = restore(uuid, root(), "", true);
+  EXPECT_FALSE(result);
+  EXPECT_THAT(lineOf(result), testing::StartsWith("restored, but not trusted: "));
   EXPECT_EQ(testsupport::readFile(path), "content");
   EXPECT_THAT(items(), IsEmpty());
 }
@@ -152,7 +152,7 @@ TEST_F(RestoreTest, TheQuarantineIsMarkedBusyWhileAChildIsAtWorkAndNoLonger) {
       ::_exit(1);
     }
   });
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
   EXPECT_TRUE(isFree());
 }
 
@@ -161,7 +161,7 @@ TEST_F(RestoreTest, TimesBefore1970AreAsBefore) {
   const timespec times[2] = {{-1'000'000'001, 123'456'789}, {-5, 1}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   const FileFacts before = FileFacts::of(path);
-  EXPECT_TRUE(restore(take(path)).ok);
+  EXPECT_TRUE(restore(take(path)));
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -171,14 +171,14 @@ TEST_F(RestoreTest, AnAccessListThatTheFolderGivesIsTakenOff) {
   // Version 2; owner, user 4242, group, mask, others: tag, rights, id.
   const std::uint32_t list[] = {2, 0x70001, ~0U, 0x60002, 4242, 0x50004, ~0U, 0x70010, ~0U, 0x40020, ~0U};
   ASSERT_EQ(::setxattr(at("sub").c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
   EXPECT_THAT(FileFacts::of(at("sub/a")).attributes, IsEmpty());
 }
 
 TEST_F(RestoreTest, TrustAddsThePathToTheTrustRegion) {
   const std::string trusted = write("trusted"), other = write("other");
-  EXPECT_TRUE(restore(take(trusted), root(), "", true).ok);
-  EXPECT_TRUE(restore(take(other), root(), "", false).ok);
+  EXPECT_TRUE(restore(take(trusted), root(), "", true));
+  EXPECT_TRUE(restore(take(other), root(), "", false));
   EXPECT_EQ(store().regions().byPath(trusted), RegionVerdict::kTrusted);
   EXPECT_EQ(store().regions().byPath(other), RegionVerdict::kNone);
   const Json::Value entries =
@@ -191,7 +191,7 @@ TEST_F(RestoreTest, TrustAddsThePathToTheTrustRegion) {
 TEST_F(RestoreTest, TrustWithAnotherFolderTrustsThePathThere) {
   const std::string path = write("a");
   std::filesystem::create_directory(at("target"));
-  EXPECT_TRUE(restore(take(path), root(), at("target"), true).ok);
+  EXPECT_TRUE(restore(take(path), root(), at("target"), true));
   EXPECT_EQ(store().regions().byPath(at("target/a")), RegionVerdict::kTrusted);
   EXPECT_EQ(store().regions().byPath(path), RegionVerdict::kNone);
 }
@@ -200,7 +200,7 @@ TEST_F(RestoreTest, ARefusedRestoreTrustsNothing) {
   const std::string path = write("a");
   const std::string uuid = take(path);
   write("a", "new");
-  EXPECT_FALSE(restore(uuid, root(), "", true).ok);
+  EXPECT_FALSE(restore(uuid, root(), "", true));
   EXPECT_EQ(store().regions().byPath(path), RegionVerdict::kNone);
 }
 
@@ -210,7 +210,7 @@ TEST_F(RestoreTest, AFileFoundThroughALinkedFolderGoesBackToItsRealOneAndIsTrust
   write("real/a", "content");
   const std::string uuid = take(at("linked/a"));
   EXPECT_FALSE(std::filesystem::exists(at("real/a")));
-  EXPECT_TRUE(restore(uuid, root(), "", true).ok);
+  EXPECT_TRUE(restore(uuid, root(), "", true));
   EXPECT_EQ(testsupport::readFile(at("real/a")), "content");
   EXPECT_EQ(store().regions().byPath(at("linked/a")), RegionVerdict::kTrusted);
   EXPECT_EQ(store().regions().byPath(at("real/a")), RegionVerdict::kTrusted);
@@ -223,9 +223,9 @@ TEST_F(RestoreTest, AllRestoresEveryItemAndTellsOfEach) {
   write("b", "in the way");
   const auto outcomes = store().quarantine().restore({"ignored"}, true, false, "", root());
   ASSERT_EQ(outcomes.size(), 3U);
-  EXPECT_TRUE(outcomes[0].result.ok);
-  EXPECT_FALSE(outcomes[1].result.ok);
-  EXPECT_TRUE(outcomes[2].result.ok);
+  EXPECT_TRUE(outcomes[0].result);
+  EXPECT_FALSE(outcomes[1].result);
+  EXPECT_TRUE(outcomes[2].result);
   EXPECT_EQ(items().size(), 1U);
 }
 
@@ -253,7 +253,7 @@ TEST_F(RestoreTest, AnItemCutShortAnywhereIsRefusedClearly) {
   }
   EXPECT_THAT(namesIn(at("")), IsEmpty());
   std::ofstream(file, std::ios::binary) << bytes;
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
 }
 
 /// The item is as it was packed; its record is of another content.
@@ -271,7 +271,7 @@ TEST_F(RestoreTest, ContentThatIsLongerThanTheRecordSaysIsRefusedAndWritesNothin
   store_.reset();
   sql("UPDATE items SET meta=CAST(json_set(CAST(meta AS TEXT),'$.size',3) AS BLOB)");
   reopen();
-  EXPECT_FALSE(restore(uuid).ok);
+  EXPECT_FALSE(restore(uuid));
   EXPECT_THAT(namesIn(at("")), IsEmpty());
   EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
 }
@@ -283,19 +283,19 @@ TEST_F(RestoreTest, AnItemWhoseFileIsStillBeingRemovedIsNotThereYet) {
     before(step, [&] {
       const std::string file = vaultFiles().at(0);
       const std::string uuid = file.substr(0, file.rfind('.'));
-      EXPECT_EQ(restore(uuid, root(), at("target")).detail, "there is no such item") << step;
+      EXPECT_EQ(lineOf(restore(uuid, root(), at("target"))), "there is no such item") << step;
       EXPECT_THAT(items(), IsEmpty()) << step;
     });
     const std::string uuid = take(path);
     EXPECT_THAT(namesIn(at("target")), IsEmpty()) << step;
-    EXPECT_TRUE(restore(uuid).ok) << step;
+    EXPECT_TRUE(restore(uuid)) << step;
   }
 }
 
 TEST_F(RestoreTest, AnItemIsListedUntilItsFileIsBack) {
   const std::string uuid = take(write("a"));
   before("content sent", [&] { EXPECT_EQ(uuidOf(at("a")), uuid); });
-  EXPECT_TRUE(restore(uuid).ok);
+  EXPECT_TRUE(restore(uuid));
   EXPECT_EQ(uuidOf(at("a")), "");
 }
 
@@ -314,7 +314,7 @@ TEST_F(RestoreTest, AnItemThatBecameALinkIsNotFollowed) {
   const std::string file = stateDir() + "/quarantine/" + uuid + ".item";
   std::filesystem::rename(file, folder_.at("elsewhere"));
   std::filesystem::create_symlink(folder_.at("elsewhere"), file);
-  EXPECT_THAT(restore(uuid).detail, HasSubstr("cannot be opened"));
+  EXPECT_THAT(lineOf(restore(uuid)), HasSubstr("cannot be opened"));
   EXPECT_THAT(namesIn(at("")), IsEmpty());
 }
 
@@ -335,7 +335,7 @@ TEST_F(RestoreTest, ADamagedRecordIsRefusedClearly) {
   store_.reset();
   sql("UPDATE items SET meta='{}'");
   reopen();
-  EXPECT_EQ(restore(uuid).detail, "is damaged: its record cannot be read");
+  EXPECT_EQ(lineOf(restore(uuid)), "is damaged: its record cannot be read");
   EXPECT_THAT(items(), IsEmpty());
 }
 
@@ -347,9 +347,9 @@ TEST_F(RestoreTest, ARestoringProcessThatDiesLosesNothing) {
       ::raise(SIGKILL);
     }
   };
-  const Result result = restore(uuid);
+  const auto result = restore(uuid);
   store::stepHook = nullptr;
-  EXPECT_EQ(result.detail, "the restoring process died");
+  EXPECT_EQ(lineOf(result), "the restoring process died");
   EXPECT_EQ(items().size(), 1U);
 }
 
@@ -361,7 +361,7 @@ TEST_F(RestoreTest, AUserGetsHisOwnFileBackIntoHisOwnFolder) {
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
   const FileFacts before = FileFacts::of(path);
-  EXPECT_EQ(restore(take(path), other()).detail, "");
+  EXPECT_EQ(lineOf(restore(take(path), other())), "");
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
@@ -376,7 +376,7 @@ TEST_F(RestoreTest, AUserDoesNotGetAnothersFile) {
 TEST_F(RestoreTest, WhatAUserTrustsIsAddedInHisName) {
   giveFolderToHim("home");
   const std::string uuid = takeHis("home/a");
-  EXPECT_TRUE(restore(uuid, other(), "", true).ok);
+  EXPECT_TRUE(restore(uuid, other(), "", true));
   EXPECT_EQ(store::Database(stateDir() + "/agent.db", store::Durability::kFull)
                 .number("SELECT added_by FROM regions"),
             std::int64_t{kOther});
@@ -388,7 +388,7 @@ TEST_F(RestoreTest, AllIsForAUserAllOfHis) {
   takeHis("his");
   const auto outcomes = store().quarantine().restore({}, true, false, "", other());
   ASSERT_EQ(outcomes.size(), 1U);
-  EXPECT_TRUE(outcomes[0].result.ok) << outcomes[0].result.detail;
+  EXPECT_TRUE(outcomes[0].result) << lineOf(outcomes[0].result);
   EXPECT_TRUE(std::filesystem::exists(at("his")));
   EXPECT_EQ(items().size(), 1U);
 }
@@ -422,7 +422,7 @@ TEST_F(RestoreTest, AGroupOfTheCallersGivesTheRightToWrite) {
   expectKept(restore(uuid, other()), uuid, "Permission denied");
   CallerId member = other();
   member.groups.push_back(4242);
-  EXPECT_TRUE(restore(uuid, member).ok);
+  EXPECT_TRUE(restore(uuid, member));
   EXPECT_EQ(FileFacts::of(at("shared/a")).gid, kOther);
 }
 
@@ -435,7 +435,7 @@ TEST_F(RestoreTest, AGroupThatIsNotTheCallersCannotBeGivenBack) {
   EXPECT_THAT(namesIn(at("home")), IsEmpty());
   CallerId member = other();
   member.groups.push_back(4242);
-  EXPECT_TRUE(restore(uuid, member).ok);
+  EXPECT_TRUE(restore(uuid, member));
   EXPECT_EQ(FileFacts::of(path).gid, 4242U);
 }
 
@@ -448,7 +448,7 @@ TEST_F(RestoreTest, TheGroupThatACallerActsInIsHisOwn) {
   ASSERT_EQ(::chmod(at("roots").c_str(), 0775), 0);
   const CallerId alone{.uid = kOther, .gid = kOther, .groups = {}, .pid = 2};
   expectKept(restore(uuid, alone, at("roots")), uuid, "Permission denied");
-  EXPECT_TRUE(restore(uuid, alone).ok);
+  EXPECT_TRUE(restore(uuid, alone));
   EXPECT_EQ(FileFacts::of(path).gid, kOther);
 }
 
@@ -483,9 +483,9 @@ TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {
   const unsigned char capability[] = {1, 0, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   ASSERT_EQ(::setxattr(path.c_str(), "security.capability", capability, sizeof capability, 0), 0);
   const FileFacts before = FileFacts::of(path);
-  const Result hers = restore(take(path), other());
-  EXPECT_TRUE(hers.ok);
-  EXPECT_EQ(hers.detail, "setuid and setgid were left out; 1 extended attribute(s) could not be given back");
+  const auto hers = restore(take(path), other());
+  EXPECT_TRUE(hers);
+  EXPECT_EQ(lineOf(hers), "setuid and setgid were left out; 1 extended attribute(s) could not be given back");
   EXPECT_EQ(FileFacts::of(path).mode, 0755U);
   EXPECT_EQ(FileFacts::of(path).attributes.count("security.capability"), 0U);
   EXPECT_EQ(FileFacts::of(path).attributes.count("user.origin"), 1U);
@@ -493,7 +493,7 @@ TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {
   std::filesystem::remove(path);
   writeRich("home/a");
   const FileFacts again = FileFacts::of(path);
-  EXPECT_EQ(restore(take(path)).detail, "");
+  EXPECT_EQ(lineOf(restore(take(path))), "");
   EXPECT_EQ(FileFacts::of(path), again);
   EXPECT_EQ(before.attributes, again.attributes);
 }
@@ -509,16 +509,16 @@ TEST_F(RestoreTest, AnAgentThatIsNotRootServesItsOwnUserOnly) {
     const auto mine = Store::open(place.at("state"));
     const std::string path = place.write("a", "content");
     const FileFacts facts = FileFacts::of(path);
-    ASSERT_TRUE(mine->quarantine().add(requestFor(path)).ok);
+    ASSERT_TRUE(mine->quarantine().add(requestFor(path)));
     const std::string uuid = mine->quarantine().list(std::nullopt)[0]["uuid"].asString();
     const CallerId stranger{.uid = 4711, .gid = 4711, .groups = {}, .pid = 1};
-    EXPECT_FALSE(mine->quarantine().restore({uuid}, false, false, "", stranger)[0].result.ok);
-    EXPECT_TRUE(mine->quarantine().restore({uuid}, false, false, "", other())[0].result.ok);
+    EXPECT_FALSE(mine->quarantine().restore({uuid}, false, false, "", stranger)[0].result);
+    EXPECT_TRUE(mine->quarantine().restore({uuid}, false, false, "", other())[0].result);
     EXPECT_EQ(FileFacts::of(path), facts);
     // Another user's file in a folder of its own: the agent can take it, and can not give it back to him.
-    ASSERT_TRUE(mine->quarantine().add(requestFor(place.at("strangers"))).ok);
+    ASSERT_TRUE(mine->quarantine().add(requestFor(place.at("strangers"))));
     const std::string his = mine->quarantine().list(4711)[0]["uuid"].asString();
-    EXPECT_EQ(mine->quarantine().restore({his}, false, false, "", stranger)[0].result.detail,
+    EXPECT_EQ(lineOf(mine->quarantine().restore({his}, false, false, "", stranger)[0].result),
               "the agent does not run as root and cannot act for another user");
   });
   EXPECT_EQ(status, 0);

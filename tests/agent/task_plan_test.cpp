@@ -38,8 +38,9 @@ class FixedSettings : public Settings {
   Json::Value document(json::ConfigType type) const override {
     return type == json::ConfigType::kScan ? scan : engines;
   }
-  bool change(json::ConfigType, const std::string&, std::string*) override { return false; }
-  std::uint64_t generation() const override { return 0; }
+  platform::Expected<void> change(json::ConfigType, const std::string&) override {
+    return platform::failure("fixed");
+  }
   Json::Value scan, engines;
 };
 

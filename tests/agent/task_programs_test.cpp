@@ -80,7 +80,7 @@ TEST_F(RunningProgramsTest, ANameWithAnEndOfLineHidesNoProcess) {
   EXPECT_EQ("x\ny) z", found[0].name);
   EXPECT_NE(0U, found[0].startTicks);
   EXPECT_EQ(processStartTicks(other.pid()), found[0].startTicks);
-  EXPECT_TRUE(endProcess(found[0]).ok);
+  EXPECT_TRUE(endProcess(found[0]));
   EXPECT_EQ(128 + SIGKILL, other.wait());
 }
 
@@ -130,7 +130,7 @@ TEST_F(RunningProgramsTest, AProcessIsEndedAndGoneByThen) {
       std::erase_if(found, [&](const RunningProgram& other) { return other.pid != one.pid(); });
       return !found.empty();
     }));
-    EXPECT_TRUE(endProcess(found[0]).ok);
+    EXPECT_TRUE(endProcess(found[0]));
     EXPECT_FALSE(one.running());
     EXPECT_EQ(128 + SIGKILL, one.wait());
   }
@@ -140,13 +140,13 @@ TEST_F(RunningProgramsTest, AProcessIsEndedAndGoneByThen) {
 TEST_F(RunningProgramsTest, AnIdThatIsAnotherProcessByNowIsLeftAlone) {
   RunningProgram stale = find().at(0);
   stale.startTicks -= 1;
-  EXPECT_FALSE(endProcess(stale).ok);
+  EXPECT_FALSE(endProcess(stale));
   stale = find().at(0);
   stale.inode += 1;
-  EXPECT_FALSE(endProcess(stale).ok);
+  EXPECT_FALSE(endProcess(stale));
   stale = find().at(0);
   stale.device += 1;
-  EXPECT_FALSE(endProcess(stale).ok);
+  EXPECT_FALSE(endProcess(stale));
   EXPECT_TRUE(process->running());
 }
 
@@ -154,16 +154,16 @@ TEST_F(RunningProgramsTest, AProcessThatHadEndedCountsAsEnded) {
   const RunningProgram gone = find().at(0);
   process->kill(SIGKILL);
   process->wait();
-  EXPECT_TRUE(endProcess(gone).ok);
+  EXPECT_TRUE(endProcess(gone));
 }
 
 TEST(EndProcess, TheFirstProcessTheAgentAndItsParentsAreSpared) {
   for (const pid_t pid : {pid_t{1}, getpid(), getppid()}) {
     RunningProgram program;
     program.pid = pid;
-    const Result result = endProcess(program);
-    EXPECT_FALSE(result.ok);
-    EXPECT_THAT(result.detail, HasSubstr("process " + std::to_string(pid)));
+    const auto result = endProcess(program);
+    ASSERT_FALSE(result);
+    EXPECT_THAT(result.error(), HasSubstr("process " + std::to_string(pid)));
   }
 }
 
@@ -174,12 +174,12 @@ TEST(EndProcess, AProcessThatRunsTheAgentsOwnProgramIsSpared) {
   program.pid = 999999;
   program.device = own.st_dev;
   program.inode = own.st_ino;
-  EXPECT_THAT(endProcess(program).detail, HasSubstr("own program"));
+  EXPECT_THAT(endProcess(program).error(), HasSubstr("own program"));
   program.inode += 1;
-  EXPECT_EQ("had ended", endProcess(program).detail);
+  EXPECT_EQ("had ended", endProcess(program));
   program.inode = own.st_ino;
   program.device += 1;
-  EXPECT_EQ("had ended", endProcess(program).detail);
+  EXPECT_EQ("had ended", endProcess(program));
 }
 
 /// Runs it in a child of a child process, with the id of the first; its exit status.
@@ -206,7 +206,8 @@ TEST(EndProcess, AlsoTheParentOfItsParentIsSpared) {
   EXPECT_EQ(0, belowTwoParents([](pid_t ancestor) {
               RunningProgram program;
               program.pid = ancestor;
-              return endProcess(program).detail.find("started it") == std::string::npos ? 1 : 0;
+              const auto ended = endProcess(program);
+              return !ended && ended.error().find("started it") != std::string::npos ? 0 : 1;
             }));
 }
 

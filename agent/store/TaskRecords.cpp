@@ -1,26 +1,26 @@
-#include "store/TaskTable.h"
+#include "store/TaskRecords.h"
 
 namespace agent::store {
 
-TaskTable::TaskTable(Database& database)
+TaskRecords::TaskRecords(Database& database)
     : database_(database),
       put_(database, "INSERT OR REPLACE INTO tasks VALUES (?,?,?,?,?,?)"),
       remove_(database, "DELETE FROM tasks WHERE token=?"),
       all_(database,
            "SELECT token,scan_type,owner_guid,owner_pid,owner_uid,owner_start FROM tasks ORDER BY rowid") {}
 
-void TaskTable::put(const TaskRecord& task) {
+void TaskRecords::put(const TaskRecord& task) {
   const std::lock_guard lock(database_.mutex());
   put_.bind(task.token, task.scanType, task.ownerGuid, task.ownerPid, task.ownerUid, task.ownerStartTicks)
       .run();
 }
 
-void TaskTable::remove(const std::string& token) {
+void TaskRecords::remove(const std::string& token) {
   const std::lock_guard lock(database_.mutex());
   remove_.bind(token).run();
 }
 
-std::vector<TaskRecord> TaskTable::all() const {
+std::vector<TaskRecord> TaskRecords::all() const {
   const std::lock_guard lock(database_.mutex());
   std::vector<TaskRecord> tasks;
   all_.reset();

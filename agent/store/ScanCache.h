@@ -9,24 +9,27 @@
 #include <vector>
 
 #include "store/Sqlite.h"
-#include "store/Store.h"
+#include "store/StoreTypes.h"
 
 namespace agent::store {
 
 /// Clean results in a hash table, written behind in batches by a thread of its own, and read back whole by
 /// the first question after a start. Past the limit the oldest sixteenth goes. A disk that fails costs what
 /// was not written, never an answer. Any thread.
-class CacheStore : public ScanCache {
+class ScanCache {
  public:
   static constexpr std::size_t kMaxFiles = 1'000'000;
-  explicit CacheStore(Database& database, std::size_t maxFiles = kMaxFiles);
-  ~CacheStore() override;  ///< writes what is not written yet
+  explicit ScanCache(Database& database, std::size_t maxFiles = kMaxFiles);
+  ~ScanCache();  ///< writes what is not written yet
 
-  bool isClean(const FileIdentity& file, const std::string& key) const override;
-  void remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs) override;
-  void flush() override;
-  std::int64_t count() const override;
-  void clear() override;
+  /// key: signature version and options of the scan.
+  bool isClean(const FileIdentity& file, const std::string& key) const;
+  /// statusNs: the clock (since 1970-01-01) just before the identity was read. A file whose last change is
+  /// too recent is not remembered: a further change could keep its times.
+  void remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs);
+  void flush();
+  std::int64_t count() const;
+  void clear();
 
  private:
   struct Place {

@@ -1,3 +1,5 @@
+#include "store/Store.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,26 +9,12 @@
 
 #include "platform/Files.h"
 #include "platform/Posix.h"
-#include "store/AuditLog.h"
-#include "store/CacheStore.h"
-#include "store/QuarantineStore.h"
-#include "store/RegionStore.h"
 #include "store/Schema.h"
-#include "store/SettingsStore.h"
-#include "store/TaskTable.h"
 
 namespace agent {
 
-FileIdentity FileIdentity::of(const struct stat& st) {
-  constexpr std::int64_t kNs = 1'000'000'000;
-  return {.device = st.st_dev,
-          .inode = st.st_ino,
-          .size = static_cast<std::uint64_t>(st.st_size),
-          .changeTimeNs = st.st_ctim.tv_sec * kNs + st.st_ctim.tv_nsec,
-          .modifyTimeNs = st.st_mtim.tv_sec * kNs + st.st_mtim.tv_nsec};
-}
+using namespace store;
 
-namespace store {
 namespace {
 
 /// The folder, made when it is not there: ours, closed to everybody else, in a place nobody else can move.
@@ -92,49 +80,23 @@ std::unique_ptr<Database> openCache(const std::string& path, std::vector<std::st
   return openCacheOnce(path);
 }
 
-class StoreImpl : public Store {
- public:
-  StoreImpl(const std::string& stateDir, std::chrono::milliseconds restorePatience)
-      : lock_(lockFolder(stateDir)),
-        database_(openStore(stateDir + "/agent.db")),
-        cacheDatabase_(openCache(stateDir + "/cache.db", &notices_)),
-        audit_(stateDir + "/audit.log"),
-        settings_(*database_, &notices_),
-        regions_(*database_),
-        cache_(*cacheDatabase_),
-        tasks_(*cacheDatabase_),
-        quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, restorePatience,
-                    &notices_) {}
-
-  Settings& settings() override { return settings_; }
-  Quarantine& quarantine() override { return quarantine_; }
-  Regions& regions() override { return regions_; }
-  ScanCache& cache() override { return cache_; }
-  TaskRecords& tasks() override { return tasks_; }
-  const std::vector<std::string>& notices() const override { return notices_; }
-  void audit(const CallerId& who, const std::string& action, const std::string& object,
-             const std::string& outcome) override {
-    audit_.add(who, action, object, outcome);
-  }
-
- private:
-  std::vector<std::string> notices_;
-  platform::Descriptor lock_;
-  std::unique_ptr<Database> database_, cacheDatabase_;
-  AuditLog audit_;
-  SettingsStore settings_;
-  RegionStore regions_;
-  CacheStore cache_;
-  TaskTable tasks_;
-  QuarantineStore quarantine_;
-};
-
 }  // namespace
-}  // namespace store
+
+Store::Store(const std::string& stateDir, std::chrono::milliseconds restorePatience)
+    : lock_(lockFolder(stateDir)),
+      database_(openStore(stateDir + "/agent.db")),
+      cacheDatabase_(openCache(stateDir + "/cache.db", &notices_)),
+      audit_(stateDir + "/audit.log"),
+      settings_(*database_, &notices_),
+      regions_(*database_),
+      cache_(*cacheDatabase_),
+      tasks_(*cacheDatabase_),
+      quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, restorePatience,
+                  &notices_) {}
 
 std::unique_ptr<Store> Store::open(const std::string& stateDir, std::chrono::milliseconds restorePatience) {
-  store::prepareFolder(stateDir);
-  return std::make_unique<store::StoreImpl>(utils::FormatFilePath(stateDir), restorePatience);
+  prepareFolder(stateDir);
+  return std::unique_ptr<Store>(new Store(utils::FormatFilePath(stateDir), restorePatience));
 }
 
 }  // namespace agent

@@ -1,4 +1,4 @@
-#include "store/CacheStore.h"
+#include "store/ScanCache.h"
 
 #include <algorithm>
 #include <chrono>
@@ -17,16 +17,16 @@ constexpr std::int64_t kTooYoungNs = 10'000'000;
 
 }  // namespace
 
-std::size_t CacheStore::PlaceHash::operator()(const Place& place) const {
+std::size_t ScanCache::PlaceHash::operator()(const Place& place) const {
   std::uint64_t mixed =
       place.inode * 0x9E3779B97F4A7C15U ^ (place.device + 0x7F4A7C15U) * 0xBF58476D1CE4E5B9U;
   mixed ^= mixed >> 31;
   return mixed;
 }
 
-CacheStore::CacheStore(Database& database, std::size_t maxFiles) : database_(database), maxFiles_(maxFiles) {}
+ScanCache::ScanCache(Database& database, std::size_t maxFiles) : database_(database), maxFiles_(maxFiles) {}
 
-CacheStore::~CacheStore() {
+ScanCache::~ScanCache() {
   {
     const std::lock_guard lock(mutex_);
     stop_ = true;
@@ -38,7 +38,7 @@ CacheStore::~CacheStore() {
   flush();
 }
 
-void CacheStore::load() const {
+void ScanCache::load() const {
   if (loaded_) {
     return;
   }
@@ -50,7 +50,7 @@ void CacheStore::load() const {
   }
 }
 
-void CacheStore::readRows() const {
+void ScanCache::readRows() const {
   const std::lock_guard lock(database_.mutex());
   Statement keys(database_, "SELECT name,id FROM scan_keys");
   while (keys.step()) {
@@ -67,7 +67,7 @@ void CacheStore::readRows() const {
   }
 }
 
-bool CacheStore::isClean(const FileIdentity& file, const std::string& key) const {
+bool ScanCache::isClean(const FileIdentity& file, const std::string& key) const {
   const std::lock_guard lock(mutex_);
   load();
   const auto found = files_.find({file.device, file.inode});
@@ -82,7 +82,7 @@ bool CacheStore::isClean(const FileIdentity& file, const std::string& key) const
   return known != keys_.end() && known->second == entry.keyId;
 }
 
-void CacheStore::remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs) {
+void ScanCache::remember(const FileIdentity& file, const std::string& key, std::int64_t statusNs) {
   if (statusNs - file.changeTimeNs < kTooYoungNs) {
     return;
   }
@@ -103,7 +103,7 @@ void CacheStore::remember(const FileIdentity& file, const std::string& key, std:
   }
 }
 
-std::int64_t CacheStore::keyId(const std::string& key) {
+std::int64_t ScanCache::keyId(const std::string& key) {
   const auto found = keys_.find(key);
   if (found != keys_.end()) {
     return found->second;
@@ -117,14 +117,14 @@ std::int64_t CacheStore::keyId(const std::string& key) {
   return lastKey_;
 }
 
-void CacheStore::forgetAll() {
+void ScanCache::forgetAll() {
   files_.clear();
   keys_.clear();
   unwritten_.clear();
   unwrittenKeys_.clear();
 }
 
-void CacheStore::evictOldest() {
+void ScanCache::evictOldest() {
   std::vector<std::int64_t> order;
   order.reserve(files_.size());
   for (const auto& [place, entry] : files_) {
@@ -137,7 +137,7 @@ void CacheStore::evictOldest() {
   std::erase_if(files_, [below = evictBelow_](const auto& file) { return file.second.seq < below; });
 }
 
-CacheStore::Batch CacheStore::takeBatch() {
+ScanCache::Batch ScanCache::takeBatch() {
   const std::lock_guard lock(mutex_);
   Batch batch;
   batch.rows.reserve(unwritten_.size());
@@ -156,7 +156,7 @@ CacheStore::Batch CacheStore::takeBatch() {
   return batch;
 }
 
-void CacheStore::write(const Batch& batch) {
+void ScanCache::write(const Batch& batch) {
   const std::lock_guard lock(database_.mutex());
   Transaction transaction(database_);
   if (batch.evictBelow > 0) {
@@ -177,7 +177,7 @@ void CacheStore::write(const Batch& batch) {
   transaction.commit();
 }
 
-void CacheStore::flush() {
+void ScanCache::flush() {
   const std::lock_guard writing(writing_);
   try {
     const Batch batch = takeBatch();
@@ -189,7 +189,7 @@ void CacheStore::flush() {
   }
 }
 
-void CacheStore::writeBehind() {
+void ScanCache::writeBehind() {
   std::unique_lock lock(mutex_);
   while (!stop_) {
     wake_.wait_for(lock, kWriteAfter, [this] { return stop_ || unwritten_.size() >= kBatch; });
@@ -199,13 +199,13 @@ void CacheStore::writeBehind() {
   }
 }
 
-std::int64_t CacheStore::count() const {
+std::int64_t ScanCache::count() const {
   const std::lock_guard lock(mutex_);
   load();
   return static_cast<std::int64_t>(files_.size());
 }
 
-void CacheStore::clear() {
+void ScanCache::clear() {
   const std::lock_guard writing(writing_);
   {
     const std::lock_guard lock(mutex_);

@@ -1,4 +1,4 @@
-#include "store/RegionStore.h"
+#include "store/Regions.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -89,7 +89,7 @@ bool exists(RegionItemType type, const std::string& item) {
 
 }  // namespace
 
-RegionStore::RegionStore(Database& database) : database_(database) {
+Regions::Regions(Database& database) : database_(database) {
   const std::lock_guard lock(database_.mutex());
   Statement rows(database_, "SELECT region,type,domain,item,valid_until FROM regions");
   while (rows.step()) {
@@ -106,77 +106,81 @@ RegionStore::RegionStore(Database& database) : database_(database) {
       database_.number("SELECT value FROM counters WHERE name='region_generation'"));
 }
 
-std::string RegionStore::readItems(const Json::Value& items, Change* change) {
+platform::Expected<std::vector<std::string>> Regions::readItems(RegionItemType type,
+                                                                const Json::Value& items) {
   if (!items.isArray()) {
-    return "\"items\" must be a list";
+    return platform::failure("\"items\" must be a list");
   }
+  std::vector<std::string> entries;
   for (const Json::Value& element : items) {
     if (!element.isString()) {
-      return "\"items\" must be a list of texts";
+      return platform::failure("\"items\" must be a list of texts");
     }
-    std::string item;
-    std::string why = normaliseRegionItem(change->type, json::decodePath(element.asString()), &item);
-    if (!why.empty()) {
-      return why;
+    auto entry = normaliseRegionItem(type, json::decodePath(element.asString()));
+    if (!entry) {
+      return platform::failure(std::move(entry.error()));
     }
-    change->items.push_back(std::move(item));
+    entries.push_back(std::move(*entry));
   }
-  return {};
+  return entries;
 }
 
-std::string RegionStore::readChange(json::Region region, const Json::Value& items, Change* change) {
+platform::Expected<Regions::Change> Regions::readChange(json::Region region, const Json::Value& items) {
   if (!items.isObject()) {
-    return "the change must be an object";
+    return platform::failure("the change must be an object");
   }
   const auto action = readValue<json::RegionAction>(items, "action");
   if (!action) {
-    return "\"action\" must be 0 (add) or 1 (delete)";
+    return platform::failure("\"action\" must be 0 (add) or 1 (delete)");
   }
   const auto type = readValue<RegionItemType>(items, "type");
   if (!type) {
-    return "\"type\" must be 0 to 6";
+    return platform::failure("\"type\" must be 0 to 6");
   }
   const auto domain = readValue<json::RegionDomain>(items, "domain");
   if (!domain || *domain == json::RegionDomain::kEvery) {
-    return "\"domain\" must be 0 (personal) or 1 (global)";
+    return platform::failure("\"domain\" must be 0 (personal) or 1 (global)");
   }
   if (items.isMember("valid_until") && wholeNumber(items, "valid_until").value_or(-1) < 0) {
-    return "\"valid_until\" must be a time in seconds, or 0";
+    return platform::failure("\"valid_until\" must be a time in seconds, or 0");
   }
   if (items.isMember("is_all") && !items["is_all"].isBool()) {
-    return "\"is_all\" must be true or false";
+    return platform::failure("\"is_all\" must be true or false");
   }
-  change->region = region;
-  change->add = *action == json::RegionAction::kAdd;
-  change->type = *type;
-  change->domain = *domain;
-  change->all = items["is_all"].isBool() && items["is_all"].asBool();
-  change->validUntil = CppJson::readInt64(items, "valid_until", 0);
-  if (change->all && change->add) {
-    return "\"is_all\" goes with deleting only";
+  Change change{.region = region,
+                .domain = *domain,
+                .type = *type,
+                .add = *action == json::RegionAction::kAdd,
+                .all = CppJson::readBool(items, "is_all", false),
+                .validUntil = CppJson::readInt64(items, "valid_until", 0),
+                .items = {}};
+  if (change.all) {
+    return change.add ? platform::Expected<Change>(platform::failure("\"is_all\" goes with deleting only"))
+                      : change;
   }
-  return change->all ? "" : readItems(items["items"], change);
+  return readItems(*type, items["items"]).map([&change](std::vector<std::string>&& entries) {
+    change.items = std::move(entries);
+    return change;
+  });
 }
 
-bool RegionStore::change(json::Region region, const Json::Value& items, const CallerId& caller,
-                         std::string* why) {
-  std::string reason;
+platform::Expected<void> Regions::change(json::Region region, const Json::Value& items,
+                                         const CallerId& caller) {
   try {
-    Change change;
-    reason = readChange(region, items, &change);
-    if (reason.empty() && (change.all || !change.items.empty())) {
-      store(change, caller.uid);
+    const auto change = readChange(region, items);
+    if (!change) {
+      return platform::failure(change.error());
     }
+    if (change->all || !change->items.empty()) {
+      store(*change, caller.uid);
+    }
+    return {};
   } catch (const std::exception& error) {
-    reason = error.what();
+    return platform::failure(error.what());
   }
-  if (why != nullptr) {
-    *why = reason;
-  }
-  return reason.empty();
 }
 
-void RegionStore::store(const Change& change, uid_t caller) {
+void Regions::store(const Change& change, uid_t caller) {
   // Held over both, so that the index changes in the order that the rows do.
   const std::lock_guard lock(database_.mutex());
   Transaction transaction(database_);
@@ -194,7 +198,7 @@ void RegionStore::store(const Change& change, uid_t caller) {
   generation_ = next;
 }
 
-void RegionStore::addRows(const Change& change, uid_t caller) {
+void Regions::addRows(const Change& change, uid_t caller) {
   Statement insert(database_,
                    "INSERT INTO regions"
                    " (region,type,domain,item,uuid,add_time,modify_time,valid_until,file_size,md5,added_by)"
@@ -214,7 +218,7 @@ void RegionStore::addRows(const Change& change, uid_t caller) {
   }
 }
 
-void RegionStore::deleteRows(const Change& change) {
+void Regions::deleteRows(const Change& change) {
   if (change.all) {
     Statement(database_, "DELETE FROM regions WHERE region=? AND type=? AND domain=?")
         .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain))
@@ -229,7 +233,7 @@ void RegionStore::deleteRows(const Change& change) {
   }
 }
 
-void RegionStore::updateIndex(const Change& change) {
+void Regions::updateIndex(const Change& change) {
   if (change.all) {
     index_.eraseAll(change.region, change.type, change.domain);
   }
@@ -242,8 +246,8 @@ void RegionStore::updateIndex(const Change& change) {
   }
 }
 
-Json::Value RegionStore::list(json::RegionDomain domain, json::RegionItemType itemType,
-                              json::Region region) const {
+Json::Value Regions::list(json::RegionDomain domain, json::RegionItemType itemType,
+                          json::Region region) const {
   Json::Value entries(Json::arrayValue);
   const std::int64_t now = platform::nowSec();
   const std::lock_guard lock(database_.mutex());
@@ -272,13 +276,13 @@ Json::Value RegionStore::list(json::RegionDomain domain, json::RegionItemType it
   return entries;
 }
 
-RegionVerdict RegionStore::byPath(const std::string& path) const {
+RegionVerdict Regions::byPath(const std::string& path) const {
   const std::shared_lock lock(mutex_);
   return looksNormal(path) ? index_.byPath(path, platform::nowSec())
                            : index_.byPath(utils::FormatFilePath(path), platform::nowSec());
 }
 
-RegionVerdict RegionStore::byHash(const Verdict& hashes) const {
+RegionVerdict Regions::byHash(const Verdict& hashes) const {
   const std::shared_lock lock(mutex_);
   return index_.byHash(hashes, platform::nowSec());
 }

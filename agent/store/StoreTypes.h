@@ -1,0 +1,56 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "engine/ScanTypes.h"
+
+/// The values that the store and its users exchange.
+namespace agent {
+
+/// The state of a file when it was scanned. Quarantine and cache compare it before they act on the file.
+struct FileIdentity {
+  std::uint64_t device = 0, inode = 0, size = 0;
+  std::int64_t changeTimeNs = 0, modifyTimeNs = 0;
+  static FileIdentity of(const struct stat& st);
+  /// The same but for the change time, which a new name or mode moves.
+  bool sameContent(const FileIdentity& other) const;
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
+/// The process that asks, as the kernel names its credentials.
+struct CallerId {
+  uid_t uid = static_cast<uid_t>(-1);
+  gid_t gid = static_cast<gid_t>(-1);
+  std::vector<gid_t> groups;
+  pid_t pid = 0;
+};
+
+/// One line worth knowing about something that succeeded; mostly empty.
+using Remark = std::string;
+
+struct QuarantineRequest {
+  int fd = -1;            ///< the scanned file, owned by the caller. -1: the store opens the path
+  std::string path;       ///< bytes; the path under which the scan encountered the file
+  FileIdentity identity;  ///< as scanned
+  Detection detection;
+  std::string md5;  ///< as scanned, lower case; may be empty
+};
+
+enum class RegionVerdict { kNone, kTrusted, kRejected };
+
+/// A task under way and its owner.
+struct TaskRecord {
+  std::string token;
+  int scanType = 0;
+  std::string ownerGuid;
+  pid_t ownerPid = 0;
+  uid_t ownerUid = 0;
+  std::uint64_t ownerStartTicks = 0;
+};
+
+}  // namespace agent
