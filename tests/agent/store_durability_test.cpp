@@ -215,12 +215,13 @@ void PrintTo(const FailingRestore& failing, std::ostream* out) {
   *out << failing.name;
 }
 class FailingRestoreTest : public DurabilityTest, public testing::WithParamInterface<FailingRestore> {};
-INSTANTIATE_TEST_SUITE_P(Calls, FailingRestoreTest,
-                         testing::Values(FailingRestore{"TheWrite", "write", "nameless", "cannot write"},
-                                         FailingRestore{"TheSync", "sync", "nameless",
-                                                        "cannot be synced to disk"},
-                                         FailingRestore{"TheName", "link", "victim", "cannot give"}),
-                         [](const auto& failing) { return std::string(failing.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Calls, FailingRestoreTest,
+    testing::Values(FailingRestore{"TheWrite", "write", "nameless", "cannot write"},
+                    FailingRestore{"TheTimes", "set times of", "nameless", "times cannot be given back"},
+                    FailingRestore{"TheSync", "sync", "nameless", "cannot be synced to disk"},
+                    FailingRestore{"TheName", "link", "victim", "cannot give"}),
+    [](const auto& failing) { return std::string(failing.param.name); });
 
 TEST_P(FailingRestoreTest, LeavesTheItemAndNoFile) {
   const std::string uuid = take(write("victim"));

@@ -10,6 +10,7 @@
 #include "store/ItemFile.h"
 #include "store/Sqlite.h"
 #include "store_fixture.h"
+#include "support/FileCalls.h"
 
 namespace agent {
 namespace {
@@ -150,6 +151,14 @@ TEST_F(ItemFileTest, AFileThatIsCutWhileItIsReadIsRefused) {
   } catch (const store::StoreError& error) {
     EXPECT_STREQ(error.what(), "is damaged: its file cannot be read");
   }
+}
+
+TEST_F(ItemFileTest, AFileThatTheDiskDoesNotReadIsRefusedWithTheReason) {
+  itemOf("content");
+  const store::UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  testsupport::FileCalls calls;
+  calls.fail("read ", "item", EIO);
+  EXPECT_EQ(store::whyDamaged(fd.get()), "is damaged: Input/output error");
 }
 
 TEST_F(ItemFileTest, NoMoreIsWrittenThanIsAllowed) {

@@ -31,6 +31,17 @@ class LinkTest : public QuarantineTest {
   std::string victim_;
 };
 
+TEST(FolderWalk, APathThatIsNotAbsoluteLeadsNowhere) {
+  for (const std::string path : {"", "relative", "relative/below", "./here"}) {
+    try {
+      store::openFolder(path);
+      ADD_FAILURE() << path << " was opened";
+    } catch (const store::StoreError& error) {
+      EXPECT_EQ(error.what(), "'" + path + "' is not an absolute path without . and ..");
+    }
+  }
+}
+
 TEST_F(LinkTest, AFolderThatBecameALinkBeforeTheFileIsOpenedLeadsToNoOtherFile) {
   const std::string path = write("sub/a", "detected");
   const QuarantineRequest request = requestFor(path);

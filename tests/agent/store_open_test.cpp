@@ -93,6 +93,13 @@ TEST_F(OpenTest, ALockThatIsALinkIsRefused) {
   EXPECT_THAT(refusal(other.path()), HasSubstr("agent.lock"));
 }
 
+TEST_F(OpenTest, ALockThatCannotBeOpenedIsRefusedWithTheReason) {
+  TempDir other;
+  std::filesystem::create_directory(other.at("agent.lock"));
+  EXPECT_THAT(refusal(other.path()),
+              AllOf(HasSubstr("cannot open "), HasSubstr("agent.lock"), HasSubstr("Is a directory")));
+}
+
 TEST_F(OpenTest, WhatOnlyACheckOfTheWholeDatabaseFindsIsDamageToo) {
   const std::string path = folder_.at("some.db");
   execute(path,

@@ -20,10 +20,12 @@
 
 namespace {
 std::atomic<bool> gKillReachesNobody{false};
-}
+std::atomic<int> gKills{0};
+}  // namespace
 
 /// Before the C library's own: a file system that holds a process that was killed is not to be had.
 extern "C" int kill(pid_t pid, int signal) noexcept {
+  ++gKills;
   return gKillReachesNobody ? 0 : static_cast<int>(syscall(SYS_kill, pid, signal));
 }
 
@@ -284,6 +286,25 @@ TEST_F(RestoreChildTest, RunsNoHandlerOfTheAgentAndLeavesItsSignalsAsTheyWere) {
 TEST_F(RestoreChildTest, ItsChannelIsNotInherited) {
   const RestoreChild child(job_, seconds(20));
   EXPECT_GE(channelOfTheChild(), 0);
+}
+
+TEST_F(RestoreChildTest, OneThatTheSystemCollectedIsNotKilledByItsOldNumber) {
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;  // as a parent may hand it down
+  ASSERT_EQ(::sigaction(SIGCHLD, &ignore, &oldAction_), 0);
+  before("file made", [this] { *child_ = ::getpid(); });
+  {
+    RestoreChild child(job_, seconds(20));
+    EXPECT_TRUE(child.send("x") && child.commit());
+    const auto isGone = [this] {
+      return *child_ > 0 && !std::filesystem::exists("/proc/" + std::to_string(*child_));
+    };
+    EXPECT_TRUE(waitFor(isGone));
+    const int killsBefore = gKills;
+    EXPECT_EQ(child.report().stage, RestoreStage::kDone);
+    EXPECT_EQ(gKills, killsBefore);
+  }
+  ::sigaction(SIGCHLD, &oldAction_, nullptr);
 }
 
 TEST_F(RestoreChildTest, OneThatDoesNotDieIsLeftBehindAndCollectedByTheNextRestore) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -218,6 +219,13 @@ ssize_t flistxattr(int fd, char* list, size_t size) noexcept {
     return -1;
   }
   return static_cast<ssize_t>(::syscall(SYS_flistxattr, fd, list, size));
+}
+
+int futimens(int fd, const timespec* times) noexcept {
+  if (gRecord != nullptr && refused("set times of " + nameOf(fd))) {
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_utimensat, fd, nullptr, times, 0));
 }
 
 }  // extern "C"
