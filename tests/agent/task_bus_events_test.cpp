@@ -58,7 +58,7 @@ class TaskWords : public ::testing::Test {
   Outbox outbox{limits()};
 };
 
-TEST_F(TaskWords, ThatWaitAreAllKeptButForOldProgressAndOldOverviews) {
+TEST_F(TaskWords, ThatWaitAreAllKeptWithTheirTokenButForOldProgressAndOldOverviews) {
   const auto words = wordsTo(0, true);
   Json::Value overview;
   for (int i = 1; i <= 2; ++i) {
@@ -75,6 +75,7 @@ TEST_F(TaskWords, ThatWaitAreAllKeptButForOldProgressAndOldOverviews) {
   std::vector<std::string> methods;
   for (const Json::Value& message : sent()) {
     methods.push_back(message["method"].asString());
+    EXPECT_EQ("token", message["params"]["token_id"].asString()) << methods.back();
     if (methods.back() == "reportBusProgress") {
       EXPECT_EQ(2, message["params"]["progress"].asInt());
     } else if (methods.back() == "reportScanBusOverView") {

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <future>
+#include <map>
 
 #include "WorkerFixture.h"
 #include "worker/Channel.h"
@@ -16,6 +18,19 @@ using testsupport::eicar;
 using testsupport::makeZip;
 
 class Pools : public testing::WorkerFixture {};
+
+/// This process's eventfds, each with what nobody has read of it yet.
+std::map<std::string, unsigned long long> eventsUnread() {
+  std::map<std::string, unsigned long long> unread;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    const std::string text = testsupport::readFile(entry.path().string());
+    const std::string label = "eventfd-count:";
+    if (const auto at = text.find(label); at != std::string::npos) {
+      unread[entry.path().filename().string()] = std::strtoull(text.c_str() + at + label.size(), nullptr, 16);
+    }
+  }
+  return unread;
+}
 
 TEST_F(Pools, FindTheTestFilePlainAndInAZip) {
   WorkerPool pool(spawner(), 2);
@@ -41,6 +56,18 @@ TEST_F(Pools, EveryFileHasExactlyOneCallback) {
   }
   pool.drain();
   EXPECT_EQ(calls, kFiles);
+}
+
+TEST_F(Pools, EveryCallThatWakesOneIsHeardSoThatItSleepsAgain) {
+  ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
+  const auto others = eventsUnread();
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  auto own = eventsUnread();
+  std::erase_if(own, [&](const auto& event) { return others.contains(event.first); });
+  ASSERT_EQ(own.size(), 1U);
+  EXPECT_TRUE(testsupport::waitFor([&] { return eventsUnread().at(own.begin()->first) == 0; }));
 }
 
 TEST_F(Pools, OptionsReachTheWorker) {
