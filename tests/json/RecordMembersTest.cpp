@@ -1,4 +1,4 @@
-// Every member of every record, against the tables written out in RecordTables.cpp.
+// Every member of every record, against the golden file of the members.
 #include <gtest/gtest.h>
 #include <json/writer.h>
 
@@ -29,7 +29,7 @@ std::vector<Case> allMembers() {
 }
 
 std::string caseName(const testing::TestParamInfo<Case>& testCase) {
-  return std::string(testCase.param.record->name) + "_" + testCase.param.member.key;
+  return testCase.param.record->name + "_" + testCase.param.member.key;
 }
 
 Json::Value written(const JsonSerializerObject& record) {

@@ -6,6 +6,7 @@
 
 #include "json/RegionRecords.h"
 #include "json/ScanRecords.h"
+#include "support/Golden.h"
 
 namespace jsontest {
 namespace {
@@ -33,140 +34,54 @@ Json::Value sampleList(std::mt19937& random, const std::function<Json::Value()>&
   return list;
 }
 
+/// The words of the golden file for the kinds.
+constexpr std::pair<const char*, Kind> kKinds[] = {
+    {"bool", Kind::kBool},
+    {"int", Kind::kInt},
+    {"int64", Kind::kInt64},
+    {"string", Kind::kString},
+    {"list of strings", Kind::kStringList},
+    {"list of ProcRiskItem", Kind::kProcRisks},
+    {"list of FileRiskInfo", Kind::kFileRisks},
+    {"ProcessInfo", Kind::kProcess},
+};
+
+constexpr std::pair<const char*, RecordTable::Make> kRecords[] = {
+    {"ScanParams", make<JsonReflect::ScanParams>},
+    {"VirusInfo", make<JsonReflect::VirusInfo>},
+    {"FileRiskInfo", make<JsonReflect::FileRiskInfo>},
+    {"ScanBusOverView", make<JsonReflect::ScanBusOverView>},
+    {"RiskRepairResult", make<JsonReflect::RiskRepairResult>},
+    {"ProcRiskItem", make<JsonReflect::ProcRiskItem>},
+    {"ProcessInfo", make<JsonReflect::ProcessInfo>},
+    {"MemoryRiskInfo", make<JsonReflect::MemoryRiskInfo>},
+    {"IsolationItem", make<JsonReflect::IsolationItem>},
+    {"DeIsolateParams", make<JsonReflect::DeIsolateParams>},
+    {"FilterRegionItem", make<JsonReflect::FilterRegionItem>},
+};
+
+std::vector<RecordTable> readTables() {
+  std::vector<RecordTable> tables;
+  for (const auto& [name, make] : kRecords) {
+    tables.push_back({name, make, {}});
+  }
+  // A line of the golden file: "record | member | kind".
+  for (const std::vector<std::string>& row : testsupport::goldenFields("json/data/record_members.txt")) {
+    for (RecordTable& table : tables) {
+      for (const auto& [word, kind] : kKinds) {
+        if (table.name == row.at(0) && word == row.at(2)) {
+          table.members.push_back({row.at(1), kind});
+        }
+      }
+    }
+  }
+  return tables;
+}
+
 }  // namespace
 
 const std::vector<RecordTable>& recordTables() {
-  static const std::vector<RecordTable> kTables = {
-      {"ScanParams",
-       make<JsonReflect::ScanParams>,
-       {{"follow_link", Kind::kBool},
-        {"max_scan_sec", Kind::kInt},
-        {"uid", Kind::kInt},
-        {"custom_stop", Kind::kBool},
-        {"items", Kind::kStringList},
-        {"force_scan", Kind::kBool},
-        {"handle_action", Kind::kInt},
-        {"fix_method", Kind::kInt},
-        {"handle_filter_types", Kind::kStringList},
-        {"parallelism", Kind::kInt},
-        {"proc_fix_method", Kind::kInt},
-        {"expire_time", Kind::kInt},
-        {"scan_type", Kind::kInt}}},
-      {"VirusInfo",
-       make<JsonReflect::VirusInfo>,
-       {{"filesize_src", Kind::kInt},
-        {"filesha1_src", Kind::kString},
-        {"file_trace_source", Kind::kInt},
-        {"risk_name", Kind::kString},
-        {"engine_mark", Kind::kInt},
-        {"filemd5_src", Kind::kString},
-        {"file_create_time", Kind::kInt64},
-        {"item", Kind::kString},
-        {"filepath_src", Kind::kString},
-        {"risk_id", Kind::kString},
-        {"find_time", Kind::kInt64},
-        {"risk_type_name", Kind::kString},
-        {"file_modify_time", Kind::kInt64},
-        {"risk_type", Kind::kInt},
-        {"finder", Kind::kInt},
-        {"desc", Kind::kString}}},
-      {"FileRiskInfo",
-       make<JsonReflect::FileRiskInfo>,
-       {{"filesize_src", Kind::kInt},
-        {"file_trace_source", Kind::kInt},
-        {"risk_name", Kind::kString},
-        {"engine_mark", Kind::kInt},
-        {"filemd5_src", Kind::kString},
-        {"file_create_time", Kind::kInt64},
-        {"item", Kind::kString},
-        {"filepath_src", Kind::kString},
-        {"risk_id", Kind::kString},
-        {"find_time", Kind::kInt64},
-        {"risk_type_name", Kind::kString},
-        {"file_modify_time", Kind::kInt64},
-        {"risk_type", Kind::kInt},
-        {"finder", Kind::kInt},
-        {"desc", Kind::kString}}},
-      {"ScanBusOverView",
-       make<JsonReflect::ScanBusOverView>,
-       {{"fixed_risk_count", Kind::kInt64},
-        {"checkout_risk_count", Kind::kInt64},
-        {"trusted_risk_count", Kind::kInt64},
-        {"total_item_count", Kind::kInt64},
-        {"ignore_risk_count", Kind::kInt64},
-        {"checked_item_count", Kind::kInt64},
-        {"failed_item_count", Kind::kInt64},
-        {"cur_item", Kind::kString},
-        {"token_id", Kind::kString},
-        {"disposed_risk_count", Kind::kInt64},
-        {"cost_time", Kind::kInt64}}},
-      {"RiskRepairResult",
-       make<JsonReflect::RiskRepairResult>,
-       {{"handle_result", Kind::kInt}, {"handle_detail", Kind::kString}, {"handle_time", Kind::kInt64}}},
-      {"ProcRiskItem",
-       make<JsonReflect::ProcRiskItem>,
-       {{"pid", Kind::kInt},
-        {"risk_name", Kind::kString},
-        {"item", Kind::kString},
-        {"risk_id", Kind::kString},
-        {"engine_type", Kind::kInt},
-        {"find_time", Kind::kInt64},
-        {"risk_type_name", Kind::kString},
-        {"risk_type", Kind::kInt},
-        {"finder", Kind::kInt},
-        {"desc", Kind::kString}}},
-      {"ProcessInfo",
-       make<JsonReflect::ProcessInfo>,
-       {{"exec_file_name", Kind::kString},
-        {"proc_name", Kind::kString},
-        {"pid", Kind::kInt},
-        {"exec_file_exist", Kind::kBool},
-        {"proc_risks", Kind::kProcRisks},
-        {"file_risks", Kind::kFileRisks},
-        {"user_name", Kind::kString}}},
-      {"MemoryRiskInfo",
-       make<JsonReflect::MemoryRiskInfo>,
-       {{"risk_type_name", Kind::kString},
-        {"risk_id", Kind::kString},
-        {"risk_type", Kind::kInt},
-        {"process_info", Kind::kProcess},
-        {"desc", Kind::kString}}},
-      {"IsolationItem",
-       make<JsonReflect::IsolationItem>,
-       {{"filemd5_repaired", Kind::kString},
-        {"uid", Kind::kInt},
-        {"filetype_src", Kind::kString},
-        {"isolate_time", Kind::kInt64},
-        {"uuid", Kind::kString},
-        {"filemd5_src", Kind::kString},
-        {"risk_type_name", Kind::kString},
-        {"gid", Kind::kInt},
-        {"mode", Kind::kInt},
-        {"filepath_src", Kind::kString},
-        {"size", Kind::kInt64},
-        {"risk_type", Kind::kInt},
-        {"engine_type", Kind::kInt},
-        {"virus_name", Kind::kString}}},
-      {"DeIsolateParams",
-       make<JsonReflect::DeIsolateParams>,
-       {{"action", Kind::kInt},
-        {"item_number", Kind::kInt},
-        {"is_all", Kind::kBool},
-        {"custom_path", Kind::kString},
-        {"items", Kind::kStringList}}},
-      {"FilterRegionItem",
-       make<JsonReflect::FilterRegionItem>,
-       {{"valid_statue", Kind::kInt},
-        {"domain", Kind::kInt},
-        {"uuid", Kind::kString},
-        {"item_type", Kind::kInt},
-        {"exist_state", Kind::kInt},
-        {"item", Kind::kString},
-        {"modify_time", Kind::kInt64},
-        {"file_size", Kind::kInt64},
-        {"md5", Kind::kString},
-        {"add_time", Kind::kInt64}}},
-  };
+  static const std::vector<RecordTable> kTables = readTables();
   return kTables;
 }
 

@@ -12,14 +12,15 @@ namespace jsontest {
 enum class Kind { kBool, kInt, kInt64, kString, kStringList, kProcRisks, kFileRisks, kProcess };
 
 struct Member {
-  const char* key;
+  std::string key;
   Kind kind;
 };
 
-/// What each record looks like on the wire, written out by hand once more.
+/// The members of a record on the wire, as the golden file lists the members.
 struct RecordTable {
-  const char* name;
-  std::unique_ptr<JsonSerializerObject> (*make)();
+  using Make = std::unique_ptr<JsonSerializerObject> (*)();
+  std::string name;
+  Make make;
   std::vector<Member> members;
 };
 
@@ -29,11 +30,11 @@ inline void PrintTo(const RecordTable& table, std::ostream* out) {
   *out << table.name;
 }
 
-/// A value of the kind that differs from the initial one; `seed` varies it.
+/// A value of the kind that differs from the initial value. Each `seed` gives another value.
 Json::Value sampleOf(Kind kind, unsigned seed);
 /// An object with a sample for every member.
 Json::Value sampleRecord(const RecordTable& table, unsigned seed);
-/// What a fresh record writes for the member.
+/// The value of a member of this kind in a new record.
 Json::Value initialOf(Kind kind);
 
 }  // namespace jsontest
