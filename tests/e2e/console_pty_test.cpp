@@ -142,7 +142,7 @@ TEST_F(ConsolePty, F1ShowsTheSameTableAndTheLineComesBack) {
 }
 
 TEST_F(ConsolePty, AHistorySearchPutsTheChosenLineIntoThePrompt) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\nCONFIG SHOW\nCACHE SHOW SCANCACHE\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\nCONFIG SHOW\nCACHE SHOW SCANCACHE\n");
   startToPrompt();
   program().type("\x12");
   ASSERT_TRUE(program().waitForPrompt("Input Patterns <F1> help:"));
@@ -160,7 +160,7 @@ TEST_F(ConsolePty, AHistorySearchPutsTheChosenLineIntoThePrompt) {
 }
 
 TEST_F(ConsolePty, HistoryInLowerCaseIsListedTwice) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\n");
   startToPrompt();
   run("history");
   EXPECT_EQ(below("TAV> history"), "TAV> history\n   1  SCAN SHOW\n   1  SCAN SHOW\nTAV>");
@@ -211,7 +211,7 @@ TEST_F(ConsolePty, ANotificationInThePagerComesAboveItsPrompt) {
 }
 
 TEST_F(ConsolePty, ANotificationInASearchComesAboveIt) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\n");
   startToPrompt();
   program().type("half\x12scan");
   ASSERT_TRUE(program().waitForPrompt("Input Patterns <F1> help: scan"));

@@ -79,7 +79,7 @@ TEST_F(PipedConsole, AMessageNestedTooDeepIsInTheLogThatTheShippedSettingsGive) 
 }
 
 TEST_F(PipedConsole, EndOfInputSavesTheHistoryAndExits0) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\n");
   run("");
   EXPECT_EQ(exit_, 0);
   EXPECT_EQ(testsupport::readFile(historyFile()), "SCAN SHOW\n");
@@ -110,12 +110,12 @@ std::size_t countOf(const std::string& text, const std::string& part) {
 }
 
 TEST_F(PipedConsole, HistoryIsExecutedByTheShellAndThenListedByTheLoop) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\n");
   EXPECT_EQ(countOf(run("history\n"), "SCAN SHOW"), 2U);
 }
 
 TEST_F(PipedConsole, HistoryInCapitalsIsListedByTheShellOnly) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\n");
   EXPECT_EQ(countOf(run("HISTORY\n"), "SCAN SHOW"), 1U);
 }
 
@@ -180,7 +180,7 @@ TEST_F(PipedConsole, SurvivesTheLossOfTheAgentAndUsesTheNextOne) {
 class PipedConsoleSignal : public PipedConsole, public testing::WithParamInterface<int> {};
 
 TEST_P(PipedConsoleSignal, EndsTheLoopAsEndOfInputDoes) {
-  tree_.write("state/tavcli/cli.history", "SCAN SHOW\n");
+  tree_.write("home/tavcli/cli.history", "SCAN SHOW\n");
   start();
   console_->write("CACHE\n");
   ASSERT_TRUE(console_->waitForOut("缺少必要选项:"));

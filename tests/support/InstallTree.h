@@ -29,7 +29,7 @@ class InstallTree {
  public:
   InstallTree() {
     namespace fs = std::filesystem;
-    for (const char* folder : {"bin", "lib/modules", "log"}) {
+    for (const char* folder : {"bin", "lib/modules", "log", "home"}) {
       fs::create_directories(at(folder));
     }
     fs::copy_file(std::string(TAV_LIB_DIR) + "/libLunetClientMgr.so", busLibrary());
