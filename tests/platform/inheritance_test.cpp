@@ -82,6 +82,14 @@ TEST(StandardStreams, NothingElseIsOpenFromThereOn) {
             }));
 }
 
+TEST(StandardStreams, AreOpenAllThreeWhenTheLastOfThemWasClosed) {
+  EXPECT_EQ(0, childHas({0, 1, 2}, [] {
+              platform::closeAllBut({});
+              close(STDERR_FILENO);
+              platform::leaveStandardStreams();
+            }));
+}
+
 TEST(StandardStreams, LeadNowhereUnlessTheyAreKept) {
   int ends[2];
   ASSERT_EQ(0, pipe(ends));

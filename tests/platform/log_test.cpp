@@ -96,6 +96,18 @@ TEST_F(DebugLog, OnlyItsOwnerReadsTheFile) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+TEST_F(DebugLog, TheFoldersItMakesCanBeEnteredByEverybodyAndWrittenByTheirOwner) {
+  const mode_t before = umask(0);
+  configure(dir_.at("made/below"));
+  CLogDebug::LogPrintStr(4, "s", "f", 1, "x");
+  umask(before);
+  for (const char* folder : {"made", "made/below"}) {
+    struct stat st {};
+    ASSERT_EQ(stat(dir_.at(folder).c_str(), &st), 0) << folder;
+    EXPECT_EQ(st.st_mode & 07777, 0755u) << folder;
+  }
+}
+
 TEST_F(DebugLog, PropertiesThatAreNoNumbersOrOutOfRangeChangeNothing) {
   configure(dir_.path(), "3");
   CLogDebug* log = CLogDebug::Instance();
