@@ -170,6 +170,10 @@ void RawConnection::close() {
   }
 }
 
+void RawConnection::endSending() const {
+  shutdown(fd_, SHUT_WR);
+}
+
 void RawConnection::send(const void* data, std::size_t length) const {
   (void)::send(fd_, data, length, MSG_NOSIGNAL);
 }

@@ -140,6 +140,7 @@ class RawConnection {
   std::string receive(std::size_t length) const;
   /// True when the other side ends the connection.
   bool waitUntilClosed() const;
+  void endSending() const;  ///< the other side reads an end, and may still answer
   void close();
 
  private:

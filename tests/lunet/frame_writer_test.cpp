@@ -1,12 +1,19 @@
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <future>
+#include <iterator>
 #include <new>
 #include <string>
 
@@ -179,3 +186,48 @@ TEST_F(FrameWriterTest, AFrameThatFindsNoMemoryForItsRestEndsTheConnection) {
   EXPECT_EXIT(writeWithoutMemory(), testing::ExitedWithCode(0), "");
 #endif
 }
+
+namespace {
+
+/// From here on each send of this process fails with that errno value. False when the kernel does not do
+/// that.
+bool failSends(unsigned error) {
+  sock_filter rules[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sendto, 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sendmsg, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter{static_cast<unsigned short>(std::size(rules)), rules};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+}  // namespace
+
+struct SendErrorRow {
+  const char* name;
+  int error;
+  FrameWriter::Result result;
+};
+
+/// In a child, whose sends fail from there on.
+class SendErrorTest : public FrameWriterTest, public testing::WithParamInterface<SendErrorRow> {};
+
+TEST_P(SendErrorTest, WaitsWhenItPassesAndElseIsTheEnd) {
+  const auto writeWithoutSending = [this] {
+    const bool asTold = failSends(static_cast<unsigned>(GetParam().error)) &&
+                        write(10) == GetParam().result &&
+                        (GetParam().result == FrameWriter::Result::kGone || writer.flush());
+    _exit(asTold ? 0 : 1);
+  };
+  EXPECT_EXIT(writeWithoutSending(), testing::ExitedWithCode(0), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, SendErrorTest,
+                         testing::Values(SendErrorRow{"NoRoom", EAGAIN, FrameWriter::Result::kTaken},
+                                         SendErrorRow{"NoBuffers", ENOBUFS, FrameWriter::Result::kTaken},
+                                         SendErrorRow{"NoMemory", ENOMEM, FrameWriter::Result::kTaken},
+                                         SendErrorRow{"NobodyThere", EPIPE, FrameWriter::Result::kGone}),
+                         [](const auto& row) { return std::string(row.param.name); });

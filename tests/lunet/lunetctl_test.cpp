@@ -159,6 +159,14 @@ TEST_F(LunetctlTest, ListenSendsAndTellsTheError) {
   EXPECT_EQ(line(player.process, 2)["error"].asUInt(), lunet::kErrNoTarget);
 }
 
+TEST_F(LunetctlTest, ListenSendsOnTheChannelThatItsLineNames) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  player.process.write("{\"send\":\"" + guid + "\",\"channel\":10990,\"data\":\"self\"}\n");
+  ASSERT_TRUE(player.gotMessage("self"));
+  EXPECT_TRUE(player.process.waitForOut("\"channel\":10990")) << player.process.out();
+}
+
 TEST_F(LunetctlTest, ListenCallsAndTellsTheAnswer) {
   Player peer(lunetctl({"listen", lunet::kAgentGuid}));
   Player player(lunetctl({"listen", guid}));

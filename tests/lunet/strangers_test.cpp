@@ -79,6 +79,18 @@ INSTANTIATE_TEST_SUITE_P(
                     BadFrameRow{"AnUnknownKind", spoiled([](FrameHeader& h) { h.kind = FrameKind{99}; })}),
     [](const auto& row) { return std::string(row.param.name); });
 
+TEST_F(StrangersTest, AGreetingThatEndsEarlyGetsNoAnswer) {
+  const RawConnection raw(socketOf(server.guid()));
+  FrameHeader header;
+  header.kind = FrameKind::kHello;
+  header.length = sizeof(lunet::HelloBody);
+  raw.send(header);
+  raw.send(owner.guid());
+  raw.endSending();
+  EXPECT_EQ(raw.receive(1), "");
+  expectUnharmed();
+}
+
 TEST_F(StrangersTest, AHalfFrameAtTheEndIsDroppedAndHarmsNoOther) {
   const auto raw = guest();
   raw->send(oneway(100));
