@@ -1,8 +1,12 @@
 // The editor on a real terminal: the settings of the terminal, signals and hang-ups.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include "platform/Descriptor.h"
+#include "support/Process.h"
 #include "support/Pty.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
@@ -143,6 +147,22 @@ TEST_P(EditorEnds, LeaveTheTerminalAsItWas) {
 
 INSTANTIATE_TEST_SUITE_P(, EditorEnds, ::testing::ValuesIn(kEnds),
                          [](const auto& test) { return std::string(test.param.name); });
+
+/// Input from a pipe, whose last line may lack its end; a line that a signal cuts off is another thing.
+TEST(EditorOnAPipe, ToldToEndDoesNotRunHalfALine) {
+  testsupport::Process program({kDriver});
+  program.write("whole\nhalf");
+  ASSERT_TRUE(program.waitForOut("<whole>"));
+  const platform::Descriptor input(
+      open(("/proc/" + std::to_string(program.pid()) + "/fd/0").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  ASSERT_TRUE(testsupport::waitFor([&] {
+    int unread = -1;
+    return ioctl(input.get(), FIONREAD, &unread) == 0 && unread == 0;
+  }));
+  program.kill(SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(program.out().find("half"), std::string::npos) << program.out();
+}
 
 TEST_F(EditorPty, AHangUpEndsItWithTheHistorySaved) {
   start();

@@ -277,6 +277,15 @@ TEST_F(ReadLine, AKeyBetweenTwoPartsOfAPasteIsPasted) {
             "b");
 }
 
+TEST_F(ReadLine, AControlCAtTheEndOfAPieceOfAPasteIsPasted) {
+  terminal().type("\033[200~ab\x03");
+  terminal().pause();
+  terminal().type("cd\033[201~\r");
+  EXPECT_EQ(read(),
+            "ab\x03"
+            "cd");
+}
+
 TEST_F(ReadLine, CtrlCGetsOutOfAPasteWhoseEndNeverCame) {
   terminal().type("\033[200~abc");
   terminal().pause();

@@ -131,6 +131,12 @@ TEST_F(Terminal, ReadKeyGivesZeroWhenTheReadFails) {
   EXPECT_EQ(readKey(), 0);
 }
 
+TEST_F(Terminal, ReadKeyWaitsOnWhenTheWindowChanges) {
+  terminal().resizeTo(30, 100);
+  terminal().type("a");
+  EXPECT_EQ(readKey(), 'a');
+}
+
 TEST_F(Terminal, ReadKeyFlushesTheOutputFirst) {
   setColour(kCyan);
   terminal().type("a");
