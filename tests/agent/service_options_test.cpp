@@ -104,6 +104,7 @@ TEST(Tree, ATreeWithoutABusConfigurationHasTheDefaults) {
   EXPECT_EQ("", settings.group);
   EXPECT_EQ(0U, settings.socketDir.rfind(dir.path(), 0));
   EXPECT_THAT(settings.clientConfig, HasSubstr("\"runtime_path\":\"" + dir.path()));
+  EXPECT_THAT(settings.clientConfig, HasSubstr("\"log_level\":1")) << "warnings and errors";
 }
 
 TEST(Tree, ABusConfigurationThatIsNoJsonIsAnErrorThatNamesIt) {

@@ -1,27 +1,36 @@
 // The life of the agent and of its tasks: start, end, death, and the receivers of notifications.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/fuse.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <set>
 #include <sstream>
 
+#include "agent/OwnMounts.h"
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
 #include "json/CppJson.h"
 #include "lunet/Lunet.h"
+#include "platform/Descriptor.h"
 #include "store/Store.h"
 #include "support/HeldFile.h"
 #include "support/Json.h"
+#include "support/Mounts.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 #include "task/RunningPrograms.h"
@@ -149,6 +158,16 @@ TEST(AgentProgram, StatusWithoutABusEndsWithOneAndSaysWhy) {
   EXPECT_THAT(status->out(), IsEmpty());
 }
 
+TEST(AgentProgram, StatusOfAnAgentThatDoesNotAnswerEndsWithOneAndSaysSo) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  Process silent({tree.program("lunetctl"), "--runtime", tree.path(), "listen", lunet::kAgentGuid});
+  ASSERT_TRUE(silent.waitForOut("ready")) << silent.err();
+  const auto status = tree.run({"--status"});
+  EXPECT_EQ(1, status->wait());
+  EXPECT_THAT(status->err(), HasSubstr("gives no answer"));
+  EXPECT_THAT(silent.out(), HasSubstr("getBusList"));
+}
+
 TEST(AgentProgram, WhoseAddressAnotherProcessHasDoesNotServeAndSaysSo) {
   AgentTree tree({.group = "", .start = false, .uid = {}});
   Process other({tree.program("lunetctl"), "--runtime", tree.path(), "listen", lunet::kAgentGuid});
@@ -216,6 +235,17 @@ TEST(AgentProgram, WithoutABusLibraryItEndsWithALineThatNamesIt) {
   const auto agent = tree.run({});
   EXPECT_EQ(1, agent->wait());
   EXPECT_THAT(agent->err(), HasSubstr("libLunetClientMgr.so"));
+}
+
+/// With a bus library that counts: who may ask as soon as the address is open must find the methods there.
+TEST(AgentProgram, OffersItsMethodsBeforeItOpensItsAddress) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  std::filesystem::copy_file(TAV_LIB_DIR "/libagent_counting_bus.so",
+                             tree.at("lib/modules/libLunetClientMgr.so"),
+                             std::filesystem::copy_options::overwrite_existing);
+  const auto agent = tree.run({});
+  EXPECT_EQ(1, agent->wait());
+  EXPECT_THAT(agent->err(), HasSubstr("opening the agent's address failed: bus error 0x00000002"));
 }
 
 TEST(AgentProgram, WithoutSignaturesItServesAndAScanSaysWhyItCannotBeMade) {
@@ -516,6 +546,78 @@ TEST_F(AgentTasks, SigtermEndsTasksWithStateFiveAndLeavesNothingBehind) {
   }
   EXPECT_FALSE(std::filesystem::exists(tree.at("run/lunet/FBE54D8E-D8E6-41F8-BE05-A94CE5469587.sock")));
   EXPECT_TRUE(std::filesystem::is_empty(tree.at("state/tmp")));
+}
+
+/// A stopped console welcomes nobody: the agent that was started again waits with the first of its notices.
+TEST_F(AgentTasks, AtSigtermAConsoleHasTimeToTakeTheEndsOfItsTasks) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  tree.kill(SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, tree.wait());
+  {
+    const auto store = agent::Store::open(tree.at("state"));
+    const std::vector<agent::TaskRecord> tasks = store->tasks().all();
+    ASSERT_EQ(1U, tasks.size());
+    agent::TaskRecord other = tasks[0];
+    other.token = "other";
+    store->tasks().put(other);
+  }
+  console.process().kill(SIGSTOP);
+  tree.start();
+  tree.kill(SIGTERM);
+  EXPECT_FALSE(waitFor([&] { return tree.log().find("not every console has taken") != std::string::npos; },
+                       std::chrono::milliseconds(500)));
+  console.process().kill(SIGCONT);
+  EXPECT_EQ(0, tree.wait());
+  EXPECT_TRUE(console.waitForState(5, token));
+  EXPECT_TRUE(console.waitForState(5, "other"));
+}
+
+/// As the server of a FUSE file system: takes the greeting. From then on whoever asks waits for an answer.
+bool takeGreeting(int server) {
+  std::array<char, 65536> request{};
+  if (read(server, request.data(), request.size()) < static_cast<ssize_t>(sizeof(fuse_in_header))) {
+    return false;
+  }
+  fuse_in_header asked;
+  std::memcpy(&asked, request.data(), sizeof asked);
+  struct {
+    fuse_out_header header;
+    fuse_init_out body;
+  } answer{};
+  answer.header = {sizeof answer, 0, asked.unique};
+  answer.body.major = FUSE_KERNEL_VERSION;
+  answer.body.minor = FUSE_KERNEL_MINOR_VERSION;
+  answer.body.max_write = 4096;
+  return asked.opcode == FUSE_INIT && write(server, &answer, sizeof answer) == sizeof answer;
+}
+
+bool isAsked(int server) {
+  pollfd watched{server, POLLIN, 0};
+  return poll(&watched, 1, 0) == 1 && (watched.revents & POLLIN) != 0;
+}
+
+TEST(AgentProgram, AScanThatHangsInAFileSystemKeepsItFromEndingForALimitedTimeOnly) {
+  AgentTree tree({.group = "", .start = false, .uid = {}});
+  std::filesystem::create_directory(tree.data() + "/hung");
+  const platform::Descriptor server(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+  if (const std::string why = testsupport::whyNoOwnMounts(); !server || !why.empty()) {
+    GTEST_SKIP() << "needs /dev/fuse and mounts of its own: " << why;
+  }
+  const auto mountIt = [&] {
+    const std::string options = "fd=" + std::to_string(server.get()) + ",rootmode=40000,user_id=0,group_id=0";
+    return mount("hung", (tree.data() + "/hung").c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) == 0;
+  };
+  const auto endDuringAScan = [&] {
+    ASSERT_TRUE(takeGreeting(server.get()));
+    tree.start();
+    PeerConsole console(tree);
+    ASSERT_TRUE(console.startScan({tree.data()}, slowly())["status"].asBool());
+    ASSERT_TRUE(waitFor([&] { return isAsked(server.get()); }));
+    tree.kill(SIGTERM);
+    EXPECT_EQ(1, tree.agent().wait(std::chrono::seconds(40)));
+  };
+  EXPECT_TRUE(agent::withOwnMounts(mountIt, endDuringAScan));
 }
 
 TEST_F(AgentTasks, AfterAKillDuringAScanItsOwnerHearsStateFiveAndTheNextCallWorks) {
