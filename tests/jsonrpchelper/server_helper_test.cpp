@@ -111,6 +111,16 @@ TEST_F(ServerHelperLimits, ARequestOfATrustedSenderHasTheCommonLimit) {
   EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INVALID_REQUEST);
 }
 
+TEST_F(ServerHelperLimits, AnAnswerLargerThanTheBusCarriesBecomesAnErrorAnswer) {
+  testsupport::FakeEndpoint::Delivery delivery;
+  IJsonRpcServerHelper::ReplyTarget target{&endpoint, 7, &delivery};
+  EXPECT_TRUE(helper.SendResponse(std::string(std::size_t{lunet::kMaxMessageBytes} + 1, 'x'), &target));
+  ASSERT_LT(delivery.reply.size(), 1000u);
+  const Json::Value answer = parsed(delivery.reply);
+  EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INTERNAL_ERROR);
+  EXPECT_THAT(delivery.reply, HasSubstr("larger than the bus carries"));
+}
+
 TEST_F(ServerHelperLimits, AMessageRefusedForItsSizeOrNestingIsLoggedOnceWithItsSender) {
   business.StartListening();
   endpoint.peer = lunet::parseGuid(lunet::kAgentGuid);
