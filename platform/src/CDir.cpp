@@ -23,13 +23,13 @@ std::string systemError(const std::string& what, const std::string& path, int er
   return what + " " + platform::visibleText(path) + ": " + platform::errnoText(error);
 }
 
-/// Why that one file, folder or link could be changed by somebody else; empty when it could not.
-std::string whyOthersDecide(const std::string& path, const struct stat& st) {
+/// The reason why another user can change one file, folder or link; empty when no other user can.
+std::string reasonUnsafe(const std::string& path, const struct stat& st) {
   const std::string shown = platform::visibleText(path);
   if (st.st_uid != 0 && st.st_uid != geteuid()) {
     return shown + " belongs to user " + std::to_string(st.st_uid) + ", neither root nor the caller";
   }
-  const bool noMode = S_ISLNK(st.st_mode);  // a link's own says nothing
+  const bool noMode = S_ISLNK(st.st_mode);  // the mode of a link has no meaning
   const bool stickyFolder = S_ISDIR(st.st_mode) && (st.st_mode & S_ISVTX) != 0;
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !noMode && !stickyFolder) {
     return shown + " can be written by others than its owner";
@@ -44,20 +44,20 @@ std::string linkTarget(const std::string& path) {
   return target;
 }
 
-/// Goes a path component by component, as the kernel does, and looks at each: what is resolved first and
-/// judged afterwards says nothing of the links that led there.
+/// Resolves a path component by component, as the kernel does, and checks each component. A check after the
+/// resolution would miss the links on the way.
 class Walk {
  public:
   explicit Walk(std::string path) : path_(std::move(path)) {}
 
-  /// Where it leads; empty, and why in *why. mayBeMissing: what is missing at its end stays as it is written.
+  /// The resolved path, or empty with the reason in *why. mayBeMissing: a missing end stays as written.
   std::string go(bool mayBeMissing, std::string* why) {
     const std::optional<std::string> from = path_.starts_with('/') ? "" : CDir::current();
     struct stat st {};
     if (path_.empty() || !from || lstat("/", &st) != 0) {
       return fail(path_.empty() ? ENOENT : errno, why);
     }
-    if (!(*why = whyOthersDecide("/", st)).empty()) {
+    if (!(*why = reasonUnsafe("/", st)).empty()) {
       return {};
     }
     take(*from + "/" + path_, true);
@@ -71,9 +71,9 @@ class Walk {
       const std::string next = at_ + "/" + step.name;
       if (lstat(next.c_str(), &st) != 0) {
         const bool missing = errno == ENOENT || errno == ENOTDIR;
-        return missing && mayBeMissing && step.given ? withTheRest(next, why) : fail(errno, why);
+        return missing && mayBeMissing && step.given ? withRemaining(next, why) : fail(errno, why);
       }
-      if (!(*why = whyOthersDecide(next, st)).empty()) {
+      if (!(*why = reasonUnsafe(next, st)).empty()) {
         return {};
       }
       if (!S_ISLNK(st.st_mode)) {
@@ -90,7 +90,7 @@ class Walk {
  private:
   struct Step {
     std::string name;
-    bool given;  ///< not by a link
+    bool given;  ///< a component of the given path, not of a link
   };
   static constexpr int kLinkLimit = 40;  // the kernel's
 
@@ -101,7 +101,7 @@ class Walk {
     take(target, false);
   }
 
-  /// Puts the components before what is still ahead.
+  /// Puts the components of a path before the remaining ones.
   void take(const std::string& path, bool given) {
     std::deque<Step> steps;
     for (std::size_t begin = 0; begin < path.size();) {
@@ -114,7 +114,7 @@ class Walk {
     ahead_.insert(ahead_.begin(), steps.begin(), steps.end());
   }
 
-  std::string withTheRest(std::string path, std::string* why) {
+  std::string withRemaining(std::string path, std::string* why) {
     for (const Step& step : ahead_) {
       if (step.name == "..") {
         return fail(ENOENT, why);
@@ -130,12 +130,12 @@ class Walk {
   }
 
   const std::string path_;
-  std::string at_;  ///< as far as it has come, without a link; empty: /
+  std::string at_;  ///< the resolved part; empty: /
   std::deque<Step> ahead_;
 };
 
-/// Makes the folders of a resolved path one by one. In a sticky folder another user may have been faster, and
-/// may have planted a link: each is looked at before anything is made in it. Empty, or why.
+/// Makes the folders of a resolved path one by one. In a sticky folder another user may have planted a link:
+/// each folder is checked before anything is made in it. Empty, or the reason of the failure.
 std::string makeOneByOne(const std::string& path, mode_t mode) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string step = path.substr(0, end);
@@ -143,7 +143,7 @@ std::string makeOneByOne(const std::string& path, mode_t mode) {
     if ((mkdir(step.c_str(), mode) != 0 && errno != EEXIST) || lstat(step.c_str(), &st) != 0) {
       return systemError("cannot make the folder", step, errno);
     }
-    if (std::string why = whyOthersDecide(step, st); !why.empty()) {
+    if (std::string why = reasonUnsafe(step, st); !why.empty()) {
       return why;
     }
     if (!S_ISDIR(st.st_mode)) {

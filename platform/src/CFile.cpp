@@ -24,16 +24,16 @@ int writeAndSync(int fd, std::string_view content, std::uint32_t mode) {
   return 0;
 }
 
-/// What may be written but not read cannot be synced, and some network and user-space file systems know no
-/// sync of a folder: the file in it still stands whole.
-bool knowsNoSync(int error) {
+/// A folder that cannot be read cannot be synced, and some file systems cannot sync folders. The new file is
+/// whole all the same.
+bool isSyncImpossible(int error) {
   return error == EACCES || error == EINVAL || error == ENOTSUP;
 }
 
 /// 0 or an errno value.
 int syncIfPossible(int folder) {
   const int error = platform::syncFolder(folder, -1);
-  return knowsNoSync(error) ? 0 : error;
+  return isSyncImpossible(error) ? 0 : error;
 }
 
 }  // namespace

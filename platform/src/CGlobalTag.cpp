@@ -11,7 +11,6 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/Descriptor.h"
 #include "platform/Files.h"
 #include "platform/Posix.h"
 #include "platform/Text.h"
@@ -27,8 +26,8 @@ std::string describe(const char* what, const std::string& path) {
   return std::string(what) + " " + platform::visibleText(path) + ": " + platform::errnoText(errno);
 }
 
-/// Empty, or why not. The folder itself is private until the bus opens it to a group; what leads there is
-/// not.
+/// Makes the folder of the marks: private until the bus opens it to a group. Its parents are readable. Empty,
+/// or the reason of the failure.
 std::string makeDirectory(const std::string& directory) {
   const std::size_t slash = directory.find_last_of('/');
   std::string why;
@@ -41,8 +40,8 @@ std::string makeDirectory(const std::string& directory) {
   return why.empty() ? CDir::whyUnsafe(directory) : why;
 }
 
-/// Opens the mark's file, never through a link. In a folder that a group's members may write, they may write
-/// their pid into the mark too.
+/// Opens the file of the mark, never through a link. In a folder that a group may write, the group may also
+/// write its pid into the mark.
 Descriptor openMark(int directory, const std::string& name) {
   struct stat folder {};
   const bool shared = fstat(directory, &folder) == 0 && (folder.st_mode & S_IWGRP) != 0;
@@ -100,17 +99,14 @@ CGlobalTag::CGlobalTag(const std::string& name, const TagConfig& config)
     : path_(utils::FormatDir(config.directory, true) + name + ".mark") {}
 
 CGlobalTag::~CGlobalTag() {
-  if (held_) {
-    (void)ftruncate(fd_, 0);
-  }
-  if (fd_ >= 0) {
-    close(fd_);
+  if (file_) {
+    (void)ftruncate(file_.get(), 0);
   }
 }
 
 int CGlobalTag::trylock(bool wait) {
   constexpr int kFailed = 0;
-  if (held_) {
+  if (file_) {
     return kAcquired;
   }
   const std::string directory = path_.substr(0, path_.rfind('/'));
@@ -137,19 +133,17 @@ int CGlobalTag::trylock(bool wait) {
       return kFailed;
     }
   }
-  fd_ = file.release();
-  held_ = true;
-  (void)ftruncate(fd_, 0);  // what a crashed holder left
+  file_ = std::move(file);
+  (void)ftruncate(file_.get(), 0);  // removes the attributes of a crashed holder
   return kAcquired;
 }
 
 bool CGlobalTag::setAttribute(const std::string& key, const std::string& value) {
-  if (!held_ || key.empty() || (key + value).find('\n') != std::string::npos) {
+  if (!file_ || key.empty() || (key + value).find('\n') != std::string::npos) {
     return false;
   }
   const std::string line = key + "=" + value + "\n";
-  return lseek(fd_, 0, SEEK_END) >= 0 &&
-         ::write(fd_, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+  return lseek(file_.get(), 0, SEEK_END) >= 0 && platform::writeAll(file_.get(), line) == 0;
 }
 
 std::string CGlobalTag::attribute(const std::string& key) const {

@@ -22,8 +22,8 @@ constexpr std::uint32_t kFolderMode = 0755;
 struct State {
   std::mutex lock;
   bool active = false;
-  bool tried = false;  ///< the file was opened, or could not be, since the last property
-  int level = static_cast<int>(LogLevel::kWarning);  ///< of records that are written; any number
+  bool tried = false;                                ///< to open the file, since the last property
+  int level = static_cast<int>(LogLevel::kWarning);  ///< the lowest level that is written; any number
   std::size_t sizeBytes = 1048576;
   std::size_t backups = 5;
   std::string name = "tavcli";
@@ -31,13 +31,13 @@ struct State {
   std::shared_ptr<spdlog::logger> logger;
 };
 
-/// Lives to the end of the process: a thread of a library may log while the program ends.
+/// Never destroyed: a thread of a library may log while the program ends.
 State& state() {
   static State* const instance = new State;
   return *instance;
 }
 
-/// Only its owner reads the log: it holds paths and detections.
+/// Only the owner may read the log: its records hold paths and detections.
 spdlog::file_event_handlers privateFile() {
   spdlog::file_event_handlers handlers;
   handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { (void)fchmod(fileno(file), 0600); };
@@ -51,7 +51,7 @@ void openLog(State& s) {
     if (s.path.empty()) {
       return;
     }
-    // A log is written, and made private, wherever its path leads.
+    // The log is made private: another user must not choose the file that this changes.
     const std::string folder = CDir::makeForFiles(s.path, kFolderMode);
     if (folder.empty()) {
       return;
@@ -62,7 +62,7 @@ void openLog(State& s) {
     s.logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %P %t %v");
     s.logger->set_level(spdlog::level::trace);
     s.logger->flush_on(spdlog::level::trace);
-    s.logger->set_error_handler([](const std::string&) {});  // a full disk costs the record only
+    s.logger->set_error_handler([](const std::string&) {});  // a full disk costs only the record
   } catch (const std::exception&) {
     s.logger.reset();
   }
@@ -106,7 +106,7 @@ void write(LogLevel level, const char* source, const char* function, int line,
                     platform::visibleText(text));
     }
   } catch (...) {
-    // Nothing may end a caller for the sake of its log.
+    // A failing log must not end its caller.
   }
 }
 

@@ -9,8 +9,8 @@
 
 namespace {
 
-/// `su` and `sudo -E` hand root another user's environment: that user must not say where root makes folders
-/// and writes, nor find root's folders among his own.
+/// `su` and `sudo -E` keep another user's environment for root. That user must not choose where root makes
+/// folders and writes files.
 bool mayWriteBelow(const std::string& folder) {
   return !CDir::resolveForFiles(CDir::nearestExisting(folder)).empty();
 }

@@ -34,7 +34,7 @@ void leaveStandardStreams(std::initializer_list<int> kept) {
 void closeAllBut(std::initializer_list<int> kept) {
   unsigned first = STDERR_FILENO + 1;
   while (true) {
-    unsigned next = kHighest;  // the lowest that is kept from there on
+    unsigned next = kHighest;  // the lowest kept descriptor from `first` on
     for (const int fd : kept) {
       if (fd >= 0 && static_cast<unsigned>(fd) >= first) {
         next = std::min(next, static_cast<unsigned>(fd));

@@ -97,13 +97,17 @@ SplitPath splitPath(const std::string& path) {
   return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
 }
 
+std::string joinPath(const std::string& folder, const std::string& name) {
+  return folder + (folder == "/" ? "" : "/") + name;
+}
+
 std::int64_t nowSec() {
   return nowNs() / 1'000'000'000;
 }
 
 std::int64_t nowNs() {
   timespec now{};
-  // The clock that the kernel stamps files with; the fine one may run ahead of it.
+  // The finer clock may run ahead of file times.
   ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }

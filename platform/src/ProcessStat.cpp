@@ -22,7 +22,7 @@ bool readNumber(std::string_view field, Number& number) {
 }  // namespace
 
 tl::expected<ProcessStat, NoProcessStat> parseProcessStat(const std::string& text) {
-  // Field 2, the name, stands in parentheses and may hold any character, parentheses and line ends too.
+  // Field 2, the name, stands in parentheses and may itself hold parentheses and line ends.
   const std::size_t open = text.find('(');
   const std::size_t close = text.rfind(')');
   if (open == std::string::npos || close == std::string::npos || close < open) {

@@ -10,8 +10,8 @@ namespace platform {
 void openClosedStandardStreams() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
-      // Those below are open, so this is the lowest free number. Not closed on exec: the programs that this
-      // one starts need the three as well.
+      // The lower streams are open, so open() returns this number. No O_CLOEXEC: started programs need the
+      // streams as well.
       static_cast<void>(open("/dev/null", O_RDWR));
     }
   }

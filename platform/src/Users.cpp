@@ -10,7 +10,7 @@ namespace platform {
 
 namespace {
 
-/// Calls a look-up of the database with a buffer that grows until the entry fits. Null when nothing is found.
+/// Looks an entry up with a buffer that grows until the entry fits. Null for an unknown entry.
 template <class Entry, class LookUp>
 const Entry* find(std::vector<char>& buffer, Entry& entry, const LookUp& lookUp) {
   Entry* found = nullptr;

@@ -42,15 +42,14 @@ void appendHex(std::string& out, char byte) {
   out += text;
 }
 
-/// C0, DEL, C1, and the invisible characters that break a line or turn its direction: a name that holds
-/// them could be shown as another.
+/// C0, DEL, C1, and the invisible characters that break or turn a line: they could disguise a name.
 bool isHidden(char32_t code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x061C ||
          (code >= 0x200E && code <= 0x200F) || (code >= 0x2028 && code <= 0x202E) ||
          (code >= 0x2066 && code <= 0x2069);
 }
 
-/// The short form of a control character that has one.
+/// The short form of a control character, or null.
 const char* shortForm(char32_t code) {
   switch (code) {
     case '\n':

@@ -13,8 +13,8 @@
 
 namespace {
 
-/// What a process with that environment gets: the configuration is made once a process, so each question has
-/// one of its own. stateHome: null for none.
+/// The folder in a process with that environment. The configuration is made once in a process, so each
+/// question forks. stateHome: null for an unset variable.
 std::string logDirWith(const char* stateHome) {
   int ends[2];
   if (pipe(ends) != 0) {
@@ -39,7 +39,7 @@ std::string logDirWith(const std::string& stateHome) {
   return logDirWith(stateHome.c_str());
 }
 
-/// Where it lies when the environment does not count.
+/// The folder without the environment.
 std::string inTheUsersHome() {
   const passwd* user = getpwuid(getuid());
   return user == nullptr ? "no user" : std::string(user->pw_dir) + "/.local/state/tavcli/";

@@ -18,10 +18,10 @@
 #include "support/TempDir.h"
 
 namespace {
-std::function<void(const std::string&)> gBeforeMkdir;  ///< what somebody else does at that moment; else empty
+std::function<void(const std::string&)> gBeforeMkdir;  ///< what another user does at that moment; else empty
 }
 
-/// Before the C library's own.
+/// Replaces the function of the C library.
 extern "C" int mkdir(const char* path, mode_t mode) noexcept {
   if (const auto then = std::exchange(gBeforeMkdir, nullptr)) {
     then(path);
@@ -102,7 +102,7 @@ TEST(File, ReplacingLetsNobodyElseReadWhatIsNotWholeYet) {
     const rlimit none{0, 0};
     signal(SIGXFSZ, SIG_IGN);
     setrlimit(RLIMIT_FSIZE, &none);
-    calls.fail("unlink .tmp-", "", EPERM);  // so that it can be looked at
+    calls.fail("unlink .tmp-", "", EPERM);  // the temporary file stays for a look at its mode
     _exit(CFile::replaceAtomically(dir.at("f"), "new", 0644));
   }
   int status = 0;
@@ -166,7 +166,7 @@ TEST(File, AWriteThatFailsLeavesTheOldFileWholeAndNothingBeside) {
   const TempDir dir;
   const std::string path = dir.write("f", "old");
   const pid_t child = fork();
-  if (child == 0) {  // a full disk, as far as this process can tell
+  if (child == 0) {  // like a full disk
     const rlimit limit{100, 100};
     signal(SIGXFSZ, SIG_IGN);
     setrlimit(RLIMIT_FSIZE, &limit);
@@ -203,7 +203,7 @@ TEST(File, ReplacingInAFolderThatMayBeWrittenButNotReadPutsTheFileInPlace) {
   EXPECT_EQ(readFile(dir.at("drop/f")), "new");
 }
 
-/// Some network and user-space file systems answer so when a folder is synced.
+/// The errors of file systems that cannot sync folders.
 class FolderSync : public testing::TestWithParam<int> {
  protected:
   FolderSync() { calls_.fail("sync tavtest-", "", GetParam()); }
@@ -297,7 +297,7 @@ TEST(NearestExisting, CountsALinkThatLeadsNowhere) {
 }
 
 TEST(WhyUnsafe, AFileOfTheCallersBelowAStickyFolderIsSafe) {
-  const TempDir dir;  // below /tmp, which anybody can write and which is sticky
+  const TempDir dir;  // below /tmp, a sticky folder that every user can write
   EXPECT_EQ(CDir::whyUnsafe(dir.write("lib/x.so", "")), "");
 }
 
@@ -317,7 +317,7 @@ TEST(WhyUnsafe, AFileThatTheGroupOrOthersCanWriteIsNamedThoughItIsSticky) {
   }
 }
 
-/// What a process that is another user, or has another root, says; "" for nothing.
+/// The answer of a process of another user or with another root; "" for an empty answer.
 std::string saidBy(const std::function<std::string()>& asked) {
   int ends[2];
   if (pipe(ends) != 0) {
@@ -401,7 +401,7 @@ TEST(ResolveSafe, LeadsToTheFolderItself) {
   EXPECT_EQ(CDir::resolveSafe(dir.at("link")), dir.at("real"));
 }
 
-/// A folder "real" with a file "f" in it, and links to it; some belong to somebody else.
+/// A folder "real" with a file "f" in it, and links to it; some belong to another user.
 class LinksOnTheWay : public testing::Test {
  protected:
   LinksOnTheWay() {
@@ -530,7 +530,7 @@ TEST(MakeSafe, WhereAFileStandsFailsWithTheReason) {
   EXPECT_THAT(why, HasSubstr("cannot make the folder"));
 }
 
-/// Somebody makes what is to be made, between the look and the making.
+/// Another user makes the folder between the check and mkdir.
 class PlantedMeanwhile : public testing::Test {
  protected:
   PlantedMeanwhile() { dir_.write("real/f", ""); }

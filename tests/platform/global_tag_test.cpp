@@ -26,7 +26,7 @@ CGlobalTag::TagConfig in(const TempDir& dir) {
   return {dir.at("run/lunet")};
 }
 
-/// The result of trylock in another process, which ends at once and so releases what it got.
+/// The result of trylock in another process, which ends at once and so releases the mark.
 int trylockElsewhere(const CGlobalTag::TagConfig& config) {
   const pid_t child = fork();
   if (child == 0) {

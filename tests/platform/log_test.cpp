@@ -142,7 +142,7 @@ TEST_F(DebugLog, AFolderThatCannotBeWrittenCostsTheLogOnly) {
   EXPECT_FALSE(std::filesystem::exists("/unit.log")) << "nor is it written elsewhere";
 }
 
-/// A folder as somebody else leaves it, with a link where the log goes.
+/// A folder of another user, with a link under the name of the log.
 class PlantedLink : public DebugLog, public testing::WithParamInterface<mode_t> {};
 
 TEST_P(PlantedLink, InAFolderThatOthersCanWriteIsNotFollowed) {

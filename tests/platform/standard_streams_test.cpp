@@ -16,7 +16,7 @@ std::string placeOf(int fd) {
   return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error).string();
 }
 
-/// Runs the call in a child whose streams are closed as said, and looks there.
+/// Makes the call in a child with the given streams closed, and checks the streams there.
 class ClosedStreams : public testing::TestWithParam<std::set<int>> {
  protected:
   template <class Look>

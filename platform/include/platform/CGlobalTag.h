@@ -2,17 +2,19 @@
 
 #include <string>
 
-/// A named mark that one process on the machine can hold: an advisory lock of the kernel's on a file in a
-/// folder. It lasts as long as the object, or the process; a crash releases it. Who may open the file may
-/// hold the mark and, in a folder that a group may write, choose its attributes: believe no more of them than
-/// of that group. One thread.
+#include "platform/Descriptor.h"
+
+/// A named mark that one process on the machine can hold: an advisory kernel lock on a file in a folder. The
+/// mark lasts as long as the object or the process; a crash releases the mark. Every user who may open the
+/// file may hold the mark. In a folder that a group may write, every member of the group may also choose the
+/// attributes. One thread.
 class CGlobalTag {
  public:
   struct TagConfig {
-    std::string directory;  ///< where the marks lie
-    /// The configuration of this process: the folder given to setUserDirectory, else a folder of the uid's.
+    std::string directory;  ///< the folder of the marks
+    /// The folder given to setUserDirectory, else a folder for the effective uid.
     static TagConfig getUserConfig();
-    /// Set once at start-up, before the first mark; the folder that all users of one bus share. All consoles
+    /// Sets the folder that all users of one bus share: once at start-up, before the first mark. All consoles
     /// of one tree must name the same folder, whatever their environment.
     static void setUserDirectory(std::string directory);
   };
@@ -23,19 +25,19 @@ class CGlobalTag {
   CGlobalTag& operator=(const CGlobalTag&) = delete;
 
   static constexpr int kAcquired = 1;       ///< this process holds the mark now
-  static constexpr int kHeldElsewhere = 2;  ///< another process does
+  static constexpr int kHeldElsewhere = 2;  ///< another process holds the mark
 
-  /// One of the two, else the mark cannot be made (why: lastError). wait: block until it is free.
+  /// kAcquired or kHeldElsewhere; another value: the mark cannot be made, see lastError. wait: blocks until
+  /// the mark is free.
   int trylock(bool wait);
-  /// Writes "key=value" into the mark for others to read ("pid"); while held only. False on failure.
+  /// Writes "key=value" into the held mark for other processes ("pid"). False on failure.
   bool setAttribute(const std::string& key, const std::string& value);
-  /// What another process has set; empty when absent. Holding the mark is not needed.
+  /// An attribute that the holder has set; empty when absent. Any process may read.
   std::string attribute(const std::string& key) const;
   const std::string& lastError() const { return lastError_; }
 
  private:
   std::string path_;
   std::string lastError_;
-  int fd_ = -1;
-  bool held_ = false;
+  platform::Descriptor file_;  ///< open while this process holds the mark
 };

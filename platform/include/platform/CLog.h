@@ -2,8 +2,8 @@
 
 #include "platform/LogLevel.h"
 
-/// The base library's log. Records below the level are dropped; the others go
-/// to the callback, if any. Any thread; the callback must not throw.
+/// The base library's log. Records below the level are dropped; the callback, if any, gets the others. Any
+/// thread; the callback must not throw.
 class CLog {
  public:
   /// level: the number of a CLogLevel.

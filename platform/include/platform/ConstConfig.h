@@ -2,13 +2,13 @@
 
 #include <string>
 
-/// What is the same for every run of a user: today the folder of the history.
+/// The constants of a user: the folder of the history.
 class ConstConfig {
  public:
   static ConstConfig* singleInstance();
-  /// Ends in a separator. "$XDG_STATE_HOME/tavcli/" when that is absolute and what stands of it belongs to
-  /// root or the effective user and can be written by nobody else, else ~/.local/state/tavcli/ of the uid's
-  /// home as the user database has it (never $HOME). Created (0700) on the first call when it can be.
+  /// The folder, with a separator at the end. "$XDG_STATE_HOME/tavcli/" if the variable is absolute and only
+  /// root or the effective user can write there (CDir::resolveForFiles). Else ~/.local/state/tavcli/ in the
+  /// home that the user database names, never $HOME. The first call creates the folder (0700) if possible.
   const std::string& getLogDir() const { return logDir_; }
 
  private:

@@ -6,8 +6,8 @@
 
 namespace platform {
 
-/// A value, or one line for people that says what failed on what and why. The line carries no line end;
-/// names from outside stand in it as platform::visibleText. Expected<void> is a success without a value.
+/// A value, or the reason of a failure: one line for people, without a line end, with names from outside as
+/// platform::visibleText. Expected<void> is a success without a value.
 template <class T>
 using Expected = tl::expected<T, std::string>;
 

@@ -2,16 +2,15 @@
 
 #include <initializer_list>
 
-/// What a process gives up of what it was started or forked with: a process that lives longer than its maker,
-/// or may hang, must hold nothing that others wait for. No memory is asked for, so a child of a process with
-/// several threads may call these.
+/// Descriptors that a process inherits. A process that outlives its parent, or may hang, must hold no
+/// descriptor that another process waits for. These functions allocate nothing: they are safe after a fork.
 namespace platform {
 
-/// Standard input, output and error lead nowhere from here on, but for those that are kept. Under a sanitizer
-/// standard error stays: its report goes there.
+/// Connects standard input, output and error with /dev/null, except for the kept ones. Under a sanitizer
+/// standard error stays for its report.
 void leaveStandardStreams(std::initializer_list<int> kept = {});
 
-/// Closes all descriptors above standard error but those.
+/// Closes all descriptors above standard error except for the kept ones.
 void closeAllBut(std::initializer_list<int> kept);
 
 }  // namespace platform

@@ -3,7 +3,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-/// What a scoped guard needs of a lock.
+/// A lock that a scoped guard can hold.
 class CBasicLock {
  public:
   virtual ~CBasicLock() = default;

@@ -2,8 +2,8 @@
 
 #include <optional>
 
-/// How much a record of the debug log matters; CLogDebug drops records below its threshold. The number stands
-/// in cli_debug.conf ("log_level").
+/// The levels of the debug log; CLogDebug drops records below its own. cli_debug.conf ("log_level") holds the
+/// number.
 enum class LogLevel : int { kDebug = 1, kInfo = 2, kWarning = 3, kError = 4 };
 
 /// The base library's own scale (CLog).

@@ -9,22 +9,22 @@
 
 namespace platform {
 
-/// What /proc/PID/stat says of a process. The start time tells two processes of one number apart.
+/// The part of /proc/PID/stat that is used. The start time distinguishes two processes with one pid.
 struct ProcessStat {
-  std::string name;  ///< as the process chose it; any bytes
+  std::string name;  ///< chosen by the process; any bytes
   pid_t parent = 0;
   std::uint64_t startTicks = 0;  ///< clock ticks since the machine started
 };
 
-/// Why there is no ProcessStat.
+/// The reason why a ProcessStat is missing.
 enum class NoProcessStat {
   kGone,      ///< no such process, or /proc does not show it
-  kShortage,  ///< this process has no descriptor or no memory to look
+  kShortage,  ///< this process lacks a descriptor or memory for reading
 };
 
 tl::expected<ProcessStat, NoProcessStat> processStat(pid_t pid);
 
-/// The text of a stat file. kGone when the text is none.
+/// Parses the text of a stat file. kGone for another text.
 tl::expected<ProcessStat, NoProcessStat> parseProcessStat(const std::string& text);
 
 }  // namespace platform

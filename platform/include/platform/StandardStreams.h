@@ -2,9 +2,9 @@
 
 namespace platform {
 
-/// Opens /dev/null as whatever of standard input, output and error is closed, so that nothing that this
-/// process opens later gets their numbers and is read, or written over, by mistake. Programs that it starts
-/// inherit them as any other. The first thing in main: before another thread, before anything is opened.
+/// Opens /dev/null in place of each closed standard stream. Files opened later then cannot take the number of
+/// a standard stream. Started programs inherit the streams. The first call in main: before any thread and any
+/// other opening.
 void openClosedStandardStreams();
 
 }  // namespace platform

@@ -5,15 +5,18 @@
 #include <string>
 #include <string_view>
 
+/// Text, dates and identifiers. Each class is defined in the file of its name, the functions in
+/// VisibleText.cpp.
+
 class CStr {
  public:
-  /// True for a decimal number: digits, at least one, with at most one sign before them.
+  /// True for a decimal number: an optional sign and at least one digit.
   static bool isNum(std::string_view text);
 };
 
 class CDateTime {
  public:
-  /// "yyyy-MM-dd hh:mm:ss" in local time from the low 32 bits of a count of seconds since 1970-01-01.
+  /// "yyyy-MM-dd hh:mm:ss" in local time, from the low 32 bits of the seconds since 1970-01-01.
   static std::string format(std::int64_t secondsSinceEpoch);
   static std::string now();
   static std::int64_t nowSeconds();
@@ -21,20 +24,20 @@ class CDateTime {
 
 class CUuid {
  public:
-  /// A fresh random version-4 UUID as text. 0 on success.
+  /// A random version-4 UUID as text. Returns 0.
   static int generate(std::string& out);
 };
 
 namespace platform {
 
-/// Length in bytes of the well-formed UTF-8 character at the front (no overlong form, no surrogate, at most
-/// U+10FFFF) and its code point in *value; 0 when there is none.
+/// The length in bytes of the UTF-8 character at the front, with its code point in *value. 0 for a malformed
+/// character: an overlong form, a surrogate, a code point above U+10FFFF.
 std::size_t utf8CharacterLength(std::string_view text, char32_t* value);
 
-/// Text from outside, fit for a terminal, a report or a log line: control characters (C0, DEL, C1), the
-/// characters that break a line or turn its direction (U+061C, U+200E/F, U+2028..202E, U+2066..2069) and
-/// bytes that are not UTF-8 stand as `\n`, `\t`, `\r` or a `\xNN` for each byte; all else is untouched. The
-/// result is valid UTF-8.
+/// Text from outside, fit for a terminal, a report or a log line. `\n`, `\t`, `\r`, or `\xNN` for each byte,
+/// replace three kinds of characters; the result is valid UTF-8. The kinds are control characters (C0, DEL,
+/// C1), characters that break or turn a line (U+061C, U+200E/F, U+2028..202E, U+2066..2069), and bytes that
+/// are not UTF-8.
 std::string visibleText(std::string_view text);
 
 }  // namespace platform

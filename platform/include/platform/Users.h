@@ -5,17 +5,16 @@
 #include <optional>
 #include <string>
 
-/// What the user database says. Any thread.
+/// The user database. Any thread.
 namespace platform {
 
-/// Nothing for a group that the database does not know.
+/// Nothing for an unknown group.
 std::optional<gid_t> groupId(const std::string& name);
 
-/// The login name; the number as text for a user that the database does not know.
+/// The login name; for an unknown user, the number as text.
 std::string userName(uid_t uid);
 
-/// The home folder of the database, never $HOME; empty for a user that the database does not know, and where
-/// the home is no absolute path.
+/// The home folder in the database, never $HOME. Empty for an unknown user and for a relative path.
 std::string homeFolder(uid_t uid);
 
 }  // namespace platform
