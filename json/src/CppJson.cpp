@@ -23,7 +23,7 @@ T numberOfText(const std::string& text) {
 /// Cut towards zero, as far as the result fits.
 template <class T>
 T numberOfReal(double real, T fallback) {
-  // The upper bound is one past the largest T and, unlike that, exact as a double.
+  // The upper bound is one past the largest T: exact as a double, unlike the largest T.
   constexpr double kBound = -static_cast<double>(std::numeric_limits<T>::min());
   const double whole = std::trunc(real);
   return whole >= -kBound && whole < kBound ? static_cast<T>(whole) : fallback;

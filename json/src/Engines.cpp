@@ -5,7 +5,7 @@
 namespace json {
 namespace {
 
-// A switch that several rows name turns all of them off. A null switch: always on.
+// Several rows may share a switch. Null: the engine is always on.
 constexpr std::array<Engine, kEngineCount> kEngines = {{
     {kEngineHc, "鸿隼引擎", "the system's signature database, all that no other row takes", "HCengine",
      "HCengineRP"},

@@ -4,11 +4,12 @@
 #include <array>
 
 #include "json/CppJson.h"
+#include "platform/Text.h"
 
 namespace json {
 namespace {
 
-/// Where the bytes 0x80 to 0xFF stand for themselves: U+F780 to U+F7FF.
+/// The bytes 0x80 to 0xFF are sent as U+F780 to U+F7FF.
 constexpr utf8proc_int32_t kByteBase = 0xF700;
 constexpr utf8proc_int32_t kFirstByteCharacter = kByteBase + 0x80;
 constexpr utf8proc_int32_t kLastByteCharacter = kByteBase + 0xFF;
@@ -18,7 +19,7 @@ bool isByteCharacter(utf8proc_int32_t character) {
 }
 
 struct Decoded {
-  utf8proc_int32_t character = -1;  ///< -1: the bytes are no character
+  utf8proc_int32_t character = -1;  ///< -1: malformed bytes
   std::size_t length = 1;           ///< bytes taken
 };
 
@@ -72,6 +73,10 @@ std::string decodePath(std::string_view wire) {
     i += decoded.length;
   }
   return bytes;
+}
+
+std::string visiblePath(std::string_view wire) {
+  return platform::visibleText(decodePath(wire));
 }
 
 }  // namespace json

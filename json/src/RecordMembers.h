@@ -8,7 +8,7 @@
 
 namespace JsonReflect {
 
-/// Writes one member a call under its key.
+/// Each call writes one member under its key.
 class MemberWriter {
  public:
   explicit MemberWriter(Json::Value& object) : object_(object) {}
@@ -40,7 +40,7 @@ class MemberWriter {
   Json::Value& object_;
 };
 
-/// Reads one member a call from under its key; what is missing or of another kind keeps its value.
+/// Each call reads the member of one key. A member that is missing or of another kind keeps its value.
 class MemberReader {
  public:
   explicit MemberReader(const Json::Value& object) : object_(object) {}
@@ -70,7 +70,7 @@ class MemberReader {
       record.FromValue(value);
     }
   }
-  /// An element of another kind stands as its kind's initial value, so that the count stays true.
+  /// An element of another kind becomes an initial value: the number of elements stays right.
   template <class T>
   static void fromJson(const Json::Value& value, std::vector<T>& list) {
     if (!value.isArray()) {

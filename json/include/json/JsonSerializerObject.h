@@ -5,9 +5,9 @@
 #include <atomic>
 #include <string>
 
-/// Base of every record that crosses the bus. A record lists its members once; the base gives it the ways in
-/// and out of JSON. Reads are tolerant: a missing or mistyped member keeps its value. Not thread-safe unless
-/// the record says so. No operation throws but for want of memory.
+/// The base of every record on the bus. A record lists its members once; the base converts the record to and
+/// from JSON. A missing or mistyped member keeps its value. Not thread-safe unless the record says so. Throws
+/// std::bad_alloc only.
 class JsonSerializerObject {
  public:
   JsonSerializerObject() = default;
@@ -18,11 +18,11 @@ class JsonSerializerObject {
     return *this;
   }
 
-  /// Writes every member into the object. The base's own does nothing.
+  /// Writes every member into the object. The base has no members.
   virtual void Serialize(Json::Value& out) const;
-  /// Reads every member from the object. The base's own does nothing.
+  /// Reads every member from the object. The base has no members.
   virtual void Deserialize(const Json::Value& in);
-  /// False for an empty text, one that does not parse, and null.
+  /// False for an empty or unparsable text, and for null.
   virtual bool FromString(const std::string& text);
   /// False for null only.
   virtual bool FromValue(const Json::Value& value);

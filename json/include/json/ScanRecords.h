@@ -7,11 +7,12 @@
 #include "json/Record.h"
 #include "platform/Locks.h"
 
-/// The records of a scan: its request, and what the agent reports while it runs. Texts that are paths hold
-/// the wire form (json::encodePath). Times are seconds since 1970-01-01. Not thread-safe, ScanParams apart.
+/// The records of a scan: the request, and the reports of the running scan. Paths have the wire form
+/// (json::encodePath). Times are seconds since 1970-01-01. Not thread-safe, except for
+/// ScanParams, which ScanParams.cpp defines.
 namespace JsonReflect {
 
-/// "params" of startScanTask. Any thread, but for what is done with the list that items() returns.
+/// "params" of startScanTask. Any thread, except for changes of the list that items() returns.
 class ScanParams : public Record<ScanParams> {
  public:
   void Serialize(Json::Value& out) const override;
@@ -28,17 +29,17 @@ class ScanParams : public Record<ScanParams> {
 
   bool follow_link() const { return get(follow_link_); }
   int max_scan_sec() const { return get(max_scan_sec_); }
-  int uid() const { return get(uid_); }  ///< of the user who asks, on his own word
+  int uid() const { return get(uid_); }  ///< the user who asks, as the request claims
   bool custom_stop() const { return get(custom_stop_); }
   const std::vector<std::string>& items() const { return items_; }
   bool force_scan() const { return get(force_scan_); }
   int handle_action() const { return get(handle_action_); }
-  int fix_method() const { return get(fix_method_); }  ///< 0 handle automatically, 2 report only
+  int fix_method() const { return get(fix_method_); }  ///< see json::toFixMethod
   std::vector<std::string> handle_filter_types() const { return get(handle_filter_types_); }
   int parallelism() const { return get(parallelism_); }
   int proc_fix_method() const { return get(proc_fix_method_); }
   int expire_time() const { return get(expire_time_); }
-  int scan_type() const { return get(scan_type_); }  ///< 0 fast, 1 full, 2 custom; +3 strong scan
+  int scan_type() const { return get(scan_type_); }  ///< see json::toScanType
 
   template <class Self, class Visitor>
   static void members(Self& self, Visitor& visit);
@@ -72,7 +73,7 @@ class ScanParams : public Record<ScanParams> {
   std::int32_t scan_type_ = 0;
 };
 
-/// What every record of a file risk tells.
+/// The members of every record of a file risk.
 struct FileRiskMembers {
   std::int32_t filesize_src = 0;  ///< bytes
   std::int32_t file_trace_source = 0;
@@ -80,21 +81,21 @@ struct FileRiskMembers {
   std::int32_t engine_mark = 0;  ///< json::Engine::code
   std::string filemd5_src;
   std::int64_t file_create_time = 0;
-  std::string item;          ///< what was scanned; a path
-  std::string filepath_src;  ///< the file; a path
+  std::string item;          ///< a path: the scanned item
+  std::string filepath_src;  ///< a path: the file
   std::string risk_id;
   std::int64_t find_time = 0;
   std::string risk_type_name;
   std::int64_t file_modify_time = 0;
   std::int32_t risk_type = 0;
-  std::int32_t finder = 0;  ///< 2 real-time protection, 3 USB protection, else active scan
+  std::int32_t finder = 0;  ///< json::Finder
   std::string desc;
 
   template <class Self, class Visitor>
   static void members(Self& self, Visitor& visit);
 };
 
-/// A file risk, as reportRiskInfo and reportRiskFixInfo carry it.
+/// A file risk in reportRiskInfo and reportRiskFixInfo.
 class VirusInfo : public Record<VirusInfo>, public FileRiskMembers {
  public:
   std::string filesha1_src;
@@ -103,7 +104,7 @@ class VirusInfo : public Record<VirusInfo>, public FileRiskMembers {
   static void members(Self& self, Visitor& visit);
 };
 
-/// A file risk inside a process record: without the SHA-1.
+/// A file risk in the record of a process: without the SHA-1.
 class FileRiskInfo : public Record<FileRiskInfo>, public FileRiskMembers {
  public:
   using FileRiskMembers::members;
@@ -115,7 +116,7 @@ class ScanBusOverView : public Record<ScanBusOverView> {
   std::int64_t fixed_risk_count = 0;
   std::int64_t checkout_risk_count = 0;
   std::int64_t trusted_risk_count = 0;
-  std::int64_t total_item_count = 0;  ///< all entries met
+  std::int64_t total_item_count = 0;  ///< all encountered entries
   std::int64_t ignore_risk_count = 0;
   std::int64_t checked_item_count = 0;  ///< clean and infected
   std::int64_t failed_item_count = 0;   ///< errors
@@ -128,10 +129,10 @@ class ScanBusOverView : public Record<ScanBusOverView> {
   static void members(Self& self, Visitor& visit);
 };
 
-/// What became of a risk.
+/// The outcome of handling a risk.
 class RiskRepairResult : public Record<RiskRepairResult> {
  public:
-  std::int32_t handle_result = 0;  ///< 1 quarantined, 2 process ended, 3 reported only, 4 failed, 6 trusted
+  std::int32_t handle_result = 0;  ///< json::HandleResult
   std::string handle_detail;
   std::int64_t handle_time = 0;
 
@@ -171,7 +172,7 @@ class ProcessInfo : public Record<ProcessInfo> {
   static void members(Self& self, Visitor& visit);
 };
 
-/// A process risk, as reportRiskInfo and reportRiskFixInfo carry it.
+/// A process risk in reportRiskInfo and reportRiskFixInfo.
 class MemoryRiskInfo : public Record<MemoryRiskInfo> {
  public:
   std::string risk_type_name;

@@ -5,15 +5,14 @@
 #include <cstdint>
 #include <optional>
 
-/// The numbers with a meaning that cross the bus or stand in the settings, each list once, as a type. Both
-/// sides use the enumerators; toNumber and fromNumber are the one way between an enumerator and its number.
-/// All functions here are pure.
+/// The numbers with a meaning on the bus and in the settings, as types. Both sides use the enumerators; only
+/// toNumber and fromNumber convert between an enumerator and its number. All functions are pure.
 namespace json {
 
-/// "config_type": which settings document is meant.
+/// "config_type": the settings document.
 enum class ConfigType : std::int32_t { kScan = 0, kRealTime = 1, kQuarantine = 2, kEngines = 4 };
 
-/// "source" and "request_source": who asks.
+/// "source" and "request_source": the program that asks.
 enum class RequestSource : std::int32_t { kConsole = 1 };
 
 /// "type" of a task, and "business_type" of a notification about a risk.
@@ -47,7 +46,7 @@ enum class RiskType : std::int32_t { kVirus = 0, kTestFile = 1, kHeuristic = 2, 
 /// "finder" of a risk. Every other number counts as kScan.
 enum class Finder : std::int32_t { kScan = 0, kRealTime = 2, kUsb = 3 };
 
-/// "handle_result": what became of a detection.
+/// "handle_result": the outcome of handling a detection.
 enum class HandleResult : std::int32_t {
   kQuarantined = 1,
   kProcessEnded = 2,
@@ -57,8 +56,8 @@ enum class HandleResult : std::int32_t {
   kIgnored = 7
 };
 
-/// "handle_action" of a scan request and "HandleAction" of the settings: what automatic handling does to a
-/// file. kByAgent stands in requests only: the agent's settings decide.
+/// "handle_action" of a scan request and "HandleAction" of the settings: the automatic handling of a file.
+/// kByAgent, in requests only: the agent's settings decide.
 enum class HandleAction : std::int32_t {
   kByAgent = -1,
   kClean = 0,
@@ -73,7 +72,7 @@ enum class Region : std::int32_t { kTrust = 0, kReject = 1 };
 /// "action" of a change of a region.
 enum class RegionAction : std::int32_t { kAdd = 0, kDelete = 1 };
 
-/// "domain" of a region's entry. kEvery stands in queries only.
+/// "domain" of a region's entry. kEvery: in queries only.
 enum class RegionDomain : std::int32_t { kPersonal = 0, kGlobal = 1, kEvery = 4 };
 
 /// "item_type" of a region's entry, and "type" of a change.
@@ -96,54 +95,31 @@ enum class RestoreAction : std::int32_t { kRestore = 1, kRestoreAndTrust = 2 };
 /// The enumerators of E, in the order of their numbers.
 template <class E>
 inline constexpr std::array<E, 0> kValuesOf{};
-template <>
-inline constexpr std::array kValuesOf<ConfigType>{ConfigType::kScan, ConfigType::kRealTime,
-                                                  ConfigType::kQuarantine, ConfigType::kEngines};
-template <>
-inline constexpr std::array kValuesOf<RequestSource>{RequestSource::kConsole};
-template <>
-inline constexpr std::array kValuesOf<BusinessType>{BusinessType::kScan};
-template <>
-inline constexpr std::array kValuesOf<TaskState>{
-    TaskState::kNotCreated, TaskState::kCreated, TaskState::kStarted, TaskState::kFinished,
-    TaskState::kPaused,     TaskState::kResumed, TaskState::kAborted, TaskState::kSameModeExists};
-template <>
-inline constexpr std::array kValuesOf<ControlAction>{ControlAction::kStop, ControlAction::kPause,
-                                                     ControlAction::kResume};
-template <>
-inline constexpr std::array kValuesOf<ScanMode>{ScanMode::kFast, ScanMode::kFull, ScanMode::kCustom};
-template <>
-inline constexpr std::array kValuesOf<RiskInfoType>{RiskInfoType::kProcess, RiskInfoType::kFile};
-template <>
-inline constexpr std::array kValuesOf<RiskType>{RiskType::kVirus, RiskType::kTestFile, RiskType::kHeuristic,
-                                                RiskType::kRejected};
-template <>
-inline constexpr std::array kValuesOf<Finder>{Finder::kScan, Finder::kRealTime, Finder::kUsb};
-template <>
-inline constexpr std::array kValuesOf<HandleResult>{HandleResult::kQuarantined,  HandleResult::kProcessEnded,
-                                                    HandleResult::kReportedOnly, HandleResult::kFailed,
-                                                    HandleResult::kTrusted,      HandleResult::kIgnored};
-template <>
-inline constexpr std::array kValuesOf<HandleAction>{HandleAction::kByAgent, HandleAction::kClean,
-                                                    HandleAction::kDelete, HandleAction::kQuarantine,
-                                                    HandleAction::kNothing};
-template <>
-inline constexpr std::array kValuesOf<Region>{Region::kTrust, Region::kReject};
-template <>
-inline constexpr std::array kValuesOf<RegionAction>{RegionAction::kAdd, RegionAction::kDelete};
-template <>
-inline constexpr std::array kValuesOf<RegionDomain>{RegionDomain::kPersonal, RegionDomain::kGlobal,
-                                                    RegionDomain::kEvery};
-template <>
-inline constexpr std::array kValuesOf<RegionItemType>{
-    RegionItemType::kFile, RegionItemType::kFolder, RegionItemType::kExtension, RegionItemType::kMd5,
-    RegionItemType::kName, RegionItemType::kSha1,   RegionItemType::kSha256};
-template <>
-inline constexpr std::array kValuesOf<RegionValidity>{RegionValidity::kValid, RegionValidity::kForEver,
-                                                      RegionValidity::kExpired};
-template <>
-inline constexpr std::array kValuesOf<RestoreAction>{RestoreAction::kRestore,
-                                                     RestoreAction::kRestoreAndTrust};
+#define ENUMERATORS_OF(E, ...)              \
+  template <>                               \
+  inline constexpr auto kValuesOf<E> = [] { \
+    using enum E;                           \
+    return std::array{__VA_ARGS__};         \
+  }()
+ENUMERATORS_OF(ConfigType, kScan, kRealTime, kQuarantine, kEngines);
+ENUMERATORS_OF(RequestSource, kConsole);
+ENUMERATORS_OF(BusinessType, kScan);
+ENUMERATORS_OF(TaskState, kNotCreated, kCreated, kStarted, kFinished, kPaused, kResumed, kAborted,
+               kSameModeExists);
+ENUMERATORS_OF(ControlAction, kStop, kPause, kResume);
+ENUMERATORS_OF(ScanMode, kFast, kFull, kCustom);
+ENUMERATORS_OF(RiskInfoType, kProcess, kFile);
+ENUMERATORS_OF(RiskType, kVirus, kTestFile, kHeuristic, kRejected);
+ENUMERATORS_OF(Finder, kScan, kRealTime, kUsb);
+ENUMERATORS_OF(HandleResult, kQuarantined, kProcessEnded, kReportedOnly, kFailed, kTrusted, kIgnored);
+ENUMERATORS_OF(HandleAction, kByAgent, kClean, kDelete, kQuarantine, kNothing);
+ENUMERATORS_OF(Region, kTrust, kReject);
+ENUMERATORS_OF(RegionAction, kAdd, kDelete);
+ENUMERATORS_OF(RegionDomain, kPersonal, kGlobal, kEvery);
+ENUMERATORS_OF(RegionItemType, kFile, kFolder, kExtension, kMd5, kName, kSha1, kSha256);
+ENUMERATORS_OF(RegionValidity, kValid, kForEver, kExpired);
+ENUMERATORS_OF(RestoreAction, kRestore, kRestoreAndTrust);
+#undef ENUMERATORS_OF
 
 template <class E>
 constexpr std::int32_t toNumber(E value) {
@@ -151,7 +127,7 @@ constexpr std::int32_t toNumber(E value) {
   return static_cast<std::int32_t>(value);
 }
 
-/// Nothing for a number that is no enumerator: the caller decides what an unknown number means.
+/// Nothing for an unknown number: the caller decides about its meaning.
 template <class E>
 constexpr std::optional<E> fromNumber(std::int64_t number) {
   static_assert(!kValuesOf<E>.empty());
@@ -160,15 +136,15 @@ constexpr std::optional<E> fromNumber(std::int64_t number) {
   return found == kValuesOf<E>.end() ? std::nullopt : std::optional<E>(*found);
 }
 
-/// What a scan does with a detection: handle the file, or only report the detection. Four lists of numbers
-/// stand for these two words; the functions below are the only places that know the numbers.
+/// Whether a scan handles a detected file or only reports it. The wire and the settings have four encodings;
+/// only the functions below know their numbers.
 enum class Handling { kAutomatic, kReportOnly };
 
 /// "fix_method" of a scan request and of the notifications: 0 automatic, 2 report only.
 constexpr std::int32_t toFixMethod(Handling handling) {
   return handling == Handling::kAutomatic ? 0 : 2;
 }
-/// What the agent does for a "fix_method" or a "FixMethod": only 0 is automatic.
+/// How the agent reads a "fix_method" or a "FixMethod": only 0 is automatic.
 constexpr Handling handlingInForce(std::int64_t fixMethod) {
   return fixMethod == 0 ? Handling::kAutomatic : Handling::kReportOnly;
 }
@@ -176,7 +152,7 @@ constexpr Handling handlingInForce(std::int64_t fixMethod) {
 constexpr Handling handlingOfSetting(std::int64_t fixMethod) {
   return fixMethod == 1 || fixMethod == 2 ? Handling::kReportOnly : Handling::kAutomatic;
 }
-/// "fix_handle", which the batch report shows: 1 report only, 2 automatic.
+/// "fix_handle" of the batch report: 1 report only, 2 automatic.
 constexpr std::int32_t toFixHandle(Handling handling) {
   return handling == Handling::kReportOnly ? 1 : 2;
 }

@@ -30,7 +30,7 @@ bool isUtf8(const std::string& text) {
   return true;
 }
 
-/// Through a document and back, as a path crosses the bus.
+/// Encodes a path, writes and parses a document, and decodes the path.
 std::string acrossTheWire(const std::string& path) {
   Json::Value sent;
   sent["p"] = encodePath(path);
@@ -108,7 +108,7 @@ TEST(PathBytes, RandomByteStringsRoundTrip) {
   for (int round = 0; round < 3000; ++round) {
     std::string path;
     for (auto i = random() % 40; i > 0; --i) {
-      // Half of the bytes from where sequences of the reserved range are made of.
+      // Half of the bytes belong to sequences of the reserved range.
       path.push_back(random() % 2 == 0 ? static_cast<char>(random() % 256)
                                        : "\xef\x9e\x9f\x80"[random() % 4]);
     }

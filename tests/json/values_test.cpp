@@ -1,8 +1,8 @@
+#include "json/Values.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
-#include "json/Values.h"
 
 namespace {
 
