@@ -10,7 +10,7 @@
 namespace agent::store {
 namespace {
 
-/// One field's text: control characters visible, and quotes so that no text can pose as another field.
+/// A text in quotes with its control characters visible: no text can look like a further field.
 std::string field(const std::string& text) {
   std::string quotedText = "\"";
   for (const char c : platform::visibleText(text.substr(0, kMaxFieldBytes))) {
@@ -82,7 +82,7 @@ void AuditLog::add(const CallerId& who, const std::string& action, const std::st
     }
     lost_ = append(line + "\n") ? 0 : lost_ + 1;
   } catch (...) {
-    // Out of memory: there is nobody left to tell.
+    // Out of memory: no line can be written.
   }
 }
 

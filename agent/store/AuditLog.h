@@ -9,17 +9,17 @@
 
 namespace agent::store {
 
-/// A field's share of a line in a log or an audit record: one caller's long request must not push what others
-/// did out of it.
+/// The share of one field in a line of a log or an audit record. A long request of one caller then cannot
+/// push the lines of other callers out of the file.
 inline constexpr std::size_t kMaxFieldBytes = 16 << 10;
-/// What stands behind a field that was cut to its share: its size. Empty for one that fits.
+/// The end of a field that was cut to its share: the size of the whole text. Empty for a text that fits.
 std::string cutRemark(std::string_view text);
-/// A text as a field, cut when it must be.
+/// The text, cut to its share, with the remark.
 std::string cutField(std::string_view text);
 
-/// Who did what, one line each, only ever appended to: audit.log in the state folder (0600). At 10 MB it
-/// becomes audit.log.1, and so on up to audit.log.4. Never throws; what cannot be written is counted in the
-/// next line that can. Any thread.
+/// The audit record: one line for each action, appended to audit.log in the state folder (0600). At 10 MB the
+/// file becomes audit.log.1, and so on up to audit.log.4. Never throws. A line that cannot be written is
+/// counted in the next line. Any thread.
 class AuditLog {
  public:
   static constexpr std::int64_t kMaxBytes = 10 << 20;

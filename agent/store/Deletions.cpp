@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "platform/Text.h"
@@ -24,7 +23,7 @@ bool isFile(const struct stat& st, const FileIdentity& file) {
 void Deletions::run(const QuarantineRequest& request) {
   OriginalFile original(request);
   if (original.needsProof()) {
-    throw StoreError("it was changed after it was scanned");  // it is not read again here
+    throw StoreError("it was changed after it was scanned");  // nothing would compare the content
   }
   Row row{.uuid = {}, .path = original.realPath(), .file = FileIdentity::of(original.st())};
   if (CUuid::generate(row.uuid) != 0) {
@@ -45,7 +44,7 @@ void Deletions::run(const QuarantineRequest& request) {
 }
 
 void Deletions::settle(std::vector<std::string>* notices) {
-  for (const Row& row : left()) {
+  for (const Row& row : records()) {
     std::string notice;
     if (settleOne(row, &notice)) {
       forget(row.uuid);
@@ -54,36 +53,35 @@ void Deletions::settle(std::vector<std::string>* notices) {
   }
 }
 
-/// False: nothing can be done about it now.
+/// False: the record stays for a later start.
 bool Deletions::settleOne(const Row& row, std::string* notice) {
   const platform::SplitPath was = platform::splitPath(row.path);
   const std::string aside = privateName(row.uuid);
-  const std::string asidePath = platform::quoted(was.folder + (was.folder == "/" ? "" : "/") + aside);
-  std::size_t failedEnd = 0;
-  const platform::Descriptor folder(std::max(walkToFolder(was.folder.c_str(), &failedEnd), -1));
+  const std::string asidePath = platform::quoted(platform::joinPath(was.folder, aside));
+  const platform::Expected<platform::Descriptor> folder = openFolder(was.folder);
   struct stat st {};
   if (!folder) {
     *notice = "its folder cannot be reached: it may stand there as " + asidePath;
     return false;
   }
-  if (::fstatat(folder.get(), aside.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (::fstatat(folder->get(), aside.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     const bool there =
-        ::fstatat(folder.get(), was.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && isFile(st, row.file);
+        ::fstatat(folder->get(), was.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && isFile(st, row.file);
     *notice = there ? "had not begun: the file stays where it was" : "had ended";
     return true;
   }
   if (!isFile(st, row.file)) {
-    const int error = renameWithin(folder.get(), aside, was.name);
+    const int error = renameWithin(folder->get(), aside, was.name);
     *notice = error == 0 ? "another file had taken its place: put back"
                          : "another file had taken its place and could not be put back (" +
                                platform::errnoText(error) + "): it stands as " + asidePath;
     return true;
   }
-  if (::unlinkat(folder.get(), aside.c_str(), 0) != 0) {
+  if (::unlinkat(folder->get(), aside.c_str(), 0) != 0) {
     *notice = "could not be ended (" + platform::errnoText(errno) + "): it stands as " + asidePath;
     return false;
   }
-  platform::syncFolder(folder.get(), -1);
+  platform::syncFolder(folder->get(), -1);
   *notice = "was ended";
   return true;
 }
@@ -95,7 +93,7 @@ void Deletions::record(const Row& row) {
       .run();
 }
 
-/// A record too many does no harm: the next start finds nothing of its file.
+/// A superfluous record does no harm: the next start finds no file of it.
 void Deletions::forget(const std::string& uuid) noexcept {
   try {
     const std::lock_guard lock(database_.mutex());
@@ -104,7 +102,7 @@ void Deletions::forget(const std::string& uuid) noexcept {
   }
 }
 
-std::vector<Deletions::Row> Deletions::left() {
+std::vector<Deletions::Row> Deletions::records() {
   const std::lock_guard lock(database_.mutex());
   Statement rows(database_, "SELECT uuid,path,device,inode,size,modify_ns FROM deletions ORDER BY rowid");
   std::vector<Row> found;

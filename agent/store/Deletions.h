@@ -9,17 +9,18 @@
 
 namespace agent::store {
 
-/// Files that are deleted for good. Each is recorded before its entry is set aside and forgotten when it is
-/// gone, so that the next start can settle what a crash left under a private name. Any thread.
+/// Permanent deletions. Each file is recorded before its entry is set aside, and its record is erased when
+/// the file is gone. The next start can thus settle a file that a crash left under a private name. Any
+/// thread.
 class Deletions {
  public:
   explicit Deletions(Database& database) : database_(database) {}
-  /// Removes the file if it is the one that was scanned. Throws StoreError with the reason; the file then
-  /// stands where it was, or where the reason says.
+  /// Removes the file if it is the scanned one. Throws StoreError with the reason; the file then stands in
+  /// its place, or where the reason says.
   void run(const QuarantineRequest& request);
-  /// What the start does about records that are left: a file that was set aside goes when it is the recorded
-  /// one, else it gets its name back. One whose folder cannot be reached keeps its record. What was found
-  /// goes into `notices`.
+  /// Settles the records that a crash left. The recorded file is deleted if it was set aside; another file in
+  /// its place gets its name back. A record stays if its folder cannot be reached. Each finding is a line in
+  /// `notices`.
   void settle(std::vector<std::string>* notices);
 
  private:
@@ -29,7 +30,7 @@ class Deletions {
   };
   void record(const Row& row);
   void forget(const std::string& uuid) noexcept;
-  std::vector<Row> left();
+  std::vector<Row> records();
   static bool settleOne(const Row& row, std::string* notice);
 
   Database& database_;

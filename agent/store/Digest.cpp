@@ -4,12 +4,19 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "platform/Posix.h"
+
 namespace agent::store {
+namespace {
+
+constexpr std::string_view kDigits = "0123456789abcdef";
+
+}  // namespace
 
 void prepareCrypto() {
   static std::once_flag once;
   std::call_once(once, [] {
-    // Another part of the process may have made the library ready before us.
+    // Another part of the process may have prepared the library.
     if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) == 0) {
       gcry_check_version(nullptr);
       gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
@@ -40,7 +47,6 @@ std::string Digest::hex() {
 }
 
 std::string toHex(const void* bytes, std::size_t size) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
   std::string hex;
   hex.reserve(size * 2);
   for (std::size_t i = 0; i < size; ++i) {
@@ -51,20 +57,29 @@ std::string toHex(const void* bytes, std::size_t size) {
   return hex;
 }
 
-bool fromHex(const std::string& hex, std::string* bytes) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
-  bytes->clear();
+std::optional<std::string> fromHex(const std::string& hex) {
   if (hex.size() % 2 != 0) {
-    return false;
+    return std::nullopt;
   }
+  std::string bytes;
   for (std::size_t i = 0; i < hex.size(); i += 2) {
     const std::size_t high = kDigits.find(hex[i]), low = kDigits.find(hex[i + 1]);
     if (high == std::string_view::npos || low == std::string_view::npos) {
-      return false;
+      return std::nullopt;
     }
-    *bytes += static_cast<char>(high * 16 + low);
+    bytes += static_cast<char>(high * 16 + low);
   }
-  return true;
+  return bytes;
+}
+
+std::optional<std::string> digestOfFile(int fd, Digest::Kind kind) {
+  Digest digest(kind);
+  std::string buffer(1 << 16, '\0');
+  std::int64_t n = 0;
+  while ((n = platform::readFully(fd, buffer.data(), buffer.size())) > 0) {
+    digest.add(buffer.data(), static_cast<std::size_t>(n));
+  }
+  return n == 0 ? std::optional(digest.hex()) : std::nullopt;
 }
 
 }  // namespace agent::store

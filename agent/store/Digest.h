@@ -3,14 +3,15 @@
 #include <gcrypt.h>
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 namespace agent::store {
 
-/// Makes the crypto library ready; may be called any number of times, from any thread.
+/// Prepares the crypto library. Any number of calls, any thread.
 void prepareCrypto();
 
-/// Running MD5, SHA-1 or SHA-256.
+/// A running MD5, SHA-1 or SHA-256.
 class Digest {
  public:
   enum class Kind { kMd5 = GCRY_MD_MD5, kSha1 = GCRY_MD_SHA1, kSha256 = GCRY_MD_SHA256 };
@@ -20,7 +21,7 @@ class Digest {
   Digest& operator=(const Digest&) = delete;
 
   void add(const void* bytes, std::size_t size);
-  std::string hex();  ///< lower-case; nothing may be added behind it
+  std::string hex();  ///< lower-case; ends the digest
 
  private:
   Kind kind_;
@@ -28,7 +29,9 @@ class Digest {
 };
 
 std::string toHex(const void* bytes, std::size_t size);
-/// False for an odd length or another character.
-bool fromHex(const std::string& hex, std::string* bytes);
+/// Nothing for an odd length or another character.
+std::optional<std::string> fromHex(const std::string& hex);
+/// The digest of an open file, from its position to its end. Nothing when reading fails.
+std::optional<std::string> digestOfFile(int fd, Digest::Kind kind);
 
 }  // namespace agent::store

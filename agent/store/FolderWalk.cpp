@@ -8,8 +8,6 @@
 #include <climits>
 #include <cstring>
 
-#include "store/Sqlite.h"
-
 namespace agent::store {
 namespace {
 
@@ -60,7 +58,7 @@ int walkToFolder(const char* path, std::size_t* failedEnd) {
   return folder;
 }
 
-std::string whyNoFolder(const std::string& path, int error, std::size_t failedEnd) {
+std::string walkFailure(const std::string& path, int error, std::size_t failedEnd) {
   const std::string where = platform::quoted(std::string_view(path).substr(0, failedEnd));
   switch (error) {
     case ELOOP:
@@ -74,11 +72,11 @@ std::string whyNoFolder(const std::string& path, int error, std::size_t failedEn
   }
 }
 
-platform::Descriptor openFolder(const std::string& path) {
+platform::Expected<platform::Descriptor> openFolder(const std::string& path) {
   std::size_t failedEnd = 0;
   const int folder = walkToFolder(path.c_str(), &failedEnd);
   if (folder < 0) {
-    throw StoreError(whyNoFolder(path, -folder, failedEnd));
+    return platform::failure(walkFailure(path, -folder, failedEnd));
   }
   return platform::Descriptor(folder);
 }

@@ -1,5 +1,6 @@
 #include "store/ItemFile.h"
 
+#include <gcrypt.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,9 +39,7 @@ std::uint64_t fromLittleEndian(std::string_view bytes) {
 std::string hashOf(const std::string& text) {
   Digest digest(Digest::Kind::kSha256);
   digest.add(text.data(), text.size());
-  std::string bytes;
-  fromHex(digest.hex(), &bytes);
-  return bytes;
+  return fromHex(digest.hex()).value_or("");
 }
 
 std::string readAt(int fd, std::uint64_t offset, std::size_t size) {
@@ -65,6 +64,18 @@ struct Keys {
 };
 
 }  // namespace
+
+class Cipher {
+ public:
+  Cipher(std::string_view key, std::string_view counter);
+  ~Cipher() { gcry_cipher_close(handle_); }
+  Cipher(const Cipher&) = delete;
+  Cipher& operator=(const Cipher&) = delete;
+  void apply(void* bytes, std::size_t size);  ///< in place; enciphers and deciphers
+
+ private:
+  gcry_cipher_hd_t handle_ = nullptr;
+};
 
 Cipher::Cipher(std::string_view key, std::string_view counter) {
   prepareCrypto();
@@ -215,7 +226,7 @@ std::size_t ItemReader::read(void* buffer, std::size_t size) {
   return made;
 }
 
-std::string whyDamaged(int fd) {
+platform::Expected<void> checkItem(int fd) {
   try {
     ItemReader reader(fd);
     Digest digest(Digest::Kind::kSha256);
@@ -224,9 +235,12 @@ std::string whyDamaged(int fd) {
     while ((n = reader.read(buffer.data(), buffer.size())) > 0) {
       digest.add(buffer.data(), n);
     }
-    return digest.hex() == reader.meta().sha256 ? "" : "is damaged: its content was changed";
+    if (digest.hex() != reader.meta().sha256) {
+      return platform::failure("is damaged: its content was changed");
+    }
+    return {};
   } catch (const std::exception& error) {
-    return error.what();
+    return platform::failure(error.what());
   }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <gcrypt.h>
 #include <zlib.h>
 
 #include <cstdint>
@@ -9,11 +8,12 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Expected.h"
 #include "store/ItemMeta.h"
 
-/// The file of a quarantined item: the content compressed and enciphered, behind it what is known of the
-/// file, enciphered too. The key stands in the file: nobody is kept from reading it by this; it keeps other
-/// scanners from finding a live detection in the store, and everybody from running one by mistake.
+/// The file of a quarantined item: the compressed and enciphered content, then the enciphered meta data. The
+/// key stands in the file, so the cipher keeps nothing secret. The cipher keeps other scanners from detecting
+/// the content, and users from running it by mistake.
 ///
 ///   8 bytes   "TAVQITM1"
 ///   32 bytes  key, random
@@ -27,28 +27,18 @@
 ///   8 bytes   "TAVQEND1"
 namespace agent::store {
 
-class Cipher {
- public:
-  Cipher(std::string_view key, std::string_view counter);
-  ~Cipher() { gcry_cipher_close(handle_); }
-  Cipher(const Cipher&) = delete;
-  Cipher& operator=(const Cipher&) = delete;
-  void apply(void* bytes, std::size_t size);  ///< in place; the same both ways
-
- private:
-  gcry_cipher_hd_t handle_ = nullptr;
-};
+class Cipher;
 
 /// Writes one item to an empty file, in one pass. Throws StoreError.
 class ItemWriter {
  public:
-  /// maxBytes: more than that is refused with StoreError.
+  /// maxBytes: a longer item is a StoreError.
   ItemWriter(int fd, std::uint64_t maxBytes);
   ~ItemWriter();
   ItemWriter(const ItemWriter&) = delete;
   ItemWriter& operator=(const ItemWriter&) = delete;
   void add(const void* bytes, std::size_t size);
-  void finish(const ItemMeta& meta);  ///< the file is whole behind it, not synced
+  void finish(const ItemMeta& meta);  ///< makes the file whole; does not sync
   std::uint64_t written() const { return written_; }
 
  private:
@@ -63,7 +53,7 @@ class ItemWriter {
   std::vector<unsigned char> buffer_;
 };
 
-/// Reads one item. Throws StoreError that begins with "is damaged" when the file is not as it was written.
+/// Reads one item. Throws a StoreError that begins with "is damaged" for a file that was changed.
 class ItemReader {
  public:
   explicit ItemReader(int fd);  ///< reads and checks all but the content
@@ -71,7 +61,7 @@ class ItemReader {
   ItemReader(const ItemReader&) = delete;
   ItemReader& operator=(const ItemReader&) = delete;
   const ItemMeta& meta() const { return meta_; }
-  /// The next bytes of the content, 0 at its end. The end comes only behind as many bytes as the file had.
+  /// Reads the next bytes of the content; 0 at the end. Content of another length than the file had throws.
   std::size_t read(void* buffer, std::size_t size);
 
  private:
@@ -80,15 +70,15 @@ class ItemReader {
 
   int fd_;
   ItemMeta meta_;
-  std::uint64_t left_ = 0;   ///< enciphered bytes not read yet
-  std::uint64_t given_ = 0;  ///< plain bytes handed out
+  std::uint64_t left_ = 0;   ///< enciphered bytes still to read
+  std::uint64_t given_ = 0;  ///< plain bytes returned so far
   std::unique_ptr<Cipher> cipher_;
   z_stream stream_{};
   bool ended_ = false;
   std::vector<unsigned char> buffer_;
 };
 
-/// Reads the whole item and compares its content with its SHA-256. Empty, or why it is no good.
-std::string whyDamaged(int fd);
+/// Reads the whole item and compares the content with its SHA-256.
+platform::Expected<void> checkItem(int fd);
 
 }  // namespace agent::store

@@ -34,11 +34,11 @@ bool xattrsFromJson(const Json::Value& list, std::vector<std::pair<std::string, 
     return false;
   }
   for (const Json::Value& attribute : list) {
-    std::string value;
-    if (!attribute.isObject() || !fromHex(CppJson::readString(attribute, "value", "x"), &value)) {
+    const auto value = fromHex(CppJson::readString(attribute, "value", "x"));
+    if (!attribute.isObject() || !value) {
       return false;
     }
-    xattrs->emplace_back(json::decodePath(CppJson::readString(attribute, "name", "")), value);
+    xattrs->emplace_back(json::decodePath(CppJson::readString(attribute, "name", "")), *value);
   }
   return true;
 }
@@ -75,10 +75,6 @@ std::string attributeNames(int fd) {
     }
     names.resize(names.size() * 4);
   }
-}
-
-constexpr std::int64_t toNs(const timespec& time) {
-  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
 
 }  // namespace
@@ -149,7 +145,7 @@ std::optional<ItemMeta> ItemMeta::fromText(const std::string& text) {
   return whole ? std::optional(std::move(meta)) : std::nullopt;
 }
 
-Json::Value ItemMeta::listed() const {
+Json::Value ItemMeta::toIsolationItem() const {
   JsonReflect::IsolationItem item;
   item.uid = static_cast<std::int32_t>(uid);
   item.gid = static_cast<std::int32_t>(gid);

@@ -13,12 +13,12 @@
 
 namespace agent::store {
 
-/// All that is known of a quarantined file but its content. Stands in the item's file, so that the file is
-/// enough to restore from, and in the item's row.
+/// The meta data of a quarantined file. The item's row and the item's file both hold the meta data: the file
+/// alone is enough for a restore.
 struct ItemMeta {
   std::string uuid;
-  std::string path;      ///< bytes; as it was reached when it was found
-  std::string realPath;  ///< bytes; without links: where it is restored to
+  std::string path;      ///< bytes; the path under which the scan encountered the file
+  std::string realPath;  ///< bytes; without links; the target of a restore
   std::uint64_t device = 0, inode = 0, size = 0, links = 0;
   std::uint32_t uid = 0, gid = 0, mode = 0;  ///< mode: permission bits with setuid, setgid and sticky
   std::int64_t accessTimeNs = 0, modifyTimeNs = 0;
@@ -28,15 +28,16 @@ struct ItemMeta {
   std::vector<std::pair<std::string, std::string>> xattrs;  ///< name, value as bytes
 
   std::string toText() const;
-  /// Nothing when the text is not one that toText() made.
+  /// Nothing for a text that toText() did not make.
   static std::optional<ItemMeta> fromText(const std::string& text);
-  /// As JsonReflect::IsolationItem.
-  Json::Value listed() const;
+  /// JsonReflect::IsolationItem.
+  Json::Value toIsolationItem() const;
 };
 
-/// Owner, group, mode, times and attributes of an open file.
+/// Reads owner, group, mode, times and attributes of an open file.
 void readFileMeta(int fd, const struct stat& st, ItemMeta* meta);
-/// A short word for what a file is, from its first bytes, else its ending: "ELF", "PE", "script", "zip", …
+/// A short word for the kind of a file, from its first bytes, else its ending: "ELF", "PE", "script", "zip",
+/// …
 std::string fileTypeOf(const std::string& firstBytes, const std::string& name);
 
 }  // namespace agent::store

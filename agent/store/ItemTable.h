@@ -11,7 +11,7 @@
 
 namespace agent::store {
 
-/// What stands behind a row of the quarantine. Values are stored.
+/// The state of a row of the quarantine. The database holds the numbers.
 enum class ItemState {
   kRemoving = 0,   ///< the item is whole; the original is being removed
   kComplete = 1,   ///< the original is gone
@@ -26,7 +26,7 @@ struct ItemRow {
   std::string pending;  ///< of kRestoring: RestorePlan::toText()
 };
 
-/// The rows of the quarantine. Every change is on disk when its call returns. Any thread; throws StoreError.
+/// The rows of the quarantine. A change is on disk when its call returns. Any thread; throws StoreError.
 class ItemTable {
  public:
   explicit ItemTable(Database& database) : database_(database) {}
@@ -34,9 +34,9 @@ class ItemTable {
   void setState(const std::string& uuid, ItemState state, const std::string& pending);
   void erase(const std::string& uuid);
   std::optional<ItemRow> find(const std::string& uuid);
-  std::vector<ItemRow> halfDone();
-  std::vector<std::string> uuids();  ///< of all rows, oldest first
-  /// Of what is in the quarantine, oldest first: the metas of one owner's items, or of all.
+  std::vector<ItemRow> halfDone();   ///< in another state than kComplete
+  std::vector<std::string> uuids();  ///< of all items in the quarantine, oldest first
+  /// Visits the rows of all items in the quarantine, or of one owner's items, oldest first.
   void forEach(std::optional<uid_t> owner, const std::function<void(const ItemRow&)>& visit);
   std::uint64_t totalBytes();
   struct Aged {
@@ -44,7 +44,7 @@ class ItemTable {
     std::int64_t isolateTimeSec;
     std::uint64_t storedBytes;
   };
-  std::vector<Aged> byAge();  ///< complete ones, oldest first
+  std::vector<Aged> byAge();  ///< complete items, oldest first
 
  private:
   Database& database_;

@@ -34,7 +34,7 @@ int renameWithin(int folder, const std::string& from, const std::string& to) {
   if (errno != EINVAL) {
     return errno;
   }
-  // A file system that knows no such flag: a second name can never replace one either.
+  // A file system without this flag: a new link cannot replace an entry either.
   if (::linkat(folder, from.c_str(), folder, to.c_str(), 0) != 0) {
     return errno;
   }
@@ -75,7 +75,7 @@ void OriginalFile::openFile(const QuarantineRequest& request) {
 }
 
 void OriginalFile::findFolder() {
-  // The kernel's own word for where the open file is: without links, and moved folders followed.
+  // The kernel's path of the open file: without links, and up to date after a move of a folder.
   std::string path(PATH_MAX, '\0');
   const ssize_t size = ::readlink(ownPath(file_.get()).c_str(), path.data(), path.size());
   if (size <= 0 || path[0] != '/' || static_cast<std::size_t>(size) >= path.size()) {
@@ -85,18 +85,22 @@ void OriginalFile::findFolder() {
   realPath_ = path;
   const platform::SplitPath split = platform::splitPath(path);
   name_ = split.name;
-  folder_ = openFolder(split.folder);
+  auto folder = openFolder(split.folder);
+  if (!folder) {
+    throw StoreError(folder.error());
+  }
+  folder_ = std::move(*folder);
   checkEntry(name_, "it is no longer there");
 }
 
-void OriginalFile::checkEntry(const std::string& name, const char* otherwise) const {
+void OriginalFile::checkEntry(const std::string& name, const char* ifAnother) const {
   struct stat entry {};
   if (::fstatat(folder_.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0) {
     throw StoreError(errno == ENOENT ? "it is no longer there"
                                      : "cannot look at it: " + platform::errnoText(errno));
   }
   if (entry.st_dev != st_.st_dev || entry.st_ino != st_.st_ino) {
-    throw StoreError(otherwise);
+    throw StoreError(ifAnother);
   }
   if (!FileIdentity::of(entry).sameContent(FileIdentity::of(st_))) {
     throw StoreError(kChanged);
@@ -141,7 +145,8 @@ void OriginalFile::remove() {
     putBack();
     throw StoreError(why);
   }
-  // Not synced is not undone: the item is whole, and what a power cut brings back is found again.
+  // A failed sync is harmless: the item is whole, and the next scan finds a file that a power cut brings
+  // back.
   platform::syncFolder(folder_.get(), file_.get());
 }
 

@@ -10,34 +10,35 @@
 
 namespace agent::store {
 
-/// The file that is to be quarantined: held open, and its entry in its folder, from which it is removed only
-/// as long as it is that very file. Everything that cannot be is a StoreError with the reason.
+/// The file to quarantine or delete: held open, together with its folder. Its entry in the folder is removed
+/// only as long as the entry is that very file. Each failure is a StoreError with the reason.
 class OriginalFile {
  public:
-  /// By the request's descriptor, or when it has none by its path, the last component not followed. Refuses
-  /// what is no regular file, what is not as it was scanned, and what stands on a read-only file system.
+  /// Opens the file by the request's descriptor, else by its path without following a link in the last
+  /// component. Refuses anything but a regular file, a file changed since the scan, and a read-only file
+  /// system.
   explicit OriginalFile(const QuarantineRequest& request);
 
   int fd() const { return file_.get(); }
   const struct stat& st() const { return st_; }
   const std::string& realPath() const { return realPath_; }
   const std::string& name() const { return name_; }
-  /// Only the change time differs from what was scanned (a new name, another mode): the content must then be
-  /// proved by its hash.
+  /// Only the change time differs from the scanned file (a new name, another mode): the hash must prove the
+  /// content.
   bool needsProof() const { return needsProof_; }
 
   /// Throws when the file was changed since it was opened.
   void checkUnchanged() const;
-  /// Takes the file's entry to the private name in the same folder and checks that it is the file; another
-  /// one, put there meanwhile, is put back.
+  /// Renames the entry to the private name in the same folder and checks that the entry is the file. Another
+  /// file that took its place gets its name back.
   void setAside(const std::string& privateName);
-  /// Removes what setAside took, and syncs the folder.
+  /// Removes the entry that was set aside, and syncs the folder.
   void remove();
 
  private:
   void openFile(const QuarantineRequest& request);
   void findFolder();
-  void checkEntry(const std::string& name, const char* otherwise) const;
+  void checkEntry(const std::string& name, const char* ifAnother) const;
   void putBack();
 
   platform::Descriptor file_, folder_;
@@ -46,9 +47,10 @@ class OriginalFile {
   bool needsProof_ = false;
 };
 
-/// The entry's private name while it is being removed.
+/// The private name of an entry during its removal.
 std::string privateName(const std::string& uuid);
-/// Moves an entry within a folder, never over another. 0 or an errno value.
+/// Renames an entry within a folder, never over another entry. 0 or an errno value: the restore child uses it
+/// after the fork.
 int renameWithin(int folder, const std::string& from, const std::string& to);
 
 }  // namespace agent::store

@@ -21,13 +21,13 @@
 
 namespace agent::store {
 
-/// The quarantine. The order of its steps is what keeps every file: an item's file is whole and synced, and
-/// its row committed, before anything happens to the original; a restored file is synced before anything
-/// happens to the item. Any thread; no call but list() throws. Defined in QuarantineAdd.cpp,
-/// QuarantineLimits.cpp and QuarantineRestore.cpp.
+/// The quarantine. The order of its steps keeps every file. An item's file is whole and synced, and its row
+/// is committed, before the original is touched. A restored file is synced before the item is touched. Any
+/// thread; no call but list() throws. Defined in QuarantineAdd.cpp, QuarantineLimits.cpp and
+/// QuarantineRestore.cpp.
 class Quarantine {
  public:
-  /// Settles what a crash left half-done; what it found goes into `notices`.
+  /// Settles work that a crash left half-done; each finding is a line in `notices`.
   Quarantine(Database& database, const std::string& folder, Settings& settings, Regions& regions,
              AuditLog& audit, std::chrono::milliseconds restorePatience, std::vector<std::string>* notices);
   /// Copies the file in, syncs the copy, records the item and only then removes the original, after a check
@@ -56,7 +56,7 @@ class Quarantine {
   std::uint64_t copy(const OriginalFile& original, const QuarantineRequest& request, ItemMeta* meta) const;
   void removeOriginal(OriginalFile& original, const std::string& uuid);
   // QuarantineLimits.cpp
-  std::uint64_t limitBytes() const;  ///< UINT64_MAX: none
+  std::uint64_t limitBytes() const;  ///< UINT64_MAX: no limit
   void reserve(std::uint64_t bytes);
   void cleanWhenFull();
   void erase(const std::string& uuid, std::uint64_t storedBytes);
@@ -76,7 +76,7 @@ class Quarantine {
   mutable ItemTable table_;
   Deletions deletions_;
   Vault vault_;
-  std::mutex items_;  ///< one at a time takes items out, by a restore or by cleaning
+  std::mutex items_;  ///< held while a restore or cleaning takes items out
   std::atomic<std::uint64_t> usedBytes_{0};
 };
 

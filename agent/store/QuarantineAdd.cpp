@@ -139,7 +139,7 @@ Json::Value Quarantine::list(std::optional<uid_t> onlyOwner) const {
   table_.forEach(onlyOwner, [&items](const ItemRow& row) {
     const auto meta = ItemMeta::fromText(row.meta);
     if (meta) {
-      items.append(meta->listed());
+      items.append(meta->toIsolationItem());
     }
   });
   return items;

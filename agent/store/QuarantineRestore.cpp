@@ -45,7 +45,7 @@ platform::Expected<RestorePlan> planFor(const ItemMeta& meta, bool trust, const 
   return plan;
 }
 
-RestoreJob jobFor(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller, int busyMark) {
+RestoreJob jobFor(const ItemMeta& meta, const RestorePlan& plan, const CallerId& caller, int busyLock) {
   const bool agentIsRoot = ::geteuid() == 0;
   return {.meta = &meta,
           .folder = plan.folder,
@@ -56,7 +56,7 @@ RestoreJob jobFor(const ItemMeta& meta, const RestorePlan& plan, const CallerId&
           .gid = caller.gid,
           .groups = caller.groups,
           .privileged = agentIsRoot && caller.uid == 0,
-          .busyMark = busyMark};
+          .busyLock = busyLock};
 }
 
 std::string remarkOf(const RestoreReport& report) {
@@ -144,26 +144,26 @@ platform::Expected<void> Quarantine::transfer(const ItemMeta& meta, const Restor
                                               const CallerId& caller, RestoreReport* report) const try {
   const platform::Descriptor file = vault_.open(meta.uuid);
   ItemReader reader(file.get());
-  const RestoreJob job = jobFor(meta, plan, caller, vault_.busyMark());
+  const RestoreJob job = jobFor(meta, plan, caller, vault_.busyLock());
   RestoreChild child(job, restorePatience_);
   Digest digest(Digest::Kind::kSha256);
   std::string buffer(1 << 16, '\0');
   std::size_t n = 0;
-  bool heard = true;
-  while (heard && (n = reader.read(buffer.data(), buffer.size())) > 0) {
+  bool delivered = true;
+  while (delivered && (n = reader.read(buffer.data(), buffer.size())) > 0) {
     digest.add(buffer.data(), n);
-    heard = child.send({buffer.data(), n});
+    delivered = child.send({buffer.data(), n});
   }
-  if (heard && digest.hex() != meta.sha256) {
+  if (delivered && digest.hex() != meta.sha256) {
     return platform::failure("is damaged: its content was changed");
   }
   reached("content sent");
-  if (heard) {
+  if (delivered) {
     child.commit();
   }
   *report = child.report();
   if (report->stage != RestoreStage::kDone) {
-    return platform::failure(whyNotRestored(job, *report));
+    return platform::failure(restoreFailure(job, *report));
   }
   return {};
 } catch (const StoreError& error) {

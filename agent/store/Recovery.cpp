@@ -13,14 +13,7 @@
 namespace agent::store {
 namespace {
 
-/// The folder, or none when it cannot be reached without a link.
-platform::Descriptor tryFolder(const std::string& path) {
-  std::size_t failedEnd = 0;
-  const int folder = walkToFolder(path.c_str(), &failedEnd);
-  return platform::Descriptor(folder < 0 ? -1 : folder);
-}
-
-/// An entry of a folder when it is a regular file, opened for reading without following a link.
+/// Opens a regular file in a folder for reading, without following a link.
 platform::Descriptor openEntry(int folder, const std::string& name, struct stat* st) {
   platform::Descriptor file = platform::openReading(folder, name);
   const bool regular = file && ::fstat(file.get(), st) == 0 && S_ISREG(st->st_mode);
@@ -31,13 +24,7 @@ bool hasContent(int file, const struct stat& st, const ItemMeta& meta) {
   if (static_cast<std::uint64_t>(st.st_size) != meta.size) {
     return false;
   }
-  Digest digest(Digest::Kind::kSha256);
-  std::string buffer(1 << 16, '\0');
-  std::int64_t n = 0;
-  while ((n = platform::readFully(file, buffer.data(), buffer.size())) > 0) {
-    digest.add(buffer.data(), static_cast<std::size_t>(n));
-  }
-  return n == 0 && digest.hex() == meta.sha256;
+  return digestOfFile(file, Digest::Kind::kSha256) == meta.sha256;
 }
 
 bool isInode(const struct stat& st, const ItemMeta& meta) {
@@ -118,16 +105,16 @@ void Recovery::adopt(const std::string& uuid) try {
 
 void Recovery::settleRemoval(const ItemRow& row, const ItemMeta& meta) {
   const platform::SplitPath was = platform::splitPath(meta.realPath);
-  const platform::Descriptor folder = tryFolder(was.folder);
+  const platform::Expected<platform::Descriptor> folder = openFolder(was.folder);
   struct stat st {};
   const platform::Descriptor original =
-      folder ? openEntry(folder.get(), was.name, &st) : platform::Descriptor();
+      folder ? openEntry(folder->get(), was.name, &st) : platform::Descriptor();
   if (original && isInode(st, meta) && hasContent(original.get(), st, meta)) {
     drop(row);
     notice(row.uuid, "its removal had not begun: the file stays where it was");
     return;
   }
-  if (folder && !finishRemoval(meta, folder.get())) {
+  if (folder && !finishRemoval(meta, folder->get())) {
     drop(row);
     notice(row.uuid, "was not whole: the file was put back where it was");
     return;
@@ -135,8 +122,8 @@ void Recovery::settleRemoval(const ItemRow& row, const ItemMeta& meta) {
   keep(row);
 }
 
-/// The entry that was set aside goes when the item is whole, else it comes back under its name. False: it is
-/// back, the item is worth nothing.
+/// Deletes the entry that was set aside if the item is whole; else gives the entry its name back. False: the
+/// file is back, and the item is worth nothing.
 bool Recovery::finishRemoval(const ItemMeta& meta, int folder) {
   const std::string aside = privateName(meta.uuid);
   struct stat st {};
@@ -144,8 +131,7 @@ bool Recovery::finishRemoval(const ItemMeta& meta, int folder) {
     return true;
   }
   const std::string name = platform::splitPath(meta.realPath).name;
-  const std::string why = whyNoItem(meta.uuid);
-  if (why.empty() && isInode(st, meta) && static_cast<std::uint64_t>(st.st_size) == meta.size) {
+  if (checkItemFile(meta.uuid) && isInode(st, meta) && static_cast<std::uint64_t>(st.st_size) == meta.size) {
     ::unlinkat(folder, aside.c_str(), 0);
     platform::syncFolder(folder, -1);
     notice(meta.uuid, "its removal was ended");
@@ -157,26 +143,26 @@ bool Recovery::finishRemoval(const ItemMeta& meta, int folder) {
                           "): it stands as " + platform::quoted(aside) + " in " +
                           platform::quoted(platform::splitPath(meta.realPath).folder));
   }
-  // Another file than ours stood there: ours is gone, the item all that is left of it.
+  // If another file was set aside, the detected file is gone, and the item is all that is left.
   return error != 0 || !isInode(st, meta);
 }
 
 void Recovery::settleRestore(const ItemRow& row, const ItemMeta& meta) {
   const auto plan = RestorePlan::fromText(row.pending);
-  const platform::Descriptor folder = plan ? tryFolder(plan->folder) : platform::Descriptor();
+  const platform::Expected<platform::Descriptor> folder = openFolder(plan ? plan->folder : "");
   struct stat st {};
-  if (folder && ::fstatat(folder.get(), privateName(meta.uuid).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+  if (folder && ::fstatat(folder->get(), privateName(meta.uuid).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
       S_ISREG(st.st_mode)) {
-    ::unlinkat(folder.get(), privateName(meta.uuid).c_str(), 0);
+    ::unlinkat(folder->get(), privateName(meta.uuid).c_str(), 0);
   }
   const platform::Descriptor restored =
-      folder ? openEntry(folder.get(), plan->name, &st) : platform::Descriptor();
+      folder ? openEntry(folder->get(), plan->name, &st) : platform::Descriptor();
   if (!restored || !hasContent(restored.get(), st, meta)) {
     keep(row);
     notice(row.uuid, "its restore had not ended: it stays in the quarantine");
     return;
   }
-  platform::syncFolder(folder.get(), restored.get());
+  platform::syncFolder(folder->get(), restored.get());
   const platform::Expected<void> trusted = plan->applyTrust(regions_);
   drop(row);
   notice(row.uuid, "its restore had ended" + (trusted ? "" : ", but it is not trusted: " + trusted.error()));
@@ -192,17 +178,16 @@ void Recovery::drop(const ItemRow& row) {
 }
 
 void Recovery::keep(const ItemRow& row) {
-  const std::string why = whyNoItem(row.uuid);
-  if (!why.empty()) {
-    notice(row.uuid, why);
+  if (const auto whole = checkItemFile(row.uuid); !whole) {
+    notice(row.uuid, whole.error());
   }
   table_.setState(row.uuid, ItemState::kComplete, "");
 }
 
-std::string Recovery::whyNoItem(const std::string& uuid) const try {
-  return whyDamaged(vault_.open(uuid).get());
+platform::Expected<void> Recovery::checkItemFile(const std::string& uuid) const try {
+  return checkItem(vault_.open(uuid).get());
 } catch (const StoreError& error) {
-  return error.what();
+  return platform::failure(error.what());
 }
 
 void Recovery::notice(const std::string& uuid, const std::string& what) {

@@ -10,10 +10,10 @@
 
 namespace agent::store {
 
-/// What the start does about work that a crash, a kill or a power cut left half-done. Both a file and an item
-/// of it standing there is settled in favour of the file when that is whole and still under its own name (its
-/// removal had not begun, or its restore had ended), and in favour of the item when the file's removal had
-/// begun. What cannot be judged is kept, and said. Nothing else may use the store meanwhile.
+/// Settles at the start the work that a crash, a kill or a power cut left half-done. When a file and its item
+/// both stand, the file wins if it is whole and under its own name: its removal had not begun, or its restore
+/// had ended. The item wins if the removal of the file had begun. An item that cannot be judged is kept and
+/// reported. Nothing else may use the store meanwhile.
 class Recovery {
  public:
   Recovery(ItemTable& table, const Vault& vault, Regions& regions, std::vector<std::string>* notices)
@@ -28,7 +28,7 @@ class Recovery {
   void settleRestore(const ItemRow& row, const ItemMeta& meta);
   void drop(const ItemRow& row);
   void keep(const ItemRow& row);
-  std::string whyNoItem(const std::string& uuid) const;
+  platform::Expected<void> checkItemFile(const std::string& uuid) const;
   void notice(const std::string& uuid, const std::string& what);
 
   ItemTable& table_;

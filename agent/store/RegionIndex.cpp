@@ -10,13 +10,6 @@ std::size_t slotOf(json::RegionDomain domain) {
   return domain == json::RegionDomain::kPersonal ? 0 : 1;
 }
 
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return lower;
-}
-
 }  // namespace
 
 void RegionIndex::put(json::Region region, RegionItemType type, json::RegionDomain domain,
@@ -63,8 +56,8 @@ bool RegionIndex::nameIn(json::Region region, std::string_view name, std::int64_
   if (extensions.empty()) {
     return false;
   }
-  // "a.tar.gz" is of the extensions "tar.gz" and "gz"; ".profile" has none.
-  const std::string lower = lowerCase(name);
+  // "a.tar.gz" has the extensions "tar.gz" and "gz"; ".profile" has no extension.
+  const std::string lower = asciiLowerCase(name);
   for (std::size_t dot = lower.find('.', 1); dot < lower.size(); dot = lower.find('.', dot + 1)) {
     if (matches(extensions, std::string_view(lower).substr(dot + 1), now)) {
       return true;

@@ -11,8 +11,8 @@
 
 namespace agent::store {
 
-/// The entries of both regions as a scan asks for them: a look-up in a hash table for each component of a
-/// path, whatever the number of entries. Not locked.
+/// The entries of both regions in memory. A question of a scan costs one hash look-up for each component of
+/// the path, however many entries there are. Not locked.
 class RegionIndex {
  public:
   /// validUntil: seconds since 1970-01-01, 0 for ever. Replaces the validity of the same entry.

@@ -11,12 +11,6 @@ namespace {
 
 constexpr std::size_t kMaxPathBytes = 4096, kMaxNameBytes = 255;
 
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return text;
-}
-
 platform::Expected<std::string> normalisePath(const std::string& text) {
   if (text.empty() || text.front() != '/') {
     return platform::failure(platform::quoted(text) + " is not an absolute path");
@@ -42,7 +36,7 @@ platform::Expected<std::string> normaliseName(const std::string& text) {
 }
 
 platform::Expected<std::string> normaliseExtension(const std::string& text) {
-  std::string extension = lowerCase(text);
+  std::string extension = asciiLowerCase(text);
   if (extension.starts_with("*.")) {
     extension.erase(0, 2);
   } else if (extension.starts_with('.')) {
@@ -56,7 +50,7 @@ platform::Expected<std::string> normaliseExtension(const std::string& text) {
 }
 
 platform::Expected<std::string> normaliseHash(const std::string& text, std::size_t digits, const char* name) {
-  std::string hash = lowerCase(text);
+  std::string hash = asciiLowerCase(text);
   if (hash.size() != digits || hash.find_first_not_of("0123456789abcdef") != std::string::npos) {
     return platform::failure(platform::quoted(text) + " is not a " + name + " of " + std::to_string(digits) +
                              " hexadecimal digits");
@@ -65,6 +59,13 @@ platform::Expected<std::string> normaliseHash(const std::string& text, std::size
 }
 
 }  // namespace
+
+std::string asciiLowerCase(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  return lower;
+}
 
 platform::Expected<std::string> normaliseRegionItem(RegionItemType type, const std::string& text) {
   if (text.find('\0') != std::string::npos) {

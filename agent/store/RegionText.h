@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "json/Values.h"
 #include "platform/Expected.h"
@@ -9,8 +10,11 @@ namespace agent::store {
 
 using json::RegionItemType;
 
-/// Brings an entry to the one form that entries are kept and looked up in: paths absolute and without doubled
-/// or trailing separators, extensions without their dot and in lower case, hashes in lower case.
+/// The form in which an entry is stored and looked up. Paths are absolute and have no doubled or trailing
+/// separators. Extensions have no dot. Extensions and hashes are in lower case.
 platform::Expected<std::string> normaliseRegionItem(RegionItemType type, const std::string& text);
+
+/// A to Z in lower case; other bytes stay.
+std::string asciiLowerCase(std::string_view text);
 
 }  // namespace agent::store

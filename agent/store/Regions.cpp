@@ -13,12 +13,12 @@
 namespace agent::store {
 namespace {
 
-/// Adding entries reads at most so much of the files that they name, for the MD5 that a list shows.
+/// The most that one change reads of the named files, for the MD5 that a list shows.
 constexpr std::int64_t kHashBudgetBytes = 64 << 20;
 
 std::optional<std::int64_t> wholeNumber(const Json::Value& object, const char* key) {
   const Json::Value& value = object[key];
-  // The type, not isInt64() alone: that takes 1.0 as well.
+  // The type, not isInt64() alone: isInt64() accepts 1.0 as well.
   const bool whole = value.type() == Json::intValue || value.type() == Json::uintValue;
   return whole && value.isInt64() ? std::optional(value.asInt64()) : std::nullopt;
 }
@@ -34,8 +34,8 @@ struct FileFacts {
   std::string md5;
 };
 
-/// What a list shows of a file. The agent reads what its callers may not: to others than root and its own
-/// user only their own files are described.
+/// What a list shows of a file. The agent may read files that its callers may not read. So callers other than
+/// root and the agent's own user see the facts of their own files only.
 FileFacts factsOf(RegionItemType type, const std::string& item, uid_t caller, std::int64_t* budget) {
   FileFacts facts;
   if (type == RegionItemType::kMd5) {
@@ -54,17 +54,11 @@ FileFacts factsOf(RegionItemType type, const std::string& item, uid_t caller, st
     return facts;
   }
   *budget -= st.st_size;
-  Digest md5(Digest::Kind::kMd5);
-  std::string buffer(1 << 16, '\0');
-  std::int64_t n = 0;
-  while ((n = platform::readFully(fd.get(), buffer.data(), buffer.size())) > 0) {
-    md5.add(buffer.data(), static_cast<std::size_t>(n));
-  }
-  facts.md5 = n < 0 ? "" : md5.hex();
+  facts.md5 = digestOfFile(fd.get(), Digest::Kind::kMd5).value_or("");
   return facts;
 }
 
-/// Paths are looked up as scans write them; what is written otherwise is brought to that form first.
+/// Whether a path has the form of stored entries. Paths of scans have this form.
 bool looksNormal(const std::string& path) {
   for (std::size_t i = path.find('/'); i != std::string::npos; i = path.find('/', i + 1)) {
     const std::string_view rest = std::string_view(path).substr(i + 1);
@@ -181,7 +175,7 @@ platform::Expected<void> Regions::change(json::Region region, const Json::Value&
 }
 
 void Regions::store(const Change& change, uid_t caller) {
-  // Held over both, so that the index changes in the order that the rows do.
+  // Held for both changes: the index changes in the order of the rows.
   const std::lock_guard lock(database_.mutex());
   Transaction transaction(database_);
   if (change.add) {

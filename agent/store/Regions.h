@@ -14,7 +14,7 @@
 
 namespace agent::store {
 
-/// Trust and reject entries: rows, and an index of them in memory that scans ask. Any thread.
+/// The trust list and the reject list: rows, and an index in memory for scans. Any thread.
 class Regions {
  public:
   explicit Regions(Database& database);

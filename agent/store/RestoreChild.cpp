@@ -17,14 +17,13 @@
 namespace agent::store {
 namespace {
 
-constexpr std::uint64_t kBytesPerPatience = 64 << 20;  // a slow disk takes more than that
+constexpr std::uint64_t kBytesPerPatience = 64 << 20;  // a slow disk is faster
 constexpr std::chrono::seconds kKillLimit{2};
 
-/// Children that were killed and are still held by a file system. Guarded by there being one restore at a
-/// time.
-std::vector<pid_t> leftBehind;
+/// Killed children that a file system still holds. Unguarded: there is one restore at a time.
+std::vector<pid_t> uncollected;
 
-bool collected(pid_t pid) {
+bool collect(pid_t pid) {
   return ::waitpid(pid, nullptr, WNOHANG) != 0;
 }
 
@@ -36,7 +35,7 @@ std::chrono::milliseconds limitFor(const RestoreJob& job, std::chrono::milliseco
 
 RestoreChild::RestoreChild(const RestoreJob& job, std::chrono::milliseconds patience)
     : patience_(patience), deadline_(Clock::now() + limitFor(job, patience)) {
-  std::erase_if(leftBehind, collected);
+  std::erase_if(uncollected, collect);
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     throw StoreError("no channel for the restore: " + platform::errnoText(errno));
@@ -83,7 +82,7 @@ bool RestoreChild::send(std::string_view bytes) {
 }
 
 void RestoreChild::waitAtMost(int option, std::chrono::milliseconds limit) {
-  const auto ms = std::max<std::int64_t>(limit.count(), 1);  // none at all would be no limit
+  const auto ms = std::max<std::int64_t>(limit.count(), 1);  // 0 would be no limit
   const timeval value{ms / 1000, ms % 1000 * 1000};
   stalled_ = stalled_ || ::setsockopt(channel_.get(), SOL_SOCKET, option, &value, sizeof value) != 0;
 }
@@ -107,32 +106,32 @@ RestoreReport RestoreChild::report() {
   return report;
 }
 
-/// The child has said all, or never will. One that a file system does not let go even when it is killed is
-/// collected later: it does nothing more of its own.
+/// Collects the child, which has sent its report or never will. A child that a file system holds even after
+/// SIGKILL is collected later.
 void RestoreChild::end() {
   const pid_t pid = std::exchange(pid_, -1);
-  if (collected(pid)) {
+  if (collect(pid)) {
     return;
   }
   ::kill(pid, SIGKILL);
   const auto limit = Clock::now() + kKillLimit;
-  while (!collected(pid)) {
+  while (!collect(pid)) {
     if (Clock::now() >= limit) {
-      leftBehind.push_back(pid);
+      uncollected.push_back(pid);
       return;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 
-std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report) {
-  const std::string path = platform::quoted(job.folder + (job.folder == "/" ? "" : "/") + job.name);
+std::string restoreFailure(const RestoreJob& job, const RestoreReport& report) {
+  const std::string path = platform::quoted(platform::joinPath(job.folder, job.name));
   const std::string why = platform::errnoText(report.error);
   switch (report.stage) {
     case RestoreStage::kUser:
       return "cannot act for user " + std::to_string(job.uid) + ": " + why;
     case RestoreStage::kFolder:
-      return whyNoFolder(job.folder, report.error, report.failedEnd);
+      return walkFailure(job.folder, report.error, report.failedEnd);
     case RestoreStage::kExists:
       return path + " exists already: it is not overwritten";
     case RestoreStage::kCreate:

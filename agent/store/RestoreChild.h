@@ -13,17 +13,17 @@
 
 namespace agent::store {
 
-/// What one restore is to do, and on whose rights.
+/// The task of one restore, and the rights for it.
 struct RestoreJob {
   const ItemMeta* meta = nullptr;
   std::string folder, name;
-  std::string temporaryName;  ///< in that folder, where nameless files cannot be
-  bool switchUser = false;    ///< to the caller below; else as the agent is
+  std::string temporaryName;  ///< in that folder, for a file system without nameless files
+  bool switchUser = false;    ///< act as the user below; else as the agent's user
   uid_t uid = 0;
   gid_t gid = 0;
   std::vector<gid_t> groups;
   bool privileged = false;  ///< owner, setuid, setgid and capabilities come back
-  int busyMark = -1;        ///< the one descriptor of the agent's that the child keeps: see Vault::setBusy
+  int busyLock = -1;        ///< the only descriptor of the agent that the child keeps: see Vault::setBusy
 };
 
 enum class RestoreStage : std::int32_t {
@@ -38,28 +38,27 @@ enum class RestoreStage : std::int32_t {
   kSync,
   kPlace,
   kAborted,
-  kStalled,  ///< said by the parent: it did not get on
+  kStalled,  ///< set by the parent: the child made no progress
   kDone
 };
 
-/// How far the child came. Travels over a socket as it is.
+/// The progress of the child. Travels over a socket as it is.
 struct RestoreReport {
   RestoreStage stage = RestoreStage::kAborted;
   std::int32_t error = 0;            ///< errno value
-  std::uint64_t failedEnd = 0;       ///< of kFolder: length of the path up to the component that failed
-  std::uint32_t attributesLeft = 0;  ///< extended attributes that did not come back
-  std::uint32_t setidLeft = 0;       ///< setuid or setgid did not come back
+  std::uint64_t failedEnd = 0;       ///< for kFolder: length of the path up to the failed component
+  std::uint32_t attributesLeft = 0;  ///< extended attributes that were not restored
+  std::uint32_t setidLeft = 0;       ///< 1: setuid or setgid was not restored
 };
 
-/// A file being restored by a child process that has the caller's rights and nothing else: it walks to the
-/// folder, makes a nameless file, takes the content, gives it owner, mode, attributes and times, syncs it and
-/// gives it its name, all by calls that are safe after a fork. When this process dies before commit(), so
-/// does the attempt, without a trace; when it dies later, so does the child at once. One at a time in a
-/// process.
+/// One restore by a child process that has only the caller's rights. The child walks to the folder, makes a
+/// nameless file, takes the content, sets owner, mode, attributes and times, syncs the file and names it. All
+/// its calls are safe after a fork. If this process dies before commit(), the attempt leaves no trace; if it
+/// dies later, the child dies at once. One child at a time in a process.
 ///
-/// The child can be stopped by its user, and the folder be on a file system of his that never answers. So no
-/// call here waits longer than `patience` without anything being taken, nor all of them together longer than
-/// `patience` and as much again for every 64 MiB: the child is then killed, and the report says kStalled.
+/// A user can stop the child, or own a file system that never answers. So no call here waits longer than
+/// `patience` without progress. All calls together wait no longer than `patience`, and as much again for
+/// every 64 MiB. Then the child is killed, and the report says kStalled.
 class RestoreChild {
  public:
   /// Throws StoreError when no process can be made.
@@ -67,8 +66,8 @@ class RestoreChild {
   ~RestoreChild();  ///< without commit(): nothing was restored
   RestoreChild(const RestoreChild&) = delete;
   RestoreChild& operator=(const RestoreChild&) = delete;
-  bool send(std::string_view bytes);  ///< false: the child has given up; report() says why
-  /// All was sent and is as it was: the file may have its name.
+  bool send(std::string_view bytes);  ///< false: the child has given up; report() has the reason
+  /// Confirms the whole content: the file may get its name.
   bool commit() { return send("C"); }
   RestoreReport report();  ///< waits for the child, and ends it
 
@@ -84,7 +83,7 @@ class RestoreChild {
   pid_t pid_ = -1;
 };
 
-/// One line for what went wrong.
-std::string whyNotRestored(const RestoreJob& job, const RestoreReport& report);
+/// One line for a report other than kDone.
+std::string restoreFailure(const RestoreJob& job, const RestoreReport& report);
 
 }  // namespace agent::store

@@ -28,7 +28,7 @@ namespace {
 constexpr const char* kAcl = "system.posix_acl_access";
 constexpr mode_t kSetid = S_ISUID | S_ISGID;
 
-/// Everything that the steps share.
+/// The state that the steps share.
 struct Work {
   const RestoreJob& job;
   int channel;
@@ -49,20 +49,20 @@ bool dropCapabilities() {
   return ::syscall(SYS_capset, &header, none.data()) == 0;
 }
 
-/// A child that hangs must hold nothing that others wait for: marks, sockets, the output of who started the
-/// agent. The copy of the busy mark says that it is at work.
-void letGoOfTheAgent(int channel, int busyMark) {
-  platform::leaveStandardStreams({channel, busyMark});
-  platform::closeAllBut({channel, busyMark});
+/// A child that hangs must hold no descriptor that another process waits for: locks, sockets, the standard
+/// streams. Its copy of the busy lock tells the next agent that the child is at work.
+void closeAgentDescriptors(int channel, int busyLock) {
+  platform::leaveStandardStreams({channel, busyLock});
+  platform::closeAllBut({channel, busyLock});
 }
 
-/// Asked for once the user is the caller's: a change of that takes it back.
-bool dieWith(Work& work, pid_t parent) {
+/// Behind becomeCaller: a change of the user clears the signal.
+bool dieWithParent(Work& work, pid_t parent) {
   return (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == parent) ||
          work.fail(RestoreStage::kAborted, 0);
 }
 
-/// For good: the child never is again what the agent is.
+/// Drops the agent's rights for good.
 bool becomeCaller(Work& work) {
   ::umask(077);
   if (!work.job.switchUser) {
@@ -134,12 +134,12 @@ bool takeContent(Work& work) {
     }
     left -= n;
   }
-  // The agent's word that this was all, and as it was.
+  // The agent confirms that the content is whole.
   char word = 0;
   return (receive(work, &word, 1) == 1 && word == 'C') || work.fail(RestoreStage::kAborted, 0);
 }
 
-bool giveOwner(Work& work) {
+bool setOwner(Work& work) {
   struct stat st {};
   if (::fstat(work.file, &st) != 0) {
     return work.fail(RestoreStage::kOwner, errno);
@@ -151,12 +151,12 @@ bool giveOwner(Work& work) {
   return same || ::fchown(work.file, uid, gid) == 0 || work.fail(RestoreStage::kOwner, errno);
 }
 
-bool rootsOnly(std::string_view attribute) {
+bool needsPrivilege(std::string_view attribute) {
   return attribute.starts_with("security.") || attribute.starts_with("trusted.");
 }
 
-/// Behind the owner, since a change of that takes setuid and capabilities away.
-bool giveModeAndAttributes(Work& work) {
+/// Behind setOwner: a change of the owner clears setuid and capabilities.
+bool setModeAndAttributes(Work& work) {
   ::fremovexattr(work.file, kAcl);  // inherited from the folder
   mode_t mode = work.job.meta->mode;
   if (!work.job.privileged && (mode & kSetid) != 0) {
@@ -167,7 +167,7 @@ bool giveModeAndAttributes(Work& work) {
     return work.fail(RestoreStage::kMode, errno);
   }
   for (const auto& [name, value] : work.job.meta->xattrs) {
-    const bool allowed = work.job.privileged || !rootsOnly(name);
+    const bool allowed = work.job.privileged || !needsPrivilege(name);
     if (!allowed || ::fsetxattr(work.file, name.c_str(), value.data(), value.size(), 0) != 0) {
       ++work.report.attributesLeft;
     }
@@ -175,7 +175,7 @@ bool giveModeAndAttributes(Work& work) {
   return true;
 }
 
-bool giveTimes(Work& work) {
+bool setTimes(Work& work) {
   constexpr std::int64_t kNs = 1'000'000'000;
   const auto toSpec = [](std::int64_t ns) {
     const std::int64_t part = (ns % kNs + kNs) % kNs;
@@ -210,11 +210,11 @@ bool place(Work& work) {
 }  // namespace
 
 void runRestore(const RestoreJob& job, int channel, pid_t parent) {
-  letGoOfTheAgent(channel, job.busyMark);
+  closeAgentDescriptors(channel, job.busyLock);
   Work work{.job = job, .channel = channel, .report = {}};
-  const bool done = becomeCaller(work) && dieWith(work, parent) && findFolder(work) && createFile(work) &&
-                    takeContent(work) && giveOwner(work) && giveModeAndAttributes(work) && giveTimes(work) &&
-                    place(work);
+  const bool done = becomeCaller(work) && dieWithParent(work, parent) && findFolder(work) &&
+                    createFile(work) && takeContent(work) && setOwner(work) && setModeAndAttributes(work) &&
+                    setTimes(work) && place(work);
   if (done) {
     work.report.stage = RestoreStage::kDone;
   } else if (work.named) {

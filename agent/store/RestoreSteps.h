@@ -4,9 +4,9 @@
 
 namespace agent::store {
 
-/// The child's whole work: takes the content (as many bytes as the file had, then "C") from the channel and
-/// puts the report into it. Allocates nothing and takes no lock: the parent has other threads. Ends with the
-/// parent.
+/// The whole work of the child. Reads the content (as many bytes as the file had, then "C") from the channel
+/// and writes the report to it. Allocates nothing and takes no lock: the parent has other threads. The child
+/// dies with the parent.
 void runRestore(const RestoreJob& job, int channel, pid_t parent);
 
 }  // namespace agent::store

@@ -10,9 +10,9 @@ namespace {
 
 constexpr std::size_t kBatch = 4096;
 constexpr auto kWriteAfter = std::chrono::seconds(5);
-/// More kinds of scan than anyone has: signature versions of years gone by.
+/// More keys than needed: years of signature versions.
 constexpr std::size_t kMaxKeys = 4096;
-/// A file that changed so lately may change again and keep its times: the kernel's stamps are that coarse.
+/// The step of the kernel's time stamps: a file changed within it may change again and keep its times.
 constexpr std::int64_t kTooYoungNs = 10'000'000;
 
 }  // namespace
@@ -46,7 +46,7 @@ void ScanCache::load() const {
   try {
     readRows();
   } catch (const StoreError&) {
-    files_.clear();  // an empty cache is a slow one, not a wrong one
+    files_.clear();  // an empty cache is slow, not wrong
   }
 }
 
@@ -63,7 +63,7 @@ void ScanCache::readRows() const {
     files_[place] = {static_cast<std::uint64_t>(rows.number(2)), rows.number(3), rows.number(4),
                      rows.number(5), rows.number(6)};
     lastSeq_ = std::max(lastSeq_, rows.number(6));
-    lastKey_ = std::max(lastKey_, rows.number(5));  // an id is never given twice while a row has it
+    lastKey_ = std::max(lastKey_, rows.number(5));  // no id is used twice while a row has it
   }
 }
 
@@ -185,7 +185,7 @@ void ScanCache::flush() {
       write(batch);
     }
   } catch (const std::exception&) {
-    // The answers still hold in memory; after a restart those files are scanned again.
+    // The results stay in memory; after a restart those files are scanned again.
   }
 }
 

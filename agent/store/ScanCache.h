@@ -13,14 +13,14 @@
 
 namespace agent::store {
 
-/// Clean results in a hash table, written behind in batches by a thread of its own, and read back whole by
-/// the first question after a start. Past the limit the oldest sixteenth goes. A disk that fails costs what
-/// was not written, never an answer. Any thread.
+/// Clean results of earlier scans, in a hash table. A thread of its own, started by the first result, writes
+/// them to the database in batches; the first question after a start reads them back. Beyond the limit the
+/// oldest sixteenth goes. A failing disk costs the unwritten results, never an answer. Any thread.
 class ScanCache {
  public:
   static constexpr std::size_t kMaxFiles = 1'000'000;
   explicit ScanCache(Database& database, std::size_t maxFiles = kMaxFiles);
-  ~ScanCache();  ///< writes what is not written yet
+  ~ScanCache();  ///< writes the remaining results
 
   /// key: signature version and options of the scan.
   bool isClean(const FileIdentity& file, const std::string& key) const;
@@ -69,7 +69,7 @@ class ScanCache {
   mutable std::int64_t lastSeq_ = 0, lastKey_ = 0;
   std::vector<Place> unwritten_;
   std::vector<std::string> unwrittenKeys_;
-  std::int64_t evictBelow_ = 0;  ///< entries before this one went and still stand in the database
+  std::int64_t evictBelow_ = 0;  ///< older entries are evicted, but still in the database
   bool stop_ = false;
   std::condition_variable wake_;
   std::thread writer_;

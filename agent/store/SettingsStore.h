@@ -10,11 +10,11 @@
 
 namespace agent::store {
 
-/// The documents as they are in force, in memory, behind them their rows. Any thread.
+/// The documents in force, in memory, and their rows. Any thread.
 class SettingsStore : public Settings {
  public:
-  /// Reads the stored documents over the defaults. A stored value that the table does not allow (any more)
-  /// gives way to its default, with a line in `notices`.
+  /// Reads the stored documents over the defaults. The default replaces a stored value that the table does
+  /// not allow, with a line in `notices`.
   SettingsStore(Database& database, std::vector<std::string>* notices);
   Json::Value document(json::ConfigType configType) const override;
   platform::Expected<void> change(json::ConfigType configType, const std::string& changeText) override;

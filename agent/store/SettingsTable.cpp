@@ -99,7 +99,7 @@ platform::Expected<void> checkSwitch(const Json::Value& value) {
 }
 
 platform::Expected<void> checkNumber(const Setting& setting, const Json::Value& value) {
-  // The type, not isInt64(): that takes 8.0 as well.
+  // The type, not isInt64(): isInt64() accepts 8.0 as well.
   if (value.type() != Json::intValue && value.type() != Json::uintValue) {
     return platform::failure("must be a whole number");
   }
@@ -188,7 +188,7 @@ bool knownSection(json::ConfigType configType, const std::string& section) {
 }
 
 Json::Value standardValue(const Setting& setting) {
-  // Wrapped: a bare value is no document to every reader.
+  // Wrapped: the parser refuses a bare value.
   Json::Value wrapped;
   CppJson::LoadJsonString("[" + std::string(setting.standard) + "]", wrapped);
   return wrapped[0];

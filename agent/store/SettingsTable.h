@@ -18,16 +18,16 @@ enum class SettingKind {
   kWords,   ///< a list of words, each at most once
 };
 
-/// One setting: where it stands and what it may be. The whole truth about settings is the table of these.
+/// One setting: its place and its allowed values. The table defines all settings.
 struct Setting {
   json::ConfigType configType;
   const char* section;
   const char* key;
   SettingKind kind;
   std::int64_t smallest, largest;
-  const char* zero;      ///< what 0, or an empty text or list, means; empty: nothing special
+  const char* zero;      ///< the meaning of 0, or of an empty text or list; empty: no special meaning
   const char* standard;  ///< the default, as JSON text
-  const char* words;     ///< the words allowed, by spaces; null: not a list
+  const char* words;     ///< the allowed words, separated by spaces; null: not a list
 };
 
 std::span<const Setting> settingsTable();

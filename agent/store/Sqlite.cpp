@@ -11,7 +11,7 @@
 namespace agent::store {
 namespace {
 
-/// Made by us with a mode of our own: the journal files take theirs from it.
+/// Makes the file with mode 0600: the journal files inherit the mode.
 void makeFile(const std::string& path) {
   const platform::Descriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!fd) {

@@ -9,7 +9,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-/// The few things of SQLite that the store needs, with errors as exceptions: StoreError, one line.
+/// The part of SQLite that the store needs. Errors are exceptions: StoreError, one line.
 namespace agent::store {
 
 class StoreError : public std::runtime_error {
@@ -20,10 +20,10 @@ class StoreError : public std::runtime_error {
 /// Whether a committed row must survive a power cut (kFull) or a killed process only (kNormal).
 enum class Durability { kFull, kNormal };
 
-/// One connection in WAL mode. Whoever uses it or a statement of it holds mutex().
+/// One connection in WAL mode. Every use of the connection or of its statements holds mutex().
 class Database {
  public:
-  /// Opens or makes the file (0600) and checks that it is whole.
+  /// Opens or makes the file (0600) and checks its integrity.
   Database(std::string path, Durability durability);
   ~Database();
   Database(const Database&) = delete;
@@ -42,8 +42,8 @@ class Database {
   std::mutex mutex_;
 };
 
-/// A prepared statement, used again and again: bind() all parameters, step(), read columns, and it is reset
-/// by the next bind() or reset().
+/// A prepared statement for repeated use: bind() all parameters, step(), read columns. The next bind() or
+/// reset() resets the statement.
 class Statement {
  public:
   Statement(Database& database, const char* sql);
@@ -51,7 +51,7 @@ class Statement {
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
-  /// Parameters in their order; integers, texts (as bytes: no encoding is asked of them).
+  /// Parameters in their order: integers, and texts as bytes of any encoding.
   template <class... Values>
   Statement& bind(const Values&... values) {
     reset();
@@ -59,7 +59,7 @@ class Statement {
     (bindOne(++index, values), ...);
     return *this;
   }
-  bool step();  ///< true: a row stands ready
+  bool step();  ///< true: a row can be read
   void run();   ///< step to the end, and reset
   void reset();
   std::int64_t number(int column) const;
@@ -76,11 +76,11 @@ class Statement {
   sqlite3_stmt* handle_ = nullptr;
 };
 
-/// Everything between construction and commit() happens, or nothing. Held with the database's mutex.
+/// All changes between construction and commit() happen, or none. Lives under the database's mutex.
 class Transaction {
  public:
   explicit Transaction(Database& database);
-  ~Transaction();  ///< undoes what was not committed
+  ~Transaction();  ///< undoes changes that were not committed
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
   void commit();

@@ -4,8 +4,8 @@
 
 namespace agent::store {
 
-/// Called with the name of each step that quarantine work has just finished: tests end the process there, or
-/// change the world between two steps. Empty otherwise. Set while no other thread is at work.
+/// Called with the name of each finished step of quarantine work. Tests end the process there, or change
+/// files between two steps. Empty outside tests. Set while no other thread works.
 extern std::function<void(const char* step)> stepHook;
 
 inline void reached(const char* step) {

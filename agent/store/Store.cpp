@@ -17,7 +17,7 @@ using namespace store;
 
 namespace {
 
-/// The folder, made when it is not there: ours, closed to everybody else, in a place nobody else can move.
+/// Makes the folder if it is missing, checks that no other user can replace it, and closes it to other users.
 void prepareFolder(const std::string& path) {
   if (path.empty() || path.front() != '/') {
     throw StoreError("the state folder " + platform::quoted(path) + " is not an absolute path");
@@ -36,14 +36,14 @@ void prepareFolder(const std::string& path) {
   }
 }
 
-/// Held as long as the process lives (or closes it): two agents on one store would lose files.
+/// The single-instance lock of the store: two agents on one store would lose files.
 platform::Descriptor lockFolder(const std::string& path) {
   const std::string file = path + "/agent.lock";
   platform::Descriptor fd(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!fd) {
     throw StoreError("cannot open " + platform::quoted(file) + ": " + platform::errnoText(errno));
   }
-  // A process's own kind of lock: a child that outlives its agent does not keep it.
+  // A lock of the process: a child that outlives its agent does not keep it.
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
@@ -67,7 +67,7 @@ std::unique_ptr<Database> openCacheOnce(const std::string& path) {
   return database;
 }
 
-/// Nothing in the cache's database is worth a refusal to start: a damaged one is made anew.
+/// A damaged cache database is made anew: its loss is no reason to refuse the start.
 std::unique_ptr<Database> openCache(const std::string& path, std::vector<std::string>* notices) {
   try {
     return openCacheOnce(path);

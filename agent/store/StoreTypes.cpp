@@ -3,12 +3,11 @@
 namespace agent {
 
 FileIdentity FileIdentity::of(const struct stat& st) {
-  constexpr std::int64_t kNs = 1'000'000'000;
   return {.device = st.st_dev,
           .inode = st.st_ino,
           .size = static_cast<std::uint64_t>(st.st_size),
-          .changeTimeNs = st.st_ctim.tv_sec * kNs + st.st_ctim.tv_nsec,
-          .modifyTimeNs = st.st_mtim.tv_sec * kNs + st.st_mtim.tv_nsec};
+          .changeTimeNs = toNs(st.st_ctim),
+          .modifyTimeNs = toNs(st.st_mtim)};
 }
 
 bool FileIdentity::sameContent(const FileIdentity& other) const {

@@ -12,6 +12,10 @@
 /// The values that the store and its users exchange.
 namespace agent {
 
+constexpr std::int64_t toNs(const timespec& time) {
+  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
 /// The state of a file when it was scanned. Quarantine and cache compare it before they act on the file.
 struct FileIdentity {
   std::uint64_t device = 0, inode = 0, size = 0;

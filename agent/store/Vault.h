@@ -8,19 +8,19 @@
 
 namespace agent::store {
 
-/// The folder that holds the items' files (0700), by names that carry their state: `.part` is being written
-/// and worth nothing without a row, `.item` is whole, `.gone` is about to go and worth nothing without a row.
+/// The folder of the items' files (0700). The ending of a name is the state of the file: `.part` is being
+/// written, `.item` is whole, `.gone` is being deleted. Without a row, `.part` and `.gone` are worth nothing.
 /// Throws StoreError.
 class Vault {
  public:
   explicit Vault(const std::string& path);
   platform::Descriptor create(const std::string& uuid) const;  ///< `.part`, empty, 0600
-  platform::Descriptor open(
-      const std::string& uuid) const;            ///< `.item`; names it so when it is still `.part`
-  void name(const std::string& uuid) const;      ///< `.part` becomes `.item`, lasting
+  /// Opens `.item`. A `.part` becomes `.item` first.
+  platform::Descriptor open(const std::string& uuid) const;
+  void name(const std::string& uuid) const;      ///< `.part` becomes `.item`, durably
   bool isWhole(const std::string& uuid) const;   ///< as `.item`
-  void markGone(const std::string& uuid) const;  ///< `.item` becomes `.gone`, lasting
-  void revive(const std::string& uuid) const;    ///< and back
+  void markGone(const std::string& uuid) const;  ///< `.item` becomes `.gone`, durably
+  void revive(const std::string& uuid) const;    ///< `.gone` becomes `.item`, durably
   void discardPart(const std::string& uuid) const noexcept;
   void discardGone(const std::string& uuid) const noexcept;
 
@@ -28,13 +28,13 @@ class Vault {
     std::string uuid;
     enum class Kind { kPart, kItem, kGone } kind;
   };
-  std::vector<File> files() const;  ///< others are left alone
+  std::vector<File> files() const;  ///< files with other endings are ignored
 
-  /// Says to the next agent that a child process may outlive this one by a moment. The child's copy of the
-  /// descriptor says so too, until it ends.
+  /// Takes or releases the busy lock. A restore child inherits the lock and keeps it until the child ends:
+  /// the next agent then waits for the child.
   void setBusy(bool busy) const noexcept;
-  int busyMark() const { return folder_.get(); }  ///< the descriptor that does
-  /// Waits until no child of an earlier agent is at work; false when one still is after that time.
+  int busyLock() const { return folder_.get(); }  ///< the descriptor of the busy lock
+  /// Waits until no child of an earlier agent holds the busy lock. False after the limit.
   bool waitIdle(std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
  private:

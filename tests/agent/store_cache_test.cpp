@@ -4,17 +4,17 @@
 #include <filesystem>
 #include <thread>
 
+#include "StoreFixture.h"
 #include "platform/Posix.h"
 #include "store/ScanCache.h"
 #include "store/Schema.h"
-#include "store_fixture.h"
 #include "support/FileCalls.h"
 #include "support/Wait.h"
 
 namespace agent {
 namespace {
 
-constexpr std::int64_t kMetNs = 3'600'000'000'000;  // when files were met that changed long before
+constexpr std::int64_t kScannedNs = 3'600'000'000'000;  // the scan of files that changed long before
 
 FileIdentity file(std::uint64_t inode) {
   return {.device = 1, .inode = inode, .size = 100, .changeTimeNs = 1000, .modifyTimeNs = 900};
@@ -39,13 +39,13 @@ class CacheTest : public StoreTest {
 
 TEST_F(CacheTest, WhatWasFoundCleanIsCleanAndNothingElse) {
   EXPECT_FALSE(cache().isClean(file(1), "v1"));
-  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
   EXPECT_TRUE(cache().isClean(file(1), "v1"));
   EXPECT_FALSE(cache().isClean(file(2), "v1"));
 }
 
 TEST_F(CacheTest, AFileOfWhichAnythingChangedIsScannedAgain) {
-  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
   for (const auto& member : {&FileIdentity::device, &FileIdentity::inode, &FileIdentity::size}) {
     FileIdentity changed = file(1);
     changed.*member += 1;
@@ -59,10 +59,10 @@ TEST_F(CacheTest, AFileOfWhichAnythingChangedIsScannedAgain) {
 }
 
 TEST_F(CacheTest, NewSignaturesOrOtherOptionsAreScannedAgain) {
-  cache().remember(file(1), "signatures 1, archives", kMetNs);
+  cache().remember(file(1), "signatures 1, archives", kScannedNs);
   EXPECT_FALSE(cache().isClean(file(1), "signatures 2, archives"));
   EXPECT_FALSE(cache().isClean(file(1), "signatures 1"));
-  cache().remember(file(1), "signatures 2, archives", kMetNs);
+  cache().remember(file(1), "signatures 2, archives", kScannedNs);
   EXPECT_TRUE(cache().isClean(file(1), "signatures 2, archives"));
   EXPECT_FALSE(cache().isClean(file(1), "signatures 1, archives"));
   EXPECT_EQ(cache().count(), 1);
@@ -70,7 +70,7 @@ TEST_F(CacheTest, NewSignaturesOrOtherOptionsAreScannedAgain) {
 
 TEST_F(CacheTest, ItSurvivesARestart) {
   for (std::uint64_t i = 0; i < 10; ++i) {
-    cache().remember(file(i), i % 2 == 0 ? "even" : "odd", kMetNs);
+    cache().remember(file(i), i % 2 == 0 ? "even" : "odd", kScannedNs);
   }
   reopen();
   EXPECT_EQ(cache().count(), 10);
@@ -80,7 +80,7 @@ TEST_F(CacheTest, ItSurvivesARestart) {
 }
 
 TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
-  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
   cache().flush();
   EXPECT_EQ(rowsOnDisk(), 1);
   const testsupport::FileCalls calls;
@@ -89,32 +89,32 @@ TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
 }
 
 TEST_F(CacheTest, TheFirstQuestionAfterARestartIsAnsweredFromTheDisk) {
-  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
   reopen();
   EXPECT_TRUE(cache().isClean(file(1), "v1"));
 }
 
 TEST_F(CacheTest, AFullBatchIsWrittenWithoutBeingAsked) {
   for (std::uint64_t i = 0; i < 5000; ++i) {
-    cache().remember(file(i), "v1", kMetNs);
+    cache().remember(file(i), "v1", kScannedNs);
   }
   EXPECT_TRUE(testsupport::waitFor([this] { return rowsOnDisk() >= 4096; }));
 }
 
 TEST_F(CacheTest, CountIsTheNumberOfFilesAlsoBeforeTheFirstQuestion) {
   EXPECT_EQ(cache().count(), 0);
-  cache().remember(file(1), "v1", kMetNs);
-  cache().remember(file(2), "v1", kMetNs);
-  cache().remember(file(2), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
+  cache().remember(file(2), "v1", kScannedNs);
+  cache().remember(file(2), "v1", kScannedNs);
   EXPECT_EQ(cache().count(), 2);
   reopen();
   EXPECT_EQ(cache().count(), 2);
 }
 
 TEST_F(CacheTest, ClearEmptiesItForGood) {
-  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
   cache().flush();
-  cache().remember(file(2), "v1", kMetNs);
+  cache().remember(file(2), "v1", kScannedNs);
   cache().clear();
   EXPECT_EQ(cache().count(), 0);
   EXPECT_FALSE(cache().isClean(file(1), "v1"));
@@ -123,12 +123,12 @@ TEST_F(CacheTest, ClearEmptiesItForGood) {
   EXPECT_EQ(rowsOnDisk("scan_keys"), 0);
   reopen();
   EXPECT_EQ(cache().count(), 0);
-  cache().remember(file(3), "v1", kMetNs);
+  cache().remember(file(3), "v1", kScannedNs);
   EXPECT_TRUE(cache().isClean(file(3), "v1"));
 }
 
 TEST_F(CacheTest, ClearBeforeTheFirstQuestionAfterARestartEmptiesItToo) {
-  cache().remember(file(1), "v1", kMetNs);
+  cache().remember(file(1), "v1", kScannedNs);
   reopen();
   cache().clear();
   EXPECT_EQ(cache().count(), 0);
@@ -139,15 +139,15 @@ TEST_F(CacheTest, ClearBeforeTheFirstQuestionAfterARestartEmptiesItToo) {
 TEST_F(CacheTest, AFileThatHadChangedJustBeforeItWasMetIsNotRemembered) {
   FileIdentity young = file(1);
   for (const std::int64_t agoNs : {0, 9'999'999}) {
-    young.changeTimeNs = kMetNs - agoNs;
-    cache().remember(young, "v1", kMetNs);
+    young.changeTimeNs = kScannedNs - agoNs;
+    cache().remember(young, "v1", kScannedNs);
     EXPECT_EQ(cache().count(), 0);
   }
-  young.changeTimeNs = kMetNs + 3'600'000'000'000;
-  cache().remember(young, "v1", kMetNs);
+  young.changeTimeNs = kScannedNs + 3'600'000'000'000;
+  cache().remember(young, "v1", kScannedNs);
   EXPECT_EQ(cache().count(), 0);
-  young.changeTimeNs = kMetNs - 10'000'000;
-  cache().remember(young, "v1", kMetNs);
+  young.changeTimeNs = kScannedNs - 10'000'000;
+  cache().remember(young, "v1", kScannedNs);
   EXPECT_EQ(cache().count(), 1);
 }
 
@@ -187,7 +187,7 @@ class BoundedCacheTest : public testing::Test {
 TEST_F(BoundedCacheTest, PastTheLimitTheOldestGoInMemoryAndOnDisk) {
   open(160);
   for (std::uint64_t i = 0; i < 1000; ++i) {
-    cache_->remember(file(i), "v1", kMetNs);
+    cache_->remember(file(i), "v1", kScannedNs);
     ASSERT_LE(cache_->count(), 160);
     if (i % 100 == 0) {
       cache_->flush();
@@ -207,11 +207,11 @@ TEST_F(BoundedCacheTest, PastTheLimitTheOldestGoInMemoryAndOnDisk) {
 TEST_F(BoundedCacheTest, AKeyWhoseFilesAllWentIsNeverTakenForAnother) {
   open(32);
   for (std::uint64_t i = 0; i < 100; ++i) {
-    cache_->remember(file(i), "key " + std::to_string(i), kMetNs);
+    cache_->remember(file(i), "key " + std::to_string(i), kScannedNs);
     cache_->flush();
   }
   open(32);
-  cache_->remember(file(1000), "a new key", kMetNs);
+  cache_->remember(file(1000), "a new key", kScannedNs);
   for (std::uint64_t i = 0; i < 100; ++i) {
     EXPECT_FALSE(cache_->isClean(file(i), "a new key"));
   }
@@ -222,23 +222,23 @@ TEST_F(BoundedCacheTest, AKeyWhoseFilesAllWentIsNeverTakenForAnother) {
 
 TEST_F(BoundedCacheTest, AKeyThatNoFileHasAnyMoreIsNotTakenForANewOne) {
   open(32);
-  cache_->remember(file(1), "a", kMetNs);
-  cache_->remember(file(2), "b", kMetNs);
+  cache_->remember(file(1), "a", kScannedNs);
+  cache_->remember(file(2), "b", kScannedNs);
   cache_->flush();
-  cache_->remember(file(2), "a", kMetNs);
+  cache_->remember(file(2), "a", kScannedNs);
   open(32);
-  cache_->remember(file(3), "c", kMetNs);
+  cache_->remember(file(3), "c", kScannedNs);
   EXPECT_FALSE(cache_->isClean(file(3), "b"));
   EXPECT_TRUE(cache_->isClean(file(3), "c"));
 }
 
 TEST_F(BoundedCacheTest, AFileWhoseKeyWasLostIsNotTakenForOneOfANewKey) {
   open(32);
-  cache_->remember(file(1), "a", kMetNs);
+  cache_->remember(file(1), "a", kScannedNs);
   cache_->flush();
   database_->run("DELETE FROM scan_keys");
   open(32);
-  cache_->remember(file(2), "b", kMetNs);
+  cache_->remember(file(2), "b", kScannedNs);
   EXPECT_FALSE(cache_->isClean(file(1), "b"));
   EXPECT_FALSE(cache_->isClean(file(1), "a"));
 }
@@ -246,10 +246,10 @@ TEST_F(BoundedCacheTest, AFileWhoseKeyWasLostIsNotTakenForOneOfANewKey) {
 TEST_F(BoundedCacheTest, WhatWasRememberedAfterARestartIsTheYoungest) {
   open(160);
   for (std::uint64_t i = 0; i < 160; ++i) {
-    cache_->remember(file(i), "v1", kMetNs);
+    cache_->remember(file(i), "v1", kScannedNs);
   }
   open(160);
-  cache_->remember(file(1000), "v1", kMetNs);
+  cache_->remember(file(1000), "v1", kScannedNs);
   EXPECT_TRUE(cache_->isClean(file(1000), "v1"));
   EXPECT_FALSE(cache_->isClean(file(0), "v1"));
 }
@@ -257,7 +257,7 @@ TEST_F(BoundedCacheTest, WhatWasRememberedAfterARestartIsTheYoungest) {
 TEST_F(BoundedCacheTest, OneFileTooManyTakesTheOldestSixteenth) {
   open(160);
   for (std::uint64_t i = 0; i < 161; ++i) {
-    cache_->remember(file(i), "v1", kMetNs);
+    cache_->remember(file(i), "v1", kScannedNs);
   }
   EXPECT_EQ(cache_->count(), 150);
   EXPECT_FALSE(cache_->isClean(file(10), "v1"));
@@ -269,7 +269,7 @@ TEST_F(BoundedCacheTest, OneFileTooManyTakesTheOldestSixteenth) {
 TEST_F(BoundedCacheTest, RowsThatCannotBeReadToTheEndAreNone) {
   open(1000);
   for (std::uint64_t i = 0; i < 1000; ++i) {
-    cache_->remember(file(i), "v1", kMetNs);
+    cache_->remember(file(i), "v1", kScannedNs);
   }
   open(1000);
   int calls = 0;
@@ -282,7 +282,7 @@ TEST_F(BoundedCacheTest, RowsThatCannotBeReadToTheEndAreNone) {
 
 TEST_F(BoundedCacheTest, AClearThatTheDiskRefusesHoldsAndIsMadeUpForWithTheNextBatch) {
   open(1000);
-  cache_->remember(file(1), "v1", kMetNs);
+  cache_->remember(file(1), "v1", kScannedNs);
   open(1000);
   database_->run("CREATE TRIGGER refuse BEFORE DELETE ON scanned BEGIN SELECT RAISE(ABORT,'refused'); END");
   cache_->clear();
@@ -300,7 +300,7 @@ TEST_F(BoundedCacheTest, AClearThatTheDiskRefusesHoldsAndIsMadeUpForWithTheNextB
 TEST_F(BoundedCacheTest, MoreKeysThanAnyoneHasStartItAnew) {
   open(100'000);
   for (std::uint64_t i = 0; i < 4100; ++i) {
-    cache_->remember(file(i), "key " + std::to_string(i), kMetNs);
+    cache_->remember(file(i), "key " + std::to_string(i), kScannedNs);
     if (i == 4000) {
       cache_->flush();
     }
@@ -314,7 +314,7 @@ TEST_F(BoundedCacheTest, MoreKeysThanAnyoneHasStartItAnew) {
 TEST_F(BoundedCacheTest, ADiskThatFailsCostsWhatWasNotWrittenAndNoAnswer) {
   open(1000);
   database_->run("DROP TABLE scanned");
-  cache_->remember(file(1), "v1", kMetNs);
+  cache_->remember(file(1), "v1", kScannedNs);
   cache_->flush();
   EXPECT_TRUE(cache_->isClean(file(1), "v1"));
   cache_->clear();
@@ -327,7 +327,7 @@ TEST_F(BoundedCacheTest, SeveralThreadsAskRememberFlushAndClear) {
   for (std::uint64_t t = 0; t < 3; ++t) {
     threads.emplace_back([this, t] {
       for (std::uint64_t i = 0; i < 2000; ++i) {
-        cache_->remember(file(t * 10'000 + i), "v1", kMetNs);
+        cache_->remember(file(t * 10'000 + i), "v1", kScannedNs);
         cache_->isClean(file(i), "v1");
         if (i % 500 == 0) {
           cache_->flush();

@@ -2,11 +2,11 @@
 #include <csignal>
 #include <fstream>
 
+#include "QuarantineFixture.h"
 #include "platform/Posix.h"
 #include "store/ItemFile.h"
 #include "store/Sqlite.h"
 #include "store/Vault.h"
-#include "store_quarantine_fixture.h"
 #include "support/FileCalls.h"
 
 namespace agent {
@@ -24,7 +24,7 @@ std::string stepName(const testing::TestParamInfo<const char*>& info) {
 
 class CrashTest : public QuarantineTest {
  protected:
-  /// In a process that dies at the step, with the store closed in this one, and it stays so.
+  /// Runs the work in a process that dies at the step. The store of this process stays closed.
   void leaveAt(const std::string& step, const std::function<void()>& work) {
     store_.reset();
     const int status = inChild([&] {
@@ -34,12 +34,12 @@ class CrashTest : public QuarantineTest {
     });
     ASSERT_EQ(status, 77) << "the step was not reached";
   }
-  /// The same; then opens the store again.
+  /// The same, then opens the store again.
   void dieAt(const std::string& step, const std::function<void()>& work) {
     ASSERT_NO_FATAL_FAILURE(leaveAt(step, work));
     reopen();
   }
-  /// The file is in place or restorable, not both, the same in all; and nothing is left over.
+  /// The unchanged file is either in place or restorable, and nothing is left over.
   void expectExactlyOne(const std::string& path, const FileFacts& before) {
     const std::string uuid = uuidOf(path);
     EXPECT_NE(std::filesystem::exists(path), !uuid.empty()) << uuid;
@@ -85,7 +85,7 @@ TEST_P(CrashWhileAddingTest, AndAgainWhileThatIsSettledLosesNothing) {
                 add(path);
               }),
               77);
-    // Not every step leaves something to erase: then this start simply ends.
+    // After some steps the start has nothing to erase and simply ends.
     inChild([&] {
       exitAt(second);
       reopen();
@@ -125,7 +125,7 @@ TEST_P(CrashWhileGivingUpTest, LeavesTheFileWhereItWas) {
   EXPECT_EQ(vaultFiles().size(), items().size());
 }
 
-/// Deleting for good: the file is under its own name before it is set aside, and gone ever after.
+/// Permanent deletion: before it is set aside, the file has its own name; afterwards the file is gone.
 struct DeletionStep {
   const char* step;
   bool stays;
@@ -169,7 +169,7 @@ TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
 }
 
-/// Of the file that stands under the name of a deletion, one thing is not as recorded.
+/// One property of the file under the name of a deletion differs from the record.
 class OtherFileOfADeletionTest : public CrashTest, public testing::WithParamInterface<const char*> {};
 INSTANTIATE_TEST_SUITE_P(Columns, OtherFileOfADeletionTest,
                          testing::Values("device", "inode", "size", "modify_ns"), stepName);
@@ -352,7 +352,7 @@ TEST_F(CrashTest, WhenTheItemIsDamagedWhatWasSetAsideIsPutBack) {
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
 }
 
-/// A removal that was under way, and another file where it had set the original aside.
+/// A removal under way, with another file under the private name.
 TEST_F(CrashTest, AnotherFileUnderThePrivateNameOfARemovalIsPutBackAndTheItemStays) {
   const std::string path = writeRich("victim");
   const FileFacts before = FileFacts::of(path);
@@ -443,7 +443,7 @@ TEST_F(CrashTest, AHalfDoneItemWhoseFileWasChangedSinceIsKeptBesideTheFile) {
   }
 }
 
-/// What the row says of the file is not so of the file under its name.
+/// The row differs from the file under its name.
 class OtherInodeTest : public CrashTest, public testing::WithParamInterface<const char*> {};
 INSTANTIATE_TEST_SUITE_P(Members, OtherInodeTest, testing::Values("device", "inode"), stepName);
 
@@ -496,7 +496,7 @@ TEST_F(CrashTest, TheTemporaryFileOfARestoreIsTakenAwayAndWhatElseHasItsNameIsNo
               const pid_t agent = ::getpid();
               QuarantineTest::before("file made", [agent] {
                 ::kill(agent, SIGKILL);
-                ::pause();  // it dies with its agent
+                ::pause();  // the child dies with its agent
               });
               testsupport::FileCalls calls;
               calls.fail("create nameless", "", EOPNOTSUPP);
@@ -522,9 +522,9 @@ TEST_F(CrashTest, AnItemThatIsKeptThoughItIsDamagedIsSaid) {
 }
 
 TEST_F(CrashTest, TrustThatACrashHeldUpIsAddedInTheCallersName) {
-  std::filesystem::create_directory(at("his"));
-  const std::string path = write("his/victim");
-  ASSERT_EQ(::chown(at("his").c_str(), kOther, kOther), 0);
+  std::filesystem::create_directory(at("theirs"));
+  const std::string path = write("theirs/victim");
+  ASSERT_EQ(::chown(at("theirs").c_str(), kOther, kOther), 0);
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   const std::string uuid = take(path);
   dieAt("restored", [&] { restore(uuid, other(), "", true); });

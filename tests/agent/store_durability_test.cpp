@@ -1,9 +1,8 @@
-// What stands on the disk before what else happens: the file calls of the quarantine in their order, and
-// calls that fail.
+// The order of the quarantine's file calls: what is durable before the next step. And calls that fail.
 
 #include <algorithm>
 
-#include "store_quarantine_fixture.h"
+#include "QuarantineFixture.h"
 #include "support/FileCalls.h"
 
 namespace agent {
@@ -22,10 +21,10 @@ class DurabilityTest : public QuarantineTest {
  protected:
   void SetUp() override {
     QuarantineTest::SetUp();
-    EXPECT_TRUE(restore(take(write("first"))));  // from here on the database's log stands
+    EXPECT_TRUE(restore(take(write("first"))));  // makes the log of the database
     std::filesystem::remove(at("first"));
   }
-  /// Dies at the step, in a process of its own; the store stays closed.
+  /// Runs the work in a process that dies at the step. The store stays closed.
   void dieAt(const std::string& step, const std::function<void()>& work) {
     store_.reset();
     ASSERT_EQ(inChild([&] {
@@ -35,7 +34,7 @@ class DurabilityTest : public QuarantineTest {
               }),
               77);
   }
-  /// What the next start does to files, but for the database's.
+  /// The file calls of the next start, without those on the database.
   std::vector<std::string> callsOfAStart() {
     const FileCalls calls;
     reopen();
@@ -45,7 +44,7 @@ class DurabilityTest : public QuarantineTest {
     });
     return seen;
   }
-  /// Not handled, for that reason; the file stands alone as it was, and nothing is in the store.
+  /// The file is refused for that reason and unchanged, and the store is empty.
   void expectLeftAlone(const std::string& path, const platform::Expected<Remark>& result,
                        const std::string& why) {
     EXPECT_FALSE(result);

@@ -1,15 +1,15 @@
-// The file of a quarantined item, read as it was written and not otherwise.
+// The file of a quarantined item: reading succeeds only for a file as it was written.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <fstream>
 
+#include "StoreFixture.h"
 #include "platform/Posix.h"
 #include "store/Digest.h"
 #include "store/ItemFile.h"
 #include "store/Sqlite.h"
-#include "store_fixture.h"
 #include "support/FileCalls.h"
 
 namespace agent {
@@ -31,7 +31,7 @@ class ItemFileTest : public testing::Test {
     meta.sha256 = digest.hex();
     return meta;
   }
-  /// The bytes of an item of that content; its record may say something else.
+  /// The bytes of an item with that content; its meta data may differ.
   std::string itemOf(const std::string& content, const store::ItemMeta& meta) const {
     const platform::Descriptor fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     store::ItemWriter writer(fd.get(), UINT64_MAX);
@@ -40,10 +40,11 @@ class ItemFileTest : public testing::Test {
     return testsupport::readFile(path_);
   }
   std::string itemOf(const std::string& content) const { return itemOf(content, metaOf(content)); }
-  std::string whyDamaged(const std::string& bytes) const {
+  std::string damageOf(const std::string& bytes) const {
     std::ofstream(path_, std::ios::binary) << bytes;
     const platform::Descriptor fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    return store::whyDamaged(fd.get());
+    const auto whole = store::checkItem(fd.get());
+    return whole ? "" : whole.error();
   }
   static std::string littleEndian(std::uint64_t number) {
     std::string bytes;
@@ -65,7 +66,7 @@ TEST_F(ItemFileTest, AnItemAsItWasWrittenIsWhole) {
     byte = static_cast<char>(state >> 24);
   }
   for (const std::string& content : {std::string(), std::string("x"), std::string(200'000, 'x'), noise}) {
-    EXPECT_EQ(whyDamaged(itemOf(content)), "");
+    EXPECT_EQ(damageOf(itemOf(content)), "");
   }
 }
 
@@ -82,7 +83,7 @@ TEST_F(ItemFileTest, AChangeOfAnyByteIsSeen) {
   for (std::size_t i = 0; i < item.size(); ++i) {
     std::string changed = item;
     changed[i] = static_cast<char>(changed[i] ^ 1);
-    EXPECT_THAT(whyDamaged(changed), HasSubstr("is damaged")) << i << " of " << item.size();
+    EXPECT_THAT(damageOf(changed), HasSubstr("is damaged")) << i << " of " << item.size();
   }
 }
 
@@ -98,7 +99,7 @@ TEST_F(ItemFileTest, LengthsThatAreNotTheFilesAreRefused) {
        {item.substr(0, item.size() - kFooterBytes) + "more" + footer, withLengths(between + 1, 0),
         withLengths(0, between + 1), withLengths(UINT64_MAX, between + 1),
         withLengths(std::uint64_t{0} - 10, between + 10)}) {
-    EXPECT_EQ(whyDamaged(bytes), "is damaged: its file is not as long as it says");
+    EXPECT_EQ(damageOf(bytes), "is damaged: its file is not as long as it says");
   }
 }
 
@@ -106,8 +107,8 @@ TEST_F(ItemFileTest, ARecordOfMoreThanSixteenMebibytesIsNotRead) {
   const std::string item = itemOf("content");
   const std::uint64_t record = (16U << 20) + 1;
   const std::string footer = item.substr(item.size() - kFooterBytes);
-  EXPECT_EQ(whyDamaged(item.substr(0, kHeaderBytes) + std::string(record, '\0') + littleEndian(0) +
-                       littleEndian(record) + footer.substr(16)),
+  EXPECT_EQ(damageOf(item.substr(0, kHeaderBytes) + std::string(record, '\0') + littleEndian(0) +
+                     littleEndian(record) + footer.substr(16)),
             "is damaged: its file is not as long as it says");
 }
 
@@ -115,7 +116,7 @@ TEST_F(ItemFileTest, ContentThatIsNotAsLongAsItsRecordSaysIsRefused) {
   for (const std::uint64_t size : {0U, 6U, 8U, 1000U}) {
     store::ItemMeta meta = metaOf("content");
     meta.size = size;
-    EXPECT_EQ(whyDamaged(itemOf("content", meta)), "is damaged: its content is not as long as the file was");
+    EXPECT_EQ(damageOf(itemOf("content", meta)), "is damaged: its content is not as long as the file was");
   }
 }
 
@@ -136,7 +137,7 @@ TEST_F(ItemFileTest, ContentThatGoesOnBehindItsLengthIsRefusedBeforeItsEnd) {
 }
 
 TEST_F(ItemFileTest, ContentOfAnotherDigestThanItsRecordSaysIsRefused) {
-  EXPECT_EQ(whyDamaged(itemOf("content", metaOf("CONTENT"))), "is damaged: its content was changed");
+  EXPECT_EQ(damageOf(itemOf("content", metaOf("CONTENT"))), "is damaged: its content was changed");
 }
 
 TEST_F(ItemFileTest, AFileThatIsCutWhileItIsReadIsRefused) {

@@ -7,9 +7,9 @@
 #include <fstream>
 #include <thread>
 
+#include "StoreFixture.h"
 #include "store/AuditLog.h"
 #include "store/Schema.h"
-#include "store_fixture.h"
 #include "support/FileCalls.h"
 
 namespace agent {

@@ -5,10 +5,10 @@
 #include <fstream>
 #include <thread>
 
+#include "QuarantineFixture.h"
 #include "platform/Posix.h"
 #include "store/Digest.h"
 #include "store/ItemFile.h"
-#include "store_quarantine_fixture.h"
 #include "support/FileCalls.h"
 #include "support/Mounts.h"
 
@@ -26,7 +26,7 @@ std::string md5Of(const std::string& content) {
 
 class AddTest : public QuarantineTest {
  protected:
-  /// Not handled, for that reason, and nothing is left in the store.
+  /// The file is refused for that reason, and the store is empty.
   void expectRefused(const platform::Expected<Remark>& result, const std::string& why) {
     EXPECT_FALSE(result);
     EXPECT_THAT(lineOf(result), HasSubstr(why));
@@ -72,8 +72,8 @@ TEST_F(AddTest, ItemsAreListedOldestFirstAndOverARestart) {
   EXPECT_EQ(items()[2]["filepath_src"], at("b"));
 }
 
-TEST_F(AddTest, OneOwnersItemsAreListedForHim) {
-  const std::string path = write("his");
+TEST_F(AddTest, TheListForAnOwnerHoldsThatOwnersItems) {
+  const std::string path = write("theirs");
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   take(path);
   take(write("roots"));
@@ -235,7 +235,7 @@ TEST_F(AddTest, AnotherFileThanScannedIsNotHandledThoughItsHashIsTheSame) {
   expectRefused(store().quarantine().add(request), "changed after it was scanned");
 }
 
-/// What is deleted for good is not read again: nothing would prove its content.
+/// A deletion does not read the file again: nothing would prove the content.
 TEST_F(AddTest, AFileOfWhichOnlyTheChangeTimeDiffersIsNotDeletedWhateverHashIsGiven) {
   const std::string path = write("one", "scanned");
   QuarantineRequest request = requestFor(path);
@@ -413,7 +413,7 @@ TEST_F(AddTest, WhatIsNoRegularFileIsNotHandledNorTouched) {
 TEST_F(AddTest, AFileThatCannotBeRemovedStaysAndIsNotHandled) {
   const std::string path = write("kept");
   const int status = inChild([&] {
-    // Another user, without rights in the folder, as the agent's user.
+    // The agent runs as a user without rights in the folder.
     ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
     ASSERT_EQ(::setresuid(kOther, kOther, kOther), 0);
     testsupport::TempDir own;
@@ -698,11 +698,9 @@ INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
                                          TypeCase{"text", "noending", ""}));
 
 TEST(Hex, OfAnOddLengthOrWithOtherLettersIsNone) {
-  std::string bytes;
-  EXPECT_TRUE(store::fromHex("00ff7a", &bytes));
-  EXPECT_EQ(bytes, std::string("\0\xff\x7a", 3));
+  EXPECT_EQ(store::fromHex("00ff7a"), std::string("\0\xff\x7a", 3));
   for (const char* text : {"abc", "0g", "g0", "AB", " 1"}) {
-    EXPECT_FALSE(store::fromHex(text, &bytes)) << text;
+    EXPECT_FALSE(store::fromHex(text)) << text;
   }
 }
 

@@ -6,10 +6,10 @@
 #include <fstream>
 #include <thread>
 
+#include "StoreFixture.h"
 #include "platform/Posix.h"
 #include "store/RegionIndex.h"
 #include "store/Sqlite.h"
-#include "store_fixture.h"
 #include "support/FileCalls.h"
 
 namespace agent {
@@ -554,7 +554,7 @@ TEST_F(RegionTest, AFileThatIsNotTheCallersIsListedWithoutSizeAndHash) {
 }
 
 TEST_F(RegionTest, AFileOfTheCallersIsListedWithSizeAndHash) {
-  const std::string path = folder_.write("his", "abc");
+  const std::string path = folder_.write("theirs", "abc");
   ASSERT_EQ(::chown(path.c_str(), 4711, 4711), 0) << "these tests act as two users: run them as root";
   const CallerId owner{.uid = 4711, .gid = 4711, .groups = {}, .pid = 1};
   ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), owner));

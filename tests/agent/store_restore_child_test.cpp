@@ -1,4 +1,4 @@
-// The process that restores a file, and the agent's end of its channel.
+// The process that restores a file, and the agent's end of the channel.
 
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -12,10 +12,10 @@
 #include <new>
 #include <thread>
 
+#include "QuarantineFixture.h"
 #include "platform/Descriptor.h"
 #include "store/RestoreChild.h"
 #include "store/RestoreSteps.h"
-#include "store_quarantine_fixture.h"
 #include "support/Wait.h"
 
 namespace {
@@ -23,7 +23,7 @@ std::atomic<bool> gKillReachesNobody{false};
 std::atomic<int> gKills{0};
 }  // namespace
 
-/// Before the C library's own: a file system that holds a process that was killed is not to be had.
+/// Replaces the function of the C library: a test cannot have a file system that holds a killed process.
 extern "C" int kill(pid_t pid, int signal) noexcept {
   ++gKills;
   return gKillReachesNobody ? 0 : static_cast<int>(syscall(SYS_kill, pid, signal));
@@ -39,7 +39,7 @@ using store::RestoreStage;
 using testing::HasSubstr;
 using testsupport::waitFor;
 
-/// A number that a process and its children share.
+/// A number in memory that a process and its children share.
 class SharedNumber {
  public:
   SharedNumber()
@@ -77,7 +77,7 @@ class RestoreChildTest : public QuarantineTest {
     QuarantineTest::TearDown();
   }
   static bool noChildIsLeft() { return ::waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD; }
-  /// The agent's end: the one socket that a program which this process becomes does not get. Else -1.
+  /// The agent's end: the only socket with close-on-exec. Else -1.
   static int channelOfTheChild() {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
       const int fd = std::stoi(entry.path().filename());
@@ -89,15 +89,15 @@ class RestoreChildTest : public QuarantineTest {
     }
     return -1;
   }
-  /// The child stops at that step, and says who it is.
+  /// The child stops at that step and reports its pid.
   void stopAt(const std::string& step) {
     before(step, [this] {
       *child_ = ::getpid();
       ::raise(SIGSTOP);
     });
   }
-  /// Signals that interrupt what this process waits in, until the fixture ends; the child waits at that step
-  /// for some of them.
+  /// Signals interrupt the waits of this process until the fixture ends. The child waits at that step for
+  /// some of them.
   void interruptUntil(const std::string& step) {
     struct sigaction action {};
     action.sa_handler = countSignal;
@@ -193,14 +193,14 @@ TEST_F(RestoreChildTest, ALargeFileHasMoreTime) {
   const auto end = std::chrono::steady_clock::now() + 2 * patience;
   while (std::chrono::steady_clock::now() < end) {
     ASSERT_TRUE(child.send("x"));
-    std::this_thread::sleep_for(milliseconds(5));  // so that the channel never fills
+    std::this_thread::sleep_for(milliseconds(5));  // the channel never fills
   }
 }
 
 TEST_F(RestoreChildTest, OneThatHasAllIsWaitedForAsLongAsOneThatTakesNothing) {
   before("file placed", [this] { EXPECT_TRUE(waitFor([this] { return *signals_ != 0; })); });
   RestoreChild child(job_, seconds(30));
-  std::this_thread::sleep_for(milliseconds(20));  // so that some of the time for all of it is over
+  std::this_thread::sleep_for(milliseconds(20));  // uses up some of the time for all calls
   EXPECT_TRUE(child.send("x") && child.commit());
   timeval limit{};
   std::thread look([&, channel = channelOfTheChild()] {
@@ -226,7 +226,7 @@ TEST_F(RestoreChildTest, LooksForAnExistingFileBeforeItTakesAnything) {
 
 TEST_F(RestoreChildTest, HasNoneOfTheAgentsStreamsAndHoldsItsBusyMark) {
   const platform::Descriptor mark(::open(at("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  job_.busyMark = mark.get();
+  job_.busyLock = mark.get();
   before("file made", [this, held = mark.get()] {
     struct stat st {};
     std::array<char, 100> target{};

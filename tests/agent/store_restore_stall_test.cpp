@@ -1,4 +1,4 @@
-// Restores whose child is stopped by its user, or hangs in a file system of his.
+// Restores whose child is stopped by its user, or hangs in a file system of the user.
 
 #include <sys/file.h>
 
@@ -6,8 +6,8 @@
 #include <csignal>
 #include <fstream>
 
+#include "QuarantineFixture.h"
 #include "platform/Descriptor.h"
-#include "store_quarantine_fixture.h"
 #include "support/Wait.h"
 
 namespace agent {
@@ -34,11 +34,11 @@ class StalledRestoreTest : public QuarantineTest {
     store_.reset();
     store_ = Store::open(stateDir(), std::chrono::milliseconds(200));
   }
-  /// A file of the second user, in a folder of his, quarantined.
-  std::string takeHis(const std::string& name, const std::string& content) {
-    std::filesystem::create_directories(at("his"));
-    EXPECT_EQ(::chown(at("his").c_str(), kOther, kOther), 0);
-    const std::string path = write("his/" + name, content);
+  /// Quarantines a file of the second user in a folder of the same user.
+  std::string takeOthers(const std::string& name, const std::string& content) {
+    std::filesystem::create_directories(at("theirs"));
+    EXPECT_EQ(::chown(at("theirs").c_str(), kOther, kOther), 0);
+    const std::string path = write("theirs/" + name, content);
     EXPECT_EQ(::chown(path.c_str(), kOther, kOther), 0);
     return take(path);
   }
@@ -51,7 +51,7 @@ class StalledRestoreTest : public QuarantineTest {
     return close == std::string::npos ? "" : stat.substr(close + 2, 1);
   }
   static bool stopped(const std::string& pid) { return !pid.empty() && stateOf(pid) == "T"; }
-  /// Gone, or dead and not collected by whoever inherited it.
+  /// Gone, or dead and not yet collected by its new parent.
   static bool dead(const std::string& pid) { return stateOf(pid).empty() || stateOf(pid) == "Z"; }
 };
 
@@ -59,33 +59,33 @@ class StoppedChildTest : public StalledRestoreTest, public testing::WithParamInt
 
 TEST_P(StoppedChildTest, FailsTheRestoreKeepsTheItemAndTheNextRestoreGoesWell) {
   const std::string content = noise(GetParam());
-  const std::string uuid = takeHis("a", content);
+  const std::string uuid = takeOthers("a", content);
   stopTheChild();
   const auto result = restore(uuid, other());
   EXPECT_FALSE(result);
   EXPECT_THAT(lineOf(result), HasSubstr("had been stopped"));
-  EXPECT_EQ(uuidOf(at("his/a")), uuid);
+  EXPECT_EQ(uuidOf(at("theirs/a")), uuid);
   EXPECT_THAT(vaultFiles(), ElementsAre(uuid + ".item"));
-  EXPECT_FALSE(std::filesystem::exists(at("his/a")));
+  EXPECT_FALSE(std::filesystem::exists(at("theirs/a")));
   store::stepHook = nullptr;
-  reopen();  // with the patience that agents have
+  reopen();  // with the default patience
   EXPECT_TRUE(restore(uuid, other()));
-  EXPECT_EQ(testsupport::readFile(at("his/a")), content);
+  EXPECT_EQ(testsupport::readFile(at("theirs/a")), content);
 }
 
-// Smaller and larger than what the channel holds.
+// Smaller and larger than the channel's buffer.
 INSTANTIATE_TEST_SUITE_P(Sizes, StoppedChildTest, testing::Values(10, 4 << 20),
                          [](const auto& size) { return std::to_string(size.param) + "Bytes"; });
 
 TEST_F(StalledRestoreTest, AChildThatStopsBehindItsLastStepIsEndedToo) {
-  const std::string uuid = takeHis("a", "content");
+  const std::string uuid = takeOthers("a", "content");
   before("file placed", [] { ::raise(SIGSTOP); });
   EXPECT_FALSE(restore(uuid, other()));
-  EXPECT_EQ(uuidOf(at("his/a")), uuid) << "both stand: nobody said that it had come back";
+  EXPECT_EQ(uuidOf(at("theirs/a")), uuid) << "both stand: no report said that the file was back";
 }
 
 TEST_F(StalledRestoreTest, BehindOneThatStandsStillTheOthersAreNotTried) {
-  const std::string first = takeHis("a", "one"), second = takeHis("b", "two");
+  const std::string first = takeOthers("a", "one"), second = takeOthers("b", "two");
   stopTheChild();
   const auto outcomes = store().quarantine().restore({first, second}, false, false, "", other());
   ASSERT_EQ(outcomes.size(), 2U);
@@ -95,8 +95,8 @@ TEST_F(StalledRestoreTest, BehindOneThatStandsStillTheOthersAreNotTried) {
 }
 
 TEST_F(StalledRestoreTest, AStoppedChildEndsWithItsAgent) {
-  const std::string uuid = takeHis("a", "content");
-  const std::string pidFile = at("his/pid");
+  const std::string uuid = takeOthers("a", "content");
+  const std::string pidFile = at("theirs/pid");
   store_.reset();
   const pid_t agent = ::fork();
   if (agent == 0) {
@@ -118,11 +118,11 @@ TEST_F(StalledRestoreTest, AStoppedChildEndsWithItsAgent) {
     ::kill(std::stoi(child), SIGKILL);
   }
   reopen();
-  EXPECT_EQ(uuidOf(at("his/a")), uuid);
+  EXPECT_EQ(uuidOf(at("theirs/a")), uuid);
 }
 
 TEST_F(StalledRestoreTest, TheChildHoldsNoDescriptorOfTheAgent) {
-  const std::string uuid = takeHis("a", "content");
+  const std::string uuid = takeOthers("a", "content");
   const platform::Descriptor mark(::open(folder_.at("mark").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   ASSERT_EQ(::flock(mark.get(), LOCK_EX), 0);
   const int held = mark.get();

@@ -7,10 +7,10 @@
 #include <csignal>
 #include <fstream>
 
+#include "QuarantineFixture.h"
 #include "platform/Posix.h"
 #include "store/RestorePlan.h"
 #include "store/Sqlite.h"
-#include "store_quarantine_fixture.h"
 
 namespace agent {
 namespace {
@@ -21,14 +21,14 @@ using testing::IsEmpty;
 
 class RestoreTest : public QuarantineTest {
  protected:
-  /// A file of the second user, quarantined.
-  std::string takeHis(const std::string& name, unsigned mode = 0644) {
-    const std::string path = write(name, "his content");
+  /// Quarantines a file of the second user.
+  std::string takeOthers(const std::string& name, unsigned mode = 0644) {
+    const std::string path = write(name, "their content");
     EXPECT_EQ(::chown(path.c_str(), kOther, kOther), 0);
     EXPECT_EQ(::chmod(path.c_str(), mode), 0);
     return take(path);
   }
-  void giveFolderToHim(const std::string& name) {
+  void giveFolderToOther(const std::string& name) {
     std::filesystem::create_directories(at(name));
     ASSERT_EQ(::chown(at(name).c_str(), kOther, kOther), 0);
   }
@@ -256,7 +256,7 @@ TEST_F(RestoreTest, AnItemCutShortAnywhereIsRefusedClearly) {
   EXPECT_TRUE(restore(uuid));
 }
 
-/// The item is as it was packed; its record is of another content.
+/// The item is undamaged, but its record has another content.
 TEST_F(RestoreTest, ContentThatIsNotWhatTheRecordSaysIsRefusedAndWritesNothing) {
   const std::string uuid = take(write("a", "content"));
   store_.reset();
@@ -356,8 +356,8 @@ TEST_F(RestoreTest, ARestoringProcessThatDiesLosesNothing) {
 // A second user.
 
 TEST_F(RestoreTest, AUserGetsHisOwnFileBackIntoHisOwnFolder) {
-  giveFolderToHim("home");
-  const std::string path = write("home/a", "his content");
+  giveFolderToOther("home");
+  const std::string path = write("home/a", "their content");
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
   const FileFacts before = FileFacts::of(path);
@@ -374,49 +374,49 @@ TEST_F(RestoreTest, AUserDoesNotGetAnothersFile) {
 }
 
 TEST_F(RestoreTest, WhatAUserTrustsIsAddedInHisName) {
-  giveFolderToHim("home");
-  const std::string uuid = takeHis("home/a");
+  giveFolderToOther("home");
+  const std::string uuid = takeOthers("home/a");
   EXPECT_TRUE(restore(uuid, other(), "", true));
   EXPECT_EQ(store::Database(stateDir() + "/agent.db", store::Durability::kFull)
                 .number("SELECT added_by FROM regions"),
             std::int64_t{kOther});
 }
 
-TEST_F(RestoreTest, AllIsForAUserAllOfHis) {
+TEST_F(RestoreTest, AllMeansForAUserTheItemsOfThatUser) {
   ASSERT_EQ(::chmod(at("").c_str(), 0777), 0);
   take(write("roots"));
-  takeHis("his");
+  takeOthers("theirs");
   const auto outcomes = store().quarantine().restore({}, true, false, "", other());
   ASSERT_EQ(outcomes.size(), 1U);
   EXPECT_TRUE(outcomes[0].result) << lineOf(outcomes[0].result);
-  EXPECT_TRUE(std::filesystem::exists(at("his")));
+  EXPECT_TRUE(std::filesystem::exists(at("theirs")));
   EXPECT_EQ(items().size(), 1U);
 }
 
 TEST_F(RestoreTest, AFolderThatTheUserCannotWriteIsRefusedEvenForHisOwnFile) {
-  const std::string uuid = takeHis("a");
+  const std::string uuid = takeOthers("a");
   expectKept(restore(uuid, other()), uuid,
              "cannot write in '" + folder_.at("files") + "': Permission denied");
   EXPECT_THAT(namesIn(at("")), IsEmpty());
 }
 
 TEST_F(RestoreTest, ATargetInARootOwnedFolderIsRefused) {
-  giveFolderToHim("home");
-  const std::string uuid = takeHis("home/a");
+  giveFolderToOther("home");
+  const std::string uuid = takeOthers("home/a");
   std::filesystem::create_directory(at("roots"));
   expectKept(restore(uuid, other(), at("roots")), uuid, "Permission denied");
   EXPECT_THAT(namesIn(at("roots")), IsEmpty());
 }
 
 TEST_F(RestoreTest, AFolderThatTheUserCannotEnterIsRefused) {
-  giveFolderToHim("closed/home");
+  giveFolderToOther("closed/home");
   ASSERT_EQ(::chmod(at("closed").c_str(), 0700), 0);
-  const std::string uuid = takeHis("closed/home/a");
+  const std::string uuid = takeOthers("closed/home/a");
   expectKept(restore(uuid, other()), uuid, "Permission denied");
 }
 
 TEST_F(RestoreTest, AGroupOfTheCallersGivesTheRightToWrite) {
-  const std::string uuid = takeHis("shared/a");
+  const std::string uuid = takeOthers("shared/a");
   ASSERT_EQ(::chown(at("shared").c_str(), 0, 4242), 0);
   ASSERT_EQ(::chmod(at("shared").c_str(), 0770), 0);
   expectKept(restore(uuid, other()), uuid, "Permission denied");
@@ -427,7 +427,7 @@ TEST_F(RestoreTest, AGroupOfTheCallersGivesTheRightToWrite) {
 }
 
 TEST_F(RestoreTest, AGroupThatIsNotTheCallersCannotBeGivenBack) {
-  giveFolderToHim("home");
+  giveFolderToOther("home");
   const std::string path = write("home/a");
   ASSERT_EQ(::chown(path.c_str(), kOther, 4242), 0);
   const std::string uuid = take(path);
@@ -440,7 +440,7 @@ TEST_F(RestoreTest, AGroupThatIsNotTheCallersCannotBeGivenBack) {
 }
 
 TEST_F(RestoreTest, TheGroupThatACallerActsInIsHisOwn) {
-  giveFolderToHim("home");
+  giveFolderToOther("home");
   const std::string path = write("home/a");
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   const std::string uuid = take(path);
@@ -453,7 +453,7 @@ TEST_F(RestoreTest, TheGroupThatACallerActsInIsHisOwn) {
 }
 
 TEST_F(RestoreTest, TheGroupsOfTheAgentAreNotTheCallers) {
-  const std::string uuid = takeHis("shared/a");
+  const std::string uuid = takeOthers("shared/a");
   ASSERT_EQ(::chown(at("shared").c_str(), 0, 4242), 0);
   ASSERT_EQ(::chmod(at("shared").c_str(), 0770), 0);
   EXPECT_EQ(inChild([&] {
@@ -464,9 +464,9 @@ TEST_F(RestoreTest, TheGroupsOfTheAgentAreNotTheCallers) {
             0);
 }
 
-/// Where a change of the user leaves a process its capabilities.
+/// A change of the user keeps the capabilities of such a process.
 TEST_F(RestoreTest, TheCapabilitiesOfTheAgentAreNotTheCallers) {
-  const std::string uuid = takeHis("closed/a");
+  const std::string uuid = takeOthers("closed/a");
   ASSERT_EQ(::chmod(at("closed").c_str(), 0755), 0);
   EXPECT_EQ(inChild([&] {
               ASSERT_EQ(::prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP), 0);
@@ -476,16 +476,17 @@ TEST_F(RestoreTest, TheCapabilitiesOfTheAgentAreNotTheCallers) {
 }
 
 TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {
-  giveFolderToHim("home");
+  giveFolderToOther("home");
   const std::string path = writeRich("home/a");
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
   ASSERT_EQ(::chmod(path.c_str(), 06755), 0);
   const unsigned char capability[] = {1, 0, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   ASSERT_EQ(::setxattr(path.c_str(), "security.capability", capability, sizeof capability, 0), 0);
   const FileFacts before = FileFacts::of(path);
-  const auto hers = restore(take(path), other());
-  EXPECT_TRUE(hers);
-  EXPECT_EQ(lineOf(hers), "setuid and setgid were left out; 1 extended attribute(s) could not be given back");
+  const auto restored = restore(take(path), other());
+  EXPECT_TRUE(restored);
+  EXPECT_EQ(lineOf(restored),
+            "setuid and setgid were left out; 1 extended attribute(s) could not be given back");
   EXPECT_EQ(FileFacts::of(path).mode, 0755U);
   EXPECT_EQ(FileFacts::of(path).attributes.count("security.capability"), 0U);
   EXPECT_EQ(FileFacts::of(path).attributes.count("user.origin"), 1U);
@@ -515,10 +516,10 @@ TEST_F(RestoreTest, AnAgentThatIsNotRootServesItsOwnUserOnly) {
     EXPECT_FALSE(mine->quarantine().restore({uuid}, false, false, "", stranger)[0].result);
     EXPECT_TRUE(mine->quarantine().restore({uuid}, false, false, "", other())[0].result);
     EXPECT_EQ(FileFacts::of(path), facts);
-    // Another user's file in a folder of its own: the agent can take it, and can not give it back to him.
+    // Another user's file in that user's folder: this agent can quarantine but not restore it.
     ASSERT_TRUE(mine->quarantine().add(requestFor(place.at("strangers"))));
-    const std::string his = mine->quarantine().list(4711)[0]["uuid"].asString();
-    EXPECT_EQ(lineOf(mine->quarantine().restore({his}, false, false, "", stranger)[0].result),
+    const std::string theirs = mine->quarantine().list(4711)[0]["uuid"].asString();
+    EXPECT_EQ(lineOf(mine->quarantine().restore({theirs}, false, false, "", stranger)[0].result),
               "the agent does not run as root and cannot act for another user");
   });
   EXPECT_EQ(status, 0);

@@ -5,8 +5,8 @@
 #include <sstream>
 #include <thread>
 
+#include "StoreFixture.h"
 #include "store/SettingsTable.h"
-#include "store_fixture.h"
 
 namespace agent::store {
 static void PrintTo(const Setting& setting, std::ostream* out) {
@@ -53,7 +53,7 @@ std::string nameOf(const testing::TestParamInfo<Setting>& info) {
   return kTypes.at(info.param.configType) + info.param.section + info.param.key;
 }
 
-/// A value that the table allows and that is not the default.
+/// An allowed value other than the default.
 Json::Value otherValue(const Setting& setting) {
   switch (setting.kind) {
     case SettingKind::kSwitch:

@@ -1,4 +1,4 @@
-#include "store_quarantine_fixture.h"
+#include "QuarantineFixture.h"
 
 #include <sqlite3.h>
 #include <sys/xattr.h>
@@ -9,10 +9,6 @@ namespace agent {
 namespace {
 
 constexpr std::int64_t kNs = 1'000'000'000;
-
-std::int64_t toNs(const timespec& time) {
-  return time.tv_sec * kNs + time.tv_nsec;
-}
 
 std::map<std::string, std::string> attributesOf(const std::string& path) {
   std::map<std::string, std::string> attributes;
@@ -41,7 +37,7 @@ FileFacts FileFacts::of(const std::string& path) {
     facts.modifyNs = toNs(st.st_mtim);
     facts.attributes = attributesOf(path);
     facts.content = testsupport::readFile(path);
-    // Reading moved it.
+    // Reading changed the access time.
     const timespec times[2] = {st.st_atim, st.st_mtim};
     ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
   }

@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "StoreFixture.h"
 #include "store/StepHook.h"
-#include "store_fixture.h"
 
 namespace agent {
 
 inline constexpr uid_t kOther = 65534;  ///< the second user of these tests, with a group of the same number
 
-/// Everything of a file that a restore must bring back.
+/// Everything of a file that a restore must restore.
 struct FileFacts {
   bool there = false;
   std::string content;
@@ -32,8 +32,8 @@ struct FileFacts {
 };
 void PrintTo(const FileFacts& facts, std::ostream* out);
 
-/// A store, a folder that everybody can reach with files to quarantine, and a step hook that is taken off
-/// again. Needs root, as the agent does.
+/// A store, a folder with files to quarantine that every user can reach, and a step hook that is reset. Needs
+/// root, like the agent.
 class QuarantineTest : public StoreTest {
  protected:
   void SetUp() override;
@@ -51,7 +51,7 @@ class QuarantineTest : public StoreTest {
                                      const std::string& target = "", bool trust = false);
   Json::Value items() { return store().quarantine().list(std::nullopt); }
   std::string uuidOf(const std::string& path);
-  /// Quarantines the file, which must go well.
+  /// Quarantines the file, which must succeed.
   std::string take(const std::string& path);
   std::vector<std::string> vaultFiles() const { return namesIn(stateDir() + "/quarantine"); }
   static std::vector<std::string> namesIn(const std::string& folder);
@@ -59,7 +59,7 @@ class QuarantineTest : public StoreTest {
   static void before(const std::string& step, std::function<void()> what);
   static void exitAt(const std::string& step);
   void sql(const char* text);
-  /// Runs it in a child process and returns its exit status, 128 + signal when one ended it.
+  /// Runs the work in a child process. Returns its exit status, or 128 + the signal that ended the child.
   static int inChild(const std::function<void()>& what);
 };
 

@@ -27,7 +27,7 @@ inline std::string reasonOf(const platform::Expected<void>& result) {
   return reason;
 }
 
-/// A store of its own, in a private folder, that can be closed and opened again.
+/// A store in a private folder, which can be closed and opened again.
 class StoreTest : public testing::Test {
  protected:
   void SetUp() override { reopen(); }
