@@ -54,8 +54,8 @@ void openLog(const platform::InstallTree& tree, int level) {
   log->SetProperty(CLogDebug::kSize, std::to_string(8u << 20));
   log->SetProperty(CLogDebug::kBackupCount, "5");
   log->SetProperty(CLogDebug::kLevel, std::to_string(level));
-  if (const std::string why = CLogDebug::whyNoFolder(); !why.empty()) {
-    std::fprintf(stderr, "%s: no log is written: %s\n", kName, why.c_str());
+  if (const auto made = CLogDebug::makeFolder(); !made) {
+    std::fprintf(stderr, "%s: no log is written: %s\n", kName, made.error().c_str());
   }
 }
 

@@ -26,9 +26,8 @@ void prepareFolder(const std::string& path) {
     throw StoreError("cannot make the state folder " + platform::quoted(path) + ": " +
                      platform::errnoText(errno));
   }
-  const std::string unsafe = CDir::whyUnsafe(path);
-  if (!unsafe.empty()) {
-    throw StoreError("the state folder " + platform::quoted(path) + " is not safe: " + unsafe);
+  if (const auto safe = CDir::resolveSafe(path); !safe) {
+    throw StoreError("the state folder " + platform::quoted(path) + " is not safe: " + safe.error());
   }
   if (::chmod(path.c_str(), 0700) != 0) {
     throw StoreError("cannot close the state folder " + platform::quoted(path) + ": " +

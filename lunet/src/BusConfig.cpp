@@ -21,13 +21,12 @@ tl::expected<Json::Value, BusConfigFailure> readBusConfig(const std::string& pat
   const auto failed = [](Kind kind, std::string reason) {
     return tl::unexpected(BusConfigFailure{kind, std::move(reason)});
   };
-  std::string why;
-  const std::string safe = CFileInfo(path).exists() ? CDir::resolveSafe(path, &why) : path;
-  if (safe.empty()) {
-    return failed(Kind::kUnsafe, why);
+  const platform::Expected<std::string> safe = CFileInfo(path).exists() ? CDir::resolveSafe(path) : path;
+  if (!safe) {
+    return failed(Kind::kUnsafe, safe.error());
   }
   int error = 0;
-  const std::optional<std::string> text = CFile::readAll(safe, &error);
+  const std::optional<std::string> text = CFile::readAll(*safe, &error);
   if (!text) {
     return failed(error == ENOENT ? Kind::kMissing : Kind::kUnreadable, platform::errnoText(error));
   }

@@ -37,12 +37,11 @@ platform::Expected<void> ClientLibrary::load(const std::string& path) {
     return platform::failure(platform::visibleText(
         "dlopen failed: " + path + ": cannot open shared object file: " + error.message() + "."));
   }
-  std::string why;  // what is checked is what is loaded
-  const std::string resolved = CDir::resolveSafe(path, &why);
-  if (resolved.empty()) {
-    return platform::failure("the bus library is not loaded: " + why);
+  const auto resolved = CDir::resolveSafe(path);  // what is checked is what is loaded
+  if (!resolved) {
+    return platform::failure("the bus library is not loaded: " + resolved.error());
   }
-  handle_ = dlopen(resolved.c_str(), RTLD_LAZY);
+  handle_ = dlopen(resolved->c_str(), RTLD_LAZY);
   if (handle_ == nullptr) {
     return loaderFailure("dlopen");
   }

@@ -98,14 +98,14 @@ void Log::append(const std::string& line) {
 
 bool Log::openFile() {
   // The links on the way are resolved once, and nobody else can plant one afterwards.
-  const std::string folder = CDir::makeForFiles(folderOf(settings_.path), kFolderMode);
-  if (folder.empty()) {
+  const auto folder = CDir::makeForFiles(folderOf(settings_.path), kFolderMode);
+  if (!folder) {
     return false;
   }
-  settings_.path = folder + "/" + nameOf(settings_.path);
+  settings_.path = *folder + "/" + nameOf(settings_.path);
   if (!settings_.backupPath.empty()) {
     // None: a full file is emptied instead.
-    settings_.backupPath = CDir::makeForFiles(settings_.backupPath, kFolderMode);
+    settings_.backupPath = CDir::makeForFiles(settings_.backupPath, kFolderMode).value_or("");
   }
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   platform::Descriptor file(::open(settings_.path.c_str(), flags, kFileMode));

@@ -107,8 +107,8 @@ FolderCheck examine(const SocketFolder& folder, bool change) {
   }
   // From here on nobody else can make the path lead elsewhere. It stays as it is written: with its links
   // resolved it could pass the limit.
-  if (std::string why = CDir::whyUnsafe(folder.path); !why.empty()) {
-    return refuse(std::move(why));
+  if (auto safe = CDir::resolveSafe(folder.path); !safe) {
+    return refuse(std::move(safe.error()));
   }
   const platform::Descriptor fd(open(folder.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd || fstat(fd.get(), &st) != 0) {
@@ -164,7 +164,9 @@ FolderCheck prepareFolder(const SocketFolder& folder) {
   std::string why = whyTooLong(folder);
   const std::size_t slash = folder.path.rfind('/');
   if (why.empty() && slash != std::string::npos && slash > 0) {
-    CDir::makeSafe(folder.path.substr(0, slash), kParentMode, &why);
+    if (auto made = CDir::makeSafe(folder.path.substr(0, slash), kParentMode); !made) {
+      why = std::move(made.error());
+    }
   }
   if (!why.empty()) {
     return refuse(std::move(why));

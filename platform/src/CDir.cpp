@@ -19,20 +19,21 @@ namespace {
 
 using CText = std::unique_ptr<char, decltype(&std::free)>;
 
-std::string systemError(const std::string& what, const std::string& path, int error) {
-  return what + " " + platform::visibleText(path) + ": " + platform::errnoText(error);
+tl::unexpected<std::string> systemError(const std::string& what, const std::string& path, int error) {
+  return platform::failure(what + " " + platform::visibleText(path) + ": " + platform::errnoText(error));
 }
 
-/// The reason why another user can change one file, folder or link; empty when no other user can.
-std::string reasonUnsafe(const std::string& path, const struct stat& st) {
+/// Fails when another user can change the file, folder or link.
+platform::Expected<void> checkOwned(const std::string& path, const struct stat& st) {
   const std::string shown = platform::visibleText(path);
   if (st.st_uid != 0 && st.st_uid != geteuid()) {
-    return shown + " belongs to user " + std::to_string(st.st_uid) + ", neither root nor the caller";
+    return platform::failure(shown + " belongs to user " + std::to_string(st.st_uid) +
+                             ", neither root nor the caller");
   }
   const bool noMode = S_ISLNK(st.st_mode);  // the mode of a link has no meaning
   const bool stickyFolder = S_ISDIR(st.st_mode) && (st.st_mode & S_ISVTX) != 0;
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !noMode && !stickyFolder) {
-    return shown + " can be written by others than its owner";
+    return platform::failure(shown + " can be written by others than its owner");
   }
   return {};
 }
@@ -50,15 +51,15 @@ class Walk {
  public:
   explicit Walk(std::string path) : path_(std::move(path)) {}
 
-  /// The resolved path, or empty with the reason in *why. mayBeMissing: a missing end stays as written.
-  std::string go(bool mayBeMissing, std::string* why) {
+  /// mayBeMissing: a missing end stays as written.
+  platform::Expected<std::string> go(bool mayBeMissing) {
     const std::optional<std::string> from = path_.starts_with('/') ? "" : CDir::current();
     struct stat st {};
     if (path_.empty() || !from || lstat("/", &st) != 0) {
-      return fail(path_.empty() ? ENOENT : errno, why);
+      return fail(path_.empty() ? ENOENT : errno);
     }
-    if (!(*why = reasonUnsafe("/", st)).empty()) {
-      return {};
+    if (const auto owned = checkOwned("/", st); !owned) {
+      return platform::failure(owned.error());
     }
     take(*from + "/" + path_, true);
     for (int links = 0; !ahead_.empty();) {
@@ -71,15 +72,15 @@ class Walk {
       const std::string next = at_ + "/" + step.name;
       if (lstat(next.c_str(), &st) != 0) {
         const bool missing = errno == ENOENT || errno == ENOTDIR;
-        return missing && mayBeMissing && step.given ? withRemaining(next, why) : fail(errno, why);
+        return missing && mayBeMissing && step.given ? withRemaining(next) : fail(errno);
       }
-      if (!(*why = reasonUnsafe(next, st)).empty()) {
-        return {};
+      if (const auto owned = checkOwned(next, st); !owned) {
+        return platform::failure(owned.error());
       }
       if (!S_ISLNK(st.st_mode)) {
         at_ = next;
       } else if (++links > kLinkLimit) {
-        return fail(ELOOP, why);
+        return fail(ELOOP);
       } else {
         follow(linkTarget(next));
       }
@@ -114,19 +115,18 @@ class Walk {
     ahead_.insert(ahead_.begin(), steps.begin(), steps.end());
   }
 
-  std::string withRemaining(std::string path, std::string* why) {
+  platform::Expected<std::string> withRemaining(std::string path) const {
     for (const Step& step : ahead_) {
       if (step.name == "..") {
-        return fail(ENOENT, why);
+        return fail(ENOENT);
       }
       path += "/" + step.name;
     }
     return path;
   }
 
-  std::string fail(int error, std::string* why) const {
-    *why = systemError("cannot resolve", path_, error);
-    return {};
+  platform::Expected<std::string> fail(int error) const {
+    return systemError("cannot resolve", path_, error);
   }
 
   const std::string path_;
@@ -135,16 +135,16 @@ class Walk {
 };
 
 /// Makes the folders of a resolved path one by one. In a sticky folder another user may have planted a link:
-/// each folder is checked before anything is made in it. Empty, or the reason of the failure.
-std::string makeOneByOne(const std::string& path, mode_t mode) {
+/// each folder is checked before anything is made in it.
+platform::Expected<void> makeOneByOne(const std::string& path, mode_t mode) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string step = path.substr(0, end);
     struct stat st {};
     if ((mkdir(step.c_str(), mode) != 0 && errno != EEXIST) || lstat(step.c_str(), &st) != 0) {
       return systemError("cannot make the folder", step, errno);
     }
-    if (std::string why = reasonUnsafe(step, st); !why.empty()) {
-      return why;
+    if (auto owned = checkOwned(step, st); !owned) {
+      return owned;
     }
     if (!S_ISDIR(st.st_mode)) {
       return systemError("cannot make the folder", step, ENOTDIR);
@@ -190,49 +190,31 @@ std::string CDir::nearestExisting(const std::string& path) {
   return step.string();
 }
 
-std::string CDir::resolveSafe(const std::string& path, std::string* why) {
-  std::string ignored;
-  return Walk(path).go(false, why != nullptr ? why : &ignored);
+platform::Expected<std::string> CDir::resolveSafe(const std::string& path) {
+  return Walk(path).go(false);
 }
 
-std::string CDir::resolveForMaking(const std::string& path, std::string* why) {
-  std::string ignored;
-  return Walk(path).go(true, why != nullptr ? why : &ignored);
+platform::Expected<std::string> CDir::resolveForMaking(const std::string& path) {
+  return Walk(path).go(true);
 }
 
-std::string CDir::whyUnsafe(const std::string& path) {
-  std::string why;
-  resolveSafe(path, &why);
-  return why;
+platform::Expected<std::string> CDir::makeSafe(const std::string& path, std::uint32_t mode) {
+  return resolveForMaking(path).and_then(
+      [mode](const std::string& real) { return makeOneByOne(real, mode).map([&real] { return real; }); });
 }
 
-std::string CDir::makeSafe(const std::string& path, std::uint32_t mode, std::string* why) {
-  std::string failure;
-  std::string real = resolveForMaking(path, &failure);
-  if (failure.empty()) {
-    failure = makeOneByOne(real, mode);
-  }
-  if (why != nullptr) {
-    *why = failure;
-  }
-  return failure.empty() ? real : "";
-}
-
-std::string CDir::resolveForFiles(const std::string& path, std::string* why) {
-  std::string real = resolveSafe(path, why);
+platform::Expected<std::string> CDir::resolveForFiles(const std::string& path) {
+  auto real = resolveSafe(path);
   struct stat st {};
-  if (real.empty() ||
-      (stat(real.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0)) {
+  if (!real ||
+      (stat(real->c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0)) {
     return real;
   }
-  if (why != nullptr) {
-    *why = platform::visibleText(real) +
-           (S_ISDIR(st.st_mode) ? " can be written by others than its owner" : " is no folder");
-  }
-  return {};
+  return platform::failure(platform::visibleText(*real) + (S_ISDIR(st.st_mode)
+                                                               ? " can be written by others than its owner"
+                                                               : " is no folder"));
 }
 
-std::string CDir::makeForFiles(const std::string& path, std::uint32_t mode, std::string* why) {
-  const std::string real = makeSafe(path, mode, why);
-  return real.empty() ? "" : resolveForFiles(real, why);
+platform::Expected<std::string> CDir::makeForFiles(const std::string& path, std::uint32_t mode) {
+  return makeSafe(path, mode).and_then(resolveForFiles);
 }

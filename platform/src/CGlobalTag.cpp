@@ -26,18 +26,18 @@ std::string describe(const char* what, const std::string& path) {
   return std::string(what) + " " + platform::visibleText(path) + ": " + platform::errnoText(errno);
 }
 
-/// Makes the folder of the marks: private until the bus opens it to a group. Its parents are readable. Empty,
-/// or the reason of the failure.
-std::string makeDirectory(const std::string& directory) {
+/// Makes the folder of the marks: private until the bus opens it to a group. Its parents are readable.
+platform::Expected<std::string> makeDirectory(const std::string& directory) {
   const std::size_t slash = directory.find_last_of('/');
-  std::string why;
   if (slash != std::string::npos && slash > 0) {
-    CDir::makeSafe(directory.substr(0, slash), 0755, &why);
+    if (auto parent = CDir::makeSafe(directory.substr(0, slash), 0755); !parent) {
+      return parent;
+    }
   }
-  if (why.empty() && mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-    why = describe("cannot make the folder", directory);
+  if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    return platform::failure(describe("cannot make the folder", directory));
   }
-  return why.empty() ? CDir::whyUnsafe(directory) : why;
+  return CDir::resolveSafe(directory);
 }
 
 /// Opens the file of the mark, never through a link. In a folder that a group may write, the group may also
@@ -110,7 +110,9 @@ int CGlobalTag::trylock(bool wait) {
     return kAcquired;
   }
   const std::string directory = path_.substr(0, path_.rfind('/'));
-  if (lastError_ = makeDirectory(directory); !lastError_.empty()) {
+  const platform::Expected<std::string> made = makeDirectory(directory);
+  lastError_ = made ? "" : made.error();
+  if (!made) {
     return kFailed;
   }
   const Descriptor folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

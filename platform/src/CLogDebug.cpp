@@ -52,12 +52,12 @@ void openLog(State& s) {
       return;
     }
     // The log is made private: another user must not choose the file that this changes.
-    const std::string folder = CDir::makeForFiles(s.path, kFolderMode);
-    if (folder.empty()) {
+    const auto folder = CDir::makeForFiles(s.path, kFolderMode);
+    if (!folder) {
       return;
     }
     auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(
-        folder + "/" + s.name + ".log", s.sizeBytes, s.backups, false, privateFile());
+        *folder + "/" + s.name + ".log", s.sizeBytes, s.backups, false, privateFile());
     s.logger = std::make_shared<spdlog::logger>(s.name, std::move(sink));
     s.logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %P %t %v");
     s.logger->set_level(spdlog::level::trace);
@@ -160,12 +160,10 @@ void CLogDebug::SetProperty(int property, const std::string& text) {
   s.tried = false;
 }
 
-std::string CLogDebug::whyNoFolder() {
+platform::Expected<void> CLogDebug::makeFolder() {
   State& s = state();
   const std::lock_guard<std::mutex> guard(s.lock);
-  std::string why;
-  CDir::makeForFiles(s.path, kFolderMode, &why);
-  return why;
+  return CDir::makeForFiles(s.path, kFolderMode).map([](const std::string&) {});
 }
 
 void CLogDebug::LogPrintV(LogLevel level, const char* source, const char* function, int line,

@@ -16,9 +16,9 @@ platform::Expected<std::string> readBusConfig(const ContainerConfig& config) {
   if (file) {
     return lunet::compactText(completeBusConfig(std::move(*file), config));
   }
-  const std::string unsafe = CDir::whyUnsafe(config.busConfigFile);  // a missing file too
-  return platform::failure(unsafe.empty() ? "no JSON object can be read from " + config.busConfigFile
-                                          : "the bus configuration is not used: " + unsafe);
+  const auto safe = CDir::resolveSafe(config.busConfigFile);  // fails for a missing file too
+  return platform::failure(safe ? "no JSON object can be read from " + config.busConfigFile
+                                : "the bus configuration is not used: " + safe.error());
 }
 
 }  // namespace tavcli

@@ -33,9 +33,9 @@ bool explain(const char* function, int line, const std::string& why) {
 
 /// What the user can do about a library that was not loaded. The loader's own words go to the debug log.
 std::string adviceOn(const std::string& library) {
-  const std::string unsafe = CDir::whyUnsafe(library);
+  const auto safe = CDir::resolveSafe(library);
   return "the bus library is not loaded: " +
-         (unsafe.empty() ? library + " is damaged or of another version: install the tree again" : unsafe);
+         (safe ? library + " is damaged or of another version: install the tree again" : safe.error());
 }
 
 }  // namespace

@@ -80,8 +80,8 @@ bool initLog(const ContainerConfig& config) {
   log->SetProperty(CLogDebug::kSize, std::to_string(settings->sizeBytes));
   log->SetProperty(CLogDebug::kBackupCount, std::to_string(settings->backupCount));
   log->SetProperty(CLogDebug::kLevel, std::to_string(settings->level));
-  if (const std::string why = CLogDebug::whyNoFolder(); !why.empty()) {
-    complain("tavcli: no debug log is written: " + why);
+  if (const auto made = CLogDebug::makeFolder(); !made) {
+    complain("tavcli: no debug log is written: " + made.error());
   }
   std::printf("=====initLog=====\nloglevel:%d\nlogSize:%d\nlogName:%s\nlogPath:%s\nlogBackupMaxNum:%d\n",
               settings->level, settings->sizeBytes, name.c_str(), platform::visibleText(path).c_str(),

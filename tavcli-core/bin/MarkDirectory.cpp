@@ -11,7 +11,8 @@ std::string markDirectory(const std::string& installDir, const std::string& busC
   if (!config && config.error().kind == lunet::BusConfigFailure::Kind::kUnsafe) {
     return "";  // a user who may write the file must not choose where root makes folders
   }
-  return CDir::resolveForMaking(lunet::socketDirectory(installDir, config.value_or(Json::objectValue)));
+  return CDir::resolveForMaking(lunet::socketDirectory(installDir, config.value_or(Json::objectValue)))
+      .value_or("");
 }
 
 void useMarkDirectory(const std::string& installDir, const std::string& busConfigFile) {

@@ -296,24 +296,29 @@ TEST(NearestExisting, CountsALinkThatLeadsNowhere) {
   EXPECT_EQ(CDir::nearestExisting(dir.at("link/below")), dir.at("link"));
 }
 
-TEST(WhyUnsafe, AFileOfTheCallersBelowAStickyFolderIsSafe) {
-  const TempDir dir;  // below /tmp, a sticky folder that every user can write
-  EXPECT_EQ(CDir::whyUnsafe(dir.write("lib/x.so", "")), "");
+/// The reason of a failure; empty for a success.
+std::string reasonOf(const platform::Expected<std::string>& result) {
+  return result ? "" : result.error();
 }
 
-TEST(WhyUnsafe, AFileThatOthersCanWriteIsNamed) {
+TEST(ResolveSafe, AFileOfTheCallersBelowAStickyFolderIsSafe) {
+  const TempDir dir;  // below /tmp, a sticky folder that every user can write
+  EXPECT_EQ(reasonOf(CDir::resolveSafe(dir.write("lib/x.so", ""))), "");
+}
+
+TEST(ResolveSafe, AFileThatOthersCanWriteIsNamed) {
   const TempDir dir;
   const std::string path = dir.write("x.so", "");
   ASSERT_EQ(chmod(path.c_str(), 0666), 0);
-  EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("x.so can be written by others"));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(path)), HasSubstr("x.so can be written by others"));
 }
 
-TEST(WhyUnsafe, AFileThatTheGroupOrOthersCanWriteIsNamedThoughItIsSticky) {
+TEST(ResolveSafe, AFileThatTheGroupOrOthersCanWriteIsNamedThoughItIsSticky) {
   const TempDir dir;
   const std::string path = dir.write("x.so", "");
   for (const mode_t mode : {0620U, 0602U, 01666U}) {
     ASSERT_EQ(chmod(path.c_str(), mode), 0);
-    EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("x.so can be written by others")) << mode;
+    EXPECT_THAT(reasonOf(CDir::resolveSafe(path)), HasSubstr("x.so can be written by others")) << mode;
   }
 }
 
@@ -337,7 +342,7 @@ std::string saidBy(const std::function<std::string()>& asked) {
   return status == 0 && count >= 0 ? std::string(text, static_cast<std::size_t>(count)) : "no answer";
 }
 
-TEST(WhyUnsafe, ForAnOrdinaryUserItsOwnAndRootsFilesAreSafe) {
+TEST(ResolveSafe, ForAnOrdinaryUserItsOwnAndRootsFilesAreSafe) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can become a second user";
   }
@@ -347,51 +352,53 @@ TEST(WhyUnsafe, ForAnOrdinaryUserItsOwnAndRootsFilesAreSafe) {
   ASSERT_EQ(chown(own.c_str(), 54321, 54321), 0);
   ASSERT_EQ(chown(theirs.c_str(), 54322, 54322), 0);
   const auto asUser = [](const std::string& path) {
-    return saidBy([&] { return setuid(54321) == 0 ? CDir::whyUnsafe(path) : "no other user"; });
+    return saidBy([&] { return setuid(54321) == 0 ? reasonOf(CDir::resolveSafe(path)) : "no other user"; });
   };
   EXPECT_EQ(asUser(own), "");
   EXPECT_EQ(asUser(dir.path()), "");
   EXPECT_THAT(asUser(theirs), HasSubstr("belongs to user 54322"));
 }
 
-TEST(WhyUnsafe, ARootFolderThatOthersCanWriteIsNamed) {
+TEST(ResolveSafe, ARootFolderThatOthersCanWriteIsNamed) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can change the root folder";
   }
   const TempDir dir;
   dir.write("x.so", "");
   ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
-  EXPECT_EQ(saidBy([&] { return chroot(dir.path().c_str()) == 0 ? CDir::whyUnsafe("/x.so") : "no chroot"; }),
+  EXPECT_EQ(saidBy([&] {
+              return chroot(dir.path().c_str()) == 0 ? reasonOf(CDir::resolveSafe("/x.so")) : "no chroot";
+            }),
             "/ can be written by others than its owner");
 }
 
-TEST(WhyUnsafe, AFolderOnTheWayThatTheGroupCanWriteIsNamed) {
+TEST(ResolveSafe, AFolderOnTheWayThatTheGroupCanWriteIsNamed) {
   const TempDir dir;
   const std::string path = dir.write("lib/x.so", "");
   ASSERT_EQ(chmod(dir.at("lib").c_str(), 0775), 0);
-  EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("lib can be written by others"));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(path)), HasSubstr("lib can be written by others"));
 }
 
-TEST(WhyUnsafe, AnotherUsersFileIsNamed) {
+TEST(ResolveSafe, AnotherUsersFileIsNamed) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can give a file to a second user";
   }
   const TempDir dir;
   const std::string path = dir.write("x.so", "");
   ASSERT_EQ(chown(path.c_str(), 54321, 0), 0);
-  EXPECT_THAT(CDir::whyUnsafe(path), HasSubstr("belongs to user 54321"));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(path)), HasSubstr("belongs to user 54321"));
 }
 
-TEST(WhyUnsafe, ALinkIsJudgedByWhereItLeads) {
+TEST(ResolveSafe, ALinkIsJudgedByWhereItLeads) {
   const TempDir dir;
   const std::string target = dir.write("open/x.so", "");
   ASSERT_EQ(chmod(dir.at("open").c_str(), 0777), 0);
   ASSERT_EQ(symlink(target.c_str(), dir.at("x.so").c_str()), 0);
-  EXPECT_THAT(CDir::whyUnsafe(dir.at("x.so")), HasSubstr("can be written by others"));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(dir.at("x.so"))), HasSubstr("can be written by others"));
 }
 
-TEST(WhyUnsafe, AMissingFileIsNotSafe) {
-  EXPECT_THAT(CDir::whyUnsafe("/nonexistent/x.so"), HasSubstr("cannot resolve"));
+TEST(ResolveSafe, AMissingFileIsNotSafe) {
+  EXPECT_THAT(reasonOf(CDir::resolveSafe("/nonexistent/x.so")), HasSubstr("cannot resolve"));
 }
 
 TEST(ResolveSafe, LeadsToTheFolderItself) {
@@ -418,8 +425,7 @@ class LinksOnTheWay : public testing::Test {
 TEST_F(LinksOnTheWay, OfTheCallersOwnAreFollowed) {
   link("own/f", "file");
   for (const char* path : {"own/f", "file", "real/../own/./f", "own//f"}) {
-    std::string why;
-    EXPECT_EQ(CDir::resolveSafe(dir_.at(path), &why), dir_.at("real/f")) << path << ": " << why;
+    EXPECT_EQ(CDir::resolveSafe(dir_.at(path)), dir_.at("real/f")) << path;
   }
   EXPECT_EQ(CDir::resolveSafe("/../.."), "/");
 }
@@ -434,14 +440,14 @@ TEST_F(LinksOnTheWay, MayBeRelativeToTheCurrentFolder) {
   const std::optional<std::string> before = CDir::current();
   ASSERT_TRUE(CDir::setCurrent(dir_.path()));
   EXPECT_EQ(CDir::resolveSafe("own/f"), dir_.at("real/f"));
-  EXPECT_EQ(CDir::resolveSafe(""), "");
+  EXPECT_FALSE(CDir::resolveSafe(""));
   EXPECT_TRUE(CDir::setCurrent(*before));
 }
 
 TEST_F(LinksOnTheWay, InACircleAreRefused) {
   link("two", "one");
   link("one", "two");
-  EXPECT_THAT(CDir::whyUnsafe(dir_.at("one/f")), HasSubstr(std::strerror(ELOOP)));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(dir_.at("one/f"))), HasSubstr(std::strerror(ELOOP)));
 }
 
 TEST_F(LinksOnTheWay, AreFollowedAsManyTimesAsTheKernelFollowsThem) {
@@ -451,14 +457,15 @@ TEST_F(LinksOnTheWay, AreFollowedAsManyTimesAsTheKernelFollowsThem) {
   }
   EXPECT_TRUE(std::filesystem::exists(dir_.at("link40/f")));
   EXPECT_EQ(CDir::resolveSafe(dir_.at("link40/f")), dir_.at("real/f"));
-  EXPECT_THAT(CDir::whyUnsafe(dir_.at("link41/f")), HasSubstr(std::strerror(ELOOP)));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(dir_.at("link41/f"))), HasSubstr(std::strerror(ELOOP)));
 }
 
 TEST_F(LinksOnTheWay, InAFolderThatOthersMayWriteAreRefusedWhereverTheyLead) {
   std::filesystem::create_directory(dir_.at("open"));
   link("../real", "open/link");
   ASSERT_EQ(chmod(dir_.at("open").c_str(), 0775), 0);
-  EXPECT_THAT(CDir::whyUnsafe(dir_.at("open/link/f")), HasSubstr("open can be written by others"));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(dir_.at("open/link/f"))),
+              HasSubstr("open can be written by others"));
 }
 
 TEST_F(LinksOnTheWay, OfAnotherUserAreRefusedWhereverTheyLead) {
@@ -469,10 +476,9 @@ TEST_F(LinksOnTheWay, OfAnotherUserAreRefusedWhereverTheyLead) {
   link("theirs", "through-theirs");
   giveAway("theirs");
   for (const char* path : {"theirs/f", "theirs", "through-theirs/f", "theirs/../real/f"}) {
-    std::string why;
-    EXPECT_EQ(CDir::resolveSafe(dir_.at(path), &why), "") << path;
-    EXPECT_THAT(why, HasSubstr("theirs belongs to user 54321")) << path;
-    EXPECT_EQ(CDir::resolveForMaking(dir_.at(path) + "/new"), "") << path;
+    EXPECT_THAT(reasonOf(CDir::resolveSafe(dir_.at(path))), HasSubstr("theirs belongs to user 54321"))
+        << path;
+    EXPECT_FALSE(CDir::resolveForMaking(dir_.at(path) + "/new")) << path;
   }
 }
 
@@ -483,25 +489,23 @@ TEST_F(LinksOnTheWay, InAFolderOfAnotherUserAreRefusedWhereverTheyLead) {
   std::filesystem::create_directory(dir_.at("home"));
   link(dir_.at("real"), "home/lib");
   giveAway("home");
-  EXPECT_THAT(CDir::whyUnsafe(dir_.at("home/lib/f")), HasSubstr("home belongs to user 54321"));
+  EXPECT_THAT(reasonOf(CDir::resolveSafe(dir_.at("home/lib/f"))), HasSubstr("home belongs to user 54321"));
 }
 
 TEST_F(LinksOnTheWay, OfTheSystemAreFollowed) {
-  EXPECT_EQ(CDir::whyUnsafe("/proc/self/cwd/"), CDir::whyUnsafe(*CDir::current()));
+  EXPECT_EQ(reasonOf(CDir::resolveSafe("/proc/self/cwd/")), reasonOf(CDir::resolveSafe(*CDir::current())));
 }
 
 TEST_F(LinksOnTheWay, ToWhatIsMissingAreNoPlaceToMakeIt) {
   link("nowhere", "dangling");
-  std::string why;
-  EXPECT_EQ(CDir::resolveForMaking(dir_.at("dangling"), &why), "");
-  EXPECT_THAT(why, HasSubstr("cannot resolve"));
-  EXPECT_EQ(CDir::makeSafe(dir_.at("dangling/below"), 0700), "");
+  EXPECT_THAT(reasonOf(CDir::resolveForMaking(dir_.at("dangling"))), HasSubstr("cannot resolve"));
+  EXPECT_FALSE(CDir::makeSafe(dir_.at("dangling/below"), 0700));
   EXPECT_FALSE(std::filesystem::exists(dir_.at("nowhere")));
 }
 
 TEST_F(LinksOnTheWay, AreResolvedBeforeWhatIsToBeMade) {
   EXPECT_EQ(CDir::resolveForMaking(dir_.at("own/x/y")), dir_.at("real/x/y"));
-  EXPECT_EQ(CDir::resolveForMaking(dir_.at("own/x/../y")), "") << "what is missing leads nowhere";
+  EXPECT_FALSE(CDir::resolveForMaking(dir_.at("own/x/../y"))) << "what is missing leads nowhere";
   EXPECT_FALSE(std::filesystem::exists(dir_.at("real/x")));
 }
 
@@ -516,18 +520,15 @@ TEST_F(LinksOnTheWay, OfAnotherUserLetNothingBeMade) {
   }
   link("real", "theirs");
   giveAway("theirs");
-  std::string why;
-  EXPECT_EQ(CDir::makeForFiles(dir_.at("theirs/x"), 0700, &why), "");
-  EXPECT_THAT(why, HasSubstr("theirs belongs to user 54321"));
+  EXPECT_THAT(reasonOf(CDir::makeForFiles(dir_.at("theirs/x"), 0700)),
+              HasSubstr("theirs belongs to user 54321"));
   EXPECT_FALSE(std::filesystem::exists(dir_.at("real/x")));
 }
 
 TEST(MakeSafe, WhereAFileStandsFailsWithTheReason) {
   const TempDir dir;
   dir.write("file", "");
-  std::string why;
-  EXPECT_EQ(CDir::makeSafe(dir.at("file/below"), 0700, &why), "");
-  EXPECT_THAT(why, HasSubstr("cannot make the folder"));
+  EXPECT_THAT(reasonOf(CDir::makeSafe(dir.at("file/below"), 0700)), HasSubstr("cannot make the folder"));
 }
 
 /// Another user makes the folder between the check and mkdir.
@@ -535,11 +536,7 @@ class PlantedMeanwhile : public testing::Test {
  protected:
   PlantedMeanwhile() { dir_.write("real/f", ""); }
   ~PlantedMeanwhile() override { gBeforeMkdir = nullptr; }
-  std::string why() const {
-    std::string why;
-    EXPECT_EQ(CDir::makeSafe(dir_.at("new/below"), 0700, &why), "");
-    return why;
-  }
+  std::string why() const { return reasonOf(CDir::makeSafe(dir_.at("new/below"), 0700)); }
   const TempDir dir_;
 };
 
@@ -565,14 +562,12 @@ TEST_F(PlantedMeanwhile, AnotherUsersFolderIsRefused) {
 
 TEST(ResolveForFiles, RefusesAFileAndWhatGroupOrOthersMayWriteThoughItIsSticky) {
   const TempDir dir;
-  std::string why;
-  EXPECT_EQ(CDir::resolveForFiles(dir.write("f", ""), &why), "");
-  EXPECT_THAT(why, HasSubstr("f is no folder"));
+  EXPECT_THAT(reasonOf(CDir::resolveForFiles(dir.write("f", ""))), HasSubstr("f is no folder"));
   ASSERT_EQ(mkdir(dir.at("folder").c_str(), 0700), 0);
   EXPECT_EQ(CDir::resolveForFiles(dir.at("folder")), dir.at("folder"));
   for (const mode_t mode : {01770U, 01707U}) {
     ASSERT_EQ(chmod(dir.at("folder").c_str(), mode), 0);
-    EXPECT_EQ(CDir::resolveForFiles(dir.at("folder")), "") << mode;
+    EXPECT_FALSE(CDir::resolveForFiles(dir.at("folder"))) << mode;
   }
 }
 
@@ -580,7 +575,7 @@ TEST(MakeSafe, BelowAFolderThatOthersMayWriteMakesNothing) {
   const TempDir dir;
   ASSERT_EQ(mkdir(dir.at("open").c_str(), 0700), 0);
   ASSERT_EQ(chmod(dir.at("open").c_str(), 0777), 0);
-  EXPECT_EQ(CDir::makeSafe(dir.at("open/below"), 0700), "");
+  EXPECT_FALSE(CDir::makeSafe(dir.at("open/below"), 0700));
   EXPECT_TRUE(std::filesystem::is_empty(dir.at("open")));
 }
 
@@ -596,15 +591,14 @@ TEST(MakeForFiles, RefusesAStickyFolderOfAllAndAFile) {
   const TempDir dir;
   ASSERT_EQ(mkdir(dir.at("sticky").c_str(), 0700), 0);
   ASSERT_EQ(chmod(dir.at("sticky").c_str(), 01777), 0);
-  std::string why;
-  EXPECT_EQ(CDir::makeForFiles(dir.at("sticky"), 0700, &why), "");
-  EXPECT_THAT(why, HasSubstr("sticky can be written by others"));
-  EXPECT_EQ(CDir::makeForFiles(dir.write("f", ""), 0700), "");
+  EXPECT_THAT(reasonOf(CDir::makeForFiles(dir.at("sticky"), 0700)),
+              HasSubstr("sticky can be written by others"));
+  EXPECT_FALSE(CDir::makeForFiles(dir.write("f", ""), 0700));
 }
 
 TEST(ResolveSafe, AMissingFolderIsNone) {
   const TempDir dir;
-  EXPECT_EQ(CDir::resolveSafe(dir.at("absent")), "");
+  EXPECT_FALSE(CDir::resolveSafe(dir.at("absent")));
 }
 
 struct FormatCase {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "platform/Expected.h"
 #include "platform/LogLevel.h"
 
 /// The program's debug log: one file, rotated by size. Properties configure the log; the next record opens
@@ -19,8 +20,8 @@ class CLogDebug {
   static bool CheckLogLevel(LogLevel level);
   /// Numbers as decimal text. Unknown codes and unreadable numbers change nothing.
   void SetProperty(int property, const std::string& text);
-  /// Makes the folder of the path property. Empty, or the reason why no log can be written there.
-  static std::string whyNoFolder();
+  /// Makes the folder of the path property. Fails when no log can be written there.
+  static platform::Expected<void> makeFolder();
   static void LogPrintV(LogLevel level, const char* source, const char* function, int line,
                         const char* format, ...) __attribute__((format(printf, 5, 6)));
   static void LogPrintStr(LogLevel level, const char* source, const char* function, int line,

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Expected.h"
+
 /// Files and folders. Each class is defined in the file of its name, the functions in utils.cpp.
 
 /// The file that a path names. Follows links.
@@ -50,19 +52,17 @@ class CDir {
   static std::string nearestExisting(const std::string& path);
   /// The path with its links resolved, if no other user can make the path lead elsewhere. The file, and every
   /// folder and link on the way from /, must belong to root or the effective user, and no other user may
-  /// write them (a sticky folder is safe). Else empty, with the reason in *why, if given.
-  static std::string resolveSafe(const std::string& path, std::string* why = nullptr);
+  /// write them (a sticky folder is safe).
+  static platform::Expected<std::string> resolveSafe(const std::string& path);
   /// The same for a path whose end may be missing: the missing part stays as written.
-  static std::string resolveForMaking(const std::string& path, std::string* why = nullptr);
-  /// The reason of resolveSafe; empty for a safe path.
-  static std::string whyUnsafe(const std::string& path);
+  static platform::Expected<std::string> resolveForMaking(const std::string& path);
   /// resolveSafe of a folder for files to be written there. Refuses sticky folders as well: another user
   /// could plant a link under the name of the file.
-  static std::string resolveForFiles(const std::string& path, std::string* why = nullptr);
+  static platform::Expected<std::string> resolveForFiles(const std::string& path);
   /// resolveForMaking, then makes the folder and its missing parents, all with `mode`. makeForFiles ends with
   /// resolveForFiles. Makes nothing below a folder that other users can change.
-  static std::string makeSafe(const std::string& path, std::uint32_t mode, std::string* why = nullptr);
-  static std::string makeForFiles(const std::string& path, std::uint32_t mode, std::string* why = nullptr);
+  static platform::Expected<std::string> makeSafe(const std::string& path, std::uint32_t mode);
+  static platform::Expected<std::string> makeForFiles(const std::string& path, std::uint32_t mode);
 };
 
 namespace utils {
