@@ -14,6 +14,7 @@
 #include <memory>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "platform/Posix.h"
 #include "platform/Text.h"
@@ -26,24 +27,25 @@ using platform::Descriptor;
 
 constexpr int kBacklog = 128;
 constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-/// How often what stands in the way, or changes hands, is dealt with before that is given up.
+/// Attempts to get a lock file that other processes replace meanwhile.
 constexpr int kAttempts = 100;
-/// Who clears leftovers has each free lock for a moment: one that is held is tried for 100 ms.
+/// A process that clears leftovers takes each free lock for a moment, so a held lock is tried for 100 ms.
 constexpr int kLockTries = 20;
 constexpr std::chrono::milliseconds kLockPause{5};
 
+/// "PATH WHAT: errno's text".
 std::string because(const std::string& path, const char* what) {
   return platform::visibleText(path) + " " + what + ": " + platform::errnoText(errno);
 }
 
-/// Still the file of that name: a holder that gives its lock back removes the file first.
+/// True while the open file still has that name. A holder that releases its lock removes the file first.
 bool isNamed(int fd, const std::string& path, struct stat& st) {
   struct stat named {};
   return fstat(fd, &st) == 0 && lstat(path.c_str(), &named) == 0 && st.st_ino == named.st_ino &&
          st.st_dev == named.st_dev && S_ISREG(st.st_mode);
 }
 
-/// False when it stayed locked by another for all of kLockTries.
+/// False when another process kept the lock for all of kLockTries.
 bool lockFile(int fd) {
   for (int tries = 0; flock(fd, LOCK_EX | LOCK_NB) != 0; ++tries) {
     if (tries == kLockTries) {
@@ -54,10 +56,9 @@ bool lockFile(int fd) {
   return true;
 }
 
-/// Something may stand at a name that the bus does not put there: a member of the group could keep an address
-/// from everybody that way, without a process. It is renamed and removed; a folder that holds something stays
-/// under its new name. Who may rename it, says the kernel: root, the folder's owner and its own user. False
-/// for others (errno). `type`: what belongs there and is left.
+/// Renames and removes a foreign file at a name of the bus: with such a file a group member could block an
+/// address without a process. A non-empty folder stays under its new name. type: of the bus's own file, which
+/// stays. False, with errno, for users whom the kernel does not let rename the file.
 bool clearWay(const std::string& path, const std::string& aside, mode_t type) {
   struct stat st {};
   if (lstat(path.c_str(), &st) != 0) {
@@ -69,7 +70,7 @@ bool clearWay(const std::string& path, const std::string& aside, mode_t type) {
   if (rename(path.c_str(), aside.c_str()) != 0) {
     return errno == ENOENT;
   }
-  if (lstat(aside.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == type) {  // it came between look and rename
+  if (lstat(aside.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == type) {  // made between lstat and rename
     (void)renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE);
   } else {
     (void)std::remove(aside.c_str());
@@ -77,7 +78,8 @@ bool clearWay(const std::string& path, const std::string& aside, mode_t type) {
   return true;
 }
 
-/// First without O_CREAT: in a sticky folder the kernel refuses O_CREAT on another user's file, to root too.
+/// Opens without O_CREAT first: in a sticky folder the kernel refuses O_CREAT on another user's file, to root
+/// too.
 Descriptor openOrMake(const std::string& path) {
   Descriptor file(open(path.c_str(), kOpenFlags));
   if (!file && errno == ENOENT) {
@@ -93,38 +95,36 @@ std::string ownerOf(const std::string& path) {
 
 }  // namespace
 
-Error Address::claim(const SocketFolder& folder, const Guid& guid, std::string* why) {
+Result<void> Address::claim(const SocketFolder& folder, const Guid& guid) {
   const bool agents = guid == parseGuid(kAgentGuid);
-  Error error = lock(folder.lockPath(guid), folder.asidePath(guid), agents, why);
-  if (error == kOk) {
-    error = listen(folder, guid, why);
-  }
-  if (error != kOk) {
+  Result<void> claimed = lock(folder.lockPath(guid), folder.asidePath(guid), agents).and_then([&] {
+    return listen(folder, guid);
+  });
+  if (!claimed) {
     release();
   }
-  return error;
+  return claimed;
 }
 
-/// agents: the agent's address, which root and the folder's owner take from a mere member: nobody would
-/// talk to him there, and he must not be able to keep the agent from starting.
-Error Address::lock(const std::string& path, const std::string& aside, bool agents, std::string* why) {
+/// agents: for the agent's address. Root and the folder's owner take that address from a group member, who
+/// could keep the agent from starting.
+Result<void> Address::lock(const std::string& path, const std::string& aside, bool agents) {
+  const std::string shown = platform::visibleText(path);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (!clearWay(path, aside, S_IFREG)) {
-      *why = because(path, "is no regular file and cannot be renamed");
-      return kErrPath;
+      return failed(kErrPath, because(path, "is no regular file and cannot be renamed"));
     }
     Descriptor file = openOrMake(path);
     if (!file && (errno == ENOENT || errno == EEXIST || errno == ELOOP)) {
-      continue;  // another was faster
+      continue;  // another process was faster
     }
     if (!file && errno == EACCES) {
-      *why = platform::visibleText(path) + " belongs to " + ownerOf(path) +
-             ": the address is in use, or left by a crash (then that user or root can take it)";
-      return kErrInUse;
+      return failed(kErrInUse,
+                    shown + " belongs to " + ownerOf(path) +
+                        ": the address is in use, or left by a crash (then that user or root can take it)");
     }
     if (!file) {
-      *why = because(path, "cannot be opened");
-      return kErrPath;
+      return failed(kErrPath, because(path, "cannot be opened"));
     }
     struct stat st {};
     const bool held = !lockFile(file.get());
@@ -133,60 +133,54 @@ Error Address::lock(const std::string& path, const std::string& aside, bool agen
     }
     const bool foreign = st.st_uid != geteuid();
     if (held && !(agents && foreign && st.st_uid != 0)) {
-      *why = platform::visibleText(path) + " is held by a live process of user " + std::to_string(st.st_uid);
-      return kErrInUse;
+      return failed(kErrInUse, shown + " is held by a live process of user " + std::to_string(st.st_uid));
     }
     if (!held && !foreign) {
       lock_ = std::move(file);
       lockPath_ = path;
-      return kOk;
+      return {};
     }
     if (unlink(path.c_str()) != 0) {
-      *why = because(path, "cannot be removed");
-      return kErrInUse;
+      return failed(kErrInUse, because(path, "cannot be removed"));
     }
   }
-  *why = platform::visibleText(path) + " changes hands too often";
-  return kErrInUse;
+  return failed(kErrInUse, shown + " changes hands too often");
 }
 
-Error Address::listen(const SocketFolder& folder, const Guid& guid, std::string* why) {
+Result<void> Address::listen(const SocketFolder& folder, const Guid& guid) {
   const mode_t mode = folder.group ? 0660 : 0600;
   const std::string path = folder.socketPath(guid);
   const std::string made = folder.newSocketPath(guid);
   const std::optional<sockaddr_un> address = socketAddress(made);
   if (!address) {
-    *why = platform::visibleText(made) + " is longer than the system allows";
-    return kErrPath;
+    return failed(kErrPath, platform::visibleText(made) + " is longer than the system allows");
   }
   Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) {
-    *why = std::string("no socket: ") + platform::errnoText(errno);
-    return kErrSystem;
+    return failed(kErrSystem, "no socket: " + platform::errnoText(errno));
   }
-  (void)clearWay(made, folder.asidePath(guid), S_IFSOCK);  // what cannot be cleared shows below
+  (void)clearWay(made, folder.asidePath(guid), S_IFSOCK);  // unlink below reports a failure
   if (unlink(made.c_str()) != 0 && errno != ENOENT) {
-    *why = because(made, "is in the way");
-    return kErrPath;
+    return failed(kErrPath, because(made, "is in the way"));
   }
   struct stat st {};
-  // Ready to be used before it has its name: nobody finds a socket that refuses him for a moment.
+  // The socket gets its name when it is ready, so that no caller is refused for a moment.
   if (fchmod(fd.get(), mode) != 0 ||
       bind(fd.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0 ||
       chmod(made.c_str(), mode) != 0 || lstat(made.c_str(), &st) != 0 || ::listen(fd.get(), kBacklog) != 0) {
-    *why = because(made, "cannot be made");
-    return kErrPath;
+    return failed(kErrPath, because(made, "cannot be made"));
   }
   (void)clearWay(path, folder.asidePath(guid), S_IFSOCK);
   if (rename(made.c_str(), path.c_str()) != 0) {
-    *why = because(path, "cannot be replaced");
+    const Error error = errno == EPERM || errno == EACCES ? kErrInUse : kErrPath;
+    std::string reason = because(path, "cannot be replaced");
     (void)unlink(made.c_str());
-    return errno == EPERM || errno == EACCES ? kErrInUse : kErrPath;
+    return failed(error, std::move(reason));
   }
   listener_ = std::move(fd);
   socketPath_ = path;
   socketInode_ = st.st_ino;
-  return kOk;
+  return {};
 }
 
 void Address::hide() {
@@ -208,7 +202,7 @@ void Address::release() {
 
 void clearLeftovers(const SocketFolder& folder) {
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.path.c_str()), &closedir);
-  const std::string_view suffix = kLockSuffix;
+  const std::string_view suffix = SocketFolder::kLockSuffix;
   while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
     const std::string_view name = entry->d_name;
     if (!name.ends_with(suffix)) {

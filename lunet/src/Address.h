@@ -7,27 +7,25 @@
 
 namespace lunet {
 
-/// An address that this process holds: a lock on <GUID>.lock, kept by the kernel until the process ends or
-/// gives it back, and a socket that listens at <GUID>.sock. Whoever has the lock may replace the socket
-/// file, so that what a crash left is taken over by exactly one.
+/// An address that this process holds: a listening socket at <GUID>.sock, and a lock on <GUID>.lock until the
+/// process ends. Only the lock's holder replaces the socket file, so exactly one process takes over the files
+/// of a crash.
 class Address {
  public:
   Address() = default;
   ~Address() { release(); }
-  Address(const Address&) = delete;
-  Address& operator=(const Address&) = delete;
 
-  /// kErrInUse when another has it, kErrPath or kErrSystem when it cannot be made; *why is one line.
-  Error claim(const SocketFolder& folder, const Guid& guid, std::string* why);
-  /// Takes the socket out of the folder: nobody finds it any more. The address stays held.
+  /// kErrInUse: another process holds the address. kErrPath, kErrSystem: the files cannot be made.
+  Result<void> claim(const SocketFolder& folder, const Guid& guid);
+  /// Removes the socket from the folder, so that no new caller finds the address. The address stays held.
   void hide();
   /// Gives the address up: removes both files and closes the socket.
   void release();
   int listener() const { return listener_.get(); }
 
  private:
-  Error lock(const std::string& path, const std::string& aside, bool agents, std::string* why);
-  Error listen(const SocketFolder& folder, const Guid& guid, std::string* why);
+  Result<void> lock(const std::string& path, const std::string& aside, bool agents);
+  Result<void> listen(const SocketFolder& folder, const Guid& guid);
 
   std::string lockPath_;
   std::string socketPath_;
@@ -36,8 +34,7 @@ class Address {
   platform::Descriptor listener_;
 };
 
-/// Removes what crashed endpoints left behind and their own users may not have come back to. For root and
-/// the folder's owner, who are the only ones who can.
+/// Removes the files of crashed endpoints, of other users too. Only root and the folder's owner can.
 void clearLeftovers(const SocketFolder& folder);
 
 }  // namespace lunet

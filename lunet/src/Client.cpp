@@ -23,16 +23,6 @@ using std::chrono::milliseconds;
 /// Between two attempts to reach the agent.
 constexpr milliseconds kConnectPause{20};
 
-/// "group" as it stands in the configuration; empty without one. False when it is not a text.
-bool readGroup(const Json::Value& config, std::string& name) {
-  const Json::Value& member = config["group"];
-  if (!member.isNull() && !member.isString()) {
-    return false;
-  }
-  name = member.isString() ? member.asString() : "";
-  return true;
-}
-
 }  // namespace
 
 IEndpoint* Client::CreateEndpoint() {
@@ -96,25 +86,23 @@ Error Client::configure(const char* text, const char* uuid) {
   log.name = uuid != nullptr ? uuid : "";
   bus_.log.open(std::move(log));
 
-  const std::string runtimePath = CppJson::readString(config, "runtime_path", "");
-  const std::string folder = socketDirectory(runtimePath, config);
-  if (folder.empty() || folder.front() != '/') {
-    bus_.log.write(BusLogLevel::kError,
-                   "the bus configuration names no absolute \"socket_dir\" and no absolute \"runtime_path\"");
+  const auto refuse = [this](const std::string& reason) {
+    bus_.log.write(BusLogLevel::kError, reason);
     return kErrArgument;
+  };
+  const std::string folder = socketDirectory(CppJson::readString(config, "runtime_path", ""), config);
+  if (!folder.starts_with('/')) {
+    return refuse("the bus configuration names no absolute \"socket_dir\" and no absolute \"runtime_path\"");
   }
-  std::string groupName;
-  if (!readGroup(config, groupName)) {
-    bus_.log.write(BusLogLevel::kError, "\"group\" in the bus configuration is not a text");
-    return kErrArgument;
+  const Json::Value group = config["group"];
+  if (!group.isNull() && !group.isString()) {
+    return refuse("\"group\" in the bus configuration is not a text");
   }
   bus_.folder = {folder, std::nullopt};
-  if (!groupName.empty()) {
-    bus_.folder.group = platform::groupId(groupName);
+  if (const std::string name = group.isString() ? group.asString() : ""; !name.empty()) {
+    bus_.folder.group = platform::groupId(name);
     if (!bus_.folder.group) {
-      bus_.log.write(BusLogLevel::kError,
-                     "the group \"" + groupName + "\" of the bus configuration does not exist");
-      return kErrArgument;
+      return refuse("the group \"" + name + "\" of the bus configuration does not exist");
     }
   }
   bus_.rule = {geteuid(), bus_.folder.group};
@@ -137,13 +125,15 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
     const bool look = limit <= milliseconds(0);
     const Clock::time_point deadline = Clock::now() + limit;
     for (;;) {
-      std::string why;
-      const Error error = connectOnce(deadline, !look, &why);
+      Result<void> reached = connectOnce(deadline, !look);
+      const Error error = reached ? kOk : reached.error().error;
       const bool absent = error == kErrNoTarget || error == kErrTimeout || error == kErrQueueFull;
-      if (error == kOk || !absent || Clock::now() + kConnectPause >= deadline) {
-        const Error found = error == kErrTimeout ? kErrNoTarget : error;
-        noteReached(found, look, why);
-        return found;
+      if (!absent || Clock::now() + kConnectPause >= deadline) {
+        if (error == kErrTimeout) {
+          reached.error().error = kErrNoTarget;
+        }
+        logChange(reached, look);
+        return reached ? kOk : reached.error().error;
       }
       std::this_thread::sleep_for(kConnectPause);
     }
@@ -153,37 +143,36 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
   }
 }
 
-/// Of looks, which come often, only those that find a change are logged.
-void Client::noteReached(Error found, bool look, const std::string& why) {
+/// A look comes often, so only a look with another result than the last call is logged.
+void Client::logChange(const Result<void>& found, bool look) {
+  const Error error = found ? kOk : found.error().error;
   {
     const std::lock_guard lock(mutex_);
-    if (std::exchange(lastFound_, found) == found && look) {
+    if (std::exchange(lastFound_, error) == error && look) {
       return;
     }
   }
-  if (found == kOk) {
+  if (found) {
     bus_.log.write(BusLogLevel::kInfo, "the agent accepts");
   } else {
-    bus_.log.write(BusLogLevel::kError, "the agent is not reached: " + why);
+    bus_.log.write(BusLogLevel::kError, "the agent is not reached: " + found.error().reason);
   }
 }
 
-Error Client::connectOnce(Clock::time_point deadline, bool greet, std::string* why) const {
-  const FolderCheck folder = checkFolder(bus_.folder);
-  if (folder.error != kOk) {
-    *why = folder.why;
-    return folder.error;
-  }
-  DialRequest request;
-  request.folder = &bus_.folder;
-  request.folderOwner = folder.owner;
-  request.rule = bus_.rule;
-  request.target = parseGuid(kAgentGuid);
-  request.deadline = deadline;
-  request.greet = greet;
-  const Dialled dialled = dial(request);
-  *why = bus_.folder.socketPath(request.target) + ": " + dialled.why;
-  return dialled.error;
+Result<void> Client::connectOnce(Clock::time_point deadline, bool handshake) const {
+  return checkFolder(bus_.folder).and_then([&](uid_t owner) -> Result<void> {
+    const Guid agent = parseGuid(kAgentGuid);
+    const Result<Dialled> dialled = dial({.folder = &bus_.folder,
+                                          .folderOwner = owner,
+                                          .rule = bus_.rule,
+                                          .target = agent,
+                                          .deadline = deadline,
+                                          .handshake = handshake});
+    if (!dialled) {
+      return failed(dialled.error().error, bus_.folder.socketPath(agent) + ": " + dialled.error().reason);
+    }
+    return {};
+  });
 }
 
 void Client::Disconnect() {

@@ -11,7 +11,7 @@
 
 namespace lunet {
 
-/// The bus client: its configuration, its log, and the endpoints made with it.
+/// The bus client: its configuration, its log and its endpoints.
 class Client final : public IClient {
  public:
   Client() = default;
@@ -28,14 +28,14 @@ class Client final : public IClient {
 
  private:
   Error configure(const char* config, const char* uuid);
-  Error connectOnce(std::chrono::steady_clock::time_point deadline, bool greet, std::string* why) const;
-  void noteReached(Error found, bool look, const std::string& why);
+  Result<void> connectOnce(std::chrono::steady_clock::time_point deadline, bool handshake) const;
+  void logChange(const Result<void>& found, bool look);
 
   Bus bus_;
   std::mutex mutex_;  // guards what follows
   bool ready_ = false;
   std::int32_t connectTimeoutMs_ = -1;  ///< below 0: only the argument counts
-  std::optional<Error> lastFound_;      ///< what the last Connect came to
+  std::optional<Error> lastFound_;      ///< the last result of Connect
   std::vector<std::unique_ptr<Endpoint>> endpoints_;
 };
 

@@ -11,12 +11,12 @@ namespace lunet {
 
 namespace {
 
-/// How long a listener may take to welcome us; only one that was stopped needs it.
-constexpr std::chrono::seconds kWelcomeTime{3};
-/// How long closing waits for what is queued to reach receivers that are slow to take it.
+/// The limit of a handshake. Only a listener that was stopped needs so long.
+constexpr std::chrono::seconds kHandshakeTime{3};
+/// The limit of closing for queued messages to slow receivers.
 constexpr std::chrono::seconds kLinger{1};
 
-/// The program's signals are for its own threads.
+/// Threads that start meanwhile block all signals: the program's signals are for its own threads.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -37,30 +37,30 @@ class SignalsBlocked {
 Core::Core(Bus& bus, Receivers& receivers)
     : bus_(bus),
       receivers_(receivers),
-      reception_(io_, bus.folder, bus.rule, bus.log, [this](Guest guest) { welcome(std::move(guest)); }) {}
+      acceptor_(io_, bus.folder, bus.rule, bus.log, [this](AcceptedPeer peer) { admit(std::move(peer)); }) {}
 
 Core::~Core() {
   close();
 }
 
 Error Core::open(const Guid& self) {
-  const FolderCheck folder = prepareFolder(bus_.folder);
-  if (folder.error != kOk) {
-    bus_.log.write(BusLogLevel::kError, folder.why);
-    return folder.error;
+  const Result<uid_t> owner = prepareFolder(bus_.folder);
+  if (!owner) {
+    bus_.log.write(BusLogLevel::kError, owner.error().reason);
+    return owner.error().error;
   }
   self_ = self;
-  folderOwner_ = folder.owner;
-  if (geteuid() == 0 || geteuid() == folder.owner) {
+  folderOwner_ = *owner;
+  if (geteuid() == 0 || geteuid() == folderOwner_) {
     clearLeftovers(bus_.folder);
   }
-  std::string why;
-  if (const Error error = address_.claim(bus_.folder, self, &why); error != kOk) {
-    bus_.log.write(BusLogLevel::kError, "address " + formatGuid(self) + " cannot be opened: " + why);
-    return error;
+  if (const Result<void> claimed = address_.claim(bus_.folder, self); !claimed) {
+    bus_.log.write(BusLogLevel::kError,
+                   "address " + formatGuid(self) + " cannot be opened: " + claimed.error().reason);
+    return claimed.error().error;
   }
   watcher_.start();
-  reception_.start(address_.listener(), self, folderOwner_);
+  acceptor_.start(address_.listener(), self, folderOwner_);
   ioWork_.emplace(io_.get_executor());
   const SignalsBlocked guard;
   ioThread_ = std::thread([this] { runLoop(io_, "lunet-io"); });
@@ -72,15 +72,14 @@ Error Core::open(const Guid& self) {
   return kOk;
 }
 
-/// Outgoing first, then what callbacks still answer, then the rest: nothing that was accepted is cut off by
-/// the order in which this ends.
+/// The order loses no accepted message: first outgoing messages, then answers of callbacks, then the rest.
 void Core::close() {
   if (closing_.exchange(true)) {
     return;
   }
   const Clock::time_point deadline = Clock::now() + kLinger;
   address_.hide();
-  for (const std::shared_ptr<OutgoingLink>& link : links()) {
+  for (const std::shared_ptr<OutgoingLink>& link : outgoingLinks()) {
     link->waitUntilDrained(deadline);
     link->shut(kErrNotOpen);
   }
@@ -88,21 +87,21 @@ void Core::close() {
   if (deliveryThread_.joinable()) {
     deliveryThread_.join();
   }
-  for (const std::shared_ptr<IncomingLink>& guest : guests()) {
-    guest->waitUntilDrained(deadline);
+  for (const std::shared_ptr<IncomingLink>& link : incomingLinks()) {
+    link->waitUntilDrained(deadline);
   }
   io_.stop();
   if (ioThread_.joinable()) {
     ioThread_.join();
   }
-  for (const std::shared_ptr<IncomingLink>& guest : guests()) {
-    guest->close();
+  for (const std::shared_ptr<IncomingLink>& link : incomingLinks()) {
+    link->close();
   }
   address_.release();
   bus_.log.write(BusLogLevel::kInfo, "address " + formatGuid(self_) + " is closed");
 }
 
-std::vector<std::shared_ptr<OutgoingLink>> Core::links() {
+std::vector<std::shared_ptr<OutgoingLink>> Core::outgoingLinks() {
   std::vector<std::shared_ptr<OutgoingLink>> found;
   const std::lock_guard lock(targetsMutex_);
   for (const auto& [guid, target] : targets_) {
@@ -114,20 +113,20 @@ std::vector<std::shared_ptr<OutgoingLink>> Core::links() {
   return found;
 }
 
-std::set<std::shared_ptr<IncomingLink>> Core::guests() {
-  const std::lock_guard lock(guestsMutex_);
-  return guests_;
+std::set<std::shared_ptr<IncomingLink>> Core::incomingLinks() {
+  const std::lock_guard lock(incomingMutex_);
+  return incoming_;
 }
 
 Error Core::send(const Guid& target, const PeerIdentity* process, std::uint32_t channel, const void* data,
                  std::uint32_t length) {
   for (int attempt = 0;; ++attempt) {
-    std::shared_ptr<OutgoingLink> link;
-    if (const Error error = linkTo(target, process, Clock::time_point::max(), link); error != kOk) {
-      return error;
+    const LinkOrError link = linkTo(target, process, Clock::time_point::max());
+    if (!link) {
+      return link.error();
     }
-    const Error error = link->send(channel, data, length);
-    if (error != kErrPeerLost || attempt > 0) {  // once more: it may be there again
+    const Error error = (*link)->send(channel, data, length);
+    if (error != kErrPeerLost || attempt > 0) {  // once more: the peer may be back
       return error == kErrPeerLost ? kErrNoTarget : error;
     }
   }
@@ -138,17 +137,17 @@ OutgoingLink::Answer Core::call(const Guid& target, std::uint32_t channel, const
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   OutgoingLink::Answer answer;
   if (target == self_ && onDeliveryThread()) {
-    answer.error = kErrArgument;  // the thread that would have to deliver it is waiting here
+    answer.error = kErrArgument;  // this thread would have to deliver the call
     return answer;
   }
   for (int attempt = 0; attempt < 2; ++attempt) {
-    std::shared_ptr<OutgoingLink> link;
-    answer.error = linkTo(target, nullptr, deadline, link);
-    if (answer.error != kOk) {
+    const LinkOrError link = linkTo(target, nullptr, deadline);
+    if (!link) {
+      answer.error = link.error();
       return answer;
     }
     bool sent = false;
-    answer = link->call(channel, data, length, deadline, &sent);
+    answer = (*link)->call(channel, data, length, deadline, &sent);
     if (sent || answer.error != kErrPeerLost) {
       return answer;
     }
@@ -165,17 +164,12 @@ Error Core::reply(std::uint64_t messageId, const void* data, std::uint32_t lengt
   if (!link) {
     return kErrPeerLost;
   }
-  FrameHeader header;
-  header.id = pending->callId;
   if (length > kMaxMessageBytes) {
-    header.kind = FrameKind::kRefusal;
-    header.channel = kErrTooLarge;
-    (void)link->answer(header, nullptr);
+    (void)link->answer({.kind = FrameKind::kRefusal, .channel = kErrTooLarge, .id = pending->callId},
+                       nullptr);
     return kErrTooLarge;
   }
-  header.kind = FrameKind::kAnswer;
-  header.length = length;
-  return link->answer(header, data);
+  return link->answer({.kind = FrameKind::kAnswer, .length = length, .id = pending->callId}, data);
 }
 
 const IncomingLink* Core::currentPeer() const {
@@ -204,11 +198,7 @@ void Core::deliver(IncomingLink& link, const FrameHeader& header, std::string_vi
   bus_.log.write(BusLogLevel::kWarning, "a message on channel " + std::to_string(header.channel) + " from " +
                                             describePeer(link.guid(), link.identity()) + " has no receiver");
   if (request) {
-    FrameHeader refusal;
-    refusal.kind = FrameKind::kRefusal;
-    refusal.channel = kErrNoTarget;
-    refusal.id = header.id;
-    (void)link.answer(refusal, nullptr);
+    (void)link.answer({.kind = FrameKind::kRefusal, .channel = kErrNoTarget, .id = header.id}, nullptr);
   }
 }
 
@@ -217,27 +207,26 @@ void Core::ended(IncomingLink& link) {
     const std::lock_guard lock(repliesMutex_);
     std::erase_if(replies_, [&link](const auto& entry) { return entry.second.link.lock().get() == &link; });
   }
-  const std::lock_guard lock(guestsMutex_);
-  guests_.erase(link.shared_from_this());
+  const std::lock_guard lock(incomingMutex_);
+  incoming_.erase(link.shared_from_this());
 }
 
-/// The io thread hands a caller to the delivery thread.
-void Core::welcome(Guest guest) {
-  const auto link = std::make_shared<IncomingLink>(std::move(guest), delivery_, watcher_, bus_.log,
-                                                   static_cast<Recipient&>(*this));
+/// On the io thread: hands the peer to the delivery thread.
+void Core::admit(AcceptedPeer peer) {
+  const auto link = std::make_shared<IncomingLink>(std::move(peer), delivery_, watcher_, bus_.log, *this);
   {
-    const std::lock_guard lock(guestsMutex_);
-    guests_.insert(link);
+    const std::lock_guard lock(incomingMutex_);
+    incoming_.insert(link);
   }
   try {
     link->start();
-  } catch (...) {  // nobody would read it: its caller sees the end
+  } catch (...) {  // no thread would read the link; closed, its caller sees the end
     link->close();
     throw;
   }
 }
 
-/// A reply context is the message's number, never a pointer to something that may be gone.
+/// A reply context is the message's number: a pointer could outlive its object.
 void* Core::expectReply(IncomingLink& link, std::uint64_t messageId, std::uint64_t callId) {
   const std::lock_guard lock(repliesMutex_);
   replies_.emplace(messageId, PendingReply{link.weak_from_this(), callId});
@@ -260,9 +249,9 @@ std::shared_ptr<Core::Target> Core::targetAt(const Guid& guid) {
   return target;
 }
 
-/// Runs it without the lock, while the others wait; whatever comes of it, they go on.
+/// Runs `dial` without the lock while other threads wait for its end.
 template <class Dial>
-Error Core::dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial dial) {
+Core::LinkOrError Core::dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial dial) {
   const auto done = [&] {
     lock.lock();
     target.dialling = false;
@@ -271,72 +260,72 @@ Error Core::dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial d
   target.dialling = true;
   lock.unlock();
   try {
-    const Error error = dial();
+    LinkOrError link = dial();
     done();
-    return error;
+    return link;
   } catch (...) {
     done();
     throw;
   }
 }
 
-/// The connection to that address, made when there is none; one at a time for each address.
-Error Core::linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
-                   std::shared_ptr<OutgoingLink>& link) {
+/// The connection to an address, made when there is none. Other threads wait meanwhile.
+Core::LinkOrError Core::linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline) {
   const std::shared_ptr<Target> target = targetAt(guid);
   std::unique_lock lock(target->mutex);
   if (target->dialling) {  // by another thread
-    deadline = std::min(deadline, Clock::now() + kWelcomeTime);
+    deadline = std::min(deadline, Clock::now() + kHandshakeTime);
     if (!target->dialled.wait_until(lock, deadline, [&] { return !target->dialling; })) {
-      return kErrTimeout;
+      return tl::unexpected(kErrTimeout);
     }
   }
   if (closing_) {
-    return kErrNotOpen;
+    return tl::unexpected(kErrNotOpen);
   }
   if (target->link && target->link->alive()) {
-    link = target->link;
-    if (process == nullptr) {
-      return link->trusted() ? kOk : kErrDenied;
+    const OutgoingLink& link = *target->link;
+    if (process != nullptr && !(*process == link.identity())) {
+      return tl::unexpected(kErrNotSame);
     }
-    return !(*process == link->identity()) ? kErrNotSame : link->admitted() ? kOk : kErrDenied;
+    if (!(process == nullptr ? link.trusted() : link.admitted())) {
+      return tl::unexpected(kErrDenied);
+    }
+    return target->link;
   }
-  const Error error = dialAlone(*target, lock, [&] { return dialTo(guid, process, deadline, link); });
+  LinkOrError link = dialAlone(*target, lock, [&] { return dialTo(guid, process, deadline); });
   if (closing_ && link) {
-    link->shut(kErrNotOpen);
-    return kErrNotOpen;
+    (*link)->shut(kErrNotOpen);
+    return tl::unexpected(kErrNotOpen);
   }
-  target->link = link;
-  return error;
+  target->link = link.value_or(nullptr);
+  return link;
 }
 
-Error Core::dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
-                   std::shared_ptr<OutgoingLink>& link) {
+Core::LinkOrError Core::dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline) {
   forgetDeadLinks();
-  DialRequest request;
-  request.folder = &bus_.folder;
-  request.folderOwner = folderOwner_;
-  request.rule = bus_.rule;
-  request.self = self_;
-  request.target = guid;
-  request.process = process;
-  request.deadline = std::min(deadline, Clock::now() + kWelcomeTime);
-  request.cancelled = &closing_;
-  Dialled dialled = dial(request);
-  if (dialled.error != kOk) {
-    const Log::Level level = dialled.error == kErrNoTarget ? BusLogLevel::kInfo : BusLogLevel::kError;
-    bus_.log.write(level, "address " + formatGuid(guid) + " is not reached: " + dialled.why);
-    return dialled.error;
+  Result<Dialled> dialled = dial({.folder = &bus_.folder,
+                                  .folderOwner = folderOwner_,
+                                  .rule = bus_.rule,
+                                  .self = self_,
+                                  .target = guid,
+                                  .process = process,
+                                  .deadline = std::min(deadline, Clock::now() + kHandshakeTime),
+                                  .cancelled = &closing_});
+  if (!dialled) {
+    const Failure& failure = dialled.error();
+    const Log::Level level = failure.error == kErrNoTarget ? BusLogLevel::kInfo : BusLogLevel::kError;
+    bus_.log.write(level, "address " + formatGuid(guid) + " is not reached: " + failure.reason);
+    return tl::unexpected(failure.error);
   }
-  const std::string name = describePeer(guid, dialled.identity);
-  link = std::make_shared<OutgoingLink>(std::move(dialled), watcher_, bus_.log, name);
+  const std::string name = describePeer(guid, dialled->identity);
+  auto link = std::make_shared<OutgoingLink>(std::move(*dialled), watcher_, bus_.log, name);
   link->start();
   bus_.log.write(BusLogLevel::kInfo, "connected to " + name);
-  return kOk;
+  return link;
 }
 
-/// Addresses come and go (a tool's is its own each time): what is dead and unused is dropped before anything
-/// new is made, so their number stays that of the living.
+/// Drops targets that are dead and unused, before a new one is made. Addresses come and go (a tool has a
+/// fresh one each time), so targets_ would grow without end.
 void Core::forgetDeadLinks() {
   const std::lock_guard lock(targetsMutex_);
   std::erase_if(targets_, [](const auto& entry) {
@@ -345,7 +334,7 @@ void Core::forgetDeadLinks() {
   });
 }
 
-/// A handler that throws costs itself, never the thread.
+/// A handler that throws does not end the thread.
 template <class Loop>
 void Core::runLoop(Loop& loop, const char* name) {
   pthread_setname_np(pthread_self(), name);

@@ -12,30 +12,29 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Acceptor.h"
 #include "Address.h"
 #include "OutgoingLink.h"
 #include "Receivers.h"
-#include "Reception.h"
 
 namespace lunet {
 
-/// What all endpoints of a client share; lives longer than they.
+/// The parts that all endpoints of a client share. Outlives the endpoints.
 struct Bus {
   SocketFolder folder;
   AccessRule rule;
   Log log;
 };
 
-/// An endpoint while it is open. Two threads: the io thread accepts, flushes and notices hang-ups; the
-/// delivery thread reads incoming connections and runs the receivers, so that a message costs no change of
-/// threads and a slow receiver holds up nothing but its senders.
-class Core final : private Recipient {
+/// An endpoint while it is open. The io thread accepts, flushes and notices hang-ups. The delivery thread
+/// reads incoming connections and runs the receivers itself, so a slow receiver delays only its senders.
+class Core {
  public:
   Core(Bus& bus, Receivers& receivers);
   ~Core();
 
   Error open(const Guid& self);
-  /// Ends sends and calls with kErrNotOpen; callbacks under way may still reply. Returns when the threads
+  /// Ends sends and calls with kErrNotOpen. Callbacks under way may still reply. Returns when both threads
   /// have ended.
   void close();
 
@@ -44,6 +43,9 @@ class Core final : private Recipient {
   OutgoingLink::Answer call(const Guid& target, std::uint32_t channel, const void* data, std::uint32_t length,
                             std::uint32_t timeoutMs);
   Error reply(std::uint64_t messageId, const void* data, std::uint32_t length, void* replyContext);
+  /// Called by a link on the delivery thread; `ended` is the last call.
+  void deliver(IncomingLink& link, const FrameHeader& header, std::string_view body);
+  void ended(IncomingLink& link);
   /// The sender of the message that the calling thread is delivering; null outside a callback.
   const IncomingLink* currentPeer() const;
   bool trusts(uid_t uid) const { return bus_.rule.trusts(uid, folderOwner_); }
@@ -57,29 +59,26 @@ class Core final : private Recipient {
     bool dialling = false;
     std::shared_ptr<OutgoingLink> link;
   };
+  using LinkOrError = tl::expected<std::shared_ptr<OutgoingLink>, Error>;
   struct PendingReply {
     std::weak_ptr<IncomingLink> link;
     std::uint64_t callId = 0;
   };
 
-  void deliver(IncomingLink& link, const FrameHeader& header, std::string_view body) override;
-  void ended(IncomingLink& link) override;
-  void welcome(Guest guest);
+  void admit(AcceptedPeer peer);
   void* expectReply(IncomingLink& link, std::uint64_t messageId, std::uint64_t callId);
   std::optional<PendingReply> takePending(void* replyContext);
 
   std::shared_ptr<Target> targetAt(const Guid& guid);
   template <class Dial>
-  static Error dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial dial);
-  Error linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
-               std::shared_ptr<OutgoingLink>& link);
-  Error dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline,
-               std::shared_ptr<OutgoingLink>& link);
+  static LinkOrError dialAlone(Target& target, std::unique_lock<std::mutex>& lock, Dial dial);
+  LinkOrError linkTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline);
+  LinkOrError dialTo(const Guid& guid, const PeerIdentity* process, Clock::time_point deadline);
   void forgetDeadLinks();
   template <class Loop>
   void runLoop(Loop& loop, const char* name);
-  std::vector<std::shared_ptr<OutgoingLink>> links();
-  std::set<std::shared_ptr<IncomingLink>> guests();
+  std::vector<std::shared_ptr<OutgoingLink>> outgoingLinks();
+  std::set<std::shared_ptr<IncomingLink>> incomingLinks();
 
   Bus& bus_;
   Receivers& receivers_;
@@ -90,7 +89,7 @@ class Core final : private Recipient {
   DeliveryLoop delivery_;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> ioWork_;
   Watcher watcher_{io_};
-  Reception reception_;
+  Acceptor acceptor_;
   std::thread ioThread_;
   std::thread deliveryThread_;
   std::atomic<std::thread::id> deliveryId_{};
@@ -99,8 +98,8 @@ class Core final : private Recipient {
   std::mutex targetsMutex_;
   std::map<Guid, std::shared_ptr<Target>> targets_;
 
-  std::mutex guestsMutex_;
-  std::set<std::shared_ptr<IncomingLink>> guests_;
+  std::mutex incomingMutex_;
+  std::set<std::shared_ptr<IncomingLink>> incoming_;
 
   std::mutex repliesMutex_;
   std::unordered_map<std::uint64_t, PendingReply> replies_;

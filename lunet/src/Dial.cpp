@@ -18,13 +18,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-Dialled failed(Error error, const char* why) {
-  Dialled result;
-  result.error = error;
-  result.why = why;
-  return result;
-}
-
 bool over(const DialRequest& request) {
   return Clock::now() >= request.deadline || (request.cancelled != nullptr && request.cancelled->load());
 }
@@ -33,7 +26,7 @@ Error afterWaiting(const DialRequest& request) {
   return request.cancelled != nullptr && request.cancelled->load() ? kErrNotOpen : kErrTimeout;
 }
 
-/// kOk, or why not. A listener whose queue of new connections is full is tried again until the deadline.
+/// Tries a listener with a full queue of connections again until the deadline.
 Error connectTo(int fd, const sockaddr_un& address, const DialRequest& request) {
   for (;;) {
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
@@ -60,28 +53,26 @@ Error connectTo(int fd, const sockaddr_un& address, const DialRequest& request) 
   }
 }
 
-/// A failure shows when the welcome is read: a listener that refuses us says so before it hangs up.
+/// A failure shows in readHelloReply: a listener that refuses this process replies before it hangs up.
 void sendHello(int fd, const DialRequest& request) {
   struct {
     FrameHeader header;
     HelloBody body;
-  } hello{};
-  hello.header.kind = FrameKind::kHello;
-  hello.header.length = sizeof hello.body;
-  hello.header.channel = request.self == Guid{} ? kProbe : 0;
-  hello.body = {request.self, request.target};
+  } const hello{{.kind = FrameKind::kHello,
+                 .channel = request.self == Guid{} ? kProbe : 0,
+                 .length = sizeof hello.body},
+                {request.self, request.target}};
   (void)send(fd, &hello, sizeof hello, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-Error readWelcome(int fd, const DialRequest& request) {
+Error readHelloReply(int fd, const DialRequest& request) {
   struct {
     FrameHeader header;
     Guid listener;
-  } welcome{};
+  } reply{};
   std::size_t have = 0;
-  while (have < sizeof welcome) {
-    const ssize_t count =
-        recv(fd, reinterpret_cast<char*>(&welcome) + have, sizeof welcome - have, MSG_DONTWAIT);
+  while (have < sizeof reply) {
+    const ssize_t count = recv(fd, reinterpret_cast<char*>(&reply) + have, sizeof reply - have, MSG_DONTWAIT);
     if (count > 0) {
       have += static_cast<std::size_t>(count);
     } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
@@ -91,20 +82,20 @@ Error readWelcome(int fd, const DialRequest& request) {
     } else {
       const auto left = std::chrono::duration_cast<milliseconds>(request.deadline - Clock::now()).count() + 1;
       pollfd waiting{fd, POLLIN, 0};
-      poll(&waiting, 1, static_cast<int>(std::clamp<long long>(left, 1, 50)));  // looks for `cancelled` then
+      poll(&waiting, 1, static_cast<int>(std::clamp<long long>(left, 1, 50)));  // then looks at `cancelled`
     }
   }
-  if (whyBad(welcome.header) != nullptr || welcome.header.kind != FrameKind::kWelcome ||
-      welcome.header.length != sizeof welcome.listener) {
+  if (defectOf(reply.header) != nullptr || reply.header.kind != FrameKind::kHelloReply ||
+      reply.header.length != sizeof reply.listener) {
     return kErrDenied;
   }
-  if (welcome.header.channel != kOk) {
-    return static_cast<Error>(welcome.header.channel);
+  if (reply.header.channel != kOk) {
+    return static_cast<Error>(reply.header.channel);
   }
-  return welcome.listener == request.target ? kOk : kErrDenied;
+  return reply.listener == request.target ? kOk : kErrDenied;
 }
 
-/// Whether the process that listens there is one that may be talked to.
+/// Fills result, and checks that this process may talk to the listener.
 Error judge(const DialRequest& request, const Peer& peer, Dialled& result) {
   result.identity = peer.identity;
   result.trusted = request.rule.trusts(peer.identity.uid, request.folderOwner);
@@ -120,7 +111,7 @@ Error judge(const DialRequest& request, const Peer& peer, Dialled& result) {
 
 }  // namespace
 
-Dialled dial(const DialRequest& request) {
+Result<Dialled> dial(const DialRequest& request) {
   const std::optional<sockaddr_un> address = socketAddress(request.folder->socketPath(request.target));
   if (!address) {
     return failed(kErrPath, "the socket's path is longer than the system allows");
@@ -140,11 +131,11 @@ Dialled dial(const DialRequest& request) {
   if (const Error error = judge(request, *peer, result); error != kOk) {
     return failed(error, "the process that listens there is not one that may be talked to");
   }
-  if (!request.greet) {
+  if (!request.handshake) {
     return result;
   }
   sendHello(result.fd.get(), request);
-  if (const Error error = readWelcome(result.fd.get(), request); error != kOk) {
+  if (const Error error = readHelloReply(result.fd.get(), request); error != kOk) {
     return failed(error, error == kErrTimeout ? "it does not answer" : "it does not welcome us");
   }
   return result;

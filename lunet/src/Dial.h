@@ -14,26 +14,23 @@ struct DialRequest {
   const SocketFolder* folder = nullptr;
   uid_t folderOwner = 0;
   AccessRule rule;
-  Guid self{};  ///< sixteen zero bytes: a probe, which only learns whether the endpoint accepts
+  Guid self{};  ///< sixteen zero bytes: a probe, which learns only whether the endpoint accepts
   Guid target{};
-  const PeerIdentity* process = nullptr;  ///< only this one will do, whoever it is; null: the plain rule
+  const PeerIdentity* process = nullptr;  ///< the only process to accept, trusted or not; null: any trusted
   std::chrono::steady_clock::time_point deadline;
-  /// False: only a look whether one that may be talked to listens there.
-  bool greet = true;
+  bool handshake = true;                         ///< false: only check that a permitted process listens
   const std::atomic<bool>* cancelled = nullptr;  ///< may be null
 };
 
-/// How it went. Only with kOk is there a connection, welcomed by the listener if it was greeted.
+/// A connection, behind its handshake if one was requested.
 struct Dialled {
-  Error error = kOk;
-  const char* why = "";
   platform::Descriptor fd;
   PeerIdentity identity;
-  bool trusted = false;   ///< whom plain sends may reach (AccessRule)
-  bool admitted = false;  ///< may join the bus: whom SendToProcess may reach
+  bool trusted = false;   ///< plain sends may reach the process (AccessRule)
+  bool admitted = false;  ///< the process may join the bus, so SendToProcess may reach it
 };
 
-/// Any thread. Fails at once when nobody listens; waits for the welcome of one who does until the deadline.
-Dialled dial(const DialRequest& request);
+/// Any thread. Fails at once when no process listens; waits for the hello reply until the deadline.
+Result<Dialled> dial(const DialRequest& request);
 
 }  // namespace lunet

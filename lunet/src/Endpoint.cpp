@@ -25,7 +25,7 @@ class Endpoint::Use {
     ++users_;
     core_ = endpoint.core_;
   }
-  ~Use() { --users_; }  // the last that is touched: the endpoint may be gone behind it
+  ~Use() { --users_; }  // last: the endpoint may be gone afterwards
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
   Core* core() const { return core_; }
@@ -35,7 +35,7 @@ class Endpoint::Use {
   Core* core_ = nullptr;
 };
 
-/// Runs it with the open core; what it throws (no memory, no descriptors) ends here.
+/// Runs the operation with the open core; an exception (no memory, no descriptors) becomes kErrSystem.
 template <class Operation>
 Error Endpoint::run(Operation operation) {
   try {
@@ -79,7 +79,7 @@ void Endpoint::Close() {
     owned_->close();
   }
   core_ = nullptr;
-  while (users_ != 0) {  // they end at once now; nobody is kept by having to wake us
+  while (users_ != 0) {  // all end soon; polling spares each operation a wake-up
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   owned_.reset();

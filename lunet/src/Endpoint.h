@@ -10,8 +10,8 @@
 
 namespace lunet {
 
-/// The endpoint as its users hold it: looks at the arguments, keeps exceptions in, and makes closing wait
-/// for the operations that other threads are in.
+/// The endpoint as its users hold it: checks arguments, catches exceptions, and lets Close wait for the
+/// operations of other threads.
 class Endpoint final : public IEndpoint {
  public:
   explicit Endpoint(Bus& bus) : bus_(bus) {}
@@ -35,7 +35,7 @@ class Endpoint final : public IEndpoint {
                               const void* data, std::uint32_t length) override;
 
  private:
-  /// The open endpoint for the length of one operation; none when it is closed.
+  /// The open endpoint for the time of one operation.
   class Use;
   template <class Operation>
   Error run(Operation operation);
@@ -46,8 +46,8 @@ class Endpoint final : public IEndpoint {
   Receivers receivers_;
   std::mutex mutex_;             // held by Open and Close
   std::unique_ptr<Core> owned_;  // guarded by mutex_
-  // Every operation counts itself and then looks for the core; Close takes the core away and then waits for
-  // the count. Two atomics instead of a lock: they are on the way of every message.
+  // Every operation counts itself and then reads core_. Close clears core_ and then waits for the count.
+  // Atomics instead of a lock, because every message comes this way.
   std::atomic<Core*> core_{nullptr};
   std::atomic<int> users_{0};
 };

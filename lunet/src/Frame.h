@@ -1,7 +1,7 @@
 #pragma once
 
-// What travels between two endpoints: a header of fixed size, then `length` bytes. Both ends are on one
-// machine, so numbers travel in host order. Either side closes a connection whose header makes no sense.
+// A frame between two endpoints: a header of fixed size, then `length` bytes. Numbers are in host order,
+// since both ends are on one machine. Either side closes a connection with a defective header.
 
 #include <cstdint>
 #include <type_traits>
@@ -14,8 +14,9 @@ inline constexpr std::uint32_t kFrameMagic = 0x54454E4C;  // "LNET" in memory on
 inline constexpr std::uint16_t kFrameVersion = 1;
 
 enum class FrameKind : std::uint16_t {
-  kHello = 1,    ///< first frame of the caller: a HelloBody; channel 1 = a probe that will send nothing
-  kWelcome = 2,  ///< first frame of the listener: its GUID; channel = 0 or the Error that ends it here
+  kHello = 1,  ///< first frame of the caller: a HelloBody; channel 1: a probe, which sends nothing else
+  kHelloReply =
+      2,         ///< first frame of the listener: its GUID; channel 0, or the Error that ends the connection
   kRequest = 3,  ///< caller to listener; id is the caller's own
   kAnswer = 4,   ///< listener to caller; id is the request's
   kRefusal = 5,  ///< listener to caller, no body: the request's answer is the Error in channel
@@ -27,21 +28,21 @@ struct FrameHeader {
   std::uint16_t version = kFrameVersion;
   FrameKind kind = FrameKind::kOneway;
   std::uint32_t channel = 0;
-  std::uint32_t length = 0;  ///< of what follows, at most kMaxMessageBytes
+  std::uint32_t length = 0;  ///< of the body, at most kMaxMessageBytes
   std::uint64_t id = 0;
 };
 static_assert(sizeof(FrameHeader) == 24 && std::is_trivially_copyable_v<FrameHeader>);
 
 struct HelloBody {
   Guid caller{};  ///< sixteen zero bytes in a probe
-  Guid target{};  ///< whom the caller believes to have reached
+  Guid target{};  ///< the address that the caller means
 };
 static_assert(sizeof(HelloBody) == 32);
 
 inline constexpr std::uint32_t kProbe = 1;
 
-/// Why a header ends its connection; null when it is sound.
-inline const char* whyBad(const FrameHeader& header) {
+/// The defect that ends the connection of this header; null for a sound header.
+inline const char* defectOf(const FrameHeader& header) {
   if (header.magic != kFrameMagic) {
     return "wrong magic";
   }

@@ -45,7 +45,7 @@ FrameReader::Next FrameReader::next() {
       return Next::kMore;
     }
     std::memcpy(&header_, block_.get() + begin_, sizeof header_);
-    if (why_ = whyBad(header_); why_ != nullptr) {
+    if (why_ = defectOf(header_); why_ != nullptr) {
       return Next::kBad;
     }
     if (header_.length > maxLength_) {

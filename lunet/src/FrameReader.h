@@ -10,35 +10,34 @@
 
 namespace lunet {
 
-/// A buffer from malloc, so that it can grow in place and be handed over an interface of plain pointers.
+/// A buffer from malloc: realloc can grow the buffer, and a plain pointer can pass it on.
 struct FreeDeleter {
   void operator()(char* memory) const { std::free(memory); }
 };
 using MallocBuffer = std::unique_ptr<char, FreeDeleter>;
 
-/// Cuts the bytes of one connection into frames. Small frames are read many at a time into one block; a
-/// large one gets a buffer of its own, which grows with what has arrived, never with what was announced.
-/// One thread at a time.
+/// Cuts the bytes of one connection into frames. Small frames share one block. A large frame has a buffer
+/// that grows with the bytes that arrive, not with the announced length. One thread at a time.
 class FrameReader {
  public:
-  /// maxLength: of a frame's body, at most kMaxMessageBytes.
+  /// maxLength: the limit of a frame's body.
   explicit FrameReader(std::uint32_t maxLength = kMaxMessageBytes);
 
-  /// Where the next bytes go; never empty.
+  /// The space for the next bytes; never empty.
   std::span<char> space();
-  /// Tells how many bytes were put there.
+  /// To be called with the number of bytes put into space().
   void filled(std::size_t count);
 
   enum class Next { kFrame, kMore, kBad };
-  /// The next whole frame. Its body (see body()) is good until the following next() or space().
+  /// The next whole frame. Its body() is valid until the following next() or space().
   Next next();
   const FrameHeader& header() const { return header_; }
   std::string_view body() const { return {body_, header_.length}; }
-  /// The body of the current frame as a buffer of its own, a NUL behind it.
+  /// The body of the current frame in a buffer of its own, with a NUL behind.
   MallocBuffer takeBody();
-  /// After kBad: why.
-  const char* whyBadFrame() const { return why_; }
-  /// True when a frame has begun and is not whole: an end of the connection here is one in mid-frame.
+  /// After kBad.
+  const char* defect() const { return why_; }
+  /// True while a frame is incomplete: an end of the connection now cuts a frame.
   bool inFrame() const { return state_ == State::kLarge || begin_ != end_; }
 
  private:

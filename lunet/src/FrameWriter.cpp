@@ -17,11 +17,10 @@ namespace {
 constexpr std::size_t kChunkBytes = 64 << 10;
 constexpr std::size_t kChunksAtOnce = 16;
 
-/// Up to this size a frame is put together before it is sent: the system takes one piece 0.3 µs faster
-/// than two, and this is on the way of every call.
+/// A frame up to this size is sent as one piece: the system takes one piece 0.3 µs faster than two.
 constexpr std::size_t kOnePieceBytes = 4096;
 
-/// What the system said to a send: bytes taken, or one of the two below.
+/// Results of a send that took no bytes.
 constexpr ssize_t kNoRoom = -1;
 constexpr ssize_t kPeerGone = -2;
 
@@ -35,7 +34,7 @@ ssize_t sendSome(Send send) {
     if (errno == EINTR) {
       continue;
     }
-    // No memory for the kernel's buffers passes; the rest does not.
+    // A shortage of kernel buffers passes; other errors stay.
     const bool passes = errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS || errno == ENOMEM;
     return passes ? kNoRoom : kPeerGone;
   }
@@ -51,7 +50,7 @@ ssize_t sendPieces(int fd, iovec* parts, std::size_t count) {
 ssize_t sendFrame(int fd, const FrameHeader& header, const void* data) {
   const std::size_t whole = sizeof header + header.length;
   if (whole <= kOnePieceBytes) {
-    char piece[kOnePieceBytes];  // not initialised: all that is sent is written first
+    char piece[kOnePieceBytes];  // not initialised: only written bytes are sent
     std::memcpy(piece, &header, sizeof header);
     if (header.length > 0) {
       std::memcpy(piece + sizeof header, data, header.length);
@@ -68,39 +67,39 @@ ssize_t sendFrame(int fd, const FrameHeader& header, const void* data) {
 FrameWriter::FrameWriter(int fd, std::function<void(bool)> wantWrite)
     : fd_(fd), wantWrite_(std::move(wantWrite)) {}
 
-FrameWriter::Result FrameWriter::write(const FrameHeader& header, const void* data) {
+Error FrameWriter::write(const FrameHeader& header, const void* data) {
   const std::lock_guard lock(mutex_);
   if (closed_) {
-    return Result::kGone;
+    return kErrPeerLost;
   }
   std::size_t sent = 0;
   if (queuedBytes_ == 0) {
     switch (sendNow(header, data, sent)) {
       case Sent::kAll:
-        return Result::kTaken;
+        return kOk;
       case Sent::kGone:
-        return Result::kGone;
+        return kErrPeerLost;
       case Sent::kSome:
         break;
     }
   } else if (queuedBytes_ >= kQueueFullBytes) {
-    return Result::kFull;
+    return kErrQueueFull;
   }
   return keep(header, data, sent);
 }
 
-FrameWriter::Result FrameWriter::keep(const FrameHeader& header, const void* data, std::size_t alreadySent) {
+Error FrameWriter::keep(const FrameHeader& header, const void* data, std::size_t alreadySent) {
   try {
     const bool first = queuedBytes_ == 0;
     enqueue(header, data, alreadySent);
     if (first) {
       wantWrite_(true);
     }
-    return Result::kTaken;
+    return kOk;
   } catch (const std::exception&) {
     dropAll();
-    shutdown(fd_, SHUT_RDWR);  // both sides learn of it where they read
-    return Result::kBroken;
+    shutdown(fd_, SHUT_RDWR);  // the readers of both sides see the end
+    return kErrSystem;
   }
 }
 
@@ -161,7 +160,7 @@ void FrameWriter::enqueue(const FrameHeader& header, const void* data, std::size
     chunk.reserve(std::max(whole - alreadySent, kChunkBytes));
     queue_.push_back(std::move(chunk));
   }
-  std::string& chunk = queue_.back();  // has room: nothing below can fail
+  std::string& chunk = queue_.back();  // reserved: nothing below can fail
   if (alreadySent < sizeof header) {
     chunk.append(reinterpret_cast<const char*>(&header) + alreadySent, sizeof header - alreadySent);
   }

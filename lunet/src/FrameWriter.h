@@ -12,24 +12,23 @@
 
 namespace lunet {
 
-/// Queued bytes from which on a connection takes no more messages. A message is taken whole or not at all,
-/// so the queue may pass this by one message.
+/// A connection with so many queued bytes takes no more messages. A message is taken whole or not at all, so
+/// the queue may exceed the limit by one message.
 inline constexpr std::size_t kQueueFullBytes = 32 << 20;
 
-/// Puts frames on one socket, whole and in order, from any thread, without blocking. What the socket does
-/// not take at once is queued, up to kQueueFullBytes, and goes out when `wantWrite(true)`'s reader of
-/// events calls flush. The descriptor is not owned; nobody touches it here after close().
+/// Writes frames to one socket, whole and in order, without blocking. Any thread. The bytes that the socket
+/// does not take are queued until flush. The descriptor is not owned, and not used after close().
 class FrameWriter {
  public:
-  enum class Result { kTaken, kFull, kGone, kBroken };
-  /// wantWrite is called under the writer's lock, with true when bytes wait and with false when none do.
+  /// wantWrite: called under the writer's lock, with true when bytes begin to wait, with false when none
+  /// wait. The callee calls flush when the socket is writable.
   FrameWriter(int fd, std::function<void(bool)> wantWrite);
 
-  /// kGone: the other side has hung up (or close() was called); this frame did not reach it. kBroken: no
-  /// memory for what the socket did not take. The other side may have a part of the frame, and would take the
-  /// next one for the rest: the connection is shut and the writer closed.
-  Result write(const FrameHeader& header, const void* data);
-  /// Writes what the socket takes now. False when the other side is gone.
+  /// kErrPeerLost: the peer has hung up, or close() was called; the frame did not reach the peer.
+  /// kErrQueueFull: nothing was queued. kErrSystem: no memory to queue the rest of a frame; the connection is
+  /// shut and the writer closed, since the peer may have a part of the frame.
+  Error write(const FrameHeader& header, const void* data);
+  /// Writes the queued bytes that the socket takes now. False when the peer is gone.
   bool flush();
   void close();
   /// Waits until nothing is queued, or the writer is closed, or the deadline (monotonic) has passed.
@@ -39,7 +38,7 @@ class FrameWriter {
  private:
   enum class Sent { kAll, kSome, kGone };
   Sent sendNow(const FrameHeader& header, const void* data, std::size_t& sent);
-  Result keep(const FrameHeader& header, const void* data, std::size_t alreadySent);
+  Error keep(const FrameHeader& header, const void* data, std::size_t alreadySent);
   void dropAll();
   void enqueue(const FrameHeader& header, const void* data, std::size_t alreadySent);
   Sent sendQueue();

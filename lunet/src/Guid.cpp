@@ -1,26 +1,19 @@
 #include "lunet/Guid.h"
 
-#include <cstring>
+#include <algorithm>
+#include <bit>
+#include <charconv>
 #include <string_view>
+#include <utility>
 
 namespace lunet {
 
 namespace {
 
-/// The width of each field of the text, in order, and the bytes that it fills.
+/// The text form: a 0 for each digit.
 constexpr std::string_view kShape = "00000000-0000-0000-0000-000000000000";
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') {
-    return c - '0';
-  }
-  if (c >= 'a' && c <= 'f') {
-    return c - 'a' + 10;
-  }
-  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-/// The sixteen bytes in the order of the text; false when it is not of the shape.
+/// The sixteen bytes in the order of the text. False for a text of another shape.
 bool readBytes(std::string_view text, Guid& bytes) {
   if (text.size() == kShape.size() + 2 && text.front() == '{' && text.back() == '}') {
     text = text.substr(1, kShape.size());
@@ -30,36 +23,28 @@ bool readBytes(std::string_view text, Guid& bytes) {
   }
   std::size_t digits = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (kShape[i] == '-') {
-      if (text[i] != '-') {
-        return false;
-      }
+    if (kShape[i] == '-' && text[i] == '-') {
       continue;
     }
-    const int value = hexValue(text[i]);
-    if (value < 0) {
+    unsigned digit = 0;
+    const char* const at = text.data() + i;
+    if (kShape[i] == '-' || std::from_chars(at, at + 1, digit, 16).ptr == at) {
       return false;
     }
-    std::uint8_t& byte = bytes[digits / 2];
-    byte = static_cast<std::uint8_t>((byte << 4) | value);
-    ++digits;
+    std::uint8_t& byte = bytes[digits++ / 2];
+    byte = static_cast<std::uint8_t>((byte << 4) | digit);
   }
   return true;
 }
 
-/// Text order and travelling order differ in the first three fields on little-endian machines; the same
-/// step goes both ways.
-Guid swapToHostOrder(const Guid& bytes) {
-  Guid out = bytes;
-  const std::uint32_t first = static_cast<std::uint32_t>(bytes[0]) << 24 |
-                              static_cast<std::uint32_t>(bytes[1]) << 16 |
-                              static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3];
-  const auto second = static_cast<std::uint16_t>(bytes[4] << 8 | bytes[5]);
-  const auto third = static_cast<std::uint16_t>(bytes[6] << 8 | bytes[7]);
-  std::memcpy(out.data(), &first, 4);
-  std::memcpy(out.data() + 4, &second, 2);
-  std::memcpy(out.data() + 6, &third, 2);
-  return out;
+/// Converts between text order and host order; only the first three fields can differ.
+Guid swapToHostOrder(Guid bytes) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::reverse(bytes.begin(), bytes.begin() + 4);
+    std::swap(bytes[4], bytes[5]);
+    std::swap(bytes[6], bytes[7]);
+  }
+  return bytes;
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <new>
 #include <utility>
 
+#include "Core.h"
+
 namespace lunet {
 
 namespace {
@@ -20,21 +22,20 @@ std::string describePeer(const Guid& guid, const PeerIdentity& identity) {
          std::to_string(identity.uid) + ")";
 }
 
-IncomingLink::IncomingLink(Guest guest, DeliveryLoop& delivery, Watcher& watcher, Log& log,
-                           Recipient& recipient)
-    : guid_(guest.guid),
-      identity_(guest.identity),
-      fd_(std::move(guest.fd)),
-      place_(std::move(guest.place)),
+IncomingLink::IncomingLink(AcceptedPeer peer, DeliveryLoop& delivery, Watcher& watcher, Log& log, Core& core)
+    : guid_(peer.guid),
+      identity_(peer.identity),
+      fd_(std::move(peer.fd)),
+      slot_(std::move(peer.slot)),
       delivery_(delivery),
       watcher_(watcher),
       log_(log),
-      recipient_(recipient),
-      reader_(place_ ? kMaxMemberMessageBytes : kMaxMessageBytes),
-      writer_(fd_.get(), [this](bool want) { watchForRoom(want); }) {}
+      core_(core),
+      reader_(slot_ ? kMaxMemberMessageBytes : kMaxMessageBytes),
+      writer_(fd_.get(), [this](bool want) { watchWritable(want); }) {}
 
 IncomingLink::~IncomingLink() {
-  watchForRoom(false);
+  watchWritable(false);
 }
 
 void IncomingLink::start() {
@@ -45,39 +46,24 @@ void IncomingLink::close() {
   if (std::exchange(closed_, true)) {
     return;
   }
-  writer_.close();  // behind this no other thread touches the descriptor
-  watchForRoom(false);
+  writer_.close();  // from here on no other thread uses the descriptor
+  watchWritable(false);
   delivery_.remove(fd_.get(), deliveryKey_);
   fd_.reset();
-  place_.reset();
-  recipient_.ended(*this);
+  slot_.reset();
+  core_.ended(*this);
 }
 
-Error IncomingLink::answer(const FrameHeader& header, const void* data) {
-  switch (writer_.write(header, data)) {
-    case FrameWriter::Result::kTaken:
-      return kOk;
-    case FrameWriter::Result::kFull:
-      return kErrQueueFull;
-    case FrameWriter::Result::kBroken:
-      return kErrSystem;
-    case FrameWriter::Result::kGone:
-      break;
-  }
-  return kErrPeerLost;
-}
-
-void IncomingLink::onRoom(std::uint32_t events) {
+void IncomingLink::onWritable(std::uint32_t events) {
   const bool gone = (events & (EPOLLHUP | EPOLLERR)) != 0;
   if (gone || !writer_.flush()) {
-    writer_.close();  // nobody reads the answers; the delivery thread sees the end when it reads
-    watchForRoom(false);
+    writer_.close();  // the peer reads no answers; the delivery thread sees the end when it reads
+    watchWritable(false);
   }
 }
 
-/// Reads until the socket is empty, but not for ever: other connections have their turn too. Edge-triggered,
-/// which spares the system a look at a socket that is empty again. A read that fills less than it could has
-/// emptied the socket; an end that was told together with data is behind them.
+/// Reads until the socket is empty, with a limit, so that other connections get their turn. A read that
+/// leaves space in the buffer has emptied the socket; an end that was announced with the data follows them.
 void IncomingLink::onReady(std::uint32_t events) {
   constexpr int kReadsAtOnce = 16;
   const bool ending = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
@@ -87,7 +73,7 @@ void IncomingLink::onReady(std::uint32_t events) {
       const ssize_t count = recv(fd_.get(), space.data(), space.size(), MSG_DONTWAIT);
       if (count <= 0) {
         if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-          broken(reader_.inFrame() ? "it ended in the middle of a frame" : nullptr);
+          endWith(reader_.inFrame() ? "it ended in the middle of a frame" : nullptr);
         }
         return;
       }
@@ -98,10 +84,10 @@ void IncomingLink::onReady(std::uint32_t events) {
       }
     }
     if (!closed_) {
-      delivery_.change(fd_.get(), deliveryKey_, kReadEvents);  // told again at once if there is more
+      delivery_.change(fd_.get(), deliveryKey_, kReadEvents);  // rearmed: more data give a new event at once
     }
   } catch (const std::bad_alloc&) {
-    broken("no memory for a message");
+    endWith("no memory for a message");
   }
 }
 
@@ -110,29 +96,30 @@ void IncomingLink::deliverFrames() {
   for (; next == FrameReader::Next::kFrame; next = reader_.next()) {
     const FrameKind kind = reader_.header().kind;
     if (kind != FrameKind::kRequest && kind != FrameKind::kOneway) {
-      broken("a frame that a caller does not send");
+      endWith("a frame that a caller does not send");
       return;
     }
-    recipient_.deliver(*this, reader_.header(), reader_.body());
+    core_.deliver(*this, reader_.header(), reader_.body());
   }
   if (next == FrameReader::Next::kBad) {
-    broken(reader_.whyBadFrame());
+    endWith(reader_.defect());
   }
 }
 
-/// why: null for an orderly end.
-void IncomingLink::broken(const char* why) {
-  if (why != nullptr) {
+/// reason: null for an orderly end.
+void IncomingLink::endWith(const char* reason) {
+  if (reason != nullptr) {
     log_.write(BusLogLevel::kError,
-               "the connection from " + describePeer(guid_, identity_) + " is closed: " + why);
+               "the connection from " + describePeer(guid_, identity_) + " is closed: " + reason);
   }
   close();
 }
 
-void IncomingLink::watchForRoom(bool want) {
+void IncomingLink::watchWritable(bool want) {
   const std::lock_guard lock(watchMutex_);
   if (want && watchKey_ == 0) {
-    watcher_.add(fd_.get(), EPOLLOUT, std::shared_ptr<Watched>(shared_from_this(), &room_), watchKey_);
+    watcher_.add(fd_.get(), EPOLLOUT, std::shared_ptr<Watched>(shared_from_this(), &writableWatch_),
+                 watchKey_);
   } else if (!want && watchKey_ != 0) {
     watcher_.remove(fd_.get(), std::exchange(watchKey_, 0));
   }

@@ -20,7 +20,7 @@ std::optional<Listener> listenerAt(const std::string& socketDirectory, const Gui
   if (!path || !fd || stat(folder.path.c_str(), &st) != 0 ||
       connect(fd.get(), reinterpret_cast<const sockaddr*>(&*path), sizeof *path) != 0 ||
       getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &listener, &length) != 0 || listener.pid <= 0) {
-    return std::nullopt;  // a pid of 0: a process of another pid namespace
+    return std::nullopt;  // pid 0: the process is of another pid namespace
   }
   const AccessRule rule{geteuid(), std::nullopt};
   return Listener{listener.pid, listener.uid, rule.trusts(listener.uid, st.st_uid)};

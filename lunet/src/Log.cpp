@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 
 namespace lunet {
@@ -30,15 +31,6 @@ std::string timeStamp() {
   const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
   std::snprintf(text.data() + length, text.size() - length, ".%03ld", now.tv_nsec / 1000000);
   return text.data();
-}
-
-std::string folderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-}
-
-std::string nameOf(const std::string& path) {
-  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
 }
 
 bool samePlace(int fd, const std::string& path) {
@@ -91,20 +83,21 @@ void Log::append(const std::string& line) {
       return;
     }
   }
-  // One write a record: other processes may have the same file open.
+  // One write for each record: other processes may have the same file open.
   const ssize_t ignored = ::write(file_.get(), line.data(), line.size());
   (void)ignored;
 }
 
 bool Log::openFile() {
-  // The links on the way are resolved once, and nobody else can plant one afterwards.
-  const auto folder = CDir::makeForFiles(folderOf(settings_.path), kFolderMode);
+  // The path's links are resolved once, and other users cannot add a link afterwards.
+  const platform::SplitPath path = platform::splitPath(settings_.path);
+  const auto folder = CDir::makeForFiles(path.folder.empty() ? "." : path.folder, kFolderMode);
   if (!folder) {
     return false;
   }
-  settings_.path = *folder + "/" + nameOf(settings_.path);
+  settings_.path = *folder + "/" + path.name;
   if (!settings_.backupPath.empty()) {
-    // None: a full file is emptied instead.
+    // Empty when the folder is unsafe: a full file is then emptied.
     settings_.backupPath = CDir::makeForFiles(settings_.backupPath, kFolderMode).value_or("");
   }
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -117,8 +110,8 @@ bool Log::openFile() {
   return true;
 }
 
-/// The oldest backup goes, the others move up by one, the full file becomes number 1. Another process may
-/// be at the same: the lock on the full file lets one of them do it.
+/// Removes the oldest backup, moves the others up by one, and makes the full file number 1. The lock on the
+/// full file lets one of several processes do so.
 void Log::rotate() {
   if (flock(file_.get(), LOCK_EX) == 0 && samePlace(file_.get(), settings_.path)) {
     if (settings_.backupPath.empty()) {
@@ -126,12 +119,13 @@ void Log::rotate() {
       flock(file_.get(), LOCK_UN);
       return;
     }
-    const std::string stem = utils::FormatDir(settings_.backupPath, true) + nameOf(settings_.path) + ".";
+    const std::string stem =
+        utils::FormatDir(settings_.backupPath, true) + platform::splitPath(settings_.path).name + ".";
     for (int number = kBackups; number > 1; --number) {
       (void)rename((stem + std::to_string(number - 1)).c_str(), (stem + std::to_string(number)).c_str());
     }
     if (rename(settings_.path.c_str(), (stem + "1").c_str()) != 0) {
-      (void)ftruncate(file_.get(), 0);  // the folder of old logs cannot be written: the log stays bounded
+      (void)ftruncate(file_.get(), 0);  // the folder of old files cannot be written: the log stays bounded
     }
   }
   file_.reset();

@@ -12,9 +12,8 @@
 
 namespace lunet {
 
-/// The library's own log: one file, rotated by size into a folder of old ones, and the same records to a
-/// callback. A folder that cannot be written, or that somebody else could plant links in, and
-/// a full disk cost no more than the records. Any thread.
+/// The library's own log: a file that is rotated by size, and a callback for the same records. With an unsafe
+/// or unwritable folder, or a full disk, only records are lost. Any thread.
 class Log {
  public:
   using Level = BusLogLevel;
@@ -26,14 +25,14 @@ class Log {
     std::string name;             ///< names this process in each record
   };
 
-  /// Files of this size are moved away; that many are kept.
+  /// A file of this size is rotated; so many old files are kept.
   static constexpr std::int64_t kFileBytes = 1 << 20;
   static constexpr int kBackups = 5;
 
   void open(Settings settings);
   void setCallback(LogCallback callback) { callback_.store(callback); }
   bool wants(Level level) const { return level <= level_.load(std::memory_order_relaxed); }
-  /// Text from outside is welcome: control characters are made visible here.
+  /// Makes the text's control characters visible.
   void write(Level level, std::string_view text);
   void close();
 

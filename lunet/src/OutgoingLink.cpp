@@ -48,19 +48,12 @@ void OutgoingLink::start() {
 }
 
 Error OutgoingLink::send(std::uint32_t channel, const void* data, std::uint32_t length) {
-  FrameHeader header;
-  header.kind = FrameKind::kOneway;
-  header.channel = channel;
-  header.length = length;
-  return writeFrame(header, data);
+  return writeFrame({.kind = FrameKind::kOneway, .channel = channel, .length = length}, data);
 }
 
 OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data, std::uint32_t length,
                                         Clock::time_point deadline, bool* sent) {
-  FrameHeader header;
-  header.kind = FrameKind::kRequest;
-  header.channel = channel;
-  header.length = length;
+  FrameHeader header{.kind = FrameKind::kRequest, .channel = channel, .length = length};
   Call call;
   {
     const Lock lock(mutex_);
@@ -72,7 +65,7 @@ OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data,
   Error error = kErrSystem;
   try {
     error = writeFrame(header, data);
-  } catch (const std::exception&) {  // no memory; this call must not stay among those under way
+  } catch (const std::exception&) {  // no memory; `call` must leave calls_
     hungUp_ = true;
   }
   *sent = error == kOk;
@@ -89,10 +82,6 @@ OutgoingLink::Answer OutgoingLink::call(std::uint32_t channel, const void* data,
   return std::move(call.answer);
 }
 
-void OutgoingLink::waitUntilDrained(Clock::time_point deadline) {
-  writer_.waitUntilDrained(deadline);
-}
-
 void OutgoingLink::shut(Error error) {
   const Lock lock(mutex_);
   fail(error, nullptr);
@@ -103,7 +92,7 @@ void OutgoingLink::onReady(std::uint32_t events) {
   if (!writable || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
     hungUp_ = true;
     const std::lock_guard watchLock(watchMutex_);
-    if (watchKey_ != 0) {  // told once: the level would keep this thread busy
+    if (watchKey_ != 0) {  // level-triggered: the event would repeat
       watcher_.remove(fd_.get(), std::exchange(watchKey_, 0));
     }
   }
@@ -112,26 +101,21 @@ void OutgoingLink::onReady(std::uint32_t events) {
 }
 
 Error OutgoingLink::writeFrame(const FrameHeader& header, const void* data) {
-  switch (writer_.write(header, data)) {
-    case FrameWriter::Result::kTaken:
-      return kOk;
-    case FrameWriter::Result::kFull:
-      return kErrQueueFull;
-    case FrameWriter::Result::kBroken:
-      hungUp_ = true;  // the next send connects anew
-      log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: no memory for a message");
-      return kErrSystem;
-    case FrameWriter::Result::kGone:
-      break;
+  const Error error = writer_.write(header, data);
+  if (error == kErrSystem) {
+    hungUp_ = true;  // the next send connects anew
+    log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: no memory for a message");
+  } else if (error == kErrPeerLost) {
+    // Answers that arrived before the end can still be read by waiting callers.
+    hungUp_ = true;
+    const Lock lock(mutex_);
+    drain();
   }
-  // Answers that arrived before the end are still there: a caller that waits for one reads it, then the end.
-  hungUp_ = true;
-  const Lock lock(mutex_);
-  drain();
-  return kErrPeerLost;
+  return error;
 }
 
-/// Until the call is done or its time is up: as the reader when there is none, else woken by the one.
+/// Returns when the call is done or the deadline has passed. The caller reads when no other caller does, else
+/// waits for the reader's wake-up.
 void OutgoingLink::await(Lock& lock, Call& call, Clock::time_point deadline) {
   while (!call.done) {
     if (readerActive_) {
@@ -161,7 +145,7 @@ OutgoingLink::Read OutgoingLink::waitAndRead(Clock::time_point deadline) {
   if (left <= 0) {
     return Read::kTimeout;
   }
-  // Not a receive that waits: one such is woken for nothing when the peer takes our message off the socket.
+  // poll, not a blocking recv: the kernel wakes such a recv also when the peer reads a message.
   pollfd waiting{fd_.get(), POLLIN, 0};
   const int ready = poll(&waiting, 1, static_cast<int>(std::min<long long>(left, kLongestPollMs)));
   return ready > 0 ? readSome() : Read::kNothing;
@@ -177,11 +161,11 @@ OutgoingLink::Read OutgoingLink::readSome() {
     }
     return count < 0 && (errno == EAGAIN || errno == EINTR) ? Read::kNothing : Read::kEnd;
   } catch (const std::bad_alloc&) {
-    return Read::kEnd;  // an answer too large for this process's memory: the link goes, the process stays
+    return Read::kEnd;  // an answer too large for the memory ends the link, not the process
   }
 }
 
-/// Gives every whole answer to its caller. False when the link had to be ended. mutex_ is held.
+/// Gives every whole answer to its caller. False when the link has ended. mutex_ is held.
 bool OutgoingLink::takeFrames() {
   try {
     FrameReader::Next next = reader_.next();
@@ -192,7 +176,7 @@ bool OutgoingLink::takeFrames() {
       }
     }
     if (next == FrameReader::Next::kBad) {
-      fail(kErrPeerLost, reader_.whyBadFrame());
+      fail(kErrPeerLost, reader_.defect());
     }
     return next == FrameReader::Next::kMore;
   } catch (const std::bad_alloc&) {
@@ -236,8 +220,8 @@ void OutgoingLink::finish(std::uint64_t id, Answer answer) {
   call.wake.notify_one();
 }
 
-/// A caller goes. It had the reader's role, or may have been woken to take it: another that waits gets it.
-/// With none left, the io thread reads what may still come. mutex_ is held.
+/// The end of a call: passes the reader's role to another waiting caller. Without one, the io thread reads
+/// late answers. mutex_ is held.
 void OutgoingLink::leave() {
   if (readerActive_) {
     return;
@@ -250,7 +234,7 @@ void OutgoingLink::leave() {
   watchForAnswers();
 }
 
-/// Reads what is there when no caller does: late answers, or the end after a hang-up. mutex_ is held.
+/// Reads late answers, or the end after a hang-up, unless a caller reads. mutex_ is held.
 void OutgoingLink::drain() {
   while (alive_ && !readerActive_ && calls_.empty()) {
     const Read read = readSome();
@@ -267,7 +251,7 @@ void OutgoingLink::drain() {
 /// mutex_ is held.
 void OutgoingLink::watchForAnswers() {
   const bool wanted = calls_.empty() && lateAnswers_ > 0;
-  if (wantRead_ != wanted) {  // changes under both locks, so one is enough to look
+  if (wantRead_ != wanted) {  // written under both locks, so one suffices to read
     const std::lock_guard lock(watchMutex_);
     wantRead_ = wanted;
     watch();
@@ -284,12 +268,12 @@ void OutgoingLink::watch() {
 }
 
 /// mutex_ is held.
-void OutgoingLink::fail(Error error, const char* why) {
+void OutgoingLink::fail(Error error, const char* reason) {
   if (!alive_.exchange(false)) {
     return;
   }
-  if (why != nullptr) {
-    log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: " + why);
+  if (reason != nullptr) {
+    log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: " + reason);
   } else {
     log_.write(BusLogLevel::kInfo, "the connection to " + name_ + " has ended");
   }

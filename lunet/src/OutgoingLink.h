@@ -17,15 +17,14 @@ namespace lunet {
 
 /// A connection from this endpoint to another: messages and requests go out, answers come in.
 ///
-/// Nobody's thread waits for answers but the callers themselves: of those that wait, one at a time has the
-/// reader's role, hands the others theirs, and passes the role on when it leaves. So a lone caller's answer
-/// costs no change of threads. The io thread reads only what comes when no caller waits (late answers), and
-/// notices a hang-up then.
+/// The callers read their answers themselves: one waiting caller at a time has the reader's role, hands the
+/// others their answers, and passes the role on when it leaves. So a lone caller's answer costs no change of
+/// threads. The io thread reads only while no caller waits: late answers, and a hang-up.
 class OutgoingLink final : public Watched, public std::enable_shared_from_this<OutgoingLink> {
  public:
   struct Answer {
     Error error = kOk;
-    MallocBuffer data;  ///< a NUL behind it
+    MallocBuffer data;  ///< with a NUL behind
     std::uint32_t length = 0;
   };
 
@@ -33,19 +32,21 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
   ~OutgoingLink();
   void start();
 
-  /// False once the other side has hung up: a new connection is needed.
+  /// False once the peer has hung up: a new connection is needed.
   bool alive() const { return alive_ && !hungUp_; }
   bool trusted() const { return trusted_; }
   bool admitted() const { return admitted_; }
   const PeerIdentity& identity() const { return identity_; }
 
-  /// kErrPeerLost: it did not reach the other side, which is gone.
+  /// kErrPeerLost: the peer is gone, and the message did not reach the peer.
   Error send(std::uint32_t channel, const void* data, std::uint32_t length);
-  /// *sent: whether the request may have reached the other side.
+  /// *sent: set to true when the request may have reached the peer.
   Answer call(std::uint32_t channel, const void* data, std::uint32_t length,
               std::chrono::steady_clock::time_point deadline, bool* sent);
-  void waitUntilDrained(std::chrono::steady_clock::time_point deadline);
-  /// Ends it: calls under way get `error`.
+  void waitUntilDrained(std::chrono::steady_clock::time_point deadline) {
+    writer_.waitUntilDrained(deadline);
+  }
+  /// Ends the link. Calls under way get `error`.
   void shut(Error error);
 
   void onReady(std::uint32_t events) override;
@@ -72,7 +73,7 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
   void drain();
   void watchForAnswers();
   void watch();
-  void fail(Error error, const char* why);
+  void fail(Error error, const char* reason);
 
   const platform::Descriptor fd_;
   const PeerIdentity identity_;
@@ -80,7 +81,7 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
   const bool admitted_;
   Watcher& watcher_;
   Log& log_;
-  const std::string name_;  ///< of the other side, for the log
+  const std::string name_;  ///< of the peer, for the log
   FrameWriter writer_;
   std::atomic<bool> alive_{true};
   std::atomic<bool> hungUp_{false};
@@ -92,10 +93,10 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
 
   // Guards what follows, and, while no caller has the reader's role, reader_.
   std::mutex mutex_;
-  std::vector<Call*> calls_;  ///< under way; few
+  std::vector<Call*> calls_;  ///< under way
   std::uint64_t nextId_ = 1;
   bool readerActive_ = false;    ///< a caller reads, without mutex_
-  std::size_t lateAnswers_ = 0;  ///< answers that may still come and that nobody waits for
+  std::size_t lateAnswers_ = 0;  ///< answers that may still come for callers that left
   FrameReader reader_;
 };
 

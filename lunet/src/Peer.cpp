@@ -7,15 +7,11 @@
 
 #include "platform/ProcessStat.h"
 
-#ifndef SO_PEERGROUPS
-#define SO_PEERGROUPS 59
-#endif
-
 namespace lunet {
 
 namespace {
 
-/// False when the kernel does not say.
+/// False when the kernel gives no groups.
 bool readGroups(int fd, std::vector<gid_t>& groups) {
   groups.resize(64);
   for (;;) {

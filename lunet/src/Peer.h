@@ -7,27 +7,26 @@
 
 namespace lunet {
 
-/// Who is at the other end of a connected socket, on the kernel's word: the process that connected, or that
-/// listens, with the supplementary groups it had then.
+/// The process at the other end of a connected socket, as the kernel names it, with the supplementary groups
+/// of the time when the process connected or began to listen.
 struct Peer {
   PeerIdentity identity;
   std::vector<gid_t> groups;
 };
 
-/// Nothing when the kernel does not say (the socket is not connected), or when it cannot be found out now (no
-/// descriptors, no memory): without the start time the process would not be known again.
+/// Nothing when the socket is not connected, or without descriptors or memory for reading the start time.
 std::optional<Peer> peerOf(int fd);
 
-/// Field 22 of /proc/<pid>/stat; 0 when the process is gone or hidden, nothing when the system is short of
-/// what it takes to read it.
+/// Field 22 of /proc/<pid>/stat; 0 when the process is gone or hidden, nothing without descriptors or memory.
 std::optional<std::uint64_t> startTicksOf(pid_t pid);
 
+/// The users that a process accepts on the bus. self: the process's own user.
 struct AccessRule {
   uid_t self = 0;
   std::optional<gid_t> group;
-  /// Who may join the bus: root, this process's own user, and the members of one group, if one is configured.
+  /// True for those who may join the bus: root, `self`, and the members of the group, if one is configured.
   bool admits(const Peer& peer) const;
-  /// Whom plain sends may reach: of those, root, this process's own user, and the owner of the socket folder.
+  /// True for those whom plain sends may reach: root, `self`, and the owner of the socket folder.
   bool trusts(uid_t uid, uid_t folderOwner) const { return uid == 0 || uid == self || uid == folderOwner; }
 };
 

@@ -11,8 +11,8 @@
 
 namespace lunet {
 
-/// Who takes the messages of each channel. A receiver that has been taken out is not called any more, and
-/// none of its calls is still running, when remove() returns.
+/// The receiver of each channel. When remove() returns, the removed receiver is not called any more, and no
+/// call of the receiver is running.
 class Receivers {
  public:
   struct Entry {
@@ -21,12 +21,12 @@ class Receivers {
   };
 
   void add(std::uint32_t channel, Entry entry);
-  /// False when there was none. From a callback it does not wait (for itself).
+  /// False without a receiver. Inside a callback it does not wait for the callback's end.
   bool remove(std::uint32_t channel);
   /// True in a callback, on the thread that runs it.
   bool callsHere();
 
-  /// Runs `call(entry)` for the channel's receiver; false when there is none. The delivery thread.
+  /// Runs `call(entry)` for the channel's receiver; false without a receiver. On the delivery thread.
   template <class Callable>
   bool with(std::uint32_t channel, Callable call) {
     const std::optional<Entry> entry = begin(channel);

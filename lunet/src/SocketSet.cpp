@@ -13,7 +13,7 @@ namespace lunet {
 
 namespace {
 
-/// The descriptor, or what the system says against it.
+/// The descriptor; throws std::system_error when there is none.
 int checked(int fd, const char* what) {
   if (fd < 0) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -57,7 +57,7 @@ void SocketSet::remove(int fd, std::uint64_t key) {
 }
 
 void SocketSet::dispatch(int timeoutMs) {
-  std::array<epoll_event, 64> events;  // NOLINT: the kernel fills what is looked at
+  std::array<epoll_event, 64> events;  // NOLINT: the kernel fills the part that is read
   const int count = epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
@@ -77,24 +77,20 @@ Watcher::Watcher(asio::io_context& io)
     : waiting_(io, checked(fcntl(fd(), F_DUPFD_CLOEXEC, 0), "F_DUPFD_CLOEXEC")) {}
 
 void Watcher::start() {
-  wait();
-}
-
-void Watcher::wait() {
   waiting_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
     if (!error) {
       dispatch(0);
-      wait();
+      start();
     }
   });
 }
 
-/// Wakes the loop's thread.
-class DeliveryLoop::Bell final : public Watched {
+/// Wakes the delivery thread.
+class DeliveryLoop::WakeUp final : public Watched {
  public:
-  Bell() : fd_(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {}
+  WakeUp() : fd_(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {}
   int fd() const { return fd_.get(); }
-  void ring() const { (void)eventfd_write(fd_.get(), 1); }
+  void signal() const { (void)eventfd_write(fd_.get(), 1); }
   void onReady(std::uint32_t) override {
     eventfd_t ignored = 0;
     (void)eventfd_read(fd_.get(), &ignored);
@@ -104,9 +100,9 @@ class DeliveryLoop::Bell final : public Watched {
   const platform::Descriptor fd_;
 };
 
-DeliveryLoop::DeliveryLoop() : bell_(std::make_shared<Bell>()) {
+DeliveryLoop::DeliveryLoop() : wakeUp_(std::make_shared<WakeUp>()) {
   std::uint64_t key = 0;
-  add(bell_->fd(), EPOLLIN, bell_, key);
+  add(wakeUp_->fd(), EPOLLIN, wakeUp_, key);
 }
 
 void DeliveryLoop::run() {
@@ -117,7 +113,7 @@ void DeliveryLoop::run() {
 
 void DeliveryLoop::stop() {
   stopped_ = true;
-  bell_->ring();
+  wakeUp_->signal();
 }
 
 }  // namespace lunet

@@ -12,7 +12,7 @@
 
 namespace lunet {
 
-/// What is called when a watched socket has something for its thread. Must not throw.
+/// Is called when a watched socket is ready. Must not throw.
 class Watched {
  public:
   virtual void onReady(std::uint32_t events) = 0;
@@ -21,18 +21,17 @@ class Watched {
   ~Watched() = default;
 };
 
-/// Sockets that one thread keeps an eye on while others use them too. Not the io context's own set: that
-/// one wakes its thread for every message, and tries each socket once more after every read. Adding,
-/// changing and removing: any thread.
+/// Sockets that one thread watches while other threads use them too. The io context's own set would wake its
+/// thread for every message and try each socket twice. Adding, changing and removing: any thread.
 class SocketSet {
  public:
   SocketSet();
-  /// events: EPOLLIN, EPOLLOUT, EPOLLRDHUP, level-triggered. key, for change and remove, is set before the
-  /// first event can be told; 0 when this throws (no memory, or too many watched sockets).
+  /// events: EPOLLIN, EPOLLOUT, EPOLLRDHUP; EPOLLET for edge-triggered. key, for change and remove, is set
+  /// before the first event; 0 when this throws (no memory, or too many watched sockets).
   void add(int fd, std::uint32_t events, std::weak_ptr<Watched> watched, std::uint64_t& key);
   void change(int fd, std::uint64_t key, std::uint32_t events);
   void remove(int fd, std::uint64_t key);
-  /// Waits (-1: for ever) and calls who is ready. The set's own thread.
+  /// Waits (-1: without limit) and calls the objects of ready sockets. The set's own thread.
   void dispatch(int timeoutMs);
   int fd() const { return set_.get(); }
 
@@ -43,15 +42,13 @@ class SocketSet {
   std::unordered_map<std::uint64_t, std::weak_ptr<Watched>> watched_;
 };
 
-/// The io thread's set: for a hang-up, for room to write what is queued, for an answer that nobody waits
-/// for any more.
+/// The io thread's set: hang-ups, sockets that take queued bytes again, and late answers.
 class Watcher : public SocketSet {
  public:
   explicit Watcher(asio::io_context& io);
   void start();
 
  private:
-  void wait();
   asio::posix::stream_descriptor waiting_;
 };
 
@@ -63,8 +60,8 @@ class DeliveryLoop : public SocketSet {
   void stop();  ///< any thread
 
  private:
-  class Bell;
-  std::shared_ptr<Bell> bell_;
+  class WakeUp;
+  std::shared_ptr<WakeUp> wakeUp_;
   std::atomic<bool> stopped_{false};
 };
 

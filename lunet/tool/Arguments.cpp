@@ -41,26 +41,24 @@ The end of the input ends it. E is 0 or an error number of the bus. Bytes that a
 Exit status: 0 done, 1 failed, 2 wrong usage.
 )";
 
-bool readGuid(const std::string& text, lunet::Guid& guid) {
-  guid = lunet::parseGuid(text.c_str());
-  return guid != lunet::Guid{};
-}
-
-std::string parseCommand(const std::vector<std::string>& words, Arguments& arguments) {
+platform::Expected<void> parseCommand(const std::vector<std::string>& words, Arguments& arguments) {
   if (words.empty()) {
-    return "no command is given";
+    return platform::failure("no command is given");
   }
   const auto row = std::find_if(kCommands.begin(), kCommands.end(),
                                 [&](const CommandRow& each) { return words[0] == each.word; });
   if (row == kCommands.end()) {
-    return "there is no command \"" + platform::visibleText(words[0]) + "\"";
+    return platform::failure("there is no command \"" + platform::visibleText(words[0]) + "\"");
   }
   if (words.size() - 1 != row->operands) {
-    return std::string("the command is: ") + row->usage;
+    return platform::failure(std::string("the command is: ") + row->usage);
   }
   arguments.command = row->command;
-  if (row->operands > 0 && !readGuid(words[1], arguments.guid)) {
-    return "\"" + platform::visibleText(words[1]) + "\" is not a GUID";
+  if (row->operands > 0) {
+    arguments.guid = lunet::parseGuid(words[1].c_str());
+    if (arguments.guid == lunet::Guid{}) {
+      return platform::failure("\"" + platform::visibleText(words[1]) + "\" is not a GUID");
+    }
   }
   arguments.text = row->operands > 1 ? words[2] : "";
   return {};
@@ -68,7 +66,8 @@ std::string parseCommand(const std::vector<std::string>& words, Arguments& argum
 
 }  // namespace
 
-std::string parseArguments(const std::vector<std::string>& words, Arguments& arguments) {
+platform::Expected<Arguments> parseArguments(const std::vector<std::string>& words) {
+  Arguments arguments;
   std::vector<std::string> rest;
   for (std::size_t i = 0; i < words.size(); ++i) {
     const bool option = rest.empty() && words[i].starts_with("-");
@@ -76,19 +75,22 @@ std::string parseArguments(const std::vector<std::string>& words, Arguments& arg
       rest.push_back(words[i]);
     } else if (words[i] == "--help" || words[i] == "-h") {
       arguments.help = true;
-      return {};
+      return arguments;
     } else if (words[i] != "--runtime") {
-      return "there is no option \"" + platform::visibleText(words[i]) + "\"";
+      return platform::failure("there is no option \"" + platform::visibleText(words[i]) + "\"");
     } else if (++i == words.size() || words[i].empty()) {
-      return "--runtime needs the folder of an install tree";
+      return platform::failure("--runtime needs the folder of an install tree");
     } else {
       arguments.runtime = words[i];
     }
   }
-  if (std::string why = parseCommand(rest, arguments); !why.empty()) {
-    return why;
+  if (const auto parsed = parseCommand(rest, arguments); !parsed) {
+    return platform::failure(parsed.error());
   }
-  return arguments.runtime.empty() ? "--runtime DIR is missing" : "";
+  if (arguments.runtime.empty()) {
+    return platform::failure("--runtime DIR is missing");
+  }
+  return arguments;
 }
 
 std::string helpText() {

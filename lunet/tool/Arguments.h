@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "lunet/Guid.h"
+#include "platform/Expected.h"
 
 namespace lunetctl {
 
@@ -17,10 +18,9 @@ struct Arguments {
   std::string text;
 };
 
-/// Empty when the words make sense, else one line that says what is wrong.
-std::string parseArguments(const std::vector<std::string>& words, Arguments& arguments);
+/// The failure is the user's mistake, in one line.
+platform::Expected<Arguments> parseArguments(const std::vector<std::string>& words);
 
-/// The whole help.
 std::string helpText();
 
 }  // namespace lunetctl

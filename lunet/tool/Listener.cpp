@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::uint32_t kDefaultTimeoutMs = 30000;
 
-/// An absent member keeps `value`. False when it is there and no number of 32 bits.
+/// An absent member keeps `value`. False for a member that is no number of 32 bits.
 bool readNumber(const Json::Value& object, const char* key, std::uint32_t& value) {
   if (!object.isMember(key)) {
     return true;
@@ -43,7 +43,7 @@ void write(const Json::Value& object) {
   if (!CppJson::WriteJsonToString(object, text, 1)) {
     text = "{\"event\":\"error\",\"message\":\"a text cannot be written\"}\n";
   }
-  // The one control character that JSON leaves as it is; it can only stand inside a text.
+  // JSON does not escape DEL, which can only stand inside a text.
   for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
     text.replace(at, 1, "\\u007f");
   }
@@ -75,14 +75,14 @@ void Listener::stopListening() {
 
 void Listener::run(std::istream& input, const std::function<void()>& open) {
   listen(open);
-  std::thread worker([this] { workOff(); });
+  std::thread worker([this] { runOrders(); });
   std::string line;
   while (std::getline(input, line)) {
     if (std::all_of(line.begin(), line.end(), [](char c) { return c == ' ' || c == '\t' || c == '\r'; })) {
       continue;
     }
-    if (const std::string why = take(line); !why.empty()) {
-      printError(why);
+    if (const auto taken = take(line); !taken) {
+      printError(taken.error());
     }
   }
   {
@@ -115,24 +115,23 @@ void Listener::ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, c
   }
 }
 
-/// Empty, or why the line cannot be done.
-std::string Listener::take(const std::string& line) {
+platform::Expected<void> Listener::take(const std::string& line) {
   Json::Value object;
   if (!CppJson::LoadJsonString(line, object) || !object.isObject()) {
-    return "the line is not a JSON object";
+    return platform::failure("the line is not a JSON object");
   }
   const int verbs =
       int{object.isMember("reply")} + int{object.isMember("send")} + int{object.isMember("call")};
   if (verbs != 1) {
-    return "the line needs one of \"reply\", \"send\" and \"call\"";
+    return platform::failure("the line needs one of \"reply\", \"send\" and \"call\"");
   }
   return object.isMember("reply") ? takeReply(object) : takeOrder(object, object.isMember("call"));
 }
 
-std::string Listener::takeReply(const Json::Value& object) {
+platform::Expected<void> Listener::takeReply(const Json::Value& object) {
   std::string data;
   if (!object["reply"].isUInt64() || !readText(object, "data", data)) {
-    return "a reply is {\"reply\":N,\"data\":\"TEXT\"}";
+    return platform::failure("a reply is {\"reply\":N,\"data\":\"TEXT\"}");
   }
   const std::uint64_t id = object["reply"].asUInt64();
   void* context = nullptr;
@@ -140,18 +139,21 @@ std::string Listener::takeReply(const Json::Value& object) {
     const std::lock_guard lock(repliesMutex_);
     const auto found = replies_.find(id);
     if (found == replies_.end()) {
-      return "no message " + std::to_string(id) + " waits for a reply";
+      return platform::failure("no message " + std::to_string(id) + " waits for a reply");
     }
     context = found->second;
     replies_.erase(found);
   }
   const std::uint32_t error =
       endpoint_.Reply(0, id, data.data(), static_cast<std::uint32_t>(data.size()), context);
-  return error == 0 ? ""
-                    : "message " + std::to_string(id) + " is not replied to: " + lunet::describeError(error);
+  if (error != lunet::kOk) {
+    return platform::failure("message " + std::to_string(id) +
+                             " is not replied to: " + lunet::describeError(error));
+  }
+  return {};
 }
 
-std::string Listener::takeOrder(const Json::Value& object, bool call) {
+platform::Expected<void> Listener::takeOrder(const Json::Value& object, bool call) {
   Order order;
   order.call = call;
   order.channel = call ? lunet::kRequestChannel : lunet::kOnewayChannel;
@@ -159,11 +161,11 @@ std::string Listener::takeOrder(const Json::Value& object, bool call) {
   std::string guid;
   if (!readText(object, call ? "call" : "send", guid) ||
       (order.target = lunet::parseGuid(guid.c_str())) == lunet::Guid{}) {
-    return "the target is not a GUID";
+    return platform::failure("the target is not a GUID");
   }
   if (!readText(object, "data", order.data) || !readNumber(object, "channel", order.channel) ||
       !readNumber(object, "timeout_ms", order.timeoutMs)) {
-    return "\"data\" must be a text, \"channel\" and \"timeout_ms\" whole numbers";
+    return platform::failure("\"data\" must be a text, \"channel\" and \"timeout_ms\" whole numbers");
   }
   {
     const std::lock_guard lock(ordersMutex_);
@@ -173,7 +175,7 @@ std::string Listener::takeOrder(const Json::Value& object, bool call) {
   return {};
 }
 
-void Listener::workOff() {
+void Listener::runOrders() {
   std::unique_lock lock(ordersMutex_);
   for (;;) {
     changed_.wait(lock, [this] { return ended_ || !orders_.empty(); });
@@ -184,7 +186,7 @@ void Listener::workOff() {
     orders_.pop_front();
     lock.unlock();
     try {
-      carryOut(order);
+      runOrder(order);
     } catch (const std::exception& error) {
       printError(error.what());
     }
@@ -192,7 +194,7 @@ void Listener::workOff() {
   }
 }
 
-void Listener::carryOut(const Order& order) {
+void Listener::runOrder(const Order& order) {
   const auto length = static_cast<std::uint32_t>(order.data.size());
   if (!order.call) {
     Json::Value object = event("sent");
@@ -217,9 +219,9 @@ void Listener::print(const Json::Value& object) {
   write(object);
 }
 
-void Listener::printError(const std::string& why) {
+void Listener::printError(const std::string& reason) {
   Json::Value object = event("error");
-  object["message"] = why;
+  object["message"] = reason;
   print(object);
 }
 

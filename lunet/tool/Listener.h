@@ -12,18 +12,18 @@
 #include <string>
 
 #include "lunet/Lunet.h"
+#include "platform/Expected.h"
 
 namespace lunetctl {
 
-/// Plays an endpoint by hand: what arrives is printed as JSON lines, what is read is done. Replies are given
-/// by the thread that reads, sends and calls by another one in the order read, so that a call under way
-/// keeps no peer waiting for his reply.
+/// Plays an endpoint by hand: prints messages as JSON lines and executes the lines that it reads. The reading
+/// thread gives the replies; another does sends and calls in order, so that no reply waits for a call.
 class Listener final : public lunet::IMRReceiveComplete {
  public:
   explicit Listener(lunet::IEndpoint& endpoint) : endpoint_(endpoint) {}
 
-  /// Takes part until the input ends. `open` opens the endpoint, once its receivers are set; they are taken
-  /// back here. What arrives is printed behind "ready". Throws what `open` does.
+  /// Runs until the input ends. `open` opens the endpoint, behind the registration of the receivers. Messages
+  /// are printed behind "ready". Throws the exceptions of `open`.
   void run(std::istream& input, const std::function<void()>& open);
 
   void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data, std::uint32_t length,
@@ -38,15 +38,15 @@ class Listener final : public lunet::IMRReceiveComplete {
     std::uint32_t timeoutMs = 0;
   };
 
-  std::string take(const std::string& line);
-  std::string takeReply(const Json::Value& object);
-  std::string takeOrder(const Json::Value& object, bool call);
-  void workOff();
-  void carryOut(const Order& order);
+  platform::Expected<void> take(const std::string& line);
+  platform::Expected<void> takeReply(const Json::Value& object);
+  platform::Expected<void> takeOrder(const Json::Value& object, bool call);
+  void runOrders();
+  void runOrder(const Order& order);
   void listen(const std::function<void()>& open);
   void stopListening();
   void print(const Json::Value& object);
-  void printError(const std::string& why);
+  void printError(const std::string& reason);
 
   lunet::IEndpoint& endpoint_;
   std::mutex outputMutex_;

@@ -21,33 +21,24 @@ std::string absolute(const std::string& path) {
   return path.starts_with("/") ? path : CDir::current().value_or("") + "/" + path;
 }
 
-void printLog(int, const char* text) {
-  std::fprintf(stderr, "lunetctl: %s\n", text);
-}
-
 }  // namespace
 
 Json::Value readConfig(const std::string& runtime) {
   using Kind = lunet::BusConfigFailure::Kind;
   const std::string path = treeAt(runtime).busConfig();
   const auto config = lunet::readBusConfig(path);
-  if (config) {
-    return *config;
+  const bool missing = !config && config.error().kind == Kind::kMissing;
+  if (config || (missing && CFileInfo(runtime).isDir())) {
+    return config.value_or(Json::objectValue);
   }
   switch (config.error().kind) {
     case Kind::kUnsafe:
       throw Failure("the bus configuration is not used: " + config.error().reason);
     case Kind::kNoObject:
       throw Failure(platform::visibleText(path) + " is not a JSON object");
-    case Kind::kMissing:
-      if (CFileInfo(runtime).isDir()) {
-        return Json::objectValue;
-      }
-      break;
-    case Kind::kUnreadable:
-      break;
+    default:
+      throw Failure(platform::visibleText(path) + " cannot be read: " + config.error().reason);
   }
-  throw Failure(platform::visibleText(path) + " cannot be read: " + config.error().reason);
 }
 
 Session::Session(const std::string& runtime) {
@@ -57,7 +48,7 @@ Session::Session(const std::string& runtime) {
   if (const auto loaded = bus_.load(treeAt(absolute(runtime)).busLibrary()); !loaded) {
     throw Failure(loaded.error());
   }
-  bus_.client()->SetLogCallback(printLog);
+  bus_.client()->SetLogCallback([](int, const char* text) { std::fprintf(stderr, "lunetctl: %s\n", text); });
   if (const std::uint32_t error = bus_.init(lunet::compactText(config), "lunetctl"); error != lunet::kOk) {
     throw Failure("the bus cannot be set up: " + lunet::describeError(error));
   }

@@ -9,7 +9,7 @@
 
 namespace lunetctl {
 
-/// What ends the program with status 1; the text is one line for a person.
+/// Ends the program with status 1. The text is one line for the user.
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

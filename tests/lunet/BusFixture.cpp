@@ -186,7 +186,7 @@ bool RawConnection::growBuffer(int bytes) const {
   return setsockopt(fd_, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) == 0;
 }
 
-std::uint32_t RawConnection::greet(const lunet::Guid& self, const lunet::Guid& target) const {
+std::uint32_t RawConnection::handshake(const lunet::Guid& self, const lunet::Guid& target) const {
   lunet::FrameHeader header;
   header.kind = lunet::FrameKind::kHello;
   header.length = sizeof(lunet::HelloBody);

@@ -18,7 +18,7 @@
 
 namespace lunettest {
 
-/// One received message, as a receiver saw it.
+/// One received message.
 struct Message {
   std::uint32_t channel = 0;
   std::uint64_t id = 0;
@@ -42,8 +42,8 @@ class Client {
   std::uint32_t initResult_ = 0;
 };
 
-/// An endpoint of that client, with one receiver for both channels that notes each message and then runs
-/// `onMessage` (if any) on the delivery thread.
+/// An endpoint of that client. Its receiver, for both channels, stores each message and then runs
+/// `onMessage`, if any, on the delivery thread.
 class Endpoint final : public lunet::IMRReceiveComplete {
  public:
   using Handler = std::function<void(Endpoint&, const Message&)>;
@@ -61,7 +61,7 @@ class Endpoint final : public lunet::IMRReceiveComplete {
     std::uint32_t error = 0;
     std::uint32_t errorOut = 0;
     std::string data;
-    bool terminated = false;  ///< a NUL stood behind the data
+    bool terminated = false;  ///< a NUL stands behind the data
   };
   Answer call(const lunet::Guid& target, const std::string& text, std::uint32_t timeoutMs = 20000,
               std::uint32_t channel = lunet::kRequestChannel);
@@ -70,7 +70,7 @@ class Endpoint final : public lunet::IMRReceiveComplete {
   std::size_t count() const;
   std::vector<Message> messages() const;
   bool waitForCount(std::size_t count) const;
-  /// Closes and destroys; the object stays for its messages.
+  /// Closes and destroys the endpoint; the stored messages stay.
   void destroy();
 
   void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data, std::uint32_t length,
@@ -90,22 +90,22 @@ lunet::Guid newGuid();
 /// Answers each request with its own text.
 void echo(Endpoint& endpoint, const Message& message);
 
-/// A private tree for one test; its sockets lie in run/lunet below it.
+/// A private tree for one test, with the sockets in run/lunet.
 class BusTest : public ::testing::Test {
  protected:
-  /// The bus configuration of the tree, with further members ("\"log_level\":3").
+  /// The tree's bus configuration, with further members ("\"log_level\":3").
   std::string config(const std::string& more = "") const;
   std::string socketFolder() const { return tree.at("run/lunet"); }
   std::string socketOf(const lunet::Guid& guid) const;
 
-  /// Puts the library, lunetctl and lunet_intruder into the tree, and lets other users come that far.
+  /// Puts the library, lunetctl and lunet_intruder into the tree, and lets other users enter the tree.
   void installTree(const std::string& busConfig = "{}") const;
   std::vector<std::string> lunetctl(std::vector<std::string> words) const;
 
   testsupport::TempDir tree;
 };
 
-/// A process of its own that plays the endpoint of that address with "lunetctl listen".
+/// A process that plays an endpoint with "lunetctl listen".
 class Player {
  public:
   Player(const std::vector<std::string>& lunetctl, const testsupport::Process::Options& options = {})
@@ -116,7 +116,7 @@ class Player {
   testsupport::Process process;
 };
 
-/// A connection made by hand, that may break every rule.
+/// A connection made by hand, which may break every rule.
 class RawConnection {
  public:
   explicit RawConnection(const std::string& socketPath);
@@ -130,15 +130,15 @@ class RawConnection {
   void send(const T& object) const {
     send(&object, sizeof object);
   }
-  /// False when the socket does not take the whole at once.
+  /// False when the socket does not take all bytes at once.
   bool sendNow(const void* data, std::size_t length) const;
-  /// Room for that many bytes on the way; false when the system does not give it.
+  /// Sets the size of the send buffer; false when the system refuses.
   bool growBuffer(int bytes) const;
-  /// The usual greeting; the verdict.
-  std::uint32_t greet(const lunet::Guid& self, const lunet::Guid& target) const;
-  /// Reads exactly that many bytes; shorter when the other side ends the connection.
+  /// The verdict of a correct handshake.
+  std::uint32_t handshake(const lunet::Guid& self, const lunet::Guid& target) const;
+  /// Reads that many bytes; fewer when the peer ends the connection.
   std::string receive(std::size_t length) const;
-  /// True when the other side ends the connection.
+  /// True when the peer ends the connection.
   bool waitUntilClosed() const;
   void endSending() const;  ///< the other side reads an end, and may still answer
   void close();
@@ -147,7 +147,7 @@ class RawConnection {
   int fd_ = -1;
 };
 
-/// A gate that a test opens: threads wait in it, with a limit.
+/// Threads wait here, with a limit, until a test opens the gate.
 class Gate {
  public:
   void open();

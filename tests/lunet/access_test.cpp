@@ -1,6 +1,5 @@
-// Who may join: root, the same user, and the members of the configured group, also by a supplementary group
-// only. The tests start their second users as processes of their own, which takes root: any other user skips
-// them.
+// Root, the same user and the members of the configured group may join, also by a supplementary group. Tests
+// start second users as processes of their own, which needs root; without root these tests are skipped.
 
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -32,7 +31,7 @@ gid_t groupNumber() {
   return entry != nullptr ? entry->gr_gid : 0;
 }
 
-/// That user; his own group is not the bus's, which he has as a supplementary one, if at all.
+/// A process of that user. Only its supplementary group can be the bus's.
 Process::Options as(uid_t uid, bool member) {
   Process::Options options;
   options.uid = uid;
@@ -45,7 +44,7 @@ Process::Options as(uid_t uid, bool member) {
 
 }  // namespace
 
-/// With second users.
+/// Tests with second users.
 class AccessTest : public BusTest {
  protected:
   void SetUp() override {
@@ -306,12 +305,12 @@ TEST_F(GroupTest, SendToProcessDoesNotReachOneWhoMayNotJoin) {
   request.process = &process;
   request.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   request.rule = {geteuid(), groupNumber()};
-  EXPECT_EQ(lunet::dial(request).error, lunet::kOk);
-  request.rule = {geteuid(), std::nullopt};  // as if he had left the group
-  EXPECT_EQ(lunet::dial(request).error, lunet::kErrDenied);
+  EXPECT_TRUE(lunet::dial(request));
+  request.rule = {geteuid(), std::nullopt};  // as if the user had left the group
+  EXPECT_EQ(lunet::dial(request).error().error, lunet::kErrDenied);
 }
 
-/// What one member may cost an endpoint.
+/// The quota of a member.
 class MemberLimitsTest : public GroupTest {
  protected:
   Process::Options member() const { return as(kMember, true); }
@@ -347,7 +346,7 @@ TEST_F(MemberLimitsTest, AFrameOverTheLimitForMembersClosesHisConnectionAndNoOth
   EXPECT_TRUE(player.process.waitForOut("\"error\":" + std::to_string(lunet::kErrPeerLost)))
       << player.process.out();
   EXPECT_EQ(server.count(), 0u);
-  player.process.write(order("call", address, 2));  // his next one connects anew
+  player.process.write(order("call", address, 2));  // the next call connects anew
   EXPECT_TRUE(player.gotMessage("mm")) << player.process.out();
 }
 
@@ -374,7 +373,7 @@ TEST_F(MemberLimitsTest, OneAddressOfAMemberHasAFewConnections) {
   EXPECT_EQ(many.out(),
             "verdict 00000000\nverdict 00000000\nverdict 00000000\nverdict 00000000\n"
             "verdict E0010006\n");
-  EXPECT_TRUE(served(member()));  // from another address of his
+  EXPECT_TRUE(served(member()));  // from another address of the member
   many.closeInput();
   many.wait();
   EXPECT_TRUE(waitFor([&] { return intrude(member(), own, address) == "verdict 00000000\n"; }));
@@ -446,7 +445,7 @@ TEST_F(PrivateTest, AUserOtherThanRootHasHisOwnBusInHisOwnTree) {
   EXPECT_TRUE(player.gotMessage("hello"));
   const auto listener = lunet::listenerAt(mine + "/run/lunet", lunet::parseGuid(guid.c_str()));
   ASSERT_TRUE(listener);
-  EXPECT_TRUE(listener->trusted) << "the folder is his";
+  EXPECT_TRUE(listener->trusted) << "the folder is the listener's";
   std::vector<std::string> list = tool;
   list.push_back("list");
   Process listing(list, as(kMember, false));

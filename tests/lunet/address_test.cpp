@@ -200,14 +200,14 @@ TEST_P(PlantedTest, AtOneOfTheNamesOfAnAddressKeepsNobodyFromIt) {
   { Endpoint endpoint(client, newGuid()); }  // makes the folder
   const std::string path = socketFolder() + "/" + lunet::formatGuid(address) + GetParam().suffix;
   plant(GetParam().what, path);
-  // Another user's, as in a folder for a group; the one who opens the address is root.
+  // The file is another user's, as in a folder for a group. Root opens the address.
   ASSERT_EQ(lchown(path.c_str(), 23456, 23456), 0);
   {
     Endpoint server(client, address, echo);
     Endpoint caller(client, newGuid());
     EXPECT_EQ(caller.call(address, "x").data, "x");
   }
-  EXPECT_EQ(filesInFolder(), GetParam().what == Planted::kFolder ? 1u : 0u);  // content is kept for a look
+  EXPECT_EQ(filesInFolder(), GetParam().what == Planted::kFolder ? 1u : 0u);  // the folder's content stays
   Endpoint again(client);
   EXPECT_EQ(again->Open(address), lunet::kOk);
 }
@@ -230,7 +230,7 @@ INSTANTIATE_TEST_SUITE_P(Table, PlantedTest,
 TEST_F(AddressTest, WhoClearsLeftoversKeepsNobodyFromAFreeAddress) {
   { Endpoint endpoint(client, newGuid()); }  // makes the folder
   const std::string lock = socketFolder() + "/" + lunet::formatGuid(address) + ".lock";
-  const std::jthread other([&lock](const std::stop_token& ended) {  // has it half of the time
+  const std::jthread other([&lock](const std::stop_token& ended) {  // holds the lock half of the time
     const auto moment = std::chrono::milliseconds(1);
     while (!ended.stop_requested()) {
       const platform::Descriptor file(open(lock.c_str(), O_RDWR | O_CLOEXEC));
@@ -243,7 +243,7 @@ TEST_F(AddressTest, WhoClearsLeftoversKeepsNobodyFromAFreeAddress) {
   });
   Endpoint endpoint(client);
   for (int i = 0; i < 50; ++i) {
-    tree.write("run/lunet/" + lunet::formatGuid(address) + ".lock", "");  // what a crash left: free
+    tree.write("run/lunet/" + lunet::formatGuid(address) + ".lock", "");  // free, as after a crash
     ASSERT_EQ(endpoint->Open(address), lunet::kOk) << "attempt " << i;
     endpoint->Close();
   }

@@ -1,4 +1,4 @@
-// Who gets an address when its files are another's, or move while it is claimed.
+// Claims of an address whose files belong to another user, or change meanwhile.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -36,8 +36,8 @@ struct stat statusOf(const std::string& path) {
   return st;
 }
 
-/// What it says, in a process of its own as that user.
-std::string saidBy(uid_t user, const std::function<std::string()>& what) {
+/// The text of `what`, run in a process of that user.
+std::string textAs(uid_t user, const std::function<std::string()>& what) {
   int ends[2];
   if (pipe(ends) != 0) {
     return "no pipe";
@@ -66,11 +66,10 @@ class ClaimTest : public testing::Test {
     chmod(dir.path().c_str(), 0755);
     fs::create_directory(folder.path);
   }
-  /// Empty, or the error's words and why.
+  /// "" or the error and its reason.
   std::string claim(Address& address, const Guid& wanted) const {
-    std::string why;
-    const lunet::Error error = address.claim(folder, wanted, &why);
-    return error == lunet::kOk ? "" : lunet::describeError(error) + ": " + why;
+    const lunet::Result<void> claimed = address.claim(folder, wanted);
+    return claimed ? "" : lunet::describeError(claimed.error().error) + ": " + claimed.error().reason;
   }
   std::string lockPath() const { return folder.lockPath(guid); }
   std::string socketPath() const { return folder.socketPath(guid); }
@@ -100,7 +99,7 @@ TEST_F(ClaimTest, ALockThatLosesItsNameWhileItIsWaitedForIsNoLock) {
     Address first;
     std::string said;
     std::thread claiming([&] { said = claim(first, guid); });
-    EXPECT_TRUE(testsupport::waitFor([&] {  // it has opened the file, or has given up
+    EXPECT_TRUE(testsupport::waitFor([&] {  // the thread has opened the file, or has given up
       std::size_t users = 0;
       for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
@@ -136,7 +135,7 @@ TEST_F(ClaimTest, ALockThatIsAnothersByNowIsNotRemoved) {
   EXPECT_TRUE(fs::exists(lockPath()));
 }
 
-/// With a second user.
+/// Tests with a second user.
 class ForeignClaimTest : public ClaimTest {
  protected:
   void SetUp() override {
@@ -150,7 +149,7 @@ class ForeignClaimTest : public ClaimTest {
 
 TEST_F(ForeignClaimTest, TheAgentsAddressIsNotTakenFromTheOwnUser) {
   giveFolderTo(kMember);
-  EXPECT_THAT(saidBy(kMember,
+  EXPECT_THAT(textAs(kMember,
                      [this] {
                        Address first;
                        Address second;
@@ -164,7 +163,7 @@ TEST_F(ForeignClaimTest, TheAgentsAddressIsNotTakenFromRootNotEvenByTheFoldersOw
   Address roots;
   ASSERT_EQ(claim(roots, agent), "");
   ASSERT_EQ(chmod(folder.lockPath(agent).c_str(), 0666), 0);
-  EXPECT_THAT(saidBy(kMember,
+  EXPECT_THAT(textAs(kMember,
                      [this] {
                        Address own;
                        return claim(own, agent);
@@ -184,7 +183,7 @@ TEST_F(ForeignClaimTest, AnotherUsersFreeLockThatCannotBeRemovedIsNamed) {
   openFolderToAll();
   dir.write("bus/" + lunet::formatGuid(guid) + ".lock", "");
   ASSERT_EQ(chmod(lockPath().c_str(), 0666), 0);
-  EXPECT_THAT(saidBy(kMember,
+  EXPECT_THAT(textAs(kMember,
                      [this] {
                        Address address;
                        return claim(address, guid);
@@ -195,7 +194,7 @@ TEST_F(ForeignClaimTest, AnotherUsersFreeLockThatCannotBeRemovedIsNamed) {
 TEST_F(ForeignClaimTest, AnotherUsersSocketThatCannotBeReplacedIsInUseAndNothingIsLeftBesideIt) {
   openFolderToAll();
   ASSERT_EQ(mknod(socketPath().c_str(), S_IFSOCK | 0600, 0), 0);
-  EXPECT_THAT(saidBy(kMember,
+  EXPECT_THAT(textAs(kMember,
                      [this] {
                        Address address;
                        const std::string said = claim(address, guid);
@@ -205,8 +204,8 @@ TEST_F(ForeignClaimTest, AnotherUsersSocketThatCannotBeReplacedIsInUseAndNothing
                              testing::EndsWith("with 1 file")));
 }
 
-/// Seen from another pid namespace the listener has no number.
-TEST(ListenerAtTest, AListenerOfAnotherPidNamespaceIsNotTold) {
+/// In another pid namespace the listener has no pid.
+TEST(ListenerAtTest, AListenerOfAnotherPidNamespaceIsNotNamed) {
   testsupport::TempDir tree;
   lunettest::Client client("{\"runtime_path\":\"" + tree.path() + "\"}");
   lunettest::Endpoint server(client, newGuid());

@@ -66,7 +66,7 @@ TEST_F(ClientTest, ConnectWaitsForAnAgentThatIsJustStarting) {
 }
 
 TEST_F(ClientTest, ConnectGivesUpAfterTheLesserOfTheTwoTimes) {
-  // Neither could pass if the longer one (an hour) counted.
+  // Both would time out if the longer limit (an hour) counted.
   Client configured(config("\"connect_timeout_ms\":30"));
   EXPECT_EQ(configured->Connect(3600), lunet::kErrNoTarget);
   Client longer(config("\"connect_timeout_ms\":3600000"));
@@ -197,8 +197,7 @@ TEST_F(ClientTest, AnInitThatFailsLeavesTheLogClosed) {
   }
 }
 
-/// A group whose entry is longer than what is first made room for. In a process with an /etc/group of its
-/// own.
+/// A group whose entry is longer than the first buffer, in a process with an /etc/group of its own.
 TEST_F(ClientTest, AGroupOfManyMembersIsFound) {
   if (const std::string why = testsupport::whyNoOwnMounts(); !why.empty()) {
     GTEST_SKIP() << "needs mounts of its own: " << why;
@@ -242,5 +241,5 @@ TEST_F(ClientTest, ItsThreadsTakeNoSignalsOfTheProgram) {
     }
     return checked;
   };
-  EXPECT_TRUE(testsupport::waitFor([&] { return check() == 2; }));  // a thread names itself
+  EXPECT_TRUE(testsupport::waitFor([&] { return check() == 2; }));  // a thread sets its name itself
 }

@@ -22,7 +22,7 @@ std::string frame(const std::string& body, std::uint64_t id = 1) {
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + body;
 }
 
-/// Feeds at most `step` bytes at a time; returns the bodies that came out.
+/// The bodies that the reader gives for `step` bytes at a time.
 std::vector<std::string> feed(FrameReader& reader, std::string_view bytes, std::size_t step) {
   std::vector<std::string> bodies;
   while (!bytes.empty()) {
@@ -94,7 +94,7 @@ TEST(FrameReaderTest, AnAnnouncedLengthTakesNoMemoryBeforeItsBytesArrive) {
 }
 
 TEST(FrameReaderTest, ATakenBodyIsTheCallersAndEndsInANul) {
-  mallopt(M_PERTURB, 0x5A);  // new memory holds no zeroes by chance
+  mallopt(M_PERTURB, 0x5A);  // so that new memory holds no zeroes
   for (const std::size_t size : {std::size_t{0}, std::size_t{5}, std::size_t{100000}}) {
     FrameReader reader;
     const std::string bytes = frame(std::string(size, 'b')) + frame("next");
@@ -127,7 +127,7 @@ TEST(FrameReaderTest, ABodyAtTheLimitForItsSenderIsReadAndALongerOneEndsTheConne
   FrameHeader header;
   header.length = 6;
   EXPECT_EQ(feedHeader(reader, header), FrameReader::Next::kBad);
-  EXPECT_STREQ(reader.whyBadFrame(), "announced length over the limit for its sender");
+  EXPECT_STREQ(reader.defect(), "announced length over the limit for its sender");
 }
 
 struct BadHeaderRow {
@@ -143,7 +143,7 @@ TEST_P(BadHeaderTest, EndsTheConnection) {
   FrameHeader header;
   GetParam().spoil(header);
   EXPECT_EQ(feedHeader(reader, header), FrameReader::Next::kBad);
-  EXPECT_STREQ(reader.whyBadFrame(), GetParam().why);
+  EXPECT_STREQ(reader.defect(), GetParam().why);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -32,14 +32,14 @@ class FrameWriterTest : public testing::Test {
     return pair;
   }
 
-  FrameWriter::Result write(std::size_t size) {
+  lunet::Error write(std::size_t size) {
     const std::string body(size, 'w');
     FrameHeader header;
     header.length = static_cast<std::uint32_t>(size);
     return writer.write(header, body.data());
   }
 
-  /// Everything that is in the socket now.
+  /// The bytes that are in the socket now.
   std::size_t drainSocket() const {
     std::string block(1 << 20, '\0');
     std::size_t total = 0;
@@ -66,15 +66,15 @@ class FrameWriterTest : public testing::Test {
 };
 
 TEST_F(FrameWriterTest, WhatTheSocketTakesGoesOutAtOnce) {
-  EXPECT_EQ(write(300), FrameWriter::Result::kTaken);
+  EXPECT_EQ(write(300), lunet::kOk);
   EXPECT_EQ(writer.queuedBytes(), 0u);
   EXPECT_FALSE(wanted);
   EXPECT_EQ(drainSocket(), 300 + sizeof(FrameHeader));
 }
 
 TEST_F(FrameWriterTest, WhatItDoesNotTakeWaitsAndComesWholeAndInOrder) {
-  EXPECT_EQ(write(3 << 20), FrameWriter::Result::kTaken);
-  EXPECT_EQ(write(10), FrameWriter::Result::kTaken);
+  EXPECT_EQ(write(3 << 20), lunet::kOk);
+  EXPECT_EQ(write(10), lunet::kOk);
   EXPECT_TRUE(wanted);
   std::size_t received = drainSocket();
   while (writer.queuedBytes() > 0) {
@@ -91,7 +91,7 @@ TEST_F(FrameWriterTest, ASocketWithoutRoomIsNoEnd) {
   }
   while (send(ours.get(), block.data(), 1, MSG_DONTWAIT) > 0) {
   }
-  EXPECT_EQ(write(10), FrameWriter::Result::kTaken);
+  EXPECT_EQ(write(10), lunet::kOk);
   EXPECT_TRUE(wanted);
   EXPECT_TRUE(writer.flush());
   EXPECT_EQ(writer.queuedBytes(), 10 + sizeof(FrameHeader));
@@ -108,21 +108,21 @@ TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenWhenItIsEmpty) {
     ASSERT_TRUE(writer.flush());
   }
   EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  writer.close();  // ends the wait in any case
+  writer.close();  // ends the wait
 }
 
 TEST_F(FrameWriterTest, AFullQueueTakesNoMoreAndKeepsWhatItHas) {
   while (writer.queuedBytes() < lunet::kQueueFullBytes) {
-    ASSERT_EQ(write(1 << 20), FrameWriter::Result::kTaken);
+    ASSERT_EQ(write(1 << 20), lunet::kOk);
   }
   const std::size_t queued = writer.queuedBytes();
-  EXPECT_EQ(write(1), FrameWriter::Result::kFull);
+  EXPECT_EQ(write(1), lunet::kErrQueueFull);
   EXPECT_EQ(writer.queuedBytes(), queued);
 }
 
 TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenOnceItIsEmpty) {
   while (writer.queuedBytes() < (4U << 20)) {
-    ASSERT_EQ(write(1 << 20), FrameWriter::Result::kTaken);
+    ASSERT_EQ(write(1 << 20), lunet::kOk);
   }
   std::atomic<bool> waits{false};
   const auto waiting = std::async(std::launch::async, [&] {
@@ -139,7 +139,7 @@ TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenOnceItIsEmpty) {
 
 TEST_F(FrameWriterTest, AnEndedConnectionIsToldAtOnce) {
   theirs.reset();
-  EXPECT_EQ(write(10), FrameWriter::Result::kGone);
+  EXPECT_EQ(write(10), lunet::kErrPeerLost);
 }
 
 TEST_F(FrameWriterTest, AConnectionThatEndsWithBytesQueuedFailsTheFlush) {
@@ -152,22 +152,22 @@ TEST_F(FrameWriterTest, AClosedWriterTakesNothingAndHasNothing) {
   write(3 << 20);
   writer.close();
   EXPECT_EQ(writer.queuedBytes(), 0u);
-  EXPECT_EQ(write(10), FrameWriter::Result::kGone);
+  EXPECT_EQ(write(10), lunet::kErrPeerLost);
   EXPECT_FALSE(writer.flush());
 }
 
 TEST_F(FrameWriterTest, AFrameOfWhichOnlyAPartWentOutEndsTheConnection) {
   noMemory = true;
-  EXPECT_EQ(write(3 << 20), FrameWriter::Result::kBroken);
+  EXPECT_EQ(write(3 << 20), lunet::kErrSystem);
   EXPECT_GT(drainSocket(), 0u);
   char byte = 0;
-  EXPECT_EQ(recv(theirs.get(), &byte, 1, 0), 0);  // the end, and not the next frame
-  EXPECT_EQ(write(10), FrameWriter::Result::kGone);
+  EXPECT_EQ(recv(theirs.get(), &byte, 1, 0), 0);  // the end, not the next frame
+  EXPECT_EQ(write(10), lunet::kErrPeerLost);
   EXPECT_FALSE(writer.flush());
 }
 
-/// The rest of a frame that finds no memory. In a process that is started for it and has its memory limited:
-/// in a copy of this one, what earlier tests gave back would do.
+/// No memory for the rest of a frame. In a fresh process with limited memory: a fork of this process would
+/// have free memory of earlier tests.
 TEST_F(FrameWriterTest, AFrameThatFindsNoMemoryForItsRestEndsTheConnection) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizers' memory cannot be limited";
@@ -177,10 +177,10 @@ TEST_F(FrameWriterTest, AFrameThatFindsNoMemoryForItsRestEndsTheConnection) {
   FrameHeader header;
   header.length = static_cast<std::uint32_t>(body.size());
   const auto writeWithoutMemory = [&] {
-    const rlimit limit{1 << 20, 1 << 20};  // less than it has: nothing more
+    const rlimit limit{1 << 20, 1 << 20};  // below the use of the process: no more memory
     setrlimit(RLIMIT_AS, &limit);
-    const bool broken = writer.write(header, body.data()) == FrameWriter::Result::kBroken;
-    const bool gone = writer.write(header, body.data()) == FrameWriter::Result::kGone;
+    const bool broken = writer.write(header, body.data()) == lunet::kErrSystem;
+    const bool gone = writer.write(header, body.data()) == lunet::kErrPeerLost;
     _exit(broken && gone ? 0 : 1);
   };
   EXPECT_EXIT(writeWithoutMemory(), testing::ExitedWithCode(0), "");

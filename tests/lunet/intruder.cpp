@@ -1,7 +1,7 @@
-// lunet_intruder SOCKET CLAIMED-GUID TARGET-GUID: connects by hand, claims that address, and prints what the
-// listener says: "verdict N", "closed" or "refused: <reason>".
-// lunet_intruder SOCKET CLAIMED-GUID TARGET-GUID COUNT: that often, and keeps the connections until its input
-// ends. With "silent" for the claimed address it greets nobody and waits for what the last one is told.
+// lunet_intruder SOCKET CLAIMED-GUID TARGET-GUID [COUNT]: connects by hand, claims that address, and prints
+// the listener's verdict: "verdict N", "closed" or "refused: <reason>". With COUNT it makes so many
+// connections and keeps them until its input ends. "silent" for the claimed address: no hello, only the
+// verdict of the last one.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,7 +21,7 @@ struct Welcome {
   lunet::Guid listener;
 };
 
-/// -1 when the listener cannot be reached; says so.
+/// -1, and a line of output, when the listener cannot be reached.
 int connectTo(const char* path) {
   const auto address = lunet::socketAddress(path);
   const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -32,7 +32,7 @@ int connectTo(const char* path) {
   return fd;
 }
 
-void greet(int fd, const char* claimed, const char* target) {
+void handshake(int fd, const char* claimed, const char* target) {
   struct {
     lunet::FrameHeader header;
     lunet::HelloBody body;
@@ -66,9 +66,9 @@ int main(int count, char** words) {
       return 0;
     }
     if (!silent) {
-      greet(fd, words[2], words[3]);
+      handshake(fd, words[2], words[3]);
       printVerdict(fd);
-    } else if (i == wanted - 1) {  // the others before it stand
+    } else if (i == wanted - 1) {  // the earlier connections stand
       printVerdict(fd);
     }
   }

@@ -194,7 +194,7 @@ TEST_F(LogTest, ALinkIsNotFollowed) {
 }
 
 TEST_F(LogTest, AFolderThatOthersMayWriteCostsTheFileOnly) {
-  const std::string name = fs::path(dir.path()).filename().string() + ".log";  // of no other file
+  const std::string name = fs::path(dir.path()).filename().string() + ".log";  // no other file has this name
   settings.path = dir.at("logs/tavcli/" + name);
   fs::create_directories(dir.at("logs/tavcli"));
   ASSERT_EQ(chmod(dir.at("logs").c_str(), 0777), 0);

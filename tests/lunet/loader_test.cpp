@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "lunet/ClientLibrary.h"
+#include "lunet/BusClient.h"
 #include "support/Reason.h"
 #include "support/TempDir.h"
 
@@ -22,27 +22,23 @@ std::string fake(const char* kind) {
 }  // namespace
 
 TEST(LoaderTest, TheLibraryIsLoadedAndGivesAClient) {
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   EXPECT_EQ(reasonOf(library.load(kLibrary)), "");
-  EXPECT_EQ(reasonOf(library.createClient()), "");
   EXPECT_NE(library.client(), nullptr);
-  EXPECT_EQ(reasonOf(library.unload()), "");
+  EXPECT_EQ(reasonOf(library.close()), "");
   EXPECT_EQ(library.client(), nullptr);
 }
 
-TEST(LoaderTest, EachStepIsTakenOnceAndInOrder) {
-  lunet::ClientLibrary library;
-  EXPECT_EQ(reasonOf(library.createClient()), "the bus library is not loaded");
+TEST(LoaderTest, TheLibraryIsLoadedOnce) {
+  lunet::BusClient library;
   ASSERT_EQ(reasonOf(library.load(kLibrary)), "");
   EXPECT_EQ(reasonOf(library.load(kLibrary)), "the bus library is loaded already");
-  ASSERT_EQ(reasonOf(library.createClient()), "");
-  EXPECT_EQ(reasonOf(library.createClient()), "the bus client exists already");
 }
 
 TEST(LoaderTest, ANameWithoutAFolderIsTheFileInTheCurrentFolder) {
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(TAV_LIB_DIR);
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   EXPECT_EQ(reasonOf(library.load("libLunetClientMgr.so")), "");
   std::filesystem::current_path(before);
 }
@@ -50,19 +46,18 @@ TEST(LoaderTest, ANameWithoutAFolderIsTheFileInTheCurrentFolder) {
 TEST(LoaderTest, UnloadingEndsTheClientAndGivesItsAddressesUp) {
   testsupport::TempDir tree;
   const std::string socket = tree.at(std::string("run/lunet/") + lunet::kAgentGuid + ".sock");
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   ASSERT_EQ(reasonOf(library.load(kLibrary)), "");
-  ASSERT_EQ(reasonOf(library.createClient()), "");
   ASSERT_EQ(library.client()->Init(("{\"runtime_path\":\"" + tree.path() + "\"}").c_str(), "test"),
             lunet::kOk);
   ASSERT_EQ(library.client()->CreateEndpoint()->Open(lunet::parseGuid(lunet::kAgentGuid)), lunet::kOk);
   EXPECT_TRUE(std::filesystem::exists(socket));
-  EXPECT_EQ(reasonOf(library.unload()), "");
+  EXPECT_EQ(reasonOf(library.close()), "");
   EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
 TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   const std::string why = reasonOf(library.load("/nowhere/libLunetClientMgr.so"));
   EXPECT_TRUE(why.starts_with("dlopen failed: ")) << why;
   EXPECT_TRUE(why.ends_with(".")) << why;
@@ -70,23 +65,20 @@ TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
 }
 
 TEST(LoaderTest, ALibraryWithoutCreateInstanceIsNamed) {
-  lunet::ClientLibrary library;
-  ASSERT_EQ(reasonOf(library.load(fake("no_create"))), "");
-  const std::string why = reasonOf(library.createClient());
+  lunet::BusClient library;
+  const std::string why = reasonOf(library.load(fake("no_create")));
   EXPECT_TRUE(why.starts_with("dlsym CreateInstance failed: ")) << why;
 }
 
 TEST(LoaderTest, ALibraryThatGivesNoClientIsNamed) {
-  lunet::ClientLibrary library;
-  ASSERT_EQ(reasonOf(library.load(fake("no_client"))), "");
-  EXPECT_EQ(reasonOf(library.createClient()), "the bus library gave no client");
+  lunet::BusClient library;
+  EXPECT_EQ(reasonOf(library.load(fake("no_client"))), "the bus library gave no client");
 }
 
 TEST(LoaderTest, ALibraryWithoutDestoryInstanceIsNamedAndUnloaded) {
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   ASSERT_EQ(reasonOf(library.load(fake("no_destory"))), "");
-  ASSERT_EQ(reasonOf(library.createClient()), "");
-  const std::string why = reasonOf(library.unload());
+  const std::string why = reasonOf(library.close());
   EXPECT_TRUE(why.starts_with("dlsym DestoryInstance failed: ")) << why;
   EXPECT_EQ(library.client(), nullptr);
   EXPECT_EQ(dlopen(fake("no_destory").c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr);
@@ -97,11 +89,11 @@ TEST(LoaderTest, ALibraryThatOthersCanWriteIsNotRun) {
   const std::string copy = dir.at("libLunetClientMgr.so");
   std::filesystem::copy_file(kLibrary, copy);
   ASSERT_EQ(chmod(copy.c_str(), 0777), 0);
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   const std::string why = reasonOf(library.load(copy));
   EXPECT_TRUE(why.starts_with("the bus library is not loaded: ")) << why;
   EXPECT_NE(why.find(copy), std::string::npos) << why;
-  EXPECT_NE(reasonOf(library.createClient()), "");
+  EXPECT_EQ(library.client(), nullptr);
 }
 
 TEST(LoaderTest, ALibraryInAFolderThatOthersCanWriteIsNotRun) {
@@ -110,7 +102,7 @@ TEST(LoaderTest, ALibraryInAFolderThatOthersCanWriteIsNotRun) {
   const std::string copy = dir.at("modules/libLunetClientMgr.so");
   std::filesystem::copy_file(kLibrary, copy);
   ASSERT_EQ(chmod(dir.at("modules").c_str(), 0777), 0);
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   EXPECT_NE(reasonOf(library.load(copy)).find("can be written by others"), std::string::npos);
 }
 
@@ -120,7 +112,7 @@ TEST(LoaderTest, ALinkToALibraryThatOthersCanWriteIsNotRun) {
   std::filesystem::copy_file(kLibrary, dir.at("theirs/lib.so"));
   ASSERT_EQ(chmod(dir.at("theirs").c_str(), 0777), 0);
   std::filesystem::create_symlink(dir.at("theirs/lib.so"), dir.at("lib.so"));
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   EXPECT_NE(reasonOf(library.load(dir.at("lib.so"))).find("can be written by others"), std::string::npos);
 }
 
@@ -167,7 +159,7 @@ TEST(LoaderTest, AGoodLibraryBehindAnotherUsersLinkIsNotRun) {
   testsupport::TempDir dir;
   std::filesystem::create_directory_symlink(TAV_LIB_DIR, dir.at("lib"));
   ASSERT_EQ(lchown(dir.at("lib").c_str(), 12345, 12345), 0);
-  lunet::ClientLibrary library;
+  lunet::BusClient library;
   EXPECT_NE(reasonOf(library.load(dir.at("lib/libLunetClientMgr.so"))).find("lib belongs to user 12345"),
             std::string::npos);
 }

@@ -19,7 +19,7 @@ class LossTest : public BusTest {
     return lunetctl({"listen", lunet::formatGuid(guid)});
   }
 
-  /// Longer than any test may last: a call that ends has ended for another reason.
+  /// Longer than any test may last, so a call that ends has another reason.
   static constexpr std::uint32_t kForEverMs = 3600 * 1000;
 
   Client client{config()};
@@ -96,7 +96,7 @@ TEST_F(LossTest, AfterThePeersRestartTheNextOnewayMessageArrives) {
   }
 }
 
-/// The thread that would notice a peer's end is kept in the log callback by a caller that makes no sense.
+/// A caller with a defective header keeps the thread that notices a peer's end in the log callback.
 class UnnoticedLossTest : public LossTest {
  protected:
   UnnoticedLossTest() {
@@ -114,7 +114,7 @@ class UnnoticedLossTest : public LossTest {
     sender.destroy();
     waitFor([] { return !kept; });
   }
-  /// The sender has a connection to the address, whose end it does not notice.
+  /// The sender has a connection to the address, and does not notice the connection's end.
   void lose() {
     auto first = std::make_unique<Endpoint>(client, address, echo);
     ASSERT_EQ(sender.call(address, "x").data, "x");
@@ -159,7 +159,7 @@ TEST_F(LossTest, AnAnswerThatArrivedBeforeThePeerEndedIsStillTaken) {
     Endpoint caller(client, newGuid());
     auto call = std::async(std::launch::async, [&] { return caller.call(address, "x", kForEverMs).data; });
     ASSERT_TRUE(server->waitForCount(1));
-    server->destroy();  // returns when the callback has, and with it the reply
+    server->destroy();  // returns behind the callback and its reply
     EXPECT_EQ(call.get(), "x");
   }
 }
@@ -181,7 +181,7 @@ TEST_F(LossTest, WhatAnEndedSenderHadSentIsStillDelivered) {
 
 TEST_F(LossTest, WhatIsQueuedWhenTheSenderClosesStillGoesOut) {
   constexpr std::size_t kCount = 8;
-  const std::string large(1 << 20, 'q');  // more than the socket takes: most of it waits in the sender
+  const std::string large(1 << 20, 'q');  // more than the socket takes: most bytes wait in the sender
   Endpoint server(client, address);
   {
     Endpoint sender(client, newGuid());
@@ -289,7 +289,8 @@ TEST_F(LossTest, AReplyToACallerWhoIsGoneSaysSo) {
     }
   });
   auto caller = std::make_unique<Endpoint>(client, newGuid());
-  ASSERT_EQ(caller->send(address, "connects"), lunet::kOk);  // which may take longer than the call waits
+  ASSERT_EQ(caller->send(address, "connects"),
+            lunet::kOk);  // connecting may take longer than the call's limit
   ASSERT_TRUE(server.waitForCount(1));
   EXPECT_EQ(caller->call(address, "x", 30).error, lunet::kErrTimeout);
   caller->destroy();
@@ -326,14 +327,14 @@ TEST_F(LossTest, ConnectionsThatHaveEndedDoNotAddUp) {
   const auto before = descriptors();
   [[maybe_unused]] const std::size_t memory = mallinfo2().uordblks;
   for (int i = 0; i < 50; ++i) {
-    Endpoint guest(client, newGuid());
-    ASSERT_EQ(hub.send(guest.guid(), "x"), lunet::kOk);
-    ASSERT_EQ(guest.send(hub.guid(), "x"), lunet::kOk);
+    Endpoint peer(client, newGuid());
+    ASSERT_EQ(hub.send(peer.guid(), "x"), lunet::kOk);
+    ASSERT_EQ(peer.send(hub.guid(), "x"), lunet::kOk);
   }
   ASSERT_TRUE(hub.waitForCount(51));
   EXPECT_TRUE(waitFor([&] { return descriptors() <= before + 2; })) << before << " then " << descriptors();
 #ifndef TAV_SANITIZED
-  // Each had a block of 64 KiB at both ends.
+  // Each connection had a block of 64 KiB at both ends.
   EXPECT_TRUE(waitFor([&] { return mallinfo2().uordblks < memory + (2 << 20); }))
       << memory << " then " << mallinfo2().uordblks;
 #endif

@@ -59,7 +59,7 @@ TEST_F(LunetctlTest, AListenerTakesTheFirstMessageThatReachesItAndSaysReadyBefor
     const lunet::Guid address = newGuid();
     Player player(lunetctl({"listen", lunet::formatGuid(address)}));
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!lunet::listenerAt(socketFolder(), address)) {  // without a pause, to be there first
+    while (!lunet::listenerAt(socketFolder(), address)) {  // without a pause, to be the first caller
       ASSERT_LT(std::chrono::steady_clock::now(), limit) << player.process.err();
     }
     ASSERT_EQ(caller.send(address, "first"), lunet::kOk);
@@ -290,7 +290,7 @@ TEST_F(LunetctlTest, OutputThatCannotBeWrittenIsAFailureOfOneLine) {
   EXPECT_EQ(full.status, 1);
   EXPECT_EQ(full.err, "lunetctl: standard output cannot be written\n");
   int ends[2];
-  ASSERT_EQ(pipe(ends), 0);  // the writing end goes to the shell
+  ASSERT_EQ(pipe(ends), 0);  // the shell gets the writing end
   close(ends[0]);
   const Result gone = run({"/bin/bash", "-c", help + " >&" + std::to_string(ends[1])});
   close(ends[1]);

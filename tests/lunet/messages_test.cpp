@@ -61,7 +61,7 @@ TEST_F(MessagesTest, AnAnswerOf64MebibytesPasses) {
   Endpoint caller(client, newGuid());
   const Endpoint::Answer answer = caller.call(server.guid(), "give");
   EXPECT_EQ(answer.error, lunet::kOk);
-  EXPECT_TRUE(answer.data == large);  // no EXPECT_EQ: it would print them
+  EXPECT_TRUE(answer.data == large);  // EXPECT_EQ would print both
 }
 
 TEST_F(MessagesTest, ARequestOf64MebibytesPasses) {
@@ -104,7 +104,7 @@ TEST_F(MessagesTest, MessagesOfOneSenderOnBothChannelsAreDeliveredInTheOrderSent
   Endpoint server(client, newGuid(), echo);
   Endpoint caller(client, newGuid());
   for (int i = 0; i < kCount; ++i) {
-    // Large ones in between fill the socket, so that queueing is tested with it.
+    // Large messages fill the socket, so that some are queued.
     const std::string text = std::to_string(i) + (i % 500 == 250 ? std::string(1 << 20, ' ') : "");
     if (i % 50 == 49) {
       ASSERT_EQ(caller.call(server.guid(), text).error, lunet::kOk);
@@ -371,7 +371,7 @@ TEST_F(MessagesTest, TimeoutsOfCallsAtOnceAreEachTheirOwn) {
   patient.join();
 }
 
-/// The call that came first reads for both; what comes of it, the other has somebody who reads its answer.
+/// The first call reads for both. Whatever its end, the other call still gets its answer.
 TEST_F(MessagesTest, ACallWhoseReaderHasItsAnswerAndGoesGetsItsOwn) {
   Endpoint server(client, newGuid());
   Endpoint caller(client, newGuid());

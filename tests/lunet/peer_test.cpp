@@ -16,7 +16,7 @@ using lunet::startTicksOf;
 
 namespace {
 
-/// Since boot, in the unit of a process's start time.
+/// Time since boot, in the unit of a process's start time.
 std::uint64_t ticksNow() {
   timespec now{};
   clock_gettime(CLOCK_BOOTTIME, &now);
@@ -40,7 +40,7 @@ TEST(StartTicks, OfAProcessThatIsGoneAreZero) {
   EXPECT_EQ(startTicksOf(0x7FFFFFFF), std::uint64_t{0});
 }
 
-/// The name stands in brackets before the start time, and its process chooses it.
+/// The process chooses its name, which stands in brackets before the start time.
 class StartTicksOfAName : public testing::TestWithParam<const char*> {
  protected:
   StartTicksOfAName() { prctl(PR_GET_NAME, before_); }
@@ -68,7 +68,7 @@ TEST(PeerIdentityTest, IsTheSameProcessWhenNumberUserAndStartAreThoseOnly) {
   EXPECT_FALSE((one == PeerIdentity{1, 2, 3, 9, false}));
 }
 
-/// Who may join, of a bus of user 1000.
+/// Users of a bus of user 1000.
 class AccessRuleTest : public testing::Test {
  protected:
   static Peer user(uid_t uid, gid_t gid = 5000, std::vector<gid_t> groups = {}) {

@@ -8,7 +8,7 @@ using testsupport::waitFor;
 
 class ReceiversTest : public BusTest {
  protected:
-  /// Takes messages and does nothing else.
+  /// Ignores messages.
   class Counter final : public lunet::IMRReceiveComplete {
    public:
     void ReceiveCallback(std::uint32_t, std::uint64_t, const void*, std::uint32_t, void*,
@@ -73,7 +73,7 @@ TEST_F(ReceiversTest, UnregisteringWaitsForTheRunningCallbackOfThatChannel) {
   Endpoint caller(client, newGuid());
   caller.send(server.guid(), "x");
   ASSERT_TRUE(server.waitForCount(1));
-  EXPECT_EQ(server->UnregisterReceiver(lunet::kRequestChannel), lunet::kOk);  // another channel: no waiting
+  EXPECT_EQ(server->UnregisterReceiver(lunet::kRequestChannel), lunet::kOk);  // another channel: no wait
   EXPECT_FALSE(finished);
   std::thread opener([&] { gate.open(); });
   server->UnregisterReceiver(lunet::kOnewayChannel);

@@ -15,7 +15,7 @@ class SendToProcessTest : public BusTest {
     return from->SendToProcess(target, process, lunet::kOnewayChannel, text.data(),
                                static_cast<std::uint32_t>(text.size()));
   }
-  /// Lets the player send us something, and tells who it is by the kernel's word.
+  /// Lets the player send a message; the player's process as the kernel names it.
   lunet::PeerIdentity identityOf(Player& player, Endpoint& self) {
     const std::size_t before = self.count();
     player.process.write("{\"send\":\"" + lunet::formatGuid(self.guid()) +

@@ -1,4 +1,4 @@
-// A process that has run out of descriptors: what cannot be done then fails, and nothing more than that.
+// In a process without descriptors only those operations fail that need one.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ using namespace lunettest;
 
 namespace {
 
-/// While it lives this process has no descriptor left but `spare`.
+/// While this object lives, the process has only `spare` descriptors left.
 class NoDescriptors {
  public:
   explicit NoDescriptors(std::size_t spare) {
@@ -76,10 +76,10 @@ TEST_F(ShortageTest, ACallerWhoCannotBeToldApartIsTurnedAwayAndTheNextIsServed) 
     const NoDescriptors none(2);  // one for the caller's end and one for the listener's
     RawConnection caller(socketOf(server.guid()));
     ASSERT_TRUE(caller.connected());
-    EXPECT_EQ(caller.greet(own.guid(), server.guid()), lunet::kErrSystem);
+    EXPECT_EQ(caller.handshake(own.guid(), server.guid()), lunet::kErrSystem);
   }
   RawConnection late(socketOf(server.guid()));
-  EXPECT_EQ(late.greet(own.guid(), server.guid()), lunet::kOk);
+  EXPECT_EQ(late.handshake(own.guid(), server.guid()), lunet::kOk);
 }
 
 TEST_F(ShortageTest, AListenerWhoCannotBeToldApartIsNotTalkedTo) {
@@ -99,5 +99,5 @@ TEST_F(ShortageTest, ACallerWhoCannotBeAcceptedIsWhenDescriptorsAreThereAgain) {
     caller = std::make_unique<RawConnection>(socketOf(server.guid()));
     ASSERT_TRUE(caller->connected());
   }
-  EXPECT_EQ(caller->greet(own.guid(), server.guid()), lunet::kOk);
+  EXPECT_EQ(caller->handshake(own.guid(), server.guid()), lunet::kOk);
 }

@@ -10,7 +10,6 @@
 #include "support/TempDir.h"
 
 using lunet::checkFolder;
-using lunet::FolderCheck;
 using lunet::prepareFolder;
 using lunet::SocketFolder;
 
@@ -23,6 +22,15 @@ struct Status {
   gid_t gid;
   unsigned mode;
 };
+
+/// The reason why a folder is refused; "" for one that is accepted.
+std::string reasonOf(const lunet::Result<uid_t>& checked) {
+  return checked ? "" : checked.error().reason;
+}
+
+lunet::Error errorOf(const lunet::Result<uid_t>& checked) {
+  return checked ? lunet::kOk : checked.error().error;
+}
 
 Status statusOf(const std::string& path) {
   struct stat st {};
@@ -68,7 +76,7 @@ class SocketFolderTest : public testing::Test {
 TEST_F(SocketFolderTest, IsMadePrivateWithoutAGroupWhateverTheUmask) {
   const SocketFolder folder{dir.at("run/lunet"), std::nullopt};
   const mode_t before = umask(0);
-  EXPECT_EQ(prepareFolder(folder).why, "");
+  EXPECT_EQ(reasonOf(prepareFolder(folder)), "");
   umask(before);
   EXPECT_EQ(statusOf(dir.at("run")).mode, 0755u);
   EXPECT_EQ(statusOf(folder.path).mode, 0700u);
@@ -80,7 +88,7 @@ TEST_F(SocketFolderTest, IsMadeForItsGroupWithOne) {
     GTEST_SKIP() << "only root can give a folder to a group that is not its own";
   }
   const SocketFolder folder{dir.at("run/lunet"), kGroup};
-  EXPECT_EQ(prepareFolder(folder).why, "");
+  EXPECT_EQ(reasonOf(prepareFolder(folder)), "");
   EXPECT_EQ(statusOf(folder.path).mode, 03770u);
   EXPECT_EQ(statusOf(folder.path).gid, kGroup);
 }
@@ -90,10 +98,10 @@ TEST_F(SocketFolderTest, ThatStandsOtherwiseIsSetRightByItsOwner) {
     GTEST_SKIP() << "only root can give a folder to a group that is not its own";
   }
   const SocketFolder shared{dir.at("lunet"), kGroup};
-  ASSERT_EQ(prepareFolder(shared).error, lunet::kOk);
+  ASSERT_EQ(errorOf(prepareFolder(shared)), lunet::kOk);
   const SocketFolder closed{dir.at("lunet"), std::nullopt};
-  EXPECT_EQ(checkFolder(closed).error, lunet::kErrPath);
-  EXPECT_EQ(prepareFolder(closed).error, lunet::kOk);
+  EXPECT_EQ(errorOf(checkFolder(closed)), lunet::kErrPath);
+  EXPECT_EQ(errorOf(prepareFolder(closed)), lunet::kOk);
   EXPECT_EQ(statusOf(closed.path).mode, 0700u);
 }
 
@@ -103,7 +111,7 @@ TEST_F(SocketFolderTest, ThatHoldsFilesOfABusOnlyIsSetRight) {
     dir.write(name + ending, "");
   }
   ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0755), 0);
-  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).why, "");
+  EXPECT_EQ(reasonOf(prepareFolder({dir.at("lunet"), std::nullopt})), "");
   EXPECT_EQ(statusOf(dir.at("lunet")).mode, 0700u);
 }
 
@@ -112,9 +120,9 @@ TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsLeftAsItIsAndRefused) {
   ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0755), 0);
   const Status before = statusOf(dir.at("lunet"));
   for (const std::optional<gid_t> group : {std::optional<gid_t>(), std::optional<gid_t>(kGroup)}) {
-    const FolderCheck check = prepareFolder({dir.at("lunet"), group});
-    EXPECT_EQ(check.error, lunet::kErrPath);
-    EXPECT_NE(check.why.find("it holds other files"), std::string::npos) << check.why;
+    const lunet::Result<uid_t> check = prepareFolder({dir.at("lunet"), group});
+    EXPECT_EQ(errorOf(check), lunet::kErrPath);
+    EXPECT_NE(reasonOf(check).find("it holds other files"), std::string::npos) << reasonOf(check);
     EXPECT_EQ(statusOf(dir.at("lunet")).mode, before.mode);
     EXPECT_EQ(statusOf(dir.at("lunet")).gid, before.gid);
   }
@@ -125,7 +133,7 @@ TEST_F(SocketFolderTest, OfAFileThatOnlyLooksLikeOneOfABusIsLeftAsItIs) {
     testsupport::TempDir own;
     own.write(std::string("lunet/") + name, "");
     ASSERT_EQ(chmod(own.at("lunet").c_str(), 0755), 0);
-    EXPECT_EQ(prepareFolder({own.at("lunet"), std::nullopt}).error, lunet::kErrPath) << name;
+    EXPECT_EQ(errorOf(prepareFolder({own.at("lunet"), std::nullopt})), lunet::kErrPath) << name;
     EXPECT_EQ(statusOf(own.at("lunet")).mode, 0755u) << name;
   }
 }
@@ -137,9 +145,9 @@ TEST_F(SocketFolderTest, OfAnotherGroupThatHoldsOtherFilesIsRefused) {
   dir.write("lunet/other", "");
   ASSERT_EQ(chown(dir.at("lunet").c_str(), 0, kGroup + 1), 0);
   ASSERT_EQ(chmod(dir.at("lunet").c_str(), 03770), 0);
-  const FolderCheck check = prepareFolder({dir.at("lunet"), kGroup});
-  EXPECT_EQ(check.error, lunet::kErrPath);
-  EXPECT_NE(check.why.find("has group 101"), std::string::npos) << check.why;
+  const lunet::Result<uid_t> check = prepareFolder({dir.at("lunet"), kGroup});
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
+  EXPECT_NE(reasonOf(check).find("has group 101"), std::string::npos) << reasonOf(check);
   EXPECT_EQ(statusOf(dir.at("lunet")).gid, kGroup + 1);
 }
 
@@ -150,7 +158,7 @@ TEST_F(SocketFolderTest, ThatCannotBeMadeIsRefused) {
   ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
   const auto refused = [this] {
     const bool other = setresuid(12345, 12345, 12345) == 0;
-    return other && prepareFolder({dir.at("lunet"), std::nullopt}).error == lunet::kErrPath;
+    return other && errorOf(prepareFolder({dir.at("lunet"), std::nullopt})) == lunet::kErrPath;
   };
   EXPECT_EXIT(_exit(refused() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
@@ -164,7 +172,7 @@ TEST(SocketAddressTest, HasRoomForTheSystemsLimitAndNotMore) {
 TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsUsedWhenItIsAsItMustBe) {
   dir.write("lunet/other", "");
   ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0700), 0);
-  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).why, "");
+  EXPECT_EQ(reasonOf(prepareFolder({dir.at("lunet"), std::nullopt})), "");
 }
 
 TEST_F(SocketFolderTest, OfAnotherUserIsRefused) {
@@ -173,17 +181,17 @@ TEST_F(SocketFolderTest, OfAnotherUserIsRefused) {
   }
   std::filesystem::create_directory(dir.at("lunet"));
   ASSERT_EQ(chown(dir.at("lunet").c_str(), 12345, 12345), 0);
-  const FolderCheck check = prepareFolder({dir.at("lunet"), std::nullopt});
-  EXPECT_EQ(check.error, lunet::kErrPath);
-  EXPECT_NE(check.why.find("belongs to user 12345"), std::string::npos) << check.why;
+  const lunet::Result<uid_t> check = prepareFolder({dir.at("lunet"), std::nullopt});
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
+  EXPECT_NE(reasonOf(check).find("belongs to user 12345"), std::string::npos) << reasonOf(check);
 }
 
 TEST_F(SocketFolderTest, BelowAFolderThatOthersCanWriteIsRefused) {
   std::filesystem::create_directory(dir.at("open"));
   ASSERT_EQ(chmod(dir.at("open").c_str(), 0777), 0);
-  const FolderCheck check = prepareFolder({dir.at("open/lunet"), std::nullopt});
-  EXPECT_EQ(check.error, lunet::kErrPath);
-  EXPECT_NE(check.why.find("can be written by others"), std::string::npos) << check.why;
+  const lunet::Result<uid_t> check = prepareFolder({dir.at("open/lunet"), std::nullopt});
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
+  EXPECT_NE(reasonOf(check).find("can be written by others"), std::string::npos) << reasonOf(check);
 }
 
 TEST_F(SocketFolderTest, BelowAnotherUsersLinkIsNeitherMadeNorUsed) {
@@ -193,47 +201,47 @@ TEST_F(SocketFolderTest, BelowAnotherUsersLinkIsNeitherMadeNorUsed) {
   std::filesystem::create_directory(dir.at("real"));
   std::filesystem::create_symlink("real", dir.at("run"));
   ASSERT_EQ(lchown(dir.at("run").c_str(), 12345, 12345), 0);
-  FolderCheck check = prepareFolder({dir.at("run/lunet"), std::nullopt});
-  EXPECT_EQ(check.error, lunet::kErrPath);
-  EXPECT_NE(check.why.find("run belongs to user 12345"), std::string::npos) << check.why;
+  lunet::Result<uid_t> check = prepareFolder({dir.at("run/lunet"), std::nullopt});
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
+  EXPECT_NE(reasonOf(check).find("run belongs to user 12345"), std::string::npos) << reasonOf(check);
   EXPECT_TRUE(std::filesystem::is_empty(dir.at("real")));
-  ASSERT_EQ(prepareFolder({dir.at("real/lunet"), std::nullopt}).why, "");
+  ASSERT_EQ(reasonOf(prepareFolder({dir.at("real/lunet"), std::nullopt})), "");
   check = checkFolder({dir.at("run/lunet"), std::nullopt});
-  EXPECT_EQ(check.error, lunet::kErrPath);
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
 }
 
 TEST_F(SocketFolderTest, BelowALinkOfItsUsersIsUsed) {
   std::filesystem::create_directory(dir.at("real"));
   std::filesystem::create_symlink("real", dir.at("run"));
-  EXPECT_EQ(prepareFolder({dir.at("run/lunet"), std::nullopt}).why, "");
+  EXPECT_EQ(reasonOf(prepareFolder({dir.at("run/lunet"), std::nullopt})), "");
   EXPECT_TRUE(std::filesystem::exists(dir.at("real/lunet")));
 }
 
 TEST_F(SocketFolderTest, ThatIsALinkIsRefused) {
   std::filesystem::create_directory(dir.at("real"));
-  ASSERT_EQ(chmod(dir.at("real").c_str(), 0700), 0);  // as it must be
+  ASSERT_EQ(chmod(dir.at("real").c_str(), 0700), 0);  // the right mode
   std::filesystem::create_symlink(dir.at("real"), dir.at("lunet"));
-  EXPECT_EQ(checkFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
-  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
+  EXPECT_EQ(errorOf(checkFolder({dir.at("lunet"), std::nullopt})), lunet::kErrPath);
+  EXPECT_EQ(errorOf(prepareFolder({dir.at("lunet"), std::nullopt})), lunet::kErrPath);
 }
 
 TEST_F(SocketFolderTest, ThatIsAFileIsRefused) {
   dir.write("lunet", "x");
-  EXPECT_EQ(prepareFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrPath);
+  EXPECT_EQ(errorOf(prepareFolder({dir.at("lunet"), std::nullopt})), lunet::kErrPath);
 }
 
 TEST_F(SocketFolderTest, ThatDoesNotExistMeansThatNobodyIsThere) {
-  EXPECT_EQ(checkFolder({dir.at("lunet"), std::nullopt}).error, lunet::kErrNoTarget);
+  EXPECT_EQ(errorOf(checkFolder({dir.at("lunet"), std::nullopt})), lunet::kErrNoTarget);
 }
 
 TEST_F(SocketFolderTest, WhosePathsWouldPassTheLimitIsRefusedWithBothNumbers) {
   const std::size_t room = 107 - (1 + 36 + 5);  // "/<GUID>.sock"
   std::string path = dir.path() + "/" + std::string(room - dir.path().size() - 1, 'a');
-  EXPECT_EQ(prepareFolder({path, std::nullopt}).why, "");
+  EXPECT_EQ(reasonOf(prepareFolder({path, std::nullopt})), "");
   path += 'a';
-  const FolderCheck check = prepareFolder({path, std::nullopt});
-  EXPECT_EQ(check.error, lunet::kErrPath);
-  EXPECT_NE(check.why.find("108 bytes"), std::string::npos) << check.why;
-  EXPECT_NE(check.why.find("107"), std::string::npos) << check.why;
-  EXPECT_NE(check.why.find("socket_dir"), std::string::npos) << check.why;
+  const lunet::Result<uid_t> check = prepareFolder({path, std::nullopt});
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
+  EXPECT_NE(reasonOf(check).find("108 bytes"), std::string::npos) << reasonOf(check);
+  EXPECT_NE(reasonOf(check).find("107"), std::string::npos) << reasonOf(check);
+  EXPECT_NE(reasonOf(check).find("socket_dir"), std::string::npos) << reasonOf(check);
 }

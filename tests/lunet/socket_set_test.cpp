@@ -10,11 +10,11 @@
 
 namespace {
 
-/// Something that is ready from the beginning, and takes itself or another out of the set when it is told.
+/// A socket that is ready from the beginning. Its notification removes itself or another socket from the set.
 class Ready final : public lunet::Watched {
  public:
   void onReady(std::uint32_t) override {
-    ++told;
+    ++notified;
     if (onTold) {
       onTold();
     }
@@ -22,7 +22,7 @@ class Ready final : public lunet::Watched {
 
   const platform::Descriptor fd{eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)};
   std::uint64_t key = 0;
-  int told = 0;
+  int notified = 0;
   std::function<void()> onTold;
 };
 
@@ -42,10 +42,10 @@ TEST_F(SocketSetTest, WhatIsReadyIsToldUntilItIsRemoved) {
   const auto one = addOne();
   set.dispatch(0);
   set.dispatch(0);
-  EXPECT_EQ(one->told, 2);
+  EXPECT_EQ(one->notified, 2);
   remove(one);
   set.dispatch(0);
-  EXPECT_EQ(one->told, 2);
+  EXPECT_EQ(one->notified, 2);
 }
 
 TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotToldAnyMore) {
@@ -54,7 +54,7 @@ TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotToldAnyMore
   one->onTold = [&] { remove(other); };
   other->onTold = [&] { remove(one); };
   set.dispatch(0);
-  EXPECT_EQ(one->told + other->told, 1);
+  EXPECT_EQ(one->notified + other->notified, 1);
 }
 
 }  // namespace

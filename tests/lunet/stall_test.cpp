@@ -12,7 +12,7 @@ using testsupport::waitFor;
 
 class StallTest : public BusTest {
  protected:
-  /// Sends until the bus says that the receiver does not take its messages; how many were taken.
+  /// Sends until kErrQueueFull; the number of accepted messages.
   static int fill(Endpoint& sender, const lunet::Guid& target, std::uint32_t& error) {
     const std::string text(1 << 20, 's');
     for (int count = 0;; ++count) {
@@ -116,7 +116,7 @@ TEST_F(StallTest, WhatWasQueuedForAPeerThatDiedIsLogged) {
   EXPECT_TRUE(waitFor([] { return told.load(); }));
 }
 
-/// A connection made by hand whose socket holds more than is read in one turn.
+/// A connection made by hand whose socket holds more than one turn reads.
 class LongTurnTest : public StallTest {
  protected:
   static constexpr std::size_t kFrames = 400;
@@ -128,7 +128,7 @@ class LongTurnTest : public StallTest {
     frame.length = 8000;
     const std::string bytes =
         std::string(reinterpret_cast<const char*>(&frame), sizeof frame) + std::string(8000, 'f');
-    EXPECT_EQ(raw.greet(owner.guid(), server.guid()), lunet::kOk);
+    EXPECT_EQ(raw.handshake(owner.guid(), server.guid()), lunet::kOk);
     for (std::size_t i = 0; raw.growBuffer(32 << 20) && i < kFrames; ++i) {
       if (!raw.sendNow(bytes.data(), bytes.size())) {
         return false;
@@ -171,13 +171,13 @@ TEST_F(StallTest, AReadThatTakesExactlyWhatIsThereEndsNothing) {
   ASSERT_EQ(owner.send(server.guid(), "first"), lunet::kOk);
   ASSERT_TRUE(server.waitForCount(1));
   const RawConnection raw(socketOf(server.guid()));
-  ASSERT_EQ(raw.greet(owner.guid(), server.guid()), lunet::kOk);
+  ASSERT_EQ(raw.handshake(owner.guid(), server.guid()), lunet::kOk);
   lunet::FrameHeader frame;
   frame.channel = lunet::kOnewayChannel;
   frame.length = (8 << 10) - sizeof frame;
   const std::string bytes =
       std::string(reinterpret_cast<const char*>(&frame), sizeof frame) + std::string(frame.length, 'f');
-  for (int i = 0; i < 8; ++i) {  // 64 KiB, as much as is read at once
+  for (int i = 0; i < 8; ++i) {  // 64 KiB, the size of one read
     ASSERT_TRUE(raw.sendNow(bytes.data(), bytes.size()));
   }
   gate.open();
@@ -187,7 +187,7 @@ TEST_F(StallTest, AReadThatTakesExactlyWhatIsThereEndsNothing) {
 }
 
 TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreToldByTheReplier) {
-  // A caller that sends requests and never reads: its answers pile up at the replier, up to the limit.
+  // The caller sends requests and never reads, so its answers queue at the replier up to the limit.
   std::atomic<bool> full{false};
   const std::string large(4 << 20, 'a');
   Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
@@ -197,7 +197,7 @@ TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreToldByTheReplier) {
   });
   Endpoint owner(client, newGuid());
   const RawConnection raw(socketOf(server.guid()));
-  ASSERT_EQ(raw.greet(owner.guid(), server.guid()), lunet::kOk);
+  ASSERT_EQ(raw.handshake(owner.guid(), server.guid()), lunet::kOk);
   for (std::uint64_t id = 1; id <= 20; ++id) {
     lunet::FrameHeader header;
     header.kind = lunet::FrameKind::kRequest;

@@ -1,4 +1,4 @@
-// What a peer that breaks the rules of the wire can do: end its own connection, and nothing else.
+// A peer that breaks the rules of the wire ends its own connection, and nothing else.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -28,10 +28,10 @@ class StrangersTest : public BusTest {
     header.length = length;
     return header;
   }
-  /// A connection that has been welcomed.
-  std::unique_ptr<RawConnection> guest() {
+  /// A connection behind its handshake.
+  std::unique_ptr<RawConnection> connected() {
     auto raw = std::make_unique<RawConnection>(socketOf(server.guid()));
-    EXPECT_EQ(raw->greet(owner.guid(), server.guid()), lunet::kOk);
+    EXPECT_EQ(raw->handshake(owner.guid(), server.guid()), lunet::kOk);
     return raw;
   }
   void expectUnharmed() { EXPECT_EQ(friendly.call(server.guid(), "still there").data, "still there"); }
@@ -51,7 +51,7 @@ class BadFrameTest : public StrangersTest, public testing::WithParamInterface<Ba
 
 TEST_P(BadFrameTest, ClosesThatConnectionAndHarmsNoOther) {
   expectUnharmed();
-  const auto raw = guest();
+  const auto raw = connected();
   raw->send(GetParam().header);
   EXPECT_TRUE(raw->waitUntilClosed());
   expectUnharmed();
@@ -92,7 +92,7 @@ TEST_F(StrangersTest, AGreetingThatEndsEarlyGetsNoAnswer) {
 }
 
 TEST_F(StrangersTest, AHalfFrameAtTheEndIsDroppedAndHarmsNoOther) {
-  const auto raw = guest();
+  const auto raw = connected();
   raw->send(oneway(100));
   raw->send("half", 4);
   raw->close();
@@ -101,7 +101,7 @@ TEST_F(StrangersTest, AHalfFrameAtTheEndIsDroppedAndHarmsNoOther) {
 }
 
 TEST_F(StrangersTest, AHalfFrameThatStandsStillHoldsUpNoOther) {
-  const auto raw = guest();
+  const auto raw = connected();
   raw->send(oneway(100));
   raw->send("half", 4);
   expectUnharmed();
@@ -110,7 +110,7 @@ TEST_F(StrangersTest, AHalfFrameThatStandsStillHoldsUpNoOther) {
 }
 
 TEST_F(StrangersTest, MessagesBeforeABadFrameAreDelivered) {
-  const auto raw = guest();
+  const auto raw = connected();
   raw->send(oneway(4));
   raw->send("good", 4);
   FrameHeader bad;
@@ -131,7 +131,7 @@ TEST_F(StrangersTest, AnEndThatIsToldTogetherWithAMessageIsNoticed) {
   ASSERT_TRUE(busy.waitForCount(1));
   const auto before = descriptors();
   RawConnection raw(socketOf(busy.guid()));
-  ASSERT_EQ(raw.greet(owner.guid(), busy.guid()), lunet::kOk);
+  ASSERT_EQ(raw.handshake(owner.guid(), busy.guid()), lunet::kOk);
   raw.send(oneway(0));
   raw.close();
   gate.open();
@@ -140,7 +140,7 @@ TEST_F(StrangersTest, AnEndThatIsToldTogetherWithAMessageIsNoticed) {
 }
 
 TEST_F(StrangersTest, AOnewayMessageOnAChannelWithoutAReceiverGetsNoAnswer) {
-  const auto raw = guest();
+  const auto raw = connected();
   FrameHeader frame;
   frame.channel = 777;
   raw->send(frame);
@@ -163,13 +163,13 @@ TEST_F(StrangersTest, ACallerWhoHangsUpWhileItsAnswersWaitIsToldToTheReplier) {
     if (message.data != "last") {
       return;
     }
-    EXPECT_EQ(self.reply(requests.front(), std::string(4 << 20, 'a')), lunet::kOk);  // more than is read
+    EXPECT_EQ(self.reply(requests.front(), std::string(4 << 20, 'a')), lunet::kOk);  // more than one read
     gate.open();
     std::size_t next = 1;
     told = waitFor([&] { return self.reply(requests.at(next++), "x") == lunet::kErrPeerLost; });
   });
   RawConnection raw(socketOf(replier.guid()));
-  ASSERT_EQ(raw.greet(owner.guid(), replier.guid()), lunet::kOk);
+  ASSERT_EQ(raw.handshake(owner.guid(), replier.guid()), lunet::kOk);
   FrameHeader request;
   request.kind = FrameKind::kRequest;
   request.channel = lunet::kRequestChannel;
@@ -215,7 +215,7 @@ TEST_F(StrangersTest, AGreetingThatIsOneInAllButOneRespectEndsTheConnection) {
   }
 }
 
-/// After five seconds.
+/// The limit is five seconds.
 TEST_F(StrangersTest, ACallerThatDoesNotGreetIsCutOff) {
   const RawConnection raw(socketOf(server.guid()));
   raw.send("half", 4);
@@ -224,20 +224,20 @@ TEST_F(StrangersTest, ACallerThatDoesNotGreetIsCutOff) {
 
 TEST_F(StrangersTest, AGreetingMeantForAnotherAddressIsRefused) {
   const RawConnection raw(socketOf(server.guid()));
-  EXPECT_EQ(raw.greet(owner.guid(), newGuid()), lunet::kErrDenied);
+  EXPECT_EQ(raw.handshake(owner.guid(), newGuid()), lunet::kErrDenied);
   EXPECT_TRUE(raw.waitUntilClosed());
 }
 
 TEST_F(StrangersTest, AnAddressThatNobodyHasCannotBeClaimed) {
   const RawConnection raw(socketOf(server.guid()));
-  EXPECT_EQ(raw.greet(newGuid(), server.guid()), lunet::kErrDenied);
+  EXPECT_EQ(raw.handshake(newGuid(), server.guid()), lunet::kErrDenied);
 }
 
 TEST_F(StrangersTest, AnAddressAtWhichNoSocketStandsCannotBeClaimed) {
   const lunet::Guid guid = newGuid();
   tree.write("run/lunet/" + lunet::formatGuid(guid) + ".sock", "");
   const RawConnection raw(socketOf(server.guid()));
-  EXPECT_EQ(raw.greet(guid, server.guid()), lunet::kErrDenied);
+  EXPECT_EQ(raw.handshake(guid, server.guid()), lunet::kErrDenied);
 }
 
 TEST_F(StrangersTest, AProbeIsWelcomedAndCanSendNothing) {
@@ -265,7 +265,7 @@ TEST_F(StrangersTest, CallersThatSayNothingHoldUpNobody) {
   expectUnharmed();
 }
 
-/// A listener made by hand, that answers as the test says.
+/// A listener made by hand that answers as the test says.
 class FalseListenerTest : public BusTest {
  protected:
   FalseListenerTest() : caller(client, newGuid()) {
@@ -275,14 +275,14 @@ class FalseListenerTest : public BusTest {
     EXPECT_EQ(listen(listener.get(), 5), 0);
   }
   ~FalseListenerTest() override {
-    caller->Close();                      // ends the connection that the thread may be waiting on,
-    shutdown(listener.get(), SHUT_RDWR);  // and this the wait for one
+    caller->Close();                      // ends a connection that the thread reads
+    shutdown(listener.get(), SHUT_RDWR);  // ends a wait in accept
     if (thread.joinable()) {
       thread.join();
     }
   }
-  /// Greets one caller after the other with these, and ends each connection when its caller does.
-  void welcomeEach(std::vector<FrameHeader> welcomes) {
+  /// Answers each hello with these replies in turn, and ends each connection when its caller does.
+  void replyToEach(std::vector<FrameHeader> welcomes) {
     thread = std::thread([this, welcomes = std::move(welcomes)] {
       for (const FrameHeader& welcome : welcomes) {
         const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
@@ -297,7 +297,7 @@ class FalseListenerTest : public BusTest {
   }
   static FrameHeader welcome() {
     FrameHeader header;
-    header.kind = FrameKind::kWelcome;
+    header.kind = FrameKind::kHelloReply;
     header.length = sizeof(lunet::Guid);
     return header;
   }
@@ -306,20 +306,20 @@ class FalseListenerTest : public BusTest {
     return poll(&waiting, 1, 20000) == 1;
   }
 
-  /// Welcomes one caller as `claimed`, reads one request and answers with these bytes.
+  /// Finishes one handshake as `claimed`, reads one request and answers with these bytes.
   void answerWith(const lunet::Guid& claimed, std::string bytes) {
     thread = std::thread([this, claimed, bytes = std::move(bytes)] {
       const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
       char block[4096];
       (void)!recv(peer.get(), block, sizeof(FrameHeader) + sizeof(lunet::HelloBody), MSG_WAITALL);
       FrameHeader welcome;
-      welcome.kind = FrameKind::kWelcome;
+      welcome.kind = FrameKind::kHelloReply;
       welcome.length = sizeof claimed;
       (void)send(peer.get(), &welcome, sizeof welcome, MSG_NOSIGNAL);
       (void)send(peer.get(), &claimed, sizeof claimed, MSG_NOSIGNAL);
       (void)!recv(peer.get(), block, sizeof(FrameHeader) + 1, MSG_WAITALL);
       (void)send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      (void)!recv(peer.get(), block, sizeof block, 0);  // until the other side ends it
+      (void)!recv(peer.get(), block, sizeof block, 0);  // until the peer ends the connection
     });
   }
   static std::string bytesOf(const FrameHeader& header) {
@@ -392,7 +392,7 @@ TEST_F(FalseListenerTest, ConnectTakesAnAgentThatGivesNoWelcomeForAbsent) {
 TEST_F(FalseListenerTest, ConnectWaitsForAnAgentThatHasTooManyConnections) {
   FrameHeader full = welcome();
   full.channel = lunet::kErrQueueFull;
-  welcomeEach({full, full, welcome()});
+  replyToEach({full, full, welcome()});
   EXPECT_EQ(client->Connect(60), lunet::kOk);
 }
 
@@ -412,7 +412,7 @@ TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsIsFullIsTriedAgain)
   } while (connect(others.back().get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0);
   ASSERT_EQ(errno, EAGAIN);
   auto call = std::async(std::launch::async, [&] { return caller.call(guid, "x").data; });
-  EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);  // not given up
+  EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);  // still waits
   for (std::size_t i = 1; i < others.size(); ++i) {
     const platform::Descriptor other(accept(listener.get(), nullptr, nullptr));
   }
@@ -424,7 +424,7 @@ TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsIsFullIsTriedAgain)
   EXPECT_EQ(call.get(), "ok");
 }
 
-/// Three seconds, and a caller that has less time has its own.
+/// The limit is three seconds, or the caller's own if shorter.
 TEST_F(FalseListenerTest, AListenerThatGivesNoWelcomeIsGivenUp) {
   const lunet::Guid other = newGuid();
   const auto address = lunet::socketAddress(socketOf(other));
@@ -436,35 +436,34 @@ TEST_F(FalseListenerTest, AListenerThatGivesNoWelcomeIsGivenUp) {
   EXPECT_EQ(caller.call(other, "x", 1).error, lunet::kErrTimeout);
   EXPECT_NE(send.wait_for(std::chrono::seconds(0)), std::future_status::ready) << "the call came first";
   EXPECT_EQ(send.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  caller->Close();  // also ends one that would wait for ever
+  caller->Close();  // also ends a call without limit
   EXPECT_EQ(send.get(), lunet::kErrTimeout);
 }
 
-struct FalseWelcomeRow {
+struct FalseReplyRow {
   const char* name;
   void (*spoil)(FrameHeader&);
   std::uint32_t error;
 };
 
-class FalseWelcomeTest : public FalseListenerTest, public testing::WithParamInterface<FalseWelcomeRow> {};
+class FalseHelloReplyTest : public FalseListenerTest, public testing::WithParamInterface<FalseReplyRow> {};
 
-TEST_P(FalseWelcomeTest, EndsTheCall) {
+TEST_P(FalseHelloReplyTest, EndsTheCall) {
   FrameHeader header = welcome();
   GetParam().spoil(header);
-  welcomeEach({header});
+  replyToEach({header});
   EXPECT_EQ(caller.call(guid, "x").error, GetParam().error);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Table, FalseWelcomeTest,
+    Table, FalseHelloReplyTest,
     testing::Values(
-        FalseWelcomeRow{"AWrongMagic", [](FrameHeader& h) { h.magic ^= 1; }, lunet::kErrDenied},
-        FalseWelcomeRow{"AnotherKind", [](FrameHeader& h) { h.kind = FrameKind::kAnswer; },
-                        lunet::kErrDenied},
-        FalseWelcomeRow{"AnotherLength", [](FrameHeader& h) { h.length += 1; }, lunet::kErrDenied},
-        FalseWelcomeRow{"ADenial", [](FrameHeader& h) { h.channel = lunet::kErrDenied; }, lunet::kErrDenied},
-        FalseWelcomeRow{"TooManyConnections", [](FrameHeader& h) { h.channel = lunet::kErrQueueFull; },
-                        lunet::kErrQueueFull}),
+        FalseReplyRow{"AWrongMagic", [](FrameHeader& h) { h.magic ^= 1; }, lunet::kErrDenied},
+        FalseReplyRow{"AnotherKind", [](FrameHeader& h) { h.kind = FrameKind::kAnswer; }, lunet::kErrDenied},
+        FalseReplyRow{"AnotherLength", [](FrameHeader& h) { h.length += 1; }, lunet::kErrDenied},
+        FalseReplyRow{"ADenial", [](FrameHeader& h) { h.channel = lunet::kErrDenied; }, lunet::kErrDenied},
+        FalseReplyRow{"TooManyConnections", [](FrameHeader& h) { h.channel = lunet::kErrQueueFull; },
+                      lunet::kErrQueueFull}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(FalseListenerTest, AListenerThatServesAnotherAddressIsNotTalkedTo) {

@@ -6,11 +6,10 @@
 
 namespace lunet {
 
-/// A bus address as it travels: a 32-bit and two 16-bit fields in host order, then eight single bytes.
+/// A bus address as it is sent: a 32-bit and two 16-bit fields in host order, then eight single bytes.
 using Guid = std::array<std::uint8_t, 16>;
 
-/// Reads "8-4-4-4-12" hexadecimal text, with or without braces. A null text yields sixteen zero bytes,
-/// and so does a text that cannot be read whole.
+/// Reads "8-4-4-4-12" hexadecimal text, with or without braces. Another text, or null, gives zero bytes.
 Guid parseGuid(const char* text) noexcept;
 
 /// The 8-4-4-4-12 form in upper case, without braces. parseGuid(formatGuid(g)) == g.

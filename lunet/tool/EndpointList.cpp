@@ -1,18 +1,13 @@
-#include "list.h"
+#include "EndpointList.h"
 
-#include <dirent.h>
-#include <sys/types.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <memory>
+#include <filesystem>
 #include <set>
+#include <system_error>
 
 #include "Session.h"
 #include "lunet/BusConfig.h"
 #include "lunet/ListenerAt.h"
-#include "platform/Posix.h"
 #include "platform/Text.h"
 #include "platform/Users.h"
 
@@ -20,23 +15,18 @@ namespace lunetctl {
 
 namespace {
 
-constexpr const char* kSocketSuffix = ".sock";
-
 /// The addresses that have a socket in the folder, in order.
 std::set<std::string> addressesIn(const std::string& folder) {
   std::set<std::string> found;
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), &closedir);
-  if (!entries && errno != ENOENT) {
-    throw Failure(platform::visibleText(folder) + " cannot be read: " + platform::errnoText(errno));
-  }
-  while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
-    const std::string name = entry->d_name;
-    if (name.ends_with(kSocketSuffix)) {
-      const std::string stem = name.substr(0, name.size() - std::strlen(kSocketSuffix));
-      if (lunet::formatGuid(lunet::parseGuid(stem.c_str())) == stem) {
-        found.insert(stem);
-      }
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    const std::string stem = entry.path().stem();
+    if (entry.path().extension() == ".sock" && lunet::formatGuid(lunet::parseGuid(stem.c_str())) == stem) {
+      found.insert(stem);
     }
+  }
+  if (error && error != std::errc::no_such_file_or_directory) {
+    throw Failure(platform::visibleText(folder) + " cannot be read: " + error.message());
   }
   return found;
 }

@@ -12,19 +12,19 @@
 
 namespace lunet {
 
-/// Accepts connections, checks who calls and whether the address he claims is his, and welcomes or refuses
-/// him. On the io thread, so that callers are answered also while a receiver is busy.
-class Reception {
+/// Accepts connections and finishes or refuses their handshake: who the peer is, and whether the claimed
+/// address is the peer's. Runs on the io thread, so that peers are accepted while a receiver is busy.
+class Acceptor {
  public:
-  /// admit: called for each welcomed caller.
-  Reception(asio::io_context& io, const SocketFolder& folder, AccessRule rule, Log& log,
-            std::function<void(Guest)> admit);
+  /// admit: called for each peer behind a successful handshake.
+  Acceptor(asio::io_context& io, const SocketFolder& folder, AccessRule rule, Log& log,
+           std::function<void(AcceptedPeer)> admit);
 
-  /// listener stays the caller's. folderOwner: of the socket folder, who is trusted.
+  /// listener: stays the caller's.
   void start(int listener, const Guid& self, uid_t folderOwner);
 
  private:
-  class Visitor;
+  class PendingPeer;
   void wait();
   void acceptAll();
   bool acceptOne();
@@ -36,10 +36,10 @@ class Reception {
   const SocketFolder& folder_;
   const AccessRule rule_;
   Log& log_;
-  const std::function<void(Guest)> admit_;
+  const std::function<void(AcceptedPeer)> admit_;
   Guid self_{};
   uid_t folderOwner_ = 0;
-  MemberLinks members_;
+  MemberQuota members_;
   asio::posix::stream_descriptor listener_;
   asio::steady_timer pause_;
 };

@@ -1,4 +1,4 @@
-#include "MemberLinks.h"
+#include "MemberQuota.h"
 
 namespace lunet {
 
@@ -24,19 +24,19 @@ void countDown(Map& counts, const typename Map::key_type& key) {
 
 }  // namespace
 
-MemberLinks::MemberLinks() : counts_(std::make_shared<Counts>()) {}
+MemberQuota::MemberQuota() : counts_(std::make_shared<Counts>()) {}
 
-std::unique_ptr<MemberLinks::Place> MemberLinks::enter(uid_t user) {
-  auto place = std::make_unique<Place>(counts_);
+std::unique_ptr<MemberQuota::Slot> MemberQuota::take(uid_t user) {
+  auto slot = std::make_unique<Slot>(counts_);
   const std::lock_guard lock(counts_->mutex);
   if (!countUp(counts_->ofUser, user, kMaxMemberLinks)) {
-    return nullptr;  // its place was never counted
+    return nullptr;
   }
-  place->user_ = user;
-  return place;
+  slot->user_ = user;
+  return slot;
 }
 
-bool MemberLinks::Place::takeAddress(const Guid& guid) {
+bool MemberQuota::Slot::takeAddress(const Guid& guid) {
   const std::lock_guard lock(counts_->mutex);
   if (guid_ || !countUp(counts_->ofAddress, {*user_, guid}, kMaxMemberLinksOfAddress)) {
     return false;
@@ -45,7 +45,7 @@ bool MemberLinks::Place::takeAddress(const Guid& guid) {
   return true;
 }
 
-MemberLinks::Place::~Place() {
+MemberQuota::Slot::~Slot() {
   if (!user_) {
     return;
   }

@@ -3,13 +3,13 @@
 #include <memory>
 #include <vector>
 
-#include "MemberLinks.h"
+#include "MemberQuota.h"
 #include "lunet/Guid.h"
 
 using lunet::Guid;
 using lunet::kMaxMemberLinks;
 using lunet::kMaxMemberLinksOfAddress;
-using lunet::MemberLinks;
+using lunet::MemberQuota;
 
 namespace {
 
@@ -18,20 +18,20 @@ constexpr uid_t kOther = 1001;
 
 }  // namespace
 
-class MemberLinksTest : public testing::Test {
+class MemberQuotaTest : public testing::Test {
  protected:
   bool enter(uid_t user) {
-    places.push_back(links.enter(user));
-    return places.back() != nullptr;
+    slots.push_back(quota.take(user));
+    return slots.back() != nullptr;
   }
-  bool enter(uid_t user, const Guid& address) { return enter(user) && places.back()->takeAddress(address); }
+  bool enter(uid_t user, const Guid& address) { return enter(user) && slots.back()->takeAddress(address); }
 
-  MemberLinks links;
-  std::vector<std::unique_ptr<MemberLinks::Place>> places;
+  MemberQuota quota;
+  std::vector<std::unique_ptr<MemberQuota::Slot>> slots;
   const Guid guid = lunet::parseGuid(lunet::kAgentGuid);
 };
 
-TEST_F(MemberLinksTest, AUserHasSoManyAndAnotherHisOwn) {
+TEST_F(MemberQuotaTest, EachUserHasAQuota) {
   for (std::uint32_t i = 0; i < kMaxMemberLinks; ++i) {
     ASSERT_TRUE(enter(kUser));
   }
@@ -39,7 +39,7 @@ TEST_F(MemberLinksTest, AUserHasSoManyAndAnotherHisOwn) {
   EXPECT_TRUE(enter(kOther));
 }
 
-TEST_F(MemberLinksTest, AnAddressHasSoManyAndThatOfAnotherUserItsOwn) {
+TEST_F(MemberQuotaTest, EachAddressOfAUserHasAQuota) {
   for (std::uint32_t i = 0; i < kMaxMemberLinksOfAddress; ++i) {
     ASSERT_TRUE(enter(kUser, guid));
   }
@@ -48,22 +48,22 @@ TEST_F(MemberLinksTest, AnAddressHasSoManyAndThatOfAnotherUserItsOwn) {
   EXPECT_TRUE(enter(kOther, guid));
 }
 
-TEST_F(MemberLinksTest, APlaceTakesOneAddress) {
+TEST_F(MemberQuotaTest, ASlotTakesOneAddress) {
   ASSERT_TRUE(enter(kUser, guid));
-  EXPECT_FALSE(places.back()->takeAddress(Guid{}));
+  EXPECT_FALSE(slots.back()->takeAddress(Guid{}));
 }
 
-TEST_F(MemberLinksTest, WhatEndsIsCountedNoMoreNotEvenBehindTheCounter) {
+TEST_F(MemberQuotaTest, ASlotThatEndsIsNotCountedAndMayOutliveTheQuota) {
   for (int round = 0; round < 3; ++round) {
     for (std::uint32_t i = 0; i < kMaxMemberLinksOfAddress; ++i) {
       ASSERT_TRUE(enter(kUser, guid));
     }
     EXPECT_FALSE(enter(kUser, guid));
-    places.clear();
+    slots.clear();
   }
-  auto own = std::make_unique<MemberLinks>();
-  const std::unique_ptr<MemberLinks::Place> place = own->enter(kUser);
-  ASSERT_TRUE(place);
+  auto own = std::make_unique<MemberQuota>();
+  const std::unique_ptr<MemberQuota::Slot> slot = own->take(kUser);
+  ASSERT_TRUE(slot);
   own.reset();
-  EXPECT_TRUE(place->takeAddress(guid));
+  EXPECT_TRUE(slot->takeAddress(guid));
 }

@@ -6,9 +6,9 @@
 #include <iostream>
 
 #include "Arguments.h"
+#include "EndpointList.h"
 #include "Listener.h"
 #include "Session.h"
-#include "list.h"
 #include "lunet/ErrorText.h"
 #include "platform/StandardStreams.h"
 #include "platform/Text.h"
@@ -74,16 +74,15 @@ int main(int count, char** words) {
   platform::openClosedStandardStreams();
   try {
     signal(SIGPIPE, SIG_IGN);
-    Arguments arguments;
-    const std::string why = parseArguments({words + 1, words + count}, arguments);
-    if (!why.empty()) {
-      std::fprintf(stderr, "lunetctl: %s (lunetctl --help tells more)\n", why.c_str());
+    const auto arguments = parseArguments({words + 1, words + count});
+    if (!arguments) {
+      std::fprintf(stderr, "lunetctl: %s (lunetctl --help tells more)\n", arguments.error().c_str());
       return kUsage;
     }
-    if (arguments.help) {
+    if (arguments->help) {
       std::cout << helpText();
     } else {
-      run(arguments);
+      run(*arguments);
     }
     if (!std::cout.flush() || std::fflush(stdout) != 0) {
       throw Failure("standard output cannot be written");

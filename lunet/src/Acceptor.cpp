@@ -1,4 +1,4 @@
-#include "Reception.h"
+#include "Acceptor.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -20,36 +20,32 @@ namespace lunet {
 
 namespace {
 
-/// How long a caller may take for his first frame.
+/// The limit for a pending peer's hello.
 constexpr std::chrono::seconds kHelloTime{5};
-/// After the system has refused a connection (no descriptors left).
+/// The wait after an accept that failed, say for want of descriptors.
 constexpr std::chrono::milliseconds kPause{100};
 
-void sendWelcome(int fd, const Guid& self, Error verdict) {
+void sendHelloReply(int fd, const Guid& self, Error verdict) {
   struct {
     FrameHeader header;
     Guid listener;
-  } welcome{};
-  welcome.header.kind = FrameKind::kWelcome;
-  welcome.header.channel = verdict;
-  welcome.header.length = sizeof welcome.listener;
-  welcome.listener = self;
-  (void)send(fd, &welcome, sizeof welcome, MSG_NOSIGNAL | MSG_DONTWAIT);
+  } const reply{{.kind = FrameKind::kHelloReply, .channel = verdict, .length = sizeof self}, self};
+  (void)send(fd, &reply, sizeof reply, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 }  // namespace
 
-/// A caller from his connection to his welcome.
-class Reception::Visitor : public std::enable_shared_from_this<Visitor> {
+/// A connected peer whose handshake is not finished.
+class Acceptor::PendingPeer : public std::enable_shared_from_this<PendingPeer> {
  public:
-  Visitor(Reception& reception, platform::Descriptor fd, const PeerIdentity& identity,
-          std::unique_ptr<MemberLinks::Place> place)
-      : reception_(reception),
+  PendingPeer(Acceptor& acceptor, platform::Descriptor fd, const PeerIdentity& identity,
+              std::unique_ptr<MemberQuota::Slot> slot)
+      : acceptor_(acceptor),
         identity_(identity),
-        place_(std::move(place)),
-        stream_(reception.io_),
-        timer_(reception.io_, kHelloTime) {
-    stream_.assign(fd.get());  // takes it only when it succeeds
+        slot_(std::move(slot)),
+        stream_(acceptor.io_),
+        timer_(acceptor.io_, kHelloTime) {
+    stream_.assign(fd.get());  // may throw; then the descriptor stays with fd
     (void)fd.release();
   }
 
@@ -75,52 +71,48 @@ class Reception::Visitor : public std::enable_shared_from_this<Visitor> {
     HelloBody body;
     std::memcpy(&header, hello_.data(), sizeof header);
     std::memcpy(&body, hello_.data() + sizeof header, sizeof body);
-    const char* why = whyBad(header);
-    if (why == nullptr && (header.kind != FrameKind::kHello || header.length != sizeof body)) {
-      why = "no greeting";
-    }
-    if (why != nullptr) {
-      log(why);
-      return;
-    }
-    if (body.target != reception_.self_) {
+    if (const char* defect = defectOf(header); defect != nullptr) {
+      log(defect);
+    } else if (header.kind != FrameKind::kHello || header.length != sizeof body) {
+      log("no greeting");
+    } else if (body.target != acceptor_.self_) {
       refuse("it was meant for another address");
     } else if (header.channel == kProbe) {
-      sendWelcome(stream_.native_handle(), reception_.self_, kOk);
-    } else if (!reception_.holds(body.caller, identity_.uid)) {
+      sendHelloReply(stream_.native_handle(), acceptor_.self_, kOk);
+    } else if (!acceptor_.holds(body.caller, identity_.uid)) {
       refuse("the address it claims is not its user's");
-    } else if (place_ && !place_->takeAddress(body.caller)) {
+    } else if (slot_ && !slot_->takeAddress(body.caller)) {
       refuse("its address has as many connections as a member's may have", kErrQueueFull);
     } else {
-      sendWelcome(stream_.native_handle(), reception_.self_, kOk);
-      reception_.admit_({platform::Descriptor(stream_.release()), body.caller, identity_, std::move(place_)});
+      sendHelloReply(stream_.native_handle(), acceptor_.self_, kOk);
+      acceptor_.admit_({platform::Descriptor(stream_.release()), body.caller, identity_, std::move(slot_)});
     }
   }
 
-  void refuse(const char* why, Error verdict = kErrDenied) {
-    log(why);
-    sendWelcome(stream_.native_handle(), reception_.self_, verdict);
+  void refuse(const char* reason, Error verdict = kErrDenied) {
+    log(reason);
+    sendHelloReply(stream_.native_handle(), acceptor_.self_, verdict);
   }
 
-  void log(const char* why) {
-    reception_.log_.write(BusLogLevel::kError, "a connection from pid " + std::to_string(identity_.pid) +
-                                                   ", user " + std::to_string(identity_.uid) +
-                                                   " is closed: " + why);
+  void log(const char* reason) {
+    acceptor_.log_.write(BusLogLevel::kError, "a connection from pid " + std::to_string(identity_.pid) +
+                                                  ", user " + std::to_string(identity_.uid) +
+                                                  " is closed: " + reason);
   }
 
-  Reception& reception_;
+  Acceptor& acceptor_;
   const PeerIdentity identity_;
-  std::unique_ptr<MemberLinks::Place> place_;
+  std::unique_ptr<MemberQuota::Slot> slot_;
   asio::posix::stream_descriptor stream_;
   asio::steady_timer timer_;
   std::array<char, sizeof(FrameHeader) + sizeof(HelloBody)> hello_{};
 };
 
-Reception::Reception(asio::io_context& io, const SocketFolder& folder, AccessRule rule, Log& log,
-                     std::function<void(Guest)> admit)
+Acceptor::Acceptor(asio::io_context& io, const SocketFolder& folder, AccessRule rule, Log& log,
+                   std::function<void(AcceptedPeer)> admit)
     : io_(io), folder_(folder), rule_(rule), log_(log), admit_(std::move(admit)), listener_(io), pause_(io) {}
 
-void Reception::start(int listener, const Guid& self, uid_t folderOwner) {
+void Acceptor::start(int listener, const Guid& self, uid_t folderOwner) {
   self_ = self;
   folderOwner_ = folderOwner;
   const int copy = fcntl(listener, F_DUPFD_CLOEXEC, 0);
@@ -131,7 +123,7 @@ void Reception::start(int listener, const Guid& self, uid_t folderOwner) {
   wait();
 }
 
-void Reception::wait() {
+void Acceptor::wait() {
   listener_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
     if (!error) {
       acceptAll();
@@ -139,9 +131,8 @@ void Reception::wait() {
   });
 }
 
-/// What one caller needs and the system does not have (memory, a descriptor) costs him, and nobody who comes
-/// later.
-void Reception::acceptAll() {
+/// A peer for which the system lacks memory or descriptors is lost; later peers are accepted.
+void Acceptor::acceptAll() {
   try {
     while (acceptOne()) {
     }
@@ -151,8 +142,8 @@ void Reception::acceptAll() {
   }
 }
 
-/// False when there are no more for now; then what calls acceptAll again is under way.
-bool Reception::acceptOne() {
+/// False when no peer waits, or after a failure; acceptAll is called again later.
+bool Acceptor::acceptOne() {
   platform::Descriptor fd(accept4(listener_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (fd) {
     receive(std::move(fd));
@@ -165,14 +156,14 @@ bool Reception::acceptOne() {
     wait();
     return false;
   }
-  const int reason = errno;
+  const int error = errno;
   pause();
   log_.write(BusLogLevel::kError,
-             std::string("a connection cannot be accepted: ") + platform::errnoText(reason));
+             std::string("a connection cannot be accepted: ") + platform::errnoText(error));
   return false;
 }
 
-void Reception::pause() {
+void Acceptor::pause() {
   pause_.expires_after(kPause);
   pause_.async_wait([this](const asio::error_code& error) {
     if (!error) {
@@ -181,11 +172,11 @@ void Reception::pause() {
   });
 }
 
-void Reception::receive(platform::Descriptor fd) {
+void Acceptor::receive(platform::Descriptor fd) {
   const std::optional<Peer> peer = peerOf(fd.get());
   if (!peer) {
     log_.write(BusLogLevel::kError, "a connection is refused: the system does not say who it is from");
-    sendWelcome(fd.get(), self_, kErrSystem);
+    sendHelloReply(fd.get(), self_, kErrSystem);
     return;
   }
   const std::string who =
@@ -193,25 +184,25 @@ void Reception::receive(platform::Descriptor fd) {
   if (!rule_.admits(*peer)) {
     log_.write(BusLogLevel::kError,
                "a connection from " + who + " is refused: not root, nor this user, nor in the group");
-    sendWelcome(fd.get(), self_, kErrDenied);
+    sendHelloReply(fd.get(), self_, kErrDenied);
     return;
   }
-  std::unique_ptr<MemberLinks::Place> place;
+  std::unique_ptr<MemberQuota::Slot> slot;
   if (!rule_.trusts(peer->identity.uid, folderOwner_)) {
-    place = members_.enter(peer->identity.uid);
-    if (!place) {
+    slot = members_.take(peer->identity.uid);
+    if (!slot) {
       log_.write(BusLogLevel::kError,
                  "a connection from " + who + " is refused: the user has as many as a member may have");
-      sendWelcome(fd.get(), self_, kErrQueueFull);
+      sendHelloReply(fd.get(), self_, kErrQueueFull);
       return;
     }
   }
-  std::make_shared<Visitor>(*this, std::move(fd), peer->identity, std::move(place))->start();
+  std::make_shared<PendingPeer>(*this, std::move(fd), peer->identity, std::move(slot))->start();
 }
 
-/// Nobody but its user (and those above him) can have put a socket into the folder, so its owner says whose
-/// the address is.
-bool Reception::holds(const Guid& guid, uid_t uid) const {
+/// True when the address belongs to that user. Only the socket's owner, root or the folder's owner can have
+/// put the socket there.
+bool Acceptor::holds(const Guid& guid, uid_t uid) const {
   struct stat st {};
   return lstat(folder_.socketPath(guid).c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && st.st_uid == uid;
 }
