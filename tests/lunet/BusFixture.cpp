@@ -150,40 +150,30 @@ std::vector<std::string> BusTest::lunetctl(std::vector<std::string> words) const
   return words;
 }
 
-RawConnection::RawConnection(const std::string& socketPath) {
+RawConnection::RawConnection(const std::string& socketPath)
+    : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   const auto address = lunet::socketAddress(socketPath);
-  fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const timeval limit{20, 0};
-  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  if (!address || connect(fd_, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
+  setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  if (!address || connect(fd_.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
     close();
   }
 }
 
-RawConnection::~RawConnection() {
-  close();
-}
-
-void RawConnection::close() {
-  if (fd_ >= 0) {
-    ::close(std::exchange(fd_, -1));
-  }
-}
-
 void RawConnection::endSending() const {
-  shutdown(fd_, SHUT_WR);
+  shutdown(fd_.get(), SHUT_WR);
 }
 
 void RawConnection::send(const void* data, std::size_t length) const {
-  (void)::send(fd_, data, length, MSG_NOSIGNAL);
+  (void)::send(fd_.get(), data, length, MSG_NOSIGNAL);
 }
 
 bool RawConnection::sendNow(const void* data, std::size_t length) const {
-  return ::send(fd_, data, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
+  return ::send(fd_.get(), data, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
 }
 
 bool RawConnection::growBuffer(int bytes) const {
-  return setsockopt(fd_, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) == 0;
+  return setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) == 0;
 }
 
 std::uint32_t RawConnection::handshake(const lunet::Guid& self, const lunet::Guid& target) const {
@@ -204,7 +194,7 @@ std::string RawConnection::receive(std::size_t length) const {
   std::string data(length, '\0');
   std::size_t have = 0;
   while (have < length) {
-    const ssize_t count = recv(fd_, data.data() + have, length - have, 0);
+    const ssize_t count = recv(fd_.get(), data.data() + have, length - have, 0);
     if (count <= 0) {
       break;
     }
@@ -216,7 +206,7 @@ std::string RawConnection::receive(std::size_t length) const {
 
 bool RawConnection::waitUntilClosed() const {
   char byte = 0;
-  const ssize_t count = recv(fd_, &byte, 1, 0);
+  const ssize_t count = recv(fd_.get(), &byte, 1, 0);
   return count == 0 || (count < 0 && errno == ECONNRESET);
 }
 

@@ -13,6 +13,7 @@
 
 #include "lunet/BusClient.h"
 #include "lunet/Lunet.h"
+#include "platform/Descriptor.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 
@@ -120,11 +121,8 @@ class Player {
 class RawConnection {
  public:
   explicit RawConnection(const std::string& socketPath);
-  ~RawConnection();
-  RawConnection(const RawConnection&) = delete;
-  RawConnection& operator=(const RawConnection&) = delete;
 
-  bool connected() const { return fd_ >= 0; }
+  bool connected() const { return static_cast<bool>(fd_); }
   void send(const void* data, std::size_t length) const;
   template <class T>
   void send(const T& object) const {
@@ -141,10 +139,10 @@ class RawConnection {
   /// True when the peer ends the connection.
   bool waitUntilClosed() const;
   void endSending() const;  ///< the other side reads an end, and may still answer
-  void close();
+  void close() { fd_.reset(); }
 
  private:
-  int fd_ = -1;
+  platform::Descriptor fd_;
 };
 
 /// Threads wait here, with a limit, until a test opens the gate.

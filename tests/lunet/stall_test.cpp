@@ -137,8 +137,10 @@ class LongTurnTest : public StallTest {
     return raw.growBuffer(32 << 20);
   }
   void SetUp() override {
-    ASSERT_EQ(owner.send(server.guid(), "first"), lunet::kOk);
+    ASSERT_EQ(other.send(server.guid(), "connects"), lunet::kOk);
     ASSERT_TRUE(server.waitForCount(1));
+    ASSERT_EQ(owner.send(server.guid(), "waits"), lunet::kOk);
+    ASSERT_TRUE(server.waitForCount(2));
     if (!fillSocket()) {
       gate.open();
       GTEST_SKIP() << "only root may have so large a socket";
@@ -147,20 +149,22 @@ class LongTurnTest : public StallTest {
 
   Gate gate;
   Endpoint owner{client, newGuid()};
-  Endpoint server{client, newGuid(), [this](Endpoint&, const Message&) { gate.wait(); }};
+  Endpoint other{client, newGuid()};
+  Endpoint server{client, newGuid(), [this](Endpoint&, const Message& message) {
+                    (void)(message.data == "connects" || gate.wait());
+                  }};
   RawConnection raw{socketOf(server.guid())};
 };
 
 TEST_F(LongTurnTest, AllOfItIsReadThoughNothingNewComes) {
   gate.open();
-  EXPECT_TRUE(server.waitForCount(1 + kFrames)) << server.count();
+  EXPECT_TRUE(server.waitForCount(2 + kFrames)) << server.count();
 }
 
 TEST_F(LongTurnTest, OthersHaveTheirTurnBetween) {
-  Endpoint other(client, newGuid());
   ASSERT_EQ(other.send(server.guid(), "other"), lunet::kOk);
   gate.open();
-  ASSERT_TRUE(server.waitForCount(2 + kFrames));
+  ASSERT_TRUE(server.waitForCount(3 + kFrames));
   EXPECT_NE(server.messages().back().data, "other");
 }
 
