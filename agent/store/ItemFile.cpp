@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "engine/Digest.h"
 #include "platform/Posix.h"
-#include "store/Digest.h"
 #include "store/Sqlite.h"
 
 namespace agent::store {

@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <string_view>
 
+#include "engine/Digest.h"
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
-#include "store/Digest.h"
 #include "store/FolderWalk.h"
 #include "store/Sqlite.h"
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "engine/Digest.h"
 #include "json/CppJson.h"
 #include "platform/Text.h"
-#include "store/Digest.h"
 #include "store/ItemFile.h"
 #include "store/Quarantine.h"
 #include "store/Recovery.h"

@@ -1,8 +1,8 @@
 #include <unistd.h>
 
+#include "engine/Digest.h"
 #include "json/CppJson.h"
 #include "platform/Files.h"
-#include "store/Digest.h"
 #include "store/FolderWalk.h"
 #include "store/ItemFile.h"
 #include "store/Quarantine.h"

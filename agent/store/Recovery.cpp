@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "store/Digest.h"
+#include "engine/Digest.h"
 #include "store/FolderWalk.h"
 #include "store/ItemFile.h"
 #include "store/OriginalFile.h"

@@ -3,12 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "engine/Digest.h"
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
 #include "platform/Files.h"
 #include "platform/Posix.h"
 #include "platform/Text.h"
-#include "store/Digest.h"
 
 namespace agent::store {
 namespace {

@@ -11,16 +11,14 @@
 #include <filesystem>
 #include <system_error>
 
+#include "engine/Digest.h"
 #include "platform/Posix.h"
-#include "store/Digest.h"
 #include "store/Store.h"
 #include "support/TempDir.h"
 
 namespace rounds {
 
 namespace {
-
-namespace store = agent::store;
 
 bool take(const Option& option, const char* text) {
   if (std::string* const* const target = std::get_if<std::string*>(&option.value)) {
@@ -39,7 +37,7 @@ Original look(const std::string& path) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) == 0) {
     const std::string content = testsupport::readFile(path);
-    store::Digest digest(store::Digest::Kind::kSha256);
+    agent::Digest digest(agent::Digest::Kind::kSha256);
     digest.add(content.data(), content.size());
     file.sha256 = digest.hex();
     file.mode = st.st_mode;

@@ -51,6 +51,10 @@ class WorkerFixture : public ::testing::Test {
   }
   void endSpawner() { spawner_.reset(); }
 
+  /// Writes a system database with one signature; returns its path.
+  std::string writeSystem() const {
+    return dir_.write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  }
   static platform::Descriptor openFile(const std::string& path) {
     return platform::Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   }

@@ -6,8 +6,8 @@
 #include <fstream>
 
 #include "StoreFixture.h"
+#include "engine/Digest.h"
 #include "platform/Posix.h"
-#include "store/Digest.h"
 #include "store/ItemFile.h"
 #include "store/Sqlite.h"
 #include "support/FileCalls.h"
@@ -22,7 +22,7 @@ constexpr std::size_t kHeaderBytes = 72, kFooterBytes = 56;
 class ItemFileTest : public testing::Test {
  protected:
   static store::ItemMeta metaOf(const std::string& content) {
-    store::Digest digest(store::Digest::Kind::kSha256);
+    Digest digest(Digest::Kind::kSha256);
     digest.add(content.data(), content.size());
     store::ItemMeta meta;
     meta.uuid = "some-uuid";

@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "QuarantineFixture.h"
+#include "engine/Digest.h"
 #include "platform/Posix.h"
-#include "store/Digest.h"
 #include "store/ItemFile.h"
 #include "support/FileCalls.h"
 #include "support/Mounts.h"
@@ -19,7 +19,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 std::string md5Of(const std::string& content) {
-  store::Digest digest(store::Digest::Kind::kMd5);
+  Digest digest(Digest::Kind::kMd5);
   digest.add(content.data(), content.size());
   return digest.hex();
 }
@@ -698,9 +698,9 @@ INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
                                          TypeCase{"text", "noending", ""}));
 
 TEST(Hex, OfAnOddLengthOrWithOtherLettersIsNone) {
-  EXPECT_EQ(store::fromHex("00ff7a"), std::string("\0\xff\x7a", 3));
+  EXPECT_EQ(fromHex("00ff7a"), std::string("\0\xff\x7a", 3));
   for (const char* text : {"abc", "0g", "g0", "AB", " 1"}) {
-    EXPECT_FALSE(store::fromHex(text)) << text;
+    EXPECT_FALSE(fromHex(text)) << text;
   }
 }
 

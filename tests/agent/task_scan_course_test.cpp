@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "TaskFixture.h"
-#include "store/Digest.h"
+#include "engine/Digest.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -430,7 +430,7 @@ TEST_F(ScanCourse, ARejectedFileIsADetectionAlsoWhenItWouldBeLeftOutOrCannotBeSc
 
 TEST_F(ScanCourse, ARejectedHashIsADetectionAlsoOfAFileThatCannotBeLookedInto) {
   const std::string archive = testsupport::makeZip({{.name = "member", .content = std::string(2000, 'x')}});
-  store::Digest md5(store::Digest::Kind::kMd5);
+  Digest md5(Digest::Kind::kMd5);
   md5.add(archive.data(), archive.size());
   const std::string path = dir.write("archive", archive);
   ScanPlan plan = custom({path});

@@ -339,8 +339,7 @@ TEST_F(Pools, WithoutDescriptorsForAnyWorkerQueuedFilesFailAndLaterOnesAreScanne
 }
 
 TEST_F(Pools, AnEarlierForkFailureFailsNoFileThatWaitsForSignatures) {
-  const std::string system =
-      dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  const std::string system = writeSystem();
   ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
   WorkerPool pool(spawner(), 1);
   const std::string file = dir().write("file", "some text");
@@ -443,8 +442,7 @@ TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyFailedStartsInARow) {
 }
 
 TEST_F(Pools, AReportReadByAnotherThreadWakesTheWaitingPool) {
-  const std::string system =
-      dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  const std::string system = writeSystem();
   for (int round = 0; round < 5; ++round) {
     {
       testsupport::HeldFile held(system);
@@ -541,14 +539,9 @@ TEST_F(Pools, AHungWorkerIsKilledAndItsFileIsAnError) {
 }
 
 TEST_F(Pools, CancelSkipsQueuedFiles) {
-  const std::string gate = dir().at("gate");
-  config().beforeFile = [gate](const std::string& name) {
-    while (name.find("slow") != std::string::npos && access(gate.c_str(), F_OK) != 0) {
-      usleep(1000);
-    }
-  };
+  holdFilesNamed("slow");
   WorkerPool pool(spawner(), 1);
-  begin(pool, "slow", std::string(3U << 20, 'x'));  // no file is sent to a worker behind one of this size
+  begin(pool, "slow", kLarge);
   begin(pool, "second", "some text");
   begin(pool, "third", "some text");
   ASSERT_TRUE(testsupport::waitFor([&] { return workerCount() == 1; }));
@@ -557,7 +550,7 @@ TEST_F(Pools, CancelSkipsQueuedFiles) {
   EXPECT_EQ(verdict("second").outcome, Outcome::kSkipped);
   EXPECT_EQ(verdict("second").reason, "cancelled");
   EXPECT_FALSE(known("slow"));
-  dir().write("gate", "");
+  open();
   pool.drain();
   EXPECT_EQ(verdict("slow").outcome, Outcome::kClean) << describe(verdict("slow"));
   begin(pool, "late", "some text");

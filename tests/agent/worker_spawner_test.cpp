@@ -17,11 +17,6 @@ constexpr std::chrono::seconds kLoad(20);
 
 class Spawners : public testing::WorkerFixture {
  protected:
-  /// Writes a system database with one signature; returns its path.
-  std::string writeSystem() const {
-    return dir().write("system/x.ndb",
-                       "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
-  }
   /// Kills the template and waits for the next one.
   void replaceTemplate() {
     const pid_t process = templates().at(0);
@@ -85,7 +80,7 @@ TEST_F(Spawners, GiveTheReasonWhenThereIsNoTemporaryFolder) {
 TEST_F(Spawners, OneSpawnerAndOneTemplateRun) {
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
   EXPECT_EQ(processesNamed("tav-spawner").size(), 1U);
-  EXPECT_EQ(processesNamed("tav-template").size(), 1U);
+  EXPECT_EQ(templates().size(), 1U);
 }
 
 TEST_F(Spawners, AReloadBringsNewSignaturesToAPool) {
@@ -101,22 +96,17 @@ TEST_F(Spawners, AReloadBringsNewSignaturesToAPool) {
   begin(pool, "after", sample);
   pool.drain();
   EXPECT_EQ(verdict("after").outcome, Outcome::kInfected) << describe(verdict("after"));
-  EXPECT_TRUE(testsupport::waitFor([&] { return processesNamed("tav-template").size() == 1; }));
+  EXPECT_TRUE(testsupport::waitFor([&] { return templates().size() == 1; }));
 }
 
 TEST_F(Spawners, ARunningFileIsFinishedDuringAReload) {
-  const std::string gate = dir().at("gate");
-  config().beforeFile = [gate](const std::string& name) {
-    while (name.find("slow") != std::string::npos && access(gate.c_str(), F_OK) != 0) {
-      usleep(1000);
-    }
-  };
+  holdFilesNamed("slow");
   WorkerPool pool(spawner(), 1);
   begin(pool, "slow", eicar());
   ASSERT_TRUE(testsupport::waitFor([&] { return workerCount() == 1; }));
   ASSERT_TRUE(spawner().reload());
   begin(pool, "next", eicar());
-  dir().write("gate", "");
+  open();
   pool.drain();
   EXPECT_EQ(verdict("slow").outcome, Outcome::kInfected) << describe(verdict("slow"));
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
@@ -139,7 +129,7 @@ TEST_F(Spawners, AFailedReloadKeepsTheOldSignatures) {
 
 TEST_F(Spawners, AReloadWithABrokenSystemDatabaseKeepsTheGoodOne) {
   const std::string sample = "a line that only the system's know";
-  dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  writeSystem();
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_EQ(before.system, SystemDatabase::kInForce) << before.detail;
   dir().write("system/x.ndb", "this is no signature\n");
@@ -152,7 +142,7 @@ TEST_F(Spawners, AReloadWithABrokenSystemDatabaseKeepsTheGoodOne) {
 }
 
 TEST_F(Spawners, AReloadSucceedsAfterTheSystemDatabaseWasRemoved) {
-  dir().write("system/x.ndb", "Sys.Trojan.Sample:0:*:6f6e6c79207468652073797374656d2773206b6e6f77\n");
+  writeSystem();
   const auto before = spawner().waitLoaded(kLoad);
   std::filesystem::remove(dir().at("system/x.ndb"));
   EXPECT_TRUE(spawner().reload());
@@ -182,14 +172,7 @@ TEST_F(Spawners, AnAbandonedReloadFailsAtOnceAndKeepsTheOldSignatures) {
 
 TEST_F(Spawners, ATemplateThatDiesIsReplaced) {
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
-  const auto templates = processesNamed("tav-template");
-  ASSERT_EQ(templates.size(), 1U);
-  kill(templates[0], SIGKILL);
-  ASSERT_TRUE(testsupport::waitFor([&] {
-    spawner().signatureState();
-    const auto now = processesNamed("tav-template");
-    return now.size() == 1 && now != templates;
-  }));
+  replaceTemplate();
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", eicar());
   pool.drain();
@@ -200,7 +183,7 @@ TEST_F(Spawners, APoolGoesOnAfterTheDeathOfTheTemplate) {
   WorkerPool pool(spawner(), 1);
   begin(pool, "first", eicar());
   pool.drain();
-  kill(processesNamed("tav-template").at(0), SIGKILL);
+  kill(templates().at(0), SIGKILL);
   ASSERT_TRUE(testsupport::waitFor([&] { return workerCount() == 0; }));
   begin(pool, "next", eicar());
   pool.drain();
@@ -211,7 +194,7 @@ TEST_F(Spawners, WithoutTheSpawnerFilesAreErrorsAndNothingHangs) {
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
   WorkerPool pool(spawner(), 1);
   kill(processesNamed("tav-spawner").at(0), SIGKILL);
-  ASSERT_TRUE(testsupport::waitFor([&] { return processesNamed("tav-template").empty(); }));
+  ASSERT_TRUE(testsupport::waitFor([&] { return templates().empty(); }));
   begin(pool, "file", eicar());
   pool.drain();
   EXPECT_EQ(verdict("file").outcome, Outcome::kError);
@@ -231,7 +214,7 @@ TEST_F(Spawners, TheDestructorLeavesNoProcessAndNoFolder) {
   }
   endSpawner();
   EXPECT_TRUE(processesNamed("tav-spawner").empty());
-  EXPECT_TRUE(processesNamed("tav-template").empty());
+  EXPECT_TRUE(templates().empty());
   EXPECT_EQ(workerCount(), 0);
   for (const std::string& folder : folders) {
     EXPECT_FALSE(std::filesystem::exists(folder)) << folder;

@@ -1,4 +1,4 @@
-#include "store/Digest.h"
+#include "engine/Digest.h"
 
 #include <mutex>
 #include <stdexcept>
@@ -6,7 +6,7 @@
 
 #include "platform/Posix.h"
 
-namespace agent::store {
+namespace agent {
 namespace {
 
 constexpr std::string_view kDigits = "0123456789abcdef";
@@ -82,4 +82,4 @@ std::optional<std::string> digestOfFile(int fd, Digest::Kind kind) {
   return n == 0 ? std::optional(digest.hex()) : std::nullopt;
 }
 
-}  // namespace agent::store
+}  // namespace agent

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace agent::store {
+namespace agent {
 
 /// Prepares the crypto library. Any number of calls, any thread.
 void prepareCrypto();
@@ -34,4 +34,4 @@ std::optional<std::string> fromHex(const std::string& hex);
 /// The digest of an open file, from its position to its end. Nothing when reading fails.
 std::optional<std::string> digestOfFile(int fd, Digest::Kind kind);
 
-}  // namespace agent::store
+}  // namespace agent
