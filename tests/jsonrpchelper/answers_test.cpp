@@ -1,4 +1,5 @@
-// Answers of an agent: no answer ends the console, and any other text is an invalid response.
+// Answers of an agent: no answer ends the console, and a text that is no answer counts as an invalid
+// response.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -34,7 +34,7 @@ class Handler final : public jsonrpc::IClientConnectionHandler {
 
 class Handlers : public testing::Test {
  protected:
-  /// The name of the handler that handled the request; "-" for none.
+  /// The name of the handler that got the request; "-" without a handler.
   std::string handlerOf(const std::string& procedure) {
     std::string response;
     return list.handle(procedure, "{}", response) ? response : "-";
