@@ -125,8 +125,8 @@ struct Directory {
   bool countIsWhole = false;      ///< else `count` holds only the low 16 bits
 };
 
-// The 64-bit end record stands between the directory and the plain end record. It is accepted only when it
-// repeats the plain one, except for the number of members.
+// The 64-bit end record stands between the directory and the plain end record. A 64-bit record is accepted
+// only when it repeats the plain record, except for the number of members.
 Expected<void> readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory) {
   if (end < kLocator64Bytes || zip.at32(end - kLocator64Bytes) != kLocator64) {
     return {};

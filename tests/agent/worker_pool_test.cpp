@@ -191,8 +191,8 @@ TEST_F(PoolsThatRecord, AFileGoesToTheWorkerWithTheFewestFiles) {
   for (const char* name : {"held3", "held4"}) {
     begin(pool, name, "some text");
   }
-  for (int i = 0; i < 8;
-       ++i) {  // no worker accepts these while it has a file; the files before them are accepted
+  // scan() of the last ones returns only after the small files were sent: no busy worker accepts these.
+  for (int i = 0; i < 8; ++i) {
     begin(pool, "large", kLarge);
   }
   open();
