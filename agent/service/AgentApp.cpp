@@ -13,6 +13,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 
 #include "platform/CGlobalTag.h"
 #include "platform/CLogDebug.h"
@@ -30,36 +31,40 @@ namespace agent {
 namespace {
 
 constexpr const char* kName = "tavagentd";
-constexpr std::chrono::seconds kLastWordsLimit{3};  // for consoles to take the end of their tasks
-constexpr std::chrono::seconds kEndLimit{20};       // for scans to end
+constexpr std::chrono::seconds kLastNotificationsLimit{3};
+constexpr std::chrono::seconds kEndLimit{20};  // for scans to end
 constexpr time_t kSignatureLookSec = 30;
 constexpr time_t kLoadingLookSec = 1;
 
-/// Why the agent does not serve; ends the start-up.
-struct StartFailure {
-  int exitCode;
-  std::string why;
+/// Ends the start-up.
+class StartFailure : public std::runtime_error {
+ public:
+  StartFailure(int exitCode, const std::string& reason) : std::runtime_error(reason), exitCode_(exitCode) {}
+  int exitCode() const { return exitCode_; }
+
+ private:
+  int exitCode_;
 };
 
-int say(int exitCode, const std::string& line) {
+int report(int exitCode, const std::string& line) {
   AGENT_LOG(exitCode == kExitOk ? LogLevel::kInfo : LogLevel::kError, "%s", line.c_str());
   std::fprintf(stderr, "%s: %s\n", kName, platform::visibleText(line).c_str());
   return exitCode;
 }
 
-void openLog(const platform::InstallTree& tree, int level) {
+void openLog(const platform::InstallTree& tree, LogLevel level) {
   CLogDebug* log = CLogDebug::Create();
   log->SetProperty(CLogDebug::kPath, tree.log() + "/");
   log->SetProperty(CLogDebug::kName, kName);
   log->SetProperty(CLogDebug::kSize, std::to_string(8u << 20));
   log->SetProperty(CLogDebug::kBackupCount, "5");
-  log->SetProperty(CLogDebug::kLevel, std::to_string(level));
+  log->SetProperty(CLogDebug::kLevel, std::to_string(static_cast<int>(level)));
   if (const auto made = CLogDebug::makeFolder(); !made) {
     std::fprintf(stderr, "%s: no log is written: %s\n", kName, made.error().c_str());
   }
 }
 
-/// Many open folders and files are an agent's daily work.
+/// A scan holds many folders and files open.
 void raiseFileLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -77,7 +82,7 @@ sigset_t ownSignals() {
   return set;
 }
 
-/// A terminal's interrupt goes to the spawner and its workers, too: they ignore it, the agent ends them.
+/// The spawner and its workers ignore a terminal's interrupt: the agent ends them.
 std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const Options& options) {
   const sigset_t signals = ownSignals();
   signal(SIGPIPE, SIG_IGN);
@@ -86,8 +91,7 @@ std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const O
   Spawner::Config config;
   config.shippedSignatures = tree.signatures();
   config.systemSignatures = options.systemSignatures;
-  config.tempFolder =
-      tree.state() + "/tmp";  // what is unpacked there is closed to others, and no scan meets it
+  config.tempFolder = tree.state() + "/tmp";  // closed to others, and no scan enters it
   CDir::make(config.tempFolder, 0700);
   auto spawner = std::make_unique<Spawner>(std::move(config));
   signal(SIGINT, SIG_DFL);
@@ -96,35 +100,31 @@ std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const O
   return spawner;
 }
 
-[[noreturn]] void otherRuns(const platform::InstallTree& tree, const CGlobalTag& mark) {
-  throw StartFailure{kExitOtherRuns,
-                     "another agent (pid " + mark.attribute("pid") + ") serves " + tree.root + " already"};
-}
-
-/// The agent's mark lies in its own folder: the one of the sockets is the bus's group's, too, whose members
-/// could hold it or forge its pid.
-void takeMark(CGlobalTag& mark, const platform::InstallTree& tree) {
-  switch (mark.trylock(false)) {
+/// The lock lies in the agent's own folder: members of the bus's group could hold a lock in the folder of the
+/// sockets, or forge its pid.
+void takeLock(CGlobalTag& lock, const platform::InstallTree& tree) {
+  switch (lock.trylock(false)) {
     case CGlobalTag::kAcquired:
       return;
     case CGlobalTag::kHeldElsewhere:
-      otherRuns(tree, mark);
+      throw StartFailure(kExitOtherRuns, "another agent (pid " + lock.attribute("pid") + ") serves " +
+                                             tree.root + " already");
     default:
-      throw StartFailure{kExitFailed, "the agent's mark cannot be taken: " + mark.lastError()};
+      throw StartFailure(kExitFailed, "the agent's mark cannot be taken: " + lock.lastError());
   }
 }
 
-/// The agent's methods on its endpoint.
+/// Offers the agent's methods on its endpoint.
 class Offer {
  public:
   Offer(jsonrpchelper::IJsonRpcServerHelper& helper, lunet::IEndpoint& endpoint)
       : helper_(helper), endpoint_(endpoint) {
     if (const std::uint32_t error = helper_.registerOn(endpoint_); error != lunet::kOk) {
-      throw StartFailure{kExitFailed,
-                         "the agent's methods cannot be offered: bus error " + std::to_string(error)};
+      throw StartFailure(kExitFailed,
+                         "the agent's methods cannot be offered: bus error " + std::to_string(error));
     }
   }
-  ~Offer() { helper_.unregisterFrom(endpoint_); }  // returns when none is being called any more
+  ~Offer() { helper_.unregisterFrom(endpoint_); }  // waits for the calls under way
   Offer(const Offer&) = delete;
   Offer& operator=(const Offer&) = delete;
 
@@ -133,27 +133,27 @@ class Offer {
   lunet::IEndpoint& endpoint_;
 };
 
-/// Everything that serves, in the order of its making; unmade in the reverse order.
+/// All parts of the agent, in the order of their making, and destroyed in the reverse order.
 class Agent {
  public:
   Agent(const Options& options, const platform::InstallTree& tree, const BusSettings& bus)
       : tree_(tree),
         signatures_({tree.signatures(), options.systemSignatures}, [this] { reloadSignatures(); }),
-        mark_(lunet::kAgentGuid, {tree.state()}) {
+        lock_(lunet::kAgentGuid, {tree.state()}) {
     {
-      // Known early, and free again: the spawner must not inherit the mark.
+      // A check only: the spawner must not inherit the lock.
       CGlobalTag probe(lunet::kAgentGuid, {tree.state()});
-      takeMark(probe, tree);
+      takeLock(probe, tree);
     }
     spawner_ = startSpawner(tree, options);
-    takeMark(mark_, tree);
-    mark_.setAttribute("pid", std::to_string(getpid()));
+    takeLock(lock_, tree);
+    lock_.setAttribute("pid", std::to_string(getpid()));
     store_ = Store::open(tree.state());
     for (const std::string& notice : store_->notices()) {
       AGENT_LOG(LogLevel::kWarning, "store: %s", notice.c_str());
     }
     if (const auto prepared = bus_.prepare(tree, bus); !prepared) {
-      throw StartFailure{kExitFailed, prepared.error()};
+      throw StartFailure(kExitFailed, prepared.error());
     }
     openService(bus.group);
   }
@@ -164,20 +164,19 @@ class Agent {
     service_->StopListening();
     if (tasks_) {
       const bool ended = tasks_->stopAll("the agent is ending", kEndLimit);
-      if (!outbox_->drain(kLastWordsLimit)) {
+      if (!notifications_->drain(kLastNotificationsLimit)) {
         AGENT_LOG(LogLevel::kWarning, "%s", "not every console has taken the end of its task");
       }
       if (!ended) {
-        std::_Exit(kExitFailed);  // a thread hangs in a file system; what is left behind is settled at the
-                                  // next start
+        std::_Exit(kExitFailed);  // a thread hangs in a file system; the next start cleans up
       }
     }
-    outbox_.reset();
+    notifications_.reset();
   }
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  /// No scan enters these: what workers unpack, found there once more, would be told as a file of its own.
+  /// No scan enters these: a scan would report unpacked content as files of its own.
   std::vector<std::string> ownFolders() const {
     std::vector<std::string> folders{resolved(tree_.state())};
     for (const std::string& folder : spawner_->temporaryFolders()) {
@@ -186,11 +185,11 @@ class Agent {
     return folders;
   }
 
-  /// Until a signal ends it.
+  /// Returns after SIGTERM or SIGINT.
   void serve() {
     const sigset_t signals = ownSignals();
     while (true) {
-      const bool loading = signatures_.turn() || !tellOfSignatures();
+      const bool loading = signatures_.startWanted() || !logSignatures();
       const timespec limit{loading ? kLoadingLookSec : kSignatureLookSec, 0};
       const int number = sigtimedwait(&signals, nullptr, &limit);
       if (number == SIGTERM || number == SIGINT) {
@@ -198,7 +197,7 @@ class Agent {
         return;
       }
       if (number == SIGHUP) {
-        signatures_.ask();
+        signatures_.requestLoad();
       } else if (!loading) {
         signatures_.look();
       }
@@ -207,30 +206,29 @@ class Agent {
 
  private:
   void openService(const std::string& groupName) {
-    std::string why;
-    const std::optional<gid_t> group = groupByName(groupName, &why);
-    if (!why.empty()) {
-      AGENT_LOG(LogLevel::kError, "%s: only root and the agent's user may use it", why.c_str());
+    const auto group = groupByName(groupName);
+    if (!group) {
+      AGENT_LOG(LogLevel::kError, "%s: only root and the agent's user may use it", group.error().c_str());
     }
-    outbox_ = std::make_unique<Outbox>();
+    notifications_ = std::make_unique<NotificationQueue>();
     tasks_ = std::make_unique<TaskManager>(
-        TaskManager::Parts{*store_, *spawner_, *outbox_, bus_.endpoint(), ownFolders()});
+        TaskManager::Parts{*store_, *spawner_, *notifications_, bus_.endpoint(), ownFolders()});
     helper_ = std::make_unique<jsonrpchelper::IJsonRpcServerHelper>();
-    service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group);
+    service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group.value_or(std::nullopt));
     service_->StartListening();
-    // Whoever waits for the address may ask as soon as it is open, and nothing is told before. So the first
-    // request waits until the lost tasks are told of: a task that it starts is not a lost one.
-    std::promise<void> told;
-    helper_->acceptOnly([first = told.get_future().share()](const jsonrpchelper::Caller&) {
+    // The first request waits for the notifications of interrupted tasks: a task of that request must not
+    // count as interrupted. Notifications need the open address, and requests may come as soon as it is open.
+    std::promise<void> notified;
+    helper_->acceptOnly([first = notified.get_future().share()](const jsonrpchelper::Caller&) {
       first.wait();
       return true;
     });
     offer_.emplace(*helper_, bus_.endpoint());
     if (const auto opened = bus_.open(lunet::kAgentGuid); !opened) {
-      throw StartFailure{kExitFailed, opened.error()};
+      throw StartFailure(kExitFailed, opened.error());
     }
-    tasks_->tellOfLostTasks();
-    told.set_value();
+    tasks_->notifyInterruptedTasks();
+    notified.set_value();
   }
 
   static std::string resolved(const std::string& path) {
@@ -238,18 +236,18 @@ class Agent {
     return real ? real.get() : path;
   }
 
-  /// Logs what is loaded, once each time it changes. False while a load is under way.
-  bool tellOfSignatures() {
+  /// Logs each change of the loaded signatures. False during a load.
+  bool logSignatures() {
     const SignatureState state = spawner_->signatureState();
-    if (!state.loading && state.detail != told_) {
+    if (!state.loading && state.detail != loggedSignatures_) {
       const bool whole = state.loaded && state.system != SystemDatabase::kLeftOut;
       AGENT_LOG(whole ? LogLevel::kInfo : LogLevel::kError, "signatures: %s", state.detail.c_str());
-      told_ = state.detail;
+      loggedSignatures_ = state.detail;
     }
     return !state.loading;
   }
 
-  /// Beside the main thread, which a signal may want meanwhile.
+  /// On a thread of its own: the main thread waits for signals.
   void reloadSignatures() {
     if (const auto loaded = spawner_->reload()) {
       AGENT_LOG(LogLevel::kInfo, "%s", "signatures were loaded again");
@@ -260,13 +258,13 @@ class Agent {
   }
 
   const platform::InstallTree& tree_;
-  std::string told_;
+  std::string loggedSignatures_;
   std::unique_ptr<Spawner> spawner_;
-  SignatureKeeper signatures_;  // made before the body starts the spawner; what it runs needs that
-  CGlobalTag mark_;
+  SignatureKeeper signatures_;  // made before the spawner loads; its loads use the spawner
+  CGlobalTag lock_;
   std::unique_ptr<Store> store_;
   BusLink bus_;
-  std::unique_ptr<Outbox> outbox_;
+  std::unique_ptr<NotificationQueue> notifications_;
   std::unique_ptr<TaskManager> tasks_;
   std::unique_ptr<jsonrpchelper::IJsonRpcServerHelper> helper_;
   std::unique_ptr<AgentService> service_;
@@ -275,29 +273,29 @@ class Agent {
 
 }  // namespace
 
-int serve(const Options& options, Readiness* readiness) {
+int serve(const Options& options, Daemon* daemon) {
   const platform::InstallTree tree(options.installDir);
-  umask(022);  // the folder of the sockets is reached by others; what is private is closed by its maker
+  umask(022);  // others access the folder of the sockets; the code closes private files itself
   raiseFileLimit();
   openLog(tree, options.logLevel);
   try {
     const auto bus = readBusSettings(tree, kName);
     if (!bus) {
-      return say(kExitFailed, bus.error());
+      return report(kExitFailed, bus.error());
     }
     Agent agent(options, tree, *bus);
     AGENT_LOG(LogLevel::kInfo, "serving %s (pid %d)", tree.root.c_str(), getpid());
-    if (readiness != nullptr) {
-      readiness->ready();
+    if (daemon != nullptr) {
+      daemon->ready();
     } else {
       std::fprintf(stderr, "%s: serving %s (pid %d)\n", kName, platform::visibleText(tree.root).c_str(),
                    getpid());
     }
     agent.serve();
   } catch (const StartFailure& failure) {
-    return say(failure.exitCode, failure.why);
+    return report(failure.exitCode(), failure.what());
   } catch (const std::exception& error) {
-    return say(kExitFailed, error.what());
+    return report(kExitFailed, error.what());
   }
   AGENT_LOG(LogLevel::kInfo, "%s", "ended");
   return kExitOk;

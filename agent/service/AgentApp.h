@@ -5,8 +5,8 @@
 
 namespace agent {
 
-/// Serves a tree until SIGTERM or SIGINT. Call while the process has one thread. What keeps it from serving
-/// is one line on standard error and in the log. readiness may be null. An ExitCode.
-int serve(const Options& options, Readiness* readiness);
+/// Serves a tree until SIGTERM or SIGINT. Call while the process has one thread. A failure is one line on
+/// standard error and in the log. daemon: null in the foreground. Returns an ExitCode.
+int serve(const Options& options, Daemon* daemon);
 
 }  // namespace agent

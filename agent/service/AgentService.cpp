@@ -21,7 +21,7 @@ namespace {
 
 using namespace jsonrpchelper;
 
-/// Methods as the log and the audit record name them.
+/// The names of methods in the log and in the audit record.
 constexpr std::pair<std::string_view, const char*> kActions[] = {
     {CtlBus::kName, "control scan"},
     {SetAVConfig::kName, "change settings"},
@@ -36,7 +36,7 @@ std::string actionOf(std::string_view method) {
   return row != std::end(kActions) ? row->second : std::string(method);
 }
 
-CallerId whoAsks() {
+CallerId currentCallerId() {
   return callerIdOf(currentCaller().process);
 }
 
@@ -59,7 +59,7 @@ std::string freshToken() {
   return token;
 }
 
-/// The answer to a restore, so far without a refused item.
+/// The answer to a restore, without refused items.
 Json::Value restoreAnswer() {
   Json::Value answer(Json::objectValue);
   answer["status"] = false;
@@ -85,7 +85,7 @@ std::optional<Json::Value> AgentService::refusal(Access access, const std::strin
   if (access == Access::kEverybody) {
     return std::nullopt;
   }
-  const CallerId caller = whoAsks();
+  const CallerId caller = currentCallerId();
   if (mayChange(caller, group_)) {
     return std::nullopt;
   }
@@ -115,23 +115,20 @@ JsonObject AgentService::startScanTask(const StartScanTask& request) {
   const TaskManager::Started started = tasks_.start(
       {request.ctx, request.params, request.source, {from.guid, from.process}, callerIdOf(from.process)});
   Json::Value answer(Json::objectValue);
-  answer["status"] = started.ok;
+  answer["status"] = started.outcome.has_value();
   answer["token_id"] = started.token;
-  answer["detail"] = platform::visibleText(started.detail);
+  answer["detail"] = started.outcome ? "" : platform::visibleText(started.outcome.error());
   return answer;
 }
 
 bool AgentService::ctlBus(const CtlBus& request) {
-  const CallerId caller = whoAsks();
-  const auto action = json::fromNumber<json::ControlAction>(request.action);
-  std::string why = "unknown action " + std::to_string(request.action);
-  const bool done = action && tasks_.control(*action, request.token_id, request.detail, caller, &why);
+  const CallerId caller = currentCallerId();
   return changed(caller, request.kName, request.token_id + " action " + std::to_string(request.action),
-                 done ? platform::Expected<void>() : platform::failure(why));
+                 tasks_.control(request.action, request.token_id, request.detail, caller));
 }
 
 JsonArray AgentService::getBusList(const GetBusList& /*request*/) {
-  return tasks_.list(whoAsks());
+  return tasks_.list(currentCallerId());
 }
 
 std::string AgentService::getAVConfig(const GetAVConfig& request) {
@@ -146,12 +143,12 @@ bool AgentService::setAVConfig(const SetAVConfig& request) {
   const auto known = json::fromNumber<json::ConfigType>(request.config_type);
   const platform::Expected<void> done = known ? store_.settings().change(*known, request.config_str)
                                               : platform::failure(noSettings(request.config_type));
-  return changed(whoAsks(), request.kName,
+  return changed(currentCallerId(), request.kName,
                  "type " + std::to_string(request.config_type) + " " + request.config_str, done);
 }
 
 JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
-  const CallerId caller = whoAsks();
+  const CallerId caller = currentCallerId();
   Json::Value answer = restoreAnswer();
   JsonReflect::DeIsolateParams params;
   const bool readable = request.params.isObject() && params.FromValue(request.params);
@@ -175,12 +172,12 @@ JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
 }
 
 JsonArray AgentService::getIsolationInfo(const GetIsolationInfo& /*request*/) {
-  const CallerId caller = whoAsks();
+  const CallerId caller = currentCallerId();
   return store_.quarantine().list(isAdministrator(caller) ? std::nullopt : std::optional<uid_t>(caller.uid));
 }
 
 bool AgentService::ctlRegion(const CtlRegion& request) {
-  const CallerId caller = whoAsks();
+  const CallerId caller = currentCallerId();
   const auto region = json::fromNumber<json::Region>(request.region_type);
   const platform::Expected<void> done =
       region ? store_.regions().change(*region, request.items, caller)
@@ -201,7 +198,7 @@ JsonArray AgentService::getRegionInfo(const GetRegionInfo& request) {
 
 void AgentService::cleanScanCache(const CleanScanCache& request) {
   store_.cache().clear();
-  changed(whoAsks(), request.kName, "", {});
+  changed(currentCallerId(), request.kName, "", {});
 }
 
 std::int32_t AgentService::getScanCacheDetail(const GetScanCacheDetail& /*request*/) {

@@ -8,11 +8,11 @@
 
 namespace agent {
 
-/// The agent's methods as the bus calls them, one at a time, on the bus's thread. The table of methods says
-/// who may call which. A change and a refusal leave a line in the log and in the audit record.
+/// The agent's methods. The bus calls them one at a time, on the bus's thread. The table of methods says who
+/// may call which method. Each change and each refusal is one line in the log and in the audit record.
 class AgentService : public IAgentAbstract {
  public:
-  /// group: whose members may change what the agent keeps, beside root and the agent's own user.
+  /// group: its members may call the methods that change data, as root and the agent's own user may.
   AgentService(jsonrpchelper::IJsonRpcServerHelper& helper, Store& store, TaskManager& tasks,
                std::optional<gid_t> group);
 

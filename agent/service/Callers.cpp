@@ -5,16 +5,15 @@
 #include <sstream>
 #include <vector>
 
+#include "platform/ProcessStat.h"
 #include "platform/Users.h"
-#include "task/RunningPrograms.h"
-#include "task/TaskManager.h"
+#include "task/CallerRights.h"
 
 namespace agent {
 
 namespace {
 
-/// None when the process runs for another user by now: after exec of a setuid program the groups are that
-/// user's, not the caller's.
+/// Empty when the process runs for another user by now, after the exec of a setuid program.
 std::vector<gid_t> groupsOf(pid_t pid, uid_t uid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
   std::vector<gid_t> groups;
@@ -44,20 +43,17 @@ CallerId callerIdOf(const lunet::PeerIdentity& process) {
   caller.gid = process.gid;
   caller.pid = process.pid;
   caller.groups = groupsOf(process.pid, process.uid);
-  if (processStartTicks(process.pid) != process.startTicks) {
-    caller.groups.clear();  // what was read may have been another process's
+  const auto now = platform::processStat(process.pid);
+  if (!now || now->startTicks != process.startTicks) {
+    caller.groups.clear();  // they may be the groups of another process
   }
   return caller;
 }
 
-std::optional<gid_t> groupByName(const std::string& name, std::string* why) {
-  why->clear();
-  if (name.empty()) {
-    return std::nullopt;
-  }
-  const std::optional<gid_t> group = platform::groupId(name);
-  if (!group) {
-    *why = "there is no group " + name;
+platform::Expected<std::optional<gid_t>> groupByName(const std::string& name) {
+  const std::optional<gid_t> group = name.empty() ? std::nullopt : platform::groupId(name);
+  if (!name.empty() && !group) {
+    return platform::failure("there is no group " + name);
   }
   return group;
 }

@@ -3,20 +3,20 @@
 #include <optional>
 
 #include "lunet/Lunet.h"
-#include "store/Store.h"
+#include "platform/Expected.h"
+#include "store/StoreTypes.h"
 
 namespace agent {
 
-/// The rights of a process at the other end of the bus, on the kernel's word. Supplementary groups are read
-/// from the process itself; none when it is gone by now.
+/// The rights of the process at the other end of the bus, as the kernel reports them. The supplementary
+/// groups come from /proc; a process that has ended has none.
 CallerId callerIdOf(const lunet::PeerIdentity& process);
 
-/// The group that may use the bus and change what the agent keeps; none when the configuration names none.
-/// An unknown group is none, and said in *why.
-std::optional<gid_t> groupByName(const std::string& name, std::string* why);
+/// The group of that name; nothing for an empty name. Fails for an unknown group.
+platform::Expected<std::optional<gid_t>> groupByName(const std::string& name);
 
-/// Who may change settings, the trust and reject lists, the quarantine and the cache: root, the agent's own
-/// user, and members of the configured group.
+/// True for root, the agent's own user and members of the group: the users who may change settings, the trust
+/// and reject lists, the quarantine and the cache.
 bool mayChange(const CallerId& caller, std::optional<gid_t> group);
 
 }  // namespace agent

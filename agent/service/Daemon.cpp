@@ -26,8 +26,8 @@ void toNull(int target, int flags) {
   }
 }
 
-/// In the caller's process: never returns.
-[[noreturn]] void waitForWord(int pipe, pid_t child) {
+/// Ends the caller's process with the exit code that comes through the pipe.
+[[noreturn]] void waitForExitCode(int pipe, pid_t child) {
   unsigned char code = kExitFailed;
   ssize_t count = 0;
   do {
@@ -50,10 +50,10 @@ Daemon::Daemon() {
   }
   if (child > 0) {
     close(ends[1]);
-    waitForWord(ends[0], child);
+    waitForExitCode(ends[0], child);
   }
   close(ends[0]);
-  pipe_ = ends[1];
+  pipe_.reset(ends[1]);
   setsid();
   const pid_t grandchild = fork();
   if (grandchild != 0) {
@@ -62,26 +62,19 @@ Daemon::Daemon() {
   if (chdir("/") != 0) {
     fail("chdir /");
   }
-  // What else the caller had open would stay open for as long as the agent serves: a pipe without an end, a
-  // file system that cannot be unmounted.
-  platform::closeAllBut({pipe_});
+  // The caller's other files would stay open while the agent serves: a pipe would not end, a file system
+  // could not be unmounted.
+  platform::closeAllBut({pipe_.get()});
   toNull(STDIN_FILENO, O_RDONLY);
   toNull(STDOUT_FILENO, O_WRONLY);
 }
 
-Daemon::~Daemon() {
-  if (pipe_ >= 0) {
-    close(pipe_);
-  }
-}
-
 void Daemon::failed(int exitCode) {
-  if (pipe_ >= 0) {
+  if (pipe_) {
     const unsigned char code = static_cast<unsigned char>(exitCode);
-    const ssize_t written = write(pipe_, &code, 1);
-    static_cast<void>(written);  // who waited may be gone
-    close(pipe_);
-    pipe_ = -1;
+    const ssize_t written = write(pipe_.get(), &code, 1);
+    static_cast<void>(written);  // the caller's process may have ended
+    pipe_.reset();
   }
 }
 

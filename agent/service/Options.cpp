@@ -35,8 +35,8 @@ const Row kRows[] = {
      }},
     {"--log-level", "N", "1 (every entry that is left out) to 4 (errors only); default 2",
      [](Options& options, const std::string& value) {
-       options.logLevel = value.size() == 1 ? value[0] - '0' : 0;
-       return options.logLevel >= 1 && options.logLevel <= 4;
+       options.logLevel = static_cast<LogLevel>(value.size() == 1 ? value[0] - '0' : 0);
+       return options.logLevel >= LogLevel::kDebug && options.logLevel <= LogLevel::kError;
      }},
     {"--daemon", nullptr, "go to the background; ends with 0 once the agent serves",
      [](Options& options, const std::string&) {
@@ -81,34 +81,31 @@ std::string usage() {
          "again.\n";
 }
 
-bool parseOptions(const std::vector<std::string>& arguments, Options* options, std::string* why) {
+platform::Expected<Options> parseOptions(const std::vector<std::string>& arguments) {
+  Options options;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const Row* row = findRow(arguments[i]);
     if (row == nullptr) {
-      *why = "unknown argument " + arguments[i];
-      return false;
+      return platform::failure("unknown argument " + arguments[i]);
     }
     if (row->value != nullptr && i + 1 == arguments.size()) {
-      *why = arguments[i] + " needs a value";
-      return false;
+      return platform::failure(arguments[i] + " needs a value");
     }
     const std::string value = row->value != nullptr ? arguments[++i] : std::string();
-    if (!row->apply(*options, value)) {
-      *why = std::string(row->name) + " cannot stand here";
-      return false;
+    if (!row->apply(options, value)) {
+      return platform::failure(std::string(row->name) + " cannot stand here");
     }
   }
-  if (options->installDir.empty()) {
-    options->installDir = ownTree();
+  if (options.installDir.empty()) {
+    options.installDir = ownTree();
   }
   std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(options->installDir, error);
-  options->installDir = error ? options->installDir : utils::FormatFilePath(absolute.string());
-  if (options->installDir.empty() || options->installDir.front() != '/') {
-    *why = "the install tree cannot be told; name it with --install-dir";
-    return false;
+  const std::filesystem::path absolute = std::filesystem::absolute(options.installDir, error);
+  options.installDir = error ? options.installDir : utils::FormatFilePath(absolute.string());
+  if (options.installDir.empty() || options.installDir.front() != '/') {
+    return platform::failure("the install tree cannot be told; name it with --install-dir");
   }
-  return true;
+  return options;
 }
 
 }  // namespace agent

@@ -3,12 +3,15 @@
 #include <string>
 #include <vector>
 
+#include "platform/Expected.h"
+#include "platform/LogLevel.h"
+
 namespace agent {
 
-/// How the program ends.
+/// The exit codes of the program.
 enum ExitCode {
   kExitOk = 0,
-  kExitFailed = 1,  ///< also --status: it cannot be told whether an agent runs
+  kExitFailed = 1,  ///< with --status: unknown whether an agent runs
   kExitUsage = 2,
   kExitNotRunning = 3,  ///< --status: no agent runs
   kExitOtherRuns = 4    ///< another agent serves the tree
@@ -18,17 +21,16 @@ struct Options {
   enum class Action { kServe, kStatus, kVersion, kHelp };
   Action action = Action::kServe;
   bool daemon = false;
-  int logLevel = 2;                                  ///< 1 (every skipped entry) to 4 (errors)
+  LogLevel logLevel = LogLevel::kInfo;
   std::string installDir;                            ///< absolute
   std::string systemSignatures = "/var/lib/clamav";  ///< may be missing
 };
 
-/// False, and one line in *why, for arguments that cannot be understood. arguments: without the program's
-/// name.
-bool parseOptions(const std::vector<std::string>& arguments, Options* options, std::string* why);
-/// What --help prints.
+/// arguments: without the program's name.
+platform::Expected<Options> parseOptions(const std::vector<std::string>& arguments);
+/// The text of --help.
 std::string usage();
-/// The folder above the one that holds this program; empty when it cannot be told.
+/// The folder above the folder of this program; empty when /proc does not name the program.
 std::string ownTree();
 
 }  // namespace agent

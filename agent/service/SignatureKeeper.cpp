@@ -7,7 +7,7 @@ namespace agent {
 SignatureKeeper::SignatureKeeper(std::vector<std::string> folders, std::function<void()> load)
     : watch_(std::move(folders)), load_(std::move(load)) {}
 
-bool SignatureKeeper::turn() {
+bool SignatureKeeper::startWanted() {
   if (wanted_ && !running()) {
     wanted_ = false;
     running_ = std::async(std::launch::async, load_);

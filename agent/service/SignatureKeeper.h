@@ -9,18 +9,18 @@
 
 namespace agent {
 
-/// Has signatures loaded again when their files change and when somebody asks, one load at a time: what comes
-/// while one runs is remembered and leads to another. Made before the first load, so that no change behind
-/// that is missed. One thread; the loads run on one of their own.
+/// Reloads the signatures when their files change and on request, one load at a time. A request during a load
+/// leads to another load. Make the object before the first load, to see every change after that load. One
+/// thread; the loads run on a thread of their own.
 class SignatureKeeper {
  public:
-  /// load: loads again and says what came of it. Throws nothing.
+  /// load: loads the signatures again, and logs the result. Throws nothing.
   SignatureKeeper(std::vector<std::string> folders, std::function<void()> load);
-  void ask() { wanted_ = true; }
-  /// Looks at the files. A change counts when it is seen in two looks: leave time between them.
+  void requestLoad() { wanted_ = true; }
+  /// Looks at the files. A change counts when two looks see it: leave time between them.
   void look() { wanted_ = watch_.changed() || wanted_; }
-  /// Begins a load when one is wanted and none runs. True while one runs.
-  bool turn();
+  /// Begins a load when one is wanted and none runs. True while a load runs.
+  bool startWanted();
 
  private:
   bool running() const;

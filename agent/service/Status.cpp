@@ -22,29 +22,29 @@ namespace {
 
 constexpr std::uint32_t kAnswerLimitMs = 5000;
 
-/// Nobody could be asked, which says nothing of whether an agent runs.
-int cannotTell(const std::string& why) {
-  std::fprintf(stderr, "tavagentd: %s\n", platform::visibleText(why).c_str());
+/// Reports a failure that leaves open whether an agent runs.
+int failUnknown(const std::string& reason) {
+  std::fprintf(stderr, "tavagentd: %s\n", platform::visibleText(reason).c_str());
   return kExitFailed;
 }
 
-int noAnswer(const platform::InstallTree& tree, std::uint32_t busError, const std::string& why) {
+int noAnswer(const platform::InstallTree& tree, std::uint32_t busError, const std::string& reason) {
   if (busError == lunet::kErrNoTarget) {
     std::fprintf(stderr, "tavagentd: no agent answers on %s\n", platform::visibleText(tree.root).c_str());
     return kExitNotRunning;
   }
-  return cannotTell("the agent of " + tree.root +
-                    " gives no answer: " + (busError == lunet::kOk ? why : lunet::describeError(busError)));
+  return failUnknown("the agent of " + tree.root + " gives no answer: " +
+                     (busError == lunet::kOk ? reason : lunet::describeError(busError)));
 }
 
-/// On the kernel's word. Nothing when somebody has the address by now whom the bus would not have asked.
+/// The pid of the listener, from the kernel. Nothing when the bus does not trust the listener.
 std::optional<pid_t> agentPid(const std::string& socketDir) {
   const std::optional<lunet::Listener> listener =
       lunet::listenerAt(socketDir, lunet::parseGuid(lunet::kAgentGuid));
   return listener && listener->trusted ? std::optional<pid_t>(listener->pid) : std::nullopt;
 }
 
-/// By content: a program that was replaced by an equal one is the same build.
+/// Compares the bytes: a program that was replaced by an equal one is the same build.
 bool sameProgram(const std::string& one, const std::string& other) {
   std::ifstream first(one, std::ios::binary);
   std::ifstream second(other, std::ios::binary);
@@ -57,13 +57,13 @@ bool sameProgram(const std::string& one, const std::string& other) {
 int printStatus(const platform::InstallTree& tree) {
   const auto settings = readBusSettings(tree, "tavagentd-status");
   if (!settings) {
-    return cannotTell(settings.error());
+    return failUnknown(settings.error());
   }
   BusLink bus;
   std::string guid;
   CUuid::generate(guid);
   if (const auto opened = bus.prepare(tree, *settings).and_then([&] { return bus.open(guid); }); !opened) {
-    return cannotTell(opened.error());
+    return failUnknown(opened.error());
   }
   jsonrpchelper::IJsonRpcClientHelper helper(&bus.endpoint(), lunet::kAgentGuid, lunet::kRequestChannel,
                                              lunet::kOnewayChannel, kAnswerLimitMs);
@@ -75,7 +75,7 @@ int printStatus(const platform::InstallTree& tree) {
   }
   const std::optional<pid_t> pid = agentPid(settings->socketDir);
   if (!pid) {
-    return cannotTell("the process that serves " + tree.root + " cannot be told");
+    return failUnknown("the process that serves " + tree.root + " cannot be told");
   }
   const std::string program = "/proc/" + std::to_string(*pid) + "/exe";
   std::error_code error;

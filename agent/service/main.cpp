@@ -23,13 +23,13 @@ int serve(const agent::Options& options) {
 }
 
 int run(const std::vector<std::string>& arguments) {
-  agent::Options options;
-  std::string why;
-  if (!agent::parseOptions(arguments, &options, &why)) {
-    std::fprintf(stderr, "tavagentd: %s\n%s", platform::visibleText(why).c_str(), agent::usage().c_str());
+  const auto options = agent::parseOptions(arguments);
+  if (!options) {
+    std::fprintf(stderr, "tavagentd: %s\n%s", platform::visibleText(options.error()).c_str(),
+                 agent::usage().c_str());
     return agent::kExitUsage;
   }
-  switch (options.action) {
+  switch (options->action) {
     case agent::Options::Action::kVersion:
       std::printf("tavagentd %s\n", TAV_VERSION);
       return agent::kExitOk;
@@ -37,11 +37,11 @@ int run(const std::vector<std::string>& arguments) {
       std::printf("%s", agent::usage().c_str());
       return agent::kExitOk;
     case agent::Options::Action::kStatus:
-      return agent::printStatus(platform::InstallTree(options.installDir));
+      return agent::printStatus(platform::InstallTree(options->installDir));
     case agent::Options::Action::kServe:
       break;
   }
-  return serve(options);
+  return serve(*options);
 }
 
 }  // namespace

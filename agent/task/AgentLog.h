@@ -2,7 +2,7 @@
 
 #include "platform/CLogDebug.h"
 
-/// A record of the agent's log, printf-style. Levels 1 (most verbose) to 4 (errors).
+/// Writes a record of the agent's log, printf-style. level: a LogLevel.
 #define AGENT_LOG(level, ...)                                                      \
   do {                                                                             \
     if (CLogDebug::CheckLogLevel(level)) {                                         \

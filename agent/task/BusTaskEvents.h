@@ -4,22 +4,23 @@
 #include <string>
 
 #include "jsonrpchelper/ConsoleNotifier.h"
-#include "task/Outbox.h"
+#include "task/NotificationQueue.h"
 #include "task/TaskEvents.h"
 #include "task/TaskOwner.h"
 
 namespace agent {
 
-/// A task's words as notifications on the bus, to the process that started it and to no other.
+/// Sends the notifications of a task over the bus, only to the process that started the task.
 class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<BusTaskEvents> {
  public:
-  /// What its owner gave along and gets back with every state.
+  /// What the owner passed with the request and gets back with every state.
   struct Envelope {
     std::string token;
     Json::Value ctx;  ///< sent as {} when it is no object
     int source = 0;
   };
-  BusTaskEvents(Outbox& outbox, lunet::IEndpoint& endpoint, const TaskOwner& owner, Envelope envelope);
+  BusTaskEvents(NotificationQueue& queue, lunet::IEndpoint& endpoint, const TaskOwner& owner,
+                Envelope envelope);
 
   void state(json::TaskState state, const std::string& detail) override;
   void progress(int percent) override;
@@ -29,16 +30,16 @@ class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<Bus
   void risk(json::RiskInfoType kind, json::Handling handling, const Json::Value& info) override;
   void repaired(json::RiskInfoType kind, json::Handling handling, const Json::Value& info,
                 const Json::Value& result) override;
-  void waitForRoom(const std::function<bool()>& cancelled) override;
-  void whenTold(std::function<void()> action) override;
+  void waitForQuota(const std::function<bool()>& cancelled) override;
+  void onDelivered(std::function<void()> action) override;
 
  private:
-  void post(NoticeKind kind, std::size_t bytes, std::function<std::uint32_t(BusTaskEvents&)> send);
+  void post(NotificationKind kind, std::size_t bytes, std::function<std::uint32_t(BusTaskEvents&)> send);
 
-  Outbox& outbox_;
+  NotificationQueue& queue_;
   const Envelope envelope_;
-  jsonrpchelper::ConsoleNotifier notifier_;  // used on the outbox's thread only
-  const std::shared_ptr<Mailbox> box_;
+  jsonrpchelper::ConsoleNotifier notifier_;  // on the queue's thread only
+  const std::shared_ptr<Receiver> receiver_;
 };
 
 }  // namespace agent

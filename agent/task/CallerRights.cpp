@@ -7,13 +7,15 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <system_error>
+#include <string>
+
+#include "platform/Posix.h"
 
 namespace agent {
 
 namespace {
 
-/// Of this thread only; the library's own function would change every thread of the process.
+/// Of this thread only: the library's function changes every thread of the process.
 int setThreadGroups(const std::vector<gid_t>& groups) {
   return static_cast<int>(syscall(SYS_setgroups, groups.size(), groups.data()));
 }
@@ -24,36 +26,45 @@ uid_t currentFsUid() {
 
 }  // namespace
 
-CallerRights::CallerRights(const CallerId& caller) {
-  if (caller.uid == geteuid() || caller.uid == 0) {
-    return;
+bool isAdministrator(const CallerId& caller) {
+  return caller.uid == 0 || caller.uid == geteuid();
+}
+
+platform::Expected<std::unique_ptr<CallerRights>> CallerRights::take(const CallerId& caller) {
+  std::unique_ptr<CallerRights> rights(new CallerRights());
+  if (!isAdministrator(caller)) {
+    if (const auto taken = rights->takeAll(caller); !taken) {
+      return platform::failure(taken.error());
+    }
   }
+  return rights;
+}
+
+platform::Expected<void> CallerRights::takeAll(const CallerId& caller) {
+  const std::string user = "user " + std::to_string(caller.uid);
   if (geteuid() != 0) {
-    error_ =
-        "the agent does not run as root and cannot act with the rights of user " + std::to_string(caller.uid);
-    return;
+    return platform::failure("the agent does not run as root and cannot act with the rights of " + user);
   }
   ownGid_ = getegid();
   const int count = getgroups(0, nullptr);
   ownGroups_.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
   if (count < 0 || getgroups(count, ownGroups_.data()) != count || setThreadGroups(caller.groups) != 0) {
-    error_ = "cannot take the groups of user " + std::to_string(caller.uid) + ": " +
-             std::error_code(errno, std::generic_category()).message();
-    return;
+    return platform::failure("cannot take the groups of " + user + ": " + platform::errnoText(errno));
   }
   uid_ = caller.uid;
   gid_ = caller.gid;
   reduced_ = true;
-  if (!take()) {
-    error_ = "cannot take the rights of user " + std::to_string(caller.uid);
+  if (!takeUser()) {
     restore();
+    return platform::failure("cannot take the rights of " + user);
   }
+  return {};
 }
 
-/// Groups apart, which change nothing for a thread that has the agent's user.
-bool CallerRights::take() const {
+/// All but the groups, which give nothing to a thread with the agent's user.
+bool CallerRights::takeUser() const {
   setfsgid(gid_);
-  setfsuid(uid_);  // also takes the capabilities that reach past file permissions out of force
+  setfsuid(uid_);  // also disables the capabilities that override file permissions
   return currentFsUid() == uid_ && static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))) == gid_;
 }
 
@@ -68,7 +79,7 @@ void CallerRights::restore() {
   setfsuid(geteuid());
   setfsgid(ownGid_);
   if (setThreadGroups(ownGroups_) != 0 || currentFsUid() != geteuid()) {
-    std::abort();  // a thread of the agent with rights that are not its own must not go on
+    std::abort();  // an agent's thread with other rights than the agent's must not go on
   }
 }
 
@@ -81,8 +92,8 @@ CallerRights::Suspended::Suspended(const CallerRights* rights)
 }
 
 CallerRights::Suspended::~Suspended() {
-  if (rights_ != nullptr && !rights_->take()) {
-    std::abort();  // to go on would be to read for a caller what he may not read
+  if (rights_ != nullptr && !rights_->takeUser()) {
+    std::abort();  // the thread would read files for the caller that the caller may not read
   }
 }
 

@@ -2,29 +2,31 @@
 
 #include <sys/types.h>
 
-#include <string>
+#include <memory>
 #include <vector>
 
-#include "store/Store.h"
+#include "platform/Expected.h"
+#include "store/StoreTypes.h"
 
 namespace agent {
 
-/// While it lives, the calling thread reaches files with a caller's user, group and groups only: what he
-/// could not open, the thread cannot. Other threads keep the agent's rights. For root and for the agent's own
-/// user nothing is changed.
+/// True for root and for the agent's own user, who may do everything.
+bool isAdministrator(const CallerId& caller);
+
+/// While an object lives, its thread accesses files with the caller's user, group and groups only. Other
+/// threads keep the agent's rights. Administrators change nothing.
 class CallerRights {
  public:
-  /// error() says why when the agent cannot take the caller's rights; then nothing is changed.
-  explicit CallerRights(const CallerId& caller);
-  ~CallerRights();  ///< the agent's rights again; ends the process if that fails
+  /// Fails when the agent cannot take the caller's rights. Then nothing is changed.
+  static platform::Expected<std::unique_ptr<CallerRights>> take(const CallerId& caller);
+  ~CallerRights();  ///< restores the agent's rights; ends the process when that fails
   CallerRights(const CallerRights&) = delete;
   CallerRights& operator=(const CallerRights&) = delete;
 
-  const std::string& error() const { return error_; }
   /// True when the thread has fewer rights than the agent.
   bool reduced() const { return reduced_; }
 
-  /// The agent's own rights for a while, on the same thread: to write its log, its store.
+  /// The agent's own rights for a while, on the same thread: for the agent's log and store.
   class Suspended {
    public:
     explicit Suspended(const CallerRights* rights);  ///< null: nothing to suspend
@@ -37,10 +39,11 @@ class CallerRights {
   };
 
  private:
+  CallerRights() = default;
+  platform::Expected<void> takeAll(const CallerId& caller);
+  bool takeUser() const;
   void restore();
-  bool take() const;
 
-  std::string error_;
   bool reduced_ = false;
   uid_t uid_ = 0;
   gid_t gid_ = 0;

@@ -15,50 +15,22 @@ void Counters::count(std::int64_t Numbers::*which) {
   ++(numbers_.*which);
 }
 
-void Counters::met(const std::string& path) {
+void Counters::encountered(const std::string& path) {
   const std::lock_guard guard(mutex_);
-  ++numbers_.met;
+  ++numbers_.encountered;
   current_ = path;
 }
 
-void Counters::clean() {
-  count(&Numbers::clean);
-}
-void Counters::infected() {
-  count(&Numbers::infected);
-}
-void Counters::failed() {
-  count(&Numbers::failed);
-}
 void Counters::skipped(const std::string& reason) {
   const std::lock_guard guard(mutex_);
   ++numbers_.skipped;
   const bool room = skipReasons_.size() < kMostReasons || skipReasons_.count(reason) != 0;
   ++skipReasons_[room ? reason : "other reasons"];
 }
-void Counters::fixed() {
-  count(&Numbers::fixed);
-}
-void Counters::leftAlone() {
-  count(&Numbers::leftAlone);
-}
-void Counters::fixFailed() {
-  count(&Numbers::fixFailed);
-}
 
 void Counters::trusted() {
   count(&Numbers::trusted);
   skipped("trusted");
-}
-
-std::int64_t Counters::underWay() const {
-  const std::lock_guard guard(mutex_);
-  return numbers_.met - numbers_.clean - numbers_.infected - numbers_.failed - numbers_.skipped;
-}
-
-std::int64_t Counters::infectedCount() const {
-  const std::lock_guard guard(mutex_);
-  return numbers_.infected;
 }
 
 JsonReflect::ScanBusOverView Counters::overview(const std::string& token) const {
@@ -67,7 +39,7 @@ JsonReflect::ScanBusOverView Counters::overview(const std::string& token) const 
   view.fixed_risk_count = numbers_.fixed;
   view.checkout_risk_count = numbers_.infected;
   view.trusted_risk_count = numbers_.trusted;
-  view.total_item_count = numbers_.met;
+  view.total_item_count = numbers_.encountered;
   view.ignore_risk_count = numbers_.leftAlone;
   view.checked_item_count = numbers_.clean + numbers_.infected;
   view.failed_item_count = numbers_.failed;
@@ -89,7 +61,7 @@ std::string Counters::summary() const {
     reasons += (reasons.empty() ? " (" : ", ") + part(number, reason);
   }
   reasons += reasons.empty() ? "" : ")";
-  return part(numbers_.met, "entries: ") + part(numbers_.clean, "clean, ") +
+  return part(numbers_.encountered, "entries: ") + part(numbers_.clean, "clean, ") +
          part(numbers_.infected, "infected, ") + part(numbers_.failed, "errors, ") +
          part(numbers_.skipped, "skipped") + reasons + "; " + part(numbers_.fixed, "handled, ") +
          part(numbers_.fixFailed, "not handled");

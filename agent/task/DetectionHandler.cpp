@@ -2,9 +2,11 @@
 
 #include <ctime>
 #include <exception>
+#include <functional>
 
 #include "platform/Text.h"
 #include "task/AgentLog.h"
+#include "task/CallerRights.h"
 
 namespace agent {
 
@@ -16,17 +18,19 @@ std::string freshId() {
   return id;
 }
 
-QuarantineRequest requestFor(const ScanJob& job) {
-  QuarantineRequest request;
-  request.fd = job.fd.get();
-  request.path = job.path;
-  request.identity = job.identity;
-  return request;
+/// An exception of the store becomes a failure: the detection is reported all the same.
+platform::Expected<Remark> guarded(const std::function<platform::Expected<Remark>()>& action) {
+  try {
+    return action();
+  } catch (const std::exception& error) {
+    return platform::failure(error.what());
+  }
 }
 
 }  // namespace
 
-DetectionHandler::DetectionHandler(Context context) : context_(context), thread_([this] { run(); }) {}
+DetectionHandler::DetectionHandler(const ScanContext& context)
+    : context_(context), thread_([this] { run(); }) {}
 
 DetectionHandler::~DetectionHandler() {
   {
@@ -37,15 +41,9 @@ DetectionHandler::~DetectionHandler() {
   thread_.join();
 }
 
-void DetectionHandler::found(std::shared_ptr<ScanJob> job, Verdict verdict) {
+void DetectionHandler::add(DetectedFile detected) {
   const std::lock_guard guard(mutex_);
-  queue_.push_back({std::move(job), std::move(verdict), false});
-  changed_.notify_all();
-}
-
-void DetectionHandler::foundTrusted(std::shared_ptr<ScanJob> job, Verdict verdict) {
-  const std::lock_guard guard(mutex_);
-  queue_.push_back({std::move(job), std::move(verdict), true});
+  queue_.push_back(std::move(detected));
   changed_.notify_all();
 }
 
@@ -61,14 +59,14 @@ void DetectionHandler::run() {
     if (queue_.empty()) {
       return;
     }
-    const Found next = std::move(queue_.front());
+    DetectedFile next = std::move(queue_.front());
     queue_.pop_front();
     busy_ = true;
     lock.unlock();
     try {
       handle(next);
     } catch (const std::exception& error) {
-      AGENT_LOG(LogLevel::kError, "handling %s: %s", next.job->path.c_str(), error.what());
+      AGENT_LOG(LogLevel::kError, "handling %s: %s", next.file->path.c_str(), error.what());
     }
     lock.lock();
     busy_ = false;
@@ -76,110 +74,98 @@ void DetectionHandler::run() {
   }
 }
 
-void DetectionHandler::handle(const Found& found) {
-  context_.events.waitForRoom([this] { return context_.control.stopping(); });
-  FileRisk risk;
-  risk.path = found.job->path;
-  risk.status = found.job->status;
-  risk.createdSec = birthTime(found.job->fd.get());
-  risk.verdict = found.verdict;
-  risk.riskId = freshId();
-  risk.foundSec = std::time(nullptr);
-  const Detection& detection = found.verdict.detections.at(0);
-  AGENT_LOG(LogLevel::kWarning, "%s: %s%s", risk.path.c_str(), detection.name.c_str(),
-            found.trusted ? " (trusted)" : "");
-  if (found.trusted) {
+void DetectionHandler::handle(DetectedFile& detected) {
+  context_.events.waitForQuota([this] { return context_.control.stopping(); });
+  detected.riskId = freshId();
+  detected.createdSec = birthTime(detected.file->fd.get());
+  detected.foundSec = std::time(nullptr);
+  AGENT_LOG(LogLevel::kWarning, "%s: %s%s", detected.file->path.c_str(),
+            detected.verdict.detections.at(0).name.c_str(), detected.trusted ? " (trusted)" : "");
+  if (detected.trusted) {
     context_.counters.trusted();
-    context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk),
+    context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(detected),
                              repairResult(json::HandleResult::kTrusted, {}, std::time(nullptr)));
     return;
   }
   context_.counters.infected();
-  context_.events.risk(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk));
+  context_.events.risk(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(detected));
   if (context_.plan.memoryCheck) {
     guarded([&] {
-      handleProcesses(found, risk);
-      return platform::Expected<Remark>();
+      handleProcesses(detected);
+      return Remark();
     });
   }
-  handleFile(found, risk);
+  handleFile(detected);
 }
 
-/// A store that fails must cost the handling only: the detection is told all the same.
-platform::Expected<Remark> DetectionHandler::guarded(
-    const std::function<platform::Expected<Remark>()>& action) {
-  try {
-    return action();
-  } catch (const std::exception& error) {
-    return platform::failure(error.what());
-  }
-}
-
-/// The file leaves its place, or stays, as the plan says; either way its owner is told.
-void DetectionHandler::handleFile(const Found& found, const FileRisk& risk) {
+/// Removes the file, or leaves the file alone, as the plan says. Reports the result in both cases.
+void DetectionHandler::handleFile(const DetectedFile& detected) {
+  const std::string& path = detected.file->path;
   json::HandleResult result = json::HandleResult::kReportedOnly;
   std::string reason;
   if (context_.plan.action == json::HandleAction::kNothing) {
     context_.counters.leftAlone();
   } else {
-    const platform::Expected<Remark> outcome = guarded([&] { return takeAway(found); });
-    result = outcome ? json::HandleResult::kQuarantined : json::HandleResult::kFailed;
-    reason = outcome ? *outcome : outcome.error();
-    outcome ? context_.counters.fixed() : context_.counters.fixFailed();
-    AGENT_LOG(LogLevel::kWarning, "%s: %s %s", risk.path.c_str(),
-              outcome ? "taken away" : "not handled:", reason.c_str());
-    context_.store.audit(context_.caller, "handle detection", risk.path, outcome ? "taken away" : reason);
+    const platform::Expected<Remark> removed = guarded([&] { return remove(detected); });
+    result = removed ? json::HandleResult::kQuarantined : json::HandleResult::kFailed;
+    reason = removed ? *removed : removed.error();
+    removed ? context_.counters.fixed() : context_.counters.fixFailed();
+    AGENT_LOG(LogLevel::kWarning, "%s: %s %s", path.c_str(),
+              removed ? "taken away" : "not handled:", reason.c_str());
+    context_.store.audit(context_.caller, "handle detection", path, removed ? "taken away" : reason);
   }
-  context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(risk),
+  context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(detected),
                            repairResult(result, reason, std::time(nullptr)));
 }
 
-platform::Expected<Remark> DetectionHandler::takeAway(const Found& found) {
-  const std::string refusal = whyNotAllowed(*found.job);
-  if (!refusal.empty()) {
-    return platform::failure(refusal);
+platform::Expected<Remark> DetectionHandler::remove(const DetectedFile& detected) {
+  const EncounteredFile& file = *detected.file;
+  if (const auto allowed = checkAllowed(file); !allowed) {
+    return platform::failure(allowed.error());
   }
+  QuarantineRequest request;
+  request.fd = file.fd.get();
+  request.path = file.path;
+  request.identity = FileIdentity::of(file.status);
   if (context_.plan.action == json::HandleAction::kDelete) {
-    return context_.store.quarantine().remove(requestFor(*found.job));
+    return context_.store.quarantine().remove(request);
   }
-  QuarantineRequest request = requestFor(*found.job);
-  request.detection = found.verdict.detections.at(0);
-  request.md5 = found.verdict.md5;
+  request.detection = detected.verdict.detections.at(0);
+  request.md5 = detected.verdict.md5;
   return context_.store.quarantine().add(request);
 }
 
-bool DetectionHandler::callerOwnsEverything() const {
-  return context_.caller.uid == 0 || context_.caller.uid == geteuid();
-}
-
-/// A scan must not remove for its caller what he could not remove himself.
-std::string DetectionHandler::whyNotAllowed(const ScanJob& job) const {
-  if (callerOwnsEverything()) {
+/// A scan removes no file that the caller could not remove without the agent.
+platform::Expected<void> DetectionHandler::checkAllowed(const EncounteredFile& file) const {
+  if (isAdministrator(context_.caller)) {
     return {};
   }
-  if (job.status.st_uid != context_.caller.uid) {
-    return "the file belongs to another user than the one who started the scan";
+  if (file.status.st_uid != context_.caller.uid) {
+    return platform::failure("the file belongs to another user than the one who started the scan");
   }
-  return job.folderWritable ? std::string() : "who started the scan cannot write in the file's folder";
+  if (!file.folderWritable) {
+    return platform::failure("who started the scan cannot write in the file's folder");
+  }
+  return {};
 }
 
-void DetectionHandler::handleProcesses(const Found& found, const FileRisk& risk) {
-  for (const RunningProgram& program : programs_.running(found.job->identity)) {
-    if (!callerOwnsEverything() && program.uid != context_.caller.uid) {
+void DetectionHandler::handleProcesses(const DetectedFile& detected) {
+  for (const RunningProgram& program : programs_.running(FileIdentity::of(detected.file->status))) {
+    if (!isAdministrator(context_.caller) && program.uid != context_.caller.uid) {
       continue;
     }
-    const Json::Value info = processRiskInfo(program, risk, freshId());
+    const Json::Value info = processRiskInfo(program, detected, freshId());
     context_.events.risk(json::RiskInfoType::kProcess, context_.plan.handling, info);
     json::HandleResult result = json::HandleResult::kReportedOnly;
     std::string reason;
     if (context_.plan.endProcesses) {
-      const platform::Expected<Remark> outcome = guarded([&] { return endProcess(program); });
-      result = outcome ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
-      reason = outcome ? *outcome : outcome.error();
+      const platform::Expected<Remark> ended = guarded([&] { return endProcess(program); });
+      result = ended ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
+      reason = ended ? *ended : ended.error();
       AGENT_LOG(LogLevel::kWarning, "process %d (%s): %s %s", program.pid, program.path.c_str(),
-                outcome ? "ended" : "not ended:", reason.c_str());
+                ended ? "ended" : "not ended:", reason.c_str());
       context_.store.audit(context_.caller, "end process", std::to_string(program.pid) + " " + program.path,
-                           outcome ? "ended" : reason);
+                           ended ? "ended" : reason);
     }
     context_.events.repaired(json::RiskInfoType::kProcess, context_.plan.handling, info,
                              repairResult(result, reason, std::time(nullptr)));

@@ -11,7 +11,7 @@ namespace agent {
 
 namespace {
 
-// Programs, libraries, scripts and documents known by their names; the others by their first bytes.
+// The endings of programs, libraries, scripts and documents. Other files are known by their first bytes.
 constexpr std::string_view kEndings[] = {
     "exe",  "dll",  "sys",  "com", "scr",      "msi",   "bat",  "cmd",  "ps1",     "vbs",     "vbe",
     "js",   "jse",  "wsf",  "hta", "lnk",      "so",    "ko",   "o",    "a",       "elf",     "bin",
@@ -62,18 +62,21 @@ std::string endingOf(const std::string& path) {
   return ending;
 }
 
-std::string whyLeftOut(const ScanPlan& plan, const std::string& path, int fd, const struct stat& status) {
-  if (plan.skipBytes > 0 && static_cast<std::uint64_t>(status.st_size) > plan.skipBytes) {
-    return "larger than the " + std::to_string(plan.skipBytes >> 20) + " MB of the settings";
+platform::Expected<void> checkIncluded(const ScanPlan& plan, const EncounteredFile& file) {
+  if (plan.skipBytes > 0 && static_cast<std::uint64_t>(file.status.st_size) > plan.skipBytes) {
+    return platform::failure("larger than the " + std::to_string(plan.skipBytes >> 20) +
+                             " MB of the settings");
   }
-  if (!plan.programsOnly || (status.st_mode & 0111) != 0) {
+  if (!plan.programsOnly || (file.status.st_mode & 0111) != 0) {
     return {};
   }
-  const std::string ending = endingOf(path);
-  const bool wanted = std::find(std::begin(kEndings), std::end(kEndings), ending) != std::end(kEndings) ||
-                      (plan.options.archives && isEndingAmong(ending, plan.options.archiveFormats)) ||
-                      startsAsProgram(fd);
-  return wanted ? std::string() : "neither a program nor a document";
+  const std::string ending = endingOf(file.path);
+  if (std::find(std::begin(kEndings), std::end(kEndings), ending) == std::end(kEndings) &&
+      !(plan.options.archives && isEndingAmong(ending, plan.options.archiveFormats)) &&
+      !startsAsProgram(file.fd.get())) {
+    return platform::failure("neither a program nor a document");
+  }
+  return {};
 }
 
 }  // namespace agent

@@ -1,18 +1,18 @@
 #pragma once
 
-#include <sys/stat.h>
-
 #include <string>
 
+#include "platform/Expected.h"
+#include "task/EncounteredFile.h"
 #include "task/ScanPlan.h"
 
 namespace agent {
 
-/// Why the plan leaves a file out by its size or kind; empty when it is to be scanned. Reads the first bytes
-/// of the file, when it must, without moving the descriptor's position.
-std::string whyLeftOut(const ScanPlan& plan, const std::string& path, int fd, const struct stat& status);
+/// Fails with the reason when the plan leaves a file out by its size or kind. May read the first bytes of the
+/// file; does not move the descriptor's position.
+platform::Expected<void> checkIncluded(const ScanPlan& plan, const EncounteredFile& file);
 
-/// The lower-case ending of a file's name behind its last dot; empty without one.
+/// The lower-case ending of a file's name, after the last dot; empty for a name without a dot.
 std::string endingOf(const std::string& path);
 
 }  // namespace agent

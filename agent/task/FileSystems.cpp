@@ -13,8 +13,8 @@ struct Row {
   FileSystem what;
 };
 
-// Pseudo file systems hold no data of their own: their "files" are the kernel's answers, some without an
-// end. tmpfs and devtmpfs (one magic number) are not among them: files can be kept there.
+// The "files" of pseudo file systems are answers of the kernel, some of them endless. tmpfs and devtmpfs (one
+// magic number) hold real files.
 constexpr Row kRows[] = {
     {0x00009fa0, {FileSystemKind::kPseudo, "proc"}},
     {0x62656572, {FileSystemKind::kPseudo, "sysfs"}},

@@ -117,7 +117,7 @@ std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::ve
       }
     }
     if (index == kKeyPlaces && mode == json::ScanMode::kFull) {
-      stage.paths = {"/"};  // all that is left: folders met before are not entered twice
+      stage.paths = {"/"};  // the walk enters no folder twice
     }
     stages.push_back(std::move(stage));
   }
@@ -125,7 +125,7 @@ std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::ve
 }
 
 std::vector<std::string> homeFolders() {
-  // The user database is read with one position for the whole process.
+  // The reading position in the user database belongs to the whole process.
   static std::mutex reading;
   const std::lock_guard guard(reading);
   std::set<std::string> homes;

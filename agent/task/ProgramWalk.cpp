@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <set>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "platform/Posix.h"
@@ -15,79 +14,58 @@ namespace agent {
 
 namespace {
 
-using FileSet = std::set<std::pair<dev_t, ino_t>>;
-
-/// The file of a program, open for reading; or why it is not.
-struct Opened {
-  MetFile file;
-  bool gone = false;  // there is nothing of that program to be read any more
-  std::string reason;
-};
-
-Opened openFile(const std::string& path, int flags) {
-  Opened result;
-  result.file.fd =
-      platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
-  result.file.statusNs = platform::nowNs();
-  if (!result.file.fd || fstat(result.file.fd.get(), &result.file.status) != 0) {
-    const int error = errno;
-    result.file.fd.reset();
-    result.gone = error == ENOENT || error == ESRCH || error == ENOTDIR || error == ELOOP;
-    result.reason = std::error_code(error, std::generic_category()).message();
+/// Nothing, and the reason is reported, when the file cannot be opened. whenGone: the reason for a file that
+/// is no longer there.
+std::optional<EncounteredFile> openFile(const RunningProgram& program, const std::string& path, int flags,
+                                        const char* whenGone, WalkSink& sink) {
+  EncounteredFile file;
+  file.path = program.path;
+  file.fd = platform::Descriptor(open(path.c_str(), platform::readingFlags() | flags));
+  file.statusNs = platform::nowNs();
+  if (file.fd && fstat(file.fd.get(), &file.status) == 0) {
+    return file;
   }
-  return result;
+  const int error = errno;
+  if (error == ENOENT || error == ESRCH || error == ENOTDIR || error == ELOOP) {
+    sink.skipped(program.path, whenGone);
+  } else {
+    sink.failed(program.path, platform::errnoText(error));
+  }
+  return std::nullopt;
 }
 
-Opened openThroughProcess(const RunningProgram& program) {
-  Opened result = openFile("/proc/" + std::to_string(program.pid) + "/exe", 0);
-  if (result.gone) {
-    result.reason = "a running program whose process had ended";
-  }
-  return result;
+std::optional<EncounteredFile> openThroughProcess(const RunningProgram& program, WalkSink& sink) {
+  return openFile(program, "/proc/" + std::to_string(program.pid) + "/exe", 0,
+                  "a running program whose process had ended", sink);
 }
 
-/// Only when that program still stands there.
-Opened openAtPath(const RunningProgram& program) {
-  Opened result = openFile(program.path, O_NOFOLLOW);
-  const struct stat& status = result.file.status;
-  if (result.file.fd && (status.st_dev != program.device || status.st_ino != program.inode)) {
-    result.file.fd.reset();
-    result.gone = true;
+/// Only while the file at the path is still the program.
+std::optional<EncounteredFile> openAtPath(const RunningProgram& program, WalkSink& sink) {
+  constexpr const char* kGone = "a running program that is not at its path";
+  std::optional<EncounteredFile> file = openFile(program, program.path, O_NOFOLLOW, kGone, sink);
+  if (file && (file->status.st_dev != program.device || file->status.st_ino != program.inode)) {
+    sink.skipped(program.path, kGone);
+    return std::nullopt;
   }
-  if (result.gone) {
-    result.reason = "a running program that is not at its path";
-  }
-  return result;
-}
-
-void meet(const RunningProgram& program, Opened opened, FileSet& met, WalkSink& sink) {
-  if (!opened.file.fd) {
-    opened.gone ? sink.skipped(program.path, opened.reason) : sink.failed(program.path, opened.reason);
-    return;
-  }
-  if (!met.emplace(opened.file.status.st_dev, opened.file.status.st_ino).second) {
-    return;
-  }
-  const std::size_t slash = program.path.find_last_of('/');
-  const std::string folder = slash == 0 || slash == std::string::npos ? "/" : program.path.substr(0, slash);
-  opened.file.path = program.path;
-  opened.file.folderWritable = faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
-  sink.file(std::move(opened.file));
+  return file;
 }
 
 }  // namespace
 
 void walkPrograms(const std::vector<RunningProgram>& programs, std::optional<uid_t> onlyOf, double share,
                   WalkSink& sink) {
-  FileSet met;
+  std::set<std::pair<dev_t, ino_t>> seen;
   for (const RunningProgram& program : programs) {
     if (!sink.keepGoing()) {
       return;
     }
-    if (!onlyOf) {
-      meet(program, openThroughProcess(program), met, sink);
-    } else if (program.uid == *onlyOf) {
-      meet(program, openAtPath(program), met, sink);
+    if (!onlyOf || program.uid == *onlyOf) {
+      std::optional<EncounteredFile> file =
+          onlyOf ? openAtPath(program, sink) : openThroughProcess(program, sink);
+      if (file && seen.emplace(file->status.st_dev, file->status.st_ino).second) {
+        file->folderWritable = mayWriteFolderOf(program.path);
+        sink.file(std::move(*file));
+      }
     }
     sink.advanced(share / static_cast<double>(programs.size()));
   }

@@ -10,10 +10,10 @@
 
 namespace agent {
 
-/// Meets the file of each running program, once: what cannot be read is told to the sink, too. Read through
-/// the process, so that also what is no longer on disk is met. `onlyOf`: the programs of that user's
-/// processes, and each by its path with the calling thread's rights: the kernel asks for none on the way
-/// through a process, and shows a thread of the agent everybody's. `share`: of the whole work.
+/// Hands the file of each running program to the sink, once; also each program that cannot be read. onlyOf
+/// empty: reads through the processes, so that files no longer on disk are found, too. onlyOf given: the
+/// programs of that user, each by its path, with the rights of the calling thread: the kernel does not check
+/// them on the way through a process. share: the part of the whole work.
 void walkPrograms(const std::vector<RunningProgram>& programs, std::optional<uid_t> onlyOf, double share,
                   WalkSink& sink);
 

@@ -36,39 +36,39 @@ std::string otherNames(const Verdict& verdict) {
 
 /// The members that both kinds of file-risk record have.
 template <class Record>
-Record fileRecord(const FileRisk& risk) {
-  const Detection& detection = risk.verdict.detections.at(0);
+Record fileRecord(const DetectedFile& detected) {
+  const Detection& detection = detected.verdict.detections.at(0);
   Record record;
-  record.filesize_src = asInt32(risk.status.st_size);
+  record.filesize_src = asInt32(detected.file->status.st_size);
   record.risk_name = detection.name;
   record.engine_mark = detection.engineCode;
-  record.filemd5_src = risk.verdict.md5;
-  record.file_create_time = risk.createdSec;
-  record.item = json::encodePath(risk.path);
+  record.filemd5_src = detected.verdict.md5;
+  record.file_create_time = detected.createdSec;
+  record.item = json::encodePath(detected.file->path);
   record.filepath_src = record.item;
-  record.risk_id = risk.riskId;
-  record.find_time = risk.foundSec;
+  record.risk_id = detected.riskId;
+  record.find_time = detected.foundSec;
   record.risk_type_name = detection.riskTypeName;
-  record.file_modify_time = risk.status.st_mtim.tv_sec;
+  record.file_modify_time = detected.file->status.st_mtim.tv_sec;
   record.risk_type = json::toNumber(detection.riskType);
-  record.desc = otherNames(risk.verdict);
+  record.desc = otherNames(detected.verdict);
   return record;
 }
 
-void setWholeSize(Json::Value& record, const FileRisk& risk) {
-  record["filesize_src"] = static_cast<Json::Int64>(risk.status.st_size);
+void setWholeSize(Json::Value& record, const DetectedFile& detected) {
+  record["filesize_src"] = static_cast<Json::Int64>(detected.file->status.st_size);
 }
 
-JsonReflect::ProcRiskItem processItem(const RunningProgram& program, const FileRisk& risk,
+JsonReflect::ProcRiskItem processItem(const RunningProgram& program, const DetectedFile& detected,
                                       const std::string& riskId) {
-  const Detection& detection = risk.verdict.detections.at(0);
+  const Detection& detection = detected.verdict.detections.at(0);
   JsonReflect::ProcRiskItem item;
   item.pid = program.pid;
   item.risk_name = detection.name;
   item.item = json::encodePath(program.path);
   item.risk_id = riskId;
   item.engine_type = detection.engineCode;
-  item.find_time = risk.foundSec;
+  item.find_time = detected.foundSec;
   item.risk_type_name = detection.riskTypeName;
   item.risk_type = json::toNumber(detection.riskType);
   return item;
@@ -76,17 +76,18 @@ JsonReflect::ProcRiskItem processItem(const RunningProgram& program, const FileR
 
 }  // namespace
 
-Json::Value riskInfo(const FileRisk& risk) {
-  JsonReflect::VirusInfo record = fileRecord<JsonReflect::VirusInfo>(risk);
-  record.filesha1_src = risk.verdict.sha1;
+Json::Value riskInfo(const DetectedFile& detected) {
+  JsonReflect::VirusInfo record = fileRecord<JsonReflect::VirusInfo>(detected);
+  record.filesha1_src = detected.verdict.sha1;
   Json::Value value;
   record.ToValue(value);
-  setWholeSize(value, risk);
+  setWholeSize(value, detected);
   return value;
 }
 
-Json::Value processRiskInfo(const RunningProgram& program, const FileRisk& risk, const std::string& riskId) {
-  const Detection& detection = risk.verdict.detections.at(0);
+Json::Value processRiskInfo(const RunningProgram& program, const DetectedFile& detected,
+                            const std::string& riskId) {
+  const Detection& detection = detected.verdict.detections.at(0);
   JsonReflect::MemoryRiskInfo record;
   record.risk_type_name = detection.riskTypeName;
   record.risk_id = riskId;
@@ -97,11 +98,11 @@ Json::Value processRiskInfo(const RunningProgram& program, const FileRisk& risk,
   process.pid = program.pid;
   process.exec_file_exist = program.onDisk;
   process.user_name = platform::userName(program.uid);
-  process.proc_risks.push_back(processItem(program, risk, riskId));
-  process.file_risks.push_back(fileRecord<JsonReflect::FileRiskInfo>(risk));
+  process.proc_risks.push_back(processItem(program, detected, riskId));
+  process.file_risks.push_back(fileRecord<JsonReflect::FileRiskInfo>(detected));
   Json::Value value;
   record.ToValue(value);
-  setWholeSize(value["process_info"]["file_risks"][0], risk);
+  setWholeSize(value["process_info"]["file_risks"][0], detected);
   return value;
 }
 

@@ -13,7 +13,6 @@
 #include <optional>
 
 #include "platform/Descriptor.h"
-#include "platform/Files.h"
 #include "platform/Posix.h"
 #include "platform/ProcessStat.h"
 
@@ -67,29 +66,31 @@ bool isAncestorOfUs(pid_t pid) {
   return false;
 }
 
-std::string whySpared(const RunningProgram& program) {
+platform::Expected<void> checkMayEnd(const RunningProgram& program) {
   struct stat own {};
+  std::string reason;
   if (program.pid <= 1) {
-    return "is the first process of the system";
+    reason = "is the first process of the system";
+  } else if (program.pid == getpid() || isAncestorOfUs(program.pid)) {
+    reason = "is the agent or started it";
+  } else if (stat("/proc/self/exe", &own) == 0 && own.st_dev == program.device &&
+             own.st_ino == program.inode) {
+    reason = "runs the agent's own program";
+  } else {
+    return {};
   }
-  if (program.pid == getpid() || isAncestorOfUs(program.pid)) {
-    return "is the agent or started it";
-  }
-  if (stat("/proc/self/exe", &own) == 0 && own.st_dev == program.device && own.st_ino == program.inode) {
-    return "runs the agent's own program";
-  }
-  return {};
+  return platform::failure("process " + std::to_string(program.pid) + " " + reason);
 }
 
 }  // namespace
 
-std::vector<RunningProgram> RunningPrograms::all(std::string* error) {
+platform::Expected<std::vector<RunningProgram>> RunningPrograms::all() {
   std::vector<RunningProgram> result;
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc"), closedir);
-  if (!directory && error != nullptr) {
-    *error = platform::errnoText(errno);
+  if (!directory) {
+    return platform::failure(platform::errnoText(errno));
   }
-  while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+  while (const dirent* entry = readdir(directory.get())) {
     const std::string name = entry->d_name;
     if (!std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
       continue;
@@ -105,7 +106,7 @@ std::vector<RunningProgram> RunningPrograms::running(const FileIdentity& file) {
   const auto now = std::chrono::steady_clock::now();
   if (byFile_.empty() || now - readAt_ > kTableAge) {
     byFile_.clear();
-    for (RunningProgram& program : all()) {
+    for (RunningProgram& program : all().value_or(std::vector<RunningProgram>())) {
       byFile_.emplace(std::pair(program.device, program.inode), std::move(program));
     }
     readAt_ = now;
@@ -119,16 +120,15 @@ std::vector<RunningProgram> RunningPrograms::running(const FileIdentity& file) {
 }
 
 platform::Expected<Remark> endProcess(const RunningProgram& program) {
-  const std::string spared = whySpared(program);
-  if (!spared.empty()) {
-    return platform::failure("process " + std::to_string(program.pid) + " " + spared);
+  if (const auto allowed = checkMayEnd(program); !allowed) {
+    return platform::failure(allowed.error());
   }
   const platform::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, program.pid, 0)));
   if (!process) {
     return errno == ESRCH ? platform::Expected<Remark>("had ended")
                           : platform::failure(platform::errnoText(errno));
   }
-  // The descriptor names one process for good; now see that it is the one that was meant.
+  // The descriptor names one process for good. Now check that the process is still the one meant.
   const std::optional<RunningProgram> now = readProgram(program.pid);
   if (!now || now->startTicks == 0 || now->startTicks != program.startTicks ||
       now->device != program.device || now->inode != program.inode) {
@@ -142,11 +142,6 @@ platform::Expected<Remark> endProcess(const RunningProgram& program) {
     return platform::failure("the process did not end");
   }
   return Remark();
-}
-
-std::uint64_t processStartTicks(pid_t pid) {
-  const auto state = platform::processStat(pid);
-  return state ? state->startTicks : 0;
 }
 
 }  // namespace agent

@@ -9,40 +9,37 @@
 #include <utility>
 #include <vector>
 
-#include "store/Store.h"
+#include "platform/Expected.h"
+#include "store/StoreTypes.h"
 
 namespace agent {
 
-/// A process, as far as a scan cares.
+/// A process and its program.
 struct RunningProgram {
   pid_t pid = 0;
   uid_t uid = 0;
-  std::uint64_t startTicks = 0;  ///< tells a re-used pid apart; 0: could not be read
-  std::string name;              ///< short, as the kernel has it: any bytes
-  std::string path;              ///< of its program; " (deleted)" behind it when that is gone
+  std::uint64_t startTicks = 0;  ///< tells two processes of one pid apart; 0: could not be read
+  std::string name;              ///< the kernel's short name: any bytes
+  std::string path;              ///< of the program; ends in " (deleted)" when the program is gone
   bool onDisk = true;
-  std::uint64_t device = 0, inode = 0;  ///< of its program
+  std::uint64_t device = 0, inode = 0;  ///< of the program
 };
 
-/// Who runs what, read from /proc. One thread.
+/// The running processes by program, read from /proc. One thread.
 class RunningPrograms {
  public:
-  /// The processes whose program is that file. The table is read again when it is older than a second.
+  /// The processes that run the file. Reads /proc again when the last reading is older than a second.
   std::vector<RunningProgram> running(const FileIdentity& file);
-  /// Every process with a program, kernel threads left out. *error, when given, is set when they cannot be
-  /// listed.
-  static std::vector<RunningProgram> all(std::string* error = nullptr);
+  /// Every process with a program; kernel threads have none.
+  static platform::Expected<std::vector<RunningProgram>> all();
 
  private:
   std::multimap<std::pair<std::uint64_t, std::uint64_t>, RunningProgram> byFile_;
   std::chrono::steady_clock::time_point readAt_{};
 };
 
-/// Ends a process (SIGKILL) and waits until it is gone. Never pid 1, this process, its ancestors, or one that
-/// runs this process's own program.
+/// Ends a process (SIGKILL) and waits until the process is gone. Refuses pid 1, this process, its ancestors,
+/// and processes that run this process's own program.
 platform::Expected<Remark> endProcess(const RunningProgram& program);
-
-/// Field 22 of the process's stat; 0 when there is no such process.
-std::uint64_t processStartTicks(pid_t pid);
 
 }  // namespace agent

@@ -21,39 +21,40 @@ std::uint64_t megabytes(const Json::Value& section, const char* key) {
          kMegabyte;
 }
 
-/// What is asked and not there is refused: a scan that silently did less would be worse than none.
-std::string whyRefused(const JsonReflect::ScanParams& params, bool fixMethodAsked) {
+/// Refuses what the agent does not offer: a scan must not silently do less than the request.
+platform::Expected<void> checkOffered(const JsonReflect::ScanParams& params, bool fixMethodAsked) {
   if (params.scan_type() < 0 || params.scan_type() >= 2 * json::kStrongScan) {
-    return "unknown scan type " + std::to_string(params.scan_type());
+    return platform::failure("unknown scan type " + std::to_string(params.scan_type()));
   }
   if (params.follow_link()) {
-    return "following symbolic links is not offered";
+    return platform::failure("following symbolic links is not offered");
   }
   if (!params.handle_filter_types().empty()) {
-    return "handling by risk type is not offered";
+    return platform::failure("handling by risk type is not offered");
   }
   if (params.expire_time() != 0) {
-    return "an expiry time is not offered";
+    return platform::failure("an expiry time is not offered");
   }
   if (params.fix_method() < (fixMethodAsked ? 0 : kNotGiven) || params.fix_method() > 2) {
-    return "unknown handling method " + std::to_string(params.fix_method());
+    return platform::failure("unknown handling method " + std::to_string(params.fix_method()));
   }
   if (params.handle_action() < kNotGiven || params.handle_action() > 3) {
-    return "unknown handling action " + std::to_string(params.handle_action());
+    return platform::failure("unknown handling action " + std::to_string(params.handle_action()));
   }
   if (params.proc_fix_method() < 0 || params.proc_fix_method() > 1) {
-    return "unknown handling method for processes " + std::to_string(params.proc_fix_method());
+    return platform::failure("unknown handling method for processes " +
+                             std::to_string(params.proc_fix_method()));
   }
   if (params.parallelism() < 0 || params.parallelism() > kMostWorkers) {
-    return "parallelism must be 0 to " + std::to_string(kMostWorkers);
+    return platform::failure("parallelism must be 0 to " + std::to_string(kMostWorkers));
   }
   if (params.max_scan_sec() < 0) {
-    return "the time limit is negative";
+    return platform::failure("the time limit is negative");
   }
   return {};
 }
 
-/// The tolerant reads make a 0, which handles automatically, of 0.7 and of "none"; here nothing else may.
+/// The tolerant reads turn 0.7 and "none" into 0, which means automatic handling.
 bool isWholeNumber(const Json::Value& value) {
   if (!value.isString()) {
     return value.isInt();
@@ -97,7 +98,7 @@ std::string cacheKeyOf(const ScanOptions& options) {
 
 void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fixMethodAsked,
                  const Json::Value& common) {
-  // The request decides; the agent's own setting where it says nothing. Only 0 is automatic.
+  // The request decides; without its member, the agent's setting. Only 0 is automatic.
   const int fromSettings =
       CppJson::readInt(common, "FixMethod", json::toFixMethod(json::Handling::kReportOnly));
   plan.handling = json::handlingInForce(fixMethodAsked ? params.fix_method() : fromSettings);
@@ -114,22 +115,19 @@ void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fix
 
 }  // namespace
 
-std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& settings, std::string* why) {
+platform::Expected<ScanPlan> makePlan(const Json::Value& request, const Settings& settings) {
   JsonReflect::ScanParams params;
   params.set_handle_action(kNotGiven);
   params.set_fix_method(kNotGiven);
   if (!request.isObject() || !params.FromValue(request)) {
-    *why = "the scan parameters are no object";
-    return std::nullopt;
+    return platform::failure("the scan parameters are no object");
   }
   const bool fixMethodAsked = request.isMember("fix_method");
   if (fixMethodAsked && !isWholeNumber(request["fix_method"])) {
-    *why = "the handling method is no number";
-    return std::nullopt;
+    return platform::failure("the handling method is no number");
   }
-  *why = whyRefused(params, fixMethodAsked);
-  if (!why->empty()) {
-    return std::nullopt;
+  if (const auto offered = checkOffered(params, fixMethodAsked); !offered) {
+    return platform::failure(offered.error());
   }
   const Json::Value scan = settings.document(json::ConfigType::kScan);
   const Json::Value common = scan["Common"];
@@ -141,13 +139,11 @@ std::optional<ScanPlan> makePlan(const Json::Value& request, const Settings& set
       plan.items.push_back(json::decodePath(item));
     }
     if (plan.items.empty()) {
-      *why = "no path was given";
-      return std::nullopt;
+      return platform::failure("no path was given");
     }
     if (plan.items.size() > kMostItems) {
-      *why = std::to_string(plan.items.size()) + " paths were given, and one scan takes " +
-             std::to_string(kMostItems);
-      return std::nullopt;
+      return platform::failure(std::to_string(plan.items.size()) + " paths were given, and one scan takes " +
+                               std::to_string(kMostItems));
     }
   }
   const Json::Value engines = settings.document(json::ConfigType::kEngines)["MultiEngines"];

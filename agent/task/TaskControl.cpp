@@ -7,7 +7,7 @@ bool TaskControl::pause() {
   if (phase_ != Phase::kRunning) {
     return false;
   }
-  pauseUnseen_ = true;  // first: a pause that is seen by its phase is not told a second time
+  pauseUnseen_ = true;  // before the phase: the task's thread must not report one pause twice
   phase_ = Phase::kPaused;
   changed_.notify_all();
   return true;
@@ -44,19 +44,19 @@ std::string TaskControl::stopReason() const {
   return reason_;
 }
 
-bool TaskControl::waitForStop(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, limit, [this] { return phase_ == Phase::kStopping; });
+void TaskControl::onPause(std::function<void()> paused, std::function<void()> resumed) {
+  onPaused_ = std::move(paused);
+  onResumed_ = std::move(resumed);
 }
 
-bool TaskControl::goOn(const std::function<void()>& quiet, const std::function<void()>& again) {
+bool TaskControl::keepGoing() {
   while (pauseUnseen_.load(std::memory_order_acquire) ||
          phase_.load(std::memory_order_acquire) != Phase::kRunning) {
     if (stopping()) {
       return false;
     }
     pauseUnseen_ = false;
-    quiet();
+    onPaused_();
     {
       std::unique_lock lock(mutex_);
       changed_.wait(lock, [this] { return phase_ != Phase::kPaused; });
@@ -64,13 +64,13 @@ bool TaskControl::goOn(const std::function<void()>& quiet, const std::function<v
     if (stopping()) {
       return false;
     }
-    again();
+    onResumed_();
   }
   return true;
 }
 
-bool TaskControl::finish(const std::function<void()>& quiet, const std::function<void()>& again) {
-  while (goOn(quiet, again)) {
+bool TaskControl::finish() {
+  while (keepGoing()) {
     const std::lock_guard guard(mutex_);
     if (phase_ == Phase::kRunning && !pauseUnseen_) {
       phase_ = Phase::kFinished;

@@ -9,31 +9,31 @@
 
 namespace agent {
 
-/// Whether a task goes on, waits or ends: set by callers, obeyed by the task's thread between two entries.
-/// Any thread may call the first group of operations.
+/// Whether a task runs, waits or ends. Callers on any thread set the state; the task's thread obeys between
+/// two entries.
 class TaskControl {
  public:
   /// False when the task is paused already or ending.
   bool pause();
-  /// False when it is not paused.
+  /// False when the task is not paused.
   bool resume();
-  /// The first reason counts. False when it is ending already. Runs onStop once, on the caller's thread.
+  /// The first reason counts. False when the task is ending already. Runs onStop once, on the caller's
+  /// thread.
   bool stop(const std::string& reason);
   bool stopping() const { return phase_.load(std::memory_order_acquire) == Phase::kStopping; }
   bool paused() const { return phase_.load(std::memory_order_acquire) == Phase::kPaused; }
   std::string stopReason() const;
-  /// Waits until stop() is called, at most `limit`; true when it was.
-  bool waitForStop(std::chrono::milliseconds limit);
-
-  /// What ends a wait that the task's thread cannot be asked in. Set before the task starts.
+  /// Ends a wait in which the task's thread does not look at the state. Set before the task starts.
   void onStop(std::function<void()> action) { onStop_ = std::move(action); }
+  /// The task's thread calls `paused` before it waits and `resumed` after the wait, also for a pause that
+  /// was resumed before the thread saw the pause. Set before the task starts.
+  void onPause(std::function<void()> paused, std::function<void()> resumed);
 
-  /// On the task's thread. Waits while paused; `quiet` is called before the wait and `again` behind it, also
-  /// for a pause that was taken back before it was seen. False when the task must end.
-  bool goOn(const std::function<void()>& quiet, const std::function<void()>& again);
-  /// On the task's thread, when all its work is done. As goOn, until no pause is left to be told; from then
-  /// on the task is ending, and neither a pause nor a stop is taken any more. False when the task must end.
-  bool finish(const std::function<void()>& quiet, const std::function<void()>& again);
+  /// On the task's thread. Waits while paused. False when the task must end.
+  bool keepGoing();
+  /// On the task's thread, when all its work is done. As keepGoing, until every pause is reported. From then
+  /// on the task is ending and refuses pause() and stop(). False when the task was stopped.
+  bool finish();
 
  private:
   enum class Phase { kRunning, kPaused, kStopping, kFinished };
@@ -42,7 +42,7 @@ class TaskControl {
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::string reason_;
-  std::function<void()> onStop_;
+  std::function<void()> onStop_, onPaused_, onResumed_;
 };
 
 }  // namespace agent

@@ -9,8 +9,8 @@
 
 namespace agent {
 
-/// What a task tells its owner, in the order of the calls. None waits or throws, waitForRoom apart. Any
-/// thread.
+/// The notifications of a task to its owner, delivered in the order of the calls. No call throws; only
+/// waitForQuota waits. Any thread.
 class TaskEvents {
  public:
   virtual ~TaskEvents() = default;
@@ -22,10 +22,10 @@ class TaskEvents {
   virtual void risk(json::RiskInfoType kind, json::Handling handling, const Json::Value& info) = 0;
   virtual void repaired(json::RiskInfoType kind, json::Handling handling, const Json::Value& info,
                         const Json::Value& result) = 0;
-  /// Waits while too much is on its way to an owner who takes it slowly, unless cancelled.
-  virtual void waitForRoom(const std::function<bool()>& cancelled) = 0;
-  /// Runs once, on another thread, when all that was told before has been taken or given up.
-  virtual void whenTold(std::function<void()> action) = 0;
+  /// Waits while too many notifications wait for a slow owner, unless `cancelled` returns true.
+  virtual void waitForQuota(const std::function<bool()>& cancelled) = 0;
+  /// `action` runs once, on another thread, when all notifications so far are delivered or dropped.
+  virtual void onDelivered(std::function<void()> action) = 0;
 };
 
 }  // namespace agent

@@ -1,7 +1,5 @@
 #include "task/TaskManager.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <exception>
 
@@ -13,7 +11,7 @@ namespace agent {
 
 namespace {
 
-constexpr std::chrono::seconds kPrepareLimit{5};  // a path on a dead network mount must not hold up the bus
+constexpr std::chrono::seconds kPrepareLimit{5};  // a path on a dead network mount must not block the bus
 constexpr const char* kModeNames[] = {"fast", "full", "custom"};
 
 TaskRecord recordOf(const std::string& token, const TaskManager::StartRequest& request,
@@ -30,36 +28,31 @@ TaskRecord recordOf(const std::string& token, const TaskManager::StartRequest& r
 
 }  // namespace
 
-bool isAdministrator(const CallerId& caller) {
-  return caller.uid == 0 || caller.uid == geteuid();
-}
-
 TaskManager::~TaskManager() {
   stopAll("the agent is ending", std::chrono::hours(1));
 }
 
 std::shared_ptr<BusTaskEvents> TaskManager::eventsFor(const StartRequest& request, const std::string& token) {
-  return std::make_shared<BusTaskEvents>(parts_.outbox, parts_.endpoint, request.owner,
+  return std::make_shared<BusTaskEvents>(parts_.queue, parts_.endpoint, request.owner,
                                          BusTaskEvents::Envelope{token, request.ctx, request.source});
 }
 
 TaskManager::Started TaskManager::refuse(const StartRequest& request, const std::string& token,
-                                         json::TaskState state, const std::string& why) {
-  AGENT_LOG(LogLevel::kWarning, "scan refused to process %d: %s", request.caller.pid, why.c_str());
-  eventsFor(request, token)->state(state, why);
-  return {false, token, why};
+                                         json::TaskState state, const std::string& reason) {
+  AGENT_LOG(LogLevel::kWarning, "scan refused to process %d: %s", request.caller.pid, reason.c_str());
+  eventsFor(request, token)->state(state, reason);
+  return {token, platform::failure(reason)};
 }
 
 TaskManager::Started TaskManager::start(const StartRequest& request) {
   reap();
   std::string token;
   if (CUuid::generate(token) != 0 || token.empty()) {
-    return {false, {}, "no random identifier could be made"};
+    return {{}, platform::failure("no random identifier could be made")};
   }
-  std::string why;
-  std::optional<ScanPlan> plan = makePlan(request.params, parts_.store.settings(), &why);
+  platform::Expected<ScanPlan> plan = makePlan(request.params, parts_.store.settings());
   if (!plan) {
-    return refuse(request, token, json::TaskState::kNotCreated, why);
+    return refuse(request, token, json::TaskState::kNotCreated, plan.error());
   }
   return launch(request, token, std::move(*plan));
 }
@@ -99,8 +92,7 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
     return refuse(request, token, json::TaskState::kNotCreated,
                   std::string("no thread for the scan: ") + error.what());
   }
-  const std::optional<std::string> failure = task->prepared(kPrepareLimit);
-  return failure && !failure->empty() ? Started{false, token, *failure} : Started{true, token, {}};
+  return {token, task->waitPrepared(kPrepareLimit)};
 }
 
 void TaskManager::release(const std::string& token) {
@@ -133,22 +125,20 @@ bool TaskManager::maySee(const CallerId& caller, const ScanTask& task) {
   return isAdministrator(caller) || caller.uid == task.caller().uid;
 }
 
-bool TaskManager::control(std::int32_t action, const std::string& token, const std::string& detail,
-                          const CallerId& caller, std::string* why) {
+platform::Expected<void> TaskManager::control(std::int32_t action, const std::string& token,
+                                              const std::string& detail, const CallerId& caller) {
   std::shared_ptr<ScanTask> task;
   {
     const std::lock_guard guard(mutex_);
     const auto found = running_.find(token);
     if (found == running_.end() || !maySee(caller, *found->second)) {
-      *why = "no such task";
-      return false;
+      return platform::failure("no such task");
     }
     task = found->second;
   }
   const auto known = json::fromNumber<json::ControlAction>(action);
   if (!known) {
-    *why = "unknown action " + std::to_string(action);
-    return false;
+    return platform::failure("unknown action " + std::to_string(action));
   }
   bool done = false;
   switch (*known) {
@@ -162,8 +152,10 @@ bool TaskManager::control(std::int32_t action, const std::string& token, const s
       done = task->resume();
       break;
   }
-  *why = done ? "" : "the task is not in a state for that";
-  return done;
+  if (!done) {
+    return platform::failure("the task is not in a state for that");
+  }
+  return {};
 }
 
 Json::Value TaskManager::list(const CallerId& caller) const {
@@ -190,7 +182,7 @@ std::size_t TaskManager::count() const {
   return running_.size();
 }
 
-void TaskManager::tellOfLostTasks() {
+void TaskManager::notifyInterruptedTasks() {
   for (const TaskRecord& record : parts_.store.tasks().all()) {
     AGENT_LOG(LogLevel::kWarning, "scan %s of process %d was lost with an earlier run of the agent",
               record.token.c_str(), record.ownerPid);
@@ -202,7 +194,7 @@ void TaskManager::tellOfLostTasks() {
     const std::shared_ptr<BusTaskEvents> events = eventsFor(request, record.token);
     events->state(json::TaskState::kAborted,
                   "the agent was ended while the scan ran and has been started again");
-    events->whenTold([this, token = record.token] { forget(token); });
+    events->onDelivered([this, token = record.token] { forget(token); });
   }
 }
 

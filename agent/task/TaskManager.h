@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "store/Store.h"
-#include "task/Outbox.h"
+#include "task/NotificationQueue.h"
 #include "task/ScanTask.h"
 #include "task/TaskOwner.h"
 #include "worker/WorkerPool.h"
@@ -19,19 +19,19 @@ namespace agent {
 
 class BusTaskEvents;
 
-/// The scans under way: at most one of each mode. Any thread.
+/// The running scans: at most one of each mode. Any thread.
 class TaskManager {
  public:
   struct Parts {
     Store& store;
     Spawner& spawner;
-    Outbox& outbox;
+    NotificationQueue& queue;
     lunet::IEndpoint& endpoint;
     std::vector<std::string> ownFolders;  ///< resolved paths that no scan enters
   };
   explicit TaskManager(Parts parts) : parts_(std::move(parts)) {}
-  ~TaskManager();  ///< stopAll; the outbox must have ended or be drained: what it tells last is forgotten
-                   ///< here
+  /// Calls stopAll. The queue must have ended or be drained: its last actions use this object.
+  ~TaskManager();
   TaskManager(const TaskManager&) = delete;
   TaskManager& operator=(const TaskManager&) = delete;
 
@@ -43,32 +43,31 @@ class TaskManager {
     CallerId caller;
   };
   struct Started {
-    bool ok = false;
-    std::string token;   ///< fresh, also of a task that could not be made
-    std::string detail;  ///< why not
+    std::string token;                 ///< fresh, also of a task that could not be made
+    platform::Expected<void> outcome;  ///< or why there is no task
   };
-  /// Answers once the task is known to be startable (or when that takes long, before it is). A task that is
-  /// not made is told to its owner with state -1 or 6.
+  /// Returns when the task is known to be startable or not, or when that takes long. The owner of a task that
+  /// is not made gets state -1 or 6.
   Started start(const StartRequest& request);
 
-  /// action: the number of a json::ControlAction. False, with one line in *why, for a token that is unknown
-  /// to that caller, for another number, and for what cannot be done now.
-  bool control(std::int32_t action, const std::string& token, const std::string& detail,
-               const CallerId& caller, std::string* why);
-  /// An array of the tasks under way that the caller may see.
+  /// action: the number of a json::ControlAction. Fails for a token that the caller may not know, for an
+  /// unknown number, and for an action that the task's state does not allow.
+  platform::Expected<void> control(std::int32_t action, const std::string& token, const std::string& detail,
+                                   const CallerId& caller);
+  /// An array of the running tasks that the caller may see.
   Json::Value list(const CallerId& caller) const;
   std::size_t count() const;
 
-  /// Tells the owners of the tasks that an earlier run of the agent left behind, and forgets them.
-  void tellOfLostTasks();
-  /// Ends all tasks with state 5 and waits for that. None may be starting meanwhile. False at the limit: the
-  /// process can then only be left, not this object.
+  /// Notifies the owners of the tasks that the end of an earlier agent interrupted, and forgets these tasks.
+  void notifyInterruptedTasks();
+  /// Ends all tasks with state 5 and waits for their ends. No task may be starting meanwhile. False at the
+  /// limit: the destructor would hang, and the process can only exit.
   bool stopAll(const std::string& reason, std::chrono::milliseconds limit);
 
  private:
   std::shared_ptr<BusTaskEvents> eventsFor(const StartRequest& request, const std::string& token);
   Started refuse(const StartRequest& request, const std::string& token, json::TaskState state,
-                 const std::string& why);
+                 const std::string& reason);
   Started launch(const StartRequest& request, const std::string& token, ScanPlan plan);
   void release(const std::string& token);
   void forget(const std::string& token);
@@ -78,11 +77,8 @@ class TaskManager {
   const Parts parts_;
   mutable std::mutex mutex_;
   std::map<std::string, std::shared_ptr<ScanTask>> running_;  // by token
-  std::vector<std::shared_ptr<ScanTask>> ended_;              // their threads have little left to do
+  std::vector<std::shared_ptr<ScanTask>> ended_;              // joined by reap()
   bool ending_ = false;
 };
-
-/// Root and the agent's own user.
-bool isAdministrator(const CallerId& caller);
 
 }  // namespace agent

@@ -4,8 +4,8 @@
 
 namespace agent {
 
-/// Who hears of a task: the very process that started it. All consoles share one address, so the address
-/// alone says nothing.
+/// The receiver of a task's notifications: the process that started the task. All consoles share one
+/// address, so the address alone does not identify the process.
 struct TaskOwner {
   lunet::Guid guid{};
   lunet::PeerIdentity process;

@@ -14,7 +14,7 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t kOpenFolders = 64;  // of the folders on the way down, the deepest ones
+constexpr std::size_t kOpenFolders = 64;  // the deepest folders on the way down stay open
 
 constexpr const char* kOwnFolder = "kept by the agent itself";
 
@@ -26,10 +26,14 @@ bool mayWrite(int folder, const char* name) {
   return faccessat(folder, name, W_OK | X_OK, AT_EACCESS) == 0;
 }
 
-std::string resolvedPath(int fd) {
+std::string pathOf(int fd) {
   char text[4096];
   const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), text, sizeof text);
   return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : std::string();
+}
+
+bool isFileOrFolder(const struct stat& status) {
+  return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
 
 bool isWithin(const std::string& path, const std::string& folder) {
@@ -65,47 +69,44 @@ const char* specialKind(mode_t mode) {
   }
 }
 
-Walker::Named Walker::open(const std::string& path, std::string* error) {
-  Named named;
-  error->clear();
+bool mayWriteFolderOf(const std::string& path) {
+  return mayWrite(AT_FDCWD, platform::splitPath(path).folder.c_str());
+}
+
+platform::Expected<EncounteredFile> Walker::open(const std::string& path) {
   if (path.empty() || path.front() != '/') {
-    *error = "not an absolute path";
-    return named;
+    return platform::failure("not an absolute path");
   }
+  EncounteredFile named;
   named.path = path;
   while (named.path.size() > 1 && named.path.back() == '/') {
     named.path.pop_back();
   }
   if (stat(path.c_str(), &named.status) != 0) {
-    *error = platform::errnoText(errno);
-    return named;
+    return platform::failure(platform::errnoText(errno));
   }
-  if (!S_ISREG(named.status.st_mode) && !S_ISDIR(named.status.st_mode)) {
-    named.skipReason = specialKind(named.status.st_mode);
+  if (!isFileOrFolder(named.status)) {
     return named;
   }
   named.fd = platform::openQuietly(AT_FDCWD, path.c_str(), 0);
   named.statusNs = platform::nowNs();
   if (!named.fd || fstat(named.fd.get(), &named.status) != 0) {
-    *error = platform::errnoText(errno);
-    return named;
+    return platform::failure(platform::errnoText(errno));
   }
-  if (!S_ISREG(named.status.st_mode) && !S_ISDIR(named.status.st_mode)) {
+  if (!isFileOrFolder(named.status)) {
     named.fd.reset();
-    named.skipReason = specialKind(named.status.st_mode);
     return named;
   }
-  named.resolved = resolvedPath(named.fd.get());
+  named.resolved = pathOf(named.fd.get());
   return named;
 }
 
-void Walker::walk(Named named, double share) {
+void Walker::walk(EncounteredFile named, double share, NamedBy by) {
   if (!sink_.keepGoing()) {
     return;
   }
-  const std::string reason = whyNotWalked(named);
-  if (!reason.empty()) {
-    sink_.skipped(named.path, reason);
+  if (const auto walkable = checkWalkable(named, by); !walkable) {
+    sink_.skipped(named.path, walkable.error());
     sink_.advanced(share);
     return;
   }
@@ -114,32 +115,31 @@ void Walker::walk(Named named, double share) {
     walkFolder(std::move(named.fd), named.status, share);
     return;
   }
-  MetFile met{path_, resolvedName(), std::move(named.fd), named.statusNs, named.status, false};
-  met.folderWritable =
-      mayWrite(AT_FDCWD, platform::splitPath(met.resolved.empty() ? path_ : met.resolved).folder.c_str());
-  sink_.file(std::move(met));
+  named.resolved = resolvedPath();
+  named.folderWritable = mayWriteFolderOf(named.resolved.empty() ? named.path : named.resolved);
+  sink_.file(std::move(named));
   sink_.advanced(share);
 }
 
-void Walker::begin(const Named& named) {
+void Walker::begin(const EncounteredFile& named) {
   path_ = named.path;
   throughLink_ = !named.resolved.empty() && named.resolved != named.path;
   namedLength_ = named.path == "/" ? 0 : named.path.size();
   resolvedBase_ = named.resolved == "/" ? "" : named.resolved;
 }
 
-/// Where the entry path_ is, when the named path led there through a link; else empty.
-std::string Walker::resolvedName() const {
+/// The place of the entry path_, when the named path leads through a link; else empty.
+std::string Walker::resolvedPath() const {
   return throughLink_ ? resolvedBase_ + path_.substr(namedLength_) : std::string();
 }
 
-std::string Walker::refusal(int fd, bool networkAllowed) const {
+platform::Expected<void> Walker::checkFileSystem(int fd, bool networkAllowed) const {
   const FileSystem system = options_.fileSystem(fd);
   if (system.kind == FileSystemKind::kPseudo) {
-    return std::string("pseudo file system ") + system.name;
+    return platform::failure(std::string("pseudo file system ") + system.name);
   }
   if (system.kind == FileSystemKind::kNetwork && !networkAllowed) {
-    return std::string("network file system ") + system.name;
+    return platform::failure(std::string("network file system ") + system.name);
   }
   return {};
 }
@@ -159,14 +159,14 @@ void Walker::walkFolder(platform::Descriptor fd, const struct stat& status, doub
     const Folder done = std::move(stack_.back());
     stack_.pop_back();
     if (!stack_.empty() && !stack_.back().fd && !reopenParent(done, stack_.back())) {
-      loseTheRest();
+      failRemaining();
     }
   }
   stack_.clear();
 }
 
-/// The way back up leads elsewhere by now: what was left to do above cannot be reached any more.
-void Walker::loseTheRest() {
+/// Reports the folders above that were not entered yet. The way back up leads elsewhere by now.
+void Walker::failRemaining() {
   while (!stack_.empty()) {
     for (const auto& [name, part] : stack_.back().subfolders) {
       setName(stack_.back(), name);
@@ -211,33 +211,33 @@ bool Walker::enterNext() {
     sink_.advanced(share);
     return true;
   }
-  std::string reason;
+  platform::Expected<void> walkable;
   if (excluded_.count({status.st_dev, status.st_ino}) != 0) {
-    reason = kOwnFolder;
+    walkable = platform::failure(kOwnFolder);
   } else if (status.st_dev != folder.device) {
-    reason = refusal(fd.get(), options_.networkFileSystems);
+    walkable = checkFileSystem(fd.get(), options_.networkFileSystems);
   }
-  if (!reason.empty()) {
-    sink_.skipped(path_, reason);
+  if (!walkable) {
+    sink_.skipped(path_, walkable.error());
     sink_.advanced(share);
     return true;
   }
   return enter(std::move(fd), status, share, false);
 }
 
-std::string Walker::whyNotWalked(const Named& named) const {
+platform::Expected<void> Walker::checkWalkable(const EncounteredFile& named, NamedBy by) const {
   if (!named.fd) {
-    return named.skipReason;
+    return platform::failure(specialKind(named.status.st_mode));
   }
   for (const std::string& excluded : options_.excludedFolders) {
     if (isWithin(named.resolved, excluded)) {
-      return kOwnFolder;
+      return platform::failure(kOwnFolder);
     }
   }
-  return refusal(named.fd.get(), named.asked || options_.networkFileSystems);
+  return checkFileSystem(named.fd.get(), by == NamedBy::kCaller || options_.networkFileSystems);
 }
 
-/// An entry of a folder that could not be opened.
+/// Reports an entry of a folder that could not be opened.
 void Walker::reportUnopened(int error) {
   if (error == ENOENT) {
     sink_.skipped(path_, "was removed while its folder was read");
@@ -248,8 +248,8 @@ void Walker::reportUnopened(int error) {
   }
 }
 
-/// Files are met as they are read, folders are kept for later. The folder's share is dealt out a batch at a
-/// time, half of what is left while more may follow. False when the walk must end.
+/// Visits the files of a folder and keeps the subfolders for later. Each batch of entries gets half of the
+/// share that is left; the last batch gets the rest. False when the walk must end.
 bool Walker::readEntries(Folder& folder, double share) {
   const bool writable = mayWrite(folder.fd.get(), ".");
   const int copy = fcntl(folder.fd.get(), F_DUPFD_CLOEXEC, 0);
@@ -285,7 +285,7 @@ bool Walker::readEntries(Folder& folder, double share) {
       if (!sink_.keepGoing()) {
         return false;
       }
-      meet(folder, name, type, part / static_cast<double>(batch.size()), writable);
+      visitEntry(folder, name, type, part / static_cast<double>(batch.size()), writable);
     }
     if (batch.empty()) {
       sink_.advanced(part);
@@ -301,7 +301,8 @@ void Walker::reportUnreadEnd(const Folder& folder, int error) {
   }
 }
 
-void Walker::meet(Folder& folder, const std::string& name, unsigned char type, double share, bool writable) {
+void Walker::visitEntry(Folder& folder, const std::string& name, unsigned char type, double share,
+                        bool writable) {
   mode_t mode = static_cast<mode_t>(DTTOIF(type));
   setName(folder, name);
   if (type == DT_UNKNOWN) {
@@ -318,30 +319,30 @@ void Walker::meet(Folder& folder, const std::string& name, unsigned char type, d
     return;
   }
   if (S_ISREG(mode)) {
-    meetFile(folder, name, writable);
+    visitFile(folder, name, writable);
   } else {
     sink_.skipped(path_, specialKind(mode));
   }
   sink_.advanced(share);
 }
 
-void Walker::meetFile(const Folder& folder, const std::string& name, bool writable) {
+void Walker::visitFile(const Folder& folder, const std::string& name, bool writable) {
   platform::Descriptor fd = platform::openQuietly(folder.fd.get(), name.c_str(), O_NOFOLLOW);
   if (!fd) {
     reportUnopened(errno);
     return;
   }
-  MetFile met{path_, resolvedName(), std::move(fd), platform::nowNs(), {}, writable};
-  if (fstat(met.fd.get(), &met.status) != 0) {
+  EncounteredFile file{path_, resolvedPath(), std::move(fd), platform::nowNs(), {}, writable};
+  if (fstat(file.fd.get(), &file.status) != 0) {
     sink_.failed(path_, platform::errnoText(errno));
-  } else if (!S_ISREG(met.status.st_mode)) {
+  } else if (!S_ISREG(file.status.st_mode)) {
     sink_.skipped(path_, "was exchanged while its folder was read");
   } else {
-    sink_.file(std::move(met));
+    sink_.file(std::move(file));
   }
 }
 
-/// Finds the parent of a folder again by "..", and makes sure that it is the one we came from.
+/// Opens the parent of a folder again by "..". False when ".." leads to another folder than before.
 bool Walker::reopenParent(const Folder& child, Folder& parent) {
   platform::Descriptor fd = platform::openQuietly(child.fd.get(), "..", O_DIRECTORY);
   struct stat status {};

@@ -19,7 +19,7 @@
 
 namespace agent {
 
-/// Writes down what a task tells; detections can be held up on their way. Any thread.
+/// Records the notifications of a task; can delay detections. Any thread.
 class TaskListener final : public TaskEvents {
  public:
   void state(json::TaskState state, const std::string& detail) override {
@@ -61,11 +61,11 @@ class TaskListener final : public TaskEvents {
     kind == json::RiskInfoType::kFile ? files_[json::decodePath(info["item"].asString())] = result
                                       : ofProcesses_[info["process_info"]["pid"].asInt()] = result;
   }
-  void waitForRoom(const std::function<bool()>& cancelled) override {
+  void waitForQuota(const std::function<bool()>& cancelled) override {
     waiting = true;
     EXPECT_TRUE(testsupport::waitFor([&] { return !held || cancelled(); }));
   }
-  void whenTold(std::function<void()> action) override { action(); }
+  void onDelivered(std::function<void()> action) override { action(); }
 
   std::vector<json::TaskState> states() const { return copied(states_); }
   std::string detail() const { return copied(detail_); }  ///< of the last state
@@ -77,7 +77,7 @@ class TaskListener final : public TaskEvents {
   std::string lastName() const { return copied(lastName_); }         ///< of the last detection in a file
   std::string lastMd5() const { return copied(lastMd5_); }
   int counted(const char* what) const { return copied(overview_)[what].asInt(); }
-  /// What became of a file: nullopt when nothing was told.
+  /// The result for a file; nullopt without one.
   std::optional<json::HandleResult> handled(const std::string& path) const {
     return json::fromNumber<json::HandleResult>(result(files_, path, "handle_result").asInt());
   }

@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "json/CppJson.h"
+#include "platform/ProcessStat.h"
 #include "service/AgentService.h"
 #include "service/Callers.h"
 #include "support/FakeEndpoint.h"
@@ -46,7 +47,7 @@ class CallingProcess {
     identity_.pid = process_.pid();
     identity_.uid = uid;
     identity_.gid = gid;
-    identity_.startTicks = processStartTicks(process_.pid());
+    identity_.startTicks = platform::processStat(process_.pid())->startTicks;
   }
   /// As the bus knows it.
   const lunet::PeerIdentity& identity() const { return identity_; }
@@ -71,7 +72,7 @@ lunet::PeerIdentity rootsIdentity() {
   own.pid = getpid();
   own.uid = 0;
   own.gid = 0;
-  own.startTicks = processStartTicks(getpid());
+  own.startTicks = platform::processStat(getpid())->startTicks;
   return own;
 }
 
@@ -92,7 +93,7 @@ TEST(CallerIdOf, AMembersSupplementaryGroupsAreHisAsLongAsTheProcessIsTheOneThat
   EXPECT_THAT(callerIdOf(member.identity()).groups, ::testing::IsEmpty());
 }
 
-// One of real and effective user is another's: what exec of a setuid program leaves.
+// The real and the effective user differ, as after the exec of a setuid program.
 TEST(CallerIdOf, AProcessWithTwoUsersLendsNoGroups) {
   for (const bool realIsAnothers : {true, false}) {
     int ready[2];
@@ -118,7 +119,7 @@ TEST(CallerIdOf, AProcessWithTwoUsersLendsNoGroups) {
     lunet::PeerIdentity identity;
     identity.pid = child;
     identity.uid = kUser;
-    identity.startTicks = processStartTicks(child);
+    identity.startTicks = platform::processStat(child)->startTicks;
     EXPECT_THAT(callerIdOf(identity).groups, ::testing::IsEmpty()) << realIsAnothers;
     close(end[1]);
     waitpid(child, nullptr, 0);
@@ -286,8 +287,8 @@ class Service : public ::testing::Test {
   Spawner spawner_{config(dir_)};
   std::unique_ptr<Store> store_ = Store::open(dir_.at("state"));
   testsupport::FakeEndpoint endpoint_;
-  Outbox outbox_;
-  TaskManager tasks_{TaskManager::Parts{*store_, spawner_, outbox_, endpoint_, {}}};
+  NotificationQueue notifications_;
+  TaskManager tasks_{TaskManager::Parts{*store_, spawner_, notifications_, endpoint_, {}}};
   jsonrpchelper::IJsonRpcServerHelper helper_;
   std::unique_ptr<AgentService> service_;
   int count_ = 0;
@@ -450,7 +451,7 @@ TEST_F(Service, TellsTheProcessThatStartedATaskAndNoOther) {
   ASSERT_EQ(chmod(dir_.at("files").c_str(), 0755), 0);
   ASSERT_TRUE(call(starter.identity(), "startScanTask", scanOf(path))["status"].asBool());
   EXPECT_TRUE(waitFor([&] { return tasks_.count() == 0; }));
-  ASSERT_TRUE(outbox_.drain(std::chrono::seconds(20)));
+  ASSERT_TRUE(notifications_.drain(std::chrono::seconds(20)));
   ASSERT_FALSE(endpoint_.sent.empty());
   for (const auto& notice : endpoint_.sent) {
     EXPECT_EQ(notice.operation, "SendToProcess");

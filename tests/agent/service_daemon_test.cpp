@@ -28,7 +28,7 @@ class Daemons : public ::testing::Test {
       kill(daemon(), SIGKILL);
     }
   }
-  /// The exit status of who starts a daemon that does this.
+  /// The exit status of the process that starts a daemon with this body.
   int start(const std::function<void(Daemon&)>& body) {
     caller_ = fork();
     if (caller_ == 0) {

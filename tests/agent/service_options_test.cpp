@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "platform/ProcessStat.h"
 #include "service/BusLink.h"
 #include "service/Callers.h"
 #include "service/Options.h"
@@ -23,9 +24,7 @@ using ::testing::HasSubstr;
 using ::testsupport::reasonOf;
 
 TEST(Options, WithoutArgumentsTheTreeAboveTheProgramIsServedInTheForeground) {
-  Options options;
-  std::string why;
-  ASSERT_TRUE(parseOptions({}, &options, &why));
+  const Options options = parseOptions({}).value();
   EXPECT_EQ(Options::Action::kServe, options.action);
   EXPECT_FALSE(options.daemon);
   EXPECT_EQ(ownTree(), options.installDir);
@@ -33,34 +32,27 @@ TEST(Options, WithoutArgumentsTheTreeAboveTheProgramIsServedInTheForeground) {
 }
 
 TEST(Options, EachOptionIsRead) {
-  Options options;
-  std::string why;
-  ASSERT_TRUE(parseOptions(
-      {"--install-dir", "/some//tree/", "--daemon", "--system-signatures", "/db", "--log-level", "1"},
-      &options, &why));
+  const Options options = parseOptions({"--install-dir", "/some//tree/", "--daemon", "--system-signatures",
+                                        "/db", "--log-level", "1"})
+                              .value();
   EXPECT_EQ("/some/tree", options.installDir);
   EXPECT_TRUE(options.daemon);
   EXPECT_EQ("/db", options.systemSignatures);
-  EXPECT_EQ(1, options.logLevel);
-  Options status;
-  ASSERT_TRUE(parseOptions({"--status"}, &status, &why));
-  EXPECT_EQ(Options::Action::kStatus, status.action);
+  EXPECT_EQ(LogLevel::kDebug, options.logLevel);
+  EXPECT_EQ(Options::Action::kStatus, parseOptions({"--status"}).value().action);
 }
 
 TEST(Options, ARelativeTreeIsMadeAbsolute) {
-  Options options;
-  std::string why;
-  ASSERT_TRUE(parseOptions({"--install-dir", "tree"}, &options, &why));
+  const Options options = parseOptions({"--install-dir", "tree"}).value();
   EXPECT_EQ('/', options.installDir.front());
   EXPECT_THAT(options.installDir, HasSubstr("/tree"));
 }
 
 class BadArguments : public ::testing::TestWithParam<std::pair<const char*, std::vector<std::string>>> {};
 TEST_P(BadArguments, AreRefusedWithALine) {
-  Options options;
-  std::string why;
-  EXPECT_FALSE(parseOptions(GetParam().second, &options, &why));
-  EXPECT_FALSE(why.empty());
+  const auto options = parseOptions(GetParam().second);
+  ASSERT_FALSE(options);
+  EXPECT_FALSE(options.error().empty());
 }
 INSTANTIATE_TEST_SUITE_P(
     Rows, BadArguments,
@@ -81,10 +73,8 @@ TEST(Options, ARelativeTreeIsRefusedWhereTheFolderItIsSeenFromIsGone) {
   const pid_t child = fork();
   if (child == 0) {
     const std::string gone = dir.at("gone");
-    Options options;
-    std::string why;
     const bool there = mkdir(gone.c_str(), 0700) == 0 && chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
-    _exit(!there ? 2 : parseOptions({"--install-dir", "tree"}, &options, &why) || why.empty() ? 1 : 0);
+    _exit(!there ? 2 : parseOptions({"--install-dir", "tree"}) ? 1 : 0);
   }
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -163,7 +153,7 @@ TEST(CallerIdOf, AProcessThatRunsForAnotherUserByNowLendsNoGroups) {
   process.pid = getpid();
   process.uid = geteuid();
   process.gid = getegid();
-  process.startTicks = processStartTicks(getpid());
+  process.startTicks = platform::processStat(getpid())->startTicks;
   const CallerId own = callerIdOf(process);
   EXPECT_EQ(own.groups.size(), static_cast<std::size_t>(getgroups(0, nullptr)));
   process.uid += 4321;
@@ -171,12 +161,9 @@ TEST(CallerIdOf, AProcessThatRunsForAnotherUserByNowLendsNoGroups) {
 }
 
 TEST(GroupByName, AnUnknownGroupIsNoneAndSaid) {
-  std::string why;
-  EXPECT_FALSE(groupByName("no-such-group-here", &why));
-  EXPECT_THAT(why, HasSubstr("no-such-group-here"));
-  EXPECT_FALSE(groupByName("", &why));
-  EXPECT_EQ("", why);
-  EXPECT_EQ(0U, groupByName("root", &why));
+  EXPECT_THAT(groupByName("no-such-group-here").error(), HasSubstr("no-such-group-here"));
+  EXPECT_EQ(std::nullopt, groupByName("").value());
+  EXPECT_EQ(0U, groupByName("root").value());
 }
 
 TEST(SignatureWatch, AChangeIsToldOnceWhenItHasSettled) {

@@ -24,7 +24,7 @@ class Signatures : public testing::Test {
   }
   bool begun(int count) {
     return waitFor([&] {
-      keeper_.turn();
+      keeper_.startWanted();
       return begun_ >= count;
     });
   }
@@ -42,43 +42,43 @@ class Signatures : public testing::Test {
 TEST_F(Signatures, AreNotLoadedAgainWhileNothingChanges) {
   keeper_.look();
   keeper_.look();
-  EXPECT_FALSE(keeper_.turn());
+  EXPECT_FALSE(keeper_.startWanted());
   EXPECT_EQ(begun_, 0);
 }
 
 TEST_F(Signatures, ThatChangeAfterTheKeeperWasMadeAreLoadedAgainOnce) {
   dir_.write("a.ndb", "one");
   keeper_.look();
-  EXPECT_FALSE(keeper_.turn()) << "still being written, perhaps";
+  EXPECT_FALSE(keeper_.startWanted()) << "still being written, perhaps";
   keeper_.look();
-  EXPECT_TRUE(keeper_.turn());
+  EXPECT_TRUE(keeper_.startWanted());
   ASSERT_TRUE(begun(1));
   goOn();
-  EXPECT_TRUE(waitFor([&] { return !keeper_.turn(); }));
+  EXPECT_TRUE(waitFor([&] { return !keeper_.startWanted(); }));
   EXPECT_EQ(begun_, 1);
 }
 
 TEST_F(Signatures, ThatAreAskedForWhileALoadRunsAreLoadedOnceMoreBehindIt) {
-  keeper_.ask();
+  keeper_.requestLoad();
   ASSERT_TRUE(begun(1));
-  keeper_.ask();
-  keeper_.ask();
-  EXPECT_TRUE(keeper_.turn());
+  keeper_.requestLoad();
+  keeper_.requestLoad();
+  EXPECT_TRUE(keeper_.startWanted());
   EXPECT_EQ(begun_, 1);
   goOn();
   EXPECT_TRUE(begun(2));
-  EXPECT_TRUE(waitFor([&] { return !keeper_.turn(); }));
+  EXPECT_TRUE(waitFor([&] { return !keeper_.startWanted(); }));
   EXPECT_EQ(begun_, 2);
 }
 
 TEST_F(Signatures, ThatChangeWhileALoadRunsAreLoadedOnceMoreBehindIt) {
-  keeper_.ask();
+  keeper_.requestLoad();
   ASSERT_TRUE(begun(1));
   dir_.write("a.ndb", "one");
   keeper_.look();
   keeper_.look();
   keeper_.look();
-  EXPECT_TRUE(keeper_.turn());
+  EXPECT_TRUE(keeper_.startWanted());
   goOn();
   EXPECT_TRUE(begun(2));
 }

@@ -1,4 +1,4 @@
-// What --status says of an agent that is asked over a real bus in a private tree.
+// The output of --status, over a real bus in a private tree.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -102,7 +102,7 @@ class StatusOfAnAgent : public ::testing::Test {
   std::string socketPath() const {
     return settings_.socketDir + "/" + lunet::formatGuid(lunet::parseGuid(lunet::kAgentGuid)) + ".sock";
   }
-  /// The exit code; what is printed is in out and err.
+  /// Returns the exit code; the output is in out and err.
   int print() {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();

@@ -1,4 +1,4 @@
-// A task's words on their way to its owner: real outbox, an endpoint without a bus.
+// A task's words on their way to its owner: real queue, an endpoint without a bus.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,18 +17,18 @@ using ::testing::ElementsAre;
 
 constexpr uid_t kUser = 60123;
 
-/// The outbox sends nothing before sendAll(): what is posted until then is on its way together.
+/// The queue sends nothing before sendAll().
 class TaskWords : public ::testing::Test {
  protected:
   TaskWords() {
-    outbox.post(std::make_shared<Mailbox>("the gate"), NoticeKind::kKept, 0,
-                [opened = gate.get_future().share()]() -> std::uint32_t {
-                  opened.wait();
-                  return lunet::kOk;
-                });
+    queue.post(std::make_shared<Receiver>("the gate"), NotificationKind::kKept, 0,
+               [opened = gate.get_future().share()]() -> std::uint32_t {
+                 opened.wait();
+                 return lunet::kOk;
+               });
   }
-  static Outbox::Limits limits() {
-    Outbox::Limits limits;
+  static NotificationQueue::Limits limits() {
+    NotificationQueue::Limits limits;
     limits.keptBytes = 10'000;
     limits.retry = std::chrono::hours(1);
     return limits;
@@ -39,11 +39,11 @@ class TaskWords : public ::testing::Test {
     owner.process.pid = 4711;
     owner.process.uid = uid;
     owner.process.trusted = trusted;
-    return std::make_shared<BusTaskEvents>(outbox, endpoint, owner, BusTaskEvents::Envelope{token, {}, 7});
+    return std::make_shared<BusTaskEvents>(queue, endpoint, owner, BusTaskEvents::Envelope{token, {}, 7});
   }
   void sendAll() {
     gate.set_value();
-    EXPECT_TRUE(outbox.drain(std::chrono::seconds(20)));
+    EXPECT_TRUE(queue.drain(std::chrono::seconds(20)));
   }
   std::vector<Json::Value> sent() const {
     std::vector<Json::Value> messages;
@@ -55,7 +55,7 @@ class TaskWords : public ::testing::Test {
 
   testsupport::FakeEndpoint endpoint;
   std::promise<void> gate;
-  Outbox outbox{limits()};
+  NotificationQueue queue{limits()};
 };
 
 TEST_F(TaskWords, ThatWaitAreAllKeptWithTheirTokenButForOldProgressAndOldOverviews) {
@@ -107,10 +107,10 @@ TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheRoomOfTheirOwner) {
     return true;
   };
   words->state(json::TaskState::kAborted, "a word");
-  words->waitForRoom(cancelled);
+  words->waitForQuota(cancelled);
   EXPECT_EQ(0, asked);
   words->state(json::TaskState::kAborted, std::string(10'000, 'x'));
-  words->waitForRoom(cancelled);
+  words->waitForQuota(cancelled);
   EXPECT_EQ(1, asked);
   sendAll();
 }
@@ -119,7 +119,7 @@ TEST_F(TaskWords, AreFollowedByTheActionOfTheirEnd) {
   const auto words = wordsTo(0, true);
   std::size_t sentBefore = 0;
   words->state(json::TaskState::kFinished, {});
-  words->whenTold([&] { sentBefore = endpoint.sent.size(); });
+  words->onDelivered([&] { sentBefore = endpoint.sent.size(); });
   sendAll();
   EXPECT_EQ(1U, sentBefore);
 }
@@ -140,7 +140,7 @@ TEST_P(WordsToTwo, ATimeoutPutsOffAllOwnersOfThatUserWhenNotTrusted) {
   first->state(json::TaskState::kCreated, {});
   second->state(json::TaskState::kCreated, {});
   std::promise<std::size_t> tried;
-  outbox.post(std::make_shared<Mailbox>("the last"), NoticeKind::kKept, 0, [&]() -> std::uint32_t {
+  queue.post(std::make_shared<Receiver>("the last"), NotificationKind::kKept, 0, [&]() -> std::uint32_t {
     tried.set_value(endpoint.sent.size());
     return lunet::kOk;
   });

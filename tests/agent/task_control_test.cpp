@@ -11,19 +11,19 @@ namespace {
 
 using testsupport::waitFor;
 
-/// A thread that works until it is told to end, and counts its pauses.
+/// A thread that works until a stop, and counts its pauses.
 class Worker {
  public:
-  explicit Worker(TaskControl& control)
-      : thread_([this, &control] {
-          const auto quiet = [this] { ++pauses; };
-          const auto again = [this] { ++resumes; };
-          while (control.goOn(quiet, again)) {
-            ++steps;
-            std::this_thread::yield();
-          }
-          ended = true;
-        }) {}
+  explicit Worker(TaskControl& control) {
+    control.onPause([this] { ++pauses; }, [this] { ++resumes; });
+    thread_ = std::thread([this, &control] {
+      while (control.keepGoing()) {
+        ++steps;
+        std::this_thread::yield();
+      }
+      ended = true;
+    });
+  }
   ~Worker() { thread_.join(); }
   std::atomic<long> steps{0}, pauses{0}, resumes{0};
   std::atomic<bool> ended{false};
@@ -54,10 +54,11 @@ TEST(TaskControl, APauseThatWasTakenBackBeforeItWasSeenIsToldAllTheSame) {
   EXPECT_TRUE(control.resume());
   int pauses = 0;
   int resumes = 0;
-  EXPECT_TRUE(control.goOn([&] { ++pauses; }, [&] { ++resumes; }));
+  control.onPause([&] { ++pauses; }, [&] { ++resumes; });
+  EXPECT_TRUE(control.keepGoing());
   EXPECT_EQ(1, pauses);
   EXPECT_EQ(1, resumes);
-  EXPECT_TRUE(control.goOn([&] { ++pauses; }, [&] { ++resumes; }));
+  EXPECT_TRUE(control.keepGoing());
   EXPECT_EQ(1, pauses);
 }
 
@@ -77,17 +78,9 @@ TEST(TaskControl, AStopThatCameBeforeAPauseWasSeenIsNotToldAsAPause) {
   control.pause();
   control.stop("why");
   int calls = 0;
-  EXPECT_FALSE(control.goOn([&] { ++calls; }, [&] { ++calls; }));
+  control.onPause([&] { ++calls; }, [&] { ++calls; });
+  EXPECT_FALSE(control.keepGoing());
   EXPECT_EQ(0, calls);
-}
-
-TEST(TaskControl, WaitForStopWaitsForThatAlone) {
-  TaskControl control;
-  EXPECT_FALSE(control.waitForStop(std::chrono::milliseconds(1)));
-  control.pause();
-  EXPECT_FALSE(control.waitForStop(std::chrono::milliseconds(1)));
-  control.stop("why");
-  EXPECT_TRUE(control.waitForStop(std::chrono::milliseconds(1)));
 }
 
 TEST(TaskControl, OnlyTheFirstStopCounts) {
@@ -116,7 +109,8 @@ TEST(TaskControl, ATaskThatIsPausedAtItsEndFinishesWhenItIsResumed) {
   std::atomic<int> pauses{0};
   std::atomic<int> resumes{0};
   std::atomic<bool> finished{false};
-  std::thread task([&] { finished = control.finish([&] { ++pauses; }, [&] { ++resumes; }); });
+  control.onPause([&] { ++pauses; }, [&] { ++resumes; });
+  std::thread task([&] { finished = control.finish(); });
   EXPECT_TRUE(waitFor([&] { return pauses == 1; }));
   EXPECT_FALSE(finished);
   EXPECT_TRUE(control.paused());
@@ -129,6 +123,8 @@ TEST(TaskControl, ATaskThatIsPausedAtItsEndFinishesWhenItIsResumed) {
 TEST(TaskControl, APauseThatWasTakenIsToldOnceHoweverNearTheEndItCame) {
   for (int round = 0; round < 2000; ++round) {
     TaskControl control;
+    int pauses = 0;
+    control.onPause([&] { ++pauses; }, [] {});
     std::atomic<bool> begun{false};
     bool taken = false;
     std::thread owner([&] {
@@ -139,8 +135,7 @@ TEST(TaskControl, APauseThatWasTakenIsToldOnceHoweverNearTheEndItCame) {
     while (!begun) {
       std::this_thread::yield();
     }
-    int pauses = 0;
-    EXPECT_TRUE(control.finish([&] { ++pauses; }, [] {}));
+    EXPECT_TRUE(control.finish());
     owner.join();
     ASSERT_EQ(taken ? 1 : 0, pauses) << "round " << round;
   }
@@ -148,14 +143,15 @@ TEST(TaskControl, APauseThatWasTakenIsToldOnceHoweverNearTheEndItCame) {
 
 TEST(TaskControl, ATaskThatIsStoppedWhilePausedAtItsEndDoesNotFinish) {
   TaskControl control;
+  control.onPause([&] { control.stop("why"); }, [] {});
   control.pause();
-  EXPECT_FALSE(control.finish([&] { control.stop("why"); }, [] {}));
+  EXPECT_FALSE(control.finish());
   EXPECT_TRUE(control.stopping());
 }
 
 TEST(TaskControl, ATaskThatHasFinishedTakesNeitherAPauseNorAStop) {
   TaskControl control;
-  EXPECT_TRUE(control.finish([] {}, [] {}));
+  EXPECT_TRUE(control.finish());
   EXPECT_FALSE(control.pause());
   EXPECT_FALSE(control.paused());
   EXPECT_FALSE(control.stop("late"));

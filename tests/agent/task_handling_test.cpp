@@ -1,4 +1,4 @@
-// What becomes of a detection: real files, real store.
+// The handling of detections: real files, real store.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -17,6 +17,7 @@
 namespace agent {
 namespace {
 
+using enum json::HandleResult;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
@@ -28,14 +29,13 @@ class Handling : public testing::Test {
   }
   void TearDown() override { store::stepHook = nullptr; }
 
-  static std::shared_ptr<ScanJob> scanned(const std::string& path) {
-    auto job = std::make_shared<ScanJob>();
-    job->path = path;
-    job->fd = platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    fstat(job->fd.get(), &job->status);
-    job->identity = FileIdentity::of(job->status);
-    job->folderWritable = true;
-    return job;
+  static std::shared_ptr<EncounteredFile> scanned(const std::string& path) {
+    auto file = std::make_shared<EncounteredFile>();
+    file->path = path;
+    file->fd = platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    fstat(file->fd.get(), &file->status);
+    file->folderWritable = true;
+    return file;
   }
   static Verdict infected() {
     Verdict verdict;
@@ -43,10 +43,11 @@ class Handling : public testing::Test {
     verdict.detections.push_back(Detection{"Test", 0, json::RiskType::kTestFile, "test"});
     return verdict;
   }
-  std::optional<json::HandleResult> handle(std::shared_ptr<ScanJob> job, Verdict verdict = infected()) {
-    const std::string path = job->path;
+  std::optional<json::HandleResult> handle(const std::shared_ptr<EncounteredFile>& file,
+                                           Verdict verdict = infected()) {
+    const std::string path = file->path;
     DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
-    handler.found(std::move(job), std::move(verdict));
+    handler.add({file, std::move(verdict)});
     handler.waitBelow(1);
     return told_.handled(path);
   }
@@ -63,7 +64,7 @@ class Handling : public testing::Test {
 TEST_F(Handling, TheScannedFileIsRemovedAndNothingIsLeft) {
   std::filesystem::create_directory(folder_.at("d"));
   const std::string path = folder_.write("d/file", "bad");
-  EXPECT_EQ(handle(scanned(path)), json::HandleResult::kQuarantined);
+  EXPECT_EQ(handle(scanned(path)), kQuarantined);
   EXPECT_TRUE(std::filesystem::is_empty(folder_.at("d")));
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
@@ -74,9 +75,9 @@ class HandledBy : public Handling,
 TEST_P(HandledBy, AFileThatCameInThePlaceOfTheScannedOneStays) {
   plan_.action = GetParam().second;
   const std::string path = folder_.write("d/file", "bad");
-  const std::shared_ptr<ScanJob> job = scanned(path);
+  const std::shared_ptr<EncounteredFile> file = scanned(path);
   std::filesystem::rename(folder_.write("good", "good"), path);
-  EXPECT_EQ(handle(job), json::HandleResult::kFailed);
+  EXPECT_EQ(handle(file), kFailed);
   EXPECT_EQ(testsupport::readFile(path), "good");
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
@@ -84,9 +85,9 @@ TEST_P(HandledBy, AFileThatCameInThePlaceOfTheScannedOneStays) {
 TEST_P(HandledBy, AFileThatWasWrittenAfterItsScanStays) {
   plan_.action = GetParam().second;
   const std::string path = folder_.write("d/file", "bad");
-  const std::shared_ptr<ScanJob> job = scanned(path);
+  const std::shared_ptr<EncounteredFile> file = scanned(path);
   folder_.write("d/file", "good by now");
-  EXPECT_EQ(handle(job), json::HandleResult::kFailed);
+  EXPECT_EQ(handle(file), kFailed);
   EXPECT_EQ(testsupport::readFile(path), "good by now");
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
@@ -100,14 +101,14 @@ TEST_F(Handling, AnAgentThatIsNotRootMindsNoOwnerForItsOwnUserAndForRoot) {
   constexpr uid_t kUser = 60123;
   const std::string path = folder_.write("d/file", "bad");
   ASSERT_EQ(0, chown(path.c_str(), kUser + 2, 0));
-  const std::shared_ptr<ScanJob> job = scanned(path);
-  job->folderWritable = false;
+  const std::shared_ptr<EncounteredFile> file = scanned(path);
+  file->folderWritable = false;
   for (const uid_t uid : {kUser, uid_t{0}, kUser + 1}) {
     caller_.uid = uid;
     std::thread([&] {
       // Of this thread and the handler's, which it starts.
       ASSERT_EQ(0, syscall(SYS_setresuid, kUser, kUser, kUser));
-      EXPECT_EQ(handle(job), json::HandleResult::kFailed);  // the kernel minds them
+      EXPECT_EQ(handle(file), kFailed);  // the kernel minds them
     }).join();
     const bool minded = told_.handledHow(path).find("belongs to another user") != std::string::npos;
     EXPECT_EQ(uid == kUser + 1, minded) << told_.handledHow(path);
@@ -126,7 +127,7 @@ TEST_F(Handling, AnotherFileThatWasTakenAtTheLastMomentIsPutBack) {
       }
     }
   };
-  EXPECT_EQ(handle(scanned(path)), json::HandleResult::kFailed);
+  EXPECT_EQ(handle(scanned(path)), kFailed);
   EXPECT_EQ(testsupport::readFile(path), "good");
 }
 
@@ -135,13 +136,13 @@ TEST_F(Handling, AFileWhoseBytesAreNotTheScannedOnesIsNotQuarantined) {
   const std::string path = folder_.write("d/file", "bad");
   Verdict verdict = infected();
   verdict.md5 = "900150983cd24fb0d6963f7d28e17f72";  // of "abc"
-  EXPECT_EQ(handle(scanned(path), verdict), json::HandleResult::kFailed);
+  EXPECT_EQ(handle(scanned(path), verdict), kFailed);
   EXPECT_THAT(told_.handledHow(path), HasSubstr("changed after it was scanned"));
   EXPECT_EQ(testsupport::readFile(path), "bad");
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 
   verdict.md5 = "bae60998ffe4923b131e3d6e4c19993e";
-  EXPECT_EQ(handle(scanned(path), verdict), json::HandleResult::kQuarantined);
+  EXPECT_EQ(handle(scanned(path), verdict), kQuarantined);
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
@@ -149,9 +150,9 @@ TEST_F(Handling, ADetectionWithATrustedHashIsToldAsTrustedAndLeftAlone) {
   const std::string path = folder_.write("d/file", "bad");
   {
     DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
-    handler.foundTrusted(scanned(path), infected());
+    handler.add({scanned(path), infected(), true});
   }
-  EXPECT_EQ(told_.handled(path), json::HandleResult::kTrusted);
+  EXPECT_EQ(told_.handled(path), kTrusted);
   EXPECT_TRUE(told_.risks().empty());
   EXPECT_EQ(testsupport::readFile(path), "bad");
   EXPECT_EQ(counters_.overview("").trusted_risk_count, 1);
@@ -161,7 +162,7 @@ TEST_F(Handling, ADetectionWithATrustedHashIsToldAsTrustedAndLeftAlone) {
 TEST_F(Handling, ADetectionThatIsOnlyReportedStaysAndCountsAsLeftAlone) {
   plan_.action = json::HandleAction::kNothing;
   const std::string path = folder_.write("d/file", "bad");
-  EXPECT_EQ(handle(scanned(path)), json::HandleResult::kReportedOnly);
+  EXPECT_EQ(handle(scanned(path)), kReportedOnly);
   EXPECT_EQ(testsupport::readFile(path), "bad");
   const JsonReflect::ScanBusOverView view = counters_.overview("");
   EXPECT_EQ(view.checkout_risk_count, 1);
@@ -172,9 +173,9 @@ TEST_F(Handling, ADetectionThatIsOnlyReportedStaysAndCountsAsLeftAlone) {
 TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
   handle(scanned(folder_.write("d/file", "bad")));
   EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
-  const std::shared_ptr<ScanJob> gone = scanned(folder_.write("d/gone", "bad"));
+  const std::shared_ptr<EncounteredFile> gone = scanned(folder_.write("d/gone", "bad"));
   std::filesystem::remove(gone->path);
-  EXPECT_EQ(handle(gone), json::HandleResult::kFailed);
+  EXPECT_EQ(handle(gone), kFailed);
   EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
   EXPECT_EQ(counters_.overview("").disposed_risk_count, 2);
   const std::string audit = testsupport::readFile(folder_.at("state/audit.log"));
@@ -185,7 +186,7 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
 
 TEST_F(Handling, TheQuarantineIsToldTheDetection) {
   plan_.action = json::HandleAction::kQuarantine;
-  EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), json::HandleResult::kQuarantined);
+  EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), kQuarantined);
   EXPECT_EQ("Test", store_->quarantine().list(std::nullopt)[0]["virus_name"].asString());
 }
 
@@ -194,33 +195,33 @@ TEST_F(Handling, AProcessThatIsNotEndedIsToldAsThat) {
   plan_.memoryCheck = plan_.endProcesses = true;
   handle(scanned("/proc/self/exe"));  // what runs the agent's own program is spared
   EXPECT_THAT(told_.processes(), Contains(getpid()));
-  EXPECT_EQ(told_.handled(getpid()), json::HandleResult::kFailed);
+  EXPECT_EQ(told_.handled(getpid()), kFailed);
 }
 
 TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {
   constexpr int kMany = 200;
   plan_.action = json::HandleAction::kNothing;
-  const std::shared_ptr<ScanJob> job = scanned(folder_.write("d/file", "bad"));
+  const std::shared_ptr<EncounteredFile> file = scanned(folder_.write("d/file", "bad"));
   told_.held = true;
   {
     DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
     for (int i = 0; i < kMany; ++i) {
-      handler.found(job, infected());
+      handler.add({file, infected()});
     }
     told_.held = false;
   }
-  EXPECT_EQ(kMany, counters_.infectedCount());
+  EXPECT_EQ(kMany, counters_.overview("").checkout_risk_count);
 }
 
 TEST_F(Handling, AStopEndsTheWaitForAnOwnerWhoTakesNothing) {
   const std::string path = folder_.write("d/file", "bad");
   told_.held = true;
   DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
-  handler.found(scanned(path), infected());
+  handler.add({scanned(path), infected()});
   ASSERT_TRUE(testsupport::waitFor([this] { return told_.waiting.load(); }));
   control_.stop("enough");
   handler.waitBelow(1);
-  EXPECT_EQ(told_.handled(path), json::HandleResult::kQuarantined);
+  EXPECT_EQ(told_.handled(path), kQuarantined);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The scans under way and who may see and steer them: real store, real workers, an endpoint without a bus.
+// The running scans, and the users who may see and control them: real store, real workers, a fake endpoint.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@
 #include "support/FakeEndpoint.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
+#include "task/CallerRights.h"
 #include "task/TaskManager.h"
 
 namespace agent {
@@ -32,7 +33,7 @@ CallerId callerOf(uid_t uid) {
   return {uid, uid, {}, getpid()};
 }
 
-/// The workers begin no file before release() is called, so that each scan of a file is under way until then.
+/// The workers begin no file before release(): each scan of a file runs until then.
 class Tasks : public ::testing::Test {
  protected:
   Tasks() {
@@ -42,7 +43,7 @@ class Tasks : public ::testing::Test {
   }
   void TearDown() override {
     EXPECT_TRUE(tasks.stopAll("the test ends", kLimit));
-    EXPECT_TRUE(outbox.drain(kLimit));
+    EXPECT_TRUE(notifications.drain(kLimit));
   }
   static Spawner::Config config(const testsupport::TempDir& dir) {
     Spawner::Config config;
@@ -78,14 +79,16 @@ class Tasks : public ::testing::Test {
     return tokens;
   }
   bool control(json::ControlAction action, const std::string& token, uid_t uid) {
-    return tasks.control(json::toNumber(action), token, "", callerOf(uid), &why);
+    const auto done = tasks.control(json::toNumber(action), token, "", callerOf(uid));
+    why = done ? "" : done.error();
+    return done.has_value();
   }
-  /// The states that a task's owner was told. Only when no task is under way.
-  std::vector<int> statesTold(const std::string& token) {
+  /// The states in the notifications of a task. Call when no task runs.
+  std::vector<int> notifiedStates(const std::string& token) {
     EXPECT_EQ(0U, tasks.count());
-    // Forgotten once its owner has been told all.
+    // The record goes after the last notification.
     EXPECT_TRUE(waitFor([&] { return store->tasks().all().empty(); }));
-    EXPECT_TRUE(outbox.drain(kLimit));
+    EXPECT_TRUE(notifications.drain(kLimit));
     std::vector<int> states;
     for (const testsupport::FakeEndpoint::Sent& sent : endpoint.sent) {
       Json::Value message;
@@ -103,25 +106,25 @@ class Tasks : public ::testing::Test {
   Spawner spawner{config(dir)};
   std::unique_ptr<Store> store = Store::open(dir.at("state"));
   testsupport::FakeEndpoint endpoint;
-  Outbox outbox;
-  TaskManager tasks{{*store, spawner, outbox, endpoint, {}}};
+  NotificationQueue notifications;
+  TaskManager tasks{{*store, spawner, notifications, endpoint, {}}};
   std::string file, why;
-  Json::Value last;            ///< the parameters of the state that was told last
-  lunet::PeerIdentity lastTo;  ///< and who was told
+  Json::Value last;            ///< the parameters of the last state
+  lunet::PeerIdentity lastTo;  ///< the receiver of the last state
 };
 
 TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
   const TaskManager::Started users = start(kUser);
-  ASSERT_TRUE(users.ok) << users.detail;
+  ASSERT_TRUE(users.outcome) << users.outcome.error();
   const TaskManager::Started roots = start(0, 0);
-  ASSERT_TRUE(roots.ok) << roots.detail;
+  ASSERT_TRUE(roots.outcome) << roots.outcome.error();
   EXPECT_THAT(seenBy(kUser), ElementsAre(users.token));
   EXPECT_THAT(seenBy(0), UnorderedElementsAre(users.token, roots.token));
   EXPECT_THAT(seenBy(kThird), IsEmpty());
 }
 
 TEST_F(Tasks, AreListedWithWhatTheyDo) {
-  ASSERT_TRUE(start(kUser, 5).ok);
+  ASSERT_TRUE(start(kUser, 5).outcome);
   const Json::Value entry = tasks.list(callerOf(0))[0];
   EXPECT_EQ(5, entry["scan_type"].asInt());
   EXPECT_EQ(0, entry["type"].asInt());
@@ -133,7 +136,7 @@ class TasksOfAnother : public Tasks, public ::testing::WithParamInterface<std::p
 
 TEST_P(TasksOfAnother, AreUnknownToAUserWhoWouldSteerThem) {
   const TaskManager::Started task = start(GetParam().second);
-  ASSERT_TRUE(task.ok) << task.detail;
+  ASSERT_TRUE(task.outcome) << task.outcome.error();
   for (const json::ControlAction action : {json::ControlAction::kPause, json::ControlAction::kStop}) {
     EXPECT_FALSE(control(action, task.token, kThird));
     EXPECT_EQ("no such task", why);
@@ -154,7 +157,7 @@ class SteeredBy : public Tasks, public ::testing::WithParamInterface<std::pair<c
 
 TEST_P(SteeredBy, ThoseWhoSeeATaskItIsPausedResumedAndStopped) {
   const TaskManager::Started task = start(kUser);
-  ASSERT_TRUE(task.ok) << task.detail;
+  ASSERT_TRUE(task.outcome) << task.outcome.error();
   const uid_t by = GetParam().second;
   EXPECT_FALSE(control(json::ControlAction::kResume, task.token, by));
   EXPECT_EQ("the task is not in a state for that", why);
@@ -164,7 +167,7 @@ TEST_P(SteeredBy, ThoseWhoSeeATaskItIsPausedResumedAndStopped) {
   EXPECT_EQ("", why);
   EXPECT_TRUE(control(json::ControlAction::kStop, task.token, by)) << why;
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_EQ(5, statesTold(task.token).back());
+  EXPECT_EQ(5, notifiedStates(task.token).back());
   EXPECT_EQ("stopped", last["detail"].asString());
 }
 
@@ -177,18 +180,18 @@ TEST_F(Tasks, AnUnknownTokenAndAnUnknownActionAreRefused) {
   EXPECT_FALSE(control(json::ControlAction::kStop, "none", 0));
   EXPECT_EQ("no such task", why);
   for (const int action : {0, 4}) {
-    EXPECT_FALSE(tasks.control(action, task.token, "", callerOf(0), &why));
-    EXPECT_EQ("unknown action " + std::to_string(action), why);
+    EXPECT_EQ("unknown action " + std::to_string(action),
+              tasks.control(action, task.token, "", callerOf(0)).error());
   }
   EXPECT_EQ(1U, tasks.count());
 }
 
 TEST_F(Tasks, AReasonGivenWithAStopIsTold) {
   const TaskManager::Started task = start(0);
-  EXPECT_TRUE(tasks.control(json::toNumber(json::ControlAction::kStop), task.token, "for a reason",
-                            callerOf(0), &why));
+  EXPECT_TRUE(
+      tasks.control(json::toNumber(json::ControlAction::kStop), task.token, "for a reason", callerOf(0)));
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_EQ(5, statesTold(task.token).back());
+  EXPECT_EQ(5, notifiedStates(task.token).back());
   EXPECT_EQ("for a reason", last["detail"].asString());
 }
 
@@ -202,20 +205,20 @@ class SecondScan : public Tasks, public ::testing::WithParamInterface<SecondRow>
 
 TEST_P(SecondScan, OfAModeThatIsRunningIsRefusedWithStateSixAndOfAnotherIsNot) {
   const TaskManager::Started first = start(kUser, 2);
-  ASSERT_TRUE(first.ok) << first.detail;
+  ASSERT_TRUE(first.outcome) << first.outcome.error();
   const TaskManager::Started second = start(GetParam().uid, GetParam().scanType);
-  EXPECT_EQ(GetParam().started, second.ok) << second.detail;
+  EXPECT_EQ(GetParam().started, second.outcome.has_value());
   EXPECT_NE(first.token, second.token);
   const std::size_t expected = GetParam().started ? 2 : 1;
   EXPECT_EQ(expected, tasks.count());
   EXPECT_EQ(expected, store->tasks().all().size());
   EXPECT_TRUE(tasks.stopAll("enough", kLimit));
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_THAT(statesTold(first.token), ElementsAre(0, 1, 5));
+  EXPECT_THAT(notifiedStates(first.token), ElementsAre(0, 1, 5));
   if (!GetParam().started) {
-    EXPECT_THAT(second.detail, HasSubstr("a custom scan is running already"));
-    EXPECT_THAT(statesTold(second.token), ElementsAre(6));
-    EXPECT_EQ(second.detail, last["detail"].asString());
+    EXPECT_THAT(second.outcome.error(), HasSubstr("a custom scan is running already"));
+    EXPECT_THAT(notifiedStates(second.token), ElementsAre(6));
+    EXPECT_EQ(second.outcome.error(), last["detail"].asString());
     EXPECT_EQ(GetParam().uid, lastTo.uid);
   }
 }
@@ -231,13 +234,13 @@ INSTANTIATE_TEST_SUITE_P(Rows, SecondScan,
 
 TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
   const TaskManager::Started first = start(kUser);
-  ASSERT_TRUE(first.ok) << first.detail;
+  ASSERT_TRUE(first.outcome) << first.outcome.error();
   release();
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
   const TaskManager::Started second = start(kUser);
-  EXPECT_TRUE(second.ok) << second.detail;
+  EXPECT_TRUE(second.outcome) << second.outcome.error();
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_THAT(statesTold(first.token), ElementsAre(0, 1, 2));
+  EXPECT_THAT(notifiedStates(first.token), ElementsAre(0, 1, 2));
   EXPECT_EQ("context", last["ctx"]["some"].asString());
   EXPECT_EQ(7, last["source"].asInt());
   EXPECT_EQ(4711, lastTo.pid);
@@ -247,28 +250,28 @@ TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
 TEST_F(Tasks, AScanThatCannotBeMadeIsToldLeavesNoRecordAndItsModeFree) {
   file = dir.at("absent");
   const TaskManager::Started task = start(kUser);
-  EXPECT_FALSE(task.ok);
-  EXPECT_THAT(task.detail, HasSubstr("No such file"));
-  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
-  EXPECT_EQ(task.detail, last["detail"].asString());
+  EXPECT_FALSE(task.outcome);
+  EXPECT_THAT(task.outcome.error(), HasSubstr("No such file"));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
+  EXPECT_EQ(task.outcome.error(), last["detail"].asString());
   file = dir.at("file");
-  EXPECT_TRUE(start(kUser).ok);
+  EXPECT_TRUE(start(kUser).outcome);
 }
 
 TEST_F(Tasks, ARequestThatIsRefusedIsToldAndNotRecorded) {
   const TaskManager::Started task = start(kUser, 6);
-  EXPECT_FALSE(task.ok);
-  EXPECT_THAT(task.detail, HasSubstr("scan type"));
-  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
+  EXPECT_FALSE(task.outcome);
+  EXPECT_THAT(task.outcome.error(), HasSubstr("scan type"));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
   EXPECT_TRUE(store->tasks().all().empty());
 }
 
 TEST_F(Tasks, NoneIsStartedWhileTheAgentEnds) {
   EXPECT_TRUE(tasks.stopAll("the agent is ending", kLimit));
   const TaskManager::Started task = start(0);
-  EXPECT_FALSE(task.ok);
-  EXPECT_THAT(task.detail, HasSubstr("the agent is ending"));
-  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
+  EXPECT_FALSE(task.outcome);
+  EXPECT_THAT(task.outcome.error(), HasSubstr("the agent is ending"));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
   EXPECT_TRUE(store->tasks().all().empty());
 }
 
@@ -278,17 +281,17 @@ TEST_F(Tasks, AScanThatCannotBeRecordedIsNotMadeAndItsModeIsFree) {
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "ALTER TABLE tasks RENAME TO aside", nullptr, nullptr, nullptr))
       << sqlite3_errmsg(db);
   const TaskManager::Started task = start(kUser);
-  EXPECT_FALSE(task.ok);
-  EXPECT_THAT(task.detail, HasSubstr("cannot be recorded"));
+  EXPECT_FALSE(task.outcome);
+  EXPECT_THAT(task.outcome.error(), HasSubstr("cannot be recorded"));
   EXPECT_EQ(0U, tasks.count());
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "ALTER TABLE aside RENAME TO tasks", nullptr, nullptr, nullptr));
   sqlite3_close(db);
-  EXPECT_THAT(statesTold(task.token), ElementsAre(-1));
-  EXPECT_TRUE(start(kUser).ok);
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
+  EXPECT_TRUE(start(kUser).outcome);
 }
 
 TEST_F(Tasks, ThatDoNotEndWithinTheLimitAreSaid) {
-  ASSERT_TRUE(start(kUser).ok);
+  ASSERT_TRUE(start(kUser).outcome);
   EXPECT_FALSE(tasks.stopAll("the agent is ending", std::chrono::milliseconds(0)));
   EXPECT_TRUE(tasks.stopAll("the agent is ending", kLimit));
 }
@@ -306,9 +309,9 @@ TEST_F(Tasks, AreRecordedWithTheirOwnerWhileTheyRun) {
 }
 
 TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreToldTheirOwnersAndForgotten) {
-  store->tasks().put({"lost", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
-  tasks.tellOfLostTasks();
-  EXPECT_THAT(statesTold("lost"), ElementsAre(5));
+  store->tasks().put({"interrupted", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
+  tasks.notifyInterruptedTasks();
+  EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(5));
   EXPECT_EQ(4711, lastTo.pid);
   EXPECT_EQ(kUser, lastTo.uid);
   EXPECT_EQ(99U, lastTo.startTicks);

@@ -54,15 +54,13 @@ class PlanTest : public ::testing::Test {
         params);
   }
   ScanPlan plan() {
-    std::string why;
-    const std::optional<ScanPlan> result = makePlan(params, settings, &why);
-    EXPECT_TRUE(result) << why;
+    const auto result = makePlan(params, settings);
+    EXPECT_TRUE(result) << result.error();
     return result.value_or(ScanPlan{});
   }
   std::string refusal() {
-    std::string why;
-    EXPECT_FALSE(makePlan(params, settings, &why));
-    return why;
+    const auto result = makePlan(params, settings);
+    return result ? "" : result.error();
   }
   FixedSettings settings;
   Json::Value params;
@@ -326,15 +324,16 @@ TEST_P(ProgramsAndDocuments, AreScannedAndTheRestIsLeftOut) {
   const testsupport::TempDir dir;
   const std::string path = dir.write(GetParam().file, GetParam().content);
   ASSERT_EQ(0, chmod(path.c_str(), GetParam().mode));
-  const platform::Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat status {};
-  ASSERT_EQ(0, fstat(fd.get(), &status));
+  EncounteredFile file;
+  file.path = path;
+  file.fd = platform::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(0, fstat(file.fd.get(), &file.status));
   ScanPlan plan;
   plan.options.archiveFormats = GetParam().formats;
-  EXPECT_EQ("", whyLeftOut(plan, path, fd.get(), status));
+  EXPECT_TRUE(checkIncluded(plan, file));
   plan.programsOnly = true;
-  EXPECT_EQ(GetParam().scanned, whyLeftOut(plan, path, fd.get(), status).empty());
-  EXPECT_EQ(0, lseek(fd.get(), 0, SEEK_CUR));
+  EXPECT_EQ(GetParam().scanned, checkIncluded(plan, file).has_value());
+  EXPECT_EQ(0, lseek(file.fd.get(), 0, SEEK_CUR));
 }
 INSTANTIATE_TEST_SUITE_P(
     Kinds, ProgramsAndDocuments,
@@ -358,12 +357,13 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(ProgramsOnly, AnArchiveIsLeftOutWhenArchivesAreNotUnpacked) {
-  struct stat status {};
+  EncounteredFile file;
+  file.path = "/x.zip";
   ScanPlan plan;
   plan.programsOnly = true;
-  EXPECT_EQ("", whyLeftOut(plan, "/x.zip", -1, status));
+  EXPECT_TRUE(checkIncluded(plan, file));
   plan.options.archives = false;
-  EXPECT_THAT(whyLeftOut(plan, "/x.zip", -1, status), HasSubstr("neither"));
+  EXPECT_THAT(checkIncluded(plan, file).error(), HasSubstr("neither"));
 }
 
 TEST(Ending, IsTheLowerCaseOneOfTheNameAndNotOfItsFolder) {
@@ -377,11 +377,12 @@ TEST(Ending, IsTheLowerCaseOneOfTheNameAndNotOfItsFolder) {
 TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
   ScanPlan plan;
   plan.skipBytes = 1 << 20;
-  struct stat status {};
-  status.st_size = 1 << 20;
-  EXPECT_EQ("", whyLeftOut(plan, "/x", -1, status));
-  status.st_size += 1;
-  EXPECT_THAT(whyLeftOut(plan, "/x", -1, status), HasSubstr("1 MB"));
+  EncounteredFile file;
+  file.path = "/x";
+  file.status.st_size = 1 << 20;
+  EXPECT_TRUE(checkIncluded(plan, file));
+  file.status.st_size += 1;
+  EXPECT_THAT(checkIncluded(plan, file).error(), HasSubstr("1 MB"));
 }
 
 TEST(Stages, AFastScanTellsEveryStageInOrder) {

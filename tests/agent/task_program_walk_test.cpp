@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <map>
 #include <thread>
 
+#include "WalkRecorder.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
@@ -28,35 +28,6 @@ using testsupport::waitFor;
 constexpr uid_t kUser = 60123;
 constexpr gid_t kGroup = 60124;
 
-class Recorder final : public WalkSink {
- public:
-  void file(MetFile met) override {
-    EXPECT_TRUE(met.fd);
-    EXPECT_NE(0, met.statusNs);
-    files.push_back(met.path);
-    writable[met.path] = met.folderWritable;
-  }
-  void skipped(const std::string& path, const std::string& reason) override { skips[path] = reason; }
-  void failed(const std::string& path, const std::string& reason) override { failures[path] = reason; }
-  bool keepGoing() override { return allowed-- > 0; }
-  void advanced(double share) override { progress += share; }
-  std::vector<std::string> everyPath() const {
-    std::vector<std::string> all = files;
-    for (const auto* map : {&skips, &failures}) {
-      for (const auto& [path, reason] : *map) {
-        all.push_back(path);
-      }
-    }
-    return all;
-  }
-
-  std::vector<std::string> files;
-  std::map<std::string, std::string> skips, failures;
-  std::map<std::string, bool> writable;
-  long allowed = 1'000'000;
-  double progress = 0;
-};
-
 class ProgramWalkTest : public ::testing::Test {
  protected:
   ProgramWalkTest() { chmod(dir.path().c_str(), 0755); }
@@ -74,7 +45,7 @@ class ProgramWalkTest : public ::testing::Test {
         std::make_unique<testsupport::Process>(std::vector<std::string>{path, "60"}, std::move(options)));
     const pid_t pid = processes.back()->pid();
     EXPECT_TRUE(waitFor([&] {
-      const std::vector<RunningProgram> all = RunningPrograms::all();
+      const auto all = RunningPrograms::all().value();
       return std::any_of(all.begin(), all.end(), [&](const RunningProgram& program) {
         return program.pid == pid && program.path == path && program.uid == uid;
       });
@@ -83,15 +54,15 @@ class ProgramWalkTest : public ::testing::Test {
   }
   void walkForUser() {
     std::thread([this] {
-      const CallerRights rights(CallerId{kUser, kGroup, {}, getpid()});
-      EXPECT_EQ("", rights.error());
-      walkPrograms(RunningPrograms::all(), kUser, 1.0, met);
+      const auto rights = CallerRights::take(CallerId{kUser, kGroup, {}, getpid()});
+      ASSERT_TRUE(rights) << rights.error();
+      walkPrograms(RunningPrograms::all().value(), kUser, 1.0, met);
     }).join();
   }
 
   testsupport::TempDir dir;
   std::vector<std::unique_ptr<testsupport::Process>> processes;
-  Recorder met;
+  WalkRecorder met;
 };
 
 TEST_F(ProgramWalkTest, TheAgentMeetsEveryonesProgramsOnceAlsoThoseThatAreNoLongerOnDisk) {
@@ -100,7 +71,7 @@ TEST_F(ProgramWalkTest, TheAgentMeetsEveryonesProgramsOnceAlsoThoseThatAreNoLong
   const std::string theirs = run("theirs", kUser);
   const std::string gone = run("gone", kUser);
   std::filesystem::remove(gone);
-  walkPrograms(RunningPrograms::all(), std::nullopt, 1.0, met);
+  walkPrograms(RunningPrograms::all().value(), std::nullopt, 1.0, met);
   EXPECT_THAT(met.files, IsSupersetOf({mine, theirs, gone + " (deleted)"}));
   EXPECT_EQ(1, std::count(met.files.begin(), met.files.end(), mine));
   EXPECT_NEAR(1.0, met.progress, 1e-6);
@@ -147,7 +118,7 @@ TEST_F(ProgramWalkTest, AUsersProgramThatIsNotAtItsPathIsSkippedAndNothingElseIs
 
 TEST_F(ProgramWalkTest, AFileThatCameToAUsersProgramsPathMeanwhileIsNotMet) {
   const std::string path = run("program", kUser);
-  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  const auto listed = RunningPrograms::all().value();
   std::filesystem::rename(dir.write("another", "another file"), path);
   walkPrograms(listed, kUser, 1.0, met);
   EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
@@ -170,7 +141,7 @@ TEST_F(ProgramWalkTest, AFileOfTheSameNumberOnAnotherDiskIsNotAUsersProgram) {
 
 TEST_F(ProgramWalkTest, ALinkThatCameToAUsersProgramsPathIsNotFollowed) {
   const std::string path = run("program", kUser);
-  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  const auto listed = RunningPrograms::all().value();
   std::filesystem::rename(path, dir.at("moved"));
   std::filesystem::create_symlink("moved", path);
   walkPrograms(listed, kUser, 1.0, met);
@@ -180,7 +151,7 @@ TEST_F(ProgramWalkTest, ALinkThatCameToAUsersProgramsPathIsNotFollowed) {
 
 TEST_F(ProgramWalkTest, AFifoThatCameToAUsersProgramsPathIsNotWaitedFor) {
   const std::string path = run("program", kUser);
-  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  const auto listed = RunningPrograms::all().value();
   std::filesystem::remove(path);
   ASSERT_EQ(0, mkfifo(path.c_str(), 0644));
   walkPrograms(listed, kUser, 1.0, met);
@@ -189,7 +160,7 @@ TEST_F(ProgramWalkTest, AFifoThatCameToAUsersProgramsPathIsNotWaitedFor) {
 
 TEST_F(ProgramWalkTest, AUsersProgramWhoseFolderGaveWayToAFileIsSkipped) {
   const std::string path = run("folder/program", kUser);
-  const std::vector<RunningProgram> listed = RunningPrograms::all();
+  const auto listed = RunningPrograms::all().value();
   std::filesystem::remove_all(dir.at("folder"));
   dir.write("folder", "a file");
   walkPrograms(listed, kUser, 1.0, met);
@@ -222,7 +193,7 @@ TEST_F(ProgramWalkTest, AWalkThatIsToldToEndMeetsNoMorePrograms) {
   run("one", 0);
   run("two", 0);
   met.allowed = 1;
-  walkPrograms(RunningPrograms::all(), std::nullopt, 1.0, met);
+  walkPrograms(RunningPrograms::all().value(), std::nullopt, 1.0, met);
   EXPECT_EQ(1U, met.everyPath().size());
 }
 
@@ -264,11 +235,10 @@ TEST_F(ProgramWalkTest, ProcessesThatCannotBeListedAreSaid) {
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
   const rlimit none{0, normal.rlim_max};
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-  std::string error;
-  const std::vector<RunningProgram> programs = RunningPrograms::all(&error);
+  const auto programs = RunningPrograms::all();
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
-  EXPECT_TRUE(programs.empty());
-  EXPECT_THAT(error, HasSubstr("Too many open files"));
+  ASSERT_FALSE(programs);
+  EXPECT_THAT(programs.error(), HasSubstr("Too many open files"));
 }
 
 }  // namespace

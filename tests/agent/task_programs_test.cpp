@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "platform/ProcessStat.h"
 #include "platform/Users.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
@@ -50,7 +51,7 @@ TEST_F(RunningProgramsTest, AProcessIsFoundByTheFileItRuns) {
   EXPECT_EQ(program, found[0].path);
   EXPECT_EQ("a) b (c", found[0].name);
   EXPECT_EQ(getuid(), found[0].uid);
-  EXPECT_EQ(processStartTicks(process->pid()), found[0].startTicks);
+  EXPECT_EQ(platform::processStat(process->pid())->startTicks, found[0].startTicks);
   EXPECT_TRUE(found[0].onDisk);
 }
 
@@ -79,7 +80,7 @@ TEST_F(RunningProgramsTest, ANameWithAnEndOfLineHidesNoProcess) {
   ASSERT_EQ(1U, found.size());
   EXPECT_EQ("x\ny) z", found[0].name);
   EXPECT_NE(0U, found[0].startTicks);
-  EXPECT_EQ(processStartTicks(other.pid()), found[0].startTicks);
+  EXPECT_EQ(platform::processStat(other.pid())->startTicks, found[0].startTicks);
   EXPECT_TRUE(endProcess(found[0]));
   EXPECT_EQ(128 + SIGKILL, other.wait());
 }

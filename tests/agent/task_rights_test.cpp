@@ -45,9 +45,9 @@ class CallerRightsTest : public ::testing::Test {
 };
 
 TEST_F(CallerRightsTest, WhatTheCallerCannotOpenTheThreadCannotOpen) {
-  const CallerRights rights(caller);
-  EXPECT_EQ("", rights.error());
-  EXPECT_TRUE(rights.reduced());
+  const auto rights = CallerRights::take(caller);
+  ASSERT_TRUE(rights) << rights.error();
+  EXPECT_TRUE((*rights)->reduced());
   EXPECT_FALSE(readable(priv));
   EXPECT_TRUE(readable(own));
   EXPECT_TRUE(readable(byGroup));
@@ -55,7 +55,7 @@ TEST_F(CallerRightsTest, WhatTheCallerCannotOpenTheThreadCannotOpen) {
 }
 
 TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsRightsAgain) {
-  { const CallerRights rights(caller); }
+  { const auto rights = CallerRights::take(caller); }
   EXPECT_TRUE(readable(priv));
   EXPECT_EQ(0, setfsuid(static_cast<uid_t>(-1)));
 }
@@ -71,7 +71,7 @@ TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsGroupsAgain) {
     const std::vector<gid_t> agents{60201, 60202};  // of this thread alone
     ASSERT_EQ(0, syscall(SYS_setgroups, agents.size(), agents.data()));
     {
-      const CallerRights rights(caller);
+      const auto rights = CallerRights::take(caller);
       EXPECT_EQ(std::vector{kOtherGroup}, groupsOfThisThread());
     }
     EXPECT_EQ(agents, groupsOfThisThread());
@@ -95,9 +95,9 @@ TEST_P(WithoutCapability, RightsThatTheKernelDoesNotChangeAreAnErrorAndNothingIs
   std::thread([this] {
     const std::vector<gid_t> before = groupsOfThisThread();
     giveUp(GetParam().second);
-    const CallerRights rights(caller);
+    const auto rights = CallerRights::take(caller);
+    ASSERT_FALSE(rights);
     EXPECT_NE(std::string::npos, rights.error().find("cannot take")) << rights.error();
-    EXPECT_FALSE(rights.reduced());
     EXPECT_TRUE(readable(priv));
     EXPECT_EQ(before, groupsOfThisThread());
   }).join();
@@ -115,17 +115,17 @@ TEST_F(CallerRightsTest, OtherThreadsKeepTheAgentsRights) {
     ready.wait();
     could.set_value(readable(priv));
   });
-  const CallerRights rights(caller);
+  const auto rights = CallerRights::take(caller);
   go.set_value();
   EXPECT_TRUE(could.get_future().get());
   early.join();
 }
 
 TEST_F(CallerRightsTest, SuspendedTheThreadHasTheAgentsRightsForAWhile) {
-  const CallerRights rights(caller);
+  const auto rights = CallerRights::take(caller);
   ASSERT_FALSE(readable(priv));
   {
-    const CallerRights::Suspended agents(&rights);
+    const CallerRights::Suspended agents(rights->get());
     EXPECT_TRUE(readable(priv));
     dir.write("written", "x");
     struct stat status {};
@@ -137,8 +137,9 @@ TEST_F(CallerRightsTest, SuspendedTheThreadHasTheAgentsRightsForAWhile) {
 }
 
 TEST_F(CallerRightsTest, ForRootNothingIsChanged) {
-  const CallerRights rights(CallerId{0, 0, {}, getpid()});
-  EXPECT_FALSE(rights.reduced());
+  const auto rights = CallerRights::take(CallerId{0, 0, {}, getpid()});
+  ASSERT_TRUE(rights);
+  EXPECT_FALSE((*rights)->reduced());
   EXPECT_TRUE(readable(priv));
 }
 
@@ -146,10 +147,10 @@ TEST_F(CallerRightsTest, AnAgentThatIsNotRootChangesNothingForItsOwnUserAndForRo
   std::thread([] {
     ASSERT_EQ(0, syscall(SYS_setresuid, kUser, kUser, kUser));
     for (const uid_t uid : {kUser, uid_t{0}}) {
-      const CallerRights rights(CallerId{uid, kGroup, {}, getpid()});
-      EXPECT_EQ("", rights.error());
-      EXPECT_FALSE(rights.reduced());
-      const CallerRights::Suspended agents(&rights);
+      const auto rights = CallerRights::take(CallerId{uid, kGroup, {}, getpid()});
+      ASSERT_TRUE(rights) << rights.error();
+      EXPECT_FALSE((*rights)->reduced());
+      const CallerRights::Suspended agents(rights->get());
       EXPECT_EQ(kUser, static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))));
     }
   }).join();
@@ -157,17 +158,13 @@ TEST_F(CallerRightsTest, AnAgentThatIsNotRootChangesNothingForItsOwnUserAndForRo
 
 TEST_F(CallerRightsTest, AnAgentThatIsNotRootRefusesToActForAnotherUser) {
   std::string error;
-  bool reduced = true;
   std::thread([&] {
     // Of this thread alone, as the rights are; the process's other threads stay root.
     if (syscall(SYS_setresuid, kUser + 1, kUser + 1, kUser + 1) == 0) {
-      const CallerRights rights(caller);
-      error = rights.error();
-      reduced = rights.reduced();
+      error = CallerRights::take(caller).error();
     }
   }).join();
   EXPECT_NE(std::string::npos, error.find("does not run as root"));
-  EXPECT_FALSE(reduced);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The course of a scan: how it begins, what it counts, remembers and tells, how it ends.
+// The course of a scan: beginning, counters, cache, notifications, end.
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "TaskFixture.h"
+#include "ScanTaskTest.h"
 #include "engine/Digest.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
@@ -15,6 +15,8 @@
 namespace agent {
 namespace {
 
+using enum json::TaskState;
+using enum json::HandleResult;
 using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -33,15 +35,15 @@ using ScanCourse = ScanTaskTest;
 TEST_F(ScanCourse, AScanThatIsStoppedBeforeItBeganIsNotMade) {
   owner = std::make_shared<TaskListener>();
   ScanTask task({*store, spawner, {}}, "token", custom({dir.path()}), caller, owner);
-  EXPECT_EQ(std::nullopt, task.prepared(std::chrono::milliseconds(1)));
+  EXPECT_TRUE(task.waitPrepared(std::chrono::milliseconds(1)));  // not known yet
   EXPECT_TRUE(task.stop("no longer wanted"));
-  task.start({[this] { ++released; }, [this] { ++told; }});
+  task.start({[this] { ++released; }, [this] { ++delivered; }});
   EXPECT_TRUE(task.waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
+  EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
   EXPECT_EQ("no longer wanted", owner->detail());
-  EXPECT_EQ("no longer wanted", task.prepared(kLimit));
+  EXPECT_EQ("no longer wanted", task.waitPrepared(kLimit).error());
   EXPECT_EQ(1, released);
-  EXPECT_EQ(1, told);
+  EXPECT_EQ(1, delivered);
 }
 
 TEST_F(ScanCourse, WithoutSignaturesAScanIsNotMade) {
@@ -51,7 +53,7 @@ TEST_F(ScanCourse, WithoutSignaturesAScanIsNotMade) {
   scanner = &none;
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
+  EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr("no signatures are loaded"));
 }
 
@@ -87,7 +89,7 @@ TEST_F(ScanCourse, AStopEndsTheWaitForSignaturesThatLoad) {
     const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
     EXPECT_TRUE(task->stop("no longer wanted"));
     EXPECT_TRUE(task->waitOver(kLimit));
-    EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
+    EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
     EXPECT_EQ("no longer wanted", owner->detail());
     return;
   }
@@ -109,11 +111,11 @@ TEST_P(ItemThatIsNeverScanned, StartsNoScanWhateverTheOthersAre) {
   const std::unique_ptr<ScanTask> task =
       begin(custom({dir.write("file", testsupport::eicar()), item.front() == '/' ? item : dir.at(item)}));
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
+  EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr(GetParam().why));
   EXPECT_THAT(owner->risks(), IsEmpty());
   EXPECT_EQ(1, released);
-  EXPECT_EQ(1, told);
+  EXPECT_EQ(1, delivered);
 }
 
 INSTANTIATE_TEST_SUITE_P(Items, ItemThatIsNeverScanned,
@@ -140,7 +142,7 @@ TEST_F(ScanCourse, ItsAttributesNameTheKindTheWorkersAndTheSignatures) {
   EXPECT_EQ(5, owner->attributes()["scan_type"].asInt());
   EXPECT_EQ(spawner.signatureState().version, owner->attributes()["signature_version"].asString());
   EXPECT_EQ(1, released);
-  EXPECT_EQ(1, told);
+  EXPECT_EQ(1, delivered);
 }
 
 TEST_F(ScanCourse, OnANetworkFileSystemWhatWasAskedForIsScannedAndAStageIsNot) {
@@ -178,11 +180,11 @@ TEST_F(ScanCourse, ProcessesThatRunADetectionAreLeftOutWithoutMemoryCheck) {
   plan.endProcesses = false;
   scan(plan);
   EXPECT_THAT(owner->processes(), ElementsAre(process->pid()));
-  EXPECT_EQ(json::HandleResult::kReportedOnly, owner->handled(process->pid()));
+  EXPECT_EQ(kReportedOnly, owner->handled(process->pid()));
   EXPECT_TRUE(process->running());
   plan.endProcesses = true;
   scan(plan);
-  EXPECT_EQ(json::HandleResult::kProcessEnded, owner->handled(process->pid()));
+  EXPECT_EQ(kProcessEnded, owner->handled(process->pid()));
   EXPECT_EQ(128 + SIGKILL, process->wait());
   EXPECT_THAT(testsupport::readFile(dir.at("state/audit.log")),
               AllOf(HasSubstr("end process"), HasSubstr(std::to_string(process->pid()) + " " + path)));
@@ -227,8 +229,7 @@ TEST_F(ScanCourse, BehindAStopNoStageEndsAndNoneBegins) {
   running = task.get();
   EXPECT_TRUE(task->waitOver(kLimit));
   EXPECT_THAT(owner->stages(), ElementsAre(0));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kAborted));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kAborted));
   EXPECT_EQ("enough", owner->detail());
   EXPECT_THAT(owner->percents(), Not(Contains(100)));
 }
@@ -246,7 +247,7 @@ TEST_F(ScanCourse, TheEndOfAStageIsToldBehindWhatItFound) {
   EXPECT_THAT(foundByThen, Contains(path));
 }
 
-// What is counted.
+// The counters.
 
 TEST_F(ScanCourse, EveryEntryIsMetAndEndsOnce) {
   dir.write("d/clean", "clean");
@@ -280,7 +281,7 @@ TEST_F(ScanCourse, ProgressIsToldWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
   ASSERT_TRUE(waitFor([&] { return task->percent() == 99; }));
   ASSERT_TRUE(waitFor([&] { return !owner->percents().empty() && owner->percents().back() == 99; }));
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted));
   EXPECT_EQ(0, released);
   release();
   EXPECT_TRUE(task->waitOver(kLimit));
@@ -298,9 +299,7 @@ TEST_F(ScanCourse, APauseIsToldBehindAnOverviewAndThenNothingUntilTheResume) {
   EXPECT_THAT(owner->percents(), ElementsAre(0));
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused,
-                          json::TaskState::kResumed, json::TaskState::kFinished));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused, kResumed, kFinished));
 }
 
 TEST_F(ScanCourse, TheTimeLimitEndsAScanWhateverItsFileDoes) {
@@ -309,8 +308,7 @@ TEST_F(ScanCourse, TheTimeLimitEndsAScanWhateverItsFileDoes) {
   plan.limit = std::chrono::seconds(1);
   const std::unique_ptr<ScanTask> task = begin(plan);
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kAborted));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kAborted));
   EXPECT_THAT(owner->detail(), HasSubstr("the time limit of 1 seconds is over"));
 }
 
@@ -333,7 +331,7 @@ TEST_F(ScanCourse, DetectionsThatWaitForTheirOwnerAreFew) {
   EXPECT_EQ(kFiles, static_cast<long>(owner->risks().size()));
 }
 
-// What is remembered.
+// The cache.
 
 TEST_F(ScanCourse, AFileThatIsKnownCleanIsNotReadAgainUnlessTheScanIsForced) {
   const std::string path = dir.write("file", "clean");
@@ -450,8 +448,7 @@ TEST_F(ScanCourse, ARejectedFileThatAStopLeftUnscannedIsNoDetection) {
   ASSERT_TRUE(waitFor([&] { return begun(path) == 1; }));
   EXPECT_TRUE(task->stop("enough"));
   EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kAborted));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kAborted));
   EXPECT_THAT(owner->risks(), IsEmpty());
 }
 
@@ -460,12 +457,12 @@ TEST_F(ScanCourse, ATrustedHashIsToldAsTrustedAndARejectedPathComesBeforeIt) {
   list(json::Region::kTrust, kMd5OfEicar, json::RegionItemType::kMd5);
   scan({path});
   EXPECT_THAT(owner->risks(), IsEmpty());
-  EXPECT_EQ(json::HandleResult::kTrusted, owner->handled(path));
+  EXPECT_EQ(kTrusted, owner->handled(path));
   EXPECT_EQ(1, owner->counted("trusted_risk_count"));
   list(json::Region::kReject, path);
   scan({path});
   EXPECT_THAT(owner->risks(), ElementsAre(path));
-  EXPECT_EQ(json::HandleResult::kReportedOnly, owner->handled(path));
+  EXPECT_EQ(kReportedOnly, owner->handled(path));
   EXPECT_EQ("Rejected.ByAdministrator", owner->lastName());
 }
 

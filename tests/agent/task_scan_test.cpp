@@ -7,7 +7,7 @@
 
 #include <optional>
 
-#include "TaskFixture.h"
+#include "ScanTaskTest.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 #include "task/FileSystems.h"
@@ -15,6 +15,7 @@
 namespace agent {
 namespace {
 
+using enum json::TaskState;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::waitFor;
@@ -25,18 +26,15 @@ TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsToldAndTheEndWaitsForTheR
   const std::unique_ptr<ScanTask> task = begin(custom({file}));
   ASSERT_TRUE(waitFor([&] { return owner->waiting.load(); }));  // the walk of one file is over
   EXPECT_TRUE(task->pause());
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted));
   owner->held = false;
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused));
   EXPECT_THAT(owner->risks(), ElementsAre(file));
   EXPECT_TRUE(task->paused());
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused,
-                          json::TaskState::kResumed, json::TaskState::kFinished));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused, kResumed, kFinished));
   EXPECT_FALSE(task->pause());
 }
 
@@ -49,11 +47,10 @@ TEST_F(ScanTaskTest, ATaskThatIsPausedAtItsEndCanBeStopped) {
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
   EXPECT_TRUE(task->stop("enough"));
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted,
-                                           json::TaskState::kPaused, json::TaskState::kAborted));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused, kAborted));
 }
 
-/// What the lists say of a file under the name of a link that leads to it, and under its own.
+/// The lists under the name of a link to a file, and under the name of the file.
 struct RegionRow {
   const char* name;
   std::optional<json::Region> asNamed, whereItIs;  ///< nullopt: not listed

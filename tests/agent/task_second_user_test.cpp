@@ -1,4 +1,4 @@
-// Scans for a user who is neither root nor the agent's own: what the agent can do and that user cannot.
+// Scans for a user who is neither root nor the agent's user.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "OwnMounts.h"
-#include "TaskFixture.h"
+#include "ScanTaskTest.h"
 #include "platform/CLogDebug.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -17,6 +17,8 @@
 namespace agent {
 namespace {
 
+using enum json::TaskState;
+using enum json::HandleResult;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -67,10 +69,10 @@ TEST_P(InAFolderThatTheCallerWrites, AFileOfAnotherUserIsNotTakenAwayAndOneOfThe
   const std::string thirds = infected("d/thirds", kThird);
   const std::string own = infected("d/own", kUser);
   scan(handling({place}, GetParam().handling));
-  EXPECT_EQ(json::HandleResult::kQuarantined, owner->handled(own)) << owner->handledHow(own);
+  EXPECT_EQ(kQuarantined, owner->handled(own)) << owner->handledHow(own);
   EXPECT_FALSE(std::filesystem::exists(own));
   for (const std::string& path : {roots, thirds}) {
-    EXPECT_EQ(json::HandleResult::kFailed, owner->handled(path));
+    EXPECT_EQ(kFailed, owner->handled(path));
     EXPECT_THAT(owner->handledHow(path), HasSubstr("belongs to another user"));
     EXPECT_EQ(testsupport::eicar(), testsupport::readFile(path));
   }
@@ -89,7 +91,7 @@ TEST_F(ScanForASecondUser, AFileOfTheCallersInAFolderThatTheCallerCannotWriteIsN
   const std::string own = infected("d/own", kUser);
   for (const std::string& named : {dir.at("d"), own}) {
     scan(handling({named}, json::HandleAction::kQuarantine));
-    EXPECT_EQ(json::HandleResult::kFailed, owner->handled(own));
+    EXPECT_EQ(kFailed, owner->handled(own));
     EXPECT_THAT(owner->handledHow(own), HasSubstr("cannot write in the file's folder"));
     EXPECT_TRUE(std::filesystem::exists(own));
   }
@@ -104,7 +106,7 @@ TEST_F(ScanForASecondUser, OfTheProcessesThatRunADetectionTheCallersAloneAreTold
   plan.memoryCheck = plan.endProcesses = true;
   scan(plan);
   EXPECT_THAT(owner->processes(), ElementsAre(own->pid()));
-  EXPECT_EQ(json::HandleResult::kProcessEnded, owner->handled(own->pid()));
+  EXPECT_EQ(kProcessEnded, owner->handled(own->pid()));
   EXPECT_EQ(128 + SIGKILL, own->wait());
   EXPECT_TRUE(roots->running());
   EXPECT_TRUE(thirds->running());
@@ -125,7 +127,7 @@ TEST_F(ScanForASecondUser, APathThatTheCallerCannotOpenStartsNoScan) {
   ASSERT_EQ(0, chmod(path.c_str(), 0600));
   const std::unique_ptr<ScanTask> task = begin(custom({path}));
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
+  EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr("Permission denied"));
 }
 
@@ -137,7 +139,7 @@ TEST_F(ScanForASecondUser, AnAgentThatIsNotRootStartsNoScan) {
     const std::unique_ptr<ScanTask> task = begin(custom({path}));
     EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
   }).join();
-  EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kNotCreated));
+  EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
   EXPECT_THAT(owner->detail(), HasSubstr("does not run as root"));
 }
 
@@ -161,8 +163,7 @@ class StagesForASecondUser : public ScanForASecondUser {
     const bool ran = withOwnMounts(mounts, [&] {
       const std::unique_ptr<ScanTask> task = begin(plan);
       EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
-      EXPECT_THAT(owner->states(), ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted,
-                                               json::TaskState::kFinished));
+      EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kFinished));
       EXPECT_EQ(99, task->percent());  // what failed is behind it, too
     });
     return ran ? owner->counted("failed_item_count") : -1;
@@ -239,9 +240,7 @@ TEST_F(ScanForASecondUser, TheAgentsLogIsWrittenWithTheAgentsRights) {
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
-  EXPECT_THAT(owner->states(),
-              ElementsAre(json::TaskState::kCreated, json::TaskState::kStarted, json::TaskState::kPaused,
-                          json::TaskState::kResumed, json::TaskState::kFinished));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused, kResumed, kFinished));
   EXPECT_THAT(log.text(), HasSubstr("scan token paused"));
   EXPECT_THAT(log.text(), HasSubstr("scan token resumed"));
   EXPECT_THAT(log.text(), HasSubstr(hidden + ": not scanned: Permission denied"));

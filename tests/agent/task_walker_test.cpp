@@ -19,15 +19,15 @@
 #include <set>
 #include <thread>
 
+#include "WalkRecorder.h"
 #include "platform/Posix.h"
 #include "support/TempDir.h"
 #include "task/CallerRights.h"
 #include "task/FileSystems.h"
-#include "task/Walker.h"
 
 namespace {
 
-/// What becomes of an answer of readdir(); null: nothing.
+/// Changes the answers of readdir(); null: no change.
 std::function<dirent*(dirent*)> onReaddir;
 
 }  // namespace
@@ -48,51 +48,17 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-/// Writes down what a walk meets.
-class Recorder final : public WalkSink {
- public:
-  void file(MetFile met) override {
-    files.push_back(met.path);
-    resolved[met.path] = met.resolved;
-    statusNs[met.path] = met.statusNs;
-    sizes[met.path] = met.status.st_size;
-    char text[64] = {};
-    const ssize_t count = read(met.fd.get(), text, sizeof text - 1);
-    contents[met.path] = std::string(text, count > 0 ? static_cast<std::size_t>(count) : 0);
-    writable[met.path] = met.folderWritable;
-    if (onFile) {
-      onFile(met.path);
-    }
-  }
-  void skipped(const std::string& path, const std::string& reason) override { skips[path] = reason; }
-  void failed(const std::string& path, const std::string& reason) override { failures[path] = reason; }
-  bool keepGoing() override { return allowed-- > 0; }
-  void advanced(double share) override {
-    EXPECT_GE(share, 0);
-    progress += share;
-  }
-
-  std::vector<std::string> files;
-  std::map<std::string, off_t> sizes;
-  std::map<std::string, std::string> resolved, contents, skips, failures;
-  std::map<std::string, std::int64_t> statusNs;
-  std::map<std::string, bool> writable;
-  std::function<void(const std::string&)> onFile;
-  long allowed = 1'000'000;
-  double progress = 0;
-};
-
 class WalkerTest : public ::testing::Test {
  protected:
-  /// The error of opening the path; else what the walk meets is in `met`.
+  /// Walks into `met`. Returns the error of opening the path.
   std::string walk(const std::string& path, Walker::Options options = {}) {
     Walker walker(std::move(options), met);
-    std::string error;
-    Walker::Named named = Walker::open(path, &error);
-    if (error.empty()) {
-      walker.walk(std::move(named), 1.0);
+    auto named = Walker::open(path);
+    if (!named) {
+      return named.error();
     }
-    return error;
+    walker.walk(std::move(*named), 1.0);
+    return "";
   }
 
   Walker::Options excluding(const char* folder) {
@@ -108,7 +74,7 @@ class WalkerTest : public ::testing::Test {
   }
 
   testsupport::TempDir dir;
-  Recorder met;
+  WalkRecorder met;
 };
 
 TEST_F(WalkerTest, EveryFileOfATreeIsMetOnceAndOpen) {
@@ -173,7 +139,7 @@ TEST_F(WalkerTest, WhetherANamedFilesFolderIsWritableIsAskedOfTheFolderThatHolds
     ASSERT_EQ(0, chmod(dir.at(folder).c_str(), folder == std::string("his") ? 0777 : 0755));
   }
   std::thread([&] {
-    const CallerRights rights(CallerId{60123, 60124, {}, getpid()});
+    const auto rights = CallerRights::take(CallerId{60123, 60124, {}, getpid()});
     EXPECT_EQ("", walk(dir.at("his/link")));
   }).join();
   ASSERT_EQ(1U, met.writable.count(dir.at("his/link")));
@@ -204,10 +170,7 @@ TEST_F(WalkerTest, AFolderOrFileOnANetworkFileSystemIsSkippedUnlessItWasAskedFor
     EXPECT_EQ("network file system nfs", met.skips[path]);
 
     Walker walker(options, met);
-    std::string error;
-    Walker::Named asked = Walker::open(path, &error);
-    asked.asked = true;
-    walker.walk(std::move(asked), 1.0);
+    walker.walk(Walker::open(path).value(), 1.0, NamedBy::kCaller);
     EXPECT_THAT(met.files, ElementsAre(dir.at("home/file")));
     met.files.clear();
   }
@@ -278,8 +241,7 @@ TEST_F(WalkerTest, AFileInTheRootFolderIsMetWithThatFolder) {
 TEST_F(WalkerTest, APathWhoseResolvedNameIsUnknownIsMetAsItWasNamed) {
   const std::string path = dir.write("d/file", "x");
   Walker walker({}, met);
-  std::string error;
-  Walker::Named named = Walker::open(dir.at("d"), &error);
+  EncounteredFile named = Walker::open(dir.at("d")).value();
   named.resolved.clear();
   walker.walk(std::move(named), 1.0);
   EXPECT_THAT(met.files, ElementsAre(path));
@@ -313,7 +275,7 @@ TEST_F(WalkerTest, WhatAUserCannotOpenIsAnErrorEach) {
   ASSERT_EQ(0, chmod(dir.at("tree/hidden").c_str(), 0600));
   ASSERT_EQ(0, chmod(dir.at("tree/closed").c_str(), 0700));
   std::thread([&] {
-    const CallerRights rights(CallerId{60123, 60124, {}, getpid()});
+    const auto rights = CallerRights::take(CallerId{60123, 60124, {}, getpid()});
     EXPECT_EQ("", walk(dir.at("tree")));
   }).join();
   EXPECT_THAT(met.files, ElementsAre(open));
@@ -411,7 +373,7 @@ TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
     if (path != folders.back() + "/last") {
       return;
     }
-    // A folder whose neighbour is still to be met, so that the walk has a reason to come back to its parent.
+    // A folder with an unvisited neighbour: the walk must come back to the parent.
     for (int i = kMovedLevels; i > 0 && left.empty(); --i) {
       const std::string name = "/beside" + std::to_string(i);
       const std::string neighbour = folders[static_cast<std::size_t>(i)] + name;
@@ -431,7 +393,7 @@ TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
   EXPECT_NEAR(1.0, met.progress, 1e-6);
 }
 
-/// What stands in an entry's place by the time the walk comes to it.
+/// The entry that replaces another before the walk opens it.
 struct ExchangeRow {
   const char* name;
   std::function<void(const testsupport::TempDir&, const std::string& path)> put;
@@ -515,9 +477,8 @@ INSTANTIATE_TEST_SUITE_P(By, ExchangedFolder,
 TEST_F(WalkerTest, AFolderMetTwiceIsScannedOnce) {
   dir.write("a/file", "x");
   Walker walker({}, met);
-  std::string error;
-  walker.walk(Walker::open(dir.at("a"), &error), 0.5);
-  walker.walk(Walker::open(dir.path(), &error), 0.5);
+  walker.walk(Walker::open(dir.at("a")).value(), 0.5);
+  walker.walk(Walker::open(dir.path()).value(), 0.5);
   EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("a/file")));
   EXPECT_THAT(met.skips[dir.at("a")], HasSubstr("before"));
   EXPECT_NEAR(1.0, met.progress, 1e-9);
@@ -590,10 +551,7 @@ TEST_F(WalkerTest, BelowWhatWasAskedForOtherMountsAloneAreAskedWhatTheyAre) {
   options.fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
   for (const char* path : {"/dev", "/dev/shm"}) {
     Walker walker(options, met);
-    std::string error;
-    Walker::Named asked = Walker::open(path, &error);
-    asked.asked = true;
-    walker.walk(std::move(asked), 1.0);
+    walker.walk(Walker::open(path).value(), 1.0, NamedBy::kCaller);
     EXPECT_EQ(path == std::string("/dev/shm"), met.contents.count(far) == 1) << path;
   }
   EXPECT_EQ("network file system nfs", met.skips["/dev/shm"]);
@@ -604,8 +562,7 @@ TEST_F(WalkerTest, AFolderThatCannotBeReadIsAnErrorWithItsReason) {
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
 #endif
   Walker walker({}, met);
-  std::string error;
-  Walker::Named named = Walker::open(dir.path(), &error);
+  EncounteredFile named = Walker::open(dir.path()).value();
   rlimit normal{};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
   const rlimit none{1, normal.rlim_max};

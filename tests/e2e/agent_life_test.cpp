@@ -65,7 +65,8 @@ Json::Value slowly() {
 std::set<pid_t> processesOf(pid_t agent) {
   std::set<pid_t> family{agent};
   for (int round = 0; round < 4; ++round) {
-    for (const auto& program : agent::RunningPrograms::all()) {
+    const auto programs = agent::RunningPrograms::all().value();
+    for (const auto& program : programs) {
       std::string text = testsupport::readFile("/proc/" + std::to_string(program.pid) + "/stat");
       const std::size_t close = text.rfind(") ");
       const pid_t parent = close == std::string::npos ? 0 : std::stoi(text.substr(close + 4));

@@ -21,7 +21,7 @@
 
 namespace agent {
 
-/// A whole scan in this process: real store, real workers; only who hears of it is played.
+/// A whole scan in this process: real store, real workers, a fake owner.
 class ScanTaskTest : public ::testing::Test {
  protected:
   ScanTaskTest() { EXPECT_EQ(0, chmod(dir.path().c_str(), 0755)); }
@@ -59,7 +59,7 @@ class ScanTaskTest : public ::testing::Test {
     if (pausedAtFirst) {
       EXPECT_TRUE(task->pause());
     }
-    task->start({[this] { ++released; }, [this] { ++told; }});
+    task->start({[this] { ++released; }, [this] { ++delivered; }});
     return task;
   }
   void scan(const ScanPlan& plan) {
@@ -99,7 +99,7 @@ class ScanTaskTest : public ::testing::Test {
     EXPECT_TRUE(beside->waitOver(std::chrono::seconds(20)));
     owner = before;
   }
-  /// A plan of stages whose places all lie on a file system that is left out: programs alone are met.
+  /// A plan of stages whose places are all left out: the scan encounters programs only.
   ScanPlan programsOf(json::ScanMode mode) {
     fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
     ScanPlan plan;
@@ -135,7 +135,7 @@ class ScanTaskTest : public ::testing::Test {
     auto process =
         std::make_unique<testsupport::Process>(std::vector<std::string>{path, "600"}, std::move(options));
     EXPECT_TRUE(testsupport::waitFor([&] {
-      const std::vector<RunningProgram> all = RunningPrograms::all();
+      const auto all = RunningPrograms::all().value();
       return std::any_of(all.begin(), all.end(), [&](const RunningProgram& program) {
         return program.pid == process->pid() && program.path == path && program.uid == uid;
       });
@@ -152,7 +152,7 @@ class ScanTaskTest : public ::testing::Test {
   CallerId caller{geteuid(), getegid(), {}, getpid()};
   std::shared_ptr<TaskListener> owner;  ///< of the last scan
   std::function<void(int)> onStage;
-  std::atomic<int> released{0}, told{0};  ///< how often the tasks' hooks ran
+  std::atomic<int> released{0}, delivered{0};  ///< how often the tasks' hooks ran
   bool held = false;
   bool pausedAtFirst = false;
 };

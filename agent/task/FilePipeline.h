@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "task/DetectionHandler.h"
+#include "task/EncounteredFile.h"
+#include "task/ScanContext.h"
+#include "worker/WorkerPool.h"
+
+namespace agent {
+
+/// What becomes of each file that a scan encounters: left out, known as clean, or scanned by a worker; then
+/// counted, remembered as clean, or handed to the DetectionHandler. Called with the agent's own rights.
+/// Walking thread, except for cancel().
+class FilePipeline {
+ public:
+  /// Starts the workers. signatureVersion: the cache answers for the same version only.
+  FilePipeline(const ScanContext& context, Spawner& spawner, const std::string& signatureVersion);
+
+  /// Waits while many files are queued or many detections are not handled.
+  void file(EncounteredFile file);
+  void skipped(const std::string& path, const std::string& reason);
+  void failed(const std::string& path, const std::string& reason);
+  /// Waits until each file has ended and each detection is handled.
+  void waitUntilDone();
+  /// Ends the workers: files that have not ended are skipped. Any thread.
+  void cancel() { pool_.cancel(true); }
+  unsigned workerCount() const { return pool_.size(); }
+
+ private:
+  RegionVerdict regionOf(const EncounteredFile& file) const;
+  bool hasUsableTimes(const EncounteredFile& file);
+  void submit(EncounteredFile file, bool rejected, bool cacheable);
+  bool applyRegions(Verdict& verdict, bool rejected) const;
+  void ended(const std::shared_ptr<EncounteredFile>& file, Verdict verdict, bool rejected, bool cacheable);
+  void endedClean(const EncounteredFile& file, bool cacheable);
+  void countSkipped(const std::string& path, const std::string& reason);
+  void countFailed(const std::string& path, const std::string& reason);
+
+  const ScanContext context_;
+  std::string cacheKey_;
+  std::unordered_map<dev_t, bool> usableTimes_;  // by file system
+  DetectionHandler handler_;
+  WorkerPool pool_;  // ends first: its callbacks use the handler
+};
+
+}  // namespace agent
