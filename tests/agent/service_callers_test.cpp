@@ -1,5 +1,5 @@
-// Who may call what: the agent's methods as the bus calls them, with real processes of several users as
-// callers. Only the bus is played.
+// The users who may call each of the agent's methods: real processes of several users call over a fake
+// endpoint.
 
 #include <gmock/gmock.h>
 #include <grp.h>
@@ -13,6 +13,8 @@
 #include <functional>
 
 #include "json/CppJson.h"
+#include "jsonrpchelper/AgentStub.h"
+#include "jsonrpchelper/IJsonRpcClientHelper.h"
 #include "platform/ProcessStat.h"
 #include "service/AgentService.h"
 #include "service/Callers.h"
@@ -128,7 +130,7 @@ TEST(CallerIdOf, AProcessWithTwoUsersLendsNoGroups) {
   }
 }
 
-/// The service on a played endpoint; store and tasks are real.
+/// The service on a fake endpoint; store and tasks are real.
 class Service : public ::testing::Test {
  protected:
   Service() {
@@ -138,6 +140,7 @@ class Service : public ::testing::Test {
   ~Service() override {
     open();
     helper_.unregisterFrom(endpoint_);
+    EXPECT_TRUE(notifications_.drain(std::chrono::seconds(20)));
   }
   void serve(std::optional<gid_t> group) {
     service_.reset();
@@ -190,8 +193,12 @@ class Service : public ::testing::Test {
     return value;
   }
 
-  // The changes that not everybody may make. Each says whether it was let through, and sees that nothing came
-  // of one that was not.
+  Json::Value filesOn(json::Region region) const {
+    return store_->regions().list(json::RegionDomain::kEvery, json::RegionItemType::kFile, region);
+  }
+
+  // The restricted changes. Each returns whether it was allowed, and checks that a refused one changes
+  // nothing.
   bool changesSettings(const lunet::PeerIdentity& caller) {
     const int before =
         store_->settings().document(json::ConfigType::kScan).get("Common", {})["SkipSize"].asInt();
@@ -206,15 +213,9 @@ class Service : public ::testing::Test {
     Json::Value params = object(R"({"desc":"d","region_type":0,"source":1,
                                     "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
     params["items"]["items"].append(json::encodePath("/trusted/" + std::to_string(++count_)));
-    const auto before =
-        store_->regions()
-            .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
-            .size();
+    const auto before = filesOn(json::Region::kTrust).size();
     const bool done = call(caller, "ctlRegion", params).asBool();
-    EXPECT_EQ(store_->regions()
-                  .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
-                  .size(),
-              before + (done ? 1 : 0));
+    EXPECT_EQ(filesOn(json::Region::kTrust).size(), before + (done ? 1 : 0));
     return done;
   }
   bool emptiesCache(const lunet::PeerIdentity& caller) {
@@ -287,12 +288,66 @@ class Service : public ::testing::Test {
   Spawner spawner_{config(dir_)};
   std::unique_ptr<Store> store_ = Store::open(dir_.at("state"));
   testsupport::FakeEndpoint endpoint_;
+  testsupport::FakeEndpoint notified_;  ///< used on the queue's thread
   NotificationQueue notifications_;
-  TaskManager tasks_{TaskManager::Parts{*store_, spawner_, notifications_, endpoint_, {}}};
+  TaskManager tasks_{TaskManager::Parts{*store_, spawner_, notifications_, notified_, {}}};
   jsonrpchelper::IJsonRpcServerHelper helper_;
   std::unique_ptr<AgentService> service_;
   int count_ = 0;
 };
+
+/// Calls through the stub, as a user who is neither root nor the agent's user, and in no group.
+class ServiceAccess : public Service {
+ protected:
+  ServiceAccess() {
+    endpoint_.peerProcess = {getpid(), kUser, kUser, 0};
+    endpoint_.answer = [this](const std::string& request) {
+      return endpoint_.deliver(lunet::kRequestChannel, request, true).reply;
+    };
+  }
+  template <class... Methods>
+  void checkEach(jsonrpchelper::MethodList<Methods...>) {
+    (checkOne<Methods>(), ...);
+  }
+
+  jsonrpchelper::IJsonRpcClientHelper client_{&endpoint_, lunet::kAgentGuid, lunet::kRequestChannel,
+                                              lunet::kOnewayChannel, 1000};
+  jsonrpchelper::AgentStub stub_{client_};
+
+ private:
+  /// Calls with empty parameters. The call may fail.
+  template <class Method>
+  void checkOne() {
+    const int before = audited("refused: not allowed");
+    try {
+      stub_.call(Method{});
+    } catch (const jsonrpc::JsonRpcException&) {
+    }
+    if (endpoint_.last().operation == "OnewaySend") {
+      endpoint_.deliver(lunet::kOnewayChannel, endpoint_.last().text, false);
+    }
+    EXPECT_EQ(audited("refused: not allowed") > before,
+              Method::kAccess == jsonrpchelper::Access::kWhoMayChange)
+        << Method::kName;
+  }
+};
+
+TEST_F(ServiceAccess, IsWhatTheTableOfMethodsSays) {
+  checkEach(jsonrpchelper::AgentMethods());
+}
+
+TEST_F(ServiceAccess, ACallerWhoMayChangeNothingGetsTheAnswerOfEachMethodsKind) {
+  EXPECT_FALSE(
+      stub_.call(jsonrpchelper::SetAVConfig{.config_str = "{}", .config_type = 0, .request_source = 1}));
+  EXPECT_FALSE(stub_.call(jsonrpchelper::CtlRegion{.desc = "", .items = {}, .region_type = 0, .source = 1}));
+  const Json::Value answer = stub_.call(
+      jsonrpchelper::StartDeIsolate{.ctx = {}, .desc = "", .params = {}, .source = 1, .token_id = ""});
+  EXPECT_EQ(answer["status"], false);
+  EXPECT_NE(answer["token_id"].asString(), "");
+  ASSERT_EQ(answer["detail"].size(), 1u);
+  EXPECT_EQ(answer["detail"][0]["uuid"], "");
+  EXPECT_EQ(answer["detail"][0]["reason"], "not allowed");
+}
 
 TEST_F(Service, LetsRootAndMembersOfTheGroupChangeWhatItKeeps) {
   expectAll(true, rootsIdentity(), "root");
@@ -377,21 +432,14 @@ TEST_F(Service, RestoresForTheCallerAndSaysWhatItCouldNot) {
   EXPECT_EQ(half["detail"][0]["uuid"].asString(), "no-such-item");
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(audited("action=\"restore\" object=\"" + uuid + "\" outcome=\"done\""), 1);
-  EXPECT_EQ(store_->regions()
-                .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
-                .size(),
-            0U)
-      << "action 1 trusts nothing";
+  EXPECT_EQ(filesOn(json::Region::kTrust).size(), 0U) << "action 1 trusts nothing";
 
   const std::string second = quarantine("second", 0);
   Json::Value trusting = restoreOf(call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString());
   trusting["params"]["action"] = 2;
   EXPECT_TRUE(call(rootsIdentity(), "startDeIsolate", trusting)["status"].asBool());
   EXPECT_TRUE(std::filesystem::exists(second));
-  EXPECT_EQ(store_->regions()
-                .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kTrust)
-                .size(),
-            1U);
+  EXPECT_EQ(filesOn(json::Region::kTrust).size(), 1U);
 }
 
 TEST_F(Service, RefusesARestoreThatNamesNoActionOrNoItem) {
@@ -452,8 +500,8 @@ TEST_F(Service, TellsTheProcessThatStartedATaskAndNoOther) {
   ASSERT_TRUE(call(starter.identity(), "startScanTask", scanOf(path))["status"].asBool());
   EXPECT_TRUE(waitFor([&] { return tasks_.count() == 0; }));
   ASSERT_TRUE(notifications_.drain(std::chrono::seconds(20)));
-  ASSERT_FALSE(endpoint_.sent.empty());
-  for (const auto& notice : endpoint_.sent) {
+  ASSERT_FALSE(notified_.sent.empty());
+  for (const auto& notice : notified_.sent) {
     EXPECT_EQ(notice.operation, "SendToProcess");
     EXPECT_EQ(notice.process, starter.identity());
     EXPECT_EQ(lunet::formatGuid(notice.target), lunet::formatGuid(lunet::parseGuid(lunet::kConsoleGuid)));
@@ -470,17 +518,13 @@ TEST_F(Service, DescribesAFileInAListOnlyToTheEyesOfWhoMayReadIt) {
                                     "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
     params["items"]["items"].append(json::encodePath(path));
     ASSERT_TRUE(call(member.identity(), "ctlRegion", params).asBool());
-    for (const Json::Value& item : store_->regions().list(
-             json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kReject)) {
+    for (const Json::Value& item : filesOn(json::Region::kReject)) {
       if (json::decodePath(item["item"].asString()) == path) {
         EXPECT_EQ(item["md5"].asString() != "", described) << owner;
         EXPECT_EQ(item["file_size"].asInt() != 0, described) << owner;
       }
     }
-    EXPECT_EQ(store_->regions()
-                  .list(json::RegionDomain::kEvery, json::RegionItemType::kFile, json::Region::kReject)
-                  .size(),
-              described ? 2U : 1U);
+    EXPECT_EQ(filesOn(json::Region::kReject).size(), described ? 2U : 1U);
   }
 }
 
