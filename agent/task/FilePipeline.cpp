@@ -107,7 +107,7 @@ void FilePipeline::submit(EncounteredFile encountered, bool rejected, bool cache
   ScanOptions options = context_.plan.options;
   options.hashesWanted = rejected || context_.store.regions().hashesNeeded();
   handler_.waitBelow(kMostDetections);
-  pool_.scan(copy.release(), file->path, options, [this, file, rejected, cacheable](Verdict verdict) {
+  pool_.scan(std::move(copy), file->path, options, [this, file, rejected, cacheable](Verdict verdict) {
     try {
       ended(file, std::move(verdict), rejected, cacheable);
     } catch (const std::exception& error) {
