@@ -1,6 +1,5 @@
 #include "QuarantineFixture.h"
 
-#include <sqlite3.h>
 #include <sys/xattr.h>
 
 #include <algorithm>
@@ -137,10 +136,7 @@ void QuarantineTest::exitAt(const std::string& step) {
 }
 
 void QuarantineTest::sql(const char* text) {
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, text, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-  sqlite3_close(db);
+  store::Database(stateDir() + "/agent.db", store::Durability::kFull).run(text);
 }
 
 int QuarantineTest::inChild(const std::function<void()>& what) {

@@ -1,5 +1,4 @@
-#include <sqlite3.h>
-
+#include <array>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -118,17 +117,8 @@ TEST_P(EverySettingTest, RefusesANumberOutsideItsRange) {
 }
 
 const char* kindName(SettingKind kind) {
-  switch (kind) {
-    case SettingKind::kSwitch:
-      return "switch";
-    case SettingKind::kNumber:
-      return "number";
-    case SettingKind::kText:
-      return "text";
-    case SettingKind::kWords:
-      return "words";
-  }
-  return "";
+  static constexpr std::array kNames = {"switch", "number", "text", "words"};
+  return kNames.at(static_cast<std::size_t>(kind));
 }
 
 class EveryDocumentedSettingTest : public testing::TestWithParam<Setting> {};
@@ -265,14 +255,8 @@ TEST_F(SettingsTest, ATextLongerThanItMayBeIsRefused) {
 }
 
 TEST_F(SettingsTest, AChangeThatCannotBeStoredIsNone) {
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(
-      sqlite3_exec(db,
-                   "CREATE TRIGGER refuse BEFORE INSERT ON settings BEGIN SELECT RAISE(ABORT,'refused'); END",
-                   nullptr, nullptr, nullptr),
-      SQLITE_OK);
-  sqlite3_close(db);
+  store::Database(stateDir() + "/agent.db", store::Durability::kFull)
+      .run("CREATE TRIGGER refuse BEFORE INSERT ON settings BEGIN SELECT RAISE(ABORT,'refused'); END");
   EXPECT_THAT(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":5}})"),
               testing::StartsWith("cannot be stored: "));
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "SkipSize").asInt(), 0);
@@ -328,14 +312,9 @@ TEST_F(SettingsTest, EveryLineOfTheConsolesGrammarIsAcceptedWithValuesInRange) {
 TEST_F(SettingsTest, AStoredValueThatIsNotAllowedGivesWayToItsDefaultAndIsSaid) {
   accept(json::ConfigType::kScan, R"({"Common":{"SkipSize":5,"Parallelism":8}})");
   store_.reset();
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db,
-                         R"(UPDATE settings SET document='{"Common":{"SkipSize":-7,"Parallelism":8,"Old":1}}';
-                            INSERT INTO settings VALUES (2,'garbage'))",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
+  store::Database(stateDir() + "/agent.db", store::Durability::kFull)
+      .run(R"(UPDATE settings SET document='{"Common":{"SkipSize":-7,"Parallelism":8,"Old":1}}';
+                            INSERT INTO settings VALUES (2,'garbage'))");
   reopen();
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "SkipSize").asInt(), 0);
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "Parallelism").asInt(), 8);
