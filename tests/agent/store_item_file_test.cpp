@@ -11,6 +11,7 @@
 #include "store/ItemFile.h"
 #include "store/Sqlite.h"
 #include "support/FileCalls.h"
+#include "support/Reason.h"
 
 namespace agent {
 namespace {
@@ -156,10 +157,10 @@ TEST_F(ItemFileTest, AFileThatIsCutWhileItIsReadIsRefused) {
 
 TEST_F(ItemFileTest, AFileThatTheDiskDoesNotReadIsRefusedWithTheReason) {
   itemOf("content");
-  const store::UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  const platform::Descriptor fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
   testsupport::FileCalls calls;
   calls.fail("read ", "item", EIO);
-  EXPECT_EQ(store::whyDamaged(fd.get()), "is damaged: Input/output error");
+  EXPECT_EQ(testsupport::reasonOf(store::checkItem(fd.get())), "is damaged: Input/output error");
 }
 
 TEST_F(ItemFileTest, NoMoreIsWrittenThanIsAllowed) {

@@ -116,7 +116,7 @@ TEST_F(ServerHelperLimits, AnAnswerLargerThanTheBusCarriesBecomesAnErrorAnswer) 
   IJsonRpcServerHelper::ReplyTarget target{&endpoint, 7, &delivery};
   EXPECT_TRUE(helper.SendResponse(std::string(std::size_t{lunet::kMaxMessageBytes} + 1, 'x'), &target));
   ASSERT_LT(delivery.reply.size(), 1000u);
-  const Json::Value answer = parsed(delivery.reply);
+  const Json::Value answer = jsonOf(delivery.reply);
   EXPECT_EQ(answer["error"]["code"].asInt(), Errors::ERROR_RPC_INTERNAL_ERROR);
   EXPECT_THAT(delivery.reply, HasSubstr("larger than the bus carries"));
 }

@@ -209,7 +209,7 @@ bool failSends(unsigned error) {
 struct SendErrorRow {
   const char* name;
   int error;
-  FrameWriter::Result result;
+  lunet::Error result;
 };
 
 /// In a child, whose sends fail from there on.
@@ -219,15 +219,15 @@ TEST_P(SendErrorTest, WaitsWhenItPassesAndElseIsTheEnd) {
   const auto writeWithoutSending = [this] {
     const bool asTold = failSends(static_cast<unsigned>(GetParam().error)) &&
                         write(10) == GetParam().result &&
-                        (GetParam().result == FrameWriter::Result::kGone || writer.flush());
+                        (GetParam().result == lunet::kErrPeerLost || writer.flush());
     _exit(asTold ? 0 : 1);
   };
   EXPECT_EXIT(writeWithoutSending(), testing::ExitedWithCode(0), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Errors, SendErrorTest,
-                         testing::Values(SendErrorRow{"NoRoom", EAGAIN, FrameWriter::Result::kTaken},
-                                         SendErrorRow{"NoBuffers", ENOBUFS, FrameWriter::Result::kTaken},
-                                         SendErrorRow{"NoMemory", ENOMEM, FrameWriter::Result::kTaken},
-                                         SendErrorRow{"NobodyThere", EPIPE, FrameWriter::Result::kGone}),
+                         testing::Values(SendErrorRow{"NoRoom", EAGAIN, lunet::kOk},
+                                         SendErrorRow{"NoBuffers", ENOBUFS, lunet::kOk},
+                                         SendErrorRow{"NoMemory", ENOMEM, lunet::kOk},
+                                         SendErrorRow{"NobodyThere", EPIPE, lunet::kErrPeerLost}),
                          [](const auto& row) { return std::string(row.param.name); });

@@ -99,7 +99,7 @@ TEST_F(DebugLog, OnlyItsOwnerReadsTheFile) {
 TEST_F(DebugLog, TheFoldersItMakesCanBeEnteredByEverybodyAndWrittenByTheirOwner) {
   const mode_t before = umask(0);
   configure(dir_.at("made/below"));
-  CLogDebug::LogPrintStr(4, "s", "f", 1, "x");
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "x");
   umask(before);
   for (const char* folder : {"made", "made/below"}) {
     struct stat st {};
