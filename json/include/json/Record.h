@@ -4,10 +4,8 @@
 
 namespace JsonReflect {
 
-/// Reads and writes a record by its one list of members. A record R derives from Record<R> and has
-///   template <class Self, class Visitor> static void members(Self& self, Visitor& visit);
-/// which calls visit(key, self.member) for each member in order. Members are bool,
-/// std::int32_t, std::int64_t, std::string, other records, and vectors of strings or records.
+/// Reads and writes a record by its list of members (Members.h). A record R derives from Record<R>. Members
+/// are bool, std::int32_t, std::int64_t, std::string, other records, and vectors of strings or records.
 template <class R>
 class Record : public JsonSerializerObject {
  public:

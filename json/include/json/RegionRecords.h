@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "json/Members.h"
 #include "json/Record.h"
 
 /// The records of the quarantine and of the trust and reject lists. Paths have the wire form
@@ -28,8 +29,8 @@ class IsolationItem : public Record<IsolationItem> {
   std::int32_t engine_type = 0;  ///< json::Engine::code
   std::string virus_name;        ///< name of the detection
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(filemd5_repaired, uid, filetype_src, isolate_time, uuid, filemd5_src, risk_type_name, gid,
+               mode, filepath_src, size, risk_type, engine_type, virus_name);
 };
 
 /// "params" of startDeIsolate.
@@ -41,8 +42,7 @@ class DeIsolateParams : public Record<DeIsolateParams> {
   std::string custom_path;         ///< a path: the target folder; empty: the original folder
   std::vector<std::string> items;  ///< UIDs
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(action, item_number, is_all, custom_path, items);
 };
 
 /// One entry of the trust or reject list in the answer of getRegionInfo.
@@ -59,8 +59,8 @@ class FilterRegionItem : public Record<FilterRegionItem> {
   std::string md5;
   std::int64_t add_time = 0;  ///< seconds since 1970-01-01
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(valid_statue, domain, uuid, item_type, exist_state, item, modify_time, file_size, md5,
+               add_time);
 };
 
 }  // namespace JsonReflect

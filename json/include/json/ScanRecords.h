@@ -4,12 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "json/Members.h"
 #include "json/Record.h"
 #include "platform/Locks.h"
 
 /// The records of a scan: the request, and the reports of the running scan. Paths have the wire form
 /// (json::encodePath). Times are seconds since 1970-01-01. Not thread-safe, except for
-/// ScanParams, which ScanParams.cpp defines.
+/// ScanParams.
 namespace JsonReflect {
 
 /// "params" of startScanTask. Any thread, except for changes of the list that items() returns.
@@ -91,8 +92,8 @@ struct FileRiskMembers {
   std::int32_t finder = 0;  ///< json::Finder
   std::string desc;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(filesize_src, file_trace_source, risk_name, engine_mark, filemd5_src, file_create_time, item,
+               filepath_src, risk_id, find_time, risk_type_name, file_modify_time, risk_type, finder, desc);
 };
 
 /// A file risk in reportRiskInfo and reportRiskFixInfo.
@@ -100,8 +101,10 @@ class VirusInfo : public Record<VirusInfo>, public FileRiskMembers {
  public:
   std::string filesha1_src;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  static void members(auto& self, auto& visit) {
+    FileRiskMembers::members(self, visit);
+    visit("filesha1_src", self.filesha1_src);
+  }
 };
 
 /// A file risk in the record of a process: without the SHA-1.
@@ -125,8 +128,8 @@ class ScanBusOverView : public Record<ScanBusOverView> {
   std::int64_t disposed_risk_count = 0;
   std::int64_t cost_time = 0;  ///< seconds
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(fixed_risk_count, checkout_risk_count, trusted_risk_count, total_item_count, ignore_risk_count,
+               checked_item_count, failed_item_count, cur_item, token_id, disposed_risk_count, cost_time);
 };
 
 /// The outcome of handling a risk.
@@ -136,8 +139,7 @@ class RiskRepairResult : public Record<RiskRepairResult> {
   std::string handle_detail;
   std::int64_t handle_time = 0;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(handle_result, handle_detail, handle_time);
 };
 
 /// One finding in a process.
@@ -154,8 +156,8 @@ class ProcRiskItem : public Record<ProcRiskItem> {
   std::int32_t finder = 0;
   std::string desc;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(pid, risk_name, item, risk_id, engine_type, find_time, risk_type_name, risk_type, finder,
+               desc);
 };
 
 class ProcessInfo : public Record<ProcessInfo> {
@@ -168,8 +170,7 @@ class ProcessInfo : public Record<ProcessInfo> {
   std::vector<FileRiskInfo> file_risks;
   std::string user_name;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(exec_file_name, proc_name, pid, exec_file_exist, proc_risks, file_risks, user_name);
 };
 
 /// A process risk in reportRiskInfo and reportRiskFixInfo.
@@ -181,8 +182,7 @@ class MemoryRiskInfo : public Record<MemoryRiskInfo> {
   ProcessInfo process_info;
   std::string desc;
 
-  template <class Self, class Visitor>
-  static void members(Self& self, Visitor& visit);
+  JSON_MEMBERS(risk_type_name, risk_id, risk_type, process_info, desc);
 };
 
 }  // namespace JsonReflect

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "json/Members.h"
 #include "jsonrpchelper/MethodTable.h"
 
 /// The wire protocol from console to agent: every method of the agent is declared here and nowhere else. The
@@ -28,13 +29,7 @@ struct StartScanTask {
   std::int32_t source;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("ctx", self.ctx);
-    visit("desc", self.desc);
-    visit("params", self.params);
-    visit("source", self.source);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(ctx, desc, params, source, token_id);
 };
 
 /// Stops, pauses or resumes a scan that the caller may see.
@@ -50,14 +45,7 @@ struct CtlBus {
   std::int32_t source;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("action", self.action);
-    visit("detail", self.detail);
-    visit("mark", self.mark);
-    visit("payload", self.payload);
-    visit("source", self.source);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(action, detail, mark, payload, source, token_id);
 };
 
 /// The scans that the caller may see.
@@ -76,10 +64,7 @@ struct GetAVConfig {
   std::int32_t config_type;
   std::int32_t request_source;
 
-  static void members(auto& self, auto& visit) {
-    visit("config_type", self.config_type);
-    visit("request_source", self.request_source);
-  }
+  JSON_MEMBERS(config_type, request_source);
 };
 
 /// Changes settings. config_str: JSON text.
@@ -92,11 +77,7 @@ struct SetAVConfig {
   std::int32_t config_type;
   std::int32_t request_source;
 
-  static void members(auto& self, auto& visit) {
-    visit("config_str", self.config_str);
-    visit("config_type", self.config_type);
-    visit("request_source", self.request_source);
-  }
+  JSON_MEMBERS(config_str, config_type, request_source);
 };
 
 /// Restores from the quarantine. params: JsonReflect::DeIsolateParams.
@@ -111,13 +92,7 @@ struct StartDeIsolate {
   std::int32_t source;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("ctx", self.ctx);
-    visit("desc", self.desc);
-    visit("params", self.params);
-    visit("source", self.source);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(ctx, desc, params, source, token_id);
 };
 
 /// The quarantined items that the caller may see: JsonReflect::IsolationItem.
@@ -138,12 +113,7 @@ struct CtlRegion {
   std::int32_t region_type;
   std::int32_t source;
 
-  static void members(auto& self, auto& visit) {
-    visit("desc", self.desc);
-    visit("items", self.items);
-    visit("region_type", self.region_type);
-    visit("source", self.source);
-  }
+  JSON_MEMBERS(desc, items, region_type, source);
 };
 
 /// Entries of the trust or the reject list: JsonReflect::FilterRegionItem.
@@ -156,11 +126,7 @@ struct GetRegionInfo {
   std::int32_t item_type;
   std::int32_t region_type;
 
-  static void members(auto& self, auto& visit) {
-    visit("domain", self.domain);
-    visit("item_type", self.item_type);
-    visit("region_type", self.region_type);
-  }
+  JSON_MEMBERS(domain, item_type, region_type);
 };
 
 /// Empties the scan cache. The caller gets no answer.

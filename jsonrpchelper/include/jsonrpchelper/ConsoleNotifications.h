@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "json/Members.h"
 #include "jsonrpchelper/MethodTable.h"
 
 /// The wire protocol from agent to console: every notification is declared here and nowhere else. The agent
@@ -24,13 +25,7 @@ struct ReportRiskInfo {
   std::int32_t risk_info_type;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("business_type", self.business_type);
-    visit("fix_method", self.fix_method);
-    visit("risk_info", self.risk_info);
-    visit("risk_info_type", self.risk_info_type);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(business_type, fix_method, risk_info, risk_info_type, token_id);
 };
 
 /// A risk was handled. risk_repair_result: JsonReflect::RiskRepairResult.
@@ -45,14 +40,7 @@ struct ReportRiskFixInfo {
   JsonObject risk_repair_result;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("business_type", self.business_type);
-    visit("fix_method", self.fix_method);
-    visit("risk_info", self.risk_info);
-    visit("risk_info_type", self.risk_info_type);
-    visit("risk_repair_result", self.risk_repair_result);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(business_type, fix_method, risk_info, risk_info_type, risk_repair_result, token_id);
 };
 
 /// The counters of a scan: JsonReflect::ScanBusOverView.
@@ -63,10 +51,7 @@ struct ReportScanBusOverView {
   JsonObject overview;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("overview", self.overview);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(overview, token_id);
 };
 
 /// A scan begins a stage. "datail" is the protocol's own spelling.
@@ -78,11 +63,7 @@ struct ReportScanBusStage {
   std::int32_t stage;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("datail", self.datail);
-    visit("stage", self.stage);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(datail, stage, token_id);
 };
 
 /// The attributes of a scan.
@@ -94,11 +75,7 @@ struct ReportScanAttributeInfo {
   std::int32_t source;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("payload", self.payload);
-    visit("source", self.source);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(payload, source, token_id);
 };
 
 /// A task has another state. ctx and source: those of the request that started the task.
@@ -114,15 +91,7 @@ struct ReportBusStatus {
   std::string token_id;
   std::int32_t type;
 
-  static void members(auto& self, auto& visit) {
-    visit("ctx", self.ctx);
-    visit("detail", self.detail);
-    visit("params", self.params);
-    visit("source", self.source);
-    visit("state", self.state);
-    visit("token_id", self.token_id);
-    visit("type", self.type);
-  }
+  JSON_MEMBERS(ctx, detail, params, source, state, token_id, type);
 };
 
 /// How far a task is, in percent.
@@ -133,10 +102,7 @@ struct ReportBusProgress {
   std::int32_t progress;
   std::string token_id;
 
-  static void members(auto& self, auto& visit) {
-    visit("progress", self.progress);
-    visit("token_id", self.token_id);
-  }
+  JSON_MEMBERS(progress, token_id);
 };
 
 using ScanNotifications = MethodList<ReportRiskInfo, ReportRiskFixInfo, ReportScanBusOverView,

@@ -18,10 +18,7 @@
 ///     using Result = std::string;                             // void: a notification, no answer
 ///     std::int32_t config_type;                               // the parameters, in the agreed order
 ///     std::int32_t request_source;
-///     static void members(auto& self, auto& visit) {          // their keys, in the same order
-///       visit("config_type", self.config_type);
-///       visit("request_source", self.request_source);
-///     }
+///     JSON_MEMBERS(config_type, request_source);              // the same names, in the same order
 ///   };
 ///
 /// A method without parameters derives from NoParameters.
