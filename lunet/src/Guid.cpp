@@ -32,7 +32,7 @@ bool readBytes(std::string_view text, Guid& bytes) {
       return false;
     }
     std::uint8_t& byte = bytes[digits++ / 2];
-    byte = static_cast<std::uint8_t>((byte << 4) | digit);
+    byte = static_cast<std::uint8_t>(byte * 16u + digit);
   }
   return true;
 }

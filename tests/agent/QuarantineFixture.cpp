@@ -7,8 +7,6 @@
 namespace agent {
 namespace {
 
-constexpr std::int64_t kNs = 1'000'000'000;
-
 std::map<std::string, std::string> attributesOf(const std::string& path) {
   std::map<std::string, std::string> attributes;
   std::string names(4096, '\0'), value(4096, '\0');

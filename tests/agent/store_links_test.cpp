@@ -5,6 +5,7 @@
 #include "QuarantineFixture.h"
 #include "store/FolderWalk.h"
 #include "store/Sqlite.h"
+#include "support/Reason.h"
 
 namespace agent {
 namespace {

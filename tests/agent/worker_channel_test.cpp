@@ -208,7 +208,7 @@ TEST_F(InterruptedChannels, GoOnSending) {
     Channel::Packet got;
     if (two.receive(got, false) != Channel::Received::kPacket) {
       ASSERT_TRUE(testsupport::waitFor(
-          [&] { return failed || two.receive(got, false) == Channel::Received::kPacket; }));
+          [&, &two = two] { return failed || two.receive(got, false) == Channel::Received::kPacket; }));
     }
   }
   writer.join();
