@@ -1,7 +1,5 @@
 #include "command/isolation/TavCliCmdIsolation.h"
 
-#include <cstdio>
-
 #include "command/isolation/TavCliCmdIsolationExec.h"
 #include "shell/TaskHandlers.h"
 
@@ -36,16 +34,4 @@ const GrammarRow kGrammar[] = {
 
 TavCliCmdIsolation TavCliCmdIsolation::module;
 
-TavCliCmdIsolation::TavCliCmdIsolation() : TavcliCmdInterface("isolation") {
-  registerSelf();
-}
-
-int TavCliCmdIsolation::load(CObject* /*owner*/) {
-  std::puts("[Load Command] Isolate");
-  return 1;
-}
-
-int TavCliCmdIsolation::buildTree(CliTree* tree) {
-  grammar_.build(*tree, kGrammar);
-  return 1;
-}
+TavCliCmdIsolation::TavCliCmdIsolation() : CommandModule("isolation", "Isolate", kGrammar) {}

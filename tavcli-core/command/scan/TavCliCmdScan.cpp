@@ -1,7 +1,5 @@
 #include "command/scan/TavCliCmdScan.h"
 
-#include <cstdio>
-
 #include "command/scan/ScanReceivers.h"
 #include "command/scan/ScanRunState.h"
 #include "command/scan/TavCliCmdScanExec.h"
@@ -97,17 +95,10 @@ const GrammarRow kGrammar[] = {
 
 TavCliCmdScan TavCliCmdScan::module;
 
-TavCliCmdScan::TavCliCmdScan() : TavcliCmdInterface("scan") {
-  registerSelf();
-}
+TavCliCmdScan::TavCliCmdScan() : CommandModule("scan", "Scan", kGrammar) {}
 
-int TavCliCmdScan::load(CObject* /*owner*/) {
-  std::puts("[Load Command] Scan");
+int TavCliCmdScan::load(CObject* owner) {
+  const int result = CommandModule::load(owner);
   createScanReceivers();
-  return 1;
-}
-
-int TavCliCmdScan::buildTree(CliTree* tree) {
-  grammar_.build(*tree, kGrammar);
-  return 1;
+  return result;
 }

@@ -1,7 +1,5 @@
 #include "command/trustregion/TavCliCmdtrustregion.h"
 
-#include <cstdio>
-
 #include "command/trustregion/TavCliCmdtrustregionExec.h"
 #include "shell/TaskHandlers.h"
 
@@ -48,16 +46,4 @@ const GrammarRow kGrammar[] = {
 
 TavCliCmdtrustregion TavCliCmdtrustregion::module;
 
-TavCliCmdtrustregion::TavCliCmdtrustregion() : TavcliCmdInterface("trustregion") {
-  registerSelf();
-}
-
-int TavCliCmdtrustregion::load(CObject* /*owner*/) {
-  std::puts("[Load Command] Trust");
-  return 1;
-}
-
-int TavCliCmdtrustregion::buildTree(CliTree* tree) {
-  grammar_.build(*tree, kGrammar);
-  return 1;
-}
+TavCliCmdtrustregion::TavCliCmdtrustregion() : CommandModule("trustregion", "Trust", kGrammar) {}
