@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/Text.h"
+
 namespace agent {
 namespace {
 
@@ -36,19 +38,6 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"CL_TYPE_MSSZDD", "szdd", false, false},
 };
 
-template <class Visit>
-bool anyEnding(const ArchiveKind& kind, Visit visit) {
-  std::string_view rest = kind.endings;
-  while (!rest.empty()) {
-    const auto blank = rest.find(' ');
-    if (visit(rest.substr(0, blank))) {
-      return true;
-    }
-    rest = blank == std::string_view::npos ? std::string_view{} : rest.substr(blank + 1);
-  }
-  return false;
-}
-
 }  // namespace
 
 const ArchiveKind* archiveKindOf(std::string_view type) {
@@ -59,15 +48,14 @@ const ArchiveKind* archiveKindOf(std::string_view type) {
 }
 
 bool isAmong(const ArchiveKind& kind, const std::vector<std::string>& endings) {
-  return endings.empty() || anyEnding(kind, [&](std::string_view ending) {
-           return std::find(endings.begin(), endings.end(), ending) != endings.end();
-         });
+  const auto own = CStr::split(kind.endings, ' ');
+  return endings.empty() ||
+         std::find_first_of(own.begin(), own.end(), endings.begin(), endings.end()) != own.end();
 }
 
 bool isEndingAmong(std::string_view ending, const std::vector<std::string>& endings) {
   return std::any_of(std::begin(kArchiveKinds), std::end(kArchiveKinds), [&](const ArchiveKind& kind) {
-    return anyEnding(kind, [ending](std::string_view one) { return one == ending; }) &&
-           isAmong(kind, endings);
+    return isAmong(kind, {std::string(ending)}) && isAmong(kind, endings);
   });
 }
 

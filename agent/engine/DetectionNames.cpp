@@ -1,9 +1,9 @@
 #include "engine/DetectionNames.h"
 
 #include <algorithm>
-#include <array>
 
 #include "json/CppJson.h"
+#include "platform/Text.h"
 
 namespace agent {
 namespace {
@@ -68,24 +68,9 @@ constexpr RiskRow kRiskRows[] = {
     {"", json::RiskType::kVirus, "病毒"},
 };
 
-std::string_view nextWord(std::string_view& rest, char separator) {
-  const auto end = rest.find(separator);
-  const auto word = rest.substr(0, end);
-  rest = end == std::string_view::npos ? std::string_view{} : rest.substr(end + 1);
-  return word;
-}
-
 bool hasAnyPart(std::string_view name, std::string_view parts) {
-  while (!parts.empty()) {
-    const auto part = nextWord(parts, ' ');
-    std::string_view rest = name;
-    while (!rest.empty()) {
-      if (nextWord(rest, '.') == part) {
-        return true;
-      }
-    }
-  }
-  return false;
+  const auto wanted = CStr::split(parts, ' '), dotted = CStr::split(name, '.');
+  return std::find_first_of(dotted.begin(), dotted.end(), wanted.begin(), wanted.end()) != dotted.end();
 }
 
 int engineOf(std::string_view name) {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <string_view>
 
 #include "engine/FileHashes.h"

@@ -53,17 +53,11 @@ std::string noSettings(int configType) {
   return "there are no settings of type " + std::to_string(configType);
 }
 
-std::string freshToken() {
-  std::string token;
-  CUuid::generate(token);
-  return token;
-}
-
 /// The answer to a restore, without refused items.
 Json::Value restoreAnswer() {
   Json::Value answer(Json::objectValue);
   answer["status"] = false;
-  answer["token_id"] = freshToken();
+  answer["token_id"] = CUuid::generate();
   answer["detail"] = Json::Value(Json::arrayValue);
   return answer;
 }

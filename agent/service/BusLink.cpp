@@ -54,9 +54,7 @@ platform::Expected<void> BusLink::prepare(const platform::InstallTree& tree, con
   }
   bus_.client()->SetLogCallback(takeLog);
   CLog::set_log_callback(takeBaseLog);
-  std::string uuid;
-  CUuid::generate(uuid);
-  if (const std::uint32_t error = bus_.init(settings.clientConfig, uuid); error != lunet::kOk) {
+  if (const std::uint32_t error = bus_.init(settings.clientConfig, CUuid::generate()); error != lunet::kOk) {
     return busFailure("setting up the bus", error);
   }
   if (!bus_.createEndpoint()) {

@@ -60,8 +60,7 @@ int printStatus(const platform::InstallTree& tree) {
     return failUnknown(settings.error());
   }
   BusLink bus;
-  std::string guid;
-  CUuid::generate(guid);
+  const std::string guid = CUuid::generate();
   if (const auto opened = bus.prepare(tree, *settings).and_then([&] { return bus.open(guid); }); !opened) {
     return failUnknown(opened.error());
   }

@@ -25,10 +25,8 @@ void Deletions::run(const QuarantineRequest& request) {
   if (original.needsProof()) {
     throw StoreError("it was changed after it was scanned");  // nothing would compare the content
   }
-  Row row{.uuid = {}, .path = original.realPath(), .file = FileIdentity::of(original.st())};
-  if (CUuid::generate(row.uuid) != 0) {
-    throw StoreError("no random numbers for a private name");
-  }
+  const Row row{
+      .uuid = CUuid::generate(), .path = original.realPath(), .file = FileIdentity::of(original.st())};
   record(row);
   reached("deletion recorded");
   try {

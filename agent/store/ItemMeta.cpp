@@ -2,7 +2,6 @@
 
 #include <sys/xattr.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <string_view>
@@ -10,7 +9,7 @@
 #include "engine/Digest.h"
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
-#include "store/FolderWalk.h"
+#include "platform/Posix.h"
 #include "store/Sqlite.h"
 
 namespace agent::store {

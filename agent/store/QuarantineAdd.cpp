@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "engine/Digest.h"
-#include "json/CppJson.h"
 #include "platform/Text.h"
 #include "store/ItemFile.h"
 #include "store/Quarantine.h"
@@ -50,9 +49,7 @@ platform::Expected<Remark> Quarantine::remove(const QuarantineRequest& request) 
 
 ItemMeta Quarantine::describe(const OriginalFile& original, const QuarantineRequest& request) const {
   ItemMeta meta;
-  if (CUuid::generate(meta.uuid) != 0) {
-    throw StoreError("no random numbers for an item's id");
-  }
+  meta.uuid = CUuid::generate();
   meta.path = request.path.starts_with('/') ? request.path : original.realPath();
   meta.realPath = original.realPath();
   meta.isolateTimeSec = platform::nowSec();

@@ -1,9 +1,7 @@
 #include <unistd.h>
 
 #include "engine/Digest.h"
-#include "json/CppJson.h"
 #include "platform/Files.h"
-#include "store/FolderWalk.h"
 #include "store/ItemFile.h"
 #include "store/Quarantine.h"
 #include "store/RestoreChild.h"

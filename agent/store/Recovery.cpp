@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "engine/Digest.h"
 #include "store/FolderWalk.h"
 #include "store/ItemFile.h"

@@ -1,7 +1,6 @@
 #include "store/RegionText.h"
 
 #include <algorithm>
-#include <array>
 
 #include "platform/Files.h"
 #include "platform/Posix.h"

@@ -58,18 +58,6 @@ FileFacts factsOf(RegionItemType type, const std::string& item, uid_t caller, st
   return facts;
 }
 
-/// Whether a path has the form of stored entries. Paths of scans have this form.
-bool looksNormal(const std::string& path) {
-  for (std::size_t i = path.find('/'); i != std::string::npos; i = path.find('/', i + 1)) {
-    const std::string_view rest = std::string_view(path).substr(i + 1);
-    if (rest.empty() || rest[0] == '/' || rest == "." || rest.starts_with("./") || rest == ".." ||
-        rest.starts_with("../")) {
-      return path.size() == 1;
-    }
-  }
-  return true;
-}
-
 std::int32_t validState(std::int64_t validUntil, std::int64_t now) {
   using enum json::RegionValidity;
   return json::toNumber(validUntil == 0 ? kForEver : validUntil > now ? kValid : kExpired);
@@ -200,14 +188,10 @@ void Regions::addRows(const Change& change, uid_t caller) {
                    " ON CONFLICT DO UPDATE SET modify_time=?6,valid_until=?7,file_size=?8,md5=?9");
   std::int64_t budget = kHashBudgetBytes;
   for (const std::string& item : change.items) {
-    std::string uuid;
-    if (CUuid::generate(uuid) != 0) {
-      throw StoreError("no random numbers for an entry's id");
-    }
     const FileFacts facts = factsOf(change.type, item, caller, &budget);
     insert
         .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain), item,
-              uuid, platform::nowSec(), change.validUntil, facts.size, facts.md5, caller)
+              CUuid::generate(), platform::nowSec(), change.validUntil, facts.size, facts.md5, caller)
         .run();
   }
 }
@@ -271,9 +255,9 @@ Json::Value Regions::list(json::RegionDomain domain, json::RegionItemType itemTy
 }
 
 RegionVerdict Regions::byPath(const std::string& path) const {
+  const std::string normal = utils::FormatFilePath(path);
   const std::shared_lock lock(mutex_);
-  return looksNormal(path) ? index_.byPath(path, platform::nowSec())
-                           : index_.byPath(utils::FormatFilePath(path), platform::nowSec());
+  return index_.byPath(normal, platform::nowSec());
 }
 
 RegionVerdict Regions::byHash(const Verdict& hashes) const {

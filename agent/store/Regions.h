@@ -3,7 +3,6 @@
 #include <json/value.h>
 
 #include <atomic>
-#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <vector>

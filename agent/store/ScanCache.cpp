@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include "platform/Posix.h"
-
 namespace agent::store {
 namespace {
 

@@ -124,26 +124,16 @@ platform::Expected<void> checkText(const Setting& setting, const Json::Value& va
   return {};
 }
 
-bool wordAllowed(std::string_view words, std::string_view word) {
-  while (!words.empty()) {
-    const std::size_t end = std::min(words.find(' '), words.size());
-    if (words.substr(0, end) == word) {
-      return true;
-    }
-    words.remove_prefix(std::min(end + 1, words.size()));
-  }
-  return false;
-}
-
 platform::Expected<void> checkWords(const Setting& setting, const Json::Value& value) {
   std::set<std::string> seen;
   if (!value.isArray() || !std::all_of(value.begin(), value.end(),
                                        [](const Json::Value& element) { return element.isString(); })) {
     return platform::failure("must be a list of texts");
   }
+  const auto allowed = CStr::split(setting.words, ' ');
   for (const Json::Value& element : value) {
     const std::string word = element.asString();
-    if (word.empty() || !wordAllowed(setting.words, word)) {
+    if (std::find(allowed.begin(), allowed.end(), word) == allowed.end()) {
       return platform::failure("must be of: " + std::string(setting.words) + "; not " +
                                platform::visibleText(word));
     }

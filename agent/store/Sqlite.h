@@ -4,7 +4,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 
 struct sqlite3;
 struct sqlite3_stmt;

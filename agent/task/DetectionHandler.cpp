@@ -12,12 +12,6 @@ namespace agent {
 
 namespace {
 
-std::string freshId() {
-  std::string id;
-  CUuid::generate(id);
-  return id;
-}
-
 /// An exception of the store becomes a failure: the detection is reported all the same.
 platform::Expected<Remark> guarded(const std::function<platform::Expected<Remark>()>& action) {
   try {
@@ -76,7 +70,7 @@ void DetectionHandler::run() {
 
 void DetectionHandler::handle(DetectedFile& detected) {
   context_.events.waitForQuota([this] { return context_.control.stopping(); });
-  detected.riskId = freshId();
+  detected.riskId = CUuid::generate();
   detected.createdSec = birthTime(detected.file->fd.get());
   detected.foundSec = std::time(nullptr);
   AGENT_LOG(LogLevel::kWarning, "%s: %s%s", detected.file->path.c_str(),
@@ -154,7 +148,7 @@ void DetectionHandler::handleProcesses(const DetectedFile& detected) {
     if (!isAdministrator(context_.caller) && program.uid != context_.caller.uid) {
       continue;
     }
-    const Json::Value info = processRiskInfo(program, detected, freshId());
+    const Json::Value info = processRiskInfo(program, detected, CUuid::generate());
     context_.events.risk(json::RiskInfoType::kProcess, context_.plan.handling, info);
     json::HandleResult result = json::HandleResult::kReportedOnly;
     std::string reason;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 namespace agent {
 
 /// The kind of a file system, by its magic number.

@@ -3,7 +3,6 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <mutex>
 #include <set>
 

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include "platform/Descriptor.h"
 #include "platform/Posix.h"
 #include "platform/ProcessStat.h"
+#include "worker/Pidfd.h"
 
 namespace agent {
 
@@ -123,7 +123,7 @@ platform::Expected<Remark> endProcess(const RunningProgram& program) {
   if (const auto allowed = checkMayEnd(program); !allowed) {
     return platform::failure(allowed.error());
   }
-  const platform::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, program.pid, 0)));
+  const platform::Descriptor process(pidfd_open(program.pid, 0));
   if (!process) {
     return errno == ESRCH ? platform::Expected<Remark>("had ended")
                           : platform::failure(platform::errnoText(errno));
@@ -134,7 +134,7 @@ platform::Expected<Remark> endProcess(const RunningProgram& program) {
       now->device != program.device || now->inode != program.inode) {
     return platform::failure("the process runs another program by now");
   }
-  if (syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0) != 0 && errno != ESRCH) {
+  if (pidfd_send_signal(process.get(), SIGKILL, nullptr, 0) != 0 && errno != ESRCH) {
     return platform::failure(platform::errnoText(errno));
   }
   pollfd ended{process.get(), POLLIN, 0};

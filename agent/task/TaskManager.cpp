@@ -46,10 +46,7 @@ TaskManager::Started TaskManager::refuse(const StartRequest& request, const std:
 
 TaskManager::Started TaskManager::start(const StartRequest& request) {
   reap();
-  std::string token;
-  if (CUuid::generate(token) != 0 || token.empty()) {
-    return {{}, platform::failure("no random identifier could be made")};
-  }
+  const std::string token = CUuid::generate();
   platform::Expected<ScanPlan> plan = makePlan(request.params, parts_.store.settings());
   if (!plan) {
     return refuse(request, token, json::TaskState::kNotCreated, plan.error());

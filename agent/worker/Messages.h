@@ -41,30 +41,24 @@ struct MessageFields;
 template <>
 struct MessageFields<ForkRequest> {
   static constexpr char kTag = 'F';
-  template <class Visitor, class M>
-  static void visit(Visitor&, M&) {}
+  static void visit(auto&, auto&) {}
 };
 template <>
 struct MessageFields<StateReport> {
   static constexpr char kTag = 'S';
-  template <class Visitor, class M>
-  static void visit(Visitor& v, M& m) {
+  static void visit(auto& v, auto& m) {
     v(m.state.loaded), v(m.state.system), v(m.state.version), v(m.state.detail), v(m.state.count);
   }
 };
 template <>
 struct MessageFields<WorkerHello> {
   static constexpr char kTag = 'H';
-  template <class Visitor, class M>
-  static void visit(Visitor& v, M& m) {
-    v(m.pid);
-  }
+  static void visit(auto& v, auto& m) { v(m.pid); }
 };
 template <>
 struct MessageFields<ScanRequest> {
   static constexpr char kTag = 'R';
-  template <class Visitor, class M>
-  static void visit(Visitor& v, M& m) {
+  static void visit(auto& v, auto& m) {
     auto& o = m.options;
     v(m.id), v(m.name), v(o.archives), v(o.maxLayers), v(o.maxArchiveBytes), v(o.archiveFormats);
     v(o.enabledEngines), v(o.hashesWanted), v(o.heuristics);
@@ -72,16 +66,12 @@ struct MessageFields<ScanRequest> {
 };
 template <>
 struct MessageFields<Detection> {
-  template <class Visitor, class M>
-  static void visit(Visitor& v, M& m) {
-    v(m.name), v(m.engineCode), v(m.riskType), v(m.riskTypeName);
-  }
+  static void visit(auto& v, auto& m) { v(m.name), v(m.engineCode), v(m.riskType), v(m.riskTypeName); }
 };
 template <>
 struct MessageFields<ScanAnswer> {
   static constexpr char kTag = 'A';
-  template <class Visitor, class M>
-  static void visit(Visitor& v, M& m) {
+  static void visit(auto& v, auto& m) {
     auto& r = m.verdict;
     v(m.id), v(r.outcome), v(r.reason), v(r.detections), v(r.md5), v(r.sha1), v(r.sha256);
   }

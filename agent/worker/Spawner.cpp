@@ -30,8 +30,7 @@ void waitForReport(const TemplateLink& link, std::chrono::milliseconds limit) {
 }  // namespace
 
 void TemplateLink::settle() const {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(settled.get(), &one, sizeof one);
+  eventfd_write(settled.get(), 1);
 }
 
 Spawner::Spawner(Config config) : config_(std::move(config)), folders_(config_.tempFolder) {

@@ -94,10 +94,7 @@ class WorkerPool::Impl {
  private:
   using Workers = std::list<PoolWorker>;
 
-  void wake() {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
-  }
+  void wake() { eventfd_write(wake_.get(), 1); }
 
   // The functions below run on the pool's thread.
 
@@ -266,8 +263,8 @@ class WorkerPool::Impl {
       return;
     }
     if (waiting[0].revents != 0) {
-      std::uint64_t count = 0;
-      [[maybe_unused]] const ssize_t got = read(wake_.get(), &count, sizeof count);
+      eventfd_t count = 0;
+      eventfd_read(wake_.get(), &count);
     }
     for (std::size_t i = 0; i < waited.size(); ++i) {
       if (waiting[i + 1].revents != 0) {

@@ -8,7 +8,6 @@
 
 #include <csignal>
 #include <exception>
-#include <initializer_list>
 
 #include "platform/Inheritance.h"
 #include "worker/Messages.h"

@@ -1,7 +1,5 @@
 #include "lineeditor/Completion.h"
 
-#include <string_view>
-
 #include "Utf8.h"
 
 namespace lineeditor {

@@ -5,11 +5,9 @@
 
 #include "Display.h"
 #include "EditorSettings.h"
-#include "HistoryRing.h"
 #include "Input.h"
 #include "Output.h"
 #include "Sequences.h"
-#include "Utf8.h"
 #include "lineeditor/Terminal.h"
 
 namespace lineeditor {

@@ -25,10 +25,10 @@ tl::expected<Json::Value, BusConfigFailure> readBusConfig(const std::string& pat
   if (!safe) {
     return failed(Kind::kUnsafe, safe.error());
   }
-  int error = 0;
-  const std::optional<std::string> text = CFile::readAll(*safe, &error);
+  const auto text = CFile::readAll(*safe);
   if (!text) {
-    return failed(error == ENOENT ? Kind::kMissing : Kind::kUnreadable, platform::errnoText(error));
+    return failed(text.error() == ENOENT ? Kind::kMissing : Kind::kUnreadable,
+                  platform::errnoText(text.error()));
   }
   Json::Value config;
   if (!CppJson::LoadJsonString(*text, config) || !config.isObject()) {

@@ -8,7 +8,6 @@
 #include "FrameWriter.h"
 #include "Log.h"
 #include "MemberQuota.h"
-#include "Peer.h"
 #include "SocketSet.h"
 #include "platform/Descriptor.h"
 

@@ -138,9 +138,7 @@ std::string SocketFolder::named(const Guid& guid, const char* suffix) const {
 }
 
 std::string SocketFolder::asidePath(const Guid& guid) const {
-  std::string uuid;
-  CUuid::generate(uuid);
-  return named(guid, ".") + uuid + kAsideSuffix;
+  return named(guid, ".") + CUuid::generate() + kAsideSuffix;
 }
 
 Result<uid_t> checkFolder(const SocketFolder& folder) {

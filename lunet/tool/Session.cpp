@@ -64,9 +64,7 @@ void Session::open(const lunet::Guid& guid) {
 }
 
 void Session::openAnywhere() {
-  std::string text;
-  CUuid::generate(text);
-  open(lunet::parseGuid(text.c_str()));
+  open(lunet::parseGuid(CUuid::generate().c_str()));
 }
 
 }  // namespace lunetctl

@@ -13,9 +13,5 @@ std::string CDateTime::format(std::int64_t secondsSinceEpoch) {
 }
 
 std::string CDateTime::now() {
-  return format(nowSeconds());
-}
-
-std::int64_t CDateTime::nowSeconds() {
-  return std::time(nullptr);
+  return format(std::time(nullptr));
 }

@@ -1,11 +1,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <memory>
@@ -105,12 +103,10 @@ class Walk {
   /// Puts the components of a path before the remaining ones.
   void take(const std::string& path, bool given) {
     std::deque<Step> steps;
-    for (std::size_t begin = 0; begin < path.size();) {
-      const std::size_t slash = std::min(path.find('/', begin), path.size());
-      if (const std::string name = path.substr(begin, slash - begin); !name.empty() && name != ".") {
-        steps.push_back({name, given});
+    for (const std::string_view name : CStr::split(path, '/')) {
+      if (name != ".") {
+        steps.push_back({std::string(name), given});
       }
-      begin = slash + 1;
     }
     ahead_.insert(ahead_.begin(), steps.begin(), steps.end());
   }

@@ -38,20 +38,14 @@ int syncIfPossible(int folder) {
 
 }  // namespace
 
-std::optional<std::string> CFile::readAll(const std::string& path, int* error, std::size_t limitBytes) {
-  const auto fail = [error](int number) {
-    if (error != nullptr) {
-      *error = number;
-    }
-    return std::nullopt;
-  };
+tl::expected<std::string, int> CFile::readAll(const std::string& path, std::size_t limitBytes) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat st {};
   if (!file || fstat(file.get(), &st) != 0) {
-    return fail(errno);
+    return tl::unexpected(errno);
   }
   if (!S_ISREG(st.st_mode)) {
-    return fail(S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
+    return tl::unexpected(S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
   }
   std::string content;
   char block[16384];
@@ -61,11 +55,11 @@ std::optional<std::string> CFile::readAll(const std::string& path, int* error, s
       return content;
     }
     if (count < 0 && errno != EINTR) {
-      return fail(errno);
+      return tl::unexpected(errno);
     }
     if (count > 0) {
       if (static_cast<std::size_t>(count) > limitBytes - content.size()) {
-        return fail(EFBIG);
+        return tl::unexpected(EFBIG);
       }
       content.append(block, static_cast<std::size_t>(count));
     }
@@ -83,11 +77,7 @@ int CFile::replaceAtomically(const std::string& path, std::string_view content, 
   if (!directory) {
     return errno;
   }
-  std::string unique;
-  if (CUuid::generate(unique) != 0) {
-    return EIO;
-  }
-  const std::string temporary = ".tmp-" + unique;
+  const std::string temporary = ".tmp-" + CUuid::generate();
   const Descriptor file(openat(directory.get(), temporary.c_str(),
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 0700));
   if (!file) {

@@ -5,9 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -70,12 +68,10 @@ Descriptor openMark(int directory, const std::string& name) {
 
 std::string valueOf(const std::string& content, const std::string& key) {
   const std::string wanted = key + "=";
-  for (std::size_t begin = 0; begin < content.size();) {
-    const std::size_t end = std::min(content.find('\n', begin), content.size());
-    if (content.compare(begin, wanted.size(), wanted) == 0) {
-      return content.substr(begin + wanted.size(), end - begin - wanted.size());
+  for (const std::string_view line : CStr::split(content, '\n')) {
+    if (line.starts_with(wanted)) {
+      return std::string(line.substr(wanted.size()));
     }
-    begin = end + 1;
   }
   return {};
 }

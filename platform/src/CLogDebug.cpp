@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>

@@ -48,9 +48,9 @@ tl::expected<ProcessStat, NoProcessStat> parseProcessStat(const std::string& tex
 }
 
 tl::expected<ProcessStat, NoProcessStat> processStat(pid_t pid) {
-  int error = 0;
-  const std::optional<std::string> text = CFile::readAll("/proc/" + std::to_string(pid) + "/stat", &error);
+  const auto text = CFile::readAll("/proc/" + std::to_string(pid) + "/stat");
   if (!text) {
+    const int error = text.error();
     const bool shortage = error == EMFILE || error == ENFILE || error == ENOMEM;
     return tl::unexpected(shortage ? NoProcessStat::kShortage : NoProcessStat::kGone);
   }

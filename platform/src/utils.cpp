@@ -1,8 +1,8 @@
-#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "platform/Files.h"
+#include "platform/Text.h"
 
 namespace utils {
 
@@ -10,12 +10,9 @@ namespace {
 
 std::string normalised(const std::string& path) {
   const bool absolute = !path.empty() && path.front() == '/';
-  std::vector<std::string> kept;
-  for (std::size_t begin = 0; begin < path.size();) {
-    const std::size_t slash = std::min(path.find('/', begin), path.size());
-    const std::string part = path.substr(begin, slash - begin);
-    begin = slash + 1;
-    if (part.empty() || part == ".") {
+  std::vector<std::string_view> kept;
+  for (const std::string_view part : CStr::split(path, '/')) {
+    if (part == ".") {
       continue;
     }
     const bool climbs = part == "..";
@@ -27,7 +24,7 @@ std::string normalised(const std::string& path) {
   }
   std::string text = absolute ? "/" : "";
   for (std::size_t i = 0; i < kept.size(); ++i) {
-    text += (i == 0 ? "" : "/") + kept[i];
+    text.append(i == 0 ? "" : "/").append(kept[i]);
   }
   return text;
 }

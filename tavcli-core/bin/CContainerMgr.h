@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "bin/ContainerConfig.h"
 #include "lunet/BusClient.h"
 #include "platform/Locks.h"

@@ -1,7 +1,6 @@
 #include "bin/CommandLine.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

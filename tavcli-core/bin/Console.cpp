@@ -188,7 +188,11 @@ int runUnattended(const std::vector<std::string>& words, const Surroundings& sur
 }  // namespace
 
 Surroundings::Surroundings()
-    : generateUuid(CUuid::generate), makePause([] { return std::make_unique<SignalAwarePause>(); }) {}
+    : generateUuid([](std::string& uuid) {
+        uuid = CUuid::generate();
+        return 0;
+      }),
+      makePause([] { return std::make_unique<SignalAwarePause>(); }) {}
 
 int runConsole(const std::vector<std::string>& arguments, const Surroundings& surroundings) noexcept {
   try {

@@ -49,7 +49,7 @@ CLogLevel clogLevelFor(const char* text) {
 }
 
 std::optional<DebugLogSettings> loadDebugLogSettings(const std::string& path) {
-  const std::optional<std::string> text = CFile::readAll(path);
+  const auto text = CFile::readAll(path);
   Json::Value file;
   if (!text || !CppJson::LoadJsonString(*text, file)) {
     return std::nullopt;

@@ -432,9 +432,7 @@ TEST(NotificationQueue, WhatOneEndpointOfAMemberTakesFromTheSenderCountsAgainstA
 class BusConsole final : public lunet::IMRReceiveComplete {
  public:
   explicit BusConsole(lunet::IClient& client) : endpoint(client.CreateEndpoint()), client_(client) {
-    std::string text;
-    CUuid::generate(text);
-    guid = lunet::parseGuid(text.c_str());
+    guid = lunet::parseGuid(CUuid::generate().c_str());
     endpoint->RegisterReceiver(lunet::kOnewayChannel, this, nullptr);
     EXPECT_EQ(endpoint->Open(guid), lunet::kOk);
   }

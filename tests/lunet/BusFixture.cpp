@@ -114,9 +114,7 @@ void Endpoint::ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, c
 }
 
 lunet::Guid newGuid() {
-  std::string text;
-  CUuid::generate(text);
-  return lunet::parseGuid(text.c_str());
+  return lunet::parseGuid(CUuid::generate().c_str());
 }
 
 void echo(Endpoint& endpoint, const Message& message) {

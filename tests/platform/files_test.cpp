@@ -127,9 +127,7 @@ TEST(File, AReadThatFailsTellsWhy) {
   const std::string path = dir.write("f", "content");
   FileCalls calls;
   calls.fail("read f", "", EIO);
-  int error = 0;
-  EXPECT_EQ(CFile::readAll(path, &error), std::nullopt);
-  EXPECT_EQ(error, EIO);
+  EXPECT_EQ(CFile::readAll(path), tl::unexpected(EIO));
 }
 
 struct FailingCall {
@@ -231,38 +229,28 @@ INSTANTIATE_TEST_SUITE_P(Errors, FailedFolderSync, testing::Values(EIO, ENOSPC),
 TEST(File, LargerThanTheLimitIsNotRead) {
   const TempDir dir;
   const std::string path = dir.write("f", std::string(40000, 'x'));
-  int error = 0;
-  EXPECT_EQ(CFile::readAll(path, &error, 40000).value_or("").size(), 40000U);
-  EXPECT_EQ(CFile::readAll(path, &error, 39999), std::nullopt);
-  EXPECT_EQ(error, EFBIG);
+  EXPECT_EQ(CFile::readAll(path, 40000).value_or("").size(), 40000U);
+  EXPECT_EQ(CFile::readAll(path, 39999), tl::unexpected(EFBIG));
 }
 
 TEST(File, OfMoreThanSixteenMebibytesIsNotReadUnlessAskedFor) {
   const TempDir dir;
   const std::string path = dir.write("f", "");
   ASSERT_EQ(truncate(path.c_str(), (16 << 20) + 1), 0);
-  int error = 0;
-  EXPECT_EQ(CFile::readAll(path, &error), std::nullopt);
-  EXPECT_EQ(error, EFBIG);
+  EXPECT_EQ(CFile::readAll(path), tl::unexpected(EFBIG));
 }
 
 TEST(File, WhatIsNoRegularFileIsNotRead) {
   const TempDir dir;
-  int error = 0;
   ASSERT_EQ(symlink("/dev/zero", dir.at("endless").c_str()), 0);
-  EXPECT_EQ(CFile::readAll(dir.at("endless"), &error), std::nullopt);
-  EXPECT_EQ(error, EINVAL);
+  EXPECT_EQ(CFile::readAll(dir.at("endless")), tl::unexpected(EINVAL));
   ASSERT_EQ(mkfifo(dir.at("pipe").c_str(), 0600), 0);
-  EXPECT_EQ(CFile::readAll(dir.at("pipe"), &error), std::nullopt);
-  EXPECT_EQ(error, EINVAL);
-  EXPECT_EQ(CFile::readAll(dir.path(), &error), std::nullopt);
-  EXPECT_EQ(error, EISDIR);
+  EXPECT_EQ(CFile::readAll(dir.at("pipe")), tl::unexpected(EINVAL));
+  EXPECT_EQ(CFile::readAll(dir.path()), tl::unexpected(EISDIR));
 }
 
 TEST(File, AMissingFileGivesNothingAndTheReason) {
-  int error = 0;
-  EXPECT_EQ(CFile::readAll("/nonexistent/f", &error), std::nullopt);
-  EXPECT_EQ(error, ENOENT);
+  EXPECT_EQ(CFile::readAll("/nonexistent/f"), tl::unexpected(ENOENT));
 }
 
 TEST(Dir, MakesParentsAndAcceptsWhatStands) {

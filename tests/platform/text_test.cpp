@@ -33,11 +33,16 @@ TEST(DateTime, IsLocalTime) {
   EXPECT_EQ(CDateTime::format(0), "1970-01-01 08:00:00");
 }
 
+TEST(Text, IsSplitIntoPartsOfWhichNoneIsEmpty) {
+  EXPECT_THAT(CStr::split("/a//bc/", '/'), testing::ElementsAre("a", "bc"));
+  EXPECT_THAT(CStr::split("a", '/'), testing::ElementsAre("a"));
+  EXPECT_THAT(CStr::split("//", '/'), testing::IsEmpty());
+}
+
 TEST(Uuid, IsAFreshRandomVersionFourEachTime) {
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) {
-    std::string text;
-    ASSERT_EQ(CUuid::generate(text), 0);
+    const std::string text = CUuid::generate();
     EXPECT_THAT(text,
                 testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
     EXPECT_TRUE(seen.insert(text).second);

@@ -21,7 +21,7 @@ class ContainerManager : public testing::Test {
  protected:
   ContainerManager() {
     config_ = tavcli::containerConfigFor(tree_.path() + "/");
-    CUuid::generate(config_.uuid);
+    config_.uuid = CUuid::generate();
   }
   ~ContainerManager() override {
     manager_.reset();

@@ -29,10 +29,10 @@ class CFile {
  public:
   /// The largest file that readAll reads by default.
   static constexpr std::size_t kReadLimitBytes = 16u << 20;
-  /// Nothing when the file cannot be read; then *error, if given, is an errno value. EFBIG: more bytes than
-  /// the limit. EISDIR: a folder. EINVAL: a device, pipe or socket.
-  static std::optional<std::string> readAll(const std::string& path, int* error = nullptr,
-                                            std::size_t limitBytes = kReadLimitBytes);
+  /// The content or an errno value. EFBIG: more bytes than the limit. EISDIR: a folder. EINVAL: a device,
+  /// pipe or socket.
+  static tl::expected<std::string, int> readAll(const std::string& path,
+                                                std::size_t limitBytes = kReadLimitBytes);
   /// Puts the whole file in place, or changes nothing. Steps: a temporary file in the same folder (with
   /// `mode` from the start, without following a link), write, sync, rename, sync of the folder. The last step
   /// may be impossible: a folder that this user cannot read, a file system without it. Returns 0 or an errno

@@ -21,35 +21,6 @@ class CMutex : public CBasicLock {
   std::mutex mutex_;
 };
 
-class CRwLock {
- public:
-  void lockRead() { mutex_.lock_shared(); }
-  void unlockRead() { mutex_.unlock_shared(); }
-  void lockWrite() { mutex_.lock(); }
-  void unlockWrite() { mutex_.unlock(); }
-
- private:
-  std::shared_mutex mutex_;
-};
-
-class CReadLocker {
- public:
-  explicit CReadLocker(CRwLock& lock) : lock_(lock) { lock_.lockRead(); }
-  ~CReadLocker() { lock_.unlockRead(); }
-  CReadLocker(const CReadLocker&) = delete;
-  CReadLocker& operator=(const CReadLocker&) = delete;
-
- private:
-  CRwLock& lock_;
-};
-
-class CWriteLocker {
- public:
-  explicit CWriteLocker(CRwLock& lock) : lock_(lock) { lock_.lockWrite(); }
-  ~CWriteLocker() { lock_.unlockWrite(); }
-  CWriteLocker(const CWriteLocker&) = delete;
-  CWriteLocker& operator=(const CWriteLocker&) = delete;
-
- private:
-  CRwLock& lock_;
-};
+using CRwLock = std::shared_mutex;
+using CReadLocker = std::shared_lock<CRwLock>;
+using CWriteLocker = std::lock_guard<CRwLock>;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Text, dates and identifiers. Each class is defined in the file of its name, the functions in
 /// VisibleText.cpp.
@@ -12,6 +13,8 @@ class CStr {
  public:
   /// True for a decimal number: an optional sign and at least one digit.
   static bool isNum(std::string_view text);
+  /// The parts between the separators, without empty parts. Valid as long as the text.
+  static std::vector<std::string_view> split(std::string_view text, char separator);
 };
 
 class CDateTime {
@@ -19,13 +22,12 @@ class CDateTime {
   /// "yyyy-MM-dd hh:mm:ss" in local time, from the low 32 bits of the seconds since 1970-01-01.
   static std::string format(std::int64_t secondsSinceEpoch);
   static std::string now();
-  static std::int64_t nowSeconds();
 };
 
 class CUuid {
  public:
-  /// A random version-4 UUID as text. Returns 0.
-  static int generate(std::string& out);
+  /// A random version-4 UUID as text.
+  static std::string generate();
 };
 
 namespace platform {
