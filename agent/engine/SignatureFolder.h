@@ -14,7 +14,7 @@ class SignatureFolder {
   bool empty() const { return files_.empty(); }
   /// The folder has files, or cannot be read.
   bool present() const { return !empty() || unreadable_; }
-  /// Why the folder has no files, or not all.
+  /// The reason when the folder has no files, or when not all files were listed.
   const std::string& problem() const { return problem_; }
   /// Names and content hashes of all signature files, one line each.
   std::string contentKey() const;

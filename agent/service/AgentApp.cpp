@@ -99,8 +99,8 @@ std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const O
   return spawner;
 }
 
-/// The lock lies in the agent's own folder: members of the bus's group could hold a lock in the folder of the
-/// sockets, or forge its pid.
+/// The lock lies in the agent's own folder. In the folder of the sockets, members of the bus's group could
+/// hold the lock or forge its pid.
 void takeLock(CGlobalTag& lock, const platform::InstallTree& tree) {
   switch (lock.trylock(false)) {
     case CGlobalTag::kAcquired:
@@ -175,7 +175,7 @@ class Agent {
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  /// No scan enters these: a scan would report unpacked content as files of its own.
+  /// The folders that no scan enters. A scan would report the unpacked content there as further files.
   std::vector<std::string> ownFolders() const {
     std::vector<std::string> folders{resolved(tree_.state())};
     for (const std::string& folder : spawner_->temporaryFolders()) {

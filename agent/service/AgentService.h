@@ -8,8 +8,9 @@
 
 namespace agent {
 
-/// The agent's methods. The bus calls them one at a time, on the bus's thread. The table of methods says who
-/// may call which method. Each change and each refusal is one line in the log and in the audit record.
+/// The agent's methods. The bus calls one method at a time, on the bus's delivery thread. The table of
+/// methods says who may call which method. Each change and each refusal is one line in the log and in the
+/// audit record.
 class AgentService : public IAgentAbstract {
  public:
   /// group: its members may call the methods that change data, as root and the agent's own user may.

@@ -10,8 +10,8 @@
 
 namespace agent::store {
 
-/// The file to quarantine or delete: held open, together with its folder. Its entry in the folder is removed
-/// only as long as the entry is that very file. Each failure is a StoreError with the reason.
+/// The file to quarantine or delete: held open, together with its folder. The entry in the folder is removed
+/// only while the entry still names the file. Each failure is a StoreError with the reason.
 class OriginalFile {
  public:
   /// Opens the file by the request's descriptor, else by its path without following a link in the last

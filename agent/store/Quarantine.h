@@ -30,8 +30,8 @@ class Quarantine {
   /// Settles work that a crash left half-done; each finding is a line in `notices`.
   Quarantine(Database& database, const std::string& folder, Settings& settings, Regions& regions,
              AuditLog& audit, std::chrono::milliseconds restorePatience, std::vector<std::string>* notices);
-  /// Copies the file in, syncs the copy, records the item and only then removes the original, after a check
-  /// that it is still the same file.
+  /// Copies the file into the quarantine, syncs the copy and records the item. Then checks that the original
+  /// is still the same file, and removes the original.
   platform::Expected<Remark> add(const QuarantineRequest& request);
   /// Deletes the file for good, after the same checks. Ignores the request's detection and md5.
   platform::Expected<Remark> remove(const QuarantineRequest& request);

@@ -11,9 +11,9 @@
 namespace agent::store {
 
 /// Settles at the start the work that a crash, a kill or a power cut left half-done. When a file and its item
-/// both stand, the file wins if it is whole and under its own name: its removal had not begun, or its restore
-/// had ended. The item wins if the removal of the file had begun. An item that cannot be judged is kept and
-/// reported. Nothing else may use the store meanwhile.
+/// both exist, the file is kept if the file is whole and under its own name. Its removal had then not begun,
+/// or its restore had ended. The item is kept if the removal of the file had begun. An item that cannot be
+/// judged is kept and reported. Nothing else may use the store meanwhile.
 class Recovery {
  public:
   Recovery(ItemTable& table, const Vault& vault, Regions& regions, std::vector<std::string>* notices)

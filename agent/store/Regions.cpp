@@ -34,8 +34,8 @@ struct FileFacts {
   std::string md5;
 };
 
-/// What a list shows of a file. The agent may read files that its callers may not read. So callers other than
-/// root and the agent's own user see the facts of their own files only.
+/// The size and the hash of a file, for a list. The agent may read files that its callers may not read. So
+/// callers other than root and the agent's own user see the facts of their own files only.
 FileFacts factsOf(RegionItemType type, const std::string& item, uid_t caller, std::int64_t* budget) {
   FileFacts facts;
   if (type == RegionItemType::kMd5) {

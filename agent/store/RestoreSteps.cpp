@@ -50,7 +50,7 @@ bool dropCapabilities() {
 }
 
 /// A child that hangs must hold no descriptor that another process waits for: locks, sockets, the standard
-/// streams. Its copy of the busy lock tells the next agent that the child is at work.
+/// streams. The child's copy of the busy lock shows the next agent that the child is at work.
 void closeAgentDescriptors(int channel, int busyLock) {
   platform::leaveStandardStreams({channel, busyLock});
   platform::closeAllBut({channel, busyLock});

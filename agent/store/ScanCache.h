@@ -13,9 +13,10 @@
 
 namespace agent::store {
 
-/// Clean results of earlier scans, in a hash table. A thread of its own, started by the first result, writes
-/// them to the database in batches; the first question after a start reads them back. Beyond the limit the
-/// oldest sixteenth goes. A failing disk costs the unwritten results, never an answer. Any thread.
+/// Clean results of earlier scans, in a hash table. A thread of the cache, started by the first result,
+/// writes the results to the database in batches. The first look-up after a start reads the results back.
+/// Beyond the limit the oldest sixteenth goes. A failing disk costs the unwritten results, never an answer.
+/// Any thread.
 class ScanCache {
  public:
   static constexpr std::size_t kMaxFiles = 1'000'000;

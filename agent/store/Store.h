@@ -30,7 +30,7 @@ class Store {
   store::Regions& regions() { return regions_; }
   store::ScanCache& cache() { return cache_; }
   store::TaskRecords& tasks() { return tasks_; }
-  /// What open() found and settled, one line each, for the log.
+  /// The findings of open(), one line each, for the log.
   const std::vector<std::string>& notices() const { return notices_; }
   /// Writes one line to the audit record: caller, action, object, outcome. Never throws.
   void audit(const CallerId& who, const std::string& action, const std::string& object,

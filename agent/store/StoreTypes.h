@@ -16,7 +16,7 @@ constexpr std::int64_t toNs(const timespec& time) {
   return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
 
-/// The state of a file when it was scanned. Quarantine and cache compare it before they act on the file.
+/// The state of a file at its scan. Quarantine and cache compare the state before they act on the file.
 struct FileIdentity {
   std::uint64_t device = 0, inode = 0, size = 0;
   std::int64_t changeTimeNs = 0, modifyTimeNs = 0;

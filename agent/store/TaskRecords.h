@@ -5,8 +5,8 @@
 
 namespace agent::store {
 
-/// Tasks under way, in the cache's database. A restarted agent tells their owners what became of them. Any
-/// thread; every call throws StoreError when the database fails.
+/// The tasks under way, in the cache's database. A restarted agent notifies the owners of interrupted tasks.
+/// Any thread; every call throws StoreError when the database fails.
 class TaskRecords {
  public:
   explicit TaskRecords(Database& database);

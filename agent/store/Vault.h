@@ -9,8 +9,8 @@
 namespace agent::store {
 
 /// The folder of the items' files (0700). The ending of a name is the state of the file: `.part` is being
-/// written, `.item` is whole, `.gone` is being deleted. Without a row, `.part` and `.gone` are worth nothing.
-/// Throws StoreError.
+/// written, `.item` is whole, `.gone` is being deleted. `.part` and `.gone` without a row are deleted at the
+/// start. Throws StoreError.
 class Vault {
  public:
   explicit Vault(const std::string& path);

@@ -13,7 +13,7 @@ namespace agent {
 /// Sends the notifications of a task over the bus, only to the process that started the task.
 class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<BusTaskEvents> {
  public:
-  /// What the owner passed with the request and gets back with every state.
+  /// The owner passes these values with the request and gets them back with every state.
   struct Envelope {
     std::string token;
     Json::Value ctx;  ///< sent as {} when it is no object

@@ -12,8 +12,8 @@
 
 namespace agent {
 
-/// Reports and handles what a scan finds, one detection after the other on a thread of its own: neither the
-/// walk nor the workers wait for a quarantine.
+/// Reports and handles the detections of a scan, one after the other, on a thread of its own. The walk and
+/// the workers do not wait for a quarantine.
 class DetectionHandler {
  public:
   explicit DetectionHandler(const ScanContext& context);
@@ -21,7 +21,7 @@ class DetectionHandler {
   DetectionHandler(const DetectionHandler&) = delete;
   DetectionHandler& operator=(const DetectionHandler&) = delete;
 
-  /// Queues a detection; sets its riskId and times later. Never waits. Any thread.
+  /// Queues a detection. The handler sets riskId and times of the detection later. Never waits. Any thread.
   void add(DetectedFile detected);
   /// Waits until fewer than `most` are queued (1: until all are handled).
   void waitBelow(std::size_t most);

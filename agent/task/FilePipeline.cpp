@@ -52,7 +52,8 @@ void FilePipeline::countFailed(const std::string& path, const std::string& reaso
   AGENT_LOG(LogLevel::kWarning, "%s: not scanned: %s", path.c_str(), reason.c_str());
 }
 
-/// The verdict under the path as reached, or under the resolved one. Rejected under one of them is rejected.
+/// The verdict of the lists on the path as reached, or on the resolved path. A file with one rejected path is
+/// rejected.
 RegionVerdict FilePipeline::regionOf(const EncounteredFile& file) const {
   const RegionVerdict asReached = context_.store.regions().byPath(file.path);
   if (file.resolved.empty() || asReached == RegionVerdict::kRejected) {
@@ -118,7 +119,7 @@ void FilePipeline::submit(EncounteredFile encountered, bool rejected, bool cache
 }
 
 /// Applies the lists of hashes, and the rejection of the path, to a verdict. True for a trusted hash. A file
-/// that the engine could not look into has its hashes all the same.
+/// that the engine could not scan has hashes, too.
 bool FilePipeline::applyRegions(Verdict& verdict, bool rejected) const {
   store::Regions& regions = context_.store.regions();
   const RegionVerdict byHash = regions.hashesNeeded() ? regions.byHash(verdict) : RegionVerdict::kNone;

@@ -11,12 +11,12 @@
 
 namespace agent {
 
-/// What becomes of each file that a scan encounters: left out, known as clean, or scanned by a worker; then
-/// counted, remembered as clean, or handed to the DetectionHandler. Called with the agent's own rights.
-/// Walking thread, except for cancel().
+/// The way of each file that a scan encounters. The file is left out, known as clean, or scanned by a worker.
+/// A scanned file is counted, remembered as clean, or handed to the DetectionHandler. Called with the agent's
+/// own rights. Walking thread, except for cancel().
 class FilePipeline {
  public:
-  /// Starts the workers. signatureVersion: the cache answers for the same version only.
+  /// Starts the workers. signatureVersion: results in the cache count for this version only.
   FilePipeline(const ScanContext& context, Spawner& spawner, const std::string& signatureVersion);
 
   /// Waits while many files are queued or many detections are not handled.

@@ -18,8 +18,8 @@
 
 namespace agent {
 
-/// Of progress and of overviews, the queue keeps only the newest. The queue keeps all other notifications, in
-/// order.
+/// The queue keeps only the newest progress and the newest overview. The queue keeps all other notifications,
+/// in order.
 enum class NotificationKind { kProgress, kOverview, kKept };
 
 /// Sends one notification. Returns 0, or an error number of the bus.
@@ -53,8 +53,8 @@ class Receiver {
 };
 
 /// Sends notifications on a thread of its own: a slow receiver delays neither a task nor another receiver. A
-/// receiver that takes nothing for Limits::stall counts as gone. After a send that ran out of time, the
-/// receiver gets no try for ten times as long, and so takes little of the thread's time. Any thread.
+/// receiver that takes nothing for Limits::stall counts as gone. After a send that ran out of time, the queue
+/// leaves the receiver alone for ten times as long. Any thread.
 class NotificationQueue {
  public:
   struct Limits {

@@ -8,7 +8,7 @@
 
 namespace agent {
 
-/// What the parts of one scan share. The ScanTask owns all of it but the store.
+/// The objects that the parts of one scan share. The ScanTask owns each object except the store.
 struct ScanContext {
   const ScanPlan& plan;
   const CallerId& caller;

@@ -21,8 +21,8 @@ struct ScanPlan {
   std::vector<std::string> items;  ///< bytes; custom scans
   ScanOptions options;
   json::Handling handling = json::Handling::kReportOnly;
-  /// What automatic handling does to a file; kNothing when only reporting. kClean quarantines, too: the agent
-  /// cleans no file in place.
+  /// The action of automatic handling on a file; kNothing when only reporting. kClean quarantines, too: the
+  /// agent cleans no file in place.
   json::HandleAction action = json::HandleAction::kNothing;
   bool memoryCheck = false;
   bool endProcesses = false;  ///< that run a detected file; false when only reporting

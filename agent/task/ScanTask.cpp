@@ -108,7 +108,8 @@ void ScanTask::run() {
   end();
 }
 
-/// Makes what a task needs before its creation is reported.
+/// Waits for the signatures, opens the paths, and starts the workers; the creation of the task is reported
+/// afterwards.
 platform::Expected<void> ScanTask::prepare() {
   SignatureState signatures = parts_.spawner.signatureState();
   while (signatures.loading && !control_.stopping()) {
@@ -154,7 +155,7 @@ void ScanTask::scan() {
   progress.join();
 }
 
-/// The last notifications. The workers end before them.
+/// Ends the workers, then sends the last notifications.
 void ScanTask::end() {
   {
     std::unique_ptr<FilePipeline> ending;
@@ -190,7 +191,7 @@ void ScanTask::reportProgress() {
   events_->overview(overview());
 }
 
-/// On the progress thread: reports, and keeps the time limit, however long one file takes.
+/// On the progress thread: reports, and keeps the time limit of the scan even while one file takes long.
 void ScanTask::reportUntil(const std::future<void>& walked) {
   const auto begin = std::chrono::steady_clock::now();
   while (walked.wait_for(parts_.tick) != std::future_status::ready) {

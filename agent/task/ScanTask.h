@@ -15,9 +15,9 @@
 
 namespace agent {
 
-/// The life of one scan, from its first state to its last. A ScanWalk finds the files, a FilePipeline decides
-/// what becomes of each. Three threads: the task's thread walks, the DetectionHandler's thread handles
-/// detections, the progress thread reports.
+/// The life of one scan, from its first state to its last. A ScanWalk finds the files; a FilePipeline leads
+/// each file to its end. Four threads: the task's thread walks, the pool's thread takes the verdicts, the
+/// DetectionHandler's thread handles detections, and the progress thread reports.
 class ScanTask {
  public:
   struct Parts {
@@ -39,8 +39,8 @@ class ScanTask {
     std::function<void()> delivered;  ///< on another thread: the last notification is delivered or dropped
   };
   void start(Hooks hooks);
-  /// Waits until the task is known to be startable or not. Fails with the reason why it is not. A success at
-  /// the limit means that the task still prepares.
+  /// Waits for the end of the task's preparation. Fails with the reason when the task cannot start. A success
+  /// at the limit means that the task still prepares.
   platform::Expected<void> waitPrepared(std::chrono::milliseconds limit);
   /// Waits until the task's thread is about to end. False at the limit: the thread hangs in a file system
   /// that does not answer.

@@ -14,8 +14,8 @@
 
 namespace agent {
 
-/// Walks what the plan of a scan names, with the caller's rights: the paths of a custom scan, or the stages
-/// of a fast or full scan. The task's thread, except for done().
+/// Walks with the caller's rights: the paths of a custom scan, or the stages of a fast or full scan. The
+/// task's thread, except for done().
 class ScanWalk final : private WalkSink {
  public:
   ScanWalk(const ScanContext& context, Walker::Options options);

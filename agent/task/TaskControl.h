@@ -24,8 +24,8 @@ class TaskControl {
   std::string stopReason() const;
   /// Ends a wait in which the task's thread does not look at the state. Set before the task starts.
   void onStop(std::function<void()> action) { onStop_ = std::move(action); }
-  /// The task's thread calls `paused` before it waits and `resumed` after the wait, also for a pause that
-  /// was resumed before the thread saw the pause. Set before the task starts.
+  /// The task's thread calls `paused` before the wait and `resumed` after the wait. A pause that was resumed
+  /// before the thread saw the pause gets both calls, too. Set before the task starts.
   void onPause(std::function<void()> paused, std::function<void()> resumed);
 
   /// On the task's thread. Waits while paused. False when the task must end.

@@ -46,8 +46,8 @@ class TaskManager {
     std::string token;                 ///< fresh, also of a task that could not be made
     platform::Expected<void> outcome;  ///< or why there is no task
   };
-  /// Returns when the task is known to be startable or not, or when that takes long. The owner of a task that
-  /// is not made gets state -1 or 6.
+  /// Returns when the preparation of the task has ended, or takes long. The owner of a task that is not made
+  /// gets state -1 or 6.
   Started start(const StartRequest& request);
 
   /// action: the number of a json::ControlAction. Fails for a token that the caller may not know, for an

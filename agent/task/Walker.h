@@ -31,7 +31,8 @@ class WalkSink {
   ~WalkSink() = default;
 };
 
-/// Who named a path. The walk enters the file system of a path that the caller named, whatever its kind.
+/// The one who named a path. The walk enters the file system of a path that the caller named, whatever its
+/// kind.
 enum class NamedBy { kCaller, kAgent };
 
 /// Walks folders by descriptor. Each name is opened once, below its folder. The walk follows symbolic links
@@ -50,10 +51,11 @@ class Walker {
   /// Opens a named path, links resolved: a file, a folder, or a special entry without a descriptor.
   static platform::Expected<EncounteredFile> open(const std::string& path);
 
-  /// Fails when the walk would skip the whole of `named`: a special entry, or in a place that is not entered.
+  /// Fails when the walk would skip the whole of `named`: a special entry, or a folder that the walk does not
+  /// enter.
   platform::Expected<void> checkWalkable(const EncounteredFile& named, NamedBy by) const;
 
-  /// Walks `named`. share: its part of the whole work.
+  /// Walks `named`. share: the part of `named` in the whole work.
   void walk(EncounteredFile named, double share, NamedBy by = NamedBy::kAgent);
 
  private:

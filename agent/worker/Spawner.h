@@ -26,8 +26,8 @@ struct TemplateLink {
 
 /// The agent's end of the scanning processes. The constructor forks the spawner process before the agent's
 /// first thread. The spawner forks a worker template, which loads the signatures once and forks the workers.
-/// A template that dies is forked again. All processes end with the agent, however the agent ends.
-/// Has no thread: each call first reads the reports that have arrived. Any thread, except construction.
+/// A template that dies is forked again. All processes end with the agent, however the agent ends. This class
+/// has no thread: each call first reads the reports that have arrived. Any thread, except construction.
 class Spawner {
  public:
   struct Config {
@@ -39,8 +39,8 @@ class Spawner {
     /// Runs in the worker before each file, with its name. For tests that make a worker die or hang.
     std::function<void(const std::string&)> beforeFile{};
   };
-  /// Call while the process has one thread, the longest-lived one: its end ends the spawner. Throws
-  /// std::runtime_error when the fork fails. Returns at once; signatures load meanwhile.
+  /// Call while the process has one thread, the longest-lived one: the end of this thread ends the spawner.
+  /// Throws std::runtime_error when the fork fails. Returns at once; signatures load meanwhile.
   explicit Spawner(Config config);
   ~Spawner();  ///< ends the spawner and its workers; destroy all pools before
   Spawner(const Spawner&) = delete;

@@ -20,7 +20,8 @@
 namespace agent {
 namespace {
 
-// The worker template: holds the signatures. Its workers share its memory until they write to it.
+// The worker template: holds the signatures. A worker shares the memory of the template until the worker
+// writes to this memory.
 class Template {
  public:
   Template(const Spawner::Config& config, const TempFolders& folders, Channel agent)

@@ -24,8 +24,8 @@ struct WorkerStart {
 /// reading the descriptors it receives.
 void confineWorker(const WorkerStart& start);
 
-/// The first call of each child process: sets the name that ps shows, makes the kernel end the child with its
-/// parent, ignores the agent's signals. False when the parent is already gone.
+/// The first call of each child process. Sets the name that ps shows, makes the kernel end the child with its
+/// parent, and ignores the agent's signals. False when the parent is already gone.
 bool becomeChild(const char* name, int parentPid);
 
 /// Closes all other descriptors; standard input, output and error lead nowhere. Returns the descriptor under

@@ -58,7 +58,7 @@ std::string refuse() {
   return errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, "this endpoint does not serve the sender");
 }
 
-/// What handling a message gives.
+/// The result of handling a message.
 struct Outcome {
   std::string response;  ///< empty when there is nothing to answer
   std::string unread;    ///< why no server got the message; empty when a server did

@@ -12,9 +12,9 @@
 /// The wire protocol from console to agent: every method of the agent is declared here and nowhere else. The
 /// console calls through AgentStub; the agent serves through IAgentAbstract. MethodTable.h explains a row.
 ///
-/// The texts and numbers that several methods share: ctx is the caller's context object, which comes back in
-/// reportBusStatus; desc and detail are free descriptions; source and request_source say who asks; token_id
-/// names a task.
+/// Several methods share these parameters. ctx is the caller's context object, which comes back in
+/// reportBusStatus. desc and detail are free descriptions. source and request_source name the kind of caller.
+/// token_id names a task.
 namespace jsonrpchelper {
 
 /// Starts a scan. params: JsonReflect::ScanParams.

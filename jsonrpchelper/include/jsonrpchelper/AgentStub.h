@@ -22,8 +22,8 @@ class AgentStub {
  public:
   explicit AgentStub(jsonrpc::Client& client) : client_(client) {}
 
-  /// Throws jsonrpc::JsonRpcException and nothing else: for a failure of the link, for the agent's error
-  /// answer, and (ResultOfAnotherKind) for a result of another kind than declared. Blocks up to the client's
+  /// Throws jsonrpc::JsonRpcException and nothing else: for a failure of the link and for the agent's error
+  /// answer. A result of another kind than declared gives ResultOfAnotherKind. Blocks up to the client's
   /// time-out; a notification never blocks. As thread-safe as the client.
   template <class Method>
   typename Method::Result call(const Method& request) {

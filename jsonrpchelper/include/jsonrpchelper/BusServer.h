@@ -26,10 +26,10 @@ void runOperation(const std::function<void()>& operation);
 template <class Server, class Result, class Method>
 Method methodServedBy(Result (Server::*)(const Method&));
 
-/// Base of the servers on a helper; `Server` is the derived class. Its constructor binds. Nothing is
-/// delivered before StartListening and nothing after StopListening. The owner calls the first when the most
-/// derived object is whole, and the second before that object goes. An exception of an operation becomes the
-/// error answer of a call, and a line in the log for a notification.
+/// Base of the servers on a helper; `Server` is the derived class, whose constructor calls bindAll. Messages
+/// are delivered between StartListening and StopListening only. The owner calls StartListening when the most
+/// derived object is whole, and StopListening before the object is destroyed. An exception of an operation
+/// becomes the error answer of a call, and a line in the log for a notification.
 template <class Server>
 class BusServer : public jsonrpc::AbstractServer<Server> {
  public:

@@ -10,8 +10,8 @@
 
 namespace jsonrpchelper {
 
-/// Sends notifications from the agent to one process. Another process that has the address by now gets none.
-/// Any thread. Throws for want of memory only.
+/// Sends notifications from the agent to one process. Another process that holds the address by now gets no
+/// notification. Any thread. Throws std::bad_alloc only.
 class ConsoleNotifier {
  public:
   ConsoleNotifier(lunet::IEndpoint& endpoint, const lunet::Guid& target, const lunet::PeerIdentity& process)

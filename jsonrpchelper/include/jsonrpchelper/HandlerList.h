@@ -14,14 +14,14 @@ namespace jsonrpchelper {
 /// connector holds one server only, the last built. Any thread.
 class HandlerList {
  public:
-  /// The handler must live until remove has returned. Adding it again replaces its names.
+  /// The handler must live until remove has returned. Adding the handler again replaces its names.
   void add(jsonrpc::IClientConnectionHandler& handler, std::set<std::string> procedures);
   /// Returns when the handler handles no request any more, unless called from inside the handler.
   void remove(jsonrpc::IClientConnectionHandler& handler);
 
-  /// Gives the request to the handler that has the procedure. A request that no handler has goes to any
-  /// handler, for the library's own error answer. False when there is no handler at all. Each handler handles
-  /// one request at a time.
+  /// Gives the request to the handler that has the procedure. A request for a procedure that no handler has
+  /// goes to any handler, for the library's own error answer. False when the list is empty. Each handler
+  /// handles one request at a time.
   bool handle(const std::string& procedure, const std::string& request, std::string& response);
 
  private:

@@ -8,15 +8,16 @@
 #include "jsonrpchelper/AgentMethods.h"
 #include "jsonrpchelper/BusServer.h"
 
-/// The agent's methods. Implement, make one on the agent's server helper, and call StartListening on it.
-/// Operations run on the bus's thread, one at a time; currentCaller() gives the caller. An exception becomes
-/// the JSON-RPC error answer: JsonRpcException with its code, any other as an internal error with its text.
+/// The agent's methods. Derive a class, make one object on the agent's server helper, and call StartListening
+/// of the object. Operations run on the bus's thread, one at a time; currentCaller() gives the caller. An
+/// exception becomes the JSON-RPC error answer: JsonRpcException with its code, any other as an internal
+/// error with its text.
 class IAgentAbstract : public jsonrpchelper::BusServer<IAgentAbstract> {
  public:
   explicit IAgentAbstract(jsonrpchelper::IJsonRpcServerHelper& helper);
 
-  /// Asked before every operation. The answer to a caller who may not call the method; none for a caller who
-  /// may. With a refusal the operation does not run.
+  /// Called before every operation. Returns the answer to a caller who may not call the method; the operation
+  /// then does not run. Empty for a caller who may call the method.
   virtual std::optional<Json::Value> refusal(jsonrpchelper::Access access, const std::string& method) = 0;
 
   virtual jsonrpchelper::JsonObject startScanTask(const jsonrpchelper::StartScanTask& request) = 0;

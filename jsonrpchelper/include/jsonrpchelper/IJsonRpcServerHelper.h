@@ -16,8 +16,8 @@ class HandlerList;
 
 /// The longest message that a server parses: parsed, a message takes a hundred times its length. The longest
 /// useful request is a change of settings of at most 1 MiB, written as a text in JSON. The limit does not
-/// apply to answers, nor to one-way messages of trusted senders (PeerIdentity::trusted). Both may be as long
-/// as lunet::kMaxMessageBytes.
+/// apply to answers, nor to one-way messages of trusted senders (PeerIdentity::trusted). Answers and such
+/// messages may be as long as lunet::kMaxMessageBytes.
 inline constexpr std::uint32_t kMaxRequestBytes = lunet::kMaxMemberMessageBytes;
 /// The most requests in one batch. No program of this project sends batches. Each request of a batch gets an
 /// answer of its own.
@@ -32,12 +32,12 @@ struct Caller {
 /// The sender, inside an operation of a server. Elsewhere all zero.
 Caller currentCaller();
 
-/// Receives JSON-RPC messages from the bus, gives them to the servers that listen on it, and sends the
-/// answers back. Three kinds of message are not read: a message over kMaxRequestBytes, a batch over
-/// kMaxBatchRequests, and text that is no JSON or nested too deep. Each is logged as an error, with its
-/// sender. A request of that kind gets an error answer, a one-way message none. The console's helper is in
-/// the holders of Holders.h; the agent makes its own. No exception of a server leaves the helper. Servers
-/// come and go from any thread, in any order (BusServer.h).
+/// Receives JSON-RPC messages from the bus, gives each message to the server that declares the method, and
+/// sends the answer back. Three kinds of message are not read: a message over kMaxRequestBytes, a batch over
+/// kMaxBatchRequests, and text that is no JSON or nested too deep. A message of these kinds is logged as an
+/// error, with its sender. The sender of a request gets an error answer. The console's helper is in the
+/// holders of Holders.h; the agent makes its own. No exception of a server leaves the helper. Servers come
+/// and go from any thread, in any order (BusServer.h).
 class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lunet::IMRReceiveComplete {
  public:
   IJsonRpcServerHelper();
@@ -68,7 +68,7 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   /// The list of servers, for BusServer. Shared, because servers may outlive this object.
   const std::shared_ptr<HandlerList>& handlers() const { return handlers_; }
 
-  /// Part of the connector's interface, with nothing to do: registerOn and unregisterFrom do the work.
+  /// Part of the connector's interface, without effect: registerOn and unregisterFrom do the work.
   bool StartListening() override { return true; }
   bool StopListening() override { return true; }
   /// addInfo: a ReplyTarget.

@@ -1,8 +1,9 @@
 #pragma once
 
-// The only place that includes libjson-rpc-cpp. Its headers declare what may be thrown by throw(...), which
-// the language dropped with C++17; while they are read, `throw()` means noexcept(true) and `throw(X)`
-// noexcept(false). All that they include themselves comes first, so that the macro meets nothing else.
+// The only place that includes libjson-rpc-cpp. The library's headers declare exceptions with throw(…), which
+// the language dropped with C++17. While the headers are read, `throw()` means noexcept(true) and `throw(X)`
+// means noexcept(false). The headers that the library includes come first, so that the macro changes no other
+// text.
 #include <json/json.h>
 
 #include <cstdarg>

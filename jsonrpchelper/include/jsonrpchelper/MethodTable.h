@@ -25,7 +25,7 @@
 /// Parameters have no initialisers: a designated initialiser that leaves one out is an error with g++.
 namespace jsonrpchelper {
 
-/// Who may call a method of the agent.
+/// The callers that a method of the agent admits.
 enum class Access {
   kEverybody,     ///< who is admitted to the bus
   kWhoMayChange,  ///< root, the agent's own user and members of the configured group
