@@ -1,5 +1,5 @@
-// Compares the prompt with bash (readline) in the same run: the time from a key's byte to its echo on the
-// pty, the time from exec to the prompt with a running agent, and the resident memory at the prompt.
+// Compares the prompt with bash (readline) in the same run. Measured are the time from a key's byte to its
+// echo on the pty, the time from exec to the prompt with a running agent, and the resident memory.
 //
 //   editor_bench STAGE        an install tree whose agent is running
 #include <fcntl.h>

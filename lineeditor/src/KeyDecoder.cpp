@@ -24,8 +24,8 @@ bool isControl(unsigned char byte) {
   return byte < 0x20 || byte == kBackspaceByte;
 }
 
-/// The number of bytes at the end of a paste's text that the next bytes may change: the beginning of an end
-/// mark, of a line end or of a character.
+/// The number of bytes at the end of a paste's text whose meaning the next bytes may change. Such bytes begin
+/// an end mark, a line end or a character.
 std::size_t undecidedTail(std::string_view text) {
   for (std::size_t length = std::min(kPasteEnd.size() - 1, text.size()); length > 0; --length) {
     if (text.ends_with(kPasteEnd.substr(0, length))) {

@@ -12,7 +12,7 @@
 
 namespace lineeditor {
 
-/// Reads one line on a usable terminal. A table maps each key to the function that acts on the line. One
+/// Reads one line on a usable terminal. A table maps each key to the function that acts on the line. An
 /// object reads one line. The loop is in KeyLoop.cpp, the table in KeyBindings.cpp. The functions of the keys
 /// are in KeyEdits.cpp, KeyCompletion.cpp, KeyHistory.cpp and KeyLoop.cpp.
 class KeyLoop {

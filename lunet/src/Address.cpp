@@ -55,9 +55,9 @@ bool lockFile(int fd) {
   return true;
 }
 
-/// Renames and removes a foreign file at a name of the bus: with such a file a group member could block an
-/// address without a process. A non-empty folder stays under its new name. type: of the bus's own file, which
-/// stays. False, with errno, for users whom the kernel does not let rename the file.
+/// Renames and removes a foreign file at a name of the bus. With such a file, a group member without a
+/// process could block an address. A non-empty folder stays under its new name. type: of the bus's own file,
+/// which stays. False, with errno, for users whom the kernel does not let rename the file.
 bool clearWay(const std::string& path, const std::string& aside, mode_t type) {
   struct stat st {};
   if (lstat(path.c_str(), &st) != 0) {

@@ -29,7 +29,7 @@ class FrameReader {
   void filled(std::size_t count);
 
   enum class Next { kFrame, kMore, kBad };
-  /// The next whole frame. Its body() is valid until the following next() or space().
+  /// Takes the next whole frame. body() is then valid until the following next() or space().
   Next next();
   const FrameHeader& header() const { return header_; }
   std::string_view body() const { return {body_, header_.length}; }

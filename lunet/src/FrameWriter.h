@@ -25,8 +25,8 @@ class FrameWriter {
   FrameWriter(int fd, std::function<void(bool)> wantWrite);
 
   /// kErrPeerLost: the peer has hung up, or close() was called; the frame did not reach the peer.
-  /// kErrQueueFull: nothing was queued. kErrSystem: no memory to queue the rest of a frame; the connection is
-  /// shut and the writer closed, since the peer may have a part of the frame.
+  /// kErrQueueFull: nothing was queued. kErrSystem: no memory to queue the rest of a frame. The peer may have
+  /// a part of the frame, so the connection is shut and the writer closed.
   Error write(const FrameHeader& header, const void* data);
   /// Writes the queued bytes that the socket takes now. False when the peer is gone.
   bool flush();

@@ -17,9 +17,9 @@ namespace lunet {
 
 /// A connection from this endpoint to another: messages and requests go out, answers come in.
 ///
-/// The callers read their answers themselves: one waiting caller at a time has the reader's role, hands the
-/// others their answers, and passes the role on when it leaves. So a lone caller's answer costs no change of
-/// threads. The io thread reads only while no caller waits: late answers, and a hang-up.
+/// The callers read the answers themselves. One waiting caller at a time has the reader's role and hands the
+/// other callers their answers. A reader that leaves passes the role on. So a lone caller's answer costs no
+/// change of threads. The io thread reads only while no caller waits: late answers, and a hang-up.
 class OutgoingLink final : public Watched, public std::enable_shared_from_this<OutgoingLink> {
  public:
   struct Answer {

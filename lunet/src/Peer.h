@@ -7,8 +7,8 @@
 
 namespace lunet {
 
-/// The process at the other end of a connected socket, as the kernel names it, with the supplementary groups
-/// of the time when the process connected or began to listen.
+/// The process at the other end of a connected socket, as the kernel reports the process. The supplementary
+/// groups are those of the time when the process connected or began to listen.
 struct Peer {
   PeerIdentity identity;
   std::vector<gid_t> groups;

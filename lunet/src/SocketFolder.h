@@ -36,8 +36,9 @@ struct SocketFolder {
 /// The folder's owner, without a change of the folder. kErrNoTarget: the folder is missing, so no endpoint
 /// was opened yet. kErrPath: the folder is unsafe or wrong, or its sockets' paths would be too long.
 Result<uid_t> checkFolder(const SocketFolder& folder);
-/// The same after making a missing folder and setting its group and mode. Both are set only in a folder of
-/// this user that holds nothing but files of a bus; another folder must have them already (kErrPath).
+/// Makes a missing folder, sets its group and mode, and then checks as checkFolder does. Group and mode are
+/// set only in a folder of this user that holds only files of a bus. Another folder must have this group and
+/// mode already (kErrPath).
 Result<uid_t> prepareFolder(const SocketFolder& folder);
 
 /// The socket's address; nothing when the path is longer than the system's limit of 107 bytes.

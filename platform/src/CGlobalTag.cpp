@@ -24,7 +24,8 @@ std::string describe(const char* what, const std::string& path) {
   return std::string(what) + " " + platform::visibleText(path) + ": " + platform::errnoText(errno);
 }
 
-/// Makes the folder of the marks: private until the bus opens it to a group. Its parents are readable.
+/// Makes the folder of the marks: private until the bus opens the folder to a group. The folders above are
+/// readable.
 platform::Expected<std::string> makeDirectory(const std::string& directory) {
   const std::size_t slash = directory.find_last_of('/');
   if (slash != std::string::npos && slash > 0) {

@@ -9,8 +9,8 @@
 
 namespace {
 
-/// `su` and `sudo -E` keep another user's environment for root. That user must not choose where root makes
-/// folders and writes files.
+/// `su` and `sudo -E` keep another user's environment for root. The other user must not choose where root
+/// makes folders and writes files.
 bool mayWriteBelow(const std::string& folder) {
   return CDir::resolveForFiles(CDir::nearestExisting(folder)).has_value();
 }

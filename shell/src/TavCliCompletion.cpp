@@ -8,7 +8,7 @@
 
 namespace {
 
-// The modules of this folder register themselves before main. These references make the linker take the
+// The modules of this folder register themselves before main. The references below make the linker take the
 // modules out of the archive.
 [[gnu::used]] const TavcliCmdInterface* const kOwnModules[] = {&TavCliCmdCommon::module,
                                                                &TavCliCmdCache::module};

@@ -5,8 +5,8 @@
 
 namespace tavcli {
 
-/// Tells the user of an unattended run, in one line each, that the agent is gone and that the agent is back.
-/// One thread.
+/// Prints a line for the user of an unattended run when the agent is gone, and when the agent is back. One
+/// thread.
 class AgentWatch {
  public:
   AgentWatch(std::function<bool()> reachable, std::function<void(const std::string&)> complain)

@@ -11,7 +11,7 @@ class CGlobalTag;
 
 namespace tavcli {
 
-/// What the loop of an unattended run uses from the rest of the program.
+/// The functions of the rest of the program that the loop of an unattended run calls.
 struct BatchHost {
   std::function<void(const char* line)> execute;          ///< passes a command line to the shell
   std::function<void(const std::string& line)> complain;  ///< one line for the user, on standard error

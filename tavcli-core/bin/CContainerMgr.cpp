@@ -31,7 +31,8 @@ bool explain(const char* function, int line, const std::string& why) {
   return false;
 }
 
-/// What the user can do about a library that was not loaded. The loader's own words go to the debug log.
+/// The line for the user about a library that was not loaded, with the remedy. The loader's own words go to
+/// the debug log.
 std::string adviceOn(const std::string& library) {
   const auto safe = CDir::resolveSafe(library);
   return "the bus library is not loaded: " +

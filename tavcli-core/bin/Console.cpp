@@ -55,8 +55,8 @@ class Link {
   CContainerMgr manager_;
 };
 
-/// Tells the shell what QUIT does before QUIT ends the process. The destructor restores the terminal,
-/// whichever way the prompt ends.
+/// Sets the shell's hook for QUIT. The destructor removes the hook and restores the terminal, whichever way
+/// the prompt ends.
 class QuitHook {
  public:
   explicit QuitHook(std::function<void()> hook) { TavCliCompletion::instance().setQuitHook(std::move(hook)); }
@@ -76,7 +76,8 @@ ContainerConfig useInstallTree() {
   return config;
 }
 
-/// The steps that both run modes share once the mark is held. Null after a failed step, which has its line.
+/// The steps of both run modes after the mark is taken. Null after a failed step; the step has printed its
+/// line.
 std::unique_ptr<Link> bringUp(CGlobalTag& mark, ContainerConfig config, const Surroundings& surroundings,
                               const char* withoutUuid) {
   mark.setAttribute("pid", std::to_string(getpid()));

@@ -9,7 +9,8 @@
 
 namespace tavcli {
 
-/// What a run takes from outside. The program uses the initial values; tests replace members.
+/// The functions that a run calls outside the program. The program uses the initial values; tests replace
+/// members.
 struct Surroundings {
   std::function<int(std::string& uuid)> generateUuid;  ///< 0 on success
   std::function<std::unique_ptr<IPause>()> makePause;  ///< called before any other thread starts

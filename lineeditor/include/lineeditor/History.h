@@ -3,8 +3,9 @@
 #include <cstdint>
 #include <cstdio>
 
-/// The lines accepted at the prompt: a ring of 256 entries of at most 4095 bytes (HistoryRing.cpp), the file
-/// of the ring (HistoryFile.cpp), the listing and the search (HistoryList.cpp). Main thread only.
+/// The lines accepted at the prompt: a ring of 256 entries of at most 4095 bytes. The ring is in
+/// HistoryRing.cpp, its file in HistoryFile.cpp, the listing and the search in HistoryList.cpp. Main thread
+/// only.
 namespace lineeditor {
 
 /// Adds each line of the file as an entry; a line over 4095 bytes becomes several entries. Returns 0. When

@@ -25,8 +25,8 @@ struct BusLogPlace {
   std::string stem;
 };
 
-/// What IClient::Init takes, for a program of the tree at `runtimePath`. config: the content of
-/// cli_lunet.conf, whose "log_level" is turned into the library's.
+/// The configuration for IClient::Init, of a program in the tree at `runtimePath`. config: the content of
+/// cli_lunet.conf. Its "log_level" is converted to the library's scale.
 Json::Value completeBusConfig(Json::Value config, const std::string& runtimePath, const BusLogPlace& log);
 
 /// One line of JSON, as IClient::Init takes it.

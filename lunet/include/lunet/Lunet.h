@@ -1,7 +1,8 @@
 #pragma once
 
 // The message bus as its users see it: abstract classes of libLunetClientMgr.so, which BusClient loads at run
-// time. A new virtual operation goes to the end of its class: their order is part of the interface.
+// time. A new virtual operation goes to the end of its class: the order of the operations is part of the
+// interface.
 
 #include <sys/types.h>
 
@@ -29,20 +30,22 @@ enum Error : std::uint32_t {
   kErrSystem = 0xE001000C,     ///< the system refused (no descriptors, no memory, …); see the log
 };
 
-/// Channels carry a number only; the two in use are those of the JSON-RPC plumbing.
+/// A channel is a number; JSON-RPC uses these two.
 inline constexpr std::uint32_t kRequestChannel = 10990;
 inline constexpr std::uint32_t kOnewayChannel = 20991;
 
 /// The largest message body, both ways.
 inline constexpr std::uint32_t kMaxMessageBytes = 256u << 20;
 
-// The quota of a group member (PeerIdentity::trusted is false) at an endpoint. It does not apply to answers.
+// The quota of a group member (PeerIdentity::trusted is false) at an endpoint. The quota does not apply to
+// answers.
 
 /// The largest message of a member. A longer message closes the connection: calls end with kErrPeerLost,
 /// accepted one-way messages are lost (both logs say so). The next send connects anew.
 inline constexpr std::uint32_t kMaxMemberMessageBytes = 8u << 20;
-/// Connections of one member, and of one address of the member, at a time. One more is refused with
-/// kErrQueueFull. An endpoint has one connection to each target, and a few more whose end is not noticed yet.
+/// Connections of one member, and of one address of the member, at a time. Further connections are refused
+/// with kErrQueueFull. An endpoint has one connection to each target, and a few more whose end is not noticed
+/// yet.
 inline constexpr std::uint32_t kMaxMemberLinks = 32;
 inline constexpr std::uint32_t kMaxMemberLinksOfAddress = 4;
 
@@ -67,7 +70,7 @@ class IMRReceiveComplete {
   /// One message. Called on the endpoint's delivery thread, one message at a time. The messages of one sender
   /// come in the order sent, over both channels together. `data` is valid during the call. `replyContext` is
   /// null for a one-way message, else valid for one Reply until the endpoint closes. `registrationContext` is
-  /// the `context` of RegisterReceiver. The callback may send, also with SyncSend. It must not throw.
+  /// the `context` of RegisterReceiver. The callback may send, also with SyncSend, and must not throw.
   virtual void ReceiveCallback(std::uint32_t channel, std::uint64_t messageId, const void* data,
                                std::uint32_t length, void* replyContext, void* registrationContext) = 0;
 
@@ -141,9 +144,9 @@ class IClient {
   virtual void SetLogCallback(LogCallback callback) = 0;
   virtual void Reserved() = 0;
   /// Waits until the agent's endpoint accepts, for `timeoutSec` seconds or "connect_timeout_ms", whichever is
-  /// less. 0, kErrNoTarget or kErrQueueFull; kErrDenied and kErrPath at once. A time of 0 is a look without a
-  /// wait: 0 when a permitted process listens, without a handshake. A look with the result of the last call
-  /// is not logged.
+  /// less. 0, kErrNoTarget or kErrQueueFull; kErrDenied and kErrPath at once. With a time of 0 the call looks
+  /// once, without a wait and a handshake: 0 when a permitted process listens. A look whose result is that of
+  /// the last call is not logged.
   virtual std::uint32_t Connect(std::uint32_t timeoutSec) = 0;
   virtual void Uninit() = 0;
   virtual void Disconnect() = 0;

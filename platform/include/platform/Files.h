@@ -8,7 +8,7 @@
 
 #include "platform/Expected.h"
 
-/// Files and folders. Each class is defined in the file of its name, the functions in utils.cpp.
+/// Files and folders. Classes are defined in the files of their names, the functions in utils.cpp.
 
 /// The file that a path names. Follows links.
 class CFileInfo {
@@ -34,10 +34,10 @@ class CFile {
   static tl::expected<std::string, int> readAll(const std::string& path,
                                                 std::size_t limitBytes = kReadLimitBytes);
   /// Puts the whole file in place, or changes nothing. Steps: a temporary file in the same folder (with
-  /// `mode` from the start, without following a link), write, sync, rename, sync of the folder. The last step
-  /// may be impossible: a folder that this user cannot read, a file system without it. Returns 0 or an errno
-  /// value. After a failure the temporary file is gone and the old file stands. Exception: when the sync of
-  /// the folder fails otherwise (EIO), the new file is in place.
+  /// `mode` from the start, without following a link), write, sync, rename, sync of the folder. The sync of
+  /// the folder is left out where this user cannot read the folder, and on a file system without this sync.
+  /// Returns 0 or an errno value. After a failure the temporary file is gone and the old file stands.
+  /// Exception: when the sync of the folder fails otherwise (EIO), the new file is in place.
   static int replaceAtomically(const std::string& path, std::string_view content, std::uint32_t mode);
 };
 
@@ -51,8 +51,8 @@ class CDir {
   /// The path itself if anything has that name, even a dangling link; else the nearest existing folder above.
   static std::string nearestExisting(const std::string& path);
   /// The path with its links resolved, if no other user can make the path lead elsewhere. The file, and every
-  /// folder and link on the way from /, must belong to root or the effective user, and no other user may
-  /// write them (a sticky folder is safe).
+  /// folder and link on the way from /, must belong to root or the effective user. No other user may write
+  /// there; a sticky folder is safe.
   static platform::Expected<std::string> resolveSafe(const std::string& path);
   /// The same for a path whose end may be missing: the missing part stays as written.
   static platform::Expected<std::string> resolveForMaking(const std::string& path);

@@ -18,8 +18,8 @@ std::string errnoText(int error);
 /// A path in single quotes with its control characters visible, for the reason of a failure.
 std::string quoted(std::string_view path);
 
-/// The open flags for reading files of other users: does not wait for the other end of a pipe, and makes no
-/// terminal the controlling one.
+/// The open flags for reading files of other users: without a wait for the other end of a pipe, and without a
+/// new controlling terminal.
 int readingFlags();
 
 /// openat with readingFlags and `flags`. Keeps the access time if this process may do so. Empty with errno

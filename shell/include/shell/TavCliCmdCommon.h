@@ -3,8 +3,8 @@
 #include "shell/GrammarTable.h"
 #include "shell/Modules.h"
 
-/// The commands of the console itself: QUIT, HISTORY, HELP CTRL and HELP APP. Their handlers act during the
-/// parse of the line, without a task.
+/// The commands of the console itself: QUIT, HISTORY, HELP CTRL and HELP APP. The handlers of these commands
+/// act during the parse of the line, without a task.
 class TavCliCmdCommon : public TavcliCmdInterface {
  public:
   TavCliCmdCommon();

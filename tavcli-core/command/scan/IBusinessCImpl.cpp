@@ -21,12 +21,12 @@ std::string stateLine(const char* name, std::uint32_t value) {
   return line;
 }
 
-/// Writes the report first: who sees the state finds the report.
+/// Writes the report before the state changes: the loop that sees the state finds the report.
 void reportAndSetState() {
   g_lastBusState = batchreport::write() ? tavcli::kBusStateInfected : tavcli::kBusStateClean;
 }
 
-/// Entries that could not be scanned stand neither in the report nor in the exit code.
+/// The report and the exit code do not show the entries that could not be scanned.
 void complainOfUnscanned() {
   const std::int64_t count = ScanRunState::instance().failed_items();
   if (count > 0) {
@@ -35,7 +35,7 @@ void complainOfUnscanned() {
   }
 }
 
-/// Ends the scan. Returns two lines: the state before the end and the state behind the end.
+/// Ends the scan. Returns two lines: the state before the end, and the state after the end.
 std::string endOfTask() {
   const std::uint32_t before = g_lastBusState;
   if (before == tavcli::kBusStateNone) {

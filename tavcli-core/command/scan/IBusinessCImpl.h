@@ -3,7 +3,7 @@
 #include "jsonrpchelper/IBusinessCAbstract.h"
 
 /// Shows the state and the progress of a scan task. In an unattended run, writes the report and sets
-/// g_lastBusState. One a process. The operations run on the bus's delivery thread.
+/// g_lastBusState. A process has one such object. The operations run on the bus's delivery thread.
 class IBusinessCImpl : public IBusinessCAbstract {
  public:
   using IBusinessCAbstract::IBusinessCAbstract;

@@ -3,7 +3,7 @@
 #include "jsonrpchelper/IScanCAbstract.h"
 
 /// Shows the agent's detections while a scan runs. In an unattended run, the detections go into the report
-/// instead. One a process. The operations run on the bus's delivery thread.
+/// instead. A process has one such object. The operations run on the bus's delivery thread.
 class IScanCImpl : public IScanCAbstract {
  public:
   using IScanCAbstract::IScanCAbstract;

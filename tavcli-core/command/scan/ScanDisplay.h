@@ -7,8 +7,8 @@
 #include "json/Values.h"
 
 /// The agent's scan notifications as text: pure functions from a notification to whole lines with their line
-/// ends. Control characters and broken bytes of the agent's texts are made visible. The receivers print the
-/// lines.
+/// ends. The functions make control characters and broken bytes of the agent's texts visible. The receivers
+/// print the lines.
 namespace scandisplay {
 
 /// The effect of a task state on an unattended run.

@@ -8,9 +8,9 @@
 #include <mutex>
 #include <string>
 
-/// What the SCAN command, the program's start and the receivers of notifications share about the running
-/// scan. One a process. Any thread: the command runs on the main thread, the receivers on the bus's delivery
-/// thread.
+/// The state of the running scan, shared by the SCAN command, the program's start and the receivers of
+/// notifications. A process has one such object. Any thread: the command runs on the main thread, the
+/// receivers on the bus's delivery thread.
 class ScanRunState {
  public:
   static ScanRunState& instance();
@@ -36,10 +36,10 @@ class ScanRunState {
   std::int64_t failed_items() const { return failed_items_; }
   void set_failed_items(std::int64_t count) { failed_items_ = count; }
 
-  /// Asks the agent to start a scan. `ask` returns whether the agent accepted the scan. Notifications may
-  /// overtake the answer, so their use of the result document waits for the answer; `ask` itself must not use
-  /// the document. An accepted scan begins with an empty document. After noteBusy the next scan goes on with
-  /// the document of the scan before. A scan that is not accepted changes nothing. Main thread.
+  /// Asks the agent to start a scan. `ask` returns whether the agent accepted the scan, and must not use the
+  /// result document. Notifications may overtake the answer, so result() and updateResult() wait for the
+  /// answer. An accepted scan begins with an empty document. After noteBusy the next scan goes on with the
+  /// document of the scan before. A scan that is not accepted changes nothing. Main thread.
   void start(const std::function<bool()>& ask);
   /// Notes that the agent refused the last start because a scan of that type exists. Call before the bus
   /// state changes.

@@ -43,7 +43,8 @@ std::optional<Control> controlFor(unsigned action) {
   return std::nullopt;
 }
 
-/// An unattended run waits on: the agent may have begun the scan before its answer was lost.
+/// One line for the user of an unattended run. The run goes on: the agent may have begun the scan before the
+/// answer was lost.
 void complainOfUnconfirmedStart(const std::string& why) {
   if (ScanRunState::instance().batch_mode() == 1) {
     tavcli::complain("tavcli: the agent has not confirmed the start of the scan: " + why);
