@@ -9,8 +9,8 @@
 
 namespace agent {
 
-/// Runs it on a thread that has mounts of its own, as have the threads that it starts: what `mounts` puts
-/// there is seen by nobody else. False when this process may not do that, or `mounts` says no.
+/// Runs `what` on a thread with mounts of its own, which the threads of `what` share. No other process sees
+/// the mounts that `mounts` makes. False when this process may not do that, or when `mounts` returns false.
 inline bool withOwnMounts(const std::function<bool()>& mounts, const std::function<void()>& what) {
   bool ran = false;
   std::thread([&] {

@@ -10,9 +10,9 @@
 #include <variant>
 #include <vector>
 
-/// What the programs that kill at random moments have in common: their options, and the files that must be
-/// there after each round. Used by quarantine_rounds (the store alone) and agent_rounds (the whole agent).
-/// A file counts once: in place or in the quarantine.
+/// The parts that the programs with kills at random moments share: the options, and the files that must be
+/// there after each round. Used by quarantine_rounds (the store alone) and agent_rounds (the whole agent). A
+/// file counts once: in place or in the quarantine.
 namespace rounds {
 
 /// --name VALUE, as a number of at least `smallest` or as text.
@@ -21,10 +21,10 @@ struct Option {
   std::variant<unsigned long*, std::string*> value;
   unsigned long smallest = 0;
 };
-/// False when the command line holds anything else; then the usage is told on stderr.
+/// False when the command line holds anything else; the usage then goes to stderr.
 bool readOptions(int argc, char** argv, const std::vector<Option>& options);
 
-/// What must be the same after each round.
+/// The facts of a file that must be the same after each round.
 struct Original {
   std::string path, sha256;
   mode_t mode = 0;
@@ -35,10 +35,10 @@ struct Original {
 
 std::string randomBytes(std::size_t count, std::mt19937_64& random);
 
-/// Files in nested folders, and what they were when they were made.
+/// Files in nested folders, and their facts at the time of their making.
 class Originals {
  public:
-  /// Told of each file that is not as it must be: what, and why.
+  /// Called for each file that differs from its original: what, and why.
   using Fail = std::function<void(const std::string& what, const std::string& why)>;
   struct Places {
     std::size_t inPlace = 0, inQuarantine = 0, lost = 0, twice = 0;
@@ -50,9 +50,10 @@ class Originals {
   const std::vector<Original>& all() const { return all_; }
   const std::string& folder() const { return folder_; }
   std::size_t size() const { return all_.size(); }
-  /// Where the files are, the quarantine holding those of these paths. What is in place is looked into.
+  /// The places of the files, when the quarantine holds the files of these paths. Compares the content of the
+  /// files in place.
   Places count(const std::multiset<std::string>& quarantined, const Fail& fail) const;
-  /// All are in place, as they were, and nothing else is there.
+  /// Checks that all files are in place and unchanged, and that the folder holds no others.
   void checkAll(const Fail& fail) const;
 
  private:

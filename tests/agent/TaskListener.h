@@ -72,7 +72,7 @@ class TaskListener final : public TaskEvents {
   std::vector<int> percents() const { return copied(percents_); }
   std::vector<int> stages() const { return copied(stages_); }
   Json::Value attributes() const { return copied(attributes_); }
-  std::vector<std::string> risks() const { return copied(risks_); }  ///< files, as they were told
+  std::vector<std::string> risks() const { return copied(risks_); }  ///< the files, as notified
   std::vector<int> processes() const { return copied(processes_); }  ///< by pid
   std::string lastName() const { return copied(lastName_); }         ///< of the last detection in a file
   std::string lastMd5() const { return copied(lastMd5_); }

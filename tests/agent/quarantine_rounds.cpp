@@ -2,10 +2,10 @@
 //
 //   quarantine_rounds [--rounds N] [--files N] [--threads N] [--seed N] [--folder PATH]
 //
-// Each round a child process opens the store and quarantines the files; it is killed at a random moment. Then
-// the store is opened again, and every original must be in place or in the quarantine, never both and never
-// neither; all are restored and must be what they were: content (SHA-256), owner, mode and times. Ends with 0
-// when all rounds went well. Needs no other program.
+// In each round a child process opens the store and quarantines the files, and is killed at a random moment.
+// Then the store is opened again. Every original must be either in place or in the quarantine. The round
+// restores all files and compares content (SHA-256), owner, mode and times. The exit status is 0 when all
+// rounds went well. Needs no other program.
 
 #include <sys/stat.h>
 #include <sys/wait.h>

@@ -197,8 +197,8 @@ class Service : public ::testing::Test {
     return store_->regions().list(json::RegionDomain::kEvery, json::RegionItemType::kFile, region);
   }
 
-  // The restricted changes. Each returns whether it was allowed, and checks that a refused one changes
-  // nothing.
+  // The restricted changes. Each function returns whether the change was allowed, and checks that a refused
+  // change has no effect.
   bool changesSettings(const lunet::PeerIdentity& caller) {
     const int before =
         store_->settings().document(json::ConfigType::kScan).get("Common", {})["SkipSize"].asInt();

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// What a second user could plant between two steps.
+/// The files and links that a second user could plant between two steps.
 class LinkTest : public QuarantineTest {
  protected:
   void SetUp() override {

@@ -405,7 +405,7 @@ int takenOneByOne(NotificationQueue& queue, FakeConsole& console, int count) {
   return count;
 }
 
-/// A send that runs out of time, as one to an endpoint that never welcomes.
+/// A send that runs out of time, as does a send to an endpoint that finishes no handshake.
 SendNotification timesOut(std::atomic<int>& tries) {
   return [&tries]() -> std::uint32_t {
     ++tries;

@@ -105,7 +105,7 @@ TEST_F(ConsoleAndAgent, AfterSomebodyElsesScanABatchHasItsOwnOutcomeAndReport) {
   tree.write("infected/eicar.com", eicar());
   tree.write("own/clean", "clean");
   {
-    // Its end would come while the batch waits: it finds something, the batch must not.
+    // This scan would end while the batch waits. This scan finds something; the batch must not.
     PeerConsole other(tree);
     Json::Value changes;
     changes = testsupport::jsonOf(R"({"force_scan":true,"parallelism":1,"max_scan_sec":1})");

@@ -549,7 +549,8 @@ TEST_F(AgentTasks, SigtermEndsTasksWithStateFiveAndLeavesNothingBehind) {
   EXPECT_TRUE(std::filesystem::is_empty(tree.at("state/tmp")));
 }
 
-/// A stopped console welcomes nobody: the agent that was started again waits with the first of its notices.
+/// A stopped console finishes no handshake: the agent that was started again waits with its first
+/// notification.
 TEST_F(AgentTasks, AtSigtermAConsoleHasTimeToTakeTheEndsOfItsTasks) {
   PeerConsole console(tree);
   const std::string token = startBusy(console);

@@ -1,5 +1,5 @@
-// The process that is a tree's agent: only the agent holds the mark, and nobody else chooses the pid that the
-// mark names and that scripts give to kill.
+// The mark of a tree's agent. Only the agent holds the mark, and no other user chooses the pid in the mark,
+// which scripts give to kill.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
-// agent_rounds: rounds of kill -9 of the agent at random moments while it quarantines what it finds.
+// agent_rounds: rounds of kill -9 of the agent at random moments while the agent quarantines files.
 //
 //   agent_rounds [--rounds N] [--files N] [--seed N]
 //
-// The program uses one private install tree with the real agent. Each round starts a scan with automatic
-// handling of a folder full of detections, kills the agent at a random moment, and starts the agent again.
-// Then every original must be either in place or in the quarantine. The round restores all files over the bus
-// and compares content (SHA-256), owner, mode and time. The exit status is 0 when all rounds went well.
+// The program uses one private install tree with the real agent. A round scans a folder full of detections
+// with automatic handling. The round kills the agent at a random moment, and starts the agent again. Then
+// every original must be either in place or in the quarantine. The round restores all files over the bus and
+// compares content (SHA-256), owner, mode and time. The exit status is 0 when all rounds went well.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// The scripts of a checkout: scripts/run --stop with an agent that it must not or cannot end, and
-// scripts/test and the configuration of a build where something is missing.
+// The scripts of a checkout: scripts/run --stop with an agent that the script must not or cannot end. Also
+// scripts/test, and the configuration of a build, where something is missing.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

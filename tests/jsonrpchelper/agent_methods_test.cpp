@@ -230,7 +230,7 @@ class AgentServer : public testing::TestWithParam<MethodRow> {
   }
   ~AgentServer() override { helper.unregisterFrom(endpoint); }
 
-  /// What the agent answers to a request with these parameters.
+  /// The agent's answer to a request with these parameters.
   Json::Value ask(const Json::Value& parameters) {
     return jsonOf(
         endpoint.deliver(lunet::kRequestChannel, requestText(rowName(GetParam()), parameters, 5), true)

@@ -27,7 +27,7 @@ class Notification : public testing::TestWithParam<MethodRow> {
     const auto delivery = console.deliver(lunet::kOnewayChannel, notificationText(name(), parameters), false);
     EXPECT_FALSE(delivery.replied);
   }
-  /// What reached any receiver.
+  /// The calls that reached a receiver.
   std::vector<Json::Value> received() const {
     std::vector<Json::Value> calls = scan.log.calls();
     for (const Json::Value& call : business.log.calls()) {

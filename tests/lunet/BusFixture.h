@@ -43,8 +43,8 @@ class Client {
   std::uint32_t initResult_ = 0;
 };
 
-/// An endpoint of that client. Its receiver, for both channels, stores each message and then runs
-/// `onMessage`, if any, on the delivery thread.
+/// An endpoint of that client. The receiver of both channels stores each message and then runs `onMessage`,
+/// if any, on the delivery thread.
 class Endpoint final : public lunet::IMRReceiveComplete {
  public:
   using Handler = std::function<void(Endpoint&, const Message&)>;

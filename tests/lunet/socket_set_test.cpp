@@ -10,7 +10,7 @@
 
 namespace {
 
-/// A socket that is ready from the beginning. Its notification removes itself or another socket from the set.
+/// A socket that is ready from the beginning. onReady removes this socket or another one from the set.
 class Ready final : public lunet::Watched {
  public:
   void onReady(std::uint32_t) override {

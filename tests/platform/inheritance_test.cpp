@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Makes the call in a child. Its exit status is 0 when exactly these descriptors are open.
+/// Makes the call in a child. The exit status of the child is 0 when exactly these descriptors are open.
 int childHas(const std::set<int>& wanted, const std::function<void()>& call) {
   const pid_t child = fork();
   if (child == 0) {

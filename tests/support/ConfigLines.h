@@ -10,7 +10,7 @@
 #include "json/Values.h"
 #include "support/Golden.h"
 
-/// What CONFIG MODIFY sends and CONFIG SHOW displays, from the golden files of the console's tests.
+/// The changes of CONFIG MODIFY and the rows of CONFIG SHOW, from the golden files of the console's tests.
 namespace testsupport {
 
 using Document = std::optional<json::ConfigType>;

@@ -7,8 +7,8 @@
 
 namespace testsupport {
 
-/// The console's end of the agent link inside the test's own process: its endpoint on the bus of a private
-/// tree, and the process-wide holders filled with it. One at a time.
+/// The console's end of the agent link inside the test's own process. Opens an endpoint on the bus of a
+/// private tree, and fills the process-wide holders. One object at a time.
 class ConsoleLink {
  public:
   /// timeoutMs: of each call. Throws std::runtime_error when the console cannot join the bus.

@@ -17,7 +17,7 @@ inline constexpr const char* kAgentAddress = "FBE54D8E-D8E6-41F8-BE05-A94CE54695
 inline constexpr const char* kConsoleAddress = "A4F72BA6-6DE6-44D4-B955-5A880273427E";
 
 /// An endpoint of a process of its own: `lunetctl listen` on an address, driven line by line as a script
-/// drives lunetctl. What arrives is kept in its order. Every failure is a std::runtime_error.
+/// drives lunetctl. Keeps the messages in the order of their arrival. Every failure is a std::runtime_error.
 class LunetctlPeer {
  public:
   struct Message {
@@ -36,7 +36,7 @@ class LunetctlPeer {
     }
   }
 
-  /// What has arrived; all methods for "".
+  /// The messages of a method that have arrived; for "" of all methods.
   std::vector<Message> messages(const std::string& method = "") const {
     std::vector<Message> found;
     for (const Json::Value& event : events("message")) {

@@ -26,7 +26,7 @@ constexpr Build kQuarantine = command::quarantineSettingRows;
 constexpr Build kEngine = command::engineSettingRows;
 constexpr Build kRealProtect = command::realProtectSettingRows;
 
-/// What a page of CONFIG SHOW holds: its title, the rows of the golden file, and more rows.
+/// A page of CONFIG SHOW: its title, the rows of the golden file, and more rows.
 struct Page {
   json::ConfigType document;
   Build build;
