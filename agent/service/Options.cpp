@@ -11,7 +11,7 @@ namespace {
 
 struct Row {
   const char* name;
-  const char* value;  // null: takes none
+  const char* value;  // null: the option takes no value
   const char* help;
   bool (*apply)(Options&, const std::string&);
 };

@@ -21,7 +21,7 @@ struct FileIdentity {
   std::uint64_t device = 0, inode = 0, size = 0;
   std::int64_t changeTimeNs = 0, modifyTimeNs = 0;
   static FileIdentity of(const struct stat& st);
-  /// The same but for the change time, which a new name or mode moves.
+  /// Compares all but the change time: a new name or another mode moves the change time.
   bool sameContent(const FileIdentity& other) const;
   friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };

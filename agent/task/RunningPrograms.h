@@ -18,7 +18,7 @@ namespace agent {
 struct RunningProgram {
   pid_t pid = 0;
   uid_t uid = 0;
-  std::uint64_t startTicks = 0;  ///< tells two processes of one pid apart; 0: could not be read
+  std::uint64_t startTicks = 0;  ///< differs for a re-used pid; 0: could not be read
   std::string name;              ///< the kernel's short name: any bytes
   std::string path;              ///< of the program; ends in " (deleted)" when the program is gone
   bool onDisk = true;

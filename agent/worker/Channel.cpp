@@ -18,7 +18,7 @@ union ControlBuffer {
   std::array<char, CMSG_SPACE(sizeof(int))> bytes;
 };
 
-// Takes the packet's descriptor. False for several: all but the last are closed.
+// Takes the packet's descriptor. False for several descriptors: all but the last are closed.
 bool takeDescriptor(msghdr& header, platform::Descriptor& taken) {
   std::size_t count = 0;
   for (cmsghdr* control = CMSG_FIRSTHDR(&header); control != nullptr;
@@ -88,8 +88,8 @@ Channel::Received Channel::receive(Packet& packet, bool wait) const {
   ssize_t got = -1;
   do {
     got = recvmsg(fd_.get(), &header, MSG_CMSG_CLOEXEC | (wait ? 0 : MSG_DONTWAIT));
-    // ECONNRESET: the other end died with unread packets. The kernel reports it once; packets sent by the
-    // other end before can still be received.
+    // ECONNRESET: the other end died with unread packets. The kernel reports this error once. Packets that
+    // the other end sent before can still be received.
   } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
     return Received::kNothing;

@@ -19,7 +19,7 @@ using shell::setField;
 using shell::startTask;
 using Exec = TavCliCmdScanExec;
 
-/// Stands before a LOGPATH: the run is unattended.
+/// The prefix of the LOGPATH value of an unattended run.
 constexpr std::string_view kBatchMark = "tav1";
 
 /// Sets an action on the task of the agent with the given token.
