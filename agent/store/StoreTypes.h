@@ -26,7 +26,7 @@ struct FileIdentity {
   friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
 
-/// The process that asks, as the kernel names its credentials.
+/// The process that sent a request, with the credentials that the kernel reports.
 struct CallerId {
   uid_t uid = static_cast<uid_t>(-1);
   gid_t gid = static_cast<gid_t>(-1);

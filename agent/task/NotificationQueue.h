@@ -64,7 +64,7 @@ class NotificationQueue {
   };
   explicit NotificationQueue(Limits limits);
   NotificationQueue() : NotificationQueue(Limits{}) {}
-  ~NotificationQueue();  ///< drops what is not sent
+  ~NotificationQueue();  ///< drops the notifications that are not sent
   NotificationQueue(const NotificationQueue&) = delete;
   NotificationQueue& operator=(const NotificationQueue&) = delete;
 

@@ -87,7 +87,7 @@ void Spawner::restartTemplate() {
   }
 }
 
-// Takes what the template has sent, or its end. With the mutex held.
+// Takes the template's messages, or the end of its channel. With the mutex held.
 void Spawner::readReports() {
   while (template_) {
     Channel::Packet packet;

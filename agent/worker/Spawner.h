@@ -57,7 +57,8 @@ class Spawner {
   /// For the end of the agent: the current reload and all later ones fail at once.
   void abandonReload();
 
-  /// The parent folders of what workers unpack, while the spawner lives: scans leave them out.
+  /// The parent folders of the content that workers unpack, while the spawner lives. Scans leave these
+  /// folders out.
   std::vector<std::string> temporaryFolders() const;
 
   struct Forked {

@@ -20,7 +20,7 @@ using jsonrpc::JsonRpcException;
                                                              std::to_string(static_cast<int>(error)) + "]");
 }
 
-/// Cut to what the bus's argument holds. The bus refuses a message of that length.
+/// The length of the message, cut to 32 bits. The bus refuses a message of the largest length.
 std::uint32_t lengthOf(const std::string& message) {
   return static_cast<std::uint32_t>(
       std::min<std::size_t>(message.size(), std::numeric_limits<std::uint32_t>::max()));

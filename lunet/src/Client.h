@@ -31,7 +31,7 @@ class Client final : public IClient {
   void logChange(const Result<void>& found, bool look);
 
   Bus bus_;
-  std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards the members below
   bool ready_ = false;
   std::int32_t connectTimeoutMs_ = -1;  ///< below 0: only the argument counts
   std::optional<Error> lastFound_;      ///< the last result of Connect

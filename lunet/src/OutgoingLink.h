@@ -91,7 +91,7 @@ class OutgoingLink final : public Watched, public std::enable_shared_from_this<O
   bool wantWrite_ = false;
   bool wantRead_ = false;
 
-  // Guards what follows, and, while no caller has the reader's role, reader_.
+  // Guards the members below; reader_ only while no caller has the reader's role.
   std::mutex mutex_;
   std::vector<Call*> calls_;  ///< under way
   std::uint64_t nextId_ = 1;

@@ -18,7 +18,7 @@ BatchEnd endWith(std::uint32_t finalState) {
   return {finalState == kBusStateClean ? 0 : 1, false};
 }
 
-/// Says how the scan stands, because the exit code of a timeout does not.
+/// The line with the state of the scan: the exit code of a timeout does not show the state.
 std::string timeoutLine(const BatchOptions& options, const BatchHost& host) {
   const std::string scan = "tavcli: the scan of " + options.scanPath;
   const std::string seconds = std::to_string(options.timeoutSec) + " seconds";

@@ -27,7 +27,7 @@ namespace jsonrpchelper {
 
 /// The callers that a method of the agent admits.
 enum class Access {
-  kEverybody,     ///< who is admitted to the bus
+  kEverybody,     ///< every user that the bus admits
   kWhoMayChange,  ///< root, the agent's own user and members of the configured group
 };
 
