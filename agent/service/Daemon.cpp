@@ -62,8 +62,8 @@ Daemon::Daemon() {
   if (chdir("/") != 0) {
     fail("chdir /");
   }
-  // The caller's other files would stay open while the agent serves: a pipe would not end, a file system
-  // could not be unmounted.
+  // Closes the caller's other files. Otherwise a pipe of the caller would not end, and a file system could
+  // not be unmounted.
   platform::closeAllBut({pipe_.get()});
   toNull(STDIN_FILENO, O_RDONLY);
   toNull(STDOUT_FILENO, O_WRONLY);

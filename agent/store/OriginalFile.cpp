@@ -34,7 +34,7 @@ int renameWithin(int folder, const std::string& from, const std::string& to) {
   if (errno != EINVAL) {
     return errno;
   }
-  // A file system without this flag: a new link cannot replace an entry either.
+  // The file system lacks this flag. A new link cannot replace an entry either.
   if (::linkat(folder, from.c_str(), folder, to.c_str(), 0) != 0) {
     return errno;
   }
@@ -145,8 +145,8 @@ void OriginalFile::remove() {
     putBack();
     throw StoreError(why);
   }
-  // A failed sync is harmless: the item is whole, and the next scan finds a file that a power cut brings
-  // back.
+  // A failed sync is harmless. A power cut may bring the file back: the item is whole, and the next scan
+  // finds the file.
   platform::syncFolder(folder_.get(), file_.get());
 }
 

@@ -23,7 +23,7 @@ namespace agent::store {
 
 /// The quarantine. The order of its steps keeps every file. An item's file is whole and synced, and its row
 /// is committed, before the original is touched. A restored file is synced before the item is touched. Any
-/// thread; no call but list() throws. Defined in QuarantineAdd.cpp, QuarantineLimits.cpp and
+/// thread. Of the calls, only list() throws. Defined in QuarantineAdd.cpp, QuarantineLimits.cpp and
 /// QuarantineRestore.cpp.
 class Quarantine {
  public:

@@ -23,7 +23,7 @@ class Regions {
   /// renews its validity; deleting an absent item succeeds. is_all deletes every entry of the type and
   /// domain.
   platform::Expected<void> change(json::Region region, const Json::Value& items, const CallerId& caller);
-  /// JSON array of JsonReflect::FilterRegionItem.
+  /// JSON array of JsonReflect::FilterRegionItem. Throws StoreError when the database fails.
   Json::Value list(json::RegionDomain domain, json::RegionItemType itemType, json::Region region) const;
   /// By path, folder, extension and name, without opening the file. Cheap.
   RegionVerdict byPath(const std::string& path) const;

@@ -38,7 +38,7 @@ constexpr std::array kStoreSteps = {
     "  uid INTEGER NOT NULL,"  // owner of the file as it was
     "  stored_bytes INTEGER NOT NULL,"
     "  meta BLOB NOT NULL,"       // JSON, store::ItemMeta
-    "  pending BLOB NOT NULL);",  // JSON, the plan of a removal or restore under way
+    "  pending BLOB NOT NULL);",  // JSON, the plan of a restore under way
     "CREATE TABLE deletions ("    // under way: store::Deletions
     "  uuid BLOB PRIMARY KEY,"    // of the private name
     "  path BLOB NOT NULL,"       // without links

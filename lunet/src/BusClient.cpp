@@ -34,7 +34,7 @@ platform::Expected<void> BusClient::load(const std::string& libraryPath) {
   std::error_code error;
   static_cast<void>(std::filesystem::canonical(libraryPath, error));
   if (error) {
-    // The text of dlopen without dlopen, which could find the file by then.
+    // Imitates the text of dlopen. A call of dlopen could find the file by then.
     return platform::failure(platform::visibleText(
         "dlopen failed: " + libraryPath + ": cannot open shared object file: " + error.message() + "."));
   }

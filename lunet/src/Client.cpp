@@ -142,7 +142,7 @@ std::uint32_t Client::Connect(std::uint32_t timeoutSec) {
   }
 }
 
-/// A look comes often, so only a look with another result than the last call is logged.
+/// Looks are frequent, so a look is logged only when its result differs from the last call's.
 void Client::logChange(const Result<void>& found, bool look) {
   const Error error = found ? kOk : found.error().error;
   {

@@ -11,12 +11,12 @@ namespace lunet {
 
 namespace {
 
-/// The limit of a handshake. Only a listener that was stopped needs so long.
+/// The limit of a handshake. Only a stopped listener reaches this limit.
 constexpr std::chrono::seconds kHandshakeTime{3};
 /// The limit of closing for queued messages to slow receivers.
 constexpr std::chrono::seconds kLinger{1};
 
-/// Threads that start meanwhile block all signals: the program's signals are for its own threads.
+/// Threads that start meanwhile block all signals: the program's own threads handle the signals.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -226,11 +226,11 @@ void Core::admit(AcceptedPeer peer) {
   }
 }
 
-/// A reply context is the message's number: a pointer could outlive its object.
+/// A reply context is the number of the message, because a pointer could outlive its object.
 void* Core::expectReply(IncomingLink& link, std::uint64_t messageId, std::uint64_t callId) {
   const std::lock_guard lock(repliesMutex_);
   replies_.emplace(messageId, PendingReply{link.weak_from_this(), callId});
-  // NOLINTNEXTLINE(performance-no-int-to-ptr): a number in a pointer's clothes, never followed
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): a number as a pointer, never dereferenced
   return reinterpret_cast<void*>(static_cast<std::uintptr_t>(messageId));
 }
 
@@ -324,8 +324,8 @@ Core::LinkOrError Core::dialTo(const Guid& guid, const PeerIdentity* process, Cl
   return link;
 }
 
-/// Drops targets that are dead and unused, before a new one is made. Addresses come and go (a tool has a
-/// fresh one each time), so targets_ would grow without end.
+/// Drops targets that are dead and unused, before a new one is made. Otherwise targets_ would grow without
+/// end: lunetctl has a fresh address each time.
 void Core::forgetDeadLinks() {
   const std::lock_guard lock(targetsMutex_);
   std::erase_if(targets_, [](const auto& entry) {

@@ -84,7 +84,7 @@ void printItems(const Json::Value& items, Region region) {
   }
 }
 
-/// Asks for one list. An answer that is no list is logged and counts as an empty list. Every other failure
+/// Requests one list. An answer that is no list is logged and counts as an empty list. Every other failure
 /// ends the report.
 Json::Value askRegion(jsonrpchelper::AgentStub& agent, const Query& query,
                       const command::RequestPlace& place) {
