@@ -1,4 +1,4 @@
-# What is installed and called, never copied. Third-party headers are system headers, so that our
+# The installed packages that the project uses. Third-party headers are system headers, so that our
 # warnings judge our own code only.
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
@@ -19,8 +19,8 @@ target_include_directories(tav_asio SYSTEM INTERFACE "${ASIO_INCLUDE_DIR}")
 target_compile_definitions(tav_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
 target_link_libraries(tav_asio INTERFACE Threads::Threads)
 
-# libjson-rpc-cpp is linked from its static archives: its shared library pulls in libcurl,
-# libmicrohttpd and some forty more, of which nothing is used here.
+# libjson-rpc-cpp is linked from its static archives: its shared library loads libcurl,
+# libmicrohttpd and some forty more unused libraries.
 find_library(JSONRPC_CLIENT_ARCHIVE libjsonrpccpp-client.a REQUIRED)
 find_library(JSONRPC_SERVER_ARCHIVE libjsonrpccpp-server.a REQUIRED)
 find_library(JSONRPC_COMMON_ARCHIVE libjsonrpccpp-common.a REQUIRED)

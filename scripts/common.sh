@@ -1,4 +1,4 @@
-# Sourced by the other scripts. Their own words go to standard error: standard output is the program's.
+# Sourced by the other scripts. Messages of the scripts go to standard error: standard output is the program's.
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -8,8 +8,8 @@ die() { say "$*"; exit 1; }
 # The words of a file without its comments and blank lines.
 words_of() { sed -e 's/#.*//' "$1" | tr -s ' \t\n' ' '; }
 
-# Configures a preset; anew when its cache was made in another folder (a checkout that was moved or copied), which
-# CMake would refuse to use.
+# Configures a preset. CMake refuses a cache of another folder (a checkout that was moved or copied): the preset is then
+# configured anew.
 configure_preset() {
   local cache=$top/build/$1/CMakeCache.txt home fresh=()
   if [ -f "$cache" ]; then
@@ -19,8 +19,8 @@ configure_preset() {
   (cd "$top" && cmake --preset "$1" ${fresh[@]+"${fresh[@]}"})
 }
 
-# Configures a preset and builds it. What the build prints is shown only when it fails, unless TAV_VERBOSE is
-# set. $1: preset; the rest: targets.
+# Configures a preset and builds its targets. The output of the build is shown when the build fails, or with TAV_VERBOSE.
+# $1: preset; the rest: targets.
 build_preset() {
   local preset=$1 log
   shift
