@@ -135,8 +135,8 @@ std::optional<ItemMeta> ItemMeta::fromText(const std::string& text) {
   meta.sha256 = word("sha256");
   meta.fileType = word("file_type");
   meta.detection.name = word("risk_name");
-  meta.detection.riskType =
-      json::fromNumber<json::RiskType>(CppJson::readInt(in, "risk_type", 0)).value_or(json::RiskType::kVirus);
+  meta.detection.riskType = json::fromNumber<json::RiskType>(CppJson::readInt(in, "risk_type", -1))
+                                .value_or(json::RiskType::kVirus);
   meta.detection.riskTypeName = word("risk_type_name");
   meta.detection.engineCode = CppJson::readInt(in, "engine", 0);
   const bool whole = xattrsFromJson(in["xattrs"], &meta.xattrs) && !meta.uuid.empty() &&

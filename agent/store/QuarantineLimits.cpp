@@ -12,19 +12,33 @@ constexpr std::int64_t kDay = 86400;
 
 struct CleanRule {
   bool on = false;
-  int type = 0;  ///< 0 by age, 1 down to a rate
+  json::CleanType type = json::CleanType::kByAge;
   std::int64_t ageSec = 0;
   std::uint64_t freePercent = 0;
 };
 
+std::int64_t secondsOf(json::CleanUnit unit) {
+  switch (unit) {
+    case json::CleanUnit::kYear:
+      return 365 * kDay;
+    case json::CleanUnit::kMonth:
+      return 30 * kDay;
+    case json::CleanUnit::kWeek:
+      return 7 * kDay;
+    default:
+      return kDay;
+  }
+}
+
 CleanRule readRule(const Json::Value& document) {
-  static constexpr std::int64_t kUnits[] = {365 * kDay, 30 * kDay, kDay, 7 * kDay};
   const Json::Value& section = document["AutoClean"];
-  const int unit = CppJson::readInt(section, "CleanUnit", 2);
-  return {.on = CppJson::readBool(section, "Flag", false),
-          .type = CppJson::readInt(section, "CleanType", 0),
-          .ageSec = CppJson::readInt64(section, "CleanTime", 0) * kUnits[unit & 3],
-          .freePercent = static_cast<std::uint64_t>(CppJson::readInt64(section, "CleanRate", 0))};
+  const auto type = json::fromNumber<json::CleanType>(CppJson::readInt(section, "CleanType", -1));
+  const auto unit = json::fromNumber<json::CleanUnit>(CppJson::readInt(section, "CleanUnit", -1));
+  return {
+      .on = CppJson::readBool(section, "Flag", false),
+      .type = type.value_or(json::CleanType::kByAge),
+      .ageSec = CppJson::readInt64(section, "CleanTime", 0) * secondsOf(unit.value_or(json::CleanUnit::kDay)),
+      .freePercent = static_cast<std::uint64_t>(CppJson::readInt64(section, "CleanRate", 0))};
 }
 
 }  // namespace
@@ -55,7 +69,7 @@ void Quarantine::cleanWhenFull() {
   const std::uint64_t goal = limit / 100 * (100 - rule.freePercent);
   const std::int64_t oldest = platform::nowSec() - rule.ageSec;
   for (const ItemTable::Aged& item : table_.byAge()) {
-    const bool goes = rule.type == 0 ? item.isolateTimeSec < oldest : usedBytes_ > goal;
+    const bool goes = rule.type == json::CleanType::kByAge ? item.isolateTimeSec < oldest : usedBytes_ > goal;
     if (!goes) {
       break;
     }

@@ -108,8 +108,9 @@ void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fix
         CppJson::readInt(common, "HandleAction", json::toNumber(json::HandleAction::kQuarantine)));
     const auto action = asked == json::HandleAction::kByAgent ? own : asked;
     plan.action = action && action != json::HandleAction::kByAgent ? *action : json::HandleAction::kNothing;
+    constexpr std::int32_t kEnd = json::toNumber(json::ProcessFix::kEnd);
     plan.endProcesses =
-        params.proc_fix_method() == 1 || CppJson::readInt(common, "FixMethod_MemRisk", 0) == 1;
+        params.proc_fix_method() == kEnd || CppJson::readInt(common, "FixMethod_MemRisk", kNotGiven) == kEnd;
   }
 }
 
@@ -156,7 +157,8 @@ platform::Expected<ScanPlan> makePlan(const Json::Value& request, const Settings
       params.parallelism() > 0 ? params.parallelism() : CppJson::readInt(common, "Parallelism", 0);
   plan.parallelism = static_cast<unsigned>(std::clamp(workers, 0, kMostWorkers));
   plan.skipBytes = megabytes(common, "SkipSize");
-  plan.programsOnly = CppJson::readInt(common, "ScanFileType", 1) == 2;
+  plan.programsOnly = json::fromNumber<json::ScanFileType>(CppJson::readInt(
+                          common, "ScanFileType", kNotGiven)) == json::ScanFileType::kProgramsAndDocuments;
   plan.networkFileSystems =
       plan.mode == json::ScanMode::kCustom || CppJson::readBool(common, "NetworkmapScan", false);
   plan.limit = std::chrono::seconds(params.max_scan_sec());

@@ -22,7 +22,7 @@ constexpr CLogLevel kDefaultCLogLevel = CLogLevel::kError;
 struct DebugLogSettings {
   int sizeBytes = 1048576;
   int backupCount = 5;
-  int level = 3;
+  int level = static_cast<int>(LogLevel::kWarning);
 };
 
 void readNumber(const Json::Value& file, const char* key, int& number) {
@@ -45,7 +45,9 @@ CLogLevel clogLevelFor(const char* text) {
     return kDefaultCLogLevel;
   }
   const long value = std::strtol(text, nullptr, 10);
-  return value >= 0 && value <= 2 ? static_cast<CLogLevel>(value) : kDefaultCLogLevel;
+  const bool known =
+      value >= static_cast<int>(CLogLevel::kDebug) && value <= static_cast<int>(CLogLevel::kWarning);
+  return known ? static_cast<CLogLevel>(value) : kDefaultCLogLevel;
 }
 
 std::optional<DebugLogSettings> loadDebugLogSettings(const std::string& path) {

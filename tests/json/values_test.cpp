@@ -11,8 +11,9 @@ class EveryList : public testing::Test {};
 using Lists =
     testing::Types<json::ConfigType, json::RequestSource, json::BusinessType, json::TaskState,
                    json::ControlAction, json::ScanMode, json::RiskInfoType, json::RiskType, json::Finder,
-                   json::HandleResult, json::HandleAction, json::Region, json::RegionAction,
-                   json::RegionDomain, json::RegionItemType, json::RegionValidity, json::RestoreAction>;
+                   json::HandleResult, json::HandleAction, json::ProcessFix, json::ScanFileType,
+                   json::CleanType, json::CleanUnit, json::Region, json::RegionAction, json::RegionDomain,
+                   json::RegionItemType, json::RegionValidity, json::RestoreAction>;
 TYPED_TEST_SUITE(EveryList, Lists);
 
 TYPED_TEST(EveryList, ReadsItsOwnNumbersAndNoOther) {

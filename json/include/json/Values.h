@@ -66,6 +66,18 @@ enum class HandleAction : std::int32_t {
   kNothing = 3
 };
 
+/// "proc_fix_method" of a scan request and "FixMethod_MemRisk" of the settings: the handling of a process.
+enum class ProcessFix : std::int32_t { kIgnore = 0, kEnd = 1 };
+
+/// "ScanFileType" of the settings.
+enum class ScanFileType : std::int32_t { kEvery = 1, kProgramsAndDocuments = 2 };
+
+/// "CleanType" of the settings: the quarantine deletes old items, or items down to a free share.
+enum class CleanType : std::int32_t { kByAge = 0, kByRate = 1 };
+
+/// "CleanUnit" of the settings: the unit of "CleanTime".
+enum class CleanUnit : std::int32_t { kYear = 0, kMonth = 1, kDay = 2, kWeek = 3 };
+
 /// "region_type": the trust list or the reject list.
 enum class Region : std::int32_t { kTrust = 0, kReject = 1 };
 
@@ -113,6 +125,10 @@ ENUMERATORS_OF(RiskType, kVirus, kTestFile, kHeuristic, kRejected);
 ENUMERATORS_OF(Finder, kScan, kRealTime, kUsb);
 ENUMERATORS_OF(HandleResult, kQuarantined, kProcessEnded, kReportedOnly, kFailed, kTrusted, kIgnored);
 ENUMERATORS_OF(HandleAction, kByAgent, kClean, kDelete, kQuarantine, kNothing);
+ENUMERATORS_OF(ProcessFix, kIgnore, kEnd);
+ENUMERATORS_OF(ScanFileType, kEvery, kProgramsAndDocuments);
+ENUMERATORS_OF(CleanType, kByAge, kByRate);
+ENUMERATORS_OF(CleanUnit, kYear, kMonth, kDay, kWeek);
 ENUMERATORS_OF(Region, kTrust, kReject);
 ENUMERATORS_OF(RegionAction, kAdd, kDelete);
 ENUMERATORS_OF(RegionDomain, kPersonal, kGlobal, kEvery);

@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <span>
+#include <type_traits>
 
 #include "json/CppJson.h"
+#include "json/Values.h"
 
 namespace command {
 
@@ -18,6 +20,11 @@ constexpr const char* kOff = "关闭";
 struct ValueName {
   std::int32_t value;
   const char* name;
+
+  constexpr ValueName(std::int32_t number, const char* text) : value(number), name(text) {}
+  template <class E>
+  requires std::is_enum_v<E>
+  constexpr ValueName(E enumerator, const char* text) : ValueName(json::toNumber(enumerator), text) {}
 };
 
 /// The names of a setting's values, and the name of every other value.
@@ -26,14 +33,20 @@ struct ValueNames {
   const char* other;
 };
 
-constexpr ValueName kFileTypeNames[] = {{1, "全部文件"}, {2, "仅程序及文档"}};
+constexpr ValueName kFileTypeNames[] = {{json::ScanFileType::kEvery, "全部文件"},
+                                        {json::ScanFileType::kProgramsAndDocuments, "仅程序及文档"}};
 constexpr ValueName kFixMethodNames[] = {{0, "自动处理"}, {1, "手动处理"}, {2, "仅上报不处理"}};
-constexpr ValueName kHandleActionNames[] = {{0, "清除"}, {1, "删除"}, {2, "隔离"}};
-constexpr ValueName kMemRiskNames[] = {{0, "忽略"}, {1, "终止"}};
+constexpr ValueName kHandleActionNames[] = {{json::HandleAction::kClean, "清除"},
+                                            {json::HandleAction::kDelete, "删除"},
+                                            {json::HandleAction::kQuarantine, "隔离"}};
+constexpr ValueName kMemRiskNames[] = {{json::ProcessFix::kIgnore, "忽略"}, {json::ProcessFix::kEnd, "终止"}};
 constexpr ValueName kCloudScanNames[] = {{0, "扫描所有文件"}, {1, "扫描活跃文件"}};
 constexpr ValueName kProtectLevelNames[] = {{0, "高"}, {1, "中"}, {2, "低"}};
 constexpr ValueName kTraceNames[] = {{1, kOn}};
-constexpr ValueName kCleanUnitNames[] = {{0, "年"}, {1, "月"}, {2, "日"}, {3, "周"}};
+constexpr ValueName kCleanUnitNames[] = {{json::CleanUnit::kYear, "年"},
+                                         {json::CleanUnit::kMonth, "月"},
+                                         {json::CleanUnit::kDay, "日"},
+                                         {json::CleanUnit::kWeek, "周"}};
 
 constexpr ValueNames kFileTypes{kFileTypeNames, "全部文件"};
 constexpr ValueNames kFixMethods{kFixMethodNames, "自动处理"};
@@ -239,19 +252,22 @@ SettingRows titledRows(const Json::Value& document, const char* title, std::span
 
 std::string cleaningText(const Json::Value& autoClean) {
   std::array<char, 256> text{};
-  switch (readNumber(autoClean, "CleanType")) {
-    case 0:
+  const auto type = json::fromNumber<json::CleanType>(readNumber(autoClean, "CleanType"));
+  if (!type) {
+    return "未知";
+  }
+  switch (*type) {
+    case json::CleanType::kByAge:
       std::snprintf(text.data(), text.size(), "使用空间大于90%%时自动清理超过%d%s的文件",
                     readNumber(autoClean, "CleanTime"),
                     nameOf(kCleanUnits, readNumber(autoClean, "CleanUnit")));
-      return text.data();
-    case 1:
+      break;
+    case json::CleanType::kByRate:
       std::snprintf(text.data(), text.size(), "已达上限90%%时，自动清理隔离区文件至存储空间剩余上限的%d",
                     readNumber(autoClean, "CleanRate"));
-      return text.data();
-    default:
-      return "未知";
+      break;
   }
+  return text.data();
 }
 
 const CloudKind& cloudKind(std::int32_t type) {

@@ -1,8 +1,15 @@
 #include "command/config/ConfigOptions.h"
 
+#include "json/Values.h"
+
 namespace command {
 
 namespace {
+
+using json::toNumber;
+constexpr std::int32_t kAutomatic = json::toFixMethod(json::Handling::kAutomatic);
+constexpr std::int32_t kReportOnly = json::toFixMethod(json::Handling::kReportOnly);
+constexpr std::int32_t kManual = 1;
 
 EndNode typed(const char* name, const char* help, const char* hint, const char* key, Typed as = Typed::kInt) {
   return {name, help, {}, hint, key, as, false};
@@ -33,18 +40,20 @@ const std::vector<ConfigOption>& configOptions() {
 
       {"SCAN HANDLING",
        "默认处理方式",
-       {{"AUTO", "系统自动处理", {{"FixMethod", 0}}},
-        {"UPLOAD", "仅上报不处理", {{"FixMethod", 2}}},
-        detached("MANUAL", "手动处理", {{"FixMethod", 1}})}},
+       {{"AUTO", "系统自动处理", {{"FixMethod", kAutomatic}}},
+        {"UPLOAD", "仅上报不处理", {{"FixMethod", kReportOnly}}},
+        detached("MANUAL", "手动处理", {{"FixMethod", kManual}})}},
       {"SCAN INFECTION", "防感染模式", onOff("AntiInfection")},
       {"SCAN LIVESCANNIING", "活体扫描", onOff("MemCheck")},
       {"SCAN PROCHANDLING",
        "风险进程默认处理方式",
-       {{"KILL", "终止", {{"FixMethod_MemRisk", 1}}}, {"IGNORE", "忽略", {{"FixMethod_MemRisk", 0}}}}},
+       {{"KILL", "终止", {{"FixMethod_MemRisk", toNumber(json::ProcessFix::kEnd)}}},
+        {"IGNORE", "忽略", {{"FixMethod_MemRisk", toNumber(json::ProcessFix::kIgnore)}}}}},
       {"SCAN SCANCACHE", "是否开启扫描缓存加速", onOff("ScanWithCache")},
       {"SCAN FILETYPE",
        "扫描文件类型",
-       {{"ALL", "全部文件", {{"ScanFileType", 1}}}, {"COMMON", "仅程序和文档", {{"ScanFileType", 2}}}}},
+       {{"ALL", "全部文件", {{"ScanFileType", toNumber(json::ScanFileType::kEvery)}}},
+        {"COMMON", "仅程序和文档", {{"ScanFileType", toNumber(json::ScanFileType::kProgramsAndDocuments)}}}}},
       {"SCAN SKIPSIZE", "跳过文件大小", {typed("SIZE", "大小", "\"[int]\"", "SkipSize")}},
       {"SCAN PARALLELISM", "扫描并行度", {typed("COUNT", "并行度", "\"[int](2-64)\"", "Parallelism")}},
       {"SCAN CLOUDSCANTYPE",
@@ -58,9 +67,14 @@ const std::vector<ConfigOption>& configOptions() {
 
       {"WATCHER HANDLING",
        "默认处理方式",
-       {{"AUTO", "系统自动处理", {{"FixMethod", 0}, {"HandleAction", 0}}},
-        {"UPLOAD", "仅上报不处理", {{"FixMethod", 2}, {"HandleAction", 3}}},
-        detached("MANUAL", "手动处理", {{"FixMethod", 1}, {"HandleAction", 0}})}},
+       {{"AUTO",
+         "系统自动处理",
+         {{"FixMethod", kAutomatic}, {"HandleAction", toNumber(json::HandleAction::kClean)}}},
+        {"UPLOAD",
+         "仅上报不处理",
+         {{"FixMethod", kReportOnly}, {"HandleAction", toNumber(json::HandleAction::kNothing)}}},
+        detached("MANUAL", "手动处理",
+                 {{"FixMethod", kManual}, {"HandleAction", toNumber(json::HandleAction::kClean)}})}},
       {"WATCHER LEVEL",
        "防护级别",
        {{"HIGH", "高", {{"ProtectLevel", 0}}},
@@ -68,7 +82,8 @@ const std::vector<ConfigOption>& configOptions() {
         {"LOW", "低", {{"ProtectLevel", 2}}}}},
       {"WATCHER FILETYPE",
        "防护文件类型",
-       {{"ALL", "全部文件", {{"ScanFileType", 1}}}, {"COMMON", "仅程序和文档", {{"ScanFileType", 2}}}}},
+       {{"ALL", "全部文件", {{"ScanFileType", toNumber(json::ScanFileType::kEvery)}}},
+        {"COMMON", "仅程序和文档", {{"ScanFileType", toNumber(json::ScanFileType::kProgramsAndDocuments)}}}}},
       {"WATCHER SKIPSIZE", "跳过文件大小", {typed("SIZE", "大小", "\"[int]\"", "SkipSize")}},
       {"WATCHER ACTIVE", "是否开启文件防护", onOff("Flag")},
       {"WATCHER SCANCACHE", "是否开启扫描缓存加速", onOff("ScanWithCache")},

@@ -4,15 +4,26 @@
 #include <string>
 #include <vector>
 
+#include "json/Values.h"
 #include "shell/Modules.h"
 
 /// The task of one SCAN line. The agent reports the outcome of a scan by notifications.
 class TavCliCmdScanExec : public TavCliCmdExec {
  public:
-  enum Action : std::int32_t { kStart = 0, kStop = 1, kPause = 2, kResume = 3, kShow = 4 };
+  enum Action : std::int32_t {
+    kStart,
+    kStop = json::toNumber(json::ControlAction::kStop),
+    kPause = json::toNumber(json::ControlAction::kPause),
+    kResume = json::toNumber(json::ControlAction::kResume),
+    kShow
+  };
   enum Handle : std::int32_t { kAutomatic = 0, kReportOnly = 1 };
   enum Special : std::int32_t { kStrongOn = 0, kStrongOff = 1 };
-  enum Mode : std::int32_t { kFast = 0, kFull = 1, kCustom = 2 };
+  enum Mode : std::int32_t {
+    kFast = json::toNumber(json::ScanMode::kFast),
+    kFull = json::toNumber(json::ScanMode::kFull),
+    kCustom = json::toNumber(json::ScanMode::kCustom)
+  };
 
   std::int32_t action = kResume;
   std::int32_t handle = kAutomatic;

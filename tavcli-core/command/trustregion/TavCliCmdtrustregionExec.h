@@ -4,13 +4,23 @@
 #include <string>
 #include <vector>
 
+#include "json/Values.h"
 #include "shell/Modules.h"
 
 /// The task of one TRUSTREGION line.
 class TavCliCmdtrustregionExec : public TavCliCmdExec {
  public:
-  enum Action : std::int32_t { kAdd = 0, kDelete = 1, kReport = 2 };
-  enum ItemType : std::int32_t { kFile = 0, kFolder = 1, kExtension = 2, kMd5 = 3 };
+  enum Action : std::int32_t {
+    kAdd = json::toNumber(json::RegionAction::kAdd),
+    kDelete = json::toNumber(json::RegionAction::kDelete),
+    kReport
+  };
+  enum ItemType : std::int32_t {
+    kFile = json::toNumber(json::RegionItemType::kFile),
+    kFolder = json::toNumber(json::RegionItemType::kFolder),
+    kExtension = json::toNumber(json::RegionItemType::kExtension),
+    kMd5 = json::toNumber(json::RegionItemType::kMd5)
+  };
 
   std::int32_t action = kReport;
   std::int32_t item_type = kFile;

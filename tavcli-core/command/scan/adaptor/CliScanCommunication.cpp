@@ -80,7 +80,8 @@ int CliScanCommunication::get_scanconfig(int& handle) {
     if (common == nullptr || !common->isObject()) {
       return 1;
     }
-    const int fixMethod = CppJson::readInt(*common, "FixMethod", 0);
+    const int fixMethod =
+        CppJson::readInt(*common, "FixMethod", json::toFixMethod(json::Handling::kAutomatic));
     handle = json::toFixHandle(json::handlingOfSetting(fixMethod));
     std::printf("FixMethod is %d, handle is %d\n", fixMethod, handle);
     return 1;
