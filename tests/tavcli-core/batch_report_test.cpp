@@ -10,6 +10,7 @@
 #include "command/scan/BatchReport.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/Json.h"
 #include "support/TempDir.h"
 
@@ -24,9 +25,9 @@ JsonReflect::VirusInfo risk(const std::string& item) {
   return info;
 }
 
-JsonReflect::RiskRepairResult result(int handleResult) {
+JsonReflect::RiskRepairResult result(json::HandleResult outcome) {
   JsonReflect::RiskRepairResult repair;
-  repair.handle_result = handleResult;
+  repair.handle_result = json::toNumber(outcome);
   return repair;
 }
 
@@ -64,8 +65,8 @@ TEST_F(BatchReport, OfAnEmptyDocumentHasSevenLines) {
 TEST_F(BatchReport, NamesEveryInfectedFileInItsLines) {
   batchreport::addOverview(document_, overview(12, 2), "2026-01-02 03:04:05");
   batchreport::addOverview(document_, overview(5000000000, 2), "2026-01-02 03:05:00");
-  batchreport::addDetection(document_, risk("/data/dir/a.com"), result(1));
-  batchreport::addDetection(document_, risk("/data/b"), result(3));
+  batchreport::addDetection(document_, risk("/data/dir/a.com"), result(json::HandleResult::kQuarantined));
+  batchreport::addDetection(document_, risk("/data/b"), result(json::HandleResult::kReportedOnly));
   EXPECT_EQ(
       batchreport::text(document_, 2, "/data"),
       "病毒查杀状态：2\n查杀路径：/data\n本次扫描文件数量：5000000000\n染毒文件数量：2\n病毒数量：2\n"
@@ -77,7 +78,7 @@ TEST_F(BatchReport, NamesEveryInfectedFileInItsLines) {
 TEST_F(BatchReport, DetectionWithoutItemNamesItsFilepathSrc) {
   JsonReflect::VirusInfo info = risk("");
   info.filepath_src = "/data/src";
-  batchreport::addDetection(document_, info, result(1));
+  batchreport::addDetection(document_, info, result(json::HandleResult::kQuarantined));
   EXPECT_NE(batchreport::text(document_, 1, "/data").find("染毒文件全路径：/data/src\n"), std::string::npos);
 }
 
@@ -85,26 +86,28 @@ TEST_F(BatchReport, DetectionInAFileOf3GigabytesIsNotLost) {
   JsonReflect::VirusInfo info;
   ASSERT_TRUE(
       info.FromValue(testsupport::jsonOf(R"({"item":"/big","filesize_src":3221225472,"risk_name":"n"})")));
-  batchreport::addDetection(document_, info, result(1));
+  batchreport::addDetection(document_, info, result(json::HandleResult::kQuarantined));
   EXPECT_NE(batchreport::text(document_, 1, "/data").find("染毒文件全路径：/big\n文件大小：0\n病毒名称：n\n"),
             std::string::npos);
 }
 
 TEST_F(BatchReport, LinesCannotBeForgedByAFileName) {
-  batchreport::addDetection(document_, risk("/data/x\n病毒数量：0\n\x1b[2J/y\tz"), result(1));
+  batchreport::addDetection(document_, risk("/data/x\n病毒数量：0\n\x1b[2J/y\tz"),
+                            result(json::HandleResult::kQuarantined));
   const std::string text = batchreport::text(document_, 1, "/data");
   EXPECT_NE(text.find("染毒文件名：y\\tz\n"), std::string::npos) << text;
   EXPECT_NE(text.find("染毒文件全路径：/data/x\\n病毒数量：0\\n\\x1b[2J/y\\tz\n"), std::string::npos) << text;
 }
 
 TEST_F(BatchReport, PathBytesThatAreNotUtf8AreShownAsHex) {
-  batchreport::addDetection(document_, risk(json::encodePath("/data/\xc0name")), result(1));
+  batchreport::addDetection(document_, risk(json::encodePath("/data/\xc0name")),
+                            result(json::HandleResult::kQuarantined));
   EXPECT_NE(batchreport::text(document_, 1, "/data\xff").find("染毒文件名：\\xc0name\n"), std::string::npos);
   EXPECT_NE(batchreport::text(document_, 1, "/data\xff").find("查杀路径：/data\\xff\n"), std::string::npos);
 }
 
 TEST_F(BatchReport, ChineseNamesStandAsTheyAre) {
-  batchreport::addDetection(document_, risk("/数据/病毒.exe"), result(1));
+  batchreport::addDetection(document_, risk("/数据/病毒.exe"), result(json::HandleResult::kQuarantined));
   EXPECT_NE(batchreport::text(document_, 1, "/数据").find("染毒文件名：病毒.exe\n"), std::string::npos);
 }
 
@@ -112,7 +115,7 @@ TEST_F(BatchReport, FoundInfectedNeedsTheCountAndTheNames) {
   EXPECT_FALSE(batchreport::foundInfected(document_));
   batchreport::addOverview(document_, overview(3, 1), "now");
   EXPECT_FALSE(batchreport::foundInfected(document_)) << "an empty list always gives no";
-  batchreport::addDetection(document_, risk("/a"), result(1));
+  batchreport::addDetection(document_, risk("/a"), result(json::HandleResult::kQuarantined));
   EXPECT_TRUE(batchreport::foundInfected(document_));
   batchreport::addOverview(document_, overview(3, 0), "now");
   EXPECT_FALSE(batchreport::foundInfected(document_)) << "a count of 0 always gives no";
@@ -124,11 +127,11 @@ class WrittenReport : public testing::Test {
     ScanRunState& state = ScanRunState::instance();
     state.reset();
     state.set_scan_path("/data");
-    state.set_fix_handle(1);
+    state.set_fix_handle(json::toFixHandle(json::Handling::kReportOnly));
     state.set_log_path(path_);
     state.updateResult([](Json::Value& document) {
       batchreport::addOverview(document, overview(7, 1), "2026-01-02 03:04:05");
-      batchreport::addDetection(document, risk("/data/a"), result(3));
+      batchreport::addDetection(document, risk("/data/a"), result(json::HandleResult::kReportedOnly));
     });
   }
   ~WrittenReport() override { ScanRunState::instance().reset(); }

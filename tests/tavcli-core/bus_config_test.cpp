@@ -7,17 +7,19 @@
 
 namespace {
 
+using enum lunet::BusLogLevel;
+
 struct Level {
   int file;
-  int library;
+  lunet::BusLogLevel library;
 };
 
 class BusLogLevel : public testing::TestWithParam<Level> {};
 TEST_P(BusLogLevel, IsTurnedRound) {
-  EXPECT_EQ(static_cast<int>(lunet::busLevelOfFile(GetParam().file)), GetParam().library);
+  EXPECT_EQ(lunet::busLevelOfFile(GetParam().file), GetParam().library);
 }
-const Level kLevels[] = {{1, 3}, {2, 2},  {3, 1},  {4, 0},   {5, 0},
-                         {6, 0}, {0, -1}, {7, -1}, {-1, -1}, {1000, -1}};
+const Level kLevels[] = {{1, kEverything}, {2, kInfo}, {3, kWarning}, {4, kError}, {5, kError},
+                         {6, kError},      {0, kOff},  {7, kOff},     {-1, kOff},  {1000, kOff}};
 INSTANTIATE_TEST_SUITE_P(BusConfig, BusLogLevel, testing::ValuesIn(kLevels), [](const auto& row) {
   return row.param.file < 0 ? std::string("Minus1") : "File" + std::to_string(row.param.file);
 });

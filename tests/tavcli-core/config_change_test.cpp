@@ -4,6 +4,7 @@
 #include "AgentCommand.h"
 #include "command/config/TavCliCmdConfigExec.h"
 #include "command/config/comm/send/CliConfigCommunication.h"
+#include "json/Values.h"
 #include "support/ConfigLines.h"
 #include "support/TestNames.h"
 
@@ -103,7 +104,7 @@ TEST_P(ConfigChangeLine, SendsExactlyThis) {
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_EQ(calls[0].method, "setAVConfig");
   EXPECT_EQ(calls[0].params["config_type"], json::toNumber(*change.document));
-  EXPECT_EQ(calls[0].params["request_source"], 1);
+  EXPECT_EQ(calls[0].params["request_source"], json::toNumber(json::RequestSource::kConsole));
   EXPECT_EQ(calls[0].params["config_str"], change.text + "\n");
   EXPECT_EQ(calls[0].params.size(), 3u);
 }

@@ -7,6 +7,7 @@
 #include "AgentCommand.h"
 #include "command/config/ConfigDisplay.h"
 #include "command/config/comm/send/CliConfigCommunication.h"
+#include "json/Values.h"
 #include "support/ConfigLines.h"
 
 using command::SettingRows;
@@ -82,9 +83,9 @@ constexpr const char* kTitleRule = "------------------------";
 
 class ConfigShow : public AgentCommand {
  protected:
-  void answerDocuments(const std::map<int, std::string>& documents) {
+  void answerDocuments(const std::map<json::ConfigType, std::string>& documents) {
     agent_.answerWith("getAVConfig", [documents](const Json::Value& params) -> Json::Value {
-      const auto found = documents.find(params["config_type"].asInt());
+      const auto found = documents.find(json::ConfigType{params["config_type"].asInt()});
       return found == documents.end() ? "" : found->second;
     });
   }
@@ -213,12 +214,13 @@ TEST(SettingsDisplay, RowsArePrintedWithTwoBlanksBehindAnEmptyLine) {
 
 TEST_F(ConfigShow, PrintsTheFourDocumentsInTheirOrder) {
   answerDocuments(
-      {{0,
+      {{json::ConfigType::kScan,
         R"({"Common":{"FixMethod":2,"SkipSize":50,"Parallelism":4,"ScanWithCache":true,"HandleAction":7}})"},
-       {2,
+       {json::ConfigType::kQuarantine,
         R"({"Common":{"SizeLimit":10},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":30,"CleanUnit":2}})"},
-       {4, R"({"MultiEngines":{"HCengine":true},"Cloud":{"Type":3}})"},
-       {1, R"({"Common":{"Flag":true,"ProtectLevel":1},"Compressed":{"Format":["zip","rar"]}})"}});
+       {json::ConfigType::kEngines, R"({"MultiEngines":{"HCengine":true},"Cloud":{"Type":3}})"},
+       {json::ConfigType::kRealTime,
+        R"({"Common":{"Flag":true,"ProtectLevel":1},"Compressed":{"Format":["zip","rar"]}})"}});
   const Executed executed = executeLine("CONFIG SHOW");
   EXPECT_EQ(executed.result, 0);
   EXPECT_EQ(
@@ -245,18 +247,22 @@ TEST_F(ConfigShow, PrintsTheFourDocumentsInTheirOrder) {
 TEST_F(ConfigShow, AsksForTheFourDocumentsAndNothingElse) {
   answerDocuments({});
   executeLine("config show");
-  std::vector<int> types;
+  std::vector<json::ConfigType> types;
   for (const ScriptedAgent::Call& call : agent_.calls()) {
     EXPECT_EQ(call.method, "getAVConfig");
-    EXPECT_EQ(call.params["request_source"], 1);
+    EXPECT_EQ(call.params["request_source"], json::toNumber(json::RequestSource::kConsole));
     EXPECT_EQ(call.params.size(), 2u);
-    types.push_back(call.params["config_type"].asInt());
+    types.push_back(json::ConfigType{call.params["config_type"].asInt()});
   }
-  EXPECT_THAT(types, ElementsAre(0, 2, 4, 1));
+  EXPECT_THAT(types, ElementsAre(json::ConfigType::kScan, json::ConfigType::kQuarantine,
+                                 json::ConfigType::kEngines, json::ConfigType::kRealTime));
 }
 
 TEST_F(ConfigShow, ADocumentThatDoesNotParsePrintsNothingAndTheNextGoesOn) {
-  answerDocuments({{0, "{\"Common\":"}, {2, "{}"}, {4, ""}, {1, "\x1b[2J"}});
+  answerDocuments({{json::ConfigType::kScan, "{\"Common\":"},
+                   {json::ConfigType::kQuarantine, "{}"},
+                   {json::ConfigType::kEngines, ""},
+                   {json::ConfigType::kRealTime, "\x1b[2J"}});
   EXPECT_EQ(executeLine("CONFIG SHOW").printed, "\n  隔离区配置 : ------------------------\n");
   EXPECT_EQ(CliConfigCommunication::action_scanconfig_show(), 0);
   EXPECT_EQ(CliConfigCommunication::action_engineconfig_show(), 0);
@@ -289,7 +295,7 @@ TEST_F(ConfigShow, AnErrorOrAnotherKindIsLoggedAndGivesOneAllTheSame) {
 
 TEST_F(ConfigShow, AnAgentThatDiesHalfWayLeavesWhatWasPrinted) {
   agent_.answerWith("getAVConfig", [](const Json::Value& params) -> Json::Value {
-    if (params["config_type"] == 4) {
+    if (params["config_type"] == json::toNumber(json::ConfigType::kEngines)) {
       throw ScriptedAgent::Death{};
     }
     return "{}";
@@ -308,7 +314,7 @@ TEST_F(ConfigShow, AnAgentThatNeverAnswersPrintsNothing) {
 }
 
 TEST_F(ConfigShow, TheDocumentIsWrittenToTheDebugLog) {
-  answerDocuments({{0, R"({"Common":{}})"}});
+  answerDocuments({{json::ConfigType::kScan, R"({"Common":{}})"}});
   executeLine("CONFIG SHOW");
   EXPECT_THAT(debugLog(), HasSubstr(R"(get config {"Common":{}})"));
 }

@@ -10,6 +10,7 @@
 #include "command/isolation/TavCliCmdIsolationExec.h"
 #include "command/isolation/comm/send/CliIsolationCommunication.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/BuiltGrammar.h"
 
 using testing::AllOf;
@@ -93,14 +94,14 @@ std::string withEngineNames(std::string line) {
 
 TEST_F(IsolationTask, StartsAsAReport) {
   const TavCliCmdIsolationExec& task = built("ISOLATION");
-  EXPECT_EQ(task.action, 1);
+  EXPECT_EQ(task.action, TavCliCmdIsolationExec::kReport);
   EXPECT_EQ(task.notrust, 0);
   EXPECT_THAT(task.item_ids, IsEmpty());
 }
 
 TEST_F(IsolationTask, ReportAndRestoreSetTheAction) {
-  EXPECT_EQ(built("ISOLATION REPORT").action, 1);
-  EXPECT_EQ(built("ISOLATION RESTORE").action, 0);
+  EXPECT_EQ(built("ISOLATION REPORT").action, TavCliCmdIsolationExec::kReport);
+  EXPECT_EQ(built("ISOLATION RESTORE").action, TavCliCmdIsolationExec::kRestore);
 }
 
 TEST_F(IsolationTask, TrustSetsWhetherToTrust) {
@@ -232,7 +233,7 @@ TEST_F(IsolationCommand, RestoreTakesTrustAndItemInEitherOrder) {
   agent_.answer("startDeIsolate", jsonOf(R"({"status":true})"));
   executeLine("isolation restore itemid uid u-7 trust off");
   ASSERT_EQ(agent_.calls().size(), 1u);
-  EXPECT_EQ(agent_.calls()[0].params["params"]["action"], 1);
+  EXPECT_EQ(agent_.calls()[0].params["params"]["action"], json::toNumber(json::RestoreAction::kRestore));
   EXPECT_EQ(agent_.calls()[0].params["params"]["items"], jsonOf(R"(["u-7"])"));
 }
 

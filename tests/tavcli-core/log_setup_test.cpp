@@ -14,29 +14,34 @@ namespace {
 struct LevelRow {
   const char* name;
   const char* text;  ///< null: not set
-  int level;
+  CLogLevel level;
 };
 
-class CLogLevel : public testing::TestWithParam<LevelRow> {};
+class LevelOfTheEnvironment : public testing::TestWithParam<LevelRow> {};
 
-TEST_P(CLogLevel, ComesFromTheEnvironment) {
+TEST_P(LevelOfTheEnvironment, ComesFromTheEnvironment) {
   if (GetParam().text == nullptr) {
     unsetenv("CKORVIX_CLOG_LEVEL");
   } else {
     setenv("CKORVIX_CLOG_LEVEL", GetParam().text, 1);
   }
   EXPECT_TRUE(tavcli::initCLog());
-  EXPECT_EQ(static_cast<int>(CLog::log_level()), GetParam().level);
+  EXPECT_EQ(CLog::log_level(), GetParam().level);
 }
 
 const LevelRow kLevels[] = {
-    {"UnsetGives3", nullptr, 3}, {"ZeroGives0", "0", 0},
-    {"OneGives1", "1", 1},       {"TwoGives2", "2", 2},
-    {"ThreeGives3", "3", 3},     {"SevenGives3", "7", 3},
-    {"NegativeGives3", "-1", 3}, {"ANonNumberGives3", "x1", 3},
-    {"EmptyGives3", "", 3},      {"BeyondTheRangeGives3", "99999999999999999999", 3},
+    {"UnsetGives3", nullptr, CLogLevel::kError},
+    {"ZeroGives0", "0", CLogLevel::kDebug},
+    {"OneGives1", "1", CLogLevel::kInfo},
+    {"TwoGives2", "2", CLogLevel::kWarning},
+    {"ThreeGives3", "3", CLogLevel::kError},
+    {"SevenGives3", "7", CLogLevel::kError},
+    {"NegativeGives3", "-1", CLogLevel::kError},
+    {"ANonNumberGives3", "x1", CLogLevel::kError},
+    {"EmptyGives3", "", CLogLevel::kError},
+    {"BeyondTheRangeGives3", "99999999999999999999", CLogLevel::kError},
 };
-INSTANTIATE_TEST_SUITE_P(LogSetup, CLogLevel, testing::ValuesIn(kLevels),
+INSTANTIATE_TEST_SUITE_P(LogSetup, LevelOfTheEnvironment, testing::ValuesIn(kLevels),
                          [](const auto& row) { return row.param.name; });
 
 class DebugLog : public testing::Test {

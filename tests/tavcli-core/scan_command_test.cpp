@@ -14,6 +14,7 @@
 #include "command/scan/TavCliCmdScan.h"
 #include "command/scan/TavCliCmdScanExec.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/BuiltGrammar.h"
 #include "support/Wait.h"
@@ -81,20 +82,25 @@ class BatchStarts : public ScanCommand {
 
   void start() { batchStart("{}"); }
   void detect(const char* path) {
-    scan_.reportRiskFixInfo({.business_type = 0,
-                             .fix_method = 2,
+    scan_.reportRiskFixInfo({.business_type = json::toNumber(json::BusinessType::kScan),
+                             .fix_method = json::toFixMethod(json::Handling::kReportOnly),
                              .risk_info = jsonOf(R"({"item":")" + std::string(path) + R"("})"),
-                             .risk_info_type = 5,
+                             .risk_info_type = json::toNumber(json::RiskInfoType::kFile),
                              .risk_repair_result = jsonOf(R"({"handle_result":3})"),
                              .token_id = "t"});
     scan_.reportScanBusOverView(
         {.overview = jsonOf(R"({"checked_item_count":3,"failed_item_count":2})"), .token_id = "t"});
   }
-  void state(int number) {
+  void state(json::TaskState state) {
     outputOf([&] {
       testing::internal::CaptureStderr();
-      business_.reportBusStatus(
-          {.ctx = {}, .detail = "", .params = {}, .source = 1, .state = number, .token_id = "t", .type = 0});
+      business_.reportBusStatus({.ctx = {},
+                                 .detail = "",
+                                 .params = {},
+                                 .source = json::toNumber(json::RequestSource::kConsole),
+                                 .state = json::toNumber(state),
+                                 .token_id = "t",
+                                 .type = json::toNumber(json::BusinessType::kScan)});
       testing::internal::GetCapturedStderr();
     });
   }
@@ -116,10 +122,10 @@ class BatchStarts : public ScanCommand {
 
 TEST_F(ScanTask, StartsAsAResumeOfNothing) {
   const TavCliCmdScanExec& task = built("SCAN");
-  EXPECT_EQ(task.action, 3);
-  EXPECT_EQ(task.handle, 0);
-  EXPECT_EQ(task.special, 1);
-  EXPECT_EQ(task.mode, 0);
+  EXPECT_EQ(task.action, TavCliCmdScanExec::kResume);
+  EXPECT_EQ(task.handle, TavCliCmdScanExec::kAutomatic);
+  EXPECT_EQ(task.special, TavCliCmdScanExec::kStrongOff);
+  EXPECT_EQ(task.mode, TavCliCmdScanExec::kFast);
   EXPECT_THAT(task.paths, IsEmpty());
   EXPECT_EQ(task.token_id, "");
   EXPECT_EQ(task.log_path, "");
@@ -127,13 +133,15 @@ TEST_F(ScanTask, StartsAsAResumeOfNothing) {
 
 TEST_F(ScanTask, StopParseAndRecoverdAloneLeaveItAResume) {
   for (const char* line : {"SCAN STOP", "SCAN PARSE", "SCAN RECOVERD"}) {
-    EXPECT_EQ(built(line).action, 3) << line;
+    EXPECT_EQ(built(line).action, TavCliCmdScanExec::kResume) << line;
     EXPECT_EQ(built(line).token_id, "") << line;
   }
 }
 
 TEST_F(ScanTask, TokenidSetsActionAndToken) {
-  for (const auto& [word, action] : {std::pair{"STOP", 1}, std::pair{"PARSE", 2}, std::pair{"RECOVERD", 3}}) {
+  for (const auto& [word, action] :
+       {std::pair{"STOP", TavCliCmdScanExec::kStop}, std::pair{"PARSE", TavCliCmdScanExec::kPause},
+        std::pair{"RECOVERD", TavCliCmdScanExec::kResume}}) {
     const TavCliCmdScanExec& task = built(std::string("SCAN ") + word + " TOKENID Abc-1");
     EXPECT_EQ(task.action, action) << word;
     EXPECT_EQ(task.token_id, "Abc-1") << word;
@@ -141,8 +149,8 @@ TEST_F(ScanTask, TokenidSetsActionAndToken) {
 }
 
 TEST_F(ScanTask, StartAndShowSetTheAction) {
-  EXPECT_EQ(built("SCAN START").action, 0);
-  EXPECT_EQ(built("SCAN SHOW").action, 4);
+  EXPECT_EQ(built("SCAN START").action, TavCliCmdScanExec::kStart);
+  EXPECT_EQ(built("SCAN SHOW").action, TavCliCmdScanExec::kShow);
 }
 
 TEST_F(ScanTask, StartAloneIsAFastScanWithAutomaticHandlingAndStrongScanOff) {
@@ -281,7 +289,7 @@ TEST_F(ScanCommand, ACustomStartWithoutPathSendsAnEmptyList) {
   task.action = TavCliCmdScanExec::kStart;
   task.mode = TavCliCmdScanExec::kCustom;
   const Json::Value sent = startOf(task);
-  EXPECT_EQ(sent["scan_type"], 2);
+  EXPECT_EQ(sent["scan_type"], json::toNumber(json::ScanMode::kCustom));
   EXPECT_EQ(sent["items"], Json::Value(Json::arrayValue));
 }
 
@@ -290,7 +298,7 @@ TEST_F(ScanCommand, AFullStartWithStrongScanSendsTypeFour) {
   task.action = TavCliCmdScanExec::kStart;
   task.mode = TavCliCmdScanExec::kFull;
   task.special = TavCliCmdScanExec::kStrongOn;
-  EXPECT_EQ(startOf(task)["scan_type"], 4);
+  EXPECT_EQ(startOf(task)["scan_type"], json::toScanType(json::ScanMode::kFull, true));
 }
 
 TEST_F(ScanCommand, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {
@@ -353,12 +361,12 @@ TEST_F(ScanCommand, AWholeLineReachesTheAgentInAnyLetterCase) {
   executeLine("scan start handle upload specialconfig on mode custom path /Data/木 logpath /nowhere/x");
   const auto calls = agent_.calls();
   ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].params["params"]["fix_method"], 2);
-  EXPECT_EQ(calls[0].params["params"]["scan_type"], 5);
+  EXPECT_EQ(calls[0].params["params"]["fix_method"], json::toFixMethod(json::Handling::kReportOnly));
+  EXPECT_EQ(calls[0].params["params"]["scan_type"], json::toScanType(json::ScanMode::kCustom, true));
   EXPECT_EQ(calls[0].params["params"]["items"], jsonOf(R"(["/Data/木"])"));
   EXPECT_EQ(calls[0].params["ctx"], Json::Value());
   EXPECT_EQ(calls[0].params["desc"], "");
-  EXPECT_EQ(calls[0].params["source"], 1);
+  EXPECT_EQ(calls[0].params["source"], json::toNumber(json::RequestSource::kConsole));
   EXPECT_EQ(calls[0].params["token_id"], "");
 }
 
@@ -393,27 +401,28 @@ TEST_F(ScanCommand, ShowListsTheRunningScans) {
 TEST_F(ScanCommand, ABatchStartTakesItsHandlingFromTheAgentAndScansCustomPaths) {
   struct Case {
     int fixMethodOfAgent;
-    int sent;
-    int handle;
+    json::Handling handling;
   };
-  for (const Case& row : {Case{1, 2, 1}, Case{2, 2, 1}, Case{3, 0, 2}, Case{0, 0, 2}}) {
+  for (const Case& row : {Case{1, json::Handling::kReportOnly}, Case{2, json::Handling::kReportOnly},
+                          Case{3, json::Handling::kAutomatic}, Case{0, json::Handling::kAutomatic}}) {
     const Json::Value sent =
         batchStart(R"({"Common":{"FixMethod":)" + std::to_string(row.fixMethodOfAgent) + "}}");
-    EXPECT_EQ(sent["fix_method"], row.sent) << row.fixMethodOfAgent;
-    EXPECT_EQ(sent["scan_type"], 2) << row.fixMethodOfAgent;
+    EXPECT_EQ(sent["fix_method"], json::toFixMethod(row.handling)) << row.fixMethodOfAgent;
+    EXPECT_EQ(sent["scan_type"], json::toNumber(json::ScanMode::kCustom)) << row.fixMethodOfAgent;
     EXPECT_EQ(sent["items"], jsonOf(R"(["/data"])"));
-    EXPECT_EQ(ScanRunState::instance().fix_handle(), row.handle);
+    EXPECT_EQ(ScanRunState::instance().fix_handle(), json::toFixHandle(row.handling));
     EXPECT_EQ(printed_, "FixMethod is " + std::to_string(row.fixMethodOfAgent) + ", handle is " +
-                            std::to_string(row.handle) + "\n");
+                            std::to_string(json::toFixHandle(row.handling)) + "\n");
   }
 }
 
 TEST_F(ScanCommand, ABatchStartWithoutUsableSettingsOnlyReports) {
   for (const char* settings : {"", "no json", "{}", R"({"Common":7})"}) {
     const Json::Value sent = batchStart(settings);
-    EXPECT_EQ(sent["fix_method"], 2) << settings;
-    EXPECT_EQ(sent["scan_type"], 2) << settings;
-    EXPECT_EQ(ScanRunState::instance().fix_handle(), 1) << settings;
+    EXPECT_EQ(sent["fix_method"], json::toFixMethod(json::Handling::kReportOnly)) << settings;
+    EXPECT_EQ(sent["scan_type"], json::toNumber(json::ScanMode::kCustom)) << settings;
+    EXPECT_EQ(ScanRunState::instance().fix_handle(), json::toFixHandle(json::Handling::kReportOnly))
+        << settings;
     EXPECT_EQ(printed_, "") << settings;
   }
 }
@@ -435,20 +444,22 @@ TEST_F(ScanCommand, AfterOneBatchLogpathEveryLaterStartIsABatchStart) {
   agent_.forgetCalls();
   executeLine("SCAN START HANDLE UPLOAD MODE FULL");
   ASSERT_EQ(agent_.calls("startScanTask").size(), 1u);
-  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["scan_type"], 2);
-  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["fix_method"], 0);
+  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["scan_type"],
+            json::toNumber(json::ScanMode::kCustom));
+  EXPECT_EQ(agent_.calls("startScanTask")[0].params["params"]["fix_method"],
+            json::toFixMethod(json::Handling::kAutomatic));
 }
 
 TEST_F(BatchStarts, AnAcceptedOneBeginsAReportOfItsOwn) {
   start();
   detect("/data/first");
-  state(5);
+  state(json::TaskState::kAborted);
   EXPECT_THAT(testsupport::readFile(report_), HasSubstr("/data/first\n"));
   start();
   EXPECT_EQ(ScanRunState::instance().result(), Json::Value(Json::objectValue));
   EXPECT_EQ(ScanRunState::instance().failed_items(), 0);
   detect("/data/second");
-  state(5);
+  state(json::TaskState::kAborted);
   EXPECT_THAT(testsupport::readFile(report_), HasSubstr("/data/second\n"));
   EXPECT_THAT(testsupport::readFile(report_), Not(HasSubstr("/data/first\n")));
 }
@@ -484,7 +495,7 @@ TEST_F(BatchStarts, WhatTheAgentTellsBeforeItAnswersIsInTheReport) {
 TEST_F(BatchStarts, OneThatIsIssuedAgainAfterABusyAgentGoesOnWithItsResult) {
   start();
   detect("/data/first");
-  state(6);
+  state(json::TaskState::kSameModeExists);
   start();
   EXPECT_THAT(paths(), ElementsAre("/data/first"));
   start();
@@ -496,7 +507,7 @@ TEST_F(BatchStarts, OneThatIsAcceptedAfterARefusalAsBusyDoesNotListTheScanBefore
   detect("/data/first");
   agent_.answer("startScanTask", jsonOf(R"({"status":false})"));
   start();
-  state(6);
+  state(json::TaskState::kSameModeExists);
   detect("/data/late");
   EXPECT_THAT(paths(), ElementsAre("/data/first", "/data/late"));
   agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
@@ -514,12 +525,12 @@ TEST(ScanRunStateRecord, StartsEmptyAndKeepsWhatItIsTold) {
   state.set_log_path("l");
   state.set_scan_path("s");
   state.set_batch_mode();
-  state.set_fix_handle(2);
+  state.set_fix_handle(json::toFixHandle(json::Handling::kAutomatic));
   state.updateResult([](Json::Value& result) { result["virusnum"] = 3; });
   EXPECT_EQ(state.log_path(), "l");
   EXPECT_EQ(state.scan_path(), "s");
   EXPECT_EQ(state.batch_mode(), 1);
-  EXPECT_EQ(state.fix_handle(), 2);
+  EXPECT_EQ(state.fix_handle(), json::toFixHandle(json::Handling::kAutomatic));
   EXPECT_EQ(state.result()["virusnum"], 3);
 }
 

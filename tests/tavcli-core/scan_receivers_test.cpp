@@ -14,6 +14,7 @@
 #include "command/scan/ScanDisplay.h"
 #include "command/scan/ScanReceivers.h"
 #include "command/scan/ScanRunState.h"
+#include "json/Values.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/Capture.h"
 #include "support/ConsoleLink.h"
@@ -24,6 +25,9 @@
 
 namespace {
 
+using json::BusinessType;
+using json::RiskInfoType;
+using json::TaskState;
 using testing::HasSubstr;
 using testsupport::jsonOf;
 using testsupport::outputOf;
@@ -38,34 +42,38 @@ class Receivers : public testing::Test {
     state.set_batch_mode();
     state.set_log_path(report_);
     state.set_scan_path("/data");
-    state.set_fix_handle(1);
+    state.set_fix_handle(json::toFixHandle(json::Handling::kReportOnly));
   }
-  std::string state(int number, const std::string& token = "token", int type = 0) {
+  std::string state(TaskState state, const std::string& token = "token",
+                    BusinessType type = BusinessType::kScan) {
     return outputOf([&] {
       business_.reportBusStatus({.ctx = {},
                                  .detail = "detail",
                                  .params = {},
-                                 .source = 1,
-                                 .state = number,
+                                 .source = json::toNumber(json::RequestSource::kConsole),
+                                 .state = json::toNumber(state),
                                  .token_id = token,
-                                 .type = type});
+                                 .type = json::toNumber(type)});
     });
   }
-  std::string risk(const Json::Value& info, int business = 0, int infoType = 5) {
+  std::string risk(const Json::Value& info, BusinessType business = BusinessType::kScan,
+                   RiskInfoType infoType = RiskInfoType::kFile) {
     return outputOf([&] {
-      scan_.reportRiskInfo({.business_type = business,
-                            .fix_method = 2,
+      scan_.reportRiskInfo({.business_type = json::toNumber(business),
+                            .fix_method = json::toFixMethod(json::Handling::kReportOnly),
                             .risk_info = info,
-                            .risk_info_type = infoType,
+                            .risk_info_type = json::toNumber(infoType),
                             .token_id = "token"});
     });
   }
-  std::string repair(const Json::Value& info, const Json::Value& result, int business = 0, int infoType = 5) {
+  std::string repair(const Json::Value& info, const Json::Value& result,
+                     BusinessType business = BusinessType::kScan,
+                     RiskInfoType infoType = RiskInfoType::kFile) {
     return outputOf([&] {
-      scan_.reportRiskFixInfo({.business_type = business,
-                               .fix_method = 2,
+      scan_.reportRiskFixInfo({.business_type = json::toNumber(business),
+                               .fix_method = json::toFixMethod(json::Handling::kReportOnly),
                                .risk_info = info,
-                               .risk_info_type = infoType,
+                               .risk_info_type = json::toNumber(infoType),
                                .risk_repair_result = result,
                                .token_id = "token"});
     });
@@ -99,27 +107,30 @@ const Json::Value kProcess =
 // Accepted and ignored notifications.
 
 TEST_F(Receivers, AStateWithAnEmptyTokenPrintsNothing) {
-  EXPECT_EQ(state(1, ""), "");
+  EXPECT_EQ(state(TaskState::kStarted, ""), "");
 }
 TEST_F(Receivers, AStateOfAnotherTypePrintsNothing) {
-  EXPECT_EQ(state(1, "token", 1), "");
+  EXPECT_EQ(state(TaskState::kStarted, "token", BusinessType{1}), "");
 }
 TEST_F(Receivers, AState7PrintsNothing) {
-  EXPECT_EQ(state(7), "");
+  EXPECT_EQ(state(TaskState{7}), "");
 }
 TEST_F(Receivers, AStateMinus2PrintsNothing) {
-  EXPECT_EQ(state(-2), "");
+  EXPECT_EQ(state(TaskState{-2}), "");
 }
 TEST_F(Receivers, AttributeInfoIsAcceptedAndIgnored) {
   EXPECT_EQ(
-      outputOf([&] { scan_.reportScanAttributeInfo({.payload = kRisk, .source = 1, .token_id = "token"}); }),
+      outputOf([&] {
+        scan_.reportScanAttributeInfo(
+            {.payload = kRisk, .source = json::toNumber(json::RequestSource::kConsole), .token_id = "token"});
+      }),
       "");
 }
 TEST_F(Receivers, ARiskOfAnotherBusinessPrintsNothing) {
-  EXPECT_EQ(risk(kRisk, 1), "");
+  EXPECT_EQ(risk(kRisk, BusinessType{1}), "");
 }
 TEST_F(Receivers, ARiskOfAnotherKindPrintsNothing) {
-  EXPECT_EQ(risk(kRisk, 0, 3), "");
+  EXPECT_EQ(risk(kRisk, BusinessType::kScan, RiskInfoType::kProcess), "");
 }
 TEST_F(Receivers, ARiskThatIsNullPrintsNothing) {
   EXPECT_EQ(risk(Json::Value()), "");
@@ -128,18 +139,18 @@ TEST_F(Receivers, ARiskWithoutMembersIsPrintedWithInitialValues) {
   EXPECT_THAT(risk(Json::objectValue), HasSubstr("风险项名称 : \n"));
 }
 TEST_F(Receivers, ARepairOfAnotherBusinessPrintsNothing) {
-  EXPECT_EQ(repair(kRisk, kRepair, 1), "");
+  EXPECT_EQ(repair(kRisk, kRepair, BusinessType{1}), "");
 }
 TEST_F(Receivers, ARepairOfAnotherKindPrintsNothing) {
-  EXPECT_EQ(repair(kRisk, kRepair, 0, 4), "");
+  EXPECT_EQ(repair(kRisk, kRepair, BusinessType::kScan, RiskInfoType{4}), "");
 }
 TEST_F(Receivers, ARepairWithoutRiskPrintsNothing) {
   EXPECT_EQ(repair(Json::Value(), kRepair), "");
-  EXPECT_EQ(repair(Json::Value(), kRepair, 0, 3), "");
+  EXPECT_EQ(repair(Json::Value(), kRepair, BusinessType::kScan, RiskInfoType::kProcess), "");
 }
 TEST_F(Receivers, ARepairWithoutResultPrintsNothing) {
   EXPECT_EQ(repair(kRisk, Json::Value()), "");
-  EXPECT_EQ(repair(kProcess, Json::Value(), 0, 3), "");
+  EXPECT_EQ(repair(kProcess, Json::Value(), BusinessType::kScan, RiskInfoType::kProcess), "");
 }
 TEST_F(Receivers, AnOverviewThatIsNullPrintsNothing) {
   EXPECT_EQ(overview("null"), "");
@@ -152,7 +163,7 @@ TEST_F(Receivers, AnOddMemberDoesNotCostTheRest) {
 // At the prompt.
 
 TEST_F(Receivers, AtThePromptAStatePrintsItsLinesOnly) {
-  EXPECT_EQ(state(2), "\n扫描结束\n");
+  EXPECT_EQ(state(TaskState::kFinished), "\n扫描结束\n");
   EXPECT_EQ(g_lastBusState, tavcli::kBusStateNone);
 }
 TEST_F(Receivers, AtThePromptARiskIsPrinted) {
@@ -165,7 +176,7 @@ TEST_F(Receivers, AtThePromptAFileRepairIsPrinted) {
               testing::StartsWith("风险项名称 : Eicar\n处理结果 : moved\n修复时间 : "));
 }
 TEST_F(Receivers, AtThePromptAProcessRepairIsPrinted) {
-  EXPECT_THAT(repair(kProcess, kRepair, 0, 3),
+  EXPECT_THAT(repair(kProcess, kRepair, BusinessType::kScan, RiskInfoType::kProcess),
               testing::StartsWith("风险进程名称 : /bin/x\n风险子项 : /bin/x\n处理结果 : moved\n"));
 }
 TEST_F(Receivers, AtThePromptAnOverviewIsPrinted) {
@@ -193,7 +204,7 @@ TEST_F(Receivers, UnattendedRiskStageAndRepairsPrintNothing) {
   EXPECT_EQ(risk(kRisk), "");
   EXPECT_EQ(outputOf([&] { scan_.reportScanBusStage({.datail = "", .stage = 4, .token_id = "token"}); }), "");
   EXPECT_EQ(repair(kRisk, kRepair), "");
-  EXPECT_EQ(repair(kProcess, kRepair, 0, 3), "");
+  EXPECT_EQ(repair(kProcess, kRepair, BusinessType::kScan, RiskInfoType::kProcess), "");
 }
 TEST_F(Receivers, UnattendedAFileRepairEntersTheReport) {
   unattended();
@@ -203,7 +214,7 @@ TEST_F(Receivers, UnattendedAFileRepairEntersTheReport) {
 }
 TEST_F(Receivers, UnattendedAProcessRepairAddsNothingToTheReport) {
   unattended();
-  repair(kProcess, kRepair, 0, 3);
+  repair(kProcess, kRepair, BusinessType::kScan, RiskInfoType::kProcess);
   EXPECT_TRUE(document()["virus"].empty());
 }
 TEST_F(Receivers, UnattendedAnOverviewSetsTheCountersAndPrintsNothing) {
@@ -222,7 +233,7 @@ TEST_F(Receivers, UnattendedTheBeginningIsSetOnce) {
 }
 
 struct EffectRow {
-  int state;
+  TaskState state;
   std::uint32_t clean;     ///< g_lastBusState when nothing was found
   std::uint32_t infected;  ///< and when something was
   bool report;             ///< whether the report is written
@@ -259,36 +270,38 @@ TEST_P(StateEffect, AtThePromptIsNone) {
 }
 
 const EffectRow kEffects[] = {
-    {-1, 0x20010000, 0x20010001, true},
-    {0, 0, 0, false},
-    {1, 0, 0, false},
-    {2, 0x20010000, 0x20010001, true},
-    {3, 0x20010000, 0x20010001, true},
-    {4, 0, 0, false},
-    {5, 0x20010000, 0x20010001, true},
-    {6, 0x20010002, 0x20010002, false},
+    {TaskState::kNotCreated, tavcli::kBusStateClean, tavcli::kBusStateInfected, true},
+    {TaskState::kCreated, tavcli::kBusStateNone, tavcli::kBusStateNone, false},
+    {TaskState::kStarted, tavcli::kBusStateNone, tavcli::kBusStateNone, false},
+    {TaskState::kFinished, tavcli::kBusStateClean, tavcli::kBusStateInfected, true},
+    {TaskState::kPaused, tavcli::kBusStateClean, tavcli::kBusStateInfected, true},
+    {TaskState::kResumed, tavcli::kBusStateNone, tavcli::kBusStateNone, false},
+    {TaskState::kAborted, tavcli::kBusStateClean, tavcli::kBusStateInfected, true},
+    {TaskState::kSameModeExists, tavcli::kBusStateBusy, tavcli::kBusStateBusy, false},
 };
 INSTANTIATE_TEST_SUITE_P(Receivers, StateEffect, testing::ValuesIn(kEffects), [](const auto& row) {
-  return row.param.state < 0 ? std::string("Minus1") : "State" + std::to_string(row.param.state);
+  return row.param.state == TaskState::kNotCreated
+             ? std::string("Minus1")
+             : "State" + std::to_string(json::toNumber(row.param.state));
 });
 
 TEST_F(Receivers, UnattendedTheEndPrintsTheStateBeforeAndBehindIt) {
   unattended();
-  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
+  EXPECT_EQ(state(TaskState::kFinished), "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
 }
 
 TEST_F(Receivers, UnattendedASecondEndDoesNotRewriteTheReportAndPrintsTheSameValueTwice) {
   unattended();
-  state(2);
+  state(TaskState::kFinished);
   dir_.write("report", "kept");
-  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x20010000\nexitvalue2 = 0x20010000\n");
+  EXPECT_EQ(state(TaskState::kFinished), "\n扫描结束\nexitvalue1 = 0x20010000\nexitvalue2 = 0x20010000\n");
   EXPECT_EQ(testsupport::readFile(report_), "kept");
 }
 
 TEST_F(Receivers, UnattendedAnEndWhileTheAgentCountsAsBusyChangesNothingAndWakesNobody) {
   unattended();
-  state(6);
-  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x20010002\nexitvalue2 = 0x20010002\n");
+  state(TaskState::kSameModeExists);
+  EXPECT_EQ(state(TaskState::kFinished), "\n扫描结束\nexitvalue1 = 0x20010002\nexitvalue2 = 0x20010002\n");
   EXPECT_FALSE(std::filesystem::exists(report_));
   EXPECT_FALSE(tavcli::takeFinalState());
 }
@@ -296,7 +309,7 @@ TEST_F(Receivers, UnattendedAnEndWhileTheAgentCountsAsBusyChangesNothingAndWakes
 TEST_F(Receivers, UnattendedAnUnfinishedTaskTellsWhyOnStandardError) {
   unattended();
   testing::internal::CaptureStderr();
-  state(5);
+  state(TaskState::kAborted);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: 扫描任务已中止: detail\n");
 }
 
@@ -305,8 +318,8 @@ TEST_F(Receivers, UnattendedEntriesThatCouldNotBeScannedAreCountedOnStandardErro
   overview(R"({"checked_item_count":5,"failed_item_count":7})");
   overview(R"({"checked_item_count":6,"failed_item_count":2})");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(state(2), "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
-  state(2);
+  EXPECT_EQ(state(TaskState::kFinished), "\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n");
+  state(TaskState::kFinished);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: entries that could not be scanned: 2; see " +
                                                         tavcli::installDirectory() + "log/tavagentd.log\n");
 }
@@ -315,22 +328,22 @@ TEST_F(Receivers, UnattendedAScanOfEveryEntryLeavesStandardErrorEmpty) {
   unattended();
   overview(R"({"checked_item_count":5,"failed_item_count":0})");
   testing::internal::CaptureStderr();
-  state(2);
+  state(TaskState::kFinished);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(Receivers, AtThePromptEntriesThatCouldNotBeScannedAddNothingToTheEnd) {
   overview(R"({"failed_item_count":2})");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(state(2), "\n扫描结束\n");
+  EXPECT_EQ(state(TaskState::kFinished), "\n扫描结束\n");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 // Over the bus.
 
-Json::Value status(int state) {
+Json::Value status(TaskState state) {
   Json::Value params = jsonOf(R"({"ctx":{},"detail":"","params":{},"source":1,"token_id":"t","type":0})");
-  params["state"] = state;
+  params["state"] = json::toNumber(state);
   return params;
 }
 
@@ -356,7 +369,7 @@ int wholeUnattendedRun() {
                                    agent.notify("reportRiskFixInfo", repair);
                                  }
                                  agent.notify("reportScanBusOverView", overview);
-                                 agent.notify("reportBusStatus", status(2));
+                                 agent.notify("reportBusStatus", status(TaskState::kFinished));
                                },
                                [](const std::string&) {}, [] { return 200; }};
   testing::internal::CaptureStdout();

@@ -4,8 +4,10 @@
 
 #include "AgentCommand.h"
 #include "command/scan/ScanRunState.h"
+#include "command/scan/TavCliCmdScanExec.h"
 #include "command/scan/adaptor/CliScanCommunication.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "jsonrpchelper/Holders.h"
 
 namespace {
@@ -18,7 +20,7 @@ using testing::StartsWith;
 class ScanRequests : public AgentCommand {
  protected:
   ScanRequests() {
-    CLogDebug::Instance()->SetProperty(CLogDebug::kLevel, "4");  // errors only
+    CLogDebug::Instance()->SetProperty(CLogDebug::kLevel, std::to_string(static_cast<int>(LogLevel::kError)));
     agent_.answer("startScanTask", jsonOf(R"({"status":true})"));
     agent_.answer("ctlBus", true);
   }
@@ -77,6 +79,10 @@ INSTANTIATE_TEST_SUITE_P(ScanRequests, ScanConfig, testing::ValuesIn(kSettings),
 
 // The start.
 
+using json::ScanMode;
+using enum TavCliCmdScanExec::Mode;
+using enum TavCliCmdScanExec::Special;
+
 struct Type {
   const char* name;
   unsigned mode;
@@ -94,21 +100,23 @@ TEST_P(ScanType, FollowsModeAndStrongScan) {
 }
 
 const Type kTypes[] = {
-    {"Fast", 0, 1, 0},
-    {"Full", 1, 1, 1},
-    {"Custom", 2, 1, 2},
-    {"OtherMode", 3, 1, 0},
-    {"FastStrong", 0, 0, 3},
-    {"FullStrong", 1, 0, 4},
-    {"CustomStrong", 2, 0, 5},
-    {"OtherModeStrong", 3, 0, 0},
-    {"AnyOtherSwitchIsStrong", 0, 2, 3},
+    {"Fast", kFast, kStrongOff, json::toScanType(ScanMode::kFast, false)},
+    {"Full", kFull, kStrongOff, json::toScanType(ScanMode::kFull, false)},
+    {"Custom", kCustom, kStrongOff, json::toScanType(ScanMode::kCustom, false)},
+    {"OtherMode", 3, kStrongOff, json::toScanType(ScanMode::kFast, false)},
+    {"FastStrong", kFast, kStrongOn, json::toScanType(ScanMode::kFast, true)},
+    {"FullStrong", kFull, kStrongOn, json::toScanType(ScanMode::kFull, true)},
+    {"CustomStrong", kCustom, kStrongOn, json::toScanType(ScanMode::kCustom, true)},
+    {"OtherModeStrong", 3, kStrongOn, json::toScanType(ScanMode::kFast, false)},
+    {"AnyOtherSwitchIsStrong", kFast, 2, json::toScanType(ScanMode::kFast, true)},
 };
 INSTANTIATE_TEST_SUITE_P(ScanRequests, ScanType, testing::ValuesIn(kTypes),
                          [](const auto& row) { return row.param.name; });
 
 TEST_F(ScanRequests, AStartSendsEveryMemberAsItsTableSays) {
-  EXPECT_EQ(CliScanCommunication::action_startscan(json::Handling::kReportOnly, 2, {"/a", "/b"}, 1), 1);
+  EXPECT_EQ(
+      CliScanCommunication::action_startscan(json::Handling::kReportOnly, kCustom, {"/a", "/b"}, kStrongOff),
+      1);
   Json::Value expected = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
       "follow_link":false,"max_scan_sec":0,"custom_stop":true,"items":["/a","/b"],"force_scan":false,
       "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
@@ -118,23 +126,25 @@ TEST_F(ScanRequests, AStartSendsEveryMemberAsItsTableSays) {
 }
 
 TEST_F(ScanRequests, AStartWithHandle0HandlesAutomatically) {
-  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1);
-  EXPECT_EQ(onlyParams("startScanTask")["params"]["fix_method"].asInt(), 0);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, kFast, {}, kStrongOff);
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["fix_method"].asInt(),
+            json::toFixMethod(json::Handling::kAutomatic));
 }
 
 TEST_F(ScanRequests, AStartThatIsNotCustomSendsNoPaths) {
-  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 1, {"/a"}, 1);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, kFull, {"/a"}, kStrongOff);
   EXPECT_EQ(onlyParams("startScanTask")["params"]["items"], Json::Value(Json::arrayValue));
 }
 
 TEST_F(ScanRequests, ACustomStartWithoutPathSendsAnEmptyList) {
-  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 2, {}, 0);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, kCustom, {}, kStrongOn);
   EXPECT_EQ(onlyParams("startScanTask")["params"]["items"], Json::Value(Json::arrayValue));
-  EXPECT_EQ(onlyParams("startScanTask")["params"]["scan_type"].asInt(), 5);
+  EXPECT_EQ(onlyParams("startScanTask")["params"]["scan_type"].asInt(),
+            json::toScanType(ScanMode::kCustom, true));
 }
 
 TEST_F(ScanRequests, APathThatIsNotUtf8TravelsUnchanged) {
-  CliScanCommunication::action_startscan(json::Handling::kAutomatic, 2, {"/d/\xff\xc3"}, 1);
+  CliScanCommunication::action_startscan(json::Handling::kAutomatic, kCustom, {"/d/\xff\xc3"}, kStrongOff);
   EXPECT_EQ(json::decodePath(onlyParams("startScanTask")["params"]["items"][0].asString()), "/d/\xff\xc3");
 }
 
@@ -146,9 +156,11 @@ struct Answer {
 class StartAnswer : public ScanRequests, public testing::WithParamInterface<Answer> {};
 TEST_P(StartAnswer, DecidesTheResultAndPrintsNothing) {
   agent_.answer("startScanTask", jsonOf(GetParam().answer));
-  EXPECT_EQ(
-      printing([] { return CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1); }),
-      GetParam().result);
+  EXPECT_EQ(printing([] {
+              return CliScanCommunication::action_startscan(json::Handling::kAutomatic, kFast, {},
+                                                            kStrongOff);
+            }),
+            GetParam().result);
   EXPECT_EQ(out_, "");
 }
 const Answer kAnswers[] = {{"StatusTrueGives1", R"({"status":true})", 1},
@@ -193,22 +205,22 @@ INSTANTIATE_TEST_SUITE_P(ScanRequests, RunningTasks, testing::ValuesIn(kTasks),
 
 struct ControlRow {
   const char* name;
-  unsigned action;
+  json::ControlAction action;
   const char* params;
 };
 class TaskControl : public ScanRequests, public testing::WithParamInterface<ControlRow> {};
 TEST_P(TaskControl, SendsItsRow) {
-  EXPECT_EQ(CliScanCommunication::action_ctlscan("the token", GetParam().action), 1);
+  EXPECT_EQ(CliScanCommunication::action_ctlscan("the token", static_cast<unsigned>(GetParam().action)), 1);
   Json::Value expected = jsonOf(GetParam().params);
   expected["payload"] = Json::Value();
-  expected["source"] = 1;
+  expected["source"] = json::toNumber(json::RequestSource::kConsole);
   expected["token_id"] = "the token";
   EXPECT_EQ(onlyParams("ctlBus"), expected);
 }
 const ControlRow kControls[] = {
-    {"StopSendsMark8", 1, R"({"action":1,"mark":8,"detail":"终端停止扫描"})"},
-    {"PauseSendsMark2", 2, R"({"action":2,"mark":2,"detail":"终端暂停扫描"})"},
-    {"ResumeSendsMark0", 3, R"({"action":3,"mark":0,"detail":"终端恢复扫描"})"},
+    {"StopSendsMark8", json::ControlAction::kStop, R"({"action":1,"mark":8,"detail":"终端停止扫描"})"},
+    {"PauseSendsMark2", json::ControlAction::kPause, R"({"action":2,"mark":2,"detail":"终端暂停扫描"})"},
+    {"ResumeSendsMark0", json::ControlAction::kResume, R"({"action":3,"mark":0,"detail":"终端恢复扫描"})"},
 };
 INSTANTIATE_TEST_SUITE_P(ScanRequests, TaskControl, testing::ValuesIn(kControls),
                          [](const auto& row) { return row.param.name; });
@@ -221,7 +233,7 @@ TEST_F(ScanRequests, AnyOtherControlSendsNothingAndGives0) {
 }
 
 TEST_F(ScanRequests, AControlWithAnEmptyTokenIsSent) {
-  EXPECT_EQ(CliScanCommunication::action_ctlscan("", 3), 1);
+  EXPECT_EQ(CliScanCommunication::action_ctlscan("", static_cast<unsigned>(json::ControlAction::kResume)), 1);
   EXPECT_EQ(onlyParams("ctlBus")["token_id"].asString(), "");
 }
 
@@ -246,7 +258,8 @@ const Failing kFailing[] = {
      },
      1},
     {"action_startscan", ":action_startscan:133 ",
-     [] { return CliScanCommunication::action_startscan(json::Handling::kAutomatic, 0, {}, 1); }, 0},
+     [] { return CliScanCommunication::action_startscan(json::Handling::kAutomatic, kFast, {}, kStrongOff); },
+     0},
     {"action_showscan", ":action_showscan:162 ", [] { return CliScanCommunication::action_showscan(); }, 0},
     {"action_ctlscan", ":action_ctlscan:200 ", [] { return CliScanCommunication::action_ctlscan("t", 1); },
      0},
@@ -293,7 +306,9 @@ TEST_F(ScanRequests, AnUnattendedStartThatIsNotConfirmedIsToldToTheOperator) {
   agent_.answerError("startScanTask", -32000, "the store\nis full");
   const auto complaint = [] {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(CliScanCommunication::action_startscan(json::Handling::kAutomatic, 2, {"/data"}, 1), 0);
+    EXPECT_EQ(
+        CliScanCommunication::action_startscan(json::Handling::kAutomatic, kCustom, {"/data"}, kStrongOff),
+        0);
     return testing::internal::GetCapturedStderr();
   };
   EXPECT_EQ(complaint(), "") << "at the prompt the debug log has it";

@@ -10,6 +10,7 @@
 #include "command/trustregion/TavCliCmdtrustregionExec.h"
 #include "command/trustregion/comm/send/CliTrustRegionCommunication.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "jsonrpchelper/JsonRpcCpp.h"
 #include "support/BuiltGrammar.h"
 
@@ -35,11 +36,13 @@ class TrustregionCommand : public AgentCommand {
     agent_.answer("ctlRegion", true);
   }
   /// The report when the query of that region and type gives these items, and every other query no item.
-  std::string reportOf(const std::string& items, int region = 0, int type = 0) {
+  std::string reportOf(const std::string& items, json::Region region = json::Region::kTrust,
+                       json::RegionItemType type = json::RegionItemType::kFile) {
     const Json::Value list = jsonOf(items);
     agent_.answerWith("getRegionInfo", [=](const Json::Value& params) {
-      return params["region_type"] == region && params["item_type"] == type ? list
-                                                                            : Json::Value(Json::arrayValue);
+      return params["region_type"] == json::toNumber(region) && params["item_type"] == json::toNumber(type)
+                 ? list
+                 : Json::Value(Json::arrayValue);
     });
     const Executed executed = executeLine("TRUSTREGION REPORT");
     EXPECT_EQ(executed.result, 0);
@@ -113,28 +116,28 @@ TEST_F(TrustregionTask, TypeMd5IsBuiltButCannotBeTyped) {
   EXPECT_EQ(node->required, 1);
   EXPECT_EQ(node->valueKind, 0);
   EXPECT_EQ(tree_.find(node), nullptr);
-  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE MD5").item_type, 0);
+  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE MD5").item_type, TavCliCmdtrustregionExec::kFile);
   EXPECT_EQ(node->handler(*node, ""), 1);
-  EXPECT_EQ(pending()->item_type, 3);
+  EXPECT_EQ(pending()->item_type, TavCliCmdtrustregionExec::kMd5);
 }
 
 TEST_F(TrustregionTask, StartsAsAReport) {
   const TavCliCmdtrustregionExec& task = built("TRUSTREGION");
-  EXPECT_EQ(task.action, 2);
-  EXPECT_EQ(task.item_type, 0);
+  EXPECT_EQ(task.action, TavCliCmdtrustregionExec::kReport);
+  EXPECT_EQ(task.item_type, TavCliCmdtrustregionExec::kFile);
   EXPECT_THAT(task.items, IsEmpty());
 }
 
 TEST_F(TrustregionTask, ReportAndActionSetTheAction) {
-  EXPECT_EQ(built("TRUSTREGION REPORT").action, 2);
-  EXPECT_EQ(built("TRUSTREGION MODIFY ACTION ADD").action, 0);
-  EXPECT_EQ(built("TRUSTREGION MODIFY ACTION DEL").action, 1);
+  EXPECT_EQ(built("TRUSTREGION REPORT").action, TavCliCmdtrustregionExec::kReport);
+  EXPECT_EQ(built("TRUSTREGION MODIFY ACTION ADD").action, TavCliCmdtrustregionExec::kAdd);
+  EXPECT_EQ(built("TRUSTREGION MODIFY ACTION DEL").action, TavCliCmdtrustregionExec::kDelete);
 }
 
 TEST_F(TrustregionTask, TypeSetsTheItemType) {
-  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE EXT").item_type, 2);
-  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE FILE").item_type, 0);
-  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE DIR").item_type, 1);
+  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE EXT").item_type, TavCliCmdtrustregionExec::kExtension);
+  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE FILE").item_type, TavCliCmdtrustregionExec::kFile);
+  EXPECT_EQ(built("TRUSTREGION MODIFY TYPE DIR").item_type, TavCliCmdtrustregionExec::kFolder);
 }
 
 TEST_F(TrustregionTask, NameIsAppended) {
@@ -155,7 +158,9 @@ TEST_F(TrustregionTask, AnUnknownActionPrintsAnErrorAndGivesMinusOne) {
 TEST_F(TrustregionTask, WithoutAnAgentLinkNothingIsPrinted) {
   EXPECT_EQ(outputOf([] {
               EXPECT_EQ(CliTrustRegionCommunication::action_trustregionreport(), 0);
-              EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(0, 0, {"x"}), 0);
+              EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(
+                            TavCliCmdtrustregionExec::kAdd, TavCliCmdtrustregionExec::kFile, {"x"}),
+                        0);
             }),
             "");
 }
@@ -166,27 +171,33 @@ TEST_F(TrustregionCommand, EmptyListsPrintTheTwoTotalsEachAfterAnEmptyLine) {
 
 TEST_F(TrustregionCommand, TheQueriesGoOutInTheirOrderForEveryDomain) {
   reportOf("[]");
-  std::vector<std::pair<int, int>> queries;
+  std::vector<std::pair<json::Region, json::RegionItemType>> queries;
   for (const ScriptedAgent::Call& call : agent_.calls("getRegionInfo")) {
-    EXPECT_EQ(call.params["domain"], 4);
-    queries.emplace_back(call.params["region_type"].asInt(), call.params["item_type"].asInt());
+    EXPECT_EQ(call.params["domain"], json::toNumber(json::RegionDomain::kEvery));
+    queries.emplace_back(json::Region{call.params["region_type"].asInt()},
+                         json::RegionItemType{call.params["item_type"].asInt()});
   }
-  const std::vector<std::pair<int, int>> expected = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 6}, {0, 4},
-                                                     {0, 5}, {1, 3}, {1, 5}, {1, 6}, {1, 4}};
+  using enum json::Region;
+  using enum json::RegionItemType;
+  const decltype(queries) expected = {{kTrust, kFile},    {kTrust, kFolder}, {kTrust, kExtension},
+                                      {kTrust, kMd5},     {kTrust, kSha256}, {kTrust, kName},
+                                      {kTrust, kSha1},    {kReject, kMd5},   {kReject, kSha1},
+                                      {kReject, kSha256}, {kReject, kName}};
   EXPECT_EQ(queries, expected);
 }
 
 TEST_F(TrustregionCommand, AnItemIsPrintedOnSevenLinesAndARule) {
   EXPECT_EQ(reportOf(R"([{"add_time":1700000000,"item":"/data","file_size":12,"valid_statue":1,"domain":1,
                           "item_type":1}])",
-                     0, 1),
+                     json::Region::kTrust, json::RegionItemType::kFolder),
             "时间 : 2023-11-15 06:13:20\n项 : /data\n项大小 : 12字节\n状态 : 永久有效\n属性 : 全局\n"
             "类型 : 文件夹\n行为 : 信任\n" +
                 kItemRule + "\n信任区当前存在 1 项\n\n否决区当前存在 0 项\n");
 }
 
 TEST_F(TrustregionCommand, AnItemOfTheRejectRegionIsPrintedAsRejected) {
-  const std::string report = reportOf(R"([{"item":"abc","item_type":3}])", 1, 3);
+  const std::string report =
+      reportOf(R"([{"item":"abc","item_type":3}])", json::Region::kReject, json::RegionItemType::kMd5);
   EXPECT_THAT(report, HasSubstr("行为 : 否决\n"));
   EXPECT_THAT(report, Not(HasSubstr("行为 : 信任")));
   EXPECT_THAT(report, HasSubstr("\n信任区当前存在 0 项\n\n否决区当前存在 1 项\n"));
@@ -216,7 +227,8 @@ TEST_F(TrustregionCommand, AListOfAHundredThousandItemsIsPrintedWhole) {
     items += ",{}";
   }
   agent_.answerWith("getRegionInfo", [items](const Json::Value& params) -> Json::Value {
-    throw ScriptedAgent::ResultText{params["item_type"] == 2 ? items + "]" : "[]"};
+    throw ScriptedAgent::ResultText{
+        params["item_type"] == json::toNumber(json::RegionItemType::kExtension) ? items + "]" : "[]"};
   });
   const std::string report = executeLine("TRUSTREGION REPORT").printed;
   EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 800004);
@@ -225,7 +237,8 @@ TEST_F(TrustregionCommand, AListOfAHundredThousandItemsIsPrintedWhole) {
 
 TEST_F(TrustregionCommand, AnAnswerThatIsNoListIsLoggedAndSkipped) {
   agent_.answerWith("getRegionInfo", [](const Json::Value& params) {
-    return params["item_type"] == 1 ? Json::Value("no list") : jsonOf(R"([{"item":"x"}])");
+    return params["item_type"] == json::toNumber(json::RegionItemType::kFolder) ? Json::Value("no list")
+                                                                                : jsonOf(R"([{"item":"x"}])");
   });
   const Executed executed = executeLine("TRUSTREGION REPORT");
   EXPECT_EQ(agent_.calls("getRegionInfo").size(), 11u);
@@ -237,7 +250,7 @@ TEST_F(TrustregionCommand, AnAnswerThatIsNoListIsLoggedAndSkipped) {
 
 TEST_F(TrustregionCommand, AnErrorStopsTheReportWhereItHappenedWithoutTotals) {
   agent_.answerWith("getRegionInfo", [](const Json::Value& params) -> Json::Value {
-    if (params["item_type"] == 2) {
+    if (params["item_type"] == json::toNumber(json::RegionItemType::kExtension)) {
       throw ScriptedAgent::Error{-32099, "store is gone"};
     }
     return jsonOf(R"([{"item":"x"}])");
@@ -266,7 +279,7 @@ TEST_F(TrustregionCommand, AGarbledAnswerStopsTheReportWithoutTotals) {
 
 TEST_F(TrustregionCommand, AnAgentThatDiesHalfWayStopsTheReport) {
   agent_.answerWith("getRegionInfo", [](const Json::Value& params) -> Json::Value {
-    if (params["region_type"] == 1) {
+    if (params["region_type"] == json::toNumber(json::Region::kReject)) {
       throw ScriptedAgent::Death{};
     }
     return Json::Value(Json::arrayValue);
@@ -312,7 +325,8 @@ TEST_F(TrustregionCommand, APathThatIsNotUtf8ReachesTheAgentByteForByte) {
 TEST_F(TrustregionCommand, AnActionOrTypeOutsideTheirRangesIsLeftOut) {
   CliTrustRegionCommunication::action_trustregionmodify(2, 7, {});
   CliTrustRegionCommunication::action_trustregionmodify(-1, -1, {});
-  CliTrustRegionCommunication::action_trustregionmodify(1, 6, {"a", "b"});
+  CliTrustRegionCommunication::action_trustregionmodify(
+      json::toNumber(json::RegionAction::kDelete), json::toNumber(json::RegionItemType::kSha256), {"a", "b"});
   const auto calls = agent_.calls("ctlRegion");
   ASSERT_EQ(calls.size(), 3u);
   EXPECT_EQ(calls[0].params["items"], jsonOf(R"({"domain":0,"is_all":false,"items":[]})"));
@@ -322,11 +336,17 @@ TEST_F(TrustregionCommand, AnActionOrTypeOutsideTheirRangesIsLeftOut) {
 }
 
 TEST_F(TrustregionCommand, AChangeGivesWhatTheAgentAnswers) {
-  EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(0, 0, {"x"}), 1);
+  EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(TavCliCmdtrustregionExec::kAdd,
+                                                                  TavCliCmdtrustregionExec::kFile, {"x"}),
+            1);
   agent_.answer("ctlRegion", false);
-  EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(0, 0, {"x"}), 0);
+  EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(TavCliCmdtrustregionExec::kAdd,
+                                                                  TavCliCmdtrustregionExec::kFile, {"x"}),
+            0);
   agent_.answer("ctlRegion", 1);
-  EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(0, 0, {"x"}), 0);
+  EXPECT_EQ(CliTrustRegionCommunication::action_trustregionmodify(TavCliCmdtrustregionExec::kAdd,
+                                                                  TavCliCmdtrustregionExec::kFile, {"x"}),
+            0);
   EXPECT_THAT(debugLog(), HasSubstr(":action_trustregionmodify:"));
 }
 
