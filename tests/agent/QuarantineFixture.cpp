@@ -80,7 +80,7 @@ QuarantineRequest QuarantineTest::requestFor(const std::string& path) {
   request.path = path;
   request.identity = FileIdentity::of(st);
   request.detection = {.name = "Test.Detection",
-                       .engineCode = 3,
+                       .engineCode = json::kEngineRda,
                        .riskType = json::RiskType::kTestFile,
                        .riskTypeName = "测试"};
   return request;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "TaskListener.h"
+#include "json/Values.h"
 #include "support/Process.h"
 #include "support/Samples.h"
 #include "support/TempDir.h"
@@ -43,7 +44,7 @@ class ScanTaskTest : public ::testing::Test {
   static ScanPlan custom(const std::vector<std::string>& items) {
     ScanPlan plan;
     plan.mode = json::ScanMode::kCustom;
-    plan.scanType = 2;
+    plan.scanType = json::toScanType(plan.mode, false);
     plan.items = items;
     plan.parallelism = 1;
     plan.useCache = plan.readCache = true;

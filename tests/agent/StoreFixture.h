@@ -9,6 +9,8 @@
 
 #include "json/CppJson.h"
 #include "store/Store.h"
+#include "support/Json.h"
+#include "support/Samples.h"
 #include "support/TempDir.h"
 
 namespace agent {
@@ -38,11 +40,6 @@ class StoreTest : public testing::Test {
   std::string stateDir() const { return folder_.at("state"); }
   Store& store() { return *store_; }
 
-  static Json::Value parsed(const std::string& text) {
-    Json::Value value;
-    EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-    return value;
-  }
   static CallerId root() { return {.uid = 0, .gid = 0, .groups = {}, .pid = 1}; }
 
   testsupport::TempDir folder_;

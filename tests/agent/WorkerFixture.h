@@ -15,6 +15,7 @@
 #include "platform/Descriptor.h"
 #include "platform/ProcessStat.h"
 #include "support/HeldFile.h"
+#include "support/Process.h"
 #include "support/Wait.h"
 #include "worker/WorkerPool.h"
 
@@ -24,12 +25,6 @@ namespace agent::testing {
 inline std::ptrdiff_t openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                        std::filesystem::directory_iterator());
-}
-
-/// Whether this process's thread sleeps in the kernel.
-inline bool sleeps(pid_t thread) {
-  return testsupport::readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
-         std::string::npos;
 }
 
 /// A spawner with the shipped signatures, and the verdicts of files by name. The spawner is made at its first

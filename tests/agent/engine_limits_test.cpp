@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <random>
-
 #include "EngineFixture.h"
 
 namespace agent {
@@ -16,6 +14,7 @@ using testsupport::makeNestedZip;
 using testsupport::makeRar;
 using testsupport::makeTar;
 using testsupport::makeZip;
+using testsupport::noise;
 using testsupport::ZipMember;
 
 // The limits of the fixture: 1 MiB a file or member, 4 MiB in all, 50 members, 12 levels.
@@ -23,16 +22,6 @@ constexpr std::size_t kFileLimit = 1U << 20;
 
 std::string zerosThenSample(std::size_t zeros) {
   return std::string(zeros, '\0') + genericSample();
-}
-
-// Bytes that do not compress; the same in every run.
-std::string noise(std::size_t size) {
-  std::mt19937 generator(20240521);
-  std::string text(size, '\0');
-  for (auto& c : text) {
-    c = static_cast<char>(generator() & 0xFF);
-  }
-  return text;
 }
 
 class EngineLimitsTest : public testing::EngineFixture {

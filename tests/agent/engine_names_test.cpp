@@ -5,9 +5,12 @@
 #include "engine/ArchiveKinds.h"
 #include "engine/DetectionNames.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 
 namespace agent {
 namespace {
+
+using enum json::RiskType;
 
 struct NameRow {
   const char* test;
@@ -15,7 +18,7 @@ struct NameRow {
   FindKind kind;
   const char* name;
   int engine;
-  int risk;
+  json::RiskType risk;
   const char* riskName;
 };
 
@@ -31,7 +34,7 @@ TEST_P(DetectionNames, GiveKindEngineAndRisk) {
   }
   EXPECT_EQ(find.detection.name, row.name);
   EXPECT_EQ(find.detection.engineCode, row.engine);
-  EXPECT_EQ(json::toNumber(find.detection.riskType), row.risk);
+  EXPECT_EQ(find.detection.riskType, row.risk);
   EXPECT_EQ(find.detection.riskTypeName, row.riskName);
 }
 
@@ -42,51 +45,54 @@ constexpr auto kPart = FindKind::kNotScanned;
 INSTANTIATE_TEST_SUITE_P(
     Rows, DetectionNames,
     ::testing::Values(
-        NameRow{"OwnPattern", "TAV.Test.Generic.UNOFFICIAL", kSure, "TAV.Test.Generic", json::kEngineRda, 1,
-                "测试文件"},
-        NameRow{"OwnHash", "TAV.Hash.Test.UNOFFICIAL", kSure, "TAV.Hash.Test", json::kEngineRdaOld, 1,
+        NameRow{"OwnPattern", "TAV.Test.Generic.UNOFFICIAL", kSure, "TAV.Test.Generic", json::kEngineRda,
+                kTestFile, "测试文件"},
+        NameRow{"OwnHash", "TAV.Hash.Test.UNOFFICIAL", kSure, "TAV.Hash.Test", json::kEngineRdaOld, kTestFile,
                 "测试文件"},
         NameRow{"AnotherPublishersSuffixStays", "Some.Trojan.X.UNOFFICIAL", kSure, "Some.Trojan.X.UNOFFICIAL",
-                json::kEngineHc, 0, "木马"},
-        NameRow{"Virus", "Win.Virus.Sality-1", kSure, "Win.Virus.Sality-1", json::kEngineHc, 0, "病毒"},
-        NameRow{"Trojan", "Win.Trojan.Agent-1", kSure, "Win.Trojan.Agent-1", json::kEngineHc, 0, "木马"},
-        NameRow{"Ransomware", "Win.Ransomware.Foo-1", kSure, "Win.Ransomware.Foo-1", json::kEngineHc, 0,
+                json::kEngineHc, kVirus, "木马"},
+        NameRow{"Virus", "Win.Virus.Sality-1", kSure, "Win.Virus.Sality-1", json::kEngineHc, kVirus, "病毒"},
+        NameRow{"Trojan", "Win.Trojan.Agent-1", kSure, "Win.Trojan.Agent-1", json::kEngineHc, kVirus, "木马"},
+        NameRow{"Ransomware", "Win.Ransomware.Foo-1", kSure, "Win.Ransomware.Foo-1", json::kEngineHc, kVirus,
                 "勒索病毒"},
-        NameRow{"Worm", "Unix.Worm.Foo-1", kSure, "Unix.Worm.Foo-1", json::kEngineHc, 0, "蠕虫"},
-        NameRow{"Backdoor", "Unix.Backdoor.Foo-1", kSure, "Unix.Backdoor.Foo-1", json::kEngineHc, 0, "后门"},
-        NameRow{"Exploit", "Win.Exploit.Foo-1", kSure, "Win.Exploit.Foo-1", json::kEngineHc, 0,
+        NameRow{"Worm", "Unix.Worm.Foo-1", kSure, "Unix.Worm.Foo-1", json::kEngineHc, kVirus, "蠕虫"},
+        NameRow{"Backdoor", "Unix.Backdoor.Foo-1", kSure, "Unix.Backdoor.Foo-1", json::kEngineHc, kVirus,
+                "后门"},
+        NameRow{"Exploit", "Win.Exploit.Foo-1", kSure, "Win.Exploit.Foo-1", json::kEngineHc, kVirus,
                 "漏洞利用程序"},
-        NameRow{"Miner", "Unix.Coinminer.Foo-1", kSure, "Unix.Coinminer.Foo-1", json::kEngineHc, 0,
+        NameRow{"Miner", "Unix.Coinminer.Foo-1", kSure, "Unix.Coinminer.Foo-1", json::kEngineHc, kVirus,
                 "挖矿程序"},
-        NameRow{"Phishing", "Html.Phishing.Foo-1", kSure, "Html.Phishing.Foo-1", json::kEngineIxo, 0,
+        NameRow{"Phishing", "Html.Phishing.Foo-1", kSure, "Html.Phishing.Foo-1", json::kEngineIxo, kVirus,
                 "钓鱼文件"},
-        NameRow{"Adware", "Win.Adware.Foo-1", kSure, "Win.Adware.Foo-1", json::kEngineHc, 0, "广告程序"},
-        NameRow{"Macro", "Doc.Macro.Foo-1", kSure, "Doc.Macro.Foo-1", json::kEngineDocument, 0, "宏病毒"},
-        NameRow{"Script", "Js.Downloader.Foo-1", kSure, "Js.Downloader.Foo-1", json::kEngineIxo, 0, "木马"},
-        NameRow{"Document", "Pdf.Dropper.Foo-1", kSure, "Pdf.Dropper.Foo-1", json::kEngineDocument, 0,
+        NameRow{"Adware", "Win.Adware.Foo-1", kSure, "Win.Adware.Foo-1", json::kEngineHc, kVirus, "广告程序"},
+        NameRow{"Macro", "Doc.Macro.Foo-1", kSure, "Doc.Macro.Foo-1", json::kEngineDocument, kVirus,
+                "宏病毒"},
+        NameRow{"Script", "Js.Downloader.Foo-1", kSure, "Js.Downloader.Foo-1", json::kEngineIxo, kVirus,
                 "木马"},
-        NameRow{"Bytecode", "BC.Win.Virus.Foo-1", kSure, "BC.Win.Virus.Foo-1", json::kEngineBytecode, 0,
+        NameRow{"Document", "Pdf.Dropper.Foo-1", kSure, "Pdf.Dropper.Foo-1", json::kEngineDocument, kVirus,
+                "木马"},
+        NameRow{"Bytecode", "BC.Win.Virus.Foo-1", kSure, "BC.Win.Virus.Foo-1", json::kEngineBytecode, kVirus,
                 "病毒"},
-        NameRow{"Unwanted", "PUA.Win.Tool.Foo-1", kGuess, "PUA.Win.Tool.Foo-1", json::kEngineUnwanted, 2,
-                "潜在有害程序"},
+        NameRow{"Unwanted", "PUA.Win.Tool.Foo-1", kGuess, "PUA.Win.Tool.Foo-1", json::kEngineUnwanted,
+                kHeuristic, "潜在有害程序"},
         NameRow{"Heuristic", "Heuristics.Broken.Executable", kGuess, "Heuristics.Broken.Executable",
-                json::kEngineUmb, 2, "可疑文件"},
+                json::kEngineUmb, kHeuristic, "可疑文件"},
         NameRow{"TestFileOfTheSystemsDatabase", "Win.Test.EICAR_HDB-1", kSure, "Win.Test.EICAR_HDB-1",
-                json::kEngineHc, 1, "测试文件"},
-        NameRow{"NoDots", "Eicar-Test-Signature", kSure, "Eicar-Test-Signature", json::kEngineHc, 1,
+                json::kEngineHc, kTestFile, "测试文件"},
+        NameRow{"NoDots", "Eicar-Test-Signature", kSure, "Eicar-Test-Signature", json::kEngineHc, kTestFile,
                 "测试文件"},
-        NameRow{"EmptyName", "", kSure, "", json::kEngineHc, 0, "病毒"},
-        NameRow{"FileSizeLimit", "Heuristics.Limits.Exceeded.MaxFileSize", kPart, "", 0, 0, ""},
-        NameRow{"ScanSizeLimit", "Heuristics.Limits.Exceeded.MaxScanSize", kPart, "", 0, 0, ""},
-        NameRow{"MembersLimit", "Heuristics.Limits.Exceeded.MaxFiles", kPart, "", 0, 0, ""},
-        NameRow{"RecursionLimit", "Heuristics.Limits.Exceeded.MaxRecursion", kPart, "", 0, 0, ""},
-        NameRow{"TimeLimit", "Heuristics.Limits.Exceeded.MaxScanTime", kPart, "", 0, 0, ""},
-        NameRow{"MailLimit", "Heuristics.Limits.Exceeded.EmailHeaders", kPart, "", 0, 0, ""},
-        NameRow{"AnyOtherLimit", "Heuristics.Limits.Exceeded.Whatever", kPart, "", 0, 0, ""},
-        NameRow{"EncryptedZip", "Heuristics.Encrypted.Zip", kPart, "", 0, 0, ""},
-        NameRow{"EncryptedPdf", "Heuristics.Encrypted.PDF", kPart, "", 0, 0, ""},
-        NameRow{"OverlappingZip", "Heuristics.Zip.OverlappingFiles", kPart, "", 0, 0, ""},
-        NameRow{"XzDictionary", "Heuristics.XZ.DicSizeLimit", kPart, "", 0, 0, ""}),
+        NameRow{"EmptyName", "", kSure, "", json::kEngineHc, kVirus, "病毒"},
+        NameRow{"FileSizeLimit", "Heuristics.Limits.Exceeded.MaxFileSize", kPart, "", {}, {}, ""},
+        NameRow{"ScanSizeLimit", "Heuristics.Limits.Exceeded.MaxScanSize", kPart, "", {}, {}, ""},
+        NameRow{"MembersLimit", "Heuristics.Limits.Exceeded.MaxFiles", kPart, "", {}, {}, ""},
+        NameRow{"RecursionLimit", "Heuristics.Limits.Exceeded.MaxRecursion", kPart, "", {}, {}, ""},
+        NameRow{"TimeLimit", "Heuristics.Limits.Exceeded.MaxScanTime", kPart, "", {}, {}, ""},
+        NameRow{"MailLimit", "Heuristics.Limits.Exceeded.EmailHeaders", kPart, "", {}, {}, ""},
+        NameRow{"AnyOtherLimit", "Heuristics.Limits.Exceeded.Whatever", kPart, "", {}, {}, ""},
+        NameRow{"EncryptedZip", "Heuristics.Encrypted.Zip", kPart, "", {}, {}, ""},
+        NameRow{"EncryptedPdf", "Heuristics.Encrypted.PDF", kPart, "", {}, {}, ""},
+        NameRow{"OverlappingZip", "Heuristics.Zip.OverlappingFiles", kPart, "", {}, {}, ""},
+        NameRow{"XzDictionary", "Heuristics.XZ.DicSizeLimit", kPart, "", {}, {}, ""}),
     [](const auto& tested) { return std::string(tested.param.test); });
 
 TEST(ArchiveKinds, DocumentsMailsAndProgramsAreNoArchives) {

@@ -6,6 +6,7 @@
 
 #include "EngineFixture.h"
 #include "engine/SignatureFolder.h"
+#include "json/CppJson.h"
 
 namespace agent {
 namespace {
@@ -47,7 +48,7 @@ TEST_F(Signatures, TheSystemsSignaturesAreLoadedWithOurs) {
   EXPECT_THAT(state().detail, ::testing::Not(HasSubstr("alone")));
   const Verdict verdict = scan("this is one of the systms");
   ASSERT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
-  EXPECT_EQ(verdict.detections[0].engineCode, 0);
+  EXPECT_EQ(verdict.detections[0].engineCode, json::kEngineHc);
   EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
 }
 

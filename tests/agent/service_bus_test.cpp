@@ -72,7 +72,7 @@ TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
   log->SetProperty(CLogDebug::kName, "agent");
   log->SetProperty(CLogDebug::kSize, "1000000");
   log->SetProperty(CLogDebug::kBackupCount, "1");
-  log->SetProperty(CLogDebug::kLevel, "1");
+  log->SetProperty(CLogDebug::kLevel, std::to_string(static_cast<int>(LogLevel::kDebug)));
   {
     BusLink link;
     ASSERT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())), "");

@@ -13,12 +13,14 @@
 #include <functional>
 
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
 #include "platform/ProcessStat.h"
 #include "service/AgentService.h"
 #include "service/Callers.h"
 #include "support/FakeEndpoint.h"
+#include "support/Json.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
@@ -28,6 +30,8 @@ namespace agent {
 namespace {
 
 using ::testing::HasSubstr;
+using testsupport::jsonOf;
+using testsupport::jsonText;
 using testsupport::Process;
 using testsupport::readFile;
 using testsupport::waitFor;
@@ -176,21 +180,13 @@ class Service : public ::testing::Test {
     if (!params.isNull()) {
       request["params"] = params;
     }
-    std::string text;
-    CppJson::WriteJsonToString(request, text, 1);
-    const auto delivery = endpoint_.deliver(lunet::kRequestChannel, text, true);
-    return object(delivery.reply);
+    return jsonOf(endpoint_.deliver(lunet::kRequestChannel, jsonText(request), true).reply);
   }
   Json::Value call(const lunet::PeerIdentity& caller, const std::string& method,
                    const Json::Value& params = {}) {
     const Json::Value whole = answer(caller, method, params);
     EXPECT_TRUE(whole.isMember("result")) << method << whole.toStyledString();
     return whole["result"];
-  }
-  static Json::Value object(const std::string& text) {
-    Json::Value value;
-    EXPECT_TRUE(CppJson::LoadJsonString(text, value)) << text;
-    return value;
   }
 
   Json::Value filesOn(json::Region region) const {
@@ -202,7 +198,7 @@ class Service : public ::testing::Test {
   bool changesSettings(const lunet::PeerIdentity& caller) {
     const int before =
         store_->settings().document(json::ConfigType::kScan).get("Common", {})["SkipSize"].asInt();
-    Json::Value params = object(R"({"config_type":0,"request_source":1})");
+    Json::Value params = jsonOf(R"({"config_type":0,"request_source":1})");
     params["config_str"] = R"({"Common":{"SkipSize":)" + std::to_string(before + 1) + "}}";
     const bool done = call(caller, "setAVConfig", params).asBool();
     EXPECT_EQ(store_->settings().document(json::ConfigType::kScan).get("Common", {})["SkipSize"].asInt(),
@@ -210,7 +206,7 @@ class Service : public ::testing::Test {
     return done;
   }
   bool changesRegion(const lunet::PeerIdentity& caller) {
-    Json::Value params = object(R"({"desc":"d","region_type":0,"source":1,
+    Json::Value params = jsonOf(R"({"desc":"d","region_type":0,"source":1,
                                     "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
     params["items"]["items"].append(json::encodePath("/trusted/" + std::to_string(++count_)));
     const auto before = filesOn(json::Region::kTrust).size();
@@ -236,7 +232,7 @@ class Service : public ::testing::Test {
     return reason["reason"].asString() != "not allowed";
   }
   static Json::Value restoreOf(const std::string& uuid) {
-    Json::Value params = object(R"({"ctx":null,"desc":"","source":1,"token_id":"",
+    Json::Value params = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":"",
         "params":{"action":1,"item_number":1,"is_all":false,"custom_path":"","items":[]}})");
     params["params"]["items"].append(uuid);
     return params;
@@ -270,7 +266,7 @@ class Service : public ::testing::Test {
     return path;
   }
   Json::Value scanOf(const std::string& path) {
-    Json::Value params = object(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
+    Json::Value params = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":"","params":{
         "follow_link":false,"max_scan_sec":0,"uid":0,"custom_stop":true,"items":[],"force_scan":true,
         "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":1,"proc_fix_method":0,
         "expire_time":0,"scan_type":2}})");
@@ -278,7 +274,7 @@ class Service : public ::testing::Test {
     return params;
   }
   static Json::Value orderTo(json::ControlAction action, const std::string& token) {
-    Json::Value params = object(R"({"detail":"","mark":0,"payload":null,"source":1})");
+    Json::Value params = jsonOf(R"({"detail":"","mark":0,"payload":null,"source":1})");
     params["action"] = json::toNumber(action);
     params["token_id"] = token;
     return params;
@@ -337,11 +333,20 @@ TEST_F(ServiceAccess, IsWhatTheTableOfMethodsSays) {
 }
 
 TEST_F(ServiceAccess, ACallerWhoMayChangeNothingGetsTheAnswerOfEachMethodsKind) {
-  EXPECT_FALSE(
-      stub_.call(jsonrpchelper::SetAVConfig{.config_str = "{}", .config_type = 0, .request_source = 1}));
-  EXPECT_FALSE(stub_.call(jsonrpchelper::CtlRegion{.desc = "", .items = {}, .region_type = 0, .source = 1}));
-  const Json::Value answer = stub_.call(
-      jsonrpchelper::StartDeIsolate{.ctx = {}, .desc = "", .params = {}, .source = 1, .token_id = ""});
+  EXPECT_FALSE(stub_.call(
+      jsonrpchelper::SetAVConfig{.config_str = "{}",
+                                 .config_type = json::toNumber(json::ConfigType::kScan),
+                                 .request_source = json::toNumber(json::RequestSource::kConsole)}));
+  EXPECT_FALSE(stub_.call(jsonrpchelper::CtlRegion{.desc = "",
+                                                   .items = {},
+                                                   .region_type = json::toNumber(json::Region::kTrust),
+                                                   .source = json::toNumber(json::RequestSource::kConsole)}));
+  const Json::Value answer =
+      stub_.call(jsonrpchelper::StartDeIsolate{.ctx = {},
+                                               .desc = "",
+                                               .params = {},
+                                               .source = json::toNumber(json::RequestSource::kConsole),
+                                               .token_id = ""});
   EXPECT_EQ(answer["status"], false);
   EXPECT_NE(answer["token_id"].asString(), "");
   ASSERT_EQ(answer["detail"].size(), 1u);
@@ -388,7 +393,7 @@ TEST_F(Service, RecordsAChangeWithWhoMadeItAndWhatCameOfIt) {
                     " action=\"change settings\" object=\"type 0 {"),
             1);
   EXPECT_EQ(audited("outcome=\"done\""), 1);
-  Json::Value wrong = object(R"({"config_str":"{\"NoSuchSection\":{}}","config_type":0,"request_source":1})");
+  Json::Value wrong = jsonOf(R"({"config_str":"{\"NoSuchSection\":{}}","config_type":0,"request_source":1})");
   EXPECT_FALSE(call(member.identity(), "setAVConfig", wrong).asBool());
   EXPECT_EQ(audited("outcome=\"refused: "), 1);
 }
@@ -396,10 +401,10 @@ TEST_F(Service, RecordsAChangeWithWhoMadeItAndWhatCameOfIt) {
 TEST_F(Service, AnswersEverybodyWhatItKeeps) {
   const CallingProcess stranger(kUser, kOwnGroup, {});
   EXPECT_THAT(
-      call(stranger.identity(), "getAVConfig", object(R"({"config_type":0,"request_source":1})")).asString(),
+      call(stranger.identity(), "getAVConfig", jsonOf(R"({"config_type":0,"request_source":1})")).asString(),
       HasSubstr("SkipSize"));
   EXPECT_TRUE(
-      call(stranger.identity(), "getRegionInfo", object(R"({"domain":4,"item_type":0,"region_type":0})"))
+      call(stranger.identity(), "getRegionInfo", jsonOf(R"({"domain":4,"item_type":0,"region_type":0})"))
           .isArray());
   EXPECT_EQ(call(stranger.identity(), "getScanCacheDetail").asInt(), 0);
 }
@@ -436,7 +441,7 @@ TEST_F(Service, RestoresForTheCallerAndSaysWhatItCouldNot) {
 
   const std::string second = quarantine("second", 0);
   Json::Value trusting = restoreOf(call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString());
-  trusting["params"]["action"] = 2;
+  trusting["params"]["action"] = json::toNumber(json::RestoreAction::kRestoreAndTrust);
   EXPECT_TRUE(call(rootsIdentity(), "startDeIsolate", trusting)["status"].asBool());
   EXPECT_TRUE(std::filesystem::exists(second));
   EXPECT_EQ(filesOn(json::Region::kTrust).size(), 1U);
@@ -514,7 +519,7 @@ TEST_F(Service, DescribesAFileInAListOnlyToTheEyesOfWhoMayReadIt) {
     const std::string path = dir_.write("files/of-" + std::to_string(owner), "content");
     ASSERT_EQ(chown(path.c_str(), owner, owner), 0);
     ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-    Json::Value params = object(R"({"desc":"d","region_type":1,"source":1,
+    Json::Value params = jsonOf(R"({"desc":"d","region_type":1,"source":1,
                                     "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
     params["items"]["items"].append(json::encodePath(path));
     ASSERT_TRUE(call(member.identity(), "ctlRegion", params).asBool());
@@ -530,7 +535,7 @@ TEST_F(Service, DescribesAFileInAListOnlyToTheEyesOfWhoMayReadIt) {
 
 TEST_F(Service, AnUnknownKindOfSettingsIsAnErrorAnswer) {
   const Json::Value whole =
-      answer(rootsIdentity(), "getAVConfig", object(R"({"config_type":3,"request_source":1})"));
+      answer(rootsIdentity(), "getAVConfig", jsonOf(R"({"config_type":3,"request_source":1})"));
   EXPECT_THAT(whole["error"]["message"].asString() + whole["error"]["data"].asString(),
               HasSubstr("no settings of type 3"));
 }
@@ -538,11 +543,11 @@ TEST_F(Service, AnUnknownKindOfSettingsIsAnErrorAnswer) {
 TEST_F(Service, AChangeOfAnUnknownKindIsRefusedAndRecordedWithItsNumber) {
   EXPECT_FALSE(
       call(rootsIdentity(), "setAVConfig",
-           object(R"({"config_str":"{\"Common\":{\"Flag\":true}}","config_type":3,"request_source":1})"))
+           jsonOf(R"({"config_str":"{\"Common\":{\"Flag\":true}}","config_type":3,"request_source":1})"))
           .asBool());
   EXPECT_EQ(audited("there are no settings of type 3"), 1);
-  Json::Value change = object(R"({"desc":"","region_type":2,"source":1})");
-  change["items"] = object(R"({"action":0,"type":0,"domain":0,"is_all":false,"items":["/a"]})");
+  Json::Value change = jsonOf(R"({"desc":"","region_type":2,"source":1})");
+  change["items"] = jsonOf(R"({"action":0,"type":0,"domain":0,"is_all":false,"items":["/a"]})");
   EXPECT_FALSE(call(rootsIdentity(), "ctlRegion", change).asBool());
   EXPECT_EQ(audited("there is no region 2"), 1);
   change["region_type"] = -1;
@@ -551,16 +556,16 @@ TEST_F(Service, AChangeOfAnUnknownKindIsRefusedAndRecordedWithItsNumber) {
 }
 
 TEST_F(Service, AListOfAnUnknownKindIsEmpty) {
-  Json::Value change = object(R"({"desc":"","region_type":0,"source":1})");
-  change["items"] = object(R"({"action":0,"type":0,"domain":0,"is_all":false,"items":["/a"]})");
+  Json::Value change = jsonOf(R"({"desc":"","region_type":0,"source":1})");
+  change["items"] = jsonOf(R"({"action":0,"type":0,"domain":0,"is_all":false,"items":["/a"]})");
   ASSERT_TRUE(call(rootsIdentity(), "ctlRegion", change).asBool());
   for (const char* query :
        {R"({"domain":4,"item_type":7,"region_type":0})", R"({"domain":4,"item_type":-1,"region_type":0})",
         R"({"domain":4,"item_type":0,"region_type":2})", R"({"domain":3,"item_type":0,"region_type":0})"}) {
-    EXPECT_TRUE(call(rootsIdentity(), "getRegionInfo", object(query)).empty()) << query;
+    EXPECT_TRUE(call(rootsIdentity(), "getRegionInfo", jsonOf(query)).empty()) << query;
   }
   EXPECT_EQ(
-      call(rootsIdentity(), "getRegionInfo", object(R"({"domain":4,"item_type":0,"region_type":0})")).size(),
+      call(rootsIdentity(), "getRegionInfo", jsonOf(R"({"domain":4,"item_type":0,"region_type":0})")).size(),
       1U);
 }
 

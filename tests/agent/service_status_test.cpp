@@ -13,49 +13,17 @@
 #include <functional>
 #include <string>
 
-#include "json/CppJson.h"
 #include "service/BusLink.h"
 #include "service/Options.h"
 #include "service/Status.h"
 #include "support/InstallTree.h"
-#include "support/Reason.h"
+#include "support/ScriptedAgent.h"
 
 namespace agent {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testsupport::reasonOf;
-
-/// Answers every request with an empty list, and does something before it does so.
-class ListAnswerer final : public lunet::IMRReceiveComplete {
- public:
-  ListAnswerer(lunet::IEndpoint& endpoint, std::function<void()> before)
-      : endpoint_(endpoint), before_(std::move(before)) {
-    endpoint_.RegisterReceiver(lunet::kRequestChannel, this, nullptr);
-  }
-  ~ListAnswerer() { endpoint_.UnregisterReceiver(lunet::kRequestChannel); }
-  ListAnswerer(const ListAnswerer&) = delete;
-  ListAnswerer& operator=(const ListAnswerer&) = delete;
-
-  void ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data, std::uint32_t length,
-                       void* replyContext, void*) override {
-    before_();
-    Json::Value request;
-    Json::Value answer;
-    CppJson::LoadJsonString({static_cast<const char*>(data), length}, request);
-    answer["jsonrpc"] = "2.0";
-    answer["id"] = request["id"];
-    answer["result"] = Json::Value(Json::arrayValue);
-    std::string text;
-    CppJson::WriteJsonToString(answer, text, 1);
-    endpoint_.Reply(0, messageId, text.data(), static_cast<std::uint32_t>(text.size()), replyContext);
-  }
-
- private:
-  lunet::IEndpoint& endpoint_;
-  std::function<void()> before_;
-};
 
 /// A process of another user that listens at a path, on the kernel's word, until it is ended with the object.
 class OtherUsersListener {
@@ -95,10 +63,6 @@ class OtherUsersListener {
 
 class StatusOfAnAgent : public ::testing::Test {
  protected:
-  StatusOfAnAgent() {
-    EXPECT_EQ(reasonOf(link_.prepare(platform::InstallTree(tree_.path()), settings_)), "");
-    EXPECT_EQ(reasonOf(link_.open(lunet::kAgentGuid)), "");
-  }
   std::string socketPath() const {
     return settings_.socketDir + "/" + lunet::formatGuid(lunet::parseGuid(lunet::kAgentGuid)) + ".sock";
   }
@@ -114,12 +78,12 @@ class StatusOfAnAgent : public ::testing::Test {
 
   testsupport::InstallTree tree_;
   const BusSettings settings_ = readBusSettings(platform::InstallTree(tree_.path()), "test").value();
-  BusLink link_;
+  testsupport::ScriptedAgent agent_{tree_.path()};
   std::string out, err;
 };
 
 TEST_F(StatusOfAnAgent, NamesTheProcessThatAnswers) {
-  const ListAnswerer agent(link_.endpoint(), [] {});
+  agent_.answer("getBusList", Json::arrayValue);
   EXPECT_EQ(print(), kExitOk) << err;
   EXPECT_THAT(out, HasSubstr("pid=" + std::to_string(getpid()) + "\n"));
 }
@@ -131,8 +95,10 @@ TEST_F(StatusOfAnAgent, NamesNoProcessWhereAnotherUserHasTakenTheAddress) {
   }
   ASSERT_TRUE(std::filesystem::is_socket(socketPath()));
   const OtherUsersListener other(tree_.at("other.sock"));
-  const ListAnswerer agent(link_.endpoint(),
-                           [&] { std::filesystem::rename(tree_.at("other.sock"), socketPath()); });
+  agent_.answerWith("getBusList", [&](const Json::Value&) {
+    std::filesystem::rename(tree_.at("other.sock"), socketPath());
+    return Json::Value(Json::arrayValue);
+  });
   EXPECT_EQ(print(), kExitFailed);
   EXPECT_THAT(out, IsEmpty()) << other.pid();
   EXPECT_THAT(err, HasSubstr("cannot be told"));

@@ -60,13 +60,8 @@ class ItemFileTest : public testing::Test {
 };
 
 TEST_F(ItemFileTest, AnItemAsItWasWrittenIsWhole) {
-  std::string noise(300'000, '\0');
-  std::uint32_t state = 1;
-  for (char& byte : noise) {
-    state = state * 1664525 + 1013904223;
-    byte = static_cast<char>(state >> 24);
-  }
-  for (const std::string& content : {std::string(), std::string("x"), std::string(200'000, 'x'), noise}) {
+  for (const std::string& content :
+       {std::string(), std::string("x"), std::string(200'000, 'x'), testsupport::noise(300'000)}) {
     EXPECT_EQ(damageOf(itemOf(content)), "");
   }
 }
@@ -215,17 +210,10 @@ INSTANTIATE_TEST_SUITE_P(Members, BadRecordTest,
                          [](const auto& bad) { return std::string(bad.param.name); });
 
 TEST_P(BadRecordTest, IsNone) {
-  Json::Value record;
-  ASSERT_TRUE(CppJson::LoadJsonString(metaOf("content").toText(), record));
-  const auto read = [&record] {
-    std::string text;
-    CppJson::WriteJsonToString(record, text, 1);
-    return store::ItemMeta::fromText(text);
-  };
+  Json::Value record = testsupport::jsonOf(metaOf("content").toText());
+  const auto read = [&record] { return store::ItemMeta::fromText(testsupport::jsonText(record)); };
   EXPECT_TRUE(read()) << "as it was written";
-  Json::Value wrapped;
-  ASSERT_TRUE(CppJson::LoadJsonString("[" + std::string(GetParam().value) + "]", wrapped));
-  record[GetParam().member] = wrapped[0];
+  record[GetParam().member] = testsupport::jsonOf(GetParam().value);
   EXPECT_FALSE(read());
 }
 

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "StoreFixture.h"
+#include "json/Values.h"
 #include "store/AuditLog.h"
 #include "store/Schema.h"
 #include "support/FileCalls.h"
@@ -155,7 +156,7 @@ TEST_F(OpenTest, ADamagedStoreFileIsAClearErrorAndNotACrash) {
 }
 
 TEST_F(OpenTest, AStoreFileDamagedInTheMiddleIsAClearErrorAndNotACrash) {
-  Json::Value items = parsed(R"({"action":0,"type":4,"domain":0,"items":[]})");
+  Json::Value items = testsupport::jsonOf(R"({"action":0,"type":4,"domain":0,"items":[]})");
   for (int i = 0; i < 2000; ++i) {
     items["items"].append("name" + std::to_string(i));
   }

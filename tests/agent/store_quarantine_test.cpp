@@ -7,6 +7,7 @@
 
 #include "QuarantineFixture.h"
 #include "engine/Digest.h"
+#include "json/Values.h"
 #include "platform/Posix.h"
 #include "store/ItemFile.h"
 #include "support/FileCalls.h"
@@ -53,8 +54,8 @@ TEST_F(AddTest, AFileGoesInAndIsListedWithAllFieldsOfItsRecord) {
   EXPECT_EQ(item["filepath_src"], path);
   EXPECT_EQ(item["size"], Json::Int64(content.size()));
   EXPECT_EQ(item["virus_name"], "Test.Detection");
-  EXPECT_EQ(item["engine_type"], 3);
-  EXPECT_EQ(item["risk_type"], 1);
+  EXPECT_EQ(item["engine_type"], json::kEngineRda);
+  EXPECT_EQ(item["risk_type"], json::toNumber(json::RiskType::kTestFile));
   EXPECT_EQ(item["risk_type_name"], "测试");
   EXPECT_EQ(item["uuid"].asString().size(), 36U);
   EXPECT_GE(item["isolate_time"].asInt64(), start);
@@ -166,12 +167,7 @@ TEST_F(AddTest, AnEmptyFileGoesInAndComesBack) {
 }
 
 TEST_F(AddTest, AFileOfSeveralMegabytesGoesInAndComesBack) {
-  std::string content(7'000'001, '\0');
-  std::uint32_t state = 12345;
-  for (char& c : content) {
-    state = state * 1664525 + 1013904223;
-    c = static_cast<char>(state >> 24);
-  }
+  const std::string content = testsupport::noise(7'000'001);
   const std::string path = write("large", content);
   EXPECT_TRUE(restore(take(path)));
   EXPECT_EQ(testsupport::readFile(path), content);
@@ -447,12 +443,7 @@ TEST_F(AddTest, AFileThatDoesNotFitOnTheDiskIsNotHandledAndStays) {
   if (const std::string why = testsupport::whyNoOwnMounts(); !why.empty()) {
     GTEST_SKIP() << "needs mounts of its own: " << why;
   }
-  std::string content(3 << 20, '\0');
-  std::uint32_t state = 1;
-  for (char& c : content) {
-    state = state * 1664525 + 1013904223;
-    c = static_cast<char>(state >> 24);
-  }
+  const std::string content = testsupport::noise(3 << 20);
   const std::string path = write("large", content);
   const std::string small = write("small");
   store_.reset();
@@ -648,7 +639,7 @@ TEST_F(LimitTest, TheRateIsWhatIsToBeFree) {
 
 struct UnitCase {
   const char* name;
-  int unit;
+  json::CleanUnit unit;
   std::int64_t days;
 };
 void PrintTo(const UnitCase& unit, std::ostream* out) {
@@ -656,13 +647,15 @@ void PrintTo(const UnitCase& unit, std::ostream* out) {
 }
 class CleanUnitTest : public LimitTest, public testing::WithParamInterface<UnitCase> {};
 INSTANTIATE_TEST_SUITE_P(Units, CleanUnitTest,
-                         testing::Values(UnitCase{"Years", 0, 365}, UnitCase{"Months", 1, 30},
-                                         UnitCase{"Days", 2, 1}, UnitCase{"Weeks", 3, 7}),
+                         testing::Values(UnitCase{"Years", json::CleanUnit::kYear, 365},
+                                         UnitCase{"Months", json::CleanUnit::kMonth, 30},
+                                         UnitCase{"Days", json::CleanUnit::kDay, 1},
+                                         UnitCase{"Weeks", json::CleanUnit::kWeek, 7}),
                          [](const auto& unit) { return unit.param.name; });
 
 TEST_P(CleanUnitTest, AgeIsCountedInTheUnitThatIsSet) {
   set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":2,"CleanUnit":)" +
-      std::to_string(GetParam().unit) + "}}");
+      std::to_string(json::toNumber(GetParam().unit)) + "}}");
   take(write("older"));
   take(write("younger"));
   const std::string border = std::to_string(2 * GetParam().days * 86400);

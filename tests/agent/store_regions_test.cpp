@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "StoreFixture.h"
+#include "json/Values.h"
 #include "platform/Posix.h"
 #include "store/RegionIndex.h"
 #include "store/Sqlite.h"
@@ -303,7 +304,8 @@ TEST_F(RegionTest, AnEntryWhoseTimeIsNowIsOver) {
   Json::Value change = request(kAdd, kFile, {"/now"});
   change["valid_until"] = Json::Int64(platform::nowSec());
   accept(kTrust, change);
-  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["valid_statue"], 2);
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["valid_statue"],
+            json::toNumber(json::RegionValidity::kExpired));
 }
 
 TEST_F(RegionTest, AStoredEntryOfAnUnknownKindIsADamagedStore) {
@@ -350,7 +352,7 @@ TEST_F(RegionTest, OneBadItemRefusesTheWholeChange) {
 TEST_F(RegionTest, AChangeOfTheWrongFormIsRefused) {
   const Json::Value good = request(kAdd, kFile, {"/a"});
   for (const char* text : {"[]", "3", "null", "\"x\""}) {
-    EXPECT_EQ(refusal(kTrust, parsed(text)), "the change must be an object");
+    EXPECT_EQ(refusal(kTrust, testsupport::jsonOf(text)), "the change must be an object");
   }
   const std::vector<std::pair<const char*, const char*>> members = {
       {"action", "2"},    {"type", "1.0"},       {"action", "\"0\""},     {"action", "null"},
@@ -360,7 +362,7 @@ TEST_F(RegionTest, AChangeOfTheWrongFormIsRefused) {
       {"is_all", "true"}, {"valid_until", "-1"}, {"valid_until", "\"x\""}};
   for (const auto& [member, value] : members) {
     Json::Value bad = good;
-    bad[member] = parsed("[" + std::string(value) + "]")[0];
+    bad[member] = testsupport::jsonOf("[" + std::string(value) + "]")[0];
     refusal(kTrust, bad);
   }
   EXPECT_EQ(listed(kFile), Items{});
@@ -386,8 +388,8 @@ TEST_F(RegionTest, PersonalAndGlobalEntriesStandSideBySide) {
   add(kFile, "/a", kTrust, kPersonal);
   add(kFile, "/a", kTrust, kGlobal);
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust).size(), 2U);
-  EXPECT_EQ(regions().list(kPersonal, kFile, kTrust)[0]["domain"], 0);
-  EXPECT_EQ(regions().list(kGlobal, kFile, kTrust)[0]["domain"], 1);
+  EXPECT_EQ(regions().list(kPersonal, kFile, kTrust)[0]["domain"], json::toNumber(kPersonal));
+  EXPECT_EQ(regions().list(kGlobal, kFile, kTrust)[0]["domain"], json::toNumber(kGlobal));
   del(kFile, "/a", kTrust, kPersonal);
   EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kTrusted);
   del(kFile, "/a", kTrust, kGlobal);
@@ -413,10 +415,10 @@ TEST_F(RegionTest, AnEntryIsListedWithAllFieldsOfItsRecord) {
   add(kFile, path);
   const Json::Value entry = regions().list(kEvery, kFile, kTrust)[0];
   EXPECT_EQ(entry.size(), 10U);
-  EXPECT_EQ(entry["valid_statue"], 1);
-  EXPECT_EQ(entry["domain"], 0);
+  EXPECT_EQ(entry["valid_statue"], json::toNumber(json::RegionValidity::kForEver));
+  EXPECT_EQ(entry["domain"], json::toNumber(kPersonal));
   EXPECT_EQ(entry["uuid"].asString().size(), 36U);
-  EXPECT_EQ(entry["item_type"], 0);
+  EXPECT_EQ(entry["item_type"], json::toNumber(kFile));
   EXPECT_EQ(entry["exist_state"], 1);
   EXPECT_EQ(entry["item"], path);
   EXPECT_EQ(entry["file_size"], 3);
@@ -469,11 +471,14 @@ TEST_F(RegionTest, AnEntryHoldsUntilItsTimeIsOver) {
   accept(kTrust, change);
   EXPECT_EQ(regions().byPath("/soon"), RegionVerdict::kTrusted);
   EXPECT_EQ(regions().byPath("/over"), RegionVerdict::kNone);
-  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["valid_statue"], 0);
-  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[1]["valid_statue"], 2);
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["valid_statue"],
+            json::toNumber(json::RegionValidity::kValid));
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[1]["valid_statue"],
+            json::toNumber(json::RegionValidity::kExpired));
   add(kFile, "/over");
   EXPECT_EQ(regions().byPath("/over"), RegionVerdict::kTrusted);
-  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[1]["valid_statue"], 1);
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[1]["valid_statue"],
+            json::toNumber(json::RegionValidity::kForEver));
 }
 
 TEST_F(RegionTest, PathsOfAnyBytesAreKeptAsTheyAre) {

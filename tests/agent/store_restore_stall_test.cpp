@@ -17,16 +17,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testsupport::waitFor;
 
-std::string noise(std::size_t size) {
-  std::string content(size, '\0');
-  std::uint32_t state = 12345;
-  for (char& byte : content) {
-    state = state * 1664525 + 1013904223;
-    byte = static_cast<char>(state >> 24);
-  }
-  return content;
-}
-
 class StalledRestoreTest : public QuarantineTest {
  protected:
   void SetUp() override {
@@ -58,7 +48,7 @@ class StalledRestoreTest : public QuarantineTest {
 class StoppedChildTest : public StalledRestoreTest, public testing::WithParamInterface<std::size_t> {};
 
 TEST_P(StoppedChildTest, FailsTheRestoreKeepsTheItemAndTheNextRestoreGoesWell) {
-  const std::string content = noise(GetParam());
+  const std::string content = testsupport::noise(GetParam());
   const std::string uuid = takeOthers("a", content);
   stopTheChild();
   const auto result = restore(uuid, other());

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "StoreFixture.h"
+#include "json/Values.h"
 #include "store/SettingsTable.h"
 
 namespace agent::store {
@@ -38,9 +39,7 @@ class SettingsTest : public StoreTest {
 std::string changeText(const Setting& setting, const Json::Value& value) {
   Json::Value change;
   change[setting.section][setting.key] = value;
-  std::string text;
-  CppJson::WriteJsonToString(change, text, 1);
-  return text;
+  return testsupport::jsonText(change);
 }
 
 std::string nameOf(const testing::TestParamInfo<Setting>& info) {
@@ -271,7 +270,7 @@ TEST_F(SettingsTest, ReasonsShowControlCharacters) {
 
 TEST_F(SettingsTest, ArchiveFormatsAreOfTheKnownOnesEachOnce) {
   accept(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip","rar"]}})");
-  EXPECT_EQ(value(json::ConfigType::kScan, "Compressed", "Format"), parsed(R"(["zip","rar"])"));
+  EXPECT_EQ(value(json::ConfigType::kScan, "Compressed", "Format"), testsupport::jsonOf(R"(["zip","rar"])"));
   refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip","zip"]}})");
   refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["ZIP"]}})");
   refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip rar"]}})");

@@ -5,8 +5,9 @@
 
 #include <future>
 
-#include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/FakeEndpoint.h"
+#include "support/Json.h"
 #include "task/BusTaskEvents.h"
 #include "task/RiskRecords.h"
 
@@ -48,7 +49,7 @@ class TaskWords : public ::testing::Test {
   std::vector<Json::Value> sent() const {
     std::vector<Json::Value> messages;
     for (const testsupport::FakeEndpoint::Sent& sent : endpoint.sent) {
-      EXPECT_TRUE(CppJson::LoadJsonString(sent.text, messages.emplace_back()));
+      messages.push_back(testsupport::jsonOf(sent.text));
     }
     return messages;
   }

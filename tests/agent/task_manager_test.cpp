@@ -9,8 +9,9 @@
 
 #include <thread>
 
-#include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/FakeEndpoint.h"
+#include "support/Json.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
 #include "task/CallerRights.h"
@@ -19,12 +20,17 @@
 namespace agent {
 namespace {
 
+using json::TaskState;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+using testsupport::jsonOf;
 using testsupport::waitFor;
 
+constexpr int kFastScan = json::toScanType(json::ScanMode::kFast, false);
+constexpr int kCustomScan = json::toScanType(json::ScanMode::kCustom, false);
+constexpr int kStrongCustomScan = json::toScanType(json::ScanMode::kCustom, true);
 constexpr uid_t kUser = 60123;
 constexpr uid_t kThird = 60124;
 constexpr std::chrono::seconds kLimit{20};
@@ -57,10 +63,10 @@ class Tasks : public ::testing::Test {
   }
   void release() const { dir.write("release", ""); }
 
-  TaskManager::Started start(uid_t uid, int scanType = 2) {
+  TaskManager::Started start(uid_t uid, int scanType = kCustomScan) {
     TaskManager::StartRequest request;
-    CppJson::LoadJsonString(R"({"some":"context"})", request.ctx);
-    CppJson::LoadJsonString(R"({"fix_method":2})", request.params);
+    request.ctx = jsonOf(R"({"some":"context"})");
+    request.params = jsonOf(R"({"fix_method":2})");
     request.params["scan_type"] = scanType;
     request.params["items"].append(file);
     request.source = 7;
@@ -84,17 +90,16 @@ class Tasks : public ::testing::Test {
     return done.has_value();
   }
   /// The states in the notifications of a task. Call when no task runs.
-  std::vector<int> notifiedStates(const std::string& token) {
+  std::vector<TaskState> notifiedStates(const std::string& token) {
     EXPECT_EQ(0U, tasks.count());
     // The record goes after the last notification.
     EXPECT_TRUE(waitFor([&] { return store->tasks().all().empty(); }));
     EXPECT_TRUE(notifications.drain(kLimit));
-    std::vector<int> states;
+    std::vector<TaskState> states;
     for (const testsupport::FakeEndpoint::Sent& sent : endpoint.sent) {
-      Json::Value message;
-      EXPECT_TRUE(CppJson::LoadJsonString(sent.text, message));
+      const Json::Value message = jsonOf(sent.text);
       if (message["method"] == "reportBusStatus" && message["params"]["token_id"] == token) {
-        states.push_back(message["params"]["state"].asInt());
+        states.push_back(TaskState{message["params"]["state"].asInt()});
         last = message["params"];
         lastTo = sent.process;
       }
@@ -116,7 +121,7 @@ class Tasks : public ::testing::Test {
 TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
   const TaskManager::Started users = start(kUser);
   ASSERT_TRUE(users.outcome) << users.outcome.error();
-  const TaskManager::Started roots = start(0, 0);
+  const TaskManager::Started roots = start(0, kFastScan);
   ASSERT_TRUE(roots.outcome) << roots.outcome.error();
   EXPECT_THAT(seenBy(kUser), ElementsAre(users.token));
   EXPECT_THAT(seenBy(0), UnorderedElementsAre(users.token, roots.token));
@@ -124,11 +129,11 @@ TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
 }
 
 TEST_F(Tasks, AreListedWithWhatTheyDo) {
-  ASSERT_TRUE(start(kUser, 5).outcome);
+  ASSERT_TRUE(start(kUser, kStrongCustomScan).outcome);
   const Json::Value entry = tasks.list(callerOf(0))[0];
-  EXPECT_EQ(5, entry["scan_type"].asInt());
-  EXPECT_EQ(0, entry["type"].asInt());
-  EXPECT_EQ(1, entry["state"].asInt());
+  EXPECT_EQ(kStrongCustomScan, entry["scan_type"].asInt());
+  EXPECT_EQ(json::toNumber(json::BusinessType::kScan), entry["type"].asInt());
+  EXPECT_EQ(json::toNumber(TaskState::kStarted), entry["state"].asInt());
   EXPECT_EQ(kUser, entry["uid"].asUInt());
 }
 
@@ -142,11 +147,11 @@ TEST_P(TasksOfAnother, AreUnknownToAUserWhoWouldSteerThem) {
     EXPECT_EQ("no such task", why);
   }
   EXPECT_FALSE(tasks.list(callerOf(0)).empty());
-  EXPECT_EQ(1, tasks.list(callerOf(0))[0]["state"].asInt());
+  EXPECT_EQ(json::toNumber(TaskState::kStarted), tasks.list(callerOf(0))[0]["state"].asInt());
   ASSERT_TRUE(control(json::ControlAction::kPause, task.token, 0));
   EXPECT_FALSE(control(json::ControlAction::kResume, task.token, kThird));
   EXPECT_EQ("no such task", why);
-  EXPECT_EQ(3, tasks.list(callerOf(0))[0]["state"].asInt());
+  EXPECT_EQ(json::toNumber(TaskState::kPaused), tasks.list(callerOf(0))[0]["state"].asInt());
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, TasksOfAnother,
@@ -167,7 +172,7 @@ TEST_P(SteeredBy, ThoseWhoSeeATaskItIsPausedResumedAndStopped) {
   EXPECT_EQ("", why);
   EXPECT_TRUE(control(json::ControlAction::kStop, task.token, by)) << why;
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_EQ(5, notifiedStates(task.token).back());
+  EXPECT_EQ(TaskState::kAborted, notifiedStates(task.token).back());
   EXPECT_EQ("stopped", last["detail"].asString());
 }
 
@@ -191,7 +196,7 @@ TEST_F(Tasks, AReasonGivenWithAStopIsTold) {
   EXPECT_TRUE(
       tasks.control(json::toNumber(json::ControlAction::kStop), task.token, "for a reason", callerOf(0)));
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_EQ(5, notifiedStates(task.token).back());
+  EXPECT_EQ(TaskState::kAborted, notifiedStates(task.token).back());
   EXPECT_EQ("for a reason", last["detail"].asString());
 }
 
@@ -204,7 +209,7 @@ struct SecondRow {
 class SecondScan : public Tasks, public ::testing::WithParamInterface<SecondRow> {};
 
 TEST_P(SecondScan, OfAModeThatIsRunningIsRefusedWithStateSixAndOfAnotherIsNot) {
-  const TaskManager::Started first = start(kUser, 2);
+  const TaskManager::Started first = start(kUser);
   ASSERT_TRUE(first.outcome) << first.outcome.error();
   const TaskManager::Started second = start(GetParam().uid, GetParam().scanType);
   EXPECT_EQ(GetParam().started, second.outcome.has_value());
@@ -214,22 +219,24 @@ TEST_P(SecondScan, OfAModeThatIsRunningIsRefusedWithStateSixAndOfAnotherIsNot) {
   EXPECT_EQ(expected, store->tasks().all().size());
   EXPECT_TRUE(tasks.stopAll("enough", kLimit));
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_THAT(notifiedStates(first.token), ElementsAre(0, 1, 5));
+  EXPECT_THAT(notifiedStates(first.token),
+              ElementsAre(TaskState::kCreated, TaskState::kStarted, TaskState::kAborted));
   if (!GetParam().started) {
     EXPECT_THAT(second.outcome.error(), HasSubstr("a custom scan is running already"));
-    EXPECT_THAT(notifiedStates(second.token), ElementsAre(6));
+    EXPECT_THAT(notifiedStates(second.token), ElementsAre(TaskState::kSameModeExists));
     EXPECT_EQ(second.outcome.error(), last["detail"].asString());
     EXPECT_EQ(GetParam().uid, lastTo.uid);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, SecondScan,
-                         ::testing::Values(SecondRow{"SameMode", kUser, 2, false},
-                                           SecondRow{"SameModeStrong", kUser, 5, false},
-                                           SecondRow{"SameModeOfAnotherUser", kThird, 2, false},
-                                           SecondRow{"SameModeOfRoot", 0, 2, false},
-                                           SecondRow{"FastMode", 0, 0, true},
-                                           SecondRow{"FullModeStrong", 0, 4, true}),
+                         ::testing::Values(SecondRow{"SameMode", kUser, kCustomScan, false},
+                                           SecondRow{"SameModeStrong", kUser, kStrongCustomScan, false},
+                                           SecondRow{"SameModeOfAnotherUser", kThird, kCustomScan, false},
+                                           SecondRow{"SameModeOfRoot", 0, kCustomScan, false},
+                                           SecondRow{"FastMode", 0, kFastScan, true},
+                                           SecondRow{"FullModeStrong", 0,
+                                                     json::toScanType(json::ScanMode::kFull, true), true}),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
@@ -240,7 +247,8 @@ TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
   const TaskManager::Started second = start(kUser);
   EXPECT_TRUE(second.outcome) << second.outcome.error();
   ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
-  EXPECT_THAT(notifiedStates(first.token), ElementsAre(0, 1, 2));
+  EXPECT_THAT(notifiedStates(first.token),
+              ElementsAre(TaskState::kCreated, TaskState::kStarted, TaskState::kFinished));
   EXPECT_EQ("context", last["ctx"]["some"].asString());
   EXPECT_EQ(7, last["source"].asInt());
   EXPECT_EQ(4711, lastTo.pid);
@@ -252,17 +260,17 @@ TEST_F(Tasks, AScanThatCannotBeMadeIsToldLeavesNoRecordAndItsModeFree) {
   const TaskManager::Started task = start(kUser);
   EXPECT_FALSE(task.outcome);
   EXPECT_THAT(task.outcome.error(), HasSubstr("No such file"));
-  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(TaskState::kNotCreated));
   EXPECT_EQ(task.outcome.error(), last["detail"].asString());
   file = dir.at("file");
   EXPECT_TRUE(start(kUser).outcome);
 }
 
 TEST_F(Tasks, ARequestThatIsRefusedIsToldAndNotRecorded) {
-  const TaskManager::Started task = start(kUser, 6);
+  const TaskManager::Started task = start(kUser, kStrongCustomScan + 1);
   EXPECT_FALSE(task.outcome);
   EXPECT_THAT(task.outcome.error(), HasSubstr("scan type"));
-  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(TaskState::kNotCreated));
   EXPECT_TRUE(store->tasks().all().empty());
 }
 
@@ -271,7 +279,7 @@ TEST_F(Tasks, NoneIsStartedWhileTheAgentEnds) {
   const TaskManager::Started task = start(0);
   EXPECT_FALSE(task.outcome);
   EXPECT_THAT(task.outcome.error(), HasSubstr("the agent is ending"));
-  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(TaskState::kNotCreated));
   EXPECT_TRUE(store->tasks().all().empty());
 }
 
@@ -286,7 +294,7 @@ TEST_F(Tasks, AScanThatCannotBeRecordedIsNotMadeAndItsModeIsFree) {
   EXPECT_EQ(0U, tasks.count());
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "ALTER TABLE aside RENAME TO tasks", nullptr, nullptr, nullptr));
   sqlite3_close(db);
-  EXPECT_THAT(notifiedStates(task.token), ElementsAre(-1));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(TaskState::kNotCreated));
   EXPECT_TRUE(start(kUser).outcome);
 }
 
@@ -297,11 +305,11 @@ TEST_F(Tasks, ThatDoNotEndWithinTheLimitAreSaid) {
 }
 
 TEST_F(Tasks, AreRecordedWithTheirOwnerWhileTheyRun) {
-  const TaskManager::Started task = start(kUser, 5);
+  const TaskManager::Started task = start(kUser, kStrongCustomScan);
   const std::vector<TaskRecord> records = store->tasks().all();
   ASSERT_EQ(1U, records.size());
   EXPECT_EQ(task.token, records[0].token);
-  EXPECT_EQ(5, records[0].scanType);
+  EXPECT_EQ(kStrongCustomScan, records[0].scanType);
   EXPECT_EQ(lunet::formatGuid({1, 2, 3}), records[0].ownerGuid);
   EXPECT_EQ(4711, records[0].ownerPid);
   EXPECT_EQ(kUser, records[0].ownerUid);
@@ -311,7 +319,7 @@ TEST_F(Tasks, AreRecordedWithTheirOwnerWhileTheyRun) {
 TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreToldTheirOwnersAndForgotten) {
   store->tasks().put({"interrupted", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
   tasks.notifyInterruptedTasks();
-  EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(5));
+  EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(TaskState::kAborted));
   EXPECT_EQ(4711, lastTo.pid);
   EXPECT_EQ(kUser, lastTo.uid);
   EXPECT_EQ(99U, lastTo.startTicks);

@@ -10,7 +10,9 @@
 
 #include "OwnMounts.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "platform/Descriptor.h"
+#include "support/Json.h"
 #include "support/TempDir.h"
 #include "task/FileFilter.h"
 #include "task/Places.h"
@@ -24,16 +26,16 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using Handling = json::HandleAction;
+using testsupport::jsonOf;
 
 class FixedSettings : public Settings {
  public:
   FixedSettings() {
-    CppJson::LoadJsonString(
+    scan = jsonOf(
         R"({"Common":{"FixMethod":2,"HandleAction":2,"ScanFileType":1,"SkipSize":0,"Parallelism":0,
             "ScanWithCache":true,"MemCheck":false,"FixMethod_MemRisk":0,"NetworkmapScan":false},
-            "Compressed":{"Flag":true,"Layer":16,"FileSize":1024,"Format":["zip","gz"]}})",
-        scan);
-    CppJson::LoadJsonString(R"({"MultiEngines":{"HCengine":true,"UMBengine":true}})", engines);
+            "Compressed":{"Flag":true,"Layer":16,"FileSize":1024,"Format":["zip","gz"]}})");
+    engines = jsonOf(R"({"MultiEngines":{"HCengine":true,"UMBengine":true}})");
   }
   Json::Value document(json::ConfigType type) const override {
     return type == json::ConfigType::kScan ? scan : engines;
@@ -47,11 +49,10 @@ class FixedSettings : public Settings {
 class PlanTest : public ::testing::Test {
  protected:
   PlanTest() {
-    CppJson::LoadJsonString(
+    params = jsonOf(
         R"({"follow_link":false,"max_scan_sec":0,"uid":0,"custom_stop":true,"items":["/some/path"],"force_scan":false,
             "handle_action":-1,"fix_method":2,"handle_filter_types":[],"parallelism":0,"proc_fix_method":0,
-            "expire_time":0,"scan_type":2})",
-        params);
+            "expire_time":0,"scan_type":2})");
   }
   ScanPlan plan() {
     const auto result = makePlan(params, settings);
@@ -78,26 +79,26 @@ TEST_F(PlanTest, TheConsolesCustomRequestIsReportOnlyForFixMethodTwo) {
 }
 
 TEST_F(PlanTest, FixMethodZeroHandlesAsTheSettingsSay) {
-  params["fix_method"] = 0;
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
   EXPECT_EQ(Handling::kQuarantine, plan().action);
-  settings.scan["Common"]["HandleAction"] = 1;
+  settings.scan["Common"]["HandleAction"] = json::toNumber(Handling::kDelete);
   EXPECT_EQ(Handling::kDelete, plan().action);
-  settings.scan["Common"]["HandleAction"] = 0;
+  settings.scan["Common"]["HandleAction"] = json::toNumber(Handling::kClean);
   EXPECT_EQ(Handling::kClean, plan().action);
-  settings.scan["Common"]["HandleAction"] = 3;
+  settings.scan["Common"]["HandleAction"] = json::toNumber(Handling::kNothing);
   EXPECT_EQ(Handling::kNothing, plan().action);
 }
 
 TEST_F(PlanTest, ARequestedHandlingActionComesBeforeTheSettings) {
-  params["fix_method"] = 0;
-  params["handle_action"] = 1;
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
+  params["handle_action"] = json::toNumber(Handling::kDelete);
   EXPECT_EQ(Handling::kDelete, plan().action);
 }
 
 TEST_F(PlanTest, WithoutAFixMethodTheSettingDecidesAndItsDefaultReportsOnly) {
   params.removeMember("fix_method");
   EXPECT_EQ(Handling::kNothing, plan().action);
-  settings.scan["Common"]["FixMethod"] = 0;
+  settings.scan["Common"]["FixMethod"] = json::toFixMethod(json::Handling::kAutomatic);
   EXPECT_EQ(Handling::kQuarantine, plan().action);
   settings.scan["Common"]["FixMethod"] = 1;
   EXPECT_EQ(Handling::kNothing, plan().action);
@@ -130,8 +131,7 @@ struct RefusalRow {
 };
 class Refusals : public PlanTest, public ::testing::WithParamInterface<RefusalRow> {};
 TEST_P(Refusals, IsRefusedWithItsReason) {
-  Json::Value change;
-  ASSERT_TRUE(CppJson::LoadJsonString(GetParam().change, change));
+  const Json::Value change = jsonOf(GetParam().change);
   for (const std::string& key : change.getMemberNames()) {
     params[key] = change[key];
   }
@@ -167,9 +167,9 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(PlanTest, TheLargestNumbersOfARequestAreTaken) {
-  params["fix_method"] = 0;
-  params["handle_action"] = 3;
-  params["proc_fix_method"] = 1;
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
+  params["handle_action"] = json::toNumber(Handling::kNothing);
+  params["proc_fix_method"] = json::toNumber(json::ProcessFix::kEnd);
   params["parallelism"] = 64;
   params["max_scan_sec"] = 5;
   const ScanPlan made = plan();
@@ -197,7 +197,7 @@ TEST_F(PlanTest, SettingsOutsideTheirRangeDoNoHarm) {
   EXPECT_EQ(16U, made.options.maxLayers);
   common["Parallelism"] = 100;
   EXPECT_EQ(64U, plan().parallelism);
-  params["fix_method"] = 0;
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
   for (const int action : {-1, 4, 7}) {
     common["HandleAction"] = action;
     EXPECT_EQ(Handling::kNothing, plan().action);
@@ -206,9 +206,7 @@ TEST_F(PlanTest, SettingsOutsideTheirRangeDoNoHarm) {
 
 TEST_F(PlanTest, ParametersThatAreNoObjectAreRefused) {
   for (const char* text : {"[1]", "[null]", "[\"text\"]"}) {
-    Json::Value wrapped;
-    CppJson::LoadJsonString(text, wrapped);
-    params = wrapped[0];
+    params = jsonOf(text)[0];
     EXPECT_THAT(refusal(), HasSubstr("no object"));
   }
 }
@@ -230,7 +228,7 @@ TEST_F(PlanTest, PathBytesThatAreNoUtf8ComeBackFromTheWire) {
 TEST_F(PlanTest, EachSettingChangesThePlan) {
   Json::Value& common = settings.scan["Common"];
   Json::Value& compressed = settings.scan["Compressed"];
-  common["ScanFileType"] = 2;
+  common["ScanFileType"] = json::toNumber(json::ScanFileType::kProgramsAndDocuments);
   common["SkipSize"] = 7;
   common["Parallelism"] = 5;
   common["ScanWithCache"] = false;
@@ -265,7 +263,7 @@ TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {
   settings.engines["MultiEngines"]["UMBengine"] = false;
   const std::string withoutEngine = plan().cacheKey;
   EXPECT_NE(layered, withoutEngine);
-  params["scan_type"] = 5;
+  params["scan_type"] = json::toScanType(json::ScanMode::kCustom, true);
   const std::string strong = plan().cacheKey;
   EXPECT_NE(withoutEngine, strong);
   settings.scan["Compressed"]["FileSize"] = 7;
@@ -294,17 +292,17 @@ TEST_F(PlanTest, AForcedScanWritesTheCacheAndDoesNotReadIt) {
 }
 
 TEST_F(PlanTest, ProcessesAreEndedOnlyByAScanThatHandles) {
-  settings.scan["Common"]["FixMethod_MemRisk"] = 1;
+  settings.scan["Common"]["FixMethod_MemRisk"] = json::toNumber(json::ProcessFix::kEnd);
   EXPECT_FALSE(plan().endProcesses);
-  params["fix_method"] = 0;
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
   EXPECT_TRUE(plan().endProcesses);
-  settings.scan["Common"]["FixMethod_MemRisk"] = 0;
+  settings.scan["Common"]["FixMethod_MemRisk"] = json::toNumber(json::ProcessFix::kIgnore);
   EXPECT_FALSE(plan().endProcesses);
 }
 
 TEST_F(PlanTest, NetworkFileSystemsAreForCustomScansUnlessSet) {
   EXPECT_TRUE(plan().networkFileSystems);
-  params["scan_type"] = 1;
+  params["scan_type"] = json::toNumber(json::ScanMode::kFull);
   EXPECT_FALSE(plan().networkFileSystems);
   settings.scan["Common"]["NetworkmapScan"] = true;
   EXPECT_TRUE(plan().networkFileSystems);

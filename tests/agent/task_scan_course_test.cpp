@@ -8,6 +8,7 @@
 
 #include "ScanTaskTest.h"
 #include "engine/Digest.h"
+#include "json/Values.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -136,10 +137,10 @@ TEST_F(ScanCourse, TheAgentsOwnFoldersAreNotEnteredFromAbove) {
 TEST_F(ScanCourse, ItsAttributesNameTheKindTheWorkersAndTheSignatures) {
   ScanPlan plan = custom({dir.write("file", "clean")});
   plan.parallelism = 3;
-  plan.scanType = 5;
+  plan.scanType = json::toScanType(plan.mode, true);
   scan(plan);
   EXPECT_EQ(3, owner->attributes()["parallelism"].asInt());
-  EXPECT_EQ(5, owner->attributes()["scan_type"].asInt());
+  EXPECT_EQ(plan.scanType, owner->attributes()["scan_type"].asInt());
   EXPECT_EQ(spawner.signatureState().version, owner->attributes()["signature_version"].asString());
   EXPECT_EQ(1, released);
   EXPECT_EQ(1, delivered);

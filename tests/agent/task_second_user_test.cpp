@@ -9,6 +9,7 @@
 
 #include "OwnMounts.h"
 #include "ScanTaskTest.h"
+#include "json/Values.h"
 #include "platform/CLogDebug.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -208,7 +209,7 @@ class LogOfRoot {
     EXPECT_EQ(0, chmod(folder_.c_str(), 0700));
     CLogDebug* const log = CLogDebug::Create();
     log->SetProperty(CLogDebug::kPath, folder_);
-    log->SetProperty(CLogDebug::kLevel, "1");
+    log->SetProperty(CLogDebug::kLevel, std::to_string(static_cast<int>(LogLevel::kDebug)));
     log->SetProperty(CLogDebug::kSize, "1");
     log->SetProperty(CLogDebug::kBackupCount, "200");
   }

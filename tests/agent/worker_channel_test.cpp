@@ -180,7 +180,7 @@ TEST_F(InterruptedChannels, GoOnReceiving) {
     id = gettid();
     received = two.receive(packet, true);
   });
-  EXPECT_TRUE(testsupport::waitFor([&] { return testing::sleeps(id); }));
+  EXPECT_TRUE(testsupport::waitFor([&] { return testsupport::threadSleeps(id); }));
   interrupt(reader.native_handle(), 5);
   ASSERT_TRUE(one.send("at last"));
   reader.join();
@@ -201,7 +201,7 @@ TEST_F(InterruptedChannels, GoOnSending) {
       ++sent;
     }
   });
-  EXPECT_TRUE(testsupport::waitFor([&] { return testing::sleeps(id); })) << "nobody reads";
+  EXPECT_TRUE(testsupport::waitFor([&] { return testsupport::threadSleeps(id); })) << "nobody reads";
   EXPECT_LT(sent, 50);
   interrupt(writer.native_handle(), 5);
   for (int i = 0; i < 50; ++i) {

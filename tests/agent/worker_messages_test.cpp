@@ -2,6 +2,7 @@
 
 #include <random>
 
+#include "json/CppJson.h"
 #include "worker/Messages.h"
 
 namespace agent {
@@ -12,8 +13,8 @@ ScanAnswer fullAnswer() {
   answer.id = 0x1122334455667788;
   answer.verdict.outcome = Outcome::kInfected;
   answer.verdict.reason = "why";
-  answer.verdict.detections = {{"One.Name", 3, json::RiskType::kTestFile, "测试文件"},
-                               {"Two.Name", 0, json::RiskType::kVirus, "病毒"}};
+  answer.verdict.detections = {{"One.Name", json::kEngineRda, json::RiskType::kTestFile, "测试文件"},
+                               {"Two.Name", json::kEngineHc, json::RiskType::kVirus, "病毒"}};
   answer.verdict.md5 = "m";
   answer.verdict.sha1 = "s";
   answer.verdict.sha256 = "h";
@@ -29,7 +30,7 @@ TEST(WorkerMessages, ADecodedAnswerEqualsTheEncodedOne) {
   EXPECT_EQ(got->verdict.reason, sent.verdict.reason);
   ASSERT_EQ(got->verdict.detections.size(), 2U);
   EXPECT_EQ(got->verdict.detections[0].name, "One.Name");
-  EXPECT_EQ(got->verdict.detections[0].engineCode, 3);
+  EXPECT_EQ(got->verdict.detections[0].engineCode, sent.verdict.detections[0].engineCode);
   EXPECT_EQ(got->verdict.detections[0].riskType, json::RiskType::kTestFile);
   EXPECT_EQ(got->verdict.detections[1].riskTypeName, "病毒");
   EXPECT_EQ(got->verdict.sha256, "h");

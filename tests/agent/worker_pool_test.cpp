@@ -235,7 +235,8 @@ TEST_F(PoolsThatRecord, ScanBlocksWhileFourFilesForEachWorkerAreQueued) {
       ++handed;
     }
   });
-  EXPECT_TRUE(testsupport::waitFor([&] { return handed == 4 && testing::sleeps(thread); })) << handed;
+  EXPECT_TRUE(testsupport::waitFor([&] { return handed == 4 && testsupport::threadSleeps(thread); }))
+      << handed;
   EXPECT_EQ(handed, 4);
   open();
   caller.join();

@@ -302,7 +302,7 @@ TEST_F(Spawners, ReloadsRunOneAtATime) {
     thread = gettid();
     return spawner().reload();
   });
-  ASSERT_TRUE(testsupport::waitFor([&] { return testing::sleeps(thread); }));
+  ASSERT_TRUE(testsupport::waitFor([&] { return testsupport::threadSleeps(thread); }));
   EXPECT_EQ(testing::openDescriptors(), descriptors + 2) << "the second reload has started no template";
   held.release();
   EXPECT_TRUE(first.get());

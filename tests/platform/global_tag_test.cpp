@@ -15,6 +15,7 @@
 #include "platform/CGlobalTag.h"
 #include "platform/Files.h"
 #include "support/FileCalls.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
 
@@ -124,11 +125,7 @@ TEST(GlobalTag, WhoWaitsGetsTheMarkWhenItsHolderLetsGo) {
     CGlobalTag tag("MARK", in(dir));
     result = tag.trylock(true);
   });
-  const auto asleepOrDone = [&] {
-    const std::string stat = testsupport::readFile("/proc/self/task/" + std::to_string(waiter) + "/stat");
-    return result != -1 || (waiter != 0 && stat.find(") S ") != std::string::npos);
-  };
-  EXPECT_TRUE(testsupport::waitFor(asleepOrDone));
+  EXPECT_TRUE(testsupport::waitFor([&] { return result != -1 || testsupport::threadSleeps(waiter); }));
   EXPECT_EQ(result, -1) << "it waits";
   holder.reset();
   other.join();

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <stdexcept>
 
+#include "support/TempDir.h"
 #include "support/Wait.h"
 
 namespace testsupport {
@@ -156,6 +157,10 @@ bool Process::waitForOut(std::string_view text, std::chrono::milliseconds limit)
 
 bool Process::waitForErr(std::string_view text, std::chrono::milliseconds limit) {
   return waitFor([&] { return err().find(text) != std::string::npos; }, limit);
+}
+
+bool threadSleeps(pid_t thread) {
+  return readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") != std::string::npos;
 }
 
 }  // namespace testsupport

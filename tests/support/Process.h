@@ -49,4 +49,7 @@ class Process {
   std::optional<int> status_;
 };
 
+/// Whether a thread of this process sleeps in the kernel; false for a thread that does not exist.
+bool threadSleeps(pid_t thread);
+
 }  // namespace testsupport
