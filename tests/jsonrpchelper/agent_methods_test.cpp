@@ -7,6 +7,7 @@
 
 #include "ByName.h"
 #include "Recorders.h"
+#include "json/Values.h"
 #include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/FakeEndpoint.h"
@@ -374,8 +375,12 @@ TEST(Stubs, ACtlBusReplyOfOneInsteadOfTrueIsAnInvalidResponse) {
   endpoint.answer = [](const std::string&) { return R"({"jsonrpc":"2.0","id":1,"result":1})"; };
   jsonrpchelper::IJsonRpcClientHelper client(&endpoint, lunet::kAgentGuid, 10990, 20991, 30000);
   try {
-    AgentStub(client).call(
-        CtlBus{.action = 1, .detail = "", .mark = 8, .payload = {}, .source = 1, .token_id = "token"});
+    AgentStub(client).call(CtlBus{.action = json::toNumber(json::ControlAction::kStop),
+                                  .detail = "",
+                                  .mark = 8,
+                                  .payload = {},
+                                  .source = json::toNumber(json::RequestSource::kConsole),
+                                  .token_id = "token"});
     FAIL();
   } catch (const jsonrpc::JsonRpcException& e) {
     EXPECT_EQ(e.GetCode(), jsonrpc::Errors::ERROR_CLIENT_INVALID_RESPONSE);

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "jsonrpchelper/HandlerList.h"
-#include "support/TempDir.h"
+#include "support/Process.h"
 #include "support/Wait.h"
 
 namespace {
@@ -75,10 +75,8 @@ TEST_F(Handlers, ThatAreRemovedWhileAMessageWaitsForThemDoNotGetIt) {
   std::atomic<bool> inside{false};
   one.during = [&] {
     inside = true;
-    EXPECT_TRUE(testsupport::waitFor([&] {  // the other message's thread sleeps before this handler
-      const std::string stat = testsupport::readFile("/proc/self/task/" + std::to_string(waiting) + "/stat");
-      return waiting != 0 && stat.find(") S ") != std::string::npos;
-    }));
+    // The other message's thread sleeps before this handler.
+    EXPECT_TRUE(testsupport::waitFor([&] { return testsupport::threadSleeps(waiting); }));
     list.remove(one);
   };
   list.add(one, {"a"});

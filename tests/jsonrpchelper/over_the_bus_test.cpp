@@ -10,6 +10,7 @@
 #include "ByName.h"
 #include "Recorders.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "jsonrpchelper/Holders.h"
 #include "lunet/BusClient.h"
 #include "support/ConsoleLink.h"
@@ -199,17 +200,24 @@ TEST_F(LinkOverTheBus, ANotificationOfNineMebibytesReachesItsReceiver) {
   const jsonrpchelper::Caller caller = greet();
   ConsoleNotifier notifier(agent.endpoint(), caller.guid, caller.process);
   const std::string detail(9u << 20, 'd');
-  ASSERT_EQ(
-      notifier.send(ReportBusStatus{
-          .ctx = {}, .detail = detail, .params = {}, .source = 1, .state = 1, .token_id = "t", .type = 0}),
-      lunet::kOk);
+  ASSERT_EQ(notifier.send(ReportBusStatus{.ctx = {},
+                                          .detail = detail,
+                                          .params = {},
+                                          .source = json::toNumber(json::RequestSource::kConsole),
+                                          .state = json::toNumber(json::TaskState::kStarted),
+                                          .token_id = "t",
+                                          .type = json::toNumber(json::BusinessType::kScan)}),
+            lunet::kOk);
   ASSERT_TRUE(waitFor([&] { return business->log.size() == 1; }));
   EXPECT_EQ(business->log.calls()[0][2].asString().size(), detail.size());
 }
 
 TEST_F(LinkOverTheBus, AnAnswerOfSixteenMebibytesPasses) {
   agent.server.text.assign(16u << 20, 'x');
-  EXPECT_EQ(AgentStub(client()).call(GetAVConfig{.config_type = 0, .request_source = 1}), agent.server.text);
+  EXPECT_EQ(
+      AgentStub(client()).call(GetAVConfig{.config_type = json::toNumber(json::ConfigType::kScan),
+                                           .request_source = json::toNumber(json::RequestSource::kConsole)}),
+      agent.server.text);
 }
 
 TEST_F(LinkOverTheBus, PathsOfAnyBytesPassBothWays) {
@@ -218,10 +226,13 @@ TEST_F(LinkOverTheBus, PathsOfAnyBytesPassBothWays) {
     path.push_back(static_cast<char>(byte));
   }
   agent.server.text = json::encodePath(path);
-  EXPECT_EQ(json::decodePath(AgentStub(client()).call(GetAVConfig{.config_type = 0, .request_source = 1})),
+  EXPECT_EQ(json::decodePath(AgentStub(client()).call(
+                GetAVConfig{.config_type = json::toNumber(json::ConfigType::kScan),
+                            .request_source = json::toNumber(json::RequestSource::kConsole)})),
             path);
-  AgentStub(client()).call(
-      SetAVConfig{.config_str = json::encodePath(path), .config_type = 0, .request_source = 1});
+  AgentStub(client()).call(SetAVConfig{.config_str = json::encodePath(path),
+                                       .config_type = json::toNumber(json::ConfigType::kScan),
+                                       .request_source = json::toNumber(json::RequestSource::kConsole)});
   EXPECT_EQ(json::decodePath(agent.server.log.calls().at(1)[1].asString()), path);
 }
 

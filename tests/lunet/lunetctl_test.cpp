@@ -9,8 +9,8 @@
 #include <filesystem>
 
 #include "BusFixture.h"
-#include "json/CppJson.h"
 #include "lunet/ListenerAt.h"
+#include "support/Json.h"
 #include "support/Pty.h"
 #include "support/Wait.h"
 
@@ -32,20 +32,11 @@ class LunetctlTest : public BusTest {
     const int status = process.wait().value_or(-1);
     return {status, process.out(), process.err()};
   }
-  /// The JSON lines that a listener has printed so far.
-  static std::vector<Json::Value> linesOf(const std::string& out) {
-    std::vector<Json::Value> lines;
-    for (std::size_t begin = 0, end = 0; (end = out.find('\n', begin)) != std::string::npos;
-         begin = end + 1) {
-      lines.emplace_back();
-      EXPECT_TRUE(CppJson::LoadJsonString(out.substr(begin, end - begin), lines.back()));
-    }
-    return lines;
-  }
   /// The n-th line, waited for.
   static Json::Value line(Process& process, std::size_t n) {
-    EXPECT_TRUE(waitFor([&] { return linesOf(process.out()).size() > n; })) << process.out() << process.err();
-    const std::vector<Json::Value> lines = linesOf(process.out());
+    EXPECT_TRUE(waitFor([&] { return testsupport::jsonLines(process.out()).size() > n; }))
+        << process.out() << process.err();
+    const std::vector<Json::Value> lines = testsupport::jsonLines(process.out());
     return n < lines.size() ? lines[n] : Json::Value(Json::objectValue);
   }
 

@@ -5,8 +5,8 @@
 #include <filesystem>
 
 #include "SocketFolder.h"
-#include "json/CppJson.h"
 #include "lunet/BusConfig.h"
+#include "support/Json.h"
 #include "support/TempDir.h"
 
 using lunet::checkFolder;
@@ -50,9 +50,9 @@ struct DirectoryRow {
 class SocketDirectoryTest : public testing::TestWithParam<DirectoryRow> {};
 
 TEST_P(SocketDirectoryTest, IsAsConfigured) {
-  Json::Value config;
-  CppJson::LoadJsonString(GetParam().config, config);
-  EXPECT_EQ(lunet::socketDirectory(GetParam().runtime, config), GetParam().expected);
+  EXPECT_EQ(lunet::socketDirectory(GetParam().runtime,
+                                   testsupport::tryJson(GetParam().config).value_or(Json::Value())),
+            GetParam().expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
