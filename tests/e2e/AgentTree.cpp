@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "lunet/Lunet.h"
 #include "support/Json.h"
 #include "support/Samples.h"
@@ -140,36 +141,37 @@ Json::Value PeerConsole::startScan(const std::vector<std::string>& items, const 
   request["ctx"] = Json::Value();
   request["desc"] = "";
   request["params"] = params;
-  request["source"] = 1;
+  request["source"] = json::toNumber(json::RequestSource::kConsole);
   request["token_id"] = "";
   return call("startScanTask", request);
 }
 
-bool PeerConsole::control(int action, const std::string& token) {
+bool PeerConsole::control(json::ControlAction action, const std::string& token) {
   Json::Value request(Json::objectValue);
-  request["action"] = action;
+  request["action"] = json::toNumber(action);
   request["detail"] = "by the test";
   request["mark"] = 0;
   request["payload"] = Json::Value();
-  request["source"] = 1;
+  request["source"] = json::toNumber(json::RequestSource::kConsole);
   request["token_id"] = token;
   return call("ctlBus", request).asBool();
 }
 
-std::vector<int> PeerConsole::states(const std::string& token) const {
-  std::vector<int> found;
+std::vector<json::TaskState> PeerConsole::states(const std::string& token) const {
+  std::vector<json::TaskState> found;
   for (const Message& notice : messages("reportBusStatus")) {
     if (token.empty() || notice.params["token_id"].asString() == token) {
-      found.push_back(notice.params["state"].asInt());
+      found.push_back(json::TaskState{notice.params["state"].asInt()});
     }
   }
   return found;
 }
 
-bool PeerConsole::waitForState(int state, const std::string& token, std::chrono::milliseconds limit) const {
+bool PeerConsole::waitForState(json::TaskState state, const std::string& token,
+                               std::chrono::milliseconds limit) const {
   return waitFor(
       [&] {
-        const std::vector<int> seen = states(token);
+        const std::vector<json::TaskState> seen = states(token);
         return std::find(seen.begin(), seen.end(), state) != seen.end();
       },
       limit);

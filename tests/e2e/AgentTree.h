@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "json/Values.h"
 #include "support/InstallTree.h"
 #include "support/LunetctlPeer.h"
 #include "support/Process.h"
@@ -72,11 +73,11 @@ class PeerConsole : public LunetctlPeer {
   }
   /// startScanTask with the console's parameters. `changes` replaces members.
   Json::Value startScan(const std::vector<std::string>& items, const Json::Value& changes = {});
-  bool control(int action, const std::string& token);
+  bool control(json::ControlAction action, const std::string& token);
 
   /// The states of a task in the order of their notifications; "" for all tasks.
-  std::vector<int> states(const std::string& token = "") const;
-  bool waitForState(int state, const std::string& token = "",
+  std::vector<json::TaskState> states(const std::string& token = "") const;
+  bool waitForState(json::TaskState state, const std::string& token = "",
                     std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
   /// The params of the last notification with this name; null without a notification.
   Json::Value last(const std::string& method) const;

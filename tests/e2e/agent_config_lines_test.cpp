@@ -91,7 +91,7 @@ class ConfigLineToTheAgent : public ::testing::TestWithParam<Change> {
     for (const auto& page : kPages) {
       Json::Value request(Json::objectValue);
       request["config_type"] = json::toNumber(page.first);
-      request["request_source"] = 1;
+      request["request_source"] = json::toNumber(json::RequestSource::kConsole);
       found[page.first] = jsonOf(peer.call("getAVConfig", request).asString());
     }
     return found;
@@ -126,7 +126,7 @@ class ConfigLineToTheAgent : public ::testing::TestWithParam<Change> {
     Json::Value request(Json::objectValue);
     request["config_str"] = jsonText(change);
     request["config_type"] = json::toNumber(document);
-    request["request_source"] = 1;
+    request["request_source"] = json::toNumber(json::RequestSource::kConsole);
     return peer.call("setAVConfig", request).asBool();
   }
 };

@@ -8,12 +8,14 @@
 #include <filesystem>
 
 #include "e2e/AgentTree.h"
+#include "json/Values.h"
 #include "support/ArchiveMaker.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 
 namespace {
 
+using json::TaskState;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -110,7 +112,7 @@ TEST_F(ConsoleAndAgent, AfterSomebodyElsesScanABatchHasItsOwnOutcomeAndReport) {
     Json::Value changes;
     changes = testsupport::jsonOf(R"({"force_scan":true,"parallelism":1,"max_scan_sec":1})");
     const Json::Value answer = other.startScan({tree.data() + "/infected", tree.busyFolder()}, changes);
-    ASSERT_TRUE(other.waitForState(1, answer["token_id"].asString()));
+    ASSERT_TRUE(other.waitForState(TaskState::kStarted, answer["token_id"].asString()));
   }
   const auto console = batch(tree.data() + "/own", "tavcli_quick");
   EXPECT_EQ(0, console->wait()) << console->err();

@@ -25,6 +25,7 @@
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "lunet/Lunet.h"
 #include "platform/Descriptor.h"
 #include "store/Store.h"
@@ -37,6 +38,7 @@
 
 namespace {
 
+using json::TaskState;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -52,9 +54,7 @@ using testsupport::secondUsersGroup;
 using testsupport::waitFor;
 
 constexpr uid_t kUser = testsupport::kSecondUser;
-constexpr int kStop = 1;
-constexpr int kPause = 2;
-constexpr int kResume = 3;
+using enum json::ControlAction;
 
 /// A scan without the cache: the cache would know the file after its first name.
 Json::Value slowly() {
@@ -257,7 +257,7 @@ TEST(AgentProgram, WithoutSignaturesItServesAndAScanSaysWhyItCannotBeMade) {
   const Json::Value answer = console.startScan({tree.data()});
   EXPECT_FALSE(answer["status"].asBool());
   EXPECT_THAT(answer["detail"].asString(), HasSubstr("signatures"));
-  EXPECT_TRUE(console.waitForState(-1));
+  EXPECT_TRUE(console.waitForState(TaskState::kNotCreated));
 }
 
 TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
@@ -265,7 +265,8 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
   tree.start();
   PeerConsole console(tree);
   const std::string path = tree.write("found-later", "a text that is in no database, at first: 5c0ffee5");
-  ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
+  ASSERT_TRUE(
+      console.waitForState(TaskState::kFinished, console.startScan({tree.data()})["token_id"].asString()));
   ASSERT_THAT(console.messages("reportRiskInfo"), IsEmpty());
   std::string hex;
   for (const char c : std::string("at first: 5c0ffee5")) {
@@ -282,7 +283,8 @@ TEST(AgentProgram, NewSignaturesAreLoadedOnHangup) {
   }
   tree.kill(SIGHUP);
   ASSERT_TRUE(waitFor([&] { return tree.log().find("loaded again") != std::string::npos; })) << tree.log();
-  ASSERT_TRUE(console.waitForState(2, console.startScan({tree.data()})["token_id"].asString()));
+  ASSERT_TRUE(
+      console.waitForState(TaskState::kFinished, console.startScan({tree.data()})["token_id"].asString()));
   EXPECT_EQ(1U, console.messages("reportRiskInfo").size());
 }
 
@@ -420,7 +422,7 @@ TEST(AgentProgram, LostTasksAreToldOfBeforeTheFirstRequestIsServed) {
   {
     const auto store = agent::Store::open(tree.at("state"));
     agent::TaskRecord lost;
-    lost.scanType = 2;
+    lost.scanType = json::toNumber(json::ScanMode::kCustom);
     lost.ownerGuid = lunet::kConsoleGuid;
     lost.ownerPid = 1;
     for (int i = 0; i < 2000; ++i) {
@@ -453,7 +455,7 @@ class AgentTasks : public ::testing::Test {
     const Json::Value answer = console.startScan({tree.busyFolder()}, slowly());
     EXPECT_TRUE(answer["status"].asBool()) << answer.toStyledString();
     const std::string token = answer["token_id"].asString();
-    EXPECT_TRUE(console.waitForState(1, token));
+    EXPECT_TRUE(console.waitForState(TaskState::kStarted, token));
     return token;
   }
   AgentTree tree;
@@ -466,29 +468,30 @@ TEST_F(AgentTasks, ASecondScanOfTheSameModeIsStateSixAndAnsweredFalse) {
   EXPECT_FALSE(second["status"].asBool());
   const std::string refused = second["token_id"].asString();
   EXPECT_NE(token, refused);
-  ASSERT_TRUE(console.waitForState(6, refused));
-  EXPECT_THAT(console.states(refused), ElementsAre(6));
+  ASSERT_TRUE(console.waitForState(TaskState::kSameModeExists, refused));
+  EXPECT_THAT(console.states(refused), ElementsAre(TaskState::kSameModeExists));
   EXPECT_TRUE(console.control(kStop, token));
-  EXPECT_TRUE(console.waitForState(5, token));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token));
 }
 
 TEST_F(AgentTasks, AScanCanBePausedResumedAndStopped) {
   PeerConsole console(tree);
   const std::string token = startBusy(console);
   EXPECT_TRUE(console.control(kPause, token));
-  ASSERT_TRUE(console.waitForState(3, token));
+  ASSERT_TRUE(console.waitForState(TaskState::kPaused, token));
   const std::size_t quiet = console.messages().size();
   const Json::Value list = console.call("getBusList", Json::Value());
   ASSERT_EQ(1U, list.size());
   EXPECT_EQ(token, list[0]["token_id"].asString());
-  EXPECT_EQ(0, list[0]["type"].asInt());
-  EXPECT_EQ(3, list[0]["state"].asInt());
+  EXPECT_EQ(json::toNumber(json::BusinessType::kScan), list[0]["type"].asInt());
+  EXPECT_EQ(json::toNumber(TaskState::kPaused), list[0]["state"].asInt());
   EXPECT_EQ(quiet, console.messages().size());
   EXPECT_TRUE(console.control(kResume, token));
-  ASSERT_TRUE(console.waitForState(4, token));
+  ASSERT_TRUE(console.waitForState(TaskState::kResumed, token));
   EXPECT_TRUE(console.control(kStop, token));
-  ASSERT_TRUE(console.waitForState(5, token));
-  EXPECT_THAT(console.states(token), ElementsAre(0, 1, 3, 4, 5));
+  ASSERT_TRUE(console.waitForState(TaskState::kAborted, token));
+  EXPECT_THAT(console.states(token), ElementsAre(TaskState::kCreated, TaskState::kStarted, TaskState::kPaused,
+                                                 TaskState::kResumed, TaskState::kAborted));
   EXPECT_EQ("by the test", console.last("reportBusStatus")["detail"].asString());
   EXPECT_EQ(0U, console.call("getBusList", Json::Value()).size());
 }
@@ -497,9 +500,9 @@ TEST_F(AgentTasks, APausedScanCanBeStopped) {
   PeerConsole console(tree);
   const std::string token = startBusy(console);
   EXPECT_TRUE(console.control(kPause, token));
-  ASSERT_TRUE(console.waitForState(3, token));
+  ASSERT_TRUE(console.waitForState(TaskState::kPaused, token));
   EXPECT_TRUE(console.control(kStop, token));
-  EXPECT_TRUE(console.waitForState(5, token));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token));
 }
 
 TEST_F(AgentTasks, WhatNamesNoTaskOrNoActionIsAnsweredFalse) {
@@ -507,7 +510,7 @@ TEST_F(AgentTasks, WhatNamesNoTaskOrNoActionIsAnsweredFalse) {
   const std::string token = startBusy(console);
   EXPECT_FALSE(console.control(kStop, ""));
   EXPECT_FALSE(console.control(kStop, "no-such-token"));
-  EXPECT_FALSE(console.control(9, token));
+  EXPECT_FALSE(console.control(json::ControlAction{9}, token));
   EXPECT_FALSE(console.control(kResume, token));
   EXPECT_TRUE(console.control(kStop, token));
 }
@@ -517,7 +520,7 @@ TEST_F(AgentTasks, TheTimeLimitOfARequestEndsTheScan) {
   Json::Value changes = slowly();
   changes["max_scan_sec"] = 1;
   const std::string token = console.startScan({tree.busyFolder()}, changes)["token_id"].asString();
-  ASSERT_TRUE(console.waitForState(5, token));
+  ASSERT_TRUE(console.waitForState(TaskState::kAborted, token));
   EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("time limit"));
 }
 
@@ -527,7 +530,7 @@ TEST_F(AgentTasks, ProgressComesWhileAScanRuns) {
   EXPECT_TRUE(waitFor([&] { return console.messages("reportBusProgress").size() >= 2; }));
   EXPECT_TRUE(waitFor([&] { return console.messages("reportScanBusOverView").size() >= 2; }));
   EXPECT_TRUE(console.control(kStop, token));
-  EXPECT_TRUE(console.waitForState(5, token));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token));
 }
 
 TEST_F(AgentTasks, SigtermEndsTasksWithStateFiveAndLeavesNothingBehind) {
@@ -537,7 +540,7 @@ TEST_F(AgentTasks, SigtermEndsTasksWithStateFiveAndLeavesNothingBehind) {
   ASSERT_GE(family.size(), 2U);
   tree.kill(SIGTERM);
   EXPECT_EQ(0, tree.wait());
-  EXPECT_TRUE(console.waitForState(5, token));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token));
   for (const pid_t pid : family) {
     // Gone, or dead and not yet collected by whoever inherited it.
     EXPECT_TRUE(waitFor([&] {
@@ -571,8 +574,8 @@ TEST_F(AgentTasks, AtSigtermAConsoleHasTimeToTakeTheEndsOfItsTasks) {
                        std::chrono::milliseconds(500)));
   console.process().kill(SIGCONT);
   EXPECT_EQ(0, tree.wait());
-  EXPECT_TRUE(console.waitForState(5, token));
-  EXPECT_TRUE(console.waitForState(5, "other"));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, "other"));
 }
 
 /// As the server of a FUSE file system: takes the greeting. From then on whoever asks waits for an answer.
@@ -629,7 +632,7 @@ TEST_F(AgentTasks, AfterAKillDuringAScanItsOwnerHearsStateFiveAndTheNextCallWork
   EXPECT_EQ(128 + SIGKILL, tree.wait());
   EXPECT_THROW(console.call("getBusList", Json::Value()), std::runtime_error);
   tree.start();
-  ASSERT_TRUE(console.waitForState(5, token)) << tree.log();
+  ASSERT_TRUE(console.waitForState(TaskState::kAborted, token)) << tree.log();
   EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("started again"));
   EXPECT_EQ(0U, console.call("getBusList", Json::Value()).size());
   tree.kill(SIGTERM);
@@ -637,22 +640,23 @@ TEST_F(AgentTasks, AfterAKillDuringAScanItsOwnerHearsStateFiveAndTheNextCallWork
   tree.start();
   tree.write("small/file", "x");
   const std::string next = console.startScan({tree.data() + "/small"})["token_id"].asString();
-  EXPECT_TRUE(console.waitForState(2, next));
-  const std::vector<int> seen = console.states(token);
-  EXPECT_EQ(1, std::count(seen.begin(), seen.end(), 5));
+  EXPECT_TRUE(console.waitForState(TaskState::kFinished, next));
+  const std::vector<TaskState> seen = console.states(token);
+  EXPECT_EQ(1, std::count(seen.begin(), seen.end(), TaskState::kAborted));
 }
 
 TEST_F(AgentTasks, AnEndedTaskIsNotToldOfAfterARestart) {
   PeerConsole console(tree);
   tree.write("file", "x");
   const std::string token = console.startScan({tree.data()})["token_id"].asString();
-  ASSERT_TRUE(console.waitForState(2, token));
+  ASSERT_TRUE(console.waitForState(TaskState::kFinished, token));
   ASSERT_TRUE(waitFor([&] { return console.call("getBusList", Json::Value()).empty(); }));
   tree.kill(SIGTERM);
   ASSERT_EQ(0, tree.wait());
   tree.start();
   console.call("getBusList", Json::Value());
-  EXPECT_THAT(console.states(token), ElementsAre(0, 1, 2));
+  EXPECT_THAT(console.states(token),
+              ElementsAre(TaskState::kCreated, TaskState::kStarted, TaskState::kFinished));
 }
 
 TEST_F(AgentTasks, WhenTheOwnerIsGoneNothingReachesTheNextConsole) {
@@ -664,11 +668,11 @@ TEST_F(AgentTasks, WhenTheOwnerIsGoneNothingReachesTheNextConsole) {
   PeerConsole second(tree);
   const std::string file = tree.write("own/eicar.com", eicar());
   const Json::Value refused = second.startScan({tree.data() + "/own"});
-  EXPECT_TRUE(second.waitForState(6, refused["token_id"].asString()));
+  EXPECT_TRUE(second.waitForState(TaskState::kSameModeExists, refused["token_id"].asString()));
   EXPECT_TRUE(second.control(kStop, token));
   ASSERT_TRUE(waitFor([&] { return second.call("getBusList", Json::Value()).empty(); }));
   const std::string own = second.startScan({tree.data() + "/own"})["token_id"].asString();
-  ASSERT_TRUE(second.waitForState(2, own));
+  ASSERT_TRUE(second.waitForState(TaskState::kFinished, own));
   for (const auto& notice : second.messages()) {
     EXPECT_NE(token, notice.params["token_id"].asString()) << notice.method;
   }
@@ -686,7 +690,7 @@ TEST_F(AgentTasks, AConsoleThatDoesNotReadHoldsUpNeitherItsScanNorAnother) {
   const std::string log = answer["token_id"].asString() + " finished";
   EXPECT_TRUE(waitFor([&] { return tree.log().find(log) != std::string::npos; }));
   stalled.process().kill(SIGCONT);
-  EXPECT_TRUE(stalled.waitForState(2, answer["token_id"].asString()));
+  EXPECT_TRUE(stalled.waitForState(TaskState::kFinished, answer["token_id"].asString()));
   EXPECT_EQ(300U, stalled.messages("reportRiskFixInfo").size());
 }
 
@@ -699,7 +703,8 @@ TEST_F(AgentTasks, AFastScanTellsItsStagesInPairs) {
   EXPECT_TRUE(console.messages("reportScanBusStage")[0].params["datail"].isString());
   ASSERT_TRUE(waitFor([&] { return console.messages("reportScanBusStage").size() >= 3; }));
   console.control(kStop, token);
-  EXPECT_TRUE(console.waitForState(5, token) || console.waitForState(2, token));
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token) ||
+              console.waitForState(TaskState::kFinished, token));
   const auto stages = console.messages("reportScanBusStage");
   EXPECT_EQ(1, stages[1].params["stage"].asInt());
   EXPECT_EQ(2, stages[2].params["stage"].asInt());
@@ -716,7 +721,7 @@ TEST(AgentOfAUser, ServesThatUserWithThatUsersRights) {
   ASSERT_EQ(0, chmod(hidden.c_str(), 0600));
   const Json::Value answer = console.startScan({tree.data()});
   ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString();
-  ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
+  ASSERT_TRUE(console.waitForState(TaskState::kFinished, answer["token_id"].asString()));
   EXPECT_EQ(1U, console.messages("reportRiskInfo").size());
   EXPECT_EQ(1, console.last("reportScanBusOverView")["overview"]["failed_item_count"].asInt());
 }
@@ -733,7 +738,7 @@ class AgentSecondUser : public ::testing::Test {
   void scan(PeerConsole& console, const std::vector<std::string>& items, const char* changes) {
     const Json::Value answer = console.startScan(items, jsonOf(changes));
     ASSERT_TRUE(answer["status"].asBool()) << answer.toStyledString() << tree.log();
-    ASSERT_TRUE(console.waitForState(2, answer["token_id"].asString()));
+    ASSERT_TRUE(console.waitForState(TaskState::kFinished, answer["token_id"].asString()));
   }
   /// A process of root makes the call and then ends.
   Json::Value callAsRoot(const std::string& method, const Json::Value& params) {
@@ -779,14 +784,15 @@ TEST_F(AgentSecondUser, WhatHeCouldNotRemoveHimselfIsNotQuarantinedForHim) {
   std::set<int> results;
   for (const auto& notice : user.messages("reportRiskFixInfo")) {
     const bool own = notice.params["risk_info"]["item"].asString() == ownThere;
-    EXPECT_EQ(own ? 1 : 4, notice.params["risk_repair_result"]["handle_result"].asInt());
+    EXPECT_EQ(json::toNumber(own ? json::HandleResult::kQuarantined : json::HandleResult::kFailed),
+              notice.params["risk_repair_result"]["handle_result"].asInt());
   }
 }
 
 TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
   Json::Value params = slowly();
-  params["scan_type"] = 2;
-  params["fix_method"] = 2;
+  params["scan_type"] = json::toNumber(json::ScanMode::kCustom);
+  params["fix_method"] = json::toFixMethod(json::Handling::kReportOnly);
   params["items"].append(tree.busyFolder());
   Json::Value request = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":""})");
   request["params"] = params;
@@ -803,7 +809,7 @@ TEST_F(AgentSecondUser, SeesAndControlsHisOwnTasksOnly) {
   const std::string own = user.startScan({tree.busyFolder()}, slowly())["token_id"].asString();
   EXPECT_EQ(1U, user.call("getBusList", Json::Value()).size());
   EXPECT_TRUE(user.control(kStop, own));
-  EXPECT_TRUE(user.waitForState(5, own));
+  EXPECT_TRUE(user.waitForState(TaskState::kAborted, own));
 }
 
 TEST_F(AgentSecondUser, MaySeeHisOwnQuarantinedItemsOnly) {

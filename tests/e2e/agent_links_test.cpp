@@ -12,11 +12,13 @@
 
 #include "e2e/AgentTree.h"
 #include "e2e/SecondUser.h"
+#include "json/Values.h"
 #include "support/Json.h"
 #include "support/Samples.h"
 
 namespace {
 
+using json::TaskState;
 using ::testing::HasSubstr;
 using testsupport::AgentTree;
 using testsupport::eicar;
@@ -45,7 +47,7 @@ class PlantedByASecondUser : public ::testing::Test {
   }
   void scan(PeerConsole& console) {
     const Json::Value answer = console.startScan({tree.data()}, jsonOf(R"({"fix_method":0})"));
-    EXPECT_TRUE(console.waitForState(2, answer["token_id"].asString())) << tree.log();
+    EXPECT_TRUE(console.waitForState(TaskState::kFinished, answer["token_id"].asString())) << tree.log();
   }
   /// Quarantines a detection of the second user. Returns its id.
   std::string quarantined(PeerConsole& console) {

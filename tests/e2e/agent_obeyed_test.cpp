@@ -11,22 +11,21 @@
 
 #include "e2e/AgentTree.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/ArchiveMaker.h"
 #include "support/Json.h"
 #include "support/Samples.h"
 
 namespace {
 
+using json::TaskState;
 using ::testing::HasSubstr;
 using testsupport::AgentTree;
 using testsupport::eicar;
 using testsupport::jsonOf;
 using testsupport::PeerConsole;
 
-constexpr int kScanSettings = 0;
-constexpr int kQuarantineSettings = 2;
-constexpr int kEngineSettings = 4;
-constexpr int kStrongCustomScan = 5;
+constexpr int kStrongCustomScan = json::toScanType(json::ScanMode::kCustom, true);
 
 class ObeyedSetting : public ::testing::Test {
  protected:
@@ -40,11 +39,11 @@ class ObeyedSetting : public ::testing::Test {
     tree.kill(SIGTERM);
     EXPECT_EQ(0, tree.wait());
   }
-  void set(int type, const std::string& change) {
+  void set(json::ConfigType type, const std::string& change) {
     Json::Value request(Json::objectValue);
     request["config_str"] = change;
-    request["config_type"] = type;
-    request["request_source"] = 1;
+    request["config_type"] = json::toNumber(type);
+    request["request_source"] = json::toNumber(json::RequestSource::kConsole);
     EXPECT_TRUE(console->call("setAVConfig", request).asBool()) << change << tree.log();
   }
   /// Scans all files. Returns the number of notified detections.
@@ -52,7 +51,7 @@ class ObeyedSetting : public ::testing::Test {
     const std::size_t before = console->messages("reportRiskInfo").size();
     const Json::Value answer = console->startScan({tree.data()}, jsonOf(changes));
     EXPECT_TRUE(answer["status"].asBool()) << answer["detail"].asString();
-    EXPECT_TRUE(console->waitForState(2, answer["token_id"].asString())) << tree.log();
+    EXPECT_TRUE(console->waitForState(TaskState::kFinished, answer["token_id"].asString())) << tree.log();
     return console->messages("reportRiskInfo").size() - before;
   }
   /// Scans; the settings decide the handling.
@@ -61,7 +60,7 @@ class ObeyedSetting : public ::testing::Test {
     request["params"] = jsonOf(R"({"scan_type":2})");
     request["params"]["items"].append(tree.data());
     const Json::Value answer = console->call("startScanTask", request);
-    EXPECT_TRUE(console->waitForState(2, answer["token_id"].asString())) << tree.log();
+    EXPECT_TRUE(console->waitForState(TaskState::kFinished, answer["token_id"].asString())) << tree.log();
   }
   Json::Value result() { return console->last("reportRiskFixInfo")["risk_repair_result"]; }
   std::size_t isolated() { return console->call("getIsolationInfo", Json::Value()).size(); }
@@ -94,7 +93,7 @@ void PrintTo(const HandlingRow& row, std::ostream* out) {
 class FixMethodSetting : public ObeyedSetting, public ::testing::WithParamInterface<HandlingRow> {};
 TEST_P(FixMethodSetting, IsWhatARequestWithoutItTakes) {
   const std::string path = tree.write("eicar.com", eicar());
-  set(kScanSettings, R"({"Common":{"FixMethod":)" + std::to_string(GetParam().value) + "}}");
+  set(json::ConfigType::kScan, R"({"Common":{"FixMethod":)" + std::to_string(GetParam().value) + "}}");
   scanAsSet();
   EXPECT_EQ(GetParam().there, std::filesystem::exists(path));
   EXPECT_EQ(GetParam().isolated, isolated());
@@ -108,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(, FixMethodSetting,
 class HandleActionSetting : public ObeyedSetting, public ::testing::WithParamInterface<HandlingRow> {};
 TEST_P(HandleActionSetting, DecidesWhatAutomaticHandlingDoes) {
   const std::string path = tree.write("eicar.com", eicar());
-  set(kScanSettings, R"({"Common":{"HandleAction":)" + std::to_string(GetParam().value) + "}}");
+  set(json::ConfigType::kScan, R"({"Common":{"HandleAction":)" + std::to_string(GetParam().value) + "}}");
   scan(R"({"fix_method":0})");
   EXPECT_EQ(GetParam().there, std::filesystem::exists(path));
   EXPECT_EQ(GetParam().isolated, isolated());
@@ -125,16 +124,16 @@ INSTANTIATE_TEST_SUITE_P(, HandleActionSetting,
 TEST_F(ObeyedSetting, CompressedFlagOffLeavesArchivesUnopened) {
   tree.write("a.zip", testsupport::makeZip({{"eicar.com", eicar()}}));
   EXPECT_EQ(1U, scan());
-  set(kScanSettings, R"({"Compressed":{"Flag":false}})");
+  set(json::ConfigType::kScan, R"({"Compressed":{"Flag":false}})");
   EXPECT_EQ(0U, scan());
 }
 
 TEST_F(ObeyedSetting, CompressedLayerLeavesDeeperArchivesUnopened) {
   tree.write("a.zip", testsupport::makeNestedZip(4, "eicar.com", eicar()));
   EXPECT_EQ(1U, scan());
-  set(kScanSettings, R"({"Compressed":{"Layer":3}})");
+  set(json::ConfigType::kScan, R"({"Compressed":{"Layer":3}})");
   EXPECT_EQ(0U, scan());
-  set(kScanSettings, R"({"Compressed":{"Layer":4}})");
+  set(json::ConfigType::kScan, R"({"Compressed":{"Layer":4}})");
   EXPECT_EQ(1U, scan());
 }
 
@@ -144,9 +143,9 @@ TEST_F(ObeyedSetting, CompressedFileSizeLeavesLargerArchivesUnopened) {
                  {{.name = "eicar.com", .content = eicar()},
                   {.name = "padding", .content = std::string((1 << 20) + 1, 'x'), .deflate = false}}));
   EXPECT_EQ(1U, scan());
-  set(kScanSettings, R"({"Compressed":{"FileSize":1}})");
+  set(json::ConfigType::kScan, R"({"Compressed":{"FileSize":1}})");
   EXPECT_EQ(0U, scan());
-  set(kScanSettings, R"({"Compressed":{"FileSize":2}})");
+  set(json::ConfigType::kScan, R"({"Compressed":{"FileSize":2}})");
   EXPECT_EQ(1U, scan());
 }
 
@@ -154,7 +153,7 @@ TEST_F(ObeyedSetting, CompressedFormatNamesTheArchivesThatAreOpened) {
   tree.write("a.zip", testsupport::makeZip({{"eicar.com", eicar()}}));
   tree.write("a.gz", testsupport::makeGzip(eicar()));
   EXPECT_EQ(2U, scan());
-  set(kScanSettings, R"({"Compressed":{"Format":["gz"]}})");
+  set(json::ConfigType::kScan, R"({"Compressed":{"Format":["gz"]}})");
   EXPECT_EQ(1U, scan());
   EXPECT_THAT(console->last("reportRiskInfo")["risk_info"]["item"].asString(), HasSubstr("a.gz"));
 }
@@ -252,9 +251,9 @@ TEST_P(EngineSwitch, OffItsDetectionsAreNotFoundAndOthersAre) {
   }
   EXPECT_EQ(all, engines()) << tree.log();
   const std::string key = std::string(R"({"MultiEngines":{")") + GetParam().setting + "\":";
-  set(kEngineSettings, key + "false}}");
+  set(json::ConfigType::kEngines, key + "false}}");
   EXPECT_EQ(others, engines()) << tree.log();
-  set(kEngineSettings, key + "true}}");
+  set(json::ConfigType::kEngines, key + "true}}");
   EXPECT_EQ(all, engines());
 }
 INSTANTIATE_TEST_SUITE_P(, EngineSwitch, ::testing::ValuesIn(kEngineRows),
@@ -267,16 +266,16 @@ constexpr const char* kNearlyAGigabyteEach =
 
 TEST_F(ObeyedSetting, SizeLimitLeavesWhatDoesNotFitWhereItIsAndSaysWhy) {
   tree.write("first", eicar());
-  set(kQuarantineSettings, R"({"Common":{"SizeLimit":1}})");
+  set(json::ConfigType::kQuarantine, R"({"Common":{"SizeLimit":1}})");
   scan(R"({"fix_method":0})");
   ASSERT_EQ(1U, isolated());
   pretend(kNearlyAGigabyteEach);
   const std::string path = tree.write("second", eicar());
   scan(R"({"fix_method":0})");
   EXPECT_TRUE(std::filesystem::exists(path));
-  EXPECT_EQ(4, result()["handle_result"].asInt());
+  EXPECT_EQ(json::toNumber(json::HandleResult::kFailed), result()["handle_result"].asInt());
   EXPECT_THAT(result()["handle_detail"].asString(), HasSubstr("quarantine is full"));
-  set(kQuarantineSettings, R"({"Common":{"SizeLimit":2}})");
+  set(json::ConfigType::kQuarantine, R"({"Common":{"SizeLimit":2}})");
   scan(R"({"fix_method":0})");
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(2U, isolated());
@@ -284,7 +283,7 @@ TEST_F(ObeyedSetting, SizeLimitLeavesWhatDoesNotFitWhereItIsAndSaysWhy) {
 
 TEST_F(ObeyedSetting, AutoCleanMakesRoomByAge) {
   tree.write("old", eicar());
-  set(kQuarantineSettings,
+  set(json::ConfigType::kQuarantine,
       R"({"Common":{"SizeLimit":1},"AutoClean":{"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
   scan(R"({"fix_method":0})");
   ASSERT_EQ(1U, isolated());
@@ -292,7 +291,7 @@ TEST_F(ObeyedSetting, AutoCleanMakesRoomByAge) {
   const std::string path = tree.write("new", eicar());
   scan(R"({"fix_method":0})");
   EXPECT_TRUE(std::filesystem::exists(path)) << "off, nothing is cleaned";
-  set(kQuarantineSettings, R"({"AutoClean":{"Flag":true}})");
+  set(json::ConfigType::kQuarantine, R"({"AutoClean":{"Flag":true}})");
   scan(R"({"fix_method":0})");
   EXPECT_FALSE(std::filesystem::exists(path));
   const Json::Value items = console->call("getIsolationInfo", Json::Value());

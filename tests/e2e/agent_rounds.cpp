@@ -25,6 +25,7 @@
 #include "json/CppJson.h"
 #include "json/RegionRecords.h"
 #include "json/ScanRecords.h"
+#include "json/Values.h"
 #include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/ConsoleLink.h"
@@ -37,8 +38,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 
 constexpr std::chrono::seconds kLimit{120};  // of a whole scan, and of a call, on a busy machine
-constexpr int kRestoreOnly = 1;
-constexpr int kBySource = 1;
+constexpr int kBySource = json::toNumber(json::RequestSource::kConsole);
 
 struct Options {
   unsigned long rounds = 1000, files = 500;
@@ -100,9 +100,9 @@ class AgentRounds {
     JsonReflect::ScanParams params;
     params.items().push_back(json::encodePath(originals_.folder()));
     params.set_custom_stop(true);
-    params.set_handle_action(-1);
-    params.set_fix_method(0);
-    params.set_scan_type(2);
+    params.set_handle_action(json::toNumber(json::HandleAction::kByAgent));
+    params.set_fix_method(json::toFixMethod(json::Handling::kAutomatic));
+    params.set_scan_type(json::toNumber(json::ScanMode::kCustom));
     const Json::Value answer = agent().call(jsonrpchelper::StartScanTask{
         .ctx = {}, .desc = "", .params = toJson(params), .source = kBySource, .token_id = ""});
     if (!answer["status"].asBool()) {
@@ -163,7 +163,7 @@ class AgentRounds {
 
   void restoreAll() {
     JsonReflect::DeIsolateParams params;
-    params.action = kRestoreOnly;
+    params.action = json::toNumber(json::RestoreAction::kRestore);
     params.is_all = true;
     const Json::Value answer = agent().call(jsonrpchelper::StartDeIsolate{
         .ctx = {}, .desc = "", .params = toJson(params), .source = kBySource, .token_id = ""});

@@ -13,12 +13,14 @@
 
 #include "e2e/AgentTree.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "support/Json.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 
 namespace {
 
+using json::TaskState;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -36,7 +38,7 @@ class AgentScan : public ::testing::Test {
     const Json::Value answer = console.startScan(items, changes);
     EXPECT_TRUE(answer["status"].asBool()) << answer["detail"].asString();
     const std::string token = answer["token_id"].asString();
-    EXPECT_TRUE(console.waitForState(2, token)) << tree.log();
+    EXPECT_TRUE(console.waitForState(TaskState::kFinished, token)) << tree.log();
     return token;
   }
   std::set<std::string> risks() const {
@@ -56,11 +58,12 @@ class AgentScan : public ::testing::Test {
   }
   Json::Value overview() const { return console.last("reportScanBusOverView")["overview"]; }
   /// Changes settings of a section.
-  void set(const std::string& section, const std::string& values, int type = 0) {
+  void set(const std::string& section, const std::string& values,
+           json::ConfigType type = json::ConfigType::kScan) {
     Json::Value request(Json::objectValue);
     request["config_str"] = "{\"" + section + "\":" + values + "}";
-    request["config_type"] = type;
-    request["request_source"] = 1;
+    request["config_type"] = json::toNumber(type);
+    request["request_source"] = json::toNumber(json::RequestSource::kConsole);
     EXPECT_TRUE(console.call("setAVConfig", request).asBool()) << tree.log();
   }
 
@@ -84,7 +87,8 @@ TEST_F(AgentScan, EveryDetectionIsToldWithItsPathAndTheCountsAgreeWithTheFolder)
   EXPECT_EQ(0, counts["failed_item_count"].asInt());
   EXPECT_EQ(2, counts["ignore_risk_count"].asInt());
   EXPECT_EQ(token, counts["token_id"].asString());
-  EXPECT_THAT(console.states(token), ElementsAre(0, 1, 2));
+  EXPECT_THAT(console.states(token),
+              ElementsAre(TaskState::kCreated, TaskState::kStarted, TaskState::kFinished));
 }
 
 TEST_F(AgentScan, EveryNotificationCarriesTheFreshTokenAndObjects) {
@@ -97,7 +101,7 @@ TEST_F(AgentScan, EveryNotificationCarriesTheFreshTokenAndObjects) {
   for (const auto& notice : console.messages("reportBusStatus")) {
     EXPECT_TRUE(notice.params["ctx"].isObject());
     EXPECT_TRUE(notice.params["params"].isObject());
-    EXPECT_EQ(0, notice.params["type"].asInt());
+    EXPECT_EQ(json::toNumber(json::BusinessType::kScan), notice.params["type"].asInt());
   }
   EXPECT_NE(token, scan({tree.data()}));
 }
@@ -123,13 +127,14 @@ TEST_F(AgentScan, ARiskIsToldAndThenWhatBecameOfIt) {
   const auto fix = console.messages("reportRiskFixInfo");
   ASSERT_EQ(1U, risk.size());
   ASSERT_EQ(1U, fix.size());
-  EXPECT_EQ(5, risk[0].params["risk_info_type"].asInt());
-  EXPECT_EQ(0, risk[0].params["business_type"].asInt());
+  EXPECT_EQ(json::toNumber(json::RiskInfoType::kFile), risk[0].params["risk_info_type"].asInt());
+  EXPECT_EQ(json::toNumber(json::BusinessType::kScan), risk[0].params["business_type"].asInt());
   EXPECT_EQ(path, risk[0].params["risk_info"]["item"].asString());
   EXPECT_EQ(68, risk[0].params["risk_info"]["filesize_src"].asInt());
   EXPECT_EQ("44d88612fea8a8f36de82e1278abb02f", risk[0].params["risk_info"]["filemd5_src"].asString());
   EXPECT_EQ(risk[0].params["risk_info"]["risk_id"], fix[0].params["risk_info"]["risk_id"]);
-  EXPECT_EQ(3, fix[0].params["risk_repair_result"]["handle_result"].asInt());
+  EXPECT_EQ(json::toNumber(json::HandleResult::kReportedOnly),
+            fix[0].params["risk_repair_result"]["handle_result"].asInt());
   EXPECT_EQ("仅上报", fix[0].params["risk_repair_result"]["handle_detail"].asString());
   EXPECT_TRUE(std::filesystem::exists(path));
 }
@@ -138,7 +143,8 @@ TEST_F(AgentScan, AutomaticHandlingQuarantinesWhatItFinds) {
   const std::string path = tree.write("eicar.com", eicar());
   scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   const Json::Value fix = console.last("reportRiskFixInfo");
-  EXPECT_EQ(1, fix["risk_repair_result"]["handle_result"].asInt())
+  EXPECT_EQ(json::toNumber(json::HandleResult::kQuarantined),
+            fix["risk_repair_result"]["handle_result"].asInt())
       << fix["risk_repair_result"]["handle_detail"].asString();
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(1, overview()["fixed_risk_count"].asInt());
@@ -153,7 +159,8 @@ TEST_F(AgentScan, HandleActionDeleteRemovesForGoodAndNothingIsKept) {
   scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(0U, console.call("getIsolationInfo", Json::Value()).size());
-  EXPECT_EQ(1, console.last("reportRiskFixInfo")["risk_repair_result"]["handle_result"].asInt());
+  EXPECT_EQ(json::toNumber(json::HandleResult::kQuarantined),
+            console.last("reportRiskFixInfo")["risk_repair_result"]["handle_result"].asInt());
 }
 
 TEST_F(AgentScan, PathsThatAreNoUtf8AreScannedAndToldInTheirWireForm) {
@@ -167,8 +174,8 @@ TEST_F(AgentScan, AnItemThatCannotBeOpenedIsStateMinusOneWithTheReasonAndAnswere
   EXPECT_FALSE(answer["status"].asBool());
   const std::string token = answer["token_id"].asString();
   ASSERT_FALSE(token.empty());
-  ASSERT_TRUE(console.waitForState(-1, token));
-  EXPECT_THAT(console.states(token), ElementsAre(-1));
+  ASSERT_TRUE(console.waitForState(TaskState::kNotCreated, token));
+  EXPECT_THAT(console.states(token), ElementsAre(TaskState::kNotCreated));
   EXPECT_THAT(console.last("reportBusStatus")["detail"].asString(), HasSubstr("No such file"));
 }
 
@@ -180,7 +187,7 @@ TEST_F(AgentScan, AnItemThatIsNeverScannedIsStateMinusOneAndNoEmptySuccess) {
     const Json::Value answer = console.startScan({item});
     EXPECT_FALSE(answer["status"].asBool()) << item;
     EXPECT_THAT(answer["detail"].asString(), HasSubstr(reason));
-    EXPECT_TRUE(console.waitForState(-1, answer["token_id"].asString()));
+    EXPECT_TRUE(console.waitForState(TaskState::kNotCreated, answer["token_id"].asString()));
   }
 }
 
@@ -193,7 +200,7 @@ TEST_F(AgentScan, TheEndTellsHowManyWereSkippedAndWhy) {
 TEST_F(AgentScan, ACustomScanWithoutAPathIsStateMinusOne) {
   const Json::Value answer = console.startScan({});
   EXPECT_FALSE(answer["status"].asBool());
-  EXPECT_TRUE(console.waitForState(-1, answer["token_id"].asString()));
+  EXPECT_TRUE(console.waitForState(TaskState::kNotCreated, answer["token_id"].asString()));
 }
 
 TEST_F(AgentScan, ANamedLinkIsFollowedAndOneBelowIsNot) {
@@ -230,7 +237,7 @@ TEST_F(AgentScan, TheContextGivenAlongComesBackWithEveryState) {
   request["params"] = jsonOf(R"({"scan_type":2,"fix_method":2})");
   request["params"]["items"].append(tree.data());
   const std::string token = console.call("startScanTask", request)["token_id"].asString();
-  ASSERT_TRUE(console.waitForState(2, token));
+  ASSERT_TRUE(console.waitForState(TaskState::kFinished, token));
   for (const auto& notice : console.messages("reportBusStatus")) {
     EXPECT_EQ(7, notice.params["ctx"]["mine"].asInt());
   }
@@ -289,7 +296,9 @@ TEST_F(AgentScan, AnEngineThatIsSwitchedOffFindsNothing) {
   scan({tree.data()});
   ASSERT_EQ(1U, risks().size());
   const int mark = console.last("reportRiskInfo")["risk_info"]["engine_mark"].asInt();
-  set("MultiEngines", std::string("{\"") + (mark == 3 ? "RDAengine" : "RDAOLDengine") + "\":false}", 4);
+  set("MultiEngines",
+      std::string("{\"") + (mark == json::kEngineRda ? "RDAengine" : "RDAOLDengine") + "\":false}",
+      json::ConfigType::kEngines);
   const std::size_t before = console.messages("reportRiskInfo").size();
   scan({tree.data()});
   EXPECT_EQ(before, console.messages("reportRiskInfo").size());
@@ -297,33 +306,40 @@ TEST_F(AgentScan, AnEngineThatIsSwitchedOffFindsNothing) {
 
 // Trust and reject.
 
-Json::Value region(int action, int type, const std::string& item) {
+Json::Value region(json::RegionAction action, json::RegionItemType type, const std::string& item) {
   Json::Value request = jsonOf(R"({"desc":"","region_type":0,"source":1})");
   request["items"] = jsonOf(R"({"domain":0,"is_all":false})");
-  request["items"]["action"] = action;
-  request["items"]["type"] = type;
+  request["items"]["action"] = json::toNumber(action);
+  request["items"]["type"] = json::toNumber(type);
   request["items"]["items"].append(item);
   return request;
 }
 
 TEST_F(AgentScan, ATrustedFileIsSkippedAndCountedUntilItIsTrustedNoMore) {
   const std::string path = tree.write("eicar.com", eicar());
-  ASSERT_TRUE(console.call("ctlRegion", region(0, 0, path)).asBool());
+  ASSERT_TRUE(console.call("ctlRegion", region(json::RegionAction::kAdd, json::RegionItemType::kFile, path))
+                  .asBool());
   scan({tree.data()});
   EXPECT_THAT(risks(), IsEmpty());
   EXPECT_EQ(1, overview()["trusted_risk_count"].asInt());
-  ASSERT_TRUE(console.call("ctlRegion", region(1, 0, path)).asBool());
+  ASSERT_TRUE(
+      console.call("ctlRegion", region(json::RegionAction::kDelete, json::RegionItemType::kFile, path))
+          .asBool());
   scan({tree.data()});
   EXPECT_EQ((std::set<std::string>{path}), risks());
 }
 
 TEST_F(AgentScan, ATrustedHashIsToldAsTrustedAndLeftAlone) {
   const std::string path = tree.write("eicar.com", eicar());
-  ASSERT_TRUE(console.call("ctlRegion", region(0, 3, "44d88612fea8a8f36de82e1278abb02f")).asBool());
+  ASSERT_TRUE(console
+                  .call("ctlRegion", region(json::RegionAction::kAdd, json::RegionItemType::kMd5,
+                                            "44d88612fea8a8f36de82e1278abb02f"))
+                  .asBool());
   scan({tree.data()}, jsonOf(R"({"fix_method":0})"));
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_THAT(console.messages("reportRiskInfo"), IsEmpty());
-  EXPECT_EQ(6, console.last("reportRiskFixInfo")["risk_repair_result"]["handle_result"].asInt());
+  EXPECT_EQ(json::toNumber(json::HandleResult::kTrusted),
+            console.last("reportRiskFixInfo")["risk_repair_result"]["handle_result"].asInt());
   EXPECT_EQ(0, overview()["checkout_risk_count"].asInt());
   EXPECT_EQ(1, overview()["trusted_risk_count"].asInt());
 }
@@ -331,8 +347,8 @@ TEST_F(AgentScan, ATrustedHashIsToldAsTrustedAndLeftAlone) {
 TEST_F(AgentScan, ARejectedFileIsADetectionOfTheRejectListAlsoWhenItWasKnownClean) {
   const std::string path = tree.write("clean.txt", "harmless");
   scanUntilRemembered(1);
-  Json::Value request = region(0, 0, path);
-  request["region_type"] = 1;
+  Json::Value request = region(json::RegionAction::kAdd, json::RegionItemType::kFile, path);
+  request["region_type"] = json::toNumber(json::Region::kReject);
   ASSERT_TRUE(console.call("ctlRegion", request).asBool());
   scan({tree.data()});
   EXPECT_EQ((std::set<std::string>{path}), risks());
@@ -344,8 +360,8 @@ TEST_F(AgentScan, ARejectedHashIsADetectionAlsoWhenTheFileWasKnownClean) {
   scanUntilRemembered(1);
   testsupport::Process md5({"md5sum", path});
   ASSERT_EQ(0, md5.wait());
-  Json::Value request = region(0, 3, md5.out().substr(0, 32));
-  request["region_type"] = 1;
+  Json::Value request = region(json::RegionAction::kAdd, json::RegionItemType::kMd5, md5.out().substr(0, 32));
+  request["region_type"] = json::toNumber(json::Region::kReject);
   ASSERT_TRUE(console.call("ctlRegion", request).asBool());
   scan({tree.data()});
   EXPECT_EQ((std::set<std::string>{path}), risks());
@@ -374,13 +390,14 @@ TEST_F(AgentScan, AProcessThatRunsADetectionIsToldAndEndedWhenSoSet) {
   scan({tree.data()}, jsonOf(R"({"fix_method":0,"handle_action":3})"));
   Json::Value repair;
   for (const auto& notice : console.messages("reportRiskFixInfo")) {
-    if (notice.params["risk_info_type"].asInt() == 3) {
+    if (notice.params["risk_info_type"].asInt() == json::toNumber(json::RiskInfoType::kProcess)) {
       repair = notice.params;
     }
   }
   ASSERT_TRUE(repair.isObject()) << tree.log();
   EXPECT_EQ(victim.pid(), repair["risk_info"]["process_info"]["pid"].asInt());
-  EXPECT_EQ(3, repair["risk_repair_result"]["handle_result"].asInt());
+  EXPECT_EQ(json::toNumber(json::HandleResult::kReportedOnly),
+            repair["risk_repair_result"]["handle_result"].asInt());
   EXPECT_TRUE(victim.running());
 
   set("Common", R"({"FixMethod_MemRisk":1})");
@@ -388,8 +405,10 @@ TEST_F(AgentScan, AProcessThatRunsADetectionIsToldAndEndedWhenSoSet) {
   EXPECT_EQ(128 + SIGKILL, victim.wait());
   bool ended = false;
   for (const auto& notice : console.messages("reportRiskFixInfo")) {
-    ended = ended || (notice.params["risk_info_type"].asInt() == 3 &&
-                      notice.params["risk_repair_result"]["handle_result"].asInt() == 2);
+    ended =
+        ended || (notice.params["risk_info_type"].asInt() == json::toNumber(json::RiskInfoType::kProcess) &&
+                  notice.params["risk_repair_result"]["handle_result"].asInt() ==
+                      json::toNumber(json::HandleResult::kProcessEnded));
   }
   EXPECT_TRUE(ended);
   EXPECT_FALSE(std::filesystem::exists(program));
@@ -397,17 +416,17 @@ TEST_F(AgentScan, AProcessThatRunsADetectionIsToldAndEndedWhenSoSet) {
 
 // Settings documents.
 
-class ConfigTypes : public AgentScan, public ::testing::WithParamInterface<int> {};
+class ConfigTypes : public AgentScan, public ::testing::WithParamInterface<json::ConfigType> {};
 TEST_P(ConfigTypes, AreAnsweredAsTheTextOfADocument) {
   Json::Value request(Json::objectValue);
-  request["config_type"] = GetParam();
-  request["request_source"] = 1;
+  request["config_type"] = json::toNumber(GetParam());
+  request["request_source"] = json::toNumber(json::RequestSource::kConsole);
   const Json::Value answer = console.call("getAVConfig", request);
   ASSERT_TRUE(answer.isString());
   EXPECT_TRUE(jsonOf(answer.asString()).isObject());
 }
-INSTANTIATE_TEST_SUITE_P(Types, ConfigTypes, ::testing::Values(0, 1, 2, 4),
-                         [](const auto& row) { return "Type" + std::to_string(row.param); });
+INSTANTIATE_TEST_SUITE_P(Types, ConfigTypes, ::testing::ValuesIn(json::kValuesOf<json::ConfigType>),
+                         [](const auto& row) { return "Type" + std::to_string(json::toNumber(row.param)); });
 
 TEST_F(AgentScan, AnUnknownConfigTypeIsAnErrorAnswer) {
   EXPECT_THROW(console.call("getAVConfig", jsonOf(R"({"config_type":9,"request_source":1})")),

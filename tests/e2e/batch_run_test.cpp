@@ -6,11 +6,13 @@
 #include <csignal>
 #include <filesystem>
 
+#include "json/Values.h"
 #include "support/InstallTree.h"
 #include "support/LunetctlAgent.h"
 
 namespace {
 
+using json::TaskState;
 using testing::HasSubstr;
 using testing::Not;
 using testsupport::InstallTree;
@@ -43,7 +45,7 @@ TEST_F(BatchRun, OfACleanFolderEnds0AndLeavesAReport) {
   start();
   agent_->acceptScan();
   agent_->overview(12, 0);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(report(),
               testing::StartsWith("病毒查杀状态：1\n查杀路径：" + scanned_ +
@@ -54,10 +56,10 @@ TEST_F(BatchRun, OfACleanFolderEnds0AndLeavesAReport) {
 TEST_F(BatchRun, WithDetectionsEnds1AndNamesEachFile) {
   start();
   agent_->acceptScan();
-  agent_->repair("/data/a/eicar.com", "Eicar", 68, 3);
-  agent_->repair("/data/b.zip", "Other", 1234, 1);
+  agent_->repair("/data/a/eicar.com", "Eicar", 68, json::HandleResult::kReportedOnly);
+  agent_->repair("/data/b.zip", "Other", 1234, json::HandleResult::kQuarantined);
   agent_->overview(12, 2);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 1);
   EXPECT_THAT(report(), HasSubstr("染毒文件数量：2\n病毒数量：2\n"));
   EXPECT_THAT(report(),
@@ -70,7 +72,7 @@ TEST_F(BatchRun, TellsHowManyEntriesCouldNotBeScannedOnStandardErrorAlone) {
   start();
   agent_->acceptScan();
   agent_->overview(12, 0, "", 3);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_EQ(console_->err(),
             "tavcli: entries that could not be scanned: 3; see " + tree_.at("log/tavagentd.log") + "\n");
@@ -81,7 +83,7 @@ TEST_F(BatchRun, TellsHowManyEntriesCouldNotBeScannedOnStandardErrorAlone) {
 TEST_F(BatchRun, LeavesAPrivateReport) {
   start();
   agent_->acceptScan();
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   exitCode();
   struct stat file {};
   ASSERT_EQ(lstat(report_.c_str(), &file), 0);
@@ -91,12 +93,12 @@ TEST_F(BatchRun, LeavesAPrivateReport) {
 TEST_F(BatchRun, PrintsStatesProgressAndTheExitValuesOnly) {
   start();
   agent_->acceptScan();
-  agent_->state(0);
-  agent_->state(1);
+  agent_->state(TaskState::kCreated);
+  agent_->state(TaskState::kStarted);
   agent_->progress(50);
   agent_->overview(1, 0, "/data/current");
-  agent_->repair("/data/x", "Eicar", 68, 3);
-  agent_->state(2);
+  agent_->repair("/data/x", "Eicar", 68, json::HandleResult::kReportedOnly);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   const std::string out = console_->out();
   const std::size_t loaded = out.find("[Load Command] Trust\n");
@@ -110,20 +112,20 @@ TEST_F(BatchRun, PrintsStatesProgressAndTheExitValuesOnly) {
 TEST_F(BatchRun, SendsTheScanThatItsOptionsName) {
   start();
   const Json::Value params = agent_->acceptScan();
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_EQ(params["items"].size(), 1U);
   EXPECT_EQ(params["items"][0].asString(), scanned_);
-  EXPECT_EQ(params["scan_type"].asInt(), 2);
-  EXPECT_EQ(params["fix_method"].asInt(), 2);
+  EXPECT_EQ(params["scan_type"].asInt(), json::toNumber(json::ScanMode::kCustom));
+  EXPECT_EQ(params["fix_method"].asInt(), json::toFixMethod(json::Handling::kReportOnly));
 }
 
 TEST_F(BatchRun, HandlesAutomaticallyWhenTheAgentsSettingsSaySo) {
   start();
   const Json::Value params = agent_->acceptScan(3);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
-  EXPECT_EQ(params["fix_method"].asInt(), 0);
+  EXPECT_EQ(params["fix_method"].asInt(), json::toFixMethod(json::Handling::kAutomatic));
   EXPECT_THAT(report(), HasSubstr("病毒查杀状态：2\n"));
   EXPECT_THAT(console_->out(), HasSubstr("FixMethod is 3, handle is 2\n"));
 }
@@ -132,7 +134,7 @@ TEST_F(BatchRun, OfARelativePathScansTheConsolesFolder) {
   scanned_ = ".";
   start();
   const Json::Value params = agent_->acceptScan();
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   exitCode();
   EXPECT_EQ(std::filesystem::path(params["items"][0].asString()).lexically_normal(), tree_.at("bin") + "/");
 }
@@ -142,7 +144,7 @@ TEST_F(BatchRun, OfAPathThatIsNotUtf8NamesTheVeryFolder) {
   std::filesystem::create_directory(scanned_);
   start();
   const Json::Value params = agent_->acceptScan();
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_EQ(params["items"][0].asString(), tree_.at("d\xef\x9f\xbf"));  // U+F7FF
   EXPECT_THAT(report(), HasSubstr("查杀路径：" + tree_.at("d\\xff") + "\n"));
@@ -150,7 +152,7 @@ TEST_F(BatchRun, OfAPathThatIsNotUtf8NamesTheVeryFolder) {
 
 struct Ending {
   const char* name;
-  int state;
+  TaskState state;
   const char* text;
 };
 
@@ -171,26 +173,26 @@ TEST_P(BatchRunEndedBy, WithoutDetectionsGives0AndAReport) {
 TEST_P(BatchRunEndedBy, WithDetectionsGives1AndAReport) {
   start();
   agent_->acceptScan();
-  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->repair("/data/x", "Eicar", 68, json::HandleResult::kReportedOnly);
   agent_->overview(3, 1);
   agent_->state(GetParam().state);
   EXPECT_EQ(exitCode(), 1);
   EXPECT_THAT(report(), HasSubstr("染毒文件全路径：/data/x\n"));
 }
 
-const Ending kEndings[] = {{"StateMinus1", -1, "扫描任务创建失败"},
-                           {"State3", 3, "扫描任务已暂停"},
-                           {"State5", 5, "扫描任务已中止"}};
+const Ending kEndings[] = {{"StateMinus1", TaskState::kNotCreated, "扫描任务创建失败"},
+                           {"State3", TaskState::kPaused, "扫描任务已暂停"},
+                           {"State5", TaskState::kAborted, "扫描任务已中止"}};
 INSTANTIATE_TEST_SUITE_P(Batch, BatchRunEndedBy, testing::ValuesIn(kEndings),
                          [](const auto& row) { return row.param.name; });
 
 TEST_F(BatchRun, ThatMeetsABusyAgentGivesTheCommandAgainAndSucceeds) {
   start("tavcli_quick");
   agent_->acceptScan();
-  agent_->state(6);
+  agent_->state(TaskState::kSameModeExists);
   agent_->acceptScan();
   agent_->overview(3, 0);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(console_->out(), HasSubstr("\n已存在同种类型扫描任务\n"));
   EXPECT_THAT(console_->out(), HasSubstr("\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n"));
@@ -208,9 +210,9 @@ TEST_F(BatchRun, WithoutAnyStateEndsWithItsTimeoutAndGives0) {
 TEST_F(BatchRun, WhoseScanEndsInItsLastWaitGives0AndTellsTheOutcome) {
   start("tavcli", {"-timeout", "5"});
   agent_->acceptScan();
-  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->repair("/data/x", "Eicar", 68, json::HandleResult::kReportedOnly);
   agent_->overview(12, 1);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0) << "the timeout of 5 seconds is used up by the wait of 10";
   EXPECT_EQ(console_->err(), "tavcli: the scan of " + scanned_ +
                                  " was over in the last wait of the timeout of 5 seconds: infected files 1, "
@@ -223,7 +225,7 @@ TEST_F(BatchRun, WithoutAPlaceForItsDebugLogSaysSoInALineThatThePagesTellOf) {
   std::filesystem::permissions(tree_.at("log"), std::filesystem::perms(0777));
   start();
   agent_->acceptScan();
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(console_->err(), testing::StartsWith("tavcli: no debug log is written: "));
   for (const char* page : {"/docs/batch.md", "/docs/console.md"}) {
@@ -236,12 +238,12 @@ TEST_F(BatchRun, WithoutAPlaceForItsDebugLogSaysSoInALineThatThePagesTellOf) {
 TEST_F(BatchRun, IgnoresStatesThatAreNotItsTasks) {
   start();
   agent_->acceptScan();
-  agent_->state(2, "", "");          // no token
-  agent_->state(2, "", "token", 1);  // another kind of task
-  agent_->state(7);
-  agent_->state(-2);
+  agent_->state(TaskState::kFinished, "", "");                              // no token
+  agent_->state(TaskState::kFinished, "", "token", json::BusinessType{1});  // another kind of task
+  agent_->state(TaskState{7});
+  agent_->state(TaskState{-2});
   agent_->overview(3, 0);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(report(), HasSubstr("本次扫描文件数量：3\n"));
 }
@@ -249,13 +251,13 @@ TEST_F(BatchRun, IgnoresStatesThatAreNotItsTasks) {
 TEST_F(BatchRun, TellsTheLossOfTheAgentAndItsReturnAndEndsWithState5) {
   start("tavcli_quick", {}, "200");
   agent_->acceptScan();
-  agent_->state(1);
+  agent_->state(TaskState::kStarted);
   ASSERT_TRUE(console_->waitForOut("扫描任务开始"));
   agent_->kill();
   ASSERT_TRUE(console_->waitForErr("the agent is gone"));
   agent_ = std::make_unique<LunetctlAgent>(tree_);
   ASSERT_TRUE(console_->waitForErr("the agent answers again"));
-  agent_->state(5, "the agent was restarted");
+  agent_->state(TaskState::kAborted, "the agent was restarted");
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(console_->out(), HasSubstr("扫描任务已中止"));
   EXPECT_TRUE(std::filesystem::exists(report_));
@@ -265,9 +267,9 @@ TEST_F(BatchRun, WhoseReportsPlaceIsTakenMeanwhileTellsTheCounts) {
   start();
   agent_->acceptScan();
   std::filesystem::create_directory(report_);
-  agent_->repair("/data/x", "Eicar", 68, 3);
+  agent_->repair("/data/x", "Eicar", 68, json::HandleResult::kReportedOnly);
   agent_->overview(3, 1);
-  agent_->state(2);
+  agent_->state(TaskState::kFinished);
   EXPECT_EQ(exitCode(), 1) << "the outcome stays true";
   EXPECT_THAT(console_->err(), HasSubstr("files scanned 3, infected 1"));
 }
@@ -279,8 +281,8 @@ TEST_F(BatchRun, WithoutAReaderOfItsOutputStillWritesTheReport) {
                        report_ + " 2>/dev/null | true"},
                   options);
   agent_->acceptScan();
-  agent_->state(1);
-  agent_->state(2);
+  agent_->state(TaskState::kStarted);
+  agent_->state(TaskState::kFinished);
   EXPECT_TRUE(testsupport::waitFor([this] { return std::filesystem::exists(report_); }));
 }
 
@@ -289,7 +291,7 @@ class BatchRunSignal : public BatchRun, public testing::WithParamInterface<int> 
 TEST_P(BatchRunSignal, EndsItAndLeavesTheReportsPlaceAlone) {
   start();
   agent_->acceptScan();
-  agent_->state(1);
+  agent_->state(TaskState::kStarted);
   ASSERT_TRUE(console_->waitForOut("扫描任务开始"));
   console_->kill(GetParam());
   EXPECT_EQ(exitCode(), 128 + GetParam());

@@ -3,12 +3,14 @@
 
 #include <csignal>
 
+#include "json/Values.h"
 #include "support/InstallTree.h"
 #include "support/LunetctlAgent.h"
 #include "support/Pty.h"
 
 namespace {
 
+using json::TaskState;
 using testsupport::InstallTree;
 using testsupport::LunetctlAgent;
 using testsupport::PtyProgram;
@@ -187,7 +189,7 @@ TEST_P(NotificationsAt, ComeAboveTheHalfTypedLine) {
     return line == whole && now.cursorCol() == kColumnsBeforeTheCursor % now.cols();
   };
   ASSERT_TRUE(program().waitUntil(lineStands)) << screen().text() << screen().cursorCol();
-  agent_.state(1);
+  agent_.state(TaskState::kStarted);
   ASSERT_TRUE(program().waitForText("扫描任务开始:"));
   for (int percent = 10; percent <= 50; percent += 10) {
     agent_.progress(percent);

@@ -6,11 +6,13 @@
 #include <csignal>
 #include <filesystem>
 
+#include "json/Values.h"
 #include "support/InstallTree.h"
 #include "support/LunetctlAgent.h"
 
 namespace {
 
+using json::TaskState;
 using testing::HasSubstr;
 using testing::Not;
 using testsupport::InstallTree;
@@ -147,14 +149,14 @@ TEST_F(PipedConsole, StartsAScanAndShowsItsNotifications) {
   start();
   console_->write("scan start handle auto mode fast\n");
   const LunetctlAgent::Message call = agent_.waitForCall("startScanTask");
-  EXPECT_EQ(call.params["params"]["scan_type"].asInt(), 0);
+  EXPECT_EQ(call.params["params"]["scan_type"].asInt(), json::toNumber(json::ScanMode::kFast));
   Json::Value accepted;
   accepted["status"] = true;
   agent_.answer(call, accepted);
-  agent_.state(1);
+  agent_.state(TaskState::kStarted);
   agent_.overview(3, 1, "/data/x");
-  agent_.repair("/data/x", "Eicar", 68, 1);
-  agent_.state(2);
+  agent_.repair("/data/x", "Eicar", 68, json::HandleResult::kQuarantined);
+  agent_.state(TaskState::kFinished);
   ASSERT_TRUE(console_->waitForOut("扫描结束"));
   EXPECT_THAT(answer(), testing::StartsWith(
                             "\n扫描任务开始: \n\n当前检测项: /data/x\n\n已检测项: 3\n\n已检出异常项: 1\n"
@@ -172,7 +174,7 @@ TEST_F(PipedConsole, SurvivesTheLossOfTheAgentAndUsesTheNextOne) {
   console_->write("SCAN SHOW\n");
   Json::Value tasks(Json::arrayValue);
   tasks[0]["token_id"] = "abc";
-  tasks[0]["type"] = 0;
+  tasks[0]["type"] = json::toNumber(json::BusinessType::kScan);
   next.answer(next.waitForCall("getBusList"), tasks);
   EXPECT_TRUE(console_->waitForOut("Task: abc is running\n"));
 }

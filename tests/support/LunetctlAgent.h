@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "json/Values.h"
 #include "support/InstallTree.h"
 #include "support/LunetctlPeer.h"
 
@@ -19,15 +20,16 @@ class LunetctlAgent : public LunetctlPeer {
   }
 
   // The notifications of a scan task.
-  void state(int number, const std::string& detail = "", const std::string& token = "token", int type = 0) {
+  void state(json::TaskState state, const std::string& detail = "", const std::string& token = "token",
+             json::BusinessType type = json::BusinessType::kScan) {
     Json::Value params;
     params["ctx"] = Json::objectValue;
     params["detail"] = detail;
     params["params"] = Json::objectValue;
-    params["source"] = 1;
-    params["state"] = number;
+    params["source"] = json::toNumber(json::RequestSource::kConsole);
+    params["state"] = json::toNumber(state);
     params["token_id"] = token;
-    params["type"] = type;
+    params["type"] = json::toNumber(type);
     notify("reportBusStatus", params);
   }
   void progress(int percent) {
@@ -45,21 +47,21 @@ class LunetctlAgent : public LunetctlPeer {
     params["token_id"] = "token";
     notify("reportScanBusOverView", params);
   }
-  void repair(const std::string& item, const std::string& name, int size, int handleResult) {
+  void repair(const std::string& item, const std::string& name, int size, json::HandleResult result) {
     Json::Value params;
-    params["business_type"] = 0;
-    params["fix_method"] = 2;
+    params["business_type"] = json::toNumber(json::BusinessType::kScan);
+    params["fix_method"] = json::toFixMethod(json::Handling::kReportOnly);
     params["risk_info"]["item"] = item;
     params["risk_info"]["risk_name"] = name;
     params["risk_info"]["filesize_src"] = size;
-    params["risk_info_type"] = 5;
-    params["risk_repair_result"]["handle_result"] = handleResult;
+    params["risk_info_type"] = json::toNumber(json::RiskInfoType::kFile);
+    params["risk_repair_result"]["handle_result"] = json::toNumber(result);
     params["token_id"] = "token";
     notify("reportRiskFixInfo", params);
   }
 
   /// Serves the start of an unattended scan; returns the scan's request record.
-  Json::Value acceptScan(int fixMethod = 2) {
+  Json::Value acceptScan(int fixMethod = json::toFixMethod(json::Handling::kReportOnly)) {
     Json::Value settings;
     settings["Common"]["FixMethod"] = fixMethod;
     answer(waitForCall("getAVConfig"), jsonText(settings));
