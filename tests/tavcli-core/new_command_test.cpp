@@ -36,7 +36,7 @@ class PingModule : public TavcliCmdInterface {
   shell::GrammarTable grammar_;
 };
 
-/// In a child: the modules of this process stay those of the product.
+/// In a program of its own: a shell loads its modules once, and this program's shell may be loaded.
 [[noreturn]] void runANewCommand() {
   const PingModule module;
   testsupport::outputOf([] { TavCliCompletion::instance().init(); });
@@ -47,7 +47,10 @@ class PingModule : public TavcliCmdInterface {
 }
 
 TEST(NewCommand, IsItsModuleAndItsTaskAlone) {
+  const std::string before = GTEST_FLAG_GET(death_test_style);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(runANewCommand(), testing::ExitedWithCode(0), "");
+  GTEST_FLAG_SET(death_test_style, before);
 }
 
 }  // namespace
