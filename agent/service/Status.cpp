@@ -46,6 +46,10 @@ std::optional<pid_t> agentPid(const std::string& socketDir) {
 
 /// Compares the bytes: a program that was replaced by an equal one is the same build.
 bool sameProgram(const std::string& one, const std::string& other) {
+  std::error_code error;
+  if (std::filesystem::equivalent(one, other, error)) {
+    return true;
+  }
   std::ifstream first(one, std::ios::binary);
   std::ifstream second(other, std::ios::binary);
   using Bytes = std::istreambuf_iterator<char>;
