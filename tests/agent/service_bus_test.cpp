@@ -9,6 +9,7 @@
 #include "platform/CLogDebug.h"
 #include "service/BusLink.h"
 #include "support/InstallTree.h"
+#include "support/KeepLoaded.h"
 #include "support/Reason.h"
 
 namespace agent {
@@ -51,9 +52,7 @@ TEST_F(BusLinks, WithSettingsThatTheLibraryDoesNotTakeSaySo) {
 }
 
 TEST_F(BusLinks, AtAnAddressThatIsTakenSaySoAndGetItOnceItIsFree) {
-#ifdef TAV_SANITIZED
-  GTEST_SKIP() << "LeakSanitizer's tracer crashes over the thread storage of the unloaded library";
-#endif
+  testsupport::keepLoadedForLeakSanitizer(tree_.busLibrary());
   BusLink second;
   {
     BusLink first;
@@ -69,9 +68,7 @@ TEST_F(BusLinks, AtAnAddressThatIsTakenSaySoAndGetItOnceItIsFree) {
 }
 
 TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
-#ifdef TAV_SANITIZED
-  GTEST_SKIP() << "LeakSanitizer's tracer crashes over the thread storage of the unloaded library";
-#endif
+  testsupport::keepLoadedForLeakSanitizer(tree_.busLibrary());
   tree_.setBusConfig(R"({"log_level":1})");
   CLogDebug* log = CLogDebug::Create();
   log->SetProperty(CLogDebug::kPath, tree_.at("log") + "/");

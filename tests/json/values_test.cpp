@@ -12,6 +12,7 @@ using Lists =
     testing::Types<json::ConfigType, json::RequestSource, json::BusinessType, json::TaskState,
                    json::ControlAction, json::ScanMode, json::RiskInfoType, json::RiskType, json::Finder,
                    json::HandleResult, json::HandleAction, json::ProcessFix, json::ScanFileType,
+                   json::FixMethod, json::CloudScan, json::ProtectLevel, json::FileTrace, json::CloudType,
                    json::CleanType, json::CleanUnit, json::Region, json::RegionAction, json::RegionDomain,
                    json::RegionItemType, json::RegionValidity, json::RestoreAction>;
 TYPED_TEST_SUITE(EveryList, Lists);

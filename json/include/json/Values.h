@@ -69,6 +69,21 @@ enum class HandleAction : std::int32_t {
 /// "proc_fix_method" of a scan request and "FixMethod_MemRisk" of the settings: the handling of a process.
 enum class ProcessFix : std::int32_t { kIgnore = 0, kEnd = 1 };
 
+/// "FixMethod" of the settings: what a user can choose. See Handling.
+enum class FixMethod : std::int32_t { kAutomatic = 0, kManual = 1, kReportOnly = 2 };
+
+/// "CloudScanType" of the settings.
+enum class CloudScan : std::int32_t { kEvery = 0, kActive = 1 };
+
+/// "ProtectLevel" of the settings of real-time protection.
+enum class ProtectLevel : std::int32_t { kHigh = 0, kMiddle = 1, kLow = 2 };
+
+/// "FileTraceSourceType" of the settings of real-time protection.
+enum class FileTrace : std::int32_t { kOff = 0, kOn = 1 };
+
+/// "Type" of the settings' section "Cloud".
+enum class CloudType : std::int32_t { kPublic = 0, kPublicByProxy = 1, kPrivate = 2, kNone = 3 };
+
 /// "ScanFileType" of the settings.
 enum class ScanFileType : std::int32_t { kEvery = 1, kProgramsAndDocuments = 2 };
 
@@ -126,6 +141,11 @@ ENUMERATORS_OF(Finder, kScan, kRealTime, kUsb);
 ENUMERATORS_OF(HandleResult, kQuarantined, kProcessEnded, kReportedOnly, kFailed, kTrusted, kIgnored);
 ENUMERATORS_OF(HandleAction, kByAgent, kClean, kDelete, kQuarantine, kNothing);
 ENUMERATORS_OF(ProcessFix, kIgnore, kEnd);
+ENUMERATORS_OF(FixMethod, kAutomatic, kManual, kReportOnly);
+ENUMERATORS_OF(CloudScan, kEvery, kActive);
+ENUMERATORS_OF(ProtectLevel, kHigh, kMiddle, kLow);
+ENUMERATORS_OF(FileTrace, kOff, kOn);
+ENUMERATORS_OF(CloudType, kPublic, kPublicByProxy, kPrivate, kNone);
 ENUMERATORS_OF(ScanFileType, kEvery, kProgramsAndDocuments);
 ENUMERATORS_OF(CleanType, kByAge, kByRate);
 ENUMERATORS_OF(CleanUnit, kYear, kMonth, kDay, kWeek);
@@ -158,15 +178,16 @@ enum class Handling { kAutomatic, kReportOnly };
 
 /// "fix_method" of a scan request and of the notifications: 0 automatic, 2 report only.
 constexpr std::int32_t toFixMethod(Handling handling) {
-  return handling == Handling::kAutomatic ? 0 : 2;
+  return toNumber(handling == Handling::kAutomatic ? FixMethod::kAutomatic : FixMethod::kReportOnly);
 }
 /// How the agent reads a "fix_method" or a "FixMethod": only 0 is automatic.
 constexpr Handling handlingInForce(std::int64_t fixMethod) {
-  return fixMethod == 0 ? Handling::kAutomatic : Handling::kReportOnly;
+  return fixMethod == toNumber(FixMethod::kAutomatic) ? Handling::kAutomatic : Handling::kReportOnly;
 }
 /// How the console reads the setting "FixMethod": 1 and 2 are report only, every other number automatic.
 constexpr Handling handlingOfSetting(std::int64_t fixMethod) {
-  return fixMethod == 1 || fixMethod == 2 ? Handling::kReportOnly : Handling::kAutomatic;
+  const std::optional<FixMethod> method = fromNumber<FixMethod>(fixMethod);
+  return method && *method != FixMethod::kAutomatic ? Handling::kReportOnly : Handling::kAutomatic;
 }
 /// "fix_handle" of the batch report: 1 report only, 2 automatic.
 constexpr std::int32_t toFixHandle(Handling handling) {

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <span>
-#include <type_traits>
 
 #include "json/CppJson.h"
 #include "json/Values.h"
@@ -21,10 +20,8 @@ struct ValueName {
   std::int32_t value;
   const char* name;
 
-  constexpr ValueName(std::int32_t number, const char* text) : value(number), name(text) {}
   template <class E>
-  requires std::is_enum_v<E>
-  constexpr ValueName(E enumerator, const char* text) : ValueName(json::toNumber(enumerator), text) {}
+  constexpr ValueName(E enumerator, const char* text) : value(json::toNumber(enumerator)), name(text) {}
 };
 
 /// The names of a setting's values, and the name of every other value.
@@ -35,14 +32,18 @@ struct ValueNames {
 
 constexpr ValueName kFileTypeNames[] = {{json::ScanFileType::kEvery, "全部文件"},
                                         {json::ScanFileType::kProgramsAndDocuments, "仅程序及文档"}};
-constexpr ValueName kFixMethodNames[] = {{0, "自动处理"}, {1, "手动处理"}, {2, "仅上报不处理"}};
+constexpr ValueName kFixMethodNames[] = {{json::FixMethod::kAutomatic, "自动处理"},
+                                         {json::FixMethod::kManual, "手动处理"},
+                                         {json::FixMethod::kReportOnly, "仅上报不处理"}};
 constexpr ValueName kHandleActionNames[] = {{json::HandleAction::kClean, "清除"},
                                             {json::HandleAction::kDelete, "删除"},
                                             {json::HandleAction::kQuarantine, "隔离"}};
 constexpr ValueName kMemRiskNames[] = {{json::ProcessFix::kIgnore, "忽略"}, {json::ProcessFix::kEnd, "终止"}};
-constexpr ValueName kCloudScanNames[] = {{0, "扫描所有文件"}, {1, "扫描活跃文件"}};
-constexpr ValueName kProtectLevelNames[] = {{0, "高"}, {1, "中"}, {2, "低"}};
-constexpr ValueName kTraceNames[] = {{1, kOn}};
+constexpr ValueName kCloudScanNames[] = {{json::CloudScan::kEvery, "扫描所有文件"},
+                                         {json::CloudScan::kActive, "扫描活跃文件"}};
+constexpr ValueName kProtectLevelNames[] = {
+    {json::ProtectLevel::kHigh, "高"}, {json::ProtectLevel::kMiddle, "中"}, {json::ProtectLevel::kLow, "低"}};
+constexpr ValueName kTraceNames[] = {{json::FileTrace::kOn, kOn}};
 constexpr ValueName kCleanUnitNames[] = {{json::CleanUnit::kYear, "年"},
                                          {json::CleanUnit::kMonth, "月"},
                                          {json::CleanUnit::kDay, "日"},
@@ -144,7 +145,7 @@ struct CloudAddress {
 
 /// The display of a kind of cloud: its addresses, then its name.
 struct CloudKind {
-  std::int32_t type;
+  json::CloudType type;
   std::span<const CloudAddress> addresses;
   const char* name;
 };
@@ -161,12 +162,13 @@ constexpr CloudAddress kPrivateCloud[] = {
     {"私有云查杀服务代理地址", "PrivateCloudUrl"},
 };
 constexpr CloudKind kCloudKinds[] = {
-    {0, kPublicCloud, "直接连接公有云"},
-    {1, kProxyCloud, "通过代理服务器连接公有云"},
-    {2, kPrivateCloud, "直接连接私有云"},
-    {3, {}, "关闭云查杀"},
+    {json::CloudType::kPublic, kPublicCloud, "直接连接公有云"},
+    {json::CloudType::kPublicByProxy, kProxyCloud, "通过代理服务器连接公有云"},
+    {json::CloudType::kPrivate, kPrivateCloud, "直接连接私有云"},
+    {json::CloudType::kNone, {}, "关闭云查杀"},
 };
-constexpr CloudKind kOtherCloud{-1, {}, "直接连接公有云"};
+/// The display of every other type.
+constexpr CloudKind kOtherCloud{json::CloudType::kPublic, {}, "直接连接公有云"};
 
 /// Null when the document has no such section.
 const Json::Value* findSection(const Json::Value& document, const char* name) {
@@ -272,7 +274,7 @@ std::string cleaningText(const Json::Value& autoClean) {
 
 const CloudKind& cloudKind(std::int32_t type) {
   for (const CloudKind& kind : kCloudKinds) {
-    if (kind.type == type) {
+    if (json::toNumber(kind.type) == type) {
       return kind;
     }
   }

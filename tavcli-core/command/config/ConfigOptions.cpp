@@ -6,10 +6,10 @@ namespace command {
 
 namespace {
 
+using json::CloudScan;
+using json::FixMethod;
+using json::ProtectLevel;
 using json::toNumber;
-constexpr std::int32_t kAutomatic = json::toFixMethod(json::Handling::kAutomatic);
-constexpr std::int32_t kReportOnly = json::toFixMethod(json::Handling::kReportOnly);
-constexpr std::int32_t kManual = 1;
 
 EndNode typed(const char* name, const char* help, const char* hint, const char* key, Typed as = Typed::kInt) {
   return {name, help, {}, hint, key, as, false};
@@ -40,9 +40,9 @@ const std::vector<ConfigOption>& configOptions() {
 
       {"SCAN HANDLING",
        "默认处理方式",
-       {{"AUTO", "系统自动处理", {{"FixMethod", kAutomatic}}},
-        {"UPLOAD", "仅上报不处理", {{"FixMethod", kReportOnly}}},
-        detached("MANUAL", "手动处理", {{"FixMethod", kManual}})}},
+       {{"AUTO", "系统自动处理", {{"FixMethod", toNumber(FixMethod::kAutomatic)}}},
+        {"UPLOAD", "仅上报不处理", {{"FixMethod", toNumber(FixMethod::kReportOnly)}}},
+        detached("MANUAL", "手动处理", {{"FixMethod", toNumber(FixMethod::kManual)}})}},
       {"SCAN INFECTION", "防感染模式", onOff("AntiInfection")},
       {"SCAN LIVESCANNIING", "活体扫描", onOff("MemCheck")},
       {"SCAN PROCHANDLING",
@@ -58,8 +58,8 @@ const std::vector<ConfigOption>& configOptions() {
       {"SCAN PARALLELISM", "扫描并行度", {typed("COUNT", "并行度", "\"[int](2-64)\"", "Parallelism")}},
       {"SCAN CLOUDSCANTYPE",
        "云查杀扫描类型",
-       {{"ALL", "扫描所有文件", {{"CloudScanType", 0}}},
-        {"ACTIVE", "仅扫描活跃文件", {{"CloudScanType", 1}}}}},
+       {{"ALL", "扫描所有文件", {{"CloudScanType", toNumber(CloudScan::kEvery)}}},
+        {"ACTIVE", "仅扫描活跃文件", {{"CloudScanType", toNumber(CloudScan::kActive)}}}}},
 
       {"COMPRESS_SCAN LAYERACTIVE", "是否扫描压缩包", onOff("Flag")},
       {"COMPRESS_SCAN LAYER", "压缩包层数限制", {typed("DATA", "层数", "\"[int]\"", "Layer")}},
@@ -69,17 +69,20 @@ const std::vector<ConfigOption>& configOptions() {
        "默认处理方式",
        {{"AUTO",
          "系统自动处理",
-         {{"FixMethod", kAutomatic}, {"HandleAction", toNumber(json::HandleAction::kClean)}}},
+         {{"FixMethod", toNumber(FixMethod::kAutomatic)},
+          {"HandleAction", toNumber(json::HandleAction::kClean)}}},
         {"UPLOAD",
          "仅上报不处理",
-         {{"FixMethod", kReportOnly}, {"HandleAction", toNumber(json::HandleAction::kNothing)}}},
+         {{"FixMethod", toNumber(FixMethod::kReportOnly)},
+          {"HandleAction", toNumber(json::HandleAction::kNothing)}}},
         detached("MANUAL", "手动处理",
-                 {{"FixMethod", kManual}, {"HandleAction", toNumber(json::HandleAction::kClean)}})}},
+                 {{"FixMethod", toNumber(FixMethod::kManual)},
+                  {"HandleAction", toNumber(json::HandleAction::kClean)}})}},
       {"WATCHER LEVEL",
        "防护级别",
-       {{"HIGH", "高", {{"ProtectLevel", 0}}},
-        {"MIDDLE", "中", {{"ProtectLevel", 1}}},
-        {"LOW", "低", {{"ProtectLevel", 2}}}}},
+       {{"HIGH", "高", {{"ProtectLevel", toNumber(ProtectLevel::kHigh)}}},
+        {"MIDDLE", "中", {{"ProtectLevel", toNumber(ProtectLevel::kMiddle)}}},
+        {"LOW", "低", {{"ProtectLevel", toNumber(ProtectLevel::kLow)}}}}},
       {"WATCHER FILETYPE",
        "防护文件类型",
        {{"ALL", "全部文件", {{"ScanFileType", toNumber(json::ScanFileType::kEvery)}}},
@@ -90,11 +93,12 @@ const std::vector<ConfigOption>& configOptions() {
       {"WATCHER SKIPACTIVE", "是否开启文件大小限制", {{"ON", "开启", {}}, {"OFF", "关闭", {}}}},
       {"WATCHER CLOUDSCANTYPE",
        "云查杀扫描类型",
-       {{"ALL", "扫描所有文件", {{"CloudScanType", 0}}},
-        {"ACTIVE", "仅扫描活跃文件", {{"CloudScanType", 1}}}}},
+       {{"ALL", "扫描所有文件", {{"CloudScanType", toNumber(CloudScan::kEvery)}}},
+        {"ACTIVE", "仅扫描活跃文件", {{"CloudScanType", toNumber(CloudScan::kActive)}}}}},
       {"WATCHER TRACESOURCE",
        "文件溯源开关",
-       {{"ON", "开启", {{"FileTraceSourceType", 1}}}, {"OFF", "关闭", {{"FileTraceSourceType", 0}}}}},
+       {{"ON", "开启", {{"FileTraceSourceType", toNumber(json::FileTrace::kOn)}}},
+        {"OFF", "关闭", {{"FileTraceSourceType", toNumber(json::FileTrace::kOff)}}}}},
 
       {"COMPRESS_WATCHER ACTIVE", "是否开启压缩包监控", onOff("Flag")},
       {"COMPRESS_WATCHER LAYER", "压缩包层数限制", {typed("DATA", "层数", "\"[int]\"", "Layer")}},

@@ -4,6 +4,7 @@
 
 #include "command/config/comm/send/CliConfigCommunication.h"
 #include "json/CppJson.h"
+#include "json/Values.h"
 #include "lineeditor/Signals.h"
 
 namespace {
@@ -28,7 +29,6 @@ constexpr Destination kDestinations[] = {
 };
 
 constexpr int kCompact = 1;
-constexpr int kPublicCloud = 0;
 
 constexpr int (*kPages[])() = {
     CliConfigCommunication::action_scanconfig_show,
@@ -55,7 +55,7 @@ Json::Value wrapped(const Destination& destination, const Json::Value& settings)
   // The cloud engine needs a cloud.
   if (destination.section == TavCliCmdConfigExec::kEngine &&
       CppJson::readBool(settings, "CloudEngine", false)) {
-    change["Cloud"]["Type"] = kPublicCloud;
+    change["Cloud"]["Type"] = json::toNumber(json::CloudType::kPublic);
   }
   return change;
 }
