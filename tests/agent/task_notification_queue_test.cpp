@@ -60,11 +60,8 @@ class FakeConsole {
   int tries_ = 0;
 };
 
-NotificationQueue::Limits quick() {
-  NotificationQueue::Limits limits;
-  limits.keptBytes = 1000;
-  limits.retry = std::chrono::milliseconds(1);
-  return limits;
+NotificationQueue::Limits quick(std::chrono::milliseconds stall = std::chrono::minutes(5)) {
+  return {.keptBytes = 1000, .retry = std::chrono::milliseconds(1), .stall = stall};
 }
 
 std::shared_ptr<Receiver> aReceiver() {
@@ -74,179 +71,163 @@ bool never() {
   return false;
 }
 
-TEST(NotificationQueue, NoticesLeaveInTheOrderTheyWerePosted) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
+/// A queue, and a console with its receiver. Another console serves the tests that need two.
+class NotificationQueueTest : public ::testing::Test {
+ protected:
+  void post(const std::string& text, NotificationKind kind = kKept, std::size_t bytes = 10) {
+    queue.post(receiver, kind, bytes, console.notification(text));
+  }
+  void post(SendNotification send) { queue.post(receiver, kKept, 10, std::move(send)); }
+  bool drain() { return queue.drain(std::chrono::seconds(10)); }
+
+  // The queue ends first: its thread uses the others.
+  FakeConsole console, other;
+  std::atomic<int> tries{0};  ///< of a test's own sends
+  const std::shared_ptr<Receiver> receiver = aReceiver();
+  NotificationQueue queue{quick()};
+};
+
+TEST_F(NotificationQueueTest, NotificationsLeaveInTheOrderTheyWerePosted) {
   std::vector<std::string> expected;
   for (int i = 0; i < 200; ++i) {
-    queue.post(receiver, kKept, 10, console.notification(std::to_string(i)));
+    post(std::to_string(i));
     expected.push_back(std::to_string(i));
   }
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(drain());
   EXPECT_EQ(expected, console.taken());
 }
 
-TEST(NotificationQueue, WhileTheReceiverStallsOnlyTheNewestProgressAndOverviewAreKept) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, WhileTheReceiverStallsOnlyTheNewestProgressAndOverviewAreKept) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, console.notification("risk 1"));
+  post("risk 1");
   ASSERT_TRUE(waitFor([&] { return console.tries() > 1; }));
   for (int i = 0; i < 50; ++i) {
-    queue.post(receiver, kProgress, 10, console.notification("progress " + std::to_string(i)));
-    queue.post(receiver, kOverview, 10, console.notification("overview " + std::to_string(i)));
+    post("progress " + std::to_string(i), kProgress);
+    post("overview " + std::to_string(i), kOverview);
   }
-  queue.post(receiver, kKept, 10, console.notification("risk 2"));
-  queue.post(receiver, kOverview, 10, console.notification("last overview"));
-  queue.post(receiver, kKept, 10, console.notification("state 2"));
+  post("risk 2");
+  post("last overview", kOverview);
+  post("state 2");
   console.answer(lunet::kOk);
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(drain());
   EXPECT_THAT(console.taken(), ElementsAre("risk 1", "progress 49", "risk 2", "last overview", "state 2"));
 }
 
-TEST(NotificationQueue, AStalledReceiverHoldsUpNobodyElse) {
-  FakeConsole stalled;
-  stalled.answer(lunet::kErrQueueFull);
-  FakeConsole other;
-  NotificationQueue queue(quick());
-  queue.post(aReceiver(), kKept, 10, stalled.notification("x"));
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, other.notification("1"));
-  queue.post(receiver, kKept, 10, other.notification("2"));
+TEST_F(NotificationQueueTest, AStalledReceiverHoldsUpNobodyElse) {
+  console.answer(lunet::kErrQueueFull);
+  post("x");
+  const auto second = aReceiver();
+  queue.post(second, kKept, 10, other.notification("1"));
+  queue.post(second, kKept, 10, other.notification("2"));
   EXPECT_TRUE(waitFor([&] { return other.taken().size() == 2; }));
 }
 
-TEST(NotificationQueue, PostingNeverWaits) {
+TEST_F(NotificationQueueTest, PostingNeverWaits) {
   std::promise<void> release;
   const auto released = release.get_future().share();
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
   for (int i = 0; i < 1000; ++i) {
-    queue.post(receiver, kKept, 100, [released]() -> std::uint32_t {
+    post([released]() -> std::uint32_t {
       released.wait();
       return lunet::kOk;
     });
   }
   release.set_value();
-  EXPECT_TRUE(queue.drain(std::chrono::seconds(10)));
+  EXPECT_TRUE(drain());
 }
 
-class GoneOn : public ::testing::TestWithParam<std::pair<const char*, std::uint32_t>> {};
+using ErrorRow = std::pair<const char*, std::uint32_t>;
+
+class GoneOn : public NotificationQueueTest, public ::testing::WithParamInterface<ErrorRow> {};
 
 TEST_P(GoneOn, TheRestIsDroppedAndNothingMoreIsTried) {
-  FakeConsole console;
   console.answer(GetParam().second);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
   // Both are on their way before the first is tried.
   std::promise<void> gate;
   queue.post(aReceiver(), kKept, 0, [opened = gate.get_future().share()]() -> std::uint32_t {
     opened.wait();
     return lunet::kOk;
   });
-  queue.post(receiver, kKept, 10, console.notification("1"));
-  queue.post(receiver, kKept, 10, console.notification("2"));
+  post("1");
+  post("2");
   gate.set_value();
   ASSERT_TRUE(waitFor([&] { return queue.gone(receiver); }));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(drain());
   console.answer(lunet::kOk);
-  queue.post(receiver, kKept, 10, console.notification("3"));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  post("3");
+  ASSERT_TRUE(drain());
   EXPECT_EQ(1, console.tries());
   EXPECT_TRUE(console.taken().empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Errors, GoneOn,
-    ::testing::Values(std::pair("NobodyAtTheAddress", std::uint32_t{lunet::kErrNoTarget}),
-                      std::pair("AnotherProcessAtTheAddress", std::uint32_t{lunet::kErrNotSame}),
-                      std::pair("TheEndpointClosed", std::uint32_t{lunet::kErrNotOpen}),
-                      std::pair("ADeniedPeer", std::uint32_t{lunet::kErrDenied})),
-    [](const auto& row) { return std::string(row.param.first); });
+INSTANTIATE_TEST_SUITE_P(Errors, GoneOn,
+                         ::testing::Values(ErrorRow{"NobodyAtTheAddress", lunet::kErrNoTarget},
+                                           ErrorRow{"AnotherProcessAtTheAddress", lunet::kErrNotSame},
+                                           ErrorRow{"TheEndpointClosed", lunet::kErrNotOpen},
+                                           ErrorRow{"ADeniedPeer", lunet::kErrDenied}),
+                         [](const auto& row) { return std::string(row.param.first); });
 
-class RetriedOn : public ::testing::TestWithParam<std::pair<const char*, std::uint32_t>> {};
+class RetriedOn : public NotificationQueueTest, public ::testing::WithParamInterface<ErrorRow> {};
 
-TEST_P(RetriedOn, TheNoticeIsTriedAgainAndNotLost) {
-  FakeConsole console;
+TEST_P(RetriedOn, TheNotificationIsTriedAgainAndNotLost) {
   console.answer(GetParam().second);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, console.notification("1"));
-  queue.post(receiver, kKept, 10, console.notification("2"));
+  post("1");
+  post("2");
   ASSERT_TRUE(waitFor([&] { return console.tries() > 1; }));
   EXPECT_FALSE(queue.gone(receiver));
   console.answer(lunet::kOk);
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(drain());
   EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Errors, RetriedOn,
-                         ::testing::Values(std::pair("AFullQueue", std::uint32_t{lunet::kErrQueueFull}),
-                                           std::pair("ATimeout", std::uint32_t{lunet::kErrTimeout}),
-                                           std::pair("ALostPeer", std::uint32_t{lunet::kErrPeerLost}),
-                                           std::pair("WantOfMemory", std::uint32_t{lunet::kErrSystem})),
+                         ::testing::Values(ErrorRow{"AFullQueue", lunet::kErrQueueFull},
+                                           ErrorRow{"ATimeout", lunet::kErrTimeout},
+                                           ErrorRow{"ALostPeer", lunet::kErrPeerLost},
+                                           ErrorRow{"WantOfMemory", lunet::kErrSystem}),
                          [](const auto& row) { return std::string(row.param.first); });
 
-TEST(NotificationQueue, ANoticeThatIsTriedAgainLeavesBeforeThoseBehindIt) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  std::atomic<int> tries{0};
-  queue.post(receiver, kKept, 10, [&, first = console.notification("1")]() -> std::uint32_t {
+TEST_F(NotificationQueueTest, ANotificationThatIsTriedAgainLeavesBeforeThoseBehindIt) {
+  post([&, first = console.notification("1")]() -> std::uint32_t {
     return ++tries == 1 ? lunet::kErrQueueFull : first();
   });
-  queue.post(receiver, kKept, 10, console.notification("2"));
-  queue.post(receiver, kKept, 10, console.notification("3"));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  post("2");
+  post("3");
+  ASSERT_TRUE(drain());
   EXPECT_THAT(console.taken(), ElementsAre("1", "2", "3"));
 }
 
-TEST(NotificationQueue, AProgressThatWasNotTakenGivesWayToANewerOneThatCameMeanwhile) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  std::atomic<int> tries{0};
+TEST_F(NotificationQueueTest, AProgressThatWasNotTakenGivesWayToANewerOneThatCameMeanwhile) {
   queue.post(receiver, kProgress, 10, [&]() -> std::uint32_t {
     if (++tries == 1) {
-      queue.post(receiver, kProgress, 10, console.notification("newer"));
+      post("newer", kProgress);
     }
     return tries == 1 ? lunet::kErrQueueFull : lunet::kOk;
   });
   ASSERT_TRUE(waitFor([&] { return !console.taken().empty(); }));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(drain());
   EXPECT_EQ(1, tries);
   EXPECT_THAT(console.taken(), ElementsAre("newer"));
 }
 
-TEST(NotificationQueue, WhatIsPostedByTheActionLeavesBeforeTheActionThatIsSetThen) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
+TEST_F(NotificationQueueTest, WhatIsPostedByTheActionLeavesBeforeTheActionThatIsSetThen) {
   std::promise<void> second;
-  queue.post(receiver, kKept, 10, console.notification("1"));
+  post("1");
   queue.onDelivered(receiver, [&] {
-    queue.post(receiver, kKept, 10, console.notification("2"));
+    post("2");
     queue.onDelivered(receiver, [&] { second.set_value(); });
   });
   EXPECT_EQ(std::future_status::ready, second.get_future().wait_for(std::chrono::seconds(10)));
   EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
 }
 
-TEST(NotificationQueue, ANoticeThatIsPostedByTheActionBehindTheLastOneLeavesToo) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, console.notification("1"));
-  queue.onDelivered(receiver, [&] { queue.post(receiver, kKept, 10, console.notification("2")); });
+TEST_F(NotificationQueueTest, ANotificationThatIsPostedByTheActionBehindTheLastOneLeavesToo) {
+  post("1");
+  queue.onDelivered(receiver, [&] { post("2"); });
   EXPECT_TRUE(waitFor([&] { return console.taken().size() == 2; }));
   EXPECT_THAT(console.taken(), ElementsAre("1", "2"));
 }
 
-TEST(NotificationQueue, AnActionThatIsSetByTheActionBeforeItRunsToo) {
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
+TEST_F(NotificationQueueTest, AnActionThatIsSetByTheActionBeforeItRunsToo) {
   std::promise<void> second;
   std::atomic<int> first{0};
   queue.onDelivered(receiver, [&] {
@@ -254,142 +235,106 @@ TEST(NotificationQueue, AnActionThatIsSetByTheActionBeforeItRunsToo) {
     queue.onDelivered(receiver, [&] { second.set_value(); });
   });
   EXPECT_EQ(std::future_status::ready, second.get_future().wait_for(std::chrono::seconds(10)));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+  ASSERT_TRUE(drain());
   EXPECT_EQ(1, first);
 }
 
-TEST(NotificationQueue, AStalledReceiverIsGivenUpAlsoWhileMoreIsPosted) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, AStalledReceiverIsGivenUpAlsoWhileMoreIsPosted) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue::Limits limits = quick();
-  limits.stall = std::chrono::milliseconds(100);
-  NotificationQueue queue(limits);
-  const auto receiver = aReceiver();
+  NotificationQueue impatient(quick(std::chrono::milliseconds(100)));
   EXPECT_TRUE(waitFor([&] {
-    queue.post(receiver, kKept, 10, console.notification("x"));
-    return queue.gone(receiver);
+    impatient.post(receiver, kKept, 10, console.notification("x"));
+    return impatient.gone(receiver);
   }));
 }
 
-TEST(NotificationQueue, AReceiverThatTakesItsNoticesSlowlyIsNotStalled) {
-  FakeConsole console;
-  NotificationQueue::Limits limits = quick();
-  limits.stall = std::chrono::milliseconds(1500);
-  NotificationQueue queue(limits);
-  const auto receiver = aReceiver();
+TEST_F(NotificationQueueTest, AReceiverThatTakesItsNotificationsSlowlyIsNotStalled) {
+  NotificationQueue impatient(quick(std::chrono::milliseconds(1500)));
   for (int i = 0; i < 12; ++i) {
-    queue.post(receiver, kKept, 10, [] {
+    impatient.post(receiver, kKept, 10, [] {
       std::this_thread::sleep_for(std::chrono::milliseconds(140));  // the receiver's own time
       return std::uint32_t{lunet::kOk};
     });
   }
-  std::atomic<int> tries{0};
-  queue.post(receiver, kKept, 10,
-             [&]() -> std::uint32_t { return ++tries == 1 ? lunet::kErrQueueFull : lunet::kOk; });
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(20)));
-  EXPECT_FALSE(queue.gone(receiver));
+  impatient.post(receiver, kKept, 10,
+                 [&]() -> std::uint32_t { return ++tries == 1 ? lunet::kErrQueueFull : lunet::kOk; });
+  ASSERT_TRUE(impatient.drain(std::chrono::seconds(20)));
+  EXPECT_FALSE(impatient.gone(receiver));
   EXPECT_EQ(2, tries);
 }
 
-TEST(NotificationQueue, ANoticeThatIsTooLargeCostsItselfOnly) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, []() -> std::uint32_t { return lunet::kErrTooLarge; });
-  queue.post(receiver, kKept, 10, console.notification("next"));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+TEST_F(NotificationQueueTest, ANotificationThatIsTooLargeCostsItselfOnly) {
+  post([]() -> std::uint32_t { return lunet::kErrTooLarge; });
+  post("next");
+  ASSERT_TRUE(drain());
   EXPECT_THAT(console.taken(), ElementsAre("next"));
 }
 
-TEST(NotificationQueue, ANoticeThatThrowsCostsItselfOnly) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, []() -> std::uint32_t { throw std::runtime_error("no"); });
-  queue.post(receiver, kKept, 10, console.notification("next"));
-  ASSERT_TRUE(queue.drain(std::chrono::seconds(10)));
+TEST_F(NotificationQueueTest, ANotificationThatThrowsCostsItselfOnly) {
+  post([]() -> std::uint32_t { throw std::runtime_error("no"); });
+  post("next");
+  ASSERT_TRUE(drain());
   EXPECT_THAT(console.taken(), ElementsAre("next"));
 }
 
-TEST(NotificationQueue, AReceiverThatTakesNothingForTheStallLimitCountsAsGone) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, AReceiverThatTakesNothingForTheStallLimitCountsAsGone) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue::Limits limits = quick();
-  limits.stall = std::chrono::milliseconds(20);
-  NotificationQueue queue(limits);
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, console.notification("1"));
-  EXPECT_TRUE(waitFor([&] { return queue.gone(receiver); }));
+  NotificationQueue impatient(quick(std::chrono::milliseconds(20)));
+  impatient.post(receiver, kKept, 10, console.notification("1"));
+  EXPECT_TRUE(waitFor([&] { return impatient.gone(receiver); }));
 }
 
-TEST(NotificationQueue, WaitForRoomWaitsUntilTheReceiverTakesAgain) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, WaitForQuotaWaitsUntilTheReceiverTakesAgain) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
   for (int i = 0; i < 30; ++i) {
-    queue.post(receiver, kKept, 100, console.notification(std::to_string(i)));
+    post(std::to_string(i), kKept, 100);
   }
-  std::atomic<bool> room{false};
+  std::atomic<bool> waited{false};
   std::thread waiter([&] {
     queue.waitForQuota(receiver, never);
-    room = true;
+    waited = true;
   });
   ASSERT_TRUE(waitFor([&] { return console.tries() > 3; }));
-  EXPECT_FALSE(room);
+  EXPECT_FALSE(waited);
   console.answer(lunet::kOk);
-  EXPECT_TRUE(waitFor([&] { return room.load(); }));
+  EXPECT_TRUE(waitFor([&] { return waited.load(); }));
   waiter.join();
 }
 
-TEST(NotificationQueue, WaitForRoomEndsWhenCancelled) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, WaitForQuotaEndsWhenCancelled) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 5000, console.notification("x"));
+  post("x", kKept, 5000);
   queue.waitForQuota(receiver, [] { return true; });
 }
 
-TEST(NotificationQueue, WaitForRoomEndsWhenTheReceiverIsGone) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, WaitForQuotaEndsWhenTheReceiverIsGone) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 5000, console.notification("x"));
+  post("x", kKept, 5000);
   std::thread waiter([&] { queue.waitForQuota(receiver, never); });
   console.answer(lunet::kErrNotSame);
   waiter.join();
   EXPECT_TRUE(queue.gone(receiver));
 }
 
-TEST(NotificationQueue, WhenEmptyRunsBehindTheLastNotice) {
-  FakeConsole console;
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, console.notification("1"));
-  queue.post(receiver, kKept, 10, console.notification("2"));
+TEST_F(NotificationQueueTest, TheActionRunsBehindTheLastNotification) {
+  post("1");
+  post("2");
   std::promise<std::size_t> taken;
   queue.onDelivered(receiver, [&] { taken.set_value(console.taken().size()); });
   EXPECT_EQ(2U, taken.get_future().get());
 }
 
-TEST(NotificationQueue, WhenEmptyRunsAlsoForAReceiverThatIsGone) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, TheActionRunsAlsoForAReceiverThatIsGone) {
   console.answer(lunet::kErrNoTarget);
-  NotificationQueue queue(quick());
-  const auto receiver = aReceiver();
-  queue.post(receiver, kKept, 10, console.notification("1"));
+  post("1");
   std::promise<void> done;
   queue.onDelivered(receiver, [&] { done.set_value(); });
   EXPECT_EQ(std::future_status::ready, done.get_future().wait_for(std::chrono::seconds(10)));
 }
 
-TEST(NotificationQueue, EndsWhileAReceiverStalls) {
-  FakeConsole console;
+TEST_F(NotificationQueueTest, EndsWhileAReceiverStalls) {
   console.answer(lunet::kErrQueueFull);
-  NotificationQueue queue(quick());
-  queue.post(aReceiver(), kKept, 10, console.notification("1"));
+  post("1");
   EXPECT_FALSE(queue.drain(std::chrono::milliseconds(5)));
 }
 
@@ -414,16 +359,13 @@ SendNotification timesOut(std::atomic<int>& tries) {
   };
 }
 
-TEST(NotificationQueue, WhatOneEndpointOfAMemberTakesFromTheSenderCountsAgainstAllOfHis) {
-  std::atomic<int> tries{0};
-  NotificationQueue queue(quick());
-  std::vector<std::shared_ptr<Receiver>> boxes;
+TEST_F(NotificationQueueTest, WhatOneEndpointOfAMemberTakesFromTheSenderCountsAgainstAllOfThatMember) {
+  std::vector<std::shared_ptr<Receiver>> receivers;
   for (int i = 0; i < 20; ++i) {
-    boxes.push_back(std::make_shared<Receiver>("a member's console", 4711));
-    queue.post(boxes.back(), kKept, 10, timesOut(tries));
+    receivers.push_back(std::make_shared<Receiver>("a member's console", 4711));
+    queue.post(receivers.back(), kKept, 10, timesOut(tries));
   }
   ASSERT_TRUE(waitFor([&] { return tries > 0; }));
-  FakeConsole other;
   EXPECT_EQ(20, takenOneByOne(queue, other, 20));
   EXPECT_EQ(1, tries);
 }
@@ -447,14 +389,14 @@ class BusConsole final : public lunet::IMRReceiveComplete {
 
   lunet::IEndpoint* const endpoint;
   lunet::Guid guid{};
-  lunet::PeerIdentity sender;  // of the last message; read when count has been
+  lunet::PeerIdentity sender;  // of the last message; read after count
   std::atomic<int> count{0};
 
  private:
   lunet::IClient& client_;
 };
 
-TEST(NotificationQueueOnTheBus, AConsoleThatNeverWelcomesKeepsNoOtherWaiting) {
+TEST(NotificationQueueOnTheBus, AConsoleThatFinishesNoHandshakeKeepsNoOtherWaiting) {
   const testsupport::TempDir tree;
   lunet::BusClient bus;
   ASSERT_TRUE(bus.load(TAV_LIB_DIR "/libLunetClientMgr.so"));
@@ -465,35 +407,35 @@ TEST(NotificationQueueOnTheBus, AConsoleThatNeverWelcomesKeepsNoOtherWaiting) {
   ASSERT_TRUE(waitFor([&] { return agent.count == 1; }));
   const lunet::PeerIdentity process = agent.sender;
 
-  const lunet::Guid deaf{1, 2, 3};
+  const lunet::Guid silent{1, 2, 3};
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  (tree.at("run/lunet/") + lunet::formatGuid(deaf) + ".sock")
+  (tree.at("run/lunet/") + lunet::formatGuid(silent) + ".sock")
       .copy(address.sun_path, sizeof address.sun_path - 1);
   const platform::Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
   ASSERT_EQ(0, listen(listener.get(), 5));
 
-  const auto notice = [&agent, &process](const lunet::Guid& target,
-                                         std::atomic<int>& tries) -> SendNotification {
+  const auto notification = [&agent, &process](const lunet::Guid& target,
+                                               std::atomic<int>& tries) -> SendNotification {
     return [&agent, &process, &target, &tries] {
       ++tries;
       return agent.endpoint->SendToProcess(target, process, lunet::kOnewayChannel, "x", 1);
     };
   };
-  std::atomic<int> deafTries{0};
+  std::atomic<int> silentTries{0};
   std::atomic<int> tries{0};
   NotificationQueue queue(quick());
-  const auto deafBox = aReceiver();
-  queue.post(deafBox, kKept, 10, notice(deaf, deafTries));
-  ASSERT_TRUE(waitFor([&] { return deafTries == 1; }));
+  const auto silentReceiver = aReceiver();
+  queue.post(silentReceiver, kKept, 10, notification(silent, silentTries));
+  ASSERT_TRUE(waitFor([&] { return silentTries == 1; }));
   const auto receiver = aReceiver();
   for (int i = 1; i <= 200; ++i) {
-    queue.post(receiver, kKept, 10, notice(console.guid, tries));
+    queue.post(receiver, kKept, 10, notification(console.guid, tries));
     ASSERT_TRUE(waitFor([&] { return console.count == i; }));
   }
-  EXPECT_EQ(1, deafTries);
-  EXPECT_FALSE(queue.gone(deafBox));  // it may come to itself
+  EXPECT_EQ(1, silentTries);
+  EXPECT_FALSE(queue.gone(silentReceiver));  // a later try may succeed
 }
 
 }  // namespace
