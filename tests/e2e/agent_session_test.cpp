@@ -61,8 +61,7 @@ class PromptSession : public Session {
     options.cols = 300;
     options.rows = 50;
     options.workingDir = tree.at("bin");
-    options.environment = {
-        {"XDG_STATE_HOME", tree.at("home")}, {"TERM", "xterm-256color"}, {"CKORVIX_CLOG_LEVEL", ""}};
+    options.environment = {{"XDG_STATE_HOME", tree.at("home")}, {"CKORVIX_CLOG_LEVEL", ""}};
     program_ =
         std::make_unique<PtyProgram>(std::vector<std::string>{std::string(TAV_BIN_DIR) + "/tavcli"}, options);
     EXPECT_TRUE(program_->waitForPrompt("TAV>")) << program_->screen().text();

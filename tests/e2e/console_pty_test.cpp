@@ -24,11 +24,7 @@ class ConsolePty : public ::testing::Test {
     PtyProgram::Options options;
     options.cols = cols;
     options.workingDir = tree_.at("bin");
-    options.environment = {{"XDG_STATE_HOME", tree_.at("home")},
-                           {"TERM", term},
-                           {"CKORVIX_CLOG_LEVEL", ""},
-                           {"TMUX", ""},
-                           {"VTE_VERSION", ""}};
+    options.environment = {{"XDG_STATE_HOME", tree_.at("home")}, {"TERM", term}, {"CKORVIX_CLOG_LEVEL", ""}};
     return std::make_unique<PtyProgram>(std::vector<std::string>{TAV_BIN_DIR "/tavcli"}, options);
   }
   void start(int cols = 80, const char* term = "xterm-256color") {

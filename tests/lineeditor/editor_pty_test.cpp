@@ -23,10 +23,11 @@ class EditorPty : public ::testing::Test {
   void start(std::vector<std::string> arguments = {}, PtyProgram::Options options = {}) {
     arguments.insert(arguments.begin(), {kDriver, "--history", history_});
     arguments.insert(arguments.begin(), launcher_.begin(), launcher_.end());
-    for (const char* name : testsupport::kRewrapVariables) {
-      options.environment.emplace(name, "");
-    }
     program_ = std::make_unique<PtyProgram>(arguments, options);
+  }
+  void startToPrompt(PtyProgram::Options options = {}) {
+    start({}, options);
+    ASSERT_TRUE(program().waitForPrompt("TAV>"));
   }
   PtyProgram& program() { return *program_; }
   void expectSettingsAsBefore() { EXPECT_EQ(program().sttyText(), program().sttyTextAtStart()); }
@@ -54,8 +55,7 @@ class EditorPty : public ::testing::Test {
 };
 
 TEST_F(EditorPty, ThePromptStandsInItsColourWithTheCursorBehindIt) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   EXPECT_EQ(program().screen().cursorCol(), 5);
   EXPECT_EQ(program().screen().foreground(0, 0), 10);
 }
@@ -73,8 +73,7 @@ TEST_F(EditorPty, RawModeClearsWhatItMustAndNothingElse) {
 }
 
 TEST_F(EditorPty, AKeyIsShownAndALineIsHandedBack) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("scan 扫描");
   ASSERT_TRUE(program().waitForPrompt("TAV> scan 扫描"));
   EXPECT_EQ(program().screen().cursorCol(), 14);
@@ -124,8 +123,7 @@ class EditorEnds : public EditorPty, public ::testing::WithParamInterface<EndRow
 
 TEST_P(EditorEnds, LeaveTheTerminalAsItWas) {
   const EndRow& end = GetParam();
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("kept\r");
   ASSERT_TRUE(program().waitForText("<kept>"));
   ASSERT_TRUE(program().waitForPrompt("TAV>"));
@@ -165,8 +163,7 @@ TEST(EditorOnAPipe, ToldToEndDoesNotRunHalfALine) {
 }
 
 TEST_F(EditorPty, AHangUpEndsItWithTheHistorySaved) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("kept\rhalf");
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
   program().closeTerminal();
@@ -175,8 +172,7 @@ TEST_F(EditorPty, AHangUpEndsItWithTheHistorySaved) {
 }
 
 TEST_F(EditorPty, ASuspendedProgramComesBackWithItsLine) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("half");
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
   const termios during = program().settings();
@@ -190,8 +186,7 @@ TEST_F(EditorPty, ASuspendedProgramComesBackWithItsLine) {
 }
 
 TEST_F(EditorPty, AContinueWithoutAStopLeavesTheSavedSettings) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("half");
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
   program().kill(SIGCONT);
@@ -201,8 +196,7 @@ TEST_F(EditorPty, AContinueWithoutAStopLeavesTheSavedSettings) {
 }
 
 TEST_F(EditorPty, ACommandThatIsStoppedAndContinuedLeavesTheSavedSettings) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("!busy\r");
   ASSERT_TRUE(program().waitForText("busy\n"));
   ASSERT_TRUE(program().waitUntil([this](const TerminalScreen&) { return !raw(); }));
@@ -216,8 +210,7 @@ TEST_F(EditorPty, ACommandThatIsStoppedAndContinuedLeavesTheSavedSettings) {
 }
 
 TEST_F(EditorPty, AWindowThatGetsNarrowerRedrawsTheLine) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("one two three four five six seven eight nine ten eleven twelve");
   ASSERT_TRUE(program().waitForText("twelve"));
   program().resize(24, 40);
@@ -238,8 +231,7 @@ class UncontrolledTerminal : public EditorPty {
 };
 
 TEST_F(UncontrolledTerminal, ARedrawIsMadeForTheWindowAsItIs) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("one two three four five six seven eight nine ten eleven twelve");
   ASSERT_TRUE(program().waitForText("twelve"));
   program().resize(24, 40);
@@ -251,8 +243,7 @@ TEST_F(UncontrolledTerminal, ARedrawIsMadeForTheWindowAsItIs) {
 }
 
 TEST_F(UncontrolledTerminal, ALineIsBegunForTheWindowAsItIs) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().resize(24, 40);
   program().type("\r");
   EXPECT_TRUE(program().waitUntil([](const TerminalScreen& screen) {
@@ -266,8 +257,7 @@ TEST_F(UncontrolledTerminal, APageIsCountedForTheWindowAsItIs) {
     lines += "line " + std::to_string(i) + "\n";
   }
   dir_.write("cli.history", lines);
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().resize(10, 80);
   program().type("!list\r");
   ASSERT_TRUE(program().waitForText("*** Press <Space> or <Enter> to continue . . ."));
@@ -276,8 +266,7 @@ TEST_F(UncontrolledTerminal, APageIsCountedForTheWindowAsItIs) {
 }
 
 TEST_F(EditorPty, ALongPasteArrivesWholeAndIsEchoedByNobodyElse) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   std::string text;
   for (int i = 0; text.size() < 4000; ++i) {
     text += std::to_string(i) + "扫\r";
@@ -299,8 +288,7 @@ TEST_F(EditorPty, ALongPasteArrivesWholeAndIsEchoedByNobodyElse) {
 }
 
 TEST_F(EditorPty, APasteWithoutMarksRunsLineByLineAndLosesNothing) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   std::string text;
   for (int i = 0; i < 200; ++i) {
     text += "line " + std::to_string(i) + "\r";
@@ -315,8 +303,7 @@ TEST_F(EditorPty, APasteWithoutMarksRunsLineByLineAndLosesNothing) {
 }
 
 TEST_F(EditorPty, KeysTypedWhileACommandRunsArriveAtTheNextPrompt) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("!busy\r");
   ASSERT_TRUE(program().waitForText("busy\n"));
   ASSERT_TRUE(program().waitUntil([this](const TerminalScreen&) { return !raw(); }));
@@ -328,8 +315,7 @@ TEST_F(EditorPty, KeysTypedWhileACommandRunsArriveAtTheNextPrompt) {
 }
 
 TEST_F(EditorPty, TheCursorsPlaceComesFromTheTerminal) {
-  start();
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().type("!where\r");
   EXPECT_TRUE(program().waitForText("cursor 0 1 0"));
 }
@@ -363,19 +349,14 @@ class UsableTerminals : public EditorPty, public ::testing::WithParamInterface<c
 TEST_P(UsableTerminals, GetTheEditor) {
   PtyProgram::Options options;
   options.environment["TERM"] = GetParam();
-  start({}, options);
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt(options);
   program().type("x\x7fsc\t");
   EXPECT_TRUE(program().waitForPrompt("TAV> SCAN"));
 }
 INSTANTIATE_TEST_SUITE_P(, UsableTerminals, ::testing::Values("", "vt100", "linux", "screen", "dumber"));
 
 TEST_F(EditorPty, AWindowThatReportsNoSizeCountsAs80By24) {
-  PtyProgram::Options options;
-  options.rows = 24;
-  options.cols = 80;
-  start({}, options);
-  ASSERT_TRUE(program().waitForPrompt("TAV>"));
+  startToPrompt();
   program().reportSize(0, 0);
   program().type(std::string(76, 'x'));
   EXPECT_TRUE(program().waitUntil([](const TerminalScreen& screen) {

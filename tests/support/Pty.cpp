@@ -55,6 +55,9 @@ PtyProgram::PtyProgram(std::vector<std::string> command, Options options)
   settingsAtStart_ = settings();
   sttyTextAtStart_ = sttyText();
   options.environment.emplace("TERM", "xterm-256color");
+  for (const char* name : kRewrapVariables) {
+    options.environment.emplace(name, "");
+  }
   pid_ = fork();
   if (pid_ < 0) {
     throw std::runtime_error("fork failed");

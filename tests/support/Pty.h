@@ -23,8 +23,10 @@ class PtyProgram {
   struct Options {
     int rows = 24;
     int cols = 80;
-    std::string workingDir;                          ///< empty: the test's own
-    std::map<std::string, std::string> environment;  ///< added to the test's own; an empty value unsets
+    std::string workingDir;  ///< empty: the test's own
+    /// Added to the test's own; an empty value unsets. Without a value here, TERM is xterm-256color, and
+    /// kRewrapVariables are unset.
+    std::map<std::string, std::string> environment;
   };
   PtyProgram(std::vector<std::string> command, Options options);
   explicit PtyProgram(std::vector<std::string> command) : PtyProgram(std::move(command), Options{}) {}

@@ -10,7 +10,7 @@ struct VTermScreen;
 namespace testsupport {
 
 /// Terminals that wrap their rows anew in a changed window set one of these variables. The emulator does not
-/// wrap its rows anew, so the tests of the editor unset the variables.
+/// wrap its rows anew, so the tests unset the variables.
 inline constexpr const char* kRewrapVariables[] = {"TMUX", "VTE_VERSION", "KONSOLE_VERSION", "WT_SESSION"};
 
 /// A terminal emulator (libvterm): the rows, the cursor and the answers for the bytes written. A line feed
