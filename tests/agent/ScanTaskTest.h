@@ -15,6 +15,7 @@
 
 #include "TaskListener.h"
 #include "json/Values.h"
+#include "support/Json.h"
 #include "support/Process.h"
 #include "support/Samples.h"
 #include "support/TempDir.h"
@@ -90,7 +91,7 @@ class ScanTaskTest : public ::testing::Test {
   /// The workers begin no file and end none until release().
   void hold() const { dir.write("hold", ""); }
   void release() const { std::filesystem::remove(dir.at("hold")); }
-  /// Waits for as long as another scan takes to tell its progress many times.
+  /// Waits for as long as another scan takes to report its progress many times.
   void waitForManyTicks() {
     const std::shared_ptr<TaskListener> before = owner;
     hold();
@@ -115,8 +116,7 @@ class ScanTaskTest : public ::testing::Test {
   /// Puts one entry on a list.
   void list(json::Region region, const std::string& item,
             json::RegionItemType type = json::RegionItemType::kFile) {
-    Json::Value items;
-    CppJson::LoadJsonString(R"({"action":0,"domain":0,"is_all":false})", items);
+    Json::Value items = testsupport::jsonOf(R"({"action":0,"domain":0,"is_all":false})");
     items["type"] = json::toNumber(type);
     items["items"].append(json::encodePath(item));
     EXPECT_TRUE(store->regions().change(region, items, CallerId{0, 0, {}, getpid()}));
