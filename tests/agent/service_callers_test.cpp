@@ -82,7 +82,7 @@ lunet::PeerIdentity rootsIdentity() {
   return own;
 }
 
-TEST(CallerIdOf, AMembersSupplementaryGroupsAreHisAsLongAsTheProcessIsTheOneThatCalled) {
+TEST(CallerIdOf, AMembersSupplementaryGroupsCountAsLongAsTheProcessIsTheOneThatCalled) {
   CallingProcess member(kUser, kOwnGroup, {kGroup, 7});
   const CallerId caller = callerIdOf(member.identity());
   EXPECT_EQ(caller.uid, kUser);
@@ -497,7 +497,7 @@ TEST_F(Service, ShowsAndObeysAsToATaskItsStarterAndRootAlone) {
   EXPECT_TRUE(waitFor([&] { return call(rootsIdentity(), "getBusList").empty(); }));
 }
 
-TEST_F(Service, TellsTheProcessThatStartedATaskAndNoOther) {
+TEST_F(Service, NotifiesTheProcessThatStartedATaskAndNoOther) {
   const CallingProcess starter(kUser, kOwnGroup, {});
   const std::string path = dir_.write("files/file", "some text");
   ASSERT_EQ(chmod(path.c_str(), 0644), 0);
@@ -506,10 +506,11 @@ TEST_F(Service, TellsTheProcessThatStartedATaskAndNoOther) {
   EXPECT_TRUE(waitFor([&] { return tasks_.count() == 0; }));
   ASSERT_TRUE(notifications_.drain(std::chrono::seconds(20)));
   ASSERT_FALSE(notified_.sent.empty());
-  for (const auto& notice : notified_.sent) {
-    EXPECT_EQ(notice.operation, "SendToProcess");
-    EXPECT_EQ(notice.process, starter.identity());
-    EXPECT_EQ(lunet::formatGuid(notice.target), lunet::formatGuid(lunet::parseGuid(lunet::kConsoleGuid)));
+  for (const auto& notification : notified_.sent) {
+    EXPECT_EQ(notification.operation, "SendToProcess");
+    EXPECT_EQ(notification.process, starter.identity());
+    EXPECT_EQ(lunet::formatGuid(notification.target),
+              lunet::formatGuid(lunet::parseGuid(lunet::kConsoleGuid)));
   }
 }
 

@@ -166,7 +166,7 @@ TEST(GroupByName, AnUnknownGroupIsNoneAndSaid) {
   EXPECT_EQ(0U, groupByName("root").value());
 }
 
-TEST(SignatureWatch, AChangeIsToldOnceWhenItHasSettled) {
+TEST(SignatureWatch, AChangeIsReportedOnceWhenItHasSettled) {
   const testsupport::TempDir dir;
   dir.write("a.ndb", "one");
   SignatureWatch watch({dir.path(), dir.at("absent")});

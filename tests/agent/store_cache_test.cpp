@@ -136,7 +136,7 @@ TEST_F(CacheTest, ClearBeforeTheFirstQuestionAfterARestartEmptiesItToo) {
   EXPECT_EQ(cache().count(), 0);
 }
 
-TEST_F(CacheTest, AFileThatHadChangedJustBeforeItWasMetIsNotRemembered) {
+TEST_F(CacheTest, AFileThatHadChangedJustBeforeItWasEncounteredIsNotRemembered) {
   FileIdentity young = file(1);
   for (const std::int64_t agoNs : {0, 9'999'999}) {
     young.changeTimeNs = kScannedNs - agoNs;
@@ -151,7 +151,7 @@ TEST_F(CacheTest, AFileThatHadChangedJustBeforeItWasMetIsNotRemembered) {
   EXPECT_EQ(cache().count(), 1);
 }
 
-TEST_F(CacheTest, AScanThatTookLongMakesNoFileOlderThanItWasWhenMet) {
+TEST_F(CacheTest, AScanThatTookLongMakesNoFileOlderThanItWasWhenEncountered) {
   FileIdentity young = file(1);
   const std::int64_t metNs = platform::nowNs() - 3'600'000'000'000;
   young.changeTimeNs = metNs - 1'000'000;

@@ -221,7 +221,7 @@ TEST_F(LinkTest, WalkRefusesDotsRelativePathsFilesAndEndlessNames) {
   EXPECT_TRUE(store::openFolder("/"));
 }
 
-TEST_F(LinkTest, ASecondUserWhoExchangesFilesAllTheTimeLosesNothingButHisOwn) {
+TEST_F(LinkTest, ASecondUserWhoExchangesFilesAllTheTimeLosesOwnFilesOnly) {
   // The user keeps moving two folders and a link to the precious folder during quarantine and restore.
   std::filesystem::create_directories(at("theirs/one"));
   write("theirs/one/a", "detected");

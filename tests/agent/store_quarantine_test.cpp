@@ -101,7 +101,7 @@ TEST_F(AddTest, ContentIsStoredCompressed) {
   EXPECT_LT(std::filesystem::file_size(stateDir() + "/quarantine/" + vaultFiles()[0]), 100'000U);
 }
 
-TEST_F(AddTest, TheTypeIsToldByTheBeginningOfALongFile) {
+TEST_F(AddTest, TheTypeComesFromTheBeginningOfALongFile) {
   std::string content =
       "\x7f"
       "ELF" +
@@ -293,7 +293,7 @@ TEST_F(AddTest, ADescriptorOfNoRegularFileIsNotHandled) {
   expectRefused(store().quarantine().add(request), "its descriptor is no good");
 }
 
-TEST_F(AddTest, AFileWhosePathIsLongerThanTheKernelTellsIsNotHandled) {
+TEST_F(AddTest, AFileWhosePathIsLongerThanTheKernelGivesIsNotHandled) {
   std::filesystem::create_directory(at("deep"));
   platform::Descriptor folder(::open(at("deep").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   for (int i = 0; i < 17; ++i) {
@@ -539,10 +539,10 @@ TEST_F(LimitTest, OfTwoFilesThatAreCopiedAtOnceTheOneThatPassesTheLimitIsKeptOut
   EXPECT_THAT(lineOf(result), HasSubstr("quarantine is full"));
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_TRUE(restore(uuidOf(other)));
-  EXPECT_TRUE(add(path)) << "what was refused takes no room";
+  EXPECT_TRUE(add(path)) << "a refused file takes no space";
 }
 
-TEST_F(LimitTest, AFileThatStaysTakesNoRoom) {
+TEST_F(LimitTest, AFileThatStaysTakesNoSpace) {
   set(R"({"Common":{"SizeLimit":1}})");
   take(write("a"));
   pretend("UPDATE items SET stored_bytes=1073741824-1000");
@@ -562,7 +562,7 @@ TEST_F(LimitTest, SizeLimitZeroIsNoLimit) {
   EXPECT_TRUE(add(write("b")));
 }
 
-TEST_F(LimitTest, ARestoreMakesRoomAgain) {
+TEST_F(LimitTest, ARestoreFreesSpace) {
   set(R"({"Common":{"SizeLimit":1}})");
   const std::string uuid = take(write("a"));
   pretend("UPDATE items SET stored_bytes=1073741824-100");
@@ -697,7 +697,7 @@ TEST(Hex, OfAnOddLengthOrWithOtherLettersIsNone) {
   }
 }
 
-TEST_P(FileTypeTest, IsToldByTheFirstBytesElseByTheEnding) {
+TEST_P(FileTypeTest, ComesFromTheFirstBytesElseFromTheEnding) {
   EXPECT_EQ(store::fileTypeOf(GetParam().content, GetParam().name), GetParam().type);
 }
 

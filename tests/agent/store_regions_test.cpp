@@ -441,7 +441,7 @@ TEST_F(RegionTest, WhatIsNoRegularFileIsNotOpenedForItsSizeAndHash) {
   }
 }
 
-TEST_F(RegionTest, WhatIsThereIsToldOfPathsOnlyAndOfALinkThatLeadsNowhereToo) {
+TEST_F(RegionTest, ExistenceIsReportedOfPathsOnlyAndOfALinkThatLeadsNowhereToo) {
   std::filesystem::create_symlink(folder_.at("nowhere"), folder_.at("link"));
   add(kFile, folder_.at("link"));
   EXPECT_EQ(regions().list(json::RegionDomain::kEvery, kFile, kTrust)[0]["exist_state"], 1);

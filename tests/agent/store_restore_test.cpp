@@ -216,7 +216,7 @@ TEST_F(RestoreTest, AFileFoundThroughALinkedFolderGoesBackToItsRealOneAndIsTrust
   EXPECT_EQ(store().regions().byPath(at("real/a")), RegionVerdict::kTrusted);
 }
 
-TEST_F(RestoreTest, AllRestoresEveryItemAndTellsOfEach) {
+TEST_F(RestoreTest, AllRestoresEveryItemAndReportsEach) {
   for (const char* name : {"a", "b", "c"}) {
     take(write(name));
   }
@@ -355,7 +355,7 @@ TEST_F(RestoreTest, ARestoringProcessThatDiesLosesNothing) {
 
 // A second user.
 
-TEST_F(RestoreTest, AUserGetsHisOwnFileBackIntoHisOwnFolder) {
+TEST_F(RestoreTest, AUserGetsAnOwnFileBackIntoAnOwnFolder) {
   giveFolderToOther("home");
   const std::string path = write("home/a", "their content");
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);
@@ -373,7 +373,7 @@ TEST_F(RestoreTest, AUserDoesNotGetAnothersFile) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(RestoreTest, WhatAUserTrustsIsAddedInHisName) {
+TEST_F(RestoreTest, WhatAUserTrustsIsAddedInTheUsersName) {
   giveFolderToOther("home");
   const std::string uuid = takeOthers("home/a");
   EXPECT_TRUE(restore(uuid, other(), "", true));
@@ -393,7 +393,7 @@ TEST_F(RestoreTest, AllMeansForAUserTheItemsOfThatUser) {
   EXPECT_EQ(items().size(), 1U);
 }
 
-TEST_F(RestoreTest, AFolderThatTheUserCannotWriteIsRefusedEvenForHisOwnFile) {
+TEST_F(RestoreTest, AFolderThatTheUserCannotWriteIsRefusedEvenForTheUsersFile) {
   const std::string uuid = takeOthers("a");
   expectKept(restore(uuid, other()), uuid,
              "cannot write in '" + folder_.at("files") + "': Permission denied");
@@ -439,7 +439,7 @@ TEST_F(RestoreTest, AGroupThatIsNotTheCallersCannotBeGivenBack) {
   EXPECT_EQ(FileFacts::of(path).gid, 4242U);
 }
 
-TEST_F(RestoreTest, TheGroupThatACallerActsInIsHisOwn) {
+TEST_F(RestoreTest, TheGroupThatACallerActsInIsTheCallersOwn) {
   giveFolderToOther("home");
   const std::string path = write("home/a");
   ASSERT_EQ(::chown(path.c_str(), kOther, kOther), 0);

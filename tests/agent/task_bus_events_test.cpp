@@ -100,7 +100,7 @@ TEST_F(TaskWords, OfAStateAreOneVisibleLineWithTheEnvelopeOfTheTask) {
   EXPECT_EQ(4711, endpoint.last().process.pid);
 }
 
-TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheRoomOfTheirOwner) {
+TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheQuotaOfTheirOwner) {
   const auto words = wordsTo(0, true);
   int asked = 0;
   const auto cancelled = [&asked] {

@@ -48,7 +48,7 @@ TEST(TaskControl, APausedTaskDoesNothingUntilItIsResumed) {
   control.stop("done");
 }
 
-TEST(TaskControl, APauseThatWasTakenBackBeforeItWasSeenIsToldAllTheSame) {
+TEST(TaskControl, APauseThatWasTakenBackBeforeItWasSeenIsReportedAllTheSame) {
   TaskControl control;
   EXPECT_TRUE(control.pause());
   EXPECT_TRUE(control.resume());
@@ -73,7 +73,7 @@ TEST(TaskControl, StopEndsAPausedTask) {
   EXPECT_EQ("why", control.stopReason());
 }
 
-TEST(TaskControl, AStopThatCameBeforeAPauseWasSeenIsNotToldAsAPause) {
+TEST(TaskControl, AStopThatCameBeforeAPauseWasSeenIsNotReportedAsAPause) {
   TaskControl control;
   control.pause();
   control.stop("why");
@@ -120,7 +120,7 @@ TEST(TaskControl, ATaskThatIsPausedAtItsEndFinishesWhenItIsResumed) {
   EXPECT_EQ(1, resumes);
 }
 
-TEST(TaskControl, APauseThatWasTakenIsToldOnceHoweverNearTheEndItCame) {
+TEST(TaskControl, APauseThatWasTakenIsReportedOnceHoweverNearTheEndItCame) {
   for (int round = 0; round < 2000; ++round) {
     TaskControl control;
     int pauses = 0;

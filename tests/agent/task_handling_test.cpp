@@ -146,7 +146,7 @@ TEST_F(Handling, AFileWhoseBytesAreNotTheScannedOnesIsNotQuarantined) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(Handling, ADetectionWithATrustedHashIsToldAsTrustedAndLeftAlone) {
+TEST_F(Handling, ADetectionWithATrustedHashIsReportedAsTrustedAndLeftAlone) {
   const std::string path = folder_.write("d/file", "bad");
   {
     DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
@@ -184,13 +184,13 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
   EXPECT_THAT(audit, HasSubstr(folder_.at("d/gone")));
 }
 
-TEST_F(Handling, TheQuarantineIsToldTheDetection) {
+TEST_F(Handling, TheQuarantineGetsTheDetection) {
   plan_.action = json::HandleAction::kQuarantine;
   EXPECT_EQ(handle(scanned(folder_.write("d/file", "bad"))), kQuarantined);
   EXPECT_EQ("Test", store_->quarantine().list(std::nullopt)[0]["virus_name"].asString());
 }
 
-TEST_F(Handling, AProcessThatIsNotEndedIsToldAsThat) {
+TEST_F(Handling, AProcessThatIsNotEndedIsReportedAsThat) {
   plan_.action = json::HandleAction::kNothing;
   plan_.memoryCheck = plan_.endProcesses = true;
   handle(scanned("/proc/self/exe"));  // what runs the agent's own program is spared

@@ -191,7 +191,7 @@ TEST_F(Tasks, AnUnknownTokenAndAnUnknownActionAreRefused) {
   EXPECT_EQ(1U, tasks.count());
 }
 
-TEST_F(Tasks, AReasonGivenWithAStopIsTold) {
+TEST_F(Tasks, AReasonGivenWithAStopIsReported) {
   const TaskManager::Started task = start(0);
   EXPECT_TRUE(
       tasks.control(json::toNumber(json::ControlAction::kStop), task.token, "for a reason", callerOf(0)));
@@ -255,7 +255,7 @@ TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
   EXPECT_EQ(99U, lastTo.startTicks);
 }
 
-TEST_F(Tasks, AScanThatCannotBeMadeIsToldLeavesNoRecordAndItsModeFree) {
+TEST_F(Tasks, AScanThatCannotBeMadeIsReportedLeavesNoRecordAndItsModeFree) {
   file = dir.at("absent");
   const TaskManager::Started task = start(kUser);
   EXPECT_FALSE(task.outcome);
@@ -266,7 +266,7 @@ TEST_F(Tasks, AScanThatCannotBeMadeIsToldLeavesNoRecordAndItsModeFree) {
   EXPECT_TRUE(start(kUser).outcome);
 }
 
-TEST_F(Tasks, ARequestThatIsRefusedIsToldAndNotRecorded) {
+TEST_F(Tasks, ARequestThatIsRefusedIsReportedAndNotRecorded) {
   const TaskManager::Started task = start(kUser, kStrongCustomScan + 1);
   EXPECT_FALSE(task.outcome);
   EXPECT_THAT(task.outcome.error(), HasSubstr("scan type"));
@@ -316,7 +316,7 @@ TEST_F(Tasks, AreRecordedWithTheirOwnerWhileTheyRun) {
   EXPECT_EQ(99U, records[0].ownerStartTicks);
 }
 
-TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreToldTheirOwnersAndForgotten) {
+TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreReportedToTheirOwnersAndForgotten) {
   store->tasks().put({"interrupted", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
   tasks.notifyInterruptedTasks();
   EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(TaskState::kAborted));

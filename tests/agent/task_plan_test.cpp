@@ -383,7 +383,7 @@ TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
   EXPECT_THAT(checkIncluded(plan, file).error(), HasSubstr("1 MB"));
 }
 
-TEST(Stages, AFastScanTellsEveryStageInOrder) {
+TEST(Stages, AFastScanReportsEveryStageInOrder) {
   const std::vector<Stage> stages = stagesOf(json::ScanMode::kFast, true, {"/root"});
   ASSERT_EQ(5U, stages.size());
   for (int i = 0; i < 5; ++i) {

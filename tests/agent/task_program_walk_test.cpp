@@ -56,73 +56,73 @@ class ProgramWalkTest : public ::testing::Test {
     std::thread([this] {
       const auto rights = CallerRights::take(CallerId{kUser, kGroup, {}, getpid()});
       ASSERT_TRUE(rights) << rights.error();
-      walkPrograms(RunningPrograms::all().value(), kUser, 1.0, met);
+      walkPrograms(RunningPrograms::all().value(), kUser, 1.0, sink);
     }).join();
   }
 
   testsupport::TempDir dir;
   std::vector<std::unique_ptr<testsupport::Process>> processes;
-  WalkRecorder met;
+  WalkRecorder sink;
 };
 
-TEST_F(ProgramWalkTest, TheAgentMeetsEveryonesProgramsOnceAlsoThoseThatAreNoLongerOnDisk) {
+TEST_F(ProgramWalkTest, TheAgentEncountersEveryonesProgramsOnceAlsoThoseThatAreNoLongerOnDisk) {
   const std::string mine = run("mine", 0);
   processes.push_back(std::make_unique<testsupport::Process>(std::vector<std::string>{mine, "60"}));
   const std::string theirs = run("theirs", kUser);
   const std::string gone = run("gone", kUser);
   std::filesystem::remove(gone);
-  walkPrograms(RunningPrograms::all().value(), std::nullopt, 1.0, met);
-  EXPECT_THAT(met.files, IsSupersetOf({mine, theirs, gone + " (deleted)"}));
-  EXPECT_EQ(1, std::count(met.files.begin(), met.files.end(), mine));
-  EXPECT_NEAR(1.0, met.progress, 1e-6);
+  walkPrograms(RunningPrograms::all().value(), std::nullopt, 1.0, sink);
+  EXPECT_THAT(sink.files, IsSupersetOf({mine, theirs, gone + " (deleted)"}));
+  EXPECT_EQ(1, std::count(sink.files.begin(), sink.files.end(), mine));
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
 }
 
-TEST_F(ProgramWalkTest, AUserMeetsTheProgramsOfHisOwnProcessesAndHearsOfNoOthers) {
+TEST_F(ProgramWalkTest, AUserEncountersTheProgramsOfOwnProcessesAndNoOthers) {
   const std::string theirs = run("theirs", 0);
-  const std::string his = run("his", kUser);
+  const std::string own = run("own", kUser);
   walkForUser();
-  EXPECT_THAT(met.files, Contains(his));
-  EXPECT_THAT(met.everyPath(), Not(Contains(theirs)));
-  EXPECT_NEAR(1.0, met.progress, 1e-6);
+  EXPECT_THAT(sink.files, Contains(own));
+  EXPECT_THAT(sink.everyPath(), Not(Contains(theirs)));
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
 }
 
 TEST_F(ProgramWalkTest, AProgramThatAUserMayRunAndNotReadIsAnError) {
   const std::string path = run("unreadable", kUser, 0711);
   walkForUser();
-  EXPECT_THAT(met.files, Not(Contains(path)));
-  EXPECT_THAT(met.failures[path], HasSubstr("Permission denied"));
+  EXPECT_THAT(sink.files, Not(Contains(path)));
+  EXPECT_THAT(sink.failures[path], HasSubstr("Permission denied"));
 }
 
 TEST_F(ProgramWalkTest, AProgramBehindAFolderThatIsClosedToTheUserIsAnError) {
   const std::string path = run("closed/program", kUser);
   ASSERT_EQ(0, chmod(dir.at("closed").c_str(), 0700));
   walkForUser();
-  EXPECT_THAT(met.files, Not(Contains(path)));
-  EXPECT_THAT(met.failures[path], HasSubstr("Permission denied"));
+  EXPECT_THAT(sink.files, Not(Contains(path)));
+  EXPECT_THAT(sink.failures[path], HasSubstr("Permission denied"));
 }
 
 TEST_F(ProgramWalkTest, AUsersProgramThatIsNotAtItsPathIsSkippedAndNothingElseIsTakenForIt) {
   const std::string path = run("exchanged", kUser);
   std::filesystem::remove(path);
   walkForUser();
-  EXPECT_THAT(met.skips[path + " (deleted)"], HasSubstr("not at its path"));
+  EXPECT_THAT(sink.skips[path + " (deleted)"], HasSubstr("not at its path"));
 
   RunningProgram stale;
   stale.pid = processes.back()->pid();
   stale.uid = kUser;
   stale.path = dir.write("exchanged", "another file");
-  walkPrograms({stale}, kUser, 1.0, met);
-  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
-  EXPECT_THAT(met.files, Not(Contains(path)));
+  walkPrograms({stale}, kUser, 1.0, sink);
+  EXPECT_THAT(sink.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(sink.files, Not(Contains(path)));
 }
 
-TEST_F(ProgramWalkTest, AFileThatCameToAUsersProgramsPathMeanwhileIsNotMet) {
+TEST_F(ProgramWalkTest, AFileThatCameToAUsersProgramsPathMeanwhileIsNotEncountered) {
   const std::string path = run("program", kUser);
   const auto listed = RunningPrograms::all().value();
   std::filesystem::rename(dir.write("another", "another file"), path);
-  walkPrograms(listed, kUser, 1.0, met);
-  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
-  EXPECT_THAT(met.files, Not(Contains(path)));
+  walkPrograms(listed, kUser, 1.0, sink);
+  EXPECT_THAT(sink.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(sink.files, Not(Contains(path)));
 }
 
 TEST_F(ProgramWalkTest, AFileOfTheSameNumberOnAnotherDiskIsNotAUsersProgram) {
@@ -134,9 +134,9 @@ TEST_F(ProgramWalkTest, AFileOfTheSameNumberOnAnotherDiskIsNotAUsersProgram) {
   program.path = path;
   program.inode = status.st_ino;
   program.device = status.st_dev + 1;
-  walkPrograms({program}, kUser, 1.0, met);
-  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
-  EXPECT_THAT(met.files, IsEmpty());
+  walkPrograms({program}, kUser, 1.0, sink);
+  EXPECT_THAT(sink.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(sink.files, IsEmpty());
 }
 
 TEST_F(ProgramWalkTest, ALinkThatCameToAUsersProgramsPathIsNotFollowed) {
@@ -144,9 +144,9 @@ TEST_F(ProgramWalkTest, ALinkThatCameToAUsersProgramsPathIsNotFollowed) {
   const auto listed = RunningPrograms::all().value();
   std::filesystem::rename(path, dir.at("moved"));
   std::filesystem::create_symlink("moved", path);
-  walkPrograms(listed, kUser, 1.0, met);
-  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
-  EXPECT_THAT(met.files, Not(Contains(path)));
+  walkPrograms(listed, kUser, 1.0, sink);
+  EXPECT_THAT(sink.skips[path], HasSubstr("not at its path"));
+  EXPECT_THAT(sink.files, Not(Contains(path)));
 }
 
 TEST_F(ProgramWalkTest, AFifoThatCameToAUsersProgramsPathIsNotWaitedFor) {
@@ -154,8 +154,8 @@ TEST_F(ProgramWalkTest, AFifoThatCameToAUsersProgramsPathIsNotWaitedFor) {
   const auto listed = RunningPrograms::all().value();
   std::filesystem::remove(path);
   ASSERT_EQ(0, mkfifo(path.c_str(), 0644));
-  walkPrograms(listed, kUser, 1.0, met);
-  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+  walkPrograms(listed, kUser, 1.0, sink);
+  EXPECT_THAT(sink.skips[path], HasSubstr("not at its path"));
 }
 
 TEST_F(ProgramWalkTest, AUsersProgramWhoseFolderGaveWayToAFileIsSkipped) {
@@ -163,8 +163,8 @@ TEST_F(ProgramWalkTest, AUsersProgramWhoseFolderGaveWayToAFileIsSkipped) {
   const auto listed = RunningPrograms::all().value();
   std::filesystem::remove_all(dir.at("folder"));
   dir.write("folder", "a file");
-  walkPrograms(listed, kUser, 1.0, met);
-  EXPECT_THAT(met.skips[path], HasSubstr("not at its path"));
+  walkPrograms(listed, kUser, 1.0, sink);
+  EXPECT_THAT(sink.skips[path], HasSubstr("not at its path"));
 }
 
 TEST_F(ProgramWalkTest, WhetherAProgramsFolderIsWritableIsAskedForTheUser) {
@@ -174,9 +174,9 @@ TEST_F(ProgramWalkTest, WhetherAProgramsFolderIsWritableIsAskedForTheUser) {
   ASSERT_EQ(0, chmod(dir.at("own").c_str(), 0755));
   ASSERT_EQ(0, chmod(dir.at("foreign").c_str(), 0755));
   walkForUser();
-  EXPECT_THAT(met.files, IsSupersetOf({own, foreign}));
-  EXPECT_TRUE(met.writable[own]);
-  EXPECT_FALSE(met.writable[foreign]);
+  EXPECT_THAT(sink.files, IsSupersetOf({own, foreign}));
+  EXPECT_TRUE(sink.writable[own]);
+  EXPECT_FALSE(sink.writable[foreign]);
 }
 
 TEST_F(ProgramWalkTest, OfAProgramInTheRootFolderThatFolderIsAsked) {
@@ -184,17 +184,17 @@ TEST_F(ProgramWalkTest, OfAProgramInTheRootFolderThatFolderIsAsked) {
   RunningProgram program;
   program.pid = processes.back()->pid();
   program.path = "/program";
-  walkPrograms({program}, std::nullopt, 1.0, met);
-  EXPECT_THAT(met.files, ElementsAre("/program"));
-  EXPECT_EQ(access("/", W_OK) == 0, met.writable["/program"]);
+  walkPrograms({program}, std::nullopt, 1.0, sink);
+  EXPECT_THAT(sink.files, ElementsAre("/program"));
+  EXPECT_EQ(access("/", W_OK) == 0, sink.writable["/program"]);
 }
 
-TEST_F(ProgramWalkTest, AWalkThatIsToldToEndMeetsNoMorePrograms) {
+TEST_F(ProgramWalkTest, AWalkThatMustEndEncountersNoMorePrograms) {
   run("one", 0);
   run("two", 0);
-  met.allowed = 1;
-  walkPrograms(RunningPrograms::all().value(), std::nullopt, 1.0, met);
-  EXPECT_EQ(1U, met.everyPath().size());
+  sink.allowed = 1;
+  walkPrograms(RunningPrograms::all().value(), std::nullopt, 1.0, sink);
+  EXPECT_EQ(1U, sink.everyPath().size());
 }
 
 TEST_F(ProgramWalkTest, AProcessThatEndedMeanwhileIsSkipped) {
@@ -205,8 +205,8 @@ TEST_F(ProgramWalkTest, AProcessThatEndedMeanwhileIsSkipped) {
     ended.wait();
     program.pid = ended.pid();
   }
-  walkPrograms({program}, std::nullopt, 1.0, met);
-  EXPECT_THAT(met.skips["/gone"], HasSubstr("had ended"));
+  walkPrograms({program}, std::nullopt, 1.0, sink);
+  EXPECT_THAT(sink.skips["/gone"], HasSubstr("had ended"));
 }
 
 TEST_F(ProgramWalkTest, AProgramThatCannotBeOpenedIsAnErrorWithItsReason) {
@@ -221,10 +221,10 @@ TEST_F(ProgramWalkTest, AProgramThatCannotBeOpenedIsAnErrorWithItsReason) {
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
   const rlimit none{0, normal.rlim_max};
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-  walkPrograms({program}, std::nullopt, 1.0, met);
+  walkPrograms({program}, std::nullopt, 1.0, sink);
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
-  EXPECT_THAT(met.failures[path], HasSubstr("Too many open files"));
-  EXPECT_THAT(met.files, IsEmpty());
+  EXPECT_THAT(sink.failures[path], HasSubstr("Too many open files"));
+  EXPECT_THAT(sink.files, IsEmpty());
 }
 
 TEST_F(ProgramWalkTest, ProcessesThatCannotBeListedAreSaid) {

@@ -115,7 +115,7 @@ TEST(RiskRecords, AReasonIsOneVisibleLine) {
             repairResult(json::HandleResult::kFailed, "no \x1b[31mspace\n", 0)["handle_detail"].asString());
 }
 
-TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
+TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesEncountered) {
   Counters counters;
   for (int i = 0; i < 10; ++i) {
     counters.encountered("/f" + std::to_string(i));
@@ -145,7 +145,7 @@ TEST(Counters, CheckedIsCleanAndInfectedFailedIsErrorsTotalIsAllEntriesMet) {
   EXPECT_EQ("token", view.token_id);
 }
 
-TEST(Counters, TheSummaryTellsWhySomeWereSkipped) {
+TEST(Counters, TheSummarySaysWhySomeWereSkipped) {
   Counters counters;
   counters.skipped("fifo");
   counters.skipped("symbolic link");

@@ -161,7 +161,7 @@ TEST_F(ScanCourse, OnANetworkFileSystemWhatWasAskedForIsScannedAndAStageIsNot) {
 
 // The stages.
 
-TEST_F(ScanCourse, RootMeetsTheProgramsOfEverybody) {
+TEST_F(ScanCourse, RootEncountersTheProgramsOfEverybody) {
   const std::string path = program("theirs");
   const auto process = run(path, 60123, 60124);
   scan(programsOf(json::ScanMode::kFast));
@@ -191,7 +191,7 @@ TEST_F(ScanCourse, ProcessesThatRunADetectionAreLeftOutWithoutMemoryCheck) {
               AllOf(HasSubstr("end process"), HasSubstr(std::to_string(process->pid()) + " " + path)));
 }
 
-TEST_F(ScanCourse, EachStageIsToldWithItsBeginAndItsEnd) {
+TEST_F(ScanCourse, EachStageIsReportedWithItsBeginAndItsEnd) {
   const ScanPlan plan = programsOf(json::ScanMode::kFast);
   const std::unique_ptr<ScanTask> task = begin(plan);
   EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
@@ -235,7 +235,7 @@ TEST_F(ScanCourse, BehindAStopNoStageEndsAndNoneBegins) {
   EXPECT_THAT(owner->percents(), Not(Contains(100)));
 }
 
-TEST_F(ScanCourse, TheEndOfAStageIsToldBehindWhatItFound) {
+TEST_F(ScanCourse, TheEndOfAStageIsReportedBehindWhatItFound) {
   const std::string path = program("running");
   const auto process = run(path, 60123, 60124);
   std::vector<std::string> foundByThen;
@@ -250,7 +250,7 @@ TEST_F(ScanCourse, TheEndOfAStageIsToldBehindWhatItFound) {
 
 // The counters.
 
-TEST_F(ScanCourse, EveryEntryIsMetAndEndsOnce) {
+TEST_F(ScanCourse, EveryEntryIsEncounteredAndEndsOnce) {
   dir.write("d/clean", "clean");
   dir.write("d/infected", testsupport::eicar());
   dir.write("d/deadly", "its worker dies");
@@ -277,7 +277,7 @@ TEST_F(ScanCourse, EveryEntryIsMetAndEndsOnce) {
   EXPECT_EQ(100, owner->percents().back());
 }
 
-TEST_F(ScanCourse, ProgressIsToldWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd) {
+TEST_F(ScanCourse, ProgressIsReportedWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd) {
   hold();
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
   ASSERT_TRUE(waitFor([&] { return task->percent() == 99; }));
@@ -290,7 +290,7 @@ TEST_F(ScanCourse, ProgressIsToldWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd
   EXPECT_EQ(1, owner->counted("checked_item_count"));
 }
 
-TEST_F(ScanCourse, APauseIsToldBehindAnOverviewAndThenNothingUntilTheResume) {
+TEST_F(ScanCourse, APauseIsReportedBehindAnOverviewAndThenNothingUntilTheResume) {
   pausedAtFirst = true;
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
@@ -453,7 +453,7 @@ TEST_F(ScanCourse, ARejectedFileThatAStopLeftUnscannedIsNoDetection) {
   EXPECT_THAT(owner->risks(), IsEmpty());
 }
 
-TEST_F(ScanCourse, ATrustedHashIsToldAsTrustedAndARejectedPathComesBeforeIt) {
+TEST_F(ScanCourse, ATrustedHashIsReportedAsTrustedAndARejectedPathComesBeforeIt) {
   const std::string path = dir.write("file", testsupport::eicar());
   list(json::Region::kTrust, kMd5OfEicar, json::RegionItemType::kMd5);
   scan({path});
@@ -467,7 +467,7 @@ TEST_F(ScanCourse, ATrustedHashIsToldAsTrustedAndARejectedPathComesBeforeIt) {
   EXPECT_EQ("Rejected.ByAdministrator", owner->lastName());
 }
 
-TEST_F(ScanCourse, APauseIsToldWhenTheFilesUnderWayHaveEnded) {
+TEST_F(ScanCourse, APauseIsReportedWhenTheFilesUnderWayHaveEnded) {
   constexpr int kFiles = 12;  // more than wait for one worker
   for (int i = 0; i < kFiles; ++i) {
     dir.write("d/" + std::to_string(i), "clean");

@@ -20,7 +20,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::waitFor;
 
-TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsToldAndTheEndWaitsForTheResume) {
+TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsReportedAndTheEndWaitsForTheResume) {
   const std::string file = dir.write("eicar.com", testsupport::eicar());
   held = true;
   const std::unique_ptr<ScanTask> task = begin(custom({file}));

@@ -98,7 +98,7 @@ TEST_F(ScanForASecondUser, AFileOfTheCallersInAFolderThatTheCallerCannotWriteIsN
   }
 }
 
-TEST_F(ScanForASecondUser, OfTheProcessesThatRunADetectionTheCallersAloneAreToldAndEnded) {
+TEST_F(ScanForASecondUser, OfTheProcessesThatRunADetectionTheCallersAloneAreReportedAndEnded) {
   const std::string path = program("running");
   const auto roots = run(path, 0, 0);
   const auto thirds = run(path, kThird, kGroup);

@@ -50,9 +50,9 @@ using ::testing::UnorderedElementsAre;
 
 class WalkerTest : public ::testing::Test {
  protected:
-  /// Walks into `met`. Returns the error of opening the path.
+  /// Walks into `sink`. Returns the error of opening the path.
   std::string walk(const std::string& path, Walker::Options options = {}) {
-    Walker walker(std::move(options), met);
+    Walker walker(std::move(options), sink);
     auto named = Walker::open(path);
     if (!named) {
       return named.error();
@@ -74,88 +74,88 @@ class WalkerTest : public ::testing::Test {
   }
 
   testsupport::TempDir dir;
-  WalkRecorder met;
+  WalkRecorder sink;
 };
 
-TEST_F(WalkerTest, EveryFileOfATreeIsMetOnceAndOpen) {
+TEST_F(WalkerTest, EveryFileOfATreeIsEncounteredOnceAndOpen) {
   dir.write("a", "one");
   dir.write("b/c", "two");
   dir.write("b/d/e/f", "three");
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("a"), dir.at("b/c"), dir.at("b/d/e/f")));
-  EXPECT_EQ("three", met.contents[dir.at("b/d/e/f")]);
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("a"), dir.at("b/c"), dir.at("b/d/e/f")));
+  EXPECT_EQ("three", sink.contents[dir.at("b/d/e/f")]);
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
-TEST_F(WalkerTest, ASingleFileIsMetUnderTheNameThatWasGiven) {
+TEST_F(WalkerTest, ASingleFileIsEncounteredUnderTheNameThatWasGiven) {
   const std::string path = dir.write("one", "content");
   EXPECT_EQ("", walk(path));
-  EXPECT_THAT(met.files, UnorderedElementsAre(path));
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(path));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
 TEST_F(WalkerTest, ALinkThatWasNamedIsResolved) {
   dir.write("real/file", "x");
   ASSERT_EQ(0, symlink("real", dir.at("link").c_str()));
   EXPECT_EQ("", walk(dir.at("link")));
-  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("link/file")));
+  EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("link/file")));
 }
 
-TEST_F(WalkerTest, WhatALinkLedToIsMetWithThePathWhereItIs) {
+TEST_F(WalkerTest, WhatALinkLedToIsEncounteredWithThePathWhereItIs) {
   dir.write("real/a/file", "x");
   ASSERT_EQ(0, symlink("real", dir.at("link").c_str()));
   ASSERT_EQ(0, symlink("real/a/file", dir.at("name").c_str()));
   EXPECT_EQ("", walk(dir.at("link")));
   EXPECT_EQ("", walk(dir.at("name")));
   EXPECT_EQ("", walk(dir.at("real/../link/a/")));
-  EXPECT_EQ(dir.at("real/a/file"), met.resolved[dir.at("link/a/file")]);
-  EXPECT_EQ(dir.at("real/a/file"), met.resolved[dir.at("name")]);
-  EXPECT_EQ(dir.at("real/a/file"), met.resolved[dir.at("real/../link/a/file")]);
+  EXPECT_EQ(dir.at("real/a/file"), sink.resolved[dir.at("link/a/file")]);
+  EXPECT_EQ(dir.at("real/a/file"), sink.resolved[dir.at("name")]);
+  EXPECT_EQ(dir.at("real/a/file"), sink.resolved[dir.at("real/../link/a/file")]);
 }
 
-TEST_F(WalkerTest, WhatWasMetWithoutALinkIsWhereItsPathSays) {
+TEST_F(WalkerTest, WhatWasEncounteredWithoutALinkIsWhereItsPathSays) {
   const std::string path = dir.write("a/file", "x");
   EXPECT_EQ("", walk(dir.path()));
   EXPECT_EQ("", walk(path));
-  EXPECT_THAT(met.files, ElementsAre(path, path));
-  EXPECT_EQ("", met.resolved[path]);
+  EXPECT_THAT(sink.files, ElementsAre(path, path));
+  EXPECT_EQ("", sink.resolved[path]);
 }
 
 TEST_F(WalkerTest, ALinkToTheRootGivesPathsBelowIt) {
   ASSERT_EQ(0, symlink("/", dir.at("root").c_str()));
-  met.allowed = 2000;
+  sink.allowed = 2000;
   EXPECT_EQ("", walk(dir.at("root")));
-  for (const auto& [path, resolved] : met.resolved) {
+  for (const auto& [path, resolved] : sink.resolved) {
     EXPECT_EQ(path, dir.at("root") + resolved);
   }
-  EXPECT_FALSE(met.resolved.empty());
+  EXPECT_FALSE(sink.resolved.empty());
 }
 
 TEST_F(WalkerTest, WhetherANamedFilesFolderIsWritableIsAskedOfTheFolderThatHoldsIt) {
   dir.write("real/file", "x");
-  ASSERT_EQ(0, mkdir(dir.at("his").c_str(), 0777));
-  ASSERT_EQ(0, symlink("../real/file", dir.at("his/link").c_str()));
-  for (const char* folder : {"", "his", "real"}) {
-    ASSERT_EQ(0, chmod(dir.at(folder).c_str(), folder == std::string("his") ? 0777 : 0755));
+  ASSERT_EQ(0, mkdir(dir.at("own").c_str(), 0777));
+  ASSERT_EQ(0, symlink("../real/file", dir.at("own/link").c_str()));
+  for (const char* folder : {"", "own", "real"}) {
+    ASSERT_EQ(0, chmod(dir.at(folder).c_str(), folder == std::string("own") ? 0777 : 0755));
   }
   std::thread([&] {
     const auto rights = CallerRights::take(CallerId{60123, 60124, {}, getpid()});
-    EXPECT_EQ("", walk(dir.at("his/link")));
+    EXPECT_EQ("", walk(dir.at("own/link")));
   }).join();
-  ASSERT_EQ(1U, met.writable.count(dir.at("his/link")));
-  EXPECT_FALSE(met.writable[dir.at("his/link")]);
+  ASSERT_EQ(1U, sink.writable.count(dir.at("own/link")));
+  EXPECT_FALSE(sink.writable[dir.at("own/link")]);
 }
 
-TEST_F(WalkerTest, AFileIsMetWithTheTimeJustBeforeItsStatusWasRead) {
+TEST_F(WalkerTest, AFileIsEncounteredWithTheTimeJustBeforeItsStatusWasRead) {
   const std::string path = dir.write("folder/file", "x");
   const std::int64_t before = platform::nowNs();
   std::int64_t after = 0;
-  met.onFile = [&](const std::string&) { after = platform::nowNs(); };
+  sink.onFile = [&](const std::string&) { after = platform::nowNs(); };
   for (const std::string& named : {path, dir.at("folder")}) {
     EXPECT_EQ("", walk(named));
-    EXPECT_LE(before, met.statusNs[path]);
-    EXPECT_GE(after, met.statusNs[path]);
-    met.statusNs.clear();
+    EXPECT_LE(before, sink.statusNs[path]);
+    EXPECT_GE(after, sink.statusNs[path]);
+    sink.statusNs.clear();
   }
 }
 
@@ -166,13 +166,13 @@ TEST_F(WalkerTest, AFolderOrFileOnANetworkFileSystemIsSkippedUnlessItWasAskedFor
     options.networkFileSystems = false;
     options.fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
     EXPECT_EQ("", walk(path, options));
-    EXPECT_TRUE(met.files.empty());
-    EXPECT_EQ("network file system nfs", met.skips[path]);
+    EXPECT_TRUE(sink.files.empty());
+    EXPECT_EQ("network file system nfs", sink.skips[path]);
 
-    Walker walker(options, met);
+    Walker walker(options, sink);
     walker.walk(Walker::open(path).value(), 1.0, NamedBy::kCaller);
-    EXPECT_THAT(met.files, ElementsAre(dir.at("home/file")));
-    met.files.clear();
+    EXPECT_THAT(sink.files, ElementsAre(dir.at("home/file")));
+    sink.files.clear();
   }
 }
 
@@ -182,9 +182,9 @@ TEST_F(WalkerTest, LinksBelowTheNamedPathAreSkippedAndNotFollowed) {
   ASSERT_EQ(0, symlink("../outside", dir.at("tree/folder").c_str()));
   ASSERT_EQ(0, symlink("../outside/file", dir.at("tree/file").c_str()));
   EXPECT_EQ("", walk(dir.at("tree")));
-  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("tree/own")));
-  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/folder")]);
-  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/file")]);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("tree/own")));
+  EXPECT_EQ("symbolic link", sink.skips[dir.at("tree/folder")]);
+  EXPECT_EQ("symbolic link", sink.skips[dir.at("tree/file")]);
 }
 
 TEST_F(WalkerTest, FifosSocketsAndDevicesAreSkippedWithoutBeingOpened) {
@@ -196,37 +196,37 @@ TEST_F(WalkerTest, FifosSocketsAndDevicesAreSkippedWithoutBeingOpened) {
   ASSERT_EQ(0, bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
   ASSERT_EQ(0, mknod(dir.at("device").c_str(), S_IFCHR | 0600, makedev(1, 3)));
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_EQ("fifo", met.skips[dir.at("fifo")]);
-  EXPECT_EQ("socket", met.skips[dir.at("socket")]);
-  EXPECT_EQ("character device", met.skips[dir.at("device")]);
-  EXPECT_TRUE(met.files.empty());
+  EXPECT_EQ("fifo", sink.skips[dir.at("fifo")]);
+  EXPECT_EQ("socket", sink.skips[dir.at("socket")]);
+  EXPECT_EQ("character device", sink.skips[dir.at("device")]);
+  EXPECT_TRUE(sink.files.empty());
 }
 
 TEST_F(WalkerTest, ANamedFifoIsSkippedAndNotWaitedFor) {
   ASSERT_EQ(0, mkfifo(dir.at("fifo").c_str(), 0600));
   EXPECT_EQ("", walk(dir.at("fifo")));
-  EXPECT_EQ("fifo", met.skips[dir.at("fifo")]);
+  EXPECT_EQ("fifo", sink.skips[dir.at("fifo")]);
 }
 
-TEST_F(WalkerTest, NamesThatAreNoUtf8AreMetByteForByte) {
+TEST_F(WalkerTest, NamesThatAreNoUtf8AreEncounteredByteForByte) {
   const std::string name = "bad\xff\xfe\x80name\n\x1b[31m";
   const std::string path = dir.write(name, "x");
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_THAT(met.files, UnorderedElementsAre(path));
+  EXPECT_THAT(sink.files, UnorderedElementsAre(path));
 }
 
 TEST_F(WalkerTest, TheRootFolderGivesPathsBelowIt) {
-  met.allowed = 2000;
+  sink.allowed = 2000;
   EXPECT_EQ("", walk("/"));
-  ASSERT_FALSE(met.files.empty());
-  for (const std::string& path : met.files) {
+  ASSERT_FALSE(sink.files.empty());
+  for (const std::string& path : sink.files) {
     EXPECT_EQ('/', path[0]);
     EXPECT_NE('/', path[1]);
-    EXPECT_EQ("", met.resolved[path]);
+    EXPECT_EQ("", sink.resolved[path]);
   }
 }
 
-TEST_F(WalkerTest, AFileInTheRootFolderIsMetWithThatFolder) {
+TEST_F(WalkerTest, AFileInTheRootFolderIsEncounteredWithThatFolder) {
   std::string path = "/tavtest-XXXXXX";
   const platform::Descriptor file(mkstemp(path.data()));
   if (!file) {
@@ -234,18 +234,18 @@ TEST_F(WalkerTest, AFileInTheRootFolderIsMetWithThatFolder) {
   }
   EXPECT_EQ("", walk(path));
   EXPECT_EQ(0, unlink(path.c_str()));
-  EXPECT_THAT(met.files, ElementsAre(path));
-  EXPECT_TRUE(met.writable[path]);
+  EXPECT_THAT(sink.files, ElementsAre(path));
+  EXPECT_TRUE(sink.writable[path]);
 }
 
-TEST_F(WalkerTest, APathWhoseResolvedNameIsUnknownIsMetAsItWasNamed) {
+TEST_F(WalkerTest, APathWhoseResolvedNameIsUnknownIsEncounteredAsItWasNamed) {
   const std::string path = dir.write("d/file", "x");
-  Walker walker({}, met);
+  Walker walker({}, sink);
   EncounteredFile named = Walker::open(dir.at("d")).value();
   named.resolved.clear();
   walker.walk(std::move(named), 1.0);
-  EXPECT_THAT(met.files, ElementsAre(path));
-  EXPECT_EQ("", met.resolved[path]);
+  EXPECT_THAT(sink.files, ElementsAre(path));
+  EXPECT_EQ("", sink.resolved[path]);
 }
 
 TEST_F(WalkerTest, AnEntryThatIsRemovedBeforeItsTurnIsSkipped) {
@@ -253,16 +253,16 @@ TEST_F(WalkerTest, AnEntryThatIsRemovedBeforeItsTurnIsSkipped) {
   dir.write("tree/b", "x");
   dir.write("tree/sub/file", "x");
   std::string other;
-  met.onFile = [&](const std::string& path) {
+  sink.onFile = [&](const std::string& path) {
     other = path == dir.at("tree/a") ? dir.at("tree/b") : dir.at("tree/a");
     std::filesystem::remove(other);
     std::filesystem::remove_all(dir.at("tree/sub"));
   };
   EXPECT_EQ("", walk(dir.at("tree")));
-  EXPECT_EQ("was removed while its folder was read", met.skips[other]);
-  EXPECT_EQ("was removed while its folder was read", met.skips[dir.at("tree/sub")]);
-  EXPECT_THAT(met.failures, IsEmpty());
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_EQ("was removed while its folder was read", sink.skips[other]);
+  EXPECT_EQ("was removed while its folder was read", sink.skips[dir.at("tree/sub")]);
+  EXPECT_THAT(sink.failures, IsEmpty());
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
 TEST_F(WalkerTest, WhatAUserCannotOpenIsAnErrorEach) {
@@ -278,16 +278,16 @@ TEST_F(WalkerTest, WhatAUserCannotOpenIsAnErrorEach) {
     const auto rights = CallerRights::take(CallerId{60123, 60124, {}, getpid()});
     EXPECT_EQ("", walk(dir.at("tree")));
   }).join();
-  EXPECT_THAT(met.files, ElementsAre(open));
-  EXPECT_EQ("Permission denied", met.failures[dir.at("tree/hidden")]);
-  EXPECT_EQ("Permission denied", met.failures[dir.at("tree/closed")]);
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.files, ElementsAre(open));
+  EXPECT_EQ("Permission denied", sink.failures[dir.at("tree/hidden")]);
+  EXPECT_EQ("Permission denied", sink.failures[dir.at("tree/closed")]);
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
 TEST_F(WalkerTest, AnEmptyFolderIsWalked) {
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
-  EXPECT_THAT(met.failures, IsEmpty());
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+  EXPECT_THAT(sink.failures, IsEmpty());
 }
 
 TEST_F(WalkerTest, AMissingPathIsAnErrorWithItsReason) {
@@ -302,25 +302,25 @@ TEST_F(WalkerTest, TheSizeOfAFileOfThreeGigabytesIsWhole) {
   const std::string path = dir.write("large", "");
   ASSERT_EQ(0, truncate(path.c_str(), 3LL << 30));
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_EQ(3LL << 30, met.sizes[path]);
+  EXPECT_EQ(3LL << 30, sink.sizes[path]);
 }
 
 TEST_F(WalkerTest, APseudoFileSystemIsSkippedWithItsName) {
   EXPECT_EQ("", walk("/proc"));
-  EXPECT_THAT(met.skips["/proc"], HasSubstr("proc"));
+  EXPECT_THAT(sink.skips["/proc"], HasSubstr("proc"));
   EXPECT_EQ("", walk("/sys/kernel"));
-  EXPECT_THAT(met.skips["/sys/kernel"], HasSubstr("sysfs"));
-  EXPECT_TRUE(met.files.empty());
-  EXPECT_NEAR(2.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.skips["/sys/kernel"], HasSubstr("sysfs"));
+  EXPECT_TRUE(sink.files.empty());
+  EXPECT_NEAR(2.0, sink.progress, 1e-9);
 }
 
 TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredFromAbove) {
   dir.write("state/secret", "x");
   dir.write("other", "x");
   EXPECT_EQ("", walk(dir.path(), excluding("state")));
-  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("other")));
-  EXPECT_THAT(met.skips[dir.at("state")], HasSubstr("agent"));
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("other")));
+  EXPECT_THAT(sink.skips[dir.at("state")], HasSubstr("agent"));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
 TEST_F(WalkerTest, ANeighbourWhoseNameBeginsAsTheAgentsOwnFolderIsWalked) {
@@ -328,8 +328,8 @@ TEST_F(WalkerTest, ANeighbourWhoseNameBeginsAsTheAgentsOwnFolderIsWalked) {
   const std::string file = dir.write("state2/file", "x");
   EXPECT_EQ("", walk(dir.at("state2"), excluding("state")));
   EXPECT_EQ("", walk(dir.at("state"), excluding("state")));
-  EXPECT_THAT(met.files, ElementsAre(file));
-  EXPECT_THAT(met.skips[dir.at("state")], HasSubstr("agent"));
+  EXPECT_THAT(sink.files, ElementsAre(file));
+  EXPECT_THAT(sink.skips[dir.at("state")], HasSubstr("agent"));
 }
 
 TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredByName) {
@@ -337,7 +337,7 @@ TEST_F(WalkerTest, TheAgentsOwnFolderIsNotEnteredByName) {
   ASSERT_EQ(0, symlink("state/deep", dir.at("link").c_str()));
   EXPECT_EQ("", walk(dir.at("link"), excluding("state")));
   EXPECT_EQ("", walk(dir.at("state/deep/secret"), excluding("state")));
-  EXPECT_TRUE(met.files.empty());
+  EXPECT_TRUE(sink.files.empty());
 }
 
 TEST_F(WalkerTest, ATreeDeeperThanTheOpenFoldersIsWalkedToItsEnds) {
@@ -353,9 +353,9 @@ TEST_F(WalkerTest, ATreeDeeperThanTheOpenFoldersIsWalkedToItsEnds) {
     at = platform::Descriptor(openat(at.get(), "deeper", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   }
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_EQ(static_cast<std::size_t>(levels), met.files.size());
-  EXPECT_TRUE(met.failures.empty());
-  EXPECT_NEAR(1.0, met.progress, 1e-6);
+  EXPECT_EQ(static_cast<std::size_t>(levels), sink.files.size());
+  EXPECT_TRUE(sink.failures.empty());
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
 }
 
 TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
@@ -369,7 +369,7 @@ TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
   }
   dir.write(folders.back().substr(dir.path().size() + 1) + "/last", "x");
   std::string left;
-  met.onFile = [&](const std::string& path) {
+  sink.onFile = [&](const std::string& path) {
     if (path != folders.back() + "/last") {
       return;
     }
@@ -377,7 +377,7 @@ TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
     for (int i = kMovedLevels; i > 0 && left.empty(); --i) {
       const std::string name = "/beside" + std::to_string(i);
       const std::string neighbour = folders[static_cast<std::size_t>(i)] + name;
-      if (met.contents.count(neighbour + "/f") == 0) {
+      if (sink.contents.count(neighbour + "/f") == 0) {
         left = neighbour;
         dir.write("elsewhere" + name + "/f", "not below the named folder");
         std::filesystem::rename(folders[static_cast<std::size_t>(i) + 1], dir.at("elsewhere/d"));
@@ -386,11 +386,11 @@ TEST_F(WalkerTest, AFolderMovedAwayDuringTheWalkIsAnErrorAndNoJump) {
   };
   EXPECT_EQ("", walk(dir.at("top")));
   ASSERT_NE("", left) << "no neighbour was left over";
-  EXPECT_THAT(met.failures[left], HasSubstr("moved while it was scanned"));
-  for (const auto& [path, content] : met.contents) {
+  EXPECT_THAT(sink.failures[left], HasSubstr("moved while it was scanned"));
+  for (const auto& [path, content] : sink.contents) {
     EXPECT_EQ("x", content) << path;
   }
-  EXPECT_NEAR(1.0, met.progress, 1e-6);
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
 }
 
 /// The entry that replaces another before the walk opens it.
@@ -406,12 +406,12 @@ class Exchanged : public WalkerTest, public ::testing::WithParamInterface<Exchan
     GetParam().put(dir, path);
   }
   void expectSkipped(const std::string& path) {
-    EXPECT_EQ("was exchanged while its folder was read", met.skips[path]);
-    EXPECT_EQ(0U, met.contents.count(path));
-    for (const auto& [file, content] : met.contents) {
+    EXPECT_EQ("was exchanged while its folder was read", sink.skips[path]);
+    EXPECT_EQ(0U, sink.contents.count(path));
+    for (const auto& [file, content] : sink.contents) {
       EXPECT_EQ("x", content) << file;
     }
-    EXPECT_NEAR(1.0, met.progress, 1e-9);
+    EXPECT_NEAR(1.0, sink.progress, 1e-9);
   }
 };
 
@@ -420,7 +420,7 @@ TEST_P(ExchangedFile, IsSkippedWhateverCameInItsPlace) {
   dir.write("tree/a", "x");
   dir.write("tree/b", "x");
   std::string other;
-  met.onFile = [&](const std::string& path) {
+  sink.onFile = [&](const std::string& path) {
     if (other.empty()) {
       other = path == dir.at("tree/a") ? dir.at("tree/b") : dir.at("tree/a");
       exchange(other);
@@ -434,7 +434,7 @@ class ExchangedFolder : public Exchanged {};
 TEST_P(ExchangedFolder, IsSkippedWhateverCameInItsPlace) {
   dir.write("tree/a", "x");
   dir.write("tree/sub/file", "x");
-  met.onFile = [&](const std::string& path) {
+  sink.onFile = [&](const std::string& path) {
     if (path == dir.at("tree/a")) {
       exchange(dir.at("tree/sub"));
     }
@@ -474,37 +474,37 @@ INSTANTIATE_TEST_SUITE_P(By, ExchangedFolder,
                          ::testing::Values(kLinkToAFile, kLinkToAFolder, kFifo, kSocket, kDevice, kFile),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(WalkerTest, AFolderMetTwiceIsScannedOnce) {
+TEST_F(WalkerTest, AFolderEncounteredTwiceIsScannedOnce) {
   dir.write("a/file", "x");
-  Walker walker({}, met);
+  Walker walker({}, sink);
   walker.walk(Walker::open(dir.at("a")).value(), 0.5);
   walker.walk(Walker::open(dir.path()).value(), 0.5);
-  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("a/file")));
-  EXPECT_THAT(met.skips[dir.at("a")], HasSubstr("before"));
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("a/file")));
+  EXPECT_THAT(sink.skips[dir.at("a")], HasSubstr("before"));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
-TEST_F(WalkerTest, AWalkThatIsToldToEndEndsAtTheNextEntry) {
+TEST_F(WalkerTest, AWalkThatMustEndEndsAtTheNextEntry) {
   for (int i = 0; i < 100; ++i) {
     dir.write("f" + std::to_string(i), "x");
   }
-  met.allowed = 11;  // the named folder, and ten entries
+  sink.allowed = 11;  // the named folder, and ten entries
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_EQ(10U, met.files.size());
+  EXPECT_EQ(10U, sink.files.size());
 }
 
-TEST_F(WalkerTest, AWalkThatIsToldToEndEntersNoFolderMore) {
+TEST_F(WalkerTest, AWalkThatMustEndEntersNoFolderMore) {
   dir.write("state/secret", "x");
-  met.allowed = 2;  // the named folder, and the entry of the other one
+  sink.allowed = 2;  // the named folder, and the entry of the other one
   EXPECT_EQ("", walk(dir.path(), excluding("state")));
-  EXPECT_THAT(met.skips, IsEmpty());
+  EXPECT_THAT(sink.skips, IsEmpty());
 }
 
-TEST_F(WalkerTest, AWalkThatIsToldToEndAtOnceOpensNothing) {
+TEST_F(WalkerTest, AWalkThatMustEndAtOnceOpensNothing) {
   dir.write("file", "x");
-  met.allowed = 0;
+  sink.allowed = 0;
   EXPECT_EQ("", walk(dir.at("file")));
-  EXPECT_THAT(met.files, IsEmpty());
+  EXPECT_THAT(sink.files, IsEmpty());
 }
 
 TEST_F(WalkerTest, AFolderOfUnknownSizeDealsItsShareOutByBatches) {
@@ -512,7 +512,7 @@ TEST_F(WalkerTest, AFolderOfUnknownSizeDealsItsShareOutByBatches) {
     dir.write(std::to_string(i), "");
   }
   std::vector<double> progressAt;
-  met.onFile = [&](const std::string&) { progressAt.push_back(met.progress); };
+  sink.onFile = [&](const std::string&) { progressAt.push_back(sink.progress); };
   EXPECT_EQ("", walk(dir.path(), inBatchesOf(100)));
   ASSERT_EQ(250U, progressAt.size());
   EXPECT_NEAR(0.5, progressAt[100], 1e-6);
@@ -527,8 +527,8 @@ TEST_F(WalkerTest, ALargeFolderIsReadInBatchesWithoutLosingAnEntry) {
     ASSERT_TRUE(file);
   }
   EXPECT_EQ("", walk(dir.path(), inBatchesOf(100)));
-  EXPECT_EQ(250U, met.files.size());
-  EXPECT_NEAR(1.0, met.progress, 1e-6);
+  EXPECT_EQ(250U, sink.files.size());
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
 }
 
 TEST_F(WalkerTest, ScanningLeavesTheAccessTimeAlone) {
@@ -550,18 +550,18 @@ TEST_F(WalkerTest, BelowWhatWasAskedForOtherMountsAloneAreAskedWhatTheyAre) {
   options.networkFileSystems = false;
   options.fileSystem = [](int) { return FileSystem{FileSystemKind::kNetwork, "nfs"}; };
   for (const char* path : {"/dev", "/dev/shm"}) {
-    Walker walker(options, met);
+    Walker walker(options, sink);
     walker.walk(Walker::open(path).value(), 1.0, NamedBy::kCaller);
-    EXPECT_EQ(path == std::string("/dev/shm"), met.contents.count(far) == 1) << path;
+    EXPECT_EQ(path == std::string("/dev/shm"), sink.contents.count(far) == 1) << path;
   }
-  EXPECT_EQ("network file system nfs", met.skips["/dev/shm"]);
+  EXPECT_EQ("network file system nfs", sink.skips["/dev/shm"]);
 }
 
 TEST_F(WalkerTest, AFolderThatCannotBeReadIsAnErrorWithItsReason) {
 #ifdef TAV_SANITIZED
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
 #endif
-  Walker walker({}, met);
+  Walker walker({}, sink);
   EncounteredFile named = Walker::open(dir.path()).value();
   rlimit normal{};
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
@@ -569,17 +569,17 @@ TEST_F(WalkerTest, AFolderThatCannotBeReadIsAnErrorWithItsReason) {
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
   walker.walk(std::move(named), 1.0);
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
-  EXPECT_THAT(met.failures[dir.path()], HasSubstr("Too many open files"));
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.failures[dir.path()], HasSubstr("Too many open files"));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
-/// readdir() as the test says it: file systems that tell no kinds of entries, or fail, are rare.
+/// readdir() as the test sets it: file systems that give no kinds of entries, or fail, are rare.
 class ReaddirPlayed : public WalkerTest {
  protected:
   void TearDown() override { onReaddir = nullptr; }
 };
 
-TEST_F(ReaddirPlayed, WhereTheFolderTellsNoKindsEachEntryIsAskedForItsOwn) {
+TEST_F(ReaddirPlayed, WhereTheFolderGivesNoKindsEachEntryIsAskedForItsOwn) {
   onReaddir = [](dirent* entry) {
     if (entry != nullptr) {
       entry->d_type = DT_UNKNOWN;
@@ -593,14 +593,14 @@ TEST_F(ReaddirPlayed, WhereTheFolderTellsNoKindsEachEntryIsAskedForItsOwn) {
   ASSERT_EQ(0, symlink("../outside/secret", dir.at("tree/sub/link").c_str()));
   ASSERT_EQ(0, mkfifo(dir.at("tree/fifo").c_str(), 0600));
   EXPECT_EQ("", walk(dir.at("tree")));
-  EXPECT_THAT(met.files, UnorderedElementsAre(dir.at("tree/file"), dir.at("tree/sub/file")));
-  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/link")]);
-  EXPECT_EQ("symbolic link", met.skips[dir.at("tree/sub/link")]);
-  EXPECT_EQ("fifo", met.skips[dir.at("tree/fifo")]);
-  EXPECT_NEAR(1.0, met.progress, 1e-9);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("tree/file"), dir.at("tree/sub/file")));
+  EXPECT_EQ("symbolic link", sink.skips[dir.at("tree/link")]);
+  EXPECT_EQ("symbolic link", sink.skips[dir.at("tree/sub/link")]);
+  EXPECT_EQ("fifo", sink.skips[dir.at("tree/fifo")]);
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
-TEST_F(ReaddirPlayed, AFolderThatFailsHalfWayIsAnErrorAndWhatWasReadIsMet) {
+TEST_F(ReaddirPlayed, AFolderThatFailsHalfWayIsAnErrorAndWhatWasReadIsEncountered) {
   int calls = 0;
   onReaddir = [&calls](dirent* entry) -> dirent* {
     if (++calls <= 3) {
@@ -614,9 +614,9 @@ TEST_F(ReaddirPlayed, AFolderThatFailsHalfWayIsAnErrorAndWhatWasReadIsMet) {
   }
   calls = 0;
   EXPECT_EQ("", walk(dir.path()));
-  EXPECT_THAT(met.failures[dir.path()], HasSubstr("cannot be read to its end: Input/output error"));
-  EXPECT_FALSE(met.files.empty());
-  EXPECT_LT(met.files.size(), 10U);
+  EXPECT_THAT(sink.failures[dir.path()], HasSubstr("cannot be read to its end: Input/output error"));
+  EXPECT_FALSE(sink.files.empty());
+  EXPECT_LT(sink.files.size(), 10U);
 }
 
 /// Says which entries of a folder are opened.
@@ -666,8 +666,8 @@ TEST_F(WalkerTest, AnotherMountIsEntered) {
   close(open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
   EXPECT_EQ("", walk("/dev"));
   std::filesystem::remove_all(pattern);
-  EXPECT_THAT(met.files, Contains(file));
-  EXPECT_THAT(met.skips["/dev/pts"], HasSubstr("devpts"));
+  EXPECT_THAT(sink.files, Contains(file));
+  EXPECT_THAT(sink.skips["/dev/pts"], HasSubstr("devpts"));
 }
 
 struct MagicRow {

@@ -46,7 +46,7 @@ class Children : public testing::EngineFixture {
     return platform::Descriptor(open(dir().write("file", "some text").c_str(), O_RDONLY));
   }
   template <class M>
-  std::optional<M> hear(const Channel& channel) const {
+  std::optional<M> receive(const Channel& channel) const {
     Channel::Packet packet;
     return channel.receive(packet, true) == Channel::Received::kPacket ? decode<M>(packet.bytes)
                                                                        : std::nullopt;
@@ -111,33 +111,33 @@ TEST_F(WorkerProcesses, SendHelloWithTheirPidfdAndEndWithTheirChannel) {
 
 TEST_F(WorkerProcesses, EndWhenTheyReceiveAnUnknownMessage) {
   startWorker(disk());
-  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ASSERT_TRUE(receive<WorkerHello>(ours_));
   ASSERT_TRUE(ours_.send("nonsense", file().get()));
-  EXPECT_FALSE(hear<ScanAnswer>(ours_));
+  EXPECT_FALSE(receive<ScanAnswer>(ours_));
   EXPECT_EQ(exitStatus(), 1);
 }
 
 TEST_F(WorkerProcesses, EndAtARequestWithoutAFile) {
   startWorker(disk());
-  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ASSERT_TRUE(receive<WorkerHello>(ours_));
   ASSERT_TRUE(ours_.send(encode(ScanRequest{})));
-  EXPECT_FALSE(hear<ScanAnswer>(ours_));
+  EXPECT_FALSE(receive<ScanAnswer>(ours_));
   EXPECT_EQ(exitStatus(), 1);
 }
 
 TEST_F(WorkerProcesses, EndBeforeTheirHelloWithoutAFolder) {
   startWorker(dir().at("nowhere"));
-  EXPECT_FALSE(hear<WorkerHello>(ours_));
+  EXPECT_FALSE(receive<WorkerHello>(ours_));
   EXPECT_EQ(exitStatus(), 1);
 }
 
 TEST_F(WorkerProcesses, AnswerWithTheIdOfTheRequest) {
   startWorker(disk());
-  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ASSERT_TRUE(receive<WorkerHello>(ours_));
   ScanRequest request;
   request.id = 77;
   ASSERT_TRUE(ours_.send(encode(request), file().get()));
-  const auto answer = hear<ScanAnswer>(ours_);
+  const auto answer = receive<ScanAnswer>(ours_);
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->id, 77U);
   EXPECT_EQ(answer->verdict.outcome, Outcome::kClean) << testing::describe(answer->verdict);
@@ -145,12 +145,12 @@ TEST_F(WorkerProcesses, AnswerWithTheIdOfTheRequest) {
 
 TEST_F(WorkerProcesses, UnpackOnlyInTheirFolders) {
   startWorker(disk());
-  ASSERT_TRUE(hear<WorkerHello>(ours_));
+  ASSERT_TRUE(receive<WorkerHello>(ours_));
   std::filesystem::remove_all(dir().at("worker-quick"));
   std::filesystem::remove_all(dir().at("worker-disk"));
   const std::string zip = dir().write("zip", testsupport::makeZip({{"test.com", testsupport::eicar()}}));
   ASSERT_TRUE(ours_.send(encode(ScanRequest{}), platform::Descriptor(open(zip.c_str(), O_RDONLY)).get()));
-  const auto answer = hear<ScanAnswer>(ours_);
+  const auto answer = receive<ScanAnswer>(ours_);
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->verdict.outcome, Outcome::kError) << testing::describe(answer->verdict);
 }
@@ -183,16 +183,16 @@ TEST_F(SpawnerProcesses, EndAtOnceWhenTheAgentHasEnded) {
 
 TEST_F(SpawnerProcesses, ForkNothingForAnUnknownMessage) {
   startSpawner(0);
-  EXPECT_FALSE(hear<StateReport>(sendWithChannel(ours_, "nonsense")));
+  EXPECT_FALSE(receive<StateReport>(sendWithChannel(ours_, "nonsense")));
   ASSERT_TRUE(ours_.send(encode(ForkRequest{})));
   const Channel toTemplate = sendWithChannel(ours_, encode(ForkRequest{}));
-  const auto report = hear<StateReport>(toTemplate);
+  const auto report = receive<StateReport>(toTemplate);
   ASSERT_TRUE(report) << "the spawner goes on";
   EXPECT_TRUE(report->state.loaded) << report->state.detail;
 
-  EXPECT_FALSE(hear<WorkerHello>(sendWithChannel(toTemplate, "nonsense")));
+  EXPECT_FALSE(receive<WorkerHello>(sendWithChannel(toTemplate, "nonsense")));
   ASSERT_TRUE(toTemplate.send(encode(ForkRequest{})));
-  EXPECT_TRUE(hear<WorkerHello>(sendWithChannel(toTemplate, encode(ForkRequest{}))));
+  EXPECT_TRUE(receive<WorkerHello>(sendWithChannel(toTemplate, encode(ForkRequest{}))));
   ours_.close();
   EXPECT_EQ(exitStatus(), 0);
 }

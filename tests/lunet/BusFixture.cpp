@@ -180,11 +180,11 @@ std::uint32_t RawConnection::handshake(const lunet::Guid& self, const lunet::Gui
   header.length = sizeof(lunet::HelloBody);
   send(header);
   send(lunet::HelloBody{self, target});
-  const std::string welcome = receive(sizeof header + sizeof(lunet::Guid));
-  if (welcome.size() < sizeof header) {
+  const std::string reply = receive(sizeof header + sizeof(lunet::Guid));
+  if (reply.size() < sizeof header) {
     return lunet::kErrPeerLost;
   }
-  std::memcpy(&header, welcome.data(), sizeof header);
+  std::memcpy(&header, reply.data(), sizeof header);
   return header.channel;
 }
 

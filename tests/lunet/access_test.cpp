@@ -126,7 +126,7 @@ TEST_F(GroupTest, AUserWhoIsNotInTheGroupDoesNotGetNear) {
   EXPECT_TRUE(intrude(as(kStranger, false), newGuid(), address).starts_with("refused: "));
 }
 
-TEST_F(GroupTest, AUserWhoIsNotInTheGroupIsCutOffAndLoggedEvenWhereTheFilesLetHimIn) {
+TEST_F(GroupTest, AUserOutsideTheGroupIsCutOffAndLoggedEvenWhereTheFilesAdmitThatUser) {
   static std::mutex mutex;
   static std::string log;
   Client logged(config(groupMember() + ",\"log_level\":0"));
@@ -213,20 +213,20 @@ TEST_F(SquatterTest, AMemberAtTheAgentsAddressIsNotTalkedTo) {
   EXPECT_EQ(squatter->process.out().find("message"), std::string::npos);
 }
 
-TEST_F(SquatterTest, AnotherMemberDoesNotTalkToHimEither) {
+TEST_F(SquatterTest, AnotherMemberDoesNotTalkToTheSquatterEither) {
   Process call(words("call", agent, "secret"), as(kOtherMember, true));
   EXPECT_EQ(call.wait(), 1);
   EXPECT_NE(call.err().find("access is denied"), std::string::npos) << call.err();
   EXPECT_EQ(squatter->process.out().find("secret"), std::string::npos);
 }
 
-TEST_F(SquatterTest, HeHimselfMay) {
+TEST_F(SquatterTest, TheSquatterItselfMaySend) {
   Process send(words("send", agent, "own"), as(kMember, true));
   EXPECT_EQ(send.wait(), 0) << send.err();
   EXPECT_TRUE(squatter->gotMessage("own"));
 }
 
-TEST_F(SquatterTest, HeCannotKeepTheAgentFromItsAddress) {
+TEST_F(SquatterTest, TheSquatterCannotKeepTheAgentFromItsAddress) {
   Endpoint server(client, agent, echo);
   EXPECT_EQ(client->Connect(10), lunet::kOk);
   Process call(words("call", agent, "x"), as(kOtherMember, true));
@@ -235,7 +235,7 @@ TEST_F(SquatterTest, HeCannotKeepTheAgentFromItsAddress) {
   EXPECT_EQ(client->Connect(10), lunet::kOk);
 }
 
-TEST_F(SquatterTest, AMembersOtherAddressIsHisAndRootDoesNotTakeIt) {
+TEST_F(SquatterTest, RootDoesNotTakeAMembersOtherAddress) {
   Player player(words("listen", address), as(kMember, true));
   ASSERT_TRUE(player.ready());
   Endpoint mine(client);
@@ -267,7 +267,7 @@ TEST_F(GroupTest, AMemberIsHeardButNotTrusted) {
   EXPECT_FALSE(agent.messages()[0].process.trusted);
 }
 
-TEST_F(SquatterTest, WhoListensThereIsToldWithHisTrust) {
+TEST_F(SquatterTest, TheListenerIsNamedWithItsTrust) {
   Endpoint own(client, address);
   const auto squatting = lunet::listenerAt(socketFolder(), agent);
   ASSERT_TRUE(squatting);
@@ -339,7 +339,7 @@ class MemberLimitsTest : public GroupTest {
   Endpoint server{client, echo};
 };
 
-TEST_F(MemberLimitsTest, AFrameOverTheLimitForMembersClosesHisConnectionAndNoOther) {
+TEST_F(MemberLimitsTest, AFrameOverTheLimitForMembersClosesThatConnectionAndNoOther) {
   Player player(words("listen", newGuid()), member());
   ASSERT_TRUE(player.ready()) << player.process.err();
   player.process.write(order("call", address, lunet::kMaxMemberMessageBytes + 1));
@@ -413,7 +413,7 @@ TEST_F(PrivateTest, WithoutAGroupAnotherUserDoesNotGetNear) {
   EXPECT_EQ(server.count(), 0u);
 }
 
-TEST_F(PrivateTest, WithoutAGroupAnotherUserIsCutOffEvenWhereTheFilesLetHimIn) {
+TEST_F(PrivateTest, WithoutAGroupAnotherUserIsCutOffEvenWhereTheFilesAdmitThatUser) {
   Endpoint server(client, newGuid(), echo);
   ASSERT_EQ(chmod(socketFolder().c_str(), 0777), 0);
   ASSERT_EQ(chmod(socketOf(server.guid()).c_str(), 0666), 0);
@@ -424,7 +424,7 @@ TEST_F(PrivateTest, WithoutAGroupAnotherUserIsCutOffEvenWhereTheFilesLetHimIn) {
   EXPECT_EQ(process.out(), "verdict E0010009\n");
 }
 
-TEST_F(PrivateTest, AUserOtherThanRootHasHisOwnBusInHisOwnTree) {
+TEST_F(PrivateTest, AUserOtherThanRootHasAnOwnBusInAnOwnTree) {
   const std::string mine = tree.at("mine");
   fs::create_directories(mine + "/lib/modules");
   fs::copy_file(tree.at("lib/modules/libLunetClientMgr.so"), mine + "/lib/modules/libLunetClientMgr.so");

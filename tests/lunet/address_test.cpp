@@ -173,7 +173,7 @@ TEST_F(AddressTest, TheSocketAndItsFolderArePrivateWithoutAGroup) {
   EXPECT_EQ(st.st_mode & 07777u, 0700u);
 }
 
-TEST_F(AddressTest, AFolderWhosePathsAreTooLongIsToldWithTheReason) {
+TEST_F(AddressTest, AFolderWhosePathsAreTooLongIsReportedWithTheReason) {
   static std::string seen;
   Client far(config("\"socket_dir\":\"" + std::string(100, 'd') + "\",\"log_level\":0"));
   far->SetLogCallback([](int, const char* text) { seen = text; });

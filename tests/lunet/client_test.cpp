@@ -148,7 +148,7 @@ TEST_F(ClientTest, OperationsOnAnEndpointThatIsNotOpenSaySo) {
   endpoint->Close();
 }
 
-TEST_F(ClientTest, TwoTreesDoNotMeet) {
+TEST_F(ClientTest, EndpointsOfTwoTreesDoNotReachEachOther) {
   testsupport::TempDir other;
   Client here(config());
   Client there("{\"runtime_path\":\"" + other.path() + "\"}");

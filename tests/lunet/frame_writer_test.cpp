@@ -85,7 +85,7 @@ TEST_F(FrameWriterTest, WhatItDoesNotTakeWaitsAndComesWholeAndInOrder) {
   EXPECT_EQ(received, (3u << 20) + 10 + 2 * sizeof(FrameHeader));
 }
 
-TEST_F(FrameWriterTest, ASocketWithoutRoomIsNoEnd) {
+TEST_F(FrameWriterTest, AFullSocketIsNoEnd) {
   const std::string block(1 << 20, 'f');
   while (send(ours.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
   }
@@ -137,7 +137,7 @@ TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenOnceItIsEmpty) {
   EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 }
 
-TEST_F(FrameWriterTest, AnEndedConnectionIsToldAtOnce) {
+TEST_F(FrameWriterTest, AnEndedConnectionIsReportedAtOnce) {
   theirs.reset();
   EXPECT_EQ(write(10), lunet::kErrPeerLost);
 }
@@ -217,16 +217,16 @@ class SendErrorTest : public FrameWriterTest, public testing::WithParamInterface
 
 TEST_P(SendErrorTest, WaitsWhenItPassesAndElseIsTheEnd) {
   const auto writeWithoutSending = [this] {
-    const bool asTold = failSends(static_cast<unsigned>(GetParam().error)) &&
-                        write(10) == GetParam().result &&
-                        (GetParam().result == lunet::kErrPeerLost || writer.flush());
-    _exit(asTold ? 0 : 1);
+    const bool asExpected = failSends(static_cast<unsigned>(GetParam().error)) &&
+                            write(10) == GetParam().result &&
+                            (GetParam().result == lunet::kErrPeerLost || writer.flush());
+    _exit(asExpected ? 0 : 1);
   };
   EXPECT_EXIT(writeWithoutSending(), testing::ExitedWithCode(0), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Errors, SendErrorTest,
-                         testing::Values(SendErrorRow{"NoRoom", EAGAIN, lunet::kOk},
+                         testing::Values(SendErrorRow{"FullSocket", EAGAIN, lunet::kOk},
                                          SendErrorRow{"NoBuffers", ENOBUFS, lunet::kOk},
                                          SendErrorRow{"NoMemory", ENOMEM, lunet::kOk},
                                          SendErrorRow{"NobodyThere", EPIPE, lunet::kErrPeerLost}),

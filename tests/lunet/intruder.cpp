@@ -16,7 +16,7 @@
 
 namespace {
 
-struct Welcome {
+struct HelloReply {
   lunet::FrameHeader header;
   lunet::Guid listener;
 };
@@ -44,9 +44,9 @@ void handshake(int fd, const char* claimed, const char* target) {
 }
 
 void printVerdict(int fd) {
-  Welcome welcome{};
-  if (recv(fd, &welcome, sizeof welcome, MSG_WAITALL) == static_cast<ssize_t>(sizeof welcome)) {
-    std::printf("verdict %08X\n", welcome.header.channel);
+  HelloReply reply{};
+  if (recv(fd, &reply, sizeof reply, MSG_WAITALL) == static_cast<ssize_t>(sizeof reply)) {
+    std::printf("verdict %08X\n", reply.header.channel);
   } else {
     std::printf("closed\n");
   }

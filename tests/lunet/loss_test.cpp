@@ -147,7 +147,7 @@ TEST_F(UnnoticedLossTest, TheNextOnewayMessageGoesToWhoIsThereNow) {
   EXPECT_TRUE(second.waitForCount(1));
 }
 
-TEST_F(UnnoticedLossTest, WithNobodyThereNowTheSenderIsToldSo) {
+TEST_F(UnnoticedLossTest, WithNobodyThereNowTheSenderGetsThatError) {
   ASSERT_NO_FATAL_FAILURE(lose());
   EXPECT_EQ(sender.send(address, "y"), lunet::kErrNoTarget);
   EXPECT_EQ(sender.call(address, "y").error, lunet::kErrNoTarget);

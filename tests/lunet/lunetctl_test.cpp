@@ -135,7 +135,7 @@ TEST_F(LunetctlTest, AnAbsentEndpointIsAnErrorOfOneLine) {
   }
 }
 
-TEST_F(LunetctlTest, ListenSendsAndTellsTheError) {
+TEST_F(LunetctlTest, ListenSendsAndPrintsTheError) {
   Player peer(lunetctl({"listen", lunet::kAgentGuid}));
   Player player(lunetctl({"listen", guid}));
   ASSERT_TRUE(peer.ready() && player.ready());
@@ -158,7 +158,7 @@ TEST_F(LunetctlTest, ListenSendsOnTheChannelThatItsLineNames) {
   EXPECT_TRUE(player.process.waitForOut("\"channel\":10990")) << player.process.out();
 }
 
-TEST_F(LunetctlTest, ListenCallsAndTellsTheAnswer) {
+TEST_F(LunetctlTest, ListenCallsAndPrintsTheAnswer) {
   Player peer(lunetctl({"listen", lunet::kAgentGuid}));
   Player player(lunetctl({"listen", guid}));
   ASSERT_TRUE(peer.ready() && player.ready());

@@ -88,7 +88,7 @@ TEST_F(MessagesTest, AMessageOverTheLimitIsRefusedAtOnce) {
   EXPECT_EQ(error, lunet::kErrTooLarge);
 }
 
-TEST_F(MessagesTest, AnAnswerOverTheLimitIsToldToBothSides) {
+TEST_F(MessagesTest, AnAnswerOverTheLimitIsReportedToBothSides) {
   std::atomic<std::uint32_t> replied{0};
   Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
     const char byte = 0;
@@ -246,7 +246,7 @@ TEST_F(MessagesTest, GetPeerIdentityGivesTheSendersProcessInsideACallbackOnly) {
   EXPECT_EQ(server->GetPeerIdentity(nullptr), lunet::kErrArgument);
 }
 
-TEST_F(MessagesTest, WhileACallbackRunsItsSenderIsNotToldToOtherThreads) {
+TEST_F(MessagesTest, WhileACallbackRunsItsSenderIsNotGivenToOtherThreads) {
   Gate gate;
   Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
   Endpoint caller(client, newGuid());

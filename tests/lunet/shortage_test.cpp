@@ -70,7 +70,7 @@ class ShortageTest : public BusTest {
   Endpoint server{client, newGuid(), echo};
 };
 
-TEST_F(ShortageTest, ACallerWhoCannotBeToldApartIsTurnedAwayAndTheNextIsServed) {
+TEST_F(ShortageTest, ACallerThatCannotBeIdentifiedIsTurnedAwayAndTheNextIsServed) {
   Endpoint own(client, newGuid());
   {
     const NoDescriptors none(2);  // one for the caller's end and one for the listener's
@@ -82,7 +82,7 @@ TEST_F(ShortageTest, ACallerWhoCannotBeToldApartIsTurnedAwayAndTheNextIsServed) 
   EXPECT_EQ(late.handshake(own.guid(), server.guid()), lunet::kOk);
 }
 
-TEST_F(ShortageTest, AListenerWhoCannotBeToldApartIsNotTalkedTo) {
+TEST_F(ShortageTest, AListenerThatCannotBeIdentifiedIsNotTalkedTo) {
   Endpoint caller(client, newGuid());
   {
     const NoDescriptors none(1);  // for the caller's end

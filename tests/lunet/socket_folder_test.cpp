@@ -163,7 +163,7 @@ TEST_F(SocketFolderTest, ThatCannotBeMadeIsRefused) {
   EXPECT_EXIT(_exit(refused() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
-TEST(SocketAddressTest, HasRoomForTheSystemsLimitAndNotMore) {
+TEST(SocketAddressTest, HoldsTheSystemsLimitAndNotMore) {
   ASSERT_TRUE(lunet::socketAddress(std::string(107, 'a')));
   EXPECT_EQ(std::string(lunet::socketAddress(std::string(107, 'a'))->sun_path), std::string(107, 'a'));
   EXPECT_FALSE(lunet::socketAddress(std::string(108, 'a')));
@@ -235,8 +235,8 @@ TEST_F(SocketFolderTest, ThatDoesNotExistMeansThatNobodyIsThere) {
 }
 
 TEST_F(SocketFolderTest, WhosePathsWouldPassTheLimitIsRefusedWithBothNumbers) {
-  const std::size_t room = 107 - (1 + 36 + 5);  // "/<GUID>.sock"
-  std::string path = dir.path() + "/" + std::string(room - dir.path().size() - 1, 'a');
+  const std::size_t most = 107 - (1 + 36 + 5);  // "/<GUID>.sock"
+  std::string path = dir.path() + "/" + std::string(most - dir.path().size() - 1, 'a');
   EXPECT_EQ(reasonOf(prepareFolder({path, std::nullopt})), "");
   path += 'a';
   const lunet::Result<uid_t> check = prepareFolder({path, std::nullopt});

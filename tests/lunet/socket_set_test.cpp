@@ -15,15 +15,15 @@ class Ready final : public lunet::Watched {
  public:
   void onReady(std::uint32_t) override {
     ++notified;
-    if (onTold) {
-      onTold();
+    if (then) {
+      then();
     }
   }
 
   const platform::Descriptor fd{eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)};
   std::uint64_t key = 0;
   int notified = 0;
-  std::function<void()> onTold;
+  std::function<void()> then;
 };
 
 class SocketSetTest : public testing::Test {
@@ -38,7 +38,7 @@ class SocketSetTest : public testing::Test {
   lunet::SocketSet set;
 };
 
-TEST_F(SocketSetTest, WhatIsReadyIsToldUntilItIsRemoved) {
+TEST_F(SocketSetTest, WhatIsReadyIsNotifiedUntilItIsRemoved) {
   const auto one = addOne();
   set.dispatch(0);
   set.dispatch(0);
@@ -48,11 +48,11 @@ TEST_F(SocketSetTest, WhatIsReadyIsToldUntilItIsRemoved) {
   EXPECT_EQ(one->notified, 2);
 }
 
-TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotToldAnyMore) {
+TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotNotifiedAnyMore) {
   const auto one = addOne();
   const auto other = addOne();
-  one->onTold = [&] { remove(other); };
-  other->onTold = [&] { remove(one); };
+  one->then = [&] { remove(other); };
+  other->then = [&] { remove(one); };
   set.dispatch(0);
   EXPECT_EQ(one->notified + other->notified, 1);
 }

@@ -96,11 +96,11 @@ TEST_F(StallTest, AStoppedProcessIsGivenUpAfterAMomentNotForEver) {
 }
 
 TEST_F(StallTest, WhatWasQueuedForAPeerThatDiedIsLogged) {
-  static std::atomic<bool> told{false};
+  static std::atomic<bool> logsLoss{false};
   installTree();
   Client logged(config("\"log_level\":1"));
   logged->SetLogCallback([](int, const char* text) {
-    told = told || std::string_view(text).find("queued bytes for ") != std::string_view::npos;
+    logsLoss = logsLoss || std::string_view(text).find("queued bytes for ") != std::string_view::npos;
   });
   const lunet::Guid guid = newGuid();
   Player player(lunetctl({"listen", lunet::formatGuid(guid)}));
@@ -111,9 +111,9 @@ TEST_F(StallTest, WhatWasQueuedForAPeerThatDiedIsLogged) {
   player.process.kill(SIGSTOP);
   std::uint32_t error = 0;
   fill(sender, guid, error);
-  EXPECT_FALSE(told);
+  EXPECT_FALSE(logsLoss);
   player.process.kill(SIGKILL);
-  EXPECT_TRUE(waitFor([] { return told.load(); }));
+  EXPECT_TRUE(waitFor([] { return logsLoss.load(); }));
 }
 
 /// A connection made by hand whose socket holds more than one turn reads.
@@ -190,7 +190,7 @@ TEST_F(StallTest, AReadThatTakesExactlyWhatIsThereEndsNothing) {
   EXPECT_TRUE(server.waitForCount(10));
 }
 
-TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreToldByTheReplier) {
+TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreNoticedByTheReplier) {
   // The caller sends requests and never reads, so its answers queue at the replier up to the limit.
   std::atomic<bool> full{false};
   const std::string large(4 << 20, 'a');

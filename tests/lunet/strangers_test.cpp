@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(
                     BadFrameRow{"AnUnknownKind", spoiled([](FrameHeader& h) { h.kind = FrameKind{99}; })}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(StrangersTest, AGreetingThatEndsEarlyGetsNoAnswer) {
+TEST_F(StrangersTest, AHelloThatEndsEarlyGetsNoAnswer) {
   const RawConnection raw(socketOf(server.guid()));
   FrameHeader header;
   header.kind = FrameKind::kHello;
@@ -121,7 +121,7 @@ TEST_F(StrangersTest, MessagesBeforeABadFrameAreDelivered) {
   EXPECT_EQ(server.messages()[0].data, "good");
 }
 
-TEST_F(StrangersTest, AnEndThatIsToldTogetherWithAMessageIsNoticed) {
+TEST_F(StrangersTest, AnEndThatComesTogetherWithAMessageIsNoticed) {
   const auto descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   };
@@ -154,9 +154,9 @@ TEST_F(StrangersTest, AOnewayMessageOnAChannelWithoutAReceiverGetsNoAnswer) {
   EXPECT_EQ(frame.channel, lunet::kErrNoTarget);
 }
 
-TEST_F(StrangersTest, ACallerWhoHangsUpWhileItsAnswersWaitIsToldToTheReplier) {
+TEST_F(StrangersTest, ACallerThatHangsUpWhileItsAnswersWaitIsReportedToTheReplier) {
   std::vector<Message> requests;
-  std::atomic<bool> told{false};
+  std::atomic<bool> lost{false};
   Gate gate;
   Endpoint replier(client, newGuid(), [&](Endpoint& self, const Message& message) {
     requests.push_back(message);
@@ -166,7 +166,7 @@ TEST_F(StrangersTest, ACallerWhoHangsUpWhileItsAnswersWaitIsToldToTheReplier) {
     EXPECT_EQ(self.reply(requests.front(), std::string(4 << 20, 'a')), lunet::kOk);  // more than one read
     gate.open();
     std::size_t next = 1;
-    told = waitFor([&] { return self.reply(requests.at(next++), "x") == lunet::kErrPeerLost; });
+    lost = waitFor([&] { return self.reply(requests.at(next++), "x") == lunet::kErrPeerLost; });
   });
   RawConnection raw(socketOf(replier.guid()));
   ASSERT_EQ(raw.handshake(owner.guid(), replier.guid()), lunet::kOk);
@@ -181,17 +181,17 @@ TEST_F(StrangersTest, ACallerWhoHangsUpWhileItsAnswersWaitIsToldToTheReplier) {
   raw.send("last", 4);
   ASSERT_TRUE(gate.wait());
   raw.close();
-  EXPECT_TRUE(waitFor([&] { return told.load(); }));
+  EXPECT_TRUE(waitFor([&] { return lost.load(); }));
 }
 
-TEST_F(StrangersTest, AGreetingThatMakesNoSenseEndsTheConnection) {
+TEST_F(StrangersTest, AHelloThatMakesNoSenseEndsTheConnection) {
   const RawConnection raw(socketOf(server.guid()));
   raw.send(std::string(100, '?').data(), 100);
   EXPECT_TRUE(raw.waitUntilClosed());
   expectUnharmed();
 }
 
-TEST_F(StrangersTest, AMessageBeforeTheGreetingEndsTheConnection) {
+TEST_F(StrangersTest, AMessageBeforeTheHelloEndsTheConnection) {
   const RawConnection raw(socketOf(server.guid()));
   raw.send(oneway(32));
   raw.send(std::string(32, 'x').data(), 32);
@@ -199,7 +199,7 @@ TEST_F(StrangersTest, AMessageBeforeTheGreetingEndsTheConnection) {
   EXPECT_EQ(server.count(), 0u);
 }
 
-TEST_F(StrangersTest, AGreetingThatIsOneInAllButOneRespectEndsTheConnection) {
+TEST_F(StrangersTest, AHelloWithOneWrongFieldEndsTheConnection) {
   void (*const spoil[])(FrameHeader&) = {
       [](FrameHeader& h) { h.magic ^= 1; }, [](FrameHeader& h) { ++h.version; },
       [](FrameHeader& h) { h.kind = FrameKind::kOneway; }, [](FrameHeader& h) { ++h.length; }};
@@ -216,13 +216,13 @@ TEST_F(StrangersTest, AGreetingThatIsOneInAllButOneRespectEndsTheConnection) {
 }
 
 /// The limit is five seconds.
-TEST_F(StrangersTest, ACallerThatDoesNotGreetIsCutOff) {
+TEST_F(StrangersTest, ACallerThatSendsNoHelloIsCutOff) {
   const RawConnection raw(socketOf(server.guid()));
   raw.send("half", 4);
   EXPECT_TRUE(raw.waitUntilClosed());
 }
 
-TEST_F(StrangersTest, AGreetingMeantForAnotherAddressIsRefused) {
+TEST_F(StrangersTest, AHelloMeantForAnotherAddressIsRefused) {
   const RawConnection raw(socketOf(server.guid()));
   EXPECT_EQ(raw.handshake(owner.guid(), newGuid()), lunet::kErrDenied);
   EXPECT_TRUE(raw.waitUntilClosed());
@@ -240,7 +240,7 @@ TEST_F(StrangersTest, AnAddressAtWhichNoSocketStandsCannotBeClaimed) {
   EXPECT_EQ(raw.handshake(guid, server.guid()), lunet::kErrDenied);
 }
 
-TEST_F(StrangersTest, AProbeIsWelcomedAndCanSendNothing) {
+TEST_F(StrangersTest, AProbeGetsAHelloReplyAndCanSendNothing) {
   const RawConnection raw(socketOf(server.guid()));
   FrameHeader hello;
   hello.kind = FrameKind::kHello;
@@ -248,11 +248,11 @@ TEST_F(StrangersTest, AProbeIsWelcomedAndCanSendNothing) {
   hello.length = sizeof(lunet::HelloBody);
   raw.send(hello);
   raw.send(lunet::HelloBody{{}, server.guid()});
-  FrameHeader welcome;
-  const std::string answer = raw.receive(sizeof welcome + sizeof(lunet::Guid));
-  ASSERT_EQ(answer.size(), sizeof welcome + sizeof(lunet::Guid));
-  std::memcpy(&welcome, answer.data(), sizeof welcome);
-  EXPECT_EQ(welcome.channel, lunet::kOk);
+  FrameHeader reply;
+  const std::string answer = raw.receive(sizeof reply + sizeof(lunet::Guid));
+  ASSERT_EQ(answer.size(), sizeof reply + sizeof(lunet::Guid));
+  std::memcpy(&reply, answer.data(), sizeof reply);
+  EXPECT_EQ(reply.channel, lunet::kOk);
   EXPECT_TRUE(raw.waitUntilClosed());
 }
 
@@ -282,20 +282,20 @@ class FalseListenerTest : public BusTest {
     }
   }
   /// Answers each hello with these replies in turn, and ends each connection when its caller does.
-  void replyToEach(std::vector<FrameHeader> welcomes) {
-    thread = std::thread([this, welcomes = std::move(welcomes)] {
-      for (const FrameHeader& welcome : welcomes) {
+  void replyToEach(std::vector<FrameHeader> replies) {
+    thread = std::thread([this, replies = std::move(replies)] {
+      for (const FrameHeader& reply : replies) {
         const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
         char block[4096];
         (void)!recv(peer.get(), block, sizeof(FrameHeader) + sizeof(lunet::HelloBody), MSG_WAITALL);
-        (void)send(peer.get(), &welcome, sizeof welcome, MSG_NOSIGNAL);
+        (void)send(peer.get(), &reply, sizeof reply, MSG_NOSIGNAL);
         (void)send(peer.get(), &guid, sizeof guid, MSG_NOSIGNAL);
         while (recv(peer.get(), block, sizeof block, 0) > 0) {
         }
       }
     });
   }
-  static FrameHeader welcome() {
+  static FrameHeader helloReply() {
     FrameHeader header;
     header.kind = FrameKind::kHelloReply;
     header.length = sizeof(lunet::Guid);
@@ -312,10 +312,10 @@ class FalseListenerTest : public BusTest {
       const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
       char block[4096];
       (void)!recv(peer.get(), block, sizeof(FrameHeader) + sizeof(lunet::HelloBody), MSG_WAITALL);
-      FrameHeader welcome;
-      welcome.kind = FrameKind::kHelloReply;
-      welcome.length = sizeof claimed;
-      (void)send(peer.get(), &welcome, sizeof welcome, MSG_NOSIGNAL);
+      FrameHeader reply;
+      reply.kind = FrameKind::kHelloReply;
+      reply.length = sizeof claimed;
+      (void)send(peer.get(), &reply, sizeof reply, MSG_NOSIGNAL);
       (void)send(peer.get(), &claimed, sizeof claimed, MSG_NOSIGNAL);
       (void)!recv(peer.get(), block, sizeof(FrameHeader) + 1, MSG_WAITALL);
       (void)send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -379,24 +379,24 @@ TEST_F(FalseListenerTest, ARefusalThatGivesNoReasonIsNoSuccess) {
   EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrSystem);
 }
 
-TEST_F(FalseListenerTest, AListenerThatHangsUpInsteadOfAWelcomeIsNoTarget) {
+TEST_F(FalseListenerTest, AListenerThatHangsUpInsteadOfAHelloReplyIsNoTarget) {
   thread = std::thread([this] { const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr)); });
   EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrNoTarget);
 }
 
-TEST_F(FalseListenerTest, ConnectTakesAnAgentThatGivesNoWelcomeForAbsent) {
+TEST_F(FalseListenerTest, ConnectTakesAnAgentThatGivesNoHelloReplyForAbsent) {
   Client hasty(config("\"connect_timeout_ms\":50"));
   EXPECT_EQ(hasty->Connect(10), lunet::kErrNoTarget);
 }
 
 TEST_F(FalseListenerTest, ConnectWaitsForAnAgentThatHasTooManyConnections) {
-  FrameHeader full = welcome();
+  FrameHeader full = helloReply();
   full.channel = lunet::kErrQueueFull;
-  replyToEach({full, full, welcome()});
+  replyToEach({full, full, helloReply()});
   EXPECT_EQ(client->Connect(60), lunet::kOk);
 }
 
-TEST_F(FalseListenerTest, CloseEndsACallThatWaitsForAWelcome) {
+TEST_F(FalseListenerTest, CloseEndsACallThatWaitsForAHelloReply) {
   auto call = std::async(std::launch::async, [&] { return caller.call(guid, "x").error; });
   ASSERT_TRUE(somebodyCalls());
   caller->Close();
@@ -425,7 +425,7 @@ TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsIsFullIsTriedAgain)
 }
 
 /// The limit is three seconds, or the caller's own if shorter.
-TEST_F(FalseListenerTest, AListenerThatGivesNoWelcomeIsGivenUp) {
+TEST_F(FalseListenerTest, AListenerThatGivesNoHelloReplyIsGivenUp) {
   const lunet::Guid other = newGuid();
   const auto address = lunet::socketAddress(socketOf(other));
   const platform::Descriptor silent(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -449,7 +449,7 @@ struct FalseReplyRow {
 class FalseHelloReplyTest : public FalseListenerTest, public testing::WithParamInterface<FalseReplyRow> {};
 
 TEST_P(FalseHelloReplyTest, EndsTheCall) {
-  FrameHeader header = welcome();
+  FrameHeader header = helloReply();
   GetParam().spoil(header);
   replyToEach({header});
   EXPECT_EQ(caller.call(guid, "x").error, GetParam().error);
