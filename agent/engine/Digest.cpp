@@ -72,6 +72,12 @@ std::optional<std::string> fromHex(const std::string& hex) {
   return bytes;
 }
 
+std::string sha256Of(const std::string& text) {
+  Digest digest(Digest::Kind::kSha256);
+  digest.add(text.data(), text.size());
+  return digest.hex();
+}
+
 std::optional<std::string> digestOfFile(int fd, Digest::Kind kind) {
   Digest digest(kind);
   std::string buffer(1 << 16, '\0');

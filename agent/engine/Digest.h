@@ -31,6 +31,8 @@ class Digest {
 std::string toHex(const void* bytes, std::size_t size);
 /// Nothing for an odd length or another character.
 std::optional<std::string> fromHex(const std::string& hex);
+/// The SHA-256 of a text, as Digest::hex.
+std::string sha256Of(const std::string& text);
 /// The digest of an open file, from its position to its end. Nothing when reading fails.
 std::optional<std::string> digestOfFile(int fd, Digest::Kind kind);
 

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <string_view>
 
+#include "engine/Digest.h"
 #include "engine/FileHashes.h"
 #include "engine/ScanRecord.h"
 #include "engine/SignatureFolder.h"

@@ -35,10 +35,4 @@ bool fillHashes(int fd, Verdict& verdict) {
   return true;
 }
 
-std::string sha256Of(const std::string& text) {
-  Digest digest(Digest::Kind::kSha256);
-  digest.add(text.data(), text.size());
-  return digest.hex();
-}
-
 }  // namespace agent

@@ -7,7 +7,5 @@ namespace agent {
 /// Fills the three hashes of the whole file in one reading, and keeps the descriptor's position. False, with
 /// empty hashes, when the file cannot be read to its end.
 bool fillHashes(int fd, Verdict& verdict);
-/// Lower-case hexadecimal SHA-256 of a text.
-std::string sha256Of(const std::string& text);
 
 }  // namespace agent

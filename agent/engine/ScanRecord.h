@@ -44,8 +44,8 @@ class ScanRecord {
   static constexpr std::size_t kLevels = 128;  // more than libclamav's own limit
   struct Open {
     const ArchiveKind* kind = nullptr;
-    bool entered = false;
-    bool yielded = false;
+    bool entered = false;  // the scan is inside this level
+    bool yielded = false;  // a member of the archive was scanned, or the archive is left out
     std::string name;
   };
 

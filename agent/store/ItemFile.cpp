@@ -37,9 +37,7 @@ std::uint64_t fromLittleEndian(std::string_view bytes) {
 }
 
 std::string hashOf(const std::string& text) {
-  Digest digest(Digest::Kind::kSha256);
-  digest.add(text.data(), text.size());
-  return fromHex(digest.hex()).value_or("");
+  return fromHex(sha256Of(text)).value_or("");
 }
 
 std::string readAt(int fd, std::uint64_t offset, std::size_t size) {
@@ -55,6 +53,7 @@ std::string readAt(int fd, std::uint64_t offset, std::size_t size) {
   return bytes;
 }
 
+/// The key and the first counters, as views into the header.
 struct Keys {
   explicit Keys(std::string_view header)
       : key(header.substr(kBegin.size(), kKeyBytes)),
