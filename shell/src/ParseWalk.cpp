@@ -7,7 +7,7 @@ namespace shell {
 bool ParseWalk::matched(CliTreeNode& node, std::int32_t* result) {
   anyMatch_ = true;
   CliNodeInfo& info = *node.info;
-  if (info.required != 0) {
+  if (info.required != 0) {  // satisfies its alternative siblings, too
     for (const CliTreeNode* sibling = node.parent->firstChild.get(); sibling != nullptr;
          sibling = sibling->nextSibling.get()) {
       if (sibling->info->alternative != 0) {

@@ -36,7 +36,7 @@ std::int32_t TreeWalk::run(CliTreeNode* first) {
       if (triedAtThisLevel) {
         return levelEnded();
       }
-      // Goes back to the level of the parent, so that further options may follow in any order.
+      // The walk goes back to the level of the parent: further options may follow in any order.
       CliTreeNode* const parent = cameFrom == nullptr ? nullptr : cameFrom->parent;
       if (parent == nullptr || parent->parent == nullptr) {
         return 0;

@@ -59,12 +59,7 @@ class JobShell {
   JobShell() {
     job_.handler = shell::startTask<JobTask>;
     take_.handler = [](const CliNodeInfo&, const std::string& value) {
-      auto* const task = shell::currentTask<JobTask>();
-      if (task == nullptr) {
-        return std::uint8_t{0};
-      }
-      task->value = value;
-      return std::uint8_t{1};
+      return shell::changeTask<JobTask>([&value](JobTask& task) { task.value = value; });
     };
     // Handlers hand their tasks to the one shell of the process: the grammar goes there.
     CliTree& tree = TavCliCompletion::instance().tree();
@@ -248,7 +243,7 @@ TEST_F(ExecuteLine, ATaskOfAnotherCommandIsNotTaken) {
     std::int32_t execute() override { return 0; }
   };
   TavCliCompletion::instance().setPendingTask(std::make_unique<OtherTask>());
-  EXPECT_EQ(shell::currentTask<JobTask>(), nullptr);
+  EXPECT_EQ(TavCliCompletion::instance().pendingTaskAs<JobTask>(), nullptr);
   TavCliCompletion::instance().setPendingTask(nullptr);
 }
 

@@ -23,12 +23,6 @@ struct MemberOf<Field Task::*> {
 
 }  // namespace detail
 
-/// The pending task; null when no task of this type is pending.
-template <class Task>
-Task* currentTask() {
-  return TavCliCompletion::instance().pendingTaskAs<Task>();
-}
-
 /// The handler of a command's first keyword. Makes the task and passes the task to the shell.
 template <class Task>
 std::uint8_t startTask(const CliNodeInfo& /*node*/, const std::string& /*value*/) {
@@ -39,7 +33,7 @@ std::uint8_t startTask(const CliNodeInfo& /*node*/, const std::string& /*value*/
 /// For the handlers of later keywords: applies the change to the pending task.
 template <class Task, class Change>
 std::uint8_t changeTask(Change change) {
-  Task* const task = currentTask<Task>();
+  Task* const task = TavCliCompletion::instance().pendingTaskAs<Task>();
   if (task == nullptr) {
     return 0;
   }
