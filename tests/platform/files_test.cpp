@@ -18,7 +18,7 @@
 #include "support/TempDir.h"
 
 namespace {
-std::function<void(const std::string&)> gBeforeMkdir;  ///< what another user does at that moment; else empty
+std::function<void(const std::string&)> gBeforeMkdir;  ///< the action of another user just before mkdir
 }
 
 /// Replaces the function of the C library.
@@ -39,7 +39,7 @@ using testsupport::FileCalls;
 using testsupport::readFile;
 using testsupport::TempDir;
 
-TEST(FileInfo, TellsFilesFoldersAndNothingApart) {
+TEST(FileInfo, DistinguishesFilesFoldersAndNothing) {
   const TempDir dir;
   const std::string file = dir.write("f", "x");
   EXPECT_TRUE(CFileInfo(file).exists());
@@ -93,7 +93,7 @@ TEST(File, ReplacingGivesTheModeWhateverTheMask) {
   EXPECT_EQ(st.st_mode & 07777, 0644u);
 }
 
-TEST(File, ReplacingLetsNobodyElseReadWhatIsNotWholeYet) {
+TEST(File, AFileThatIsNotWholeYetIsReadableForItsOwnerOnly) {
   const TempDir dir;
   const pid_t child = fork();
   if (child == 0) {
@@ -122,7 +122,7 @@ TEST(File, ASignalDuringAReadOrWriteCostsNothing) {
   EXPECT_THAT(calls.seen(), Not(Contains(HasSubstr("open for children"))));
 }
 
-TEST(File, AReadThatFailsTellsWhy) {
+TEST(File, AReadThatFailsGivesTheReason) {
   const TempDir dir;
   const std::string path = dir.write("f", "content");
   FileCalls calls;
@@ -136,7 +136,7 @@ struct FailingCall {
   int error;
 };
 class FailedReplacing : public testing::TestWithParam<FailingCall> {};
-TEST_P(FailedReplacing, LeavesTheOldFileAndNothingBesideAndTellsWhy) {
+TEST_P(FailedReplacing, LeavesTheOldFileAndNothingBesideAndGivesTheReason) {
   const TempDir dir;
   const std::string path = dir.write("f", "old");
   FileCalls calls;
@@ -201,7 +201,7 @@ TEST(File, ReplacingInAFolderThatMayBeWrittenButNotReadPutsTheFileInPlace) {
   EXPECT_EQ(readFile(dir.at("drop/f")), "new");
 }
 
-/// The errors of file systems that cannot sync folders.
+/// The sync of the folder fails with the error.
 class FolderSync : public testing::TestWithParam<int> {
  protected:
   FolderSync() { calls_.fail("sync tavtest-", "", GetParam()); }
@@ -218,7 +218,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, NoFolderSync, testing::Values(EINVAL, ENOTSUP),
                          [](const auto& row) { return std::string(strerrorname_np(row.param)); });
 
 class FailedFolderSync : public FolderSync {};
-TEST_P(FailedFolderSync, IsToldThoughTheFileIsInPlace) {
+TEST_P(FailedFolderSync, IsReportedThoughTheFileIsInPlace) {
   EXPECT_EQ(CFile::replaceAtomically(dir_.at("f"), "new", 0600), GetParam());
   EXPECT_EQ(readFile(dir_.at("f")), "new");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 1);
@@ -310,7 +310,7 @@ TEST(ResolveSafe, AFileThatTheGroupOrOthersCanWriteIsNamedThoughItIsSticky) {
   }
 }
 
-/// The answer of a process of another user or with another root; "" for an empty answer.
+/// The answer of `asked` in a process of its own. There `asked` may take another user or another root.
 std::string saidBy(const std::function<std::string()>& asked) {
   int ends[2];
   if (pipe(ends) != 0) {
@@ -396,7 +396,7 @@ TEST(ResolveSafe, LeadsToTheFolderItself) {
   EXPECT_EQ(CDir::resolveSafe(dir.at("link")), dir.at("real"));
 }
 
-/// A folder "real" with a file "f" in it, and links to it; some belong to another user.
+/// A folder "real" with a file "f", and links to the folder. Some links belong to another user.
 class LinksOnTheWay : public testing::Test {
  protected:
   LinksOnTheWay() {
@@ -493,7 +493,7 @@ TEST_F(LinksOnTheWay, ToWhatIsMissingAreNoPlaceToMakeIt) {
 
 TEST_F(LinksOnTheWay, AreResolvedBeforeWhatIsToBeMade) {
   EXPECT_EQ(CDir::resolveForMaking(dir_.at("own/x/y")), dir_.at("real/x/y"));
-  EXPECT_FALSE(CDir::resolveForMaking(dir_.at("own/x/../y"))) << "what is missing leads nowhere";
+  EXPECT_FALSE(CDir::resolveForMaking(dir_.at("own/x/../y"))) << "'..' behind a missing folder leads nowhere";
   EXPECT_FALSE(std::filesystem::exists(dir_.at("real/x")));
 }
 
