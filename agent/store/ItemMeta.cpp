@@ -33,7 +33,7 @@ bool xattrsFromJson(const Json::Value& list, std::vector<std::pair<std::string, 
     return false;
   }
   for (const Json::Value& attribute : list) {
-    const auto value = fromHex(CppJson::readString(attribute, "value", "x"));
+    const auto value = fromHex(CppJson::readString(attribute, "value", "x"));  // "x": no hexadecimal text
     if (!attribute.isObject() || !value) {
       return false;
     }
@@ -208,8 +208,8 @@ std::string fileTypeOf(const std::string& firstBytes, const std::string& name) {
     }
   }
   const std::size_t dot = name.rfind('.');
-  const bool ending = dot != std::string::npos && dot > 0 && name.size() - dot <= 9;
-  return ending ? json::encodePath(name.substr(dot + 1)) : "";
+  const bool hasEnding = dot != std::string::npos && dot > 0 && name.size() - dot <= 1 + 8;
+  return hasEnding ? json::encodePath(name.substr(dot + 1)) : "";
 }
 
 }  // namespace agent::store

@@ -23,14 +23,14 @@ class OriginalFile {
   const struct stat& st() const { return st_; }
   const std::string& realPath() const { return realPath_; }
   const std::string& name() const { return name_; }
-  /// Only the change time differs from the scanned file (a new name, another mode): the hash must prove the
-  /// content.
+  /// True when only the change time differs from the scanned file (a new name, another mode). The hash must
+  /// then prove the content.
   bool needsProof() const { return needsProof_; }
 
   /// Throws when the file was changed since it was opened.
   void checkUnchanged() const;
   /// Renames the entry to the private name in the same folder and checks that the entry is the file. Another
-  /// file that took its place gets its name back.
+  /// file in the place of the original gets its name back.
   void setAside(const std::string& privateName);
   /// Removes the entry that was set aside, and syncs the folder.
   void remove();

@@ -28,7 +28,7 @@ struct FileIdentity {
 
 /// The process that sent a request, with the credentials that the kernel reports.
 struct CallerId {
-  uid_t uid = static_cast<uid_t>(-1);
+  uid_t uid = static_cast<uid_t>(-1);  ///< -1: the agent itself
   gid_t gid = static_cast<gid_t>(-1);
   std::vector<gid_t> groups;
   pid_t pid = 0;

@@ -129,7 +129,7 @@ platform::Expected<Remark> DetectionHandler::remove(const DetectedFile& detected
   return context_.store.quarantine().add(request);
 }
 
-/// A scan removes no file that the caller could not remove without the agent.
+/// A scan removes only files that the caller could remove without the agent.
 platform::Expected<void> DetectionHandler::checkAllowed(const EncounteredFile& file) const {
   if (isAdministrator(context_.caller)) {
     return {};

@@ -96,7 +96,7 @@ bool FilePipeline::hasUsableTimes(const EncounteredFile& file) {
   return entry->second;
 }
 
-/// The worker gets a second descriptor. The first stays open until the file's end is known.
+/// The worker gets a second descriptor. The first stays open until the file is counted or handled.
 void FilePipeline::submit(EncounteredFile encountered, bool rejected, bool cacheable) {
   const auto file = std::make_shared<EncounteredFile>(std::move(encountered));
   platform::Descriptor copy(fcntl(file->fd.get(), F_DUPFD_CLOEXEC, 0));

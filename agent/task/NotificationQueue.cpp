@@ -10,7 +10,7 @@ namespace agent {
 
 namespace {
 
-/// The same notification may still reach the same process.
+/// True when the same notification may still reach the same process.
 bool isRetryable(std::uint32_t error) {
   return error == lunet::kErrQueueFull || error == lunet::kErrTimeout || error == lunet::kErrPeerLost ||
          error == lunet::kErrSystem;
@@ -19,7 +19,7 @@ bool isRetryable(std::uint32_t error) {
 /// The pause of a receiver after a send that ran out of time, in times of that send.
 constexpr int kTimeoutPause = 10;
 
-/// The error concerns the notification, not the receiver.
+/// True when the error concerns the notification, not the receiver.
 bool isUnsendable(std::uint32_t error) {
   return error == lunet::kErrTooLarge || error == lunet::kErrArgument;
 }
@@ -45,7 +45,7 @@ NotificationQueue::~NotificationQueue() {
   posted_.notify_all();
   sent_.notify_all();
   thread_.join();
-  // A queued notification keeps its BusTaskEvents alive, which keeps the receiver: a cycle.
+  // A cycle: a queued notification keeps its BusTaskEvents alive, and the BusTaskEvents its receiver.
   for (const std::shared_ptr<Receiver>& receiver : listed_) {
     receiver->waiting_.clear();
   }
@@ -119,7 +119,7 @@ void NotificationQueue::run() {
   }
 }
 
-/// Sends one notification of each receiver that may be tried. True when a receiver took one.
+/// Sends one notification of each receiver that may be tried. True when a receiver took its notification.
 bool NotificationQueue::sendRound(std::unique_lock<std::mutex>& lock) {
   const std::vector<std::shared_ptr<Receiver>> receivers = listed_;
   bool sent = false;

@@ -52,9 +52,9 @@ class Receiver {
   std::function<void()> onDelivered_;
 };
 
-/// Sends notifications on a thread of its own: a slow receiver delays neither a task nor another receiver. A
-/// receiver that takes nothing for Limits::stall counts as gone. After a send that ran out of time, the queue
-/// leaves the receiver alone for ten times as long. Any thread.
+/// Sends notifications on a thread of its own. A slow receiver delays no other receiver; its task waits in
+/// waitForQuota only. A receiver that takes nothing for Limits::stall counts as gone. After a send that ran
+/// out of time, the queue leaves the receiver alone for ten times as long. Any thread.
 class NotificationQueue {
  public:
   struct Limits {
@@ -74,8 +74,8 @@ class NotificationQueue {
   /// Waits while more than keptBytes are queued. Ends early when the receiver is gone or `cancelled` returns
   /// true; calls `cancelled` ten times a second.
   void waitForQuota(const std::shared_ptr<Receiver>& receiver, const std::function<bool()>& cancelled);
-  /// `action` runs once, on the queue's thread, when all notifications so far are delivered or dropped;
-  /// never, when the queue ends before that.
+  /// `action` runs once, on the queue's thread, when all notifications so far are delivered or dropped. A
+  /// queue that ends before that drops the action.
   void onDelivered(const std::shared_ptr<Receiver>& receiver, std::function<void()> action);
   bool gone(const std::shared_ptr<Receiver>& receiver) const;
   /// Waits until nothing is queued; false at the limit.
@@ -97,7 +97,7 @@ class NotificationQueue {
   mutable std::mutex mutex_;
   std::condition_variable posted_;
   std::condition_variable sent_;
-  std::vector<std::shared_ptr<Receiver>> listed_;        // those with notifications or an action
+  std::vector<std::shared_ptr<Receiver>> listed_;        // with notifications or an action
   std::map<uid_t, Clock::time_point> membersNotBefore_;  // after a send that ran out of time
   bool ending_ = false;
   std::thread thread_;

@@ -31,8 +31,8 @@ class WalkSink {
   ~WalkSink() = default;
 };
 
-/// The one who named a path. The walk enters the file system of a path that the caller named, whatever its
-/// kind.
+/// The origin of a named path: the caller's request, or the agent's own list of places. A network file system
+/// is always entered at a path that the caller named.
 enum class NamedBy { kCaller, kAgent };
 
 /// Walks folders by descriptor. Each name is opened once, below its folder. The walk follows symbolic links

@@ -41,7 +41,7 @@ class PoolWorker {
   bool helloReceived() const { return helloReceived_; }
 
   /// Sends the file and takes the task. On failure the task stays the caller's; without NotSent::peerGone no
-  /// worker can take it.
+  /// worker can take the task.
   tl::expected<void, NotSent> begin(PoolTask& task);
   struct Answered {
     PoolTask task;
@@ -52,7 +52,7 @@ class PoolWorker {
   Received receive(Answered& answered);
   /// All unanswered tasks, the current one first.
   std::deque<PoolTask> takeTasks();
-  /// When the current file has taken longer than `limit`; nothing while idle.
+  /// The time at which the current file will have taken `limit`; nothing while idle.
   std::optional<Clock::time_point> deadline(std::chrono::milliseconds limit) const;
   void kill();
 

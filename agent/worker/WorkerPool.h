@@ -28,8 +28,8 @@ class WorkerPool {
   void scan(platform::Descriptor file, std::string name, const ScanOptions& options, Done done);
   /// Waits until all callbacks have run.
   void drain();
-  /// Queued files, and files that come later, end as kSkipped "cancelled". Running files are finished; with
-  /// `kill` their workers are ended, and they are "cancelled", too.
+  /// Queued files, and files that come later, end as kSkipped "cancelled". Running files are finished. With
+  /// `kill` the workers are ended instead, and running files are "cancelled", too.
   void cancel(bool kill);
   unsigned size() const;
 

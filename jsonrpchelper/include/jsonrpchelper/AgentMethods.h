@@ -10,7 +10,7 @@
 #include "jsonrpchelper/MethodTable.h"
 
 /// The wire protocol from console to agent: every method of the agent is declared here and nowhere else. The
-/// console calls through AgentStub; the agent serves through IAgentAbstract. MethodTable.h explains a row.
+/// console calls through AgentStub; the agent serves through IAgentAbstract. MethodTable.h explains the form.
 ///
 /// Several methods share these parameters. ctx is the caller's context object, which comes back in
 /// reportBusStatus. desc and detail are free descriptions. source and request_source name the kind of caller.

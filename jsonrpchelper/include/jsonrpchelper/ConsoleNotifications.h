@@ -11,7 +11,7 @@
 
 /// The wire protocol from agent to console: every notification is declared here and nowhere else. The agent
 /// sends through ConsoleNotifier; the console receives through IScanCAbstract and IBusinessCAbstract.
-/// MethodTable.h explains a row. token_id names the task.
+/// MethodTable.h explains the form. token_id names the task.
 namespace jsonrpchelper {
 
 /// A risk was found. risk_info: JsonReflect::VirusInfo or MemoryRiskInfo.

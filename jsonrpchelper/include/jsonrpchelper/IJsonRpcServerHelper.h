@@ -14,10 +14,9 @@ namespace jsonrpchelper {
 
 class HandlerList;
 
-/// The longest message that a server parses: parsed, a message takes a hundred times its length. The longest
-/// useful request is a change of settings of at most 1 MiB, written as a text in JSON. The limit does not
-/// apply to answers, nor to one-way messages of trusted senders (PeerIdentity::trusted). Answers and such
-/// messages may be as long as lunet::kMaxMessageBytes.
+/// The longest message that a server parses. A parsed message takes a hundred times its length in memory. The
+/// longest useful request is a change of settings of at most 1 MiB, written as a text in JSON. For answers
+/// and for one-way messages of trusted senders (PeerIdentity::trusted) the limit is lunet::kMaxMessageBytes.
 inline constexpr std::uint32_t kMaxRequestBytes = lunet::kMaxMemberMessageBytes;
 /// The most requests in one batch. No program of this project sends batches. Each request of a batch gets an
 /// answer of its own.

@@ -38,11 +38,11 @@ class ScanRunState {
 
   /// Asks the agent to start a scan. `ask` returns whether the agent accepted the scan, and must not use the
   /// result document. Notifications may overtake the answer, so result() and updateResult() wait for the
-  /// answer. An accepted scan begins with an empty document. After noteBusy the next scan goes on with the
-  /// document of the scan before. A scan that is not accepted changes nothing. Main thread.
+  /// answer. An accepted scan begins with an empty document, or keeps the document after noteBusy. A scan
+  /// that is not accepted changes nothing. Main thread.
   void start(const std::function<bool()>& ask);
-  /// Notes that the agent refused the last start because a scan of that type exists. Call before the bus
-  /// state changes.
+  /// Notes that the agent reported a scan of the same type. When the last start was accepted, the next start
+  /// keeps the document. Call before the bus state changes.
   void noteBusy();
 
   /// A copy of the result document of the running batch scan: "begintime", "endtime", "totalnum",
