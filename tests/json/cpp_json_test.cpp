@@ -66,7 +66,9 @@ TEST(WriteJsonToString, WhatWasWrittenIsReadBackWithControlAndChineseCharacters)
 TEST(SetInt64, SetsA64BitNumber) {
   Json::Value object;
   EXPECT_EQ(CppJson::SetInt64(object, "n", kInt64Max), 1);
+  EXPECT_EQ(CppJson::SetInt64(object, "m", kInt64Min), 1);
   EXPECT_EQ(object["n"].asInt64(), kInt64Max);
+  EXPECT_EQ(object["m"].asInt64(), kInt64Min);
 }
 
 TEST(SetInt64, OfAnEmptyKeyReturnsZeroAndChangesNothing) {

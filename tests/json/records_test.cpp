@@ -52,6 +52,25 @@ TEST(Records, FromValueOfAnEmptyObjectSucceedsAndKeepsInitialValues) {
   EXPECT_EQ(risk.risk_name, "");
 }
 
+TEST(Records, ACopyIsLoadedWhenItsSourceIs) {
+  VirusInfo loaded;
+  ASSERT_TRUE(loaded.FromValue(Json::Value(Json::objectValue)));
+  EXPECT_TRUE(VirusInfo(loaded).loaded());
+  VirusInfo assigned;
+  assigned = loaded;
+  EXPECT_TRUE(assigned.loaded());
+  assigned = VirusInfo();
+  EXPECT_FALSE(assigned.loaded());
+}
+
+TEST(Records, SerializeKeepsWhatElseTheObjectHas) {
+  Json::Value object;
+  object["other"] = 1;
+  VirusInfo().Serialize(object);
+  EXPECT_EQ(object["other"], 1);
+  EXPECT_TRUE(object.isMember("risk_name"));
+}
+
 TEST(Records, FromValueOfNullFails) {
   VirusInfo risk;
   EXPECT_FALSE(risk.FromValue(Json::Value()));

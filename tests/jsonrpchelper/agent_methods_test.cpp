@@ -9,6 +9,7 @@
 #include "Recorders.h"
 #include "json/Values.h"
 #include "jsonrpchelper/AgentStub.h"
+#include "jsonrpchelper/BusServer.h"
 #include "jsonrpchelper/Holders.h"
 #include "support/FakeEndpoint.h"
 #include "support/TempDir.h"
@@ -56,6 +57,27 @@ TEST_P(MethodTable, RowIsAsAgreed) {
   EXPECT_THAT("\n" + kAgreedMethods, testing::HasSubstr("\n" + textOf(GetParam())));
 }
 INSTANTIATE_TEST_SUITE_P(AgentMethods, MethodTable, testing::ValuesIn(agentMethods()), caseName);
+
+TEST_P(MethodTable, RowIsDescribedToTheLibrary) {
+  const MethodRow& row = GetParam();
+  const jsonrpc::Procedure procedure = procedureOf(row);
+  const std::map<JsonKind, jsonrpc::jsontype_t> kinds = {{kString, jsonrpc::JSON_STRING},
+                                                         {kInteger, jsonrpc::JSON_INTEGER},
+                                                         {kBoolean, jsonrpc::JSON_BOOLEAN},
+                                                         {kObject, jsonrpc::JSON_OBJECT},
+                                                         {kArray, jsonrpc::JSON_ARRAY}};
+  jsonrpc::parameterNameList_t parameters;
+  for (const ParameterRow& parameter : row.parameters) {
+    if (parameter.kind != kAny) {  // the library has no such kind
+      parameters[std::string(parameter.name)] = kinds.at(parameter.kind);
+    }
+  }
+  EXPECT_EQ(procedure.GetParameters(), parameters);
+  EXPECT_EQ(procedure.GetParameterDeclarationType(), jsonrpc::PARAMS_BY_NAME);
+  if (row.result != kNone) {
+    EXPECT_EQ(procedure.GetReturnType(), kinds.at(row.result));
+  }
+}
 
 class NotificationTable : public testing::TestWithParam<MethodRow> {};
 TEST_P(NotificationTable, RowIsAsAgreed) {

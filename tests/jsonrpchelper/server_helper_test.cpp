@@ -224,11 +224,11 @@ TEST_F(ServerHelper, MessagesAreDeliveredOnlyWhileTheServerListens) {
   RecordingBusiness business(helper);
   send(progress(1));
   EXPECT_EQ(business.log.size(), 0u);
-  business.StartListening();
-  business.StartListening();
+  EXPECT_TRUE(business.StartListening());
+  EXPECT_TRUE(business.StartListening());
   send(progress(2));
   EXPECT_EQ(business.log.size(), 1u) << "listening twice is listening once";
-  business.StopListening();
+  EXPECT_TRUE(business.StopListening());
   send(progress(3));
   EXPECT_EQ(business.log.size(), 1u);
 }
@@ -299,6 +299,7 @@ TEST_P(Malformed, IsAnsweredWithAnErrorOnTheRequestChannel) {
   EXPECT_EQ(answer["jsonrpc"], "2.0");
   EXPECT_EQ(answer["error"]["code"], GetParam().code) << answer.toStyledString();
   EXPECT_TRUE(answer["error"]["message"].isString());
+  EXPECT_TRUE(answer.isMember("id"));
   EXPECT_EQ(agent.log.size(), 0u);
 }
 
@@ -374,6 +375,54 @@ TEST_F(ServerHelper, ANotificationOnTheRequestChannelGetsAnEmptyReply) {
   EXPECT_TRUE(delivery.replied);
   EXPECT_EQ(delivery.reply, "");
   EXPECT_EQ(business.log.size(), 1u);
+}
+
+TEST_F(ServerHelper, AOneWayMessageThatNoServerTakesIsLoggedWithTheReason) {
+  const std::string text = notificationText("reportEverything", Json::objectValue);
+  send(text);
+  ask(text);
+  ASSERT_EQ(logged().size(), 1u) << "the sender of a request knows from the answer";
+  EXPECT_THAT(logged()[0], HasSubstr("dropped a one-way message"));
+  EXPECT_THAT(logged()[0], HasSubstr("METHOD_NOT_FOUND"));
+}
+
+TEST_F(ServerHelper, AMessageThatCannotBeHandledIsLoggedAndNotAnswered) {
+  helper.acceptOnly([](const jsonrpchelper::Caller&) -> bool { throw std::bad_alloc(); });
+  EXPECT_FALSE(endpoint.deliver(lunet::kRequestChannel, "{}", true).replied);
+  ASSERT_EQ(logged().size(), 1u);
+  EXPECT_THAT(logged()[0], HasSubstr("lost a message of 2 bytes"));
+}
+
+TEST_F(ServerHelper, ABatchOfNotificationsGetsAnEmptyReply) {
+  RecordingBusiness business(helper);
+  business.StartListening();
+  const auto delivery =
+      endpoint.deliver(lunet::kRequestChannel, "[" + progress(1) + "," + progress(2) + "]", true);
+  EXPECT_TRUE(delivery.replied);
+  EXPECT_EQ(delivery.reply, "");
+  EXPECT_EQ(business.log.size(), 2u);
+}
+
+TEST_F(ServerHelper, AResponseWithoutATargetIsNotSent) {
+  testsupport::FakeEndpoint::Delivery delivery;
+  IJsonRpcServerHelper::ReplyTarget noEndpoint{nullptr, 7, &delivery};
+  IJsonRpcServerHelper::ReplyTarget noContext{&endpoint, 7, nullptr};
+  EXPECT_FALSE(helper.SendResponse("x", nullptr));
+  EXPECT_FALSE(helper.SendResponse("x", &noEndpoint));
+  EXPECT_FALSE(helper.SendResponse("x", &noContext));
+  EXPECT_FALSE(delivery.replied);
+}
+
+TEST_F(ServerHelper, AServerLeavesTheLibrarysPlaceForOneServerUnused) {
+  RecordingBusiness business(helper);
+  EXPECT_EQ(helper.GetHandler(), nullptr);
+}
+
+TEST_F(ServerHelper, TheConnectorsOwnListeningChangesNothing) {
+  const auto registrations = endpoint.registrations;
+  EXPECT_TRUE(helper.StartListening());
+  EXPECT_TRUE(helper.StopListening());
+  EXPECT_EQ(endpoint.registrations, registrations);
 }
 
 TEST_F(ServerHelper, ARequestOnTheOneWayChannelIsHandledWithoutAReply) {
