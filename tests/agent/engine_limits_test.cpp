@@ -1,6 +1,29 @@
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 
 #include "EngineFixture.h"
+
+namespace {
+
+/// The errno value of the next read of a block for hashes; 0: the read succeeds.
+std::atomic<int> gNextReadFails{0};
+
+}  // namespace
+
+/// Replaces the C library's function for this program, and not for the engine's library. No other reads are
+/// as long as those for hashes.
+extern "C" [[gnu::visibility("hidden")]] ssize_t pread(int fd, void* buffer, std::size_t size, off_t offset) {
+  constexpr std::size_t kHashBlock = 256 * 1024;
+  if (const int error = size == kHashBlock ? gNextReadFails.exchange(0) : 0; error != 0) {
+    errno = error;
+    return -1;
+  }
+  return syscall(SYS_pread64, fd, buffer, size, offset);
+}
 
 namespace agent {
 namespace {
@@ -238,6 +261,25 @@ TEST_F(EngineLimitsTest, AnUnreadableFileIsAnError) {
   close(fd);
   EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
   EXPECT_EQ(verdict.reason, "cannot be read to its end");
+}
+
+TEST_F(EngineLimitsTest, AnInfectedFileStaysInfectedWithoutItsHashes) {
+  engine();  // loading reads for hashes, too
+  gNextReadFails = EIO;
+  const Verdict verdict = scan(eicar());
+  EXPECT_EQ(gNextReadFails, 0);
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected) << describe(verdict);
+  EXPECT_EQ(verdict.sha256, "");
+}
+
+TEST_F(EngineLimitsTest, AnInterruptedReadForHashesIsRepeated) {
+  ScanOptions hashes;
+  hashes.hashesWanted = true;
+  engine();
+  gNextReadFails = EINTR;
+  const Verdict verdict = scan("abc", hashes);
+  EXPECT_EQ(gNextReadFails, 0);
+  EXPECT_EQ(verdict.md5, "900150983cd24fb0d6963f7d28e17f72") << describe(verdict);
 }
 
 TEST_F(EngineLimitsTest, ReasonsHoldNoRawControlCharacters) {

@@ -104,14 +104,20 @@ TEST_F(Signatures, TheKeyOfAFolderNamesItsFilesInOrder) {
 
 TEST_F(Signatures, APackedDatabaseMayComparePictures) {
   EXPECT_FALSE(SignatureFolder(systemFolder()).comparesPictures());
-  writeSystem("main.cvd", "packed");
-  EXPECT_TRUE(SignatureFolder(systemFolder()).comparesPictures());
+  for (const char* ending : {"cvd", "cld", "cud"}) {
+    dir().write(std::string(ending) + "/main." + ending, "packed");
+    EXPECT_TRUE(SignatureFolder(dir().at(ending)).comparesPictures()) << ending;
+  }
 }
 
 TEST_F(Signatures, WithoutOurSignaturesNothingIsLoaded) {
   const auto loaded = Engine::load({dir().at("none"), systemFolder(), smallLimits()});
   ASSERT_FALSE(loaded);
   EXPECT_THAT(loaded.error(), HasSubstr(dir().at("none")));
+  dir().write("none/README.txt", "this is no signature\n");
+  const auto empty = Engine::load({dir().at("none"), systemFolder(), smallLimits()});
+  ASSERT_FALSE(empty);
+  EXPECT_THAT(empty.error(), HasSubstr("no signature files"));
 }
 
 TEST_F(Signatures, TheVersionChangesWithTheContentOfAFileOnly) {

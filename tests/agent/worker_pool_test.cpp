@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <future>
 #include <map>
+#include <set>
 
 #include "WorkerFixture.h"
 #include "worker/Channel.h"
@@ -68,6 +69,25 @@ TEST_F(Pools, EveryCallThatWakesOneIsHeardSoThatItSleepsAgain) {
   std::erase_if(own, [&](const auto& event) { return others.contains(event.first); });
   ASSERT_EQ(own.size(), 1U);
   EXPECT_TRUE(testsupport::waitFor([&] { return eventsUnread().at(own.begin()->first) == 0; }));
+}
+
+TEST_F(Pools, AnIdlePoolSleeps) {
+  ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
+  const auto threads = [] {
+    std::set<pid_t> all;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+      all.insert(std::stoi(entry.path().filename()));
+    }
+    return all;
+  };
+  auto before = threads();
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  auto own = threads();
+  std::erase_if(own, [&](pid_t thread) { return before.contains(thread); });
+  ASSERT_EQ(own.size(), 1U);
+  EXPECT_TRUE(testsupport::waitFor([&] { return testsupport::threadSleeps(*own.begin()); }));
 }
 
 TEST_F(Pools, OptionsReachTheWorker) {
@@ -537,6 +557,37 @@ TEST_F(Pools, AHungWorkerIsKilledAndItsFileIsAnError) {
   EXPECT_THAT(verdict("hang").reason, HasSubstr("took longer"));
   EXPECT_EQ(verdict("behind").outcome, Outcome::kInfected) << describe(verdict("behind"));
   EXPECT_TRUE(testsupport::waitFor([&] { return workerCount() <= 1; }));
+}
+
+TEST_F(PoolsThatRecord, AHungWorkerIsKilledWhileALaterWorkerIsIdle) {
+  config().fileTimeout = std::chrono::milliseconds(300);
+  holdFilesNamed("held");
+  WorkerPool pool(spawner(), 2);
+  begin(pool, "held", kLarge);
+  ASSERT_TRUE(testsupport::waitFor([&] { return begun().size() == 1; }));
+  begin(pool, "other", "some text");
+  EXPECT_TRUE(testsupport::waitFor([&] { return known("other") && known("held"); }));
+  open();
+  pool.drain();
+  EXPECT_THAT(verdict("held").reason, HasSubstr("took longer"));
+}
+
+// The callback runs on the pool's thread, which goes on with the next queued file.
+TEST_F(PoolsThatRecord, AFileBehindACancelIsNotBegun) {
+  config().beforeFile = [this](const std::string& path) { note(path.substr(path.rfind('/') + 1)); };
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "first", "some text");
+  pool.drain();
+  std::promise<void> queued;
+  pool.scan(platform::Descriptor(), "none", {}, [&](const Verdict&) {
+    queued.get_future().wait();
+    pool.cancel(false);
+  });
+  begin(pool, "next", "some text");
+  queued.set_value();
+  pool.drain();
+  EXPECT_EQ(verdict("next").reason, "cancelled");
+  EXPECT_THAT(namesBegun(), ElementsAre("first"));
 }
 
 TEST_F(Pools, CancelSkipsQueuedFiles) {

@@ -194,6 +194,15 @@ TEST_F(PoolWorkerProcess, IsNotKilledForAnotherMessage) {
   EXPECT_EQ(process_.wait(), 128 + SIGTERM) << "no other signal came earlier";
 }
 
+TEST_F(PoolWorkerProcess, OfASecondHelloIsNotKilled) {
+  sayHello();
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  sayHello(pidfd_.get());
+  worker_->kill();
+  process_.kill(SIGTERM);
+  EXPECT_EQ(process_.wait(), 128 + SIGTERM) << "a worker names no other process";
+}
+
 TEST_F(PoolWorkerProcess, CannotSendItsHelloAfterAKill) {
   worker_->kill();
   EXPECT_FALSE(other_.send(encode(WorkerHello{}), pidfd_.get()));

@@ -1,8 +1,14 @@
 #include <gmock/gmock.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <future>
+#include <optional>
 
 #include "WorkerFixture.h"
 
@@ -502,6 +508,81 @@ TEST_F(Spawners, AllEndWithAnAgentThatIsKilled) {
                 std::filesystem::directory_iterator(dir().path()), std::filesystem::directory_iterator(),
                 [](const auto& entry) { return entry.path().filename().string().starts_with("tavagent-"); }),
             1);
+}
+
+// The limit of processes does not bind root.
+TEST_F(Spawners, ThrowWhereNoProcessCanBeForked) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can become another user and return";
+  }
+  constexpr uid_t kUser = 60441;
+  ASSERT_EQ(chown(dir().path().c_str(), kUser, kUser), 0);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NPROC, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
+  ASSERT_EQ(syscall(SYS_setresuid, kUser, kUser, 0), 0);
+  EXPECT_THROW(spawner(), std::runtime_error);
+  ASSERT_EQ(syscall(SYS_setresuid, 0, 0, 0), 0);
+  ASSERT_EQ(setrlimit(RLIMIT_NPROC, &before), 0);
+}
+
+/// The spawner and the template belong to a user who may have no more processes: that limit does not bind
+/// root.
+class SpawnersThatCannotFork : public Spawners {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root can start processes of another user";
+    }
+    ASSERT_EQ(chown(dir().path().c_str(), user_, user_), 0);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NPROC, &before), 0);
+    const rlimit three{3, before.rlim_max};  // this process, the spawner, the template
+    ASSERT_EQ(setrlimit(RLIMIT_NPROC, &three), 0);
+    // The call of the kernel changes this thread only.
+    ASSERT_EQ(syscall(SYS_setresuid, user_, user_, 0), 0);
+    const auto started = spawner().waitLoaded(kLoad);
+    ASSERT_EQ(syscall(SYS_setresuid, 0, 0, 0), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_NPROC, &before), 0);
+    ASSERT_TRUE(started.loaded) << started.detail;
+    testsupport::Process::Options options;
+    options.uid = user_;
+    for (auto& one : others_) {
+      one.emplace(std::vector<std::string>{"/bin/sleep", "600"}, options);
+    }
+    ASSERT_TRUE(testsupport::waitFor([&] {
+      return std::all_of(others_.begin(), others_.end(),
+                         [](const auto& one) { return nameOf(one->pid()) == "sleep"; });
+    }));
+  }
+  static std::string nameOf(pid_t process) {
+    const auto stat = platform::processStat(process);
+    return stat ? stat->name : "";
+  }
+
+  const uid_t user_ = 40000 + static_cast<uid_t>(getpid()) % 20000;
+  std::array<std::optional<testsupport::Process>, 2> others_;
+};
+
+TEST_F(SpawnersThatCannotFork, KillNobodyButTheirTemplatesAtTheirEnd) {
+  kill(templates().at(0), SIGKILL);
+  ASSERT_TRUE(testsupport::waitFor([&] {
+    return spawner().signatureState().detail == "the process that loads the signatures died 3 times";
+  }));
+  endSpawner();
+  others_[0]->kill(SIGTERM);
+  EXPECT_EQ(others_[0]->wait(), 128 + SIGTERM) << "no other signal came earlier";
+}
+
+TEST_F(SpawnersThatCannotFork, LeaveNoFolderOfAWorker) {
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  EXPECT_THAT(verdict("file").reason, HasSubstr("no scanning process can be started"));
+  for (const std::string& folder : spawner().temporaryFolders()) {
+    EXPECT_TRUE(std::filesystem::is_empty(folder)) << folder;
+  }
 }
 
 }  // namespace
