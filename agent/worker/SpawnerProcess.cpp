@@ -65,7 +65,7 @@ class Template {
     if ((waiting[0].revents & POLLIN) != 0) {
       reap();
     }
-    if (agent_ && waiting[1].revents != 0) {
+    if (waiting[1].revents != 0) {  // never for a closed channel
       serve();
     }
   }
