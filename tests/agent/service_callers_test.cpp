@@ -400,9 +400,10 @@ TEST_F(Service, RecordsAChangeWithWhoMadeItAndWhatCameOfIt) {
 
 TEST_F(Service, AnswersEverybodyWhatItKeeps) {
   const CallingProcess stranger(kUser, kOwnGroup, {});
-  EXPECT_THAT(
-      call(stranger.identity(), "getAVConfig", jsonOf(R"({"config_type":0,"request_source":1})")).asString(),
-      HasSubstr("SkipSize"));
+  const std::string settings =
+      call(stranger.identity(), "getAVConfig", jsonOf(R"({"config_type":0,"request_source":1})")).asString();
+  EXPECT_THAT(settings, HasSubstr("SkipSize"));
+  EXPECT_EQ(settings.back(), '}');
   EXPECT_TRUE(
       call(stranger.identity(), "getRegionInfo", jsonOf(R"({"domain":4,"item_type":0,"region_type":0})"))
           .isArray());

@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <system_error>
 
 #include "service/Daemon.h"
 #include "service/Options.h"
@@ -104,6 +107,27 @@ TEST_F(Daemons, ThatFailGiveTheirCallerTheirExitCode) {
 
 TEST_F(Daemons, ThatEndWithoutAWordAreAFailure) {
   EXPECT_EQ(start([](Daemon&) { _exit(kExitOk); }), kExitFailed);
+}
+
+// The limit of processes does not bind root.
+TEST(Daemon, IsAnExceptionWhereNoProcessCanBeForked) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit none{0, 0};
+    if (setrlimit(RLIMIT_NPROC, &none) != 0 || (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0)) {
+      _exit(2);
+    }
+    try {
+      const Daemon daemon;
+    } catch (const std::system_error& error) {
+      _exit(error.code().value() == EAGAIN ? 42 : 3);
+    }
+    _exit(4);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 42);
 }
 
 TEST_F(Daemons, ThatAreReadyCannotFailTheirCallerAnyMore) {
