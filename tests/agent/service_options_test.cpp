@@ -42,6 +42,13 @@ TEST(Options, EachOptionIsRead) {
   EXPECT_EQ(Options::Action::kStatus, parseOptions({"--status"}).value().action);
 }
 
+TEST(Options, TheLogLevelsGoFromOneToFour) {
+  for (const LogLevel level : {LogLevel::kDebug, LogLevel::kInfo, LogLevel::kWarning, LogLevel::kError}) {
+    const std::string number = std::to_string(static_cast<int>(level));
+    EXPECT_EQ(level, parseOptions({"--log-level", number}).value().logLevel) << number;
+  }
+}
+
 TEST(Options, ARelativeTreeIsMadeAbsolute) {
   const Options options = parseOptions({"--install-dir", "tree"}).value();
   EXPECT_EQ('/', options.installDir.front());
