@@ -321,7 +321,8 @@ TEST(AgentProgram, AHangupWhileSignaturesAreLoadedLeadsToOneMoreLoad) {
   tree.kill(SIGHUP);
   EXPECT_TRUE(waitFor([&] { return statusOf(agent, "ShdPnd") == none; }));
   ::kill(spawner, SIGCONT);
-  EXPECT_TRUE(waitFor([&] { return countOf("loaded again", tree.log()) == 2; })) << tree.log();
+  EXPECT_TRUE(waitFor([&] { return countOf("signatures were loaded again", tree.log()) == 2; }))
+      << tree.log();
 }
 
 TEST(AgentProgram, ThatIsEndedWhileSignaturesAreLoadedAgainDoesNotWaitForThem) {
