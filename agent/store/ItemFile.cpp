@@ -144,6 +144,9 @@ void ItemWriter::finish(const ItemMeta& meta) {
   deflateInto(Z_FINISH);
   const std::uint64_t content = written_ - kHeaderBytes;
   std::string text = meta.toText();
+  if (text.size() > kMaxMetaBytes) {
+    throw StoreError("its attributes are too long for the quarantine");
+  }
   const std::string footer =
       littleEndian(content) + littleEndian(text.size()) + hashOf(text) + std::string(kEnd);
   Cipher(Keys(header_).key, Keys(header_).meta).apply(text.data(), text.size());

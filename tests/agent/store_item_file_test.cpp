@@ -187,6 +187,14 @@ TEST_F(ItemFileTest, AnItemMayBeAsLongAsIsAllowedAndNotAByteLonger) {
   EXPECT_THROW(writeWithin(size - 1), store::StoreError);
 }
 
+TEST_F(ItemFileTest, MetaDataMayBeAsLongAsTheReaderAllowsAndNotAByteLonger) {
+  store::ItemMeta meta = metaOf("content");
+  meta.fileType = std::string((16 << 20) - meta.toText().size(), 'x');
+  EXPECT_EQ(damageOf(itemOf("content", meta)), "");
+  meta.fileType += 'x';
+  EXPECT_THROW(itemOf("content", meta), store::StoreError);
+}
+
 // The record.
 
 struct BadRecord {
