@@ -58,7 +58,7 @@ void AuditLog::rotate() {
 }
 
 bool AuditLog::append(const std::string& line) {
-  if (file_ && size_ > 0 && size_ + static_cast<std::int64_t>(line.size()) > maxBytes_) {
+  if (size_ > 0 && size_ + static_cast<std::int64_t>(line.size()) > maxBytes_) {
     rotate();
   }
   if (!file_ && !open()) {

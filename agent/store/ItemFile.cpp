@@ -222,7 +222,7 @@ std::size_t ItemReader::read(void* buffer, std::size_t size) {
   }
   const std::size_t made = size - stream_.avail_out;
   given_ += made;
-  if (given_ > meta_.size || (ended_ && made < size && given_ != meta_.size)) {
+  if (given_ > meta_.size || (made < size && given_ != meta_.size)) {
     throw StoreError("is damaged: its content is not as long as the file was");
   }
   return made;

@@ -1,7 +1,9 @@
 #include "store/ItemMeta.h"
 
+#include <linux/limits.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <string_view>
@@ -43,37 +45,22 @@ bool xattrsFromJson(const Json::Value& list, std::vector<std::pair<std::string, 
 }
 
 std::string readAttribute(int fd, const char* name) {
-  std::string value(256, '\0');
-  for (;;) {
-    const ssize_t size = ::fgetxattr(fd, name, value.data(), value.size());
-    if (size >= 0) {
-      value.resize(static_cast<std::size_t>(size));
-      return value;
-    }
-    if (errno != ERANGE || value.size() > (1U << 20)) {
-      throw StoreError("cannot read its attribute " + platform::quoted(name) + ": " +
-                       platform::errnoText(errno));
-    }
-    value.resize(value.size() * 4);
+  std::string value(XATTR_SIZE_MAX, '\0');
+  const ssize_t size = ::fgetxattr(fd, name, value.data(), value.size());
+  if (size < 0) {
+    throw StoreError("cannot read its attribute " + platform::quoted(name) + ": " +
+                     platform::errnoText(errno));
   }
+  return value.substr(0, static_cast<std::size_t>(size));
 }
 
 std::string attributeNames(int fd) {
-  std::string names(1024, '\0');
-  for (;;) {
-    const ssize_t size = ::flistxattr(fd, names.data(), names.size());
-    if (size >= 0) {
-      names.resize(static_cast<std::size_t>(size));
-      return names;
-    }
-    if (errno == ENOTSUP) {
-      return {};
-    }
-    if (errno != ERANGE || names.size() > (1U << 20)) {
-      throw StoreError("cannot read its attributes: " + platform::errnoText(errno));
-    }
-    names.resize(names.size() * 4);
+  std::string names(XATTR_LIST_MAX, '\0');
+  const ssize_t size = ::flistxattr(fd, names.data(), names.size());
+  if (size < 0 && errno != ENOTSUP) {
+    throw StoreError("cannot read its attributes: " + platform::errnoText(errno));
   }
+  return names.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
 }
 
 }  // namespace
@@ -111,8 +98,7 @@ std::string ItemMeta::toText() const {
 
 std::optional<ItemMeta> ItemMeta::fromText(const std::string& text) {
   Json::Value in;
-  if (!CppJson::LoadJsonString(text, in) || !in.isObject() ||
-      CppJson::readInt(in, "version", 0) != kVersion) {
+  if (!CppJson::LoadJsonString(text, in) || CppJson::readInt(in, "version", 0) != kVersion) {
     return std::nullopt;
   }
   const auto number = [&in](const char* key) { return CppJson::readInt64(in, key, 0); };
