@@ -86,6 +86,9 @@ TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
   const testsupport::FileCalls calls;
   cache().flush();
   EXPECT_THAT(calls.seen(), testing::IsEmpty()) << "there is nothing new";
+  cache().remember(file(2), "v1", kScannedNs);
+  cache().flush();
+  EXPECT_EQ(rowsOnDisk(), 2) << "a file whose key is on disk already";
 }
 
 TEST_F(CacheTest, TheFirstQuestionAfterARestartIsAnsweredFromTheDisk) {

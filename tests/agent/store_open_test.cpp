@@ -134,6 +134,11 @@ TEST_F(OpenTest, AFunctionInTheSchemaOfADatabaseIsNotTrusted) {
   EXPECT_EQ(database.number("PRAGMA trusted_schema"), 0);
 }
 
+TEST_F(OpenTest, AStatementThatTheDatabaseDoesNotKnowIsRefusedBeforeItsFirstUse) {
+  store::Database database(folder_.at("some.db"), store::Durability::kFull);
+  EXPECT_THROW(store::Statement(database, "SELECT x FROM nowhere"), store::StoreError);
+}
+
 TEST_F(OpenTest, ADatabaseThatIsBusyForAMomentIsWaitedFor) {
   sqlite3* other = nullptr;
   ASSERT_EQ(sqlite3_open((stateDir() + "/agent.db").c_str(), &other), SQLITE_OK);

@@ -542,6 +542,32 @@ TEST_F(LimitTest, OfTwoFilesThatAreCopiedAtOnceTheOneThatPassesTheLimitIsKeptOut
   EXPECT_TRUE(add(path)) << "a refused file takes no space";
 }
 
+TEST_F(LimitTest, ALimitThatIsLoweredDuringACopyHoldsForTheCopy) {
+  set(R"({"Common":{"SizeLimit":2}})");
+  take(write("a"));
+  pretend("UPDATE items SET stored_bytes=1500000000");
+  const std::string path = write("b");
+  before("copied", [&] { set(R"({"Common":{"SizeLimit":1}})"); });
+  EXPECT_THAT(lineOf(add(path)), HasSubstr("quarantine is full"));
+  EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(LimitTest, TheQuarantineMayBeFilledToItsLimitAndNotAByteFurther) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  // A second name keeps the inode: the same file makes an item of the same size again.
+  const std::string path = write("a"), second = at("second");
+  std::filesystem::create_hard_link(path, second);
+  take(path);
+  const auto size =
+      static_cast<long>(std::filesystem::file_size(stateDir() + "/quarantine/" + vaultFiles()[0]));
+  std::filesystem::create_hard_link(second, path);
+  for (const long freeBytes : {size - 1, size}) {
+    pretend(("UPDATE items SET stored_bytes=1073741824-" + std::to_string(freeBytes)).c_str());
+    const auto result = add(path);
+    EXPECT_EQ(result.has_value(), freeBytes == size) << lineOf(result);
+  }
+}
+
 TEST_F(LimitTest, AFileThatStaysTakesNoSpace) {
   set(R"({"Common":{"SizeLimit":1}})");
   take(write("a"));

@@ -441,6 +441,13 @@ TEST_F(RegionTest, WhatIsNoRegularFileIsNotOpenedForItsSizeAndHash) {
   }
 }
 
+TEST_F(RegionTest, AFolderEntryIsListedWithoutSizeAndHashWhereverItsPathLeads) {
+  add(kFolder, folder_.write("file", "abc"));
+  const Json::Value entry = regions().list(kEvery, kFolder, kTrust)[0];
+  EXPECT_EQ(entry["md5"], "");
+  EXPECT_EQ(entry["file_size"], 0);
+}
+
 TEST_F(RegionTest, ExistenceIsReportedOfPathsOnlyAndOfALinkThatLeadsNowhereToo) {
   std::filesystem::create_symlink(folder_.at("nowhere"), folder_.at("link"));
   add(kFile, folder_.at("link"));
@@ -566,25 +573,30 @@ TEST_F(RegionTest, AFileOfTheCallersIsListedWithSizeAndHash) {
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["file_size"], 3);
 }
 
-TEST_F(RegionTest, ToTheAgentsOwnUserFilesOfOthersAreDescribed) {
+TEST_F(RegionTest, ToRootAndTheAgentsOwnUserFilesOfOthersAreDescribed) {
   ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
-  const std::string path = folder_.write("roots", "abc");
+  const std::string path = folder_.write("others", "abc");
+  ASSERT_EQ(::chown(path.c_str(), 4712, 4712), 0) << "these tests act as two users: run them as root";
   ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
   const pid_t child = ::fork();
   if (child == 0) {
-    bool described = false;
+    int described = 0;
     if (::setresuid(4711, 4711, 4711) == 0) {
       const testsupport::TempDir own;
       const auto mine = Store::open(own.at("state"));
-      const CallerId itself{.uid = 4711, .gid = 0, .groups = {}, .pid = 1};
-      mine->regions().change(kTrust, request(kAdd, kFile, {path}), itself);
-      described = mine->regions().list(kEvery, kFile, kTrust)[0]["file_size"] == 3;
+      for (const uid_t uid : {0U, 4711U}) {
+        const CallerId caller{.uid = uid, .gid = 0, .groups = {}, .pid = 1};
+        mine->regions().change(kTrust, request(kAdd, kFile, {path}), caller);
+        described += mine->regions().list(kEvery, kFile, kTrust)[0]["file_size"] == 3 ? 1 : 0;
+        mine->regions().change(kTrust, request(kDelete, kFile, {path}), caller);
+      }
     }
-    ::_exit(described ? 0 : 1);
+    ::_exit(described);
   }
   int status = -1;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 2);
 }
 
 }  // namespace

@@ -215,6 +215,8 @@ TEST_F(SettingsTest, OneWrongValueRefusesTheWholeChange) {
             "Common.Parallelism must be 0 to 64, not 100");
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":-5}})"),
             "Common.SkipSize must be 0 to 1048576, not -5");
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":3000000000}})"),
+            "Common.SkipSize must be 0 to 1048576, not 3000000000");
   EXPECT_EQ(settings().document(json::ConfigType::kScan), before);
   reopen();
   EXPECT_EQ(settings().document(json::ConfigType::kScan), before);
@@ -223,6 +225,9 @@ TEST_F(SettingsTest, OneWrongValueRefusesTheWholeChange) {
 TEST_F(SettingsTest, AnUnknownKeySectionOrTypeIsRefused) {
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"Colour":1}})"),
             "there is no setting Common.Colour");
+  EXPECT_EQ(refusal(json::ConfigType::kRealTime, R"({"Common":{"Parallelism":1}})"),
+            "there is no setting Common.Parallelism")
+      << "a setting of another type";
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Watcher":{"Flag":true}})"),
             "there is no section Watcher in settings of type 0");
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"MultiEngines":null})"),
