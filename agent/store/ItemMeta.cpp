@@ -36,7 +36,7 @@ bool xattrsFromJson(const Json::Value& list, std::vector<std::pair<std::string, 
   }
   for (const Json::Value& attribute : list) {
     const auto value = fromHex(CppJson::readString(attribute, "value", "x"));  // "x": no hexadecimal text
-    if (!attribute.isObject() || !value) {
+    if (!value) {
       return false;
     }
     xattrs->emplace_back(json::decodePath(CppJson::readString(attribute, "name", "")), *value);

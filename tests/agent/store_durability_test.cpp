@@ -101,6 +101,14 @@ TEST_F(DurabilityTest, WhereNamelessFilesCannotBeTheRestoredFileIsSyncedUnderIts
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
+TEST_F(DurabilityTest, ANamelessFileThatTheDiskRefusesIsNotTriedUnderAName) {
+  const std::string uuid = take(write("victim"));
+  FileCalls calls;
+  calls.fail("create nameless", "", ENOSPC);
+  EXPECT_THAT(lineOf(restore(uuid)), HasSubstr("No space left on device"));
+  EXPECT_THAT(namesIn(at("")), IsEmpty());
+}
+
 TEST_F(DurabilityTest, AFolderThatItsUserMayNotReadIsSyncedWithItsFileSystem) {
   std::filesystem::create_directory(at("drop"));
   const std::string path = write("drop/victim");

@@ -195,6 +195,12 @@ TEST_F(ItemFileTest, MetaDataMayBeAsLongAsTheReaderAllowsAndNotAByteLonger) {
   EXPECT_THROW(itemOf("content", meta), store::StoreError);
 }
 
+TEST_F(ItemFileTest, MetaDataThatIsNoRecordIsDamageThoughItsHashIsRight) {
+  store::ItemMeta meta = metaOf("content");
+  meta.uuid.clear();
+  EXPECT_EQ(damageOf(itemOf("content", meta)), "is damaged: what it says of the file was changed");
+}
+
 // The record.
 
 struct BadRecord {

@@ -78,7 +78,7 @@ TEST_F(OpenTest, AFolderThatIsALinkAFileOrRelativeIsRefused) {
 TEST_F(OpenTest, ADatabaseThatIsALinkIsRefused) {
   TempDir other;
   ASSERT_EQ(::symlink(folder_.write("elsewhere", "").c_str(), other.at("agent.db").c_str()), 0);
-  EXPECT_THAT(refusal(other.path()), HasSubstr("agent.db"));
+  EXPECT_THAT(refusal(other.path()), HasSubstr("agent.db': Too many levels of symbolic links"));
 }
 
 TEST_F(OpenTest, ADatabaseThatIsALinkToNothingMakesNothing) {
@@ -132,6 +132,16 @@ TEST_F(OpenTest, ADatabaseThatCannotBeReadAtAllIsDamageToo) {
 TEST_F(OpenTest, AFunctionInTheSchemaOfADatabaseIsNotTrusted) {
   store::Database database(folder_.at("some.db"), store::Durability::kFull);
   EXPECT_EQ(database.number("PRAGMA trusted_schema"), 0);
+}
+
+TEST_F(OpenTest, AValueThatAStatementCannotTakeIsRefused) {
+  store::Database database(folder_.at("some.db"), store::Durability::kFull);
+  sqlite3_limit(database.handle(), SQLITE_LIMIT_LENGTH, 100);
+  store::Statement text(database, "SELECT ?");
+  EXPECT_THROW(text.bind(std::string(101, 'x')), store::StoreError);
+  EXPECT_TRUE(text.bind(std::string(100, 'x')).step());
+  store::Statement none(database, "SELECT 1");
+  EXPECT_THROW(none.bind(1), store::StoreError);
 }
 
 TEST_F(OpenTest, AStatementThatTheDatabaseDoesNotKnowIsRefusedBeforeItsFirstUse) {

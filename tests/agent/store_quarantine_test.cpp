@@ -597,12 +597,12 @@ TEST_F(LimitTest, ARestoreFreesSpace) {
   EXPECT_TRUE(add(at("b")));
 }
 
-TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenMoreThanNineTenthsAreUsed) {
+TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenNineTenthsAreUsed) {
   set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
   take(write("old"));
   take(write("young"));
   pretend(
-      "UPDATE items SET stored_bytes=500000000;"
+      "UPDATE items SET stored_bytes=483183819;"
       "UPDATE items SET isolate_time=isolate_time-31*86400 WHERE id=1;"
       "UPDATE items SET isolate_time=isolate_time-29*86400 WHERE id=2;");
   take(write("new"));
@@ -615,7 +615,7 @@ TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenMoreThanNineTenthsAreUsed) {
 TEST_F(LimitTest, NothingIsCleanedBelowNineTenths) {
   set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
   take(write("old"));
-  pretend("UPDATE items SET stored_bytes=900000000,isolate_time=0");
+  pretend("UPDATE items SET stored_bytes=966367637,isolate_time=0");
   take(write("new"));
   EXPECT_EQ(items().size(), 2U);
 }

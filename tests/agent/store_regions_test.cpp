@@ -310,14 +310,14 @@ TEST_F(RegionTest, AnEntryWhoseTimeIsNowIsOver) {
 
 TEST_F(RegionTest, AStoredEntryOfAnUnknownKindIsADamagedStore) {
   const char* const columns[] = {"region", "type", "domain"};
-  for (const char* column : columns) {
-    for (const char* value : {"-1", "7"}) {
+  for (const std::string column : columns) {
+    for (const std::string value : {"-1", column == "domain" ? "4" : "7"}) {
       add(kFile, "/a");
       store_.reset();
       const auto run = [this](const std::string& sql) {
         store::Database(stateDir() + "/agent.db", store::Durability::kFull).run(sql.c_str());
       };
-      run("UPDATE regions SET " + std::string(column) + "=" + value);
+      run("UPDATE regions SET " + column + "=" + value);
       EXPECT_THROW(Store::open(stateDir()), std::runtime_error) << column << " " << value;
       run("DELETE FROM regions");
       reopen();
@@ -482,7 +482,8 @@ TEST_F(RegionTest, AnEntryHoldsUntilItsTimeIsOver) {
             json::toNumber(json::RegionValidity::kValid));
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[1]["valid_statue"],
             json::toNumber(json::RegionValidity::kExpired));
-  add(kFile, "/over");
+  change["valid_until"] = 0;
+  accept(kTrust, change);
   EXPECT_EQ(regions().byPath("/over"), RegionVerdict::kTrusted);
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[1]["valid_statue"],
             json::toNumber(json::RegionValidity::kForEver));

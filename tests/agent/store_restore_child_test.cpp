@@ -1,6 +1,7 @@
 // The process that restores a file, and the agent's end of the channel.
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -253,6 +254,23 @@ TEST_F(RestoreChildTest, WhoseAgentDiedBeforeItBeganRestoresNothing) {
   ASSERT_EQ(::read(agents.get(), &report, sizeof report), static_cast<ssize_t>(sizeof report));
   EXPECT_EQ(report.stage, RestoreStage::kAborted);
   EXPECT_THAT(namesIn(at("")), testing::IsEmpty());
+}
+
+TEST_F(RestoreChildTest, WithoutAProcessForItTheRestoreIsRefused) {
+  const auto refused = [this] {
+    try {
+      const RestoreChild child(job_, seconds(30));
+    } catch (const store::StoreError& error) {
+      return std::string(error.what()).starts_with("no process for the restore: ");
+    }
+    return false;
+  };
+  EXPECT_EQ(inChild([&] {
+              const rlimit none{0, 0};  // root has no such limit
+              const bool limited = ::setrlimit(RLIMIT_NPROC, &none) == 0 && ::setuid(kOther) == 0;
+              ::_exit(limited && refused() ? 0 : 1);
+            }),
+            0);
 }
 
 TEST_F(RestoreChildTest, APatienceOfLessThanAMillisecondIsNoEndlessOne) {

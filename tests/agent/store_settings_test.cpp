@@ -7,6 +7,7 @@
 #include "StoreFixture.h"
 #include "json/Values.h"
 #include "store/SettingsTable.h"
+#include "support/FileCalls.h"
 
 namespace agent::store {
 static void PrintTo(const Setting& setting, std::ostream* out) {
@@ -16,6 +17,8 @@ static void PrintTo(const Setting& setting, std::ostream* out) {
 
 namespace agent {
 namespace {
+
+using testing::HasSubstr;
 
 using store::Setting;
 using store::SettingKind;
@@ -204,8 +207,10 @@ TEST_F(SettingsTest, AChangeTouchesOnlyTheKeysItNames) {
 
 TEST_F(SettingsTest, CommonNullIsAChangeOfNothingAndAnsweredTrue) {
   const Json::Value before = settings().document(json::ConfigType::kScan);
+  const testsupport::FileCalls calls;
   accept(json::ConfigType::kScan, R"({"Common":null})");
   accept(json::ConfigType::kScan, "{}");
+  EXPECT_THAT(calls.seen(), testing::IsEmpty()) << "there is nothing to store";
   EXPECT_EQ(settings().document(json::ConfigType::kScan), before);
 }
 
@@ -213,7 +218,7 @@ TEST_F(SettingsTest, OneWrongValueRefusesTheWholeChange) {
   const Json::Value before = settings().document(json::ConfigType::kScan);
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":5,"Parallelism":100}})"),
             "Common.Parallelism must be 0 to 64, not 100");
-  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":-5}})"),
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"Parallelism":8,"SkipSize":-5}})"),
             "Common.SkipSize must be 0 to 1048576, not -5");
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Common":{"SkipSize":3000000000}})"),
             "Common.SkipSize must be 0 to 1048576, not 3000000000");
@@ -318,14 +323,13 @@ TEST_F(SettingsTest, AStoredValueThatIsNotAllowedGivesWayToItsDefaultAndIsSaid) 
   store_.reset();
   store::Database(stateDir() + "/agent.db", store::Durability::kFull)
       .run(R"(UPDATE settings SET document='{"Common":{"SkipSize":-7,"Parallelism":8,"Old":1}}';
-                            INSERT INTO settings VALUES (2,'garbage'))");
+                            INSERT INTO settings VALUES (2,'garbage'),(99,'garbage'))");
   reopen();
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "SkipSize").asInt(), 0);
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "Parallelism").asInt(), 8);
   EXPECT_FALSE(settings().document(json::ConfigType::kScan)["Common"].isMember("Old"));
-  EXPECT_THAT(store().notices(),
-              testing::Contains(testing::HasSubstr("Common.SkipSize must be 0 to 1048576")));
-  EXPECT_THAT(store().notices(), testing::Contains(testing::HasSubstr("type 2: not a JSON object")));
+  EXPECT_THAT(store().notices(), testing::ElementsAre(HasSubstr("Common.SkipSize must be 0 to 1048576"),
+                                                      HasSubstr("type 2: not a JSON object")));
 }
 
 TEST_F(SettingsTest, ChangesFromSeveralThreadsAllHold) {
