@@ -235,6 +235,17 @@ TEST_F(BoundedCacheTest, AKeyThatNoFileHasAnyMoreIsNotTakenForANewOne) {
   EXPECT_TRUE(cache_->isClean(file(3), "c"));
 }
 
+TEST_F(BoundedCacheTest, AKeyThatNoFileHasForAMomentIsStillKnownAfterARestart) {
+  open(32);
+  for (const char* key : {"a", "b"}) {
+    cache_->remember(file(1), key, kScannedNs);
+    cache_->flush();
+  }
+  cache_->remember(file(2), "a", kScannedNs);
+  open(32);
+  EXPECT_TRUE(cache_->isClean(file(2), "a"));
+}
+
 TEST_F(BoundedCacheTest, AFileWhoseKeyWasLostIsNotTakenForOneOfANewKey) {
   open(32);
   cache_->remember(file(1), "a", kScannedNs);

@@ -533,6 +533,15 @@ TEST_F(CrashTest, TrustThatACrashHeldUpIsAddedInTheCallersName) {
             std::int64_t{kOther});
 }
 
+TEST_F(CrashTest, AHalfDoneItemWhoseRecordCannotBeReadIsLeftAsItIs) {
+  take(write("victim"));
+  store_.reset();
+  sql("UPDATE items SET state=0,meta='{}'");
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its record cannot be read: left as it is")));
+  EXPECT_EQ(vaultFiles().size(), 1U);
+}
+
 TEST_F(CrashTest, AnItemUnderTheNameOfAnotherIsLeftAsItIs) {
   const std::string uuid = take(write("victim"));
   const std::string folder = stateDir() + "/quarantine/";

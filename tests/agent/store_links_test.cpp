@@ -112,6 +112,16 @@ TEST_F(LinkTest, AFileWrittenToAfterItWasCopiedIsPutBack) {
   }
 }
 
+TEST_F(LinkTest, AFileThatVanishesUnderItsPrivateNameIsSaidToBeGone) {
+  const std::string path = write("victim");
+  before("moved", [&] {
+    for (const std::string& name : namesIn(at(""))) {
+      std::filesystem::remove(at(name));
+    }
+  });
+  EXPECT_EQ(lineOf(add(path)), "it is no longer there");
+}
+
 TEST_F(LinkTest, AFileThatTakesTheNameWhileTheOriginalIsRemovedStays) {
   const std::string path = write("a", "detected");
   before("moved", [&] { write("a", "another file"); });

@@ -286,6 +286,7 @@ TEST_F(SettingsTest, ArchiveFormatsAreOfTheKnownOnesEachOnce) {
   refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":["zip rar"]}})");
   refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":[""]}})");
   refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":[7]}})");
+  refusal(json::ConfigType::kScan, R"({"Compressed":{"Format":[{}]}})");
 }
 
 TEST_F(SettingsTest, EveryLineOfTheConsolesGrammarIsAcceptedWithValuesInRange) {
@@ -322,14 +323,17 @@ TEST_F(SettingsTest, AStoredValueThatIsNotAllowedGivesWayToItsDefaultAndIsSaid) 
   accept(json::ConfigType::kScan, R"({"Common":{"SkipSize":5,"Parallelism":8}})");
   store_.reset();
   store::Database(stateDir() + "/agent.db", store::Durability::kFull)
-      .run(R"(UPDATE settings SET document='{"Common":{"SkipSize":-7,"Parallelism":8,"Old":1}}';
-                            INSERT INTO settings VALUES (2,'garbage'),(99,'garbage'))");
+      .run(
+          R"(UPDATE settings SET document='{"Common":{"SkipSize":-7,"Parallelism":8,"ProtectLevel":1,"Old":1}}';)"
+          R"(INSERT INTO settings VALUES (1,'{"Common":3}'),(2,'garbage'),(4,'[1]'),(99,'garbage'))");
   reopen();
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "SkipSize").asInt(), 0);
   EXPECT_EQ(value(json::ConfigType::kScan, "Common", "Parallelism").asInt(), 8);
   EXPECT_FALSE(settings().document(json::ConfigType::kScan)["Common"].isMember("Old"));
+  EXPECT_FALSE(settings().document(json::ConfigType::kScan)["Common"].isMember("ProtectLevel"));
   EXPECT_THAT(store().notices(), testing::ElementsAre(HasSubstr("Common.SkipSize must be 0 to 1048576"),
-                                                      HasSubstr("type 2: not a JSON object")));
+                                                      HasSubstr("type 2: not a JSON object"),
+                                                      HasSubstr("type 4: not a JSON object")));
 }
 
 TEST_F(SettingsTest, ChangesFromSeveralThreadsAllHold) {
