@@ -37,8 +37,7 @@ bool isFileOrFolder(const struct stat& status) {
 }
 
 bool isWithin(const std::string& path, const std::string& folder) {
-  return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                            path[folder.size()] == '/');
+  return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
 }
 
 }  // namespace

@@ -52,8 +52,7 @@ class TaskListener final : public TaskEvents {
     const std::lock_guard guard(mutex_);
     kind == json::RiskInfoType::kFile ? risks_.push_back(json::decodePath(info["item"].asString()))
                                       : processes_.push_back(info["process_info"]["pid"].asInt());
-    lastName_ = info["risk_name"].asString();
-    lastMd5_ = info["filemd5_src"].asString();
+    lastRisk_ = info;
   }
   void repaired(json::RiskInfoType kind, json::Handling, const Json::Value& info,
                 const Json::Value& result) override {
@@ -74,8 +73,9 @@ class TaskListener final : public TaskEvents {
   Json::Value attributes() const { return copied(attributes_); }
   std::vector<std::string> risks() const { return copied(risks_); }  ///< the files, as notified
   std::vector<int> processes() const { return copied(processes_); }  ///< by pid
-  std::string lastName() const { return copied(lastName_); }         ///< of the last detection in a file
-  std::string lastMd5() const { return copied(lastMd5_); }
+  Json::Value lastRisk() const { return copied(lastRisk_); }
+  std::string lastName() const { return lastRisk()["risk_name"].asString(); }  ///< of a detection in a file
+  std::string lastMd5() const { return lastRisk()["filemd5_src"].asString(); }
   int counted(const char* what) const { return copied(overview_)[what].asInt(); }
   /// The result for a file; nullopt without one.
   std::optional<json::HandleResult> handled(const std::string& path) const {
@@ -107,11 +107,11 @@ class TaskListener final : public TaskEvents {
   mutable std::mutex mutex_;
   std::vector<json::TaskState> states_;
   std::vector<int> percents_, stages_, processes_;
-  std::string detail_, lastName_, lastMd5_;
+  std::string detail_;
   std::vector<std::string> risks_;
   std::map<std::string, Json::Value> files_;
   std::map<pid_t, Json::Value> ofProcesses_;
-  Json::Value overview_, attributes_;
+  Json::Value overview_, attributes_, lastRisk_;
 };
 
 }  // namespace agent

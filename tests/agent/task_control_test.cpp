@@ -67,8 +67,10 @@ TEST(TaskControl, StopEndsAPausedTask) {
   Worker worker(control);
   control.pause();
   ASSERT_TRUE(waitFor([&] { return worker.pauses == 1; }));
+  const long steps = worker.steps;
   EXPECT_TRUE(control.stop("why"));
   EXPECT_TRUE(waitFor([&] { return worker.ended.load(); }));
+  EXPECT_EQ(steps, worker.steps);
   EXPECT_EQ(0, worker.resumes);
   EXPECT_EQ("why", control.stopReason());
 }
@@ -138,6 +140,24 @@ TEST(TaskControl, APauseThatWasTakenIsReportedOnceHoweverNearTheEndItCame) {
     EXPECT_TRUE(control.finish());
     owner.join();
     ASSERT_EQ(taken ? 1 : 0, pauses) << "round " << round;
+  }
+}
+
+TEST(TaskControl, AStopThatWasTakenKeepsTheTaskFromFinishingHoweverNearTheEndItCame) {
+  for (int round = 0; round < 5000; ++round) {
+    TaskControl control;
+    std::atomic<bool> begun{false};
+    bool taken = false;
+    std::thread owner([&] {
+      begun = true;
+      taken = control.stop("why");
+    });
+    while (!begun) {
+      std::this_thread::yield();
+    }
+    const bool finished = control.finish();
+    owner.join();
+    ASSERT_NE(taken, finished) << "round " << round;
   }
 }
 

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -168,6 +170,21 @@ TEST_F(Handling, ADetectionThatIsOnlyReportedStaysAndCountsAsLeftAlone) {
   EXPECT_EQ(view.checkout_risk_count, 1);
   EXPECT_EQ(view.ignore_risk_count, 1);
   EXPECT_EQ(view.fixed_risk_count, 0);
+}
+
+TEST_F(Handling, ADetectionCarriesTheTimesOfItsFileAndOfItsOwn) {
+  plan_.action = json::HandleAction::kNothing;
+  const std::string path = folder_.write("d/file", "bad");
+  const timespec times[2] = {{1000, 0}, {2000, 0}};
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
+  const std::shared_ptr<EncounteredFile> file = scanned(path);
+  const std::time_t before = std::time(nullptr);
+  handle(file);
+  EXPECT_EQ(birthTime(file->fd.get()), told_.lastRisk()["file_create_time"].asInt64());
+  EXPECT_EQ(2000, told_.lastRisk()["file_modify_time"].asInt64());
+  EXPECT_LE(before, told_.lastRisk()["find_time"].asInt64());
+  EXPECT_GE(std::time(nullptr), told_.lastRisk()["find_time"].asInt64());
+  EXPECT_FALSE(told_.lastRisk()["risk_id"].asString().empty());
 }
 
 TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {

@@ -370,6 +370,18 @@ TEST_F(NotificationQueueTest, WhatOneEndpointOfAMemberTakesFromTheSenderCountsAg
   EXPECT_EQ(1, tries);
 }
 
+TEST_F(NotificationQueueTest, AMemberWhoseQueueWasFullIsTriedAgainSoonHoweverLongThatSendTook) {
+  std::atomic<int> timeouts{0};
+  queue.post(receiver, kKept, 10, timesOut(timeouts));  // is left alone for ten times 300 milliseconds
+  ASSERT_TRUE(waitFor([&] { return timeouts == 1; }));
+  queue.post(std::make_shared<Receiver>("a member's console", 4711), kKept, 10, [&]() -> std::uint32_t {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the receiver's own time
+    return ++tries == 1 ? lunet::kErrQueueFull : lunet::kOk;
+  });
+  ASSERT_TRUE(waitFor([&] { return tries == 2; }));
+  EXPECT_EQ(1, timeouts);
+}
+
 /// Receives on an endpoint of the real bus.
 class BusConsole final : public lunet::IMRReceiveComplete {
  public:

@@ -24,6 +24,7 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 using Handling = json::HandleAction;
 using testsupport::jsonOf;
@@ -87,6 +88,13 @@ TEST_F(PlanTest, FixMethodZeroHandlesAsTheSettingsSay) {
   EXPECT_EQ(Handling::kClean, plan().action);
   settings.scan["Common"]["HandleAction"] = json::toNumber(Handling::kNothing);
   EXPECT_EQ(Handling::kNothing, plan().action);
+}
+
+TEST_F(PlanTest, AFixMethodMayBeTheTextOfItsNumber) {
+  params["fix_method"] = "2";
+  EXPECT_EQ(json::Handling::kReportOnly, plan().handling);
+  params["fix_method"] = "0";
+  EXPECT_EQ(json::Handling::kAutomatic, plan().handling);
 }
 
 TEST_F(PlanTest, ARequestedHandlingActionComesBeforeTheSettings) {
@@ -197,6 +205,8 @@ TEST_F(PlanTest, SettingsOutsideTheirRangeDoNoHarm) {
   EXPECT_EQ(16U, made.options.maxLayers);
   common["Parallelism"] = 100;
   EXPECT_EQ(64U, plan().parallelism);
+  settings.scan["Compressed"]["Format"] = jsonOf(R"({"first":"zip"})");  // no list: every format
+  EXPECT_THAT(plan().options.archiveFormats, IsEmpty());
   params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
   for (const int action : {-1, 4, 7}) {
     common["HandleAction"] = action;

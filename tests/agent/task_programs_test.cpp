@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -120,6 +121,22 @@ TEST_F(RunningProgramsTest, WithinASecondTheTableIsNotReadAgain) {
     }
   }
   ADD_FAILURE() << "a process took more than a second to begin each time";
+}
+
+TEST_F(RunningProgramsTest, AListThatCouldNotBeReadIsReadAgainAtTheNextQuestion) {
+#ifdef TAV_SANITIZED
+  GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
+#endif
+  const FileIdentity file = identity();
+  RunningPrograms programs;
+  rlimit normal{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
+  const rlimit none{0, normal.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  const std::size_t foundWithout = programs.running(file).size();
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
+  EXPECT_EQ(0U, foundWithout);
+  EXPECT_EQ(1U, programs.running(file).size());
 }
 
 TEST_F(RunningProgramsTest, AProcessIsEndedAndGoneByThen) {

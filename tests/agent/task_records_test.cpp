@@ -1,9 +1,13 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "json/CppJson.h"
 #include "json/ScanRecords.h"
+#include "platform/Descriptor.h"
+#include "support/TempDir.h"
 #include "task/Counters.h"
 #include "task/RiskRecords.h"
 
@@ -86,6 +90,19 @@ TEST(RiskRecords, AProcessRiskNamesTheProcessItsProgramAndWhatWasFoundInIt) {
   EXPECT_EQ(42, record.process_info.proc_risks[0].pid);
   ASSERT_EQ(1U, record.process_info.file_risks.size());
   EXPECT_EQ("m", record.process_info.file_risks[0].filemd5_src);
+}
+
+TEST(RiskRecords, TheTimeOfCreationIsNotThatOfTheLastChangeAndIsZeroWhereItIsUnknown) {
+  const testsupport::TempDir dir(testsupport::diskFolder());
+  const std::string path = dir.write("file", "x");
+  const timespec times[2] = {{1000, 0}, {2000, 0}};
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
+  struct statx known {};  // zero where the file system keeps no such time
+  ASSERT_EQ(0, statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &known));
+  const platform::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(known.stx_btime.tv_sec, birthTime(file.get()));
+  const platform::Descriptor status(open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(0, birthTime(status.get()));
 }
 
 struct ResultRow {

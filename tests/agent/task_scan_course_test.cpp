@@ -199,6 +199,19 @@ TEST_F(ScanCourse, EachStageIsReportedWithItsBeginAndItsEnd) {
   EXPECT_EQ(99, task->percent());  // the shares of all stages are behind it
 }
 
+TEST_F(ScanCourse, EachStageOfAFastScanHasTheSameShareOfTheWork) {
+  std::atomic<ScanTask*> running{nullptr};
+  onStage = [&](int stage) {
+    EXPECT_TRUE(waitFor([&] { return running.load() != nullptr; }));
+    if (stage % 2 == 0) {
+      EXPECT_NEAR(stage * 10, running.load()->percent(), 1) << stage;  // five stages, each with two numbers
+    }
+  };
+  const std::unique_ptr<ScanTask> task = begin(programsOf(json::ScanMode::kFast));
+  running = task.get();
+  EXPECT_TRUE(task->waitOver(std::chrono::minutes(1)));
+}
+
 TEST_F(ScanCourse, TheLastStageOfAFullScanHasNineTenthsOfTheWork) {
   const ScanPlan plan = programsOf(json::ScanMode::kFull);
   std::atomic<ScanTask*> running{nullptr};

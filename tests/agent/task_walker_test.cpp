@@ -29,15 +29,31 @@ namespace {
 
 /// Changes the answers of readdir(); null: no change.
 std::function<dirent*(dirent*)> onReaddir;
+/// Changes the status that fstat() has read; false makes the call fail. Null: no change.
+std::function<bool(int fd, struct stat&)> onFstat;
 
 }  // namespace
 
-/// In place of the library's own, for this whole program.
-extern "C" dirent* readdir(DIR* directory) {
+// In place of the library's own, for this whole program.
+extern "C" {
+
+dirent* readdir(DIR* directory) {
   static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
   dirent* const entry = real(directory);
   return onReaddir ? onReaddir(entry) : entry;
 }
+
+int fstat(int fd, struct stat* status) noexcept {
+  static const auto real = reinterpret_cast<int (*)(int, struct stat*)>(dlsym(RTLD_NEXT, "fstat"));
+  const int result = real(fd, status);
+  if (result == 0 && onFstat && !onFstat(fd, *status)) {
+    errno = EIO;
+    return -1;
+  }
+  return result;
+}
+
+}  // extern "C"
 
 namespace agent {
 namespace {
@@ -484,6 +500,22 @@ TEST_F(WalkerTest, AFolderEncounteredTwiceIsScannedOnce) {
   EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
+TEST_F(WalkerTest, ThoseBesideFoldersThatWereEncounteredBeforeAreScanned) {
+  Walker walker({}, sink);
+  for (int i = 0; i < 20; ++i) {
+    const std::string folder = std::to_string(i);
+    dir.write(folder + "/file", "x");
+    if (i < 10) {
+      walker.walk(Walker::open(dir.at(folder)).value(), 0);
+    }
+  }
+  walker.walk(Walker::open(dir.path()).value(), 1.0);
+  EXPECT_EQ(20U, sink.files.size());
+  EXPECT_EQ(20U, sink.contents.size());
+  EXPECT_EQ(10U, sink.skips.size());
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+}
+
 TEST_F(WalkerTest, AWalkThatMustEndEndsAtTheNextEntry) {
   for (int i = 0; i < 100; ++i) {
     dir.write("f" + std::to_string(i), "x");
@@ -618,6 +650,95 @@ TEST_F(ReaddirPlayed, AFolderThatFailsHalfWayIsAnErrorAndWhatWasReadIsEncountere
   EXPECT_FALSE(sink.files.empty());
   EXPECT_LT(sink.files.size(), 10U);
 }
+
+/// fstat() as the test sets it: a file system that fails, or a disk that changes below the walk, is rare.
+class FstatPlayed : public WalkerTest {
+ protected:
+  void TearDown() override { onFstat = nullptr; }
+  static std::string pathOf(int fd) {
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
+  }
+};
+
+TEST_F(FstatPlayed, ANamedPathWhoseStatusCannotBeReadIsAnError) {
+  const std::string path = dir.write("file", "x");
+  onFstat = [](int, struct stat&) { return false; };
+  EXPECT_THAT(walk(path), HasSubstr("Input/output error"));
+  EXPECT_THAT(walk(dir.path()), HasSubstr("Input/output error"));
+  EXPECT_THAT(sink.files, IsEmpty());
+}
+
+TEST_F(FstatPlayed, ANamedPathThatBecameSomethingElseMeanwhileIsSkippedAsThat) {
+  const std::string path = dir.write("file", "x");
+  onFstat = [](int, struct stat& status) {
+    status.st_mode = S_IFIFO;
+    return true;
+  };
+  EXPECT_EQ("", walk(path));
+  EXPECT_EQ("fifo", sink.skips[path]);
+  EXPECT_THAT(sink.files, IsEmpty());
+}
+
+TEST_F(FstatPlayed, AnEntryWhoseStatusCannotBeReadIsAnErrorEach) {
+  dir.write("file", "x");
+  dir.write("sub/file", "x");
+  onFstat = [this](int fd, struct stat&) { return pathOf(fd) == dir.path(); };
+  EXPECT_EQ("", walk(dir.path()));
+  EXPECT_EQ("Input/output error", sink.failures[dir.at("file")]);
+  EXPECT_EQ("Input/output error", sink.failures[dir.at("sub")]);
+  EXPECT_THAT(sink.everyPath(), UnorderedElementsAre(dir.at("file"), dir.at("sub")));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+}
+
+/// What the status of a folder has become on the way back up to it.
+struct WayBackRow {
+  const char* name;
+  std::function<bool(struct stat&)> become;
+};
+class WayBack : public FstatPlayed, public ::testing::WithParamInterface<WayBackRow> {};
+
+TEST_P(WayBack, ToAnotherFolderIsNotTaken) {
+  constexpr int kLevels = 70;  // more than the walk keeps open: the upper ones are closed at the deepest
+  std::vector<std::string> folders{"top"};
+  for (int i = 0; i < kLevels; ++i) {
+    dir.write(folders.back() + "/beside" + std::to_string(i) + "/f", "x");
+    folders.push_back(folders.back() + "/d");
+  }
+  const std::string last = dir.write(folders.back() + "/last", "x");
+  std::string left;  // a neighbour that was not entered before the way down
+  sink.onFile = [&](const std::string& path) {
+    for (int i = 5; path == last && i >= 0 && left.empty(); --i) {
+      const std::string folder = dir.at(folders[static_cast<std::size_t>(i)]);
+      const std::string neighbour = folder + "/beside" + std::to_string(i);
+      if (sink.contents.count(neighbour + "/f") == 0) {
+        left = neighbour;
+        onFstat = [folder](int fd, struct stat& status) {
+          return pathOf(fd) != folder || GetParam().become(status);
+        };
+      }
+    }
+  };
+  EXPECT_EQ("", walk(dir.at("top")));
+  ASSERT_NE("", left) << "no neighbour was left over";
+  EXPECT_EQ("its folder was moved while it was scanned", sink.failures[left]);
+  EXPECT_EQ(0U, sink.contents.count(left + "/f"));
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
+}
+
+INSTANTIATE_TEST_SUITE_P(When, WayBack,
+                         ::testing::Values(WayBackRow{"ItsStatusCannotBeRead",
+                                                      [](struct stat&) { return false; }},
+                                           WayBackRow{"ItIsOnAnotherDisk",
+                                                      [](struct stat& status) {
+                                                        ++status.st_dev;
+                                                        return true;
+                                                      }},
+                                           WayBackRow{"ItHasAnotherNumber",
+                                                      [](struct stat& status) {
+                                                        ++status.st_ino;
+                                                        return true;
+                                                      }}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 /// Says which entries of a folder are opened.
 class OpenWatch {
