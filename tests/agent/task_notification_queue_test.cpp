@@ -301,6 +301,39 @@ TEST_F(NotificationQueueTest, WaitForQuotaWaitsUntilTheReceiverTakesAgain) {
   waiter.join();
 }
 
+TEST_F(NotificationQueueTest, WaitForQuotaDoesNotWaitAtTheLimitItself) {
+  console.answer(lunet::kErrQueueFull);
+  int asked = 0;
+  const auto once = [&asked] {
+    ++asked;
+    return true;
+  };
+  post("x", kKept, 1000);
+  queue.waitForQuota(receiver, once);
+  EXPECT_EQ(0, asked);
+  post("y", kKept, 1);
+  queue.waitForQuota(receiver, once);
+  EXPECT_EQ(1, asked);
+}
+
+TEST_F(NotificationQueueTest, WhatTheReceiverTookOfProgressLeavesTheQuotaAlone) {
+  std::promise<void> posted;
+  post([released = posted.get_future().share()]() -> std::uint32_t {
+    released.wait();
+    return lunet::kOk;
+  });
+  queue.post(receiver, kProgress, 5000, [this]() -> std::uint32_t {
+    console.answer(lunet::kErrQueueFull);
+    return lunet::kOk;
+  });
+  post("x", kKept, 2000);
+  posted.set_value();
+  ASSERT_TRUE(waitFor([&] { return console.tries() > 0; }));
+  bool asked = false;
+  queue.waitForQuota(receiver, [&asked] { return asked = true; });
+  EXPECT_TRUE(asked);
+}
+
 TEST_F(NotificationQueueTest, WaitForQuotaEndsWhenCancelled) {
   console.answer(lunet::kErrQueueFull);
   post("x", kKept, 5000);
@@ -380,6 +413,13 @@ TEST_F(NotificationQueueTest, AMemberWhoseQueueWasFullIsTriedAgainSoonHoweverLon
   });
   ASSERT_TRUE(waitFor([&] { return tries == 2; }));
   EXPECT_EQ(1, timeouts);
+}
+
+TEST_F(NotificationQueueTest, AMemberIsTriedAgainBehindThePauseThatATimeoutCosts) {
+  queue.post(std::make_shared<Receiver>("a member's console", 4711), kKept, 10,
+             [&]() -> std::uint32_t { return ++tries == 1 ? lunet::kErrTimeout : lunet::kOk; });
+  EXPECT_TRUE(drain());
+  EXPECT_EQ(2, tries);
 }
 
 /// Receives on an endpoint of the real bus.

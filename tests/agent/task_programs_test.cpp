@@ -123,6 +123,22 @@ TEST_F(RunningProgramsTest, WithinASecondTheTableIsNotReadAgain) {
   ADD_FAILURE() << "a process took more than a second to begin each time";
 }
 
+TEST_F(RunningProgramsTest, AProcessThatEndedAndIsNotCollectedRunsNoProgram) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  siginfo_t ended{};
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT));
+  const std::vector<RunningProgram> all = RunningPrograms::all().value();
+  EXPECT_EQ(child, waitpid(child, nullptr, 0));
+  for (const RunningProgram& one : all) {
+    EXPECT_LT(0, one.pid);
+    EXPECT_NE(child, one.pid);
+    EXPECT_FALSE(one.path.empty());
+  }
+}
+
 TEST_F(RunningProgramsTest, AListThatCouldNotBeReadIsReadAgainAtTheNextQuestion) {
 #ifdef TAV_SANITIZED
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";

@@ -31,6 +31,8 @@ namespace {
 std::function<dirent*(dirent*)> onReaddir;
 /// Changes the status that fstat() has read; false makes the call fail. Null: no change.
 std::function<bool(int fd, struct stat&)> onFstat;
+/// False makes fdopendir() fail. Null: no change.
+std::function<bool(int fd)> onFdopendir;
 
 }  // namespace
 
@@ -51,6 +53,15 @@ int fstat(int fd, struct stat* status) noexcept {
     return -1;
   }
   return result;
+}
+
+DIR* fdopendir(int fd) {
+  static const auto real = reinterpret_cast<DIR* (*)(int)>(dlsym(RTLD_NEXT, "fdopendir"));
+  if (onFdopendir && !onFdopendir(fd)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return real(fd);
 }
 
 }  // extern "C"
@@ -500,20 +511,19 @@ TEST_F(WalkerTest, AFolderEncounteredTwiceIsScannedOnce) {
   EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
-TEST_F(WalkerTest, ThoseBesideFoldersThatWereEncounteredBeforeAreScanned) {
-  Walker walker({}, sink);
-  for (int i = 0; i < 20; ++i) {
-    const std::string folder = std::to_string(i);
-    dir.write(folder + "/file", "x");
-    if (i < 10) {
-      walker.walk(Walker::open(dir.at(folder)).value(), 0);
-    }
+TEST_F(WalkerTest, AFolderMovedAwayBelowAnOpenOneHarmsNoNeighbour) {
+  constexpr int kFolders = 10;
+  for (int i = 0; i < kFolders; ++i) {
+    dir.write("top/" + std::to_string(i) + "/file", "x");
   }
-  walker.walk(Walker::open(dir.path()).value(), 1.0);
-  EXPECT_EQ(20U, sink.files.size());
-  EXPECT_EQ(20U, sink.contents.size());
-  EXPECT_EQ(10U, sink.skips.size());
-  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+  sink.onFile = [&](const std::string& path) {
+    if (sink.files.size() == 1) {
+      std::filesystem::rename(std::filesystem::path(path).parent_path(), dir.at("moved"));
+    }
+  };
+  EXPECT_EQ("", walk(dir.at("top")));
+  EXPECT_EQ(static_cast<std::size_t>(kFolders), sink.files.size());
+  EXPECT_THAT(sink.failures, IsEmpty());
 }
 
 TEST_F(WalkerTest, AWalkThatMustEndEndsAtTheNextEntry) {
@@ -651,16 +661,20 @@ TEST_F(ReaddirPlayed, AFolderThatFailsHalfWayIsAnErrorAndWhatWasReadIsEncountere
   EXPECT_LT(sink.files.size(), 10U);
 }
 
-/// fstat() as the test sets it: a file system that fails, or a disk that changes below the walk, is rare.
-class FstatPlayed : public WalkerTest {
+/// fstat() and fdopendir() as the test sets them: a file system that fails, or a disk that changes below the
+/// walk, is rare.
+class CallsPlayed : public WalkerTest {
  protected:
-  void TearDown() override { onFstat = nullptr; }
+  void TearDown() override {
+    onFstat = nullptr;
+    onFdopendir = nullptr;
+  }
   static std::string pathOf(int fd) {
     return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
   }
 };
 
-TEST_F(FstatPlayed, ANamedPathWhoseStatusCannotBeReadIsAnError) {
+TEST_F(CallsPlayed, ANamedPathWhoseStatusCannotBeReadIsAnError) {
   const std::string path = dir.write("file", "x");
   onFstat = [](int, struct stat&) { return false; };
   EXPECT_THAT(walk(path), HasSubstr("Input/output error"));
@@ -668,7 +682,7 @@ TEST_F(FstatPlayed, ANamedPathWhoseStatusCannotBeReadIsAnError) {
   EXPECT_THAT(sink.files, IsEmpty());
 }
 
-TEST_F(FstatPlayed, ANamedPathThatBecameSomethingElseMeanwhileIsSkippedAsThat) {
+TEST_F(CallsPlayed, ANamedPathThatBecameSomethingElseMeanwhileIsSkippedAsThat) {
   const std::string path = dir.write("file", "x");
   onFstat = [](int, struct stat& status) {
     status.st_mode = S_IFIFO;
@@ -679,7 +693,7 @@ TEST_F(FstatPlayed, ANamedPathThatBecameSomethingElseMeanwhileIsSkippedAsThat) {
   EXPECT_THAT(sink.files, IsEmpty());
 }
 
-TEST_F(FstatPlayed, AnEntryWhoseStatusCannotBeReadIsAnErrorEach) {
+TEST_F(CallsPlayed, AnEntryWhoseStatusCannotBeReadIsAnErrorEach) {
   dir.write("file", "x");
   dir.write("sub/file", "x");
   onFstat = [this](int fd, struct stat&) { return pathOf(fd) == dir.path(); };
@@ -690,12 +704,50 @@ TEST_F(FstatPlayed, AnEntryWhoseStatusCannotBeReadIsAnErrorEach) {
   EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
+TEST_F(CallsPlayed, WhateverKeepsTheWalkFromAFolderThoseBesideItAreScanned) {
+  constexpr int kEach = 8;
+  const std::vector<std::string> kinds{"free", "before", "own", "unknown", "unread"};
+  Walker::Options options;
+  for (const std::string& kind : kinds) {
+    for (int i = 0; i < kEach; ++i) {
+      const std::string name = std::to_string(i) + kind;
+      dir.write("tree/" + name + "/file", "x");
+      if (kind == "own") {
+        options.excludedFolders.push_back(dir.at("tree/" + name));
+      }
+    }
+  }
+  Walker walker(options, sink);
+  for (int i = 0; i < kEach; ++i) {
+    walker.walk(Walker::open(dir.at("tree/" + std::to_string(i) + "before")).value(), 0);
+  }
+  sink.files.clear();
+  EncounteredFile named = Walker::open(dir.at("tree")).value();
+  onFstat = [](int fd, struct stat&) { return !pathOf(fd).ends_with("unknown"); };
+  onFdopendir = [](int fd) { return !pathOf(fd).ends_with("unread"); };
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = descriptors();
+  walker.walk(std::move(named), 1.0);
+  EXPECT_EQ(before - 1, descriptors());  // the named folder is closed by now
+  EXPECT_EQ(std::size_t{kEach}, sink.files.size());
+  EXPECT_EQ(std::size_t{2 * kEach}, sink.skips.size());
+  EXPECT_EQ(std::size_t{2 * kEach}, sink.failures.size());
+  EXPECT_EQ("the same folder was met before", sink.skips[dir.at("tree/0before")]);
+  EXPECT_EQ("kept by the agent itself", sink.skips[dir.at("tree/0own")]);
+  EXPECT_EQ("Input/output error", sink.failures[dir.at("tree/0unknown")]);
+  EXPECT_EQ("Cannot allocate memory", sink.failures[dir.at("tree/0unread")]);
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
+}
+
 /// What the status of a folder has become on the way back up to it.
 struct WayBackRow {
   const char* name;
   std::function<bool(struct stat&)> become;
 };
-class WayBack : public FstatPlayed, public ::testing::WithParamInterface<WayBackRow> {};
+class WayBack : public CallsPlayed, public ::testing::WithParamInterface<WayBackRow> {};
 
 TEST_P(WayBack, ToAnotherFolderIsNotTaken) {
   constexpr int kLevels = 70;  // more than the walk keeps open: the upper ones are closed at the deepest
