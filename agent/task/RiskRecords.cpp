@@ -22,10 +22,6 @@ constexpr ResultText kResultTexts[] = {
     {json::HandleResult::kTrusted, "已信任"},
 };
 
-std::int32_t asInt32(std::int64_t number) {
-  return number >= 0 && number <= INT32_MAX ? static_cast<std::int32_t>(number) : 0;
-}
-
 std::string otherNames(const Verdict& verdict) {
   std::string names;
   for (std::size_t i = 1; i < verdict.detections.size(); ++i) {
@@ -34,12 +30,11 @@ std::string otherNames(const Verdict& verdict) {
   return names.empty() ? names : "also: " + names;
 }
 
-/// The members that both kinds of file-risk record have.
+/// The members that both kinds of file-risk record have, without the size: setWholeSize.
 template <class Record>
 Record fileRecord(const DetectedFile& detected) {
   const Detection& detection = detected.verdict.detections.at(0);
   Record record;
-  record.filesize_src = asInt32(detected.file->status.st_size);
   record.risk_name = detection.name;
   record.engine_mark = detection.engineCode;
   record.filemd5_src = detected.verdict.md5;

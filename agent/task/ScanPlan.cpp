@@ -22,7 +22,7 @@ std::uint64_t megabytes(const Json::Value& section, const char* key) {
 }
 
 /// Refuses what the agent does not offer: a scan must not silently do less than the request.
-platform::Expected<void> checkOffered(const JsonReflect::ScanParams& params, bool fixMethodAsked) {
+platform::Expected<void> checkOffered(const JsonReflect::ScanParams& params) {
   if (params.scan_type() < 0 || params.scan_type() >= 2 * json::kStrongScan) {
     return platform::failure("unknown scan type " + std::to_string(params.scan_type()));
   }
@@ -35,7 +35,7 @@ platform::Expected<void> checkOffered(const JsonReflect::ScanParams& params, boo
   if (params.expire_time() != 0) {
     return platform::failure("an expiry time is not offered");
   }
-  if (params.fix_method() < (fixMethodAsked ? 0 : kNotGiven) || params.fix_method() > 2) {
+  if (params.fix_method() < 0 || params.fix_method() > 2) {
     return platform::failure("unknown handling method " + std::to_string(params.fix_method()));
   }
   if (params.handle_action() < kNotGiven || params.handle_action() > 3) {
@@ -119,7 +119,6 @@ void setHandling(ScanPlan& plan, const JsonReflect::ScanParams& params, bool fix
 platform::Expected<ScanPlan> makePlan(const Json::Value& request, const Settings& settings) {
   JsonReflect::ScanParams params;
   params.set_handle_action(kNotGiven);
-  params.set_fix_method(kNotGiven);
   if (!request.isObject() || !params.FromValue(request)) {
     return platform::failure("the scan parameters are no object");
   }
@@ -127,7 +126,7 @@ platform::Expected<ScanPlan> makePlan(const Json::Value& request, const Settings
   if (fixMethodAsked && !isWholeNumber(request["fix_method"])) {
     return platform::failure("the handling method is no number");
   }
-  if (const auto offered = checkOffered(params, fixMethodAsked); !offered) {
+  if (const auto offered = checkOffered(params); !offered) {
     return platform::failure(offered.error());
   }
   const Json::Value scan = settings.document(json::ConfigType::kScan);

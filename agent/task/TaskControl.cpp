@@ -9,7 +9,6 @@ bool TaskControl::pause() {
   }
   pauseUnseen_ = true;  // before the phase: the task's thread must not report one pause twice
   phase_ = Phase::kPaused;
-  changed_.notify_all();
   return true;
 }
 

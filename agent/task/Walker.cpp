@@ -73,7 +73,7 @@ bool mayWriteFolderOf(const std::string& path) {
 }
 
 platform::Expected<EncounteredFile> Walker::open(const std::string& path) {
-  if (path.empty() || path.front() != '/') {
+  if (!path.starts_with('/')) {
     return platform::failure("not an absolute path");
   }
   EncounteredFile named;

@@ -103,6 +103,13 @@ TEST_F(PlanTest, ARequestedHandlingActionComesBeforeTheSettings) {
   EXPECT_EQ(Handling::kDelete, plan().action);
 }
 
+TEST_F(PlanTest, WithoutAHandlingActionTheSettingDecides) {
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
+  params.removeMember("handle_action");
+  settings.scan["Common"]["HandleAction"] = json::toNumber(Handling::kDelete);
+  EXPECT_EQ(Handling::kDelete, plan().action);
+}
+
 TEST_F(PlanTest, WithoutAFixMethodTheSettingDecidesAndItsDefaultReportsOnly) {
   params.removeMember("fix_method");
   EXPECT_EQ(Handling::kNothing, plan().action);
@@ -296,6 +303,7 @@ TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {
 }
 
 TEST_F(PlanTest, AForcedScanWritesTheCacheAndDoesNotReadIt) {
+  EXPECT_TRUE(plan().readCache);
   params["force_scan"] = true;
   EXPECT_TRUE(plan().useCache);
   EXPECT_FALSE(plan().readCache);

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "OwnMounts.h"
 #include "platform/ProcessStat.h"
 #include "platform/Users.h"
 #include "support/Process.h"
@@ -189,6 +190,38 @@ TEST_F(RunningProgramsTest, AProcessThatHadEndedCountsAsEnded) {
   process->kill(SIGKILL);
   process->wait();
   EXPECT_TRUE(endProcess(gone));
+}
+
+/// Runs `what` where the status of that process cannot be read. False when this process may not do that.
+bool withoutStatusOf(pid_t pid, const std::function<void()>& what) {
+  const testsupport::TempDir dir;
+  const std::string empty = dir.write("empty", "");
+  return withOwnMounts(
+      [&] {
+        const std::string status = "/proc/" + std::to_string(pid) + "/stat";
+        return mount(empty.c_str(), status.c_str(), nullptr, MS_BIND, nullptr) == 0;
+      },
+      what);
+}
+
+TEST_F(RunningProgramsTest, AProcessWhoseStatusCannotBeReadIsFoundAndNotEnded) {
+  if (!withoutStatusOf(process->pid(), [this] {
+        const std::vector<RunningProgram> found = find();
+        ASSERT_EQ(1U, found.size());
+        EXPECT_EQ(program, found[0].path);
+        EXPECT_EQ("", found[0].name);
+        EXPECT_THAT(endProcess(found[0]).error(), HasSubstr("another program"));
+      })) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_TRUE(process->running());
+}
+
+TEST_F(RunningProgramsTest, WhereTheAgentsParentCannotBeReadAProcessIsEndedAllTheSame) {
+  if (!withoutStatusOf(getppid(), [this] { EXPECT_TRUE(endProcess(find().at(0))); })) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_EQ(128 + SIGKILL, process->wait());
 }
 
 TEST(EndProcess, TheFirstProcessTheAgentAndItsParentsAreSpared) {

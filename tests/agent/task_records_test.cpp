@@ -80,14 +80,23 @@ TEST(RiskRecords, AProcessRiskNamesTheProcessItsProgramAndWhatWasFoundInIt) {
   JsonReflect::MemoryRiskInfo record;
   ASSERT_TRUE(record.FromValue(info));
   EXPECT_EQ("risk", record.risk_id);
+  EXPECT_EQ("测试", record.risk_type_name);
+  EXPECT_EQ(json::toNumber(json::RiskType::kTestFile), record.risk_type);
   EXPECT_EQ(json::encodePath(program.path), record.process_info.exec_file_name);
   EXPECT_EQ("evil", record.process_info.proc_name);
   EXPECT_EQ(42, record.process_info.pid);
   EXPECT_TRUE(record.process_info.exec_file_exist);
   EXPECT_EQ("60999", record.process_info.user_name);
   ASSERT_EQ(1U, record.process_info.proc_risks.size());
-  EXPECT_EQ("First.Name", record.process_info.proc_risks[0].risk_name);
-  EXPECT_EQ(42, record.process_info.proc_risks[0].pid);
+  const JsonReflect::ProcRiskItem& item = record.process_info.proc_risks[0];
+  EXPECT_EQ("First.Name", item.risk_name);
+  EXPECT_EQ(42, item.pid);
+  EXPECT_EQ(json::encodePath(program.path), item.item);
+  EXPECT_EQ("risk", item.risk_id);
+  EXPECT_EQ(3, item.engine_type);
+  EXPECT_EQ(2000, item.find_time);
+  EXPECT_EQ("测试", item.risk_type_name);
+  EXPECT_EQ(json::toNumber(json::RiskType::kTestFile), item.risk_type);
   ASSERT_EQ(1U, record.process_info.file_risks.size());
   EXPECT_EQ("m", record.process_info.file_risks[0].filemd5_src);
 }

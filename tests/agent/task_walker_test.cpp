@@ -323,6 +323,7 @@ TEST_F(WalkerTest, AMissingPathIsAnErrorWithItsReason) {
 
 TEST_F(WalkerTest, ARelativePathIsRefused) {
   EXPECT_THAT(walk("tmp"), HasSubstr("absolute"));
+  EXPECT_THAT(walk(""), HasSubstr("absolute"));
 }
 
 TEST_F(WalkerTest, TheSizeOfAFileOfThreeGigabytesIsWhole) {
