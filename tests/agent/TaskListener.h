@@ -87,6 +87,7 @@ class TaskListener final : public TaskEvents {
   std::optional<json::HandleResult> handled(pid_t pid) const {
     return json::fromNumber<json::HandleResult>(result(ofProcesses_, pid, "handle_result").asInt());
   }
+  std::string handledHow(pid_t pid) const { return result(ofProcesses_, pid, "handle_detail").asString(); }
 
   std::function<void(int)> onStage;  ///< on the task's thread
   std::atomic<bool> held{false}, waiting{false};

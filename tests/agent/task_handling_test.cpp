@@ -207,12 +207,22 @@ TEST_F(Handling, TheQuarantineGetsTheDetection) {
   EXPECT_EQ("Test", store_->quarantine().list(std::nullopt)[0]["virus_name"].asString());
 }
 
+TEST_F(Handling, TheQuarantineGetsThePathUnderWhichTheFileWasEncountered) {
+  plan_.action = json::HandleAction::kQuarantine;
+  folder_.write("d/file", "bad");
+  std::filesystem::create_directory_symlink("d", folder_.at("link"));
+  EXPECT_EQ(handle(scanned(folder_.at("link/file"))), kQuarantined);
+  EXPECT_EQ(json::encodePath(folder_.at("link/file")),
+            store_->quarantine().list(std::nullopt)[0]["filepath_src"].asString());
+}
+
 TEST_F(Handling, AProcessThatIsNotEndedIsReportedAsThat) {
   plan_.action = json::HandleAction::kNothing;
   plan_.memoryCheck = plan_.endProcesses = true;
   handle(scanned("/proc/self/exe"));  // what runs the agent's own program is spared
   EXPECT_THAT(told_.processes(), Contains(getpid()));
   EXPECT_EQ(told_.handled(getpid()), kFailed);
+  EXPECT_THAT(told_.handledHow(getpid()), HasSubstr("is the agent or started it"));
 }
 
 TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {

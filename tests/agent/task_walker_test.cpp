@@ -130,6 +130,16 @@ TEST_F(WalkerTest, AFolderOrFileOnANetworkFileSystemIsSkippedUnlessItWasAskedFor
   }
 }
 
+TEST_F(WalkerTest, WithoutNetworkFileSystemsAnOrdinaryOneIsWalkedWhoeverNamedIt) {
+  const std::string path = dir.write("home/file", "x");
+  Walker::Options options;
+  options.networkFileSystems = false;
+  options.fileSystem = [](int) { return FileSystem{}; };
+  EXPECT_EQ("", walk(dir.at("home"), options));
+  EXPECT_THAT(sink.files, ElementsAre(path));
+  EXPECT_THAT(sink.skips, IsEmpty());
+}
+
 TEST_F(WalkerTest, LinksBelowTheNamedPathAreSkippedAndNotFollowed) {
   dir.write("outside/file", "x");
   dir.write("tree/own", "x");
@@ -436,6 +446,16 @@ TEST_F(WalkerTest, AFolderEncounteredTwiceIsScannedOnce) {
   walker.walk(Walker::open(dir.path()).value(), 0.5);
   EXPECT_THAT(sink.files, UnorderedElementsAre(dir.at("a/file")));
   EXPECT_THAT(sink.skips[dir.at("a")], HasSubstr("before"));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+}
+
+TEST_F(WalkerTest, AFolderThatIsNamedTwiceIsScannedOnceAndIsNoSkippedEntry) {
+  const std::string path = dir.write("a/file", "x");
+  Walker walker({}, sink);
+  walker.walk(Walker::open(dir.at("a")).value(), 0.5);
+  walker.walk(Walker::open(dir.at("a")).value(), 0.5);
+  EXPECT_THAT(sink.files, ElementsAre(path));
+  EXPECT_THAT(sink.skips, IsEmpty());
   EXPECT_NEAR(1.0, sink.progress, 1e-9);
 }
 
