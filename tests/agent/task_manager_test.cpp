@@ -102,6 +102,7 @@ class Tasks : public ::testing::Test {
         states.push_back(TaskState{message["params"]["state"].asInt()});
         last = message["params"];
         lastTo = sent.process;
+        lastEndpoint = lunet::formatGuid(sent.target);
       }
     }
     return states;
@@ -116,6 +117,7 @@ class Tasks : public ::testing::Test {
   std::string file, why;
   Json::Value last;            ///< the parameters of the last state
   lunet::PeerIdentity lastTo;  ///< the receiver of the last state
+  std::string lastEndpoint;    ///< of that receiver
 };
 
 TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
@@ -131,6 +133,9 @@ TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
 TEST_F(Tasks, AreListedWithWhatTheyDo) {
   ASSERT_TRUE(start(kUser, kStrongCustomScan).outcome);
   const Json::Value entry = tasks.list(callerOf(0))[0];
+  for (const char* number : {"scan_type", "type", "state", "progress", "uid"}) {
+    EXPECT_TRUE(entry[number].isIntegral()) << number;
+  }
   EXPECT_EQ(kStrongCustomScan, entry["scan_type"].asInt());
   EXPECT_EQ(json::toNumber(json::BusinessType::kScan), entry["type"].asInt());
   EXPECT_EQ(json::toNumber(TaskState::kStarted), entry["state"].asInt());
@@ -251,6 +256,7 @@ TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
               ElementsAre(TaskState::kCreated, TaskState::kStarted, TaskState::kFinished));
   EXPECT_EQ("context", last["ctx"]["some"].asString());
   EXPECT_EQ(7, last["source"].asInt());
+  EXPECT_EQ(lunet::formatGuid({1, 2, 3}), lastEndpoint);
   EXPECT_EQ(4711, lastTo.pid);
   EXPECT_EQ(99U, lastTo.startTicks);
 }
@@ -320,6 +326,7 @@ TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreReportedToTheirOwnersAndForgotten) {
   store->tasks().put({"interrupted", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
   tasks.notifyInterruptedTasks();
   EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(TaskState::kAborted));
+  EXPECT_EQ(lunet::formatGuid({1, 2, 3}), lastEndpoint);
   EXPECT_EQ(4711, lastTo.pid);
   EXPECT_EQ(kUser, lastTo.uid);
   EXPECT_EQ(99U, lastTo.startTicks);
