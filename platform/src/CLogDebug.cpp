@@ -167,7 +167,7 @@ platform::Expected<void> CLogDebug::makeFolder() {
 
 void CLogDebug::LogPrintV(LogLevel level, const char* source, const char* function, int line,
                           const char* format, ...) {
-  if (Instance() == nullptr || !CheckLogLevel(level)) {
+  if (!CheckLogLevel(level)) {
     return;
   }
   va_list arguments;
@@ -184,7 +184,7 @@ void CLogDebug::LogPrintV(LogLevel level, const char* source, const char* functi
 
 void CLogDebug::LogPrintStr(LogLevel level, const char* source, const char* function, int line,
                             const std::string& text) {
-  if (Instance() != nullptr && CheckLogLevel(level)) {
+  if (CheckLogLevel(level)) {
     write(level, source, function, line, text);
   }
 }

@@ -91,6 +91,12 @@ TEST(FrameReaderTest, AnAnnouncedLengthTakesNoMemoryBeforeItsBytesArrive) {
   header.length = lunet::kMaxMessageBytes;
   EXPECT_EQ(feedHeader(reader, header), FrameReader::Next::kMore);
   EXPECT_LE(reader.space().size(), 1u << 20);
+  for (int i = 0; i < 20; ++i) {
+    reader.space()[0] = 'x';
+    reader.filled(1);
+    EXPECT_EQ(reader.next(), FrameReader::Next::kMore);
+  }
+  EXPECT_LE(reader.space().size(), 1u << 20);
 }
 
 TEST(FrameReaderTest, ATakenBodyIsTheCallersAndEndsInANul) {

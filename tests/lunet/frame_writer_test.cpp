@@ -39,6 +39,14 @@ class FrameWriterTest : public testing::Test {
     return writer.write(header, body.data());
   }
 
+  void fillSocket() const {
+    const std::string block(1 << 20, 'f');
+    while (send(ours.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
+    }
+    while (send(ours.get(), block.data(), 1, MSG_DONTWAIT) > 0) {
+    }
+  }
+
   /// The bytes that are in the socket now.
   std::size_t drainSocket() const {
     std::string block(1 << 20, '\0');
@@ -86,11 +94,7 @@ TEST_F(FrameWriterTest, WhatItDoesNotTakeWaitsAndComesWholeAndInOrder) {
 }
 
 TEST_F(FrameWriterTest, AFullSocketIsNoEnd) {
-  const std::string block(1 << 20, 'f');
-  while (send(ours.get(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
-  }
-  while (send(ours.get(), block.data(), 1, MSG_DONTWAIT) > 0) {
-  }
+  fillSocket();
   EXPECT_EQ(write(10), lunet::kOk);
   EXPECT_TRUE(wanted);
   EXPECT_TRUE(writer.flush());
@@ -118,6 +122,19 @@ TEST_F(FrameWriterTest, AFullQueueTakesNoMoreAndKeepsWhatItHas) {
   const std::size_t queued = writer.queuedBytes();
   EXPECT_EQ(write(1), lunet::kErrQueueFull);
   EXPECT_EQ(writer.queuedBytes(), queued);
+}
+
+TEST_F(FrameWriterTest, AQueueIsFullAtItsLimitAndNotAByteBelow) {
+  for (const std::size_t below : {std::size_t{1}, std::size_t{0}}) {
+    FrameWriter own{ours.get(), [](bool) {}};
+    fillSocket();
+    const std::string body(lunet::kQueueFullBytes - sizeof(FrameHeader) - below, 'w');
+    FrameHeader header;
+    header.length = static_cast<std::uint32_t>(body.size());
+    ASSERT_EQ(own.write(header, body.data()), lunet::kOk);
+    ASSERT_EQ(own.queuedBytes(), lunet::kQueueFullBytes - below);
+    EXPECT_EQ(own.write(FrameHeader{}, nullptr), below == 0 ? lunet::kErrQueueFull : lunet::kOk);
+  }
 }
 
 TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenOnceItIsEmpty) {

@@ -102,6 +102,15 @@ TEST_F(LogTest, AFullFileIsRotatedIntoTheBackupFolderAndFiveAreKept) {
   EXPECT_TRUE(fs::exists(settings.backupPath + "/tavcli.ipc.log.1"));
 }
 
+TEST_F(LogTest, TheRecordThatFindsTheFileFullStandsInTheNewFile) {
+  log.open(settings);
+  const std::string full(static_cast<std::size_t>(Log::kFileBytes) - 1000, 'r');
+  log.write(BusLogLevel::kError, full);
+  log.write(BusLogLevel::kError, "the next record" + std::string(1000, ' '));
+  EXPECT_NE(file().find("the next record"), std::string::npos);
+  EXPECT_NE(readFile(settings.backupPath + "/tavcli.ipc.log.1").find(full), std::string::npos);
+}
+
 TEST_F(LogTest, TwoProcessesOnOneFileRotateItOnce) {
   Log second;
   log.open(settings);
@@ -182,6 +191,15 @@ TEST_F(LogTest, AFolderThatCannotBeMadeCostsTheFileOnly) {
   log.open(settings);
   log.write(BusLogLevel::kError, "x");
   EXPECT_EQ(records.size(), 1u);
+}
+
+TEST_F(LogTest, TheFileIsWrittenOnceItsFolderCanBeMade) {
+  dir.write("logs", "a file in the way");
+  log.open(settings);
+  log.write(BusLogLevel::kError, "lost");
+  fs::remove(dir.at("logs"));
+  log.write(BusLogLevel::kError, "kept");
+  EXPECT_NE(file().find("kept"), std::string::npos);
 }
 
 TEST_F(LogTest, ALinkIsNotFollowed) {

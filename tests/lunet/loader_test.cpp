@@ -56,6 +56,14 @@ TEST(LoaderTest, UnloadingEndsTheClientAndGivesItsAddressesUp) {
   EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
+TEST(LoaderTest, WhatIsNotLoadedOrClosedAlreadyClosesWithoutAFailure) {
+  lunet::BusClient library;
+  EXPECT_EQ(reasonOf(library.close()), "");
+  ASSERT_EQ(reasonOf(library.load(kLibrary)), "");
+  EXPECT_EQ(reasonOf(library.close()), "");
+  EXPECT_EQ(reasonOf(library.close()), "");
+}
+
 TEST(LoaderTest, AMissingLibraryGivesTheDlopenLine) {
   lunet::BusClient library;
   const std::string why = reasonOf(library.load("/nowhere/libLunetClientMgr.so"));

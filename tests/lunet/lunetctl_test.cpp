@@ -380,11 +380,13 @@ TEST_F(LunetctlTest, ABusThatCannotBeSetUpIsAFailure) {
 }
 
 TEST_F(LunetctlTest, HelpNamesEveryCommand) {
-  const Result help = run({tree.at("bin/lunetctl"), "--help"});
-  EXPECT_EQ(help.status, 0);
-  for (const char* word :
-       {"list", "call GUID TEXT", "send GUID TEXT", "listen GUID", "\"event\":\"ready\""}) {
-    EXPECT_NE(help.out.find(word), std::string::npos) << word;
+  for (const char* option : {"--help", "-h"}) {
+    const Result help = run({tree.at("bin/lunetctl"), option});
+    EXPECT_EQ(help.status, 0);
+    for (const char* word :
+         {"list", "call GUID TEXT", "send GUID TEXT", "listen GUID", "\"event\":\"ready\""}) {
+      EXPECT_NE(help.out.find(word), std::string::npos) << option << " " << word;
+    }
   }
 }
 

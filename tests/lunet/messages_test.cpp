@@ -88,6 +88,36 @@ TEST_F(MessagesTest, AMessageOverTheLimitIsRefusedAtOnce) {
   EXPECT_EQ(error, lunet::kErrTooLarge);
 }
 
+TEST_F(MessagesTest, AMessageAtTheLimitIsNotTooLarge) {
+  Endpoint caller(client, newGuid());
+  char* reply = nullptr;
+  std::uint32_t replyLength = 0;
+  EXPECT_EQ(caller->OnewaySend(newGuid(), lunet::kOnewayChannel, "x", lunet::kMaxMessageBytes),
+            lunet::kErrNoTarget);
+  EXPECT_EQ(caller->SyncSend(newGuid(), lunet::kRequestChannel, "x", lunet::kMaxMessageBytes, nullptr, &reply,
+                             &replyLength, 1000),
+            lunet::kErrNoTarget);
+}
+
+TEST_F(MessagesTest, NoBufferIsNeededForAnEmptyMessage) {
+  Endpoint server(client, newGuid(), [](Endpoint& self, const Message& message) {
+    if (message.replyContext != nullptr) {
+      EXPECT_EQ(self->Reply(0, message.id, nullptr, 0, message.replyContext), lunet::kOk);
+    }
+  });
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller->OnewaySend(server.guid(), lunet::kOnewayChannel, nullptr, 0), lunet::kOk);
+  char* reply = nullptr;
+  std::uint32_t replyLength = 1;
+  EXPECT_EQ(caller->SyncSend(server.guid(), lunet::kRequestChannel, nullptr, 0, nullptr, &reply, &replyLength,
+                             20000),
+            lunet::kOk);
+  EXPECT_NE(reply, nullptr);
+  EXPECT_EQ(replyLength, 0u);
+  caller->FreeBuffer(reply);
+  EXPECT_EQ(server.count(), 2u);
+}
+
 TEST_F(MessagesTest, AnAnswerOverTheLimitIsReportedToBothSides) {
   std::atomic<std::uint32_t> replied{0};
   Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {

@@ -4,15 +4,24 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <memory>
+#include <mutex>
+#include <string_view>
 #include <vector>
 
 #include "BusFixture.h"
 #include "Peer.h"
+#include "SocketFolder.h"
 #include "platform/Descriptor.h"
+#include "support/TempDir.h"
 
 using namespace lunettest;
 
@@ -41,7 +50,24 @@ class NoDescriptors {
   std::vector<platform::Descriptor> taken_;
 };
 
+/// The errno values of the next calls of accept4 in this process.
+std::mutex failuresMutex;
+std::vector<int> failures;
+
 }  // namespace
+
+// Stands before the C library's function, for the bus library too.
+extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+  {
+    const std::lock_guard lock(failuresMutex);
+    if (!failures.empty()) {
+      errno = failures.back();
+      failures.pop_back();
+      return -1;
+    }
+  }
+  return static_cast<int>(syscall(SYS_accept4, fd, address, length, flags));
+}
 
 TEST(PeerWithoutDescriptors, IsNotNamedWithoutItsStartTime) {
   std::array<int, 2> pair{-1, -1};
@@ -56,6 +82,19 @@ TEST(PeerWithoutDescriptors, IsNotNamedWithoutItsStartTime) {
   ASSERT_TRUE(peer);
   EXPECT_EQ(peer->identity.pid, getpid());
   EXPECT_NE(peer->identity.startTicks, 0u);
+}
+
+TEST(SocketFolderWithoutDescriptors, IsLeftAsItIsWhenItsFilesCannotBeListed) {
+  const testsupport::TempDir dir;
+  dir.write("lunet/other", "");
+  ASSERT_EQ(chmod(dir.at("lunet").c_str(), 0755), 0);
+  {
+    const NoDescriptors none(2);  // one to check the folder and one to change it
+    EXPECT_FALSE(lunet::prepareFolder({dir.at("lunet"), std::nullopt}));
+  }
+  struct stat st {};
+  ASSERT_EQ(stat(dir.at("lunet").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
 }
 
 class ShortageTest : public BusTest {
@@ -101,3 +140,41 @@ TEST_F(ShortageTest, ACallerWhoCannotBeAcceptedIsWhenDescriptorsAreThereAgain) {
   }
   EXPECT_EQ(caller->handshake(own.guid(), server.guid()), lunet::kOk);
 }
+
+struct FailedAcceptRow {
+  int error;
+  bool logged;
+};
+
+class FailedAccept : public BusTest, public testing::WithParamInterface<FailedAcceptRow> {
+ protected:
+  ~FailedAccept() override {
+    const std::lock_guard lock(failuresMutex);
+    failures.clear();
+  }
+  static inline std::atomic<bool> logged{false};
+};
+
+TEST_P(FailedAccept, KeepsNobodyOut) {
+  logged = false;
+  Client client(config("\"log_level\":0"));
+  client->SetLogCallback([](int, const char* text) {
+    logged = logged || std::string_view(text).starts_with("a connection cannot be accepted: ");
+  });
+  const Endpoint server(client, newGuid(), echo);
+  Endpoint caller(client, newGuid());
+  {
+    const std::lock_guard lock(failuresMutex);
+    failures = {GetParam().error, GetParam().error};
+  }
+  EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+  EXPECT_EQ(logged, GetParam().logged);
+  const std::lock_guard lock(failuresMutex);
+  EXPECT_TRUE(failures.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, FailedAccept,
+                         testing::Values(FailedAcceptRow{EINTR, false}, FailedAcceptRow{ECONNABORTED, false},
+                                         FailedAcceptRow{EMFILE, true}, FailedAcceptRow{ENFILE, true},
+                                         FailedAcceptRow{ENOBUFS, true}, FailedAcceptRow{ENOMEM, true}),
+                         [](const auto& row) { return strerrorname_np(row.param.error); });

@@ -103,6 +103,7 @@ TEST_F(SocketFolderTest, ThatStandsOtherwiseIsSetRightByItsOwner) {
   EXPECT_EQ(errorOf(checkFolder(closed)), lunet::kErrPath);
   EXPECT_EQ(errorOf(prepareFolder(closed)), lunet::kOk);
   EXPECT_EQ(statusOf(closed.path).mode, 0700u);
+  EXPECT_EQ(statusOf(closed.path).gid, kGroup) << "a group matters to a shared folder only";
 }
 
 TEST_F(SocketFolderTest, ThatHoldsFilesOfABusOnlyIsSetRight) {
@@ -129,9 +130,12 @@ TEST_F(SocketFolderTest, ThatHoldsOtherFilesIsLeftAsItIsAndRefused) {
 }
 
 TEST_F(SocketFolderTest, OfAFileThatOnlyLooksLikeOneOfABusIsLeftAsItIs) {
-  for (const char* name : {"x.sock", "x.new", "x.mark", "notes.bad", ".bad", "README"}) {
+  const std::string guid = lunet::kAgentGuid;
+  for (const std::string& name :
+       {std::string("x.sock"), std::string("x.new"), std::string("x.mark"), std::string("notes.bad"),
+        std::string(".bad"), std::string("README"), guid, guid + ".txt", guid + ".sock.txt"}) {
     testsupport::TempDir own;
-    own.write(std::string("lunet/") + name, "");
+    own.write("lunet/" + name, "");
     ASSERT_EQ(chmod(own.at("lunet").c_str(), 0755), 0);
     EXPECT_EQ(errorOf(prepareFolder({own.at("lunet"), std::nullopt})), lunet::kErrPath) << name;
     EXPECT_EQ(statusOf(own.at("lunet")).mode, 0755u) << name;
@@ -228,6 +232,9 @@ TEST_F(SocketFolderTest, ThatIsALinkIsRefused) {
 TEST_F(SocketFolderTest, ThatIsAFileIsRefused) {
   dir.write("lunet", "x");
   EXPECT_EQ(errorOf(prepareFolder({dir.at("lunet"), std::nullopt})), lunet::kErrPath);
+  const lunet::Result<uid_t> check = checkFolder({dir.at("lunet"), std::nullopt});
+  EXPECT_EQ(errorOf(check), lunet::kErrPath);
+  EXPECT_NE(reasonOf(check).find("Not a directory"), std::string::npos) << reasonOf(check);
 }
 
 TEST_F(SocketFolderTest, ThatDoesNotExistMeansThatNobodyIsThere) {

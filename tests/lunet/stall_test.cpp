@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/epoll.h>
 
+#include <filesystem>
+#include <fstream>
 #include <future>
 
 #include "BusFixture.h"
@@ -9,6 +12,25 @@
 
 using namespace lunettest;
 using testsupport::waitFor;
+
+namespace {
+
+/// True when an epoll set of this process watches a socket for EPOLLOUT.
+bool aSocketIsWatchedForSpace() {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream info(entry.path());
+    for (std::string line; std::getline(info, line);) {
+      const std::size_t events = line.find("events:");
+      if (line.starts_with("tfd:") && events != std::string::npos &&
+          (std::stoul(line.substr(events + 7), nullptr, 16) & EPOLLOUT) != 0) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+}  // namespace
 
 class StallTest : public BusTest {
  protected:
@@ -116,6 +138,34 @@ TEST_F(StallTest, WhatWasQueuedForAPeerThatDiedIsLogged) {
   EXPECT_TRUE(waitFor([] { return logsLoss.load(); }));
 }
 
+/// A full queue refuses the answer before the body is read.
+TEST_F(StallTest, AnAnswerAtTheLimitIsNotTooLarge) {
+  std::atomic<std::uint32_t> replied{lunet::kOk};
+  const std::string large(4 << 20, 'a');
+  Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
+    if (message.data.empty()) {
+      self.reply(message, large);
+      return;
+    }
+    replied = self->Reply(0, message.id, "x", lunet::kMaxMessageBytes, message.replyContext);
+  });
+  Endpoint owner(client, newGuid());
+  const RawConnection raw(socketOf(server.guid()));
+  ASSERT_EQ(raw.handshake(owner.guid(), server.guid()), lunet::kOk);
+  lunet::FrameHeader request;
+  request.kind = lunet::FrameKind::kRequest;
+  request.channel = lunet::kRequestChannel;
+  for (request.id = 1; request.id <= 12; ++request.id) {
+    raw.send(request);
+  }
+  request.length = 1;
+  raw.send(request);
+  raw.send("x", 1);
+  ASSERT_TRUE(server.waitForCount(13));
+  EXPECT_TRUE(waitFor([&] { return replied != lunet::kOk; }));
+  EXPECT_EQ(replied, lunet::kErrQueueFull);
+}
+
 /// A connection made by hand whose socket holds more than one turn reads.
 class LongTurnTest : public StallTest {
  protected:
@@ -188,6 +238,25 @@ TEST_F(StallTest, AReadThatTakesExactlyWhatIsThereEndsNothing) {
   ASSERT_TRUE(server.waitForCount(9));
   raw.send(bytes.data(), bytes.size());
   EXPECT_TRUE(server.waitForCount(10));
+}
+
+TEST_F(StallTest, ASocketIsWatchedForSpaceOnlyWhileAnswersWaitForIt) {
+  const std::string large(4 << 20, 'a');
+  Endpoint server(client, newGuid(), [&](Endpoint& self, const Message& message) {
+    EXPECT_EQ(self.reply(message, large), lunet::kOk);
+  });
+  Endpoint owner(client, newGuid());
+  ASSERT_FALSE(aSocketIsWatchedForSpace());
+  const RawConnection raw(socketOf(server.guid()));
+  ASSERT_EQ(raw.handshake(owner.guid(), server.guid()), lunet::kOk);
+  lunet::FrameHeader request;
+  request.kind = lunet::FrameKind::kRequest;
+  request.channel = lunet::kRequestChannel;
+  request.id = 1;
+  raw.send(request);
+  EXPECT_TRUE(waitFor(aSocketIsWatchedForSpace));
+  EXPECT_EQ(raw.receive(sizeof request + large.size()).size(), sizeof request + large.size());
+  EXPECT_TRUE(waitFor([] { return !aSocketIsWatchedForSpace(); }));
 }
 
 TEST_F(StallTest, CallersWhoseAnswersAreNotTakenAreNoticedByTheReplier) {

@@ -34,6 +34,10 @@ class StrangersTest : public BusTest {
     EXPECT_EQ(raw->handshake(owner.guid(), server.guid()), lunet::kOk);
     return raw;
   }
+  /// The number of open descriptors of this process.
+  static auto descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  }
   void expectUnharmed() { EXPECT_EQ(friendly.call(server.guid(), "still there").data, "still there"); }
 
   Client client{config()};
@@ -122,9 +126,6 @@ TEST_F(StrangersTest, MessagesBeforeABadFrameAreDelivered) {
 }
 
 TEST_F(StrangersTest, AnEndThatComesTogetherWithAMessageIsNoticed) {
-  const auto descriptors = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  };
   Gate gate;
   Endpoint busy(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
   ASSERT_EQ(friendly.send(busy.guid(), "x"), lunet::kOk);
@@ -136,6 +137,22 @@ TEST_F(StrangersTest, AnEndThatComesTogetherWithAMessageIsNoticed) {
   raw.close();
   gate.open();
   EXPECT_TRUE(busy.waitForCount(2));
+  EXPECT_TRUE(waitFor([&] { return descriptors() <= before; })) << before << " then " << descriptors();
+}
+
+/// The kernel reports such an end as an error of the read.
+TEST_F(StrangersTest, AnEndThatLeavesAnAnswerUnreadIsNoticed) {
+  expectUnharmed();
+  const auto before = descriptors();
+  const auto raw = connected();
+  FrameHeader request = oneway(1);
+  request.kind = FrameKind::kRequest;
+  request.channel = lunet::kRequestChannel;
+  request.id = 1;
+  raw->send(request);
+  raw->send("x", 1);
+  ASSERT_EQ(raw->receive(sizeof request).size(), sizeof request);
+  raw->close();
   EXPECT_TRUE(waitFor([&] { return descriptors() <= before; })) << before << " then " << descriptors();
 }
 
@@ -306,20 +323,36 @@ class FalseListenerTest : public BusTest {
     return poll(&waiting, 1, 20000) == 1;
   }
 
+  /// A connection whose handshake is finished as `claimed`. deaf: writes of the caller fail from the start.
+  platform::Descriptor greeted(const lunet::Guid& claimed, bool deaf = false) const {
+    platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
+    char hello[sizeof(FrameHeader) + sizeof(lunet::HelloBody)];
+    (void)!recv(peer.get(), hello, sizeof hello, MSG_WAITALL);
+    if (deaf) {
+      shutdown(peer.get(), SHUT_RD);
+    }
+    const FrameHeader reply = helloReply();
+    (void)send(peer.get(), &reply, sizeof reply, MSG_NOSIGNAL);
+    (void)send(peer.get(), &claimed, sizeof claimed, MSG_NOSIGNAL);
+    return peer;
+  }
+  /// Reads one request of one byte and answers with these bytes.
+  static void answerOne(const platform::Descriptor& peer, const std::string& bytes) {
+    char request[sizeof(FrameHeader) + 1];
+    (void)!recv(peer.get(), request, sizeof request, MSG_WAITALL);
+    (void)send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
+  static void waitForEnd(const platform::Descriptor& peer) {
+    char block[4096];
+    while (recv(peer.get(), block, sizeof block, 0) > 0) {
+    }
+  }
   /// Finishes one handshake as `claimed`, reads one request and answers with these bytes.
   void answerWith(const lunet::Guid& claimed, std::string bytes) {
     thread = std::thread([this, claimed, bytes = std::move(bytes)] {
-      const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
-      char block[4096];
-      (void)!recv(peer.get(), block, sizeof(FrameHeader) + sizeof(lunet::HelloBody), MSG_WAITALL);
-      FrameHeader reply;
-      reply.kind = FrameKind::kHelloReply;
-      reply.length = sizeof claimed;
-      (void)send(peer.get(), &reply, sizeof reply, MSG_NOSIGNAL);
-      (void)send(peer.get(), &claimed, sizeof claimed, MSG_NOSIGNAL);
-      (void)!recv(peer.get(), block, sizeof(FrameHeader) + 1, MSG_WAITALL);
-      (void)send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      (void)!recv(peer.get(), block, sizeof block, 0);  // until the peer ends the connection
+      const platform::Descriptor peer = greeted(claimed);
+      answerOne(peer, bytes);
+      waitForEnd(peer);
     });
   }
   static std::string bytesOf(const FrameHeader& header) {
@@ -339,6 +372,67 @@ TEST_F(FalseListenerTest, AnAnswerWithAWrongMagicEndsTheCall) {
   header.magic = 1;
   answerWith(guid, bytesOf(header));
   EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrPeerLost);
+}
+
+TEST_F(FalseListenerTest, AfterADefectiveAnswerTheNextCallConnectsAnew) {
+  FrameHeader bad;
+  bad.kind = FrameKind::kAnswer;
+  bad.magic = 1;
+  FrameHeader good;
+  good.kind = FrameKind::kAnswer;
+  good.id = 1;
+  good.length = 2;
+  thread = std::thread([this, bad, good] {
+    const platform::Descriptor first = greeted(guid);
+    answerOne(first, bytesOf(bad));
+    const platform::Descriptor second = greeted(guid);
+    answerOne(second, bytesOf(good) + "ok");
+    waitForEnd(second);
+  });
+  EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrPeerLost);
+  EXPECT_EQ(caller.call(guid, "x").data, "ok");
+}
+
+TEST_F(FalseListenerTest, AConnectionThatIsLostAtOnceIsMadeOnceMoreAndNotForEver) {
+  std::atomic<int> dialled{0};
+  thread = std::thread([&] {
+    std::vector<platform::Descriptor> peers;
+    while (dialled < 10) {
+      peers.push_back(greeted(guid, true));
+      ++dialled;
+    }
+    shutdown(listener.get(), SHUT_RDWR);
+  });
+  EXPECT_EQ(caller.send(guid, "x"), lunet::kErrNoTarget);
+  EXPECT_EQ(dialled, 2);
+  EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrPeerLost);
+  EXPECT_EQ(dialled, 4);
+  shutdown(listener.get(), SHUT_RDWR);
+  thread.join();
+}
+
+/// The end of the listener's reading is no end of the caller's: only a write fails.
+TEST_F(FalseListenerTest, AListenerThatReadsNoMoreIsDialledAnew) {
+  Gate queued;
+  std::atomic<bool> reached{false};
+  thread = std::thread([&] {
+    const platform::Descriptor first = greeted(guid);
+    queued.wait();
+    shutdown(first.get(), SHUT_RD);
+    waitForEnd(first);  // makes space, so that the caller writes again
+    const platform::Descriptor second = greeted(guid);
+    FrameHeader header;
+    (void)!recv(second.get(), &header, sizeof header, MSG_WAITALL);
+    reached = header.channel == 4711;
+  });
+  EXPECT_EQ(caller.send(guid, std::string(4 << 20, 'q')), lunet::kOk);
+  queued.open();
+  EXPECT_TRUE(waitFor([&] {
+    caller.send(guid, "x", 4711);
+    return reached.load();
+  }));
+  shutdown(listener.get(), SHUT_RDWR);
+  thread.join();
 }
 
 TEST_F(FalseListenerTest, AnAnswerOverTheLimitEndsTheCall) {

@@ -33,6 +33,7 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testsupport::FileCalls;
@@ -260,6 +261,7 @@ TEST(Dir, MakesParentsAndAcceptsWhatStands) {
   dir.write("file", "");
   EXPECT_FALSE(CDir::make(dir.at("file"), 0700));
   EXPECT_FALSE(CDir::make(dir.at("file/x"), 0700));
+  EXPECT_FALSE(CDir::make(dir.at("file/x/below"), 0700));
 }
 
 TEST(Dir, ChangesToAFolder) {
@@ -432,6 +434,19 @@ TEST_F(LinksOnTheWay, MayBeRelativeToTheCurrentFolder) {
   EXPECT_TRUE(CDir::setCurrent(*before));
 }
 
+/// In a child: the other tests need their current folder.
+TEST(ResolveSafe, ARelativePathLeadsNowhereFromAFolderThatIsGone) {
+  const TempDir dir;
+  const auto leadsNowhere = [&dir] {
+    const std::string folder = dir.at("gone");
+    const bool gone =
+        mkdir(folder.c_str(), 0700) == 0 && CDir::setCurrent(folder) && rmdir(folder.c_str()) == 0;
+    return gone && !CDir::current() &&
+           reasonOf(CDir::resolveSafe("tmp")) == "cannot resolve tmp: No such file or directory";
+  };
+  EXPECT_EXIT(_exit(leadsNowhere() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(LinksOnTheWay, InACircleAreRefused) {
   link("two", "one");
   link("one", "two");
@@ -551,6 +566,7 @@ TEST_F(PlantedMeanwhile, AnotherUsersFolderIsRefused) {
 TEST(ResolveForFiles, RefusesAFileAndWhatGroupOrOthersMayWriteThoughItIsSticky) {
   const TempDir dir;
   EXPECT_THAT(reasonOf(CDir::resolveForFiles(dir.write("f", ""))), HasSubstr("f is no folder"));
+  EXPECT_THAT(reasonOf(CDir::resolveForFiles(dir.at("absent"))), EndsWith("No such file or directory"));
   ASSERT_EQ(mkdir(dir.at("folder").c_str(), 0700), 0);
   EXPECT_EQ(CDir::resolveForFiles(dir.at("folder")), dir.at("folder"));
   for (const mode_t mode : {01770U, 01707U}) {

@@ -134,10 +134,24 @@ TEST_F(DebugLog, ANewPropertyHoldsFromTheNextRecordOn) {
   EXPECT_THAT(readFile(dir_.at("second.log")), HasSubstr("second"));
 }
 
+TEST_F(DebugLog, TheFileIsOpenedOnce) {
+  configure(dir_.path());
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "first");
+  std::filesystem::rename(dir_.at("unit.log"), dir_.at("moved.log"));
+  CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "second");
+  EXPECT_THAT(readFile(dir_.at("moved.log")), HasSubstr("second"));
+  EXPECT_FALSE(std::filesystem::exists(dir_.at("unit.log")));
+}
+
 TEST_F(DebugLog, AFolderThatCannotBeWrittenCostsTheLogOnly) {
   dir_.write("file", "");
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::create_directory(dir_.at("current"));
+  std::filesystem::current_path(dir_.at("current"));
   configure(dir_.at("file/below"));
   CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "lost");
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.at("current")));
+  std::filesystem::current_path(before);
   EXPECT_NE(CLogDebug::Instance(), nullptr);
   EXPECT_FALSE(std::filesystem::exists("/unit.log")) << "nor is it written elsewhere";
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <set>
+#include <string_view>
 
 namespace {
 
@@ -15,6 +16,36 @@ TEST(Number, IsDigitsWithAtMostOneSign) {
   }
   for (const char* text : {"", "-", "+", "1a", " 1", "1.5", "--1", "0x1"}) {
     EXPECT_FALSE(CStr::isNum(text)) << text;
+  }
+}
+
+TEST(Utf8Character, HasTheLengthAndValueThatItsBytesSay) {
+  struct Row {
+    std::string_view text;
+    std::size_t length;
+    char32_t value;
+  };
+  using std::string_view_literals::operator""sv;
+  for (const Row& row :
+       {Row{"a", 1, U'a'}, Row{"\0"sv, 1, 0}, Row{"\x7F", 1, 0x7F}, Row{"\xC2\x80", 2, 0x80},
+        Row{"\xDF\xBF", 2, 0x7FF}, Row{"\xE0\xA0\x80", 3, 0x800}, Row{"\xEF\xBF\xBF", 3, 0xFFFF},
+        Row{"\xF0\x90\x80\x80", 4, 0x10000}, Row{"\xF4\x8F\xBF\xBF", 4, 0x10FFFF},
+        Row{"\xED\x9F\xBF", 3, 0xD7FF}, Row{"\xEE\x80\x80", 3, 0xE000}}) {
+    char32_t value = 1;
+    EXPECT_EQ(platform::utf8CharacterLength(row.text, &value), row.length)
+        << testing::PrintToString(row.value);
+    EXPECT_EQ(value, row.value);
+  }
+}
+
+TEST(Utf8Character, IsNoneInBytesOfAnotherForm) {
+  using std::string_view_literals::operator""sv;
+  for (const std::string_view text :
+       {""sv, "\x80"sv, "\xBF"sv, "\xC1\xBF"sv, "\xF5\x80\x80\x80"sv, "\xC3("sv, "\xE2\x82("sv,
+        "\xE0\x9F\xBF"sv, "\xF0\x8F\xBF\xBF"sv, "\xED\xA0\x80"sv, "\xED\xBF\xBF"sv, "\xF4\x90\x80\x80"sv,
+        "\xC3\xA9"sv.substr(0, 1), "\xE2\x82\xAC"sv.substr(0, 2), "\xF0\x9F\x98\x80"sv.substr(0, 3)}) {
+    char32_t value = 1;
+    EXPECT_EQ(platform::utf8CharacterLength(text, &value), 0U) << testing::PrintToString(text);
   }
 }
 
