@@ -67,11 +67,23 @@ TEST_F(ClientTest, ConnectWaitsForAnAgentThatIsJustStarting) {
 }
 
 TEST_F(ClientTest, ConnectGivesUpAfterTheLesserOfTheTwoTimes) {
-  // Both would time out if the longer limit (an hour) counted.
+  // They would time out if the longer limit (an hour) counted.
   Client configured(config("\"connect_timeout_ms\":30"));
   EXPECT_EQ(configured->Connect(3600), lunet::kErrNoTarget);
+  Client none(config("\"connect_timeout_ms\":0"));
+  EXPECT_EQ(none->Connect(3600), lunet::kErrNoTarget);
   Client longer(config("\"connect_timeout_ms\":3600000"));
   EXPECT_EQ(longer->Connect(0), lunet::kErrNoTarget);
+}
+
+TEST_F(ClientTest, AnOpenEndpointKeepsItsAddressAndOpensNoOther) {
+  Client client(config());
+  Endpoint endpoint(client, newGuid(), echo);
+  const lunet::Guid other = newGuid();
+  EXPECT_EQ(endpoint->Open(other), lunet::kErrInUse);
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(endpoint.guid(), "x").data, "x");
+  EXPECT_EQ(caller.call(other, "x").error, lunet::kErrNoTarget);
 }
 
 TEST_F(ClientTest, ALookFindsTheAgentWithoutAWait) {

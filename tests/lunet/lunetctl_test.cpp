@@ -60,7 +60,10 @@ TEST_F(LunetctlTest, AListenerTakesTheFirstMessageThatReachesItAndSaysReadyBefor
 }
 
 TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
-  EXPECT_EQ(run(lunetctl({"list"})).out, "");
+  std::filesystem::remove_all(socketFolder());
+  const Result none = run(lunetctl({"list"}));
+  EXPECT_EQ(none.status, 0) << none.err;
+  EXPECT_EQ(none.out, "");
   Player first(lunetctl({"listen", guid}));
   Player second(lunetctl({"listen", lunet::kAgentGuid}));
   ASSERT_TRUE(first.ready() && second.ready());

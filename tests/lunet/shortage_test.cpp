@@ -12,11 +12,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string_view>
 #include <vector>
 
+#include "Address.h"
 #include "BusFixture.h"
 #include "Peer.h"
 #include "SocketFolder.h"
@@ -95,6 +98,24 @@ TEST(SocketFolderWithoutDescriptors, IsLeftAsItIsWhenItsFilesCannotBeListed) {
   struct stat st {};
   ASSERT_EQ(stat(dir.at("lunet").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0755u);
+}
+
+TEST(ClaimWithoutDescriptors, FailsWithTheReasonAndLeavesNothing) {
+  const testsupport::TempDir dir;
+  ASSERT_EQ(mkdir(dir.at("bus").c_str(), 0700), 0);
+  const char* const reasons[] = {"cannot be opened: Too many open files", "no socket: Too many open files"};
+  for (std::size_t spare = 0; spare < std::size(reasons); ++spare) {
+    lunet::Address address;
+    lunet::Result<void> claimed;
+    {
+      const NoDescriptors none(spare);
+      claimed = address.claim({dir.at("bus"), std::nullopt}, newGuid());
+    }
+    ASSERT_FALSE(claimed);
+    EXPECT_NE(claimed.error().error, lunet::kErrInUse);
+    EXPECT_NE(claimed.error().reason.find(reasons[spare]), std::string::npos) << claimed.error().reason;
+    EXPECT_TRUE(std::filesystem::is_empty(dir.at("bus")));
+  }
 }
 
 class ShortageTest : public BusTest {

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <future>
@@ -127,7 +128,10 @@ TEST_F(StrangersTest, MessagesBeforeABadFrameAreDelivered) {
 
 TEST_F(StrangersTest, AnEndThatComesTogetherWithAMessageIsNoticed) {
   Gate gate;
-  Endpoint busy(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint busy(client, newGuid(), [&](Endpoint&, const Message&) {
+    gate.wait();
+    errno = EAGAIN;  // of some earlier call
+  });
   ASSERT_EQ(friendly.send(busy.guid(), "x"), lunet::kOk);
   ASSERT_TRUE(busy.waitForCount(1));
   const auto before = descriptors();
@@ -374,23 +378,55 @@ TEST_F(FalseListenerTest, AnAnswerWithAWrongMagicEndsTheCall) {
   EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrPeerLost);
 }
 
-TEST_F(FalseListenerTest, AfterADefectiveAnswerTheNextCallConnectsAnew) {
+/// The log's records from level 0 (errors) to 2.
+class LoggedEndTest : public FalseListenerTest {
+ protected:
+  LoggedEndTest() {
+    std::lock_guard lock(mutex);
+    records.clear();
+    logged->SetLogCallback([](int, const char* text) {
+      std::lock_guard adding(mutex);
+      records += std::string(text) + "\n";
+    });
+  }
+  static bool has(const char* text) {
+    std::lock_guard lock(mutex);
+    return records.find(text) != std::string::npos;
+  }
+
+  static inline std::mutex mutex;
+  static inline std::string records;
+  Client logged{config("\"log_level\":2")};
+  Endpoint own{logged, newGuid()};
+};
+
+TEST_F(LoggedEndTest, AListenersDefectiveAnswerIsTheReason) {
+  FrameHeader bad;
+  bad.kind = FrameKind::kRequest;
+  answerWith(guid, bytesOf(bad));
+  EXPECT_EQ(own.call(guid, "x").error, lunet::kErrPeerLost);
+  EXPECT_TRUE(has("is closed: a frame that a listener does not send\n")) << records;
+  EXPECT_FALSE(has("queued bytes")) << records;
+}
+
+TEST_F(LoggedEndTest, ACallersDefectiveFrameIsTheReason) {
+  const RawConnection raw(socketOf(own.guid()));
+  ASSERT_EQ(raw.handshake(caller.guid(), own.guid()), lunet::kOk);
   FrameHeader bad;
   bad.kind = FrameKind::kAnswer;
-  bad.magic = 1;
-  FrameHeader good;
-  good.kind = FrameKind::kAnswer;
-  good.id = 1;
-  good.length = 2;
-  thread = std::thread([this, bad, good] {
-    const platform::Descriptor first = greeted(guid);
-    answerOne(first, bytesOf(bad));
-    const platform::Descriptor second = greeted(guid);
-    answerOne(second, bytesOf(good) + "ok");
-    waitForEnd(second);
-  });
-  EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrPeerLost);
-  EXPECT_EQ(caller.call(guid, "x").data, "ok");
+  raw.send(bad);
+  EXPECT_TRUE(raw.waitUntilClosed());
+  EXPECT_TRUE(has("is closed: a frame that a caller does not send\n")) << records;
+}
+
+TEST_F(LoggedEndTest, AnOrderlyEndHasNoReason) {
+  {
+    Endpoint other(client, newGuid(), echo);
+    ASSERT_EQ(own.call(other.guid(), "x").data, "x");
+  }
+  EXPECT_TRUE(waitFor([] { return has("has ended\n"); })) << records;
+  EXPECT_FALSE(has("is closed: ")) << records;
+  EXPECT_FALSE(has("queued bytes")) << records;
 }
 
 TEST_F(FalseListenerTest, AConnectionThatIsLostAtOnceIsMadeOnceMoreAndNotForEver) {

@@ -182,6 +182,7 @@ TEST(File, ReplacingInAMissingFolderFailsWithTheReason) {
   const TempDir dir;
   EXPECT_EQ(CFile::replaceAtomically(dir.at("absent/f"), "x", 0600), ENOENT);
   EXPECT_EQ(CFile::replaceAtomically(dir.path() + "/", "x", 0600), EISDIR);
+  EXPECT_EQ(CFile::replaceAtomically("/proc/f", "x", 0600), ENOENT) << "nobody makes files there";
 }
 
 TEST(File, ReplacingInAFolderThatMayBeWrittenButNotReadPutsTheFileInPlace) {
@@ -278,6 +279,7 @@ TEST(NearestExisting, IsThePathItselfOrTheFirstFolderAboveItThatStands) {
   EXPECT_EQ(CDir::nearestExisting(dir.path()), dir.path());
   EXPECT_EQ(CDir::nearestExisting(dir.at("a/b/c")), dir.path());
   EXPECT_EQ(CDir::nearestExisting("/no-such-folder/below"), "/");
+  EXPECT_EQ(CDir::nearestExisting("no-such-folder/below"), "");
 }
 
 TEST(NearestExisting, CountsALinkThatLeadsNowhere) {

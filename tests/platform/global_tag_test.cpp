@@ -249,6 +249,13 @@ TEST(GlobalTag, BelowAFolderThatOthersCanWriteNothingIsMade) {
   EXPECT_TRUE(std::filesystem::is_empty(dir.at("open")));
 }
 
+TEST(GlobalTag, ItsFolderMayLieInTheRootFolder) {
+  CGlobalTag tag("MARK", {"/proc"});
+  EXPECT_EQ(tag.trylock(false), 0) << "nobody makes files there";
+  EXPECT_NE(tag.lastError().find("cannot open the mark /proc/MARK.mark"), std::string::npos)
+      << tag.lastError();
+}
+
 TEST(GlobalTag, OnlyInAFolderThatAGroupMayWriteMayItWriteTheMark) {
   const TempDir dir;
   const auto modeIn = [&dir](const char* folder, mode_t mode) {

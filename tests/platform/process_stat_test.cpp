@@ -46,6 +46,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(DefectRow{"Empty", ""}, DefectRow{"WithoutAName", statOf("cat", "12", "345")},
                     DefectRow{"WithoutAnOpeningParenthesis", statOf("cat)", "12", "345")},
                     DefectRow{"WithoutAClosingParenthesis", statOf("(cat", "12", "345")},
+                    DefectRow{"OfAnOpeningParenthesisBehindTheFields",
+                              statOf("", "12", "345").substr(2) + "("},
                     DefectRow{"WithParenthesesInReverse", statOf(")", "12", "345") + "("},
                     DefectRow{"OfTheNameAlone", "7 (cat)"},
                     DefectRow{"ThatEndsBeforeTheStart", "7 (cat) S 12 7 7 0 -1 4194304 90"},
