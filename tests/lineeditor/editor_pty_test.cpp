@@ -4,7 +4,11 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+
+#include "RealTerminal.h"
 #include "platform/Descriptor.h"
 #include "support/Process.h"
 #include "support/Pty.h"
@@ -162,6 +166,50 @@ TEST(EditorOnAPipe, ToldToEndDoesNotRunHalfALine) {
   EXPECT_EQ(program.out().find("half"), std::string::npos) << program.out();
 }
 
+TEST(EditorOnAPipe, WritesNoSequenceWhenAFatalSignalEndsIt) {
+  testsupport::Process program({kDriver});
+  program.write("whole\n");
+  ASSERT_TRUE(program.waitForOut("<whole>"));
+  program.kill(SIGQUIT);
+  EXPECT_EQ(program.wait(), 128 + SIGQUIT);
+  EXPECT_EQ(program.out().find('\033'), std::string::npos) << program.out();
+}
+
+/// Puts the file in place of a descriptor of this process; a child calls it.
+void putInPlace(int descriptor, const char* path, int flags) {
+  const platform::Descriptor file(open(path, flags | O_CLOEXEC));
+  dup2(file.get(), descriptor);
+}
+
+class OutputThatFails : public ::testing::TestWithParam<std::size_t> {};
+TEST_P(OutputThatFails, EndsTheInput) {
+  const auto inputIsEnded = [] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[0], STDIN_FILENO) < 0) {
+      return false;
+    }
+    putInPlace(STDOUT_FILENO, "/dev/full", O_WRONLY);
+    lineeditor::RealTerminal terminal;
+    const bool before = terminal.read(0).kind == lineeditor::InputKind::kTimeout;
+    terminal.write(std::string(GetParam(), 'x'));
+    return before && terminal.read(0).kind == lineeditor::InputKind::kEnd;
+  };
+  EXPECT_EXIT(_exit(inputIsEnded() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+}
+INSTANTIATE_TEST_SUITE_P(, OutputThatFails, ::testing::Values(1, 1 << 20),
+                         [](const auto& test) { return "OfBytes" + std::to_string(test.param); });
+
+TEST(InputThatEnds, EndsWhateverErrorCameBefore) {
+  const auto inputIsEnded = [] {
+    putInPlace(STDIN_FILENO, "/dev/null", O_RDONLY);
+    alarm(20);
+    lineeditor::RealTerminal terminal;
+    errno = EAGAIN;
+    return terminal.read(lineeditor::kForever).kind == lineeditor::InputKind::kEnd;
+  };
+  EXPECT_EXIT(_exit(inputIsEnded() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(EditorPty, AHangUpEndsItWithTheHistorySaved) {
   startToPrompt();
   program().type("kept\rhalf");
@@ -169,6 +217,15 @@ TEST_F(EditorPty, AHangUpEndsItWithTheHistorySaved) {
   program().closeTerminal();
   EXPECT_EQ(program().wait(), 0);
   EXPECT_EQ(testsupport::readFile(history_), "kept\n");
+}
+
+TEST_F(EditorPty, AHangUpIsNoErrorOfTheSettings) {
+  const std::string errors = dir_.at("errors");
+  launcher_ = {"sh", "-c", "exec \"$@\" 2>" + errors, "sh"};
+  startToPrompt();
+  program().closeTerminal();
+  EXPECT_EQ(program().wait(), 0);
+  EXPECT_EQ(testsupport::readFile(errors), "");
 }
 
 TEST_F(EditorPty, ASuspendedProgramComesBackWithItsLine) {

@@ -542,6 +542,22 @@ TEST_F(Search, ALongListingIsPagedAndLeavesNothingEither) {
   EXPECT_FALSE(scrolled.empty()) << "the operator can scroll back to the first page";
 }
 
+TEST_F(Search, ALongListingIsScrolledOffOnce) {
+  storeLines(60);
+  typeThen("\x12line\r", nullptr);
+  typeThen(" ", nullptr);
+  typeThen(" ", [this] {
+    terminal().look([](const auto& screen) {
+      const std::vector<std::string>& rows = screen.scrolledOff();
+      ASSERT_GT(rows.size(), 30U);
+      for (std::size_t i = 1; i < rows.size(); ++i) {
+        EXPECT_TRUE(rows[i].ends_with("  line " + std::to_string(i))) << rows[i];
+      }
+    });
+  });
+  read();
+}
+
 TEST_F(Search, CtrlLInASearchRedrawsIt) {
   typeThen("typed\x12scan\r\x0c", [this] {
     EXPECT_EQ(terminal().text(),

@@ -49,6 +49,7 @@ const KeyRow kKeys[] = {
     {"AltBMovesToTheStartOfTheWord", "\033b", "^ one~ , |two", "^ |one~ , two"},
     {"AltFMovesToTheEndOfTheWord", "\033f", "^| one~ two", "^ one~| two"},
     {"CtrlWCutsTheWordBefore", "\x17", "^ one~ |two", "^ |two"},
+    {"AltBackspaceCutsTheWordBefore", "\033\x7f", "^ one~ |two", "^ |two"},
     {"AltDCutsTheWordAfter", "\033d", "^ |one~ two", "^ | two"},
 };
 
@@ -299,6 +300,12 @@ TEST_P(Keys, F3ClearsTheHistoryWhenConfirmed) {
     EXPECT_EQ(historyCount, 0U);
   });
   EXPECT_EQ(accept(), plain("^a~c"));
+}
+
+TEST_P(Keys, F3TakesACapitalAsConfirmedToo) {
+  historyStore("first");
+  readKeys("\033ORY\r");
+  EXPECT_EQ(historyCount, 0U);
 }
 
 TEST_P(Keys, F3KeepsTheHistoryOnAnyOtherAnswer) {

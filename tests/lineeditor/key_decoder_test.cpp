@@ -99,6 +99,8 @@ const SwallowedRow kSwallowed[] = {
      "\033[1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9m"},
     {"HugeNumber", "\033[99999999999999999999~"},
     {"NoNumber", "\033[;;~"},
+    {"SubParameter", "\033[1:2D"},
+    {"SingleShiftWithADollar", "\033O7$a"},
     {"EndOfPasteWithoutItsStart", "\033[201~"},
     {"KeypadKey", "\033Oj"},
     {"ColourReport", "\033]11;rgb:ffff/ffff/ffff\007"},
@@ -116,6 +118,10 @@ TEST_P(SwallowedWhole, LeavesNothingInTheLine) {
   typeThen(GetParam().bytes, [this] { EXPECT_TRUE(shows(modelOf("ab|", true))); });
   typeThen("c\r", nullptr);
   EXPECT_EQ(read(), "abc");
+}
+
+TEST_P(SwallowedWhole, LeavesTheKeysThatFollowAtOnceAsTheyAre) {
+  EXPECT_EQ(readKeys("ab" + std::string(GetParam().bytes) + "cdef\r"), "abcdef");
 }
 
 INSTANTIATE_TEST_SUITE_P(, SwallowedWhole, ::testing::ValuesIn(kSwallowed),
@@ -170,6 +176,11 @@ TEST_F(KeyBytes, ASequenceCutOffByAnotherGivesTheOther) {
   EXPECT_EQ(readKeys("ab\033[1;\033[D!\r"), "a!b");
 }
 
+TEST_F(KeyBytes, ASequenceCutOffByAnotherIsNoKey) {
+  terminal().type("\033[1;\033[A");
+  EXPECT_EQ(KeyDecoder().next().code, KeyCode::kUp);
+}
+
 TEST_F(KeyBytes, ASequenceCutOffByAControlCharacterGivesThatKey) {
   EXPECT_EQ(readKeys("ab\033[1\x02!\r"), "a!b");
 }
@@ -189,6 +200,15 @@ TEST_F(KeyBytes, ACharacterThatComesInPiecesIsOneCharacter) {
   terminal().type("\xE4");
   terminal().type("\xB8\xAD\x7f\r");
   EXPECT_EQ(read(), "");
+}
+
+TEST_F(KeyBytes, AWholeCharacterTakesNoByteBehindIt) {
+  for (const std::string character : {"a", "é", "中", "\U0001F600"}) {
+    terminal().type(character + "\x80");
+    KeyDecoder decoder;
+    EXPECT_EQ(decoder.next().text, character);
+    EXPECT_EQ(decoder.next().text, "\x80");
+  }
 }
 
 TEST_F(KeyBytes, ACharacterThatStopsHalfwayIsKeptAsItsBytes) {

@@ -1,5 +1,9 @@
 // Lines longer than the window, windows that change, and characters of every kind.
+#include <cstdlib>
+
 #include "EditorState.h"
+#include "Painter.h"
+#include "Sequences.h"
 #include "Utf8.h"
 #include "lineeditor/EditorFixture.h"
 
@@ -116,6 +120,75 @@ INSTANTIATE_TEST_SUITE_P(, Resize,
                                   std::to_string(test.param.second);
                          });
 
+struct RewrapRow {
+  const char* name;
+  std::vector<int> above;  ///< the columns of the lines above the prompt, in a window of 20 columns
+  int promptColumns;
+  int nowCols;
+  int rowsUp;
+  int rowsUpInOrder;  ///< for a terminal that keeps its rows
+};
+const RewrapRow kRewraps[] = {
+    {"AShortLine", {5}, 2, 7, 1, 1},
+    {"AnEmptyLine", {0}, 2, 7, 1, 1},
+    {"TwoLines", {5, 15}, 2, 7, 4, 2},
+    {"AWrappedLineIsOneLine", {21}, 2, 7, 3, 2},
+    {"AWrappedLineBetweenTwo", {1, 21, 8}, 2, 7, 6, 4},
+    {"AWrappedPrompt", {1}, 15, 7, 3, 1},
+    {"AWrappedPromptOfTwoRows", {1}, 34, 7, 5, 2},
+    {"AWindowThatGetsWider", {21, 3}, 2, 40, 2, 3},
+    {"AWindowThatOnlyGetsLower", {21}, 2, 20, 2, 2},
+};
+class Rewrap : public EditorFixture, public ::testing::WithParamInterface<RewrapRow> {
+ protected:
+  void TearDown() override {
+    unsetenv("TMUX");
+    EditorFixture::TearDown();
+  }
+  /// The rows from the cursor up to the first row, in the window as it is now.
+  static std::string erased() {
+    std::vector<Row> above;
+    for (const int columns : GetParam().above) {
+      for (Row& row : textRows(std::string(static_cast<std::size_t>(columns), 'x'), 0, 20)) {
+        above.push_back(std::move(row));
+      }
+    }
+    Content content;
+    content.prompt = std::string(static_cast<std::size_t>(GetParam().promptColumns), '>');
+    Painter painter;
+    painter.paint(layout(content, above, {24, 20}), {24, 20});
+    return painter.erase({23, GetParam().nowCols});
+  }
+  static std::string up(int rows) { return "\r" + sequence::move(-rows, 0) + sequence::kEraseBelow; }
+};
+
+TEST_P(Rewrap, ErasesAllRowsWhereTheTerminalWrapsThemAnew) {
+  setenv("TMUX", "/tmp/tmux", 1);
+  EXPECT_EQ(erased(), up(GetParam().rowsUp));
+}
+
+TEST_P(Rewrap, ErasesTheRowsDrawnWhereTheTerminalKeepsThem) {
+  EXPECT_EQ(erased(), up(GetParam().rowsUpInOrder));
+}
+
+INSTANTIATE_TEST_SUITE_P(, Rewrap, ::testing::ValuesIn(kRewraps),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(Window, AKeyInsideTheLineWritesOnlyWhatItChanges) {
+  typeThen("scan start\x02\x02", [this] { terminal().forgetWritten(); });
+  typeThen("x", [this] {
+    EXPECT_TRUE(shows(modelOf("scan stax|rt", true)));
+    EXPECT_EQ(terminal().written(), "xrt\033[2D");
+  });
+  read();
+}
+
+TEST_F(Window, ALetterAndALeftInOneBurstLeaveTheCursorBeforeTheLetter) {
+  typeThen("a", nullptr);
+  typeThen("b\033[D", [this] { EXPECT_TRUE(shows(modelOf("a|b", true))); });
+  read();
+}
+
 TEST_F(Window, AResizeKeepsAnOpenCompletionList) {
   offer({{"SCAN", "help"}, {"SHOW", "help"}});
   terminal().type("s\033=");
@@ -139,6 +212,7 @@ const TextRow kTexts[] = {
     {"CombiningAccent", "e\u0301x", "e\u0301x", 2, 2},
     {"TwoCombiningAccents", "e\u0301\u0323", "e\u0301\u0323", 1, 1},
     {"AccentWithoutABase", "\u0301x", "\\xcc\\x81x", 2, 9},
+    {"ZeroWidthNonJoiner", "a\u200Cb", "a\u200Cb", 2, 2},
     {"Emoji", "\U0001F600", "\U0001F600", 1, 2},
     {"FamilyOfEmoji", "\U0001F468\u200D\U0001F469", "\U0001F468\u200D\U0001F469", 1, 4},
     {"Flag", "\U0001F1E9\U0001F1EA", "\U0001F1E9\U0001F1EA", 1, 2},
@@ -208,6 +282,47 @@ TEST_F(Characters, ErasingALetterBetweenALetterAndAnAccentKeepsTheCursorAtABound
   EXPECT_TRUE(state.eraseAt());
   EXPECT_EQ(state.cursor(), 3U) << "the accent has joined the letter";
 }
+
+TEST_F(Characters, APlaceBehindTheLineIsItsEnd) {
+  EditorState state(100);
+  state.set("a中");
+  state.moveTo(99);
+  EXPECT_EQ(state.cursor(), 4U);
+}
+
+struct StepRow {
+  const char* name;
+  bool (EditorState::*step)();
+  const char* where;  ///< '|' cursor; the step changes something here
+  std::size_t stuck;  ///< the step changes nothing with the cursor here
+};
+const StepRow kSteps[] = {
+    {"Left", &EditorState::left, "a|b", 0},
+    {"Right", &EditorState::right, "a|b", 2},
+    {"EraseBefore", &EditorState::eraseBefore, "a|b", 0},
+    {"EraseAt", &EditorState::eraseAt, "a|b", 2},
+    {"EraseBlanksAround", &EditorState::eraseBlanksAround, "a | b", 0},
+    {"TransposeBefore", &EditorState::transposeBefore, "ab|", 1},
+    {"UpperWord", &EditorState::upperWord, "|ab", 2},
+    {"LowerWord", &EditorState::lowerWord, "|AB", 2},
+    {"Capitalise", &EditorState::capitalise, "|ab", 2},
+};
+class Steps : public EditorFixture, public ::testing::WithParamInterface<StepRow> {};
+TEST_P(Steps, SayWhetherTheyCouldBeTaken) {
+  const PlainModel model = modelOf(GetParam().where, true);
+  EditorState state(100);
+  state.set(model.text());
+  state.moveTo(model.cursor);
+  EXPECT_TRUE((state.*GetParam().step)());
+  EXPECT_TRUE(state.line() != model.text() || state.cursor() != model.cursor);
+  state.set(model.text());
+  state.moveTo(GetParam().stuck);
+  EXPECT_FALSE((state.*GetParam().step)());
+  EXPECT_EQ(state.line(), model.text());
+  EXPECT_EQ(state.cursor(), GetParam().stuck);
+}
+INSTANTIATE_TEST_SUITE_P(, Steps, ::testing::ValuesIn(kSteps),
+                         [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(Characters, CaseChangesReachLettersBeyondAscii) {
   EXPECT_EQ(readKeys("éßж扫 é\x01\033u\r"), "ÉẞЖ扫 é");

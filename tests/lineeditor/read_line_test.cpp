@@ -102,6 +102,13 @@ TEST_F(ReadLine, RestoreTerminalEndsThePromptsRow) {
   EXPECT_EQ(terminal().cursorRow(), 1);
 }
 
+TEST_F(ReadLine, RestoreTerminalEndsTheLastRowOfALineWhereverItsCursorStands) {
+  open(24, 20);
+  readKeys(std::string(50, 'x') + "\x01");
+  restoreTerminal();
+  EXPECT_EQ(terminal().cursorRow(), 3);
+}
+
 TEST_F(ReadLine, KeyboardDebugModeShowsEveryByteUntilCtrlC) {
   typeThen("ab\x1e", [this] {
     EXPECT_NE(terminal().written().find("\b\nEnter keyboard debug mode, <Ctrl-C> to exit debug\n"),
@@ -114,6 +121,14 @@ TEST_F(ReadLine, KeyboardDebugModeShowsEveryByteUntilCtrlC) {
     EXPECT_TRUE(shows(modelOf("ab|", true)));
   });
   EXPECT_EQ(readKeys("c\r"), "abc");
+}
+
+TEST_F(ReadLine, KeyboardDebugModeShowsNoByteForAChangeOfTheWindow) {
+  terminal().type("\x1e");
+  terminal().resizeTo(24, 60);
+  terminal().type("A\x03");
+  read();
+  EXPECT_NE(terminal().written().find("to exit debug\n 65 0x41 (A)\n"), std::string::npos);
 }
 
 TEST_F(ReadLine, WithoutATerminalTheLineIsReadPlainly) {
@@ -239,6 +254,11 @@ TEST_F(ReadLine, AnEndMarkInsideAPasteChangesNothing) {
   EXPECT_EQ(historyCount, 1U);
 }
 
+TEST_F(ReadLine, AnEndMarkWithMoreBytesBehindItThanAreLookedThroughIsPastedText) {
+  EXPECT_EQ(readKeys("\033[200~scan\033[201~\rquit\r" + std::string(65536, 'x') + "\033[201~\x15\r"), "")
+      << "nothing was accepted before this Enter";
+}
+
 TEST_F(ReadLine, TwoPastesInARowAreBothPastes) {
   typeThen("\033[200~a\r\033[201~\033[200~b\r\033[201~",
            [this] { EXPECT_TRUE(shows(modelOf("a b |", true))); });
@@ -293,6 +313,26 @@ TEST_F(ReadLine, CtrlCGetsOutOfAPasteWhoseEndNeverCame) {
   terminal().type("\x03");
   EXPECT_EQ(read(), std::nullopt);
   EXPECT_EQ(readErrno, EAGAIN);
+}
+
+TEST_F(ReadLine, AnotherByteThanCtrlCNeverEndsAPaste) {
+  terminal().type("\033[200~abc");
+  terminal().pause();
+  terminal().pause();
+  terminal().type("d");
+  terminal().pause();
+  terminal().type("\033[201~\r");
+  EXPECT_EQ(read(), "abcd");
+}
+
+TEST_F(ReadLine, PasteMarksStayAskedForThroughoutASearch) {
+  storeLines(3);
+  typeThen("\x12line\r", [this] {
+    EXPECT_NE(terminal().text().find("Input history id"), std::string::npos);
+    EXPECT_EQ(terminal().written().find("\033[?2004l"), std::string::npos);
+  });
+  readKeys("\r\r");
+  EXPECT_TRUE(terminal().written().ends_with("\033[?2004l"));
 }
 
 TEST_F(ReadLine, PasteMarksAreAskedForWhileALineIsReadOnly) {
