@@ -15,6 +15,12 @@ TEST_F(Completion, ASingleCandidateStandsWholeInItsOwnSpellingWithABlank) {
   EXPECT_EQ(readKeys("\r"), "SCAN");
 }
 
+TEST_F(Completion, AWholeNameIsSpelledAnewAndGetsItsBlank) {
+  offer({{"SCAN", ""}});
+  typeThen("scan\t", [this] { EXPECT_TRUE(shows(modelOf("SCAN |", true))); });
+  read();
+}
+
 TEST_F(Completion, TheLongestCommonBeginningIsPutIntoTheLine) {
   offer({{"SCANCACHE", ""}, {"SCANMODE", ""}, {"CONFIG", ""}});
   typeThen("s\t", [this] { EXPECT_EQ(terminal().text(), "TAV> SCAN\nSCANCACHE   SCANMODE"); });
@@ -187,6 +193,12 @@ TEST(CompletionStateLimits, MoreThan512CandidatesAreIgnored) {
   }
   ASSERT_EQ(state.candidates.size(), 512U);
   EXPECT_EQ(state.candidates.back().name, "N511");
+}
+
+TEST(CompletionStateLimits, NoNameIsNoCandidate) {
+  CompletionState state;
+  addCandidate(&state, nullptr, "help");
+  EXPECT_TRUE(state.candidates.empty());
 }
 
 TEST(CompletionStateLimits, LongTextsAreCutBetweenCharacters) {

@@ -219,6 +219,21 @@ TEST_F(EditorPty, AHangUpEndsItWithTheHistorySaved) {
   EXPECT_EQ(testsupport::readFile(history_), "kept\n");
 }
 
+TEST_F(EditorPty, CtrlLClearsTheScreenWithoutTheCommandClearToo) {
+  for (const char* path : {"/usr/bin:/bin", "/nonexistent"}) {
+    PtyProgram::Options options;
+    options.environment["PATH"] = path;
+    startToPrompt(options);
+    program().type("one\rhalf");
+    ASSERT_TRUE(program().waitForPrompt("TAV> half"));
+    program().type("\x0c");
+    EXPECT_TRUE(program().waitUntil([](const TerminalScreen& screen) {
+      return screen.text() == "TAV> half";
+    })) << path
+        << program().screen().text();
+  }
+}
+
 TEST_F(EditorPty, AHangUpIsNoErrorOfTheSettings) {
   const std::string errors = dir_.at("errors");
   launcher_ = {"sh", "-c", "exec \"$@\" 2>" + errors, "sh"};

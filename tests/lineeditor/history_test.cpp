@@ -558,6 +558,11 @@ TEST_F(Search, ALongListingIsScrolledOffOnce) {
   read();
 }
 
+TEST_F(Search, OfALineTypedInOneBurstWithItsKeyShowsItsOwnPrompt) {
+  typeThen("a\033OS", [this] { EXPECT_EQ(terminal().text(), "Input Patterns <F1> help: a"); });
+  read();
+}
+
 TEST_F(Search, CtrlLInASearchRedrawsIt) {
   typeThen("typed\x12scan\r\x0c", [this] {
     EXPECT_EQ(terminal().text(),

@@ -304,6 +304,8 @@ TEST_P(Keys, F3ClearsTheHistoryWhenConfirmed) {
 
 TEST_P(Keys, F3TakesACapitalAsConfirmedToo) {
   historyStore("first");
+  readKeys("\033OR\033[200~y\033[201~\r");
+  EXPECT_EQ(historyCount, 1U) << "a paste confirms nothing";
   readKeys("\033ORY\r");
   EXPECT_EQ(historyCount, 0U);
 }

@@ -42,6 +42,7 @@ const FormRow kForms[] = {
     {"VtEnd", "\033[4~", KeyCode::kEnd},
     {"RxvtEnd", "\033[8~", KeyCode::kEnd},
     {"RxvtCtrlEnd", "\033[8^", KeyCode::kEnd, false, true},
+    {"RxvtCtrlShiftEnd", "\033[8@", KeyCode::kEnd, false, true},
     {"XtermAltEnd", "\033[1;3F", KeyCode::kEnd, true},
     {"Insert", "\033[2~", KeyCode::kInsert},
     {"Delete", "\033[3~", KeyCode::kDelete},
@@ -99,6 +100,11 @@ const SwallowedRow kSwallowed[] = {
      "\033[1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9;1;2;3;4;5;6;7;8;9m"},
     {"HugeNumber", "\033[99999999999999999999~"},
     {"NoNumber", "\033[;;~"},
+    {"LeftWithAnotherNumber", "\033[2D"},
+    {"SingleShiftWithAHugeNumber", "\033O99999999999999999999D"},
+    {"SingleShiftThatLooksLikeAPaste", "\033O200~"},
+    {"ConsoleMarkBehindANumber", "\033[1["},
+    {"StringWithASequenceInside", "\033Pa\033[Db\033\\"},
     {"SubParameter", "\033[1:2D"},
     {"SingleShiftWithADollar", "\033O7$a"},
     {"EndOfPasteWithoutItsStart", "\033[201~"},
@@ -187,6 +193,7 @@ TEST_F(KeyBytes, ASequenceCutOffByAControlCharacterGivesThatKey) {
 
 TEST_F(KeyBytes, ASequenceCutOffByTextGivesTheText) {
   EXPECT_EQ(readKeys("ab\033[1中\r"), "ab中");
+  EXPECT_EQ(readKeys("ab\033[1\x80\r"), "ab\x80");
 }
 
 TEST_F(KeyBytes, EscPressedByHandBeforeUpOrHomeIsThePrefix) {
@@ -196,6 +203,24 @@ TEST_F(KeyBytes, EscPressedByHandBeforeUpOrHomeIsThePrefix) {
   EXPECT_EQ(read(), "!b") << "ESC, then Home, cuts to the start";
 }
 
+TEST_F(KeyBytes, EscPressedByHandBeforeEndIsThePrefix) {
+  terminal().type("ab\x02\033");
+  terminal().pause();
+  terminal().type("\033[F!\r");
+  EXPECT_EQ(read(), "a!") << "ESC, then End, cuts to the end";
+}
+
+TEST_F(KeyBytes, EscPressedByHandBeforeUpOrDownStaysInTheLine) {
+  for (const char* key : {"\033[A", "\033[B"}) {
+    historyClear();
+    storeLines(3);
+    terminal().type("\x10\x10\033");
+    terminal().pause();
+    terminal().type(std::string(key) + "\r");
+    EXPECT_EQ(read(), "line 2");
+  }
+}
+
 TEST_F(KeyBytes, ACharacterThatComesInPiecesIsOneCharacter) {
   terminal().type("\xE4");
   terminal().type("\xB8\xAD\x7f\r");
@@ -203,7 +228,8 @@ TEST_F(KeyBytes, ACharacterThatComesInPiecesIsOneCharacter) {
 }
 
 TEST_F(KeyBytes, AWholeCharacterTakesNoByteBehindIt) {
-  for (const std::string character : {"a", "é", "中", "\U0001F600"}) {
+  for (const std::string character :
+       {"a", "\u0080", "\u07FF", "\u0800", "\uFFFD", "\U00010000", "\U0010FFFF"}) {
     terminal().type(character + "\x80");
     KeyDecoder decoder;
     EXPECT_EQ(decoder.next().text, character);
@@ -217,6 +243,25 @@ TEST_F(KeyBytes, ACharacterThatStopsHalfwayIsKeptAsItsBytes) {
   EXPECT_EQ(read(),
             "a\xE4\xB8"
             "b");
+}
+
+TEST_F(KeyBytes, EnterBehindTheBeginningOfACharacterIsEnter) {
+  EXPECT_EQ(readKeys("a\xE4\r"), "a\xE4");
+}
+
+TEST_F(KeyBytes, AChangeOfTheWindowBetweenTwoBytesOfAnEndMarkIsToldAndLosesNothing) {
+  terminal().type("\033[200~ab\033");
+  terminal().resizeTo(24, 60);
+  terminal().type("[2");
+  terminal().resizeTo(24, 70);
+  terminal().type("01~");
+  KeyDecoder decoder;
+  EXPECT_EQ(decoder.next().text, "ab");
+  EXPECT_EQ(decoder.next().code, KeyCode::kResized);
+  EXPECT_EQ(decoder.next().code, KeyCode::kResized);
+  const Key rest = decoder.next();
+  EXPECT_EQ(rest.code, KeyCode::kPaste);
+  EXPECT_EQ(rest.text, "");
 }
 
 TEST_F(KeyBytes, BytesThatAreNotUtf8AreShownAsHexAndKept) {

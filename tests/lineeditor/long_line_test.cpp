@@ -174,6 +174,17 @@ TEST_P(Rewrap, ErasesTheRowsDrawnWhereTheTerminalKeepsThem) {
 INSTANTIATE_TEST_SUITE_P(, Rewrap, ::testing::ValuesIn(kRewraps),
                          [](const auto& test) { return std::string(test.param.name); });
 
+TEST_F(Window, ALongPasteScrollsOffOnlyWhatStoodAbove) {
+  open(5, 20);
+  plainPrint("one\ntwo\nthree\n");
+  typeThen("\033[200~" + std::string(200, 'x') + "\033[201~", [this] {
+    terminal().look([](const auto& screen) {
+      EXPECT_EQ(screen.scrolledOff(), (std::vector<std::string>{"one", "two", "three"}));
+    });
+  });
+  read();
+}
+
 TEST_F(Window, AKeyInsideTheLineWritesOnlyWhatItChanges) {
   typeThen("scan start\x02\x02", [this] { terminal().forgetWritten(); });
   typeThen("x", [this] {
@@ -220,6 +231,9 @@ const TextRow kTexts[] = {
     {"Tab", "a\tb", "a^Ib", 3, 4},
     {"C1Control", "\u009Bm", "\\xc2\\x9bm", 2, 9},
     {"BidirectionalOverride", "\u202Eabc", "\\xe2\\x80\\xaeabc", 4, 15},
+    {"Unassigned", "\u0378", "\\xcd\\xb8", 1, 8},
+    {"SoftHyphen", "\u00AD", "\\xc2\\xad", 1, 8},
+    {"HiddenTagBehindALetter", "a\U000E0041", "a\\xf3\\xa0\\x81\\x81", 2, 17},
     {"LineSeparator", "\u2028", "\\xe2\\x80\\xa8", 1, 12},
     {"ZeroWidthBlank", "\u200B", "\\xe2\\x80\\x8b", 1, 12},
     {"LoneContinuation", "\x80", "\\x80", 1, 4},
@@ -326,6 +340,7 @@ INSTANTIATE_TEST_SUITE_P(, Steps, ::testing::ValuesIn(kSteps),
 
 TEST_F(Characters, CaseChangesReachLettersBeyondAscii) {
   EXPECT_EQ(readKeys("éßж扫 é\x01\033u\r"), "ÉẞЖ扫 é");
+  EXPECT_EQ(readKeys("a\xFF\x01\033u\r"), "A\xFF");
 }
 
 TEST_F(Characters, ACaseChangeThatDoesNotFitChangesNothing) {

@@ -168,6 +168,26 @@ TEST_F(Notice, WithoutALineEndGetsOneAboveAPrompt) {
   read();
 }
 
+TEST_F(Notice, OfNothingLeavesTheScreen) {
+  typeThen("typed", [this] {
+    noticeFromAnotherThread("");
+    EXPECT_EQ(terminal().text(), "TAV> typed");
+  });
+  read();
+}
+
+TEST_F(Notice, InThePagerOfADumbTerminalHasNoSequence) {
+  terminal().isUsable = false;
+  terminal().onIdle = [this] {
+    noticeFromAnotherThread("notice\n");
+    terminal().type("q");
+  };
+  historyShow();
+  flushOutput();
+  EXPECT_NE(terminal().written().find("notice\n"), std::string::npos);
+  EXPECT_EQ(terminal().written().find('\033'), std::string::npos);
+}
+
 TEST_F(Notice, OfMoreLinesThanTheWindowHasScrolls) {
   std::string block;
   for (int i = 1; i <= 40; ++i) {

@@ -61,6 +61,15 @@ TEST_F(ReadLine, AnAnswerIsNotRecordedAndNotCompleted) {
   EXPECT_EQ(asked, std::nullopt);
 }
 
+TEST_F(ReadLine, CtrlDOnAnEmptyAnswerIsEndOfInput) {
+  char buffer[16];
+  terminal().type("\x04");
+  errno = 0;
+  EXPECT_EQ(readAnswer("? ", buffer, sizeof buffer), nullptr);
+  EXPECT_NE(errno, EAGAIN);
+  EXPECT_EQ(terminal().text(), "?");
+}
+
 TEST_F(ReadLine, CtrlCGivesNoLineAndSaysEagain) {
   typeThen("half a line\x02\x02\x03", nullptr);
   EXPECT_EQ(read(), std::nullopt);
@@ -257,6 +266,11 @@ TEST_F(ReadLine, AnEndMarkInsideAPasteChangesNothing) {
 TEST_F(ReadLine, AnEndMarkWithMoreBytesBehindItThanAreLookedThroughIsPastedText) {
   EXPECT_EQ(readKeys("\033[200~scan\033[201~\rquit\r" + std::string(65536, 'x') + "\033[201~\x15\r"), "")
       << "nothing was accepted before this Enter";
+}
+
+TEST_F(ReadLine, APastedControlCharacterNeverReachesTheTerminal) {
+  typeThen("\033[200~\x7f\033[201~", [this] { EXPECT_EQ(terminal().text(), "TAV> ^?"); });
+  read();
 }
 
 TEST_F(ReadLine, TwoPastesInARowAreBothPastes) {

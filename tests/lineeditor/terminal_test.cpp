@@ -214,6 +214,20 @@ TEST_F(Terminal, ThePagersPromptLeavesNothingInANarrowWindow) {
   EXPECT_NE(terminal().text().find("line 18"), std::string::npos);
 }
 
+TEST_F(Terminal, ThePagersPromptIsErasedWithBackspacesOnANarrowDumbTerminal) {
+  open(10, 20);
+  terminal().isUsable = false;
+  terminal().type("q");
+  list(30);
+  EXPECT_TRUE(terminal().written().ends_with(std::string(46, ' ') + std::string(46, '\b')));
+}
+
+TEST_F(Terminal, AChangeOfTheWindowDoesNotAnswerThePager) {
+  terminal().resizeTo(24, 60);
+  terminal().type(" q");
+  EXPECT_EQ(list(100), 46);
+}
+
 TEST_F(Terminal, AListingNeverPausesWhenInputIsNoTerminal) {
   terminal().isTerminal = false;
   EXPECT_EQ(list(100), 100);

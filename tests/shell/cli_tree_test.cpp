@@ -338,6 +338,27 @@ TEST(CliTreeParse, WhatIsSatisfiedIsKnownByNameForTheWholeLine) {
   EXPECT_EQ(outcome.printed, report({{"WALK", "walk"}}));
 }
 
+TEST(CliTreeParse, AnOptionThatIsNotRequiredSatisfiesNoAlternativesBesideIt) {
+  TestGrammar grammar;
+  CliNodeInfo* const run = grammar.add(nullptr, "RUN", "11");
+  grammar.add(run, "FAST", "11", 0, "fast");
+  grammar.add(run, "SLOW", "11", 0, "slow");
+  grammar.add(run, "EXTRA", "00", 0, "more");
+  const ParseOutcome outcome = parse(grammar.tree, "RUN EXTRA");
+  EXPECT_EQ(outcome.result, -1);
+  EXPECT_EQ(outcome.printed, report({{"FAST", "fast"}, {"SLOW", "slow"}}));
+}
+
+TEST(CliTreeParse, AMissingValueHidesTheMissingOptions) {
+  TestGrammar grammar;
+  CliNodeInfo* const run = grammar.add(nullptr, "RUN", "11");
+  grammar.add(run, "MODE", "01", 0, "how fast");
+  grammar.add(run, "PATH", "01", 2, "where");
+  const ParseOutcome outcome = parse(grammar.tree, "RUN PATH");
+  EXPECT_EQ(outcome.result, -1);
+  EXPECT_EQ(outcome.printed, "");
+}
+
 TEST(CliTreeParse, WhatOneLineSatisfiedIsForgottenByTheNext) {
   RunGrammar grammar;
   EXPECT_EQ(parse(grammar.tree, "RUN MODE FAST HANDLE AUTO").result, 0);

@@ -147,6 +147,18 @@ TEST(Modules, ASecondModuleOfOneNameDoesNotReplaceTheFirst) {
   EXPECT_EQ(second.owner(), nullptr);
 }
 
+TEST(Modules, AModuleThatIsNotTheRegisteredOneTakesNoOtherOut) {
+  OwnShell shell;
+  NotedModule first("same");
+  NotedModule second("same");
+  NotedModule stranger("stranger");
+  shell.registerModule(&first);
+  shell.unregisterModule(&second);
+  shell.unregisterModule(&stranger);
+  outputOf([&shell] { shell.init(); });
+  EXPECT_EQ(first.owner(), &shell);
+}
+
 TEST(Modules, LoadingTheRegistryGivesOne) {
   OwnShell shell;
   EXPECT_EQ(shell.load(&shell), 1);

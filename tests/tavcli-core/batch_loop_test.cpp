@@ -107,11 +107,16 @@ TEST_F(BatchLoop, WaitsInStepsOf10SecondsThatAFinalStateEnds) {
   EXPECT_THAT(pause_.waits, ElementsAre(-10, -10, -10));
 }
 
+/// The line about a scan whose end the run has not seen.
+std::string notEndedWithin(int timeoutSec) {
+  return "tavcli: the scan of /data has not ended within " + std::to_string(timeoutSec) +
+         " seconds; it may still be running";
+}
+
 TEST_F(BatchLoop, ATimeoutGives0AndOneLineForTheOperator) {
   EXPECT_EQ(run(30).exitCode, 0);
   EXPECT_THAT(pause_.waits, ElementsAre(-10, -10, -10));
-  EXPECT_THAT(complaints_,
-              ElementsAre(testing::AllOf(testing::HasSubstr("/data"), testing::HasSubstr("30 seconds"))));
+  EXPECT_THAT(complaints_, ElementsAre(notEndedWithin(30)));
 }
 
 TEST_F(BatchLoop, ATimeoutIsRoundedUpToWholeSteps) {
@@ -182,7 +187,7 @@ TEST_F(BatchLoop, AStateThatComesAsTheLastWaitIsOverGives0AndOneLine) {
 TEST_F(BatchLoop, AnAgentThatIsBusyToTheEndIsATimeout) {
   pause_.script = {stateTurns(tavcli::kBusStateBusy), stateTurns(tavcli::kBusStateBusy)};
   EXPECT_EQ(run(40).exitCode, 0);
-  EXPECT_EQ(complaints_.size(), 1u);
+  EXPECT_THAT(complaints_, ElementsAre(notEndedWithin(40)));
 }
 
 TEST_F(BatchLoop, ASignalEndsAWait) {

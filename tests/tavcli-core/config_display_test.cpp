@@ -157,6 +157,13 @@ TEST(SettingsDisplay, AnyJsonWillDo) {
   }
 }
 
+TEST(SettingsDisplay, FormatsThatAreNoListAreNone) {
+  for (const char* formats : {R"({"a":"zip"})", "\"zip\"", "7", "null", "[]"}) {
+    const Json::Value document = jsonOf(std::string(R"({"Compressed":{"Format":)") + formats + "}}");
+    EXPECT_EQ(shown(kScan(document), "扫描压缩包格式类型"), "") << formats;
+  }
+}
+
 TEST(SettingsDisplay, CleaningByAgeNamesTimeAndUnit) {
   EXPECT_EQ(cleaning(R"({"CleanType":0,"CleanTime":30,"CleanUnit":2})"),
             "使用空间大于90%时自动清理超过30日的文件");

@@ -64,6 +64,27 @@ TEST_F(InstallDirectory, StaysTheDefaultWhenTheCurrentFolderCannotBeEntered) {
               "^failed chdir to , No such file or directory$");
 }
 
+bool isTheDefaultInAFolderThatCannotBeEntered() {
+  const testsupport::TempDir dir;
+  const std::string closed = dir.at("closed");
+  if (mkdir(closed.c_str(), 0700) != 0 || chdir(closed.c_str()) != 0 || chmod(closed.c_str(), 0) != 0) {
+    return false;
+  }
+  constexpr uid_t kNobody = 65534;
+  const bool isRoot = geteuid() == 0;
+  const bool changed = !isRoot || seteuid(kNobody) == 0;
+  fflush(stdout);
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  const std::string directory = tavcli::installDirectory();
+  fflush(stdout);
+  return changed && (!isRoot || seteuid(0) == 0) && directory == "/opt/apps/Korvix/";
+}
+
+TEST_F(InstallDirectory, StaysTheDefaultWhenTheCurrentFolderIsClosedToTheUser) {
+  EXPECT_EXIT(_exit(isTheDefaultInAFolderThatCannotBeEntered() ? 0 : 1), testing::ExitedWithCode(0),
+              "^failed chdir to /.*/closed, Permission denied$");
+}
+
 TEST(ContainerConfiguration, IsFilledAsItsTableSays) {
   const tavcli::ContainerConfig config = tavcli::containerConfigFor("/srv/tree/");
   EXPECT_EQ(config.name, "tavcli");

@@ -63,16 +63,13 @@ Json::Value wrapped(const Destination& destination, const Json::Value& settings)
 }  // namespace
 
 std::int32_t TavCliCmdConfigExec::execute() {
-  std::string text;
   if (section == kShow) {
-    if (!CppJson::WriteJsonToString(settings, text, kCompact)) {
-      return -1;
-    }
     showAll();
     return 0;
   }
   for (const Destination& destination : kDestinations) {
     if (destination.section == section) {
+      std::string text;
       if (!CppJson::WriteJsonToString(wrapped(destination, settings), text, kCompact)) {
         return -1;
       }

@@ -59,7 +59,7 @@ int scanType(unsigned mode, unsigned special) {
 
 std::string runningTask(const Json::Value& task) {
   const std::string token = CppJson::readString(task, "token_id", "");
-  if (!task.isObject() || token.empty() ||
+  if (token.empty() ||
       json::fromNumber<json::BusinessType>(CppJson::readInt(task, "type", -1)) != json::BusinessType::kScan) {
     return "";
   }
