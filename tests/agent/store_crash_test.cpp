@@ -542,6 +542,17 @@ TEST_F(CrashTest, AHalfDoneItemWhoseRecordCannotBeReadIsLeftAsItIs) {
   EXPECT_EQ(vaultFiles().size(), 1U);
 }
 
+TEST_F(CrashTest, ARestoreWhosePlanCannotBeReadIsSettledAsNotEnded) {
+  take(write("victim"));
+  for (const char* plan : {"garbage", "[1]", "{}"}) {
+    store_.reset();
+    sql(("UPDATE items SET state=2,pending='" + std::string(plan) + "'").c_str());
+    reopen();
+    EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its restore had not ended"))) << plan;
+    EXPECT_EQ(items().size(), 1U);
+  }
+}
+
 TEST_F(CrashTest, AnItemUnderTheNameOfAnotherIsLeftAsItIs) {
   const std::string uuid = take(write("victim"));
   const std::string folder = stateDir() + "/quarantine/";
