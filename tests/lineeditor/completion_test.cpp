@@ -197,6 +197,7 @@ TEST(CompletionStateLimits, MoreThan512CandidatesAreIgnored) {
 
 TEST(CompletionStateLimits, NoNameIsNoCandidate) {
   CompletionState state;
+  addCandidate(nullptr, "NAME", "help");
   addCandidate(&state, nullptr, "help");
   EXPECT_TRUE(state.candidates.empty());
 }

@@ -563,6 +563,20 @@ TEST_F(Search, OfALineTypedInOneBurstWithItsKeyShowsItsOwnPrompt) {
   read();
 }
 
+TEST_F(Search, ThePatternHelpEndsWhenItsPagerIsLeft) {
+  open(8, 80);
+  typeThen("\x12\033OP", [this] { EXPECT_NE(terminal().text().find("***"), std::string::npos); });
+  typeThen("q", [this] { EXPECT_TRUE(terminal().text().ends_with("Input Patterns <F1> help:")); });
+  read();
+  terminal().look([](const auto& screen) { EXPECT_FALSE(screen.contains("and excluding")); });
+}
+
+TEST_F(Search, OnADumbTerminalReadsItsAnswersPlainly) {
+  terminal().isUsable = false;
+  terminal().type("scan\n2\n");
+  EXPECT_EQ(historySearch(nullptr), 3);
+}
+
 TEST_F(Search, CtrlLInASearchRedrawsIt) {
   typeThen("typed\x12scan\r\x0c", [this] {
     EXPECT_EQ(terminal().text(),

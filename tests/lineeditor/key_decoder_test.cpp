@@ -89,6 +89,7 @@ const SwallowedRow kSwallowed[] = {
     {"LinuxConsoleF5", "\033[[E"},
     {"ShiftTab", "\033[Z"},
     {"CursorReport", "\033[12;40R"},
+    {"CursorReportOfTheFirstPlace", "\033[1;1R"},
     {"DeviceAttributes", "\033[?1;2c"},
     {"ModeReport", "\033[?2004;1$y"},
     {"ModifiedLetter", "\033[27;5;97~"},

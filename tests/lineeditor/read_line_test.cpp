@@ -270,6 +270,8 @@ TEST_F(ReadLine, AnEndMarkWithMoreBytesBehindItThanAreLookedThroughIsPastedText)
 
 TEST_F(ReadLine, APastedControlCharacterNeverReachesTheTerminal) {
   typeThen("\033[200~\x7f\033[201~", [this] { EXPECT_EQ(terminal().text(), "TAV> ^?"); });
+  typeThen("\033[200~\x01\033[201~", [this] { EXPECT_EQ(terminal().text(), "TAV> ^?^A"); });
+  typeThen("\033[200~\033\033[201~", [this] { EXPECT_EQ(terminal().text(), "TAV> ^?^A^["); });
   read();
 }
 
@@ -327,6 +329,14 @@ TEST_F(ReadLine, CtrlCGetsOutOfAPasteWhoseEndNeverCame) {
   terminal().type("\x03");
   EXPECT_EQ(read(), std::nullopt);
   EXPECT_EQ(readErrno, EAGAIN);
+}
+
+TEST_F(ReadLine, ACtrlCWithBytesBehindItIsPastedAfterAnyWait) {
+  terminal().type("\033[200~abc");
+  terminal().pause();
+  terminal().pause();
+  terminal().type("\x03 d\033[201~\r");
+  EXPECT_EQ(read(), "abc\x03 d");
 }
 
 TEST_F(ReadLine, AnotherByteThanCtrlCNeverEndsAPaste) {
