@@ -23,8 +23,7 @@ constexpr std::string_view kEndings[] = {
 };
 
 constexpr std::string_view kBeginnings[] = {
-    "\x7f"
-    "ELF",
+    "\177ELF",
     "MZ",
     "#!",
     "%PDF",

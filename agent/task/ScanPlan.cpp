@@ -130,7 +130,7 @@ platform::Expected<ScanPlan> makePlan(const Json::Value& request, const Settings
     return platform::failure(offered.error());
   }
   const Json::Value scan = settings.document(json::ConfigType::kScan);
-  const Json::Value common = scan["Common"];
+  const Json::Value& common = scan["Common"];
   ScanPlan plan;
   plan.scanType = params.scan_type();
   plan.mode = static_cast<json::ScanMode>(params.scan_type() % json::kStrongScan);

@@ -23,7 +23,7 @@ tl::expected<void, NotSent> PoolWorker::begin(PoolTask& task) {
   if (!task.fd || packet.size() > kLongestPacket) {
     return tl::unexpected(NotSent{false, platform::errnoText(task.fd ? EMSGSIZE : EBADF)});
   }
-  if (const auto sent = channel_.send(packet, task.fd.get()); !sent) {
+  if (auto sent = channel_.send(packet, task.fd.get()); !sent) {
     return sent;
   }
   if (tasks_.empty()) {
