@@ -18,7 +18,7 @@ bool mayWriteBelow(const std::string& folder) {
 std::string logDir() {
   const std::string name = "/tavcli";
   if (const char* given = std::getenv("XDG_STATE_HOME"); given != nullptr && given[0] == '/') {
-    if (const std::string folder = utils::FormatDir(given + name, false); mayWriteBelow(folder)) {
+    if (std::string folder = utils::FormatDir(given + name, false); mayWriteBelow(folder)) {
       return folder;
     }
   }
