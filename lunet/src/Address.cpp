@@ -87,11 +87,6 @@ Descriptor openOrMake(const std::string& path) {
   return file;
 }
 
-std::string ownerOf(const std::string& path) {
-  struct stat st {};
-  return lstat(path.c_str(), &st) == 0 ? "user " + std::to_string(st.st_uid) : "another user";
-}
-
 }  // namespace
 
 Result<void> Address::claim(const SocketFolder& folder, const Guid& guid) {
@@ -114,25 +109,28 @@ Result<void> Address::lock(const std::string& path, const std::string& aside, bo
       return failed(kErrPath, because(path, "is no regular file and cannot be renamed"));
     }
     Descriptor file = openOrMake(path);
-    if (!file && (errno == ENOENT || errno == EEXIST || errno == ELOOP)) {
+    const int error = file ? 0 : errno;
+    if (error == ENOENT || error == EEXIST || error == ELOOP) {
       continue;  // another process was faster
     }
-    if (!file && errno == EACCES) {
-      return failed(kErrInUse,
-                    shown + " belongs to " + ownerOf(path) +
-                        ": the address is in use, or left by a crash (then that user or root can take it)");
-    }
-    if (!file) {
+    const bool denied = error == EACCES;
+    const bool leased = error == EWOULDBLOCK;  // by the file's user (F_SETLEASE)
+    if (error != 0 && !denied && !leased) {
       return failed(kErrPath, because(path, "cannot be opened"));
     }
     struct stat st {};
-    const bool held = !lockFile(file.get());
-    if (!isNamed(file.get(), path, st)) {
+    const bool held = !file || !lockFile(file.get());
+    if (file ? !isNamed(file.get(), path, st) : lstat(path.c_str(), &st) != 0) {
       continue;
     }
     const bool foreign = st.st_uid != geteuid();
     if (held && !(agents && foreign && st.st_uid != 0)) {
-      return failed(kErrInUse, shown + " is held by a live process of user " + std::to_string(st.st_uid));
+      const std::string user = "user " + std::to_string(st.st_uid);
+      return failed(kErrInUse,
+                    shown + (denied ? " belongs to " + user +
+                                          ": the address is in use, or left by a crash (then that user or "
+                                          "root can take it)"
+                                    : " is held by a live process of " + user));
     }
     if (!held && !foreign) {
       lock_ = std::move(file);

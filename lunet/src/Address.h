@@ -34,7 +34,7 @@ class Address {
   platform::Descriptor listener_;
 };
 
-/// Removes the files of crashed endpoints, of other users too. Only root and the folder's owner can.
+/// Removes the files of crashed endpoints: root those of all users, the folder's owner its own.
 void clearLeftovers(const SocketFolder& folder);
 
 }  // namespace lunet

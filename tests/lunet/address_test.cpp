@@ -150,6 +150,7 @@ TEST_F(AddressTest, RootAndTheFoldersOwnerClearWhatOthersLeft) {
   ASSERT_TRUE(alive.ready());
   Endpoint endpoint(client, newGuid());
   EXPECT_FALSE(fs::exists(socketOf(crashed)));
+  EXPECT_FALSE(fs::exists(socketFolder() + "/" + lunet::formatGuid(crashed) + ".lock"));
   EXPECT_TRUE(fs::exists(socketOf(address)));
   EXPECT_EQ(endpoint.send(address, "x"), lunet::kOk);
 }

@@ -6,18 +6,23 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "Address.h"
 #include "BusFixture.h"
 #include "lunet/ErrorText.h"
 #include "lunet/ListenerAt.h"
+#include "support/HeldFile.h"
 #include "support/Wait.h"
 
 using lunet::Address;
@@ -29,6 +34,10 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr uid_t kMember = 23456;
+constexpr uid_t kOtherMember = 23457;
+
+/// Called before a socket listens.
+std::function<void()> beforeListening;
 
 struct stat statusOf(const std::string& path) {
   struct stat st {};
@@ -60,6 +69,14 @@ std::string textAs(uid_t user, const std::function<std::string()>& what) {
 
 }  // namespace
 
+// Stands before the C library's function.
+extern "C" int listen(int fd, int backlog) noexcept {
+  if (beforeListening) {
+    beforeListening();
+  }
+  return static_cast<int>(syscall(SYS_listen, fd, backlog));
+}
+
 class ClaimTest : public testing::Test {
  protected:
   ClaimTest() {
@@ -90,6 +107,23 @@ TEST_F(ClaimTest, LockAndSocketAreItsUsersOwnWhateverTheUmask) {
   umask(before);
   EXPECT_EQ(statusOf(lockPath()).st_mode & 07777u, 0600u);
   EXPECT_EQ(statusOf(socketPath()).st_mode & 07777u, 0600u);
+}
+
+TEST_F(ClaimTest, ASocketIsPrivateBeforeItListensAndListensBeforeItHasItsName) {
+  const mode_t before = umask(0);
+  mode_t mode = 0;
+  bool named = true;
+  beforeListening = [&] {
+    mode = statusOf(folder.newSocketPath(guid)).st_mode;
+    named = fs::exists(socketPath());
+  };
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  beforeListening = nullptr;
+  umask(before);
+  EXPECT_EQ(mode & 07777u, 0600u);
+  EXPECT_FALSE(named);
+  EXPECT_TRUE(fs::exists(socketPath()));
 }
 
 TEST_F(ClaimTest, ALockThatLosesItsNameWhileItIsWaitedForIsNoLock) {
@@ -135,6 +169,18 @@ TEST_F(ClaimTest, ALockThatIsAnothersByNowIsNotRemoved) {
   EXPECT_TRUE(fs::exists(lockPath()));
 }
 
+TEST_F(ClaimTest, WhatALinkInPlaceOfTheLockLeadsToIsNotOpened) {
+  dir.write("precious", "content");
+  fs::create_symlink(dir.at("precious"), lockPath());
+  const platform::Descriptor opened(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ASSERT_GE(inotify_add_watch(opened.get(), dir.at("precious").c_str(), IN_OPEN), 0);
+  lunet::clearLeftovers(folder);
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  char event[512];
+  EXPECT_LT(read(opened.get(), event, sizeof event), 0);
+}
+
 /// Tests with a second user.
 class ForeignClaimTest : public ClaimTest {
  protected:
@@ -145,7 +191,54 @@ class ForeignClaimTest : public ClaimTest {
   }
   void giveFolderTo(uid_t user) const { ASSERT_EQ(chown(folder.path.c_str(), user, user), 0); }
   void openFolderToAll() const { ASSERT_EQ(chmod(folder.path.c_str(), 01777), 0); }
+  /// A lock file of that user at that address.
+  void plantLock(const Guid& wanted, uid_t user) const {
+    dir.write("bus/" + lunet::formatGuid(wanted) + ".lock", "");
+    const std::string path = folder.lockPath(wanted);
+    ASSERT_TRUE(chmod(path.c_str(), 0600) == 0 && chown(path.c_str(), user, user) == 0);
+  }
 };
+
+/// An open without O_NONBLOCK waits 45 seconds for the end of the lease.
+TEST_F(ForeignClaimTest, AMembersLeaseOnTheLockDoesNotKeepTheAgentFromItsAddress) {
+  plantLock(agent, kMember);
+  const testsupport::HeldFile lease(folder.lockPath(agent));
+  Address address;
+  auto claiming = std::async(std::launch::async, [&] { return claim(address, agent); });
+  EXPECT_EQ(claiming.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(claiming.get(), "");
+  EXPECT_EQ(statusOf(folder.lockPath(agent)).st_uid, 0u);
+}
+
+TEST_F(ForeignClaimTest, AnotherAddressWhoseLockIsUnderALeaseIsInUse) {
+  plantLock(guid, kMember);
+  const testsupport::HeldFile lease(lockPath());
+  Address address;
+  EXPECT_THAT(claim(address, guid), testing::AllOf(HasSubstr("is in use"), HasSubstr("user 23456")));
+}
+
+TEST_F(ForeignClaimTest, AFoldersOwnerTakesTheAgentsAddressFromALockThatOnlyItsMemberCanOpen) {
+  giveFolderTo(kMember);
+  openFolderToAll();
+  plantLock(agent, kOtherMember);
+  EXPECT_EQ(textAs(kMember,
+                   [this] {
+                     Address own;
+                     return claim(own, agent);
+                   }),
+            "");
+}
+
+TEST_F(ForeignClaimTest, AMemberDoesNotTakeTheAgentsAddressFromAnotherMember) {
+  openFolderToAll();
+  plantLock(agent, kOtherMember);
+  EXPECT_THAT(textAs(kMember,
+                     [this] {
+                       Address own;
+                       return claim(own, agent);
+                     }),
+              testing::AllOf(HasSubstr("is in use"), HasSubstr("cannot be removed")));
+}
 
 TEST_F(ForeignClaimTest, TheAgentsAddressIsNotTakenFromTheOwnUser) {
   giveFolderTo(kMember);
