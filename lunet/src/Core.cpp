@@ -160,16 +160,12 @@ Error Core::reply(std::uint64_t messageId, const void* data, std::uint32_t lengt
   if (!pending || messageId != reinterpret_cast<std::uintptr_t>(replyContext)) {
     return kErrArgument;
   }
-  const std::shared_ptr<IncomingLink> link = pending->link.lock();
-  if (!link) {
-    return kErrPeerLost;
-  }
+  IncomingLink& link = *pending->link;
   if (length > kMaxMessageBytes) {
-    (void)link->answer({.kind = FrameKind::kRefusal, .channel = kErrTooLarge, .id = pending->callId},
-                       nullptr);
+    (void)link.answer({.kind = FrameKind::kRefusal, .channel = kErrTooLarge, .id = pending->callId}, nullptr);
     return kErrTooLarge;
   }
-  return link->answer({.kind = FrameKind::kAnswer, .length = length, .id = pending->callId}, data);
+  return link.answer({.kind = FrameKind::kAnswer, .length = length, .id = pending->callId}, data);
 }
 
 const IncomingLink* Core::currentPeer() const {
@@ -205,7 +201,7 @@ void Core::deliver(IncomingLink& link, const FrameHeader& header, std::string_vi
 void Core::ended(IncomingLink& link) {
   {
     const std::lock_guard lock(repliesMutex_);
-    std::erase_if(replies_, [&link](const auto& entry) { return entry.second.link.lock().get() == &link; });
+    std::erase_if(replies_, [&link](const auto& entry) { return entry.second.link.get() == &link; });
   }
   const std::lock_guard lock(incomingMutex_);
   incoming_.erase(link.shared_from_this());
@@ -229,7 +225,7 @@ void Core::admit(AcceptedPeer peer) {
 /// A reply context is the number of the message, because a pointer could outlive its object.
 void* Core::expectReply(IncomingLink& link, std::uint64_t messageId, std::uint64_t callId) {
   const std::lock_guard lock(repliesMutex_);
-  replies_.emplace(messageId, PendingReply{link.weak_from_this(), callId});
+  replies_.emplace(messageId, PendingReply{link.shared_from_this(), callId});
   // NOLINTNEXTLINE(performance-no-int-to-ptr): a number as a pointer, never dereferenced
   return reinterpret_cast<void*>(static_cast<std::uintptr_t>(messageId));
 }

@@ -61,7 +61,7 @@ class Core {
   };
   using LinkOrError = tl::expected<std::shared_ptr<OutgoingLink>, Error>;
   struct PendingReply {
-    std::weak_ptr<IncomingLink> link;
+    std::shared_ptr<IncomingLink> link;  // until ended()
     std::uint64_t callId = 0;
   };
 

@@ -298,6 +298,26 @@ TEST_F(LossTest, AReplyToACallerWhoIsGoneSaysSo) {
   EXPECT_TRUE(waitFor([&] { return replied == lunet::kErrPeerLost; }));
 }
 
+TEST_F(LossTest, ARequestWhoseConnectionHasEndedHasNoReplyContextAnyMore) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  Endpoint server(client, address);
+  Endpoint other(client, newGuid());
+  const auto before = descriptors();
+  {
+    Endpoint caller(client, newGuid());
+    ASSERT_EQ(caller.send(address, "connects"), lunet::kOk);
+    ASSERT_TRUE(server.waitForCount(1));
+    EXPECT_EQ(caller.call(address, "x", 30).error, lunet::kErrTimeout);
+    ASSERT_TRUE(server.waitForCount(2));
+  }
+  ASSERT_TRUE(waitFor([&] { return descriptors() <= before; })) << before << " then " << descriptors();
+  ASSERT_EQ(other.send(address, "delivered behind that end"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(3));
+  EXPECT_EQ(server.reply(server.messages()[1], "late"), lunet::kErrArgument);
+}
+
 TEST_F(LossTest, AConnectionThatIsIdleStaysWhenOthersAreMade) {
   static std::atomic<int> made{0};
   made = 0;
