@@ -115,12 +115,13 @@ void IncomingLink::endWith(const char* reason) {
   close();
 }
 
+/// The writer wants the watch once, until it has no use for the watch any more.
 void IncomingLink::watchWritable(bool want) {
   const std::lock_guard lock(watchMutex_);
-  if (want && watchKey_ == 0) {
+  if (want) {
     watcher_.add(fd_.get(), EPOLLOUT, std::shared_ptr<Watched>(shared_from_this(), &writableWatch_),
                  watchKey_);
-  } else if (!want && watchKey_ != 0) {
+  } else if (watchKey_ != 0) {
     watcher_.remove(fd_.get(), std::exchange(watchKey_, 0));
   }
 }

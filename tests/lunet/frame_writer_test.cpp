@@ -33,9 +33,13 @@ class FrameWriterTest : public testing::Test {
   }
 
   lunet::Error write(std::size_t size) {
-    const std::string body(size, 'w');
+    std::string body(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) {
+      body[i] = static_cast<char>(i * 7 + (i >> 8));
+    }
     FrameHeader header;
     header.length = static_cast<std::uint32_t>(size);
+    written.append(reinterpret_cast<const char*>(&header), sizeof header).append(body);
     return writer.write(header, body.data());
   }
 
@@ -47,8 +51,8 @@ class FrameWriterTest : public testing::Test {
     }
   }
 
-  /// The bytes that are in the socket now.
-  std::size_t drainSocket() const {
+  /// Takes the bytes that are in the socket now; their number.
+  std::size_t drainSocket() {
     std::string block(1 << 20, '\0');
     std::size_t total = 0;
     for (;;) {
@@ -57,19 +61,24 @@ class FrameWriterTest : public testing::Test {
         return total;
       }
       total += static_cast<std::size_t>(count);
+      received.append(block, 0, static_cast<std::size_t>(count));
     }
   }
 
+  std::string written;   ///< each frame of write(), whatever its result
+  std::string received;  ///< by drainSocket()
   const std::array<int, 2> pair{makePair()};
   platform::Descriptor ours{pair[0]};
   platform::Descriptor theirs{pair[1]};
   bool wanted = false;
+  int timesWanted = 0;
   bool noMemory = false;
   FrameWriter writer{ours.get(), [this](bool want) {
                        if (noMemory) {
                          throw std::bad_alloc();
                        }
                        wanted = want;
+                       timesWanted += want ? 1 : 0;
                      }};
 };
 
@@ -84,13 +93,25 @@ TEST_F(FrameWriterTest, WhatItDoesNotTakeWaitsAndComesWholeAndInOrder) {
   EXPECT_EQ(write(3 << 20), lunet::kOk);
   EXPECT_EQ(write(10), lunet::kOk);
   EXPECT_TRUE(wanted);
-  std::size_t received = drainSocket();
+  drainSocket();
   while (writer.queuedBytes() > 0) {
     ASSERT_TRUE(writer.flush());
-    received += drainSocket();
+    drainSocket();
   }
   EXPECT_FALSE(wanted);
-  EXPECT_EQ(received, (3u << 20) + 10 + 2 * sizeof(FrameHeader));
+  EXPECT_TRUE(received == written);  // EXPECT_EQ would print both
+}
+
+TEST_F(FrameWriterTest, SpaceIsWantedOnceForAllThatWaits) {
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(write(3 << 20), lunet::kOk);
+    EXPECT_EQ(write(10), lunet::kOk);
+    EXPECT_EQ(timesWanted, round);
+    while (writer.queuedBytes() > 0) {
+      drainSocket();
+      ASSERT_TRUE(writer.flush());
+    }
+  }
 }
 
 TEST_F(FrameWriterTest, AFullSocketIsNoEnd) {
@@ -151,6 +172,19 @@ TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenOnceItIsEmpty) {
     drainSocket();
     ASSERT_TRUE(writer.flush());
   }
+  EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+}
+
+TEST_F(FrameWriterTest, WhoWaitsForTheQueueIsWokenWhenTheWriterIsClosed) {
+  write(3 << 20);
+  std::atomic<bool> waits{false};
+  const auto waiting = std::async(std::launch::async, [&] {
+    waits = true;
+    writer.waitUntilDrained(std::chrono::steady_clock::now() + std::chrono::seconds(40));
+  });
+  ASSERT_TRUE(testsupport::waitFor([&] { return waits.load(); }));
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
+  writer.close();
   EXPECT_EQ(waiting.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 }
 
