@@ -184,7 +184,6 @@ void Display::leaveOpen() {
   const std::lock_guard guard(outputMutex());
   rowLeftOpen_ = promptShown_;
   promptShown_ = false;
-  transcriptOpen_ = false;
   clearTranscript();
 }
 

@@ -46,7 +46,7 @@ class Display {
 
   void notice(const std::string& block);  ///< see printNotice()
 
-  /// Leaves the prompt as it stands at end of input, with the cursor behind the line.
+  /// Leaves the prompt as it stands at end of input, with the cursor behind the line. Not in a transcript.
   void leaveOpen();
   /// Ends the row of a prompt that leaveOpen() has left.
   void closeOpenRow();
