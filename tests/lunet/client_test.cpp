@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -5,6 +6,7 @@
 
 #include <filesystem>
 #include <future>
+#include <set>
 #include <sstream>
 
 #include "BusFixture.h"
@@ -40,6 +42,28 @@ INSTANTIATE_TEST_SUITE_P(
 
 class ClientTest : public BusTest {
  protected:
+  /// With a log of the tree.
+  std::string logged(const std::string& more = "") const {
+    return config("\"log_path\":\"" + log() + "\"" + more);
+  }
+  std::string log() const { return tree.at("log/bus.log"); }
+  int linesWith(const std::string& part) const {
+    std::istringstream lines(testsupport::readFile(log()));
+    int count = 0;
+    for (std::string line; std::getline(lines, line);) {
+      count += line.find(part) != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+  bool logIsOpen() const {
+    bool open = false;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      open = open || std::filesystem::read_symlink(entry.path(), gone) == log();
+    }
+    return open;
+  }
+
   const lunet::Guid agent = lunet::parseGuid(lunet::kAgentGuid);
 };
 
@@ -101,15 +125,7 @@ TEST_F(ClientTest, ALookFindsTheAgentWithoutAWait) {
 
 TEST_F(ClientTest, LooksLogChangesOnly) {
   testsupport::keepLoadedForLeakSanitizer(TAV_LIB_DIR "/libLunetClientMgr.so");
-  Client client(config("\"log_level\":3,\"log_path\":\"" + tree.at("bus.log") + "\""));
-  const auto linesWith = [this](const std::string& part) {
-    std::istringstream log(testsupport::readFile(tree.at("bus.log")));
-    int count = 0;
-    for (std::string line; std::getline(log, line);) {
-      count += line.find(part) != std::string::npos ? 1 : 0;
-    }
-    return count;
-  };
+  Client client(logged(",\"log_level\":3"));
   const auto lookThrice = [&client] {
     for (int i = 0; i < 3; ++i) {
       client->Connect(0);
@@ -125,6 +141,28 @@ TEST_F(ClientTest, LooksLogChangesOnly) {
   lookThrice();
   EXPECT_EQ(linesWith("the agent is not reached"), 2);
   EXPECT_EQ(linesWith("the agent accepts"), 1);
+}
+
+TEST_F(ClientTest, TheFirstLookAfterEachInitIsLogged) {
+  Client agents(config());
+  Endpoint server(agents, agent);
+  Client client(logged(",\"log_level\":3"));
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(client->Connect(0), lunet::kOk);
+    EXPECT_EQ(client->Connect(0), lunet::kOk);
+    EXPECT_EQ(linesWith("the agent accepts"), round);
+    client->Uninit();
+    EXPECT_FALSE(logIsOpen());
+    ASSERT_EQ(client->Init(logged(",\"log_level\":3").c_str(), "again"), lunet::kOk);
+  }
+}
+
+TEST_F(ClientTest, WithoutALevelErrorsAreLoggedAndNothingElse) {
+  Client client(logged());
+  { Endpoint endpoint(client, newGuid()); }
+  EXPECT_EQ(testsupport::readFile(log()), "");
+  EXPECT_EQ(client->Connect(0), lunet::kErrNoTarget);
+  EXPECT_EQ(linesWith("the agent is not reached"), 1);
 }
 
 TEST_F(ClientTest, AMissingAgentIsNotThereForACrashedOnesFiles) {
@@ -198,14 +236,47 @@ TEST_F(ClientTest, AnEndpointThatIsNotTheClientsIsNotDestroyedByIt) {
 }
 
 TEST_F(ClientTest, AnInitThatFailsLeavesTheLogClosed) {
-  const std::string log = tree.at("log/ipc.log");
-  Client client("{\"log_path\":\"" + log + "\"}");
+  Client client("{\"log_path\":\"" + log() + "\"}");
   EXPECT_EQ(client.initResult(), lunet::kErrArgument);
-  EXPECT_NE(testsupport::readFile(log), "");
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    EXPECT_NE(std::filesystem::read_symlink(entry.path(), gone), log);
-  }
+  EXPECT_NE(testsupport::readFile(log()), "");
+  EXPECT_FALSE(logIsOpen());
+}
+
+TEST_F(ClientTest, AnEndpointsCallbackMayUseTheClientWhileTheEndpointIsDestroyed) {
+  Client client(config());
+  Gate gate;
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
+    gate.wait();
+    client->Connect(0);
+  });
+  Endpoint sender(client, newGuid());
+  ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  auto destroying = std::async(std::launch::async, [&] { server.destroy(); });
+  ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
+  gate.open();
+  EXPECT_EQ(destroying.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+}
+
+TEST_F(ClientTest, NoDescriptorOfTheBusIsInheritedByAnotherProgram) {
+  const auto inherited = [] {
+    std::set<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      const int fd = std::stoi(entry.path().filename());
+      const int flags = fcntl(fd, F_GETFD);  // -1 for the listing's own, closed by now
+      if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+        found.insert(fd);
+      }
+    }
+    return found;
+  };
+  const std::set<int> before = inherited();
+  Client client(logged(",\"log_level\":3"));
+  Endpoint server(client, agent, echo);
+  Endpoint caller(client, newGuid());
+  ASSERT_EQ(caller.call(server.guid(), "x").data, "x");
+  ASSERT_TRUE(logIsOpen());
+  EXPECT_EQ(inherited(), before);
 }
 
 /// A group whose entry is longer than the first buffer, in a process with an /etc/group of its own.
@@ -253,4 +324,7 @@ TEST_F(ClientTest, ItsThreadsTakeNoSignalsOfTheProgram) {
     return checked;
   };
   EXPECT_TRUE(testsupport::waitFor([&] { return check() == 2; }));  // a thread sets its name itself
+  sigset_t own;
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &own), 0);
+  EXPECT_EQ(sigismember(&own, SIGTERM), 0) << "the thread that opens keeps its signals";
 }

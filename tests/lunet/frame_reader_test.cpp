@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -57,10 +62,12 @@ TEST(FrameReaderTest, FramesOfEverySizeSurviveEveryCutting) {
     std::string bytes;
     for (int i = 0; i < 30; ++i) {
       const std::size_t limit = random() % 4 == 0 ? 200000 : 500;
-      sent.emplace_back(random() % limit, static_cast<char>('a' + i % 26));
+      std::string body(random() % limit, '\0');
+      std::generate(body.begin(), body.end(), [&] { return static_cast<char>(random()); });
+      sent.push_back(std::move(body));
       bytes += frame(sent.back());
     }
-    EXPECT_EQ(feed(reader, bytes, 1 + random() % 70000), sent);
+    EXPECT_TRUE(feed(reader, bytes, 1 + random() % 70000) == sent);  // EXPECT_EQ would print both
     EXPECT_FALSE(reader.inFrame());
   }
 }
@@ -125,6 +132,59 @@ TEST(FrameReaderTest, ATakenBodyIsTheCallersAndEndsInANul) {
     }
   }
   mallopt(M_PERTURB, 0);
+}
+
+/// Runs in a fresh process: a fork of this process would have free memory of earlier tests.
+class WithoutMemory : public testing::Test {
+ protected:
+  static constexpr std::size_t kSmall = 20000;
+  static constexpr std::size_t kLarge = 100000;
+
+  void SetUp() override {
+#ifdef TAV_SANITIZED
+    GTEST_SKIP() << "the sanitizers' memory cannot be limited";
+#endif
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+  }
+  /// Takes all memory in pieces that are smaller than what the call needs, and ends the process: with 0 when
+  /// the call throws std::bad_alloc.
+  [[noreturn]] static void callWithoutMemory(const std::function<void()>& call) {
+    const rlimit limit{1 << 20, 1 << 20};  // below the use of the process: no more memory
+    setrlimit(RLIMIT_AS, &limit);
+    void* volatile piece = nullptr;
+    do {
+      piece = std::malloc(kSmall);
+    } while (piece != nullptr);
+    try {
+      call();
+    } catch (const std::bad_alloc&) {
+      _exit(0);
+    }
+    _exit(1);
+  }
+  /// Puts the bytes of a frame into the reader.
+  void put(std::size_t bodyBytes, std::size_t count) {
+    const std::string bytes = frame(std::string(bodyBytes, 'm')).substr(0, count);
+    std::memcpy(reader.space().data(), bytes.data(), bytes.size());
+    reader.filled(bytes.size());
+  }
+
+  FrameReader reader;
+};
+
+TEST_F(WithoutMemory, ASmallBodyCannotBeTaken) {
+  put(kSmall, kSmall + sizeof(FrameHeader));
+  ASSERT_EQ(reader.next(), FrameReader::Next::kFrame);
+  EXPECT_EXIT(callWithoutMemory([this] { reader.takeBody(); }), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(WithoutMemory, ALargeFrameCannotBegin) {
+  put(kLarge, sizeof(FrameHeader));
+  EXPECT_EXIT(callWithoutMemory([this] { reader.next(); }), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(WithoutMemory, AReaderCannotBeMade) {
+  EXPECT_EXIT(callWithoutMemory([] { const FrameReader other; }), testing::ExitedWithCode(0), "");
 }
 
 TEST(FrameReaderTest, ABodyAtTheLimitForItsSenderIsReadAndALongerOneEndsTheConnection) {

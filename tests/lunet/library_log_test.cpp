@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 
 #include "BusFixture.h"
 #include "Log.h"
+#include "lunet/LogLevels.h"
 
 using namespace lunettest;
 using lunet::BusLogLevel;
@@ -151,6 +153,8 @@ TEST_F(LogTest, AFullFileWithoutAFolderOfOldOnesIsEmptied) {
   struct stat last {};
   ASSERT_EQ(stat(settings.path.c_str(), &last), 0);
   EXPECT_EQ(last.st_ino, first.st_ino) << "not moved to anywhere";
+  const platform::Descriptor other(open(settings.path.c_str(), O_WRONLY | O_CLOEXEC));
+  EXPECT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0) << "another process would wait to empty its full file";
 }
 
 TEST_F(LogTest, AFullFileThatCannotBeMovedIsEmptied) {
@@ -163,6 +167,15 @@ TEST_F(LogTest, AFullFileThatCannotBeMovedIsEmptied) {
     log.write(BusLogLevel::kError, text);
   }
   EXPECT_LE(static_cast<std::int64_t>(fs::file_size(settings.path)), Log::kFileBytes);
+}
+
+TEST_F(LogTest, AClosedLogTakesNothing) {
+  log.setCallback(note);
+  log.open(settings);
+  log.close();
+  log.write(BusLogLevel::kError, "x");
+  EXPECT_TRUE(records.empty());
+  EXPECT_FALSE(fs::exists(settings.path));
 }
 
 TEST_F(LogTest, AFifoIsNeitherWaitedForNorWritten) {
@@ -254,6 +267,15 @@ TEST_F(LogTest, TheFileIsItsUsersOwn) {
   struct stat st {};
   ASSERT_EQ(stat(settings.path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777u, 0600u);
+}
+
+TEST(BusLogLevels, EachHasItsLevelInTheDebugLogAndAnUnknownOneTheMostVerbose) {
+  EXPECT_EQ(lunet::fromBus(0), LogLevel::kError);
+  EXPECT_EQ(lunet::fromBus(1), LogLevel::kWarning);
+  EXPECT_EQ(lunet::fromBus(2), LogLevel::kInfo);
+  EXPECT_EQ(lunet::fromBus(3), LogLevel::kDebug);
+  EXPECT_EQ(lunet::fromBus(4), LogLevel::kDebug);
+  EXPECT_EQ(lunet::fromBus(-1), LogLevel::kDebug);
 }
 
 class LibraryLogTest : public BusTest {};

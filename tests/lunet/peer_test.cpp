@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <ctime>
 #include <string>
 
+#include "platform/Descriptor.h"
 #include "support/Process.h"
 
 using lunet::AccessRule;
@@ -66,6 +68,11 @@ TEST(PeerIdentityTest, IsTheSameProcessWhenNumberUserAndStartAreThoseOnly) {
   EXPECT_FALSE((one == PeerIdentity{9, 2, 3, 4, false}));
   EXPECT_FALSE((one == PeerIdentity{1, 9, 3, 4, false}));
   EXPECT_FALSE((one == PeerIdentity{1, 2, 3, 9, false}));
+}
+
+TEST(PeerTest, ASocketThatIsNotConnectedHasNone) {
+  const platform::Descriptor alone(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_FALSE(lunet::peerOf(alone.get()));
 }
 
 /// Users of a bus of user 1000.

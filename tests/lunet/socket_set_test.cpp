@@ -1,9 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include <functional>
 #include <memory>
+#include <system_error>
 
 #include "SocketSet.h"
 #include "platform/Descriptor.h"
@@ -46,6 +48,14 @@ TEST_F(SocketSetTest, WhatIsReadyIsNotifiedUntilItIsRemoved) {
   remove(one);
   set.dispatch(0);
   EXPECT_EQ(one->notified, 2);
+}
+
+TEST_F(SocketSetTest, WhatTheSystemCannotWatchIsAnErrorAndHasNoKey) {
+  const auto one = std::make_shared<Ready>();
+  const platform::Descriptor file(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+  one->key = 7;
+  EXPECT_THROW(set.add(file.get(), EPOLLIN, one, one->key), std::system_error);
+  EXPECT_EQ(one->key, 0u);
 }
 
 TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotNotifiedAnyMore) {

@@ -261,6 +261,30 @@ TEST_F(StrangersTest, AnAddressAtWhichNoSocketStandsCannotBeClaimed) {
   EXPECT_EQ(raw.handshake(guid, server.guid()), lunet::kErrDenied);
 }
 
+TEST_F(StrangersTest, AnAddressAtWhichALinkToASocketStandsCannotBeClaimed) {
+  const lunet::Guid guid = newGuid();
+  std::filesystem::create_symlink(socketOf(owner.guid()), socketOf(guid));
+  const RawConnection raw(socketOf(server.guid()));
+  EXPECT_EQ(raw.handshake(guid, server.guid()), lunet::kErrDenied);
+}
+
+/// Written out, so that a probe of another build is understood too.
+TEST_F(StrangersTest, AHelloOfTheseBytesGetsAReplyOfTheseBytes) {
+  const auto text = [](const lunet::Guid& guid) {
+    return std::string(reinterpret_cast<const char*>(guid.data()), guid.size());
+  };
+  for (const char channel : {'\0', '\1'}) {
+    const bool probe = channel == '\1';
+    const RawConnection raw(socketOf(server.guid()));
+    const std::string hello = std::string("LNET\1\0\1\0", 8) + channel + std::string("\0\0\0 \0\0\0", 7) +
+                              std::string(8, '\0') + (probe ? std::string(16, '\0') : text(owner.guid())) +
+                              text(server.guid());
+    raw.send(hello.data(), hello.size());
+    EXPECT_EQ(raw.receive(40),
+              std::string("LNET\1\0\2\0\0\0\0\0\x10\0\0\0\0\0\0\0\0\0\0\0", 24) + text(server.guid()));
+  }
+}
+
 TEST_F(StrangersTest, AProbeGetsAHelloReplyAndCanSendNothing) {
   const RawConnection raw(socketOf(server.guid()));
   FrameHeader hello;
@@ -321,6 +345,19 @@ class FalseListenerTest : public BusTest {
     header.kind = FrameKind::kHelloReply;
     header.length = sizeof(lunet::Guid);
     return header;
+  }
+  /// Makes the queue of new connections full; the connections that fill the queue.
+  std::vector<platform::Descriptor> fillQueue() const {
+    EXPECT_EQ(listen(listener.get(), 0), 0);
+    const auto address = lunet::socketAddress(socketOf(guid));
+    std::vector<platform::Descriptor> others;
+    do {
+      others.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    } while (connect(others.back().get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) ==
+             0);
+    EXPECT_EQ(errno, EAGAIN);
+    others.pop_back();
+    return others;
   }
   bool somebodyCalls() const {
     pollfd waiting{listener.get(), POLLIN, 0};
@@ -534,16 +571,10 @@ TEST_F(FalseListenerTest, CloseEndsACallThatWaitsForAHelloReply) {
 }
 
 TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsIsFullIsTriedAgain) {
-  ASSERT_EQ(listen(listener.get(), 0), 0);
-  const auto address = lunet::socketAddress(socketOf(guid));
-  std::vector<platform::Descriptor> others;
-  do {
-    others.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  } while (connect(others.back().get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0);
-  ASSERT_EQ(errno, EAGAIN);
+  const std::vector<platform::Descriptor> others = fillQueue();
   auto call = std::async(std::launch::async, [&] { return caller.call(guid, "x").data; });
   EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);  // still waits
-  for (std::size_t i = 1; i < others.size(); ++i) {
+  for (std::size_t i = 0; i < others.size(); ++i) {
     const platform::Descriptor other(accept(listener.get(), nullptr, nullptr));
   }
   FrameHeader good;
@@ -552,6 +583,43 @@ TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsIsFullIsTriedAgain)
   good.length = 2;
   answerWith(guid, bytesOf(good) + "ok");
   EXPECT_EQ(call.get(), "ok");
+}
+
+TEST_F(FalseListenerTest, AListenerWhoseQueueOfNewConnectionsStaysFullIsGivenUp) {
+  const std::vector<platform::Descriptor> others = fillQueue();
+  EXPECT_EQ(caller.call(guid, "x", 30).error, lunet::kErrTimeout);
+  auto call = std::async(std::launch::async, [&] { return caller.call(guid, "x").error; });
+  EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);  // still waits
+  caller->Close();
+  EXPECT_EQ(call.get(), lunet::kErrNotOpen);
+}
+
+TEST_F(FalseListenerTest, ASocketOfAnotherKindIsAnErrorOfTheSystem) {
+  const lunet::Guid other = newGuid();
+  const auto address = lunet::socketAddress(socketOf(other));
+  const platform::Descriptor datagrams(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(datagrams.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address), 0);
+  EXPECT_EQ(caller.send(other, "x"), lunet::kErrSystem);
+}
+
+/// Otherwise the messages of one sender could overtake each other.
+TEST_F(FalseListenerTest, SendersOfOneEndpointAtOnceShareOneConnection) {
+  std::atomic<int> begun{0};
+  std::vector<std::future<std::uint32_t>> sends;
+  for (int i = 0; i < 4; ++i) {
+    sends.push_back(std::async(std::launch::async, [&] {
+      ++begun;
+      return caller.send(guid, "x");
+    }));
+  }
+  ASSERT_TRUE(waitFor([&] { return begun == 4; }));
+  ASSERT_TRUE(somebodyCalls());
+  const platform::Descriptor peer = greeted(guid);
+  for (std::future<std::uint32_t>& each : sends) {
+    EXPECT_EQ(each.get(), lunet::kOk);
+  }
+  pollfd another{listener.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&another, 1, 0), 0);
 }
 
 /// The limit is three seconds, or the caller's own if shorter.
@@ -564,6 +632,7 @@ TEST_F(FalseListenerTest, AListenerThatGivesNoHelloReplyIsGivenUp) {
   auto send = std::async(std::launch::async, [&] { return caller.send(guid, "x"); });
   ASSERT_TRUE(somebodyCalls());
   EXPECT_EQ(caller.call(other, "x", 1).error, lunet::kErrTimeout);
+  EXPECT_EQ(caller.call(guid, "x", 1).error, lunet::kErrTimeout) << "waits for the handshake of the send";
   EXPECT_NE(send.wait_for(std::chrono::seconds(0)), std::future_status::ready) << "the call came first";
   EXPECT_EQ(send.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   caller->Close();  // also ends a call without limit
