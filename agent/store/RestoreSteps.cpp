@@ -64,7 +64,6 @@ bool dieWithParent(Work& work, pid_t parent) {
 
 /// Drops the agent's rights for good.
 bool becomeCaller(Work& work) {
-  ::umask(077);
   if (!work.job.switchUser) {
     return true;
   }

@@ -79,6 +79,17 @@ TEST_F(CacheTest, ItSurvivesARestart) {
   EXPECT_FALSE(cache().isClean(file(5), "even"));
 }
 
+TEST_F(CacheTest, AfterARestartTheLastScanOfAFileHoldsAndNoEarlierOne) {
+  FileIdentity changed = file(1);
+  changed.changeTimeNs += 1;
+  cache().remember(file(1), "v1", kScannedNs);
+  cache().flush();
+  cache().remember(changed, "v2", kScannedNs);
+  reopen();
+  EXPECT_TRUE(cache().isClean(changed, "v2"));
+  EXPECT_FALSE(cache().isClean(file(1), "v1"));
+}
+
 TEST_F(CacheTest, FlushWritesWhatIsNotOnDiskYet) {
   cache().remember(file(1), "v1", kScannedNs);
   cache().flush();

@@ -225,6 +225,7 @@ class FailingRestoreTest : public DurabilityTest, public testing::WithParamInter
 INSTANTIATE_TEST_SUITE_P(
     Calls, FailingRestoreTest,
     testing::Values(FailingRestore{"TheWrite", "write", "nameless", "cannot write"},
+                    FailingRestore{"TheMode", "set mode of", "nameless", "mode cannot be given back"},
                     FailingRestore{"TheTimes", "set times of", "nameless", "times cannot be given back"},
                     FailingRestore{"TheSync", "sync", "nameless", "cannot be synced to disk"},
                     FailingRestore{"TheName", "link", "victim", "cannot give"}),

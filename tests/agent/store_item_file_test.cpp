@@ -116,6 +116,17 @@ TEST_F(ItemFileTest, ContentThatIsNotAsLongAsItsRecordSaysIsRefused) {
   }
 }
 
+TEST_F(ItemFileTest, ContentWithoutItsChecksumIsRefusedThoughTheWholeFileIsThere) {
+  const std::string item = itemOf("content");
+  const std::size_t footer = item.size() - kFooterBytes;
+  const auto content = static_cast<std::size_t>(static_cast<unsigned char>(item[footer]));  // its low byte
+  constexpr std::size_t kChecksumBytes = 4;  // the last of the compressed content
+  EXPECT_EQ(damageOf(item.substr(0, kHeaderBytes + content - kChecksumBytes) +
+                     item.substr(kHeaderBytes + content, footer - kHeaderBytes - content) +
+                     littleEndian(content - kChecksumBytes) + item.substr(footer + 8)),
+            "is damaged: its content ends too early");
+}
+
 TEST_F(ItemFileTest, ContentThatGoesOnBehindItsLengthIsRefusedBeforeItsEnd) {
   const std::string content(200'000, 'x');
   store::ItemMeta meta = metaOf(content);

@@ -192,6 +192,13 @@ TEST_F(LinkTest, ALinkAnywhereInThePathIsFoundAndNamed) {
   EXPECT_TRUE(store::openFolder(at("x//y/z/")));
 }
 
+TEST_F(LinkTest, AFileInThePathIsNoFolderAndNotCalledALink) {
+  const std::string file = write("file", "");
+  for (const std::string& path : {file, file + "/below"}) {
+    EXPECT_EQ(testsupport::reasonOf(store::openFolder(path)), "'" + file + "': Not a directory");
+  }
+}
+
 TEST_F(LinkTest, WalkLeavesOneDescriptorOpen) {
   const auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   std::filesystem::create_directories(at("x/y/z"));

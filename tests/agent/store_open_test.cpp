@@ -301,6 +301,17 @@ TEST_F(OpenTest, TheAuditRecordCountsWhatStoodInItBeforeItWasOpened) {
   EXPECT_THAT(readFile(path + ".1"), HasSubstr("one"));
 }
 
+TEST_F(OpenTest, TheAuditRecordOfAStoreRotatesAtTenMebibytes) {
+  const std::string path = stateDir() + "/audit.log";
+  for (const auto& [size, rotated] : {std::pair{(10 << 20) - 1000, false}, std::pair{10 << 20, true}}) {
+    store_.reset();
+    ASSERT_EQ(::truncate(path.c_str(), size), 0);
+    reopen();
+    store().audit(root(), "act", "", "ok");
+    EXPECT_EQ(std::filesystem::exists(path + ".1"), rotated) << size;
+  }
+}
+
 TEST_F(OpenTest, ALineLongerThanTheAuditRecordMayBeStandsAlone) {
   store::AuditLog log(folder_.at("a.log"), 100);
   log.add(root(), "one", std::string(150, 'x'), "");

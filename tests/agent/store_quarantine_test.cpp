@@ -599,7 +599,7 @@ TEST_F(LimitTest, ARestoreFreesSpace) {
 
 TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenNineTenthsAreUsed) {
   set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":0,"CleanTime":30,"CleanUnit":2}})");
-  take(write("old"));
+  const std::string old = take(write("old"));
   take(write("young"));
   pretend(
       "UPDATE items SET stored_bytes=483183819;"
@@ -609,7 +609,8 @@ TEST_F(LimitTest, CleaningByAgeDeletesOlderItemsWhenNineTenthsAreUsed) {
   EXPECT_EQ(names(), (std::vector<std::string>{"young", "new"}));
   EXPECT_EQ(vaultFiles().size(), 2U);
   EXPECT_THAT(testsupport::readFile(stateDir() + "/audit.log"),
-              HasSubstr("agent action=\"clean quarantine\""));
+              HasSubstr("agent action=\"clean quarantine\" object=\"" + old +
+                        "\" outcome=\"deleted: the quarantine is nearly full\"\n"));
 }
 
 TEST_F(LimitTest, NothingIsCleanedBelowNineTenths) {
@@ -636,6 +637,18 @@ TEST_F(LimitTest, CleaningToARateDeletesTheOldestUntilThatMuchIsFree) {
   pretend("UPDATE items SET stored_bytes=250000000,isolate_time=1000+id");
   take(write("new"));
   EXPECT_EQ(names(), (std::vector<std::string>{"third", "fourth", "new"}));
+}
+
+TEST_F(LimitTest, TheOldestComeFirstInTheListAndInCleaningWhateverTheOrderOfTheirRows) {
+  set(R"({"Common":{"SizeLimit":1}})");
+  for (const char* name : {"first", "second", "third", "fourth"}) {
+    take(write(name));
+  }
+  pretend("UPDATE items SET stored_bytes=250000000,isolate_time=1000-id");
+  EXPECT_EQ(names(), (std::vector<std::string>{"fourth", "third", "second", "first"}));
+  set(R"({"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":50}})");
+  take(write("new"));
+  EXPECT_EQ(names(), (std::vector<std::string>{"second", "first", "new"}));
 }
 
 TEST_F(LimitTest, CleaningLeavesWhatIsJustBeingTaken) {
@@ -705,16 +718,22 @@ void PrintTo(const TypeCase& type, std::ostream* out) {
   *out << type.name << " " << type.type;
 }
 class FileTypeTest : public testing::TestWithParam<TypeCase> {};
-INSTANTIATE_TEST_SUITE_P(Types, FileTypeTest,
-                         testing::Values(TypeCase{"\x7f"
-                                                  "ELF\x02",
-                                                  "a", "ELF"},
-                                         TypeCase{"MZ\x90", "a.txt", "PE"},
-                                         TypeCase{"#!/bin/sh", "a", "script"},
-                                         TypeCase{"PK\x03\x04", "a", "zip"}, TypeCase{"%PDF-1", "a", "PDF"},
-                                         TypeCase{"", "a.doc", "doc"}, TypeCase{"", "a.12345678", "12345678"},
-                                         TypeCase{"", "a.123456789", ""}, TypeCase{"text", ".profile", ""},
-                                         TypeCase{"text", "noending", ""}));
+INSTANTIATE_TEST_SUITE_P(
+    Types, FileTypeTest,
+    testing::Values(TypeCase{"\x7f"
+                             "ELF\x02",
+                             "a", "ELF"},
+                    TypeCase{"MZ\x90", "a.txt", "PE"}, TypeCase{"#!/bin/sh", "a", "script"},
+                    TypeCase{"PK\x03\x04", "a", "zip"}, TypeCase{"%PDF-1", "a", "PDF"},
+                    TypeCase{"Rar!\x1a", "a", "rar"}, TypeCase{"7z\xbc\xaf\x27", "a", "7z"},
+                    TypeCase{"\x1f\x8b\x08", "a", "gz"}, TypeCase{"\xd0\xcf\x11\xe0\xa1", "a", "OLE"},
+                    TypeCase{"BZh9", "a", "bz2"},
+                    TypeCase{"\xfd"
+                             "7zXZ",
+                             "a", "xz"},
+                    TypeCase{"!<arch>\n", "a", "ar"}, TypeCase{"", "a.doc", "doc"},
+                    TypeCase{"", "a.12345678", "12345678"}, TypeCase{"", "a.123456789", ""},
+                    TypeCase{"text", ".profile", ""}, TypeCase{"text", "noending", ""}));
 
 TEST(Hex, OfAnOddLengthOrWithOtherLettersIsNone) {
   EXPECT_EQ(fromHex("00ff7a"), std::string("\0\xff\x7a", 3));

@@ -161,6 +161,52 @@ TEST_F(RegionTest, EntriesHoldOverARestart) {
   EXPECT_EQ(listed(kFolder), Items{"/a/b"});
 }
 
+TEST_F(RegionTest, TheTimeAndTheDomainOfAnEntryHoldOverARestart) {
+  for (const auto& [path, seconds] : {std::pair{"/over", -1}, std::pair{"/soon", 3600}}) {
+    Json::Value change = request(kAdd, kFile, {path});
+    change["valid_until"] = Json::Int64(platform::nowSec() + seconds);
+    accept(kTrust, change);
+  }
+  add(kFile, "/personal");
+  add(kFile, "/global", kTrust, kGlobal);
+  reopen();
+  EXPECT_EQ(regions().byPath("/over"), RegionVerdict::kNone);
+  EXPECT_EQ(regions().byPath("/soon"), RegionVerdict::kTrusted);
+  del(kFile, "/personal");
+  del(kFile, "/global", kTrust, kGlobal);
+  EXPECT_EQ(regions().byPath("/personal"), RegionVerdict::kNone);
+  EXPECT_EQ(regions().byPath("/global"), RegionVerdict::kNone);
+}
+
+TEST_F(RegionTest, AChangeThatIsNotOnTheDiskIsNone) {
+  add(kFile, "/kept");
+  const auto before = regions().generation();
+  {
+    testsupport::FileCalls calls;
+    calls.fail("sync", "agent.db-wal", EIO);
+    EXPECT_THAT(refusal(kTrust, request(kAdd, kName, {"added"})), HasSubstr("disk I/O error"));
+    EXPECT_THAT(refusal(kTrust, request(kDelete, kFile, {"/kept"})), HasSubstr("disk I/O error"));
+  }
+  EXPECT_EQ(regions().byPath("/some/added"), RegionVerdict::kNone);
+  EXPECT_EQ(regions().byPath("/kept"), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().generation(), before);
+}
+
+TEST_F(RegionTest, AnEntryThatIsAddedAgainKeepsItsFirstTimeAndIsDescribedAnew) {
+  const std::int64_t start = platform::nowSec();
+  const std::string path = folder_.write("file", "abc");
+  add(kFile, path);
+  store::Database(stateDir() + "/agent.db", store::Durability::kFull)
+      .run("UPDATE regions SET add_time=5,modify_time=6");
+  folder_.write("file", "abcd");
+  add(kFile, path);
+  const Json::Value entry = regions().list(kEvery, kFile, kTrust)[0];
+  EXPECT_EQ(entry["add_time"], 5);
+  EXPECT_GE(entry["modify_time"].asInt64(), start);
+  EXPECT_EQ(entry["file_size"], 4);
+  EXPECT_EQ(entry["md5"], "e2fc714c4727ee9395f324cd2e7f331f");
+}
+
 TEST_F(RegionTest, AddingTwiceMakesNoDuplicate) {
   add(kFile, "/a/b");
   const std::string uuid = regions().list(kEvery, kFile, kTrust)[0]["uuid"].asString();

@@ -11,6 +11,7 @@
 #include "platform/Posix.h"
 #include "store/RestorePlan.h"
 #include "store/Sqlite.h"
+#include "support/Capabilities.h"
 
 namespace agent {
 namespace {
@@ -473,6 +474,20 @@ TEST_F(RestoreTest, TheCapabilitiesOfTheAgentAreNotTheCallers) {
               expectKept(restore(uuid, other()), uuid, "Permission denied");
             }),
             0);
+}
+
+TEST_F(RestoreTest, ForAUserWhoseRightsTheAgentCannotTakeNothingIsRestored) {
+  giveFolderToOther("home");
+  const std::string uuid = takeOthers("home/a");
+  for (const unsigned capability : {CAP_SETUID, CAP_SETGID}) {
+    EXPECT_EQ(inChild([&] {
+                testsupport::giveUp(capability);
+                expectKept(restore(uuid, other()), uuid,
+                           "cannot act for user 65534: Operation not permitted");
+              }),
+              0);
+  }
+  EXPECT_THAT(namesIn(at("home")), IsEmpty());
 }
 
 TEST_F(RestoreTest, SetuidSetgidAndCapabilitiesComeBackForRootOnly) {

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -10,6 +9,7 @@
 #include <thread>
 
 #include "platform/Descriptor.h"
+#include "support/Capabilities.h"
 #include "support/TempDir.h"
 #include "task/CallerRights.h"
 
@@ -79,22 +79,13 @@ TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsGroupsAgain) {
   }).join();
 }
 
-/// Takes a capability from the calling thread.
-void giveUp(unsigned capability) {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct data[2] = {};
-  ASSERT_EQ(0, syscall(SYS_capget, &header, data));
-  data[CAP_TO_INDEX(capability)].effective &= ~CAP_TO_MASK(capability);
-  ASSERT_EQ(0, syscall(SYS_capset, &header, data));
-}
-
 class WithoutCapability : public CallerRightsTest,
                           public ::testing::WithParamInterface<std::pair<const char*, unsigned>> {};
 
 TEST_P(WithoutCapability, RightsThatTheKernelDoesNotChangeAreAnErrorAndNothingIsTaken) {
   std::thread([this] {
     const std::vector<gid_t> before = groupsOfThisThread();
-    giveUp(GetParam().second);
+    testsupport::giveUp(GetParam().second);
     const auto rights = CallerRights::take(caller);
     ASSERT_FALSE(rights);
     EXPECT_NE(std::string::npos, rights.error().find("cannot take")) << rights.error();

@@ -221,6 +221,13 @@ ssize_t flistxattr(int fd, char* list, size_t size) noexcept {
   return static_cast<ssize_t>(::syscall(SYS_flistxattr, fd, list, size));
 }
 
+int fchmod(int fd, mode_t mode) noexcept {
+  if (gRecord != nullptr && refused("set mode of " + nameOf(fd))) {
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_fchmod, fd, mode));
+}
+
 int futimens(int fd, const timespec* times) noexcept {
   if (gRecord != nullptr && refused("set times of " + nameOf(fd))) {
     return -1;

@@ -21,8 +21,8 @@ class FileCalls {
   /// Names stand without their folder, each UUID as "ID", a file without a name as "nameless".
   std::vector<std::string> seen() const;
   /// Makes the next `times` calls fail with this errno value whose line has this begin and end. "read a",
-  /// "list attributes of a", "set times of a" and "create nameless" can fail, too. Replaces the earlier
-  /// fail().
+  /// "list attributes of a", "set mode of a", "set times of a" and "create nameless" can fail, too. Replaces
+  /// the earlier fail().
   void fail(const std::string& begin, const std::string& end, int error, int times = INT_MAX);
 };
 
