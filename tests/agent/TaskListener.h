@@ -48,15 +48,17 @@ class TaskListener final : public TaskEvents {
     const std::lock_guard guard(mutex_);
     attributes_ = payload;
   }
-  void risk(json::RiskInfoType kind, json::Handling, const Json::Value& info) override {
+  void risk(json::RiskInfoType kind, json::Handling handling, const Json::Value& info) override {
     const std::lock_guard guard(mutex_);
+    handlings_.push_back(handling);
     kind == json::RiskInfoType::kFile ? risks_.push_back(json::decodePath(info["item"].asString()))
                                       : processes_.push_back(info["process_info"]["pid"].asInt());
     lastRisk_ = info;
   }
-  void repaired(json::RiskInfoType kind, json::Handling, const Json::Value& info,
+  void repaired(json::RiskInfoType kind, json::Handling handling, const Json::Value& info,
                 const Json::Value& result) override {
     const std::lock_guard guard(mutex_);
+    handlings_.push_back(handling);
     kind == json::RiskInfoType::kFile ? files_[json::decodePath(info["item"].asString())] = result
                                       : ofProcesses_[info["process_info"]["pid"].asInt()] = result;
   }
@@ -73,6 +75,8 @@ class TaskListener final : public TaskEvents {
   Json::Value attributes() const { return copied(attributes_); }
   std::vector<std::string> risks() const { return copied(risks_); }  ///< the files, as notified
   std::vector<int> processes() const { return copied(processes_); }  ///< by pid
+  /// Of each detection and of each result.
+  std::vector<json::Handling> handlings() const { return copied(handlings_); }
   Json::Value lastRisk() const { return copied(lastRisk_); }
   std::string lastName() const { return lastRisk()["risk_name"].asString(); }  ///< of a detection in a file
   std::string lastMd5() const { return lastRisk()["filemd5_src"].asString(); }
@@ -83,6 +87,9 @@ class TaskListener final : public TaskEvents {
   }
   std::string handledHow(const std::string& path) const {
     return result(files_, path, "handle_detail").asString();
+  }
+  std::int64_t handledAtSec(const std::string& path) const {
+    return result(files_, path, "handle_time").asInt64();
   }
   std::optional<json::HandleResult> handled(pid_t pid) const {
     return json::fromNumber<json::HandleResult>(result(ofProcesses_, pid, "handle_result").asInt());
@@ -110,6 +117,7 @@ class TaskListener final : public TaskEvents {
   std::vector<int> percents_, stages_, processes_;
   std::string detail_;
   std::vector<std::string> risks_;
+  std::vector<json::Handling> handlings_;
   std::map<std::string, Json::Value> files_;
   std::map<pid_t, Json::Value> ofProcesses_;
   Json::Value overview_, attributes_, lastRisk_;

@@ -210,6 +210,12 @@ TEST(ZipAudit, TheEndRecordIsFoundBeforeTheLongestComment) {
   EXPECT_THAT(audit(kHonest + std::string(0x10000, 'c')), HasSubstr("no directory"));
 }
 
+TEST(ZipAudit, TheDirectoryOfAZipInAZipIsNotTakenForTheOuterOne) {
+  EXPECT_THAT(audit(makeZip({{.name = "inner.zip", .content = kHonest, .deflate = false},
+                             {.name = "hidden.txt", .content = "content", .method = 14}})),
+              HasSubstr("\"hidden.txt\" is packed by method 14"));
+}
+
 TEST(ZipAudit, AnEncryptedMemberIsNoProblemOfTheAudit) {
   EXPECT_EQ(audit(makeZip({{.name = "a", .content = "content", .method = 99}})), "");
 }

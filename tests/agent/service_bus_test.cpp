@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "lunet/ListenerAt.h"
+#include "platform/CLog.h"
 #include "platform/CLogDebug.h"
 #include "service/BusLink.h"
 #include "support/InstallTree.h"
@@ -15,6 +17,7 @@
 namespace agent {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using ::testsupport::reasonOf;
@@ -23,6 +26,18 @@ class BusLinks : public ::testing::Test {
  protected:
   BusSettings settings() const {
     return readBusSettings(platform::InstallTree(tree_.path()), "test").value();
+  }
+  /// What the work leaves in the agent's log.
+  std::string logOf(const std::function<void()>& work) const {
+    CLogDebug* log = CLogDebug::Create();
+    log->SetProperty(CLogDebug::kPath, tree_.at("log") + "/");
+    log->SetProperty(CLogDebug::kName, "agent");
+    log->SetProperty(CLogDebug::kSize, "1000000");
+    log->SetProperty(CLogDebug::kBackupCount, "1");
+    log->SetProperty(CLogDebug::kLevel, std::to_string(static_cast<int>(LogLevel::kDebug)));
+    work();
+    CLogDebug::Close();
+    return testsupport::readFile(tree_.at("log/agent.log"));
   }
   testsupport::InstallTree tree_;
 };
@@ -41,6 +56,14 @@ TEST_F(BusLinks, WithALibraryThatIsNoneSaySo) {
   BusLink link;
   EXPECT_THAT(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())),
               StartsWith("the bus library cannot be used: "));
+}
+
+TEST_F(BusLinks, WithALibraryThatGivesNoEndpointSaySo) {
+  std::filesystem::copy_file(TAV_LIB_DIR "/liblunet_fake_no_endpoint.so", tree_.busLibrary(),
+                             std::filesystem::copy_options::overwrite_existing);
+  BusLink link;
+  EXPECT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())),
+            "the bus gives no endpoint");
 }
 
 TEST_F(BusLinks, WithSettingsThatTheLibraryDoesNotTakeSaySo) {
@@ -70,19 +93,22 @@ TEST_F(BusLinks, AtAnAddressThatIsTakenSaySoAndGetItOnceItIsFree) {
 TEST_F(BusLinks, HaveTheLibrarysLogInTheAgents) {
   testsupport::keepLoadedForLeakSanitizer(tree_.busLibrary());
   tree_.setBusConfig(R"({"log_level":1})");
-  CLogDebug* log = CLogDebug::Create();
-  log->SetProperty(CLogDebug::kPath, tree_.at("log") + "/");
-  log->SetProperty(CLogDebug::kName, "agent");
-  log->SetProperty(CLogDebug::kSize, "1000000");
-  log->SetProperty(CLogDebug::kBackupCount, "1");
-  log->SetProperty(CLogDebug::kLevel, std::to_string(static_cast<int>(LogLevel::kDebug)));
-  {
-    BusLink link;
-    ASSERT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())), "");
-    ASSERT_EQ(reasonOf(link.open(lunet::kAgentGuid)), "");
-  }
-  CLogDebug::Close();
-  EXPECT_THAT(testsupport::readFile(tree_.at("log/agent.log")), HasSubstr(":bus:"));
+  EXPECT_THAT(logOf([this] {
+                BusLink link;
+                ASSERT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())), "");
+                ASSERT_EQ(reasonOf(link.open(lunet::kAgentGuid)), "");
+              }),
+              HasSubstr(":bus:"));
+}
+
+TEST_F(BusLinks, HaveTheMessagesThatAreRefusedInTheAgentsLog) {
+  testsupport::keepLoadedForLeakSanitizer(tree_.busLibrary());
+  EXPECT_THAT(logOf([this] {
+                BusLink link;
+                ASSERT_EQ(reasonOf(link.prepare(platform::InstallTree(tree_.path()), settings())), "");
+                CLog::emit(CLogLevel::kError, "refused a message of %s", "a peer");
+              }),
+              AllOf(HasSubstr(":rpc:"), HasSubstr("refused a message of a peer")));
 }
 
 TEST_F(BusLinks, WhereThereCanBeNoAddressSaySo) {

@@ -100,6 +100,30 @@ TEST_F(TaskWords, OfAStateAreOneVisibleLineWithTheEnvelopeOfTheTask) {
   EXPECT_EQ(4711, endpoint.last().process.pid);
 }
 
+TEST_F(TaskWords, OfADetectionSayItsKindAndHowItIsHandledAndWhatBecameOfIt) {
+  const auto words = wordsTo(0, true);
+  const Json::Value info = testsupport::jsonOf(R"({"item":"a file"})");
+  const Json::Value result = testsupport::jsonOf(R"({"handle_result":1})");
+  for (const auto handling : {json::Handling::kAutomatic, json::Handling::kReportOnly}) {
+    words->risk(json::RiskInfoType::kProcess, handling, info);
+    words->repaired(json::RiskInfoType::kProcess, handling, info, result);
+  }
+  sendAll();
+  const std::vector<Json::Value> messages = sent();
+  ASSERT_EQ(4U, messages.size());
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    const Json::Value& params = messages[i]["params"];
+    EXPECT_EQ(i < 2 ? json::toFixMethod(json::Handling::kAutomatic)
+                    : json::toFixMethod(json::Handling::kReportOnly),
+              params["fix_method"].asInt())
+        << i;
+    EXPECT_EQ(json::toNumber(json::RiskInfoType::kProcess), params["risk_info_type"].asInt()) << i;
+    EXPECT_EQ(json::toNumber(json::BusinessType::kScan), params["business_type"].asInt()) << i;
+    EXPECT_EQ(info, params["risk_info"]) << i;
+    EXPECT_EQ(i % 2 == 0 ? Json::Value() : result, params["risk_repair_result"]) << i;
+  }
+}
+
 TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheQuotaOfTheirOwner) {
   const auto words = wordsTo(0, true);
   int asked = 0;
@@ -114,6 +138,38 @@ TEST_F(TaskWords, CountWithTheLengthOfAStatesDetailForTheQuotaOfTheirOwner) {
   words->waitForQuota(cancelled);
   EXPECT_EQ(1, asked);
   sendAll();
+}
+
+TEST_F(TaskWords, OfADetectionCountWithItsPathsForTheQuotaOfTheirOwner) {
+  for (const bool handled : {false, true}) {
+    const auto words = wordsTo(0, true);
+    int asked = 0;
+    const auto cancelled = [&asked] {
+      ++asked;
+      return true;
+    };
+    for (int i = 0; i < 3; ++i) {  // each of 4,096 bytes, and the quota is 10,000
+      EXPECT_EQ(0, asked);
+      handled ? words->repaired(json::RiskInfoType::kFile, json::Handling::kAutomatic, {}, {})
+              : words->risk(json::RiskInfoType::kFile, json::Handling::kAutomatic, {});
+      words->waitForQuota(cancelled);
+    }
+    EXPECT_EQ(1, asked);
+  }
+  sendAll();
+}
+
+TEST_F(TaskWords, OfAStageAndOfTheAttributesAreTheirContent) {
+  const auto words = wordsTo(0, true);
+  words->stage(4, "running programs");
+  words->attributes(testsupport::jsonOf(R"({"parallelism":3})"));
+  sendAll();
+  const std::vector<Json::Value> messages = sent();
+  ASSERT_EQ(2U, messages.size());
+  EXPECT_EQ(4, messages[0]["params"]["stage"].asInt());
+  EXPECT_EQ("running programs", messages[0]["params"]["datail"].asString());
+  EXPECT_EQ(3, messages[1]["params"]["payload"]["parallelism"].asInt());
+  EXPECT_EQ(7, messages[1]["params"]["source"].asInt());
 }
 
 TEST_F(TaskWords, AreFollowedByTheActionOfTheirEnd) {

@@ -20,6 +20,7 @@ namespace agent {
 namespace {
 
 using enum json::HandleResult;
+using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
@@ -185,6 +186,27 @@ TEST_F(Handling, ADetectionCarriesTheTimesOfItsFileAndOfItsOwn) {
   EXPECT_LE(before, told_.lastRisk()["find_time"].asInt64());
   EXPECT_GE(std::time(nullptr), told_.lastRisk()["find_time"].asInt64());
   EXPECT_FALSE(told_.lastRisk()["risk_id"].asString().empty());
+  EXPECT_LE(before, told_.handledAtSec(path));
+  EXPECT_GE(std::time(nullptr), told_.handledAtSec(path));
+}
+
+TEST_F(Handling, ADetectionAndItsResultAreToldWithTheHandlingOfThePlan) {
+  plan_.action = json::HandleAction::kNothing;
+  plan_.memoryCheck = true;
+  for (const auto handling : {json::Handling::kAutomatic, json::Handling::kReportOnly}) {
+    plan_.handling = handling;
+    const std::size_t before = told_.handlings().size();
+    handle(scanned("/proc/self/exe"));
+    {
+      DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
+      handler.add({scanned(folder_.write("trusted", "bad")), infected(), true});
+    }
+    const std::vector<json::Handling> told = told_.handlings();
+    EXPECT_GE(told.size() - before, 5U) << "a process, its file, and a trusted file";
+    for (std::size_t i = before; i < told.size(); ++i) {
+      EXPECT_EQ(handling, told[i]) << i;
+    }
+  }
 }
 
 TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
@@ -196,9 +218,10 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
   EXPECT_EQ(counters_.overview("").fixed_risk_count, 1);
   EXPECT_EQ(counters_.overview("").disposed_risk_count, 2);
   const std::string audit = testsupport::readFile(folder_.at("state/audit.log"));
-  EXPECT_THAT(audit, HasSubstr("handle detection"));
-  EXPECT_THAT(audit, HasSubstr(folder_.at("d/file")));
-  EXPECT_THAT(audit, HasSubstr(folder_.at("d/gone")));
+  const std::string begin = " pid=" + std::to_string(getpid()) + " action=\"handle detection\" object=\"";
+  EXPECT_THAT(audit, HasSubstr(begin + folder_.at("d/file") + "\" outcome=\"taken away\""));
+  EXPECT_THAT(audit,
+              HasSubstr(begin + folder_.at("d/gone") + "\" outcome=\"it was changed after it was scanned\""));
 }
 
 TEST_F(Handling, TheQuarantineGetsTheDetection) {
@@ -223,6 +246,9 @@ TEST_F(Handling, AProcessThatIsNotEndedIsReportedAsThat) {
   EXPECT_THAT(told_.processes(), Contains(getpid()));
   EXPECT_EQ(told_.handled(getpid()), kFailed);
   EXPECT_THAT(told_.handledHow(getpid()), HasSubstr("is the agent or started it"));
+  EXPECT_THAT(testsupport::readFile(folder_.at("state/audit.log")),
+              AllOf(HasSubstr(" pid=" + std::to_string(getpid()) + " action=\"end process\""),
+                    HasSubstr("is the agent or started it")));
 }
 
 TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {

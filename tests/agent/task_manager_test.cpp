@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "json/Values.h"
@@ -69,6 +70,9 @@ class Tasks : public ::testing::Test {
     request.params = jsonOf(R"({"fix_method":2})");
     request.params["scan_type"] = scanType;
     request.params["items"].append(file);
+    for (const std::string& item : further) {
+      request.params["items"].append(item);
+    }
     request.source = 7;
     request.owner.guid = {1, 2, 3};
     request.owner.process.pid = 4711;
@@ -115,9 +119,10 @@ class Tasks : public ::testing::Test {
   NotificationQueue notifications;
   TaskManager tasks{{*store, spawner, notifications, endpoint, {}}};
   std::string file, why;
-  Json::Value last;            ///< the parameters of the last state
-  lunet::PeerIdentity lastTo;  ///< the receiver of the last state
-  std::string lastEndpoint;    ///< of that receiver
+  std::vector<std::string> further;  ///< items of a scan beside `file`
+  Json::Value last;                  ///< the parameters of the last state
+  lunet::PeerIdentity lastTo;        ///< the receiver of the last state
+  std::string lastEndpoint;          ///< of that receiver
 };
 
 TEST_F(Tasks, AreSeenByTheirOwnUserAndByRootAndByNobodyElse) {
@@ -270,6 +275,20 @@ TEST_F(Tasks, AScanThatCannotBeMadeIsReportedLeavesNoRecordAndItsModeFree) {
   EXPECT_EQ(task.outcome.error(), last["detail"].asString());
   file = dir.at("file");
   EXPECT_TRUE(start(kUser).outcome);
+}
+
+TEST_F(Tasks, ThatEndedHoldNoFileOpenBeyondTheNextStart) {
+  further = {dir.at("absent")};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_FALSE(start(kUser).outcome);  // the first item is open by then
+    EXPECT_EQ(0U, tasks.count());
+  }
+  int open = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    open += std::filesystem::read_symlink(entry.path(), gone) == file ? 1 : 0;
+  }
+  EXPECT_LE(open, 1);
 }
 
 TEST_F(Tasks, ARequestThatIsRefusedIsReportedAndNotRecorded) {

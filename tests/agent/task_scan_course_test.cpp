@@ -1,6 +1,7 @@
 // The course of a scan: beginning, counters, cache, notifications, end.
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -290,6 +291,35 @@ TEST_F(ScanCourse, EveryEntryIsEncounteredAndEndsOnce) {
   EXPECT_EQ(100, owner->percents().back());
 }
 
+TEST_F(ScanCourse, AFileForWhichTheAgentHasNoDescriptorLeftIsAnError) {
+#ifdef TAV_SANITIZED
+  GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
+#endif
+  ScanPlan plan = custom({});
+  plan.useCache = plan.readCache = false;
+  Counters counters;
+  TaskListener events;
+  TaskControl control;
+  ASSERT_TRUE(spawner.waitLoaded(kLimit).loaded);
+  FilePipeline files({plan, caller, *store, counters, events, control}, spawner, "1");
+  const auto open = [this](const char* name) {
+    return Walker::open(dir.write(name, testsupport::eicar())).value();
+  };
+  files.file(open("first"));
+  files.waitUntilDone();  // its worker runs by now
+  EncounteredFile second = open("second");
+  rlimit normal{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
+  const rlimit none{0, normal.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  files.file(std::move(second));
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
+  files.waitUntilDone();
+  EXPECT_THAT(events.risks(), ElementsAre(dir.at("first")));
+  EXPECT_EQ(2, counters.overview("").total_item_count);
+  EXPECT_EQ(1, counters.overview("").failed_item_count);
+}
+
 TEST_F(ScanCourse, ProgressIsReportedWhileAFileIsScannedAndIsNotAHundredBeforeTheEnd) {
   hold();
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
@@ -324,6 +354,7 @@ TEST_F(ScanCourse, TheTimeLimitEndsAScanWhateverItsFileDoes) {
   EXPECT_TRUE(task->waitOver(kLimit));
   EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kAborted));
   EXPECT_THAT(owner->detail(), HasSubstr("the time limit of 1 seconds is over"));
+  EXPECT_GE(owner->counted("cost_time"), 1);
 }
 
 TEST_F(ScanCourse, DetectionsThatWaitForTheirOwnerAreFew) {

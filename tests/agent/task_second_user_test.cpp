@@ -228,6 +228,16 @@ class LogOfRoot {
   const std::string folder_;
 };
 
+TEST_F(ScanForASecondUser, AfterAWalkThatFailedTheScanEndsWithTheAgentsRights) {
+  const LogOfRoot log(dir.at("log"));
+  onStage = [](int) { throw std::runtime_error("from the listener"); };
+  const std::unique_ptr<ScanTask> task = begin(programsOf(json::ScanMode::kFast));
+  EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kAborted));
+  EXPECT_EQ("internal error: from the listener", owner->detail());
+  EXPECT_THAT(log.text(), HasSubstr("scan token aborted"));
+}
+
 TEST_F(ScanForASecondUser, TheAgentsLogIsWrittenWithTheAgentsRights) {
   const LogOfRoot log(dir.at("log"));
   folder("d", 0, 0755);

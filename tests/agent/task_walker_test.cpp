@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -634,13 +635,28 @@ TEST(FileSystems, ThoseInMemoryAreKnown) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, FileSystemTable,
-                         ::testing::Values(MagicRow{"proc", 0x9fa0, FileSystemKind::kPseudo},
-                                           MagicRow{"sysfs", 0x62656572, FileSystemKind::kPseudo},
-                                           MagicRow{"cgroup2", 0x63677270, FileSystemKind::kPseudo},
-                                           MagicRow{"debugfs", 0x64626720, FileSystemKind::kPseudo},
-                                           MagicRow{"devpts", 0x1cd1, FileSystemKind::kPseudo},
-                                           MagicRow{"nfs", 0x6969, FileSystemKind::kNetwork},
-                                           MagicRow{"cifs", 0xff534d42, FileSystemKind::kNetwork},
+                         ::testing::Values(MagicRow{"proc", PROC_SUPER_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"sysfs", SYSFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"cgroup", CGROUP_SUPER_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"cgroup2", CGROUP2_SUPER_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"debugfs", DEBUGFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"tracefs", TRACEFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"securityfs", SECURITYFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"bpf", BPF_FS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"pstore", PSTOREFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"efivarfs", EFIVARFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"devpts", DEVPTS_SUPER_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"selinuxfs", SELINUX_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"nsfs", NSFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"binfmt_misc", BINFMTFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"hugetlbfs", HUGETLBFS_MAGIC, FileSystemKind::kPseudo},
+                                           MagicRow{"nfs", NFS_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"cifs", CIFS_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"smb2", SMB2_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"smb", SMB_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"ceph", CEPH_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"afs", AFS_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"coda", CODA_SUPER_MAGIC, FileSystemKind::kNetwork},
                                            MagicRow{"ext4", 0xef53, FileSystemKind::kOrdinary},
                                            MagicRow{"tmpfs", 0x01021994, FileSystemKind::kOrdinary}),
                          [](const auto& row) { return std::string(row.param.name); });
