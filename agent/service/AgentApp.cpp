@@ -81,22 +81,18 @@ sigset_t ownSignals() {
   return set;
 }
 
-/// The spawner and its workers ignore a terminal's interrupt: the agent ends them.
+/// Blocks the agent's signals for serve(). The spawner and its workers ignore these signals: the agent ends
+/// them.
 std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const Options& options) {
   const sigset_t signals = ownSignals();
   signal(SIGPIPE, SIG_IGN);
-  signal(SIGINT, SIG_IGN);
-  signal(SIGHUP, SIG_IGN);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   Spawner::Config config;
   config.shippedSignatures = tree.signatures();
   config.systemSignatures = options.systemSignatures;
   config.tempFolder = tree.state() + "/tmp";  // closed to others, and no scan enters it
   CDir::make(config.tempFolder, 0700);
-  auto spawner = std::make_unique<Spawner>(std::move(config));
-  signal(SIGINT, SIG_DFL);
-  signal(SIGHUP, SIG_DFL);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  return spawner;
+  return std::make_unique<Spawner>(std::move(config));
 }
 
 /// The lock lies in the agent's own folder. In the folder of the sockets, members of the bus's group could

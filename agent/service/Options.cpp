@@ -61,6 +61,13 @@ const Row* findRow(const std::string& name) {
   return nullptr;
 }
 
+/// The path as it stands where the current folder is gone. An agent in the background has another folder.
+std::string absolute(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path whole = std::filesystem::absolute(path, error);
+  return error ? path : utils::FormatFilePath(whole.string());
+}
+
 }  // namespace
 
 std::string ownTree() {
@@ -99,9 +106,8 @@ platform::Expected<Options> parseOptions(const std::vector<std::string>& argumen
   if (options.installDir.empty()) {
     options.installDir = ownTree();
   }
-  std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(options.installDir, error);
-  options.installDir = error ? options.installDir : utils::FormatFilePath(absolute.string());
+  options.installDir = absolute(options.installDir);
+  options.systemSignatures = absolute(options.systemSignatures);
   if (options.installDir.empty() || options.installDir.front() != '/') {
     return platform::failure("the install tree cannot be told; name it with --install-dir");
   }

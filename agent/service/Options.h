@@ -23,7 +23,7 @@ struct Options {
   bool daemon = false;
   LogLevel logLevel = LogLevel::kInfo;
   std::string installDir;                            ///< absolute
-  std::string systemSignatures = "/var/lib/clamav";  ///< may be missing
+  std::string systemSignatures = "/var/lib/clamav";  ///< made absolute; may be missing
 };
 
 /// arguments: without the program's name.

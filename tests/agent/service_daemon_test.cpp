@@ -101,6 +101,18 @@ TEST_F(Daemons, LeaveTheirCallerItsSessionFolderAndStreams) {
   EXPECT_EQ(std::filesystem::read_symlink("/proc/" + fact(0) + "/fd/2").string(), "/dev/null");
 }
 
+TEST_F(Daemons, CanWriteToTheirOutputStreams) {
+  EXPECT_EQ(start([this](Daemon& daemon) {
+              daemon.ready();
+              const bool taken = write(STDOUT_FILENO, "x", 1) == 1 && write(STDERR_FILENO, "x", 1) == 1;
+              dir_.write("taken", taken ? "both" : "not both");
+              waitForever();
+            }),
+            kExitOk);
+  ASSERT_TRUE(waitFor([this] { return !readFile(dir_.at("taken")).empty(); }));
+  EXPECT_EQ(readFile(dir_.at("taken")), "both");
+}
+
 TEST_F(Daemons, ThatFailGiveTheirCallerTheirExitCode) {
   EXPECT_EQ(start([](Daemon& daemon) { daemon.failed(kExitOtherRuns); }), kExitOtherRuns);
 }

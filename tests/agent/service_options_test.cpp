@@ -49,10 +49,11 @@ TEST(Options, TheLogLevelsGoFromOneToFour) {
   }
 }
 
-TEST(Options, ARelativeTreeIsMadeAbsolute) {
-  const Options options = parseOptions({"--install-dir", "tree"}).value();
-  EXPECT_EQ('/', options.installDir.front());
-  EXPECT_THAT(options.installDir, HasSubstr("/tree"));
+TEST(Options, RelativeFoldersAreMadeAbsolute) {
+  const std::string here = std::filesystem::current_path().string();
+  const Options options = parseOptions({"--install-dir", "tree", "--system-signatures", "db"}).value();
+  EXPECT_EQ(here + "/tree", options.installDir);
+  EXPECT_EQ(here + "/db", options.systemSignatures);
 }
 
 class BadArguments : public ::testing::TestWithParam<std::pair<const char*, std::vector<std::string>>> {};

@@ -415,6 +415,7 @@ class PoolsWhoseWorkersCannotStart : public PoolsThatRecord {
  protected:
   void SetUp() override {
     dieOnceAt("poison");
+    holdFilesNamed("held");
     ASSERT_TRUE(spawner().waitLoaded(std::chrono::seconds(20)).loaded);
     templatePid_ = std::to_string(processesNamed("tav-template").at(0));
   }
@@ -460,6 +461,20 @@ TEST_F(PoolsWhoseWorkersCannotStart, CountOnlyFailedStartsInARow) {
   begin(pool, "file", "some text");
   pool.drain();
   EXPECT_EQ(verdict("file").outcome, Outcome::kClean) << describe(verdict("file"));
+}
+
+TEST_F(PoolsWhoseWorkersCannotStart, AreNotStartedAgainWhenAnotherWorkerAnswers) {
+  failStarts(2, 4);
+  WorkerPool pool(spawner(), 2);
+  begin(pool, "held", "some text");
+  ASSERT_TRUE(testsupport::waitFor([&] { return !begun().empty(); }));
+  for (int i = 0; i < 8; ++i) {
+    begin(pool, "behind" + std::to_string(i), "some text");
+  }
+  // The three failed starts lie behind this file, which fills the first worker's own queue.
+  open();
+  pool.drain();
+  EXPECT_EQ(filesOfProcesses().size(), 1U);
 }
 
 TEST_F(Pools, AReportReadByAnotherThreadWakesTheWaitingPool) {

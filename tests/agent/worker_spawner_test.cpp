@@ -49,6 +49,17 @@ class Spawners : public testing::WorkerFixture {
     }
     return found;
   }
+  /// False for a descriptor that is closed already, too.
+  static bool closesOnExec(pid_t process, int number) {
+    std::istringstream words(
+        testsupport::readFile("/proc/" + std::to_string(process) + "/fdinfo/" + std::to_string(number)));
+    for (std::string word; words >> word;) {
+      if (word == "flags:" && words >> word) {
+        return (std::stoul(word, nullptr, 8) & O_CLOEXEC) != 0;
+      }
+    }
+    return false;
+  }
   static std::string statusOf(pid_t process, const std::string& key) {
     std::istringstream lines(testsupport::readFile("/proc/" + std::to_string(process) + "/status"));
     for (std::string line; std::getline(lines, line);) {
@@ -362,6 +373,25 @@ TEST_F(Spawners, EachProcessHasOneSocketAndNoDescriptorOfTheAgent) {
       }
     }
     EXPECT_EQ(sockets, 1) << name;
+  }
+}
+
+TEST_F(Spawners, NoDescriptorOfAnyProcessIsInheritedByAProgram) {
+  const auto before = descriptorsOf(getpid());
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  for (const auto& [number, target] : descriptorsOf(getpid())) {
+    const auto earlier = before.find(number);
+    const bool isNew = earlier == before.end() || earlier->second != target;
+    const bool ofTheLook = target.starts_with("/proc/");
+    EXPECT_TRUE(!isNew || ofTheLook || closesOnExec(getpid(), number)) << number << target;
+  }
+  for (const char* name : {"tav-spawner", "tav-template", "tav-worker"}) {
+    const pid_t process = processesNamed(name).at(0);
+    for (const auto& [number, target] : descriptorsOf(process)) {
+      EXPECT_TRUE(number <= STDERR_FILENO || closesOnExec(process, number)) << name << number << target;
+    }
   }
 }
 

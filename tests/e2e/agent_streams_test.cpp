@@ -27,4 +27,12 @@ TEST(AgentProgram, InTheForegroundWithoutStandardDescriptorsHasNothingOfItsOwnTh
   EXPECT_EQ(0, agent.wait());
 }
 
+TEST(AgentProgram, ThatCannotGoToTheBackgroundFailsWithALine) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  Process agent({"/bin/sh", "-c", "ulimit -n 4; exec \"$0\" --daemon --install-dir \"$1\"",
+                 tree.program("tavagentd"), tree.path()});
+  EXPECT_EQ(1, agent.wait());
+  EXPECT_EQ("tavagentd: pipe2: Too many open files\n", agent.err());
+}
+
 }  // namespace
