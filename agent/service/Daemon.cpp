@@ -52,7 +52,6 @@ Daemon::Daemon() {
     close(ends[1]);
     waitForExitCode(ends[0], child);
   }
-  close(ends[0]);
   pipe_.reset(ends[1]);
   setsid();
   const pid_t grandchild = fork();
@@ -62,8 +61,8 @@ Daemon::Daemon() {
   if (chdir("/") != 0) {
     fail("chdir /");
   }
-  // Closes the caller's other files. Otherwise a pipe of the caller would not end, and a file system could
-  // not be unmounted.
+  // Closes the pipe's other end and the caller's other files. Otherwise a pipe of the caller would not end,
+  // and a file system could not be unmounted.
   platform::closeAllBut({pipe_.get()});
   toNull(STDIN_FILENO, O_RDONLY);
   toNull(STDOUT_FILENO, O_WRONLY);

@@ -5,7 +5,9 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -22,6 +24,7 @@ struct Library {
   clcb_msg say = nullptr;                       ///< the engine's message callback
   std::function<void()> duringScan;             ///< runs before the real scan
   std::function<cl_error_t(cl_error_t)> ended;  ///< replaces the result of the scan
+  cl_error_t started = CL_SUCCESS;
   cl_error_t compiled = CL_SUCCESS;
   std::string doesNotLoad;  ///< a folder that fails without a message
   std::string version;      ///< empty: the real one
@@ -38,6 +41,10 @@ Function* realOne(const char* name) {
 extern "C" cl_error_t cl_engine_set_num(cl_engine* engine, cl_engine_field field, long long number) {
   library.numbers[field] = number;
   return realOne<decltype(cl_engine_set_num)>("cl_engine_set_num")(engine, field, number);
+}
+
+extern "C" cl_error_t cl_init(unsigned options) {
+  return library.started != CL_SUCCESS ? library.started : realOne<decltype(cl_init)>("cl_init")(options);
 }
 
 extern "C" cl_error_t cl_engine_compile(cl_engine* engine) {
@@ -202,6 +209,18 @@ TEST_F(EngineAndLibrary, AFailedScanIsAnErrorEvenWithoutAMessage) {
   const Verdict verdict = scan("some text");
   EXPECT_EQ(verdict.outcome, Outcome::kError) << describe(verdict);
   EXPECT_THAT(verdict.reason, HasSubstr("the engine reports: "));
+}
+
+// In a fresh process: the library starts once in each.
+TEST_F(EngineAndLibrary, ALibraryThatDoesNotStartLoadsNothing) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  library.started = CL_EMEM;
+  const auto load = [] {
+    const auto loaded = Engine::load({testing::kShippedSignatures, "/nonexistent", smallLimits()});
+    std::fprintf(stderr, "%s\n", loaded ? "loaded" : loaded.error().c_str());
+    _exit(loaded ? 1 : 0);
+  };
+  EXPECT_EXIT(load(), ::testing::ExitedWithCode(0), "the engine cannot start: ");
 }
 
 TEST_F(EngineAndLibrary, SignaturesThatDoNotCompileAreNotLoaded) {

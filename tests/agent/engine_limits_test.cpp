@@ -32,6 +32,7 @@ using testing::describe;
 using ::testing::HasSubstr;
 using testsupport::eicar;
 using testsupport::genericSample;
+using testsupport::makeArj;
 using testsupport::makeGzip;
 using testsupport::makeNestedZip;
 using testsupport::makeRar;
@@ -149,6 +150,13 @@ TEST_F(EngineLimitsTest, AnEncryptedZipIsAnError) {
   ZipMember member{"secret.txt", "nobody can read this text here"};
   member.encryptedFlag = true;
   expectError(makeZip({member}), "encrypted");
+}
+
+TEST_F(EngineLimitsTest, AnEncryptedArjThatTheLibraryOnlyListsIsAnError) {
+  const Verdict plain = scan(makeArj("test.com", eicar(), false));
+  EXPECT_EQ(plain.outcome, Outcome::kInfected) << describe(plain);
+  expectError(makeArj("secret.txt", "nobody can read this text here", true),
+              "\"secret.txt\" inside: encrypted: its content cannot be scanned");
 }
 
 TEST_F(EngineLimitsTest, ARealDetectionInTheSameFileWins) {

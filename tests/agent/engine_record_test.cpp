@@ -136,6 +136,7 @@ TEST_F(ScanRecords, AMemberOfUnknownSizeIsAnError) {
 TEST_F(ScanRecords, AnEncryptedMemberIsAnErrorUnlessTheLibraryReportsIt) {
   record_.onMember("CL_TYPE_ZIP", "in-zip", 5, true);
   record_.onMember("CL_TYPE_OOXML_WORD", "in-document", 5, true);
+  record_.onMember("CL_TYPE_RAR", "plain", 5, false);
   EXPECT_EQ(ScanRecord(record_).finish("").outcome, Outcome::kClean);
   record_.onMember("CL_TYPE_RAR", "in-rar", 5, true);
   expect(Outcome::kError, "\"in-rar\" inside: encrypted: its content cannot be scanned");
@@ -157,6 +158,13 @@ TEST_F(ScanRecords, AHeuristicDetectionCountsOnlyInAStrongScanWithItsEngine) {
       }
     }
   }
+}
+
+TEST_F(ScanRecords, AnAlertForLeftOutContentIsNoDetectionInAStrongScanEither) {
+  options_.heuristics = true;
+  options_.enabledEngines = ~0U;
+  record_.onFind("Heuristics.Limits.Exceeded.MaxFiles");
+  expect(Outcome::kError, "more members than the engine's limit");
 }
 
 TEST_F(ScanRecords, UpToThirtyTwoDetectionsOfAFileAreReportedEachOnce) {

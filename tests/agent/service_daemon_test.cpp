@@ -113,6 +113,21 @@ TEST_F(Daemons, CanWriteToTheirOutputStreams) {
   EXPECT_EQ(readFile(dir_.at("taken")), "both");
 }
 
+TEST_F(Daemons, HoldNoDescriptorOnceTheyAreReady) {
+  EXPECT_EQ(start([this](Daemon& daemon) {
+              daemon.ready();
+              int held = 0;
+              for (int fd = 3; fd < 64; ++fd) {
+                held += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+              }
+              dir_.write("held", std::to_string(held));
+              waitForever();
+            }),
+            kExitOk);
+  ASSERT_TRUE(waitFor([this] { return !readFile(dir_.at("held")).empty(); }));
+  EXPECT_EQ(readFile(dir_.at("held")), "0");
+}
+
 TEST_F(Daemons, ThatFailGiveTheirCallerTheirExitCode) {
   EXPECT_EQ(start([](Daemon& daemon) { daemon.failed(kExitOtherRuns); }), kExitOtherRuns);
 }

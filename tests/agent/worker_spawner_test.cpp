@@ -306,6 +306,23 @@ TEST_F(Spawners, AWaitForALoadEndsAtItsLimit) {
   EXPECT_FALSE(state.loaded);
 }
 
+TEST_F(Spawners, AWaitForALoadSleeps) {
+  testsupport::HeldFile held(writeSystem());
+  spawner();
+  std::atomic<pid_t> thread{0};
+  auto waiting = std::async(std::launch::async, [&] {
+    thread = gettid();
+    return spawner().waitLoaded(kLoad);
+  });
+  int looksInARow = 0;  // a thread that asks again and again sleeps at some looks, too
+  EXPECT_TRUE(testsupport::waitFor([&] {
+    looksInARow = testsupport::threadSleeps(thread) ? looksInARow + 1 : 0;
+    return looksInARow == 20;
+  }));
+  held.release();
+  EXPECT_TRUE(waiting.get().loaded);
+}
+
 TEST_F(Spawners, ReloadsRunOneAtATime) {
   const std::string file = writeSystem();
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);

@@ -238,6 +238,30 @@ std::string makeRar(const std::string& name, std::string_view content) {
          block('\x74', 0x8000, file) + std::string(content) + block('\x7B', 0x4000, {});
 }
 
+std::string makeArj(const std::string& name, std::string_view content, bool encrypted) {
+  const auto header = [](const std::string& title, int kind, int flags, std::string_view data) {
+    std::string rest{30, 11, 1, 2, static_cast<char>(flags), 0, static_cast<char>(kind), 0};
+    put32(rest, 0);  // the time
+    put32(rest, data.size());
+    put32(rest, data.size());
+    put32(rest, crcOf(data));
+    put16(rest, 0);
+    put32(rest, 0);
+    rest += title;
+    rest.append(2, '\0');  // the title's end and an empty comment
+    std::string out("\x60\xEA", 2);
+    put16(out, rest.size());
+    out += rest;
+    put32(out, crcOf(rest));
+    put16(out, 0);  // no further header
+    return out;
+  };
+  constexpr int kArchive = 2;
+  constexpr int kMember = 0;
+  return header("x.arj", kArchive, 0, {}) + header(name, kMember, encrypted ? 1 : 0, content) +
+         std::string(content) + std::string("\x60\xEA\0\0", 4);
+}
+
 std::string makeNestedZip(int layers, const std::string& name, const std::string& content) {
   std::string inner = content;
   std::string innerName = name;

@@ -28,6 +28,8 @@ std::string makeGzip(std::string_view content);
 std::string makeTar(const std::vector<std::pair<std::string, std::string>>& members);
 /// RAR 4, stored.
 std::string makeRar(const std::string& name, std::string_view content);
+/// ARJ, stored. encrypted: the member is marked so; the content is then useless.
+std::string makeArj(const std::string& name, std::string_view content, bool encrypted);
 /// zip in zip in zip, `layers` of them, around one member.
 std::string makeNestedZip(int layers, const std::string& name, const std::string& content);
 
