@@ -198,7 +198,7 @@ TEST_F(EngineAndLibrary, OnlyAnErrorMessageDuringAScanMakesAnError) {
   ASSERT_NE(library.say, nullptr);
   library.duringScan = [] { library.say(CL_MSG_WARN, "all", "a warning\n", nullptr); };
   EXPECT_EQ(scan("some text").outcome, Outcome::kClean);
-  library.duringScan = [] { library.say(CL_MSG_ERROR, "all", "an error \n", nullptr); };
+  library.duringScan = [] { library.say(CL_MSG_ERROR, "all", "an error  \n", nullptr); };
   const Verdict verdict = scan("some text");
   EXPECT_EQ(verdict.outcome, Outcome::kError);
   EXPECT_EQ(verdict.reason, "the engine reports: an error");

@@ -396,6 +396,10 @@ TEST_F(Service, RecordsAChangeWithWhoMadeItAndWhatCameOfIt) {
   Json::Value wrong = jsonOf(R"({"config_str":"{\"NoSuchSection\":{}}","config_type":0,"request_source":1})");
   EXPECT_FALSE(call(member.identity(), "setAVConfig", wrong).asBool());
   EXPECT_EQ(audited("outcome=\"refused: "), 1);
+  ASSERT_TRUE(emptiesCache(member.identity()));
+  EXPECT_EQ(audited("pid=" + std::to_string(member.identity().pid) +
+                    " action=\"clean scan cache\" object=\"\" outcome=\"done\""),
+            1);
 }
 
 TEST_F(Service, AnswersEverybodyWhatItKeeps) {
@@ -443,7 +447,9 @@ TEST_F(Service, RestoresForTheCallerAndSaysWhatItCouldNot) {
   const std::string second = quarantine("second", 0);
   Json::Value trusting = restoreOf(call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString());
   trusting["params"]["action"] = json::toNumber(json::RestoreAction::kRestoreAndTrust);
-  EXPECT_TRUE(call(rootsIdentity(), "startDeIsolate", trusting)["status"].asBool());
+  const Json::Value whole = call(rootsIdentity(), "startDeIsolate", trusting);
+  EXPECT_TRUE(whole["status"].asBool());
+  EXPECT_EQ(whole["detail"], Json::Value(Json::arrayValue));
   EXPECT_TRUE(std::filesystem::exists(second));
   EXPECT_EQ(filesOn(json::Region::kTrust).size(), 1U);
 }

@@ -159,6 +159,15 @@ TEST(WorkerMessages, ATextOrListAboveTheLimitIsRefused) {
   EXPECT_FALSE(message(0, 257));
 }
 
+TEST(WorkerMessages, AnAnswerOfAnUnknownOutcomeOrRiskIsRefused) {
+  ScanAnswer answer = fullAnswer();
+  answer.verdict.outcome = static_cast<Outcome>(200);
+  EXPECT_FALSE(decode<ScanAnswer>(encode(answer)));
+  answer = fullAnswer();
+  answer.verdict.detections[0].riskType = static_cast<json::RiskType>(12345);
+  EXPECT_FALSE(decode<ScanAnswer>(encode(answer)));
+}
+
 TEST(WorkerMessages, AnEmptyPacketIsRefused) {
   EXPECT_FALSE(decode<ForkRequest>(""));
 }

@@ -513,20 +513,25 @@ void forgeAnswer(std::uint64_t id) {
   channel.takeFd().release();
 }
 
-TEST_F(Pools, AnAnswerWithTheIdOfAnEarlierFileEndsTheWorker) {
-  config().beforeFile = [](const std::string& name) {
-    if (name.ends_with("second")) {
-      forgeAnswer(1);
+TEST_F(Pools, AnAnswerWithTheIdOfNoFileOrAnEarlierOneEndsTheWorker) {
+  for (const std::uint64_t id : {0, 1}) {
+    config().beforeFile = [id](const std::string& name) {
+      if (name.ends_with("second")) {
+        forgeAnswer(id);
+      }
+    };
+    {
+      WorkerPool pool(spawner(), 1);
+      for (const char* name : {"first", "second", "third"}) {
+        begin(pool, name, eicar());
+        pool.drain();
+      }
     }
-  };
-  WorkerPool pool(spawner(), 1);
-  for (const char* name : {"first", "second", "third"}) {
-    begin(pool, name, eicar());
-    pool.drain();
+    EXPECT_EQ(verdict("first").outcome, Outcome::kInfected) << id;
+    EXPECT_EQ(verdict("second").outcome, Outcome::kError) << id << describe(verdict("second"));
+    EXPECT_EQ(verdict("third").outcome, Outcome::kInfected) << id;
+    endSpawner();
   }
-  EXPECT_EQ(verdict("first").outcome, Outcome::kInfected);
-  EXPECT_EQ(verdict("second").outcome, Outcome::kError) << describe(verdict("second"));
-  EXPECT_EQ(verdict("third").outcome, Outcome::kInfected);
 }
 
 TEST_F(Pools, ADescriptorIsClosedBeforeItsCallback) {

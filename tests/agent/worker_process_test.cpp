@@ -1,5 +1,6 @@
 // The bodies of the agent's child processes, each run in a child of the test.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -80,6 +81,19 @@ TEST_F(Children, HaveTheirNameEndWithTheirParentAndBlockNoSignal) {
 TEST_F(Children, NoticeAnUnexpectedParent) {
   start([](Channel, pid_t parent) { _exit(becomeChild("tav-name", parent + 1) ? 1 : 0); });
   EXPECT_EQ(exitStatus(), 0);
+}
+
+TEST_F(Children, KeepOneDescriptorOpenUnderOneNumberWhateverItsNumberWas) {
+  for (const int number : {3, 40}) {
+    start([number](Channel theirs, pid_t) {
+      const platform::Descriptor earlier = theirs.takeFd();
+      const int fd = earlier.get() == number ? number : dup3(earlier.get(), number, O_CLOEXEC);
+      platform::Descriptor kept = keepOnly(platform::Descriptor(fd));
+      const bool inherited = (fcntl(3, F_GETFD) & FD_CLOEXEC) == 0;
+      _exit(kept.get() == 3 && fcntl(3, F_GETFD) >= 0 && !inherited && fcntl(40, F_GETFD) < 0 ? 0 : 1);
+    });
+    EXPECT_EQ(exitStatus(), 0) << number;
+  }
 }
 
 class WorkerProcesses : public Children {

@@ -187,6 +187,19 @@ TEST_F(Spawners, AnAbandonedReloadFailsAtOnceAndKeepsTheOldSignatures) {
   EXPECT_FALSE(spawner().reload()) << "later reloads fail, too";
 }
 
+TEST_F(Spawners, AnAbandonBehindAReloadLeavesTheNewTemplateAtWork) {
+  ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
+  ASSERT_TRUE(spawner().reload());
+  ASSERT_TRUE(testsupport::waitFor([] { return templates().size() == 1; }));
+  const auto fresh = templates();
+  spawner().abandonReload();
+  WorkerPool pool(spawner(), 1);
+  begin(pool, "file", "some text");
+  pool.drain();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kClean) << describe(verdict("file"));
+  EXPECT_EQ(templates(), fresh);
+}
+
 TEST_F(Spawners, ATemplateThatDiesIsReplaced) {
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
   replaceTemplate();
