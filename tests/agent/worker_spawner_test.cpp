@@ -595,6 +595,9 @@ class SpawnersThatCannotFork : public Spawners {
     if (geteuid() != 0) {
       GTEST_SKIP() << "only root can start processes of another user";
     }
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer begins a thread in each forked process, which the limit forbids";
+#endif
     ASSERT_EQ(chown(dir().path().c_str(), user_, user_), 0);
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NPROC, &before), 0);
