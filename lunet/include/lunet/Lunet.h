@@ -108,9 +108,8 @@ class IEndpoint {
                                          void* context) = 0;
   /// Returns when no callback of that channel runs any more; inside such a callback at once.
   virtual std::uint32_t UnregisterReceiver(std::uint32_t channel) = 0;
-  /// Answers one request. `reserved` is 0. The reply context is used up, whatever the result; a second reply
-  /// gives kErrArgument. A caller that is gone gives kErrPeerLost, or kErrArgument once its connection has
-  /// ended. kErrQueueFull when the caller does not read.
+  /// Answers one request; uses up the reply context. `reserved` is 0. kErrArgument: the context is used,
+  /// or its connection has ended. kErrPeerLost: the caller is gone. kErrQueueFull: the caller does not read.
   virtual std::uint32_t Reply(std::uint32_t reserved, std::uint64_t messageId, const void* data,
                               std::uint32_t length, void* replyContext) = 0;
   /// The sender's address; inside a receive callback only, elsewhere sixteen zero bytes.
