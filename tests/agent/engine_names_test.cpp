@@ -49,6 +49,8 @@ INSTANTIATE_TEST_SUITE_P(
                 kTestFile, "测试文件"},
         NameRow{"OwnHash", "TAV.Hash.Test.UNOFFICIAL", kSure, "TAV.Hash.Test", json::kEngineRdaOld, kTestFile,
                 "测试文件"},
+        NameRow{"OwnWithoutASuffix", "TAV.Test.Generic", kSure, "TAV.Test.Generic", json::kEngineRda,
+                kTestFile, "测试文件"},
         NameRow{"AnotherPublishersSuffixStays", "Some.Trojan.X.UNOFFICIAL", kSure, "Some.Trojan.X.UNOFFICIAL",
                 json::kEngineHc, kVirus, "木马"},
         NameRow{"Virus", "Win.Virus.Sality-1", kSure, "Win.Virus.Sality-1", json::kEngineHc, kVirus, "病毒"},
