@@ -17,6 +17,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include "Address.h"
 #include "BusFixture.h"
@@ -38,6 +39,8 @@ constexpr uid_t kOtherMember = 23457;
 
 /// Called before a socket listens.
 std::function<void()> beforeListening;
+/// Called around the next rename.
+std::function<void()> beforeRenaming, afterRenaming;
 
 struct stat statusOf(const std::string& path) {
   struct stat st {};
@@ -75,6 +78,17 @@ extern "C" int listen(int fd, int backlog) noexcept {
     beforeListening();
   }
   return static_cast<int>(syscall(SYS_listen, fd, backlog));
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept {
+  if (const auto before = std::exchange(beforeRenaming, nullptr)) {
+    before();
+  }
+  const int result = renameat(AT_FDCWD, from, AT_FDCWD, to);
+  if (const auto after = std::exchange(afterRenaming, nullptr)) {
+    after();
+  }
+  return result;
 }
 
 class ClaimTest : public testing::Test {
@@ -158,6 +172,52 @@ TEST_F(ClaimTest, ASocketThatIsAnothersByNowIsNotTakenOutOfTheFolder) {
   ASSERT_EQ(mknod(socketPath().c_str(), S_IFSOCK | 0600, 0), 0);
   address.hide();
   EXPECT_TRUE(fs::exists(socketPath()));
+}
+
+TEST_F(ClaimTest, AnAddressThatIsDestroyedLeavesNothing) {
+  {
+    Address address;
+    ASSERT_EQ(claim(address, guid), "");
+    EXPECT_EQ(files(), 2u);
+  }
+  EXPECT_EQ(files(), 0u);
+}
+
+/// A folder in place of the lock is moved aside. Meanwhile others work at the same name.
+class OvertakenMoveTest : public ClaimTest {
+ protected:
+  OvertakenMoveTest() { fs::create_directory(lockPath()); }
+  ~OvertakenMoveTest() override {
+    beforeRenaming = nullptr;
+    afterRenaming = nullptr;
+  }
+  void replaceFolder(const std::string& content) const {
+    fs::remove(lockPath());
+    dir.write("bus/" + lunet::formatGuid(guid) + ".lock", content);
+  }
+};
+
+TEST_F(OvertakenMoveTest, WhatIsGoneNeedsNoMove) {
+  beforeRenaming = [this] { fs::remove(lockPath()); };
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  EXPECT_EQ(files(), 2u);
+}
+
+TEST_F(OvertakenMoveTest, ALockThatIsMovedByMistakeGetsItsNameBack) {
+  beforeRenaming = [this] { replaceFolder("moved"); };
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  EXPECT_EQ(testsupport::readFile(lockPath()), "moved");
+  EXPECT_EQ(files(), 2u);
+}
+
+TEST_F(OvertakenMoveTest, ALockThatIsMovedByMistakeReplacesNoNewerOne) {
+  beforeRenaming = [this] { replaceFolder("moved"); };
+  afterRenaming = [this] { dir.write("bus/" + lunet::formatGuid(guid) + ".lock", "newer"); };
+  Address address;
+  EXPECT_EQ(claim(address, guid), "");
+  EXPECT_EQ(testsupport::readFile(lockPath()), "newer");
 }
 
 TEST_F(ClaimTest, ALockThatIsAnothersByNowIsNotRemoved) {

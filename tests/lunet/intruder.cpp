@@ -1,7 +1,8 @@
 // lunet_intruder SOCKET CLAIMED-GUID TARGET-GUID [COUNT]: connects by hand, claims that address, and prints
-// the listener's verdict: "verdict N", "closed" or "refused: <reason>". With COUNT it makes so many
-// connections and keeps them until its input ends. "silent" for the claimed address: no hello, only the
-// verdict of the last one.
+// the listener's verdict: "verdict N", "closed" or "refused: <reason>". After a verdict against it, it says
+// hello once more; " and more" stands behind the verdict when the listener still listens. With COUNT it makes
+// so many connections and keeps them until its input ends. "silent" for the claimed address: no hello, only
+// the verdict of the last one.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -43,13 +44,18 @@ void handshake(int fd, const char* claimed, const char* target) {
   (void)send(fd, &hello, sizeof hello, MSG_NOSIGNAL);
 }
 
-void printVerdict(int fd) {
+void printVerdict(int fd, const char* claimed, const char* target) {
   HelloReply reply{};
-  if (recv(fd, &reply, sizeof reply, MSG_WAITALL) == static_cast<ssize_t>(sizeof reply)) {
-    std::printf("verdict %08X\n", reply.header.channel);
-  } else {
+  if (recv(fd, &reply, sizeof reply, MSG_WAITALL) != static_cast<ssize_t>(sizeof reply)) {
     std::printf("closed\n");
+    return;
   }
+  std::printf("verdict %08X", reply.header.channel);
+  if (reply.header.channel != lunet::kOk) {
+    handshake(fd, claimed, target);
+    std::printf("%s", recv(fd, &reply, sizeof reply, MSG_WAITALL) > 0 ? " and more" : "");
+  }
+  std::printf("\n");
 }
 
 }  // namespace
@@ -67,9 +73,9 @@ int main(int count, char** words) {
     }
     if (!silent) {
       handshake(fd, words[2], words[3]);
-      printVerdict(fd);
+      printVerdict(fd, words[2], words[3]);
     } else if (i == wanted - 1) {  // the earlier connections stand
-      printVerdict(fd);
+      printVerdict(fd, words[2], words[3]);
     }
   }
   std::fflush(stdout);

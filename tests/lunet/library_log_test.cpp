@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <mutex>
 #include <vector>
@@ -53,6 +54,35 @@ TEST_F(LogTest, ARecordIsALineWithTimeLevelProcessAndText) {
   EXPECT_THAT(file(),
               testing::MatchesRegex("[0-9]+-[0-9]+-[0-9]+ [0-9:]+\\.[0-9]+ \\[1\\] \\[[0-9]+ uuid-1\\] "
                                     "something happened\n"));
+}
+
+TEST_F(LogTest, TheTimeOfARecordIsTheLocalTimeAtWhichItIsWritten) {
+  log.open(settings);
+  const std::time_t before = std::time(nullptr);
+  log.write(BusLogLevel::kError, "x");
+  const std::time_t after = std::time(nullptr);
+  std::tm fields{};
+  fields.tm_isdst = -1;
+  ASSERT_NE(strptime(file().c_str(), "%Y-%m-%d %H:%M:%S", &fields), nullptr);
+  const std::time_t written = std::mktime(&fields);
+  EXPECT_GE(written, before);
+  EXPECT_LE(written, after);
+}
+
+TEST_F(LogTest, ALinkOnThePathThatIsChangedLaterDoesNotMoveTheLog) {
+  fs::create_directories(dir.at("first"));
+  fs::create_directories(dir.at("second"));
+  fs::create_directory_symlink(dir.at("first"), dir.at("logs"));
+  settings.path = dir.at("logs/tavcli.ipc.log");
+  settings.backupPath = dir.at("old");
+  log.open(settings);
+  log.write(BusLogLevel::kError, "one");
+  fs::remove(dir.at("logs"));
+  fs::create_directory_symlink(dir.at("second"), dir.at("logs"));
+  fs::resize_file(dir.at("first/tavcli.ipc.log"), static_cast<std::uintmax_t>(Log::kFileBytes));
+  log.write(BusLogLevel::kError, "two");
+  EXPECT_NE(readFile(dir.at("first/tavcli.ipc.log")).find("two"), std::string::npos);
+  EXPECT_TRUE(fs::is_empty(dir.at("second")));
 }
 
 TEST_F(LogTest, BothFoldersAreMadeForItsUserOnly) {

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <future>
+#include <utility>
 
 #include "BusFixture.h"
 #include "Frame.h"
@@ -20,6 +22,21 @@ using namespace lunettest;
 using lunet::FrameHeader;
 using lunet::FrameKind;
 using testsupport::waitFor;
+
+namespace {
+
+/// Called before a message of a caller, or its hello, is sent in one piece.
+std::function<void()> beforeSending;
+
+}  // namespace
+
+// Stands before the C library's function, for the bus library too.
+extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+  if (const auto before = std::exchange(beforeSending, nullptr)) {
+    before();
+  }
+  return sendto(fd, bytes, size, flags, nullptr, 0);
+}
 
 class StrangersTest : public BusTest {
  protected:
@@ -394,6 +411,7 @@ class FalseListenerTest : public BusTest {
       const platform::Descriptor peer = greeted(claimed);
       answerOne(peer, bytes);
       waitForEnd(peer);
+      ended = true;
     });
   }
   static std::string bytesOf(const FrameHeader& header) {
@@ -404,6 +422,7 @@ class FalseListenerTest : public BusTest {
   Endpoint caller;
   const lunet::Guid guid = lunet::parseGuid(lunet::kAgentGuid);
   platform::Descriptor listener;
+  std::atomic<bool> ended{false};  ///< the connection of answerWith
   std::thread thread;
 };
 
@@ -413,6 +432,7 @@ TEST_F(FalseListenerTest, AnAnswerWithAWrongMagicEndsTheCall) {
   header.magic = 1;
   answerWith(guid, bytesOf(header));
   EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrPeerLost);
+  EXPECT_TRUE(waitFor([this] { return ended.load(); })) << "the listener sees the end of the connection";
 }
 
 /// The log's records from level 0 (errors) to 2.
@@ -561,6 +581,12 @@ TEST_F(FalseListenerTest, ConnectWaitsForAnAgentThatHasTooManyConnections) {
   full.channel = lunet::kErrQueueFull;
   replyToEach({full, full, helloReply()});
   EXPECT_EQ(client->Connect(60), lunet::kOk);
+}
+
+TEST_F(FalseListenerTest, AListenerThatHangsUpBeforeTheHelloDoesNotEndTheCallersProcess) {
+  beforeSending = [this] { const platform::Descriptor gone(accept(listener.get(), nullptr, nullptr)); };
+  EXPECT_EQ(caller.call(guid, "x").error, lunet::kErrNoTarget);
+  EXPECT_FALSE(beforeSending);
 }
 
 TEST_F(FalseListenerTest, CloseEndsACallThatWaitsForAHelloReply) {
