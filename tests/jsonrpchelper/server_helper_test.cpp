@@ -233,6 +233,12 @@ TEST_F(ServerHelper, MessagesAreDeliveredOnlyWhileTheServerListens) {
   EXPECT_EQ(business.log.size(), 1u);
 }
 
+TEST_F(ServerHelper, AnEndpointGetsBothChannelsBack) {
+  helper.unregisterFrom(endpoint);
+  EXPECT_FALSE(endpoint.isRegistered(lunet::kRequestChannel));
+  EXPECT_FALSE(endpoint.isRegistered(lunet::kOnewayChannel));
+}
+
 TEST_F(ServerHelper, ADestroyedReceiverLeavesTheList) {
   {
     RecordingBusiness business(helper);

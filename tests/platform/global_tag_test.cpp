@@ -9,12 +9,14 @@
 #include <barrier>
 #include <csignal>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <thread>
 
 #include "platform/CGlobalTag.h"
 #include "platform/Files.h"
 #include "support/FileCalls.h"
+#include "support/HeldFile.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
@@ -139,6 +141,27 @@ TEST(GlobalTag, ASignalWhileItWaitsCostsNothing) {
   EXPECT_EQ(CGlobalTag("MARK", in(dir)).trylock(true), 1);
 }
 
+TEST(GlobalTag, AMarkThatCannotBeLockedFailsWithTheReason) {
+  const TempDir dir;
+  testsupport::FileCalls calls;
+  calls.fail("lock MARK.mark", "", ENOLCK, 1);
+  CGlobalTag tag("MARK", in(dir));
+  EXPECT_EQ(tag.trylock(false), 0);
+  EXPECT_NE(tag.lastError().find("cannot lock the mark"), std::string::npos) << tag.lastError();
+}
+
+/// An open without O_NONBLOCK waits 45 seconds for the end of the lease.
+TEST(GlobalTag, ALeaseOnTheMarkIsNotWaitedFor) {
+  const TempDir dir;
+  { ASSERT_EQ(CGlobalTag("MARK", in(dir)).trylock(false), 1); }
+  const testsupport::HeldFile lease(dir.at("run/lunet/MARK.mark"));
+  CGlobalTag tag("MARK", in(dir));
+  auto trying = std::async(std::launch::async, [&] { return tag.trylock(false); });
+  EXPECT_EQ(trying.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(trying.get(), 0);
+  EXPECT_NE(tag.lastError().find("cannot open the mark"), std::string::npos) << tag.lastError();
+}
+
 TEST(GlobalTag, OfTwoThatMakeTheMarkAtOnceOneHoldsIt) {
   const TempDir dir;
   for (int i = 0; i < 300; ++i) {
@@ -195,11 +218,12 @@ TEST(GlobalTag, AMarkThatMayOnlyBeReadCanBeHeldAndTellsItsHolder) {
   const auto byAnother = [&dir] {
     const pid_t child = fork();
     if (child == 0) {
+      alarm(20);
       _exit(setresuid(54322, 54322, 54322) == 0 ? CGlobalTag("MARK", in(dir)).trylock(false) : 9);
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return WEXITSTATUS(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   };
   {
     CGlobalTag tag("MARK", in(dir));
@@ -207,6 +231,8 @@ TEST(GlobalTag, AMarkThatMayOnlyBeReadCanBeHeldAndTellsItsHolder) {
     EXPECT_EQ(byAnother(), 2);
   }
   EXPECT_EQ(byAnother(), 1);
+  const testsupport::HeldFile lease(dir.at("run/lunet/MARK.mark"));
+  EXPECT_EQ(byAnother(), 0) << "a lease is not waited for";
 }
 
 TEST(GlobalTag, APlantedSymbolicLinkIsNotFollowed) {
