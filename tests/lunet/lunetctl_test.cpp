@@ -272,7 +272,8 @@ TEST_F(LunetctlTest, ATextMayBeginAsAnOptionDoes) {
 TEST_F(LunetctlTest, OnATerminalAnAnswersControlCharactersAreVisible) {
   Player player(lunetctl({"listen", guid}));
   ASSERT_TRUE(player.ready());
-  testsupport::PtyProgram call(lunetctl({"call", guid, "x"}));
+  const std::string tool = "'" + tree.at("bin/lunetctl") + "' --runtime '" + tree.path() + "'";
+  testsupport::PtyProgram call({"/bin/sh", "-c", tool + " call " + guid + " x < /dev/null"});
   const std::string id = line(player.process, 1)["id"].asString();
   player.process.write("{\"reply\":" + id + ",\"data\":\"\\u001b[2Jgone\"}\n");
   EXPECT_TRUE(call.waitForText("\\x1b[2Jgone"));
