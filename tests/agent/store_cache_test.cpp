@@ -346,6 +346,15 @@ TEST_F(BoundedCacheTest, ADiskThatFailsCostsWhatWasNotWrittenAndNoAnswer) {
   EXPECT_EQ(cache_->count(), 0);
 }
 
+TEST_F(BoundedCacheTest, WhatIsOnTheDiskIsNotWrittenAgain) {
+  open(1000);
+  cache_->remember(file(1), "v1", kScannedNs);
+  cache_->flush();
+  database_->run("DELETE FROM scanned");
+  cache_->flush();
+  EXPECT_EQ(database_->number("SELECT count(*) FROM scanned"), 0);
+}
+
 TEST_F(BoundedCacheTest, SeveralThreadsAskRememberFlushAndClear) {
   open(500);
   std::vector<std::thread> threads;

@@ -167,6 +167,30 @@ TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {
   EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
   EXPECT_EQ(testsupport::readFile(path), "good");
   EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+  reopen();
+  EXPECT_THAT(store().notices(), IsEmpty()) << "it is settled once";
+}
+
+TEST_F(CrashTest, ALinkToTheFileOfADeletionIsNotThatFile) {
+  const std::string path = write("victim", "bad");
+  ASSERT_NO_FATAL_FAILURE(
+      leaveAt("deletion recorded", [&] { store().quarantine().remove(requestFor(path)); }));
+  std::filesystem::rename(path, at("moved"));
+  std::filesystem::create_symlink(at("moved"), path);
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("had ended")));
+  EXPECT_THAT(namesIn(at("")), ElementsAre("moved", "victim"));
+}
+
+TEST_F(CrashTest, ALinkUnderTheNameOfADeletionIsPutBack) {
+  const std::string path = write("victim", "bad");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { store().quarantine().remove(requestFor(path)); }));
+  const std::string aside = namesIn(at("")).at(0);
+  std::filesystem::rename(at(aside), at("moved"));
+  std::filesystem::create_symlink(at("moved"), at(aside));
+  reopen();
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("put back")));
+  EXPECT_THAT(namesIn(at("")), ElementsAre("moved", "victim"));
 }
 
 /// One property of the file under the name of a deletion differs from the record.
@@ -370,6 +394,17 @@ TEST_F(CrashTest, AnotherFileUnderThePrivateNameOfARemovalIsPutBackAndTheItemSta
   EXPECT_EQ(FileFacts::of(path), before);
 }
 
+TEST_F(CrashTest, ALinkUnderThePrivateNameOfARemovalIsPutBackAndTheItemStays) {
+  const std::string path = write("victim", "as scanned");
+  ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
+  const std::string aside = namesIn(at("")).at(0);
+  std::filesystem::rename(at(aside), at("moved"));
+  std::filesystem::create_symlink(at("moved"), at(aside));
+  reopen();
+  EXPECT_THAT(namesIn(at("")), ElementsAre("moved", "victim"));
+  EXPECT_EQ(items().size(), 1U);
+}
+
 TEST_F(CrashTest, AFileThatGrewUnderItsPrivateNameIsPutBack) {
   const std::string path = write("victim", "as scanned");
   ASSERT_NO_FATAL_FAILURE(leaveAt("set aside", [&] { add(path); }));
@@ -403,6 +438,7 @@ TEST_F(CrashTest, AFileWithTheSameContentInThePlaceOfTheOriginalIsNotTakenForIt)
   reopen();
   EXPECT_THAT(namesIn(at("")), ElementsAre("victim")) << "what was set aside is gone";
   EXPECT_EQ(items().size(), 1U) << "its removal had begun";
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its removal was ended")));
 }
 
 TEST_F(CrashTest, APipeInThePlaceOfTheOriginalIsNotWaitedFor) {
@@ -510,6 +546,19 @@ TEST_F(CrashTest, TheTemporaryFileOfARestoreIsTakenAwayAndWhatElseHasItsNameIsNo
   ASSERT_EQ(::mkfifo(at(".tav-" + uuid).c_str(), 0600), 0);
   reopen();
   EXPECT_EQ(namesIn(at("")).size(), 1U);
+
+  std::filesystem::remove(at(".tav-" + uuid));
+  ASSERT_NO_FATAL_FAILURE(leaveAt("restore recorded", [&] { restore(uuid); }));
+  std::filesystem::create_symlink(write("another"), at(".tav-" + uuid));
+  reopen();
+  EXPECT_EQ(namesIn(at("")).size(), 2U) << "the link and where it leads";
+}
+
+TEST_F(CrashTest, AnItemWhoseRowWasErasedGoesWithoutANotice) {
+  const std::string uuid = take(write("victim"));
+  dieAt("row erased", [&] { restore(uuid); });
+  EXPECT_THAT(store().notices(), IsEmpty());
+  EXPECT_THAT(vaultFiles(), IsEmpty());
 }
 
 TEST_F(CrashTest, AnItemThatIsKeptThoughItIsDamagedIsSaid) {
@@ -596,6 +645,14 @@ TEST(VaultTest, IsNotIdleWhileAnotherIsBusyAndIsNotWaitedForWithoutEnd) {
   another.setBusy(false);
   EXPECT_TRUE(vault.waitIdle());
   EXPECT_TRUE(another.waitIdle(std::chrono::milliseconds(20))) << "who waited holds nothing";
+}
+
+TEST(VaultTest, ALinkThatLeadsNowhereHasTheNameOfAnItemToo) {
+  const testsupport::TempDir folder;
+  const store::Vault vault(folder.at("vault"));
+  EXPECT_FALSE(vault.isWhole("uuid"));
+  std::filesystem::create_symlink("nowhere", folder.at("vault/uuid.item"));
+  EXPECT_TRUE(vault.isWhole("uuid"));
 }
 
 TEST(VaultTest, FilesAreThoseWithANameBeforeTheEnding) {

@@ -9,6 +9,7 @@ namespace agent {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testsupport::FileCalls;
@@ -157,6 +158,7 @@ TEST_F(DurabilityTest, AStartThatRevivesAnItemSyncsItsName) {
   std::filesystem::remove(at("victim"));
   EXPECT_THAT(callsOfAStart(),
               ElementsAre("lock quarantine", "rename ID.gone to ID.item", "sync quarantine", kRowSynced));
+  EXPECT_THAT(store().notices(), ElementsAre(HasSubstr("its restore had not ended")));
 }
 
 TEST_F(DurabilityTest, AStartWaitsForTheChildOfAnEarlierAgentBeforeItLooksAtAnything) {
@@ -192,7 +194,7 @@ TEST_F(DurabilityTest, ARowThatCannotBeSyncedLeavesTheOriginalAlone) {
   {
     FileCalls calls;
     calls.fail("sync", "agent.db-wal", EIO);
-    EXPECT_FALSE(add(path));
+    EXPECT_THAT(lineOf(add(path)), EndsWith("agent.db': disk I/O error")) << "no damage";
     EXPECT_THAT(namesIn(at("")), ElementsAre("victim"));
   }
   EXPECT_EQ(testsupport::readFile(path), "a file that was detected");

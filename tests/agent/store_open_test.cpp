@@ -121,12 +121,15 @@ TEST_F(OpenTest, ADatabaseThatCannotBeReadAtAllIsDamageToo) {
   file.seekp(100);
   file << "\xff";
   file.close();
+  const auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto before = open();
   try {
     store::Database database(path, store::Durability::kFull);
     ADD_FAILURE() << "it was opened";
   } catch (const store::StoreError& error) {
     EXPECT_THAT(error.what(), HasSubstr("some.db' is damaged"));
   }
+  EXPECT_EQ(open(), before);
 }
 
 TEST_F(OpenTest, AFunctionInTheSchemaOfADatabaseIsNotTrusted) {

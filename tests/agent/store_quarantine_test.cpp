@@ -639,6 +639,21 @@ TEST_F(LimitTest, CleaningToARateDeletesTheOldestUntilThatMuchIsFree) {
   EXPECT_EQ(names(), (std::vector<std::string>{"third", "fourth", "new"}));
 }
 
+TEST_F(LimitTest, TheRateIsExact) {
+  set(R"({"Common":{"SizeLimit":1},"AutoClean":{"Flag":true,"CleanType":1,"CleanRate":50}})");
+  using Names = std::vector<std::string>;
+  for (const auto& [bytes, kept] :
+       {std::pair{"536000000", Names{"second", "new"}}, std::pair{"537000000", Names{"new"}}}) {
+    take(write("first"));
+    take(write("second"));
+    pretend(("UPDATE items SET isolate_time=1000+id,stored_bytes=" + std::string(bytes)).c_str());
+    take(write("new"));
+    EXPECT_EQ(names(), kept) << bytes;
+    store().quarantine().restore({}, true, false, "", root());
+    ASSERT_THAT(names(), testing::IsEmpty());
+  }
+}
+
 TEST_F(LimitTest, TheOldestComeFirstInTheListAndInCleaningWhateverTheOrderOfTheirRows) {
   set(R"({"Common":{"SizeLimit":1}})");
   for (const char* name : {"first", "second", "third", "fourth"}) {

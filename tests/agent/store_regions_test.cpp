@@ -92,7 +92,7 @@ TEST_F(RegionTest, AFolderEntryTrustsTheFolderAndAllBelowIt) {
 TEST_F(RegionTest, AnExtensionEntryTrustsFilesOfThatEndingWhateverTheCase) {
   add(kExtension, ".TXT");
   add(kExtension, "tar.gz");
-  for (const char* path : {"/a/b.txt", "/a/b.Txt", "/a/x.y.txt", "/b.TAR.gz"}) {
+  for (const char* path : {"/a/b.txt", "/a/b.Txt", "/a/x.y.txt", "/b.TAR.gz", "/b.txt"}) {
     EXPECT_EQ(regions().byPath(path), RegionVerdict::kTrusted) << path;
   }
   for (const char* path : {"/a/txt", "/a/.txt", "/a/b.txt/c", "/a/b.txtx", "/a/b.gz", "/a/b."}) {
@@ -409,7 +409,7 @@ TEST_F(RegionTest, AChangeOfTheWrongFormIsRefused) {
   for (const auto& [member, value] : members) {
     Json::Value bad = good;
     bad[member] = testsupport::jsonOf("[" + std::string(value) + "]")[0];
-    refusal(kTrust, bad);
+    EXPECT_THAT(refusal(kTrust, bad), HasSubstr("\"" + std::string(member) + "\"")) << value;
   }
   EXPECT_EQ(listed(kFile), Items{});
 }
@@ -473,6 +473,11 @@ TEST_F(RegionTest, AnEntryIsListedWithAllFieldsOfItsRecord) {
   EXPECT_EQ(entry["modify_time"], entry["add_time"]);
   std::filesystem::remove(path);
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["exist_state"], 0);
+}
+
+TEST_F(RegionTest, AHashIsListedInItsFieldToo) {
+  add(kMd5, kSomeMd5);
+  EXPECT_EQ(regions().list(kEvery, kMd5, kTrust)[0]["md5"], kSomeMd5);
 }
 
 TEST_F(RegionTest, WhatIsNoRegularFileIsNotOpenedForItsSizeAndHash) {
