@@ -53,9 +53,8 @@ platform::Expected<void> CallerRights::takeAll(const CallerId& caller) {
   }
   uid_ = caller.uid;
   gid_ = caller.gid;
-  reduced_ = true;
+  reduced_ = true;  // from here on the destructor restores
   if (!takeUser()) {
-    restore();
     return platform::failure("cannot take the rights of " + user);
   }
   return {};
@@ -69,13 +68,9 @@ bool CallerRights::takeUser() const {
 }
 
 CallerRights::~CallerRights() {
-  if (reduced_) {
-    restore();
+  if (!reduced_) {
+    return;
   }
-}
-
-void CallerRights::restore() {
-  reduced_ = false;
   setfsuid(geteuid());
   setfsgid(ownGid_);
   if (setThreadGroups(ownGroups_) != 0 || currentFsUid() != geteuid()) {

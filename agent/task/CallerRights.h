@@ -42,7 +42,6 @@ class CallerRights {
   CallerRights() = default;
   platform::Expected<void> takeAll(const CallerId& caller);
   bool takeUser() const;
-  void restore();
 
   bool reduced_ = false;
   uid_t uid_ = 0;

@@ -85,6 +85,14 @@ TEST_P(HandledBy, AFileThatCameInThePlaceOfTheScannedOneStays) {
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
 
+TEST_P(HandledBy, AFileWhoseFolderWasMovedSinceItsScanIsRemovedWhereItIs) {
+  plan_.action = GetParam().second;
+  const std::shared_ptr<EncounteredFile> file = scanned(folder_.write("d/file", "bad"));
+  std::filesystem::rename(folder_.at("d"), folder_.at("moved"));
+  EXPECT_EQ(handle(file), kQuarantined);
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.at("moved")));
+}
+
 TEST_P(HandledBy, AFileThatWasWrittenAfterItsScanStays) {
   plan_.action = GetParam().second;
   const std::string path = folder_.write("d/file", "bad");

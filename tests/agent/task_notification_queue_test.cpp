@@ -282,6 +282,7 @@ TEST_F(NotificationQueueTest, AReceiverThatTakesNothingForTheStallLimitCountsAsG
   NotificationQueue impatient(quick(std::chrono::milliseconds(20)));
   impatient.post(receiver, kKept, 10, console.notification("1"));
   EXPECT_TRUE(waitFor([&] { return impatient.gone(receiver); }));
+  EXPECT_TRUE(impatient.drain(std::chrono::seconds(10))) << "nothing is tried again";
 }
 
 TEST_F(NotificationQueueTest, WaitForQuotaWaitsUntilTheReceiverTakesAgain) {

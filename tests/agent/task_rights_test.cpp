@@ -70,6 +70,7 @@ TEST_F(CallerRightsTest, BehindItTheThreadHasTheAgentsGroupsAgain) {
   std::thread([this] {
     const std::vector<gid_t> agents{60201, 60202};  // of this thread alone
     ASSERT_EQ(0, syscall(SYS_setgroups, agents.size(), agents.data()));
+    ASSERT_EQ(0, syscall(SYS_setresgid, -1, 60203, -1));
     {
       const auto rights = CallerRights::take(caller);
       EXPECT_EQ(std::vector{kOtherGroup}, groupsOfThisThread());

@@ -318,7 +318,14 @@ TEST_F(WalkerTest, ATreeDeeperThanTheOpenFoldersIsWalkedToItsEnds) {
     ASSERT_TRUE(file);
     at = platform::Descriptor(openat(at.get(), "deeper", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   }
+  const auto openFiles = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const auto before = openFiles();
+  auto most = before;
+  sink.onFile = [&](const std::string&) { most = std::max(most, openFiles()); };
   EXPECT_EQ("", walk(dir.path()));
+  EXPECT_LT(most, before + 80) << "the upper folders are closed on the way down";
   EXPECT_EQ(static_cast<std::size_t>(levels), sink.files.size());
   EXPECT_TRUE(sink.failures.empty());
   EXPECT_NEAR(1.0, sink.progress, 1e-6);
