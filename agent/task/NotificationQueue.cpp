@@ -222,7 +222,6 @@ void NotificationQueue::dropAll(Receiver& receiver, const char* why) {
             why, receiver.waiting_.size() + 1);
   receiver.gone_ = true;
   receiver.waiting_.clear();
-  receiver.bytes_ = 0;
 }
 
 }  // namespace agent

@@ -93,6 +93,8 @@ TEST_F(WalkerTest, WhetherANamedFilesFolderIsWritableIsAskedOfTheFolderThatHolds
   for (const char* folder : {"", "own", "real"}) {
     ASSERT_EQ(0, chmod(dir.at(folder).c_str(), folder == std::string("own") ? 0777 : 0755));
   }
+  EXPECT_EQ("", walk(dir.at("real/file")));
+  EXPECT_TRUE(sink.writable[dir.at("real/file")]);
   std::thread([&] {
     const auto rights = CallerRights::take(CallerId{60123, 60124, {}, getpid()});
     EXPECT_EQ("", walk(dir.at("own/link")));
