@@ -100,6 +100,18 @@ TEST_F(LinkTest, AFileExchangedForALinkIsLeftAloneAndSoIsWhereItLeads) {
   expectUntouched();
 }
 
+TEST_F(LinkTest, AFileExchangedForALinkToItselfIsNotSaidToBeTaken) {
+  const std::string path = write("a", "detected");
+  before("named", [&] {
+    std::filesystem::rename(path, at("moved"));
+    std::filesystem::create_symlink(at("moved"), path);
+  });
+  EXPECT_FALSE(add(path));
+  EXPECT_TRUE(std::filesystem::is_symlink(path));
+  EXPECT_EQ(testsupport::readFile(at("moved")), "detected");
+  EXPECT_THAT(items(), IsEmpty());
+}
+
 TEST_F(LinkTest, AFileWrittenToAfterItWasCopiedIsPutBack) {
   for (const char* step : {"copied", "recorded", "named", "moved"}) {
     const std::string path = write("a", "detected");
