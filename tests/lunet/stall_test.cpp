@@ -77,6 +77,8 @@ TEST_F(StallTest, ACallToAStalledReceiverFailsAtOnceWhenTheQueueIsFull) {
   Gate gate;
   Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
   Endpoint sender(client, newGuid());
+  ASSERT_EQ(sender.send(server.guid(), "first"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1)) << "from here on nothing is read";
   std::uint32_t error = 0;
   fill(sender, server.guid(), error);
   EXPECT_EQ(sender.call(server.guid(), "x", 3600 * 1000).error, lunet::kErrQueueFull);
