@@ -32,7 +32,7 @@ TEST(AgentProgram, ThatCannotGoToTheBackgroundFailsWithALine) {
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
 #endif
   const AgentTree tree({.group = "", .start = false, .uid = {}});
-  Process agent({"/bin/sh", "-c", "ulimit -n 4; exec \"$0\" --daemon --install-dir \"$1\"",
+  Process agent({"/bin/sh", "-c", "exec 3>&-; ulimit -n 4; exec \"$0\" --daemon --install-dir \"$1\"",
                  tree.program("tavagentd"), tree.path()});
   EXPECT_EQ(1, agent.wait());
   EXPECT_EQ("tavagentd: pipe2: Too many open files\n", agent.err());
