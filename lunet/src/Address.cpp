@@ -125,12 +125,12 @@ Result<void> Address::lock(const std::string& path, const std::string& aside, bo
     }
     const bool foreign = st.st_uid != geteuid();
     if (held && !(agents && foreign && st.st_uid != 0)) {
-      const std::string user = "user " + std::to_string(st.st_uid);
-      return failed(kErrInUse,
-                    shown + (denied ? " belongs to " + user +
-                                          ": the address is in use, or left by a crash (then that user or "
-                                          "root can take it)"
-                                    : " is held by a live process of " + user));
+      std::string reason = shown + (denied ? " belongs to " : " is held by a live process of ");
+      reason += "user " + std::to_string(st.st_uid);
+      if (denied) {
+        reason += ": the address is in use, or left by a crash (then that user or root can take it)";
+      }
+      return failed(kErrInUse, reason);
     }
     if (!held && !foreign) {
       lock_ = std::move(file);

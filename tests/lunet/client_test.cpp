@@ -10,7 +10,6 @@
 #include <sstream>
 
 #include "BusFixture.h"
-#include "support/KeepLoaded.h"
 #include "support/Mounts.h"
 #include "support/Wait.h"
 
@@ -124,7 +123,6 @@ TEST_F(ClientTest, ALookFindsTheAgentWithoutAWait) {
 }
 
 TEST_F(ClientTest, LooksLogChangesOnly) {
-  testsupport::keepLoadedForLeakSanitizer(TAV_LIB_DIR "/libLunetClientMgr.so");
   Client client(logged(",\"log_level\":3"));
   const auto lookThrice = [&client] {
     for (int i = 0; i < 3; ++i) {
