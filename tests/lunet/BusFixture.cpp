@@ -15,13 +15,11 @@
 #include "Frame.h"
 #include "SocketFolder.h"
 #include "platform/Text.h"
-#include "support/KeepLoaded.h"
 #include "support/Wait.h"
 
 namespace lunettest {
 
 Client::Client(const std::string& config, const char* uuid) {
-  testsupport::keepLoadedForLeakSanitizer(TAV_LIB_DIR "/libLunetClientMgr.so");
   if (const auto loaded = bus_.load(TAV_LIB_DIR "/libLunetClientMgr.so"); !loaded) {
     throw std::runtime_error(loaded.error());
   }
