@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 
+#include "support/Command.h"
 #include "support/TempDir.h"
 #include "support/Wait.h"
 
@@ -18,10 +18,11 @@ namespace testsupport {
 
 namespace {
 
-[[noreturn]] void runChild(const std::vector<std::string>& command, const Process::Options& options,
-                           int input, const std::string& outPath, const std::string& errPath) {
-  const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+/// Allocates nothing: see Command.
+[[noreturn]] void runChild(Command& command, const Process::Options& options, int input, const char* outPath,
+                           const char* errPath) {
+  const int out = open(outPath, O_WRONLY | O_CREAT | O_APPEND, 0600);
+  const int err = open(errPath, O_WRONLY | O_CREAT | O_APPEND, 0600);
   dup2(input, 0);
   dup2(out, 1);
   dup2(err, 2);
@@ -39,20 +40,7 @@ namespace {
   if (options.uid && setresuid(*options.uid, *options.uid, *options.uid) != 0) {
     _exit(126);
   }
-  for (const auto& [name, value] : options.environment) {
-    if (value.empty()) {
-      unsetenv(name.c_str());
-    } else {
-      setenv(name.c_str(), value.c_str(), 1);
-    }
-  }
-  std::vector<char*> arguments;
-  for (const std::string& word : command) {
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  execvp(arguments[0], arguments.data());
-  _exit(127);
+  command.exec();
 }
 
 /// A write to a program that is gone must not end the test's process, so SIGPIPE is dropped. SIGPIPE is not
@@ -80,7 +68,10 @@ class SigpipeHeld {
 
 }  // namespace
 
-Process::Process(std::vector<std::string> command, Options options) {
+Process::Process(std::vector<std::string> words, Options options) {
+  Command command(std::move(words), options.environment);
+  const std::string out = files_.at("out");
+  const std::string err = files_.at("err");
   int pipeEnds[2];
   if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe2 failed");
@@ -90,7 +81,7 @@ Process::Process(std::vector<std::string> command, Options options) {
     throw std::runtime_error("fork failed");
   }
   if (pid_ == 0) {
-    runChild(command, options, pipeEnds[0], files_.at("out"), files_.at("err"));
+    runChild(command, options, pipeEnds[0], out.c_str(), err.c_str());
   }
   close(pipeEnds[0]);
   input_ = pipeEnds[1];

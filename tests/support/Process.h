@@ -23,8 +23,8 @@ class Process {
     std::optional<gid_t> gid;
     std::vector<gid_t> groups;  ///< supplementary groups, set when uid or gid is
   };
-  Process(std::vector<std::string> command, Options options);
-  explicit Process(std::vector<std::string> command) : Process(std::move(command), Options{}) {}
+  Process(std::vector<std::string> words, Options options);
+  explicit Process(std::vector<std::string> words) : Process(std::move(words), Options{}) {}
   ~Process();  ///< SIGKILL if it still runs
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;

@@ -10,39 +10,32 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
+
+#include "support/Command.h"
 
 namespace testsupport {
 
 namespace {
 
-[[noreturn]] void runChild(const std::vector<std::string>& command, const PtyProgram::Options& options,
-                           int slave) {
+/// Allocates nothing: see Command.
+[[noreturn]] void runChild(Command& command, const std::string& workingDir, int slave) {
   setsid();
   ioctl(slave, TIOCSCTTY, 0);
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     dup2(slave, descriptor);
   }
-  if (!options.workingDir.empty() && chdir(options.workingDir.c_str()) != 0) {
+  if (!workingDir.empty() && chdir(workingDir.c_str()) != 0) {
     _exit(126);
   }
-  for (const auto& [name, value] : options.environment) {
-    value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
-  }
-  std::vector<char*> arguments;
-  for (const std::string& word : command) {
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  execvp(arguments[0], arguments.data());
-  _exit(127);
+  command.exec();
 }
 
 }  // namespace
 
-PtyProgram::PtyProgram(std::vector<std::string> command, Options options)
+PtyProgram::PtyProgram(std::vector<std::string> words, Options options)
     : screen_(options.rows, options.cols) {
   winsize window{};
   window.ws_row = static_cast<unsigned short>(options.rows);
@@ -58,12 +51,13 @@ PtyProgram::PtyProgram(std::vector<std::string> command, Options options)
   for (const char* name : kRewrapVariables) {
     options.environment.emplace(name, "");
   }
+  Command command(std::move(words), options.environment);
   pid_ = fork();
   if (pid_ < 0) {
     throw std::runtime_error("fork failed");
   }
   if (pid_ == 0) {
-    runChild(command, options, slave_);
+    runChild(command, options.workingDir, slave_);
   }
 }
 

@@ -28,8 +28,8 @@ class PtyProgram {
     /// kRewrapVariables are unset.
     std::map<std::string, std::string> environment;
   };
-  PtyProgram(std::vector<std::string> command, Options options);
-  explicit PtyProgram(std::vector<std::string> command) : PtyProgram(std::move(command), Options{}) {}
+  PtyProgram(std::vector<std::string> words, Options options);
+  explicit PtyProgram(std::vector<std::string> words) : PtyProgram(std::move(words), Options{}) {}
   ~PtyProgram();  ///< SIGKILL if it still runs
   PtyProgram(const PtyProgram&) = delete;
   PtyProgram& operator=(const PtyProgram&) = delete;
