@@ -54,6 +54,7 @@ class ScanTaskTest : public ::testing::Test {
   std::unique_ptr<ScanTask> begin(const ScanPlan& plan) {
     owner = std::make_shared<TaskListener>();
     owner->held = held;
+    owner->attributesFail = attributesFail;
     owner->onStage = onStage;
     auto task = std::make_unique<ScanTask>(
         ScanTask::Parts{*store, *scanner, ownFolders, std::chrono::milliseconds(20), fileSystem}, "token",
@@ -151,6 +152,7 @@ class ScanTaskTest : public ::testing::Test {
   std::vector<std::string> ownFolders;
   std::function<FileSystem(int)> fileSystem = fileSystemOf;
   CallerId caller{geteuid(), getegid(), {}, getpid()};
+  bool attributesFail = false;  ///< of the next scan's owner
   std::shared_ptr<TaskListener> owner;  ///< of the last scan
   std::function<void(int)> onStage;
   std::atomic<int> released{0}, delivered{0};  ///< how often the tasks' hooks ran

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,9 @@ class TaskListener final : public TaskEvents {
     }
   }
   void attributes(const Json::Value& payload) override {
+    if (attributesFail) {
+      throw std::runtime_error("no attributes");
+    }
     const std::lock_guard guard(mutex_);
     attributes_ = payload;
   }
@@ -98,6 +102,7 @@ class TaskListener final : public TaskEvents {
 
   std::function<void(int)> onStage;  ///< on the task's thread
   std::atomic<bool> held{false}, waiting{false};
+  std::atomic<bool> attributesFail{false};
 
  private:
   template <class Value>

@@ -127,6 +127,17 @@ TEST_F(ItemFileTest, ContentWithoutItsChecksumIsRefusedThoughTheWholeFileIsThere
             "is damaged: its content ends too early");
 }
 
+TEST_F(ItemFileTest, ContentWhoseChecksumIsWrongCannotBeDecompressed) {
+  const std::string item = itemOf("content");
+  const auto content = static_cast<std::size_t>(static_cast<unsigned char>(item[item.size() - kFooterBytes]));
+  for (std::size_t fromEnd = 1; fromEnd <= 4; ++fromEnd) {
+    std::string changed = item;
+    char& byte = changed[kHeaderBytes + content - fromEnd];
+    byte = static_cast<char>(byte ^ 1);
+    EXPECT_EQ(damageOf(changed), "is damaged: its content cannot be decompressed") << fromEnd;
+  }
+}
+
 TEST_F(ItemFileTest, ContentThatGoesOnBehindItsLengthIsRefusedBeforeItsEnd) {
   const std::string content(200'000, 'x');
   store::ItemMeta meta = metaOf(content);

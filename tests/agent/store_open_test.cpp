@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "json/Values.h"
 #include "store/AuditLog.h"
 #include "store/Schema.h"
+#include "store/Vault.h"
 #include "support/FileCalls.h"
 
 namespace agent {
@@ -145,6 +147,31 @@ TEST_F(OpenTest, AValueThatAStatementCannotTakeIsRefused) {
   EXPECT_TRUE(text.bind(std::string(100, 'x')).step());
   store::Statement none(database, "SELECT 1");
   EXPECT_THROW(none.bind(1), store::StoreError);
+}
+
+TEST_F(OpenTest, ALongTextOfAnyBytesIsReadBackAsItWasBound) {
+  store::Database database(folder_.at("some.db"), store::Durability::kFull);
+  store::Statement echo(database, "SELECT ?1");
+  for (const std::string& text : {testsupport::noise(1 << 20), std::string(100'000, '\0'), std::string()}) {
+    ASSERT_TRUE(echo.bind(text).step());
+    EXPECT_EQ(echo.text(0), text);
+  }
+}
+
+TEST_F(OpenTest, AQuarantineFolderThatCannotBeReadIsAnErrorAndNotEmpty) {
+  const store::Vault vault(folder_.path());
+  rlimit normal{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &normal), 0);
+  const rlimit none{0, normal.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::string reason;
+  try {
+    vault.files();
+  } catch (const store::StoreError& error) {
+    reason = error.what();
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &normal), 0);
+  EXPECT_EQ(reason, "cannot read the quarantine's folder: Too many open files");
 }
 
 TEST_F(OpenTest, AStatementThatTheDatabaseDoesNotKnowIsRefusedBeforeItsFirstUse) {

@@ -442,6 +442,21 @@ TEST_F(RegionTest, PersonalAndGlobalEntriesStandSideBySide) {
   EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kNone);
 }
 
+TEST_F(RegionTest, AnEntryIsDeletedInItsRegionTypeAndDomainOnly) {
+  add(kFile, "/a", kTrust, kPersonal);
+  add(kFile, "/a", kTrust, kGlobal);
+  add(kFolder, "/a", kTrust, kPersonal);
+  add(kFile, "/a", kReject, kPersonal);
+  del(kFile, "/a", kTrust, kPersonal);
+  for (int restarts = 0; restarts < 2; ++restarts) {
+    EXPECT_EQ(listed(kFile, kTrust, kPersonal), Items{});
+    EXPECT_EQ(listed(kFile, kTrust, kGlobal), Items{"/a"});
+    EXPECT_EQ(listed(kFolder, kTrust, kPersonal), Items{"/a"});
+    EXPECT_EQ(listed(kFile, kReject, kPersonal), Items{"/a"});
+    reopen();
+  }
+}
+
 TEST_F(RegionTest, EveryTypeIsListedByItself) {
   const std::vector<std::string> items = {"/f", "/d", "ext", kSomeMd5, "name", kSomeSha1, kSomeSha256};
   for (const Region region : json::kValuesOf<Region>) {

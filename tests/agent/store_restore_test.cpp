@@ -331,6 +331,16 @@ TEST(RestorePlan, WithoutAnAbsoluteFolderOrANameIsNone) {
   EXPECT_FALSE(store::RestorePlan::fromText(plan.toText()));
 }
 
+TEST(RestorePlan, KeepsPathsOfAnyBytes) {
+  const store::RestorePlan plan{
+      .folder = "/a\xff\n\x80", .name = "\xfe 'x", .trusted = {"/t\xff", "/\x80"}, .caller = 0};
+  const auto read = store::RestorePlan::fromText(plan.toText());
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->folder, plan.folder);
+  EXPECT_EQ(read->name, plan.name);
+  EXPECT_EQ(read->trusted, plan.trusted);
+}
+
 TEST_F(RestoreTest, ADamagedRecordIsRefusedClearly) {
   const std::string uuid = take(write("a"));
   store_.reset();

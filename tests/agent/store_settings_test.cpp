@@ -233,6 +233,9 @@ TEST_F(SettingsTest, AnUnknownKeySectionOrTypeIsRefused) {
   EXPECT_EQ(refusal(json::ConfigType::kRealTime, R"({"Common":{"Parallelism":1}})"),
             "there is no setting Common.Parallelism")
       << "a setting of another type";
+  EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Compressed":{"ScanFileType":1}})"),
+            "there is no setting Compressed.ScanFileType")
+      << "a setting of another section";
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"Watcher":{"Flag":true}})"),
             "there is no section Watcher in settings of type 0");
   EXPECT_EQ(refusal(json::ConfigType::kScan, R"({"MultiEngines":null})"),

@@ -7,12 +7,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <thread>
 
 #include "TaskListener.h"
 #include "store/StepHook.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 #include "task/DetectionHandler.h"
 
@@ -23,6 +25,7 @@ using enum json::HandleResult;
 using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAreArray;
 
 class Handling : public testing::Test {
  protected:
@@ -257,6 +260,27 @@ TEST_F(Handling, AProcessThatIsNotEndedIsReportedAsThat) {
   EXPECT_THAT(testsupport::readFile(folder_.at("state/audit.log")),
               AllOf(HasSubstr(" pid=" + std::to_string(getpid()) + " action=\"end process\""),
                     HasSubstr("is the agent or started it")));
+}
+
+TEST_F(Handling, EveryProcessThatRunsTheDetectionIsReportedAndEnded) {
+  plan_.action = json::HandleAction::kNothing;
+  plan_.memoryCheck = plan_.endProcesses = true;
+  const std::string program = folder_.at("program");
+  std::filesystem::copy_file("/bin/sleep", program);
+  std::vector<std::unique_ptr<testsupport::Process>> processes;
+  std::vector<int> pids;
+  for (int i = 0; i < 3; ++i) {
+    processes.push_back(std::make_unique<testsupport::Process>(std::vector<std::string>{program, "600"}));
+    pids.push_back(processes.back()->pid());
+    const std::string link = "/proc/" + std::to_string(pids.back()) + "/exe";
+    ASSERT_TRUE(testsupport::waitFor([&] { return std::filesystem::read_symlink(link) == program; }));
+  }
+  handle(scanned(program));
+  EXPECT_THAT(told_.processes(), UnorderedElementsAreArray(pids));
+  for (const auto& process : processes) {
+    EXPECT_EQ(told_.handled(process->pid()), kProcessEnded);
+    EXPECT_EQ(process->wait(), 128 + SIGKILL);
+  }
 }
 
 TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {

@@ -90,7 +90,7 @@ TEST_F(ScanCourse, AStopEndsTheWaitForSignaturesThatLoad) {
     scanner = &slow;
     const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
     EXPECT_TRUE(task->stop("no longer wanted"));
-    EXPECT_TRUE(task->waitOver(kLimit));
+    EXPECT_TRUE(task->waitOver(std::chrono::seconds(10)));
     EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));
     EXPECT_EQ("no longer wanted", owner->detail());
     return;
@@ -126,6 +126,15 @@ INSTANTIATE_TEST_SUITE_P(Items, ItemThatIsNeverScanned,
                                            ItemRow{"PseudoFileSystem", "/proc", "/proc: pseudo"},
                                            ItemRow{"OwnFolder", "own/file", "kept by the agent itself"}),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(ScanCourse, AScanThatBreaksOffIsAbortedWithTheReason) {
+  attributesFail = true;
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kAborted));
+  EXPECT_EQ("internal error: no attributes", owner->detail());
+  EXPECT_THAT(owner->percents(), Not(Contains(100)));
+}
 
 TEST_F(ScanCourse, TheAgentsOwnFoldersAreNotEnteredFromAbove) {
   ownFolders = {dir.at("d/own")};

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "WorkerFixture.h"
+#include "support/Process.h"
 #include "worker/Channel.h"
 #include "worker/Messages.h"
 
@@ -683,6 +684,28 @@ TEST_F(Pools, AnExceptionFromACallbackIsDropped) {
   begin(pool, "behind", eicar());
   pool.drain();
   EXPECT_EQ(verdict("behind").outcome, Outcome::kInfected);
+}
+
+TEST_F(Pools, DrainReturnsBehindTheCallbackOfTheLastFile) {
+  WorkerPool pool(spawner(), 1);
+  const std::string path = dir().write("file", "some text");
+  std::atomic<bool> inCallback = false, open = false, drained = false;
+  std::atomic<pid_t> drainer = 0;
+  pool.scan(openFile(path), path, {}, [&](const Verdict&) {
+    inCallback = true;
+    EXPECT_TRUE(testsupport::waitFor([&] { return open.load(); }));
+  });
+  EXPECT_TRUE(testsupport::waitFor([&] { return inCallback.load(); }));
+  std::thread draining([&] {
+    drainer = ::gettid();
+    pool.drain();
+    drained = true;
+  });
+  EXPECT_TRUE(
+      testsupport::waitFor([&] { return drained || (drainer != 0 && testsupport::threadSleeps(drainer)); }));
+  EXPECT_FALSE(drained);
+  open = true;
+  draining.join();
 }
 
 TEST_F(Pools, ADescriptorThatCannotBeScannedIsAnError) {

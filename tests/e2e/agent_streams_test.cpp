@@ -1,4 +1,5 @@
 // The agent without standard input, output and error: no other descriptor may get their numbers.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -9,6 +10,8 @@
 
 namespace {
 
+using testing::HasSubstr;
+using testing::Not;
 using testsupport::AgentTree;
 using testsupport::Process;
 using testsupport::waitFor;
@@ -25,6 +28,14 @@ TEST(AgentProgram, InTheForegroundWithoutStandardDescriptorsHasNothingOfItsOwnTh
   }
   agent.kill(SIGTERM);
   EXPECT_EQ(0, agent.wait());
+}
+
+TEST(AgentProgram, ThatFailsShowsTheControlCharactersOfItsTreesName) {
+  const AgentTree tree({.group = "", .start = false, .uid = {}});
+  Process agent({tree.program("tavagentd"), "--install-dir", "/absent/\x1b[2J\nhere"});
+  EXPECT_EQ(1, agent.wait());
+  EXPECT_THAT(agent.err(), HasSubstr("/absent/\\x1b[2J\\nhere/"));
+  EXPECT_THAT(agent.err(), Not(HasSubstr("\x1b")));
 }
 
 TEST(AgentProgram, ThatCannotGoToTheBackgroundFailsWithALine) {

@@ -51,6 +51,7 @@ const FormRow kForms[] = {
     {"PageDown", "\033[6~", KeyCode::kPageDown},
     {"XtermF1", "\033OP", KeyCode::kF1},
     {"VtF1", "\033[11~", KeyCode::kF1},
+    {"XtermCtrlF1", "\033[11;5~", KeyCode::kF1, false, true},
     {"LinuxConsoleF1", "\033[[A", KeyCode::kF1},
     {"XtermF2", "\033OQ", KeyCode::kF2},
     {"VtF2", "\033[12~", KeyCode::kF2},

@@ -387,8 +387,8 @@ TEST_F(LunetctlTest, HelpNamesEveryCommand) {
   for (const char* option : {"--help", "-h"}) {
     const Result help = run({tree.at("bin/lunetctl"), option});
     EXPECT_EQ(help.status, 0);
-    for (const char* word :
-         {"list", "call GUID TEXT", "send GUID TEXT", "listen GUID", "\"event\":\"ready\""}) {
+    for (const char* word : {"--runtime DIR", "list", "call GUID TEXT", "send GUID TEXT", "listen GUID",
+                             "\"event\":\"ready\""}) {
       EXPECT_NE(help.out.find(word), std::string::npos) << option << " " << word;
     }
   }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,6 +15,7 @@
 #include <functional>
 #include <utility>
 
+#include "platform/Posix.h"
 #include "support/FileCalls.h"
 #include "support/TempDir.h"
 
@@ -121,6 +123,19 @@ TEST(File, ASignalDuringAReadOrWriteCostsNothing) {
   calls.fail("read f", "", EINTR, 1);
   EXPECT_EQ(CFile::readAll(dir.at("f")), "new");
   EXPECT_THAT(calls.seen(), Not(Contains(HasSubstr("open for children"))));
+}
+
+TEST(ReadFully, GoesOnBehindAReadThatGaveLess) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);  // a read gives one packet
+  const platform::Descriptor out(ends[0]);
+  const platform::Descriptor in(ends[1]);
+  for (const char* packet : {"ab", "c", "def"}) {
+    ASSERT_EQ(platform::writeAll(out.get(), packet), 0);
+  }
+  char bytes[6];
+  EXPECT_EQ(platform::readFully(in.get(), bytes, sizeof bytes), 6);
+  EXPECT_EQ(std::string(bytes, sizeof bytes), "abcdef");
 }
 
 TEST(File, AReadThatFailsGivesTheReason) {
