@@ -11,6 +11,7 @@
 #include "engine/Digest.h"
 #include "json/Values.h"
 #include "support/ArchiveMaker.h"
+#include "support/Process.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
 
@@ -76,6 +77,14 @@ std::set<pid_t> ownChildren() {
   return {std::istream_iterator<pid_t>(text), {}};
 }
 
+std::set<pid_t> ownThreads() {
+  std::set<pid_t> threads;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    threads.insert(std::stoi(entry.path().filename()));
+  }
+  return threads;
+}
+
 TEST_F(ScanCourse, AStopEndsTheWaitForSignaturesThatLoad) {
   for (int attempt = 0; attempt < 50; ++attempt) {
     const std::set<pid_t> before = ownChildren();
@@ -88,7 +97,12 @@ TEST_F(ScanCourse, AStopEndsTheWaitForSignaturesThatLoad) {
       continue;  // it was quicker
     }
     scanner = &slow;
+    const std::set<pid_t> threads = ownThreads();
     const std::unique_ptr<ScanTask> task = begin(custom({dir.write("file", "clean")}));
+    std::set<pid_t> begun = ownThreads();
+    std::erase_if(begun, [&](pid_t thread) { return threads.count(thread) != 0; });
+    ASSERT_EQ(1U, begun.size());
+    EXPECT_TRUE(testsupport::waitFor([&] { return testsupport::threadSleeps(*begun.begin()); }));
     EXPECT_TRUE(task->stop("no longer wanted"));
     EXPECT_TRUE(task->waitOver(std::chrono::seconds(10)));
     EXPECT_THAT(owner->states(), ElementsAre(kNotCreated));

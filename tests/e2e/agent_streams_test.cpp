@@ -31,11 +31,14 @@ TEST(AgentProgram, InTheForegroundWithoutStandardDescriptorsHasNothingOfItsOwnTh
 }
 
 TEST(AgentProgram, ThatFailsShowsTheControlCharactersOfItsTreesName) {
-  const AgentTree tree({.group = "", .start = false, .uid = {}});
-  Process agent({tree.program("tavagentd"), "--install-dir", "/absent/\x1b[2J\nhere"});
-  EXPECT_EQ(1, agent.wait());
-  EXPECT_THAT(agent.err(), HasSubstr("/absent/\\x1b[2J\\nhere/"));
-  EXPECT_THAT(agent.err(), Not(HasSubstr("\x1b")));
+  const AgentTree tree;
+  const testsupport::TempDir folder;
+  const std::string link = folder.at("to\x1b[2J\nthe tree");
+  std::filesystem::create_directory_symlink(tree.path(), link);
+  Process second({tree.program("tavagentd"), "--install-dir", link});
+  EXPECT_EQ(4, second.wait());
+  EXPECT_THAT(second.err(), HasSubstr(folder.at("to\\x1b[2J\\nthe tree") + " already"));
+  EXPECT_THAT(second.err(), Not(HasSubstr("\x1b")));
 }
 
 TEST(AgentProgram, ThatCannotGoToTheBackgroundFailsWithALine) {
