@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <tuple>
 #include <utility>
 
 #include "platform/Posix.h"
@@ -136,6 +137,21 @@ TEST(ReadFully, GoesOnBehindAReadThatGaveLess) {
   char bytes[6];
   EXPECT_EQ(platform::readFully(in.get(), bytes, sizeof bytes), 6);
   EXPECT_EQ(std::string(bytes, sizeof bytes), "abcdef");
+}
+
+TEST(SplitPath, AndJoinPathUndoEachOther) {
+  const std::tuple<const char*, const char*, const char*> rows[] = {{"/name", "/", "name"},
+                                                                    {"/a/name", "/a", "name"},
+                                                                    {"/a/b c/name", "/a/b c", "name"},
+                                                                    {"/a/", "/a", ""}};
+  for (const auto& [path, folder, name] : rows) {
+    const platform::SplitPath split = platform::splitPath(path);
+    EXPECT_EQ(split.folder, folder) << path;
+    EXPECT_EQ(split.name, name) << path;
+    EXPECT_EQ(platform::joinPath(folder, name), path);
+  }
+  EXPECT_EQ(platform::splitPath("name").folder, "");
+  EXPECT_EQ(platform::splitPath("name").name, "name");
 }
 
 TEST(File, AReadThatFailsGivesTheReason) {
