@@ -87,7 +87,7 @@ void EditorFixture::typeThen(std::string_view keys, std::function<void()> then) 
 void EditorFixture::offer(std::vector<Offer> offers) {
   setCompletionHook([this, offers = std::move(offers)](const char* text, CompletionState* state) {
     asked = text;
-    const std::string word = asked->substr(asked->find_last_of(' ') + 1);
+    const std::string word = asked->substr(asked->find_last_of(" \t") + 1);
     for (std::size_t i = 0; i < offers.size(); ++i) {
       if (strncasecmp(offers[i].name.c_str(), word.c_str(), word.size()) == 0) {
         addCandidate(state, offers[i].name.c_str(), i < 8 ? kBrightYellow : kBrightCyan,

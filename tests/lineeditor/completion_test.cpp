@@ -51,6 +51,25 @@ TEST_F(Completion, TheWordAfterABlankIsCompleted) {
   EXPECT_EQ(readKeys("SCAN st\t\r"), "SCAN START");
 }
 
+TEST_F(Completion, TheWordAfterATabIsCompleted) {
+  offer({{"START", ""}, {"STOP", ""}});
+  // A bracketed paste brings a tab into the line.
+  typeThen("\033[200~SCAN\tst\033[201~", nullptr);
+  EXPECT_EQ(readKeys("\ta\t\r"), "SCAN\tSTART");
+}
+
+TEST_F(Completion, ANewHookReplacesTheOneBefore) {
+  offer({{"OLD", ""}});
+  offer({{"NEW", ""}});
+  EXPECT_EQ(readKeys("\t\r"), "NEW");
+}
+
+TEST_F(Completion, NoHookInPlaceOfAnotherOffersNothing) {
+  offer({{"OLD", ""}});
+  setCompletionHook(nullptr);
+  EXPECT_EQ(readKeys("o\t\033=\r"), "o");
+}
+
 TEST_F(Completion, NothingOfferedLeavesTheLineAndBeeps) {
   offer({});
   typeThen("SCAN\t", [this] {

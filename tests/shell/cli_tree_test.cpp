@@ -269,6 +269,14 @@ TEST(CliTreeParse, AnOptionKeywordWithoutItsChoiceReportsTheChoices) {
   EXPECT_EQ(outcome.printed, report({{"AT", "at a pace"}, {"FAST", "fast"}, {"SLOW", "slow"}}));
 }
 
+TEST(CliTreeParse, AnOptionKeywordAtTheEndWithoutItsChoiceReportsNoOptionBehindIt) {
+  // The walk ends among the choices: HANDLE, a required option behind MODE, is not reached.
+  RunGrammar grammar;
+  const ParseOutcome outcome = parse(grammar.tree, "RUN MODE");
+  EXPECT_EQ(outcome.result, -1);
+  EXPECT_EQ(outcome.printed, report({{"AT", "at a pace"}, {"FAST", "fast"}, {"SLOW", "slow"}}));
+}
+
 TEST(CliTreeParse, AnyOfAGroupOfAlternativesSatisfiesTheGroup) {
   for (const char* choice : {"FAST", "SLOW", "AT 3"}) {
     RunGrammar grammar;

@@ -206,6 +206,21 @@ TEST_F(BatchArguments, WithARelativeScanPathMeanTheConsolesFolder) {
   EXPECT_EQ(accepted_.scanPath, dir_.path() + "/data");
 }
 
+TEST_F(BatchArguments, ThatMakeALineOf4096CharactersWithTheCurrentFolderAreRefused) {
+  std::string deep = dir_.path();
+  while (deep.size() + 101 < 3900) {
+    deep += "/" + std::string(100, 'd');
+    ASSERT_EQ(mkdir(deep.c_str(), 0700), 0) << deep.size();
+  }
+  ASSERT_EQ(mkdir((deep + "/data").c_str(), 0700), 0);
+  ASSERT_EQ(chdir(deep.c_str()), 0);
+  const std::size_t fixed = tavcli::batchCommand({deep + "/data", "", 1}).size();
+  const std::string log = dir_.path() + "/";
+  const std::size_t room = tavcli::kLineBufferBytes - 1 - fixed - log.size();
+  EXPECT_EQ(refusalOf("data", log + std::string(room, 'r')), "-") << "4095 characters are not cut";
+  EXPECT_NE(refusalOf("data", log + std::string(room + 1, 'r')).find("4095"), std::string::npos);
+}
+
 class WithoutACurrentFolder : public BatchArguments {
  protected:
   /// Ends the process with the refusal's line on standard error.
