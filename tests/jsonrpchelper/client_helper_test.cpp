@@ -107,6 +107,13 @@ TEST_F(ClientHelper, WithoutAnEndpointAOneWaySendThrows) {
   EXPECT_THAT(e.GetMessage(), HasSubstr("lunet OnewaySend error LunetEndPoint invaild"));
 }
 
+TEST_F(ClientHelper, WithoutAnEndpointANotificationThrows) {
+  IJsonRpcClientHelper nowhere(nullptr, lunet::kAgentGuid, 10990, 20991, 30000);
+  const JsonRpcException e = thrownBy([&] { nowhere.CallNotification("cleanScanCache", Json::Value()); });
+  EXPECT_EQ(e.GetCode(), Errors::ERROR_CLIENT_CONNECTOR);
+  EXPECT_THAT(e.GetMessage(), HasSubstr("lunet OnewaySend error LunetEndPoint invaild"));
+}
+
 TEST_F(ClientHelper, SendsOneWayMessagesOnTheOneWayChannel) {
   client.SendRPCMessage("{\"any\":1}");
   EXPECT_EQ(endpoint.last().operation, "OnewaySend");

@@ -266,11 +266,14 @@ TEST(File, LargerThanTheLimitIsNotRead) {
   EXPECT_EQ(CFile::readAll(path, 39999), tl::unexpected(EFBIG));
 }
 
-TEST(File, OfMoreThanSixteenMebibytesIsNotReadUnlessAskedFor) {
+TEST(File, OfSixteenMebibytesIsReadAndOfMoreOnlyWhenAskedFor) {
   const TempDir dir;
   const std::string path = dir.write("f", "");
+  ASSERT_EQ(truncate(path.c_str(), 16 << 20), 0);
+  EXPECT_EQ(CFile::readAll(path).value_or("").size(), 16U << 20);
   ASSERT_EQ(truncate(path.c_str(), (16 << 20) + 1), 0);
   EXPECT_EQ(CFile::readAll(path), tl::unexpected(EFBIG));
+  EXPECT_EQ(CFile::readAll(path, 17 << 20).value_or("").size(), (16U << 20) + 1);
 }
 
 TEST(File, WhatIsNoRegularFileIsNotRead) {

@@ -125,6 +125,24 @@ TEST_F(DebugLog, PropertiesThatAreNoNumbersOrOutOfRangeChangeNothing) {
   EXPECT_THAT(content(), HasSubstr("written"));
 }
 
+TEST_F(DebugLog, ASizeThatIsNoSizeLeavesTheOneBefore) {
+  for (const char* text : {"0", "-1", "-1000", "", "x"}) {
+    const std::string folder = dir_.at(std::string("size ") + text);
+    configure(folder);
+    CLogDebug::Instance()->SetProperty(CLogDebug::kSize, "1000");
+    CLogDebug::Instance()->SetProperty(CLogDebug::kSize, text);
+    for (int i = 0; i < 20; ++i) {
+      CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", i, std::string(100, 'x'));
+    }
+    std::size_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      bytes += entry.file_size();
+      EXPECT_LE(entry.file_size(), 1000U) << text;
+    }
+    EXPECT_GT(bytes, 2000U) << "nothing is lost: " << text;
+  }
+}
+
 TEST_F(DebugLog, ANewPropertyHoldsFromTheNextRecordOn) {
   configure(dir_.path());
   CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "first");
