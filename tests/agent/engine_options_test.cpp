@@ -154,6 +154,19 @@ TEST_F(EngineOptions, HashesComeWithADetectionAndOtherwiseOnlyWhenWanted) {
   EXPECT_EQ(scan("", options).md5, "d41d8cd98f00b204e9800998ecf8427e");
 }
 
+TEST_F(EngineOptions, HashesAreOfTheWholeFileHoweverLong) {
+  ScanOptions options;
+  options.hashesWanted = true;
+  const Verdict whole = scan(std::string(600'001, 'a'), options);
+  EXPECT_EQ(whole.md5, "cebccbe4724f4b7ead6e47686ea224db") << describe(whole);
+  EXPECT_EQ(whole.sha1, "6feab119a869bde3d691d6a39226359841bac7d8");
+  EXPECT_EQ(whole.sha256, "fece2fa2258dbd33cc9aa06edbb321c2749444995f5fc3b24d639a20bad61688");
+  const Verdict other = scan(std::string(600'000, 'a') + "b", options);
+  EXPECT_NE(other.md5, whole.md5);
+  EXPECT_NE(other.sha1, whole.sha1);
+  EXPECT_NE(other.sha256, whole.sha256);
+}
+
 TEST_F(EngineOptions, AVerdictDoesNotDependOnEarlierScansOfTheFile) {
   ScanOptions off;
   off.archives = false;

@@ -83,11 +83,19 @@ TEST(ZipAudit, MembersBeforeASixtyFourBitRecordAreAudited) {
 
 TEST(ZipAudit, ASixtyFourBitRecordThatDiffersIsAProblem) {
   const std::string honest = makeZip({{"one.txt", "content of one"}}, true);
-  for (const std::size_t fromEnd : {98U /*its mark*/, 94U /*its length*/, 58U /*size*/, 50U /*offset*/}) {
+  for (const std::size_t fromEnd :
+       {98U /*its mark*/, 94U /*its length*/, 58U /*size*/, 50U /*offset*/, 90U,
+        87U /*upper half of its length*/, 54U, 51U /*of the size*/, 46U, 43U /*of the offset*/}) {
     std::string zip = honest;
     zip[zip.size() - fromEnd] ^= 1;
     EXPECT_THAT(audit(zip), HasSubstr("64-bit directory")) << fromEnd;
   }
+}
+
+TEST(ZipAudit, ANumberOfMembersThatOnlyItsUpperHalfTellsApartIsAProblem) {
+  std::string zip = makeZip({{"one.txt", "content of one"}}, true);
+  zip[zip.size() - 62] ^= 1;
+  EXPECT_THAT(audit(zip), HasSubstr("has 1 entries and says 4294967297"));
 }
 
 TEST(ZipAudit, ManyMembersAreCountedInBothFormsOfTheirNumber) {

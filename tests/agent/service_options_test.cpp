@@ -73,7 +73,14 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair("LogLevelZero", std::vector<std::string>{"--log-level", "0"}),
                       std::pair("LogLevelOfTwoDigits", std::vector<std::string>{"--log-level", "22"}),
                       std::pair("LogLevelText", std::vector<std::string>{"--log-level", "all"}),
-                      std::pair("Word", std::vector<std::string>{"start"})),
+                      std::pair("Word", std::vector<std::string>{"start"}),
+                      std::pair("Empty", std::vector<std::string>{""}),
+                      std::pair("EmptyWithAValue", std::vector<std::string>{"", "/tree"}),
+                      std::pair("DashesAlone", std::vector<std::string>{"--", "/tree"}),
+                      std::pair("Beginning", std::vector<std::string>{"--stat"}),
+                      std::pair("BeginningWithAValue", std::vector<std::string>{"--install", "/tree"}),
+                      std::pair("LongerThanAnOption", std::vector<std::string>{"--statuses"}),
+                      std::pair("OtherLetterCase", std::vector<std::string>{"--STATUS"})),
     [](const auto& row) { return std::string(row.param.first); });
 
 TEST(Options, ARelativeTreeIsRefusedWhereTheFolderItIsSeenFromIsGone) {
