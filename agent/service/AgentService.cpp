@@ -65,7 +65,7 @@ Json::Value restoreAnswer() {
 void addRefusedItem(Json::Value& answer, const std::string& uuid, const std::string& reason) {
   Json::Value entry(Json::objectValue);
   entry["uuid"] = uuid;
-  entry["reason"] = platform::visibleText(reason);
+  entry["reason"] = reason;
   answer["detail"].append(entry);
 }
 

@@ -478,6 +478,27 @@ TEST_F(Service, RefusesARestoreThatNamesNoActionOrNoItem) {
   EXPECT_TRUE(std::filesystem::exists(path));
 }
 
+TEST_F(Service, ARefusedRestoreOrScanShowsTheControlCharactersOfAName) {
+  const std::string odd = "of\xff\n\x1b[2Jfice";
+  const char* const shown = "of\\xff\\n\\x1b[2Jfice";
+  const std::string path = quarantine(odd, 0);
+  dir_.write("files/" + odd, "a newer file");
+  const std::string uuid = call(rootsIdentity(), "getIsolationInfo")[0]["uuid"].asString();
+  const Json::Value inPlace = call(rootsIdentity(), "startDeIsolate", restoreOf(uuid));
+  EXPECT_EQ(inPlace["detail"][0]["reason"].asString(),
+            "'" + dir_.at("files/") + shown + "' exists already: it is not overwritten");
+  Json::Value elsewhere = restoreOf(uuid);
+  elsewhere["params"]["custom_path"] = json::encodePath(dir_.at("absent" + odd));
+  EXPECT_THAT(call(rootsIdentity(), "startDeIsolate", elsewhere)["detail"][0]["reason"].asString(),
+              HasSubstr("absent" + std::string(shown) + "' is not there"));
+  elsewhere["params"]["custom_path"] = json::encodePath(odd);
+  EXPECT_EQ(call(rootsIdentity(), "startDeIsolate", elsewhere)["detail"][0]["reason"].asString(),
+            "'" + std::string(shown) + "' is not an absolute path");
+  EXPECT_EQ(readFile(path), "a newer file");
+  EXPECT_THAT(call(rootsIdentity(), "startScanTask", scanOf(dir_.at("absent" + odd)))["detail"].asString(),
+              HasSubstr("absent" + std::string(shown) + ": "));
+}
+
 TEST_F(Service, ShowsAndObeysAsToATaskItsStarterAndRootAlone) {
   const std::string path = dir_.write("files/held", "some text");
   ASSERT_EQ(chmod(path.c_str(), 0644), 0);
