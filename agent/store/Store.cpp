@@ -17,7 +17,8 @@ using namespace store;
 namespace {
 
 /// Makes the folder if it is missing, checks that no other user can replace it, and closes it to other users.
-void prepareFolder(const std::string& path) {
+/// Returns the path without links: the databases are opened without following any.
+std::string prepareFolder(const std::string& path) {
   if (path.empty() || path.front() != '/') {
     throw StoreError("the state folder " + platform::quoted(path) + " is not an absolute path");
   }
@@ -25,13 +26,15 @@ void prepareFolder(const std::string& path) {
     throw StoreError("cannot make the state folder " + platform::quoted(path) + ": " +
                      platform::errnoText(errno));
   }
-  if (const auto safe = CDir::resolveSafe(path); !safe) {
+  const auto safe = CDir::resolveSafe(path);
+  if (!safe) {
     throw StoreError("the state folder " + platform::quoted(path) + " is not safe: " + safe.error());
   }
-  if (::chmod(path.c_str(), 0700) != 0) {
-    throw StoreError("cannot close the state folder " + platform::quoted(path) + ": " +
+  if (::chmod(safe->c_str(), 0700) != 0) {
+    throw StoreError("cannot close the state folder " + platform::quoted(*safe) + ": " +
                      platform::errnoText(errno));
   }
+  return *safe;
 }
 
 /// The single-instance lock of the store: two agents on one store would lose files.
@@ -93,8 +96,7 @@ Store::Store(const std::string& stateDir, std::chrono::milliseconds restorePatie
                   &notices_) {}
 
 std::unique_ptr<Store> Store::open(const std::string& stateDir, std::chrono::milliseconds restorePatience) {
-  prepareFolder(stateDir);
-  return std::unique_ptr<Store>(new Store(utils::FormatFilePath(stateDir), restorePatience));
+  return std::unique_ptr<Store>(new Store(prepareFolder(stateDir), restorePatience));
 }
 
 }  // namespace agent

@@ -70,11 +70,34 @@ TEST_F(OpenTest, AFolderThatOthersCanWriteIsRefused) {
   EXPECT_THAT(refusal(stateDir()), HasSubstr("not safe"));
 }
 
-TEST_F(OpenTest, AFolderThatIsALinkAFileOrRelativeIsRefused) {
+TEST_F(OpenTest, AFolderThatIsAFileOrRelativeIsRefused) {
   folder_.write("file", "x");
   refusal(folder_.at("file"));
   refusal("relative");
   refusal("");
+}
+
+TEST_F(OpenTest, AFolderReachedByALinkOfTheAgentsUserIsTheFolderItself) {
+  store_.reset();
+  ASSERT_EQ(::symlink(folder_.path().c_str(), folder_.at("above").c_str()), 0);
+  ASSERT_EQ(::symlink("state", folder_.at("itself").c_str()), 0);
+  for (const char* name : {"above/state", "itself"}) {
+    store_ = Store::open(folder_.at(name));
+    store().audit(root(), name, "", "");
+    EXPECT_THAT(readFile(stateDir() + "/audit.log"), HasSubstr(name));
+    store_.reset();
+  }
+}
+
+TEST_F(OpenTest, AFolderReachedByALinkOfAnotherUserIsRefused) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link to a second user";
+  }
+  store_.reset();
+  const std::string link = folder_.at("anothers");
+  ASSERT_EQ(::symlink("state", link.c_str()), 0);
+  ASSERT_EQ(::lchown(link.c_str(), 60100, 60100), 0);
+  EXPECT_THAT(refusal(link), HasSubstr("not safe"));
 }
 
 TEST_F(OpenTest, ADatabaseThatIsALinkIsRefused) {
