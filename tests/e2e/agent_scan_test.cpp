@@ -191,6 +191,38 @@ TEST_F(AgentScan, AnItemThatIsNeverScannedIsStateMinusOneAndNoEmptySuccess) {
   }
 }
 
+TEST(AgentScanByALink, OfTheTreesOwnFoldersIsRefusedByEitherNameAndAScanOfAllLeavesThemOut) {
+  AgentTree tree({.group = "", .start = false, .uid = {}});
+  const testsupport::TempDir elsewhere;
+  const std::string link = elsewhere.at("tree");
+  ASSERT_EQ(0, symlink(tree.path().c_str(), link.c_str()));
+  testsupport::Process agent(
+      {tree.program("tavagentd"), "--install-dir", link, "--system-signatures", tree.systemSignatures()});
+  ASSERT_TRUE(agent.waitForErr("serving")) << agent.err();
+  {
+    PeerConsole console(tree);
+    for (const std::string& name : {tree.path(), link}) {
+      for (const char* own : {"/state", "/state/tmp"}) {
+        const Json::Value answer = console.startScan({name + own});
+        EXPECT_FALSE(answer["status"].asBool()) << name << own;
+        EXPECT_THAT(answer["detail"].asString(), HasSubstr("agent itself")) << name << own;
+      }
+    }
+    const std::string found = tree.write("eicar.com", eicar());
+    std::filesystem::copy(found, tree.at("state/tmp/eicar.com"));
+    for (const auto& [name, changes] :
+         {std::pair(tree.path(), "{}"), std::pair(link, R"({"fix_method":0})")}) {
+      const std::string token = console.startScan({name}, jsonOf(changes))["token_id"].asString();
+      ASSERT_TRUE(console.waitForState(TaskState::kFinished, token)) << tree.log();
+    }
+    EXPECT_EQ(2U, console.messages("reportRiskFixInfo").size()) << "the file in data/, once a scan";
+    EXPECT_FALSE(std::filesystem::exists(found));
+    EXPECT_EQ(1U, console.call("getIsolationInfo", Json::Value()).size());
+  }
+  agent.kill(SIGTERM);
+  EXPECT_EQ(0, agent.wait()) << agent.err();
+}
+
 TEST_F(AgentScan, TheEndTellsHowManyWereSkippedAndWhy) {
   ASSERT_EQ(0, symlink("x", (tree.data() + "/link").c_str()));
   scan({tree.data()});
