@@ -579,6 +579,21 @@ TEST_F(AgentTasks, AtSigtermAConsoleHasTimeToTakeTheEndsOfItsTasks) {
   EXPECT_TRUE(console.waitForState(TaskState::kAborted, "other"));
 }
 
+TEST_F(AgentTasks, AnEndThatAConsoleHasNotTakenAtSigtermIsLoggedAndToldAtTheNextStart) {
+  PeerConsole console(tree);
+  const std::string token = startBusy(console);
+  tree.kill(SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, tree.wait());
+  console.process().kill(SIGSTOP);
+  tree.start();
+  tree.kill(SIGTERM);
+  EXPECT_EQ(0, tree.wait());
+  EXPECT_THAT(tree.log(), HasSubstr("not every console has taken the end of its task"));
+  console.process().kill(SIGCONT);
+  tree.start();
+  EXPECT_TRUE(console.waitForState(TaskState::kAborted, token)) << tree.log();
+}
+
 /// As the server of a FUSE file system: takes the greeting. From then on whoever asks waits for an answer.
 bool takeGreeting(int server) {
   std::array<char, 65536> request{};
