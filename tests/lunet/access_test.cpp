@@ -267,6 +267,21 @@ TEST_F(GroupTest, AMemberIsHeardButNotTrusted) {
   EXPECT_FALSE(agent.messages()[0].process.trusted);
 }
 
+TEST_F(GroupTest, AListNamesTheUserOfEachEndpointWhoeverAsks) {
+  Endpoint roots(client, address);
+  const lunet::Guid other = newGuid();
+  Player member(words("listen", other), as(kMember, true));
+  ASSERT_TRUE(member.ready()) << member.process.err();
+  const std::string mine = lunet::formatGuid(address) + "  " + std::to_string(getpid());
+  const std::string members = lunet::formatGuid(other) + "  " + std::to_string(member.process.pid());
+  for (const Process::Options& user : {Process::Options{}, as(kMember, true), as(kOtherMember, true)}) {
+    Process list(lunetctl({"list"}), user);
+    EXPECT_EQ(list.wait(), 0) << list.err();
+    EXPECT_NE(list.out().find(mine + "  root\n"), std::string::npos) << list.out();
+    EXPECT_NE(list.out().find(members + "  23456\n"), std::string::npos) << list.out();
+  }
+}
+
 TEST_F(SquatterTest, TheListenerIsNamedWithItsTrust) {
   Endpoint own(client, address);
   const auto squatting = lunet::listenerAt(socketFolder(), agent);
@@ -398,6 +413,27 @@ TEST_F(MemberLimitsTest, RootsConnectionsAreNotCounted) {
   many.closeInput();
   many.wait();
   EXPECT_EQ(many.out().find("E0010006"), std::string::npos);
+}
+
+TEST_F(MemberLimitsTest, AtAMembersEndpointTheQuotaIsForOtherMembersOnly) {
+  const auto full = [this](const Process::Options& user, const lunet::Guid& target) {
+    const lunet::Guid own = newGuid();
+    Player player(words("listen", own), user);
+    EXPECT_TRUE(player.ready()) << player.process.err();
+    Process many({tree.at("bin/lunet_intruder"), socketOf(target), lunet::formatGuid(own),
+                  lunet::formatGuid(target), std::to_string(lunet::kMaxMemberLinksOfAddress + 1)},
+                 user);
+    many.closeInput();
+    many.wait();
+    EXPECT_TRUE(many.out().starts_with("verdict 00000000\n")) << many.out();
+    return many.out().find("E0010006") != std::string::npos;
+  };
+  const lunet::Guid target = newGuid();
+  Player listening(words("listen", target), member());
+  ASSERT_TRUE(listening.ready()) << listening.process.err();
+  EXPECT_FALSE(full(Process::Options{}, target)) << "root";
+  EXPECT_FALSE(full(member(), target)) << "the same user";
+  EXPECT_TRUE(full(as(kOtherMember, true), target));
 }
 
 class PrivateTest : public AccessTest {

@@ -41,6 +41,8 @@ constexpr uid_t kOtherMember = 23457;
 std::function<void()> beforeListening;
 /// Called around the next rename.
 std::function<void()> beforeRenaming, afterRenaming;
+/// Called after each lock that was taken.
+std::function<void()> afterLocking;
 
 struct stat statusOf(const std::string& path) {
   struct stat st {};
@@ -78,6 +80,14 @@ extern "C" int listen(int fd, int backlog) noexcept {
     beforeListening();
   }
   return static_cast<int>(syscall(SYS_listen, fd, backlog));
+}
+
+extern "C" int flock(int fd, int operation) noexcept {
+  const int result = static_cast<int>(syscall(SYS_flock, fd, operation));
+  if (result == 0 && afterLocking) {
+    afterLocking();
+  }
+  return result;
 }
 
 extern "C" int rename(const char* from, const char* to) noexcept {
@@ -163,6 +173,35 @@ TEST_F(ClaimTest, ALockThatLosesItsNameWhileItIsWaitedForIsNoLock) {
       EXPECT_THAT(claim(second, guid), HasSubstr("is in use"));
     }
   }
+}
+
+/// Each lock loses its name as soon as it is taken.
+class HandedOverLockTest : public ClaimTest {
+ protected:
+  ~HandedOverLockTest() override { afterLocking = nullptr; }
+  void loseTheNext(int locks) const {
+    afterLocking = [this, locks]() mutable {
+      if (locks-- > 0) {
+        fs::remove(lockPath());
+      }
+    };
+  }
+};
+
+TEST_F(HandedOverLockTest, ALockThatChangesHandsAFewTimesIsTakenAfterwards) {
+  loseTheNext(5);
+  Address first;
+  EXPECT_EQ(claim(first, guid), "");
+  Address second;
+  EXPECT_THAT(claim(second, guid), HasSubstr("is held by a live process"));
+}
+
+TEST_F(HandedOverLockTest, AnAddressWhoseLockChangesHandsAllTheTimeIsInUse) {
+  loseTheNext(1000000);
+  Address address;
+  EXPECT_THAT(claim(address, guid),
+              testing::AllOf(HasSubstr("is in use"), HasSubstr("changes hands too often")));
+  EXPECT_EQ(files(), 0u);
 }
 
 TEST_F(ClaimTest, ASocketThatIsAnothersByNowIsNotTakenOutOfTheFolder) {

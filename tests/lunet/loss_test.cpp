@@ -2,6 +2,7 @@
 #include <malloc.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <future>
 
@@ -209,6 +210,76 @@ TEST_F(LossTest, CloseWhileCallsAreUnderWayEndsThemWithNotOpen) {
   EXPECT_EQ(caller.call(address, "x").error, lunet::kErrNotOpen);
   EXPECT_EQ(caller.send(address, "x"), lunet::kErrNotOpen);
   gate.open();
+}
+
+/// The receiver of the later link reads nothing until the earlier link is done.
+TEST_F(LossTest, WhatIsQueuedForSeveralTargetsWhenTheSenderClosesStillGoesOut) {
+  constexpr std::size_t kCount = 8;
+  const std::string large(1 << 20, 'q');
+  for (const bool lowerFirst : {true, false}) {
+    const std::pair<lunet::Guid, lunet::Guid> both = std::minmax(newGuid(), newGuid());
+    Gate gate;
+    Endpoint first(client, lowerFirst ? both.first : both.second, [&](Endpoint& self, const Message&) {
+      if (self.count() == kCount) {
+        gate.open();
+      }
+    });
+    Endpoint second(client, lowerFirst ? both.second : both.first,
+                    [&](Endpoint&, const Message&) { gate.wait(); });
+    {
+      Endpoint sender(client, newGuid());
+      for (std::size_t i = 0; i < kCount; ++i) {
+        ASSERT_EQ(sender.send(second.guid(), large), lunet::kOk);
+      }
+      for (std::size_t i = 0; i < kCount; ++i) {
+        ASSERT_EQ(sender.send(first.guid(), large), lunet::kOk);
+      }
+    }
+    EXPECT_TRUE(first.waitForCount(kCount));
+    EXPECT_TRUE(second.waitForCount(kCount))
+        << second.count() << (lowerFirst ? " of the higher" : " of the lower") << " address";
+  }
+}
+
+TEST_F(LossTest, CloseEndsTheCallsToEachOfItsTargets) {
+  std::vector<std::unique_ptr<Endpoint>> servers;
+  Endpoint caller(client, newGuid());
+  std::vector<std::future<std::uint32_t>> calls;
+  for (int i = 0; i < 3; ++i) {
+    servers.push_back(std::make_unique<Endpoint>(client, newGuid()));
+    calls.push_back(std::async(std::launch::async, [&caller, target = servers.back()->guid()] {
+      return caller.call(target, "x", 20000).error;
+    }));
+    ASSERT_TRUE(servers.back()->waitForCount(1));
+  }
+  caller->Close();
+  for (std::future<std::uint32_t>& call : calls) {
+    EXPECT_EQ(call.get(), lunet::kErrNotOpen);
+  }
+}
+
+/// The callers read one after the other; more than their sockets take is queued for each.
+TEST_F(LossTest, AnswersToSeveralCallersThatAreQueuedAtTheCloseStillGoOut) {
+  constexpr std::uint64_t kCallers = 6;
+  const std::string large(2 << 20, 'a');
+  Endpoint owner(client, newGuid());
+  Endpoint server(client, address);
+  std::vector<std::unique_ptr<RawConnection>> callers;
+  for (std::uint64_t i = 1; i <= kCallers; ++i) {
+    callers.push_back(std::make_unique<RawConnection>(socketOf(address)));
+    ASSERT_EQ(callers.back()->handshake(owner.guid(), address), lunet::kOk);
+    callers.back()->send(
+        lunet::FrameHeader{.kind = lunet::FrameKind::kRequest, .channel = lunet::kRequestChannel, .id = i});
+    ASSERT_TRUE(server.waitForCount(i));
+    EXPECT_EQ(server.reply(server.messages().back(), large), lunet::kOk);
+  }
+  std::thread closer([&] { server->Close(); });
+  EXPECT_TRUE(waitFor([&] { return !std::filesystem::exists(socketOf(address)); }));
+  for (const std::unique_ptr<RawConnection>& caller : callers) {
+    EXPECT_EQ(caller->receive(sizeof(lunet::FrameHeader) + large.size()).size(),
+              sizeof(lunet::FrameHeader) + large.size());
+  }
+  closer.join();
 }
 
 TEST_F(LossTest, CloseReturnsWhenNoCallbackRunsAnyMore) {

@@ -454,6 +454,32 @@ TEST_F(MessagesTest, AReplyWithABadArgumentIsRefusedAndTheRequestCanStillBeAnswe
   EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
 }
 
+TEST_F(MessagesTest, ACallWritesItsOwnResultOverThatOfTheCallBefore) {
+  Endpoint server(client, newGuid(), echo);
+  Endpoint caller(client, newGuid());
+  std::uint32_t error = 0;
+  char* reply = nullptr;
+  std::uint32_t length = 0;
+  const auto call = [&](const lunet::Guid& target, std::string_view text) {
+    return caller->SyncSend(target, lunet::kRequestChannel, text.data(),
+                            static_cast<std::uint32_t>(text.size()), &error, &reply, &length, 20000);
+  };
+  EXPECT_EQ(call(newGuid(), "x"), lunet::kErrNoTarget);
+  EXPECT_EQ(error, lunet::kErrNoTarget);
+  EXPECT_EQ(call(server.guid(), "text"), lunet::kOk);
+  EXPECT_EQ(error, lunet::kOk);
+  EXPECT_EQ(std::string(reply, length), "text");
+  caller->FreeBuffer(reply);
+  EXPECT_EQ(call(server.guid(), ""), lunet::kOk);
+  EXPECT_EQ(length, 0u);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(*reply, '\0');
+  caller->FreeBuffer(reply);
+  EXPECT_EQ(call(newGuid(), "x"), lunet::kErrNoTarget);
+  EXPECT_EQ(error, lunet::kErrNoTarget);
+  EXPECT_EQ(reply, nullptr);
+}
+
 TEST_F(MessagesTest, ACallThatFailsLeavesNoReply) {
   Endpoint caller(client, newGuid());
   char stale = 0;

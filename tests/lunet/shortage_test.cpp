@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Address.h"
@@ -58,6 +60,9 @@ class NoDescriptors {
 std::mutex failuresMutex;
 std::vector<int> failures;
 
+/// The errno value of the next addition to an epoll set by this thread; 0 for none.
+thread_local int watchFailure = 0;
+
 }  // namespace
 
 // Stands before the C library's function, for the bus library too.
@@ -71,6 +76,14 @@ extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) 
     }
   }
   return static_cast<int>(syscall(SYS_accept4, fd, address, length, flags));
+}
+
+extern "C" int epoll_ctl(int set, int operation, int fd, epoll_event* event) noexcept {
+  if (operation == EPOLL_CTL_ADD && watchFailure != 0) {
+    errno = std::exchange(watchFailure, 0);
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_epoll_ctl, set, operation, fd, event));
 }
 
 TEST(PeerWithoutDescriptors, IsNotNamedWithoutItsStartTime) {
@@ -161,6 +174,41 @@ TEST_F(ShortageTest, ACallerWhoCannotBeAcceptedIsWhenDescriptorsAreThereAgain) {
     ASSERT_TRUE(caller->connected());
   }
   EXPECT_EQ(caller->handshake(own.guid(), server.guid()), lunet::kOk);
+}
+
+/// The system's limit of watches is reached.
+class WithoutWatchesTest : public BusTest {
+ protected:
+  Client client{config()};
+  Endpoint server{client, newGuid(), echo};
+};
+
+TEST_F(WithoutWatchesTest, ASendThatTheSystemRefusesIsAnErrorAndTheNextArrives) {
+  Endpoint sender(client, newGuid());
+  watchFailure = ENOSPC;
+  EXPECT_EQ(sender.send(server.guid(), "refused"), lunet::kErrSystem);
+  EXPECT_EQ(sender.send(server.guid(), "sent"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  EXPECT_EQ(server.messages()[0].data, "sent");
+}
+
+TEST_F(WithoutWatchesTest, ACallThatTheSystemRefusesIsAnErrorAndTheNextIsAnswered) {
+  Endpoint caller(client, newGuid());
+  watchFailure = ENOSPC;
+  const Endpoint::Answer refused = caller.call(server.guid(), "refused");
+  EXPECT_EQ(refused.error, lunet::kErrSystem);
+  EXPECT_EQ(refused.errorOut, lunet::kErrSystem);
+  EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+}
+
+TEST_F(WithoutWatchesTest, AnAddressThatTheSystemRefusesToOpenIsAnErrorAndFree) {
+  Endpoint endpoint(client);
+  const lunet::Guid guid = newGuid();
+  watchFailure = ENOSPC;
+  EXPECT_EQ(endpoint->Open(guid), lunet::kErrSystem);
+  EXPECT_EQ(watchFailure, 0);
+  EXPECT_FALSE(std::filesystem::exists(socketOf(guid)));
+  EXPECT_EQ(endpoint->Open(guid), lunet::kOk);
 }
 
 struct FailedAcceptRow {

@@ -5,17 +5,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <utility>
 
 #include "BusFixture.h"
 #include "Frame.h"
 #include "SocketFolder.h"
 #include "platform/Descriptor.h"
+#include "support/Process.h"
 #include "support/Wait.h"
 
 using namespace lunettest;
@@ -394,6 +397,27 @@ class FalseListenerTest : public BusTest {
     (void)send(peer.get(), &claimed, sizeof claimed, MSG_NOSIGNAL);
     return peer;
   }
+  /// Sends on so many threads, which all wait: one for the hello reply, the others for its end.
+  std::vector<std::future<std::uint32_t>> sendAtOnce(std::size_t count) {
+    std::mutex mutex;
+    std::vector<pid_t> threads;
+    std::vector<std::future<std::uint32_t>> sends;
+    for (std::size_t i = 0; i < count; ++i) {
+      sends.push_back(std::async(std::launch::async, [&] {
+        {
+          const std::lock_guard lock(mutex);
+          threads.push_back(gettid());
+        }
+        return caller.send(guid, "x");
+      }));
+    }
+    EXPECT_TRUE(waitFor([&] {
+      const std::lock_guard lock(mutex);
+      return threads.size() == count &&
+             std::all_of(threads.begin(), threads.end(), testsupport::threadSleeps);
+    }));
+    return sends;
+  }
   /// Reads one request of one byte and answers with these bytes.
   static void answerOne(const platform::Descriptor& peer, const std::string& bytes) {
     char request[sizeof(FrameHeader) + 1];
@@ -418,6 +442,7 @@ class FalseListenerTest : public BusTest {
     return std::string(reinterpret_cast<const char*>(&header), sizeof header);
   }
 
+  static constexpr std::chrono::milliseconds kHandshakeLimit{3000};
   Client client{config()};
   Endpoint caller;
   const lunet::Guid guid = lunet::parseGuid(lunet::kAgentGuid);
@@ -630,22 +655,26 @@ TEST_F(FalseListenerTest, ASocketOfAnotherKindIsAnErrorOfTheSystem) {
 
 /// Otherwise the messages of one sender could overtake each other.
 TEST_F(FalseListenerTest, SendersOfOneEndpointAtOnceShareOneConnection) {
-  std::atomic<int> begun{0};
-  std::vector<std::future<std::uint32_t>> sends;
-  for (int i = 0; i < 4; ++i) {
-    sends.push_back(std::async(std::launch::async, [&] {
-      ++begun;
-      return caller.send(guid, "x");
-    }));
-  }
-  ASSERT_TRUE(waitFor([&] { return begun == 4; }));
+  std::vector<std::future<std::uint32_t>> sends = sendAtOnce(4);
   ASSERT_TRUE(somebodyCalls());
   const platform::Descriptor peer = greeted(guid);
   for (std::future<std::uint32_t>& each : sends) {
+    EXPECT_EQ(each.wait_for(kHandshakeLimit * 2 / 3), std::future_status::ready) << "waits for the limit";
     EXPECT_EQ(each.get(), lunet::kOk);
   }
   pollfd another{listener.get(), POLLIN, 0};
   EXPECT_EQ(poll(&another, 1, 0), 0);
+}
+
+TEST_F(FalseListenerTest, SendersAtOnceToAListenerThatHangsUpAllLearnThatNobodyIsThere) {
+  std::vector<std::future<std::uint32_t>> sends = sendAtOnce(3);
+  ASSERT_TRUE(somebodyCalls());
+  std::filesystem::remove(socketOf(guid));
+  { const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr)); }
+  for (std::future<std::uint32_t>& each : sends) {
+    EXPECT_EQ(each.wait_for(kHandshakeLimit * 2 / 3), std::future_status::ready) << "waits for the limit";
+    EXPECT_EQ(each.get(), lunet::kErrNoTarget);
+  }
 }
 
 /// The limit is three seconds, or the caller's own if shorter.
