@@ -30,7 +30,7 @@ IEndpoint* Client::CreateEndpoint() {
     if (!ready_) {
       return nullptr;
     }
-    endpoints_.push_back(std::make_unique<Endpoint>(bus_));
+    endpoints_.push_back(std::make_shared<Endpoint>(bus_));
     return endpoints_.back().get();
   } catch (const std::exception&) {
     return nullptr;
@@ -38,7 +38,7 @@ IEndpoint* Client::CreateEndpoint() {
 }
 
 void Client::DestroyEndpoint(IEndpoint* endpoint) {
-  std::unique_ptr<Endpoint> owned;
+  std::shared_ptr<Endpoint> owned;
   {
     const std::lock_guard lock(mutex_);
     const auto found = std::find_if(endpoints_.begin(), endpoints_.end(),
@@ -49,6 +49,7 @@ void Client::DestroyEndpoint(IEndpoint* endpoint) {
     owned = std::move(*found);
     endpoints_.erase(found);
   }
+  owned->Close();  // Disconnect may hold the endpoint too
 }
 
 std::uint32_t Client::Init(const char* config, const char* uuid) {
@@ -174,20 +175,28 @@ Result<void> Client::connectOnce(Clock::time_point deadline, bool handshake) con
   });
 }
 
+/// Closes without mutex_: Close waits for callbacks, which may use the client.
 void Client::Disconnect() {
-  const std::lock_guard lock(mutex_);
-  for (const std::unique_ptr<Endpoint>& endpoint : endpoints_) {
+  std::vector<std::shared_ptr<Endpoint>> endpoints;
+  {
+    const std::lock_guard lock(mutex_);
+    endpoints = endpoints_;
+  }
+  for (const std::shared_ptr<Endpoint>& endpoint : endpoints) {
     endpoint->Close();
   }
 }
 
 void Client::Uninit() {
-  std::vector<std::unique_ptr<Endpoint>> endpoints;
+  std::vector<std::shared_ptr<Endpoint>> endpoints;
   {
     const std::lock_guard lock(mutex_);
     ready_ = false;
     lastFound_.reset();
     endpoints.swap(endpoints_);
+  }
+  for (const std::shared_ptr<Endpoint>& endpoint : endpoints) {
+    endpoint->Close();  // Disconnect may hold the endpoint too
   }
   endpoints.clear();
   bus_.log.close();

@@ -33,9 +33,9 @@ class Client final : public IClient {
   Bus bus_;
   std::mutex mutex_;  // guards the members below
   bool ready_ = false;
-  std::int32_t connectTimeoutMs_ = -1;  ///< below 0: only the argument counts
-  std::optional<Error> lastFound_;      ///< the last result of Connect
-  std::vector<std::unique_ptr<Endpoint>> endpoints_;
+  std::int32_t connectTimeoutMs_ = -1;                ///< below 0: only the argument counts
+  std::optional<Error> lastFound_;                    ///< the last result of Connect
+  std::vector<std::shared_ptr<Endpoint>> endpoints_;  ///< shared with a Disconnect under way
 };
 
 }  // namespace lunet

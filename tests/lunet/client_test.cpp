@@ -240,20 +240,91 @@ TEST_F(ClientTest, AnInitThatFailsLeavesTheLogClosed) {
   EXPECT_FALSE(logIsOpen());
 }
 
-TEST_F(ClientTest, AnEndpointsCallbackMayUseTheClientWhileTheEndpointIsDestroyed) {
+/// One of the ways in which an endpoint is closed.
+class CloseWayTest : public ClientTest, public testing::WithParamInterface<const char*> {
+ protected:
+  static void close(Client& client, Endpoint& endpoint) {
+    const std::string_view way = GetParam();
+    if (way == "DestroyEndpoint") {
+      endpoint.destroy();
+    } else if (way == "Disconnect") {
+      client->Disconnect();
+    } else {
+      client->Uninit();
+    }
+  }
+};
+
+TEST_P(CloseWayTest, WaitsForACallbackThatMayUseTheClientMeanwhile) {
+  Client others(config());
   Client client(config());
   Gate gate;
+  std::atomic<bool> finished{false};
   Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
     gate.wait();
     client->Connect(0);
+    finished = true;
   });
-  Endpoint sender(client, newGuid());
+  Endpoint sender(others, newGuid());
   ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
   ASSERT_TRUE(server.waitForCount(1));
-  auto destroying = std::async(std::launch::async, [&] { server.destroy(); });
+  auto closing = std::async(std::launch::async, [&] {
+    close(client, server);
+    return finished.load();
+  });
   ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
   gate.open();
-  EXPECT_EQ(destroying.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  ASSERT_EQ(closing.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_TRUE(closing.get());
+}
+
+TEST_P(CloseWayTest, GivesTheAddressUpSoThatAnotherClientMayOpenIt) {
+  Client client(config());
+  Endpoint endpoint(client, agent);
+  close(client, endpoint);
+  Client others(config());
+  Endpoint next(others);
+  EXPECT_EQ(next->Open(agent), lunet::kOk);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, CloseWayTest, testing::Values("DestroyEndpoint", "Disconnect", "Uninit"),
+                         [](const auto& row) { return std::string(row.param); });
+
+TEST_F(ClientTest, DisconnectClosesEveryEndpointAndEachMayBeOpenedAgain) {
+  Client client(config());
+  Endpoint first(client, newGuid(), echo);
+  Endpoint second(client, newGuid(), echo);
+  ASSERT_EQ(first.call(second.guid(), "x").data, "x");
+  client->Disconnect();
+  EXPECT_EQ(first.send(second.guid(), "x"), lunet::kErrNotOpen);
+  EXPECT_EQ(second.send(first.guid(), "x"), lunet::kErrNotOpen);
+  ASSERT_EQ(first->Open(first.guid()), lunet::kOk);
+  ASSERT_EQ(second->Open(second.guid()), lunet::kOk);
+  EXPECT_EQ(first.call(second.guid(), "x").data, "x");
+}
+
+TEST_F(ClientTest, AnEndpointThatIsDestroyedWhileTheClientDisconnectsIsClosedWhenThatReturns) {
+  Client others(config());
+  Client client(config());
+  Gate gate;
+  std::atomic<bool> finished{false};
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
+    gate.wait();
+    finished = true;
+  });
+  Endpoint sender(others, newGuid());
+  ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  auto disconnecting = std::async(std::launch::async, [&] { client->Disconnect(); });
+  ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
+  auto destroying = std::async(std::launch::async, [&] {
+    server.destroy();
+    return finished.load();
+  });
+  EXPECT_EQ(destroying.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  gate.open();
+  EXPECT_TRUE(destroying.get());
+  disconnecting.get();
 }
 
 TEST_F(ClientTest, NoDescriptorOfTheBusIsInheritedByAnotherProgram) {
