@@ -350,6 +350,38 @@ TEST_F(LossTest, AClosedEndpointMayBeOpenedAgain) {
   EXPECT_EQ(caller.call(address, "3").data, "3");
 }
 
+TEST_F(LossTest, AClosedEndpointMayBeOpenedAtAnotherAddress) {
+  const lunet::Guid next = newGuid();
+  Endpoint server(client, address, echo);
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(address, "1").data, "1");
+  server.send(caller.guid(), "from the first");
+  server->Close();
+  ASSERT_EQ(server->Open(next), lunet::kOk);
+  EXPECT_EQ(caller.call(address, "2").error, lunet::kErrNoTarget);
+  EXPECT_EQ(caller.call(next, "3").data, "3");
+  server.send(caller.guid(), "from the second");
+  ASSERT_TRUE(caller.waitForCount(2));
+  EXPECT_EQ(caller.messages()[0].peer, address);
+  EXPECT_EQ(caller.messages()[1].peer, next);
+}
+
+/// Otherwise two processes could act at one address at the same time.
+TEST_F(LossTest, AnAddressIsInUseUntilTheLastCallbackOfItsCloseHasEnded) {
+  Gate gate;
+  Endpoint server(client, address, [&](Endpoint&, const Message&) { gate.wait(); });
+  Endpoint sender(client, newGuid());
+  ASSERT_EQ(sender.send(address, "x"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  auto closing = std::async(std::launch::async, [&] { server->Close(); });
+  EXPECT_TRUE(waitFor([&] { return !std::filesystem::exists(socketOf(address)); }));
+  Endpoint next(client);
+  EXPECT_EQ(next->Open(address), lunet::kErrInUse);
+  gate.open();
+  closing.get();
+  EXPECT_EQ(next->Open(address), lunet::kOk);
+}
+
 TEST_F(LossTest, AReplyToACallerWhoIsGoneSaysSo) {
   Gate gate;
   std::atomic<std::uint32_t> replied{0};

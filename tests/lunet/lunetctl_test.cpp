@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <filesystem>
+#include <sstream>
 
 #include "BusFixture.h"
 #include "lunet/ListenerAt.h"
@@ -79,6 +81,77 @@ TEST_F(LunetctlTest, ListShowsTheEndpointsAliveWithPidAndUser) {
   first.process.kill(SIGKILL);
   first.process.wait();
   EXPECT_EQ(run(lunetctl({"list"})).out.find(guid), std::string::npos);
+}
+
+TEST_F(LunetctlTest, AListIsInOrderAndHoldsEndpointsOnly) {
+  Client client(config());
+  std::vector<std::unique_ptr<Endpoint>> endpoints;
+  std::vector<std::string> expected;
+  for (int i = 0; i < 12; ++i) {
+    endpoints.push_back(std::make_unique<Endpoint>(client, newGuid()));
+    expected.push_back(lunet::formatGuid(endpoints.back()->guid()));
+  }
+  std::sort(expected.begin(), expected.end());
+  std::string lower = expected[0];
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  for (const std::string& name : {lower + ".sock", std::string("other.sock"), guid + ".new", guid + ".sock",
+                                  std::string(lunet::kConsoleGuid) + ".mark"}) {
+    tree.write("run/lunet/" + name, "");
+  }
+  const Result list = run(lunetctl({"list"}));
+  EXPECT_EQ(list.status, 0) << list.err;
+  std::vector<std::string> addresses;
+  std::istringstream lines(list.out);
+  for (std::string each; std::getline(lines, each);) {
+    addresses.push_back(each.substr(0, each.find(' ')));
+  }
+  EXPECT_EQ(addresses, expected) << list.out;
+}
+
+TEST_F(LunetctlTest, ListenTakesLongAndOddTextsBothWays) {
+  Client client(config());
+  Endpoint peer(client, newGuid(), echo);
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  const std::string odd = "\"\\/\t\r\n\x01 \u00e9\u4e2d\U0001f600 %s %n {}[]";
+  for (const std::string& text : {std::string(), odd, std::string(300000, 'l')}) {
+    Json::Value call(Json::objectValue);
+    call["call"] = lunet::formatGuid(peer.guid());
+    call["data"] = text;
+    Json::StreamWriterBuilder compact;
+    compact["indentation"] = "";
+    const std::size_t before = testsupport::jsonLines(player.process.out()).size();
+    player.process.write(Json::writeString(compact, call) + "\n");
+    EXPECT_TRUE(line(player.process, before)["data"].asString() == text) << text.substr(0, 80);
+    EXPECT_TRUE(peer.messages().back().data == text);
+    peer.send(lunet::parseGuid(guid.c_str()), text);
+    EXPECT_TRUE(line(player.process, before + 1)["data"].asString() == text) << text.substr(0, 80);
+  }
+}
+
+TEST_F(LunetctlTest, ALastLineWithoutALineEndIsDone) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  player.process.write("{\"send\":\"" + guid + "\",\"data\":\"last\"}");
+  player.process.closeInput();
+  EXPECT_EQ(player.process.wait(), 0);
+  EXPECT_NE(player.process.out().find("{\"error\":0,\"event\":\"sent\"}"), std::string::npos)
+      << player.process.out();
+}
+
+TEST_F(LunetctlTest, RepliesMayBeGivenInAnotherOrderThanTheirRequests) {
+  Player player(lunetctl({"listen", guid}));
+  ASSERT_TRUE(player.ready());
+  Process first(lunetctl({"call", guid, "first"}));
+  const std::string firstId = line(player.process, 1)["id"].asString();
+  Process second(lunetctl({"call", guid, "second"}));
+  const std::string secondId = line(player.process, 2)["id"].asString();
+  player.process.write("{\"reply\":" + secondId + ",\"data\":\"to the second\"}\n");
+  EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(second.out(), "to the second\n");
+  player.process.write("{\"reply\":" + firstId + ",\"data\":\"to the first\"}\n");
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(first.out(), "to the first\n");
 }
 
 TEST_F(LunetctlTest, ATreeThatIsNotThereIsNamed) {

@@ -389,6 +389,27 @@ TEST_F(MessagesTest, ALateAnswerIsTakenOffTheLineWhileNobodyCalls) {
   EXPECT_TRUE(waitFor([] { return dropped.load(); }));
 }
 
+TEST_F(MessagesTest, EachOfSeveralLateAnswersIsTakenOffTheLineWhileNobodyCalls) {
+  static std::atomic<int> dropped{0};
+  dropped = 0;
+  Client logged(config("\"log_level\":2"));
+  logged->SetLogCallback([](int, const char* text) {
+    dropped += std::string_view(text).find("came too late") != std::string_view::npos ? 1 : 0;
+  });
+  Endpoint server(client, newGuid());
+  Endpoint caller(logged, newGuid());
+  ASSERT_EQ(caller.send(server.guid(), "connects"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  for (std::size_t i = 1; i <= 3; ++i) {
+    EXPECT_EQ(caller.call(server.guid(), "slow", 30).error, lunet::kErrTimeout);
+    ASSERT_TRUE(server.waitForCount(1 + i));
+  }
+  for (int i = 1; i <= 3; ++i) {  // the one before is taken by now
+    EXPECT_EQ(server.reply(server.messages()[static_cast<std::size_t>(i)], "late"), lunet::kOk);
+    EXPECT_TRUE(waitFor([i] { return dropped == i; })) << i;
+  }
+}
+
 TEST_F(MessagesTest, ACallThatNobodyAnswersEndsWithItsTimeout) {
   Endpoint server(client, newGuid());
   Endpoint caller(client, newGuid());
@@ -426,6 +447,26 @@ TEST_F(MessagesTest, ACallWhoseReaderHasItsAnswerAndGoesGetsItsOwn) {
   EXPECT_EQ(second.get(), "to the second");
 }
 
+TEST_F(MessagesTest, CallsWhoseReaderRunsOutOfTimeStillGetTheirAnswers) {
+  Endpoint server(client, newGuid());
+  Endpoint caller(client, newGuid());
+  ASSERT_EQ(caller.send(server.guid(), "connects"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  auto reader = std::async(std::launch::async, [&] { return caller.call(server.guid(), "r", 300).error; });
+  ASSERT_TRUE(server.waitForCount(2));
+  std::vector<std::future<std::string>> others;
+  for (std::size_t i = 0; i < 3; ++i) {
+    others.push_back(std::async(std::launch::async, [&] { return caller.call(server.guid(), "x").data; }));
+    ASSERT_TRUE(server.waitForCount(3 + i));
+  }
+  EXPECT_EQ(reader.get(), lunet::kErrTimeout);
+  for (std::size_t i = others.size(); i-- > 0;) {  // the call that came last first
+    EXPECT_EQ(server.reply(server.messages()[2 + i], std::to_string(i)), lunet::kOk);
+    EXPECT_EQ(others[i].get(), std::to_string(i));
+  }
+  EXPECT_EQ(server.reply(server.messages()[1], "late"), lunet::kOk);
+}
+
 TEST_F(MessagesTest, NullPointersAreRefused) {
   Endpoint server(client, newGuid(), echo);
   Endpoint caller(client, newGuid());
@@ -436,6 +477,10 @@ TEST_F(MessagesTest, NullPointersAreRefused) {
   EXPECT_EQ(caller->SyncSend(server.guid(), 1, nullptr, 5, &error, &reply, &length, 10), lunet::kErrArgument);
   EXPECT_EQ(caller->SyncSend(server.guid(), 1, "x", 1, &error, nullptr, &length, 10), lunet::kErrArgument);
   EXPECT_EQ(caller->SyncSend(server.guid(), 1, "x", 1, &error, &reply, nullptr, 10), lunet::kErrArgument);
+  EXPECT_EQ(error, lunet::kErrArgument);
+  EXPECT_EQ(caller->SendToProcess(server.guid(), {}, 1, nullptr, 5), lunet::kErrArgument);
+  EXPECT_EQ(caller->GetPeerIdentity(nullptr), lunet::kErrArgument);
+  caller->GetPeer(nullptr);
   EXPECT_EQ(caller->RegisterReceiver(1, nullptr, nullptr), lunet::kErrArgument);
   EXPECT_EQ(caller->Reply(0, 1, "x", 1, nullptr), lunet::kErrArgument);
   EXPECT_EQ(caller->Open(lunet::Guid{}), lunet::kErrArgument);

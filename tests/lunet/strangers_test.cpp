@@ -1,7 +1,9 @@
 // A peer that breaks the rules of the wire ends its own connection, and nothing else.
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -267,6 +269,21 @@ TEST_F(StrangersTest, AHelloMeantForAnotherAddressIsRefused) {
   const RawConnection raw(socketOf(server.guid()));
   EXPECT_EQ(raw.handshake(owner.guid(), newGuid()), lunet::kErrDenied);
   EXPECT_TRUE(raw.waitUntilClosed());
+}
+
+TEST_F(StrangersTest, MessagesOfManyConnectionsThatWaitAtOnceAllArrive) {
+  constexpr std::size_t kConnections = 150;
+  Gate gate;
+  Endpoint busy(client, newGuid(), [&](Endpoint&, const Message&) { gate.wait(); });
+  std::vector<std::unique_ptr<RawConnection>> connections;
+  for (std::size_t i = 0; i < kConnections; ++i) {
+    connections.push_back(std::make_unique<RawConnection>(socketOf(busy.guid())));
+    ASSERT_EQ(connections.back()->handshake(owner.guid(), busy.guid()), lunet::kOk);
+    connections.back()->send(oneway(0));
+    ASSERT_TRUE(busy.waitForCount(1));
+  }
+  gate.open();
+  EXPECT_TRUE(busy.waitForCount(kConnections)) << busy.count();
 }
 
 TEST_F(StrangersTest, AnAddressThatNobodyHasCannotBeClaimed) {
@@ -675,6 +692,27 @@ TEST_F(FalseListenerTest, SendersAtOnceToAListenerThatHangsUpAllLearnThatNobodyI
     EXPECT_EQ(each.wait_for(kHandshakeLimit * 2 / 3), std::future_status::ready) << "waits for the limit";
     EXPECT_EQ(each.get(), lunet::kErrNoTarget);
   }
+}
+
+TEST_F(FalseListenerTest, AHelloReplyMayComeInPieces) {
+  thread = std::thread([this] {
+    const platform::Descriptor peer(accept(listener.get(), nullptr, nullptr));
+    char hello[sizeof(FrameHeader) + sizeof(lunet::HelloBody)];
+    (void)!recv(peer.get(), hello, sizeof hello, MSG_WAITALL);
+    const std::string reply = bytesOf(helloReply()) + std::string(reinterpret_cast<const char*>(&guid), 16);
+    for (const char byte : reply) {
+      (void)send(peer.get(), &byte, 1, MSG_NOSIGNAL);
+      int unread = 1;
+      EXPECT_TRUE(waitFor([&] { return ioctl(peer.get(), SIOCOUTQ, &unread) == 0 && unread == 0; }));
+    }
+    FrameHeader good;
+    good.kind = FrameKind::kAnswer;
+    good.id = 1;
+    good.length = 2;
+    answerOne(peer, bytesOf(good) + "ok");
+    waitForEnd(peer);
+  });
+  EXPECT_EQ(caller.call(guid, "x").data, "ok");
 }
 
 /// The limit is three seconds, or the caller's own if shorter.
