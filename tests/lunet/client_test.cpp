@@ -287,6 +287,30 @@ TEST_P(CloseWayTest, GivesTheAddressUpSoThatAnotherClientMayOpenIt) {
   EXPECT_EQ(next->Open(agent), lunet::kOk);
 }
 
+TEST_P(CloseWayTest, HasClosedWhenItReturnsThoughTheClientDisconnectsAtTheSameTime) {
+  Client others(config());
+  Client client(config());
+  Gate gate;
+  std::atomic<bool> finished{false};
+  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
+    gate.wait();
+    finished = true;
+  });
+  Endpoint sender(others, newGuid());
+  ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
+  ASSERT_TRUE(server.waitForCount(1));
+  auto disconnecting = std::async(std::launch::async, [&] { client->Disconnect(); });
+  ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
+  auto closing = std::async(std::launch::async, [&] {
+    close(client, server);
+    return finished.load();
+  });
+  EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  gate.open();
+  EXPECT_TRUE(closing.get());
+  disconnecting.get();
+}
+
 INSTANTIATE_TEST_SUITE_P(Ways, CloseWayTest, testing::Values("DestroyEndpoint", "Disconnect", "Uninit"),
                          [](const auto& row) { return std::string(row.param); });
 
@@ -301,30 +325,6 @@ TEST_F(ClientTest, DisconnectClosesEveryEndpointAndEachMayBeOpenedAgain) {
   ASSERT_EQ(first->Open(first.guid()), lunet::kOk);
   ASSERT_EQ(second->Open(second.guid()), lunet::kOk);
   EXPECT_EQ(first.call(second.guid(), "x").data, "x");
-}
-
-TEST_F(ClientTest, AnEndpointThatIsDestroyedWhileTheClientDisconnectsIsClosedWhenThatReturns) {
-  Client others(config());
-  Client client(config());
-  Gate gate;
-  std::atomic<bool> finished{false};
-  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
-    gate.wait();
-    finished = true;
-  });
-  Endpoint sender(others, newGuid());
-  ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
-  ASSERT_TRUE(server.waitForCount(1));
-  auto disconnecting = std::async(std::launch::async, [&] { client->Disconnect(); });
-  ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
-  auto destroying = std::async(std::launch::async, [&] {
-    server.destroy();
-    return finished.load();
-  });
-  EXPECT_EQ(destroying.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  gate.open();
-  EXPECT_TRUE(destroying.get());
-  disconnecting.get();
 }
 
 TEST_F(ClientTest, NoDescriptorOfTheBusIsInheritedByAnotherProgram) {
