@@ -595,6 +595,70 @@ TEST_F(PoolsThatRecord, AHungWorkerIsKilledWhileALaterWorkerIsIdle) {
   EXPECT_THAT(verdict("held").reason, HasSubstr("took longer"));
 }
 
+/// A worker begins each file whose name has "held" in it, and goes on once letGo() names the file.
+class PoolsWithAHungFile : public PoolsThatRecord, public ::testing::WithParamInterface<bool> {
+ protected:
+  void holdEach() {
+    config().beforeFile = [this](const std::string& path) {
+      const std::string name = path.substr(path.rfind('/') + 1);
+      note(name);
+      while (name.find("held") != std::string::npos && access((path + "-go").c_str(), F_OK) != 0) {
+        usleep(1000);
+      }
+    };
+  }
+  void letGo(const std::string& name) const { dir().write(name + "-go", ""); }
+  bool waitBegun(const std::string& name) const {
+    return testsupport::waitFor([&] {
+      const auto names = namesBegun();
+      return std::find(names.begin(), names.end(), name) != names.end();
+    });
+  }
+  /// A file hangs from its beginning on. A later file of another worker begins half the limit later. True
+  /// when the later file was let go, and scanned, between the first one's end and its own.
+  bool endsBeforeALaterOne(std::chrono::milliseconds limit, const std::string& round) {
+    config().fileTimeout = limit;
+    const std::string before = "held-before" + round, hung = "held" + round, later = "held-later" + round;
+    {
+      WorkerPool pool(spawner(), 2);
+      const bool inTheSecondWorker = GetParam();
+      if (inTheSecondWorker) {
+        begin(pool, before, kLarge);
+        EXPECT_TRUE(waitBegun(before));
+      }
+      begin(pool, hung, kLarge);
+      EXPECT_TRUE(waitBegun(hung));
+      const auto begun = std::chrono::steady_clock::now();
+      if (inTheSecondWorker) {
+        letGo(before);
+        EXPECT_TRUE(testsupport::waitFor([&] { return known(before); }));
+      }
+      testsupport::waitFor([&] { return std::chrono::steady_clock::now() - begun >= limit / 2; });
+      begin(pool, later, kLarge);
+      EXPECT_TRUE(testsupport::waitFor([&] { return known(hung); }));
+      EXPECT_THAT(verdict(hung).reason, HasSubstr("took longer"));
+      letGo(later);
+      pool.drain();
+    }
+    endSpawner();
+    return verdict(later).outcome == Outcome::kClean;
+  }
+};
+
+// A busy machine may let the later file's limit pass: the next round has more time.
+TEST_P(PoolsWithAHungFile, EndItAtItsOwnLimitAndNotAtThatOfALaterFile) {
+  holdEach();
+  int limit = 1000;
+  while (!endsBeforeALaterOne(std::chrono::milliseconds(limit), std::to_string(limit))) {
+    limit *= 2;
+    ASSERT_LE(limit, 8000) << "both files ended together each time";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(In, PoolsWithAHungFile, ::testing::Bool(), [](const auto& row) {
+  return std::string(row.param ? "TheSecondWorker" : "TheFirstWorker");
+});
+
 // The callback runs on the pool's thread, which goes on with the next queued file.
 TEST_F(PoolsThatRecord, AFileBehindACancelIsNotBegun) {
   config().beforeFile = [this](const std::string& path) { note(path.substr(path.rfind('/') + 1)); };

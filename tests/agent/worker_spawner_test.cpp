@@ -10,6 +10,7 @@
 #include <future>
 #include <optional>
 
+#include "OwnMounts.h"
 #include "WorkerFixture.h"
 
 namespace agent {
@@ -336,6 +337,30 @@ TEST_F(Spawners, AWaitForALoadSleeps) {
   EXPECT_TRUE(waiting.get().loaded);
 }
 
+TEST_F(Spawners, EveryWaitForALoadEndsThoughOneThreadAloneReadsTheReport) {
+  testsupport::HeldFile held(writeSystem());
+  spawner();
+  constexpr int kThreads = 16;
+  std::array<std::atomic<pid_t>, kThreads> ids{};
+  std::atomic<int> loaded{0};
+  std::vector<std::thread> waiting;
+  for (auto& id : ids) {
+    waiting.emplace_back([&] {
+      id = gettid();
+      loaded += spawner().waitLoaded(std::chrono::minutes(1)).loaded ? 1 : 0;
+    });
+  }
+  EXPECT_TRUE(testsupport::waitFor([&] {
+    return std::all_of(ids.begin(), ids.end(),
+                       [](const auto& id) { return id != 0 && testsupport::threadSleeps(id); });
+  }));
+  held.release();
+  EXPECT_TRUE(testsupport::waitFor([&] { return loaded == kThreads; })) << loaded;
+  for (std::thread& thread : waiting) {
+    thread.join();
+  }
+}
+
 TEST_F(Spawners, ReloadsRunOneAtATime) {
   const std::string file = writeSystem();
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded);
@@ -484,6 +509,40 @@ TEST_F(Spawners, TheFoldersOfAWorkerAreRemovedAtItsEnd) {
     EXPECT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(folder); })) << folder;
   }
 }
+
+struct MemoryRow {
+  const char* name;
+  const char* type;     ///< of the file system at /dev/shm
+  const char* options;  ///< of the mount
+  std::size_t folders;  ///< that the spawner has
+};
+class SpawnersWithoutMemoryFolder : public Spawners, public ::testing::WithParamInterface<MemoryRow> {};
+
+TEST_P(SpawnersWithoutMemoryFolder, ScanWithTheFolderOnDiskAlone) {
+  const auto mounts = [] { return mount("none", "/dev/shm", GetParam().type, 0, GetParam().options) == 0; };
+  if (!withOwnMounts(mounts, [this] {
+        EXPECT_TRUE(spawner().waitLoaded(kLoad).loaded) << spawner().signatureState().detail;
+        EXPECT_EQ(spawner().temporaryFolders().size(), GetParam().folders);
+        {
+          WorkerPool pool(spawner(), 1);
+          begin(pool, "file", eicar());
+          begin(pool, "zip", testsupport::makeZip({{"x", eicar()}}));
+          pool.drain();
+        }
+        endSpawner();  // before the thread that started it
+      })) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_EQ(verdict("file").outcome, Outcome::kInfected) << describe(verdict("file"));
+  EXPECT_EQ(verdict("zip").outcome, Outcome::kInfected) << describe(verdict("zip"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Where, SpawnersWithoutMemoryFolder,
+                         ::testing::Values(MemoryRow{"NoMemoryFileSystemIs", "proc", "", 1},
+                                           MemoryRow{"TheSpawnersFolderFindsNoRoom", "tmpfs", "nr_inodes=1",
+                                                     1},
+                                           MemoryRow{"AWorkersFolderFindsNoRoom", "tmpfs", "nr_inodes=2", 2}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Spawners, TheFoldersOfWorkersThatEndTogetherAreRemoved) {
   holdFilesNamed("held");
