@@ -62,6 +62,24 @@ TEST(TaskControl, APauseThatWasTakenBackBeforeItWasSeenIsReportedAllTheSame) {
   EXPECT_EQ(1, pauses);
 }
 
+TEST(TaskControl, APauseThatIsTakenBackWhileAnEarlierOneIsReportedIsReportedToo) {
+  TaskControl control;
+  std::string reported;
+  control.onPause(
+      [&] {
+        reported += "paused ";
+        if (reported == "paused ") {
+          EXPECT_TRUE(control.resume());
+          EXPECT_TRUE(control.pause());
+          EXPECT_TRUE(control.resume());
+        }
+      },
+      [&] { reported += "resumed "; });
+  EXPECT_TRUE(control.pause());
+  EXPECT_TRUE(control.keepGoing());
+  EXPECT_EQ("paused resumed paused resumed ", reported);
+}
+
 TEST(TaskControl, StopEndsAPausedTask) {
   TaskControl control;
   Worker worker(control);

@@ -277,6 +277,14 @@ TEST_F(Tasks, AScanThatCannotBeMadeIsReportedLeavesNoRecordAndItsModeFree) {
   EXPECT_TRUE(start(kUser).outcome);
 }
 
+TEST_F(Tasks, ARequestWithAnEmptyPathAmongOthersIsRefusedAndNotCarriedOutInPart) {
+  further = {""};
+  const TaskManager::Started task = start(kUser);
+  ASSERT_FALSE(task.outcome);
+  EXPECT_THAT(task.outcome.error(), HasSubstr("not an absolute path"));
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(TaskState::kNotCreated));
+}
+
 TEST_F(Tasks, ThatEndedHoldNoFileOpenBeyondTheNextStart) {
   further = {dir.at("absent")};
   for (int i = 0; i < 5; ++i) {
@@ -323,6 +331,42 @@ TEST_F(Tasks, AScanThatCannotBeRecordedIsNotMadeAndItsModeIsFree) {
   EXPECT_TRUE(start(kUser).outcome);
 }
 
+/// While the object lives, this process can begin no thread: a thread's stack would need all addresses.
+class NoMoreThreads {
+ public:
+  NoMoreThreads() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge;
+    pthread_getattr_default_np(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 47);
+    EXPECT_EQ(0, pthread_setattr_default_np(&huge));
+    pthread_attr_destroy(&huge);
+  }
+  ~NoMoreThreads() {
+    EXPECT_EQ(0, pthread_setattr_default_np(&before_));
+    pthread_attr_destroy(&before_);
+  }
+  NoMoreThreads(const NoMoreThreads&) = delete;
+  NoMoreThreads& operator=(const NoMoreThreads&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+TEST_F(Tasks, AScanForWhichThereIsNoThreadIsReportedLeavesNoRecordAndItsModeFree) {
+  TaskManager::Started task;
+  {
+    const NoMoreThreads none;
+    task = start(kUser);
+  }
+  ASSERT_FALSE(task.outcome);
+  EXPECT_THAT(task.outcome.error(), HasSubstr("no thread for the scan"));
+  ASSERT_EQ(0U, tasks.count());
+  EXPECT_THAT(notifiedStates(task.token), ElementsAre(TaskState::kNotCreated));
+  const TaskManager::Started next = start(kUser);
+  EXPECT_TRUE(next.outcome) << next.outcome.error();
+}
+
 TEST_F(Tasks, ThatDoNotEndWithinTheLimitAreSaid) {
   ASSERT_TRUE(start(kUser).outcome);
   EXPECT_FALSE(tasks.stopAll("the agent is ending", std::chrono::milliseconds(0)));
@@ -349,6 +393,20 @@ TEST_F(Tasks, ThatAnEarlierRunLeftBehindAreReportedToTheirOwnersAndForgotten) {
   EXPECT_EQ(4711, lastTo.pid);
   EXPECT_EQ(kUser, lastTo.uid);
   EXPECT_EQ(99U, lastTo.startTicks);
+}
+
+TEST_F(Tasks, ThatAnEarlierRunLeftBehindStayRecordedUntilTheirOwnersHaveTheNotice) {
+  store->tasks().put({"interrupted", 2, lunet::formatGuid({1, 2, 3}), 4711, kUser, 99});
+  {
+    testsupport::FakeEndpoint busy;
+    busy.onewayResult = lunet::kErrQueueFull;
+    NotificationQueue undelivered;
+    TaskManager ofAnAgentThatEnds({*store, spawner, undelivered, busy, {}});
+    ofAnAgentThatEnds.notifyInterruptedTasks();
+  }
+  tasks.notifyInterruptedTasks();
+  EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(TaskState::kAborted));
+  EXPECT_EQ(kUser, lastTo.uid);
 }
 
 TEST(Administrator, IsRootAndTheAgentsOwnUserAndNobodyElse) {

@@ -38,6 +38,29 @@ TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsReportedAndTheEndWaitsFor
   EXPECT_FALSE(task->pause());
 }
 
+TEST_F(ScanTaskTest, WhenAScanIsOverItsWorkersEndThoughNoOtherScanBegins) {
+  const std::string file = dir.write("file", "clean");
+  const auto foldersOfWorkers = [this] {
+    std::ptrdiff_t count = 0;
+    for (const std::string& parent : spawner.temporaryFolders()) {
+      count += std::distance(std::filesystem::directory_iterator(parent), {});
+    }
+    return count;
+  };
+  for (const bool stopped : {false, true}) {
+    hold();
+    const std::unique_ptr<ScanTask> task = begin(custom({file}));
+    ASSERT_TRUE(waitFor([&] { return begun(file) == (stopped ? 2 : 1); }));
+    EXPECT_LT(0, foldersOfWorkers());
+    if (stopped) {
+      EXPECT_TRUE(task->stop("enough"));
+    }
+    release();
+    EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
+    EXPECT_TRUE(waitFor([&] { return foldersOfWorkers() == 0; })) << "stopped: " << stopped;
+  }
+}
+
 TEST_F(ScanTaskTest, ATaskThatIsPausedAtItsEndCanBeStopped) {
   held = true;
   const std::unique_ptr<ScanTask> task = begin(custom({dir.write("eicar.com", testsupport::eicar())}));
