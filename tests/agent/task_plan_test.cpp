@@ -237,6 +237,11 @@ TEST_F(PlanTest, MorePathsThanOneScanMayHoldOpenAreRefused) {
   EXPECT_THAT(refusal(), HasSubstr("1025 paths"));
 }
 
+TEST_F(PlanTest, EveryPathOfTheRequestIsPlannedAnEmptyOneAndOneGivenTwiceToo) {
+  params["items"] = jsonOf(R"(["","/a","","/a"," "])");
+  EXPECT_THAT(plan().items, ElementsAre("", "/a", "", "/a", " "));
+}
+
 TEST_F(PlanTest, PathBytesThatAreNoUtf8ComeBackFromTheWire) {
   params["items"][0] = json::encodePath("/x/\xff\x80y");
   EXPECT_THAT(plan().items, ElementsAre("/x/\xff\x80y"));
@@ -268,6 +273,26 @@ TEST_F(PlanTest, EachSettingChangesThePlan) {
   EXPECT_EQ(0U, made.options.enabledEngines & (1U << json::kEngineHc));
   EXPECT_NE(0U, made.options.enabledEngines & (1U << json::kEngineUmb));
   EXPECT_NE(0U, made.options.enabledEngines & (1U << json::kEngineRejectList));
+}
+
+TEST_F(PlanTest, WhatTheSettingsDoNotSayHasItsDefault) {
+  settings.scan = settings.engines = Json::Value(Json::objectValue);
+  params["fix_method"] = json::toFixMethod(json::Handling::kAutomatic);
+  const ScanPlan made = plan();
+  EXPECT_TRUE(made.options.archives);
+  EXPECT_EQ(16U, made.options.maxLayers);
+  EXPECT_EQ(0U, made.options.maxArchiveBytes);
+  EXPECT_THAT(made.options.archiveFormats, IsEmpty());
+  for (int index = 0; index < json::kEngineCount; ++index) {
+    EXPECT_NE(0U, made.options.enabledEngines & (1U << json::engineAt(index).code)) << index;
+  }
+  EXPECT_EQ(Handling::kQuarantine, made.action);
+  EXPECT_FALSE(made.endProcesses);
+  EXPECT_FALSE(made.memoryCheck);
+  EXPECT_TRUE(made.useCache);
+  EXPECT_EQ(0U, made.parallelism);
+  EXPECT_EQ(0U, made.skipBytes);
+  EXPECT_FALSE(made.programsOnly);
 }
 
 TEST_F(PlanTest, WhatChangesAVerdictChangesTheCacheKey) {

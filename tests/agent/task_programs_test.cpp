@@ -192,6 +192,23 @@ TEST_F(RunningProgramsTest, AProcessThatHadEndedCountsAsEnded) {
   EXPECT_TRUE(endProcess(gone));
 }
 
+TEST_F(RunningProgramsTest, AProcessThatTheAgentHasNoDescriptorForIsAnErrorAndDoesNotCountAsEnded) {
+#ifdef TAV_SANITIZED
+  GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
+#endif
+  const RunningProgram found = find().at(0);
+  rlimit normal{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &normal));
+  const rlimit none{0, normal.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  const auto ended = endProcess(found);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &normal));
+  ASSERT_FALSE(ended) << *ended;
+  EXPECT_EQ("Too many open files", ended.error());
+  EXPECT_TRUE(process->running());
+  EXPECT_TRUE(endProcess(found));
+}
+
 /// Runs `what` where the status of that process cannot be read. False when this process may not do that.
 bool withoutStatusOf(pid_t pid, const std::function<void()>& what) {
   const testsupport::TempDir dir;
