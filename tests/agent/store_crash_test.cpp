@@ -12,6 +12,7 @@
 namespace agent {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -39,19 +40,47 @@ class CrashTest : public QuarantineTest {
     ASSERT_NO_FATAL_FAILURE(leaveAt(step, work));
     reopen();
   }
-  /// The unchanged file is either in place or restorable, and nothing is left over.
-  void expectExactlyOne(const std::string& path, const FileFacts& before) {
-    const std::string uuid = uuidOf(path);
-    EXPECT_NE(std::filesystem::exists(path), !uuid.empty()) << uuid;
+  /// The same with two pieces of work under way: both stand at the step when the process dies.
+  void dieWithBothAt(const std::string& step, const std::function<void()>& first,
+                     const std::function<void()>& second) {
+    store_.reset();
+    const int status = inChild([&] {
+      reopen();
+      bool underWay = false;
+      store::stepHook = [&](const char* now) {
+        if (step == now && underWay) {
+          ::_exit(77);
+        }
+        if (step == now) {
+          underWay = true;
+          second();
+        }
+      };
+      first();
+    });
+    ASSERT_EQ(status, 77) << "the step was not reached twice";
+    reopen();
+  }
+  /// Each file is unchanged, either in place or restorable, and nothing is left over.
+  void expectExactlyOneOfEach(const std::map<std::string, FileFacts>& files) {
     EXPECT_EQ(vaultFiles().size(), items().size());
-    if (!uuid.empty()) {
-      const auto result = restore(uuid);
-      EXPECT_TRUE(result) << lineOf(result);
+    std::vector<std::string> names;
+    for (const auto& [path, before] : files) {
+      names.push_back(std::filesystem::path(path).filename());
+      const std::string uuid = uuidOf(path);
+      EXPECT_NE(std::filesystem::exists(path), !uuid.empty()) << path;
+      if (!uuid.empty()) {
+        const auto result = restore(uuid);
+        EXPECT_TRUE(result) << lineOf(result);
+      }
+      EXPECT_EQ(FileFacts::of(path), before) << path;
     }
-    EXPECT_EQ(FileFacts::of(path), before);
     EXPECT_THAT(items(), IsEmpty());
     EXPECT_THAT(vaultFiles(), IsEmpty());
-    EXPECT_THAT(namesIn(at("")), ElementsAre(std::filesystem::path(path).filename()));
+    EXPECT_EQ(namesIn(at("")), names);
+  }
+  void expectExactlyOne(const std::string& path, const FileFacts& before) {
+    expectExactlyOneOfEach({{path, before}});
   }
 };
 
@@ -66,6 +95,15 @@ TEST_P(CrashWhileAddingTest, LeavesTheFileWhereItWasOrACompleteItem) {
   const FileFacts before = FileFacts::of(path);
   dieAt(GetParam(), [&] { add(path); });
   expectExactlyOne(path, before);
+}
+
+TEST_P(CrashWhileAddingTest, OfTwoFilesLeavesEachWhereItWasOrACompleteItem) {
+  const std::string first = writeRich("first"), second = writeRich("second");
+  const std::map<std::string, FileFacts> before{{first, FileFacts::of(first)},
+                                                {second, FileFacts::of(second)}};
+  dieWithBothAt(
+      GetParam(), [&] { add(first); }, [&] { add(second); });
+  expectExactlyOneOfEach(before);
 }
 
 TEST_F(CrashTest, AnItemWithoutItsNameYetIsNotSaidToBeMissing) {
@@ -154,6 +192,22 @@ TEST_P(CrashWhileDeletingTest, NothingStandsUnderAPrivateName) {
   }
   reopen();
   EXPECT_THAT(store().notices(), IsEmpty()) << "it is settled once";
+}
+
+TEST_P(CrashWhileDeletingTest, OfTwoFilesNeitherStandsUnderAPrivateName) {
+  const std::string first = write("first"), second = write("second", "another");
+  dieWithBothAt(
+      GetParam().step, [&] { store().quarantine().remove(requestFor(first)); },
+      [&] { store().quarantine().remove(requestFor(second)); });
+  EXPECT_THAT(store().notices(), ElementsAre(AllOf(HasSubstr("first"), HasSubstr(GetParam().notice)),
+                                             AllOf(HasSubstr("second"), HasSubstr(GetParam().notice))));
+  if (GetParam().stays) {
+    EXPECT_THAT(namesIn(at("")), ElementsAre("first", "second"));
+  } else {
+    EXPECT_THAT(namesIn(at("")), IsEmpty());
+  }
+  reopen();
+  EXPECT_THAT(store().notices(), IsEmpty()) << "both are settled once";
 }
 
 TEST_F(CrashTest, AnotherFileUnderTheNameOfADeletionIsPutBack) {

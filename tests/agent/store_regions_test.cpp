@@ -100,6 +100,18 @@ TEST_F(RegionTest, AnExtensionEntryTrustsFilesOfThatEndingWhateverTheCase) {
   }
 }
 
+TEST_F(RegionTest, EveryLetterOfAnExtensionIsTheSameInBothCasesAndNoOtherByteIs) {
+  add(kExtension, "abcdefghijklmnopqrstuvwxyz");
+  add(kExtension, "@[\xc3\x84");
+  EXPECT_EQ(regions().byPath("/a/b.ABCDEFGHIJKLMNOPQRSTUVWXYZ"), RegionVerdict::kTrusted);
+  EXPECT_EQ(regions().byPath("/a/b.@[\xc3\x84"), RegionVerdict::kTrusted);
+  for (const char* path : {"/a/b.`[\xc3\x84", "/a/b.@{\xc3\x84", "/a/b.@[\xc3\xa4", "/a/b.@[\xe3\x84"}) {
+    EXPECT_EQ(regions().byPath(path), RegionVerdict::kNone) << path;
+  }
+  add(kExtension, "ABCDEFGHIJKLMNOPQRSTUVWXYZ2");
+  EXPECT_EQ(regions().byPath("/a/b.abcdefghijklmnopqrstuvwxyz2"), RegionVerdict::kTrusted);
+}
+
 TEST_F(RegionTest, ANameEntryTrustsFilesOfThatNameAnywhere) {
   add(kName, "setup.bin");
   EXPECT_EQ(regions().byPath("/any/where/setup.bin"), RegionVerdict::kTrusted);

@@ -187,8 +187,8 @@ TEST_F(RestoreChildTest, AllThatIsSentTogetherHasALimit) {
   EXPECT_EQ(child.report().stage, RestoreStage::kStalled);
 }
 
-TEST_F(RestoreChildTest, ALargeFileHasMoreTime) {
-  meta_.size = std::uint64_t{1} << 40;
+TEST_F(RestoreChildTest, AFileOfAGigabyteHasMoreTime) {
+  meta_.size = std::uint64_t{1} << 30;
   const milliseconds patience(100);
   RestoreChild child(job_, patience);
   const auto end = std::chrono::steady_clock::now() + 2 * patience;

@@ -1,5 +1,6 @@
 #include <array>
 #include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -151,6 +152,33 @@ TEST_P(EveryDocumentedSettingTest, StandsInTheOperatorsPageAsItIs) {
     found = found || (section == heading && line.starts_with(row.str()));
   }
   EXPECT_TRUE(found) << heading << "\n" << row.str();
+}
+
+/// The documents that the operators' page describes: every setting with its default.
+std::map<int, Json::Value> documentsOfThePage() {
+  std::ifstream page(TAV_SOURCE_DIR "/docs/settings.md");
+  std::map<int, Json::Value> documents;
+  Json::Value* section = nullptr;
+  const std::regex heading(R"re(### Type (\d+), section "(\w+)")re");
+  const std::regex row(R"(\| (\w+) \| (?:switch|number|text|words) \|[^|]*\|[^|]*\| ([^|]*) \|.*)");
+  std::smatch parts;
+  for (std::string line; std::getline(page, line);) {
+    if (std::regex_match(line, parts, heading)) {
+      section = &documents[std::stoi(parts[1])][parts[2]];
+    } else if (section != nullptr && std::regex_match(line, parts, row)) {
+      (*section)[parts[1]] = testsupport::jsonOf(parts[2]);
+    }
+  }
+  return documents;
+}
+
+TEST_F(SettingsTest, TheDocumentsOfANewStoreAreThoseOfTheOperatorsPage) {
+  const std::map<int, Json::Value> documented = documentsOfThePage();
+  std::map<int, Json::Value> started;
+  for (const json::ConfigType type : json::kValuesOf<json::ConfigType>) {
+    started[json::toNumber(type)] = settings().document(type);
+  }
+  EXPECT_EQ(started, documented);
 }
 
 TEST_F(SettingsTest, EveryTypeHasADocument) {
