@@ -27,23 +27,32 @@ std::string procPath(pid_t pid, const char* what) {
   return "/proc/" + std::to_string(pid) + "/" + what;
 }
 
+/// Where the link leads; the link itself when that path is too long for the kernel to say. Empty: neither.
+std::string programPath(const std::string& link) {
+  char text[4096];
+  const ssize_t length = readlink(link.c_str(), text, sizeof text);
+  if (length < 0) {
+    return errno == ENAMETOOLONG ? link : std::string();
+  }
+  return {text, static_cast<std::size_t>(length)};
+}
+
 std::optional<RunningProgram> readProgram(pid_t pid) {
   const std::string link = procPath(pid, "exe");
   struct stat program {};
   struct stat process {};
-  char text[4096];
-  const ssize_t length = readlink(link.c_str(), text, sizeof text);
-  if (length <= 0 || stat(link.c_str(), &program) != 0 || stat(procPath(pid, "").c_str(), &process) != 0) {
+  RunningProgram result;
+  result.path = programPath(link);
+  if (result.path.empty() || stat(link.c_str(), &program) != 0 ||
+      stat(procPath(pid, "").c_str(), &process) != 0) {
     return std::nullopt;  // a kernel thread, one that ended, or one we may not look at
   }
-  RunningProgram result;
   result.pid = pid;
   result.uid = process.st_uid;
   if (const auto state = platform::processStat(pid)) {
     result.startTicks = state->startTicks;
     result.name = state->name;
   }
-  result.path.assign(text, static_cast<std::size_t>(length));
   result.device = program.st_dev;
   result.inode = program.st_ino;
   struct stat atPath {};

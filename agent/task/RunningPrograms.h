@@ -20,7 +20,8 @@ struct RunningProgram {
   uid_t uid = 0;
   std::uint64_t startTicks = 0;  ///< differs for a re-used pid; 0: could not be read
   std::string name;              ///< the kernel's short name: any bytes
-  std::string path;              ///< of the program; ends in " (deleted)" when the program is gone
+  std::string path;  ///< of the program; ends in " (deleted)" when the program is gone; /proc/<pid>/exe when
+                     ///< the kernel cannot say so long a path
   bool onDisk = true;
   std::uint64_t device = 0, inode = 0;  ///< of the program
 };

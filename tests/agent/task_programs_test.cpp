@@ -87,6 +87,42 @@ TEST_F(RunningProgramsTest, ANameWithAnEndOfLineHidesNoProcess) {
   EXPECT_EQ(128 + SIGKILL, other.wait());
 }
 
+TEST_F(RunningProgramsTest, ALongPathOfAProgramIsNotCut) {
+  std::string longPath = dir.path();
+  while (longPath.size() < 3500) {
+    longPath += "/" + std::string(200, 'x');
+  }
+  std::filesystem::create_directories(longPath);
+  longPath += "/program";
+  std::filesystem::rename(program, longPath);
+  program = longPath;
+  const std::vector<RunningProgram> found = find();
+  ASSERT_EQ(1U, found.size());
+  EXPECT_EQ(longPath, found[0].path);
+  EXPECT_TRUE(found[0].onDisk);
+}
+
+TEST_F(RunningProgramsTest, AProgramWhosePathIsTooLongForTheKernelIsFoundAndEndedAllTheSame) {
+  const FileIdentity file = identity();
+  const std::string half = "/" + std::string(250, 'x');
+  std::string upper = dir.at("upper"), lower = dir.at("lower");
+  while (upper.size() < 2500) {
+    upper += half;
+    lower += half;
+  }
+  std::filesystem::create_directories(upper);
+  std::filesystem::create_directories(lower);
+  std::filesystem::rename(program, lower + "/program");
+  std::filesystem::rename(dir.at("lower"), upper + "/lower");
+  RunningPrograms programs;
+  const std::vector<RunningProgram> found = programs.running(file);
+  ASSERT_EQ(1U, found.size());
+  EXPECT_EQ("/proc/" + std::to_string(process->pid()) + "/exe", found[0].path);
+  EXPECT_TRUE(found[0].onDisk);
+  EXPECT_TRUE(endProcess(found[0]));
+  EXPECT_EQ(128 + SIGKILL, process->wait());
+}
+
 TEST_F(RunningProgramsTest, AFileThatHasTheNameOfADeletedProgramIsNotThatProgram) {
   const FileIdentity file = identity();
   std::filesystem::remove(program);
