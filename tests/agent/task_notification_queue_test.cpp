@@ -186,6 +186,21 @@ INSTANTIATE_TEST_SUITE_P(Errors, RetriedOn,
                                            ErrorRow{"WantOfMemory", lunet::kErrSystem}),
                          [](const auto& row) { return std::string(row.param.first); });
 
+TEST_F(NotificationQueueTest, AFullQueueIsTriedAgainAfterThePauseAndNotMuchLater) {
+  constexpr auto kPause = std::chrono::milliseconds(50);
+  std::vector<std::chrono::steady_clock::time_point> triedAt;
+  NotificationQueue patient({.keptBytes = 1000, .retry = kPause, .stall = std::chrono::minutes(5)});
+  patient.post(receiver, kKept, 10, [&]() -> std::uint32_t {
+    triedAt.push_back(std::chrono::steady_clock::now());
+    return triedAt.size() < 10 ? lunet::kErrQueueFull : lunet::kOk;
+  });
+  ASSERT_TRUE(patient.drain(std::chrono::seconds(20)));  // nine pauses are less than half a second
+  ASSERT_EQ(10U, triedAt.size());
+  for (std::size_t i = 1; i < triedAt.size(); ++i) {
+    EXPECT_GE(triedAt[i] - triedAt[i - 1], kPause);
+  }
+}
+
 TEST_F(NotificationQueueTest, ANotificationThatIsTriedAgainLeavesBeforeThoseBehindIt) {
   post([&, first = console.notification("1")]() -> std::uint32_t {
     return ++tries == 1 ? lunet::kErrQueueFull : first();
@@ -207,6 +222,28 @@ TEST_F(NotificationQueueTest, AProgressThatWasNotTakenGivesWayToANewerOneThatCam
   ASSERT_TRUE(drain());
   EXPECT_EQ(1, tries);
   EXPECT_THAT(console.taken(), ElementsAre("newer"));
+}
+
+TEST_F(NotificationQueueTest, AProgressAndAnOverviewThatWereNotTakenGiveWayToNoOtherKind) {
+  const std::vector<std::pair<NotificationKind, NotificationKind>> kinds = {
+      {kProgress, kOverview}, {kProgress, kKept}, {kOverview, kProgress}, {kOverview, kKept}};
+  std::vector<std::string> expected;
+  for (const auto& [kind, behind] : kinds) {
+    const std::string pair = std::to_string(expected.size());
+    tries = 0;
+    queue.post(receiver, kind, 10,
+               [this, pair, behind = behind, taken = console.notification(pair)]() -> std::uint32_t {
+                 if (++tries > 1) {
+                   return taken();
+                 }
+                 post("behind " + pair, behind);
+                 return lunet::kErrQueueFull;
+               });
+    ASSERT_TRUE(drain());
+    expected.push_back(pair);
+    expected.push_back("behind " + pair);
+  }
+  EXPECT_EQ(expected, console.taken());
 }
 
 TEST_F(NotificationQueueTest, WhatIsPostedByTheActionLeavesBeforeTheActionThatIsSetThen) {

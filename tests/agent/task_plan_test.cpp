@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -450,6 +451,24 @@ TEST(Stages, WithoutMemoryCheckTheStageOfRunningProgramsIsLeftOut) {
     EXPECT_FALSE(stage.runningPrograms);
     EXPECT_NE(4, stage.begin);
   }
+}
+
+TEST(Stages, AStageHasTheSameNameWithAndWithoutMemoryCheck) {
+  const auto namesOf = [](bool memoryCheck) {
+    std::map<int, std::string> names;
+    for (const Stage& stage : stagesOf(json::ScanMode::kFast, memoryCheck, {})) {
+      names[stage.begin] = stage.what;
+    }
+    return names;
+  };
+  std::map<int, std::string> names = {{0, "system settings"},
+                                      {2, "common software"},
+                                      {4, "running programs"},
+                                      {6, "start-up items"},
+                                      {8, "key places of the system"}};
+  EXPECT_EQ(names, namesOf(true));
+  names.erase(4);
+  EXPECT_EQ(names, namesOf(false));
 }
 
 TEST(Stages, AFullScanEndsWithTheWholeDisk) {

@@ -72,20 +72,20 @@ TEST(RiskRecords, AProcessRiskNamesTheProcessItsProgramAndWhatWasFoundInIt) {
   RunningProgram program;
   program.pid = 42;
   program.uid = 60999;
-  program.name = "evil";
-  program.path =
-      "/some/bad\xff"
-      "file";
-  const Json::Value info = processRiskInfo(program, sampleRisk(), "risk");
+  program.name = "ev\xffil";
+  program.path = "/another/name\xff (deleted)";  // not the path under which the file was found
+  program.onDisk = false;
+  const DetectedFile detected = sampleRisk();
+  const Json::Value info = processRiskInfo(program, detected, "risk");
   JsonReflect::MemoryRiskInfo record;
   ASSERT_TRUE(record.FromValue(info));
   EXPECT_EQ("risk", record.risk_id);
   EXPECT_EQ("测试", record.risk_type_name);
   EXPECT_EQ(json::toNumber(json::RiskType::kTestFile), record.risk_type);
   EXPECT_EQ(json::encodePath(program.path), record.process_info.exec_file_name);
-  EXPECT_EQ("evil", record.process_info.proc_name);
+  EXPECT_EQ(json::encodePath(program.name), record.process_info.proc_name);
   EXPECT_EQ(42, record.process_info.pid);
-  EXPECT_TRUE(record.process_info.exec_file_exist);
+  EXPECT_FALSE(record.process_info.exec_file_exist);
   EXPECT_EQ("60999", record.process_info.user_name);
   ASSERT_EQ(1U, record.process_info.proc_risks.size());
   const JsonReflect::ProcRiskItem& item = record.process_info.proc_risks[0];
@@ -99,6 +99,9 @@ TEST(RiskRecords, AProcessRiskNamesTheProcessItsProgramAndWhatWasFoundInIt) {
   EXPECT_EQ(json::toNumber(json::RiskType::kTestFile), item.risk_type);
   ASSERT_EQ(1U, record.process_info.file_risks.size());
   EXPECT_EQ("m", record.process_info.file_risks[0].filemd5_src);
+  EXPECT_EQ(json::encodePath(detected.file->path), record.process_info.file_risks[0].item);
+  program.onDisk = true;
+  EXPECT_TRUE(processRiskInfo(program, detected, "risk")["process_info"]["exec_file_exist"].asBool());
 }
 
 TEST(RiskRecords, TheTimeOfCreationIsNotThatOfTheLastChangeAndIsZeroWhereItIsUnknown) {

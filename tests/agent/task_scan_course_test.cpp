@@ -314,6 +314,17 @@ TEST_F(ScanCourse, EveryEntryIsEncounteredAndEndsOnce) {
   EXPECT_EQ(100, owner->percents().back());
 }
 
+TEST_F(ScanCourse, CleanFilesAreCountedAlsoInAScanWithoutTheCache) {
+  dir.write("d/one", "clean");
+  dir.write("d/two", "clean too");
+  dir.write("d/infected", testsupport::eicar());
+  ScanPlan plan = custom({dir.at("d")});
+  plan.useCache = plan.readCache = false;
+  scan(plan);
+  EXPECT_EQ(3, owner->counted("checked_item_count"));
+  EXPECT_THAT(owner->detail(), HasSubstr("3 entries: 2 clean, 1 infected, 0 errors, 0 skipped"));
+}
+
 TEST_F(ScanCourse, AFileForWhichTheAgentHasNoDescriptorLeftIsAnError) {
 #ifdef TAV_SANITIZED
   GTEST_SKIP() << "a sanitizer needs descriptors of its own to look at memory";
