@@ -87,6 +87,17 @@ TEST_F(Signatures, OnlyFilesWithTheLibrarysEndingsAreSignatureFiles) {
   EXPECT_FALSE(SignatureFolder(systemFolder()).present());
 }
 
+TEST_F(Signatures, EveryEndingThatTheLibraryLoadsIsInTheKeyOfAFolder) {
+  for (const char* ending :
+       {"cvd", "cld", "cud", "cdb", "db",  "ndb", "ndu", "ldb", "ldu", "sdb",  "hdb", "hdu",
+        "hsb", "hsu", "mdb", "mdu", "msb", "msu", "fp",  "sfp", "ign", "ign2", "wdb", "pdb",
+        "gdb", "zmd", "rmd", "idb", "cbc", "ftm", "cfg", "crb", "cat", "ioc",  "yar", "yara"}) {
+    const std::string folder = dir().at(std::string("of ") + ending);
+    dir().write(std::string("of ") + ending + "/a." + ending, "");
+    EXPECT_THAT(SignatureFolder(folder).contentKey(), HasSubstr(std::string("a.") + ending + " ")) << ending;
+  }
+}
+
 TEST_F(Signatures, TheKeyOfAFolderNamesItsFilesInOrder) {
   std::vector<std::string> names;
   for (char name = 'a'; name <= 'p'; ++name) {

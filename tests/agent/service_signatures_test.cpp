@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <future>
 
 #include "service/SignatureKeeper.h"
@@ -56,6 +57,23 @@ TEST_F(Signatures, ThatChangeAfterTheKeeperWasMadeAreLoadedAgainOnce) {
   goOn();
   EXPECT_TRUE(waitFor([&] { return !keeper_.startWanted(); }));
   EXPECT_EQ(begun_, 1);
+}
+
+TEST_F(Signatures, ThatChangeBehindALinkAreLoadedAgain) {
+  const testsupport::TempDir elsewhere;
+  const std::string file = elsewhere.write("file", "one");
+  std::filesystem::create_symlink(file, dir_.at("a.ndb"));
+  keeper_.look();
+  keeper_.look();
+  ASSERT_TRUE(begun(1));
+  goOn();
+  ASSERT_TRUE(waitFor([&] { return !keeper_.startWanted(); }));
+  elsewhere.write("file", "one and two");
+  keeper_.look();
+  keeper_.look();
+  ASSERT_TRUE(begun(2));
+  goOn();
+  EXPECT_TRUE(waitFor([&] { return !keeper_.startWanted(); }));
 }
 
 TEST_F(Signatures, ThatAreAskedForWhileALoadRunsAreLoadedOnceMoreBehindIt) {

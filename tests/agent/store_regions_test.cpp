@@ -427,16 +427,24 @@ TEST_F(RegionTest, AChangeOfTheWrongFormIsRefused) {
 }
 
 TEST_F(RegionTest, DeletingAllTakesEveryEntryOfTheTypeDomainAndRegion) {
-  add(kFile, "/a");
+  Items many;
+  for (char name = 'e'; name <= 'z'; ++name) {
+    many.push_back(std::string("/") + name);
+  }
   add(kFile, "/b");
   add(kFile, "/b", kTrust, kGlobal);
+  add(kFile, "/a");
+  accept(kTrust, request(kAdd, kFile, many));
   add(kFile, "/c", kReject);
   add(kFolder, "/d");
   Json::Value all = request(kDelete, kFile, {});
   all["is_all"] = true;
   accept(kTrust, all);
   EXPECT_EQ(listed(kFile), Items{"/b"});
-  EXPECT_EQ(regions().byPath("/a"), RegionVerdict::kNone);
+  many.push_back("/a");
+  for (const std::string& gone : many) {
+    EXPECT_EQ(regions().byPath(gone), RegionVerdict::kNone) << gone;
+  }
   EXPECT_EQ(regions().byPath("/b"), RegionVerdict::kTrusted);
   EXPECT_EQ(listed(kFile, kReject), Items{"/c"});
   EXPECT_EQ(listed(kFolder), Items{"/d"});

@@ -26,6 +26,7 @@ const FormRow kForms[] = {
     {"XtermApplicationRight", "\033OC", KeyCode::kRight},
     {"XtermCtrlRight", "\033[1;5C", KeyCode::kRight, false, true},
     {"RxvtCtrlRight", "\033Oc", KeyCode::kRight, false, true},
+    {"OldXtermRightWithModifierZero", "\033O0C", KeyCode::kRight},
     {"RxvtShiftRight", "\033[c", KeyCode::kRight},
     {"XtermLeft", "\033[D", KeyCode::kLeft},
     {"XtermApplicationLeft", "\033OD", KeyCode::kLeft},
