@@ -152,7 +152,7 @@ class ScanTaskTest : public ::testing::Test {
   std::vector<std::string> ownFolders;
   std::function<FileSystem(int)> fileSystem = fileSystemOf;
   CallerId caller{geteuid(), getegid(), {}, getpid()};
-  bool attributesFail = false;  ///< of the next scan's owner
+  bool attributesFail = false;          ///< of the next scan's owner
   std::shared_ptr<TaskListener> owner;  ///< of the last scan
   std::function<void(int)> onStage;
   std::atomic<int> released{0}, delivered{0};  ///< how often the tasks' hooks ran
