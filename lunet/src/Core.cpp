@@ -326,7 +326,11 @@ void Core::forgetDeadLinks() {
   const std::lock_guard lock(targetsMutex_);
   std::erase_if(targets_, [](const auto& entry) {
     const std::shared_ptr<Target>& target = entry.second;
-    return target.use_count() == 1 && !(target->link && target->link->alive());
+    if (target.use_count() > 1) {
+      return false;
+    }
+    const std::lock_guard targetLock(target->mutex);  // unused, but use_count() orders no memory
+    return !(target->link && target->link->alive());
   });
 }
 
