@@ -240,10 +240,10 @@ TEST_F(ClientTest, AnInitThatFailsLeavesTheLogClosed) {
   EXPECT_FALSE(logIsOpen());
 }
 
-/// One of the ways in which an endpoint is closed.
+/// One of the ways in which an endpoint is closed, and a server whose callback waits for the test.
 class CloseWayTest : public ClientTest, public testing::WithParamInterface<const char*> {
  protected:
-  static void close(Client& client, Endpoint& endpoint) {
+  void close(Endpoint& endpoint) {
     const std::string_view way = GetParam();
     if (way == "DestroyEndpoint") {
       endpoint.destroy();
@@ -253,58 +253,55 @@ class CloseWayTest : public ClientTest, public testing::WithParamInterface<const
       client->Uninit();
     }
   }
+  /// Returns when the server's callback waits at the gate.
+  void letTheServerWait() {
+    ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
+    ASSERT_TRUE(server.waitForCount(1));
+  }
+  /// Closes the server; tells whether its callback had ended by then.
+  std::future<bool> closeServer() {
+    return std::async(std::launch::async, [this] {
+      close(server);
+      return finished.load();
+    });
+  }
+  bool waitUntilTheServerCloses() {
+    return testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); });
+  }
+
+  Client others{config()};
+  Client client{config()};
+  Gate gate;
+  std::atomic<bool> finished{false};
+  Endpoint server{client, newGuid(), [this](Endpoint&, const Message&) {
+                    gate.wait();
+                    client->Connect(0);
+                    finished = true;
+                  }};
+  Endpoint sender{others, newGuid()};
 };
 
 TEST_P(CloseWayTest, WaitsForACallbackThatMayUseTheClientMeanwhile) {
-  Client others(config());
-  Client client(config());
-  Gate gate;
-  std::atomic<bool> finished{false};
-  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
-    gate.wait();
-    client->Connect(0);
-    finished = true;
-  });
-  Endpoint sender(others, newGuid());
-  ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
-  ASSERT_TRUE(server.waitForCount(1));
-  auto closing = std::async(std::launch::async, [&] {
-    close(client, server);
-    return finished.load();
-  });
-  ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
+  letTheServerWait();
+  std::future<bool> closing = closeServer();
+  ASSERT_TRUE(waitUntilTheServerCloses());
   gate.open();
   ASSERT_EQ(closing.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   EXPECT_TRUE(closing.get());
 }
 
 TEST_P(CloseWayTest, GivesTheAddressUpSoThatAnotherClientMayOpenIt) {
-  Client client(config());
   Endpoint endpoint(client, agent);
-  close(client, endpoint);
-  Client others(config());
+  close(endpoint);
   Endpoint next(others);
   EXPECT_EQ(next->Open(agent), lunet::kOk);
 }
 
 TEST_P(CloseWayTest, HasClosedWhenItReturnsThoughTheClientDisconnectsAtTheSameTime) {
-  Client others(config());
-  Client client(config());
-  Gate gate;
-  std::atomic<bool> finished{false};
-  Endpoint server(client, newGuid(), [&](Endpoint&, const Message&) {
-    gate.wait();
-    finished = true;
-  });
-  Endpoint sender(others, newGuid());
-  ASSERT_EQ(sender.send(server.guid(), "x"), lunet::kOk);
-  ASSERT_TRUE(server.waitForCount(1));
+  letTheServerWait();
   auto disconnecting = std::async(std::launch::async, [&] { client->Disconnect(); });
-  ASSERT_TRUE(testsupport::waitFor([&] { return !std::filesystem::exists(socketOf(server.guid())); }));
-  auto closing = std::async(std::launch::async, [&] {
-    close(client, server);
-    return finished.load();
-  });
+  ASSERT_TRUE(waitUntilTheServerCloses());
+  std::future<bool> closing = closeServer();
   EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   gate.open();
   EXPECT_TRUE(closing.get());
