@@ -15,6 +15,12 @@ void Counters::count(std::int64_t Numbers::*which) {
   ++(numbers_.*which);
 }
 
+void Counters::knownClean() {
+  const std::lock_guard guard(mutex_);
+  ++numbers_.clean;
+  ++numbers_.known;
+}
+
 void Counters::encountered(const std::string& path) {
   const std::lock_guard guard(mutex_);
   ++numbers_.encountered;
@@ -61,7 +67,8 @@ std::string Counters::summary() const {
     reasons += (reasons.empty() ? " (" : ", ") + part(number, reason);
   }
   reasons += reasons.empty() ? "" : ")";
-  return part(numbers_.encountered, "entries: ") + part(numbers_.clean, "clean, ") +
+  const std::string known = numbers_.known > 0 ? " (" + part(numbers_.known, kKnownClean) + ")" : "";
+  return part(numbers_.encountered, "entries: ") + part(numbers_.clean, "clean") + known + ", " +
          part(numbers_.infected, "infected, ") + part(numbers_.failed, "errors, ") +
          part(numbers_.skipped, "skipped") + reasons + "; " + part(numbers_.fixed, "handled, ") +
          part(numbers_.fixFailed, "not handled");

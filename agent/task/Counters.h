@@ -10,12 +10,16 @@
 
 namespace agent {
 
+/// The reason, for the log, of a clean result without a scan.
+inline constexpr const char* kKnownClean = "known from the scan cache";
+
 /// The counters of a task. Each entry is counted once by encountered(), and once by one of clean, infected,
 /// failed, skipped and trusted. Members of archives are no entries. Any thread.
 class Counters {
  public:
   void encountered(const std::string& path);
   void clean() { count(&Numbers::clean); }
+  void knownClean();  ///< counts as clean, too: a result of the scan cache
   void infected() { count(&Numbers::infected); }
   void failed() { count(&Numbers::failed); }
   void skipped(const std::string& reason);
@@ -31,7 +35,7 @@ class Counters {
 
  private:
   struct Numbers {
-    std::int64_t encountered = 0, clean = 0, infected = 0, failed = 0, skipped = 0;
+    std::int64_t encountered = 0, clean = 0, known = 0, infected = 0, failed = 0, skipped = 0;
     std::int64_t trusted = 0, fixed = 0, leftAlone = 0, fixFailed = 0;
   };
   void count(std::int64_t Numbers::*which);

@@ -81,7 +81,8 @@ void FilePipeline::file(EncounteredFile file) {
   const bool cacheable = context_.plan.useCache && hasUsableTimes(file);
   if (context_.plan.readCache && cacheable && !rejected &&
       context_.store.cache().isClean(FileIdentity::of(file.status), cacheKey_)) {
-    context_.counters.clean();
+    context_.counters.knownClean();
+    AGENT_LOG(LogLevel::kDebug, "%s: clean: %s", file.path.c_str(), kKnownClean);
     return;
   }
   submit(std::move(file), rejected, cacheable);

@@ -1,5 +1,7 @@
 #include "task/FileSystems.h"
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 
 #include <cstdint>
@@ -7,6 +9,8 @@
 namespace agent {
 
 namespace {
+
+constexpr std::uint32_t kFuse = 0x65735546;
 
 struct Row {
   std::uint32_t magic;
@@ -44,6 +48,11 @@ constexpr Row kRows[] = {
     {0x5346414f, {FileSystemKind::kNetwork, "afs"}},
     {0x73757245, {FileSystemKind::kNetwork, "coda"}},
     {0x01161970, {FileSystemKind::kNetwork, "gfs2"}},
+    {kFuse, {FileSystemKind::kNetwork, "fuse"}},
+    {0x01021997, {FileSystemKind::kNetwork, "9p"}},
+    {0x0bd00bd0, {FileSystemKind::kNetwork, "lustre"}},
+    {0x47504653, {FileSystemKind::kNetwork, "gpfs"}},
+    {0x00000187, {FileSystemKind::kNetwork, "autofs"}},
     {0x01021994, {FileSystemKind::kOrdinary, "", true}},  // tmpfs, devtmpfs
     {0x858458f6, {FileSystemKind::kOrdinary, "", true}},  // ramfs
 };
@@ -61,7 +70,16 @@ FileSystem fileSystemByMagic(unsigned long magic) {
 
 FileSystem fileSystemOf(int fd) {
   struct statfs info {};
-  return fstatfs(fd, &info) == 0 ? fileSystemByMagic(static_cast<unsigned long>(info.f_type)) : FileSystem{};
+  struct stat status {};
+  if (fstatfs(fd, &info) != 0 || (static_cast<std::uint32_t>(info.f_type) == kFuse &&
+                                  fstat(fd, &status) == 0 && isOnBlockDevice(status.st_dev))) {
+    return {};
+  }
+  return fileSystemByMagic(static_cast<unsigned long>(info.f_type));
+}
+
+bool isOnBlockDevice(dev_t device) {
+  return major(device) != 0;
 }
 
 }  // namespace agent

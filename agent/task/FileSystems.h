@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 namespace agent {
 
 /// The kind of a file system, by its magic number.
@@ -11,8 +13,11 @@ struct FileSystem {
   bool inMemory = false;  ///< a write through a mapping keeps the times of a file
 };
 
-/// The file system of an open descriptor. Unknown ones count as ordinary and are walked.
+/// The file system of an open descriptor. Unknown ones count as ordinary and are walked. So does FUSE on a
+/// local disk.
 FileSystem fileSystemOf(int fd);
+/// False for the numbers that the kernel gives to file systems without a disk: memory, network.
+bool isOnBlockDevice(dev_t device);
 /// The row of the table for statfs f_type.
 FileSystem fileSystemByMagic(unsigned long magic);
 

@@ -202,6 +202,11 @@ bool Walker::enterNext() {
   const auto [name, share] = std::move(folder.subfolders.back());
   folder.subfolders.pop_back();
   setName(folder, name);
+  if (const auto mountable = checkMountPoint(folder, name); !mountable) {
+    sink_.skipped(path_, mountable.error());
+    sink_.advanced(share);
+    return true;
+  }
   platform::Descriptor fd = platform::openQuietly(folder.fd.get(), name.c_str(), O_DIRECTORY | O_NOFOLLOW);
   struct stat status {};
   if (!fd || fstat(fd.get(), &status) != 0) {
@@ -222,6 +227,18 @@ bool Walker::enterNext() {
     return true;
   }
   return enter(std::move(fd), status, share, false);
+}
+
+/// An autofs mounts what is opened for reading. A look by status and O_PATH mounts nothing.
+platform::Expected<void> Walker::checkMountPoint(const Folder& folder, const std::string& name) const {
+  struct stat status {};
+  if (options_.networkFileSystems ||
+      fstatat(folder.fd.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0 ||
+      status.st_dev == folder.device) {
+    return {};
+  }
+  const platform::Descriptor place(openat(folder.fd.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  return place ? checkFileSystem(place.get(), false) : platform::Expected<void>();
 }
 
 platform::Expected<void> Walker::checkWalkable(const EncounteredFile& named, NamedBy by) const {

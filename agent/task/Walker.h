@@ -73,6 +73,7 @@ class Walker {
   void visitEntry(Folder& folder, const std::string& name, unsigned char type, double share, bool writable);
   void visitFile(const Folder& folder, const std::string& name, bool writable);
   bool reopenParent(const Folder& child, Folder& parent);
+  platform::Expected<void> checkMountPoint(const Folder& folder, const std::string& name) const;
   platform::Expected<void> checkFileSystem(int fd, bool networkAllowed) const;
   void begin(const EncounteredFile& named);
   std::string resolvedPath() const;

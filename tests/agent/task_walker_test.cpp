@@ -644,6 +644,26 @@ TEST_F(WalkerTest, AnotherMountIsEntered) {
   EXPECT_THAT(sink.skips["/dev/pts"], HasSubstr("devpts"));
 }
 
+TEST_F(WalkerTest, AMountOfTheNetworkIsLeftOutBeforeItIsOpened) {
+  bool opened = false;
+  Walker::Options options;
+  options.networkFileSystems = false;
+  options.fileSystem = [&](int fd) {
+    struct stat root {};
+    struct stat status {};
+    EXPECT_EQ(0, stat("/dev", &root));
+    EXPECT_EQ(0, fstat(fd, &status));
+    if (status.st_dev == root.st_dev) {
+      return FileSystem{};
+    }
+    opened = opened || (fcntl(fd, F_GETFL) & O_PATH) == 0;
+    return FileSystem{FileSystemKind::kNetwork, "autofs"};
+  };
+  EXPECT_EQ("", walk("/dev", options));
+  EXPECT_EQ("network file system autofs", sink.skips["/dev/shm"]);
+  EXPECT_FALSE(opened);
+}
+
 struct MagicRow {
   const char* name;
   unsigned long magic;
@@ -661,6 +681,12 @@ TEST(FileSystems, ThoseInMemoryAreKnown) {
   EXPECT_TRUE(fileSystemByMagic(0x01021994).inMemory);
   EXPECT_TRUE(fileSystemByMagic(0x858458f6).inMemory);
   EXPECT_FALSE(fileSystemByMagic(0xef53).inMemory);
+}
+
+TEST(FileSystems, OnADiskAreThoseWithADeviceOfTheirOwn) {
+  EXPECT_TRUE(isOnBlockDevice(makedev(8, 1)));
+  EXPECT_TRUE(isOnBlockDevice(makedev(254, 0)));
+  EXPECT_FALSE(isOnBlockDevice(makedev(0, 42)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, FileSystemTable,
@@ -686,6 +712,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, FileSystemTable,
                                            MagicRow{"ceph", CEPH_SUPER_MAGIC, FileSystemKind::kNetwork},
                                            MagicRow{"afs", AFS_SUPER_MAGIC, FileSystemKind::kNetwork},
                                            MagicRow{"coda", CODA_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"fuse", FUSE_SUPER_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"9p", V9FS_MAGIC, FileSystemKind::kNetwork},
+                                           MagicRow{"lustre", 0x0bd00bd0, FileSystemKind::kNetwork},
+                                           MagicRow{"gpfs", 0x47504653, FileSystemKind::kNetwork},
+                                           MagicRow{"autofs", AUTOFS_SUPER_MAGIC, FileSystemKind::kNetwork},
                                            MagicRow{"ext4", 0xef53, FileSystemKind::kOrdinary},
                                            MagicRow{"tmpfs", 0x01021994, FileSystemKind::kOrdinary}),
                          [](const auto& row) { return std::string(row.param.name); });
