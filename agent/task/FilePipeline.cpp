@@ -15,6 +15,13 @@ namespace {
 
 constexpr std::size_t kMostDetections = 32;  // waiting to be handled, each with an open file
 
+FileEnd endWith(Outcome outcome, std::string reason) {
+  FileEnd end;
+  end.verdict.outcome = outcome;
+  end.verdict.reason = std::move(reason);
+  return end;
+}
+
 }  // namespace
 
 FilePipeline::FilePipeline(const ScanContext& context, Spawner& spawner, const std::string& signatureVersion)
@@ -78,14 +85,25 @@ void FilePipeline::file(EncounteredFile file) {
       return;
     }
   }
-  const bool cacheable = context_.plan.useCache && hasUsableTimes(file);
-  if (context_.plan.readCache && cacheable && !rejected &&
-      context_.store.cache().isClean(FileIdentity::of(file.status), cacheKey_)) {
-    context_.counters.knownClean();
-    AGENT_LOG(LogLevel::kDebug, "%s: clean: %s", file.path.c_str(), kKnownClean);
+  const auto met = std::make_shared<EncounteredFile>(std::move(file));
+  // The rejection of one name is no result for the others.
+  const LinkedFiles::Met link = rejected ? LinkedFiles::Met{} : links_.meet(met);
+  if (link.turn == LinkedFiles::Turn::kEnded) {
+    handler_.waitBelow(kMostDetections);
+    endAs(met, *link.end);
+  }
+  if (link.turn != LinkedFiles::Turn::kScan) {
     return;
   }
-  submit(std::move(file), rejected, cacheable);
+  const bool cacheable = context_.plan.useCache && hasUsableTimes(*met);
+  if (context_.plan.readCache && cacheable && !rejected &&
+      context_.store.cache().isClean(FileIdentity::of(met->status), cacheKey_)) {
+    context_.counters.knownClean();
+    AGENT_LOG(LogLevel::kDebug, "%s: clean: %s", met->path.c_str(), kKnownClean);
+    endNames(*met, endWith(Outcome::kClean, {}));
+    return;
+  }
+  submit(met, rejected, cacheable);
 }
 
 /// True when a change of the content changes the times. The cache knows files by their times.
@@ -98,12 +116,10 @@ bool FilePipeline::hasUsableTimes(const EncounteredFile& file) {
 }
 
 /// The worker gets a second descriptor. The first stays open until the file is counted or handled.
-void FilePipeline::submit(EncounteredFile encountered, bool rejected, bool cacheable) {
-  const auto file = std::make_shared<EncounteredFile>(std::move(encountered));
+void FilePipeline::submit(const File& file, bool rejected, bool cacheable) {
   platform::Descriptor copy(fcntl(file->fd.get(), F_DUPFD_CLOEXEC, 0));
   if (!copy) {
-    context_.counters.failed();
-    AGENT_LOG(LogLevel::kError, "%s: not scanned: the agent has too many open files", file->path.c_str());
+    broke(file, "not scanned: the agent has too many open files");
     return;
   }
   ScanOptions options = context_.plan.options;
@@ -113,10 +129,16 @@ void FilePipeline::submit(EncounteredFile encountered, bool rejected, bool cache
     try {
       ended(file, std::move(verdict), rejected, cacheable);
     } catch (const std::exception& error) {
-      context_.counters.failed();
-      AGENT_LOG(LogLevel::kError, "%s: %s", file->path.c_str(), error.what());
+      broke(file, error.what());
     }
   });
+}
+
+/// A failure of the agent's own.
+void FilePipeline::broke(const File& file, const std::string& reason) {
+  context_.counters.failed();
+  AGENT_LOG(LogLevel::kError, "%s: %s", file->path.c_str(), reason.c_str());
+  endNames(*file, endWith(Outcome::kError, reason));
 }
 
 /// Applies the lists of hashes, and the rejection of the path, to a verdict. True for a trusted hash. A file
@@ -136,22 +158,17 @@ bool FilePipeline::applyRegions(Verdict& verdict, bool rejected) const {
 }
 
 /// On the pool's thread: each file that was submitted ends here.
-void FilePipeline::ended(const std::shared_ptr<EncounteredFile>& file, Verdict verdict, bool rejected,
-                         bool cacheable) {
-  const bool trusted = applyRegions(verdict, rejected);
-  switch (verdict.outcome) {
-    case Outcome::kClean:
-      endedClean(*file, cacheable);
-      break;
-    case Outcome::kInfected:
-      handler_.add({file, std::move(verdict), trusted});
-      break;
-    case Outcome::kError:
-      countFailed(file->path, verdict.reason);
-      break;
-    case Outcome::kSkipped:
-      countSkipped(file->path, verdict.reason);
-      break;
+void FilePipeline::ended(const File& file, Verdict verdict, bool rejected, bool cacheable) {
+  FileEnd end;
+  end.trusted = applyRegions(verdict, rejected);
+  end.verdict = std::move(verdict);
+  if (end.verdict.outcome == Outcome::kClean) {
+    endedClean(*file, cacheable);
+  } else {
+    endAs(file, end);
+  }
+  if (!rejected) {
+    endNames(*file, std::move(end));
   }
 }
 
@@ -161,6 +178,34 @@ void FilePipeline::endedClean(const EncounteredFile& file, bool cacheable) {
   struct stat now {};
   if (cacheable && fstat(file.fd.get(), &now) == 0 && FileIdentity::of(now) == scanned) {
     context_.store.cache().remember(scanned, cacheKey_, file.statusNs);
+  }
+}
+
+/// Keeps the end of a file for its further names. Ends those that waited.
+void FilePipeline::endNames(const EncounteredFile& first, FileEnd end) {
+  if (first.status.st_nlink > 1) {
+    const auto kept = std::make_shared<const FileEnd>(std::move(end));
+    for (const File& name : links_.ended(first, kept)) {
+      endAs(name, *kept);
+    }
+  }
+}
+
+/// A further name of a file that was detected is a detection of its own: each name is handled.
+void FilePipeline::endAs(const File& file, const FileEnd& end) {
+  switch (end.verdict.outcome) {
+    case Outcome::kClean:
+      countSkipped(file->path, "another name of a clean file");
+      break;
+    case Outcome::kInfected:
+      handler_.add({file, end.verdict, end.trusted});
+      break;
+    case Outcome::kError:
+      countFailed(file->path, end.verdict.reason);
+      break;
+    case Outcome::kSkipped:
+      countSkipped(file->path, end.verdict.reason);
+      break;
   }
 }
 

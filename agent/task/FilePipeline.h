@@ -6,6 +6,7 @@
 
 #include "task/DetectionHandler.h"
 #include "task/EncounteredFile.h"
+#include "task/LinkedFiles.h"
 #include "task/ScanContext.h"
 #include "worker/WorkerPool.h"
 
@@ -13,7 +14,7 @@ namespace agent {
 
 /// The way of each file that a scan encounters. The file is left out, known as clean, or scanned by a worker.
 /// A scanned file is counted, remembered as clean, or handed to the DetectionHandler. Called with the agent's
-/// own rights. Walking thread, except for cancel().
+/// own rights. A file with several names is scanned once. Walking thread, except for cancel().
 class FilePipeline {
  public:
   /// Starts the workers. signatureVersion: results in the cache count for this version only.
@@ -32,16 +33,21 @@ class FilePipeline {
  private:
   RegionVerdict regionOf(const EncounteredFile& file) const;
   bool hasUsableTimes(const EncounteredFile& file);
-  void submit(EncounteredFile file, bool rejected, bool cacheable);
+  using File = LinkedFiles::File;
+  void submit(const File& file, bool rejected, bool cacheable);
   bool applyRegions(Verdict& verdict, bool rejected) const;
-  void ended(const std::shared_ptr<EncounteredFile>& file, Verdict verdict, bool rejected, bool cacheable);
+  void ended(const File& file, Verdict verdict, bool rejected, bool cacheable);
   void endedClean(const EncounteredFile& file, bool cacheable);
+  void broke(const File& file, const std::string& reason);
+  void endNames(const EncounteredFile& first, FileEnd end);
+  void endAs(const File& file, const FileEnd& end);
   void countSkipped(const std::string& path, const std::string& reason);
   void countFailed(const std::string& path, const std::string& reason);
 
   const ScanContext context_;
   std::string cacheKey_;
   std::unordered_map<dev_t, bool> usableTimes_;  // by file system
+  LinkedFiles links_;
   DetectionHandler handler_;
   WorkerPool pool_;  // ends first: its callbacks use the handler
 };

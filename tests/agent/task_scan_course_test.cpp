@@ -26,6 +26,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::UnorderedElementsAre;
+using ::testing::UnorderedElementsAreArray;
 using testsupport::waitFor;
 
 constexpr const char* kMd5OfEicar = "44d88612fea8a8f36de82e1278abb02f";
@@ -410,6 +412,69 @@ TEST_F(ScanCourse, DetectionsThatWaitForTheirOwnerAreFew) {
   owner->held = false;
   EXPECT_TRUE(task->waitOver(kLimit));
   EXPECT_EQ(kFiles, static_cast<long>(owner->risks().size()));
+}
+
+// Hard links.
+
+TEST_F(ScanCourse, AFileWithSeveralNamesIsScannedOnceAndEachNameIsAnEntry) {
+  const std::string first = dir.write("d/first", "clean");
+  for (const char* name : {"d/second", "d/third"}) {
+    ASSERT_EQ(0, link(first.c_str(), dir.at(name).c_str()));
+  }
+  for (const bool cached : {false, true}) {
+    scan({dir.at("d")});
+    EXPECT_EQ(3, owner->counted("total_item_count"));
+    EXPECT_EQ(1, owner->counted("checked_item_count"));
+    EXPECT_THAT(owner->detail(), HasSubstr("2 skipped (2 another name of a clean file)"));
+    EXPECT_EQ(cached, owner->detail().find("1 clean (1 known") != std::string::npos) << owner->detail();
+    if (!cached) {
+      EXPECT_EQ(1, begun(first) + begun(dir.at("d/second")) + begun(dir.at("d/third")));
+      ASSERT_TRUE(waitFor([&] {
+        scan({dir.at("d")});
+        return store->cache().count() == 1;
+      }));
+    }
+  }
+}
+
+TEST_F(ScanCourse, EachNameOfADetectedFileIsDetectedAndHandled) {
+  std::vector<std::string> names{dir.write("d/0", testsupport::eicar())};
+  for (int i = 1; i < 100; ++i) {  // more than wait for the first one at a time
+    names.push_back(dir.at("d/" + std::to_string(i)));
+    ASSERT_EQ(0, link(names[0].c_str(), names.back().c_str()));
+  }
+  ScanPlan plan = custom({dir.at("d")});
+  scan(plan);
+  EXPECT_THAT(owner->risks(), UnorderedElementsAreArray(names));
+  EXPECT_EQ(100, owner->counted("checkout_risk_count"));
+  plan.handling = json::Handling::kAutomatic;
+  plan.action = json::HandleAction::kQuarantine;
+  scan(plan);
+  for (const std::string& name : names) {
+    EXPECT_EQ(kQuarantined, owner->handled(name)) << owner->handledHow(name);
+    EXPECT_FALSE(std::filesystem::exists(name));
+  }
+}
+
+TEST_F(ScanCourse, WhenTheScanOfOneNameFailsEachNameIsAnError) {
+  const std::string first = dir.write("d/one-deadly", "its worker dies");
+  ASSERT_EQ(0, link(first.c_str(), dir.at("d/two-deadly").c_str()));
+  scan({dir.at("d")});
+  EXPECT_EQ(2, owner->counted("failed_item_count"));
+  EXPECT_EQ(1, begun(first) + begun(dir.at("d/two-deadly")));
+}
+
+TEST_F(ScanCourse, ATrustedNameAndARejectedNameAreNoResultForTheOthers) {
+  const std::string trusted = dir.write("d/trusted", testsupport::eicar());
+  const std::string other = dir.at("d/other");
+  ASSERT_EQ(0, link(trusted.c_str(), other.c_str()));
+  list(json::Region::kTrust, trusted);
+  const std::string rejected = dir.write("e/rejected", "clean");
+  ASSERT_EQ(0, link(rejected.c_str(), dir.at("e/other").c_str()));
+  list(json::Region::kReject, rejected);
+  scan({dir.at("d"), dir.at("e")});
+  EXPECT_THAT(owner->risks(), UnorderedElementsAre(other, rejected));
+  EXPECT_EQ(3, owner->counted("checked_item_count"));
 }
 
 // The cache.
