@@ -1,7 +1,10 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -12,6 +15,7 @@
 #include "support/TempDir.h"
 #include "support/Wait.h"
 #include "task/CallerRights.h"
+#include "task/MappedFiles.h"
 #include "task/ProgramWalk.h"
 
 namespace agent {
@@ -185,8 +189,109 @@ TEST_F(ProgramWalkTest, OfAProgramInTheRootFolderThatFolderIsAsked) {
   program.pid = processes.back()->pid();
   program.path = "/program";
   walkPrograms({program}, std::nullopt, 1.0, sink);
-  EXPECT_THAT(sink.files, ElementsAre("/program"));
+  EXPECT_THAT(sink.files, Contains("/program"));
   EXPECT_EQ(access("/", W_OK) == 0, sink.writable["/program"]);
+}
+
+/// Maps a file and holds the mapping; the descriptor is closed.
+class Mapping {
+ public:
+  Mapping(int fd, int protection) : at_(mmap(nullptr, kSize, protection, MAP_PRIVATE, fd, 0)) {
+    EXPECT_NE(MAP_FAILED, at_);
+    close(fd);
+  }
+  ~Mapping() { munmap(at_, kSize); }
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+
+ private:
+  static constexpr std::size_t kSize = 4096;
+  void* const at_;
+};
+
+RunningProgram thisProcess() {
+  RunningProgram self;
+  self.pid = getpid();
+  self.path = "/proc/self/exe";
+  return self;
+}
+
+TEST_F(ProgramWalkTest, FilesThatAProcessHasMappedAreEncounteredOnce) {
+  const std::string path = dir.write("library", "x");
+  const Mapping one(open(path.c_str(), O_RDONLY | O_CLOEXEC), PROT_READ);
+  const Mapping two(open(path.c_str(), O_RDONLY | O_CLOEXEC), PROT_READ | PROT_EXEC);
+  walkPrograms({thisProcess(), thisProcess()}, std::nullopt, 1.0, sink);
+  EXPECT_EQ(1, std::count(sink.files.begin(), sink.files.end(), path));
+  EXPECT_EQ("x", sink.contents[path]);
+  EXPECT_NEAR(1.0, sink.progress, 1e-6);
+}
+
+TEST_F(ProgramWalkTest, AMappedFileThatIsNoLongerOnDiskIsReadThroughItsProcess) {
+  const std::string path = dir.write("library", "the mapped one");
+  const Mapping mapping(open(path.c_str(), O_RDONLY | O_CLOEXEC), PROT_READ | PROT_EXEC);
+  std::filesystem::remove(path);
+  dir.write("library", "another one");
+  const int memory = memfd_create("tavtest", MFD_CLOEXEC);
+  ASSERT_EQ(1, write(memory, "m", 1));
+  const Mapping inMemory(memory, PROT_READ | PROT_EXEC);
+  walkPrograms({thisProcess()}, std::nullopt, 1.0, sink);
+  EXPECT_EQ("the mapped one", sink.contents[path + " (deleted)"]);
+  EXPECT_EQ("m", sink.contents["/memfd:tavtest (deleted)"]);
+}
+
+TEST_F(ProgramWalkTest, MemoryThatProcessesShareIsNoFile) {
+  const int memory = memfd_create("tavtest", MFD_CLOEXEC);
+  ASSERT_EQ(1, write(memory, "m", 1));
+  const Mapping inMemory(memory, PROT_READ);
+  walkPrograms({thisProcess()}, std::nullopt, 1.0, sink);
+  EXPECT_THAT(sink.everyPath(), Not(Contains("/memfd:tavtest (deleted)")));
+}
+
+TEST_F(ProgramWalkTest, AUserEncountersMappedFilesByTheirPathsAndWithOwnRights) {
+  const std::string open = dir.write("open", "x"), closed = dir.write("closed", "x"),
+                    gone = dir.write("gone", "x"), changed = dir.write("changed", "x");
+  ASSERT_EQ(0, chmod(open.c_str(), 0644));
+  ASSERT_EQ(0, chmod(closed.c_str(), 0600));
+  std::vector<std::unique_ptr<Mapping>> mappings;
+  for (const std::string& path : {open, closed, gone, changed}) {
+    mappings.push_back(
+        std::make_unique<Mapping>(::open(path.c_str(), O_RDONLY | O_CLOEXEC), PROT_READ | PROT_EXEC));
+  }
+  std::filesystem::remove(gone);
+  std::filesystem::rename(changed, dir.at("old"));
+  std::filesystem::create_symlink("closed", changed);
+  RunningProgram self = thisProcess();
+  self.uid = kUser;
+  std::thread([&] {
+    const auto rights = CallerRights::take(CallerId{kUser, kGroup, {}, getpid()});
+    ASSERT_TRUE(rights) << rights.error();
+    walkPrograms({self}, kUser, 1.0, sink);
+  }).join();
+  EXPECT_THAT(sink.files, Contains(open));
+  EXPECT_THAT(sink.failures[closed], HasSubstr("Permission denied"));
+  EXPECT_THAT(sink.skips[gone + " (deleted)"], HasSubstr("not at its path"));
+  EXPECT_THAT(sink.files, Not(Contains(changed)));
+}
+
+TEST(Maps, OfALineTheFileIsReadAndWhatIsNoFileIsLeftOut) {
+  const auto files = readMaps(
+      "55d0-55d1 r--p 00000000 fe:01 12                         /usr/bin/a program\n"
+      "55d1-55d2 r-xp 00001000 fe:01 12                         /usr/bin/a program\n"
+      "7f00-7f01 rw-s 00000000 00:05 13                         /dev/zero (deleted)\n"
+      "7f01-7f02 r-xp 00000000 00:01 14                         /memfd:x (deleted)\n"
+      "7f02-7f03 r-xp 00000000 fe:01 15                         /tmp/two\\012lines\n"
+      "7f03-7f04 rw-p 00000000 00:00 0                          [heap]\n"
+      "7f04-7f05 rw-p 00000000 00:00 0 \n"
+      "7f05-7f06 rw-s 00000000 00:0e 16                         anon_inode:[x]\n"
+      "7f06-7f07 r--p 00000000 broken 17                        /usr/bin/broken\n"
+      "7f07\n");
+  ASSERT_EQ(3U, files.size());
+  EXPECT_EQ("/usr/bin/a program", files[0].path);
+  EXPECT_EQ("55d0-55d1", files[0].range);
+  EXPECT_EQ(makedev(0xfe, 1), files[0].device);
+  EXPECT_EQ(12U, files[0].inode);
+  EXPECT_EQ("/memfd:x (deleted)", files[1].path);
+  EXPECT_EQ("/tmp/two\nlines", files[2].path);
 }
 
 TEST_F(ProgramWalkTest, AWalkThatMustEndEncountersNoMorePrograms) {
