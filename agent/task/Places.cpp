@@ -1,10 +1,7 @@
 #include "task/Places.h"
 
-#include <pwd.h>
+#include <glob.h>
 #include <sys/stat.h>
-
-#include <mutex>
-#include <set>
 
 namespace agent {
 
@@ -15,19 +12,29 @@ enum StageIndex { kSystem, kSoftware, kMemory, kStartup, kKeyPlaces, kStageCount
 constexpr const char* kStageNames[kStageCount] = {"system settings", "common software", "running programs",
                                                   "start-up items", "key places of the system"};
 
-struct Place {
+struct Row {
   StageIndex stage;
-  const char* path;  // "~/…": below every home folder
+  const char* path;  // "~/…": below every home folder; with "*": each that is there
+  SettingKind setting = SettingKind::kNone;
 };
 
-constexpr Place kPlaces[] = {
-    {kSystem, "/etc/ld.so.preload"},
+constexpr Row kRows[] = {
+    {kSystem, "/etc/ld.so.preload", SettingKind::kLines},
+    {kSystem, "/etc/ld.so.conf"},
     {kSystem, "/etc/ld.so.conf.d"},
     {kSystem, "/etc/hosts"},
-    {kSystem, "/etc/pam.d"},
+    {kSystem, "/etc/nsswitch.conf"},
+    {kSystem, "/etc/passwd", SettingKind::kLines},
+    {kSystem, "/etc/group"},
+    {kSystem, "/etc/login.defs"},
+    {kSystem, "/etc/shells"},
+    {kSystem, "/etc/pam.conf", SettingKind::kLines},
+    {kSystem, "/etc/pam.d", SettingKind::kLines},
     {kSystem, "/etc/security"},
     {kSystem, "/etc/ssh"},
-    {kSystem, "/etc/sudoers.d"},
+    {kSystem, "/etc/sudoers", SettingKind::kLines},
+    {kSystem, "/etc/sudoers.d", SettingKind::kLines},
+    {kSystem, "/etc/sudo.conf", SettingKind::kLines},
     {kSystem, "/etc/sysctl.d"},
     {kSystem, "/etc/modprobe.d"},
     {kSystem, "/etc/udev/rules.d"},
@@ -41,27 +48,39 @@ constexpr Place kPlaces[] = {
     {kSoftware, "~/.local/bin"},
     {kStartup, "/etc/init.d"},
     {kStartup, "/etc/rc.local"},
-    {kStartup, "/etc/systemd/system"},
-    {kStartup, "/etc/systemd/user"},
-    {kStartup, "/lib/systemd/system"},
+    {kStartup, "/etc/inittab", SettingKind::kLines},
+    {kStartup, "/etc/systemd/system", SettingKind::kUnit},
+    {kStartup, "/etc/systemd/user", SettingKind::kUnit},
+    {kStartup, "/run/systemd/system", SettingKind::kUnit},
+    {kStartup, "/run/systemd/user", SettingKind::kUnit},
+    {kStartup, "/usr/local/lib/systemd", SettingKind::kUnit},
+    {kStartup, "/lib/systemd/system", SettingKind::kUnit},
+    {kStartup, "/lib/systemd/user", SettingKind::kUnit},
+    {kStartup, "/usr/lib/systemd/system", SettingKind::kUnit},
+    {kStartup, "/usr/lib/systemd/user", SettingKind::kUnit},
     {kStartup, "/lib/systemd/system-generators"},
-    {kStartup, "/etc/cron.d"},
+    {kStartup, "/etc/systemd/system-generators"},
+    {kStartup, "/etc/cron.d", SettingKind::kLines},
     {kStartup, "/etc/cron.hourly"},
     {kStartup, "/etc/cron.daily"},
     {kStartup, "/etc/cron.weekly"},
     {kStartup, "/etc/cron.monthly"},
-    {kStartup, "/etc/crontab"},
-    {kStartup, "/var/spool/cron"},
+    {kStartup, "/etc/crontab", SettingKind::kLines},
+    {kStartup, "/etc/anacrontab", SettingKind::kLines},
+    {kStartup, "/var/spool/cron", SettingKind::kUserTables},
+    {kStartup, "/var/spool/at"},
     {kStartup, "/etc/profile"},
     {kStartup, "/etc/profile.d"},
     {kStartup, "/etc/bash.bashrc"},
     {kStartup, "/etc/environment"},
-    {kStartup, "/etc/xdg/autostart"},
+    {kStartup, "/etc/xdg/autostart", SettingKind::kUnit},
     {kStartup, "/etc/update-motd.d"},
     {kStartup, "/etc/network/if-up.d"},
     {kStartup, "/etc/NetworkManager/dispatcher.d"},
-    {kStartup, "~/.config/autostart"},
-    {kStartup, "~/.config/systemd/user"},
+    {kStartup, "~/.config/autostart", SettingKind::kUnit},
+    {kStartup, "~/.config/systemd/user", SettingKind::kUnit},
+    {kStartup, "~/.local/share/systemd/user", SettingKind::kUnit},
+    {kStartup, "~/.pam_environment"},
     {kStartup, "~/.bashrc"},
     {kStartup, "~/.bash_profile"},
     {kStartup, "~/.bash_login"},
@@ -73,26 +92,40 @@ constexpr Place kPlaces[] = {
     {kKeyPlaces, "/usr/bin"},
     {kKeyPlaces, "/usr/sbin"},
     {kKeyPlaces, "/lib/security"},
+    {kKeyPlaces, "/lib/*/security"},
+    {kKeyPlaces, "/lib64/security"},
+    {kKeyPlaces, "/usr/lib/security"},
+    {kKeyPlaces, "/usr/lib/*/security"},
+    {kKeyPlaces, "/usr/lib64/security"},
+    {kKeyPlaces, "/usr/local/lib/security"},
     {kKeyPlaces, "/boot"},
     {kKeyPlaces, "/tmp"},
     {kKeyPlaces, "/var/tmp"},
     {kKeyPlaces, "/dev/shm"},
 };
 
-bool exists(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0;
-}
-
-void addPlace(std::vector<std::string>& paths, const std::string& path) {
-  if (exists(path)) {
-    paths.push_back(path);
+void addPlaces(std::vector<Place>& places, const Row& row, const std::vector<HomeFolder>& homes) {
+  if (row.path[0] == '~') {
+    for (const HomeFolder& home : homes) {
+      places.push_back({home.path + (row.path + 1), home, row.setting});
+    }
+    return;
   }
+  glob_t found{};
+  if (glob(row.path, 0, nullptr, &found) == 0) {
+    for (std::size_t i = 0; i < found.gl_pathc; ++i) {
+      struct stat status {};
+      if (stat(found.gl_pathv[i], &status) == 0) {
+        places.push_back({found.gl_pathv[i], std::nullopt, row.setting});
+      }
+    }
+  }
+  globfree(&found);
 }
 
 }  // namespace
 
-std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::vector<std::string>& homes) {
+std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::vector<HomeFolder>& homes) {
   std::vector<Stage> stages;
   if (mode == json::ScanMode::kCustom) {
     return stages;
@@ -101,43 +134,24 @@ std::vector<Stage> stagesOf(json::ScanMode mode, bool memoryCheck, const std::ve
     if (index == kMemory && !memoryCheck) {
       continue;
     }
-    Stage stage{2 * index, 2 * index + 1, kStageNames[index], index == kMemory, {}};
-    for (const Place& place : kPlaces) {
-      const std::string path = place.path;
-      if (place.stage != index) {
-        continue;
-      }
-      if (path.front() != '~') {
-        addPlace(stage.paths, path);
-        continue;
-      }
-      for (const std::string& home : homes) {
-        addPlace(stage.paths, home + path.substr(1));
-      }
-    }
+    Stage stage;
+    stage.begin = 2 * index;
+    stage.end = 2 * index + 1;
+    stage.what = kStageNames[index];
+    stage.runningPrograms = index == kMemory;
     if (index == kKeyPlaces && mode == json::ScanMode::kFull) {
-      stage.paths = {"/"};  // the walk enters no folder twice
+      stage.places = {Place{"/", std::nullopt, SettingKind::kNone}};  // the walk enters no folder twice
+    } else {
+      for (const Row& row : kRows) {
+        if (row.stage == index) {
+          addPlaces(stage.places, row, homes);
+        }
+      }
+      stage.setuidFiles = index == kKeyPlaces;
     }
     stages.push_back(std::move(stage));
   }
   return stages;
-}
-
-std::vector<std::string> homeFolders() {
-  // The reading position in the user database belongs to the whole process.
-  static std::mutex reading;
-  const std::lock_guard guard(reading);
-  std::set<std::string> homes;
-  setpwent();
-  while (const passwd* entry = getpwent()) {
-    const std::string home = entry->pw_dir;
-    const bool person = entry->pw_uid == 0 || entry->pw_uid >= 1000;
-    if (person && home.size() > 1 && home.front() == '/' && exists(home)) {
-      homes.insert(home);
-    }
-  }
-  endpwent();
-  return {homes.begin(), homes.end()};
 }
 
 }  // namespace agent

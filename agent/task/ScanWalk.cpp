@@ -1,7 +1,15 @@
 #include "task/ScanWalk.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
 #include "json/CppJson.h"
-#include "task/Places.h"
+#include "platform/Posix.h"
 #include "task/ProgramWalk.h"
 
 namespace agent {
@@ -9,6 +17,38 @@ namespace agent {
 namespace {
 
 constexpr double kWholeDiskShare = 0.9;  // of a full scan, for its last stage
+constexpr int kSettingDepth = 3;         // of folders of settings
+constexpr std::size_t kSettingBytes = 1 << 20;
+
+/// The first part of a file of settings. Such files are small.
+std::string beginOf(int fd) {
+  std::string text(kSettingBytes, '\0');
+  const std::int64_t size = platform::readFully(fd, text.data(), text.size());
+  text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+  return text;
+}
+
+std::vector<std::string> namesIn(int folder) {
+  std::vector<std::string> names;
+  platform::Descriptor copy(fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(copy ? fdopendir(copy.get()) : nullptr, closedir);
+  if (directory) {
+    copy.release();
+    while (const dirent* entry = readdir(directory.get())) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") {
+        names.push_back(name);
+      }
+    }
+  }
+  return names;
+}
+
+const HomeFolder* homeOfUser(const std::vector<HomeFolder>& homes, const std::string& user) {
+  const auto found =
+      std::find_if(homes.begin(), homes.end(), [&](const HomeFolder& home) { return home.user == user; });
+  return found != homes.end() ? &*found : nullptr;
+}
 
 }  // namespace
 
@@ -58,7 +98,9 @@ void ScanWalk::walkPaths() {
 }
 
 void ScanWalk::walkStages() {
-  const std::vector<Stage> stages = stagesOf(context_.plan.mode, context_.plan.memoryCheck, homeFolders());
+  homes_ = homeFolders();
+  const std::vector<Stage> stages = stagesOf(context_.plan.mode, context_.plan.memoryCheck, homes_);
+  listPlaces(stages);
   double left = 1.0;
   for (std::size_t i = 0; i < stages.size() && keepGoing(); ++i) {
     const Stage& stage = stages[i];
@@ -67,15 +109,7 @@ void ScanWalk::walkStages() {
     const double share = last ? left : forOthers / static_cast<double>(stages.size());
     left -= share;
     context_.events.stage(stage.begin, stage.what);
-    if (stage.runningPrograms) {
-      walkRunningPrograms(share);
-    }
-    for (const std::string& path : stage.paths) {
-      walkPath(path, stage.runningPrograms ? 0 : share / static_cast<double>(stage.paths.size()));
-    }
-    if (stage.paths.empty() && !stage.runningPrograms) {
-      advanced(share);
-    }
+    walkStage(stage, share);
     if (!context_.control.stopping()) {
       const CallerRights::Suspended own(rights());
       files_->waitUntilDone();
@@ -84,17 +118,134 @@ void ScanWalk::walkStages() {
   }
 }
 
-void ScanWalk::walkPath(const std::string& path, double share) {
-  if (!keepGoing()) {
-    return;
+void ScanWalk::walkStage(const Stage& stage, double share) {
+  const double searchShare = stage.setuidFiles ? share / 2 : 0;
+  const double placesShare = share - searchShare;
+  if (stage.runningPrograms) {
+    walkRunningPrograms(share);
+  } else if (stage.places.empty()) {
+    advanced(placesShare);
+  }
+  for (const Place& place : stage.places) {
+    walkPlace(place, placesShare / static_cast<double>(stage.places.size()));
+  }
+  for (const Place& place : stage.places) {
+    if (place.setting != SettingKind::kNone && context_.plan.mode == json::ScanMode::kFast) {
+      walkNamedPrograms(place, place.path, 0);
+    }
+  }
+  if (stage.setuidFiles) {
+    walkSetuidFiles(searchShare);
+  }
+}
+
+/// Nothing: no such entry. A path below a home folder is opened as its user could open it.
+platform::Expected<std::optional<EncounteredFile>> ScanWalk::openPlace(const std::string& path,
+                                                                       const HomeFolder* home) const {
+  if (home != nullptr) {
+    return HomeAccess(rights_->reduced()).open(*home, belowHome(*home, path));
+  }
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+    return std::nullopt;
   }
   platform::Expected<EncounteredFile> opened = Walker::open(path);
   if (!opened) {
-    failed(path, opened.error());
+    return platform::failure(opened.error());
+  }
+  return std::optional(std::move(*opened));
+}
+
+void ScanWalk::walkPlace(const Place& place, double share) {
+  if (!keepGoing()) {
+    return;
+  }
+  platform::Expected<std::optional<EncounteredFile>> opened =
+      openPlace(place.path, place.home ? &*place.home : nullptr);
+  if (opened && *opened) {
+    walker_->walk(std::move(**opened), share, NamedBy::kAgent);
+    return;
+  }
+  if (!opened) {
+    failed(place.path, opened.error());
+  }
+  advanced(share);
+}
+
+void ScanWalk::listPlaces(const std::vector<Stage>& stages) {
+  for (const Stage& stage : stages) {
+    for (const Place& place : stage.places) {
+      placePaths_.push_back(place.path);
+      const std::unique_ptr<char, void (*)(void*)> resolved(
+          place.home ? nullptr : realpath(place.path.c_str(), nullptr), std::free);
+      if (resolved) {
+        placePaths_.emplace_back(resolved.get());
+      }
+    }
+  }
+}
+
+/// True when the walk of a place looks at the path.
+bool ScanWalk::isInPlaces(const std::string& path) const {
+  return std::any_of(placePaths_.begin(), placePaths_.end(),
+                     [&](const std::string& place) { return place == "/" || isWithin(path, place); });
+}
+
+/// Reads settings, and walks the programs that they name. What cannot be read was reported by the walk of
+/// the place.
+void ScanWalk::walkNamedPrograms(const Place& place, const std::string& path, int depth) {
+  if (!keepGoing()) {
+    return;
+  }
+  const HomeFolder* const home = place.home ? &*place.home : nullptr;
+  const platform::Expected<std::optional<EncounteredFile>> opened = openPlace(path, home);
+  if (!opened || !*opened || !walker_->checkWalkable(**opened, NamedBy::kAgent)) {
+    return;
+  }
+  if (S_ISREG((*opened)->status.st_mode)) {
+    const HomeFolder* by = home;
+    if (place.setting == SettingKind::kUserTables) {
+      by = homeOfUser(homes_, platform::splitPath(path).name);
+    }
+    const std::string text = beginOf((*opened)->fd.get());
+    for (const std::string& named : programsNamedIn(place.setting, text, by != nullptr ? by->path : "")) {
+      walkNamedProgram(named, by);
+    }
+  } else if (depth < kSettingDepth) {
+    for (const std::string& name : namesIn((*opened)->fd.get())) {
+      walkNamedPrograms(place, platform::joinPath(path, name), depth + 1);
+    }
+  }
+}
+
+/// by: the user whose settings name the program; null: the system.
+void ScanWalk::walkNamedProgram(const std::string& path, const HomeFolder* by) {
+  if (!named_.insert(path).second || !keepGoing()) {
+    return;
+  }
+  const HomeFolder* const home = homeOf(path, homes_);
+  platform::Expected<std::optional<EncounteredFile>> opened =
+      home == nullptr && by != nullptr ? HomeAccess(rights_->reduced()).openAny(*by, path)
+                                       : openPlace(path, home);
+  if (!opened) {
+    if (!isInPlaces(path)) {  // else its own walk reports it
+      failed(path, opened.error());
+    }
+  } else if (*opened && S_ISREG((*opened)->status.st_mode) && !isInPlaces((*opened)->resolved)) {
+    walker_->walk(std::move(**opened), 0, NamedBy::kAgent);
+  }
+}
+
+void ScanWalk::walkSetuidFiles(double share) {
+  platform::Expected<EncounteredFile> root = Walker::open("/");
+  if (!root) {
+    failed("/", root.error());
     advanced(share);
     return;
   }
-  walker_->walk(std::move(*opened), share, NamedBy::kAgent);
+  searching_ = true;
+  walker_->walk(std::move(*root), share, NamedBy::kAgent, Wanted::kSetuidFiles);
+  searching_ = false;
 }
 
 void ScanWalk::walkRunningPrograms(double share) {
@@ -120,7 +271,11 @@ void ScanWalk::skipped(const std::string& path, const std::string& reason) {
 
 void ScanWalk::failed(const std::string& path, const std::string& reason) {
   const CallerRights::Suspended own(rights());
-  files_->failed(path, reason);
+  if (searching_ && rights_->reduced()) {
+    files_->skipped(path, "not searched for setuid files: " + reason);
+  } else {
+    files_->failed(path, reason);
+  }
 }
 
 void ScanWalk::advanced(double share) {

@@ -3,12 +3,15 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "platform/Expected.h"
 #include "task/CallerRights.h"
 #include "task/FilePipeline.h"
+#include "task/HomeFolders.h"
+#include "task/Places.h"
 #include "task/ScanContext.h"
 #include "task/Walker.h"
 
@@ -32,8 +35,16 @@ class ScanWalk final : private WalkSink {
  private:
   void walkPaths();
   void walkStages();
-  void walkPath(const std::string& path, double share);
+  void walkStage(const Stage& stage, double share);
+  void walkPlace(const Place& place, double share);
   void walkRunningPrograms(double share);
+  void walkNamedPrograms(const Place& place, const std::string& path, int depth);
+  void walkNamedProgram(const std::string& path, const HomeFolder* by);
+  void walkSetuidFiles(double share);
+  platform::Expected<std::optional<EncounteredFile>> openPlace(const std::string& path,
+                                                               const HomeFolder* home) const;
+  void listPlaces(const std::vector<Stage>& stages);
+  bool isInPlaces(const std::string& path) const;
 
   void file(EncounteredFile file) override;
   void skipped(const std::string& path, const std::string& reason) override;
@@ -47,6 +58,10 @@ class ScanWalk final : private WalkSink {
   std::vector<EncounteredFile> paths_;
   std::unique_ptr<CallerRights> rights_;
   FilePipeline* files_ = nullptr;
+  std::vector<HomeFolder> homes_;
+  std::vector<std::string> placePaths_;  // of all stages
+  std::set<std::string> named_;          // programs that settings name
+  bool searching_ = false;               // for setuid files
   std::atomic<double> done_{0};
 };
 

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,18 +27,13 @@ bool mayWrite(int folder, const char* name) {
   return faccessat(folder, name, W_OK | X_OK, AT_EACCESS) == 0;
 }
 
-std::string pathOf(int fd) {
-  char text[4096];
-  const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), text, sizeof text);
-  return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : std::string();
-}
-
 bool isFileOrFolder(const struct stat& status) {
   return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
 
-bool isWithin(const std::string& path, const std::string& folder) {
-  return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
+bool isMountedWithoutSetuid(int fd) {
+  struct statvfs info {};
+  return fstatvfs(fd, &info) == 0 && (info.f_flag & ST_NOSUID) != 0;
 }
 
 }  // namespace
@@ -66,6 +62,16 @@ const char* specialKind(mode_t mode) {
     default:
       return "special file";
   }
+}
+
+std::string pathOf(int fd) {
+  char text[4096];
+  const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), text, sizeof text);
+  return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : std::string();
+}
+
+bool isWithin(const std::string& path, const std::string& folder) {
+  return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
 }
 
 bool mayWriteFolderOf(const std::string& path) {
@@ -100,16 +106,16 @@ platform::Expected<EncounteredFile> Walker::open(const std::string& path) {
   return named;
 }
 
-void Walker::walk(EncounteredFile named, double share, NamedBy by) {
+void Walker::walk(EncounteredFile named, double share, NamedBy by, Wanted wanted) {
   if (!sink_.keepGoing()) {
     return;
   }
+  begin(named, wanted);
   if (const auto walkable = checkWalkable(named, by); !walkable) {
-    sink_.skipped(named.path, walkable.error());
+    reportSkipped(walkable.error());
     sink_.advanced(share);
     return;
   }
-  begin(named);
   if (S_ISDIR(named.status.st_mode)) {
     walkFolder(std::move(named.fd), named.status, share);
     return;
@@ -120,7 +126,8 @@ void Walker::walk(EncounteredFile named, double share, NamedBy by) {
   sink_.advanced(share);
 }
 
-void Walker::begin(const EncounteredFile& named) {
+void Walker::begin(const EncounteredFile& named, Wanted wanted) {
+  wanted_ = wanted;
   path_ = named.path;
   throughLink_ = !named.resolved.empty() && named.resolved != named.path;
   namedLength_ = named.path == "/" ? 0 : named.path.size();
@@ -180,7 +187,7 @@ void Walker::failRemaining() {
 bool Walker::enter(platform::Descriptor fd, const struct stat& status, double share, bool named) {
   if (!entered_.emplace(status.st_dev, status.st_ino).second) {
     if (!named) {
-      sink_.skipped(path_, "the same folder was met before");
+      reportSkipped("the same folder was met before");
     }
     sink_.advanced(share);
     return true;
@@ -203,7 +210,7 @@ bool Walker::enterNext() {
   folder.subfolders.pop_back();
   setName(folder, name);
   if (const auto mountable = checkMountPoint(folder, name); !mountable) {
-    sink_.skipped(path_, mountable.error());
+    reportSkipped(mountable.error());
     sink_.advanced(share);
     return true;
   }
@@ -220,9 +227,12 @@ bool Walker::enterNext() {
     walkable = platform::failure(kOwnFolder);
   } else if (status.st_dev != folder.device) {
     walkable = checkFileSystem(fd.get(), options_.networkFileSystems);
+    if (walkable && wanted_ == Wanted::kSetuidFiles && isMountedWithoutSetuid(fd.get())) {
+      walkable = platform::failure("setuid has no effect here");
+    }
   }
   if (!walkable) {
-    sink_.skipped(path_, walkable.error());
+    reportSkipped(walkable.error());
     sink_.advanced(share);
     return true;
   }
@@ -253,12 +263,19 @@ platform::Expected<void> Walker::checkWalkable(const EncounteredFile& named, Nam
   return checkFileSystem(named.fd.get(), by == NamedBy::kCaller || options_.networkFileSystems);
 }
 
+/// Reports path_. A search is no encounter of the entries that it passes over.
+void Walker::reportSkipped(const std::string& reason) {
+  if (wanted_ == Wanted::kEverything) {
+    sink_.skipped(path_, reason);
+  }
+}
+
 /// Reports an entry of a folder that could not be opened.
 void Walker::reportUnopened(int error) {
   if (error == ENOENT) {
-    sink_.skipped(path_, "was removed while its folder was read");
+    reportSkipped("was removed while its folder was read");
   } else if (error == ELOOP || error == ENXIO) {
-    sink_.skipped(path_, "was exchanged while its folder was read");
+    reportSkipped("was exchanged while its folder was read");
   } else {
     sink_.failed(path_, platform::errnoText(error));
   }
@@ -334,12 +351,24 @@ void Walker::visitEntry(Folder& folder, const std::string& name, unsigned char t
     folder.subfolders.emplace_back(name, share);
     return;
   }
-  if (S_ISREG(mode)) {
+  if (!S_ISREG(mode)) {
+    reportSkipped(specialKind(mode));
+  } else if (wanted_ == Wanted::kEverything || isSetuidFile(folder, name)) {
     visitFile(folder, name, writable);
-  } else {
-    sink_.skipped(path_, specialKind(mode));
   }
   sink_.advanced(share);
+}
+
+/// Opens nothing: a search looks at every file of a disk.
+bool Walker::isSetuidFile(const Folder& folder, const std::string& name) {
+  struct stat status {};
+  if (fstatat(folder.fd.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    reportUnopened(errno);
+    return false;
+  }
+  constexpr mode_t kSetgid = S_ISGID | S_IXGRP;
+  return S_ISREG(status.st_mode) &&
+         ((status.st_mode & S_ISUID) != 0 || (status.st_mode & kSetgid) == kSetgid);
 }
 
 void Walker::visitFile(const Folder& folder, const std::string& name, bool writable) {
@@ -352,7 +381,7 @@ void Walker::visitFile(const Folder& folder, const std::string& name, bool writa
   if (fstat(file.fd.get(), &file.status) != 0) {
     sink_.failed(path_, platform::errnoText(errno));
   } else if (!S_ISREG(file.status.st_mode)) {
-    sink_.skipped(path_, "was exchanged while its folder was read");
+    reportSkipped("was exchanged while its folder was read");
   } else {
     sink_.file(std::move(file));
   }

@@ -35,6 +35,10 @@ class WalkSink {
 /// is always entered at a path that the caller named.
 enum class NamedBy { kCaller, kAgent };
 
+/// What a walk hands over: everything, or nothing but setuid and setgid files and what could not be looked
+/// at.
+enum class Wanted { kEverything, kSetuidFiles };
+
 /// Walks folders by descriptor. Each name is opened once, below its folder. The walk follows symbolic links
 /// in the named path only. The walk enters other mounts, but no pseudo file systems. Depth costs memory, not
 /// descriptors. One thread, with the rights of that thread.
@@ -56,7 +60,8 @@ class Walker {
   platform::Expected<void> checkWalkable(const EncounteredFile& named, NamedBy by) const;
 
   /// Walks `named`. share: the part of `named` in the whole work.
-  void walk(EncounteredFile named, double share, NamedBy by = NamedBy::kAgent);
+  void walk(EncounteredFile named, double share, NamedBy by = NamedBy::kAgent,
+            Wanted wanted = Wanted::kEverything);
 
  private:
   struct Folder {
@@ -75,15 +80,18 @@ class Walker {
   bool reopenParent(const Folder& child, Folder& parent);
   platform::Expected<void> checkMountPoint(const Folder& folder, const std::string& name) const;
   platform::Expected<void> checkFileSystem(int fd, bool networkAllowed) const;
-  void begin(const EncounteredFile& named);
+  bool isSetuidFile(const Folder& folder, const std::string& name);
+  void begin(const EncounteredFile& named, Wanted wanted);
   std::string resolvedPath() const;
   void setName(const Folder& folder, const std::string& name);
+  void reportSkipped(const std::string& reason);
   void reportUnopened(int error);
   void reportUnreadEnd(const Folder& folder, int error);
   void failRemaining();
 
   Options options_;
   WalkSink& sink_;
+  Wanted wanted_ = Wanted::kEverything;
   std::string path_;             // of the entry under way
   std::size_t namedLength_ = 0;  // the length of the named path in path_
   std::string resolvedBase_;     // the named path, resolved
@@ -101,6 +109,10 @@ class Walker {
 
 /// The name, for a reason, of an entry that is neither a regular file nor a folder.
 const char* specialKind(mode_t mode);
+/// The path of an open file or folder, links resolved; empty when the kernel does not know one.
+std::string pathOf(int fd);
+/// True for the folder itself, too. Absolute paths without a "/" at the end.
+bool isWithin(const std::string& path, const std::string& folder);
 /// True when the calling thread may add and remove entries of the folder that holds `path`.
 bool mayWriteFolderOf(const std::string& path);
 

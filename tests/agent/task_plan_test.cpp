@@ -436,8 +436,16 @@ TEST(SkipSize, AFileLargerThanTheSettingIsLeftOutAndOneOfThatSizeIsNot) {
   EXPECT_THAT(checkIncluded(plan, file).error(), HasSubstr("1 MB"));
 }
 
+std::vector<std::string> pathsOf(const Stage& stage) {
+  std::vector<std::string> paths;
+  for (const Place& place : stage.places) {
+    paths.push_back(place.path);
+  }
+  return paths;
+}
+
 TEST(Stages, AFastScanReportsEveryStageInOrder) {
-  const std::vector<Stage> stages = stagesOf(json::ScanMode::kFast, true, {"/root"});
+  const std::vector<Stage> stages = stagesOf(json::ScanMode::kFast, true, {{"/root", "root", 0, 0}});
   ASSERT_EQ(5U, stages.size());
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(2 * i, stages[static_cast<std::size_t>(i)].begin);
@@ -472,30 +480,39 @@ TEST(Stages, AStageHasTheSameNameWithAndWithoutMemoryCheck) {
 }
 
 TEST(Stages, AFullScanEndsWithTheWholeDisk) {
-  EXPECT_THAT(stagesOf(json::ScanMode::kFull, true, {}).back().paths, ElementsAre("/"));
+  EXPECT_THAT(pathsOf(stagesOf(json::ScanMode::kFull, true, {}).back()), ElementsAre("/"));
 }
 
 TEST(Stages, ACustomScanHasNone) {
   EXPECT_TRUE(stagesOf(json::ScanMode::kCustom, true, {}).empty());
 }
 
-TEST(Stages, OnlyPlacesThatExistAreNamed) {
+TEST(Stages, OnlyPlacesThatExistAreNamedAndBelowHomeFoldersAll) {
   const testsupport::TempDir home;
-  home.write(".bashrc", "x");
+  const HomeFolder owner{home.path(), "person", 1000, 1000};
   bool found = false;
-  for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {home.path()})) {
-    for (const std::string& path : stage.paths) {
-      EXPECT_EQ(0, access(path.c_str(), F_OK)) << path;
-      found = found || path == home.at(".bashrc");
+  for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {owner})) {
+    for (const Place& place : stage.places) {
+      EXPECT_TRUE(place.home || access(place.path.c_str(), F_OK) == 0) << place.path;
+      found = found || (place.path == home.at(".bashrc") && place.home && place.home->uid == 1000);
     }
   }
   EXPECT_TRUE(found);
 }
 
+TEST(Stages, TheLastOneOfAFastScanLooksForSetuidFilesAndAFullScanMeetsThemAnyway) {
+  for (const json::ScanMode mode : {json::ScanMode::kFast, json::ScanMode::kFull}) {
+    const std::vector<Stage> stages = stagesOf(mode, true, {});
+    for (const Stage& stage : stages) {
+      EXPECT_EQ(mode == json::ScanMode::kFast && &stage == &stages.back(), stage.setuidFiles);
+    }
+  }
+}
+
 TEST(Stages, EachPlaceBelongsToOneOfThem) {
   std::set<std::string> seen;
   for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {})) {
-    for (const std::string& path : stage.paths) {
+    for (const std::string& path : pathsOf(stage)) {
       EXPECT_TRUE(seen.insert(path).second) << path;
     }
   }
@@ -505,10 +522,10 @@ TEST(Stages, EachPlaceBelongsToOneOfThem) {
 TEST(Stages, TheWholeDiskIsWalkedByTheLastStageOfAFullScanAlone) {
   const std::vector<Stage> full = stagesOf(json::ScanMode::kFull, true, {});
   for (std::size_t i = 0; i + 1 < full.size(); ++i) {
-    EXPECT_THAT(full[i].paths, Not(Contains("/")));
+    EXPECT_THAT(pathsOf(full[i]), Not(Contains("/")));
   }
   for (const Stage& stage : stagesOf(json::ScanMode::kFast, true, {})) {
-    EXPECT_THAT(stage.paths, Not(Contains("/")));
+    EXPECT_THAT(pathsOf(stage), Not(Contains("/")));
   }
 }
 
@@ -522,17 +539,24 @@ TEST(HomeFolders, AreThoseOfRootAndOfPeopleThatAreThereEachOnce) {
   };
   const std::string database = line("root", 0, homes.at("root")) + line("daemon", 1, homes.at("system")) +
                                line("service", 999, homes.at("system")) +
-                               line("person", 1000, homes.at("person")) +
+                               line("person", 1000, homes.at("person") + "/") +
                                line("one", 1001, homes.at("shared")) + line("two", 1002, homes.at("shared")) +
                                line("absent", 1003, homes.at("absent")) + line("slash", 1004, "/") +
                                line("relative", 1005, "etc") + line("none", 1006, "");
   const std::vector<std::string> expected{homes.at("person"), homes.at("root"), homes.at("shared")};
   std::vector<std::string> first, second;
+  const auto paths = [] {
+    std::vector<std::string> result;
+    for (const HomeFolder& home : homeFolders()) {
+      result.push_back(home.path);
+    }
+    return result;
+  };
   const testsupport::TempDir dir;
   if (!withOwnMounts(userDatabase(dir.write("passwd", database)), [&] {
         ASSERT_EQ(0, chdir("/"));  // where the relative one would be
-        first = homeFolders();
-        second = homeFolders();
+        first = paths();
+        second = paths();
       })) {
     GTEST_SKIP() << "this process may not make a mount namespace";
   }
@@ -541,14 +565,14 @@ TEST(HomeFolders, AreThoseOfRootAndOfPeopleThatAreThereEachOnce) {
 }
 
 TEST(HomeFolders, SeveralThreadsAskAndEachGetsThemAll) {
-  const std::vector<std::string> all = homeFolders();
-  ASSERT_FALSE(all.empty());
+  const std::size_t all = homeFolders().size();
+  ASSERT_LT(0U, all);
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (int round = 0; round < 100; ++round) {
-        wrong += homeFolders() == all ? 0 : 1;
+        wrong += homeFolders().size() == all ? 0 : 1;
       }
     });
   }

@@ -194,7 +194,7 @@ TEST_F(StagesForASecondUser, ProcessesThatCannotBeListedAreAnError) {
 TEST_F(StagesForASecondUser, AStageWithoutAPlaceIsBehindItsScanToo) {
   const auto emptyEtc = [] {
     return mount("none", "/etc", "tmpfs", 0, "mode=0755") == 0 &&
-           stagesOf(json::ScanMode::kFast, true, {}).front().paths.empty();
+           stagesOf(json::ScanMode::kFast, true, {}).front().places.empty();
   };
   if (failures(emptyEtc) < 0) {
     GTEST_SKIP() << "this process may not make a mount namespace";

@@ -18,6 +18,7 @@
 #include <set>
 #include <thread>
 
+#include "OwnMounts.h"
 #include "WalkerTest.h"
 #include "platform/Posix.h"
 #include "task/CallerRights.h"
@@ -642,6 +643,69 @@ TEST_F(WalkerTest, AnotherMountIsEntered) {
   std::filesystem::remove_all(pattern);
   EXPECT_THAT(sink.files, Contains(file));
   EXPECT_THAT(sink.skips["/dev/pts"], HasSubstr("devpts"));
+}
+
+class SetuidSearch : public WalkerTest {
+ protected:
+  std::string write(const std::string& name, mode_t mode) {
+    const std::string path = dir.write(name, "x");
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+};
+
+TEST_F(SetuidSearch, HandsOverSetuidAndSetgidProgramsAndReportsNothingElse) {
+  const std::string uid = write("a/uid", 04755);
+  const std::string gid = write("b/c/gid", 02755);
+  const std::string both = write("both", 06711);
+  write("plain", 0755);
+  write("locked", 02644);  // no program: a mark for file locks
+  ASSERT_EQ(0, mkfifo(dir.at("fifo").c_str(), 04600));
+  ASSERT_EQ(0, symlink("both", dir.at("link").c_str()));
+  ASSERT_EQ(0, chmod(dir.at("b").c_str(), 07755));
+  Walker walker({}, sink);
+  walker.walk(Walker::open(dir.path()).value(), 1.0, NamedBy::kAgent, Wanted::kSetuidFiles);
+  EXPECT_THAT(sink.files, UnorderedElementsAre(uid, gid, both));
+  EXPECT_THAT(sink.everyPath(), UnorderedElementsAre(uid, gid, both));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+}
+
+TEST_F(SetuidSearch, EntersNoFolderThatWasWalkedAndNotTheAgentsOwn) {
+  write("walked/uid", 04755);
+  write("state/uid", 04755);
+  const std::string other = write("other/uid", 04755);
+  Walker walker(excluding("state"), sink);
+  walker.walk(Walker::open(dir.at("walked")).value(), 0.5);
+  sink.files.clear();
+  walker.walk(Walker::open(dir.path()).value(), 0.5, NamedBy::kAgent, Wanted::kSetuidFiles);
+  EXPECT_THAT(sink.everyPath(), ElementsAre(other));
+  EXPECT_NEAR(1.0, sink.progress, 1e-9);
+}
+
+TEST_F(SetuidSearch, OpensNoOtherFile) {
+  write("plain", 0755);
+  write("uid", 04755);
+  OpenWatch watch(dir.path());
+  Walker walker({}, sink);
+  walker.walk(Walker::open(dir.path()).value(), 1.0, NamedBy::kAgent, Wanted::kSetuidFiles);
+  EXPECT_THAT(watch.opened(), UnorderedElementsAre("", "uid"));
+}
+
+TEST_F(SetuidSearch, LeavesAMountOutWhereSetuidHasNoEffect) {
+  ASSERT_TRUE(std::filesystem::create_directory(dir.at("mount")));
+  if (!withOwnMounts(
+          [&] { return mount("none", dir.at("mount").c_str(), "tmpfs", MS_NOSUID, "mode=0755") == 0; },
+          [&] {
+            write("mount/uid", 04755);
+            Walker walker({}, sink);
+            walker.walk(Walker::open(dir.path()).value(), 0.5, NamedBy::kAgent, Wanted::kSetuidFiles);
+            EXPECT_THAT(sink.everyPath(), IsEmpty());
+            Walker all({}, sink);
+            all.walk(Walker::open(dir.path()).value(), 0.5);
+            EXPECT_THAT(sink.files, ElementsAre(dir.at("mount/uid")));
+          })) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
 }
 
 TEST_F(WalkerTest, AMountOfTheNetworkIsLeftOutBeforeItIsOpened) {
