@@ -106,6 +106,18 @@ std::vector<HomeFolder> homeFolders() {
   return result;
 }
 
+std::optional<HomeFolder> homeFolderOf(const std::string& user) {
+  std::vector<char> buffer(4096);
+  passwd entry{};
+  passwd* found = nullptr;
+  while (getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
+    buffer.resize(buffer.size() * 2);
+  }
+  return found != nullptr
+             ? std::optional(HomeFolder{found->pw_dir, found->pw_name, found->pw_uid, found->pw_gid})
+             : std::nullopt;
+}
+
 const HomeFolder* homeOf(const std::string& path, const std::vector<HomeFolder>& homes) {
   const HomeFolder* found = nullptr;
   for (const HomeFolder& home : homes) {

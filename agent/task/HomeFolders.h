@@ -21,6 +21,8 @@ struct HomeFolder {
 
 /// The existing home folders of the user database, each once. Any thread.
 std::vector<HomeFolder> homeFolders();
+/// Of any user, whether the folder exists or not; nothing for an unknown user. Any thread.
+std::optional<HomeFolder> homeFolderOf(const std::string& user);
 /// The home folder that holds `path`, the deepest one; null: none.
 const HomeFolder* homeOf(const std::string& path, const std::vector<HomeFolder>& homes);
 /// The path below the home folder that holds it.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/Text.h"
@@ -10,6 +11,7 @@ namespace agent {
 
 namespace {
 
+constexpr std::size_t kMostPaths = 1u << 16;
 constexpr std::string_view kBlanks = " \t\r";
 constexpr std::string_view kQuotes = "\"'`";
 constexpr std::string_view kSeparators = " \t\r\"'`;&|()<>,=:{}";
@@ -22,9 +24,9 @@ std::string_view trimmed(std::string_view text) {
 }
 
 /// Collects the paths of one text.
-class NamedPaths {
+class PathReader {
  public:
-  explicit NamedPaths(std::string home) : home_(std::move(home)) {}
+  explicit PathReader(std::string home) : home_(std::move(home)) {}
 
   /// Folders in which later lines look for their programs.
   void setSearchPath(std::string_view folders) {
@@ -42,7 +44,7 @@ class NamedPaths {
     addParts(line, kSeparators);
   }
 
-  std::vector<std::string> take() { return std::move(paths_); }
+  NamedPaths take() { return std::move(named_); }
 
  private:
   /// A path with blanks stands in quotes.
@@ -92,18 +94,21 @@ class NamedPaths {
     }
   }
 
-  void keep(std::string path) {
-    if (std::find(paths_.begin(), paths_.end(), path) == paths_.end()) {
-      paths_.push_back(std::move(path));
+  void keep(const std::string& path) {
+    if (seen_.size() >= kMostPaths) {
+      named_.more = true;
+    } else if (seen_.insert(path).second) {
+      named_.paths.push_back(path);
     }
   }
 
   const std::string home_;
   std::vector<std::string> folders_;
-  std::vector<std::string> paths_;
+  std::unordered_set<std::string> seen_;
+  NamedPaths named_;
 };
 
-void readStatement(SettingKind kind, std::string_view statement, NamedPaths& paths) {
+void readStatement(SettingKind kind, std::string_view statement, PathReader& paths) {
   const std::size_t equals = statement.find('=');
   const bool assigns = equals != std::string_view::npos;
   const std::string_view key = trimmed(statement.substr(0, assigns ? equals : 0));
@@ -124,8 +129,8 @@ void readStatement(SettingKind kind, std::string_view statement, NamedPaths& pat
 
 }  // namespace
 
-std::vector<std::string> programsNamedIn(SettingKind kind, std::string_view text, const std::string& home) {
-  NamedPaths paths(home);
+NamedPaths programsNamedIn(SettingKind kind, std::string_view text, const std::string& home) {
+  PathReader paths(home);
   std::string statement;
   for (const std::string_view raw : CStr::split(text, '\n')) {
     std::string_view line = trimmed(raw);

@@ -14,8 +14,13 @@ enum class SettingKind {
   kUserTables  ///< as kLines, in a file with the name of the user whom it belongs to
 };
 
+struct NamedPaths {
+  std::vector<std::string> paths;  ///< each once
+  bool more = false;               ///< the text has more than fit
+};
+
 /// The paths that a text of settings may name. The reading is generous: a path need not exist. home: stands
 /// for "~", "$HOME" and "%h", and begins relative paths; empty: such paths are left out.
-std::vector<std::string> programsNamedIn(SettingKind kind, std::string_view text, const std::string& home);
+NamedPaths programsNamedIn(SettingKind kind, std::string_view text, const std::string& home);
 
 }  // namespace agent

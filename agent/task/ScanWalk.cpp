@@ -44,12 +44,6 @@ std::vector<std::string> namesIn(int folder) {
   return names;
 }
 
-const HomeFolder* homeOfUser(const std::vector<HomeFolder>& homes, const std::string& user) {
-  const auto found =
-      std::find_if(homes.begin(), homes.end(), [&](const HomeFolder& home) { return home.user == user; });
-  return found != homes.end() ? &*found : nullptr;
-}
-
 }  // namespace
 
 ScanWalk::ScanWalk(const ScanContext& context, Walker::Options options)
@@ -203,13 +197,18 @@ void ScanWalk::walkNamedPrograms(const Place& place, const std::string& path, in
     return;
   }
   if (S_ISREG((*opened)->status.st_mode)) {
-    const HomeFolder* by = home;
-    if (place.setting == SettingKind::kUserTables) {
-      by = homeOfUser(homes_, platform::splitPath(path).name);
+    const std::optional<HomeFolder> by =
+        place.setting == SettingKind::kUserTables ? homeFolderOf(platform::splitPath(path).name) : place.home;
+    if (place.setting == SettingKind::kUserTables && !by) {
+      return;  // of no user: nobody runs it
     }
     const std::string text = beginOf((*opened)->fd.get());
-    for (const std::string& named : programsNamedIn(place.setting, text, by != nullptr ? by->path : "")) {
-      walkNamedProgram(named, by);
+    const NamedPaths named = programsNamedIn(place.setting, text, by ? by->path : "");
+    for (const std::string& program : named.paths) {
+      walkNamedProgram(program, by ? &*by : nullptr);
+    }
+    if (named.more || text.size() == kSettingBytes) {
+      failed(path, "names more programs than are looked at");
     }
   } else if (depth < kSettingDepth) {
     for (const std::string& name : namesIn((*opened)->fd.get())) {
@@ -220,7 +219,7 @@ void ScanWalk::walkNamedPrograms(const Place& place, const std::string& path, in
 
 /// by: the user whose settings name the program; null: the system.
 void ScanWalk::walkNamedProgram(const std::string& path, const HomeFolder* by) {
-  if (!named_.insert(path).second || !keepGoing()) {
+  if (!named_.emplace(path, by != nullptr ? by->uid : 0).second || !keepGoing()) {
     return;
   }
   const HomeFolder* const home = homeOf(path, homes_);
@@ -231,7 +230,8 @@ void ScanWalk::walkNamedProgram(const std::string& path, const HomeFolder* by) {
     if (!isInPlaces(path)) {  // else its own walk reports it
       failed(path, opened.error());
     }
-  } else if (*opened && S_ISREG((*opened)->status.st_mode) && !isInPlaces((*opened)->resolved)) {
+  } else if (*opened && S_ISREG((*opened)->status.st_mode) && !isInPlaces((*opened)->resolved) &&
+             namedFiles_.emplace((*opened)->status.st_dev, (*opened)->status.st_ino).second) {
     walker_->walk(std::move(**opened), 0, NamedBy::kAgent);
   }
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Expected.h"
@@ -59,9 +60,10 @@ class ScanWalk final : private WalkSink {
   std::unique_ptr<CallerRights> rights_;
   FilePipeline* files_ = nullptr;
   std::vector<HomeFolder> homes_;
-  std::vector<std::string> placePaths_;  // of all stages
-  std::set<std::string> named_;          // programs that settings name
-  bool searching_ = false;               // for setuid files
+  std::vector<std::string> placePaths_;            // of all stages
+  std::set<std::pair<std::string, uid_t>> named_;  // paths that settings name, with the user of the settings
+  std::set<std::pair<dev_t, ino_t>> namedFiles_;   // of these, those that were walked
+  bool searching_ = false;                         // for setuid files
   std::atomic<double> done_{0};
 };
 

@@ -1,19 +1,21 @@
-// Fast scans of a system of the test's own: /etc and /var/spool are folders of the test, and all else counts
-// as a network file system.
+// Fast scans of a system of the test's own: folders of the test lie over /etc, /mnt (a home folder), /opt and
+// /var/spool. All else counts as a network file system.
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "OwnMounts.h"
 #include "ScanTaskTest.h"
 #include "support/Samples.h"
+#include "task/Walker.h"
 
 namespace agent {
 namespace {
 
-using ::testing::UnorderedElementsAreArray;
+using ::testing::UnorderedElementsAre;
 
 constexpr uid_t kUser = 60123;
 constexpr gid_t kGroup = 60124;
@@ -21,94 +23,89 @@ constexpr gid_t kGroup = 60124;
 class FastScan : public ScanTaskTest {
  protected:
   FastScan() {
-    for (const char* folder : {"etc", "spool", "home", "opt"}) {
-      EXPECT_TRUE(std::filesystem::create_directory(dir.at(folder)));
-    }
-    EXPECT_EQ(0, chown(dir.at("home").c_str(), kUser, kGroup));
-    setting("etc/passwd", "root:x:0:0::/nonexistent:/bin/sh\nperson:x:60123:60124::" + dir.at("home") + ":" +
-                              infected("shell") + "\n");
-    fileSystem = [path = dir.path()](int fd) {
+    setting("/mnt/.keep", "");
+    setting("/var/spool/cron/crontabs/unknown", "@reboot /opt/of-nobody");
+    setting("/etc/passwd",
+            "root:x:0:0::/nonexistent:/bin/sh\nperson:x:60123:60124::/mnt:" + infected("shell") + "\n");
+    fileSystem = [](int fd) {
       const std::string at = pathOf(fd);
-      const bool own = isWithin(at, path) || isWithin(at, "/etc") || isWithin(at, "/var/spool");
-      return own ? FileSystem{} : FileSystem{FileSystemKind::kNetwork, "nfs"};
+      const auto within = [&at](const char* folder) { return isWithin(at, folder); };
+      return std::any_of(std::begin(kFolders), std::end(kFolders), within)
+                 ? FileSystem{}
+                 : FileSystem{FileSystemKind::kNetwork, "nfs"};
     };
   }
-  /// A detection in opt/, which is no place of a fast scan.
-  std::string infected(const std::string& name) { return dir.write("opt/" + name, testsupport::eicar()); }
-  void setting(const std::string& name, const std::string& text) {
-    dir.write(name, text);
-    for (std::filesystem::path at = name; !at.empty(); at = at.parent_path()) {
-      if (at.string().starts_with("home")) {
-        EXPECT_EQ(0, lchown(dir.at(at.string()).c_str(), kUser, kGroup));
-      }
-    }
+  /// A detection in /opt, which is no place of a fast scan.
+  std::string infected(const std::string& name) {
+    dir.write("system/opt/" + name, testsupport::eicar());
+    return "/opt/" + name;
+  }
+  void setting(const std::string& path, const std::string& text) { dir.write("system" + path, text); }
+  static void link(const std::string& target, const std::string& at) {
+    EXPECT_EQ(0, symlink(target.c_str(), at.c_str()));
   }
   /// False when the mounts cannot be made.
   bool scanned() {
-    const auto bound = [](const std::string& from, const char* to) {
-      return mount(from.c_str(), to, nullptr, MS_BIND, nullptr) == 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.at("system/mnt"))) {
+      EXPECT_EQ(0, lchown(entry.path().c_str(), kUser, kGroup));
+    }
+    EXPECT_EQ(0, lchown(dir.at("system/mnt").c_str(), kUser, kGroup));
+    const auto bound = [this](const char* folder) {
+      return mount((dir.at("system") + folder).c_str(), folder, nullptr, MS_BIND, nullptr) == 0;
     };
-    return withOwnMounts([&] { return bound(dir.at("etc"), "/etc") && bound(dir.at("spool"), "/var/spool"); },
-                         [&] {
-                           ScanPlan plan = programsOf(json::ScanMode::kFast);
-                           plan.memoryCheck = false;
-                           scan(plan);
-                         });
+    ScanPlan plan;
+    plan.mode = json::ScanMode::kFast;
+    plan.scanType = json::toScanType(plan.mode, false);
+    plan.parallelism = 1;
+    plan.networkFileSystems = false;
+    return withOwnMounts([&] { return std::all_of(std::begin(kFolders), std::end(kFolders), bound); },
+                         [&] { scan(plan); });
   }
-  ScanPlan programsOf(json::ScanMode mode) {
-    const auto own = fileSystem;
-    const ScanPlan plan = ScanTaskTest::programsOf(mode);
-    fileSystem = own;
-    return plan;
-  }
+  static constexpr const char* kFolders[] = {"/etc", "/mnt", "/opt", "/var/spool"};
 };
 
 TEST_F(FastScan, WhatSettingsOfTheSystemNameIsScanned) {
-  setting("etc/ld.so.preload", infected("preload.so"));
-  setting("etc/pam.d/su", "session optional pam_exec.so quiet " + infected("pam"));
-  setting("etc/sudoers", "person ALL=(ALL) NOPASSWD:" + infected("sudo"));
-  setting("etc/systemd/system/x.service", "[Service]\nExecStart=/bin/sh -c 'exec " + infected("unit") + "'");
-  setting("etc/systemd/system/y.service.d/z.conf", "[Service]\nExecStartPre=-" + infected("drop-in"));
-  setting("etc/cron.d/job", "PATH=" + dir.at("opt/bin") + "\n* * * * * root job >/dev/null");
-  setting("etc/crontab", "@daily root " + dir.at("opt/link"));
-  ASSERT_EQ(0, symlink(infected("target").c_str(), dir.at("opt/link").c_str()));
-  setting("spool/cron/crontabs/person", "@reboot ~/job");
-  setting("home/job", testsupport::eicar());
-  setting("home/.config/autostart/a.desktop", "[Desktop Entry]\nExec=\"" + infected("a b") + "\" %u");
-  setting("home/.config/systemd/user/u.service", "[Service]\nExecStart=%h/own");
-  setting("home/own", testsupport::eicar());
+  setting("/etc/ld.so.preload", infected("preload.so"));
+  setting("/etc/pam.d/su", "session optional pam_exec.so quiet " + infected("pam"));
+  setting("/etc/sudoers", "person ALL=(ALL) NOPASSWD:" + infected("sudo"));
+  setting("/etc/systemd/system/x.service", "[Service]\nExecStart=/bin/sh -c 'exec " + infected("unit") + "'");
+  setting("/etc/systemd/system/y.service.d/z.conf", "[Service]\nExecStartPre=-" + infected("drop-in"));
+  setting("/etc/cron.d/job", "PATH=/opt/bin\n* * * * * root job >/dev/null");
   infected("bin/job");
-  infected("not named");
+  setting("/etc/crontab", "@daily root /opt/link");
+  link(infected("target"), dir.at("system/opt/link"));
+  setting("/var/spool/cron/crontabs/person", "@reboot ~/job");
+  setting("/mnt/job", testsupport::eicar());
+  setting("/mnt/.config/autostart/a.desktop", "[Desktop Entry]\nExec=\"" + infected("a b") + "\" %u");
+  setting("/mnt/.config/systemd/user/u.service", "[Service]\nExecStart=%h/own");
+  setting("/mnt/own", testsupport::eicar());
+  infected("not-named");
+  infected("of-nobody");
   if (!scanned()) {
     GTEST_SKIP() << "this process may not make a mount namespace";
   }
-  std::vector<std::string> expected{dir.at("home/job"), dir.at("home/own")};
-  for (const char* name :
-       {"shell", "preload.so", "pam", "sudo", "unit", "drop-in", "bin/job", "link", "a b"}) {
-    expected.push_back(dir.at(std::string("opt/") + name));
-  }
-  EXPECT_THAT(owner->risks(), UnorderedElementsAreArray(expected));
+  EXPECT_THAT(owner->risks(), UnorderedElementsAre("/opt/shell", "/opt/preload.so", "/opt/pam", "/opt/sudo",
+                                                   "/opt/unit", "/opt/drop-in", "/opt/bin/job", "/opt/link",
+                                                   "/opt/a b", "/mnt/job", "/mnt/own"));
 }
 
 TEST_F(FastScan, BelowAHomeFolderRootFollowsLinksOnlyAsItsUserCould) {
-  const std::string secret = infected("secret");
-  ASSERT_EQ(0, chmod(secret.c_str(), 0600));
-  setting("home/dotfiles/profile", testsupport::eicar());
-  const std::pair<const char*, std::string> links[] = {{".profile", "dotfiles/profile"},
-                                                       {".bashrc", "../opt/secret"},
-                                                       {".zshrc", dir.at("opt/shell")},
-                                                       {"bin", "../opt"},
-                                                       {"named", "../opt/secret"}};
-  for (const auto& [name, target] : links) {
-    ASSERT_EQ(0, symlink(target.c_str(), dir.at(std::string("home/") + name).c_str()));
-  }
-  setting("home/.config/autostart/a.desktop",
-          "[Desktop Entry]\nExec=" + secret + " " + dir.at("home/named") + "\n");
-  setting("etc/crontab", "@daily root " + dir.at("home/named"));
+  infected("secret");
+  ASSERT_EQ(0, chmod(dir.at("system/opt/secret").c_str(), 0600));
+  setting("/mnt/dotfiles/profile", testsupport::eicar());
+  const std::string home = dir.at("system/mnt");
+  link("dotfiles/profile", home + "/.profile");
+  link("../opt/secret", home + "/.bashrc");
+  link("/opt/shell", home + "/.zshrc");
+  link("../opt", home + "/bin");
+  link("../opt/secret", home + "/named");
+  setting("/mnt/.config/autostart/a.desktop", "[Desktop Entry]\nExec=/opt/secret /mnt/named\n");
+  setting("/etc/crontab", "@daily root /mnt/named");
   if (!scanned()) {
     GTEST_SKIP() << "this process may not make a mount namespace";
   }
-  EXPECT_THAT(owner->risks(), UnorderedElementsAreArray({dir.at("opt/shell"), dir.at("home/.profile")}));
+  EXPECT_THAT(owner->risks(), UnorderedElementsAre("/opt/shell", "/mnt/.profile"));
+  EXPECT_EQ(1, owner->counted("failed_item_count"));  // /opt/secret, which the user's entry names
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ struct NamedRow {
 class NamedPrograms : public ::testing::TestWithParam<NamedRow> {};
 
 TEST_P(NamedPrograms, AreFound) {
-  EXPECT_THAT(programsNamedIn(GetParam().kind, GetParam().text, "/home/p"),
+  EXPECT_THAT(programsNamedIn(GetParam().kind, GetParam().text, "/home/p").paths,
               IsSupersetOf(GetParam().programs));
 }
 
@@ -65,25 +65,36 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(NamedProgramsOf, ACommentAndAnotherLineOfAUnitAreNone) {
   const auto named =
       programsNamedIn(SettingKind::kUnit, "#ExecStart=/a\n;ExecStart=/b\nConditionPathExists=/c\n/d", "");
-  EXPECT_TRUE(named.empty());
-  EXPECT_TRUE(programsNamedIn(SettingKind::kLines, "# /a\n  # /b", "").empty());
+  EXPECT_TRUE(named.paths.empty());
+  EXPECT_TRUE(programsNamedIn(SettingKind::kLines, "# /a\n  # /b", "").paths.empty());
 }
 
 TEST(NamedProgramsOf, WithoutAHomeFolderWhatBeginsThereIsLeftOut) {
-  EXPECT_TRUE(programsNamedIn(SettingKind::kLines, "~/a $HOME/b d/e", "").empty());
+  EXPECT_TRUE(programsNamedIn(SettingKind::kLines, "~/a $HOME/b d/e", "").paths.empty());
 }
 
 TEST(NamedProgramsOf, EachIsNamedOnce) {
   EXPECT_EQ(std::vector<std::string>{"/a"},
-            programsNamedIn(SettingKind::kLines, "/a '/a' \"/a\" -/a\n/a", ""));
+            programsNamedIn(SettingKind::kLines, "/a '/a' \"/a\" -/a\n/a", "").paths);
 }
 
 TEST(NamedProgramsOf, TextThatEndsAnywhereIsRead) {
   for (const char* text : {"", "\n", "\\", "'", "/a '", "PATH=", "Exec=", "Exec", "=", "-", "~/", "\"\""}) {
     for (const SettingKind kind : {SettingKind::kLines, SettingKind::kUnit}) {
-      EXPECT_THAT(programsNamedIn(kind, text, "/home/p"), Not(Contains("")));
+      EXPECT_THAT(programsNamedIn(kind, text, "/home/p").paths, Not(Contains("")));
     }
   }
+}
+
+TEST(NamedProgramsOf, ATextThatNamesVeryManyIsSaidToNameMore) {
+  std::string text;
+  for (int i = 0; i < 70'000; ++i) {
+    text += "/" + std::to_string(i) + "\n";
+  }
+  const NamedPaths named = programsNamedIn(SettingKind::kLines, text, "");
+  EXPECT_EQ(65536U, named.paths.size());
+  EXPECT_TRUE(named.more);
+  EXPECT_FALSE(programsNamedIn(SettingKind::kLines, text.substr(0, 1000), "").more);
 }
 
 }  // namespace
