@@ -6,7 +6,7 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t kMostFiles = 1u << 20;  // about 200 bytes each; names of further files are all scanned
+constexpr std::size_t kMostFiles = 1u << 18;  // 50 MB; of further files, each name is scanned
 constexpr std::size_t kMostWaiting = 64;
 
 }  // namespace

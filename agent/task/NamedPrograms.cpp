@@ -12,6 +12,7 @@ namespace agent {
 namespace {
 
 constexpr std::size_t kMostPaths = 1u << 16;
+constexpr std::size_t kMostFolders = 64;
 constexpr std::string_view kBlanks = " \t\r";
 constexpr std::string_view kQuotes = "\"'`";
 constexpr std::string_view kSeparators = " \t\r\"'`;&|()<>,=:{}";
@@ -32,6 +33,10 @@ class PathReader {
   void setSearchPath(std::string_view folders) {
     folders_.clear();
     for (const std::string_view folder : CStr::split(folders, ':')) {
+      if (folders_.size() == kMostFolders) {
+        named_.more = true;
+        return;
+      }
       if (folder.starts_with('/')) {
         folders_.emplace_back(folder);
       }
@@ -71,6 +76,10 @@ class PathReader {
 
   void add(std::string_view name) {
     name.remove_prefix(std::min(name.find_first_not_of(kPrefixes), name.size()));
+    if (seen_.size() >= kMostPaths) {
+      named_.more = true;
+      return;
+    }
     if (name.starts_with('/')) {
       keep(std::string(name));
       return;
@@ -95,9 +104,7 @@ class PathReader {
   }
 
   void keep(const std::string& path) {
-    if (seen_.size() >= kMostPaths) {
-      named_.more = true;
-    } else if (seen_.insert(path).second) {
+    if (seen_.insert(path).second) {
       named_.paths.push_back(path);
     }
   }
