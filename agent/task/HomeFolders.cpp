@@ -28,13 +28,19 @@ bool exists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
-/// Without access to the content. Links are followed below the folder, and never those of /proc.
-platform::Descriptor lookUp(int folder, const std::string& below) {
+/// Links are followed below the folder, and never those of /proc.
+platform::Descriptor openBeneath(int folder, const std::string& below, int flags) {
   open_how how{};
-  how.flags = O_PATH | O_CLOEXEC;
+  how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
   return platform::Descriptor(
       static_cast<int>(syscall(SYS_openat2, folder, below.c_str(), &how, sizeof how)));
+}
+
+/// Keeps the access time if this process may do so.
+platform::Descriptor openToRead(int folder, const std::string& below) {
+  platform::Descriptor fd = openBeneath(folder, below, platform::readingFlags() | O_NOATIME);
+  return !fd && errno == EPERM ? openBeneath(folder, below, platform::readingFlags()) : std::move(fd);
 }
 
 std::vector<gid_t> groupsOf(const HomeFolder& home) {
@@ -53,7 +59,8 @@ Opened openBelow(const HomeFolder& home, const std::string& below, bool keepRigh
   EncounteredFile found;
   found.path = home.path + "/" + below;
   const platform::Descriptor folder(::open(home.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  const platform::Descriptor place = folder ? lookUp(folder.get(), below) : platform::Descriptor();
+  const platform::Descriptor place =
+      folder ? openBeneath(folder.get(), below, O_PATH) : platform::Descriptor();
   if (!place) {
     const int error = errno;
     if (error == EXDEV || error == ELOOP) {  // a link that leads out of the folder, or nowhere
@@ -71,10 +78,14 @@ Opened openBelow(const HomeFolder& home, const std::string& below, bool keepRigh
   if (!S_ISREG(found.status.st_mode) && !S_ISDIR(found.status.st_mode)) {
     return std::optional(std::move(found));
   }
-  found.fd = platform::openAgain(place.get());
+  const struct stat seen = found.status;
+  found.fd = openToRead(folder.get(), below);
   found.statusNs = platform::nowNs();
   if (!found.fd || fstat(found.fd.get(), &found.status) != 0) {
     return platform::failure(platform::errnoText(errno));
+  }
+  if (found.status.st_dev != seen.st_dev || found.status.st_ino != seen.st_ino) {
+    return platform::failure("was exchanged while it was opened");
   }
   found.resolved = pathOf(found.fd.get());
   return std::optional(std::move(found));

@@ -15,7 +15,7 @@ constexpr std::size_t kMostPaths = 1u << 16;
 constexpr std::size_t kMostFolders = 64;
 constexpr std::string_view kBlanks = " \t\r";
 constexpr std::string_view kQuotes = "\"'`";
-constexpr std::string_view kSeparators = " \t\r\"'`;&|()<>,=:{}";
+constexpr std::string_view kSeparators = " \t\r\"'`;&|()<>,=:";
 constexpr std::string_view kPrefixes = "-@:!+|";  // of a command in a unit
 constexpr std::string_view kHomes[] = {"~/", "$HOME/", "${HOME}/", "%h/"};
 
