@@ -12,6 +12,7 @@
 #include "json/CppJson.h"
 #include "json/Values.h"
 #include "lunet/Lunet.h"
+#include "support/ArchiveMaker.h"
 #include "support/Json.h"
 #include "support/Samples.h"
 #include "support/Wait.h"
@@ -80,9 +81,15 @@ std::string AgentTree::busyFolder() const {
   if (std::filesystem::exists(folder)) {
     return folder;
   }
-  const std::string first = write("busy/0", noise(8 << 20));
-  for (int i = 1; i < 500; ++i) {
-    std::filesystem::create_hard_link(first, folder + "/" + std::to_string(i));
+  constexpr std::size_t kPiece = 512;
+  const std::string pieces = noise(kPiece << 10);
+  std::string content;
+  for (std::size_t at = 0; at < pieces.size(); at += kPiece) {
+    content += pieces.substr(at, kPiece) + std::string(31 * kPiece, 'x');
+  }
+  const std::string packed = makeGzip(content);
+  for (int i = 0; i < 200; ++i) {
+    write("busy/" + std::to_string(i), packed);
   }
   return folder;
 }

@@ -33,7 +33,8 @@ class AgentTree {
   std::string at(const std::string& name) const { return tree_.at(name); }
   /// Writes a file below "data/". Returns the path.
   std::string write(const std::string& name, const std::string& content) const;
-  /// A folder whose scan without the cache lasts far longer than a test: one large file under many names.
+  /// A folder whose scan without the cache lasts far longer than a test: many small files with much
+  /// in them.
   std::string busyFolder() const;
   std::string data() const { return dataOnDisk_ ? dataOnDisk_->at("data") : at("data"); }
   /// The folder of the system's signatures for the agent. Only a test makes the folder.
