@@ -15,6 +15,7 @@
 namespace agent {
 namespace {
 
+using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
 constexpr uid_t kUser = 60123;
@@ -53,13 +54,28 @@ class FastScan : public ScanTaskTest {
     const auto bound = [this](const char* folder) {
       return mount((dir.at("system") + folder).c_str(), folder, nullptr, MS_BIND, nullptr) == 0;
     };
+    return withOwnMounts([&] { return std::all_of(std::begin(kFolders), std::end(kFolders), bound); },
+                         [&] { scan(fastScan()); });
+  }
+  /// As scanned(), with the system's own folder as the root and every file system as what it is.
+  bool scannedAsRoot() {
+    EXPECT_TRUE(std::filesystem::create_directory(dir.at("system/proc")));
+    fileSystem = fileSystemOf;
+    const std::string root = dir.at("system");
+    return withOwnMounts(
+        [&] {
+          return mount("/proc", (root + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
+                 chroot(root.c_str()) == 0 && chdir("/") == 0;  // of this thread and those that it starts
+        },
+        [&] { scan(fastScan()); });
+  }
+  static ScanPlan fastScan() {
     ScanPlan plan;
     plan.mode = json::ScanMode::kFast;
     plan.scanType = json::toScanType(plan.mode, false);
     plan.parallelism = 1;
     plan.networkFileSystems = false;
-    return withOwnMounts([&] { return std::all_of(std::begin(kFolders), std::end(kFolders), bound); },
-                         [&] { scan(plan); });
+    return plan;
   }
   static constexpr const char* kFolders[] = {"/etc", "/mnt", "/opt", "/var/spool"};
 };
@@ -106,6 +122,34 @@ TEST_F(FastScan, BelowAHomeFolderRootFollowsLinksOnlyAsItsUserCould) {
   }
   EXPECT_THAT(owner->risks(), UnorderedElementsAre("/opt/shell", "/mnt/.profile"));
   EXPECT_EQ(1, owner->counted("failed_item_count"));  // /opt/secret, which the user's entry names
+}
+
+TEST_F(FastScan, SetuidFilesAreFoundWhereverTheyLie) {
+  infected("deep/below/uid");
+  infected("deep/below/plain");
+  ASSERT_EQ(0, chmod(dir.at("system/opt/deep/below/uid").c_str(), 04755));
+  if (!scannedAsRoot()) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_THAT(owner->risks(), UnorderedElementsAre("/opt/shell", "/opt/deep/below/uid"));
+  EXPECT_EQ(0, owner->counted("failed_item_count")) << owner->detail();
+}
+
+TEST_F(FastScan, WhereAUserCannotLookForSetuidFilesIsNoError) {
+  infected("closed/uid");
+  infected("open/uid");
+  for (const char* folder : {"closed", "open"}) {
+    const std::string path = dir.at(std::string("system/opt/") + folder);
+    ASSERT_EQ(0, chmod((path + "/uid").c_str(), 04755));
+    ASSERT_EQ(0, chmod(path.c_str(), folder == std::string("open") ? 0755 : 0700));
+  }
+  caller = CallerId{kUser, kGroup, {}, getpid()};
+  if (!scannedAsRoot()) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_THAT(owner->risks(), UnorderedElementsAre("/opt/shell", "/opt/open/uid"));
+  EXPECT_EQ(0, owner->counted("failed_item_count")) << owner->detail();
+  EXPECT_THAT(owner->detail(), HasSubstr("1 not searched for setuid files: Permission denied"));
 }
 
 }  // namespace
