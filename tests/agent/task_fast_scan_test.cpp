@@ -124,6 +124,17 @@ TEST_F(FastScan, BelowAHomeFolderRootFollowsLinksOnlyAsItsUserCould) {
   EXPECT_EQ(1, owner->counted("failed_item_count"));  // /opt/secret, which the user's entry names
 }
 
+TEST_F(FastScan, AUsersSettingsTakeNoProgramFromThoseOfTheSystem) {
+  infected("secret");
+  ASSERT_EQ(0, chmod(dir.at("system/opt/secret").c_str(), 0600));
+  setting("/var/spool/cron/crontabs/person", "@reboot /opt/secret");  // is read first
+  setting("/etc/xdg/autostart/a.desktop", "[Desktop Entry]\nExec=/opt/secret");
+  if (!scanned()) {
+    GTEST_SKIP() << "this process may not make a mount namespace";
+  }
+  EXPECT_THAT(owner->risks(), UnorderedElementsAre("/opt/shell", "/opt/secret"));
+}
+
 TEST_F(FastScan, SetuidFilesAreFoundWhereverTheyLie) {
   infected("deep/below/uid");
   infected("deep/below/plain");

@@ -247,6 +247,13 @@ TEST_F(ProgramWalkTest, MemoryThatProcessesShareIsNoFile) {
   EXPECT_THAT(sink.everyPath(), Not(Contains("/memfd:tavtest (deleted)")));
 }
 
+TEST_F(ProgramWalkTest, AMappedDeviceIsNotOpened) {
+  const Mapping device(open("/dev/zero", O_RDONLY | O_CLOEXEC), PROT_READ);
+  walkPrograms({thisProcess()}, std::nullopt, 1.0, sink);
+  EXPECT_THAT(testsupport::readFile("/proc/self/maps"), HasSubstr("/dev/zero"));
+  EXPECT_THAT(sink.everyPath(), Not(Contains("/dev/zero")));
+}
+
 TEST_F(ProgramWalkTest, AUserEncountersMappedFilesByTheirPathsAndWithOwnRights) {
   const std::string open = dir.write("open", "x"), closed = dir.write("closed", "x"),
                     gone = dir.write("gone", "x"), changed = dir.write("changed", "x");
