@@ -1,5 +1,6 @@
 // Scans a folder tree with one worker process and with two (or with the counts given) and prints files a
-// second. usage: engine_bench FOLDER [--signatures FOLDER] [--system FOLDER] [--errors] [COUNT...]
+// second. usage: engine_bench FOLDER [--signatures FOLDER] [--system FOLDER] [--program FILE]
+// [--errors] [COUNT...]. --program: the worker template, confined, as the agent runs it.
 
 #include <fcntl.h>
 
@@ -36,6 +37,9 @@ bool read(int argc, char** argv, Arguments& arguments) {
       arguments.spawner.shippedSignatures = argv[++i];
     } else if (word == "--system" && i + 1 < argc) {
       arguments.spawner.systemSignatures = argv[++i];
+    } else if (word == "--program" && i + 1 < argc) {
+      arguments.spawner.program = argv[++i];
+      arguments.spawner.user = {60706, 60706};
     } else if (word == "--errors") {
       arguments.showErrors = true;
     } else if (word.find_first_not_of("0123456789") == std::string::npos) {
@@ -96,8 +100,10 @@ void scanAll(const Arguments& arguments, agent::Spawner& spawner, const std::vec
 int main(int argc, char** argv) {
   Arguments arguments;
   if (!read(argc, argv, arguments)) {
-    std::fprintf(stderr, "usage: %s FOLDER [--signatures FOLDER] [--system FOLDER] [--errors] [COUNT...]\n",
-                 argv[0]);
+    std::fprintf(
+        stderr,
+        "usage: %s FOLDER [--signatures FOLDER] [--system FOLDER] [--program FILE] [--errors] [COUNT...]\n",
+        argv[0]);
     return 2;
   }
   try {
@@ -106,6 +112,9 @@ int main(int argc, char** argv) {
     const auto state = spawner.waitLoaded(std::chrono::minutes(5));
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     std::printf("%s, loaded in %.2f s\n", state.detail.c_str(), took.count());
+    if (!arguments.spawner.program.empty()) {
+      std::printf("confinement: %s\n", agent::describe(spawner.confinement()).c_str());
+    }
     const auto files = filesBelow(arguments.folder);
     for (const unsigned count : arguments.counts) {
       scanAll(arguments, spawner, files, count);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
@@ -17,11 +18,14 @@
 #include "platform/CGlobalTag.h"
 #include "platform/CLogDebug.h"
 #include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 #include "service/AgentService.h"
 #include "service/BusLink.h"
 #include "service/Callers.h"
+#include "service/ScannerSettings.h"
 #include "service/SignatureKeeper.h"
+#include "service/Status.h"
 #include "task/AgentLog.h"
 #include "worker/WorkerPool.h"
 
@@ -92,6 +96,10 @@ std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const O
   config.systemSignatures = options.systemSignatures;
   config.tempFolder = tree.state() + "/tmp";  // closed to others, and no scan enters it
   CDir::make(config.tempFolder, 0700);
+  config.program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "tavscand";
+  if (const auto read = readScannerSettings(tree, config); !read) {
+    throw StartFailure(kExitFailed, read.error());
+  }
   return std::make_unique<Spawner>(std::move(config));
 }
 
@@ -140,6 +148,7 @@ class Agent {
       CGlobalTag probe(lunet::kAgentGuid, {tree.state()});
       takeLock(probe, tree);
     }
+    std::remove(confinementFile(tree).c_str());  // of an earlier agent
     spawner_ = startSpawner(tree, options);
     takeLock(lock_, tree);
     lock_.setAttribute("pid", std::to_string(getpid()));
@@ -239,7 +248,29 @@ class Agent {
       AGENT_LOG(whole ? LogLevel::kInfo : LogLevel::kError, "signatures: %s", state.detail.c_str());
       loggedSignatures_ = state.detail;
     }
+    logConfinement();
     return !state.loading;
+  }
+
+  /// Logs each change of the confinement, and keeps it for --status.
+  void logConfinement() {
+    if (const std::string breach = spawner_->takeBreach(); !breach.empty()) {
+      AGENT_LOG(LogLevel::kError, "a worker template was ended: %s", breach.c_str());
+    }
+    const ConfinementState state = spawner_->confinement();
+    const std::string text = describe(state);
+    if (!state.known || text == loggedConfinement_) {
+      return;
+    }
+    AGENT_LOG(state.essentialMissing  ? LogLevel::kError
+              : state.missing.empty() ? LogLevel::kInfo
+                                      : LogLevel::kWarning,
+              "confinement of the scanning processes: %s", text.c_str());
+    if (const int error = CFile::replaceAtomically(confinementFile(tree_), text, 0600); error != 0) {
+      AGENT_LOG(LogLevel::kError, "--status cannot tell the confinement: %s",
+                platform::errnoText(error).c_str());
+    }
+    loggedConfinement_ = text;
   }
 
   /// On a thread of its own: the main thread waits for signals.
@@ -254,6 +285,7 @@ class Agent {
 
   const platform::InstallTree& tree_;
   std::string loggedSignatures_;
+  std::string loggedConfinement_;
   std::unique_ptr<Spawner> spawner_;
   SignatureKeeper signatures_;  // made before the spawner loads; its loads use the spawner
   CGlobalTag lock_;

@@ -1,5 +1,6 @@
 #include "service/Status.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,8 @@
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
 #include "lunet/ErrorText.h"
 #include "lunet/ListenerAt.h"
+#include "platform/Files.h"
+#include "platform/Posix.h"
 #include "platform/Text.h"
 #include "service/BusLink.h"
 #include "service/Options.h"
@@ -56,7 +59,19 @@ bool sameProgram(const std::string& one, const std::string& other) {
   return first && second && std::equal(Bytes(first), Bytes(), Bytes(second), Bytes());
 }
 
+std::string confinementOf(const platform::InstallTree& tree) {
+  const auto text = CFile::readAll(confinementFile(tree));
+  if (!text) {
+    return text.error() == ENOENT ? "not known yet" : "not known: " + platform::errnoText(text.error());
+  }
+  return platform::visibleText(*text);
+}
+
 }  // namespace
+
+std::string confinementFile(const platform::InstallTree& tree) {
+  return tree.state() + "/confinement";
+}
 
 int printStatus(const platform::InstallTree& tree) {
   const auto settings = readBusSettings(tree, "tavagentd-status");
@@ -82,9 +97,10 @@ int printStatus(const platform::InstallTree& tree) {
   }
   const std::string program = "/proc/" + std::to_string(*pid) + "/exe";
   std::error_code error;
-  std::printf("pid=%d\nprogram=%s\nbuild=%s\ntasks=%u\n", *pid,
+  std::printf("pid=%d\nprogram=%s\nbuild=%s\ntasks=%u\nconfinement=%s\n", *pid,
               platform::visibleText(std::filesystem::read_symlink(program, error).string()).c_str(),
-              sameProgram(program, "/proc/self/exe") ? "same" : "other", tasks.size());
+              sameProgram(program, "/proc/self/exe") ? "same" : "other", tasks.size(),
+              confinementOf(tree).c_str());
   return kExitOk;
 }
 

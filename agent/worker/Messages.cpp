@@ -131,12 +131,16 @@ std::optional<M> decode(std::string_view packet) {
 }
 
 template std::string encode(const ForkRequest&);
+template std::string encode(const TemplateStart&);
 template std::string encode(const StateReport&);
+template std::string encode(const CallBreach&);
 template std::string encode(const WorkerHello&);
 template std::string encode(const ScanRequest&);
 template std::string encode(const ScanAnswer&);
 template std::optional<ForkRequest> decode(std::string_view);
+template std::optional<TemplateStart> decode(std::string_view);
 template std::optional<StateReport> decode(std::string_view);
+template std::optional<CallBreach> decode(std::string_view);
 template std::optional<WorkerHello> decode(std::string_view);
 template std::optional<ScanRequest> decode(std::string_view);
 template std::optional<ScanAnswer> decode(std::string_view);

@@ -5,8 +5,10 @@
 #include <string>
 #include <string_view>
 
+#include "engine/EngineLimits.h"
 #include "engine/ScanTypes.h"
 #include "engine/SignatureState.h"
+#include "worker/Confinement.h"
 
 namespace agent {
 
@@ -15,9 +17,25 @@ namespace agent {
 
 /// Agent to spawner: fork a worker template. Agent to template: fork a worker. With one end of a Channel.
 struct ForkRequest {};
+/// Agent to a template that is a program of its own, the first message.
+struct TemplateStart {
+  std::string shippedSignatures, systemSignatures;
+  EngineLimits limits;
+  std::string tempFolder;  ///< of the agent
+  ScannerUser user;
+  std::uint64_t tempBytes = 0;
+  std::uint64_t memoryBytes = 0;
+  std::uint64_t processorSeconds = 0;
+  Unconfined unconfined = Unconfined::kNever;
+};
 /// Template to agent, after loading.
 struct StateReport {
   SignatureState state;
+  ConfinementState confinement;
+};
+/// Template or worker to agent, the last message: the process made a call that its filter refuses.
+struct CallBreach {
+  std::int32_t call = 0;
 };
 /// Worker to agent, the first message; with a pidfd of the worker.
 struct WorkerHello {
@@ -44,11 +62,28 @@ struct MessageFields<ForkRequest> {
   static void visit(auto&, auto&) {}
 };
 template <>
+struct MessageFields<TemplateStart> {
+  static constexpr char kTag = 'T';
+  static void visit(auto& v, auto& m) {
+    auto& l = m.limits;
+    v(m.shippedSignatures), v(m.systemSignatures), v(m.tempFolder);
+    v(l.maxFileBytes), v(l.maxScanBytes), v(l.maxFiles), v(l.maxRecursion), v(l.maxScanMs),
+        v(l.quickTempBytes);
+    v(m.user.uid), v(m.user.gid), v(m.tempBytes), v(m.memoryBytes), v(m.processorSeconds), v(m.unconfined);
+  }
+};
+template <>
 struct MessageFields<StateReport> {
   static constexpr char kTag = 'S';
   static void visit(auto& v, auto& m) {
     v(m.state.loaded), v(m.state.system), v(m.state.version), v(m.state.detail), v(m.state.count);
+    v(m.confinement.known), v(m.confinement.missing), v(m.confinement.essentialMissing);
   }
+};
+template <>
+struct MessageFields<CallBreach> {
+  static constexpr char kTag = 'B';
+  static void visit(auto& v, auto& m) { v(m.call); }
 };
 template <>
 struct MessageFields<WorkerHello> {

@@ -1,9 +1,12 @@
 #include "worker/PoolWorker.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <csignal>
 
 #include "platform/Posix.h"
+#include "worker/CallFilter.h"
 #include "worker/Pidfd.h"
 
 namespace agent {
@@ -11,6 +14,12 @@ namespace {
 
 constexpr std::size_t kMostInFlight = 4;
 constexpr std::uint64_t kMostBytesInFlight = 2U << 20;
+
+// Through any other descriptor a worker could change the file.
+bool isForReading(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && (flags & O_ACCMODE) == O_RDONLY;
+}
 
 }  // namespace
 
@@ -22,6 +31,9 @@ tl::expected<void, NotSent> PoolWorker::begin(PoolTask& task) {
   const std::string packet = encode(ScanRequest{task.id, task.name, task.options});
   if (!task.fd || packet.size() > kLongestPacket) {
     return tl::unexpected(NotSent{false, platform::errnoText(task.fd ? EMSGSIZE : EBADF)});
+  }
+  if (!isForReading(task.fd.get())) {
+    return tl::unexpected(NotSent{false, "it is open for writing"});
   }
   if (auto sent = channel_.send(packet, task.fd.get()); !sent) {
     return sent;
@@ -50,6 +62,9 @@ PoolWorker::Received PoolWorker::receive(Answered& answered) {
     since_ = Clock::now();  // files sent before the hello begin only now
     return Received::kHello;
   }
+  if ((breach_ = decode<CallBreach>(packet.bytes))) {
+    return Received::kEnded;
+  }
   auto answer = decode<ScanAnswer>(packet.bytes);
   if (!answer || tasks_.empty() || answer->id != tasks_.front().id) {
     return Received::kEnded;  // the worker broke the protocol: do not trust it with another file
@@ -60,6 +75,11 @@ PoolWorker::Received PoolWorker::receive(Answered& answered) {
   bytes_ -= answered.task.bytes;
   since_ = Clock::now();
   return Received::kAnswer;
+}
+
+std::string PoolWorker::endReason() const {
+  return breach_ ? "the process that scanned the file was ended: " + breachText(*breach_)
+                 : "the process that scanned the file died";
 }
 
 std::deque<PoolTask> PoolWorker::takeTasks() {

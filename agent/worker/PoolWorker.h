@@ -50,6 +50,8 @@ class PoolWorker {
   enum class Received { kAnswer, kHello, kNothing, kEnded };
   /// Receives one message, without waiting. kEnded: the worker is gone or broke the protocol.
   Received receive(Answered& answered);
+  /// The reason of an error for the file of a worker that ended.
+  std::string endReason() const;
   /// All unanswered tasks, the current one first.
   std::deque<PoolTask> takeTasks();
   /// The time at which the current file will have taken `limit`; nothing while idle.
@@ -64,6 +66,7 @@ class PoolWorker {
   std::deque<PoolTask> tasks_;
   std::uint64_t bytes_ = 0;    // of all tasks
   Clock::time_point since_{};  // start of the current file
+  std::optional<CallBreach> breach_;
 };
 
 }  // namespace agent

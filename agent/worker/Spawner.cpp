@@ -10,9 +10,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/Posix.h"
-#include "worker/Messages.h"
+#include "worker/CallFilter.h"
 #include "worker/SpawnerProcess.h"
 
 namespace agent {
@@ -25,6 +26,10 @@ void waitForReport(const TemplateLink& link, std::chrono::milliseconds limit) {
   std::array<pollfd, 2> waiting{{{link.channel.fd(), POLLIN, 0}, {link.settled.get(), POLLIN, 0}}};
   poll(waiting.data(), waiting.size(),
        static_cast<int>(std::max<std::chrono::milliseconds::rep>(limit.count(), 0)));
+}
+
+std::string died(const std::optional<CallBreach>& breach) {
+  return "the process that loads the signatures died" + (breach ? ": " + breachText(*breach) : "");
 }
 
 }  // namespace
@@ -67,11 +72,34 @@ platform::Expected<Spawner::Template> Spawner::startTemplate() {
     return platform::failure("no way to reach a template: " + ends.error());
   }
   auto& [ours, theirs] = *ends;
+  if (!config_.program.empty()) {
+    if (!folders_.disk()) {
+      return platform::failure(folders_.disk().error());
+    }
+    if (const auto sent = ours.send(encode(startMessage())); !sent) {
+      return platform::failure("a template cannot be told what to load: " + sent.error().reason);
+    }
+  }
   if (!spawner_.send(encode(ForkRequest{}), theirs.fd())) {
     return platform::failure(
         "the spawner process has ended: nothing can be scanned until the agent is started again");
   }
   return std::make_shared<const TemplateLink>(TemplateLink{std::move(ours), std::move(settled)});
+}
+
+TemplateStart Spawner::startMessage() const {
+  TemplateStart start;
+  start.shippedSignatures = config_.shippedSignatures;
+  start.systemSignatures = config_.systemSignatures;
+  start.limits = config_.limits;
+  start.tempFolder = folders_.disk().value_or("");
+  start.user = config_.user;
+  start.tempBytes = config_.tempBytes;
+  start.memoryBytes = config_.memoryBytes;
+  start.processorSeconds =
+      static_cast<std::uint64_t>(std::chrono::ceil<std::chrono::seconds>(config_.fileTimeout).count()) + 1;
+  start.unconfined = config_.unconfined;
+  return start;
 }
 
 // With the mutex held, or in the constructor.
@@ -100,8 +128,14 @@ void Spawner::readReports() {
         received == Channel::Received::kPacket ? decode<StateReport>(packet.bytes) : std::nullopt;
     if (report) {
       state_ = report->state;
+      confinement_ = report->confinement;
       failures_ = 0;
       continue;
+    }
+    const auto breach =
+        received == Channel::Received::kPacket ? decode<CallBreach>(packet.bytes) : std::nullopt;
+    if (breach) {
+      breach_ = breachText(*breach);
     }
     const bool whileLoading = state_.loading;
     template_.reset();
@@ -110,7 +144,8 @@ void Spawner::readReports() {
     }
     if (whileLoading && ++failures_ >= kMostFailures) {
       state_ = SignatureState{};
-      state_.detail = "the process that loads the signatures died " + std::to_string(failures_) + " times";
+      state_.detail = "the process that loads the signatures died " + std::to_string(failures_) + " times" +
+                      (breach ? ": " + breachText(*breach) : "");
       return;
     }
     restartTemplate();
@@ -121,6 +156,18 @@ SignatureState Spawner::signatureState() {
   const std::lock_guard lock(mutex_);
   readReports();
   return state_;
+}
+
+ConfinementState Spawner::confinement() {
+  const std::lock_guard lock(mutex_);
+  readReports();
+  return confinement_;
+}
+
+std::string Spawner::takeBreach() {
+  const std::lock_guard lock(mutex_);
+  readReports();
+  return std::exchange(breach_, {});
 }
 
 SignatureState Spawner::waitLoaded(std::chrono::milliseconds limit) {
@@ -140,13 +187,15 @@ SignatureState Spawner::waitLoaded(std::chrono::milliseconds limit) {
   }
 }
 
-std::optional<SignatureState> Spawner::awaitReport(const Template& fresh) {
+platform::Expected<StateReport> Spawner::awaitReport(const Template& fresh) {
   Channel::Packet packet;
   if (fresh->channel.receive(packet, true) != Channel::Received::kPacket) {
-    return std::nullopt;
+    return platform::failure(died(std::nullopt));
   }
-  const auto report = decode<StateReport>(packet.bytes);
-  return report ? std::optional(report->state) : std::nullopt;
+  if (const auto report = decode<StateReport>(packet.bytes)) {
+    return *report;
+  }
+  return platform::failure(died(decode<CallBreach>(packet.bytes)));
 }
 
 platform::Expected<void> Spawner::reload() {
@@ -157,22 +206,22 @@ platform::Expected<void> Spawner::reload() {
     fresh = abandoned_ ? platform::failure("the agent is ending") : startTemplate();
     reloading_ = fresh.value_or(nullptr);
   }
-  const auto report = fresh ? awaitReport(*fresh) : std::nullopt;
+  const platform::Expected<StateReport> report =
+      fresh ? awaitReport(*fresh) : platform::failure(fresh.error());
   const std::lock_guard lock(mutex_);
   reloading_.reset();
   if (!report) {
-    return platform::failure(abandoned_ ? "the agent is ending"
-                             : fresh    ? "the process that loads the signatures died"
-                                        : fresh.error());
+    return platform::failure(abandoned_ ? "the agent is ending" : report.error());
   }
   // Our own signatures alone are better than none, but worse than ours with the system's.
   const bool lessThanNow =
-      state_.system == SystemDatabase::kInForce && report->system == SystemDatabase::kLeftOut;
-  if (!report->loaded || lessThanNow) {
-    return platform::failure(report->detail);
+      state_.system == SystemDatabase::kInForce && report->state.system == SystemDatabase::kLeftOut;
+  if (!report->state.loaded || lessThanNow) {
+    return platform::failure(report->state.detail);
   }
   template_ = *fresh;
-  state_ = *report;
+  state_ = report->state;
+  confinement_ = report->confinement;
   failures_ = 0;
   ++generation_;
   return {};

@@ -11,6 +11,8 @@
 #include "engine/EngineLimits.h"
 #include "engine/SignatureState.h"
 #include "worker/Channel.h"
+#include "worker/Confinement.h"
+#include "worker/Messages.h"
 #include "worker/TempFolders.h"
 
 namespace agent {
@@ -25,8 +27,9 @@ struct TemplateLink {
 };
 
 /// The agent's end of the scanning processes. The constructor forks the spawner process before the agent's
-/// first thread. The spawner forks a worker template, which loads the signatures once and forks the workers.
-/// A template that dies is forked again. All processes end with the agent, however the agent ends. This class
+/// first thread. The spawner executes a worker template, a program of its own, which confines itself, loads
+/// the signatures once and forks the workers.
+/// A template that dies is replaced. All processes end with the agent, however the agent ends. This class
 /// has no thread: each call first reads the reports that have arrived. Any thread, except construction.
 class Spawner {
  public:
@@ -36,7 +39,14 @@ class Spawner {
     EngineLimits limits{};
     std::string tempFolder{};  ///< where large unpacked content goes; empty: $TMPDIR, else /tmp
     std::chrono::milliseconds fileTimeout{360000};  ///< wall clock; a worker that takes longer is killed
-    /// Runs in the worker before each file, with its name. For tests that make a worker die or hang.
+    /// Of the worker template. Empty: the template is forked from the spawner, and not confined; for tests.
+    std::string program{};
+    ScannerUser user{};                      ///< of template and workers, when the agent is root
+    std::uint64_t tempBytes = 1ULL << 30;    ///< of all unpacked content at one time
+    std::uint64_t memoryBytes = 512U << 20;  ///< of a worker, above the signatures and the file's size
+    Unconfined unconfined = Unconfined::kWithoutNamespaces;
+    /// Runs in the worker before each file, with its name. For tests that make a worker die or hang; without
+    /// effect on a program.
     std::function<void(const std::string&)> beforeFile{};
   };
   /// Call while the process has one thread, the longest-lived one: the end of this thread ends the spawner.
@@ -49,6 +59,10 @@ class Spawner {
   const Config& config() const { return config_; }
   /// The state now, without waiting.
   SignatureState signatureState();
+  /// Of the template that made the last report.
+  ConfinementState confinement();
+  /// The refused call of a template, since the last question; empty: none.
+  std::string takeBreach();
   /// Waits up to the limit for the current load.
   SignatureState waitLoaded(std::chrono::milliseconds limit);
   /// Loads the signatures again in a fresh template, and waits for the load. Busy workers finish their file
@@ -79,7 +93,8 @@ class Spawner {
   platform::Expected<Template> startTemplate();
   void restartTemplate();
   void readReports();
-  static std::optional<SignatureState> awaitReport(const Template& fresh);
+  TemplateStart startMessage() const;
+  static platform::Expected<StateReport> awaitReport(const Template& fresh);
 
   const Config config_;
   TempFolders folders_;
@@ -91,6 +106,8 @@ class Spawner {
   Template reloading_;  // of the current reload
   bool abandoned_ = false;
   SignatureState state_;
+  ConfinementState confinement_;
+  std::string breach_;
   unsigned generation_ = 0;
   int failures_ = 0;  // templates in a row that ended during their load
 };

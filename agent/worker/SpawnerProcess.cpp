@@ -1,135 +1,87 @@
 #include "worker/SpawnerProcess.h"
 
-#include <poll.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/prctl.h>
-#include <sys/signalfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <map>
-#include <memory>
 #include <set>
+#include <string>
 
+#include "platform/Posix.h"
 #include "worker/Messages.h"
 #include "worker/TempFolders.h"
+#include "worker/TemplateProcess.h"
 #include "worker/WorkerProcess.h"
 
 namespace agent {
 namespace {
 
-// The worker template: holds the signatures. A worker shares the memory of the template until the worker
-// writes to this memory.
-class Template {
- public:
-  Template(const Spawner::Config& config, const TempFolders& folders, Channel agent)
-      : config_(config), folders_(folders), agent_(std::move(agent)) {}
+platform::Expected<WorkerFolders> parentsOf(const TempFolders& folders) {
+  return folders.disk().map([&](const std::string& disk) { return WorkerFolders{folders.quick(), disk}; });
+}
 
-  [[noreturn]] void run() {
-    if (!load()) {
-      _exit(0);
-    }
-    sigset_t childEnds;
-    sigemptyset(&childEnds);
-    sigaddset(&childEnds, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &childEnds, nullptr);
-    childEnds_ = platform::Descriptor(signalfd(-1, &childEnds, SFD_CLOEXEC | SFD_NONBLOCK));
-    while (agent_ || !workers_.empty()) {
-      waitAndServe();
-    }
-    _exit(0);
+// Whether /proc let this process be the root of a user namespace that stands for the agent's user.
+bool becomeRootOfNamespace(uid_t user, gid_t group) {
+  const auto put = [](const char* file, const std::string& text) {
+    const platform::Descriptor opened(open(file, O_WRONLY | O_CLOEXEC));
+    return opened && platform::writeAll(opened.get(), text) == 0;
+  };
+  return put("/proc/self/setgroups", "deny") &&
+         put("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
+         put("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+}
+
+pid_t forkWith(unsigned long namespaces) {
+  return static_cast<pid_t>(syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
+// In the child. An error of the program is told as the state of its signatures.
+[[noreturn]] void executeTemplate(const std::string& program, Channel toAgent) {
+  const platform::Descriptor kept = keepOnly(toAgent.takeFd());
+  fcntl(kept.get(), F_SETFD, 0);
+  std::string name = "tav-template";
+  std::array<char*, 2> arguments{name.data(), nullptr};
+  std::array<char*, 1> noEnvironment{nullptr};
+  execve(program.c_str(), arguments.data(), noEnvironment.data());
+  StateReport report;
+  report.state.detail = program + " cannot be started: " + platform::errnoText(errno);
+  Channel(platform::Descriptor(dup(kept.get()))).send(encode(report));
+  _exit(1);
+}
+
+// The child has its own process namespace, if the kernel lets it: only a fork can begin one.
+pid_t startProgram(const Spawner::Config& config, Channel toAgent) {
+  const pid_t self = getpid();
+  const uid_t user = geteuid();
+  const gid_t group = getegid();
+  const unsigned long users = user == 0 ? 0 : CLONE_NEWUSER;
+  bool alone = true;
+  pid_t pid = forkWith(CLONE_NEWPID | users);
+  if (pid < 0) {
+    alone = false;
+    pid = fork();
   }
-
- private:
-  bool load() {
-    auto engine = folders_.disk().and_then([this](const std::string&) {
-      return Engine::load({config_.shippedSignatures, config_.systemSignatures, config_.limits});
-    });
-    StateReport report;
-    if (engine) {
-      engine_ = std::move(*engine);
-      report.state = engine_->signatures();
-    } else {
-      report.state.detail = engine.error();
-    }
-    return agent_.send(encode(report)) && engine_ != nullptr;
+  if (pid != 0) {
+    return pid;
   }
-
-  void waitAndServe() {
-    std::array<pollfd, 2> waiting{{{childEnds_.get(), POLLIN, 0}, {agent_.fd(), POLLIN, 0}}};
-    if (poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR) {
-      _exit(1);
-    }
-    if ((waiting[0].revents & POLLIN) != 0) {
-      reap();
-    }
-    if (waiting[1].revents != 0) {  // never for a closed channel
-      serve();
-    }
+  if (!becomeChild("tav-template", alone ? 0 : self) ||
+      (alone && users != 0 && !becomeRootOfNamespace(user, group))) {
+    _exit(1);
   }
-
-  void serve() {
-    Channel::Packet packet;
-    switch (agent_.receive(packet, false)) {
-      case Channel::Received::kPacket:
-        if (decode<ForkRequest>(packet.bytes) && packet.fd) {
-          forkWorker(Channel(std::move(packet.fd)));
-        }
-        break;
-      case Channel::Received::kEnded:
-        agent_.close();  // another template took over; the workers finish their files
-        break;
-      case Channel::Received::kNothing:
-        break;
-    }
-  }
-
-  // When no worker can be forked, the agent sees its channel end before a hello.
-  void forkWorker(Channel toAgent) {
-    const auto folders = WorkerFolders::make(folders_, ++number_);
-    if (!folders) {
-      return;
-    }
-    const pid_t self = getpid();
-    const pid_t pid = fork();
-    if (pid == 0) {
-      if (!becomeChild("tav-worker", self)) {
-        _exit(1);
-      }
-      runWorker(*engine_, WorkerStart{std::move(toAgent), *folders, config_.beforeFile});
-    }
-    if (pid < 0) {
-      folders->remove();
-    } else {
-      workers_.emplace(pid, *folders);
-    }
-  }
-
-  void reap() {
-    signalfd_siginfo info{};
-    while (read(childEnds_.get(), &info, sizeof info) == sizeof info) {
-    }
-    for (pid_t pid = 0; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;) {
-      if (const auto worker = workers_.find(pid); worker != workers_.end()) {
-        worker->second.remove();
-        workers_.erase(worker);
-      }
-    }
-  }
-
-  const Spawner::Config& config_;
-  const TempFolders& folders_;
-  Channel agent_;
-  platform::Descriptor childEnds_;
-  std::unique_ptr<Engine> engine_;
-  std::map<pid_t, WorkerFolders> workers_;
-  unsigned number_ = 0;
-};
+  executeTemplate(config.program, std::move(toAgent));
+}
 
 pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Channel& spawnerChannel,
                    Channel toAgent) {
+  if (!config.program.empty()) {
+    return startProgram(config, std::move(toAgent));
+  }
   const pid_t self = getpid();
   const pid_t pid = fork();
   if (pid != 0) {
@@ -139,7 +91,10 @@ pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Ch
   if (!becomeChild("tav-template", self)) {
     _exit(1);
   }
-  Template(config, folders, std::move(toAgent)).run();
+  runTemplate({std::move(toAgent),
+               {config.shippedSignatures, config.systemSignatures, config.limits},
+               parentsOf(folders),
+               config.beforeFile});
 }
 
 }  // namespace

@@ -114,11 +114,15 @@ void TempFolders::remove() {
 }
 
 std::optional<WorkerFolders> WorkerFolders::make(const TempFolders& parents, unsigned number) {
+  return make(WorkerFolders{parents.quick(), parents.disk().value_or("")}, number);
+}
+
+std::optional<WorkerFolders> WorkerFolders::make(const WorkerFolders& parents, unsigned number) {
   const auto makeBelow = [number](const std::string& parent) -> std::string {
     const std::string path = parent + "/" + std::to_string(getpid()) + "-" + std::to_string(number);
     return !parent.empty() && mkdir(path.c_str(), 0700) == 0 ? path : std::string{};
   };
-  const WorkerFolders made{makeBelow(parents.quick()), makeBelow(parents.disk().value_or(""))};
+  const WorkerFolders made{makeBelow(parents.quick), makeBelow(parents.disk)};
   if (made.disk.empty()) {
     made.remove();
     return std::nullopt;

@@ -34,6 +34,7 @@ struct WorkerFolders {
   std::string quick, disk;
   /// Makes them in `parents`, named by this process and the number. Nothing when `disk` cannot be made.
   static std::optional<WorkerFolders> make(const TempFolders& parents, unsigned number);
+  static std::optional<WorkerFolders> make(const WorkerFolders& parents, unsigned number);
   void remove() const;
   /// Removes all folders that the ended process made.
   static void removeOf(const TempFolders& parents, int pid);

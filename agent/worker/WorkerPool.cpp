@@ -301,7 +301,7 @@ class WorkerPool::Impl {
         case PoolWorker::Received::kNothing:
           return;
         case PoolWorker::Received::kEnded:
-          endWorker(worker, "the process that scanned the file died");
+          endWorker(worker, worker.endReason());
           return;
       }
     }

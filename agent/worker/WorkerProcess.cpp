@@ -24,6 +24,11 @@ void preferForMemoryKiller() {
   }
 }
 
+std::uint64_t sizeOf(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
 ScanAnswer answer(Engine& engine, const ScanRequest& request, int fd) {
   try {
     return {request.id, engine.scan(fd, request.name, request.options)};
@@ -65,7 +70,8 @@ void confineWorker(const WorkerStart& start) {
   setrlimit(RLIMIT_CORE, &none);  // a core dump would hold the content of files
   prctl(PR_SET_DUMPABLE, 0);
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-  if (chdir(start.folders.disk.c_str()) != 0) {
+  if (chdir(start.folders.disk.c_str()) != 0 ||
+      (start.confinement != nullptr && !start.confinement->confineWorker())) {
     _exit(1);
   }
 }
@@ -74,7 +80,7 @@ void runWorker(Engine& engine, WorkerStart start) {
   start.agent = Channel(keepOnly(start.agent.takeFd()));
   platform::Descriptor self(pidfd_open(getpid(), 0));
   confineWorker(start);
-  engine.setTempFolders(start.folders.quick, start.folders.disk);
+  engine.setTempFolders(start.folders.quick, ".");
   if (!start.agent.send(encode(WorkerHello{getpid()}), self.get())) {
     _exit(1);
   }
@@ -84,6 +90,9 @@ void runWorker(Engine& engine, WorkerStart start) {
     const auto request = decode<ScanRequest>(packet.bytes);
     if (!request || !packet.fd) {
       _exit(1);
+    }
+    if (start.confinement != nullptr) {
+      start.confinement->limitFile(sizeOf(packet.fd.get()));
     }
     if (start.beforeFile) {
       start.beforeFile(request->name);

@@ -5,6 +5,7 @@
 
 #include "engine/Engine.h"
 #include "worker/Channel.h"
+#include "worker/Confinement.h"
 #include "worker/TempFolders.h"
 
 namespace agent {
@@ -13,15 +14,16 @@ struct WorkerStart {
   Channel agent;          ///< to the agent, the worker's only connection
   WorkerFolders folders;  ///< the only places the worker writes to
   std::function<void(const std::string&)> beforeFile;
+  const Confinement* confinement = nullptr;  ///< of the template; null: the worker is not confined by it
 };
 
 /// The body of a worker process: scans one requested file at a time until the agent's end of the channel
 /// closes. Never returns.
 [[noreturn]] void runWorker(Engine& engine, WorkerStart start);
 
-/// Gives up core dumps and new privileges, and makes the worker's folder its working folder, before the first
-/// file. A sandbox belongs here: afterwards the worker needs only its channel, its folders, memory, and
-/// reading the descriptors it receives.
+/// Gives up core dumps and new privileges, makes the worker's folder its working folder, and takes the
+/// worker's part of the confinement, before the first file. Afterwards the worker needs only its channel, its
+/// folders, memory, and reading the descriptors it receives.
 void confineWorker(const WorkerStart& start);
 
 /// The first call of each child process. Sets the name that ps shows, makes the kernel end the child with its

@@ -37,7 +37,7 @@ AgentTree::AgentTree(Options options) : uid_(options.uid) {
   // Copies, because other users may not be able to enter the folder of the sources.
   fs::copy(std::string(TAV_SOURCE_DIR) + "/packaging/etc/agent/signatures", at("etc/agent/signatures"));
   if (options.uid || !options.group.empty()) {
-    for (const char* program : {"tavagentd", "lunetctl"}) {
+    for (const char* program : {"tavagentd", "tavscand", "lunetctl"}) {
       fs::copy_file(std::string(TAV_BIN_DIR) + "/" + program, at("bin/") + program);
     }
   }

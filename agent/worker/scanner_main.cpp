@@ -1,0 +1,5 @@
+#include "worker/ScannerProgram.h"
+
+int main() {
+  agent::runScannerProgram();
+}
