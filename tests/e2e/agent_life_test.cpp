@@ -121,6 +121,19 @@ TEST(AgentProgram, StatusTellsThePidTheProgramAndTheTasks) {
   EXPECT_THAT(status->out(), HasSubstr("tasks=0\n"));
 }
 
+TEST(AgentProgram, StatusAndLogTellTheConfinementOfTheScanningProcesses) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give the processes a user of their own";
+  }
+  const AgentTree tree;
+  EXPECT_TRUE(testsupport::waitFor([&] {
+    const auto status = tree.run({"--status"});
+    return status->wait() == 0 && status->out().find("confinement=whole\n") != std::string::npos;
+  }));
+  EXPECT_THAT(testsupport::readFile(tree.at("log/tavagentd.log")),
+              HasSubstr("confinement of the scanning processes: whole"));
+}
+
 TEST(AgentProgram, StatusTellsByContentWhetherTheRunningProgramIsTheOneAsked) {
   AgentTree tree;
   const std::string copy = tree.at("bin/copy");
