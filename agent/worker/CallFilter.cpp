@@ -30,8 +30,8 @@ constexpr const char* kOfBoth[] = {
     "read", "readv", "pread64", "preadv", "write", "writev", "pwrite64", "pwritev", "lseek", "_llseek",
     "open", "openat", "close", "stat", "lstat", "fstat", "newfstatat", "statx", "fstat64", "fstatat64",
     "access", "faccessat", "faccessat2", "getdents", "getdents64", "mkdir", "mkdirat", "rmdir", "unlink",
-    "unlinkat", "rename", "renameat", "renameat2", "readlink", "readlinkat", "ftruncate", "ftruncate64",
-    "fadvise64", "getcwd", "dup", "dup2", "dup3", "umask",
+    "unlinkat", "rename", "renameat", "renameat2", "readlink", "readlinkat", "chmod", "fchmodat", "ftruncate",
+    "ftruncate64", "fadvise64", "getcwd", "dup", "dup2", "dup3", "umask",
     // memory
     "brk", "munmap", "mremap", "madvise", "msync",
     // the channel

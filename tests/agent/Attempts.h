@@ -23,6 +23,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 
 namespace agent::testing {
