@@ -12,6 +12,10 @@ constexpr int kFile = 4;  // the received file, behind the streams and the chann
 
 void attempt(const std::string& path) {
   const std::string name = path.substr(path.rfind('/') + 1);
+  struct stat status {};
+  if (fstat(kFile, &status) != 0 || !S_ISREG(status.st_mode)) {
+    _exit(1);
+  }
   for (const auto& row : agent::testing::kAttempts) {
     if (name == row.name && row.succeeds(kFile)) {
       _exit(1);

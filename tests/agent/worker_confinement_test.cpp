@@ -16,7 +16,6 @@ using testing::describe;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::UnorderedElementsAre;
 using testsupport::eicar;
 
 constexpr std::chrono::seconds kLoad(20);
@@ -137,7 +136,8 @@ TEST_F(ConfinedWorkers, TheirRootHoldsNothingButSignaturesAndTheirTemporaryFiles
   }
   EXPECT_THAT(entries(root), ::testing::UnorderedElementsAreArray(expected));
   EXPECT_THAT(entries(root + config().systemSignatures), ElementsAre("x.ndb"));
-  EXPECT_LT(open((root + system).c_str(), O_WRONLY), 0) << "signatures are read-only there, for root as well";
+  EXPECT_LT(::open((root + system).c_str(), O_WRONLY), 0)
+      << "signatures are read-only there, for root as well";
   EXPECT_EQ(errno, EROFS);
 }
 
