@@ -3,6 +3,7 @@
 // [--errors] [COUNT...]. --program: the worker template, confined, as the agent runs it.
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -39,7 +40,9 @@ bool read(int argc, char** argv, Arguments& arguments) {
       arguments.spawner.systemSignatures = argv[++i];
     } else if (word == "--program" && i + 1 < argc) {
       arguments.spawner.program = argv[++i];
-      arguments.spawner.user = {60706, 60706};
+      if (geteuid() == 0) {
+        arguments.spawner.user = {60706, 60706};
+      }
     } else if (word == "--errors") {
       arguments.showErrors = true;
     } else if (word.find_first_not_of("0123456789") == std::string::npos) {

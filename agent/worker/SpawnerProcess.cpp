@@ -32,6 +32,7 @@ bool becomeRootOfNamespace(uid_t user, gid_t group) {
     const platform::Descriptor opened(open(file, O_WRONLY | O_CLOEXEC));
     return opened && platform::writeAll(opened.get(), text) == 0;
   };
+  prctl(PR_SET_DUMPABLE, 1);  // else these files belong to root; the program takes it back
   return put("/proc/self/setgroups", "deny") &&
          put("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
          put("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
@@ -39,6 +40,18 @@ bool becomeRootOfNamespace(uid_t user, gid_t group) {
 
 pid_t forkWith(unsigned long namespaces) {
   return static_cast<pid_t>(syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
+// Some systems let users make such a namespace, and refuse all rights in it.
+bool mayBecomeRootOfNamespace(uid_t user, gid_t group) {
+  const pid_t pid = forkWith(CLONE_NEWUSER);
+  if (pid == 0) {
+    _exit(becomeRootOfNamespace(user, group) ? 0 : 1);
+  }
+  int status = -1;
+  while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // In the child. An error of the program is told as the state of its signatures.
@@ -60,18 +73,17 @@ pid_t startProgram(const Spawner::Config& config, Channel toAgent) {
   const pid_t self = getpid();
   const uid_t user = geteuid();
   const gid_t group = getegid();
-  const unsigned long users = user == 0 ? 0 : CLONE_NEWUSER;
-  bool alone = true;
-  pid_t pid = forkWith(CLONE_NEWPID | users);
-  if (pid < 0) {
-    alone = false;
+  const bool ownUsers = user != 0 && mayBecomeRootOfNamespace(user, group);
+  pid_t pid = user == 0 || ownUsers ? forkWith(CLONE_NEWPID | (ownUsers ? CLONE_NEWUSER : 0UL)) : -1;
+  const bool alone = pid >= 0;
+  if (!alone) {
     pid = fork();
   }
   if (pid != 0) {
     return pid;
   }
   if (!becomeChild("tav-template", alone ? 0 : self) ||
-      (alone && users != 0 && !becomeRootOfNamespace(user, group))) {
+      (alone && ownUsers && !becomeRootOfNamespace(user, group))) {
     _exit(1);
   }
   executeTemplate(config.program, std::move(toAgent));

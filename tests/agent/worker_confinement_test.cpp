@@ -240,6 +240,25 @@ TEST_F(ConfinedWorkers, WithoutNamespacesScanNothingWhereTheSettingSaysSo) {
   EXPECT_THAT(state.detail, HasSubstr("cannot be confined: without pid namespace"));
 }
 
+TEST_F(ConfinedWorkers, OfAnAgentThatIsNotRootLackTheirOwnUserOnly) {
+  config().user = {};
+  ASSERT_EQ(chown(dir().path().c_str(), kUser, kUser), 0);
+  std::thread([this] {
+    ASSERT_EQ(syscall(SYS_setresuid, kUser, kUser, kUser), 0);  // this thread only
+    ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded) << spawner().signatureState().detail;
+    EXPECT_EQ(agent::describe(spawner().confinement()),
+              "without own user: the agent is not root (Operation not permitted)");
+    {
+      WorkerPool pool(spawner(), 1);
+      scan(pool, "file", testsupport::makeZip({{"test.com", eicar()}}));
+      EXPECT_EQ(statusOf(processesNamed("tav-worker").at(0), "CapEff"), "0000000000000000");
+      EXPECT_EQ(statusOf(processesNamed("tav-worker").at(0), "CapBnd"), "0000000000000000");
+    }
+    endSpawner();
+  }).join();
+  EXPECT_EQ(verdict("file").outcome, Outcome::kInfected) << describe(verdict("file"));
+}
+
 TEST_F(ConfinedWorkers, AsRootScanOnlyWhereTheSettingSaysSo) {
   config().user = {~0U, kUser};  // no user: the processes stay root
   EXPECT_THAT(spawner().waitLoaded(kLoad).detail, HasSubstr("cannot be confined: without own user"));
