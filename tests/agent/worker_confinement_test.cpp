@@ -86,6 +86,10 @@ class ConfinedWorkers : public testing::WorkerFixture {
 };
 
 TEST_F(ConfinedWorkers, TemplateAndWorkersHaveNoRights) {
+  const gid_t group = 60123;
+  ASSERT_EQ(syscall(SYS_setgroups, 1, &group), 0);  // of this thread
+  spawner();
+  ASSERT_EQ(syscall(SYS_setgroups, 0, nullptr), 0);
   ASSERT_TRUE(spawner().waitLoaded(kLoad).loaded) << spawner().signatureState().detail;
   EXPECT_EQ(agent::describe(spawner().confinement()), "whole");
   WorkerPool pool(spawner(), 1);
