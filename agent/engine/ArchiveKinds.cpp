@@ -8,34 +8,67 @@ namespace agent {
 namespace {
 
 constexpr ArchiveKind kArchiveKinds[] = {
-    {"CL_TYPE_ZIP", "zip jar war ear apk xpi whl", true, false},
-    {"CL_TYPE_ZIPSFX", "zip exe", true, false},
-    {"CL_TYPE_GZ", "gz tgz taz", false, false},
-    {"CL_TYPE_BZ", "bz2 bz tbz tbz2", false, false},
-    {"CL_TYPE_XZ", "xz txz", false, false},
-    {"CL_TYPE_POSIX_TAR", "tar", false, false},
-    {"CL_TYPE_OLD_TAR", "tar", false, false},
-    {"CL_TYPE_7Z", "7z", false, true},
-    {"CL_TYPE_7ZSFX", "7z exe", false, false},
-    {"CL_TYPE_RAR", "rar", false, true},
-    {"CL_TYPE_RARSFX", "rar exe", false, false},
-    {"CL_TYPE_MSCAB", "cab", false, true},
-    {"CL_TYPE_CABSFX", "cab exe", false, false},
-    {"CL_TYPE_ARJ", "arj", false, true},
-    {"CL_TYPE_ARJSFX", "arj exe", false, false},
-    {"CL_TYPE_LHA_LZH", "lzh lha", false, true},
-    {"CL_TYPE_ALZ", "alz", false, true},
-    {"CL_TYPE_EGG", "egg", false, true},
-    {"CL_TYPE_EGGSFX", "egg exe", false, false},
-    {"CL_TYPE_CPIO_OLD", "cpio", false, false},
-    {"CL_TYPE_CPIO_ODC", "cpio", false, false},
-    {"CL_TYPE_CPIO_NEWC", "cpio", false, false},
-    {"CL_TYPE_CPIO_CRC", "cpio", false, false},
-    {"CL_TYPE_XAR", "xar pkg", false, true},
-    {"CL_TYPE_ISO9660", "iso", false, false},
-    {"CL_TYPE_UDF", "udf iso", false, false},
-    {"CL_TYPE_DMG", "dmg", false, true},
-    {"CL_TYPE_MSSZDD", "szdd", false, false},
+    {"CL_TYPE_ZIP", "zip jar war ear apk xpi whl", true, false, Reader::kZip},
+    {"CL_TYPE_ZIPSFX", "zip exe", true, false, Reader::kZip},
+    {"CL_TYPE_GZ", "gz tgz taz", false, false, Reader::kGzip},
+    {"CL_TYPE_BZ", "bz2 bz tbz tbz2", false, false, Reader::kBzip2},
+    {"CL_TYPE_XZ", "xz txz", false, false, Reader::kXz},
+    {"CL_TYPE_POSIX_TAR", "tar", false, false, Reader::kTar},
+    {"CL_TYPE_OLD_TAR", "tar", false, false, Reader::kTar},
+    {"CL_TYPE_7Z", "7z", false, true, Reader::kSevenZip},
+    {"CL_TYPE_7ZSFX", "7z exe", false, false, Reader::kLibclamav},
+    {"CL_TYPE_RAR", "rar", false, true, Reader::kRar},
+    {"CL_TYPE_RARSFX", "rar exe", false, false, Reader::kLibclamav},
+    {"CL_TYPE_MSCAB", "cab", false, true, Reader::kCab},
+    {"CL_TYPE_CABSFX", "cab exe", false, false, Reader::kLibclamav},
+    {"CL_TYPE_ARJ", "arj", false, true, Reader::kLibclamav},
+    {"CL_TYPE_ARJSFX", "arj exe", false, false, Reader::kLibclamav},
+    {"CL_TYPE_LHA_LZH", "lzh lha", false, true, Reader::kLibclamav},
+    {"CL_TYPE_ALZ", "alz", false, true, Reader::kLibclamav},
+    {"CL_TYPE_EGG", "egg", false, true, Reader::kLibclamav},
+    {"CL_TYPE_EGGSFX", "egg exe", false, false, Reader::kLibclamav},
+    {"CL_TYPE_CPIO_OLD", "cpio", false, false, Reader::kCpio},
+    {"CL_TYPE_CPIO_ODC", "cpio", false, false, Reader::kCpio},
+    {"CL_TYPE_CPIO_NEWC", "cpio", false, false, Reader::kCpio},
+    {"CL_TYPE_CPIO_CRC", "cpio", false, false, Reader::kCpio},
+    {"CL_TYPE_XAR", "xar pkg", false, true, Reader::kXar},
+    {"CL_TYPE_ISO9660", "iso", false, false, Reader::kIso},
+    {"CL_TYPE_UDF", "udf iso", false, false, Reader::kLibclamav},
+    {"CL_TYPE_DMG", "dmg", false, true, Reader::kLibclamav},
+    {"CL_TYPE_MSSZDD", "szdd", false, false, Reader::kLibclamav},
+    // Kinds without a type of libclamav.
+    {"TAV_LZMA", "lzma tlz xz", false, false, Reader::kLzma},
+    {"TAV_LZIP", "lz xz", false, false, Reader::kLzip},
+    {"TAV_COMPRESS", "Z taz gz", false, false, Reader::kCompress},
+    {"TAV_ZSTD", "zst tzst xz", false, false, Reader::kZstd},
+    {"TAV_LZ4", "lz4 gz", false, false, Reader::kLz4},
+    {"TAV_RPM", "rpm cpio", false, false, Reader::kRpm},
+    {"TAV_AR", "ar deb a tar", false, false, Reader::kAr},
+    // Kinds that neither unpacker can unpack.
+    {"TAV_SQUASHFS", "squashfs", false, false, Reader::kNobody},
+    {"TAV_CRAMFS", "cramfs", false, false, Reader::kNobody},
+    {"TAV_ROMFS", "romfs", false, false, Reader::kNobody},
+    {"TAV_EROFS", "erofs", false, false, Reader::kNobody},
+    {"TAV_EXT", "ext4", false, false, Reader::kNobody},
+    {"TAV_XFS", "xfs", false, false, Reader::kNobody},
+    {"TAV_BTRFS", "btrfs", false, false, Reader::kNobody},
+    {"TAV_FAT", "fat", false, false, Reader::kNobody},
+    {"TAV_NTFS", "ntfs", false, false, Reader::kNobody},
+    {"TAV_LUKS", "luks", false, false, Reader::kNobody},
+    {"TAV_QCOW", "qcow2", false, false, Reader::kNobody},
+    {"TAV_VMDK", "vmdk", false, false, Reader::kNobody},
+    {"TAV_VDI", "vdi", false, false, Reader::kNobody},
+    {"TAV_VHD", "vhd", false, false, Reader::kNobody},
+    {"TAV_VHDX", "vhdx", false, false, Reader::kNobody},
+    {"TAV_WIM", "wim", false, false, Reader::kNobody},
+    {"TAV_LZOP", "lzo", false, false, Reader::kNobody},
+    {"TAV_LRZIP", "lrz", false, false, Reader::kNobody},
+    {"TAV_RZIP", "rz", false, false, Reader::kNobody},
+    {"TAV_ZPAQ", "zpaq", false, false, Reader::kNobody},
+    {"TAV_ZOO", "zoo", false, false, Reader::kNobody},
+    {"TAV_ACE", "ace", false, false, Reader::kNobody},
+    {"TAV_STUFFIT", "sit", false, false, Reader::kNobody},
+    {"TAV_SNAPPY", "sz", false, false, Reader::kNobody},
 };
 
 }  // namespace
@@ -62,6 +95,19 @@ bool isEndingAmong(std::string_view ending, const std::vector<std::string>& endi
 std::string nameOf(const ArchiveKind& kind) {
   const std::string_view endings = kind.endings;
   return std::string(endings.substr(0, endings.find(' ')));
+}
+
+bool isReadByLibarchive(const ArchiveKind& kind) {
+  return kind.reader != Reader::kLibclamav && kind.reader != Reader::kNobody;
+}
+
+bool mayBeInPieces(std::string_view type) {
+  constexpr std::string_view kTypes[] = {"CL_TYPE_MSOLE2", "CL_TYPE_MHTML",   "CL_TYPE_MAIL",
+                                         "CL_TYPE_TNEF",   "CL_TYPE_ISO9660", "CL_TYPE_UDF",
+                                         "CL_TYPE_MBR",    "CL_TYPE_GPT",     "CL_TYPE_APM",
+                                         "CL_TYPE_DMG",    "CL_TYPE_MSCHM",   "CL_TYPE_ONENOTE"};
+  return std::find(std::begin(kTypes), std::end(kTypes), type) != std::end(kTypes) ||
+         type.starts_with("CL_TYPE_PART_");
 }
 
 bool isZipDocument(std::string_view type) {

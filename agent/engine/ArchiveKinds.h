@@ -1,17 +1,46 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace agent {
 
+/// The program part that unpacks a kind. kLibclamav: libclamav alone. kNobody: neither unpacker can. All
+/// others: libarchive, by this format or filter, whatever libclamav unpacks besides.
+enum class Reader : std::uint8_t {
+  kLibclamav,
+  kNobody,
+  kGzip,
+  kBzip2,
+  kXz,
+  kLzma,
+  kLzip,
+  kCompress,
+  kZstd,
+  kLz4,
+  kRpm,
+  kTar,
+  kZip,
+  kSevenZip,
+  kRar,
+  kCab,
+  kCpio,
+  kIso,
+  kXar,
+  kAr,
+};
+
 /// A kind of file that is unpacked as an archive.
 struct ArchiveKind {
-  const char* type;     ///< libclamav's file type
-  const char* endings;  ///< lower case, separated by blanks; the first is the kind's name in reasons
-  bool zip;             ///< has the layout of a zip file
-  bool mustYield;       ///< when no member comes out, libclamav did not understand the archive
+  const char* type;  ///< libclamav's file type, or a name of our own that begins with "TAV_"
+  /// Lower case, separated by blanks. The first is the kind's name in reasons. The last of a kind that the
+  /// settings cannot name is the nearest kind that the settings can name: both are unpacked, or neither.
+  const char* endings;
+  bool zip;        ///< has the layout of a zip file
+  bool mustYield;  ///< when no member comes out, libclamav did not understand the archive
+  Reader reader;
 };
 
 /// Null for types that are no archives: documents, mails and programs are always unpacked.
@@ -21,6 +50,13 @@ bool isAmong(const ArchiveKind& kind, const std::vector<std::string>& endings);
 /// Whether files of the ending (lower case) are archives of a kind that isAmong the list.
 bool isEndingAmong(std::string_view ending, const std::vector<std::string>& endings);
 std::string nameOf(const ArchiveKind& kind);
+
+/// Whether libarchive unpacks the kind.
+bool isReadByLibarchive(const ArchiveKind& kind);
+
+/// Whether a file of libclamav's type may hold the bytes of an embedded file in pieces: libclamav puts them
+/// together.
+bool mayBeInPieces(std::string_view type);
 
 /// Office documents that are zip files inside.
 bool isZipDocument(std::string_view type);

@@ -72,7 +72,7 @@ std::optional<std::string> fromHex(const std::string& hex) {
   return bytes;
 }
 
-std::string sha256Of(const std::string& text) {
+std::string sha256Of(std::string_view text) {
   Digest digest(Digest::Kind::kSha256);
   digest.add(text.data(), text.size());
   return digest.hex();

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace agent {
 
@@ -32,7 +33,7 @@ std::string toHex(const void* bytes, std::size_t size);
 /// Nothing for an odd length or another character.
 std::optional<std::string> fromHex(const std::string& hex);
 /// The SHA-256 of a text, as Digest::hex.
-std::string sha256Of(const std::string& text);
+std::string sha256Of(std::string_view text);
 /// The digest of an open file, from its position to its end. Nothing when reading fails.
 std::optional<std::string> digestOfFile(int fd, Digest::Kind kind);
 

@@ -11,6 +11,7 @@
 
 #include "engine/Digest.h"
 #include "engine/FileHashes.h"
+#include "engine/FileScan.h"
 #include "engine/ScanRecord.h"
 #include "engine/SignatureFolder.h"
 #include "json/CppJson.h"
@@ -191,7 +192,21 @@ class Engine::Impl {
   }
 
   Verdict run(ScanRecord& record, int fd, const std::string& name, const ScanOptions& options) {
-    cl_scan_options flags = flagsOf(options);
+    const cl_scan_options flags = flagsOf(options);
+    FileScan scan(
+        [&](int file, const std::string& fileName, std::chrono::milliseconds time) {
+          return scanByLibrary(record, file, fileName, flags, time);
+        },
+        record, limits_, tempNow_);
+    scan.scan(fd, name);
+    return record.finish({});
+  }
+
+  // Returns libclamav's failure; empty after a success.
+  std::string scanByLibrary(ScanRecord& record, int fd, const std::string& name, cl_scan_options flags,
+                            std::chrono::milliseconds time) {
+    // Zero would mean: no limit.
+    cl_engine_set_num(engine_.get(), CL_ENGINE_MAX_SCANTIME, std::max<long long>(time.count(), 1));
     const char* virus = nullptr;
     unsigned long scanned = 0;
     currentRecord = &record;
@@ -199,7 +214,7 @@ class Engine::Impl {
         cl_scandesc_callback(fd, name.c_str(), &virus, &scanned, engine_.get(), &flags, &record);
     currentRecord = nullptr;
     const bool whole = result == CL_CLEAN || result == CL_VIRUS;
-    return record.finish(whole ? std::string_view{} : orEmpty(cl_strerror(result)));
+    return whole ? std::string{} : std::string(orEmpty(cl_strerror(result)));
   }
 
   cl_scan_options flagsOf(const ScanOptions& options) const {

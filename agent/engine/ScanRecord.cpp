@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "engine/Digest.h"
 #include "engine/ZipAudit.h"
 #include "platform/Text.h"
 
@@ -13,6 +14,19 @@ constexpr std::size_t kMostDetections = 32;
 
 }  // namespace
 
+void ScanRecord::begin(const Place& place, TempFile& keep) {
+  base_ = place;
+  keep_ = &keep;
+}
+
+void ScanRecord::end(std::string_view failure) {
+  closeFrom(0);
+  keep_ = nullptr;
+  if (!failure.empty()) {
+    leaveOut({}, 0, "the engine reports: " + platform::visibleText(failure), error_);
+  }
+}
+
 void ScanRecord::leaveOut(std::string_view name, std::uint32_t level, const std::string& why,
                           std::string& into) {
   if (into.empty()) {
@@ -23,30 +37,33 @@ void ScanRecord::leaveOut(std::string_view name, std::uint32_t level, const std:
 void ScanRecord::closeFrom(std::size_t level) {
   for (std::size_t i = level; i < kLevels && open_[i].entered; ++i) {
     Open& layer = open_[i];
-    if (layer.kind != nullptr && layer.kind->mustYield && !layer.yielded) {
-      leaveOut(layer.name, static_cast<std::uint32_t>(i),
+    if (layer.kind != nullptr && layer.kind->mustYield && !layer.yielded && !layer.pending) {
+      leaveOut(layer.name, base_.level + static_cast<std::uint32_t>(i),
                "a " + nameOf(*layer.kind) + " archive that could not be unpacked", error_);
     }
     layer = Open{};
   }
 }
 
-bool ScanRecord::mayUnpack(const ArchiveKind& kind, const Layer& layer) {
-  const auto depth = static_cast<std::uint32_t>(std::count_if(
-      open_.begin(), open_.begin() + layer.level, [](const Open& o) { return o.kind != nullptr; }));
+std::uint32_t ScanRecord::archivesAround(std::uint32_t level) const {
+  return base_.archives +
+         static_cast<std::uint32_t>(std::count_if(open_.begin(), open_.begin() + level,
+                                                  [](const Open& o) { return o.kind != nullptr; }));
+}
+
+bool ScanRecord::mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes) {
+  const std::uint32_t level = base_.level + layer.level;
   if (!options_.archives) {
-    leaveOut(layer.name, layer.level, "an archive (" + nameOf(kind) + "), and archives are not unpacked",
-             skipped_);
+    leaveOut(layer.name, level, "an archive (" + nameOf(kind) + "), and archives are not unpacked", skipped_);
   } else if (!isAmong(kind, options_.archiveFormats)) {
-    leaveOut(layer.name, layer.level, "an archive of a kind that is not unpacked (" + nameOf(kind) + ")",
-             skipped_);
-  } else if (options_.maxArchiveBytes != 0 && layer.size > options_.maxArchiveBytes) {
+    leaveOut(layer.name, level, "an archive of a kind that is not unpacked (" + nameOf(kind) + ")", skipped_);
+  } else if (options_.maxArchiveBytes != 0 && archiveBytes > options_.maxArchiveBytes) {
     leaveOut(
-        layer.name, layer.level,
+        layer.name, level,
         "an archive larger than the " + std::to_string(options_.maxArchiveBytes) + " bytes that are unpacked",
         skipped_);
-  } else if (depth >= options_.maxLayers) {
-    leaveOut(layer.name, layer.level,
+  } else if (archivesAround(layer.level) >= options_.maxLayers) {
+    leaveOut(layer.name, level,
              "archives nested deeper than " + std::to_string(options_.maxLayers) + " layers", error_);
   } else {
     return true;
@@ -55,36 +72,118 @@ bool ScanRecord::mayUnpack(const ArchiveKind& kind, const Layer& layer) {
 }
 
 bool ScanRecord::onLayer(const Layer& layer) {
-  if (layer.level >= kLevels) {
-    leaveOut(layer.name, layer.level, "nested deeper than can be followed", error_);
+  const std::uint32_t level = base_.level + layer.level;
+  if (level >= kLevels) {
+    leaveOut(layer.name, level, "nested deeper than can be followed", error_);
     return false;
   }
   closeFrom(layer.level);
+  bool insidePending = false;
   for (std::size_t i = 0; i < layer.level; ++i) {
     open_[i].entered = true;  // libclamav skips a level for an archive behind a program's code
     open_[i].yielded = true;
+    insidePending = insidePending || open_[i].pending;
+  }
+  if (insidePending && layer.data != nullptr) {
+    known_.insert(sha256Of({layer.data, layer.size}));
   }
   const ArchiveKind* kind = archiveKindOf(layer.type);
-  open_[layer.level] = Open{kind, true, false, std::string(layer.name)};
-  if (layer.level > 0 && layer.size >= maxFileBytes_) {
-    leaveOut(layer.name, layer.level,
-             "cut at the engine's limit of " + std::to_string(maxFileBytes_) + " bytes", error_);
+  const Contents contents = layer.data == nullptr ? Contents{} : lookInto(layer.data, layer.size, kind);
+  if (kind == nullptr && !contents.parts.empty() && contents.parts[0].offset == 0 &&
+      contents.parts[0].failure == Failure::kCounts && contents.parts[0].kind->reader != Reader::kNobody) {
+    kind = contents.parts[0].kind;
   }
-  if (kind != nullptr && !mayUnpack(*kind, layer)) {
+  open_[layer.level] = Open{kind, true, false, false, std::string(layer.name)};
+  if (level > 0 && layer.size >= maxFileBytes_) {
+    leaveOut(layer.name, level, "cut at the engine's limit of " + std::to_string(maxFileBytes_) + " bytes",
+             error_);
+  }
+  if (kind != nullptr && !mayUnpack(*kind, layer, layer.size)) {
     open_[layer.level].yielded = true;
     return false;
   }
-  if (layer.data != nullptr && ((kind != nullptr && kind->zip) || isZipDocument(layer.type))) {
-    if (const auto audited = auditZip(layer.data, layer.size); !audited) {
-      leaveOut(layer.name, layer.level, audited.error(), error_);
-    }
+  if (layer.data != nullptr) {
+    layerIsKept_ = false;
+    lookAt(layer, kind, contents);
+    lookForZip(layer, kind);
   }
+  return true;
+}
+
+// kind: of the whole layer; null: no archive.
+void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Contents& contents) {
+  bool kindIsListed = kind == nullptr || !isReadByLibarchive(*kind) || kind->zip;
+  for (const Part& part : contents.parts) {
+    if (part.kind->reader == Reader::kNobody) {
+      leaveOut(layer.name, base_.level + layer.level,
+               "an archive of a kind that cannot be unpacked (" + nameOf(*part.kind) + ")", skipped_);
+      continue;
+    }
+    kindIsListed = kindIsListed || (part.offset == 0 && part.kind->reader == kind->reader);
+    unpackLater(layer, kind, part, {});
+  }
+  if (!kindIsListed) {
+    unpackLater(layer, kind, {kind, 0, Failure::kCounts}, {});
+  }
+  if (contents.tooMany) {
+    leaveOut(layer.name, base_.level + layer.level, "more archives in it than the engine's limit", error_);
+  }
+}
+
+void ScanRecord::lookForZip(const Layer& layer, const ArchiveKind* kind) {
+  const bool isZip = (kind != nullptr && kind->zip) || isZipDocument(layer.type);
+  if (!isZip && !hasZipDirectory(layer.data, layer.size)) {
+    return;
+  }
+  const Part zip{archiveKindOf("CL_TYPE_ZIP"), 0, Failure::kCounts};
+  const auto audited = auditZip(layer.data, layer.size);
+  if (!audited) {
+    leaveOut(layer.name, base_.level + layer.level, audited.error(), error_);
+    unpackLater(layer, kind, zip, {});  // a detection counts all the same
+  } else if (!isZip || !audited->empty()) {
+    unpackLater(layer, kind, zip, *audited);
+    anyZipPending_ = anyZipPending_ || !audited->empty();
+  }
+}
+
+void ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part,
+                             std::string otherwise) {
+  const bool isWholeLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
+  const std::uint64_t bytes = layer.size - part.offset;
+  if (part.failure == Failure::kIgnored && !options_.archives) {
+    return;
+  }
+  if ((!isWholeLayer && !mayUnpack(*part.kind, layer, bytes)) || !keepLayer(layer)) {
+    return;
+  }
+  const bool kept = layer.level > 0;
+  const Failure failure = mayBeInPieces(layer.type) && part.offset > 0 ? Failure::kIgnored : part.failure;
+  open_[layer.level].pending = true;
+  const Place members{base_.level + layer.level + 1, archivesAround(layer.level) + 1};
+  pending_.push_back({part.kind, std::string(layer.name), members, kept, (kept ? keptAt_ : 0) + part.offset,
+                      bytes, failure, std::move(otherwise)});
+}
+
+// libclamav's copy of a layer is gone when its scan ends.
+bool ScanRecord::keepLayer(const Layer& layer) {
+  if (keep_ == nullptr) {
+    return false;
+  }
+  if (layer.level == 0 || layerIsKept_) {
+    return true;
+  }
+  keptAt_ = keep_->size();
+  if (const auto kept = keep_->append(layer.data, layer.size); !kept) {
+    onFailure(kept.error());
+    return false;
+  }
+  layerIsKept_ = true;
   return true;
 }
 
 void ScanRecord::onMember(std::string_view container, std::string_view name, std::uint64_t realBytes,
                           bool encrypted) {
-  if (realBytes == kSizeUnknown) {
+  if (realBytes == kSizeUnknown && !anyZipPending_) {
     leaveOut(name, 1, "has a 64-bit size: not unpacked", error_);
   }
   if (encrypted && container != "CL_TYPE_ZIP" && !isZipDocument(container)) {
@@ -118,10 +217,7 @@ void ScanRecord::onFailure(std::string_view message) {
 }
 
 Verdict ScanRecord::finish(std::string_view failure) {
-  closeFrom(0);
-  if (!failure.empty()) {
-    leaveOut({}, 0, "the engine reports: " + platform::visibleText(failure), error_);
-  }
+  end(failure);
   if (!detections_.empty()) {
     return {Outcome::kInfected, {}, detections_, {}, {}, {}};
   }

@@ -14,13 +14,13 @@ using ::testing::HasSubstr;
 using testsupport::GuardedBytes;
 using testsupport::makeZip;
 
-// The problem, or an empty text. A read beyond the zip ends the test.
+// The problem, or the reason for left-out content, or an empty text. A read beyond the zip ends the test.
 std::string audit(const std::string& zip) {
   std::string problem;
   for (const auto side : {GuardedBytes::Side::kBegin, GuardedBytes::Side::kEnd}) {
     const GuardedBytes guarded(zip, side);
     const auto audited = auditZip(guarded.data(), zip.size());
-    problem = audited ? "" : audited.error();
+    problem = audited ? *audited : audited.error();
   }
   return problem;
 }

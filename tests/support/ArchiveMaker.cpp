@@ -60,6 +60,9 @@ struct Packed {
 Packed pack(const ZipMember& member) {
   Packed packed{member.deflate ? deflated(member.content, -15) : member.content, member.content.size(),
                 crcOf(member.content), static_cast<std::uint16_t>(member.deflate ? 8 : 0)};
+  if (!member.packed.empty()) {
+    packed.data = member.packed;
+  }
   if (member.encryptedFlag) {
     packed.data.insert(0, 12, '\x5A');  // where the cipher's header stands
   }
@@ -184,30 +187,42 @@ std::string makeGzip(std::string_view content) {
   return deflated(content, 31);
 }
 
+std::string makeTarMember(const std::string& name, std::string_view content, char type, TarSize size) {
+  std::array<char, 512> header{};
+  std::snprintf(header.data(), 100, "%s", name.c_str());
+  std::snprintf(header.data() + 100, 8, "0000644");
+  std::snprintf(header.data() + 108, 8, "0000000");
+  std::snprintf(header.data() + 116, 8, "0000000");
+  std::snprintf(header.data() + 124, 12, "%011zo", size == TarSize::kOctal ? content.size() : 0U);
+  if (size == TarSize::kBase256) {
+    std::memset(header.data() + 124, 0, 12);
+    header[124] = '\x80';
+    for (std::size_t i = 0; i < 8; ++i) {
+      header[135 - i] = static_cast<char>(content.size() >> (8 * i) & 0xFF);
+    }
+  }
+  std::snprintf(header.data() + 136, 12, "00000000000");
+  std::memset(header.data() + 148, ' ', 8);
+  header[156] = type;
+  std::memcpy(header.data() + 257,
+              "ustar\0"
+              "00",
+              8);
+  unsigned sum = 0;
+  for (const char c : header) {
+    sum += static_cast<unsigned char>(c);
+  }
+  std::snprintf(header.data() + 148, 8, "%06o", sum);
+  std::string out(header.data(), header.size());
+  out += content;
+  out.append((512 - content.size() % 512) % 512, '\0');
+  return out;
+}
+
 std::string makeTar(const std::vector<std::pair<std::string, std::string>>& members) {
   std::string out;
   for (const auto& [name, content] : members) {
-    std::array<char, 512> header{};
-    std::snprintf(header.data(), 100, "%s", name.c_str());
-    std::snprintf(header.data() + 100, 8, "0000644");
-    std::snprintf(header.data() + 108, 8, "0000000");
-    std::snprintf(header.data() + 116, 8, "0000000");
-    std::snprintf(header.data() + 124, 12, "%011zo", content.size());
-    std::snprintf(header.data() + 136, 12, "00000000000");
-    std::memset(header.data() + 148, ' ', 8);
-    header[156] = '0';
-    std::memcpy(header.data() + 257,
-                "ustar\0"
-                "00",
-                8);
-    unsigned sum = 0;
-    for (const char c : header) {
-      sum += static_cast<unsigned char>(c);
-    }
-    std::snprintf(header.data() + 148, 8, "%06o", sum);
-    out.append(header.data(), header.size());
-    out += content;
-    out.append((512 - content.size() % 512) % 512, '\0');
+    out += makeTarMember(name, content);
   }
   out.append(1024, '\0');
   return out;
@@ -260,6 +275,51 @@ std::string makeArj(const std::string& name, std::string_view content, bool encr
   constexpr int kMember = 0;
   return header("x.arj", kArchive, 0, {}) + header(name, kMember, encrypted ? 1 : 0, content) +
          std::string(content) + std::string("\x60\xEA\0\0", 4);
+}
+
+std::string makeDeflate(std::string_view content) {
+  return deflated(content, -15);
+}
+
+std::string makeSevenZip(const std::vector<SevenZipMember>& members) {
+  // Numbers below 128 are one byte of the format. Larger ones are not written here.
+  const auto number = [](std::size_t value) {
+    if (value >= 128) {
+      throw std::runtime_error("too large for this writer of 7z files");
+    }
+    return std::string(1, static_cast<char>(value));
+  };
+  std::string data, sizes, folders, unpacked, names;
+  for (const auto& member : members) {
+    data += member.packed;
+    sizes += number(member.packed.size());
+    folders += number(1) + number(member.coder.size()) + member.coder;
+    unpacked += number(member.bytes);
+    for (const char c : member.name) {
+      names += {c, '\0'};
+    }
+    names += {'\0', '\0'};
+  }
+  const std::string count = number(members.size()), end(1, '\0'), external(1, '\0');
+  const std::string packInfo = "\x06" + number(0) + count + "\x09" + sizes + end;
+  const std::string unpackInfo = "\x07\x0B" + count + external + folders + "\x0C" + unpacked + end;
+  const std::string files = "\x05" + count + "\x11" + number(names.size() + 1) + external + names + end;
+  const std::string header = "\x01\x04" + packInfo + unpackInfo + "\x08" + end + end + files + end;
+  std::string start;
+  put64(start, data.size());
+  put64(start, header.size());
+  put32(start, crcOf(header));
+  std::string out("7z\xBC\xAF\x27\x1C\0\4", 8);
+  put32(out, crcOf(start));
+  return out + start + data + header;
+}
+
+std::string makeRpm(std::string_view packedCpio) {
+  std::string lead("\xED\xAB\xEE\xDB\3\0\0\0", 8);
+  lead.resize(96, '\0');
+  std::string header("\x8E\xAD\xE8\1", 4);
+  header.resize(16, '\0');
+  return lead + header + std::string(packedCpio);
 }
 
 std::string makeNestedZip(int layers, const std::string& name, const std::string& content) {

@@ -1,0 +1,112 @@
+#include "engine/FileScan.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "engine/Digest.h"
+#include "platform/Text.h"
+
+namespace agent {
+namespace {
+
+constexpr std::size_t kBlock = 128 * 1024;
+
+}  // namespace
+
+std::chrono::milliseconds FileScan::timeLeft() const {
+  const auto used = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began_);
+  return std::max(std::chrono::milliseconds(limits_.maxScanMs) - used, std::chrono::milliseconds(0));
+}
+
+void FileScan::scanLayer(int fd, const std::string& name, const Place& place) {
+  TempFile kept(tempFolder_);
+  record_.begin(place, kept);
+  record_.end(library_(fd, name, timeLeft()));
+  for (const Pending& archive : record_.takePending()) {
+    unpack(archive.kept ? kept.fd() : fd, archive);
+  }
+}
+
+void FileScan::notWhole(const Pending& archive, const std::string& why) {
+  record_.notWhole(archive.name, archive.place.level - 1, why);
+}
+
+// False, with the reason in the record, when a limit is reached.
+bool FileScan::mayGoOn(const Pending& archive) {
+  if (record_.tempFull()) {
+    return false;
+  }
+  if (timeLeft().count() == 0) {
+    notWhole(archive, "the scan took longer than the engine's limit");
+  } else if (members_ > limits_.maxFiles) {
+    notWhole(archive, "more members than the engine's limit");
+  } else if (unpackedBytes_ > limits_.maxScanBytes) {
+    notWhole(archive, "more data in it than the engine's limit for one scan");
+  } else {
+    return true;
+  }
+  return false;
+}
+
+void FileScan::unpack(int fd, const Pending& archive) {
+  if (!mayGoOn(archive)) {
+    return;
+  }
+  if (archive.place.level > limits_.maxRecursion) {
+    notWhole(archive, "nested deeper than the engine's limit");
+    return;
+  }
+  Unpacker unpacker({fd, archive.offset, archive.size}, archive.kind->reader);
+  while (unpacker.next()) {
+    ++members_;
+    if (unpacker.isEncrypted()) {
+      notWhole(archive, "encrypted: its content cannot be scanned");
+    }
+    TempFile copy(tempFolder_);
+    std::string sha256;
+    const bool goesOn = copyMember(unpacker, archive, copy, sha256);
+    if (copy.size() > 0 && !record_.tempFull() && !record_.isKnown(sha256)) {
+      const std::string name = unpacker.name().empty() ? archive.name : unpacker.name();
+      scanLayer(copy.fd(), name, archive.place);
+    }
+    if (!goesOn || !mayGoOn(archive)) {
+      return;
+    }
+  }
+  const bool counts = archive.failure == Failure::kCounts ||
+                      (archive.failure == Failure::kCountsIfYielded && unpacker.hasYielded());
+  if (counts && !unpacker.problem().empty()) {
+    const std::string why = "a " + nameOf(*archive.kind) + " archive that could not be unpacked whole: " +
+                            platform::visibleText(unpacker.problem());
+    notWhole(archive, archive.otherwise.empty() ? why : archive.otherwise);
+  }
+}
+
+// False when a limit ends the unpacking of the archive.
+bool FileScan::copyMember(Unpacker& unpacker, const Pending& archive, TempFile& copy, std::string& sha256) {
+  Digest digest(Digest::Kind::kSha256);
+  std::vector<char> block(kBlock);
+  bool goesOn = true;
+  while (const std::size_t got = unpacker.read(block.data(), block.size())) {
+    digest.add(block.data(), got);
+    unpackedBytes_ += got;
+    if (copy.size() + got > record_.maxFileBytes()) {
+      notWhole(archive, "its member is larger than the engine's limit of " +
+                            std::to_string(record_.maxFileBytes()) + " bytes");
+      break;
+    }
+    if (const auto written = copy.append(block.data(), got); !written) {
+      record_.onFailure(written.error());
+      goesOn = false;
+      break;
+    }
+    if (!mayGoOn(archive)) {
+      goesOn = false;
+      break;
+    }
+  }
+  sha256 = digest.hex();
+  return goesOn;
+}
+
+}  // namespace agent

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "engine/EngineLimits.h"
+#include "engine/ScanRecord.h"
+#include "engine/Unpacker.h"
+
+namespace agent {
+
+/// The scan of one file by both unpackers. libclamav scans the file first. Then libarchive unpacks the
+/// archives that the record has found, and libclamav scans each member that it has not seen yet.
+class FileScan {
+ public:
+  /// Scans an open file by libclamav within the time. Returns libclamav's failure; empty after a success.
+  using Library = std::function<std::string(int fd, const std::string& name, std::chrono::milliseconds)>;
+  /// tempFolder: for unpacked members and kept layers.
+  FileScan(Library library, ScanRecord& record, const EngineLimits& limits, std::string tempFolder)
+      : library_(std::move(library)), record_(record), limits_(limits), tempFolder_(std::move(tempFolder)) {}
+
+  void scan(int fd, const std::string& name) { scanLayer(fd, name, {}); }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void scanLayer(int fd, const std::string& name, const Place& place);
+  void unpack(int fd, const Pending& archive);
+  bool mayGoOn(const Pending& archive);
+  bool copyMember(Unpacker& unpacker, const Pending& archive, TempFile& copy, std::string& sha256);
+  void notWhole(const Pending& archive, const std::string& why);
+  std::chrono::milliseconds timeLeft() const;
+
+  Library library_;
+  ScanRecord& record_;
+  const EngineLimits& limits_;
+  std::string tempFolder_;
+  Clock::time_point began_ = Clock::now();
+  std::uint64_t members_ = 0;        // unpacked by libarchive
+  std::uint64_t unpackedBytes_ = 0;  // by libarchive
+};
+
+}  // namespace agent

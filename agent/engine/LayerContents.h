@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "engine/ArchiveKinds.h"
+
+namespace agent {
+
+/// When an archive that cannot be unpacked whole makes the scan an error. Bytes of no archive may look like
+/// the beginning of one.
+enum class Failure : std::uint8_t { kCounts, kCountsIfYielded, kIgnored };
+
+/// An archive that begins in a layer.
+struct Part {
+  const ArchiveKind* kind = nullptr;
+  std::uint64_t offset = 0;
+  Failure failure = Failure::kCounts;
+};
+
+struct Contents {
+  std::vector<Part> parts;  ///< those at the beginning come first
+  bool tooMany = false;     ///< more parts than are listed
+};
+
+/// Finds archives by their magic bytes, whatever type libclamav gives the layer. kind: libclamav's for the
+/// layer; null: no archive. Behind the beginning of an archive, only kinds with certain signs are listed. Zip
+/// files are not listed: ZipAudit.h finds them by their end. Never reads outside the buffer.
+Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind);
+
+}  // namespace agent

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "engine/ArchiveKinds.h"
+
+struct archive;  // of libarchive
+
+namespace agent {
+
+/// A range of an open file. The descriptor stays its owner's; its position does not change.
+struct FileRange {
+  int fd = -1;
+  std::uint64_t offset = 0, size = 0;
+};
+
+/// Reads the members of an archive by libarchive, one after the other, without a file or program of its own.
+/// One layer only: a tar inside a gzip is the one member of the gzip.
+class Unpacker {
+ public:
+  Unpacker(const FileRange& range, Reader reader);
+  ~Unpacker();
+  Unpacker(const Unpacker&) = delete;
+  Unpacker& operator=(const Unpacker&) = delete;
+
+  /// Goes to the next member. False at the end of the archive or of the part that can be read.
+  bool next();
+  /// Of the current member; may be empty.
+  const std::string& name() const { return name_; }
+  bool isEncrypted() const { return encrypted_; }
+  /// The next bytes of the current member; 0 at its end, or where it cannot be read further.
+  std::size_t read(char* buffer, std::size_t size);
+
+  /// The first reason why something could not be unpacked whole; empty: none.
+  const std::string& problem() const { return problem_; }
+  /// Whether any byte of a member came out.
+  bool hasYielded() const { return yielded_; }
+
+ private:
+  struct Input;
+  void fail();
+
+  std::unique_ptr<Input> input_;
+  ::archive* archive_ = nullptr;
+  bool open_ = false;
+  bool encrypted_ = false;
+  bool yielded_ = false;
+  std::string name_, problem_;
+};
+
+}  // namespace agent

@@ -1,0 +1,347 @@
+// What libclamav does not unpack, or unpacks in part: the audit of each layer, and the second unpacker.
+
+#include <gmock/gmock.h>
+
+#include "EngineFixture.h"
+#include "support/LibarchiveMaker.h"
+
+namespace agent {
+namespace {
+
+using testing::describe;
+using ::testing::HasSubstr;
+using testsupport::archiveOf;
+using testsupport::eicar;
+using testsupport::genericSample;
+using testsupport::makeDeflate;
+using testsupport::makeRar;
+using testsupport::makeRpm;
+using testsupport::makeSevenZip;
+using testsupport::makeTar;
+using testsupport::makeTarMember;
+using testsupport::makeZip;
+using testsupport::noise;
+using testsupport::packedBy;
+using testsupport::readFile;
+using testsupport::TarSize;
+using testsupport::ZipMember;
+
+const std::string kScript = "#!/bin/sh\necho hello\nexit 0\n";
+
+std::string program() {
+  return readFile("/bin/true");
+}
+
+struct Row {
+  const char* what;
+  std::string content;
+};
+
+class EngineUnpacking : public testing::EngineFixture {
+ protected:
+  void expectFound(const Row& row, const ScanOptions& options = {}) {
+    const Verdict verdict = scan(row.content, options);
+    EXPECT_EQ(verdict.outcome, Outcome::kInfected) << row.what << ": " << describe(verdict);
+  }
+  void expectError(const Row& row, const std::string& reason, const ScanOptions& options = {}) {
+    const Verdict verdict = scan(row.content, options);
+    EXPECT_EQ(verdict.outcome, Outcome::kError) << row.what << ": " << describe(verdict);
+    EXPECT_THAT(verdict.reason, HasSubstr(reason)) << row.what;
+  }
+  void expectSkipped(const Row& row, const std::string& reason, const ScanOptions& options = {}) {
+    const Verdict verdict = scan(row.content, options);
+    EXPECT_EQ(verdict.outcome, Outcome::kSkipped) << row.what << ": " << describe(verdict);
+    EXPECT_THAT(verdict.reason, HasSubstr(reason)) << row.what;
+  }
+};
+
+std::string encryptedZip() {
+  ZipMember member{"test.com", eicar()};
+  member.encryptedFlag = true;
+  return makeZip({member});
+}
+
+// The member's data: version, length of the properties, the properties, the stream without its own header.
+std::string lzmaZip(const std::string& content) {
+  const std::string lzma = packedBy("lzma", content);
+  ZipMember member{.name = "test.com", .content = content, .deflate = false, .method = 14};
+  member.packed = std::string("\x10\x02\x05\x00", 4) + lzma.substr(0, 5) + lzma.substr(13);
+  return makeZip({member});
+}
+
+TEST_F(EngineUnpacking, AnEncryptedZipBehindAnythingIsAnError) {
+  for (const Row& row : {Row{"text", "some text\n"}, Row{"script", kScript}, Row{"program", program()}}) {
+    expectError({row.what, row.content + encryptedZip()}, "encrypted");
+  }
+}
+
+TEST_F(EngineUnpacking, AnLzmaZipIsUnpackedAlsoBehindAnything) {
+  expectFound({"zip", lzmaZip(eicar())});
+  for (const Row& row : {Row{"text", "some text\n"}, Row{"script", kScript}, Row{"program", program()}}) {
+    expectFound({row.what, row.content + lzmaZip(eicar())});
+  }
+}
+
+TEST_F(EngineUnpacking, AZipMemberByAnUnknownMethodBehindTextIsAnError) {
+  ZipMember member{"test.com", eicar()};
+  member.method = 77;
+  expectError({"method 77", kScript + makeZip({member})}, "method 77");
+}
+
+TEST_F(EngineUnpacking, OneZipMemberThatManyDirectoryEntriesNameIsFoundAndElseAnError) {
+  const auto overlapping = [](const std::string& content) {
+    const std::string one = makeZip({{"test.com", content}});
+    const std::size_t at = one.find("PK\1\2"), end = one.size() - 22;
+    const std::string entry = one.substr(at, end - at);
+    constexpr std::size_t kEntries = 3000;
+    std::string zip = one.substr(0, at);
+    for (std::size_t i = 0; i < kEntries; ++i) {
+      zip += entry;
+    }
+    std::string tail = one.substr(end);
+    const auto put = [&tail](std::size_t offset, std::size_t bytes, std::size_t value) {
+      for (std::size_t i = 0; i < bytes; ++i) {
+        tail[offset + i] = static_cast<char>(value >> (8 * i) & 0xFF);
+      }
+    };
+    put(8, 2, kEntries);
+    put(10, 2, kEntries);
+    put(12, 4, entry.size() * kEntries);
+    return zip + tail;
+  };
+  expectFound({"found", overlapping(eicar())});
+  expectError({"harmless", overlapping("some harmless text")}, "overlap");
+}
+
+TEST_F(EngineUnpacking, EveryStreamOfACompressedFileIsScanned) {
+  const std::string first(5000, 'x');
+  for (const char* filter : {"bzip2", "gzip", "xz", "zstd", "lz4", "lzip"}) {
+    const std::string streams = packedBy(filter, first) + packedBy(filter, genericSample());
+    expectFound({filter, streams});
+    expectFound({"in a tar", makeTar({{"a", streams}})});
+  }
+  for (const char* filter : {"bzip2", "gzip", "xz", "zstd"}) {
+    expectFound({filter, packedBy(filter, "") + packedBy(filter, eicar())});
+  }
+}
+
+TEST_F(EngineUnpacking, SevenZipFoldersOfSeveralCodersAreAllScanned) {
+  const std::string harmless = "some harmless text";
+  const testsupport::SevenZipMember stored{"a.txt", std::string(1, '\0'), harmless, harmless.size()};
+  for (const auto& [coder, packed] :
+       {std::pair{std::string("\4\1\10"), makeDeflate(eicar())}, {"\4\2\2", packedBy("bzip2", eicar())}}) {
+    expectFound({"mixed", makeSevenZip({stored, {"test.com", coder, packed, eicar().size()}})});
+  }
+  expectError(
+      {"unknown", makeSevenZip({stored, {"test.com", "\4\1\11", "packed by no one", eicar().size()}})},
+      "could not be unpacked");
+}
+
+TEST_F(EngineUnpacking, SevenZipAndRarBehindTextOrAProgramAreUnpacked) {
+  const std::string sevenZip =
+      makeSevenZip({{"test.com", "\4\2\2", packedBy("bzip2", eicar()), eicar().size()}});
+  for (const std::string& front : {kScript, program()}) {
+    expectFound({"7z", front + sevenZip});
+    expectFound({"rar", front + makeRar("test.com", eicar())});
+    expectError({"unknown coder",
+                 front + makeSevenZip({{"test.com", "\4\1\11", "packed by no one", eicar().size()}})},
+                "could not be unpacked");
+  }
+}
+
+TEST_F(EngineUnpacking, CompressedFilesAndTarsBehindTextOrAProgramAreUnpacked) {
+  for (const std::string& front : {kScript, program()}) {
+    for (const char* filter : {"gzip", "bzip2", "xz", "zstd", "lz4"}) {
+      expectFound({filter, front + packedBy(filter, eicar())});
+    }
+    expectFound({"tar", front + makeTar({{"a", eicar()}})});
+    expectFound({"cpio", front + archiveOf({{"a", eicar()}}, "newc")});
+    expectFound({"iso", front + archiveOf({{"a", eicar()}}, "iso9660")});
+  }
+}
+
+TEST_F(EngineUnpacking, RarFilesAreUnpacked) {
+  expectFound({"rar", makeRar("test.com", eicar())});
+}
+
+TEST_F(EngineUnpacking, TarMembersAreScannedHoweverTheirSizeIsWritten) {
+  const std::string end(1024, '\0');
+  expectFound({"number", makeTarMember("a", eicar(), '0', TarSize::kBase256) + end});
+  const std::string size = std::to_string(eicar().size());
+  const std::string pax = std::to_string(size.size() + 9) + " size=" + size + "\n";
+  expectFound({"pax", makeTarMember("x", pax, 'x') + makeTarMember("a", eicar(), '0', TarSize::kZero) + end});
+}
+
+TEST_F(EngineUnpacking, TarMembersAreScannedWhateverTheirType) {
+  for (const char type : std::string("0\0007SZ9", 6)) {
+    expectFound({"type", makeTarMember("first", "some text") + makeTarMember("a", eicar(), type)});
+  }
+}
+
+TEST_F(EngineUnpacking, MembersBehindTheEndMarkOfATarAreScanned) {
+  expectFound({"two", makeTar({{"a", "some text"}}) + makeTar({{"b", eicar()}})});
+}
+
+TEST_F(EngineUnpacking, KindsThatOnlyTheSecondUnpackerKnowsAreUnpacked) {
+  for (const char* filter : {"lzma", "lzip", "zstd", "lz4", "compress"}) {
+    expectFound({filter, packedBy(filter, eicar())});
+    expectFound({"a tar in it", packedBy(filter, makeTar({{"test.com", eicar()}}))});
+    expectFound({"in a zip", makeZip({{"inner", packedBy(filter, eicar())}})});
+  }
+  expectFound({"ar", archiveOf({{"test.com", eicar()}}, "ar")});
+  expectFound({"deb", archiveOf({{"debian-binary", "2.0\n"},
+                                 {"data.tar.zst", packedBy("zstd", makeTar({{"./test.com", eicar()}}))}},
+                                "ar")});
+  const std::string cpio = archiveOf({{"./test.com", eicar()}}, "newc");
+  expectFound({"rpm", makeRpm(packedBy("gzip", cpio))});
+  expectFound({"rpm of zst", makeRpm(packedBy("zstd", cpio))});
+}
+
+TEST_F(EngineUnpacking, AFileThatWasCompressedTwiceIsUnpackedTwice) {
+  for (const char* filter : {"gzip", "bzip2", "xz", "lzma", "lzip", "zstd", "lz4"}) {
+    expectFound({filter, packedBy(filter, packedBy(filter, eicar()))});
+  }
+  expectError({"compress", packedBy("compress", packedBy("compress", eicar()))}, "more than one layer");
+}
+
+TEST_F(EngineUnpacking, HarmlessArchivesOfEveryKindAreClean) {
+  const std::string text = "some harmless text\n";
+  for (const char* filter : {"gzip", "bzip2", "xz", "lzma", "lzip", "zstd", "lz4", "compress"}) {
+    for (const std::string& content : {text, noise(200000), makeTar({{"a", text}})}) {
+      const Verdict verdict = scan(packedBy(filter, content));
+      EXPECT_EQ(verdict.outcome, Outcome::kClean) << filter << describe(verdict);
+    }
+  }
+  for (const char* format :
+       {"7zip", "ar", "cpio", "newc", "iso9660", "pax", "ustar", "v7tar", "xar", "zip"}) {
+    const Verdict verdict = scan(archiveOf({{"a", text}, {"b", noise(100000)}}, format));
+    EXPECT_EQ(verdict.outcome, Outcome::kClean) << format << describe(verdict);
+  }
+}
+
+TEST_F(EngineUnpacking, KindsThatNobodyUnpacksAreSkippedAndNeverClean) {
+  const std::string rest = noise(5000);
+  std::string squashFs = "hsqs" + std::string(24, '\0') + std::string("\4\0\0\0", 4) + rest;
+  const std::string wim = std::string("MSWIM\0\0\0\xD0\0\0\0", 12) + rest;
+  for (const Row& row :
+       {Row{"squashfs", squashFs}, Row{"wim", wim}, Row{"lrz", "LRZI" + rest}, Row{"vhdx", "vhdxfile" + rest},
+        Row{"lzo", std::string("\x89LZO\0\r\n\x1A\n", 9) + rest}, Row{"qcow2", "QFI\xFB" + rest}}) {
+    const std::string reason = std::string("an archive of a kind that cannot be unpacked (") + row.what + ")";
+    expectSkipped(row, reason);
+    expectSkipped({row.what, makeZip({{"inner", row.content}})}, reason);
+  }
+  expectSkipped({"squashfs", program() + squashFs}, "(squashfs)");
+  expectFound({"a detection wins", makeZip({{"inner", squashFs}, {"test.com", eicar()}})});
+}
+
+TEST_F(EngineUnpacking, ATruncatedArchiveIsAnError) {
+  const std::string content = noise(100000);
+  for (const char* filter : {"gzip", "bzip2", "xz", "lzma", "lzip", "zstd", "lz4"}) {
+    const std::string whole = packedBy(filter, content);
+    for (const std::size_t size : {whole.size() / 4, whole.size() / 2, whole.size() - 5}) {
+      expectError({filter, whole.substr(0, size)}, "");
+      expectError({"in a zip", makeZip({{"inner", whole.substr(0, size)}})}, "");
+    }
+  }
+  for (const char* format : {"7zip", "ar", "newc", "iso9660", "ustar", "xar"}) {
+    const std::string whole = archiveOf({{"a", noise(600000)}}, format);
+    expectError({format, whole.substr(0, whole.size() / 2)}, "");
+  }
+}
+
+TEST_F(EngineUnpacking, AnEncryptedMemberIsAnError) {
+  const std::string zip = archiveOf({{"test.com", eicar()}}, "zip", "", "zip:encryption=aes256");
+  expectError({"zip", zip}, "encrypted");
+  expectError({"behind text", kScript + zip}, "encrypted");
+}
+
+TEST_F(EngineUnpacking, TheSettingsHoldForEveryKind) {
+  ScanOptions off, listed, small, shallow;
+  off.archives = false;
+  listed.archiveFormats = {"zip", "rar"};
+  small.maxArchiveBytes = 30;
+  shallow.maxLayers = 2;
+  for (const char* filter : {"lzma", "lzip", "zstd", "lz4", "compress"}) {
+    const Row row{filter, packedBy(filter, eicar())};
+    expectSkipped(row, "archives are not unpacked", off);
+    expectSkipped(row, "of a kind that is not unpacked", listed);
+    expectSkipped(row, "larger than the 30 bytes", small);
+    expectError({filter, packedBy("zstd", packedBy("lz4", row.content))}, "deeper than 2 layers", shallow);
+    expectFound({filter, packedBy("zstd", row.content)}, shallow);
+  }
+  expectSkipped({"7z", kScript + makeSevenZip({})}, "archives are not unpacked", off);
+}
+
+TEST_F(EngineUnpacking, AKindThatTheSettingsCannotNameFollowsTheNearestThatTheyCan) {
+  for (const auto& [filter, nearest] :
+       {std::pair{"zstd", "xz"}, {"lzma", "xz"}, {"lzip", "xz"}, {"compress", "gz"}, {"lz4", "gz"}}) {
+    ScanOptions options;
+    options.archiveFormats = {nearest};
+    expectFound({filter, packedBy(filter, eicar())}, options);
+  }
+  ScanOptions options;
+  options.archiveFormats = {"tar"};
+  expectFound({"ar", archiveOf({{"test.com", eicar()}}, "ar")}, options);
+}
+
+// The limits of the fixture: 1 MiB a member, 4 MiB in all, 50 members, 12 levels.
+TEST_F(EngineUnpacking, TheLimitsHoldForTheSecondUnpacker) {
+  expectError({"member", packedBy("zstd", std::string(2U << 20, '\0'))}, "larger than the engine's limit");
+  testsupport::Members many, large;
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "member" + std::to_string(i);
+    many.emplace_back(name, "text of " + name);
+    large.emplace_back(name, std::string(900000, static_cast<char>('a' + i % 20)) + name);
+  }
+  expectError({"members", packedBy("zstd", archiveOf(many, "ar"))}, "more members");
+  large.resize(10);
+  expectError({"sum", packedBy("zstd", archiveOf(large, "7zip"))}, "limit");
+  std::string deep = eicar();
+  for (int i = 0; i < 14; ++i) {
+    deep = packedBy("zstd", deep);
+  }
+  ScanOptions options;
+  options.maxLayers = 100;
+  expectError({"levels", deep}, "nested deeper", options);
+}
+
+TEST_F(EngineUnpacking, TheTimeLimitHoldsForTheSecondUnpacker) {
+  EngineLimits limits;
+  limits.maxScanMs = 1;
+  load(limits);
+  expectError({"time", packedBy("zstd", std::string(200U << 20, '\0'))}, "took longer");
+}
+
+TEST_F(EngineUnpacking, TheReasonNamesTheArchiveInside) {
+  const std::string whole = packedBy("zstd", noise(50000));
+  expectError({"zst", makeZip({{"inner.zst", whole.substr(0, 20000)}})},
+              "\"inner.zst\" inside: a zst archive");
+}
+
+TEST_F(EngineUnpacking, NoTemporaryFileOfTheSecondUnpackerStaysBehind) {
+  expectFound({"zst", makeZip({{"inner.zst", packedBy("zstd", makeTar({{"a", eicar()}}))}})});
+  EXPECT_TRUE(std::filesystem::is_empty(dir().at("quick")));
+  EXPECT_TRUE(std::filesystem::is_empty(dir().at("disk")));
+}
+
+TEST_F(EngineUnpacking, AMemberTooLargeForTheFolderInMemoryIsUnpackedOnDisk) {
+  EngineLimits limits = smallLimits();
+  limits.quickTempBytes = 64U << 10;
+  load(limits);
+  expectFound({"zst", packedBy("zstd", std::string(500000, '\0') + genericSample())});
+}
+
+// The programs of an archiver hold the magic bytes of archives.
+TEST_F(EngineUnpacking, OrdinaryProgramsAndTextsWithMagicBytesAreClean) {
+  for (const char* path : {"/usr/bin/file", "/bin/true", "/usr/bin/unzip", "/usr/bin/xz", "/bin/gzip"}) {
+    const Verdict verdict = scan(readFile(path));
+    EXPECT_EQ(verdict.outcome, Outcome::kClean) << path << describe(verdict);
+  }
+  const std::string magics =
+      std::string("7z\xBC\xAF\x27\x1C Rar!\x1A\x07\0 PK\5\6 hsqs MSWIM ustar 070701", 45);
+  const Verdict verdict = scan("a list of magic bytes: " + magics + noise(3000));
+  EXPECT_EQ(verdict.outcome, Outcome::kClean) << describe(verdict);
+}
+
+}  // namespace
+}  // namespace agent
