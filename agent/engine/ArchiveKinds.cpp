@@ -37,6 +37,7 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"CL_TYPE_DMG", "dmg", false, true, Reader::kLibclamav},
     {"CL_TYPE_MSSZDD", "szdd", false, false, Reader::kLibclamav},
     // Kinds without a type of libclamav.
+    {"TAV_ZIPSTREAM", "zip", true, false, Reader::kZipStream},
     {"TAV_LZMA", "lzma tlz xz", false, false, Reader::kLzma},
     {"TAV_LZIP", "lz xz", false, false, Reader::kLzip},
     {"TAV_COMPRESS", "Z taz gz", false, false, Reader::kCompress},
@@ -99,6 +100,10 @@ std::string nameOf(const ArchiveKind& kind) {
 
 bool isReadByLibarchive(const ArchiveKind& kind) {
   return kind.reader != Reader::kLibclamav && kind.reader != Reader::kNobody;
+}
+
+bool isCompressedFile(const ArchiveKind& kind) {
+  return kind.reader >= Reader::kGzip && kind.reader <= Reader::kLz4;
 }
 
 bool mayBeInPieces(std::string_view type) {

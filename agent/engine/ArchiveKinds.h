@@ -23,6 +23,7 @@ enum class Reader : std::uint8_t {
   kRpm,
   kTar,
   kZip,
+  kZipStream,  ///< a zip without its directory
   kSevenZip,
   kRar,
   kCab,
@@ -53,6 +54,9 @@ std::string nameOf(const ArchiveKind& kind);
 
 /// Whether libarchive unpacks the kind.
 bool isReadByLibarchive(const ArchiveKind& kind);
+
+/// Whether libarchive unpacks the kind as one compressed file without members.
+bool isCompressedFile(const ArchiveKind& kind);
 
 /// Whether a file of libclamav's type may hold the bytes of an embedded file in pieces: libclamav puts them
 /// together.

@@ -1,5 +1,7 @@
 #include "engine/FileScan.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -79,6 +81,33 @@ void FileScan::unpack(int fd, const Pending& archive) {
     const std::string why = "a " + nameOf(*archive.kind) + " archive that could not be unpacked whole: " +
                             platform::visibleText(unpacker.problem());
     notWhole(archive, archive.otherwise.empty() ? why : archive.otherwise);
+  } else if (unpacker.hasYielded() && unpacker.problem().empty() && isCompressedFile(*archive.kind)) {
+    scanRest(fd, archive, unpacker.bytesRead());
+  }
+}
+
+// Other programs unpack what follows the end of a compressed file, or take the rest for another file.
+void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) {
+  TempFile rest(tempFolder_);
+  std::vector<char> block(kBlock);
+  bool anything = false;
+  for (std::uint64_t at = unpacked; at < archive.size && mayGoOn(archive);) {
+    const ssize_t got = pread(fd, block.data(), std::min<std::uint64_t>(block.size(), archive.size - at),
+                              static_cast<off_t>(archive.offset + at));
+    if (got <= 0) {
+      notWhole(archive, "cannot be read to its end");
+      return;
+    }
+    const auto bytes = static_cast<std::size_t>(got);
+    anything = anything || std::any_of(block.data(), block.data() + bytes, [](char c) { return c != 0; });
+    if (const auto written = rest.append(block.data(), bytes); !written) {
+      record_.onFailure(written.error());
+      return;
+    }
+    at += bytes;
+  }
+  if (anything && mayGoOn(archive)) {
+    scanLayer(rest.fd(), archive.name, archive.place);
   }
 }
 

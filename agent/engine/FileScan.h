@@ -27,6 +27,7 @@ class FileScan {
 
   void scanLayer(int fd, const std::string& name, const Place& place);
   void unpack(int fd, const Pending& archive);
+  void scanRest(int fd, const Pending& archive, std::uint64_t unpacked);
   bool mayGoOn(const Pending& archive);
   bool copyMember(Unpacker& unpacker, const Pending& archive, TempFile& copy, std::string& sha256);
   void notWhole(const Pending& archive, const std::string& why);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bitset>
 #include <string_view>
+#include <utility>
 
 #include "engine/Bytes.h"
 
@@ -16,8 +17,8 @@ using namespace std::string_view_literals;
 constexpr std::size_t kMostParts = 1000;
 constexpr std::size_t kTarBlock = 512;
 
-/// How far the magic bytes may stand from the beginning of a layer.
-enum class Where : std::uint8_t { kBeginning, kAnywhere };
+/// Where in a layer the archive may begin. kBehind: anywhere but at the beginning.
+enum class Where : std::uint8_t { kBeginning, kAnywhere, kBehind };
 /// How sure the bytes are. Sure bytes are those that only archives have: anywhere, or at the beginning of a
 /// layer.
 enum class Sign : std::uint8_t { kCertain, kCertainAtBeginning, kLikely };
@@ -138,6 +139,20 @@ bool isExt(const Bytes& a) {
          a.at16(kSuperblock + 58) <= 7 && a.at32(kSuperblock + 76) <= 1;
 }
 
+// A member's header. Its name is short and holds no control characters.
+bool isZipMember(const Bytes& a) {
+  constexpr std::size_t kHeader = 30;
+  if (!a.has(0, kHeader) || a.at8(4) > 63 || a.at16(8) > 99) {
+    return false;
+  }
+  const std::size_t nameBytes = a.at16(26);
+  if (nameBytes == 0 || nameBytes > 1024 || !a.has(kHeader, nameBytes)) {
+    return false;
+  }
+  const auto name = a.text(kHeader, nameBytes);
+  return std::none_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; });
+}
+
 struct Magic {
   const char* type;
   std::size_t offset;  ///< of the bytes from the beginning of the archive
@@ -174,6 +189,7 @@ constexpr Magic kMagics[] = {
     {"CL_TYPE_RAR", 0, "Rar!\x1A\x07\x00"sv, Where::kAnywhere, Sign::kCertain, isRar4},
     {"CL_TYPE_RAR", 0, "Rar!\x1A\x07\x01\x00"sv, Where::kAnywhere, Sign::kCertain, isRar5},
     {"CL_TYPE_MSCAB", 0, "MSCF\0\0\0\0"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCab},
+    {"TAV_ZIPSTREAM", 0, "PK\3\4"sv, Where::kBehind, Sign::kLikely, isZipMember},
     {"TAV_SQUASHFS", 0, "hsqs"sv, Where::kAnywhere, Sign::kCertain, isSquashFs},
     {"TAV_SQUASHFS", 0, "sqsh"sv, Where::kAnywhere, Sign::kCertain, isSquashFs},
     {"TAV_SQUASHFS", 0, "shsq"sv, Where::kBeginning, Sign::kCertain, isSquashFs},
@@ -229,7 +245,7 @@ void addBeginning(const Bytes& layer, Contents& contents) {
     }
   };
   for (const auto& magic : kMagics) {
-    if (matches(magic, layer)) {
+    if (magic.where != Where::kBehind && matches(magic, layer)) {
       add(magic.type, magic.sign == Sign::kLikely ? Failure::kCountsIfYielded : Failure::kCounts);
     }
   }
@@ -246,7 +262,7 @@ const std::bitset<kPairs>& searchedPairs() {
   static const std::bitset<kPairs> pairs = [] {
     std::bitset<kPairs> set;
     for (const auto& magic : kMagics) {
-      if (magic.where == Where::kAnywhere) {
+      if (magic.where != Where::kBeginning) {
         set.set(Bytes(magic.bytes.data(), magic.bytes.size()).at16(0));
       }
     }
@@ -257,16 +273,21 @@ const std::bitset<kPairs>& searchedPairs() {
 
 void addAt(const Bytes& layer, std::size_t at, bool onlyCertain, Contents& contents) {
   for (const auto& magic : kMagics) {
-    const bool wanted = magic.where == Where::kAnywhere && (magic.sign == Sign::kCertain || !onlyCertain);
+    const bool wanted = magic.where != Where::kBeginning && (magic.sign == Sign::kCertain || !onlyCertain);
     if (!wanted || at <= magic.offset || !matches(magic, layer.from(at - magic.offset))) {
+      continue;
+    }
+    const ArchiveKind* kind = archiveKindOf(magic.type);
+    // Each member of a zip has a header. The first is the beginning.
+    if (kind->reader == Reader::kZipStream && std::exchange(contents.hasZipStream, true)) {
       continue;
     }
     if (contents.parts.size() >= kMostParts) {
       contents.tooMany = true;
       return;
     }
-    contents.parts.push_back({archiveKindOf(magic.type), at - magic.offset,
-                              magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored});
+    contents.parts.push_back(
+        {kind, at - magic.offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored});
   }
 }
 

@@ -20,13 +20,15 @@ struct Part {
 };
 
 struct Contents {
-  std::vector<Part> parts;  ///< those at the beginning come first
-  bool tooMany = false;     ///< more parts than are listed
+  std::vector<Part> parts;    ///< those at the beginning come first
+  bool tooMany = false;       ///< more parts than are listed
+  bool hasZipStream = false;  ///< a zip member's header stands behind the beginning
 };
 
 /// Finds archives by their magic bytes, whatever type libclamav gives the layer. kind: libclamav's for the
 /// layer; null: no archive. Behind the beginning of an archive, only kinds with certain signs are listed. Zip
-/// files are not listed: ZipAudit.h finds them by their end. Never reads outside the buffer.
+/// files with a directory are not listed as such: ZipAudit.h finds them by their end. Never reads outside the
+/// buffer.
 Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind);
 
 }  // namespace agent

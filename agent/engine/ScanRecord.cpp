@@ -119,8 +119,13 @@ void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Conte
                "an archive of a kind that cannot be unpacked (" + nameOf(*part.kind) + ")", skipped_);
       continue;
     }
-    kindIsListed = kindIsListed || (part.offset == 0 && part.kind->reader == kind->reader);
-    unpackLater(layer, kind, part, {});
+    if (part.kind->reader == Reader::kZipStream && hasZipDirectory(layer.data, layer.size)) {
+      continue;  // see lookForZip
+    }
+    const bool isLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
+    kindIsListed = kindIsListed || isLayer;
+    // libclamav's type settles what the bytes leave open.
+    unpackLater(layer, kind, isLayer ? Part{part.kind, 0, Failure::kCounts} : part, {});
   }
   if (!kindIsListed) {
     unpackLater(layer, kind, {kind, 0, Failure::kCounts}, {});

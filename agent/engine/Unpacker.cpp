@@ -33,6 +33,7 @@ constexpr ReaderRow kReaders[] = {
     {Reader::kCompress, ARCHIVE_FILTER_COMPRESS, nullptr},
     {Reader::kTar, ARCHIVE_FILTER_NONE, archive_read_support_format_tar},
     {Reader::kZip, ARCHIVE_FILTER_NONE, archive_read_support_format_zip_seekable},
+    {Reader::kZipStream, ARCHIVE_FILTER_NONE, archive_read_support_format_zip_streamable},
     {Reader::kSevenZip, ARCHIVE_FILTER_NONE, archive_read_support_format_7zip},
     {Reader::kCab, ARCHIVE_FILTER_NONE, archive_read_support_format_cab},
     {Reader::kCpio, ARCHIVE_FILTER_NONE, archive_read_support_format_cpio},
@@ -181,6 +182,10 @@ bool Unpacker::next() {
   }
   open_ = false;
   return false;
+}
+
+std::uint64_t Unpacker::bytesRead() const {
+  return static_cast<std::uint64_t>(std::max<la_int64_t>(archive_filter_bytes(archive_, -1), 0));
 }
 
 std::size_t Unpacker::read(char* buffer, std::size_t size) {

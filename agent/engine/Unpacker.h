@@ -34,6 +34,8 @@ class Unpacker {
   /// The next bytes of the current member; 0 at its end, or where it cannot be read further.
   std::size_t read(char* buffer, std::size_t size);
 
+  /// How much of the range was unpacked so far.
+  std::uint64_t bytesRead() const;
   /// The first reason why something could not be unpacked whole; empty: none.
   const std::string& problem() const { return problem_; }
   /// Whether any byte of a member came out.

@@ -225,8 +225,11 @@ platform::Expected<std::string> auditZip(const char* data, std::size_t size) {
     return failure("the archive's directory has " + std::to_string(walked) + " entries and says " +
                    std::to_string(directory.count) + ": damaged or forged");
   }
-  if (walked == 0 && zip.at32(0) == kLocalHeader) {
-    return failure("the archive's directory names none of its members: damaged or forged");
+  // The directory may be that of a stored zip inside, in front of the place where the archive was cut off.
+  const bool firstIsNamed = std::any_of(audit.members.begin(), audit.members.end(),
+                                        [](const Range& member) { return member.begin == 0; });
+  if (audit.leftOut.empty() && !firstIsNamed && zip.at32(0) == kLocalHeader) {
+    return failure("the archive's directory names none of its members, or not the first: damaged or forged");
   }
   if (auto audited = auditOverlap(std::move(audit.members)); !audited) {
     return failure(audited.error());

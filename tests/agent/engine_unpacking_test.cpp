@@ -88,6 +88,29 @@ TEST_F(EngineUnpacking, AZipMemberByAnUnknownMethodBehindTextIsAnError) {
   expectError({"method 77", kScript + makeZip({member})}, "method 77");
 }
 
+TEST_F(EngineUnpacking, AZipWithoutItsDirectoryBehindTextIsUnpacked) {
+  for (const std::string& zip : {lzmaZip(eicar()), makeZip({{"test.com", eicar()}})}) {
+    expectFound({"cut off", kScript + zip.substr(0, zip.find("PK\1\2"))});
+  }
+  const std::string encrypted = encryptedZip();
+  expectError({"encrypted", kScript + encrypted.substr(0, encrypted.find("PK\1\2"))}, "encrypted");
+}
+
+TEST_F(EngineUnpacking, AZipCutOffBehindAStoredZipIsAnError) {
+  ZipMember inner{"inner.zip", makeZip({{"a.txt", "some text"}})};
+  inner.deflate = false;
+  const std::string zip = makeZip({inner, {"b.bin", noise(5000)}});
+  expectError({"zip", zip.substr(0, 2000)}, "not the first");
+}
+
+TEST_F(EngineUnpacking, BytesBehindTheEndOfACompressedFileAreScanned) {
+  for (const char* filter : {"gzip", "bzip2", "lzma", "lzip"}) {
+    const std::string front = packedBy(filter, "some harmless text");
+    expectFound({filter, front + packedBy("gzip", packedBy("zstd", eicar()))});
+    EXPECT_EQ(scan(front + std::string(700, '\0')).outcome, Outcome::kClean) << filter;
+  }
+}
+
 TEST_F(EngineUnpacking, OneZipMemberThatManyDirectoryEntriesNameIsFoundAndElseAnError) {
   const auto overlapping = [](const std::string& content) {
     const std::string one = makeZip({{"test.com", content}});
@@ -173,8 +196,13 @@ TEST_F(EngineUnpacking, TarMembersAreScannedHoweverTheirSizeIsWritten) {
 }
 
 TEST_F(EngineUnpacking, TarMembersAreScannedWhateverTheirType) {
-  for (const char type : std::string("0\0007SZ9", 6)) {
-    expectFound({"type", makeTarMember("first", "some text") + makeTarMember("a", eicar(), type)});
+  for (const char type : std::string("0\0007SZ9AEIN346V", 14)) {
+    const std::string tar = makeTarMember("first", "some text") + makeTarMember("a", eicar(), type);
+    const Verdict verdict = scan(tar + std::string(1024, '\0'));
+    // The unpacker reports content that it does not unpack.
+    const Outcome expected =
+        std::string("346AV").find(type) == std::string::npos ? Outcome::kInfected : Outcome::kError;
+    EXPECT_EQ(verdict.outcome, expected) << type << describe(verdict);
   }
 }
 
@@ -243,7 +271,7 @@ TEST_F(EngineUnpacking, ATruncatedArchiveIsAnError) {
       expectError({"in a zip", makeZip({{"inner", whole.substr(0, size)}})}, "");
     }
   }
-  for (const char* format : {"7zip", "ar", "newc", "iso9660", "ustar", "xar"}) {
+  for (const char* format : {"7zip", "ar", "bin", "newc", "iso9660", "ustar", "xar"}) {
     const std::string whole = archiveOf({{"a", noise(600000)}}, format);
     expectError({format, whole.substr(0, whole.size() / 2)}, "");
   }
