@@ -9,11 +9,6 @@
 #include "platform/Text.h"
 
 namespace agent {
-namespace {
-
-constexpr std::size_t kBlock = 128 * 1024;
-
-}  // namespace
 
 std::chrono::milliseconds FileScan::timeLeft() const {
   const auto used = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began_);
@@ -58,6 +53,7 @@ void FileScan::unpack(int fd, const Pending& archive) {
     notWhole(archive, "nested deeper than the engine's limit");
     return;
   }
+  block_.resize(kBlockBytes);
   Unpacker unpacker({fd, archive.offset, archive.size}, archive.kind->reader);
   while (unpacker.next()) {
     ++members_;
@@ -81,7 +77,7 @@ void FileScan::unpack(int fd, const Pending& archive) {
     const std::string why = "a " + nameOf(*archive.kind) + " archive that could not be unpacked whole: " +
                             platform::visibleText(unpacker.problem());
     notWhole(archive, archive.otherwise.empty() ? why : archive.otherwise);
-  } else if (unpacker.hasYielded() && unpacker.problem().empty() && isCompressedFile(*archive.kind)) {
+  } else if (counts && unpacker.hasYielded() && isCompressedFile(*archive.kind)) {
     scanRest(fd, archive, unpacker.bytesRead());
   }
 }
@@ -89,22 +85,22 @@ void FileScan::unpack(int fd, const Pending& archive) {
 // Other programs unpack what follows the end of a compressed file, or take the rest for another file.
 void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) {
   TempFile rest(tempFolder_);
-  std::vector<char> block(kBlock);
   bool anything = false;
   for (std::uint64_t at = unpacked; at < archive.size && mayGoOn(archive);) {
-    const ssize_t got = pread(fd, block.data(), std::min<std::uint64_t>(block.size(), archive.size - at),
+    const ssize_t got = pread(fd, block_.data(), std::min<std::uint64_t>(block_.size(), archive.size - at),
                               static_cast<off_t>(archive.offset + at));
     if (got <= 0) {
       notWhole(archive, "cannot be read to its end");
       return;
     }
     const auto bytes = static_cast<std::size_t>(got);
-    anything = anything || std::any_of(block.data(), block.data() + bytes, [](char c) { return c != 0; });
-    if (const auto written = rest.append(block.data(), bytes); !written) {
+    anything = anything || std::any_of(block_.data(), block_.data() + bytes, [](char c) { return c != 0; });
+    if (const auto written = rest.append(block_.data(), bytes); !written) {
       record_.onFailure(written.error());
       return;
     }
     at += bytes;
+    unpackedBytes_ += bytes;
   }
   if (anything && mayGoOn(archive)) {
     scanLayer(rest.fd(), archive.name, archive.place);
@@ -114,17 +110,16 @@ void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) 
 // False when a limit ends the unpacking of the archive.
 bool FileScan::copyMember(Unpacker& unpacker, const Pending& archive, TempFile& copy, std::string& sha256) {
   Digest digest(Digest::Kind::kSha256);
-  std::vector<char> block(kBlock);
   bool goesOn = true;
-  while (const std::size_t got = unpacker.read(block.data(), block.size())) {
-    digest.add(block.data(), got);
+  while (const std::size_t got = unpacker.read(block_.data(), block_.size())) {
+    digest.add(block_.data(), got);
     unpackedBytes_ += got;
     if (copy.size() + got > record_.maxFileBytes()) {
       notWhole(archive, "its member is larger than the engine's limit of " +
                             std::to_string(record_.maxFileBytes()) + " bytes");
       break;
     }
-    if (const auto written = copy.append(block.data(), got); !written) {
+    if (const auto written = copy.append(block_.data(), got); !written) {
       record_.onFailure(written.error());
       goesOn = false;
       break;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "engine/EngineLimits.h"
 #include "engine/ScanRecord.h"
@@ -24,6 +25,7 @@ class FileScan {
 
  private:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t kBlockBytes = 128 * 1024;
 
   void scanLayer(int fd, const std::string& name, const Place& place);
   void unpack(int fd, const Pending& archive);
@@ -40,6 +42,7 @@ class FileScan {
   Clock::time_point began_ = Clock::now();
   std::uint64_t members_ = 0;        // unpacked by libarchive
   std::uint64_t unpackedBytes_ = 0;  // by libarchive
+  std::vector<char> block_;          // of one copy at a time
 };
 
 }  // namespace agent

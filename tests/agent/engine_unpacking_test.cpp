@@ -111,6 +111,17 @@ TEST_F(EngineUnpacking, BytesBehindTheEndOfACompressedFileAreScanned) {
   }
 }
 
+// The limit of the fixture is 50 members.
+TEST_F(EngineUnpacking, EachOfManyCompressedFilesInAProgramIsUnpackedOnce) {
+  std::string content = program();
+  for (int i = 0; i < 20; ++i) {
+    content += "some text " + packedBy("gzip", "harmless text " + std::to_string(i));
+  }
+  const Verdict verdict = scan(content);
+  EXPECT_EQ(verdict.outcome, Outcome::kClean) << describe(verdict);
+  expectFound({"the last", content + packedBy("gzip", eicar())});
+}
+
 TEST_F(EngineUnpacking, OneZipMemberThatManyDirectoryEntriesNameIsFoundAndElseAnError) {
   const auto overlapping = [](const std::string& content) {
     const std::string one = makeZip({{"test.com", content}});
