@@ -43,7 +43,7 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_COMPRESS", "Z taz gz", false, false, Reader::kCompress},
     {"TAV_ZSTD", "zst tzst xz", false, false, Reader::kZstd},
     {"TAV_LZ4", "lz4 gz", false, false, Reader::kLz4},
-    {"TAV_RPM", "rpm cpio", false, false, Reader::kRpm},
+    {"TAV_RPM", "rpm cpio", false, true, Reader::kRpm},
     {"TAV_AR", "ar deb a tar", false, false, Reader::kAr},
     // Kinds that neither unpacker can unpack.
     {"TAV_SQUASHFS", "squashfs", false, false, Reader::kNobody},
@@ -102,8 +102,11 @@ bool isReadByLibarchive(const ArchiveKind& kind) {
   return kind.reader != Reader::kLibclamav && kind.reader != Reader::kNobody;
 }
 
-bool isCompressedFile(const ArchiveKind& kind) {
-  return kind.reader >= Reader::kGzip && kind.reader <= Reader::kLz4;
+bool mayHaveRest(const ArchiveKind& kind) {
+  constexpr Reader kReaders[] = {Reader::kGzip, Reader::kBzip2, Reader::kXz,  Reader::kLzma,
+                                 Reader::kLzip, Reader::kZstd,  Reader::kLz4, Reader::kCompress,
+                                 Reader::kCpio, Reader::kAr};
+  return std::find(std::begin(kReaders), std::end(kReaders), kind.reader) != std::end(kReaders);
 }
 
 bool mayBeInPieces(std::string_view type) {

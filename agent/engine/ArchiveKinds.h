@@ -40,7 +40,7 @@ struct ArchiveKind {
   /// settings cannot name is the nearest kind that the settings can name: both are unpacked, or neither.
   const char* endings;
   bool zip;        ///< has the layout of a zip file
-  bool mustYield;  ///< when no member comes out, libclamav did not understand the archive
+  bool mustYield;  ///< when no member comes out, the unpacker did not understand the archive
   Reader reader;
 };
 
@@ -55,8 +55,8 @@ std::string nameOf(const ArchiveKind& kind);
 /// Whether libarchive unpacks the kind.
 bool isReadByLibarchive(const ArchiveKind& kind);
 
-/// Whether libarchive unpacks the kind as one compressed file without members.
-bool isCompressedFile(const ArchiveKind& kind);
+/// Whether libarchive silently leaves out what follows the end of an archive of the kind.
+bool mayHaveRest(const ArchiveKind& kind);
 
 /// Whether a file of libclamav's type may hold the bytes of an embedded file in pieces: libclamav puts them
 /// together.

@@ -55,7 +55,9 @@ void FileScan::unpack(int fd, const Pending& archive) {
   }
   block_.resize(kBlockBytes);
   Unpacker unpacker({fd, archive.offset, archive.size}, archive.kind->reader);
+  bool any = false;
   while (unpacker.next()) {
+    any = true;
     ++members_;
     if (unpacker.isEncrypted()) {
       notWhole(archive, "encrypted: its content cannot be scanned");
@@ -73,16 +75,24 @@ void FileScan::unpack(int fd, const Pending& archive) {
   }
   const bool counts = archive.failure == Failure::kCounts ||
                       (archive.failure == Failure::kCountsIfYielded && unpacker.hasYielded());
-  if (counts && !unpacker.problem().empty()) {
-    const std::string why = "a " + nameOf(*archive.kind) + " archive that could not be unpacked whole: " +
-                            platform::visibleText(unpacker.problem());
+  if (!counts) {
+    return;
+  }
+  std::string problem = unpacker.problem();
+  if (problem.empty() && archive.kind->mustYield && !any) {
+    problem = "no member came out";
+  }
+  if (!problem.empty()) {
+    const std::string why = "a " + nameOf(*archive.kind) +
+                            " archive that could not be unpacked whole: " + platform::visibleText(problem);
     notWhole(archive, archive.otherwise.empty() ? why : archive.otherwise);
-  } else if (counts && unpacker.hasYielded() && isCompressedFile(*archive.kind)) {
+  } else if ((any || archive.kind->reader == Reader::kAr) && mayHaveRest(*archive.kind)) {
     scanRest(fd, archive, unpacker.bytesRead());
   }
 }
 
-// Other programs unpack what follows the end of a compressed file, or take the rest for another file.
+// Other programs unpack what follows the end of a compressed file or a cpio, or take the rest for another
+// file. In an ar, the rest is the part of a header: the archive is cut off.
 void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) {
   TempFile rest(tempFolder_);
   bool anything = false;
@@ -94,7 +104,8 @@ void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) 
       return;
     }
     const auto bytes = static_cast<std::size_t>(got);
-    anything = anything || std::any_of(block_.data(), block_.data() + bytes, [](char c) { return c != 0; });
+    anything = anything ||
+               std::any_of(block_.data(), block_.data() + bytes, [](char c) { return c != 0 && c != '\n'; });
     if (const auto written = rest.append(block_.data(), bytes); !written) {
       record_.onFailure(written.error());
       return;
@@ -102,7 +113,9 @@ void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) 
     at += bytes;
     unpackedBytes_ += bytes;
   }
-  if (anything && mayGoOn(archive)) {
+  if (anything && archive.kind->reader == Reader::kAr) {
+    notWhole(archive, "an ar archive that is cut off");
+  } else if (anything && mayGoOn(archive)) {
     scanLayer(rest.fd(), archive.name, archive.place);
   }
 }

@@ -123,7 +123,7 @@ struct Unpacker::Input {
 };
 
 Unpacker::Unpacker(const FileRange& range, Reader reader)
-    : input_(new Input{range, 0, {}}), archive_(archive_read_new()) {
+    : input_(new Input{range, 0, {}}), reader_(reader), archive_(archive_read_new()) {
   if (archive_ == nullptr) {
     problem_ = "no memory for the unpacker";
     return;
@@ -188,8 +188,26 @@ std::uint64_t Unpacker::bytesRead() const {
   return static_cast<std::uint64_t>(std::max<la_int64_t>(archive_filter_bytes(archive_, -1), 0));
 }
 
+// The library counts the offsets of a xar's members on from one member to the next. archive_read_data() would
+// put zeros in front of the second member.
+std::int64_t Unpacker::readBlock(char* buffer, std::size_t size) {
+  const void* block = nullptr;
+  std::size_t bytes = 0;
+  la_int64_t offset = 0;
+  const int result = archive_read_data_block(archive_, &block, &bytes, &offset);
+  if (result == ARCHIVE_EOF) {
+    return 0;
+  }
+  if (result != ARCHIVE_OK || bytes > size) {
+    return ARCHIVE_FATAL;
+  }
+  std::copy_n(static_cast<const char*>(block), bytes, buffer);
+  return static_cast<std::int64_t>(bytes);
+}
+
 std::size_t Unpacker::read(char* buffer, std::size_t size) {
-  const la_ssize_t got = archive_read_data(archive_, buffer, size);
+  const std::int64_t got =
+      reader_ == Reader::kXar ? readBlock(buffer, size) : archive_read_data(archive_, buffer, size);
   if (got > 0) {
     yielded_ = true;
     return static_cast<std::size_t>(got);

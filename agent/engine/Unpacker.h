@@ -31,7 +31,8 @@ class Unpacker {
   /// Of the current member; may be empty.
   const std::string& name() const { return name_; }
   bool isEncrypted() const { return encrypted_; }
-  /// The next bytes of the current member; 0 at its end, or where it cannot be read further.
+  /// The next bytes of the current member; 0 at its end, or where it cannot be read further. size: 128 KiB or
+  /// more.
   std::size_t read(char* buffer, std::size_t size);
 
   /// How much of the range was unpacked so far.
@@ -44,8 +45,10 @@ class Unpacker {
  private:
   struct Input;
   void fail();
+  std::int64_t readBlock(char* buffer, std::size_t size);
 
   std::unique_ptr<Input> input_;
+  Reader reader_;
   ::archive* archive_ = nullptr;
   bool open_ = false;
   bool encrypted_ = false;

@@ -288,6 +288,19 @@ TEST_F(EngineUnpacking, ATruncatedArchiveIsAnError) {
   }
 }
 
+TEST_F(EngineUnpacking, AnArOrRpmCutOffInAHeaderIsAnError) {
+  const std::string ar = archiveOf({{"a", "some text "}, {"b", eicar()}}, "ar");
+  expectError({"the first header", ar.substr(0, 20)}, "cut off");
+  expectError({"the last header", ar.substr(0, ar.rfind("`\n") - 30)}, "cut off");
+  const std::string rpm = makeRpm(packedBy("gzip", archiveOf({{"a", eicar()}}, "newc")));
+  expectError({"rpm", rpm.substr(0, 100)}, "could not be unpacked");
+  expectError({"rpm", rpm.substr(0, 112)}, "could not be unpacked");
+}
+
+TEST_F(EngineUnpacking, EachMemberOfAXarBehindTextIsScanned) {
+  expectFound({"xar", kScript + archiveOf({{"a", noise(1000)}, {"b", eicar()}}, "xar")});
+}
+
 TEST_F(EngineUnpacking, AnEncryptedMemberIsAnError) {
   const std::string zip = archiveOf({{"test.com", eicar()}}, "zip", "", "zip:encryption=aes256");
   expectError({"zip", zip}, "encrypted");
