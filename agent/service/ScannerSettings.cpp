@@ -78,7 +78,7 @@ platform::Expected<ScannerUser> readUser(const Json::Value& wanted) {
 
 platform::Expected<void> apply(const Json::Value& file, Spawner::Config& config) {
   if (file.isMember("scan_unconfined")) {
-    if (const auto read = readUnconfined(file["scan_unconfined"], config.unconfined); !read) {
+    if (auto read = readUnconfined(file["scan_unconfined"], config.unconfined); !read) {
       return read;
     }
   }

@@ -111,6 +111,7 @@ std::vector<HomeFolder> homeFolders() {
   }
   endpwent();
   std::vector<HomeFolder> result;
+  result.reserve(homes.size());
   for (auto& [path, home] : homes) {
     result.push_back(std::move(home));
   }

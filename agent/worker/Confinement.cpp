@@ -70,7 +70,7 @@ platform::Descriptor readOnlyMountOf(const std::string& folder) {
 
 // Makes the folders of an absolute path below the working folder. The path without its first separator.
 std::string makeBelowHere(const std::string& path) {
-  const std::string relative = path.substr(path.find_first_not_of('/'));
+  std::string relative = path.substr(path.find_first_not_of('/'));
   for (std::size_t end = relative.find('/'); end != std::string::npos; end = relative.find('/', end + 1)) {
     mkdir(relative.substr(0, end).c_str(), 0755);
   }

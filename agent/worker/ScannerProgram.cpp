@@ -32,7 +32,8 @@ constexpr const char* kEncodings[] = {
 void loadLibraryFiles() {
   cl_init(CL_INIT_DEFAULT);
   for (const char* encoding : kEncodings) {
-    iconv_open("UTF-8", encoding);  // not closed: the module would be unloaded
+    [[maybe_unused]] const iconv_t kept =
+        iconv_open("UTF-8", encoding);  // not closed: the module would be unloaded
   }
 }
 
