@@ -34,6 +34,7 @@ struct Attempt {
   const char* name;
   const char* call;          ///< that the filter refuses; null: the call is made, and fails
   bool (*succeeds)(int fd);  ///< fd: the file of the scan
+  bool needsMemoryLimit = false;
 };
 
 inline bool opens(const std::string& path, int flags) {
@@ -161,12 +162,14 @@ inline const Attempt kAttempts[] = {
        const rlimit all{RLIM_INFINITY, RLIM_INFINITY};
        return setrlimit(RLIMIT_DATA, &all) == 0 || setrlimit(RLIMIT_NPROC, &all) == 0 ||
               setrlimit(RLIMIT_CORE, &all) == 0;
-     }},
+     },
+     true},
     {"TakeMemory", nullptr,
      [](int) {
        return mmap(nullptr, std::size_t{4} << 30, PROT_READ | PROT_WRITE,
                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) != MAP_FAILED;
-     }},
+     },
+     true},
     {"TakeDescriptors", nullptr,
      [](int fd) {
        int count = 0;

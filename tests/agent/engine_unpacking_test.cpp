@@ -389,8 +389,8 @@ TEST_F(EngineUnpacking, OrdinaryProgramsAndTextsWithMagicBytesAreClean) {
     const Verdict verdict = scan(readFile(path));
     EXPECT_EQ(verdict.outcome, Outcome::kClean) << path << describe(verdict);
   }
-  const std::string magics =
-      std::string("7z\xBC\xAF\x27\x1C Rar!\x1A\x07\0 PK\5\6 hsqs MSWIM ustar 070701", 45);
+  using namespace std::string_literals;
+  const std::string magics = "7z\xBC\xAF\x27\x1C Rar!\x1A\x07\0 PK\5\6 hsqs MSWIM ustar 070701"s;
   const Verdict verdict = scan("a list of magic bytes: " + magics + noise(3000));
   EXPECT_EQ(verdict.outcome, Outcome::kClean) << describe(verdict);
 }
