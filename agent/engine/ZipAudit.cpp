@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -29,19 +30,19 @@ constexpr std::size_t kDirectoryEndBytes = 22;
 constexpr std::size_t kDirectoryEnd64Bytes = 56;
 constexpr std::size_t kLocator64Bytes = 20;
 constexpr std::uint32_t kSizesFollow = 1U << 3;  // flag: the local header may leave the sizes out
-constexpr std::size_t kLongestComment = 0xFFFF;
+constexpr std::size_t kSearched = 66000;         // bytes before the end, as far as any program looks back
 
 // The methods that libclamav unpacks. libclamav silently skips members of any other method.
 constexpr std::array<std::uint16_t, 5> kMethods = {0 /*stored*/, 6 /*imploded*/, 8 /*deflated*/,
                                                    9 /*deflated, 64 KiB window*/, 12 /*bzip2*/};
 
-// The last end record before `limit` that the longest comment allows.
+// The last end record before `limit`, near the end.
 std::optional<std::uint64_t> findDirectoryEnd(const Bytes& zip, std::uint64_t limit) {
   if (zip.size() < kDirectoryEndBytes) {
     return std::nullopt;
   }
   const std::uint64_t last = zip.size() - kDirectoryEndBytes;
-  const std::uint64_t first = last > kLongestComment ? last - kLongestComment : 0;
+  const std::uint64_t first = last > kSearched ? last - kSearched : 0;
   // Most files have no end record, and a search forwards says so fast.
   if (zip.text(first, zip.size() - first).find("PK\5\6") == std::string_view::npos) {
     return std::nullopt;
@@ -55,7 +56,9 @@ std::optional<std::uint64_t> findDirectoryEnd(const Bytes& zip, std::uint64_t li
 }
 
 struct Member {
-  std::uint32_t method, packedBytes, bytes, localOffset;
+  std::uint32_t method;
+  std::uint64_t packedBytes, bytes, localOffset;
+  bool is64;  // the numbers come from the 64-bit extra field
   std::string name;
 };
 
@@ -85,35 +88,88 @@ void leaveOut(Audit& audit, const Member& entry, const std::string& how) {
 }
 
 constexpr const char* kSize64 = "has a 64-bit size: not unpacked";
+constexpr const char* kTwoDirectories = "the archive has two directories: damaged or forged";
 
 // libclamav unpacks by the local header, other programs by the directory. When the two differ, another
 // program may unpack content that libclamav has not seen.
 Expected<void> auditLocalHeader(const Bytes& zip, const Member& entry, std::uint64_t local, Audit& audit) {
   const std::uint32_t flags = zip.at16(local + 6), method = zip.at16(local + 8);
   const std::uint32_t packedBytes = zip.at32(local + 18), bytes = zip.at32(local + 22);
-  if (packedBytes == kSizeElsewhere || bytes == kSizeElsewhere) {
+  const bool is64 = packedBytes == kSizeElsewhere || bytes == kSizeElsewhere;
+  if (is64) {
     leaveOut(audit, entry, kSize64);
-    return {};
   }
-  const bool sameSizes = packedBytes == entry.packedBytes && bytes == entry.bytes;
+  const bool sameSizes = is64 || (packedBytes == entry.packedBytes && bytes == entry.bytes);
   if (method != entry.method || (!sameSizes && (flags & kSizesFollow) == 0)) {
     return memberFails(entry, "is described in two ways: the archive is damaged or forged");
   }
   return {};
 }
 
+// A number of a directory entry. 0xFFFFFFFF refers to the next number of the 64-bit extra field.
+class Numbers {
+ public:
+  Numbers(const Bytes& zip, std::uint64_t extra, std::size_t extraBytes) : zip_(zip) {
+    constexpr std::uint32_t kNumbers64 = 1;
+    for (std::uint64_t at = extra; at + 4 <= extra + extraBytes; at += 4 + std::uint64_t{zip.at16(at + 2)}) {
+      if (zip.at16(at) == kNumbers64 && at + 4 + zip.at16(at + 2) <= extra + extraBytes) {
+        next_ = at + 4;
+        end_ = next_ + zip.at16(at + 2);
+        return;
+      }
+    }
+  }
+  std::uint64_t at32(std::uint64_t offset) {
+    const std::uint32_t number = zip_.at32(offset);
+    if (number != kSizeElsewhere) {
+      return number;
+    }
+    any64_ = true;
+    missing_ = missing_ || next_ + 8 > end_;
+    next_ += 8;
+    return missing_ ? 0 : zip_.at64(next_ - 8);
+  }
+  bool any64() const { return any64_; }
+  bool missing() const { return missing_; }
+
+ private:
+  const Bytes& zip_;
+  std::uint64_t next_ = 0, end_ = 0;
+  bool any64_ = false, missing_ = false;
+};
+
+// The member of a directory entry, whose fixed part lies within the file.
+Expected<Member> readMember(const Bytes& zip, std::uint64_t at) {
+  const std::size_t nameBytes = zip.at16(at + 28), extraBytes = zip.at16(at + 30);
+  const std::uint64_t extra = at + kDirectoryEntryBytes + nameBytes;
+  if (!zip.has(at + kDirectoryEntryBytes, nameBytes + extraBytes)) {
+    return failure("the archive's directory is damaged");
+  }
+  Numbers numbers(zip, extra, extraBytes);
+  const std::uint64_t bytes = numbers.at32(at + 24), packedBytes = numbers.at32(at + 20);
+  Member member{zip.at16(at + 10),
+                packedBytes,
+                bytes,
+                numbers.at32(at + 42),
+                numbers.any64(),
+                platform::visibleText(zip.text(at + kDirectoryEntryBytes, nameBytes))};
+  if (numbers.missing()) {
+    return memberFails(member, std::string(kSize64) + ", and the size is missing");
+  }
+  return member;
+}
+
 // entry: as the directory describes the member; start: where the archive begins in the file.
 Expected<void> auditMember(const Bytes& zip, const Member& entry, std::uint64_t start, Audit& audit) {
-  if (entry.bytes == kSizeElsewhere || entry.packedBytes == kSizeElsewhere ||
-      entry.localOffset == kSizeElsewhere) {
+  if (entry.is64) {
     leaveOut(audit, entry, kSize64);
-    return {};
   }
   if (!isUnpacked(entry.method)) {
     leaveOut(audit, entry, "is packed by method " + std::to_string(entry.method) + ": not unpacked");
   }
   const std::uint64_t local = start + entry.localOffset;
-  if (!zip.has(local, kLocalHeaderBytes) || zip.at32(local) != kLocalHeader) {
+  if (entry.localOffset > zip.size() || !zip.has(local, kLocalHeaderBytes) ||
+      zip.at32(local) != kLocalHeader) {
     return memberFails(entry, "is not where the directory says: the archive is damaged or cut off");
   }
   if (auto audited = auditLocalHeader(zip, entry, local, audit); !audited) {
@@ -128,63 +184,143 @@ Expected<void> auditMember(const Bytes& zip, const Member& entry, std::uint64_t 
 }
 
 // libclamav gives up an archive whose members overlap. Such an archive is small, and large when unpacked.
-Expected<void> auditOverlap(std::vector<Range> members) {
-  std::sort(members.begin(), members.end(), [](const Range& a, const Range& b) { return a.begin < b.begin; });
+Expected<void> auditOverlap(const std::vector<Range>& members) {
   const auto overlap = std::adjacent_find(members.begin(), members.end(),
                                           [](const Range& a, const Range& b) { return b.begin < a.end; });
   return overlap == members.end() ? Expected<void>{}
                                   : failure("the archive's members overlap: damaged or forged");
 }
 
+// Whether a member's header stands in bytes that belong to no member. In front of an archive, a program may
+// hold the magic bytes.
+bool hidesMember(const Bytes& zip, const Range& gap, bool isFront) {
+  const auto bytes = zip.text(gap.begin, static_cast<std::size_t>(gap.end - gap.begin));
+  for (auto at = bytes.find("PK\3\4"); at != std::string_view::npos; at = bytes.find("PK\3\4", at + 1)) {
+    const Bytes header = zip.from(gap.begin + at);
+    // Packaging tools for mobile applications fill gaps with headers of no name and no content.
+    const bool filler = header.has(0, kLocalHeaderBytes) && header.at32(18) == 0 && header.at16(26) == 0 &&
+                        (header.at16(6) & kSizesFollow) == 0;
+    if (!filler && (!isFront || isZipMember(header))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Programs that walk from one local header to the next unpack members that the directory does not name.
+Expected<void> auditGaps(const Bytes& zip, const std::vector<Range>& members, std::uint64_t directoryAt) {
+  std::uint64_t at = 0;
+  const bool zipAtBeginning = zip.text(0, 2) == "PK";
+  for (std::size_t i = 0; i <= members.size(); ++i) {
+    const std::uint64_t end = i < members.size() ? members[i].begin : directoryAt;
+    if (at < end && hidesMember(zip, {at, end}, i == 0 && !zipAtBeginning)) {
+      return failure(
+          i == 0 ? "the archive's directory names none of its members, or not the first: damaged or forged"
+                 : "the archive holds a member that its directory does not name: damaged or forged");
+    }
+    at = i < members.size() ? members[i].end : at;
+  }
+  return {};
+}
+
 struct Directory {
   std::uint64_t at = 0, end = 0;  ///< in the file
   std::uint64_t start = 0;        ///< of the archive: other data may precede it
-  std::uint64_t count = 0;        ///< of its entries
-  bool countIsWhole = false;      ///< else `count` holds only the low 16 bits
-  bool is64 = false;              ///< of the 64-bit format; the other members are not set
+  std::uint64_t bytes = 0, offset = 0;
+  std::uint64_t count = 0;    ///< of its entries
+  bool countIsWhole = false;  ///< else `count` holds only the low 16 bits
+  bool is64 = false;          ///< libclamav does not understand it
 };
 
-// The 64-bit end record stands between the directory and the plain end record. False for a 64-bit record that
-// does not repeat the plain record, except for the number of members.
-bool readEnd64(const Bytes& zip, std::uint64_t end, Directory& directory) {
-  if (end < kLocator64Bytes || zip.at32(end - kLocator64Bytes) != kLocator64) {
-    return true;
-  }
-  const std::uint64_t both = kLocator64Bytes + kDirectoryEnd64Bytes;
-  const std::uint64_t record = end < both ? 0 : end - both;
-  const bool plain = end >= both && zip.at32(record) == kDirectoryEnd64 &&
-                     zip.at64(record + 4) == kDirectoryEnd64Bytes - 12 &&
-                     zip.at64(record + 40) == zip.at32(end + 12) &&
-                     zip.at64(record + 48) == zip.at32(end + 16);
-  if (plain) {
-    directory.end = record;
-    directory.count = zip.at64(record + 32);
-    directory.countIsWhole = true;
-  }
-  return plain;
+bool hasLocator64(const Bytes& zip, std::uint64_t end) {
+  return end >= kLocator64Bytes && zip.at32(end - kLocator64Bytes) == kLocator64;
 }
 
-Expected<void> readEnd(const Bytes& zip, std::uint64_t end, Directory& directory) {
-  const std::uint32_t bytes = zip.at32(end + 12);
-  const std::uint32_t offset = zip.at32(end + 16);
-  if (bytes == kSizeElsewhere || offset == kSizeElsewhere) {
-    directory.is64 = true;
-    return {};
+// The 64-bit end record stands between the directory and the plain end record. False when the two differ.
+bool readEnd64(const Bytes& zip, Directory& directory) {
+  const std::uint64_t both = kLocator64Bytes + kDirectoryEnd64Bytes;
+  if (directory.end < both || !hasLocator64(zip, directory.end)) {
+    return false;
   }
+  const auto isRepeated = [](std::uint64_t plain, std::uint64_t number) {
+    return plain == kSizeElsewhere || plain == number;
+  };
+  const std::uint64_t record = directory.end - both;
+  const std::uint64_t bytes = zip.at64(record + 40), offset = zip.at64(record + 48);
+  if (zip.at32(record) != kDirectoryEnd64 || zip.at64(record + 4) != kDirectoryEnd64Bytes - 12 ||
+      !isRepeated(directory.bytes, bytes) || !isRepeated(directory.offset, offset)) {
+    return false;
+  }
+  directory.end = record;
+  directory.bytes = bytes;
+  directory.offset = offset;
+  directory.count = zip.at64(record + 32);
+  directory.countIsWhole = true;
+  return true;
+}
+
+Expected<Directory> readEnd(const Bytes& zip, std::uint64_t end) {
+  Directory directory;
   directory.end = end;
   directory.count = zip.at16(end + 10);
-  if (!readEnd64(zip, end, directory)) {
-    directory.is64 = true;
-    return {};
+  directory.bytes = zip.at32(end + 12);
+  directory.offset = zip.at32(end + 16);
+  directory.is64 = directory.bytes == kSizeElsewhere || directory.offset == kSizeElsewhere;
+  if ((directory.is64 || hasLocator64(zip, end)) && !readEnd64(zip, directory)) {
+    return failure("the archive has a 64-bit directory that is described in two ways: damaged or forged");
   }
-  if (std::uint64_t{bytes} + offset > directory.end) {
+  if (directory.bytes > directory.end || directory.offset > directory.end - directory.bytes) {
     return failure("the archive's directory is not where it says: damaged or cut off");
   }
-  directory.at = directory.end - bytes;
-  directory.start = directory.at - offset;
+  directory.at = directory.end - directory.bytes;
+  directory.start = directory.at - directory.offset;
   // libclamav trusts the offset, whatever the size says.
-  if (directory.start != 0 && zip.has(offset, 4) && zip.at32(offset) == kDirectoryEntry) {
-    return failure("the archive has two directories: damaged or forged");
+  if (directory.start != 0 && zip.has(directory.offset, 4) && zip.at32(directory.offset) == kDirectoryEntry) {
+    return failure(kTwoDirectories);
+  }
+  return directory;
+}
+
+// Whether the end record belongs to a directory with members.
+bool leadsToDirectory(const Bytes& zip, std::uint64_t end) {
+  const auto hasEntry = [&zip](std::uint64_t at) {
+    return zip.has(at, 4) && zip.at32(at) == kDirectoryEntry;
+  };
+  const std::uint64_t bytes = zip.at32(end + 12), offset = zip.at32(end + 16);
+  return hasLocator64(zip, end) || (bytes <= end && bytes != 0 && hasEntry(end - bytes)) || hasEntry(offset);
+}
+
+// Some programs take the first end record, others the last.
+Expected<void> auditEnds(const Bytes& zip, const std::vector<Range>& members, std::uint64_t end) {
+  for (auto other = findDirectoryEnd(zip, end); other; other = findDirectoryEnd(zip, *other)) {
+    const auto behind = std::upper_bound(members.begin(), members.end(), *other,
+                                         [](std::uint64_t at, const Range& m) { return at < m.begin; });
+    const bool inMember = behind != members.begin() && *other < std::prev(behind)->end;
+    if (!inMember && leadsToDirectory(zip, *other)) {
+      return failure(kTwoDirectories);
+    }
+  }
+  return {};
+}
+
+Expected<void> auditEntries(const Bytes& zip, const Directory& directory, Audit& audit) {
+  std::uint64_t walked = 0;
+  for (std::uint64_t at = directory.at; at < directory.end; ++walked) {
+    if (!zip.has(at, kDirectoryEntryBytes) || zip.at32(at) != kDirectoryEntry) {
+      break;  // a signature may follow the entries
+    }
+    const auto entry = readMember(zip, at);
+    if (!entry) {
+      return failure(entry.error());
+    }
+    if (auto audited = auditMember(zip, *entry, directory.start, audit); !audited) {
+      return audited;
+    }
+    at += kDirectoryEntryBytes + zip.at16(at + 28) + zip.at16(at + 30) + zip.at16(at + 32);
+  }
+  if ((directory.countIsWhole ? walked : walked & 0xFFFF) != directory.count) {
+    return failure("the archive's directory has " + std::to_string(walked) + " entries and says " +
+                   std::to_string(directory.count) + ": damaged or forged");
   }
   return {};
 }
@@ -197,55 +333,49 @@ platform::Expected<std::string> auditZip(const char* data, std::size_t size) {
   if (!end) {
     return failure("the archive has no directory: damaged or cut off");
   }
-  Directory directory;
-  if (auto read = readEnd(zip, *end, directory); !read) {
-    return failure(read.error());
-  }
-  if (directory.is64) {
-    return "the archive has a 64-bit directory: not unpacked";
+  const auto directory = readEnd(zip, *end);
+  if (!directory) {
+    return failure(directory.error());
   }
   Audit audit;
-  std::uint64_t walked = 0;
-  for (std::uint64_t at = directory.at; at < directory.end; ++walked) {
-    if (!zip.has(at, kDirectoryEntryBytes) || zip.at32(at) != kDirectoryEntry) {
-      break;  // a signature may follow the entries
-    }
-    const std::size_t nameBytes = zip.at16(at + 28);
-    if (!zip.has(at + kDirectoryEntryBytes, nameBytes)) {
-      return failure("the archive's directory is damaged");
-    }
-    const Member entry{zip.at16(at + 10), zip.at32(at + 20), zip.at32(at + 24), zip.at32(at + 42),
-                       platform::visibleText(zip.text(at + kDirectoryEntryBytes, nameBytes))};
-    if (auto audited = auditMember(zip, entry, directory.start, audit); !audited) {
-      return failure(audited.error());
-    }
-    at += kDirectoryEntryBytes + nameBytes + zip.at16(at + 30) + zip.at16(at + 32);
+  if (directory->is64) {
+    audit.leftOut = "the archive has a 64-bit directory: not unpacked";
   }
-  if ((directory.countIsWhole ? walked : walked & 0xFFFF) != directory.count) {
-    return failure("the archive's directory has " + std::to_string(walked) + " entries and says " +
-                   std::to_string(directory.count) + ": damaged or forged");
+  auto audited = auditEntries(zip, *directory, audit);
+  std::sort(audit.members.begin(), audit.members.end(),
+            [](const Range& a, const Range& b) { return a.begin < b.begin; });
+  if (audited) {
+    audited = auditOverlap(audit.members);
   }
-  // The directory may be that of a stored zip inside, in front of the place where the archive was cut off.
-  const bool firstIsNamed = std::any_of(audit.members.begin(), audit.members.end(),
-                                        [](const Range& member) { return member.begin == 0; });
-  if (audit.leftOut.empty() && !firstIsNamed && zip.at32(0) == kLocalHeader) {
-    return failure("the archive's directory names none of its members, or not the first: damaged or forged");
+  if (audited) {
+    audited = auditGaps(zip, audit.members, directory->at);
   }
-  if (auto audited = auditOverlap(std::move(audit.members)); !audited) {
+  if (audited) {
+    audited = auditEnds(zip, audit.members, *end);
+  }
+  if (!audited) {
     return failure(audited.error());
   }
   return audit.leftOut;
 }
 
+bool isZipMember(const Bytes& a) {
+  constexpr std::size_t kHeader = 30;
+  if (!a.has(0, kHeader) || a.at8(4) > 63 || a.at16(8) > 99) {
+    return false;
+  }
+  const std::size_t nameBytes = a.at16(26);
+  if (nameBytes == 0 || nameBytes > 1024 || !a.has(kHeader, nameBytes)) {
+    return false;
+  }
+  const auto name = a.text(kHeader, nameBytes);
+  return std::none_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; });
+}
+
 bool hasZipDirectory(const char* data, std::size_t size) {
   const Bytes zip(data, size);
-  const auto hasEntry = [&zip](std::uint64_t at) {
-    return zip.has(at, 4) && zip.at32(at) == kDirectoryEntry;
-  };
   for (auto end = findDirectoryEnd(zip, zip.size()); end; end = findDirectoryEnd(zip, *end)) {
-    const std::uint64_t bytes = zip.at32(*end + 12), offset = zip.at32(*end + 16);
-    const bool has64 = *end >= kLocator64Bytes && zip.at32(*end - kLocator64Bytes) == kLocator64;
-    if (has64 || (bytes <= *end && bytes != 0 && hasEntry(*end - bytes)) || hasEntry(offset)) {
+    if (leadsToDirectory(zip, *end)) {
       return true;
     }
   }

@@ -144,6 +144,14 @@ TEST(ZipAudit, AMemberWhoseLocalHeaderDiffersIsAProblem) {
   }
 }
 
+// A number in a zip, of two or four bytes.
+std::string changed(std::string zip, std::size_t at, std::size_t bytes, std::uint64_t value) {
+  for (std::size_t i = 0; i < bytes; ++i) {
+    zip[at + i] = static_cast<char>(value >> (8 * i) & 0xFF);
+  }
+  return zip;
+}
+
 // The start of the directory in a zip that a test made.
 std::size_t directoryOf(const std::string& zip) {
   return zip.find("PK\1\2");
@@ -160,12 +168,56 @@ TEST(ZipAudit, AnArchiveWithTwoDirectoriesIsAProblem) {
   EXPECT_THAT(audit(otherwise), HasSubstr("or not the first")) << "what stands there is no directory";
 }
 
-// A number in a zip, of two or four bytes.
-std::string changed(std::string zip, std::size_t at, std::size_t bytes, std::uint64_t value) {
-  for (std::size_t i = 0; i < bytes; ++i) {
-    zip[at + i] = static_cast<char>(value >> (8 * i) & 0xFF);
-  }
+constexpr const char* kUnnamed = "a member that its directory does not name";
+
+// Before the directory of a zip that a test made, with the directory's place put right.
+std::string withGap(std::string zip, const std::string& gap) {
+  const std::size_t at = directoryOf(zip);
+  zip.insert(at, gap);
+  zip[zip.size() - 6] = static_cast<char>((at + gap.size()) & 0xFF);
+  zip[zip.size() - 5] = static_cast<char>((at + gap.size()) >> 8 & 0xFF);
   return zip;
+}
+
+TEST(ZipAudit, AMemberThatTheDirectoryDoesNotNameIsAProblem) {
+  const std::string members = kNotUnpacked.substr(0, directoryOf(kNotUnpacked));
+  EXPECT_EQ(audit(withGap(kHonest, "some bytes")), "");
+  EXPECT_THAT(audit(withGap(kHonest, members)), HasSubstr(kUnnamed));
+  EXPECT_THAT(audit(withGap(makeZip({{"one.txt", "content", true, true}}), members)), HasSubstr(kUnnamed));
+  for (const char* front : {"", "PK00", "PK\7\10", "#!/bin/sh\n"}) {
+    EXPECT_THAT(audit(front + members + kHonest), HasSubstr("or not the first")) << front;
+    EXPECT_EQ(audit(front + kHonest), "") << front;
+  }
+}
+
+TEST(ZipAudit, MagicBytesInAProgramInFrontAndAFillerBetweenMembersAreNoProblem) {
+  EXPECT_EQ(audit("a program with PK\3\4 in it" + std::string(40, '\0') + kHonest), "");
+  std::string filler("PK\3\4", 4);
+  filler.resize(30 + 12);
+  filler[28] = 12;
+  EXPECT_EQ(audit(withGap(kHonest, filler)), "");
+  filler[18] = 12;
+  EXPECT_THAT(audit(withGap(kHonest, filler)), HasSubstr(kUnnamed)) << "with content";
+}
+
+TEST(ZipAudit, TwoEndRecordsWithMembersAreAProblem) {
+  const std::string two = makeZip({{"a", "content of a"}, {"b", "content of b"}});
+  const std::string one = makeZip({{"a", "content of a"}});
+  const std::string directory =
+      changed(one.substr(directoryOf(one)), one.size() - directoryOf(one) - 6, 4, two.size());
+  EXPECT_NE(audit(two + directory), "");
+  EXPECT_EQ(audit(makeZip({{.name = "inner.zip", .content = two, .deflate = false}})), "");
+  EXPECT_NE(audit("text " + two + std::string("PK\5\6", 4) + std::string(18, '\0')), "");
+}
+
+TEST(ZipAudit, ADirectoryOfTheSixtyFourBitFormatIsAudited) {
+  const auto with64 = [](const std::string& zip) {
+    return changed(changed(zip, zip.size() - 10, 4, 0xFFFFFFFF), zip.size() - 6, 4, 0xFFFFFFFF);
+  };
+  EXPECT_EQ(audit(with64(makeZip({{"one.txt", "content of one"}}, true))),
+            "the archive has a 64-bit directory: not unpacked");
+  EXPECT_THAT(audit(with64(makeZip({{.name = "a", .content = "b", .localMethod = 14}}, true))),
+              HasSubstr("described in two ways"));
 }
 
 TEST(ZipAudit, EachNumberThatRefersToTheSixtyFourBitFormatIsAProblem) {
@@ -219,7 +271,8 @@ TEST(ZipAudit, ExtraFieldsCommentsAndADirectorySignatureAreNoProblem) {
 
 TEST(ZipAudit, TheEndRecordIsFoundBeforeTheLongestComment) {
   EXPECT_EQ(audit(kHonest + std::string(0xFFFF, 'c')), "");
-  EXPECT_THAT(audit(kHonest + std::string(0x10000, 'c')), HasSubstr("no directory"));
+  EXPECT_EQ(audit(kHonest + std::string(65700, 'c')), "") << "some programs look further back";
+  EXPECT_THAT(audit(kHonest + std::string(66001, 'c')), HasSubstr("no directory"));
 }
 
 TEST(ZipAudit, TheDirectoryOfAZipInAZipIsNotTakenForTheOuterOne) {
