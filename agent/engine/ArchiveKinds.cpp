@@ -110,10 +110,8 @@ bool mayHaveRest(const ArchiveKind& kind) {
 }
 
 bool mayBeInPieces(std::string_view type) {
-  constexpr std::string_view kTypes[] = {"CL_TYPE_MSOLE2", "CL_TYPE_MHTML",   "CL_TYPE_MAIL",
-                                         "CL_TYPE_TNEF",   "CL_TYPE_ISO9660", "CL_TYPE_UDF",
-                                         "CL_TYPE_MBR",    "CL_TYPE_GPT",     "CL_TYPE_APM",
-                                         "CL_TYPE_DMG",    "CL_TYPE_MSCHM",   "CL_TYPE_ONENOTE"};
+  constexpr std::string_view kTypes[] = {"CL_TYPE_MSOLE2", "CL_TYPE_UDF", "CL_TYPE_MBR",
+                                         "CL_TYPE_GPT",    "CL_TYPE_APM", "CL_TYPE_DMG"};
   return std::find(std::begin(kTypes), std::end(kTypes), type) != std::end(kTypes) ||
          type.starts_with("CL_TYPE_PART_");
 }

@@ -312,8 +312,8 @@ platform::Expected<std::unique_ptr<Engine>> Engine::load(const Config& config) {
                  : system.present() ? SystemDatabase::kLeftOut
                                     : SystemDatabase::kNone;
   state.count = loaded->count;
-  state.version = sha256Of(std::string(cl_retver()) + '\n' + shipped.contentKey() +
-                           (withSystem ? system.contentKey() : std::string{}));
+  state.version = sha256Of(std::string(cl_retver()) + '\n' + unpackerVersion() + '\n' + kAuditVersion + '\n' +
+                           shipped.contentKey() + (withSystem ? system.contentKey() : std::string{}));
   state.detail = std::to_string(state.count) + " signatures" +
                  (withSystem ? " from " + system.path() + " and " + shipped.path()
                              : " from " + shipped.path() + " alone: " + leftOut);

@@ -9,7 +9,6 @@
 #include "platform/Text.h"
 
 namespace agent {
-
 std::chrono::milliseconds FileScan::timeLeft() const {
   const auto used = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began_);
   return std::max(std::chrono::milliseconds(limits_.maxScanMs) - used, std::chrono::milliseconds(0));
@@ -28,9 +27,10 @@ void FileScan::notWhole(const Pending& archive, const std::string& why) {
   record_.notWhole(archive.name, archive.place.level - 1, why);
 }
 
-// False, with the reason in the record, when a limit is reached.
+// False, with the reason in the record, when a limit is reached. After a detection, the rest cannot change
+// the outcome.
 bool FileScan::mayGoOn(const Pending& archive) {
-  if (record_.tempFull()) {
+  if (record_.tempFull() || record_.hasDetection()) {
     return false;
   }
   if (timeLeft().count() == 0) {
@@ -46,12 +46,26 @@ bool FileScan::mayGoOn(const Pending& archive) {
 }
 
 void FileScan::unpack(int fd, const Pending& archive) {
+  std::uint64_t unpacked = unpackFrom(fd, archive);
+  // Those that the first one has not reached.
+  Pending other = archive;
+  for (const std::uint64_t offset : archive.later) {
+    if (offset >= unpacked) {
+      other.offset = archive.offset + offset;
+      other.size = archive.size - offset;
+      unpacked = offset + unpackFrom(fd, other);
+    }
+  }
+}
+
+// Returns how much of the archive was unpacked.
+std::uint64_t FileScan::unpackFrom(int fd, const Pending& archive) {
   if (!mayGoOn(archive)) {
-    return;
+    return archive.size;
   }
   if (archive.place.level > limits_.maxRecursion) {
     notWhole(archive, "nested deeper than the engine's limit");
-    return;
+    return archive.size;
   }
   block_.resize(kBlockBytes);
   Unpacker unpacker({fd, archive.offset, archive.size}, archive.kind->reader);
@@ -59,27 +73,49 @@ void FileScan::unpack(int fd, const Pending& archive) {
   while (unpacker.next()) {
     any = true;
     ++members_;
-    if (unpacker.isEncrypted()) {
-      notWhole(archive, "encrypted: its content cannot be scanned");
-    }
-    TempFile copy(tempFolder_);
-    std::string sha256;
-    const bool goesOn = copyMember(unpacker, archive, copy, sha256);
-    if (copy.size() > 0 && !record_.tempFull() && !record_.isKnown(sha256)) {
-      const std::string name = unpacker.name().empty() ? archive.name : unpacker.name();
-      scanLayer(copy.fd(), name, archive.place);
-    }
-    if (!goesOn || !mayGoOn(archive)) {
-      return;
+    if (!unpackMember(unpacker, archive) || !mayGoOn(archive)) {
+      return archive.size;
     }
   }
   const bool counts = archive.failure == Failure::kCounts ||
                       (archive.failure == Failure::kCountsIfYielded && unpacker.hasYielded());
-  if (!counts) {
-    return;
+  if (counts) {
+    endOf(fd, archive, unpacker, any);
   }
+  return unpacker.bytesRead();
+}
+
+// False when a limit ends the unpacking of the archive.
+bool FileScan::unpackMember(Unpacker& unpacker, const Pending& archive) {
+  if (unpacker.isEncrypted()) {
+    notWhole(archive, "encrypted: its content cannot be scanned");
+  }
+  TempFile copy(tempFolder_);
+  std::string sha256;
+  const bool isCutLink = unpacker.isCutLink();
+  const bool goesOn = copyMember(unpacker, archive, copy, sha256);
+  if (copy.size() == 0 || record_.tempFull()) {
+    return goesOn;
+  }
+  if (isCutLink) {
+    cutLinks_.insert(sha256);
+  }
+  // libclamav unpacks a link whole. What both unpack alike is not cut.
+  if (!record_.takeUnpacked(sha256) && cutLinks_.count(sha256) != 0) {
+    notWhole(archive, "a symbolic link whose content may be longer than its target");
+  }
+  if (!record_.isKnown(sha256)) {
+    scanLayer(copy.fd(), unpacker.name().empty() ? archive.name : unpacker.name(), archive.place);
+  }
+  return goesOn;
+}
+
+// All members were unpacked, or no more could be.
+void FileScan::endOf(int fd, const Pending& archive, const Unpacker& unpacker, bool any) {
   std::string problem = unpacker.problem();
-  if (problem.empty() && archive.kind->mustYield && !any) {
+  // A zip is pending only when its directory has members.
+  const bool mustYield = archive.kind->mustYield || archive.kind->reader == Reader::kZip;
+  if (problem.empty() && mustYield && !any) {
     problem = "no member came out";
   }
   if (!problem.empty()) {
@@ -130,6 +166,7 @@ bool FileScan::copyMember(Unpacker& unpacker, const Pending& archive, TempFile& 
     if (copy.size() + got > record_.maxFileBytes()) {
       notWhole(archive, "its member is larger than the engine's limit of " +
                             std::to_string(record_.maxFileBytes()) + " bytes");
+      goesOn = archive.kind->reader == Reader::kZip;  // in others, the rest would be unpacked at once
       break;
     }
     if (const auto written = copy.append(block_.data(), got); !written) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "engine/Bytes.h"
+#include "engine/ZipAudit.h"
 
 namespace agent {
 namespace {
@@ -139,20 +140,6 @@ bool isExt(const Bytes& a) {
          a.at16(kSuperblock + 58) <= 7 && a.at32(kSuperblock + 76) <= 1;
 }
 
-// A member's header. Its name is short and holds no control characters.
-bool isZipMember(const Bytes& a) {
-  constexpr std::size_t kHeader = 30;
-  if (!a.has(0, kHeader) || a.at8(4) > 63 || a.at16(8) > 99) {
-    return false;
-  }
-  const std::size_t nameBytes = a.at16(26);
-  if (nameBytes == 0 || nameBytes > 1024 || !a.has(kHeader, nameBytes)) {
-    return false;
-  }
-  const auto name = a.text(kHeader, nameBytes);
-  return std::none_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; });
-}
-
 struct Magic {
   const char* type;
   std::size_t offset;  ///< of the bytes from the beginning of the archive
@@ -241,7 +228,7 @@ void addBeginning(const Bytes& layer, Contents& contents) {
     const bool known = std::any_of(contents.parts.begin(), contents.parts.end(),
                                    [kind](const Part& p) { return p.kind->reader == kind->reader; });
     if (!known) {
-      contents.parts.push_back({kind, 0, failure});
+      contents.parts.push_back({kind, 0, failure, {}});
     }
   };
   for (const auto& magic : kMagics) {
@@ -277,13 +264,46 @@ const SearchedPairs& searchedPairs() {
   return pairs;
 }
 
-void addAt(const Bytes& layer, std::size_t at, bool onlyCertain, Contents& contents) {
+// What is searched for behind the beginning.
+struct Search {
+  bool onlyCertain = false;  // and tar and cpio
+  bool tarAndCpio = true;
+};
+
+bool isTarOrCpio(Reader reader) {
+  return reader == Reader::kTar || reader == Reader::kCpio;
+}
+
+bool isWanted(const Magic& magic, Reader reader, const Search& search) {
+  if (magic.where == Where::kBeginning) {
+    return false;
+  }
+  return isTarOrCpio(reader) ? search.tarAndCpio : magic.sign == Sign::kCertain || !search.onlyCertain;
+}
+
+// Each member of a tar or a cpio has a header. Those of a tar stand at multiples of the block.
+bool addToLast(const ArchiveKind* kind, std::uint64_t at, Contents& contents) {
+  const auto last = std::find_if(contents.parts.rbegin(), contents.parts.rend(), [&](const Part& part) {
+    return part.kind->reader == kind->reader && part.offset > 0 &&
+           (kind->reader == Reader::kCpio || (at - part.offset) % kTarBlock == 0);
+  });
+  if (!isTarOrCpio(kind->reader) || last == contents.parts.rend()) {
+    return false;
+  }
+  last->later.push_back(at - last->offset);
+  return true;
+}
+
+void addAt(const Bytes& layer, std::size_t at, const Search& search, Contents& contents) {
   for (const auto& magic : kMagics) {
-    const bool wanted = magic.where != Where::kBeginning && (magic.sign == Sign::kCertain || !onlyCertain);
-    if (!wanted || at <= magic.offset || !matches(magic, layer.from(at - magic.offset))) {
+    const ArchiveKind* kind = archiveKindOf(magic.type);
+    if (!isWanted(magic, kind->reader, search) || at <= magic.offset ||
+        !matches(magic, layer.from(at - magic.offset))) {
       continue;
     }
-    const ArchiveKind* kind = archiveKindOf(magic.type);
+    if (addToLast(kind, at - magic.offset, contents)) {
+      continue;
+    }
     // Each member of a zip has a header. The first is the beginning.
     if (kind->reader == Reader::kZipStream && std::exchange(contents.hasZipStream, true)) {
       continue;
@@ -293,13 +313,13 @@ void addAt(const Bytes& layer, std::size_t at, bool onlyCertain, Contents& conte
       return;
     }
     contents.parts.push_back(
-        {kind, at - magic.offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored});
+        {kind, at - magic.offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored, {}});
   }
 }
 
 // Calls addAt for each place where a magic may begin. The test of two pairs without a branch between them
 // takes half the time of a branch for each pair.
-void addBehind(const Bytes& layer, bool onlyCertain, Contents& contents) {
+void addBehind(const Bytes& layer, const Search& search, Contents& contents) {
   const std::uint8_t* first = searchedPairs().first.data();
   const std::uint8_t* second = searchedPairs().second.data();
   const auto* bytes = reinterpret_cast<const unsigned char*>(layer.text(0, layer.size()).data());
@@ -307,7 +327,7 @@ void addBehind(const Bytes& layer, bool onlyCertain, Contents& contents) {
   for (std::size_t at = 1; at + 2 < end; ++at) {
     const unsigned pair = bytes[at] | bytes[at + 1] << 8U, next = bytes[at + 1] | bytes[at + 2] << 8U;
     if ((first[pair] & second[next]) != 0) {
-      addAt(layer, at, onlyCertain, contents);
+      addAt(layer, at, search, contents);
     }
   }
 }
@@ -319,9 +339,17 @@ Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind) {
   Contents contents;
   addBeginning(layer, contents);
   const auto isArchive = [](const Part& part) { return part.failure == Failure::kCounts; };
-  const bool onlyCertain =
-      kind != nullptr || std::any_of(contents.parts.begin(), contents.parts.end(), isArchive);
-  addBehind(layer, onlyCertain, contents);
+  const auto isMadeOfMembers = [&isArchive](const Part& part) {
+    return isArchive(part) && isTarOrCpio(part.kind->reader);
+  };
+  const auto& begin = contents.parts;
+  // libclamav calls a file an archive by its first bytes. libarchive and the audit of zips look at the whole.
+  const bool isAudited = kind != nullptr && isReadByLibarchive(*kind);
+  addBehind(layer,
+            {isAudited || std::any_of(begin.begin(), begin.end(), isArchive),
+             (kind == nullptr || !isTarOrCpio(kind->reader)) &&
+                 std::none_of(begin.begin(), begin.end(), isMadeOfMembers)},
+            contents);
   return contents;
 }
 

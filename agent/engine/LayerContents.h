@@ -9,7 +9,8 @@
 namespace agent {
 
 /// When an archive that cannot be unpacked whole makes the scan an error. Bytes of no archive may look like
-/// the beginning of one.
+/// the beginning of one. A limit and an encrypted member always make the scan an error: something came out,
+/// or might have.
 enum class Failure : std::uint8_t { kCounts, kCountsIfYielded, kIgnored };
 
 /// An archive that begins in a layer.
@@ -17,6 +18,9 @@ struct Part {
   const ArchiveKind* kind = nullptr;
   std::uint64_t offset = 0;
   Failure failure = Failure::kCounts;
+  /// Of a tar or cpio behind the beginning: where else one may begin, from `offset`. Mostly the members of
+  /// the first.
+  std::vector<std::uint64_t> later;
 };
 
 struct Contents {
@@ -26,9 +30,9 @@ struct Contents {
 };
 
 /// Finds archives by their magic bytes, whatever type libclamav gives the layer. kind: libclamav's for the
-/// layer; null: no archive. Behind the beginning of an archive, only kinds with certain signs are listed. Zip
-/// files with a directory are not listed as such: ZipAudit.h finds them by their end. Never reads outside the
-/// buffer.
+/// layer; null: no archive. Behind the beginning of an archive, only kinds with certain signs are listed, and
+/// tar and cpio, which other programs search for in any file. Zip files with a directory are not listed as
+/// such: ZipAudit.h finds them by their end. Never reads outside the buffer.
 Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind);
 
 }  // namespace agent

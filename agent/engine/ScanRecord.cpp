@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "engine/Digest.h"
+#include "engine/OnePiece.h"
 #include "engine/ZipAudit.h"
 #include "platform/Text.h"
 
@@ -51,22 +52,25 @@ std::uint32_t ScanRecord::archivesAround(std::uint32_t level) const {
                                                   [](const Open& o) { return o.kind != nullptr; }));
 }
 
-bool ScanRecord::mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes) {
-  const std::uint32_t level = base_.level + layer.level;
+bool ScanRecord::mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes,
+                           Reported reported) {
+  std::string why;
+  std::string* into = &skipped_;
   if (!options_.archives) {
-    leaveOut(layer.name, level, "an archive (" + nameOf(kind) + "), and archives are not unpacked", skipped_);
+    why = "an archive (" + nameOf(kind) + "), and archives are not unpacked";
   } else if (!isAmong(kind, options_.archiveFormats)) {
-    leaveOut(layer.name, level, "an archive of a kind that is not unpacked (" + nameOf(kind) + ")", skipped_);
+    why = "an archive of a kind that is not unpacked (" + nameOf(kind) + ")";
   } else if (options_.maxArchiveBytes != 0 && archiveBytes > options_.maxArchiveBytes) {
-    leaveOut(
-        layer.name, level,
-        "an archive larger than the " + std::to_string(options_.maxArchiveBytes) + " bytes that are unpacked",
-        skipped_);
+    why =
+        "an archive larger than the " + std::to_string(options_.maxArchiveBytes) + " bytes that are unpacked";
   } else if (archivesAround(layer.level) >= options_.maxLayers) {
-    leaveOut(layer.name, level,
-             "archives nested deeper than " + std::to_string(options_.maxLayers) + " layers", error_);
+    why = "archives nested deeper than " + std::to_string(options_.maxLayers) + " layers";
+    into = &error_;
   } else {
     return true;
+  }
+  if (reported == Reported::kYes || into == &error_) {
+    leaveOut(layer.name, base_.level + layer.level, why, *into);
   }
   return false;
 }
@@ -81,11 +85,14 @@ bool ScanRecord::onLayer(const Layer& layer) {
   bool insidePending = false;
   for (std::size_t i = 0; i < layer.level; ++i) {
     open_[i].entered = true;  // libclamav skips a level for an archive behind a program's code
-    open_[i].yielded = true;
-    insidePending = insidePending || open_[i].pending;
+    const bool libraryAlone = open_[i].kind != nullptr && open_[i].kind->reader == Reader::kLibclamav;
+    open_[i].yielded = open_[i].yielded || !libraryAlone || i + 1 == layer.level;
+    insidePending = insidePending || open_[i].pending || open_[i].partPending;
   }
-  if (insidePending && layer.data != nullptr) {
-    known_.insert(sha256Of({layer.data, layer.size}));
+  if (layer.data == nullptr && layer.size > 0) {
+    leaveOut(layer.name, level, "cannot be read", error_);
+  } else if (insidePending) {
+    ++known_[sha256Of({layer.data, layer.size})];
   }
   const ArchiveKind* kind = archiveKindOf(layer.type);
   const Contents contents = layer.data == nullptr ? Contents{} : lookInto(layer.data, layer.size, kind);
@@ -93,12 +100,12 @@ bool ScanRecord::onLayer(const Layer& layer) {
       contents.parts[0].failure == Failure::kCounts && contents.parts[0].kind->reader != Reader::kNobody) {
     kind = contents.parts[0].kind;
   }
-  open_[layer.level] = Open{kind, true, false, false, std::string(layer.name)};
+  open_[layer.level] = Open{kind, true, false, false, false, std::string(layer.name)};
   if (level > 0 && layer.size >= maxFileBytes_) {
     leaveOut(layer.name, level, "cut at the engine's limit of " + std::to_string(maxFileBytes_) + " bytes",
              error_);
   }
-  if (kind != nullptr && !mayUnpack(*kind, layer, layer.size)) {
+  if (kind != nullptr && !mayUnpack(*kind, layer, layer.size, Reported::kYes)) {
     open_[layer.level].yielded = true;
     return false;
   }
@@ -119,16 +126,13 @@ void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Conte
                "an archive of a kind that cannot be unpacked (" + nameOf(*part.kind) + ")", skipped_);
       continue;
     }
-    if (part.kind->reader == Reader::kZipStream && hasZipDirectory(layer.data, layer.size)) {
-      continue;  // see lookForZip
-    }
     const bool isLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
     kindIsListed = kindIsListed || isLayer;
     // libclamav's type settles what the bytes leave open.
-    unpackLater(layer, kind, isLayer ? Part{part.kind, 0, Failure::kCounts} : part, {});
+    unpackLater(layer, kind, isLayer ? Part{part.kind, 0, Failure::kCounts, part.later} : part, {});
   }
   if (!kindIsListed) {
-    unpackLater(layer, kind, {kind, 0, Failure::kCounts}, {});
+    unpackLater(layer, kind, {kind, 0, Failure::kCounts, {}}, {});
   }
   if (contents.tooMany) {
     leaveOut(layer.name, base_.level + layer.level, "more archives in it than the engine's limit", error_);
@@ -140,7 +144,7 @@ void ScanRecord::lookForZip(const Layer& layer, const ArchiveKind* kind) {
   if (!isZip && !hasZipDirectory(layer.data, layer.size)) {
     return;
   }
-  const Part zip{archiveKindOf("CL_TYPE_ZIP"), 0, Failure::kCounts};
+  const Part zip{archiveKindOf("CL_TYPE_ZIP"), 0, Failure::kCounts, {}};
   const auto audited = auditZip(layer.data, layer.size);
   if (!audited) {
     leaveOut(layer.name, base_.level + layer.level, audited.error(), error_);
@@ -155,18 +159,19 @@ void ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const 
                              std::string otherwise) {
   const bool isWholeLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
   const std::uint64_t bytes = layer.size - part.offset;
-  if (part.failure == Failure::kIgnored && !options_.archives) {
-    return;
-  }
-  if ((!isWholeLayer && !mayUnpack(*part.kind, layer, bytes)) || !keepLayer(layer)) {
+  const bool inPieces = part.offset > 0 && mayBeInPieces(layer.type) &&
+                        !isInOnePiece(part.kind->reader, Bytes(layer.data, layer.size).from(part.offset));
+  const Failure failure = inPieces ? Failure::kIgnored : part.failure;
+  // What only looks like an archive is not reported as one.
+  const auto reported = failure == Failure::kIgnored ? Reported::kNo : Reported::kYes;
+  if ((!isWholeLayer && !mayUnpack(*part.kind, layer, bytes, reported)) || !keepLayer(layer)) {
     return;
   }
   const bool kept = layer.level > 0;
-  const Failure failure = mayBeInPieces(layer.type) && part.offset > 0 ? Failure::kIgnored : part.failure;
-  open_[layer.level].pending = true;
+  (isWholeLayer ? open_[layer.level].pending : open_[layer.level].partPending) = true;
   const Place members{base_.level + layer.level + 1, archivesAround(layer.level) + 1};
   pending_.push_back({part.kind, std::string(layer.name), members, kept, (kept ? keptAt_ : 0) + part.offset,
-                      bytes, failure, std::move(otherwise)});
+                      bytes, part.later, failure, std::move(otherwise)});
 }
 
 // libclamav's copy of a layer is gone when its scan ends.
@@ -183,6 +188,15 @@ bool ScanRecord::keepLayer(const Layer& layer) {
     return false;
   }
   layerIsKept_ = true;
+  return true;
+}
+
+bool ScanRecord::takeUnpacked(const std::string& sha256) {
+  const auto found = known_.find(sha256);
+  if (found == known_.end() || found->second == 0) {
+    return false;
+  }
+  --found->second;
   return true;
 }
 

@@ -2,7 +2,7 @@
 
 #include <array>
 #include <cstdint>
-#include <set>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -15,6 +15,10 @@
 #include "engine/TempFile.h"
 
 namespace agent {
+
+/// Part of the version of results. Changed with each change of a table or a rule that may turn a clean file
+/// into an error.
+inline constexpr const char* kAuditVersion = "2";
 
 /// The place of a layer in the file.
 struct Place {
@@ -29,6 +33,7 @@ struct Pending {
   Place place;        ///< of the archive's members
   bool kept = false;  ///< in the file of kept layers; else in the scanned file
   std::uint64_t offset = 0, size = 0;
+  std::vector<std::uint64_t> later;  ///< further beginnings, by their offset from `offset`
   Failure failure = Failure::kCounts;
   std::string otherwise;  ///< the reason for an archive that cannot be unpacked; empty: the unpacker's
 };
@@ -68,7 +73,10 @@ class ScanRecord {
     leaveOut(name, level, why, error_);
   }
   /// True when libclamav has scanned, or will scan, a layer with this SHA-256; else remembers the layer.
-  bool isKnown(const std::string& sha256) { return !known_.insert(sha256).second; }
+  bool isKnown(const std::string& sha256) { return !known_.try_emplace(sha256, 0).second; }
+  /// Whether libclamav has unpacked a layer with this SHA-256 by itself. Each layer answers once.
+  bool takeUnpacked(const std::string& sha256);
+  bool hasDetection() const { return !detections_.empty(); }
 
   /// All scans have ended. failure: as for end().
   Verdict finish(std::string_view failure);
@@ -81,15 +89,18 @@ class ScanRecord {
   static constexpr std::size_t kLevels = 128;  // more than libclamav's own limit
   struct Open {
     const ArchiveKind* kind = nullptr;
-    bool entered = false;  // the scan is inside this level
-    bool yielded = false;  // a member of the archive was scanned, or the archive is left out
-    bool pending = false;  // libarchive unpacks the archive after the scan
+    bool entered = false;      // the scan is inside this level
+    bool yielded = false;      // a member of the archive was scanned, or the archive is left out
+    bool pending = false;      // libarchive unpacks the archive after the scan
+    bool partPending = false;  // libarchive unpacks an archive in it after the scan
     std::string name;
   };
 
   void closeFrom(std::size_t level);
   std::uint32_t archivesAround(std::uint32_t level) const;
-  bool mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes);
+  enum class Reported : bool { kNo, kYes };
+  /// reported: a reason against it goes into the record.
+  bool mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes, Reported reported);
   void lookAt(const Layer& layer, const ArchiveKind* kind, const Contents& contents);
   void lookForZip(const Layer& layer, const ArchiveKind* kind);
   void unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part, std::string otherwise);
@@ -107,9 +118,9 @@ class ScanRecord {
   bool layerIsKept_ = false;  // the current layer, at keptAt_
   std::vector<Pending> pending_;
   bool anyZipPending_ = false;
-  std::set<std::string> known_;
-  std::string error_;    // the first reason why the file was not scanned whole; empty: none
-  std::string skipped_;  // the first reason from the settings; empty: none
+  std::map<std::string, unsigned> known_;  // SHA-256; how often libclamav has unpacked the layer
+  std::string error_;                      // the first reason why the file was not scanned whole; empty: none
+  std::string skipped_;                    // the first reason from the settings; empty: none
   bool tempFull_ = false;
 };
 

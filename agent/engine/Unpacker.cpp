@@ -14,6 +14,7 @@ namespace agent {
 namespace {
 
 constexpr std::size_t kBlock = 64 * 1024;
+constexpr int kMostFailures = 1000;  // of headers in a row: the library goes on by a block of 512 bytes
 
 // How libarchive is told to read a kind. filter: its number; the content is then one member without a format.
 struct ReaderRow {
@@ -75,7 +76,20 @@ std::string nameOfEntry(archive_entry* entry) {
   return name == nullptr ? std::string{} : name;
 }
 
+// Of the kinds that store the target of a symbolic link as a member's content, or in place of it.
+std::string linkOf(archive_entry* entry, Reader reader) {
+  constexpr Reader kStoring[] = {Reader::kZip, Reader::kZipStream, Reader::kSevenZip, Reader::kRar,
+                                 Reader::kCpio};
+  const bool isContent = std::find(std::begin(kStoring), std::end(kStoring), reader) != std::end(kStoring);
+  const char* link = isContent ? archive_entry_symlink(entry) : nullptr;
+  return link == nullptr ? std::string{} : link;
+}
+
 }  // namespace
+
+std::string unpackerVersion() {
+  return archive_version_details();
+}
 
 // The library's input: reads the range, and knows the position.
 struct Unpacker::Input {
@@ -161,9 +175,22 @@ void Unpacker::fail() {
   }
 }
 
+// headerBytes: how much of the range the library took for the member's header.
+bool Unpacker::isCut(std::uint64_t headerBytes) const {
+  constexpr std::uint64_t kPlainHeader = 512;  // and the padding around it
+  if (link_.empty()) {
+    return false;
+  }
+  if (reader_ == Reader::kCpio) {
+    return headerBytes > kPlainHeader + name_.size() + link_.size();
+  }
+  return archive_format(archive_) != ARCHIVE_FORMAT_RAR_V5;  // its header has the target
+}
+
 bool Unpacker::next() {
-  while (open_) {
+  for (int failures = 0; open_ && failures < kMostFailures; ++failures) {
     archive_entry* entry = nullptr;
+    const std::uint64_t before = bytesRead();
     const int result = archive_read_next_header(archive_, &entry);
     if (result == ARCHIVE_EOF) {
       break;
@@ -177,6 +204,8 @@ bool Unpacker::next() {
     if (result == ARCHIVE_OK || result == ARCHIVE_WARN) {
       name_ = nameOfEntry(entry);
       encrypted_ = archive_entry_is_encrypted(entry) != 0;
+      link_ = linkOf(entry, reader_);
+      cutLink_ = isCut(bytesRead() - before);
       return true;
     }
   }
@@ -206,6 +235,13 @@ std::int64_t Unpacker::readBlock(char* buffer, std::size_t size) {
 }
 
 std::size_t Unpacker::read(char* buffer, std::size_t size) {
+  if (!link_.empty()) {
+    const std::size_t got = std::min(size, link_.size());
+    std::copy_n(link_.begin(), got, buffer);
+    link_.erase(0, got);
+    yielded_ = true;
+    return got;
+  }
   const std::int64_t got =
       reader_ == Reader::kXar ? readBlock(buffer, size) : archive_read_data(archive_, buffer, size);
   if (got > 0) {

@@ -11,6 +11,9 @@ struct archive;  // of libarchive
 
 namespace agent {
 
+/// The version of the library that unpacks.
+std::string unpackerVersion();
+
 /// A range of an open file. The descriptor stays its owner's; its position does not change.
 struct FileRange {
   int fd = -1;
@@ -31,6 +34,9 @@ class Unpacker {
   /// Of the current member; may be empty.
   const std::string& name() const { return name_; }
   bool isEncrypted() const { return encrypted_; }
+  /// Whether the current member is a symbolic link whose content may be longer than what read() gives: the
+  /// library ends it at the first zero byte. Some programs write such a member as an ordinary file.
+  bool isCutLink() const { return cutLink_; }
   /// The next bytes of the current member; 0 at its end, or where it cannot be read further. size: 128 KiB or
   /// more.
   std::size_t read(char* buffer, std::size_t size);
@@ -45,6 +51,7 @@ class Unpacker {
  private:
   struct Input;
   void fail();
+  bool isCut(std::uint64_t headerBytes) const;
   std::int64_t readBlock(char* buffer, std::size_t size);
 
   std::unique_ptr<Input> input_;
@@ -53,7 +60,9 @@ class Unpacker {
   bool open_ = false;
   bool encrypted_ = false;
   bool yielded_ = false;
+  bool cutLink_ = false;
   std::string name_, problem_;
+  std::string link_;  // what read() has not given yet
 };
 
 }  // namespace agent

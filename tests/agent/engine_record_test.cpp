@@ -17,8 +17,11 @@ constexpr std::uint64_t kFileLimit = 1000;
 
 class ScanRecords : public ::testing::Test {
  protected:
-  bool layer(const char* type, const char* name, std::uint32_t level, std::size_t size = 10) {
-    return record_.onLayer({type, name, level, nullptr, size});
+  bool layer(const char* type, const char* name, std::uint32_t level, std::size_t size = 30) {
+    std::string content(size, 'x');
+    const auto end = testsupport::makeZip({});
+    content.replace(size - end.size(), end.size(), end);  // also as the content of a zip
+    return record_.onLayer({type, name, level, content.data(), size});
   }
   void expect(Outcome outcome, const std::string& reason = "", const std::string& failure = "") {
     const Verdict verdict = record_.finish(failure);
@@ -165,6 +168,13 @@ TEST_F(ScanRecords, AnAlertForLeftOutContentIsNoDetectionInAStrongScanEither) {
   options_.enabledEngines = ~0U;
   record_.onFind("Heuristics.Limits.Exceeded.MaxFiles");
   expect(Outcome::kError, "more members than the engine's limit");
+}
+
+TEST_F(ScanRecords, ALayerThatCannotBeReadIsAnError) {
+  EXPECT_TRUE(record_.onLayer({"CL_TYPE_ANY", "outer", 0, nullptr, 0}));
+  EXPECT_EQ(ScanRecord(record_).finish("").outcome, Outcome::kClean);
+  EXPECT_TRUE(record_.onLayer({"CL_TYPE_ANY", "inner", 1, nullptr, 10}));
+  expect(Outcome::kError, "\"inner\" inside: cannot be read");
 }
 
 TEST_F(ScanRecords, UpToThirtyTwoDetectionsOfAFileAreReportedEachOnce) {

@@ -1,8 +1,17 @@
 // What libclamav does not unpack, or unpacks in part: the audit of each layer, and the second unpacker.
 
+#include <clamav.h>
 #include <gmock/gmock.h>
+#include <zlib.h>
+
+#include <array>
+#include <cstdio>
 
 #include "EngineFixture.h"
+#include "engine/Digest.h"
+#include "engine/ScanRecord.h"
+#include "engine/SignatureFolder.h"
+#include "engine/Unpacker.h"
 #include "support/LibarchiveMaker.h"
 
 namespace agent {
@@ -101,6 +110,194 @@ TEST_F(EngineUnpacking, AZipCutOffBehindAStoredZipIsAnError) {
   inner.deflate = false;
   const std::string zip = makeZip({inner, {"b.bin", noise(5000)}});
   expectError({"zip", zip.substr(0, 2000)}, "not the first");
+}
+
+// A number in an archive, of up to eight bytes.
+std::string changed(std::string archive, std::size_t at, std::size_t bytes, std::uint64_t value) {
+  for (std::size_t i = 0; i < bytes; ++i) {
+    archive[at + i] = static_cast<char>(value >> (8 * i) & 0xFF);
+  }
+  return archive;
+}
+
+// Bytes before the directory of a zip, with the directory's place put right.
+std::string withGap(const std::string& zip, const std::string& gap) {
+  const std::size_t at = zip.find("PK\1\2");
+  return changed(zip.substr(0, at) + gap + zip.substr(at), zip.size() + gap.size() - 6, 4, at + gap.size());
+}
+
+const std::string kEmptyEnd = std::string("PK\5\6", 4) + std::string(18, '\0');
+
+TEST_F(EngineUnpacking, AZipBehindTextIsUnpackedWhateverEndRecordFollows) {
+  expectFound({"lzma", kScript + lzmaZip(eicar()) + kEmptyEnd});
+  expectError({"encrypted", kScript + encryptedZip() + kEmptyEnd}, "");
+  ZipMember shrunk{"test.com", eicar()};
+  shrunk.method = 1;
+  expectError({"shrunk", kScript + makeZip({shrunk}) + kEmptyEnd}, "");
+  expectError({"far from the end", kScript + makeZip({shrunk}) + std::string(65700, ' ')}, "method 1");
+}
+
+TEST_F(EngineUnpacking, AZipMemberThatTheDirectoryDoesNotNameIsAnError) {
+  const std::string honest = makeZip({{"a.txt", "some text"}}), hidden = lzmaZip(eicar());
+  const std::string members = hidden.substr(0, hidden.find("PK\1\2"));
+  expectError({"between", withGap(honest, members)}, "does not name");
+  expectError({"in front", "PK00" + members + honest}, "not the first");
+  expectError({"in a zip", makeZip({{"inner", withGap(honest, members)}})}, "does not name");
+}
+
+// The zip's only member, marked as a symbolic link of Unix.
+std::string asLink(const std::string& zip) {
+  const std::size_t entry = zip.find("PK\1\2");
+  return changed(changed(zip, entry + 5, 1, 3), entry + 38, 4, 0xA1ED0000);
+}
+
+// The library hands out the content of a link as its target.
+TEST_F(EngineUnpacking, AZipMemberThatIsMarkedAsASymbolicLinkIsScanned) {
+  ZipMember large{"test.com", eicar()};
+  large.deflate = false;
+  large.sizes64 = true;
+  expectFound({"64-bit size", asLink(makeZip({large}))});
+  expectFound({"behind text", kScript + asLink(makeZip({large}))});
+  expectFound({"lzma behind text", kScript + asLink(lzmaZip(eicar()))});
+  expectError({"lzma", asLink(lzmaZip(eicar()))}, "");
+}
+
+TEST_F(EngineUnpacking, ASymbolicLinkThatMayHoldMoreThanItsTargetIsAnError) {
+  const std::string target = "harmless", cut = target + std::string(1, '\0') + packedBy("zstd", eicar());
+  ZipMember large{"test.com", cut};
+  large.deflate = false;
+  large.sizes64 = true;
+  expectError({"zip", asLink(makeZip({large}))}, "symbolic link");
+  expectError({"with its target as a member", asLink(makeZip({large, {"target", target}}))}, "symbolic link");
+  const std::string honest = asLink(makeZip({{"link", target}}));
+  EXPECT_EQ(scan(honest).outcome, Outcome::kClean);
+}
+
+std::string newcMember(const std::string& name, const std::string& content, unsigned mode) {
+  std::array<char, 120> header{};
+  std::snprintf(header.data(), header.size(), "070701%08x%08x%08x%08x%08x%08x%08x%08x%08x%08x%08x%08x%08x", 1,
+                mode, 0, 0, 1, 0, static_cast<unsigned>(content.size()), 0, 0, 0, 0,
+                static_cast<unsigned>(name.size() + 1), 0);
+  const auto padded = [](std::string text) {
+    text.append((4 - text.size() % 4) % 4, '\0');
+    return text;
+  };
+  return padded(header.data() + name + '\0') + padded(content);
+}
+
+TEST_F(EngineUnpacking, SymbolicLinksOfACpioAreCleanUnlessTheyHoldMoreThanATarget) {
+  const std::string end = newcMember("TRAILER!!!", "", 0);
+  const auto link = [&end](const std::string& target) {
+    return newcMember("a", "some text", 0100644) + newcMember("link", target, 0120777) + end;
+  };
+  const Verdict verdict = scan(link("../some/target"));
+  EXPECT_EQ(verdict.outcome, Outcome::kClean) << describe(verdict);
+  expectFound({"target", link(eicar())});
+  expectError({"more", link("harmless" + std::string(1, '\0') + noise(5000))}, "symbolic link");
+}
+
+// The magic bytes make the library call the file an archive.
+TEST_F(EngineUnpacking, ATarOrCpioInAFileThatLooksLikeAnotherArchiveIsUnpacked) {
+  const std::string tar = makeTar({{"a", eicar()}}), cpio = archiveOf({{"a", eicar()}}, "newc");
+  expectFound({"tar", "SZDD" + std::string(508, '\0') + tar});
+  expectFound({"cpio", "SZDD junk" + cpio});
+  expectFound({"gz", "SZDD junk" + packedBy("gzip", eicar())});
+  const std::string zip = makeZip({{"a.txt", "some text"}});
+  expectFound({"in a zip", withGap(zip, std::string(512 - zip.find("PK\1\2"), '\0') + tar)});
+  std::string gzip = packedBy("gzip", "some text");
+  gzip[3] = static_cast<char>(gzip[3] | 4);
+  gzip.insert(10, changed(std::string(2, '\0'), 0, 2, cpio.size()) + cpio);
+  expectFound({"in a gzip's header", gzip});
+}
+
+TEST_F(EngineUnpacking, AnArchiveBehindTheFirstWordOfAMailThatCannotBeUnpackedIsAnError) {
+  const std::string sevenZip = makeSevenZip({{"a", "\4\1\11", "packed by no one", eicar().size()}});
+  std::string rar = makeRar("test.com", eicar());
+  rar = changed(rar, 7 + 3, 1, 0x80);  // encrypted headers
+  const auto crc = crc32(0, reinterpret_cast<const Bytef*>(rar.data()) + 9, 11);
+  rar = changed(rar, 7, 2, crc & 0xFFFF);
+  const std::string boot = std::string(510, '\0') + "\x55\xAA";
+  const std::string document = "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1" + std::string(504, '\0');
+  for (const std::string& front : {std::string("To: you\n"), std::string("From me\n"), boot, document}) {
+    expectError({"7z", front + sevenZip}, "");
+    expectError({"rar", front + rar}, "");
+  }
+}
+
+TEST_F(EngineUnpacking, AnArchiveThatNobodyUnpacksIsAnErrorWhateverFollows) {
+  const std::string lzh = std::string("\x20\0-lh5-", 7) + std::string(2000, '\xFF');
+  expectError({"lzh", lzh}, "could not be unpacked");
+  expectError({"and a rar", lzh + makeRar("a.txt", "some text")}, "could not be unpacked");
+  expectError({"and a 7z", lzh + makeSevenZip({{"a.txt", std::string(1, '\0'), "some text", 9}})},
+              "could not be unpacked");
+}
+
+// The limit of the fixture is 50 members.
+TEST_F(EngineUnpacking, ATarOrCpioBehindTextIsUnpackedOnce) {
+  testsupport::Members members;
+  for (int i = 0; i < 30; ++i) {
+    members.emplace_back("member" + std::to_string(i), "text " + std::to_string(i));
+  }
+  for (const char* format : {"ustar", "newc"}) {
+    const Verdict verdict = scan(kScript + archiveOf(members, format));
+    EXPECT_EQ(verdict.outcome, Outcome::kClean) << format << describe(verdict);
+  }
+}
+
+TEST_F(EngineUnpacking, ATarOrCpioBehindADamagedOneIsUnpacked) {
+  const std::string front(512, ' '), end(1024, '\0');
+  const std::string damaged =
+      makeTarMember("x", "12 size=none\n", 'x') + makeTarMember("longer", std::string(3, '\xFF'), 'L');
+  expectFound({"tar", front + damaged + makeTar({{"a", eicar()}})});
+  expectFound({"tar far behind",
+               front + makeTar({{"b", "text"}}) + std::string(600 * 1024, 'x') + makeTar({{"a", eicar()}})});
+  expectFound({"cpio", front + archiveOf({{"b", "text"}}, "newc") + archiveOf({{"a", eicar()}}, "newc")});
+}
+
+TEST_F(EngineUnpacking, TheUnpackerEndsBehindAThousandDamagedHeaders) {
+  const std::string path = dir().write("x.tar", makeTar({{"a", "text"}}) + std::string(2U << 20, 'x'));
+  const platform::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  Unpacker unpacker({file.get(), 0, std::filesystem::file_size(path)}, Reader::kTar);
+  int members = 0;
+  while (unpacker.next()) {
+    ++members;
+  }
+  EXPECT_EQ(members, 1);
+  EXPECT_NE(unpacker.problem(), "");
+  EXPECT_LT(unpacker.bytesRead(), 1U << 20);
+}
+
+// What follows in the same stream would have to be unpacked without a limit.
+TEST_F(EngineUnpacking, AMemberAboveTheLimitEndsTheUnpackingOfAStream) {
+  const testsupport::Members members{{"large", std::string(2U << 20, '\0')}, {"test.com", eicar()}};
+  expectError({"7z", archiveOf(members, "7zip", "", "7zip:compression=bzip2")},
+              "larger than the engine's limit");
+}
+
+TEST_F(EngineUnpacking, ADetectionEndsTheWork) {
+  const Verdict verdict = scan(makeTar({{"a", eicar()}, {"b", packedBy("lzma", genericSample())}}));
+  EXPECT_EQ(verdict.outcome, Outcome::kInfected);
+  EXPECT_EQ(verdict.detections.size(), 1U);
+}
+
+TEST_F(EngineUnpacking, BytesThatOnlyLookLikeAnArchiveAreNotReportedAsSkipped) {
+  ScanOptions listed, small;
+  listed.archiveFormats = {"zip"};
+  small.maxArchiveBytes = 1000;
+  const std::string content = program() + std::string("\x1F\x8B\x08\0", 4) + noise(5000);
+  for (const ScanOptions& options : {listed, small}) {
+    const Verdict verdict = scan(content, options);
+    EXPECT_EQ(verdict.outcome, Outcome::kClean) << describe(verdict);
+  }
+}
+
+// Results of other unpackers or rules do not hold.
+TEST_F(EngineUnpacking, TheVersionOfResultsDependsOnTheUnpackerAndTheRules) {
+  engine();
+  const std::string signatures = SignatureFolder(testing::kShippedSignatures).contentKey();
+  EXPECT_NE(unpackerVersion(), "");
+  EXPECT_EQ(state().version, sha256Of(std::string(cl_retver()) + '\n' + unpackerVersion() + '\n' +
+                                      kAuditVersion + '\n' + signatures));
 }
 
 TEST_F(EngineUnpacking, BytesBehindTheEndOfACompressedFileAreScanned) {
