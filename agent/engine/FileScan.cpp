@@ -68,17 +68,19 @@ std::uint64_t FileScan::unpackFrom(int fd, const Pending& archive) {
     return archive.size;
   }
   block_.resize(kBlockBytes);
+  std::size_t links = archive.links;
   Unpacker unpacker({fd, archive.offset, archive.size}, archive.kind->reader);
   bool any = false;
   while (unpacker.next()) {
     any = true;
     ++members_;
-    if (!unpackMember(unpacker, archive) || !mayGoOn(archive)) {
+    if (!unpackMember(unpacker, archive, links) || !mayGoOn(archive)) {
       return archive.size;
     }
   }
   const bool counts = archive.failure == Failure::kCounts ||
-                      (archive.failure == Failure::kCountsIfYielded && unpacker.hasYielded());
+                      (archive.failure == Failure::kCountsIfYielded && unpacker.hasYielded()) ||
+                      (archive.failure == Failure::kCountsUnlessYielded && !unpacker.hasYielded());
   if (counts) {
     endOf(fd, archive, unpacker, any);
   }
@@ -86,7 +88,7 @@ std::uint64_t FileScan::unpackFrom(int fd, const Pending& archive) {
 }
 
 // False when a limit ends the unpacking of the archive.
-bool FileScan::unpackMember(Unpacker& unpacker, const Pending& archive) {
+bool FileScan::unpackMember(Unpacker& unpacker, const Pending& archive, std::size_t& links) {
   if (unpacker.isEncrypted()) {
     notWhole(archive, "encrypted: its content cannot be scanned");
   }
@@ -97,17 +99,26 @@ bool FileScan::unpackMember(Unpacker& unpacker, const Pending& archive) {
   if (copy.size() == 0 || record_.tempFull()) {
     return goesOn;
   }
-  if (isCutLink) {
-    cutLinks_.insert(sha256);
-  }
-  // libclamav unpacks a link whole. What both unpack alike is not cut.
-  if (!record_.takeUnpacked(sha256) && cutLinks_.count(sha256) != 0) {
+  if (!isWhole(archive, isCutLink, ScanRecord::layerKey(sha256, copy.size()), links)) {
     notWhole(archive, "a symbolic link whose content may be longer than its target");
   }
   if (!record_.isKnown(sha256)) {
     scanLayer(copy.fd(), unpacker.name().empty() ? archive.name : unpacker.name(), archive.place);
   }
   return goesOn;
+}
+
+// links: of a zip, that are unpacked besides and were not met yet. libclamav, too, unpacks a link whole: what
+// both unpack alike is not cut.
+bool FileScan::isWhole(const Pending& archive, bool isCutLink, const std::string& memberKey,
+                       std::size_t& links) {
+  if (archive.kind->reader == Reader::kZip) {
+    return !isCutLink || links-- > 0;
+  }
+  if (isCutLink) {
+    cutLinks_.insert(memberKey);
+  }
+  return record_.takeUnpacked(memberKey) || cutLinks_.count(memberKey) == 0;
 }
 
 // All members were unpacked, or no more could be.

@@ -31,7 +31,8 @@ class FileScan {
   void scanLayer(int fd, const std::string& name, const Place& place);
   void unpack(int fd, const Pending& archive);
   std::uint64_t unpackFrom(int fd, const Pending& archive);
-  bool unpackMember(Unpacker& unpacker, const Pending& archive);
+  bool unpackMember(Unpacker& unpacker, const Pending& archive, std::size_t& links);
+  bool isWhole(const Pending& archive, bool isCutLink, const std::string& memberKey, std::size_t& links);
   void endOf(int fd, const Pending& archive, const Unpacker& unpacker, bool any);
   void scanRest(int fd, const Pending& archive, std::uint64_t unpacked);
   bool mayGoOn(const Pending& archive);
@@ -46,7 +47,7 @@ class FileScan {
   Clock::time_point began_ = Clock::now();
   std::uint64_t members_ = 0;        // unpacked by libarchive
   std::uint64_t unpackedBytes_ = 0;  // by libarchive
-  std::set<std::string> cutLinks_;   // SHA-256 of what came out of them
+  std::set<std::string> cutLinks_;   // what came out of them
   std::vector<char> block_;          // of one copy at a time
 };
 

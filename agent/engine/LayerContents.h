@@ -11,7 +11,7 @@ namespace agent {
 /// When an archive that cannot be unpacked whole makes the scan an error. Bytes of no archive may look like
 /// the beginning of one. A limit and an encrypted member always make the scan an error: something came out,
 /// or might have.
-enum class Failure : std::uint8_t { kCounts, kCountsIfYielded, kIgnored };
+enum class Failure : std::uint8_t { kCounts, kCountsIfYielded, kCountsUnlessYielded, kIgnored };
 
 /// An archive that begins in a layer.
 struct Part {
@@ -21,6 +21,7 @@ struct Part {
   /// Of a tar or cpio behind the beginning: where else one may begin, from `offset`. Mostly the members of
   /// the first.
   std::vector<std::uint64_t> later;
+  std::uint64_t size = ~std::uint64_t{0};  ///< at most
 };
 
 struct Contents {

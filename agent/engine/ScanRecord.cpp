@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::uint64_t kSizeUnknown = 0xFFFFFFFF;  // reported by libclamav for a 64-bit member
 constexpr std::size_t kMostDetections = 32;
+constexpr std::size_t kUnscannedBytes = 5;  // libclamav reports, and does not scan, a member of so few bytes
 
 }  // namespace
 
@@ -92,7 +93,7 @@ bool ScanRecord::onLayer(const Layer& layer) {
   if (layer.data == nullptr && layer.size > 0) {
     leaveOut(layer.name, level, "cannot be read", error_);
   } else if (insidePending) {
-    ++known_[sha256Of({layer.data, layer.size})];
+    ++known_[layerKey(sha256Of({layer.data, layer.size}), layer.size)];
   }
   const ArchiveKind* kind = archiveKindOf(layer.type);
   const Contents contents = layer.data == nullptr ? Contents{} : lookInto(layer.data, layer.size, kind);
@@ -144,34 +145,49 @@ void ScanRecord::lookForZip(const Layer& layer, const ArchiveKind* kind) {
   if (!isZip && !hasZipDirectory(layer.data, layer.size)) {
     return;
   }
-  const Part zip{archiveKindOf("CL_TYPE_ZIP"), 0, Failure::kCounts, {}};
   const auto audited = auditZip(layer.data, layer.size);
   if (!audited) {
     leaveOut(layer.name, base_.level + layer.level, audited.error(), error_);
-    unpackLater(layer, kind, zip, {});  // a detection counts all the same
-  } else if (!isZip || !audited->empty()) {
-    unpackLater(layer, kind, zip, *audited);
-    anyZipPending_ = anyZipPending_ || !audited->empty();
+    unpackZipLater(layer, kind, {});  // a detection counts all the same
+  } else if (!isZip || !audited->leftOut.empty()) {
+    unpackZipLater(layer, kind, *audited);
+    anyZipPending_ = anyZipPending_ || !audited->leftOut.empty();
   }
 }
 
-void ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part,
+void ScanRecord::unpackZipLater(const Layer& layer, const ArchiveKind* kind, const AuditedZip& audited) {
+  const Part zip{archiveKindOf("CL_TYPE_ZIP"), 0, Failure::kCounts, {}};
+  if (!unpackLater(layer, kind, zip, audited.leftOut)) {
+    return;
+  }
+  pending_.back().links = audited.links.size();
+  // Without the directory, a link is unpacked as an ordinary file: whole.
+  const ArchiveKind* member = archiveKindOf("TAV_ZIPSTREAM");
+  for (const auto& link : audited.links) {
+    unpackLater(layer, kind, {member, link.begin, Failure::kCountsUnlessYielded, {}, link.end - link.begin},
+                audited.leftOut);
+  }
+}
+
+// False when the settings leave the part out, or when it cannot be kept.
+bool ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part,
                              std::string otherwise) {
   const bool isWholeLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
-  const std::uint64_t bytes = layer.size - part.offset;
+  const std::uint64_t bytes = std::min(part.size, layer.size - part.offset);
   const bool inPieces = part.offset > 0 && mayBeInPieces(layer.type) &&
                         !isInOnePiece(part.kind->reader, Bytes(layer.data, layer.size).from(part.offset));
   const Failure failure = inPieces ? Failure::kIgnored : part.failure;
   // What only looks like an archive is not reported as one.
   const auto reported = failure == Failure::kIgnored ? Reported::kNo : Reported::kYes;
   if ((!isWholeLayer && !mayUnpack(*part.kind, layer, bytes, reported)) || !keepLayer(layer)) {
-    return;
+    return false;
   }
   const bool kept = layer.level > 0;
   (isWholeLayer ? open_[layer.level].pending : open_[layer.level].partPending) = true;
   const Place members{base_.level + layer.level + 1, archivesAround(layer.level) + 1};
   pending_.push_back({part.kind, std::string(layer.name), members, kept, (kept ? keptAt_ : 0) + part.offset,
-                      bytes, part.later, failure, std::move(otherwise)});
+                      bytes, part.later, failure, 0, std::move(otherwise)});
+  return true;
 }
 
 // libclamav's copy of a layer is gone when its scan ends.
@@ -191,8 +207,12 @@ bool ScanRecord::keepLayer(const Layer& layer) {
   return true;
 }
 
-bool ScanRecord::takeUnpacked(const std::string& sha256) {
-  const auto found = known_.find(sha256);
+std::string ScanRecord::layerKey(const std::string& sha256, std::uint64_t bytes) {
+  return bytes <= kUnscannedBytes ? std::to_string(bytes) + " bytes" : sha256;
+}
+
+bool ScanRecord::takeUnpacked(const std::string& layerKey) {
+  const auto found = known_.find(layerKey);
   if (found == known_.end() || found->second == 0) {
     return false;
   }
@@ -204,6 +224,9 @@ void ScanRecord::onMember(std::string_view container, std::string_view name, std
                           bool encrypted) {
   if (realBytes == kSizeUnknown && !anyZipPending_) {
     leaveOut(name, 1, "has a 64-bit size: not unpacked", error_);
+  }
+  if (container == "CL_TYPE_7Z" && realBytes <= kUnscannedBytes) {
+    ++known_[layerKey({}, realBytes)];
   }
   if (encrypted && container != "CL_TYPE_ZIP" && !isZipDocument(container)) {
     leaveOut(name, 1, "encrypted: its content cannot be scanned", error_);

@@ -13,6 +13,7 @@
 #include "engine/LayerContents.h"
 #include "engine/ScanTypes.h"
 #include "engine/TempFile.h"
+#include "engine/ZipAudit.h"
 
 namespace agent {
 
@@ -35,6 +36,7 @@ struct Pending {
   std::uint64_t offset = 0, size = 0;
   std::vector<std::uint64_t> later;  ///< further beginnings, by their offset from `offset`
   Failure failure = Failure::kCounts;
+  std::size_t links = 0;  ///< of a zip: members that are unpacked as further Pendings
   std::string otherwise;  ///< the reason for an archive that cannot be unpacked; empty: the unpacker's
 };
 
@@ -74,8 +76,9 @@ class ScanRecord {
   }
   /// True when libclamav has scanned, or will scan, a layer with this SHA-256; else remembers the layer.
   bool isKnown(const std::string& sha256) { return !known_.try_emplace(sha256, 0).second; }
-  /// Whether libclamav has unpacked a layer with this SHA-256 by itself. Each layer answers once.
-  bool takeUnpacked(const std::string& sha256);
+  /// Whether libclamav has unpacked a layer with this key by itself. Each layer answers once.
+  bool takeUnpacked(const std::string& layerKey);
+  static std::string layerKey(const std::string& sha256, std::uint64_t bytes);
   bool hasDetection() const { return !detections_.empty(); }
 
   /// All scans have ended. failure: as for end().
@@ -103,7 +106,8 @@ class ScanRecord {
   bool mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes, Reported reported);
   void lookAt(const Layer& layer, const ArchiveKind* kind, const Contents& contents);
   void lookForZip(const Layer& layer, const ArchiveKind* kind);
-  void unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part, std::string otherwise);
+  bool unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part, std::string otherwise);
+  void unpackZipLater(const Layer& layer, const ArchiveKind* kind, const AuditedZip& audited);
   bool keepLayer(const Layer& layer);
   bool counts(const Detection& detection, FindKind kind) const;
   void leaveOut(std::string_view name, std::uint32_t level, const std::string& why, std::string& into);
@@ -118,7 +122,7 @@ class ScanRecord {
   bool layerIsKept_ = false;  // the current layer, at keptAt_
   std::vector<Pending> pending_;
   bool anyZipPending_ = false;
-  std::map<std::string, unsigned> known_;  // SHA-256; how often libclamav has unpacked the layer
+  std::map<std::string, unsigned> known_;  // SHA-256 or key; how often libclamav has unpacked the layer
   std::string error_;                      // the first reason why the file was not scanned whole; empty: none
   std::string skipped_;                    // the first reason from the settings; empty: none
   bool tempFull_ = false;

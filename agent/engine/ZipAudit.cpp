@@ -30,6 +30,7 @@ constexpr std::size_t kDirectoryEndBytes = 22;
 constexpr std::size_t kDirectoryEnd64Bytes = 56;
 constexpr std::size_t kLocator64Bytes = 20;
 constexpr std::uint32_t kSizesFollow = 1U << 3;  // flag: the local header may leave the sizes out
+constexpr std::size_t kSizesBehindBytes = 24;    // behind the data of a member with kSizesFollow, at most
 constexpr std::size_t kSearched = 66000;         // bytes before the end, as far as any program looks back
 
 // The methods that libclamav unpacks. libclamav silently skips members of any other method.
@@ -58,7 +59,8 @@ std::optional<std::uint64_t> findDirectoryEnd(const Bytes& zip, std::uint64_t li
 struct Member {
   std::uint32_t method;
   std::uint64_t packedBytes, bytes, localOffset;
-  bool is64;  // the numbers come from the 64-bit extra field
+  bool is64;    // the numbers come from the 64-bit extra field
+  bool isLink;  // marked as a symbolic link of Unix
   std::string name;
 };
 
@@ -71,14 +73,13 @@ bool isUnpacked(std::uint32_t method) {
          std::find(kMethods.begin(), kMethods.end(), method) != kMethods.end();
 }
 
-struct Range {
-  std::uint64_t begin = 0, end = 0;
-};
+using Range = AuditedZip::Range;
 
 // What is learnt about a zip from one member after the other.
 struct Audit {
   std::string leftOut;         // the first reason; empty: none
   std::vector<Range> members;  // from the local header to the end of the data
+  std::vector<Range> links;
 };
 
 void leaveOut(Audit& audit, const Member& entry, const std::string& how) {
@@ -145,6 +146,8 @@ Expected<Member> readMember(const Bytes& zip, std::uint64_t at) {
   if (!zip.has(at + kDirectoryEntryBytes, nameBytes + extraBytes)) {
     return failure("the archive's directory is damaged");
   }
+  constexpr std::uint32_t kUnix = 3, kLink = 0xA;
+  const bool isLink = zip.at8(at + 5) == kUnix && zip.at32(at + 38) >> 28 == kLink;
   Numbers numbers(zip, extra, extraBytes);
   const std::uint64_t bytes = numbers.at32(at + 24), packedBytes = numbers.at32(at + 20);
   Member member{zip.at16(at + 10),
@@ -152,6 +155,7 @@ Expected<Member> readMember(const Bytes& zip, std::uint64_t at) {
                 bytes,
                 numbers.at32(at + 42),
                 numbers.any64(),
+                isLink,
                 platform::visibleText(zip.text(at + kDirectoryEntryBytes, nameBytes))};
   if (numbers.missing()) {
     return memberFails(member, std::string(kSize64) + ", and the size is missing");
@@ -179,7 +183,11 @@ Expected<void> auditMember(const Bytes& zip, const Member& entry, std::uint64_t 
   if (!zip.has(data, entry.packedBytes)) {
     return memberFails(entry, "ends beyond the end of the file: the archive is damaged or cut off");
   }
-  audit.members.push_back({local, data + entry.packedBytes});
+  const std::uint64_t end = data + entry.packedBytes;
+  audit.members.push_back({local, end});
+  if (entry.isLink && entry.packedBytes != 0) {
+    audit.links.push_back({local, std::min<std::uint64_t>(end + kSizesBehindBytes, zip.size())});
+  }
   return {};
 }
 
@@ -327,7 +335,7 @@ Expected<void> auditEntries(const Bytes& zip, const Directory& directory, Audit&
 
 }  // namespace
 
-platform::Expected<std::string> auditZip(const char* data, std::size_t size) {
+platform::Expected<AuditedZip> auditZip(const char* data, std::size_t size) {
   const Bytes zip(data, size);
   const auto end = findDirectoryEnd(zip, zip.size());
   if (!end) {
@@ -356,7 +364,7 @@ platform::Expected<std::string> auditZip(const char* data, std::size_t size) {
   if (!audited) {
     return failure(audited.error());
   }
-  return audit.leftOut;
+  return AuditedZip{std::move(audit.leftOut), std::move(audit.links)};
 }
 
 bool isZipMember(const Bytes& a) {

@@ -20,7 +20,7 @@ std::string audit(const std::string& zip) {
   for (const auto side : {GuardedBytes::Side::kBegin, GuardedBytes::Side::kEnd}) {
     const GuardedBytes guarded(zip, side);
     const auto audited = auditZip(guarded.data(), zip.size());
-    problem = audited ? *audited : audited.error();
+    problem = audited ? audited->leftOut : audited.error();
   }
   return problem;
 }
@@ -208,6 +208,21 @@ TEST(ZipAudit, TwoEndRecordsWithMembersAreAProblem) {
   EXPECT_NE(audit(two + directory), "");
   EXPECT_EQ(audit(makeZip({{.name = "inner.zip", .content = two, .deflate = false}})), "");
   EXPECT_NE(audit("text " + two + std::string("PK\5\6", 4) + std::string(18, '\0')), "");
+}
+
+TEST(ZipAudit, SymbolicLinksOfUnixAreNamed) {
+  const std::string zip = makeZip({{.name = "a", .content = "content", .deflate = false}, {"b", "text"}});
+  const std::size_t entry = directoryOf(zip);
+  const std::string link = changed(changed(zip, entry + 5, 1, 3), entry + 38, 4, 0xA1ED0000);
+  const auto linksOf = [](const std::string& archive) {
+    const auto audited = auditZip(archive.data(), archive.size());
+    return audited ? audited->links : std::vector<AuditedZip::Range>{};
+  };
+  ASSERT_EQ(linksOf(link).size(), 1U);
+  EXPECT_EQ(linksOf(link)[0].begin, 0U);
+  EXPECT_EQ(linksOf(link)[0].end, 30U + 1 + 7 + 24);
+  EXPECT_TRUE(linksOf(zip).empty());
+  EXPECT_TRUE(linksOf(changed(link, entry + 5, 1, 0)).empty()) << "not of Unix";
 }
 
 TEST(ZipAudit, ADirectoryOfTheSixtyFourBitFormatIsAudited) {
