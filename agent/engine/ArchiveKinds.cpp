@@ -98,8 +98,18 @@ std::string nameOf(const ArchiveKind& kind) {
   return std::string(endings.substr(0, endings.find(' ')));
 }
 
+const ArchiveKind& rawKind() {
+  static constexpr ArchiveKind kRaw{"TAV_RAW", "", false, false, Reader::kRaw};
+  return kRaw;
+}
+
 bool isReadByLibarchive(const ArchiveKind& kind) {
-  return kind.reader != Reader::kLibclamav && kind.reader != Reader::kNobody;
+  constexpr Reader kOthers[] = {Reader::kLibclamav, Reader::kNobody, Reader::kRaw};
+  return std::find(std::begin(kOthers), std::end(kOthers), kind.reader) == std::end(kOthers);
+}
+
+bool isLeftUnscanned(std::string_view type) {
+  return type == "CL_TYPE_IGNORED";
 }
 
 bool mayHaveRest(const ArchiveKind& kind) {

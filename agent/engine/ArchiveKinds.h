@@ -12,6 +12,7 @@ namespace agent {
 enum class Reader : std::uint8_t {
   kLibclamav,
   kNobody,
+  kRaw,  ///< none: the bytes themselves are scanned
   kGzip,
   kBzip2,
   kXz,
@@ -52,6 +53,9 @@ bool isAmong(const ArchiveKind& kind, const std::vector<std::string>& endings);
 bool isEndingAmong(std::string_view ending, const std::vector<std::string>& endings);
 std::string nameOf(const ArchiveKind& kind);
 
+/// Bytes that are scanned again as a layer of their own. Not in the table: no file is of this kind.
+const ArchiveKind& rawKind();
+
 /// Whether libarchive unpacks the kind.
 bool isReadByLibarchive(const ArchiveKind& kind);
 
@@ -61,6 +65,9 @@ bool mayHaveRest(const ArchiveKind& kind);
 /// Whether a file of libclamav's type may hold the bytes of an embedded file in pieces: libclamav puts them
 /// together.
 bool mayBeInPieces(std::string_view type);
+
+/// Whether libclamav matches no signature with a file of the type: sound files, SQLite databases.
+bool isLeftUnscanned(std::string_view type);
 
 /// Office documents that are zip files inside.
 bool isZipDocument(std::string_view type);

@@ -56,6 +56,9 @@ void onMessage(cl_msg severity, const char*, const char* message, void*) {
 cl_error_t onLayer(int, const char* type, const char**, size_t, const char* name, size_t size,
                    const char* data, uint32_t level, uint32_t, void* context) {
   auto& record = *static_cast<ScanRecord*>(context);
+  if (data == nullptr && size > 0) {
+    record.notWhole(orEmpty(name), level, "cannot be read");
+  }
   return record.onLayer({orEmpty(type), orEmpty(name), level, data, size}) ? CL_CLEAN : CL_BREAK;
 }
 

@@ -68,6 +68,10 @@ std::uint64_t FileScan::unpackFrom(int fd, const Pending& archive) {
     return archive.size;
   }
   block_.resize(kBlockBytes);
+  if (archive.kind->reader == Reader::kRaw) {
+    scanRest(fd, archive, 0);
+    return archive.size;
+  }
   std::size_t links = archive.links;
   Unpacker unpacker({fd, archive.offset, archive.size}, archive.kind->reader);
   bool any = false;

@@ -112,10 +112,29 @@ bool ScanRecord::onLayer(const Layer& layer) {
   }
   if (layer.data != nullptr) {
     layerIsKept_ = false;
+    scanWithoutFirstByte(layer);
     lookAt(layer, kind, contents);
     lookForZip(layer, kind);
   }
   return true;
+}
+
+// Without its first byte, a file has another type.
+void ScanRecord::scanWithoutFirstByte(const Layer& layer) {
+  if (isLeftUnscanned(layer.type) && layer.size > 1 && keepLayer(layer)) {
+    const bool kept = layer.level > 0;
+    const Place place{base_.level + layer.level + 1, archivesAround(layer.level)};
+    pending_.push_back({&rawKind(),
+                        std::string(layer.name),
+                        place,
+                        kept,
+                        (kept ? keptAt_ : 0) + 1,
+                        layer.size - 1,
+                        {},
+                        Failure::kCounts,
+                        0,
+                        {}});
+  }
 }
 
 // kind: of the whole layer; null: no archive.

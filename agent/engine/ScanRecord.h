@@ -27,7 +27,7 @@ struct Place {
   std::uint32_t archives = 0;  ///< archives among them
 };
 
-/// An archive that libarchive unpacks after libclamav's scan.
+/// An archive that libarchive unpacks after libclamav's scan, or bytes that are scanned once more.
 struct Pending {
   const ArchiveKind* kind = nullptr;
   std::string name;   ///< of the layer
@@ -104,6 +104,7 @@ class ScanRecord {
   enum class Reported : bool { kNo, kYes };
   /// reported: a reason against it goes into the record.
   bool mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes, Reported reported);
+  void scanWithoutFirstByte(const Layer& layer);
   void lookAt(const Layer& layer, const ArchiveKind* kind, const Contents& contents);
   void lookForZip(const Layer& layer, const ArchiveKind* kind);
   bool unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part, std::string otherwise);
