@@ -23,7 +23,7 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"CL_TYPE_CABSFX", "cab exe", false, false, Reader::kLibclamav},
     {"CL_TYPE_ARJ", "arj", false, true, Reader::kLibclamav},
     {"CL_TYPE_ARJSFX", "arj exe", false, false, Reader::kLibclamav},
-    {"CL_TYPE_LHA_LZH", "lzh lha", false, true, Reader::kLibclamav},
+    {"CL_TYPE_LHA_LZH", "lzh lha", false, true, Reader::kLha},
     {"CL_TYPE_ALZ", "alz", false, true, Reader::kLibclamav},
     {"CL_TYPE_EGG", "egg", false, true, Reader::kLibclamav},
     {"CL_TYPE_EGGSFX", "egg exe", false, false, Reader::kLibclamav},
@@ -33,14 +33,16 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"CL_TYPE_CPIO_CRC", "cpio", false, false, Reader::kCpio},
     {"CL_TYPE_XAR", "xar pkg", false, true, Reader::kXar},
     {"CL_TYPE_ISO9660", "iso", false, false, Reader::kIso},
-    {"CL_TYPE_UDF", "udf iso", false, false, Reader::kLibclamav},
+    {"CL_TYPE_UDF", "udf iso", false, true, Reader::kLibclamav},
     {"CL_TYPE_DMG", "dmg", false, true, Reader::kLibclamav},
-    {"CL_TYPE_MSSZDD", "szdd", false, false, Reader::kLibclamav},
+    {"CL_TYPE_MSSZDD", "szdd", false, true, Reader::kLibclamav},
     // Kinds without a type of libclamav.
     {"TAV_ZIPSTREAM", "zip", true, false, Reader::kZipStream},
     {"TAV_LZMA", "lzma tlz xz", false, false, Reader::kLzma},
     {"TAV_LZIP", "lz xz", false, false, Reader::kLzip},
-    {"TAV_COMPRESS", "Z taz gz", false, false, Reader::kCompress},
+    {"TAV_COMPRESS", "z taz gz", false, false, Reader::kCompress},
+    {"TAV_OLDGZIP", "gz", false, false, Reader::kInflate},
+    {"TAV_ZLIB", "zz gz", false, false, Reader::kInflate},
     {"TAV_ZSTD", "zst tzst xz", false, false, Reader::kZstd},
     {"TAV_LZ4", "lz4 gz", false, false, Reader::kLz4},
     {"TAV_RPM", "rpm cpio", false, true, Reader::kRpm},
@@ -70,6 +72,34 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_ACE", "ace", false, false, Reader::kNobody},
     {"TAV_STUFFIT", "sit", false, false, Reader::kNobody},
     {"TAV_SNAPPY", "sz", false, false, Reader::kNobody},
+    {"TAV_ALZ", "alz", false, false, Reader::kNobody},
+    {"TAV_EGG", "egg", false, false, Reader::kNobody},
+    {"TAV_DMG", "dmg", false, false, Reader::kNobody},
+    {"TAV_PACK", "pack gz", false, false, Reader::kNobody},
+    {"TAV_SCOLZH", "sco-lzh gz", false, false, Reader::kNobody},
+    {"TAV_EXFAT", "exfat", false, false, Reader::kNobody},
+    {"TAV_HFS", "hfs", false, false, Reader::kNobody},
+    {"TAV_HFSPLUS", "hfs+", false, false, Reader::kNobody},
+    {"TAV_APFS", "apfs", false, false, Reader::kNobody},
+    {"TAV_F2FS", "f2fs", false, false, Reader::kNobody},
+    {"TAV_JFS", "jfs", false, false, Reader::kNobody},
+    {"TAV_REISERFS", "reiserfs", false, false, Reader::kNobody},
+    {"TAV_MINIX", "minix", false, false, Reader::kNobody},
+    {"TAV_UBIFS", "ubifs", false, false, Reader::kNobody},
+    {"TAV_UBI", "ubi", false, false, Reader::kNobody},
+    {"TAV_LVM", "lvm", false, false, Reader::kNobody},
+    {"TAV_UDFBRIDGE", "udf", false, false, Reader::kNobody},
+    {"TAV_RAR1", "rar", false, false, Reader::kNobody},
+    {"TAV_ARC", "arc", false, false, Reader::kNobody},
+    {"TAV_DAR", "dar", false, false, Reader::kNobody},
+    {"TAV_KWAJ", "kwaj", false, false, Reader::kNobody},
+    {"TAV_SZ", "sz", false, false, Reader::kNobody},
+    {"TAV_INSTALLSHIELD", "installshield", false, false, Reader::kNobody},
+    {"TAV_PMD", "pmd", false, false, Reader::kNobody},
+    {"TAV_APPLEARCHIVE", "aar", false, false, Reader::kNobody},
+    {"TAV_PBZ", "pbz", false, false, Reader::kNobody},
+    {"TAV_LZFSE", "lzfse", false, false, Reader::kNobody},
+    {"TAV_UUENCODE", "uue", false, false, Reader::kNobody},
 };
 
 }  // namespace
@@ -104,7 +134,7 @@ const ArchiveKind& rawKind() {
 }
 
 bool isReadByLibarchive(const ArchiveKind& kind) {
-  constexpr Reader kOthers[] = {Reader::kLibclamav, Reader::kNobody, Reader::kRaw};
+  constexpr Reader kOthers[] = {Reader::kLibclamav, Reader::kNobody, Reader::kInflate, Reader::kRaw};
   return std::find(std::begin(kOthers), std::end(kOthers), kind.reader) == std::end(kOthers);
 }
 
@@ -113,9 +143,9 @@ bool isLeftUnscanned(std::string_view type) {
 }
 
 bool mayHaveRest(const ArchiveKind& kind) {
-  constexpr Reader kReaders[] = {Reader::kGzip, Reader::kBzip2, Reader::kXz,  Reader::kLzma,
-                                 Reader::kLzip, Reader::kZstd,  Reader::kLz4, Reader::kCompress,
-                                 Reader::kCpio, Reader::kAr};
+  constexpr Reader kReaders[] = {Reader::kGzip,    Reader::kBzip2, Reader::kXz,  Reader::kLzma,
+                                 Reader::kLzip,    Reader::kZstd,  Reader::kLz4, Reader::kCompress,
+                                 Reader::kInflate, Reader::kCpio,  Reader::kAr};
   return std::find(std::begin(kReaders), std::end(kReaders), kind.reader) != std::end(kReaders);
 }
 

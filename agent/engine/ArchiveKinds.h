@@ -12,7 +12,8 @@ namespace agent {
 enum class Reader : std::uint8_t {
   kLibclamav,
   kNobody,
-  kRaw,  ///< none: the bytes themselves are scanned
+  kInflate,  ///< zlib's inflate: a zlib file, or a gzip whose magic bytes are those of old versions
+  kRaw,      ///< none: the bytes themselves are scanned
   kGzip,
   kBzip2,
   kXz,
@@ -30,13 +31,14 @@ enum class Reader : std::uint8_t {
   kCab,
   kCpio,
   kIso,
+  kLha,
   kXar,
   kAr,
 };
 
 /// A kind of file that is unpacked as an archive.
 struct ArchiveKind {
-  const char* type;  ///< libclamav's file type, or a name of our own that begins with "TAV_"
+  std::string_view type;  ///< libclamav's file type, or a name of our own that begins with "TAV_"
   /// Lower case, separated by blanks. The first is the kind's name in reasons. The last of a kind that the
   /// settings cannot name is the nearest kind that the settings can name: both are unpacked, or neither.
   const char* endings;

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <utility>
 #include <vector>
 
 #include "engine/Digest.h"
@@ -137,7 +139,8 @@ void FileScan::endOf(int fd, const Pending& archive, const Unpacker& unpacker, b
     const std::string why = "a " + nameOf(*archive.kind) +
                             " archive that could not be unpacked whole: " + platform::visibleText(problem);
     notWhole(archive, archive.otherwise.empty() ? why : archive.otherwise);
-  } else if ((any || archive.kind->reader == Reader::kAr) && mayHaveRest(*archive.kind)) {
+  } else if ((unpacker.bytesRead() > 0 || archive.kind->reader == Reader::kAr) &&
+             mayHaveRest(*archive.kind)) {
     scanRest(fd, archive, unpacker.bytesRead());
   }
 }
@@ -146,17 +149,23 @@ void FileScan::endOf(int fd, const Pending& archive, const Unpacker& unpacker, b
 // file. In an ar, the rest is the part of a header: the archive is cut off.
 void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) {
   TempFile rest(tempFolder_);
+  std::uint64_t zeros = 0;  // in front
   bool anything = false;
   for (std::uint64_t at = unpacked; at < archive.size && mayGoOn(archive);) {
     const ssize_t got = pread(fd, block_.data(), std::min<std::uint64_t>(block_.size(), archive.size - at),
                               static_cast<off_t>(archive.offset + at));
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
     if (got <= 0) {
       notWhole(archive, "cannot be read to its end");
       return;
     }
+    const auto* end = block_.data() + got;
+    const auto* first = std::find_if(std::as_const(block_).data(), end, [](char c) { return c != 0; });
+    zeros += anything ? 0 : static_cast<std::uint64_t>(first - block_.data());
+    anything = anything || std::any_of(first, end, [](char c) { return c != 0 && c != '\n'; });
     const auto bytes = static_cast<std::size_t>(got);
-    anything = anything ||
-               std::any_of(block_.data(), block_.data() + bytes, [](char c) { return c != 0 && c != '\n'; });
     if (const auto written = rest.append(block_.data(), bytes); !written) {
       record_.onFailure(written.error());
       return;
@@ -164,10 +173,16 @@ void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) 
     at += bytes;
     unpackedBytes_ += bytes;
   }
-  if (anything && archive.kind->reader == Reader::kAr) {
+  if (!anything || !mayGoOn(archive)) {
+    return;
+  }
+  if (archive.kind->reader == Reader::kAr) {
     notWhole(archive, "an ar archive that is cut off");
-  } else if (anything && mayGoOn(archive)) {
-    scanLayer(rest.fd(), archive.name, archive.place);
+    return;
+  }
+  scanLayer(rest.fd(), archive.name, archive.place);
+  if (zeros > 0) {
+    scanRest(fd, archive, unpacked + zeros);  // other programs skip them
   }
 }
 

@@ -1,13 +1,14 @@
 #include "engine/LayerContents.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "engine/Bytes.h"
+#include "engine/HeaderChecks.h"
 #include "engine/ZipAudit.h"
 
 namespace agent {
@@ -15,134 +16,50 @@ namespace {
 
 using namespace std::string_view_literals;
 
-constexpr std::size_t kMostParts = 1000;
+constexpr std::size_t kMostParts = 20'000;
 constexpr std::size_t kTarBlock = 512;
+constexpr std::size_t kLastBlock = 512;
 
-/// Where in a layer the archive may begin. kBehind: anywhere but at the beginning.
-enum class Where : std::uint8_t { kBeginning, kAnywhere, kBehind };
-/// How sure the bytes are. Sure bytes are those that only archives have: anywhere, or at the beginning of a
-/// layer.
-enum class Sign : std::uint8_t { kCertain, kCertainAtBeginning, kLikely };
+/// Where in a layer the magic bytes stand. kBehind: anywhere but at the beginning. kEnd: in the last block.
+enum class Where : std::uint8_t { kBeginning, kAnywhere, kBehind, kEnd };
+/// How sure the bytes are, and so what the failure to unpack means. At the beginning: kCounts, kCounts,
+/// kCountsIfYielded, kIgnored. Behind the beginning: kCounts, and kIgnored for the others.
+enum class Sign : std::uint8_t { kCertain, kCertainAtBeginning, kLikely, kWeak };
 
-// Further checks of a header. The bytes begin where the archive begins.
 using Check = bool (*)(const Bytes& archive);
 
 bool isAnything(const Bytes&) {
   return true;
 }
 
-bool isGzip(const Bytes& a) {
-  return a.has(0, 18) && (a.at8(3) & 0xE0U) == 0;
+// Two bytes a character.
+bool isWideText(const Bytes& a) {
+  return a.has(0, 10) && a.at8(9) == 0;
 }
 
-bool isBzip2(const Bytes& a) {
-  constexpr auto kBlock = "\x31\x41\x59\x26\x53\x59"sv, kEnd = "\x17\x72\x45\x38\x50\x90"sv;
-  return a.has(0, 14) && a.at8(3) >= '1' && a.at8(3) <= '9' &&
-         (a.text(4, 6) == kBlock || a.text(4, 6) == kEnd);
+bool isRar1(const Bytes& a) {
+  return a.has(0, 7) && a.at16(4) >= 7;
 }
 
-bool isLzma(const Bytes& a) {
-  constexpr std::uint64_t kUnknown = ~std::uint64_t{0}, kLargest = std::uint64_t{1} << 40;
-  constexpr std::uint32_t kSmallestDictionary = 4096;
-  if (!a.has(0, 18) || a.at8(0) >= 9 * 5 * 5 || a.at8(13) != 0) {
-    return false;
-  }
-  const std::uint32_t dictionary = a.at32(1);
-  const bool round = (dictionary & (dictionary - 1)) == 0 ||
-                     (dictionary % 3 == 0 && ((dictionary / 3) & (dictionary / 3 - 1)) == 0);
-  const std::uint64_t size = a.at64(5);
-  return dictionary >= kSmallestDictionary && (round || dictionary == 0xFFFFFFFF) &&
-         (size == kUnknown || size < kLargest);
+bool isDar(const Bytes& a) {
+  return a.has(0, 15) && "TNE"sv.find(a.text(14, 1)) != std::string_view::npos;
 }
 
-bool isSevenZip(const Bytes& a) {
-  constexpr std::size_t kStartHeader = 12, kStartHeaderBytes = 20;
-  if (!a.has(0, kStartHeader + kStartHeaderBytes)) {
-    return false;
-  }
-  const auto header = a.text(kStartHeader, kStartHeaderBytes);
-  const bool unfinished = std::all_of(header.begin(), header.end(), [](char c) { return c == 0; });
-  return unfinished ||
-         crc32(0, reinterpret_cast<const Bytef*>(header.data()), kStartHeaderBytes) == a.at32(8);
+bool isAppleArchive(const Bytes& a) {
+  return a.has(0, 9) && a.text(6, 3) == "TYP";
 }
 
-bool isRar4(const Bytes& a) {
-  constexpr std::uint32_t kMainHeader = 0x73;
-  return a.has(0, 20) && a.at8(9) == kMainHeader;
+bool isPbz(const Bytes& a) {
+  return a.has(0, 12) && "exz4b-"sv.find(a.text(3, 1)) != std::string_view::npos && a.big32(4) == 0;
 }
 
-bool isRar5(const Bytes& a) {
-  constexpr std::uint32_t kMainHeader = 1, kEncryptionHeader = 4;
-  std::size_t at = 12;  // behind the magic bytes and the checksum: the header's size, seven bits a byte
-  while (a.has(at, 2) && at < 15 && (a.at8(at) & 0x80U) != 0) {
-    ++at;
-  }
-  return a.has(at, 2) && (a.at8(at + 1) == kMainHeader || a.at8(at + 1) == kEncryptionHeader);
-}
-
-bool isCab(const Bytes& a) {
-  return a.has(0, 36) && a.at32(4) == 0 && a.at32(12) == 0 && a.at8(25) == 1;
-}
-
-bool isTar(const Bytes& a) {
-  constexpr std::size_t kSum = 148, kSumBytes = 8;
-  if (!a.has(0, kTarBlock)) {
-    return false;
-  }
-  std::uint32_t sum = 0;
-  std::int32_t signedSum = 0;  // as some old programs add
-  for (std::size_t i = 0; i < kTarBlock; ++i) {
-    const bool inSum = i >= kSum && i < kSum + kSumBytes;
-    sum += inSum ? ' ' : a.at8(i);
-    signedSum += inSum ? ' ' : static_cast<signed char>(a.at8(i));
-  }
-  std::uint32_t written = 0;
-  bool any = false;
-  for (std::size_t i = kSum; i < kSum + kSumBytes; ++i) {
-    const std::uint32_t c = a.at8(i);
-    if (c >= '0' && c <= '7') {
-      written = written * 8 + (c - '0');
-      any = true;
-    } else if (any || c != ' ') {
-      break;
-    }
-  }
-  return any && (written == sum || static_cast<std::int32_t>(written) == signedSum);
-}
-
-bool isCpio(const Bytes& a) {
-  constexpr std::size_t kHeader = 76;
-  if (!a.has(0, kHeader)) {
-    return false;
-  }
-  const auto header = a.text(0, kHeader);
-  return std::all_of(header.begin(), header.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-  });
-}
-
-bool isSquashFs(const Bytes& a) {
-  if (!a.has(0, 96)) {
-    return false;
-  }
-  const std::uint32_t littleMajor = a.at16(28), bigMajor = a.at8(28) << 8 | a.at8(29);
-  const bool little = littleMajor >= 1 && littleMajor <= 4, big = bigMajor >= 1 && bigMajor <= 4;
-  return little || big;
-}
-
-bool isWim(const Bytes& a) {
-  return a.has(0, 208) && a.at32(8) == 208;
-}
-
-bool isExt(const Bytes& a) {
-  constexpr std::size_t kSuperblock = 1024;
-  return a.has(kSuperblock, 1024) && a.at32(kSuperblock) != 0 && a.at32(kSuperblock + 24) <= 6 &&
-         a.at16(kSuperblock + 58) <= 7 && a.at32(kSuperblock + 76) <= 1;
+bool isLzfse(const Bytes& a) {
+  return a.has(0, 8) && "12-n"sv.find(a.text(3, 1)) != std::string_view::npos && a.at8(7) == 0;
 }
 
 struct Magic {
   const char* type;
-  std::size_t offset;  ///< of the bytes from the beginning of the archive
+  std::size_t offset;  ///< of the bytes from the beginning of the archive; kEnd: from the last block's
   std::string_view bytes;
   Where where;
   Sign sign;
@@ -155,27 +72,37 @@ constexpr Magic kMagics[] = {
     {"CL_TYPE_XZ", 0,
      "\xFD"
      "7zXZ\0"sv,
-     Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
-    {"TAV_ZSTD", 0, "\x28\xB5\x2F\xFD"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
-    {"TAV_LZ4", 0, "\x04\x22\x4D\x18"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
-    {"TAV_LZ4", 0, "\x02\x21\x4C\x18"sv, Where::kBeginning, Sign::kCertain, isAnything},
+     Where::kAnywhere, Sign::kCertainAtBeginning, isXz},
+    {"TAV_ZSTD", 0, "\x28\xB5\x2F\xFD"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isZstd},
+    {"TAV_LZ4", 0, "\x04\x22\x4D\x18"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLz4},
+    {"TAV_LZ4", 0, "\x02\x21\x4C\x18"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"TAV_LZMA", 0, "\x5D\x00\x00"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzma},
     {"TAV_LZMA", 0, ""sv, Where::kBeginning, Sign::kLikely, isLzma},
+    {"TAV_LZMA", 0, "\x5D"sv, Where::kBeginning, Sign::kLikely, isLzmaOfAnyDictionary},
     {"TAV_LZIP", 0, "LZIP\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_COMPRESS", 0, "\x1F\x9D"sv, Where::kBeginning, Sign::kLikely, isAnything},
+    {"TAV_OLDGZIP", 0, "\x1F\x9E\x08"sv, Where::kBeginning, Sign::kLikely, isGzip},
+    {"TAV_ZLIB", 0, ""sv, Where::kBeginning, Sign::kWeak, isZlib},
+    {"TAV_PACK", 0, "\x1F\x1E"sv, Where::kBeginning, Sign::kCertain, isPack},
+    {"TAV_SCOLZH", 0, "\x1F\xA0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_RPM", 0, "\xED\xAB\xEE\xDB"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_AR", 0, "!<arch>\n"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"CL_TYPE_POSIX_TAR", 257, "ustar"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isTar},
     {"CL_TYPE_OLD_TAR", 0, ""sv, Where::kBeginning, Sign::kCertain, isTar},
-    {"CL_TYPE_CPIO_NEWC", 0, "07070"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpio},
-    {"CL_TYPE_CPIO_OLD", 0, "\xC7\x71"sv, Where::kBeginning, Sign::kLikely, isAnything},
-    {"CL_TYPE_CPIO_OLD", 0, "\x71\xC7"sv, Where::kBeginning, Sign::kLikely, isAnything},
+    {"CL_TYPE_CPIO_NEWC", 0, "07070"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioText},
+    {"CL_TYPE_CPIO_OLD", 0, "\xC7\x71"sv, Where::kAnywhere, Sign::kLikely, isCpioBinary},
+    {"CL_TYPE_CPIO_OLD", 0, "\x71\xC7"sv, Where::kAnywhere, Sign::kLikely, isCpioBinary},
     {"CL_TYPE_ISO9660", 32768, "\1CD001"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"CL_TYPE_XAR", 0, "xar!\0"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"CL_TYPE_7Z", 0, "7z\xBC\xAF\x27\x1C"sv, Where::kAnywhere, Sign::kCertain, isSevenZip},
     {"CL_TYPE_RAR", 0, "Rar!\x1A\x07\x00"sv, Where::kAnywhere, Sign::kCertain, isRar4},
     {"CL_TYPE_RAR", 0, "Rar!\x1A\x07\x01\x00"sv, Where::kAnywhere, Sign::kCertain, isRar5},
+    {"CL_TYPE_RAR", 0, "Rar!\x1A\x07"sv, Where::kAnywhere, Sign::kLikely, isAnything},
+    {"CL_TYPE_MSCAB", 0, "MSCF"sv, Where::kAnywhere, Sign::kCertain, isWholeCab},
     {"CL_TYPE_MSCAB", 0, "MSCF\0\0\0\0"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCab},
+    {"CL_TYPE_LHA_LZH", 2, "-lh"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-lz"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-pm"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzh},
     {"TAV_ZIPSTREAM", 0, "PK\3\4"sv, Where::kBehind, Sign::kLikely, isZipMember},
     {"TAV_SQUASHFS", 0, "hsqs"sv, Where::kAnywhere, Sign::kCertain, isSquashFs},
     {"TAV_SQUASHFS", 0, "sqsh"sv, Where::kAnywhere, Sign::kCertain, isSquashFs},
@@ -184,6 +111,7 @@ constexpr Magic kMagics[] = {
     {"TAV_WIM", 0, "MSWIM\0\0\0"sv, Where::kAnywhere, Sign::kCertain, isWim},
     {"TAV_WIM", 0, "WLPWM\0\0\0"sv, Where::kAnywhere, Sign::kCertain, isWim},
     {"TAV_CRAMFS", 0, "\x45\x3D\xCD\x28"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_CRAMFS", 0, "\x28\xCD\x3D\x45"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_CRAMFS", 16, "Compressed ROMFS"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_ROMFS", 0, "-rom1fs-"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_EROFS", 1024, "\xE2\xE1\xF5\xE0"sv, Where::kBeginning, Sign::kCertain, isAnything},
@@ -193,24 +121,66 @@ constexpr Magic kMagics[] = {
     {"TAV_FAT", 54, "FAT12   "sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_FAT", 54, "FAT16   "sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_FAT", 82, "FAT32   "sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_FAT", 510, "\x55\xAA"sv, Where::kBeginning, Sign::kCertain, isFat},
+    {"TAV_EXFAT", 3, "EXFAT   "sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_NTFS", 3, "NTFS    "sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_HFS", 1024, "BD"sv, Where::kBeginning, Sign::kCertain, isHfs},
+    {"TAV_HFSPLUS", 1024, "H+"sv, Where::kBeginning, Sign::kCertain, isHfsPlus},
+    {"TAV_HFSPLUS", 1024, "HX"sv, Where::kBeginning, Sign::kCertain, isHfsPlus},
+    {"TAV_APFS", 32, "NXSB"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_F2FS", 1024, "\x10\x20\xF5\xF2"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_JFS", 32768, "JFS1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_REISERFS", 65588, "ReIsEr"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_MINIX", 1040, "\x7F\x13"sv, Where::kBeginning, Sign::kCertain, isMinix},
+    {"TAV_MINIX", 1040, "\x8F\x13"sv, Where::kBeginning, Sign::kCertain, isMinix},
+    {"TAV_MINIX", 1040, "\x68\x24"sv, Where::kBeginning, Sign::kCertain, isMinix},
+    {"TAV_MINIX", 1040, "\x78\x24"sv, Where::kBeginning, Sign::kCertain, isMinix},
+    {"TAV_MINIX", 1048, "\x5A\x4D"sv, Where::kBeginning, Sign::kCertain, isMinix},
+    {"TAV_UBIFS", 0, "\x31\x18\x10\x06"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_UBI", 0, "UBI#\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_LVM", 512, "LABELONE"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_UDFBRIDGE", 32769, "CD001"sv, Where::kBeginning, Sign::kCertain, isUdfBridge},
     {"TAV_LUKS", 0, "LUKS\xBA\xBE"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_QCOW", 0, "QFI\xFB"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_VMDK", 0, "KDMV"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_VMDK", 0, "COWD\1\0\0\0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_VDI", 0x40, "\x7F\x10\xDA\xBE"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_VHD", 0, "conectix"sv, Where::kBeginning, Sign::kCertain, isAnything},
-    {"TAV_VHDX", 0, "vhdxfile"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_VHD", 0, "conectix"sv, Where::kEnd, Sign::kCertain, isAnything},
+    {"TAV_DMG", 0, "koly"sv, Where::kEnd, Sign::kCertain, isAnything},
+    {"TAV_VHDX", 0, "vhdxfile"sv, Where::kBeginning, Sign::kCertain, isWideText},
     {"TAV_LZOP", 0, "\x89LZO\0\r\n\x1A\n"sv, Where::kBeginning, Sign::kCertain, isAnything},
-    {"TAV_LRZIP", 0, "LRZI"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_LRZIP", 0, "LRZI\0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_RZIP", 0, "RZIP\2"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_ZPAQ", 0, "7kSt\xA0\x31\x83\xD3"sv, Where::kBeginning, Sign::kCertain, isAnything},
-    {"TAV_ZPAQ", 0, "zPQ"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_ZPAQ", 0, "zPQ\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_ZPAQ", 0, "zPQ\2"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_ZOO", 20, "\xDC\xA7\xC4\xFD"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_ACE", 7, "**ACE**"sv, Where::kBeginning, Sign::kCertain, isAnything},
-    {"TAV_STUFFIT", 0, "StuffIt "sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_STUFFIT", 0, "StuffIt (c)1997-"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_STUFFIT", 10, "rLau"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_SNAPPY", 0, "\xFF\x06\0\0sNaPpY"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_ALZ", 0, "ALZ\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_EGG", 0, "EGGA"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_RAR1", 0, "RE~^"sv, Where::kBeginning, Sign::kCertain, isRar1},
+    {"TAV_ARC", 0, "\x1A"sv, Where::kBeginning, Sign::kCertain, isArc},
+    {"TAV_DAR", 0, "\0\0\0\x7B"sv, Where::kBeginning, Sign::kCertain, isDar},
+    {"TAV_KWAJ", 0, "KWAJ\x88\xF0\x27\xD1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_SZ", 0, "SZ \x88\xF0\x27\x33\xD1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_INSTALLSHIELD", 0, "ISc("sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_PMD", 0, "\x8F\xAF\xAC\x84"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_APPLEARCHIVE", 0, "AA01"sv, Where::kBeginning, Sign::kCertain, isAppleArchive},
+    {"TAV_APPLEARCHIVE", 0, "YAA1"sv, Where::kBeginning, Sign::kCertain, isAppleArchive},
+    {"TAV_PBZ", 0, "pbz"sv, Where::kBeginning, Sign::kCertain, isPbz},
+    {"TAV_LZFSE", 0, "bvx"sv, Where::kBeginning, Sign::kCertain, isLzfse},
+    {"TAV_UUENCODE", 0, "begin-base64 "sv, Where::kBeginning, Sign::kCertain, isAnything},
 };
+
+// The bytes that begin where an archive at the beginning of the layer begins.
+Bytes startFor(const Magic& magic, const Bytes& layer) {
+  return magic.where == Where::kEnd && layer.size() > kLastBlock ? layer.from(layer.size() - kLastBlock)
+                                                                 : layer;
+}
 
 bool matches(const Magic& magic, const Bytes& archive) {
   return archive.has(magic.offset, magic.bytes.size()) &&
@@ -220,6 +190,17 @@ bool matches(const Magic& magic, const Bytes& archive) {
 // Skippable frames may precede the first frame of a zst or lz4 file.
 bool isSkippableFrame(const Bytes& layer) {
   return layer.has(0, 8) && (layer.at32(0) & ~0xFU) == 0x184D2A50U;
+}
+
+Failure failureAtBeginning(Sign sign) {
+  switch (sign) {
+    case Sign::kLikely:
+      return Failure::kCountsIfYielded;
+    case Sign::kWeak:
+      return Failure::kIgnored;
+    default:
+      return Failure::kCounts;
+  }
 }
 
 void addBeginning(const Bytes& layer, Contents& contents) {
@@ -232,8 +213,8 @@ void addBeginning(const Bytes& layer, Contents& contents) {
     }
   };
   for (const auto& magic : kMagics) {
-    if (magic.where != Where::kBehind && matches(magic, layer)) {
-      add(magic.type, magic.sign == Sign::kLikely ? Failure::kCountsIfYielded : Failure::kCounts);
+    if (magic.where != Where::kBehind && matches(magic, startFor(magic, layer))) {
+      add(magic.type, failureAtBeginning(magic.sign));
     }
   }
   if (isSkippableFrame(layer)) {
@@ -242,94 +223,189 @@ void addBeginning(const Bytes& layer, Contents& contents) {
   }
 }
 
-constexpr std::size_t kPairs = 0x10000;  // of two bytes
-
-// Pairs of bytes of the magics that may stand behind the beginning: bytes 1 and 2, and bytes 2 and 3.
-struct SearchedPairs {
-  std::array<std::uint8_t, kPairs> first{}, second{};
-};
-
-const SearchedPairs& searchedPairs() {
-  static const SearchedPairs pairs = [] {
-    SearchedPairs set;
-    for (const auto& magic : kMagics) {
-      if (magic.where != Where::kBeginning) {
-        const Bytes bytes(magic.bytes.data(), magic.bytes.size());
-        set.first[bytes.at16(0)] = 1;
-        set.second[bytes.at16(1)] = 1;
-      }
-    }
-    return set;
-  }();
-  return pairs;
-}
-
-// What is searched for behind the beginning.
-struct Search {
-  bool onlyCertain = false;  // and tar and cpio
-  bool tarAndCpio = true;
-};
-
 bool isTarOrCpio(Reader reader) {
   return reader == Reader::kTar || reader == Reader::kCpio;
 }
 
-bool isWanted(const Magic& magic, Reader reader, const Search& search) {
-  if (magic.where == Where::kBeginning) {
-    return false;
-  }
-  return isTarOrCpio(reader) ? search.tarAndCpio : magic.sign == Sign::kCertain || !search.onlyCertain;
-}
+// The magic bytes that are searched behind the beginning. Each has a bit. The tables tell, for a byte, which
+// magics have this byte as their first, second and third. The end record of a zip is one more.
+class Search {
+ public:
+  static constexpr std::string_view kZipEnd = "PK\5\6"sv;
+  using Bits = std::uint32_t;
 
-// Each member of a tar or a cpio has a header. Those of a tar stand at multiples of the block.
-bool addToLast(const ArchiveKind* kind, std::uint64_t at, Contents& contents) {
-  const auto last = std::find_if(contents.parts.rbegin(), contents.parts.rend(), [&](const Part& part) {
-    return part.kind->reader == kind->reader && part.offset > 0 &&
-           (kind->reader == Reader::kCpio || (at - part.offset) % kTarBlock == 0);
-  });
-  if (!isTarOrCpio(kind->reader) || last == contents.parts.rend()) {
-    return false;
-  }
-  last->later.push_back(at - last->offset);
-  return true;
-}
+  struct Row {
+    const Magic* magic = nullptr;  ///< null: the end record of a zip
+    const ArchiveKind* kind = nullptr;
+  };
 
-void addAt(const Bytes& layer, std::size_t at, const Search& search, Contents& contents) {
-  for (const auto& magic : kMagics) {
-    const ArchiveKind* kind = archiveKindOf(magic.type);
-    if (!isWanted(magic, kind->reader, search) || at <= magic.offset ||
-        !matches(magic, layer.from(at - magic.offset))) {
-      continue;
+  static const Search& instance() {
+    static const Search search;
+    return search;
+  }
+  const Row& row(int bit) const { return rows_.at(static_cast<std::size_t>(bit)); }
+  Bits certain() const { return certain_; }
+  Bits tarAndCpio() const { return tarAndCpio_; }
+  Bits at(const unsigned char* bytes) const {
+    return first_[bytes[0]] & second_[bytes[1]] & third_[bytes[2]];
+  }
+
+ private:
+  static constexpr int kMostRows = 32;
+
+  Search() {
+    add({nullptr, nullptr}, kZipEnd, true);
+    for (const auto& magic : kMagics) {
+      if (magic.where == Where::kAnywhere || magic.where == Where::kBehind) {
+        add({&magic, archiveKindOf(magic.type)}, magic.bytes, magic.sign == Sign::kCertain);
+      }
     }
-    if (addToLast(kind, at - magic.offset, contents)) {
-      continue;
+  }
+
+  void add(const Row& row, std::string_view bytes, bool isCertain) {
+    const Bits bit = Bits{1} << count_;
+    rows_.at(count_++) = row;
+    certain_ |= isCertain ? bit : 0;
+    tarAndCpio_ |= row.kind != nullptr && isTarOrCpio(row.kind->reader) ? bit : 0;
+    first_[static_cast<unsigned char>(bytes[0])] |= bit;
+    second_[static_cast<unsigned char>(bytes[1])] |= bit;
+    for (std::size_t c = 0; c < third_.size(); ++c) {
+      const bool fits = bytes.size() < 3 || c == static_cast<unsigned char>(bytes[2]);
+      third_[c] |= fits ? bit : 0;
     }
-    // Each member of a zip has a header. The first is the beginning.
-    if (kind->reader == Reader::kZipStream && std::exchange(contents.hasZipStream, true)) {
-      continue;
+  }
+
+  std::array<Bits, 256> first_{}, second_{}, third_{};
+  std::array<Row, kMostRows> rows_{};
+  std::size_t count_ = 0;
+  Bits certain_ = 0, tarAndCpio_ = 0;
+};
+
+// What is searched for behind the beginning.
+struct Wanted {
+  bool onlyCertain = false;  // and tar and cpio
+  bool tarAndCpio = true;
+};
+
+// Lists the archives behind the beginning of one layer.
+class Behind {
+ public:
+  Behind(const Bytes& layer, const Wanted& wanted, Contents& contents)
+      : layer_(layer), wanted_(wanted), contents_(contents) {}
+
+  void add() {
+    const Search& search = Search::instance();
+    const Search::Bits wanted =
+        ((wanted_.onlyCertain ? search.certain() : ~Search::Bits{0}) & ~search.tarAndCpio()) |
+        (wanted_.tarAndCpio ? search.tarAndCpio() : 0);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(layer_.text(0, layer_.size()).data());
+    const std::size_t end = layer_.size();
+    for (std::size_t at = 1; at + 2 < end; ++at) {
+      for (Search::Bits hits = search.at(bytes + at) & wanted; hits != 0; hits &= hits - 1) {
+        addAt(at, search.row(std::countr_zero(hits)));
+      }
     }
-    if (contents.parts.size() >= kMostParts) {
-      contents.tooMany = true;
+    if (wanted_.tarAndCpio) {
+      addOldTars(bytes);
+    }
+    for (Part& part : contents_.parts) {
+      std::sort(part.later.begin(), part.later.end());
+    }
+  }
+  void followTarFrom(std::uint64_t offset) {
+    const TarChain chain = followTar(layer_, offset);
+    contents_.hasOddTar = contents_.hasOddTar || chain.odd;
+    tarHeaders_.insert(chain.headers.begin(), chain.headers.end());
+  }
+
+ private:
+  void addAt(std::size_t at, const Search::Row& row) {
+    if (row.magic == nullptr) {
+      contents_.hasZipEnd = contents_.hasZipEnd || layer_.from(at).startsWith(Search::kZipEnd);
       return;
     }
-    contents.parts.push_back(
-        {kind, at - magic.offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored, {}});
+    const Magic& magic = *row.magic;
+    if (at <= magic.offset || !matches(magic, layer_.from(at - magic.offset))) {
+      return;
+    }
+    const std::uint64_t offset = at - magic.offset;
+    if (row.kind->reader == Reader::kTar && !tarHeaders_.contains(offset)) {
+      followTarFrom(offset);
+    }
+    if (addToLast(row.kind, offset)) {
+      return;
+    }
+    // Each member of a zip has a header. The first is the beginning.
+    if (row.kind->reader == Reader::kZipStream && std::exchange(contents_.hasZipStream, true)) {
+      return;
+    }
+    addPart({row.kind, offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored, {}});
   }
-}
 
-// Calls addAt for each place where a magic may begin. The test of two pairs without a branch between them
-// takes half the time of a branch for each pair.
-void addBehind(const Bytes& layer, const Search& search, Contents& contents) {
-  const std::uint8_t* first = searchedPairs().first.data();
-  const std::uint8_t* second = searchedPairs().second.data();
-  const auto* bytes = reinterpret_cast<const unsigned char*>(layer.text(0, layer.size()).data());
-  const std::size_t end = layer.size();
-  for (std::size_t at = 1; at + 2 < end; ++at) {
-    const unsigned pair = bytes[at] | bytes[at + 1] << 8U, next = bytes[at + 1] | bytes[at + 2] << 8U;
-    if ((first[pair] & second[next]) != 0) {
-      addAt(layer, at, search, contents);
+  // Each member of a tar or a cpio has a header. Those of a tar stand at multiples of the block.
+  bool addToLast(const ArchiveKind* kind, std::uint64_t at) {
+    const auto last = std::find_if(contents_.parts.rbegin(), contents_.parts.rend(), [&](const Part& part) {
+      return part.kind->reader == kind->reader && part.offset > 0 && part.offset < at &&
+             (kind->reader == Reader::kCpio || (at - part.offset) % kTarBlock == 0);
+    });
+    if (!isTarOrCpio(kind->reader) || last == contents_.parts.rend()) {
+      return false;
+    }
+    last->later.push_back(at - last->offset);
+    return true;
+  }
+
+  void addPart(const Part& part) {
+    const auto isSame = [&](const Part& p) {
+      return p.offset == part.offset && p.kind->reader == part.kind->reader;
+    };
+    if (!contents_.parts.empty() && isSame(contents_.parts.back())) {
+      return;
+    }
+    contents_.tooMany = contents_.tooMany || contents_.parts.size() >= kMostParts;
+    if (!contents_.tooMany) {
+      contents_.parts.push_back(part);
     }
   }
+
+  // An old tar has no magic bytes. Other programs look for its headers at multiples of a block.
+  void addOldTars(const unsigned char* bytes) {
+    constexpr std::size_t kDigit = 150;  // within the checksum, however it is written
+    const auto isDigit = [](unsigned char c) { return (c >= '0' && c <= '7') || c == ' '; };
+    for (std::size_t at = kTarBlock; at + kTarBlock <= layer_.size(); at += kTarBlock) {
+      if (isDigit(bytes[at + kDigit]) && isDigit(bytes[at + kDigit + 1]) && isTar(layer_.from(at)) &&
+          !tarHeaders_.contains(at)) {
+        followTarFrom(at);
+        const ArchiveKind* kind = archiveKindOf("CL_TYPE_OLD_TAR");
+        if (!addToLast(kind, at)) {
+          addPart({kind, at, Failure::kIgnored, {}});
+        }
+      }
+    }
+  }
+
+  const Bytes& layer_;
+  Wanted wanted_;
+  Contents& contents_;
+  std::unordered_set<std::uint64_t> tarHeaders_;
+};
+
+bool isArchive(const Part& part) {
+  return part.failure == Failure::kCounts;
+}
+
+// A tar or a cpio: each member has a header like that of the archive.
+bool isMadeOfMembers(const ArchiveKind* kind, const Contents& contents) {
+  return (kind != nullptr && isTarOrCpio(kind->reader)) ||
+         std::any_of(contents.parts.begin(), contents.parts.end(),
+                     [](const Part& part) { return isArchive(part) && isTarOrCpio(part.kind->reader); });
+}
+
+// Whether the bytes behind the beginning of the layer are searched for certain signs only. Of the kinds that
+// libclamav alone unpacks, other programs may unpack what lies between the members.
+bool isSearchedForCertainSigns(const ArchiveKind* kind, const Contents& contents) {
+  return (kind != nullptr && (isReadByLibarchive(*kind) || mayBeInPieces(kind->type))) ||
+         std::any_of(contents.parts.begin(), contents.parts.end(), isArchive);
 }
 
 }  // namespace
@@ -338,18 +414,12 @@ Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind) {
   const Bytes layer(data, size);
   Contents contents;
   addBeginning(layer, contents);
-  const auto isArchive = [](const Part& part) { return part.failure == Failure::kCounts; };
-  const auto isMadeOfMembers = [&isArchive](const Part& part) {
-    return isArchive(part) && isTarOrCpio(part.kind->reader);
-  };
-  const auto& begin = contents.parts;
-  // libclamav calls a file an archive by its first bytes. libarchive and the audit of zips look at the whole.
-  const bool isAudited = kind != nullptr && isReadByLibarchive(*kind);
-  addBehind(layer,
-            {isAudited || std::any_of(begin.begin(), begin.end(), isArchive),
-             (kind == nullptr || !isTarOrCpio(kind->reader)) &&
-                 std::none_of(begin.begin(), begin.end(), isMadeOfMembers)},
-            contents);
+  Behind behind(layer, {isSearchedForCertainSigns(kind, contents), !isMadeOfMembers(kind, contents)},
+                contents);
+  if (isTar(layer)) {
+    behind.followTarFrom(0);
+  }
+  behind.add();
   return contents;
 }
 

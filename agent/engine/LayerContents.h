@@ -18,8 +18,8 @@ struct Part {
   const ArchiveKind* kind = nullptr;
   std::uint64_t offset = 0;
   Failure failure = Failure::kCounts;
-  /// Of a tar or cpio behind the beginning: where else one may begin, from `offset`. Mostly the members of
-  /// the first.
+  /// Of a tar or cpio behind the beginning: where else one may begin, from `offset`, in order. Mostly the
+  /// members of the first.
   std::vector<std::uint64_t> later;
   std::uint64_t size = ~std::uint64_t{0};  ///< at most
 };
@@ -28,6 +28,8 @@ struct Contents {
   std::vector<Part> parts;    ///< those at the beginning come first
   bool tooMany = false;       ///< more parts than are listed
   bool hasZipStream = false;  ///< a zip member's header stands behind the beginning
+  bool hasZipEnd = false;     ///< the end record of a zip stands behind the beginning
+  bool hasOddTar = false;     ///< a tar with a member whose size other programs read in another way
 };
 
 /// Finds archives by their magic bytes, whatever type libclamav gives the layer. kind: libclamav's for the

@@ -14,6 +14,11 @@ constexpr std::uint64_t kSizeUnknown = 0xFFFFFFFF;  // reported by libclamav for
 constexpr std::size_t kMostDetections = 32;
 constexpr std::size_t kUnscannedBytes = 5;  // libclamav reports, and does not scan, a member of so few bytes
 
+// libclamav knows an old cpio by two bytes.
+Failure failureOf(const ArchiveKind& kind) {
+  return kind.type == "CL_TYPE_CPIO_OLD" ? Failure::kCountsIfYielded : Failure::kCounts;
+}
+
 }  // namespace
 
 void ScanRecord::begin(const Place& place, TempFile& keep) {
@@ -114,7 +119,7 @@ bool ScanRecord::onLayer(const Layer& layer) {
     layerIsKept_ = false;
     scanWithoutFirstByte(layer);
     lookAt(layer, kind, contents);
-    lookForZip(layer, kind);
+    lookForZip(layer, kind, contents.hasZipEnd);
   }
   return true;
 }
@@ -149,19 +154,23 @@ void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Conte
     const bool isLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
     kindIsListed = kindIsListed || isLayer;
     // libclamav's type settles what the bytes leave open.
-    unpackLater(layer, kind, isLayer ? Part{part.kind, 0, Failure::kCounts, part.later} : part, {});
+    unpackLater(layer, kind, isLayer ? Part{part.kind, 0, failureOf(*part.kind), part.later} : part, {});
   }
   if (!kindIsListed) {
-    unpackLater(layer, kind, {kind, 0, Failure::kCounts, {}}, {});
+    unpackLater(layer, kind, {kind, 0, failureOf(*kind), {}}, {});
+  }
+  if (contents.hasOddTar) {
+    leaveOut(layer.name, base_.level + layer.level, "a tar archive with a size that is read in several ways",
+             error_);
   }
   if (contents.tooMany) {
     leaveOut(layer.name, base_.level + layer.level, "more archives in it than the engine's limit", error_);
   }
 }
 
-void ScanRecord::lookForZip(const Layer& layer, const ArchiveKind* kind) {
+void ScanRecord::lookForZip(const Layer& layer, const ArchiveKind* kind, bool hasEnd) {
   const bool isZip = (kind != nullptr && kind->zip) || isZipDocument(layer.type);
-  if (!isZip && !hasZipDirectory(layer.data, layer.size)) {
+  if (!isZip && !(hasEnd && hasZipDirectory(layer.data, layer.size))) {
     return;
   }
   const auto audited = auditZip(layer.data, layer.size);

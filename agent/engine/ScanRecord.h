@@ -106,7 +106,7 @@ class ScanRecord {
   bool mayUnpack(const ArchiveKind& kind, const Layer& layer, std::uint64_t archiveBytes, Reported reported);
   void scanWithoutFirstByte(const Layer& layer);
   void lookAt(const Layer& layer, const ArchiveKind* kind, const Contents& contents);
-  void lookForZip(const Layer& layer, const ArchiveKind* kind);
+  void lookForZip(const Layer& layer, const ArchiveKind* kind, bool hasEnd);
   bool unpackLater(const Layer& layer, const ArchiveKind* kind, const Part& part, std::string otherwise);
   void unpackZipLater(const Layer& layer, const ArchiveKind* kind, const AuditedZip& audited);
   bool keepLayer(const Layer& layer);

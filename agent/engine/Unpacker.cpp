@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "platform/Posix.h"
 
@@ -39,6 +40,7 @@ constexpr ReaderRow kReaders[] = {
     {Reader::kCab, ARCHIVE_FILTER_NONE, archive_read_support_format_cab},
     {Reader::kCpio, ARCHIVE_FILTER_NONE, archive_read_support_format_cpio},
     {Reader::kIso, ARCHIVE_FILTER_NONE, archive_read_support_format_iso9660},
+    {Reader::kLha, ARCHIVE_FILTER_NONE, archive_read_support_format_lha},
     {Reader::kXar, ARCHIVE_FILTER_NONE, archive_read_support_format_xar},
     {Reader::kAr, ARCHIVE_FILTER_NONE, archive_read_support_format_ar},
     {Reader::kRar, ARCHIVE_FILTER_NONE,
@@ -58,6 +60,8 @@ int prepare(struct archive* archive, Reader reader) {
     const int result = row->format(archive);
     // Other programs read the members behind an end mark, too. Other formats have no such option.
     archive_read_set_format_option(archive, "tar", "read_concatenated_archives", "1");
+    // libclamav reads the other tree of an iso.
+    archive_read_set_format_option(archive, "iso9660", "joliet", nullptr);
     archive_clear_error(archive);
     return result;
   }
@@ -138,6 +142,11 @@ struct Unpacker::Input {
 
 Unpacker::Unpacker(const FileRange& range, Reader reader)
     : input_(new Input{range, 0, {}}), reader_(reader), archive_(archive_read_new()) {
+  if (reader == Reader::kInflate) {
+    inflater_ = std::make_unique<Inflater>(range);
+    open_ = true;
+    return;
+  }
   if (archive_ == nullptr) {
     problem_ = "no memory for the unpacker";
     return;
@@ -188,6 +197,9 @@ bool Unpacker::isCut(std::uint64_t headerBytes) const {
 }
 
 bool Unpacker::next() {
+  if (inflater_) {
+    return std::exchange(open_, false);
+  }
   for (int failures = 0; open_ && failures < kMostFailures; ++failures) {
     archive_entry* entry = nullptr;
     const std::uint64_t before = bytesRead();
@@ -214,6 +226,9 @@ bool Unpacker::next() {
 }
 
 std::uint64_t Unpacker::bytesRead() const {
+  if (inflater_) {
+    return inflater_->bytesRead();
+  }
   return static_cast<std::uint64_t>(std::max<la_int64_t>(archive_filter_bytes(archive_, -1), 0));
 }
 
@@ -234,7 +249,19 @@ std::int64_t Unpacker::readBlock(char* buffer, std::size_t size) {
   return static_cast<std::int64_t>(bytes);
 }
 
+std::size_t Unpacker::inflate(char* buffer, std::size_t size) {
+  const std::size_t got = inflater_->read(buffer, size);
+  yielded_ = yielded_ || got > 0;
+  if (got == 0 && !inflater_->isWhole()) {
+    problem_ = "damaged or cut off";
+  }
+  return got;
+}
+
 std::size_t Unpacker::read(char* buffer, std::size_t size) {
+  if (inflater_) {
+    return inflate(buffer, size);
+  }
   if (!link_.empty()) {
     const std::size_t got = std::min(size, link_.size());
     std::copy_n(link_.begin(), got, buffer);

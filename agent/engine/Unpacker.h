@@ -6,6 +6,7 @@
 #include <string>
 
 #include "engine/ArchiveKinds.h"
+#include "engine/Inflater.h"
 
 struct archive;  // of libarchive
 
@@ -13,12 +14,6 @@ namespace agent {
 
 /// The version of the library that unpacks.
 std::string unpackerVersion();
-
-/// A range of an open file. The descriptor stays its owner's; its position does not change.
-struct FileRange {
-  int fd = -1;
-  std::uint64_t offset = 0, size = 0;
-};
 
 /// Reads the members of an archive by libarchive, one after the other, without a file or program of its own.
 /// One layer only: a tar inside a gzip is the one member of the gzip.
@@ -52,9 +47,11 @@ class Unpacker {
   struct Input;
   void fail();
   bool isCut(std::uint64_t headerBytes) const;
+  std::size_t inflate(char* buffer, std::size_t size);
   std::int64_t readBlock(char* buffer, std::size_t size);
 
   std::unique_ptr<Input> input_;
+  std::unique_ptr<Inflater> inflater_;  // in place of libarchive
   Reader reader_;
   ::archive* archive_ = nullptr;
   bool open_ = false;

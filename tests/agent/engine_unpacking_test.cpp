@@ -485,10 +485,12 @@ TEST_F(EngineUnpacking, HarmlessArchivesOfEveryKindAreClean) {
 
 TEST_F(EngineUnpacking, KindsThatNobodyUnpacksAreSkippedAndNeverClean) {
   const std::string rest = noise(5000);
-  std::string squashFs = "hsqs" + std::string(24, '\0') + std::string("\4\0\0\0", 4) + rest;
+  const std::string squashFs =
+      "hsqs" + std::string("\0\0\0\0\0\0\0\0\0\0\2\0\0\0\0\0\1\0\x11\0\0\0\0\0\4\0\0\0", 28) + rest;
   const std::string wim = std::string("MSWIM\0\0\0\xD0\0\0\0", 12) + rest;
   for (const Row& row :
-       {Row{"squashfs", squashFs}, Row{"wim", wim}, Row{"lrz", "LRZI" + rest}, Row{"vhdx", "vhdxfile" + rest},
+       {Row{"squashfs", squashFs}, Row{"wim", wim}, Row{"lrz", std::string("LRZI\0", 5) + rest},
+        Row{"vhdx", std::string("vhdxfileM\0i\0", 12) + rest},
         Row{"lzo", std::string("\x89LZO\0\r\n\x1A\n", 9) + rest}, Row{"qcow2", "QFI\xFB" + rest}}) {
     const std::string reason = std::string("an archive of a kind that cannot be unpacked (") + row.what + ")";
     expectSkipped(row, reason);

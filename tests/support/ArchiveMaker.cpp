@@ -183,6 +183,10 @@ std::string makeZip(const std::vector<ZipMember>& members, bool end64) {
   return out;
 }
 
+std::string makeZlib(std::string_view content) {
+  return deflated(content, 15);
+}
+
 std::string makeGzip(std::string_view content) {
   return deflated(content, 31);
 }

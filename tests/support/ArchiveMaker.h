@@ -25,6 +25,7 @@ struct ZipMember {
 /// end64: writes an end record and locator of the 64-bit format before the plain one, as for many members.
 std::string makeZip(const std::vector<ZipMember>& members, bool end64 = false);
 std::string makeGzip(std::string_view content);
+std::string makeZlib(std::string_view content);
 /// ustar. Pairs of name and content.
 std::string makeTar(const std::vector<std::pair<std::string, std::string>>& members);
 /// The size in a tar header: in octal digits, as a number of eight bytes, or zero (a pax header has the true

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "engine/Bytes.h"
+
+namespace agent {
+
+// Whether bytes whose magic bytes fit are the header of an archive. The bytes begin where the archive begins,
+// or where the file system's volume begins. None reads outside the bytes.
+
+bool isGzip(const Bytes& a);
+bool isPack(const Bytes& a);
+bool isZlib(const Bytes& a);
+bool isBzip2(const Bytes& a);
+bool isXz(const Bytes& a);
+bool isZstd(const Bytes& a);
+bool isLz4(const Bytes& a);
+bool isLzma(const Bytes& a);
+/// As isLzma, with a dictionary of any size.
+bool isLzmaOfAnyDictionary(const Bytes& a);
+bool isSevenZip(const Bytes& a);
+bool isRar4(const Bytes& a);
+bool isRar5(const Bytes& a);
+/// A cab by its sizes: the whole cab is there.
+bool isWholeCab(const Bytes& a);
+bool isCab(const Bytes& a);
+bool isLzh(const Bytes& a);
+bool isArc(const Bytes& a);
+bool isCpioText(const Bytes& a);
+/// A cpio whose header holds numbers of two bytes, in either order.
+bool isCpioBinary(const Bytes& a);
+/// An old tar has no magic bytes, but a checksum of the header.
+bool isTar(const Bytes& a);
+
+bool isSquashFs(const Bytes& a);
+bool isWim(const Bytes& a);
+bool isExt(const Bytes& a);
+bool isFat(const Bytes& a);
+bool isHfs(const Bytes& a);
+bool isHfsPlus(const Bytes& a);
+bool isMinix(const Bytes& a);
+/// An iso that holds a second tree of files, of the kind udf.
+bool isUdfBridge(const Bytes& a);
+
+/// The headers of a tar, one after the other.
+struct TarChain {
+  std::vector<std::uint64_t> headers;  ///< their offsets
+  bool odd = false;  ///< other programs read a member's size from the header, and libarchive does not
+};
+TarChain followTar(const Bytes& layer, std::uint64_t offset);
+
+}  // namespace agent
