@@ -47,9 +47,11 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_LZ4", "lz4 gz", false, false, Reader::kLz4},
     {"TAV_RPM", "rpm cpio", false, true, Reader::kRpm},
     {"TAV_AR", "ar deb a tar", false, false, Reader::kAr},
+    {"TAV_WARC", "warc tar", false, true, Reader::kWarc},
     // Kinds that neither unpacker can unpack.
     {"TAV_SQUASHFS", "squashfs", false, false, Reader::kNobody},
     {"TAV_CRAMFS", "cramfs", false, false, Reader::kNobody},
+    {"TAV_JFFS2", "jffs2", false, false, Reader::kNobody},
     {"TAV_ROMFS", "romfs", false, false, Reader::kNobody},
     {"TAV_EROFS", "erofs", false, false, Reader::kNobody},
     {"TAV_EXT", "ext4", false, false, Reader::kNobody},

@@ -34,6 +34,7 @@ enum class Reader : std::uint8_t {
   kLha,
   kXar,
   kAr,
+  kWarc,
 };
 
 /// A kind of file that is unpacked as an archive.

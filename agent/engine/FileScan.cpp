@@ -131,8 +131,10 @@ bool FileScan::isWhole(const Pending& archive, bool isCutLink, const std::string
 void FileScan::endOf(int fd, const Pending& archive, const Unpacker& unpacker, bool any) {
   std::string problem = unpacker.problem();
   // A zip is pending only when its directory has members.
-  const bool mustYield = archive.kind->mustYield || archive.kind->reader == Reader::kZip;
-  if (problem.empty() && mustYield && !any) {
+  const bool isZip = archive.kind->reader == Reader::kZip;
+  // The library takes a compressed file that is cut off in its header for an empty one.
+  const bool nothingRead = mayHaveRest(*archive.kind) && unpacker.bytesRead() == 0;
+  if (problem.empty() && !any && (archive.kind->mustYield || isZip || nothingRead)) {
     problem = "no member came out";
   }
   if (!problem.empty()) {

@@ -60,6 +60,13 @@ bool isZlib(const Bytes& a) {
          (a.at8(1) & kDictionary) == 0 && a.big16(0) % 31 == 0;
 }
 
+// The longest code, in bits, and a flag that only the first version does not set.
+bool isCompress(const Bytes& a) {
+  constexpr std::uint32_t kShortest = 9, kLongest = 16, kBits = 0x1F, kReserved = 0x60;
+  return a.has(0, 3) && (a.at8(2) & kReserved) == 0 && (a.at8(2) & kBits) >= kShortest &&
+         (a.at8(2) & kBits) <= kLongest;
+}
+
 bool isBzip2(const Bytes& a) {
   constexpr auto kBlock = "\x31\x41\x59\x26\x53\x59"sv, kEnd = "\x17\x72\x45\x38\x50\x90"sv;
   return a.has(0, 14) && a.at8(3) >= '1' && a.at8(3) <= '9' &&
@@ -261,6 +268,39 @@ bool isFat(const Bytes& a) {
   const bool anySectors = a.at16(19) != 0 || a.at32(32) != 0;
   return isPowerOfTwo(sector) && sector >= kBootSector && sector <= 4096 && isPowerOfTwo(cluster) &&
          reserved != 0 && tables >= 1 && tables <= 2 && a.at8(21) >= 0xF0 && anySectors;
+}
+
+bool isWholeFat(const Bytes& a) {
+  if (!isFat(a)) {
+    return false;
+  }
+  const std::uint64_t table = std::uint64_t{a.at16(11)} * a.at16(14);
+  return a.has(table, 3) && a.at8(table) == a.at8(21) && a.at16(table + 1) == 0xFFFF;
+}
+
+// The table of files is where the boot sector says.
+bool isWholeNtfs(const Bytes& a) {
+  constexpr std::size_t kBootSector = 512;
+  if (!a.has(0, kBootSector) || a.text(3, 8) != "NTFS    ") {
+    return false;
+  }
+  const std::uint64_t cluster = std::uint64_t{a.at16(11)} * a.at8(13), first = a.at64(48);
+  return first < a.size() && a.has(first * cluster, 4) && a.text(first * cluster, 4) == "FILE";
+}
+
+bool isCramFs(const Bytes& a) {
+  constexpr auto kText = "Compressed ROMFS"sv;
+  return a.has(16, kText.size()) && a.text(16, kText.size()) == kText;
+}
+
+// The kind of a node stands behind the magic bytes, in the same order of bytes.
+bool isJffs2(const Bytes& a) {
+  constexpr std::uint32_t kInode = 0xE002, kEntry = 0xE001, kCleanMarker = 0x2003, kPadding = 0x2004;
+  if (!a.has(0, 12)) {
+    return false;
+  }
+  const std::uint32_t node = a.at8(0) == 0x85 ? a.at16(2) : a.big16(2);
+  return node == kInode || node == kEntry || node == kCleanMarker || node == kPadding;
 }
 
 bool isHfs(const Bytes& a) {

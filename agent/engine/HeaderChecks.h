@@ -13,6 +13,7 @@ namespace agent {
 bool isGzip(const Bytes& a);
 bool isPack(const Bytes& a);
 bool isZlib(const Bytes& a);
+bool isCompress(const Bytes& a);
 bool isBzip2(const Bytes& a);
 bool isXz(const Bytes& a);
 bool isZstd(const Bytes& a);
@@ -38,6 +39,11 @@ bool isSquashFs(const Bytes& a);
 bool isWim(const Bytes& a);
 bool isExt(const Bytes& a);
 bool isFat(const Bytes& a);
+/// With the first bytes of its table: programs that make file systems hold boot sectors, too.
+bool isWholeFat(const Bytes& a);
+bool isWholeNtfs(const Bytes& a);
+bool isCramFs(const Bytes& a);
+bool isJffs2(const Bytes& a);
 bool isHfs(const Bytes& a);
 bool isHfsPlus(const Bytes& a);
 bool isMinix(const Bytes& a);

@@ -6,9 +6,11 @@
 #include <string_view>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "engine/Bytes.h"
 #include "engine/HeaderChecks.h"
+#include "engine/StreamEnds.h"
 #include "engine/ZipAudit.h"
 
 namespace agent {
@@ -80,13 +82,14 @@ constexpr Magic kMagics[] = {
     {"TAV_LZMA", 0, ""sv, Where::kBeginning, Sign::kLikely, isLzma},
     {"TAV_LZMA", 0, "\x5D"sv, Where::kBeginning, Sign::kLikely, isLzmaOfAnyDictionary},
     {"TAV_LZIP", 0, "LZIP\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
-    {"TAV_COMPRESS", 0, "\x1F\x9D"sv, Where::kBeginning, Sign::kLikely, isAnything},
+    {"TAV_COMPRESS", 0, "\x1F\x9D"sv, Where::kBeginning, Sign::kCertain, isCompress},
     {"TAV_OLDGZIP", 0, "\x1F\x9E\x08"sv, Where::kBeginning, Sign::kLikely, isGzip},
     {"TAV_ZLIB", 0, ""sv, Where::kBeginning, Sign::kWeak, isZlib},
     {"TAV_PACK", 0, "\x1F\x1E"sv, Where::kBeginning, Sign::kCertain, isPack},
     {"TAV_SCOLZH", 0, "\x1F\xA0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_RPM", 0, "\xED\xAB\xEE\xDB"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_AR", 0, "!<arch>\n"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_WARC", 0, "WARC/"sv, Where::kBeginning, Sign::kLikely, isAnything},
     {"CL_TYPE_POSIX_TAR", 257, "ustar"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isTar},
     {"CL_TYPE_OLD_TAR", 0, ""sv, Where::kBeginning, Sign::kCertain, isTar},
     {"CL_TYPE_CPIO_NEWC", 0, "07070"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioText},
@@ -111,8 +114,12 @@ constexpr Magic kMagics[] = {
     {"TAV_WIM", 0, "MSWIM\0\0\0"sv, Where::kAnywhere, Sign::kCertain, isWim},
     {"TAV_WIM", 0, "WLPWM\0\0\0"sv, Where::kAnywhere, Sign::kCertain, isWim},
     {"TAV_CRAMFS", 0, "\x45\x3D\xCD\x28"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_CRAMFS", 0, "\x45\x3D\xCD\x28"sv, Where::kBehind, Sign::kCertain, isCramFs},
     {"TAV_CRAMFS", 0, "\x28\xCD\x3D\x45"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_CRAMFS", 0, "\x28\xCD\x3D\x45"sv, Where::kBehind, Sign::kCertain, isCramFs},
     {"TAV_CRAMFS", 16, "Compressed ROMFS"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_JFFS2", 0, "\x85\x19"sv, Where::kBeginning, Sign::kCertain, isJffs2},
+    {"TAV_JFFS2", 0, "\x19\x85"sv, Where::kBeginning, Sign::kCertain, isJffs2},
     {"TAV_ROMFS", 0, "-rom1fs-"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_EROFS", 1024, "\xE2\xE1\xF5\xE0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_EXT", 1080, "\x53\xEF"sv, Where::kBeginning, Sign::kCertain, isExt},
@@ -122,8 +129,10 @@ constexpr Magic kMagics[] = {
     {"TAV_FAT", 54, "FAT16   "sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_FAT", 82, "FAT32   "sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_FAT", 510, "\x55\xAA"sv, Where::kBeginning, Sign::kCertain, isFat},
+    {"TAV_FAT", 510, "\x55\xAA"sv, Where::kBehind, Sign::kCertain, isWholeFat},
     {"TAV_EXFAT", 3, "EXFAT   "sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_NTFS", 3, "NTFS    "sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_NTFS", 510, "\x55\xAA"sv, Where::kBehind, Sign::kCertain, isWholeNtfs},
     {"TAV_HFS", 1024, "BD"sv, Where::kBeginning, Sign::kCertain, isHfs},
     {"TAV_HFSPLUS", 1024, "H+"sv, Where::kBeginning, Sign::kCertain, isHfsPlus},
     {"TAV_HFSPLUS", 1024, "HX"sv, Where::kBeginning, Sign::kCertain, isHfsPlus},
@@ -187,9 +196,10 @@ bool matches(const Magic& magic, const Bytes& archive) {
          archive.text(magic.offset, magic.bytes.size()) == magic.bytes && magic.check(archive);
 }
 
-// Skippable frames may precede the first frame of a zst or lz4 file.
-bool isSkippableFrame(const Bytes& layer) {
-  return layer.has(0, 8) && (layer.at32(0) & ~0xFU) == 0x184D2A50U;
+// A magic behind skippable frames is that of the file.
+Failure failureBehindFrames(const Bytes& layer, std::uint64_t at, std::string_view magic) {
+  const bool follows = layer.has(at, magic.size()) && layer.text(at, magic.size()) == magic;
+  return follows ? Failure::kCounts : Failure::kCountsIfYielded;
 }
 
 Failure failureAtBeginning(Sign sign) {
@@ -217,9 +227,9 @@ void addBeginning(const Bytes& layer, Contents& contents) {
       add(magic.type, failureAtBeginning(magic.sign));
     }
   }
-  if (isSkippableFrame(layer)) {
-    add("TAV_ZSTD", Failure::kCountsIfYielded);
-    add("TAV_LZ4", Failure::kCountsIfYielded);
+  if (const std::uint64_t frame = skipFrames(layer); frame > 0) {
+    add("TAV_ZSTD", failureBehindFrames(layer, frame, "\x28\xB5\x2F\xFD"sv));
+    add("TAV_LZ4", failureBehindFrames(layer, frame, "\x04\x22\x4D\x18"sv));
   }
 }
 
@@ -408,6 +418,32 @@ bool isSearchedForCertainSigns(const ArchiveKind* kind, const Contents& contents
          std::any_of(contents.parts.begin(), contents.parts.end(), isArchive);
 }
 
+// The library loses what it has unpacked when other bytes follow the end of an xz or a zst. Each stream has
+// the magic: those that are unpacked with the first are no archives of their own.
+void endAtStreams(const Bytes& layer, Contents& contents) {
+  constexpr std::size_t kMostSteps = 4'000'000;
+  std::size_t steps = kMostSteps;
+  std::unordered_set<std::uint64_t> followed;
+  std::vector<Part> parts;
+  for (Part& part : contents.parts) {
+    const bool isZstd = part.kind->reader == Reader::kZstd;
+    if (part.offset > 0 && (isZstd || part.kind->reader == Reader::kXz)) {
+      if (followed.contains(part.offset)) {
+        continue;
+      }
+      const Bytes archive = layer.from(part.offset);
+      const Streams streams = isZstd ? followZstd(archive, steps) : followXz(archive, steps);
+      for (const std::uint64_t start : streams.starts) {
+        followed.insert(part.offset + start);
+      }
+      part.size = streams.end > 0 ? streams.end : part.size;
+    }
+    parts.push_back(part);
+  }
+  contents.parts = std::move(parts);
+  contents.tooMany = contents.tooMany || steps == 0;
+}
+
 }  // namespace
 
 Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind) {
@@ -420,6 +456,7 @@ Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind) {
     behind.followTarFrom(0);
   }
   behind.add();
+  endAtStreams(layer, contents);
   return contents;
 }
 

@@ -43,6 +43,7 @@ constexpr ReaderRow kReaders[] = {
     {Reader::kLha, ARCHIVE_FILTER_NONE, archive_read_support_format_lha},
     {Reader::kXar, ARCHIVE_FILTER_NONE, archive_read_support_format_xar},
     {Reader::kAr, ARCHIVE_FILTER_NONE, archive_read_support_format_ar},
+    {Reader::kWarc, ARCHIVE_FILTER_NONE, archive_read_support_format_warc},
     {Reader::kRar, ARCHIVE_FILTER_NONE,
      [](struct archive* a) {
        const int rar4 = archive_read_support_format_rar(a);

@@ -1,0 +1,143 @@
+// Compressed streams between other bytes: where they end, and what stands in front of them.
+
+#include <gmock/gmock.h>
+
+#include "EngineFixture.h"
+#include "engine/StreamEnds.h"
+#include "support/LibarchiveMaker.h"
+
+namespace agent {
+namespace {
+
+using testing::describe;
+using ::testing::HasSubstr;
+using testsupport::archiveOf;
+using testsupport::eicar;
+using testsupport::noise;
+using testsupport::packedBy;
+
+class EngineStreams : public testing::EngineFixture {
+ protected:
+  void expectOutcome(Outcome outcome, const std::string& what, const std::string& content) {
+    const Verdict verdict = scan(content);
+    EXPECT_EQ(verdict.outcome, outcome) << what << ": " << describe(verdict);
+  }
+};
+
+Streams follow(const std::string& packing, const std::string& content) {
+  std::size_t steps = 1000;
+  const Bytes bytes(content.data(), content.size());
+  return packing == "xz" ? followXz(bytes, steps) : followZstd(bytes, steps);
+}
+
+// A frame without content for the unpacker.
+std::string skippableFrame() {
+  return std::string("\x50\x2A\x4D\x18\x04\x00\x00\x00", 8) + "text";
+}
+
+const std::string kFront = "some text in front\n", kBehind = "some text behind the end of the stream\n";
+
+TEST_F(EngineStreams, AStreamBetweenOtherBytesIsUnpacked) {
+  for (const char* packing : {"gzip", "bzip2", "xz", "zstd"}) {
+    for (const std::string& behind : {kBehind, std::string(700, '\0'), noise(500)}) {
+      expectOutcome(Outcome::kInfected, packing, kFront + packedBy(packing, eicar()) + behind);
+    }
+  }
+}
+
+TEST_F(EngineStreams, SeveralStreamsBetweenOtherBytesAreOneFile) {
+  const std::string half = eicar().substr(0, 30), rest = eicar().substr(30);
+  for (const char* packing : {"xz", "zstd"}) {
+    expectOutcome(Outcome::kInfected, packing,
+                  kFront + packedBy(packing, half) + packedBy(packing, rest) + kBehind);
+  }
+}
+
+TEST_F(EngineStreams, AZstdFileBehindASkippableFrameIsAnErrorWhenItIsCutOff) {
+  const std::string whole = skippableFrame() + packedBy("zstd", eicar());
+  expectOutcome(Outcome::kInfected, "whole", whole);
+  expectOutcome(Outcome::kError, "cut off", whole.substr(0, whole.size() / 2));
+  expectOutcome(Outcome::kError, "with bytes behind", whole + std::string(300, '\0'));
+  expectOutcome(Outcome::kClean, "no zstd at all", skippableFrame() + kFront);
+}
+
+TEST_F(EngineStreams, AGzipCutOffInItsHeaderIsAnError) {
+  const std::string packed = packedBy("gzip", eicar());
+  const std::string header = packed.substr(0, 3) + "\x08" + packed.substr(4, 6);  // a name follows
+  expectOutcome(Outcome::kInfected, "whole", header + std::string("name\0", 5) + packed.substr(10));
+  expectOutcome(Outcome::kError, "cut off", header + "a name without an end");
+  expectOutcome(Outcome::kClean, "empty", packedBy("gzip", {}));
+}
+
+TEST_F(EngineStreams, AZFileThatCannotBeUnpackedIsAnError) {
+  const std::string packed = packedBy("compress", eicar());
+  expectOutcome(Outcome::kInfected, "whole", packed);
+  expectOutcome(Outcome::kError, "damaged", packed.substr(0, 10) + noise(200));
+  expectOutcome(Outcome::kClean, "no such file", "\x1F\x9D and some text");
+}
+
+TEST_F(EngineStreams, AWarcIsUnpacked) {
+  const std::string warc = archiveOf({{"test.com", eicar()}}, "warc");
+  expectOutcome(Outcome::kInfected, "warc", warc);
+  expectOutcome(Outcome::kInfected, "text behind", warc + kBehind);
+  expectOutcome(Outcome::kClean, "a text", "WARC/1.0 is the first line of such a file\n");
+}
+
+// A boot sector, and the first sector of the table.
+std::string fatImage() {
+  std::string sector(512, '\0');
+  sector.replace(0, 3, "\xEB\x3C\x90");
+  sector.replace(11, 5, std::string("\x00\x02\x01\x01\x00", 5));
+  sector[21] = '\xF0';
+  sector.replace(54, 8, "FAT12   ");
+  sector.replace(510, 2, "\x55\xAA");
+  return sector + "\xF0\xFF\xFF" + std::string(509, '\0');
+}
+
+TEST_F(EngineStreams, ImagesThatNobodyUnpacksAreSkipped) {
+  const std::string jffs2 = std::string("\x85\x19\x03\x20\x0C\x00\x00\x00", 8) + noise(100);
+  const std::string cramfs =
+      std::string("\x45\x3D\xCD\x28", 4) + std::string(12, '\0') + "Compressed ROMFS" + noise(99);
+  const std::string fat = fatImage();
+  expectOutcome(Outcome::kSkipped, "fat", fat);
+  expectOutcome(Outcome::kSkipped, "fat in a partition", std::string(63 * 512, '\0') + fat);
+  expectOutcome(Outcome::kSkipped, "fat behind a program", testsupport::readFile("/bin/true") + fat);
+  expectOutcome(Outcome::kClean, "a boot sector in a program",
+                testsupport::readFile("/bin/true") + fat.substr(0, 512));
+  expectOutcome(Outcome::kSkipped, "jffs2", jffs2);
+  expectOutcome(Outcome::kSkipped, "cramfs", cramfs);
+  expectOutcome(Outcome::kSkipped, "cramfs behind text", kFront + cramfs);
+}
+
+TEST(StreamEnds, TheEndOfAStreamIsFoundWithoutUnpacking) {
+  for (const char* packing : {"xz", "zstd"}) {
+    for (const std::string& content : {std::string{}, eicar(), noise(300'000), std::string(5'000'000, 'x')}) {
+      const std::string packed = packedBy(packing, content);
+      EXPECT_EQ(follow(packing, packed + kBehind).end, packed.size()) << packing << ' ' << content.size();
+      EXPECT_EQ(follow(packing, packed).end, packed.size()) << packing << ' ' << content.size();
+      const Streams two = follow(packing, packed + packed + kBehind);
+      EXPECT_EQ(two.end, 2 * packed.size()) << packing;
+      EXPECT_EQ(two.starts, (std::vector<std::uint64_t>{0, packed.size()})) << packing;
+    }
+  }
+}
+
+TEST(StreamEnds, AStreamThatIsCutOffAnywhereHasNoEnd) {
+  for (const char* packing : {"xz", "zstd"}) {
+    const std::string packed = packedBy(packing, noise(70'000));
+    for (std::size_t size = 1; size < packed.size();
+         size += size < 100 || size + 100 > packed.size() ? 1 : 997) {
+      EXPECT_EQ(follow(packing, packed.substr(0, size)).end, 0U) << packing << ' ' << size;
+    }
+  }
+}
+
+TEST(StreamEnds, TheWorkIsLimited) {
+  std::size_t steps = 2;
+  const std::string packed = packedBy("xz", noise(1'000'000));
+  EXPECT_EQ(followXz({packed.data(), packed.size()}, steps).end, 0U);
+  EXPECT_EQ(steps, 0U);
+}
+
+}  // namespace
+}  // namespace agent
