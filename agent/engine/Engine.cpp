@@ -13,7 +13,7 @@
 #include "engine/FileHashes.h"
 #include "engine/FileScan.h"
 #include "engine/ScanRecord.h"
-#include "engine/SignatureFolder.h"
+#include "engine/SignatureLoader.h"
 #include "json/CppJson.h"
 #include "platform/Posix.h"
 
@@ -22,17 +22,9 @@ namespace {
 
 constexpr std::uint64_t kFileBytesUnit = 64 * 1024;      // libclamav cuts members at its own block's edge
 constexpr std::uint64_t kLargestFileBytes = 0x7FFF0000;  // libclamav scans nothing of 2 GiB and more
-constexpr std::uint32_t kDatabaseOptions = CL_DB_STDOPT | CL_DB_PUA;
-
-struct FreeEngine {
-  void operator()(cl_engine* engine) const { cl_engine_free(engine); }
-};
-using EngineHandle = std::unique_ptr<cl_engine, FreeEngine>;
 
 // The record of the current scan: libclamav's messages come without a context. Null between scans.
 ScanRecord* currentRecord = nullptr;
-// The last error message outside a scan: the reason when a load fails.
-std::string lastLoadMessage;
 
 std::string_view orEmpty(const char* text) {
   return text == nullptr ? std::string_view{} : std::string_view(text);
@@ -49,7 +41,7 @@ void onMessage(cl_msg severity, const char*, const char* message, void*) {
   if (currentRecord != nullptr) {
     currentRecord->onFailure(text);
   } else {
-    lastLoadMessage = text;
+    noteLoadMessage(text);
   }
 }
 
@@ -250,34 +242,21 @@ class Engine::Impl {
 
 namespace {
 
-struct Loaded {
-  EngineHandle engine;
-  unsigned int count = 0;  // of signatures
-};
+EngineHandle newEngine(const EngineLimits& limits, std::uint64_t fileBytes) {
+  EngineHandle engine(cl_engine_new());
+  if (engine) {
+    setLimits(engine.get(), limits, fileBytes);
+    cl_engine_set_clcb_file_inspection(engine.get(), onLayer);
+    cl_engine_set_clcb_meta(engine.get(), onMember);
+    cl_engine_set_clcb_virus_found(engine.get(), onFind);
+  }
+  return engine;
+}
 
-platform::Expected<Loaded> loadFolders(const Engine::Config& config, std::uint64_t fileBytes,
-                                       const std::vector<std::string>& folders) {
-  Loaded loaded{EngineHandle(cl_engine_new())};
-  cl_engine* engine = loaded.engine.get();
-  if (engine == nullptr) {
-    return platform::failure("no memory for the engine");
-  }
-  setLimits(engine, config.limits, fileBytes);
-  lastLoadMessage.clear();
-  for (const auto& folder : folders) {
-    const cl_error_t result = cl_load(folder.c_str(), engine, &loaded.count, kDatabaseOptions);
-    if (result != CL_SUCCESS) {
-      return platform::failure(folder + ": " + cl_strerror(result) +
-                               (lastLoadMessage.empty() ? std::string{} : " (" + lastLoadMessage + ")"));
-    }
-  }
-  if (const cl_error_t result = cl_engine_compile(engine); result != CL_SUCCESS) {
-    return platform::failure(std::string("the signatures cannot be compiled: ") + cl_strerror(result));
-  }
-  cl_engine_set_clcb_file_inspection(engine, onLayer);
-  cl_engine_set_clcb_meta(engine, onMember);
-  cl_engine_set_clcb_virus_found(engine, onFind);
-  return loaded;
+// What scans, beside signatures and limits.
+std::string rulesText() {
+  return std::string("tavagentd " TAV_VERSION ", libclamav ") + cl_retver() + ", " + unpackerVersion() +
+         ", audit " + kAuditVersion;
 }
 
 std::uint64_t wholeUnits(std::uint64_t bytes) {
@@ -293,36 +272,19 @@ platform::Expected<std::unique_ptr<Engine>> Engine::load(const Config& config) {
   if (const auto ready = initialiseLibrary(); !ready) {
     return platform::failure(ready.error());
   }
-  const SignatureFolder shipped(config.shippedSignatures);
-  const SignatureFolder system(config.systemSignatures);
-  if (shipped.empty()) {
-    return platform::failure(shipped.problem());
-  }
   const std::uint64_t fileBytes = wholeUnits(config.limits.maxFileBytes);
-  auto loaded = system.empty() ? platform::failure(system.problem())
-                               : loadFolders(config, fileBytes, {system.path(), shipped.path()});
-  const bool withSystem = loaded.has_value();
-  const std::string leftOut = withSystem ? std::string{} : loaded.error();
-  if (!withSystem) {
-    loaded = loadFolders(config, fileBytes, {shipped.path()});
-  }
+  auto loaded = loadSignatures({config.shippedSignatures, config.systemSignatures, config.signatureCopies,
+                                config.copyForMissing, [&] { return newEngine(config.limits, fileBytes); },
+                                config.beforeSignatureFile});
   if (!loaded) {
     return platform::failure(loaded.error());
   }
-  SignatureState state;
-  state.loaded = true;
-  state.system = withSystem         ? SystemDatabase::kInForce
-                 : system.present() ? SystemDatabase::kLeftOut
-                                    : SystemDatabase::kNone;
-  state.count = loaded->count;
-  state.version = sha256Of(std::string(cl_retver()) + '\n' + unpackerVersion() + '\n' + kAuditVersion + '\n' +
-                           shipped.contentKey() + (withSystem ? system.contentKey() : std::string{}));
-  state.detail = std::to_string(state.count) + " signatures" +
-                 (withSystem ? " from " + system.path() + " and " + shipped.path()
-                             : " from " + shipped.path() + " alone: " + leftOut);
-  const bool pictures = shipped.comparesPictures() || (withSystem && system.comparesPictures());
-  return std::unique_ptr<Engine>(new Engine(std::make_unique<Impl>(std::move(loaded->engine), config.limits,
-                                                                   fileBytes, pictures, std::move(state))));
+  SignatureState& state = loaded->state;
+  state.rules = rulesText();
+  state.limits = describe(config.limits);
+  state.version = sha256Of(state.rules + '\n' + state.limits + '\n' + loaded->contentKey);
+  return std::unique_ptr<Engine>(new Engine(std::make_unique<Impl>(
+      std::move(loaded->engine), config.limits, fileBytes, loaded->comparesPictures, std::move(state))));
 }
 
 const SignatureState& Engine::signatures() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -18,9 +19,12 @@ class Engine {
     std::string shippedSignatures;  ///< folder of our own signatures; must be there
     std::string systemSignatures;   ///< folder of the system's database; may be missing or empty
     EngineLimits limits;
+    std::string signatureCopies{};  ///< folder with the copy of the last good load; may be missing
+    bool copyForMissing = true;     ///< a copy also serves for a file that the system's folder lacks
+    std::function<void(const std::string&)> beforeSignatureFile{};  ///< for tests
   };
-  /// Loads and compiles. When only the system's database does not load, the engine works with our own
-  /// signatures, and signatures() says so.
+  /// Loads and compiles. A file of the system's database that does not load is left out, and signatures()
+  /// says so.
   static platform::Expected<std::unique_ptr<Engine>> load(const Config& config);
   ~Engine();
   Engine(const Engine&) = delete;

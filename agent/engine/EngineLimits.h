@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace agent {
 
@@ -14,5 +15,13 @@ struct EngineLimits {
   std::uint32_t maxScanMs = 300000;          ///< for one file, the engine's own clock
   std::uint32_t quickTempBytes = 16U << 20;  ///< of one temporary file in memory; larger files go to disk
 };
+
+/// One line, for the log, and for the version of results: another limit, another result.
+inline std::string describe(const EngineLimits& limits) {
+  return "file " + std::to_string(limits.maxFileBytes) + " bytes, unpacked " +
+         std::to_string(limits.maxScanBytes) + " bytes, members " + std::to_string(limits.maxFiles) +
+         ", depth " + std::to_string(limits.maxRecursion) + ", time " + std::to_string(limits.maxScanMs) +
+         " ms";
+}
 
 }  // namespace agent

@@ -19,7 +19,8 @@ namespace agent {
 struct ForkRequest {};
 /// Agent to a template that is a program of its own, the first message.
 struct TemplateStart {
-  std::string shippedSignatures, systemSignatures;
+  std::string shippedSignatures, systemSignatures, signatureCopies;
+  bool copyForMissing = true;  ///< as of Engine::Config
   EngineLimits limits;
   std::string tempFolder;  ///< of the agent
   ScannerUser user;
@@ -66,17 +67,24 @@ struct MessageFields<TemplateStart> {
   static constexpr char kTag = 'T';
   static void visit(auto& v, auto& m) {
     auto& l = m.limits;
-    v(m.shippedSignatures), v(m.systemSignatures), v(m.tempFolder);
+    v(m.shippedSignatures), v(m.systemSignatures), v(m.signatureCopies), v(m.copyForMissing);
+    v(m.tempFolder);
     v(l.maxFileBytes), v(l.maxScanBytes), v(l.maxFiles), v(l.maxRecursion), v(l.maxScanMs),
         v(l.quickTempBytes);
     v(m.user.uid), v(m.user.gid), v(m.tempBytes), v(m.memoryBytes), v(m.processorSeconds), v(m.unconfined);
   }
 };
 template <>
+struct MessageFields<SignatureFile> {
+  static void visit(auto& v, auto& m) { v(m.name), v(m.bytes), v(m.sha256); }
+};
+template <>
 struct MessageFields<StateReport> {
   static constexpr char kTag = 'S';
   static void visit(auto& v, auto& m) {
-    v(m.state.loaded), v(m.state.system), v(m.state.version), v(m.state.detail), v(m.state.count);
+    auto& s = m.state;
+    v(s.loaded), v(s.system), v(s.version), v(s.detail), v(s.count), v(s.shortage), v(s.rules), v(s.limits);
+    v(s.unsettled), v(s.notInUse), v(s.files), v(s.copies);
     v(m.confinement.known), v(m.confinement.missing), v(m.confinement.essentialMissing);
   }
 };

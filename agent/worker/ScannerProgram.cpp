@@ -65,7 +65,7 @@ void runScannerProgram(std::function<void(const std::string&)> beforeFile) {
   const TemplateStart start = receiveStart(agent);
   loadLibraryFiles();
   Confinement confinement({start.user,
-                           {start.shippedSignatures, start.systemSignatures},
+                           {start.shippedSignatures, start.systemSignatures, start.signatureCopies},
                            start.tempFolder,
                            start.tempBytes,
                            start.memoryBytes,
@@ -77,7 +77,8 @@ void runScannerProgram(std::function<void(const std::string&)> beforeFile) {
     refuse(agent, confined);
   }
   runTemplate({std::move(agent),
-               {start.shippedSignatures, start.systemSignatures, start.limits},
+               {start.shippedSignatures, start.systemSignatures, start.limits, start.signatureCopies,
+                start.copyForMissing},
                WorkerFolders{"", confinement.tempFolder()},
                std::move(beforeFile),
                &confinement,

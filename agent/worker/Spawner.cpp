@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "engine/SignatureFolder.h"
 #include "platform/Posix.h"
 #include "worker/CallFilter.h"
 #include "worker/SpawnerProcess.h"
@@ -30,6 +31,24 @@ void waitForReport(const TemplateLink& link, std::chrono::milliseconds limit) {
 
 std::string died(const std::optional<CallBreach>& breach) {
   return "the process that loads the signatures died" + (breach ? ": " + breachText(*breach) : "");
+}
+
+bool holds(const std::vector<std::string>& names, const std::string& database) {
+  return std::any_of(names.begin(), names.end(),
+                     [&](const std::string& name) { return databaseOf(name) == database; });
+}
+
+// Whether a database that is in use did not load from the system's folder any more.
+bool givesLess(const SignatureState& fresh, const SignatureState& now) {
+  if (fresh.unsettled) {
+    return !now.files.empty() || !now.copies.empty();
+  }
+  return std::any_of(fresh.notInUse.begin(), fresh.notInUse.end(), [&](const std::string& database) {
+    const bool fromFolder = std::any_of(now.files.begin(), now.files.end(), [&](const SignatureFile& file) {
+      return databaseOf(file.name) == database;
+    });
+    return fromFolder || (holds(now.copies, database) && !holds(fresh.copies, database));
+  });
 }
 
 }  // namespace
@@ -65,7 +84,7 @@ Spawner::~Spawner() {
   folders_.remove();
 }
 
-platform::Expected<Spawner::Template> Spawner::startTemplate() {
+platform::Expected<Spawner::Template> Spawner::startTemplate(bool copyForMissing) {
   platform::Descriptor settled(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   auto ends = settled ? Channel::pair() : platform::failure(platform::errnoText(errno));
   if (!ends) {
@@ -76,7 +95,7 @@ platform::Expected<Spawner::Template> Spawner::startTemplate() {
     if (!folders_.disk()) {
       return platform::failure(folders_.disk().error());
     }
-    if (const auto sent = ours.send(encode(startMessage())); !sent) {
+    if (const auto sent = ours.send(encode(startMessage(copyForMissing))); !sent) {
       return platform::failure("a template cannot be told what to load: " + sent.error().reason);
     }
   }
@@ -87,10 +106,12 @@ platform::Expected<Spawner::Template> Spawner::startTemplate() {
   return std::make_shared<const TemplateLink>(TemplateLink{std::move(ours), std::move(settled)});
 }
 
-TemplateStart Spawner::startMessage() const {
+TemplateStart Spawner::startMessage(bool copyForMissing) const {
   TemplateStart start;
   start.shippedSignatures = config_.shippedSignatures;
   start.systemSignatures = config_.systemSignatures;
+  start.signatureCopies = config_.signatureCopies;
+  start.copyForMissing = copyForMissing;
   start.limits = config_.limits;
   start.tempFolder = folders_.disk().value_or("");
   start.user = config_.user;
@@ -198,12 +219,21 @@ platform::Expected<StateReport> Spawner::awaitReport(const Template& fresh) {
   return platform::failure(died(decode<CallBreach>(packet.bytes)));
 }
 
+// With the mutex held.
+tl::unexpected<std::string> Spawner::keepOld(const std::string& reason) {
+  if (state_.loaded) {
+    state_.shortage = "the signatures of an earlier load are in use: " + reason;
+  }
+  return platform::failure(reason);
+}
+
 platform::Expected<void> Spawner::reload() {
   const std::lock_guard oneAtATime(reloadMutex_);
   platform::Expected<Template> fresh;
   {
     const std::lock_guard lock(mutex_);
-    fresh = abandoned_ ? platform::failure("the agent is ending") : startTemplate();
+    // A file that is removed while the agent runs is no longer wanted, unless its copy is in use already.
+    fresh = abandoned_ ? platform::failure("the agent is ending") : startTemplate(!state_.copies.empty());
     reloading_ = fresh.value_or(nullptr);
   }
   const platform::Expected<StateReport> report =
@@ -211,13 +241,10 @@ platform::Expected<void> Spawner::reload() {
   const std::lock_guard lock(mutex_);
   reloading_.reset();
   if (!report) {
-    return platform::failure(abandoned_ ? "the agent is ending" : report.error());
+    return abandoned_ ? platform::failure("the agent is ending") : keepOld(report.error());
   }
-  // Our own signatures alone are better than none, but worse than ours with the system's.
-  const bool lessThanNow =
-      state_.system == SystemDatabase::kInForce && report->state.system == SystemDatabase::kLeftOut;
-  if (!report->state.loaded || lessThanNow) {
-    return platform::failure(report->state.detail);
+  if (!report->state.loaded || givesLess(report->state, state_)) {
+    return keepOld(report->state.shortage.empty() ? report->state.detail : report->state.shortage);
   }
   template_ = *fresh;
   state_ = report->state;
@@ -255,6 +282,11 @@ platform::Expected<Spawner::Forked> Spawner::forkWorker() {
     return failed(sent.error().reason);
   }
   return Forked{std::move(ends->first), generation_, nullptr};
+}
+
+bool Spawner::uses(const std::string& signatureVersion) {
+  const std::lock_guard lock(mutex_);
+  return state_.version == signatureVersion;
 }
 
 unsigned Spawner::generation() {

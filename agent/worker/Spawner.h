@@ -37,7 +37,8 @@ class Spawner {
     std::string shippedSignatures;  ///< folder of our own signatures; must be there
     std::string systemSignatures;   ///< folder of the system's database; may be missing or empty
     EngineLimits limits{};
-    std::string tempFolder{};  ///< where large unpacked content goes; empty: $TMPDIR, else /tmp
+    std::string signatureCopies{};  ///< folder with the copy of the last good load; may be missing
+    std::string tempFolder{};       ///< where large unpacked content goes; empty: $TMPDIR, else /tmp
     std::chrono::milliseconds fileTimeout{360000};  ///< wall clock; a worker that takes longer is killed
     /// Of the worker template. Empty: the template is forked from the spawner, and not confined; for tests.
     std::string program{};
@@ -65,8 +66,11 @@ class Spawner {
   std::string takeBreach();
   /// Waits up to the limit for the current load.
   SignatureState waitLoaded(std::chrono::milliseconds limit);
+  /// Whether that version of the signatures is in use.
+  bool uses(const std::string& signatureVersion);
   /// Loads the signatures again in a fresh template, and waits for the load. Busy workers finish their file
-  /// with the old signatures. When the new ones do not load, the old ones stay.
+  /// with the old signatures. When the new ones do not load, or a file of the system's database that is in
+  /// use does not, the old ones stay, and the state says so.
   platform::Expected<void> reload();
   /// For the end of the agent: the current reload and all later ones fail at once.
   void abandonReload();
@@ -90,10 +94,11 @@ class Spawner {
   using Clock = std::chrono::steady_clock;
   using Template = std::shared_ptr<const TemplateLink>;  // shared with the threads that wait for its report
 
-  platform::Expected<Template> startTemplate();
+  platform::Expected<Template> startTemplate(bool copyForMissing = true);
   void restartTemplate();
   void readReports();
-  TemplateStart startMessage() const;
+  TemplateStart startMessage(bool copyForMissing) const;
+  tl::unexpected<std::string> keepOld(const std::string& reason);
   static platform::Expected<StateReport> awaitReport(const Template& fresh);
 
   const Config config_;

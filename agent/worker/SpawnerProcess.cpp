@@ -104,7 +104,7 @@ pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Ch
     _exit(1);
   }
   runTemplate({std::move(toAgent),
-               {config.shippedSignatures, config.systemSignatures, config.limits},
+               {config.shippedSignatures, config.systemSignatures, config.limits, config.signatureCopies},
                parentsOf(folders),
                config.beforeFile});
 }

@@ -62,7 +62,15 @@ class EngineFixture : public ::testing::Test {
     return std::move(*engine);
   }
   void load(const EngineLimits& limits, const std::string& system = "/nonexistent") {
-    engine_ = newEngine(kShippedSignatures, system, limits);
+    use({kShippedSignatures, system, limits});
+  }
+  /// Throws when the engine does not load.
+  void use(const Engine::Config& config) {
+    auto engine = Engine::load(config);
+    if (!engine) {
+      throw std::runtime_error("the engine does not load: " + engine.error());
+    }
+    engine_ = std::move(*engine);
     mkdir(dir_.at("quick").c_str(), 0700);
     mkdir(dir_.at("disk").c_str(), 0700);
     engine_->setTempFolders(dir_.at("quick"), dir_.at("disk"));

@@ -26,8 +26,10 @@ struct Library {
   std::function<cl_error_t(cl_error_t)> ended;  ///< replaces the result of the scan
   cl_error_t started = CL_SUCCESS;
   cl_error_t compiled = CL_SUCCESS;
-  std::string doesNotLoad;  ///< a folder that fails without a message
-  std::string version;      ///< empty: the real one
+  std::string doesNotLoad;                                 ///< a file that fails without a message
+  std::map<const cl_engine*, std::string> loaded;          ///< the paths of an engine's files, in order
+  std::function<bool(const std::string&)> doesNotCompile;  ///< an engine with those files
+  std::string version;                                     ///< empty: the real one
 };
 Library library;
 
@@ -47,12 +49,21 @@ extern "C" cl_error_t cl_init(unsigned options) {
   return library.started != CL_SUCCESS ? library.started : realOne<decltype(cl_init)>("cl_init")(options);
 }
 
+extern "C" cl_error_t cl_engine_free(cl_engine* engine) {
+  library.loaded.erase(engine);
+  return realOne<decltype(cl_engine_free)>("cl_engine_free")(engine);
+}
+
 extern "C" cl_error_t cl_engine_compile(cl_engine* engine) {
+  if (library.doesNotCompile && library.doesNotCompile(library.loaded[engine])) {
+    return CL_EMALFDB;
+  }
   return library.compiled != CL_SUCCESS ? library.compiled
                                         : realOne<decltype(cl_engine_compile)>("cl_engine_compile")(engine);
 }
 
 extern "C" cl_error_t cl_load(const char* path, cl_engine* engine, unsigned* count, unsigned options) {
+  library.loaded[engine] += std::string(path) + " ";
   return library.doesNotLoad == path ? CL_EOPEN
                                      : realOne<decltype(cl_load)>("cl_load")(path, engine, count, options);
 }
@@ -176,9 +187,9 @@ TEST_F(EngineAndLibrary, PicturesAreDecodedWhenALoadedSignatureComparesPictures)
   dir().write("system/a.ldb", line);
   load(smallLimits(), dir().at("system"));
   EXPECT_TRUE(decoded());
-  dir().write("system/broken.ndb", "this is no signature\n");
+  dir().write("system/a.ldb", line + "this is no signature\n");
   load(smallLimits(), dir().at("system"));
-  EXPECT_FALSE(decoded()) << "the system's database is left out";
+  EXPECT_FALSE(decoded()) << "the file is left out";
   const std::string own = dir().at("own");
   std::filesystem::copy(testing::kShippedSignatures, own);
   dir().write("own/a.ldb", line);
@@ -230,11 +241,32 @@ TEST_F(EngineAndLibrary, SignaturesThatDoNotCompileAreNotLoaded) {
   EXPECT_THAT(loaded.error(), HasSubstr("cannot be compiled"));
 }
 
+TEST_F(EngineAndLibrary, AFileThatDoesNotCompileIsLeftOutAlone) {
+  dir().write("system/a.ndb", "Other.Trojan.One:0:*:6f6e65206f66207468652073797374656d73\n");
+  dir().write("system/b.ndb", "Other.Trojan.Two:0:*:74776f206f66207468652073797374656d73\n");
+  library.doesNotCompile = [](const std::string& files) { return files.find("/b.ndb") != std::string::npos; };
+  load(smallLimits(), dir().at("system"));
+  EXPECT_THAT(state().shortage, HasSubstr("b.ndb is left out: the signatures cannot be compiled"));
+  EXPECT_EQ(scan("one of the systems").outcome, Outcome::kInfected);
+}
+
+TEST_F(EngineAndLibrary, FilesThatDoNotCompileTogetherAreAllLeftOut) {
+  dir().write("system/a.ndb", "Other.Trojan.One:0:*:6f6e65206f66207468652073797374656d73\n");
+  dir().write("system/b.ndb", "Other.Trojan.Two:0:*:74776f206f66207468652073797374656d73\n");
+  library.doesNotCompile = [](const std::string& files) {
+    return files.find("/a.ndb") != std::string::npos && files.find("/b.ndb") != std::string::npos;
+  };
+  load(smallLimits(), dir().at("system"));
+  EXPECT_EQ(state().system, SystemDatabase::kLeftOut);
+  EXPECT_THAT(state().shortage, HasSubstr("not in use: the signatures cannot be compiled"));
+  EXPECT_EQ(scan(testsupport::eicar()).outcome, Outcome::kInfected);
+}
+
 TEST_F(EngineAndLibrary, AFailureWithoutAMessageDoesNotShowTheMessageOfAnEarlierLoad) {
   dir().write("system/broken.ndb", "this is no signature\n");
   load(smallLimits(), dir().at("system"));
   EXPECT_THAT(state().detail, HasSubstr("("));
-  library.doesNotLoad = dir().at("system");
+  library.doesNotLoad = dir().at("system/broken.ndb");
   load(smallLimits(), dir().at("system"));
   EXPECT_EQ(state().system, SystemDatabase::kLeftOut);
   EXPECT_THAT(state().detail, ::testing::Not(HasSubstr("(")));

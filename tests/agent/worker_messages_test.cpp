@@ -69,6 +69,13 @@ TEST(WorkerMessages, ADecodedStateReportEqualsTheEncodedOne) {
   sent.state.version = "v";
   sent.state.detail = "d";
   sent.state.count = 8700000;
+  sent.state.shortage = "s";
+  sent.state.rules = "r";
+  sent.state.limits = "l";
+  sent.state.unsettled = true;
+  sent.state.notInUse = {"a.ndb"};
+  sent.state.files = {{"b.ndb", 7, "5f"}};
+  sent.state.copies = {"c.ndb", "d.ndb"};
   const auto got = decode<StateReport>(encode(sent));
   ASSERT_TRUE(got);
   EXPECT_TRUE(got->state.loaded);
@@ -76,6 +83,27 @@ TEST(WorkerMessages, ADecodedStateReportEqualsTheEncodedOne) {
   EXPECT_EQ(got->state.version, "v");
   EXPECT_EQ(got->state.detail, "d");
   EXPECT_EQ(got->state.count, 8700000U);
+  EXPECT_EQ(got->state.shortage + got->state.rules + got->state.limits, "srl");
+  EXPECT_TRUE(got->state.unsettled);
+  EXPECT_EQ(got->state.notInUse, sent.state.notInUse);
+  ASSERT_EQ(got->state.files.size(), 1U);
+  EXPECT_EQ(got->state.files[0].name, "b.ndb");
+  EXPECT_EQ(got->state.files[0].bytes, 7U);
+  EXPECT_EQ(got->state.files[0].sha256, "5f");
+  EXPECT_EQ(got->state.copies, sent.state.copies);
+}
+
+TEST(WorkerMessages, TheLongestStateReportFitsIntoAPacket) {
+  StateReport sent;
+  const std::string name(SignatureState::kLongestName, 'n');
+  sent.state.notInUse.assign(SignatureState::kMostFiles, name);
+  sent.state.copies.assign(SignatureState::kMostFiles, name);
+  sent.state.files.assign(SignatureState::kMostFiles, {name, 7, std::string(64, 'f')});
+  for (std::string* text :
+       {&sent.state.version, &sent.state.detail, &sent.state.shortage, &sent.state.rules}) {
+    text->assign(10000, 't');
+  }
+  EXPECT_LT(encode(sent).size(), kLongestPacket);
 }
 
 TEST(WorkerMessages, ACutMessageIsRefused) {

@@ -151,12 +151,38 @@ TEST_F(Spawners, AReloadWithABrokenSystemDatabaseKeepsTheGoodOne) {
   const auto before = spawner().waitLoaded(kLoad);
   ASSERT_EQ(before.system, SystemDatabase::kInForce) << before.detail;
   dir().write("system/x.ndb", "this is no signature\n");
-  EXPECT_THAT(reasonNotReloaded(), HasSubstr(dir().at("system")));
+  EXPECT_THAT(reasonNotReloaded(), HasSubstr("x.ndb is left out"));
   EXPECT_EQ(spawner().signatureState().version, before.version);
+  EXPECT_THAT(spawner().signatureState().shortage,
+              ::testing::StartsWith("the signatures of an earlier load are in use: "));
   WorkerPool pool(spawner(), 1);
   begin(pool, "file", sample);
   pool.drain();
   EXPECT_EQ(verdict("file").outcome, Outcome::kInfected) << describe(verdict("file"));
+}
+
+TEST_F(Spawners, AReloadWithABrokenNewFileUsesTheOthers) {
+  writeSystem();
+  ASSERT_EQ(spawner().waitLoaded(kLoad).shortage, "");
+  dir().write("system/bad.ndb", "this is no signature\n");
+  dir().write("system/new.ndb", "New.Trojan.Sample:0:*:6f6e6c7920746865206e6577206f6e6573\n");
+  EXPECT_TRUE(spawner().reload());
+  const auto state = spawner().signatureState();
+  EXPECT_THAT(state.shortage, HasSubstr("bad.ndb is left out"));
+  EXPECT_THAT(state.files, ::testing::SizeIs(2));
+}
+
+TEST_F(Spawners, ACopyServesAtAStartAndAfterwardsUntilTheFileIsGood) {
+  const std::string good = testsupport::readFile(writeSystem());
+  dir().write("copy/x.ndb", good);
+  dir().write("system/x.ndb", "this is no signature\n");
+  config().signatureCopies = dir().at("copy");
+  ASSERT_THAT(spawner().waitLoaded(kLoad).copies, ::testing::ElementsAre("x.ndb"));
+  EXPECT_TRUE(spawner().reload()) << "it gives as much as before";
+  EXPECT_THAT(spawner().signatureState().copies, ::testing::ElementsAre("x.ndb"));
+  dir().write("system/x.ndb", good);
+  EXPECT_TRUE(spawner().reload());
+  EXPECT_EQ(spawner().signatureState().shortage, "");
 }
 
 TEST_F(Spawners, AReloadSucceedsAfterTheSystemDatabaseWasRemoved) {
