@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +25,7 @@
 #include "service/BusLink.h"
 #include "service/Callers.h"
 #include "service/ScannerSettings.h"
+#include "service/SignatureCopy.h"
 #include "service/SignatureKeeper.h"
 #include "service/Status.h"
 #include "task/AgentLog.h"
@@ -85,6 +87,10 @@ sigset_t ownSignals() {
   return set;
 }
 
+std::string copiesFolder(const platform::InstallTree& tree) {
+  return tree.state() + "/signatures";
+}
+
 /// Blocks the agent's signals for serve(). The spawner and its workers ignore these signals: the agent ends
 /// them.
 std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const Options& options) {
@@ -94,6 +100,7 @@ std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const O
   Spawner::Config config;
   config.shippedSignatures = tree.signatures();
   config.systemSignatures = options.systemSignatures;
+  config.signatureCopies = copiesFolder(tree);
   config.tempFolder = tree.state() + "/tmp";  // closed to others, and no scan enters it
   CDir::make(config.tempFolder, 0700);
   config.program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "tavscand";
@@ -141,6 +148,8 @@ class Agent {
  public:
   Agent(const Options& options, const platform::InstallTree& tree, const BusSettings& bus)
       : tree_(tree),
+        systemSignatures_(options.systemSignatures),
+        copy_(copiesFolder(tree)),
         signatures_({tree.signatures(), options.systemSignatures}, [this] { reloadSignatures(); }),
         lock_(lunet::kAgentGuid, {tree.state()}) {
     {
@@ -149,6 +158,7 @@ class Agent {
       takeLock(probe, tree);
     }
     std::remove(confinementFile(tree).c_str());  // of an earlier agent
+    std::remove(versionsFile(tree).c_str());
     spawner_ = startSpawner(tree, options);
     takeLock(lock_, tree);
     lock_.setAttribute("pid", std::to_string(getpid()));
@@ -163,6 +173,7 @@ class Agent {
   }
 
   ~Agent() {
+    ended_ = true;
     spawner_->abandonReload();
     offer_.reset();
     service_->StopListening();
@@ -243,13 +254,44 @@ class Agent {
   /// Logs each change of the loaded signatures. False during a load.
   bool logSignatures() {
     const SignatureState state = spawner_->signatureState();
-    if (!state.loading && state.detail != loggedSignatures_) {
-      const bool whole = state.loaded && state.system != SystemDatabase::kLeftOut;
-      AGENT_LOG(whole ? LogLevel::kInfo : LogLevel::kError, "signatures: %s", state.detail.c_str());
-      loggedSignatures_ = state.detail;
+    const std::string lines = versionLines(state);
+    if (!state.loading && lines != loggedSignatures_) {
+      AGENT_LOG(levelOf(state), "signatures: %s; version %s; %s; limits: %s", state.detail.c_str(),
+                state.version.c_str(), state.rules.c_str(), state.limits.c_str());
+      if (const int error = CFile::replaceAtomically(versionsFile(tree_), lines, 0600); error != 0) {
+        AGENT_LOG(LogLevel::kError, "--status cannot tell the signatures: %s",
+                  platform::errnoText(error).c_str());
+      }
+      loggedSignatures_ = lines;
+    }
+    if (!state.loading) {
+      keepCopy(state);
     }
     logConfinement();
     return !state.loading;
+  }
+
+  static LogLevel levelOf(const SignatureState& state) {
+    if (state.loaded && state.shortage.empty()) {
+      return LogLevel::kInfo;
+    }
+    return state.loaded && state.system == SystemDatabase::kNone ? LogLevel::kWarning : LogLevel::kError;
+  }
+
+  /// Copies each new set of the system's files, on a thread of its own.
+  void keepCopy(const SignatureState& state) {
+    const bool running =
+        copying_.valid() && copying_.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+    if (running || state.unsettled || state.files.empty() || state.version == copiedVersion_) {
+      return;
+    }
+    copiedVersion_ = state.version;
+    copying_ = std::async(std::launch::async, [this, state] {
+      if (const auto copied = copy_.update(systemSignatures_, state, ended_); !copied) {
+        AGENT_LOG(LogLevel::kError, "the copy of the system's signatures stays as it is: %s",
+                  copied.error().c_str());
+      }
+    });
   }
 
   /// Logs each change of the confinement, and keeps it for --status.
@@ -284,6 +326,11 @@ class Agent {
   }
 
   const platform::InstallTree& tree_;
+  const std::string systemSignatures_;
+  const SignatureCopy copy_;
+  std::atomic<bool> ended_{false};
+  std::string copiedVersion_;
+  std::future<void> copying_;
   std::string loggedSignatures_;
   std::string loggedConfinement_;
   std::unique_ptr<Spawner> spawner_;

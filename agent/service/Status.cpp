@@ -7,7 +7,9 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "jsonrpchelper/AgentStub.h"
 #include "jsonrpchelper/IJsonRpcClientHelper.h"
@@ -24,6 +26,7 @@ namespace agent {
 namespace {
 
 constexpr std::uint32_t kAnswerLimitMs = 5000;
+const std::string kNoShortage = "none";
 
 /// Reports a failure that leaves open whether an agent runs.
 int failUnknown(const std::string& reason) {
@@ -67,7 +70,40 @@ std::string confinementOf(const platform::InstallTree& tree) {
   return platform::visibleText(*text);
 }
 
+// One line each, whatever the file holds.
+std::string versionsOf(const platform::InstallTree& tree) {
+  const auto text = CFile::readAll(versionsFile(tree));
+  if (!text) {
+    return "signatures=not known" +
+           (text.error() == ENOENT ? std::string(" yet") : ": " + platform::errnoText(text.error())) + "\n";
+  }
+  std::string lines;
+  for (const std::string_view line : CStr::split(*text, '\n')) {
+    lines += platform::visibleText(line) + "\n";
+  }
+  return lines;
+}
+
 }  // namespace
+
+std::string versionsFile(const platform::InstallTree& tree) {
+  return tree.state() + "/versions";
+}
+
+std::string versionLines(const SignatureState& state) {
+  const std::pair<const char*, const std::string&> rows[] = {
+      {"rules", state.rules},
+      {"limits", state.limits},
+      {"signatures", state.detail},
+      {"signature_version", state.version},
+      {"shortage", state.shortage.empty() ? kNoShortage : state.shortage},
+  };
+  std::string lines;
+  for (const auto& [key, value] : rows) {
+    lines += std::string(key) + "=" + platform::visibleText(value) + "\n";
+  }
+  return lines;
+}
 
 std::string confinementFile(const platform::InstallTree& tree) {
   return tree.state() + "/confinement";
@@ -97,10 +133,10 @@ int printStatus(const platform::InstallTree& tree) {
   }
   const std::string program = "/proc/" + std::to_string(*pid) + "/exe";
   std::error_code error;
-  std::printf("pid=%d\nprogram=%s\nbuild=%s\ntasks=%u\nconfinement=%s\n", *pid,
+  std::printf("pid=%d\nprogram=%s\nbuild=%s\ntasks=%u\nconfinement=%s\n%s", *pid,
               platform::visibleText(std::filesystem::read_symlink(program, error).string()).c_str(),
               sameProgram(program, "/proc/self/exe") ? "same" : "other", tasks.size(),
-              confinementOf(tree).c_str());
+              confinementOf(tree).c_str(), versionsOf(tree).c_str());
   return kExitOk;
 }
 

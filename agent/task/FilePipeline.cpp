@@ -26,6 +26,8 @@ FileEnd endWith(Outcome outcome, std::string reason) {
 
 FilePipeline::FilePipeline(const ScanContext& context, Spawner& spawner, const std::string& signatureVersion)
     : context_(context),
+      spawner_(spawner),
+      signatureVersion_(signatureVersion),
       cacheKey_(signatureVersion + "/" + context.plan.cacheKey),
       handler_(context),
       pool_(spawner, context.plan.parallelism) {
@@ -176,7 +178,8 @@ void FilePipeline::endedClean(const EncounteredFile& file, bool cacheable) {
   context_.counters.clean();
   const FileIdentity scanned = FileIdentity::of(file.status);
   struct stat now {};
-  if (cacheable && fstat(file.fd.get(), &now) == 0 && FileIdentity::of(now) == scanned) {
+  const bool sameSignatures = spawner_.uses(signatureVersion_);
+  if (cacheable && sameSignatures && fstat(file.fd.get(), &now) == 0 && FileIdentity::of(now) == scanned) {
     context_.store.cache().remember(scanned, cacheKey_, file.statusNs);
   }
 }

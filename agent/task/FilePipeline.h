@@ -45,6 +45,8 @@ class FilePipeline {
   void countFailed(const std::string& path, const std::string& reason);
 
   const ScanContext context_;
+  Spawner& spawner_;
+  const std::string signatureVersion_;  // of the results in the cache
   std::string cacheKey_;
   std::unordered_map<dev_t, bool> usableTimes_;  // by file system
   LinkedFiles links_;

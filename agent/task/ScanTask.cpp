@@ -128,6 +128,7 @@ platform::Expected<void> ScanTask::prepare() {
   files_ =
       std::make_unique<FilePipeline>(ScanContext{plan_, caller_, parts_.store, counters_, *events_, control_},
                                      parts_.spawner, signatures.version);
+  signatures_ = std::move(signatures);
   return {};
 }
 
@@ -135,12 +136,16 @@ void ScanTask::scan() {
   AGENT_LOG(LogLevel::kInfo, "scan %s started: type %d, user %u, pid %d, %s", token_.c_str(), plan_.scanType,
             caller_.uid, caller_.pid,
             plan_.handling == json::Handling::kAutomatic ? "automatic handling" : "report only");
+  if (!signatures_.shortage.empty()) {
+    AGENT_LOG(LogLevel::kWarning, "scan %s: %s", token_.c_str(), signatures_.shortage.c_str());
+  }
   events_->state(json::TaskState::kCreated, {});
-  events_->state(json::TaskState::kStarted, {});
+  events_->state(json::TaskState::kStarted, signatures_.shortage);
   Json::Value attributes(Json::objectValue);
   attributes["scan_type"] = plan_.scanType;
   attributes["parallelism"] = files_->workerCount();
-  attributes["signature_version"] = parts_.spawner.signatureState().version;
+  attributes["signature_version"] = signatures_.version;
+  attributes["signature_shortage"] = signatures_.shortage;
   events_->attributes(attributes);
   std::promise<void> walked;
   std::thread progress([this, over = walked.get_future()] { reportUntil(over); });

@@ -69,6 +69,7 @@ class ScanTask {
   const ScanPlan plan_;
   const CallerId caller_;
   const std::shared_ptr<TaskEvents> events_;
+  SignatureState signatures_;  // at the end of the preparation
   TaskControl control_;
   Counters counters_;
   Hooks hooks_;

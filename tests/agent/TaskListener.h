@@ -27,6 +27,9 @@ class TaskListener final : public TaskEvents {
     const std::lock_guard guard(mutex_);
     states_.push_back(state);
     detail_ = detail;
+    if (state == json::TaskState::kStarted) {
+      startDetail_ = detail;
+    }
   }
   void progress(int percent) override {
     const std::lock_guard guard(mutex_);
@@ -74,6 +77,7 @@ class TaskListener final : public TaskEvents {
 
   std::vector<json::TaskState> states() const { return copied(states_); }
   std::string detail() const { return copied(detail_); }  ///< of the last state
+  std::string startDetail() const { return copied(startDetail_); }
   std::vector<int> percents() const { return copied(percents_); }
   std::vector<int> stages() const { return copied(stages_); }
   Json::Value attributes() const { return copied(attributes_); }
@@ -120,7 +124,7 @@ class TaskListener final : public TaskEvents {
   mutable std::mutex mutex_;
   std::vector<json::TaskState> states_;
   std::vector<int> percents_, stages_, processes_;
-  std::string detail_;
+  std::string detail_, startDetail_;
   std::vector<std::string> risks_;
   std::vector<json::Handling> handlings_;
   std::map<std::string, Json::Value> files_;

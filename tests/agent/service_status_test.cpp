@@ -88,6 +88,26 @@ TEST_F(StatusOfAnAgent, NamesTheProcessThatAnswers) {
   EXPECT_THAT(out, HasSubstr("pid=" + std::to_string(getpid()) + "\n"));
 }
 
+TEST_F(StatusOfAnAgent, TellsWhatTheAgentScansWithInLinesOfItsOwn) {
+  agent_.answer("getBusList", Json::arrayValue);
+  EXPECT_EQ(print(), kExitOk) << err;
+  EXPECT_THAT(out, ::testing::EndsWith("signatures=not known yet\n"));
+  SignatureState state;
+  state.rules = "the rules";
+  state.limits = "the limits";
+  state.detail = "5 signatures from a\nfolder";
+  state.version = "5f";
+  tree_.write("state/versions", versionLines(state));
+  EXPECT_EQ(print(), kExitOk) << err;
+  EXPECT_THAT(
+      out, ::testing::EndsWith("rules=the rules\nlimits=the limits\nsignatures=5 signatures from a\\nfolder\n"
+                               "signature_version=5f\nshortage=none\n"));
+  state.shortage = "the system's signatures are not in use";
+  tree_.write("state/versions", versionLines(state));
+  EXPECT_EQ(print(), kExitOk) << err;
+  EXPECT_THAT(out, ::testing::EndsWith("\nshortage=the system's signatures are not in use\n"));
+}
+
 // The answer came from the agent, and by then its address is another user's.
 TEST_F(StatusOfAnAgent, NamesNoProcessWhereAnotherUserHasTakenTheAddress) {
   if (geteuid() != 0) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "e2e/AgentTree.h"
 #include "json/Values.h"
@@ -39,7 +40,14 @@ class ConsoleAndAgent : public ::testing::Test {
     return console;
   }
 
-  AgentTree tree{{.group = "", .start = true, .uid = {}, .dataOnDisk = true}};
+  ConsoleAndAgent() {
+    std::filesystem::create_directory(tree.systemSignatures());
+    std::ofstream(tree.systemSignatures() + "/a.ndb")
+        << "Other.Trojan.One:0:*:6f6e65206f66207468652073797374656d73\n";
+    tree.start();
+  }
+
+  AgentTree tree{{.group = "", .start = false, .uid = {}, .dataOnDisk = true}};
   const std::string report = tree.at("report");
 };
 

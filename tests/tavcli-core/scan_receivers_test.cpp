@@ -313,6 +313,20 @@ TEST_F(Receivers, UnattendedAnUnfinishedTaskTellsWhyOnStandardError) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: 扫描任务已中止: detail\n");
 }
 
+TEST_F(Receivers, UnattendedAStartWithLessThanTheSystemsSignaturesSaysSoOnStandardErrorAlone) {
+  unattended();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(state(TaskState::kStarted), "\n扫描任务开始: \n");
+  state(TaskState::kCreated);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavcli: detail\n");
+}
+
+TEST_F(Receivers, AtThePromptAStartWithLessThanTheSystemsSignaturesPrintsItsTextAlone) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(state(TaskState::kStarted), "\n扫描任务开始: \n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(Receivers, UnattendedEntriesThatCouldNotBeScannedAreCountedOnStandardErrorOnceAtTheEnd) {
   unattended();
   overview(R"({"checked_item_count":5,"failed_item_count":7})");

@@ -51,10 +51,18 @@ void complainOf(const scandisplay::State& state, const std::string& detail) {
                    (detail.empty() ? "" : ": " + json::visiblePath(detail)));
 }
 
+/// The detail of a start: what the agent scans without. The report and the exit code do not show it.
+void complainOfShortage(const scandisplay::State& state, const std::string& detail) {
+  if (state.state == json::TaskState::kStarted && !detail.empty()) {
+    tavcli::complain("tavcli: " + json::visiblePath(detail));
+  }
+}
+
 void takeEffect(const scandisplay::State& state, const std::string& detail) {
   switch (state.effect) {
     case scandisplay::Effect::kNone:
       lineeditor::printNotice(scandisplay::stateLines(state));
+      complainOfShortage(state, detail);
       break;
     case scandisplay::Effect::kBusy:
       lineeditor::printNotice(scandisplay::stateLines(state));
