@@ -138,7 +138,7 @@ class Load {
     for (const std::string& path : withOurs(ofSystem)) {
       const platform::Descriptor file = platform::openQuietly(AT_FDCWD, path.c_str(), 0);
       const std::string sha256 = digestOfFile(file.get(), Digest::Kind::kSha256).value_or("");
-      loaded.contentKey += path + " " + sha256 + "\n";
+      loaded.contentKey.append(path).append(" ").append(sha256).append("\n");
       loaded.comparesPictures = loaded.comparesPictures || comparesPictures(path);
       const std::string name = platform::splitPath(path).name;
       struct stat status {};

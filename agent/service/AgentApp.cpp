@@ -256,8 +256,11 @@ class Agent {
     const SignatureState state = spawner_->signatureState();
     const std::string lines = versionLines(state);
     if (!state.loading && lines != loggedSignatures_) {
-      AGENT_LOG(levelOf(state), "signatures: %s; version %s; %s; limits: %s", state.detail.c_str(),
-                state.version.c_str(), state.rules.c_str(), state.limits.c_str());
+      // The detail of a load has the shortage; a reload that failed adds one.
+      const bool known = state.detail.find(state.shortage) != std::string::npos;
+      AGENT_LOG(levelOf(state), "signatures: %s%s%s; version %s; %s; limits: %s", state.detail.c_str(),
+                known ? "" : "; ", known ? "" : state.shortage.c_str(), state.version.c_str(),
+                state.rules.c_str(), state.limits.c_str());
       if (const int error = CFile::replaceAtomically(versionsFile(tree_), lines, 0600); error != 0) {
         AGENT_LOG(LogLevel::kError, "--status cannot tell the signatures: %s",
                   platform::errnoText(error).c_str());

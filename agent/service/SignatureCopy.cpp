@@ -111,7 +111,7 @@ class Update {
       return failed("cannot be written");
     }
     staged_.push_back(&file);
-    const auto copied = copyContent(source.get(), copy.get(), file);
+    auto copied = copyContent(source.get(), copy.get(), file);
     // The confined processes are another user's.
     if (copied && (fchmod(copy.get(), 0644) != 0 || fsync(copy.get()) != 0)) {
       return failed("cannot be written");
