@@ -24,6 +24,7 @@ struct Verdict {
   std::string reason;                 ///< one line, for kError and kSkipped
   std::vector<Detection> detections;  ///< for kInfected, at least one
   std::string md5, sha1, sha256;      ///< lower-case hexadecimal; when wanted, and always for kInfected
+  bool workerDied = false;            ///< kError: the worker ended on this file. Set by the WorkerPool alone
 };
 
 /// The verdict on a file that was not scanned whole: kError or kSkipped.

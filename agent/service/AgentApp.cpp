@@ -152,16 +152,11 @@ class Agent {
         copy_(copiesFolder(tree)),
         signatures_({tree.signatures(), options.systemSignatures}, [this] { reloadSignatures(); }),
         lock_(lunet::kAgentGuid, {tree.state()}) {
-    {
-      // A check only: the spawner must not inherit the lock.
-      CGlobalTag probe(lunet::kAgentGuid, {tree.state()});
-      takeLock(probe, tree);
-    }
+    takeLock(lock_, tree);
+    lock_.setAttribute("pid", std::to_string(getpid()));
     std::remove(confinementFile(tree).c_str());  // of an earlier agent
     std::remove(versionsFile(tree).c_str());
     spawner_ = startSpawner(tree, options);
-    takeLock(lock_, tree);
-    lock_.setAttribute("pid", std::to_string(getpid()));
     store_ = Store::open(tree.state());
     for (const std::string& notice : store_->notices()) {
       AGENT_LOG(LogLevel::kWarning, "store: %s", notice.c_str());
@@ -297,8 +292,12 @@ class Agent {
     });
   }
 
-  /// Logs each change of the confinement, and keeps it for --status.
+  /// Logs deaths of the spawner, and each change of the confinement, which it keeps for --status.
   void logConfinement() {
+    if (const unsigned replaced = spawner_->replacedSpawners(); replaced != loggedReplacements_) {
+      AGENT_LOG(LogLevel::kError, "the spawner process died and was replaced (%u times so far)", replaced);
+      loggedReplacements_ = replaced;
+    }
     if (const std::string breach = spawner_->takeBreach(); !breach.empty()) {
       AGENT_LOG(LogLevel::kError, "a worker template was ended: %s", breach.c_str());
     }
@@ -336,6 +335,7 @@ class Agent {
   std::future<void> copying_;
   std::string loggedSignatures_;
   std::string loggedConfinement_;
+  unsigned loggedReplacements_ = 0;
   std::unique_ptr<Spawner> spawner_;
   SignatureKeeper signatures_;  // made before the spawner loads; its loads use the spawner
   CGlobalTag lock_;

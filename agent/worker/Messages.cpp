@@ -130,6 +130,7 @@ std::optional<M> decode(std::string_view packet) {
   return reader.whole() ? std::optional<M>(std::move(message)) : std::nullopt;
 }
 
+template std::string encode(const SpawnerStart&);
 template std::string encode(const ForkRequest&);
 template std::string encode(const TemplateStart&);
 template std::string encode(const StateReport&);
@@ -137,6 +138,7 @@ template std::string encode(const CallBreach&);
 template std::string encode(const WorkerHello&);
 template std::string encode(const ScanRequest&);
 template std::string encode(const ScanAnswer&);
+template std::optional<SpawnerStart> decode(std::string_view);
 template std::optional<ForkRequest> decode(std::string_view);
 template std::optional<TemplateStart> decode(std::string_view);
 template std::optional<StateReport> decode(std::string_view);

@@ -15,6 +15,10 @@ namespace agent {
 // The messages between agent, spawner, worker template and workers: one message a packet, both ends of the
 // same build. A descriptor travels beside the packet.
 
+/// Agent to a spawner that is a program of its own, the first message.
+struct SpawnerStart {
+  std::string tempFolder;  ///< of the agent
+};
 /// Agent to spawner: fork a worker template. Agent to template: fork a worker. With one end of a Channel.
 struct ForkRequest {};
 /// Agent to a template that is a program of its own, the first message.
@@ -57,6 +61,11 @@ struct ScanAnswer {
 template <class M>
 struct MessageFields;
 
+template <>
+struct MessageFields<SpawnerStart> {
+  static constexpr char kTag = 'P';
+  static void visit(auto& v, auto& m) { v(m.tempFolder); }
+};
 template <>
 struct MessageFields<ForkRequest> {
   static constexpr char kTag = 'F';
@@ -114,6 +123,7 @@ struct MessageFields<Detection> {
 template <>
 struct MessageFields<ScanAnswer> {
   static constexpr char kTag = 'A';
+  // Not workerDied: only the agent knows that.
   static void visit(auto& v, auto& m) {
     auto& r = m.verdict;
     v(m.id), v(r.outcome), v(r.reason), v(r.detections), v(r.md5), v(r.sha1), v(r.sha256);

@@ -22,6 +22,7 @@ struct PoolTask {
   ScanOptions options;
   WorkerPool::Done done;
   std::uint64_t bytes = 0;
+  int lost = 0;  ///< how often a worker ended on the file together with its template
 };
 
 /// The pool's end of one worker. Used by the pool's thread only.
@@ -50,6 +51,8 @@ class PoolWorker {
   enum class Received { kAnswer, kHello, kNothing, kEnded };
   /// Receives one message, without waiting. kEnded: the worker is gone or broke the protocol.
   Received receive(Answered& answered);
+  /// Whether a refused call ended the worker.
+  bool breached() const { return breach_.has_value(); }
   /// The reason of an error for the file of a worker that ended.
   std::string endReason() const;
   /// All unanswered tasks, the current one first.

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <string_view>
 #include <utility>
 
 #include "worker/CallFilter.h"
 #include "worker/Messages.h"
+#include "worker/SpawnerProcess.h"
 #include "worker/TemplateProcess.h"
 
 namespace agent {
@@ -58,10 +60,13 @@ TemplateStart receiveStart(const Channel& agent) {
 
 }  // namespace
 
-void runScannerProgram(std::function<void(const std::string&)> beforeFile) {
-  prctl(PR_SET_NAME, "tav-template");
+void runScannerProgram(int count, char** arguments, std::function<void(const std::string&)> beforeFile) {
   fcntl(kChannelFd, F_SETFD, FD_CLOEXEC);
   Channel agent{platform::Descriptor(kChannelFd)};
+  if (count > 1 && std::string_view(arguments[1]) == kSpawnerMode) {
+    runSpawnerProgram(std::move(agent));
+  }
+  prctl(PR_SET_NAME, "tav-template");
   const TemplateStart start = receiveStart(agent);
   loadLibraryFiles();
   Confinement confinement({start.user,

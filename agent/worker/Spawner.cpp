@@ -1,6 +1,7 @@
 #include "worker/Spawner.h"
 
 #include <poll.h>
+#include <spawn.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <stdexcept>
 #include <utility>
@@ -15,12 +17,14 @@
 #include "engine/SignatureFolder.h"
 #include "platform/Posix.h"
 #include "worker/CallFilter.h"
+#include "worker/Pidfd.h"
 #include "worker/SpawnerProcess.h"
 
 namespace agent {
 namespace {
 
 constexpr int kMostFailures = 3;
+constexpr int kSpawnerEndMs = 2000;
 
 // Waits until a report arrives, or another thread has read it.
 void waitForReport(const TemplateLink& link, std::chrono::milliseconds limit) {
@@ -58,30 +62,105 @@ void TemplateLink::settle() const {
 }
 
 Spawner::Spawner(Config config) : config_(std::move(config)), folders_(config_.tempFolder) {
+  if (config_.program.empty()) {
+    forkSpawner();
+  }
+  restartTemplate();
+}
+
+void Spawner::forkSpawner() {
   auto ends = Channel::pair();
   if (!ends) {
     throw std::runtime_error("no socket pair for the spawner: " + ends.error());
   }
   auto& [ours, theirs] = *ends;
-  const pid_t self = getpid();
   pid_ = fork();
   if (pid_ < 0) {
     throw std::runtime_error("the spawner cannot be forked: " + platform::errnoText(errno));
   }
   if (pid_ == 0) {
     ours.close();
-    runSpawner(config_, folders_, std::move(theirs), self);
+    runForkedSpawner(config_, folders_, std::move(theirs));
   }
   spawner_ = std::move(ours);
-  restartTemplate();
+}
+
+// Executed, never forked only: this process has threads, and locks that a thread holds.
+platform::Expected<void> Spawner::startSpawner() {
+  const auto failed = [this](const std::string& reason) {
+    return platform::failure(config_.program + " cannot be started: " + reason);
+  };
+  auto ends = Channel::pair();
+  if (!ends) {
+    return failed(ends.error());
+  }
+  const auto& [ours, theirs] = *ends;
+  if (const auto sent = ours.send(encode(SpawnerStart{folders_.disk().value_or("")})); !sent) {
+    return failed(sent.error().reason);
+  }
+  std::string name = config_.program;
+  std::string mode = kSpawnerMode;
+  std::array<char*, 3> arguments{name.data(), mode.data(), nullptr};
+  std::array<char*, 1> noEnvironment{nullptr};
+  posix_spawn_file_actions_t actions;
+  int error = posix_spawn_file_actions_init(&actions);
+  if (error == 0) {
+    error = posix_spawn_file_actions_adddup2(&actions, theirs.fd(), kChannelFd);
+    if (error == 0) {
+      error = posix_spawn(&pid_, name.c_str(), &actions, nullptr, arguments.data(), noEnvironment.data());
+    }
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  if (error != 0) {
+    pid_ = -1;
+    return failed(platform::errnoText(error));
+  }
+  spawner_ = std::move(ends->first);
+  ++spawners_;
+  ++fruitless_;
+  return {};
+}
+
+// The spawner ends with its channel; one that is stopped is killed.
+void Spawner::endSpawner() {
+  spawner_.close();
+  if (pid_ <= 0) {
+    return;
+  }
+  const platform::Descriptor process(pidfd_open(pid_, 0));
+  pollfd ended{process.get(), POLLIN, 0};
+  if (process && poll(&ended, 1, kSpawnerEndMs) == 0) {
+    kill(pid_, SIGKILL);
+  }
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  pid_ = -1;
 }
 
 Spawner::~Spawner() {
   template_.reset();
-  spawner_.close();
-  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  endSpawner();
   folders_.remove();
+}
+
+// Replaces a spawner that has ended. With the mutex held, or in the constructor.
+platform::Expected<void> Spawner::askForTemplate(int channel) {
+  const auto asked = [&] { return spawner_ && spawner_.send(encode(ForkRequest{}), channel); };
+  if (asked()) {
+    return {};
+  }
+  if (config_.program.empty()) {
+    return platform::failure(
+        "the spawner process has ended: nothing can be scanned until the agent is started again");
+  }
+  if (spawner_) {
+    endSpawner();
+    folders_.clear();  // the kernel ends the templates and workers of a dead spawner
+  }
+  if (const auto started = startSpawner(); !started) {
+    return started;
+  }
+  return asked() ? platform::Expected<void>{} : platform::failure("the spawner process ended at its start");
 }
 
 platform::Expected<Spawner::Template> Spawner::startTemplate(bool copyForMissing) {
@@ -99,9 +178,8 @@ platform::Expected<Spawner::Template> Spawner::startTemplate(bool copyForMissing
       return platform::failure("a template cannot be told what to load: " + sent.error().reason);
     }
   }
-  if (!spawner_.send(encode(ForkRequest{}), theirs.fd())) {
-    return platform::failure(
-        "the spawner process has ended: nothing can be scanned until the agent is started again");
+  if (const auto asked = askForTemplate(theirs.fd()); !asked) {
+    return platform::failure(asked.error());
   }
   return std::make_shared<const TemplateLink>(TemplateLink{std::move(ours), std::move(settled)});
 }
@@ -151,6 +229,7 @@ void Spawner::readReports() {
       state_ = report->state;
       confinement_ = report->confinement;
       failures_ = 0;
+      fruitless_ = 0;
       continue;
     }
     const auto breach =
@@ -165,7 +244,8 @@ void Spawner::readReports() {
     }
     if (whileLoading && ++failures_ >= kMostFailures) {
       state_ = SignatureState{};
-      state_.detail = "the process that loads the signatures died " + std::to_string(failures_) + " times" +
+      state_.detail = std::string(fruitless_ >= kMostFailures ? "the spawner process and " : "") +
+                      "the process that loads the signatures died " + std::to_string(failures_) + " times" +
                       (breach ? ": " + breachText(*breach) : "");
       return;
     }
@@ -183,6 +263,17 @@ ConfinementState Spawner::confinement() {
   const std::lock_guard lock(mutex_);
   readReports();
   return confinement_;
+}
+
+unsigned Spawner::replacedSpawners() {
+  const std::lock_guard lock(mutex_);
+  return spawners_ == 0 ? 0 : spawners_ - 1;
+}
+
+bool Spawner::isCurrent(unsigned generation) {
+  const std::lock_guard lock(mutex_);
+  readReports();
+  return generation == generation_ && template_ != nullptr;
 }
 
 std::string Spawner::takeBreach() {
@@ -250,6 +341,7 @@ platform::Expected<void> Spawner::reload() {
   state_ = report->state;
   confinement_ = report->confinement;
   failures_ = 0;
+  fruitless_ = 0;
   ++generation_;
   return {};
 }

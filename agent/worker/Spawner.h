@@ -26,11 +26,12 @@ struct TemplateLink {
   void settle() const;
 };
 
-/// The agent's end of the scanning processes. The constructor forks the spawner process before the agent's
-/// first thread. The spawner executes a worker template, a program of its own, which confines itself, loads
-/// the signatures once and forks the workers.
-/// A template that dies is replaced. All processes end with the agent, however the agent ends. This class
-/// has no thread: each call first reads the reports that have arrived. Any thread, except construction.
+/// The agent's end of the scanning processes. The spawner is a program of its own. The spawner executes a
+/// worker template, the same program anew, which confines itself, loads the signatures once and forks the
+/// workers.
+/// A template or a spawner that dies is replaced. All processes end with the agent, however the agent ends.
+/// This class has no thread: each call first reads the reports that have arrived. Any thread that has the
+/// agent's own rights.
 class Spawner {
  public:
   struct Config {
@@ -40,7 +41,8 @@ class Spawner {
     std::string signatureCopies{};  ///< folder with the copy of the last good load; may be missing
     std::string tempFolder{};       ///< where large unpacked content goes; empty: $TMPDIR, else /tmp
     std::chrono::milliseconds fileTimeout{360000};  ///< wall clock; a worker that takes longer is killed
-    /// Of the worker template. Empty: the template is forked from the spawner, and not confined; for tests.
+    /// Of spawner and worker template. Empty: both are forks of this process, the template is not confined,
+    /// and a dead spawner is not replaced; for tests. The constructor then needs a process with one thread.
     std::string program{};
     ScannerUser user{};                      ///< of template and workers, when the agent is root
     std::uint64_t tempBytes = 1ULL << 30;    ///< of all unpacked content at one time
@@ -50,8 +52,7 @@ class Spawner {
     /// effect on a program.
     std::function<void(const std::string&)> beforeFile{};
   };
-  /// Call while the process has one thread, the longest-lived one: the end of this thread ends the spawner.
-  /// Throws std::runtime_error when the fork fails. Returns at once; signatures load meanwhile.
+  /// Returns at once; signatures load meanwhile. Throws std::runtime_error when the fork of a test fails.
   explicit Spawner(Config config);
   ~Spawner();  ///< ends the spawner and its workers; destroy all pools before
   Spawner(const Spawner&) = delete;
@@ -62,6 +63,11 @@ class Spawner {
   SignatureState signatureState();
   /// Of the template that made the last report.
   ConfinementState confinement();
+  /// How many spawners died and were replaced, so far.
+  unsigned replacedSpawners();
+  /// Whether workers of that generation come from the newest template, and this template lives. Otherwise a
+  /// worker can have died because its template did.
+  bool isCurrent(unsigned generation);
   /// The refused call of a template, since the last question; empty: none.
   std::string takeBreach();
   /// Waits up to the limit for the current load.
@@ -94,6 +100,10 @@ class Spawner {
   using Clock = std::chrono::steady_clock;
   using Template = std::shared_ptr<const TemplateLink>;  // shared with the threads that wait for its report
 
+  void forkSpawner();
+  platform::Expected<void> startSpawner();
+  void endSpawner();
+  platform::Expected<void> askForTemplate(int channel);
   platform::Expected<Template> startTemplate(bool copyForMissing = true);
   void restartTemplate();
   void readReports();
@@ -114,7 +124,9 @@ class Spawner {
   ConfinementState confinement_;
   std::string breach_;
   unsigned generation_ = 0;
-  int failures_ = 0;  // templates in a row that ended during their load
+  int failures_ = 0;       // templates in a row that ended during their load
+  unsigned spawners_ = 0;  // started so far
+  int fruitless_ = 0;      // spawners started since the last report of a template
 };
 
 }  // namespace agent

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -55,21 +56,21 @@ bool mayBecomeRootOfNamespace(uid_t user, gid_t group) {
 }
 
 // In the child. An error of the program is told as the state of its signatures.
-[[noreturn]] void executeTemplate(const std::string& program, Channel toAgent) {
+[[noreturn]] void executeTemplate(Channel toAgent) {
   const platform::Descriptor kept = keepOnly(toAgent.takeFd());
   fcntl(kept.get(), F_SETFD, 0);
   std::string name = "tav-template";
   std::array<char*, 2> arguments{name.data(), nullptr};
   std::array<char*, 1> noEnvironment{nullptr};
-  execve(program.c_str(), arguments.data(), noEnvironment.data());
+  execve("/proc/self/exe", arguments.data(), noEnvironment.data());  // of this build, whatever lies there now
   StateReport report;
-  report.state.detail = program + " cannot be started: " + platform::errnoText(errno);
+  report.state.detail = "the worker template cannot be started: " + platform::errnoText(errno);
   Channel(platform::Descriptor(dup(kept.get()))).send(encode(report));
   _exit(1);
 }
 
 // The child has its own process namespace, if the kernel lets it: only a fork can begin one.
-pid_t startProgram(const Spawner::Config& config, Channel toAgent) {
+pid_t startTemplate(Channel toAgent) {
   const pid_t self = getpid();
   const uid_t user = geteuid();
   const gid_t group = getegid();
@@ -86,14 +87,11 @@ pid_t startProgram(const Spawner::Config& config, Channel toAgent) {
       (alone && ownUsers && !becomeRootOfNamespace(user, group))) {
     _exit(1);
   }
-  executeTemplate(config.program, std::move(toAgent));
+  executeTemplate(std::move(toAgent));
 }
 
 pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Channel& spawnerChannel,
                    Channel toAgent) {
-  if (!config.program.empty()) {
-    return startProgram(config, std::move(toAgent));
-  }
   const pid_t self = getpid();
   const pid_t pid = fork();
   if (pid != 0) {
@@ -109,13 +107,9 @@ pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Ch
                config.beforeFile});
 }
 
-}  // namespace
+using TemplateStarter = std::function<pid_t(Channel& spawnerChannel, Channel toAgent)>;
 
-void runSpawner(const Spawner::Config& config, const TempFolders& folders, Channel agent, int agentPid) {
-  if (!becomeChild("tav-spawner", agentPid)) {
-    _exit(1);
-  }
-  agent = Channel(keepOnly(agent.takeFd()));
+[[noreturn]] void serve(Channel agent, const WorkerFolders& folders, const TemplateStarter& start) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // collects the workers of a crashed template
   std::set<pid_t> templates;
   const auto collect = [&](int options) {
@@ -131,7 +125,7 @@ void runSpawner(const Spawner::Config& config, const TempFolders& folders, Chann
     if (!decode<ForkRequest>(packet.bytes) || !packet.fd) {
       continue;
     }
-    const pid_t pid = forkTemplate(config, folders, agent, Channel(std::move(packet.fd)));
+    const pid_t pid = start(agent, Channel(std::move(packet.fd)));
     if (pid > 0) {
       templates.insert(pid);
     }
@@ -141,6 +135,30 @@ void runSpawner(const Spawner::Config& config, const TempFolders& folders, Chann
   }
   collect(0);
   _exit(0);
+}
+
+}  // namespace
+
+void runSpawnerProgram(Channel agent) {
+  becomeProcess("tav-spawner");
+  agent = Channel(keepOnly(agent.takeFd()));
+  Channel::Packet packet;
+  const auto start = agent.receive(packet, true) == Channel::Received::kPacket
+                         ? decode<SpawnerStart>(packet.bytes)
+                         : std::nullopt;
+  if (!start) {
+    _exit(1);
+  }
+  serve(std::move(agent), WorkerFolders{"", start->tempFolder},
+        [](Channel&, Channel toAgent) { return startTemplate(std::move(toAgent)); });
+}
+
+void runForkedSpawner(const Spawner::Config& config, const TempFolders& folders, Channel agent) {
+  becomeProcess("tav-spawner");
+  serve(Channel(keepOnly(agent.takeFd())), WorkerFolders{folders.quick(), folders.disk().value_or("")},
+        [&](Channel& spawnerChannel, Channel toAgent) {
+          return forkTemplate(config, folders, spawnerChannel, std::move(toAgent));
+        });
 }
 
 }  // namespace agent

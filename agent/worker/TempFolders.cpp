@@ -113,6 +113,14 @@ void TempFolders::remove() {
   removeAll(disk_.value_or(""));
 }
 
+void TempFolders::clear() const {
+  for (const std::string& folder : {quick_, disk_.value_or("")}) {
+    for (const auto& path : folder.empty() ? std::vector<std::string>{} : entriesBeginningWith(folder, "")) {
+      removeAll(path);
+    }
+  }
+}
+
 std::optional<WorkerFolders> WorkerFolders::make(const TempFolders& parents, unsigned number) {
   return make(WorkerFolders{parents.quick(), parents.disk().value_or("")}, number);
 }
@@ -135,8 +143,8 @@ void WorkerFolders::remove() const {
   removeAll(disk);
 }
 
-void WorkerFolders::removeOf(const TempFolders& parents, int pid) {
-  for (const std::string& parent : {parents.quick(), parents.disk().value_or("")}) {
+void WorkerFolders::removeOf(const WorkerFolders& parents, int pid) {
+  for (const std::string& parent : {parents.quick, parents.disk}) {
     if (!parent.empty()) {
       for (const auto& path : entriesBeginningWith(parent, std::to_string(pid) + "-")) {
         removeAll(path);

@@ -9,7 +9,7 @@
 namespace agent {
 
 /// The parent folders of everything that workers unpack: one in memory for small files, one on disk. The
-/// agent makes both before forking the spawner, 0700 and locked until it ends. The next agent removes the
+/// agent makes both before starting the spawner, 0700 and locked until it ends. The next agent removes the
 /// folders of a killed one.
 class TempFolders {
  public:
@@ -22,6 +22,8 @@ class TempFolders {
   const platform::Expected<std::string>& disk() const { return disk_; }
   /// Removes both with their content.
   void remove();
+  /// Removes the content.
+  void clear() const;
 
  private:
   std::string quick_;
@@ -37,7 +39,7 @@ struct WorkerFolders {
   static std::optional<WorkerFolders> make(const WorkerFolders& parents, unsigned number);
   void remove() const;
   /// Removes all folders that the ended process made.
-  static void removeOf(const TempFolders& parents, int pid);
+  static void removeOf(const WorkerFolders& parents, int pid);
 };
 
 }  // namespace agent

@@ -21,6 +21,13 @@ namespace {
 
 constexpr unsigned kQueuedPerWorker = 4;
 constexpr int kMostStartFailures = 3;
+constexpr int kMostLosses = 3;  // of one file, with a template each time
+
+Verdict diedOnIt(const std::string& reason) {
+  Verdict verdict = notScanned(Outcome::kError, reason);
+  verdict.workerDied = true;
+  return verdict;
+}
 
 Verdict cancelled() {
   return notScanned(Outcome::kSkipped, "cancelled");
@@ -301,7 +308,11 @@ class WorkerPool::Impl {
         case PoolWorker::Received::kNothing:
           return;
         case PoolWorker::Received::kEnded:
-          endWorker(worker, worker.endReason());
+          if (worker.helloReceived() && !worker.breached() && !spawner_.isCurrent(worker.generation())) {
+            loseWorker(worker);
+          } else {
+            endWorker(worker, worker.endReason());
+          }
           return;
       }
     }
@@ -320,18 +331,39 @@ class WorkerPool::Impl {
     }
   }
 
-  // The worker's current file, its first, ends in an error; the files behind it go back to the queue.
-  void endWorker(PoolWorker& worker, const std::string& reason) {
+  std::deque<PoolTask> removeWorker(PoolWorker& worker) {
     worker.kill();
     auto tasks = worker.takeTasks();
-    const bool begun = worker.helloReceived();
     workers_.remove_if([&](const PoolWorker& w) { return &w == &worker; });
+    return tasks;
+  }
+
+  // The worker's current file, its first, ends in an error; the files behind it go back to the queue.
+  void endWorker(PoolWorker& worker, const std::string& reason) {
+    const bool begun = worker.helloReceived();
+    auto tasks = removeWorker(worker);
     if (!begun) {
       ++startFailures_;
     } else if (!tasks.empty()) {
-      finish(std::move(tasks.front()), notScanned(Outcome::kError, reason));
+      finish(std::move(tasks.front()), diedOnIt(reason));
       tasks.pop_front();
     }
+    giveAllBack(std::move(tasks));
+  }
+
+  // The worker ended together with its template, or after it: its file need not be the reason.
+  void loseWorker(PoolWorker& worker) {
+    auto tasks = removeWorker(worker);
+    if (!tasks.empty() && ++tasks.front().lost >= kMostLosses) {
+      finish(std::move(tasks.front()),
+             notScanned(Outcome::kError, "the scanning processes were ended " + std::to_string(kMostLosses) +
+                                             " times while the file was scanned"));
+      tasks.pop_front();
+    }
+    giveAllBack(std::move(tasks));
+  }
+
+  void giveAllBack(std::deque<PoolTask> tasks) {
     while (!tasks.empty()) {
       giveBack(std::move(tasks.back()));
       tasks.pop_back();

@@ -10,7 +10,8 @@
 
 namespace agent {
 
-/// The worker processes of one task. A worker that dies makes its current file an error and is replaced.
+/// The worker processes of one task. A worker that dies makes its current file an error (Verdict::workerDied)
+/// and is replaced. A file whose worker ended together with the template is queued again.
 /// scan, drain and cancel: any thread except the pool's. Callbacks run on the pool's thread, one at a time,
 /// and must not call the pool.
 class WorkerPool {

@@ -39,15 +39,19 @@ ScanAnswer answer(Engine& engine, const ScanRequest& request, int fd) {
 
 }  // namespace
 
-bool becomeChild(const char* name, int parentPid) {
+void becomeProcess(const char* name) {
   prctl(PR_SET_NAME, name);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGUSR1, SIGUSR2}) {
     std::signal(signal, SIG_IGN);
   }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+bool becomeChild(const char* name, int parentPid) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  becomeProcess(name);
   return getppid() == parentPid;
 }
 

@@ -26,8 +26,11 @@ struct WorkerStart {
 /// folders, memory, and reading the descriptors it receives.
 void confineWorker(const WorkerStart& start);
 
-/// The first call of each child process. Sets the name that ps shows, makes the kernel end the child with its
-/// parent, and ignores the agent's signals. False when the parent is already gone.
+/// Sets the name that ps shows, and ignores the agent's signals.
+void becomeProcess(const char* name);
+
+/// The first call of each forked child process. Besides, makes the kernel end the child with its parent.
+/// False when the parent is already gone.
 bool becomeChild(const char* name, int parentPid);
 
 /// Closes all other descriptors; standard input, output and error lead nowhere. Returns the descriptor under

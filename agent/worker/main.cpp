@@ -1,5 +1,5 @@
 #include "worker/ScannerProgram.h"
 
-int main() {
-  agent::runScannerProgram();
+int main(int count, char** arguments) {
+  agent::runScannerProgram(count, arguments);
 }

@@ -25,6 +25,6 @@ void attempt(const std::string& path) {
 
 }  // namespace
 
-int main() {
-  agent::runScannerProgram(attempt);
+int main(int count, char** arguments) {
+  agent::runScannerProgram(count, arguments, attempt);
 }

@@ -359,7 +359,7 @@ TEST_F(Temporaries, OnlyThoseOfTheEndedTemplateAreRemoved) {
   TempFolders folders(dir_.path());
   std::filesystem::create_directory(*folders.disk() + "/77-1");
   std::filesystem::create_directory(*folders.disk() + "/777-1");
-  WorkerFolders::removeOf(folders, 77);
+  WorkerFolders::removeOf(WorkerFolders{folders.quick(), *folders.disk()}, 77);
   EXPECT_FALSE(std::filesystem::exists(*folders.disk() + "/77-1"));
   EXPECT_TRUE(std::filesystem::exists(*folders.disk() + "/777-1"));
   folders.remove();

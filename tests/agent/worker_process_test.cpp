@@ -171,12 +171,10 @@ TEST_F(WorkerProcesses, UnpackOnlyInTheirFolders) {
 
 class SpawnerProcesses : public Children {
  protected:
-  void startSpawner(pid_t wrongBy) {
+  void startSpawner() {
     config_.shippedSignatures = testing::kShippedSignatures;
     config_.systemSignatures = dir().at("none");
-    start([&](Channel channel, pid_t parent) {
-      runSpawner(config_, folders_, std::move(channel), parent + wrongBy);
-    });
+    start([&](Channel channel, pid_t) { runForkedSpawner(config_, folders_, std::move(channel)); });
   }
   void TearDown() override { folders_.remove(); }
   /// Sends one end of a fresh channel with the packet; returns the other end.
@@ -190,13 +188,20 @@ class SpawnerProcesses : public Children {
   TempFolders folders_{dir().path()};
 };
 
-TEST_F(SpawnerProcesses, EndAtOnceWhenTheAgentHasEnded) {
-  startSpawner(1);
+TEST_F(SpawnerProcesses, EndWithTheirChannel) {
+  startSpawner();
+  ours_.close();
+  EXPECT_EQ(exitStatus(), 0);
+}
+
+TEST_F(SpawnerProcesses, OfTheProgramEndWithoutAStart) {
+  start([](Channel channel, pid_t) { runSpawnerProgram(std::move(channel)); });
+  ASSERT_TRUE(ours_.send(encode(ForkRequest{})));
   EXPECT_EQ(exitStatus(), 1);
 }
 
 TEST_F(SpawnerProcesses, ForkNothingForAnUnknownMessage) {
-  startSpawner(0);
+  startSpawner();
   EXPECT_FALSE(receive<StateReport>(sendWithChannel(ours_, "nonsense")));
   ASSERT_TRUE(ours_.send(encode(ForkRequest{})));
   const Channel toTemplate = sendWithChannel(ours_, encode(ForkRequest{}));
