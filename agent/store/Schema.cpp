@@ -68,6 +68,15 @@ constexpr std::array kCacheSteps = {
     "  key_id INTEGER NOT NULL,"
     "  seq INTEGER NOT NULL,"  // grows with every entry: the smallest is the oldest
     "  PRIMARY KEY (device, inode)) WITHOUT ROWID;",
+    "CREATE TABLE given_up ("  // store::WorkerDeaths
+    "  device INTEGER NOT NULL,"
+    "  inode INTEGER NOT NULL,"
+    "  size INTEGER NOT NULL,"
+    "  change_ns INTEGER NOT NULL,"
+    "  modify_ns INTEGER NOT NULL,"
+    "  signatures BLOB NOT NULL,"
+    "  seq INTEGER NOT NULL,"
+    "  PRIMARY KEY (device, inode)) WITHOUT ROWID;",
 };
 
 }  // namespace

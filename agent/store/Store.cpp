@@ -92,6 +92,7 @@ Store::Store(const std::string& stateDir, std::chrono::milliseconds restorePatie
       regions_(*database_),
       cache_(*cacheDatabase_),
       tasks_(*cacheDatabase_),
+      workerDeaths_(*cacheDatabase_),
       quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, restorePatience,
                   &notices_) {}
 

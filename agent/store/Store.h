@@ -13,6 +13,7 @@
 #include "store/SettingsStore.h"
 #include "store/Sqlite.h"
 #include "store/TaskRecords.h"
+#include "store/WorkerDeaths.h"
 
 namespace agent {
 
@@ -30,6 +31,7 @@ class Store {
   store::Regions& regions() { return regions_; }
   store::ScanCache& cache() { return cache_; }
   store::TaskRecords& tasks() { return tasks_; }
+  store::WorkerDeaths& workerDeaths() { return workerDeaths_; }
   /// The findings of open(), one line each, for the log.
   const std::vector<std::string>& notices() const { return notices_; }
   /// Writes one line to the audit record: caller, action, object, outcome. Never throws.
@@ -49,6 +51,7 @@ class Store {
   store::Regions regions_;
   store::ScanCache cache_;
   store::TaskRecords tasks_;
+  store::WorkerDeaths workerDeaths_;
   store::Quarantine quarantine_;
 };
 

@@ -14,6 +14,18 @@ namespace agent {
 namespace {
 
 constexpr std::size_t kMostDetections = 32;  // waiting to be handled, each with an open file
+constexpr const char* kGivenUp =
+    "given up: three scanning processes died on it within an hour; it is scanned again once the file or the "
+    "signatures have changed";
+constexpr const char* kDeathOnFile = "death of scanning processes";
+
+/// Deaths of one owner's files that are events: 10, 100, ...
+bool isOwnerEvent(std::size_t deaths) {
+  while (deaths > 10 && deaths % 10 == 0) {
+    deaths /= 10;
+  }
+  return deaths == 10;
+}
 
 FileEnd endWith(Outcome outcome, std::string reason) {
   FileEnd end;
@@ -105,6 +117,11 @@ void FilePipeline::file(EncounteredFile file) {
     endNames(*met, endWith(Outcome::kClean, {}));
     return;
   }
+  if (context_.store.workerDeaths().isGivenUp(FileIdentity::of(met->status), signatureVersion_)) {
+    handler_.waitBelow(kMostDetections);
+    ended(met, notScanned(Outcome::kError, kGivenUp), rejected, false);
+    return;
+  }
   submit(met, rejected, cacheable);
 }
 
@@ -159,8 +176,34 @@ bool FilePipeline::applyRegions(Verdict& verdict, bool rejected) const {
   return byHash == RegionVerdict::kTrusted;
 }
 
-/// On the pool's thread: each file that was submitted ends here.
+/// Counts the death. The third one of a file, and many of one owner's files, are events of their own.
+void FilePipeline::noteDeath(const EncounteredFile& file, const std::string& reason) {
+  const uid_t owner = file.status.st_uid;
+  const auto count = context_.store.workerDeaths().add(FileIdentity::of(file.status), owner,
+                                                       signatureVersion_, store::WorkerDeaths::Clock::now());
+  AGENT_LOG(LogLevel::kWarning,
+            "%s: a scanning process died on it: death %zu of this file and %zu of the files of user %u (%zu "
+            "files) within an hour",
+            file.path.c_str(), count.ofFile, count.ofOwner, owner, count.ownersFiles);
+  const auto event = [&](const std::string& object, const std::string& text) {
+    AGENT_LOG(LogLevel::kError, "%s: %s: %s", kDeathOnFile, object.c_str(), text.c_str());
+    context_.store.audit(context_.caller, kDeathOnFile, object, text);
+  };
+  if (count.givenUp) {
+    event(file.path, kGivenUp + (" (owner " + std::to_string(owner)) + "; the last death: " + reason + ")");
+  }
+  if (isOwnerEvent(count.ofOwner)) {
+    event("user " + std::to_string(owner), std::to_string(count.ofOwner) + " deaths on " +
+                                               std::to_string(count.ownersFiles) +
+                                               " files of this user within an hour");
+  }
+}
+
+/// On the pool's thread, or for a file that is given up on the walking one: each file ends here.
 void FilePipeline::ended(const File& file, Verdict verdict, bool rejected, bool cacheable) {
+  if (verdict.workerDied) {
+    noteDeath(*file, verdict.reason);
+  }
   FileEnd end;
   end.trusted = applyRegions(verdict, rejected);
   end.verdict = std::move(verdict);

@@ -37,6 +37,7 @@ class FilePipeline {
   void submit(const File& file, bool rejected, bool cacheable);
   bool applyRegions(Verdict& verdict, bool rejected) const;
   void ended(const File& file, Verdict verdict, bool rejected, bool cacheable);
+  void noteDeath(const EncounteredFile& file, const std::string& reason);
   void endedClean(const EncounteredFile& file, bool cacheable);
   void broke(const File& file, const std::string& reason);
   void endNames(const EncounteredFile& first, FileEnd end);
@@ -46,7 +47,7 @@ class FilePipeline {
 
   const ScanContext context_;
   Spawner& spawner_;
-  const std::string signatureVersion_;  // of the results in the cache
+  const std::string signatureVersion_;  // of the results in the cache, and of files that are not tried again
   std::string cacheKey_;
   std::unordered_map<dev_t, bool> usableTimes_;  // by file system
   LinkedFiles links_;
