@@ -322,10 +322,10 @@ TEST_F(EngineUnpacking, BytesThatOnlyLookLikeAnArchiveAreNotReportedAsSkipped) {
 // Results of other unpackers or rules do not hold.
 TEST_F(EngineUnpacking, TheVersionOfResultsDependsOnTheUnpackerAndTheRules) {
   engine();
-  const std::string signatures = SignatureFolder(testing::kShippedSignatures).contentKey();
   EXPECT_NE(unpackerVersion(), "");
-  EXPECT_EQ(state().version, sha256Of(std::string(cl_retver()) + '\n' + unpackerVersion() + '\n' +
-                                      kAuditVersion + '\n' + signatures));
+  EXPECT_THAT(state().rules, ::testing::HasSubstr(cl_retver()));
+  EXPECT_THAT(state().rules, ::testing::HasSubstr(unpackerVersion()));
+  EXPECT_THAT(state().rules, ::testing::EndsWith(std::string(", audit ") + kAuditVersion));
 }
 
 TEST_F(EngineUnpacking, BytesBehindTheEndOfACompressedFileAreScanned) {
