@@ -19,6 +19,15 @@ Failure failureOf(const ArchiveKind& kind) {
   return kind.type == "CL_TYPE_CPIO_OLD" ? Failure::kCountsIfYielded : Failure::kCounts;
 }
 
+// libclamav's type settles what the bytes leave open. A zip with a directory is audited by the directory.
+Failure failureIn(const Layer& layer, bool isLayer, const Part& part) {
+  if (isLayer) {
+    return failureOf(*part.kind);
+  }
+  const bool isAlone = part.kind->reader == Reader::kZipStream && !hasZipDirectory(layer.data, layer.size);
+  return isAlone ? Failure::kCounts : part.failure;
+}
+
 }  // namespace
 
 void ScanRecord::begin(const Place& place, TempFile& keep) {
@@ -153,8 +162,8 @@ void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Conte
     }
     const bool isLayer = kind != nullptr && part.offset == 0 && part.kind->reader == kind->reader;
     kindIsListed = kindIsListed || isLayer;
-    // libclamav's type settles what the bytes leave open.
-    unpackLater(layer, kind, isLayer ? Part{part.kind, 0, failureOf(*part.kind), part.later} : part, {});
+    unpackLater(layer, kind,
+                Part{part.kind, part.offset, failureIn(layer, isLayer, part), part.later, part.size}, {});
   }
   if (!kindIsListed) {
     unpackLater(layer, kind, {kind, 0, failureOf(*kind), {}}, {});

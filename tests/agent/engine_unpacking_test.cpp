@@ -103,6 +103,11 @@ TEST_F(EngineUnpacking, AZipWithoutItsDirectoryBehindTextIsUnpacked) {
   for (const std::string& zip : {lzmaZip(eicar()), makeZip({{"test.com", eicar()}})}) {
     expectFound({"cut off", kScript + zip.substr(0, zip.find("PK\1\2"))});
   }
+  ZipMember shrunk{"test.com", eicar()};
+  shrunk.method = 1;
+  const std::string unknown = makeZip({{"a.txt", "some text"}, shrunk});
+  expectError({"unknown method", kScript + unknown.substr(0, unknown.find("PK\1\2"))},
+              "could not be unpacked");
   const std::string encrypted = encryptedZip();
   expectError({"encrypted", kScript + encrypted.substr(0, encrypted.find("PK\1\2"))}, "encrypted");
 }
