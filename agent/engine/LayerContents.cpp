@@ -19,6 +19,7 @@ namespace {
 using namespace std::string_view_literals;
 
 constexpr std::size_t kMostParts = 20'000;
+constexpr std::size_t kMostLater = 100'000;  // as many as the members of one file
 constexpr std::size_t kTarBlock = 512;
 constexpr std::size_t kLastBlock = 512;
 
@@ -361,7 +362,12 @@ class Behind {
     if (!isTarOrCpio(kind->reader) || last == contents_.parts.rend()) {
       return false;
     }
-    last->later.push_back(at - last->offset);
+    if (contents_.later >= kMostLater) {
+      contents_.tooMany = true;
+    } else {
+      last->later.push_back(at - last->offset);
+      ++contents_.later;
+    }
     return true;
   }
 

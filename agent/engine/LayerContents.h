@@ -26,6 +26,7 @@ struct Part {
 
 struct Contents {
   std::vector<Part> parts;    ///< those at the beginning come first
+  std::size_t later = 0;      ///< of all parts
   bool tooMany = false;       ///< more parts than are listed
   bool hasZipStream = false;  ///< a zip member's header stands behind the beginning
   bool hasZipEnd = false;     ///< the end record of a zip stands behind the beginning

@@ -11,6 +11,7 @@
 
 #include "EngineFixture.h"
 #include "engine/Digest.h"
+#include "engine/LayerContents.h"
 #include "engine/ScanRecord.h"
 #include "engine/SignatureFolder.h"
 #include "engine/Unpacker.h"
@@ -275,6 +276,18 @@ TEST_F(EngineUnpacking, ATarOrCpioBehindTextIsUnpackedOnce) {
     const Verdict verdict = scan(kScript + archiveOf(members, format));
     EXPECT_EQ(verdict.outcome, Outcome::kClean) << format << describe(verdict);
   }
+}
+
+TEST_F(EngineUnpacking, TheHeadersOfATarOrCpioBehindTextAreListedUpToALimit) {
+  std::string content = "text";
+  while (content.size() < 400000) {
+    content += "07";
+  }
+  const Contents contents = lookInto(content.data(), content.size(), nullptr);
+  EXPECT_TRUE(contents.tooMany);
+  ASSERT_EQ(contents.parts.size(), 1U);
+  EXPECT_EQ(contents.parts[0].later.size(), 100000U);
+  EXPECT_EQ(scan(content).outcome, Outcome::kError);
 }
 
 TEST_F(EngineUnpacking, ATarOrCpioBehindADamagedOneIsUnpacked) {
