@@ -61,8 +61,6 @@ int prepare(struct archive* archive, Reader reader) {
     const int result = row->format(archive);
     // Other programs read the members behind an end mark, too. Other formats have no such option.
     archive_read_set_format_option(archive, "tar", "read_concatenated_archives", "1");
-    // libclamav reads the other tree of an iso.
-    archive_read_set_format_option(archive, "iso9660", "joliet", nullptr);
     archive_clear_error(archive);
     return result;
   }

@@ -196,12 +196,6 @@ TEST_F(EngineLayers, AnIsoWithATreeThatNobodyReadsIsSkipped) {
   expect(Outcome::kSkipped, {"hfs", hfs}, "(hfs)");
 }
 
-TEST_F(EngineLayers, AnIsoIsReadByItsPlainTreeAndByItsOther) {
-  expectFound({"joliet", archiveOf({{"test.com", eicar()}}, "iso9660", "", "iso9660:!rockridge")});
-  expectFound(
-      {"plain", archiveOf({{"test.com", eicar()}}, "iso9660", "", "iso9660:!rockridge,iso9660:!joliet")});
-}
-
 TEST_F(EngineLayers, EachMemberOfAnLzhIsScannedOrAnError) {
   const std::string end(1, '\0'), harmless = makeLzh("some text", "-lh0-");
   expectClean({"harmless", harmless + end});
