@@ -42,7 +42,6 @@ constexpr ReaderRow kReaders[] = {
     {Reader::kIso, ARCHIVE_FILTER_NONE, archive_read_support_format_iso9660},
     {Reader::kLha, ARCHIVE_FILTER_NONE, archive_read_support_format_lha},
     {Reader::kXar, ARCHIVE_FILTER_NONE, archive_read_support_format_xar},
-    {Reader::kAr, ARCHIVE_FILTER_NONE, archive_read_support_format_ar},
     {Reader::kWarc, ARCHIVE_FILTER_NONE, archive_read_support_format_warc},
     {Reader::kRar, ARCHIVE_FILTER_NONE,
      [](struct archive* a) {
@@ -146,6 +145,10 @@ Unpacker::Unpacker(const FileRange& range, Reader reader)
     open_ = true;
     return;
   }
+  if (reader == Reader::kAr) {
+    ar_ = std::make_unique<ArReader>(range);
+    return;
+  }
   if (archive_ == nullptr) {
     problem_ = "no memory for the unpacker";
     return;
@@ -199,6 +202,12 @@ bool Unpacker::next() {
   if (inflater_) {
     return std::exchange(open_, false);
   }
+  if (ar_) {
+    const bool any = ar_->next();
+    name_ = ar_->name();
+    problem_ = ar_->problem();
+    return any;
+  }
   for (int failures = 0; open_ && failures < kMostFailures; ++failures) {
     archive_entry* entry = nullptr;
     const std::uint64_t before = bytesRead();
@@ -228,6 +237,9 @@ std::uint64_t Unpacker::bytesRead() const {
   if (inflater_) {
     return inflater_->bytesRead();
   }
+  if (ar_) {
+    return ar_->position();
+  }
   return static_cast<std::uint64_t>(std::max<la_int64_t>(archive_filter_bytes(archive_, -1), 0));
 }
 
@@ -248,18 +260,20 @@ std::int64_t Unpacker::readBlock(char* buffer, std::size_t size) {
   return static_cast<std::int64_t>(bytes);
 }
 
-std::size_t Unpacker::inflate(char* buffer, std::size_t size) {
-  const std::size_t got = inflater_->read(buffer, size);
+std::size_t Unpacker::readOwn(char* buffer, std::size_t size) {
+  const std::size_t got = ar_ ? ar_->read(buffer, size) : inflater_->read(buffer, size);
   yielded_ = yielded_ || got > 0;
-  if (got == 0 && !inflater_->isWhole()) {
+  if (ar_) {
+    problem_ = ar_->problem();
+  } else if (got == 0 && !inflater_->isWhole()) {
     problem_ = "damaged or cut off";
   }
   return got;
 }
 
 std::size_t Unpacker::read(char* buffer, std::size_t size) {
-  if (inflater_) {
-    return inflate(buffer, size);
+  if (inflater_ || ar_) {
+    return readOwn(buffer, size);
   }
   if (!link_.empty()) {
     const std::size_t got = std::min(size, link_.size());

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "engine/ArReader.h"
 #include "engine/ArchiveKinds.h"
 #include "engine/Inflater.h"
 
@@ -47,11 +48,13 @@ class Unpacker {
   struct Input;
   void fail();
   bool isCut(std::uint64_t headerBytes) const;
-  std::size_t inflate(char* buffer, std::size_t size);
+  std::size_t readOwn(char* buffer, std::size_t size);
   std::int64_t readBlock(char* buffer, std::size_t size);
 
   std::unique_ptr<Input> input_;
-  std::unique_ptr<Inflater> inflater_;  // in place of libarchive
+  // In place of libarchive, for their kinds.
+  std::unique_ptr<Inflater> inflater_;
+  std::unique_ptr<ArReader> ar_;
   Reader reader_;
   ::archive* archive_ = nullptr;
   bool open_ = false;

@@ -210,10 +210,7 @@ TEST_F(EngineLayers, EachMemberOfAnLzhIsScannedOrAnError) {
 
 TEST_F(EngineLayers, HeadersThatOtherProgramsAcceptAreFollowedBehindText) {
   const std::string text = "some text\n", rar = testsupport::makeRar("test.com", eicar());
-  std::string comment = rar;
-  comment[9] = '\x75';
-  const Verdict verdict = scan(text + comment);
-  EXPECT_NE(verdict.outcome, Outcome::kSkipped) << describe(verdict);
+  expectFound({"a comment first", text + rar.substr(0, 7) + "\x65\x0E\x75\0\0\7\0"s + rar.substr(7)});
   std::string lzma = packedBy("lzma", eicar());
   lzma.replace(1, 4, "\1\0\x80\0"s);
   expectFound({"a dictionary of an odd size", lzma});
@@ -261,6 +258,27 @@ TEST_F(EngineLayers, ADatabaseOfManyCompressedRecordsIsClean) {
     records += "record " + packedBy("gzip", std::to_string(i));
   }
   expectClean({"gz", records});
+}
+
+// Headers of an ar: the name, four numbers, the size.
+std::string arMember(const std::string& name, const std::string& content, bool padded = true) {
+  std::array<char, 61> header{};
+  std::snprintf(header.data(), header.size(), "%-16s%-12d%-6d%-6d%-8d%-10zu`\n", name.c_str(), 0, 0, 0, 644,
+                content.size());
+  return header.data() + content + (padded && content.size() % 2 != 0 ? "\n" : "");
+}
+
+TEST_F(EngineLayers, AnArIsReadWhateverItsTableOfNames) {
+  const std::string ar = "!<arch>\n", windows = arMember("//", "a_long_name_of_an_object.obj\0second.obj\0"s);
+  const std::string table = ar + arMember("/", "\0\0\0\0"s) + windows;
+  expectClean({"harmless", table + arMember("/0", "some text")});
+  expectFound({"after a table", table + arMember("/0", eicar())});
+  expectFound({"the odd byte is missing", ar + arMember("a/", "odd", false) + arMember("b/", eicar())});
+  expectFound({"a name in front", ar + arMember("#1/4", "name" + eicar())});
+  expectFound(
+      {"cut off behind", table + arMember("/0", eicar()) + arMember("b/", noise(500)).substr(0, 300)});
+  expectError({"cut off", ar + arMember("b/", noise(500)).substr(0, 300)}, "cut off");
+  expectError({"no member", ar + arMember("a/", "some text") + repeated(20, "some text ")}, "no member");
 }
 
 // libclamav unpacks some methods of an alz and of an egg, and says nothing of the others.
