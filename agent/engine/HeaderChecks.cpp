@@ -169,6 +169,31 @@ bool isArc(const Bytes& a) {
   return length != 0 && length != std::string_view::npos && isPrintable(name.substr(0, length));
 }
 
+bool isWholeArj(const Bytes& a) {
+  constexpr std::uint32_t kMagic = 0xEA60, kSmallest = 30, kLastMethod = 4;
+  constexpr std::size_t kStart = 4, kMethod = 5, kPackedSize = 12;
+  std::uint64_t at = 0;
+  for (bool isMember = false; a.has(at, kStart) && a.at16(at) == kMagic; isMember = true) {
+    const std::uint32_t size = a.at16(at + 2);
+    if (size == 0) {
+      return true;
+    }
+    if (size < kSmallest || !a.has(at + kStart, size)) {
+      return false;
+    }
+    const Bytes header = a.from(at + kStart);
+    if (isMember && header.at8(kMethod) > kLastMethod) {
+      return false;
+    }
+    at += kStart + size + 4;  // and its sum
+    while (a.has(at, 2) && a.at16(at) != 0) {
+      at += 2 + a.at16(at) + 4;
+    }
+    at += 2 + (isMember ? header.at32(kPackedSize) : 0);
+  }
+  return false;
+}
+
 bool isCpioText(const Bytes& a) {
   constexpr std::size_t kHeader = 76;
   if (!a.has(0, kHeader)) {

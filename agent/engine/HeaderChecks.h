@@ -29,6 +29,8 @@ bool isWholeCab(const Bytes& a);
 bool isCab(const Bytes& a);
 bool isLzh(const Bytes& a);
 bool isArc(const Bytes& a);
+/// An arj to its end mark, all of whose members are packed by methods that libclamav knows.
+bool isWholeArj(const Bytes& a);
 bool isCpioText(const Bytes& a);
 /// A cpio whose header holds numbers of two bytes, in either order.
 bool isCpioBinary(const Bytes& a);

@@ -463,6 +463,7 @@ Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind) {
   }
   behind.add();
   endAtStreams(layer, contents);
+  contents.hasBrokenArj = kind != nullptr && kind->type == "CL_TYPE_ARJ" && !isWholeArj(layer);
   return contents;
 }
 

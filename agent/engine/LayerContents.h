@@ -30,6 +30,7 @@ struct Contents {
   bool tooMany = false;       ///< more parts than are listed
   bool hasZipStream = false;  ///< a zip member's header stands behind the beginning
   bool hasZipEnd = false;     ///< the end record of a zip stands behind the beginning
+  bool hasBrokenArj = false;  ///< the layer is an arj that libclamav cannot unpack whole
   bool hasOddTar = false;     ///< a tar with a member whose size other programs read in another way
 };
 

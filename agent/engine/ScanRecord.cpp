@@ -172,6 +172,10 @@ void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Conte
     leaveOut(layer.name, base_.level + layer.level, "a tar archive with a size that is read in several ways",
              error_);
   }
+  if (contents.hasBrokenArj) {
+    leaveOut(layer.name, base_.level + layer.level,
+             "an arj archive that is cut off, or packed by an unknown method", error_);
+  }
   if (contents.tooMany) {
     leaveOut(layer.name, base_.level + layer.level, "more archives in it than the engine's limit", error_);
   }

@@ -260,6 +260,18 @@ TEST_F(EngineLayers, ADatabaseOfManyCompressedRecordsIsClean) {
   expectClean({"gz", records});
 }
 
+TEST_F(EngineLayers, AnArjThatIsCutOffOrPackedByAnUnknownMethodIsAnError) {
+  const std::string arj = testsupport::makeArj("a", "some harmless text", false);
+  expectClean({"whole", arj});
+  for (const std::size_t cut : {4U, 10U, 20U, 40U}) {
+    expectError({"cut off", arj.substr(0, arj.size() - cut)}, "arj");
+  }
+  const std::size_t member = arj.rfind("\x60\xEA", arj.size() - 5);
+  std::string unknown = arj;
+  unknown[member + 4 + 5] = '\7';
+  expectError({"method", unknown}, "arj");
+}
+
 // Headers of an ar: the name, four numbers, the size.
 std::string arMember(const std::string& name, const std::string& content, bool padded = true) {
   std::array<char, 61> header{};
