@@ -7,13 +7,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <optional>
 #include <string_view>
 
 #include "engine/Digest.h"
+#include "engine/FileBudget.h"
 #include "engine/FileHashes.h"
 #include "engine/FileScan.h"
+#include "engine/ScanBudget.h"
 #include "engine/ScanRecord.h"
 #include "engine/SignatureLoader.h"
+#include "engine/SparseFile.h"
 #include "json/CppJson.h"
 #include "platform/Posix.h"
 
@@ -22,6 +26,14 @@ namespace {
 
 constexpr std::uint64_t kFileBytesUnit = 64 * 1024;      // libclamav cuts members at its own block's edge
 constexpr std::uint64_t kLargestFileBytes = 0x7FFF0000;  // libclamav scans nothing of 2 GiB and more
+constexpr std::uint64_t kMostScanMs = 0xFFFFFFFF;        // of libclamav's own clock
+
+// The context of libclamav's callbacks.
+struct LibraryScan {
+  ScanRecord& record;
+  ScanBudget& budget;
+  bool foundByPlace = false;  // a layer holds what is found by its place
+};
 
 // The record of the current scan: libclamav's messages come without a context. Null between scans.
 ScanRecord* currentRecord = nullptr;
@@ -47,21 +59,35 @@ void onMessage(cl_msg severity, const char*, const char* message, void*) {
 
 cl_error_t onLayer(int, const char* type, const char**, size_t, const char* name, size_t size,
                    const char* data, uint32_t level, uint32_t, void* context) {
-  auto& record = *static_cast<ScanRecord*>(context);
-  if (data == nullptr && size > 0) {
-    record.notWhole(orEmpty(name), level, "cannot be read");
+  auto& scan = *static_cast<LibraryScan*>(context);
+  if (!scan.budget.addLayer(size)) {
+    scan.record.notWhole({}, 0, "more members than the engine's limit");
+    return CL_BREAK;
   }
-  return record.onLayer({orEmpty(type), orEmpty(name), level, data, size}) ? CL_CLEAN : CL_BREAK;
+  if (data == nullptr && size > 0) {
+    scan.record.notWhole(orEmpty(name), level, "cannot be read");
+  }
+  scan.foundByPlace = scan.foundByPlace || level > 0 || !isFoundAnywhere(orEmpty(type));
+  const bool goesOn =
+      !scan.budget.ranOut() && scan.record.onLayer({orEmpty(type), orEmpty(name), level, data, size});
+  return goesOn ? CL_CLEAN : CL_BREAK;
 }
 
 cl_error_t onMember(const char* container, unsigned long, const char* name, unsigned long realBytes,
                     int encrypted, unsigned int, void* context) {
-  static_cast<ScanRecord*>(context)->onMember(orEmpty(container), orEmpty(name), realBytes, encrypted != 0);
+  static_cast<LibraryScan*>(context)->record.onMember(orEmpty(container), orEmpty(name), realBytes,
+                                                      encrypted != 0);
   return CL_CLEAN;
 }
 
 void onFind(int, const char* name, void* context) {
-  static_cast<ScanRecord*>(context)->onFind(orEmpty(name));
+  auto& scan = *static_cast<LibraryScan*>(context);
+  if (orEmpty(name) == "Heuristics.Limits.Exceeded.MaxScanSize") {
+    scan.record.notWhole({}, 0, scan.budget.dataReason());
+  } else if (orEmpty(name) == "Heuristics.Limits.Exceeded.MaxScanTime") {
+    scan.record.notWhole({}, 0, clockReason(scan.budget.budget().clock));
+  }
+  scan.record.onFind(orEmpty(name));
 }
 
 platform::Expected<void> initialiseLibrary() {
@@ -87,7 +113,6 @@ void setLimits(cl_engine* engine, const EngineLimits& limits, std::uint64_t file
       {CL_ENGINE_MAX_SCANSIZE, limits.maxScanBytes},
       {CL_ENGINE_MAX_FILES, limits.maxFiles},
       {CL_ENGINE_MAX_RECURSION, limits.maxRecursion},
-      {CL_ENGINE_MAX_SCANTIME, limits.maxScanMs},
       {CL_ENGINE_MAX_EMBEDDEDPE, fileBytes},
       {CL_ENGINE_MAX_HTMLNORMALIZE, fileBytes},
       {CL_ENGINE_MAX_HTMLNOTAGS, fileBytes},
@@ -110,7 +135,7 @@ class WriteLimit {
   explicit WriteLimit(rlim_t bytes) {
     getrlimit(RLIMIT_FSIZE, &before_);
     rlimit now = before_;
-    now.rlim_cur = std::min(bytes, before_.rlim_max);
+    now.rlim_cur = std::min(bytes, before_.rlim_cur);
     setrlimit(RLIMIT_FSIZE, &now);
   }
   ~WriteLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
@@ -139,6 +164,7 @@ class Engine::Impl {
 
   const SignatureState signatures;
   std::string quickTemp, diskTemp;
+  const EngineLimits& limits() const { return limits_; }
 
   Verdict scan(int fd, const std::string& name, const ScanOptions& options) {
     struct stat status {};
@@ -148,8 +174,7 @@ class Engine::Impl {
     if (!S_ISREG(status.st_mode)) {
       return errorVerdict("not a regular file");
     }
-    const auto size = static_cast<std::uint64_t>(status.st_size);
-    Verdict verdict = scanContent(fd, size, name, options);
+    Verdict verdict = scanContent(fd, status, name, options);
     if (verdict.outcome == Outcome::kInfected || options.hashesWanted) {
       if (!fillHashes(fd, verdict) && verdict.outcome == Outcome::kClean) {
         return errorVerdict("cannot be read to its end");
@@ -159,57 +184,97 @@ class Engine::Impl {
   }
 
  private:
-  Verdict scanContent(int fd, std::uint64_t size, const std::string& name, const ScanOptions& options) {
+  Verdict scanContent(int fd, const struct stat& status, const std::string& name,
+                      const ScanOptions& options) {
+    const auto size = static_cast<std::uint64_t>(status.st_size);
     if (size > fileBytes_) {
       return errorVerdict("larger than the engine's limit of " + std::to_string(fileBytes_) +
                           " bytes for one file");
     }
+    ScanBudget budget(budgetOf(limits_, status), limits_.maxFiles);
     const std::string lastPart = platform::splitPath(name).name;
+    const auto sparse =
+        isMostlyHoles(fd, size) ? scanWithoutHoles(budget, fd, size, lastPart, options) : std::nullopt;
+    Verdict verdict = sparse ? *sparse : scanWhole(budget, fd, size, lastPart, options);
+    return budget.ranOut() && verdict.outcome != Outcome::kInfected ? errorVerdict(budget.reason()) : verdict;
+  }
+
+  Verdict scanWhole(ScanBudget& budget, int fd, std::uint64_t size, const std::string& name,
+                    const ScanOptions& options) {
     if (!quickTemp.empty() && size <= limits_.quickTempBytes / 2) {
-      useTemp(quickTemp);
+      useTemp(quickTemp, budget);
       const WriteLimit limit(limits_.quickTempBytes);
       ScanRecord record(options, fileBytes_);
-      Verdict verdict = run(record, fd, lastPart, options);
-      if (!record.tempFull()) {
+      Verdict verdict = run(record, budget, fd, name, options).verdict;
+      if (!record.tempFull() || budget.ranOut()) {
         return verdict;
       }
     }
-    useTemp(diskTemp);
+    useTemp(diskTemp, budget);
     ScanRecord record(options, fileBytes_);
-    return run(record, fd, lastPart, options);
+    return run(record, budget, fd, name, options).verdict;
   }
 
-  void useTemp(const std::string& folder) {
+  // Nothing when only a scan of the whole file can tell.
+  std::optional<Verdict> scanWithoutHoles(ScanBudget& budget, int fd, std::uint64_t size,
+                                          const std::string& name, const ScanOptions& options) {
+    useTemp(diskTemp, budget);
+    TempFile copy(diskTemp, budget.tempSpace());
+    if (!copyWithoutHoles(fd, size, copy)) {
+      return std::nullopt;
+    }
+    ScanRecord record(options, fileBytes_);
+    Ran ran = run(record, budget, copy.fd(), name, options);
+    const bool isWhole = ran.verdict.outcome == Outcome::kClean && !ran.foundByPlace;
+    return isWhole || ran.verdict.outcome == Outcome::kInfected ? std::optional(std::move(ran.verdict))
+                                                                : std::nullopt;
+  }
+
+  void useTemp(const std::string& folder, ScanBudget& budget) {
+    budget.watchFolder(folder);
     if (!folder.empty() && folder != tempNow_) {
       cl_engine_set_str(engine_.get(), CL_ENGINE_TMPDIR, folder.c_str());
       tempNow_ = folder;
     }
   }
 
-  Verdict run(ScanRecord& record, int fd, const std::string& name, const ScanOptions& options) {
+  struct Ran {
+    Verdict verdict;
+    bool foundByPlace = false;
+  };
+  Ran run(ScanRecord& record, ScanBudget& budget, int fd, const std::string& name,
+          const ScanOptions& options) {
     const cl_scan_options flags = flagsOf(options);
+    LibraryScan library{record, budget};
     FileScan scan(
-        [&](int file, const std::string& fileName, std::chrono::milliseconds time) {
-          return scanByLibrary(record, file, fileName, flags, time);
-        },
-        record, limits_, tempNow_);
+        [&](int file, const std::string& fileName) { return scanByLibrary(library, file, fileName, flags); },
+        record, limits_, budget, tempNow_);
     scan.scan(fd, name);
-    return record.finish({});
+    return {record.finish({}), library.foundByPlace || scan.foundArchives()};
   }
 
   // Returns libclamav's failure; empty after a success.
-  std::string scanByLibrary(ScanRecord& record, int fd, const std::string& name, cl_scan_options flags,
-                            std::chrono::milliseconds time) {
-    // Zero would mean: no limit.
-    cl_engine_set_num(engine_.get(), CL_ENGINE_MAX_SCANTIME, std::max<long long>(time.count(), 1));
+  std::string scanByLibrary(LibraryScan& scan, int fd, const std::string& name, cl_scan_options flags) {
+    const ScanBudget& budget = scan.budget;
+    setLimit(CL_ENGINE_MAX_SCANTIME, static_cast<std::uint64_t>(budget.clockLeft().count()), kMostScanMs);
+    setLimit(CL_ENGINE_MAX_SCANSIZE, budget.bytesLeft(), limits_.maxScanBytes);
+    setLimit(CL_ENGINE_MAX_FILES, budget.layersLeft(), limits_.maxFiles);
     const char* virus = nullptr;
     unsigned long scanned = 0;
-    currentRecord = &record;
+    currentRecord = &scan.record;
     const cl_error_t result =
-        cl_scandesc_callback(fd, name.c_str(), &virus, &scanned, engine_.get(), &flags, &record);
+        cl_scandesc_callback(fd, name.c_str(), &virus, &scanned, engine_.get(), &flags, &scan);
     currentRecord = nullptr;
+    if (result == CL_EMEM) {
+      return "it needs more memory than a scan may use";
+    }
     const bool whole = result == CL_CLEAN || result == CL_VIRUS;
     return whole ? std::string{} : std::string(orEmpty(cl_strerror(result)));
+  }
+
+  void setLimit(cl_engine_field field, std::uint64_t left, std::uint64_t most) {
+    constexpr std::uint64_t kLeast = 1;  // zero would mean: no limit
+    cl_engine_set_num(engine_.get(), field, static_cast<long long>(std::max(kLeast, std::min(left, most))));
   }
 
   cl_scan_options flagsOf(const ScanOptions& options) const {
@@ -289,6 +354,10 @@ platform::Expected<std::unique_ptr<Engine>> Engine::load(const Config& config) {
 
 const SignatureState& Engine::signatures() const {
   return impl_->signatures;
+}
+
+const EngineLimits& Engine::limits() const {
+  return impl_->limits();
 }
 
 void Engine::setTempFolders(const std::string& quick, const std::string& disk) {

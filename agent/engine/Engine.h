@@ -31,6 +31,7 @@ class Engine {
   Engine& operator=(const Engine&) = delete;
 
   const SignatureState& signatures() const;
+  const EngineLimits& limits() const;
 
   /// The folders for temporary files, used by this process only. quick: in memory, for small files; may be
   /// empty. disk: for all others.

@@ -11,16 +11,13 @@
 #include "platform/Text.h"
 
 namespace agent {
-std::chrono::milliseconds FileScan::timeLeft() const {
-  const auto used = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began_);
-  return std::max(std::chrono::milliseconds(limits_.maxScanMs) - used, std::chrono::milliseconds(0));
-}
 
 void FileScan::scanLayer(int fd, const std::string& name, const Place& place) {
-  TempFile kept(tempFolder_);
+  TempFile kept(tempFolder_, budget_.tempSpace());
   record_.begin(place, kept);
-  record_.end(library_(fd, name, timeLeft()));
+  record_.end(library_(fd, name));
   for (const Pending& archive : record_.takePending()) {
+    foundArchives_ = true;
     unpack(archive.kept ? kept.fd() : fd, archive);
   }
 }
@@ -32,15 +29,13 @@ void FileScan::notWhole(const Pending& archive, const std::string& why) {
 // False, with the reason in the record, when a limit is reached. After a detection, the rest cannot change
 // the outcome.
 bool FileScan::mayGoOn(const Pending& archive) {
-  if (record_.tempFull() || record_.hasDetection()) {
+  if (record_.tempFull() || record_.hasDetection() || budget_.ranOut()) {
     return false;
   }
-  if (timeLeft().count() == 0) {
-    notWhole(archive, "the scan took longer than the engine's limit");
-  } else if (members_ > limits_.maxFiles) {
+  if (members_ > limits_.maxFiles || budget_.layersLeft() == 0) {
     notWhole(archive, "more members than the engine's limit");
-  } else if (unpackedBytes_ > limits_.maxScanBytes) {
-    notWhole(archive, "more data in it than the engine's limit for one scan");
+  } else if (unpackedBytes_ > budget_.budget().unpackedBytes || budget_.bytesLeft() == 0) {
+    notWhole(archive, budget_.dataReason());
   } else {
     return true;
   }
@@ -98,7 +93,7 @@ bool FileScan::unpackMember(Unpacker& unpacker, const Pending& archive, std::siz
   if (unpacker.isEncrypted()) {
     notWhole(archive, "encrypted: its content cannot be scanned");
   }
-  TempFile copy(tempFolder_);
+  TempFile copy(tempFolder_, budget_.tempSpace());
   std::string sha256;
   const bool isCutLink = unpacker.isCutLink();
   const bool goesOn = copyMember(unpacker, archive, copy, sha256);
@@ -150,7 +145,7 @@ void FileScan::endOf(int fd, const Pending& archive, const Unpacker& unpacker, b
 // Other programs unpack what follows the end of a compressed file or a cpio, or take the rest for another
 // file. In an ar, the rest is the part of a header: the archive is cut off.
 void FileScan::scanRest(int fd, const Pending& archive, std::uint64_t unpacked) {
-  TempFile rest(tempFolder_);
+  TempFile rest(tempFolder_, budget_.tempSpace());
   std::uint64_t zeros = 0;  // in front
   bool anything = false;
   for (std::uint64_t at = unpacked; at < archive.size && mayGoOn(archive);) {

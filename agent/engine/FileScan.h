@@ -1,12 +1,12 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "engine/EngineLimits.h"
+#include "engine/ScanBudget.h"
 #include "engine/ScanRecord.h"
 #include "engine/Unpacker.h"
 
@@ -16,16 +16,22 @@ namespace agent {
 /// archives that the record has found, and libclamav scans each member that it has not seen yet.
 class FileScan {
  public:
-  /// Scans an open file by libclamav within the time. Returns libclamav's failure; empty after a success.
-  using Library = std::function<std::string(int fd, const std::string& name, std::chrono::milliseconds)>;
+  /// Scans an open file by libclamav. Returns libclamav's failure; empty after a success.
+  using Library = std::function<std::string(int fd, const std::string& name)>;
   /// tempFolder: for unpacked members and kept layers.
-  FileScan(Library library, ScanRecord& record, const EngineLimits& limits, std::string tempFolder)
-      : library_(std::move(library)), record_(record), limits_(limits), tempFolder_(std::move(tempFolder)) {}
+  FileScan(Library library, ScanRecord& record, const EngineLimits& limits, ScanBudget& budget,
+           std::string tempFolder)
+      : library_(std::move(library)),
+        record_(record),
+        limits_(limits),
+        budget_(budget),
+        tempFolder_(std::move(tempFolder)) {}
 
   void scan(int fd, const std::string& name) { scanLayer(fd, name, {}); }
+  /// Whether libarchive had to be asked.
+  bool foundArchives() const { return foundArchives_; }
 
  private:
-  using Clock = std::chrono::steady_clock;
   static constexpr std::size_t kBlockBytes = 128 * 1024;
 
   void scanLayer(int fd, const std::string& name, const Place& place);
@@ -38,13 +44,13 @@ class FileScan {
   bool mayGoOn(const Pending& archive);
   bool copyMember(Unpacker& unpacker, const Pending& archive, TempFile& copy, std::string& sha256);
   void notWhole(const Pending& archive, const std::string& why);
-  std::chrono::milliseconds timeLeft() const;
 
   Library library_;
   ScanRecord& record_;
   const EngineLimits& limits_;
-  std::string tempFolder_;
-  Clock::time_point began_ = Clock::now();
+  ScanBudget& budget_;
+  const std::string tempFolder_;
+  bool foundArchives_ = false;
   std::uint64_t members_ = 0;        // unpacked by libarchive
   std::uint64_t unpackedBytes_ = 0;  // by libarchive
   std::set<std::string> cutLinks_;   // what came out of them

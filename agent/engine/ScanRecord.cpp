@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::uint64_t kSizeUnknown = 0xFFFFFFFF;  // reported by libclamav for a 64-bit member
 constexpr std::size_t kMostDetections = 32;
+constexpr std::size_t kMostPending = 100000;  // of one file: each takes memory until it is unpacked
 constexpr std::size_t kUnscannedBytes = 5;  // libclamav reports, and does not scan, a member of so few bytes
 
 // libclamav knows an old cpio by two bytes.
@@ -20,7 +21,7 @@ Failure failureOf(const ArchiveKind& kind) {
 }
 
 // libclamav's type settles what the bytes leave open. A zip with a directory is audited by the directory.
-Failure failureIn(const Layer& layer, bool isLayer, const Part& part) {
+Failure failureIn(const ScanRecord::Layer& layer, bool isLayer, const Part& part) {
   if (isLayer) {
     return failureOf(*part.kind);
   }
@@ -221,6 +222,10 @@ bool ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const 
   // What only looks like an archive is not reported as one.
   const auto reported = failure == Failure::kIgnored ? Reported::kNo : Reported::kYes;
   if ((!isWholeLayer && !mayUnpack(*part.kind, layer, bytes, reported)) || !keepLayer(layer)) {
+    return false;
+  }
+  if (++pendingSoFar_ > kMostPending) {
+    leaveOut(layer.name, base_.level + layer.level, "more archives in it than the engine's limit", error_);
     return false;
   }
   const bool kept = layer.level > 0;

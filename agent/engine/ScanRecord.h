@@ -122,6 +122,7 @@ class ScanRecord {
   std::uint64_t keptAt_ = 0;
   bool layerIsKept_ = false;  // the current layer, at keptAt_
   std::vector<Pending> pending_;
+  std::size_t pendingSoFar_ = 0;
   bool anyZipPending_ = false;
   std::map<std::string, unsigned> known_;  // SHA-256 or key; how often libclamav has unpacked the layer
   std::string error_;                      // the first reason why the file was not scanned whole; empty: none

@@ -14,6 +14,10 @@ platform::Expected<void> TempFile::append(const char* data, std::size_t size) {
   const auto failed = [](int error) {
     return platform::failure("write error on a temporary file: " + platform::errnoText(error));
   };
+  taken_ += size;
+  if (!space_.take(size)) {
+    return failed(ENOSPC);
+  }
   if (!file_) {
     std::string path = folder_ + "/layer-XXXXXX";
     file_ = platform::Descriptor(mkostemp(path.data(), O_CLOEXEC));

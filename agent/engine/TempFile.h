@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "engine/ScanBudget.h"
 #include "platform/Descriptor.h"
 #include "platform/Expected.h"
 
@@ -12,7 +13,11 @@ namespace agent {
 /// append.
 class TempFile {
  public:
-  explicit TempFile(std::string folder) : folder_(std::move(folder)) {}
+  /// Both must live as long as this object.
+  TempFile(const std::string& folder, TempSpace& space) : folder_(folder), space_(space) {}
+  ~TempFile() { space_.giveBack(taken_); }
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
 
   /// The reason of a failure begins with "write error", as libclamav's does.
   platform::Expected<void> append(const char* data, std::size_t size);
@@ -20,9 +25,11 @@ class TempFile {
   std::uint64_t size() const { return size_; }
 
  private:
-  std::string folder_;
+  const std::string& folder_;
+  TempSpace& space_;
   platform::Descriptor file_;
   std::uint64_t size_ = 0;
+  std::uint64_t taken_ = 0;  // of the space
 };
 
 }  // namespace agent

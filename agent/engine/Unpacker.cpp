@@ -181,7 +181,8 @@ Unpacker::~Unpacker() {
 
 void Unpacker::fail() {
   if (problem_.empty()) {
-    const char* text = archive_error_string(archive_);
+    const char* text = archive_errno(archive_) == ENOMEM ? "it needs more memory than a scan may use"
+                                                         : archive_error_string(archive_);
     problem_ = text == nullptr || *text == '\0' ? "damaged" : text;
   }
 }

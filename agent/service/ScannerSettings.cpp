@@ -19,7 +19,6 @@ constexpr std::uint32_t kFirstUnused = 60706;
 constexpr std::uint32_t kLastUnused = 61183;
 
 constexpr std::uint64_t kMebibyte = 1U << 20;
-constexpr std::uint64_t kMostMebibytes = 1U << 20;
 
 const struct {
   const char* name;
@@ -30,12 +29,32 @@ const struct {
     {"always", Unconfined::kAlways},
 };
 
-const struct {
+struct NumberRow {
   const char* key;
-  std::uint64_t Spawner::Config::*bytes;
-} kSizes[] = {
-    {"scan_temp_mib", &Spawner::Config::tempBytes},
-    {"scan_memory_mib", &Spawner::Config::memoryBytes},
+  std::uint64_t least, most;
+  void (*set)(Spawner::Config& config, std::uint64_t value);
+};
+
+template <class T>
+void setSeconds(T& milliseconds, std::uint64_t value) {
+  milliseconds = static_cast<T>(value * 1000);
+}
+
+constexpr NumberRow kNumbers[] = {
+    {"scan_temp_mib", 1, 1U << 20, [](auto& c, auto value) { c.tempBytes = value * kMebibyte; }},
+    {"scan_memory_mib", 1, 1U << 20, [](auto& c, auto value) { c.memoryBytes = value * kMebibyte; }},
+    {"scan_file_temp_mib", 1, 1U << 20, [](auto& c, auto value) { c.limits.tempBytes = value * kMebibyte; }},
+    {"scan_cpu_seconds", 1, 3600, [](auto& c, auto value) { setSeconds(c.limits.processorMs, value); }},
+    {"scan_cpu_seconds_per_100mb", 0, 3600,
+     [](auto& c, auto value) { setSeconds(c.limits.processorMsPer100Mb, value); }},
+    {"scan_clock_factor", 1, 100,
+     [](auto& c, auto value) { c.limits.clockFactor = static_cast<std::uint32_t>(value); }},
+    {"scan_ratio", 1, 1000000,
+     [](auto& c, auto value) { c.limits.unpackedRatio = static_cast<std::uint32_t>(value); }},
+    {"scan_members", 1, 1000000,
+     [](auto& c, auto value) { c.limits.maxFiles = static_cast<std::uint32_t>(value); }},
+    {"scan_nesting", 1, 90,
+     [](auto& c, auto value) { c.limits.maxRecursion = static_cast<std::uint32_t>(value); }},
 };
 
 platform::Expected<void> readUnconfined(const Json::Value& value, Unconfined& setting) {
@@ -82,16 +101,22 @@ platform::Expected<void> apply(const Json::Value& file, Spawner::Config& config)
       return read;
     }
   }
-  for (const auto& row : kSizes) {
+  for (const auto& row : kNumbers) {
     const Json::Value& value = file[row.key];
     if (value.isNull()) {
       continue;
     }
-    if (!value.isUInt64() || value.asUInt64() == 0 || value.asUInt64() > kMostMebibytes) {
-      return platform::failure(std::string(row.key) + " is a number from 1 to " +
-                               std::to_string(kMostMebibytes));
+    if (!value.isUInt64() || value.asUInt64() < row.least || value.asUInt64() > row.most) {
+      return platform::failure(std::string(row.key) + " is a number from " + std::to_string(row.least) +
+                               " to " + std::to_string(row.most));
     }
-    config.*row.bytes = value.asUInt64() * kMebibyte;
+    row.set(config, value.asUInt64());
+  }
+  if (config.limits.tempBytes > config.tempBytes) {
+    if (file.isMember("scan_file_temp_mib")) {
+      return platform::failure("scan_file_temp_mib is more than scan_temp_mib");
+    }
+    config.limits.tempBytes = config.tempBytes;
   }
   const auto user = readUser(file["scan_user"]);
   if (!user) {

@@ -40,7 +40,9 @@ constexpr const char* kOfBoth[] = {
     "rt_sigprocmask", "rt_sigreturn", "sigaltstack", "restart_syscall", "futex", "set_robust_list", "rseq",
     "sched_yield", "sched_getaffinity", "clock_gettime", "clock_getres", "clock_nanosleep", "nanosleep",
     "gettimeofday", "time", "times", "getrusage", "getpid", "getppid", "gettid", "getuid", "geteuid",
-    "getgid", "getegid", "uname", "sysinfo", "getrandom", "exit", "exit_group"};
+    "getgid", "getegid", "uname", "sysinfo", "getrandom", "exit", "exit_group",
+    // the budget of a scan
+    "setitimer", "statfs", "getrlimit", "setrlimit"};
 
 // What the template needs to fork a worker, to collect it, and to confine it further.
 constexpr const char* kOfTemplate[] = {"wait4",
@@ -49,13 +51,10 @@ constexpr const char* kOfTemplate[] = {"wait4",
                                        "chdir",
                                        "pidfd_open",
                                        "close_range",
-                                       "getrlimit",
-                                       "setrlimit",
                                        "seccomp",
                                        "landlock_create_ruleset",
                                        "landlock_add_rule",
                                        "landlock_restrict_self",
-                                       "statfs",
                                        "fstatfs",
                                        "flock"};
 

@@ -282,14 +282,9 @@ bool Confinement::confineWorker() const {
   return (!landlock_ || restrictToFolder(".") == 0) && (!filter_ || filterCalls(CallsOf::kWorker) == 0);
 }
 
-void Confinement::limitFile(std::uint64_t fileBytes) const {
+void Confinement::limitMemory(std::uint64_t fileBytes) const {
   if (templateBytes_ != 0) {
     setLimit(RLIMIT_DATA, templateBytes_ + plan_.memoryBytes + fileBytes, RLIM_INFINITY);
-  }
-  rusage used{};
-  if (getrusage(RUSAGE_SELF, &used) == 0) {
-    const auto seconds = static_cast<rlim_t>(used.ru_utime.tv_sec + used.ru_stime.tv_sec);
-    setLimit(RLIMIT_CPU, seconds + plan_.processorSeconds, RLIM_INFINITY);
   }
 }
 

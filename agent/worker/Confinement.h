@@ -44,7 +44,6 @@ struct ConfinementPlan {
   std::uint64_t tempBytes = 0;    ///< of all temporary files of the template's workers together
   std::uint64_t memoryBytes = 0;  ///< of a worker, above the template's memory and the file's size
   std::uint64_t largestFileBytes = 0;
-  std::uint64_t processorSeconds = 0;  ///< of a worker for one file
 };
 
 /// The confinement of one process and of the workers that it forks. confine() is called once, as the agent's
@@ -63,7 +62,7 @@ class Confinement {
   /// calls. False when a part that the template has is refused.
   bool confineWorker() const;
   /// In a worker, before each file.
-  void limitFile(std::uint64_t fileBytes) const;
+  void limitMemory(std::uint64_t fileBytes) const;
 
  private:
   void missing(const std::string& part, int error, bool essential = false);

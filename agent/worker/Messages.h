@@ -30,7 +30,6 @@ struct TemplateStart {
   ScannerUser user;
   std::uint64_t tempBytes = 0;
   std::uint64_t memoryBytes = 0;
-  std::uint64_t processorSeconds = 0;
   Unconfined unconfined = Unconfined::kNever;
 };
 /// Template to agent, after loading.
@@ -42,6 +41,8 @@ struct StateReport {
 struct CallBreach {
   std::int32_t call = 0;
 };
+/// Worker to agent, the last message: the file's budget of processor time is used.
+struct OutOfProcessorTime {};
 /// Worker to agent, the first message; with a pidfd of the worker.
 struct WorkerHello {
   std::int32_t pid = 0;
@@ -78,9 +79,10 @@ struct MessageFields<TemplateStart> {
     auto& l = m.limits;
     v(m.shippedSignatures), v(m.systemSignatures), v(m.signatureCopies), v(m.copyForMissing);
     v(m.tempFolder);
-    v(l.maxFileBytes), v(l.maxScanBytes), v(l.maxFiles), v(l.maxRecursion), v(l.maxScanMs),
-        v(l.quickTempBytes);
-    v(m.user.uid), v(m.user.gid), v(m.tempBytes), v(m.memoryBytes), v(m.processorSeconds), v(m.unconfined);
+    v(l.maxFileBytes), v(l.maxScanBytes), v(l.maxFiles), v(l.maxRecursion), v(l.quickTempBytes);
+    v(l.processorMs), v(l.processorMsPer100Mb), v(l.clockFactor), v(l.tempBytes), v(l.unpackedRatio),
+        v(l.freeUnpackedBytes);
+    v(m.user.uid), v(m.user.gid), v(m.tempBytes), v(m.memoryBytes), v(m.unconfined);
   }
 };
 template <>
@@ -101,6 +103,11 @@ template <>
 struct MessageFields<CallBreach> {
   static constexpr char kTag = 'B';
   static void visit(auto& v, auto& m) { v(m.call); }
+};
+template <>
+struct MessageFields<OutOfProcessorTime> {
+  static constexpr char kTag = 'P';
+  static void visit(auto&, auto&) {}
 };
 template <>
 struct MessageFields<WorkerHello> {

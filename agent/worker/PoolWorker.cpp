@@ -65,6 +65,10 @@ PoolWorker::Received PoolWorker::receive(Answered& answered) {
   if ((breach_ = decode<CallBreach>(packet.bytes))) {
     return Received::kEnded;
   }
+  if (decode<OutOfProcessorTime>(packet.bytes)) {
+    outOfTime_ = true;
+    return Received::kEnded;
+  }
   auto answer = decode<ScanAnswer>(packet.bytes);
   if (!answer || tasks_.empty() || answer->id != tasks_.front().id) {
     return Received::kEnded;  // the worker broke the protocol: do not trust it with another file
@@ -78,6 +82,9 @@ PoolWorker::Received PoolWorker::receive(Answered& answered) {
 }
 
 std::string PoolWorker::endReason() const {
+  if (outOfTime_) {
+    return processorReason(budget());
+  }
   return breach_ ? "the process that scanned the file was ended: " + breachText(*breach_)
                  : "the process that scanned the file died";
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "engine/FileBudget.h"
 #include "engine/ScanTypes.h"
 #include "worker/Channel.h"
 #include "worker/Messages.h"
@@ -22,6 +23,7 @@ struct PoolTask {
   ScanOptions options;
   WorkerPool::Done done;
   std::uint64_t bytes = 0;
+  FileBudget budget{};
   int lost = 0;  ///< how often a worker ended on the file together with its template
 };
 
@@ -59,6 +61,8 @@ class PoolWorker {
   std::deque<PoolTask> takeTasks();
   /// The time at which the current file will have taken `limit`; nothing while idle.
   std::optional<Clock::time_point> deadline(std::chrono::milliseconds limit) const;
+  /// Of the current file; empty while idle.
+  FileBudget budget() const { return tasks_.empty() ? FileBudget{} : tasks_.front().budget; }
   void kill();
 
  private:
@@ -70,6 +74,7 @@ class PoolWorker {
   std::uint64_t bytes_ = 0;    // of all tasks
   Clock::time_point since_{};  // start of the current file
   std::optional<CallBreach> breach_;
+  bool outOfTime_ = false;  // the worker ended itself
 };
 
 }  // namespace agent

@@ -74,8 +74,7 @@ void runScannerProgram(int count, char** arguments, std::function<void(const std
                            start.tempFolder,
                            start.tempBytes,
                            start.memoryBytes,
-                           start.limits.maxFileBytes,
-                           start.processorSeconds});
+                           start.limits.maxFileBytes});
   const ConfinementState confined = confinement.confine();
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // another user than before has none
   if (!mayScan(confined, start.unconfined)) {

@@ -195,8 +195,6 @@ TemplateStart Spawner::startMessage(bool copyForMissing) const {
   start.user = config_.user;
   start.tempBytes = config_.tempBytes;
   start.memoryBytes = config_.memoryBytes;
-  start.processorSeconds =
-      static_cast<std::uint64_t>(std::chrono::ceil<std::chrono::seconds>(config_.fileTimeout).count()) + 1;
   start.unconfined = config_.unconfined;
   return start;
 }

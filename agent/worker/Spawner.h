@@ -40,12 +40,13 @@ class Spawner {
     EngineLimits limits{};
     std::string signatureCopies{};  ///< folder with the copy of the last good load; may be missing
     std::string tempFolder{};       ///< where large unpacked content goes; empty: $TMPDIR, else /tmp
-    std::chrono::milliseconds fileTimeout{360000};  ///< wall clock; a worker that takes longer is killed
+    /// By the clock; a worker that takes longer is killed. Zero: what the file's budget says.
+    std::chrono::milliseconds fileTimeout{0};
     /// Of spawner and worker template. Empty: both are forks of this process, the template is not confined,
     /// and a dead spawner is not replaced; for tests. The constructor then needs a process with one thread.
     std::string program{};
     ScannerUser user{};                      ///< of template and workers, when the agent is root
-    std::uint64_t tempBytes = 1ULL << 30;    ///< of all unpacked content at one time
+    std::uint64_t tempBytes = 2ULL << 30;    ///< of all unpacked content at one time
     std::uint64_t memoryBytes = 512U << 20;  ///< of a worker, above the signatures and the file's size
     Unconfined unconfined = Unconfined::kWithoutNamespaces;
     /// Runs in the worker before each file, with its name. For tests that make a worker die or hang; without

@@ -37,9 +37,13 @@ unsigned coreCount() {
   return std::max(1U, std::thread::hardware_concurrency());
 }
 
-std::uint64_t sizeOf(int fd) {
+// All zeros for a descriptor that cannot be examined: the worker says so.
+struct stat statusOf(int fd) {
   struct stat status {};
-  return fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+  if (fstat(fd, &status) != 0) {
+    status = {};
+  }
+  return status;
 }
 
 }  // namespace
@@ -70,8 +74,16 @@ class WorkerPool::Impl {
   Impl& operator=(const Impl&) = delete;
 
   void scan(platform::Descriptor file, std::string name, const ScanOptions& options, Done done) {
-    const std::uint64_t bytes = sizeOf(file.get());
-    PoolTask task{0, std::move(file), std::move(name), options, std::move(done), bytes};
+    const struct stat status = statusOf(file.get());
+    const auto bytes = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
+    PoolTask task{0,
+                  std::move(file),
+                  std::move(name),
+                  options,
+                  std::move(done),
+                  bytes,
+                  budgetOf(spawner_.config().limits, status),
+                  0};
     {
       std::unique_lock lock(mutex_);
       queueHasRoom_.wait(lock, [this] { return queue_.size() < std::size_t{kQueuedPerWorker} * count_; });
@@ -280,10 +292,15 @@ class WorkerPool::Impl {
     }
   }
 
+  std::chrono::milliseconds timeLimit(const PoolWorker& worker) const {
+    const auto fixed = spawner_.config().fileTimeout;
+    return fixed.count() != 0 ? fixed : worker.budget().clockEnd;
+  }
+
   int pollTimeout() const {
     std::optional<PoolWorker::Clock::time_point> first;
     for (const auto& worker : workers_) {
-      const auto deadline = worker.deadline(spawner_.config().fileTimeout);
+      const auto deadline = worker.deadline(timeLimit(worker));
       if (deadline && (!first || *deadline < *first)) {
         first = deadline;
       }
@@ -320,13 +337,12 @@ class WorkerPool::Impl {
 
   void killOverdue() {
     const auto now = PoolWorker::Clock::now();
-    const auto limit = spawner_.config().fileTimeout;
     for (auto next = workers_.begin(); next != workers_.end();) {
       auto& worker = *next++;
+      const auto limit = timeLimit(worker);
       const auto deadline = worker.deadline(limit);
       if (deadline && *deadline <= now) {
-        endWorker(worker, "the scan took longer than " + std::to_string(limit.count() / 1000) +
-                              " seconds and was ended");
+        endWorker(worker, clockReason(limit) + " and was ended");
       }
     }
   }

@@ -3,13 +3,19 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <exception>
+#include <new>
 
+#include "engine/FileBudget.h"
 #include "platform/Inheritance.h"
+#include "worker/CallFilter.h"
 #include "worker/Messages.h"
 #include "worker/Pidfd.h"
 
@@ -24,14 +30,40 @@ void preferForMemoryKiller() {
   }
 }
 
-std::uint64_t sizeOf(int fd) {
+// Of a scan that does not end by itself: the worker says why, and ends.
+void onProcessorTime(int) {
+  const char packet = MessageFields<OutOfProcessorTime>::kTag;
+  send(kChannelFd, &packet, sizeof packet, MSG_NOSIGNAL | MSG_DONTWAIT);
+  _exit(1);
+}
+
+void limitProcessor(std::chrono::milliseconds time) {
+  rusage used{};
+  rlimit limit{};
+  if (getrusage(RUSAGE_SELF, &used) == 0 && getrlimit(RLIMIT_CPU, &limit) == 0) {
+    const auto more = std::chrono::ceil<std::chrono::seconds>(time).count();
+    limit.rlim_cur =
+        std::min(static_cast<rlim_t>(used.ru_utime.tv_sec + used.ru_stime.tv_sec + more), limit.rlim_max);
+    setrlimit(RLIMIT_CPU, &limit);
+  }
+}
+
+void limitFile(const WorkerStart& start, const EngineLimits& limits, int fd) {
   struct stat status {};
-  return fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+  if (fstat(fd, &status) != 0) {
+    return;  // the engine says so
+  }
+  limitProcessor(budgetOf(limits, status).processorEnd);
+  if (start.confinement != nullptr) {
+    start.confinement->limitMemory(static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0)));
+  }
 }
 
 ScanAnswer answer(Engine& engine, const ScanRequest& request, int fd) {
   try {
     return {request.id, engine.scan(fd, request.name, request.options)};
+  } catch (const std::bad_alloc&) {
+    return {request.id, notScanned(Outcome::kError, "the scan needs more memory than a scan may use")};
   } catch (const std::exception& error) {
     return {request.id, notScanned(Outcome::kError, std::string("the engine failed: ") + error.what())};
   }
@@ -74,6 +106,7 @@ void confineWorker(const WorkerStart& start) {
   setrlimit(RLIMIT_CORE, &none);  // a core dump would hold the content of files
   prctl(PR_SET_DUMPABLE, 0);
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  std::signal(SIGXCPU, onProcessorTime);
   if (chdir(start.folders.disk.c_str()) != 0 ||
       (start.confinement != nullptr && !start.confinement->confineWorker())) {
     _exit(1);
@@ -95,9 +128,7 @@ void runWorker(Engine& engine, WorkerStart start) {
     if (!request || !packet.fd) {
       _exit(1);
     }
-    if (start.confinement != nullptr) {
-      start.confinement->limitFile(sizeOf(packet.fd.get()));
-    }
+    limitFile(start, engine.limits(), packet.fd.get());
     if (start.beforeFile) {
       start.beforeFile(request->name);
     }

@@ -42,7 +42,8 @@ class EngineFixture : public ::testing::Test {
     limits.maxScanBytes = 4U << 20;
     limits.maxFiles = 50;
     limits.maxRecursion = 12;
-    limits.maxScanMs = 60000;
+    limits.processorMs = 60000;
+    limits.clockFactor = 1;
     return limits;
   }
 

@@ -136,14 +136,16 @@ TEST_F(EngineLimitsTest, DeeperNestingThanTheRecursionLimitIsAnError) {
 
 TEST_F(EngineLimitsTest, AScanLongerThanTheTimeLimitIsAnError) {
   EngineLimits limits;
-  limits.maxScanMs = 1;
+  limits.processorMs = 1;
+  limits.processorMsPer100Mb = 0;
+  limits.clockFactor = 1;
   load(limits);
   std::vector<std::pair<std::string, std::string>> members;
   const std::string content = noise(1000000);
   for (int i = 0; i < 20; ++i) {
     members.emplace_back("member" + std::to_string(i), content);
   }
-  expectError(makeTar(members), "took longer");
+  expectError(makeTar(members), "than its budget of 1 ms");
 }
 
 TEST_F(EngineLimitsTest, AnEncryptedZipIsAnError) {

@@ -34,7 +34,11 @@ class ScannerSettings : public ::testing::Test {
 TEST_F(ScannerSettings, HaveDefaultsWithoutAFile) {
   ASSERT_TRUE(readScannerSettings(tree_, config_));
   EXPECT_EQ(config_.unconfined, Unconfined::kWithoutNamespaces);
-  EXPECT_EQ(config_.tempBytes, 1024U << 20);
+  EXPECT_EQ(config_.tempBytes, 2048U << 20);
+  EXPECT_EQ(config_.limits.tempBytes, 512U << 20);
+  EXPECT_EQ(config_.limits.processorMs, 15000U);
+  EXPECT_EQ(config_.limits.processorMsPer100Mb, 10000U);
+  EXPECT_EQ(config_.limits.clockFactor, 10U);
   EXPECT_EQ(config_.memoryBytes, 512U << 20);
 }
 
@@ -46,15 +50,36 @@ TEST_F(ScannerSettings, TheShippedFileStatesTheDefaults) {
   EXPECT_EQ(config_.unconfined, defaults.unconfined);
   EXPECT_EQ(config_.tempBytes, defaults.tempBytes);
   EXPECT_EQ(config_.memoryBytes, defaults.memoryBytes);
+  EXPECT_EQ(config_.limits.processorMs, defaults.limits.processorMs);
+  EXPECT_EQ(config_.limits.processorMsPer100Mb, defaults.limits.processorMsPer100Mb);
+  EXPECT_EQ(config_.limits.clockFactor, defaults.limits.clockFactor);
+  EXPECT_EQ(config_.limits.tempBytes, defaults.limits.tempBytes);
+  EXPECT_EQ(config_.limits.unpackedRatio, defaults.limits.unpackedRatio);
+  EXPECT_EQ(config_.limits.maxFiles, defaults.limits.maxFiles);
+  EXPECT_EQ(config_.limits.maxRecursion, defaults.limits.maxRecursion);
 }
 
 TEST_F(ScannerSettings, AreTaken) {
-  ASSERT_TRUE(read(R"({"scan_unconfined":"never","scan_temp_mib":7,"scan_memory_mib":9})"));
+  ASSERT_TRUE(read(R"({"scan_unconfined":"never","scan_temp_mib":7,"scan_memory_mib":9,
+                       "scan_file_temp_mib":6,"scan_cpu_seconds":5,"scan_cpu_seconds_per_100mb":4,
+                       "scan_clock_factor":3,"scan_ratio":8,"scan_members":11,"scan_nesting":12})"));
+  EXPECT_EQ(config_.limits.tempBytes, 6U << 20);
+  EXPECT_EQ(config_.limits.processorMs, 5000U);
+  EXPECT_EQ(config_.limits.processorMsPer100Mb, 4000U);
+  EXPECT_EQ(config_.limits.clockFactor, 3U);
+  EXPECT_EQ(config_.limits.unpackedRatio, 8U);
+  EXPECT_EQ(config_.limits.maxFiles, 11U);
+  EXPECT_EQ(config_.limits.maxRecursion, 12U);
   EXPECT_EQ(config_.unconfined, Unconfined::kNever);
   EXPECT_EQ(config_.tempBytes, 7U << 20);
   EXPECT_EQ(config_.memoryBytes, 9U << 20);
   ASSERT_TRUE(read(R"({"scan_unconfined":"always"})"));
   EXPECT_EQ(config_.unconfined, Unconfined::kAlways);
+}
+
+TEST_F(ScannerSettings, TheSpaceOfOneFileIsAtMostTheSpaceOfAll) {
+  ASSERT_TRUE(read(R"({"scan_temp_mib":100})"));
+  EXPECT_EQ(config_.limits.tempBytes, 100U << 20);
 }
 
 TEST_F(ScannerSettings, WithoutAMeaningAreRefusedWithTheirName) {
@@ -71,6 +96,14 @@ TEST_F(ScannerSettings, WithoutAMeaningAreRefusedWithTheirName) {
       {R"({"scan_memory_mib":1048577})", "scan_memory_mib"},
       {R"({"scan_memory_mib":"512"})", "scan_memory_mib"},
       {R"({"scan_user":5})", "scan_user"},
+      {R"({"scan_cpu_seconds":0})", "scan_cpu_seconds"},
+      {R"({"scan_cpu_seconds":3601})", "scan_cpu_seconds"},
+      {R"({"scan_cpu_seconds_per_100mb":-1})", "scan_cpu_seconds_per_100mb"},
+      {R"({"scan_clock_factor":0})", "scan_clock_factor"},
+      {R"({"scan_ratio":0})", "scan_ratio"},
+      {R"({"scan_members":"many"})", "scan_members"},
+      {R"({"scan_nesting":91})", "scan_nesting"},
+      {R"({"scan_temp_mib":100,"scan_file_temp_mib":101})", "scan_file_temp_mib is more than scan_temp_mib"},
       {"[]", "agent.conf"},
       {"{", "agent.conf"},
   };
