@@ -320,12 +320,12 @@ std::string statusOf(pid_t pid, const std::string& key) {
 TEST(AgentProgram, AHangupWhileSignaturesAreLoadedLeadsToOneMoreLoad) {
   AgentTree tree;
   const pid_t agent = tree.agent().pid();
+  ASSERT_TRUE(waitFor([&] { return tree.log().find("signatures:") != std::string::npos; }));
   pid_t spawner = 0;
   for (const pid_t pid : processesOf(agent)) {
     spawner = statusOf(pid, "Name") == "tav-spawner" ? pid : spawner;
   }
   ASSERT_NE(0, spawner);
-  ASSERT_TRUE(waitFor([&] { return tree.log().find("signatures:") != std::string::npos; }));
   ::kill(spawner, SIGSTOP);  // a load that takes its time
   const std::string threads = statusOf(agent, "Threads");
   const std::string none(16, '0');
