@@ -157,7 +157,7 @@ platform::Expected<void> Spawner::askForTemplate(int channel) {
     endSpawner();
     folders_.clear();  // the kernel ends the templates and workers of a dead spawner
   }
-  if (const auto started = startSpawner(); !started) {
+  if (auto started = startSpawner(); !started) {
     return started;
   }
   return asked() ? platform::Expected<void>{} : platform::failure("the spawner process ended at its start");
