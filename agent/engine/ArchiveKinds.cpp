@@ -90,7 +90,7 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_UBIFS", "ubifs", false, false, Reader::kNobody},
     {"TAV_UBI", "ubi", false, false, Reader::kNobody},
     {"TAV_LVM", "lvm", false, false, Reader::kNobody},
-    {"TAV_UDFBRIDGE", "udf", false, false, Reader::kNobody},
+    {"TAV_UDF", "udf", false, false, Reader::kNobody},
     {"TAV_RAR1", "rar", false, false, Reader::kNobody},
     {"TAV_ARC", "arc", false, false, Reader::kNobody},
     {"TAV_DAR", "dar", false, false, Reader::kNobody},

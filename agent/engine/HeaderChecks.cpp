@@ -353,7 +353,7 @@ bool isMinix(const Bytes& a) {
          a.at16(kSuperblock + (third ? 12 : 10)) <= 8;
 }
 
-bool isUdfBridge(const Bytes& a) {
+bool hasUdfTree(const Bytes& a) {
   constexpr std::size_t kFirst = 32768, kSector = 2048, kSectors = 16;
   for (std::size_t i = 1; i < kSectors; ++i) {
     const std::size_t at = kFirst + i * kSector + 1;

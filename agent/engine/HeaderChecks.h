@@ -49,8 +49,8 @@ bool isJffs2(const Bytes& a);
 bool isHfs(const Bytes& a);
 bool isHfsPlus(const Bytes& a);
 bool isMinix(const Bytes& a);
-/// An iso that holds a second tree of files, of the kind udf.
-bool isUdfBridge(const Bytes& a);
+/// The descriptors of a udf, of its own or beside those of an iso.
+bool hasUdfTree(const Bytes& a);
 
 /// The headers of a tar, one after the other.
 struct TarChain {

@@ -374,6 +374,8 @@ const Kind kKinds[] = {
     {"ubifs", {{0, "\x31\x18\x10\x06"}}},
     {"ubi", {{0, "UBI#\1"}}},
     {"lvm", {{512, "LABELONE"}}},
+    {"udf", {{32769, "BEA01"}, {34817, "NSR02"}}, 60000},
+    {"udf", {{32769, "BEA01"}, {34817, "NSR03"}}, 60000},
     {"luks", {{0, "LUKS\xBA\xBE"}}},
     {"qcow2", {{0, "QFI\xFB"}}},
     {"vmdk", {{0, "KDMV"}}},
