@@ -55,7 +55,7 @@ platform::Expected<void> copyExtent(int fd, const Extent& extent, std::vector<ch
     if (got <= 0) {
       return platform::failure("cannot be read to its end");
     }
-    if (const auto written = copy.append(block.data(), static_cast<std::size_t>(got)); !written) {
+    if (auto written = copy.append(block.data(), static_cast<std::size_t>(got)); !written) {
       return written;
     }
     at += static_cast<std::uint64_t>(got);
