@@ -113,6 +113,7 @@ void setLimits(cl_engine* engine, const EngineLimits& limits, std::uint64_t file
       {CL_ENGINE_MAX_SCANSIZE, limits.maxScanBytes},
       {CL_ENGINE_MAX_FILES, limits.maxFiles},
       {CL_ENGINE_MAX_RECURSION, limits.maxRecursion},
+      {CL_ENGINE_MAX_SCANTIME, kMostScanMs},  // ScanBudget counts the time; libclamav would count pauses
       {CL_ENGINE_MAX_EMBEDDEDPE, fileBytes},
       {CL_ENGINE_MAX_HTMLNORMALIZE, fileBytes},
       {CL_ENGINE_MAX_HTMLNOTAGS, fileBytes},
@@ -256,7 +257,6 @@ class Engine::Impl {
   // Returns libclamav's failure; empty after a success.
   std::string scanByLibrary(LibraryScan& scan, int fd, const std::string& name, cl_scan_options flags) {
     const ScanBudget& budget = scan.budget;
-    setLimit(CL_ENGINE_MAX_SCANTIME, static_cast<std::uint64_t>(budget.clockLeft().count()), kMostScanMs);
     setLimit(CL_ENGINE_MAX_SCANSIZE, budget.bytesLeft(), limits_.maxScanBytes);
     setLimit(CL_ENGINE_MAX_FILES, budget.layersLeft(), limits_.maxFiles);
     const char* virus = nullptr;

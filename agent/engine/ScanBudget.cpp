@@ -20,7 +20,8 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 constexpr suseconds_t kEveryMicroseconds = 20000;
-constexpr int kDeepestFolder = 32;  // below the folder of temporary files
+constexpr milliseconds kLongestStep{1000};  // more between two looks: a pause had stopped the process
+constexpr int kDeepestFolder = 32;          // below the folder of temporary files
 
 std::atomic<ScanBudget*> watched{nullptr};
 
@@ -112,11 +113,6 @@ void ScanBudget::watchFolder(const std::string& folder) {
   folder_ = folder.empty() ? nullptr : folder.c_str();
 }
 
-milliseconds ScanBudget::clockLeft() const {
-  const auto used = std::chrono::duration_cast<milliseconds>(Clock::now() - began_);
-  return std::max(budget_.clock - used, milliseconds(0));
-}
-
 void ScanBudget::onTimer(int) {
   const int error = errno;
   if (ScanBudget* scan = watched) {
@@ -139,9 +135,12 @@ void ScanBudget::compare() {
   if (shortage_ != Shortage::kNone) {
     return;
   }
+  const auto now = Clock::now();
+  clock_ += std::min<Clock::duration>(now - lastLook_, kLongestStep);
+  lastLook_ = now;
   if (processorTime() - processorBefore_ > budget_.processor) {
     endFor(Shortage::kProcessor);
-  } else if (Clock::now() - began_ > budget_.clock) {
+  } else if (clock_ > budget_.clock) {
     endFor(Shortage::kClock);
   } else if (usesTooMuchSpace()) {
     endFor(Shortage::kTempSpace);

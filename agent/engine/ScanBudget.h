@@ -46,7 +46,6 @@ class ScanBudget {
   /// The folder of this process's temporary files; must live as long as this object.
   void watchFolder(const std::string& folder);
   TempSpace& tempSpace() { return space_; }
-  std::chrono::milliseconds clockLeft() const;
 
   /// libclamav begins to scan a layer. False for one layer too many.
   bool addLayer(std::uint64_t bytes) {
@@ -77,12 +76,12 @@ class ScanBudget {
   const FileBudget budget_;
   const std::uint64_t maxLayers_;
   TempSpace space_;
-  const Clock::time_point began_ = Clock::now();
   const std::chrono::nanoseconds processorBefore_;
   rlimit fileSizeBefore_{};
   rlim_t longestFile_ = 0;
   std::atomic<const char*> folder_{nullptr};
-  Clock::time_point nextWalk_ = began_;
+  Clock::time_point lastLook_ = Clock::now(), nextWalk_ = lastLook_;
+  Clock::duration clock_{};  // without pauses
   std::atomic<Shortage> shortage_{Shortage::kNone};
   std::uint64_t layers_ = 0, layerBytes_ = 0;
 };

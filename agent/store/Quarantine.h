@@ -31,7 +31,7 @@ class Quarantine {
   Quarantine(Database& database, const std::string& folder, Settings& settings, Regions& regions,
              AuditLog& audit, std::chrono::milliseconds restorePatience, std::vector<std::string>* notices);
   /// Copies the file into the quarantine, syncs the copy and records the item. Then checks that the original
-  /// is still the same file, and removes the original.
+  /// is still the same file, and removes the original. The request can break off the copy.
   platform::Expected<Remark> add(const QuarantineRequest& request);
   /// Deletes the file for good, after the same checks. Ignores the request's detection and md5.
   platform::Expected<Remark> remove(const QuarantineRequest& request);

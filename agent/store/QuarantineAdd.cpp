@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,43 @@
 #include "store/StepHook.h"
 
 namespace agent::store {
+namespace {
+
+constexpr std::uint64_t kSyncBytes = 8U << 20;
+
+/// Keeps little unwritten while a long file is copied: the sync of the whole file cannot be interrupted.
+class GradualSync {
+ public:
+  explicit GradualSync(int fd) : fd_(fd) {}
+  /// Begins to write what came since the last time, and waits for what came before.
+  void writtenSoFar(std::uint64_t bytes) {
+    if (bytes - begun_ < kSyncBytes) {
+      return;
+    }
+    sync(begun_, bytes - begun_, SYNC_FILE_RANGE_WRITE);
+    sync(0, begun_, SYNC_FILE_RANGE_WAIT_BEFORE);
+    begun_ = bytes;
+  }
+
+ private:
+  // A file system without this call keeps its data for the fsync, which decides.
+  void sync(std::uint64_t from, std::uint64_t bytes, unsigned how) const {
+    if (bytes > 0) {
+      ::sync_file_range(fd_, static_cast<off64_t>(from), static_cast<off64_t>(bytes), how);
+    }
+  }
+
+  int fd_;
+  std::uint64_t begun_ = 0;
+};
+
+void checkGoesOn(const QuarantineRequest& request) {
+  if (request.keepGoing && !request.keepGoing()) {
+    throw StoreError("its quarantine was broken off");
+  }
+}
+
+}  // namespace
 
 Quarantine::Quarantine(Database& database, const std::string& folder, Settings& settings, Regions& regions,
                        AuditLog& audit, std::chrono::milliseconds restorePatience,
@@ -65,9 +103,17 @@ std::uint64_t Quarantine::copy(const OriginalFile& original, const QuarantineReq
   ItemWriter writer(part.get(), limit > used ? limit - used : 0);
   Digest md5(Digest::Kind::kMd5), sha256(Digest::Kind::kSha256);
   std::string buffer(1 << 16, '\0');
+  GradualSync sync(part.get());
   std::uint64_t total = 0;
-  std::int64_t n = 0;
-  while ((n = platform::readFully(original.fd(), buffer.data(), buffer.size())) > 0) {
+  for (;;) {
+    checkGoesOn(request);
+    const std::int64_t n = platform::readFully(original.fd(), buffer.data(), buffer.size());
+    if (n < 0) {
+      throw StoreError("cannot read it: " + platform::errnoText(errno));
+    }
+    if (n == 0) {
+      break;
+    }
     const auto size = static_cast<std::size_t>(n);
     if (total == 0) {
       meta->fileType = fileTypeOf(buffer.substr(0, std::min<std::size_t>(size, 16)), original.name());
@@ -76,9 +122,8 @@ std::uint64_t Quarantine::copy(const OriginalFile& original, const QuarantineReq
     md5.add(buffer.data(), size);
     sha256.add(buffer.data(), size);
     writer.add(buffer.data(), size);
-  }
-  if (n < 0) {
-    throw StoreError("cannot read it: " + platform::errnoText(errno));
+    sync.writtenSoFar(writer.written());
+    reached("copied a block");
   }
   original.checkUnchanged();
   meta->md5 = md5.hex();

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,9 @@ struct QuarantineRequest {
   FileIdentity identity;  ///< as scanned
   Detection detection;
   std::string md5;  ///< as scanned, lower case; may be empty
+  /// Asked before each block of the copy; may wait. False: the quarantine is undone, and fails. Empty: goes
+  /// on.
+  std::function<bool()> keepGoing{};
 };
 
 enum class RegionVerdict { kNone, kTrusted, kRejected };

@@ -30,6 +30,7 @@ DetectionHandler::~DetectionHandler() {
   {
     const std::lock_guard guard(mutex_);
     ending_ = true;
+    held_ = false;
   }
   changed_.notify_all();
   thread_.join();
@@ -41,15 +42,64 @@ void DetectionHandler::add(DetectedFile detected) {
   changed_.notify_all();
 }
 
-void DetectionHandler::waitBelow(std::size_t most) {
+bool DetectionHandler::waitBelow(std::size_t most) {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return queue_.size() + (busy_ ? 1 : 0) < most; });
+  const auto below = [&] { return queue_.size() + (busy_ ? 1 : 0) < most; };
+  changed_.wait(lock, [&] { return below() || held_; });
+  return below();
+}
+
+void DetectionHandler::hold() {
+  const std::lock_guard guard(mutex_);
+  held_ = true;
+  changed_.notify_all();
+}
+
+void DetectionHandler::release() {
+  const std::lock_guard guard(mutex_);
+  held_ = false;
+  changed_.notify_all();
+}
+
+void DetectionHandler::waitHeld() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return !held_ || !busy_ || stands_; });
+}
+
+bool DetectionHandler::held() {
+  const std::lock_guard guard(mutex_);
+  return held_;
+}
+
+/// Stands while held. False after a stop of the task.
+bool DetectionHandler::keepGoing() {
+  {
+    std::unique_lock lock(mutex_);
+    if (held_) {
+      stands_ = true;
+      changed_.notify_all();
+      changed_.wait(lock, [this] { return !held_; });
+      stands_ = false;
+    }
+  }
+  return !context_.control.stopping();
+}
+
+std::string DetectionHandler::stopText() const {
+  return "the scan was stopped: " + context_.control.stopReason();
+}
+
+/// Waits while too many notifications wait for a slow owner.
+void DetectionHandler::waitForOwner() {
+  do {
+    context_.events.waitForQuota([this] { return context_.control.stopping() || held(); });
+  } while (held() && keepGoing());
 }
 
 void DetectionHandler::run() {
   std::unique_lock lock(mutex_);
   while (true) {
-    changed_.wait(lock, [this] { return ending_ || !queue_.empty(); });
+    changed_.wait(lock, [this] { return ending_ || (!held_ && !queue_.empty()); });
     if (queue_.empty()) {
       return;
     }
@@ -69,7 +119,7 @@ void DetectionHandler::run() {
 }
 
 void DetectionHandler::handle(DetectedFile& detected) {
-  context_.events.waitForQuota([this] { return context_.control.stopping(); });
+  waitForOwner();
   detected.riskId = CUuid::generate();
   detected.createdSec = birthTime(detected.file->fd.get());
   detected.foundSec = std::time(nullptr);
@@ -117,6 +167,9 @@ platform::Expected<Remark> DetectionHandler::remove(const DetectedFile& detected
   if (const auto allowed = checkAllowed(file); !allowed) {
     return platform::failure(allowed.error());
   }
+  if (!keepGoing()) {
+    return platform::failure(stopText());
+  }
   QuarantineRequest request;
   request.fd = file.fd.get();
   request.path = file.path;
@@ -126,7 +179,13 @@ platform::Expected<Remark> DetectionHandler::remove(const DetectedFile& detected
   }
   request.detection = detected.verdict.detections.at(0);
   request.md5 = detected.verdict.md5;
-  return context_.store.quarantine().add(request);
+  bool stopped = false;
+  request.keepGoing = [&] {
+    stopped = !keepGoing();
+    return !stopped;
+  };
+  const platform::Expected<Remark> added = context_.store.quarantine().add(request);
+  return stopped ? platform::failure(stopText()) : added;
 }
 
 /// A scan removes only files that the caller could remove without the agent.
@@ -148,12 +207,14 @@ void DetectionHandler::handleProcesses(const DetectedFile& detected) {
     if (!isAdministrator(context_.caller) && program.uid != context_.caller.uid) {
       continue;
     }
+    const bool stopped = !keepGoing();
     const Json::Value info = processRiskInfo(program, detected, CUuid::generate());
     context_.events.risk(json::RiskInfoType::kProcess, context_.plan.handling, info);
     json::HandleResult result = json::HandleResult::kReportedOnly;
     std::string reason;
     if (context_.plan.endProcesses) {
-      const platform::Expected<Remark> ended = guarded([&] { return endProcess(program); });
+      const platform::Expected<Remark> ended =
+          stopped ? platform::failure(stopText()) : guarded([&] { return endProcess(program); });
       result = ended ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
       reason = ended ? *ended : ended.error();
       AGENT_LOG(LogLevel::kWarning, "process %d (%s): %s %s", program.pid, program.path.c_str(),

@@ -49,8 +49,32 @@ FilePipeline::FilePipeline(const ScanContext& context, Spawner& spawner, const s
 }
 
 void FilePipeline::waitUntilDone() {
-  pool_.drain();
-  handler_.waitBelow(1);
+  while (!pool_.drain() || !handler_.waitBelow(1)) {
+    context_.control.keepGoing();
+  }
+}
+
+void FilePipeline::hold() {
+  pool_.hold();
+  handler_.hold();
+  links_.hold();
+}
+
+void FilePipeline::release() {
+  links_.release();
+  handler_.release();
+  pool_.release();
+}
+
+void FilePipeline::waitHeld() {
+  pool_.waitHeld();
+  handler_.waitHeld();
+}
+
+void FilePipeline::cancel() {
+  pool_.cancel(true);
+  links_.release();
+  handler_.release();
 }
 
 void FilePipeline::skipped(const std::string& path, const std::string& reason) {

@@ -14,20 +14,28 @@ namespace agent {
 
 /// The way of each file that a scan encounters. The file is left out, known as clean, or scanned by a worker.
 /// A scanned file is counted, remembered as clean, or handed to the DetectionHandler. Called with the agent's
-/// own rights. A file with several names is scanned once. Walking thread, except for cancel().
+/// own rights. A file with several names is scanned once. Walking thread, except for hold() and cancel().
 class FilePipeline {
  public:
   /// Starts the workers. signatureVersion: results in the cache count for this version only.
   FilePipeline(const ScanContext& context, Spawner& spawner, const std::string& signatureVersion);
 
-  /// Waits while many files are queued or many detections are not handled.
+  /// Waits while many files are queued or many detections are not handled, unless held.
   void file(EncounteredFile file);
   void skipped(const std::string& path, const std::string& reason);
   void failed(const std::string& path, const std::string& reason);
-  /// Waits until each file has ended and each detection is handled.
+  /// Waits until each file has ended and each detection is handled. Pauses meanwhile when the task is paused,
+  /// so also with the caller's rights.
   void waitUntilDone();
-  /// Ends the workers: files that have not ended are skipped. Any thread.
-  void cancel() { pool_.cancel(true); }
+  /// Files and detections wait until release(). Those under way do, too, within half a second: as
+  /// WorkerPool::hold(), DetectionHandler::hold(). Any thread.
+  void hold();
+  void release();
+  /// Waits until nothing is under way, or the hold is over.
+  void waitHeld();
+  /// Ends the workers: files that have not ended are skipped. Ends a hold. The task must be stopping: its
+  /// detections are no longer handled. Any thread.
+  void cancel();
   unsigned workerCount() const { return pool_.size(); }
 
  private:

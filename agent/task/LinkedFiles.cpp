@@ -17,7 +17,7 @@ LinkedFiles::Met LinkedFiles::meet(const File& file) {
   }
   const FileIdentity identity = FileIdentity::of(file->status);
   std::unique_lock lock(mutex_);
-  fewer_.wait(lock, [this] { return waiting_ < kMostWaiting; });
+  fewer_.wait(lock, [this] { return held_ || waiting_ < kMostWaiting; });
   auto entry = entries_.find(identity);
   if (entry == entries_.end()) {
     if (entries_.size() < kMostFiles) {
@@ -37,6 +37,12 @@ LinkedFiles::Met LinkedFiles::meet(const File& file) {
     entries_.erase(entry);
   }
   return {Turn::kEnded, end};
+}
+
+void LinkedFiles::setHeld(bool held) {
+  const std::lock_guard guard(mutex_);
+  held_ = held;
+  fewer_.notify_all();
 }
 
 std::vector<LinkedFiles::File> LinkedFiles::ended(const EncounteredFile& first,

@@ -32,10 +32,13 @@ class LinkedFiles {
   };
 
   /// kScan: the caller scans the file and calls ended(). kWaits: ended() of the first name returns the file.
-  /// Waits while very many names wait.
+  /// Waits while very many names wait, unless held.
   Met meet(const File& file);
   /// Keeps the end of a first name. Returns the names that waited for that end.
   std::vector<File> ended(const EncounteredFile& first, const std::shared_ptr<const FileEnd>& end);
+  /// Until release() no first name ends.
+  void hold() { setHeld(true); }
+  void release() { setHeld(false); }
 
  private:
   struct Entry {
@@ -49,9 +52,12 @@ class LinkedFiles {
     }
   };
 
+  void setHeld(bool held);
+
   std::mutex mutex_;
   std::condition_variable fewer_;
   std::size_t waiting_ = 0;
+  bool held_ = false;
   std::unordered_map<FileIdentity, Entry, Hash> entries_;
 };
 

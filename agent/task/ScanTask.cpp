@@ -36,10 +36,18 @@ ScanTask::ScanTask(Parts parts, std::string token, ScanPlan plan, CallerId calle
       files_->cancel();
     }
   });
+  control_.onHold(
+      [this] {
+        const std::lock_guard guard(filesMutex_);
+        if (files_) {
+          files_->hold();
+        }
+      },
+      [this] { files_->release(); });
   control_.onPause(
       [this] {
         const CallerRights::Suspended own(walk_.rights());
-        files_->waitUntilDone();
+        files_->waitHeld();
         reportProgress();
         AGENT_LOG(LogLevel::kInfo, "scan %s paused", token_.c_str());
         events_->state(json::TaskState::kPaused, {});
@@ -129,6 +137,9 @@ platform::Expected<void> ScanTask::prepare() {
       std::make_unique<FilePipeline>(ScanContext{plan_, caller_, parts_.store, counters_, *events_, control_},
                                      parts_.spawner, signatures.version);
   signatures_ = std::move(signatures);
+  if (control_.paused()) {
+    files_->hold();
+  }
   return {};
 }
 

@@ -105,8 +105,8 @@ void ScanWalk::walkStages() {
     context_.events.stage(stage.begin, stage.what);
     walkStage(stage, share);
     if (!context_.control.stopping()) {
-      const CallerRights::Suspended own(rights());
       files_->waitUntilDone();
+      const CallerRights::Suspended own(rights());
       context_.events.stage(stage.end, stage.what);
     }
   }

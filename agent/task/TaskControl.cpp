@@ -9,6 +9,7 @@ bool TaskControl::pause() {
   }
   pauseUnseen_ = true;  // before the phase: the task's thread must not report one pause twice
   phase_ = Phase::kPaused;
+  hold_();
   return true;
 }
 
@@ -43,6 +44,11 @@ std::string TaskControl::stopReason() const {
   return reason_;
 }
 
+void TaskControl::onHold(std::function<void()> hold, std::function<void()> release) {
+  hold_ = std::move(hold);
+  release_ = std::move(release);
+}
+
 void TaskControl::onPause(std::function<void()> paused, std::function<void()> resumed) {
   onPaused_ = std::move(paused);
   onResumed_ = std::move(resumed);
@@ -64,6 +70,10 @@ bool TaskControl::keepGoing() {
       return false;
     }
     onResumed_();
+    const std::lock_guard guard(mutex_);
+    if (phase_ == Phase::kRunning) {
+      release_();
+    }
   }
   return true;
 }

@@ -9,7 +9,7 @@
 namespace agent {
 
 /// Whether a task runs, waits or ends. Callers on any thread set the state; the task's thread obeys between
-/// two entries.
+/// two entries. What works for the task on other threads, or makes the task's thread wait, is held meanwhile.
 class TaskControl {
  public:
   /// False when the task is paused already or ending.
@@ -24,6 +24,10 @@ class TaskControl {
   std::string stopReason() const;
   /// Ends a wait in which the task's thread does not look at the state. Set before the task starts.
   void onStop(std::function<void()> action) { onStop_ = std::move(action); }
+  /// A pause calls `hold` at once, on the caller's thread. The task's thread calls `release` behind the
+  /// `resumed` of onPause(), unless the task was paused again or stopped by then. Neither may call the
+  /// control. Set before the task starts.
+  void onHold(std::function<void()> hold, std::function<void()> release);
   /// The task's thread calls `paused` before the wait and `resumed` after the wait. A pause that was resumed
   /// before the thread saw the pause gets both calls, too. Set before the task starts.
   void onPause(std::function<void()> paused, std::function<void()> resumed);
@@ -42,6 +46,7 @@ class TaskControl {
   std::condition_variable changed_;
   std::string reason_;
   std::function<void()> onStop_, onPaused_, onResumed_;
+  std::function<void()> hold_ = [] {}, release_ = [] {};
 };
 
 }  // namespace agent

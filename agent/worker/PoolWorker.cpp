@@ -78,6 +78,9 @@ PoolWorker::Received PoolWorker::receive(Answered& answered) {
   tasks_.pop_front();
   bytes_ -= answered.task.bytes;
   since_ = Clock::now();
+  if (idle()) {
+    goOn();  // it answered before it was stopped
+  }
   return Received::kAnswer;
 }
 
@@ -94,8 +97,32 @@ std::deque<PoolTask> PoolWorker::takeTasks() {
   return std::exchange(tasks_, {});
 }
 
+std::deque<PoolTask> PoolWorker::takeInterrupted() {
+  if (helloReceived_ && !tasks_.empty()) {
+    ++tasks_.front().interruptions;
+  }
+  return takeTasks();
+}
+
+bool PoolWorker::stopAfter(int most) {
+  if (!helloReceived_ || tasks_.empty() || tasks_.front().interruptions < most) {
+    return false;
+  }
+  pidfd_send_signal(process_.get(), SIGSTOP, nullptr, 0);
+  stoppedAt_ = Clock::now();
+  return true;
+}
+
+void PoolWorker::goOn() {
+  if (stoppedAt_) {
+    since_ += Clock::now() - *stoppedAt_;
+    stoppedAt_.reset();
+    pidfd_send_signal(process_.get(), SIGCONT, nullptr, 0);
+  }
+}
+
 std::optional<PoolWorker::Clock::time_point> PoolWorker::deadline(std::chrono::milliseconds limit) const {
-  return tasks_.empty() ? std::nullopt : std::optional(since_ + limit);
+  return runs() ? std::optional(since_ + limit) : std::nullopt;
 }
 
 void PoolWorker::kill() {

@@ -24,7 +24,8 @@ struct PoolTask {
   WorkerPool::Done done;
   std::uint64_t bytes = 0;
   FileBudget budget{};
-  int lost = 0;  ///< how often a worker ended on the file together with its template
+  int lost = 0;           ///< how often a worker ended on the file together with its template
+  int interruptions = 0;  ///< by a hold of the pool
 };
 
 /// The pool's end of one worker. Used by the pool's thread only.
@@ -38,6 +39,7 @@ class PoolWorker {
   /// while another worker is idle.
   bool accepts(std::uint64_t bytes) const;
   bool idle() const { return tasks_.empty(); }
+  bool runs() const { return !idle() && !stoppedAt_; }
   std::size_t load() const { return tasks_.size(); }
   unsigned generation() const { return generation_; }
   int fd() const { return channel_.fd(); }
@@ -59,7 +61,13 @@ class PoolWorker {
   std::string endReason() const;
   /// All unanswered tasks, the current one first.
   std::deque<PoolTask> takeTasks();
-  /// The time at which the current file will have taken `limit`; nothing while idle.
+  /// The same; the current one counts an interruption if it had begun.
+  std::deque<PoolTask> takeInterrupted();
+  /// Stops the process when the current file has begun after `most` interruptions. False: nothing was done.
+  bool stopAfter(int most);
+  /// Continues a process that stopAfter() stopped. The time limit does not count the time between.
+  void goOn();
+  /// The time at which the current file will have taken `limit`; nothing while idle or stopped.
   std::optional<Clock::time_point> deadline(std::chrono::milliseconds limit) const;
   /// Of the current file; empty while idle.
   FileBudget budget() const { return tasks_.empty() ? FileBudget{} : tasks_.front().budget; }
@@ -73,6 +81,7 @@ class PoolWorker {
   std::deque<PoolTask> tasks_;
   std::uint64_t bytes_ = 0;    // of all tasks
   Clock::time_point since_{};  // start of the current file
+  std::optional<Clock::time_point> stoppedAt_;
   std::optional<CallBreach> breach_;
   bool outOfTime_ = false;  // the worker ended itself
 };

@@ -21,7 +21,9 @@ namespace {
 
 constexpr unsigned kQueuedPerWorker = 4;
 constexpr int kMostStartFailures = 3;
-constexpr int kMostLosses = 3;  // of one file, with a template each time
+constexpr int kMostLosses = 3;                           // of one file, with a template each time
+constexpr std::chrono::milliseconds kHoldPatience{250};  // for running files; most end within this time
+constexpr int kMostInterruptions = 2;                    // of one file
 
 Verdict diedOnIt(const std::string& reason) {
   Verdict verdict = notScanned(Outcome::kError, reason);
@@ -83,10 +85,12 @@ class WorkerPool::Impl {
                   std::move(done),
                   bytes,
                   budgetOf(spawner_.config().limits, status),
+                  0,
                   0};
     {
       std::unique_lock lock(mutex_);
-      queueHasRoom_.wait(lock, [this] { return queue_.size() < std::size_t{kQueuedPerWorker} * count_; });
+      queueHasRoom_.wait(lock,
+                         [this] { return held_ || queue_.size() < std::size_t{kQueuedPerWorker} * count_; });
       task.id = ++lastId_;
       queue_.push_back(std::move(task));
       ++pending_;
@@ -94,9 +98,38 @@ class WorkerPool::Impl {
     wake();
   }
 
-  void drain() {
+  bool drain() {
     std::unique_lock lock(mutex_);
-    allDone_.wait(lock, [this] { return pending_ == 0; });
+    changed_.wait(lock, [this] { return pending_ == 0 || held_; });
+    return pending_ == 0;
+  }
+
+  void hold() {
+    {
+      const std::lock_guard lock(mutex_);
+      if (held_ || cancelled_) {
+        return;
+      }
+      held_ = true;
+      stands_ = false;
+      interruptAt_ = PoolWorker::Clock::now() + kHoldPatience;
+      changed_.notify_all();
+      queueHasRoom_.notify_all();
+    }
+    wake();
+  }
+
+  void release() {
+    {
+      const std::lock_guard lock(mutex_);
+      endHold();
+    }
+    wake();
+  }
+
+  void waitHeld() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return stands_ || !held_; });
   }
 
   void cancel(bool kill) {
@@ -104,6 +137,7 @@ class WorkerPool::Impl {
       const std::lock_guard lock(mutex_);
       cancelled_ = true;
       killed_ = killed_ || kill;
+      endHold();
     }
     wake();
   }
@@ -114,6 +148,12 @@ class WorkerPool::Impl {
   using Workers = std::list<PoolWorker>;
 
   void wake() { eventfd_write(wake_.get(), 1); }
+
+  // Under the lock.
+  void endHold() {
+    held_ = false;
+    changed_.notify_all();
+  }
 
   // The functions below run on the pool's thread.
 
@@ -138,6 +178,7 @@ class WorkerPool::Impl {
       if (killing) {
         killWorkers();
       }
+      applyHold();
       dispatch();
       waitForEvents();
       killOverdue();
@@ -154,15 +195,15 @@ class WorkerPool::Impl {
     }
     const std::lock_guard lock(mutex_);
     if (--pending_ == 0) {
-      allDone_.notify_all();
+      changed_.notify_all();
     }
   }
 
   enum class Purpose { kScan, kFinish };
-  // For a scan: nothing once the pool is cancelled.
+  // For a scan: nothing while the pool is held, or once the pool is cancelled.
   std::optional<PoolTask> takeQueued(Purpose purpose) {
     const std::lock_guard lock(mutex_);
-    if (queue_.empty() || (purpose == Purpose::kScan && cancelled_)) {
+    if (queue_.empty() || (purpose == Purpose::kScan && (cancelled_ || held_))) {
       return std::nullopt;
     }
     PoolTask task = std::move(queue_.front());
@@ -198,6 +239,55 @@ class WorkerPool::Impl {
       }
     }
     workers_.clear();
+  }
+
+  // The time of the interruption while the pool is held, else nothing.
+  std::optional<PoolWorker::Clock::time_point> interruptAt() {
+    const std::lock_guard lock(mutex_);
+    return held_ ? std::optional(interruptAt_) : std::nullopt;
+  }
+
+  bool runsFiles() const {
+    return std::any_of(workers_.begin(), workers_.end(), [](const PoolWorker& w) { return w.runs(); });
+  }
+
+  void applyHold() {
+    const auto at = interruptAt();
+    if (!at) {
+      for (auto& worker : workers_) {
+        worker.goOn();
+      }
+      return;
+    }
+    loading_.reset();  // its descriptors stay readable until the next fork
+    if (*at <= PoolWorker::Clock::now()) {
+      interruptWorkers();
+    }
+    if (!runsFiles()) {
+      const std::lock_guard lock(mutex_);
+      stands_ = held_;
+      changed_.notify_all();
+    }
+  }
+
+  void interruptWorkers() {
+    std::deque<PoolTask> interrupted;
+    for (auto next = workers_.begin(); next != workers_.end();) {
+      const auto worker = next++;
+      if (!worker->runs() || worker->stopAfter(kMostInterruptions)) {
+        continue;
+      }
+      worker->kill();
+      for (auto& task : worker->takeInterrupted()) {
+        interrupted.push_back(std::move(task));
+      }
+      workers_.erase(worker);
+    }
+    std::sort(interrupted.begin(), interrupted.end(),
+              [](const PoolTask& one, const PoolTask& other) { return one.id > other.id; });
+    for (auto& task : interrupted) {
+      giveBack(std::move(task));
+    }
   }
 
   void dispatch() {
@@ -297,18 +387,17 @@ class WorkerPool::Impl {
     return fixed.count() != 0 ? fixed : worker.budget().clockEnd;
   }
 
-  int pollTimeout() const {
-    std::optional<PoolWorker::Clock::time_point> first;
+  int pollTimeout() {
+    constexpr auto kNever = PoolWorker::Clock::time_point::max();
+    auto first = runsFiles() ? interruptAt().value_or(kNever) : kNever;
     for (const auto& worker : workers_) {
       const auto deadline = worker.deadline(timeLimit(worker));
-      if (deadline && (!first || *deadline < *first)) {
-        first = deadline;
-      }
+      first = std::min(first, deadline.value_or(kNever));
     }
-    if (!first) {
+    if (first == kNever) {
       return -1;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - PoolWorker::Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(first - PoolWorker::Clock::now()).count();
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, 60000));
   }
 
@@ -392,12 +481,15 @@ class WorkerPool::Impl {
 
   std::mutex mutex_;  // guards the members up to the blank line
   std::condition_variable queueHasRoom_;
-  std::condition_variable allDone_;
+  std::condition_variable changed_;  // all files are done, or the pool is held, stands, or is released
   std::deque<PoolTask> queue_;
   std::size_t pending_ = 0;  // files whose callback has not run
   std::uint64_t lastId_ = 0;
   bool cancelled_ = false;
   bool killed_ = false;
+  bool held_ = false;
+  bool stands_ = false;  // counts while held: no file runs
+  PoolWorker::Clock::time_point interruptAt_{};
   bool ending_ = false;
 
   Workers workers_;  // used by the pool's thread only, as are the next three
@@ -415,8 +507,20 @@ void WorkerPool::scan(platform::Descriptor file, std::string name, const ScanOpt
   impl_->scan(std::move(file), std::move(name), options, std::move(done));
 }
 
-void WorkerPool::drain() {
-  impl_->drain();
+bool WorkerPool::drain() {
+  return impl_->drain();
+}
+
+void WorkerPool::hold() {
+  impl_->hold();
+}
+
+void WorkerPool::release() {
+  impl_->release();
+}
+
+void WorkerPool::waitHeld() {
+  impl_->waitHeld();
 }
 
 void WorkerPool::cancel(bool kill) {

@@ -383,6 +383,24 @@ TEST_F(AddTest, AFileWhoseModeIsChangedWhileItIsCopiedIsNotHandled) {
   EXPECT_EQ(FileFacts::of(path).mode, 0611U);
 }
 
+TEST_F(AddTest, ACopyThatIsBrokenOffBetweenTwoBlocksLeavesNothing) {
+  const std::string content(1 << 20, 'x');
+  const std::string path = write("large", content);
+  const FileFacts before = FileFacts::of(path);
+  for (const int blocks : {0, 1, 5, 16}) {
+    QuarantineRequest request = requestFor(path);
+    int asked = 0;
+    request.keepGoing = [&] { return asked++ < blocks; };
+    expectRefused(store().quarantine().add(request), "its quarantine was broken off");
+    EXPECT_EQ(blocks + 1, asked);
+    EXPECT_EQ(FileFacts::of(path), before);
+  }
+  QuarantineRequest request = requestFor(path);
+  request.keepGoing = [] { return true; };
+  EXPECT_TRUE(store().quarantine().add(request));
+  EXPECT_EQ(items().size(), 1U);
+}
+
 TEST_F(AddTest, AFileWhoseHashIsAnotherThanScannedIsNotHandled) {
   const std::string path = write("changed", "scanned");
   QuarantineRequest request = requestFor(path);

@@ -80,6 +80,40 @@ TEST(TaskControl, APauseThatIsTakenBackWhileAnEarlierOneIsReportedIsReportedToo)
   EXPECT_EQ("paused resumed paused resumed ", reported);
 }
 
+TEST(TaskControl, APauseHoldsAtOnceAndTheTasksThreadReleasesBehindTheReportOfTheResume) {
+  TaskControl control;
+  std::string course;
+  control.onHold([&] { course += "hold "; }, [&] { course += "release "; });
+  control.onPause([&] { course += "paused "; }, [&] { course += "resumed "; });
+  EXPECT_TRUE(control.pause());
+  EXPECT_EQ("hold ", course);
+  EXPECT_TRUE(control.resume());
+  EXPECT_EQ("hold ", course);
+  EXPECT_TRUE(control.keepGoing());
+  EXPECT_EQ("hold paused resumed release ", course);
+}
+
+TEST(TaskControl, APauseThatFollowsAResumeIsNotReleasedByIt) {
+  TaskControl control;
+  std::string course;
+  control.onHold([&] { course += "hold "; }, [&] { course += "release "; });
+  control.onPause([&] { course += "paused "; },
+                  [&] {
+                    course += "resumed ";
+                    if (course == "hold paused resumed ") {
+                      EXPECT_TRUE(control.pause());
+                    } else {
+                      control.stop("enough");
+                    }
+                  });
+  EXPECT_TRUE(control.pause());
+  EXPECT_TRUE(control.resume());
+  std::thread task([&] { EXPECT_FALSE(control.keepGoing()); });
+  EXPECT_TRUE(waitFor([&] { return control.resume(); }));
+  task.join();
+  EXPECT_EQ("hold paused resumed hold paused resumed ", course);
+}
+
 TEST(TaskControl, StopEndsAPausedTask) {
   TaskControl control;
   Worker worker(control);

@@ -298,7 +298,7 @@ TEST_F(Handling, WhatIsQueuedAtTheEndIsHandledFirst) {
   EXPECT_EQ(kMany, counters_.overview("").checkout_risk_count);
 }
 
-TEST_F(Handling, AStopEndsTheWaitForAnOwnerWhoTakesNothing) {
+TEST_F(Handling, AStopEndsTheWaitForAnOwnerWhoTakesNothingAndLeavesTheFile) {
   const std::string path = folder_.write("d/file", "bad");
   told_.held = true;
   DetectionHandler handler({plan_, caller_, *store_, counters_, told_, control_});
@@ -306,7 +306,9 @@ TEST_F(Handling, AStopEndsTheWaitForAnOwnerWhoTakesNothing) {
   ASSERT_TRUE(testsupport::waitFor([this] { return told_.waiting.load(); }));
   control_.stop("enough");
   handler.waitBelow(1);
-  EXPECT_EQ(told_.handled(path), kQuarantined);
+  EXPECT_EQ(told_.handled(path), kFailed);
+  EXPECT_THAT(told_.handledHow(path), HasSubstr("the scan was stopped: enough"));
+  EXPECT_EQ(testsupport::readFile(path), "bad");
 }
 
 }  // namespace

@@ -107,5 +107,26 @@ TEST_F(LinkedFilesTest, FewNamesWaitAtATimeAndTheRestWhenTheFirstHasEnded) {
   EXPECT_EQ(36, ended);
 }
 
+TEST_F(LinkedFilesTest, AHoldEndsTheWaitForAFewerNumberOfNames) {
+  dir.write("a", "x");
+  for (int i = 0; i < 66; ++i) {
+    name("a", std::to_string(i).c_str());
+  }
+  const auto first = file(dir.at("a"));
+  EXPECT_EQ(Turn::kScan, links.meet(first).turn);
+  std::atomic<int> waits{0}, ended{0};
+  std::thread walk([&] {
+    for (int i = 0; i < 66; ++i) {
+      ++(links.meet(file(dir.at(std::to_string(i)))).turn == Turn::kWaits ? waits : ended);
+    }
+  });
+  EXPECT_TRUE(testsupport::waitFor([&] { return waits == 64; }));
+  links.hold();
+  walk.join();
+  EXPECT_EQ(66, waits);
+  links.release();
+  EXPECT_EQ(66U, links.ended(*first, clean()).size());
+}
+
 }  // namespace
 }  // namespace agent

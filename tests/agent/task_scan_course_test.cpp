@@ -612,23 +612,5 @@ TEST_F(ScanCourse, ATrustedHashIsReportedAsTrustedAndARejectedPathComesBeforeIt)
   EXPECT_EQ("Rejected.ByAdministrator", owner->lastName());
 }
 
-TEST_F(ScanCourse, APauseIsReportedWhenTheFilesUnderWayHaveEnded) {
-  constexpr int kFiles = 12;  // more than wait for one worker
-  for (int i = 0; i < kFiles; ++i) {
-    dir.write("d/" + std::to_string(i), "clean");
-  }
-  hold();
-  const std::unique_ptr<ScanTask> task = begin(custom({dir.at("d")}));
-  ASSERT_TRUE(waitFor([&] { return !testsupport::readFile(dir.at("begun")).empty(); }));
-  EXPECT_TRUE(task->pause());
-  release();
-  ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
-  EXPECT_EQ(owner->counted("total_item_count"), owner->counted("checked_item_count"));
-  EXPECT_LT(owner->counted("total_item_count"), kFiles);
-  EXPECT_TRUE(task->resume());
-  EXPECT_TRUE(task->waitOver(kLimit));
-  EXPECT_EQ(kFiles, owner->counted("checked_item_count"));
-}
-
 }  // namespace
 }  // namespace agent

@@ -20,21 +20,21 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::waitFor;
 
-TEST_F(ScanTaskTest, APauseWhileTheLastFileIsUnderWayIsReportedAndTheEndWaitsForTheResume) {
+TEST_F(ScanTaskTest, APauseWhileTheLastDetectionWaitsIsReportedAndTheEndWaitsForTheResume) {
   const std::string file = dir.write("eicar.com", testsupport::eicar());
   held = true;
   const std::unique_ptr<ScanTask> task = begin(custom({file}));
   ASSERT_TRUE(waitFor([&] { return owner->waiting.load(); }));  // the walk of one file is over
   EXPECT_TRUE(task->pause());
-  EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted));
-  owner->held = false;
   ASSERT_TRUE(waitFor([&] { return owner->states().size() == 3; }));
   EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused));
-  EXPECT_THAT(owner->risks(), ElementsAre(file));
+  EXPECT_THAT(owner->risks(), IsEmpty());
+  owner->held = false;
   EXPECT_TRUE(task->paused());
   EXPECT_TRUE(task->resume());
   EXPECT_TRUE(task->waitOver(std::chrono::seconds(20)));
   EXPECT_THAT(owner->states(), ElementsAre(kCreated, kStarted, kPaused, kResumed, kFinished));
+  EXPECT_THAT(owner->risks(), ElementsAre(file));
   EXPECT_FALSE(task->pause());
 }
 

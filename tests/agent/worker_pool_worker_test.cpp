@@ -5,6 +5,7 @@
 
 #include "EngineFixture.h"
 #include "support/Process.h"
+#include "support/Wait.h"
 #include "worker/Pidfd.h"
 #include "worker/PoolWorker.h"
 
@@ -201,6 +202,55 @@ TEST_F(PoolWorkerProcess, OfASecondHelloIsNotKilled) {
   worker_->kill();
   process_.kill(SIGTERM);
   EXPECT_EQ(process_.wait(), 128 + SIGTERM) << "a worker names no other process";
+}
+
+TEST_F(PoolWorkerProcess, IsStoppedOnlyInAFileThatWasInterruptedOftenAndTheStopIsNoTimeOfTheFile) {
+  const auto isStopped = [this] {
+    return testsupport::readFile("/proc/" + std::to_string(process_.pid()) + "/stat").find(") T ") !=
+           std::string::npos;
+  };
+  PoolTask often = task(1);
+  often.interruptions = 1;
+  ASSERT_TRUE(worker_->begin(often));
+  EXPECT_FALSE(worker_->stopAfter(1)) << "it has not begun";
+  sayHello(pidfd_.get());
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  EXPECT_FALSE(worker_->stopAfter(2));
+  EXPECT_TRUE(worker_->runs());
+  const auto begun = since();
+  EXPECT_TRUE(worker_->stopAfter(1));
+  EXPECT_FALSE(worker_->runs());
+  EXPECT_FALSE(worker_->deadline(std::chrono::milliseconds(0)));
+  EXPECT_TRUE(testsupport::waitFor(isStopped));
+  worker_->goOn();
+  EXPECT_TRUE(testsupport::waitFor([&] { return !isStopped(); }));
+  EXPECT_GT(since(), begun);
+}
+
+TEST_F(PoolWorkerProcess, ThatAnsweredBeforeItWasStoppedGoesOn) {
+  sayHello(pidfd_.get());
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  ASSERT_TRUE(begin(1));
+  sayAnswer(1);
+  EXPECT_TRUE(worker_->stopAfter(0));
+  ASSERT_EQ(receive(), PoolWorker::Received::kAnswer);
+  EXPECT_TRUE(worker_->idle());
+  EXPECT_TRUE(testsupport::waitFor([this] {
+    return testsupport::readFile("/proc/" + std::to_string(process_.pid()) + "/stat").find(") S ") !=
+           std::string::npos;
+  }));
+}
+
+TEST_F(PoolWorkers, OnlyTheFileThatHadBegunCountsAnInterruption) {
+  ASSERT_TRUE(begin(1));
+  EXPECT_EQ(0, worker_->takeInterrupted().at(0).interruptions) << "before the hello";
+  sayHello();
+  ASSERT_EQ(receive(), PoolWorker::Received::kHello);
+  ASSERT_TRUE(begin(2));
+  ASSERT_TRUE(begin(3));
+  const auto tasks = worker_->takeInterrupted();
+  EXPECT_EQ(1, tasks.at(0).interruptions);
+  EXPECT_EQ(0, tasks.at(1).interruptions);
 }
 
 TEST_F(PoolWorkerProcess, CannotSendItsHelloAfterAKill) {
