@@ -127,8 +127,8 @@ void FileScan::endOf(int fd, const Pending& archive, const Unpacker& unpacker, b
   std::string problem = unpacker.problem();
   // A zip is pending only when its directory has members.
   const bool isZip = archive.kind->reader == Reader::kZip;
-  // The library takes a compressed file that is cut off in its header for an empty one.
-  const bool nothingRead = mayHaveRest(*archive.kind) && unpacker.bytesRead() == 0;
+  // The library takes a gz that is cut off in its header for an empty one.
+  const bool nothingRead = archive.kind->reader == Reader::kGzip && unpacker.bytesRead() == 0;
   if (problem.empty() && !any && (archive.kind->mustYield || isZip || nothingRead)) {
     problem = "no member came out";
   }

@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <string_view>
 
 namespace agent {
@@ -206,7 +207,7 @@ bool isCpioText(const Bytes& a) {
 }
 
 bool isCpioBinary(const Bytes& a) {
-  constexpr std::size_t kHeader = 26, kMode = 6, kNameSize = 20, kSize = 22;
+  constexpr std::size_t kHeader = 26, kMode = 6, kNameSize = 20;
   constexpr std::uint32_t kLongestName = 1024;
   if (!a.has(0, kHeader)) {
     return false;
@@ -217,12 +218,10 @@ bool isCpioBinary(const Bytes& a) {
   if (nameBytes < 2 || nameBytes > kLongestName || !a.has(kHeader, nameBytes)) {
     return false;
   }
-  const std::uint64_t bytes = std::uint64_t{number(kSize)} << 16 | number(kSize + 2);
   const auto name = a.text(kHeader, nameBytes);
   const std::string_view kFileTypes = "\1\2\4\6\x8\xA\xC"sv;
   const bool isFile = kFileTypes.find(static_cast<char>(number(kMode) >> 12)) != std::string_view::npos;
-  return name.back() == '\0' && isPrintable(name.substr(0, nameBytes - 1)) && isFile &&
-         a.has(kHeader + nameBytes, bytes);
+  return name.back() == '\0' && isPrintable(name.substr(0, nameBytes - 1)) && isFile;
 }
 
 // Other programs skip one NUL and any white space before the digits of the checksum.
@@ -253,6 +252,16 @@ bool isTar(const Bytes& a) {
     signedSum += inSum ? ' ' : static_cast<signed char>(a.at8(i));
   }
   return written == sum || static_cast<std::int32_t>(written) == signedSum;
+}
+
+bool isTarOfSixDigits(const Bytes& a) {
+  constexpr std::size_t kSum = 148, kDigits = 6;
+  const auto isDigit = [](char c) { return isOctalDigit(c) || c == ' '; };
+  if (!a.has(kSum, kDigits)) {
+    return false;
+  }
+  const auto digits = a.text(kSum, kDigits);
+  return std::all_of(digits.begin(), digits.end(), isDigit) && isTar(a);
 }
 
 // In version 4, the size of a block and its logarithm; in older versions, the logarithm alone.
@@ -406,6 +415,16 @@ bool readPaxSize(std::string_view records, std::uint64_t& value) {
   return true;
 }
 
+// libarchive gives up a header with another type, or whose checksum begins otherwise, and leaves out the
+// member after the type 'A'.
+bool isReadInOneWay(const Bytes& header) {
+  constexpr std::size_t kSum = 148, kType = 156;
+  const char sum = header.text(kSum, 1).front();
+  const auto type = static_cast<unsigned char>(header.text(kType, 1).front());
+  const bool isType = type == 0 || (type < 0x80 && std::isalnum(type) != 0 && type != 'A');
+  return isType && (isOctalDigit(sum) || sum == ' ');
+}
+
 }  // namespace
 
 TarChain followTar(const Bytes& layer, std::uint64_t offset) {
@@ -418,7 +437,7 @@ TarChain followTar(const Bytes& layer, std::uint64_t offset) {
     const Bytes header = layer.from(offset);
     const TarSize size = tarSize(header.text(kSize, kSizeBytes));
     const char type = header.text(kType, 1).front();
-    chain.odd = chain.odd || size.odd;
+    chain.odd = chain.odd || size.odd || !isReadInOneWay(header);
     const bool isAttributes = type == 'x' || type == 'g';
     if (isAttributes && header.has(kTarBlock, size.value)) {
       const auto records = header.text(kTarBlock, size.value);

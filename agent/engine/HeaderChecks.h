@@ -36,6 +36,8 @@ bool isCpioText(const Bytes& a);
 bool isCpioBinary(const Bytes& a);
 /// An old tar has no magic bytes, but a checksum of the header.
 bool isTar(const Bytes& a);
+/// As isTar, with the checksum that most programs write: a quick check.
+bool isTarOfSixDigits(const Bytes& a);
 
 bool isSquashFs(const Bytes& a);
 bool isWim(const Bytes& a);
@@ -55,7 +57,7 @@ bool hasUdfTree(const Bytes& a);
 /// The headers of a tar, one after the other.
 struct TarChain {
   std::vector<std::uint64_t> headers;  ///< their offsets
-  bool odd = false;  ///< other programs read a member's size from the header, and libarchive does not
+  bool odd = false;  ///< other programs read a header, or a member's size from it, and libarchive does not
 };
 TarChain followTar(const Bytes& layer, std::uint64_t offset);
 

@@ -80,9 +80,10 @@ constexpr Magic kMagics[] = {
     {"TAV_LZ4", 0, "\x04\x22\x4D\x18"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLz4},
     {"TAV_LZ4", 0, "\x02\x21\x4C\x18"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"TAV_LZMA", 0, "\x5D\x00\x00"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzma},
+    {"TAV_LZMA", 5, "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"sv, Where::kBeginning, Sign::kCertain, isLzma},
     {"TAV_LZMA", 0, ""sv, Where::kBeginning, Sign::kLikely, isLzma},
-    {"TAV_LZMA", 0, "\x5D"sv, Where::kBeginning, Sign::kLikely, isLzmaOfAnyDictionary},
-    {"TAV_LZIP", 0, "LZIP\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_LZMA", 0, "\x5D"sv, Where::kBeginning, Sign::kCertain, isLzmaOfAnyDictionary},
+    {"TAV_LZIP", 0, "LZIP\1"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"TAV_COMPRESS", 0, "\x1F\x9D"sv, Where::kBeginning, Sign::kCertain, isCompress},
     {"TAV_OLDGZIP", 0, "\x1F\x9E\x08"sv, Where::kBeginning, Sign::kLikely, isGzip},
     {"TAV_ZLIB", 0, ""sv, Where::kBeginning, Sign::kWeak, isZlib},
@@ -93,9 +94,10 @@ constexpr Magic kMagics[] = {
     {"TAV_WARC", 0, "WARC/"sv, Where::kBeginning, Sign::kLikely, isAnything},
     {"CL_TYPE_POSIX_TAR", 257, "ustar"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isTar},
     {"CL_TYPE_OLD_TAR", 0, ""sv, Where::kBeginning, Sign::kCertain, isTar},
+    {"CL_TYPE_OLD_TAR", 154, "\0 "sv, Where::kBehind, Sign::kLikely, isTarOfSixDigits},
     {"CL_TYPE_CPIO_NEWC", 0, "07070"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioText},
-    {"CL_TYPE_CPIO_OLD", 0, "\xC7\x71"sv, Where::kAnywhere, Sign::kLikely, isCpioBinary},
-    {"CL_TYPE_CPIO_OLD", 0, "\x71\xC7"sv, Where::kAnywhere, Sign::kLikely, isCpioBinary},
+    {"CL_TYPE_CPIO_OLD", 0, "\xC7\x71"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioBinary},
+    {"CL_TYPE_CPIO_OLD", 0, "\x71\xC7"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioBinary},
     {"CL_TYPE_ISO9660", 32768, "\1CD001"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"CL_TYPE_XAR", 0, "xar!\0"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isAnything},
     {"CL_TYPE_7Z", 0, "7z\xBC\xAF\x27\x1C"sv, Where::kAnywhere, Sign::kCertain, isSevenZip},
@@ -244,7 +246,7 @@ bool isTarOrCpio(Reader reader) {
 class Search {
  public:
   static constexpr std::string_view kZipEnd = "PK\5\6"sv;
-  using Bits = std::uint32_t;
+  using Bits = std::uint64_t;
 
   struct Row {
     const Magic* magic = nullptr;  ///< null: the end record of a zip
@@ -263,7 +265,7 @@ class Search {
   }
 
  private:
-  static constexpr int kMostRows = 32;
+  static constexpr int kMostRows = 64;
 
   Search() {
     add({nullptr, nullptr}, kZipEnd, true);

@@ -31,7 +31,7 @@ struct Contents {
   bool hasZipStream = false;  ///< a zip member's header stands behind the beginning
   bool hasZipEnd = false;     ///< the end record of a zip stands behind the beginning
   bool hasBrokenArj = false;  ///< the layer is an arj that libclamav cannot unpack whole
-  bool hasOddTar = false;     ///< a tar with a member whose size other programs read in another way
+  bool hasOddTar = false;     ///< a tar with a header that other programs read in another way
 };
 
 /// Finds archives by their magic bytes, whatever type libclamav gives the layer. kind: libclamav's for the

@@ -15,14 +15,15 @@ constexpr std::size_t kMostDetections = 32;
 constexpr std::size_t kMostPending = 100000;  // of one file: each takes memory until it is unpacked
 constexpr std::size_t kUnscannedBytes = 5;  // libclamav reports, and does not scan, a member of so few bytes
 
-// libclamav knows an old cpio by two bytes.
+// libclamav knows an old cpio and a gz by two bytes.
 Failure failureOf(const ArchiveKind& kind) {
-  return kind.type == "CL_TYPE_CPIO_OLD" ? Failure::kCountsIfYielded : Failure::kCounts;
+  const bool byTwoBytes = kind.type == "CL_TYPE_CPIO_OLD" || kind.reader == Reader::kGzip;
+  return byTwoBytes ? Failure::kCountsIfYielded : Failure::kCounts;
 }
 
 // libclamav's type settles what the bytes leave open. A zip with a directory is audited by the directory.
 Failure failureIn(const ScanRecord::Layer& layer, bool isLayer, const Part& part) {
-  if (isLayer) {
+  if (isLayer && part.failure != Failure::kCounts) {
     return failureOf(*part.kind);
   }
   const bool isAlone = part.kind->reader == Reader::kZipStream && !hasZipDirectory(layer.data, layer.size);
@@ -170,8 +171,8 @@ void ScanRecord::lookAt(const Layer& layer, const ArchiveKind* kind, const Conte
     unpackLater(layer, kind, {kind, 0, failureOf(*kind), {}}, {});
   }
   if (contents.hasOddTar) {
-    leaveOut(layer.name, base_.level + layer.level, "a tar archive with a size that is read in several ways",
-             error_);
+    leaveOut(layer.name, base_.level + layer.level,
+             "a tar archive with a header that is read in several ways", error_);
   }
   if (contents.hasBrokenArj) {
     leaveOut(layer.name, base_.level + layer.level,

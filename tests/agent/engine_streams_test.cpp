@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
+#include <cstdio>
+
 #include "EngineFixture.h"
 #include "engine/StreamEnds.h"
 #include "support/LibarchiveMaker.h"
@@ -76,6 +79,70 @@ TEST_F(EngineStreams, AZFileThatCannotBeUnpackedIsAnError) {
   expectOutcome(Outcome::kClean, "no such file", "\x1F\x9D and some text");
 }
 
+TEST_F(EngineStreams, AStreamBehindAnEmptyOneIsUnpacked) {
+  for (const char* packing : {"gzip", "bzip2", "xz", "zstd"}) {
+    expectOutcome(Outcome::kInfected, packing, packedBy(packing, {}) + packedBy(packing, eicar()));
+  }
+  // libarchive writes no such streams.
+  const std::string lz4("\x04\x22\x4D\x18\x64\x40\xA7\0\0\0\0\x05\x5D\xCC\x02", 15);
+  const std::string lzip = "LZIP\x01\x0C" + std::string("\0\x83\xFF\xFB\xFF\xFF\xC0", 7) +
+                           std::string(15, '\0') + "\x24" + std::string(7, '\0');
+  expectOutcome(Outcome::kInfected, "lz4", lz4 + packedBy("lz4", eicar()));
+  expectOutcome(Outcome::kInfected, "lzip", lzip + packedBy("lzip", eicar()));
+}
+
+TEST_F(EngineStreams, AnLzipBehindATextIsUnpacked) {
+  expectOutcome(Outcome::kInfected, "lzip", kFront + packedBy("lzip", eicar()));
+  expectOutcome(Outcome::kClean, "text", kFront + "LZIP\1 is a text\n");
+}
+
+TEST_F(EngineStreams, AnLzmaOfAnyPropertiesIsAnErrorWhenItIsCutOff) {
+  std::string packed = packedBy("lzma", noise(3000));
+  packed[0] = 3;  // no bits of the position
+  expectOutcome(Outcome::kError, "cut off", packed.substr(0, 60));
+}
+
+TEST_F(EngineStreams, AnOldCpioIsAnErrorWhenItsFirstMemberIsCutOff) {
+  const std::string cpio = archiveOf({{"test.com", noise(3000)}}, "bin");
+  expectOutcome(Outcome::kClean, "whole", cpio);
+  expectOutcome(Outcome::kError, "cut off", cpio.substr(0, 100));
+}
+
+TEST_F(EngineStreams, AnOldTarBehindAnythingIsUnpacked) {
+  const std::string tar = archiveOf({{"test.com", eicar()}}, "v7tar");
+  expectOutcome(Outcome::kInfected, "behind blocks", std::string(512, 'x') + tar);
+  expectOutcome(Outcome::kInfected, "behind a text", kFront + tar);
+}
+
+// With another type, and the checksum behind the given bytes.
+std::string oddTar(char type, const std::string& sumBegins) {
+  constexpr std::size_t kSum = 148, kSumBytes = 8, kType = 156, kBlock = 512;
+  std::string tar = archiveOf({{"test.com", eicar()}}, "ustar");
+  tar[kType] = type;
+  tar.replace(kSum, kSumBytes, std::string(kSumBytes, ' '));
+  unsigned sum = 0;
+  for (std::size_t i = 0; i < kBlock; ++i) {
+    sum += static_cast<unsigned char>(tar[i]);
+  }
+  std::array<char, 8> digits{};
+  std::snprintf(digits.data(), digits.size(), "%05o", sum);
+  std::string field = sumBegins + digits.data();
+  field.resize(kSumBytes, '\0');
+  return tar.replace(kSum, kSumBytes, field);
+}
+
+TEST_F(EngineStreams, ATarHeaderThatOtherProgramsReadAndLibarchiveDoesNotIsNeverClean) {
+  for (const std::string& front : {std::string{}, kFront, std::string(512, 'x')}) {
+    expectOutcome(Outcome::kInfected, "ordinary", front + oddTar('0', {}));
+    for (const char type : {'A', ' ', '\x85'}) {
+      EXPECT_NE(scan(front + oddTar(type, {})).outcome, Outcome::kClean) << type;
+    }
+    for (const std::string& begin : {std::string(1, '\0'), std::string("\t")}) {
+      EXPECT_NE(scan(front + oddTar('0', begin)).outcome, Outcome::kClean);
+    }
+  }
+}
+
 TEST_F(EngineStreams, AWarcIsUnpacked) {
   const std::string warc = archiveOf({{"test.com", eicar()}}, "warc");
   expectOutcome(Outcome::kInfected, "warc", warc);
@@ -87,7 +154,7 @@ TEST_F(EngineStreams, AWarcIsUnpacked) {
 std::string fatImage() {
   std::string sector(512, '\0');
   sector.replace(0, 3, "\xEB\x3C\x90");
-  sector.replace(11, 5, std::string("\x00\x02\x01\x01\x00", 5));
+  sector.replace(11, 10, std::string("\x00\x02\x01\x01\x00\x02\x00\x00\x40\x0B", 10));
   sector[21] = '\xF0';
   sector.replace(54, 8, "FAT12   ");
   sector.replace(510, 2, "\x55\xAA");
