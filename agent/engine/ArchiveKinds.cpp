@@ -48,6 +48,7 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_RPM", "rpm cpio", false, true, Reader::kRpm},
     {"TAV_AR", "ar deb a tar", false, false, Reader::kAr},
     {"TAV_WARC", "warc tar", false, true, Reader::kWarc},
+    {"TAV_UUENCODE", "uue gz", false, false, Reader::kUuencode},
     // Kinds that neither unpacker can unpack.
     {"TAV_SQUASHFS", "squashfs", false, false, Reader::kNobody},
     {"TAV_CRAMFS", "cramfs", false, false, Reader::kNobody},
@@ -101,7 +102,6 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_APPLEARCHIVE", "aar", false, false, Reader::kNobody},
     {"TAV_PBZ", "pbz", false, false, Reader::kNobody},
     {"TAV_LZFSE", "lzfse", false, false, Reader::kNobody},
-    {"TAV_UUENCODE", "uue", false, false, Reader::kNobody},
 };
 
 }  // namespace

@@ -35,6 +35,7 @@ enum class Reader : std::uint8_t {
   kXar,
   kAr,
   kWarc,
+  kUuencode,
 };
 
 /// A kind of file that is unpacked as an archive.

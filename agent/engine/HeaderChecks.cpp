@@ -170,6 +170,23 @@ bool isArc(const Bytes& a) {
   return length != 0 && length != std::string_view::npos && isPrintable(name.substr(0, length));
 }
 
+bool isArcMember(const Bytes& a) {
+  constexpr std::size_t kName = 2, kNameBytes = 13, kDate = 19, kShortHeader = 25, kHeader = 29;
+  constexpr std::uint32_t kMark = 0x1A, kLastMethod = 9, kLastMonth = 12;
+  if (!isArc(a)) {
+    return false;
+  }
+  const auto name = a.text(kName, kNameBytes);
+  const auto isOfName = [](char c) { return c > ' ' && c < '\x7F'; };
+  const std::uint32_t day = a.at16(kDate) & 31U, month = a.at16(kDate) >> 5U & 15U;
+  const bool isDate = a.at16(kDate) == 0 || (day != 0 && month != 0 && month <= kLastMonth);
+  const std::uint64_t next = (a.at8(1) == 1 ? kShortHeader : kHeader) + std::uint64_t{a.at32(15)};
+  const bool isLast = next == a.size();
+  const bool isFollowed = a.has(next, 2) && a.at8(next) == kMark && a.at8(next + 1) <= kLastMethod;
+  return isDate && (isLast || isFollowed) &&
+         std::all_of(name.begin(), name.begin() + name.find('\0'), isOfName);
+}
+
 bool isWholeArj(const Bytes& a) {
   constexpr std::uint32_t kMagic = 0xEA60, kSmallest = 30, kLastMethod = 4;
   constexpr std::size_t kStart = 4, kMethod = 5, kPackedSize = 12;
@@ -193,6 +210,26 @@ bool isWholeArj(const Bytes& a) {
     at += 2 + (isMember ? header.at32(kPackedSize) : 0);
   }
   return false;
+}
+
+// The rights, as octal digits, and the name. The first line of the content begins with the number of its
+// bytes.
+bool isUuencode(const Bytes& a) {
+  constexpr auto kText = "begin "sv, kTextOfBase64 = "begin-base64 "sv;
+  constexpr std::size_t kLongestHeader = 1024, kRights = 3;
+  std::string_view text = a.text(0, std::min<std::uint64_t>(a.size(), kLongestHeader));
+  const bool isBase64 = text.starts_with(kTextOfBase64);
+  text.remove_prefix(isBase64 ? kTextOfBase64.size() : kText.size());
+  const std::size_t rights = std::min(text.find_first_not_of("01234567"), text.size());
+  const std::size_t line = text.find('\n');
+  if (rights < kRights || line == std::string_view::npos || text[rights] != ' ') {
+    return false;
+  }
+  text = text.substr(line + 1, text.find('\n', line + 1) - line - 1);
+  const std::size_t bytes = text.empty() ? 0 : (static_cast<unsigned char>(text.front()) - 32U) & 63U;
+  const bool isPacked =
+      std::all_of(text.begin(), text.end(), [](char c) { return c == '\r' || (c >= ' ' && c <= '`'); });
+  return isBase64 || (bytes != 0 && isPacked && text.size() > bytes * 4 / 3);
 }
 
 bool isCpioText(const Bytes& a) {
@@ -254,7 +291,7 @@ bool isTar(const Bytes& a) {
   return written == sum || static_cast<std::int32_t>(written) == signedSum;
 }
 
-bool isTarOfSixDigits(const Bytes& a) {
+bool isTarOfDigits(const Bytes& a) {
   constexpr std::size_t kSum = 148, kDigits = 6;
   const auto isDigit = [](char c) { return isOctalDigit(c) || c == ' '; };
   if (!a.has(kSum, kDigits)) {
@@ -290,6 +327,20 @@ bool isExt(const Bytes& a) {
   constexpr std::size_t kSuperblock = 1024;
   return a.has(kSuperblock, 1024) && a.at32(kSuperblock) != 0 && a.at32(kSuperblock + 24) <= 6 &&
          a.at16(kSuperblock + 58) <= 7 && a.at32(kSuperblock + 76) <= 1;
+}
+
+// The groups are not larger than one block of bits.
+bool isExtVolume(const Bytes& a) {
+  constexpr std::size_t kSuperblock = 1024;
+  if (!isExt(a)) {
+    return false;
+  }
+  const auto number = [&](std::size_t at) { return a.at32(kSuperblock + at); };
+  const std::uint32_t log = number(24), mostInGroup = std::uint32_t{8 * 1024} << log;
+  const std::uint32_t blocks = number(4), firstBlock = number(20), blocksOfGroup = number(32),
+                      inodesOfGroup = number(40);
+  return blocks != 0 && firstBlock == (log == 0 ? 1 : 0) && blocksOfGroup != 0 &&
+         blocksOfGroup <= mostInGroup && inodesOfGroup != 0 && inodesOfGroup <= mostInGroup;
 }
 
 // By the table of the volume's sizes: other programs do not read the text behind the table.

@@ -29,19 +29,24 @@ bool isWholeCab(const Bytes& a);
 bool isCab(const Bytes& a);
 bool isLzh(const Bytes& a);
 bool isArc(const Bytes& a);
+/// As isArc, and the next member, the end mark or the end follows.
+bool isArcMember(const Bytes& a);
 /// An arj to its end mark, all of whose members are packed by methods that libclamav knows.
 bool isWholeArj(const Bytes& a);
+bool isUuencode(const Bytes& a);
 bool isCpioText(const Bytes& a);
 /// A cpio whose header holds numbers of two bytes, in either order.
 bool isCpioBinary(const Bytes& a);
 /// An old tar has no magic bytes, but a checksum of the header.
 bool isTar(const Bytes& a);
-/// As isTar, with the checksum that most programs write: a quick check.
-bool isTarOfSixDigits(const Bytes& a);
+/// As isTar, with a checksum of six digits or blanks at least: a quick check.
+bool isTarOfDigits(const Bytes& a);
 
 bool isSquashFs(const Bytes& a);
 bool isWim(const Bytes& a);
 bool isExt(const Bytes& a);
+/// With the sizes of its groups: the magic bytes are two.
+bool isExtVolume(const Bytes& a);
 bool isFat(const Bytes& a);
 /// With the first bytes of its table: programs that make file systems hold boot sectors, too.
 bool isWholeFat(const Bytes& a);

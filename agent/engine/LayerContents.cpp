@@ -94,7 +94,6 @@ constexpr Magic kMagics[] = {
     {"TAV_WARC", 0, "WARC/"sv, Where::kBeginning, Sign::kLikely, isAnything},
     {"CL_TYPE_POSIX_TAR", 257, "ustar"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isTar},
     {"CL_TYPE_OLD_TAR", 0, ""sv, Where::kBeginning, Sign::kCertain, isTar},
-    {"CL_TYPE_OLD_TAR", 154, "\0 "sv, Where::kBehind, Sign::kLikely, isTarOfSixDigits},
     {"CL_TYPE_CPIO_NEWC", 0, "07070"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioText},
     {"CL_TYPE_CPIO_OLD", 0, "\xC7\x71"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioBinary},
     {"CL_TYPE_CPIO_OLD", 0, "\x71\xC7"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCpioBinary},
@@ -126,6 +125,7 @@ constexpr Magic kMagics[] = {
     {"TAV_ROMFS", 0, "-rom1fs-"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_EROFS", 1024, "\xE2\xE1\xF5\xE0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_EXT", 1080, "\x53\xEF"sv, Where::kBeginning, Sign::kCertain, isExt},
+    {"TAV_EXT", 1080, "\x53\xEF"sv, Where::kBehind, Sign::kCertain, isExtVolume},
     {"TAV_XFS", 0, "XFSB\0\0"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_BTRFS", 0x10040, "_BHRfS_M"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_FAT", 54, "FAT12   "sv, Where::kBeginning, Sign::kCertain, isAnything},
@@ -177,6 +177,7 @@ constexpr Magic kMagics[] = {
     {"TAV_EGG", 0, "EGGA"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_RAR1", 0, "RE~^"sv, Where::kBeginning, Sign::kCertain, isRar1},
     {"TAV_ARC", 0, "\x1A"sv, Where::kBeginning, Sign::kCertain, isArc},
+    {"TAV_ARC", 0, "\x1A"sv, Where::kBehind, Sign::kCertain, isArcMember},
     {"TAV_DAR", 0, "\0\0\0\x7B"sv, Where::kBeginning, Sign::kCertain, isDar},
     {"TAV_KWAJ", 0, "KWAJ\x88\xF0\x27\xD1"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_SZ", 0, "SZ \x88\xF0\x27\x33\xD1"sv, Where::kBeginning, Sign::kCertain, isAnything},
@@ -186,7 +187,8 @@ constexpr Magic kMagics[] = {
     {"TAV_APPLEARCHIVE", 0, "YAA1"sv, Where::kBeginning, Sign::kCertain, isAppleArchive},
     {"TAV_PBZ", 0, "pbz"sv, Where::kBeginning, Sign::kCertain, isPbz},
     {"TAV_LZFSE", 0, "bvx"sv, Where::kBeginning, Sign::kCertain, isLzfse},
-    {"TAV_UUENCODE", 0, "begin-base64 "sv, Where::kBeginning, Sign::kCertain, isAnything},
+    {"TAV_UUENCODE", 0, "begin-base64 "sv, Where::kAnywhere, Sign::kCertain, isUuencode},
+    {"TAV_UUENCODE", 0, "begin "sv, Where::kAnywhere, Sign::kCertain, isUuencode},
 };
 
 // The bytes that begin where an archive at the beginning of the layer begins.
@@ -242,14 +244,15 @@ bool isTarOrCpio(Reader reader) {
 }
 
 // The magic bytes that are searched behind the beginning. Each has a bit. The tables tell, for a byte, which
-// magics have this byte as their first, second and third. The end record of a zip is one more.
+// magics have this byte as their first, second and third. The end record of a zip is one more, and so is the
+// end of a tar's checksum: a digit and a zero byte.
 class Search {
  public:
   static constexpr std::string_view kZipEnd = "PK\5\6"sv;
   using Bits = std::uint64_t;
 
   struct Row {
-    const Magic* magic = nullptr;  ///< null: the end record of a zip
+    const Magic* magic = nullptr;  ///< null without a kind: the end record of a zip; with one: of a checksum
     const ArchiveKind* kind = nullptr;
   };
 
@@ -269,10 +272,24 @@ class Search {
 
   Search() {
     add({nullptr, nullptr}, kZipEnd, true);
+    addEndOfSum();
     for (const auto& magic : kMagics) {
       if (magic.where == Where::kAnywhere || magic.where == Where::kBehind) {
         add({&magic, archiveKindOf(magic.type)}, magic.bytes, magic.sign == Sign::kCertain);
       }
+    }
+  }
+
+  void addEndOfSum() {
+    const Bits bit = Bits{1} << count_;
+    rows_.at(count_++) = {nullptr, archiveKindOf("CL_TYPE_OLD_TAR")};
+    tarAndCpio_ |= bit;
+    for (std::size_t c = '0'; c <= '7'; ++c) {
+      first_[c] |= bit;
+    }
+    second_[0] |= bit;
+    for (Bits& bits : third_) {
+      bits |= bit;
     }
   }
 
@@ -282,10 +299,12 @@ class Search {
     certain_ |= isCertain ? bit : 0;
     tarAndCpio_ |= row.kind != nullptr && isTarOrCpio(row.kind->reader) ? bit : 0;
     first_[static_cast<unsigned char>(bytes[0])] |= bit;
-    second_[static_cast<unsigned char>(bytes[1])] |= bit;
     for (std::size_t c = 0; c < third_.size(); ++c) {
-      const bool fits = bytes.size() < 3 || c == static_cast<unsigned char>(bytes[2]);
-      third_[c] |= fits ? bit : 0;
+      const auto fits = [&](std::size_t i) {
+        return bytes.size() <= i || c == static_cast<unsigned char>(bytes[i]);
+      };
+      second_[c] |= fits(1) ? bit : 0;
+      third_[c] |= fits(2) ? bit : 0;
     }
   }
 
@@ -334,6 +353,10 @@ class Behind {
 
  private:
   void addAt(std::size_t at, const Search::Row& row) {
+    if (row.magic == nullptr && row.kind != nullptr) {
+      addTarOfDigits(at);
+      return;
+    }
     if (row.magic == nullptr) {
       contents_.hasZipEnd = contents_.hasZipEnd || layer_.from(at).startsWith(Search::kZipEnd);
       return;
@@ -387,18 +410,33 @@ class Behind {
     }
   }
 
+  // lastDigit: of the checksum, the sixth or the seventh of its bytes.
+  void addTarOfDigits(std::size_t lastDigit) {
+    for (const std::size_t offset : {153U, 154U}) {
+      if (lastDigit > offset && isTarOfDigits(layer_.from(lastDigit - offset))) {
+        addOldTar(lastDigit - offset);
+      }
+    }
+  }
+
+  void addOldTar(std::size_t at) {
+    if (tarHeaders_.contains(at)) {
+      return;
+    }
+    followTarFrom(at);
+    const ArchiveKind* kind = archiveKindOf("CL_TYPE_OLD_TAR");
+    if (!addToLast(kind, at)) {
+      addPart({kind, at, Failure::kIgnored, {}});
+    }
+  }
+
   // An old tar has no magic bytes. Other programs look for its headers at multiples of a block.
   void addOldTars(const unsigned char* bytes) {
     constexpr std::size_t kDigit = 150;  // within the checksum, however it is written
     const auto isDigit = [](unsigned char c) { return (c >= '0' && c <= '7') || c == ' '; };
     for (std::size_t at = kTarBlock; at + kTarBlock <= layer_.size(); at += kTarBlock) {
-      if (isDigit(bytes[at + kDigit]) && isDigit(bytes[at + kDigit + 1]) && isTar(layer_.from(at)) &&
-          !tarHeaders_.contains(at)) {
-        followTarFrom(at);
-        const ArchiveKind* kind = archiveKindOf("CL_TYPE_OLD_TAR");
-        if (!addToLast(kind, at)) {
-          addPart({kind, at, Failure::kIgnored, {}});
-        }
+      if (isDigit(bytes[at + kDigit]) && isDigit(bytes[at + kDigit + 1]) && isTar(layer_.from(at))) {
+        addOldTar(at);
       }
     }
   }

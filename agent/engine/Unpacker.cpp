@@ -33,6 +33,7 @@ constexpr ReaderRow kReaders[] = {
     {Reader::kLz4, ARCHIVE_FILTER_LZ4, nullptr},
     {Reader::kRpm, ARCHIVE_FILTER_RPM, nullptr},
     {Reader::kCompress, ARCHIVE_FILTER_COMPRESS, nullptr},
+    {Reader::kUuencode, ARCHIVE_FILTER_UU, nullptr},
     {Reader::kTar, ARCHIVE_FILTER_NONE, archive_read_support_format_tar},
     {Reader::kZip, ARCHIVE_FILTER_NONE, archive_read_support_format_zip_seekable},
     {Reader::kZipStream, ARCHIVE_FILTER_NONE, archive_read_support_format_zip_streamable},

@@ -409,7 +409,6 @@ const Kind kKinds[] = {
     {"aar", {{0, "YAA1\x20\0TYP1"s}}},
     {"pbz", {{0, "pbzx\0\0\0\0\1\0\0\0"s}}},
     {"lzfse", {{0, "bvx2\0\1\0\0"s}}},
-    {"uue", {{0, "begin-base64 644 a\n"}}},
 };
 
 INSTANTIATE_TEST_SUITE_P(All, KindThatNobodyUnpacks, ::testing::ValuesIn(kKinds),

@@ -108,17 +108,9 @@ TEST_F(EngineStreams, AnOldCpioIsAnErrorWhenItsFirstMemberIsCutOff) {
   expectOutcome(Outcome::kError, "cut off", cpio.substr(0, 100));
 }
 
-TEST_F(EngineStreams, AnOldTarBehindAnythingIsUnpacked) {
-  const std::string tar = archiveOf({{"test.com", eicar()}}, "v7tar");
-  expectOutcome(Outcome::kInfected, "behind blocks", std::string(512, 'x') + tar);
-  expectOutcome(Outcome::kInfected, "behind a text", kFront + tar);
-}
-
-// With another type, and the checksum behind the given bytes.
-std::string oddTar(char type, const std::string& sumBegins) {
-  constexpr std::size_t kSum = 148, kSumBytes = 8, kType = 156, kBlock = 512;
-  std::string tar = archiveOf({{"test.com", eicar()}}, "ustar");
-  tar[kType] = type;
+// The checksum is written anew, in this form.
+std::string withSum(std::string tar, const std::string& begins) {
+  constexpr std::size_t kSum = 148, kSumBytes = 8, kBlock = 512;
   tar.replace(kSum, kSumBytes, std::string(kSumBytes, ' '));
   unsigned sum = 0;
   for (std::size_t i = 0; i < kBlock; ++i) {
@@ -126,9 +118,44 @@ std::string oddTar(char type, const std::string& sumBegins) {
   }
   std::array<char, 8> digits{};
   std::snprintf(digits.data(), digits.size(), "%05o", sum);
-  std::string field = sumBegins + digits.data();
+  std::string field = begins + digits.data();
   field.resize(kSumBytes, '\0');
   return tar.replace(kSum, kSumBytes, field);
+}
+
+std::string oldTar(const std::string& sumBegins) {
+  return withSum(archiveOf({{"test.com", eicar()}}, "v7tar"), sumBegins);
+}
+
+std::string oddTar(char type, const std::string& sumBegins) {
+  constexpr std::size_t kType = 156;
+  std::string tar = archiveOf({{"test.com", eicar()}}, "ustar");
+  tar[kType] = type;
+  return withSum(tar, sumBegins);
+}
+
+TEST_F(EngineStreams, AnOldTarBehindAnythingIsUnpacked) {
+  const std::string tar = archiveOf({{"test.com", eicar()}}, "v7tar");
+  expectOutcome(Outcome::kInfected, "behind blocks", std::string(512, 'x') + tar);
+  expectOutcome(Outcome::kInfected, "behind a text", kFront + tar);
+  // The checksum as cpio and old programs write it.
+  for (const char* begin : {"0", "00", " "}) {
+    expectOutcome(Outcome::kInfected, begin, kFront + oldTar(begin));
+  }
+}
+
+TEST_F(EngineStreams, AUuencodedFileIsUnpackedBehindAnything) {
+  for (const char* packing : {"uuencode", "b64encode"}) {
+    const std::string packed = packedBy(packing, packedBy("gzip", eicar()));
+    expectOutcome(Outcome::kInfected, packing, packed);
+    expectOutcome(Outcome::kInfected, packing, kFront + packed + kBehind);
+    expectOutcome(Outcome::kInfected, packing, "<html><body>some text</body></html>\n" + packed);
+    expectOutcome(Outcome::kInfected, packing, testsupport::readFile("/bin/true") + packed);
+    const std::string large = packedBy(packing, packedBy("gzip", noise(3000)));
+    expectOutcome(Outcome::kClean, packing, kFront + large + kBehind);
+    expectOutcome(Outcome::kError, packing, large.substr(0, large.size() / 2));
+  }
+  expectOutcome(Outcome::kClean, "text", kFront + "begin 644 files by hand\nand end\n");
 }
 
 TEST_F(EngineStreams, ATarHeaderThatOtherProgramsReadAndLibarchiveDoesNotIsNeverClean) {
@@ -174,6 +201,38 @@ TEST_F(EngineStreams, ImagesThatNobodyUnpacksAreSkipped) {
   expectOutcome(Outcome::kSkipped, "jffs2", jffs2);
   expectOutcome(Outcome::kSkipped, "cramfs", cramfs);
   expectOutcome(Outcome::kSkipped, "cramfs behind text", kFront + cramfs);
+}
+
+// One stored member, and the end mark.
+std::string arcOf(const std::string& content) {
+  const std::string size{static_cast<char>(content.size()), '\0', '\0', '\0'};
+  const std::string name("test.com\0\0\0\0\0", 13), date("\x76\x5D\x10\x9C", 4);
+  return "\x1A\x02" + name + size + date + std::string(2, '\0') + size + content + std::string("\x1A\0", 2);
+}
+
+TEST_F(EngineStreams, AnArcBehindAnythingIsSkipped) {
+  const std::string arc = arcOf("some text");
+  expectOutcome(Outcome::kSkipped, "arc", arc);
+  for (const std::string& front : {kFront, std::string("%PDF-1.4\n"), testsupport::readFile("/bin/true")}) {
+    expectOutcome(Outcome::kSkipped, "behind", front + arc);
+    expectOutcome(Outcome::kSkipped, "between", front + arc + noise(300));
+    expectOutcome(Outcome::kSkipped, "without its end mark", front + arc.substr(0, arc.size() - 2));
+  }
+  expectOutcome(Outcome::kClean, "no arc", kFront + arc.substr(0, 20) + kBehind);
+}
+
+TEST_F(EngineStreams, AnExtBehindAProgramIsSkipped) {
+  std::string ext(4096, '\0');
+  ext.replace(1024, 8, std::string("\x10\0\0\0\x40\0\0\0", 8));               // inodes and blocks
+  ext[1024 + 20] = '\1';                                                      // the first block
+  ext.replace(1024 + 32, 10, std::string("\0\x20\0\0\0\x20\0\0\x10\0", 10));  // blocks and inodes of a group
+  ext.replace(1024 + 56, 2, "\x53\xEF");
+  ext.replace(1024 + 58, 2, std::string("\1\0", 2));
+  expectOutcome(Outcome::kSkipped, "ext", ext);
+  expectOutcome(Outcome::kSkipped, "behind a program", testsupport::readFile("/bin/true") + ext);
+  expectOutcome(Outcome::kSkipped, "in a partition", std::string(63 * 512, '\0') + ext);
+  ext.replace(1024 + 32, 4, "some");
+  expectOutcome(Outcome::kClean, "no ext", testsupport::readFile("/bin/true") + ext);
 }
 
 TEST(StreamEnds, TheEndOfAStreamIsFoundWithoutUnpacking) {
