@@ -410,10 +410,12 @@ class Behind {
     }
   }
 
-  // lastDigit: of the checksum, the sixth or the seventh of its bytes.
+  // lastDigit: of the checksum, the sixth or the seventh of its bytes. With zeros around it, a header has the
+  // same sum one byte earlier: there, its name would be empty.
   void addTarOfDigits(std::size_t lastDigit) {
     for (const std::size_t offset : {153U, 154U}) {
-      if (lastDigit > offset && isTarOfDigits(layer_.from(lastDigit - offset))) {
+      if (lastDigit > offset && layer_.at8(lastDigit - offset) != 0 &&
+          isTarOfDigits(layer_.from(lastDigit - offset))) {
         addOldTar(lastDigit - offset);
       }
     }
