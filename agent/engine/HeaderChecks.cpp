@@ -181,6 +181,10 @@ bool isArcMember(const Bytes& a) {
   const std::uint32_t day = a.at16(kDate) & 31U, month = a.at16(kDate) >> 5U & 15U;
   const bool isDate = a.at16(kDate) == 0 || (day != 0 && month != 0 && month <= kLastMonth);
   const std::uint64_t next = (a.at8(1) == 1 ? kShortHeader : kHeader) + std::uint64_t{a.at32(15)};
+  const bool isPacked = a.at8(1) > 2;  // only when the content gets smaller
+  if (a.at32(15) == 0 || (a.at8(1) > 1 && (isPacked ? a.at32(25) < a.at32(15) : a.at32(25) != a.at32(15)))) {
+    return false;
+  }
   const bool isLast = next == a.size();
   const bool isFollowed = a.has(next, 2) && a.at8(next) == kMark && a.at8(next + 1) <= kLastMethod;
   return isDate && (isLast || isFollowed) &&
