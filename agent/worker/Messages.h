@@ -106,7 +106,7 @@ struct MessageFields<CallBreach> {
 };
 template <>
 struct MessageFields<OutOfProcessorTime> {
-  static constexpr char kTag = 'P';
+  static constexpr char kTag = 'O';
   static void visit(auto&, auto&) {}
 };
 template <>

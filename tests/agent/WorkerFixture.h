@@ -159,6 +159,25 @@ class WorkerFixture : public ::testing::Test {
   std::unique_ptr<Spawner> spawner_;
 };
 
+/// Workers of the program, confined as those of an agent of root.
+class ConfinedWorkerFixture : public WorkerFixture {
+ protected:
+  static constexpr std::uint32_t kUser = 60706;
+
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root can give the processes a user of their own";
+    }
+    config().program = TAV_BIN_DIR "/tavscand";
+    config().user = {kUser, kUser};
+  }
+  Verdict scan(WorkerPool& pool, const std::string& name, const std::string& content) {
+    begin(pool, name, content);
+    pool.drain();
+    return verdict(name);
+  }
+};
+
 /// While the object lives, this process can open no more descriptors than it has.
 class NoMoreDescriptors {
  public:

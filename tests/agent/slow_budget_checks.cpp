@@ -21,21 +21,18 @@ std::uint64_t bytesInUse(const std::string& folder) {
   return (status.f_blocks - status.f_bfree) * static_cast<std::uint64_t>(status.f_bsize);
 }
 
-class Bombs : public testing::WorkerFixture {
+class Bombs : public testing::ConfinedWorkerFixture {
  protected:
   void SetUp() override {
-    if (geteuid() != 0) {
-      GTEST_SKIP() << "only root can give the processes a user of their own";
+    ConfinedWorkerFixture::SetUp();
+    if (IsSkipped()) {
+      return;
     }
-    config().program = TAV_BIN_DIR "/tavscand";
-    config().user = {60706, 60706};
     pool_.emplace(spawner(), 1);
     scan("first", eicar());
   }
   Verdict scan(const std::string& name, const std::string& content) {
-    begin(*pool_, name, content);
-    pool_->drain();
-    return verdict(name);
+    return ConfinedWorkerFixture::scan(*pool_, name, content);
   }
   Verdict scanFile(const std::string& path) {
     pool_->scan(openFile(path), path, {}, keep(path));

@@ -52,21 +52,8 @@ TEST_F(WorkerBudgets, AStoppedWorkerIsEndedByTheClock) {
   EXPECT_EQ(verdict("behind").outcome, Outcome::kInfected) << describe(verdict("behind"));
 }
 
-/// Workers of the program, as the agent has them.
-class ConfinedBudgets : public testing::WorkerFixture {
+class ConfinedBudgets : public testing::ConfinedWorkerFixture {
  protected:
-  void SetUp() override {
-    if (geteuid() != 0) {
-      GTEST_SKIP() << "only root can give the processes a user of their own";
-    }
-    config().program = TAV_BIN_DIR "/tavscand";
-    config().user = {60706, 60706};
-  }
-  Verdict scan(WorkerPool& pool, const std::string& name, const std::string& content) {
-    begin(pool, name, content);
-    pool.drain();
-    return verdict(name);
-  }
   static void expectError(const Verdict& verdict, const std::string& reason) {
     EXPECT_EQ(verdict.outcome, Outcome::kError);
     EXPECT_THAT(describe(verdict), HasSubstr(reason));

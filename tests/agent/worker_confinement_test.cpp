@@ -19,22 +19,12 @@ using ::testing::Not;
 using testsupport::eicar;
 
 constexpr std::chrono::seconds kLoad(20);
-constexpr std::uint32_t kUser = 60706;
 
-class ConfinedWorkers : public testing::WorkerFixture {
+class ConfinedWorkers : public testing::ConfinedWorkerFixture {
  protected:
   void SetUp() override {
-    if (geteuid() != 0) {
-      GTEST_SKIP() << "only root can give the processes a user of their own";
-    }
-    config().program = TAV_BIN_DIR "/tavscand";
-    config().user = {kUser, kUser};
+    ConfinedWorkerFixture::SetUp();
     config().tempBytes = 64U << 20;
-  }
-  Verdict scan(WorkerPool& pool, const std::string& name, const std::string& content) {
-    begin(pool, name, content);
-    pool.drain();
-    return verdict(name);
   }
   static std::string proc(pid_t process, const std::string& file) {
     return "/proc/" + std::to_string(process) + "/" + file;
