@@ -3,6 +3,7 @@
 #include <clamav.h>
 #include <fcntl.h>
 #include <iconv.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -49,6 +50,17 @@ TemplateStart receiveStart(const Channel& agent) {
   _exit(1);
 }
 
+// Another user than before has no death signal. The spawner may have ended before the signal is set again:
+// the number of the parent tells nothing in another process namespace.
+void endWithSpawner() {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const platform::Descriptor spawnerEnd(kSpawnerEndFd);
+  pollfd ended{spawnerEnd.get(), POLLIN, 0};
+  if (poll(&ended, 1, 0) > 0) {
+    _exit(1);
+  }
+}
+
 [[noreturn]] void refuse(const Channel& agent, const ConfinementState& confined) {
   StateReport report;
   report.confinement = confined;
@@ -76,7 +88,7 @@ void runScannerProgram(int count, char** arguments, std::function<void(const std
                            start.memoryBytes,
                            start.limits.maxFileBytes});
   const ConfinementState confined = confinement.confine();
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // another user than before has none
+  endWithSpawner();
   if (!mayScan(confined, start.unconfined)) {
     refuse(agent, confined);
   }

@@ -56,9 +56,10 @@ bool mayBecomeRootOfNamespace(uid_t user, gid_t group) {
 }
 
 // In the child. An error of the program is told as the state of its signatures.
-[[noreturn]] void executeTemplate(Channel toAgent) {
-  const platform::Descriptor kept = keepOnly(toAgent.takeFd());
+[[noreturn]] void executeTemplate(Channel toAgent, platform::Descriptor spawnerEnd) {
+  const platform::Descriptor kept = keepOnly(toAgent.takeFd(), std::move(spawnerEnd));
   fcntl(kept.get(), F_SETFD, 0);
+  fcntl(kSpawnerEndFd, F_SETFD, 0);
   std::string name = "tav-template";
   std::array<char*, 2> arguments{name.data(), nullptr};
   std::array<char*, 1> noEnvironment{nullptr};
@@ -70,7 +71,7 @@ bool mayBecomeRootOfNamespace(uid_t user, gid_t group) {
 }
 
 // The child has its own process namespace, if the kernel lets it: only a fork can begin one.
-pid_t startTemplate(Channel toAgent) {
+pid_t startTemplate(Channel toAgent, int spawnerEnd) {
   const pid_t self = getpid();
   const uid_t user = geteuid();
   const gid_t group = getegid();
@@ -87,7 +88,7 @@ pid_t startTemplate(Channel toAgent) {
       (alone && ownUsers && !becomeRootOfNamespace(user, group))) {
     _exit(1);
   }
-  executeTemplate(std::move(toAgent));
+  executeTemplate(std::move(toAgent), platform::Descriptor(spawnerEnd));
 }
 
 pid_t forkTemplate(const Spawner::Config& config, const TempFolders& folders, Channel& spawnerChannel,
@@ -149,8 +150,12 @@ void runSpawnerProgram(Channel agent) {
   if (!start) {
     _exit(1);
   }
+  std::array<int, 2> life{};  // read end, write end: the kernel closes the latter with this process
+  if (pipe2(life.data(), O_CLOEXEC) != 0) {
+    _exit(1);
+  }
   serve(std::move(agent), WorkerFolders{"", start->tempFolder},
-        [](Channel&, Channel toAgent) { return startTemplate(std::move(toAgent)); });
+        [&](Channel&, Channel toAgent) { return startTemplate(std::move(toAgent), life[0]); });
 }
 
 void runForkedSpawner(const Spawner::Config& config, const TempFolders& folders, Channel agent) {

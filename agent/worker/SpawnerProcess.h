@@ -13,6 +13,9 @@ namespace agent {
 /// The argument of the scanner program that makes the program a spawner.
 inline constexpr const char* kSpawnerMode = "--spawner";
 
+/// An executed template has this descriptor at its start: a pipe that ends with the spawner.
+inline constexpr int kSpawnerEndFd = 4;
+
 /// The templates are executed anew, from the program of this process. Receives a SpawnerStart first. Never
 /// returns.
 [[noreturn]] void runSpawnerProgram(Channel agent);

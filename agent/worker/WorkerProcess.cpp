@@ -87,15 +87,21 @@ bool becomeChild(const char* name, int parentPid) {
   return getppid() == parentPid;
 }
 
-platform::Descriptor keepOnly(platform::Descriptor fd) {
+platform::Descriptor keepOnly(platform::Descriptor fd, platform::Descriptor second) {
   // A reader of the agent's output pipe must not wait for this process.
   platform::leaveStandardStreams();
+  const auto renumber = [](platform::Descriptor from, int number) {
+    if (from && from.get() != number) {
+      dup3(from.get(), number, O_CLOEXEC);
+    }
+    from.release();
+  };
   constexpr int kKept = 3;
-  if (fd.get() != kKept) {
-    dup3(fd.get(), kKept, O_CLOEXEC);
-  }
-  fd.release();
-  platform::closeAllBut({kKept});
+  constexpr int kSecond = 4;
+  const bool both = static_cast<bool>(second);
+  renumber(std::move(fd), kKept);
+  renumber(std::move(second), kSecond);
+  platform::closeAllBut({kKept, both ? kSecond : kKept});
   return platform::Descriptor(kKept);
 }
 

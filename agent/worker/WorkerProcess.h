@@ -34,7 +34,7 @@ void becomeProcess(const char* name);
 bool becomeChild(const char* name, int parentPid);
 
 /// Closes all other descriptors; standard input, output and error lead nowhere. Returns the descriptor under
-/// its new number.
-platform::Descriptor keepOnly(platform::Descriptor fd);
+/// its new number, 3. The second one, if there is one, gets number 4, stays open, and must not be number 3.
+platform::Descriptor keepOnly(platform::Descriptor fd, platform::Descriptor second = {});
 
 }  // namespace agent

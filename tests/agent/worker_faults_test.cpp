@@ -1,10 +1,16 @@
 // Workers that die or hang on a file, and a spawner that dies. All processes are the real program's.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <thread>
 
 #include "WorkerFixture.h"
+#include "worker/CallFilter.h"
+#include "worker/Messages.h"
+#include "worker/SpawnerProcess.h"
 
 namespace agent {
 namespace {
@@ -191,6 +197,43 @@ TEST_F(FaultyWorkers, ASpawnerThatDiesAgainAndAgainIsGivenUpUntilAReload) {
   begin(pool, "next", eicar());
   pool.drain();
   EXPECT_EQ(verdict("next").outcome, Outcome::kInfected) << describe(verdict("next"));
+}
+
+// A template of the program, started by hand: what its channel gives when its spawner has ended or not.
+TEST_F(FaultyWorkers, ATemplateThatIsStartedByADyingSpawnerEndsAtOnce) {
+  for (const bool spawnerLives : {true, false}) {
+    auto ends = Channel::pair();
+    ASSERT_TRUE(ends);
+    auto& [ours, theirs] = *ends;
+    TemplateStart start;
+    start.shippedSignatures = config().shippedSignatures;
+    start.systemSignatures = config().systemSignatures;
+    start.tempFolder = dir().path();
+    start.user = config().user;
+    ASSERT_TRUE(ours.send(encode(start)));
+    int life[2];
+    ASSERT_EQ(pipe2(life, O_CLOEXEC), 0);
+    const platform::Descriptor spawnerEnd(life[0]);
+    platform::Descriptor spawner(life[1]);
+    if (!spawnerLives) {
+      spawner.reset();
+    }
+    const pid_t process = fork();
+    if (process == 0) {
+      // numbers that dup2() does not overwrite
+      const int channel = fcntl(theirs.fd(), F_DUPFD, 10);
+      const int end = fcntl(life[0], F_DUPFD, 10);
+      dup2(channel, kChannelFd);
+      dup2(end, kSpawnerEndFd);
+      execl(config().program.c_str(), "tav-template", nullptr);
+      _exit(9);
+    }
+    theirs.close();
+    Channel::Packet packet;
+    EXPECT_EQ(ours.receive(packet, true) == Channel::Received::kPacket, spawnerLives);
+    ours.close();
+    EXPECT_EQ(waitpid(process, nullptr, 0), process);
+  }
 }
 
 TEST_F(FaultyWorkers, ASpawnerOutlivesTheThreadThatStartedIt) {
