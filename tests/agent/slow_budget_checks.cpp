@@ -54,13 +54,18 @@ class Bombs : public testing::ConfinedWorkerFixture {
     EXPECT_TRUE(testsupport::waitFor([&] { return inUse().unpacked == before.unpacked; }));
     EXPECT_EQ(inUse().files, before.files);
     EXPECT_LE(inUse().agentKb, before.agentKb + 4 * 1024);
+    EXPECT_TRUE(testsupport::waitFor([&] { return inUse().shared <= before.shared; }));
+    EXPECT_TRUE(testsupport::waitFor([&] { return inUse().disk <= before.disk + kOfOthers; }));
   }
 
  private:
+  static constexpr std::uint64_t kOfOthers = 64U << 20;  ///< other programs write to the disk meanwhile
   struct Use {
     std::uint64_t unpacked = 0;  ///< in the root of the template
     std::ptrdiff_t files = 0;    ///< in the agent's folders, of which one is in /dev/shm
     long agentKb = 0;            ///< resident memory of this process
+    std::uint64_t shared = 0;    ///< of the whole /dev/shm
+    std::uint64_t disk = 0;      ///< of the whole disk that holds the agent's folders
   };
   Use inUse() {
     std::ptrdiff_t files = 0;
@@ -72,7 +77,8 @@ class Bombs : public testing::ConfinedWorkerFixture {
     std::istringstream pages(testsupport::readFile("/proc/self/statm"));
     long size = 0, resident = 0;
     pages >> size >> resident;
-    return {bytesInUse(root), files, resident * sysconf(_SC_PAGESIZE) / 1024};
+    return {bytesInUse(root), files, resident * sysconf(_SC_PAGESIZE) / 1024, bytesInUse("/dev/shm"),
+            bytesInUse(dir().path())};
   }
   std::optional<WorkerPool> pool_;
 };
