@@ -80,7 +80,7 @@ std::optional<Json::Value> AgentService::refusal(Access access, const std::strin
     return std::nullopt;
   }
   const CallerId caller = currentCallerId();
-  if (mayChange(caller, group_)) {
+  if (access == Access::kMembers ? isMember(caller, group_) : isAdministrator(caller)) {
     return std::nullopt;
   }
   const std::string action = actionOf(method);
@@ -90,7 +90,7 @@ std::optional<Json::Value> AgentService::refusal(Access access, const std::strin
     return Json::Value(false);
   }
   Json::Value answer = restoreAnswer();
-  addRefusedItem(answer, "", "not allowed");
+  addRefusedItem(answer, "", "not allowed: only root, the agent's user and members of the group may restore");
   return answer;
 }
 
@@ -151,8 +151,14 @@ JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
     addRefusedItem(answer, "", "the request names no action (1 restore, 2 restore and trust) or no item");
     return answer;
   }
-  const auto outcomes = store_.quarantine().restore(params.items, params.is_all,
-                                                    *action == json::RestoreAction::kRestoreAndTrust,
+  const bool trust = *action == json::RestoreAction::kRestoreAndTrust;
+  if (trust && !isAdministrator(caller)) {
+    const std::string reason = "not allowed: only root and the agent's user may add to the trust list";
+    changed(caller, request.kName, "with trust", platform::failure(reason));
+    addRefusedItem(answer, "", reason);
+    return answer;
+  }
+  const auto outcomes = store_.quarantine().restore(params.items, params.is_all, trust,
                                                     json::decodePath(params.custom_path), caller);
   bool all = true;
   for (const store::Quarantine::RestoreOutcome& outcome : outcomes) {
@@ -186,8 +192,9 @@ JsonArray AgentService::getRegionInfo(const GetRegionInfo& request) {
   const auto domain = json::fromNumber<json::RegionDomain>(request.domain);
   const auto type = json::fromNumber<json::RegionItemType>(request.item_type);
   const auto region = json::fromNumber<json::Region>(request.region_type);
-  return domain && type && region ? store_.regions().list(*domain, *type, *region)
-                                  : Json::Value(Json::arrayValue);
+  return domain && type && region
+             ? store_.regions().list(*domain, *type, *region, isAdministrator(currentCallerId()))
+             : Json::Value(Json::arrayValue);
 }
 
 void AgentService::cleanScanCache(const CleanScanCache& request) {

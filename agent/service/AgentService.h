@@ -13,7 +13,7 @@ namespace agent {
 /// audit record.
 class AgentService : public IAgentAbstract {
  public:
-  /// group: its members may call the methods that change data, as root and the agent's own user may.
+  /// group: its members may call Access::kMembers, as root and the agent's own user may.
   AgentService(jsonrpchelper::IJsonRpcServerHelper& helper, Store& store, TaskManager& tasks,
                std::optional<gid_t> group);
 

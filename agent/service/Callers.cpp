@@ -58,7 +58,7 @@ platform::Expected<std::optional<gid_t>> groupByName(const std::string& name) {
   return group;
 }
 
-bool mayChange(const CallerId& caller, std::optional<gid_t> group) {
+bool isMember(const CallerId& caller, std::optional<gid_t> group) {
   return isAdministrator(caller) ||
          (group && (caller.gid == *group ||
                     std::find(caller.groups.begin(), caller.groups.end(), *group) != caller.groups.end()));

@@ -15,8 +15,7 @@ CallerId callerIdOf(const lunet::PeerIdentity& process);
 /// The group of that name; nothing for an empty name. Fails for an unknown group.
 platform::Expected<std::optional<gid_t>> groupByName(const std::string& name);
 
-/// True for root, the agent's own user and members of the group. These users may change settings, the trust
-/// and reject lists, the quarantine and the cache.
-bool mayChange(const CallerId& caller, std::optional<gid_t> group);
+/// True for root, the agent's own user and members of the group.
+bool isMember(const CallerId& caller, std::optional<gid_t> group);
 
 }  // namespace agent

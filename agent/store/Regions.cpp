@@ -29,44 +29,9 @@ std::optional<E> readValue(const Json::Value& object, const char* key) {
   return number ? json::fromNumber<E>(*number) : std::nullopt;
 }
 
-struct FileFacts {
-  std::int64_t size = 0;
-  std::string md5;
-};
-
-/// The size and the hash of a file, for a list. The agent may read files that its callers may not read. So
-/// callers other than root and the agent's own user see the facts of their own files only.
-FileFacts factsOf(RegionItemType type, const std::string& item, uid_t caller, std::int64_t* budget) {
-  FileFacts facts;
-  if (type == RegionItemType::kMd5) {
-    facts.md5 = item;
-  }
-  if (type != RegionItemType::kFile) {
-    return facts;
-  }
-  struct stat st {};
-  const platform::Descriptor fd = platform::openRegular(item, &st);
-  if (!fd || (caller != 0 && caller != ::geteuid() && caller != st.st_uid)) {
-    return facts;
-  }
-  facts.size = st.st_size;
-  if (st.st_size > *budget) {
-    return facts;
-  }
-  *budget -= st.st_size;
-  facts.md5 = digestOfFile(fd.get(), Digest::Kind::kMd5).value_or("");
-  return facts;
-}
-
 std::int32_t validState(std::int64_t validUntil, std::int64_t now) {
   using enum json::RegionValidity;
   return json::toNumber(validUntil == 0 ? kForEver : validUntil > now ? kValid : kExpired);
-}
-
-bool exists(RegionItemType type, const std::string& item) {
-  struct stat st {};
-  const bool isPath = type == RegionItemType::kFile || type == RegionItemType::kFolder;
-  return isPath && ::lstat(item.c_str(), &st) == 0;
 }
 
 }  // namespace
@@ -154,7 +119,7 @@ platform::Expected<void> Regions::change(json::Region region, const Json::Value&
       return platform::failure(change.error());
     }
     if (change->all || !change->items.empty()) {
-      store(*change, caller.uid);
+      store(*change, factsOf(*change), caller.uid);
     }
     return {};
   } catch (const std::exception& error) {
@@ -162,12 +127,46 @@ platform::Expected<void> Regions::change(json::Region region, const Json::Value&
   }
 }
 
-void Regions::store(const Change& change, uid_t caller) {
+Regions::Facts Regions::factsOf(RegionItemType type, const std::string& item, std::int64_t* budget) {
+  Facts facts;
+  if (type == RegionItemType::kMd5) {
+    facts.md5 = item;
+  }
+  struct stat st {};
+  const bool isPath = type == RegionItemType::kFile || type == RegionItemType::kFolder;
+  facts.existed = isPath && ::lstat(item.c_str(), &st) == 0;
+  if (type != RegionItemType::kFile) {
+    return facts;
+  }
+  const platform::Descriptor fd = platform::openRegular(item, &st);
+  if (!fd) {
+    return facts;
+  }
+  facts.size = st.st_size;
+  if (st.st_size > *budget) {
+    return facts;
+  }
+  *budget -= st.st_size;
+  facts.md5 = digestOfFile(fd.get(), Digest::Kind::kMd5).value_or("");
+  return facts;
+}
+
+// Opens files: never with a lock, or inside a transaction.
+std::vector<Regions::Facts> Regions::factsOf(const Change& change) {
+  std::vector<Facts> facts;
+  std::int64_t budget = kHashBudgetBytes;
+  for (std::size_t i = 0; change.add && i < change.items.size(); ++i) {
+    facts.push_back(factsOf(change.type, change.items[i], &budget));
+  }
+  return facts;
+}
+
+void Regions::store(const Change& change, const std::vector<Facts>& facts, uid_t caller) {
   // Held for both changes: the index changes in the order of the rows.
   const std::lock_guard lock(database_.mutex());
   Transaction transaction(database_);
   if (change.add) {
-    addRows(change, caller);
+    addRows(change, facts, caller);
   } else {
     deleteRows(change);
   }
@@ -180,18 +179,19 @@ void Regions::store(const Change& change, uid_t caller) {
   generation_ = next;
 }
 
-void Regions::addRows(const Change& change, uid_t caller) {
-  Statement insert(database_,
-                   "INSERT INTO regions"
-                   " (region,type,domain,item,uuid,add_time,modify_time,valid_until,file_size,md5,added_by)"
-                   " VALUES (?1,?2,?3,?4,?5,?6,?6,?7,?8,?9,?10)"
-                   " ON CONFLICT DO UPDATE SET modify_time=?6,valid_until=?7,file_size=?8,md5=?9");
-  std::int64_t budget = kHashBudgetBytes;
-  for (const std::string& item : change.items) {
-    const FileFacts facts = factsOf(change.type, item, caller, &budget);
+void Regions::addRows(const Change& change, const std::vector<Facts>& facts, uid_t caller) {
+  Statement insert(
+      database_,
+      "INSERT INTO regions"
+      " (region,type,domain,item,uuid,add_time,modify_time,valid_until,file_size,md5,added_by,"
+      "existed) VALUES (?1,?2,?3,?4,?5,?6,?6,?7,?8,?9,?10,?11)"
+      " ON CONFLICT DO UPDATE SET modify_time=?6,valid_until=?7,file_size=?8,md5=?9,existed=?11");
+  for (std::size_t i = 0; i < change.items.size(); ++i) {
+    const Facts& known = facts[i];
     insert
-        .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain), item,
-              CUuid::generate(), platform::nowSec(), change.validUntil, facts.size, facts.md5, caller)
+        .bind(json::toNumber(change.region), json::toNumber(change.type), json::toNumber(change.domain),
+              change.items[i], CUuid::generate(), platform::nowSec(), change.validUntil, known.size,
+              known.md5, caller, known.existed ? 1 : 0)
         .run();
   }
 }
@@ -224,13 +224,13 @@ void Regions::updateIndex(const Change& change) {
   }
 }
 
-Json::Value Regions::list(json::RegionDomain domain, json::RegionItemType itemType,
-                          json::Region region) const {
+Json::Value Regions::list(json::RegionDomain domain, json::RegionItemType itemType, json::Region region,
+                          bool withFacts) const {
   Json::Value entries(Json::arrayValue);
   const std::int64_t now = platform::nowSec();
   const std::lock_guard lock(database_.mutex());
   Statement rows(database_,
-                 "SELECT domain,uuid,item,modify_time,file_size,md5,add_time,valid_until FROM regions"
+                 "SELECT domain,uuid,item,modify_time,file_size,md5,add_time,valid_until,existed FROM regions"
                  " WHERE region=?1 AND type=?2 AND (domain=?3 OR ?3=?4) ORDER BY id");
   rows.bind(json::toNumber(region), json::toNumber(itemType), json::toNumber(domain),
             json::toNumber(json::RegionDomain::kEvery));
@@ -242,11 +242,11 @@ Json::Value Regions::list(json::RegionDomain domain, json::RegionItemType itemTy
     entry.item_type = json::toNumber(itemType);
     entry.item = json::encodePath(item);
     entry.modify_time = rows.number(3);
-    entry.file_size = rows.number(4);
-    entry.md5 = rows.text(5);
+    entry.file_size = withFacts ? rows.number(4) : 0;
+    entry.md5 = withFacts || itemType == RegionItemType::kMd5 ? rows.text(5) : "";
     entry.add_time = rows.number(6);
     entry.valid_statue = validState(rows.number(7), now);
-    entry.exist_state = exists(itemType, item) ? 1 : 0;
+    entry.exist_state = withFacts && rows.number(8) != 0 ? 1 : 0;
     Json::Value value;
     entry.ToValue(value);
     entries.append(std::move(value));

@@ -23,8 +23,11 @@ class Regions {
   /// renews its validity; deleting an absent item succeeds. is_all deletes every entry of the type and
   /// domain.
   platform::Expected<void> change(json::Region region, const Json::Value& items, const CallerId& caller);
-  /// JSON array of JsonReflect::FilterRegionItem. Throws StoreError when the database fails.
-  Json::Value list(json::RegionDomain domain, json::RegionItemType itemType, json::Region region) const;
+  /// JSON array of JsonReflect::FilterRegionItem. What an entry tells of a file (existence, size, MD5) is of
+  /// the time of its last change; withFacts false leaves that out. Opens no file. Throws StoreError when the
+  /// database fails.
+  Json::Value list(json::RegionDomain domain, json::RegionItemType itemType, json::Region region,
+                   bool withFacts = true) const;
   /// By path, folder, extension and name, without opening the file. Cheap.
   RegionVerdict byPath(const std::string& path) const;
   /// By MD5, SHA1 and SHA256.
@@ -43,11 +46,19 @@ class Regions {
     std::int64_t validUntil = 0;
     std::vector<std::string> items;  ///< normalised
   };
+  /// What the list tells of an entry's file.
+  struct Facts {
+    bool existed = false;
+    std::int64_t size = 0;
+    std::string md5;
+  };
+  static Facts factsOf(RegionItemType type, const std::string& item, std::int64_t* budget);
+  static std::vector<Facts> factsOf(const Change& change);
   static platform::Expected<Change> readChange(json::Region region, const Json::Value& items);
   static platform::Expected<std::vector<std::string>> readItems(RegionItemType type,
                                                                 const Json::Value& items);
-  void store(const Change& change, uid_t caller);
-  void addRows(const Change& change, uid_t caller);
+  void store(const Change& change, const std::vector<Facts>& facts, uid_t caller);
+  void addRows(const Change& change, const std::vector<Facts>& facts, uid_t caller);
   void deleteRows(const Change& change);
   void updateIndex(const Change& change);
 

@@ -46,6 +46,7 @@ constexpr std::array kStoreSteps = {
     "  inode INTEGER NOT NULL,"
     "  size INTEGER NOT NULL,"
     "  modify_ns INTEGER NOT NULL);",
+    "ALTER TABLE regions ADD COLUMN existed INTEGER NOT NULL DEFAULT 0;",  // when the entry was added
 };
 
 constexpr std::array kCacheSteps = {

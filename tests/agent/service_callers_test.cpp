@@ -228,8 +228,9 @@ class Service : public ::testing::Test {
     EXPECT_NE(result["token_id"].asString(), "");
     EXPECT_EQ(result["detail"].size(), 1U);
     const Json::Value reason = result["detail"][0];
-    EXPECT_EQ(reason["uuid"].asString() == "no-such-item", reason["reason"].asString() != "not allowed");
-    return reason["reason"].asString() != "not allowed";
+    const bool allowed = reason["reason"].asString().rfind("not allowed: ", 0) != 0;
+    EXPECT_EQ(reason["uuid"].asString() == "no-such-item", allowed);
+    return allowed;
   }
   static Json::Value restoreOf(const std::string& uuid) {
     Json::Value params = jsonOf(R"({"ctx":null,"desc":"","source":1,"token_id":"",
@@ -322,8 +323,7 @@ class ServiceAccess : public Service {
     if (endpoint_.last().operation == "OnewaySend") {
       endpoint_.deliver(lunet::kOnewayChannel, endpoint_.last().text, false);
     }
-    EXPECT_EQ(audited("refused: not allowed") > before,
-              Method::kAccess == jsonrpchelper::Access::kWhoMayChange)
+    EXPECT_EQ(audited("refused: not allowed") > before, Method::kAccess != jsonrpchelper::Access::kEverybody)
         << Method::kName;
   }
 };
@@ -351,16 +351,41 @@ TEST_F(ServiceAccess, ACallerWhoMayChangeNothingGetsTheAnswerOfEachMethodsKind) 
   EXPECT_NE(answer["token_id"].asString(), "");
   ASSERT_EQ(answer["detail"].size(), 1u);
   EXPECT_EQ(answer["detail"][0]["uuid"], "");
-  EXPECT_EQ(answer["detail"][0]["reason"], "not allowed");
+  EXPECT_EQ(answer["detail"][0]["reason"],
+            "not allowed: only root, the agent's user and members of the group may restore");
 }
 
-TEST_F(Service, LetsRootAndMembersOfTheGroupChangeWhatItKeeps) {
+TEST_F(Service, LetsRootChangeWhatItKeeps) {
   expectAll(true, rootsIdentity(), "root");
-  const CallingProcess byItsGroup(kUser, kGroup, {});
-  expectAll(true, byItsGroup.identity(), "a member by the group of the process");
-  const CallingProcess bySupplementary(kUser, kOwnGroup, {7, kGroup});
-  expectAll(true, bySupplementary.identity(), "a member by a supplementary group");
   EXPECT_EQ(audited("refused: not allowed"), 0);
+}
+
+TEST_F(Service, LetsMembersOfTheGroupRestoreAndChangeNothing) {
+  const CallingProcess byItsGroup(kUser, kGroup, {});
+  const CallingProcess bySupplementary(kUser, kOwnGroup, {7, kGroup});
+  for (const CallingProcess* member : {&byItsGroup, &bySupplementary}) {
+    EXPECT_TRUE(restores(member->identity()));
+    EXPECT_FALSE(changesSettings(member->identity()));
+    EXPECT_FALSE(changesRegion(member->identity()));
+    EXPECT_FALSE(emptiesCache(member->identity()));
+  }
+}
+
+// It would change the trust list.
+TEST_F(Service, RefusesARestoreWithTrustOfAMemberWithTheReason) {
+  const std::string path = quarantine("a", kUser);
+  const std::string uuid = store_->quarantine().list(std::nullopt)[0]["uuid"].asString();
+  Json::Value params = restoreOf(uuid);
+  params["params"]["action"] = json::toNumber(json::RestoreAction::kRestoreAndTrust);
+  const CallingProcess member(kUser, kGroup, {});
+  const Json::Value answer = call(member.identity(), "startDeIsolate", params);
+  EXPECT_FALSE(answer["status"].asBool());
+  ASSERT_EQ(answer["detail"].size(), 1U);
+  EXPECT_EQ(answer["detail"][0]["reason"],
+            "not allowed: only root and the agent's user may add to the trust list");
+  EXPECT_EQ(filesOn(json::Region::kTrust).size(), 0U);
+  EXPECT_EQ(audited("object=\"with trust\" outcome=\"refused: not allowed: only root"), 1);
+  EXPECT_EQ(store_->quarantine().list(std::nullopt).size(), 1U);
 }
 
 TEST_F(Service, LetsNobodyElseChangeAnythingAndRecordsWhoTried) {
@@ -387,17 +412,16 @@ TEST_F(Service, WithoutAGroupLetsRootAloneChangeWhatItKeeps) {
 }
 
 TEST_F(Service, RecordsAChangeWithWhoMadeItAndWhatCameOfIt) {
-  const CallingProcess member(kUser, kGroup, {});
-  ASSERT_TRUE(changesSettings(member.identity()));
-  EXPECT_EQ(audited("uid=60100 gid=60200 pid=" + std::to_string(member.identity().pid) +
+  ASSERT_TRUE(changesSettings(rootsIdentity()));
+  EXPECT_EQ(audited("uid=0 gid=0 pid=" + std::to_string(rootsIdentity().pid) +
                     " action=\"change settings\" object=\"type 0 {"),
             1);
   EXPECT_EQ(audited("outcome=\"done\""), 1);
   Json::Value wrong = jsonOf(R"({"config_str":"{\"NoSuchSection\":{}}","config_type":0,"request_source":1})");
-  EXPECT_FALSE(call(member.identity(), "setAVConfig", wrong).asBool());
+  EXPECT_FALSE(call(rootsIdentity(), "setAVConfig", wrong).asBool());
   EXPECT_EQ(audited("outcome=\"refused: "), 1);
-  ASSERT_TRUE(emptiesCache(member.identity()));
-  EXPECT_EQ(audited("pid=" + std::to_string(member.identity().pid) +
+  ASSERT_TRUE(emptiesCache(rootsIdentity()));
+  EXPECT_EQ(audited("pid=" + std::to_string(rootsIdentity().pid) +
                     " action=\"clean scan cache\" object=\"\" outcome=\"done\""),
             1);
 }
@@ -542,23 +566,22 @@ TEST_F(Service, NotifiesTheProcessThatStartedATaskAndNoOther) {
   }
 }
 
-TEST_F(Service, DescribesAFileInAListOnlyToTheEyesOfWhoMayReadIt) {
+TEST_F(Service, DescribesTheFilesOfAListToAdministratorsOnly) {
+  const std::string path = dir_.write("files/listed", "content");
+  Json::Value change = jsonOf(R"({"desc":"d","region_type":1,"source":1,
+                                  "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
+  change["items"]["items"].append(json::encodePath(path));
+  ASSERT_TRUE(call(rootsIdentity(), "ctlRegion", change).asBool());
   const CallingProcess member(kUser, kGroup, {});
-  for (const auto& [owner, described] : {std::pair{uid_t{0}, false}, {kUser, true}}) {
-    const std::string path = dir_.write("files/of-" + std::to_string(owner), "content");
-    ASSERT_EQ(chown(path.c_str(), owner, owner), 0);
-    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-    Json::Value params = jsonOf(R"({"desc":"d","region_type":1,"source":1,
-                                    "items":{"action":0,"type":0,"domain":0,"is_all":false}})");
-    params["items"]["items"].append(json::encodePath(path));
-    ASSERT_TRUE(call(member.identity(), "ctlRegion", params).asBool());
-    for (const Json::Value& item : filesOn(json::Region::kReject)) {
-      if (json::decodePath(item["item"].asString()) == path) {
-        EXPECT_EQ(item["md5"].asString() != "", described) << owner;
-        EXPECT_EQ(item["file_size"].asInt() != 0, described) << owner;
-      }
-    }
-    EXPECT_EQ(filesOn(json::Region::kReject).size(), described ? 2U : 1U);
+  const Json::Value request = jsonOf(R"({"domain":4,"item_type":0,"region_type":1})");
+  for (const auto& [caller, described] :
+       {std::pair{rootsIdentity(), true}, std::pair{member.identity(), false}}) {
+    const Json::Value listed = call(caller, "getRegionInfo", request);
+    ASSERT_EQ(listed.size(), 1U);
+    EXPECT_EQ(json::decodePath(listed[0]["item"].asString()), path);
+    EXPECT_EQ(listed[0]["md5"].asString() != "", described);
+    EXPECT_EQ(listed[0]["file_size"].asInt() != 0, described);
+    EXPECT_EQ(listed[0]["exist_state"].asInt() != 0, described);
   }
 }
 

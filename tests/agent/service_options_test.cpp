@@ -153,14 +153,14 @@ TEST(Tree, TheFilesLogLevelIsTurnedIntoTheLibrarys) {
   }
 }
 
-TEST(MayChange, RootTheAgentsUserAndTheGroupMayOthersMayNot) {
+TEST(IsMember, AreRootTheAgentsUserAndTheGroupAndNobodyElse) {
   const gid_t group = 60200;
-  EXPECT_TRUE(mayChange({0, 0, {}, 1}, std::nullopt));
-  EXPECT_TRUE(mayChange({geteuid(), 5, {}, 1}, std::nullopt));
-  EXPECT_TRUE(mayChange({60100, group, {}, 1}, group));
-  EXPECT_TRUE(mayChange({60100, 5, {7, group}, 1}, group));
-  EXPECT_FALSE(mayChange({60100, 5, {7}, 1}, group));
-  EXPECT_FALSE(mayChange({60100, group, {}, 1}, std::nullopt));
+  EXPECT_TRUE(isMember({0, 0, {}, 1}, std::nullopt));
+  EXPECT_TRUE(isMember({geteuid(), 5, {}, 1}, std::nullopt));
+  EXPECT_TRUE(isMember({60100, group, {}, 1}, group));
+  EXPECT_TRUE(isMember({60100, 5, {7, group}, 1}, group));
+  EXPECT_FALSE(isMember({60100, 5, {7}, 1}, group));
+  EXPECT_FALSE(isMember({60100, group, {}, 1}, std::nullopt));
 }
 
 TEST(CallerIdOf, AProcessThatRunsForAnotherUserByNowLendsNoGroups) {

@@ -1,6 +1,5 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -506,8 +505,28 @@ TEST_F(RegionTest, AnEntryIsListedWithAllFieldsOfItsRecord) {
   EXPECT_EQ(entry["md5"], "900150983cd24fb0d6963f7d28e17f72");
   EXPECT_GE(entry["add_time"].asInt64(), start);
   EXPECT_EQ(entry["modify_time"], entry["add_time"]);
+}
+
+TEST_F(RegionTest, WhatAnEntryTellsOfAFileIsOfItsLastChangeAndAListOpensNothing) {
+  const std::string path = folder_.write("file", "abc");
+  add(kFile, path);
   std::filesystem::remove(path);
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["exist_state"], 1);
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["file_size"], 3);
+  add(kFile, path);
   EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["exist_state"], 0);
+  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["file_size"], 0);
+}
+
+TEST_F(RegionTest, AListWithoutFactsHasTheItemsAndNothingOfTheirFiles) {
+  add(kFile, folder_.write("file", "abc"));
+  add(kMd5, kSomeMd5);
+  const Json::Value entry = regions().list(kEvery, kFile, kTrust, false)[0];
+  EXPECT_EQ(entry["item"], folder_.at("file"));
+  EXPECT_EQ(entry["exist_state"], 0);
+  EXPECT_EQ(entry["file_size"], 0);
+  EXPECT_EQ(entry["md5"], "");
+  EXPECT_EQ(regions().list(kEvery, kMd5, kTrust, false)[0]["md5"], kSomeMd5);
 }
 
 TEST_F(RegionTest, AHashIsListedInItsFieldToo) {
@@ -636,54 +655,6 @@ TEST_F(RegionTest, LookUpsAndChangesFromSeveralThreadsAgree) {
     reader.join();
   }
   EXPECT_EQ(listed(kFolder), Items{"/stays"});
-}
-
-TEST_F(RegionTest, AFileThatIsNotTheCallersIsListedWithoutSizeAndHash) {
-  const std::string path = folder_.at("secret");
-  std::ofstream(path) << "abc";
-  CallerId other;
-  other.uid = ::geteuid() + 4321;
-  ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), other));
-  const Json::Value entries = regions().list(kEvery, kFile, kTrust);
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0]["md5"], "");
-  EXPECT_EQ(entries[0]["file_size"].asInt64(), 0);
-  add(kFile, path);
-  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["md5"], "900150983cd24fb0d6963f7d28e17f72");
-}
-
-TEST_F(RegionTest, AFileOfTheCallersIsListedWithSizeAndHash) {
-  const std::string path = folder_.write("theirs", "abc");
-  ASSERT_EQ(::chown(path.c_str(), 4711, 4711), 0) << "these tests act as two users: run them as root";
-  const CallerId owner{.uid = 4711, .gid = 4711, .groups = {}, .pid = 1};
-  ASSERT_TRUE(regions().change(kTrust, request(kAdd, kFile, {path}), owner));
-  EXPECT_EQ(regions().list(kEvery, kFile, kTrust)[0]["file_size"], 3);
-}
-
-TEST_F(RegionTest, ToRootAndTheAgentsOwnUserFilesOfOthersAreDescribed) {
-  ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
-  const std::string path = folder_.write("others", "abc");
-  ASSERT_EQ(::chown(path.c_str(), 4712, 4712), 0) << "these tests act as two users: run them as root";
-  ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    int described = 0;
-    if (::setresuid(4711, 4711, 4711) == 0) {
-      const testsupport::TempDir own;
-      const auto mine = Store::open(own.at("state"));
-      for (const uid_t uid : {0U, 4711U}) {
-        const CallerId caller{.uid = uid, .gid = 0, .groups = {}, .pid = 1};
-        mine->regions().change(kTrust, request(kAdd, kFile, {path}), caller);
-        described += mine->regions().list(kEvery, kFile, kTrust)[0]["file_size"] == 3 ? 1 : 0;
-        mine->regions().change(kTrust, request(kDelete, kFile, {path}), caller);
-      }
-    }
-    ::_exit(described);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 2);
 }
 
 }  // namespace

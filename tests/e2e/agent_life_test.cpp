@@ -854,8 +854,8 @@ TEST_F(AgentSecondUser, MaySeeHisOwnQuarantinedItemsOnly) {
   EXPECT_EQ(1U, user.call("getIsolationInfo", Json::Value()).size());
 }
 
-TEST_F(AgentSecondUser, AsAMemberOfTheGroupHeMayChangeSettings) {
-  EXPECT_TRUE(
+TEST_F(AgentSecondUser, AMemberOfTheGroupMayNotChangeSettings) {
+  EXPECT_FALSE(
       user.call("setAVConfig", jsonOf(R"({"config_str":"{\"Common\":{\"SkipSize\":3}}","config_type":0,
                                                  "request_source":1})"))
           .asBool());

@@ -91,7 +91,7 @@ class RecordingAgent : public IAgentAbstract, public Recorder {
   std::optional<Json::Value> refused;
 
   std::optional<Json::Value> refusal(Access access, const std::string& /*method*/) override {
-    return access == Access::kWhoMayChange ? refused : std::nullopt;
+    return access == Access::kEverybody ? std::nullopt : refused;
   }
   JsonObject startScanTask(const StartScanTask& r) override { return answer(r); }
   bool ctlBus(const CtlBus& r) override { return answer(r); }

@@ -30,7 +30,10 @@ std::string textOf(const MethodRow& row) {
   }
   text += ") -> " + kinds.at(row.result);
   if (row.access) {
-    text += *row.access == Access::kEverybody ? ", everybody" : ", who may change";
+    const std::map<Access, std::string> callers = {{Access::kEverybody, ", everybody"},
+                                                   {Access::kMembers, ", members"},
+                                                   {Access::kAdministrators, ", administrators"}};
+    text += callers.at(*row.access);
   }
   return text + "\n";
 }

@@ -70,7 +70,7 @@ struct GetAVConfig {
 /// Changes settings. config_str: JSON text.
 struct SetAVConfig {
   static constexpr const char* kName = "setAVConfig";
-  static constexpr Access kAccess = Access::kWhoMayChange;
+  static constexpr Access kAccess = Access::kAdministrators;
   using Result = bool;
 
   std::string config_str;
@@ -83,7 +83,7 @@ struct SetAVConfig {
 /// Restores from the quarantine. params: JsonReflect::DeIsolateParams.
 struct StartDeIsolate {
   static constexpr const char* kName = "startDeIsolate";
-  static constexpr Access kAccess = Access::kWhoMayChange;
+  static constexpr Access kAccess = Access::kMembers;
   using Result = JsonObject;
 
   Json::Value ctx;
@@ -105,7 +105,7 @@ struct GetIsolationInfo : NoParameters {
 /// Changes the trust or the reject list.
 struct CtlRegion {
   static constexpr const char* kName = "ctlRegion";
-  static constexpr Access kAccess = Access::kWhoMayChange;
+  static constexpr Access kAccess = Access::kAdministrators;
   using Result = bool;
 
   std::string desc;
@@ -132,7 +132,7 @@ struct GetRegionInfo {
 /// Empties the scan cache. The caller gets no answer.
 struct CleanScanCache : NoParameters {
   static constexpr const char* kName = "cleanScanCache";
-  static constexpr Access kAccess = Access::kWhoMayChange;
+  static constexpr Access kAccess = Access::kAdministrators;
   using Result = void;
 };
 

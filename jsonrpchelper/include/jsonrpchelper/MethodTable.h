@@ -27,8 +27,9 @@ namespace jsonrpchelper {
 
 /// The callers that a method of the agent admits.
 enum class Access {
-  kEverybody,     ///< every user that the bus admits
-  kWhoMayChange,  ///< root, the agent's own user and members of the configured group
+  kEverybody,      ///< every user that the bus admits
+  kMembers,        ///< root, the agent's own user and members of the configured group
+  kAdministrators  ///< root and the agent's own user
 };
 
 enum class JsonKind {
