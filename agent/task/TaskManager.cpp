@@ -12,6 +12,7 @@ namespace agent {
 namespace {
 
 constexpr std::chrono::seconds kPrepareLimit{5};  // a path on a dead network mount must not block the bus
+constexpr std::size_t kMostOfUsers = 32;          // scans at a time, of all who are not administrators
 constexpr const char* kModeNames[] = {"fast", "full", "custom"};
 
 TaskRecord recordOf(const std::string& token, const TaskManager::StartRequest& request,
@@ -64,11 +65,13 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
     if (ending_) {
       return refuse(request, token, json::TaskState::kNotCreated, "the agent is ending");
     }
-    for (const auto& [other, running] : running_) {
-      if (running->plan().mode == plan.mode) {
-        return refuse(request, token, json::TaskState::kSameModeExists,
-                      std::string("a ") + kModeNames[json::toNumber(plan.mode)] + " scan is running already");
-      }
+    if (runsMode(plan.mode, request.caller.uid)) {
+      return refuse(request, token, json::TaskState::kSameModeExists,
+                    std::string("a ") + kModeNames[json::toNumber(plan.mode)] + " scan is running already");
+    }
+    if (!isAdministrator(request.caller) && countOfUsers() >= kMostOfUsers) {
+      return refuse(request, token, json::TaskState::kNotCreated,
+                    std::to_string(kMostOfUsers) + " scans of users are running already");
     }
     ScanTask::Parts parts{parts_.store, parts_.spawner, parts_.ownFolders};
     task = std::make_shared<ScanTask>(std::move(parts), token, std::move(plan), request.caller, events);
@@ -90,6 +93,19 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
                   std::string("no thread for the scan: ") + error.what());
   }
   return {token, task->waitPrepared(kPrepareLimit)};
+}
+
+// With the mutex held, as the next one.
+bool TaskManager::runsMode(json::ScanMode mode, uid_t user) const {
+  return std::any_of(running_.begin(), running_.end(), [&](const auto& entry) {
+    return entry.second->plan().mode == mode && entry.second->caller().uid == user;
+  });
+}
+
+std::size_t TaskManager::countOfUsers() const {
+  return static_cast<std::size_t>(std::count_if(running_.begin(), running_.end(), [](const auto& entry) {
+    return !isAdministrator(entry.second->caller());
+  }));
 }
 
 void TaskManager::release(const std::string& token) {

@@ -19,7 +19,8 @@ namespace agent {
 
 class BusTaskEvents;
 
-/// The running scans: at most one of each mode. Any thread.
+/// The running scans: at most one of each mode for a user, and 32 for all users who are not administrators.
+/// Any thread.
 class TaskManager {
  public:
   struct Parts {
@@ -69,6 +70,8 @@ class TaskManager {
   Started refuse(const StartRequest& request, const std::string& token, json::TaskState state,
                  const std::string& reason);
   Started launch(const StartRequest& request, const std::string& token, ScanPlan plan);
+  bool runsMode(json::ScanMode mode, uid_t user) const;
+  std::size_t countOfUsers() const;
   void release(const std::string& token);
   void forget(const std::string& token);
   void reap();

@@ -218,7 +218,7 @@ struct SecondRow {
 };
 class SecondScan : public Tasks, public ::testing::WithParamInterface<SecondRow> {};
 
-TEST_P(SecondScan, OfAModeThatIsRunningIsRefusedWithStateSixAndOfAnotherIsNot) {
+TEST_P(SecondScan, OfAUserAndAModeThatIsRunningIsRefusedWithStateSixAndAnotherIsNot) {
   const TaskManager::Started first = start(kUser);
   ASSERT_TRUE(first.outcome) << first.outcome.error();
   const TaskManager::Started second = start(GetParam().uid, GetParam().scanType);
@@ -242,12 +242,26 @@ TEST_P(SecondScan, OfAModeThatIsRunningIsRefusedWithStateSixAndOfAnotherIsNot) {
 INSTANTIATE_TEST_SUITE_P(Rows, SecondScan,
                          ::testing::Values(SecondRow{"SameMode", kUser, kCustomScan, false},
                                            SecondRow{"SameModeStrong", kUser, kStrongCustomScan, false},
-                                           SecondRow{"SameModeOfAnotherUser", kThird, kCustomScan, false},
-                                           SecondRow{"SameModeOfRoot", 0, kCustomScan, false},
-                                           SecondRow{"FastMode", 0, kFastScan, true},
+                                           SecondRow{"SameModeOfRoot", 0, kCustomScan, true},
+                                           SecondRow{"FastMode", kUser, kFastScan, true},
                                            SecondRow{"FullModeStrong", 0,
                                                      json::toScanType(json::ScanMode::kFull, true), true}),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Tasks, OfUsersHaveALimitThatDoesNotHoldForRoot) {
+  constexpr int kMost = 32;
+  for (uid_t user = kUser; user < kUser + kMost; ++user) {
+    const TaskManager::Started started = start(user);
+    ASSERT_TRUE(started.outcome) << started.outcome.error();
+  }
+  const TaskManager::Started refused = start(kUser + kMost);
+  ASSERT_FALSE(refused.outcome);
+  EXPECT_EQ(refused.outcome.error(), "32 scans of users are running already");
+  const TaskManager::Started roots = start(0);
+  EXPECT_TRUE(roots.outcome) << roots.outcome.error();
+  EXPECT_TRUE(tasks.stopAll("enough", kLimit));
+  ASSERT_TRUE(waitFor([&] { return tasks.count() == 0; }));
+}
 
 TEST_F(Tasks, AModeIsFreeWhenItsScanIsOver) {
   const TaskManager::Started first = start(kUser);
