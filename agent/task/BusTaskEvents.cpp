@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "platform/ProcessStat.h"
 #include "platform/Text.h"
 
 namespace agent {
@@ -19,6 +20,7 @@ BusTaskEvents::BusTaskEvents(NotificationQueue& queue, lunet::IEndpoint& endpoin
                              Envelope envelope)
     : queue_(queue),
       envelope_(std::move(envelope)),
+      owner_(owner.process),
       notifier_(endpoint, owner.guid, owner.process),
       receiver_(std::make_shared<Receiver>(
           "the console of process " + std::to_string(owner.process.pid),
@@ -96,6 +98,11 @@ void BusTaskEvents::repaired(json::RiskInfoType kind, json::Handling handling, c
 
 void BusTaskEvents::waitForQuota(const std::function<bool()>& cancelled) {
   queue_.waitForQuota(receiver_, cancelled);
+}
+
+bool BusTaskEvents::ownerEnded() const {
+  const auto now = platform::processStat(owner_.pid);
+  return now ? now->startTicks != owner_.startTicks : now.error() == platform::NoProcessStat::kGone;
 }
 
 void BusTaskEvents::onDelivered(std::function<void()> action) {

@@ -31,6 +31,7 @@ class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<Bus
   void repaired(json::RiskInfoType kind, json::Handling handling, const Json::Value& info,
                 const Json::Value& result) override;
   void waitForQuota(const std::function<bool()>& cancelled) override;
+  bool ownerEnded() const override;
   void onDelivered(std::function<void()> action) override;
 
  private:
@@ -38,6 +39,7 @@ class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<Bus
 
   NotificationQueue& queue_;
   const Envelope envelope_;
+  const lunet::PeerIdentity owner_;
   jsonrpchelper::ConsoleNotifier notifier_;  // on the queue's thread only
   const std::shared_ptr<Receiver> receiver_;
 };

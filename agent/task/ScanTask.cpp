@@ -207,6 +207,18 @@ void ScanTask::reportProgress() {
   events_->overview(overview());
 }
 
+/// A scan that nobody can resume holds its files, its mode and its workers.
+void ScanTask::endForgottenPause() {
+  const auto now = std::chrono::steady_clock::now();
+  if (!control_.paused()) {
+    pausedSince_.reset();
+  } else if (!pausedSince_) {
+    pausedSince_ = now;
+  } else if (now - *pausedSince_ >= parts_.forgottenPause && events_->ownerEnded()) {
+    control_.stop("paused, and the program that started the scan has ended");
+  }
+}
+
 /// On the progress thread: reports, and keeps the time limit of the scan even while one file takes long.
 void ScanTask::reportUntil(const std::future<void>& walked) {
   const auto begin = std::chrono::steady_clock::now();
@@ -214,6 +226,7 @@ void ScanTask::reportUntil(const std::future<void>& walked) {
     if (plan_.limit.count() > 0 && std::chrono::steady_clock::now() - begin >= plan_.limit) {
       control_.stop("the time limit of " + std::to_string(plan_.limit.count()) + " seconds is over");
     }
+    endForgottenPause();
     try {
       if (!control_.paused() && !control_.stopping()) {
         reportProgress();

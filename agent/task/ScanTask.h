@@ -5,6 +5,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,9 +24,10 @@ class ScanTask {
   struct Parts {
     Store& store;
     Spawner& spawner;
-    std::vector<std::string> ownFolders;                       ///< resolved paths that no scan enters
-    std::chrono::milliseconds tick{500};                       ///< between two reports of progress
-    std::function<FileSystem(int)> fileSystem = fileSystemOf;  ///< of a descriptor, for the walk
+    std::vector<std::string> ownFolders;                              ///< resolved paths that no scan enters
+    std::chrono::milliseconds tick{500};                              ///< between two reports of progress
+    std::function<FileSystem(int)> fileSystem = fileSystemOf;         ///< of a descriptor, for the walk
+    std::chrono::milliseconds forgottenPause{std::chrono::hours(1)};  ///< of a scan whose console is gone
   };
   ScanTask(Parts parts, std::string token, ScanPlan plan, CallerId caller,
            std::shared_ptr<TaskEvents> events);
@@ -62,6 +64,7 @@ class ScanTask {
   void end();
   void reportProgress();
   void reportUntil(const std::future<void>& walked);
+  void endForgottenPause();
   Json::Value overview() const;
 
   const Parts parts_;
@@ -71,6 +74,7 @@ class ScanTask {
   const std::shared_ptr<TaskEvents> events_;
   SignatureState signatures_;  // at the end of the preparation
   TaskControl control_;
+  std::optional<std::chrono::steady_clock::time_point> pausedSince_;  // on the progress thread only
   Counters counters_;
   Hooks hooks_;
   std::promise<platform::Expected<void>> preparedPromise_;

@@ -24,6 +24,8 @@ class TaskEvents {
                         const Json::Value& result) = 0;
   /// Waits while too many notifications wait for a slow owner, unless `cancelled` returns true.
   virtual void waitForQuota(const std::function<bool()>& cancelled) = 0;
+  /// Whether the process that started the task is gone.
+  virtual bool ownerEnded() const = 0;
   /// `action` runs once, on another thread, when all notifications so far are delivered or dropped.
   virtual void onDelivered(std::function<void()> action) = 0;
 };

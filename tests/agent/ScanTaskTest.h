@@ -51,14 +51,16 @@ class ScanTaskTest : public ::testing::Test {
     plan.useCache = plan.readCache = true;
     return plan;
   }
+  std::chrono::milliseconds forgottenPause{std::chrono::hours(1)};
   std::unique_ptr<ScanTask> begin(const ScanPlan& plan) {
     owner = std::make_shared<TaskListener>();
     owner->held = held;
     owner->attributesFail = attributesFail;
     owner->onStage = onStage;
-    auto task = std::make_unique<ScanTask>(
-        ScanTask::Parts{*store, *scanner, ownFolders, std::chrono::milliseconds(20), fileSystem}, "token",
-        plan, caller, owner);
+    auto task =
+        std::make_unique<ScanTask>(ScanTask::Parts{*store, *scanner, ownFolders,
+                                                   std::chrono::milliseconds(20), fileSystem, forgottenPause},
+                                   "token", plan, caller, owner);
     if (pausedAtFirst) {
       EXPECT_TRUE(task->pause());
     }

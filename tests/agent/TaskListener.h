@@ -73,6 +73,10 @@ class TaskListener final : public TaskEvents {
     waiting = true;
     EXPECT_TRUE(testsupport::waitFor([&] { return !held || cancelled(); }));
   }
+  bool ownerEnded() const override {
+    ++asked;
+    return ended;
+  }
   void onDelivered(std::function<void()> action) override { action(); }
 
   std::vector<json::TaskState> states() const { return copied(states_); }
@@ -104,7 +108,9 @@ class TaskListener final : public TaskEvents {
   }
   std::string handledHow(pid_t pid) const { return result(ofProcesses_, pid, "handle_detail").asString(); }
 
-  std::function<void(int)> onStage;  ///< on the task's thread
+  std::function<void(int)> onStage;   ///< on the task's thread
+  std::atomic<bool> ended{false};     ///< the process that started the task
+  mutable std::atomic<int> asked{0};  ///< whether it has ended
   std::atomic<bool> held{false}, waiting{false};
   std::atomic<bool> attributesFail{false};
 

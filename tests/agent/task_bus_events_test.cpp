@@ -2,10 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <future>
 
 #include "json/Values.h"
+#include "platform/ProcessStat.h"
 #include "support/FakeEndpoint.h"
 #include "support/Json.h"
 #include "task/BusTaskEvents.h"
@@ -182,6 +184,22 @@ TEST_F(TaskWords, AreFollowedByTheActionOfTheirEnd) {
 }
 
 /// Two owners, and whether a send to the first that ran out of time puts off the second one's words.
+TEST_F(TaskWords, KnowWhetherTheProcessOfTheirOwnerIsGone) {
+  const auto ended = [this](pid_t pid, std::uint64_t startTicks) {
+    TaskOwner owner;
+    owner.process.pid = pid;
+    owner.process.startTicks = startTicks;
+    return std::make_shared<BusTaskEvents>(queue, endpoint, owner, BusTaskEvents::Envelope{"", {}, 7})
+        ->ownerEnded();
+  };
+  const auto self = platform::processStat(getpid());
+  ASSERT_TRUE(self);
+  EXPECT_FALSE(ended(getpid(), self->startTicks));
+  EXPECT_TRUE(ended(getpid(), self->startTicks + 1)) << "another process with the same number";
+  EXPECT_TRUE(ended(1 << 30, self->startTicks));
+  gate.set_value();
+}
+
 struct OwnersRow {
   const char* name;
   uid_t first, second;

@@ -71,6 +71,22 @@ TEST_F(Pauses, TheLastFileIsInterruptedTooAndTheEndWaitsForTheResume) {
   EXPECT_EQ(1, owner->counted("checked_item_count"));
 }
 
+TEST_F(Pauses, OfAScanWhoseConsoleIsGoneEndAfterATimeAndOfOneWhoseConsoleLivesDoNot) {
+  forgottenPause = std::chrono::milliseconds(50);
+  dir.write("d/file", "clean");
+  hold();
+  const std::unique_ptr<ScanTask> task = begin(custom({dir.at("d")}));
+  EXPECT_TRUE(task->pause());
+  ASSERT_TRUE(isPaused());
+  ASSERT_TRUE(waitFor([this] { return owner->asked >= 3; }));
+  EXPECT_EQ(kPaused, owner->states().back());
+  owner->ended = true;
+  EXPECT_TRUE(task->waitOver(kLimit));
+  EXPECT_EQ(kAborted, owner->states().back());
+  EXPECT_EQ("paused, and the program that started the scan has ended", owner->detail());
+  release();
+}
+
 TEST_F(Pauses, AScanThatIsPausedInAFileCanBeStopped) {
   const std::string path = dir.write("file", "clean");
   hold();
