@@ -79,10 +79,10 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
   }
   try {
     parts_.store.tasks().put(record);
-  } catch (const std::exception& error) {
-    release(token);
-    return refuse(request, token, json::TaskState::kNotCreated,
-                  std::string("cannot be recorded: ") + error.what());
+  } catch (const std::exception& error) {  // a full disk must not end the scans of the machine
+    AGENT_LOG(LogLevel::kError,
+              "scan %s is not recorded, its owner is not told if the agent ends during the scan: %s",
+              token.c_str(), error.what());
   }
   try {
     task->start({[this, token] { release(token); }, [this, token] { forget(token); }});
