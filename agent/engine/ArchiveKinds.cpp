@@ -94,6 +94,7 @@ constexpr ArchiveKind kArchiveKinds[] = {
     {"TAV_UDF", "udf", false, false, Reader::kNobody},
     {"TAV_RAR1", "rar", false, false, Reader::kNobody},
     {"TAV_ARC", "arc", false, false, Reader::kNobody},
+    {"TAV_LZH", "lzh", false, false, Reader::kNobody},
     {"TAV_DAR", "dar", false, false, Reader::kNobody},
     {"TAV_KWAJ", "kwaj", false, false, Reader::kNobody},
     {"TAV_SZ", "sz", false, false, Reader::kNobody},

@@ -85,7 +85,9 @@ std::uint64_t FileScan::unpackFrom(int fd, const Pending& archive) {
   if (counts) {
     endOf(fd, archive, unpacker, any);
   }
-  return unpacker.bytesRead();
+  // Of an lzh whose member fails, the library may have skipped what other programs read.
+  const bool mayHideOthers = archive.kind->reader == Reader::kLha && !unpacker.problem().empty();
+  return mayHideOthers ? 0 : unpacker.bytesRead();
 }
 
 // False when a limit ends the unpacking of the archive.

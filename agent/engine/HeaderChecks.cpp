@@ -160,6 +160,75 @@ bool isLzh(const Bytes& a) {
   return (sum & 0xFFU) == a.at8(1);
 }
 
+namespace {
+
+struct LzhNotes {
+  bool name = false, sum = false;
+};
+
+// What the headers behind a header of level 2 or 3 hold. Each has a type and ends with the size of the next.
+// bytes: of a size. end: of all.
+LzhNotes followLzhHeaders(const Bytes& a, std::uint64_t end, std::size_t bytes) {
+  constexpr std::size_t kFixed = 24;
+  constexpr std::uint32_t kSum = 0, kName = 1;
+  LzhNotes notes;
+  std::uint64_t at = kFixed + (bytes == 2 ? 0 : bytes);
+  while (at + bytes <= end && a.has(at, bytes)) {
+    const std::uint32_t size = bytes == 2 ? a.at16(at) : a.at32(at);
+    if (size == 0) {
+      return notes;
+    }
+    at += bytes;
+    if (size <= bytes || !a.has(at, size) || at + size > end) {
+      break;
+    }
+    notes.name = notes.name || a.at8(at) == kName;
+    notes.sum = notes.sum || a.at8(at) == kSum;
+    at += size - bytes;
+  }
+  return {};
+}
+
+LzhNotes notesOfLzh(const Bytes& a) {
+  constexpr std::size_t kLevel = 20, kNameBytes = 21, kName = 22, kSizeOfLevel3 = 24;
+  const std::uint32_t level = a.at8(kLevel);
+  if (level == 2) {
+    return followLzhHeaders(a, a.at16(0), 2);
+  }
+  if (level == 3) {
+    const bool hasSize = a.at16(0) == 4 && a.has(kSizeOfLevel3, 4);
+    return hasSize ? followLzhHeaders(a, a.at32(kSizeOfLevel3), 4) : LzhNotes{};
+  }
+  const std::uint32_t bytes = a.at8(kNameBytes);
+  if (kName + bytes > a.at8(0) || !a.has(kName, bytes)) {
+    return {};
+  }
+  const auto name = a.text(kName, bytes);
+  const auto beforeComment = name.substr(0, name.find('\0'));
+  return {isPrintable(beforeComment) && (!beforeComment.empty() || level == 1), true};
+}
+
+}  // namespace
+
+bool isLzhBehind(const Bytes& a) {
+  constexpr std::size_t kLevel = 20, kFixedOfLevel2 = 26;
+  return isLzh(a) && (a.at8(kLevel) != 2 || a.at16(0) >= kFixedOfLevel2) &&
+         (a.at8(kLevel) != 3 || a.at16(0) == 4);
+}
+
+bool isRefusedLzh(const Bytes& a) {
+  constexpr std::string_view kKnown[] = {"lh0", "lh5", "lh6", "lh7", "lhd", "lz4"};
+  constexpr std::size_t kMethod = 3, kMethodBytes = 3, kPackedSize = 7;
+  if (!isLzh(a) || a.at32(kPackedSize) == 0 || !a.has(0, a.at32(kPackedSize))) {
+    return false;
+  }
+  const auto method = a.text(kMethod, kMethodBytes);
+  const auto last = static_cast<unsigned char>(method.back());
+  const bool isKnown = std::find(std::begin(kKnown), std::end(kKnown), method) != std::end(kKnown);
+  const LzhNotes notes = notesOfLzh(a);
+  return (std::isdigit(last) != 0 || std::islower(last) != 0) && notes.name && !(isKnown && notes.sum);
+}
+
 bool isArc(const Bytes& a) {
   constexpr std::size_t kName = 2, kNameBytes = 13, kHeader = 29;
   if (!a.has(0, kHeader) || a.at8(1) == 0 || a.at8(1) > 9 || !a.has(kHeader, a.at32(15))) {
@@ -170,25 +239,54 @@ bool isArc(const Bytes& a) {
   return length != 0 && length != std::string_view::npos && isPrintable(name.substr(0, length));
 }
 
-bool isArcMember(const Bytes& a) {
-  constexpr std::size_t kName = 2, kNameBytes = 13, kDate = 19, kShortHeader = 25, kHeader = 29;
-  constexpr std::uint32_t kMark = 0x1A, kLastMethod = 9, kLastMonth = 12;
-  if (!isArc(a)) {
+namespace {
+
+// The month comes after five bits of the day; the hour and the minute after five bits of seconds by two.
+bool isDateOfArc(std::uint32_t date, std::uint32_t time) {
+  constexpr std::uint32_t kLastMonth = 12, kLastHour = 23, kLastMinute = 59, kLastSecond = 29;
+  if (date == 0) {
+    return time == 0;
+  }
+  const std::uint32_t day = date & 31U, month = date >> 5U & 15U;
+  return day != 0 && month != 0 && month <= kLastMonth && time >> 11U <= kLastHour &&
+         (time >> 5U & 63U) <= kLastMinute && (time & 31U) <= kLastSecond;
+}
+
+// By the name, the date and the sizes. The content may be cut off.
+bool isArcHeader(const Bytes& a) {
+  constexpr std::uint32_t kMark = 0x1A, kOldStored = 1, kStored = 2, kLastMethod = 9;
+  constexpr std::size_t kName = 2, kNameBytes = 13, kSize = 15, kDate = 19, kTime = 21, kRealSize = 25,
+                        kHeader = 29;
+  if (!a.has(0, kHeader) || a.at8(0) != kMark || a.at8(1) == 0 || a.at8(1) > kLastMethod) {
     return false;
   }
   const auto name = a.text(kName, kNameBytes);
   const auto isOfName = [](char c) { return c > ' ' && c < '\x7F'; };
-  const std::uint32_t day = a.at16(kDate) & 31U, month = a.at16(kDate) >> 5U & 15U;
-  const bool isDate = a.at16(kDate) == 0 || (day != 0 && month != 0 && month <= kLastMonth);
-  const std::uint64_t next = (a.at8(1) == 1 ? kShortHeader : kHeader) + std::uint64_t{a.at32(15)};
-  const bool isPacked = a.at8(1) > 2;  // only when the content gets smaller
-  if (a.at32(15) == 0 || (a.at8(1) > 1 && (isPacked ? a.at32(25) < a.at32(15) : a.at32(25) != a.at32(15)))) {
+  const std::size_t length = name.find('\0');
+  if (length == 0 || length == std::string_view::npos) {
     return false;
   }
-  const bool isLast = next == a.size();
-  const bool isFollowed = a.has(next, 2) && a.at8(next) == kMark && a.at8(next + 1) <= kLastMethod;
-  return isDate && (isLast || isFollowed) &&
-         std::all_of(name.begin(), name.begin() + name.find('\0'), isOfName);
+  const auto text = name.substr(0, length);
+  const std::uint32_t method = a.at8(1), size = a.at32(kSize);
+  // Other methods are used only when the content gets smaller.
+  const bool isSize =
+      size != 0 && (method == kOldStored || (method == kStored && a.at32(kRealSize) == size) ||
+                    (method > kStored && a.at32(kRealSize) >= size));
+  return isSize && isDateOfArc(a.at16(kDate), a.at16(kTime)) &&
+         std::all_of(text.begin(), text.end(), isOfName);
+}
+
+}  // namespace
+
+bool isArcMember(const Bytes& a) {
+  constexpr std::size_t kSize = 15, kShortHeader = 25, kHeader = 29;
+  constexpr std::uint32_t kMark = 0x1A;
+  if (!isArcHeader(a)) {
+    return false;
+  }
+  const std::uint64_t next = (a.at8(1) == 1 ? kShortHeader : kHeader) + std::uint64_t{a.at32(kSize)};
+  const bool isEndMark = a.has(next, 2) && a.at8(next) == kMark && a.at8(next + 1) == 0;
+  return next == a.size() || isEndMark || (a.has(next, 2) && isArcHeader(a.from(next)));
 }
 
 bool isWholeArj(const Bytes& a) {

@@ -28,8 +28,13 @@ bool isRar5(const Bytes& a);
 bool isWholeCab(const Bytes& a);
 bool isCab(const Bytes& a);
 bool isLzh(const Bytes& a);
+/// As isLzh, with a size of the header that other programs accept.
+bool isLzhBehind(const Bytes& a);
+/// As isLzh, with a name, and refused by libarchive: it does not know the method, or misses a sum that other
+/// programs do without. The member is not larger than the file.
+bool isRefusedLzh(const Bytes& a);
 bool isArc(const Bytes& a);
-/// As isArc, and the next member, the end mark or the end follows.
+/// As isArc, with a date; the header of the next member, the end mark or the end follows.
 bool isArcMember(const Bytes& a);
 /// An arj to its end mark, all of whose members are packed by methods that libclamav knows.
 bool isWholeArj(const Bytes& a);

@@ -105,9 +105,15 @@ constexpr Magic kMagics[] = {
     {"CL_TYPE_RAR", 0, "Rar!\x1A\x07"sv, Where::kAnywhere, Sign::kLikely, isAnything},
     {"CL_TYPE_MSCAB", 0, "MSCF"sv, Where::kAnywhere, Sign::kCertain, isWholeCab},
     {"CL_TYPE_MSCAB", 0, "MSCF\0\0\0\0"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isCab},
-    {"CL_TYPE_LHA_LZH", 2, "-lh"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzh},
-    {"CL_TYPE_LHA_LZH", 2, "-lz"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzh},
-    {"CL_TYPE_LHA_LZH", 2, "-pm"sv, Where::kAnywhere, Sign::kCertainAtBeginning, isLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-lh"sv, Where::kBeginning, Sign::kCertain, isLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-lh"sv, Where::kBehind, Sign::kLikely, isLzhBehind},
+    {"TAV_LZH", 2, "-lh"sv, Where::kBehind, Sign::kCertain, isRefusedLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-lz"sv, Where::kBeginning, Sign::kCertain, isLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-lz"sv, Where::kBehind, Sign::kLikely, isLzhBehind},
+    {"TAV_LZH", 2, "-lz"sv, Where::kBehind, Sign::kCertain, isRefusedLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-pm"sv, Where::kBeginning, Sign::kCertain, isLzh},
+    {"CL_TYPE_LHA_LZH", 2, "-pm"sv, Where::kBehind, Sign::kLikely, isLzhBehind},
+    {"TAV_LZH", 2, "-pm"sv, Where::kBehind, Sign::kCertain, isRefusedLzh},
     {"TAV_ZIPSTREAM", 0, "PK\3\4"sv, Where::kBehind, Sign::kLikely, isZipMember},
     {"TAV_SQUASHFS", 0, "hsqs"sv, Where::kAnywhere, Sign::kCertain, isSquashFs},
     {"TAV_SQUASHFS", 0, "sqsh"sv, Where::kAnywhere, Sign::kCertain, isSquashFs},
@@ -243,6 +249,11 @@ bool isTarOrCpio(Reader reader) {
   return reader == Reader::kTar || reader == Reader::kCpio;
 }
 
+// Each member has a header like that of the archive.
+bool isMadeOfMembers(Reader reader) {
+  return isTarOrCpio(reader) || reader == Reader::kLha;
+}
+
 // The magic bytes that are searched behind the beginning. Each has a bit. The tables tell, for a byte, which
 // magics have this byte as their first, second and third. The end record of a zip is one more, and so is the
 // end of a tar's checksum: a digit and a zero byte.
@@ -263,6 +274,7 @@ class Search {
   const Row& row(int bit) const { return rows_.at(static_cast<std::size_t>(bit)); }
   Bits certain() const { return certain_; }
   Bits tarAndCpio() const { return tarAndCpio_; }
+  Bits lzh() const { return lzh_; }
   Bits at(const unsigned char* bytes) const {
     return first_[bytes[0]] & second_[bytes[1]] & third_[bytes[2]];
   }
@@ -298,6 +310,7 @@ class Search {
     rows_.at(count_++) = row;
     certain_ |= isCertain ? bit : 0;
     tarAndCpio_ |= row.kind != nullptr && isTarOrCpio(row.kind->reader) ? bit : 0;
+    lzh_ |= row.kind != nullptr && row.kind->reader == Reader::kLha ? bit : 0;
     first_[static_cast<unsigned char>(bytes[0])] |= bit;
     for (std::size_t c = 0; c < third_.size(); ++c) {
       const auto fits = [&](std::size_t i) {
@@ -311,13 +324,14 @@ class Search {
   std::array<Bits, 256> first_{}, second_{}, third_{};
   std::array<Row, kMostRows> rows_{};
   std::size_t count_ = 0;
-  Bits certain_ = 0, tarAndCpio_ = 0;
+  Bits certain_ = 0, tarAndCpio_ = 0, lzh_ = 0;
 };
 
 // What is searched for behind the beginning.
 struct Wanted {
-  bool onlyCertain = false;  // and tar and cpio
+  bool onlyCertain = false;  // of the kinds that are not named here
   bool tarAndCpio = true;
+  bool lzh = true;
 };
 
 // Lists the archives behind the beginning of one layer.
@@ -328,9 +342,11 @@ class Behind {
 
   void add() {
     const Search& search = Search::instance();
-    const Search::Bits wanted =
-        ((wanted_.onlyCertain ? search.certain() : ~Search::Bits{0}) & ~search.tarAndCpio()) |
-        (wanted_.tarAndCpio ? search.tarAndCpio() : 0);
+    const Search::Bits named =
+        (wanted_.tarAndCpio ? search.tarAndCpio() : 0) | (wanted_.lzh ? search.lzh() : 0);
+    const Search::Bits others =
+        (wanted_.onlyCertain ? search.certain() : ~Search::Bits{0}) & ~(search.tarAndCpio() | search.lzh());
+    const Search::Bits wanted = named | others;
     const auto* bytes = reinterpret_cast<const unsigned char*>(layer_.text(0, layer_.size()).data());
     const std::size_t end = layer_.size();
     for (std::size_t at = 1; at + 2 < end; ++at) {
@@ -379,13 +395,13 @@ class Behind {
     addPart({row.kind, offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored, {}});
   }
 
-  // Each member of a tar or a cpio has a header. Those of a tar stand at multiples of the block.
+  // Each member of a tar, a cpio or an lzh has a header. Those of a tar stand at multiples of the block.
   bool addToLast(const ArchiveKind* kind, std::uint64_t at) {
     const auto last = std::find_if(contents_.parts.rbegin(), contents_.parts.rend(), [&](const Part& part) {
       return part.kind->reader == kind->reader && part.offset > 0 && part.offset < at &&
-             (kind->reader == Reader::kCpio || (at - part.offset) % kTarBlock == 0);
+             (kind->reader != Reader::kTar || (at - part.offset) % kTarBlock == 0);
     });
-    if (!isTarOrCpio(kind->reader) || last == contents_.parts.rend()) {
+    if (!isMadeOfMembers(kind->reader) || last == contents_.parts.rend()) {
       return false;
     }
     if (contents_.later >= kMostLater) {
@@ -453,18 +469,22 @@ bool isArchive(const Part& part) {
   return part.failure == Failure::kCounts;
 }
 
-// A tar or a cpio: each member has a header like that of the archive.
-bool isMadeOfMembers(const ArchiveKind* kind, const Contents& contents) {
-  return (kind != nullptr && isTarOrCpio(kind->reader)) ||
-         std::any_of(contents.parts.begin(), contents.parts.end(),
-                     [](const Part& part) { return isArchive(part) && isTarOrCpio(part.kind->reader); });
-}
-
 // Whether the bytes behind the beginning of the layer are searched for certain signs only. Of the kinds that
 // libclamav alone unpacks, other programs may unpack what lies between the members.
 bool isSearchedForCertainSigns(const ArchiveKind* kind, const Contents& contents) {
   return (kind != nullptr && (isReadByLibarchive(*kind) || mayBeInPieces(kind->type))) ||
          std::any_of(contents.parts.begin(), contents.parts.end(), isArchive);
+}
+
+// What the layer is must not be searched for again: its members.
+Wanted wantedIn(const ArchiveKind* kind, const Contents& contents) {
+  const auto isAny = [&](auto&& isOf) {
+    return (kind != nullptr && isOf(kind->reader)) ||
+           std::any_of(contents.parts.begin(), contents.parts.end(),
+                       [&](const Part& part) { return isArchive(part) && isOf(part.kind->reader); });
+  };
+  return {isSearchedForCertainSigns(kind, contents), !isAny(isTarOrCpio),
+          !isAny([](Reader reader) { return reader == Reader::kLha; })};
 }
 
 // The library loses what it has unpacked when other bytes follow the end of an xz or a zst. Each stream has
@@ -499,8 +519,7 @@ Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind) {
   const Bytes layer(data, size);
   Contents contents;
   addBeginning(layer, contents);
-  Behind behind(layer, {isSearchedForCertainSigns(kind, contents), !isMadeOfMembers(kind, contents)},
-                contents);
+  Behind behind(layer, wantedIn(kind, contents), contents);
   if (isTar(layer)) {
     behind.followTarFrom(0);
   }

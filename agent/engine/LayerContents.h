@@ -18,8 +18,8 @@ struct Part {
   const ArchiveKind* kind = nullptr;
   std::uint64_t offset = 0;
   Failure failure = Failure::kCounts;
-  /// Of a tar or cpio behind the beginning: where else one may begin, from `offset`, in order. Mostly the
-  /// members of the first.
+  /// Of a tar, cpio or lzh behind the beginning: where else one may begin, from `offset`, in order. Mostly
+  /// the members of the first.
   std::vector<std::uint64_t> later;
   std::uint64_t size = ~std::uint64_t{0};  ///< at most
 };
@@ -36,8 +36,8 @@ struct Contents {
 
 /// Finds archives by their magic bytes, whatever type libclamav gives the layer. kind: libclamav's for the
 /// layer; null: no archive. Behind the beginning of an archive, only kinds with certain signs are listed, and
-/// tar and cpio, which other programs search for in any file. Zip files with a directory are not listed as
-/// such: ZipAudit.h finds them by their end. Never reads outside the buffer.
+/// tar, cpio and lzh, which other programs search for in any file. Zip files with a directory are not listed
+/// as such: ZipAudit.h finds them by their end. Never reads outside the buffer.
 Contents lookInto(const char* data, std::size_t size, const ArchiveKind* kind);
 
 }  // namespace agent

@@ -68,15 +68,15 @@ std::string oldTar() {
   return archiveOf({{"test.com", eicar()}}, "v7tar");
 }
 
-// A header of level 0. The sum of the content is not tested by the unpackers' listing.
-std::string makeLzh(const std::string& content, const std::string& method) {
-  const auto number = [](std::size_t value, int bytes) {
-    std::string text;
-    for (int i = 0; i < bytes; ++i) {
-      text += static_cast<char>(value >> (8 * i) & 0xFF);
-    }
-    return text;
-  };
+std::string number(std::size_t value, int bytes) {
+  std::string text;
+  for (int i = 0; i < bytes; ++i) {
+    text += static_cast<char>(value >> (8 * i) & 0xFF);
+  }
+  return text;
+}
+
+std::string sumOfLzh(const std::string& content) {
   unsigned crc = 0;
   for (const char c : content) {
     crc ^= static_cast<unsigned char>(c);
@@ -84,13 +84,44 @@ std::string makeLzh(const std::string& content, const std::string& method) {
       crc = (crc & 1U) != 0 ? crc >> 1 ^ 0xA001U : crc >> 1;
     }
   }
-  const std::string header = method + number(content.size(), 4) + number(content.size(), 4) +
-                             std::string(4, '\0') + " \0"s + "\1a" + number(crc, 2);
+  return number(crc, 2);
+}
+
+std::string beginningOfLzh(const std::string& content, const std::string& method) {
+  return method + number(content.size(), 4) + number(content.size(), 4) + std::string(4, '\0') + " ";
+}
+
+// A header of level 0. The sum of the content is not tested by the unpackers' listing.
+std::string makeLzh(const std::string& content, const std::string& method) {
+  const std::string header = beginningOfLzh(content, method) + "\0\1a"s + sumOfLzh(content);
   unsigned sum = 0;
   for (const char c : header) {
     sum += static_cast<unsigned char>(c);
   }
   return number(header.size(), 1) + number(sum, 1) + header + content;
+}
+
+enum class LzhSum : std::uint8_t { kNone, kOfHeader };
+
+// A header of level 2 or 3, and behind it those of its sum and of the name.
+std::string makeNewLzh(const std::string& content, const std::string& method, char level,
+                       LzhSum sum = LzhSum::kOfHeader) {
+  const int bytes = level == 2 ? 2 : 4;  // of a size
+  std::string behind;
+  for (const std::string& header : {"\0\0\0"s, "\1a"s}) {
+    if (sum == LzhSum::kOfHeader || header[0] != '\0') {
+      behind += number(header.size() + static_cast<std::size_t>(bytes), bytes) + header;
+    }
+  }
+  behind += number(0, bytes);
+  const std::string fixed = beginningOfLzh(content, method) + level + sumOfLzh(content) + "U";
+  const std::size_t size = 2 + fixed.size() + (level == 2 ? 0 : 4) + behind.size();
+  std::string header =
+      number(level == 2 ? size : 4, 2) + fixed + (level == 2 ? ""s : number(size, 4)) + behind;
+  if (sum == LzhSum::kOfHeader) {
+    header.replace(size - behind.size() + static_cast<std::size_t>(bytes) + 1, 2, sumOfLzh(header));
+  }
+  return header + content;
 }
 
 // Every byte stands for itself.
@@ -206,6 +237,46 @@ TEST_F(EngineLayers, EachMemberOfAnLzhIsScannedOrAnError) {
   expectError({"first unknown", makeLzh("packed by no one", "-pm1-") + end}, "lzh");
   expectError({"cut off", harmless + makeLzh(noise(1000), "-lh0-").substr(0, 500)}, "lzh");
   expectFound({"behind text", "some text\n" + makeLzh(eicar(), "-lh0-") + end});
+}
+
+// Stored and not packed, the test file would be found in the raw bytes.
+TEST_F(EngineLayers, AnLzhBehindAnArchiveOfAnotherKindIsFound) {
+  const testsupport::SevenZipMember harmless{"a.txt", std::string(1, '\0'), "some text", 9};
+  const Row fronts[] = {{"7z", testsupport::makeSevenZip({harmless})},
+                        {"zip", makeZip({{"a.txt", "some text"}})},
+                        {"iso", archiveOf({{"a", "some text"}}, "iso9660")},
+                        {"rar", testsupport::makeRar("a.txt", "some text")}};
+  const std::string end(1, '\0'), first = makeLzh("some text", "-lh0-"), packed = packedBy("gzip", eicar()),
+                                  second = makeLzh(packed, "-lh0-");
+  for (const auto& [what, front] : fronts) {
+    expectFound({what, front + second + end});
+    expectFound({what, front + first + second + end});
+    expectFound({what, front + first + "some text" + second + end});
+    expectFound({what, front + makeNewLzh(packed, "-lh0-", 2) + end});
+    expectFound({what, front + makeNewLzh(packed, "-lh0-", 3) + end});
+    expect(Outcome::kSkipped, {what, front + makeLzh("packed by no one", "-lh1-") + end}, "(lzh)");
+  }
+}
+
+// libarchive does not know the method, or wants a sum of the header that other programs do without.
+TEST_F(EngineLayers, AnLzhThatLibarchiveRefusesBehindAnythingIsSkipped) {
+  const std::string end(1, '\0'), content = "packed by no one";
+  for (const std::string& front : {"some text\n"s, "%PDF-1.4\n"s, testsupport::readFile("/bin/true")}) {
+    for (const char* method : {"-lh1-", "-lzs-", "-pm2-"}) {
+      for (const std::string& lzh :
+           {makeLzh(content, method), makeNewLzh(content, method, 2), makeNewLzh(content, method, 3),
+            makeNewLzh(content, "-lh0-", 2, LzhSum::kNone), makeNewLzh(content, "-lh0-", 3, LzhSum::kNone)}) {
+        expect(Outcome::kSkipped, {method, front + lzh + end}, "(lzh)");
+        expect(Outcome::kSkipped, {method, front + makeLzh("some text", "-lh0-") + lzh + end}, "(lzh)");
+        expectClean({"cut off", front + lzh.substr(0, 20)});
+      }
+    }
+  }
+  std::string noSum = makeLzh(content, "-lh1-");
+  ++noSum[1];
+  expectClean({"a wrong sum", "some text\n" + noSum + end});
+  expectClean(
+      {"a table of methods", "some text\n-lh0-\0-lh1-\0-lh2-\0-lh3-\0-lh4-\0-lhd-\0-lzs-\0-pm2-"s + end});
 }
 
 TEST_F(EngineLayers, HeadersThatOtherProgramsAcceptAreFollowedBehindText) {

@@ -217,8 +217,21 @@ TEST_F(EngineStreams, AnArcBehindAnythingIsSkipped) {
     expectOutcome(Outcome::kSkipped, "behind", front + arc);
     expectOutcome(Outcome::kSkipped, "between", front + arc + noise(300));
     expectOutcome(Outcome::kSkipped, "without its end mark", front + arc.substr(0, arc.size() - 2));
+    const std::string two = arc.substr(0, arc.size() - 2) + arc;
+    expectOutcome(Outcome::kSkipped, "two members", front + two);
+    expectOutcome(Outcome::kSkipped, "the second cut off", front + two.substr(0, two.size() - 5));
   }
   expectOutcome(Outcome::kClean, "no arc", kFront + arc.substr(0, 20) + kBehind);
+}
+
+// Compiled units hold names behind the mark's byte, one after the other.
+TEST_F(EngineStreams, NamesThatLookLikeMembersOfAnArcAreClean) {
+  const std::string arc = arcOf("some text"), first = arc.substr(0, arc.size() - 2);
+  expectOutcome(Outcome::kClean, "a name behind",
+                kFront + first + "\x1A\x08TOSTRING6!" + std::string(40, '\0'));
+  std::string noTime = arc;
+  noTime[19] = noTime[20] = '\0';
+  expectOutcome(Outcome::kClean, "a time without a date", kFront + noTime);
 }
 
 TEST_F(EngineStreams, AnExtBehindAProgramIsSkipped) {
