@@ -199,6 +199,7 @@ Key KeyDecoder::fromPaste() {
   key.text = std::move(pasteRest_);
   pasteRest_.clear();
   bool idle = false;
+  std::size_t markBegins = 0;  // a dropped mark does not join the bytes around it to a new one
   while (true) {
     const std::size_t undecided = undecidedTail(key.text);
     const bool deliverable = key.text.size() > undecided;
@@ -222,31 +223,34 @@ Key KeyDecoder::fromPaste() {
     } else {
       idle = false;
       key.text += static_cast<char>(input.byte);
-      if (key.text.ends_with(kPasteEnd)) {
+      if (std::string_view(key.text).substr(markBegins).ends_with(kPasteEnd)) {
         key.text.resize(key.text.size() - kPasteEnd.size());
         if (endOfPasteIsReal()) {
           inPaste_ = false;
           return key;
         }
+        markBegins = key.text.size();
       }
     }
   }
 }
 
 /// The terminal sends no byte after its end mark until the user presses a key. Bytes that follow at once and
-/// hold another end mark show that the first mark was pasted text.
+/// hold another end mark show that the first mark was pasted text. The look ends at the next mark, so each
+/// byte of a paste is looked at once, however many marks the paste holds.
 bool KeyDecoder::endOfPasteIsReal() {
   std::string more;
+  bool endsHere = true;
+  bool decided = false;
   unsigned char byte = 0;
-  while (more.size() < kMaxLookAhead && take(kPasteQuietMs, byte)) {
+  while (!decided && take(kPasteQuietMs, byte)) {
     more += static_cast<char>(byte);
+    const bool another = more.ends_with(kPasteEnd) || more.size() >= kMaxLookAhead;
+    endsHere = !another;
+    decided = another || more.ends_with(kPasteStart);
   }
   pushBack(more);
-  if (more.size() >= kMaxLookAhead) {
-    return false;
-  }
-  const std::size_t end = more.find(kPasteEnd);
-  return end == std::string::npos || more.find(kPasteStart) < end;
+  return endsHere;
 }
 
 }  // namespace lineeditor

@@ -268,6 +268,31 @@ TEST_F(ReadLine, AnEndMarkWithMoreBytesBehindItThanAreLookedThroughIsPastedText)
       << "nothing was accepted before this Enter";
 }
 
+/// A look through the rest of the paste at each mark would take hours.
+TEST_F(ReadLine, APasteOfManyEndMarksIsLookedThroughOnce) {
+  std::string marks;
+  for (int i = 0; i < (1 << 19); ++i) {
+    marks += "\033[201~";
+  }
+  EXPECT_EQ(readKeys("\033[200~scan" + marks + "\r quit\033[201~!\r"), "scan  quit!");
+}
+
+/// Each "1~" behind the mark would make a new mark out of the half one before it.
+TEST_F(ReadLine, APasteOfEndMarksInsideEndMarksIsLookedThroughOnce) {
+  std::string halves;
+  std::string rests;
+  for (int i = 0; i < (1 << 17); ++i) {
+    halves += "\033[20";
+    rests += "1~";
+  }
+  terminal().type("\033[200~" + halves + "\033[201~" + rests + "\033[201~\x15!\r");
+  EXPECT_EQ(readKeys(""), "!");
+}
+
+TEST_F(ReadLine, ADroppedEndMarkJoinsNoBytesToANewOne) {
+  EXPECT_EQ(readKeys("\033[200~a\033[20\033[201~1~b\033[201~\r"), "a\033[201~b");
+}
+
 TEST_F(ReadLine, APastedControlCharacterNeverReachesTheTerminal) {
   typeThen("\033[200~\x7f\033[201~", [this] { EXPECT_EQ(terminal().text(), "TAV> ^?"); });
   typeThen("\033[200~\x01\033[201~", [this] { EXPECT_EQ(terminal().text(), "TAV> ^?^A"); });
