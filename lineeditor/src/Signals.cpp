@@ -10,6 +10,7 @@
 
 #include "Sequences.h"
 #include "SignalState.h"
+#include "platform/AlternateSignalStack.h"
 
 namespace lineeditor {
 
@@ -63,12 +64,21 @@ void onFatal(int signal) {
   raise(signal);
 }
 
+/// The same for a fault of the program itself, which the kernel never ignores.
+void onFault(int signal) {
+  onFatal(signal);
+}
+
 struct SignalRow {
   int signal;
   void (*handler)(int);
   unsigned flags;
 };
 
+constexpr unsigned kOnce = SA_RESETHAND | SA_ONSTACK;
+
+/// Each signal whose default action ends the process, and the signals of the terminal. The real-time signals
+/// are handled like SIGUSR1.
 const SignalRow kSignals[] = {
     {SIGHUP, onEnd, 0},
     {SIGTERM, onEnd, 0},
@@ -76,15 +86,45 @@ const SignalRow kSignals[] = {
     {SIGWINCH, onResize, SA_RESTART},
     {SIGCONT, onContinue, SA_RESTART},
     {SIGPIPE, SIG_IGN, 0},
-    {SIGQUIT, onFatal, SA_RESETHAND},
-    {SIGABRT, onFatal, SA_RESETHAND},
+    {SIGQUIT, onFatal, kOnce},
+    {SIGABRT, onFatal, kOnce},
+    {SIGALRM, onFatal, kOnce},
+    {SIGVTALRM, onFatal, kOnce},
+    {SIGPROF, onFatal, kOnce},
+    {SIGUSR1, onFatal, kOnce},
+    {SIGUSR2, onFatal, kOnce},
+    {SIGIO, onFatal, kOnce},
+    {SIGPWR, onFatal, kOnce},
+    {SIGSTKFLT, onFatal, kOnce},
+    {SIGXCPU, onFatal, kOnce},
+    {SIGXFSZ, onFatal, kOnce},
+    {SIGSYS, onFault, kOnce},
+    {SIGTRAP, onFault, kOnce},
 #ifndef TAV_SANITIZED  // the sanitizers handle these signals
-    {SIGSEGV, onFatal, SA_RESETHAND},
-    {SIGBUS, onFatal, SA_RESETHAND},
-    {SIGILL, onFatal, SA_RESETHAND},
-    {SIGFPE, onFatal, SA_RESETHAND},
+    {SIGSEGV, onFault, kOnce},
+    {SIGBUS, onFault, kOnce},
+    {SIGILL, onFault, kOnce},
+    {SIGFPE, onFault, kOnce},
 #endif
 };
+
+/// A signal that was ignored when the process started stays ignored: nohup, a background job of a script.
+bool staysIgnored(const SignalRow& row) {
+  struct sigaction action {};
+  return (row.handler == onEnd || row.handler == onFatal) && sigaction(row.signal, nullptr, &action) == 0 &&
+         action.sa_handler == SIG_IGN;
+}
+
+void install(const SignalRow& row) {
+  if (staysIgnored(row)) {
+    return;
+  }
+  struct sigaction action {};
+  action.sa_handler = row.handler;
+  action.sa_flags = static_cast<int>(row.flags);
+  sigemptyset(&action.sa_mask);
+  sigaction(row.signal, &action, nullptr);
+}
 
 }  // namespace
 
@@ -94,17 +134,12 @@ void installSignalHandlers() {
     wakeWrite.store(ends[1]);
     wakeRead.store(ends[0]);
   }
+  static const platform::AlternateSignalStack stack;
   for (const SignalRow& row : kSignals) {
-    struct sigaction action {};
-    if (row.handler == onEnd && sigaction(row.signal, nullptr, &action) == 0 &&
-        action.sa_handler == SIG_IGN) {
-      continue;  // started by nohup, or as a background job of a script
-    }
-    action = {};
-    action.sa_handler = row.handler;
-    action.sa_flags = static_cast<int>(row.flags);
-    sigemptyset(&action.sa_mask);
-    sigaction(row.signal, &action, nullptr);
+    install(row);
+  }
+  for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal) {
+    install({signal, onFatal, kOnce});
   }
 }
 

@@ -23,11 +23,22 @@ namespace {
 const char* const kWords[][2] = {{"SCAN", "扫描"},         {"CONFIG", "设置"},          {"CACHE", "缓存管理"},
                                  {"HELP", "显示帮助信息"}, {"HISTORY", "显示命令历史"}, {"QUIT", nullptr}};
 
+volatile bool endless = true;
+
+int overflowStack(int depth) {
+  volatile char room[4096];
+  room[0] = static_cast<char>(depth);
+  return endless ? overflowStack(depth + 1) + room[0] : depth;
+}
+
 int completeWords(const char* text, lineeditor::CompletionState* state) {
   const std::string before = text;
   if (before == "PATH ") {
     lineeditor::setHint(state, " [string]", lineeditor::kWhiteOnCyan);
     return 1;
+  }
+  if (before == "overflow ") {
+    return overflowStack(0);
   }
   if (before == "many ") {
     for (int i = 0; i < 200; ++i) {
@@ -58,7 +69,7 @@ void showKeys() {
 
 volatile std::sig_atomic_t goOn = 0;
 
-/// SIGUSR1 ends "!busy", and so does a signal that ends the console.
+/// SIGURG ends "!busy", and so does a signal that ends the console.
 void endBusy(int /*signal*/) {
   goOn = 1;
 }
@@ -96,7 +107,7 @@ int main(int argc, char** argv) {
       noticeMs = std::atoi(argv[i + 1]);
     }
   }
-  std::signal(SIGUSR1, endBusy);
+  std::signal(SIGURG, endBusy);
   lineeditor::installSignalHandlers();
   lineeditor::setCompletionHook(completeWords);
   lineeditor::setKeyHelp(showKeys);

@@ -96,7 +96,8 @@ TEST_P(IgnoredSignal, StaysIgnored) {
   program().type("still here\r");
   EXPECT_TRUE(program().waitForText("<still here>"));
 }
-INSTANTIATE_TEST_SUITE_P(, IgnoredSignal, ::testing::Values(SIGHUP, SIGINT, SIGTERM),
+INSTANTIATE_TEST_SUITE_P(, IgnoredSignal,
+                         ::testing::Values(SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGUSR1, SIGALRM),
                          [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
 struct EndRow {
@@ -122,6 +123,19 @@ const EndRow kEnds[] = {
     {"SigtermInACommand", "!busy\r", SIGTERM, true},
     {"SigintInACommand", "!busy\r", SIGINT, true},
     {"Sigquit", "half", SIGQUIT, false},
+    {"Sigalrm", "half", SIGALRM, false},
+    {"Sigvtalrm", "half", SIGVTALRM, false},
+    {"Sigprof", "half", SIGPROF, false},
+    {"Sigusr1", "half", SIGUSR1, false},
+    {"Sigusr2", "half", SIGUSR2, false},
+    {"Sigio", "half", SIGIO, false},
+    {"Sigpwr", "half", SIGPWR, false},
+    {"Sigstkflt", "half", SIGSTKFLT, false},
+    {"Sigxcpu", "half", SIGXCPU, false},
+    {"Sigxfsz", "half", SIGXFSZ, false},
+    {"Sigsys", "half", SIGSYS, false},
+    {"Sigtrap", "half", SIGTRAP, false},
+    {"ARealTimeSignal", "half", SIGRTMIN + 3, false},
 };
 class EditorEnds : public EditorPty, public ::testing::WithParamInterface<EndRow> {};
 
@@ -149,6 +163,17 @@ TEST_P(EditorEnds, LeaveTheTerminalAsItWas) {
 
 INSTANTIATE_TEST_SUITE_P(, EditorEnds, ::testing::ValuesIn(kEnds),
                          [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(EditorPty, AnOverflowOfItsStackLeavesTheTerminalAsItWas) {
+#ifdef TAV_SANITIZED
+  GTEST_SKIP() << "the sanitizers handle the overflow";
+#endif
+  startToPrompt();
+  program().type("overflow \t");
+  EXPECT_EQ(program().wait(), 128 + SIGSEGV) << program().screen().text();
+  expectSettingsAsBefore();
+  EXPECT_GT(program().written().rfind("\033[?2004l"), program().written().rfind("\033[?2004h"));
+}
 
 /// Input from a pipe, whose last line may lack its end; a line that a signal cuts off is another thing.
 TEST(EditorOnAPipe, ToldToEndDoesNotRunHalfALine) {
@@ -274,7 +299,7 @@ TEST_F(EditorPty, ACommandThatIsStoppedAndContinuedLeavesTheSavedSettings) {
   ASSERT_TRUE(program().waitUntil([this](const TerminalScreen&) { return !raw(); }));
   stop();
   program().kill(SIGCONT);
-  program().kill(SIGUSR1);
+  program().kill(SIGURG);
   ASSERT_TRUE(program().waitForPrompt("TAV>"));
   program().type("half");
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
@@ -381,7 +406,7 @@ TEST_F(EditorPty, KeysTypedWhileACommandRunsArriveAtTheNextPrompt) {
   ASSERT_TRUE(program().waitUntil([this](const TerminalScreen&) { return !raw(); }));
   program().type("next line\r");
   program().type("half");
-  program().kill(SIGUSR1);
+  program().kill(SIGURG);
   ASSERT_TRUE(program().waitForText("<next line>")) << program().screen().text();
   ASSERT_TRUE(program().waitForPrompt("TAV> half"));
 }
