@@ -4,8 +4,9 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <exception>
 #include <utility>
+
+#include "platform/AlternateSignalStack.h"
 
 namespace lunet {
 
@@ -16,12 +17,19 @@ constexpr std::chrono::seconds kHandshakeTime{3};
 /// The limit of closing for queued messages to slow receivers.
 constexpr std::chrono::seconds kLinger{1};
 
-/// Threads that start meanwhile block all signals: the program's own threads handle the signals.
+/// The kernel ends a process at once, without its handler, for a fault of a thread that blocks the signal.
+constexpr int kFaults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
+
+/// Threads that start meanwhile block all signals but their own faults: the program's own threads handle the
+/// signals.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
     sigset_t all;
     sigfillset(&all);
+    for (const int fault : kFaults) {
+      sigdelset(&all, fault);
+    }
     pthread_sigmask(SIG_SETMASK, &all, &before_);
   }
   ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
@@ -30,6 +38,18 @@ class SignalsBlocked {
 
  private:
   sigset_t before_{};
+};
+
+/// Names the link whose message is being delivered.
+class DeliveringMark {
+ public:
+  DeliveringMark(const IncomingLink*& mark, const IncomingLink& link) : mark_(mark) { mark_ = &link; }
+  ~DeliveringMark() { mark_ = nullptr; }
+  DeliveringMark(const DeliveringMark&) = delete;
+  DeliveringMark& operator=(const DeliveringMark&) = delete;
+
+ private:
+  const IncomingLink*& mark_;
 };
 
 }  // namespace
@@ -156,7 +176,7 @@ OutgoingLink::Answer Core::call(const Guid& target, std::uint32_t channel, const
 }
 
 Error Core::reply(std::uint64_t messageId, const void* data, std::uint32_t length, void* replyContext) {
-  const std::optional<PendingReply> pending = takePending(replyContext);
+  const std::optional<PendingReply> pending = takePending(reinterpret_cast<std::uintptr_t>(replyContext));
   if (!pending || messageId != reinterpret_cast<std::uintptr_t>(replyContext)) {
     return kErrArgument;
   }
@@ -173,28 +193,34 @@ const IncomingLink* Core::currentPeer() const {
 }
 
 void Core::deliver(IncomingLink& link, const FrameHeader& header, std::string_view body) {
-  const bool request = header.kind == FrameKind::kRequest;
+  const Error outcome = runReceiver(link, header, body);
+  if (outcome == kErrNoTarget) {
+    bus_.log.write(BusLogLevel::kWarning, "a message on channel " + std::to_string(header.channel) +
+                                              " from " + describePeer(link.guid(), link.identity()) +
+                                              " has no receiver");
+  }
+  if (outcome != kOk && header.kind == FrameKind::kRequest) {
+    (void)link.answer({.kind = FrameKind::kRefusal, .channel = outcome, .id = header.id}, nullptr);
+  }
+}
+
+/// kErrNoTarget without a receiver; kErrSystem when the receiver threw and has answered nothing.
+Error Core::runReceiver(IncomingLink& link, const FrameHeader& header, std::string_view body) {
   const std::uint64_t messageId = nextMessageId_++;
-  delivering_ = &link;
-  const bool taken = receivers_.with(header.channel, [&](const Receivers::Entry& entry) {
-    void* context = request ? expectReply(link, messageId, header.id) : nullptr;
-    try {
+  const DeliveringMark mark(delivering_, link);
+  bool called = false;
+  try {
+    const bool found = receivers_.with(header.channel, [&](const Receivers::Entry& entry) {
+      void* context = header.kind == FrameKind::kRequest ? expectReply(link, messageId, header.id) : nullptr;
+      called = true;
       entry.receiver->ReceiveCallback(header.channel, messageId, body.data(), header.length, context,
                                       entry.context);
-    } catch (const std::exception& error) {
-      bus_.log.write(BusLogLevel::kError, std::string("a receiver threw: ") + error.what());
-    } catch (...) {
-      bus_.log.write(BusLogLevel::kError, "a receiver threw");
-    }
-  });
-  delivering_ = nullptr;
-  if (taken) {
-    return;
-  }
-  bus_.log.write(BusLogLevel::kWarning, "a message on channel " + std::to_string(header.channel) + " from " +
-                                            describePeer(link.guid(), link.identity()) + " has no receiver");
-  if (request) {
-    (void)link.answer({.kind = FrameKind::kRefusal, .channel = kErrNoTarget, .id = header.id}, nullptr);
+    });
+    return found ? kOk : kErrNoTarget;
+  } catch (...) {
+    logCurrentException(bus_.log, "a receiver threw");
+    const bool answered = called && !takePending(messageId);
+    return answered ? kOk : kErrSystem;
   }
 }
 
@@ -230,9 +256,9 @@ void* Core::expectReply(IncomingLink& link, std::uint64_t messageId, std::uint64
   return reinterpret_cast<void*>(static_cast<std::uintptr_t>(messageId));
 }
 
-std::optional<Core::PendingReply> Core::takePending(void* replyContext) {
+std::optional<Core::PendingReply> Core::takePending(std::uint64_t messageId) {
   const std::lock_guard lock(repliesMutex_);
-  auto node = replies_.extract(reinterpret_cast<std::uintptr_t>(replyContext));
+  auto node = replies_.extract(messageId);
   return node.empty() ? std::nullopt : std::optional<PendingReply>(std::move(node.mapped()));
 }
 
@@ -338,12 +364,13 @@ void Core::forgetDeadLinks() {
 template <class Loop>
 void Core::runLoop(Loop& loop, const char* name) {
   pthread_setname_np(pthread_self(), name);
+  const platform::AlternateSignalStack stack;  // a receiver's overflow reaches the program's handler
   for (;;) {
     try {
       loop.run();
       return;
-    } catch (const std::exception& error) {
-      bus_.log.write(BusLogLevel::kError, std::string(name) + ": " + error.what());
+    } catch (...) {
+      logCurrentException(bus_.log, name);
     }
   }
 }

@@ -66,8 +66,9 @@ class Core {
   };
 
   void admit(AcceptedPeer peer);
+  Error runReceiver(IncomingLink& link, const FrameHeader& header, std::string_view body);
   void* expectReply(IncomingLink& link, std::uint64_t messageId, std::uint64_t callId);
-  std::optional<PendingReply> takePending(void* replyContext);
+  std::optional<PendingReply> takePending(std::uint64_t messageId);
 
   std::shared_ptr<Target> targetAt(const Guid& guid);
   template <class Dial>

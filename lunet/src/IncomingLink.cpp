@@ -99,7 +99,11 @@ void IncomingLink::deliverFrames() {
       endWith("a frame that a caller does not send");
       return;
     }
-    core_.deliver(*this, reader_.header(), reader_.body());
+    try {
+      core_.deliver(*this, reader_.header(), reader_.body());
+    } catch (...) {  // this message is lost, the later ones are not
+      logCurrentException(log_, "a message is lost");
+    }
   }
   if (next == FrameReader::Next::kBad) {
     endWith(reader_.defect());
@@ -108,9 +112,13 @@ void IncomingLink::deliverFrames() {
 
 /// reason: null for an orderly end.
 void IncomingLink::endWith(const char* reason) {
-  if (reason != nullptr) {
-    log_.write(BusLogLevel::kError,
-               "the connection from " + describePeer(guid_, identity_) + " is closed: " + reason);
+  try {
+    if (reason != nullptr) {
+      log_.write(BusLogLevel::kError,
+                 "the connection from " + describePeer(guid_, identity_) + " is closed: " + reason);
+    }
+  } catch (...) {
+    logCurrentException(log_, "a connection is closed");
   }
   close();
 }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <utility>
 
 #include "platform/Files.h"
@@ -129,6 +130,19 @@ void Log::rotate() {
     }
   }
   file_.reset();
+}
+
+void logCurrentException(Log& log, const char* what) noexcept {
+  try {
+    try {
+      throw;
+    } catch (const std::exception& error) {
+      log.write(BusLogLevel::kError, std::string(what) + ": " + error.what());
+    } catch (...) {
+      log.write(BusLogLevel::kError, what);
+    }
+  } catch (...) {  // NOLINT(bugprone-empty-catch): no memory for the line
+  }
 }
 
 }  // namespace lunet

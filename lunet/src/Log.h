@@ -48,4 +48,7 @@ class Log {
   platform::Descriptor file_;
 };
 
+/// For a catch block: writes the exception as an error, "<what>: <its text>".
+void logCurrentException(Log& log, const char* what) noexcept;
+
 }  // namespace lunet

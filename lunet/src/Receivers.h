@@ -26,19 +26,32 @@ class Receivers {
   /// True in a callback, on the thread that runs it.
   bool callsHere();
 
-  /// Runs `call(entry)` for the channel's receiver; false without a receiver. On the delivery thread.
+  /// Runs `call(entry)` for the channel's receiver; false without a receiver. On the delivery thread. An
+  /// exception of the call passes through.
   template <class Callable>
   bool with(std::uint32_t channel, Callable call) {
     const std::optional<Entry> entry = begin(channel);
     if (!entry) {
       return false;
     }
+    const Running running(*this);
     call(*entry);
-    end();
     return true;
   }
 
  private:
+  /// Ends the call, whichever way it ends.
+  class Running {
+   public:
+    explicit Running(Receivers& receivers) : receivers_(receivers) {}
+    ~Running() { receivers_.end(); }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+   private:
+    Receivers& receivers_;
+  };
+
   std::optional<Entry> begin(std::uint32_t channel);
   void end();
 

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -59,6 +60,7 @@ void SocketSet::remove(int fd, std::uint64_t key) {
 void SocketSet::dispatch(int timeoutMs) {
   std::array<epoll_event, 64> events;  // NOLINT: the kernel fills the part that is read
   const int count = epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
+  std::exception_ptr failure;
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
     std::shared_ptr<Watched> watched;
@@ -67,9 +69,16 @@ void SocketSet::dispatch(int timeoutMs) {
       const auto found = watched_.find(event.data.u64);
       watched = found == watched_.end() ? nullptr : found->second.lock();
     }
-    if (watched) {
-      watched->onReady(event.events);
+    try {
+      if (watched) {
+        watched->onReady(event.events);
+      }
+    } catch (...) {
+      failure = std::current_exception();
     }
+  }
+  if (failure) {
+    std::rethrow_exception(failure);
   }
 }
 
@@ -78,9 +87,18 @@ Watcher::Watcher(asio::io_context& io)
 
 void Watcher::start() {
   waiting_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code& error) {
-    if (!error) {
+    if (error) {
+      return;
+    }
+    std::exception_ptr failure;
+    try {
       dispatch(0);
-      start();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    start();
+    if (failure) {
+      std::rethrow_exception(failure);
     }
   });
 }

@@ -12,7 +12,7 @@
 
 namespace lunet {
 
-/// Is called when a watched socket is ready. Must not throw.
+/// Is called when a watched socket is ready.
 class Watched {
  public:
   virtual void onReady(std::uint32_t events) = 0;
@@ -31,7 +31,8 @@ class SocketSet {
   void add(int fd, std::uint32_t events, std::weak_ptr<Watched> watched, std::uint64_t& key);
   void change(int fd, std::uint64_t key, std::uint32_t events);
   void remove(int fd, std::uint64_t key);
-  /// Waits (-1: without limit) and calls the objects of ready sockets. The set's own thread.
+  /// Waits (-1: without limit) and calls the objects of ready sockets. The set's own thread. An exception of
+  /// one object is thrown after the calls of the others.
   void dispatch(int timeoutMs);
   int fd() const { return set_.get(); }
 
@@ -46,7 +47,7 @@ class SocketSet {
 class Watcher : public SocketSet {
  public:
   explicit Watcher(asio::io_context& io);
-  void start();
+  void start();  ///< from now on io.run() dispatches; an exception of an object leaves run()
 
  private:
   asio::posix::stream_descriptor waiting_;

@@ -394,3 +394,31 @@ TEST_F(ClientTest, ItsThreadsTakeNoSignalsOfTheProgram) {
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &own), 0);
   EXPECT_EQ(sigismember(&own, SIGTERM), 0) << "the thread that opens keeps its signals";
 }
+
+namespace {
+
+volatile bool endless = true;
+
+int overflowStack(int depth) {
+  volatile char room[4096];
+  room[0] = static_cast<char>(depth);
+  return endless ? overflowStack(depth + 1) + room[0] : depth;
+}
+
+}  // namespace
+
+TEST_F(ClientTest, AReceiverThatOverflowsItsStackReachesTheProgramsHandler) {
+#ifdef TAV_SANITIZED
+  GTEST_SKIP() << "the sanitizers handle the overflow";
+#endif
+  const auto overflow = [this] {
+    struct sigaction action {};
+    action.sa_handler = [](int) { _exit(0); };
+    action.sa_flags = SA_ONSTACK;
+    sigaction(SIGSEGV, &action, nullptr);
+    Client client(config());
+    Endpoint server(client, agent, [](Endpoint&, const Message&) { overflowStack(0); });
+    Endpoint(client, newGuid()).call(server.guid(), "x");
+  };
+  EXPECT_EXIT((overflow(), _exit(1)), testing::ExitedWithCode(0), "");
+}

@@ -1,3 +1,5 @@
+#include "Receivers.h"
+
 #include <gtest/gtest.h>
 
 #include "BusFixture.h"
@@ -130,6 +132,30 @@ TEST_F(ReceiversTest, AReceiverThatThrowsHarmsNobody) {
   caller.send(server.guid(), "throw");
   caller.send(server.guid(), "throw a number");
   EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+}
+
+TEST_F(ReceiversTest, ARequestWhoseReceiverThrowsIsRefusedAtOnce) {
+  Endpoint server(client, newGuid(),
+                  [](Endpoint&, const Message&) { throw std::runtime_error("thrown by a test"); });
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(server.guid(), "x").error, lunet::kErrSystem);
+}
+
+TEST_F(ReceiversTest, ARequestThatWasAnsweredBeforeItsReceiverThrewKeepsItsAnswer) {
+  Endpoint server(client, newGuid(), [](Endpoint& self, const Message& message) {
+    echo(self, message);
+    throw std::runtime_error("thrown by a test");
+  });
+  Endpoint caller(client, newGuid());
+  EXPECT_EQ(caller.call(server.guid(), "x").data, "x");
+  EXPECT_EQ(caller.call(server.guid(), "y").data, "y");
+}
+
+TEST(ReceiversList, ACallThatThrowsLeavesNoMarkOfARunningCall) {
+  lunet::Receivers receivers;
+  receivers.add(5, {});
+  EXPECT_THROW(receivers.with(5, [](const auto&) { throw std::bad_alloc(); }), std::bad_alloc);
+  EXPECT_FALSE(receivers.callsHere());
 }
 
 TEST_F(ReceiversTest, AReceiverMayBeRegisteredBeforeOpening) {

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <system_error>
 
 #include "SocketSet.h"
@@ -65,6 +66,26 @@ TEST_F(SocketSetTest, WhatAnotherThatIsReadyAtTheSameTimeRemovesIsNotNotifiedAny
   other->then = [&] { remove(one); };
   set.dispatch(0);
   EXPECT_EQ(one->notified + other->notified, 1);
+}
+
+TEST_F(SocketSetTest, AnExceptionOfOneKeepsNoOtherFromItsEvent) {
+  const auto one = addOne();
+  const auto other = addOne();
+  one->then = other->then = [] { throw std::runtime_error("thrown by a test"); };
+  EXPECT_THROW(set.dispatch(0), std::runtime_error);
+  EXPECT_EQ(one->notified + other->notified, 2);
+}
+
+TEST(WatcherTest, StillWatchesAfterAnException) {
+  asio::io_context io;
+  lunet::Watcher watcher(io);
+  watcher.start();
+  const auto one = std::make_shared<Ready>();
+  watcher.add(one->fd.get(), EPOLLIN, one, one->key);
+  one->then = [] { throw std::runtime_error("thrown by a test"); };
+  EXPECT_THROW(io.run_one(), std::runtime_error);
+  EXPECT_THROW(io.run_one(), std::runtime_error);
+  EXPECT_EQ(one->notified, 2);
 }
 
 }  // namespace
