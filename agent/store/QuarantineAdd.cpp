@@ -79,7 +79,7 @@ platform::Expected<Remark> Quarantine::add(const QuarantineRequest& request) {
 platform::Expected<Remark> Quarantine::remove(const QuarantineRequest& request) {
   try {
     deletions_.run(request);
-    return "deleted";
+    return {};
   } catch (const std::exception& error) {
     return platform::failure(error.what());
   }

@@ -147,6 +147,7 @@ void DetectionHandler::handleFile(const DetectedFile& detected) {
   const std::string& path = detected.file->path;
   json::HandleResult result = json::HandleResult::kReportedOnly;
   std::string reason;
+  bool deleted = false;
   if (context_.plan.action == json::HandleAction::kNothing) {
     context_.counters.leftAlone();
   } else {
@@ -154,12 +155,14 @@ void DetectionHandler::handleFile(const DetectedFile& detected) {
     result = removed ? json::HandleResult::kQuarantined : json::HandleResult::kFailed;
     reason = removed ? *removed : removed.error();
     removed ? context_.counters.fixed() : context_.counters.fixFailed();
-    AGENT_LOG(LogLevel::kWarning, "%s: %s %s", path.c_str(),
-              removed ? "taken away" : "not handled:", reason.c_str());
-    context_.store.audit(context_.caller, "handle detection", path, removed ? "taken away" : reason);
+    deleted = removed && context_.plan.action == json::HandleAction::kDelete;
+    const char* done = deleted ? "deleted" : "taken away";
+    AGENT_LOG(LogLevel::kWarning, "%s: %s %s", path.c_str(), removed ? done : "not handled:", reason.c_str());
+    context_.store.audit(context_.caller, "handle detection", path, removed ? done : reason);
   }
+  const std::int64_t now = std::time(nullptr);
   context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(detected),
-                           repairResult(result, reason, std::time(nullptr)));
+                           deleted ? deletedResult(now) : repairResult(result, reason, now));
 }
 
 platform::Expected<Remark> DetectionHandler::remove(const DetectedFile& detected) {

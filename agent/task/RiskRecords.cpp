@@ -22,6 +22,8 @@ constexpr ResultText kResultTexts[] = {
     {json::HandleResult::kTrusted, "已信任"},
 };
 
+constexpr const char* kDeletedText = "已删除";
+
 std::string otherNames(const Verdict& verdict) {
   std::string names;
   for (std::size_t i = 1; i < verdict.detections.size(); ++i) {
@@ -115,6 +117,12 @@ Json::Value repairResult(json::HandleResult result, const std::string& reason, s
   record.handle_time = whenSec;
   Json::Value value;
   record.ToValue(value);
+  return value;
+}
+
+Json::Value deletedResult(std::int64_t whenSec) {
+  Json::Value value = repairResult(json::HandleResult::kQuarantined, "", whenSec);
+  value["handle_detail"] = kDeletedText;
   return value;
 }
 

@@ -29,6 +29,8 @@ Json::Value processRiskInfo(const RunningProgram& program, const DetectedFile& d
                             const std::string& riskId);
 /// JsonReflect::RiskRepairResult. reason: one line, or empty.
 Json::Value repairResult(json::HandleResult result, const std::string& reason, std::int64_t whenSec);
+/// The same for a file that was deleted for good. The number is that of a quarantined file: both are removed.
+Json::Value deletedResult(std::int64_t whenSec);
 
 /// The creation time in seconds since 1970-01-01; 0 when the file system does not keep one.
 std::int64_t birthTime(int fd);

@@ -75,6 +75,19 @@ TEST_F(Handling, TheScannedFileIsRemovedAndNothingIsLeft) {
   EXPECT_TRUE(store_->quarantine().list(std::nullopt).empty());
 }
 
+TEST_F(Handling, ADeletedFileIsToldAsDeletedAndNotAsQuarantined) {
+  const std::string path = folder_.write("d/file", "bad");
+  EXPECT_EQ(handle(scanned(path)), kQuarantined) << "the number says that the file was removed";
+  EXPECT_EQ(told_.handledHow(path), "已删除");
+}
+
+TEST_F(Handling, AQuarantinedFileIsToldAsQuarantined) {
+  plan_.action = json::HandleAction::kQuarantine;
+  const std::string path = folder_.write("d/file", "bad");
+  EXPECT_EQ(handle(scanned(path)), kQuarantined);
+  EXPECT_EQ(told_.handledHow(path), "已隔离");
+}
+
 class HandledBy : public Handling,
                   public testing::WithParamInterface<std::pair<const char*, json::HandleAction>> {};
 
@@ -230,7 +243,7 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
   EXPECT_EQ(counters_.overview("").disposed_risk_count, 2);
   const std::string audit = testsupport::readFile(folder_.at("state/audit.log"));
   const std::string begin = " pid=" + std::to_string(getpid()) + " action=\"handle detection\" object=\"";
-  EXPECT_THAT(audit, HasSubstr(begin + folder_.at("d/file") + "\" outcome=\"taken away\""));
+  EXPECT_THAT(audit, HasSubstr(begin + folder_.at("d/file") + "\" outcome=\"deleted\""));
   EXPECT_THAT(audit,
               HasSubstr(begin + folder_.at("d/gone") + "\" outcome=\"it was changed after it was scanned\""));
 }
