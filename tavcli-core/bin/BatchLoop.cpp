@@ -14,8 +14,8 @@ constexpr std::chrono::seconds kMarkStep{30};
 /// 64 bits: the last step may lead below the range of an int.
 using SecondsLeft = std::int64_t;
 
-BatchEnd endWith(std::uint32_t finalState) {
-  return {finalState == kBusStateClean ? 0 : 1, false};
+BatchEnd endWith(std::uint32_t finalState, SecondsLeft remaining) {
+  return {finalState == kBusStateClean ? 0 : 1, false, remaining};
 }
 
 /// The line with the state of the scan: the exit code of a timeout does not show the state.
@@ -66,7 +66,7 @@ BatchEnd runBatch(const BatchOptions& options, const BatchHost& host, IPause& pa
       end = pause.sleep(kRetryStep);
       remaining -= kRetryStep.count();
     } else {
-      return endWith(state);
+      return endWith(state, remaining);
     }
     if (end == IPause::End::kSignal) {
       return {0, true};

@@ -21,7 +21,8 @@ struct BatchHost {
 /// How an unattended run ended.
 struct BatchEnd {
   int exitCode = 0;
-  bool signalled = false;  ///< a signal ended the run; the exit code has no meaning
+  bool signalled = false;        ///< a signal ended the run; the exit code has no meaning
+  std::int64_t secondsLeft = 0;  ///< of the timeout; negative when the last wait led below
 };
 
 inline constexpr int kExitNoMark = 3;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -19,6 +20,7 @@
 #include "bin/InteractiveLoop.h"
 #include "bin/MarkDirectory.h"
 #include "bin/Pause.h"
+#include "bin/UnattendedOutput.h"
 #include "command/scan/ScanRunState.h"
 #include "json/CppJson.h"
 #include "lineeditor/Signals.h"
@@ -35,6 +37,9 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitInteractiveFailed = -1;
 constexpr int kExitBatchFailed = 2;
+
+/// The shortest wait for the readers of an unattended run's output.
+constexpr std::chrono::seconds kOutputGrace{2};
 
 /// The link to the agent. The destructor takes the link down, whichever way the program ends.
 class Link {
@@ -144,15 +149,15 @@ tl::expected<void, int> takeMark(CGlobalTag& mark, int timeoutSec, IPause& pause
   return tl::unexpected<int>(kExitBatchFailed);
 }
 
-int runMarked(const BatchOptions& options, const ContainerConfig& config, const Surroundings& surroundings,
-              IPause& pause) {
+BatchEnd runMarked(const BatchOptions& options, const ContainerConfig& config,
+                   const Surroundings& surroundings, IPause& pause) {
   CGlobalTag mark(containerGuid(), CGlobalTag::TagConfig::getUserConfig());
   if (const auto taken = takeMark(mark, options.timeoutSec, pause); !taken) {
-    return taken.error();
+    return {taken.error()};
   }
   const std::unique_ptr<Link> link = bringUp(mark, config, surroundings, "uuid gen failed.");
   if (!link) {
-    return kExitBatchFailed;
+    return {kExitBatchFailed};
   }
   AgentWatch watch([&link] { return link->agentAnswers(); }, complain);
   pause.setEverySecond([&watch] { watch.look(); });
@@ -165,10 +170,22 @@ int runMarked(const BatchOptions& options, const ContainerConfig& config, const 
   const BatchEnd end = runBatch(options, host, pause);
   pause.setEverySecond(nullptr);
   watch.lookForReturn();
-  return end.exitCode;
+  return end;
 }
 
-int runUnattended(const std::vector<std::string>& words, const Surroundings& surroundings) {
+/// Waits for a slow reader of the output: after the end of the scan for the rest of the timeout, after
+/// another end for a moment. A signal ends the wait.
+void finishOutput(UnattendedOutput& output, const BatchEnd& end, IPause& pause) {
+  bool written = output.waitUntilWritten(kOutputGrace);
+  for (std::int64_t left = end.signalled ? 0 : end.secondsLeft; left > 0 && !written; --left) {
+    if (pause.sleep(std::chrono::seconds(1)) == IPause::End::kSignal) {
+      return;
+    }
+    written = output.waitUntilWritten({});
+  }
+}
+
+BatchEnd runChecked(const std::vector<std::string>& words, const Surroundings& surroundings, IPause& pause) {
   const auto options = checkBatchOptions(parseCommandLine(words));
   if (!options) {
     if (!options.error().out.empty()) {
@@ -177,13 +194,18 @@ int runUnattended(const std::vector<std::string>& words, const Surroundings& sur
     if (!options.error().err.empty()) {
       complain(options.error().err);
     }
-    return kExitBatchFailed;
+    return {kExitBatchFailed};
   }
+  return runMarked(*options, useInstallTree(), surroundings, pause);
+}
+
+int runUnattended(const std::vector<std::string>& words, const Surroundings& surroundings) {
   const std::unique_ptr<IPause> pause = surroundings.makePause();
-  const int exitCode = runMarked(*options, useInstallTree(), surroundings, *pause);
-  std::fflush(stdout);
+  UnattendedOutput output;
+  const BatchEnd end = runChecked(words, surroundings, *pause);
+  finishOutput(output, end, *pause);
   pause->endBySignal();
-  return exitCode;
+  return end.exitCode;
 }
 
 }  // namespace

@@ -1,12 +1,16 @@
 // Whole unattended runs on the real bus, with an agent that the test plays.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 
 #include "json/Values.h"
+#include "platform/Descriptor.h"
 #include "support/InstallTree.h"
 #include "support/LunetctlAgent.h"
 
@@ -284,6 +288,103 @@ TEST_F(BatchRun, WithoutAReaderOfItsOutputStillWritesTheReport) {
   agent_->state(TaskState::kStarted);
   agent_->state(TaskState::kFinished);
   EXPECT_TRUE(testsupport::waitFor([this] { return std::filesystem::exists(report_); }));
+}
+
+/// Runs whose standard output is a pipe that is full from the beginning.
+class BatchRunOnAFullPipe : public BatchRun {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    pipe_ = platform::Descriptor(open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(pipe_);
+    const std::string filler(4096, '.');
+    while (write(pipe_.get(), filler.data(), filler.size()) > 0) {
+    }
+    ASSERT_EQ(errno, EAGAIN);
+  }
+  void startOnIt(const std::string& timeout, const std::string& more = "") {
+    Process::Options options = tree_.options();
+    options.environment["TAV_TEST_SECOND_MS"] = "10";
+    const std::string command = std::string("exec ") + TAV_BIN_DIR + "/tavcli_quick -scanpath " + scanned_ +
+                                " -logpath " + report_ + " -timeout " + timeout + " >" + path_ + more;
+    console_ = std::make_unique<Process>(std::vector<std::string>{"/bin/sh", "-c", command}, options);
+  }
+  /// Everything that the pipe holds now.
+  std::string taken() {
+    std::string all;
+    char piece[4096];
+    for (ssize_t count = 0; (count = read(pipe_.get(), piece, sizeof piece)) > 0;) {
+      all.append(piece, static_cast<std::size_t>(count));
+    }
+    return all;
+  }
+
+  std::string path_ = tree_.at("full");
+  platform::Descriptor pipe_;
+};
+
+TEST_F(BatchRunOnAFullPipe, EndsBySigterm) {
+  startOnIt("86400");
+  agent_->acceptScan();
+  agent_->state(TaskState::kStarted);
+  console_->kill(SIGTERM);
+  EXPECT_EQ(exitCode(), 128 + SIGTERM);
+  EXPECT_FALSE(std::filesystem::exists(report_));
+}
+
+TEST_F(BatchRunOnAFullPipe, EndsWithItsTimeoutAndTellsSo) {
+  startOnIt("20");
+  agent_->acceptScan();
+  agent_->state(TaskState::kStarted);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(console_->err(), HasSubstr("20 seconds"));
+}
+
+TEST_F(BatchRunOnAFullPipe, EndsWithItsTimeoutAlsoWhenItsErrorsGoThere) {
+  startOnIt("20", " 2>&1");
+  agent_->acceptScan();
+  agent_->state(TaskState::kStarted);
+  EXPECT_EQ(exitCode(), 0);
+}
+
+TEST_F(BatchRunOnAFullPipe, LeavesItsReportAndEndsWithItsTimeout) {
+  startOnIt("100");
+  agent_->acceptScan();
+  agent_->repair("/data/x", "Eicar", 68, json::HandleResult::kReportedOnly);
+  agent_->overview(3, 1);
+  agent_->state(TaskState::kFinished);
+  EXPECT_EQ(exitCode(), 1);
+  EXPECT_THAT(report(), HasSubstr("染毒文件全路径：/data/x\n"));
+}
+
+TEST_F(BatchRunOnAFullPipe, WaitsAfterItsEndForAReaderAndLosesNothing) {
+  startOnIt("86400");
+  agent_->acceptScan();
+  for (int percent = 0; percent < 100; ++percent) {
+    agent_->progress(percent);
+  }
+  agent_->state(TaskState::kFinished);
+  ASSERT_TRUE(testsupport::waitFor([this] { return std::filesystem::exists(report_); }));
+  ASSERT_TRUE(console_->running()) << "its output is not written";
+  std::string all;
+  ASSERT_TRUE(testsupport::waitFor([&] {
+    all += taken();
+    return !console_->running();
+  }));
+  all += taken();
+  EXPECT_THAT(all, HasSubstr("\n扫描进度: 0%\n"));
+  EXPECT_THAT(all, HasSubstr("\n扫描进度: 99%\n"));
+  EXPECT_THAT(all, testing::EndsWith("\n扫描结束\nexitvalue1 = 0x0\nexitvalue2 = 0x20010000\n"));
+  EXPECT_EQ(exitCode(), 0);
+}
+
+TEST_F(BatchRunOnAFullPipe, EndsBySigtermAlsoWhileItWaitsForAReader) {
+  startOnIt("86400");
+  agent_->acceptScan();
+  agent_->state(TaskState::kFinished);
+  ASSERT_TRUE(testsupport::waitFor([this] { return std::filesystem::exists(report_); }));
+  console_->kill(SIGTERM);
+  EXPECT_EQ(exitCode(), 128 + SIGTERM);
 }
 
 class BatchRunSignal : public BatchRun, public testing::WithParamInterface<int> {};
