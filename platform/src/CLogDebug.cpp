@@ -1,22 +1,25 @@
 #include "platform/CLogDebug.h"
 
+#include <fcntl.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
 
+#include "platform/Descriptor.h"
 #include "platform/Files.h"
 #include "platform/Text.h"
 
 namespace {
 
-constexpr std::uint32_t kFolderMode = 0755;
+constexpr std::uint32_t kFolderMode = 0700;
 
 struct State {
   std::mutex lock;
@@ -36,11 +39,25 @@ State& state() {
   return *instance;
 }
 
-/// Only the owner may read the log: its records hold paths and detections.
-spdlog::file_event_handlers privateFile() {
-  spdlog::file_event_handlers handlers;
-  handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { (void)fchmod(fileno(file), 0600); };
-  return handlers;
+/// Makes the folder, and closes an older one to other users: only its owner, and a group that the owner
+/// gives it to, may look for the log.
+platform::Expected<std::string> makeClosedFolder(const std::string& path) {
+  auto folder = CDir::makeForFiles(path, kFolderMode);
+  struct stat st {};
+  if (folder && stat(folder->c_str(), &st) == 0 && st.st_uid == geteuid() && (st.st_mode & S_IRWXO) != 0) {
+    (void)chmod(folder->c_str(), st.st_mode & 07777 & ~static_cast<mode_t>(S_IRWXO));
+  }
+  return folder;
+}
+
+/// Only the owner may read the log: its records hold paths and detections. The file is private before the
+/// sink opens it, so no other user opens it first.
+void makePrivate(const spdlog::filename_t& path) {
+  const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const platform::Descriptor file(open(path.c_str(), flags, 0600));
+  if (!file || fchmod(file.get(), 0600) != 0) {
+    throw spdlog::spdlog_ex("cannot make the log private", errno);
+  }
 }
 
 void openLog(State& s) {
@@ -51,12 +68,14 @@ void openLog(State& s) {
       return;
     }
     // The log is made private: another user must not choose the file that this changes.
-    const auto folder = CDir::makeForFiles(s.path, kFolderMode);
+    const auto folder = makeClosedFolder(s.path);
     if (!folder) {
       return;
     }
+    spdlog::file_event_handlers handlers;
+    handlers.before_open = makePrivate;
     auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(
-        *folder + "/" + s.name + ".log", s.sizeBytes, s.backups, false, privateFile());
+        *folder + "/" + s.name + ".log", s.sizeBytes, s.backups, false, handlers);
     s.logger = std::make_shared<spdlog::logger>(s.name, std::move(sink));
     s.logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %P %t %v");
     s.logger->set_level(spdlog::level::trace);
@@ -162,7 +181,7 @@ void CLogDebug::SetProperty(int property, const std::string& text) {
 platform::Expected<void> CLogDebug::makeFolder() {
   State& s = state();
   const std::lock_guard<std::mutex> guard(s.lock);
-  return CDir::makeForFiles(s.path, kFolderMode).map([](const std::string&) {});
+  return makeClosedFolder(s.path).map([](const std::string&) {});
 }
 
 void CLogDebug::LogPrintV(LogLevel level, const char* source, const char* function, int line,

@@ -1,8 +1,14 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <thread>
@@ -96,7 +102,67 @@ TEST_F(DebugLog, OnlyItsOwnerReadsTheFile) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
-TEST_F(DebugLog, TheFoldersItMakesCanBeEnteredByEverybodyAndWrittenByTheirOwner) {
+/// Another user who tries to open the log all the time, until the object ends. Counts the times that worked.
+class Outsider {
+ public:
+  Outsider(const std::string& folder, gid_t group) {
+    opened_ = static_cast<std::atomic<int>*>(
+        mmap(nullptr, 2 * sizeof(*opened_), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    process_ = fork();
+    if (process_ == 0) {
+      const bool is = setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(60100) == 0;
+      while (is && getppid() != 1) {
+        for (const char* name : {"/unit.log", "/unit.1.log"}) {
+          const int file = open((folder + name).c_str(), O_RDONLY | O_CLOEXEC);
+          *opened_ += file >= 0 ? 1 : 0;
+          close(file);
+          ++opened_[1];
+        }
+      }
+      _exit(1);
+    }
+  }
+  ~Outsider() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+    munmap(opened_, 2 * sizeof(*opened_));
+  }
+  Outsider(const Outsider&) = delete;
+  Outsider& operator=(const Outsider&) = delete;
+  int opened() const { return opened_[0]; }
+  int tried() const { return opened_[1]; }
+
+ private:
+  std::atomic<int>* opened_;  ///< how often it was opened, and tried
+  pid_t process_;
+};
+
+TEST_F(DebugLog, NoOutsiderOpensItWhileItIsMadeAndRotates) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can be a second user";
+  }
+  const mode_t before = umask(022);
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+  ASSERT_TRUE(std::filesystem::create_directory(dir_.at("log")));
+  ASSERT_EQ(chmod(dir_.at("log").c_str(), 0755), 0);
+  configure(dir_.at("log"));
+  CLogDebug::Instance()->SetProperty(CLogDebug::kSize, "1000");
+  {
+    const Outsider outsider(dir_.at("log"), 60100);
+    const Outsider ofTheFoldersGroup(dir_.at("log"), 0);  // who may look into the folder, not into the log
+    for (int i = 0; i < 300 || outsider.tried() < 10000 || ofTheFoldersGroup.tried() < 10000; ++i) {
+      CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", i, std::string(900, 'x'));
+    }
+    EXPECT_EQ(outsider.opened(), 0);
+    EXPECT_EQ(ofTheFoldersGroup.opened(), 0);
+  }
+  umask(before);
+  struct stat st {};
+  ASSERT_EQ(stat(dir_.at("log").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0750U) << "closed to others; the group stays as the owner chose";
+}
+
+TEST_F(DebugLog, TheFoldersItMakesCanBeEnteredByTheirOwnerOnly) {
   const mode_t before = umask(0);
   configure(dir_.at("made/below"));
   CLogDebug::LogPrintStr(LogLevel::kError, "s", "f", 1, "x");
@@ -104,7 +170,7 @@ TEST_F(DebugLog, TheFoldersItMakesCanBeEnteredByEverybodyAndWrittenByTheirOwner)
   for (const char* folder : {"made", "made/below"}) {
     struct stat st {};
     ASSERT_EQ(stat(dir_.at(folder).c_str(), &st), 0) << folder;
-    EXPECT_EQ(st.st_mode & 07777, 0755u) << folder;
+    EXPECT_EQ(st.st_mode & 07777, 0700u) << folder;
   }
 }
 

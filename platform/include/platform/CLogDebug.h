@@ -6,8 +6,9 @@
 #include "platform/LogLevel.h"
 
 /// The program's debug log: one file, rotated by size. Properties configure the log; the next record opens
-/// the file. A folder that cannot be written, or that other users can write, costs the log only. Control
-/// characters are made visible. Any thread.
+/// the file. File and folder are closed to other users from the first moment. A folder that cannot be
+/// written, or that other users can write, costs the log only. Control characters are made visible. Any
+/// thread.
 class CLogDebug {
  public:
   enum Property { kName = 1, kPath = 2, kLevel = 4, kSize = 8, kBackupCount = 16 };
