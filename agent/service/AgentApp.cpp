@@ -38,6 +38,7 @@ namespace {
 constexpr const char* kName = "tavagentd";
 constexpr std::chrono::seconds kLastNotificationsLimit{3};
 constexpr std::chrono::seconds kEndLimit{20};  // for scans to end
+constexpr std::chrono::seconds kRestorePatience{60};
 constexpr time_t kSignatureLookSec = 30;
 constexpr time_t kLoadingLookSec = 1;
 
@@ -110,6 +111,15 @@ std::unique_ptr<Spawner> startSpawner(const platform::InstallTree& tree, const O
   return std::make_unique<Spawner>(std::move(config));
 }
 
+std::unique_ptr<Store> openStore(const platform::InstallTree& tree) {
+  store::AuditOptions audit;
+  audit.systemLog = "/dev/log";
+  if (const auto read = readAuditSettings(tree, audit.keeping); !read) {
+    throw StartFailure(kExitFailed, read.error());
+  }
+  return Store::open(tree.state(), kRestorePatience, std::move(audit));
+}
+
 /// The lock lies in the agent's own folder. In the folder of the sockets, members of the bus's group could
 /// hold the lock or forge its pid.
 void takeLock(CGlobalTag& lock, const platform::InstallTree& tree) {
@@ -157,7 +167,7 @@ class Agent {
     std::remove(confinementFile(tree).c_str());  // of an earlier agent
     std::remove(versionsFile(tree).c_str());
     spawner_ = startSpawner(tree, options);
-    store_ = Store::open(tree.state());
+    store_ = openStore(tree);
     for (const std::string& notice : store_->notices()) {
       AGENT_LOG(LogLevel::kWarning, "store: %s", notice.c_str());
     }
@@ -202,6 +212,7 @@ class Agent {
       const bool loading = signatures_.startWanted() || !logSignatures();
       const timespec limit{loading ? kLoadingLookSec : kSignatureLookSec, 0};
       const int number = sigtimedwait(&signals, nullptr, &limit);
+      store_->settleAudit();
       if (number == SIGTERM || number == SIGINT) {
         AGENT_LOG(LogLevel::kInfo, "ending: signal %d", number);
         return;

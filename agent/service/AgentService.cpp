@@ -84,8 +84,9 @@ std::optional<Json::Value> AgentService::refusal(Access access, const std::strin
     return std::nullopt;
   }
   const std::string action = actionOf(method);
-  AGENT_LOG(LogLevel::kError, "%s refused to user %u (process %d)", action.c_str(), caller.uid, caller.pid);
-  store_.audit(caller, action, "", "refused: not allowed");
+  AGENT_LOG_OF(caller.uid, LogLevel::kError, "%s refused to user %u (process %d)", action.c_str(), caller.uid,
+               caller.pid);
+  store_.auditRefusal(caller, action, "", "refused: not allowed");
   if (method != StartDeIsolate::kName) {
     return Json::Value(false);
   }
@@ -97,10 +98,14 @@ std::optional<Json::Value> AgentService::refusal(Access access, const std::strin
 bool AgentService::changed(const CallerId& caller, const char* method, const std::string& object,
                            const platform::Expected<void>& outcome) {
   const std::string action = actionOf(method);
-  AGENT_LOG(outcome ? LogLevel::kInfo : LogLevel::kError, "%s by user %u (process %d): %s: %s",
-            action.c_str(), caller.uid, caller.pid, store::cutField(object).c_str(),
-            outcome ? "done" : store::cutField(outcome.error()).c_str());
-  store_.audit(caller, action, object, outcome ? "done" : "refused: " + outcome.error());
+  AGENT_LOG_OF(caller.uid, outcome ? LogLevel::kInfo : LogLevel::kError, "%s by user %u (process %d): %s: %s",
+               action.c_str(), caller.uid, caller.pid, store::cutField(object).c_str(),
+               outcome ? "done" : store::cutField(outcome.error()).c_str());
+  if (outcome) {
+    store_.audit(caller, action, object, "done");
+  } else {
+    store_.auditRefusal(caller, action, object, "refused: " + outcome.error());
+  }
   return outcome.has_value();
 }
 
@@ -148,7 +153,9 @@ JsonObject AgentService::startDeIsolate(const StartDeIsolate& request) {
   const bool readable = request.params.isObject() && params.FromValue(request.params);
   const auto action = json::fromNumber<json::RestoreAction>(params.action);
   if (!readable || !action || (params.items.empty() && !params.is_all)) {
-    addRefusedItem(answer, "", "the request names no action (1 restore, 2 restore and trust) or no item");
+    const std::string reason = "the request names no action (1 restore, 2 restore and trust) or no item";
+    changed(caller, request.kName, "", platform::failure(reason));
+    addRefusedItem(answer, "", reason);
     return answer;
   }
   const bool trust = *action == json::RestoreAction::kRestoreAndTrust;

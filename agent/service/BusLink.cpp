@@ -3,11 +3,13 @@
 #include <cstdio>
 
 #include "json/CppJson.h"
+#include "jsonrpchelper/IJsonRpcServerHelper.h"
 #include "lunet/BusConfig.h"
 #include "lunet/LogLevels.h"
 #include "platform/CLog.h"
 #include "platform/CLogDebug.h"
 #include "platform/Text.h"
+#include "task/AgentLog.h"
 
 namespace agent {
 
@@ -17,10 +19,10 @@ void takeLog(int level, const char* text) {
   CLogDebug::LogPrintStr(lunet::fromBus(level), __FILE_NAME__, "bus", __LINE__, text);
 }
 
-/// For the messages that JSON-RPC over the bus refuses.
+/// For the messages that JSON-RPC over the bus refuses, while their sender is the caller.
 void takeBaseLog(int level, const char* text) {
   if (const std::optional<LogLevel> own = platform::fromCLog(level)) {
-    CLogDebug::LogPrintStr(*own, __FILE_NAME__, "rpc", __LINE__, text);
+    AGENT_LOG_OF(jsonrpchelper::currentCaller().process.uid, *own, "%s", text);
   }
 }
 

@@ -29,10 +29,11 @@ const struct {
     {"always", Unconfined::kAlways},
 };
 
+template <class Settings>
 struct NumberRow {
   const char* key;
   std::uint64_t least, most;
-  void (*set)(Spawner::Config& config, std::uint64_t value);
+  void (*set)(Settings& settings, std::uint64_t value);
 };
 
 template <class T>
@@ -40,7 +41,7 @@ void setSeconds(T& milliseconds, std::uint64_t value) {
   milliseconds = static_cast<T>(value * 1000);
 }
 
-constexpr NumberRow kNumbers[] = {
+constexpr NumberRow<Spawner::Config> kScanNumbers[] = {
     {"scan_temp_mib", 1, 1U << 20, [](auto& c, auto value) { c.tempBytes = value * kMebibyte; }},
     {"scan_memory_mib", 1, 1U << 20, [](auto& c, auto value) { c.memoryBytes = value * kMebibyte; }},
     {"scan_file_temp_mib", 1, 1U << 20, [](auto& c, auto value) { c.limits.tempBytes = value * kMebibyte; }},
@@ -55,6 +56,12 @@ constexpr NumberRow kNumbers[] = {
      [](auto& c, auto value) { c.limits.maxFiles = static_cast<std::uint32_t>(value); }},
     {"scan_nesting", 1, 90,
      [](auto& c, auto value) { c.limits.maxRecursion = static_cast<std::uint32_t>(value); }},
+};
+
+constexpr NumberRow<store::AuditKeeping> kAuditNumbers[] = {
+    {"audit_days", 1, 36500, [](auto& k, auto value) { k.age = std::chrono::hours(24 * value); }},
+    {"audit_floor_mib", 1, 1U << 20,
+     [](auto& k, auto value) { k.floorBytes = static_cast<std::int64_t>(value * kMebibyte); }},
 };
 
 platform::Expected<void> readUnconfined(const Json::Value& value, Unconfined& setting) {
@@ -95,13 +102,9 @@ platform::Expected<ScannerUser> readUser(const Json::Value& wanted) {
   return ScannerUser{found->pw_uid, found->pw_gid};
 }
 
-platform::Expected<void> apply(const Json::Value& file, Spawner::Config& config) {
-  if (file.isMember("scan_unconfined")) {
-    if (auto read = readUnconfined(file["scan_unconfined"], config.unconfined); !read) {
-      return read;
-    }
-  }
-  for (const auto& row : kNumbers) {
+template <class Rows, class Settings>
+platform::Expected<void> readNumbers(const Json::Value& file, const Rows& rows, Settings& settings) {
+  for (const auto& row : rows) {
     const Json::Value& value = file[row.key];
     if (value.isNull()) {
       continue;
@@ -110,7 +113,19 @@ platform::Expected<void> apply(const Json::Value& file, Spawner::Config& config)
       return platform::failure(std::string(row.key) + " is a number from " + std::to_string(row.least) +
                                " to " + std::to_string(row.most));
     }
-    row.set(config, value.asUInt64());
+    row.set(settings, value.asUInt64());
+  }
+  return {};
+}
+
+platform::Expected<void> apply(const Json::Value& file, Spawner::Config& config) {
+  if (file.isMember("scan_unconfined")) {
+    if (auto read = readUnconfined(file["scan_unconfined"], config.unconfined); !read) {
+      return read;
+    }
+  }
+  if (auto read = readNumbers(file, kScanNumbers, config); !read) {
+    return read;
   }
   if (config.limits.tempBytes > config.tempBytes) {
     if (file.isMember("scan_file_temp_mib")) {
@@ -126,16 +141,27 @@ platform::Expected<void> apply(const Json::Value& file, Spawner::Config& config)
   return {};
 }
 
-}  // namespace
-
-platform::Expected<void> readScannerSettings(const platform::InstallTree& tree, Spawner::Config& config) {
+/// apply: takes the values of the file, which is empty when it is missing.
+template <class Apply>
+platform::Expected<void> readFile(const platform::InstallTree& tree, const Apply& apply) {
   const std::string path = tree.at("etc/agent/agent.conf");
   const auto file = lunet::readBusConfig(path);
   if (!file && file.error().kind != lunet::BusConfigFailure::Kind::kMissing) {
     return platform::failure(path + " is not used: " + file.error().reason);
   }
-  const auto applied = apply(file.value_or(Json::objectValue), config);
+  const platform::Expected<void> applied = apply(file.value_or(Json::objectValue));
   return applied ? applied : platform::failure(path + ": " + applied.error());
+}
+
+}  // namespace
+
+platform::Expected<void> readScannerSettings(const platform::InstallTree& tree, Spawner::Config& config) {
+  return readFile(tree, [&config](const Json::Value& file) { return apply(file, config); });
+}
+
+platform::Expected<void> readAuditSettings(const platform::InstallTree& tree, store::AuditKeeping& keeping) {
+  return readFile(tree,
+                  [&keeping](const Json::Value& file) { return readNumbers(file, kAuditNumbers, keeping); });
 }
 
 }  // namespace agent

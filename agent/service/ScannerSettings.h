@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/InstallTree.h"
+#include "store/AuditFile.h"
 #include "worker/Spawner.h"
 
 namespace agent {
@@ -9,5 +10,8 @@ namespace agent {
 /// Refuses the file when others may change it, and each value without a meaning: a confinement is never
 /// weakened by a slip.
 platform::Expected<void> readScannerSettings(const platform::InstallTree& tree, Spawner::Config& config);
+
+/// The same for what the audit record keeps.
+platform::Expected<void> readAuditSettings(const platform::InstallTree& tree, store::AuditKeeping& keeping);
 
 }  // namespace agent

@@ -1,44 +1,72 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
 
-#include "platform/Posix.h"
+#include "store/AuditFile.h"
 #include "store/StoreTypes.h"
+#include "store/SystemLog.h"
 
 namespace agent::store {
 
-/// The share of one field in a line of a log or an audit record. A long request of one caller then cannot
-/// push the lines of other callers out of the file.
-inline constexpr std::size_t kMaxFieldBytes = 16 << 10;
-/// The end of a field that was cut to its share: the size of the whole text. Empty for a text that fits.
-std::string cutRemark(std::string_view text);
-/// The text, cut to its share, with the remark.
+/// The share of one field in a line of a log or of the audit record.
+inline constexpr std::size_t kMaxFieldBytes = 512;
+/// The text, cut to its share. A text that was cut has its size and its SHA-256 behind it.
 std::string cutField(std::string_view text);
 
-/// The audit record: one line for each action, appended to audit.log in the state folder (0600). At 10 MB the
-/// file becomes audit.log.1, and so on up to audit.log.4. Never throws. A line that cannot be written is
-/// counted in the next line. Any thread.
+struct AuditOptions {
+  AuditKeeping keeping;
+  std::string systemLog;  ///< the socket of the journal or syslog, which gets each line too; empty: none
+  std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
+};
+
+/// The audit record, with times in UTC: audit.log has each change, audit-refusals.log what was
+/// refused or failed. So no
+/// number of refusals moves a change out of the record. A user's first refusal is a line of its own; the
+/// refusals of each minute after it are one line with their number. A line is on the disk when the call
+/// returns; a line that the disk refuses is written once there is space. Never throws. Any thread.
 class AuditLog {
  public:
-  static constexpr std::int64_t kMaxBytes = 10 << 20;
-  static constexpr int kKept = 4;
-  explicit AuditLog(std::string path, std::int64_t maxBytes = kMaxBytes);
+  static constexpr std::chrono::minutes kWindow{1};
+  static constexpr std::size_t kMostUsers = 1000;  ///< that are counted on their own; the others together
+  static constexpr std::size_t kMostActions = 16;  ///< that one line names
+
+  explicit AuditLog(const std::string& folder, AuditOptions options = {});
+  /// Writes what waits, and the refusals that are counted so far.
+  ~AuditLog();
+  AuditLog(const AuditLog&) = delete;
+  AuditLog& operator=(const AuditLog&) = delete;
+
   void add(const CallerId& who, const std::string& action, const std::string& object,
            const std::string& outcome) noexcept;
+  void refuse(const CallerId& who, const std::string& action, const std::string& object,
+              const std::string& outcome) noexcept;
+  /// Writes what waits: lines that the disk refused, and numbers of refusals whose minute is over. To be
+  /// called now and then.
+  void settle() noexcept;
 
  private:
-  bool open();
-  void rotate();
-  bool append(const std::string& line);
+  using Time = std::chrono::steady_clock::time_point;
+  struct Refusals {
+    Time since;
+    std::map<std::string, unsigned long> uncounted;  ///< since then, by action
+  };
 
-  const std::string path_;
-  const std::int64_t maxBytes_;
-  std::mutex mutex_;
-  platform::Descriptor file_;
-  std::int64_t size_ = 0;
-  unsigned long lost_ = 0;
+  void writeRefusal(const std::string& line);
+  void writeCounts(Time until);
+  uid_t countedAs(uid_t uid) const;
+
+  const AuditOptions options_;
+  std::mutex mutex_;  // guards the rest
+  AuditFile changes_;
+  AuditFile refusals_;
+  SystemLog systemLog_;
+  std::map<uid_t, Refusals> users_;
 };
 
 }  // namespace agent::store

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/Files.h"
 #include "platform/Posix.h"
@@ -83,11 +84,11 @@ std::unique_ptr<Database> openCache(const std::string& path, std::vector<std::st
 
 }  // namespace
 
-Store::Store(const std::string& stateDir, std::chrono::milliseconds restorePatience)
+Store::Store(const std::string& stateDir, std::chrono::milliseconds restorePatience, AuditOptions audit)
     : lock_(lockFolder(stateDir)),
       database_(openStore(stateDir + "/agent.db")),
       cacheDatabase_(openCache(stateDir + "/cache.db", &notices_)),
-      audit_(stateDir + "/audit.log"),
+      audit_(stateDir, std::move(audit)),
       settings_(*database_, &notices_),
       regions_(*database_),
       cache_(*cacheDatabase_),
@@ -96,8 +97,9 @@ Store::Store(const std::string& stateDir, std::chrono::milliseconds restorePatie
       quarantine_(*database_, stateDir + "/quarantine", settings_, regions_, audit_, restorePatience,
                   &notices_) {}
 
-std::unique_ptr<Store> Store::open(const std::string& stateDir, std::chrono::milliseconds restorePatience) {
-  return std::unique_ptr<Store>(new Store(prepareFolder(stateDir), restorePatience));
+std::unique_ptr<Store> Store::open(const std::string& stateDir, std::chrono::milliseconds restorePatience,
+                                   AuditOptions audit) {
+  return std::unique_ptr<Store>(new Store(prepareFolder(stateDir), restorePatience, std::move(audit)));
 }
 
 }  // namespace agent

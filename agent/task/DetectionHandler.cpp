@@ -123,8 +123,8 @@ void DetectionHandler::handle(DetectedFile& detected) {
   detected.riskId = CUuid::generate();
   detected.createdSec = birthTime(detected.file->fd.get());
   detected.foundSec = std::time(nullptr);
-  AGENT_LOG(LogLevel::kWarning, "%s: %s%s", detected.file->path.c_str(),
-            detected.verdict.detections.at(0).name.c_str(), detected.trusted ? " (trusted)" : "");
+  AGENT_LOG_OF(context_.caller.uid, LogLevel::kWarning, "%s: %s%s", detected.file->path.c_str(),
+               detected.verdict.detections.at(0).name.c_str(), detected.trusted ? " (trusted)" : "");
   if (detected.trusted) {
     context_.counters.trusted();
     context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(detected),
@@ -157,12 +157,23 @@ void DetectionHandler::handleFile(const DetectedFile& detected) {
     removed ? context_.counters.fixed() : context_.counters.fixFailed();
     deleted = removed && context_.plan.action == json::HandleAction::kDelete;
     const char* done = deleted ? "deleted" : "taken away";
-    AGENT_LOG(LogLevel::kWarning, "%s: %s %s", path.c_str(), removed ? done : "not handled:", reason.c_str());
-    context_.store.audit(context_.caller, "handle detection", path, removed ? done : reason);
+    AGENT_LOG_OF(context_.caller.uid, LogLevel::kWarning, "%s: %s %s", path.c_str(),
+                 removed ? done : "not handled:", reason.c_str());
+    recordDeed("handle detection", path, removed ? done : "", reason);
   }
   const std::int64_t now = std::time(nullptr);
   context_.events.repaired(json::RiskInfoType::kFile, context_.plan.handling, riskInfo(detected),
                            deleted ? deletedResult(now) : repairResult(result, reason, now));
+}
+
+/// done: empty for what did not succeed.
+void DetectionHandler::recordDeed(const char* action, const std::string& object, const std::string& done,
+                                  const std::string& reason) const {
+  if (done.empty()) {
+    context_.store.auditRefusal(context_.caller, action, object, reason);
+  } else {
+    context_.store.audit(context_.caller, action, object, done);
+  }
 }
 
 platform::Expected<Remark> DetectionHandler::remove(const DetectedFile& detected) {
@@ -220,10 +231,10 @@ void DetectionHandler::handleProcesses(const DetectedFile& detected) {
           stopped ? platform::failure(stopText()) : guarded([&] { return endProcess(program); });
       result = ended ? json::HandleResult::kProcessEnded : json::HandleResult::kFailed;
       reason = ended ? *ended : ended.error();
-      AGENT_LOG(LogLevel::kWarning, "process %d (%s): %s %s", program.pid, program.path.c_str(),
-                ended ? "ended" : "not ended:", reason.c_str());
-      context_.store.audit(context_.caller, "end process", std::to_string(program.pid) + " " + program.path,
-                           ended ? "ended" : reason);
+      AGENT_LOG_OF(context_.caller.uid, LogLevel::kWarning, "process %d (%s): %s %s", program.pid,
+                   program.path.c_str(), ended ? "ended" : "not ended:", reason.c_str());
+      recordDeed("end process", std::to_string(program.pid) + " " + program.path, ended ? "ended" : "",
+                 reason);
     }
     context_.events.repaired(json::RiskInfoType::kProcess, context_.plan.handling, info,
                              repairResult(result, reason, std::time(nullptr)));

@@ -43,6 +43,8 @@ class DetectionHandler {
   void handle(DetectedFile& detected);
   void handleFile(const DetectedFile& detected);
   void handleProcesses(const DetectedFile& detected);
+  void recordDeed(const char* action, const std::string& object, const std::string& done,
+                  const std::string& reason) const;
   platform::Expected<Remark> remove(const DetectedFile& detected);
   platform::Expected<void> checkAllowed(const EncounteredFile& file) const;
 

@@ -89,12 +89,12 @@ void FilePipeline::failed(const std::string& path, const std::string& reason) {
 
 void FilePipeline::countSkipped(const std::string& path, const std::string& reason) {
   context_.counters.skipped(reason);
-  AGENT_LOG(LogLevel::kDebug, "%s: skipped: %s", path.c_str(), reason.c_str());
+  AGENT_LOG_OF(context_.caller.uid, LogLevel::kDebug, "%s: skipped: %s", path.c_str(), reason.c_str());
 }
 
 void FilePipeline::countFailed(const std::string& path, const std::string& reason) {
   context_.counters.failed();
-  AGENT_LOG(LogLevel::kWarning, "%s: not scanned: %s", path.c_str(), reason.c_str());
+  AGENT_LOG_OF(context_.caller.uid, LogLevel::kWarning, "%s: not scanned: %s", path.c_str(), reason.c_str());
 }
 
 /// The verdict of the lists on the path as reached, or on the resolved path. A file with one rejected path is
@@ -113,7 +113,7 @@ void FilePipeline::file(EncounteredFile file) {
   const RegionVerdict region = regionOf(file);
   if (region == RegionVerdict::kTrusted) {
     context_.counters.trusted();
-    AGENT_LOG(LogLevel::kDebug, "%s: skipped: trusted", file.path.c_str());
+    AGENT_LOG_OF(context_.caller.uid, LogLevel::kDebug, "%s: skipped: trusted", file.path.c_str());
     return;
   }
   const bool rejected = region == RegionVerdict::kRejected;
@@ -180,7 +180,7 @@ void FilePipeline::submit(const File& file, bool rejected, bool cacheable) {
 /// A failure of the agent's own.
 void FilePipeline::broke(const File& file, const std::string& reason) {
   context_.counters.failed();
-  AGENT_LOG(LogLevel::kError, "%s: %s", file->path.c_str(), reason.c_str());
+  AGENT_LOG_OF(context_.caller.uid, LogLevel::kError, "%s: %s", file->path.c_str(), reason.c_str());
   endNames(*file, endWith(Outcome::kError, reason));
 }
 
@@ -205,10 +205,11 @@ void FilePipeline::noteDeath(const EncounteredFile& file, const std::string& rea
   const uid_t owner = file.status.st_uid;
   const auto count = context_.store.workerDeaths().add(FileIdentity::of(file.status), owner,
                                                        signatureVersion_, store::WorkerDeaths::Clock::now());
-  AGENT_LOG(LogLevel::kWarning,
-            "%s: a scanning process died on it: death %zu of this file and %zu of the files of user %u (%zu "
-            "files) within an hour",
-            file.path.c_str(), count.ofFile, count.ofOwner, owner, count.ownersFiles);
+  AGENT_LOG_OF(
+      context_.caller.uid, LogLevel::kWarning,
+      "%s: a scanning process died on it: death %zu of this file and %zu of the files of user %u (%zu "
+      "files) within an hour",
+      file.path.c_str(), count.ofFile, count.ofOwner, owner, count.ownersFiles);
   const auto event = [&](const std::string& object, const std::string& text) {
     AGENT_LOG(LogLevel::kError, "%s: %s: %s", kDeathOnFile, object.c_str(), text.c_str());
     context_.store.audit(context_.caller, kDeathOnFile, object, text);

@@ -49,12 +49,12 @@ ScanTask::ScanTask(Parts parts, std::string token, ScanPlan plan, CallerId calle
         const CallerRights::Suspended own(walk_.rights());
         files_->waitHeld();
         reportProgress();
-        AGENT_LOG(LogLevel::kInfo, "scan %s paused", token_.c_str());
+        AGENT_LOG_OF(caller_.uid, LogLevel::kInfo, "scan %s paused", token_.c_str());
         events_->state(json::TaskState::kPaused, {});
       },
       [this] {
         const CallerRights::Suspended own(walk_.rights());
-        AGENT_LOG(LogLevel::kInfo, "scan %s resumed", token_.c_str());
+        AGENT_LOG_OF(caller_.uid, LogLevel::kInfo, "scan %s resumed", token_.c_str());
         events_->state(json::TaskState::kResumed, {});
       });
 }
@@ -100,7 +100,8 @@ void ScanTask::run() {
     prepared = platform::failure(internalError(error));
   }
   if (!prepared) {
-    AGENT_LOG(LogLevel::kError, "scan %s not started: %s", token_.c_str(), prepared.error().c_str());
+    AGENT_LOG_OF(caller_.uid, LogLevel::kError, "scan %s not started: %s", token_.c_str(),
+                 prepared.error().c_str());
     hooks_.released();
     events_->state(json::TaskState::kNotCreated, prepared.error());
     events_->onDelivered(hooks_.delivered);
@@ -144,11 +145,12 @@ platform::Expected<void> ScanTask::prepare() {
 }
 
 void ScanTask::scan() {
-  AGENT_LOG(LogLevel::kInfo, "scan %s started: type %d, user %u, pid %d, %s", token_.c_str(), plan_.scanType,
-            caller_.uid, caller_.pid,
-            plan_.handling == json::Handling::kAutomatic ? "automatic handling" : "report only");
+  AGENT_LOG_OF(caller_.uid, LogLevel::kInfo, "scan %s started: type %d, user %u, pid %d, %s", token_.c_str(),
+               plan_.scanType, caller_.uid, caller_.pid,
+               plan_.handling == json::Handling::kAutomatic ? "automatic handling" : "report only");
   if (!signatures_.shortage.empty()) {
-    AGENT_LOG(LogLevel::kWarning, "scan %s: %s", token_.c_str(), signatures_.shortage.c_str());
+    AGENT_LOG_OF(caller_.uid, LogLevel::kWarning, "scan %s: %s", token_.c_str(),
+                 signatures_.shortage.c_str());
   }
   events_->state(json::TaskState::kCreated, {});
   events_->state(json::TaskState::kStarted, signatures_.shortage);
@@ -184,8 +186,8 @@ void ScanTask::end() {
     AGENT_LOG(LogLevel::kError, "the scan cache was not written: %s", error.what());
   }
   const bool aborted = control_.stopping();
-  AGENT_LOG(LogLevel::kInfo, "scan %s %s: %s", token_.c_str(), aborted ? "aborted" : "finished",
-            counters_.summary().c_str());
+  AGENT_LOG_OF(caller_.uid, LogLevel::kInfo, "scan %s %s: %s", token_.c_str(),
+               aborted ? "aborted" : "finished", counters_.summary().c_str());
   hooks_.released();
   if (!aborted) {
     events_->progress(100);

@@ -40,7 +40,9 @@ std::shared_ptr<BusTaskEvents> TaskManager::eventsFor(const StartRequest& reques
 
 TaskManager::Started TaskManager::refuse(const StartRequest& request, const std::string& token,
                                          json::TaskState state, const std::string& reason) {
-  AGENT_LOG(LogLevel::kWarning, "scan refused to process %d: %s", request.caller.pid, reason.c_str());
+  AGENT_LOG_OF(request.caller.uid, LogLevel::kWarning, "scan refused to process %d: %s", request.caller.pid,
+               reason.c_str());
+  parts_.store.auditRefusal(request.caller, "start scan", "", "refused: " + reason);
   eventsFor(request, token)->state(state, reason);
   return {token, platform::failure(reason)};
 }

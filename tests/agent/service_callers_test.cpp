@@ -19,6 +19,7 @@
 #include "platform/ProcessStat.h"
 #include "service/AgentService.h"
 #include "service/Callers.h"
+#include "support/DebugLogFile.h"
 #include "support/FakeEndpoint.h"
 #include "support/Json.h"
 #include "support/Process.h"
@@ -246,7 +247,8 @@ class Service : public ::testing::Test {
   }
   /// Lines of the audit record that hold the text.
   int audited(const std::string& text) const {
-    std::istringstream lines(readFile(dir_.at("state/audit.log")));
+    std::istringstream lines(readFile(dir_.at("state/audit.log")) +
+                             readFile(dir_.at("state/audit-refusals.log")));
     int count = 0;
     for (std::string line; std::getline(lines, line);) {
       count += line.find(text) != std::string::npos ? 1 : 0;
@@ -283,7 +285,15 @@ class Service : public ::testing::Test {
 
   testsupport::TempDir dir_;
   Spawner spawner_{config(dir_)};
-  std::unique_ptr<Store> store_ = Store::open(dir_.at("state"));
+  /// A quiet minute stands before each refusal: each one is a line of the audit record.
+  std::chrono::steady_clock::time_point refusedAt_ = std::chrono::steady_clock::now();
+  std::chrono::minutes betweenRefusals_{1};
+  store::AuditOptions audit() {
+    store::AuditOptions options;
+    options.now = [this] { return refusedAt_ += betweenRefusals_; };
+    return options;
+  }
+  std::unique_ptr<Store> store_ = Store::open(dir_.at("state"), std::chrono::seconds(60), audit());
   testsupport::FakeEndpoint endpoint_;
   testsupport::FakeEndpoint notified_;  ///< used on the queue's thread
   NotificationQueue notifications_;
@@ -402,6 +412,24 @@ TEST_F(Service, LetsNobodyElseChangeAnythingAndRecordsWhoTried) {
   member.end();
   expectAll(false, member.identity(), "a member that is gone");
   expectAll(false, lunet::PeerIdentity{}, "a caller whom the kernel does not know");
+}
+
+TEST_F(Service, TenThousandRefusedCallsAreTwoLinesOfTheAuditRecordAndFewOfTheLog) {
+  const testsupport::DebugLogFile log;
+  ASSERT_TRUE(changesSettings(rootsIdentity()));
+  betweenRefusals_ = std::chrono::minutes(0);
+  constexpr const char* kAnyChange = R"({"config_str":"{}","config_type":0,"request_source":1})";
+  const CallingProcess stranger(kUser, kOwnGroup, {});
+  for (int i = 0; i < 10000; ++i) {
+    call(stranger.identity(), "setAVConfig", jsonOf(kAnyChange));
+  }
+  refusedAt_ += std::chrono::minutes(1);
+  store_->settleAudit();
+  EXPECT_EQ(audited("refused"), 2);
+  EXPECT_EQ(audited("outcome=\"9999 more: change settings 9999\""), 1);
+  EXPECT_EQ(audited("outcome=\"done\""), 1);
+  const std::string lines = log.text();
+  EXPECT_LT(std::count(lines.begin(), lines.end(), '\n'), 100);
 }
 
 TEST_F(Service, WithoutAGroupLetsRootAloneChangeWhatItKeeps) {

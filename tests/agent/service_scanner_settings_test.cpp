@@ -112,6 +112,24 @@ TEST_F(ScannerSettings, WithoutAMeaningAreRefusedWithTheirName) {
   }
 }
 
+TEST_F(ScannerSettings, OfTheAuditRecordAreReadFromTheSameFile) {
+  store::AuditKeeping keeping;
+  const store::AuditKeeping defaults;
+  std::filesystem::create_directories(dir_.at("etc/agent"));
+  std::filesystem::copy(TAV_SOURCE_DIR "/packaging/etc/agent/agent.conf", dir_.at("etc/agent/agent.conf"));
+  ASSERT_TRUE(readAuditSettings(tree_, keeping));
+  EXPECT_EQ(keeping.age, defaults.age);
+  EXPECT_EQ(keeping.floorBytes, defaults.floorBytes);
+  ASSERT_TRUE(read(R"({"audit_days":2,"audit_floor_mib":3})"));
+  ASSERT_TRUE(readAuditSettings(tree_, keeping));
+  EXPECT_EQ(keeping.age, std::chrono::hours(48));
+  EXPECT_EQ(keeping.floorBytes, 3 << 20);
+  for (const char* wrong : {R"({"audit_days":0})", R"({"audit_floor_mib":"much"})"}) {
+    ASSERT_TRUE(read(wrong));
+    EXPECT_FALSE(readAuditSettings(tree_, keeping)) << wrong;
+  }
+}
+
 TEST_F(ScannerSettings, OfAFileThatOthersMayWriteAreRefused) {
   ASSERT_TRUE(read("{}"));
   ASSERT_EQ(chmod(dir_.at("etc/agent/agent.conf").c_str(), 0666), 0);

@@ -10,10 +10,8 @@
 
 #include "StoreFixture.h"
 #include "json/Values.h"
-#include "store/AuditLog.h"
 #include "store/Schema.h"
 #include "store/Vault.h"
-#include "support/FileCalls.h"
 
 namespace agent {
 namespace {
@@ -52,7 +50,8 @@ void execute(const std::string& path, const char* sql) {
 TEST_F(OpenTest, TheStateFolderAndAllInItIsForTheAgentsUserOnly) {
   store().audit(root(), "a", "b", "c");
   EXPECT_EQ(modeOf(stateDir()), 0700U);
-  for (const char* name : {"agent.db", "agent.db-wal", "cache.db", "agent.lock", "audit.log"}) {
+  for (const char* name :
+       {"agent.db", "agent.db-wal", "cache.db", "agent.lock", "audit.log", "audit-refusals.log"}) {
     EXPECT_EQ(modeOf(stateDir() + "/" + name), 0600U) << name;
   }
 }
@@ -316,86 +315,6 @@ TEST_F(OpenTest, PuttingATaskAgainReplacesIt) {
   EXPECT_EQ(store().tasks().all()[0].ownerGuid, "b");
 }
 
-TEST_F(OpenTest, TheAuditRecordIsOneLineAnEntryWithControlCharactersVisible) {
-  store().audit({.uid = 1000, .gid = 100, .groups = {}, .pid = 42}, "restore", "/tmp/a\n\x1b[31m\"b",
-                "refused: x");
-  store().audit({}, "start", "", "ok");
-  const std::string text = readFile(stateDir() + "/audit.log");
-  EXPECT_THAT(text,
-              HasSubstr(" uid=1000 gid=100 pid=42 action=\"restore\" object=\"/tmp/a\\n\\x1b[31m\\\"b\" "
-                        "outcome=\"refused: x\"\n"));
-  EXPECT_THAT(text, HasSubstr(" agent action=\"start\" object=\"\" outcome=\"ok\"\n"));
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
-}
-
-TEST_F(OpenTest, TheAuditRecordIsOnlyAppendedToOverRestarts) {
-  store().audit(root(), "one", "", "");
-  reopen();
-  store().audit(root(), "two", "", "");
-  EXPECT_THAT(readFile(stateDir() + "/audit.log"), testing::ContainsRegex("one(.|\n)*two"));
-}
-
-TEST_F(OpenTest, TheAuditRecordRotatesAndKeepsFourOldFiles) {
-  store::AuditLog log(folder_.at("a.log"), 300);
-  for (int i = 0; i < 40; ++i) {
-    log.add(root(), "act", std::to_string(i), "ok");
-  }
-  for (const char* name : {"a.log", "a.log.1", "a.log.2", "a.log.3", "a.log.4"}) {
-    const std::string text = readFile(folder_.at(name));
-    EXPECT_FALSE(text.empty()) << name;
-    EXPECT_LE(text.size(), 300U) << name;
-  }
-  EXPECT_FALSE(std::filesystem::exists(folder_.at("a.log.5")));
-  EXPECT_THAT(readFile(folder_.at("a.log")), HasSubstr("\"39\""));
-}
-
-TEST_F(OpenTest, TheAuditRecordCountsWhatStoodInItBeforeItWasOpened) {
-  const std::string path = folder_.at("a.log");
-  store::AuditLog(path, 300).add(root(), "one", std::string(150, 'x'), "");
-  store::AuditLog(path, 300).add(root(), "two", std::string(150, 'x'), "");
-  EXPECT_THAT(readFile(path), HasSubstr("two"));
-  EXPECT_THAT(readFile(path + ".1"), HasSubstr("one"));
-}
-
-TEST_F(OpenTest, TheAuditRecordOfAStoreRotatesAtTenMebibytes) {
-  const std::string path = stateDir() + "/audit.log";
-  for (const auto& [size, rotated] : {std::pair{(10 << 20) - 1000, false}, std::pair{10 << 20, true}}) {
-    store_.reset();
-    ASSERT_EQ(::truncate(path.c_str(), size), 0);
-    reopen();
-    store().audit(root(), "act", "", "ok");
-    EXPECT_EQ(std::filesystem::exists(path + ".1"), rotated) << size;
-  }
-}
-
-TEST_F(OpenTest, ALineLongerThanTheAuditRecordMayBeStandsAlone) {
-  store::AuditLog log(folder_.at("a.log"), 100);
-  log.add(root(), "one", std::string(150, 'x'), "");
-  EXPECT_THAT(readFile(folder_.at("a.log")), HasSubstr("one"));
-  EXPECT_FALSE(std::filesystem::exists(folder_.at("a.log.1"))) << "an empty file is not kept";
-}
-
-TEST_F(OpenTest, TheAuditRecordIsNotWrittenThroughALink) {
-  const std::string victim = folder_.write("victim", "precious");
-  ASSERT_EQ(::symlink(victim.c_str(), folder_.at("a.log").c_str()), 0);
-  store::AuditLog(folder_.at("a.log")).add(root(), "one", "", "");
-  EXPECT_EQ(readFile(victim), "precious");
-}
-
-TEST_F(OpenTest, ALineThatTheDiskRefusesIsCountedOnce) {
-  store::AuditLog log(folder_.at("a.log"));
-  {
-    testsupport::FileCalls calls;
-    calls.fail("write a.log", "", ENOSPC);
-    log.add(root(), "lost", "", "");
-  }
-  log.add(root(), "kept", "", "");
-  log.add(root(), "last", "", "");
-  const std::string text = readFile(folder_.at("a.log"));
-  EXPECT_THAT(text, HasSubstr("action=\"kept\" object=\"\" outcome=\"\" lost_before=1\n"));
-  EXPECT_THAT(text, HasSubstr("action=\"last\" object=\"\" outcome=\"\"\n"));
-}
-
 TEST_F(OpenTest, NothingThatTheStoreHasOpenIsInherited) {
   store().cache().count();
   int seen = 0;
@@ -408,45 +327,6 @@ TEST_F(OpenTest, NothingThatTheStoreHasOpenIsInherited) {
     }
   }
   EXPECT_GE(seen, 5) << "two databases, the lock, the audit record, the quarantine";
-}
-
-TEST_F(OpenTest, ALongRequestTakesALimitedShareOfTheAuditRecord) {
-  store::AuditLog log(folder_.at("a.log"));
-  log.add(root(), "act", std::string(5 << 20, 'x'), "ok");
-  const std::string text = readFile(folder_.at("a.log"));
-  EXPECT_LT(text.size(), 20000U);
-  EXPECT_THAT(text, HasSubstr("x\"...(5242880 bytes) outcome=\"ok\""));
-}
-
-TEST_F(OpenTest, WhatTheAuditRecordCouldNotTakeIsCountedInTheNextLine) {
-  store::AuditLog log(folder_.at("missing/a.log"));
-  log.add(root(), "lost", "", "");
-  ASSERT_EQ(::mkdir(folder_.at("missing").c_str(), 0700), 0);
-  log.add(root(), "kept", "", "");
-  EXPECT_THAT(readFile(folder_.at("missing/a.log")),
-              HasSubstr("action=\"kept\" object=\"\" outcome=\"\" lost_before=1"));
-}
-
-TEST_F(OpenTest, AuditLinesOfSeveralThreadsDoNotMix) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([this] {
-      for (int i = 0; i < 50; ++i) {
-        store().audit(root(), "act", std::string(100, 'x'), "ok");
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  std::ifstream log(stateDir() + "/audit.log");
-  std::string line;
-  int count = 0;
-  while (std::getline(log, line)) {
-    ++count;
-    EXPECT_TRUE(line.ends_with("outcome=\"ok\"")) << line;
-  }
-  EXPECT_EQ(count, 200);
 }
 
 }  // namespace

@@ -244,7 +244,7 @@ TEST_F(Handling, WhatBecameOfADetectionIsCountedAndAudited) {
   const std::string audit = testsupport::readFile(folder_.at("state/audit.log"));
   const std::string begin = " pid=" + std::to_string(getpid()) + " action=\"handle detection\" object=\"";
   EXPECT_THAT(audit, HasSubstr(begin + folder_.at("d/file") + "\" outcome=\"deleted\""));
-  EXPECT_THAT(audit,
+  EXPECT_THAT(testsupport::readFile(folder_.at("state/audit-refusals.log")),
               HasSubstr(begin + folder_.at("d/gone") + "\" outcome=\"it was changed after it was scanned\""));
 }
 
@@ -270,7 +270,7 @@ TEST_F(Handling, AProcessThatIsNotEndedIsReportedAsThat) {
   EXPECT_THAT(told_.processes(), Contains(getpid()));
   EXPECT_EQ(told_.handled(getpid()), kFailed);
   EXPECT_THAT(told_.handledHow(getpid()), HasSubstr("is the agent or started it"));
-  EXPECT_THAT(testsupport::readFile(folder_.at("state/audit.log")),
+  EXPECT_THAT(testsupport::readFile(folder_.at("state/audit-refusals.log")),
               AllOf(HasSubstr(" pid=" + std::to_string(getpid()) + " action=\"end process\""),
                     HasSubstr("is the agent or started it")));
 }

@@ -164,7 +164,7 @@ class PausesInAQuarantine : public Pauses {
     EXPECT_TRUE(store->quarantine().list(std::nullopt).empty());
     EXPECT_EQ(0, vaultFiles());
     EXPECT_EQ(0, owner->counted("fixed_risk_count"));
-    EXPECT_THAT(testsupport::readFile(dir.at("state/audit.log")), HasSubstr(why));
+    EXPECT_THAT(testsupport::readFile(dir.at("state/audit-refusals.log")), HasSubstr(why));
   }
 
   const std::string content = std::string(4 << 20, 'x');
