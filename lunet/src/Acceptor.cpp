@@ -95,9 +95,9 @@ class Acceptor::PendingPeer : public std::enable_shared_from_this<PendingPeer> {
   }
 
   void log(const char* reason) {
-    acceptor_.log_.write(BusLogLevel::kError, "a connection from pid " + std::to_string(identity_.pid) +
-                                                  ", user " + std::to_string(identity_.uid) +
-                                                  " is closed: " + reason);
+    acceptor_.log_.writeOf(identity_.uid, BusLogLevel::kError,
+                           "a connection from pid " + std::to_string(identity_.pid) + ", user " +
+                               std::to_string(identity_.uid) + " is closed: " + reason);
   }
 
   Acceptor& acceptor_;
@@ -182,8 +182,8 @@ void Acceptor::receive(platform::Descriptor fd) {
   const std::string who =
       "pid " + std::to_string(peer->identity.pid) + ", user " + std::to_string(peer->identity.uid);
   if (!rule_.admits(*peer)) {
-    log_.write(BusLogLevel::kError,
-               "a connection from " + who + " is refused: not root, nor this user, nor in the group");
+    log_.writeOf(peer->identity.uid, BusLogLevel::kError,
+                 "a connection from " + who + " is refused: not root, nor this user, nor in the group");
     sendHelloReply(fd.get(), self_, kErrDenied);
     return;
   }
@@ -191,8 +191,8 @@ void Acceptor::receive(platform::Descriptor fd) {
   if (!rule_.trusts(peer->identity.uid, folderOwner_)) {
     slot = members_.take(peer->identity.uid);
     if (!slot) {
-      log_.write(BusLogLevel::kError,
-                 "a connection from " + who + " is refused: the user has as many as a member may have");
+      log_.writeOf(peer->identity.uid, BusLogLevel::kError,
+                   "a connection from " + who + " is refused: the user has as many as a member may have");
       sendHelloReply(fd.get(), self_, kErrQueueFull);
       return;
     }

@@ -195,9 +195,9 @@ const IncomingLink* Core::currentPeer() const {
 void Core::deliver(IncomingLink& link, const FrameHeader& header, std::string_view body) {
   const Error outcome = runReceiver(link, header, body);
   if (outcome == kErrNoTarget) {
-    bus_.log.write(BusLogLevel::kWarning, "a message on channel " + std::to_string(header.channel) +
-                                              " from " + describePeer(link.guid(), link.identity()) +
-                                              " has no receiver");
+    bus_.log.writeOf(link.identity().uid, BusLogLevel::kWarning,
+                     "a message on channel " + std::to_string(header.channel) + " from " +
+                         describePeer(link.guid(), link.identity()) + " has no receiver");
   }
   if (outcome != kOk && header.kind == FrameKind::kRequest) {
     (void)link.answer({.kind = FrameKind::kRefusal, .channel = outcome, .id = header.id}, nullptr);
@@ -336,13 +336,14 @@ Core::LinkOrError Core::dialTo(const Guid& guid, const PeerIdentity* process, Cl
   if (!dialled) {
     const Failure& failure = dialled.error();
     const Log::Level level = failure.error == kErrNoTarget ? BusLogLevel::kInfo : BusLogLevel::kError;
-    bus_.log.write(level, "address " + formatGuid(guid) + " is not reached: " + failure.reason);
+    const std::string text = "address " + formatGuid(guid) + " is not reached: " + failure.reason;
+    process != nullptr ? bus_.log.writeOf(process->uid, level, text) : bus_.log.write(level, text);
     return tl::unexpected(failure.error);
   }
   const std::string name = describePeer(guid, dialled->identity);
   auto link = std::make_shared<OutgoingLink>(std::move(*dialled), watcher_, bus_.log, name);
   link->start();
-  bus_.log.write(BusLogLevel::kInfo, "connected to " + name);
+  bus_.log.writeOf(link->identity().uid, BusLogLevel::kInfo, "connected to " + name);
   return link;
 }
 

@@ -114,8 +114,8 @@ void IncomingLink::deliverFrames() {
 void IncomingLink::endWith(const char* reason) {
   try {
     if (reason != nullptr) {
-      log_.write(BusLogLevel::kError,
-                 "the connection from " + describePeer(guid_, identity_) + " is closed: " + reason);
+      log_.writeOf(identity_.uid, BusLogLevel::kError,
+                   "the connection from " + describePeer(guid_, identity_) + " is closed: " + reason);
     }
   } catch (...) {
     logCurrentException(log_, "a connection is closed");

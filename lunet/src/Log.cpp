@@ -73,6 +73,15 @@ void Log::write(Level level, std::string_view text) {
   }
 }
 
+void Log::writeOf(uid_t user, Level level, const std::string& text) {
+  if (!wants(level)) {
+    return;
+  }
+  if (const auto remark = limit_.admit(user)) {
+    write(level, text + *remark);
+  }
+}
+
 void Log::append(const std::string& line) {
   if (!file_ && !openFile()) {
     return;

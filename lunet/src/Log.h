@@ -9,6 +9,7 @@
 #include "lunet/LogLevels.h"
 #include "lunet/Lunet.h"
 #include "platform/Descriptor.h"
+#include "platform/LineLimit.h"
 
 namespace lunet {
 
@@ -34,6 +35,9 @@ class Log {
   bool wants(Level level) const { return level <= level_.load(std::memory_order_relaxed); }
   /// Makes the text's control characters visible.
   void write(Level level, std::string_view text);
+  /// A record of something that this user can make happen: at most so many a minute are written.
+  static constexpr unsigned kLinesAMinute = 10;
+  void writeOf(uid_t user, Level level, const std::string& text);
   void close();
 
  private:
@@ -43,6 +47,7 @@ class Log {
 
   std::atomic<Level> level_{Level::kOff};
   std::atomic<LogCallback> callback_{nullptr};
+  platform::LineLimit limit_{kLinesAMinute};
   std::mutex mutex_;
   Settings settings_;  // the rest is guarded by mutex_
   platform::Descriptor file_;

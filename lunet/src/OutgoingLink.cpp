@@ -104,7 +104,8 @@ Error OutgoingLink::writeFrame(const FrameHeader& header, const void* data) {
   const Error error = writer_.write(header, data);
   if (error == kErrSystem) {
     hungUp_ = true;  // the next send connects anew
-    log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: no memory for a message");
+    log_.writeOf(identity_.uid, BusLogLevel::kError,
+                 "the connection to " + name_ + " is closed: no memory for a message");
   } else if (error == kErrPeerLost) {
     // Answers that arrived before the end can still be read by waiting callers.
     hungUp_ = true;
@@ -210,7 +211,8 @@ void OutgoingLink::finish(std::uint64_t id, Answer answer) {
   const auto found = callOf(id);
   if (found == calls_.end()) {
     lateAnswers_ -= lateAnswers_ > 0 ? 1 : 0;
-    log_.write(BusLogLevel::kInfo, "an answer of " + name_ + " came too late and is dropped");
+    log_.writeOf(identity_.uid, BusLogLevel::kInfo,
+                 "an answer of " + name_ + " came too late and is dropped");
     return;
   }
   Call& call = **found;
@@ -273,12 +275,13 @@ void OutgoingLink::fail(Error error, const char* reason) {
     return;
   }
   if (reason != nullptr) {
-    log_.write(BusLogLevel::kError, "the connection to " + name_ + " is closed: " + reason);
+    log_.writeOf(identity_.uid, BusLogLevel::kError, "the connection to " + name_ + " is closed: " + reason);
   } else {
-    log_.write(BusLogLevel::kInfo, "the connection to " + name_ + " has ended");
+    log_.writeOf(identity_.uid, BusLogLevel::kInfo, "the connection to " + name_ + " has ended");
   }
   if (const std::size_t lost = writer_.queuedBytes(); lost > 0) {
-    log_.write(BusLogLevel::kWarning, std::to_string(lost) + " queued bytes for " + name_ + " are lost");
+    log_.writeOf(identity_.uid, BusLogLevel::kWarning,
+                 std::to_string(lost) + " queued bytes for " + name_ + " are lost");
   }
   for (Call* call : calls_) {
     call->answer.error = error;

@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 
 #include "BusFixture.h"
 #include "Dial.h"
+#include "Log.h"
 #include "lunet/ListenerAt.h"
 #include "support/Wait.h"
 
@@ -140,6 +142,20 @@ TEST_F(GroupTest, AUserOutsideTheGroupIsCutOffAndLoggedEvenWhereTheFilesAdmitTha
   EXPECT_EQ(intrude(as(kStranger, false), newGuid(), address), "verdict E0010009\n");
   const std::lock_guard lock(mutex);
   EXPECT_NE(log.find("user 23458 is refused"), std::string::npos) << log;
+}
+
+TEST_F(GroupTest, AConnectLoopOfAUserCausesFewRecordsOfTheLog) {
+  static std::atomic<unsigned> records;
+  records = 0;
+  Client logged(config(groupMember() + ",\"log_level\":0"));
+  logged->SetLogCallback([](int, const char*) { ++records; });
+  Endpoint server(logged, address, echo);
+  ASSERT_EQ(chmod(socketFolder().c_str(), 0777), 0);
+  ASSERT_EQ(chmod(socketOf(address).c_str(), 0666), 0);
+  for (unsigned i = 0; i < 2 * lunet::Log::kLinesAMinute; ++i) {
+    EXPECT_EQ(intrude(as(kStranger, false), newGuid(), address), "verdict E0010009\n");
+  }
+  EXPECT_EQ(records, lunet::Log::kLinesAMinute);
 }
 
 TEST_F(GroupTest, AMemberCannotClaimAnothersAddress) {

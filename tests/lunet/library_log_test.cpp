@@ -95,6 +95,21 @@ TEST_F(LogTest, BothFoldersAreMadeForItsUserOnly) {
   }
 }
 
+TEST_F(LogTest, OneUsersRecordsAreLimitedSoThatNoneMovesOthersOutOfTheLog) {
+  log.setCallback(note);
+  log.open(settings);
+  log.writeOf(0, BusLogLevel::kError, "the first record");
+  for (int i = 0; i < 100000; ++i) {
+    log.writeOf(60100, BusLogLevel::kError, "a connection is refused");
+  }
+  log.writeOf(60101, BusLogLevel::kError, "the last record");
+  EXPECT_EQ(records.size(), Log::kLinesAMinute + 2);
+  for (const char* text :
+       {"the first record", "further lines about this user are left out", "the last record"}) {
+    EXPECT_NE(file().find(text), std::string::npos) << text;
+  }
+}
+
 class LogLevelTest : public LogTest, public testing::WithParamInterface<int> {};
 
 TEST_P(LogLevelTest, KeepsTheRecordsUpToItselfInFileAndCallbackAlike) {
