@@ -183,6 +183,10 @@ void finishOutput(UnattendedOutput& output, const BatchEnd& end, IPause& pause) 
     }
     written = output.waitUntilWritten({});
   }
+  if (output.dropped()) {
+    complain("tavcli: part of the output is missing: its reader took too little of it");
+    output.waitUntilWritten(kOutputGrace);
+  }
 }
 
 BatchEnd runChecked(const std::vector<std::string>& words, const Surroundings& surroundings, IPause& pause) {

@@ -35,6 +35,7 @@ class UnattendedOutput::Queue {
   void print(int fd, std::string_view text) {
     const std::lock_guard lock(mutex_);
     if (bytes_ + text.size() > kMostBytes) {
+      dropped_ = true;
       return;
     }
     if (pieces_.empty() || pieces_.back().fd != fd || pieces_.back().text.size() > kPieceBytes) {
@@ -48,6 +49,11 @@ class UnattendedOutput::Queue {
   bool waitUntilWritten(std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, limit, [this] { return bytes_ == 0; });
+  }
+
+  bool dropped() const {
+    const std::lock_guard lock(mutex_);
+    return dropped_;
   }
 
   void end() {
@@ -115,10 +121,11 @@ class UnattendedOutput::Queue {
     }
   }
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::list<Piece> pieces_;  ///< printers append; iterators of the writing thread stay valid
   std::size_t bytes_ = 0;    ///< in pieces_
+  bool dropped_ = false;
   bool ended_ = false;
 };
 
@@ -175,6 +182,10 @@ bool UnattendedOutput::waitUntilWritten(std::chrono::milliseconds limit) {
   std::fflush(stdout);
   std::fflush(stderr);
   return queue_->waitUntilWritten(limit);
+}
+
+bool UnattendedOutput::dropped() const {
+  return queue_->dropped();
 }
 
 }  // namespace tavcli

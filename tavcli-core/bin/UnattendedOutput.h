@@ -21,6 +21,8 @@ class UnattendedOutput {
 
   /// Waits until everything printed is written. False at the limit.
   bool waitUntilWritten(std::chrono::milliseconds limit);
+  /// Whether a full queue has dropped something.
+  bool dropped() const;
 
  private:
   class Queue;
