@@ -1,6 +1,10 @@
 #include "jsonrpchelper/IJsonRpcServerHelper.h"
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "json/CppJson.h"
@@ -32,10 +36,10 @@ class CallerScope {
   Caller before_;
 };
 
-std::string errorResponse(int code, const std::string& message) {
+std::string errorResponse(int code, const std::string& message, const Json::Value& id = {}) {
   Json::Value response;
   response["jsonrpc"] = "2.0";
-  response["id"] = Json::Value();
+  response["id"] = id;
   response["error"]["code"] = code;
   response["error"]["message"] = message;
   std::string text;
@@ -64,38 +68,44 @@ struct Outcome {
   std::string unread;    ///< why no server got the message; empty when a server did
 };
 
-Outcome tooMuch(const char* what, std::size_t size, std::size_t limit) {
-  const std::string why =
-      std::string(what) + " of " + std::to_string(size) + " is over the limit of " + std::to_string(limit);
-  return {errorResponse(Errors::ERROR_RPC_INVALID_REQUEST, why), why};
+Outcome refuseMessage(const Refusal& refusal, const Json::Value& id = {}) {
+  return {errorResponse(refusal.code, refusal.why, id), refusal.why};
 }
 
-std::uint32_t longestMessage(bool oneway) {
-  return oneway && tCaller.process.trusted ? lunet::kMaxMessageBytes : kMaxRequestBytes;
+/// Of a helper without limits of its own.
+RequestLimits commonLimits(bool oneway) {
+  const bool longest = oneway && tCaller.process.trusted;
+  return {.methods = {{"", longest ? lunet::kMaxMessageBytes : kMaxRequestBytes}},
+          .parameters = {},
+          .batch = kMaxBatchRequests};
 }
 
-void handleOne(HandlerList& handlers, const Json::Value& request, const std::string& text,
+void handleOne(HandlerList& handlers, const std::string& method, const std::string& text,
                std::string& response) {
-  const Json::Value* method = CppJson::findMember(request, "method");
-  const std::string name = method != nullptr && method->isString() ? method->asString() : "";
-  if (!handlers.handle(name, text, response)) {
+  if (!handlers.handle(method, text, response)) {
     response = errorResponse(Errors::ERROR_RPC_METHOD_NOT_FOUND);
   }
 }
 
-/// The requests of a batch may be for different servers.
+std::string methodOf(const Json::Value& request) {
+  const Json::Value* method = CppJson::findMember(request, "method");
+  return method != nullptr && method->isString() ? method->asString() : "";
+}
+
+/// The requests of a batch may be for different servers. The library would take a list for one more batch.
 Outcome handleBatch(HandlerList& handlers, const Json::Value& batch) {
   Outcome outcome;
-  if (batch.size() > kMaxBatchRequests) {
-    return tooMuch("a batch", batch.size(), kMaxBatchRequests);
-  }
   Json::Value responses(Json::arrayValue);
   for (const Json::Value& request : batch) {
     std::string text;
     std::string one;
     Json::Value parsed;
-    CppJson::WriteJsonToString(request, text, 1);
-    handleOne(handlers, request, text, one);
+    if (request.isArray()) {
+      one = errorResponse(Errors::ERROR_RPC_INVALID_REQUEST);
+    } else {
+      CppJson::WriteJsonToString(request, text, 1);
+      handleOne(handlers, methodOf(request), text, one);
+    }
     if (CppJson::LoadJsonString(one, parsed)) {
       responses.append(parsed);
     }
@@ -106,23 +116,48 @@ Outcome handleBatch(HandlerList& handlers, const Json::Value& batch) {
   return outcome;
 }
 
-Outcome process(HandlerList& handlers, const std::string& request) {
+Outcome refuseBatch(std::size_t size, std::size_t limit) {
+  return refuseMessage(
+      {Errors::ERROR_RPC_INVALID_REQUEST,
+       "a batch of " + std::to_string(size) + " is over the limit of " + std::to_string(limit)});
+}
+
+/// The id of a request, as far as an answer may have it.
+Json::Value idOf(const Json::Value& request) {
+  const Json::Value* id = CppJson::findMember(request, "id");
+  return id != nullptr && (id->isInt() || id->isString()) ? *id : Json::Value();
+}
+
+Outcome process(HandlerList& handlers, const RequestLimits& limits, std::string_view text) {
   Outcome outcome;
-  Json::Value parsed;
-  if (!CppJson::LoadJsonString(request, parsed)) {
-    return {errorResponse(Errors::ERROR_RPC_JSON_PARSE_ERROR), "it is no JSON, or nested too deep"};
+  json::Outline outline;
+  if (const auto refusal = checkText(limits, text, outline)) {
+    return refuseMessage(*refusal);
   }
-  if (parsed.isArray() && !parsed.empty()) {
-    return handleBatch(handlers, parsed);
+  const std::string request(text);
+  std::string method;
+  {
+    Json::Value parsed;
+    if (!CppJson::LoadJsonString(request, parsed)) {
+      return {errorResponse(Errors::ERROR_RPC_JSON_PARSE_ERROR), "it is no JSON, or nested too deep"};
+    }
+    if (parsed.isArray() && !parsed.empty()) {
+      return parsed.size() > limits.batch ? refuseBatch(parsed.size(), limits.batch)
+                                          : handleBatch(handlers, parsed);
+    }
+    if (const auto refusal = checkRequest(limits, parsed, outline, request.size())) {
+      return refuseMessage(*refusal, idOf(parsed));
+    }
+    method = methodOf(parsed);
   }
-  handleOne(handlers, parsed, request, outcome.response);
+  handleOne(handlers, method, request, outcome.response);
   return outcome;
 }
 
 /// As process, but an exception is logged and becomes the response.
-Outcome respond(HandlerList& handlers, const std::string& request) {
+Outcome respond(HandlerList& handlers, const RequestLimits& limits, std::string_view text) {
   try {
-    return process(handlers, request);
+    return process(handlers, limits, text);
   } catch (const JsonRpcException& e) {
     CLog::emit(CLogLevel::kError, "ReceiveCallback: Caught exception:\n %s", e.what());
     return {e.GetMessage(), ""};
@@ -135,11 +170,11 @@ Outcome respond(HandlerList& handlers, const std::string& request) {
   }
 }
 
-Outcome answerTo(HandlerList& handlers, const void* data, std::uint32_t length, bool oneway) {
-  if (const std::uint32_t limit = longestMessage(oneway); length > limit) {
-    return tooMuch("a message in bytes", length, limit);
+/// The free memory of all threads goes back to the system. The C library would keep it for later.
+void giveMemoryBack(std::size_t bytesHandled) {
+  if (bytesHandled >= kLargeMessageBytes) {
+    malloc_trim(0);
   }
-  return respond(handlers, data != nullptr ? std::string(static_cast<const char*>(data), length) : "");
 }
 
 }  // namespace
@@ -163,7 +198,7 @@ void IJsonRpcServerHelper::unregisterFrom(lunet::IEndpoint& endpoint) {
 }
 
 void IJsonRpcServerHelper::ProcessRequest(const std::string& request, std::string& response) {
-  response = process(*handlers_, request).response;
+  response = process(*handlers_, limitsOfCaller(false), request).response;
 }
 
 bool IJsonRpcServerHelper::SendResponse(const std::string& response, void* addInfo) {
@@ -180,29 +215,42 @@ bool IJsonRpcServerHelper::SendResponse(const std::string& response, void* addIn
                                  target->replyContext) == lunet::kOk;
 }
 
+RequestLimits IJsonRpcServerHelper::limitsOfCaller(bool oneway) const {
+  return limits_ ? limits_(tCaller) : commonLimits(oneway);
+}
+
+std::size_t IJsonRpcServerHelper::handle(std::string_view text, const ReplyTarget& target) {
+  const CallerScope caller(target.endpoint);
+  const bool oneway = target.replyContext == nullptr;
+  const bool accepted = !accepts_ || accepts_(tCaller);
+  const Outcome outcome =
+      accepted ? respond(*handlers_, limitsOfCaller(oneway), text) : Outcome{refuse(), ""};
+  if (!outcome.unread.empty()) {
+    CLog::emit(CLogLevel::kError, "ReceiveCallback: a message of %zu bytes from %s is not read: %s",
+               text.size(), sender().c_str(), outcome.unread.c_str());
+  } else if (oneway && accepted && !outcome.response.empty()) {
+    CLog::emit(CLogLevel::kWarning, "ReceiveCallback: dropped a one-way message: %s",
+               outcome.response.c_str());
+  }
+  if (!oneway) {
+    ReplyTarget answered = target;
+    SendResponse(outcome.response, &answered);
+  }
+  return outcome.response.size();
+}
+
 void IJsonRpcServerHelper::ReceiveCallback(std::uint32_t, std::uint64_t messageId, const void* data,
                                            std::uint32_t length, void* replyContext,
                                            void* registrationContext) {
   try {
-    auto* const endpoint = static_cast<lunet::IEndpoint*>(registrationContext);
-    const CallerScope caller(endpoint);
-    const bool oneway = replyContext == nullptr;
-    const bool accepted = !accepts_ || accepts_(tCaller);
-    const Outcome outcome = accepted ? answerTo(*handlers_, data, length, oneway) : Outcome{refuse(), ""};
-    if (!outcome.unread.empty()) {
-      CLog::emit(CLogLevel::kError, "ReceiveCallback: a message of %u bytes from %s is not read: %s", length,
-                 sender().c_str(), outcome.unread.c_str());
-    } else if (oneway && accepted && !outcome.response.empty()) {
-      CLog::emit(CLogLevel::kWarning, "ReceiveCallback: dropped a one-way message: %s",
-                 outcome.response.c_str());
-    }
-    if (!oneway) {
-      ReplyTarget target{endpoint, messageId, replyContext};
-      SendResponse(outcome.response, &target);
-    }
+    const std::string_view text(static_cast<const char*>(data), data != nullptr ? length : 0);
+    const std::size_t answered =
+        handle(text, {static_cast<lunet::IEndpoint*>(registrationContext), messageId, replyContext});
+    giveMemoryBack(std::max<std::size_t>(length, answered));
   } catch (...) {
     // There is no memory for the request or the response. The sender's time-out ends its wait.
     CLog::emit(CLogLevel::kError, "ReceiveCallback: lost a message of %u bytes", length);
+    giveMemoryBack(length);
   }
 }
 

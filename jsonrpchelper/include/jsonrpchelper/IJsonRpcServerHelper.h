@@ -5,22 +5,27 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "jsonrpchelper/JsonRpcCpp.h"
+#include "jsonrpchelper/RequestLimits.h"
 #include "lunet/Lunet.h"
 
 namespace jsonrpchelper {
 
 class HandlerList;
 
-/// The longest message that a server parses. A parsed message takes a hundred times its length in memory. The
-/// longest useful request is a change of settings of at most 1 MiB, written as a text in JSON. For answers
-/// and for one-way messages of trusted senders (PeerIdentity::trusted) the limit is lunet::kMaxMessageBytes.
+/// The longest message that a server without limits of its own parses. A parsed message takes a hundred times
+/// its length in memory. The longest useful request is a change of settings of at most 1 MiB, written as a
+/// text in JSON. For answers and for one-way messages of trusted senders (PeerIdentity::trusted) the limit is
+/// lunet::kMaxMessageBytes.
 inline constexpr std::uint32_t kMaxRequestBytes = lunet::kMaxMemberMessageBytes;
-/// The most requests in one batch. No program of this project sends batches. Each request of a batch gets an
-/// answer of its own.
+/// The most requests in one batch for a server without limits of its own. No program of this project sends
+/// batches. Each request of a batch gets an answer of its own. A batch in a batch is no request.
 inline constexpr std::size_t kMaxBatchRequests = 1000;
+/// After a message or an answer from this size on, the process gives its free memory back to the system.
+inline constexpr std::size_t kLargeMessageBytes = 256u << 10;
 
 /// The sender of the message that is being handled: the address by the bus, the process by the kernel.
 struct Caller {
@@ -32,11 +37,11 @@ struct Caller {
 Caller currentCaller();
 
 /// Receives JSON-RPC messages from the bus, gives each message to the server that declares the method, and
-/// sends the answer back. Three kinds of message are not read: a message over kMaxRequestBytes, a batch over
-/// kMaxBatchRequests, and text that is no JSON or nested too deep. A message of these kinds is logged as an
-/// error, with its sender. The sender of a request gets an error answer. The console's helper is in the
-/// holders of Holders.h; the agent makes its own. No exception of a server leaves the helper. Servers come
-/// and go from any thread, in any order (BusServer.h).
+/// sends the answer back. Two kinds of message are not read: a message over a limit (limitTo, or
+/// kMaxRequestBytes and kMaxBatchRequests), and text that is no JSON or nested too deep. A message of these
+/// kinds is logged as an error, with its sender. The sender of a request gets an error answer. The console's
+/// helper is in the holders of Holders.h; the agent makes its own. No exception of a server leaves the
+/// helper. Servers come and go from any thread, in any order (BusServer.h).
 class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lunet::IMRReceiveComplete {
  public:
   IJsonRpcServerHelper();
@@ -49,6 +54,10 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   /// answer. A helper without this call accepts every sender. Call before the helper is registered. `accepts`
   /// runs on the bus's delivery thread.
   void acceptOnly(std::function<bool(const Caller&)> accepts) { accepts_ = std::move(accepts); }
+
+  /// The limits of each sender's messages. Call before the helper is registered. `limits` runs on the bus's
+  /// delivery thread; the result must live as long as the helper.
+  void limitTo(std::function<const RequestLimits&(const Caller&)> limits) { limits_ = std::move(limits); }
 
   /// Takes both channels of an endpoint. The endpoint should not be open yet: the bus answers a request that
   /// comes before the receiver with "nobody is there". 0 or the bus's error number.
@@ -80,7 +89,12 @@ class IJsonRpcServerHelper : public jsonrpc::AbstractServerConnector, public lun
   };
 
  private:
+  RequestLimits limitsOfCaller(bool oneway) const;
+  /// Handles one message and answers it. Returns the bytes of the answer.
+  std::size_t handle(std::string_view text, const ReplyTarget& target);
+
   std::function<bool(const Caller&)> accepts_;
+  std::function<const RequestLimits&(const Caller&)> limits_;
   std::shared_ptr<HandlerList> handlers_;
 };
 
