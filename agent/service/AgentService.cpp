@@ -12,6 +12,7 @@
 #include "json/Values.h"
 #include "platform/Text.h"
 #include "service/Callers.h"
+#include "service/ServiceLimits.h"
 #include "store/AuditLog.h"
 #include "task/AgentLog.h"
 
@@ -73,7 +74,9 @@ void addRefusedItem(Json::Value& answer, const std::string& uuid, const std::str
 
 AgentService::AgentService(IJsonRpcServerHelper& helper, Store& store, TaskManager& tasks,
                            std::optional<gid_t> group)
-    : IAgentAbstract(helper), store_(store), tasks_(tasks), group_(group) {}
+    : IAgentAbstract(helper), store_(store), tasks_(tasks), group_(group) {
+  helper.limitTo(requestLimitsOf);
+}
 
 std::optional<Json::Value> AgentService::refusal(Access access, const std::string& method) {
   if (access == Access::kEverybody) {

@@ -8,9 +8,9 @@
 
 namespace agent {
 
-/// The agent's methods. The bus calls one method at a time, on the bus's delivery thread. The table of
-/// methods says who may call which method. Each change and each refusal is one line in the log and in the
-/// audit record.
+/// The agent's methods, with the limits of ServiceLimits.h on their requests. The bus calls one method at a
+/// time, on the bus's delivery thread. The table of methods says who may call which method. Each change and
+/// each refusal is one line in the log and in the audit record.
 class AgentService : public IAgentAbstract {
  public:
   /// group: its members may call Access::kMembers, as root and the agent's own user may.

@@ -118,12 +118,23 @@ platform::Expected<void> Regions::change(json::Region region, const Json::Value&
     if (!change) {
       return platform::failure(change.error());
     }
+    if (change->items.size() > static_cast<std::size_t>(kMostEntries)) {
+      return platform::failure("one change has at most " + std::to_string(kMostEntries) + " entries");
+    }
     if (change->all || !change->items.empty()) {
       store(*change, factsOf(*change), caller.uid);
     }
     return {};
   } catch (const std::exception& error) {
     return platform::failure(error.what());
+  }
+}
+
+/// Throws StoreError when there are too many rows.
+void Regions::checkNumber() const {
+  if (database_.number("SELECT count(*) FROM regions") > kMostEntries) {
+    throw StoreError("the trust and reject lists would have more than " + std::to_string(kMostEntries) +
+                     " entries");
   }
 }
 
@@ -167,6 +178,7 @@ void Regions::store(const Change& change, const std::vector<Facts>& facts, uid_t
   Transaction transaction(database_);
   if (change.add) {
     addRows(change, facts, caller);
+    checkNumber();
   } else {
     deleteRows(change);
   }

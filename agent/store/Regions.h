@@ -16,6 +16,9 @@ namespace agent::store {
 /// The trust list and the reject list: rows, and an index in memory for scans. Any thread.
 class Regions {
  public:
+  /// The most entries of both lists together. An addition beyond a limit is refused as a whole.
+  static constexpr std::int64_t kMostEntries = 100'000;
+
   explicit Regions(Database& database);
   /// items: {"action":json::RegionAction,"type":json::RegionItemType,"domain":json::RegionDomain but kEvery,
   /// "is_all":bool,"items":[…]}, and optionally "valid_until": seconds since 1970-01-01, 0 for ever. Texts of
@@ -59,6 +62,7 @@ class Regions {
                                                                 const Json::Value& items);
   void store(const Change& change, const std::vector<Facts>& facts, uid_t caller);
   void addRows(const Change& change, const std::vector<Facts>& facts, uid_t caller);
+  void checkNumber() const;
   void deleteRows(const Change& change);
   void updateIndex(const Change& change);
 

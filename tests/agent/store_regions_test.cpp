@@ -657,5 +657,27 @@ TEST_F(RegionTest, LookUpsAndChangesFromSeveralThreadsAgree) {
   EXPECT_EQ(listed(kFolder), Items{"/stays"});
 }
 
+TEST_F(RegionTest, EntriesHaveALimitBeyondWhichNothingIsAddedAndADeletionMakesRoom) {
+  std::int64_t next = 0;
+  const auto added = [&](std::int64_t count) {
+    Items items;
+    for (; count > 0; --count) {
+      items.push_back("name" + std::to_string(next++));
+    }
+    const CallerId caller{.uid = 0, .gid = 0, .groups = {}, .pid = 1};
+    const auto done = regions().change(kTrust, request(kAdd, kName, items), caller);
+    return done ? "" : done.error();
+  };
+  EXPECT_EQ(added(500'000), "one change has at most 100000 entries");
+  next = 0;
+  EXPECT_EQ(added(store::Regions::kMostEntries), "");
+  EXPECT_EQ(added(1), "the trust and reject lists would have more than 100000 entries");
+  next = 0;
+  EXPECT_EQ(added(1), "") << "renews the first entry";
+  del(kName, "name1");
+  next = store::Regions::kMostEntries;
+  EXPECT_EQ(added(1), "");
+}
+
 }  // namespace
 }  // namespace agent

@@ -77,18 +77,27 @@ class LunetctlPeer {
     line["data"] = requestText(method, params);
     return exchange(line, "sent")["error"].asUInt();
   }
-  /// The result of a call. Throws the error's text when the call fails.
-  Json::Value call(const char* target, const std::string& method, const Json::Value& params) {
+  /// The answer to a text of any kind on the channel of requests. Throws when the bus brings none.
+  Json::Value ask(const char* target, const std::string& text) {
     Json::Value line;
     line["call"] = target;
     line["channel"] = 10990;
-    line["data"] = requestText(method, params, nextId_++);
+    line["data"] = text;
     line["timeout_ms"] = 15000;
     const Json::Value event = exchange(line, "answer");
     if (event["error"].asUInt() != 0) {
-      throw std::runtime_error(method + ": bus error " + event["error"].asString());
+      throw std::runtime_error("bus error " + event["error"].asString());
     }
-    Json::Value answer = jsonOf(event["data"].asString());
+    return jsonOf(event["data"].asString());
+  }
+  /// The result of a call. Throws the error's text when the call fails.
+  Json::Value call(const char* target, const std::string& method, const Json::Value& params) {
+    Json::Value answer;
+    try {
+      answer = ask(target, requestText(method, params, nextId_++));
+    } catch (const std::runtime_error& error) {
+      throw std::runtime_error(method + ": " + error.what());
+    }
     if (answer.isMember("error")) {
       throw std::runtime_error(method + ": " + jsonText(answer["error"]));
     }
