@@ -30,6 +30,8 @@ class BusTaskEvents : public TaskEvents, public std::enable_shared_from_this<Bus
   void risk(json::RiskInfoType kind, json::Handling handling, const Json::Value& info) override;
   void repaired(json::RiskInfoType kind, json::Handling handling, const Json::Value& info,
                 const Json::Value& result) override;
+  /// NotificationQueue::hasRoomFor the owner.
+  bool hasRoom() const { return queue_.hasRoomFor(receiver_); }
   void waitForQuota(const std::function<bool()>& cancelled) override;
   bool ownerEnded() const override;
   void onDelivered(std::function<void()> action) override;

@@ -94,6 +94,18 @@ bool NotificationQueue::gone(const std::shared_ptr<Receiver>& receiver) const {
   return receiver->gone_;
 }
 
+bool NotificationQueue::hasRoomFor(const std::shared_ptr<Receiver>& receiver) const {
+  const std::lock_guard guard(mutex_);
+  std::size_t ofUser = 0;
+  std::size_t ofMembers = 0;
+  for (const std::shared_ptr<Receiver>& other : listed_) {
+    ofUser += other->groupMember_ == receiver->groupMember_ ? 1 : 0;
+    ofMembers += other->groupMember_ ? 1 : 0;
+  }
+  return receiver->groupMember_ ? ofUser < limits_.ofMember && ofMembers < limits_.ofMembers
+                                : ofUser < limits_.ofTrusted;
+}
+
 bool NotificationQueue::drain(std::chrono::milliseconds limit) {
   std::unique_lock lock(mutex_);
   return sent_.wait_for(lock, limit, [this] { return listed_.empty(); });

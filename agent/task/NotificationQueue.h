@@ -61,6 +61,10 @@ class NotificationQueue {
     std::size_t keptBytes = 32u << 20;         ///< of one receiver, before waitForQuota waits
     std::chrono::milliseconds retry{20};       ///< after the receiver's queue was full
     std::chrono::milliseconds stall{300'000};  ///< without a delivery
+    /// Receivers that wait, for hasRoomFor: of one group member, of all members, of all other users.
+    std::size_t ofMember = 64;
+    std::size_t ofMembers = 512;
+    std::size_t ofTrusted = 256;
   };
   explicit NotificationQueue(Limits limits);
   NotificationQueue() : NotificationQueue(Limits{}) {}
@@ -78,6 +82,8 @@ class NotificationQueue {
   /// queue that ends before that drops the action.
   void onDelivered(const std::shared_ptr<Receiver>& receiver, std::function<void()> action);
   bool gone(const std::shared_ptr<Receiver>& receiver) const;
+  /// False while too many other receivers wait. Whoever may do without a notification posts none then.
+  bool hasRoomFor(const std::shared_ptr<Receiver>& receiver) const;
   /// Waits until nothing is queued; false at the limit.
   bool drain(std::chrono::milliseconds limit);
 

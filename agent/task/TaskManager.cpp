@@ -43,7 +43,10 @@ TaskManager::Started TaskManager::refuse(const StartRequest& request, const std:
   AGENT_LOG_OF(request.caller.uid, LogLevel::kWarning, "scan refused to process %d: %s", request.caller.pid,
                reason.c_str());
   parts_.store.auditRefusal(request.caller, "start scan", "", "refused: " + reason);
-  eventsFor(request, token)->state(state, reason);
+  // The answer has the reason too. Notices to consoles that do not read would fill the memory.
+  if (const std::shared_ptr<BusTaskEvents> events = eventsFor(request, token); events->hasRoom()) {
+    events->state(state, reason);
+  }
   return {token, platform::failure(reason)};
 }
 

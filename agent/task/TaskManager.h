@@ -48,7 +48,7 @@ class TaskManager {
     platform::Expected<void> outcome;  ///< or why there is no task
   };
   /// Returns when the preparation of the task has ended, or takes long. The owner of a task that is not made
-  /// gets state -1 or 6.
+  /// gets state -1 or 6, unless many notifications wait already (NotificationQueue::hasRoomFor).
   Started start(const StartRequest& request);
 
   /// action: the number of a json::ControlAction. Fails for a token that the caller may not know, for an

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 #include <thread>
 
 #include "json/Values.h"
@@ -423,6 +424,30 @@ TEST_F(Tasks, ThatAnEarlierRunLeftBehindStayRecordedUntilTheirOwnersHaveTheNotic
   tasks.notifyInterruptedTasks();
   EXPECT_THAT(notifiedStates("interrupted"), ElementsAre(TaskState::kAborted));
   EXPECT_EQ(kUser, lastTo.uid);
+}
+
+TEST_F(Tasks, RefusedToAConsoleThatDoesNotReadLeaveABoundedNumberOfNotices) {
+  testsupport::FakeEndpoint busy;
+  busy.onewayResult = lunet::kErrQueueFull;
+  {
+    NotificationQueue unread;
+    TaskManager refusing({*store, spawner, unread, busy, {}});
+    for (int i = 0; i < 200; ++i) {
+      TaskManager::StartRequest request;
+      request.params = jsonOf(R"({"scan_type":-1})");
+      request.owner.process = {4711, kUser, kUser, 99};
+      request.caller = callerOf(kUser);
+      EXPECT_FALSE(refusing.start(request).outcome);
+    }
+    EXPECT_TRUE(waitFor([&] { return !unread.hasRoomFor(std::make_shared<Receiver>("one more", kUser)); }));
+    EXPECT_TRUE(unread.hasRoomFor(std::make_shared<Receiver>("another user's", kThird)));
+    EXPECT_TRUE(unread.hasRoomFor(std::make_shared<Receiver>("root's")));
+  }
+  std::set<std::string> tokens;
+  for (const testsupport::FakeEndpoint::Sent& sent : busy.sent) {
+    tokens.insert(jsonOf(sent.text)["params"]["token_id"].asString());
+  }
+  EXPECT_LE(tokens.size(), NotificationQueue::Limits{}.ofMember);
 }
 
 TEST(Administrator, IsRootAndTheAgentsOwnUserAndNobodyElse) {
