@@ -168,6 +168,9 @@ class Agent {
     std::remove(versionsFile(tree).c_str());
     spawner_ = startSpawner(tree, options);
     store_ = openStore(tree);
+    if (const auto read = readPauseSetting(tree, forgottenPause_); !read) {
+      throw StartFailure(kExitFailed, read.error());
+    }
     for (const std::string& notice : store_->notices()) {
       AGENT_LOG(LogLevel::kWarning, "store: %s", notice.c_str());
     }
@@ -232,8 +235,8 @@ class Agent {
       AGENT_LOG(LogLevel::kError, "%s: only root and the agent's user may use it", group.error().c_str());
     }
     notifications_ = std::make_unique<NotificationQueue>();
-    tasks_ = std::make_unique<TaskManager>(
-        TaskManager::Parts{*store_, *spawner_, *notifications_, bus_.endpoint(), ownFolders()});
+    tasks_ = std::make_unique<TaskManager>(TaskManager::Parts{
+        *store_, *spawner_, *notifications_, bus_.endpoint(), ownFolders(), forgottenPause_});
     helper_ = std::make_unique<jsonrpchelper::IJsonRpcServerHelper>();
     service_ = std::make_unique<AgentService>(*helper_, *store_, *tasks_, group.value_or(std::nullopt));
     service_->StartListening();
@@ -353,6 +356,7 @@ class Agent {
   std::unique_ptr<Store> store_;
   BusLink bus_;
   std::unique_ptr<NotificationQueue> notifications_;
+  std::chrono::milliseconds forgottenPause_{std::chrono::hours(1)};
   std::unique_ptr<TaskManager> tasks_;
   std::unique_ptr<jsonrpchelper::IJsonRpcServerHelper> helper_;
   std::unique_ptr<AgentService> service_;

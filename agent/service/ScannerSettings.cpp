@@ -64,6 +64,10 @@ constexpr NumberRow<store::AuditKeeping> kAuditNumbers[] = {
      [](auto& k, auto value) { k.floorBytes = static_cast<std::int64_t>(value * kMebibyte); }},
 };
 
+constexpr NumberRow<std::chrono::milliseconds> kPauseNumbers[] = {
+    {"paused_scan_minutes", 1, 10080, [](auto& t, auto value) { t = std::chrono::minutes(value); }},
+};
+
 platform::Expected<void> readUnconfined(const Json::Value& value, Unconfined& setting) {
   for (const auto& row : kUnconfined) {
     if (value.isString() && value.asString() == row.name) {
@@ -157,6 +161,13 @@ platform::Expected<void> readFile(const platform::InstallTree& tree, const Apply
 
 platform::Expected<void> readScannerSettings(const platform::InstallTree& tree, Spawner::Config& config) {
   return readFile(tree, [&config](const Json::Value& file) { return apply(file, config); });
+}
+
+platform::Expected<void> readPauseSetting(const platform::InstallTree& tree,
+                                          std::chrono::milliseconds& forgottenPause) {
+  return readFile(tree, [&forgottenPause](const Json::Value& file) {
+    return readNumbers(file, kPauseNumbers, forgottenPause);
+  });
 }
 
 platform::Expected<void> readAuditSettings(const platform::InstallTree& tree, store::AuditKeeping& keeping) {

@@ -11,6 +11,10 @@ namespace agent {
 /// weakened by a slip.
 platform::Expected<void> readScannerSettings(const platform::InstallTree& tree, Spawner::Config& config);
 
+/// The same for the time after which a scan that is paused, and whose console has ended, ends too.
+platform::Expected<void> readPauseSetting(const platform::InstallTree& tree,
+                                          std::chrono::milliseconds& forgottenPause);
+
 /// The same for what the audit record keeps.
 platform::Expected<void> readAuditSettings(const platform::InstallTree& tree, store::AuditKeeping& keeping);
 

@@ -66,19 +66,13 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
   const TaskRecord record = recordOf(token, request, plan);
   std::shared_ptr<ScanTask> task;
   {
-    const std::lock_guard guard(mutex_);
-    if (ending_) {
-      return refuse(request, token, json::TaskState::kNotCreated, "the agent is ending");
-    }
-    if (runsMode(plan.mode, request.caller.uid)) {
-      return refuse(request, token, json::TaskState::kSameModeExists,
-                    std::string("a ") + kModeNames[json::toNumber(plan.mode)] + " scan is running already");
-    }
-    if (!isAdministrator(request.caller) && countOfUsers() >= kMostOfUsers) {
-      return refuse(request, token, json::TaskState::kNotCreated,
-                    std::to_string(kMostOfUsers) + " scans of users are running already");
+    std::unique_lock lock(mutex_);
+    if (const auto refusal = refusalOf(plan.mode, request.caller)) {
+      lock.unlock();
+      return refuse(request, token, refusal->state, refusal->reason);
     }
     ScanTask::Parts parts{parts_.store, parts_.spawner, parts_.ownFolders};
+    parts.forgottenPause = parts_.forgottenPause;
     task = std::make_shared<ScanTask>(std::move(parts), token, std::move(plan), request.caller, events);
     running_.emplace(token, task);
   }
@@ -100,17 +94,25 @@ TaskManager::Started TaskManager::launch(const StartRequest& request, const std:
   return {token, task->waitPrepared(kPrepareLimit)};
 }
 
-// With the mutex held, as the next one.
-bool TaskManager::runsMode(json::ScanMode mode, uid_t user) const {
-  return std::any_of(running_.begin(), running_.end(), [&](const auto& entry) {
-    return entry.second->plan().mode == mode && entry.second->caller().uid == user;
-  });
-}
-
-std::size_t TaskManager::countOfUsers() const {
-  return static_cast<std::size_t>(std::count_if(running_.begin(), running_.end(), [](const auto& entry) {
-    return !isAdministrator(entry.second->caller());
-  }));
+// With the mutex held.
+std::optional<TaskManager::Refusal> TaskManager::refusalOf(json::ScanMode mode,
+                                                           const CallerId& caller) const {
+  if (ending_) {
+    return Refusal{json::TaskState::kNotCreated, "the agent is ending"};
+  }
+  std::size_t ofUsers = 0;
+  for (const auto& [token, task] : running_) {
+    if (task->plan().mode == mode && task->caller().uid == caller.uid) {
+      return Refusal{json::TaskState::kSameModeExists,
+                     std::string("a ") + kModeNames[json::toNumber(mode)] + " scan is running already"};
+    }
+    ofUsers += isAdministrator(task->caller()) ? 0 : 1;
+  }
+  if (!isAdministrator(caller) && ofUsers >= kMostOfUsers) {
+    return Refusal{json::TaskState::kNotCreated,
+                   std::to_string(kMostOfUsers) + " scans of users are running already"};
+  }
+  return std::nullopt;
 }
 
 void TaskManager::release(const std::string& token) {

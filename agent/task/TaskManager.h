@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,8 @@ class TaskManager {
     Spawner& spawner;
     NotificationQueue& queue;
     lunet::IEndpoint& endpoint;
-    std::vector<std::string> ownFolders;  ///< resolved paths that no scan enters
+    std::vector<std::string> ownFolders;                              ///< resolved paths that no scan enters
+    std::chrono::milliseconds forgottenPause{std::chrono::hours(1)};  ///< of a scan whose console has ended
   };
   explicit TaskManager(Parts parts) : parts_(std::move(parts)) {}
   /// Calls stopAll. The queue must have ended or be drained: its last actions use this object.
@@ -70,8 +72,11 @@ class TaskManager {
   Started refuse(const StartRequest& request, const std::string& token, json::TaskState state,
                  const std::string& reason);
   Started launch(const StartRequest& request, const std::string& token, ScanPlan plan);
-  bool runsMode(json::ScanMode mode, uid_t user) const;
-  std::size_t countOfUsers() const;
+  struct Refusal {
+    json::TaskState state;
+    std::string reason;
+  };
+  std::optional<Refusal> refusalOf(json::ScanMode mode, const CallerId& caller) const;
   void release(const std::string& token);
   void forget(const std::string& token);
   void reap();

@@ -130,6 +130,17 @@ TEST_F(ScannerSettings, OfTheAuditRecordAreReadFromTheSameFile) {
   }
 }
 
+TEST_F(ScannerSettings, OfAPausedScanAreReadFromTheSameFile) {
+  std::chrono::milliseconds pause{1};
+  ASSERT_TRUE(readPauseSetting(tree_, pause));
+  EXPECT_EQ(pause, std::chrono::milliseconds(1)) << "the default stays";
+  ASSERT_TRUE(read(R"({"paused_scan_minutes":2})"));
+  ASSERT_TRUE(readPauseSetting(tree_, pause));
+  EXPECT_EQ(pause, std::chrono::minutes(2));
+  ASSERT_TRUE(read(R"({"paused_scan_minutes":0})"));
+  EXPECT_FALSE(readPauseSetting(tree_, pause));
+}
+
 TEST_F(ScannerSettings, OfAFileThatOthersMayWriteAreRefused) {
   ASSERT_TRUE(read("{}"));
   ASSERT_EQ(chmod(dir_.at("etc/agent/agent.conf").c_str(), 0666), 0);
