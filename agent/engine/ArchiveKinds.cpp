@@ -108,6 +108,9 @@ constexpr ArchiveKind kArchiveKinds[] = {
 }  // namespace
 
 const ArchiveKind* archiveKindOf(std::string_view type) {
+  if (type == rawKind().type) {
+    return &rawKind();
+  }
   const auto* end = std::end(kArchiveKinds);
   const auto* found = std::find_if(std::begin(kArchiveKinds), end,
                                    [&](const ArchiveKind& kind) { return type == kind.type; });

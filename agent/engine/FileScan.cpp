@@ -81,7 +81,8 @@ std::uint64_t FileScan::unpackFrom(int fd, const Pending& archive) {
   }
   const bool counts = archive.failure == Failure::kCounts ||
                       (archive.failure == Failure::kCountsIfYielded && unpacker.hasYielded()) ||
-                      (archive.failure == Failure::kCountsUnlessYielded && !unpacker.hasYielded());
+                      (archive.failure == Failure::kCountsUnlessYielded && !unpacker.hasYielded()) ||
+                      unpacker.isCutZlib();
   if (counts) {
     endOf(fd, archive, unpacker, any);
   }

@@ -515,6 +515,19 @@ bool isMinix(const Bytes& a) {
          a.at16(kSuperblock + (third ? 12 : 10)) <= 8;
 }
 
+// The order of bytes, and the logarithms of the sizes of sectors.
+bool isOle2(const Bytes& a) {
+  constexpr std::size_t kHeader = 512, kOrder = 28, kSector = 30, kSmallSector = 32, kTables = 44;
+  return a.has(0, kHeader) && a.at16(kOrder) == 0xFFFE && (a.at16(kSector) == 9 || a.at16(kSector) == 12) &&
+         a.at16(kSmallSector) < a.at16(kSector) && a.at32(kTables) != 0;
+}
+
+std::uint64_t sizeOfOle2(const Bytes& a) {
+  constexpr std::size_t kSector = 30, kTables = 44, kEntryBytes = 4;
+  const std::uint64_t sector = std::uint64_t{1} << a.at16(kSector);
+  return (a.at32(kTables) * (sector / kEntryBytes) + 1) * sector;
+}
+
 bool hasUdfTree(const Bytes& a) {
   constexpr std::size_t kFirst = 32768, kSector = 2048, kSectors = 16;
   for (std::size_t i = 1; i < kSectors; ++i) {

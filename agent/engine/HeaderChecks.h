@@ -61,6 +61,9 @@ bool isJffs2(const Bytes& a);
 bool isHfs(const Bytes& a);
 bool isHfsPlus(const Bytes& a);
 bool isMinix(const Bytes& a);
+bool isOle2(const Bytes& a);
+/// At most. By the number of its tables.
+std::uint64_t sizeOfOle2(const Bytes& a);
 /// The descriptors of a udf, of its own or beside those of an iso.
 bool hasUdfTree(const Bytes& a);
 

@@ -26,6 +26,8 @@ class Inflater {
   /// The next bytes; 0 at the end of the stream, or where the stream cannot be unpacked further.
   std::size_t read(char* buffer, std::size_t size);
   bool isWhole() const { return whole_; }
+  /// Whether the range ended within the stream.
+  bool isCutOff() const { return ready_ && !whole_; }
   /// How much of the range was unpacked so far.
   std::uint64_t bytesRead() const { return position_ - stream_.avail_in; }
 

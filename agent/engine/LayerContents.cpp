@@ -157,8 +157,9 @@ constexpr Magic kMagics[] = {
     {"TAV_UBIFS", 0, "\x31\x18\x10\x06"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_UBI", 0, "UBI#\1"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_LVM", 512, "LABELONE"sv, Where::kBeginning, Sign::kCertain, isAnything},
-    {"TAV_UDF", 32769, "BEA01"sv, Where::kBeginning, Sign::kCertain, hasUdfTree},
-    {"TAV_UDF", 32769, "CD001"sv, Where::kBeginning, Sign::kCertain, hasUdfTree},
+    {"TAV_RAW", 0, "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1"sv, Where::kBehind, Sign::kLikely, isOle2},
+    {"TAV_UDF", 32769, "BEA01"sv, Where::kAnywhere, Sign::kCertain, hasUdfTree},
+    {"TAV_UDF", 32769, "CD001"sv, Where::kAnywhere, Sign::kCertain, hasUdfTree},
     {"TAV_LUKS", 0, "LUKS\xBA\xBE"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_QCOW", 0, "QFI\xFB"sv, Where::kBeginning, Sign::kCertain, isAnything},
     {"TAV_VMDK", 0, "KDMV"sv, Where::kBeginning, Sign::kCertain, isAnything},
@@ -392,7 +393,14 @@ class Behind {
     if (row.kind->reader == Reader::kZipStream && std::exchange(contents_.hasZipStream, true)) {
       return;
     }
-    addPart({row.kind, offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored, {}});
+    Part part{row.kind, offset, magic.sign == Sign::kCertain ? Failure::kCounts : Failure::kIgnored, {}};
+    if (row.kind->reader == Reader::kRaw) {
+      if (matches(magic, layer_)) {
+        return;  // its own streams hold it
+      }
+      part.size = sizeOfOle2(layer_.from(offset));
+    }
+    addPart(part);
   }
 
   // Each member of a tar, a cpio or an lzh has a header. Those of a tar stand at multiples of the block.

@@ -222,7 +222,9 @@ bool ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const 
   const Failure failure = inPieces ? Failure::kIgnored : part.failure;
   // What only looks like an archive is not reported as one.
   const auto reported = failure == Failure::kIgnored ? Reported::kNo : Reported::kYes;
-  if ((!isWholeLayer && !mayUnpack(*part.kind, layer, bytes, reported)) || !keepLayer(layer)) {
+  const bool isRaw = part.kind->reader == Reader::kRaw;  // no archive
+  const bool mayBe = isWholeLayer || isRaw || mayUnpack(*part.kind, layer, bytes, reported);
+  if (!mayBe || !keepLayer(layer)) {
     return false;
   }
   if (++pendingSoFar_ > kMostPending) {
@@ -231,7 +233,7 @@ bool ScanRecord::unpackLater(const Layer& layer, const ArchiveKind* kind, const 
   }
   const bool kept = layer.level > 0;
   (isWholeLayer ? open_[layer.level].pending : open_[layer.level].partPending) = true;
-  const Place members{base_.level + layer.level + 1, archivesAround(layer.level) + 1};
+  const Place members{base_.level + layer.level + 1, archivesAround(layer.level) + (isRaw ? 0U : 1U)};
   pending_.push_back({part.kind, std::string(layer.name), members, kept, (kept ? keptAt_ : 0) + part.offset,
                       bytes, part.later, failure, 0, std::move(otherwise)});
   return true;

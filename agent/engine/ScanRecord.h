@@ -19,7 +19,7 @@ namespace agent {
 
 /// Part of the version of results. Changed with each change of a table or a rule that may turn a clean file
 /// into an error.
-inline constexpr const char* kAuditVersion = "6";
+inline constexpr const char* kAuditVersion = "7";
 
 /// The place of a layer in the file.
 struct Place {

@@ -245,6 +245,11 @@ std::uint64_t Unpacker::bytesRead() const {
   return static_cast<std::uint64_t>(std::max<la_int64_t>(archive_filter_bytes(archive_, -1), 0));
 }
 
+bool Unpacker::isCutZlib() const {
+  constexpr std::uint64_t kSure = 64;
+  return inflater_ != nullptr && inflater_->isCutOff() && inflater_->bytesRead() >= kSure;
+}
+
 // The library counts the offsets of a xar's members on from one member to the next. archive_read_data() would
 // put zeros in front of the second member.
 std::int64_t Unpacker::readBlock(char* buffer, std::size_t size) {

@@ -41,6 +41,9 @@ class Unpacker {
   std::uint64_t bytesRead() const;
   /// The first reason why something could not be unpacked whole; empty: none.
   const std::string& problem() const { return problem_; }
+  /// Whether so much of a zlib file was unpacked to the end of the range, without an error, that it is no
+  /// text.
+  bool isCutZlib() const;
   /// Whether any byte of a member came out.
   bool hasYielded() const { return yielded_; }
 

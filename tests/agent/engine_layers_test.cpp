@@ -8,6 +8,7 @@
 
 #include "EngineFixture.h"
 #include "engine/ArchiveKinds.h"
+#include "support/BombMaker.h"
 #include "support/LibarchiveMaker.h"
 
 namespace agent {
@@ -165,6 +166,15 @@ TEST_F(EngineLayers, AZlibFileIsUnpacked) {
   expectFound({"large", makeZlib(noise(300000) + genericSample())});
   expectClean({"text", "x^2 + y^2 = z^2\n"});
   expectClean({"text", "HKEY_LOCAL_MACHINE\n"});
+  expectClean({"text", "x^2 + y^2 = z^2\n" + repeated(20, "some text about the sum of two squares\n")});
+}
+
+TEST_F(EngineLayers, AZlibFileThatIsCutOffIsAnError) {
+  for (const std::string& content : {noise(3000), repeated(200, "some text\n") + noise(500)}) {
+    const std::string packed = makeZlib(content);
+    expectError({"cut off", packed.substr(0, packed.size() - 10)}, "zz");
+    expectError({"cut off", packed.substr(0, 100)}, "zz");
+  }
 }
 
 TEST_F(EngineLayers, AnSzddFileInFrontDoesNotHideAnArchive) {
@@ -225,6 +235,27 @@ TEST_F(EngineLayers, AnIsoWithATreeThatNobodyReadsIsSkipped) {
   expect(Outcome::kSkipped, {"udf", udf}, "(udf)");
   hfs.replace(1024, 2, "BD").replace(1024 + 18, 6, "\0\x10\0\0\2\0"s);
   expect(Outcome::kSkipped, {"hfs", hfs}, "(hfs)");
+  expect(Outcome::kSkipped, {"udf behind a program", testsupport::readFile("/bin/true") + udf}, "(udf)");
+}
+
+// The first two sectors of the streams have changed places: the raw bytes do not hold the sample.
+TEST_F(EngineLayers, ADocumentBehindATextOrAProgramIsUnpacked) {
+  constexpr std::size_t kSector = 512, kSectors = 8, kEntry = 128, kStart = 116;
+  std::string document = testsupport::makeDocumentOfSharedStreams(2, kSectors * kSector);
+  const std::string content = std::string(500, 'x') + genericSample() + std::string(kSector, 'x');
+  document.replace(kSector, kSector,
+                   content.substr(kSector, kSector).append(kSector, 'x').substr(0, kSector));
+  document.replace(2 * kSector, kSector, content.substr(0, kSector));
+  const std::size_t directory = (1 + kSectors) * kSector, table = directory + kSector;
+  document.replace(table, 8, number(2, 4) + number(0, 4));
+  for (const std::size_t entry : {1, 2}) {
+    document.replace(directory + entry * kEntry + kStart, 4, number(1, 4));
+  }
+  expectFound({"alone", document});
+  expectFound({"behind text", "some text\n" + document});
+  expectFound({"behind a program", testsupport::readFile("/bin/true") + document + "some text"});
+  expectFound({"behind a broken one", "some text\n" + document.substr(0, 600) + document});
+  expectClean({"only its magic bytes", "some text\n" + document.substr(0, 8) + "some text"});
 }
 
 TEST_F(EngineLayers, EachMemberOfAnLzhIsScannedOrAnError) {
