@@ -22,7 +22,9 @@ void takeLog(int level, const char* text) {
 /// For the messages that JSON-RPC over the bus refuses, while their sender is the caller.
 void takeBaseLog(int level, const char* text) {
   if (const std::optional<LogLevel> own = platform::fromCLog(level)) {
-    AGENT_LOG_OF(jsonrpchelper::currentCaller().process.uid, *own, "%s", text);
+    if (const auto remark = admitLine(jsonrpchelper::currentCaller().process.uid)) {
+      CLogDebug::LogPrintV(*own, __FILE_NAME__, "rpc", __LINE__, "%s%s", text, remark->c_str());
+    }
   }
 }
 
