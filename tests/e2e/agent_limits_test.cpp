@@ -127,7 +127,8 @@ TEST_F(AgentLimits, TheMemoryOfALargeRequestIsGivenBack) {
   }
   EXPECT_TRUE(answers());
   EXPECT_LT(memory("VmRSS"), before + kMostGrowthKiB);
-  EXPECT_THAT(testsupport::readFile(tree.at("state/audit-refusals.log")), HasSubstr("at most 100000 entries"));
+  EXPECT_THAT(testsupport::readFile(tree.at("state/audit-refusals.log")),
+              HasSubstr("at most 100000 entries"));
 }
 
 }  // namespace
