@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/forwards.h>
+
 #include <cstddef>
 #include <limits>
 #include <optional>
@@ -8,10 +10,6 @@
 #include <vector>
 
 #include "json/Outline.h"
-
-namespace Json {
-class Value;
-}
 
 namespace jsonrpchelper {
 
