@@ -59,7 +59,15 @@ class Handling : public testing::Test {
   }
 
   testsupport::TempDir folder_;
-  std::unique_ptr<Store> store_ = Store::open(folder_.at("state"));
+  // A minute passes between two refusals: each is a line of its own in the record.
+  static store::AuditOptions audit() {
+    store::AuditOptions options;
+    options.now = [time = std::chrono::steady_clock::time_point()]() mutable {
+      return time += std::chrono::minutes(2);
+    };
+    return options;
+  }
+  std::unique_ptr<Store> store_ = Store::open(folder_.at("state"), std::chrono::seconds(60), audit());
   ScanPlan plan_;
   CallerId caller_{.uid = geteuid(), .gid = getegid(), .groups = {}, .pid = getpid()};
   Counters counters_;
