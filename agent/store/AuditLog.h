@@ -25,11 +25,10 @@ struct AuditOptions {
   std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
 };
 
-/// The audit record, with times in UTC: audit.log has each change, audit-refusals.log what was
-/// refused or failed. So no
-/// number of refusals moves a change out of the record. A user's first refusal is a line of its own; the
-/// refusals of each minute after it are one line with their number. A line is on the disk when the call
-/// returns; a line that the disk refuses is written once there is space. Never throws. Any thread.
+/// The audit record, with times in UTC: audit.log has each change, audit-refusals.log has what was refused or
+/// failed. So no number of refusals moves a change out of the record. A user's first refusal is a line of its
+/// own; the refusals of each minute after it are one line with their number. A line is on the disk when the
+/// call returns; a line that the disk refuses is written once there is space. Never throws. Any thread.
 class AuditLog {
  public:
   static constexpr std::chrono::minutes kWindow{1};

@@ -17,8 +17,8 @@ class LineLimit {
  public:
   using Time = std::chrono::steady_clock::time_point;
   static constexpr std::chrono::minutes kWindow{1};
-  static constexpr std::size_t kMostUsers =
-      1000;  ///< with a share of their own; the others have one together
+  /// Users with a share of their own; the others have one together.
+  static constexpr std::size_t kMostUsers = 1000;
   explicit LineLimit(unsigned linesAMinute) : most_(linesAMinute) {}
   /// Counts a line. Nothing: the line is left out. Else the remark on lines that are left out, to stand
   /// behind the line; mostly empty.
